@@ -1,0 +1,123 @@
+// Rooms look down only: every #include of the tree is held against one table of floors.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Rooms = std::set<std::string>;
+
+const Rooms kBus = {"platform", "rv/message", "rv/error",  "rv/event",
+                    "rv/wire",  "rv/link",    "rv/session"};
+
+Rooms with(Rooms rooms, std::initializer_list<std::string> more) {
+    rooms.insert(more);
+    return rooms;
+}
+
+// Which rooms a room may include, itself aside.
+const std::map<std::string, Rooms>& allowedRooms() {
+    static const Rooms wholeBus = with(kBus, {"rv", "rv/object", "rv/ft"});
+    static const Rooms libraries = with(wholeBus, {"foundation", "mom"});
+    static const std::map<std::string, Rooms> table = {
+        {"platform", {}},
+        {"foundation", {"platform"}},
+        {"rv/message", {"platform", "rv/error"}},
+        {"rv/error", {"platform", "rv/message"}},
+        {"rv/event", {"platform", "rv/message", "rv/error"}},
+        {"rv/wire", {"platform", "rv/message", "rv/error"}},
+        {"rv/link", {"platform", "rv/message", "rv/error", "rv/event", "rv/wire"}},
+        {"rv/session", {"platform", "rv/message", "rv/error", "rv/event", "rv/wire", "rv/link"}},
+        {"rv/object", kBus},
+        {"rv/ft", kBus},
+        {"rv", wholeBus},
+        {"mom", with(wholeBus, {"foundation"})},
+        {"rvd", {"platform", "rv/message", "rv/error", "rv/wire"}},
+        {"rva", libraries},
+        {"tools", libraries},
+        {"examples", libraries},
+    };
+    return table;
+}
+
+// The room of a path relative to an include root; nothing for files that belong to no room.
+std::optional<std::string> roomOf(const std::string& path) {
+    const auto slash = path.find('/');
+    if (slash == std::string::npos) return std::nullopt;
+    const std::string top = path.substr(0, slash);
+    if (top == "rv") {
+        const auto next = path.find('/', slash + 1);
+        return next == std::string::npos ? "rv" : path.substr(0, next);
+    }
+    if (top == "lib") return "mom";
+    return allowedRooms().count(top) != 0 ? std::optional(top) : std::nullopt;
+}
+
+bool isSource(const fs::path& file) {
+    static const std::set<std::string> endings = {".h", ".cpp", ".y", ".l"};
+    return endings.count(file.extension().string()) != 0;
+}
+
+std::vector<std::string> includesOf(const fs::path& file) {
+    static const std::regex pattern(R"re(^\s*#\s*include\s+"([^"]+)")re");
+    std::vector<std::string> found;
+    std::ifstream in(file);
+    for (std::string line; std::getline(in, line);) {
+        std::smatch match;
+        if (std::regex_search(line, match, pattern)) found.push_back(match[1]);
+    }
+    return found;
+}
+
+std::vector<std::string> climbingIncludes(const fs::path& root) {
+    std::vector<std::string> climbs;
+    for (const char* top :
+         {"platform", "foundation", "rv", "lib", "rvd", "rva", "tools", "examples"}) {
+        for (const auto& entry : fs::recursive_directory_iterator(root / top)) {
+            if (!entry.is_regular_file() || !isSource(entry.path())) continue;
+            const std::string path = fs::relative(entry.path(), root).generic_string();
+            const auto room = roomOf(path);
+            if (!room) continue;
+            for (const auto& include : includesOf(entry.path())) {
+                const auto target = roomOf(include);
+                if (!target || *target == *room) continue;
+                if (allowedRooms().at(*room).count(*target) == 0) {
+                    climbs.push_back(path + " includes " + include);
+                }
+            }
+        }
+    }
+    return climbs;
+}
+
+}  // namespace
+
+TEST(Includes, NeverClimb) {
+    const auto climbs = climbingIncludes(KVX_SOURCE_DIR);
+    for (const auto& climb : climbs) ADD_FAILURE() << climb;
+}
+
+TEST(Includes, OperatingSystemHeadersStayInThePlatformRoom) {
+    static const std::regex pattern(
+        R"(^\s*#\s*include\s+<(sys/(socket|wait|epoll|select|signalfd|eventfd|un)\.h|netinet/\w+\.h|arpa/inet\.h|netdb\.h|poll\.h|unistd\.h|pwd\.h|spawn\.h|fcntl\.h|signal\.h|csignal)>)");
+    const fs::path root = KVX_SOURCE_DIR;
+    for (const char* top : {"foundation", "rv", "lib", "rvd", "rva", "tools", "examples"}) {
+        for (const auto& entry : fs::recursive_directory_iterator(root / top)) {
+            if (!entry.is_regular_file() || !isSource(entry.path())) continue;
+            std::ifstream in(entry.path());
+            for (std::string line; std::getline(in, line);) {
+                EXPECT_FALSE(std::regex_search(line, pattern)) << entry.path() << ": " << line;
+            }
+        }
+    }
+}
