@@ -1,0 +1,54 @@
+#pragma once
+
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include "foundation/foundation.h"
+
+/// Traces and warnings of the middleware.
+///
+/// A trace goes to standard output, only when the process's debug level reaches the trace's own
+/// level; a warning goes to standard error whatever the level. Neither adds an end of line, both
+/// flush, and neither lets an exception of the stream escape.
+namespace kvx {
+
+/// The debug levels at which the middleware speaks.
+inline constexpr int kTraceWarnings = 1;
+inline constexpr int kTraceCalls = 4;
+
+/// `text`, or "NULL" when there is none.
+inline const char* textOrNull(const char* text) {
+    return text != nullptr ? text : "NULL";
+}
+
+/// Writes all `parts` to `stream` as one piece, so that lines of two threads do not mingle.
+template <class... Parts>
+void writeGuarded(std::ostream& stream, const Parts&... parts) {
+    try {
+        std::ostringstream line;
+        (line << ... << parts);
+        stream << line.str();
+    } catch (...) {
+        // A trace that cannot be written is dropped.
+    }
+    try {
+        stream.flush();
+    } catch (...) {
+        // So is one that cannot be flushed.
+    }
+}
+
+/// Writes `parts` to standard output when the debug level is at least `level`. Any thread.
+template <class... Parts>
+void trace(int level, const Parts&... parts) {
+    if (__ZembraLix_Debug_Level >= level) writeGuarded(std::cout, parts...);
+}
+
+/// Writes `parts` to standard error, whatever the debug level. Any thread.
+template <class... Parts>
+void warn(const Parts&... parts) {
+    writeGuarded(std::cerr, parts...);
+}
+
+}  // namespace kvx
