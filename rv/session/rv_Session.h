@@ -1,0 +1,144 @@
+#pragma once
+
+/// The core session: one connection of this process to the bus daemon.
+///
+/// Unless an operation says otherwise it returns a session code (`rv_ErrorText`), 0 for success,
+/// and 2 when the session handle is null, closed or closing. A session belongs to the thread that
+/// runs its event loop; nothing here is locked. Subjects are dotted texts; texts, data and subjects
+/// given to an operation are copied and need to live only during the call.
+
+#include <cstdint>
+
+#include "platform/Export.h"
+#include "rv/event/rvevm.h"
+#include "rv/message/rvmsg.h"
+
+using rv_Session = struct rv_Session_*;
+using rv_Listener = struct rv_Listener_*;
+
+enum rv_Boolean { rv_FALSE = 0, rv_TRUE = 1 };
+
+namespace kvx {
+
+/// The flavour that this system's processes announce to the daemon.
+inline constexpr int flavourId = 53;
+inline constexpr const char flavourName[] = "KVX";
+
+}  // namespace kvx
+
+/// Called for each message on a listened subject, on the session's thread. `reply` is null when the
+/// message carries none; `data` is null and `size` 0 for a message without payload (type 22). All
+/// arguments are valid only during the call. The callback may send, listen, cancel (itself
+/// included) and close the session.
+using rv_DataCallback = void (*)(rv_Session session, const char* subject, const char* reply,
+                                 rvmsg_Type type, rvmsg_Size size, rvmsg_Data data, void* closure);
+
+/// The value of the session property "ipqProperties": how the daemon link queues.
+struct ipq_Properties {
+    std::int32_t batching;     ///< nonzero: messages wait for the next write event to be packed
+    std::int32_t readBudget;   ///< bytes of messages taken in one readiness event
+    std::int32_t segmentSize;  ///< bytes of small messages packed into one segment
+};
+
+/// Sets the flavour that sessions created later announce. Texts may be null. Returns 4 for id 0 and
+/// 20 without memory; the flavour is then unchanged. Any thread.
+KVX_API int rv_Flavor(int id, const char* name, const char* ticket, int key, int flags);
+
+/// Opens an asynchronous session on the event manager that the process shares; the first open
+/// creates the manager, the last close destroys it. Arguments and further codes as for
+/// `rv_CreateSession`; 1 when the manager cannot be made.
+KVX_API int rv_Open(rv_Session* session, const char* service, const char* network,
+                    const char* daemon);
+
+/// Creates a session on `manager`, which must outlive it, or a synchronous one when `manager` is
+/// null. `daemon` is "tcp:[host:]port", null or "" for "tcp:7500", or "-" for no daemon at all. A
+/// local daemon that does not answer is started. Blocks while connecting, up to four attempts.
+/// Returns 3 for a null `session`, 18 for a daemon text that cannot be used, 22 when the daemon
+/// cannot be reached, 4 when it speaks another version, 16 or 17 when it refuses service or
+/// network, 20 without memory, 1 otherwise. `*session` is null after a failure.
+KVX_API int rv_CreateSession(rv_Session* session, rvevm_Manager manager, const char* service,
+                             const char* network, const char* daemon);
+
+/// Closes the session: what waits is sent, every listen, timer, I/O and signal registration ends,
+/// and the handle becomes invalid. Inside the session's own loop, timers or delivery the memory
+/// goes when those return, and no further callback of the session is called. A loop that
+/// `rv_RunOnce` of this session runs ends. Waits at most 5 s for a peer that does not close its
+/// end.
+KVX_API int rv_Close(rv_Session session);
+
+/// Runs the event loop of the session's manager until it is stopped. Returns 0 at once when the
+/// session is synchronous or already inside this call, 1 when another session runs the loop.
+KVX_API int rv_RunOnce(rv_Session session);
+
+/// Ends the loop that `rv_RunOnce` runs on the session's manager, after the current step. Returns
+/// 11 (an event-manager code) for a synchronous session.
+KVX_API int rv_StopLoop(rv_Session session);
+
+/// Listens on `subject`, wildcards included; `*listener` is the id for `rv_Cancel`. Returns 3 for a
+/// null subject, listener or callback, 21 for an invalid subject, one below "_INBOX", or a session
+/// that never had a name, 20 without memory.
+KVX_API int rv_Listen(rv_Session session, rv_Listener* listener, const char* subject,
+                      rv_DataCallback callback, void* closure);
+
+/// Makes a new inbox and listens on it. `nameOut`, when given, receives its dotted text. Returns 3
+/// when `capacity` is too small for it, else as `rv_Listen`.
+KVX_API int rv_CreateInbox(rv_Session session, rv_Listener* listener, char* nameOut,
+                           unsigned capacity, rv_DataCallback callback, void* closure);
+
+/// Ends a listen or an inbox; its callback is not called any more, not even for the message under
+/// delivery. Returns 23 for an id that is null, cancelled or of another session.
+KVX_API int rv_Cancel(rv_Session session, rv_Listener listener);
+
+/// Publishes one payload. `reply` may be null. `data` may be null with type 22 only; a `size` of 0
+/// is worked out for messages, texts and sealed blocks. Returns 3 for a null subject, 21 for an
+/// invalid or reserved one, 20 for a payload that cannot be encoded, 22 without a connection, 20
+/// when a limit refused the message.
+KVX_API int rv_Send(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
+                    rvmsg_Size size, rvmsg_Data data);
+
+/// Makes an inbox for the answers and publishes with it as the reply subject. After a failure there
+/// is no inbox and `*listener` is null.
+KVX_API int rv_SendRequest(rv_Session session, rv_Listener* listener, const char* subject,
+                           rvmsg_Type type, rvmsg_Size size, rvmsg_Data data,
+                           rv_DataCallback callback, void* closure);
+
+/// Hands a message to this session's own listeners, without the daemon. They have been called when
+/// it returns, unless it is called inside a delivery: then they are called after that one.
+KVX_API int rv_Deliver(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
+                       rvmsg_Size size, rvmsg_Data data);
+
+/// Synchronous sessions only: waits up to `timeoutMs` for a message and delivers it. Returns 0 also
+/// at the time-out, 3 for an asynchronous session, 22 without a connection or when it breaks.
+KVX_API int rv_Dispatch(rv_Session session, unsigned long timeoutMs);
+
+/// Starts `program -listen daemonText` as a detached process. True when it was started; it may not
+/// be ready yet.
+KVX_API bool rv_StartDaemon(const char* program, const char* daemonText);
+
+/// Sets a session property; `record` is copied. A null session sets it for sessions created later
+/// (any thread). The only property is "ipqProperties" (an `ipq_Properties`); it applies to the
+/// present connection and to later ones. Returns 3 for an unknown name or a null record.
+KVX_API int rv_SetProperty(rv_Session session, const char* name, const void* record);
+
+/// Pushes what waits on the connection. Returns 0 when all of it has gone to the socket, 22 without
+/// a connection or when it breaks, 27 when the time-out passed first.
+KVX_API int rv_Flush(rv_Session session, unsigned long timeoutMs);
+
+/// How much waits to be written; zeros without a connection. Either pointer may be null.
+KVX_API int rv_Pending(rv_Session session, unsigned long* messages, unsigned long* bytes);
+
+/// The manager the session runs on; null for a synchronous or invalid session.
+KVX_API rvevm_Manager rv_EventManager(rv_Session session);
+
+/// Publishes an advisory body (`rv_BuildAdvisory`) as a nested message, on `subject` or, when that
+/// is null, on the subject made from its fields. Returns 3 when a field is missing; 0 without
+/// sending when the body is no message.
+KVX_API int rv_SendAdvisory(rv_Session session, const char* subject, const void* body);
+
+/// The same for applications: 9 for the source "SYSTEM" and for a subject that is invalid or one of
+/// the system's own advisories.
+KVX_API int rv_SendAppAdvisory(rv_Session session, const char* subject, const void* body);
+
+/// Lets the bus library trace to standard error what it drops, at the level that `*level` has at
+/// that moment (1 and above). `level` must stay valid; null (the default) is silence. Any thread.
+KVX_API void rv_SetTraceLevel(const int* level);
