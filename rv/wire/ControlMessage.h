@@ -1,0 +1,154 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "rv/wire/ByteOrder.h"
+#include "rv/wire/Limits.h"
+
+/// The messages that a session and its daemon exchange: what each holds, in which order, and how it
+/// is built and read. Client and daemon use the same functions.
+namespace kvx::wire {
+
+/// Field names of the control and data messages.
+namespace field {
+inline constexpr const char* kMessageType = "mtype";
+inline constexpr const char* kSubject = "sub";
+inline constexpr const char* kReturn = "return";
+inline constexpr const char* kData = "data";
+inline constexpr const char* kUserId = "userid";
+inline constexpr const char* kSession = "session";
+inline constexpr const char* kService = "service";
+inline constexpr const char* kNetwork = "network";
+inline constexpr const char* kControl = "control";
+inline constexpr const char* kVersionMajor = "vmaj";
+inline constexpr const char* kVersionMinor = "vmin";
+inline constexpr const char* kVersionUpdate = "vupd";
+inline constexpr const char* kFlavourId = "fid";
+inline constexpr const char* kFlavourName = "fname";
+inline constexpr const char* kFlavourTicket = "ftkt";
+inline constexpr const char* kFlavourKey = "fkey";
+inline constexpr const char* kFlavourFlags = "fflags";
+inline constexpr const char* kIpAddress = "ipaddr";
+inline constexpr const char* kIpPort = "ipport";
+inline constexpr const char* kError = "error";
+}  // namespace field
+
+/// What "mtype" says. `Unknown` is any other text, another type, or no such field.
+enum class MessageType : char {
+    Unknown = 0,
+    Init = 'I',
+    Reply = 'R',
+    Listen = 'L',
+    Cancel = 'C',
+    Data = 'D'
+};
+
+/// The client version announced in every init message.
+inline constexpr std::int32_t kClientVersion[3] = {5, 3, 2};
+
+/// Answers of the daemon to an init message, from the session's code table.
+inline constexpr std::int32_t kServiceNotFound = 16;
+inline constexpr std::int32_t kNetworkNotFound = 17;
+
+struct FreeDeleter {
+    void operator()(void* memory) const noexcept { std::free(memory); }
+};
+
+/// A message in memory of its own (malloc, released with free).
+struct OwnedMessage {
+    std::unique_ptr<std::uint8_t[], FreeDeleter> bytes;
+    std::uint32_t capacity = 0;  ///< bytes allocated
+
+    /// The message's own length word; 0 when there is no message.
+    [[nodiscard]] std::uint32_t size() const { return bytes ? readBig32(bytes.get()) : 0; }
+    [[nodiscard]] Bytes view() const { return {bytes.get(), size()}; }
+};
+
+/// A built message, or why there is none.
+struct Built {
+    int code = 0;  ///< 0, else a code of the message table (8 also when no memory is left)
+    OwnedMessage message;
+};
+
+struct Flavour {
+    std::int32_t id = 0;
+    const char* name = nullptr;    ///< null: not sent
+    const char* ticket = nullptr;  ///< null: not sent
+    std::int32_t key = 0;
+    std::int32_t flags = 0;
+};
+
+struct InitFields {
+    const char* userId = "";
+    const char* session = nullptr;  ///< null: not known yet, not sent
+    const char* service = "";
+    const char* network = "";
+    const char* control = nullptr;  ///< dotted subject of the control inbox; null: not sent
+    Flavour flavour;
+};
+
+/// The init message. Gives 8 when the texts do not fit `kControlCapacity`.
+[[nodiscard]] Built buildInit(const InitFields& fields);
+
+/// A listen message. `subject` is encoded; `returnSubject` is dotted text or null; the flavour id
+/// is sent unless it is 0.
+[[nodiscard]] Built buildListen(Bytes subject, const char* returnSubject, std::int32_t flavourId);
+[[nodiscard]] Built buildCancel(Bytes subject, std::int32_t flavourId);
+
+/// Payload of a data message, as `rv_Send` takes it. Type 22 is none at all; size 0 is worked out
+/// for nested messages, strings and sealed blocks and refused (3) for any other type; so is null
+/// data.
+struct Payload {
+    std::uint32_t type = 22;
+    std::uint32_t size = 0;
+    const void* data = nullptr;
+};
+
+/// A data message, in a buffer of exactly the size that its parts call for (`dataCapacity`).
+/// `reply` is dotted text; null or empty: not sent. A size that no link could carry gives 8.
+[[nodiscard]] Built buildData(Bytes subject, const char* reply, std::int32_t flavourId,
+                              const Payload& payload);
+
+/// Bytes of a data message's buffer. `replyLength` without terminator, 0 for none; `payloadSize` is
+/// counted only when `hasPayload`.
+[[nodiscard]] std::uint64_t dataCapacity(std::size_t subjectLength, std::size_t replyLength,
+                                         bool hasPayload, std::uint64_t payloadSize);
+
+/// The daemon's answers to an init without "session". Address and port are in network byte order,
+/// as sockets hold them.
+[[nodiscard]] Built buildReply(std::uint32_t ipAddress, std::uint16_t ipPort);
+[[nodiscard]] Built buildErrorReply(std::int32_t error);
+
+/// What the client makes of the daemon's answer.
+struct Reply {
+    int code = 1;  ///< session table: 0; the daemon's "error"; 1, 16 or 17 for what cannot be read
+    std::uint32_t ipAddress = 0;  ///< network byte order
+    std::uint16_t ipPort = 0;     ///< network byte order
+};
+[[nodiscard]] Reply readReply(Bytes message);
+
+/// An init message as the daemon reads it. A field that is absent or no string is nothing.
+struct Init {
+    std::optional<std::string_view> userId;
+    std::optional<std::string_view> session;
+    std::optional<std::string_view> service;
+    std::optional<std::string_view> network;
+    std::optional<std::string_view> control;
+};
+[[nodiscard]] Init readInit(Bytes message);
+
+/// The two fields by which a message is routed.
+struct Routing {
+    MessageType type = MessageType::Unknown;
+    Bytes subject;  ///< encoded, its own length first and consistent; empty when there is none
+};
+
+/// Reads "mtype" and "sub" and nothing else. The elements of the subject are not checked
+/// (`isSoundSubject`).
+[[nodiscard]] Routing readRouting(Bytes message);
+
+}  // namespace kvx::wire
