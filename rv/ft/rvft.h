@@ -1,0 +1,41 @@
+#pragma once
+
+#include "platform/Export.h"
+#include "rv/session/rv_Session.h"
+
+/// Fault-tolerance groups: of the members of a group that hear one another, the best-ranked
+/// `activeGoal` are active. Rank goes by the higher weight, then the earlier joining, then the
+/// member's id. Loop thread only, but for `rvft_ErrorText`.
+
+using rvft_MemberId = struct rvft_Member_*;
+
+/// What a member is told. Preparing comes only with a preparation interval, and may come again
+/// without an activation in between when a better-ranked member has turned up meanwhile.
+enum { RVFT_PREPARE_TO_ACTIVATE = 1, RVFT_ACTIVATE = 2, RVFT_DEACTIVATE = 3 };
+
+/// Runs on the loop thread, never inside `rvft_Join`. May leave the group and close the session.
+using rvft_Action = void (*)(rv_Session, const char* group, int action, void* closure);
+
+/// Joins `group` and starts inactive.
+///
+/// `heartbeatMs` is the interval at which the member announces itself; all members of a group
+/// should use the same. A member activates when fewer than `activeGoal` better-ranked ones have
+/// been heard for `activateMs`, counted from its joining at first; it is told to prepare
+/// `prepareMs` before, or not at all when that is 0. An active member that hears `activeGoal`
+/// better-ranked active ones, or has been without a daemon for `activateMs`, deactivates.
+///
+/// 0; 1 for a null or empty group, a null id or action, a goal or heartbeat interval of 0, or an
+/// activation interval that is shorter than one of the two others; 2 for a null or dead session; 3
+/// when memory ran out; 4 when this session is a member already; 6 when the group's name does not
+/// fit a subject or the session cannot listen or has no timers.
+KVX_API int rvft_Join(rv_Session session, rvft_MemberId* id, const char* group, unsigned weight,
+                      unsigned activeGoal, unsigned long heartbeatMs, unsigned long prepareMs,
+                      unsigned long activateMs, rvft_Action action, void* closure);
+
+/// Announces the leave, so that the next in rank takes over at once, and frees the member; its
+/// action is not called any more. Closing the session leaves too. 5 for an id that is no member
+/// (any more).
+KVX_API int rvft_Leave(rvft_MemberId id);
+
+/// The text of a code of the two operations above; empty for another one. `session` may be null.
+KVX_API const char* rvft_ErrorText(rv_Session session, int code);

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "rv/object/RvCallback.h"
+
+class RvDatum;
+class RvListener;
+class RvSender;
+
+/// Is called with the messages of a listener, or when none came in time. Loop thread only.
+class KVX_API RvDataCallback : public RvCallback {
+  public:
+    ~RvDataCallback() override;
+
+    /// One message on `subject`, as dotted text. `replyTo` publishes on the message's reply subject
+    /// and is null when there is none. `subject`, `replyTo` and `data` belong to the library and
+    /// are valid during the call only: keep copies. The listener, its session and this callback may
+    /// be destroyed here.
+    virtual void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
+                        RvListener* listener) = 0;
+
+    /// The listener's time-out has passed before any message came. Does nothing by itself.
+    virtual void onTimeout(RvListener* listener);
+};

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "rv/object/RvSessionObject.h"
+
+class RvCallback;
+struct RvCallbackHandle;
+
+/// Something that calls a callback: a listener, a timer, watched I/O or a signal.
+///
+/// Deleting an event removes its registration. An event whose callback has been destroyed calls
+/// nobody, and drops its registration the next time it is due.
+class KVX_API RvEvent : public RvSessionObject {
+  public:
+    ~RvEvent() override;
+
+    /// The callback, or null once it has been destroyed.
+    RvCallback* callback() const;
+
+    /// The closure given at creation, never interpreted.
+    void* closure() const { return m_closure; }
+
+  protected:
+    RvEvent(RvSessionBlock* block, RvCallback* callback, void* closure);
+
+  private:
+    RvCallbackHandle* m_callback;
+    void* m_closure;
+};

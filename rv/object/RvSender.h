@@ -1,0 +1,45 @@
+#pragma once
+
+#include "rv/object/RvSessionObject.h"
+#include "rv/object/RvStatus.h"
+
+class RvDataCallback;
+class RvDatum;
+class RvListener;
+struct RvCallbackHandle;
+
+/// Publishes on one subject. Made by `RvSession::newSender`; the caller owns it. Loop thread only.
+class KVX_API RvSender : public RvSessionObject {
+  public:
+    ~RvSender() override;
+
+    /// Publishes `data`, with the reply subject of this sender if it has one. Category 0 with the
+    /// session's code: 2 when the session is closed, 3 when the outbound filter refused, 20 when
+    /// the message was not kept, 21 for an invalid subject, 22 without a daemon.
+    RvStatus send(const RvDatum& data);
+
+    /// As below, without a time-out.
+    RvListener* sendRequest(const RvDatum& data, RvDataCallback* callback, void* closure);
+
+    /// Publishes `data` with a new inbox as reply subject; replies come to `callback`, or its
+    /// `onTimeout` when none came within `timeoutMs` milliseconds (0: waits for good). The caller
+    /// owns the result, and deletes it when the reply has come or the time is over. Null on
+    /// failure, with the reason in the session's status.
+    RvListener* sendRequest(const RvDatum& data, unsigned long timeoutMs, RvDataCallback* callback,
+                            void* closure);
+
+    /// Owned by the sender.
+    const char* subject() const { return m_subject; }
+
+    /// Owned by the sender; null when there is none.
+    const char* replySubject() const { return m_replySubject; }
+
+  private:
+    friend class RvSession;
+
+    RvSender(RvSessionBlock* block, const char* subject, const char* replySubject);
+
+    RvCallbackHandle* m_outboundFilter = nullptr;
+    char* m_subject = nullptr;
+    char* m_replySubject = nullptr;
+};

@@ -1,0 +1,3 @@
+#pragma once
+
+#include "rv/error/RvStatus.h"

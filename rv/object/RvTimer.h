@@ -1,0 +1,36 @@
+#pragma once
+
+#include "rv/object/RvEvent.h"
+#include "rv/object/RvStatus.h"
+#include "rv/session/rv_Session.h"
+
+class RvTimerCallback;
+
+namespace kvx::detail {
+struct TimerState;
+}
+
+/// A timer, one-shot or repeating. Made by `RvSession::newTimer`; the caller owns it, and deleting
+/// it stops it. A one-shot timer that has fired stays with its owner and does nothing more.
+class KVX_API RvTimer : public RvEvent {
+  public:
+    ~RvTimer() override;
+
+    /// The interval in milliseconds.
+    unsigned long interval() const;
+
+    rv_Boolean isRepeating() const;
+
+    /// Starts a new interval now. {0, 2} when the session is closed, {0, 3} when nothing runs any
+    /// more (a one-shot timer that fired), else the event manager's code in category 2.
+    RvStatus resetInterval(unsigned long intervalMs);
+
+  private:
+    friend class RvSession;
+    friend struct kvx::detail::TimerState;
+
+    RvTimer(RvSessionBlock* block, unsigned long intervalMs, rv_Boolean repeat,
+            RvTimerCallback* callback, void* closure);
+
+    kvx::detail::TimerState* m_state;
+};
