@@ -1,0 +1,82 @@
+#pragma once
+
+#include "foundation/CVekAtom.h"
+#include "platform/Export.h"
+
+/// Reader of the daemon configuration file: which bus service, network and daemon a process uses,
+/// and on which port its local agent listens.
+///
+/// The file is a sequence of blocks such as
+///
+///     -- daemon settings
+///     rendezvous session = { "service" = "7500", "daemon" = "tcp:7500" };
+///     rendezvous session for host "localhost" = { 'rva' = '7600' };
+///
+/// A block without a host clause applies everywhere, one with a host clause only on that host or
+/// when the host is "localhost". Blocks are applied in file order, so the last applicable block
+/// that names a key wins. A syntax error drops the block it stands in and nothing else; it is
+/// written to standard output with its line. An unknown key is written to standard error and
+/// ignored.
+///
+/// The scanner's position is one for the whole process: a byte of value 128 or more outside a
+/// quoted string ends a parse early, and what the scanner had read but not used (at most one piece
+/// of 8,192 bytes) is read by the next parse, of any parser, before its own text. Parses of several
+/// threads wait for one another; a parser object itself belongs to one thread at a time.
+///
+/// A copy shares the buffer and the four values with its source: it must not be destroyed while the
+/// source is in use, nor the source while the copy is.
+class KVX_API CVekRvdCfgParser {
+  public:
+    /// No text and no values.
+    CVekRvdCfgParser();
+
+    /// Keeps a copy of `text` to parse; null means none. A copy that fails is reported as -220553.
+    explicit CVekRvdCfgParser(char* text);
+
+    CVekRvdCfgParser(const CVekRvdCfgParser&) = default;
+    CVekRvdCfgParser& operator=(const CVekRvdCfgParser&) = default;
+
+    /// Frees the text and the four values.
+    virtual ~CVekRvdCfgParser();
+
+    /// Replaces the text to parse by a copy of `text`; null means none. Returns 1, or -220553 when
+    /// the copy failed, and then there is no text.
+    int RRCPSetParseBuffer(char* text);
+
+    /// The text to parse, owned by the parser; null when there is none.
+    char* RRCPGetParseBuffer();
+
+    /// Parses the text up to its first NUL and applies the blocks meant for this host. Values that
+    /// no applicable block names stay as they were. Returns 1 (also for a text with syntax errors),
+    /// -220552 when there is no text, -220551 when the parser gave up.
+    int RRCPParseRvdCfg();
+
+    /// Makes the content of the file the text, and parses it. Returns what `RRCPParseRvdCfg` does;
+    /// -220552 for a null name and -220549 for a file that cannot be read, and then the parser is
+    /// as it was.
+    int RRCPParseFromFilename(char* fileName);
+
+    /// Each stores a new copy of `value` in place of the previous one and returns 1; a null `value`
+    /// changes nothing and returns -220552.
+    int RRCPSetService(const CVekAtom* value);
+    int RRCPSetNetwork(const CVekAtom* value);
+    int RRCPSetDaemon(const CVekAtom* value);
+    int RRCPSetRVAPort(const CVekAtom* value);
+
+    /// The values, owned by the parser; null until a block has set them.
+    CVekAtom* RRCPGetService();
+    CVekAtom* RRCPGetNetwork();
+    CVekAtom* RRCPGetDaemon();
+    CVekAtom* RRCPGetRVAPort();
+
+  private:
+    char* m_parseBuffer = nullptr;
+    CVekAtom* m_service = nullptr;
+    CVekAtom* m_network = nullptr;
+    CVekAtom* m_daemon = nullptr;
+    CVekAtom* m_rvaPort = nullptr;
+};
+
+/// The path of the daemon configuration file: the home directory of the environment followed
+/// directly by "/etc/Calvorine.rvd.cfg". The caller frees the result with `free`.
+KVX_API char* RvdCfgFileName();

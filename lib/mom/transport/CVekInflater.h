@@ -1,0 +1,38 @@
+#pragma once
+
+#include <zlib.h>
+
+#include "foundation/Boolean.h"
+#include "platform/Export.h"
+
+/// Inflates one zlib stream from the caller's buffer into the caller's buffers.
+///
+/// Allocates nothing of its own beyond zlib's state. Errors are reported as `CVekError` -220440
+/// with zlib's text. One thread at a time.
+///
+/// Assignment copies the members one by one, zlib's state included, and is not meant for use.
+class KVX_API CVekInflater {
+  public:
+    /// Reads `length` bytes at `data`, which must outlive the inflater; a length below 0 counts as
+    /// 0.
+    CVekInflater(const void* data, int length);
+
+    CVekInflater(const CVekInflater&) = delete;
+    CVekInflater& operator=(const CVekInflater&) = default;
+
+    ~CVekInflater();
+
+    /// Inflates up to `room` bytes to `out`, in one step. Too little room is no error: the next
+    /// call goes on.
+    void RIInflateChunk(void* out, int room);
+
+    /// Whether the end of the stream has been reached.
+    __boolean RIIsDone();
+
+    /// Bytes inflated so far, over all calls.
+    int RIInflatedLength() const;
+
+  private:
+    z_stream m_stream{};
+    __boolean m_done = FALSE;
+};
