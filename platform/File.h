@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "platform/Export.h"
+
+namespace kvx::platform {
+
+/// True when this process may read the file. Any thread.
+[[nodiscard]] KVX_API bool isReadable(const std::string& path) noexcept;
+
+/// True when the path is a regular file that this process may execute. Any thread.
+[[nodiscard]] KVX_API bool isExecutable(const std::string& path) noexcept;
+
+/// True when the stream is a terminal. Any thread.
+[[nodiscard]] KVX_API bool isTerminal(std::FILE* stream) noexcept;
+
+}  // namespace kvx::platform

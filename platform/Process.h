@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "platform/Export.h"
+
+/// Processes: this one, and those it starts. Any thread.
+namespace kvx::platform {
+
+/// The effective user's name, or "Unknown user".
+[[nodiscard]] KVX_API std::string userName();
+
+[[nodiscard]] KVX_API unsigned long processId() noexcept;
+
+/// A program to start.
+struct Program {
+    std::string path;  ///< with a slash it is a file; without one it is looked for on `PATH`
+    std::vector<std::string> arguments;  ///< the argument vector, its first element included
+    std::string directory;               ///< working directory; empty keeps this process's
+};
+
+/// The outcome of a start: a process id, or 0 and the system's error number (for example `ENOENT`
+/// when the program is missing, `EACCES` when it cannot be run).
+struct Started {
+    unsigned long pid = 0;
+    int error = 0;
+};
+
+/// Starts `program` as a child of this process; it inherits the standard streams and no other
+/// descriptor, with default signal dispositions and nothing blocked. A program that cannot be run
+/// is reported here. The caller ends it with `killAndReap` or fetches its end with `reap`.
+[[nodiscard]] KVX_API Started startChild(const Program& program);
+
+/// Starts `program` as a daemon: in a session of its own, detached from this process (it never
+/// becomes a zombie of ours), standard input from the null device, output and errors appended to
+/// `<logName>.log` below `stateDirectory()` (to the null device when that cannot be opened), the
+/// environment inherited. A program that cannot be run is reported here. Does not wait for more
+/// than the start itself.
+[[nodiscard]] KVX_API Started startDaemon(const Program& program, const std::string& logName);
+
+/// Ends the child `pid` and waits for its end: SIGTERM first, SIGKILL after `grace`. True when the
+/// process existed, was a child of ours and is gone now.
+KVX_API bool killAndReap(unsigned long pid, Milliseconds grace = 2'000);
+
+/// The exit status of the child `pid` once it has ended (128 + signal when a signal ended it);
+/// nothing while it runs or when there is no such child. Never blocks.
+[[nodiscard]] KVX_API std::optional<int> reap(unsigned long pid) noexcept;
+
+/// Sends a signal of the system's numbering to a process. False when it does not exist or may not
+/// be signalled.
+KVX_API bool sendSignal(unsigned long pid, int signal) noexcept;
+
+/// The directory that holds the running program's file; empty when unknown.
+[[nodiscard]] KVX_API std::string programDirectory();
+
+/// The base name, in full, of the program file that process `pid` runs; nothing when there is no
+/// such process or it may not be looked at.
+[[nodiscard]] KVX_API std::optional<std::string> programName(unsigned long pid);
+
+/// The first executable file `name` in the directories of `PATH`; nothing when there is none.
+[[nodiscard]] KVX_API std::optional<std::string> findOnPath(const std::string& name);
+
+/// Where this user's programs keep what outlives them: `$XDG_STATE_HOME/kvxmom`, else
+/// `~/.local/state/kvxmom`, created when missing. Empty when it cannot be had.
+[[nodiscard]] KVX_API std::string stateDirectory();
+
+/// The machine's memory in bytes; 0 when unknown.
+[[nodiscard]] KVX_API std::uint64_t physicalMemoryBytes() noexcept;
+
+/// Flushes the standard streams and ends the process at once, without running static destructors
+/// or exit handlers under threads that still live.
+[[noreturn]] KVX_API void exitNow(int status);
+
+}  // namespace kvx::platform

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <algorithm>
+#include <compare>
+#include <cstdint>
+#include <limits>
+
+#include "platform/Clock.h"
+
+namespace kvx::event {
+
+/// A point of the monotonic clock as timers keep it: whole seconds and 0 to 999 milliseconds.
+struct TimeValue {
+    std::int32_t seconds = 0;
+    std::int32_t milliseconds = 0;
+
+    friend auto operator<=>(const TimeValue&, const TimeValue&) = default;
+};
+
+/// The latest point that a time value holds.
+inline constexpr TimeValue kLatestTime{std::numeric_limits<std::int32_t>::max(), 999};
+
+[[nodiscard]] constexpr platform::Milliseconds toMilliseconds(TimeValue time) noexcept {
+    return platform::Milliseconds{time.seconds} * 1000 + time.milliseconds;
+}
+
+/// The time value of a point that is not negative; later ones than `kLatestTime` become that.
+[[nodiscard]] constexpr TimeValue toTimeValue(platform::Milliseconds time) noexcept {
+    const platform::Milliseconds held = std::min(time, toMilliseconds(kLatestTime));
+    return {static_cast<std::int32_t>(held / 1000), static_cast<std::int32_t>(held % 1000)};
+}
+
+[[nodiscard]] inline TimeValue timeNow() noexcept {
+    return toTimeValue(platform::monotonicMs());
+}
+
+/// `start` plus an interval, `kLatestTime` at most.
+[[nodiscard]] constexpr TimeValue after(TimeValue start, unsigned long intervalMs) noexcept {
+    constexpr auto kLatest = static_cast<unsigned long>(toMilliseconds(kLatestTime));
+    const auto interval = static_cast<platform::Milliseconds>(std::min(intervalMs, kLatest));
+    return toTimeValue(toMilliseconds(start) + interval);
+}
+
+/// The milliseconds from `from` to `to`; negative when `to` is the earlier one.
+[[nodiscard]] constexpr platform::Milliseconds between(TimeValue from, TimeValue to) noexcept {
+    return toMilliseconds(to) - toMilliseconds(from);
+}
+
+}  // namespace kvx::event

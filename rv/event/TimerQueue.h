@@ -1,0 +1,102 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "rv/event/IdTable.h"
+#include "rv/event/TimeValue.h"
+#include "rv/event/rvevm.h"
+
+namespace kvx::event {
+
+/// Results of the timer-queue operations.
+enum TimerResult : int {
+    kTimerOk = 0,
+    kInvalidQueue = -255,
+    kInvalidTimer = -254,
+    kNullCallback = -252,
+    kNoMemory = -250,
+    kQueueEmpty = -249,
+};
+
+/// The event-manager code that a timer-queue result is reported as.
+[[nodiscard]] int eventCodeOf(int timerResult) noexcept;
+
+/// Timers sorted by expiry, equal expiries in the order of adding. The event manager has one, and
+/// every session has one of its own. Loop thread only.
+///
+/// Callbacks may add, remove and reset any timer, and destroy the queue.
+class TimerQueue {
+  public:
+    /// Told the wait until the next expiry whenever the first timer changes and after every run;
+    /// nothing when the queue has become empty. It may call back into the queue, but not destroy
+    /// it.
+    using NextExpiryHook = void (*)(void* closure, std::optional<platform::Milliseconds> wait);
+
+    /// Destroys the queue at once or, from inside its own run, when that run has finished; no
+    /// callback is called any more.
+    struct Destroy {
+        void operator()(TimerQueue* queue) const noexcept { queue->destroy(); }
+    };
+    using Owner = std::unique_ptr<TimerQueue, Destroy>;
+
+    /// Callbacks get `owner` as their first argument. Null without memory.
+    [[nodiscard]] static Owner create(std::size_t capacity, void* owner) noexcept;
+
+    TimerQueue(const TimerQueue&) = delete;
+    TimerQueue& operator=(const TimerQueue&) = delete;
+
+    /// `kInvalidTimer` for a null id pointer, `kNullCallback`, `kNoMemory`; `kInvalidQueue` when
+    /// the queue is being destroyed.
+    int add(rvevm_Id* id, unsigned long intervalMs, rvevm_Callback callback, void* closure);
+    /// As `add`, repeating every `intervalMs` (which must not be 0: the callers refuse that).
+    int addRepeating(rvevm_Id* id, unsigned long intervalMs, rvevm_Callback callback,
+                     void* closure);
+    /// `kInvalidTimer` for an id that is not a live timer of this queue.
+    int remove(rvevm_Id id);
+    int reset(rvevm_Id id, unsigned long intervalMs);
+    /// True when the id is a live repeating timer of this queue.
+    [[nodiscard]] bool isRepeating(rvevm_Id id) const noexcept;
+
+    /// Calls every timer that is due now, once. `kQueueEmpty` when no timer is pending afterwards,
+    /// `kInvalidQueue` when the queue was destroyed meanwhile and must not be touched any more.
+    /// Does nothing from inside a run.
+    int runDueTimers();
+
+    /// The wait until the next expiry, 0 when it has passed; `kQueueEmpty` when no timer is
+    /// pending.
+    int nextWait(platform::Milliseconds& wait) const noexcept;
+
+    void setNextExpiryHook(NextExpiryHook hook, void* closure) noexcept;
+    /// Each run with a due timer stores here by how many milliseconds the first one is late. Null
+    /// ends that; `lateness` must outlive this queue or the next call.
+    void setLatenessOutput(platform::Milliseconds* lateness) noexcept { lateness_ = lateness; }
+
+    [[nodiscard]] std::size_t size() const noexcept { return sorted_.size(); }
+
+  private:
+    struct Timer {
+        TimeValue expiry;
+        rvevm_Callback callback;
+        void* closure;
+        unsigned long repeatMs;  // 0 for a one-shot timer
+        rvevm_Id id;
+    };
+    using TimerPtr = std::unique_ptr<Timer>;
+
+    TimerQueue(std::size_t capacity, void* owner);
+    ~TimerQueue() = default;
+
+    void destroy() noexcept;
+
+    IdTable<Timer> timers_;
+    std::vector<Timer*> sorted_;
+    void* const owner_;
+    NextExpiryHook hook_ = nullptr;
+    void* hookClosure_ = nullptr;
+    platform::Milliseconds* lateness_ = nullptr;
+};
+
+}  // namespace kvx::event
