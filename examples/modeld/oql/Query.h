@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace modeld::oql {
+
+/// Where something stands in the query text: the 1-based number of its first character.
+using Position = std::size_t;
+
+/// A name as the user wrote it, and where.
+struct Name {
+    std::string text;
+    Position position = 0;
+};
+
+struct Null {};
+
+/// A value that a field is compared with.
+using Literal = std::variant<Null, std::int64_t, double, std::string>;
+
+enum class Comparison { Equal, NotEqual, Less, LessOrEqual, Greater, GreaterOrEqual, Like };
+
+struct Condition;
+using ConditionPtr = std::unique_ptr<Condition>;
+
+/// `field op literal`, and `field is null` as an equality with Null.
+struct Compare {
+    Name field;
+    Comparison operation = Comparison::Equal;
+    Literal value;
+};
+
+struct Not {
+    ConditionPtr operand;
+};
+
+/// Flat on purpose: `a and b and c` is one node with three operands, so that the depth of a tree is
+/// the depth of the parentheses and not the length of the text.
+struct All {
+    std::vector<ConditionPtr> operands;
+};
+
+struct Any {
+    std::vector<ConditionPtr> operands;
+};
+
+/// A node of the tree behind `where`.
+struct Condition {
+    std::variant<Compare, Not, All, Any> node;
+};
+
+struct Order {
+    Name field;
+    bool descending = false;
+};
+
+/// `select fields from table [where condition] [order by ...] [limit n]`.
+struct Query {
+    std::vector<Name> fields;  ///< empty for `*`
+    Name table;
+    ConditionPtr where;  ///< null when every row is wanted
+    std::vector<Order> order;
+    std::optional<std::int64_t> limit;
+};
+
+}  // namespace modeld::oql

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <sqlite3.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "examples/modeld/oql/Query.h"
+#include "examples/modeld/store/Store.h"
+
+namespace modeld::sql {
+
+struct Finalize {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
+
+/// Null when SQLite refuses the text.
+Statement prepare(sqlite3* database, const std::string& text);
+
+/// Runs a text that yields no rows. False when SQLite refuses.
+bool execute(sqlite3* database, const std::string& text);
+
+/// An identifier as SQL wants it: in double quotes, quotes inside doubled.
+std::string quoted(std::string_view name);
+
+/// The columns of a table with their kinds, by name in lower case, in table order.
+struct Table {
+    std::string name;
+    std::vector<std::pair<std::string, ValueKind>> columns;
+
+    const std::pair<std::string, ValueKind>* find(std::string_view column) const;
+};
+
+/// Nothing when there is no such table, or when it is one of SQLite's own.
+std::optional<Table> describe(sqlite3* database, const std::string& name);
+
+/// A statement with its values still beside it: no byte of a query text is ever part of `text`, but
+/// for names that were found in the schema.
+struct Command {
+    std::string text;
+    std::vector<oql::Literal> values;
+};
+
+/// Turns a query into a command against `table`, or says which name or comparison does not fit.
+std::variant<Command, Refusal> translate(const oql::Query& query, const Table& table);
+
+/// Prepares a command and binds its values. Null when SQLite refuses.
+Statement bind(sqlite3* database, const Command& command);
+
+}  // namespace modeld::sql

@@ -1,0 +1,92 @@
+#include "examples/modeld/oql/Parse.h"
+
+#include <gtest/gtest.h>
+
+namespace modeld::oql {
+namespace {
+
+Query parsed(std::string_view text) {
+    auto result = parse(text);
+    if (auto* error = std::get_if<SyntaxError>(&result)) {
+        ADD_FAILURE() << text << ": " << error->message << " at " << error->position;
+        return {};
+    }
+    return std::move(std::get<Query>(result));
+}
+
+SyntaxError refused(std::string_view text) {
+    auto result = parse(text);
+    if (auto* error = std::get_if<SyntaxError>(&result)) return *error;
+    ADD_FAILURE() << "accepted: " << text;
+    return {};
+}
+
+std::string repeated(const std::string& text, int times) {
+    std::string result;
+    for (int i = 0; i < times; ++i) result += text;
+    return result;
+}
+
+TEST(Parse, ReadsEveryClause) {
+    const Query query = parsed(
+        "SELECT name, vendor FROM devices WHERE ports >= 24 and not (site = 'it''s' or load < "
+        "-1.5) "
+        "ORDER BY vendor DESC, name LIMIT 10;");
+    ASSERT_EQ(query.fields.size(), 2U);
+    EXPECT_EQ(query.fields[1].text, "vendor");
+    EXPECT_EQ(query.fields[1].position, 14U);
+    EXPECT_EQ(query.table.text, "devices");
+    ASSERT_EQ(query.order.size(), 2U);
+    EXPECT_TRUE(query.order[0].descending);
+    EXPECT_FALSE(query.order[1].descending);
+    EXPECT_EQ(query.limit, 10);
+
+    const auto& all = std::get<All>(query.where->node);
+    ASSERT_EQ(all.operands.size(), 2U);
+    const auto& ports = std::get<Compare>(all.operands[0]->node);
+    EXPECT_EQ(ports.operation, Comparison::GreaterOrEqual);
+    EXPECT_EQ(std::get<std::int64_t>(ports.value), 24);
+    const auto& either = std::get<Any>(std::get<Not>(all.operands[1]->node).operand->node);
+    EXPECT_EQ(std::get<std::string>(std::get<Compare>(either.operands[0]->node).value), "it's");
+    EXPECT_EQ(std::get<double>(std::get<Compare>(either.operands[1]->node).value), -1.5);
+}
+
+TEST(Parse, BindsAndTighterThanOrAndKeepsChainsFlat) {
+    const Query query = parsed("select * from t where a = 1 or b = 2 and c = 3 or d is not null");
+    EXPECT_TRUE(query.fields.empty());
+    const auto& any = std::get<Any>(query.where->node);
+    ASSERT_EQ(any.operands.size(), 3U);
+    EXPECT_EQ(std::get<All>(any.operands[1]->node).operands.size(), 2U);
+    EXPECT_EQ(std::get<Compare>(any.operands[2]->node).operation, Comparison::NotEqual);
+}
+
+TEST(Parse, NamesTheCulpritAndItsPlace) {
+    EXPECT_EQ(refused("selct * from t").position, 1U);
+    EXPECT_EQ(refused("select * form t").position, 10U);
+    EXPECT_EQ(refused("select * form t").message, "unexpected 'form', expected from");
+    EXPECT_EQ(refused("select * from t where a = 'open").message, "this text has no closing quote");
+    EXPECT_EQ(refused("select * from t where a = 'open").position, 27U);
+    EXPECT_EQ(refused("select * from t where a @ 1").message, "unexpected character '@'");
+    EXPECT_EQ(refused("select * from t limit -1").message, "a limit cannot be negative");
+    EXPECT_EQ(refused("select * from t where a = 99999999999999999999").message,
+              "this number is too large");
+    EXPECT_EQ(refused("").position, 1U);
+    EXPECT_EQ(refused("select * from t; select * from t").position, 18U);
+    EXPECT_EQ(refused(std::string_view("select \0 from t", 15)).message, "unexpected byte 0x00");
+}
+
+TEST(Parse, KeepsItsLimitsOnAnyText) {
+    const std::string head = "select * from t where ";
+    parsed(head + repeated("(", kMaxNesting) + "a = 1" + repeated(")", kMaxNesting));
+    EXPECT_NE(refused(head + repeated("(", 20000)).message.find("nested"), std::string::npos);
+    EXPECT_NE(refused(head + repeated("not ", 10000) + "a = 1").message.find("nested"),
+              std::string::npos);
+    parsed(head + repeated("a = 1 or ", kMaxComparisons - 1) + "a = 1");
+    EXPECT_NE(refused(head + repeated("a = 1 or ", kMaxComparisons) + "a = 1").message.find("500"),
+              std::string::npos);
+    EXPECT_NE(refused(head + "a = '" + repeated("x", kMaxQueryBytes) + "'").message.find("longer"),
+              std::string::npos);
+}
+
+}  // namespace
+}  // namespace modeld::oql
