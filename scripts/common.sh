@@ -1,0 +1,68 @@
+# Shared by ./demo, ./test and .ci/run: what they say, where the chatter goes, what they install.
+# shellcheck shell=bash
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+log_dir=$root/build/log
+jobs=$(nproc)
+mkdir -p "$log_dir"
+
+say() { printf '%s\n' "$*"; }
+
+# run_logged NAME COMMAND...: the output goes to build/log/NAME.log; on a failure its end is shown.
+run_logged() {
+    local log=$log_dir/$1.log
+    shift
+    if "$@" >"$log" 2>&1; then return 0; fi
+    tail -n 40 "$log"
+    say "failed: $*"
+    say "the whole log: $log"
+    return 1
+}
+
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+install_missing() {
+    export DEBIAN_FRONTEND=noninteractive
+    as_root apt-get update && as_root apt-get install -y --no-install-recommends "$@"
+}
+
+# need_packages LIST...: installs whatever the lists in scripts/packages name and the machine lacks.
+need_packages() {
+    local list package missing=()
+    for list in "$@"; do
+        while read -r package; do
+            case $package in '' | '#'*) continue ;; esac
+            dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
+                missing+=("$package")
+        done <"$root/scripts/packages/$list.txt"
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    say "installing ${missing[*]}"
+    run_logged install install_missing "${missing[@]}"
+}
+
+# build_preset PRESET [TARGET...]
+build_preset() {
+    local preset=$1
+    shift
+    say "building ($preset)"
+    run_logged "configure-$preset" cmake -S "$root" --preset "$preset" || return 1
+    run_logged "build-$preset" cmake --build "$root/build/$preset" --parallel "$jobs" ${1:+--target "$@"}
+}
+
+# test_preset PRESET [CTEST ARGUMENT...]
+test_preset() {
+    local preset=$1
+    shift
+    say "testing ($preset)"
+    ctest --test-dir "$root/build/$preset" --parallel "$jobs" --output-on-failure --progress "$@" \
+        >"$log_dir/test-$preset.log" 2>&1 || {
+        grep -E '^\s+[0-9]+ - .*\((Failed|Timeout|SEGFAULT|Not Run|Subprocess aborted|Child aborted).*\)' \
+            "$log_dir/test-$preset.log" || tail -n 40 "$log_dir/test-$preset.log"
+        say "the whole log: $log_dir/test-$preset.log"
+        return 1
+    }
+    tail -n 4 "$log_dir/test-$preset.log" | grep 'tests passed'
+}
