@@ -1,0 +1,14 @@
+#pragma once
+
+#include "platform/Export.h"
+#include "rv/rv.h"
+
+/// A data callback that ignores whatever it receives, for requests whose answers do not matter.
+class KVX_API CVekDummyCallback : public RvDataCallback {
+  public:
+    CVekDummyCallback();
+    ~CVekDummyCallback() override;
+
+    void onData(const char* subject, RvSender* replySender, const RvDatum& data,
+                RvListener* listener) override;
+};

@@ -1,0 +1,181 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "foundation/foundation.h"
+#include "mom/engine/CVekHeartbeatClb.h"
+#include "mom/engine/CVekSendQueueItem.h"
+#include "mom/engine/CVekServiceToSubjectMapper.h"
+#include "mom/net/CVekRvErrorClb.h"
+#include "mom/net/CVekRvNet.h"
+#include "platform/Export.h"
+#include "rv/ft/rvft.h"
+#include "rv/rv.h"
+
+/// The network object of a full service process.
+///
+/// Beside the net it has a send queue, which the main thread drains at a bounded rate, an identity,
+/// the membership of a fault-tolerance group on a second session, and heartbeats. Any thread may
+/// send: what comes from another thread than the main thread is queued. A `domainQualify` of `TRUE`
+/// appends the domain to the subject.
+class KVX_API CVekEngine : public CVekRvNet {
+  public:
+    /// Copies both texts. `serviceType` `SERV_UNKNOWN` joins no group. A null group base makes
+    /// `REInitSession` fail, which is reported; the object is constructed either way.
+    CVekEngine(int tierNo, const char* groupBase, const char* domain, __serv_types serviceType);
+
+    /// Takes ownership of both texts, which come from `malloc`.
+    CVekEngine(int tierNo, char* groupBase, char* domain, __serv_types serviceType);
+
+    /// Deletes what is left in the queue without sending it. Main thread.
+    ~CVekEngine() override;
+
+    /// Arms the queue timer and runs the main loop; returns when the loop ends. The number of items
+    /// a tick is a tenth of the send rate at this moment, at least 1.
+    void REDoIt();
+
+    /// Does nothing; a derived engine does its start-up work here.
+    void RRNPostInitFns() override;
+
+    // --- Sending -------------------------------------------------------------------------------
+
+    /// Publishes a datum. Off the main thread it reports -220425 and queues a copy, whose subject
+    /// is qualified once more than asked for. Returns 1, -220552 without a subject, -220545 when
+    /// the bus refused.
+    int RESend(const char* subject, const RvDatum& datum, __boolean domainQualify);
+
+    /// Sends a request, with the engine as the callback's closure. The caller owns the reply
+    /// listener. `timeout` in milliseconds; the short form qualifies the subject and waits for the
+    /// latency. Off the main thread it reports -220425, queues a copy (qualified once more, with
+    /// the latency as time-out) and returns null.
+    RvListener* RESend(const char* subject, const RvDatum& datum, const RvDataCallback* callback);
+    RvListener* RESend(const char* subject, const RvDatum& datum, const RvDataCallback* callback,
+                       unsigned long timeout, __boolean domainQualify);
+
+    /// Queues a send at the back. Takes ownership of `datum`; `callback`, when not null, makes it a
+    /// request and must live until the reply. The short form waits for the latency.
+    int REAddToSendQueue(const char* subject, RvDatum* datum, const RvDataCallback* callback,
+                         __boolean domainQualify);
+    int REAddToSendQueue(const char* subject, RvDatum* datum, const RvDataCallback* callback,
+                         unsigned long timeout, __boolean domainQualify);
+
+    /// Queues a send ahead of everything that waits.
+    int REAddToSendQueueFront(const char* subject, RvDatum* datum, const RvDataCallback* callback,
+                              __boolean domainQualify);
+
+    /// Takes the next item out of the queue, or null. The caller owns it.
+    CVekSendQueueItem* RENextSendItem();
+
+    /// Number of items that wait.
+    int RESendQueueLength();
+
+    /// Queued sends a second; read by `REDoIt` when it starts.
+    void RESetMaxSendRate(unsigned long rate);
+    unsigned long REGetMaxSendRate();
+
+    /// The members, unguarded; the engine owns both.
+    RvTimer* REGetQueueTimer();
+    CVekStack* REGetQueue();
+
+    // --- Identity and fault tolerance ------------------------------------------------------------
+
+    /// Opens the engine's own session and joins the group. Returns 1, or -220552 without a group
+    /// base; other failures are written to standard error only.
+    int REInitSession();
+
+    /// Builds the group's name of base, domain and tier. -220552 without a base.
+    int REMakeGroupName();
+
+    /// Builds the identity: host name up to its first full stop, a colon, the process id. -220463
+    /// when the host has no name.
+    int RESetEngineID();
+
+    /// The identity; the engine owns the text.
+    char* REGetEngineID();
+
+    int REGetTierNo();
+    void RESetTierNo(int tierNo);  // does not rename the group
+    __boolean REIsReady();
+    void REReady(__boolean ready);
+    __boolean REIsLeader();
+    void RESetHighestTier(__boolean leader);
+    __boolean REIsConsumer();
+    void RESetConsumer(__boolean consumer);
+
+    /// Whether this engine is the primary of its group. Any thread.
+    __boolean REIsActive();
+
+    /// Makes the engine primary or backup, its heartbeat too. Any thread.
+    void RESetActive();
+    void RESetInActive();
+
+    // --- Heartbeats ------------------------------------------------------------------------------
+
+    /// Announces the engine 1.5 s from now and then every 10 s. A second call replaces the
+    /// repeating timer only. `env` is not kept.
+    void REStartHeartBeat(const char* service, const char* domain, CVekEnv* env);
+
+    /// The same on a subject of the caller's choice.
+    void REStartHeartBeat(const char* service, const char* domain, CVekEnv* env,
+                          const char* subject);
+
+    // Main thread only, or constant after construction, where nothing else is said.
+    kvx::Text m_engineId;
+    std::unique_ptr<RvTimer> m_sendTimer;
+    __serv_types m_serviceType;
+    std::unique_ptr<CVekStack> m_sendQueue;  // guarded by m_requestMutex
+    std::unique_ptr<CVekDoubleList> m_reservedList;
+    std::unique_ptr<RvTimer> m_hbTimer;
+    std::unique_ptr<RvTimer> m_hbFirstTimer;
+    std::unique_ptr<CVekHeartbeatClb> m_heartbeat;
+    unsigned long m_maxSendRate;  // guarded by m_lock
+    rvft_MemberId m_ftMemberId = nullptr;
+    kvx::Text m_groupName;
+    kvx::Text m_groupBase;
+    __boolean m_leader;
+    __boolean m_ready;
+    __boolean m_active;  // guarded by m_lock
+    __boolean m_consumer;
+    int m_tierNo;
+    std::unique_ptr<CVekRvErrorClb> m_ftErrorCallback;
+    std::unique_ptr<RvSession> m_ftSession;
+
+  private:
+    RvSender* RENewSender(const char* subject, __boolean domainQualify);
+    RvSender* RENewSenderOnSubject(const char* subject);
+    int REStoreNewSender(RvSender* sender, const char* subject);
+    int RESend(const RvSender* sender, const RvDatum& datum);
+    RvListener* RESend(const RvSender* sender, const RvDatum& datum,
+                       const RvDataCallback* callback);
+    RvListener* RESend(const RvSender* sender, const RvDatum& datum, const RvDataCallback* callback,
+                       unsigned long timeout);
+    RvListener* RESendAndRequestReply(const RvSender* sender, const RvDatum& datum,
+                                      const RvDataCallback* callback, unsigned long timeout);
+    int RESendWithNoReplyRequested(const RvSender* sender, const RvDatum& datum);
+    int REAddToSendQueue(RvSender* sender, RvDatum* datum, const RvDataCallback* callback);
+    int REAddToSendQueue(RvSender* sender, RvDatum* datum, const RvDataCallback* callback,
+                         unsigned long timeout);
+    int REAddToSendQueueFront(RvSender* sender, RvDatum* datum, const RvDataCallback* callback);
+
+    void build(int tierNo, kvx::Text groupBase, __serv_types serviceType, int idLine,
+               int sessionLine);
+    unsigned long lockedLatency();
+    kvx::Text prepareSubject(const char* subject, __boolean domainQualify);
+    int pushBack(CVekSendQueueItem* item);
+    int pushFront(CVekSendQueueItem* item);
+    RvSender* registeredSender(const char* subject);
+    int sendOnNewSender(const char* subject, const RvDatum& datum);
+    RvListener* requestOnNewSender(const char* subject, const RvDatum& datum,
+                                   const RvDataCallback* callback, unsigned long timeout);
+    rv_Session openGroupSession();
+    void joinGroup(rv_Session session);
+    void setActive(__boolean active, EVekHbRunLevel level, int line, const char* text);
+
+    // What a second REStartHeartBeat leaves behind, alive until the engine dies.
+    std::vector<std::unique_ptr<CVekHeartbeatClb>> m_retiredHeartbeats;
+    std::vector<std::unique_ptr<RvTimer>> m_retiredTimers;
+};
+
+/// The group's action callback: makes the engine of `engine` primary (action 2) or backup (3).
+KVX_API void VekGetActivates(rv_Session session, const char* group, int action, void* engine);

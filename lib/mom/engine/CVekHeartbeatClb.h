@@ -1,0 +1,55 @@
+#pragma once
+
+#include "foundation/foundation.h"
+#include "platform/Export.h"
+#include "rv/rv.h"
+
+class CVekTransport;
+
+/// Whether a heartbeat's engine is the active member of its group.
+enum EVekHbRunLevel { HB_PRIMARY = 0, HB_BACKUP = 1 };
+
+/// The timer callback that announces a running engine.
+///
+/// It builds a record of service, domain, host, process id and type once, and sends it at every
+/// tick ahead of all queued traffic. The type is 0 until the first beat sent while primary, and 1
+/// in all beats after that one. Its timer's closure is the `CVekEngine`. Copies share everything: a
+/// copy is not to be destroyed beside its source. Loop thread only, but for the level.
+class KVX_API CVekHeartbeatClb : public RvTimerCallback {
+  public:
+    /// Copies the texts; a null service or domain is announced as an empty text. `env` gives the
+    /// host name and is not kept.
+    CVekHeartbeatClb(const char* service, const char* domain, CVekEnv* env);
+    CVekHeartbeatClb(const CVekHeartbeatClb& other) = default;
+    CVekHeartbeatClb& operator=(const CVekHeartbeatClb& other) = default;
+    ~CVekHeartbeatClb() override;
+
+    /// Sends one heartbeat.
+    void onTimer(RvTimer* timer) override;
+
+    /// Sets the level; the next tick brings it in line with the engine. Returns 1.
+    int RHCSetLevel(EVekHbRunLevel level);
+
+    /// Sends to a copy of `subject` from now on. Without memory for the copy reports -220553 and
+    /// has no subject.
+    void RHCSetSubject(const char* subject);
+
+    // The record owns the five atoms that it holds; the members only name them.
+    CVekAtom* m_pid;
+    CVekAtom* m_host;
+    CVekAtom* m_domainAtom;
+    CVekAtom* m_service;
+    CVekBaseRecord* m_record;  // owned
+    int m_interval;            // milliseconds
+    CVekAtom* m_type;
+    EVekHbRunLevel m_level;
+    CVekTransport* m_transport;  // owned, null between ticks
+    char* m_subject;             // owned, malloc
+
+  private:
+    void RHCBuildRecord();
+    void addField(const char* name, const CVekAtom* value, int line);
+    void followEngine(bool active);
+    void sendRecord();
+    void announcePrimary();
+};

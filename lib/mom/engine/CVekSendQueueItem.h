@@ -1,0 +1,35 @@
+#pragma once
+
+#include "platform/Export.h"
+#include "rv/rv.h"
+
+/// One send that waits in an engine's queue.
+///
+/// Copies share the subject and the datum: a copy is not to be destroyed beside its source.
+class KVX_API CVekSendQueueItem {
+  public:
+    /// Copies `subject`, takes ownership of `datum`. `callback` may be null (no reply is asked
+    /// for), else it must outlive the item. `closure` is the `CVekEngine` that sends the item.
+    /// `timeout` in milliseconds. Without memory for the copy reports -220553 and leaves the
+    /// subject null.
+    CVekSendQueueItem(const char* subject, RvDatum* datum, const RvDataCallback* callback,
+                      void* closure, int timeout);
+
+    /// As above with the subject of `sender`, which is not kept.
+    CVekSendQueueItem(RvDatum* datum, const RvDataCallback* callback, void* closure,
+                      RvSender* sender, int timeout);
+
+    CVekSendQueueItem(const CVekSendQueueItem&) = default;
+    CVekSendQueueItem& operator=(const CVekSendQueueItem&) = default;
+    virtual ~CVekSendQueueItem();
+
+    /// Sends the item through its engine, as it stands; the reply listener, if any, goes to the
+    /// engine's registry. Returns 1, or the code of the failure, which is reported. Main thread.
+    int RSQIDeQueueIt();
+
+    char* m_subject;                   // owned, malloc
+    RvDatum* m_datum;                  // owned
+    const RvDataCallback* m_callback;  // not owned, may be null
+    void* m_closure;                   // the engine
+    int m_timeout;                     // milliseconds
+};

@@ -1,0 +1,247 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "foundation/foundation.h"
+#include "mom/config/CVekRvdCfgParser.h"
+#include "mom/net/CVekNet.h"
+#include "mom/net/CVekRvErrorClb.h"
+#include "mom/net/CVekRvQueueHandler.h"
+#include "platform/Export.h"
+#include "rv/rv.h"
+
+/// The network object of the bus: the session, everything made from it, and the main loop.
+///
+/// The thread that constructs the net is its *main thread*. It alone touches the bus; other threads
+/// get senders, listeners, timers and I/O handlers through requests that the main thread serves
+/// every 100 ms while it runs `RRNDoIt`. The registries own what they hold: termination deletes it,
+/// the remove operations delete what they remove, the dereference operations only forget it.
+///
+/// Results are 1 for success and a negative code otherwise; pointer results are null on failure.
+/// Several nets may live on one thread: they share its event manager, so the loop of one serves
+/// all. Other threads must have left the net before it is terminated or destroyed.
+class KVX_API CVekRvNet : public CVekNet {
+  public:
+    /// Opens the session at once. A failure is reported and leaves `m_sessionUp` 0 (and mostly
+    /// `m_session` null); the object stays usable, its operations then return -220544.
+    CVekRvNet();
+    CVekRvNet(unsigned long latency, char* domain);
+    CVekRvNet(unsigned long latency, const char* domain);
+    ~CVekRvNet() override;
+
+    /// Called by the main loop instead of the bus loop when there is no session. Does nothing.
+    virtual void RRNStartNet();
+
+    /// The start-up hook: runs on the main thread, 3 ms after each entry into the main loop.
+    virtual void RRNPostInitFns() = 0;
+
+    // --- Session -------------------------------------------------------------------------------
+
+    /// Reads the daemon configuration, opens the session, builds the registries and the request
+    /// queue, and listens for the bus's advisories. The calling thread becomes the main thread.
+    int RRNInitSession();
+
+    /// Closes the session and deletes everything that the registries hold. Main thread; elsewhere
+    /// reports -220425 and goes on. Always 1; a second call changes nothing.
+    int RRNTerminateSession();
+
+    /// Starts the bus agent "rva". Always 1; a failure is reported with -220439.
+    int RRNStartAgent();
+
+    /// Stops the agent that `RRNStartAgent` started. Always 1.
+    int RRNStopAgent();
+
+    /// Empties and recreates the registries. Always 1. Timers of the old list stay alive, and fire,
+    /// until the net is destroyed.
+    int RRNOpenStorage();
+
+    /// The main loop: adds the timer of the start-up hook and dispatches timers, I/O and messages
+    /// until `RRNStopLoop`. Returns at once before a successful initialisation.
+    void RRNDoIt();
+
+    /// Leaves the main loop. Main thread, also inside a callback.
+    void RRNStopLoop();
+
+    // --- Subjects, services and sending --------------------------------------------------------
+
+    /// `subject`, a full stop and the domain; without a domain, or with an empty one, a copy of
+    /// `subject`. The caller frees the result with `free`. Null is reported with -220552 and gives
+    /// null.
+    char* RRNDomainSubj(const char* subject);
+
+    /// Listens on `subject` qualified with the domain. `callback` must outlive the listener or be
+    /// destroyed before the next message; the net is the closure. Any thread. -220552 when no
+    /// subject could be built, else as `RRNAddExService`.
+    int RRNAddService(const char* subject, RvDataCallback* callback);
+
+    /// Listens on exactly `subject`. Any thread. -220544 without a session, -220542 when no
+    /// listener could be made.
+    int RRNAddExService(const char* subject, RvDataCallback* callback);
+
+    /// `RRNAddService`; on success takes ownership of `callback` and deletes it at termination.
+    int RRNTakeService(const char* subject, RvDataCallback* callback);
+
+    /// Listens for the bus's advisories, "_RV.>", on the net's own session or on `session`.
+    /// Main thread, unchecked. -220544 when the net has no session, -220542 without a listener.
+    int RRNAddErrorService(RvDataCallback* callback);
+    int RRNAddErrorService(RvSession* session, RvDataCallback* callback);
+
+    /// Publishes `datum` on `subject` qualified with the domain. Main thread (-220425). -220544
+    /// without a session, -220545 when the bus refused.
+    int RRNSend(const char* subject, RvDatum& datum);
+
+    /// Publishes `datum` as a request whose reply goes to `callback`, with the latency as time-out
+    /// and the net as closure. The reply listener is registered and lives until it is removed:
+    /// a callback that has all it wants calls `RRNRemoveListener(listener->subject())`.
+    int RRNSend(const char* subject, RvDatum& datum, RvDataCallback* callback);
+
+    /// Publishes `datum` on exactly `subject`. Returns the sender, which the registry owns, or
+    /// null. Main thread.
+    RvSender* RRNSendOnSubject(char* subject, RvDatum& datum);
+
+    // --- Timers, I/O and registries ------------------------------------------------------------
+
+    /// Watches `socket`. Whichever flag is set, the handler watches for readability; a second flag
+    /// is reported with -220462. Any thread.
+    int RRNAddIOHandle(unsigned int socket, __boolean read, __boolean write, __boolean exception,
+                       RvIOCallback* callback);
+
+    /// Deletes the handler of `socket`. An unknown socket changes nothing. Main thread.
+    int RRNRemoveIO(unsigned int socket);
+
+    /// A one-shot or a repeating timer of `interval` ms with the net as closure, kept in the
+    /// registry. Any thread. -220544 without a session, -220552 when no timer was made.
+    int RRNAddTimer(int interval, RvTimerCallback* callback);
+    int RRNAddRepeatTimer(int interval, RvTimerCallback* callback);
+
+    /// Deletes a timer of the registry. Main thread, unchecked. -220402 for null, -220547 for a
+    /// timer that is not registered.
+    int RRNRemoveTimer(RvTimer* timer);
+
+    /// Gives `listener` to the registry. -220552 for null.
+    int RRNStoreListener(RvListener* listener);
+
+    /// Takes `listener` out of the registry; the caller owns it from then on. -220402 for null.
+    int RRNDereferenceListener(RvListener* listener);
+
+    /// Deletes all listeners on exactly `subject` (domain included). Main thread, unchecked.
+    /// -220402 for null; 1 when there was none.
+    int RRNRemoveListener(const char* subject);
+
+    /// Takes `sender` out of the registry; the caller owns it from then on. -220402 for null.
+    int RRNDereferenceSender(RvSender* sender);
+
+    /// Adds the one-shot timer of 3 ms that calls the start-up hook.
+    int RRNAddPostInitTimer();
+
+    // --- Creating bus objects from any thread ----------------------------------------------------
+    //
+    // Each sets `*status` to 1 or to the reason of a null result: -220370 not made, -220371 no
+    // answer, -220402 nobody listens for requests. The caller owns the object (an I/O handler is
+    // registered with the net). Callbacks are kept, never copied. The net must have a session.
+
+    RvIO* RRNNewIO(int* status, unsigned int socket, rvevm_IoEventType type, RvIOCallback* callback,
+                   void* closure);
+    RvSender* RRNNewSender(int* status, const char* subject, const char* replySubject);
+
+    /// Without a subject the listener is an inbox. `timeout` in milliseconds; 0 means none.
+    RvListener* RRNNewListener(int* status, const RvDataCallback* callback, void* closure);
+    RvListener* RRNNewListener(int* status, const char* subject, const RvDataCallback* callback,
+                               void* closure);
+    RvListener* RRNNewListener(int* status, unsigned long timeout, const RvDataCallback* callback,
+                               void* closure);
+    RvListener* RRNNewListener(int* status, const char* subject, unsigned long timeout,
+                               const RvDataCallback* callback, void* closure);
+
+    /// `interval` in milliseconds.
+    RvTimer* RRNNewTimer(int* status, unsigned long interval, const RvTimerCallback* callback,
+                         void* closure);
+    RvTimer* RRNNewTimer(int* status, unsigned long interval, rv_Boolean repeat,
+                         const RvTimerCallback* callback, void* closure);
+
+  protected:
+    /// Reports -220425 when called off the main thread.
+    void RRNCheckThreadId();
+
+    /// 1 on the main thread, else -220425.
+    int RRNReturnCheckThreadId();
+
+    /// Keeps the senders to inboxes from piling up: call it, with the net's lock held, for every
+    /// sender entered in `m_senders`. Past 4,096 inbox senders the oldest is deleted.
+    void noteSender(const char* subject);
+
+  private:
+    friend class CVekRvQueueHandler;
+    struct RequestLines;
+
+    int RRNCreateQueueListener();
+    CVekPointer* RRNWaitForNewActivity(int threadId, int* status);
+
+    int openCoreSession();
+    int listenForAdvisories();
+    template <class Object, class Record>
+    Object* requestObject(int* status, Record request, const RequestLines& lines,
+                          const std::string& failureText, const std::string& pushedTrace);
+    template <class Object>
+    Object* claimAnswer(int threadId, int* status, const RequestLines& lines,
+                        const std::string& failureText);
+    template <class Object>
+    Object* checkCreated(Object* object, int* status);
+    RvSender* senderForRequest(const char* subject, int* status);
+    int storeTimer(int status, RvTimer* timer);
+    void sweepSpentTimers();
+    void deleteRequestQueue();
+
+  public:
+    // Main thread only. The session is deleted before the objects that were made from it; they
+    // stay valid as objects.
+    std::unique_ptr<RvSession> m_session;
+    CVekRvdCfgParser m_cfgParser;
+    CVekProcessHandle m_agentHandle;
+    bool m_agentStarted = false;
+    std::unique_ptr<CVekProcessMgr> m_processMgr;
+
+    /// 1 from a successful initialisation to termination. Written under m_lock at termination.
+    int m_sessionUp = 0;
+    unsigned int m_mainThreadId = 0;
+
+    // Guarded by m_lock. Each entry is a `CVekPointer` to an object that the registry owns.
+    std::unique_ptr<CVekTreeList> m_senders;     // by subject; the pointee may be null
+    std::unique_ptr<CVekTreeList> m_ioHandlers;  // by socket
+    std::unique_ptr<CVekTreeList> m_listeners;   // by subject, several per subject
+    std::unique_ptr<CVekDoubleList> m_timers;
+
+    /// Guards the requests, the answers and an engine's send queue.
+    CVekMutex m_requestMutex;
+    /// Held by another thread for the whole of one request; taken before m_requestMutex.
+    CVekMutex m_callerMutex;
+
+    // Main thread only.
+    std::unique_ptr<CVekStack> m_takenCallbacks;
+    std::unique_ptr<CVekRvErrorClb> m_errorCallback;
+
+    // Guarded by m_requestMutex.
+    std::unique_ptr<CVekStack> m_requests;
+    std::unique_ptr<CVekTreeList> m_answers;  // by the id of the thread that asked
+
+    // Main thread only.
+    std::unique_ptr<RvTimer> m_queueTimer;
+    std::unique_ptr<CVekRvQueueHandler> m_queueHandler;
+
+  private:
+    // Answers that nobody has taken yet, guarded by m_requestMutex.
+    std::multimap<int, RvSessionObject*> m_unclaimed;
+
+    // Guarded by m_lock: subjects of inbox senders, oldest first, and when to sweep m_timers next.
+    std::deque<std::string> m_inboxSenders;
+    int m_sweepTimersAt;
+
+    // Main thread only: what the registries gave up without deleting it.
+    std::vector<std::unique_ptr<CVekStack>> m_retiredStacks;
+    std::vector<std::unique_ptr<RvTimer>> m_retiredTimers;
+};

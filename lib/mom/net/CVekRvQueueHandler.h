@@ -1,0 +1,38 @@
+#pragma once
+
+#include "mom/net/SVekRvQueue.h"
+#include "platform/Export.h"
+#include "rv/rv.h"
+
+class CVekRvNet;
+
+/// The timer callback that creates, on the main thread, what other threads asked the net for.
+///
+/// Loop thread only. Holds the net's request mutex for the whole of one drain.
+class KVX_API CVekRvQueueHandler : public RvTimerCallback {
+  public:
+    /// `net` must outlive the handler. A null net is reported with -220552, and a tick then does
+    /// nothing.
+    explicit CVekRvQueueHandler(CVekRvNet* net);
+    CVekRvQueueHandler(const CVekRvQueueHandler&) = delete;
+
+    /// Serves the other handler's net from now on.
+    CVekRvQueueHandler& operator=(const CVekRvQueueHandler& other);
+    ~CVekRvQueueHandler() override;
+
+    /// Empties the net's request stack, last request first, and posts an answer for each valid one.
+    /// A record of an unknown type is reported with -220382 and neither answered nor deleted.
+    void onTimer(RvTimer* timer) override;
+
+  private:
+    void RRQIONewIO(SVekRvQueueIO* request);
+    void RRQIONewSender(SVekRvQueueSender* request);
+    void RRQIONewListener(SVekRvQueueListener* request);
+    void RRQIONewTimer(SVekRvQueueTimer* request);
+
+    void dispatch(void* request);
+    template <class Object>
+    void post(int threadId, Object* object, int notMadeLine, int notPostedLine);
+
+    CVekRvNet* m_net;
+};

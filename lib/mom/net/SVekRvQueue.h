@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+
+#include "rv/rv.h"
+
+/// The records with which other threads ask the main thread for a bus object.
+///
+/// Every record starts with its type code and the id of the asking thread, so that the handler can
+/// tell the kind of a record from its first word. The asking thread allocates the record and keeps
+/// the borrowed texts alive until it is answered; the main thread deletes it.
+
+/// Type codes of the records. Code 3 is not used.
+enum EVekRvQueueType : std::int32_t {
+    VEK_QUEUE_SENDER = 1,
+    VEK_QUEUE_LISTENER = 2,
+    VEK_QUEUE_IO = 4,
+    VEK_QUEUE_TIMER = 5
+};
+
+struct SVekRvQueueSender {
+    std::int32_t m_type;
+    std::int32_t m_threadId;
+    const char* m_subject;
+    const char* m_replySubject;  // may be null
+};
+
+struct SVekRvQueueListener {
+    std::int32_t m_type;
+    std::int32_t m_threadId;
+    const char* m_subject;  // null asks for an inbox
+    unsigned long m_timeout;
+    const RvDataCallback* m_callback;
+    void* m_closure;
+};
+
+struct SVekRvQueueIO {
+    std::int32_t m_type;
+    std::int32_t m_threadId;
+    unsigned int m_socket;
+    RvIOCallback* m_callback;
+    rvevm_IoEventType m_eventType;
+    void* m_closure;
+};
+
+struct SVekRvQueueTimer {
+    std::int32_t m_type;
+    std::int32_t m_threadId;
+    unsigned long m_interval;
+    rv_Boolean m_repeat;
+    const RvTimerCallback* m_callback;
+    void* m_closure;
+};
