@@ -1,0 +1,59 @@
+#pragma once
+
+#include <array>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "foundation/CSignalHandlerInterface.h"
+
+/// The process's signal dispatcher.
+///
+/// Signals are named by the port library's numbers, the same on every platform: 2 is SIGINT, 15
+/// SIGTERM, 34 SIGHUP, 35 SIGUSR1 and 36 SIGUSR2. A signal that arrives only sets a flag;
+/// `processSignals` runs what belongs to it on the calling thread. Any thread.
+class KVX_API CSignalHandler {
+  public:
+    static CSignalHandler& Instance();
+    CSignalHandler(const CSignalHandler&) = delete;
+    CSignalHandler& operator=(const CSignalHandler&) = delete;
+    /// Deletes every callback that was ever added, each once.
+    ~CSignalHandler();
+
+    /// Makes `handler` the one to run callbacks, and calls its `registerHandler(nullptr)`.
+    /// `handler` must live until `stop` or the next `manage`. Null only forgets the present one.
+    void manage(CSignalHandlerInterface* handler);
+
+    /// Takes ownership of `callback` and catches `signal` from now on; a registration that was
+    /// there is replaced. The same callback may be added for several signals. Returns true; false,
+    /// and takes nothing, for a number that is none of the five, for null, and when the system
+    /// refuses. The last argument is kept for callers that state it and changes nothing.
+    bool add(int signal, CCallbackBase* callback, bool reserved = false);
+
+    /// Acts as if `signal` had been caught; other numbers than the five are ignored.
+    void handleSignal(int signal);
+
+    /// Hands the callback of every signal caught since the last call to `runHandler`, in the order
+    /// of the numbers. A signal caught several times in between counts once.
+    void processSignals();
+
+    /// Forgets the handler, all registrations and all signals that wait, and gives the five back to
+    /// the system's default. `manage` works again afterwards.
+    void stop();
+
+    /// Blocks the five in the calling thread.
+    static void blockAll();
+
+  private:
+    static constexpr std::size_t kSignals = 5;
+
+    CSignalHandler() = default;
+
+    // Guarded by m_mutex.
+    std::mutex m_mutex;
+    CSignalHandlerInterface* m_interface = nullptr;
+    std::array<CCallbackBase*, kSignals> m_callbacks{};
+    // Everything ever added: a callback that has been handed on may still run after it was
+    // replaced.
+    std::vector<std::unique_ptr<CCallbackBase>> m_owned;
+};

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "foundation/CCallbackBase.h"
+
+/// What a `CSignalHandler` asks of the program that handles signals.
+class KVX_API CSignalHandlerInterface {
+  public:
+    virtual ~CSignalHandlerInterface();
+
+    /// Called once by `CSignalHandler::manage`: register a callback for every signal of interest.
+    /// `exitCallback`, when given, ends the process.
+    virtual bool registerHandler(CCallbackBase* exitCallback) = 0;
+
+    /// Called by `CSignalHandler::processSignals` for the callback of a caught signal: run it, or
+    /// have it run. `callback` stays valid until the process ends.
+    virtual bool runHandler(CCallbackBase* callback) = 0;
+};

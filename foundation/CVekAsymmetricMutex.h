@@ -1,0 +1,18 @@
+#pragma once
+
+#include <mutex>
+
+#include "platform/Export.h"
+
+/// A lock with two sides, of which each excludes everybody: holders of the other side and other
+/// holders of its own. Not recursive.
+class KVX_API CVekAsymmetricMutex {
+  public:
+    void RAMLockLeft() { m_mutex.lock(); }
+    void RAMUnLockLeft() { m_mutex.unlock(); }
+    void RAMLockRight() { m_mutex.lock(); }
+    void RAMUnLockRight() { m_mutex.unlock(); }
+
+  private:
+    std::mutex m_mutex;
+};

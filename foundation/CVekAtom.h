@@ -1,0 +1,67 @@
+#pragma once
+
+#include "foundation/HeapObject.h"
+#include "platform/Export.h"
+
+/// The kinds of value that an atom can hold.
+enum EVekDataType { VEK_TYPE_STRING = 1, VEK_TYPE_INT = 2, VEK_TYPE_INT64 = 3, VEK_TYPE_BYTES = 5 };
+
+/// A typed value: a text, an integer of 32 or 64 bits, or a byte string.
+///
+/// An atom owns what it holds. Texts and bytes that it hands out belong to it and stay valid until
+/// it is changed or dies. One atom may be read by many threads; changing it needs the caller's
+/// lock.
+class KVX_API CVekAtom : public kvx::HeapObject {
+  public:
+    /// A text. Copies `text`; null makes an empty text.
+    CVekAtom(const char* text);
+    /// A text. Takes ownership of `text`, which must come from `malloc`; null makes an empty text.
+    explicit CVekAtom(char* text);
+    CVekAtom(int value);
+    CVekAtom(long long value);
+    /// A byte string. Copies `length` bytes; a negative length counts as 0. An empty byte string
+    /// has length 0 and a pointer that is not null.
+    CVekAtom(const unsigned char* bytes, int length);
+    /// A byte string. Takes ownership of `bytes`, which must come from `malloc`. Null is kept: such
+    /// an atom has no bytes at all.
+    CVekAtom(unsigned char* bytes, int length);
+    /// Deep copy.
+    CVekAtom(const CVekAtom& other);
+    CVekAtom& operator=(const CVekAtom& other);
+    ~CVekAtom();
+
+    EVekDataType RAType() const { return m_type; }
+
+    /// The text of a text atom, else null.
+    const char* RAString() const;
+
+    /// The text form of any atom: texts as they are, integers in decimal, bytes in lower-case
+    /// hexadecimal. The caller releases the result with `free`; null when there is no memory.
+    char* RAStrRep() const;
+
+    /// The value of an integer atom (the low 32 bits of a 64-bit one); 0 for any other kind.
+    int RAInt() const;
+
+    /// Sets an integer atom, which keeps its width; an atom of another kind becomes a 32-bit
+    /// integer.
+    void RASet(int value);
+
+    /// The value of either integer kind; 0 for any other kind.
+    long long RAInt64() const;
+
+    /// Gives the bytes of a byte-string atom, which still owns them, and returns 1. Returns
+    /// -220532, with null and 0 in the outputs, when the atom holds no byte string.
+    int RAUChar(unsigned char** bytes, int* length) const;
+
+  private:
+    void copyFrom(const CVekAtom& other);
+    void release() noexcept;
+
+    EVekDataType m_type;
+    int m_length = 0;  // of a byte string
+    union {
+        char* m_text;
+        long long m_number;
+        unsigned char* m_bytes;
+    };
+};

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "foundation/CVekAtom.h"
+#include "foundation/CVekListable.h"
+
+/// A list of named atoms, in the order in which the names were first added. The record owns the
+/// atoms. Not thread-safe.
+class KVX_API CVekBaseRecord : public CVekListable {
+  public:
+    CVekBaseRecord() = default;
+    /// Deep copy.
+    CVekBaseRecord(const CVekBaseRecord& other);
+    CVekBaseRecord& operator=(const CVekBaseRecord& other);
+    ~CVekBaseRecord() override;
+
+    /// Adds the field, or replaces the value of the field of that name at its place, and returns 1.
+    /// Takes ownership of `value`; the value that it replaces is deleted, unless it is the same
+    /// pointer. Returns -220402, and takes nothing, when either argument is null.
+    int RRAddOrSetValue(const char* name, const CVekAtom* value);
+
+    /// The value of the field, which the record still owns; null when absent.
+    const CVekAtom* RRGetValue(const char* name) const;
+
+    /// Fields by position: null for a position outside of 0 to `RRSize()` - 1.
+    int RRSize() const { return static_cast<int>(m_fields.size()); }
+    const char* RRNameAt(int position) const;
+    const CVekAtom* RRValueAt(int position) const;
+
+    /// Encodes the record into one new `malloc`ed buffer that the caller releases with `free`, and
+    /// returns 1. The encoding is MessagePack, so that any language can read it: an array of
+    /// [name, value] pairs in field order, with texts as str, 32-bit integers in the smallest form,
+    /// 64-bit integers always as int 64 and byte strings as bin. Returns -220402 for null outputs,
+    /// -220439 when the encoding would exceed 2 GiB and -220553 without memory; both outputs are
+    /// null and 0 then.
+    int ROMEncode(unsigned char** bytes, int* length) const;
+
+    /// The record that `bytes` encode: a new one that the caller owns, or null when they are no
+    /// record. Safe on any bytes: anything else than the form above, a text with a zero byte
+    /// inside, an integer that does not fit, and bytes left over are no record. When a name comes
+    /// twice, the last value stands at the place of the first.
+    static CVekBaseRecord* ROMDecode(const unsigned char* bytes, int length);
+
+    CVekListable* RLTargetDeepCopy(const CVekListable* source) override;
+
+  private:
+    struct Field {
+        std::string name;
+        std::unique_ptr<const CVekAtom> value;
+    };
+
+    const Field* find(std::string_view name) const;
+    void set(std::string_view name, std::unique_ptr<const CVekAtom> value);
+    void buildIndex();
+
+    std::vector<Field> m_fields;
+    // Positions by name; empty while the record is so small that looking through it is faster.
+    std::unordered_map<std::string, std::size_t> m_index;
+};

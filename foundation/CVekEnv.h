@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+
+#include "foundation/CVekAtom.h"
+
+/// Where the system is installed and what this host is called. Any thread, as long as nobody
+/// changes the process environment meanwhile.
+class KVX_API CVekEnv {
+  public:
+    /// Reads the environment; later changes of it are not seen by this object.
+    CVekEnv();
+
+    /// The system's home directory: `$KVX_HOME`, else the installation prefix. Owned by this
+    /// object.
+    const char* REHome() const { return m_home.c_str(); }
+
+    /// The home directory of the programs: `$VEK_HOME`, else what `REHome` of a new object would
+    /// give; read at each call. The result is never to be deleted and stays valid for the process.
+    static const CVekAtom* REVekHome();
+
+    /// This host's name as the system gives it; empty when it gives none. Owned by this object.
+    const char* RELocalHost() const { return m_localHost.c_str(); }
+
+  private:
+    std::string m_home;
+    std::string m_localHost;
+};

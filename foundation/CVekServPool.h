@@ -1,0 +1,67 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/Export.h"
+
+/// A queue of work items and a set of threads that run them, each item once. Any thread.
+///
+/// The pool never deletes an item. Items that are still queued when it dies are not run: take them
+/// out first (`RSPStopThreads`, then `RSPTakeWorkDetail` until null) when they must be released.
+class KVX_API CVekServPool {
+  public:
+    using ThreadFunction = void (*)(void* item, void* context);
+
+    /// A pool of `threads` threads (none when below 1), which start with `RSPLaunchThreads`.
+    /// `context` is handed to every call of the thread function and must outlive the pool.
+    CVekServPool(int threads, void* context);
+    CVekServPool(const CVekServPool&) = delete;
+    CVekServPool& operator=(const CVekServPool&) = delete;
+
+    /// Stops the threads; see `RSPStopThreads`. Not to be called on a thread of the pool.
+    virtual ~CVekServPool();
+
+    /// Queues `item` and returns 1. Returns -220552 for null, which no thread could tell from
+    /// nothing.
+    virtual int RSPAddWorkDetail(void* item);
+
+    /// Takes the next item that is queued and not yet started; null when there is none. The caller
+    /// may hold the work lock.
+    virtual void* RSPTakeWorkDetail();
+
+    /// Starts the threads: each repeatedly takes the next item and calls `function` with it and the
+    /// context. Returns at once. A second call, and one after `RSPStopThreads`, does nothing.
+    void RSPLaunchThreads(ThreadFunction function);
+
+    /// Waits until every item that runs has finished, and ends the threads. Items that wait stay
+    /// queued.
+    void RSPStopThreads();
+
+    /// Hold the queue still: until the unlock no thread of the pool takes an item, and other
+    /// threads wait. The holder itself may take and add, and may lock again.
+    void RSPWorkLock() { m_workLock.lock(); }
+    void RSPWorkUnLock() { m_workLock.unlock(); }
+
+  protected:
+    /// Queues an item and wakes a thread; the caller need not hold the work lock.
+    void enqueue(void* item);
+
+  private:
+    void runThread(ThreadFunction function);
+    void* waitForItem();
+
+    // Constant after construction.
+    const int m_threadCount;
+    void* const m_context;
+
+    // Guarded by m_workLock.
+    std::recursive_mutex m_workLock;
+    std::condition_variable_any m_workArrived;
+    std::deque<void*> m_queue;
+    std::vector<std::thread> m_threads;
+    bool m_stopping = false;
+};

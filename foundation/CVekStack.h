@@ -1,0 +1,28 @@
+#pragma once
+
+#include <deque>
+
+#include "platform/Export.h"
+
+/// A sequence with two ends. What `RSPush` appends leaves in the order in which it came; what
+/// `RSPushBottom` puts in leaves before everything already held. The stack deletes nothing that it
+/// holds. Not thread-safe.
+class KVX_API CVekStack {
+  public:
+    /// Holds at most `bound` elements; a negative bound is none.
+    explicit CVekStack(int bound = -1) : m_bound(bound) {}
+
+    /// Appends at the back. Returns 1, or -220439 when the stack is full.
+    int RSPush(void* element);
+    /// Inserts at the front. Returns 1, or -220439 when the stack is full.
+    int RSPushBottom(void* element);
+    /// Removes and returns the element at the front; null when empty.
+    void* RSPop();
+    int RSLength() const { return static_cast<int>(m_elements.size()); }
+
+  private:
+    bool isFull() const { return m_bound >= 0 && RSLength() >= m_bound; }
+
+    int m_bound;
+    std::deque<void*> m_elements;
+};

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstddef>
+#include <new>
+
+#include "platform/Export.h"
+
+namespace kvx {
+
+/// Gives a class its own `operator new` and `operator delete`, so that objects which travel between
+/// libraries are always returned to the allocator that they came from. Any thread.
+class KVX_API HeapObject {
+  public:
+    /// Throws `std::bad_alloc` when there is no memory; the `nothrow` form gives null.
+    static void* operator new(std::size_t size);
+    static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
+    static void* operator new(std::size_t, void* place) noexcept { return place; }
+    static void operator delete(void* memory) noexcept;
+    static void operator delete(void* memory, const std::nothrow_t&) noexcept;
+    static void operator delete(void*, void*) noexcept {}
+
+  protected:
+    HeapObject() = default;
+    ~HeapObject() = default;
+    HeapObject(const HeapObject&) = default;
+    HeapObject& operator=(const HeapObject&) = default;
+};
+
+}  // namespace kvx
