@@ -11,6 +11,7 @@
 
 #include "platform/Export.h"
 #include "rv/event/rvevm.h"
+#include "rv/link/ipqProperties.h"
 #include "rv/message/rvmsg.h"
 
 using rv_Session = struct rv_Session_*;
@@ -32,13 +33,6 @@ inline constexpr const char flavourName[] = "KVX";
 /// included) and close the session.
 using rv_DataCallback = void (*)(rv_Session session, const char* subject, const char* reply,
                                  rvmsg_Type type, rvmsg_Size size, rvmsg_Data data, void* closure);
-
-/// The value of the session property "ipqProperties": how the daemon link queues.
-struct ipq_Properties {
-    std::int32_t batching;     ///< nonzero: messages wait for the next write event to be packed
-    std::int32_t readBudget;   ///< bytes of messages taken in one readiness event
-    std::int32_t segmentSize;  ///< bytes of small messages packed into one segment
-};
 
 /// Sets the flavour that sessions created later announce. Texts may be null. Returns 4 for id 0 and
 /// 20 without memory; the flavour is then unchanged. Any thread.

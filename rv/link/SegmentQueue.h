@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+
+#include "rv/wire/ControlMessage.h"
+#include "rv/wire/Negotiation.h"
+
+namespace kvx::link {
+
+/// What became of a message that was added.
+enum class Added {
+    Kept,
+    KeptOthersDropped,  ///< the message limit is reached; the oldest waiting segment may be gone
+    Refused,            ///< the byte limit
+    NoMemory,
+};
+
+/// The outgoing messages of a link: the block being written and the segments that wait behind it.
+/// Bytes in, bytes out; no socket. Small messages are packed into segments.
+class SegmentQueue {
+  public:
+    SegmentQueue(const wire::QueueLimits& limits, std::size_t segmentSize);
+
+    /// Adds a whole message. `front` appends it to the block being written whatever the segment
+    /// size.
+    [[nodiscard]] Added add(wire::OwnedMessage message, bool front);
+
+    [[nodiscard]] bool empty() const { return !writing_.bytes.bytes; }
+    /// The unwritten rest of the block being written.
+    [[nodiscard]] wire::Bytes unwritten() const;
+    /// Takes note that the first `count` bytes of `unwritten` are on their way. A finished block
+    /// makes room for the next segment.
+    void written(std::size_t count);
+    /// Drops the block being written.
+    void discardBlock();
+    /// Drops everything.
+    void clear();
+
+    void setSegmentSize(std::size_t bytes) { segmentSize_ = bytes; }
+    [[nodiscard]] std::size_t segmentSize() const { return segmentSize_; }
+    [[nodiscard]] unsigned long waitingMessages() const { return waitingMessages_; }
+    [[nodiscard]] unsigned long waitingBytes() const { return waitingBytes_; }
+    [[nodiscard]] std::uint64_t messagesWritten() const { return messagesWritten_; }
+    [[nodiscard]] std::uint64_t messagesDropped() const { return messagesDropped_; }
+
+  private:
+    struct Segment {
+        wire::OwnedMessage bytes;
+        std::size_t used = 0;  // bytes of whole messages in it
+        unsigned long messages = 0;
+    };
+
+    [[nodiscard]] bool place(wire::OwnedMessage&& message, std::size_t length, bool front);
+    [[nodiscard]] bool append(Segment& segment, const wire::OwnedMessage& message,
+                              std::size_t length, std::size_t capacity);
+    [[nodiscard]] static Segment single(wire::OwnedMessage&& message, std::size_t length);
+    void dropOldest();
+    void forget(const Segment& segment);
+    void startNext();
+
+    const wire::QueueLimits limits_;
+    std::size_t segmentSize_;
+    Segment writing_;
+    std::size_t offset_ = 0;  // bytes of writing_ that have been written
+    std::deque<Segment> waiting_;
+    unsigned long waitingMessages_ = 0;
+    unsigned long waitingBytes_ = 0;
+    std::uint64_t messagesWritten_ = 0;
+    std::uint64_t messagesDropped_ = 0;
+};
+
+}  // namespace kvx::link

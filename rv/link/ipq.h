@@ -1,0 +1,122 @@
+#pragma once
+
+/// The queue transport of the daemon link: complete messages in both directions over one socket.
+///
+/// A queue is made by one of the two negotiations (or by `ipq_Create` from an accepted block), owns
+/// its socket, and runs on the event manager of its host with a read event, a write event or a
+/// retry timer, and a keepalive timer. Loop thread only. Codes are those of `ipq_ErrorText`.
+
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/Clock.h"
+#include "platform/Socket.h"
+#include "rv/link/LinkHost.h"
+#include "rv/wire/ByteOrder.h"
+#include "rv/wire/ControlMessage.h"
+#include "rv/wire/ParameterBlock.h"
+
+using ipq_Queue = struct ipq_Queue_*;
+
+/// How a queue stands after its last operation; also the results of `ipq_Create`.
+enum ipq_State : int {
+    IPQ_OK = 0,
+    IPQ_NO_MEMORY = 1,
+    IPQ_BAD_LIMIT = 2,
+    IPQ_LIMIT_EXCEEDED = 3,
+    IPQ_EMPTY = 4,  ///< nothing to read yet
+    IPQ_EVENT_FAILURE = 6,
+    IPQ_PEER_GONE = 7,
+    IPQ_BAD_TYPE = 8,
+};
+
+/// Results of the two negotiations, beside 0.
+enum ipq_SetupResult : int {
+    IPQ_SETUP_OK = 0,
+    IPQ_SETUP_EXCHANGE_FAILED = 8,
+    IPQ_SETUP_DISAGREEMENT = 9,
+    IPQ_SETUP_NO_QUEUE = 10,
+};
+
+inline constexpr ipq_Properties kvx_ipqDefaults = {0, 4096, 8192};
+
+struct ipq_Statistics {
+    std::uint64_t messagesRead = 0;
+    std::uint64_t bytesRead = 0;
+    std::uint64_t messagesInvalid = 0;  ///< received, of a sound length, but no valid message
+    std::uint64_t messagesWritten = 0;
+    std::uint64_t bytesWritten = 0;
+    std::uint64_t messagesDropped = 0;  ///< by the message limit
+    std::uint64_t writeAttempts = 0;
+    std::uint64_t shortWrites = 0;  ///< sends that took less than was offered
+};
+
+/// `message` is whole and valid, and stays so until the callback returns; the callback may close
+/// the queue.
+using ipq_MessageCallback = void (*)(ipq_Queue queue, kvx::wire::Bytes message, void* closure);
+/// Peer gone, and errors; called from an event of the queue, never from an operation. The callback
+/// usually closes the queue.
+using ipq_EventCallback = void (*)(ipq_Queue queue, ipq_State state, void* closure);
+
+template <class Function>
+struct ipq_Callback {
+    Function function = nullptr;
+    void* closure = nullptr;
+};
+
+/// Version 3 setup and version 4 negotiation, each within 5 s. `socket` is taken over, and closed
+/// when no queue comes of it.
+int ipq_CreateV3(ipq_Queue* queue, kvx::link::LinkHost& session, kvx::platform::Socket socket);
+int ipq_NegotiateV4(ipq_Queue* queue, kvx::link::LinkHost& session, kvx::platform::Socket socket);
+
+/// Makes the queue from an accepted block. The caller owns the result and ends it with `ipq_Close`.
+/// Returns 8 for a wrong queue type, 2 for a bad limit, 1 without memory, 6 when its events cannot
+/// be registered.
+int ipq_Create(ipq_Queue* queue, kvx::link::LinkHost& session,
+               const kvx::wire::ParameterBlock& block, kvx::platform::Socket socket);
+
+/// Hands over a message, which is written at once, packed behind what waits, or refused. `front`
+/// appends it to the block being written. True when it was accepted and nothing had to be dropped;
+/// otherwise `ipq_StateOf` tells why, and after state 3 `ipq_WasKept` whether it waits
+/// nevertheless.
+bool ipq_Enqueue(ipq_Queue queue, kvx::wire::OwnedMessage message, bool front);
+bool ipq_WasKept(ipq_Queue queue);
+
+/// The next valid message, empty when there is none (`ipq_StateOf`: 4 nothing yet, 7 peer gone, 1
+/// no memory). Waits for it in blocking mode. It lies in the queue until the next read.
+kvx::wire::Bytes ipq_Read(ipq_Queue queue);
+/// The same, waiting at most `timeout` (`kForever` for no limit) in either mode.
+kvx::wire::Bytes ipq_ReadWithin(ipq_Queue queue, kvx::platform::Milliseconds timeout);
+
+/// Writes what waits, for at most `timeout`. State 0 when nothing waits any more, 4 when the
+/// time-out passed first, 7 when the peer is gone.
+ipq_State ipq_Flush(ipq_Queue queue, kvx::platform::Milliseconds timeout);
+
+/// In blocking mode a write is finished before `ipq_Enqueue` returns, and a peer that takes nothing
+/// for `stall` counts as gone. The queue of a synchronous session is always in blocking mode for
+/// writing.
+void ipq_SetBlocking(ipq_Queue queue, bool blocking);
+void ipq_SetStallLimit(ipq_Queue queue, kvx::platform::Milliseconds stall);
+
+/// Each returns the previous callback.
+ipq_Callback<ipq_MessageCallback> ipq_SetMessageCallback(ipq_Queue queue,
+                                                         ipq_MessageCallback callback,
+                                                         void* closure);
+ipq_Callback<ipq_EventCallback> ipq_SetPeerGoneCallback(ipq_Queue queue, ipq_EventCallback callback,
+                                                        void* closure);
+ipq_Callback<ipq_EventCallback> ipq_SetErrorCallback(ipq_Queue queue, ipq_EventCallback callback,
+                                                     void* closure);
+
+/// Registers the queue's events again, with the manager of `session`, which becomes its host.
+int ipq_MoveToManager(ipq_Queue queue, kvx::link::LinkHost& session);
+
+/// Closes the socket and frees the queue, from inside one of its callbacks when that returns (no
+/// further callback is called). A graceful close first writes everything that waits and the close
+/// block, then waits up to 5 s for the peer to close.
+void ipq_Close(ipq_Queue queue, bool graceful);
+
+void ipq_SetProperties(ipq_Queue queue, const ipq_Properties& properties);
+ipq_State ipq_StateOf(ipq_Queue queue);
+unsigned long ipq_WaitingMessages(ipq_Queue queue);
+unsigned long ipq_WaitingBytes(ipq_Queue queue);
+const ipq_Statistics& ipq_StatisticsOf(ipq_Queue queue);
