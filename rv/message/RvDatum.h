@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "platform/Export.h"
+#include "rv/error/RvStatus.h"
+#include "rv/message/rvmsg.h"
+
+namespace kvx {
+
+/// Gives back what `malloc` gave.
+struct FreeDeleter {
+    void operator()(void* memory) const noexcept { std::free(memory); }
+};
+
+}  // namespace kvx
+
+/// One typed value, with or without a name.
+///
+/// A datum made from (type, size, data) borrows the data, which must outlive it. A copied datum
+/// owns a private copy. Every typed read returns a status of the message category: 0, or 3 when the
+/// value has no conversion to the type asked for; the variable is then left as it was.
+class KVX_API RvDatum {
+  public:
+    /// No value: type 0, size 0, no data.
+    RvDatum() = default;
+    RvDatum(rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
+    /// The same with a copy of `name`.
+    RvDatum(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
+    /// A private copy. Size 0 of a string, message or sealed block is worked out for the copying
+    /// and stays recorded as 0; a value without data becomes the empty datum.
+    RvDatum(const RvDatum& other);
+    RvDatum& operator=(const RvDatum& other);
+    virtual ~RvDatum();
+
+    /// False when either type is 0 or the types or sizes differ; else the bytes are compared. For
+    /// two messages the recorded sizes count; `RvMsg` compares their contents.
+    virtual bool operator==(const RvDatum& other) const;
+
+    /// Frees owned data and borrows `data`; null data forces size 0. `name` is copied, null clears
+    /// it.
+    void set(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
+
+    rvmsg_Type type() const { return m_type; }
+    rvmsg_Size size() const { return m_size; }
+    rvmsg_Data data() const { return m_data; }
+    /// Null for a datum without a name. Belongs to the datum.
+    const char* name() const { return m_name.get(); }
+
+    RvStatus getInt32(long& value) const;
+    RvStatus getUInt32(unsigned long& value) const;
+    RvStatus getInt16(short& value) const;
+    RvStatus getUInt16(unsigned short& value) const;
+    RvStatus getFloat32(float& value) const;
+    RvStatus getFloat64(double& value) const;
+    RvStatus getString(char* buffer, unsigned long capacity) const;
+
+    /// Writes the value as text (`rvmsg_Print`); a null stream means standard output.
+    void print(FILE* stream) const;
+
+  protected:
+    /// Takes ownership of `data`, which came from `malloc` and holds `allocated` bytes.
+    void adopt(rvmsg_Type type, rvmsg_Size size, void* data, rvmsg_Size allocated);
+    bool borrowed() const { return m_borrowed != 0; }
+    /// Bytes of the owned buffer; 0 while borrowing.
+    rvmsg_Size allocated() const { return m_allocated; }
+
+  private:
+    void copyFrom(const RvDatum& other);
+    void releaseData();
+    void setName(const char* name);
+
+    rvmsg_Type m_type = RVMSG_BADDATA;
+    rvmsg_Size m_size = 0;
+    rvmsg_Data m_data = nullptr;  // freed here unless borrowed
+    std::unique_ptr<char, kvx::FreeDeleter> m_name;
+    std::int32_t m_borrowed = 1;
+    rvmsg_Size m_allocated = 0;
+};

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <concepts>
+#include <memory>
+
+#include "platform/Export.h"
+#include "rv/message/RvDatum.h"
+
+class RvMsgIterator;
+
+/// A growable message; itself a datum of type message.
+///
+/// A message either owns its buffer, which grows on append to exactly what is needed, or wraps one
+/// that it neither frees nor changes. A message whose construction failed is inert: operations
+/// report status 1 and `size()` is 0. What a lookup returns points into the message or its scratch
+/// area: it is valid until the next lookup, change or the message's end.
+class KVX_API RvMsg : public RvDatum {
+  public:
+    /// Owns a new, empty buffer; 0 means 1,024 bytes, 1 to 7 mean 8.
+    RvMsg(unsigned long initialSize = 0);
+    template <std::integral Number>
+    explicit RvMsg(Number initialSize) : RvMsg(static_cast<unsigned long>(initialSize)) {}
+    /// Wraps an initialised buffer, which must outlive this object.
+    RvMsg(rvmsg_Msg buffer);
+    /// An owned copy of exactly the other's length.
+    RvMsg(const RvMsg& other);
+    /// Does nothing when either side is inert or the other is no readable message.
+    RvMsg& operator=(const RvMsg& other);
+    ~RvMsg() override;
+
+    /// True when both are messages of the same bytes.
+    bool operator==(const RvDatum& other) const override;
+    bool operator==(const RvMsg& other) const;
+
+    /// Frees an owned buffer and wraps `buffer`, which must outlive its use here. Status 1, with
+    /// nothing changed, when this message is inert or `buffer` is not initialised.
+    RvStatus attach(rvmsg_Msg buffer);
+    /// Makes room for `size` bytes in all. 1 for an inert message, 3 for a wrapped one, 8 when the
+    /// memory is not there.
+    RvStatus reserve(unsigned long size);
+
+    /// Adds one field (`rvmsg_Append`), growing the buffer once if need be. Status 1 for an inert
+    /// message, 3 for a wrapped one, {session, 20} when it cannot grow. `data` is copied.
+    RvStatus append(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
+    RvStatus append(const char* name, const RvDatum& datum);
+    RvStatus append(const RvDatum& datum);
+    RvStatus append(const char* name, short value);
+    RvStatus append(const char* name, unsigned short value);
+    RvStatus append(const char* name, int value);
+    RvStatus append(const char* name, unsigned int value);
+    /// 3 for a value that 32 bits do not hold.
+    RvStatus append(const char* name, long value);
+    RvStatus append(const char* name, unsigned long value);
+    RvStatus append(const char* name, float value);
+    RvStatus append(const char* name, double value);
+    RvStatus append(const char* name, const char* text);
+
+    /// Sets `datum` to the first field called `name`, or the field at a dotted path.
+    RvStatus get(const char* name, RvDatum& datum) const;
+    RvStatus get(const char* name, short& value) const;
+    RvStatus get(const char* name, unsigned short& value) const;
+    RvStatus get(const char* name, long& value) const;
+    RvStatus get(const char* name, unsigned long& value) const;
+    RvStatus get(const char* name, float& value) const;
+    RvStatus get(const char* name, double& value) const;
+    RvStatus get(const char* name, char* buffer, unsigned long capacity) const;
+    /// `nested` then wraps the nested buffer and must not outlive this message. 3 for a field that
+    /// is no message.
+    RvStatus get(const char* name, RvMsg& nested) const;
+
+    /// The length of the message in bytes, 0 when it is inert.
+    rvmsg_Size size() const;
+
+    /// A walk over the fields. The caller owns the result, which must not outlive this message or
+    /// any change to it. Null when memory is exhausted.
+    RvMsgIterator* newIterator() const;
+
+  private:
+    friend class RvMsgIterator;
+    struct Context;
+
+    void setBuffer(void* fresh, rvmsg_Size capacity);
+    bool wrap(rvmsg_Data buffer);
+    bool grow(rvmsg_Size capacity);
+
+    std::unique_ptr<Context> m_context;
+};

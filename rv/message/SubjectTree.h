@@ -1,0 +1,70 @@
+#pragma once
+
+#include <algorithm>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "rv/message/SubjectView.h"
+
+namespace kvx {
+
+/// A subject tree: which subscriptions does a message on this subject reach?
+///
+/// One level per element; every node keeps its exact children, a "*" child, the subscriptions that
+/// end there and those that end in ">" there. A lookup costs one hash probe per element and, where
+/// such subscriptions exist, one step for "*" and ">", whatever the number of subscriptions; it
+/// allocates nothing once the tree has seen a match as wide as this one.
+///
+/// The four ways to ask, and who needs them:
+///
+///   match            every subscription, wildcards included           ordinary subjects
+///   matchLiteralRoot the same, but first elements must be equal       the daemon's inbox messages
+///   matchExact       only subscriptions on this very subject          the client's inbox messages
+///   matchCovered     `subject` is a pattern: every subscription whose messages on wildcard
+///   subjects
+///                    every subject matches it
+///
+/// Each calls `visit(Subscription&)` once for every match, in the order of adding, and returns the
+/// number of calls. `visit` may return bool: false ends the match. `visit` may add and remove
+/// subscriptions and ask again: what it adds is not visited, what it removes is not visited any
+/// more. The tree itself must outlive the call. Not thread-safe: loop thread only.
+template <class Subscription>
+class SubjectTree {
+  public:
+    SubjectTree() = default;
+    SubjectTree(const SubjectTree&) = delete;
+    SubjectTree& operator=(const SubjectTree&) = delete;
+    ~SubjectTree() = default;
+
+    /// Adds `subscription` under `subject`, which is copied. The tree keeps the pointer; it must be
+    /// removed before it dies. Adding one pointer twice under one subject counts twice: it is
+    /// visited twice and removed twice.
+    void add(SubjectView subject, Subscription* subscription);
+
+    /// Undoes one `add`, the latest one. Returns false, and changes nothing, when there was none.
+    [[nodiscard]] bool remove(SubjectView subject, const Subscription* subscription);
+
+    /// The number of subscriptions, counted as they were added.
+    std::size_t size() const;
+
+    template <class Visit>
+    std::size_t match(SubjectView subject, Visit&& visit) const;
+
+    template <class Visit>
+    std::size_t matchLiteralRoot(SubjectView subject, Visit&& visit) const;
+
+    template <class Visit>
+    std::size_t matchExact(SubjectView subject, Visit&& visit) const;
+
+    /// `admit(std::string_view)` says whether subscriptions with this first element ("*" and ">"
+    /// included) may be reached at all: that is where the rules for "_RV" and "_INBOX" go.
+    template <class Admit, class Visit>
+    std::size_t matchCovered(SubjectView pattern, Admit&& admit, Visit&& visit) const;
+};
+
+}  // namespace kvx
