@@ -1,0 +1,22 @@
+#include "platform/File.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kvx::platform {
+
+bool isReadable(const std::string& path) noexcept {
+    return ::access(path.c_str(), R_OK) == 0;
+}
+
+bool isExecutable(const std::string& path) noexcept {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+           ::access(path.c_str(), X_OK) == 0;
+}
+
+bool isTerminal(std::FILE* stream) noexcept {
+    return ::isatty(::fileno(stream)) == 1;
+}
+
+}  // namespace kvx::platform

@@ -1,0 +1,79 @@
+#include "platform/Signals.h"
+
+#include <pthread.h>
+
+#include <csignal>
+
+namespace kvx::platform {
+
+namespace {
+
+bool setDisposition(int signal, SignalHandler handler) noexcept {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    return ::sigaction(signal, &action, nullptr) == 0;
+}
+
+sigset_t maskOf(std::span<const int> signals) noexcept {
+    sigset_t mask;
+    sigemptyset(&mask);
+    for (const int signal : signals) sigaddset(&mask, signal);
+    return mask;
+}
+
+}  // namespace
+
+namespace signal_number {
+int interrupt() noexcept {
+    return SIGINT;
+}
+int terminate() noexcept {
+    return SIGTERM;
+}
+int hangup() noexcept {
+    return SIGHUP;
+}
+int user1() noexcept {
+    return SIGUSR1;
+}
+int user2() noexcept {
+    return SIGUSR2;
+}
+}  // namespace signal_number
+
+bool installSignalHandler(int signal, SignalHandler handler) noexcept {
+    return setDisposition(signal, handler);
+}
+
+void restoreDefaultSignal(int signal) noexcept {
+    setDisposition(signal, SIG_DFL);
+}
+
+void ignoreSignal(int signal) noexcept {
+    setDisposition(signal, SIG_IGN);
+}
+
+void blockSignals(std::span<const int> signals) noexcept {
+    const sigset_t mask = maskOf(signals);
+    ::pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+}
+
+void unblockSignals(std::span<const int> signals) noexcept {
+    const sigset_t mask = maskOf(signals);
+    ::pthread_sigmask(SIG_UNBLOCK, &mask, nullptr);
+}
+
+bool isSignalBlocked(int signal) noexcept {
+    sigset_t mask;
+    sigemptyset(&mask);
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    return sigismember(&mask, signal) == 1;
+}
+
+bool raiseSignal(int signal) noexcept {
+    return ::pthread_kill(::pthread_self(), signal) == 0;
+}
+
+}  // namespace kvx::platform
