@@ -1,0 +1,120 @@
+#include "mom/config/CVekRvdCfgParser.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+#include "foundation/foundation.h"
+#include "mom/config/VekRvdCfgScan.h"
+#include "mom/net/VekTrace.h"
+
+// The parser object is only the place where text and values are kept. The work is done by the
+// generated grammar and scanner, whose state is one for the whole process; `parseLock` is what
+// makes a second thread wait for it.
+
+namespace {
+
+constexpr int kParserGaveUp = -220551;
+
+std::mutex& parseLock() {
+    static std::mutex lock;
+    return lock;
+}
+
+int replaceValue(CVekAtom*& member, const CVekAtom* value, const char* operation) {
+    if (value == nullptr) return kvx::kInvalidArgument;
+    auto* copy = new CVekAtom(*value);
+    delete member;
+    member = copy;
+    if (__ZembraLix_Debug_Level >= kvx::kTraceCalls) {
+        const std::unique_ptr<char, decltype(&std::free)> text(member->RAStrRep(), &std::free);
+        kvx::trace(kvx::kTraceCalls, "CVekRvdCfgParser::", operation, "(", text.get(), ")\n");
+    }
+    return kvx::kOk;
+}
+
+}  // namespace
+
+CVekRvdCfgParser::CVekRvdCfgParser() = default;
+
+CVekRvdCfgParser::CVekRvdCfgParser(char* text) {
+    const int result = RRCPSetParseBuffer(text);
+    if (result != kvx::kOk) CVekError(result, "CVekRvdCfgParser", 0, nullptr);
+}
+
+CVekRvdCfgParser::~CVekRvdCfgParser() {
+    std::free(m_parseBuffer);
+    delete m_service;
+    delete m_network;
+    delete m_daemon;
+    delete m_rvaPort;
+}
+
+int CVekRvdCfgParser::RRCPSetParseBuffer(char* text) {
+    char* copy = text != nullptr ? strdup(text) : nullptr;
+    std::free(m_parseBuffer);
+    m_parseBuffer = copy;
+    return text != nullptr && copy == nullptr ? kvx::kNoMemory : kvx::kOk;
+}
+
+char* CVekRvdCfgParser::RRCPGetParseBuffer() {
+    return m_parseBuffer;
+}
+
+int CVekRvdCfgParser::RRCPParseRvdCfg() {
+    if (m_parseBuffer == nullptr) return kvx::kInvalidArgument;
+    const std::lock_guard<std::mutex> guard(parseLock());
+    kvx::config::scanFrom(m_parseBuffer);
+    const int result = VekRvdCfgparse(this);
+    kvx::config::scanNothing();
+    return result == 0 ? kvx::kOk : kParserGaveUp;
+}
+
+int CVekRvdCfgParser::RRCPParseFromFilename(char* fileName) {
+    if (fileName == nullptr) return kvx::kInvalidArgument;
+    CVekReadOnlyFile file(fileName, false);
+    if (file.ROFCheckAccess() == -1 || file.ROFOpen() != 0) return kvx::kFileUnusable;
+    std::free(m_parseBuffer);
+    m_parseBuffer = file.ROFReadAll();
+    return RRCPParseRvdCfg();
+}
+
+int CVekRvdCfgParser::RRCPSetService(const CVekAtom* value) {
+    return replaceValue(m_service, value, "RRCPSetService");
+}
+
+int CVekRvdCfgParser::RRCPSetNetwork(const CVekAtom* value) {
+    return replaceValue(m_network, value, "RRCPSetNetwork");
+}
+
+int CVekRvdCfgParser::RRCPSetDaemon(const CVekAtom* value) {
+    return replaceValue(m_daemon, value, "RRCPSetDaemon");
+}
+
+int CVekRvdCfgParser::RRCPSetRVAPort(const CVekAtom* value) {
+    return replaceValue(m_rvaPort, value, "RRCPSetRVAPort");
+}
+
+CVekAtom* CVekRvdCfgParser::RRCPGetService() {
+    return m_service;
+}
+
+CVekAtom* CVekRvdCfgParser::RRCPGetNetwork() {
+    return m_network;
+}
+
+CVekAtom* CVekRvdCfgParser::RRCPGetDaemon() {
+    return m_daemon;
+}
+
+CVekAtom* CVekRvdCfgParser::RRCPGetRVAPort() {
+    return m_rvaPort;
+}
+
+char* RvdCfgFileName() {
+    const CVekEnv environment;
+    CVekString path(environment.REHome());
+    path.RSStrCat("/etc/Calvorine.rvd.cfg");
+    return path.RSStringCopy();
+}

@@ -1,0 +1,147 @@
+/*
+ * The grammar of the daemon configuration file.
+ *
+ * A file is a sequence of blocks; each block is applied to the parser object as soon as its final
+ * ";" has been read. An error anywhere drops the block it stands in: the stack falls back to the
+ * start, which alone can shift the error token, and the input up to the next "rendezvous" is thrown
+ * away. Every error can be recovered from, so a parse fails only when the stack is exhausted, which
+ * a left-recursive grammar of this depth never does.
+ *
+ * Codes of 0 and below are the end of the input. The scanner returns a byte of value 128 or more as
+ * its signed value, so such a byte outside a string ends the parse.
+ */
+%require "3.8"
+%define api.prefix {VekRvdCfg}
+%define parse.trace
+%parse-param {CVekRvdCfgParser* parser}
+
+%code requires {
+class CVekRvdCfgParser;
+class CVekVarBind;
+class CVekVBList;
+}
+
+%code {
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+#include "foundation/foundation.h"
+#include "mom/config/CVekRvdCfgParser.h"
+#include "mom/config/VekRvdCfgScan.h"
+#include "mom/net/VekTrace.h"
+
+namespace {
+
+constexpr const char* kSyntaxError = "parse error";
+constexpr const char* kStackExhausted = "parser stack overflow";
+
+bool same(const char* left, const char* right) {
+    return left != nullptr && std::strcmp(left, right) == 0;
+}
+
+bool appliesHere(const char* host) {
+    if (host == nullptr || same(host, "localhost")) return true;
+    const CVekEnv environment;
+    return same(environment.RELocalHost(), host);
+}
+
+void applyItem(CVekRvdCfgParser& parser, const CVekVarBind& item) {
+    const char* name = item.RVBName().RAString();
+    const CVekAtom* value = item.RVBValue();
+    if (same(name, "service")) {
+        parser.RRCPSetService(value);
+    } else if (same(name, "network")) {
+        parser.RRCPSetNetwork(value);
+    } else if (same(name, "daemon")) {
+        parser.RRCPSetDaemon(value);
+    } else if (same(name, "rva")) {
+        parser.RRCPSetRVAPort(value);
+    } else {
+        kvx::warn(name != nullptr ? name : "", " not a valid service\n");
+    }
+}
+
+void applyBlock(CVekRvdCfgParser& parser, const char* host, const CVekVBList& items) {
+    if (!appliesHere(host)) return;
+    for (const CVekVarBind* item = items.RVBLHead(); item != nullptr;
+         item = items.RVBLGetNext(item)) {
+        applyItem(parser, *item);
+    }
+}
+
+// Takes both strings over; the pair holds copies.
+CVekVarBind* makeItem(char* name, char* value) {
+    const CVekAtom nameAtom(name);
+    const CVekAtom valueAtom(value);
+    return new CVekVarBind(nameAtom, &valueAtom);
+}
+
+CVekVBList* append(CVekVBList* items, CVekVarBind* item) {
+    items->RVBLAddToListEnd(item);
+    return items;
+}
+
+}  // namespace
+
+// The generator's words for its two errors are not ours.
+static void VekRvdCfgerror(CVekRvdCfgParser*, const char* message) {
+    const bool exhausted = std::strcmp(message, "memory exhausted") == 0;
+    std::cout << "Calvorine.rvd.cfg Parser error: " << (exhausted ? kStackExhausted : kSyntaxError)
+              << " line : " << kvx::config::currentLine() << "\n";
+}
+}
+
+%union {
+    char* text;
+    CVekVarBind* item;
+    CVekVBList* items;
+}
+
+%token _VEK_RENDEZVOUS 257
+%token _VEK_SESSION 258
+%token _VEK_FOR 259
+%token _VEK_HOST 260
+%token <text> _VEK_QSTRING 261
+
+%type <text> OptHostName
+%type <item> RvdCfgItem
+%type <items> RvdCfgItemList
+
+%destructor { std::free($$); } <text>
+%destructor { delete $$; } <item> <items>
+
+/* A file may be empty, and so may a block: the shift is always what is meant. */
+%expect 3
+
+%%
+
+RvdCfgHostList:
+      RvdCfgHost
+    | RvdCfgHostList RvdCfgHost
+    | error
+    ;
+
+RvdCfgHost:
+      _VEK_RENDEZVOUS _VEK_SESSION OptHostName '=' '{' RvdCfgItemList '}' ';'
+        {
+            applyBlock(*parser, $3, *$6);
+            std::free($3);
+            delete $6;
+        }
+    | %empty
+    ;
+
+OptHostName:
+      _VEK_FOR _VEK_HOST _VEK_QSTRING  { $$ = $3; }
+    | %empty                           { $$ = nullptr; }
+    ;
+
+RvdCfgItemList:
+      RvdCfgItem                       { $$ = append(new CVekVBList, $1); }
+    | RvdCfgItemList ',' RvdCfgItem    { $$ = append($1, $3); }
+    ;
+
+RvdCfgItem:
+      _VEK_QSTRING '=' _VEK_QSTRING    { $$ = makeItem($1, $3); }
+    ;
