@@ -12,7 +12,7 @@ class KVX_API CVekVarBind : public CVekListable, public kvx::HeapObject {
     CVekVarBind& operator=(const CVekVarBind& other);
     ~CVekVarBind() override;
 
-    const CVekAtom* RVBName() const { return &m_name; }
+    const CVekAtom& RVBName() const { return m_name; }
     /// Null when the binding has no value.
     const CVekAtom* RVBValue() const { return m_value; }
 
