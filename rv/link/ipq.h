@@ -12,7 +12,7 @@
 #include "platform/Clock.h"
 #include "platform/Socket.h"
 #include "rv/link/LinkHost.h"
-#include "rv/wire/ByteOrder.h"
+#include "rv/wire/Bytes.h"
 #include "rv/wire/ControlMessage.h"
 #include "rv/wire/ParameterBlock.h"
 

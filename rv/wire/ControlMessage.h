@@ -6,7 +6,9 @@
 #include <optional>
 #include <string_view>
 
-#include "rv/wire/ByteOrder.h"
+#include "rv/message/WireReader.h"
+#include "rv/message/rvmsg.h"
+#include "rv/wire/Bytes.h"
 #include "rv/wire/Limits.h"
 
 /// The messages that a session and its daemon exchange: what each holds, in which order, and how it
@@ -64,7 +66,7 @@ struct OwnedMessage {
     std::uint32_t capacity = 0;  ///< bytes allocated
 
     /// The message's own length word; 0 when there is no message.
-    [[nodiscard]] std::uint32_t size() const { return bytes ? readBig32(bytes.get()) : 0; }
+    [[nodiscard]] std::uint32_t size() const { return bytes ? loadBig32(bytes.get()) : 0; }
     [[nodiscard]] Bytes view() const { return {bytes.get(), size()}; }
 };
 
@@ -99,13 +101,13 @@ struct InitFields {
 [[nodiscard]] Built buildListen(Bytes subject, const char* returnSubject, std::int32_t flavourId);
 [[nodiscard]] Built buildCancel(Bytes subject, std::int32_t flavourId);
 
-/// Payload of a data message, as `rv_Send` takes it. Type 22 is none at all; size 0 is worked out
-/// for nested messages, strings and sealed blocks and refused (3) for any other type; so is null
-/// data.
+/// Payload of a data message, as `rv_Send` takes it. `RVMSG_NONE` is none at all; size 0 is worked
+/// out for nested messages, strings and sealed blocks and refused (3) for any other type; so is
+/// null data.
 struct Payload {
-    std::uint32_t type = 22;
-    std::uint32_t size = 0;
-    const void* data = nullptr;
+    rvmsg_Type type = RVMSG_NONE;
+    rvmsg_Size size = 0;
+    rvmsg_Data data = nullptr;
 };
 
 /// A data message, in a buffer of exactly the size that its parts call for (`dataCapacity`).
@@ -148,7 +150,7 @@ struct Routing {
 };
 
 /// Reads "mtype" and "sub" and nothing else. The elements of the subject are not checked
-/// (`isSoundSubject`).
+/// (`SubjectView::parse`).
 [[nodiscard]] Routing readRouting(Bytes message);
 
 }  // namespace kvx::wire

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-#include "rv/wire/ByteOrder.h"
+#include "rv/wire/Bytes.h"
 
 namespace kvx::wire {
 
@@ -41,10 +41,5 @@ class FieldCursor {
 
 /// The text of a string field up to its terminator; nothing for another type.
 [[nodiscard]] std::optional<std::string_view> textOf(const Field& field);
-
-/// An encoded subject that is what it says: lengths agree, elements of 1 to 250 characters without
-/// a zero inside, at most `capacity` bytes. Whoever routes by a subject checks it
-/// first.
-[[nodiscard]] bool isSoundSubject(Bytes subject, std::size_t capacity);
 
 }  // namespace kvx::wire

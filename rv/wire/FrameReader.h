@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "rv/wire/ByteOrder.h"
+#include "rv/wire/Bytes.h"
 #include "rv/wire/Limits.h"
 
 namespace kvx::wire {

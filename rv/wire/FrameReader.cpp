@@ -1,0 +1,112 @@
+// Cutting a byte stream into messages.
+//
+// The reader is in one of three states. With `partial_` empty it stands at the start of a message
+// and looks at the chunk itself; a message that is whole there costs one comparison of its header.
+// With `partial_` filled it is inside a message that began in an earlier chunk, and moves bytes
+// over until the header, then the message, is complete. With `handedOut_` the message in `partial_`
+// is the one just given, and goes at the next call. A close notice and a broken header end the
+// stream for good.
+
+#include "rv/wire/FrameReader.h"
+#include "rv/message/WireReader.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace kvx::wire {
+
+FrameReader::Head FrameReader::judge(const std::uint8_t* header) {
+    const std::uint32_t length = loadBig32(header);
+    const std::uint32_t magic = loadBig32(header + 4);
+    if (magic == 0) return {FrameKind::Close, kFrameHeaderSize};
+    if (magic != kMessageMagic) return {FrameKind::Broken, 0};
+    if (length < kFrameHeaderSize || length > kMaxMessageLength) return {FrameKind::Broken, 0};
+    if (length == kFrameHeaderSize) return {FrameKind::Keepalive, kFrameHeaderSize};
+    return {FrameKind::Message, length};
+}
+
+void FrameReader::feed(Bytes chunk) {
+    if (end_ == FrameKind::None) chunk_ = chunk;
+}
+
+Frame FrameReader::next() {
+    if (handedOut_) {
+        partial_.clear();
+        handedOut_ = false;
+    }
+    if (end_ != FrameKind::None) return {end_, {}, false};
+    return partial_.empty() ? fromChunk() : fromPartial();
+}
+
+Frame FrameReader::fromChunk() {
+    if (chunk_.size() >= kFrameHeaderSize) {
+        const Head head = judge(chunk_.data());
+        if (head.kind == FrameKind::Close || head.kind == FrameKind::Broken) {
+            return finish(head.kind);
+        }
+        if (chunk_.size() >= head.length) {
+            Frame frame{head.kind, chunk_.first(head.length), false};
+            chunk_ = chunk_.subspan(head.length);
+            if (head.kind == FrameKind::Keepalive) frame.bytes = {};
+            return frame;
+        }
+        topUp(head.length);
+        return {};
+    }
+    if (!chunk_.empty()) topUp(kFrameHeaderSize);
+    return {};
+}
+
+Frame FrameReader::fromPartial() {
+    if (partial_.size() < kFrameHeaderSize) {
+        topUp(kFrameHeaderSize);
+        if (partial_.size() < kFrameHeaderSize) return {};
+    }
+    const Head head = judge(partial_.data());
+    if (head.kind == FrameKind::Close || head.kind == FrameKind::Broken) return finish(head.kind);
+    topUp(head.length);
+    if (partial_.size() < head.length) return {};
+    handedOut_ = true;
+    if (head.kind == FrameKind::Keepalive) return {head.kind, {}, false};
+    return {head.kind, partial_, true};
+}
+
+Frame FrameReader::finish(FrameKind kind) {
+    end_ = kind;
+    chunk_ = {};
+    partial_.clear();
+    return {kind, {}, false};
+}
+
+// Moves bytes of the chunk over until `partial_` has `length` of them or the chunk is used up.
+void FrameReader::topUp(std::size_t length) {
+    const std::size_t taken = std::min(length - partial_.size(), chunk_.size());
+    const std::size_t after = partial_.size() + taken;
+    if (after > partial_.capacity()) {
+        partial_.reserve(std::min(length, std::max(after, 2 * partial_.size())));
+    }
+    partial_.insert(partial_.end(), chunk_.begin(),
+                    chunk_.begin() + static_cast<std::ptrdiff_t>(taken));
+    chunk_ = chunk_.subspan(taken);
+}
+
+bool FrameReader::ready() const {
+    if (end_ != FrameKind::None) return true;
+    const std::size_t have = held() + chunk_.size();
+    if (have < kFrameHeaderSize) return false;
+    std::array<std::uint8_t, kFrameHeaderSize> header{};
+    const std::size_t early = std::min(held(), kFrameHeaderSize);
+    std::copy_n(partial_.begin(), early, header.begin());
+    std::copy_n(chunk_.begin(), kFrameHeaderSize - early,
+                header.begin() + static_cast<std::ptrdiff_t>(early));
+    const Head head = judge(header.data());
+    return head.kind != FrameKind::Message || have >= head.length;
+}
+
+std::vector<std::uint8_t> FrameReader::takeAssembled() {
+    if (!handedOut_) return {};
+    handedOut_ = false;
+    return std::exchange(partial_, {});
+}
+
+}  // namespace kvx::wire

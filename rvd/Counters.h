@@ -1,0 +1,66 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <span>
+
+namespace kvx::rvd {
+
+/// Everything the daemon counts. `counterTable` says what each means.
+enum class Counter : std::uint8_t {
+    ConnectionsAccepted,
+    ConnectionsOpen,
+    ConnectionsFailed,
+    ConnectionsTimedOut,
+    SessionsOpen,
+    ListensOpen,
+    MessagesReceived,
+    BytesReceived,
+    MessagesUnreadable,
+    MessagesReserved,
+    MessagesUnmatched,
+    MessagesMatched,
+    MessagesDelivered,
+    BytesDelivered,
+    DroppedSlowReader,
+    DroppedMemory,
+    DroppedTooLarge,
+    DroppedSessionEnded,
+    LossNotices,
+    KeepalivesSent,
+    Count
+};
+
+struct CounterInfo {
+    const char* name;
+    const char* unit;
+    const char* meaning;  ///< one line
+};
+
+/// One row a counter, in the order of `Counter`: the names in logs and the text of the manual.
+[[nodiscard]] std::span<const CounterInfo> counterTable();
+
+/// The counters of one daemon. Loop thread only.
+class Counters {
+  public:
+    void add(Counter counter, std::uint64_t amount = 1) { values_[index(counter)] += amount; }
+    void subtract(Counter counter, std::uint64_t amount = 1) { values_[index(counter)] -= amount; }
+    [[nodiscard]] std::uint64_t operator[](Counter counter) const {
+        return values_[index(counter)];
+    }
+
+    /// Messages dropped, whatever the cause.
+    [[nodiscard]] std::uint64_t dropped() const;
+
+  private:
+    static std::size_t index(Counter counter) { return static_cast<std::size_t>(counter); }
+
+    std::array<std::uint64_t, static_cast<std::size_t>(Counter::Count)> values_{};
+};
+
+/// Prints `counterTable`, one line a counter: what `rvd --counters` shows.
+void printCounterTable(std::ostream& out);
+
+}  // namespace kvx::rvd

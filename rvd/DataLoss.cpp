@@ -1,0 +1,68 @@
+#include "rvd/DataLoss.h"
+
+#include <algorithm>
+#include <array>
+#include <limits>
+
+#include "rv/message/rvSubject.h"
+#include "rv/message/rvmsg.h"
+#include "rv/wire/ControlMessage.h"
+
+namespace kvx::rvd {
+namespace {
+
+constexpr rvmsg_Type kTypeMessage = 1;
+constexpr rvmsg_Type kTypeString = 8;
+constexpr rvmsg_Type kTypeUnsigned = 12;
+constexpr std::size_t kBodyCapacity = 512;  // bytes; the fields are of bounded length
+constexpr unsigned kSubjectBytes = 64;
+
+constexpr const char* kDescription = "Messages for this session were dropped by the daemon";
+
+struct CauseName {
+    LossCause cause;
+    const char* text;
+};
+constexpr std::array<CauseName, 3> kCauseNames = {{
+    {LossCause::SlowReader, "slow reader"},
+    {LossCause::Memory, "daemon memory"},
+    {LossCause::TooLarge, "message too large"},
+}};
+
+bool fillBody(void* body, const Loss& loss) {
+    const auto lost = static_cast<std::uint32_t>(
+        std::min<std::uint64_t>(loss.messages, std::numeric_limits<std::uint32_t>::max()));
+    const std::string cause = causeText(loss.causes);
+    return rvmsg_Init(body, kBodyCapacity) == 0 &&
+           rvmsg_AppendAdvisoryFields(body, kBodyCapacity, "WARN", "SYSTEM", "DATALOSS",
+                                      kDescription) == 0 &&
+           rvmsg_Append(body, kBodyCapacity, "lost", kTypeUnsigned, sizeof lost, &lost) == 0 &&
+           rvmsg_Append(body, kBodyCapacity, "bytes", kTypeUnsigned, sizeof loss.bytes,
+                        &loss.bytes) == 0 &&
+           rvmsg_Append(body, kBodyCapacity, "cause", kTypeString, 0, cause.c_str()) == 0;
+}
+
+}  // namespace
+
+std::string causeText(std::uint8_t causes) {
+    std::string text;
+    for (const auto& name : kCauseNames) {
+        if ((causes & static_cast<std::uint8_t>(name.cause)) == 0) continue;
+        if (!text.empty()) text += ", ";
+        text += name.text;
+    }
+    return text;
+}
+
+std::vector<std::uint8_t> buildDataLoss(const Loss& loss) {
+    std::array<std::uint8_t, kBodyCapacity> body{};
+    std::array<std::uint8_t, kSubjectBytes> subject{};
+    const int length = rvSubject_FromText(subject.data(), kSubjectBytes, kDataLossSubject);
+    if (length < 0 || !fillBody(body.data(), loss)) return {};
+    const auto built = wire::buildData({subject.data(), static_cast<std::size_t>(length)}, nullptr,
+                                       0, {kTypeMessage, 0, body.data()});
+    const wire::Bytes bytes = built.message.view();
+    return {bytes.begin(), bytes.end()};
+}
+
+}  // namespace kvx::rvd

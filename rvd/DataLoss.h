@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kvx::rvd {
+
+/// Why a copy was dropped although its session lives.
+enum class LossCause : std::uint8_t {
+    SlowReader = 1,  ///< the session's own queue was full
+    Memory = 2,      ///< all queues together were full
+    TooLarge = 4     ///< the message is larger than the session's whole queue
+};
+
+/// What a session has lost and not been told yet.
+struct Loss {
+    std::uint64_t messages = 0;
+    std::uint64_t bytes = 0;
+    std::uint8_t causes = 0;  ///< `LossCause` bits
+
+    [[nodiscard]] bool any() const { return messages != 0; }
+    void add(std::uint64_t size, LossCause cause) {
+        ++messages;
+        bytes += size;
+        causes |= static_cast<std::uint8_t>(cause);
+    }
+};
+
+inline constexpr const char* kDataLossSubject = "_RV.WARN.SYSTEM.DATALOSS";
+
+/// "slow reader", "daemon memory", "message too large", joined by ", " when there are several.
+[[nodiscard]] std::string causeText(std::uint8_t causes);
+
+/// The data message that announces a loss: on `kDataLossSubject`, its data a nested message of the
+/// advisory fields, "lost" (messages, unsigned, 4 bytes), "bytes" (unsigned, 8 bytes) and "cause"
+/// (text). Empty when it cannot be built.
+[[nodiscard]] std::vector<std::uint8_t> buildDataLoss(const Loss& loss);
+
+}  // namespace kvx::rvd

@@ -1,0 +1,116 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <span>
+#include <vector>
+
+#include "rvd/Counters.h"
+#include "rvd/DataLoss.h"
+#include "rvd/Payload.h"
+
+namespace kvx::rvd {
+
+class Outbox;
+
+/// What all queues of a daemon hold together. When it passes `limit`, the queue with most waiting
+/// loses its oldest messages first. Loop thread only; must outlive its queues.
+class OutboxPool {
+  public:
+    /// `limit` in bytes of messages and of what the daemon spends on each.
+    explicit OutboxPool(std::uint64_t limit) : limit_(limit) {}
+
+    [[nodiscard]] std::uint64_t used() const { return used_; }
+    [[nodiscard]] std::uint64_t limit() const { return limit_; }
+
+  private:
+    friend class Outbox;
+    void shrinkToLimit();
+
+    const std::uint64_t limit_;
+    std::uint64_t used_ = 0;
+    std::vector<Outbox*> members_;
+};
+
+/// What waits to be written to one peer: routed messages, which are bounded and may be dropped, and
+/// the link's own blocks and replies, which are neither.
+///
+/// Past the bound the oldest whole messages go; one that is partly written stays. What was lost is
+/// announced by one notice ahead of everything not yet begun. For the messages of one peer, at any
+/// time: matched = delivered + dropped + waiting; when the queue dies, what waits counts as dropped.
+class Outbox {
+  public:
+    struct Totals {
+        std::uint64_t matched = 0;
+        std::uint64_t delivered = 0;
+        std::uint64_t dropped = 0;
+    };
+
+    /// `limit`: bytes of waiting messages. `pool` and `counters` must outlive this object.
+    Outbox(std::size_t limit, OutboxPool& pool, Counters& counters);
+    ~Outbox();
+    Outbox(const Outbox&) = delete;
+    Outbox& operator=(const Outbox&) = delete;
+
+    /// Queues a routed message, dropping the oldest ones when the bound asks for it.
+    void pushMessage(const PayloadRef& message);
+    /// True when `pushMessage` of `size` bytes would drop something.
+    [[nodiscard]] bool wouldDrop(std::size_t size) const;
+
+    /// Queues bytes of the link itself. They are never dropped. Returns false, and queues nothing,
+    /// when more than `kControlLimit` of them wait: the peer asks without reading.
+    [[nodiscard]] bool pushControl(wire::Bytes bytes);
+
+    [[nodiscard]] bool empty() const { return entries_.empty() && !loss_.any(); }
+
+    /// Fills `out` with views of what is to be written next, in order, and returns how many. They
+    /// are valid until the queue changes.
+    [[nodiscard]] std::size_t gather(std::span<wire::Bytes> out);
+
+    /// Says that the first `bytes` of what waits have been written.
+    void written(std::size_t bytes);
+
+    /// What `gather` gave first is being written and may no longer be dropped. The payload keeps its
+    /// bytes in place until `written` has covered it.
+    void pinFront();
+
+    [[nodiscard]] std::size_t waitingMessages() const;
+    [[nodiscard]] std::size_t waitingBytes() const { return waitingBytes_; }
+    [[nodiscard]] const Totals& totals() const { return totals_; }
+
+    static constexpr std::size_t kControlLimit = 64 * 1024;
+
+  private:
+    friend class OutboxPool;
+    enum class Kind : std::uint8_t { Message, Control, Notice };
+    struct Entry {
+        PayloadRef payload;
+        Kind kind;
+    };
+
+    void charge(std::size_t size);
+    void discharge(std::size_t size);
+    void recordLoss(std::size_t size, LossCause cause);
+    bool dropOldest(LossCause cause);
+    void placeNotice();
+    void beginFront();
+    void popFront();
+
+    // Constant after construction.
+    const std::size_t limit_;
+    OutboxPool& pool_;
+    Counters& counters_;
+
+    std::deque<Entry> entries_;
+    bool frontBegun_ = false;       // the first entry is being written
+    std::size_t sentOfFront_ = 0;   // bytes of it that are written
+    std::size_t waitingBytes_ = 0;  // of messages, whole ones
+    std::size_t controlBytes_ = 0;
+    Loss loss_;                   // not announced yet, or announced by a notice not begun
+    bool noticeQueued_ = false;   // a notice stands at the first place that is not begun
+    bool noticeCurrent_ = false;  // and says what loss_ says
+    Totals totals_;
+};
+
+}  // namespace kvx::rvd

@@ -1,0 +1,33 @@
+#include "rvd/Payload.h"
+
+#include <algorithm>
+
+namespace kvx::rvd {
+
+PayloadRef Payload::borrow(wire::Bytes bytes) {
+    PayloadRef ref(new Payload);
+    ref->bytes_ = bytes;
+    return ref;
+}
+
+PayloadRef Payload::own(std::vector<std::uint8_t> bytes) {
+    PayloadRef ref(new Payload);
+    ref->owned_ = std::move(bytes);
+    ref->bytes_ = ref->owned_;
+    return ref;
+}
+
+PayloadRef Payload::copy(wire::Bytes bytes) {
+    PayloadRef ref = borrow(bytes);
+    ref->keep();
+    return ref;
+}
+
+void Payload::keep() {
+    if (copy_ || !owned_.empty() || bytes_.empty()) return;
+    copy_ = std::make_unique_for_overwrite<std::uint8_t[]>(bytes_.size());
+    std::copy(bytes_.begin(), bytes_.end(), copy_.get());
+    bytes_ = {copy_.get(), bytes_.size()};
+}
+
+}  // namespace kvx::rvd
