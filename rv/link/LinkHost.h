@@ -5,6 +5,10 @@
 
 namespace kvx::link {
 
+/// How a link queues unless the session says otherwise.
+inline constexpr ipq_Properties kDefaultProperties = {
+    .batching = 0, .readBudget = 4096, .segmentSize = 8192};
+
 /// What a queue needs of the session that owns it. The host must outlive its queues.
 class LinkHost {
   public:

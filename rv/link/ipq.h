@@ -38,8 +38,6 @@ enum ipq_SetupResult : int {
     IPQ_SETUP_NO_QUEUE = 10,
 };
 
-inline constexpr ipq_Properties kvx_ipqDefaults = {0, 4096, 8192};
-
 struct ipq_Statistics {
     std::uint64_t messagesRead = 0;
     std::uint64_t bytesRead = 0;
@@ -54,8 +52,8 @@ struct ipq_Statistics {
 /// `message` is whole and valid, and stays so until the callback returns; the callback may close
 /// the queue.
 using ipq_MessageCallback = void (*)(ipq_Queue queue, kvx::wire::Bytes message, void* closure);
-/// Peer gone, and errors; called from an event of the queue, never from an operation. The callback
-/// usually closes the queue.
+/// Peer gone, and errors; called from an event of the queue or `ipq_DispatchOne`, never from
+/// another operation. The callback usually closes the queue.
 using ipq_EventCallback = void (*)(ipq_Queue queue, ipq_State state, void* closure);
 
 template <class Function>
@@ -87,6 +85,11 @@ bool ipq_WasKept(ipq_Queue queue);
 kvx::wire::Bytes ipq_Read(ipq_Queue queue);
 /// The same, waiting at most `timeout` (`kForever` for no limit) in either mode.
 kvx::wire::Bytes ipq_ReadWithin(ipq_Queue queue, kvx::platform::Milliseconds timeout);
+
+/// Reads one message as an event would and gives it to the message callback, waiting at most
+/// `timeout` for it. State 0 when there was one, 4 at the time-out, 7 when the peer is gone (its
+/// callback has been called). The queue may be gone afterwards.
+ipq_State ipq_DispatchOne(ipq_Queue queue, kvx::platform::Milliseconds timeout);
 
 /// Writes what waits, for at most `timeout`. State 0 when nothing waits any more, 4 when the
 /// time-out passed first, 7 when the peer is gone.

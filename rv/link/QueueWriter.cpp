@@ -1,0 +1,134 @@
+// The sending half of a link: from the segment queue to the socket.
+//
+// A message that finds nothing before it is written at once (in batching mode at the next write
+// event); everything else waits behind the block being written until the socket takes more, which a
+// write event tells, or a timer where the event manager cannot watch for that.
+
+#include <algorithm>
+#include <utility>
+
+#include "rv/link/QueueState.h"
+
+namespace kvx::link {
+
+namespace error = platform::socket_error;
+
+namespace {
+
+constexpr int kUnsupported = 9;  // event-manager code: this socket cannot be watched for writing
+
+int askForWriteEvent(ipq_Queue queue) {
+    if (queue->writeEvent != nullptr || queue->retryTimer != nullptr) return 0;
+    const int code =
+        rvevm_AddIO(queue->manager, &queue->writeEvent,
+                    static_cast<unsigned int>(queue->socket.get()), RVEVM_WRITE, onWritable, queue);
+    if (code != kUnsupported) return code;
+    return rvevm_AddRepeatTimer(queue->manager, &queue->retryTimer, kRetryMs, onWritable, queue);
+}
+
+void dropWriteEvent(ipq_Queue queue) {
+    if (queue->writeEvent != nullptr) rvevm_RemoveIO(queue->manager, queue->writeEvent);
+    if (queue->retryTimer != nullptr) rvevm_RemoveTimer(queue->manager, queue->retryTimer);
+    queue->writeEvent = nullptr;
+    queue->retryTimer = nullptr;
+}
+
+// One send. True when the next one may be tried at once.
+bool sendChunk(ipq_Queue queue) {
+    const wire::Bytes rest = queue->writer.unwritten();
+    const wire::Bytes chunk = rest.first(std::min(rest.size(), queue->sendCap()));
+    const platform::IoResult sent = platform::sendSome(queue->socket.get(), std::as_bytes(chunk));
+    ++queue->statistics.writeAttempts;
+    if (sent.error == 0) {
+        queue->traffic = true;
+        queue->statistics.bytesWritten += sent.bytes;
+        if (sent.bytes < chunk.size()) ++queue->statistics.shortWrites;
+        queue->writer.written(sent.bytes);
+        queue->state = IPQ_OK;
+        return true;
+    }
+    if (sent.error == error::kInterrupted) return true;
+    if (sent.error == error::kWouldBlock) {
+        queue->state = IPQ_EMPTY;
+        return false;
+    }
+    if (sent.error == error::kNoBuffers && chunk.size() > kReducedSendCap) {
+        queue->buffersShort = true;
+        return true;
+    }
+    queue->state = IPQ_PEER_GONE;
+    queue->writer.discardBlock();
+    return false;
+}
+
+// Called after a message has been added; `idle` when nothing waited before it.
+ipq_State startWriting(ipq_Queue queue, bool idle) {
+    if (queue->writesBlocking()) return writeAll(queue, queue->stallLimit, Deadline());
+    if (!idle) return IPQ_OK;
+    if (!queue->batching) return writeOn(queue);
+    return askForWriteEvent(queue) == 0 ? IPQ_OK : IPQ_EVENT_FAILURE;
+}
+
+}  // namespace
+
+ipq_State writeSome(ipq_Queue queue) {
+    queue->state = IPQ_OK;
+    while (!queue->writer.empty() && sendChunk(queue)) {
+    }
+    return queue->state;
+}
+
+ipq_State writeAll(ipq_Queue queue, platform::Milliseconds stall, const Deadline& deadline) {
+    for (;;) {
+        if (writeSome(queue) != IPQ_EMPTY) return queue->state;
+        const platform::Milliseconds left = deadline.left();
+        const bool stallFirst = left == platform::kForever || stall < left;
+        const Deadline next = stallFirst ? Deadline::in(stall) : deadline;
+        if (waitUntil(queue->socket.get(), platform::kWritable, next)) continue;
+        return queue->state = stallFirst || !deadline.passed() ? IPQ_PEER_GONE : IPQ_EMPTY;
+    }
+}
+
+ipq_State writeOn(ipq_Queue queue) {
+    const ipq_State state = writeSome(queue);
+    if (state == IPQ_PEER_GONE) return state;
+    if (queue->writer.empty()) {
+        dropWriteEvent(queue);
+        return queue->state = IPQ_OK;
+    }
+    return queue->state = askForWriteEvent(queue) == 0 ? IPQ_OK : IPQ_EVENT_FAILURE;
+}
+
+void onWritable(void* /*owner*/, void* closure, int /*kind*/, void* /*entry*/) {
+    const auto queue = static_cast<ipq_Queue>(closure);
+    const Running running(queue);
+    if (writeOn(queue) != IPQ_OK) reportFailure(queue);
+}
+
+}  // namespace kvx::link
+
+bool ipq_Enqueue(ipq_Queue queue, kvx::wire::OwnedMessage message, bool front) {
+    using kvx::link::Added;
+    const bool idle = queue->writer.empty();
+    const Added added = queue->writer.add(std::move(message), front);
+    queue->kept = added == Added::Kept || added == Added::KeptOthersDropped;
+    if (!queue->kept) {
+        queue->state = added == Added::Refused ? IPQ_LIMIT_EXCEEDED : IPQ_NO_MEMORY;
+        return false;
+    }
+    queue->state = kvx::link::startWriting(queue, idle);
+    if (queue->state == IPQ_OK && added == Added::KeptOthersDropped)
+        queue->state = IPQ_LIMIT_EXCEEDED;
+    return queue->state == IPQ_OK;
+}
+
+bool ipq_WasKept(ipq_Queue queue) {
+    return queue->kept;
+}
+
+ipq_State ipq_Flush(ipq_Queue queue, kvx::platform::Milliseconds timeout) {
+    const auto deadline = kvx::link::Deadline::in(timeout);
+    const ipq_State state = kvx::link::writeAll(queue, queue->stallLimit, deadline);
+    if (state == IPQ_OK && queue->manager != nullptr) return kvx::link::writeOn(queue);
+    return state;
+}

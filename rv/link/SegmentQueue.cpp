@@ -1,0 +1,134 @@
+// The outgoing half of a link.
+//
+// Messages wait in two places: the block being written, of which a part may already be on its way,
+// and the segments behind it. A block is either one message in its own buffer, as it was handed
+// over, or several in a buffer of the segment size. A message joins the last segment while the
+// result stays within the segment size, so that a burst of small messages costs few sends; only the
+// first such joining copies what was there. Both counts include the block being written until it is
+// finished.
+
+#include "rv/link/SegmentQueue.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace kvx::link {
+
+namespace {
+
+using Memory = std::unique_ptr<std::uint8_t[], wire::FreeDeleter>;
+
+Memory allocateBytes(std::size_t size) {
+    return Memory(static_cast<std::uint8_t*>(std::malloc(size)));
+}
+
+}  // namespace
+
+SegmentQueue::SegmentQueue(const wire::QueueLimits& limits, std::size_t segmentSize)
+    : limits_(limits), segmentSize_(segmentSize) {}
+
+Added SegmentQueue::add(wire::OwnedMessage message, bool front) {
+    const std::size_t length = message.size();
+    if (limits_.bytes != 0 && waitingBytes_ + length > limits_.bytes) return Added::Refused;
+    if (!place(std::move(message), length, front)) return Added::NoMemory;
+    waitingBytes_ += length;
+    ++waitingMessages_;
+    if (limits_.messages <= 0 || waitingMessages_ < static_cast<unsigned long>(limits_.messages))
+        return Added::Kept;
+    dropOldest();
+    return Added::KeptOthersDropped;
+}
+
+bool SegmentQueue::place(wire::OwnedMessage&& message, std::size_t length, bool front) {
+    if (empty()) {
+        writing_ = single(std::move(message), length);
+        offset_ = 0;
+        return true;
+    }
+    Segment& last = waiting_.empty() || front ? writing_ : waiting_.back();
+    if (front) return append(last, message, length, std::max(segmentSize_, last.used + length));
+    if (last.used + length <= segmentSize_) return append(last, message, length, segmentSize_);
+    try {
+        waiting_.push_back(single(std::move(message), length));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+bool SegmentQueue::append(Segment& segment, const wire::OwnedMessage& message, std::size_t length,
+                          std::size_t capacity) {
+    if (segment.bytes.capacity < segment.used + length) {
+        Memory larger = allocateBytes(capacity);
+        if (!larger) return false;
+        std::memcpy(larger.get(), segment.bytes.bytes.get(), segment.used);
+        segment.bytes = {std::move(larger), static_cast<std::uint32_t>(capacity)};
+    }
+    std::memcpy(segment.bytes.bytes.get() + segment.used, message.bytes.get(), length);
+    segment.used += length;
+    ++segment.messages;
+    return true;
+}
+
+SegmentQueue::Segment SegmentQueue::single(wire::OwnedMessage&& message, std::size_t length) {
+    return {std::move(message), length, 1};
+}
+
+// The newest message is never the one that goes: a segment that it shares with older ones stays.
+void SegmentQueue::dropOldest() {
+    if (waiting_.size() > 1) {
+        forget(waiting_.front());
+        waiting_.pop_front();
+    } else if (waiting_.size() == 1 && offset_ == 0) {
+        forget(writing_);
+        startNext();
+    }
+}
+
+void SegmentQueue::forget(const Segment& segment) {
+    messagesDropped_ += segment.messages;
+    waitingMessages_ -= segment.messages;
+    waitingBytes_ -= segment.used;
+}
+
+wire::Bytes SegmentQueue::unwritten() const {
+    if (empty()) return {};
+    return {writing_.bytes.bytes.get() + offset_, writing_.used - offset_};
+}
+
+void SegmentQueue::written(std::size_t count) {
+    offset_ += count;
+    if (offset_ < writing_.used) return;
+    messagesWritten_ += writing_.messages;
+    waitingMessages_ -= writing_.messages;
+    waitingBytes_ -= writing_.used;
+    startNext();
+}
+
+void SegmentQueue::discardBlock() {
+    if (empty()) return;
+    forget(writing_);
+    startNext();
+}
+
+void SegmentQueue::clear() {
+    writing_ = {};
+    offset_ = 0;
+    waiting_.clear();
+    waitingMessages_ = 0;
+    waitingBytes_ = 0;
+}
+
+void SegmentQueue::startNext() {
+    offset_ = 0;
+    if (waiting_.empty()) {
+        writing_ = {};
+        return;
+    }
+    writing_ = std::move(waiting_.front());
+    waiting_.pop_front();
+}
+
+}  // namespace kvx::link
