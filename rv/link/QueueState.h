@@ -7,7 +7,7 @@
 #include "rv/link/LinkIo.h"
 #include "rv/link/SegmentQueue.h"
 #include "rv/link/ipq.h"
-#include "rv/wire/Frame.h"
+#include "rv/wire/FrameReader.h"
 
 namespace kvx::link {
 
