@@ -8,8 +8,8 @@
 #include "mom/transport/Zlib.h"
 
 // The buffer and zlib's stream describe the same bytes: `next_out` stands at `total_out` in the
-// buffer and `avail_out` is what remains of the capacity. Whoever changes one changes the other, and
-// that happens only in the constructor and in `RDMoreSpace`.
+// buffer and `avail_out` is what remains of the capacity. Whoever changes one changes the other,
+// and that happens only in the constructor and in `RDMoreSpace`.
 //
 // Every loop ends: it either gives zlib room, or reports why it cannot and returns.
 
@@ -61,7 +61,7 @@ void CVekDeflater::RDAddChunk(const void* data, int length) {
         report(kvx::kInvalidArgument, nullptr);
         return;
     }
-    m_stream.next_in = static_cast<const Bytef*>(data);
+    m_stream.next_in = kvx::zlibInput(data);
     m_stream.avail_in = static_cast<uInt>(length);
     while (m_stream.avail_in != 0) {
         if (!haveRoom()) break;

@@ -16,7 +16,7 @@ uInt lengthOrNone(int length) {
 }  // namespace
 
 CVekInflater::CVekInflater(const void* data, int length) {
-    m_stream.next_in = static_cast<const Bytef*>(data);
+    m_stream.next_in = kvx::zlibInput(data);
     m_stream.avail_in = lengthOrNone(length);
     if (inflateInit_(&m_stream, kvx::kZlibVersion, sizeof m_stream) != Z_OK) {
         reportInflater(m_stream.msg);

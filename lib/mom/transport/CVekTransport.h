@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "foundation/Boolean.h"
@@ -14,6 +15,7 @@ class CVekEngine;
 class RvDataCallback;
 class RvMsg;
 class RvSender;
+struct SVekTransPayload;
 
 /// How records are put into packets: one a packet, or batched and compressed.
 enum EVekTransHdr : std::int32_t {
@@ -159,6 +161,9 @@ class KVX_API CVekTransport {
     void takePayloads(CVekDoubleList* payloads);
     void dropPayloads();
     void resetPackets();
+    void addPacket(const SVekTransPayload& payload, long long sequence, long long count,
+                   EVekTransHdr version);
+    void adoptPacket(unsigned char* buffer, std::size_t size);
     void sendPacket(const CVekAtom& packet, bool front);
 
     CVekEngine* m_engine;       // not owned

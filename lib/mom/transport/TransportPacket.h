@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "rv/wire/ByteOrder.h"
+
+/// What a transport packet is made of, as bytes in and values out.
+///
+///     offset  bytes
+///          0      8  sequence number, from 1
+///          8      8  packets in the batch
+///         16      2  header version
+///         18      2  payload kind
+///         20      2  bytes between header and payload; written as 0
+///         22      2  store status
+///         24         payload; a compressed one begins with its uncompressed length (4 bytes)
+///
+/// A payload is a sequence of records, each with its length in 4 bytes ahead of it. All numbers are
+/// big-endian.
+namespace kvx::packet {
+
+using wire::Bytes;
+
+inline constexpr std::size_t kHeaderSize = 24;  // bytes
+inline constexpr std::size_t kLengthSize = 4;   // bytes of a length word
+
+inline constexpr std::uint16_t kPlain = 0;
+inline constexpr std::uint16_t kCompressed = 1;
+
+/// What a receiver inflates at most, in bytes.
+inline constexpr std::uint32_t kLargestPayload = 256U << 20;
+
+struct Header {
+    std::int64_t sequence = 0;
+    std::int64_t count = 0;
+    std::uint16_t version = 0;
+    std::uint16_t kind = kPlain;
+    std::uint16_t extension = 0;
+    std::uint16_t status = 0;
+};
+
+/// Writes `header` to the `kHeaderSize` bytes at `out` and returns the position behind them.
+unsigned char* writeHeader(unsigned char* out, const Header& header);
+
+/// The header of a packet; nothing when the packet is shorter than one.
+std::optional<Header> readHeader(Bytes packet);
+
+/// Writes a length word and then `bytes`, and returns the position behind them.
+unsigned char* writeRecord(unsigned char* out, Bytes bytes);
+
+/// Whether a stream of `compressed` bytes can hold `uncompressed` bytes, and a receiver would take
+/// them. Deflate makes at most 1032 bytes of one.
+bool isPlausible(std::uint32_t uncompressed, std::size_t compressed);
+
+/// Walks the records of a payload.
+class RecordReader {
+  public:
+    explicit RecordReader(Bytes payload) : rest_(payload) {}
+
+    /// The next record that is not empty; nothing at the end and at a defect.
+    std::optional<Bytes> next();
+
+    /// Whether a length word, or a record, ran past the end.
+    bool isDefective() const { return defective_; }
+
+  private:
+    std::optional<Bytes> stopAtDefect();
+
+    Bytes rest_;
+    bool defective_ = false;
+};
+
+}  // namespace kvx::packet
