@@ -16,6 +16,7 @@
 #include "mom/transport/TransportPacket.h"
 #include "rv/message/RvMsg.h"
 #include "rv/message/RvMsgIterator.h"
+#include "rv/message/WireReader.h"
 #include "rv/object/RvSender.h"
 
 // Records pass through three forms. The record vector holds encoded records; the payload list holds
@@ -110,7 +111,7 @@ SVekTransPayload* payloadOf(const CVekListable* element) {
 
 void addRecord(CVekDeflater& deflater, Bytes record) {
     unsigned char length[kvx::packet::kLengthSize];
-    kvx::wire::writeBig32(length, static_cast<std::uint32_t>(record.size()));
+    kvx::storeBig32(length, static_cast<std::uint32_t>(record.size()));
     deflater.RDAddChunk(length, sizeof length);
     deflater.RDAddChunk(record.data(), static_cast<int>(record.size()));
 }
@@ -311,7 +312,7 @@ void CVekTransport::addPacket(const SVekTransPayload& payload, long long sequenc
     }
     unsigned char* out = RTGenerateHeader(buffer, sequence, count, version, payload.kind);
     if (compressed) {
-        kvx::wire::writeBig32(out, static_cast<std::uint32_t>(payload.uncompressedLength));
+        kvx::storeBig32(out, static_cast<std::uint32_t>(payload.uncompressedLength));
         out += kvx::packet::kLengthSize;
     }
     std::memcpy(out, payload.data.get(), static_cast<std::size_t>(payload.length));
@@ -498,7 +499,7 @@ bool CVekTransport::RTDecodePayload(unsigned char* data, int length, CVekBag& ou
 bool CVekTransport::RTDecodeCompressedPayload(unsigned char* data, int length, CVekBag& out) {
     constexpr int kLengthSize = kvx::packet::kLengthSize;
     if (length < kLengthSize) return false;
-    const std::uint32_t size = kvx::wire::readBig32(data);
+    const std::uint32_t size = kvx::loadBig32(data);
     if (!kvx::packet::isPlausible(size, static_cast<std::size_t>(length - kLengthSize))) {
         return false;
     }

@@ -5,8 +5,6 @@
 #include <optional>
 #include <span>
 
-#include "rv/wire/ByteOrder.h"
-
 /// What a transport packet is made of, as bytes in and values out.
 ///
 ///     offset  bytes
@@ -22,7 +20,7 @@
 /// big-endian.
 namespace kvx::packet {
 
-using wire::Bytes;
+using Bytes = std::span<const unsigned char>;
 
 inline constexpr std::size_t kHeaderSize = 24;  // bytes
 inline constexpr std::size_t kLengthSize = 4;   // bytes of a length word
