@@ -11,14 +11,13 @@
 ///
 /// Signals are named by the port library's numbers, the same on every platform: 2 is SIGINT, 15
 /// SIGTERM, 34 SIGHUP, 35 SIGUSR1 and 36 SIGUSR2. A signal that arrives only sets a flag;
-/// `processSignals` runs what belongs to it on the calling thread. Any thread.
+/// `processSignals` runs what belongs to it on the calling thread. Callbacks that were added are
+/// deleted when the process exits, each once. Any thread.
 class KVX_API CSignalHandler {
   public:
     static CSignalHandler& Instance();
     CSignalHandler(const CSignalHandler&) = delete;
     CSignalHandler& operator=(const CSignalHandler&) = delete;
-    /// Deletes every callback that was ever added, each once.
-    ~CSignalHandler();
 
     /// Makes `handler` the one to run callbacks, and calls its `registerHandler(nullptr)`.
     /// `handler` must live until `stop` or the next `manage`. Null only forgets the present one.
@@ -47,7 +46,12 @@ class KVX_API CSignalHandler {
   private:
     static constexpr std::size_t kSignals = 5;
 
+    class ReleaseAtExit;
+
     CSignalHandler() = default;
+    ~CSignalHandler() = default;
+
+    void dropRegistrations();
 
     // Guarded by m_mutex.
     std::mutex m_mutex;

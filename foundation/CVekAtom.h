@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstddef>
+#include <string_view>
+
 #include "foundation/HeapObject.h"
 #include "platform/Export.h"
 
@@ -17,6 +20,8 @@ class KVX_API CVekAtom : public kvx::HeapObject {
     CVekAtom(const char* text);
     /// A text. Takes ownership of `text`, which must come from `malloc`; null makes an empty text.
     explicit CVekAtom(char* text);
+    /// A text. Copies `text` up to a zero byte in it.
+    explicit CVekAtom(std::string_view text);
     CVekAtom(int value);
     CVekAtom(long long value);
     /// A byte string. Copies `length` bytes; a negative length counts as 0. An empty byte string
@@ -53,14 +58,17 @@ class KVX_API CVekAtom : public kvx::HeapObject {
     /// -220532, with null and 0 in the outputs, when the atom holds no byte string.
     int RAUChar(unsigned char** bytes, int* length) const;
 
+    /// The bytes of a text (without the terminator) or of a byte string; 0 for an integer.
+    std::size_t RALength() const { return m_length; }
+
   private:
-    void copyFrom(const CVekAtom& other);
+    void copyValueOf(const CVekAtom& other);
     void release() noexcept;
 
     EVekDataType m_type;
-    int m_length = 0;  // of a byte string
+    std::size_t m_length = 0;  // of a text or a byte string
     union {
-        char* m_text;
+        char* m_text;  // null for an empty text
         long long m_number;
         unsigned char* m_bytes;
     };

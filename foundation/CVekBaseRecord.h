@@ -1,9 +1,10 @@
 #pragma once
 
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "foundation/CVekAtom.h"
@@ -36,14 +37,15 @@ class KVX_API CVekBaseRecord : public CVekListable {
     /// returns 1. The encoding is MessagePack, so that any language can read it: an array of
     /// [name, value] pairs in field order, with texts as str, 32-bit integers in the smallest form,
     /// 64-bit integers always as int 64 and byte strings as bin. Returns -220402 for null outputs,
-    /// -220439 when the encoding would exceed 2 GiB and -220553 without memory; both outputs are
+    /// -220439 when the record has more than 65,535 fields or its
+    /// encoding would exceed 2 GiB, and -220553 without memory; both outputs are
     /// null and 0 then.
     int ROMEncode(unsigned char** bytes, int* length) const;
 
     /// The record that `bytes` encode: a new one that the caller owns, or null when they are no
     /// record. Safe on any bytes: anything else than the form above, a text with a zero byte
-    /// inside, an integer that does not fit, and bytes left over are no record. When a name comes
-    /// twice, the last value stands at the place of the first.
+    /// inside, an integer that does not fit, more than 65,535 fields and bytes left over are no
+    /// record. When a name comes twice, the last value stands at the place of the first.
     static CVekBaseRecord* ROMDecode(const unsigned char* bytes, int length);
 
     CVekListable* RLTargetDeepCopy(const CVekListable* source) override;
@@ -54,11 +56,14 @@ class KVX_API CVekBaseRecord : public CVekListable {
         std::unique_ptr<const CVekAtom> value;
     };
 
-    const Field* find(std::string_view name) const;
-    void set(std::string_view name, std::unique_ptr<const CVekAtom> value);
-    void buildIndex();
+    // The position of the field; the number of fields when there is none.
+    std::size_t find(std::string_view name) const;
+    // Takes `value` over unless it throws.
+    void set(std::string_view name, std::unique_ptr<const CVekAtom>& value);
+    void indexLastField();
 
     std::vector<Field> m_fields;
-    // Positions by name; empty while the record is so small that looking through it is faster.
-    std::unordered_map<std::string, std::size_t> m_index;
+    // Positions by name; empty while the record is so small that looking through it is faster. A
+    // tree, so that no choice of names makes it slow.
+    std::map<std::string, std::size_t, std::less<>> m_index;
 };

@@ -24,7 +24,8 @@ class KVX_API CVekHashStore {
   public:
     /// `size` is the number of entries expected; the store grows past it. The other arguments are
     /// kept for callers that state them and change nothing.
-    explicit CVekHashStore(int size = 1, __boolean = FALSE, __boolean = TRUE, int growth = 0);
+    explicit CVekHashStore(int size = 1, __boolean reserved1 = FALSE, __boolean reserved2 = TRUE,
+                           int reserved3 = 0);
 
     /// Returns 1, or -220566 when the key is there already (the first object stays).
     int RHSAddObjectAt(unsigned long key, void* object);

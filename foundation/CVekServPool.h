@@ -51,8 +51,11 @@ class KVX_API CVekServPool {
     void enqueue(void* item);
 
   private:
-    void runThread(ThreadFunction function);
+    void runItems(ThreadFunction function);
+    // The next item to run; null when the thread is to end.
     void* waitForItem();
+    // The item at the front, or null; the work lock is held.
+    void* takeNext();
 
     // Constant after construction.
     const int m_threadCount;

@@ -39,7 +39,7 @@ class KVX_API CVekTreeList {
     /// -220547 when the key is absent.
     int RTLDelete(const char* key);
     int RTLDelete(int key);
-    /// The same by a text atom or an integer atom; -220552 for null.
+    /// The same by a text atom or an integer atom; -220552 for null and for a byte string.
     int RTLDelete(const CVekAtom* key);
     /// Removes the first entry under `key` whose pointee (or whose holder) is `value`. Returns 1,
     /// or -220547 when there is none.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "foundation/CVekAtom.h"
 #include "foundation/CVekListable.h"
 
@@ -14,11 +16,11 @@ class KVX_API CVekVarBind : public CVekListable, public kvx::HeapObject {
 
     const CVekAtom& RVBName() const { return m_name; }
     /// Null when the binding has no value.
-    const CVekAtom* RVBValue() const { return m_value; }
+    const CVekAtom* RVBValue() const { return m_value.get(); }
 
     CVekListable* RLTargetDeepCopy(const CVekListable* source) override;
 
   private:
     CVekAtom m_name;
-    CVekAtom* m_value;  // owned
+    std::unique_ptr<const CVekAtom> m_value;
 };

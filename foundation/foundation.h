@@ -32,7 +32,5 @@
 #include "foundation/CVekTreeList.h"
 #include "foundation/CVekVBList.h"
 #include "foundation/CVekVarBind.h"
-#include "foundation/ErrorCodes.h"
-#include "foundation/HeapObject.h"
 #include "foundation/VekDebugLevel.h"
 #include "foundation/VekPort.h"

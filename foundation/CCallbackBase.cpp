@@ -1,0 +1,3 @@
+#include "foundation/CCallbackBase.h"
+
+CCallbackBase::~CCallbackBase() = default;

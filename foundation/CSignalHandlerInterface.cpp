@@ -1,0 +1,3 @@
+#include "foundation/CSignalHandlerInterface.h"
+
+CSignalHandlerInterface::~CSignalHandlerInterface() = default;

@@ -1,0 +1,80 @@
+// The links stand in the elements themselves, with the list that an element belongs to. So no
+// operation on a live element searches, and an element that somebody else deletes leaves no
+// dangling link behind.
+
+#include "foundation/CVekDoubleList.h"
+
+#include "foundation/ErrorCodes.h"
+
+CVekDoubleList::CVekDoubleList(const CVekDoubleList& other) : kvx::HeapObject(other) {
+    appendCopiesOf(other);
+}
+
+CVekDoubleList& CVekDoubleList::operator=(const CVekDoubleList& other) {
+    if (this == &other) return *this;
+    RDLClear();
+    appendCopiesOf(other);
+    return *this;
+}
+
+CVekDoubleList::~CVekDoubleList() {
+    RDLClear();
+}
+
+int CVekDoubleList::RDLAddToListEnd(CVekListable* element) {
+    if (element == nullptr || element->m_list != nullptr) return kvx::kInvalidArgument;
+    element->m_list = this;
+    element->m_previous = m_tail;
+    element->m_next = nullptr;
+    (m_tail == nullptr ? m_head : m_tail->m_next) = element;
+    m_tail = element;
+    ++m_length;
+    return kvx::kOk;
+}
+
+CVekListable* CVekDoubleList::RDLGetNext(const CVekListable* element) const {
+    return element == nullptr || element->m_list != this ? nullptr : element->m_next;
+}
+
+int CVekDoubleList::RDLDeleteListable(CVekListable* element) {
+    const int result = RDLTakeListable(element);
+    if (result == kvx::kOk) delete element;
+    return result;
+}
+
+int CVekDoubleList::RDLAttemptToDeleteListable(CVekListable* element) {
+    for (CVekListable* held = m_head; held != nullptr; held = held->m_next) {
+        if (held == element) return RDLDeleteListable(held);
+    }
+    return kvx::kNotFound;
+}
+
+int CVekDoubleList::RDLTakeListable(CVekListable* element) {
+    if (element == nullptr || element->m_list != this) return kvx::kNotFound;
+    unlink(element);
+    return kvx::kOk;
+}
+
+void CVekDoubleList::RDLClear() {
+    // An element's destructor may change the list, so the head is read anew at each step.
+    while (m_head != nullptr) {
+        CVekListable* element = m_head;
+        unlink(element);
+        delete element;
+    }
+}
+
+void CVekDoubleList::appendCopiesOf(const CVekDoubleList& other) {
+    for (CVekListable* element = other.m_head; element != nullptr; element = element->m_next) {
+        RDLAddToListEnd(element->RLTargetDeepCopy(element));
+    }
+}
+
+void CVekDoubleList::unlink(CVekListable* element) noexcept {
+    (element->m_previous == nullptr ? m_head : element->m_previous->m_next) = element->m_next;
+    (element->m_next == nullptr ? m_tail : element->m_next->m_previous) = element->m_previous;
+    element->m_list = nullptr;
+    element->m_previous = nullptr;
+    element->m_next = nullptr;
+    --m_length;
+}

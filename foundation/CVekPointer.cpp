@@ -1,0 +1,6 @@
+#include "foundation/CVekPointer.h"
+
+CVekListable* CVekPointer::RLTargetDeepCopy(const CVekListable* source) {
+    const auto* original = dynamic_cast<const CVekPointer*>(source);
+    return original == nullptr ? nullptr : new CVekPointer(original->RPData());
+}
