@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -74,29 +75,56 @@ class TimerQueue {
     /// ends that; `lateness` must outlive this queue or the next call.
     void setLatenessOutput(platform::Milliseconds* lateness) noexcept { lateness_ = lateness; }
 
-    [[nodiscard]] std::size_t size() const noexcept { return sorted_.size(); }
+    [[nodiscard]] std::size_t size() const noexcept { return timers_.size(); }
 
   private:
+    static constexpr std::size_t kNotDue = static_cast<std::size_t>(-1);
+
     struct Timer {
         TimeValue expiry;
-        rvevm_Callback callback;
-        void* closure;
-        unsigned long repeatMs;  // 0 for a one-shot timer
-        rvevm_Id id;
+        rvevm_Callback callback = nullptr;
+        void* closure = nullptr;
+        unsigned long repeatMs = 0;     // 0 for a one-shot timer
+        rvevm_Id id = nullptr;          // its own
+        std::size_t dueSlot = kNotDue;  // where it waits in the present run
     };
-    using TimerPtr = std::unique_ptr<Timer>;
+    // The expiry stands beside the pointer so that a search stays inside the array.
+    struct Entry {
+        TimeValue expiry;
+        Timer* timer;
+    };
 
     TimerQueue(std::size_t capacity, void* owner);
     ~TimerQueue() = default;
 
     void destroy() noexcept;
+    int addTimer(rvevm_Id* id, unsigned long intervalMs, unsigned long repeatMs,
+                 rvevm_Callback callback, void* closure);
+    [[nodiscard]] bool makeRoom() noexcept;
 
-    IdTable<Timer> timers_;
-    std::vector<Timer*> sorted_;
+    // The index at which a timer of this expiry belongs: after all that expire earlier or equally.
+    [[nodiscard]] std::size_t positionFor(TimeValue expiry) const noexcept;
+    // Puts the timer into the array; true when it became the first one.
+    bool insert(Timer& timer) noexcept;
+    // Takes the timer out of the array or out of the due list; true when it was the first one.
+    bool takeOut(Timer& timer) noexcept;
+    void tellNextExpiry();
+
+    void collectDue(TimeValue now) noexcept;
+    void callDue(std::size_t slot, TimeValue now);
+
+    // Constant after construction.
     void* const owner_;
+
+    // Loop thread only.
+    IdTable<Timer> timers_;
+    std::vector<Entry> sorted_;  // ascending expiry; has room for every timer of `timers_`
+    std::vector<Timer*> due_;    // of the present run; null where removed, reset or called
     NextExpiryHook hook_ = nullptr;
     void* hookClosure_ = nullptr;
     platform::Milliseconds* lateness_ = nullptr;
+    bool running_ = false;
+    bool destroying_ = false;
 };
 
 }  // namespace kvx::event

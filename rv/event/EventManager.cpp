@@ -1,0 +1,77 @@
+// The loop.
+//
+// A step runs the due timers, waits for sockets until the next expiry, and then calls what signals
+// and sockets have made ready. `running_` says whether the loop shall go on; it may be cleared from
+// anywhere, and the wake-up ends the wait that may be going on. `looping_` says that a loop is on
+// the stack; it alone refuses a second one, because a stopped loop has not returned yet.
+//
+// A manager destroyed inside its loop drops its timers and signals at once (a timer queue inside
+// its own run lives on until that run ends) and is freed by `runLoop` as its last act.
+
+#include "rv/event/EventManager.h"
+
+#include <new>
+
+#include "rv/error/rvCodes.h"
+
+namespace kvx::event {
+
+EventManager::EventManager(void* owner)
+    : owner_(owner),
+      timers_(TimerQueue::create(kInitialTimers, owner)),
+      io_(wakeUp_),
+      signals_(wakeUp_) {
+    if (timers_ == nullptr) throw std::bad_alloc();
+}
+
+int EventManager::runLoop() {
+    if (looping_ || dying_) return event_code::kNotInitialized;
+    looping_ = true;
+    running_ = true;
+    while (running_) step();
+    looping_ = false;
+    return event_code::kOk;
+}
+
+void EventManager::stop() noexcept {
+    running_ = false;
+    wakeUp_.notify();
+}
+
+void EventManager::shutDown() noexcept {
+    dying_ = true;
+    running_ = false;
+    signals_.release();
+    timers_.reset();
+}
+
+void EventManager::step() {
+    const platform::Milliseconds timeout = runTimers();
+    if (!running_) return;
+    waitForIo(timeout);
+    signals_.dispatch(owner_, running_);
+    dispatchReady();
+}
+
+platform::Milliseconds EventManager::runTimers() {
+    platform::Milliseconds wait = platform::kForever;
+    const int result = timers_->runDueTimers();
+    if (result == kTimerOk) timers_->nextWait(wait);
+    return wait;
+}
+
+void EventManager::waitForIo(platform::Milliseconds timeout) {
+    if (signals_.pending()) return;
+    if (io_.empty() && timeout == platform::kForever) timeout = kIdleSleep;
+    io_.wait(timeout);
+}
+
+void EventManager::dispatchReady() {
+    IoTable::Ready ready{};
+    while (running_ && io_.nextReady(ready)) {
+        ready.callback(owner_, ready.closure, kIoEvent, ready.id);
+    }
+    io_.clearReady();
+}
+
+}  // namespace kvx::event

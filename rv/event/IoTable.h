@@ -1,0 +1,72 @@
+#pragma once
+
+#include <array>
+#include <vector>
+
+#include "platform/Poll.h"
+#include "rv/event/IdTable.h"
+#include "rv/event/rvevm.h"
+
+namespace kvx::event {
+
+/// The sockets that an event manager watches, and the list of those that the last wait found ready.
+/// Loop thread only.
+class IoTable {
+  public:
+    /// A copy of what the entry's owner registered, to be called.
+    struct Ready {
+        rvevm_Id id;
+        rvevm_Callback callback;
+        void* closure;
+    };
+
+    /// `wakeUp` ends waits and must outlive this object.
+    explicit IoTable(platform::WakeUp& wakeUp) : poll_(&wakeUp) {}
+
+    /// The operations of the event manager, with its codes.
+    int add(rvevm_Id* id, unsigned int socket, rvevm_IoEventType condition, rvevm_Callback callback,
+            void* closure);
+    int remove(rvevm_Id id) noexcept;
+    /// Puts the entry into the next ready list whatever the state of its socket; until then waits
+    /// do not block.
+    int makeReady(rvevm_Id id) noexcept;
+
+    [[nodiscard]] bool empty() const noexcept { return entries_.size() == 0; }
+
+    /// Waits for at most `timeout` and fills the ready list.
+    void wait(platform::Milliseconds timeout);
+    /// Fills the ready list from a wait that ended with this socket error number (0 for none):
+    /// readable entries first, then writable ones, then exceptions, each by ascending socket.
+    void collectReady(int waitError);
+    /// The next entry of the ready list that is still registered; false at its end.
+    [[nodiscard]] bool nextReady(Ready& ready) noexcept;
+    void clearReady() noexcept;
+
+  private:
+    struct Entry {
+        platform::SocketHandle socket;
+        rvevm_IoEventType condition;
+        rvevm_Callback callback;
+        void* closure;
+        bool forced;  // belongs into the next ready list whatever poll finds
+    };
+    struct Watched {
+        platform::SocketHandle socket;
+        rvevm_Id id;
+    };
+    using List = std::vector<Watched>;  // sorted by socket
+
+    List& listOf(rvevm_IoEventType condition) noexcept;
+    static List::iterator placeOf(List& list, platform::SocketHandle socket) noexcept;
+    [[nodiscard]] int insert(const Entry& entry, rvevm_Id* id);
+    void collect(List& list, bool useReadiness, bool allReady);
+
+    IdTable<Entry> entries_;
+    std::array<List, 3> lists_;  // readable, writable, exception
+    platform::PollSet poll_;
+    std::vector<rvevm_Id> ready_;  // has room for every entry
+    std::size_t nextReady_ = 0;
+    std::size_t forcedCount_ = 0;
+};
+
+}  // namespace kvx::event

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+
+#include "platform/Poll.h"
+#include "rv/event/EventKinds.h"
+#include "rv/event/IdTable.h"
+#include "rv/event/rvevm.h"
+
+namespace kvx::event {
+
+/// The signals of one event manager. At most one table of the process owns signals: the first one
+/// to register, until it dies. Loop thread only, but for what a signal itself does.
+class SignalTable {
+  public:
+    /// `wakeUp` is notified by every caught signal and must outlive this object.
+    explicit SignalTable(platform::WakeUp& wakeUp) : wakeUp_(wakeUp) {}
+    ~SignalTable() { release(); }
+    SignalTable(const SignalTable&) = delete;
+    SignalTable& operator=(const SignalTable&) = delete;
+
+    /// The operations of the event manager, with its codes.
+    int add(rvevm_Id* id, int signal, rvevm_Callback callback, void* closure);
+    int remove(rvevm_Id id) noexcept;
+    /// Removes everything, restores the default handling and gives the process's signals up.
+    void release() noexcept;
+
+    /// True when signals of this table wait to be dispatched.
+    [[nodiscard]] bool pending() const noexcept;
+    /// Calls the callbacks of what is pending, in ascending order, while `running`; the rest stays
+    /// pending. `owner` is what they get as first argument.
+    void dispatch(void* owner, const std::atomic<bool>& running);
+
+  private:
+    struct Entry {
+        int signal;
+        rvevm_Callback callback;
+        void* closure;
+    };
+
+    [[nodiscard]] bool claim() noexcept;
+    [[nodiscard]] int hook(int signal, rvevm_Id id) noexcept;
+    void unhook(int signal) noexcept;
+    void call(void* owner, rvevm_Id id);
+    void keepPending() noexcept;
+
+    platform::WakeUp& wakeUp_;
+    IdTable<Entry> entries_;
+    std::array<rvevm_Id, kSignalSlots> slots_{};
+    bool owner_ = false;
+};
+
+}  // namespace kvx::event
