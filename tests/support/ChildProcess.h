@@ -1,0 +1,136 @@
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <initializer_list>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tests/support/TemporaryDirectory.h"
+
+extern char** environ;
+
+namespace kvx::test {
+
+/// Asks `condition` again and again until it holds. False when it never did within `limit`, which
+/// is there to end a broken test, not to time a good one.
+template <class Condition>
+bool eventually(Condition&& condition, std::chrono::seconds limit = std::chrono::seconds(60)) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::yield();
+        usleep(2000);
+    }
+    return true;
+}
+
+/// A real child process of a test: started with its output in files, watched, and ended at the
+/// latest with the object.
+class ChildProcess {
+  public:
+    /// `variables` ("NAME=value") come before the test's own environment.
+    ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
+                 const std::vector<std::string>& variables = {}) {
+        std::vector<char*> argv{const_cast<char*>(program.c_str())};
+        for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(nullptr);
+        std::vector<char*> environment;
+        for (const auto& variable : variables) {
+            environment.push_back(const_cast<char*>(variable.c_str()));
+        }
+        for (char** entry = environ; *entry != nullptr; ++entry) environment.push_back(*entry);
+        environment.push_back(nullptr);
+
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        const int flags = O_WRONLY | O_CREAT | O_TRUNC;
+        posix_spawn_file_actions_addopen(&actions, 1, outputPath().c_str(), flags, 0600);
+        posix_spawn_file_actions_addopen(&actions, 2, errorPath().c_str(), flags, 0600);
+        if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(),
+                        environment.data()) != 0) {
+            pid_ = 0;
+        }
+        posix_spawn_file_actions_destroy(&actions);
+    }
+
+    ~ChildProcess() {
+        if (isRunning()) {
+            kill(SIGKILL);
+            wait();
+        }
+    }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    pid_t pid() const { return pid_; }
+    std::string output() const { return contentOf(outputPath()); }
+    std::string errors() const { return contentOf(errorPath()); }
+
+    void kill(int signal) const {
+        if (pid_ > 0) ::kill(pid_, signal);
+    }
+
+    bool isRunning() {
+        if (pid_ > 0 && !ended_ && waitpid(pid_, &status_, WNOHANG) == pid_) ended_ = true;
+        return pid_ > 0 && !ended_;
+    }
+
+    /// Waits for the end. The exit status, or minus the number of the signal that ended it.
+    int wait() {
+        if (pid_ <= 0) return -1000;
+        if (!ended_ && waitpid(pid_, &status_, 0) == pid_) ended_ = true;
+        return WIFEXITED(status_) ? WEXITSTATUS(status_) : -WTERMSIG(status_);
+    }
+
+    /// Waits for a line of standard output (or standard error) that holds `text`, and returns it;
+    /// empty when the process ended, or a minute passed, without one.
+    std::string awaitOutput(const std::string& text) { return awaitLine(outputPath(), text); }
+    std::string awaitError(const std::string& text) { return awaitLine(errorPath(), text); }
+
+  private:
+    std::string outputPath() const { return directory_.file("out"); }
+    std::string errorPath() const { return directory_.file("err"); }
+
+    static std::string contentOf(const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+
+    static std::string lineWith(const std::string& content, const std::string& text) {
+        const auto found = content.find(text);
+        if (found == std::string::npos) return {};
+        const auto end = content.find('\n', found);
+        if (end == std::string::npos) return {};
+        const auto before = content.rfind('\n', found);
+        const auto begin = before == std::string::npos ? 0 : before + 1;
+        return content.substr(begin, end - begin);
+    }
+
+    std::string awaitLine(const std::string& path, const std::string& text) {
+        std::string line;
+        static_cast<void>(eventually([&] {
+            const bool running = isRunning();
+            line = lineWith(contentOf(path), text);
+            return !line.empty() || !running;
+        }));
+        return line;
+    }
+
+    TemporaryDirectory directory_;
+    pid_t pid_ = 0;
+    int status_ = 0;
+    bool ended_ = false;
+};
+
+}  // namespace kvx::test
