@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -31,7 +32,8 @@ class KVX_API RvDatum {
     /// The same with a copy of `name`.
     RvDatum(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
     /// A private copy. Size 0 of a string, message or sealed block is worked out for the copying
-    /// and stays recorded as 0; a value without data becomes the empty datum.
+    /// and stays recorded as 0; a value without data keeps its type only. When the size cannot be
+    /// worked out or memory is exhausted, the copy is the empty datum.
     RvDatum(const RvDatum& other);
     RvDatum& operator=(const RvDatum& other);
     virtual ~RvDatum();
@@ -64,6 +66,8 @@ class KVX_API RvDatum {
   protected:
     /// Takes ownership of `data`, which came from `malloc` and holds `allocated` bytes.
     void adopt(rvmsg_Type type, rvmsg_Size size, void* data, rvmsg_Size allocated);
+    /// `name` is copied; null clears it.
+    void setName(const char* name);
     bool borrowed() const { return m_borrowed != 0; }
     /// Bytes of the owned buffer; 0 while borrowing.
     rvmsg_Size allocated() const { return m_allocated; }
@@ -71,12 +75,12 @@ class KVX_API RvDatum {
   private:
     void copyFrom(const RvDatum& other);
     void releaseData();
-    void setName(const char* name);
 
     rvmsg_Type m_type = RVMSG_BADDATA;
     rvmsg_Size m_size = 0;
     rvmsg_Data m_data = nullptr;  // freed here unless borrowed
     std::unique_ptr<char, kvx::FreeDeleter> m_name;
     std::int32_t m_borrowed = 1;
-    rvmsg_Size m_allocated = 0;
+    rvmsg_Size m_allocated = 0;   // bytes of the owned data
+    std::size_t m_nameBytes = 0;  // allocated for the name
 };

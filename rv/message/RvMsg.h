@@ -76,12 +76,11 @@ class KVX_API RvMsg : public RvDatum {
     RvMsgIterator* newIterator() const;
 
   private:
-    friend class RvMsgIterator;
     struct Context;
 
-    void setBuffer(void* fresh, rvmsg_Size capacity);
-    bool wrap(rvmsg_Data buffer);
-    bool grow(rvmsg_Size capacity);
+    bool isReadable() const;
+    RvStatus find(const char* name, RvDatum& datum) const;
+    bool copyMessage(const RvMsg& other);
 
-    std::unique_ptr<Context> m_context;
+    std::unique_ptr<Context> m_context;  // null: inert
 };

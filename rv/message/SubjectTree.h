@@ -1,14 +1,12 @@
 #pragma once
 
-#include <algorithm>
-#include <concepts>
 #include <cstddef>
-#include <cstdint>
+#include <functional>
 #include <string_view>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
+#include "rv/message/SubjectIndex.h"
 #include "rv/message/SubjectView.h"
 
 namespace kvx {
@@ -44,27 +42,64 @@ class SubjectTree {
     /// Adds `subscription` under `subject`, which is copied. The tree keeps the pointer; it must be
     /// removed before it dies. Adding one pointer twice under one subject counts twice: it is
     /// visited twice and removed twice.
-    void add(SubjectView subject, Subscription* subscription);
+    void add(SubjectView subject, Subscription* subscription) { index_.add(subject, subscription); }
 
     /// Undoes one `add`, the latest one. Returns false, and changes nothing, when there was none.
-    [[nodiscard]] bool remove(SubjectView subject, const Subscription* subscription);
+    /// Takes time in proportion to the subscriptions on this very subject.
+    [[nodiscard]] bool remove(SubjectView subject, const Subscription* subscription) {
+        return index_.remove(subject, subscription);
+    }
 
     /// The number of subscriptions, counted as they were added.
-    std::size_t size() const;
+    std::size_t size() const { return index_.size(); }
 
     template <class Visit>
-    std::size_t match(SubjectView subject, Visit&& visit) const;
+    std::size_t match(SubjectView subject, Visit&& visit) const {
+        SubjectIndex::Walk walk(index_);
+        walk.match(subject, SubjectIndex::Root::kAny);
+        return visitAll(walk, visit);
+    }
 
     template <class Visit>
-    std::size_t matchLiteralRoot(SubjectView subject, Visit&& visit) const;
+    std::size_t matchLiteralRoot(SubjectView subject, Visit&& visit) const {
+        SubjectIndex::Walk walk(index_);
+        walk.match(subject, SubjectIndex::Root::kLiteral);
+        return visitAll(walk, visit);
+    }
 
     template <class Visit>
-    std::size_t matchExact(SubjectView subject, Visit&& visit) const;
+    std::size_t matchExact(SubjectView subject, Visit&& visit) const {
+        SubjectIndex::Walk walk(index_);
+        walk.matchExact(subject);
+        return visitAll(walk, visit);
+    }
 
     /// `admit(std::string_view)` says whether subscriptions with this first element ("*" and ">"
     /// included) may be reached at all: that is where the rules for "_RV" and "_INBOX" go.
     template <class Admit, class Visit>
-    std::size_t matchCovered(SubjectView pattern, Admit&& admit, Visit&& visit) const;
+    std::size_t matchCovered(SubjectView pattern, Admit&& admit, Visit&& visit) const {
+        SubjectIndex::Walk walk(index_);
+        walk.matchCovered(pattern, std::ref(admit));
+        return visitAll(walk, visit);
+    }
+
+  private:
+    template <class Visit>
+    static std::size_t visitAll(SubjectIndex::Walk& walk, Visit& visit) {
+        std::size_t visited = 0;
+        while (void* const found = walk.next()) {
+            ++visited;
+            auto& subscription = *static_cast<Subscription*>(found);
+            if constexpr (std::is_same_v<decltype(visit(subscription)), bool>) {
+                if (!visit(subscription)) break;
+            } else {
+                visit(subscription);
+            }
+        }
+        return visited;
+    }
+
+    mutable SubjectIndex index_;  // a match keeps its place inside and cleans up after it
 };
 
 }  // namespace kvx

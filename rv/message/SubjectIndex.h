@@ -1,0 +1,143 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "rv/message/SubjectView.h"
+
+namespace kvx {
+
+/// The untyped store below `SubjectTree`: nodes, their entries, and walks over the entries that a
+/// subject reaches. Loop thread only.
+class SubjectIndex {
+  public:
+    using NodeId = std::uint32_t;  // 0: none
+
+    /// Which first elements of subscriptions a match may follow.
+    enum class Root : std::uint8_t { kAny, kLiteral };
+    using Admit = std::function<bool(std::string_view firstElement)>;
+
+    SubjectIndex();
+
+    void add(SubjectView subject, void* subscription);
+    [[nodiscard]] bool remove(SubjectView subject, const void* subscription);
+    std::size_t size() const { return size_; }
+
+    /// One question's answer, handed out step by step. Until the last walk ends, entries and nodes
+    /// that `remove` empties stay in place, marked; so whatever happens between two steps, the
+    /// positions of the walks below hold. Walks nest and end in reverse order.
+    class Walk {
+      public:
+        explicit Walk(SubjectIndex& index);
+        Walk(const Walk&) = delete;
+        Walk& operator=(const Walk&) = delete;
+        ~Walk();
+
+        void match(SubjectView subject, Root root);
+        void matchExact(SubjectView subject);
+        void matchCovered(SubjectView pattern, const Admit& admit);
+
+        /// The next subscription in the order of adding, or null at the end.
+        void* next();
+
+      private:
+        void start();
+        void* nextOfOne();
+        void* nextOfMany();
+
+        SubjectIndex& index_;
+        std::size_t base_;     // where this walk's part of `reached_` begins
+        std::uint64_t limit_;  // what was added from here on is not visited
+    };
+
+  private:
+    struct Entry {
+        void* subscription;   // null once removed under a walk
+        std::uint64_t order;  // position in the order of adding
+    };
+
+    /// One cache line. A node with one entry holds it; with more, `entry.order` is the number of
+    /// the list that has them. Texts above `kInlineText` characters stand in `longTexts_`, whose
+    /// number then begins `text`.
+    struct alignas(64) Node {
+        NodeId parent = 0;
+        std::uint32_t hash = 0;  // of the path from the root; places the node in `slots_`
+        NodeId any = 0;          // the "*" child
+        NodeId rest = 0;         // the ">" child
+        NodeId firstChild = 0;   // exact children, linked through next and previous
+        NodeId next = 0;
+        NodeId previous = 0;
+        std::uint32_t entryState = 0;  // 0 none, 1 one, 2 a list
+        Entry entry{nullptr, 0};
+        std::uint8_t textLength = 0;
+        char text[15] = {};
+    };
+    static constexpr std::size_t kInlineText = sizeof(Node::text);
+    static constexpr NodeId kRoot = 1;
+
+    struct Slot {
+        std::uint32_t hash;
+        NodeId node;  // 0: free
+    };
+
+    /// Where a walk stands in one node's entries.
+    struct Cursor {
+        NodeId node;
+        std::uint32_t position;
+        std::uint64_t order;  // of the entry at `position`
+    };
+
+    std::uint64_t extend(std::uint64_t pathHash, std::string_view element) const;
+    std::string_view textOf(const Node& node) const;
+    bool holds(const Node& node, NodeId parent, std::string_view element) const;
+    NodeId find(NodeId parent, std::string_view element, std::uint32_t hash) const;
+    NodeId locate(SubjectView subject) const;
+    std::span<Entry> entriesOf(NodeId id);
+
+    NodeId newNode(NodeId parent, std::string_view element);
+    NodeId childFor(NodeId parent, std::string_view element, bool last, std::uint64_t& pathHash);
+    NodeId& wildcardLink(NodeId parent, std::string_view element);
+    void appendEntry(NodeId id, Entry entry);
+    void eraseEntry(NodeId id, std::size_t position);
+    void sweep(NodeId id);
+    void prune(NodeId id);
+    void unlink(NodeId id);
+    void insertSlot(Slot slot);
+    void eraseSlot(const Node& node, NodeId id);
+    void growSlots();
+    static bool isEmpty(const Node& node);
+
+    void reach(NodeId id);
+    void collectExactPath(SubjectView subject, Root root);
+    void collect(NodeId id, SubjectView::Iterator at, SubjectView::Iterator end,
+                 std::uint64_t pathHash);
+    void collectCovered(NodeId id, SubjectView::Iterator at, SubjectView::Iterator end,
+                        std::uint64_t pathHash, const Admit& admit);
+    void collectBelow(NodeId id, const Admit& admit);
+    bool admitted(NodeId parent, std::string_view element, const Admit& admit) const;
+    void endWalk(std::size_t base);
+
+    std::uint64_t seed_;
+    std::vector<Node> nodes_;
+    std::vector<NodeId> freeNodes_;
+    std::vector<Slot> slots_;  // open addressing, linear probing; a power of two
+    std::size_t usedSlots_ = 0;
+    std::vector<std::vector<Entry>> lists_;
+    std::vector<std::uint32_t> freeLists_;
+    std::vector<std::string> longTexts_;
+    std::vector<std::uint32_t> freeTexts_;
+    std::size_t size_ = 0;
+    std::uint64_t nextOrder_ = 0;
+
+    // Walks in progress: their cursors, one walk above the other, and what they left to clean.
+    std::vector<Cursor> reached_;
+    std::vector<NodeId> dirty_;
+    unsigned walks_ = 0;
+};
+
+}  // namespace kvx

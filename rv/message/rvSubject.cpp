@@ -1,0 +1,149 @@
+#include "rv/message/rvSubject.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include "rv/message/SubjectView.h"
+#include "rv/message/WireReader.h"
+
+namespace {
+
+constexpr unsigned kHeaderBytes = 3;   // length and count
+constexpr unsigned kElementExtra = 2;  // length byte and terminator
+constexpr unsigned kMaxCount = 255;    // what the count byte holds
+constexpr unsigned kMaxLength = 0xFFFF;
+
+std::uint8_t* bytesOf(void* encoded) {
+    return static_cast<std::uint8_t*>(encoded);
+}
+
+const std::uint8_t* bytesOf(const void* encoded) {
+    return static_cast<const std::uint8_t*>(encoded);
+}
+
+void writeHeader(void* encoded, unsigned length, unsigned count) {
+    kvx::storeBig16(encoded, static_cast<std::uint16_t>(length));
+    bytesOf(encoded)[2] = static_cast<std::uint8_t>(count);
+}
+
+void writeElement(std::uint8_t* at, const char* text, std::size_t characters) {
+    *at = static_cast<std::uint8_t>(characters + kElementExtra);
+    std::memcpy(at + 1, text, characters);
+    at[characters + 1] = 0;
+}
+
+bool isElementLength(std::size_t characters) {
+    return characters >= 1 && characters <= kvx::kMaxSubjectElementText;
+}
+
+// Steps over one element record that lies inside the subject and ends in a zero.
+bool takeElement(kvx::WireReader& reader, const char*& text, std::size_t& characters) {
+    std::uint8_t recordLength = 0;
+    const std::uint8_t* start = nullptr;
+    if (!reader.u8(recordLength) || recordLength < kElementExtra) return false;
+    if (!reader.take(recordLength - 1U, start)) return false;
+    characters = recordLength - kElementExtra;
+    text = reinterpret_cast<const char*>(start);
+    return start[characters] == 0;
+}
+
+// A reader over the element records; none for a subject without room for its header.
+kvx::WireReader elementsOf(const void* encoded) {
+    const unsigned length = rvSubject_Length(encoded);
+    if (length < kHeaderBytes) return {};
+    return {bytesOf(encoded) + kHeaderBytes, length - kHeaderBytes};
+}
+
+}  // namespace
+
+int rvSubject_FromText(void* out, unsigned capacity, const char* text) {
+    if (out == nullptr || text == nullptr) return -1;
+    capacity = std::min(capacity, kvx::kMaxSubjectBytes);
+    unsigned length = kHeaderBytes;
+    unsigned count = 0;
+    for (;;) {
+        const std::size_t characters = std::strcspn(text, ".");
+        if (!isElementLength(characters) || count == kvx::kMaxSubjectElements) return -1;
+        const auto record = static_cast<unsigned>(characters) + kElementExtra;
+        if (length + record > capacity) return -1;
+        writeElement(bytesOf(out) + length, text, characters);
+        length += record;
+        ++count;
+        if (text[characters] == 0) break;
+        text += characters + 1;
+    }
+    writeHeader(out, length, count);
+    return static_cast<int>(length);
+}
+
+char* rvSubject_ToText(char* out, unsigned capacity, const void* encoded) {
+    if (out == nullptr || encoded == nullptr) return nullptr;
+    const unsigned length = rvSubject_Length(encoded);
+    if (length < kHeaderBytes || length > capacity) return nullptr;
+    kvx::WireReader reader = elementsOf(encoded);
+    char* at = out;
+    for (unsigned left = rvSubject_Count(encoded); left > 0; --left) {
+        const char* text = nullptr;
+        std::size_t characters = 0;
+        if (!takeElement(reader, text, characters)) return nullptr;
+        if (at != out) *at++ = '.';
+        at = std::copy_n(text, characters, at);
+    }
+    if (reader.left() != 0) return nullptr;
+    *at = 0;
+    return out;
+}
+
+unsigned rvSubject_Length(const void* encoded) {
+    return encoded == nullptr ? 0 : kvx::loadBig16(encoded);
+}
+
+unsigned rvSubject_Count(const void* encoded) {
+    return rvSubject_Length(encoded) < kHeaderBytes ? 0 : bytesOf(encoded)[2];
+}
+
+const char* rvSubject_Element(const void* encoded, unsigned i) {
+    if (i == 0 || i > rvSubject_Count(encoded)) return nullptr;
+    kvx::WireReader reader = elementsOf(encoded);
+    const char* text = nullptr;
+    std::size_t characters = 0;
+    for (; i > 0; --i) {
+        if (!takeElement(reader, text, characters)) return nullptr;
+    }
+    return text;
+}
+
+int rvSubject_AppendElement(void* encoded, unsigned capacity, const char* text) {
+    if (encoded == nullptr || text == nullptr) return -1;
+    const std::size_t characters = std::strcspn(text, ".");
+    if (text[characters] != 0 || !isElementLength(characters)) return -1;
+    const unsigned length = rvSubject_Length(encoded);
+    const unsigned count = rvSubject_Count(encoded);
+    const unsigned newLength = length + static_cast<unsigned>(characters) + kElementExtra;
+    if (length < kHeaderBytes || count == kMaxCount || newLength > kMaxLength) return -1;
+    if (newLength >= capacity) return -1;
+    writeElement(bytesOf(encoded) + length, text, characters);
+    writeHeader(encoded, newLength, count + 1);
+    return static_cast<int>(newLength);
+}
+
+int rvSubject_RemoveLast(void* encoded) {
+    const unsigned count = rvSubject_Count(encoded);
+    if (count == 0) return -1;
+    kvx::WireReader reader = elementsOf(encoded);
+    const char* text = nullptr;
+    std::size_t characters = 0;
+    for (unsigned left = count - 1; left > 0; --left) {
+        if (!takeElement(reader, text, characters)) return -1;
+    }
+    const auto newLength = static_cast<unsigned>(reader.position() - bytesOf(encoded));
+    writeHeader(encoded, newLength, count - 1);
+    return static_cast<int>(newLength);
+}
+
+int rvSubject_InitEmpty(void* out, unsigned capacity) {
+    if (out == nullptr || capacity < kHeaderBytes) return -1;
+    writeHeader(out, kHeaderBytes, 0);
+    return static_cast<int>(kHeaderBytes);
+}

@@ -1,0 +1,331 @@
+// Making messages: the header, and fields at the end or inside a nested message.
+//
+// The room checks of the encoder are part of the format's contract: they ask for a little more than
+// is written, and growing messages rely on the same numbers. A field that belongs into a nested
+// message is encoded in the free space behind the outermost one and then rotated into its place, so
+// that whatever follows the nested message moves up and nothing is lost; the lengths on the way are
+// raised last. The room is the same at every level: what the outermost message leaves free.
+
+#include "rv/message/rvmsg.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "rv/error/rvCodes.h"
+#include "rv/message/WireFormat.h"
+#include "rv/message/rvSubject.h"
+
+namespace {
+
+using kvx::FieldCursor;
+using kvx::WireField;
+namespace code = kvx::message_code;
+
+/// The free space behind a message. What does not fit is not written.
+class FieldWriter {
+  public:
+    FieldWriter(std::uint8_t* at, std::size_t room) : start_(at), at_(at), room_(room) {}
+
+    std::size_t room() const { return room_; }
+    std::uint32_t written() const { return static_cast<std::uint32_t>(at_ - start_); }
+
+    void put8(std::uint32_t value) {
+        if (claim(1)) *at_++ = static_cast<std::uint8_t>(value);
+    }
+    void put16(std::uint16_t value) {
+        if (!claim(sizeof value)) return;
+        kvx::storeBig16(at_, value);
+        at_ += sizeof value;
+    }
+    void put32(std::uint32_t value) {
+        if (!claim(sizeof value)) return;
+        kvx::storeBig32(at_, value);
+        at_ += sizeof value;
+    }
+    void put64(std::uint64_t value) {
+        if (!claim(sizeof value)) return;
+        kvx::storeBig64(at_, value);
+        at_ += sizeof value;
+    }
+    void put(const void* bytes, std::size_t count) {
+        if (!claim(count)) return;
+        std::memcpy(at_, bytes, count);
+        at_ += count;
+    }
+
+  private:
+    bool claim(std::size_t count) {
+        if (count > room_) return false;
+        room_ -= count;
+        return true;
+    }
+
+    std::uint8_t* start_;
+    std::uint8_t* at_;
+    std::size_t room_;
+};
+
+template <class Value>
+Value load(const void* data) {
+    Value value;
+    std::memcpy(&value, data, sizeof value);
+    return value;
+}
+
+// True when `size` and one byte more are less than the room.
+bool fits(const FieldWriter& out, std::uint64_t size) {
+    return size + 1 < out.room();
+}
+
+int putBlock(FieldWriter& out, rvmsg_Data block, std::uint32_t magic, std::uint32_t least) {
+    if (!kvx::hasMagic(block, magic)) return code::kNotInitialized;
+    const std::uint32_t length = kvx::loadBig32(block);
+    if (length < least) return code::kInvalidData;
+    if (!fits(out, length)) return code::kNoRoom;
+    out.put8(kvx::kLongForm);
+    out.put(block, length);
+    return code::kOk;
+}
+
+int putSubject(FieldWriter& out, rvmsg_Data subject) {
+    const unsigned length = rvSubject_Length(subject);
+    if (length < kvx::kMinSubjectBytes) return code::kInvalidData;
+    if (!fits(out, length)) return code::kNoRoom;
+    out.put8(kvx::kMediumForm);
+    out.put(subject, length);
+    return code::kOk;
+}
+
+int putDateTime(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
+    constexpr std::size_t kRoom = 10;
+    if (size < kvx::kDateTimeBytes) return code::kInvalidArgument;
+    if (out.room() < kRoom) return code::kNoRoom;
+    std::uint32_t words[3];  // high byte of the seconds, low 32 bits, microseconds
+    std::memcpy(words, data, sizeof words);
+    out.put8(kvx::kDateTimeWireBytes);
+    out.put32(words[1]);
+    out.put32(words[0] << 24U | (words[2] & 0xFFFFFFU));
+    return code::kOk;
+}
+
+int putBoolean(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
+    if (size != 1 && size != 2 && size != 4) return code::kInvalidArgument;
+    out.put8(1);
+    out.put(data, 1);
+    return code::kOk;
+}
+
+int putAddress(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
+    if (!fits(out, size)) return code::kNoRoom;
+    if (size != 2 && size != 4) return code::kInvalidArgument;
+    out.put8(size);
+    out.put(data, size);
+    return code::kOk;
+}
+
+int putNumber(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
+    if (!fits(out, size)) return code::kNoRoom;
+    out.put8(size);
+    switch (size) {
+        case 1:
+            out.put(data, 1);
+            return code::kOk;
+        case 2:
+            out.put16(load<std::uint16_t>(data));
+            return code::kOk;
+        case 4:
+            out.put32(load<std::uint32_t>(data));
+            return code::kOk;
+        case 8:
+            out.put64(load<std::uint64_t>(data));
+            return code::kOk;
+        default:
+            return code::kInvalidArgument;
+    }
+}
+
+int putReal(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
+    if (!fits(out, size)) return code::kNoRoom;
+    return size == 4 || size == 8 ? putNumber(out, size, data) : code::kInvalidArgument;
+}
+
+int putBytes(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
+    constexpr std::uint64_t kLongestForm = 5;
+    if (size + kLongestForm >= out.room()) return code::kNoRoom;
+    if (size <= kvx::kMaxShortSize) {
+        out.put8(size);
+    } else if (size <= kvx::kMaxMediumSize) {
+        out.put8(kvx::kMediumForm);
+        out.put16(static_cast<std::uint16_t>(size + sizeof(std::uint16_t)));
+    } else {
+        out.put8(kvx::kLongForm);
+        out.put32(size + static_cast<std::uint32_t>(sizeof(std::uint32_t)));
+    }
+    out.put(data, size);
+    return code::kOk;
+}
+
+int putText(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
+    if (size != 0) return putBytes(out, size, data);
+    const std::size_t bytes = std::strlen(static_cast<const char*>(data)) + 1;
+    return bytes > UINT32_MAX ? code::kNoRoom : putBytes(out, static_cast<rvmsg_Size>(bytes), data);
+}
+
+int putData(FieldWriter& out, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
+    switch (type) {
+        case RVMSG_BADDATA:
+        case RVMSG_NONE:
+            return code::kInvalidArgument;
+        case RVMSG_MSG:
+            return putBlock(out, data, kvx::kMessageMagic, kvx::kHeaderBytes);
+        case RVMSG_ENCRYPTED:
+            return putBlock(out, data, kvx::kSealedMagic, kvx::kSealedHeaderBytes);
+        case RVMSG_SUBJECT:
+            return putSubject(out, data);
+        case RVMSG_DATETIME:
+            return putDateTime(out, size, data);
+        case RVMSG_OPAQUE:
+            return putBytes(out, size, data);
+        case RVMSG_STRING:
+            return putText(out, size, data);
+        case RVMSG_BOOLEAN:
+            return putBoolean(out, size, data);
+        case RVMSG_IPDATA:
+            return putAddress(out, size, data);
+        case RVMSG_INT:
+        case RVMSG_UINT:
+            return putNumber(out, size, data);
+        case RVMSG_REAL:
+            return putReal(out, size, data);
+        default:
+            return code::kOk;
+    }
+}
+
+// `name` has `characters` characters; none make an unnamed field.
+int putField(FieldWriter& out, const char* name, std::size_t characters, rvmsg_Type type,
+             rvmsg_Size size, rvmsg_Data data) {
+    constexpr std::size_t kAfterName = 3;  // bytes that must be left for type and size
+    const std::size_t nameBytes = characters == 0 ? 0 : characters + 1;
+    if (nameBytes > kvx::kMaxNameBytes) return code::kInvalidName;
+    if (out.room() < nameBytes + 2) return code::kNoRoom;
+    out.put8(static_cast<std::uint32_t>(nameBytes));
+    out.put(name, nameBytes);
+    if (out.room() < kAfterName) return code::kNoRoom;
+    if (type > UINT8_MAX) return code::kInvalidArgument;
+    out.put8(type);
+    return putData(out, type, size, data);
+}
+
+// The nested message that `path` (of `characters`, a full stop after them) names in `message`.
+int findNested(std::uint8_t* message, const char* path, std::size_t characters,
+               std::uint8_t*& nested) {
+    if (characters == 0 || characters > kvx::kMaxLookupCharacters) return code::kInvalidName;
+    FieldCursor cursor(message);
+    WireField field;
+    for (;;) {
+        const FieldCursor::Step step = cursor.next(field);
+        if (step == FieldCursor::Step::kEnd) return code::kNotFound;
+        const bool isWanted = field.isNamed(path, characters + 1);
+        if (step == FieldCursor::Step::kBroken) {
+            return isWanted && field.type == RVMSG_MSG ? code::kInvalidArgument
+                                                       : code::kInvalidData;
+        }
+        if (!isWanted) continue;
+        if (field.type != RVMSG_MSG) return code::kInvalidArgument;
+        if (!kvx::hasMagic(field.data, kvx::kMessageMagic)) return code::kNotInitialized;
+        nested = message + (field.data - message);
+        return code::kOk;
+    }
+}
+
+// A step of a path: the innermost message so far and what is left of the name.
+struct PathPosition {
+    std::uint8_t* message;
+    const char* name;
+
+    // Goes one message down while the name has a full stop; `raise` is added to each length on the
+    // way.
+    int descend(std::uint32_t raise) {
+        while (const char* const stop = std::strchr(name, '.')) {
+            std::uint8_t* nested = nullptr;
+            const int result =
+                findNested(message, name, static_cast<std::size_t>(stop - name), nested);
+            if (result != code::kOk) return result;
+            grow(raise);
+            message = nested;
+            name = stop + 1;
+        }
+        grow(raise);
+        return code::kOk;
+    }
+
+    void grow(std::uint32_t raise) const {
+        if (raise != 0) kvx::storeBig32(message, kvx::loadBig32(message) + raise);
+    }
+};
+
+int appendNested(FieldWriter& out, std::uint8_t* buffer, std::uint8_t* end, const char* path,
+                 rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
+    PathPosition inner{buffer, path};
+    if (const int result = inner.descend(0); result != code::kOk) return result;
+    const std::size_t characters = std::strlen(inner.name);
+    const int result = putField(out, inner.name, characters, type, size, data);
+    if (result != code::kOk) return result;
+    std::rotate(inner.message + kvx::loadBig32(inner.message), end, end + out.written());
+    return PathPosition{buffer, path}.descend(out.written());
+}
+
+}  // namespace
+
+int rvmsg_Init(void* buffer, rvmsg_Size capacity) {
+    if (buffer == nullptr) return code::kInvalidArgument;
+    if (capacity < kvx::kHeaderBytes) return code::kNoRoom;
+    kvx::storeBig32(buffer, kvx::kHeaderBytes);
+    kvx::storeBig32(static_cast<std::uint8_t*>(buffer) + 4, kvx::kMessageMagic);
+    return code::kOk;
+}
+
+int rvmsg_Length(const void* buffer, rvmsg_Size* length) {
+    if (buffer == nullptr || length == nullptr) return code::kInvalidArgument;
+    if (!kvx::hasMagic(buffer, kvx::kMessageMagic)) return code::kNotInitialized;
+    *length = kvx::loadBig32(buffer);
+    return code::kOk;
+}
+
+int rvmsg_Append(void* buffer, rvmsg_Size capacity, const char* name, rvmsg_Type type,
+                 rvmsg_Size size, rvmsg_Data data) {
+    if (buffer == nullptr || data == nullptr) return code::kInvalidArgument;
+    if (!kvx::hasMagic(buffer, kvx::kMessageMagic)) return code::kNotInitialized;
+    const std::uint32_t length = kvx::loadBig32(buffer);
+    if (length < kvx::kHeaderBytes) return code::kNotInitialized;
+    if (capacity <= length) return code::kNoRoom;
+    auto* const bytes = static_cast<std::uint8_t*>(buffer);
+    FieldWriter out(bytes + length, capacity - length);
+    const std::size_t characters = name == nullptr ? 0 : std::strlen(name);
+    if (characters != 0 && std::memchr(name, '.', characters) != nullptr) {
+        return appendNested(out, bytes, bytes + length, name, type, size, data);
+    }
+    const int result = putField(out, name, characters, type, size, data);
+    if (result == code::kOk) kvx::storeBig32(buffer, length + out.written());
+    return result;
+}
+
+int rvmsg_AppendAdvisoryFields(void* buffer, rvmsg_Size capacity, const char* advClass,
+                               const char* source, const char* name, const char* description) {
+    if (advClass == nullptr || source == nullptr || name == nullptr) {
+        return code::kInvalidArgument;
+    }
+    if (std::strchr(advClass, '.') != nullptr) return code::kInvalidName;
+    const std::pair<const char*, const char*> fields[] = {{"ADV_CLASS", advClass},
+                                                          {"ADV_SOURCE", source},
+                                                          {"ADV_NAME", name},
+                                                          {"ADV_DESC", description}};
+    int result = rvmsg_Init(buffer, capacity);
+    for (const auto& [field, text] : fields) {
+        if (result != code::kOk || text == nullptr) return result;
+        result = rvmsg_Append(buffer, capacity, field, RVMSG_STRING, 0, text);
+    }
+    return result;
+}

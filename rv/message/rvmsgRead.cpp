@@ -1,0 +1,206 @@
+// Finding, decoding and walking fields.
+//
+// Everything that reads a message goes through `FieldCursor`, so there is one place that knows how
+// a field lies on the wire and one place that can meet a broken one. A path is followed in a loop,
+// message by message: how deeply a peer nests costs no stack.
+
+#include <cstring>
+
+#include "rv/error/rvCodes.h"
+#include "rv/message/WireFormat.h"
+#include "rv/message/rvmsg.h"
+
+namespace {
+
+using kvx::FieldCursor;
+using kvx::WireField;
+namespace code = kvx::message_code;
+
+// The decoded value's size, 0 for a size without a value.
+template <class Value, class Load>
+rvmsg_Size store(void* scratch, const std::uint8_t* wire, Load load) {
+    const Value value = load(wire);
+    std::memcpy(scratch, &value, sizeof value);
+    return sizeof value;
+}
+
+rvmsg_Size decodeNumber(const WireField& field, void* scratch) {
+    switch (field.size) {
+        case 1:
+            std::memcpy(scratch, field.data, 1);
+            return 1;
+        case 2:
+            return store<std::uint16_t>(scratch, field.data, kvx::loadBig16);
+        case 4:
+            return store<std::uint32_t>(scratch, field.data, kvx::loadBig32);
+        case 8:
+            return store<std::uint64_t>(scratch, field.data, kvx::loadBig64);
+        default:
+            return 0;
+    }
+}
+
+rvmsg_Size decodeDateTime(const WireField& field, void* scratch) {
+    if (field.size != kvx::kDateTimeWireBytes) return 0;
+    const std::uint32_t high = kvx::loadBig32(field.data + 4);
+    const std::uint32_t words[3] = {high >> 24U, kvx::loadBig32(field.data), high & 0xFFFFFFU};
+    std::memcpy(scratch, words, sizeof words);
+    return sizeof words;
+}
+
+rvmsg_Size decodeAddress(const WireField& field, void* scratch) {
+    if (field.size != 2 && field.size != 4) return 0;
+    std::memcpy(scratch, field.data, field.size);
+    return field.size;
+}
+
+// Scans one message for `name`, which has `nameBytes` bytes with its terminator.
+int findHere(const void* message, const char* name, std::size_t nameBytes, WireField& field) {
+    if (!kvx::hasMagic(message, kvx::kMessageMagic)) return code::kNotInitialized;
+    FieldCursor cursor(message);
+    for (;;) {
+        switch (cursor.next(field)) {
+            case FieldCursor::Step::kField:
+                if (field.isNamed(name, nameBytes)) return code::kOk;
+                break;
+            case FieldCursor::Step::kEnd:
+                return code::kNotFound;
+            case FieldCursor::Step::kBroken:
+                return code::kInvalidData;
+        }
+    }
+}
+
+int find(const void* message, const char* name, WireField& field) {
+    if (message == nullptr) return code::kInvalidArgument;
+    if (name == nullptr) return code::kInvalidName;
+    for (;;) {
+        const std::size_t characters = std::strlen(name);
+        const void* const stop = std::memchr(name, '.', characters);
+        const std::size_t element =
+            stop == nullptr ? characters
+                            : static_cast<std::size_t>(static_cast<const char*>(stop) - name);
+        if (element == 0 || element > kvx::kMaxLookupCharacters) return code::kInvalidName;
+        const int result = findHere(message, name, element + 1, field);
+        if (result != code::kOk || stop == nullptr) return result;
+        if (field.type != RVMSG_MSG) return code::kNotFound;
+        message = field.data;
+        name += element + 1;
+    }
+}
+
+template <class Value>
+void assign(Value* target, Value value) {
+    if (target != nullptr) *target = value;
+}
+
+bool isWanted(const WireField& field, const char* name) {
+    if (name == nullptr) return true;
+    if (field.nameBytes == 0) return *name == 0;
+    return std::strcmp(field.name, name) == 0;
+}
+
+// Calls back for one field; nonzero ends the walk.
+int report(const WireField& field, void* scratch, rvmsg_IterateCallback callback, void* closure) {
+    const char* const name = field.name == nullptr ? "" : field.name;
+    rvmsg_Size size = 0;
+    rvmsg_Data data = nullptr;
+    if (!kvx::decodeField(field, scratch, size, data)) {
+        return callback(name, RVMSG_BADDATA, 0, nullptr, closure);
+    }
+    return callback(name, field.type, size, data, closure);
+}
+
+}  // namespace
+
+bool kvx::decodeField(const WireField& field, void* scratch, rvmsg_Size& size, rvmsg_Data& data) {
+    rvmsg_Size decoded = 0;
+    switch (field.type) {
+        case RVMSG_INT:
+        case RVMSG_UINT:
+            decoded = decodeNumber(field, scratch);
+            break;
+        case RVMSG_REAL:
+            decoded = field.size == 4 || field.size == 8 ? decodeNumber(field, scratch) : 0;
+            break;
+        case RVMSG_DATETIME:
+            decoded = decodeDateTime(field, scratch);
+            break;
+        case RVMSG_IPDATA:
+            decoded = decodeAddress(field, scratch);
+            break;
+        default:
+            size = field.size;
+            data = field.data;
+            return true;
+    }
+    if (decoded == 0) return false;
+    size = decoded;
+    data = scratch;
+    return true;
+}
+
+int rvmsg_Get(void* scratch, const void* buffer, const char* name, rvmsg_Type* type,
+              rvmsg_Size* size, rvmsg_Data* data) {
+    if (scratch == nullptr) return code::kInvalidArgument;
+    WireField field;
+    if (const int result = find(buffer, name, field); result != code::kOk) return result;
+    rvmsg_Size decodedSize = 0;
+    rvmsg_Data decoded = nullptr;
+    if (!kvx::decodeField(field, scratch, decodedSize, decoded)) return code::kInvalidData;
+    assign(type, field.type);
+    assign(size, decodedSize);
+    assign(data, decoded);
+    return code::kOk;
+}
+
+int rvmsg_GetRaw(const void* buffer, const char* name, rvmsg_Type* type, rvmsg_Size* size,
+                 rvmsg_Data* data) {
+    WireField field;
+    if (const int result = find(buffer, name, field); result != code::kOk) return result;
+    assign(type, field.type);
+    assign(size, field.size);
+    assign<rvmsg_Data>(data, field.data);
+    return code::kOk;
+}
+
+int rvmsg_Iterate(const void* buffer, const char* name, rvmsg_IterateCallback callback,
+                  void* closure) {
+    if (buffer == nullptr || callback == nullptr) return code::kInvalidArgument;
+    if (!kvx::hasMagic(buffer, kvx::kMessageMagic)) return code::kNotInitialized;
+    alignas(8) unsigned char scratch[16];
+    FieldCursor cursor(buffer);
+    WireField field;
+    for (;;) {
+        switch (cursor.next(field)) {
+            case FieldCursor::Step::kField:
+                if (isWanted(field, name) && report(field, scratch, callback, closure) != 0) {
+                    return code::kOk;
+                }
+                break;
+            case FieldCursor::Step::kEnd:
+                return code::kOk;
+            case FieldCursor::Step::kBroken:
+                return code::kInvalidData;
+        }
+    }
+}
+
+int rvmsg_Unseal(rvmsg_Data block, rvmsg_Size blockLength, rvmsg_UnsealRoutine unseal,
+                 void* closure, rvmsg_Type* type, rvmsg_Size* size, rvmsg_Data* data) {
+    if (block == nullptr || unseal == nullptr) return code::kInvalidArgument;
+    if (blockLength < kvx::kSealedHeaderBytes || !kvx::hasMagic(block, kvx::kSealedMagic)) {
+        return code::kInvalidData;
+    }
+    const std::uint32_t length = kvx::loadBig32(block);
+    if (length < kvx::kSealedHeaderBytes || length > blockLength) return code::kInvalidData;
+    const auto* const bytes = static_cast<const std::uint8_t*>(block);
+    rvmsg_Size unsealedSize = 0;
+    const rvmsg_Data unsealed = unseal(bytes + kvx::kSealedHeaderBytes,
+                                       length - kvx::kSealedHeaderBytes, &unsealedSize, closure);
+    if (unsealed == nullptr) return code::kInvalidData;
+    assign<rvmsg_Type>(type, bytes[kvx::kHeaderBytes]);
+    assign(size, unsealedSize);
+    assign(data, unsealed);
+    return code::kOk;
+}
