@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 
+#include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
 #include "mom/config/VekRvdCfgScan.h"
 #include "mom/net/VekTrace.h"

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
 #include "mom/net/VekTrace.h"
 #include "mom/transport/Zlib.h"

@@ -1,5 +1,6 @@
 #include "mom/transport/CVekInflater.h"
 
+#include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
 #include "mom/transport/Zlib.h"
 

@@ -8,6 +8,7 @@
 #include <limits>
 #include <memory>
 
+#include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
 #include "mom/engine/CVekEngine.h"
 #include "mom/net/VekTrace.h"
