@@ -12,9 +12,13 @@
 #include <poll.h>
 #include <pwd.h>
 #include <spawn.h>
-#include <sys/pidfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+// glibc 2.36 declares these functions without saying that they are C functions.
+extern "C" {
+#include <sys/pidfd.h>
+}
 
 #include <algorithm>
 #include <array>

@@ -174,7 +174,7 @@ TEST(RvdCfgParser, ReadsItsOwnTextAlsoAfterARestThatReachedTheEnd) {
     EXPECT_EQ(parse("#\n" + serviceBlock("2")).service, "2");
 }
 
-TEST(RvdCfgParser, ScansALastLineOfCommentSignsOnce) {
+TEST(RvdCfgParser, TakesTimeInProportionToALastLineOfCommentSigns) {
     const Parsed parsed = parse(serviceBlock("1") + std::string(4 << 20, '#'));
     EXPECT_EQ(parsed.service, "1");
     EXPECT_EQ(parsed.errors, errorAtLine(2));
