@@ -21,6 +21,9 @@ class KVX_API RvTimer : public RvEvent {
 
     rv_Boolean isRepeating() const;
 
+    /// Whether a firing is still to come: false for a one-shot timer from its call on.
+    bool isPending() const;
+
     /// Starts a new interval now. {0, 2} when the session is closed, {0, 3} when nothing runs any
     /// more (a one-shot timer that fired), else the event manager's code in category 2.
     RvStatus resetInterval(unsigned long intervalMs);
