@@ -178,24 +178,46 @@ class KVX_API CVekRvNet : public CVekNet {
   private:
     friend class CVekRvQueueHandler;
     struct RequestLines;
+    /// Deletes a timer, and with it the callback of a start-up hook that was never called.
+    struct TimerDeleter {
+        void operator()(RvTimer* timer) const;
+    };
+    using OwnedTimer = std::unique_ptr<RvTimer, TimerDeleter>;
 
     int RRNCreateQueueListener();
     CVekPointer* RRNWaitForNewActivity(int threadId, int* status);
 
+    void start(int line);
+    void ensureDomain();
+    int startSession();
     int openCoreSession();
     int listenForAdvisories();
+    void dropRequestQueue();
+    void dropUnclaimedAnswers();
+    void dropTakenCallbacks();
+    void dropTimers();
+    void retireTimers();
+
     template <class Object, class Record>
-    Object* requestObject(int* status, Record request, const RequestLines& lines,
-                          const std::string& failureText, const std::string& pushedTrace);
+    Object* requestObject(int* status, const Record& fields, const RequestLines& lines,
+                          const std::string& failure);
+    template <class Record>
+    bool pushRequest(const Record& request);
     template <class Object>
     Object* claimAnswer(int threadId, int* status, const RequestLines& lines,
-                        const std::string& failureText);
-    template <class Object>
-    Object* checkCreated(Object* object, int* status);
+                        const std::string& failure);
+    template <class Create>
+    auto createHere(int* status, Create create);
+    RvListener* createListenerHere(const char* subject, unsigned long timeout,
+                                   const RvDataCallback* callback, void* closure);
+    RvIO* createIOHere(int* status, unsigned int socket, rvevm_IoEventType type,
+                       RvIOCallback* callback, void* closure);
+
     RvSender* senderForRequest(const char* subject, int* status);
-    int storeTimer(int status, RvTimer* timer);
+    RvSender* sendOnNewSender(const char* subject, RvDatum& datum);
+    int storeListener(RvListener* listener);
+    int storeTimer(RvTimer* timer, int status);
     void sweepSpentTimers();
-    void deleteRequestQueue();
 
   public:
     // Main thread only. The session is deleted before the objects that were made from it; they
@@ -234,14 +256,17 @@ class KVX_API CVekRvNet : public CVekNet {
     std::unique_ptr<CVekRvQueueHandler> m_queueHandler;
 
   private:
-    // Answers that nobody has taken yet, guarded by m_requestMutex.
-    std::multimap<int, RvSessionObject*> m_unclaimed;
+    // Guarded by m_requestMutex: the objects behind those answers that nobody has taken yet.
+    std::map<int, RvSessionObject*> m_unclaimed;
 
-    // Guarded by m_lock: subjects of inbox senders, oldest first, and when to sweep m_timers next.
+    // Guarded by m_lock: subjects of senders to inboxes, oldest first, and the number of timers at
+    // which those that fired are swept out.
     std::deque<std::string> m_inboxSenders;
     int m_sweepTimersAt;
+    // Guarded by m_lock: handlers of a socket that had one already, which no registry takes.
+    std::vector<std::unique_ptr<RvIO>> m_strayHandlers;
 
     // Main thread only: what the registries gave up without deleting it.
     std::vector<std::unique_ptr<CVekStack>> m_retiredStacks;
-    std::vector<std::unique_ptr<RvTimer>> m_retiredTimers;
+    std::vector<OwnedTimer> m_retiredTimers;
 };

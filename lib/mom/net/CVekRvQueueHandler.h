@@ -31,8 +31,8 @@ class KVX_API CVekRvQueueHandler : public RvTimerCallback {
     void RRQIONewTimer(SVekRvQueueTimer* request);
 
     void dispatch(void* request);
-    template <class Object>
-    void post(int threadId, Object* object, int notMadeLine, int notPostedLine);
+    void post(int threadId, void* object, RvSessionObject* unclaimed, int notMadeLine,
+              int notPostedLine);
 
     CVekRvNet* m_net;
 };

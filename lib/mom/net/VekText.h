@@ -1,15 +1,12 @@
 #pragma once
 
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "rv/message/RvDatum.h"
+
 /// Texts that the middleware keeps or hands out come from `malloc` and go to `free`.
 namespace kvx {
-
-struct FreeDeleter {
-    void operator()(void* block) const { std::free(block); }
-};
 
 /// An owned, NUL-terminated text; null means that there is none.
 using Text = std::unique_ptr<char, FreeDeleter>;

@@ -1,0 +1,374 @@
+// What a net keeps for its process: senders, listeners, timers and I/O handlers, and the main loop
+// that serves them.
+//
+// The net's lock guards the registries against threads that store, dereference or remove while the
+// main thread sends; it is recursive, so that a callback of the bus may come back here. A sender is
+// made once per subject and kept. Those to inboxes would pile up, one per query answered, so only
+// the latest ones are kept. Spent one-shot timers stay in the registry, where `RRNRemoveTimer`
+// finds them, until they outnumber the live ones.
+
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "mom/net/CVekPostInitTimedClb.h"
+#include "mom/net/CVekRvNet.h"
+#include "mom/net/CVekRvNetLines.h"
+#include "mom/net/VekCodes.h"
+#include "mom/net/VekTrace.h"
+
+namespace rvNet = kvx::rvNet;
+
+namespace {
+
+constexpr char kAdvisorySubjects[] = "_RV.>";
+constexpr std::string_view kInboxPrefix = "_INBOX.";
+constexpr std::size_t kKeptInboxSenders = 4096;
+constexpr int kPostInitInterval = 3;  // milliseconds
+constexpr int kLeastTimerSweep = 64;  // registered timers that are never swept
+constexpr std::size_t kSubjectGrowth = 4;
+constexpr std::size_t kSubjectReserve = 32;  // bytes
+
+template <class Object>
+Object* pointeeOf(const CVekPointer* entry) {
+    return entry != nullptr ? static_cast<Object*>(entry->RPData()) : nullptr;
+}
+
+template <class Object>
+Object* pointeeOf(const CVekListable* entry) {
+    return pointeeOf<Object>(static_cast<const CVekPointer*>(entry));
+}
+
+// Adds `object` under `subject` in a holder of its own, which does not outlive a failure.
+int addEntry(CVekTreeList* registry, const char* subject, void* object) {
+    auto holder = std::make_unique<CVekPointer>(object);
+    const int result = registry->RTLAdd(subject, holder.get());
+    if (result == kvx::kOk) holder.release();
+    return result;
+}
+
+}  // namespace
+
+// --- Subjects and services -------------------------------------------------------------------
+
+char* CVekRvNet::RRNDomainSubj(const char* subject) {
+    if (subject == nullptr) {
+        kvx::report(kvx::kInvalidArgument, rvNet::kFile, rvNet::QualifyNull, rvNet::kFile);
+        return nullptr;
+    }
+    const std::string_view domain = m_domain ? m_domain.get() : "";
+    const std::size_t length = std::strlen(subject) + domain.size();
+    auto* const built =
+        static_cast<char*>(std::calloc(length * kSubjectGrowth + kSubjectReserve, 1));
+    if (built == nullptr) {
+        kvx::report(kvx::kNoMemory, "CVekEngine", 0);
+        return nullptr;
+    }
+    char* end = stpcpy(built, subject);
+    if (!domain.empty()) {
+        *end++ = '.';
+        std::memcpy(end, domain.data(), domain.size());
+    }
+    return built;
+}
+
+int CVekRvNet::RRNAddService(const char* subject, RvDataCallback* callback) {
+    const kvx::Text qualified(RRNDomainSubj(subject));
+    return qualified ? RRNAddExService(qualified.get(), callback) : kvx::kInvalidArgument;
+}
+
+int CVekRvNet::RRNAddExService(const char* subject, RvDataCallback* callback) {
+    if (!m_session) return kvx::kNoSession;
+    int status = kvx::kOk;
+    RvListener* const listener = RRNNewListener(&status, subject, callback, this);
+    if (listener == nullptr) return kvx::kNoListener;
+    const int stored = storeListener(listener);
+    if (stored != kvx::kOk) kvx::report(stored, rvNet::kFile, rvNet::StoreServiceListener);
+    return status;
+}
+
+int CVekRvNet::RRNTakeService(const char* subject, RvDataCallback* callback) {
+    const int result = RRNAddService(subject, callback);
+    if (result == kvx::kOk) {
+        m_takenCallbacks->RSPush(callback);
+    } else {
+        kvx::report(result, rvNet::kFile, rvNet::TakeService);
+    }
+    return result;
+}
+
+int CVekRvNet::RRNAddErrorService(RvDataCallback* callback) {
+    return RRNAddErrorService(m_session.get(), callback);
+}
+
+int CVekRvNet::RRNAddErrorService(RvSession* session, RvDataCallback* callback) {
+    if (!m_session) return kvx::kNoSession;
+    RvListener* const listener =
+        session != nullptr ? session->newListener(kAdvisorySubjects, callback, this) : nullptr;
+    if (listener == nullptr) return kvx::kNoListener;
+    const int stored = storeListener(listener);
+    if (stored != kvx::kOk) kvx::report(stored, rvNet::kFile, rvNet::StoreErrorListener);
+    return kvx::kOk;
+}
+
+// --- Sending ---------------------------------------------------------------------------------
+
+int CVekRvNet::RRNSend(const char* subject, RvDatum& datum) {
+    if (!m_session) return kvx::kNoSession;
+    const int thread = RRNReturnCheckThreadId();
+    if (thread != kvx::kOk) return thread;
+    const kvx::Text qualified(RRNDomainSubj(subject));
+    if (!qualified) {
+        kvx::report(kvx::kInvalidArgument, rvNet::kFile, rvNet::SendSubject);
+        return kvx::kInvalidArgument;
+    }
+    return RRNSendOnSubject(qualified.get(), datum) != nullptr ? kvx::kOk : kvx::kNotSent;
+}
+
+int CVekRvNet::RRNSend(const char* subject, RvDatum& datum, RvDataCallback* callback) {
+    if (!m_session) return kvx::kNoSession;
+    const int thread = RRNReturnCheckThreadId();
+    if (thread != kvx::kOk) return thread;
+    int status = kvx::kOk;
+    RvSender* const sender = senderForRequest(subject, &status);
+    if (sender == nullptr) return status;
+    RvListener* const reply = sender->sendRequest(datum, RNGetLatency(), callback, this);
+    if (reply == nullptr) {
+        kvx::warn("Rendezvous Error : failed to open RPC listener\n");
+        return kvx::kNotSent;
+    }
+    const int stored = storeListener(reply);
+    if (stored != kvx::kOk) kvx::report(stored, rvNet::kFile, rvNet::StoreReplyListener);
+    return kvx::kOk;
+}
+
+/// The sender for requests on `subject`. A sender that could not be made is registered as null, and
+/// then leaves `*status` at 1 for good.
+RvSender* CVekRvNet::senderForRequest(const char* subject, int* status) {
+    const kvx::Text qualified(RRNDomainSubj(subject));
+    if (!qualified) {
+        *status = kvx::kInvalidArgument;
+        return nullptr;
+    }
+    const CVekThread::AutoMutex guard(*m_lock);
+    if (const CVekPointer* const entry = m_senders->RTLGet(qualified.get())) {
+        return pointeeOf<RvSender>(entry);
+    }
+    RvSender* const sender = RRNNewSender(status, qualified.get(), nullptr);
+    addEntry(m_senders.get(), qualified.get(), sender);
+    return sender;
+}
+
+RvSender* CVekRvNet::RRNSendOnSubject(char* subject, RvDatum& datum) {
+    if (subject == nullptr) return nullptr;
+    const int thread = RRNReturnCheckThreadId();
+    if (thread != kvx::kOk) {
+        kvx::report(thread, rvNet::kFile, rvNet::SendOffMainThread);
+        return nullptr;
+    }
+    const CVekThread::AutoMutex guard(*m_lock);
+    if (!m_senders) return nullptr;
+    const CVekPointer* const entry = m_senders->RTLGet(subject);
+    if (entry == nullptr) return sendOnNewSender(subject, datum);
+    auto* const sender = pointeeOf<RvSender>(entry);
+    return sender != nullptr && sender->send(datum).code() == 0 ? sender : nullptr;
+}
+
+/// Sends on a sender made for it and registers the sender; a failure leaves nothing behind.
+RvSender* CVekRvNet::sendOnNewSender(const char* subject, RvDatum& datum) {
+    int status = kvx::kOk;
+    std::unique_ptr<RvSender> sender(RRNNewSender(&status, subject, nullptr));
+    if (!sender || sender->send(datum).code() != 0) return nullptr;
+    const int stored = addEntry(m_senders.get(), subject, sender.get());
+    if (stored != kvx::kOk) {
+        kvx::report(stored, rvNet::kFile, rvNet::StoreSender);
+        return nullptr;
+    }
+    noteSender(subject);
+    return sender.release();
+}
+
+void CVekRvNet::noteSender(const char* subject) {
+    if (!std::string_view(subject).starts_with(kInboxPrefix)) return;
+    m_inboxSenders.emplace_back(subject);
+    if (m_inboxSenders.size() <= kKeptInboxSenders) return;
+    const std::string oldest = std::move(m_inboxSenders.front());
+    m_inboxSenders.pop_front();
+    const std::unique_ptr<RvSender> sender(pointeeOf<RvSender>(m_senders->RTLGet(oldest.c_str())));
+    m_senders->RTLDelete(oldest.c_str());
+}
+
+int CVekRvNet::RRNDereferenceSender(RvSender* sender) {
+    if (sender == nullptr || sender->subject() == nullptr) return kvx::kMissingArgument;
+    const CVekThread::AutoMutex guard(*m_lock);
+    if (!m_senders) return kvx::kNotFound;
+    return m_senders->RTLDelete(sender->subject(), static_cast<void*>(sender));
+}
+
+// --- Listeners -------------------------------------------------------------------------------
+
+int CVekRvNet::storeListener(RvListener* listener) {
+    const CVekThread::AutoMutex guard(*m_lock);
+    if (!m_listeners) return kvx::kNoSession;
+    return addEntry(m_listeners.get(), listener->subject(), listener);
+}
+
+int CVekRvNet::RRNStoreListener(RvListener* listener) {
+    return listener != nullptr ? storeListener(listener) : kvx::kInvalidArgument;
+}
+
+int CVekRvNet::RRNDereferenceListener(RvListener* listener) {
+    if (listener == nullptr) return kvx::kMissingArgument;
+    const CVekThread::AutoMutex guard(*m_lock);
+    if (!m_listeners) return kvx::kNotFound;
+    return m_listeners->RTLDelete(listener->subject(), static_cast<void*>(listener));
+}
+
+int CVekRvNet::RRNRemoveListener(const char* subject) {
+    if (subject == nullptr) return kvx::kMissingArgument;
+    // The caller's text may be that of a listener that is about to go.
+    const std::string key = subject;
+    const CVekAtom keyAtom(key.c_str());
+    int result = kvx::kOk;
+    const CVekThread::AutoMutex guard(*m_lock);
+    if (!m_listeners) return result;
+    if (m_listeners->RTLIsMultiple(&keyAtom) == FALSE) {
+        auto* const listener = pointeeOf<RvListener>(m_listeners->RTLGet(key.c_str()));
+        if (m_listeners->RTLGet(key.c_str()) == nullptr) return result;
+        result = m_listeners->RTLDelete(key.c_str());
+        if (result == kvx::kOk) delete listener;
+        return result;
+    }
+    const std::unique_ptr<CVekDoubleList> entries(m_listeners->RTLGetMult(key.c_str()));
+    for (CVekListable* entry = entries->RDLHead(); entry != nullptr;
+         entry = entries->RDLGetNext(entry)) {
+        auto* const listener = pointeeOf<RvListener>(entry);
+        if (listener == nullptr) continue;
+        result = m_listeners->RTLDelete(key.c_str(), static_cast<void*>(listener));
+        if (result == kvx::kOk) delete listener;
+    }
+    return result;
+}
+
+// --- Timers ----------------------------------------------------------------------------------
+
+int CVekRvNet::RRNAddTimer(int interval, RvTimerCallback* callback) {
+    if (!m_session) return kvx::kNoSession;
+    int status = kvx::kOk;
+    RvTimer* const timer =
+        RRNNewTimer(&status, static_cast<unsigned int>(interval), callback, this);
+    return storeTimer(timer, status);
+}
+
+int CVekRvNet::RRNAddRepeatTimer(int interval, RvTimerCallback* callback) {
+    if (!m_session) return kvx::kNoSession;
+    int status = kvx::kOk;
+    RvTimer* const timer =
+        RRNNewTimer(&status, static_cast<unsigned int>(interval), rv_TRUE, callback, this);
+    return storeTimer(timer, status);
+}
+
+int CVekRvNet::storeTimer(RvTimer* timer, int status) {
+    if (timer == nullptr) return kvx::kInvalidArgument;
+    const CVekThread::AutoMutex guard(*m_lock);
+    m_timers->RDLAddToListEnd(new CVekPointer(timer));
+    return status;
+}
+
+int CVekRvNet::RRNRemoveTimer(RvTimer* timer) {
+    if (timer == nullptr) return kvx::kMissingArgument;
+    kvx::trace(kvx::kTraceCalls, "RRNRemoveTimer() deleting timer ", timer, "\n");
+    const CVekThread::AutoMutex guard(*m_lock);
+    CVekListable* entry = m_timers ? m_timers->RDLHead() : nullptr;
+    while (entry != nullptr && pointeeOf<RvTimer>(entry) != timer) {
+        entry = m_timers->RDLGetNext(entry);
+    }
+    if (entry == nullptr) return kvx::kNotFound;
+    kvx::trace(kvx::kTraceCalls, "RRNRemoveTimer() deleted timer ", timer, "\n");
+    OwnedTimer(timer).reset();
+    return m_timers->RDLAttemptToDeleteListable(entry);
+}
+
+/// Deletes the one-shot timers that fired, when so many are registered that it pays: the cost of a
+/// timer's life stays constant, and there are never many more than live ones.
+void CVekRvNet::sweepSpentTimers() {
+    const CVekThread::AutoMutex guard(*m_lock);
+    if (!m_timers || m_timers->RDLLength() < m_sweepTimersAt) return;
+    for (CVekListable* entry = m_timers->RDLHead(); entry != nullptr;) {
+        CVekListable* const next = m_timers->RDLGetNext(entry);
+        auto* const timer = pointeeOf<RvTimer>(entry);
+        if (timer != nullptr && timer->isRepeating() == rv_FALSE && !timer->isPending()) {
+            delete timer;
+            m_timers->RDLDeleteListable(entry);
+        }
+        entry = next;
+    }
+    m_sweepTimersAt = std::max(kLeastTimerSweep, 2 * m_timers->RDLLength());
+}
+
+int CVekRvNet::RRNAddPostInitTimer() {
+    auto hook = std::make_unique<CVekPostInitTimedClb>();
+    const int result = RRNAddTimer(kPostInitInterval, hook.get());
+    // Registered, it deletes itself when it fires, and the net deletes it when it never does.
+    if (result == kvx::kOk) hook.release();
+    return result;
+}
+
+// --- I/O handlers ----------------------------------------------------------------------------
+
+int CVekRvNet::RRNAddIOHandle(unsigned int socket, __boolean read, __boolean write,
+                              __boolean exception, RvIOCallback* callback) {
+    if (!m_session) return kvx::kNoSession;
+    bool chosen = read != FALSE;
+    const auto choose = [&chosen](__boolean wanted, int line) {
+        if (wanted != FALSE && chosen) {
+            kvx::report(kvx::kIoTypeChosen, rvNet::kFile, line,
+                        "The Type of IO handler has already been chosen.\n");
+        }
+        chosen = chosen || wanted != FALSE;
+    };
+    choose(write, rvNet::IoTypeWrite);
+    choose(exception, rvNet::IoTypeException);
+    // Whatever was chosen, the handler watches for readability.
+    int status = kvx::kOk;
+    RvIO* const io = RRNNewIO(&status, socket, RVEVM_READ, callback, this);
+    const CVekThread::AutoMutex guard(*m_lock);
+    if (io != nullptr && pointeeOf<RvIO>(m_ioHandlers->RTLGet(static_cast<int>(socket))) != io) {
+        m_strayHandlers.emplace_back(io);
+    }
+    return status;
+}
+
+int CVekRvNet::RRNRemoveIO(unsigned int socket) {
+    int result = RRNReturnCheckThreadId();
+    if (result != kvx::kOk) kvx::report(result, rvNet::kFile, rvNet::RemoveIoOffMainThread);
+    const int key = static_cast<int>(socket);
+    const CVekThread::AutoMutex guard(*m_lock);
+    std::erase_if(m_strayHandlers, [socket](const auto& io) { return io->socket() == socket; });
+    const CVekPointer* const entry = m_ioHandlers ? m_ioHandlers->RTLGet(key) : nullptr;
+    if (entry == nullptr) return result;
+    delete pointeeOf<RvIO>(entry);
+    const int removed = m_ioHandlers->RTLDelete(key);
+    if (removed != kvx::kOk) {
+        kvx::report(removed, rvNet::kFile, rvNet::RemoveIoEntry, "CVekEngine::RemoveIO");
+        result = removed;
+    }
+    return result;
+}
+
+// --- The main loop ---------------------------------------------------------------------------
+
+void CVekRvNet::RRNDoIt() {
+    if (m_sessionUp != 1) return;
+    const int added = RRNAddPostInitTimer();
+    if (added != kvx::kOk) kvx::report(added, rvNet::kFile, rvNet::AddPostInitTimer);
+    if (m_session) {
+        rv_RunOnce(m_session->handle());
+    } else {
+        RRNStartNet();
+    }
+}
+
+void CVekRvNet::RRNStopLoop() {
+    if (m_session) rv_StopLoop(m_session->handle());
+}
