@@ -123,21 +123,21 @@ class KVX_API CVekEngine : public CVekRvNet {
     // Main thread only, or constant after construction, where nothing else is said.
     kvx::Text m_engineId;
     std::unique_ptr<RvTimer> m_sendTimer;
-    __serv_types m_serviceType;
+    __serv_types m_serviceType = SERV_UNKNOWN;
     std::unique_ptr<CVekStack> m_sendQueue;  // guarded by m_requestMutex
     std::unique_ptr<CVekDoubleList> m_reservedList;
     std::unique_ptr<RvTimer> m_hbTimer;
     std::unique_ptr<RvTimer> m_hbFirstTimer;
     std::unique_ptr<CVekHeartbeatClb> m_heartbeat;
-    unsigned long m_maxSendRate;  // guarded by m_lock
+    unsigned long m_maxSendRate = 0;  // guarded by m_lock
     rvft_MemberId m_ftMemberId = nullptr;
     kvx::Text m_groupName;
     kvx::Text m_groupBase;
-    __boolean m_leader;
-    __boolean m_ready;
-    __boolean m_active;  // guarded by m_lock
-    __boolean m_consumer;
-    int m_tierNo;
+    __boolean m_leader = TRUE;
+    __boolean m_ready = FALSE;
+    __boolean m_active = FALSE;  // guarded by m_lock
+    __boolean m_consumer = FALSE;
+    int m_tierNo = 0;
     std::unique_ptr<CVekRvErrorClb> m_ftErrorCallback;
     std::unique_ptr<RvSession> m_ftSession;
 
@@ -164,7 +164,6 @@ class KVX_API CVekEngine : public CVekRvNet {
     kvx::Text prepareSubject(const char* subject, __boolean domainQualify);
     int pushBack(CVekSendQueueItem* item);
     int pushFront(CVekSendQueueItem* item);
-    RvSender* registeredSender(const char* subject);
     int sendOnNewSender(const char* subject, const RvDatum& datum);
     RvListener* requestOnNewSender(const char* subject, const RvDatum& datum,
                                    const RvDataCallback* callback, unsigned long timeout);

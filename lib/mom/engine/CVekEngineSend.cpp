@@ -1,0 +1,181 @@
+// An engine's sends: on the main thread at once, from anywhere else through the queue.
+//
+// A sender is made once per subject and kept in the net's registry, which the net's lock guards;
+// the lock is held across a direct send. A send from another thread queues a copy of the datum. The
+// queue qualifies its subject once more, so such an item carries one domain suffix more than the
+// same call on the main thread; receivers depend on it.
+
+#include <string_view>
+
+#include "mom/engine/CVekEngine.h"
+#include "mom/engine/CVekEngineLines.h"
+#include "mom/engine/VekSubjects.h"
+#include "mom/net/VekCodes.h"
+#include "mom/net/VekTrace.h"
+
+namespace engine = kvx::engine;
+
+namespace {
+
+constexpr char kQueuedInstead[] = "so adding to send queue!";
+
+RvSender* senderOf(const CVekPointer* entry) {
+    return static_cast<RvSender*>(entry->RPData());
+}
+
+}  // namespace
+
+kvx::Text CVekEngine::prepareSubject(const char* subject, __boolean domainQualify) {
+    return domainQualify == TRUE ? kvx::Text(RRNDomainSubj(subject)) : kvx::copyText(subject);
+}
+
+unsigned long CVekEngine::lockedLatency() {
+    const CVekThread::AutoMutex guard(*m_lock);
+    return m_latency;
+}
+
+// --- Without a reply -------------------------------------------------------------------------
+
+int CVekEngine::RESend(const char* subject, const RvDatum& datum, __boolean domainQualify) {
+    const kvx::Text prepared = prepareSubject(subject, domainQualify);
+    if (!prepared) return kvx::kInvalidArgument;
+    const int thread = RRNReturnCheckThreadId();
+    if (thread != kvx::kOk) {
+        kvx::report(thread, engine::kFile, engine::SendOffMainThread, kQueuedInstead);
+        return REAddToSendQueue(prepared.get(), new RvDatum(datum), nullptr, TRUE);
+    }
+    const CVekThread::AutoMutex guard(*m_lock);
+    if (!m_senders) return kvx::kNoSession;
+    if (const CVekPointer* const entry = m_senders->RTLGet(prepared.get())) {
+        return RESendWithNoReplyRequested(senderOf(entry), datum);
+    }
+    return sendOnNewSender(prepared.get(), datum);
+}
+
+/// Sends on a sender made for it, which is kept when the send succeeds.
+int CVekEngine::sendOnNewSender(const char* subject, const RvDatum& datum) {
+    int status = kvx::kOk;
+    std::unique_ptr<RvSender> sender(RRNNewSender(&status, subject, nullptr));
+    const int sent = RESendWithNoReplyRequested(sender.get(), datum);
+    if (sent != kvx::kOk) return sent;
+    const int stored = REStoreNewSender(sender.get(), subject);
+    if (stored != kvx::kOk) return stored;
+    sender.release();
+    return kvx::kOk;
+}
+
+int CVekEngine::RESend(const RvSender* sender, const RvDatum& datum) {
+    return RESendWithNoReplyRequested(sender, datum);
+}
+
+int CVekEngine::RESendWithNoReplyRequested(const RvSender* sender, const RvDatum& datum) {
+    if (sender == nullptr) return kvx::kInvalidArgument;
+    if (std::string_view(sender->subject()) != kvx::kHeartbeatSubject) {
+        kvx::trace(kvx::kTraceCalls, "CVekEngine::RESendWithNoReplyRequested(", sender,
+                   ",RvDatum)\n");
+    }
+    return const_cast<RvSender*>(sender)->send(datum).code() == 0 ? kvx::kOk : kvx::kNotSent;
+}
+
+// --- With a reply ----------------------------------------------------------------------------
+
+RvListener* CVekEngine::RESend(const char* subject, const RvDatum& datum,
+                               const RvDataCallback* callback) {
+    return RESend(subject, datum, callback, lockedLatency(), TRUE);
+}
+
+RvListener* CVekEngine::RESend(const char* subject, const RvDatum& datum,
+                               const RvDataCallback* callback, unsigned long timeout,
+                               __boolean domainQualify) {
+    const kvx::Text prepared = prepareSubject(subject, domainQualify);
+    if (!prepared) {
+        kvx::report(kvx::kInvalidArgument, engine::kFile, engine::RequestSubject);
+        return nullptr;
+    }
+    const int thread = RRNReturnCheckThreadId();
+    if (thread != kvx::kOk) {
+        kvx::report(thread, engine::kFile, engine::RequestOffMainThread, kQueuedInstead);
+        REAddToSendQueue(prepared.get(), new RvDatum(datum), callback, TRUE);
+        return nullptr;
+    }
+    const CVekThread::AutoMutex guard(*m_lock);
+    const CVekPointer* const entry = m_senders ? m_senders->RTLGet(prepared.get()) : nullptr;
+    if (entry == nullptr) return requestOnNewSender(prepared.get(), datum, callback, timeout);
+    RvListener* const reply = RESendAndRequestReply(senderOf(entry), datum, callback, timeout);
+    if (reply == nullptr) {
+        kvx::report(kvx::kNotSent, engine::kFile, engine::RequestOnSender);
+    }
+    return reply;
+}
+
+/// Sends a request on a sender made for it, which is kept when the request succeeds.
+RvListener* CVekEngine::requestOnNewSender(const char* subject, const RvDatum& datum,
+                                           const RvDataCallback* callback, unsigned long timeout) {
+    int status = kvx::kOk;
+    std::unique_ptr<RvSender> sender(RRNNewSender(&status, subject, nullptr));
+    RvListener* const reply = RESendAndRequestReply(sender.get(), datum, callback, timeout);
+    if (reply == nullptr) {
+        kvx::report(kvx::kNotSent, engine::kFile, engine::RequestOnNewSender);
+        return nullptr;
+    }
+    const int stored = REStoreNewSender(sender.get(), subject);
+    if (stored == kvx::kOk) {
+        sender.release();
+    } else {
+        kvx::report(stored, engine::kFile, engine::StoreRequestSender);
+    }
+    return reply;
+}
+
+RvListener* CVekEngine::RESend(const RvSender* sender, const RvDatum& datum,
+                               const RvDataCallback* callback) {
+    return RESend(sender, datum, callback, lockedLatency());
+}
+
+RvListener* CVekEngine::RESend(const RvSender* sender, const RvDatum& datum,
+                               const RvDataCallback* callback, unsigned long timeout) {
+    return RESendAndRequestReply(sender, datum, callback, timeout);
+}
+
+RvListener* CVekEngine::RESendAndRequestReply(const RvSender* sender, const RvDatum& datum,
+                                              const RvDataCallback* callback,
+                                              unsigned long timeout) {
+    if (sender == nullptr) return nullptr;
+    kvx::trace(kvx::kTraceCalls, "CVekEngine::RESendAndRequestReply(", sender->subject(),
+               ",RvDatum,RvDataCallback,ulong)\n");
+    return const_cast<RvSender*>(sender)->sendRequest(datum, timeout,
+                                                      const_cast<RvDataCallback*>(callback), this);
+}
+
+// --- Senders ---------------------------------------------------------------------------------
+
+RvSender* CVekEngine::RENewSender(const char* subject, __boolean domainQualify) {
+    const kvx::Text prepared = prepareSubject(subject, domainQualify);
+    if (!prepared) {
+        kvx::report(kvx::kInvalidArgument, engine::kFile, engine::NewSenderSubject);
+        return nullptr;
+    }
+    return RENewSenderOnSubject(prepared.get());
+}
+
+RvSender* CVekEngine::RENewSenderOnSubject(const char* subject) {
+    kvx::trace(kvx::kTraceCalls, "CVekEngine::RENewSenderOnSubject(", kvx::textOrNull(subject),
+               ")\n");
+    const CVekThread::AutoMutex guard(*m_lock);
+    if (!m_senders) return nullptr;
+    if (const CVekPointer* const entry = m_senders->RTLGet(subject)) return senderOf(entry);
+    int status = kvx::kOk;
+    RvSender* const sender = RRNNewSender(&status, subject, nullptr);
+    const int stored = REStoreNewSender(sender, subject);
+    if (stored != kvx::kOk) kvx::report(stored, engine::kFile, engine::StoreSender);
+    return sender;
+}
+
+int CVekEngine::REStoreNewSender(RvSender* sender, const char* subject) {
+    auto holder = std::make_unique<CVekPointer>(sender);
+    const int result = m_senders->RTLAdd(subject, holder.get());
+    if (result != kvx::kOk) return result;
+    holder.release();
+    noteSender(subject);
+    return result;
+}

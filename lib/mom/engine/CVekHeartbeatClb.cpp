@@ -1,0 +1,138 @@
+#include "mom/engine/CVekHeartbeatClb.h"
+
+#include <ctime>
+#include <memory>
+
+#include "mom/engine/CVekEngine.h"
+#include "mom/engine/VekSubjects.h"
+#include "mom/net/VekCodes.h"
+#include "mom/net/VekTrace.h"
+#include "mom/transport/CVekTransport.h"
+
+namespace {
+
+constexpr char kHeartbeatFile[] = "CVekHeartbeatClb";
+
+namespace heartbeatLine {
+enum Line : int {
+    CopyDefaultSubject = 142,
+    Service = 221,
+    Domain = 230,
+    Host = 239,
+    Pid = 248,
+    Type = 257,
+    CopySubject = 275,
+    AddRecord = 331,
+    SetDestination = 337,
+    MakePackets = 349,
+    SendAll = 358,
+    SetType = 381,
+};
+}
+
+constexpr int kNominalInterval = 10000;  // milliseconds
+
+void reportStep(int result, int line, const char* text) {
+    if (result != kvx::kOk) kvx::report(result, kHeartbeatFile, line, text);
+}
+
+CVekAtom* hostAtom(const CVekEnv* env) {
+    return new CVekAtom(kvx::copyText((env != nullptr ? *env : CVekEnv()).RELocalHost()).release());
+}
+
+}  // namespace
+
+CVekHeartbeatClb::CVekHeartbeatClb(const char* service, const char* domain, CVekEnv* env)
+    : m_pid(new CVekAtom(static_cast<long long>(CVekProcess::Instance().GetPID()))),
+      m_host(hostAtom(env)),
+      m_domainAtom(new CVekAtom(domain)),
+      m_service(new CVekAtom(service)),
+      m_record(nullptr),
+      m_interval(kNominalInterval),
+      m_type(new CVekAtom(0)),
+      m_level(HB_BACKUP),
+      m_transport(nullptr),
+      m_subject(nullptr) {
+    kvx::trace(kvx::kTraceCalls, "CVekHeartbeatClb::CVekHeartbeatClb(", kvx::textOrNull(service),
+               ", ", kvx::textOrNull(domain), ")\n");
+    RHCBuildRecord();
+    m_subject = kvx::copyText(kvx::kHeartbeatSubject).release();
+    if (m_subject == nullptr) {
+        kvx::report(kvx::kNoMemory, kHeartbeatFile, heartbeatLine::CopyDefaultSubject);
+    }
+}
+
+CVekHeartbeatClb::~CVekHeartbeatClb() {
+    delete m_record;
+    delete m_transport;
+    std::free(m_subject);
+}
+
+void CVekHeartbeatClb::RHCBuildRecord() {
+    delete m_record;
+    m_record = new CVekBaseRecord;
+    addField("service", m_service, heartbeatLine::Service);
+    addField("domain", m_domainAtom, heartbeatLine::Domain);
+    addField("host", m_host, heartbeatLine::Host);
+    addField("pid", m_pid, heartbeatLine::Pid);
+    addField("type", m_type, heartbeatLine::Type);
+}
+
+void CVekHeartbeatClb::addField(const char* name, const CVekAtom* value, int line) {
+    reportStep(m_record->RRAddOrSetValue(name, value), line, name);
+}
+
+int CVekHeartbeatClb::RHCSetLevel(EVekHbRunLevel level) {
+    m_level = level;
+    return kvx::kOk;
+}
+
+void CVekHeartbeatClb::RHCSetSubject(const char* subject) {
+    std::free(m_subject);
+    m_subject = kvx::copyText(subject).release();
+    if (subject != nullptr && m_subject == nullptr) {
+        kvx::report(kvx::kNoMemory, kHeartbeatFile, heartbeatLine::CopySubject);
+    }
+}
+
+void CVekHeartbeatClb::onTimer(RvTimer* timer) {
+    if (timer == nullptr) {
+        kvx::trace(kvx::kTraceCalls, "CVekHeartbeatClb::onTimer(): invoker obj is NULL!\n");
+        return;
+    }
+    auto* const engine = static_cast<CVekEngine*>(timer->closure());
+    if (engine == nullptr) {
+        kvx::trace(kvx::kTraceCalls, "CVekHeartbeatClb::onTimer(): CVekEngine obj is NULL!\n");
+        return;
+    }
+    kvx::trace(kvx::kTraceCalls, "time: ", std::time(nullptr), ": ",
+               kvx::textOrNull(engine->REGetEngineID()), " -> CVekHeartbeatClb::onTimer()\n");
+    if (m_transport == nullptr) m_transport = new CVekTransport(engine);
+    followEngine(engine->REIsActive() == TRUE);
+    sendRecord();
+    announcePrimary();
+    delete m_transport;
+    m_transport = nullptr;
+}
+
+void CVekHeartbeatClb::followEngine(bool active) {
+    if (active && m_level == HB_BACKUP) m_level = HB_PRIMARY;
+    if (!active && m_level == HB_PRIMARY) m_level = HB_BACKUP;
+}
+
+void CVekHeartbeatClb::sendRecord() {
+    m_transport->RTPurge();
+    reportStep(m_transport->RTAddRecord(m_record), heartbeatLine::AddRecord, nullptr);
+    reportStep(m_transport->RTSetDestinationOnSubject(m_subject), heartbeatLine::SetDestination,
+               "SetDestination");
+    reportStep(m_transport->RTCreatePackets(VEK_TRANS_V0, true), heartbeatLine::MakePackets,
+               "MakePackets");
+    reportStep(m_transport->RTSendHB(), heartbeatLine::SendAll, "SendAll");
+}
+
+/// After the first beat sent while primary the type is 1 for good.
+void CVekHeartbeatClb::announcePrimary() {
+    if (m_type->RAInt() != 0 || m_level != HB_PRIMARY) return;
+    m_type->RASet(1);
+    addField("type", m_type, heartbeatLine::SetType);
+}

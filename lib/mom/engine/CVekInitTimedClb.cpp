@@ -1,0 +1,21 @@
+#include "mom/engine/CVekInitTimedClb.h"
+
+#include <memory>
+
+#include "mom/engine/CVekEngine.h"
+
+CVekInitTimedClb::CVekInitTimedClb(int itemsPerTick)
+    : m_itemsPerTick(itemsPerTick > 0 ? itemsPerTick : 1) {}
+
+CVekInitTimedClb::CVekInitTimedClb(const CVekInitTimedClb&) = default;
+CVekInitTimedClb& CVekInitTimedClb::operator=(const CVekInitTimedClb&) = default;
+CVekInitTimedClb::~CVekInitTimedClb() = default;
+
+void CVekInitTimedClb::onTimer(RvTimer* timer) {
+    auto* const engine = static_cast<CVekEngine*>(timer->closure());
+    for (int sent = 0; sent < m_itemsPerTick; ++sent) {
+        const std::unique_ptr<CVekSendQueueItem> item(engine->RENextSendItem());
+        if (!item) return;
+        item->RSQIDeQueueIt();  // reports a failure itself; the item is dropped either way
+    }
+}
