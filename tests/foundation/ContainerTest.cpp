@@ -1,0 +1,259 @@
+// Containers: order, ownership and result codes.
+
+#include <cstring>
+
+#include "foundation/foundation.h"
+#include "tests/foundation/Owned.h"
+
+namespace {
+
+// A list element that counts its kind's living objects.
+class Counted : public CVekListable {
+  public:
+    explicit Counted(int value) : number(value) { ++living; }
+    Counted(const Counted& other) : CVekListable(other), number(other.number) { ++living; }
+    Counted& operator=(const Counted&) = delete;
+    ~Counted() override { --living; }
+
+    CVekListable* RLTargetDeepCopy(const CVekListable* source) override {
+        const auto& original = dynamic_cast<const Counted&>(*source);
+        return original.number < 0 ? nullptr : new Counted(original);  // negative ones refuse
+    }
+
+    int number;
+    static inline int living = 0;
+};
+
+std::vector<int> numbersIn(const CVekDoubleList& list) {
+    std::vector<int> numbers;
+    for (auto* element = list.RDLHead(); element != nullptr; element = list.RDLGetNext(element)) {
+        numbers.push_back(dynamic_cast<Counted*>(element)->number);
+    }
+    return numbers;
+}
+
+// The pointees of an iterator, which is released.
+std::vector<void*> pointees(CVekDoubleList* iterator) {
+    const std::unique_ptr<CVekDoubleList> list(iterator);
+    std::vector<void*> found;
+    for (auto* element = list->RDLHead(); element != nullptr; element = list->RDLGetNext(element)) {
+        found.push_back(dynamic_cast<CVekPointer*>(element)->RPData());
+    }
+    return found;
+}
+
+using Pointees = std::vector<void*>;
+
+}  // namespace
+
+TEST(DoubleList, OwnsItsElementsAndKeepsTheirOrder) {
+    {
+        CVekDoubleList list;
+        std::vector<Counted*> elements;
+        for (int i = 0; i < 4; ++i) {
+            elements.push_back(new Counted(i));
+            EXPECT_EQ(list.RDLAddToListEnd(elements.back()), 1);
+        }
+        EXPECT_EQ(list.RDLAddToListEnd(elements[0]), -220552);  // stands in a list already
+        EXPECT_EQ(list.RDLAddToListEnd(nullptr), -220552);
+        EXPECT_EQ(list.RDLDeleteListable(elements[0]), 1);
+        EXPECT_EQ(list.RDLDeleteListable(elements[3]), 1);
+        EXPECT_EQ(numbersIn(list), (std::vector{1, 2}));
+        delete elements[1];  // leaves the list by itself
+        EXPECT_EQ(numbersIn(list), (std::vector{2}));
+        EXPECT_EQ(list.RDLLength(), 1);
+    }
+    EXPECT_EQ(Counted::living, 0);
+}
+
+TEST(DoubleList, DeletesOnlyWhatItHolds) {
+    CVekDoubleList list;
+    auto* element = new Counted(1);
+    Counted stranger(2);
+    list.RDLAddToListEnd(element);
+    EXPECT_EQ(list.RDLAttemptToDeleteListable(&stranger), -220547);
+    EXPECT_EQ(list.RDLDeleteListable(&stranger), -220547);
+    EXPECT_EQ(list.RDLAttemptToDeleteListable(element), 1);
+    EXPECT_EQ(list.RDLAttemptToDeleteListable(element), -220547);  // dead, and not read
+    EXPECT_EQ(list.RDLHead(), nullptr);
+}
+
+TEST(DoubleList, CopiesDeeplyAndLeavesOutWhatRefuses) {
+    CVekDoubleList list;
+    for (const int number : {1, -2, 3}) list.RDLAddToListEnd(new Counted(number));
+    CVekDoubleList copy(list);
+    CVekDoubleList assigned;
+    assigned.RDLAddToListEnd(new Counted(9));
+    assigned = list;
+    dynamic_cast<Counted*>(list.RDLHead())->number = 7;
+    EXPECT_EQ(numbersIn(copy), (std::vector{1, 3}));
+    EXPECT_EQ(numbersIn(assigned), (std::vector{1, 3}));
+    EXPECT_EQ(Counted::living, 7);
+    auto* taken = list.RDLHead();
+    EXPECT_EQ(list.RDLTakeListable(taken), 1);
+    EXPECT_EQ(copy.RDLAddToListEnd(taken), 1);
+    EXPECT_EQ(numbersIn(copy), (std::vector{1, 3, 7}));
+}
+
+TEST(Stack, GivesThePushedInOrderAndTheBottomFirst) {
+    int a = 0;
+    int b = 0;
+    int c = 0;
+    CVekStack stack(-1);
+    EXPECT_EQ(stack.RSPush(&a), 1);
+    EXPECT_EQ(stack.RSPush(&b), 1);
+    EXPECT_EQ(stack.RSPushBottom(&c), 1);
+    EXPECT_EQ(stack.RSLength(), 3);
+    EXPECT_EQ(stack.RSPop(), &c);
+    EXPECT_EQ(stack.RSPop(), &a);
+    EXPECT_EQ(stack.RSPop(), &b);
+    EXPECT_EQ(stack.RSPop(), nullptr);
+
+    CVekStack bounded(1);
+    bounded.RSPush(&a);
+    EXPECT_EQ(bounded.RSPush(&b), -220439);
+    EXPECT_EQ(bounded.RSPushBottom(&b), -220439);
+}
+
+TEST(AtomVector, DeletesWhatItStillHolds) {
+    auto vector = std::make_unique<CVekAtomVector>(0);
+    auto* kept = new CVekAtom("kept");
+    EXPECT_EQ(vector->RAVAddToEnd(kept), 1);
+    EXPECT_EQ(vector->RAVMakeSpace(1000), 1);
+    EXPECT_EQ(vector->RAVSize(), 1U);
+    EXPECT_EQ(vector->RAVAddToEnd(nullptr), -220402);
+
+    CVekAtomVector copy(*vector);
+    vector->RAVReset();
+    EXPECT_EQ(vector->RAVSize(), 0U);
+    vector->RAVAddToEnd(new CVekAtom("deleted with the vector"));
+    vector.reset();
+    EXPECT_STREQ(kept->RAString(), "kept");
+    delete kept;
+    EXPECT_STREQ(copy.RAVGetValue(0)->RAString(), "kept");
+    EXPECT_EQ(copy.RAVGetValue(1), nullptr);
+}
+
+TEST(Bag, HoldsPointersAndDeletesNothing) {
+    int element = 0;
+    CVekBag bag;
+    bag.RBAdd(&element);
+    bag.RBAdd(nullptr);
+    EXPECT_EQ(bag.RBSize(), 2U);
+    EXPECT_EQ(bag.RBGet(0), &element);
+    EXPECT_EQ(bag.RBGet(2), nullptr);
+}
+
+TEST(HashList, RefusesAKeyThatIsThere) {
+    int first = 0;
+    int second = 0;
+    CVekHashList list(5000, FALSE);
+    CVekPointer refused(&second);
+    EXPECT_EQ(list.RHLAdd("key", new CVekPointer(&first)), 1);
+    EXPECT_EQ(list.RHLAdd("key", &refused), -220566);
+    EXPECT_EQ(list.RHLGet("key")->RPData(), &first);
+    EXPECT_EQ(list.RHLAdd(0, new CVekPointer(&second)), 1);
+    EXPECT_EQ(list.RHLAdd(0UL, &refused), -220566);
+    EXPECT_EQ(list.RHLGet(0)->RPData(), &second);
+    EXPECT_EQ(list.RHLGet("0"), nullptr);
+    EXPECT_EQ(list.RHLAdd(static_cast<const char*>(nullptr), &refused), -220552);
+    EXPECT_EQ(list.RHLAdd("other", nullptr), -220552);
+}
+
+TEST(HashList, IteratesInTheOrderOfAddingAndDeletesOnlyHolders) {
+    std::vector<int> values(2000);
+    CVekHashList list(-1, FALSE);
+    Pointees expected;
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        list.RHLAdd(std::to_string(i * 7919 % 2000).c_str(), new CVekPointer(&values[i]));
+        expected.push_back(&values[i]);
+    }
+    EXPECT_EQ(pointees(list.RHLIterator()), expected);
+
+    CVekPointer foreign(&values[0]);
+    EXPECT_EQ(list.RHLDelete("0", &foreign), -220547);
+    EXPECT_EQ(list.RHLDelete("0", list.RHLGet("0")), 1);
+    EXPECT_EQ(list.RHLDelete("0", &foreign), -220547);
+    expected.erase(expected.begin());
+    EXPECT_EQ(pointees(list.RHLIterator()), expected);
+    EXPECT_EQ(list.RHLLength(), 1999);
+}
+
+TEST(HashStore, IsASetOfNumbers) {
+    CVekHashStore store(50, FALSE, TRUE, 500);
+    EXPECT_EQ(store.RHSRetrieveObject(10), nullptr);
+    EXPECT_EQ(store.RHSAddObjectAt(10, nullptr), 1);
+    ASSERT_NE(store.RHSRetrieveObject(10), nullptr);
+    EXPECT_EQ(store.RHSRetrieveObject(10)->RHNKey(), 10U);
+    EXPECT_EQ(store.RHSAddObjectAt(10, &store), -220566);
+    EXPECT_EQ(store.RHSRetrieveObject(10)->RHNObject(), nullptr);
+}
+
+TEST(TreeList, KeepsUniqueKeysUnique) {
+    int a = 0;
+    int b = 0;
+    CVekTreeList list(false);
+    CVekPointer refused(&b);
+    EXPECT_EQ(list.RTLAdd("key", static_cast<void*>(&a)), 1);
+    EXPECT_EQ(list.RTLAdd("key", &refused), -220566);
+    EXPECT_EQ(list.RTLAdd("key", static_cast<void*>(&b)), -220566);
+    EXPECT_EQ(list.RTLAdd(-4, static_cast<void*>(nullptr)), 1);  // null is a value
+    ASSERT_NE(list.RTLGet(-4), nullptr);
+    EXPECT_EQ(list.RTLGet(-4)->RPData(), nullptr);
+    EXPECT_EQ(list.RTLGet("key")->RPData(), &a);
+    EXPECT_EQ(list.RTLDelete("key", &b), -220547);
+    EXPECT_EQ(list.RTLDelete("key", &a), 1);
+    EXPECT_EQ(list.RTLDelete("key"), -220547);
+    EXPECT_EQ(list.RTLDelete(-4), 1);
+    EXPECT_EQ(list.RTLDelete(-4), -220547);
+    EXPECT_EQ(list.RTLLength(), 0);
+}
+
+TEST(TreeList, KeepsSeveralValuesUnderAMultipleKey) {
+    std::vector<int> values(5);
+    const CVekAtom news("news");
+    CVekTreeList list(TRUE);
+    for (int i = 0; i < 4; ++i) list.RTLAdd(i == 1 ? "other" : "news", &values[i]);
+    EXPECT_EQ(list.RTLIsMultiple(&news), TRUE);
+    EXPECT_EQ(list.RTLGet("news")->RPData(), &values[0]);
+    EXPECT_EQ(pointees(list.RTLGetMult("news")), (Pointees{&values[0], &values[2], &values[3]}));
+    EXPECT_EQ(list.RTLDelete("news", &values[2]), 1);
+    EXPECT_EQ(list.RTLDelete("news", &values[0]), 1);
+    EXPECT_EQ(list.RTLIsMultiple(&news), FALSE);
+    EXPECT_EQ(pointees(list.RTLIterator()), (Pointees{&values[1], &values[3]}));
+    list.RTLAdd("news", &values[4]);
+    EXPECT_EQ(list.RTLDelete(&news), 1);  // all values of the key
+    EXPECT_TRUE(pointees(list.RTLGetMult("news")).empty());
+    EXPECT_EQ(list.RTLDelete(&news), -220547);
+    EXPECT_EQ(list.RTLDelete(static_cast<const CVekAtom*>(nullptr)), -220552);
+}
+
+TEST(TreeList, TakesNumberAtomsAsKeys) {
+    int value = 0;
+    const CVekAtom number(12);
+    const CVekAtom text("12");
+    CVekTreeList list(FALSE);
+    list.RTLAdd(12, new CVekPointer(&value));
+    EXPECT_EQ(list.RTLGet(12)->RPData(), &value);
+    EXPECT_EQ(list.RTLDelete(&text), -220547);  // texts and numbers are different keys
+    EXPECT_EQ(list.RTLDelete(&number), 1);
+}
+
+TEST(VarBindList, OwnsCopiesOfNamesAndValues) {
+    CVekVBList list;
+    {
+        const CVekAtom name("service");
+        const CVekAtom value("7500");
+        EXPECT_EQ(list.RVBLAddToListEnd(new CVekVarBind(name, &value)), 1);
+        EXPECT_EQ(list.RVBLAddToListEnd(new CVekVarBind(name, nullptr)), 1);
+    }
+    const CVekVBList copy(list);
+    CVekVarBind* binding = copy.RVBLHead();
+    ASSERT_NE(binding, nullptr);
+    EXPECT_NE(binding, list.RVBLHead());
+    EXPECT_STREQ(binding->RVBName().RAString(), "service");
+    EXPECT_STREQ(binding->RVBValue()->RAString(), "7500");
+    binding = copy.RVBLGetNext(binding);
+    EXPECT_EQ(binding->RVBValue(), nullptr);
+    EXPECT_EQ(copy.RVBLGetNext(binding), nullptr);
+}

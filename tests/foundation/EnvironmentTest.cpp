@@ -1,0 +1,96 @@
+// Home directories, the host's name, and read-only files.
+
+#include "foundation/CVekEnv.h"
+#include "foundation/CVekReadOnlyFile.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "tests/foundation/Owned.h"
+#include "tests/support/TemporaryDirectory.h"
+
+using kvx::test::TemporaryDirectory;
+
+namespace {
+
+class Environment : public testing::Test {
+  protected:
+    void SetUp() override { TearDown(); }
+    void TearDown() override {
+        unsetenv("KVX_HOME");
+        unsetenv("VEK_HOME");
+    }
+};
+
+}  // namespace
+
+TEST_F(Environment, FindsTheHomeDirectories) {
+    EXPECT_STREQ(CVekEnv().REHome(), KVX_EXPECTED_PREFIX);
+    EXPECT_STREQ(CVekEnv::REVekHome()->RAString(), KVX_EXPECTED_PREFIX);
+
+    setenv("KVX_HOME", "/opt/kvx", 1);
+    const CVekEnv environment;
+    const CVekAtom* vekHome = CVekEnv::REVekHome();
+    setenv("KVX_HOME", "/other", 1);
+    setenv("VEK_HOME", "/opt/vek", 1);
+    EXPECT_STREQ(environment.REHome(), "/opt/kvx");  // as it was when constructed
+    EXPECT_STREQ(vekHome->RAString(), "/opt/kvx");
+    EXPECT_STREQ(CVekEnv::REVekHome()->RAString(), "/opt/vek");
+
+    setenv("KVX_HOME", "", 1);  // empty is unset
+    EXPECT_STREQ(CVekEnv().REHome(), KVX_EXPECTED_PREFIX);
+}
+
+TEST_F(Environment, KnowsTheHostByTheSystemsName) {
+    std::array<char, 256> name{};
+    ASSERT_EQ(gethostname(name.data(), name.size() - 1), 0);
+    EXPECT_STREQ(CVekEnv().RELocalHost(), name.data());
+}
+
+TEST(ReadOnlyFile, ReadsTheWholeContent) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("config");
+    const std::string content(70'000, 'c');
+    std::ofstream(path) << content;
+    CVekReadOnlyFile file(path.c_str(), false);
+    EXPECT_EQ(file.ROFReadAll(), nullptr);  // not open yet
+    EXPECT_EQ(file.ROFCheckAccess(), VEK_FILE_OK);
+    ASSERT_EQ(file.ROFOpen(), 0);
+    EXPECT_EQ(kvx::test::take(file.ROFReadAll()), content);
+    EXPECT_EQ(kvx::test::take(file.ROFReadAll()), content);
+
+    std::ofstream(path, std::ios::trunc).flush();
+    ASSERT_EQ(file.ROFOpen(), 0);
+    EXPECT_EQ(kvx::test::take(file.ROFReadAll()), "");
+}
+
+TEST(ReadOnlyFile, RefusesWhatIsNoReadableFile) {
+    const TemporaryDirectory directory;
+    ASSERT_EQ(mkfifo(directory.file("pipe").c_str(), 0600), 0);
+    const std::string pipe = directory.file("pipe");
+    const std::string missing = directory.file("missing");
+    for (const char* path : {missing.c_str(), directory.path().c_str(), pipe.c_str(), "/dev/zero",
+                             static_cast<const char*>(nullptr)}) {
+        CVekReadOnlyFile file(path, false);
+        EXPECT_EQ(file.ROFCheckAccess(), -1);
+        EXPECT_EQ(file.ROFOpen(), -220549);
+        EXPECT_EQ(file.ROFReadAll(), nullptr);
+    }
+}
+
+TEST(ReadOnlyFile, RefusesAFileThatIsTooLarge) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("large");
+    std::ofstream(path) << "x";
+    std::filesystem::resize_file(path, (64U << 20U) + 1);
+    CVekReadOnlyFile file(path.c_str(), false);
+    ASSERT_EQ(file.ROFOpen(), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(file.ROFReadAll(), nullptr);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(path), std::string::npos);
+}

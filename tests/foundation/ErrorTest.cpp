@@ -1,0 +1,56 @@
+// Error reports: the default line, and handlers.
+
+#include "foundation/CVekError.h"
+
+#include <atomic>
+#include <fstream>
+#include <set>
+
+namespace {
+
+std::string reportedLine(int code, const char* file, int line, const char* text) {
+    testing::internal::CaptureStderr();
+    CVekError(code, file, line, text);
+    return testing::internal::GetCapturedStderr();
+}
+
+std::atomic<int> reportsHandled{0};
+
+void countReport(int code, const char* file, int line, const char* text) {
+    EXPECT_EQ(code, -220544);
+    EXPECT_STREQ(file, "CVekNet");
+    EXPECT_EQ(line, 17);
+    EXPECT_EQ(text, nullptr);
+    ++reportsHandled;
+}
+
+}  // namespace
+
+TEST(ErrorReport, IsOneLineWithItsCatalogueText) {
+    EXPECT_EQ(reportedLine(-220553, "CVekNet", 122, nullptr),
+              "CVekError -220553 CVekNet:122 Out of memory\n");
+    EXPECT_EQ(reportedLine(-220439, "CVekRvNet", 544, "no rva"),
+              "CVekError -220439 CVekRvNet:544 The operation could not be completed: no rva\n");
+    EXPECT_EQ(reportedLine(-1, nullptr, 0, ""), "CVekError -1 :0 Unknown error: \n");
+}
+
+TEST(ErrorReport, StaysOneLineWhateverTheTextHolds) {
+    EXPECT_EQ(reportedLine(-220402, "F\n", 1, "a\nb\r\t\x1b[2J\x7f \xc3\xa4 \xc2\x9b"),
+              "CVekError -220402 F\\n:1 Missing argument: "
+              "a\\nb\\r\\t\\x1B[2J\\x7F \xc3\xa4 \\xC2\\x9B\n");
+}
+
+TEST(ErrorReport, GoesToTheHandlerOfAllThreads) {
+    const VekErrorHandler standard = CVekError::SetHandler(&countReport);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            for (int j = 0; j < 100; ++j) CVekError(-220544, "CVekNet", 17);
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(reportsHandled, 400);
+    EXPECT_EQ(CVekError::SetHandler(nullptr), &countReport);
+    EXPECT_EQ(CVekError::SetHandler(nullptr), standard);
+    EXPECT_EQ(reportedLine(-220547, "F", 2, nullptr), "CVekError -220547 F:2 Not found\n");
+}

@@ -1,0 +1,80 @@
+// This process, and the programs that it starts.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+
+#include "foundation/foundation.h"
+#include "tests/foundation/Owned.h"
+#include "tests/support/TemporaryDirectory.h"
+
+using kvx::test::take;
+
+namespace {
+
+bool isAlive(unsigned long pid) {
+    return kill(static_cast<pid_t>(pid), 0) == 0;
+}
+
+// Its destructor would show that static destructors ran.
+struct Tattletale {
+    ~Tattletale() { std::fputs("static destructor\n", stderr); }
+};
+
+void exitWithUnflushedStreams() {
+    static const Tattletale tattletale;
+    std::cout << "from a stream";
+    std::printf(" and from C");
+    CVekProcess::Instance().Exit(7);
+}
+
+}  // namespace
+
+TEST(Process, KnowsItselfAndOthersByName) {
+    EXPECT_EQ(CVekProcess::Instance().GetPID(), static_cast<unsigned long>(getpid()));
+    EXPECT_EQ(take(VekGetBinaryName(CVekProcess::Instance().GetPID())), "foundation_test");
+    EXPECT_EQ(VekGetBinaryName(0), nullptr);
+}
+
+TEST(Process, ExitFlushesTheStreamsAndRunsNoDestructors) {
+    const kvx::test::TemporaryDirectory directory;
+    const std::string output = directory.file("output");
+    EXPECT_EXIT(
+        {
+            std::freopen(output.c_str(), "w", stdout);
+            exitWithUnflushedStreams();
+        },
+        testing::ExitedWithCode(7), "^$");
+    std::string written;
+    std::getline(std::ifstream(output), written);
+    EXPECT_EQ(written, "from a stream and from C");
+}
+
+TEST(ProcessMgr, StartsAndEndsAProgram) {
+    CVekProcessMgr manager;
+    const char* const arguments[] = {"sleep", "1000", nullptr};
+    CVekProcessHandle handle = manager.StartProcess("/bin", "sleep", arguments, nullptr, nullptr);
+    const unsigned long pid = handle.GetPID();
+    ASSERT_NE(pid, 0U);
+    EXPECT_TRUE(isAlive(pid));
+    EXPECT_FALSE(manager.KillProcess(handle));  // false: it did end it
+    EXPECT_FALSE(isAlive(pid));
+    EXPECT_EQ(handle.GetPID(), 0U);
+    EXPECT_TRUE(manager.KillProcess(handle));
+}
+
+TEST(ProcessMgr, GivesNoProcessForAProgramThatCannotRun) {
+    const kvx::test::TemporaryDirectory directory;
+    std::ofstream(directory.file("text")) << "no program";
+    CVekProcessMgr manager;
+    const char* const arguments[] = {"x", nullptr};
+    const char* path = directory.path().c_str();
+    EXPECT_EQ(manager.StartProcess(path, "missing", arguments, nullptr, nullptr).GetPID(), 0U);
+    EXPECT_EQ(manager.StartProcess(path, "text", arguments, nullptr, nullptr).GetPID(), 0U);
+    EXPECT_EQ(manager.StartProcess(nullptr, nullptr, nullptr, nullptr, nullptr).GetPID(), 0U);
+    EXPECT_EQ(CVekProcessHandle().GetPID(), 0U);
+}

@@ -1,0 +1,131 @@
+// The signal dispatcher with real signals.
+
+#include <signal.h>
+
+#include <cstdlib>
+#include <map>
+
+#include "foundation/CSignalHandler.h"
+#include "platform/Signals.h"
+
+namespace {
+
+using kvx::platform::raiseSignal;
+
+class Callback : public CCallbackBase {
+  public:
+    explicit Callback(std::string label) : name(std::move(label)) {}
+    ~Callback() override {
+        if (telling) std::fprintf(stderr, "[%s deleted]", name.c_str());
+    }
+    void operator()() override {}
+
+    const std::string name;
+    static inline bool telling = false;
+};
+
+// Registers one callback for each of the five and remembers what it is asked to run.
+class Recorder : public CSignalHandlerInterface {
+  public:
+    bool registerHandler(CCallbackBase* exitCallback) override {
+        ++registrations;
+        EXPECT_EQ(exitCallback, nullptr);
+        for (const int number : {2, 15, 34, 35, 36}) {
+            EXPECT_TRUE(handler().add(number, new Callback(std::to_string(number)), false));
+        }
+        return true;
+    }
+    bool runHandler(CCallbackBase* callback) override {
+        ran.push_back(dynamic_cast<Callback*>(callback)->name);
+        return true;
+    }
+    static CSignalHandler& handler() { return CSignalHandler::Instance(); }
+
+    int registrations = 0;
+    std::vector<std::string> ran;
+};
+
+class Signals : public testing::Test {
+  protected:
+    void TearDown() override { Recorder::handler().stop(); }
+
+    std::vector<std::string> processed() {
+        recorder.ran.clear();
+        Recorder::handler().processSignals();
+        return recorder.ran;
+    }
+
+    Recorder recorder;
+};
+
+using Names = std::vector<std::string>;
+
+}  // namespace
+
+TEST_F(Signals, ReachTheirCallbacksOnlyWhenProcessed) {
+    Recorder::handler().manage(&recorder);
+    EXPECT_EQ(recorder.registrations, 1);
+    const std::map<int, std::string> numbers = {
+        {SIGINT, "2"}, {SIGTERM, "15"}, {SIGHUP, "34"}, {SIGUSR1, "35"}, {SIGUSR2, "36"}};
+    for (const auto& [systemNumber, name] : numbers) {
+        raiseSignal(systemNumber);
+        raiseSignal(systemNumber);
+        EXPECT_TRUE(recorder.ran.empty());
+        EXPECT_EQ(processed(), Names{name});
+        EXPECT_EQ(processed(), Names{});
+    }
+    Recorder::handler().handleSignal(35);
+    Recorder::handler().handleSignal(2);
+    Recorder::handler().handleSignal(1);  // none of the five
+    EXPECT_EQ(processed(), (Names{"2", "35"}));
+}
+
+TEST_F(Signals, CanBeRegisteredAnew) {
+    Recorder::handler().manage(&recorder);
+    auto* replacement = new Callback("replacement");
+    EXPECT_TRUE(Recorder::handler().add(36, replacement, false));
+    EXPECT_TRUE(Recorder::handler().add(36, replacement, false));
+    Callback refused("refused");
+    EXPECT_FALSE(Recorder::handler().add(10, &refused, false));
+    EXPECT_FALSE(Recorder::handler().add(36, nullptr, false));
+    raiseSignal(SIGUSR2);
+    EXPECT_EQ(processed(), Names{"replacement"});
+}
+
+TEST_F(Signals, AreForgottenAtAStopAndManagedAgainAfterIt) {
+    Recorder::handler().manage(&recorder);
+    raiseSignal(SIGHUP);
+    Recorder::handler().stop();
+    EXPECT_EQ(processed(), Names{});
+    EXPECT_EXIT(raiseSignal(SIGUSR2), testing::KilledBySignal(SIGUSR2), "");
+
+    Recorder::handler().manage(&recorder);
+    EXPECT_EQ(recorder.registrations, 2);
+    EXPECT_EQ(processed(), Names{});  // what waited at the stop stays forgotten
+    raiseSignal(SIGHUP);
+    EXPECT_EQ(processed(), Names{"34"});
+}
+
+TEST_F(Signals, BlockInTheCallingThreadAlone) {
+    std::thread([] {
+        CSignalHandler::blockAll();
+        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2}) {
+            EXPECT_TRUE(kvx::platform::isSignalBlocked(number));
+        }
+    }).join();
+    EXPECT_FALSE(kvx::platform::isSignalBlocked(SIGTERM));
+}
+
+TEST_F(Signals, DeleteEveryCallbackOnceAtExit) {
+    const auto exitWithSharedCallback = [this] {
+        Callback::telling = true;
+        Recorder::handler().manage(&recorder);
+        auto* shared = new Callback("shared");
+        for (const int number : {2, 15, 35}) Recorder::handler().add(number, shared, false);
+        Recorder::handler().stop();
+        std::exit(0);
+    };
+    EXPECT_EXIT(exitWithSharedCallback(), testing::ExitedWithCode(0),
+                "^\\[2 deleted\\]\\[15 deleted\\]\\[34 deleted\\]\\[35 deleted\\]"
+                "\\[36 deleted\\]\\[shared deleted\\]$");
+}
