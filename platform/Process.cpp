@@ -35,6 +35,11 @@ extern "C" {
 
 #include "platform/File.h"
 
+// This header of the C library declares its functions without C linkage.
+extern "C" {
+#include <sys/pidfd.h>
+}
+
 namespace kvx::platform {
 
 namespace {
