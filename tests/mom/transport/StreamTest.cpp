@@ -1,0 +1,176 @@
+// Compression streams: what goes in comes out, whatever the buffers, and errors are reported once.
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <string>
+
+#include "mom/transport/CVekDeflater.h"
+#include "mom/transport/CVekInflater.h"
+#include "tests/support/ErrorRecorder.h"
+
+using kvx::test::DebugLevel;
+using kvx::test::ErrorRecorder;
+using kvx::test::outputOf;
+using kvx::test::Report;
+
+namespace {
+
+std::string noise(std::size_t size) {
+    std::mt19937 random(1);
+    std::string bytes(size, '\0');
+    for (char& byte : bytes) byte = static_cast<char>(random());
+    return bytes;
+}
+
+void add(CVekDeflater& deflater, const std::string& text) {
+    deflater.RDAddChunk(text.data(), static_cast<int>(text.size()));
+}
+
+std::string resultOf(CVekDeflater& deflater) {
+    return {static_cast<const char*>(deflater.RDCompressedData()),
+            static_cast<std::size_t>(deflater.RDCompressedLength())};
+}
+
+std::string deflated(const std::string& text, int initialSize, int level = -1) {
+    CVekDeflater deflater(initialSize, level);
+    add(deflater, text.substr(0, text.size() / 3));
+    add(deflater, text.substr(text.size() / 3));
+    deflater.RDFinishCompression();
+    EXPECT_EQ(deflater.RDUnCompressedLength(), static_cast<int>(text.size()));
+    return resultOf(deflater);
+}
+
+std::string inflatedByZlib(const std::string& stream, std::size_t size) {
+    std::string out(size + 1, '\0');
+    uLongf length = out.size();
+    EXPECT_EQ(uncompress(reinterpret_cast<Bytef*>(out.data()), &length,
+                         reinterpret_cast<const Bytef*>(stream.data()), stream.size()),
+              Z_OK);
+    out.resize(length);
+    return out;
+}
+
+Report deflaterReport(int code, const std::string& text = "") {
+    return {code, "CVekDeflater", 0, text};
+}
+
+}  // namespace
+
+TEST(Deflater, MakesTheSameStreamWhateverTheInitialSize) {
+    const std::string text = noise(10000) + std::string(10000, 'x');
+    const std::string stream = deflated(text, 1 << 20);
+    EXPECT_EQ(inflatedByZlib(stream, text.size()), text);
+    for (const int size : {0, 1, 1004, 1024, static_cast<int>(stream.size())}) {
+        EXPECT_EQ(deflated(text, size), stream) << size;
+    }
+    EXPECT_EQ(deflated(text, 1024, 10), stream);
+    EXPECT_EQ(deflated(text, 1024, -7), stream);
+    EXPECT_NE(deflated(text, 1024, 0), stream);
+}
+
+TEST(Deflater, FinishesAnEmptyStreamAndIsNotHurtByASecondFinish) {
+    CVekDeflater deflater;
+    deflater.RDFinishCompression();
+    const std::string stream = resultOf(deflater);
+    EXPECT_EQ(deflater.RDUnCompressedLength(), 0);
+    EXPECT_EQ(inflatedByZlib(stream, 0), "");
+    const ErrorRecorder errors;
+    deflater.RDFinishCompression();
+    EXPECT_EQ(resultOf(deflater), stream);
+}
+
+TEST(Deflater, GivesItsBufferAwayOnce) {
+    ErrorRecorder errors;
+    void* taken = nullptr;
+    {
+        CVekDeflater deflater;
+        add(deflater, "abc");
+        deflater.RDFinishCompression();
+        taken = deflater.RDTakeCompressedData();
+        EXPECT_EQ(deflater.RDCompressedData(), nullptr);
+        EXPECT_EQ(deflater.RDUnCompressedLength(), 3);
+        add(deflater, "more");
+        deflater.RDFinishCompression();
+        EXPECT_EQ(errors.take(), (std::vector{deflaterReport(-220402), deflaterReport(-220402)}));
+    }
+    EXPECT_TRUE(errors.take().empty());
+    std::free(taken);
+}
+
+TEST(Deflater, ReportsEachMisuseOnceAndReturns) {
+    ErrorRecorder errors;
+    {
+        CVekDeflater negative(-1);
+        EXPECT_EQ(errors.take(), std::vector{deflaterReport(-220553)});
+        add(negative, "abc");
+        EXPECT_EQ(errors.take(), std::vector{deflaterReport(-220402)});
+    }
+    CVekDeflater finished;
+    finished.RDAddChunk(nullptr, 5);
+    finished.RDAddChunk("abc", -1);
+    EXPECT_EQ(errors.take(), (std::vector{deflaterReport(-220552), deflaterReport(-220552)}));
+    finished.RDFinishCompression();
+    add(finished, "late");
+    const auto late = errors.take();
+    ASSERT_EQ(late.size(), 1U);
+    EXPECT_EQ(late[0].code, -220440);
+}
+
+TEST(Deflater, ReportsDataThatWasNeverFinished) {
+    ErrorRecorder errors;
+    { const CVekDeflater unused; }
+    EXPECT_TRUE(errors.take().empty());
+    {
+        CVekDeflater unfinished;
+        add(unfinished, "abc");
+    }
+    const auto reports = errors.take();
+    ASSERT_EQ(reports.size(), 1U);
+    EXPECT_EQ(reports[0].code, -220440);
+}
+
+TEST(Deflater, TracesWhatItSavedAtLevelFour) {
+    const auto traceOf = [](const std::string& text) {
+        return outputOf([&] {
+            CVekDeflater deflater(1024, 0);
+            add(deflater, text);
+            deflater.RDFinishCompression();
+        });
+    };
+    EXPECT_EQ(traceOf("abcd"), "");
+    const DebugLevel level(4);
+    EXPECT_EQ(traceOf("abcd"), "Deflated 4 bytes to 15 bytes (-275%)\n");
+    EXPECT_EQ(traceOf(std::string(3000, 'x')), "Deflated 3000 bytes to 3011 bytes (-0.366667%)\n");
+    const std::string nothing = outputOf([] { const CVekDeflater deflater; });
+    EXPECT_NE(nothing.find("Deflated 0 bytes to 0 bytes ("), std::string::npos);
+    EXPECT_NE(nothing.find("nan%)\n"), std::string::npos);
+}
+
+TEST(Inflater, GoesOnWhereTheRoomEnded) {
+    const std::string text = noise(5000);
+    const std::string stream = deflated(text, 1024);
+    ErrorRecorder errors;
+    CVekInflater inflater(stream.data(), static_cast<int>(stream.size()));
+    std::string out(5000, '\0');
+    inflater.RIInflateChunk(out.data(), 3000);
+    EXPECT_EQ(inflater.RIIsDone(), FALSE);
+    EXPECT_EQ(inflater.RIInflatedLength(), 3000);
+    inflater.RIInflateChunk(out.data() + 3000, 2000);
+    EXPECT_EQ(inflater.RIIsDone(), TRUE);
+    EXPECT_EQ(out, text);
+    EXPECT_TRUE(errors.take().empty());
+}
+
+TEST(Inflater, ReportsAStreamThatIsNone) {
+    ErrorRecorder errors;
+    char out[16];
+    CVekInflater inflater("no zlib stream", 14);
+    inflater.RIInflateChunk(out, sizeof out);
+    EXPECT_EQ(inflater.RIIsDone(), FALSE);
+    EXPECT_EQ(errors.take(),
+              std::vector(1, Report{-220440, "CVekInflater", 0, "incorrect header check"}));
+}

@@ -1,0 +1,381 @@
+// Packets byte for byte, batches from record to record, and what hostile packets yield.
+
+#include "mom/transport/CVekTransport.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "mom/transport/CVekDeflater.h"
+#include "rv/message/RvMsg.h"
+#include "tests/support/ErrorRecorder.h"
+
+using kvx::test::DebugLevel;
+using kvx::test::ErrorRecorder;
+using kvx::test::outputOf;
+using kvx::test::Report;
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+CVekAtom* bytesAtom(const std::string& bytes) {
+    return new CVekAtom(reinterpret_cast<const unsigned char*>(bytes.data()),
+                        static_cast<int>(bytes.size()));
+}
+
+std::string bytesOf(const CVekAtom& atom) {
+    unsigned char* bytes = nullptr;
+    int length = 0;
+    EXPECT_EQ(atom.RAUChar(&bytes, &length), 1);
+    return {reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length)};
+}
+
+// Bytes from hexadecimal text; blanks are skipped.
+std::string hex(const std::string& text) {
+    std::string digits;
+    for (const char c : text) {
+        if (c != ' ') digits += c;
+    }
+    std::string bytes;
+    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
+        bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+    }
+    return bytes;
+}
+
+std::string word(std::uint32_t value) {
+    std::string bytes;
+    for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(value >> shift);
+    return bytes;
+}
+
+std::string header(int version, int kind, int extension = 0, int status = 0) {
+    return hex("00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 01") +
+           word(static_cast<std::uint32_t>(version << 16 | kind)) +
+           word(static_cast<std::uint32_t>(extension << 16 | status));
+}
+
+std::string record(const std::string& bytes) {
+    return word(static_cast<std::uint32_t>(bytes.size())) + bytes;
+}
+
+std::string zlibStream(const std::string& text) {
+    CVekDeflater deflater;
+    deflater.RDAddChunk(text.data(), static_cast<int>(text.size()));
+    deflater.RDFinishCompression();
+    return {static_cast<const char*>(deflater.RDCompressedData()),
+            static_cast<std::size_t>(deflater.RDCompressedLength())};
+}
+
+void addRecord(CVekTransport& transport, const std::string& bytes) {
+    CVekAtom* atom = bytesAtom(bytes);
+    EXPECT_EQ(transport.RTTakeROMP(&atom), 1);
+    EXPECT_EQ(atom, nullptr);
+}
+
+Texts numbered(int count) {
+    Texts texts;
+    for (int i = 0; i < count; ++i) texts.push_back("record " + std::to_string(i));
+    return texts;
+}
+
+Texts packetsOf(CVekTransport& transport) {
+    const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
+    Texts texts;
+    for (unsigned i = 0; i < packets->RAVSize(); ++i) {
+        texts.push_back(bytesOf(*packets->RAVGetValue(i)));
+    }
+    return texts;
+}
+
+Texts encoded(const Texts& records, EVekTransHdr version) {
+    CVekTransport transport(nullptr);
+    for (const auto& one : records) {
+        addRecord(transport, one);
+        transport.RTPreparePayloads(version);
+    }
+    EXPECT_EQ(transport.RTCreatePackets(version, true), 1);
+    return packetsOf(transport);
+}
+
+void receive(CVekTransport& transport, const std::string& packet) {
+    EXPECT_EQ(transport.RTAddMessage(bytesAtom(packet)), 1);
+}
+
+Texts decoded(CVekTransport& transport) {
+    const std::unique_ptr<CVekBag> bag(transport.RTDecodes());
+    Texts texts;
+    for (unsigned i = 0; i < bag->RBSize(); ++i) {
+        const std::unique_ptr<CVekAtom> atom(static_cast<CVekAtom*>(bag->RBGet(i)));
+        texts.push_back(bytesOf(*atom));
+    }
+    return texts;
+}
+
+Texts decoded(const Texts& packets) {
+    CVekTransport transport(nullptr);
+    for (const auto& packet : packets) receive(transport, packet);
+    return decoded(transport);
+}
+
+std::uint32_t wordAt(const std::string& packet, std::size_t at) {
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < 4; ++i)
+        value = value << 8 | static_cast<unsigned char>(packet[at + i]);
+    return value;
+}
+
+// (sequence number, packets in the batch, version and kind) of each packet.
+std::vector<std::vector<std::uint32_t>> shapeOf(const Texts& packets) {
+    std::vector<std::vector<std::uint32_t>> shape;
+    for (const auto& packet : packets) {
+        shape.push_back({wordAt(packet, 4), wordAt(packet, 12), wordAt(packet, 16)});
+    }
+    return shape;
+}
+
+const Report kDefect{-220494, "CVekTransport", 0, "CVekTransport::RTDecodes"};
+
+}  // namespace
+
+TEST(TransportPackets, StandByteForByteOnTheWire) {
+    EXPECT_EQ(encoded({"ABC"}, VEK_TRANS_V0),
+              Texts{hex("00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 00"
+                        "00 00 00 03 41 42 43")});
+    EXPECT_EQ(encoded({"A", "", "BC"}, VEK_TRANS_V1),
+              Texts{header(1, 0) + record("A") + record("") + record("BC")});
+
+    CVekTransport nil(nullptr);
+    nil.RTSetError(STORE_ZERO_MATCHES);
+    EXPECT_EQ(nil.RTNilResults(), 1);
+    EXPECT_EQ(nil.RTDone(), TRUE);
+    EXPECT_EQ(packetsOf(nil),
+              Texts{hex("00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 01 00 01 00 00 00 00 00 08"
+                        "00 00 00 00")});
+}
+
+TEST(TransportPackets, AreAsManyAsTheVersionAndTheRecordsAskFor) {
+    using Shape = std::vector<std::vector<std::uint32_t>>;
+    constexpr std::uint32_t kPlainV1 = 0x10000;
+    constexpr std::uint32_t kCompressedV1 = 0x10001;
+    EXPECT_EQ(shapeOf(encoded(numbered(3), VEK_TRANS_V0)),
+              (Shape{{1, 3, 0}, {2, 3, 0}, {3, 3, 0}}));
+    EXPECT_EQ(shapeOf(encoded({}, VEK_TRANS_V1)), Shape{});
+    EXPECT_EQ(shapeOf(encoded(numbered(10), VEK_TRANS_V1)), (Shape{{1, 1, kPlainV1}}));
+    EXPECT_EQ(shapeOf(encoded(numbered(11), VEK_TRANS_V1)), (Shape{{1, 1, kCompressedV1}}));
+    EXPECT_EQ(shapeOf(encoded(numbered(100), VEK_TRANS_V1)), (Shape{{1, 1, kCompressedV1}}));
+    EXPECT_EQ(shapeOf(encoded(numbered(105), VEK_TRANS_V1)),
+              (Shape{{1, 2, kCompressedV1}, {2, 2, kPlainV1}}));
+
+    CVekTransport unprepared(nullptr);
+    for (const auto& one : numbered(250)) addRecord(unprepared, one);
+    unprepared.RTCreatePackets(VEK_TRANS_V1, true);
+    const Texts packets = packetsOf(unprepared);
+    EXPECT_EQ(shapeOf(packets),
+              (Shape{{1, 3, kCompressedV1}, {2, 3, kCompressedV1}, {3, 3, kCompressedV1}}));
+    EXPECT_EQ(decoded({packets[0]}).size(), 100U);
+    EXPECT_EQ(decoded({packets[2]}).size(), 50U);
+    EXPECT_EQ(wordAt(packets[2], 24), 50U * (4 + 10));
+}
+
+TEST(TransportPackets, GiveBackEveryRecordOfEveryBatchSize) {
+    for (const EVekTransHdr version : {VEK_TRANS_V0, VEK_TRANS_V1}) {
+        for (const int count : {1, 2, 9, 10, 11, 99, 100, 101, 111, 200, 299}) {
+            EXPECT_EQ(decoded(encoded(numbered(count), version)), numbered(count))
+                << version << " " << count;
+        }
+    }
+    const Texts large = {std::string(100000, 'x'), std::string(1, '\0'), std::string(70000, 'y')};
+    EXPECT_EQ(decoded(encoded(large, VEK_TRANS_V1)), large);
+}
+
+TEST(Transport, KeepsRecordsThatAreNotConsumed) {
+    CVekTransport transport(nullptr);
+    for (const auto& one : numbered(12)) addRecord(transport, one);
+    transport.RTCreatePackets(VEK_TRANS_V1, false);
+    const Texts first = packetsOf(transport);
+    transport.RTCreatePackets(VEK_TRANS_V1, true);
+    EXPECT_EQ(packetsOf(transport), first);
+    transport.RTCreatePackets(VEK_TRANS_V1, true);
+    EXPECT_EQ(packetsOf(transport), Texts{});
+}
+
+TEST(Transport, TakesRecordsAndRefusesWhatIsNone) {
+    CVekTransport transport(nullptr);
+    EXPECT_EQ(transport.RTAddRecord(nullptr), -220402);
+    CVekAtom* none = nullptr;
+    EXPECT_EQ(transport.RTTakeROMP(&none), -220402);
+    CVekAtom text("text");
+    CVekAtom* notBytes = &text;
+    EXPECT_EQ(transport.RTTakeROMP(&notBytes), -220532);
+    EXPECT_EQ(notBytes, &text);
+    EXPECT_EQ(transport.RTAddMessage(static_cast<CVekAtom*>(nullptr)), -220402);
+    EXPECT_EQ(transport.RTAddMessage(&text), -220402);
+    EXPECT_EQ(transport.RTAddMessage(static_cast<RvMsg*>(nullptr)), 1);
+
+    CVekBaseRecord record;
+    record.RRAddOrSetValue("name", new CVekAtom("value"));
+    EXPECT_EQ(transport.RTAddRecord(&record), 1);
+    transport.RTCreatePackets(VEK_TRANS_V1, true);
+    const Texts bytes = decoded(packetsOf(transport));
+    ASSERT_EQ(bytes.size(), 1U);
+    const std::unique_ptr<CVekBaseRecord> back(
+        CVekBaseRecord::ROMDecode(reinterpret_cast<const unsigned char*>(bytes[0].data()),
+                                  static_cast<int>(bytes[0].size())));
+    ASSERT_NE(back, nullptr);
+    EXPECT_STREQ(back->RRGetValue("name")->RAString(), "value");
+}
+
+TEST(Transport, IsDoneWhenTheAnnouncedPacketsAreHere) {
+    CVekTransport transport(nullptr);
+    EXPECT_EQ(transport.RTDone(), TRUE);
+    const Texts packets = encoded(numbered(3), VEK_TRANS_V0);
+    for (const int i : {2, 0, 1}) {
+        receive(transport, packets[static_cast<std::size_t>(i)]);
+        EXPECT_EQ(transport.RTDone(), i == 1 ? TRUE : FALSE);
+    }
+    EXPECT_EQ(decoded(transport), (Texts{"record 2", "record 0", "record 1"}));
+    EXPECT_EQ(decoded(transport).size(), 3U);
+    EXPECT_EQ(transport.RTPurge(), 1);
+    EXPECT_EQ(transport.RTDone(), TRUE);
+    EXPECT_EQ(decoded(transport), Texts{});
+}
+
+TEST(Transport, CarriesTheStoreStatusOfTheLastPacket) {
+    CVekTransport transport(nullptr);
+    receive(transport, header(1, 0, 0, STORE_NO_TABLE));
+    receive(transport, header(1, 0, 0, 0xFFFF));
+    EXPECT_EQ(transport.RTError(), STORE_COMPLETE);
+    EXPECT_EQ(decoded(transport), Texts{});
+    EXPECT_EQ(transport.RTError(), 0xFFFF);
+    transport.RTPurge();
+    EXPECT_EQ(transport.RTError(), STORE_COMPLETE);
+}
+
+TEST(Transport, AcceptsTheOneOpaqueFieldOfAMessage) {
+    ErrorRecorder errors;
+    const std::string packet = header(0, 0) + record("ABC");
+    CVekTransport transport(nullptr);
+    RvMsg empty(0UL);
+    EXPECT_EQ(transport.RTAddMessage(&empty), 1);
+    RvMsg text(0UL);
+    text.append("a", "text");
+    EXPECT_EQ(transport.RTAddMessage(&text), -220494);
+    RvMsg mixed(0UL);
+    mixed.append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(packet.size()), packet.data());
+    mixed.append("b", "text");
+    EXPECT_EQ(transport.RTAddMessage(&mixed), -220494);
+    EXPECT_EQ(errors.take(), std::vector(2, Report{-220494, "CVekTransport", 0,
+                                                   "CVekTransport::RTDecodeMessage"}));
+    EXPECT_EQ(decoded(transport), Texts{});
+
+    RvMsg several(0UL);
+    several.append("a", RVMSG_OPAQUE, 3, "xyz");
+    several.append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(packet.size()), packet.data());
+    EXPECT_EQ(transport.RTAddMessage(&several), 1);
+    EXPECT_EQ(transport.RTDone(), TRUE);
+    EXPECT_EQ(decoded(transport), Texts{"ABC"});
+    EXPECT_TRUE(errors.take().empty());
+}
+
+TEST(TransportHostileBytes, YieldTheRecordsBeforeTheDefectAndOneReport) {
+    const std::string good = record("good");
+    const std::string stream = zlibStream(good + record("more"));
+    const auto compressed = [&](std::uint32_t length) {
+        return header(1, 1) + word(length) + stream;
+    };
+    struct Case {
+        const char* what;
+        std::string packet;
+        Texts records;
+        bool defective;
+    };
+    const std::vector<Case> cases = {
+        {"shorter than a header", header(1, 0).substr(1), {}, true},
+        {"empty", "", {}, true},
+        {"record past the end", header(1, 0) + good + word(5) + "four", {"good"}, true},
+        {"length without a record", header(1, 0) + good + word(1), {"good"}, true},
+        {"half a length", header(1, 0) + good + "\0\0\1", {"good"}, true},
+        {"largest length", header(1, 0) + good + word(0x7FFFFFFF) + "x", {"good"}, true},
+        {"negative and empty", header(0, 0) + word(0xFFFFFFFF) + word(0) + good, {"good"}, false},
+        {"extension", header(1, 0, 3) + "ext" + good, {"good"}, false},
+        {"extension to the end", header(1, 0, 3) + "ext", {}, false},
+        {"extension past the end", header(1, 0, 9) + "ext", {}, true},
+        {"other versions and kinds", header(7, 9) + good, {"good"}, false},
+        {"compressed under version 0", header(0, 1) + good, {"good"}, false},
+        {"compressed", compressed(16), {"good", "more"}, false},
+        {"compressed, more than announced", compressed(8), {"good"}, false},
+        {"compressed, less than announced", compressed(17), {"good", "more"}, true},
+        {"compressed without a length", header(1, 1) + "abc", {}, true},
+        {"implausible length", compressed(1032 * 100), {}, true},
+        {"length above the limit", compressed((256U << 20) + 1), {}, true},
+        {"negative length", compressed(0x80000000), {}, true},
+    };
+    for (const Case& one : cases) {
+        ErrorRecorder errors;
+        EXPECT_EQ(decoded(Texts{one.packet, header(1, 0) + record("next")}).back(), "next")
+            << one.what;
+        EXPECT_EQ(errors.take(), std::vector<Report>(one.defective ? 1 : 0, kDefect)) << one.what;
+        EXPECT_EQ(decoded({one.packet}), one.records) << one.what;
+    }
+}
+
+TEST(TransportHostileBytes, ReportABrokenStreamBesideWhatZlibSays) {
+    std::string stream = zlibStream(record(std::string(200, 'x')));
+    stream[4] = static_cast<char>(stream[4] ^ 0x7F);
+    ErrorRecorder errors;
+    decoded({header(1, 1) + word(204) + stream});
+    const auto reports = errors.take();
+    ASSERT_EQ(reports.size(), 2U);
+    EXPECT_EQ(reports[0].file, "CVekInflater");
+    EXPECT_EQ(reports[1], kDefect);
+}
+
+TEST(TransportHostileBytes, LeaveTheExpectedCountToAWholePacketAndReserveLittle) {
+    ErrorRecorder errors;
+    CVekTransport transport(nullptr);
+    transport.RTSetError(STORE_NO_INDEX);
+    receive(transport, "short");
+    EXPECT_EQ(decoded(transport), Texts{});
+    EXPECT_EQ(transport.RTError(), STORE_NO_INDEX);
+    EXPECT_EQ(errors.take(), std::vector{kDefect});
+    receive(transport, header(1, 0).replace(8, 8, hex("00 00 00 00 00 00 00 02")));
+    EXPECT_EQ(transport.RTDone(), TRUE);
+    transport.RTPurge();
+    receive(transport, header(1, 0).replace(8, 8, hex("00 00 00 05 FF FF FF FF")));
+    EXPECT_EQ(transport.RTDone(), FALSE);
+}
+
+TEST(Transport, PutsItsStatusIntoWords) {
+    const auto printed = [](int status) {
+        const std::unique_ptr<char, decltype(&std::free)> line(
+            CVekTransport::RTPrintError(static_cast<EVekStoreErrorStatus>(status), "query"),
+            &std::free);
+        return std::string(line.get());
+    };
+    EXPECT_EQ(printed(0), "( query Transaction complete )");
+    EXPECT_EQ(printed(7), "( query Attempt to insert and incomplete row )");
+    EXPECT_EQ(printed(13), "( query Update request failed )");
+    ErrorRecorder errors;
+    EXPECT_EQ(printed(14) + printed(-1), "( query )( query )");
+    EXPECT_EQ(errors.take(),
+              std::vector(2, Report{-220439, "CVekTransport", 0,
+                                    "Undefined error string for StoreError event."}));
+    CVekTransport transport(nullptr);
+    transport.RTSetError(STORE_DUPLICATE_KEY);
+    EXPECT_EQ(outputOf([&] { transport.RTPrintError("x"); }),
+              "( x Duplicate key error on insertion )\n");
+}
+
+TEST(Transport, RefusesToSendWithoutADestination) {
+    CVekTransport transport(nullptr);
+    addRecord(transport, "x");
+    transport.RTCreatePackets(VEK_TRANS_V0, true);
+    EXPECT_EQ(transport.RTSetDestination("subject"), -220552);
+    EXPECT_EQ(transport.RTSetDestinationOnSubject("subject"), -220552);
+    EXPECT_EQ(transport.RTSendAll(false), -220552);
+    EXPECT_EQ(packetsOf(transport).size(), 1U);
+}
