@@ -1,0 +1,21 @@
+# The shared libraries, each from the rooms it is made of, and `kvx_mom`: all rooms of the middleware
+# as one static library, because they see one another. Tests link it, and reach what the shared
+# libraries hide.
+
+find_package(ZLIB REQUIRED)
+
+set(KVX_RV_ROOMS rv_error rv_message rv_event rv_wire rv_link rv_session rv_object rv_ft)
+set(KVX_MOM_ROOMS mom_config mom_net mom_engine mom_transport mom_timed mom_signal)
+
+add_library(kvx_mom STATIC)
+set_target_properties(kvx_mom PROPERTIES LINKER_LANGUAGE CXX)
+foreach(room IN LISTS KVX_MOM_ROOMS)
+    get_property(room_objects GLOBAL PROPERTY kvx_room_objects_${room})
+    target_sources(kvx_mom PRIVATE ${room_objects})
+endforeach()
+target_link_libraries(kvx_mom PUBLIC
+    kvx_options kvx_foundation kvx_rv_object kvx_rv_ft kvx_rv_session kvx_platform ZLIB::ZLIB)
+
+kvx_shared_library(KVXFoundation ALIAS foundation ROOMS platform foundation)
+kvx_shared_library(KVXRv ALIAS rv ROOMS ${KVX_RV_ROOMS} USES KVXFoundation)
+kvx_shared_library(KVXMOM ALIAS mom ROOMS ${KVX_MOM_ROOMS} USES KVXRv KVXFoundation LINKS ZLIB::ZLIB)
