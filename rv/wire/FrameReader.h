@@ -62,6 +62,9 @@ class FrameReader {
     /// Bytes of the chunk that no frame has used yet.
     [[nodiscard]] std::size_t unread() const { return chunk_.size(); }
 
+    /// Bytes of memory that the reader has claimed.
+    [[nodiscard]] std::size_t claimed() const { return partial_.capacity(); }
+
     /// Bytes held of a message that is not complete yet.
     [[nodiscard]] std::size_t held() const { return handedOut_ ? 0 : partial_.size(); }
 
