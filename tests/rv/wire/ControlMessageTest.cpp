@@ -1,0 +1,194 @@
+#include "rv/wire/ControlMessage.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "rv/message/SubjectView.h"
+#include "rv/message/rvSubject.h"
+#include "rv/wire/Fields.h"
+
+namespace kvx::wire {
+namespace {
+
+using Stream = std::vector<std::uint8_t>;
+
+Stream subject(const char* text) {
+    Stream bytes(kSubjectCapacity);
+    bytes.resize(
+        static_cast<std::size_t>(rvSubject_FromText(bytes.data(), kSubjectCapacity, text)));
+    return bytes;
+}
+
+// "name:type name:type ...", in the order in which the fields stand in the message.
+std::string shape(Bytes message) {
+    std::string text;
+    FieldCursor cursor(message);
+    for (Field field; cursor.next(field);) {
+        text += std::string(field.name) + ':' + std::to_string(field.type) + ' ';
+    }
+    EXPECT_FALSE(cursor.broken());
+    return text;
+}
+
+std::int32_t numberIn(Bytes message, const char* name) {
+    const auto field = findField(message, name);
+    return field && field->type == RVMSG_INT && field->data.size() == 4
+               ? static_cast<std::int32_t>(loadBig32(field->data.data()))
+               : -1;
+}
+
+std::string textIn(Bytes message, const char* name) {
+    const auto field = findField(message, name);
+    const auto text = field ? textOf(*field) : std::nullopt;
+    return text ? std::string(*text) : "(none)";
+}
+
+TEST(InitMessage, HasItsFieldsInOrderWithAndWithoutSession) {
+    InitFields fields{"joe", nullptr, "7500", "lan", nullptr, {53, "KVX", nullptr, 2, 3}};
+    const Built first = buildInit(fields);
+    ASSERT_EQ(first.code, 0);
+    EXPECT_EQ(first.message.capacity, 1000U);
+    EXPECT_EQ(shape(first.message.view()),
+              "mtype:8 userid:8 service:8 network:8 vmaj:11 vmin:11 vupd:11 fid:11 fname:8 fkey:11 "
+              "fflags:11 ");
+    EXPECT_EQ(numberIn(first.message.view(), "vmaj"), 5);
+    EXPECT_EQ(numberIn(first.message.view(), "vmin"), 3);
+    EXPECT_EQ(numberIn(first.message.view(), "vupd"), 2);
+    EXPECT_EQ(numberIn(first.message.view(), "fid"), 53);
+    EXPECT_EQ(numberIn(first.message.view(), "fkey"), 2);
+    EXPECT_EQ(numberIn(first.message.view(), "fflags"), 3);
+
+    fields.session = "7F000001.1";
+    fields.control = "_INBOX.7F000001.1.1";
+    fields.flavour.ticket = "t";
+    const Built second = buildInit(fields);
+    EXPECT_EQ(shape(second.message.view()),
+              "mtype:8 userid:8 session:8 service:8 network:8 control:8 vmaj:11 vmin:11 vupd:11 "
+              "fid:11 fname:8 ftkt:8 fkey:11 fflags:11 ");
+    const Init read = readInit(second.message.view());
+    EXPECT_EQ(read.session, "7F000001.1");
+    EXPECT_EQ(read.service, "7500");
+    EXPECT_EQ(read.network, "lan");
+    EXPECT_EQ(read.control, "_INBOX.7F000001.1.1");
+}
+
+TEST(InitMessage, ThatDoesNotFitIsRefused) {
+    const std::string longText(2000, 'x');
+    EXPECT_EQ(buildInit({"joe", nullptr, longText.c_str(), "", nullptr, {}}).code, 8);
+}
+
+TEST(ListenMessage, CarriesReturnAndFlavourOnlyWhenThereAreAny) {
+    const Stream encoded = subject("A.B");
+    EXPECT_EQ(shape(buildListen(encoded, nullptr, 0).message.view()), "mtype:8 sub:2 ");
+    EXPECT_EQ(shape(buildListen(encoded, "_INBOX.a.1", 53).message.view()),
+              "mtype:8 sub:2 return:8 fid:11 ");
+    const Built cancel = buildCancel(encoded, 53);
+    EXPECT_EQ(shape(cancel.message.view()), "mtype:8 sub:2 fid:11 ");
+    EXPECT_EQ(readRouting(cancel.message.view()).type, MessageType::Cancel);
+}
+
+TEST(DataMessage, BufferHasExactlyTheSizeThatItsPartsCallFor) {
+    const Stream encoded = subject("A.B");
+    const Built plain = buildData(encoded, nullptr, 0, {});
+    EXPECT_EQ(plain.message.capacity, 2 + 22 + encoded.size() + 12 + 16);
+    EXPECT_EQ(shape(plain.message.view()), "mtype:8 sub:2 ");
+    const Built full = buildData(encoded, "_INBOX.x", 53, {RVMSG_STRING, 0, "hello"});
+    EXPECT_EQ(full.message.capacity, 2 + 22 + encoded.size() + 12 + (8 + 16) + (6 + 13) + 16);
+    EXPECT_EQ(shape(full.message.view()), "mtype:8 sub:2 return:8 fid:11 data:8 ");
+    EXPECT_EQ(textIn(full.message.view(), "data"), "hello");
+}
+
+TEST(DataMessage, EveryPayloadFitsItsBuffer) {
+    const Stream encoded = subject("A");
+    const std::string reply(300, 'r');
+    for (const std::size_t size : {1U, 119U, 120U, 29'999U, 30'000U, 100'000U}) {
+        const Stream payload(size, 0xAB);
+        const auto length = static_cast<rvmsg_Size>(size);
+        const Built built =
+            buildData(encoded, reply.c_str(), 53, {RVMSG_OPAQUE, length, payload.data()});
+        ASSERT_EQ(built.code, 0) << size;
+        EXPECT_EQ(findField(built.message.view(), "data")->data.size(), size);
+    }
+}
+
+TEST(DataMessage, WorksOutOpenSizesAndRefusesWhatHasNone) {
+    const Stream encoded = subject("A.B");
+    const Built nested = buildData(encoded, nullptr, 0, {});
+    const Built outer = buildData(encoded, nullptr, 0, {RVMSG_MSG, 0, nested.message.bytes.get()});
+    EXPECT_EQ(outer.code, 0);
+    const std::uint8_t sealed[] = {0, 0, 0, 10, 0x99, 0x55, 0xEE, 0xBB, 8, 1};
+    EXPECT_EQ(buildData(encoded, nullptr, 0, {RVMSG_ENCRYPTED, 0, sealed}).code, 0);
+    EXPECT_NE(buildData(encoded, nullptr, 0, {RVMSG_MSG, 0, sealed}).code, 0);
+    EXPECT_EQ(buildData(encoded, nullptr, 0, {RVMSG_OPAQUE, 0, "x"}).code, 3);
+    EXPECT_EQ(buildData(encoded, nullptr, 0, {RVMSG_STRING, 4, nullptr}).code, 3);
+    EXPECT_EQ(buildData(encoded, nullptr, 0, {RVMSG_OPAQUE, 0xFFFFFFF0, "x"}).code, 8);
+}
+
+TEST(ReplyMessage, IsReadBackWithItsAddressOrItsError) {
+    const Reply good = readReply(buildReply(0x0100007F, 0x1234).message.view());
+    EXPECT_EQ(good.code, 0);
+    EXPECT_EQ(good.ipAddress, 0x0100007FU);
+    EXPECT_EQ(good.ipPort, 0x1234);
+    EXPECT_EQ(readReply(buildErrorReply(kServiceNotFound).message.view()).code, 16);
+    EXPECT_EQ(shape(buildReply(1, 2).message.view()), "mtype:8 data:1 ");
+}
+
+TEST(ReplyMessage, WithPartsMissingSaysWhich) {
+    const auto reply = [](auto fill) {
+        Stream data(200);
+        Stream whole(300);
+        rvmsg_Init(data.data(), 200);
+        fill(data.data());
+        rvmsg_Init(whole.data(), 300);
+        rvmsg_Append(whole.data(), 300, "mtype", RVMSG_STRING, 0, "R");
+        rvmsg_Append(whole.data(), 300, "data", RVMSG_MSG, 0, data.data());
+        return readReply(whole).code;
+    };
+    const std::uint32_t address = 1;
+    EXPECT_EQ(reply([](void*) {}), 17);
+    EXPECT_EQ(reply([&](void* m) { rvmsg_Append(m, 200, "ipaddr", RVMSG_IPDATA, 4, &address); }),
+              16);
+    EXPECT_EQ(reply([&](void* m) { rvmsg_Append(m, 200, "ipaddr", RVMSG_UINT, 4, &address); }), 17);
+    EXPECT_EQ(reply([](void* m) { rvmsg_Append(m, 200, "error", RVMSG_STRING, 0, "x"); }), 1);
+    EXPECT_EQ(readReply(buildCancel(subject("A"), 0).message.view()).code, 1);
+}
+
+TEST(Routing, IsReadInAnyFieldOrderAndSurvivesEveryCut) {
+    Stream odd(200);
+    const Stream encoded = subject("A.B");
+    rvmsg_Init(odd.data(), 200);
+    rvmsg_Append(odd.data(), 200, "extra", RVMSG_STRING, 0, "x");
+    rvmsg_Append(odd.data(), 200, "sub", RVMSG_SUBJECT, 0, encoded.data());
+    rvmsg_Append(odd.data(), 200, "mtype", RVMSG_STRING, 0, "D");
+    odd.resize(loadBig32(odd.data()));
+    const Built usual = buildData(encoded, "_INBOX.x", 1, {RVMSG_STRING, 0, "hello"});
+    for (const Bytes whole : {Bytes(odd), usual.message.view()}) {
+        const Routing routing = readRouting(whole);
+        EXPECT_EQ(routing.type, MessageType::Data);
+        EXPECT_TRUE(std::equal(encoded.begin(), encoded.end(), routing.subject.begin(),
+                               routing.subject.end()));
+        for (std::size_t cut = 0; cut < whole.size(); ++cut) {
+            const Stream part(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(cut));
+            const Bytes found = readRouting(part).subject;
+            EXPECT_TRUE(found.empty() || found.data() + found.size() <= part.data() + part.size());
+        }
+    }
+}
+
+TEST(Routing, OfWhatIsNoRoutableMessageIsUnknownOrEmpty) {
+    Stream message(200);
+    rvmsg_Init(message.data(), 200);
+    rvmsg_Append(message.data(), 200, "mtype", RVMSG_STRING, 0, "DD");
+    EXPECT_EQ(readRouting(message).type, MessageType::Unknown);
+    rvmsg_Init(message.data(), 200);
+    rvmsg_Append(message.data(), 200, "mtype", RVMSG_STRING, 0, "D");
+    rvmsg_Append(message.data(), 200, "sub", RVMSG_STRING, 0, "A.B");
+    EXPECT_EQ(readRouting(message).type, MessageType::Data);
+    EXPECT_TRUE(readRouting(message).subject.empty());
+}
+
+}  // namespace
+}  // namespace kvx::wire
