@@ -31,7 +31,9 @@ constexpr std::array<CounterInfo, static_cast<std::size_t>(Counter::Count)> kTab
 
 }  // namespace
 
-std::span<const CounterInfo> counterTable() { return kTable; }
+std::span<const CounterInfo> counterTable() {
+    return kTable;
+}
 
 std::uint64_t Counters::dropped() const {
     return (*this)[Counter::DroppedSlowReader] + (*this)[Counter::DroppedMemory] +

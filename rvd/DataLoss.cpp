@@ -4,6 +4,7 @@
 #include <array>
 #include <limits>
 
+#include "rv/error/rvAdvisory.h"
 #include "rv/message/rvSubject.h"
 #include "rv/message/rvmsg.h"
 #include "rv/wire/ControlMessage.h"
@@ -11,9 +12,6 @@
 namespace kvx::rvd {
 namespace {
 
-constexpr rvmsg_Type kTypeMessage = 1;
-constexpr rvmsg_Type kTypeString = 8;
-constexpr rvmsg_Type kTypeUnsigned = 12;
 constexpr std::size_t kBodyCapacity = 512;  // bytes; the fields are of bounded length
 constexpr unsigned kSubjectBytes = 64;
 
@@ -34,12 +32,12 @@ bool fillBody(void* body, const Loss& loss) {
         std::min<std::uint64_t>(loss.messages, std::numeric_limits<std::uint32_t>::max()));
     const std::string cause = causeText(loss.causes);
     return rvmsg_Init(body, kBodyCapacity) == 0 &&
-           rvmsg_AppendAdvisoryFields(body, kBodyCapacity, "WARN", "SYSTEM", "DATALOSS",
-                                      kDescription) == 0 &&
-           rvmsg_Append(body, kBodyCapacity, "lost", kTypeUnsigned, sizeof lost, &lost) == 0 &&
-           rvmsg_Append(body, kBodyCapacity, "bytes", kTypeUnsigned, sizeof loss.bytes,
-                        &loss.bytes) == 0 &&
-           rvmsg_Append(body, kBodyCapacity, "cause", kTypeString, 0, cause.c_str()) == 0;
+           rvmsg_AppendAdvisoryFields(body, kBodyCapacity, advisory::kWarn, advisory::kSystem,
+                                      advisory::kDataLossName, kDescription) == 0 &&
+           rvmsg_Append(body, kBodyCapacity, "lost", RVMSG_UINT, sizeof lost, &lost) == 0 &&
+           rvmsg_Append(body, kBodyCapacity, "bytes", RVMSG_UINT, sizeof loss.bytes, &loss.bytes) ==
+               0 &&
+           rvmsg_Append(body, kBodyCapacity, "cause", RVMSG_STRING, 0, cause.c_str()) == 0;
 }
 
 }  // namespace
@@ -57,10 +55,11 @@ std::string causeText(std::uint8_t causes) {
 std::vector<std::uint8_t> buildDataLoss(const Loss& loss) {
     std::array<std::uint8_t, kBodyCapacity> body{};
     std::array<std::uint8_t, kSubjectBytes> subject{};
-    const int length = rvSubject_FromText(subject.data(), kSubjectBytes, kDataLossSubject);
+    const int length =
+        rvSubject_FromText(subject.data(), kSubjectBytes, advisory::kDataLossSubject);
     if (length < 0 || !fillBody(body.data(), loss)) return {};
     const auto built = wire::buildData({subject.data(), static_cast<std::size_t>(length)}, nullptr,
-                                       0, {kTypeMessage, 0, body.data()});
+                                       0, {RVMSG_MSG, 0, body.data()});
     const wire::Bytes bytes = built.message.view();
     return {bytes.begin(), bytes.end()};
 }

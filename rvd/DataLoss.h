@@ -27,14 +27,12 @@ struct Loss {
     }
 };
 
-inline constexpr const char* kDataLossSubject = "_RV.WARN.SYSTEM.DATALOSS";
-
 /// "slow reader", "daemon memory", "message too large", joined by ", " when there are several.
 [[nodiscard]] std::string causeText(std::uint8_t causes);
 
-/// The data message that announces a loss: on `kDataLossSubject`, its data a nested message of the
-/// advisory fields, "lost" (messages, unsigned, 4 bytes), "bytes" (unsigned, 8 bytes) and "cause"
-/// (text). Empty when it cannot be built.
+/// The data message that announces a loss: on "_RV.WARN.SYSTEM.DATALOSS", its data a nested message
+/// of the advisory fields, "lost" (messages, unsigned, 4 bytes), "bytes" (unsigned, 8 bytes) and
+/// "cause" (text). Empty when it cannot be built.
 [[nodiscard]] std::vector<std::uint8_t> buildDataLoss(const Loss& loss);
 
 }  // namespace kvx::rvd

@@ -2,10 +2,10 @@
 //
 //   entries_:  [ front, perhaps begun ] [ notice? ] [ messages and control bytes in order ... ]
 //
-// A notice of what was lost always stands at the first place not begun. While it waits there, further
-// losses change what it says instead of adding another; from its first byte on it is fixed, and the
-// next loss starts a new one. It is put in place by `gather`, so that dropping stays cheap while the
-// peer reads nothing.
+// A notice of what was lost always stands at the first place not begun. While it waits there,
+// further losses change what it says instead of adding another; from its first byte on it is fixed,
+// and the next loss starts a new one. It is put in place by `gather`, so that dropping stays cheap
+// while the peer reads nothing.
 
 #include "rvd/Outbox.h"
 
@@ -56,7 +56,10 @@ std::size_t Outbox::waitingMessages() const {
     return totals_.matched - totals_.delivered - totals_.dropped;
 }
 
-bool Outbox::wouldDrop(std::size_t size) const { return waitingBytes_ - sentOfFront_ + size > limit_; }
+bool Outbox::wouldDrop(std::size_t size) const {
+    const bool inMessage = frontBegun_ && entries_.front().kind == Kind::Message;
+    return waitingBytes_ - (inMessage ? sentOfFront_ : 0) + size > limit_;
+}
 
 void Outbox::pushMessage(const PayloadRef& message) {
     const std::size_t size = message->size();
@@ -143,8 +146,10 @@ std::size_t Outbox::gather(std::span<wire::Bytes> out) {
     return count;
 }
 
-void Outbox::pinFront() {
-    if (!entries_.empty()) beginFront();
+wire::Bytes Outbox::pinFront() {
+    beginFront();
+    entries_.front().payload->keep();
+    return entries_.front().payload->bytes().subspan(sentOfFront_);
 }
 
 void Outbox::beginFront() {

@@ -38,7 +38,8 @@ class OutboxPool {
 ///
 /// Past the bound the oldest whole messages go; one that is partly written stays. What was lost is
 /// announced by one notice ahead of everything not yet begun. For the messages of one peer, at any
-/// time: matched = delivered + dropped + waiting; when the queue dies, what waits counts as dropped.
+/// time: matched = delivered + dropped + waiting; when the queue dies, what waits counts as
+/// dropped.
 class Outbox {
   public:
     struct Totals {
@@ -71,9 +72,10 @@ class Outbox {
     /// Says that the first `bytes` of what waits have been written.
     void written(std::size_t bytes);
 
-    /// What `gather` gave first is being written and may no longer be dropped. The payload keeps its
-    /// bytes in place until `written` has covered it.
-    void pinFront();
+    /// The rest of the first entry, which is being written from now on and may no longer be
+    /// dropped. Its bytes stay in place until `written` has covered them. The queue must not be
+    /// empty.
+    [[nodiscard]] wire::Bytes pinFront();
 
     [[nodiscard]] std::size_t waitingMessages() const;
     [[nodiscard]] std::size_t waitingBytes() const { return waitingBytes_; }

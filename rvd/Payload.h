@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "rv/wire/ByteOrder.h"
+#include "rv/wire/Bytes.h"
 
 namespace kvx::rvd {
 

@@ -1,0 +1,143 @@
+#include "rvd/Options.h"
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <charconv>
+#include <iostream>
+#include <limits>
+#include <vector>
+
+#include "platform/Socket.h"
+#include "rv/wire/Limits.h"
+#include "rvd/Counters.h"
+
+namespace kvx::rvd {
+namespace {
+
+constexpr int kUsageStatus = 2;
+constexpr const char* kVersionLine = "rvd 1.0.0 (bus protocol 5.3.2)";
+constexpr const char* kDefaultListen = "tcp:7500";
+
+// Options that are spelled with one dash, as the library writes them when it starts a daemon.
+constexpr std::array<std::string_view, 3> kOneDash = {"-listen", "-address", "-queue-limit"};
+
+std::vector<std::string> normalised(int argc, const char* const* argv) {
+    std::vector<std::string> reversed;  // the parser takes its arguments from the back
+    for (int i = argc - 1; i > 0; --i) {
+        std::string argument = argv[i];
+        for (const auto option : kOneDash) {
+            if (argument == option) argument.insert(0, 1, '-');
+        }
+        reversed.push_back(std::move(argument));
+    }
+    return reversed;
+}
+
+std::optional<std::uint16_t> parsePort(std::string_view text) {
+    std::uint16_t port = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return port;
+}
+
+struct Texts {
+    std::string listen = kDefaultListen;
+    std::string address;
+    std::string queueLimit = "64M";
+    int verbose = 0;
+    bool quiet = false;
+    bool counters = false;
+};
+
+void describe(CLI::App& app, Texts& texts) {
+    app.set_version_flag("--version", kVersionLine);
+    app.add_option("--listen", texts.listen,
+                   "Where to accept: tcp:[host:]port; 127.0.0.1 without a host, a free port for 0 "
+                   "(also spelled -listen)")
+        ->capture_default_str();
+    app.add_option("--address", texts.address,
+                   "IPv4 address that local clients are told as this host's (also -address)");
+    app.add_option("--queue-limit", texts.queueLimit,
+                   "Bytes that may wait for one session, with k, M or G (also -queue-limit)")
+        ->capture_default_str();
+    app.add_flag("-v,--verbose", texts.verbose, "Log every connection");
+    app.add_flag("-q,--quiet", texts.quiet, "Log errors only");
+    app.add_flag("--counters", texts.counters, "Print what the daemon counts, and end");
+}
+
+// An empty text, or what is wrong.
+std::string evaluate(const Texts& texts, Options& options) {
+    if (std::string error = parseListen(texts.listen, options); !error.empty()) return error;
+    if (!texts.address.empty()) {
+        options.hostAddress = platform::resolveHost(texts.address);
+        if (!options.hostAddress) return "cannot resolve address '" + texts.address + "'";
+    }
+    const auto limit = parseBytes(texts.queueLimit);
+    if (!limit) return "'" + texts.queueLimit + "' is no queue limit (a number with k, M or G)";
+    options.queueLimit = *limit;
+    if (texts.verbose > 0) options.logLevel = LogLevel::Debug;
+    if (texts.quiet) options.logLevel = LogLevel::Error;
+    return {};
+}
+
+}  // namespace
+
+std::string parseListen(const std::string& text, Options& options) {
+    const std::string shape = "'" + text + "' is no listen address (tcp:[host:]port)";
+    constexpr std::string_view kScheme = "tcp:";
+    if (!text.starts_with(kScheme)) return shape;
+    const std::string rest = text.substr(kScheme.size());
+    const auto colon = rest.rfind(':');
+    const auto port = parsePort(colon == std::string::npos ? rest : rest.substr(colon + 1));
+    if (!port || colon == 0) return shape;
+    options.listenPort = *port;
+    options.listenAddress = platform::kLoopbackAddress;
+    if (colon == std::string::npos) return {};
+    const std::string host = rest.substr(0, colon);
+    const auto address = platform::resolveHost(host);
+    if (!address) return "cannot resolve host '" + host + "'";
+    options.listenAddress = *address;
+    return {};
+}
+
+std::optional<std::uint64_t> parseBytes(const std::string& text) {
+    std::uint64_t number = 0;
+    const char* last = text.data() + text.size();
+    const auto [end, error] = std::from_chars(text.data(), last, number);
+    if (error != std::errc() || number == 0 || last - end > 1) return std::nullopt;
+    const std::string_view suffixes = "kMG";
+    unsigned shift = 0;
+    if (end != last) {
+        const auto at = suffixes.find(*end == 'K'   ? 'k'
+                                      : *end == 'm' ? 'M'
+                                      : *end == 'g' ? 'G'
+                                                    : *end);
+        if (at == std::string_view::npos) return std::nullopt;
+        shift = 10 * (static_cast<unsigned>(at) + 1);
+    }
+    if (number > std::numeric_limits<std::uint64_t>::max() >> shift) return std::nullopt;
+    return number << shift;
+}
+
+CommandLine parseCommandLine(int argc, const char* const* argv) {
+    CLI::App app("The bus daemon: accepts sessions and routes their messages.", "rvd");
+    Texts texts;
+    CommandLine result;
+    describe(app, texts);
+    try {
+        app.parse(normalised(argc, argv));
+    } catch (const CLI::ParseError& error) {
+        result.exitStatus = app.exit(error) == 0 ? 0 : kUsageStatus;
+        return result;
+    }
+    if (texts.counters) {
+        printCounterTable(std::cout);
+        result.exitStatus = 0;
+    } else if (const std::string error = evaluate(texts, result.options); !error.empty()) {
+        std::cerr << "rvd: " << error << '\n';
+        result.exitStatus = kUsageStatus;
+    }
+    return result;
+}
+
+}  // namespace kvx::rvd

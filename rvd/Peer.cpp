@@ -1,0 +1,277 @@
+// The states of one connection, and what each takes:
+//
+//   AwaitAnswer --12 bytes--> AwaitAgreement (version 4) or AwaitBlock (version 3)
+//   either      --64 bytes--> AwaitInit
+//   AwaitInit   --init------> Open      (an init that names no service or no network is answered
+//                                        with an error and changes nothing)
+//   Open        --messages--> Open
+//   any         --failure, close notice, silence, shutdown--> Closed
+//
+// In the first three states input has a fixed size and is collected in `block_`; from AwaitInit on
+// it is a stream of frames. Until the first init has been read, time and bytes are counted.
+
+#include "rvd/Peer.h"
+
+#include <algorithm>
+
+#include "rv/error/rvAdvisory.h"
+#include "rv/wire/ControlMessage.h"
+#include "rv/wire/Greeting.h"
+#include "rv/wire/Negotiation.h"
+
+namespace kvx::rvd {
+
+using platform::Milliseconds;
+using wire::Bytes;
+
+const char* closeText(CloseReason reason) {
+    switch (reason) {
+        case CloseReason::PeerClosed:
+            return "closed by the peer";
+        case CloseReason::BadGreeting:
+            return "bad greeting";
+        case CloseReason::BadParameters:
+            return "no agreement on the link's parameters";
+        case CloseReason::BadFrame:
+            return "not a stream of messages";
+        case CloseReason::NoInit:
+            return "a message before the init message";
+        case CloseReason::TooMuchAtOnce:
+            return "too many bytes before the init message";
+        case CloseReason::TooManyListens:
+            return "too many listens";
+        case CloseReason::TimedOut:
+            return "silent for too long";
+        case CloseReason::ShuttingDown:
+            return "the daemon ends";
+    }
+    return "";
+}
+
+void Peer::close(CloseReason reason) {
+    enter(PeerState::Closed);
+    actions_.close(reason);
+}
+
+void Peer::start(Milliseconds now) {
+    startedAt_ = now;
+    heardAt_ = now;
+    actions_.send(wire::encode(wire::Greeting{0, wire::kProtocolV4, 0}));
+}
+
+void Peer::receive(Bytes chunk, Milliseconds now) {
+    heardAt_ = now;
+    probed_ = false;
+    if (state_ != PeerState::Open) received_ += chunk.size();
+    while (!chunk.empty()) {
+        switch (state_) {
+            case PeerState::AwaitAnswer:
+                if (collect(chunk, wire::kGreetingSize)) onAnswer();
+                break;
+            case PeerState::AwaitAgreement:
+                if (collect(chunk, wire::kParameterBlockSize)) onAgreement();
+                break;
+            case PeerState::AwaitBlock:
+                if (collect(chunk, wire::kParameterBlockSize)) onBlock();
+                break;
+            case PeerState::AwaitInit:
+            case PeerState::Open:
+                onFrames(chunk);
+                return;
+            case PeerState::Closed:
+                return;
+        }
+    }
+}
+
+// Moves bytes into `block_`; true when it holds `size` of them.
+bool Peer::collect(Bytes& chunk, std::size_t size) {
+    const std::size_t taken = std::min(size - blockFilled_, chunk.size());
+    std::copy_n(chunk.begin(), taken, block_.begin() + static_cast<std::ptrdiff_t>(blockFilled_));
+    chunk = chunk.subspan(taken);
+    blockFilled_ += taken;
+    if (blockFilled_ < size) return false;
+    blockFilled_ = 0;
+    return true;
+}
+
+void Peer::onAnswer() {
+    const auto answer = wire::decodeGreeting(std::span(block_).first<wire::kGreetingSize>());
+    if (answer.first != 0 || !wire::isKnownVersion(answer)) return close(CloseReason::BadGreeting);
+    if (answer.version == wire::kProtocolV3) return enter(PeerState::AwaitBlock);
+    actions_.send(wire::encode(wire::daemonProposal()));
+    enter(PeerState::AwaitAgreement);
+}
+
+void Peer::onAgreement() {
+    const auto step = wire::daemonStep(wire::decodeParameters(block_));
+    actions_.send(wire::encode(step.block));
+    if (step.action != wire::NegotiationStep::Action::Accepted) {
+        return close(CloseReason::BadParameters);
+    }
+    enter(PeerState::AwaitInit);
+}
+
+void Peer::onBlock() {
+    const auto step = wire::daemonStepV3(wire::decodeParameters(block_));
+    if (step.action != wire::NegotiationStep::Action::Accepted) {
+        return close(CloseReason::BadParameters);
+    }
+    actions_.send(wire::encode(step.block));
+    enter(PeerState::AwaitInit);
+}
+
+void Peer::onFrames(Bytes chunk) {
+    reader_.feed(chunk);
+    while (state_ != PeerState::Closed) {
+        const wire::Frame frame = reader_.next();
+        if (frame.kind == wire::FrameKind::None) break;
+        onFrame(frame);
+    }
+    if (state_ == PeerState::AwaitInit && received_ > wire::kDaemonHandshakeBytes) {
+        close(CloseReason::TooMuchAtOnce);
+    }
+}
+
+void Peer::onFrame(const wire::Frame& frame) {
+    switch (frame.kind) {
+        case wire::FrameKind::Message:
+            return onMessage(frame);
+        case wire::FrameKind::Close:
+            actions_.send(wire::kCloseBlock);
+            return close(CloseReason::PeerClosed);
+        case wire::FrameKind::Broken:
+            return close(CloseReason::BadFrame);
+        case wire::FrameKind::Keepalive:
+        case wire::FrameKind::None:
+            return;
+    }
+}
+
+void Peer::onMessage(const wire::Frame& frame) {
+    if (state_ == PeerState::AwaitInit) return onFirstMessage(frame.bytes);
+    const wire::Routing routing = wire::readRouting(frame.bytes);
+    switch (routing.type) {
+        case wire::MessageType::Data:
+            return onData(routing.subject, frame);
+        case wire::MessageType::Listen:
+            return onListen(routing.subject);
+        case wire::MessageType::Cancel:
+            return onCancel(routing.subject);
+        case wire::MessageType::Init:
+            (void)onInit(frame.bytes);
+            return;
+        case wire::MessageType::Reply:
+        case wire::MessageType::Unknown:
+            counters_.add(Counter::MessagesUnreadable);
+            return;
+    }
+}
+
+void Peer::onFirstMessage(Bytes message) {
+    if (wire::readRouting(message).type != wire::MessageType::Init) {
+        return close(CloseReason::NoInit);
+    }
+    if (received_ - reader_.unread() > wire::kDaemonHandshakeBytes) {
+        return close(CloseReason::TooMuchAtOnce);
+    }
+    if (onInit(message)) enter(PeerState::Open);
+}
+
+// An init without "session" is answered; the first one that names a space opens the session. True
+// when the peer is in the space that the message names.
+bool Peer::onInit(Bytes message) {
+    const wire::Init init = wire::readInit(message);
+    const bool open = state_ == PeerState::Open;
+    if (!init.service || !init.network) {
+        if (!open) {
+            const std::int32_t error =
+                init.service ? wire::kNetworkNotFound : wire::kServiceNotFound;
+            actions_.send(wire::buildErrorReply(error).message.view());
+        }
+        return false;
+    }
+    if (!open) {
+        actions_.join(*init.service, *init.network);
+    } else if (!actions_.isIn(*init.service, *init.network)) {
+        return false;
+    }
+    if (!init.session) {
+        actions_.send(wire::buildReply(address_.ipAddress, address_.ipPort).message.view());
+    }
+    return true;
+}
+
+void Peer::onData(Bytes encoded, const wire::Frame& frame) {
+    counters_.add(Counter::MessagesReceived);
+    counters_.add(Counter::BytesReceived, frame.bytes.size());
+    const auto subject = SubjectView::parse(encoded.data(), encoded.size());
+    if (!subject) {
+        counters_.add(Counter::MessagesUnreadable);
+    } else if (advisory::isSystemSubject(*subject)) {
+        counters_.add(Counter::MessagesReserved);
+    } else if (frame.assembled) {
+        actions_.publish(*subject, Payload::own(reader_.takeAssembled()));
+    } else {
+        actions_.publish(*subject, Payload::borrow(frame.bytes));
+    }
+}
+
+void Peer::onListen(Bytes encoded) {
+    const auto subject = SubjectView::parse(encoded.data(), encoded.size());
+    if (!subject) {
+        counters_.add(Counter::MessagesUnreadable);
+    } else if (!actions_.listen(*subject)) {
+        close(CloseReason::TooManyListens);
+    }
+}
+
+void Peer::onCancel(Bytes encoded) {
+    const auto subject = SubjectView::parse(encoded.data(), encoded.size());
+    if (subject) {
+        actions_.cancel(*subject);
+    } else {
+        counters_.add(Counter::MessagesUnreadable);
+    }
+}
+
+void Peer::tick(Milliseconds now) {
+    switch (state_) {
+        case PeerState::AwaitAnswer:
+        case PeerState::AwaitAgreement:
+        case PeerState::AwaitBlock:
+        case PeerState::AwaitInit:
+            if (now - startedAt_ >= wire::kDaemonHandshakeMs) close(CloseReason::TimedOut);
+            return;
+        case PeerState::Open:
+            return checkSilence(now);
+        case PeerState::Closed:
+            return;
+    }
+}
+
+void Peer::checkSilence(Milliseconds now) {
+    const Milliseconds silent = now - heardAt_;
+    if (silent >= wire::kDaemonSilenceMs) return close(CloseReason::TimedOut);
+    if (silent < wire::kDaemonProbeMs || probed_) return;
+    probed_ = true;
+    counters_.add(Counter::KeepalivesSent);
+    actions_.send(wire::kKeepaliveBlock);
+}
+
+void Peer::shutDown() {
+    switch (state_) {
+        case PeerState::AwaitInit:
+        case PeerState::Open:
+            actions_.send(wire::kCloseBlock);
+            return close(CloseReason::ShuttingDown);
+        case PeerState::AwaitAnswer:
+        case PeerState::AwaitAgreement:
+        case PeerState::AwaitBlock:
+            return close(CloseReason::ShuttingDown);
+        case PeerState::Closed:
+            return;
+    }
+}
+
+}  // namespace kvx::rvd

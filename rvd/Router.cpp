@@ -1,0 +1,113 @@
+// Spaces, sessions and listens.
+//
+// A space owns its sessions and one subject tree. The tree holds one entry a session and subject,
+// however often the listen was made: the count stands in the session. A match collects sessions,
+// not entries: each session remembers the number of the last match that found it.
+
+#include "rvd/Router.h"
+
+#include <algorithm>
+
+#include "rv/wire/Limits.h"
+
+namespace kvx::rvd {
+
+struct Router::Space {
+    explicit Space(const SpaceName& spaceName) : name(spaceName) {}
+
+    const SpaceName name;
+    SubjectTree<Listen> tree;
+    std::vector<std::unique_ptr<Session>> sessions;
+};
+
+namespace {
+
+std::string keyOf(SubjectView subject) {
+    return {static_cast<const char*>(subject.data()), subject.length()};
+}
+
+std::string_view serviceOrDefault(std::string_view service) {
+    return service.empty() ? std::string_view(wire::kDefaultService) : service;
+}
+
+}  // namespace
+
+Router::Router(Counters& counters) : counters_(counters) {}
+Router::~Router() = default;
+
+bool Router::Session::isIn(std::string_view service, std::string_view network) const {
+    return space_.name.first == serviceOrDefault(service) && space_.name.second == network;
+}
+
+Router::Session& Router::join(std::string_view service, std::string_view network, void* receiver) {
+    const SpaceName name(serviceOrDefault(service), network);
+    auto& space = spaces_[name];
+    if (!space) space = std::make_unique<Space>(name);
+    space->sessions.push_back(std::unique_ptr<Session>(new Session(*space, receiver)));
+    counters_.add(Counter::SessionsOpen);
+    return *space->sessions.back();
+}
+
+void Router::leave(Session& session) {
+    Space& space = session.space_;
+    for (auto& [subject, listen] : session.listens_) {
+        (void)space.tree.remove(SubjectView::trusted(subject.data()), &listen);
+        counters_.subtract(Counter::ListensOpen, listen.count);
+    }
+    counters_.subtract(Counter::SessionsOpen);
+    std::erase_if(space.sessions,
+                  [&session](const auto& other) { return other.get() == &session; });
+    if (space.sessions.empty()) spaces_.erase(SpaceName(space.name));
+}
+
+bool Router::listen(Session& session, SubjectView subject) {
+    std::string key = keyOf(subject);
+    auto found = session.listens_.find(key);
+    if (found == session.listens_.end()) {
+        if (session.listens_.size() >= kMaxListens) return false;
+        found = session.listens_.emplace(std::move(key), Listen{&session, 0}).first;
+        session.space_.tree.add(subject, &found->second);
+    }
+    ++found->second.count;
+    counters_.add(Counter::ListensOpen);
+    return true;
+}
+
+void Router::cancel(Session& session, SubjectView subject) {
+    const auto found = session.listens_.find(keyOf(subject));
+    if (found == session.listens_.end()) return;
+    counters_.subtract(Counter::ListensOpen);
+    if (--found->second.count > 0) return;
+    (void)session.space_.tree.remove(subject, &found->second);
+    session.listens_.erase(found);
+}
+
+std::span<Router::Session* const> Router::match(const Session& from, SubjectView subject) {
+    matched_.clear();
+    ++matchNumber_;
+    collect(from.space_, subject);
+    return matched_;
+}
+
+void Router::collect(const Space& space, SubjectView subject) {
+    const auto take = [this](const Listen& listen) {
+        if (listen.session->lastMatch_ == matchNumber_) return;
+        listen.session->lastMatch_ = matchNumber_;
+        matched_.push_back(listen.session);
+    };
+    const bool inbox = subject.first() == kInboxElement;
+    if (subject.hasWildcards()) {
+        const bool reserved = subject.first() == kReservedElement;
+        const auto admit = [inbox, reserved](std::string_view first) {
+            if (first == kInboxElement) return inbox;
+            return !inbox && (first != kReservedElement || reserved);
+        };
+        space.tree.matchCovered(subject, admit, take);
+    } else if (inbox) {
+        space.tree.matchLiteralRoot(subject, take);
+    } else {
+        space.tree.match(subject, take);
+    }
+}
+
+}  // namespace kvx::rvd

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "rv/message/SubjectTree.h"
+#include "rv/message/SubjectView.h"
+#include "rvd/Counters.h"
+
+namespace kvx::rvd {
+
+/// Who hears whom: sessions, the spaces that they share, and what each listens to.
+///
+/// A space is a service and a network; sessions of different spaces never meet. Listens are counted
+/// per session and subject. Loop thread only; does no I/O.
+class Router {
+  public:
+    /// Distinct subjects that one session may listen to.
+    static constexpr std::size_t kMaxListens = 262'144;
+
+    class Session;
+
+    explicit Router(Counters& counters);
+    Router(const Router&) = delete;
+    Router& operator=(const Router&) = delete;
+    ~Router();
+
+    /// Opens a session in the space; `receiver` is handed back by `Session::receiver` and never
+    /// looked at. The session lives until `leave`.
+    Session& join(std::string_view service, std::string_view network, void* receiver);
+
+    /// Undoes every listen of the session and destroys it.
+    void leave(Session& session);
+
+    /// Counts one listen. Returns false, and changes nothing, past `kMaxListens`.
+    [[nodiscard]] bool listen(Session& session, SubjectView subject);
+
+    /// Undoes one listen; one that was never made is ignored.
+    void cancel(Session& session, SubjectView subject);
+
+    /// The sessions that a message of `from` on `subject` reaches, `from` included, each once
+    /// however many of its listens match. The span is valid until the next call of any function.
+    [[nodiscard]] std::span<Session* const> match(const Session& from, SubjectView subject);
+
+    [[nodiscard]] std::size_t spaces() const { return spaces_.size(); }
+
+  private:
+    struct Listen {
+        Session* session = nullptr;
+        std::uint32_t count = 0;
+    };
+    struct Space;
+    using SpaceName = std::pair<std::string, std::string>;
+
+    void collect(const Space& space, SubjectView subject);
+
+    Counters& counters_;
+    std::map<SpaceName, std::unique_ptr<Space>> spaces_;
+    std::vector<Session*> matched_;
+    std::uint64_t matchNumber_ = 0;  // tells sessions already collected for the present message
+};
+
+/// One peer that has announced itself. Owned by the router.
+class Router::Session {
+  public:
+    [[nodiscard]] void* receiver() const { return receiver_; }
+    [[nodiscard]] bool isIn(std::string_view service, std::string_view network) const;
+
+  private:
+    friend class Router;
+    Session(Space& space, void* receiver) : space_(space), receiver_(receiver) {}
+
+    Space& space_;
+    void* const receiver_;
+    std::uint64_t lastMatch_ = 0;
+    std::unordered_map<std::string, Listen> listens_;  // by encoded subject
+};
+
+}  // namespace kvx::rvd
