@@ -1,0 +1,214 @@
+// The real process, spoken to over real sockets.
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "rv/wire/Fields.h"
+#include "rv/wire/Negotiation.h"
+#include "tests/support/Daemon.h"
+#include "tests/support/RawClient.h"
+
+namespace kvx::test {
+namespace {
+
+class RunningDaemon : public testing::Test {
+  protected:
+    RawClient session(const char* service = "", const char* network = "") {
+        return RawClient::session(daemon.port(), service, network);
+    }
+    Daemon daemon;
+};
+
+TEST_F(RunningDaemon, CarriesMessagesBetweenSessionsOfEitherProtocolVersion) {
+    RawClient oldOne = RawClient::session(daemon.port(), "", "", wire::kProtocolV3);
+    RawClient newOne = session();
+    oldOne.listen("A.*");
+    newOne.listen("B.>");
+    oldOne.settle();
+    newOne.settle();
+    newOne.publish("A.B", "to the old one", "_INBOX.x.1");
+    oldOne.publish("B.C.D", "to the new one");
+    const Received first = oldOne.expectNext();
+    EXPECT_EQ(first.text, "to the old one");
+    EXPECT_EQ(first.reply, "_INBOX.x.1");
+    EXPECT_EQ(newOne.expectText(), "to the new one");
+}
+
+TEST_F(RunningDaemon, RoutesTheVeryBytesThatCame) {
+    RawClient client = session();
+    client.listen("A");
+    const auto sent = dataMessage("A", std::string(100'000, 'x'));
+    client.send(sent);
+    EXPECT_EQ(client.expectNext().bytes, sent);
+}
+
+TEST_F(RunningDaemon, KeepsTheOrderOfOneSenderAcrossSubjects) {
+    RawClient sender = session();
+    RawClient receiver = session();
+    receiver.listen("A.>");
+    receiver.settle();
+    for (int i = 0; i < 20'000; ++i) {
+        sender.publish("A." + std::to_string(i % 7), std::to_string(i));
+    }
+    for (int i = 0; i < 20'000; ++i) ASSERT_EQ(receiver.expectText(), std::to_string(i));
+}
+
+TEST_F(RunningDaemon, TellsLocalClientsTheHostsAddressAndTheirPort) {
+    Daemon named({"-address", "10.1.2.3"});
+    RawClient client(named.port());
+    client.negotiate();
+    const wire::Reply reply = client.announce("", "");
+    EXPECT_EQ(reply.code, 0);
+    EXPECT_EQ(loadBig32(&reply.ipAddress), 0x0A010203U);
+    EXPECT_EQ(loadBig16(&reply.ipPort), client.localPort());
+}
+
+TEST_F(RunningDaemon, OutlivesClientsThatSendNonsenseOrVanish) {
+    RawClient(daemon.port()).send(std::vector<std::uint8_t>(5000, 0xFF));
+    RawClient half = session();
+    const auto message = dataMessage("A", std::string(1000, 'x'));
+    half.send(wire::Bytes(message).first(500));
+    half.disconnect();
+    RawClient broken = session();
+    broken.send(std::vector<std::uint8_t>{0, 0, 0, 3, 0x99, 0x55, 0xEE, 0xAA});
+    EXPECT_FALSE(broken.expectClosed());
+    RawClient good = session();
+    good.settle();
+}
+
+TEST_F(RunningDaemon, AnswersACloseNoticeAfterEverythingThatCameBefore) {
+    RawClient client = session();
+    client.listen("A");
+    client.publish("A", "last words");
+    EXPECT_EQ(client.expectText(), "last words");
+    client.closeGracefully();
+}
+
+TEST_F(RunningDaemon, ServesAgainOnTheSamePortAfterAKill) {
+    const std::uint16_t port = daemon.port();
+    RawClient before = session();
+    before.settle();
+    daemon.kill();
+    EXPECT_FALSE(before.expectClosed());
+    daemon.restart();
+    EXPECT_EQ(daemon.port(), port);
+    session().settle();
+}
+
+TEST_F(RunningDaemon, StopsWithACloseNoticeBehindWhatWaits) {
+    RawClient client = session();
+    RawClient handshaking(daemon.port());
+    client.listen("A");
+    client.publish("A", std::string(200'000, 'x'));
+    client.settle();
+    const int status = [&] {
+        ::kill(daemon.pid(), SIGTERM);
+        EXPECT_EQ(client.expectText().size(), 200'000U);
+        EXPECT_TRUE(client.expectClosed());
+        client.disconnect();
+        handshaking.disconnect();
+        return daemon.stop();
+    }();
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(RunningDaemon, SecondOneOnThePortSaysSoAndEnds) {
+    const Finished second = runDaemonProgram({"-listen", "tcp:" + std::to_string(daemon.port())});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_NE(second.errors.find("address already in use"), std::string::npos) << second.errors;
+    EXPECT_EQ(second.output, "");
+}
+
+TEST(DaemonProgram, RefusesCommandLinesWithoutSense) {
+    for (const auto& arguments : std::vector<std::vector<std::string>>{
+             {"-listen", "udp:7500"},
+             {"-listen", "tcp:70000"},
+             {"-listen", "tcp:x"},
+             {"-queue-limit", "many"},
+             {"--no-such-option"},
+             {"-listen"},
+         }) {
+        const Finished finished = runDaemonProgram(arguments);
+        EXPECT_EQ(finished.status, 2) << arguments[0];
+        EXPECT_NE(finished.errors, "") << arguments[0];
+    }
+    EXPECT_EQ(runDaemonProgram({"--version"}).status, 0);
+}
+
+// A receiver that reads nothing until the sender has been heard out.
+class SlowReader : public testing::Test {
+  protected:
+    static constexpr int kMessages = 4000;
+    static constexpr std::size_t kSize = 4000;
+
+    static std::uint64_t unsignedIn(wire::Bytes message, const char* name) {
+        const auto field = wire::findField(message, name);
+        if (!field || field->type != RVMSG_UINT) return 0;
+        std::uint64_t value = 0;
+        for (const std::uint8_t byte : field->data) value = value << 8 | byte;
+        return value;
+    }
+
+    Daemon daemon{{"-queue-limit", "1M"}};
+};
+
+TEST_F(SlowReader, IsToldExactlyWhatItLostAndHoldsUpNobody) {
+    RawClient slow(daemon.port(), 8192);
+    slow.negotiate();
+    slow.announce("", "");
+    slow.confirm("", "", "SLOW");
+    slow.listen("FLOOD");
+    RawClient sender = RawClient::session(daemon.port());
+    RawClient witness = RawClient::session(daemon.port());
+    slow.settle();
+    witness.listen("FLOOD");
+    witness.settle();
+    const std::string padding(kSize, '.');
+    for (int i = 0; i < kMessages; ++i) {
+        sender.publish("FLOOD", std::to_string(i) + padding);
+        ASSERT_EQ(witness.expectText(), std::to_string(i) + padding);
+    }
+    sender.publish("FLOOD", "end");
+
+    int seen = 0;
+    int last = -1;
+    std::uint64_t lost = 0;
+    std::uint64_t bytes = 0;
+    for (;;) {
+        const Received next = slow.expectNext();
+        if (next.text == "end") break;
+        if (next.subject == "_RV.WARN.SYSTEM.DATALOSS") {
+            const auto data = wire::findField(next.bytes, "data");
+            ASSERT_TRUE(data.has_value());
+            lost += unsignedIn(data->data, "lost");
+            bytes += unsignedIn(data->data, "bytes");
+            EXPECT_EQ(wire::textOf(*wire::findField(data->data, "cause")), "slow reader");
+            EXPECT_EQ(wire::textOf(*wire::findField(data->data, "ADV_NAME")), "DATALOSS");
+            continue;
+        }
+        const int number = std::stoi(next.text);
+        EXPECT_GT(number, last);
+        last = number;
+        ++seen;
+    }
+    EXPECT_GT(lost, 0U);
+    EXPECT_EQ(seen + static_cast<int>(lost), kMessages);
+    EXPECT_GT(bytes, lost * kSize);
+}
+
+TEST_F(SlowReader, LosesAndIsToldOfAMessageLargerThanItsQueue) {
+    RawClient client = RawClient::session(daemon.port());
+    client.listen("BIG");
+    client.publish("BIG", std::string(2'000'000, 'x'));
+    client.publish("BIG", "small");
+    const Received notice = client.expectNext();
+    EXPECT_EQ(notice.subject, "_RV.WARN.SYSTEM.DATALOSS");
+    const auto data = wire::findField(notice.bytes, "data");
+    EXPECT_EQ(unsignedIn(data->data, "lost"), 1U);
+    EXPECT_EQ(wire::textOf(*wire::findField(data->data, "cause")), "message too large");
+    EXPECT_EQ(client.expectText(), "small");
+}
+
+}  // namespace
+}  // namespace kvx::test

@@ -1,0 +1,44 @@
+#include "rvd/Options.h"
+
+#include <gtest/gtest.h>
+
+namespace kvx::rvd {
+namespace {
+
+TEST(Options, ListenAddressIsTheLoopbackUnlessAHostIsNamed) {
+    Options options;
+    EXPECT_EQ(parseListen("tcp:7501", options), "");
+    EXPECT_EQ(options.listenAddress, 0x7F000001U);
+    EXPECT_EQ(options.listenPort, 7501);
+    EXPECT_EQ(parseListen("tcp:0.0.0.0:0", options), "");
+    EXPECT_EQ(options.listenAddress, 0U);
+    EXPECT_EQ(options.listenPort, 0);
+    for (const char* bad : {"", "7500", "tcp:", "tcp::7500", "udp:7500", "tcp:65536", "tcp:-1",
+                            "tcp:75 ", "tcp:host:"}) {
+        EXPECT_NE(parseListen(bad, options), "") << bad;
+    }
+}
+
+TEST(Options, QueueLimitTakesSuffixes) {
+    EXPECT_EQ(parseBytes("1"), 1U);
+    EXPECT_EQ(parseBytes("4k"), 4096U);
+    EXPECT_EQ(parseBytes("64M"), 64ULL << 20U);
+    EXPECT_EQ(parseBytes("2G"), 2ULL << 30U);
+    for (const char* bad : {"", "0", "k", "4kk", "4x", "-1", "18446744073709551615k"}) {
+        EXPECT_FALSE(parseBytes(bad).has_value()) << bad;
+    }
+}
+
+TEST(Options, AreSpelledWithOneDashOrTwo) {
+    const char* line[] = {"rvd", "-listen",  "tcp:1",    "--queue-limit",
+                          "8k",  "-address", "10.0.0.1", "-v"};
+    const CommandLine parsed = parseCommandLine(8, line);
+    ASSERT_FALSE(parsed.exitStatus.has_value());
+    EXPECT_EQ(parsed.options.listenPort, 1);
+    EXPECT_EQ(parsed.options.queueLimit, 8192U);
+    EXPECT_EQ(parsed.options.hostAddress, 0x0A000001U);
+    EXPECT_EQ(parsed.options.logLevel, LogLevel::Debug);
+}
+
+}  // namespace
+}  // namespace kvx::rvd

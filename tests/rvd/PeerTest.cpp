@@ -1,0 +1,288 @@
+// The protocol of one connection, driven by bytes and stepped time.
+
+#include "rvd/Peer.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "rv/wire/ControlMessage.h"
+#include "rv/wire/Greeting.h"
+#include "rv/wire/Negotiation.h"
+#include "tests/support/RawClient.h"
+
+namespace kvx::rvd {
+namespace {
+
+using Stream = std::vector<std::uint8_t>;
+
+// Writes down what the peer asks for, one word a call.
+class Recorder : public PeerActions {
+  public:
+    void send(wire::Bytes bytes) override { sent.insert(sent.end(), bytes.begin(), bytes.end()); }
+    void join(std::string_view service, std::string_view network) override {
+        space = std::string(service) + '/' + std::string(network);
+        note("join:" + space);
+    }
+    bool isIn(std::string_view service, std::string_view network) override {
+        return space == std::string(service) + '/' + std::string(network);
+    }
+    bool listen(SubjectView subject) override {
+        note("listen:" + subject.text());
+        return mayListen;
+    }
+    void cancel(SubjectView subject) override { note("cancel:" + subject.text()); }
+    void publish(SubjectView subject, const PayloadRef& message) override {
+        note("publish:" + subject.text());
+        published.emplace_back(message->bytes().begin(), message->bytes().end());
+    }
+    void close(CloseReason reason) override { note(std::string("close:") + closeText(reason)); }
+
+    Stream take() { return std::exchange(sent, {}); }
+    std::string takeLog() { return std::exchange(log, {}); }
+
+    Stream sent;
+    std::string log;
+    std::string space;
+    std::vector<Stream> published;
+    bool mayListen = true;
+
+  private:
+    void note(const std::string& word) { log += word + ' '; }
+};
+
+Stream bytesOf(const wire::Built& built) {
+    const wire::Bytes view = built.message.view();
+    return {view.begin(), view.end()};
+}
+
+Stream control(const char* type, const char* subject) {
+    const Stream encoded = test::encodedSubject(subject);
+    return bytesOf(*type == 'L' ? wire::buildListen(encoded, nullptr, 0)
+                                : wire::buildCancel(encoded, 0));
+}
+
+Stream init(const char* session, const char* service = "7500", const char* network = "") {
+    return bytesOf(wire::buildInit({"joe", session, service, network, nullptr, {}}));
+}
+
+// Every test runs twice: the peer is fed whole pieces, and byte by byte.
+class PeerProtocol : public testing::TestWithParam<std::size_t> {
+  protected:
+    void feed(wire::Bytes bytes) {
+        for (std::size_t at = 0; at < bytes.size(); at += GetParam()) {
+            const auto part = bytes.subspan(at, std::min(GetParam(), bytes.size() - at));
+            const Stream chunk(part.begin(), part.end());
+            peer.receive(chunk, now);
+        }
+    }
+    void greet(std::uint32_t version, std::uint32_t first = 0) {
+        peer.start(now);
+        EXPECT_EQ(recorder.take(), (Stream{0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0, 0}));
+        feed(wire::encode(wire::Greeting{first, version, 1}));
+    }
+    wire::ParameterBlock takeBlock() {
+        const Stream bytes = recorder.take();
+        EXPECT_EQ(bytes.size(), wire::kParameterBlockSize);
+        wire::ParameterBytes block{};
+        std::copy(bytes.begin(), bytes.end(), block.begin());
+        return wire::decodeParameters(block);
+    }
+    void negotiate() {
+        greet(wire::kProtocolV4);
+        feed(wire::encode(wire::clientStep(takeBlock()).block));
+        EXPECT_EQ(takeBlock().head, wire::kAccept);
+    }
+    void open() {
+        negotiate();
+        feed(init(nullptr));
+        feed(init("NAME.1"));
+        EXPECT_EQ(recorder.takeLog(), "join:7500/ ");
+        recorder.take();
+        ASSERT_EQ(peer.state(), PeerState::Open);
+    }
+    void pass(platform::Milliseconds time) {
+        now += time;
+        peer.tick(now);
+    }
+
+    platform::Milliseconds now = 1'000;
+    Counters counters;
+    Recorder recorder;
+    Peer peer{{0x0100007F, 0x1234}, recorder, counters};
+};
+INSTANTIATE_TEST_SUITE_P(Feeding, PeerProtocol, testing::Values(1, 1 << 20),
+                         [](const auto& test) { return test.param == 1 ? "ByByte" : "Whole"; });
+
+TEST_P(PeerProtocol, RefusesOtherVersionsAndOtherFirstWords) {
+    greet(5);
+    EXPECT_EQ(recorder.log, "close:bad greeting ");
+}
+
+TEST_P(PeerProtocol, RefusesAFirstWordThatIsNotZero) {
+    greet(4, 1);
+    EXPECT_EQ(recorder.log, "close:bad greeting ");
+}
+
+TEST_P(PeerProtocol, ProposesAndRefusesAnotherQueue) {
+    greet(4);
+    const wire::ParameterBlock proposal = takeBlock();
+    EXPECT_EQ(proposal, (wire::ParameterBlock{2, 2, 0, 0, 1, 0, 0x4000000, 0x4000000}));
+    wire::ParameterBlock answer = proposal;
+    answer.firstLimit = 4096;
+    feed(wire::encode(answer));
+    EXPECT_EQ(takeBlock().head, wire::kRefuse);
+    EXPECT_EQ(recorder.log, "close:no agreement on the link's parameters ");
+}
+
+TEST_P(PeerProtocol, AnswersAVersion3Block) {
+    greet(3);
+    feed(wire::encode(wire::clientBlockV3()));
+    EXPECT_EQ(takeBlock().head, wire::kQueueType);
+    EXPECT_EQ(peer.state(), PeerState::AwaitInit);
+}
+
+TEST_P(PeerProtocol, AnswersTheFirstInitWithTheClientsAddressAndTheSecondNotAtAll) {
+    negotiate();
+    feed(init(nullptr));
+    const wire::Reply reply = wire::readReply(recorder.take());
+    EXPECT_EQ(reply.code, 0);
+    EXPECT_EQ(reply.ipAddress, 0x0100007FU);
+    EXPECT_EQ(reply.ipPort, 0x1234);
+    feed(control("L", "A.B"));
+    feed(init("NAME.1"));
+    EXPECT_TRUE(recorder.sent.empty());
+    EXPECT_EQ(recorder.log, "join:7500/ listen:A.B ");
+}
+
+TEST_P(PeerProtocol, AnswersAnInitWithoutServiceOrNetworkWithAnError) {
+    negotiate();
+    Stream message(100);
+    rvmsg_Init(message.data(), 100);
+    rvmsg_Append(message.data(), 100, "mtype", RVMSG_STRING, 0, "I");
+    rvmsg_Append(message.data(), 100, "network", RVMSG_STRING, 0, "");
+    feed(wire::Bytes(message).first(loadBig32(message.data())));
+    EXPECT_EQ(wire::readReply(recorder.take()).code, 16);
+    const std::int32_t wrong = 1;
+    rvmsg_Init(message.data(), 100);
+    rvmsg_Append(message.data(), 100, "mtype", RVMSG_STRING, 0, "I");
+    rvmsg_Append(message.data(), 100, "service", RVMSG_STRING, 0, "");
+    rvmsg_Append(message.data(), 100, "network", RVMSG_INT, 4, &wrong);
+    feed(wire::Bytes(message).first(loadBig32(message.data())));
+    EXPECT_EQ(wire::readReply(recorder.take()).code, 17);
+    EXPECT_EQ(recorder.log, "");
+}
+
+TEST_P(PeerProtocol, ClosesWhenSomethingElseComesBeforeTheInit) {
+    negotiate();
+    feed(wire::kKeepaliveBlock);
+    EXPECT_EQ(recorder.log, "");
+    feed(control("L", "A"));
+    EXPECT_EQ(recorder.log, "close:a message before the init message ");
+}
+
+TEST_P(PeerProtocol, IgnoresLaterInitsForAnotherSpaceAndUnknownMessages) {
+    open();
+    feed(init(nullptr, "7501"));
+    feed(bytesOf(wire::buildReply(1, 2)));
+    EXPECT_TRUE(recorder.sent.empty());
+    EXPECT_EQ(recorder.log, "");
+    EXPECT_EQ(counters[Counter::MessagesUnreadable], 1U);
+}
+
+TEST_P(PeerProtocol, PassesOnListensCancelsAndDataInOrder) {
+    open();
+    const Stream data = test::dataMessage("A.B", "hello");
+    Stream stream = control("L", "A.*");
+    stream.insert(stream.end(), data.begin(), data.end());
+    const Stream cancel = control("C", "A.*");
+    stream.insert(stream.end(), cancel.begin(), cancel.end());
+    feed(stream);
+    EXPECT_EQ(recorder.log, "listen:A.* publish:A.B cancel:A.* ");
+    ASSERT_EQ(recorder.published.size(), 1U);
+    EXPECT_EQ(recorder.published[0], data);
+}
+
+TEST_P(PeerProtocol, DropsSystemAdvisoriesOfClientsAndUnsoundSubjects) {
+    open();
+    feed(test::dataMessage("_RV.WARN.SYSTEM.X", ""));
+    feed(test::dataMessage("_RV.INFO.SYSTEM", ""));
+    Stream unsound = test::dataMessage("AA.BB", "x");
+    unsound[8 + 11 + 7 + 2 + 1] = 0;  // a zero inside the first element
+    feed(unsound);
+    feed(test::dataMessage("_RV.WARN.APP.X", ""));
+    EXPECT_EQ(recorder.log, "publish:_RV.WARN.APP.X ");
+    EXPECT_EQ(counters[Counter::MessagesReserved], 2U);
+    EXPECT_EQ(counters[Counter::MessagesUnreadable], 1U);
+}
+
+TEST_P(PeerProtocol, AnswersACloseNoticeAndEndsOnABrokenStream) {
+    open();
+    feed(wire::kCloseBlock);
+    EXPECT_EQ(recorder.take(), Stream(8, 0));
+    EXPECT_EQ(recorder.log, "close:closed by the peer ");
+}
+
+TEST_P(PeerProtocol, ClosesASessionThatListensToTooMuch) {
+    open();
+    recorder.mayListen = false;
+    feed(control("L", "A"));
+    EXPECT_EQ(recorder.log, "listen:A close:too many listens ");
+}
+
+TEST_P(PeerProtocol, AllowsTenSecondsUntilTheFirstInit) {
+    negotiate();
+    pass(9'999);
+    EXPECT_EQ(recorder.log, "");
+    feed(wire::kKeepaliveBlock);  // talking does not prolong it
+    pass(1);
+    EXPECT_EQ(recorder.log, "close:silent for too long ");
+}
+
+TEST_P(PeerProtocol, AllowsFourKibibytesUntilTheFirstInit) {
+    negotiate();
+    for (int i = 0; i < 600 && recorder.log.empty(); ++i) feed(wire::kKeepaliveBlock);
+    EXPECT_EQ(recorder.log, "close:too many bytes before the init message ");
+}
+
+TEST_P(PeerProtocol, AllowsNoFirstInitThatIsLongerThanThat) {
+    negotiate();
+    Stream message(5'000);
+    const std::string padding(4'500, 'x');
+    rvmsg_Init(message.data(), 5'000);
+    rvmsg_Append(message.data(), 5'000, "mtype", RVMSG_STRING, 0, "I");
+    rvmsg_Append(message.data(), 5'000, "service", RVMSG_STRING, 0, padding.c_str());
+    rvmsg_Append(message.data(), 5'000, "network", RVMSG_STRING, 0, "");
+    feed(wire::Bytes(message).first(loadBig32(message.data())));
+    EXPECT_EQ(recorder.log, "close:too many bytes before the init message ");
+}
+
+TEST_P(PeerProtocol, ProbesASilentPeerOnceAndClosesItAfterTenMinutes) {
+    open();
+    pass(179'999);
+    EXPECT_TRUE(recorder.take().empty());
+    pass(1);
+    EXPECT_EQ(recorder.take(), Stream(wire::kKeepaliveBlock.begin(), wire::kKeepaliveBlock.end()));
+    pass(180'000);
+    EXPECT_TRUE(recorder.take().empty());
+    feed(
+        wire::kKeepaliveBlock);  // heard again: the silence starts anew, and is answered by nothing
+    EXPECT_TRUE(recorder.take().empty());
+    pass(180'000);
+    EXPECT_EQ(recorder.take().size(), 8U);
+    pass(419'999);
+    EXPECT_EQ(recorder.log, "");
+    pass(1);
+    EXPECT_EQ(recorder.log, "close:silent for too long ");
+}
+
+TEST_P(PeerProtocol, SendsACloseNoticeWhenTheDaemonEnds) {
+    open();
+    peer.shutDown();
+    EXPECT_EQ(recorder.take(), Stream(8, 0));
+    EXPECT_EQ(recorder.log, "close:the daemon ends ");
+}
+
+}  // namespace
+}  // namespace kvx::rvd

@@ -1,0 +1,124 @@
+#include "rvd/Router.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+namespace kvx::rvd {
+namespace {
+
+class Routing : public testing::Test {
+  protected:
+    Router::Session& join(const char* name, const char* service = "", const char* network = "") {
+        names.push_back(std::make_unique<std::string>(name));
+        return router.join(service, network, names.back().get());
+    }
+    void listen(Router::Session& session, const char* subject) {
+        EXPECT_TRUE(router.listen(session, *Subject::fromText(subject)));
+    }
+    void cancel(Router::Session& session, const char* subject) {
+        router.cancel(session, *Subject::fromText(subject));
+    }
+    // The names of those that a message reaches, one letter each.
+    std::string reached(Router::Session& from, const char* subject) {
+        std::multiset<std::string> found;
+        for (const auto* session : router.match(from, *Subject::fromText(subject))) {
+            found.insert(*static_cast<std::string*>(session->receiver()));
+        }
+        std::string text;
+        for (const auto& name : found) text += name;
+        return text;
+    }
+
+    Counters counters;
+    Router router{counters};
+    std::vector<std::unique_ptr<std::string>> names;
+};
+
+TEST_F(Routing, ReachesEachListenerOnceItselfIncluded) {
+    auto& a = join("a");
+    auto& b = join("b");
+    listen(a, "X.Y");
+    listen(a, "X.*");
+    listen(a, ">");
+    listen(b, "X.Y");
+    EXPECT_EQ(reached(a, "X.Y"), "ab");
+    EXPECT_EQ(reached(b, "X.Z"), "a");
+    EXPECT_EQ(reached(b, "Z"), "a");
+}
+
+TEST_F(Routing, StaysInsideASpace) {
+    auto& a = join("a", "7500", "lan");
+    auto& b = join("b", "", "lan");
+    auto& c = join("c", "7500", "");
+    auto& d = join("d", "7501", "lan");
+    for (auto* session : {&a, &b, &c, &d}) listen(*session, "X");
+    EXPECT_EQ(reached(a, "X"), "ab");  // an empty service is 7500
+    EXPECT_EQ(reached(c, "X"), "c");   // an empty network is a space of its own
+    EXPECT_EQ(reached(d, "X"), "d");
+    EXPECT_TRUE(b.isIn("7500", "lan"));
+    EXPECT_FALSE(b.isIn("7500", ""));
+}
+
+TEST_F(Routing, CountsListens) {
+    auto& a = join("a");
+    listen(a, "X");
+    listen(a, "X");
+    cancel(a, "Y");
+    cancel(a, "X");
+    EXPECT_EQ(reached(a, "X"), "a");
+    cancel(a, "X");
+    EXPECT_EQ(reached(a, "X"), "");
+    cancel(a, "X");
+    EXPECT_EQ(counters[Counter::ListensOpen], 0U);
+}
+
+TEST_F(Routing, TakesInboxMessagesOnlyToInboxListens) {
+    auto& a = join("a");
+    auto& b = join("b");
+    auto& c = join("c");
+    listen(a, "_INBOX.A.>");
+    listen(b, ">");
+    listen(b, "*.A.1");
+    listen(c, "_INBOX.*.1");
+    EXPECT_EQ(reached(b, "_INBOX.A.1"), "ac");
+    EXPECT_EQ(reached(b, "_INBOX.A.2"), "a");
+}
+
+TEST_F(Routing, TakesAdvisoriesToPlainWildcardsButNotWildcardsToAdvisoryListens) {
+    auto& a = join("a");
+    auto& b = join("b");
+    auto& c = join("c");
+    listen(a, ">");
+    listen(b, "_RV.>");
+    listen(c, "_INBOX.C.>");
+    EXPECT_EQ(reached(a, "_RV.INFO.APP.X"), "ab");
+    EXPECT_EQ(reached(a, ">"), "a");
+}
+
+TEST_F(Routing, TakesAPatternToTheListensThatItCovers) {
+    auto& a = join("a");
+    auto& b = join("b");
+    listen(a, "X.Y");
+    listen(b, "X.*");
+    EXPECT_EQ(reached(a, "X.*"), "ab");
+    EXPECT_EQ(reached(a, "*.Y"), "a");
+}
+
+TEST_F(Routing, ForgetsASessionThatLeavesAndItsEmptySpace) {
+    auto& a = join("a");
+    auto& b = join("b");
+    listen(a, "X");
+    listen(b, "X");
+    router.leave(b);
+    EXPECT_EQ(reached(a, "X"), "a");
+    router.leave(a);
+    EXPECT_EQ(router.spaces(), 0U);
+    EXPECT_EQ(counters[Counter::SessionsOpen], 0U);
+    EXPECT_EQ(counters[Counter::ListensOpen], 0U);
+}
+
+}  // namespace
+}  // namespace kvx::rvd
