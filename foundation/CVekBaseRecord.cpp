@@ -44,7 +44,7 @@ int CVekBaseRecord::RRAddOrSetValue(const char* name, const CVekAtom* value) {
     try {
         set(name, owned);
     } catch (const std::bad_alloc&) {
-        owned.release();
+        static_cast<void>(owned.release());
         return kvx::kNoMemory;
     }
     return kvx::kOk;
@@ -113,7 +113,7 @@ void CVekBaseRecord::set(std::string_view name, std::unique_ptr<const CVekAtom>&
     }
     std::unique_ptr<const CVekAtom>& held = m_fields[position].value;
     // Setting the pointer that is there already must not delete it.
-    if (held == value) held.release();
+    if (held == value) static_cast<void>(held.release());
     held = std::move(value);
 }
 

@@ -4,6 +4,8 @@
 
 #include "foundation/CVekDoubleList.h"
 
+#include <utility>
+
 #include "foundation/ErrorCodes.h"
 
 CVekDoubleList::CVekDoubleList(const CVekDoubleList& other) : kvx::HeapObject(other) {
@@ -22,18 +24,20 @@ CVekDoubleList::~CVekDoubleList() {
 }
 
 int CVekDoubleList::RDLAddToListEnd(CVekListable* element) {
-    if (element == nullptr || element->m_list != nullptr) return kvx::kInvalidArgument;
-    element->m_list = this;
-    element->m_previous = m_tail;
-    element->m_next = nullptr;
-    (m_tail == nullptr ? m_head : m_tail->m_next) = element;
+    if (element == nullptr || element->m_place.list != nullptr) return kvx::kInvalidArgument;
+    element->m_place = {this, m_tail, nullptr};
+    if (m_tail == nullptr) {
+        m_head = element;
+    } else {
+        m_tail->m_place.next = element;
+    }
     m_tail = element;
     ++m_length;
     return kvx::kOk;
 }
 
 CVekListable* CVekDoubleList::RDLGetNext(const CVekListable* element) const {
-    return element == nullptr || element->m_list != this ? nullptr : element->m_next;
+    return element == nullptr || element->m_place.list != this ? nullptr : element->m_place.next;
 }
 
 int CVekDoubleList::RDLDeleteListable(CVekListable* element) {
@@ -43,14 +47,14 @@ int CVekDoubleList::RDLDeleteListable(CVekListable* element) {
 }
 
 int CVekDoubleList::RDLAttemptToDeleteListable(CVekListable* element) {
-    for (CVekListable* held = m_head; held != nullptr; held = held->m_next) {
+    for (CVekListable* held = m_head; held != nullptr; held = held->m_place.next) {
         if (held == element) return RDLDeleteListable(held);
     }
     return kvx::kNotFound;
 }
 
 int CVekDoubleList::RDLTakeListable(CVekListable* element) {
-    if (element == nullptr || element->m_list != this) return kvx::kNotFound;
+    if (element == nullptr || element->m_place.list != this) return kvx::kNotFound;
     unlink(element);
     return kvx::kOk;
 }
@@ -65,16 +69,23 @@ void CVekDoubleList::RDLClear() {
 }
 
 void CVekDoubleList::appendCopiesOf(const CVekDoubleList& other) {
-    for (CVekListable* element = other.m_head; element != nullptr; element = element->m_next) {
+    for (CVekListable* element = other.m_head; element != nullptr;
+         element = element->m_place.next) {
         RDLAddToListEnd(element->RLTargetDeepCopy(element));
     }
 }
 
 void CVekDoubleList::unlink(CVekListable* element) noexcept {
-    (element->m_previous == nullptr ? m_head : element->m_previous->m_next) = element->m_next;
-    (element->m_next == nullptr ? m_tail : element->m_next->m_previous) = element->m_previous;
-    element->m_list = nullptr;
-    element->m_previous = nullptr;
-    element->m_next = nullptr;
+    const CVekListable::Place place = std::exchange(element->m_place, {});
+    if (element == m_head) {
+        m_head = place.next;
+    } else {
+        place.previous->m_place.next = place.next;
+    }
+    if (element == m_tail) {
+        m_tail = place.previous;
+    } else {
+        place.next->m_place.previous = place.previous;
+    }
     --m_length;
 }

@@ -3,5 +3,5 @@
 #include "foundation/CVekDoubleList.h"
 
 CVekListable::~CVekListable() {
-    if (m_list != nullptr) m_list->unlink(this);
+    if (m_place.list != nullptr) m_place.list->unlink(this);
 }

@@ -23,7 +23,12 @@ class KVX_API CVekListable {
   private:
     friend class CVekDoubleList;
 
-    CVekDoubleList* m_list = nullptr;
-    CVekListable* m_previous = nullptr;
-    CVekListable* m_next = nullptr;
+    // Where the element stands; all null while it stands in no list.
+    struct Place {
+        CVekDoubleList* list = nullptr;
+        CVekListable* previous = nullptr;
+        CVekListable* next = nullptr;
+    };
+
+    Place m_place;
 };
