@@ -19,6 +19,7 @@ class KVX_API CVekHashList {
     /// `size` is the number of entries expected; below 1 counts as 1. The list grows past it. The
     /// second argument is kept for callers that state it and changes nothing.
     explicit CVekHashList(int size = 1, __boolean reserved = FALSE);
+    CVekHashList(int size, bool reserved) : CVekHashList(size, reserved ? TRUE : FALSE) {}
     ~CVekHashList();
     CVekHashList(const CVekHashList&) = delete;
     CVekHashList& operator=(const CVekHashList&) = delete;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 
 #include "foundation/Boolean.h"
@@ -30,6 +31,8 @@ class KVX_API CVekTreeList {
     /// The same with a holder that the list makes for `value`, which may be null.
     int RTLAdd(const char* key, void* value);
     int RTLAdd(int key, void* value);
+    int RTLAdd(const char* key, std::nullptr_t) { return RTLAdd(key, static_cast<void*>(nullptr)); }
+    int RTLAdd(int key, std::nullptr_t) { return RTLAdd(key, static_cast<void*>(nullptr)); }
 
     /// The first holder under `key`, which the list still owns; null when absent.
     CVekPointer* RTLGet(const char* key) const;

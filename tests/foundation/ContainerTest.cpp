@@ -197,7 +197,7 @@ TEST(TreeList, KeepsUniqueKeysUnique) {
     EXPECT_EQ(list.RTLAdd("key", static_cast<void*>(&a)), 1);
     EXPECT_EQ(list.RTLAdd("key", &refused), -220566);
     EXPECT_EQ(list.RTLAdd("key", static_cast<void*>(&b)), -220566);
-    EXPECT_EQ(list.RTLAdd(-4, static_cast<void*>(nullptr)), 1);  // null is a value
+    EXPECT_EQ(list.RTLAdd(-4, nullptr), 1);  // null is a value
     ASSERT_NE(list.RTLGet(-4), nullptr);
     EXPECT_EQ(list.RTLGet(-4)->RPData(), nullptr);
     EXPECT_EQ(list.RTLGet("key")->RPData(), &a);
