@@ -32,7 +32,7 @@ uv_buf_t asBuffer(wire::Bytes bytes) {
     return uv_buf_init(base, static_cast<unsigned>(bytes.size()));
 }
 
-Connection* owner(void* data) {
+Connection* connectionOf(void* data) {
     return static_cast<Connection*>(data);
 }
 
@@ -67,10 +67,10 @@ bool Connection::accept(uv_stream_t* listener) {
     const int status = uv_read_start(
         stream(),
         [](uv_handle_t* handle, std::size_t, uv_buf_t* buffer) {
-            *buffer = owner(handle->data)->server_.readBuffer();
+            *buffer = connectionOf(handle->data)->server_.readBuffer();
         },
         [](uv_stream_t* from, ssize_t count, const uv_buf_t* buffer) {
-            owner(from->data)->onRead(count, buffer->base);
+            connectionOf(from->data)->onRead(count, buffer->base);
         });
     if (status != 0) return false;
     server_.counters().add(Counter::ConnectionsAccepted);
@@ -144,7 +144,7 @@ void Connection::writeFront() {
     const wire::Bytes front = outbox_.pinFront();
     const uv_buf_t buffer = asBuffer(front);
     const int status = uv_write(&write_, stream(), &buffer, 1, [](uv_write_t* request, int result) {
-        owner(request->data)->onWritten(result);
+        connectionOf(request->data)->onWritten(result);
     });
     if (status != 0) return fail(status);
     writing_ = true;
@@ -205,7 +205,7 @@ void Connection::destroy() {
     destroyed_ = true;
     leaveSession();
     uv_close(reinterpret_cast<uv_handle_t*>(&tcp_), [](uv_handle_t* handle) {
-        Connection* connection = owner(handle->data);
+        Connection* connection = connectionOf(handle->data);
         connection->server_.forget(connection);
     });
 }

@@ -24,7 +24,7 @@ constexpr std::uint64_t kStoppingTickMs = 50;
 constexpr std::uint64_t kPoolShare = 2;
 constexpr std::uint64_t kPoolFallback = 1ULL << 30U;
 
-Server* owner(const void* data) {
+Server* serverOf(const void* data) {
     return static_cast<Server*>(const_cast<void*>(data));
 }
 
@@ -84,9 +84,10 @@ bool Server::start() {
     local.sin_port = htons(options_.listenPort);
     int status = uv_tcp_bind(&listener_, reinterpret_cast<const sockaddr*>(&local), 0);
     if (status == 0) {
-        status = uv_listen(
-            reinterpret_cast<uv_stream_t*>(&listener_), kBacklog,
-            [](uv_stream_t* listener, int result) { owner(listener->data)->onConnection(result); });
+        status = uv_listen(reinterpret_cast<uv_stream_t*>(&listener_), kBacklog,
+                           [](uv_stream_t* listener, int result) {
+                               serverOf(listener->data)->onConnection(result);
+                           });
     }
     if (status != 0) {
         log_.error("cannot listen on tcp:" + platform::dottedAddress(options_.listenAddress) + ':' +
@@ -95,8 +96,8 @@ bool Server::start() {
     }
     address_ = addressText(listener_);
     uv_timer_start(
-        &tick_, [](uv_timer_t* timer) { owner(timer->data)->onTick(); }, kTickMs, kTickMs);
-    const auto onSignal = [](uv_signal_t* handle, int) { owner(handle->data)->stop(); };
+        &tick_, [](uv_timer_t* timer) { serverOf(timer->data)->onTick(); }, kTickMs, kTickMs);
+    const auto onSignal = [](uv_signal_t* handle, int) { serverOf(handle->data)->stop(); };
     uv_signal_start(&terminate_, onSignal, platform::signal_number::terminate());
     uv_signal_start(&interrupt_, onSignal, platform::signal_number::interrupt());
     log_.info("listening on " + address_ + ", " + std::to_string(options_.queueLimit) +
@@ -176,7 +177,7 @@ void Server::stop() {
     log_.info("stopping, " + std::to_string(connections_.size()) + " connections open");
     closeHandle(listener_);
     uv_timer_start(
-        &tick_, [](uv_timer_t* timer) { owner(timer->data)->onTick(); }, kStoppingTickMs,
+        &tick_, [](uv_timer_t* timer) { serverOf(timer->data)->onTick(); }, kStoppingTickMs,
         kStoppingTickMs);
     for (auto& [connection, holder] : connections_) connection->shutDown();
     endBatch();
