@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace kvx::bench {
+
+/// A broker under measurement: a child process that says "... ready on tcp:host:port" on its
+/// standard output. Killed when this object dies.
+class Broker {
+  public:
+    /// `program` with its arguments, as a command line without quoting.
+    explicit Broker(const std::string& commandLine);
+    ~Broker();
+    Broker(const Broker&) = delete;
+    Broker& operator=(const Broker&) = delete;
+
+    [[nodiscard]] std::uint16_t port() const { return port_; }
+
+  private:
+    int pid_ = 0;
+    std::uint16_t port_ = 0;
+};
+
+}  // namespace kvx::bench
