@@ -298,7 +298,7 @@ TEST(TransportHostileBytes, YieldTheRecordsBeforeTheDefectAndOneReport) {
         {"empty", "", {}, true},
         {"record past the end", header(1, 0) + good + word(5) + "four", {"good"}, true},
         {"length without a record", header(1, 0) + good + word(1), {"good"}, true},
-        {"half a length", header(1, 0) + good + "\0\0\1", {"good"}, true},
+        {"half a length", header(1, 0) + good + "abc", {"good"}, true},
         {"largest length", header(1, 0) + good + word(0x7FFFFFFF) + "x", {"good"}, true},
         {"negative and empty", header(0, 0) + word(0xFFFFFFFF) + word(0) + good, {"good"}, false},
         {"extension", header(1, 0, 3) + "ext" + good, {"good"}, false},

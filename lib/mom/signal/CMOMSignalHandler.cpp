@@ -1,0 +1,133 @@
+#include "mom/signal/CMOMSignalHandler.h"
+
+#include <iostream>
+#include <memory>
+
+#include "foundation/foundation.h"
+#include "mom/net/CVekRvNet.h"
+#include "mom/net/VekCodes.h"
+#include "mom/net/VekTrace.h"
+#include "mom/signal/CMOMCallback.h"
+#include "mom/signal/CMOMSignalPoller.h"
+#include "mom/signal/CSignalCallback.h"
+
+// The way of a signal: the port library's catcher sets a flag; within 100 milliseconds the poller's
+// timer fires and asks the catcher to process what it has caught; the catcher hands the signal's
+// callback to `runHandler`; that adds a timer of interval 0, which runs the callback at the next
+// turn of the main loop. So whatever a signal does, it does it between two events of the bus.
+
+namespace {
+
+using Callback = CSignalCallback<CMOMSignalHandler>;
+
+constexpr int kPollInterval = 100;  // milliseconds
+constexpr int kHighestDebugLevel = 4;
+constexpr int kNotRegistered = -220536;
+
+// The port library's numbers.
+constexpr int kInterrupt = 2;
+constexpr int kTerminate = 15;
+constexpr int kHangUp = 34;
+constexpr int kUser1 = 35;
+constexpr int kUser2 = 36;
+
+// One signal: its callback, and how it is reported when it cannot be registered.
+struct Registration {
+    int signal;
+    Callback::Method method;
+    bool endsProcess;
+    int line;
+    const char* text;
+};
+
+constexpr Registration kRegistrations[] = {
+    {kTerminate, &CMOMSignalHandler::callExitHandler, true, 185, "Could not register SIGTERM"},
+    {kInterrupt, &CMOMSignalHandler::callExitHandler, true, 194, "Could not register SIGINT"},
+    {kUser1, &CMOMSignalHandler::callExitHandler, true, 203, "Could not register SIGUSR1"},
+    {kHangUp, &CMOMSignalHandler::doNothing, false, 216, "Could not register SIGHUP"},
+    {kUser2, &CMOMSignalHandler::raiseDebugLevel, false, 229, "Could not register SIGUSR2"},
+};
+
+// The catcher keeps what it accepts.
+bool addOwn(CMOMSignalHandler* handler, const Registration& one) {
+    auto callback = std::make_unique<Callback>(handler, one.method, one.signal);
+    const bool added = CSignalHandler::Instance().add(one.signal, callback.get(), false);
+    if (added) static_cast<void>(callback.release());
+    return added;
+}
+
+}  // namespace
+
+CMOMSignalHandler::CMOMSignalHandler() = default;
+
+CMOMSignalHandler::~CMOMSignalHandler() {
+    if (m_net != nullptr) {
+        kvx::trace(kvx::kTraceWarnings, "unexpected - signal poller still running\n");
+    }
+    stop();
+}
+
+void CMOMSignalHandler::manage(CVekNet* net) {
+    if (net == nullptr) return;
+    auto* busNet = dynamic_cast<CVekRvNet*>(net);
+    if (busNet == nullptr) {
+        kvx::report(kvx::kInvalidArgument, "CMOMSignalHandler", 0);
+        return;
+    }
+    m_net = net;
+    CSignalHandler::Instance().manage(this);
+    delete m_poller;
+    m_poller = new CMOMSignalPoller(busNet);
+    busNet->RRNAddRepeatTimer(kPollInterval, m_poller);
+}
+
+void CMOMSignalHandler::stop() {
+    if (m_net == nullptr) return;
+    m_poller->net()->RRNRemoveTimer(m_poller->timer());
+    delete m_poller;
+    m_poller = nullptr;
+    CSignalHandler::Instance().stop();
+    m_net = nullptr;
+}
+
+void CMOMSignalHandler::blockAllSignals() {
+    CSignalHandler::blockAll();
+}
+
+void CMOMSignalHandler::shutdown(int) {
+    kvx::writeGuarded(std::cout, "Shutdown message received!\n");
+    CSignalHandler::Instance().handleSignal(kUser1);
+}
+
+void CMOMSignalHandler::raiseDebugLevel(int) {
+    const int next = __ZembraLix_Debug_Level + 1;
+    const int level = next > kHighestDebugLevel ? 0 : next;
+    kvx::writeGuarded(std::cout, "Received SIGUSR2: Switched to debug level ", level, "\n");
+    __ZembraLix_Debug_Level = level;
+}
+
+void CMOMSignalHandler::doNothing(int) {}
+
+void CMOMSignalHandler::callExitHandler(int) {
+    CVekProcess::Instance().Exit(0);
+}
+
+bool CMOMSignalHandler::registerHandler(CCallbackBase* exitCallback) {
+    for (const Registration& one : kRegistrations) {
+        const bool added = one.endsProcess && exitCallback != nullptr
+                               ? CSignalHandler::Instance().add(one.signal, exitCallback, false)
+                               : addOwn(this, one);
+        if (!added) kvx::report(kNotRegistered, "CMOMSignalHandler", one.line, one.text);
+    }
+    return true;
+}
+
+bool CMOMSignalHandler::runHandler(CCallbackBase* callback) {
+    auto* net = dynamic_cast<CVekRvNet*>(m_net);
+    if (net == nullptr) return true;
+    auto* once = new CMOMCallback(callback);
+    const int result = net->RRNAddTimer(0, once);
+    // A request that was not answered in time may still be performed.
+    if (result != kvx::kOk && result != kvx::kNoAnswer) delete once;
+    return true;
+}

@@ -1,0 +1,123 @@
+#include "mom/timed/CVekBlockedWorkMgr.h"
+
+#include "foundation/foundation.h"
+#include "mom/net/VekCodes.h"
+#include "mom/net/VekTrace.h"
+#include "mom/timed/CVekPollResponse.h"
+#include "mom/timed/CVekTimedWorkMgr.h"
+#include "mom/timed/CVekTimedWorker.h"
+
+// A worker in the list has one of four statuses. BLOCKED: its response is asked at every pass.
+// RERUN: it waits or runs in the work pool, and the list leaves it alone until its code sets
+// another status. DONE: the pass drops it. NEW: its code has not decided yet. Only a pass removes
+// workers, and it holds the list lock throughout, so that a worker seen by the pass stays alive
+// during it.
+
+namespace {
+
+constexpr const char* kBlockedFile = "CVekBlockedWorkMgr";
+constexpr int kUnknownState = -220432;
+
+// What `CVekPollResponse::PRPollState` gives.
+constexpr int kStillWaiting = 0;
+constexpr int kGiveUp = 1;
+constexpr int kReady = 2;
+constexpr int kReadyToo = 3;
+
+}  // namespace
+
+CVekBlockedWorkMgr::CVekBlockedWorkMgr(CVekTimedWorkMgr& manager, unsigned int firstTryTimeOut)
+    : m_manager(manager), m_blockingPolls(FALSE), m_firstTryTimeOut(firstTryTimeOut) {}
+
+CVekBlockedWorkMgr::~CVekBlockedWorkMgr() = default;
+
+void CVekBlockedWorkMgr::BWMSetBlockingPollForThread(CVekPollResponse* response,
+                                                     unsigned int threadId) {
+    const CVekThread::AutoMutex guard(m_slotLock);
+    const int key = static_cast<int>(threadId);
+    CVekPointer* slot = m_blockingPolls.RTLGet(key);
+    if (slot != nullptr) {
+        slot->RPSetData(response);
+    } else {
+        m_blockingPolls.RTLAdd(key, static_cast<void*>(response));
+    }
+}
+
+CVekPollResponse* CVekBlockedWorkMgr::BWMTakeBlockingPollForThread(unsigned int threadId) {
+    const CVekThread::AutoMutex guard(m_slotLock);
+    CVekPointer* slot = m_blockingPolls.RTLGet(static_cast<int>(threadId));
+    if (slot == nullptr) return nullptr;
+    auto* response = static_cast<CVekPollResponse*>(slot->RPData());
+    slot->RPSetData(nullptr);
+    return response;
+}
+
+void CVekBlockedWorkMgr::BWMAddBlockedWork(CVekTimedWorker* worker) {
+    if (worker == nullptr) {
+        kvx::report(kvx::kInvalidArgument, kBlockedFile, 0);
+        return;
+    }
+    kvx::trace(kvx::kTraceWarnings, "Adding blocked work: ", worker->RTWName(), "\n");
+    const CVekThread::AutoMutex guard(m_listLock);
+    const int result = m_blockedWorkers.RDLAddToListEnd(worker);
+    if (result != kvx::kOk) kvx::report(result, kBlockedFile, 0);
+}
+
+void CVekBlockedWorkMgr::BWMProcessBlockedWork() {
+    const CVekThread::AutoMutex guard(m_listLock);
+    const int length = m_blockedWorkers.RDLLength();
+    if (length > 0) {
+        kvx::trace(kvx::kTraceWarnings, "BWMProcessBlockedWork: processing ", length, " items\n");
+    } else {
+        kvx::trace(kvx::kTraceWarnings, "");
+    }
+    CVekListable* element = m_blockedWorkers.RDLHead();
+    while (element != nullptr) {
+        auto* worker = static_cast<CVekTimedWorker*>(element);
+        element = m_blockedWorkers.RDLGetNext(element);
+        processWorker(worker);
+    }
+}
+
+void CVekBlockedWorkMgr::processWorker(CVekTimedWorker* worker) {
+    switch (worker->RTWStatus()) {
+        case RTW_STATUS_NEW:
+        case RTW_STATUS_RERUN:
+            return;
+        case RTW_STATUS_BLOCKED:
+            if (BWMReexecuteWork(worker)) m_manager.RTWMAddPollWork(worker);
+            return;
+        case RTW_STATUS_DONE:
+            m_blockedWorkers.RDLDeleteListable(worker);
+            return;
+    }
+    kvx::report(kUnknownState, kBlockedFile, 0);
+}
+
+// Whether the worker is to run again.
+bool CVekBlockedWorkMgr::BWMReexecuteWork(CVekTimedWorker* worker) const {
+    CVekPollResponse* response = worker->RTWBlockingPoll();
+    if (response == nullptr) {
+        kvx::report(kvx::kInvalidArgument, kBlockedFile, 0);
+        return false;
+    }
+    switch (response->PRPollState()) {
+        case kStillWaiting:
+            response->PRDecrementTimeOut();
+            return false;
+        case kGiveUp:
+            worker->RTWSetStatus(RTW_STATUS_DONE);
+            return false;
+        case kReady:
+        case kReadyToo:
+            worker->RTWSetStatus(RTW_STATUS_RERUN);
+            return true;
+        default:
+            kvx::report(kUnknownState, kBlockedFile, 0);
+            return false;
+    }
+}
+
+unsigned int CVekBlockedWorkMgr::BWMFirstTryTimeOut() const {
+    return m_firstTryTimeOut;
+}

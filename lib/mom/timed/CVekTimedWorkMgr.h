@@ -1,0 +1,138 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+#include "foundation/CVekAsymmetricMutex.h"
+#include "foundation/CVekHashList.h"
+#include "foundation/CVekHashStore.h"
+#include "foundation/CVekServPool.h"
+#include "foundation/CVekStack.h"
+#include "foundation/CVekTimedPool.h"
+#include "platform/Export.h"
+#include "rv/object/RvTimerCallback.h"
+
+class CVekBlockedWorkMgr;
+class CVekEngine;
+class CVekTimedWork;
+class CVekTimedWorkDist;
+class CVekTimedWorker;
+
+/// Runs a service's periodic polls.
+///
+/// A poll of frequency N runs once every N ticks of a repeating bus timer. Polls of one frequency
+/// form a distribution, which spreads them over the ticks of their period. The tick itself, on the
+/// main thread, only kicks the poll pool; its threads hand the polls that are due to the work pool,
+/// whose threads run them. Adding, deleting and moving polls takes effect at the next
+/// `RTWMDistributePolls`, so that a batch of changes costs one redistribution.
+///
+/// Any thread may call everything but the constructors, the destructor, `onTimer` and
+/// `RTWMSetBlockedWorkMgr`, which are the main thread's. Polls stay their service's: see
+/// `CVekTimedWork` for when one may go.
+///
+/// Overrides that are called under a lock must not call back into the manager: `RTWAddToPool` of a
+/// poll and `RTWMAddPollWork(CVekTimedWorker*)` of a derived manager (locks of the manager, of a
+/// distribution or of the blocked list are held), and `RTWSetPollIsExecuting` (the work queue is
+/// held while a suspension discards workers). `RTWDoPoll` runs without locks and may call anything.
+///
+/// Destruction: with a blocked-work manager attached, this manager goes first; it ends its threads
+/// and leaves what the blocked list holds to the list. The other order is safe only when no worker
+/// of the list waits or runs in the work pool and no tick comes any more.
+class KVX_API CVekTimedWorkMgr : public RvTimerCallback {
+  public:
+    using WorkFunction = void (*)(void* worker, void* context);
+
+    /// Ticks every `tickInterval` milliseconds on the main loop of `engine`, which must outlive the
+    /// ticking; without an engine only the caller of `onTimer` ticks. `pollThreads` threads tick
+    /// the distributions, `poolSize` threads run workers with `workFunction`, or with
+    /// `TimedWorkerThreadFn` when that is null. A `suspended` manager does nothing until it is
+    /// resumed.
+    CVekTimedWorkMgr(CVekEngine* engine, unsigned int pollThreads, unsigned int tickInterval,
+                     unsigned int poolSize, WorkFunction workFunction, __boolean suspended);
+
+    /// 10 poll threads, a tick of 1000 milliseconds, 50 work threads, `TimedWorkerThreadFn`.
+    CVekTimedWorkMgr(CVekEngine* engine, __boolean suspended);
+
+    CVekTimedWorkMgr(const CVekTimedWorkMgr&) = delete;
+    CVekTimedWorkMgr& operator=(const CVekTimedWorkMgr&) = delete;
+
+    /// Waits for the polls that run, discards the workers that wait, and deletes the distributions.
+    /// Deletes no poll.
+    ~CVekTimedWorkMgr() override;
+
+    /// The tick.
+    void onTimer(RvTimer* timer) override;
+
+    /// Queues a worker, suspended or not, takes it over, and returns 1; -220552 for null.
+    virtual int RTWMAddPollWork(CVekTimedWorker* worker);
+
+    /// Queues one execution of `poll` now, unless the manager is suspended or the poll refuses
+    /// (`RTWAddToPool`). Returns 1 either way; -220552 for null.
+    int RTWMAddPollWork(CVekTimedWork* poll);
+
+    /// Queues one call of `function(argument)` and returns 1.
+    int RTWMAddPollWork(void (*function)(void*), void* argument);
+
+    /// Adds a poll under its frequency. Returns 1, also for a name that is there already (the first
+    /// one stays); -220383 for a frequency below 1, -220552 for null. Another negative code means
+    /// that the manager's sets could not be changed, and leaves the manager locked for good.
+    int RTWMAddPoll(CVekTimedWork* poll);
+
+    /// Removes a poll. No poll of its frequency runs until the next `RTWMDistributePolls`. Returns
+    /// 1, also when there was none; other codes as for `RTWMAddPoll`.
+    int RTWMDeletePoll(CVekTimedWork* poll);
+
+    /// Replaces `oldPoll` by `newPoll` of the same name; both must be alive. Of the same frequency,
+    /// it takes effect at once, else at the next `RTWMDistributePolls`. Returns 1.
+    int RTWMChangePoll(CVekTimedWork* oldPoll, CVekTimedWork* newPoll);
+
+    /// Moves `poll` to another frequency. Returns 1 when it has that frequency already; else what
+    /// `RTWMDeletePoll` and `RTWMAddPoll` do.
+    int RTWMChangePollFrequency(CVekTimedWork* poll, int frequency);
+
+    /// Redistributes the polls of every frequency that changed since the last call. Returns 1.
+    int RTWMDistributePolls();
+
+    /// Runs `poll` once, at the next tick. A poll that wants to run at every tick adds itself
+    /// again.
+    void RTWMAddRepeatPoller(CVekTimedWork* poll);
+
+    /// Until the resumption ticks do nothing and polls are refused. Workers that wait in the work
+    /// pool are discarded, but for those that the blocked list holds: these are blocked again.
+    /// Workers that run finish.
+    void RTWMSuspendTimedWork();
+    void RTWMResumeTimedWork();
+
+    /// Has each tick ask the blocked work first; null detaches. Not owned; see above for lifetimes.
+    void RTWMSetBlockedWorkMgr(CVekBlockedWorkMgr* manager);
+    CVekBlockedWorkMgr* RTWMBlockedWorkMgr() const;
+
+  private:
+    class RightLock;
+
+    void start(CVekEngine* engine, unsigned int tickInterval, WorkFunction workFunction);
+    CVekTimedWorkDist* distOf(int frequency) const;
+    int markForDistribution(CVekTimedWorkDist* dist);
+    void queueRepeatPollers();
+    void discardQueuedWorkers();
+
+    CVekBlockedWorkMgr* m_BlockedWorkMgr = nullptr;  // not owned; main thread only
+
+    // The pools have locks of their own; everything else here is guarded by m_Lock.
+    CVekHashList m_Dists;      // by frequency; owns the distributions
+    CVekTimedPool m_PollPool;  // its threads tick the distributions
+    std::int32_t m_PoolSize;
+    CVekServPool m_WorkPool;  // its threads run workers
+    CVekAsymmetricMutex m_Lock;
+    CVekStack m_RepeatPollers;                     // polls to run once at the next tick
+    CVekStack m_DistsToDistribute;                 // distributions whose polls have changed
+    std::unique_ptr<CVekHashStore> m_DistsQueued;  // the frequencies that stand there already
+    std::atomic<__boolean> m_Suspended;            // also read without the lock
+};
+
+/// What the threads of the poll pool run: one tick of the distribution `item`.
+KVX_API void TimedPollThreadFn(void* item, void* context);
+
+/// What the threads of the work pool run: the worker `item`, which is deleted afterwards.
+KVX_API void TimedWorkerThreadFn(void* item, void* context);
