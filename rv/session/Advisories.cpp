@@ -1,0 +1,142 @@
+// The advisories that a session makes about itself, and those that applications publish.
+
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "rv/error/rvAdvisory.h"
+#include "rv/error/rvCodes.h"
+#include "rv/error/rvErrors.h"
+#include "rv/message/rvSubject.h"
+#include "rv/session/SessionParts.h"
+
+namespace kvx::session {
+
+namespace {
+
+constexpr unsigned kGivenSubjectCapacity = 256;  // bytes, encoded, of an application's subject
+
+struct Advisory {
+    std::uint8_t body[advisory::kBodyCapacity];
+    std::uint8_t subject[advisory::kSubjectCapacity];
+
+    int build(const char* advisoryClass, const char* name) {
+        return rv_BuildAdvisory(body, sizeof body, advisoryClass, advisory::kSystem, name, nullptr,
+                                subject, sizeof subject);
+    }
+    int deliverTo(rv_Session_& session) const {
+        return deliverLocally(session, SubjectView::trusted(subject), nullptr,
+                              {RVMSG_MSG, 0, body});
+    }
+};
+
+// A field of an advisory body: text, terminated and not empty.
+const char* textField(const void* body, const char* name) {
+    rvmsg_Type type = 0;
+    rvmsg_Size size = 0;
+    rvmsg_Data data = nullptr;
+    if (rvmsg_GetRaw(body, name, &type, &size, &data) != 0 || type != RVMSG_STRING || size < 2 ||
+        std::memchr(data, 0, size) == nullptr)
+        return nullptr;
+    const char* text = static_cast<const char*>(data);
+    return *text == '\0' ? nullptr : text;
+}
+
+struct AdvisoryFields {
+    const char* advisoryClass;
+    const char* source;
+    const char* name;
+
+    explicit AdvisoryFields(const void* body)
+        : advisoryClass(textField(body, advisory::kClassField)),
+          source(textField(body, advisory::kSourceField)),
+          name(textField(body, advisory::kNameField)) {}
+
+    [[nodiscard]] bool complete() const {
+        return advisoryClass != nullptr && source != nullptr && name != nullptr;
+    }
+    // "_RV.<class>.<source>.<name>", encoded; nothing when it is no subject.
+    [[nodiscard]] std::optional<Subject> subject() const {
+        const std::string text =
+            std::string(advisory::kPrefix) + "." + advisoryClass + "." + source + "." + name;
+        return Subject::fromText(text.c_str(), advisory::kSubjectCapacity);
+    }
+};
+
+bool isMessage(const void* body) {
+    rvmsg_Size length = 0;
+    return body != nullptr && rvmsg_Length(body, &length) == 0;
+}
+
+int publishBody(rv_Session_& session, const std::optional<Subject>& subject, const void* body,
+                int codeOfBadSubject) {
+    if (!subject) return codeOfBadSubject;
+    const Entered entered(session);
+    return publish(session, *subject, nullptr, {RVMSG_MSG, 0, body});
+}
+
+}  // namespace
+
+void announceDisconnect(rv_Session_& session) {
+    Advisory advisory;
+    int code = advisory.build(advisory::kWarn, advisory::kDisconnectedName);
+    if (code == 0) code = advisory.deliverTo(session);
+    if (code != 0)
+        std::fprintf(stderr, "Rendezvous unable to build disconnected message (err = %d).\n", code);
+}
+
+void announceStarvation(rv_Session_& session, std::uint32_t latenessMs) {
+    Advisory advisory;
+    int code = advisory.build(advisory::kWarn, advisory::kStarvationName);
+    if (code == 0)
+        code = rvmsg_Append(advisory.body, sizeof advisory.body, advisory::kLatenessField,
+                            RVMSG_UINT, sizeof latenessMs, &latenessMs);
+    if (code == 0) code = advisory.deliverTo(session);
+    if (code != 0)
+        std::fprintf(stderr, "Rendezvous unable to build event starvation message (err = %d).\n",
+                     code);
+}
+
+void announceFastProducer(rv_Session_& session, const char* advisoryClass) {
+    if (++session.fastProducerConditions % advisory::kFastProducerRate != 1) return;
+    Advisory advisory;
+    if (const int code = advisory.build(advisoryClass, advisory::kFastProducerName); code != 0) {
+        std::fprintf(stderr, "Failed to build fast producer advisory (%s).\n",
+                     rvmsg_CoreErrorText(code));
+        return;
+    }
+    if (const int code = advisory.deliverTo(session); code != 0)
+        std::fprintf(stderr, "Failed to deliver fast producer adivsory (%s)\n", rv_ErrorText(code));
+}
+
+}  // namespace kvx::session
+
+using namespace kvx;
+
+int rv_SendAdvisory(rv_Session session, const char* subject, const void* body) {
+    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (!session::isMessage(body)) return session_code::kOk;
+    const session::AdvisoryFields fields(body);
+    if (!fields.complete()) return session_code::kInvalidArgument;
+    if (subject == nullptr)
+        return session::publishBody(*session, fields.subject(), body,
+                                    session_code::kInvalidArgument);
+    return session::publishBody(*session, Subject::fromText(subject, wire::kSubjectCapacity), body,
+                                session_code::kInvalidSubject);
+}
+
+int rv_SendAppAdvisory(rv_Session session, const char* subject, const void* body) {
+    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (!session::isMessage(body)) return session_code::kOk;
+    const session::AdvisoryFields fields(body);
+    if (!fields.complete()) return session_code::kInvalidArgument;
+    if (std::string_view(fields.source) == advisory::kSystem) return message_code::kInvalidName;
+    if (subject == nullptr)
+        return session::publishBody(*session, fields.subject(), body,
+                                    session_code::kInvalidArgument);
+    const auto given = Subject::fromText(subject, session::kGivenSubjectCapacity);
+    if (!given || advisory::isSystemSubject(*given)) return message_code::kInvalidName;
+    return session::publishBody(*session, given, body, message_code::kInvalidName);
+}

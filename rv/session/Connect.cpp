@@ -1,0 +1,126 @@
+// From a daemon address to a link: connecting, the greeting, the version and the queue's
+// parameters.
+//
+// An attempt is a connection on which the daemon's greeting has arrived; there are four of them,
+// with a pause after each that failed, and after the first one a local daemon is started. What the
+// daemon says after that is final, with one exception: a daemon that offers version 3 gets version
+// 4 tried on it, and when that does not succeed a second connection on which 3 is spoken.
+
+#include <optional>
+#include <utility>
+
+#include "platform/Clock.h"
+#include "platform/Socket.h"
+#include "rv/error/rvCodes.h"
+#include "rv/link/LinkIo.h"
+#include "rv/session/SessionParts.h"
+#include "rv/wire/Greeting.h"
+#include "rv/wire/Limits.h"
+
+namespace kvx::session {
+
+namespace {
+
+using link::Deadline;
+using platform::Socket;
+
+constexpr int kAttempts = 4;
+constexpr platform::Milliseconds kPauseMs = 2'000;    // after a failed attempt
+constexpr platform::Milliseconds kConnectMs = 5'000;  // for one connect
+constexpr const char* kDaemonProgram = "rvd";
+
+struct Greeted {
+    int code = session_code::kNotConnected;
+    Socket socket;
+    wire::Greeting greeting;
+};
+
+bool isUnderWay(int error) {
+    return error == platform::socket_error::kWouldBlock ||
+           error == platform::socket_error::kInProgress;
+}
+
+bool connectWithin(const Socket& socket, platform::Endpoint endpoint) {
+    const int error = platform::connectSocket(socket.get(), endpoint);
+    if (error == 0) return true;
+    return isUnderWay(error) &&
+           link::waitUntil(socket.get(), platform::kReadable | platform::kWritable,
+                           Deadline::in(kConnectMs)) &&
+           platform::pendingError(socket.get()) == 0;
+}
+
+std::optional<wire::Greeting> readGreeting(const Socket& socket) {
+    wire::GreetingBytes bytes{};
+    if (!link::readExactly(socket.get(), bytes, Deadline::in(wire::kClientHandshakeMs)))
+        return std::nullopt;
+    const wire::Greeting greeting = wire::decodeGreeting(bytes);
+    return greeting.first == 0 ? std::optional(greeting) : std::nullopt;
+}
+
+Socket newSocket() {
+    int error = 0;
+    Socket socket = platform::createTcpSocket(error);
+    if (!socket) return socket;
+    platform::setReuseAddress(socket.get(), true);
+    platform::setNoDelay(socket.get(), true);
+    platform::setNonBlocking(socket.get(), true);
+    return socket;
+}
+
+Greeted connectGreeted(const rv_Session_& session) {
+    Greeted result;
+    for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+        result.socket = newSocket();
+        if (!result.socket) {
+            result.code = session_code::kInitFailed;
+            return result;
+        }
+        if (connectWithin(result.socket, session.address.endpoint)) {
+            if (const auto greeting = readGreeting(result.socket)) {
+                result.greeting = *greeting;
+                result.code = wire::isKnownVersion(*greeting) ? session_code::kOk
+                                                              : session_code::kVersionMismatch;
+                return result;
+            }
+        }
+        result.socket.reset();
+        if (attempt == 1 && session.address.local &&
+            !rv_StartDaemon(kDaemonProgram, session.daemon.c_str()))
+            return result;
+        platform::sleepMs(kPauseMs);
+    }
+    return result;
+}
+
+bool answerGreeting(const rv_Session_& session, const Socket& socket, std::uint32_t version) {
+    const wire::Greeting answer{0, version, session.address.local ? 1U : 0U};
+    return link::writeExactly(socket.get(), wire::encode(answer),
+                              Deadline::in(wire::kClientHandshakeMs));
+}
+
+bool speakV4(rv_Session_& session, Socket socket) {
+    return answerGreeting(session, socket, wire::kProtocolV4) &&
+           ipq_NegotiateV4(&session.queue, session, std::move(socket)) == IPQ_SETUP_OK;
+}
+
+int speakV3(rv_Session_& session) {
+    Greeted again = connectGreeted(session);
+    if (again.code != 0) return again.code;
+    if (again.greeting.version != wire::kProtocolV3) return session_code::kVersionMismatch;
+    if (answerGreeting(session, again.socket, wire::kProtocolV3) &&
+        ipq_CreateV3(&session.queue, session, std::move(again.socket)) == IPQ_SETUP_OK)
+        return session_code::kOk;
+    return session_code::kInitFailed;
+}
+
+}  // namespace
+
+int connectLink(rv_Session_& session) {
+    Greeted first = connectGreeted(session);
+    if (first.code != 0) return first.code;
+    if (speakV4(session, std::move(first.socket))) return session_code::kOk;
+    return first.greeting.version == wire::kProtocolV3 ? speakV3(session)
+                                                       : session_code::kInitFailed;
+}
+
+}  // namespace kvx::session

@@ -1,0 +1,68 @@
+#include "rv/session/Flavour.h"
+
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "rv/error/rvCodes.h"
+#include "rv/link/LinkHost.h"
+#include "rv/session/rv_Session.h"
+
+namespace kvx::session {
+
+namespace {
+
+struct ProcessDefaults {
+    std::mutex lock;
+    FlavourRecord flavour;
+    ipq_Properties link = link::kDefaultProperties;
+};
+
+ProcessDefaults& processDefaults() {
+    static ProcessDefaults defaults;
+    return defaults;
+}
+
+std::optional<std::string> copyOf(const char* text) {
+    return text == nullptr ? std::nullopt : std::optional<std::string>(text);
+}
+
+const char* textOrNull(const std::optional<std::string>& text) {
+    return text ? text->c_str() : nullptr;
+}
+
+}  // namespace
+
+wire::Flavour FlavourRecord::view() const {
+    return {id, textOrNull(name), textOrNull(ticket), key, flags};
+}
+
+FlavourRecord processFlavour() {
+    const std::scoped_lock guard(processDefaults().lock);
+    return processDefaults().flavour;
+}
+
+ipq_Properties processLinkProperties() {
+    const std::scoped_lock guard(processDefaults().lock);
+    return processDefaults().link;
+}
+
+void setProcessLinkProperties(const ipq_Properties& properties) {
+    const std::scoped_lock guard(processDefaults().lock);
+    processDefaults().link = properties;
+}
+
+}  // namespace kvx::session
+
+int rv_Flavor(int id, const char* name, const char* ticket, int key, int flags) {
+    using namespace kvx::session;
+    if (id == 0) return kvx::session_code::kVersionMismatch;
+    try {
+        FlavourRecord record{id, copyOf(name), copyOf(ticket), key, flags};
+        const std::scoped_lock guard(processDefaults().lock);
+        processDefaults().flavour = std::move(record);
+    } catch (const std::bad_alloc&) {
+        return kvx::session_code::kNoMemory;
+    }
+    return kvx::session_code::kOk;
+}

@@ -1,0 +1,158 @@
+// The session introduces itself to its daemon after every connect.
+//
+// A first init message brings the address under which the daemon sees this client, from which the
+// session's name is made; a second one tells name and control inbox. Then every subscription is
+// announced, and the wildcard that covers all inboxes under the name. Inboxes made under an earlier
+// name live on: the wildcards of such names are announced too, as long as one of their inboxes is
+// listened on.
+//
+// The link is in blocking mode meanwhile. Nothing here calls user code except the listen hooks.
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "platform/Process.h"
+#include "rv/error/rvCodes.h"
+#include "rv/message/WireReader.h"
+#include "rv/session/SessionParts.h"
+
+namespace kvx::session {
+
+namespace {
+
+constexpr platform::Milliseconds kReplyMs = 10'000;  // for the daemon's answer, and for our writes
+
+int send(rv_Session_& session, wire::Built built) {
+    if (built.code != 0) return codeOfBuild(built.code);
+    if (ipq_Enqueue(session.queue, std::move(built.message), false) || ipq_WasKept(session.queue))
+        return ipq_StateOf(session.queue) == IPQ_PEER_GONE ? session_code::kNotConnected
+                                                           : session_code::kOk;
+    return ipq_StateOf(session.queue) == IPQ_NO_MEMORY ? session_code::kNoMemory
+                                                       : session_code::kNotConnected;
+}
+
+int sendInit(rv_Session_& session, bool named) {
+    std::string control;
+    if (const ListenRecord* record = session.listens.find(session.control))
+        control = record->subject.view().text();
+    wire::InitFields fields;
+    fields.userId = session.user.c_str();
+    fields.session = named ? session.name.c_str() : nullptr;
+    fields.service = session.service.c_str();
+    fields.network = session.network.c_str();
+    fields.control = control.empty() ? nullptr : control.c_str();
+    fields.flavour = session.flavour.view();
+    return send(session, wire::buildInit(fields));
+}
+
+std::string makeName(const rv_Session_& session) {
+    char name[96];
+    std::snprintf(name, sizeof name, "%08lX.%lX%lX%lX",
+                  static_cast<unsigned long>(loadBig32(&session.clientAddress)),
+                  platform::processId(), static_cast<unsigned long>(session.created),
+                  session.identity);
+    return name;
+}
+
+void adoptName(rv_Session_& session) {
+    std::string name = makeName(session);
+    if (name == session.name) return;
+    std::erase(session.formerNames, name);
+    if (!session.name.empty()) session.formerNames.push_back(std::move(session.name));
+    session.name = std::move(name);
+}
+
+int readReply(rv_Session_& session) {
+    const wire::Bytes message = ipq_ReadWithin(session.queue, kReplyMs);
+    if (message.empty()) return session_code::kNotConnected;
+    const wire::Reply reply = wire::readReply(message);
+    if (reply.code != 0) return reply.code;
+    session.clientAddress = reply.ipAddress;
+    session.clientPort = reply.ipPort;
+    adoptName(session);
+    return session_code::kOk;
+}
+
+void ignoreDelivery(rv_Session, const char*, const char*, rvmsg_Type, rvmsg_Size, rvmsg_Data,
+                    void*) {}
+
+int provideControlInbox(rv_Session_& session) {
+    if (session.control != nullptr) return session_code::kOk;
+    return addInbox(session, &session.control, ignoreDelivery, nullptr, false);
+}
+
+int announceRecords(rv_Session_& session) {
+    for (const ListenRecord* record : session.listens.ordered()) {
+        if (isInbox(record->subject)) continue;
+        wire::Built built = listenMessage(session, *record);
+        if (built.code == 0 &&
+            session.hooks.run(RV_HOOK_LISTEN, &session, built.message.bytes.get()) != 0)
+            continue;
+        if (const int code = send(session, std::move(built)); code != 0) return code;
+    }
+    return session_code::kOk;
+}
+
+int announceInboxesOf(rv_Session_& session, const std::string& name) {
+    const auto subject =
+        Subject::fromText(("_INBOX." + name + ".>").c_str(), wire::kSubjectCapacity);
+    if (!subject) return session_code::kInvalidSubject;
+    return send(session, wire::buildListen(bytesOf(*subject), nullptr, session.flavour.id));
+}
+
+// A name is in use while one of its inboxes is listened on.
+void forgetUnusedNames(rv_Session_& session) {
+    const auto records = session.listens.ordered();
+    std::erase_if(session.formerNames, [&](const std::string& name) {
+        const std::string prefix = "_INBOX." + name + ".";
+        return std::ranges::none_of(records, [&](const ListenRecord* record) {
+            return isInbox(record->subject) && record->subject.view().text().starts_with(prefix);
+        });
+    });
+}
+
+int announceInboxes(rv_Session_& session) {
+    if (!session.formerNames.empty()) forgetUnusedNames(session);
+    int code = announceInboxesOf(session, session.name);
+    for (std::size_t i = 0; i < session.formerNames.size() && code == 0; ++i)
+        code = announceInboxesOf(session, session.formerNames[i]);
+    return code;
+}
+
+int introduce(rv_Session_& session) {
+    int code = sendInit(session, false);
+    if (code == 0) code = readReply(session);
+    if (code == 0) code = provideControlInbox(session);
+    if (code == 0) code = sendInit(session, true);
+    if (code == 0) code = announceRecords(session);
+    if (code == 0) code = announceInboxes(session);
+    return code;
+}
+
+int introduceSafely(rv_Session_& session) {
+    try {
+        return introduce(session);
+    } catch (const std::bad_alloc&) {
+        return session_code::kNoMemory;
+    }
+}
+
+}  // namespace
+
+int connectAndIntroduce(rv_Session_& session) {
+    if (const int code = connectLink(session); code != 0) return code;
+    ipq_SetStallLimit(session.queue, kReplyMs);
+    ipq_SetBlocking(session.queue, true);
+    const int code = introduceSafely(session);
+    if (code != 0) {
+        if (session.queue != nullptr) ipq_Close(session.queue, false);
+        session.queue = nullptr;
+        return code;
+    }
+    watchLink(session);
+    return session_code::kOk;
+}
+
+}  // namespace kvx::session

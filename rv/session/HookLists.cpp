@@ -1,0 +1,41 @@
+#include "rv/session/HookLists.h"
+
+#include <algorithm>
+
+namespace kvx::session {
+
+void HookLists::add(rv_HookList list, rv_Hook hook, void* closure) {
+    lists_[list].entries.push_back({hook, closure});
+}
+
+bool HookLists::remove(rv_HookList list, rv_Hook hook, void* closure) {
+    List& hooks = lists_[list];
+    const auto found = std::ranges::find_if(hooks.entries, [&](const Entry& entry) {
+        return entry.hook == hook && entry.closure == closure;
+    });
+    if (found == hooks.entries.end()) return false;
+    if (hooks.running > 0)
+        found->hook = nullptr;
+    else
+        hooks.entries.erase(found);
+    return true;
+}
+
+int HookLists::run(rv_HookList list, rv_Session session, const void* message) {
+    List& hooks = lists_[list];
+    if (hooks.entries.empty()) return 0;
+    const bool resultCounts = list <= RV_HOOK_LISTEN;
+    int result = 0;
+    ++hooks.running;
+    for (std::size_t i = 0; i < hooks.entries.size() && result == 0; ++i) {
+        const Entry entry = hooks.entries[i];
+        if (entry.hook == nullptr) continue;
+        const int given = entry.hook(session, message, entry.closure);
+        if (resultCounts) result = given;
+    }
+    if (--hooks.running == 0)
+        std::erase_if(hooks.entries, [](const Entry& entry) { return entry.hook == nullptr; });
+    return result;
+}
+
+}  // namespace kvx::session

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <array>
+#include <vector>
+
+#include "rv/session/rvSessionHooks.h"
+
+namespace kvx::session {
+
+/// The seven hook lists of a session. Hooks may add and remove hooks while they run: what they add
+/// to the running list is called too, what they remove is not called any more.
+class HookLists {
+  public:
+    void add(rv_HookList list, rv_Hook hook, void* closure);
+    [[nodiscard]] bool remove(rv_HookList list, rv_Hook hook, void* closure);
+    /// Calls the hooks in order until one gives a nonzero result, which is returned. The notifying
+    /// lists (3 to 6) are run to their end and give 0.
+    int run(rv_HookList list, rv_Session session, const void* message);
+
+  private:
+    static constexpr std::size_t kLists = 7;
+    struct Entry {
+        rv_Hook hook;  // null: removed while its list ran
+        void* closure;
+    };
+    struct List {
+        std::vector<Entry> entries;
+        int running = 0;
+    };
+    std::array<List, kLists> lists_;
+};
+
+}  // namespace kvx::session

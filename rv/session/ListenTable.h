@@ -1,0 +1,63 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "rv/event/IdTable.h"
+#include "rv/message/SubjectTree.h"
+#include "rv/message/SubjectView.h"
+#include "rv/session/rv_Session.h"
+
+namespace kvx::session {
+
+/// One subscription of a session.
+struct ListenRecord {
+    Subject subject;
+    rv_DataCallback callback;
+    void* closure;
+    bool local;         ///< announced to the daemon without a companion inbox, or not at all
+    bool textSubjects;  ///< the callback gets dotted text, else the encoded form
+    long serial;        ///< the listen counter when it was made
+    rv_Listener companion = nullptr;  ///< the private reply inbox of a record that is not local
+};
+
+/// The listen records of a session: by id, by subject, and in the order in which they were made.
+/// Loop thread only. Addresses of records stay valid until they are removed.
+class ListenTable {
+  public:
+    /// Keeps the record under its subject; null without memory. May throw `std::bad_alloc`.
+    [[nodiscard]] rv_Listener add(ListenRecord record);
+    /// Null for a dead or foreign id.
+    [[nodiscard]] ListenRecord* find(rv_Listener id);
+    void remove(rv_Listener id);
+
+    /// Every record, in the order in which they were made.
+    [[nodiscard]] std::vector<const ListenRecord*> ordered();
+    /// The dotted subject of a record's companion inbox; empty when it has none.
+    [[nodiscard]] std::string companionText(const ListenRecord& record);
+
+    /// Calls `visit(ListenRecord&)` for every record that a message on `subject` reaches, in the
+    /// order of listening, until `visit` gives false. Returns the number of calls. `visit` may
+    /// change the table.
+    template <class Visit>
+    std::size_t match(SubjectView subject, Visit&& visit) const {
+        if (subject.first() == kInboxElement) return tree_.matchExact(subject, visit);
+        if (!subject.hasWildcards()) return tree_.match(subject, visit);
+        const bool reserved = subject.first() == kReservedElement;
+        const auto admit = [reserved](std::string_view first) {
+            return first != kInboxElement && (reserved || first != kReservedElement);
+        };
+        return tree_.matchCovered(subject, admit, visit);
+    }
+
+  private:
+    event::IdTable<ListenRecord> records_;
+    SubjectTree<ListenRecord> tree_;
+};
+
+/// True for subjects below "_INBOX", which are never announced one by one.
+[[nodiscard]] inline bool isInbox(SubjectView subject) {
+    return subject.first() == kInboxElement;
+}
+
+}  // namespace kvx::session

@@ -1,0 +1,138 @@
+// Running a session, and looking at its connection.
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+#include "rv/error/rvCodes.h"
+#include "rv/link/LinkTrace.h"
+#include "rv/session/SessionParts.h"
+
+namespace kvx::session {
+
+namespace {
+
+constexpr std::string_view kQueueProperty = "ipqProperties";
+constexpr unsigned long kLongestWaitMs = 0x7FFFFFFF;
+
+platform::Milliseconds waitOf(unsigned long timeoutMs) {
+    return static_cast<platform::Milliseconds>(std::min(timeoutMs, kLongestWaitMs));
+}
+
+int runLoop(rv_Session_& session) {
+    const Entered entered(session);
+    session.inLoop = true;
+    const int code = rvevm_MainLoop(session.manager);
+    session.inLoop = false;
+    return code == 0 ? session_code::kOk : session_code::kInitFailed;
+}
+
+int dispatch(rv_Session_& session, platform::Milliseconds timeout) {
+    const Entered entered(session);
+    const ipq_State state = ipq_DispatchOne(session.queue, timeout);
+    return state == IPQ_OK || state == IPQ_EMPTY ? session_code::kOk : session_code::kNotConnected;
+}
+
+int flush(rv_Session_& session, platform::Milliseconds timeout) {
+    const Entered entered(session);
+    switch (ipq_Flush(session.queue, timeout)) {
+        case IPQ_OK:
+            return session_code::kOk;
+        case IPQ_EMPTY:
+            return session_code::kNotPermitted;
+        default:
+            linkLost(session);
+            return session_code::kNotConnected;
+    }
+}
+
+void adoptProperties(rv_Session_& session, const ipq_Properties& properties) {
+    session.properties = properties;
+    if (session.queue != nullptr) ipq_SetProperties(session.queue, properties);
+}
+
+}  // namespace
+
+}  // namespace kvx::session
+
+using namespace kvx;
+
+int rv_RunOnce(rv_Session session) {
+    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (session->manager == nullptr || session->inLoop) return session_code::kOk;
+    return session::runLoop(*session);
+}
+
+int rv_StopLoop(rv_Session session) {
+    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (session->manager == nullptr) return event_code::kSynchronous;
+    return rvevm_Stop(session->manager);
+}
+
+int rv_Dispatch(rv_Session session, unsigned long timeoutMs) {
+    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (session->manager != nullptr) return session_code::kInvalidArgument;
+    if (session->queue == nullptr) return session_code::kNotConnected;
+    return session::dispatch(*session, session::waitOf(timeoutMs));
+}
+
+int rv_Flush(rv_Session session, unsigned long timeoutMs) {
+    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (session->queue == nullptr) return session_code::kNotConnected;
+    return session::flush(*session, session::waitOf(timeoutMs));
+}
+
+int rv_Pending(rv_Session session, unsigned long* messages, unsigned long* bytes) {
+    if (messages != nullptr) *messages = 0;
+    if (bytes != nullptr) *bytes = 0;
+    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (session->queue == nullptr) return session_code::kOk;
+    if (messages != nullptr) *messages = ipq_WaitingMessages(session->queue);
+    if (bytes != nullptr) *bytes = ipq_WaitingBytes(session->queue);
+    return session_code::kOk;
+}
+
+int rv_SetProperty(rv_Session session, const char* name, const void* record) {
+    if (session != nullptr && !rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (name == nullptr || record == nullptr || name != session::kQueueProperty)
+        return session_code::kInvalidArgument;
+    ipq_Properties properties;
+    std::memcpy(&properties, record, sizeof properties);
+    if (session == nullptr)
+        session::setProcessLinkProperties(properties);
+    else
+        session::adoptProperties(*session, properties);
+    return session_code::kOk;
+}
+
+void rv_SetTraceLevel(const int* level) {
+    link::setTraceLevel(level);
+}
+
+int rv_AddHook(rv_Session session, rv_HookList list, rv_Hook hook, void* closure) {
+    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (list < RV_HOOK_PUBLISH || list > RV_HOOK_RELEASE || hook == nullptr)
+        return session_code::kInvalidArgument;
+    try {
+        session->hooks.add(list, hook, closure);
+    } catch (const std::bad_alloc&) {
+        return session_code::kNoMemory;
+    }
+    return session_code::kOk;
+}
+
+int rv_RemoveHook(rv_Session session, rv_HookList list, rv_Hook hook, void* closure) {
+    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (list < RV_HOOK_PUBLISH || list > RV_HOOK_RELEASE || hook == nullptr)
+        return session_code::kInvalidArgument;
+    return session->hooks.remove(list, hook, closure) ? session_code::kOk
+                                                      : session_code::kInvalidArgument;
+}
+
+const char* rv_SessionName(rv_Session session) {
+    return rv_IsOpen(session) ? session->name.c_str() : "";
+}
+
+bool rv_IsConnected(rv_Session session) {
+    return rv_IsOpen(session) && session->queue != nullptr;
+}

@@ -1,0 +1,107 @@
+// Publishing: one allocation a message, which the connection takes over.
+
+#include <new>
+#include <utility>
+
+#include "rv/error/rvAdvisory.h"
+#include "rv/error/rvCodes.h"
+#include "rv/message/rvSubject.h"
+#include "rv/session/SessionParts.h"
+
+namespace kvx::session {
+
+namespace {
+
+using SubjectBuffer = std::uint8_t[wire::kSubjectCapacity];
+
+// The encoded form of a subject that user code may publish on; 21 otherwise.
+int encodePublic(const char* subject, SubjectBuffer& encoded) {
+    if (rvSubject_FromText(encoded, sizeof encoded, subject) < 0)
+        return session_code::kInvalidSubject;
+    return advisory::isSystemSubject(SubjectView::trusted(encoded)) ? session_code::kInvalidSubject
+                                                                    : session_code::kOk;
+}
+
+bool isSendable(rvmsg_Type type, rvmsg_Data data) {
+    return data != nullptr || type == RVMSG_NONE;
+}
+
+// What a failed queueing leads to. `kept`: the message waits although another one was dropped.
+int queueingFailed(rv_Session_& session, ipq_State state, bool kept) {
+    switch (state) {
+        case IPQ_NO_MEMORY:
+            return session_code::kNoMemory;
+        case IPQ_LIMIT_EXCEEDED:
+            announceFastProducer(session, advisory::kError);
+            return kept ? session_code::kOk : session_code::kNoMemory;
+        default:
+            linkLost(session);
+            return session_code::kNotConnected;
+    }
+}
+
+}  // namespace
+
+int queueMessage(rv_Session_& session, wire::OwnedMessage message) {
+    if (session.queue == nullptr) return session_code::kNotConnected;
+    if (!ipq_Enqueue(session.queue, std::move(message), false))
+        return queueingFailed(session, ipq_StateOf(session.queue), ipq_WasKept(session.queue));
+    if (ipq_WaitingMessages(session.queue) >= advisory::kFastProducerThreshold)
+        announceFastProducer(session, advisory::kWarn);
+    return session_code::kOk;
+}
+
+int publish(rv_Session_& session, SubjectView subject, const char* reply,
+            const wire::Payload& payload) {
+    wire::Built built = wire::buildData(bytesOf(subject), reply, session.flavour.id, payload);
+    if (built.code != 0) return codeOfBuild(built.code);
+    if (const int refused = session.hooks.run(RV_HOOK_PUBLISH, &session, built.message.bytes.get());
+        refused != 0)
+        return refused;
+    return queueMessage(session, std::move(built.message));
+}
+
+}  // namespace kvx::session
+
+using namespace kvx;
+
+int rv_Send(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
+            rvmsg_Size size, rvmsg_Data data) {
+    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (subject == nullptr) return session_code::kInvalidArgument;
+    session::SubjectBuffer encoded;
+    if (const int code = session::encodePublic(subject, encoded); code != 0) return code;
+    if (!session::isSendable(type, data)) return session_code::kNoMemory;
+    if (session->queue == nullptr) return session_code::kNotConnected;
+    const session::Entered entered(*session);
+    return session::publish(*session, SubjectView::trusted(encoded), reply, {type, size, data});
+}
+
+int rv_SendRequest(rv_Session session, rv_Listener* listener, const char* subject, rvmsg_Type type,
+                   rvmsg_Size size, rvmsg_Data data, rv_DataCallback callback, void* closure) {
+    if (listener != nullptr) *listener = nullptr;
+    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (subject == nullptr) return session_code::kInvalidArgument;
+    const session::Entered entered(*session);
+    char inbox[wire::kInboxCapacity];
+    int code = rv_CreateInbox(session, listener, inbox, sizeof inbox, callback, closure);
+    if (code != 0) return code;
+    code = rv_Send(session, subject, inbox, type, size, data);
+    if (code != 0) {
+        session->listens.remove(*listener);
+        *listener = nullptr;
+    }
+    return code;
+}
+
+int rv_Deliver(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
+               rvmsg_Size size, rvmsg_Data data) {
+    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    if (subject == nullptr) return session_code::kInvalidArgument;
+    session::SubjectBuffer encoded;
+    if (const int code = session::encodePublic(subject, encoded); code != 0) return code;
+    if (!session::isSendable(type, data)) return session_code::kNoMemory;
+    const session::Entered entered(*session);
+    return session::deliverLocally(*session, SubjectView::trusted(encoded), reply,
+                                   {type, size, data});
+}

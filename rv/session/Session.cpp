@@ -1,0 +1,183 @@
+// A session's life: created, found by its handle, entered, closed.
+//
+// A handle is valid while it stands in the register of open sessions, so that a closed handle is
+// recognised without reading what it pointed to. Closing has two halves. `rv_Close` takes the
+// handle out of the register, closes the link and removes every event; from then on no callback of
+// the session is called. The memory goes at once, or, when one of the session's callbacks is on the
+// stack, when the last `Entered` is left.
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <new>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "platform/Process.h"
+#include "rv/error/rvAdvisory.h"
+#include "rv/error/rvCodes.h"
+#include "rv/event/EventManagerExtras.h"
+#include "rv/session/SessionParts.h"
+
+namespace kvx::session {
+
+namespace {
+
+constexpr const char* kDefaultDaemon = "tcp:7500";
+constexpr const char* kNoDaemon = "-";
+constexpr std::size_t kMaxUserName = 63;  // characters
+
+class OpenSessions {
+  public:
+    void add(rv_Session session) {
+        const std::scoped_lock guard(lock_);
+        sessions_.push_back(session);
+    }
+    void remove(rv_Session session) {
+        const std::scoped_lock guard(lock_);
+        std::erase(sessions_, session);
+    }
+    bool holds(rv_Session session) {
+        const std::scoped_lock guard(lock_);
+        return std::ranges::find(sessions_, session) != sessions_.end();
+    }
+
+  private:
+    std::mutex lock_;
+    std::vector<rv_Session> sessions_;
+};
+
+OpenSessions& openSessions() {
+    static OpenSessions sessions;
+    return sessions;
+}
+
+unsigned long nextIdentity() {
+    static std::atomic<unsigned long> last{0};
+    return ++last;
+}
+
+const std::string& processUser() {
+    static const std::string user = platform::userName().substr(0, kMaxUserName);
+    return user;
+}
+
+std::string textOr(const char* text, const char* otherwise) {
+    return text == nullptr || *text == '\0' ? otherwise : text;
+}
+
+int buildNoMemoryAdvisory(rv_Session_& session) {
+    const auto subject = Subject::fromText(advisory::kNoMemorySubject);
+    if (!subject) return session_code::kNoMemory;
+    wire::Built built = wire::buildData(bytesOf(*subject), nullptr, session.flavour.id, {});
+    session.noMemoryAdvisory = std::move(built.message);
+    return built.code == 0 ? session_code::kOk : session_code::kNoMemory;
+}
+
+int fill(rv_Session_& session, const char* service, const char* network, const char* daemon) {
+    session.created = platform::wallSeconds();
+    session.identity = nextIdentity();
+    session.user = processUser();
+    session.service = textOr(service, "");
+    session.network = textOr(network, "");
+    session.daemon = textOr(daemon, kDefaultDaemon);
+    session.flavour = processFlavour();
+    session.properties = processLinkProperties();
+    if (const int code = buildNoMemoryAdvisory(session); code != 0) return code;
+    return session.manager == nullptr ? session_code::kOk : session.events.start(session.manager);
+}
+
+int connectFirst(rv_Session_& session) {
+    if (session.daemon == kNoDaemon) return session_code::kOk;
+    const auto address = parseDaemon(session.daemon.c_str());
+    if (!address) return session_code::kDaemonNotFound;
+    session.address = *address;
+    return connectAndIntroduce(session);
+}
+
+void release(rv_Session_* session) {
+    session->hooks.run(RV_HOOK_RELEASE, session, nullptr);
+    rvevm_Manager shared = session->sharesManager ? session->manager : nullptr;
+    delete session;
+    if (shared != nullptr) event::releaseSharedManager(shared);
+}
+
+void closeLink(rv_Session_& session) {
+    if (session.queue != nullptr) {
+        const ipq_Queue queue = session.queue;
+        session.queue = nullptr;
+        ipq_Close(queue, true);
+    }
+    session.events.stop();
+    session.reconnectTimer = nullptr;
+}
+
+}  // namespace
+
+Entered::~Entered() {
+    if (--session_.entered == 0 && session_.closeRequested) release(&session_);
+}
+
+int create(rv_Session* out, rvevm_Manager manager, bool sharesManager, const char* service,
+           const char* network, const char* daemon) {
+    try {
+        auto session = std::make_unique<rv_Session_>(manager);
+        int code = fill(*session, service, network, daemon);
+        if (code == 0) code = connectFirst(*session);
+        if (code != 0) return code;
+        openSessions().add(session.get());
+        session->sharesManager = sharesManager;
+        *out = session.release();
+        return session_code::kOk;
+    } catch (const std::bad_alloc&) {
+        return session_code::kNoMemory;
+    }
+}
+
+int codeOfBuild(int messageCode) {
+    return messageCode == 0 ? session_code::kOk : session_code::kNoMemory;
+}
+
+}  // namespace kvx::session
+
+using namespace kvx;
+
+bool rv_IsOpen(rv_Session session) {
+    return session != nullptr && session::openSessions().holds(session);
+}
+
+int rv_CreateSession(rv_Session* session, rvevm_Manager manager, const char* service,
+                     const char* network, const char* daemon) {
+    if (session == nullptr) return session_code::kInvalidArgument;
+    *session = nullptr;
+    return session::create(session, manager, false, service, network, daemon);
+}
+
+int rv_Open(rv_Session* session, const char* service, const char* network, const char* daemon) {
+    if (session == nullptr) return session_code::kInvalidArgument;
+    *session = nullptr;
+    int eventCode = 0;
+    const rvevm_Manager manager = event::acquireSharedManager(eventCode);
+    if (manager == nullptr)
+        return eventCode == event_code::kResourcesExceeded ? session_code::kNoMemory
+                                                           : session_code::kInitFailed;
+    const int code = session::create(session, manager, true, service, network, daemon);
+    if (code != 0) event::releaseSharedManager(manager);
+    return code;
+}
+
+int rv_Close(rv_Session session) {
+    if (!rv_IsOpen(session) || session->closeStarted) return session_code::kInvalidSession;
+    const session::Entered entered(*session);
+    session->closeStarted = true;
+    session->hooks.run(RV_HOOK_CLOSE, session, nullptr);
+    session::openSessions().remove(session);
+    session->closeRequested = true;
+    session::closeLink(*session);
+    if (session->inLoop) rvevm_Stop(session->manager);
+    return session_code::kOk;
+}
+
+rvevm_Manager rv_EventManager(rv_Session session) {
+    return rv_IsOpen(session) ? session->manager : nullptr;
+}
