@@ -1,0 +1,163 @@
+// What a queue makes of the bytes that its peer sends.
+
+#include "rv/link/LinkTrace.h"
+#include "tests/rv/link/LinkFixture.h"
+
+namespace {
+
+using kvx::test::ByteVector;
+using Texts = std::vector<std::string>;
+
+class QueueReading : public kvx::test::LinkFixture {
+  protected:
+    void SetUp() override { open(); }
+    void runUntilHeard(std::size_t count) {
+        runUntil([this, count] { return heard_.size() >= count || peerGone_; });
+    }
+    void runUntilGone() {
+        runUntil([this] { return peerGone_; });
+    }
+};
+
+TEST_F(QueueReading, DeliversOnceAndWholeWhatComesByteByByte) {
+    peer_.sendByteByByte(data("split").message.view());
+    peer_.send(data("marker"));
+    runUntilHeard(2);
+    EXPECT_EQ(heard_, (Texts{"split", "marker"}));
+}
+
+TEST_F(QueueReading, MessagesLargerThanTheReceiveBufferArriveWhole) {
+    const std::string large(1'000'000, 'x');
+    std::thread sender([&] {
+        peer_.send(data("before"));
+        peer_.send(data(large));
+        peer_.send(data("after"));
+    });
+    runUntilHeard(3);
+    sender.join();
+    EXPECT_EQ(heard_, (Texts{"before", large, "after"}));
+}
+
+TEST_F(QueueReading, KeepalivesDeliverNothing) {
+    peer_.send(kvx::wire::kKeepaliveBlock);
+    peer_.send(data("a"));
+    peer_.send(kvx::wire::kKeepaliveBlock);
+    peer_.send(data("b"));
+    runUntilHeard(2);
+    EXPECT_EQ(heard_, (Texts{"a", "b"}));
+}
+
+TEST_F(QueueReading, ACloseNoticeIsAnsweredAfterTheMessagesBeforeIt) {
+    peer_.send(data("last"));
+    peer_.send(kvx::wire::kCloseBlock);
+    peer_.send(data("never"));
+    runUntilGone();
+    EXPECT_EQ(heard_, Texts{"last"});
+    EXPECT_EQ(peer_.read(8), ByteVector(8, 0));
+    EXPECT_TRUE(peer_.read(1).empty());
+}
+
+TEST_F(QueueReading, AnInvalidMessageIsDroppedCountedAndTraced) {
+    kvx::wire::Built bad = data("bad");
+    bad.message.bytes[8] = 0xFF;  // a name longer than the message
+    const int level = 1;
+    kvx::link::setTraceLevel(&level);
+    testing::internal::CaptureStderr();
+    peer_.send(bad);
+    peer_.send(data("good"));
+    runUntilHeard(1);
+    const std::string trace = testing::internal::GetCapturedStderr();
+    kvx::link::setTraceLevel(nullptr);
+    EXPECT_EQ(heard_, Texts{"good"});
+    EXPECT_EQ(ipq_StatisticsOf(queue_).messagesInvalid, 1U);
+    EXPECT_EQ(ipq_StatisticsOf(queue_).messagesRead, 1U);
+    EXPECT_NE(trace.find("invalid message"), std::string::npos);
+}
+
+TEST_F(QueueReading, AStopLeavesTheRestForTheNextRunWithoutNewInput) {
+    ByteVector all;
+    for (int i = 0; i < 200; ++i) {
+        const kvx::wire::Built built = data(std::to_string(i));
+        all.insert(all.end(), built.message.view().begin(), built.message.view().end());
+    }
+    onHeard_ = [this] { rvevm_Stop(manager_); };
+    peer_.send(all);
+    rvevm_MainLoop(manager_);
+    const std::size_t first = heard_.size();
+    EXPECT_GE(first * data("0").message.size(), 4096U - 200U) << "the budget was not used up";
+    EXPECT_LT(first, 200U);
+    onHeard_ = [] {};
+    runUntilHeard(200);
+    EXPECT_EQ(heard_.back(), "199");
+}
+
+TEST_F(QueueReading, ClosingInsideTheCallbackEndsTheDelivery) {
+    onHeard_ = [this] {
+        closeQueue();
+        rvevm_Stop(manager_);
+    };
+    for (const char* text : {"a", "b", "c"}) peer_.send(data(text));
+    rvevm_MainLoop(manager_);
+    EXPECT_EQ(heard_, Texts{"a"});
+    EXPECT_FALSE(peerGone_);
+}
+
+TEST_F(QueueReading, ReadingOnInsideTheCallbackLeavesItsMessageAlone) {
+    onHeard_ = [&] {
+        const std::string large(100'000, 'n');
+        std::thread sender([&] { peer_.send(data(large)); });
+        while (heard_.size() < 2) ipq_DispatchOne(queue_, 10'000);
+        sender.join();
+    };
+    ipq_SetMessageCallback(
+        queue_,
+        [](ipq_Queue, kvx::wire::Bytes message, void* closure) {
+            auto* self = static_cast<QueueReading*>(closure);
+            self->heard_.push_back(textIn(message));
+            const std::size_t mine = self->heard_.size() - 1;
+            std::exchange(self->onHeard_, [] {})();
+            EXPECT_EQ(textIn(message), self->heard_[mine]);
+        },
+        this);
+    peer_.send(data("outer"));
+    runUntilHeard(2);
+    EXPECT_EQ(heard_[0], "outer");
+}
+
+TEST_F(QueueReading, MovesToAnotherManagerWithWhatItHasReceived) {
+    rvevm_Manager other = nullptr;
+    rvevm_Create(&other);
+    std::swap(manager_, other);
+    ASSERT_EQ(ipq_MoveToManager(queue_, *this), IPQ_OK);
+    peer_.send(data("here"));
+    runUntilHeard(1);
+    EXPECT_EQ(heard_, Texts{"here"});
+    rvevm_Destroy(other);
+}
+
+class BrokenStream : public QueueReading, public testing::WithParamInterface<ByteVector> {};
+
+TEST_P(BrokenStream, EndsTheLinkAfterWhatCameBefore) {
+    peer_.send(data("sound"));
+    peer_.send(GetParam());
+    runUntilGone();
+    EXPECT_EQ(heard_, Texts{"sound"});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Headers, BrokenStream,
+    testing::Values(ByteVector{0, 0, 0, 9, 0x12, 0x34, 0x56, 0x78},  // another magic
+                    ByteVector{0, 0, 0, 7, 0x99, 0x55, 0xEE, 0xAA},  // shorter than itself
+                    ByteVector{0, 0, 0, 0, 0x99, 0x55, 0xEE, 0xAA},
+                    ByteVector{0x04, 0, 0, 1, 0x99, 0x55, 0xEE, 0xAA},  // above 64 MiB
+                    ByteVector{0xFF, 0xFF, 0xFF, 0xFF, 0x99, 0x55, 0xEE, 0xAA}));
+
+TEST_F(QueueReading, TheEndOfTheStreamInsideAMessageEndsTheLink) {
+    peer_.send(data("whole"));
+    peer_.send(data("cut short").message.view().first(20));
+    peer_.close();
+    runUntilGone();
+    EXPECT_EQ(heard_, Texts{"whole"});
+}
+
+}  // namespace

@@ -1,0 +1,157 @@
+// What a queue puts on the wire, and when.
+
+#include "tests/rv/link/LinkFixture.h"
+
+namespace {
+
+using kvx::test::ByteVector;
+using kvx::test::PeerLink;
+
+class QueueWriting : public kvx::test::LinkFixture {
+  protected:
+    std::string readText() {
+        const ByteVector message = peer_.readMessage();
+        return message.size() < 9 ? "" : textIn(message);
+    }
+    // Lets the peer take everything while the loop runs, and returns the texts it got.
+    std::vector<std::string> drainInLoop() {
+        std::vector<std::string> texts;
+        std::thread reader([&] {
+            for (std::string text = readText(); text != "end"; text = readText())
+                texts.push_back(text);
+        });
+        EXPECT_TRUE(enqueue("end") || ipq_WasKept(queue_));
+        runUntil([this] { return ipq_WaitingMessages(queue_) == 0; });
+        reader.join();
+        return texts;
+    }
+};
+
+TEST_F(QueueWriting, WritesAtOnceWhatFindsNothingBeforeIt) {
+    open();
+    EXPECT_TRUE(enqueue("now"));
+    EXPECT_EQ(ipq_WaitingMessages(queue_), 0U);
+    EXPECT_EQ(readText(), "now");
+}
+
+TEST_F(QueueWriting, KeepsTheOrderWhenThePeerStopsReadingAndGoesOn) {
+    open();
+    const std::string body(1'000, 'b');
+    int sent = 0;
+    while (ipq_WaitingMessages(queue_) < 500) ASSERT_TRUE(enqueue(std::to_string(sent++) + body));
+    const auto texts = drainInLoop();
+    ASSERT_EQ(texts.size(), static_cast<std::size_t>(sent));
+    for (int i = 0; i < sent; ++i) ASSERT_EQ(texts[i], std::to_string(i) + body);
+    EXPECT_GT(ipq_StatisticsOf(queue_).messagesWritten, 500U);
+    EXPECT_LT(ipq_StatisticsOf(queue_).writeAttempts, static_cast<std::uint64_t>(sent) + 200U);
+}
+
+TEST_F(QueueWriting, BatchingLeavesTheWritingToTheNextEvent) {
+    properties_.batching = 1;
+    open();
+    EXPECT_TRUE(enqueue("a"));
+    EXPECT_TRUE(enqueue("b"));
+    EXPECT_EQ(ipq_WaitingMessages(queue_), 2U);
+    runUntil([this] { return ipq_WaitingMessages(queue_) == 0; });
+    EXPECT_EQ(readText(), "a");
+    EXPECT_EQ(readText(), "b");
+    EXPECT_EQ(ipq_StatisticsOf(queue_).writeAttempts, 1U);
+}
+
+TEST_F(QueueWriting, TheMessageLimitReportsAFailureAndKeepsTheNewest) {
+    open({.messages = 2'000});
+    const std::string body(3'000, 'b');
+    int sent = 0;
+    while (enqueue(std::to_string(sent) + body)) ++sent;
+    EXPECT_EQ(ipq_StateOf(queue_), IPQ_LIMIT_EXCEEDED);
+    EXPECT_TRUE(ipq_WasKept(queue_));
+    EXPECT_EQ(ipq_StatisticsOf(queue_).messagesDropped, 2U) << "one segment of two messages";
+    const auto texts = drainInLoop();
+    EXPECT_EQ(texts.back(), std::to_string(sent) + body);
+    EXPECT_EQ(texts.size() + ipq_StatisticsOf(queue_).messagesDropped,
+              static_cast<std::size_t>(sent) + 1);
+}
+
+TEST_F(QueueWriting, TheByteLimitRefuses) {
+    open({.bytes = 100'000});
+    const std::string body(3'000, 'b');
+    while (enqueue(body)) {
+    }
+    EXPECT_EQ(ipq_StateOf(queue_), IPQ_LIMIT_EXCEEDED);
+    EXPECT_FALSE(ipq_WasKept(queue_));
+    EXPECT_LE(ipq_WaitingBytes(queue_), 100'000U);
+    EXPECT_FALSE(drainInLoop().empty());
+    EXPECT_TRUE(enqueue(body));
+}
+
+TEST_F(QueueWriting, ABrokenConnectionIsState7) {
+    open();
+    peer_.close();
+    while (enqueue("into the void")) {
+    }
+    EXPECT_EQ(ipq_StateOf(queue_), IPQ_PEER_GONE);
+}
+
+TEST_F(QueueWriting, FlushEndsWithTheTimeoutOrWhenAllIsWritten) {
+    open();
+    while (ipq_WaitingMessages(queue_) == 0) ASSERT_TRUE(enqueue(std::string(5'000, 'b')));
+    EXPECT_EQ(ipq_Flush(queue_, 1), IPQ_EMPTY);
+    std::thread reader([this] {
+        while (!peer_.readMessage().empty()) {
+        }
+    });
+    EXPECT_EQ(ipq_Flush(queue_, 10'000), IPQ_OK);
+    EXPECT_EQ(ipq_WaitingBytes(queue_), 0U);
+    closeQueue();
+    reader.join();
+}
+
+TEST_F(QueueWriting, SilenceIsEndedByAKeepaliveOnceItLastsAMinute) {
+    kvx::platform::ManualClock clock;  // the loop's waits pass at once
+    open();
+    rvevm_Id end = nullptr;
+    rvevm_AddTimer(
+        manager_, &end, 200'000,
+        [](void* manager, void*, int, void*) { rvevm_Stop(static_cast<rvevm_Manager>(manager)); },
+        nullptr);
+    rvevm_MainLoop(manager_);
+    EXPECT_EQ(ipq_StatisticsOf(queue_).messagesWritten, 2U)
+        << "at 60 s and, being traffic, at 180 s";
+    closeQueue();
+    const ByteVector keepalive(kvx::wire::kKeepaliveBlock.begin(),
+                               kvx::wire::kKeepaliveBlock.end());
+    EXPECT_EQ(peer_.readMessage(), keepalive);
+    EXPECT_EQ(peer_.readMessage(), keepalive);
+    EXPECT_TRUE(peer_.read(1).empty());
+}
+
+TEST_F(QueueWriting, AGracefulCloseFlushesSaysGoodbyeAndWaitsForThePeer) {
+    open();
+    const std::string body(5'000, 'b');
+    int sent = 0;
+    while (ipq_WaitingMessages(queue_) < 20) {
+        ASSERT_TRUE(enqueue(body));
+        ++sent;
+    }
+    int received = 0;
+    ByteVector last;
+    std::thread reader([&] {
+        for (last = peer_.readMessage(); last.size() > 8; last = peer_.readMessage()) ++received;
+        peer_.send(kvx::wire::kCloseBlock);
+        peer_.close();
+    });
+    ipq_Close(std::exchange(queue_, nullptr), true);
+    reader.join();
+    EXPECT_EQ(received, sent);
+    EXPECT_EQ(last, ByteVector(8, 0));
+}
+
+TEST_F(QueueWriting, AGracefulCloseDoesNotWaitForeverForAPeerThatStaysOpen) {
+    kvx::platform::ManualClock clock;
+    open();
+    const auto before = clock.now();
+    ipq_Close(std::exchange(queue_, nullptr), true);
+    EXPECT_EQ(clock.now() - before, 5'000);
+}
+
+}  // namespace
