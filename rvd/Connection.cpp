@@ -165,8 +165,18 @@ void Connection::onWritten(int status) {
 
 void Connection::tick(platform::Milliseconds now) {
     if (destroyed_) return;
+    logLosses();
     if (!ending_) return peer_->tick(now);
     if (now >= endBy_) destroy();
+}
+
+// At most one line a tick, however much is lost.
+void Connection::logLosses() {
+    const std::uint64_t dropped = outbox_.totals().dropped;
+    if (dropped == lossesLogged_) return;
+    server_.log().warning(name_ + " does not keep up: " + std::to_string(dropped - lossesLogged_) +
+                          " messages dropped, " + std::to_string(dropped) + " in all");
+    lossesLogged_ = dropped;
 }
 
 void Connection::shutDown() {

@@ -15,7 +15,7 @@ namespace kvx::rvd {
 namespace {
 
 constexpr int kUsageStatus = 2;
-constexpr const char* kVersionLine = "rvd 1.0.0 (bus protocol 5.3.2)";
+constexpr const char* kVersionLine = "rvd " KVX_VERSION;
 constexpr const char* kDefaultListen = "tcp:7500";
 
 // Options that are spelled with one dash, as the library writes them when it starts a daemon.

@@ -113,6 +113,18 @@ TEST_F(RunningDaemon, StopsWithACloseNoticeBehindWhatWaits) {
     EXPECT_EQ(status, 0);
 }
 
+TEST_F(RunningDaemon, StopsAlthoughAClientNeitherReadsNorCloses) {
+    RawClient deaf(daemon.port(), 8192);
+    deaf.negotiate();
+    deaf.announce("", "");
+    deaf.listen("A");
+    deaf.settle();
+    RawClient sender = session();
+    for (int i = 0; i < 200; ++i) sender.publish("A", std::string(100'000, 'x'));
+    sender.settle();
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
 TEST_F(RunningDaemon, SecondOneOnThePortSaysSoAndEnds) {
     const Finished second = runDaemonProgram({"-listen", "tcp:" + std::to_string(daemon.port())});
     EXPECT_EQ(second.status, 1);
