@@ -1,9 +1,7 @@
 #pragma once
 
+#include "rv/object/CallbackReference.h"
 #include "rv/object/RvSessionObject.h"
-
-class RvCallback;
-struct RvCallbackHandle;
 
 /// Something that calls a callback: a listener, a timer, watched I/O or a signal.
 ///
@@ -23,6 +21,6 @@ class KVX_API RvEvent : public RvSessionObject {
     RvEvent(RvSessionBlock* block, RvCallback* callback, void* closure);
 
   private:
-    RvCallbackHandle* m_callback;
+    kvx::detail::CallbackReference m_callback;
     void* m_closure;
 };

@@ -27,12 +27,13 @@ class KVX_API RvListener : public RvEvent {
 
   private:
     friend class RvSession;
-    friend class RvSender;
     friend struct kvx::detail::ListenerState;
 
     /// `subject` null makes an inbox. Leaves the outcome in the block's status.
     RvListener(RvSessionBlock* block, const char* subject, unsigned long timeoutMs,
                RvDataCallback* callback, void* closure);
+
+    void takeInboundFilter(const kvx::detail::CallbackReference& filter);
 
     kvx::detail::ListenerState* m_state;
 };

@@ -1,12 +1,13 @@
 #pragma once
 
+#include "rv/object/CallbackReference.h"
 #include "rv/object/RvSessionObject.h"
 #include "rv/object/RvStatus.h"
+#include "rv/object/Text.h"
 
 class RvDataCallback;
 class RvDatum;
 class RvListener;
-struct RvCallbackHandle;
 
 /// Publishes on one subject. Made by `RvSession::newSender`; the caller owns it. Loop thread only.
 class KVX_API RvSender : public RvSessionObject {
@@ -29,17 +30,20 @@ class KVX_API RvSender : public RvSessionObject {
                             void* closure);
 
     /// Owned by the sender.
-    const char* subject() const { return m_subject; }
+    const char* subject() const { return m_subject.get(); }
 
     /// Owned by the sender; null when there is none.
-    const char* replySubject() const { return m_replySubject; }
+    const char* replySubject() const { return m_replySubject.get(); }
 
   private:
     friend class RvSession;
 
     RvSender(RvSessionBlock* block, const char* subject, const char* replySubject);
 
-    RvCallbackHandle* m_outboundFilter = nullptr;
-    char* m_subject = nullptr;
-    char* m_replySubject = nullptr;
+    /// Filters and publishes; the result is a session code. This sender may be gone afterwards.
+    int publish(const RvDatum& data, const char* replySubject);
+
+    kvx::detail::CallbackReference m_outboundFilter;
+    kvx::detail::Text m_subject;
+    kvx::detail::Text m_replySubject;
 };

@@ -2,6 +2,7 @@
 
 #include "platform/Export.h"
 #include "rv/event/rvevm.h"
+#include "rv/object/CallbackReference.h"
 #include "rv/object/RvStatus.h"
 #include "rv/session/rv_Session.h"
 
@@ -15,7 +16,6 @@ class RvSignal;
 class RvSignalCallback;
 class RvTimer;
 class RvTimerCallback;
-struct RvCallbackHandle;
 struct RvSessionBlock;
 
 namespace kvx {
@@ -81,11 +81,11 @@ class KVX_API RvSession {
     RvStatus dispatch(unsigned long timeoutMs);
 
   private:
-    bool accepts(bool argumentsAreGood, unsigned int refusal);
+    bool accepts(bool argumentsAreGood, int refusal);
     template <class Object, class... Arguments>
     Object* create(Arguments... arguments);
 
     RvSessionBlock* m_block;
-    RvCallbackHandle* m_outboundFilter = nullptr;
-    RvCallbackHandle* m_inboundFilter = nullptr;
+    kvx::detail::CallbackReference m_outboundFilter;
+    kvx::detail::CallbackReference m_inboundFilter;
 };
