@@ -1,0 +1,198 @@
+#include "rv/ft/Election.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+// A member is waiting, prepared or active. It knows the others by their last beats, and drops one
+// that has been silent for the activation interval or has said that it leaves. From that:
+//
+//   - It activates when fewer than the active goal of better-ranked peers are left, but not before
+//   the
+//     activation interval has passed since it joined (or got its daemon back): until then it may
+//     not have heard everybody. A peer's silence counts from its last beat, so the moment is known
+//     ahead.
+//   - It prepares so much earlier, and never activates sooner after preparing, also when a leave
+//   makes
+//     the place free at once.
+//   - Active, it steps back as soon as `activeGoal` better-ranked active peers are heard, or when
+//   it
+//     has been cut off for the activation interval, since by then somebody else may be active.
+//
+// A driver that comes late (its thread stood still) has not read yet what the others said
+// meanwhile. Its silence is no evidence, so an inactive member then listens for one heartbeat more.
+
+namespace kvx::ft {
+
+bool Rank::isBetterThan(const Rank& other) const {
+    if (weight != other.weight) return weight > other.weight;
+    if (start != other.start) return start < other.start;
+    return id < other.id;
+}
+
+Election::Election(Rank self, const Rules& rules, Time now)
+    : self_(std::move(self)),
+      rules_(rules),
+      joined_(now),
+      mayActivate_(now + rules.activateMs),
+      nextBeat_(now) {
+    announceIfDue(now);
+}
+
+void Election::hear(const Beat& beat, Time now) {
+    if (beat.rank.id == self_.id) return;
+    excuseLateness(now);
+    if (beat.state == MemberState::Leaving) {
+        forget(beat.rank.id, now);
+    } else {
+        remember(beat, now);
+    }
+    decide(now);
+}
+
+void Election::remember(const Beat& beat, Time now) {
+    if (peers_.size() >= kMaximumPeers && peers_.count(beat.rank.id) == 0) {
+        peers_.erase(std::min_element(
+            peers_.begin(), peers_.end(),
+            [](const auto& a, const auto& b) { return a.second.heard < b.second.heard; }));
+    }
+    peers_[beat.rank.id] =
+        Peer{.rank = beat.rank, .isActive = beat.state == MemberState::Active, .heard = now};
+}
+
+// The next in rank takes over from an active peer that leaves, also when it has joined only lately:
+// one heartbeat after the joining it has heard everybody.
+void Election::forget(const std::string& id, Time now) {
+    const auto peer = peers_.find(id);
+    if (peer == peers_.end()) return;
+    if (peer->second.isActive) {
+        mayActivate_ = std::min(mayActivate_, std::max(now, joined_ + rules_.heartbeatMs));
+    }
+    peers_.erase(peer);
+}
+
+void Election::advance(Time now) {
+    excuseLateness(now);
+    dropSilentPeers(now);
+    decide(now);
+    announceIfDue(now);
+}
+
+// Once per activation interval only: a thread that is always late must be able to activate.
+void Election::excuseLateness(Time now) {
+    const bool isLate = now > nextDeadline() + rules_.heartbeatMs;
+    if (!isLate || (lastExcuse_ && *lastExcuse_ + rules_.activateMs > now)) return;
+    lastExcuse_ = now;
+    mayActivate_ = std::max(mayActivate_, now + rules_.heartbeatMs);
+}
+
+void Election::loseLink(Time now) {
+    if (!linkLost_) linkLost_ = now;
+    if (phase_ == Phase::Prepared) enter(Phase::Waiting, now);
+}
+
+void Election::restoreLink(Time now) {
+    linkLost_.reset();
+    peers_.clear();
+    joined_ = now;
+    mayActivate_ = now + rules_.activateMs;
+    nextBeat_ = now;
+    announceIfDue(now);
+}
+
+void Election::dropSilentPeers(Time now) {
+    std::erase_if(peers_,
+                  [&](const auto& entry) { return entry.second.heard + rules_.activateMs <= now; });
+}
+
+void Election::decide(Time now) {
+    if (phase_ == Phase::Active) {
+        decideActive(now);
+    } else if (!linkLost_) {
+        decideInactive(now);
+    }
+}
+
+void Election::decideActive(Time now) {
+    const bool isCutOff = linkLost_ && *linkLost_ + rules_.activateMs <= now;
+    if (isCutOff || betterActivePeers() >= rules_.activeGoal) enter(Phase::Waiting, now);
+}
+
+void Election::decideInactive(Time now) {
+    const Time due = activationTime();
+    if (phase_ == Phase::Waiting && rules_.prepareMs > 0 && due - rules_.prepareMs <= now) {
+        enter(Phase::Prepared, now);
+    } else if (phase_ == Phase::Prepared && due - rules_.prepareMs > now) {
+        enter(Phase::Waiting, now);
+    }
+    if (rules_.prepareMs > 0 && (phase_ != Phase::Prepared || prepared_ + rules_.prepareMs > now)) {
+        return;
+    }
+    if (due <= now) enter(Phase::Active, now);
+}
+
+void Election::enter(Phase phase, Time now) {
+    const bool wasActive = phase_ == Phase::Active;
+    phase_ = phase;
+    if (phase == Phase::Prepared) {
+        prepared_ = now;
+        steps_.push_back(Step::Prepare);
+    }
+    if (wasActive == (phase == Phase::Active)) return;
+    steps_.push_back(Step::Announce);
+    nextBeat_ = now + rules_.heartbeatMs;
+    steps_.push_back(wasActive ? Step::Deactivate : Step::Activate);
+}
+
+void Election::announceIfDue(Time now) {
+    if (nextBeat_ > now) return;
+    nextBeat_ = now + rules_.heartbeatMs;
+    steps_.push_back(Step::Announce);
+}
+
+// When fewer than the goal of better-ranked peers will be left, if nobody is heard any more.
+Time Election::activationTime() const {
+    std::vector<Time> ends;
+    for (const auto& [id, peer] : peers_) {
+        if (peer.rank.isBetterThan(self_)) ends.push_back(peer.heard + rules_.activateMs);
+    }
+    if (ends.size() < rules_.activeGoal) return mayActivate_;
+    const auto last = ends.begin() + static_cast<std::ptrdiff_t>(rules_.activeGoal - 1);
+    std::nth_element(ends.begin(), last, ends.end(), std::greater<>());
+    return std::max(mayActivate_, *last);
+}
+
+std::size_t Election::betterActivePeers() const {
+    return static_cast<std::size_t>(
+        std::count_if(peers_.begin(), peers_.end(), [&](const auto& entry) {
+            return entry.second.isActive && entry.second.rank.isBetterThan(self_);
+        }));
+}
+
+std::optional<Step> Election::takeStep() {
+    if (steps_.empty()) return std::nullopt;
+    const Step step = steps_.front();
+    steps_.pop_front();
+    return step;
+}
+
+Time Election::nextDeadline() const {
+    Time deadline = nextBeat_;
+    if (phase_ == Phase::Active) {
+        if (linkLost_) deadline = std::min(deadline, *linkLost_ + rules_.activateMs);
+        return deadline;
+    }
+    if (linkLost_) return deadline;
+    const Time due = activationTime();
+    if (phase_ == Phase::Prepared) {
+        return std::min(deadline, std::max(due, prepared_ + rules_.prepareMs));
+    }
+    return std::min(deadline, due - rules_.prepareMs);
+}
+
+Beat Election::beat() const {
+    return Beat{.rank = self_,
+                .state = phase_ == Phase::Active ? MemberState::Active : MemberState::Waiting};
+}
+
+}  // namespace kvx::ft

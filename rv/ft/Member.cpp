@@ -1,0 +1,162 @@
+#include "rv/ft/Member.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/Clock.h"
+#include "rv/error/rvCodes.h"
+#include "rv/ft/GroupMessage.h"
+#include "rv/message/rvmsg.h"
+#include "rv/session/rvSessionEvents.h"
+#include "rv/session/rvSessionHooks.h"
+
+// Everything the core calls back with is the member's token, never a pointer: a callback that comes
+// for a member that has left finds nobody. Sending may run user code (the core tells its listeners
+// when it finds the daemon gone), and so may every action, so steps are carried out by one loop,
+// which a nested call leaves to the outer one, and which looks after each step whether the member
+// is still there.
+
+namespace kvx::ft {
+
+namespace {
+
+template <void (Member::*News)()>
+int onHook(rv_Session /*session*/, const void* /*message*/, void* token) {
+    if (const auto member = findMember(token)) (member.get()->*News)();
+    return 0;
+}
+
+int onClose(rv_Session /*session*/, const void* /*message*/, void* token) {
+    rvft_Leave(static_cast<rvft_MemberId>(token));
+    return 0;
+}
+
+void onTimerEvent(void* /*session*/, void* token, int /*kind*/, void* /*id*/) {
+    if (const auto member = findMember(token)) member->onTimer();
+}
+
+void onMessage(rv_Session /*session*/, const char* /*subject*/, const char* /*reply*/,
+               rvmsg_Type type, rvmsg_Size /*size*/, rvmsg_Data data, void* token) {
+    if (type != RVMSG_MSG) return;
+    if (const auto member = findMember(token)) member->onBeat(data);
+}
+
+struct HookEntry {
+    rv_HookList list;
+    rv_Hook hook;
+};
+
+constexpr HookEntry kHooks[] = {
+    {.list = RV_HOOK_DISCONNECT, .hook = onHook<&Member::onDisconnect>},
+    {.list = RV_HOOK_RECONNECT, .hook = onHook<&Member::onReconnect>},
+    {.list = RV_HOOK_CLOSE, .hook = onClose},
+};
+
+}  // namespace
+
+Member::Member(Membership membership, Rank rank, const Rules& rules, void* token)
+    : membership_(std::move(membership)),
+      token_(token),
+      election_(std::move(rank), rules, platform::monotonicMs()) {}
+
+bool Member::start(const std::string& subject) {
+    subject_ = subject;
+    if (!registerWithSession()) {
+        unregister();
+        return false;
+    }
+    if (!rv_IsConnected(membership_.session)) election_.loseLink(platform::monotonicMs());
+    carryOut();
+    return true;
+}
+
+bool Member::registerWithSession() {
+    rv_Session session = membership_.session;
+    for (const HookEntry& entry : kHooks) {
+        if (rv_AddHook(session, entry.list, entry.hook, token_) != 0) return false;
+    }
+    return rv_AddTimer(session, &timer_, 0, onTimerEvent, token_) == 0 &&
+           rv_Listen(session, &listener_, subject_.c_str(), onMessage, token_) == 0;
+}
+
+void Member::unregister() {
+    rv_Session session = membership_.session;
+    for (const HookEntry& entry : kHooks) rv_RemoveHook(session, entry.list, entry.hook, token_);
+    if (timer_ != nullptr) rv_RemoveTimer(session, std::exchange(timer_, nullptr));
+    if (listener_ != nullptr) rv_Cancel(session, std::exchange(listener_, nullptr));
+}
+
+void Member::leave() {
+    hasLeft_ = true;
+    announce(election_.farewell());
+    unregister();
+}
+
+void Member::onBeat(const void* message) {
+    const auto beat = decodeBeat(message, membership_.group);
+    if (!beat) return;
+    election_.hear(*beat, platform::monotonicMs());
+    carryOut();
+}
+
+void Member::onTimer() {
+    timer_ = nullptr;
+    election_.advance(platform::monotonicMs());
+    carryOut();
+}
+
+void Member::onDisconnect() {
+    election_.loseLink(platform::monotonicMs());
+    carryOut();
+}
+
+void Member::onReconnect() {
+    election_.restoreLink(platform::monotonicMs());
+    carryOut();
+}
+
+void Member::carryOut() {
+    if (isCarryingOut_) return;
+    isCarryingOut_ = true;
+    while (!hasLeft_) {
+        const auto step = election_.takeStep();
+        if (!step) break;
+        int action = RVFT_DEACTIVATE;
+        switch (*step) {
+            case Step::Announce:
+                announce(election_.beat());
+                continue;
+            case Step::Prepare:
+                action = RVFT_PREPARE_TO_ACTIVATE;
+                break;
+            case Step::Activate:
+                action = RVFT_ACTIVATE;
+                break;
+            case Step::Deactivate:
+                break;
+        }
+        membership_.action(membership_.session, membership_.group.c_str(), action,
+                           membership_.closure);
+    }
+    isCarryingOut_ = false;
+    if (!hasLeft_) arm();
+}
+
+// Without a connection nobody can hear it; the disconnect hook has told the election.
+void Member::announce(const Beat& beat) {
+    const auto message = encodeBeat(beat, membership_.group);
+    if (message.empty()) return;
+    rv_Send(membership_.session, subject_.c_str(), nullptr, RVMSG_MSG, 0, message.data());
+}
+
+void Member::arm() {
+    const Time wait = std::max<Time>(0, election_.nextDeadline() - platform::monotonicMs());
+    const auto interval = static_cast<unsigned long>(wait);
+    if (timer_ != nullptr) {
+        rv_ResetTimer(membership_.session, timer_, interval);
+    } else {
+        rv_AddTimer(membership_.session, &timer_, interval, onTimerEvent, token_);
+    }
+}
+
+}  // namespace kvx::ft

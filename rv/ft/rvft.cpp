@@ -1,0 +1,158 @@
+#include "rv/ft/rvft.h"
+
+#include <algorithm>
+#include <atomic>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "platform/Clock.h"
+#include "rv/ft/GroupMessage.h"
+#include "rv/ft/Member.h"
+#include "rv/session/rvSessionHooks.h"
+
+namespace kvx::ft {
+
+namespace {
+
+enum FtCode : int {
+    kOk = 0,
+    kBadArgument = 1,
+    kBadSession = 2,
+    kNoMemory = 3,
+    kAlreadyMember = 4,
+    kNoMember = 5,
+    kCannotAnnounce = 6,
+};
+
+class Registry {
+  public:
+    static Registry& instance() {
+        static auto& registry = *new Registry;  // sessions may close while the process ends
+        return registry;
+    }
+
+    bool has(rv_Session session, const std::string& group) const {
+        const std::lock_guard guard(lock_);
+        for (const auto& [token, member] : members_) {
+            if (member->isOf(session, group)) return true;
+        }
+        return false;
+    }
+    void add(void* token, std::shared_ptr<Member> member) {
+        const std::lock_guard guard(lock_);
+        members_.emplace(token, std::move(member));
+    }
+    std::shared_ptr<Member> find(void* token) const {
+        const std::lock_guard guard(lock_);
+        const auto found = members_.find(token);
+        return found == members_.end() ? nullptr : found->second;
+    }
+    std::shared_ptr<Member> take(void* token) {
+        const std::lock_guard guard(lock_);
+        auto node = members_.extract(token);
+        return node.empty() ? nullptr : std::move(node.mapped());
+    }
+
+  private:
+    mutable std::mutex lock_;
+    std::map<void*, std::shared_ptr<Member>> members_;  // guarded by lock_
+};
+
+std::uintptr_t nextNumber() {
+    static std::atomic<std::uintptr_t> last = 0;
+    return ++last;
+}
+
+// An interval too long for the clock becomes the longest one, some 24 days.
+Rules rulesOf(unsigned activeGoal, unsigned long heartbeatMs, unsigned long prepareMs,
+              unsigned long activateMs) {
+    const auto interval = [](unsigned long milliseconds) {
+        constexpr unsigned long kLongest = std::numeric_limits<std::int32_t>::max();
+        return static_cast<Time>(std::min(milliseconds, kLongest));
+    };
+    return {.activeGoal = activeGoal,
+            .heartbeatMs = interval(heartbeatMs),
+            .prepareMs = interval(prepareMs),
+            .activateMs = interval(activateMs)};
+}
+
+bool areValid(const Rules& rules) {
+    return rules.activeGoal > 0 && rules.heartbeatMs > 0 && rules.activateMs >= rules.heartbeatMs &&
+           rules.activateMs >= rules.prepareMs;
+}
+
+int join(Membership membership, unsigned weight, const Rules& rules, rvft_MemberId* id) {
+    rv_Session session = membership.session;
+    if (Registry::instance().has(session, membership.group)) return kAlreadyMember;
+    const auto subject = groupSubject(membership.group);
+    const std::string name = rv_SessionName(session);
+    if (!subject || name.empty()) return kCannotAnnounce;
+    const std::uintptr_t number = nextNumber();
+    auto* token = reinterpret_cast<void*>(number);
+    Rank rank{.weight = weight,
+              .start = static_cast<std::uint64_t>(platform::wallMilliseconds()),
+              .id = name + "." + std::to_string(number)};
+    auto member = std::make_shared<Member>(std::move(membership), std::move(rank), rules, token);
+    Registry::instance().add(token, member);
+    if (!member->start(*subject)) {
+        Registry::instance().take(token);
+        return kCannotAnnounce;
+    }
+    *id = static_cast<rvft_MemberId>(token);
+    return kOk;
+}
+
+}  // namespace
+
+std::shared_ptr<Member> findMember(void* token) {
+    return Registry::instance().find(token);
+}
+
+}  // namespace kvx::ft
+
+int rvft_Join(rv_Session session, rvft_MemberId* id, const char* group, unsigned weight,
+              unsigned activeGoal, unsigned long heartbeatMs, unsigned long prepareMs,
+              unsigned long activateMs, rvft_Action action, void* closure) {
+    if (!rv_IsOpen(session)) return kvx::ft::kBadSession;
+    if (id == nullptr || group == nullptr || *group == '\0' || action == nullptr) {
+        return kvx::ft::kBadArgument;
+    }
+    const kvx::ft::Rules rules = kvx::ft::rulesOf(activeGoal, heartbeatMs, prepareMs, activateMs);
+    if (!kvx::ft::areValid(rules)) return kvx::ft::kBadArgument;
+    try {
+        return kvx::ft::join({session, group, action, closure}, weight, rules, id);
+    } catch (const std::bad_alloc&) {
+        return kvx::ft::kNoMemory;
+    }
+}
+
+int rvft_Leave(rvft_MemberId id) {
+    const auto member = kvx::ft::Registry::instance().take(id);
+    if (member == nullptr) return kvx::ft::kNoMember;
+    member->leave();
+    return kvx::ft::kOk;
+}
+
+const char* rvft_ErrorText(rv_Session /*session*/, int code) {
+    switch (code) {
+        case kvx::ft::kOk:
+            return "No error";
+        case kvx::ft::kBadArgument:
+            return "Invalid fault-tolerance argument";
+        case kvx::ft::kBadSession:
+            return "Invalid session";
+        case kvx::ft::kNoMemory:
+            return "Out of memory";
+        case kvx::ft::kAlreadyMember:
+            return "Already a member of this group";
+        case kvx::ft::kNoMember:
+            return "Not a member";
+        case kvx::ft::kCannotAnnounce:
+            return "The group cannot be announced";
+        default:
+            return "";
+    }
+}

@@ -1,0 +1,225 @@
+// One member's view: what it does when, for the beats that it hears.
+
+#include "rv/ft/Election.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+using kvx::ft::Beat;
+using kvx::ft::Election;
+using kvx::ft::MemberState;
+using kvx::ft::Rank;
+using kvx::ft::Rules;
+using kvx::ft::Step;
+using kvx::ft::Time;
+
+namespace {
+
+constexpr Time kBeat = 1500;
+constexpr Time kActivate = 4800;
+const Rules kService{
+    .activeGoal = 1, .heartbeatMs = kBeat, .prepareMs = 0, .activateMs = kActivate};
+
+Rank rank(std::uint32_t weight, std::uint64_t start, const char* id) {
+    return {weight, start, id};
+}
+
+const Rank kSelf = rank(50, 1000, "m");
+const Rank kBetter = rank(50, 900, "older");
+const Rank kWorse = rank(50, 1100, "younger");
+
+struct Told {
+    Step action;
+    Time when;
+    bool operator==(const Told&) const = default;
+};
+
+// An election on a clock that goes from deadline to deadline.
+class Driven {
+  public:
+    explicit Driven(const Rules& rules = kService, const Rank& self = kSelf)
+        : election(self, rules, 0) {
+        collect();
+    }
+
+    void hear(const Rank& who, MemberState state) {
+        election.hear(Beat{who, state}, now);
+        collect();
+    }
+
+    // Meanwhile `who`, when given, beats at each heartbeat.
+    void runUntil(Time end, std::optional<Beat> who = std::nullopt) {
+        Time nextHeard = who ? now : end + 1;
+        while (true) {
+            const Time next = std::min(std::max(now, election.nextDeadline()), nextHeard);
+            if (next > end) break;
+            now = next;
+            if (now == nextHeard) {
+                election.hear(*who, now);
+                nextHeard += kBeat;
+            }
+            election.advance(now);
+            collect();
+        }
+        now = end;
+    }
+
+    void collect() {
+        while (const auto step = election.takeStep()) {
+            if (*step == Step::Announce) {
+                announced.push_back(now);
+            } else {
+                told.push_back({*step, now});
+            }
+        }
+    }
+
+    Election election;
+    Time now = 0;
+    std::vector<Time> announced;
+    std::vector<Told> told;
+};
+
+using Actions = std::vector<Told>;
+
+}  // namespace
+
+TEST(Rank, GoesByWeightThenStartThenId) {
+    EXPECT_TRUE(rank(51, 9, "z").isBetterThan(rank(50, 1, "a")));
+    EXPECT_TRUE(rank(50, 1, "z").isBetterThan(rank(50, 2, "a")));
+    EXPECT_TRUE(rank(50, 1, "a").isBetterThan(rank(50, 1, "b")));
+    EXPECT_FALSE(rank(50, 1, "a").isBetterThan(rank(50, 1, "a")));
+}
+
+TEST(Election, AloneActivatesAfterTheActivationIntervalAndAnnouncesItselfEachBeat) {
+    Driven member;
+    member.runUntil(7000);
+    EXPECT_EQ(member.told, (Actions{{Step::Activate, kActivate}}));
+    EXPECT_EQ(member.announced, (std::vector<Time>{0, 1500, 3000, 4500, 4800, 6300}));
+    EXPECT_EQ(member.election.beat().state, MemberState::Active);
+}
+
+TEST(Election, CountsSilenceFromTheLastBeatHeard) {
+    Driven member;
+    member.runUntil(31000, Beat{kBetter, MemberState::Active});
+    EXPECT_EQ(member.told, Actions{});
+    const Time lastHeard = 30000;
+    member.runUntil(40000);
+    EXPECT_EQ(member.told, (Actions{{Step::Activate, lastHeard + kActivate}}));
+}
+
+TEST(Election, TakesOverAtOnceFromAnActiveMemberThatLeaves) {
+    Driven member;
+    member.runUntil(10000, Beat{kBetter, MemberState::Active});
+    member.hear(kBetter, MemberState::Leaving);
+    EXPECT_EQ(member.told, (Actions{{Step::Activate, 10000}}));
+}
+
+TEST(Election, TakesOverWithinOneBeatOfALeaveEvenWhenJustJoined) {
+    Driven member;
+    member.now = 200;
+    member.hear(kBetter, MemberState::Active);
+    member.hear(kBetter, MemberState::Leaving);
+    member.runUntil(10000);
+    EXPECT_EQ(member.told, (Actions{{Step::Activate, kBeat}}));
+}
+
+TEST(Election, LeavesTheLeadToANextInRank) {
+    Driven member;
+    member.runUntil(10000, Beat{kBetter, MemberState::Active});
+    member.hear(rank(50, 950, "second"), MemberState::Waiting);
+    member.hear(kBetter, MemberState::Leaving);
+    member.runUntil(14000);
+    EXPECT_EQ(member.told, Actions{});
+}
+
+TEST(Election, StepsBackWhenItHearsABetterActiveMemberAndIgnoresWorseOnes) {
+    Driven member;
+    member.runUntil(5000, Beat{kWorse, MemberState::Active});
+    EXPECT_EQ(member.told, (Actions{{Step::Activate, kActivate}}));
+    member.hear(kBetter, MemberState::Waiting);
+    EXPECT_EQ(member.told.size(), 1U);
+    member.hear(kBetter, MemberState::Active);
+    EXPECT_EQ(member.told.back(), (Told{Step::Deactivate, 5000}));
+    EXPECT_EQ(member.announced.back(), 5000);
+}
+
+TEST(Election, KeepsAsManyActiveAsTheGoal) {
+    Rules two = kService;
+    two.activeGoal = 2;
+    Driven member(two);
+    member.runUntil(kActivate, Beat{kBetter, MemberState::Active});
+    EXPECT_EQ(member.told, (Actions{{Step::Activate, kActivate}}));
+    member.hear(kBetter, MemberState::Active);
+    EXPECT_EQ(member.told.size(), 1U);
+    member.hear(rank(50, 950, "second"), MemberState::Active);
+    EXPECT_EQ(member.told.back(), (Told{Step::Deactivate, kActivate}));
+}
+
+TEST(Election, PreparesThePreparationIntervalBeforeActivating) {
+    Rules prepared = kService;
+    prepared.prepareMs = 1000;
+    Driven joining(prepared);
+    joining.runUntil(5000);
+    EXPECT_EQ(joining.told, (Actions{{Step::Prepare, 3800}, {Step::Activate, 4800}}));
+
+    Driven successor(prepared);
+    successor.runUntil(10000, Beat{kBetter, MemberState::Active});
+    successor.hear(kBetter, MemberState::Leaving);
+    successor.runUntil(12000);
+    EXPECT_EQ(successor.told, (Actions{{Step::Prepare, 10000}, {Step::Activate, 11000}}));
+}
+
+TEST(Election, GivesUpAPreparationWhenABetterMemberTurnsUp) {
+    Rules prepared = kService;
+    prepared.prepareMs = 1000;
+    Driven member(prepared);
+    member.runUntil(4000);
+    member.hear(kBetter, MemberState::Waiting);
+    member.runUntil(4000 + kActivate);
+    EXPECT_EQ(member.told, (Actions{{Step::Prepare, 3800},
+                                    {Step::Prepare, 3000 + kActivate},
+                                    {Step::Activate, 4000 + kActivate}}));
+}
+
+TEST(Election, CutOffItStepsBackAfterTheActivationIntervalAndStartsAnew) {
+    Driven member;
+    member.runUntil(5000);
+    member.election.loseLink(member.now);
+    member.runUntil(20000);
+    EXPECT_EQ(member.told.back(), (Told{Step::Deactivate, 5000 + kActivate}));
+    member.election.restoreLink(member.now);
+    member.runUntil(30000);
+    EXPECT_EQ(member.told.back(), (Told{Step::Activate, 20000 + kActivate}));
+    EXPECT_EQ(member.told.size(), 3U);
+}
+
+TEST(Election, AShortCutOffChangesNothing) {
+    Driven member;
+    member.runUntil(5000);
+    member.election.loseLink(member.now);
+    member.runUntil(9000);
+    member.election.restoreLink(member.now);
+    member.runUntil(30000);
+    EXPECT_EQ(member.told.size(), 1U);
+}
+
+// A thread that stood still finds its timers due before it reads what came meanwhile.
+TEST(Election, DoesNotTakeItsOwnStandstillForTheOthersSilence) {
+    Driven member;
+    member.runUntil(9000, Beat{kBetter, MemberState::Active});
+    member.now = 30000;
+    member.election.advance(member.now);
+    member.collect();
+    member.hear(kBetter, MemberState::Active);
+    member.runUntil(32000);
+    EXPECT_EQ(member.told, Actions{});
+    for (; member.now < 60000; member.now += 3 * kBeat) {
+        member.election.advance(member.now);
+        member.collect();
+    }
+    EXPECT_EQ(member.told.size(), 1U) << "one that is always late activates all the same";
+}
