@@ -1,0 +1,120 @@
+// What does it cost to find the subscriptions that a message reaches, against one look-up of the
+// same text in a hash table, and does the number of subscriptions matter?
+
+#include <cstdio>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "bench/support/Measure.h"
+#include "rv/message/SubjectTree.h"
+
+namespace {
+
+using kvx::bench::Contestant;
+using kvx::bench::keep;
+
+constexpr std::size_t kQueries = 4096;    // different subjects, asked in turn
+constexpr std::size_t kWildcardOf = 100;  // one subscription in so many is a wildcard
+constexpr std::size_t kTimes = 20000;
+
+struct Subscription {
+    int hits = 0;
+};
+
+// Five elements, the first three shared by many.
+std::string subjectOf(std::size_t i) {
+    return "NET.REGION" + std::to_string(i % 97) + ".SITE" + std::to_string(i % 1009) + ".DEV" +
+           std::to_string(i) + ".STATUS";
+}
+
+// In turn "*" for the device, ">" below a site of its own, "*" for a site.
+std::string wildcardOf(std::size_t i) {
+    const std::string region = "NET.REGION" + std::to_string(i % 97);
+    switch (i / kWildcardOf % 3) {
+        case 0:
+            return region + ".SITE" + std::to_string(i) + ".*.STATUS";
+        case 1:
+            return region + ".SITE" + std::to_string(i) + ".>";
+        default:
+            return region + ".*.DEV" + std::to_string(i) + ".STATUS";
+    }
+}
+
+class Scene {
+  public:
+    explicit Scene(std::size_t count) : subscriptions_(count) {
+        table_.reserve(count);
+        for (std::size_t i = 0; i < count; ++i) {
+            const bool isWildcard = count < kWildcardOf ? i == 0 : i % kWildcardOf == 0;
+            const std::string text = isWildcard ? wildcardOf(i) : subjectOf(i);
+            tree_.add(*kvx::Subject::fromText(text.c_str()), &subscriptions_[i]);
+            table_.emplace(text, &subscriptions_[i]);
+            if (!isWildcard) candidates_.push_back(i);
+        }
+        std::mt19937 random(20261);
+        for (std::size_t i = 0; i < kQueries; ++i) {
+            texts_.push_back(subjectOf(candidates_[random() % candidates_.size()]));
+            subjects_.push_back(*kvx::Subject::fromText(texts_.back().c_str()));
+        }
+    }
+
+    std::vector<Contestant> contestants() {
+        return {{"hash look-up of the text", [this](std::size_t times) { lookUp(times); }},
+                {"SubjectTree::match", [this](std::size_t times) { match(times); }}};
+    }
+
+    // Both must find the same number; the tree no fewer.
+    bool isSound() {
+        for (std::size_t i = 0; i < kQueries; ++i) {
+            if (tree_.match(subjects_[i], [](Subscription&) {}) < table_.count(texts_[i])) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+  private:
+    void lookUp(std::size_t times) {
+        for (std::size_t i = 0; i < times; ++i) {
+            const auto found = table_.find(texts_[next_++ % kQueries]);
+            if (found != table_.end()) ++found->second->hits;
+        }
+    }
+    void match(std::size_t times) {
+        for (std::size_t i = 0; i < times; ++i) {
+            tree_.match(subjects_[next_++ % kQueries], [](Subscription& found) { ++found.hits; });
+        }
+    }
+
+    std::vector<Subscription> subscriptions_;
+    kvx::SubjectTree<Subscription> tree_;
+    std::unordered_map<std::string, Subscription*> table_;
+    std::vector<std::size_t> candidates_;
+    std::vector<std::string> texts_;
+    std::vector<kvx::Subject> subjects_;
+    std::size_t next_ = 0;
+};
+
+}  // namespace
+
+int main() {
+    std::printf(
+        "Subjects of 5 elements, 1%% of the subscriptions wildcards; %zu different subjects are\n"
+        "asked in turn, each with one exact subscriber. The baseline is\n"
+        "std::unordered_map<std::string, ...>::find of the same dotted text. Each figure is the\n"
+        "median of 31 interleaved rounds of %zu questions.\n\n%-30s %-26s %10s %8s\n",
+        kQueries, kTimes, "subscriptions", "how", "ns", "ratio");
+    for (const std::size_t count : {10UL, 10000UL, 1000000UL}) {
+        Scene scene(count);
+        if (!scene.isSound()) {
+            std::fprintf(stderr, "the tree missed a subscription\n");
+            return 1;
+        }
+        std::vector<Contestant> contestants = scene.contestants();
+        kvx::bench::measure(contestants, kTimes);
+        kvx::bench::printRows(std::to_string(count).c_str(), contestants);
+    }
+    return 0;
+}

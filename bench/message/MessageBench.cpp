@@ -1,0 +1,165 @@
+// How much more than a hand-written loop does a message of ten fields cost, to write and to read?
+
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+#include "bench/message/PlainFields.h"
+#include "bench/support/Measure.h"
+#include "rv/message/RvMsg.h"
+#include "rv/message/RvMsgIterator.h"
+
+namespace {
+
+using kvx::bench::Contestant;
+using kvx::bench::keep;
+using kvx::bench::PlainField;
+
+constexpr std::size_t kCapacity = 1024;
+constexpr std::size_t kTimes = 20000;
+
+const std::uint32_t kSequence = 4711;
+const std::uint64_t kStamp = 1234567890123;
+const std::uint16_t kPort = 7500;
+const double kLoad = 0.75;
+const float kRatio = 1.5F;
+
+// The same names, types and values for both formats.
+const std::vector<PlainField> kFields = {
+    {"mtype", RVMSG_STRING, 2, "D"},
+    {"sequence", RVMSG_UINT, 4, &kSequence},
+    {"stamp", RVMSG_UINT, 8, &kStamp},
+    {"port", RVMSG_UINT, 2, &kPort},
+    {"load", RVMSG_REAL, 8, &kLoad},
+    {"ratio", RVMSG_REAL, 4, &kRatio},
+    {"host", RVMSG_STRING, 16, "server.example1"},
+    {"service", RVMSG_STRING, 8, "MONITOR"},
+    {"payload", RVMSG_OPAQUE, 32, "0123456789abcdef0123456789abcdef"},
+    {"status", RVMSG_INT, 4, &kSequence},
+};
+
+struct Buffers {
+    std::uint8_t plain[kCapacity];
+    std::size_t plainLength = 0;
+    std::uint8_t message[kCapacity];
+
+    void encodePlain() {
+        std::uint8_t* at = plain;
+        for (const PlainField& field : kFields) {
+            at = kvx::bench::appendPlain(at, plain + kCapacity, field);
+            if (at == nullptr) return;
+        }
+        plainLength = static_cast<std::size_t>(at - plain);
+    }
+    void encodeMessage() {
+        rvmsg_Init(message, kCapacity);
+        for (const PlainField& field : kFields) {
+            if (rvmsg_Append(message, kCapacity, field.name, field.type, field.size, field.data)) {
+                return;
+            }
+        }
+    }
+};
+
+int sumSizes(const char*, rvmsg_Type, rvmsg_Size size, rvmsg_Data data, void* sum) {
+    keep(data);
+    *static_cast<std::size_t*>(sum) += size;
+    return 0;
+}
+
+template <class Work>
+Contestant repeated(const char* name, Work work) {
+    return {name, [work](std::size_t times) {
+                for (std::size_t i = 0; i < times; ++i) work();
+            }};
+}
+
+std::vector<Contestant> encoders(Buffers& buffers) {
+    return {repeated("hand-written loop",
+                     [&] {
+                         buffers.encodePlain();
+                         keep(buffers);
+                     }),
+            repeated("rvmsg_Append", [&] {
+                buffers.encodeMessage();
+                keep(buffers);
+            })};
+}
+
+std::vector<Contestant> walkers(Buffers& buffers) {
+    const auto plain = [&buffers] {
+        alignas(8) std::uint8_t scratch[16];
+        std::size_t sum = 0;
+        PlainField field{};
+        const std::uint8_t* const end = buffers.plain + buffers.plainLength;
+        for (const std::uint8_t* at = buffers.plain; at != nullptr && at != end;) {
+            at = kvx::bench::readPlain(at, end, scratch, field);
+            keep(field.data);
+            sum += field.size;
+        }
+        keep(sum);
+    };
+    const auto callback = [&buffers] {
+        std::size_t sum = 0;
+        rvmsg_Iterate(buffers.message, nullptr, sumSizes, &sum);
+        keep(sum);
+    };
+    const auto message = std::make_shared<RvMsg>(static_cast<rvmsg_Msg>(buffers.message));
+    const std::shared_ptr<RvMsgIterator> fields(message->newIterator());
+    const auto iterator = [message, fields] {
+        std::size_t sum = 0;
+        fields->reset();
+        while (const RvDatum* field = fields->next()) sum += field->size();
+        keep(sum);
+    };
+    return {repeated("hand-written loop", plain), repeated("rvmsg_Iterate", callback),
+            repeated("RvMsgIterator", iterator)};
+}
+
+std::vector<Contestant> finders(Buffers& buffers) {
+    const char* const last = kFields.back().name;
+    const auto plain = [&buffers, last] {
+        alignas(8) std::uint8_t scratch[16];
+        PlainField field{};
+        const std::uint8_t* const end = buffers.plain + buffers.plainLength;
+        keep(kvx::bench::findPlain(buffers.plain, end, last, scratch, field));
+        keep(field.data);
+    };
+    const auto message = [&buffers, last] {
+        alignas(8) std::uint8_t scratch[16];
+        rvmsg_Data data = nullptr;
+        keep(rvmsg_Get(scratch, buffers.message, last, nullptr, nullptr, &data));
+        keep(data);
+    };
+    return {repeated("hand-written loop", plain), repeated("rvmsg_Get", message)};
+}
+
+void ask(const char* question, std::vector<Contestant> contestants) {
+    kvx::bench::measure(contestants, kTimes);
+    kvx::bench::printRows(question, contestants);
+}
+
+}  // namespace
+
+int main() {
+    std::printf(
+        "A message of 10 fields (text, numbers, 32 opaque bytes) against a hand-written loop over\n"
+        "name, type, size byte and data with the same names, types and values and the same checks\n"
+        "for the buffer's end. Each figure is the median of 31 interleaved rounds of %zu times.\n\n"
+        "%-30s %-26s %10s %8s\n",
+        kTimes, "question", "how", "ns", "ratio");
+    Buffers buffers;
+    buffers.encodePlain();
+    buffers.encodeMessage();
+    ask("encode 10 fields", encoders(buffers));
+    ask("decode all 10 fields", walkers(buffers));
+    ask("find the last by name", finders(buffers));
+    std::size_t length = 0;
+    rvmsg_Size messageLength = 0;
+    rvmsg_Length(buffers.message, &messageLength);
+    length = messageLength;
+    std::vector<Contestant> check = {
+        repeated("rvmsg_Validate", [&] { keep(rvmsg_Validate(buffers.message, length)); })};
+    ask("validate once", check);
+    return 0;
+}
