@@ -1,0 +1,162 @@
+// Every kind of event, and everything that may die inside its callback. The sanitizers say whether
+// anything freed was read; the tests say who is still called.
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "tests/rv/object/ObjectFixture.h"
+
+using kvx::test::ObjectTest;
+using kvx::test::OnData;
+using kvx::test::OnIO;
+using kvx::test::OnTimer;
+
+namespace {
+
+enum class Kind : std::uint8_t { Message, Timeout, OneShot, Repeating, Io };
+
+class EventLifetime : public ObjectTest, public testing::WithParamInterface<Kind> {
+  protected:
+    EventLifetime() { EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sockets_)); }
+    ~EventLifetime() override {
+        for (auto& event : events_) event.reset();
+        for (const int socket : sockets_) ::close(socket);
+    }
+
+    void create(int index) {
+        const auto call = [this, index](auto*... /*event*/) {
+            ++calls[index];
+            if (const auto action = inCallback) action(index);
+        };
+        const auto i = static_cast<std::size_t>(index);
+        switch (GetParam()) {
+            case Kind::Message:
+            case Kind::Timeout:
+                createListener(i, call);
+                break;
+            case Kind::OneShot:
+            case Kind::Repeating: {
+                auto timer = std::make_unique<OnTimer>(call);
+                const auto repeat = GetParam() == Kind::Repeating ? rv_TRUE : rv_FALSE;
+                events_[i].reset(session->newTimer(2, repeat, timer.get(), nullptr));
+                callbacks_[i] = std::move(timer);
+                break;
+            }
+            case Kind::Io: {
+                auto io = std::make_unique<OnIO>(call);
+                const auto socket = static_cast<unsigned>(sockets_[index]);
+                events_[i].reset(session->newIO(socket, RVEVM_WRITE, io.get(), nullptr));
+                callbacks_[i] = std::move(io);
+                break;
+            }
+        }
+        ASSERT_NE(events_[i], nullptr);
+    }
+
+    template <class Call>
+    void createListener(std::size_t i, Call call) {
+        const bool isTimeout = GetParam() == Kind::Timeout;
+        auto data = std::make_unique<OnData>(
+            [call](RvListener* listener, const RvDatum&, RvSender*) { call(listener); });
+        data->callOnTimeout = call;
+        events_[i].reset(session->newListener(kSubject, isTimeout ? 2 : 0, data.get(), nullptr));
+        callbacks_[i] = std::move(data);
+    }
+
+    void comeDue() {
+        if (GetParam() == Kind::Message && session) deliver("x", "reply.to");
+        settle();
+    }
+
+    std::function<void(int)> inCallback;
+    int calls[2] = {};
+    std::unique_ptr<RvEvent> events_[2];
+    std::unique_ptr<RvCallback> callbacks_[2];
+
+  private:
+    int sockets_[2] = {};
+};
+
+std::string nameOf(const testing::TestParamInfo<Kind>& info) {
+    static const char* const names[] = {"Message", "Timeout", "OneShot", "Repeating", "Io"};
+    return names[static_cast<int>(info.param)];
+}
+
+}  // namespace
+
+TEST_P(EventLifetime, DestroysItself) {
+    create(0);
+    inCallback = [this](int) { events_[0].reset(); };
+    comeDue();
+    comeDue();
+    EXPECT_EQ(calls[0], 1);
+}
+
+TEST_P(EventLifetime, DestroysAnotherOneThatIsDue) {
+    create(0);
+    create(1);
+    inCallback = [this](int index) {
+        events_[1 - index].reset();
+        inCallback = nullptr;
+    };
+    comeDue();
+    comeDue();
+    EXPECT_EQ(std::min(calls[0], calls[1]), 0);
+    EXPECT_GE(calls[0] + calls[1], 1);
+}
+
+TEST_P(EventLifetime, DestroysItsSession) {
+    create(0);
+    create(1);
+    inCallback = [this](int) { session.reset(); };
+    comeDue();
+    comeDue();
+    EXPECT_EQ(calls[0] + calls[1], 1);
+    EXPECT_EQ(events_[0]->session(), nullptr);
+}
+
+TEST_P(EventLifetime, DestroysItselfAndItsSessionAndItsCallback) {
+    create(0);
+    inCallback = [this](int) {
+        events_[0].reset();
+        session.reset();
+        callbacks_[0].reset();
+    };
+    comeDue();
+    comeDue();
+    EXPECT_EQ(calls[0], 1);
+}
+
+TEST_P(EventLifetime, DestroysItsCallbackInItsOwnCall) {
+    create(0);
+    inCallback = [this](int) { callbacks_[0].reset(); };
+    comeDue();
+    comeDue();
+    EXPECT_EQ(calls[0], 1);
+    EXPECT_EQ(events_[0]->callback(), nullptr);
+}
+
+TEST_P(EventLifetime, CallsNobodyWhenItsCallbackDiedFirst) {
+    create(0);
+    create(1);
+    callbacks_[0].reset();
+    EXPECT_EQ(events_[0]->callback(), nullptr);
+    comeDue();
+    comeDue();
+    EXPECT_EQ(calls[0], 0);
+    EXPECT_GE(calls[1], 1);
+}
+
+TEST_P(EventLifetime, MayOutliveItsSessionAndItsCallback) {
+    create(0);
+    session.reset();
+    callbacks_[0].reset();
+    comeDue();
+    events_[0].reset();
+    EXPECT_EQ(calls[0], 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, EventLifetime,
+                         testing::Values(Kind::Message, Kind::Timeout, Kind::OneShot,
+                                         Kind::Repeating, Kind::Io),
+                         nameOf);

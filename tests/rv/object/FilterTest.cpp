@@ -1,0 +1,139 @@
+// Filters on both ways: passing on, replacing, refusing, and destroying what they are called for.
+
+#include "tests/rv/object/ObjectFixture.h"
+#include "tests/support/Daemon.h"
+
+using kvx::test::Filter;
+using kvx::test::ObjectTest;
+using kvx::test::OnData;
+using kvx::test::textOf;
+
+namespace {
+
+const RvDatum kOriginal(RVMSG_STRING, 0, "original");
+
+// Lives on the heap and owns its text, as a filter's new datum must.
+RvDatum* newText(const char* text) {
+    return new RvDatum(RvDatum(RVMSG_STRING, 0, text));
+}
+
+class InboundFilter : public ObjectTest {
+  protected:
+    void listenThrough(Filter::Function function) {
+        filter = std::make_unique<Filter>(std::move(function));
+        session->setInboundFilter(filter.get());
+        listener.reset(listen(*data));
+        ASSERT_NE(listener, nullptr);
+    }
+    std::unique_ptr<Filter> filter;
+    std::unique_ptr<RvListener> listener;
+    std::string heard;
+    std::unique_ptr<OnData> data = std::make_unique<OnData>(
+        [this](RvListener*, const RvDatum& datum, RvSender*) { heard += textOf(datum); });
+};
+
+class OutboundFilter : public ObjectTest {
+  protected:
+    OutboundFilter() {
+        connect(daemon.text());
+        receiver = kvx::test::openSession(daemon.text());
+        listener.reset(receiver->newListener("filtered", &data, nullptr));
+    }
+    void sendThrough(Filter::Function function) {
+        filter = std::make_unique<Filter>(std::move(function));
+        session->setOutboundFilter(filter.get());
+        sender.reset(session->newSender("filtered"));
+    }
+    kvx::test::Daemon daemon;
+    std::unique_ptr<Filter> filter;
+    std::unique_ptr<RvSender> sender;
+    std::unique_ptr<RvSession> receiver;
+    std::string heard;
+    OnData data{[this](RvListener*, const RvDatum& datum, RvSender*) { heard += textOf(datum); }};
+    std::unique_ptr<RvListener> listener;
+};
+
+}  // namespace
+
+TEST_F(InboundFilter, PassesOnReplacesAndRefuses) {
+    int turn = 0;
+    listenThrough([&](RvDatum* datum, void* object) -> RvDatum* {
+        EXPECT_EQ(object, listener.get());
+        ++turn;
+        return turn == 1 ? datum : turn == 2 ? newText("new") : nullptr;
+    });
+    EXPECT_EQ(listener->inboundFilter(), filter.get());
+    for (int i = 0; i < 3; ++i) deliver("same", "reply");
+    EXPECT_EQ(heard, "samenew");
+    filter.reset();
+    EXPECT_EQ(listener->inboundFilter(), nullptr);
+    deliver("bare");
+    EXPECT_EQ(heard, "samenewbare");
+}
+
+TEST_F(InboundFilter, MayDestroyTheListener) {
+    listenThrough([&](RvDatum*, void*) {
+        listener.reset();
+        return newText("lost");
+    });
+    deliver("x", "reply");
+    EXPECT_EQ(heard, "");
+}
+
+TEST_F(InboundFilter, MayDestroyTheSession) {
+    listenThrough([&](RvDatum* datum, void*) {
+        session.reset();
+        return datum;
+    });
+    deliver("x", "reply");
+    EXPECT_EQ(heard, "");
+}
+
+TEST_F(InboundFilter, MayDestroyTheCallbackAndItself) {
+    listenThrough([&](RvDatum* datum, void*) {
+        data.reset();
+        filter.reset();
+        return datum;
+    });
+    deliver("x", "reply");
+    EXPECT_EQ(heard, "");
+    EXPECT_EQ(listener->callback(), nullptr);
+}
+
+TEST_F(OutboundFilter, PassesOnReplacesAndRefuses) {
+    int turn = 0;
+    sendThrough([&](RvDatum* datum, void* object) -> RvDatum* {
+        EXPECT_EQ(object, sender.get());
+        ++turn;
+        return turn == 1 ? datum : turn == 2 ? newText("new") : nullptr;
+    });
+    EXPECT_TRUE(sender->send(kOriginal) == 0);
+    EXPECT_TRUE(sender->send(kOriginal) == 0);
+    EXPECT_TRUE(sender->send(kOriginal) == 3);
+    EXPECT_EQ(sender->sendRequest(kOriginal, &data, nullptr), nullptr);
+    EXPECT_TRUE(session->status() == 3);
+    filter.reset();
+    EXPECT_TRUE(sender->send(kOriginal) == 0);
+    EXPECT_TRUE(runUntil([&] { return data.messages >= 3; }));
+    EXPECT_EQ(heard, "originalneworiginal");
+}
+
+TEST_F(OutboundFilter, MayDestroyTheSender) {
+    sendThrough([&](RvDatum*, void*) {
+        sender.reset();
+        filter.reset();
+        return newText("last");
+    });
+    EXPECT_TRUE(sender->send(kOriginal) == 0);
+    EXPECT_TRUE(runUntil([&] { return data.messages >= 1; }));
+    EXPECT_EQ(heard, "last");
+}
+
+TEST_F(OutboundFilter, MayDestroyTheSession) {
+    sendThrough([&](RvDatum* datum, void*) {
+        session.reset();
+        return datum;
+    });
+    EXPECT_TRUE(sender->send(kOriginal) == 2);
+    EXPECT_EQ(sender->sendRequest(kOriginal, &data, nullptr), nullptr);
+}

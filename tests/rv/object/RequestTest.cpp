@@ -1,0 +1,103 @@
+// Inboxes and requests through a real daemon.
+
+#include "tests/rv/object/ObjectFixture.h"
+#include "tests/support/Daemon.h"
+
+using kvx::test::ObjectTest;
+using kvx::test::OnData;
+using kvx::test::textOf;
+
+namespace {
+
+const RvDatum kQuestion(RVMSG_STRING, 0, "question");
+constexpr unsigned long kLong = 60'000;
+
+class Request : public ObjectTest {
+  protected:
+    Request() {
+        connect(daemon.text());
+        service = kvx::test::openSession(daemon.text());
+        serving.reset(service->newListener("service", &answers, nullptr));
+        asking.reset(session->newSender("service", "ignored.here"));
+    }
+    kvx::test::Daemon daemon;
+    std::unique_ptr<RvSession> service;
+    OnData answers{[](RvListener*, const RvDatum&, RvSender* replyTo) {
+        ASSERT_NE(replyTo, nullptr);
+        EXPECT_TRUE(replyTo->send(RvDatum(RVMSG_STRING, 0, "answer")) == 0);
+    }};
+    std::unique_ptr<RvListener> serving;
+    std::unique_ptr<RvSender> asking;
+};
+
+}  // namespace
+
+TEST_F(Request, AnswerComesToItsInboxAndEndsTheTimeout) {
+    std::string text;
+    OnData reply([&](RvListener*, const RvDatum& datum, RvSender* replyTo) {
+        EXPECT_EQ(replyTo, nullptr);
+        text = textOf(datum);
+    });
+    const std::unique_ptr<RvListener> inbox(asking->sendRequest(kQuestion, kLong, &reply, this));
+    ASSERT_NE(inbox, nullptr);
+    EXPECT_TRUE(inbox->isInbox());
+    EXPECT_EQ(inbox->closure(), this);
+    EXPECT_EQ(std::string(inbox->subject()).substr(0, 7), "_INBOX.");
+    EXPECT_TRUE(runUntil([&] { return reply.messages > 0; }));
+    EXPECT_EQ(text, "answer");
+    EXPECT_EQ(reply.timeouts, 0);
+}
+
+TEST_F(Request, TimesOutWithoutAnAnswerAndMayDeleteItsListenerThen) {
+    const std::unique_ptr<RvSender> nobody(session->newSender("nobody.listens"));
+    RvListener* inbox = nullptr;
+    OnData reply;
+    reply.callOnTimeout = [&](RvListener* listener) {
+        EXPECT_EQ(listener, inbox);
+        delete listener;
+    };
+    inbox = nobody->sendRequest(kQuestion, 2, &reply, nullptr);
+    EXPECT_TRUE(runUntil([&] { return reply.timeouts > 0; }));
+    settle();
+    EXPECT_EQ(reply.timeouts, 1);
+}
+
+TEST_F(Request, ThatCannotBePublishedLeavesNoListener) {
+    OnData reply;
+    const std::unique_ptr<RvSender> wrong(session->newSender("a..b"));
+    EXPECT_EQ(wrong->sendRequest(kQuestion, &reply, nullptr), nullptr);
+    EXPECT_TRUE(session->status() == 21);
+    EXPECT_EQ(asking->sendRequest(kQuestion, nullptr, nullptr), nullptr);
+    EXPECT_TRUE(session->status() == 3);
+}
+
+TEST_F(Request, InboxMarkerCountsByItsAddressOnly) {
+    OnData data;
+    const std::string sameText(kvx::inboxMarker);
+    const std::unique_ptr<RvListener> inbox(session->newListener(kvx::inboxMarker, &data, nullptr));
+    const std::unique_ptr<RvListener> plain(session->newListener(sameText.c_str(), &data, nullptr));
+    ASSERT_TRUE(inbox && plain);
+    EXPECT_TRUE(inbox->isInbox());
+    EXPECT_FALSE(plain->isInbox());
+    const std::unique_ptr<RvSender> sender(session->newSender(plain->subject()));
+    EXPECT_TRUE(sender->send(kQuestion) == 0);
+    EXPECT_TRUE(runUntil([&] { return data.messages > 0; }));
+    EXPECT_EQ(data.lastSubject, sameText);
+}
+
+// The daemon's death is told to the session's own listeners, inside whatever operation finds it.
+TEST_F(Request, SurvivesAListenerThatDestroysEverythingWhenTheDaemonDies) {
+    OnData onLoss([this](RvListener*, const RvDatum&, RvSender*) {
+        asking.reset();
+        session.reset();
+    });
+    const std::unique_ptr<RvListener> loss(
+        session->newListener("_RV.WARN.SYSTEM.RVD.DISCONNECTED", &onLoss, nullptr));
+    service.reset();
+    daemon.kill();
+    EXPECT_TRUE(runUntil([&] {
+        if (asking) asking->send(kQuestion);
+        return session == nullptr;
+    }));
+    EXPECT_EQ(onLoss.messages, 1);
+}
