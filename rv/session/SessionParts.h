@@ -42,11 +42,7 @@ class Entered {
 void linkLost(rv_Session_& session);
 void watchLink(rv_Session_& session);
 
-/// Listen.cpp
-struct ListenForm {
-    bool local;
-    bool textSubjects;
-};
+/// Listen.cpp: an inbox under the session's name; 21 while it has none.
 [[nodiscard]] int addInbox(rv_Session_& session, rv_Listener* listener, rv_DataCallback callback,
                            void* closure, bool textSubjects);
 [[nodiscard]] wire::Built listenMessage(rv_Session_& session, const ListenRecord& record);
@@ -62,9 +58,10 @@ struct ListenForm {
 void deliver(rv_Session_& session, wire::Bytes message);
 void deliverNoMemory(rv_Session_& session);
 
-/// Advisories.cpp
 [[nodiscard]] int deliverLocally(rv_Session_& session, SubjectView subject, const char* reply,
                                  const wire::Payload& payload);
+
+/// Advisories.cpp
 void announceDisconnect(rv_Session_& session);
 void announceStarvation(rv_Session_& session, std::uint32_t latenessMs);
 void announceFastProducer(rv_Session_& session, const char* advisoryClass);

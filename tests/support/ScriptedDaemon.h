@@ -63,6 +63,15 @@ class PeerLink {
         return bytes;
     }
 
+    /// Takes messages until the client closes; what they were.
+    std::vector<ByteVector> readToTheEnd() {
+        std::vector<ByteVector> messages;
+        for (ByteVector message = readMessage(); message.size() > wire::kFrameHeaderSize;
+             message = readMessage())
+            messages.push_back(std::move(message));
+        return messages;
+    }
+
     void greet(std::uint32_t version, std::uint32_t first = 0) {
         send(wire::encode(wire::Greeting{first, version, 0}));
     }

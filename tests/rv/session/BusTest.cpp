@@ -1,0 +1,200 @@
+// Sessions that speak to one another through a real daemon.
+
+#include <atomic>
+#include <thread>
+
+#include "tests/rv/session/SessionFixture.h"
+#include "tests/support/Daemon.h"
+
+namespace {
+
+using kvx::test::Daemon;
+using kvx::test::Heard;
+using kvx::test::Listening;
+using Texts = std::vector<std::string>;
+
+class Bus : public kvx::test::SessionFixture {
+  protected:
+    Daemon daemon_;
+};
+
+TEST_F(Bus, WhatOneSessionSendsAnotherHears) {
+    rv_Session sender = open(daemon_.text());
+    rv_Session receiver = open(daemon_.text());
+    Listening exact, wildcard, other;
+    listen(receiver, exact, "A.B");
+    listen(receiver, wildcard, "A.>");
+    listen(receiver, other, "A.C");
+    ASSERT_EQ(rv_Send(receiver, "A.C", nullptr, RVMSG_NONE, 0, nullptr), 0);
+    runUntilHeard(other, 1);  // the listens are known to the daemon
+    ASSERT_EQ(send(sender, "A.B", "hello", "ANSWERS.HERE"), 0);
+    runUntilHeard(exact, 1);
+    EXPECT_EQ(exact.heard.back(), (Heard{"A.B", "ANSWERS.HERE", "hello"}));
+    EXPECT_EQ(wildcard.subjects(), (Texts{"A.C", "A.B"}));
+    EXPECT_EQ(other.texts(), Texts{""});
+}
+
+TEST_F(Bus, ARequestIsAnsweredToItsInbox) {
+    rv_Session client = open(daemon_.text());
+    rv_Session service = open(daemon_.text());
+    Listening questions, answer;
+    questions.onHeard = [&](const Heard& question) {
+        send(service, question.reply.c_str(), "answer to " + question.text);
+    };
+    listen(service, questions, "QUESTIONS");
+    send(service, "QUESTIONS", "warm up", "NOBODY");
+    runUntilHeard(questions, 1);
+    ASSERT_EQ(rv_SendRequest(client, &answer.id, "QUESTIONS", RVMSG_STRING, 0, "why?",
+                             Listening::callback(), &answer),
+              0);
+    runUntilHeard(answer, 1);
+    EXPECT_EQ(answer.texts(), Texts{"answer to why?"});
+    EXPECT_EQ(answer.heard[0].subject, questions.heard.back().reply);
+}
+
+TEST_F(Bus, SessionNamesAndInboxesAreUnique) {
+    rv_Session one = open(daemon_.text());
+    rv_Session two = open(daemon_.text());
+    EXPECT_STRNE(rv_SessionName(one), rv_SessionName(two));
+    Listening ignored;
+    std::vector<std::string> names;
+    for (rv_Session session : {one, one, two}) {
+        char name[100];
+        ASSERT_EQ(rv_CreateInbox(session, &ignored.id, name, sizeof name, Listening::callback(),
+                                 &ignored),
+                  0);
+        EXPECT_EQ(std::string(name).find("_INBOX." + std::string(rv_SessionName(session)) + "."),
+                  0U);
+        names.emplace_back(name);
+    }
+    EXPECT_NE(names[0], names[1]);
+    EXPECT_NE(names[1], names[2]);
+    char small[10];
+    EXPECT_EQ(
+        rv_CreateInbox(one, &ignored.id, small, sizeof small, Listening::callback(), &ignored), 3);
+}
+
+TEST_F(Bus, SpacesDoNotHearOneAnother) {
+    rv_Session here = open(daemon_.text(), "7500");
+    rv_Session there = open(daemon_.text(), "7600");
+    Listening heard;
+    listen(here, heard, ">");
+    send(there, "X", "elsewhere");
+    EXPECT_EQ(rv_Flush(there, 10'000), 0);
+    send(here, "X", "here");
+    runUntilHeard(heard, 1);
+    EXPECT_EQ(heard.texts(), Texts{"here"});
+}
+
+TEST_F(Bus, ACancelledListenHearsNothingMore) {
+    rv_Session session = open(daemon_.text());
+    Listening cancelled, marker;
+    listen(session, cancelled, "A");
+    listen(session, marker, "B");
+    send(session, "A", "first");
+    send(session, "B", "1");
+    runUntilHeard(marker, 1);
+    EXPECT_EQ(rv_Cancel(session, cancelled.id), 0);
+    EXPECT_EQ(rv_Cancel(session, cancelled.id), 23);
+    send(session, "A", "second");
+    send(session, "B", "2");
+    runUntilHeard(marker, 2);
+    EXPECT_EQ(cancelled.texts(), Texts{"first"});
+}
+
+TEST_F(Bus, SynchronousSessionsDispatchOneMessageACall) {
+    rv_Session session = openSynchronous(daemon_.text());
+    Listening heard;
+    listen(session, heard, "S");
+    EXPECT_EQ(rv_Dispatch(session, 0), 0);
+    for (const char* text : {"a", "b", "c"}) ASSERT_EQ(send(session, "S", text), 0);
+    for (std::size_t expected = 1; expected <= 3; ++expected) {
+        ASSERT_EQ(rv_Dispatch(session, 10'000), 0);
+        EXPECT_EQ(heard.heard.size(), expected);
+    }
+    EXPECT_EQ(heard.texts(), (Texts{"a", "b", "c"}));
+    rvevm_Id id = nullptr;
+    const auto ignore = [](void*, void*, int, void*) {};
+    EXPECT_EQ(rv_AddTimer(session, &id, 1, ignore, nullptr), 11);
+    EXPECT_EQ(rv_StopLoop(session), 11);
+    EXPECT_EQ(rv_EventManager(session), nullptr);
+    daemon_.kill();
+    int code = 0;
+    while (code == 0) code = rv_Dispatch(session, 10'000);
+    EXPECT_EQ(code, 22);
+    EXPECT_EQ(send(session, "S", "x"), 22);
+}
+
+TEST_F(Bus, LargeMessagesAndTheQueuePropertiesOfALivingConnection) {
+    const ipq_Properties properties{1, 100'000, 65'536};
+    rv_Session session = open(daemon_.text());
+    EXPECT_EQ(rv_SetProperty(session, "ipqProperties", &properties), 0);
+    EXPECT_EQ(rv_SetProperty(session, "other", &properties), 3);
+    Listening heard;
+    listen(session, heard, "BIG");
+    const std::string large(3'000'000, 'x');
+    ASSERT_EQ(send(session, "BIG", large), 0);
+    unsigned long messages = 0, bytes = 0;
+    EXPECT_EQ(rv_Pending(session, &messages, &bytes), 0);
+    EXPECT_GE(messages, 1U) << "batching waits for the next event";
+    EXPECT_GT(bytes, large.size());
+    runUntilHeard(heard, 1);
+    EXPECT_EQ(heard.texts(), Texts{large});
+    EXPECT_EQ(rv_Pending(session, &messages, nullptr), 0);
+    EXPECT_EQ(messages, 0U);
+}
+
+class Restart : public Bus {
+  protected:
+    void SetUp() override {
+        session_ = open(daemon_.text());
+        listen(session_, one_, "LOAD.1");
+        listen(session_, two_, "LOAD.*");
+        listen(session_, advisories_, "_RV.>");
+        rv_CreateInbox(session_, &inbox_.id, inboxName_, sizeof inboxName_, Listening::callback(),
+                       &inbox_);
+        rv_AddHook(
+            session_, RV_HOOK_RECONNECT,
+            [](rv_Session, const void*, void* count) { return ++*static_cast<int*>(count); },
+            &reconnects_);
+    }
+    void startLoad() {
+        const auto send20 = [](void* owner, void* name, int, void*) {
+            auto self = static_cast<rv_Session>(owner);
+            for (int i = 0; i < 20; ++i) send(self, "LOAD.1", "load");
+            send(self, static_cast<const char*>(name), "to the inbox");
+        };
+        rvevm_Id load = nullptr;
+        ASSERT_EQ(rv_AddRepeatTimer(session_, &load, 1, send20, inboxName_), 0);
+    }
+    void runUntilEverybodyHears() {
+        one_.heard.clear();
+        two_.heard.clear();
+        inbox_.heard.clear();
+        runUntil([&] {
+            return one_.heard.size() > 100 && two_.heard.size() > 100 && !inbox_.heard.empty();
+        });
+    }
+
+    rv_Session session_ = nullptr;
+    Listening one_, two_, inbox_, advisories_;
+    char inboxName_[100] = "";
+    int reconnects_ = 0;
+};
+
+TEST_F(Restart, AKilledDaemonComesBackUnderLoadWithEverySubscription) {
+    startLoad();
+    runUntilEverybodyHears();
+    advisories_.onHeard = [&](const Heard&) {
+        EXPECT_FALSE(rv_IsConnected(session_));
+        EXPECT_EQ(send(session_, "LOAD.1", "x"), 22);
+        daemon_.restart();
+    };
+    daemon_.kill();
+    runUntil([&] { return reconnects_ > 0; });
+    runUntilEverybodyHears();
+    EXPECT_EQ(advisories_.subjects(), Texts{"_RV.WARN.SYSTEM.RVD.DISCONNECTED"});
+    EXPECT_EQ(reconnects_, 1);
+}
+
+}  // namespace

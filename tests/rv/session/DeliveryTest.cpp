@@ -1,0 +1,215 @@
+// Which listeners a message reaches, in which order and form, and what callbacks may do meanwhile.
+
+#include "tests/rv/session/SessionFixture.h"
+#include "tests/support/ScriptedDaemon.h"
+
+namespace {
+
+using kvx::test::Heard;
+using kvx::test::Listening;
+using kvx::test::PeerLink;
+using kvx::test::ScriptedDaemon;
+using Texts = std::vector<std::string>;
+
+// A session whose daemon says nothing; messages come by local delivery.
+class Delivery : public kvx::test::SessionFixture {
+  protected:
+    void SetUp() override { session_ = open(daemon_.text()); }
+    void TearDown() override { closeAll(); }
+
+    int deliver(const char* subject, const std::string& text) {
+        return SessionFixture::deliver(session_, subject, text);
+    }
+    void listen(Listening& listening, const char* subject) {
+        SessionFixture::listen(session_, listening, subject);
+    }
+
+    ScriptedDaemon daemon_{[](PeerLink& peer) {
+        peer.welcome();
+        peer.readToTheEnd();
+    }};
+    rv_Session session_ = nullptr;
+};
+
+TEST_F(Delivery, ReachesExactAndWildcardListenersInTheOrderOfListening) {
+    Texts order;
+    Listening listenings[5];
+    const char* subjects[] = {"A.*", "A.B", ">", "A.>", "A.C"};
+    for (int i = 0; i < 5; ++i) {
+        listenings[i].onHeard = [&order, subject = subjects[i]](const Heard&) {
+            order.emplace_back(subject);
+        };
+        listen(listenings[i], subjects[i]);
+    }
+    EXPECT_EQ(deliver("A.B", "x"), 0);
+    EXPECT_EQ(order, (Texts{"A.*", "A.B", ">", "A.>"}));
+}
+
+TEST_F(Delivery, InboxAndReservedSubjectsHaveTheirOwnRules) {
+    Listening everything, reserved, inbox, pattern;
+    listen(everything, ">");
+    listen(reserved, "_RV.>");
+    char name[100];
+    ASSERT_EQ(rv_CreateInbox(session_, &inbox.id, name, sizeof name, Listening::callback(), &inbox),
+              0);
+    deliver(name, "inbox");                  // exact only
+    deliver("_RV.INFO.MINE.X", "advisory");  // a plain ">" hears it too
+    deliver("A.>", "covers ordinary");       // a pattern reaches what it covers
+    deliver("*.>", "covers all but private");
+    EXPECT_EQ(inbox.texts(), Texts{"inbox"});
+    EXPECT_EQ(reserved.texts(), Texts{"advisory"});
+    EXPECT_EQ(everything.texts(), Texts{"advisory"}) << "no pattern covers more than its own";
+    Listening covered;
+    listen(covered, "A.B");
+    deliver("A.*", "pattern");
+    EXPECT_EQ(covered.texts(), Texts{"pattern"});
+}
+
+TEST_F(Delivery, SubjectsAreCheckedBeforeAnythingIsDelivered) {
+    EXPECT_EQ(rv_Deliver(session_, nullptr, nullptr, RVMSG_NONE, 0, nullptr), 3);
+    EXPECT_EQ(deliver("A..B", "x"), 21);
+    EXPECT_EQ(deliver("_RV.WARN.SYSTEM.X", "x"), 21);
+    EXPECT_EQ(send(session_, "_RV.WARN.SYSTEM.X", "x"), 21);
+    EXPECT_EQ(send(session_, "_RV.WARN.APP.X", "x"), 0);
+    EXPECT_EQ(send(session_, "_RV.SYSTEM", "x"), 0);
+    EXPECT_EQ(rv_Send(session_, nullptr, nullptr, RVMSG_NONE, 0, nullptr), 3);
+    EXPECT_EQ(rv_Send(session_, "A", nullptr, RVMSG_OPAQUE, 0, "x"), 20);
+    Listening listening;
+    EXPECT_EQ(rv_Listen(session_, &listening.id, "_INBOX.x", Listening::callback(), nullptr), 21);
+    EXPECT_EQ(rv_Listen(session_, &listening.id, nullptr, Listening::callback(), nullptr), 3);
+    EXPECT_EQ(rv_Cancel(session_, nullptr), 23);
+    EXPECT_EQ(rv_Cancel(session_, reinterpret_cast<rv_Listener>(&listening)), 23);
+}
+
+TEST_F(Delivery, NestedDeliveriesWaitForTheirTurn) {
+    Texts order;
+    Listening first, second;
+    first.onHeard = [&](const Heard& heard) {
+        if (heard.text == "outer") {
+            deliver("A", "nested");
+            order.emplace_back("first sent");
+        }
+        order.push_back("first " + heard.text);
+    };
+    second.onHeard = [&](const Heard& heard) { order.push_back("second " + heard.text); };
+    listen(first, "A");
+    listen(second, "A");
+    deliver("A", "outer");
+    EXPECT_EQ(order, (Texts{"first sent", "first outer", "second outer", "first nested",
+                            "second nested"}));
+}
+
+TEST_F(Delivery, AListenerMayCancelItselfAndOthersInItsCallback) {
+    Listening self, victim, witness;
+    self.onHeard = [&](const Heard&) {
+        EXPECT_EQ(rv_Cancel(session_, self.id), 0);
+        EXPECT_EQ(rv_Cancel(session_, victim.id), 0);
+    };
+    listen(self, "A");
+    listen(victim, "A");
+    listen(witness, "A");
+    deliver("A", "1");
+    deliver("A", "2");
+    EXPECT_EQ(self.texts(), Texts{"1"});
+    EXPECT_TRUE(victim.heard.empty());
+    EXPECT_EQ(witness.texts(), (Texts{"1", "2"}));
+}
+
+TEST_F(Delivery, AListenerAddedInACallbackHearsTheNextMessage) {
+    Listening first, added;
+    first.onHeard = [&](const Heard&) {
+        if (added.id == nullptr) listen(added, "A");
+    };
+    listen(first, "A");
+    deliver("A", "1");
+    deliver("A", "2");
+    EXPECT_EQ(added.texts(), Texts{"2"});
+}
+
+TEST_F(Delivery, ClosingTheSessionInACallbackEndsTheDelivery) {
+    int released = 0;
+    rv_AddHook(
+        session_, RV_HOOK_RELEASE,
+        [](rv_Session, const void*, void* count) { return ++*static_cast<int*>(count); },
+        &released);
+    Listening closer, next;
+    closer.onHeard = [&](const Heard&) {
+        deliver("A", "never");
+        EXPECT_EQ(rv_Close(session_), 0);
+        EXPECT_EQ(released, 0) << "the memory goes after the delivery";
+        EXPECT_EQ(rv_Close(session_), 2);
+        EXPECT_EQ(send(session_, "A", "x"), 2);
+    };
+    listen(closer, "A");
+    listen(next, "A");
+    EXPECT_EQ(deliver("A", "x"), 0);
+    EXPECT_EQ(released, 1);
+    EXPECT_EQ(closer.heard.size(), 1U);
+    EXPECT_TRUE(next.heard.empty());
+}
+
+TEST_F(Delivery, HooksMayRefuseAMessage) {
+    int refusals = 0;
+    const rv_Hook refuse = [](rv_Session, const void*, void* count) {
+        ++*static_cast<int*>(count);
+        return 77;
+    };
+    Listening listening;
+    listen(listening, "A");
+    rv_AddHook(session_, RV_HOOK_DELIVER, refuse, &refusals);
+    deliver("A", "dropped");
+    EXPECT_EQ(rv_RemoveHook(session_, RV_HOOK_DELIVER, refuse, &refusals), 0);
+    EXPECT_EQ(rv_RemoveHook(session_, RV_HOOK_DELIVER, refuse, &refusals), 3);
+    deliver("A", "heard");
+    EXPECT_EQ(listening.texts(), Texts{"heard"});
+    rv_AddHook(session_, RV_HOOK_PUBLISH, refuse, &refusals);
+    EXPECT_EQ(send(session_, "A", "x"), 77);
+    EXPECT_EQ(refusals, 2);
+}
+
+TEST_F(Delivery, ADeadSessionIsRecognised) {
+    rv_Session dead = open("-");
+    ASSERT_EQ(rv_Close(dead), 0);
+    EXPECT_EQ(rv_Close(dead), 2);
+    EXPECT_EQ(send(dead, "A", "x"), 2);
+    EXPECT_EQ(rv_Cancel(dead, nullptr), 2);
+    EXPECT_EQ(rv_Dispatch(dead, 0), 2);
+    EXPECT_EQ(rv_Dispatch(session_, 0), 3) << "not a synchronous session";
+    EXPECT_EQ(rv_RunOnce(nullptr), 2);
+    EXPECT_EQ(rv_EventManager(dead), nullptr);
+}
+
+// Messages of the daemon's making.
+class Hostile : public kvx::test::SessionFixture {};
+
+TEST_F(Hostile, MessagesWithoutASoundSubjectOrPayloadAreDropped) {
+    const auto message = [](auto fill) {
+        kvx::test::ByteVector bytes(300);
+        rvmsg_Init(bytes.data(), 300);
+        rvmsg_Append(bytes.data(), 300, "mtype", RVMSG_STRING, 0, "D");
+        fill(bytes.data());
+        rvmsg_Size length = 0;
+        rvmsg_Length(bytes.data(), &length);
+        bytes.resize(length);
+        return bytes;
+    };
+    ScriptedDaemon daemon([&](PeerLink& peer) {
+        peer.welcome();
+        peer.send(message([](void*) {}));
+        peer.send(message([](void* m) { rvmsg_Append(m, 300, "sub", RVMSG_STRING, 0, "A"); }));
+        peer.send(message([](void* m) {
+            const std::uint8_t torn[] = {0, 8, 1, 9, 'A', 0, 0, 0};  // an element past the end
+            rvmsg_Append(m, 300, "sub", RVMSG_SUBJECT, 0, torn);
+        }));
+        peer.publish("A", "sound", "");
+        peer.readToTheEnd();
+    });
+    rv_Session session = open(daemon.text());
+    Listening everything;
+    listen(session, everything, ">");
+    runUntilHeard(everything, 1);
+    EXPECT_EQ(everything.heard, std::vector{(Heard{"A", "", "sound"})});
+    closeAll();
+}
+
+}  // namespace

@@ -1,0 +1,227 @@
+// What a session says to a daemon, and what it makes of daemons that answer otherwise.
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "platform/Process.h"
+#include "tests/rv/session/SessionFixture.h"
+#include "tests/support/ScriptedDaemon.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace {
+
+using kvx::test::ByteVector;
+using kvx::test::headline;
+using kvx::test::Listening;
+using kvx::test::PeerLink;
+using kvx::test::ScriptedDaemon;
+using kvx::test::textOf;
+using Texts = std::vector<std::string>;
+
+class Handshake : public kvx::test::SessionFixture {
+  protected:
+    // The headlines of the messages up to the client's goodbye.
+    static Texts takeUntilGoodbye(PeerLink& peer) {
+        Texts lines;
+        for (const ByteVector& message : peer.readToTheEnd()) lines.push_back(headline(message));
+        return lines;
+    }
+};
+
+std::vector<std::string> fieldNames(const ByteVector& message) {
+    std::vector<std::string> names;
+    rvmsg_Iterate(
+        message.data(), nullptr,
+        [](const char* name, rvmsg_Type, rvmsg_Size, rvmsg_Data, void* closure) {
+            static_cast<std::vector<std::string>*>(closure)->emplace_back(name);
+            return 0;
+        },
+        &names);
+    return names;
+}
+
+TEST_F(Handshake, IntroducesItselfThenAnnouncesItsInboxesAndListens) {
+    ByteVector first, second;
+    Texts rest;
+    kvx::wire::Greeting answer;
+    ByteVector listenMessage;
+    ScriptedDaemon daemon([&](PeerLink& peer) {
+        peer.greet(4);
+        answer = peer.readGreeting();
+        peer.sendBlock(kvx::wire::daemonProposal());
+        peer.sendBlock(kvx::wire::daemonStep(peer.readBlock()).block);
+        first = peer.readMessage();
+        peer.send(kvx::wire::buildReply(0x0100000A, 77));
+        second = peer.readMessage();
+        rest.push_back(headline(peer.readMessage()));
+        listenMessage = peer.readMessage();
+        for (const std::string& line : takeUntilGoodbye(peer)) rest.push_back(line);
+    });
+    rv_Flavor(kvx::flavourId, kvx::flavourName, nullptr, 0, 0);
+    rv_Session session = open(daemon.text(), "svc", "net");
+    ASSERT_NE(session, nullptr);
+    const std::string name = rv_SessionName(session);
+    EXPECT_EQ(name.substr(0, 9), "0A000001.");
+    Listening ordinary, reserved;
+    listen(session, ordinary, "A.B");
+    listen(session, reserved, "_RV.>");
+    EXPECT_EQ(rv_Cancel(session, ordinary.id), 0);
+    EXPECT_EQ(rv_Close(session), 0);
+    daemon.finish();
+    EXPECT_EQ(answer, (kvx::wire::Greeting{0, 4, 0}));
+    EXPECT_EQ(fieldNames(first), (Texts{"mtype", "userid", "service", "network", "vmaj", "vmin",
+                                        "vupd", "fid", "fname", "fkey", "fflags"}));
+    EXPECT_EQ(textOf(second, "session"), name);
+    EXPECT_EQ(textOf(second, "control"), "_INBOX." + name + ".1");
+    EXPECT_EQ(rest, (Texts{"L:_INBOX." + name + ".>", "L:_RV.>", "C:A.B"}));
+    EXPECT_EQ(headline(listenMessage), "L:A.B");
+    EXPECT_EQ(textOf(listenMessage, "return"), "_INBOX." + name + ".2");
+    EXPECT_EQ(fieldNames(listenMessage), (Texts{"mtype", "sub", "return", "fid"}));
+}
+
+TEST_F(Handshake, ReconnectingUnderAnotherAddressKeepsTheOldInboxesReachable) {
+    Texts announced;
+    ScriptedDaemon daemon({[](PeerLink& peer) {
+                               peer.welcome();
+                               peer.readMessage();  // its inboxes
+                               peer.readMessage();  // A
+                           },
+                           [&](PeerLink& peer) {
+                               peer.negotiateV4();
+                               peer.introduce(0x0200000A);
+                               announced = takeUntilGoodbye(peer);
+                           }});
+    rv_Session session = open(daemon.text());
+    const std::string oldName = rv_SessionName(session);
+    Listening advisories, ordinary, inbox;
+    ASSERT_EQ(rv_CreateInbox(session, &inbox.id, nullptr, 0, Listening::callback(), &inbox), 0);
+    listen(session, ordinary, "A");
+    runUntil([&] { return rv_SessionName(session) != oldName; });
+    const std::string newName = rv_SessionName(session);
+    rv_Close(session);
+    daemon.finish();
+    EXPECT_EQ(newName.substr(0, 9), "0A000002.");
+    EXPECT_EQ(announced,
+              (Texts{"L:A", "L:_INBOX." + newName + ".>", "L:_INBOX." + oldName + ".>"}));
+}
+
+TEST_F(Handshake, ADaemonThatOffersVersion3IsSpokenToInVersion3) {
+    std::vector<std::uint32_t> wanted;
+    const auto greet = [&wanted](PeerLink& peer) {
+        peer.greet(3);
+        wanted.push_back(peer.readGreeting().version);
+    };
+    ScriptedDaemon daemon({greet, [&](PeerLink& peer) {
+                               greet(peer);
+                               peer.sendBlock(peer.readBlock());
+                               peer.introduce();
+                               takeUntilGoodbye(peer);
+                           }});
+    rv_Session session = open(daemon.text());
+    EXPECT_TRUE(rv_IsConnected(session));
+    rv_Close(session);
+    daemon.finish();
+    EXPECT_EQ(wanted, (std::vector<std::uint32_t>{4, 3}));
+}
+
+TEST_F(Handshake, DaemonsThatAnswerOtherwiseAreRefusedWithTheirCode) {
+    const auto introducedTo = [this](ScriptedDaemon::Script script) {
+        ScriptedDaemon daemon(std::move(script));
+        return codeOfOpening(daemon.text());
+    };
+    const auto answering = [&](kvx::wire::Built answer) {
+        auto shared = std::make_shared<kvx::wire::Built>(std::move(answer));
+        return introducedTo([shared](PeerLink& peer) {
+            peer.negotiateV4();
+            peer.readMessage();
+            peer.send(*shared);
+            peer.readMessage();
+        });
+    };
+    EXPECT_EQ(introducedTo([](PeerLink& peer) { peer.greet(5); }), 4) << "another version";
+    EXPECT_EQ(introducedTo([](PeerLink& peer) {
+                  peer.greet(4);
+                  peer.readGreeting();
+              }),
+              1)
+        << "version 4 fails where 3 was not offered";
+    EXPECT_EQ(introducedTo([](PeerLink& peer) {
+                  peer.negotiateV4();
+                  peer.readMessage();
+              }),
+              22)
+        << "no answer to the introduction";
+    EXPECT_EQ(answering(kvx::wire::buildErrorReply(16)), 16);
+    EXPECT_EQ(answering(kvx::wire::buildErrorReply(17)), 17);
+    EXPECT_EQ(answering(kvx::wire::buildInit({})), 1) << "not a reply at all";
+}
+
+TEST_F(Handshake, FourFailedAttemptsArePausedByTwoSecondsEach) {
+    ScriptedDaemon nobody(std::vector<ScriptedDaemon::Script>{});
+    nobody.finish();
+    kvx::platform::ManualClock clock;
+    const auto before = clock.now();
+    EXPECT_EQ(codeOfOpening(nobody.text()), 22);
+    EXPECT_EQ(clock.now() - before, 8'000);
+}
+
+TEST_F(Handshake, AGreetingThatDoesNotBeginWithZeroIsAFailedAttempt) {
+    ScriptedDaemon daemon({[](PeerLink& peer) { peer.greet(4, 1); },
+                           [](PeerLink& peer) {
+                               peer.welcome();
+                               takeUntilGoodbye(peer);
+                           }});
+    EXPECT_EQ(codeOfOpening(daemon.text()), 0);
+    closeAll();
+}
+
+TEST_F(Handshake, DaemonTextsOfAnotherFormAreNotFound) {
+    for (const char* text :
+         {"udp:7500", "7500", "tcp", "TCP:7500", "tcp::7500", "tcp:no-such-host.invalid:7500"})
+        EXPECT_EQ(codeOfOpening(text), 18) << text;
+}
+
+TEST_F(Handshake, ADashMeansNoDaemonAtAll) {
+    rv_Session session = open("-");
+    Listening listening;
+    EXPECT_STREQ(rv_SessionName(session), "");
+    EXPECT_EQ(rv_Listen(session, &listening.id, "A", Listening::callback(), &listening), 21);
+    EXPECT_EQ(rv_CreateInbox(session, &listening.id, nullptr, 0, Listening::callback(), &listening),
+              21);
+    listen(session, listening, "_RV.>");
+    EXPECT_EQ(deliver(session, "_RV.WARN.MINE.X", "local"), 0);
+    EXPECT_EQ(listening.texts(), Texts{"local"});
+    EXPECT_EQ(send(session, "A", "x"), 22);
+    EXPECT_EQ(rv_Flush(session, 0), 22);
+}
+
+TEST_F(Handshake, ALocalDaemonThatIsNotThereIsStarted) {
+    const kvx::test::TemporaryDirectory home;
+    const std::string pidFile = home.file("pid");
+    std::filesystem::create_directory(home.file("bin"));
+    const std::string program = home.file("bin/rvd");
+    std::ofstream(program) << "#!/bin/sh\necho $$ > " << pidFile << "\necho \"$@\" > " << pidFile
+                           << ".args\nexec " KVX_RVD_PROGRAM " \"$@\"\n";
+    std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+    setenv("VEK_HOME", home.path().c_str(), 1);
+    setenv("XDG_STATE_HOME", home.path().c_str(), 1);
+    std::string text;
+    {
+        const ScriptedDaemon freePort(std::vector<ScriptedDaemon::Script>{});
+        text = "tcp:" + std::to_string(freePort.port());
+    }
+    const int code = codeOfOpening(text);
+    unsetenv("VEK_HOME");
+    unsetenv("XDG_STATE_HOME");
+    unsigned long pid = 0;
+    std::ifstream(pidFile) >> pid;
+    std::string arguments;
+    std::getline(std::ifstream(pidFile + ".args"), arguments);
+    if (pid != 0) kvx::platform::sendSignal(pid, 15);
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(arguments, "-listen " + text);
+}
+
+}  // namespace

@@ -1,0 +1,228 @@
+// Loops, timers, closing and the advisories that a session makes about itself.
+
+#include "rv/error/rvAdvisory.h"
+#include "tests/rv/session/SessionFixture.h"
+#include "tests/support/ScriptedDaemon.h"
+#include "tests/support/SocketPair.h"
+
+namespace {
+
+using kvx::platform::ManualClock;
+using kvx::test::Heard;
+using kvx::test::Listening;
+using kvx::test::PeerLink;
+using kvx::test::ScriptedDaemon;
+using Texts = std::vector<std::string>;
+
+class Life : public kvx::test::SessionFixture {
+  protected:
+    void SetUp() override { session_ = open("-"); }
+    rv_Session session_ = nullptr;
+};
+
+// A timer's or event's callback as a function object.
+struct Action {
+    std::function<void()> act;
+    int calls = 0;
+    rvevm_Id id = nullptr;
+
+    static void call(void*, void* closure, int, void*) {
+        auto* self = static_cast<Action*>(closure);
+        ++self->calls;
+        self->act();
+    }
+};
+
+TEST_F(Life, TimersRunOnTheSessionsOwnQueueAndTheirIdsAreChecked) {
+    Action once{[] {}}, repeating{[] {}};
+    EXPECT_EQ(rv_AddTimer(session_, nullptr, 1, Action::call, &once), 2);
+    EXPECT_EQ(rv_AddTimer(session_, &once.id, 1, nullptr, &once), 5);
+    EXPECT_EQ(rv_AddRepeatTimer(session_, &repeating.id, 0, Action::call, &repeating), 7);
+    ASSERT_EQ(rv_AddTimer(session_, &once.id, 1, Action::call, &once), 0);
+    ASSERT_EQ(rv_AddRepeatTimer(session_, &repeating.id, 1, Action::call, &repeating), 0);
+    once.act = [&] { EXPECT_EQ(rv_RemoveTimer(session_, once.id), 2) << "fired already"; };
+    runUntil([&] { return repeating.calls >= 3; });
+    EXPECT_EQ(once.calls, 1);
+    EXPECT_EQ(rv_ResetTimer(session_, repeating.id, 0), 7);
+    EXPECT_EQ(rv_RemoveTimer(session_, repeating.id), 0);
+    EXPECT_EQ(rv_ResetTimer(session_, repeating.id, 5), 2);
+    EXPECT_EQ(rv_RemoveIO(session_, &once), 2);
+}
+
+TEST_F(Life, ATimerMayRemoveItselfAnotherAndCloseItsSession) {
+    Action victim{[] {}}, self{[] {}}, closer{[] {}}, never{[] {}};
+    ManualClock clock;
+    rv_AddRepeatTimer(session_, &self.id, 10, Action::call, &self);
+    rv_AddTimer(session_, &victim.id, 10, Action::call, &victim);
+    rv_AddTimer(session_, &closer.id, 20, Action::call, &closer);
+    rv_AddTimer(session_, &never.id, 20, Action::call, &never);
+    self.act = [&] {
+        EXPECT_EQ(rv_RemoveTimer(session_, self.id), 0);
+        EXPECT_EQ(rv_RemoveTimer(session_, victim.id), 0);
+    };
+    closer.act = [&] { EXPECT_EQ(rv_Close(session_), 0); };
+    runUntil([&] { return closer.calls > 0; });
+    EXPECT_EQ(self.calls, 1);
+    EXPECT_EQ(victim.calls, 0);
+    EXPECT_EQ(never.calls, 0);
+    EXPECT_FALSE(rv_IsOpen(session_));
+}
+
+TEST_F(Life, IoEventsCarryTheirSessionAndEndWithIt) {
+    const kvx::test::SocketPair pair;
+    const auto socket = static_cast<unsigned>(pair.near.get());
+    Action io{[] {}}, duplicate{[] {}};
+    ASSERT_EQ(rv_AddIO(session_, &io.id, socket, RVEVM_READ, Action::call, &io), 0);
+    EXPECT_EQ(rv_AddIO(session_, &duplicate.id, socket, RVEVM_READ, Action::call, &duplicate), 3);
+    pair.farSends("x");
+    io.act = [&] { rv_Close(session_); };
+    runUntil([&] { return io.calls > 0; });
+    EXPECT_FALSE(rv_IsOpen(session_));
+    rv_Session other = open("-");
+    EXPECT_EQ(rv_AddIO(other, &io.id, socket, RVEVM_READ, Action::call, &io), 0) << "free again";
+    EXPECT_EQ(rv_RemoveIO(other, io.id), 0);
+    EXPECT_EQ(rv_RemoveIO(other, io.id), 2);
+}
+
+TEST_F(Life, StarvationIsAnnouncedAboveFiveSecondsOnly) {
+    ManualClock clock(1'000'000, ManualClock::Waits::Block);
+    Listening advisories;
+    std::uint32_t offset = 0;
+    rv_Listen(
+        session_, &advisories.id, "_RV.>",
+        [](rv_Session, const char* subject, const char*, rvmsg_Type, rvmsg_Size, rvmsg_Data body,
+           void* closure) {
+            EXPECT_STREQ(subject, "_RV.WARN.SYSTEM.EVENTLOOP.STARVATION");
+            alignas(8) std::uint8_t scratch[16];
+            rvmsg_Type type = 0;
+            rvmsg_Size size = 0;
+            rvmsg_Data data = nullptr;
+            ASSERT_EQ(rvmsg_Get(scratch, body, "fireoffset", &type, &size, &data), 0);
+            EXPECT_EQ(type, static_cast<rvmsg_Type>(RVMSG_UINT));
+            *static_cast<std::uint32_t*>(closure) = *static_cast<const std::uint32_t*>(data);
+        },
+        &offset);
+    Action late{[] {}};
+    const auto fireLateBy = [&](kvx::platform::Milliseconds lateness) {
+        rv_AddTimer(session_, &late.id, 10, Action::call, &late);
+        clock.advance(10 + lateness);
+        late.act = [&] { rvevm_Stop(manager_); };
+        rvevm_MainLoop(manager_);
+    };
+    fireLateBy(5'000);
+    EXPECT_EQ(offset, 0U);
+    fireLateBy(6'000);
+    EXPECT_EQ(offset, 6'000U);
+    EXPECT_EQ(late.calls, 2);
+}
+
+TEST_F(Life, RunOnceRunsUntilStoppedAndClosingEndsIt) {
+    Action stop{[] {}}, close{[] {}};
+    rv_AddTimer(session_, &stop.id, 1, Action::call, &stop);
+    stop.act = [&] {
+        EXPECT_EQ(rv_RunOnce(session_), 0) << "already inside: ignored";
+        EXPECT_EQ(rv_StopLoop(session_), 0);
+    };
+    EXPECT_EQ(rv_RunOnce(session_), 0);
+    EXPECT_EQ(stop.calls, 1);
+    rv_AddTimer(session_, &close.id, 1, Action::call, &close);
+    close.act = [&] { rv_Close(session_); };
+    EXPECT_EQ(rv_RunOnce(session_), 0);
+    EXPECT_EQ(rv_RunOnce(session_), 2);
+}
+
+TEST_F(Life, OpenedSessionsShareOneManagerAndTheLastCloseEndsIt) {
+    rv_Session one = nullptr, two = nullptr;
+    ASSERT_EQ(rv_Open(&one, nullptr, nullptr, "-"), 0);
+    ASSERT_EQ(rv_Open(&two, nullptr, nullptr, "-"), 0);
+    ASSERT_EQ(rv_EventManager(one), rv_EventManager(two));
+    Action closeBoth{[&] {
+        EXPECT_EQ(rv_Close(one), 0);
+        EXPECT_EQ(rv_Close(two), 0);
+    }};
+    rv_AddTimer(one, &closeBoth.id, 1, Action::call, &closeBoth);
+    EXPECT_EQ(rv_RunOnce(two), 0);
+    EXPECT_EQ(closeBoth.calls, 1);
+}
+
+TEST_F(Life, FlavourZeroIsRefused) {
+    EXPECT_EQ(rv_Flavor(0, "X", nullptr, 0, 0), 4);
+    EXPECT_EQ(rv_Flavor(kvx::flavourId, kvx::flavourName, nullptr, 0, 0), 0);
+}
+
+TEST_F(Life, AdvisoriesThatNobodyHearsGoToStandardError) {
+    testing::internal::CaptureStderr();
+    deliver(session_, "_RV.INFO.MINE.X", "silent");
+    deliver(session_, "_RV.WARN.MINE.X", "loud");
+    Listening all;
+    listen(session_, all, "_RV.>");
+    deliver(session_, "_RV.WARN.MINE.X", "heard");
+    const std::string output = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(output.find("Rendezvous Error Not Handled by User Program:\n{ mtype=\"D\" "
+                          "sub=[_RV.WARN.MINE.X]"),
+              0U);
+    EXPECT_NE(output.find("data=\"loud\"}\n"), std::string::npos);
+    EXPECT_EQ(output.find("silent"), std::string::npos);
+    EXPECT_EQ(output.find("heard"), std::string::npos);
+}
+
+class Advisories : public kvx::test::SessionFixture {
+  protected:
+    // A peer that takes the handshake and then reads nothing until the test lets it.
+    ScriptedDaemon deaf_{[this](PeerLink& peer) {
+        peer.welcome();
+        while (!release_) std::this_thread::yield();
+        peer.readToTheEnd();
+    }};
+    std::atomic<bool> release_{false};
+};
+
+TEST_F(Advisories, AFastProducerIsToldOnceInAHundredTimes) {
+    rv_Session session = open(deaf_.text());
+    Listening warnings;
+    listen(session, warnings, "_RV.*.SYSTEM.CLIENT.FASTPRODUCER");
+    unsigned long waiting = 0;
+    const std::string body(5'000, 'b');
+    while (rv_Pending(session, &waiting, nullptr) == 0 && waiting < 999)
+        ASSERT_EQ(send(session, "A", body), 0);
+    EXPECT_TRUE(warnings.heard.empty());
+    for (int i = 0; i < 250; ++i) ASSERT_EQ(send(session, "A", body), 0);
+    EXPECT_EQ(warnings.subjects(), Texts(3, "_RV.WARN.SYSTEM.CLIENT.FASTPRODUCER"));
+    release_ = true;
+    EXPECT_EQ(rv_Flush(session, 20'000), 0);
+    rv_Close(session);
+}
+
+TEST_F(Advisories, ApplicationsPublishTheirOwnAndNotTheSystems) {
+    std::vector<std::string> published;
+    ScriptedDaemon daemon([&](PeerLink& peer) {
+        peer.welcome();
+        peer.readMessage();
+        for (const auto& message : peer.readToTheEnd())
+            published.push_back(kvx::test::headline(message));
+    });
+    release_ = true;
+    rv_Session session = open(daemon.text());
+    std::uint8_t body[256], subject[500], other[256];
+    ASSERT_EQ(rv_BuildAppAdvisory(body, sizeof body, "WARN", "MINE", "DISK", nullptr, subject,
+                                  sizeof subject),
+              0);
+    ASSERT_EQ(rv_BuildAdvisory(other, sizeof other, "WARN", "SYSTEM", "X", nullptr, subject,
+                               sizeof subject),
+              0);
+    EXPECT_EQ(rv_SendAppAdvisory(session, nullptr, body), 0);
+    EXPECT_EQ(rv_SendAppAdvisory(session, "ELSEWHERE", body), 0);
+    EXPECT_EQ(rv_SendAdvisory(session, nullptr, body), 0);
+    EXPECT_EQ(rv_SendAppAdvisory(session, nullptr, other), 9);
+    EXPECT_EQ(rv_SendAppAdvisory(session, "_RV.WARN.SYSTEM.X", body), 9);
+    EXPECT_EQ(rv_SendAppAdvisory(session, "A..B", body), 9);
+    EXPECT_EQ(rv_SendAdvisory(session, "A..B", body), 21);
+    rvmsg_Init(other, sizeof other);
+    EXPECT_EQ(rv_SendAdvisory(session, "A", other), 3) << "no fields";
+    EXPECT_EQ(rv_SendAdvisory(session, "A", "no message"), 0);
+    rv_Close(session);
+    daemon.finish();
+    EXPECT_EQ(published, (Texts{"D:_RV.WARN.MINE.DISK", "D:ELSEWHERE", "D:_RV.WARN.MINE.DISK"}));
+}
+
+}  // namespace
