@@ -1,0 +1,152 @@
+// The wire layout, byte by byte, and the rules for adding a field.
+
+#include <gtest/gtest.h>
+
+#include "Bytes.h"
+#include "rv/message/rvSubject.h"
+
+TEST(Encoding, AnEmptyMessageIsItsHeader) {
+    EXPECT_EQ(Buffer().message(), (Bytes{0, 0, 0, 8, 0x99, 0x55, 0xEE, 0xAA}));
+    std::uint8_t small[7];
+    EXPECT_EQ(rvmsg_Init(small, sizeof small), 8);
+}
+
+TEST(Encoding, LaysEachTypeOutAsTheFormatSays) {
+    const std::uint32_t date[] = {255, 0x01020304, 0x0A0B0C};
+    const std::int16_t negative = -2;
+    const std::uint32_t word = 0x01020304;
+    const std::uint64_t large = 0x0102030405060708;
+    const float one = 1.0F;
+    const std::uint32_t truth = 1;
+    const std::uint8_t address[] = {127, 0, 0, 1};
+    std::uint8_t subject[16];
+    rvSubject_FromText(subject, sizeof subject, "a.b");
+    const struct {
+        rvmsg_Type type;
+        rvmsg_Size size;
+        const void* data;
+        Bytes wire;
+    } cases[] = {
+        {RVMSG_DATETIME, 12, date, {3, 8, 1, 2, 3, 4, 255, 0x0A, 0x0B, 0x0C}},
+        {RVMSG_OPAQUE, 2, "xy", {7, 2, 'x', 'y'}},
+        {RVMSG_STRING, 0, "ab", {8, 3, 'a', 'b', 0}},
+        {RVMSG_BOOLEAN, 4, &truth, {9, 1, 1}},
+        {RVMSG_IPDATA, 4, address, {10, 4, 127, 0, 0, 1}},
+        {RVMSG_INT, 2, &negative, {11, 2, 0xFF, 0xFE}},
+        {RVMSG_UINT, 4, &word, {12, 4, 1, 2, 3, 4}},
+        {RVMSG_UINT, 8, &large, {12, 8, 1, 2, 3, 4, 5, 6, 7, 8}},
+        {RVMSG_REAL, 4, &one, {13, 4, 0x3F, 0x80, 0, 0}},
+        {RVMSG_SUBJECT, 0, subject, {2, 0x79, 0, 9, 2, 3, 'a', 0, 3, 'b', 0}},
+        {RVMSG_MSG, 0, Buffer().bytes.data(), {1, 0x7A, 0, 0, 0, 8, 0x99, 0x55, 0xEE, 0xAA}},
+        {RVMSG_ENCRYPTED,
+         0,
+         "\0\0\0\x0A\x99\x55\xEE\xBB\x08Z",
+         {32, 0x7A, 0, 0, 0, 10, 0x99, 0x55, 0xEE, 0xBB, 8, 'Z'}},
+        {5, 4, "data", {5}},
+    };
+    const Buffer nested;
+    for (const auto& expected : cases) {
+        Buffer buffer;
+        const void* data = expected.type == RVMSG_MSG ? nested.bytes.data() : expected.data;
+        ASSERT_EQ(buffer.append("x", expected.type, expected.size, data), 0) << expected.type;
+        EXPECT_EQ(buffer.fields(), (Bytes{2, 'x', 0} + expected.wire)) << expected.type;
+    }
+}
+
+TEST(Encoding, TakesTheShortestOfThreeSizeForms) {
+    const std::vector<std::pair<rvmsg_Size, Bytes>> forms = {
+        {119, {0x77}},
+        {120, {0x79, 0x00, 0x7A}},
+        {29999, {0x79, 0x75, 0x31}},
+        {30000, {0x7A, 0x00, 0x00, 0x75, 0x34}},
+    };
+    const Bytes data(30000, 7);
+    for (const auto& [size, form] : forms) {
+        Buffer buffer(40000);
+        ASSERT_EQ(buffer.append(nullptr, RVMSG_OPAQUE, size, data.data()), 0);
+        const Bytes expected = Bytes{0, RVMSG_OPAQUE} + form;
+        EXPECT_EQ(Bytes(buffer.bytes.begin() + 8, buffer.bytes.begin() + 8 + expected.size()),
+                  expected);
+        EXPECT_EQ(buffer.length(), 8 + expected.size() + size);
+    }
+}
+
+TEST(Encoding, RefusesWhatAFieldCannotHold) {
+    const struct {
+        rvmsg_Type type;
+        rvmsg_Size size;
+        int code;
+    } cases[] = {
+        {RVMSG_BADDATA, 1, 3}, {RVMSG_NONE, 1, 3},     {RVMSG_DATETIME, 11, 3},
+        {RVMSG_BOOLEAN, 8, 3}, {RVMSG_IPDATA, 3, 3},   {RVMSG_INT, 3, 3},
+        {RVMSG_REAL, 2, 3},    {RVMSG_INT, 0, 3},      {RVMSG_MSG, 0, 1},
+        {RVMSG_INT, 500, 8},   {RVMSG_OPAQUE, 500, 8}, {RVMSG_ENCRYPTED, 0, 1},
+    };
+    for (const auto& refused : cases) {
+        Buffer buffer;
+        const char data[32] = {};
+        EXPECT_EQ(buffer.append("n", refused.type, refused.size, data), refused.code)
+            << refused.type;
+        EXPECT_EQ(buffer.length(), 8U);
+    }
+    EXPECT_EQ(Buffer().append("n", RVMSG_STRING, 0, nullptr), 3);
+    Bytes noMessage(64);
+    EXPECT_EQ(rvmsg_Append(noMessage.data(), 64, "n", RVMSG_STRING, 0, "x"), 1);
+}
+
+TEST(Encoding, NamesHaveAtMost99Characters) {
+    EXPECT_EQ(Buffer().append(std::string(99, 'n').c_str(), "x"), 0);
+    EXPECT_EQ(Buffer().append(std::string(100, 'n').c_str(), "x"), 9);
+}
+
+TEST(Encoding, AsksForSlightlyMoreRoomThanItWrites) {
+    // Header 8, name and type 4; a text of 3 bytes asks for 3 + 5 and one more behind them.
+    Buffer tooSmall(20);
+    EXPECT_EQ(tooSmall.append("x", "ab"), 8);
+    Buffer enough(21);
+    EXPECT_EQ(enough.append("x", "ab"), 0);
+    EXPECT_EQ(enough.length(), 16U);
+    // A number asks for its size, its size byte and one more.
+    const std::int32_t value = 1;
+    EXPECT_EQ(Buffer(17).append("x", RVMSG_INT, 4, &value), 8);
+    EXPECT_EQ(Buffer(18).append("x", RVMSG_INT, 4, &value), 0);
+}
+
+TEST(Encoding, AppendsIntoANestedMessageAndKeepsWhatFollowsIt) {
+    Buffer inner;
+    inner.append("old", "1");
+    Buffer middle;
+    middle.append("inner", RVMSG_MSG, 0, inner.bytes.data());
+    Buffer outer;
+    outer.append("middle", RVMSG_MSG, 0, middle.bytes.data());
+    outer.append("after", "kept");
+    const rvmsg_Size before = outer.length();
+
+    ASSERT_EQ(outer.append("middle.inner.new", "2"), 0);
+    EXPECT_EQ(outer.length(), before + 9);
+    EXPECT_EQ(printed(outer.bytes.data()), R"({ middle={ inner={ old="1" new="2"}} after="kept"})");
+    EXPECT_EQ(rvmsg_Validate(outer.bytes.data(), outer.length()), 0);
+}
+
+TEST(Encoding, APathMustLeadThroughMessages) {
+    Buffer buffer;
+    buffer.append("a", "text");
+    EXPECT_EQ(buffer.append("a.b", "x"), 3);
+    EXPECT_EQ(buffer.append("missing.b", "x"), 11);
+    EXPECT_EQ(buffer.append((std::string(101, 'a') + ".b").c_str(), "x"), 9);
+    Bytes cut = messageOf(fieldOf("m", Bytes{RVMSG_MSG, 0x7A} + big32(200) + big32(0x9955EEAA)));
+    cut.resize(64);
+    EXPECT_EQ(rvmsg_Append(cut.data(), 64, "m.b", RVMSG_STRING, 0, "x"), 3);
+}
+
+TEST(Encoding, BuildsAdvisoryBodies) {
+    Buffer buffer;
+    const auto capacity = static_cast<rvmsg_Size>(buffer.bytes.size());
+    EXPECT_EQ(rvmsg_AppendAdvisoryFields(buffer.bytes.data(), capacity, "WARN", "APP", "X", "why"),
+              0);
+    EXPECT_EQ(printed(buffer.bytes.data()),
+              R"({ ADV_CLASS="WARN" ADV_SOURCE="APP" ADV_NAME="X" ADV_DESC="why"})");
+    EXPECT_EQ(rvmsg_AppendAdvisoryFields(buffer.bytes.data(), capacity, "A.B", "S", "N", nullptr),
+              9);
+    EXPECT_EQ(rvmsg_AppendAdvisoryFields(buffer.bytes.data(), capacity, "A", nullptr, "N", ""), 3);
+}

@@ -1,0 +1,90 @@
+#include <gtest/gtest.h>
+
+#include "Bytes.h"
+#include "rv/message/RvDatum.h"
+
+TEST(RvDatum, BorrowsWhatItIsMadeFromAndOwnsWhatItCopies) {
+    char text[] = "abc";
+    RvDatum borrowed("name", RVMSG_STRING, 4, text);
+    const RvDatum owned(borrowed);
+    text[0] = 'X';
+    EXPECT_STREQ(static_cast<const char*>(borrowed.data()), "Xbc");
+    EXPECT_STREQ(static_cast<const char*>(owned.data()), "abc");
+    EXPECT_STREQ(owned.name(), "name");
+    borrowed.set(nullptr, RVMSG_INT, 4, nullptr);
+    EXPECT_EQ(borrowed.name(), nullptr);
+    EXPECT_EQ(borrowed.size(), 0U);
+}
+
+TEST(RvDatum, ACopyWorksOutAMissingSizeAndStillRecordsZero) {
+    Bytes message = Buffer().message();
+    Bytes sealed = big32(10) + big32(0x9955EEBB) + Bytes{8, 1};
+    char text[] = "text";
+    const std::vector<std::pair<RvDatum, std::size_t>> unsized = {
+        {RvDatum(RVMSG_STRING, 0, text), 5},
+        {RvDatum(RVMSG_MSG, 0, message.data()), 8},
+        {RvDatum(RVMSG_ENCRYPTED, 0, sealed.data()), 10}};
+    std::fill(message.begin(), message.end(), 0);  // the vector holds copies
+    std::fill(sealed.begin(), sealed.end(), 0);
+    for (const auto& [copy, bytes] : unsized) {
+        EXPECT_EQ(copy.size(), 0U);
+        const auto* const data = static_cast<const std::uint8_t*>(copy.data());
+        EXPECT_EQ(data[bytes - 1], bytes == 5 ? 0 : bytes == 8 ? 0xAA : 1);
+    }
+    const RvDatum broken(RVMSG_MSG, 0, message.data());
+    RvDatum copy;
+    copy = broken;
+    EXPECT_EQ(copy.type(), RVMSG_BADDATA);
+    EXPECT_EQ(copy.data(), nullptr);
+}
+
+TEST(RvDatum, AssignmentReusesABufferThatIsLargeEnough) {
+    RvDatum target;
+    target = RvDatum(RVMSG_STRING, 8, "1234567");
+    const void* const buffer = target.data();
+    target = RvDatum(RVMSG_STRING, 3, "ab");
+    EXPECT_EQ(target.data(), buffer);
+    EXPECT_EQ(target.size(), 3U);
+    RvDatum inside(RVMSG_OPAQUE, 1, static_cast<const char*>(target.data()) + 1);
+    target = inside;
+    EXPECT_EQ(*static_cast<const char*>(target.data()), 'b');
+    const RvDatum& self = target;
+    target = self;
+    EXPECT_EQ(target.size(), 1U);
+    target = RvDatum(RVMSG_NONE, 0, nullptr);
+    EXPECT_EQ(target.type(), RVMSG_NONE);
+    EXPECT_EQ(target.data(), nullptr);
+}
+
+TEST(RvDatum, ComparesTypeSizeAndBytes) {
+    const RvDatum text(RVMSG_STRING, 3, "ab");
+    EXPECT_TRUE(text == RvDatum(RVMSG_STRING, 3, "ab"));
+    EXPECT_FALSE(text == RvDatum(RVMSG_STRING, 3, "aX"));
+    EXPECT_FALSE(text == RvDatum(RVMSG_OPAQUE, 3, "ab"));
+    EXPECT_TRUE(RvDatum(RVMSG_OPAQUE, 0, "x") == RvDatum(RVMSG_OPAQUE, 0, "y"));
+    const RvDatum empty;
+    EXPECT_FALSE(empty == empty);
+}
+
+TEST(RvDatum, TypedReadsFillTheWholeVariable) {
+    const std::int16_t minusOne = -1;
+    const RvDatum datum(RVMSG_INT, 2, &minusOne);
+    long signedValue = 0;
+    unsigned long unsignedValue = ~0UL;
+    short narrow = 0;
+    double real = 0;
+    EXPECT_TRUE(datum.getInt32(signedValue) == 0);
+    EXPECT_EQ(signedValue, -1L);
+    EXPECT_TRUE(datum.getUInt32(unsignedValue) == 0);
+    EXPECT_EQ(unsignedValue, 0xFFFFFFFFUL);
+    EXPECT_TRUE(datum.getInt16(narrow) == 0);
+    EXPECT_EQ(narrow, -1);
+    EXPECT_TRUE(datum.getFloat64(real) == 0);
+    EXPECT_EQ(real, -1.0);
+    char text[8];
+    EXPECT_TRUE(datum.getString(text, sizeof text) == 0);
+    EXPECT_STREQ(text, "-1");
+    EXPECT_TRUE(datum.getString(text, 6).isMessage(3));
+    EXPECT_TRUE(RvDatum(RVMSG_STRING, 0, "x").getInt32(signedValue).isMessage(3));
+    EXPECT_EQ(signedValue, -1L);
+}

@@ -1,0 +1,107 @@
+// Subjects as text and encoded, and the check of what comes from outside.
+
+#include <gtest/gtest.h>
+
+#include "Bytes.h"
+#include "rv/message/SubjectView.h"
+#include "rv/message/rvSubject.h"
+
+namespace {
+
+std::string repeated(const std::string& element, int count) {
+    std::string text = element;
+    for (int i = 1; i < count; ++i) text += "." + element;
+    return text;
+}
+
+int encode(const std::string& text, unsigned capacity = 1000) {
+    std::uint8_t out[2000];
+    return rvSubject_FromText(out, capacity, text.c_str());
+}
+
+bool parses(const Bytes& bytes) {
+    return kvx::SubjectView::parse(bytes.data(), bytes.size()).has_value();
+}
+
+}  // namespace
+
+TEST(Subject, EncodesElementsWithTheirLengths) {
+    Bytes out(12);
+    ASSERT_EQ(rvSubject_FromText(out.data(), 12, "ab.cde"), 12);
+    EXPECT_EQ(out, (Bytes{0, 12, 2, 4, 'a', 'b', 0, 5, 'c', 'd', 'e', 0}));
+}
+
+TEST(Subject, FollowsTheRulesForTexts) {
+    for (const char* invalid : {"", ".", ".a", "a.", "a..b"}) EXPECT_EQ(encode(invalid), -1);
+    EXPECT_EQ(encode(std::string(250, 'x')), 255);
+    EXPECT_EQ(encode(std::string(251, 'x')), -1);
+    EXPECT_GT(encode(repeated("x", 102)), 0);
+    EXPECT_EQ(encode(repeated("x", 103)), -1);
+    EXPECT_EQ(encode("a.b", 9), 9);
+    EXPECT_EQ(encode("a.b", 8), -1);
+    EXPECT_EQ(encode(repeated(std::string(247, 'x'), 4), 2000), 999);
+    EXPECT_EQ(encode(repeated(std::string(248, 'x'), 4), 2000), -1);
+}
+
+TEST(Subject, GoesBackToTextAndElements) {
+    std::uint8_t encoded[64];
+    char text[64];
+    rvSubject_FromText(encoded, sizeof encoded, "A.*.>");
+    EXPECT_STREQ(rvSubject_ToText(text, sizeof text, encoded), "A.*.>");
+    EXPECT_EQ(rvSubject_ToText(text, rvSubject_Length(encoded) - 1, encoded), nullptr);
+    EXPECT_EQ(rvSubject_Count(encoded), 3U);
+    EXPECT_STREQ(rvSubject_Element(encoded, 1), "A");
+    EXPECT_STREQ(rvSubject_Element(encoded, 3), ">");
+    EXPECT_EQ(rvSubject_Element(encoded, 0), nullptr);
+    EXPECT_EQ(rvSubject_Element(encoded, 4), nullptr);
+}
+
+TEST(Subject, GrowsAndShrinksAtItsEnd) {
+    std::uint8_t encoded[16];
+    char text[16];
+    EXPECT_EQ(rvSubject_InitEmpty(encoded, 2), -1);
+    EXPECT_EQ(rvSubject_InitEmpty(encoded, sizeof encoded), 3);
+    EXPECT_EQ(rvSubject_AppendElement(encoded, 6, "a"), -1);
+    EXPECT_EQ(rvSubject_AppendElement(encoded, 7, "a"), 6);
+    EXPECT_EQ(rvSubject_AppendElement(encoded, 16, "b.c"), -1);
+    EXPECT_EQ(rvSubject_AppendElement(encoded, 16, "bc"), 10);
+    EXPECT_STREQ(rvSubject_ToText(text, sizeof text, encoded), "a.bc");
+    EXPECT_EQ(rvSubject_RemoveLast(encoded), 6);
+    EXPECT_EQ(rvSubject_RemoveLast(encoded), 3);
+    EXPECT_EQ(rvSubject_RemoveLast(encoded), -1);
+}
+
+TEST(SubjectView, RefusesMalformedBytes) {
+    EXPECT_TRUE(parses({0, 6, 1, 3, 'a', 0}));
+    const std::vector<std::pair<const char*, Bytes>> malformed = {
+        {"nothing", {}},
+        {"an empty subject", {0, 3, 0}},
+        {"longer than its bytes", {0, 7, 1, 3, 'a', 0}},
+        {"too few elements", {0, 6, 2, 3, 'a', 0}},
+        {"too many elements", {0, 9, 1, 3, 'a', 0, 3, 'b', 0}},
+        {"an empty element", {0, 5, 1, 2, 0}},
+        {"an element past the end", {0, 6, 1, 9, 'a', 0}},
+        {"no terminator", {0, 6, 1, 3, 'a', 'b'}},
+        {"a zero inside", {0, 8, 1, 5, 'a', 0, 'b', 0}},
+        {"a full stop inside", {0, 8, 1, 5, 'a', '.', 'b', 0}},
+        {"an element of 251", Bytes{1, 0, 1, 253} + Bytes(251, 'x') + Bytes{0}},
+    };
+    for (const auto& [what, bytes] : malformed) {
+        EXPECT_FALSE(parses(bytes)) << what;
+        if (bytes.size() < 3 || bytes[1] > bytes.size()) continue;
+        char text[300];
+        rvSubject_ToText(text, sizeof text, bytes.data());  // safe, whatever it makes of it
+        rvSubject_Element(bytes.data(), 2);
+    }
+}
+
+TEST(SubjectView, KnowsWildcards) {
+    const auto hasWildcards = [](const char* text) {
+        return kvx::Subject::fromText(text)->view().hasWildcards();
+    };
+    EXPECT_TRUE(hasWildcards("*"));
+    EXPECT_TRUE(hasWildcards("A.*.B"));
+    EXPECT_TRUE(hasWildcards("A.>"));
+    EXPECT_FALSE(hasWildcards("A.>.B"));
+    EXPECT_FALSE(hasWildcards("A.**.B>"));
+}

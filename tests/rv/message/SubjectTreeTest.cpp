@@ -1,0 +1,228 @@
+// The matcher as client and daemon use it.
+
+#include "rv/message/SubjectTree.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <list>
+#include <random>
+
+namespace {
+
+struct Listener {
+    std::string pattern;
+};
+
+kvx::Subject subject(const std::string& text) {
+    auto encoded = kvx::Subject::fromText(text.c_str());
+    EXPECT_TRUE(encoded.has_value()) << text;
+    return *encoded;
+}
+
+bool admitAll(std::string_view) {
+    return true;
+}
+
+class SubjectTreeTest : public testing::Test {
+  protected:
+    Listener& listen(const std::string& pattern) {
+        Listener& listener = listeners_.emplace_back(Listener{pattern});
+        tree_.add(subject(pattern), &listener);
+        return listener;
+    }
+    void listenTo(std::initializer_list<const char*> patterns) {
+        for (const char* pattern : patterns) listen(pattern);
+    }
+    bool cancel(const Listener& listener) {
+        return tree_.remove(subject(listener.pattern), &listener);
+    }
+
+    // The patterns reached, in order, separated by blanks.
+    std::string reached(const std::string& text) {
+        return collected([&](auto visit) { tree_.match(subject(text), visit); });
+    }
+    std::string reachedByPattern(const std::string& text,
+                                 const std::function<bool(std::string_view)>& admit = admitAll) {
+        return collected([&](auto visit) { tree_.matchCovered(subject(text), admit, visit); });
+    }
+    template <class Ask>
+    static std::string collected(Ask ask) {
+        std::string patterns;
+        ask([&patterns](Listener& listener) {
+            patterns += patterns.empty() ? listener.pattern : " " + listener.pattern;
+        });
+        return patterns;
+    }
+
+    kvx::SubjectTree<Listener> tree_;
+    std::list<Listener> listeners_;
+};
+
+// What the rules say, one element after the other.
+bool matches(const std::string& pattern, const std::string& text) {
+    const auto pattern_end = pattern.find('.');
+    const auto text_end = text.find('.');
+    const std::string element = pattern.substr(0, pattern_end);
+    if (element == ">" && pattern_end == std::string::npos) return true;
+    if (element != "*" && element != text.substr(0, text_end)) return false;
+    if (pattern_end == std::string::npos || text_end == std::string::npos) {
+        return pattern_end == text_end;
+    }
+    return matches(pattern.substr(pattern_end + 1), text.substr(text_end + 1));
+}
+
+}  // namespace
+
+TEST_F(SubjectTreeTest, VisitsExactAndWildcardListenersInTheOrderOfAdding) {
+    listenTo({"A.>", "A.B", ">", "*.B", "A.*", "*", "A.B.C", "A.B", "*.>"});
+    EXPECT_EQ(reached("A.B"), "A.> A.B > *.B A.* A.B *.>");
+    EXPECT_EQ(reached("A"), "> *");
+    EXPECT_EQ(reached("X.Y.Z"), "> *.>");
+    EXPECT_EQ(reached("A.B.C"), "A.> > A.B.C *.>");
+}
+
+TEST_F(SubjectTreeTest, ATailNeedsAnElementAndStandsOnlyAtTheEnd) {
+    listenTo({"A.>", "A.>.C"});
+    EXPECT_EQ(reached("A"), "");
+    EXPECT_EQ(reached("A.B.C"), "A.>");
+    EXPECT_EQ(reached("A.>.C"), "A.> A.>.C");
+}
+
+TEST_F(SubjectTreeTest, PlainWildcardsHearReservedSubjectsButNotAtALiteralRoot) {
+    listenTo({">", "*.X", "_INBOX.S.>", "_INBOX.S.1", "_INBOX.*.1"});
+    EXPECT_EQ(reached("_RV.X"), "> *.X");
+    const auto inbox = subject("_INBOX.S.1");
+    EXPECT_EQ(collected([&](auto visit) { tree_.matchLiteralRoot(inbox, visit); }),
+              "_INBOX.S.> _INBOX.S.1 _INBOX.*.1");
+    EXPECT_EQ(collected([&](auto visit) { tree_.matchExact(inbox, visit); }), "_INBOX.S.1");
+}
+
+TEST_F(SubjectTreeTest, APatternReachesWhatItCovers) {
+    listenTo({"A", "A.B", "A.*", "A.>", "A.B.C", "A.*.C", "*.B", ">", "*", "X.B"});
+    EXPECT_EQ(reachedByPattern("A.*"), "A.B A.*");
+    EXPECT_EQ(reachedByPattern("A.>"), "A.B A.* A.> A.B.C A.*.C");
+    EXPECT_EQ(reachedByPattern("*.B"), "A.B *.B X.B");
+    EXPECT_EQ(reachedByPattern("A.*.C"), "A.B.C A.*.C");
+    EXPECT_EQ(reachedByPattern("*"), "A *");
+    EXPECT_EQ(reachedByPattern(">"), "A A.B A.* A.> A.B.C A.*.C *.B > * X.B");
+}
+
+TEST_F(SubjectTreeTest, APatternsRootFollowsTheCallersRule) {
+    listenTo({"_RV.>", "_INBOX.S.1", "A.B", ">", "_RV.WARN.X"});
+    const auto ordinary = [](std::string_view first) {
+        return first != kvx::kInboxElement && first != kvx::kReservedElement;
+    };
+    const auto reserved = [](std::string_view first) { return first != kvx::kInboxElement; };
+    EXPECT_EQ(reachedByPattern(">", ordinary), "A.B >");
+    EXPECT_EQ(reachedByPattern("*.*", ordinary), "A.B");
+    EXPECT_EQ(reachedByPattern("_RV.*.*", reserved), "_RV.WARN.X");
+    EXPECT_EQ(reachedByPattern("_INBOX.>", reserved), "");
+}
+
+TEST_F(SubjectTreeTest, CountsOnePointerAsOftenAsItWasAdded) {
+    Listener& twice = listen("A");
+    tree_.add(subject("A"), &twice);
+    EXPECT_EQ(reached("A"), "A A");
+    EXPECT_TRUE(cancel(twice));
+    EXPECT_EQ(reached("A"), "A");
+    EXPECT_TRUE(cancel(twice));
+    EXPECT_FALSE(cancel(twice));
+    EXPECT_FALSE(tree_.remove(subject("B"), &twice));
+    EXPECT_EQ(tree_.size(), 0U);
+}
+
+TEST_F(SubjectTreeTest, ListenersMayLeaveDuringTheirOwnVisit) {
+    listenTo({"A", "*", "A", ">"});
+    const auto visited =
+        tree_.match(subject("A"), [&](Listener& listener) { EXPECT_TRUE(cancel(listener)); });
+    EXPECT_EQ(visited, 4U);
+    EXPECT_EQ(tree_.size(), 0U);
+    EXPECT_EQ(reached("A"), "");
+}
+
+TEST_F(SubjectTreeTest, ARemovedListenerIsNotVisitedAnyMore) {
+    Listener& first = listen("A");
+    Listener& second = listen("*");
+    Listener& third = listen("A");
+    const auto visited = tree_.match(subject("A"), [&](Listener& listener) {
+        EXPECT_EQ(&listener, &first);
+        EXPECT_TRUE(cancel(second));
+        EXPECT_TRUE(cancel(third));
+        EXPECT_FALSE(cancel(third));
+    });
+    EXPECT_EQ(visited, 1U);
+    EXPECT_EQ(reached("A"), "A");
+}
+
+TEST_F(SubjectTreeTest, AnAddedListenerIsNotVisitedYet) {
+    listenTo({"A", ">"});
+    int rounds = 0;
+    tree_.match(subject("A"), [&](Listener&) {
+        ++rounds;
+        for (int i = 0; i < 200; ++i) listen("A");
+        listen("*");
+    });
+    EXPECT_EQ(rounds, 2);
+    EXPECT_EQ(tree_.match(subject("A"), [](Listener&) {}), 404U);
+}
+
+TEST_F(SubjectTreeTest, AVisitMayAskAgainAndEndTheMatch) {
+    listenTo({"A", "A", "*", "B"});
+    Listener& leaving = listen("A");
+    std::string inner;
+    const auto visited = tree_.match(subject("A"), [&](Listener&) {
+        if (inner.empty()) {
+            EXPECT_TRUE(cancel(leaving));
+            inner = reached("A") + " " + reached("B");
+            return true;
+        }
+        return false;
+    });
+    EXPECT_EQ(visited, 2U);
+    EXPECT_EQ(inner, "A A * * B");
+}
+
+TEST_F(SubjectTreeTest, TellsLongElementsApart) {
+    const std::string stem(249, 'x');
+    for (const char* last : {"a", "b", "c"}) listen(stem + last + ".y");
+    EXPECT_EQ(reached(stem + "b.y"), stem + "b.y");
+    EXPECT_EQ(reached(stem + "d.y"), "");
+    EXPECT_TRUE(cancel(listeners_.front()));
+    listen(stem + "d.y");
+    EXPECT_EQ(reached(stem + "d.y"), stem + "d.y");
+}
+
+// Random listeners come and go; every answer is held against the rules.
+TEST_F(SubjectTreeTest, AgreesWithTheRulesWhileListenersComeAndGo) {
+    std::mt19937 random(7);
+    const auto anyOf = [&random](const char* elements) {
+        std::string text;
+        for (auto left = random() % 4 + 1; left > 0; --left) {
+            const bool last = left == 1;
+            const char element = elements[random() % 5];
+            text += element == '>' && !last ? 'a' : element;
+            if (!last) text += '.';
+        }
+        return text;
+    };
+    std::vector<Listener*> present;
+    for (int step = 0; step < 1200; ++step) {
+        if (present.empty() || random() % 5 < 3) {
+            present.push_back(&listen(anyOf("abc*>")));
+        } else {
+            const auto victim = present.begin() + static_cast<long>(random() % present.size());
+            ASSERT_TRUE(cancel(**victim));
+            present.erase(victim);
+        }
+        const std::string text = anyOf("abcde");
+        std::string expected;
+        for (const Listener* listener : present) {
+            if (!matches(listener->pattern, text)) continue;
+            expected += expected.empty() ? listener->pattern : " " + listener->pattern;
+        }
+        ASSERT_EQ(reached(text), expected) << text;
+    }
+    for (const Listener* listener : present) ASSERT_TRUE(cancel(*listener));
+    EXPECT_EQ(tree_.size(), 0U);
+}
