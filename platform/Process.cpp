@@ -30,15 +30,10 @@ extern "C" {
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <span>
+#include <string_view>
 #include <system_error>
 
 #include "platform/File.h"
-
-// This header of the C library declares its functions without C linkage.
-extern "C" {
-#include <sys/pidfd.h>
-}
 
 namespace kvx::platform {
 

@@ -1,0 +1,190 @@
+#include "platform/Process.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "platform/File.h"
+#include "platform/Socket.h"
+#include "tests/support/TemporaryDirectory.h"
+
+using namespace kvx::platform;
+using kvx::test::TemporaryDirectory;
+
+namespace {
+
+Program shell(const std::string& script, const std::string& directory = "") {
+    return {"sh", {"sh", "-c", script}, directory};
+}
+
+int exitStatusOf(const Started& child) {
+    EXPECT_NE(child.pid, 0U);
+    siginfo_t info{};
+    ::waitid(P_PID, static_cast<id_t>(child.pid), &info, WEXITED | WNOWAIT);
+    return reap(child.pid).value_or(-1);
+}
+
+std::string contentOf(const std::string& file) {
+    std::ostringstream text;
+    text << std::ifstream(file).rdbuf();
+    return text.str();
+}
+
+// Gives the process another environment for one test.
+class Environment {
+  public:
+    Environment(const char* name, const std::string& value) : name_(name) {
+        if (const char* old = std::getenv(name)) old_ = old;
+        ::setenv(name, value.c_str(), 1);
+    }
+    ~Environment() {
+        if (old_) {
+            ::setenv(name_, old_->c_str(), 1);
+        } else {
+            ::unsetenv(name_);
+        }
+    }
+
+  private:
+    const char* name_;
+    std::optional<std::string> old_;
+};
+
+}  // namespace
+
+TEST(Processes, KnowThemselves) {
+    EXPECT_EQ(processId(), static_cast<unsigned long>(::getpid()));
+    EXPECT_EQ(programName(processId()), "platform_test");
+    EXPECT_TRUE(isExecutable(programDirectory() + "/platform_test"));
+    EXPECT_EQ(programName(0), std::nullopt);
+    EXPECT_EQ(programName(~0UL), std::nullopt);
+    EXPECT_FALSE(userName().empty());
+    EXPECT_GT(physicalMemoryBytes(), 1U << 24);
+}
+
+TEST(Processes, EndAtOnceWithTheirStreamsFlushed) {
+    EXPECT_EXIT(
+        {
+            std::atexit([] { ::_exit(1); });
+            std::printf("not lost");
+            ::dup2(STDERR_FILENO, STDOUT_FILENO);
+            exitNow(3);
+        },
+        testing::ExitedWithCode(3), "not lost");
+}
+
+TEST(Children, RunWithTheirArgumentsInTheirDirectory) {
+    const TemporaryDirectory directory;
+    EXPECT_EQ(exitStatusOf(startChild(shell("pwd -P > out; exit 7", directory.path()))), 7);
+    EXPECT_EQ(contentOf(directory.file("out")),
+              std::filesystem::canonical(directory.path()).string() + "\n");
+    EXPECT_EQ(exitStatusOf(startChild(shell("kill -9 $$"))), 128 + SIGKILL);
+}
+
+TEST(Children, InheritNoDescriptorBlockedSignalOrHandling) {
+    const int leaky = ::fcntl(STDERR_FILENO, F_DUPFD, 100);  // not close-on-exec
+    ASSERT_GE(leaky, 100);
+    ::signal(SIGUSR1, SIG_IGN);
+    const std::string script =
+        "test ! -e /proc/self/fd/" + std::to_string(leaky) + " || exit 1; kill -USR1 $$; exit 2";
+    EXPECT_EQ(exitStatusOf(startChild(shell(script))), 128 + SIGUSR1);
+    ::signal(SIGUSR1, SIG_DFL);
+    ::close(leaky);
+}
+
+TEST(Children, ThatCannotRunAreReported) {
+    const TemporaryDirectory directory;
+    std::ofstream(directory.file("plain")) << "no program";
+    for (const auto start : {+[](const Program& p) { return startChild(p); },
+                             +[](const Program& p) { return startDaemon(p, "test"); }}) {
+        const Environment state("XDG_STATE_HOME", directory.path());
+        EXPECT_EQ(start({directory.file("missing"), {"missing"}, ""}).error, ENOENT);
+        EXPECT_EQ(start({directory.file("plain"), {"plain"}, ""}).error, EACCES);
+        EXPECT_EQ(start({"kvx-no-such-program", {"x"}, ""}).error, ENOENT);
+        EXPECT_EQ(start(shell("exit 0", directory.file("missing"))).error, ENOENT);
+        EXPECT_EQ(start({directory.file("plain"), {"plain"}, ""}).pid, 0U);
+    }
+}
+
+TEST(Children, AreKilledWhenTheyDoNotListen) {
+    const TemporaryDirectory directory;
+    const Started polite = startChild(shell("exec sleep 1000"));
+    EXPECT_TRUE(killAndReap(polite.pid, 60'000));
+    EXPECT_FALSE(killAndReap(polite.pid));
+    const Started stubborn = startChild(
+        shell("trap '' TERM; echo > ready; exec sleep 1000", directory.path()));
+    while (!isReadable(directory.file("ready"))) std::this_thread::yield();
+    EXPECT_EQ(reap(stubborn.pid), std::nullopt);
+    EXPECT_TRUE(killAndReap(stubborn.pid, 1));
+    const Started ended = startChild(shell("exit 0"));
+    siginfo_t info{};
+    ::waitid(P_PID, static_cast<id_t>(ended.pid), &info, WEXITED | WNOWAIT);
+    EXPECT_TRUE(killAndReap(ended.pid));
+}
+
+TEST(Children, AreNotMistakenForOtherProcesses) {
+    EXPECT_FALSE(killAndReap(0));
+    EXPECT_FALSE(killAndReap(static_cast<unsigned long>(::getppid())));
+    EXPECT_FALSE(sendSignal(0, 0));
+    EXPECT_FALSE(sendSignal(~0UL, 0));
+    EXPECT_TRUE(sendSignal(processId(), 0));
+    EXPECT_EQ(reap(0), std::nullopt);
+}
+
+TEST(Daemons, LiveInASessionOfTheirOwnAndWriteToTheLog) {
+    const TemporaryDirectory directory;
+    const Environment state("XDG_STATE_HOME", directory.path());
+    const std::string log = directory.path() + "/kvxmom/test.log";
+    // Standard input is empty; the sixth field of stat is the session.
+    const std::string script =
+        "read line || echo no input; echo error >&2; cut -d' ' -f6 /proc/self/stat; echo end";
+    const Started daemon = startDaemon(shell(script), "test");
+    ASSERT_NE(daemon.pid, 0U) << daemon.error;
+    EXPECT_EQ(::waitpid(static_cast<pid_t>(daemon.pid), nullptr, WNOHANG), -1);  // no child of ours
+    while (contentOf(log).find("end\n") == std::string::npos) std::this_thread::yield();
+    std::istringstream lines(contentOf(log));
+    std::string input;
+    std::string error;
+    long session = 0;
+    std::getline(lines, input);
+    std::getline(lines, error);
+    lines >> session;
+    EXPECT_EQ(input, "no input");
+    EXPECT_EQ(error, "error");
+    EXPECT_NE(session, ::getsid(0));
+    EXPECT_NE(session, 0);
+}
+
+TEST(Files, AreFoundOnThePathByTheirRights) {
+    const TemporaryDirectory directory;
+    std::ofstream(directory.file("tool")) << "#!/bin/sh\n";
+    const Environment path("PATH", "/nonexistent:" + directory.path());
+    EXPECT_EQ(findOnPath("tool"), std::nullopt);
+    std::filesystem::permissions(directory.file("tool"), std::filesystem::perms::owner_all);
+    EXPECT_EQ(findOnPath("tool"), directory.file("tool"));
+    EXPECT_FALSE(isExecutable(directory.path()));
+    EXPECT_FALSE(isReadable(directory.file("missing")));
+}
+
+TEST(StateDirectory, IsTheUsersAndCreated) {
+    const TemporaryDirectory home;
+    const Environment homeVariable("HOME", home.path());
+    {
+        const Environment relative("XDG_STATE_HOME", "relative/is/ignored");
+        EXPECT_EQ(stateDirectory(), home.path() + "/.local/state/kvxmom");
+    }
+    const Environment given("XDG_STATE_HOME", home.path() + "/state");
+    EXPECT_EQ(stateDirectory(), home.path() + "/state/kvxmom");
+    EXPECT_TRUE(std::filesystem::is_directory(stateDirectory()));
+    std::ofstream(home.file("file")) << "in the way";
+    const Environment blocked("XDG_STATE_HOME", home.file("file"));
+    EXPECT_EQ(stateDirectory(), "");
+}

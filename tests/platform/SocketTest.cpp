@@ -1,0 +1,115 @@
+#include "platform/Socket.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#include "tests/support/SocketPair.h"
+
+using namespace kvx::platform;
+using kvx::test::SocketPair;
+
+namespace {
+
+bool closesOnExec(const Socket& socket) {
+    return (::fcntl(socket.get(), F_GETFD) & FD_CLOEXEC) != 0;
+}
+
+std::array<std::byte, 64> buffer;
+
+std::string receiveText(const Socket& socket) {
+    const IoResult got = receiveSome(socket.get(), buffer);
+    return {reinterpret_cast<const char*>(buffer.data()), got.bytes};
+}
+
+}  // namespace
+
+TEST(SocketErrors, AreTranslatedAndUnknownOnesKept) {
+    EXPECT_EQ(socketErrorFromErrno(EINTR), 10004);
+    EXPECT_EQ(socketErrorFromErrno(EAGAIN), 10035);
+    EXPECT_EQ(socketErrorFromErrno(ENETDOWN), 10050);
+    EXPECT_EQ(socketErrorFromErrno(ENOBUFS), 10055);
+    EXPECT_EQ(socketErrorFromErrno(ENOMEM), 12);
+    EXPECT_EQ(socketErrorFromErrno(ELOOP), ELOOP);
+}
+
+TEST(Sockets, CarryBytesBothWaysAndEndWithThePeer) {
+    SocketPair pair;
+    pair.farSends("hello");
+    EXPECT_EQ(receiveText(pair.near), "hello");
+    EXPECT_EQ(setNonBlocking(pair.near.get(), true), 0);
+    EXPECT_EQ(receiveSome(pair.near.get(), buffer).error, socket_error::kWouldBlock);
+    EXPECT_EQ(shutdownSending(pair.far.get()), 0);
+    EXPECT_EQ(waitSocket(pair.near.get(), kReadable, kForever).ready, unsigned{kReadable});
+    const IoResult end = receiveSome(pair.near.get(), buffer);
+    EXPECT_EQ(end.bytes, 0U);
+    EXPECT_EQ(end.error, 0);
+    EXPECT_EQ(localEndpoint(pair.near.get()), peerEndpoint(pair.far.get()));
+}
+
+TEST(Sockets, WritingToAClosedPeerIsAnErrorAndNoSignal) {
+    SocketPair pair;
+    pair.far.reset();
+    IoResult sent;
+    while (sent.error == 0) sent = sendSome(pair.near.get(), buffer);
+    EXPECT_EQ(sent.error, socket_error::kConnectionReset);
+}
+
+TEST(Sockets, NeverReachAStartedProgram) {
+    const SocketPair pair;
+    int error = 0;
+    const Socket listener = listenTcp({kLoopbackAddress, 0}, error);
+    for (const Socket* socket : {&pair.near, &pair.far, &listener}) {
+        EXPECT_TRUE(closesOnExec(*socket));
+    }
+}
+
+TEST(Sockets, ConnectingReportsARefusalNonBlockingToo) {
+    int error = 0;
+    Socket listener = listenTcp({kLoopbackAddress, 0}, error);
+    const Endpoint nobody = localEndpoint(listener.get()).value();
+    EXPECT_FALSE(listenTcp(nobody, error));
+    EXPECT_EQ(error, socket_error::kAddressInUse);
+    listener.reset();
+    const Socket blocking = createTcpSocket(error);
+    EXPECT_EQ(connectSocket(blocking.get(), nobody), socket_error::kRefused);
+    const Socket waiting = createTcpSocket(error);
+    EXPECT_EQ(setNonBlocking(waiting.get(), true), 0);
+    EXPECT_EQ(setNoDelay(waiting.get(), true), 0);
+    const int started = connectSocket(waiting.get(), nobody);
+    if (started == socket_error::kInProgress) {
+        EXPECT_NE(waitSocket(waiting.get(), kReadable | kWritable, 5'000).ready, 0U);
+        EXPECT_EQ(pendingError(waiting.get()), socket_error::kRefused);
+    } else {
+        EXPECT_EQ(started, socket_error::kRefused);
+    }
+}
+
+TEST(Sockets, AreToldFromOtherDescriptors) {
+    SocketPair pair;
+    int pipe[2];
+    ASSERT_EQ(::pipe2(pipe, O_CLOEXEC), 0);
+    EXPECT_TRUE(isSocket(pair.near.get()));
+    EXPECT_FALSE(isSocket(pipe[0]));
+    EXPECT_FALSE(isSocket(kNoSocket));
+    const SocketHandle closed = pair.near.get();
+    pair.near.reset();
+    EXPECT_FALSE(isSocket(closed));
+    EXPECT_EQ(waitSocket(closed, kReadable, kForever).error, socket_error::kNotASocket);
+    EXPECT_EQ(setNoDelay(closed, true), socket_error::kBadDescriptor);
+    ::close(pipe[0]);
+    ::close(pipe[1]);
+}
+
+TEST(Hosts, AreResolvedByNameAndByAddress) {
+    EXPECT_EQ(resolveHost("localhost"), kLoopbackAddress);
+    EXPECT_EQ(resolveHost("10.1.2.3"), 0x0A010203U);
+    EXPECT_EQ(resolveHost(""), std::nullopt);
+    EXPECT_EQ(resolveHost("256.1.2.3.4"), std::nullopt);
+    EXPECT_EQ(dottedAddress(0x0A010203), "10.1.2.3");
+    EXPECT_FALSE(localHostName().value_or("").empty());
+    EXPECT_NE(localHostAddress().value_or(0) >> 24, 127U);
+}
