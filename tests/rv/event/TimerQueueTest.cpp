@@ -1,0 +1,225 @@
+#include "rv/event/TimerQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <map>
+#include <random>
+#include <string>
+
+#include "platform/Clock.h"
+
+using namespace kvx::event;
+using kvx::platform::ManualClock;
+using kvx::platform::Milliseconds;
+
+namespace {
+
+// A queue on a clock of its own, and timers that note their names when they fire.
+class TimerQueueTest : public testing::Test {
+  protected:
+    struct Plan {
+        TimerQueueTest* test = nullptr;
+        std::string name;
+        std::function<void()> action;
+    };
+
+    rvevm_Id add(const std::string& name, unsigned long interval,
+                 std::function<void()> action = {}) {
+        rvevm_Id id = nullptr;
+        EXPECT_EQ(queue->add(&id, interval, fired, plan(name, std::move(action))), kTimerOk);
+        return id;
+    }
+    rvevm_Id addRepeating(const std::string& name, unsigned long interval,
+                          std::function<void()> action = {}) {
+        rvevm_Id id = nullptr;
+        EXPECT_EQ(queue->addRepeating(&id, interval, fired, plan(name, std::move(action))),
+                  kTimerOk);
+        return id;
+    }
+    // What fires when the clock is stepped and the queue run.
+    std::string runAfter(Milliseconds step) {
+        clock.advance(step);
+        log.clear();
+        lastResult = queue->runDueTimers();
+        return log;
+    }
+    void mirrorNextExpiry() {
+        queue->setNextExpiryHook(
+            [](void* closure, std::optional<Milliseconds> wait) {
+                static_cast<TimerQueueTest*>(closure)->told.push_back(wait.value_or(-1));
+            },
+            this);
+    }
+    // What the hook has been told since the last question; -1 for an empty queue.
+    std::vector<Milliseconds> takeTold() { return std::exchange(told, {}); }
+
+    ManualClock clock;
+    std::vector<std::unique_ptr<Plan>> plans;
+    std::vector<Milliseconds> told;
+    std::string log;
+    int lastResult = kTimerOk;
+    TimerQueue::Owner queue = TimerQueue::create(2, this);
+
+  private:
+    Plan* plan(const std::string& name, std::function<void()> action) {
+        plans.push_back(std::make_unique<Plan>(Plan{this, name, std::move(action)}));
+        return plans.back().get();
+    }
+    static void fired(void* owner, void* closure, int kind, void* entry) {
+        auto* plan = static_cast<Plan*>(closure);
+        EXPECT_EQ(owner, plan->test);
+        EXPECT_EQ(kind, 2);
+        EXPECT_NE(entry, nullptr);
+        plan->test->log += plan->name;
+        if (plan->action) plan->action();
+    }
+};
+
+}  // namespace
+
+TEST_F(TimerQueueTest, FiresByExpiryAndEqualExpiriesInTheOrderOfAdding) {
+    std::mt19937 random(7);
+    std::multimap<unsigned long, std::string> expected;  // keeps the order of equal keys
+    for (int i = 0; i < 300; ++i) {
+        const unsigned long interval = random() % 40;
+        expected.emplace(interval, "<" + std::to_string(i) + ">");
+        add("<" + std::to_string(i) + ">", interval);
+    }
+    std::string inOrder;
+    for (const auto& [interval, name] : expected) inOrder += name;
+    EXPECT_EQ(runAfter(40), inOrder);
+    EXPECT_EQ(lastResult, kQueueEmpty);
+}
+
+TEST_F(TimerQueueTest, FiresExactlyAtTheExpiryAndOnce) {
+    add("a", 1'001);
+    EXPECT_EQ(runAfter(1'000), "");
+    EXPECT_EQ(runAfter(1), "a");
+    EXPECT_EQ(runAfter(5'000), "");
+}
+
+TEST_F(TimerQueueTest, CountsARepetitionFromTheStartOfTheRun) {
+    addRepeating("r", 50, [&] { clock.advance(70); });
+    EXPECT_EQ(runAfter(65), "r");  // 15 late; the callback takes longer than the interval
+    Milliseconds wait = -1;
+    EXPECT_EQ(queue->nextWait(wait), kTimerOk);
+    EXPECT_EQ(wait, 0);
+    EXPECT_EQ(runAfter(0), "r");
+}
+
+TEST_F(TimerQueueTest, RunsWhatACallbackAddsOnlyInTheNextRun) {
+    add("a", 5, [&] { add("b", 0); });
+    EXPECT_EQ(runAfter(5), "a");
+    EXPECT_EQ(runAfter(0), "b");
+}
+
+TEST_F(TimerQueueTest, SurvivesATimerThatRemovesItself) {
+    rvevm_Id once = nullptr;
+    rvevm_Id repeating = nullptr;
+    once = add("o", 5, [&] { EXPECT_EQ(queue->remove(once), kInvalidTimer); });
+    repeating = addRepeating("r", 5, [&] { EXPECT_EQ(queue->remove(repeating), kTimerOk); });
+    EXPECT_EQ(runAfter(5), "or");
+    EXPECT_EQ(runAfter(100), "");
+}
+
+TEST_F(TimerQueueTest, DoesNotCallWhatACallbackRemovesOrResetsInTheSameRun) {
+    rvevm_Id removed = nullptr;
+    rvevm_Id reset = nullptr;
+    add("a", 5, [&] {
+        EXPECT_EQ(queue->remove(removed), kTimerOk);
+        EXPECT_EQ(queue->reset(reset, 20), kTimerOk);
+    });
+    removed = add("b", 5);
+    reset = add("c", 5);
+    add("d", 5);
+    EXPECT_EQ(runAfter(5), "ad");
+    EXPECT_EQ(runAfter(19), "");
+    EXPECT_EQ(runAfter(1), "c");
+}
+
+TEST_F(TimerQueueTest, EndsWithTheRunWhenACallbackDestroysIt) {
+    rvevm_Id unused = nullptr;
+    rvevm_Id later = nullptr;
+    add("a", 5, [&] {
+        TimerQueue* dying = queue.get();
+        queue.reset();
+        EXPECT_EQ(dying->add(
+                      &unused, 1, [](void*, void*, int, void*) {}, nullptr),
+                  kInvalidQueue);
+        EXPECT_EQ(dying->remove(later), kInvalidQueue);
+    });
+    add("b", 5);
+    later = add("c", 50);
+    mirrorNextExpiry();
+    clock.advance(5);
+    EXPECT_EQ(queue->runDueTimers(), kInvalidQueue);
+    EXPECT_EQ(log, "a");
+    EXPECT_TRUE(told.empty());
+}
+
+TEST_F(TimerQueueTest, ResettingMovesATimerAndARepeatingOneAdoptsTheInterval) {
+    rvevm_Id repeating = addRepeating("r", 100);
+    add("a", 30);
+    EXPECT_EQ(queue->reset(repeating, 20), kTimerOk);
+    EXPECT_EQ(runAfter(20), "r");
+    EXPECT_EQ(runAfter(20), "ar");
+}
+
+TEST_F(TimerQueueTest, TellsTheHookWheneverTheFirstExpiryChanges) {
+    mirrorNextExpiry();
+    rvevm_Id first = add("a", 100);
+    EXPECT_EQ(takeTold(), std::vector<Milliseconds>({100}));
+    rvevm_Id second = add("b", 200);
+    EXPECT_TRUE(takeTold().empty());
+    EXPECT_EQ(queue->reset(first, 300), kTimerOk);
+    EXPECT_EQ(takeTold(), std::vector<Milliseconds>({200}));
+    EXPECT_EQ(queue->remove(second), kTimerOk);
+    EXPECT_EQ(takeTold(), std::vector<Milliseconds>({300}));
+    runAfter(400);
+    EXPECT_EQ(takeTold(), std::vector<Milliseconds>({-1}));
+    rvevm_Id last = add("c", 1);
+    clock.advance(10);
+    add("d", 60);
+    EXPECT_EQ(queue->remove(last), kTimerOk);
+    EXPECT_EQ(takeTold(), std::vector<Milliseconds>({1, 60}));
+}
+
+TEST_F(TimerQueueTest, MeasuresHowLateTheFirstDueTimerIs) {
+    Milliseconds lateness = 0;
+    queue->setLatenessOutput(&lateness);
+    add("a", 1'000);
+    add("b", 2'000);
+    EXPECT_EQ(runAfter(7'000), "ab");
+    EXPECT_EQ(lateness, 6'000);
+    runAfter(50);
+    EXPECT_EQ(lateness, 6'000);  // a run without a due timer measures nothing
+}
+
+TEST_F(TimerQueueTest, RefusesDeadForeignAndMadeUpIds) {
+    const TimerQueue::Owner other = TimerQueue::create(16, nullptr);
+    rvevm_Id foreign = nullptr;
+    ASSERT_EQ(other->add(
+                  &foreign, 5, [](void*, void*, int, void*) {}, nullptr),
+              kTimerOk);
+    rvevm_Id dead = add("a", 5);
+    ASSERT_EQ(queue->remove(dead), kTimerOk);
+    rvevm_Id tenant = add("b", 5);  // takes the place of the dead one
+    int local = 0;
+    for (rvevm_Id id : {dead, foreign, rvevm_Id{nullptr}, static_cast<rvevm_Id>(&local)}) {
+        EXPECT_EQ(queue->remove(id), kInvalidTimer);
+        EXPECT_EQ(queue->reset(id, 1), kInvalidTimer);
+    }
+    EXPECT_EQ(queue->remove(tenant), kTimerOk);
+    EXPECT_EQ(queue->add(
+                  nullptr, 1, [](void*, void*, int, void*) {}, nullptr),
+              kInvalidTimer);
+    EXPECT_EQ(queue->add(&dead, 1, nullptr, nullptr), kNullCallback);
+}
+
+TEST_F(TimerQueueTest, HoldsIntervalsBeyondEveryClock) {
+    add("never", std::numeric_limits<unsigned long>::max());
+    add("a", 10);
+    EXPECT_EQ(runAfter(1'000'000'000), "a");
+    EXPECT_EQ(lastResult, kTimerOk);
+}
