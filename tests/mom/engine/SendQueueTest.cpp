@@ -1,0 +1,140 @@
+// An engine's sends and its queue, without a bus.
+
+#include <cstring>
+
+#include "mom/engine/CVekEngine.h"
+#include "mom/engine/CVekInitTimedClb.h"
+#include "tests/support/ErrorRecorder.h"
+#include "tests/support/Home.h"
+#include "tests/support/Nets.h"
+
+using namespace kvx::test;
+
+namespace {
+
+class SendQueue : public ::testing::Test {
+  protected:
+    int queue(const char* subject, __boolean qualify = FALSE) {
+        return engine.REAddToSendQueue(subject, new RvDatum(datum), nullptr, qualify);
+    }
+    std::string nextSubject() {
+        const std::unique_ptr<CVekSendQueueItem> item(engine.RENextSendItem());
+        return item ? item->m_subject : "(none)";
+    }
+
+    Home home{"-"};
+    ErrorRecorder errors;
+    CVekEngine engine{1, "grp", "NET", SERV_UNKNOWN};
+    RvDatum datum{RVMSG_STRING, 2, "x"};
+    OnData ignore{[](const char*, RvSender*, const RvDatum&, RvListener*) {}};
+};
+
+}  // namespace
+
+TEST_F(SendQueue, IsFirstInFirstOutButForWhatIsPutInFront) {
+    EXPECT_EQ(queue("A"), 1);
+    EXPECT_EQ(queue("B", TRUE), 1);
+    EXPECT_EQ(engine.REAddToSendQueueFront("C", new RvDatum(datum), nullptr, TRUE), 1);
+    EXPECT_EQ(engine.RESendQueueLength(), 3);
+    EXPECT_EQ(engine.REGetQueue()->RSLength(), 3);
+    EXPECT_EQ(nextSubject(), "C.NET");
+    EXPECT_EQ(nextSubject(), "A");
+    EXPECT_EQ(nextSubject(), "B.NET");
+    EXPECT_EQ(nextSubject(), "(none)");
+}
+
+TEST_F(SendQueue, ItemsCarryWhatTheSendNeeds) {
+    engine.RNSetLatency(1234);
+    auto* const sent = new RvDatum(datum);
+    EXPECT_EQ(engine.REAddToSendQueue("A", sent, &ignore, FALSE), 1);
+    EXPECT_EQ(engine.REAddToSendQueue("A", new RvDatum(datum), &ignore, 77UL, FALSE), 1);
+    const std::unique_ptr<CVekSendQueueItem> item(engine.RENextSendItem());
+    EXPECT_EQ(item->m_datum, sent);
+    EXPECT_EQ(item->m_callback, &ignore);
+    EXPECT_EQ(item->m_closure, &engine);
+    EXPECT_EQ(item->m_timeout, 1234);
+    EXPECT_EQ(std::unique_ptr<CVekSendQueueItem>(engine.RENextSendItem())->m_timeout, 77);
+}
+
+TEST_F(SendQueue, SendsOfOtherThreadsAreQueuedAndQualifiedOnceMore) {
+    std::thread([&] {
+        EXPECT_EQ(engine.RESend("A", datum, FALSE), 1);
+        EXPECT_EQ(engine.RESend("B", datum, TRUE), 1);
+        EXPECT_EQ(engine.RESend("C", datum, &ignore, 5, FALSE), nullptr);
+    }).join();
+    const char* const text = "so adding to send queue!";
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220425, "CVekEngine", 641, text},
+                                                  {-220425, "CVekEngine", 641, text},
+                                                  {-220425, "CVekEngine", 784, text}}));
+    EXPECT_EQ(nextSubject(), "A.NET");
+    EXPECT_EQ(nextSubject(), "B.NET.NET");
+    const std::unique_ptr<CVekSendQueueItem> request(engine.RENextSendItem());
+    EXPECT_STREQ(request->m_subject, "C.NET");
+    EXPECT_EQ(request->m_timeout, 8000);
+    EXPECT_NE(request->m_datum, &datum);
+}
+
+TEST_F(SendQueue, RefusesSubjectsThatAreNotThere) {
+    const char* const none = nullptr;
+    EXPECT_EQ(engine.RESend(none, datum, FALSE), -220552);
+    EXPECT_EQ(engine.RESend(none, datum, &ignore, 5, FALSE), nullptr);
+    EXPECT_EQ(engine.REAddToSendQueue(none, new RvDatum(datum), nullptr, FALSE), -220552);
+    EXPECT_EQ(engine.REAddToSendQueueFront(none, new RvDatum(datum), nullptr, FALSE), -220552);
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekEngine", 730, ""}}));
+    EXPECT_EQ(engine.RESendQueueLength(), 0);
+}
+
+TEST_F(SendQueue, ReportsAndDropsWhatTheBusRefuses) {
+    EXPECT_EQ(engine.RESend("A", datum, FALSE), -220545);
+    EXPECT_EQ(engine.RESend("A", datum, &ignore), nullptr);
+    EXPECT_EQ(engine.m_senders->RTLLength(), 0);
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220545, "CVekEngine", 767, ""}}));
+    queue("A");
+    engine.REAddToSendQueue("B", new RvDatum(datum), &ignore, FALSE);
+    EXPECT_EQ(std::unique_ptr<CVekSendQueueItem>(engine.RENextSendItem())->RSQIDeQueueIt(),
+              -220545);
+    EXPECT_EQ(std::unique_ptr<CVekSendQueueItem>(engine.RENextSendItem())->RSQIDeQueueIt(),
+              -220545);
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220545, "CVekSendQueueItem", 210, ""},
+                                                  {-220545, "CVekEngine", 767, ""},
+                                                  {-220545, "CVekSendQueueItem", 210, ""}}));
+}
+
+TEST_F(SendQueue, LeavesAtABoundedNumberOfItemsATick) {
+    engine.RESetMaxSendRate(39);
+    EXPECT_EQ(engine.REGetMaxSendRate(), 39UL);
+    for (int i = 0; i < 7; ++i) queue("_RV.X");
+    std::vector<int> lengths;
+    OnTimer* watch = nullptr;
+    // The queue's timer was armed first, so it fires first at every tick.
+    OnTimer look([&](RvTimer*) {
+        lengths.push_back(engine.RESendQueueLength());
+        if (lengths.back() == 0) engine.RRNStopLoop();
+    });
+    watch = &look;
+    int status = 0;
+    std::unique_ptr<RvTimer> timer;
+    OnTimer arm(
+        [&](RvTimer*) { timer.reset(engine.RRNNewTimer(&status, 100, rv_TRUE, watch, nullptr)); });
+    ASSERT_EQ(engine.RRNAddTimer(1, &arm), 1);
+    engine.REDoIt();
+    EXPECT_EQ(lengths, (std::vector<int>{4, 1, 0}));
+    EXPECT_EQ(CVekInitTimedClb(0).m_itemsPerTick, 1);
+    EXPECT_EQ(CVekInitTimedClb(-5).m_itemsPerTick, 1);
+}
+
+TEST_F(SendQueue, TracesButForHeartbeats) {
+    const DebugLevel level(4);
+    EXPECT_EQ(outputOf([&] { queue("A"); }),
+              "CVekEngine::REAddToSendQueue(A,RvDatum,RvDataCallback,ulong,0)\n");
+    const auto front = [&](const char* subject) {
+        return outputOf(
+            [&] { engine.REAddToSendQueueFront(subject, new RvDatum(datum), nullptr, FALSE); });
+    };
+    EXPECT_EQ(front("A"), "CVekEngine::REAddToSendQueueFront(A,RvDatum,RvDataCallback,0)\n");
+    EXPECT_EQ(front("ZEMBRALIX.3.0.CTRL.NOTIFY"), "");
+    EXPECT_EQ(outputOf([&] { engine.RESend("ZEMBRALIX.3.0.CTRL.NOTIFY", datum, FALSE); }),
+              "RRNNewSender() handler created for subject ZEMBRALIX.3.0.CTRL.NOTIFY\n");
+    const std::string sent = outputOf([&] { engine.RESend("A", datum, FALSE); });
+    EXPECT_NE(sent.find("CVekEngine::RESendWithNoReplyRequested(0x"), std::string::npos) << sent;
+}

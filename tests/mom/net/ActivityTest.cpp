@@ -1,0 +1,186 @@
+// Bus objects for other threads: the request stack, its handler and the answers.
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+
+#include "tests/support/ErrorRecorder.h"
+#include "tests/support/Home.h"
+#include "tests/support/Nets.h"
+
+using namespace kvx::test;
+
+namespace {
+
+class Activity : public ::testing::Test {
+  protected:
+    // Runs `work` on another thread while the main loop serves its requests.
+    void serve(const std::function<void()>& work) {
+        std::atomic<bool> done = false;
+        std::thread worker([&] {
+            work();
+            done = true;
+        });
+        EXPECT_TRUE(runUntil(net, [&] { return done.load(); }));
+        worker.join();
+    }
+
+    void drain() { net.m_queueHandler->onTimer(nullptr); }
+
+    Home home{"-"};
+    ErrorRecorder errors;
+    TestNet net;
+    OnData ignoreData{[](const char*, RvSender*, const RvDatum&, RvListener*) {}};
+    OnTimer ignoreTimer{[](RvTimer*) {}};
+    OnIO ignoreIO{[](RvIO*) {}};
+};
+
+}  // namespace
+
+TEST_F(Activity, CreatesOnTheMainThreadAtOnce) {
+    const DebugLevel level(4);
+    int status = 0;
+    std::unique_ptr<RvSender> sender;
+    EXPECT_EQ(outputOf([&] { sender.reset(net.RRNNewSender(&status, "A.B", nullptr)); }),
+              "RRNNewSender() handler created for subject A.B\n");
+    EXPECT_EQ(status, 1);
+    EXPECT_STREQ(sender->subject(), "A.B");
+    std::unique_ptr<RvListener> listener;
+    EXPECT_EQ(outputOf([&] {
+                  listener.reset(net.RRNNewListener(&status, "_RV.A", 70UL, &ignoreData, nullptr));
+              }),
+              "RRNNewListener() handler created for subject/timeout _RV.A/70\n");
+    EXPECT_EQ(net.m_requests->RSLength(), 0);
+}
+
+TEST_F(Activity, SaysWhyAnObjectCouldNotBeMade) {
+    int status = 0;
+    const std::string said = errorOutputOf([&] {
+        EXPECT_EQ(net.RRNNewListener(&status, "A..B", &ignoreData, nullptr), nullptr);
+        EXPECT_EQ(status, -220370);
+        EXPECT_EQ(net.RRNNewIO(&status, 99999, RVEVM_READ, &ignoreIO, nullptr), nullptr);
+    });
+    EXPECT_NE(said.find("Failed to monitor on fid : 99999\n"), std::string::npos) << said;
+    EXPECT_EQ(said.rfind(rv_ErrorText(21), 0), 0U) << said;
+}
+
+TEST_F(Activity, CreatesAllKindsForOtherThreads) {
+    std::unique_ptr<RvSender> sender;  // made there, deleted here: only this thread uses the bus
+    serve([&] {
+        int status = 0;
+        sender.reset(net.RRNNewSender(&status, "A.B", "C"));
+        ASSERT_NE(sender, nullptr);
+        EXPECT_STREQ(sender->replySubject(), "C");
+        RvListener* const listener = net.RRNNewListener(&status, "_RV.OTHER", &ignoreData, nullptr);
+        ASSERT_NE(listener, nullptr);
+        EXPECT_EQ(net.RRNStoreListener(listener), 1);
+        EXPECT_EQ(net.RRNAddTimer(5, &ignoreTimer), 1);
+        EXPECT_EQ(status, 1);
+    });
+    EXPECT_EQ(net.m_answers->RTLLength(), 0);
+    EXPECT_EQ(errors.take(), std::vector<Report>{});
+}
+
+TEST_F(Activity, AnswersWithAFailureWithoutWaitingForTheBound) {
+    const std::string said = errorOutputOf([&] {
+        serve([&] {
+            int status = 0;
+            EXPECT_EQ(net.RRNNewListener(&status, "A..B", 9UL, &ignoreData, nullptr), nullptr);
+            EXPECT_EQ(status, -220370);
+        });
+    });
+    EXPECT_EQ(errors.take(),
+              (std::vector<Report>{{-220370, "CVekRvQueueHandler", 303, ""},
+                                   {-220370, "CVekRvNet", 1263,
+                                    "addition of a listener for subject/timeout A..B/9 failed"}}));
+}
+
+TEST_F(Activity, RefusesRequestsWhenNobodyListens) {
+    net.RRNTerminateSession();
+    std::thread([&] {
+        int status = 0;
+        EXPECT_EQ(net.RRNNewTimer(&status, 5, &ignoreTimer, nullptr), nullptr);
+        EXPECT_EQ(status, -220402);
+    }).join();
+    EXPECT_EQ(errors.take(),
+              (std::vector<Report>{
+                  {-220402, "CVekRvNet", 1395,
+                   "it seems that the main thread is not listening for new activity requests"}}));
+}
+
+TEST_F(Activity, HandlesRequestsLastFirstAndRefusesInvalidOnes) {
+    net.m_requests->RSPush(new SVekRvQueueSender{VEK_QUEUE_SENDER, 7, nullptr, nullptr});
+    net.m_requests->RSPush(
+        new SVekRvQueueListener{VEK_QUEUE_LISTENER, 7, "A", 0, nullptr, nullptr});
+    net.m_requests->RSPush(new SVekRvQueueIO{VEK_QUEUE_IO, 7, ~0U, &ignoreIO, RVEVM_READ, nullptr});
+    net.m_requests->RSPush(
+        new SVekRvQueueTimer{VEK_QUEUE_TIMER, -1, 5, rv_FALSE, &ignoreTimer, nullptr});
+    std::int32_t unknown = 3;
+    net.m_requests->RSPush(&unknown);
+    drain();
+    std::vector<int> lines;
+    for (const Report& report : errors.take()) lines.push_back(report.line);
+    std::sort(lines.begin(), lines.end());
+    EXPECT_EQ(lines, (std::vector<int>{151, 197, 244, 289, 336}));
+    EXPECT_EQ(net.m_answers->RTLLength(), 0);
+    EXPECT_EQ(net.m_requests->RSLength(), 0);
+}
+
+TEST_F(Activity, KeepsALateAnswerForTheThreadsNextRequest) {
+    std::atomic<int> threadId = 0;
+    std::atomic<bool> posted = false;
+    std::thread late([&] {
+        threadId = static_cast<int>(CVekThread::RTId());
+        while (!posted) std::this_thread::yield();
+        int status = 0;
+        const std::unique_ptr<RvSender> sender(net.RRNNewSender(&status, "ASKED.FOR", nullptr));
+        ASSERT_NE(sender, nullptr);
+        EXPECT_STREQ(sender->subject(), "CAME.LATE");
+    });
+    while (threadId == 0) std::this_thread::yield();
+    net.m_requests->RSPush(new SVekRvQueueSender{VEK_QUEUE_SENDER, threadId, "CAME.LATE", nullptr});
+    drain();
+    posted = true;
+    late.join();
+    drain();  // the answer to what was asked for stays behind, and goes with the net
+    EXPECT_EQ(net.m_answers->RTLLength(), 1);
+}
+
+TEST_F(Activity, HandlerWithoutANetIsReportedAndHarmless) {
+    CVekRvQueueHandler handler(nullptr);
+    handler.onTimer(nullptr);
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekRvQueueHandler", 84, ""}}));
+}
+
+TEST_F(Activity, ServesEightThreadsAtOnce) {
+    constexpr int kThreads = 8;
+    std::array<std::array<int, 2>, kThreads> sockets{};
+    for (auto& pair : sockets) ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()), 0);
+    std::array<std::unique_ptr<RvSender>, kThreads> senders;
+    std::atomic<int> made = 0;
+    serve([&] {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < kThreads; ++i) {
+            threads.emplace_back([&, i] {
+                int status = 0;
+                senders[i].reset(net.RRNNewSender(&status, "A", nullptr));
+                RvListener* const listener =
+                    net.RRNNewListener(&status, "_RV.MANY", &ignoreData, nullptr);
+                const auto socket = static_cast<unsigned int>(sockets[i][0]);
+                RvIO* const io = net.RRNNewIO(&status, socket, RVEVM_READ, &ignoreIO, nullptr);
+                const int timer = net.RRNAddRepeatTimer(1000, &ignoreTimer);
+                if (senders[i] && io && timer == 1 && net.RRNStoreListener(listener) == 1) ++made;
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+    });
+    EXPECT_EQ(made, kThreads);
+    EXPECT_EQ(net.m_ioHandlers->RTLLength(), kThreads);
+    net.RRNTerminateSession();
+    for (auto& pair : sockets) {
+        close(pair[0]);
+        close(pair[1]);
+    }
+}

@@ -1,0 +1,227 @@
+// Settings, session life, agent, start-up hook and advisories of a network object.
+
+#include "mom/net/CVekNet.h"
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "mom/net/CVekPostInitTimedClb.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/ErrorRecorder.h"
+#include "tests/support/Home.h"
+#include "tests/support/Nets.h"
+
+using namespace kvx::test;
+
+namespace {
+
+const char* const kNoDomain = nullptr;
+
+class RvNet : public ::testing::Test {
+  protected:
+    Home home{"-"};
+    ErrorRecorder errors;
+};
+
+std::string contentOf(const std::string& path) {
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+}
+
+}  // namespace
+
+TEST(Net, LatencyIsNeverZero) {
+    EXPECT_EQ(CVekNet(0, kNoDomain).RNGetLatency(), 8000UL);
+    CVekNet net(1, kNoDomain);
+    EXPECT_EQ(net.RNGetLatency(), 1UL);
+    EXPECT_EQ(errorOutputOf([&] { net.RNSetLatency(0); }),
+              "WARNING: The given net latency 0 is not valid. Using default latency value.\n");
+    EXPECT_EQ(net.RNGetLatency(), 8000UL);
+    net.RNSetLatency(1UL << 32);
+    EXPECT_GT(net.RNGetLatency(), 0UL);
+}
+
+TEST(Net, AdoptsOrCopiesItsDomain) {
+    char* const adopted = strdup("NET1");
+    CVekNet net(0, adopted);
+    EXPECT_EQ(net.RNGetDomain(), adopted);
+    EXPECT_EQ(net.RNSetDomain(nullptr), -220552);
+    EXPECT_EQ(net.RNGetDomain(), adopted);
+    char* const next = strdup("");
+    EXPECT_EQ(net.RNSetDomain(next), 1);
+    EXPECT_EQ(net.RNGetDomain(), next);
+
+    const char* const text = "NET2";
+    CVekNet copying(0, text);
+    EXPECT_NE(copying.RNGetDomain(), text);
+    EXPECT_STREQ(copying.RNGetDomain(), text);
+}
+
+TEST(Net, SafeExitTracesAtLevelFour) {
+    CVekNet net;
+    {
+        const DebugLevel level(3);
+        EXPECT_EQ(outputOf([&] { net.RNSafeExit(); }), "");
+    }
+    const DebugLevel level(4);
+    EXPECT_EQ(outputOf([&] { net.RNSafeExit(); }),
+              "\nCVekNet::RNSafeExit not overridden using default\n");
+}
+
+TEST_F(RvNet, OpensItsSessionWhenBuiltAndClosesItOnce) {
+    TestNet net;
+    EXPECT_EQ(net.m_sessionUp, 1);
+    EXPECT_EQ(net.m_mainThreadId, CVekThread::RTId());
+    ASSERT_NE(net.m_queueTimer, nullptr);
+    EXPECT_EQ(net.m_queueTimer->interval(), 100UL);
+    EXPECT_EQ(net.RRNTerminateSession(), 1);
+    EXPECT_EQ(net.m_sessionUp, 0);
+    EXPECT_EQ(net.m_session, nullptr);
+    EXPECT_EQ(net.m_answers, nullptr);
+    EXPECT_EQ(net.RRNTerminateSession(), 1);
+    net.RRNDoIt();  // returns at once
+    EXPECT_EQ(errors.take(), std::vector<Report>{});
+}
+
+TEST_F(RvNet, SaysThatItHasNoDomain) {
+    const std::string said = errorOutputOf([] {
+        TestNet net(nullptr);
+        EXPECT_STREQ(net.RNGetDomain(), "DEFAULT");
+    });
+    EXPECT_EQ(said, "ERROR: Domain Name is NULL, using default.\n");
+}
+
+TEST_F(RvNet, WithoutASessionEveryOperationSaysSo) {
+    home.writeConfiguration("rendezvous session = { 'daemon' = 'nonsense' };");
+    std::unique_ptr<TestNet> net;
+    const std::string said = errorOutputOf([&] { net = std::make_unique<TestNet>(); });
+    EXPECT_EQ(said.rfind("Rendezvous failed to make session: ", 0), 0U) << said;
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220544, "CVekRvNet", 187, ""}}));
+
+    RvDatum datum;
+    int status = 0;
+    OnTimer timer([](RvTimer*) {});
+    OnData data([](const char*, RvSender*, const RvDatum&, RvListener*) {});
+    OnIO io([](RvIO*) {});
+    EXPECT_EQ(net->RRNSend("A", datum), -220544);
+    EXPECT_EQ(net->RRNSend("A", datum, &data), -220544);
+    EXPECT_EQ(net->RRNAddTimer(1, &timer), -220544);
+    EXPECT_EQ(net->RRNAddExService("A", &data), -220544);
+    EXPECT_EQ(net->RRNAddErrorService(&data), -220544);
+    EXPECT_EQ(net->RRNAddIOHandle(0, TRUE, FALSE, FALSE, &io), -220544);
+    EXPECT_EQ(net->RRNNewSender(&status, "A", nullptr), nullptr);
+    EXPECT_NE(status, 1);
+    EXPECT_EQ(net->RRNRemoveListener("A"), 1);
+    EXPECT_EQ(net->RRNRemoveTimer(reinterpret_cast<RvTimer*>(&datum)), -220547);
+}
+
+TEST_F(RvNet, ReportsWhoTerminatesOnAnotherThread) {
+    TestNet net;
+    std::thread([&] { net.RRNCheckThreadId(); }).join();
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220425, "CVekRvNet", 1809, ""}}));
+}
+
+// --- The agent -------------------------------------------------------------------------------
+
+TEST_F(RvNet, HandsTheAgentWhatTheConfigurationNames) {
+    std::ofstream(home.file("bin/rva"))
+        << "#!/bin/sh\nprintf '%s ' \"$@\" > \"$KVX_HOME/part\"\n"
+        << "mv \"$KVX_HOME/part\" \"$KVX_HOME/arguments\"\nexec sleep 600\n";
+    std::filesystem::permissions(home.file("bin/rva"), std::filesystem::perms::owner_all);
+    home.writeConfiguration(
+        "rendezvous session = { 'daemon' = '-', 'rva' = '7600', 'service' = 'svc' };");
+    TestNet net;
+    EXPECT_EQ(net.RRNStopAgent(), 1);
+    EXPECT_EQ(net.RRNStartAgent(), 1);
+    ASSERT_TRUE(net.m_agentStarted);
+    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(home.file("arguments")); }));
+    EXPECT_EQ(contentOf(home.file("arguments")),
+              "-foreground -flavor 53 -listen 7600 -service svc -daemon - ");
+    EXPECT_EQ(net.RRNStopAgent(), 1);
+    EXPECT_FALSE(net.m_agentStarted);
+    EXPECT_EQ(errors.take(), std::vector<Report>{});
+}
+
+TEST_F(RvNet, ReportsAnAgentThatIsNotThere) {
+    TestNet net;
+    EXPECT_EQ(net.RRNStartAgent(), 1);
+    EXPECT_FALSE(net.m_agentStarted);
+    EXPECT_EQ(errors.take(),
+              (std::vector<Report>{{-220439, "CVekRvNet", 544,
+                                    "Unable to start Rendezvous Agent (rva), you may need to start "
+                                    "this manually"}}));
+}
+
+// --- The start-up hook -----------------------------------------------------------------------
+
+TEST_F(RvNet, RunsItsHookOncePerEntryIntoTheLoop) {
+    TestNet net;
+    int calls = 0;
+    net.hook = [&] {
+        ++calls;
+        net.RRNStopLoop();
+    };
+    net.RRNDoIt();
+    net.RRNDoIt();
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(net.m_timers->RDLLength(), 2);  // the spent timers stay registered
+}
+
+TEST_F(RvNet, SurvivesAHookThatDestroysTheNet) {
+    auto net = std::make_unique<TestNet>();
+    net->hook = [&] { net.reset(); };
+    net->RRNDoIt();
+    EXPECT_EQ(net, nullptr);
+}
+
+TEST_F(RvNet, SurvivesATimerThatDestroysTheNet) {
+    auto net = std::make_unique<TestNet>();
+    OnTimer destroy([&](RvTimer*) { net.reset(); });
+    ASSERT_EQ(net->RRNAddTimer(1, &destroy), 1);
+    net->RRNDoIt();
+    EXPECT_EQ(net, nullptr);
+}
+
+TEST_F(RvNet, ServesAllNetsOfItsThreadInOneLoop) {
+    TestNet first;
+    TestNet second;
+    bool fired = false;
+    OnTimer timer([&](RvTimer*) { fired = true; });
+    ASSERT_EQ(second.RRNAddTimer(1, &timer), 1);
+    EXPECT_TRUE(runUntil(first, [&] { return fired; }));
+}
+
+// --- Advisories ------------------------------------------------------------------------------
+
+TEST_F(RvNet, ReportsWarningsAndErrorsOfTheBus) {
+    CVekRvErrorClb callback;
+    const auto advise = [&](const char* subject, const RvDatum& datum) {
+        callback.onData(subject, nullptr, datum, nullptr);
+    };
+    long number = 77;
+    RvMsg message;
+    advise("_RV.WARN.SYSTEM.X", RvDatum());
+    advise("_RV.ERROR.SYSTEM.X", RvDatum(RVMSG_STRING, 5, "late"));
+    advise("_RV.WARN.SYSTEM.X", RvDatum(RVMSG_INT, 4, &number));
+    advise("_RV.ERROR.SYSTEM.X", message);
+    advise("_RV.INFO.SYSTEM.X", RvDatum());
+    advise(nullptr, RvDatum());
+    EXPECT_EQ(errors.take(),
+              (std::vector<Report>{
+                  {-220380, "CVekRvErrorClb", 142, "Subject: _RV.WARN.SYSTEM.X"},
+                  {-220379, "CVekRvErrorClb", 157, "Subject: _RV.ERROR.SYSTEM.X. Message: late"},
+                  {-220380, "CVekRvErrorClb", 142, "Subject: _RV.WARN.SYSTEM.X. Message: 77"}}));
+}
+
+TEST_F(RvNet, HearsTheAdvisoriesOfItsOwnSession) {
+    TestNet net;
+    ASSERT_EQ(rv_Deliver(net.m_session->handle(), "_RV.ERROR.SYSTEM.TEST", nullptr, RVMSG_STRING, 5,
+                         "gone"),
+              0);
+    EXPECT_EQ(errors.take(),
+              (std::vector<Report>{{-220379, "CVekRvErrorClb", 157,
+                                    "Subject: _RV.ERROR.SYSTEM.TEST. Message: gone"}}));
+}

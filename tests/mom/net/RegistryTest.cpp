@@ -1,0 +1,231 @@
+// What a network object keeps: subjects, senders, listeners, timers and I/O handlers.
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+
+#include "tests/support/ErrorRecorder.h"
+#include "tests/support/Home.h"
+#include "tests/support/Nets.h"
+
+using namespace kvx::test;
+
+namespace {
+
+class Registry : public ::testing::Test {
+  protected:
+    std::string qualified(const char* subject) {
+        const kvx::Text text(net.RRNDomainSubj(subject));
+        return text ? text.get() : "";
+    }
+
+    Home home{"-"};
+    ErrorRecorder errors;
+    TestNet net;
+    OnData ignoreData{[](const char*, RvSender*, const RvDatum&, RvListener*) {}};
+    OnTimer ignoreTimer{[](RvTimer*) {}};
+};
+
+// A connected pair of sockets.
+struct SocketPair {
+    SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0); }
+    ~SocketPair() {
+        close(ends[0]);
+        close(ends[1]);
+    }
+    unsigned int watched() const { return static_cast<unsigned int>(ends[0]); }
+    void send() const { EXPECT_EQ(write(ends[1], "x", 1), 1); }
+
+    std::array<int, 2> ends{};
+};
+
+}  // namespace
+
+TEST_F(Registry, QualifiesASubjectWithTheDomainBehindIt) {
+    EXPECT_EQ(qualified("A.B"), "A.B.TEST");
+    EXPECT_EQ(net.RNSetDomain(strdup("")), 1);
+    EXPECT_EQ(qualified("A.B"), "A.B");
+    EXPECT_EQ(net.RRNDomainSubj(nullptr), nullptr);
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekRvNet", 1703, "CVekRvNet"}}));
+}
+
+TEST_F(Registry, RefusesServicesThatCannotBe) {
+    const std::string said = errorOutputOf([&] {
+        EXPECT_EQ(net.RRNAddService("A.B", &ignoreData), -220542);
+        EXPECT_EQ(net.RRNTakeService("A.B", &ignoreData), -220542);
+    });
+    EXPECT_NE(said, "");
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220542, "CVekRvNet", 1648, ""}}));
+    EXPECT_EQ(net.m_takenCallbacks->RSLength(), 0);
+    EXPECT_EQ(net.RRNAddService(nullptr, &ignoreData), -220552);
+}
+
+TEST_F(Registry, OwnsTheCallbackOfATakenService) {
+    static int destroyed;
+    destroyed = 0;
+    struct Counted : OnData {
+        Counted() : OnData([](const char*, RvSender*, const RvDatum&, RvListener*) {}) {}
+        ~Counted() override { ++destroyed; }
+    };
+    ASSERT_EQ(net.RRNTakeService("_RV.TAKEN", new Counted), 1);
+    EXPECT_EQ(destroyed, 0);
+    EXPECT_EQ(net.RRNOpenStorage(), 1);
+    EXPECT_EQ(destroyed, 1);
+    ASSERT_EQ(net.RRNTakeService("_RV.TAKEN", new Counted), 1);
+    net.RRNTerminateSession();
+    EXPECT_EQ(destroyed, 2);
+}
+
+TEST_F(Registry, RemovesAllListenersOfASubject) {
+    ASSERT_EQ(net.RRNAddExService("_RV.TWICE", &ignoreData), 1);
+    ASSERT_EQ(net.RRNAddExService("_RV.TWICE", &ignoreData), 1);
+    const CVekAtom subject("_RV.TWICE");
+    EXPECT_EQ(net.m_listeners->RTLIsMultiple(&subject), TRUE);
+    const auto* const listener =
+        static_cast<RvListener*>(net.m_listeners->RTLGet("_RV.TWICE")->RPData());
+    EXPECT_EQ(net.RRNRemoveListener(listener->subject()), 1);  // a text that dies with it
+    EXPECT_EQ(net.m_listeners->RTLGet("_RV.TWICE"), nullptr);
+    EXPECT_EQ(net.RRNRemoveListener("_RV.TWICE"), 1);
+    EXPECT_EQ(net.RRNRemoveListener(nullptr), -220402);
+}
+
+TEST_F(Registry, ACallbackMayRemoveItsOwnListenerAndEndTheSession) {
+    int calls = 0;
+    OnData once([&](const char*, RvSender*, const RvDatum&, RvListener* listener) {
+        ++calls;
+        EXPECT_EQ(net.RRNRemoveListener(listener->subject()), 1);
+    });
+    ASSERT_EQ(net.RRNAddExService("_RV.ONCE", &once), 1);
+    const rv_Session session = net.m_session->handle();
+    rv_Deliver(session, "_RV.ONCE", nullptr, RVMSG_STRING, 2, "x");
+    rv_Deliver(session, "_RV.ONCE", nullptr, RVMSG_STRING, 2, "x");
+    EXPECT_EQ(calls, 1);
+    OnData last(
+        [&](const char*, RvSender*, const RvDatum&, RvListener*) { net.RRNTerminateSession(); });
+    ASSERT_EQ(net.RRNAddExService("_RV.LAST", &last), 1);
+    rv_Deliver(session, "_RV.LAST", nullptr, RVMSG_STRING, 2, "x");
+    EXPECT_EQ(net.m_listeners, nullptr);
+}
+
+TEST_F(Registry, ForgetsWhatIsDereferencedWithoutDeletingIt) {
+    int status = 0;
+    const std::unique_ptr<RvListener> listener(
+        net.RRNNewListener(&status, "_RV.MINE", &ignoreData, nullptr));
+    ASSERT_NE(listener, nullptr);
+    EXPECT_EQ(net.RRNStoreListener(nullptr), -220552);
+    EXPECT_EQ(net.RRNStoreListener(listener.get()), 1);
+    EXPECT_EQ(net.RRNDereferenceListener(listener.get()), 1);
+    EXPECT_EQ(net.RRNDereferenceListener(listener.get()), -220547);
+    EXPECT_EQ(net.RRNDereferenceListener(nullptr), -220402);
+    EXPECT_STREQ(listener->subject(), "_RV.MINE");
+    EXPECT_EQ(net.RRNDereferenceSender(nullptr), -220402);
+}
+
+TEST_F(Registry, KeepsNoSenderWhoseFirstSendFailed) {
+    RvDatum datum(RVMSG_STRING, 2, "x");
+    EXPECT_EQ(net.RRNSend("A", datum), -220545);
+    EXPECT_EQ(net.m_senders->RTLLength(), 0);
+    EXPECT_EQ(net.RRNSend(nullptr, datum), -220552);
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekRvNet", 1703, "CVekRvNet"},
+                                                  {-220552, "CVekRvNet", 703, ""}}));
+}
+
+TEST_F(Registry, NeverSendsARequestAgainOnceItsSenderCouldNotBeMade) {
+    RvDatum datum(RVMSG_STRING, 2, "x");
+    // A registered null is what a sender that could not be made leaves behind.
+    ASSERT_EQ(net.m_senders->RTLAdd("A.TEST", static_cast<void*>(nullptr)), 1);
+    EXPECT_EQ(net.RRNSend("A", datum, &ignoreData), 1);
+    EXPECT_EQ(net.RRNSend("A", datum), -220545);
+    const std::string said =
+        errorOutputOf([&] { EXPECT_EQ(net.RRNSend("B", datum, &ignoreData), -220545); });
+    EXPECT_EQ(said, "Rendezvous Error : failed to open RPC listener\n");
+    EXPECT_NE(net.m_senders->RTLGet("B.TEST"), nullptr);
+}
+
+TEST_F(Registry, SendsOnTheMainThreadOnly) {
+    RvDatum datum(RVMSG_STRING, 2, "x");
+    char subject[] = "A";
+    std::thread([&] {
+        EXPECT_EQ(net.RRNSend("A", datum), -220425);
+        EXPECT_EQ(net.RRNSend("A", datum, &ignoreData), -220425);
+        EXPECT_EQ(net.RRNSendOnSubject(subject, datum), nullptr);
+    }).join();
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220425, "CVekRvNet", 798, ""}}));
+    EXPECT_EQ(net.RRNSendOnSubject(nullptr, datum), nullptr);
+}
+
+// --- Timers ----------------------------------------------------------------------------------
+
+TEST_F(Registry, RemovesTimersByIdentity) {
+    ASSERT_EQ(net.RRNAddRepeatTimer(5, &ignoreTimer), 1);
+    auto* const timer =
+        static_cast<RvTimer*>(static_cast<CVekPointer*>(net.m_timers->RDLHead())->RPData());
+    EXPECT_EQ(timer->isRepeating(), rv_TRUE);
+    EXPECT_EQ(net.RRNRemoveTimer(nullptr), -220402);
+    EXPECT_EQ(net.RRNRemoveTimer(net.m_queueTimer.get()), -220547);
+    const DebugLevel level(4);
+    std::ostringstream address;
+    address << timer;
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(net.RRNRemoveTimer(timer), 1); }),
+              "RRNRemoveTimer() deleting timer " + address.str() +
+                  "\nRRNRemoveTimer() deleted timer " + address.str() + "\n");
+    EXPECT_EQ(net.m_timers->RDLLength(), 0);
+    EXPECT_EQ(net.RRNAddTimer(5, nullptr), -220552);
+}
+
+TEST_F(Registry, DoesNotPileUpTimersThatFired) {
+    constexpr int kTimers = 1000;
+    int fired = 0;
+    OnTimer next([&](RvTimer*) {
+        if (++fired < kTimers) net.RRNAddTimer(1, &next);
+    });
+    ASSERT_EQ(net.RRNAddTimer(1, &next), 1);
+    ASSERT_TRUE(runUntil(net, [&] { return fired == kTimers; }));
+    EXPECT_LT(net.m_timers->RDLLength(), kTimers / 2);
+}
+
+TEST_F(Registry, TimersOfAnOldListGoOnFiring) {
+    int fired = 0;
+    OnTimer count([&](RvTimer*) { ++fired; });
+    ASSERT_EQ(net.RRNAddRepeatTimer(1, &count), 1);
+    EXPECT_EQ(net.RRNOpenStorage(), 1);
+    EXPECT_EQ(net.m_timers->RDLLength(), 0);
+    EXPECT_TRUE(runUntil(net, [&] { return fired > 3; }));
+}
+
+// --- I/O -------------------------------------------------------------------------------------
+
+TEST_F(Registry, WatchesForReadabilityWhateverWasChosen) {
+    const SocketPair pair;
+    RvIO* seen = nullptr;
+    OnIO callback([&](RvIO* io) {
+        seen = io;
+        net.RRNStopLoop();
+    });
+    EXPECT_EQ(net.RRNAddIOHandle(pair.watched(), FALSE, TRUE, TRUE, &callback), 1);
+    EXPECT_EQ(errors.take(),
+              (std::vector<Report>{{-220462, "CVekRvNet", 891,
+                                    "The Type of IO handler has already been chosen.\n"}}));
+    pair.send();
+    net.RRNDoIt();
+    ASSERT_NE(seen, nullptr);
+    EXPECT_EQ(seen->eventType(), RVEVM_READ);
+    EXPECT_EQ(net.RRNRemoveIO(pair.watched()), 1);
+    EXPECT_EQ(net.RRNRemoveIO(pair.watched()), 1);
+    EXPECT_EQ(net.m_ioHandlers->RTLLength(), 0);
+}
+
+TEST_F(Registry, GivesASecondHandlerOfOneSocketTheListsCode) {
+    const SocketPair pair;
+    OnIO callback([](RvIO*) {});
+    int status = 0;
+    ASSERT_NE(net.RRNNewIO(&status, pair.watched(), RVEVM_READ, &callback, nullptr), nullptr);
+    EXPECT_EQ(status, 1);
+    const std::unique_ptr<RvIO> second(
+        net.RRNNewIO(&status, pair.watched(), RVEVM_WRITE, &callback, nullptr));
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(status, -220566);
+    std::thread([&] { EXPECT_EQ(net.RRNRemoveIO(99999), -220425); }).join();
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220425, "CVekRvNet", 1462, ""}}));
+}
