@@ -9,8 +9,8 @@ namespace kvx {
 
 namespace {
 
-constexpr std::size_t kHeaderBytes = 3;   // length and count
-constexpr std::size_t kElementExtra = 2;  // length byte and terminator
+constexpr std::size_t kSubjectHeaderBytes = 3;  // length and count
+constexpr std::size_t kElementExtra = 2;        // length byte and terminator
 
 // One element record: its length byte, 1 to 250 characters, a zero.
 bool takeElement(WireReader& reader) {
@@ -29,14 +29,14 @@ bool takeElement(WireReader& reader) {
 }  // namespace
 
 std::optional<SubjectView> SubjectView::parse(const void* encoded, std::size_t available) {
-    if (encoded == nullptr || available < kHeaderBytes) return std::nullopt;
+    if (encoded == nullptr || available < kSubjectHeaderBytes) return std::nullopt;
     const SubjectView view = trusted(encoded);
     const std::size_t length = view.length();
-    if (length < kHeaderBytes || length > available || length > kMaxSubjectBytes ||
+    if (length < kSubjectHeaderBytes || length > available || length > kMaxSubjectBytes ||
         view.count() == 0 || view.count() > kMaxSubjectElements) {
         return std::nullopt;
     }
-    WireReader reader(view.bytes_ + kHeaderBytes, length - kHeaderBytes);
+    WireReader reader(view.bytes_ + kSubjectHeaderBytes, length - kSubjectHeaderBytes);
     for (unsigned left = view.count(); left > 0; --left) {
         if (!takeElement(reader)) return std::nullopt;
     }

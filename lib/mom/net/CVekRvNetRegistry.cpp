@@ -39,6 +39,11 @@ Object* pointeeOf(const CVekListable* entry) {
     return pointeeOf<Object>(static_cast<const CVekPointer*>(entry));
 }
 
+// Whether a timer will never call anybody again.
+bool isSpent(const RvTimer& timer) {
+    return timer.isRepeating() == rv_FALSE && (!timer.isPending() || timer.callback() == nullptr);
+}
+
 // Adds `object` under `subject` in a holder of its own, which does not outlive a failure.
 int addEntry(CVekTreeList* registry, const char* subject, void* object) {
     auto holder = std::make_unique<CVekPointer>(object);
@@ -297,7 +302,7 @@ void CVekRvNet::sweepSpentTimers() {
     for (CVekListable* entry = m_timers->RDLHead(); entry != nullptr;) {
         CVekListable* const next = m_timers->RDLGetNext(entry);
         auto* const timer = pointeeOf<RvTimer>(entry);
-        if (timer != nullptr && timer->isRepeating() == rv_FALSE && !timer->isPending()) {
+        if (timer != nullptr && isSpent(*timer)) {
             delete timer;
             m_timers->RDLDeleteListable(entry);
         }

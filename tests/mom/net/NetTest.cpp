@@ -218,10 +218,10 @@ TEST_F(RvNet, ReportsWarningsAndErrorsOfTheBus) {
 
 TEST_F(RvNet, HearsTheAdvisoriesOfItsOwnSession) {
     TestNet net;
-    ASSERT_EQ(rv_Deliver(net.m_session->handle(), "_RV.ERROR.SYSTEM.TEST", nullptr, RVMSG_STRING, 5,
+    ASSERT_EQ(rv_Deliver(net.m_session->handle(), "_RV.ERROR.MINE.TEST", nullptr, RVMSG_STRING, 5,
                          "gone"),
               0);
     EXPECT_EQ(errors.take(),
               (std::vector<Report>{{-220379, "CVekRvErrorClb", 157,
-                                    "Subject: _RV.ERROR.SYSTEM.TEST. Message: gone"}}));
+                                    "Subject: _RV.ERROR.MINE.TEST. Message: gone"}}));
 }
