@@ -1,0 +1,8 @@
+#include "examples/modeld/service/Options.h"
+#include "examples/modeld/service/Program.h"
+
+int main(int argc, char** argv) {
+    int exitStatus = -1;
+    const modeld::Options options = modeld::readOptions(argc, argv, exitStatus);
+    return exitStatus >= 0 ? exitStatus : modeld::run(options);
+}

@@ -1,0 +1,119 @@
+// From a question to the packets of its answer. Rows are encoded as they come out of the store, and
+// every hundred of them is compressed at once, so that a whole table costs little memory on its
+// way.
+
+#include "examples/modeld/service/Answer.h"
+
+#include <memory>
+#include <variant>
+
+#include "examples/modeld/oql/Parse.h"
+
+namespace modeld {
+
+namespace {
+
+// The store's own words for a refusal. A text that is no query has no status of its own; it is not
+// permitted.
+EVekStoreErrorStatus statusOf(StoreError error) {
+    switch (error) {
+        case StoreError::NoDatabase:
+            return STORE_NO_DATABASE;
+        case StoreError::NoTable:
+            return STORE_NO_TABLE;
+        case StoreError::NoColumn:
+            return STORE_NO_COLUMN;
+        case StoreError::TypeMismatch:
+            return STORE_TYPE_MISMATCH;
+        case StoreError::BadSource:
+        case StoreError::Failed:
+            break;
+    }
+    return STORE_PERMISSION_DENIED;
+}
+
+std::unique_ptr<CVekAtom> atomOf(const Row& row, int column) {
+    if (row.kind(column) == ValueKind::Integer) {
+        return std::make_unique<CVekAtom>(static_cast<long long>(row.integer(column)));
+    }
+    return std::make_unique<CVekAtom>(std::string(row.text(column)).c_str());
+}
+
+void addField(CVekBaseRecord& record, const char* name, std::unique_ptr<CVekAtom> value) {
+    if (record.RRAddOrSetValue(name, value.get()) == 1) static_cast<void>(value.release());
+}
+
+void addRow(CVekTransport& transport, EVekTransHdr version, const Row& row) {
+    CVekBaseRecord record;
+    for (int i = 0; i < row.size(); ++i) {
+        if (row.kind(i) != ValueKind::Null) addField(record, row.name(i), atomOf(row, i));
+    }
+    transport.RTAddRecord(&record);
+    transport.RTPreparePayloads(version);
+}
+
+void addRefusal(CVekTransport& transport, const std::string& message, oql::Position position) {
+    CVekBaseRecord record;
+    addField(record, "error", std::make_unique<CVekAtom>(message.c_str()));
+    if (position != 0) {
+        addField(record, "position", std::make_unique<CVekAtom>(static_cast<long long>(position)));
+    }
+    transport.RTAddRecord(&record);
+}
+
+void send(CVekTransport& transport, const Question& question, const Verdict& verdict) {
+    transport.RTSetError(verdict.status);
+    transport.RTSetDestinationOnSubject(question.replySubject.c_str());
+    if (verdict.status == STORE_ZERO_MATCHES) {
+        transport.RTNilResults();
+    } else {
+        transport.RTCreatePackets(question.version, true);
+    }
+    transport.RTSendAll(false);
+}
+
+Verdict refused(EVekStoreErrorStatus status, const std::string& message, oql::Position position) {
+    Verdict verdict;
+    verdict.status = status;
+    verdict.reason = message;
+    if (position != 0) verdict.reason += " at position " + std::to_string(position);
+    return verdict;
+}
+
+}  // namespace
+
+Verdict answer(CVekEngine& engine, Store& store, const Question& question) {
+    CVekTransport transport(&engine);
+    Verdict verdict;
+    auto parsed = oql::parse(question.text);
+    if (const auto* error = std::get_if<oql::SyntaxError>(&parsed)) {
+        const std::string message = "syntax error: " + error->message;
+        addRefusal(transport, message, error->position);
+        verdict = refused(STORE_PERMISSION_DENIED, message, error->position);
+    } else {
+        const auto refusal = store.run(
+            std::get<oql::Query>(parsed),
+            [&](const Row& row) {
+                addRow(transport, question.version, row);
+                return true;
+            },
+            verdict.rows);
+        if (refusal) {
+            transport.RTPurge();
+            addRefusal(transport, refusal->message, refusal->position);
+            verdict = refused(statusOf(refusal->error), refusal->message, refusal->position);
+        } else if (verdict.rows == 0) {
+            verdict.status = STORE_ZERO_MATCHES;
+        }
+    }
+    send(transport, question, verdict);
+    return verdict;
+}
+
+void refuse(CVekEngine& engine, const Question& question, const std::string& reason) {
+    CVekTransport transport(&engine);
+    addRefusal(transport, reason, 0);
+    send(transport, question, refused(STORE_PERMISSION_DENIED, reason, 0));
+}
+
+}  // namespace modeld

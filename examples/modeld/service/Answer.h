@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "examples/modeld/store/Store.h"
+#include "mom/mom.h"
+
+namespace modeld {
+
+/// One question: the text, the packet version that the querier reads, and where the answer goes.
+struct Question {
+    std::string text;
+    EVekTransHdr version = VEK_TRANS_V0;
+    std::string replySubject;
+};
+
+/// How a question was answered, for the log.
+struct Verdict {
+    std::uint64_t rows = 0;
+    EVekStoreErrorStatus status = STORE_COMPLETE;
+    std::string reason;  ///< empty unless the question was refused
+};
+
+/// Answers one question out of `store` through the send queue of `engine`.
+///
+/// Every question gets an answer. Rows travel as records with the columns as fields, empty values
+/// left out; no rows as an empty answer with the status "Query has zero matches". A question that
+/// is refused is answered with the status nearest to the reason and one record that says more:
+/// "error", a text, and "position", the 1-based place in the query text where there is one. Any
+/// thread.
+Verdict answer(CVekEngine& engine, Store& store, const Question& question);
+
+/// Answers with a refusal of the service's own: it is too busy to look at the question.
+void refuse(CVekEngine& engine, const Question& question, const std::string& reason);
+
+}  // namespace modeld

@@ -1,0 +1,64 @@
+// The command line of modeld.
+
+#include "examples/modeld/service/Options.h"
+
+#include <CLI/CLI.hpp>
+
+namespace modeld {
+
+namespace {
+
+constexpr int kUsage = 2;
+
+std::string checkService(const std::string& name) {
+    const auto type = CVekServiceToSubjectMapper::ServiceStringToEnum(name.c_str());
+    return type == SERV_UNKNOWN ? "no service is named '" + name + "'" : std::string();
+}
+
+void addOptions(CLI::App& app, Options& options, std::string& service) {
+    app.add_option("--db", options.database, "the SQLite database")->capture_default_str();
+    app.add_option("--load", options.files,
+                   "fill the table anew from comma-separated files before answering")
+        ->check(CLI::ExistingFile);
+    app.add_option("--table", options.table, "the table to fill")->capture_default_str();
+    app.add_option("--key", options.key, "a column of the table to index");
+    app.add_option("--service", service, "the service to answer for")
+        ->check(checkService)
+        ->capture_default_str();
+    app.add_option("--domain", options.domain, "the domain to answer in")->capture_default_str();
+    app.add_option("--group", options.group, "base of the fault-tolerance group's name")
+        ->capture_default_str();
+    app.add_option("--tier", options.tier, "tier within the group")->capture_default_str();
+    app.add_option("--threads", options.threads, "threads that answer queries")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str();
+    app.add_option("--send-rate", options.sendRate, "packets a second that may leave")
+        ->check(CLI::Range(10UL, 10000000UL))
+        ->capture_default_str();
+}
+
+}  // namespace
+
+Options readOptions(int argc, char** argv, int& exitStatus) {
+    Options options;
+    std::string service = "Model";
+    int verbose = 0;
+    int quiet = 0;
+    CLI::App app{"Answers queries over the bus out of an SQLite database.", "modeld"};
+    app.set_version_flag("--version", std::string("modeld ") + KVX_VERSION);
+    addOptions(app, options, service);
+    app.add_flag("-v,--verbose", verbose, "log more");
+    app.add_flag("-q,--quiet", quiet, "log less");
+    exitStatus = -1;
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        exitStatus = app.exit(error) == 0 ? 0 : kUsage;
+    }
+    options.service = CVekServiceToSubjectMapper::ServiceStringToEnum(service.c_str());
+    const int level = static_cast<int>(LogLevel::Info) + verbose - quiet;
+    options.level = static_cast<LogLevel>(std::clamp(level, 0, static_cast<int>(LogLevel::Debug)));
+    return options;
+}
+
+}  // namespace modeld

@@ -1,0 +1,84 @@
+// The life of the process: fill the table, join the bus, answer. The engine's thread is this
+// thread.
+
+#include "examples/modeld/service/Program.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cstdio>
+
+#include "examples/modeld/service/Log.h"
+#include "examples/modeld/service/ModelService.h"
+#include "platform/File.h"
+
+namespace modeld {
+
+namespace {
+
+constexpr int kFailure = 1;
+
+// Tells the user, once the loop runs, that queries are answered from now on.
+class ModelEngine : public CVekEngine {
+  public:
+    using CVekEngine::CVekEngine;
+
+    void RRNPostInitFns() override { Log::info("answering on {}", subject); }
+
+    std::string subject;
+};
+
+// The state of a long load, drawn over itself on a terminal and left out of pipes.
+void showProgress(std::uint64_t rows) {
+    if (kvx::platform::isTerminal(stderr)) fmt::print(stderr, "\rmodeld: {} rows ", rows);
+}
+
+bool load(const Options& options) {
+    if (options.files.empty()) return true;
+    const auto begin = std::chrono::steady_clock::now();
+    Refusal refusal;
+    auto store = Store::open(options.database, Store::Access::ReadWrite, refusal);
+    std::uint64_t rows = 0;
+    std::optional<Refusal> problem = refusal;
+    if (store) {
+        problem = store->load({options.files, options.table, options.key}, [&](std::uint64_t done) {
+            rows = done;
+            showProgress(done);
+        });
+    }
+    if (kvx::platform::isTerminal(stderr)) fmt::print(stderr, "\r");
+    if (problem) {
+        Log::error("{}", problem->message);
+        return false;
+    }
+    const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - begin;
+    Log::info("loaded {} rows in {:.2f} s into '{}'", rows, spent.count(), options.table);
+    return true;
+}
+
+}  // namespace
+
+int run(const Options& options) {
+    Log::setLevel(options.level);
+    if (!load(options)) return kFailure;
+    ModelEngine engine(options.tier, options.group.c_str(), options.domain.c_str(),
+                       options.service);
+    ModelService service(engine, {options.database, options.service, options.threads});
+    std::string reason;
+    if (!service.start(reason)) {
+        Log::error("{}", reason);
+        return kFailure;
+    }
+    engine.subject = service.querySubject();
+    engine.RESetMaxSendRate(options.sendRate);
+    CVekEnv environment;
+    const char* name = CVekServiceToSubjectMapper::EnumToServiceString(options.service);
+    engine.REStartHeartBeat(name, options.domain.c_str(), &environment);
+    CMOMSignalHandler signals;
+    signals.manage(&engine);
+    engine.REDoIt();
+    signals.stop();
+    return 0;
+}
+
+}  // namespace modeld

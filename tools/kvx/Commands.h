@@ -1,0 +1,31 @@
+#pragma once
+
+#include "tools/kvx/Options.h"
+
+namespace kvx::tool {
+
+// One function a subcommand, each in a file of its own. They return the exit status, having told
+// the user on standard error about whatever went wrong.
+
+/// Prints messages as they arrive, until the count is reached or a signal ends the process.
+int listen(const ListenOptions& options);
+
+/// Publishes one message, or the same one several times.
+int send(const SendOptions& options);
+
+/// Publishes a request and prints the first answer.
+int request(const RequestOptions& options);
+
+/// Asks a service in its query language and prints the rows, their number and the time.
+int query(const QueryOptions& options);
+
+/// Lists the services that answer queries.
+int services(const ServicesOptions& options);
+
+/// Measures round trips and a stream through the daemon.
+int bench(const BenchOptions& options);
+
+/// Reads the command line and runs the subcommand it names.
+int runCommandLine(int argc, char** argv);
+
+}  // namespace kvx::tool

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+
+#include "rv/rv.h"
+
+namespace kvx::tool {
+
+/// A message as one line of JSON: subject, reply (null when there is none), and the datum.
+///
+/// A datum is {"type", "value"}; the fields of a message are an array of {"name", "type", "value"}
+/// in message order, since names may repeat. 64-bit integers are numbers, bytes are hexadecimal,
+/// times are ISO 8601 in UTC. Bytes that are no UTF-8 in a text become replacement characters.
+std::string messageAsJson(const char* subject, const char* reply, const RvDatum& datum);
+
+/// A text as a JSON string, quotes included.
+std::string jsonString(const std::string& text);
+
+}  // namespace kvx::tool

@@ -1,0 +1,179 @@
+// Fields from the command line. One table has the type names; each entry reads the value's text in
+// full or refuses it, so that no field silently becomes another value than the user typed.
+
+#include "tools/kvx/Fields.h"
+
+#include <array>
+#include <charconv>
+#include <iostream>
+#include <iterator>
+#include <limits>
+#include <optional>
+#include <sstream>
+#include <string_view>
+#include <vector>
+
+namespace kvx::tool {
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+struct FieldType {
+    std::string_view name;
+    rvmsg_Type type;
+    std::optional<Bytes> (*read)(const std::string& value);
+};
+
+template <class Number>
+Bytes imageOf(Number number) {
+    const auto* begin = reinterpret_cast<const unsigned char*>(&number);
+    return Bytes(begin, begin + sizeof number);
+}
+
+template <class Number>
+std::optional<Bytes> readNumber(const std::string& value) {
+    Number number{};
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+    if (error != std::errc() || end != value.data() + value.size()) return std::nullopt;
+    return imageOf(number);
+}
+
+std::optional<Bytes> readBoolean(const std::string& value) {
+    if (value == "true" || value == "1") return imageOf(std::uint8_t{1});
+    if (value == "false" || value == "0") return imageOf(std::uint8_t{0});
+    return std::nullopt;
+}
+
+std::optional<Bytes> readHex(const std::string& value) {
+    if (value.size() % 2 != 0) return std::nullopt;
+    Bytes bytes;
+    for (std::size_t i = 0; i < value.size(); i += 2) {
+        unsigned int byte = 0;
+        const char* pair = value.data() + i;
+        const auto [end, error] = std::from_chars(pair, pair + 2, byte, 16);
+        if (error != std::errc() || end != pair + 2) return std::nullopt;
+        bytes.push_back(static_cast<unsigned char>(byte));
+    }
+    return bytes;
+}
+
+std::optional<Bytes> readAddress(const std::string& value) {
+    Bytes bytes;
+    std::istringstream in(value);
+    for (std::string part; std::getline(in, part, '.');) {
+        const auto byte = readNumber<std::uint8_t>(part);
+        if (!byte) return std::nullopt;
+        bytes.push_back(byte->front());
+    }
+    return bytes.size() == 4 && value.back() != '.' ? std::optional(bytes) : std::nullopt;
+}
+
+std::optional<Bytes> readPort(const std::string& value) {
+    const auto native = readNumber<std::uint16_t>(value);
+    if (!native) return std::nullopt;
+    std::uint16_t port = 0;
+    std::copy(native->begin(), native->end(), reinterpret_cast<unsigned char*>(&port));
+    return Bytes{static_cast<unsigned char>(port >> 8U), static_cast<unsigned char>(port & 0xffU)};
+}
+
+std::optional<Bytes> readText(const std::string& value) {
+    Bytes bytes(value.begin(), value.end());
+    bytes.push_back(0);
+    return bytes;
+}
+
+std::optional<Bytes> readSubject(const std::string& value) {
+    Bytes bytes(1000);
+    const int length = rvSubject_FromText(bytes.data(), 1000, value.c_str());
+    if (length < 0) return std::nullopt;
+    bytes.resize(static_cast<std::size_t>(length));
+    return bytes;
+}
+
+constexpr std::array<FieldType, 16> kFieldTypes = {{
+    {"str", RVMSG_STRING, readText},
+    {"i8", RVMSG_INT, readNumber<std::int8_t>},
+    {"i16", RVMSG_INT, readNumber<std::int16_t>},
+    {"i32", RVMSG_INT, readNumber<std::int32_t>},
+    {"i64", RVMSG_INT, readNumber<std::int64_t>},
+    {"u8", RVMSG_UINT, readNumber<std::uint8_t>},
+    {"u16", RVMSG_UINT, readNumber<std::uint16_t>},
+    {"u32", RVMSG_UINT, readNumber<std::uint32_t>},
+    {"u64", RVMSG_UINT, readNumber<std::uint64_t>},
+    {"f32", RVMSG_REAL, readNumber<float>},
+    {"f64", RVMSG_REAL, readNumber<double>},
+    {"bool", RVMSG_BOOLEAN, readBoolean},
+    {"ip", RVMSG_IPDATA, readAddress},
+    {"port", RVMSG_IPDATA, readPort},
+    {"subject", RVMSG_SUBJECT, readSubject},
+    {"hex", RVMSG_OPAQUE, readHex},
+}};
+
+const FieldType* findType(std::string_view name) {
+    for (const auto& type : kFieldTypes) {
+        if (type.name == name) return &type;
+    }
+    return nullptr;
+}
+
+std::string readStandardInput() {
+    return {std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>()};
+}
+
+// The datum owns nothing that it is given, so a copy that does is handed out.
+std::unique_ptr<RvDatum> standardInputDatum(bool opaque, std::string& problem) {
+    const std::string content = readStandardInput();
+    if (content.size() >= std::numeric_limits<rvmsg_Size>::max()) {
+        problem = "standard input holds more than a message can carry";
+        return nullptr;
+    }
+    const auto size = static_cast<rvmsg_Size>(content.size());
+    if (opaque) return std::make_unique<RvDatum>(RvDatum(RVMSG_OPAQUE, size, content.data()));
+    return std::make_unique<RvDatum>(RvDatum(RVMSG_STRING, size + 1, content.c_str()));
+}
+
+}  // namespace
+
+std::string fieldTypes() {
+    std::string names;
+    for (const auto& type : kFieldTypes) {
+        if (!names.empty()) names += ", ";
+        names += type.name;
+    }
+    return names;
+}
+
+std::string appendField(RvMsg& message, const std::string& text) {
+    const auto equals = text.find('=');
+    if (equals == std::string::npos) return "'" + text + "' is not of the form NAME[:TYPE]=VALUE";
+    std::string name = text.substr(0, equals);
+    std::string typeName = "str";
+    if (const auto colon = name.rfind(':'); colon != std::string::npos) {
+        typeName = name.substr(colon + 1);
+        name.resize(colon);
+    }
+    const FieldType* type = findType(typeName);
+    if (type == nullptr) return "'" + typeName + "' in '" + text + "' is no field type";
+    const auto bytes = type->read(text.substr(equals + 1));
+    if (!bytes) return "the value in '" + text + "' is no " + typeName;
+    static constexpr unsigned char kNothing = 0;
+    const void* data = bytes->empty() ? &kNothing : bytes->data();
+    RvStatus status = message.append(name.empty() ? nullptr : name.c_str(), type->type,
+                                     static_cast<rvmsg_Size>(bytes->size()), data);
+    return status == 0 ? std::string() : "'" + text + "': " + status.text();
+}
+
+std::unique_ptr<RvDatum> buildPayload(const Payload& payload, std::string& problem) {
+    if (payload.fields.size() == 1 && payload.fields.front() == "-") {
+        return standardInputDatum(payload.opaque, problem);
+    }
+    auto message = std::make_unique<RvMsg>(1024UL);
+    for (const auto& field : payload.fields) {
+        problem = appendField(*message, field);
+        if (!problem.empty()) return nullptr;
+    }
+    return message;
+}
+
+}  // namespace kvx::tool

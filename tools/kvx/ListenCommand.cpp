@@ -1,0 +1,66 @@
+// kvx listen: prints what comes, one message a line.
+
+#include <cstdio>
+#include <string>
+
+#include "platform/File.h"
+#include "tools/kvx/Client.h"
+#include "tools/kvx/Commands.h"
+#include "tools/kvx/DatumJson.h"
+
+namespace kvx::tool {
+
+namespace {
+
+// Prints every message, with its reply subject as "-" when there is none, and leaves after `count`.
+class Printer : public RvDataCallback {
+  public:
+    Printer(Client& client, const ListenOptions& options) : client_(client), options_(options) {}
+
+    void onData(const char* subject, RvSender* replyTo, const RvDatum& data, RvListener*) override {
+        if (over_) return;
+        const char* reply = replyTo != nullptr ? replyTo->subject() : nullptr;
+        if (options_.connection.json) {
+            std::puts(messageAsJson(subject, reply, data).c_str());
+        } else {
+            std::printf("%s %s ", subject, reply != nullptr ? reply : "-");
+            data.print(stdout);
+            std::putchar('\n');
+        }
+        std::fflush(stdout);
+        if (std::ferror(stdout) != 0 || ++seen_ == options_.count) {
+            over_ = true;
+            client_.leave(kSuccess);
+        }
+    }
+
+  private:
+    Client& client_;
+    const ListenOptions& options_;
+    std::uint64_t seen_ = 0;
+    bool over_ = false;
+};
+
+}  // namespace
+
+int listen(const ListenOptions& options) {
+    Client client(options.connection);
+    if (!client.isUp()) return kFailure;
+    Printer printer(client, options);
+    for (const auto& subject : options.subjects) {
+        const std::string full = client.qualified(subject);
+        if (client.net().RRNAddExService(full.c_str(), &printer) != 1) {
+            complain("cannot listen on '" + full + "'");
+            return kFailure;
+        }
+    }
+    CMOMSignalHandler signals;
+    signals.manage(&client.net());
+    const int status = client.run([&] {
+        if (kvx::platform::isTerminal(stderr)) complain("listening; Ctrl-C ends it");
+    });
+    signals.stop();
+    return status;
+}
+
+}  // namespace kvx::tool

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kvx::tool {
+
+/// Exit statuses of every subcommand.
+inline constexpr int kSuccess = 0;
+inline constexpr int kFailure = 1;
+inline constexpr int kUsage = 2;
+
+/// Where the bus is. Empty texts leave the choice to the daemon configuration file.
+struct Connection {
+    std::string service;
+    std::string network;
+    std::string daemon;
+    std::string domain;  ///< as given; empty when not given
+    bool json = false;
+
+    /// The domain for operations that always qualify.
+    std::string domainOrDefault() const { return domain.empty() ? "DEFAULT" : domain; }
+};
+
+struct ListenOptions {
+    Connection connection;
+    std::vector<std::string> subjects;
+    std::uint64_t count = 0;  ///< leave after so many messages; 0 for never
+};
+
+/// What a message is made of: `name[:type]=value` fields, or a whole payload from standard input.
+struct Payload {
+    std::vector<std::string> fields;
+    bool opaque = false;  ///< standard input holds bytes, not a text
+};
+
+struct SendOptions {
+    Connection connection;
+    std::string subject;
+    std::string reply;
+    Payload payload;
+    std::uint64_t repeat = 1;
+};
+
+struct RequestOptions {
+    Connection connection;
+    std::string subject;
+    Payload payload;
+    double timeoutSeconds = 8;
+};
+
+enum class RowFormat { Table, Json, Csv };
+
+struct QueryOptions {
+    Connection connection;
+    std::string service;
+    std::string text;
+    RowFormat format = RowFormat::Table;
+    bool quiet = false;  ///< no rows, only what they came to
+    double timeoutSeconds = 8;
+};
+
+struct ServicesOptions {
+    Connection connection;
+    double waitSeconds = 1;
+};
+
+struct BenchOptions {
+    Connection connection;
+    std::uint64_t messages = 100000;
+    std::uint64_t requests = 5000;
+    std::uint32_t bytes = 128;
+};
+
+}  // namespace kvx::tool

@@ -1,0 +1,64 @@
+// A question and its answer. The time-out is counted from the last packet that came, so that a long
+// answer may take as long as it needs while a lost packet is noticed.
+
+#include "tools/kvx/Query.h"
+
+#include <cstring>
+#include <utility>
+
+namespace kvx::tool {
+
+namespace {
+
+constexpr rvmsg_Size kHeaderBytes = 24;
+constexpr rvmsg_Size kKindOffset = 18;
+constexpr unsigned kCompressed = 1;
+
+unsigned bigEndian(const unsigned char* bytes, int count) {
+    unsigned value = 0;
+    for (int i = 0; i < count; ++i) value = value << 8U | bytes[i];
+    return value;
+}
+
+}  // namespace
+
+Query::Query(CVekRvNet& net, unsigned long timeoutMs, std::function<void()> finished)
+    : net_(net), timeoutMs_(timeoutMs), finished_(std::move(finished)) {}
+
+bool Query::ask(const std::string& subject, const std::string& text) {
+    int status = 0;
+    idle_.reset(net_.RRNNewTimer(&status, timeoutMs_, rv_TRUE, this, &net_));
+    return idle_ &&
+           CVekQryInfo::RQISendOQL(text.c_str(), subject.c_str(), this, nullptr, &net_, TRUE) == 1;
+}
+
+void Query::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
+    if (over_ || data.type() != RVMSG_MSG) return;
+    RvMsg packet(static_cast<const RvMsg&>(data));
+    count(packet);
+    idle_->resetInterval(timeoutMs_);
+    if (transport_.RTAddMessage(&packet) == 1 && transport_.RTDone()) finish(true);
+}
+
+void Query::count(const RvMsg& packet) {
+    RvDatum field;
+    if (!(packet.get("a", field) == RvStatus(0)) || field.size() < kHeaderBytes) return;
+    const auto* bytes = static_cast<const unsigned char*>(field.data());
+    const rvmsg_Size payload = field.size() - kHeaderBytes;
+    const bool compressed = bigEndian(bytes + kKindOffset, 2) == kCompressed && payload >= 4;
+    ++totals_.packets;
+    totals_.sentBytes += payload;
+    totals_.plainBytes += compressed ? bigEndian(bytes + kHeaderBytes, 4) : payload;
+}
+
+void Query::onTimer(RvTimer*) {
+    if (!over_) finish(false);
+}
+
+void Query::finish(bool complete) {
+    over_ = true;
+    complete_ = complete;
+    if (finished_) finished_();
+}
+
+}  // namespace kvx::tool

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "mom/mom.h"
+
+namespace kvx::tool {
+
+/// One question put to a service, and its answer gathered packet by packet.
+///
+/// `finished` is called once: when every packet is there, or when `timeoutMs` passed without one.
+/// The object must stay alive until then. Main thread only.
+class Query : public RvDataCallback, public RvTimerCallback {
+  public:
+    /// What the packets of an answer came to. Bytes are those of the records with their lengths,
+    /// before compression and as they travelled.
+    struct Totals {
+        std::uint64_t packets = 0;
+        std::uint64_t plainBytes = 0;
+        std::uint64_t sentBytes = 0;
+    };
+
+    Query(CVekRvNet& net, unsigned long timeoutMs, std::function<void()> finished);
+
+    /// False when the question could not be sent.
+    [[nodiscard]] bool ask(const std::string& subject, const std::string& text);
+
+    bool isComplete() const { return complete_; }
+    const Totals& totals() const { return totals_; }
+    CVekTransport& transport() { return transport_; }
+
+    void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
+                RvListener* listener) override;
+    void onTimer(RvTimer* timer) override;
+
+  private:
+    void count(const RvMsg& packet);
+    void finish(bool complete);
+
+    CVekRvNet& net_;
+    const unsigned long timeoutMs_;
+    std::function<void()> finished_;
+    CVekTransport transport_{nullptr};
+    Totals totals_;
+    std::unique_ptr<RvTimer> idle_;
+    bool complete_ = false;
+    bool over_ = false;
+};
+
+}  // namespace kvx::tool

@@ -1,0 +1,143 @@
+// kvx query: ask, gather, decode, print.
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+
+#include "tools/kvx/Client.h"
+#include "tools/kvx/Commands.h"
+#include "tools/kvx/Query.h"
+#include "tools/kvx/Rows.h"
+
+namespace kvx::tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::string bytesText(std::uint64_t bytes) {
+    if (bytes < 10'000) return fmt::format("{} bytes", bytes);
+    if (bytes < 10'000'000) return fmt::format("{:.1f} kB", static_cast<double>(bytes) / 1e3);
+    return fmt::format("{:.1f} MB", static_cast<double>(bytes) / 1e6);
+}
+
+std::string plural(std::uint64_t count, const char* word) {
+    return fmt::format("{} {}{}", count, word, count == 1 ? "" : "s");
+}
+
+// What the answer came to, in one line.
+std::string summary(const Rows& rows, const Query::Totals& totals, double seconds) {
+    std::string text = plural(rows.size(), "row") + " in " + plural(totals.packets, "packet") +
+                       ", " + bytesText(totals.plainBytes);
+    if (totals.sentBytes != totals.plainBytes) {
+        text += fmt::format(" sent as {}", bytesText(totals.sentBytes));
+    }
+    return text + fmt::format(", {:.3f} s", seconds);
+}
+
+std::string statusText(EVekStoreErrorStatus status) {
+    struct Free {
+        void operator()(char* text) const { std::free(text); }
+    };
+    const std::unique_ptr<char, Free> text(CVekTransport::RTPrintError(status, ""));
+    std::string words = text ? text.get() : "";
+    // The text stands between "( " and " )", with a blank of its own in front.
+    if (words.size() > 5) words = words.substr(3, words.size() - 5);
+    return words;
+}
+
+const char* textField(const CVekBaseRecord& record, const char* name) {
+    const CVekAtom* value = record.RRGetValue(name);
+    return value != nullptr && value->RAType() == VEK_TYPE_STRING ? value->RAString() : nullptr;
+}
+
+long long integerField(const CVekBaseRecord& record, const char* name) {
+    const CVekAtom* value = record.RRGetValue(name);
+    const bool integer =
+        value != nullptr && (value->RAType() == VEK_TYPE_INT || value->RAType() == VEK_TYPE_INT64);
+    return integer ? value->RAInt64() : 0;
+}
+
+// Shows the line of the query that holds `position` (1-based), with a mark below the place.
+void pointAt(const std::string& text, long long position) {
+    const auto place = static_cast<std::size_t>(position) - 1;
+    if (position < 1 || place > text.size()) return;
+    const auto before = place == 0 ? std::string::npos : text.rfind('\n', place - 1);
+    const std::size_t begin = before == std::string::npos ? 0 : before + 1;
+    const std::size_t end = std::min(text.find('\n', place), text.size());
+    fmt::print(stderr, "    {}\n    {:>{}}\n", text.substr(begin, end - begin), '^',
+               place - begin + 1);
+}
+
+int showRefusal(const QueryOptions& options, const Rows& rows, EVekStoreErrorStatus status) {
+    const char* reason = rows.size() == 1 ? textField(rows.at(0), "error") : nullptr;
+    if (reason == nullptr) {
+        complain(fmt::format("{}: {}", options.service, statusText(status)));
+        return kFailure;
+    }
+    const long long position = integerField(rows.at(0), "position");
+    complain(fmt::format("{}: {}{}", options.service, reason,
+                         position > 0 ? fmt::format(" at position {}", position) : ""));
+    pointAt(options.text, position);
+    return kFailure;
+}
+
+int showAnswer(const QueryOptions& options, Query& query, double seconds) {
+    Rows rows;
+    const std::unique_ptr<CVekBag> bag(query.transport().RTDecodes());
+    const std::size_t bad = rows.add(*bag);
+    const EVekStoreErrorStatus status = query.transport().RTError();
+    if (status != STORE_COMPLETE && status != STORE_ZERO_MATCHES) {
+        return showRefusal(options, rows, status);
+    }
+    const RowFormat format = options.connection.json ? RowFormat::Json : options.format;
+    if (rows.size() != 0 && !options.quiet) rows.print(format, stdout);
+    std::FILE* out = format == RowFormat::Table ? stdout : stderr;
+    if (status == STORE_ZERO_MATCHES) fmt::print(out, "{}\n", statusText(status));
+    fmt::print(out, "{}\n", summary(rows, query.totals(), seconds));
+    if (bad == 0) return kSuccess;
+    complain(plural(bad, "record") + " of the answer could not be read");
+    return kFailure;
+}
+
+int showSilence(const QueryOptions& options, const Query& query) {
+    if (query.totals().packets == 0) {
+        complain(fmt::format("no answer from {} within {:g} s", options.service,
+                             options.timeoutSeconds));
+    } else {
+        complain(fmt::format("the answer of {} stopped after {}", options.service,
+                             plural(query.totals().packets, "packet")));
+    }
+    return kFailure;
+}
+
+}  // namespace
+
+int query(const QueryOptions& options) {
+    const __serv_types type =
+        CVekServiceToSubjectMapper::ServiceStringToEnum(options.service.c_str());
+    if (type == SERV_UNKNOWN) {
+        complain("no service is named '" + options.service + "'");
+        return kUsage;
+    }
+    const auto timeoutMs = static_cast<unsigned long>(options.timeoutSeconds * 1000);
+    Client client(options.connection, timeoutMs);
+    if (!client.isUp()) return kFailure;
+    Query question(client.net(), timeoutMs, [&] { client.leave(kSuccess); });
+    const auto begin = Clock::now();
+    const int failed = client.run([&] {
+        const char* subject = CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(type);
+        if (!question.ask(subject, options.text)) client.leave(kFailure);
+    });
+    if (failed != kSuccess) {
+        complain("the query could not be sent");
+        return kFailure;
+    }
+    if (!question.isComplete()) return showSilence(options, question);
+    const std::chrono::duration<double> spent = Clock::now() - begin;
+    return showAnswer(options, question, spent.count());
+}
+
+}  // namespace kvx::tool

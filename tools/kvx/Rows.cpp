@@ -1,0 +1,167 @@
+// Rows on their way to a reader. Values keep the order of the first record that had them; a lookup
+// by name serves the others, which may lack some.
+
+#include "tools/kvx/Rows.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "tools/kvx/DatumJson.h"
+
+namespace kvx::tool {
+
+namespace {
+
+struct Free {
+    void operator()(char* text) const { std::free(text); }
+};
+
+std::string valueText(const CVekBaseRecord& record, const std::string& column) {
+    const CVekAtom* value = record.RRGetValue(column.c_str());
+    if (value == nullptr) return {};
+    if (value->RAType() == VEK_TYPE_STRING) return value->RAString();
+    const std::unique_ptr<char, Free> text(value->RAStrRep());
+    return text ? text.get() : "";
+}
+
+std::string printable(std::string text) {
+    for (char& c : text) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
+    }
+    return text;
+}
+
+// Characters that a terminal shows, taking UTF-8 continuation bytes as part of the one before.
+std::size_t width(const std::string& text) {
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xc0U) != 0x80U;
+    }));
+}
+
+void appendPadded(std::string& line, const std::string& text, std::size_t to) {
+    line += text;
+    const std::size_t taken = width(text);
+    if (taken < to) line.append(to - taken, ' ');
+}
+
+std::string csvField(const std::string& text) {
+    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (const char c : text) {
+        if (c == '"') quoted.push_back('"');
+        quoted.push_back(c);
+    }
+    return quoted + '"';
+}
+
+void writeLine(std::FILE* out, std::string& line) {
+    line.push_back('\n');
+    std::fwrite(line.data(), 1, line.size(), out);
+    line.clear();
+}
+
+}  // namespace
+
+std::size_t Rows::add(CVekBag& bag) {
+    std::size_t bad = 0;
+    for (unsigned i = 0; i < bag.RBSize(); ++i) {
+        const std::unique_ptr<CVekAtom> atom(static_cast<CVekAtom*>(bag.RBGet(i)));
+        unsigned char* bytes = nullptr;
+        int length = 0;
+        std::unique_ptr<CVekBaseRecord> record;
+        if (atom->RAUChar(&bytes, &length) == 1) {
+            record.reset(CVekBaseRecord::ROMDecode(bytes, length));
+        }
+        if (!record) {
+            ++bad;
+            continue;
+        }
+        noteColumns(*record);
+        records_.push_back(std::move(record));
+    }
+    return bad;
+}
+
+void Rows::noteColumns(const CVekBaseRecord& record) {
+    for (int i = 0; i < record.RRSize(); ++i) {
+        const char* name = record.RRNameAt(i);
+        if (std::find(columns_.begin(), columns_.end(), name) == columns_.end()) {
+            columns_.emplace_back(name);
+        }
+    }
+}
+
+void Rows::print(RowFormat format, std::FILE* out) const {
+    switch (format) {
+        case RowFormat::Table:
+            return printTable(out);
+        case RowFormat::Json:
+            return printJson(out);
+        case RowFormat::Csv:
+            return printCsv(out);
+    }
+}
+
+void Rows::printTable(std::FILE* out) const {
+    std::vector<std::size_t> widths;
+    for (const auto& column : columns_) {
+        std::size_t widest = width(printable(column));
+        for (const auto& record : records_) {
+            widest = std::max(widest, width(printable(valueText(*record, column))));
+        }
+        widths.push_back(widest);
+    }
+    std::string line;
+    const auto writeRow = [&](auto&& cell) {
+        for (std::size_t i = 0; i < columns_.size(); ++i) {
+            if (i != 0) line += "  ";
+            appendPadded(line, cell(i), i + 1 == columns_.size() ? 0 : widths[i]);
+        }
+        writeLine(out, line);
+    };
+    writeRow([&](std::size_t i) { return printable(columns_[i]); });
+    writeRow([&](std::size_t i) { return std::string(widths[i], '-'); });
+    for (const auto& record : records_) {
+        writeRow([&](std::size_t i) { return printable(valueText(*record, columns_[i])); });
+    }
+}
+
+void Rows::printJson(std::FILE* out) const {
+    std::string line;
+    for (const auto& record : records_) {
+        line = "{";
+        for (std::size_t i = 0; i < columns_.size(); ++i) {
+            if (i != 0) line += ",";
+            line += jsonString(columns_[i]) + ":";
+            const CVekAtom* value = record->RRGetValue(columns_[i].c_str());
+            if (value == nullptr) {
+                line += "null";
+            } else if (value->RAType() == VEK_TYPE_INT || value->RAType() == VEK_TYPE_INT64) {
+                line += std::to_string(value->RAInt64());
+            } else {
+                line += jsonString(valueText(*record, columns_[i]));
+            }
+        }
+        line += "}";
+        writeLine(out, line);
+    }
+}
+
+void Rows::printCsv(std::FILE* out) const {
+    std::string line;
+    const auto writeRow = [&](auto&& cell) {
+        for (std::size_t i = 0; i < columns_.size(); ++i) {
+            if (i != 0) line += ",";
+            line += csvField(cell(i));
+        }
+        writeLine(out, line);
+    };
+    writeRow([&](std::size_t i) { return columns_[i]; });
+    for (const auto& record : records_) {
+        writeRow([&](std::size_t i) { return valueText(*record, columns_[i]); });
+    }
+}
+
+}  // namespace kvx::tool
