@@ -1,0 +1,86 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/ChildProcess.h"
+
+namespace kvx::test {
+
+/// How a program ended and what it said.
+struct Ended {
+    int status = 0;
+    std::string output;
+    std::string errors;
+};
+
+/// The programs of the system as a user would run them: a daemon on a free port, a home directory
+/// whose configuration names it, services and tools. All of it ends with the object.
+class Installation {
+  public:
+    Installation() {
+        startDaemon("tcp:0");
+        std::filesystem::create_directory(home_.file("etc"));
+        std::ofstream(home_.file("etc/Calvorine.rvd.cfg"))
+            << "rendezvous session = { \"daemon\" = \"" << daemonText_ << "\" };\n";
+    }
+
+    const std::string& daemonText() const { return daemonText_; }
+    ChildProcess& daemon() { return *daemon_; }
+
+    void restartDaemon() { startDaemon(daemonText_); }
+
+    std::string file(const std::string& name, const std::string& content) {
+        std::ofstream(home_.file(name), std::ios::binary) << content;
+        return home_.file(name);
+    }
+    std::string path(const std::string& name) const { return home_.file(name); }
+
+    std::unique_ptr<ChildProcess> start(const std::string& program,
+                                        const std::vector<std::string>& arguments) {
+        return std::make_unique<ChildProcess>(KVX_BIN_DIR "/" + program, arguments, variables());
+    }
+
+    Ended run(const std::string& program, const std::vector<std::string>& arguments) {
+        const auto child = start(program, arguments);
+        const int status = child->wait();
+        return {status, child->output(), child->errors()};
+    }
+
+    Ended kvx(const std::vector<std::string>& arguments) { return run("kvx", arguments); }
+
+    /// A model service over a file of comma-separated values, once it answers.
+    std::unique_ptr<ChildProcess> startModel(const std::string& csv,
+                                             std::vector<std::string> more = {}) {
+        std::vector<std::string> arguments = {
+            "--db", path("model.db"), "--table", "devices", "--load", csv, "--key", "name"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        auto model = start("modeld", arguments);
+        EXPECT_NE(model->awaitError("answering"), "") << model->errors();
+        return model;
+    }
+
+  private:
+    std::vector<std::string> variables() const {
+        return {"KVX_HOME=" + home_.path(), "XDG_STATE_HOME=" + home_.path()};
+    }
+
+    void startDaemon(const std::string& listen) {
+        daemon_ = std::make_unique<ChildProcess>(
+            KVX_BIN_DIR "/rvd", std::vector<std::string>{"-listen", listen}, variables());
+        const std::string ready = daemon_->awaitOutput("ready");
+        ASSERT_NE(ready, "") << daemon_->errors();
+        daemonText_ = ready.substr(ready.rfind(' ') + 1);
+    }
+
+    TemporaryDirectory home_;
+    std::string daemonText_;
+    std::unique_ptr<ChildProcess> daemon_;
+};
+
+}  // namespace kvx::test

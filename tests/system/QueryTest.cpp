@@ -1,0 +1,99 @@
+// A query through the whole system: tool, daemon, service, store and back.
+
+#include <gtest/gtest.h>
+
+#include "tests/system/Installation.h"
+
+namespace kvx::test {
+namespace {
+
+constexpr const char* kDevices = "name,ports,site\ncore-1,48,north\nedge-1,24,south\nedge-2,24,\n";
+
+std::string manyDevices(int count) {
+    std::string csv = "name,ports,site\n";
+    for (int i = 0; i < count; ++i) {
+        csv += "device-" + std::to_string(i) + "," + std::to_string(i % 48) + ",somewhere\n";
+    }
+    return csv;
+}
+
+class QueryTest : public ::testing::Test {
+  protected:
+    Ended query(const std::string& text, std::vector<std::string> more = {}) {
+        more.insert(more.begin(), {"query", "Model", text});
+        return bus_.kvx(more);
+    }
+
+    Installation bus_;
+};
+
+TEST_F(QueryTest, IsAnsweredInEveryFormat) {
+    const auto model = bus_.startModel(bus_.file("devices.csv", kDevices));
+    const std::string text = "select name, ports, site from devices where ports = 24 order by name";
+    const Ended table = query(text);
+    EXPECT_EQ(table.status, 0) << table.errors;
+    EXPECT_EQ(table.output.substr(0, table.output.find("2 rows")),
+              "name    ports  site\n------  -----  -----\nedge-1  24     south\nedge-2  24     \n");
+    EXPECT_NE(table.output.find("2 rows in 1 packet"), std::string::npos) << table.output;
+
+    EXPECT_EQ(query(text, {"--json"}).output,
+              "{\"name\":\"edge-1\",\"ports\":24,\"site\":\"south\"}\n"
+              "{\"name\":\"edge-2\",\"ports\":24,\"site\":null}\n");
+    EXPECT_EQ(query(text, {"--csv"}).output, "name,ports,site\nedge-1,24,south\nedge-2,24,\n");
+
+    model->kill(SIGTERM);
+    EXPECT_EQ(model->wait(), 0);
+}
+
+TEST_F(QueryTest, ThatIsRefusedSaysWhyAndWhere) {
+    const auto model = bus_.startModel(bus_.file("devices.csv", kDevices));
+    struct Case {
+        const char* text;
+        const char* says;
+    };
+    for (const auto& [text, says] : {
+             Case{"select * form devices", "unexpected 'form', expected from at position 10"},
+             Case{"select * from nothing", "no table 'nothing' at position 15"},
+             Case{"select colour from devices", "no column 'colour' in 'devices' at position 8"},
+             Case{"select * from devices where ports = 'x'", "cannot be compared with text"},
+         }) {
+        const Ended refused = query(text);
+        EXPECT_EQ(refused.status, 1) << text;
+        EXPECT_EQ(refused.output, "") << text;
+        EXPECT_NE(refused.errors.find(says), std::string::npos) << refused.errors;
+    }
+    const Ended none = query("select * from devices where name = 'x'");
+    EXPECT_EQ(none.status, 0);
+    EXPECT_NE(none.output.find("Query has zero matches"), std::string::npos) << none.output;
+}
+
+TEST_F(QueryTest, OfAWholeTableComesInCompressedPackets) {
+    const auto model = bus_.startModel(bus_.file("devices.csv", manyDevices(5050)));
+    const Ended all = query("select * from devices", {"--quiet"});
+    EXPECT_EQ(all.status, 0) << all.errors;
+    EXPECT_NE(all.output.find("5050 rows in 51 packets"), std::string::npos) << all.output;
+    EXPECT_NE(all.output.find("sent as"), std::string::npos) << all.output;
+
+    const Ended rows = query("select name from devices where ports = 7", {"--csv"});
+    EXPECT_EQ(std::count(rows.output.begin(), rows.output.end(), '\n'), 1 + 106);
+}
+
+TEST_F(QueryTest, WithoutAnAnswerEndsInTime) {
+    const Ended silence = query("select * from devices", {"--timeout", "0.2"});
+    EXPECT_EQ(silence.status, 1);
+    EXPECT_NE(silence.errors.find("no answer from Model within 0.2 s"), std::string::npos);
+    const Ended nobody = bus_.kvx({"query", "Modell", "select * from devices"});
+    EXPECT_EQ(nobody.status, 2);
+    EXPECT_NE(nobody.errors.find("no service is named 'Modell'"), std::string::npos);
+}
+
+TEST_F(QueryTest, ReachesOnlyTheServiceOfItsDomain) {
+    const auto model = bus_.startModel(bus_.file("devices.csv", kDevices), {"--domain", "NET1"});
+    EXPECT_EQ(query("select * from devices", {"--domain", "NET1"}).status, 0);
+    EXPECT_EQ(query("select * from devices", {"--timeout", "0.2"}).status, 1);
+    const Ended services = bus_.kvx({"services", "--domain", "NET1", "--wait", "0.5"});
+    EXPECT_NE(services.output.find("Model "), std::string::npos) << services.output;
+}
+
+}  // namespace
+}  // namespace kvx::test

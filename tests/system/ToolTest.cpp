@@ -1,0 +1,92 @@
+// The tool against the daemon, as a person at a shell would use it.
+
+#include <gtest/gtest.h>
+
+#include "tests/system/Installation.h"
+
+namespace kvx::test {
+namespace {
+
+class ToolTest : public ::testing::Test {
+  protected:
+    Installation bus_;
+};
+
+TEST_F(ToolTest, ListensToWhatIsSent) {
+    const auto listener = bus_.start("kvx", {"listen", "NEWS.>", "--count", "2"});
+    const auto json = bus_.start("kvx", {"listen", "NEWS.*", "--json", "--count", "2"});
+    // Sent until both hear: nobody can tell from outside when a listen has reached the daemon.
+    ASSERT_TRUE(eventually([&] {
+        EXPECT_EQ(
+            bus_.kvx({"send", "NEWS.SPORT", "--reply", "DESK", "score:i32=3", "by=KVX"}).status, 0);
+        return !listener->isRunning() && !json->isRunning();
+    }));
+    EXPECT_EQ(listener->wait(), 0);
+    EXPECT_EQ(json->wait(), 0);
+    const std::string line = "NEWS.SPORT DESK { score=3 by=\"KVX\"}\n";
+    EXPECT_EQ(listener->output(), line + line);
+    EXPECT_EQ(
+        json->output().substr(0, json->output().find('\n')),
+        R"({"subject":"NEWS.SPORT","reply":"DESK","type":"message","fields":[)"
+        R"({"name":"score","type":"i32","value":3},{"name":"by","type":"string","value":"KVX"}]})");
+}
+
+TEST_F(ToolTest, TakesOptionsOverTheConfigurationFile) {
+    Installation other;
+    const auto listener = bus_.start(
+        "kvx", {"listen", "X", "--daemon", other.daemonText(), "--service", "9", "--count", "1"});
+    ASSERT_TRUE(eventually([&] {
+        bus_.kvx({"send", "X", "from=here", "--service", "9"});
+        other.kvx({"send", "X", "from=default-service"});
+        other.kvx({"send", "X", "from=there", "--service", "9"});
+        return !listener->isRunning();
+    }));
+    EXPECT_EQ(listener->output(), "X - { from=\"there\"}\n");
+}
+
+TEST_F(ToolTest, TellsNonsenseFromFailure) {
+    for (const auto& arguments :
+         std::vector<std::vector<std::string>>{{},
+                                               {"query"},
+                                               {"nonsense"},
+                                               {"send", "A", "novalue"},
+                                               {"send", "A", "x:colour=1"},
+                                               {"listen"},
+                                               {"query", "Model", "select", "--timeout", "never"},
+                                               {"listen", "A", "--daemon", "tcp:\"1"}}) {
+        const Ended ended = bus_.kvx(arguments);
+        EXPECT_EQ(ended.status, 2) << ended.errors;
+        EXPECT_NE(ended.errors, "");
+    }
+    for (const auto& arguments :
+         std::vector<std::vector<std::string>>{{"listen", "A..B"},
+                                               {"send", "A..B", "x=1"},
+                                               {"send", "A", "x=1", "--daemon", "udp:1"},
+                                               {"request", "NOBODY", "--timeout", "0.1", "x=1"}}) {
+        const Ended ended = bus_.kvx(arguments);
+        EXPECT_EQ(ended.status, 1) << ended.output;
+        EXPECT_NE(ended.errors, "");
+    }
+    EXPECT_EQ(bus_.kvx({"--help"}).status, 0);
+    EXPECT_EQ(bus_.kvx({"query", "--help"}).status, 0);
+}
+
+TEST_F(ToolTest, MeasuresTheDaemon) {
+    const Ended bench = bus_.kvx({"bench", "--requests", "50", "--messages", "2000"});
+    EXPECT_EQ(bench.status, 0) << bench.errors;
+    EXPECT_NE(bench.output.find("50 round trips of 128 bytes"), std::string::npos) << bench.output;
+    EXPECT_NE(bench.output.find("2000 messages of 128 bytes"), std::string::npos) << bench.output;
+}
+
+TEST_F(ToolTest, EndsCleanlyOnASignal) {
+    const auto listener = bus_.start("kvx", {"listen", "A"});
+    ASSERT_TRUE(eventually([&] {
+        bus_.kvx({"send", "A", "x=1"});
+        return !listener->output().empty();
+    }));
+    listener->kill(SIGINT);
+    EXPECT_EQ(listener->wait(), 0);
+}
+
+}  // namespace
+}  // namespace kvx::test
