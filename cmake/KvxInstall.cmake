@@ -44,3 +44,7 @@ configure_file(cmake/kvxmom.pc.in ${CMAKE_CURRENT_BINARY_DIR}/kvxmom.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kvxmom.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES packaging/man/rvd.1 packaging/man/kvx.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES packaging/completions/kvx
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES packaging/systemd/rvd.service DESTINATION lib/systemd/system)
