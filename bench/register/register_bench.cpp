@@ -1,0 +1,134 @@
+// How fast does a whole table reach a querier?
+//
+// Baseline: the same SELECT read from the same SQLite file in this process, every value copied into
+// a string of its own. Measured: the query through the bus, from the moment it is sent until every
+// record is decoded in this process; the daemon and the service are processes of their own. Rounds
+// alternate; the table shows the median of each and the ratio of the medians.
+
+#include <fmt/format.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+#include "tests/support/ChildProcess.h"
+#include "tools/kvx/Client.h"
+#include "tools/kvx/Query.h"
+#include "tools/kvx/Rows.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kRounds = 9;
+constexpr const char* kRegister = "/usr/share/ieee-data/";
+constexpr const char* kText = "select * from vendors";
+
+double secondsSince(Clock::time_point begin) {
+    return std::chrono::duration<double>(Clock::now() - begin).count();
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+struct Reading {
+    std::size_t rows = 0;
+    double seconds = 0;
+};
+
+Reading readFromSqlite(const std::string& path) {
+    sqlite3* database = nullptr;
+    sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READONLY, nullptr);
+    const auto begin = Clock::now();
+    sqlite3_stmt* statement = nullptr;
+    sqlite3_prepare_v2(database, kText, -1, &statement, nullptr);
+    std::vector<std::vector<std::string>> rows;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        auto& row = rows.emplace_back();
+        for (int i = 0; i < sqlite3_column_count(statement); ++i) {
+            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, i));
+            row.emplace_back(text != nullptr ? text : "");
+        }
+    }
+    sqlite3_finalize(statement);
+    const Reading reading{rows.size(), secondsSince(begin)};
+    sqlite3_close(database);
+    return reading;
+}
+
+// Asks once and decodes what comes.
+Reading readOverTheBus(kvx::tool::Client& client) {
+    kvx::tool::Query query(client.net(), 60000, [&client] { client.leave(0); });
+    const auto begin = Clock::now();
+    client.run([&] {
+        if (!query.ask("ZEMBRALIX.3.0.MODEL.QUERY", kText)) client.leave(1);
+    });
+    kvx::tool::Rows rows;
+    const std::unique_ptr<CVekBag> bag(query.transport().RTDecodes());
+    rows.add(*bag);
+    return {rows.size(), secondsSince(begin)};
+}
+
+bool answers(kvx::tool::Client& client) {
+    return kvx::test::eventually([&client] {
+        kvx::tool::Query query(client.net(), 1000, [&client] { client.leave(0); });
+        client.run([&] {
+            if (!query.ask("ZEMBRALIX.3.0.MODEL.QUERY", "select * from vendors limit 1")) {
+                client.leave(1);
+            }
+        });
+        return query.isComplete();
+    });
+}
+
+int measure(kvx::tool::Client& client, const std::string& database) {
+    std::vector<double> sqlite;
+    std::vector<double> bus;
+    Reading reading;
+    for (int round = 0; round < kRounds; ++round) {
+        const Reading local = readFromSqlite(database);
+        reading = readOverTheBus(client);
+        if (reading.rows != local.rows) {
+            fmt::print(stderr, "{} rows over the bus, {} in the file\n", reading.rows, local.rows);
+            return 1;
+        }
+        sqlite.push_back(static_cast<double>(local.rows) / local.seconds);
+        bus.push_back(static_cast<double>(reading.rows) / reading.seconds);
+    }
+    fmt::print("whole-register query, {} rows, {} rounds\n", reading.rows, kRounds);
+    fmt::print("  {:<34} {:>12.0f} rows/s\n", "SELECT from SQLite in-process", median(sqlite));
+    fmt::print("  {:<34} {:>12.0f} rows/s\n", "query through the bus", median(bus));
+    fmt::print("  ratio {:.3f} (wanted: at least 0.1)\n", median(bus) / median(sqlite));
+    return 0;
+}
+
+}  // namespace
+
+int main() {
+    const kvx::test::TemporaryDirectory home;
+    std::filesystem::create_directory(home.file("etc"));
+    setenv("KVX_HOME", home.path().c_str(), 1);
+    kvx::test::ChildProcess daemon(KVX_BIN_DIR "/rvd", {"-listen", "tcp:0"});
+    const std::string ready = daemon.awaitOutput("ready");
+    std::ofstream(home.file("etc/Calvorine.rvd.cfg"))
+        << "rendezvous session = { \"daemon\" = \"" << ready.substr(ready.rfind(' ') + 1)
+        << "\" };\n";
+    const std::string database = home.file("register.db");
+    kvx::test::ChildProcess model(
+        KVX_BIN_DIR "/modeld",
+        {"--db", database, "--table", "vendors", "--load", kRegister + std::string("oui.csv"),
+         kRegister + std::string("mam.csv"), kRegister + std::string("oui36.csv")});
+    if (model.awaitError("answering").empty()) {
+        fmt::print(stderr, "{}", model.errors());
+        return 1;
+    }
+    kvx::tool::Client client({});
+    if (!client.isUp() || !answers(client)) return 1;
+    return measure(client, database);
+}
