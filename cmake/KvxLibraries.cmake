@@ -4,6 +4,11 @@
 
 find_package(ZLIB REQUIRED)
 
+# A library that needs a symbol which nobody has fails here, not in a user's program.
+if(NOT KVX_SANITIZE)
+    set(no_undefined -Wl,-z,defs)
+endif()
+
 set(KVX_RV_ROOMS rv_error rv_message rv_event rv_wire rv_link rv_session rv_object rv_ft)
 set(KVX_MOM_ROOMS mom_config mom_net mom_engine mom_transport mom_timed mom_signal)
 
@@ -16,6 +21,8 @@ endforeach()
 target_link_libraries(kvx_mom PUBLIC
     kvx_options kvx_foundation kvx_rv_object kvx_rv_ft kvx_rv_session kvx_platform ZLIB::ZLIB)
 
-kvx_shared_library(KVXFoundation ALIAS foundation ROOMS platform foundation)
-kvx_shared_library(KVXRv ALIAS rv ROOMS ${KVX_RV_ROOMS} USES KVXFoundation)
-kvx_shared_library(KVXMOM ALIAS mom ROOMS ${KVX_MOM_ROOMS} USES KVXRv KVXFoundation LINKS ZLIB::ZLIB)
+kvx_shared_library(KVXFoundation ALIAS foundation ROOMS platform foundation LINKS ${no_undefined})
+kvx_shared_library(KVXRv ALIAS rv ROOMS ${KVX_RV_ROOMS} USES KVXFoundation
+    LINKS ${no_undefined})
+kvx_shared_library(KVXMOM ALIAS mom ROOMS ${KVX_MOM_ROOMS} USES KVXRv KVXFoundation
+    LINKS ZLIB::ZLIB ${no_undefined})
