@@ -1,0 +1,51 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "foundation/foundation.h"
+#include "mom/timed/CVekTimedWork.h"
+#include "mom/timed/CVekTimedWorkMgr.h"
+#include "mom/timed/CVekTimedWorker.h"
+
+namespace kvx::test {
+
+/// A poll that counts its executions.
+class CountingPoll : public CVekTimedWork {
+  public:
+    CountingPoll(const std::string& name, int frequency) {
+        RTWSetName(new CVekAtom(name.c_str()));
+        RTWSetFrequency(frequency);
+    }
+
+    void RTWDoPoll() override { ++runs; }
+    __boolean RTWAddToPool() override { return accepts ? TRUE : FALSE; }
+
+    std::string name() { return RTWName()->RAString(); }
+
+    std::atomic<int> runs = 0;
+    std::atomic<bool> accepts = true;
+};
+
+/// A manager without threads: what would be queued is written down, by name, and dropped. Ticks of
+/// distributions are the test's to call.
+class RecordingMgr : public CVekTimedWorkMgr {
+  public:
+    RecordingMgr() : CVekTimedWorkMgr(nullptr, 0, 1000, 0, nullptr, FALSE) {}
+
+    using CVekTimedWorkMgr::RTWMAddPollWork;
+    int RTWMAddPollWork(CVekTimedWorker* worker) override {
+        queued.emplace_back(worker->RTWName());
+        if (worker->RTWStatus() == RTW_STATUS_NEW) delete worker;
+        return 1;
+    }
+
+    std::vector<std::string> takeQueued() { return std::exchange(queued, {}); }
+
+    std::vector<std::string> queued;
+};
+
+}  // namespace kvx::test

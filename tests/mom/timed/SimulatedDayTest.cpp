@@ -1,0 +1,270 @@
+// A day of ticks, driven by hand, with real pools: every poll runs as often as its frequency says,
+// on its tick, whatever other threads add, delete, change and suspend in between.
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/mom/timed/Polls.h"
+#include "tests/support/ChildProcess.h"
+
+namespace {
+
+// Which polls have run since the last tick. Work threads write it, the day waits for it.
+class Log {
+  public:
+    void add(const std::string& name) {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_ran.insert(name);
+        m_changed.notify_all();
+    }
+    // What has run, as soon as it is at least `count`; less only when a minute passed.
+    std::multiset<std::string> await(std::size_t count) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait_for(lock, std::chrono::minutes(1), [&] { return m_ran.size() >= count; });
+        return std::exchange(m_ran, {});
+    }
+
+  private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::multiset<std::string> m_ran;
+};
+
+class LoggedPoll : public CVekTimedWork {
+  public:
+    LoggedPoll(Log& log, const std::string& name, int frequency) : m_log(log) {
+        RTWSetName(new CVekAtom(name.c_str()));
+        RTWSetFrequency(frequency);
+    }
+    void RTWDoPoll() override { m_log.add(name()); }
+    std::string name() { return RTWName()->RAString(); }
+
+  private:
+    Log& m_log;
+};
+
+constexpr int kTicks = 1440;  // a day of minutes
+constexpr int kFrequencies[] = {2, 3, 5, 7, 15, 60};
+
+// A manager under a random sequence of changes, and a model of what it should run.
+//
+// The distribution of the beacon, which runs at every tick, is made last, and one poll thread ticks
+// the distributions in the order of their making: when the beacon has run, all of them have ticked.
+class Day {
+  public:
+    explicit Day(unsigned seed) : m_random(seed) {
+        for (const int frequency : kFrequencies) addPoll(frequency);
+        m_groups[1].polls.push_back(&m_beacon);
+        m_manager.RTWMAddPoll(&m_beacon);
+        m_groups[1].isMarked = true;
+        distribute();
+    }
+
+    void tick() {
+        m_manager.onTimer(nullptr);
+        if (m_suspended) return;
+        const auto expected = takeDue();
+        ASSERT_EQ(m_log.await(expected.size()), expected);
+    }
+
+    // One random change, on a thread of its own.
+    void change() {
+        std::thread([this] {
+            switch (m_random() % 8) {
+                case 0:
+                    return addPoll(anyFrequency());
+                case 1:
+                    return deletePoll();
+                case 2:
+                    return replacePoll();
+                case 3:
+                    return movePoll();
+                case 4:
+                    return suspendOrResume();
+                case 5:
+                    return repeatPoll();
+                default:
+                    return distribute();
+            }
+        }).join();
+    }
+
+    // What is left over when all threads have ended.
+    std::multiset<std::string> takeLate() { return m_log.await(0); }
+
+  private:
+    struct Group {
+        std::vector<LoggedPoll*> polls;  // what the manager knows
+        std::vector<LoggedPoll*> due;    // what stands in buckets
+        int position = 0;
+        bool isMarked = false;
+    };
+
+    int anyFrequency() { return kFrequencies[m_random() % std::size(kFrequencies)]; }
+
+    LoggedPoll* newPoll(const std::string& name, int frequency) {
+        m_polls.push_back(std::make_unique<LoggedPoll>(m_log, name, frequency));
+        return m_polls.back().get();
+    }
+
+    // A poll of a random group, or null; `group` is its group.
+    LoggedPoll* anyPoll(Group*& group) {
+        group = &m_groups[anyFrequency()];
+        return group->polls.empty() ? nullptr : group->polls[m_random() % group->polls.size()];
+    }
+
+    void addPoll(int frequency) { addPoll(newPoll(std::to_string(m_polls.size()), frequency)); }
+    void addPoll(LoggedPoll* poll) {
+        EXPECT_EQ(m_manager.RTWMAddPoll(poll), 1);
+        Group& group = m_groups[poll->RTWFrequency()];
+        group.polls.push_back(poll);
+        group.isMarked = true;
+    }
+
+    void deletePoll() {
+        Group* group = nullptr;
+        LoggedPoll* poll = anyPoll(group);
+        if (poll == nullptr) return;
+        EXPECT_EQ(m_manager.RTWMDeletePoll(poll), 1);
+        forget(*group, poll);
+    }
+    static void forget(Group& group, LoggedPoll* poll) {
+        std::erase(group.polls, poll);
+        group.due.clear();
+        group.isMarked = true;
+    }
+
+    void replacePoll() {
+        Group* group = nullptr;
+        LoggedPoll* poll = anyPoll(group);
+        if (poll == nullptr) return;
+        LoggedPoll* twin = newPoll(poll->name(), poll->RTWFrequency());
+        EXPECT_EQ(m_manager.RTWMChangePoll(poll, twin), 1);
+        std::replace(group->polls.begin(), group->polls.end(), poll, twin);
+        std::replace(group->due.begin(), group->due.end(), poll, twin);
+    }
+
+    void movePoll() {
+        Group* group = nullptr;
+        LoggedPoll* poll = anyPoll(group);
+        const int frequency = anyFrequency();
+        if (poll == nullptr || frequency == poll->RTWFrequency()) return;
+        EXPECT_EQ(m_manager.RTWMChangePollFrequency(poll, frequency), 1);
+        forget(*group, poll);
+        m_groups[frequency].polls.push_back(poll);
+        m_groups[frequency].isMarked = true;
+    }
+
+    void suspendOrResume() {
+        m_suspended = !m_suspended;
+        if (m_suspended) {
+            m_manager.RTWMSuspendTimedWork();
+        } else {
+            m_manager.RTWMResumeTimedWork();
+        }
+    }
+
+    void repeatPoll() {
+        Group* group = nullptr;
+        LoggedPoll* poll = anyPoll(group);
+        if (poll == nullptr) return;
+        m_manager.RTWMAddRepeatPoller(poll);
+        m_repeated.insert(poll->name());
+    }
+
+    void distribute() {
+        EXPECT_EQ(m_manager.RTWMDistributePolls(), 1);
+        for (auto& [frequency, group] : m_groups) {
+            if (group.isMarked) group.due = group.polls;
+            group.isMarked = false;
+        }
+    }
+
+    std::multiset<std::string> takeDue() {
+        auto expected = std::exchange(m_repeated, {});
+        for (auto& [frequency, group] : m_groups) {
+            for (LoggedPoll* poll : group.due) {
+                EXPECT_GE(poll->RTWBucketKey(), 0);
+                EXPECT_LT(poll->RTWBucketKey(), frequency);
+                if (poll->RTWBucketKey() == group.position) expected.insert(poll->name());
+            }
+            group.position = (group.position + 1) % frequency;
+        }
+        return expected;
+    }
+
+    std::mt19937 m_random;
+    Log m_log;
+    LoggedPoll m_beacon{m_log, "beacon", 1};
+    std::vector<std::unique_ptr<LoggedPoll>> m_polls;
+    std::map<int, Group> m_groups;  // by frequency
+    std::multiset<std::string> m_repeated;
+    bool m_suspended = false;
+    CVekTimedWorkMgr m_manager{nullptr, 1, 1000, 4, nullptr, FALSE};
+};
+
+}  // namespace
+
+TEST(SimulatedDay, RunsEveryPollOnItsTickAcrossChangesOfOtherThreads) {
+    for (unsigned seed = 1; seed <= 3; ++seed) {
+        SCOPED_TRACE(seed);
+        Day day(seed);
+        std::mt19937 random(seed);
+        for (int i = 0; i < kTicks; ++i) {
+            if (random() % 3 == 0) day.change();
+            ASSERT_NO_FATAL_FAILURE(day.tick()) << "tick " << i;
+        }
+        EXPECT_TRUE(day.takeLate().empty());
+    }
+}
+
+// The polls of one frequency are not disturbed by what happens to another one at the same time.
+TEST(SimulatedDay, LosesNothingWhileOtherThreadsChangeOtherFrequencies) {
+    constexpr int kPeriods = 60;
+    constexpr int kFrequency = 5;
+    Log log;
+    LoggedPoll beacon(log, "beacon", kFrequency);
+    std::vector<std::unique_ptr<kvx::test::CountingPoll>> steady;
+    std::vector<std::unique_ptr<kvx::test::CountingPoll>> restless;
+    CVekTimedWorkMgr manager(nullptr, 1, 1000, 4, nullptr, FALSE);
+    for (int i = 0; i < 23; ++i) {
+        steady.push_back(std::make_unique<kvx::test::CountingPoll>(std::to_string(i), kFrequency));
+        restless.push_back(std::make_unique<kvx::test::CountingPoll>(std::to_string(i), 3));
+        manager.RTWMAddPoll(steady.back().get());
+    }
+    manager.RTWMDistributePolls();
+    std::atomic<bool> isOver = false;
+    std::vector<std::thread> changers;
+    for (int thread = 0; thread < 3; ++thread) {
+        changers.emplace_back([&, thread] {
+            while (!isOver) {
+                for (std::size_t i = static_cast<std::size_t>(thread); i < 23; i += 3) {
+                    manager.RTWMAddPoll(restless[i].get());
+                    manager.RTWMDistributePolls();
+                    manager.RTWMDeletePoll(restless[i].get());
+                }
+                manager.RTWMDistributePolls();
+            }
+        });
+    }
+    for (int i = 0; i < kPeriods * kFrequency; ++i) {
+        manager.RTWMAddRepeatPoller(&beacon);
+        manager.onTimer(nullptr);
+        log.await(1);
+    }
+    isOver = true;
+    for (auto& changer : changers) changer.join();
+    for (const auto& poll : steady) {
+        EXPECT_TRUE(kvx::test::eventually([&] { return poll->runs >= kPeriods; }));
+        EXPECT_EQ(poll->runs, kPeriods);
+    }
+}

@@ -1,0 +1,217 @@
+// The manager's sets, its refusals, suspension, and workers.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/mom/timed/Polls.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/ErrorRecorder.h"
+
+using kvx::test::CountingPoll;
+using kvx::test::DebugLevel;
+using kvx::test::errorOutputOf;
+using kvx::test::ErrorRecorder;
+using kvx::test::eventually;
+using kvx::test::outputOf;
+using kvx::test::RecordingMgr;
+using kvx::test::Report;
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+// With threads that tick distributions, but none that work: workers stay in the queue.
+class IdleMgr : public CVekTimedWorkMgr {
+  public:
+    explicit IdleMgr(__boolean suspended = FALSE)
+        : CVekTimedWorkMgr(nullptr, 1, 1000, 0, nullptr, suspended) {}
+};
+
+// With both kinds of threads.
+class WorkingMgr : public CVekTimedWorkMgr {
+  public:
+    explicit WorkingMgr(__boolean suspended = FALSE)
+        : CVekTimedWorkMgr(nullptr, 2, 1000, 2, nullptr, suspended) {}
+};
+
+}  // namespace
+
+TEST(TimedWorkMgr, RefusesAFrequencyBelowOne) {
+    RecordingMgr manager;
+    CountingPoll never("never", -5);
+    EXPECT_EQ(errorOutputOf([&] { EXPECT_EQ(manager.RTWMAddPoll(&never), -220383); }), "");
+    const DebugLevel level(1);
+    EXPECT_EQ(errorOutputOf([&] { EXPECT_EQ(manager.RTWMAddPoll(&never), -220383); }),
+              "Warning: Illegal Frequency -5 defined for never poll not strobed\n");
+    never.RTWSetFrequency(0);
+    EXPECT_EQ(errorOutputOf([&] { EXPECT_EQ(manager.RTWMAddPoll(&never), -220383); }),
+              "Warning: Illegal Frequency 0 defined for never poll not strobed\n");
+}
+
+TEST(TimedWorkMgr, RunsAPollFromTheDistributionOnAndUntilItsDeletion) {
+    CountingPoll poll("poll", 1);
+    CountingPoll twin("poll", 1);
+    WorkingMgr manager;
+    EXPECT_EQ(manager.RTWMAddPoll(&poll), 1);
+    EXPECT_EQ(manager.RTWMAddPoll(&twin), 1);
+    EXPECT_EQ(manager.RTWMDistributePolls(), 1);
+    manager.onTimer(nullptr);
+    EXPECT_TRUE(eventually([&] { return poll.runs == 1; }));
+    EXPECT_EQ(manager.RTWMDeletePoll(&poll), 1);
+    manager.RTWMDistributePolls();
+    manager.onTimer(nullptr);
+    manager.RTWMAddRepeatPoller(&twin);
+    manager.onTimer(nullptr);
+    EXPECT_TRUE(eventually([&] { return twin.runs == 1; }));
+    EXPECT_EQ(poll.runs, 1);
+}
+
+TEST(TimedWorkMgr, MovesAPollBetweenFrequencies) {
+    const DebugLevel level(4);
+    RecordingMgr manager;
+    CountingPoll poll("p", 2);
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(manager.RTWMChangePollFrequency(&poll, 2), 1); }), "");
+    manager.RTWMAddPoll(&poll);
+    EXPECT_EQ(outputOf([&] {
+                  EXPECT_EQ(manager.RTWMChangePollFrequency(&poll, 3), 1);
+                  manager.RTWMDistributePolls();
+              }),
+              "CVekTimedWorkDist::RTWDDeletePoll p\nCVekTimedWorkDist::RTWDAddPoll p\n"
+              "CVekTimedWorkDist::RTWDDistributePolls 2\n"
+              "CVekTimedWorkDist::RTWDDistributePolls 3\nRTWDAddToBucket 2 p\n");
+    EXPECT_EQ(manager.RTWMChangePollFrequency(&poll, 0), -220383);
+    EXPECT_EQ(poll.RTWFrequency(), 0);
+}
+
+TEST(TimedWorkMgr, RedistributesEachChangedFrequencyOnce) {
+    const DebugLevel level(4);
+    RecordingMgr manager;
+    CountingPoll first("1", 7);
+    CountingPoll second("2", 7);
+    const auto redistribution = [&] { return outputOf([&] { manager.RTWMDistributePolls(); }); };
+    outputOf([&] {
+        manager.RTWMAddPoll(&first);
+        manager.RTWMAddPoll(&second);
+        manager.RTWMDeletePoll(&second);
+    });
+    EXPECT_EQ(redistribution(), "CVekTimedWorkDist::RTWDDistributePolls 7\nRTWDAddToBucket 4 1\n");
+    EXPECT_EQ(redistribution(), "");
+    outputOf([&] { manager.RTWMAddPoll(&second); });
+    EXPECT_EQ(redistribution(),
+              "CVekTimedWorkDist::RTWDDistributePolls 7\nRTWDAddToBucket 2 1\n"
+              "RTWDAddToBucket 5 2\n");
+}
+
+TEST(TimedWorkMgr, ReplacesAPollOfTheSameFrequencyWithoutARedistribution) {
+    CountingPoll before("poll", 1);
+    CountingPoll after("poll", 1);
+    CountingPoll later("poll", 2);
+    WorkingMgr manager;
+    manager.RTWMAddPoll(&before);
+    manager.RTWMDistributePolls();
+    EXPECT_EQ(manager.RTWMChangePoll(&before, &after), 1);
+    manager.onTimer(nullptr);
+    EXPECT_TRUE(eventually([&] { return after.runs == 1; }));
+    EXPECT_EQ(manager.RTWMChangePoll(&after, &later), 1);
+    manager.RTWMDistributePolls();
+    manager.onTimer(nullptr);
+    manager.onTimer(nullptr);
+    EXPECT_TRUE(eventually([&] { return later.runs == 1; }));
+    EXPECT_EQ(after.runs, 1);
+    EXPECT_EQ(before.runs, 0);
+}
+
+TEST(TimedWorkMgr, SkipsAPollThatRefusesAndSaysSo) {
+    RecordingMgr manager;
+    CountingPoll poll("shy", 1);
+    poll.accepts = false;
+    const DebugLevel level(1);
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(manager.RTWMAddPollWork(&poll), 1); }),
+              "m_PollPool->RSPAddWorkDetail shy failed\n");
+    EXPECT_FALSE(poll.RTWPollIsExecuting());
+    EXPECT_TRUE(manager.queued.empty());
+}
+
+TEST(TimedWorkMgr, DiscardsWhatWaitsWhenItIsSuspended) {
+    CountingPoll poll("poll", 1);
+    IdleMgr manager;
+    manager.RTWMAddPollWork(&poll);
+    EXPECT_TRUE(poll.RTWPollIsExecuting());
+    manager.RTWMSuspendTimedWork();
+    EXPECT_FALSE(poll.RTWPollIsExecuting());
+
+    const DebugLevel level(1);
+    EXPECT_EQ(outputOf([&] { manager.RTWMAddPollWork(&poll); }),
+              "m_PollPool->RSPAddWorkDetail poll failed\n");
+    manager.RTWMAddRepeatPoller(&poll);
+    manager.onTimer(nullptr);
+    EXPECT_FALSE(poll.RTWPollIsExecuting());
+    EXPECT_EQ(manager.RTWMAddPollWork(new CVekTimedWorker(&poll)), 1);
+    EXPECT_TRUE(poll.RTWPollIsExecuting());
+    manager.RTWMSuspendTimedWork();
+    manager.RTWMResumeTimedWork();
+    EXPECT_FALSE(poll.RTWPollIsExecuting());
+    manager.onTimer(nullptr);
+    EXPECT_TRUE(poll.RTWPollIsExecuting());
+}
+
+TEST(TimedWorkMgr, StartsSuspendedWhenAskedTo) {
+    CountingPoll poll("poll", 1);
+    WorkingMgr manager(TRUE);
+    manager.RTWMAddPoll(&poll);
+    manager.RTWMDistributePolls();
+    manager.onTimer(nullptr);
+    manager.RTWMResumeTimedWork();
+    manager.onTimer(nullptr);
+    EXPECT_TRUE(eventually([&] { return poll.runs == 1; }));
+}
+
+TEST(TimedWorkMgr, RunsARepeatPollerOnceATickItWasAddedFor) {
+    RecordingMgr manager;
+    CountingPoll poll("again", 5);
+    manager.RTWMAddRepeatPoller(&poll);
+    manager.RTWMAddRepeatPoller(&poll);
+    manager.onTimer(nullptr);
+    EXPECT_EQ(manager.takeQueued(), (Names{"again", "again"}));
+    manager.onTimer(nullptr);
+    EXPECT_EQ(manager.takeQueued(), Names{});
+}
+
+TEST(TimedWorkMgr, FinishesWhatRunsAndDropsWhatWaitsWhenItDies) {
+    CountingPoll poll("poll", 1);
+    std::atomic<int> calls = 0;
+    {
+        WorkingMgr manager;
+        const auto count = [](void* calls_) { ++*static_cast<std::atomic<int>*>(calls_); };
+        EXPECT_EQ(manager.RTWMAddPollWork(count, &calls), 1);
+        EXPECT_TRUE(eventually([&] { return calls == 1; }));
+        for (int i = 0; i < 1000; ++i) manager.RTWMAddPollWork(&poll);
+    }
+    EXPECT_FALSE(poll.RTWPollIsExecuting());
+    EXPECT_LE(poll.runs, 1000);
+}
+
+TEST(TimedWorker, IsNamedAfterItsPollAndMarksIt) {
+    ErrorRecorder errors;
+    CountingPoll poll("poll", 1);
+    {
+        CVekTimedWorker worker(&poll);
+        EXPECT_STREQ(worker.RTWName(), "poll");
+        EXPECT_EQ(worker.GetTimedPoll(), &poll);
+        EXPECT_EQ(worker.RTWStatus(), RTW_STATUS_NEW);
+        EXPECT_TRUE(poll.RTWPollIsExecuting());
+        EXPECT_EQ(worker.RLTargetDeepCopy(&worker), nullptr);
+    }
+    EXPECT_FALSE(poll.RTWPollIsExecuting());
+    CVekTimedWorker idle(static_cast<CVekTimedWork*>(nullptr));
+    idle.RTWDoWork();
+    EXPECT_STREQ(idle.RTWName(), "");
+    EXPECT_EQ(errors.take(),
+              (std::vector{Report{-220440, "CVekTimedWorkMgr", 0,
+                                  "Implementation error: RLTargetDeepCopy called for "
+                                  "CVekTimedWorker"},
+                           Report{-220552, "CVekTimedWorkMgr", 0, ""}}));
+}
