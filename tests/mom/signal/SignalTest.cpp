@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "mom/net/CVekNet.h"
 #include "mom/signal/CMOMCallback.h"
 #include "mom/signal/CMOMSignalHandler.h"
 #include "mom/signal/CSignalCallback.h"
