@@ -83,7 +83,7 @@ std::string evaluate(const Texts& texts, Options& options) {
 }  // namespace
 
 std::string parseListen(const std::string& text, Options& options) {
-    const std::string shape = "'" + text + "' is no listen address (tcp:[host:]port)";
+    std::string shape = "'" + text + "' is no listen address (tcp:[host:]port)";
     constexpr std::string_view kScheme = "tcp:";
     if (!text.starts_with(kScheme)) return shape;
     const std::string rest = text.substr(kScheme.size());

@@ -13,7 +13,7 @@
 namespace kvx::rvd {
 
 struct Router::Space {
-    explicit Space(const SpaceName& spaceName) : name(spaceName) {}
+    explicit Space(SpaceName spaceName) : name(std::move(spaceName)) {}
 
     const SpaceName name;
     SubjectTree<Listen> tree;

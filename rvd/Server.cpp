@@ -140,13 +140,15 @@ void Server::markDirty(Connection& connection) {
 }
 
 void Server::endBatch() {
-    for (std::size_t i = 0; i < dirty_.size(); ++i) {  // flushing may add to the list
-        Connection& connection = *dirty_[i];
-        connection.dirty = false;
-        connection.flush();
-        if (connection.failed()) connection.destroy();
+    while (!dirty_.empty()) {  // flushing may add to the list
+        flushing_.swap(dirty_);
+        for (Connection* connection : flushing_) {
+            connection->dirty = false;
+            connection->flush();
+            if (connection->failed()) connection->destroy();
+        }
+        flushing_.clear();
     }
-    dirty_.clear();
     for (const PayloadRef& payload : batch_) {
         if (payload->shared()) payload->keep();
     }

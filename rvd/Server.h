@@ -81,8 +81,9 @@ class Server {
     OutboxPool pool_;
     Router router_;
     std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_;
-    std::vector<Connection*> dirty_;
-    std::vector<PayloadRef> batch_;  // routed since the last endBatch
+    std::vector<Connection*> dirty_;     // to flush when the batch ends
+    std::vector<Connection*> flushing_;  // those of `dirty_` whose turn it is
+    std::vector<PayloadRef> batch_;      // routed since the last endBatch
     std::unique_ptr<char[]> readBuffer_;
     bool stopping_ = false;
     platform::Milliseconds stopBy_ = 0;

@@ -7,14 +7,16 @@ namespace kvx::wire {
 
 GreetingBytes encode(const Greeting& greeting) {
     GreetingBytes bytes{};
-    storeBig32(&bytes[0], greeting.first);
-    storeBig32(&bytes[4], greeting.version);
-    storeBig32(&bytes[8], greeting.third);
+    std::uint8_t* words = bytes.data();
+    storeBig32(words, greeting.first);
+    storeBig32(words + 4, greeting.version);
+    storeBig32(words + 8, greeting.third);
     return bytes;
 }
 
 Greeting decodeGreeting(std::span<const std::uint8_t, kGreetingSize> bytes) {
-    return {loadBig32(&bytes[0]), loadBig32(&bytes[4]), loadBig32(&bytes[8])};
+    const std::uint8_t* words = bytes.data();
+    return {loadBig32(words), loadBig32(words + 4), loadBig32(words + 8)};
 }
 
 bool isKnownVersion(const Greeting& greeting) {
