@@ -30,8 +30,12 @@ if(KVX_SANITIZE)
     # GCC's value-range warnings misfire on instrumented code; the dev and release builds keep them.
     target_compile_options(kvx_options INTERFACE
         -fsanitize=${KVX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all
-        -Wno-null-dereference -Wno-maybe-uninitialized)
+        -Wno-null-dereference $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
     target_link_options(kvx_options INTERFACE -fsanitize=${KVX_SANITIZE})
+endif()
+if(KVX_BUILD_FUZZERS)
+    # The rooms report their coverage too: that is what guides a fuzzer.
+    target_compile_options(kvx_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 if(KVX_COVERAGE)
     target_compile_options(kvx_options INTERFACE --coverage)
