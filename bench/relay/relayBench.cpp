@@ -1,4 +1,4 @@
-// relay_bench: what a message costs through rvd, against a relay that only copies.
+// bench_relay: what a message costs through rvd, against a relay that only copies.
 //
 // Both brokers run as processes of their own on the loopback. Two connections, one thread each, on
 // the raw wire: messages of exactly 128 bytes, built once, the same bytes for both brokers. Through
@@ -244,7 +244,7 @@ class Report {
 }  // namespace
 }  // namespace kvx::bench
 
-// relay_bench [rounds [requests [messages]]]
+// bench_relay [rounds [requests [messages]]]
 int main(int argc, char** argv) {
     const auto argument = [argc, argv](int i, long otherwise) {
         return argc > i ? std::strtol(argv[i], nullptr, 10) : otherwise;
@@ -267,7 +267,7 @@ int main(int argc, char** argv) {
         }
         report.print();
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "relay_bench: %s\n", error.what());
+        std::fprintf(stderr, "bench_relay: %s\n", error.what());
         return 1;
     }
     return 0;
