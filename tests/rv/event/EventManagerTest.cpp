@@ -101,7 +101,7 @@ TEST_F(EventManager, DestroyedByATimerCallsNothingMoreAndGoesWithTheLoop) {
     addIo(pair.near.get(), RVEVM_WRITE, "w");
     rvevm_Manager dying = manager;
     addTimer(0, "a", [&, dying] {
-        destroy();
+        destroyInsideTheLoop();
         rvevm_Id id = nullptr;
         EXPECT_EQ(rvevm_AddTimer(dying, &id, 1, ignore, nullptr), 10);
     });

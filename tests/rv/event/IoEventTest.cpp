@@ -117,7 +117,7 @@ TEST_F(IoEvent, StopsCallingWhenACallbackStopsTheLoopAndGoesOnInTheNext) {
 
 TEST_F(IoEvent, EndsTheLoopOfAManagerThatACallbackDestroys) {
     pair.farSends("x");
-    addIo(pair.near.get(), RVEVM_READ, "r", [&] { destroy(); });
+    addIo(pair.near.get(), RVEVM_READ, "r", [&] { destroyInsideTheLoop(); });
     addIo(pair.near.get(), RVEVM_WRITE, "w");
     EXPECT_EQ(loop(), "r");
 }

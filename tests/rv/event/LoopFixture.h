@@ -44,7 +44,8 @@ class LoopFixture : public testing::Test {
         return id;
     }
     void stop() { EXPECT_EQ(rvevm_Stop(manager), 0); }
-    void destroy() {
+    /// For callbacks: the manager lives on, dying, until the loop returns.
+    void destroyInsideTheLoop() {
         EXPECT_EQ(rvevm_Destroy(manager), 0);
         EXPECT_EQ(rvevm_Destroy(manager), 10);
         manager = nullptr;

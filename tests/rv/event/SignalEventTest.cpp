@@ -1,4 +1,5 @@
 #include <csignal>
+#include <utility>
 
 #include "platform/Process.h"
 #include "platform/Signals.h"
@@ -93,7 +94,7 @@ TEST_F(SignalEvent, BelongToOneManagerUntilItDies) {
     ASSERT_EQ(rvevm_Create(&other), 0);
     addSignal(SIGUSR1, "1");
     EXPECT_EQ(tryAdd(other, SIGUSR2), 9);
-    destroy();
+    EXPECT_EQ(rvevm_Destroy(std::exchange(manager, nullptr)), 0);
     EXPECT_TRUE(hasDefaultHandling(SIGUSR1));
     EXPECT_EQ(tryAdd(other, SIGUSR2), 0);
     EXPECT_EQ(rvevm_Destroy(other), 0);
@@ -102,7 +103,7 @@ TEST_F(SignalEvent, BelongToOneManagerUntilItDies) {
 TEST_F(SignalEvent, MayDestroyTheManager) {
     const SocketPair pair;
     addIo(pair.near.get(), RVEVM_WRITE, "w");
-    addSignal(SIGUSR1, "1", [&] { destroy(); });
+    addSignal(SIGUSR1, "1", [&] { destroyInsideTheLoop(); });
     addSignal(SIGUSR2, "2");
     addTimer(0, "", [] {
         raiseSignal(SIGUSR1);
