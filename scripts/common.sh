@@ -14,7 +14,7 @@ run_logged() {
     shift
     if "$@" >"$log" 2>&1; then return 0; fi
     tail -n 40 "$log"
-    say "failed: $*"
+    say "failed: $1"
     say "the whole log: $log"
     return 1
 }

@@ -119,8 +119,8 @@ TEST(Children, AreKilledWhenTheyDoNotListen) {
     const Started polite = startChild(shell("exec sleep 1000"));
     EXPECT_TRUE(killAndReap(polite.pid, 60'000));
     EXPECT_FALSE(killAndReap(polite.pid));
-    const Started stubborn = startChild(
-        shell("trap '' TERM; echo > ready; exec sleep 1000", directory.path()));
+    const Started stubborn =
+        startChild(shell("trap '' TERM; echo > ready; exec sleep 1000", directory.path()));
     while (!isReadable(directory.file("ready"))) std::this_thread::yield();
     EXPECT_EQ(reap(stubborn.pid), std::nullopt);
     EXPECT_TRUE(killAndReap(stubborn.pid, 1));

@@ -1,2 +1,4 @@
 // The translation unit that carries the precompiled headers of the tests.
-int main() { return 0; }
+int main() {
+    return 0;
+}

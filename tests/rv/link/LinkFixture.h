@@ -66,7 +66,7 @@ class LinkFixture : public testing::Test, public link::LinkHost {
         return ipq_Enqueue(queue_, std::move(data(text).message), false);
     }
 
-public:
+  public:
     SocketPair pair_;
     PeerLink peer_;
     ipq_Properties properties_ = link::kDefaultProperties;
