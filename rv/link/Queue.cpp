@@ -15,7 +15,6 @@
 namespace {
 
 using kvx::link::Deadline;
-namespace link = kvx::link;
 
 std::size_t atLeast(std::size_t floor, std::int32_t value) {
     return value > 0 ? std::max(floor, static_cast<std::size_t>(value)) : floor;
@@ -35,26 +34,26 @@ kvx::wire::OwnedMessage emptyMessage() {
 void keepAlive(ipq_Queue queue) {
     if (std::exchange(queue->traffic, false)) return;
     if (!queue->writer.empty()) {
-        if (link::writeOn(queue) != IPQ_OK) link::reportFailure(queue);
+        if (kvx::link::writeOn(queue) != IPQ_OK) kvx::link::reportFailure(queue);
         return;
     }
     kvx::wire::OwnedMessage message = emptyMessage();
     if (!message.bytes) return;
     if (!ipq_Enqueue(queue, std::move(message), false) && queue->state == IPQ_PEER_GONE)
-        link::reportFailure(queue);
+        kvx::link::reportFailure(queue);
 }
 
 void onKeepaliveTick(void* /*owner*/, void* closure, int /*kind*/, void* /*entry*/) {
     const auto queue = static_cast<ipq_Queue>(closure);
-    const link::Running running(queue);
+    const kvx::link::Running running(queue);
     keepAlive(queue);
 }
 
 // Reads and forgets until the peer closes its end.
 void awaitPeerClose(kvx::platform::SocketHandle socket) {
-    const Deadline deadline = Deadline::in(link::kCloseWaitMs);
+    const Deadline deadline = Deadline::in(kvx::link::kCloseWaitMs);
     std::array<std::byte, 4096> forgotten;
-    while (!deadline.passed() && link::waitUntil(socket, kvx::platform::kReadable, deadline)) {
+    while (!deadline.passed() && kvx::link::waitUntil(socket, kvx::platform::kReadable, deadline)) {
         const kvx::platform::IoResult got = kvx::platform::receiveSome(socket, forgotten);
         if (got.error == 0 && got.bytes == 0) return;
         if (got.error != 0 && got.error != kvx::platform::socket_error::kInterrupted &&
@@ -64,25 +63,26 @@ void awaitPeerClose(kvx::platform::SocketHandle socket) {
 }
 
 void sayGoodbye(ipq_Queue queue) {
-    if (link::writeAll(queue, link::kCloseWaitMs, Deadline()) != IPQ_OK) return;
-    if (link::writeExactly(queue->socket.get(), kvx::wire::kCloseBlock,
-                           Deadline::in(link::kCloseWaitMs)))
+    if (kvx::link::writeAll(queue, kvx::link::kCloseWaitMs, Deadline()) != IPQ_OK) return;
+    if (kvx::link::writeExactly(queue->socket.get(), kvx::wire::kCloseBlock,
+                                Deadline::in(kvx::link::kCloseWaitMs)))
         awaitPeerClose(queue->socket.get());
 }
 
 }  // namespace
 
-ipq_Queue_::ipq_Queue_(link::LinkHost& owner, const kvx::wire::QueueLimits& limits,
+ipq_Queue_::ipq_Queue_(kvx::link::LinkHost& owner, const kvx::wire::QueueLimits& limits,
                        kvx::platform::Socket connected)
     : host(&owner),
       manager(owner.linkManager()),
       socket(std::move(connected)),
-      writer(limits, link::kDefaultProperties.segmentSize) {
+      writer(limits, kvx::link::kDefaultProperties.segmentSize) {
     ipq_SetProperties(this, owner.linkProperties());
 }
 
 std::size_t ipq_Queue_::sendCap() const {
-    return buffersShort ? link::kReducedSendCap : std::max(link::kSendCap, writer.segmentSize());
+    return buffersShort ? kvx::link::kReducedSendCap
+                        : std::max(kvx::link::kSendCap, writer.segmentSize());
 }
 
 namespace kvx::link {
@@ -125,15 +125,15 @@ void removeEvents(ipq_Queue queue) {
 
 }  // namespace kvx::link
 
-int ipq_Create(ipq_Queue* queue, link::LinkHost& session, const kvx::wire::ParameterBlock& block,
-               kvx::platform::Socket socket) {
+int ipq_Create(ipq_Queue* queue, kvx::link::LinkHost& session,
+               const kvx::wire::ParameterBlock& block, kvx::platform::Socket socket) {
     *queue = nullptr;
     kvx::wire::QueueLimits limits;
     if (const int code = kvx::wire::queueLimits(block, limits); code != 0) return code;
     try {
         auto made = std::make_unique<ipq_Queue_>(session, limits, std::move(socket));
         kvx::platform::setNonBlocking(made->socket.get(), true);
-        if (link::registerEvents(made.get()) != 0) return IPQ_EVENT_FAILURE;
+        if (kvx::link::registerEvents(made.get()) != 0) return IPQ_EVENT_FAILURE;
         *queue = made.release();
     } catch (const std::bad_alloc&) {
         return IPQ_NO_MEMORY;
@@ -145,17 +145,17 @@ void ipq_Close(ipq_Queue queue, bool graceful) {
     if (queue->closed) return;
     queue->closed = true;
     if (graceful && queue->state != IPQ_PEER_GONE) sayGoodbye(queue);
-    link::removeEvents(queue);
+    kvx::link::removeEvents(queue);
     queue->writer.clear();
     queue->socket.reset();
     if (queue->running == 0) delete queue;
 }
 
-int ipq_MoveToManager(ipq_Queue queue, link::LinkHost& session) {
-    link::removeEvents(queue);
+int ipq_MoveToManager(ipq_Queue queue, kvx::link::LinkHost& session) {
+    kvx::link::removeEvents(queue);
     queue->host = &session;
     queue->manager = session.linkManager();
-    if (link::registerEvents(queue) != 0) return queue->state = IPQ_EVENT_FAILURE;
+    if (kvx::link::registerEvents(queue) != 0) return queue->state = IPQ_EVENT_FAILURE;
     return queue->state = IPQ_OK;
 }
 
@@ -168,7 +168,7 @@ void ipq_SetProperties(ipq_Queue queue, const ipq_Properties& properties) {
 
 void ipq_SetBlocking(ipq_Queue queue, bool blocking) {
     queue->blocking = blocking;
-    if (!blocking) link::continueReading(queue);
+    if (!blocking) kvx::link::continueReading(queue);
 }
 
 void ipq_SetStallLimit(ipq_Queue queue, kvx::platform::Milliseconds stall) {

@@ -113,7 +113,12 @@ void announceFastProducer(rv_Session_& session, const char* advisoryClass) {
 
 }  // namespace kvx::session
 
-using namespace kvx;
+namespace session = kvx::session;
+namespace session_code = kvx::session_code;
+namespace message_code = kvx::message_code;
+namespace wire = kvx::wire;
+namespace advisory = kvx::advisory;
+using kvx::Subject;
 
 int rv_SendAdvisory(rv_Session session, const char* subject, const void* body) {
     if (!rv_IsOpen(session)) return session_code::kInvalidSession;

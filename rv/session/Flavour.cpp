@@ -52,15 +52,18 @@ void setProcessLinkProperties(const ipq_Properties& properties) {
     processDefaults().link = properties;
 }
 
+void setProcessFlavour(int id, const char* name, const char* ticket, int key, int flags) {
+    FlavourRecord record{id, copyOf(name), copyOf(ticket), key, flags};
+    const std::scoped_lock guard(processDefaults().lock);
+    processDefaults().flavour = std::move(record);
+}
+
 }  // namespace kvx::session
 
 int rv_Flavor(int id, const char* name, const char* ticket, int key, int flags) {
-    using namespace kvx::session;
     if (id == 0) return kvx::session_code::kVersionMismatch;
     try {
-        FlavourRecord record{id, copyOf(name), copyOf(ticket), key, flags};
-        const std::scoped_lock guard(processDefaults().lock);
-        processDefaults().flavour = std::move(record);
+        kvx::session::setProcessFlavour(id, name, ticket, key, flags);
     } catch (const std::bad_alloc&) {
         return kvx::session_code::kNoMemory;
     }

@@ -20,7 +20,9 @@ struct FlavourRecord {
     [[nodiscard]] wire::Flavour view() const;
 };
 
-/// Copies of the process's flavour and link properties. Any thread.
+/// The process's flavour and link properties, handed in and out as copies. Any thread. May throw
+/// `std::bad_alloc`; nothing has changed then.
+void setProcessFlavour(int id, const char* name, const char* ticket, int key, int flags);
 [[nodiscard]] FlavourRecord processFlavour();
 [[nodiscard]] ipq_Properties processLinkProperties();
 void setProcessLinkProperties(const ipq_Properties& properties);

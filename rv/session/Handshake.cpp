@@ -75,12 +75,9 @@ int readReply(rv_Session_& session) {
     return session_code::kOk;
 }
 
-void ignoreDelivery(rv_Session, const char*, const char*, rvmsg_Type, rvmsg_Size, rvmsg_Data,
-                    void*) {}
-
 int provideControlInbox(rv_Session_& session) {
     if (session.control != nullptr) return session_code::kOk;
-    return addInbox(session, &session.control, ignoreDelivery, nullptr, false);
+    return addPrivateInbox(session, &session.control);
 }
 
 int announceRecords(rv_Session_& session) {

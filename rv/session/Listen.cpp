@@ -48,7 +48,7 @@ int listen(rv_Session_& session, rv_Listener* listener, Subject subject, rv_Data
     const bool reserved = subject.view().first() == kReservedElement;
     rv_Listener companion = nullptr;
     if (!reserved) {
-        const int code = addInbox(session, &companion, ignoreDelivery, nullptr, false);
+        const int code = addPrivateInbox(session, &companion);
         if (code != 0) return code;
     }
     ListenRecord record{std::move(subject), callback, closure, reserved, true, 0, companion};
@@ -92,9 +92,16 @@ int addInbox(rv_Session_& session, rv_Listener* listener, rv_DataCallback callba
                      {std::move(*subject), callback, closure, true, textSubjects, 0, nullptr});
 }
 
+int addPrivateInbox(rv_Session_& session, rv_Listener* listener) {
+    return addInbox(session, listener, ignoreDelivery, nullptr, false);
+}
+
 }  // namespace kvx::session
 
-using namespace kvx;
+namespace session = kvx::session;
+namespace session_code = kvx::session_code;
+namespace wire = kvx::wire;
+using kvx::Subject;
 
 int rv_Listen(rv_Session session, rv_Listener* listener, const char* subject,
               rv_DataCallback callback, void* closure) {

@@ -55,7 +55,9 @@ void adoptProperties(rv_Session_& session, const ipq_Properties& properties) {
 
 }  // namespace kvx::session
 
-using namespace kvx;
+namespace session = kvx::session;
+namespace session_code = kvx::session_code;
+namespace event_code = kvx::event_code;
 
 int rv_RunOnce(rv_Session session) {
     if (!rv_IsOpen(session)) return session_code::kInvalidSession;

@@ -63,7 +63,10 @@ int publish(rv_Session_& session, SubjectView subject, const char* reply,
 
 }  // namespace kvx::session
 
-using namespace kvx;
+namespace session = kvx::session;
+namespace session_code = kvx::session_code;
+namespace wire = kvx::wire;
+using kvx::SubjectView;
 
 int rv_Send(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
             rvmsg_Size size, rvmsg_Data data) {

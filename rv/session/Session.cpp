@@ -140,7 +140,10 @@ int codeOfBuild(int messageCode) {
 
 }  // namespace kvx::session
 
-using namespace kvx;
+namespace session = kvx::session;
+namespace session_code = kvx::session_code;
+namespace event_code = kvx::event_code;
+namespace event = kvx::event;
 
 bool rv_IsOpen(rv_Session session) {
     return session != nullptr && session::openSessions().holds(session);

@@ -45,6 +45,8 @@ void watchLink(rv_Session_& session);
 /// Listen.cpp: an inbox under the session's name; 21 while it has none.
 [[nodiscard]] int addInbox(rv_Session_& session, rv_Listener* listener, rv_DataCallback callback,
                            void* closure, bool textSubjects);
+/// The same for an inbox whose deliveries are ignored.
+[[nodiscard]] int addPrivateInbox(rv_Session_& session, rv_Listener* listener);
 [[nodiscard]] wire::Built listenMessage(rv_Session_& session, const ListenRecord& record);
 
 /// Publish.cpp: hands a built message to the connection, with all that follows from a failure.
