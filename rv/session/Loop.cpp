@@ -108,7 +108,7 @@ int rv_SetProperty(rv_Session session, const char* name, const void* record) {
 }
 
 void rv_SetTraceLevel(const int* level) {
-    link::setTraceLevel(level);
+    kvx::link::setTraceLevel(level);
 }
 
 int rv_AddHook(rv_Session session, rv_HookList list, rv_Hook hook, void* closure) {
