@@ -47,7 +47,10 @@ const char* replyOf(const std::uint8_t* message) {
 class Delivery {
   public:
     Delivery(rv_Session_& session, const std::uint8_t* message, SubjectView subject)
-        : session_(session), message_(message), subject_(subject) {}
+        : session_(session), message_(message), subject_(subject) {
+        subjectText_[0] = '\0';
+        encodedReply_[2] = 0;
+    }
 
     /// False when the message goes to nobody: a hook or an unreadable payload.
     bool prepare() {
@@ -100,8 +103,9 @@ class Delivery {
     rvmsg_Size size_ = 0;
     rvmsg_Data data_ = nullptr;
     alignas(std::max_align_t) std::uint8_t scratch_[32];
-    char subjectText_[kMaxSubjectBytes] = {'\0'};
-    std::uint8_t encodedReply_[wire::kSubjectCapacity] = {0, 0, 0};  // no element: not encoded yet
+    // Filled when the first record asks: an empty text, a subject without elements before that.
+    char subjectText_[kMaxSubjectBytes];
+    std::uint8_t encodedReply_[wire::kSubjectCapacity];
 };
 
 void reportUnhandled(const std::uint8_t* message) {

@@ -26,6 +26,8 @@ constexpr platform::Milliseconds kReplyMs = 10'000;  // for the daemon's answer,
 
 int send(rv_Session_& session, wire::Built built) {
     if (built.code != 0) return codeOfBuild(built.code);
+    if (session.queue == nullptr)
+        return session_code::kNotConnected;  // a hook has closed the session
     if (ipq_Enqueue(session.queue, std::move(built.message), false) || ipq_WasKept(session.queue))
         return ipq_StateOf(session.queue) == IPQ_PEER_GONE ? session_code::kNotConnected
                                                            : session_code::kOk;

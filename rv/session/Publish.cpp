@@ -74,8 +74,8 @@ int rv_Send(rv_Session session, const char* subject, const char* reply, rvmsg_Ty
     if (subject == nullptr) return session_code::kInvalidArgument;
     session::SubjectBuffer encoded;
     if (const int code = session::encodePublic(subject, encoded); code != 0) return code;
-    if (!session::isSendable(type, data)) return session_code::kNoMemory;
     if (session->queue == nullptr) return session_code::kNotConnected;
+    if (!session::isSendable(type, data)) return session_code::kNoMemory;
     const session::Entered entered(*session);
     return session::publish(*session, SubjectView::trusted(encoded), reply, {type, size, data});
 }

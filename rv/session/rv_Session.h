@@ -70,7 +70,9 @@ KVX_API int rv_StopLoop(rv_Session session);
 
 /// Listens on `subject`, wildcards included; `*listener` is the id for `rv_Cancel`. Returns 3 for a
 /// null subject, listener or callback, 21 for an invalid subject, one below "_INBOX", or a session
-/// that never had a name, 20 without memory.
+/// that never had a name, 20 without memory. When `*listener` is set although the result is not 0
+/// (the connection broke, or a limit refused to announce it), the listen exists and is announced at
+/// the next connect, unless it is cancelled.
 KVX_API int rv_Listen(rv_Session session, rv_Listener* listener, const char* subject,
                       rv_DataCallback callback, void* closure);
 
@@ -85,8 +87,8 @@ KVX_API int rv_Cancel(rv_Session session, rv_Listener listener);
 
 /// Publishes one payload. `reply` may be null. `data` may be null with type 22 only; a `size` of 0
 /// is worked out for messages, texts and sealed blocks. Returns 3 for a null subject, 21 for an
-/// invalid or reserved one, 20 for a payload that cannot be encoded, 22 without a connection, 20
-/// when a limit refused the message.
+/// invalid or reserved one, 22 without a connection or when it breaks, 20 for a payload that cannot
+/// be encoded, without memory, or when a limit refused the message.
 KVX_API int rv_Send(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
                     rvmsg_Size size, rvmsg_Data data);
 

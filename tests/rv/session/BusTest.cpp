@@ -197,4 +197,30 @@ TEST_F(Restart, AKilledDaemonComesBackUnderLoadWithEverySubscription) {
     EXPECT_EQ(reconnects_, 1);
 }
 
+TEST_F(Restart, ARoundOfFailedAttemptsIsRepeatedAfterFifteenSeconds) {
+    using kvx::platform::ManualClock;
+    ManualClock clock(1'000'000, ManualClock::Waits::Block);
+    kvx::platform::Milliseconds lostAt = 0;
+    advisories_.onHeard = [&](const Heard&) {
+        lostAt = clock.now();
+        clock.setWaits(ManualClock::Waits::Advance);
+    };
+    daemon_.kill();
+    runUntil([&] { return lostAt != 0; });
+    EXPECT_GE(clock.now() - lostAt, 8'000) << "four attempts";
+    EXPECT_FALSE(rv_IsConnected(session_));
+    clock.setWaits(ManualClock::Waits::Block);
+    daemon_.restart();
+    rv_AddHook(
+        session_, RV_HOOK_RECONNECT,
+        [](rv_Session, const void*, void* manager) {
+            return rvevm_Stop(static_cast<rvevm_Manager>(manager));
+        },
+        manager_);
+    clock.advance(15'000);
+    rvevm_MainLoop(manager_);
+    EXPECT_EQ(reconnects_, 1);
+    EXPECT_EQ(advisories_.heard.size(), 1U);
+}
+
 }  // namespace
