@@ -101,17 +101,6 @@ TEST(Signals, AreStoppedByADestructionThatSaysSoAtLevelOne) {
     }
 }
 
-TEST(SignalHandler, CyclesTheDebugLevel) {
-    const DebugLevel level(3);
-    CMOMSignalHandler handler;
-    EXPECT_EQ(outputOf([&] {
-                  handler.raiseDebugLevel(36);
-                  handler.raiseDebugLevel(36);
-              }),
-              levelLine(4) + "\n" + levelLine(0) + "\n");
-    EXPECT_EQ(__ZembraLix_Debug_Level, 0);
-}
-
 TEST(SignalHandler, DropsCallbacksWhileItManagesNothing) {
     CMOMSignalHandler handler;
     CountingCallback callback;
@@ -127,15 +116,4 @@ TEST(SignalHandler, RefusesANetThatIsNotOfTheBus) {
     CMOMSignalHandler handler;
     handler.manage(&net);
     EXPECT_EQ(errors.take(), (std::vector{kvx::test::Report{-220552, "CMOMSignalHandler", 0, ""}}));
-}
-
-TEST(SignalCallbacks, CallWhatTheyWereMadeFor) {
-    struct Handler {
-        void add(int number) { sum += number; }
-        int sum = 0;
-    } handler;
-    CSignalCallback<Handler> bound(&handler, &Handler::add, 36);
-    (*std::make_unique<CMOMCallback>(&bound).release()).onTimer(nullptr);
-    (*std::make_unique<CMOMCallback>(nullptr).release()).onTimer(nullptr);
-    EXPECT_EQ(handler.sum, 36);
 }

@@ -209,6 +209,17 @@ TEST(BlockedWork, CarriesAServicesPollsThroughManyRounds) {
     manager->RTWMSetBlockedWorkMgr(&blocked);
     for (auto& poll : polls) manager->RTWMAddPoll(poll.get());
     manager->RTWMDistributePolls();
+    // Another thread changes another frequency all the while.
+    CountingPoll restless("restless", 3);
+    std::atomic<bool> isOver = false;
+    std::thread changer([&] {
+        while (!isOver) {
+            manager->RTWMAddPoll(&restless);
+            manager->RTWMDistributePolls();
+            manager->RTWMDeletePoll(&restless);
+            manager->RTWMDistributePolls();
+        }
+    });
     for (int round = 1; round <= kRounds; ++round) {
         EXPECT_TRUE(eventually([&] {
             manager->onTimer(nullptr);
@@ -222,6 +233,8 @@ TEST(BlockedWork, CarriesAServicesPollsThroughManyRounds) {
                                [&](auto& poll) { return poll->answered >= round; });
         }));
     }
+    isOver = true;
+    changer.join();
     manager.reset();
     for (auto& poll : polls) EXPECT_EQ(poll->answered, kRounds);
 }

@@ -121,16 +121,6 @@ TEST(TimedWorkDist, RunsNothingBeforeTheDistributionAndAfterADeletionUntilTheNex
     EXPECT_EQ(fixture.tick(), Names{"1"});
 }
 
-TEST(TimedWorkDist, KeepsItsPhaseAcrossRedistributions) {
-    Fixture fixture(3, 3);
-    fixture.dist.RTWDDistributePolls();
-    EXPECT_EQ(fixture.tick(), Names{"0"});
-    fixture.dist.RTWDDistributePolls();
-    EXPECT_EQ(fixture.tick(), Names{"1"});
-    EXPECT_EQ(fixture.tick(), Names{"2"});
-    EXPECT_EQ(fixture.tick(), Names{"0"});
-}
-
 TEST(TimedWorkDist, KeepsTheFirstPollOfAName) {
     Fixture fixture(1, 1);
     CountingPoll twin("0", 1);
@@ -140,24 +130,6 @@ TEST(TimedWorkDist, KeepsTheFirstPollOfAName) {
     fixture.dist.RTWDDistributePolls();
     EXPECT_EQ(fixture.polls[0]->RTWBucketKey(), 0);
     EXPECT_EQ(twin.RTWBucketKey(), -1);
-}
-
-TEST(TimedWorkDist, ChangesAPollInItsBucketAtOnce) {
-    Fixture fixture(5, 2);
-    fixture.dist.RTWDDistributePolls();
-    CountingPoll twin("3", 2);
-    EXPECT_EQ(fixture.dist.RTWDChangePoll(&twin), 1);
-    EXPECT_EQ(twin.RTWBucketKey(), 1);
-    EXPECT_EQ(fixture.dist.RTWDDeletePoll(fixture.polls[0].get()), 1);
-    twin.RTWSetBucketKey(-1);
-    fixture.dist.RTWDDistributePolls();
-    EXPECT_NE(twin.RTWBucketKey(), -1);
-
-    CountingPoll stranger("stranger", 2);
-    EXPECT_EQ(fixture.dist.RTWDChangePoll(&stranger), -220547);
-    EXPECT_EQ(stranger.RTWBucketKey(), -1);
-    fixture.dist.RTWDDistributePolls();
-    EXPECT_NE(stranger.RTWBucketKey(), -1);
 }
 
 TEST(TimedWorkDist, TicksWithoutAPeriod) {
@@ -191,23 +163,4 @@ TEST(TimedWorkDist, TracesEachStepAtLevelFour) {
               "CVekTimedWorkDist::RTWDDeletePoll 0\n"
               "CVekTimedWorkDist::RTWDDeletePoll 0\n"
               "poller->RTWName()->RAString(): 0 does not exist\n");
-}
-
-TEST(TimedWorkDistBucket, ReplacesOnlyTheFirstPollOfAName) {
-    RecordingMgr manager;
-    CVekTimedWorkDistBucket bucket(&manager, 7);
-    EXPECT_EQ(bucket.RTWDBGetPosition(), 7);
-    CountingPoll first("a", 9);
-    CountingPoll second("b", 9);
-    CountingPoll twin("b", 9);
-    CountingPoll stranger("c", 9);
-    bucket.RTWDBAddPoll(&first);
-    bucket.RTWDBAddPoll(&second);
-    bucket.RTWDBChangePoll(&twin);
-    bucket.RTWDBChangePoll(&stranger);
-    second.accepts = false;
-    bucket.RTWDBDoPolling();
-    EXPECT_EQ(manager.takeQueued(), (Names{"a", "b"}));
-    EXPECT_EQ(twin.RTWBucketKey(), 7);
-    EXPECT_EQ(stranger.RTWBucketKey(), -1);
 }

@@ -51,24 +51,6 @@ TEST(TimedWorkMgr, RefusesAFrequencyBelowOne) {
               "Warning: Illegal Frequency 0 defined for never poll not strobed\n");
 }
 
-TEST(TimedWorkMgr, RunsAPollFromTheDistributionOnAndUntilItsDeletion) {
-    CountingPoll poll("poll", 1);
-    CountingPoll twin("poll", 1);
-    WorkingMgr manager;
-    EXPECT_EQ(manager.RTWMAddPoll(&poll), 1);
-    EXPECT_EQ(manager.RTWMAddPoll(&twin), 1);
-    EXPECT_EQ(manager.RTWMDistributePolls(), 1);
-    manager.onTimer(nullptr);
-    EXPECT_TRUE(eventually([&] { return poll.runs == 1; }));
-    EXPECT_EQ(manager.RTWMDeletePoll(&poll), 1);
-    manager.RTWMDistributePolls();
-    manager.onTimer(nullptr);
-    manager.RTWMAddRepeatPoller(&twin);
-    manager.onTimer(nullptr);
-    EXPECT_TRUE(eventually([&] { return twin.runs == 1; }));
-    EXPECT_EQ(poll.runs, 1);
-}
-
 TEST(TimedWorkMgr, MovesAPollBetweenFrequencies) {
     const DebugLevel level(4);
     RecordingMgr manager;
@@ -105,25 +87,6 @@ TEST(TimedWorkMgr, RedistributesEachChangedFrequencyOnce) {
               "RTWDAddToBucket 5 2\n");
 }
 
-TEST(TimedWorkMgr, ReplacesAPollOfTheSameFrequencyWithoutARedistribution) {
-    CountingPoll before("poll", 1);
-    CountingPoll after("poll", 1);
-    CountingPoll later("poll", 2);
-    WorkingMgr manager;
-    manager.RTWMAddPoll(&before);
-    manager.RTWMDistributePolls();
-    EXPECT_EQ(manager.RTWMChangePoll(&before, &after), 1);
-    manager.onTimer(nullptr);
-    EXPECT_TRUE(eventually([&] { return after.runs == 1; }));
-    EXPECT_EQ(manager.RTWMChangePoll(&after, &later), 1);
-    manager.RTWMDistributePolls();
-    manager.onTimer(nullptr);
-    manager.onTimer(nullptr);
-    EXPECT_TRUE(eventually([&] { return later.runs == 1; }));
-    EXPECT_EQ(after.runs, 1);
-    EXPECT_EQ(before.runs, 0);
-}
-
 TEST(TimedWorkMgr, SkipsAPollThatRefusesAndSaysSo) {
     RecordingMgr manager;
     CountingPoll poll("shy", 1);
@@ -156,28 +119,6 @@ TEST(TimedWorkMgr, DiscardsWhatWaitsWhenItIsSuspended) {
     EXPECT_FALSE(poll.RTWPollIsExecuting());
     manager.onTimer(nullptr);
     EXPECT_TRUE(poll.RTWPollIsExecuting());
-}
-
-TEST(TimedWorkMgr, StartsSuspendedWhenAskedTo) {
-    CountingPoll poll("poll", 1);
-    WorkingMgr manager(TRUE);
-    manager.RTWMAddPoll(&poll);
-    manager.RTWMDistributePolls();
-    manager.onTimer(nullptr);
-    manager.RTWMResumeTimedWork();
-    manager.onTimer(nullptr);
-    EXPECT_TRUE(eventually([&] { return poll.runs == 1; }));
-}
-
-TEST(TimedWorkMgr, RunsARepeatPollerOnceATickItWasAddedFor) {
-    RecordingMgr manager;
-    CountingPoll poll("again", 5);
-    manager.RTWMAddRepeatPoller(&poll);
-    manager.RTWMAddRepeatPoller(&poll);
-    manager.onTimer(nullptr);
-    EXPECT_EQ(manager.takeQueued(), (Names{"again", "again"}));
-    manager.onTimer(nullptr);
-    EXPECT_EQ(manager.takeQueued(), Names{});
 }
 
 TEST(TimedWorkMgr, FinishesWhatRunsAndDropsWhatWaitsWhenItDies) {

@@ -244,17 +244,6 @@ TEST(Transport, IsDoneWhenTheAnnouncedPacketsAreHere) {
     EXPECT_EQ(decoded(transport), Texts{});
 }
 
-TEST(Transport, CarriesTheStoreStatusOfTheLastPacket) {
-    CVekTransport transport(nullptr);
-    receive(transport, header(1, 0, 0, STORE_NO_TABLE));
-    receive(transport, header(1, 0, 0, 0xFFFF));
-    EXPECT_EQ(transport.RTError(), STORE_COMPLETE);
-    EXPECT_EQ(decoded(transport), Texts{});
-    EXPECT_EQ(transport.RTError(), 0xFFFF);
-    transport.RTPurge();
-    EXPECT_EQ(transport.RTError(), STORE_COMPLETE);
-}
-
 TEST(Transport, AcceptsTheOneOpaqueFieldOfAMessage) {
     ErrorRecorder errors;
     const std::string packet = header(0, 0) + record("ABC");
@@ -368,14 +357,4 @@ TEST(Transport, PutsItsStatusIntoWords) {
     transport.RTSetError(STORE_DUPLICATE_KEY);
     EXPECT_EQ(outputOf([&] { transport.RTPrintError("x"); }),
               "( x Duplicate key error on insertion )\n");
-}
-
-TEST(Transport, RefusesToSendWithoutADestination) {
-    CVekTransport transport(nullptr);
-    addRecord(transport, "x");
-    transport.RTCreatePackets(VEK_TRANS_V0, true);
-    EXPECT_EQ(transport.RTSetDestination("subject"), -220552);
-    EXPECT_EQ(transport.RTSetDestinationOnSubject("subject"), -220552);
-    EXPECT_EQ(transport.RTSendAll(false), -220552);
-    EXPECT_EQ(packetsOf(transport).size(), 1U);
 }
