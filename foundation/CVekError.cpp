@@ -77,7 +77,10 @@ void appendOneLine(std::string& line, std::string_view text) {
 void writeToStandardError(int code, const char* file, int line, const char* text) {
     std::string report = "CVekError " + std::to_string(code) + " ";
     appendOneLine(report, file == nullptr ? "" : file);
-    report += ":" + std::to_string(line) + " " + CVekError::CatalogueText(code);
+    report.append(":")
+        .append(std::to_string(line))
+        .append(" ")
+        .append(CVekError::CatalogueText(code));
     if (text != nullptr) {
         report += ": ";
         appendOneLine(report, text);

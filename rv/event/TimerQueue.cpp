@@ -82,11 +82,11 @@ int TimerQueue::addTimer(rvevm_Id* id, unsigned long intervalMs, unsigned long r
     if (!makeRoom()) return kNoMemory;
     rvevm_Id added =
         timers_.add({after(timeNow(), intervalMs), callback, closure, repeatMs, nullptr, kNotDue});
-    if (added == nullptr) return kNoMemory;
-    Timer& timer = *timers_.find(added);
-    timer.id = added;
+    Timer* const timer = added != nullptr ? timers_.find(added) : nullptr;
+    if (timer == nullptr) return kNoMemory;
+    timer->id = added;
     *id = added;
-    if (insert(timer)) tellNextExpiry();
+    if (insert(*timer)) tellNextExpiry();
     return kTimerOk;
 }
 
