@@ -51,7 +51,7 @@ void Election::hear(const Beat& beat, Time now) {
 }
 
 void Election::remember(const Beat& beat, Time now) {
-    if (peers_.size() >= kMaximumPeers && peers_.count(beat.rank.id) == 0) {
+    if (peers_.size() >= kMaximumPeers && !peers_.contains(beat.rank.id)) {
         peers_.erase(std::min_element(
             peers_.begin(), peers_.end(),
             [](const auto& a, const auto& b) { return a.second.heard < b.second.heard; }));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <limits>
 #include <map>
 #include <mutex>
@@ -36,10 +37,8 @@ class Registry {
 
     bool has(rv_Session session, const std::string& group) const {
         const std::lock_guard guard(lock_);
-        for (const auto& [token, member] : members_) {
-            if (member->isOf(session, group)) return true;
-        }
-        return false;
+        return std::ranges::any_of(
+            members_, [&](const auto& entry) { return entry.second->isOf(session, group); });
     }
     void add(void* token, std::shared_ptr<Member> member) {
         const std::lock_guard guard(lock_);
@@ -91,7 +90,7 @@ int join(Membership membership, unsigned weight, const Rules& rules, rvft_Member
     const std::string name = rv_SessionName(session);
     if (!subject || name.empty()) return kCannotAnnounce;
     const std::uintptr_t number = nextNumber();
-    auto* token = reinterpret_cast<void*>(number);
+    auto* token = std::bit_cast<void*>(number);
     Rank rank{.weight = weight,
               .start = static_cast<std::uint64_t>(platform::wallMilliseconds()),
               .id = name + "." + std::to_string(number)};

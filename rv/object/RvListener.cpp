@@ -53,9 +53,9 @@ struct ListenerState : EventState {
         return rv_Cancel(session, cancelled);
     }
 
-    int subscribe(rv_Session session, const char* subject);
-    void deliver(const char* subject, const char* reply, rvmsg_Type type, rvmsg_Size size,
-                 rvmsg_Data data);
+    int subscribe(rv_Session session, const char* wanted);
+    void deliver(const char* messageSubject, const char* reply, rvmsg_Type type, rvmsg_Size size,
+                 rvmsg_Data data) const;
 
     static void onMessage(rv_Session session, const char* subject, const char* reply,
                           rvmsg_Type type, rvmsg_Size size, rvmsg_Data data, void* closure);
@@ -93,7 +93,7 @@ void ListenerState::onMessage(rv_Session session, const char* subject, const cha
 }
 
 void ListenerState::deliver(const char* messageSubject, const char* reply, rvmsg_Type type,
-                            rvmsg_Size size, rvmsg_Data data) {
+                            rvmsg_Size size, rvmsg_Data data) const {
     RvSessionBlock& block = *listener()->m_block;
     const BlockHold hold(block);
     const std::unique_ptr<RvDatum> datum = wrapPayload(type, size, data);
