@@ -61,14 +61,14 @@ WakeUp::~WakeUp() {
     if (valid()) ::close(descriptor_);
 }
 
-void WakeUp::notify() noexcept {
+void WakeUp::notify() const noexcept {
     const int saved = errno;
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = ::write(descriptor_, &one, sizeof one);
     errno = saved;
 }
 
-void WakeUp::drain() noexcept {
+void WakeUp::drain() const noexcept {
     std::uint64_t count = 0;
     [[maybe_unused]] const ssize_t read = ::read(descriptor_, &count, sizeof count);
 }

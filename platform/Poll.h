@@ -20,9 +20,9 @@ class KVX_API WakeUp {
     [[nodiscard]] bool valid() const noexcept { return descriptor_ >= 0; }
     /// Ends the present wait, or the next one if none is running. Any thread; safe in a signal
     /// handler; keeps `errno`.
-    void notify() noexcept;
+    void notify() const noexcept;
     /// Forgets the notifications so far. The waiting thread only.
-    void drain() noexcept;
+    void drain() const noexcept;
     [[nodiscard]] int descriptor() const noexcept { return descriptor_; }
 
   private:

@@ -348,8 +348,8 @@ std::optional<std::string> findOnPath(const std::string& name) {
     std::string_view left = path;
     for (;;) {
         const std::size_t end = std::min(left.find(':'), left.size());
-        const std::string directory = end == 0 ? "." : std::string(left.substr(0, end));
-        std::string file = directory + "/" + name;
+        std::string file(end == 0 ? "." : left.substr(0, end));
+        file.append("/").append(name);
         if (isExecutable(file)) return file;
         if (end == left.size()) return std::nullopt;
         left.remove_prefix(end + 1);

@@ -44,6 +44,14 @@ void onSignal(int signal) {
     --caught.handlersRunning;
 }
 
+// After a dispatch that was broken off: what is left shall be seen by the next one.
+void keepPending() noexcept {
+    const auto& pending = caughtSignals.pending;
+    const bool left = std::any_of(pending.begin(), pending.begin() + kDispatchedSignals,
+                                  [](const auto& flag) { return flag.load(); });
+    if (left) caughtSignals.anyPending = true;
+}
+
 }  // namespace
 
 bool SignalTable::claim() noexcept {
@@ -126,7 +134,7 @@ void SignalTable::dispatch(void* owner, const std::atomic<bool>& running) {
     for (std::size_t slot = 0; slot < kDispatchedSignals && running; ++slot) {
         if (caughtSignals.pending[slot].exchange(false)) call(owner, slots_[slot]);
     }
-    if (!running) keepPending();
+    if (!running && owner_) keepPending();
 }
 
 void SignalTable::call(void* owner, rvevm_Id id) {
@@ -134,13 +142,6 @@ void SignalTable::call(void* owner, rvevm_Id id) {
     if (entry == nullptr) return;
     const Entry called = *entry;
     called.callback(owner, called.closure, kSignalEvent, id);
-}
-
-void SignalTable::keepPending() noexcept {
-    const auto& pending = caughtSignals.pending;
-    const bool left = std::any_of(pending.begin(), pending.begin() + kDispatchedSignals,
-                                  [](const auto& flag) { return flag.load(); });
-    if (owner_ && left) caughtSignals.anyPending = true;
 }
 
 }  // namespace kvx::event

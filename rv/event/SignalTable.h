@@ -43,7 +43,6 @@ class SignalTable {
     [[nodiscard]] int hook(int signal, rvevm_Id id) noexcept;
     void unhook(int signal) noexcept;
     void call(void* owner, rvevm_Id id);
-    void keepPending() noexcept;
 
     platform::WakeUp& wakeUp_;
     IdTable<Entry> entries_;

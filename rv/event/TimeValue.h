@@ -14,7 +14,11 @@ struct TimeValue {
     std::int32_t seconds = 0;
     std::int32_t milliseconds = 0;
 
-    friend auto operator<=>(const TimeValue&, const TimeValue&) = default;
+    friend constexpr bool operator==(const TimeValue&, const TimeValue&) = default;
+    friend constexpr std::strong_ordering operator<=>(const TimeValue& a,
+                                                      const TimeValue& b) noexcept {
+        return a.seconds == b.seconds ? a.milliseconds <=> b.milliseconds : a.seconds <=> b.seconds;
+    }
 };
 
 /// The latest point that a time value holds.
