@@ -16,7 +16,8 @@ std::optional<DaemonAddress> parseDaemon(const char* text) {
     if (!daemon.starts_with(kScheme)) return std::nullopt;
     const std::size_t portColon = daemon.rfind(':');
     DaemonAddress address;
-    address.endpoint.port = static_cast<std::uint16_t>(std::atoi(text + portColon + 1));
+    address.endpoint.port =
+        static_cast<std::uint16_t>(std::strtol(text + portColon + 1, nullptr, 10));
     if (portColon < kScheme.size()) return address;
     const std::string host(
         daemon.substr(kScheme.size(), portColon - kScheme.size()).substr(0, kMaxHostLength));

@@ -28,7 +28,7 @@ int addRecord(rv_Session_& session, rv_Listener* listener, ListenRecord record) 
 
 void removeRecord(rv_Session_& session, rv_Listener listener) {
     if (const ListenRecord* record = session.listens.find(listener)) {
-        const rv_Listener companion = record->companion;
+        rv_Listener companion = record->companion;
         session.listens.remove(listener);
         session.listens.remove(companion);
     }

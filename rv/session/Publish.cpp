@@ -84,7 +84,7 @@ int rv_SendRequest(rv_Session session, rv_Listener* listener, const char* subjec
                    rvmsg_Size size, rvmsg_Data data, rv_DataCallback callback, void* closure) {
     if (listener != nullptr) *listener = nullptr;
     if (!rv_IsOpen(session)) return session_code::kInvalidSession;
-    if (subject == nullptr) return session_code::kInvalidArgument;
+    if (listener == nullptr || subject == nullptr) return session_code::kInvalidArgument;
     const session::Entered entered(*session);
     char inbox[wire::kInboxCapacity];
     int code = rv_CreateInbox(session, listener, inbox, sizeof inbox, callback, closure);

@@ -69,7 +69,7 @@ void watchLink(rv_Session_& session) {
 void linkLost(rv_Session_& session) {
     if (session.queue == nullptr) return;
     const Entered entered(session);
-    const ipq_Queue queue = session.queue;
+    ipq_Queue queue = session.queue;
     session.queue = nullptr;
     ipq_Close(queue, false);
     session.hooks.run(RV_HOOK_DISCONNECT, &session, nullptr);

@@ -104,7 +104,7 @@ void release(rv_Session_* session) {
 
 void closeLink(rv_Session_& session) {
     if (session.queue != nullptr) {
-        const ipq_Queue queue = session.queue;
+        ipq_Queue queue = session.queue;
         session.queue = nullptr;
         ipq_Close(queue, true);
     }
@@ -160,7 +160,7 @@ int rv_Open(rv_Session* session, const char* service, const char* network, const
     if (session == nullptr) return session_code::kInvalidArgument;
     *session = nullptr;
     int eventCode = 0;
-    const rvevm_Manager manager = event::acquireSharedManager(eventCode);
+    rvevm_Manager manager = event::acquireSharedManager(eventCode);
     if (manager == nullptr)
         return eventCode == event_code::kResourcesExceeded ? session_code::kNoMemory
                                                            : session_code::kInitFailed;

@@ -79,7 +79,7 @@ int SessionEvents::resetTimer(rvevm_Id id, unsigned long intervalMs) {
 
 SessionEvents::Registration* SessionEvents::keep(Registrations& table, rvevm_Callback callback,
                                                  void* closure) {
-    const rvevm_Id id = table.add({session_, callback, closure, nullptr, nullptr});
+    rvevm_Id id = table.add({session_, callback, closure, nullptr, nullptr});
     Registration* registration = id != nullptr ? table.find(id) : nullptr;
     if (registration != nullptr) registration->id = id;
     return registration;

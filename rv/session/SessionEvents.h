@@ -57,7 +57,7 @@ class SessionEvents {
     static void onManagerTimer(void* owner, void* closure, int kind, void* entry);
     static void onRegistration(void* owner, void* closure, int kind, void* entry);
 
-    rv_Session const session_;
+    rv_Session_* const session_;
     rvevm_Manager manager_ = nullptr;
     event::TimerQueue::Owner timers_;
     rvevm_Id managerTimer_ = nullptr;

@@ -22,10 +22,10 @@ struct rv_Session_ final : public kvx::link::LinkHost {
     [[nodiscard]] ipq_Properties linkProperties() const override { return properties; }
 
     // Constant after creation.
-    rvevm_Manager const manager;  // null: synchronous
-    bool sharesManager = false;   // counts as a user of the process's manager
-    std::int64_t created = 0;     // seconds since the epoch
-    unsigned long identity = 0;   // unique among this process's sessions
+    rvevm_Manager_* const manager;  // null: synchronous
+    bool sharesManager = false;     // counts as a user of the process's manager
+    std::int64_t created = 0;       // seconds since the epoch
+    unsigned long identity = 0;     // unique among this process's sessions
     std::string user;
     std::string service;
     std::string network;
