@@ -76,7 +76,7 @@ int CVekEngine::REInitSession() {
         kvx::report(named, engine::kFile, engine::InitGroupName);
         return named;
     }
-    const rv_Session session = openGroupSession();
+    auto* const session = openGroupSession();
     m_ftSession = std::make_unique<RvSession>(session);
     m_ftErrorCallback = std::make_unique<CVekRvErrorClb>();
     if (RRNAddErrorService(m_ftSession.get(), m_ftErrorCallback.get()) != kvx::kOk) {

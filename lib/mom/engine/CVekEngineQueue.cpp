@@ -88,7 +88,7 @@ int CVekEngine::pushBack(CVekSendQueueItem* item) {
     std::unique_ptr<CVekSendQueueItem> owned(item);
     const CVekAutoMutex guard(m_requestMutex);
     const int result = m_sendQueue->RSPush(item);
-    if (result == kvx::kOk) owned.release();
+    if (result == kvx::kOk) static_cast<void>(owned.release());
     return result;
 }
 
@@ -96,7 +96,7 @@ int CVekEngine::pushFront(CVekSendQueueItem* item) {
     std::unique_ptr<CVekSendQueueItem> owned(item);
     const CVekAutoMutex guard(m_requestMutex);
     const int result = m_sendQueue->RSPushBottom(item);
-    if (result == kvx::kOk) owned.release();
+    if (result == kvx::kOk) static_cast<void>(owned.release());
     return result;
 }
 

@@ -60,7 +60,7 @@ int CVekEngine::sendOnNewSender(const char* subject, const RvDatum& datum) {
     if (sent != kvx::kOk) return sent;
     const int stored = REStoreNewSender(sender.get(), subject);
     if (stored != kvx::kOk) return stored;
-    sender.release();
+    static_cast<void>(sender.release());
     return kvx::kOk;
 }
 
@@ -120,7 +120,7 @@ RvListener* CVekEngine::requestOnNewSender(const char* subject, const RvDatum& d
     }
     const int stored = REStoreNewSender(sender.get(), subject);
     if (stored == kvx::kOk) {
-        sender.release();
+        static_cast<void>(sender.release());
     } else {
         kvx::report(stored, engine::kFile, engine::StoreRequestSender);
     }
@@ -175,7 +175,7 @@ int CVekEngine::REStoreNewSender(RvSender* sender, const char* subject) {
     auto holder = std::make_unique<CVekPointer>(sender);
     const int result = m_senders->RTLAdd(subject, holder.get());
     if (result != kvx::kOk) return result;
-    holder.release();
+    static_cast<void>(holder.release());
     noteSender(subject);
     return result;
 }

@@ -47,12 +47,8 @@ CVekHeartbeatClb::CVekHeartbeatClb(const char* service, const char* domain, CVek
       m_host(hostAtom(env)),
       m_domainAtom(new CVekAtom(domain)),
       m_service(new CVekAtom(service)),
-      m_record(nullptr),
       m_interval(kNominalInterval),
-      m_type(new CVekAtom(0)),
-      m_level(HB_BACKUP),
-      m_transport(nullptr),
-      m_subject(nullptr) {
+      m_type(new CVekAtom(0)) {
     kvx::trace(kvx::kTraceCalls, "CVekHeartbeatClb::CVekHeartbeatClb(", kvx::textOrNull(service),
                ", ", kvx::textOrNull(domain), ")\n");
     RHCBuildRecord();
@@ -78,7 +74,7 @@ void CVekHeartbeatClb::RHCBuildRecord() {
     addField("type", m_type, heartbeatLine::Type);
 }
 
-void CVekHeartbeatClb::addField(const char* name, const CVekAtom* value, int line) {
+void CVekHeartbeatClb::addField(const char* name, const CVekAtom* value, int line) const {
     reportStep(m_record->RRAddOrSetValue(name, value), line, name);
 }
 
@@ -120,7 +116,7 @@ void CVekHeartbeatClb::followEngine(bool active) {
     if (!active && m_level == HB_PRIMARY) m_level = HB_BACKUP;
 }
 
-void CVekHeartbeatClb::sendRecord() {
+void CVekHeartbeatClb::sendRecord() const {
     m_transport->RTPurge();
     reportStep(m_transport->RTAddRecord(m_record), heartbeatLine::AddRecord, nullptr);
     reportStep(m_transport->RTSetDestinationOnSubject(m_subject), heartbeatLine::SetDestination,

@@ -39,17 +39,17 @@ class KVX_API CVekHeartbeatClb : public RvTimerCallback {
     CVekAtom* m_host;
     CVekAtom* m_domainAtom;
     CVekAtom* m_service;
-    CVekBaseRecord* m_record;  // owned
-    int m_interval;            // milliseconds
+    CVekBaseRecord* m_record = nullptr;  // owned
+    int m_interval;                      // milliseconds
     CVekAtom* m_type;
-    EVekHbRunLevel m_level;
-    CVekTransport* m_transport;  // owned, null between ticks
-    char* m_subject;             // owned, malloc
+    EVekHbRunLevel m_level = HB_BACKUP;
+    CVekTransport* m_transport = nullptr;  // owned, null between ticks
+    char* m_subject = nullptr;             // owned, malloc
 
   private:
     void RHCBuildRecord();
-    void addField(const char* name, const CVekAtom* value, int line);
+    void addField(const char* name, const CVekAtom* value, int line) const;
     void followEngine(bool active);
-    void sendRecord();
+    void sendRecord() const;
     void announcePrimary();
 };

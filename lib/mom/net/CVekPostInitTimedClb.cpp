@@ -12,7 +12,8 @@ enum Line : int { PrivateCopy = 62 };
 
 CVekPostInitTimedClb::CVekPostInitTimedClb() = default;
 
-CVekPostInitTimedClb::CVekPostInitTimedClb(const CVekPostInitTimedClb&) : RvTimerCallback() {
+CVekPostInitTimedClb::CVekPostInitTimedClb(const CVekPostInitTimedClb& other)
+    : RvTimerCallback(other) {
     kvx::warn("ERROR: Using a private constructor.\n");
     kvx::report(kvx::kInvalidArgument, "CVekPostInitTimedClb", postInitLine::PrivateCopy);
 }

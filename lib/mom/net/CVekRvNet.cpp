@@ -222,7 +222,7 @@ void CVekRvNet::dropUnclaimedAnswers() {
     m_unclaimed.clear();
 }
 
-void CVekRvNet::dropTakenCallbacks() {
+void CVekRvNet::dropTakenCallbacks() const {
     while (void* callback = m_takenCallbacks ? m_takenCallbacks->RSPop() : nullptr) {
         delete static_cast<RvDataCallback*>(callback);
     }

@@ -194,7 +194,7 @@ class KVX_API CVekRvNet : public CVekNet {
     int listenForAdvisories();
     void dropRequestQueue();
     void dropUnclaimedAnswers();
-    void dropTakenCallbacks();
+    void dropTakenCallbacks() const;
     void dropTimers();
     void retireTimers();
 
@@ -209,7 +209,7 @@ class KVX_API CVekRvNet : public CVekNet {
     template <class Create>
     auto createHere(int* status, Create create);
     RvListener* createListenerHere(const char* subject, unsigned long timeout,
-                                   const RvDataCallback* callback, void* closure);
+                                   const RvDataCallback* callback, void* closure) const;
     RvIO* createIOHere(int* status, unsigned int socket, rvevm_IoEventType type,
                        RvIOCallback* callback, void* closure);
 

@@ -76,7 +76,7 @@ auto CVekRvNet::createHere(int* status, Create create) {
 }
 
 RvListener* CVekRvNet::createListenerHere(const char* subject, unsigned long timeout,
-                                          const RvDataCallback* callback, void* closure) {
+                                          const RvDataCallback* callback, void* closure) const {
     RvDataCallback* const target = forSession(callback);
     if (subject == nullptr && timeout == 0) return m_session->newInbox(target, closure);
     if (subject == nullptr) return m_session->newInbox(timeout, target, closure);
@@ -104,7 +104,7 @@ bool CVekRvNet::pushRequest(const Record& request) {
     auto record = std::make_unique<Record>(request);
     const CVekAutoMutex guard(m_requestMutex);
     if (!m_requests || m_requests->RSPush(record.get()) != kvx::kOk) return false;
-    record.release();
+    static_cast<void>(record.release());
     return true;
 }
 

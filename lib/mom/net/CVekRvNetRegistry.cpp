@@ -48,7 +48,7 @@ bool isSpent(const RvTimer& timer) {
 int addEntry(CVekTreeList* registry, const char* subject, void* object) {
     auto holder = std::make_unique<CVekPointer>(object);
     const int result = registry->RTLAdd(subject, holder.get());
-    if (result == kvx::kOk) holder.release();
+    if (result == kvx::kOk) static_cast<void>(holder.release());
     return result;
 }
 
@@ -315,7 +315,7 @@ int CVekRvNet::RRNAddPostInitTimer() {
     auto hook = std::make_unique<CVekPostInitTimedClb>();
     const int result = RRNAddTimer(kPostInitInterval, hook.get());
     // Registered, it deletes itself when it fires, and the net deletes it when it never does.
-    if (result == kvx::kOk) hook.release();
+    if (result == kvx::kOk) static_cast<void>(hook.release());
     return result;
 }
 
