@@ -1,6 +1,7 @@
 #include "rv/message/RvDatum.h"
 
 #include <cstring>
+#include <utility>
 
 #include "rv/error/rvCodes.h"
 #include "rv/message/WireFormat.h"
@@ -157,16 +158,18 @@ void RvDatum::releaseData() {
 // Keeps the memory of the present name where the new one fits: walks set one name after the other.
 // `name` may be the present name. A copy that cannot be made leaves the datum without a name.
 void RvDatum::setName(const char* name) {
-    if (name == m_name.get()) return;
     if (name == nullptr) {
-        m_name.reset();
-        m_nameBytes = 0;
+        m_nameText = nullptr;
         return;
     }
     const std::size_t bytes = std::strlen(name) + 1;
     if (bytes > m_nameBytes) {
-        m_name.reset(static_cast<char*>(std::malloc(bytes)));
+        std::unique_ptr<char, kvx::FreeDeleter> fresh(static_cast<char*>(std::malloc(bytes)));
+        if (fresh != nullptr) std::memcpy(fresh.get(), name, bytes);
+        m_name = std::move(fresh);
         m_nameBytes = m_name == nullptr ? 0 : bytes;
+    } else {
+        std::memmove(m_name.get(), name, bytes);
     }
-    if (m_name != nullptr) std::memmove(m_name.get(), name, bytes);
+    m_nameText = m_name.get();
 }

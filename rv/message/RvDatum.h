@@ -50,7 +50,7 @@ class KVX_API RvDatum {
     rvmsg_Size size() const { return m_size; }
     rvmsg_Data data() const { return m_data; }
     /// Null for a datum without a name. Belongs to the datum.
-    const char* name() const { return m_name.get(); }
+    const char* name() const { return m_nameText; }
 
     RvStatus getInt32(long& value) const;
     RvStatus getUInt32(unsigned long& value) const;
@@ -66,6 +66,14 @@ class KVX_API RvDatum {
   protected:
     /// Takes ownership of `data`, which came from `malloc` and holds `allocated` bytes.
     void adopt(rvmsg_Type type, rvmsg_Size size, void* data, rvmsg_Size allocated);
+    /// Borrows all three: for a walk, whose datum is overwritten before the message may change.
+    void borrow(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
+        if (m_borrowed == 0) releaseData();
+        m_nameText = name;
+        m_type = type;
+        m_size = size;
+        m_data = data;
+    }
     /// `name` is copied; null clears it.
     void setName(const char* name);
     bool borrowed() const { return m_borrowed != 0; }
@@ -73,12 +81,15 @@ class KVX_API RvDatum {
     rvmsg_Size allocated() const { return m_allocated; }
 
   private:
+    friend class RvMsgIterator;
+
     void copyFrom(const RvDatum& other);
     void releaseData();
 
     rvmsg_Type m_type = RVMSG_BADDATA;
     rvmsg_Size m_size = 0;
-    rvmsg_Data m_data = nullptr;  // freed here unless borrowed
+    rvmsg_Data m_data = nullptr;       // freed here unless borrowed
+    const char* m_nameText = nullptr;  // in `m_name`, or borrowed
     std::unique_ptr<char, kvx::FreeDeleter> m_name;
     std::int32_t m_borrowed = 1;
     rvmsg_Size m_allocated = 0;   // bytes of the owned data

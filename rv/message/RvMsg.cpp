@@ -102,6 +102,13 @@ RvMsg& RvMsg::operator=(const RvMsg& other) {
 
 RvMsg::~RvMsg() = default;
 
+bool RvMsg::borrowMessage(const char* name, rvmsg_Size size, rvmsg_Data buffer) {
+    if (m_context == nullptr) m_context.reset(new (std::nothrow) Context);
+    if (m_context == nullptr) return false;
+    borrow(name, RVMSG_MSG, size, buffer);
+    return true;
+}
+
 bool RvMsg::copyMessage(const RvMsg& other) {
     const rvmsg_Size length = other.size();
     Buffer buffer = allocate(length);

@@ -76,8 +76,11 @@ class KVX_API RvMsg : public RvDatum {
     RvMsgIterator* newIterator() const;
 
   private:
+    friend class RvMsgIterator;
     struct Context;
 
+    /// Borrows a nested message for a walk; false when there is no memory for the first one.
+    bool borrowMessage(const char* name, rvmsg_Size size, rvmsg_Data buffer);
     bool isReadable() const;
     RvStatus find(const char* name, RvDatum& datum) const;
     bool copyMessage(const RvMsg& other);

@@ -3,7 +3,8 @@
 #include "rv/message/WireFormat.h"
 
 RvMsgIterator::RvMsgIterator(const RvMsg& message)
-    : m_buffer(message.size() == 0 ? nullptr : message.data()), m_message(8UL) {}
+    : m_buffer(message.size() == 0 ? nullptr : message.data()),
+      m_message(static_cast<rvmsg_Msg>(nullptr)) {}
 
 RvMsgIterator::~RvMsgIterator() = default;
 
@@ -27,10 +28,10 @@ const RvDatum* RvMsgIterator::next() {
         return nullptr;
     }
     m_position = cursor.position();
-    if (field.type == RVMSG_MSG && kvx::hasMagic(data, kvx::kMessageMagic)) {
-        m_message.set(field.name, field.type, size, data);
+    if (field.type == RVMSG_MSG && kvx::hasMagic(data, kvx::kMessageMagic) &&
+        m_message.borrowMessage(field.name, size, data)) {
         return &m_message;
     }
-    m_datum.set(field.name, field.type, size, data);
+    m_datum.borrow(field.name, field.type, size, data);
     return &m_datum;
 }

@@ -24,6 +24,8 @@
 #include <random>
 #include <utility>
 
+#include "rv/message/ShortText.h"
+
 namespace kvx {
 
 namespace {
@@ -34,34 +36,11 @@ bool isLast(SubjectView::Iterator at, SubjectView::Iterator end) {
     return ++at == end;
 }
 
-std::uint64_t load64(const char* at) {
-    std::uint64_t word;
-    std::memcpy(&word, at, sizeof word);
-    return word;
-}
-
-std::uint64_t load32(const char* at) {
-    std::uint32_t word;
-    std::memcpy(&word, at, sizeof word);
-    return word;
-}
-
 // The two halves of the 128-bit product, folded: every input bit reaches every output bit.
 std::uint64_t foldedProduct(std::uint64_t a, std::uint64_t b) {
     __extension__ using Wide = unsigned __int128;
     const Wide product = static_cast<Wide>(a) * b;
     return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64U);
-}
-
-// One to sixteen characters as two words that differ whenever the characters do.
-std::pair<std::uint64_t, std::uint64_t> wordsOf(const char* text, std::size_t length) {
-    if (length >= 8) return {load64(text), load64(text + length - 8)};
-    if (length >= 4) return {load32(text), load32(text + length - 4)};
-    const auto at = [text](std::size_t i) {
-        return static_cast<std::uint64_t>(static_cast<unsigned char>(text[i]));
-    };
-    if (length == 0) return {0, 0};
-    return {at(0) << 16U | at(length / 2) << 8U | at(length - 1), 0};
 }
 
 std::uint32_t slotHash(std::uint64_t pathHash) {
@@ -89,7 +68,7 @@ std::uint64_t SubjectIndex::extend(std::uint64_t pathHash, std::string_view elem
     std::size_t left = element.size();
     std::uint64_t hash = pathHash ^ (left * kMix);
     for (; left > 16; left -= 16, text += 16) {
-        hash = foldedProduct(load64(text) ^ hash, load64(text + 8) ^ seed_);
+        hash = foldedProduct(loadWord(text) ^ hash, loadWord(text + 8) ^ seed_);
     }
     const auto [a, b] = wordsOf(text, left);
     return foldedProduct(a ^ hash, b ^ seed_ ^ kMix);

@@ -68,28 +68,35 @@ class FieldCursor {
     /// The step ends the walk too when a single byte is left, which can begin no field.
     Step next(WireField& field) {
         if (reader_.left() <= 1) return Step::kEnd;
-        return takeName(field) && takeBody(field) ? Step::kField : Step::kBroken;
+        if (!takeName(field)) return Step::kBroken;
+        return (isSized(field.type) ? takeSized(field) : takeBody(field)) ? Step::kField
+                                                                          : Step::kBroken;
     }
 
     std::size_t left() const { return reader_.left(); }
 
   private:
+    // Types whose size stands in one of the three forms.
+    static bool isSized(rvmsg_Type type) {
+        constexpr std::uint32_t kSized =
+            1U << RVMSG_DATETIME | 1U << RVMSG_OPAQUE | 1U << RVMSG_STRING | 1U << RVMSG_BOOLEAN |
+            1U << RVMSG_IPDATA | 1U << RVMSG_INT | 1U << RVMSG_UINT | 1U << RVMSG_REAL;
+        return type <= RVMSG_REAL && (kSized >> type & 1U) != 0;
+    }
+
     bool takeName(WireField& field) {
-        std::uint8_t nameBytes = 0;
-        std::uint8_t type = 0;
-        const std::uint8_t* name = nullptr;
         field.name = nullptr;
         field.nameBytes = 0;
         field.type = RVMSG_BADDATA;
-        if (!reader_.u8(nameBytes) || !reader_.take(nameBytes, name) || !reader_.u8(type)) {
-            return false;
-        }
+        const std::uint8_t* head = reader_.position();
+        const std::size_t nameBytes = *head;
+        if (!reader_.skip(nameBytes + 2)) return false;
         if (nameBytes != 0) {
-            if (name[nameBytes - 1] != 0) return false;
-            field.name = reinterpret_cast<const char*>(name);
-            field.nameBytes = nameBytes;
+            if (head[nameBytes] != 0) return false;
+            field.name = reinterpret_cast<const char*>(head + 1);
+            field.nameBytes = static_cast<std::uint32_t>(nameBytes);
         }
-        field.type = type;
+        field.type = head[nameBytes + 1];
         return true;
     }
 
@@ -104,15 +111,6 @@ class FieldCursor {
                 return takeBlock(field, kSealedHeaderBytes);
             case RVMSG_SUBJECT:
                 return takeSubject(field);
-            case RVMSG_DATETIME:
-            case RVMSG_OPAQUE:
-            case RVMSG_STRING:
-            case RVMSG_BOOLEAN:
-            case RVMSG_IPDATA:
-            case RVMSG_INT:
-            case RVMSG_UINT:
-            case RVMSG_REAL:
-                return takeSized(field);
             default:
                 field.size = 0;
                 field.data = reader_.position();
@@ -160,9 +158,63 @@ class FieldCursor {
     WireReader reader_;
 };
 
+template <class Value>
+rvmsg_Size storeDecoded(void* scratch, Value value) {
+    std::memcpy(scratch, &value, sizeof value);
+    return sizeof value;
+}
+
+/// The decoders: the decoded value's size, 0 for a size that the type does not have.
+inline rvmsg_Size decodeNumber(const WireField& field, void* scratch) {
+    switch (field.size) {
+        case 1:
+            return storeDecoded(scratch, *field.data);
+        case 2:
+            return storeDecoded(scratch, loadBig16(field.data));
+        case 4:
+            return storeDecoded(scratch, loadBig32(field.data));
+        case 8:
+            return storeDecoded(scratch, loadBig64(field.data));
+        default:
+            return 0;
+    }
+}
+
+inline rvmsg_Size decodeAddress(const WireField& field, void* scratch) {
+    if (field.size != 2 && field.size != 4) return 0;
+    std::memcpy(scratch, field.data, field.size);
+    return field.size;
+}
+
+inline rvmsg_Size decodeDateTime(const WireField& field, void* scratch) {
+    if (field.size != kDateTimeWireBytes) return 0;
+    const std::uint32_t high = loadBig32(field.data + 4);
+    const std::uint32_t words[3] = {high >> 24U, loadBig32(field.data), high & 0xFFFFFFU};
+    std::memcpy(scratch, words, sizeof words);
+    return sizeof words;
+}
+
 /// Decodes a field's data as lookups and iteration deliver it: numbers, dates and addresses into
 /// `scratch` (12 bytes, aligned for a double), all else in place. False for a size that the type
 /// does not have; the outputs are then not changed.
-bool decodeField(const WireField& field, void* scratch, rvmsg_Size& size, rvmsg_Data& data);
+inline bool decodeField(const WireField& field, void* scratch, rvmsg_Size& size, rvmsg_Data& data) {
+    rvmsg_Size decoded = 0;
+    if (field.type >= RVMSG_INT && field.type <= RVMSG_REAL) {
+        const bool isTooShort = field.type == RVMSG_REAL && field.size < sizeof(float);
+        decoded = isTooShort ? 0 : decodeNumber(field, scratch);
+    } else if (field.type == RVMSG_IPDATA) {
+        decoded = decodeAddress(field, scratch);
+    } else if (field.type == RVMSG_DATETIME) {
+        decoded = decodeDateTime(field, scratch);
+    } else {
+        size = field.size;
+        data = field.data;
+        return true;
+    }
+    if (decoded == 0) return false;
+    size = decoded;
+    data = scratch;
+    return true;
+}
 
 }  // namespace kvx

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "rv/error/rvCodes.h"
+#include "rv/message/ShortText.h"
 #include "rv/message/WireFormat.h"
 #include "rv/message/rvSubject.h"
 
@@ -25,45 +26,34 @@ namespace code = kvx::message_code;
 /// The free space behind a message. What does not fit is not written.
 class FieldWriter {
   public:
-    FieldWriter(std::uint8_t* at, std::size_t room) : start_(at), at_(at), room_(room) {}
+    FieldWriter(std::uint8_t* at, std::size_t room) : start_(at), at_(at), end_(at + room) {}
 
-    std::size_t room() const { return room_; }
+    std::size_t room() const { return static_cast<std::size_t>(end_ - at_); }
     std::uint32_t written() const { return static_cast<std::uint32_t>(at_ - start_); }
 
     void put8(std::uint32_t value) {
-        if (claim(1)) *at_++ = static_cast<std::uint8_t>(value);
+        if (at_ != end_) *at_++ = static_cast<std::uint8_t>(value);
     }
-    void put16(std::uint16_t value) {
-        if (!claim(sizeof value)) return;
-        kvx::storeBig16(at_, value);
-        at_ += sizeof value;
-    }
-    void put32(std::uint32_t value) {
-        if (!claim(sizeof value)) return;
-        kvx::storeBig32(at_, value);
-        at_ += sizeof value;
-    }
-    void put64(std::uint64_t value) {
-        if (!claim(sizeof value)) return;
-        kvx::storeBig64(at_, value);
-        at_ += sizeof value;
-    }
+    void put16(std::uint16_t value) { putBig(__builtin_bswap16(value)); }
+    void put32(std::uint32_t value) { putBig(__builtin_bswap32(value)); }
+    void put64(std::uint64_t value) { putBig(__builtin_bswap64(value)); }
     void put(const void* bytes, std::size_t count) {
-        if (!claim(count)) return;
-        std::memcpy(at_, bytes, count);
+        if (count > room()) return;
+        kvx::copyShort(at_, bytes, count);
         at_ += count;
     }
 
   private:
-    bool claim(std::size_t count) {
-        if (count > room_) return false;
-        room_ -= count;
-        return true;
+    template <class Value>
+    void putBig(Value swapped) {
+        if (sizeof swapped > room()) return;
+        std::memcpy(at_, &swapped, sizeof swapped);
+        at_ += sizeof swapped;
     }
 
     std::uint8_t* start_;
     std::uint8_t* at_;
-    std::size_t room_;
+    std::uint8_t* end_;
 };
 
 template <class Value>
@@ -124,8 +114,9 @@ int putAddress(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
     return code::kOk;
 }
 
-int putNumber(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
+int putNumber(FieldWriter& out, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
     if (!fits(out, size)) return code::kNoRoom;
+    if (type == RVMSG_REAL && size < sizeof(float)) return code::kInvalidArgument;
     out.put8(size);
     switch (size) {
         case 1:
@@ -145,31 +136,25 @@ int putNumber(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
     }
 }
 
-int putReal(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
-    if (!fits(out, size)) return code::kNoRoom;
-    return size == 4 || size == 8 ? putNumber(out, size, data) : code::kInvalidArgument;
-}
-
-int putBytes(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
+int putBytes(FieldWriter& out, std::uint64_t size, rvmsg_Data data) {
     constexpr std::uint64_t kLongestForm = 5;
     if (size + kLongestForm >= out.room()) return code::kNoRoom;
     if (size <= kvx::kMaxShortSize) {
-        out.put8(size);
+        out.put8(static_cast<std::uint32_t>(size));
     } else if (size <= kvx::kMaxMediumSize) {
         out.put8(kvx::kMediumForm);
         out.put16(static_cast<std::uint16_t>(size + sizeof(std::uint16_t)));
     } else {
         out.put8(kvx::kLongForm);
-        out.put32(size + static_cast<std::uint32_t>(sizeof(std::uint32_t)));
+        out.put32(static_cast<std::uint32_t>(size + sizeof(std::uint32_t)));
     }
     out.put(data, size);
     return code::kOk;
 }
 
-int putText(FieldWriter& out, rvmsg_Size size, rvmsg_Data data) {
-    if (size != 0) return putBytes(out, size, data);
-    const std::size_t bytes = std::strlen(static_cast<const char*>(data)) + 1;
-    return bytes > UINT32_MAX ? code::kNoRoom : putBytes(out, static_cast<rvmsg_Size>(bytes), data);
+// The size of a text: as given, or up to its terminator.
+std::uint64_t textSize(rvmsg_Size size, rvmsg_Data data) {
+    return size != 0 ? size : std::strlen(static_cast<const char*>(data)) + 1;
 }
 
 int putData(FieldWriter& out, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
@@ -186,18 +171,16 @@ int putData(FieldWriter& out, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data)
         case RVMSG_DATETIME:
             return putDateTime(out, size, data);
         case RVMSG_OPAQUE:
-            return putBytes(out, size, data);
         case RVMSG_STRING:
-            return putText(out, size, data);
+            return putBytes(out, type == RVMSG_STRING ? textSize(size, data) : size, data);
         case RVMSG_BOOLEAN:
             return putBoolean(out, size, data);
         case RVMSG_IPDATA:
             return putAddress(out, size, data);
         case RVMSG_INT:
         case RVMSG_UINT:
-            return putNumber(out, size, data);
         case RVMSG_REAL:
-            return putReal(out, size, data);
+            return putNumber(out, type, size, data);
         default:
             return code::kOk;
     }
@@ -266,17 +249,6 @@ struct PathPosition {
     }
 };
 
-int appendNested(FieldWriter& out, std::uint8_t* buffer, std::uint8_t* end, const char* path,
-                 rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
-    PathPosition inner{buffer, path};
-    if (const int result = inner.descend(0); result != code::kOk) return result;
-    const std::size_t characters = std::strlen(inner.name);
-    const int result = putField(out, inner.name, characters, type, size, data);
-    if (result != code::kOk) return result;
-    std::rotate(inner.message + kvx::loadBig32(inner.message), end, end + out.written());
-    return PathPosition{buffer, path}.descend(out.written());
-}
-
 }  // namespace
 
 int rvmsg_Init(void* buffer, rvmsg_Size capacity) {
@@ -303,13 +275,21 @@ int rvmsg_Append(void* buffer, rvmsg_Size capacity, const char* name, rvmsg_Type
     if (capacity <= length) return code::kNoRoom;
     auto* const bytes = static_cast<std::uint8_t*>(buffer);
     FieldWriter out(bytes + length, capacity - length);
-    const std::size_t characters = name == nullptr ? 0 : std::strlen(name);
-    if (characters != 0 && std::memchr(name, '.', characters) != nullptr) {
-        return appendNested(out, bytes, bytes + length, name, type, size, data);
+    kvx::NameShape shape = kvx::shapeOf(name);
+    PathPosition inner{bytes, name};
+    if (shape.hasFullStop) {
+        if (const int result = inner.descend(0); result != code::kOk) return result;
+        shape = kvx::shapeOf(inner.name);
     }
-    const int result = putField(out, name, characters, type, size, data);
-    if (result == code::kOk) kvx::storeBig32(buffer, length + out.written());
-    return result;
+    const int result = putField(out, inner.name, shape.characters, type, size, data);
+    if (result != code::kOk) return result;
+    if (inner.message == bytes) {
+        kvx::storeBig32(buffer, length + out.written());
+        return code::kOk;
+    }
+    std::uint8_t* const end = bytes + length;
+    std::rotate(inner.message + kvx::loadBig32(inner.message), end, end + out.written());
+    return PathPosition{bytes, name}.descend(out.written());
 }
 
 int rvmsg_AppendAdvisoryFields(void* buffer, rvmsg_Size capacity, const char* advClass,

@@ -16,44 +16,6 @@ using kvx::FieldCursor;
 using kvx::WireField;
 namespace code = kvx::message_code;
 
-// The decoded value's size, 0 for a size without a value.
-template <class Value, class Load>
-rvmsg_Size store(void* scratch, const std::uint8_t* wire, Load load) {
-    const Value value = load(wire);
-    std::memcpy(scratch, &value, sizeof value);
-    return sizeof value;
-}
-
-rvmsg_Size decodeNumber(const WireField& field, void* scratch) {
-    switch (field.size) {
-        case 1:
-            std::memcpy(scratch, field.data, 1);
-            return 1;
-        case 2:
-            return store<std::uint16_t>(scratch, field.data, kvx::loadBig16);
-        case 4:
-            return store<std::uint32_t>(scratch, field.data, kvx::loadBig32);
-        case 8:
-            return store<std::uint64_t>(scratch, field.data, kvx::loadBig64);
-        default:
-            return 0;
-    }
-}
-
-rvmsg_Size decodeDateTime(const WireField& field, void* scratch) {
-    if (field.size != kvx::kDateTimeWireBytes) return 0;
-    const std::uint32_t high = kvx::loadBig32(field.data + 4);
-    const std::uint32_t words[3] = {high >> 24U, kvx::loadBig32(field.data), high & 0xFFFFFFU};
-    std::memcpy(scratch, words, sizeof words);
-    return sizeof words;
-}
-
-rvmsg_Size decodeAddress(const WireField& field, void* scratch) {
-    if (field.size != 2 && field.size != 4) return 0;
-    std::memcpy(scratch, field.data, field.size);
-    return field.size;
-}
-
 // Scans one message for `name`, which has `nameBytes` bytes with its terminator.
 int findHere(const void* message, const char* name, std::size_t nameBytes, WireField& field) {
     if (!kvx::hasMagic(message, kvx::kMessageMagic)) return code::kNotInitialized;
@@ -112,33 +74,6 @@ int report(const WireField& field, void* scratch, rvmsg_IterateCallback callback
 }
 
 }  // namespace
-
-bool kvx::decodeField(const WireField& field, void* scratch, rvmsg_Size& size, rvmsg_Data& data) {
-    rvmsg_Size decoded = 0;
-    switch (field.type) {
-        case RVMSG_INT:
-        case RVMSG_UINT:
-            decoded = decodeNumber(field, scratch);
-            break;
-        case RVMSG_REAL:
-            decoded = field.size == 4 || field.size == 8 ? decodeNumber(field, scratch) : 0;
-            break;
-        case RVMSG_DATETIME:
-            decoded = decodeDateTime(field, scratch);
-            break;
-        case RVMSG_IPDATA:
-            decoded = decodeAddress(field, scratch);
-            break;
-        default:
-            size = field.size;
-            data = field.data;
-            return true;
-    }
-    if (decoded == 0) return false;
-    size = decoded;
-    data = scratch;
-    return true;
-}
 
 int rvmsg_Get(void* scratch, const void* buffer, const char* name, rvmsg_Type* type,
               rvmsg_Size* size, rvmsg_Data* data) {

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+/// Short texts as machine words: names and elements are a few bytes long, where a call to the C
+/// library costs more than the work.
+namespace kvx {
+
+inline std::uint64_t loadWord(const char* at) {
+    std::uint64_t word;
+    std::memcpy(&word, at, sizeof word);
+    return word;
+}
+
+/// At most 16 characters as two words, which of two texts of one length are equal only if the texts
+/// are. Bytes that hold no character are zero.
+inline std::pair<std::uint64_t, std::uint64_t> wordsOf(const char* text, std::size_t length) {
+    if (length >= 8) return {loadWord(text), loadWord(text + length - 8)};
+    if (length >= 4) {
+        std::uint32_t first;
+        std::uint32_t last;
+        std::memcpy(&first, text, sizeof first);
+        std::memcpy(&last, text + length - sizeof last, sizeof last);
+        return {first, last};
+    }
+    if (length == 0) return {0, 0};
+    const auto at = [text](std::size_t i) {
+        return static_cast<std::uint64_t>(static_cast<unsigned char>(text[i]));
+    };
+    return {at(0) << 16U | at(length / 2) << 8U | at(length - 1), 0};
+}
+
+/// The length of a name and whether it has a full stop, in one pass.
+struct NameShape {
+    std::size_t characters = 0;
+    bool hasFullStop = false;
+};
+
+inline NameShape shapeOf(const char* name) {
+    NameShape shape;
+    if (name == nullptr) return shape;
+    for (; name[shape.characters] != 0; ++shape.characters) {
+        if (name[shape.characters] == '.') shape.hasFullStop = true;
+    }
+    return shape;
+}
+
+/// Copies exactly `count` bytes; the ranges do not overlap.
+inline void copyShort(void* to, const void* from, std::size_t count) {
+    auto* const target = static_cast<char*>(to);
+    const auto* const source = static_cast<const char*>(from);
+    if (count > 16) {
+        std::memcpy(target, source, count);
+    } else if (count >= 8) {
+        const std::uint64_t last = loadWord(source + count - 8);
+        const std::uint64_t first = loadWord(source);
+        std::memcpy(target, &first, sizeof first);
+        std::memcpy(target + count - 8, &last, sizeof last);
+    } else if (count >= 4) {
+        std::uint32_t first;
+        std::uint32_t last;
+        std::memcpy(&first, source, sizeof first);
+        std::memcpy(&last, source + count - 4, sizeof last);
+        std::memcpy(target, &first, sizeof first);
+        std::memcpy(target + count - 4, &last, sizeof last);
+    } else if (count != 0) {
+        target[0] = source[0];
+        target[count / 2] = source[count / 2];
+        target[count - 1] = source[count - 1];
+    }
+}
+
+}  // namespace kvx
