@@ -180,6 +180,10 @@ inline rvmsg_Size decodeNumber(const WireField& field, void* scratch) {
     }
 }
 
+inline rvmsg_Size decodeReal(const WireField& field, void* scratch) {
+    return field.size == 4 || field.size == 8 ? decodeNumber(field, scratch) : 0;
+}
+
 inline rvmsg_Size decodeAddress(const WireField& field, void* scratch) {
     if (field.size != 2 && field.size != 4) return 0;
     std::memcpy(scratch, field.data, field.size);
@@ -199,17 +203,24 @@ inline rvmsg_Size decodeDateTime(const WireField& field, void* scratch) {
 /// does not have; the outputs are then not changed.
 inline bool decodeField(const WireField& field, void* scratch, rvmsg_Size& size, rvmsg_Data& data) {
     rvmsg_Size decoded = 0;
-    if (field.type >= RVMSG_INT && field.type <= RVMSG_REAL) {
-        const bool isTooShort = field.type == RVMSG_REAL && field.size < sizeof(float);
-        decoded = isTooShort ? 0 : decodeNumber(field, scratch);
-    } else if (field.type == RVMSG_IPDATA) {
-        decoded = decodeAddress(field, scratch);
-    } else if (field.type == RVMSG_DATETIME) {
-        decoded = decodeDateTime(field, scratch);
-    } else {
-        size = field.size;
-        data = field.data;
-        return true;
+    switch (field.type) {
+        case RVMSG_INT:
+        case RVMSG_UINT:
+            decoded = decodeNumber(field, scratch);
+            break;
+        case RVMSG_REAL:
+            decoded = decodeReal(field, scratch);
+            break;
+        case RVMSG_DATETIME:
+            decoded = decodeDateTime(field, scratch);
+            break;
+        case RVMSG_IPDATA:
+            decoded = decodeAddress(field, scratch);
+            break;
+        default:
+            size = field.size;
+            data = field.data;
+            return true;
     }
     if (decoded == 0) return false;
     size = decoded;
