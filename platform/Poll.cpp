@@ -1,9 +1,10 @@
 // Waiting for sockets.
 //
 // A PollSet is one array of poll(2) entries sorted by socket, with the wake-up descriptor (or an
-// entry that poll ignores) in front. poll writes only the found events, so the array is handed over
-// as it stands, wait after wait. Readiness means what select() means by it: the end of a
-// connection and an error make a socket readable, an error makes it writable.
+// entry that poll ignores) at the end, where it costs least: the system does not queue up for what
+// comes after a ready socket. poll writes only the found events, so the array is handed over as it
+// stands, wait after wait. Readiness means what select() means by it: the end of a connection and an
+// error make a socket readable, an error makes it writable.
 
 #include "platform/Poll.h"
 
@@ -74,18 +75,18 @@ void WakeUp::drain() const noexcept {
 }
 
 struct PollSet::Entries {
-    std::vector<pollfd> polled;      // the wake-up first, then the sockets in ascending order
+    std::vector<pollfd> polled;      // the sockets in ascending order, then the wake-up
     std::vector<unsigned> interest;  // `Readiness` bits, parallel to `polled`
 
     // Where `socket` is, or where it belongs.
     [[nodiscard]] std::size_t indexOf(SocketHandle socket) const noexcept {
         const auto at =
-            std::lower_bound(polled.begin() + 1, polled.end(), socket,
+            std::lower_bound(polled.begin(), polled.end() - 1, socket,
                              [](const pollfd& entry, SocketHandle s) { return entry.fd < s; });
         return static_cast<std::size_t>(at - polled.begin());
     }
     [[nodiscard]] bool holds(std::size_t index, SocketHandle socket) const noexcept {
-        return index < polled.size() && polled[index].fd == socket;
+        return index + 1 < polled.size() && polled[index].fd == socket;
     }
     [[nodiscard]] bool insert(std::size_t index, SocketHandle socket) noexcept {
         const auto at = static_cast<std::ptrdiff_t>(index);
@@ -149,7 +150,7 @@ int PollSet::wait(Milliseconds timeout) noexcept {
         return error;
     }
     readyCount_ = static_cast<std::size_t>(found);
-    if (polled.front().revents != 0) {
+    if (polled.back().revents != 0) {
         wakeUp_->drain();
         --readyCount_;
     }
@@ -161,8 +162,8 @@ int PollSet::wait(Milliseconds timeout) noexcept {
 }
 
 PollSet::Slot PollSet::slot(std::size_t i) const noexcept {
-    const pollfd& entry = entries_->polled[i + 1];
-    return {entry.fd, detail::readinessOf(entry.revents, entries_->interest[i + 1])};
+    const pollfd& entry = entries_->polled[i];
+    return {entry.fd, detail::readinessOf(entry.revents, entries_->interest[i])};
 }
 
 }  // namespace kvx::platform
