@@ -3,8 +3,8 @@
 // A PollSet is one array of poll(2) entries sorted by socket, with the wake-up descriptor (or an
 // entry that poll ignores) at the end, where it costs least: the system does not queue up for what
 // comes after a ready socket. poll writes only the found events, so the array is handed over as it
-// stands, wait after wait. Readiness means what select() means by it: the end of a connection and an
-// error make a socket readable, an error makes it writable.
+// stands, wait after wait. Readiness means what select() means by it: the end of a connection and
+// an error make a socket readable, an error makes it writable.
 
 #include "platform/Poll.h"
 
