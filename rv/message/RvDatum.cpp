@@ -13,14 +13,16 @@ namespace code = kvx::message_code;
 // The data's size where it was recorded as 0; 0 when it has none, nothing written for a bad header.
 bool workedOutSize(const RvDatum& datum, rvmsg_Size& size) {
     size = datum.size();
-    if (size != 0 || datum.data() == nullptr) return true;
+    if (size != 0) return true;
     switch (datum.type()) {
         case RVMSG_STRING:
+            if (datum.data() == nullptr) return true;
             size = static_cast<rvmsg_Size>(std::strlen(static_cast<const char*>(datum.data())) + 1);
             return true;
         case RVMSG_MSG:
             return rvmsg_Length(datum.data(), &size) == code::kOk;
         case RVMSG_ENCRYPTED:
+            if (datum.data() == nullptr) return false;
             size = kvx::loadBig32(datum.data());
             return kvx::hasMagic(datum.data(), kvx::kSealedMagic) &&
                    size >= kvx::kSealedHeaderBytes;

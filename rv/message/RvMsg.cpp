@@ -279,7 +279,8 @@ RvStatus RvMsg::get(const char* name, char* buffer, unsigned long capacity) cons
 }
 
 RvStatus RvMsg::get(const char* name, RvMsg& nested) const {
-    if (&nested == this) return messageStatus(code::kInvalidArgument);
+    // An owned buffer must not go while it holds what is found; a wrapped one is somebody else's.
+    if (&nested == this && !borrowed()) return messageStatus(code::kInvalidArgument);
     RvDatum found;
     const RvStatus status = find(name, found);
     if (!(status == 0)) return status;

@@ -196,8 +196,8 @@ int putField(FieldWriter& out, const char* name, std::size_t characters, rvmsg_T
     out.put8(static_cast<std::uint32_t>(nameBytes));
     out.put(name, nameBytes);
     if (out.room() < kAfterName) return code::kNoRoom;
-    if (type > UINT8_MAX) return code::kInvalidArgument;
-    out.put8(type);
+    // Codes that a byte does not hold are unlisted, and stay so.
+    out.put8(std::min<rvmsg_Type>(type, UINT8_MAX));
     return putData(out, type, size, data);
 }
 

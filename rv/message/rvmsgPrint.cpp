@@ -54,7 +54,7 @@ int printValue(rvmsg_Type type, rvmsg_Size size, rvmsg_Data data, FILE* out) {
             std::fputs("NONE", out);
             return code::kOk;
         case RVMSG_OPAQUE:
-            std::fprintf(out, "[%ld opaque bytes]", static_cast<long>(size));
+            std::fprintf(out, "[%d opaque bytes]", static_cast<std::int32_t>(size));
             return code::kOk;
         default:
             break;
@@ -73,7 +73,8 @@ int printValue(rvmsg_Type type, rvmsg_Size size, rvmsg_Data data, FILE* out) {
         case RVMSG_STRING:
             return printString(size, data, out);
         case RVMSG_ENCRYPTED:
-            std::fprintf(out, "[%ld encrypted bytes]", static_cast<long>(kvx::loadBig32(data)));
+            std::fprintf(out, "[%d encrypted bytes]",
+                         static_cast<std::int32_t>(kvx::loadBig32(data)));
             return code::kOk;
         default:
             return code::kOk;

@@ -43,6 +43,7 @@ TEST(Encoding, LaysEachTypeOutAsTheFormatSays) {
          "\0\0\0\x0A\x99\x55\xEE\xBB\x08Z",
          {32, 0x7A, 0, 0, 0, 10, 0x99, 0x55, 0xEE, 0xBB, 8, 'Z'}},
         {5, 4, "data", {5}},
+        {1000, 4, "data", {255}},
     };
     const Buffer nested;
     for (const auto& expected : cases) {

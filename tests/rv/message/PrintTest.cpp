@@ -20,6 +20,7 @@ TEST(Print, ShowsEachTypeInItsForm) {
     EXPECT_EQ(value(RVMSG_NONE, 0, nullptr), "NONE");
     EXPECT_EQ(value(RVMSG_SUBJECT, 0, subject), "[A.*.>]");
     EXPECT_EQ(value(RVMSG_OPAQUE, 3, "abc"), "[3 opaque bytes]");
+    EXPECT_EQ(value(RVMSG_OPAQUE, UINT32_MAX, "abc"), "[-1 opaque bytes]");
     EXPECT_EQ(value(RVMSG_STRING, 3, "abcdef"), "\"abc\"");
     EXPECT_EQ(value(RVMSG_STRING, 9, "abc\0efgh"), "\"abc\"");
     EXPECT_EQ(value(RVMSG_STRING, 0, "abcdef"), "\"abcdef\"");

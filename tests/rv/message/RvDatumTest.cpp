@@ -36,6 +36,9 @@ TEST(RvDatum, ACopyWorksOutAMissingSizeAndStillRecordsZero) {
     copy = broken;
     EXPECT_EQ(copy.type(), RVMSG_BADDATA);
     EXPECT_EQ(copy.data(), nullptr);
+    const RvDatum absent(RVMSG_MSG, 0, nullptr);
+    copy = absent;
+    EXPECT_EQ(copy.type(), RVMSG_BADDATA);
 }
 
 TEST(RvDatum, AssignmentReusesABufferThatIsLargeEnough) {

@@ -140,6 +140,10 @@ TEST(RvMsg, NestsMessages) {
     EXPECT_TRUE(outer.get("a.b", value) == 0);
     EXPECT_EQ(value, 7);
     EXPECT_TRUE(outer.get("text", found).isMessage(3));
+    EXPECT_TRUE(outer.get("a", outer).isMessage(3));
+    RvMsg walker(const_cast<void*>(outer.data()));
+    EXPECT_TRUE(walker.get("a", walker) == 0);
+    EXPECT_TRUE(walker.get("b", value) == 0);
 }
 
 TEST(RvMsgIterator, WalksNamedUnnamedAndNestedFields) {
