@@ -76,8 +76,10 @@ int CVekRvdCfgParser::RRCPParseFromFilename(char* fileName) {
     if (fileName == nullptr) return kvx::kInvalidArgument;
     CVekReadOnlyFile file(fileName, false);
     if (file.ROFCheckAccess() == -1 || file.ROFOpen() != 0) return kvx::kFileUnusable;
+    char* content = file.ROFReadAll();
+    if (content == nullptr) return kvx::kFileUnusable;
     std::free(m_parseBuffer);
-    m_parseBuffer = file.ROFReadAll();
+    m_parseBuffer = content;
     return RRCPParseRvdCfg();
 }
 

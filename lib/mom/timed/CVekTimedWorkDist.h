@@ -7,7 +7,6 @@ class CVekHashList;
 class CVekTimedWork;
 class CVekTimedWorkDistBucket;
 class CVekTimedWorkMgr;
-class CVekTimedWorkMgr;
 
 /// All polls of one frequency, spread over as many buckets as the period has ticks.
 ///

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -188,6 +189,11 @@ TEST(RvdCfgParser, RefusesWhatItCannotRead) {
     std::string text = serviceBlock("1");
     parser.RRCPSetParseBuffer(text.data());
     EXPECT_EQ(parser.RRCPParseFromFilename(missing.data()), -220549);
+    EXPECT_STREQ(parser.RRCPGetParseBuffer(), text.c_str());
+    std::string huge = directory.file("huge.cfg");
+    std::ofstream(huge).close();
+    std::filesystem::resize_file(huge, (std::uintmax_t{64} << 20U) + 1);
+    EXPECT_EQ(parser.RRCPParseFromFilename(huge.data()), -220549);
     EXPECT_STREQ(parser.RRCPGetParseBuffer(), text.c_str());
     parser.RRCPSetParseBuffer(nullptr);
     EXPECT_EQ(parser.RRCPGetParseBuffer(), nullptr);
