@@ -62,6 +62,16 @@ bool matches(kvx::SubjectView pattern, kvx::SubjectView subject) {
     return at == subject.end();
 }
 
+// The known subscription on `subject`, or a new one. `all` has room for it.
+Subscription& entryFor(std::vector<Subscription>& all, const kvx::Subject& subject) {
+    const std::string text = subject.view().text();
+    for (Subscription& known : all) {
+        if (known.subject.view().text() == text) return known;
+    }
+    all.push_back(Subscription{subject});
+    return all.back();
+}
+
 // Every line toggles a subscription and is then asked as a message's subject.
 void driveTree(const std::vector<std::string>& lines) {
     kvx::SubjectTree<Subscription> tree;
@@ -70,10 +80,7 @@ void driveTree(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
         const auto subject = kvx::Subject::fromText(line.c_str());
         if (!subject) continue;
-        const auto known = std::find_if(all.begin(), all.end(), [&](const Subscription& s) {
-            return s.subject.view().text() == line;
-        });
-        Subscription& toggled = known == all.end() ? all.emplace_back(*subject) : *known;
+        Subscription& toggled = entryFor(all, *subject);
         if (toggled.isAdded) {
             require(tree.remove(*subject, &toggled));
         } else {

@@ -164,7 +164,7 @@ RvStatus RvMsg::append(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg
     if (result != code::kNoRoom) return messageStatus(result);
     const std::uint64_t capacity = grownCapacity(allocated(), name, type, size, data);
     Buffer fresh = allocate(capacity);
-    if (fresh == nullptr) return RvStatus(kvx::session_code::kNoMemory);
+    if (fresh == nullptr) return {static_cast<unsigned>(kvx::session_code::kNoMemory)};
     std::memcpy(fresh.get(), buffer, this->size());
     const int retried =
         rvmsg_Append(fresh.get(), static_cast<rvmsg_Size>(capacity), name, type, size, data);

@@ -37,6 +37,12 @@ struct WireField {
     rvmsg_Size size = 0;
     const std::uint8_t* data = nullptr;
 
+    /// The data as a reader may have it. A text without any bytes is handed out as "": readers of
+    /// texts take size 0 as "up to the terminator", and the field has none.
+    rvmsg_Data readableData() const {
+        return type == RVMSG_STRING && size == 0 ? static_cast<rvmsg_Data>("") : data;
+    }
+
     bool isNamed(const char* wanted, std::size_t wantedBytes) const {
         return nameBytes == wantedBytes && std::memcmp(name, wanted, wantedBytes - 1) == 0;
     }
@@ -219,7 +225,7 @@ inline bool decodeField(const WireField& field, void* scratch, rvmsg_Size& size,
             break;
         default:
             size = field.size;
-            data = field.data;
+            data = field.readableData();
             return true;
     }
     if (decoded == 0) return false;

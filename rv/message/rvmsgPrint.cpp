@@ -130,8 +130,6 @@ class MessagePrinter {
         rvmsg_Size size = 0;
         rvmsg_Data data = nullptr;
         const bool isDecoded = kvx::decodeField(field, scratch, size, data);
-        const bool isEmptyText = field.type == RVMSG_STRING && size == 0;
-        if (isEmptyText) data = "";  // nothing of the field's may be read
         printValue(isDecoded ? field.type : rvmsg_Type{RVMSG_BADDATA}, size, data, out_);
     }
 

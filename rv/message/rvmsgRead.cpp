@@ -37,11 +37,9 @@ int find(const void* message, const char* name, WireField& field) {
     if (message == nullptr) return code::kInvalidArgument;
     if (name == nullptr) return code::kInvalidName;
     for (;;) {
-        const std::size_t characters = std::strlen(name);
-        const void* const stop = std::memchr(name, '.', characters);
+        const char* const stop = std::strchr(name, '.');
         const std::size_t element =
-            stop == nullptr ? characters
-                            : static_cast<std::size_t>(static_cast<const char*>(stop) - name);
+            stop == nullptr ? std::strlen(name) : static_cast<std::size_t>(stop - name);
         if (element == 0 || element > kvx::kMaxLookupCharacters) return code::kInvalidName;
         const int result = findHere(message, name, element + 1, field);
         if (result != code::kOk || stop == nullptr) return result;
@@ -95,7 +93,7 @@ int rvmsg_GetRaw(const void* buffer, const char* name, rvmsg_Type* type, rvmsg_S
     if (const int result = find(buffer, name, field); result != code::kOk) return result;
     assign(type, field.type);
     assign(size, field.size);
-    assign<rvmsg_Data>(data, field.data);
+    assign(data, field.readableData());
     return code::kOk;
 }
 

@@ -124,6 +124,18 @@ TEST(Readers, StopAtEveryBrokenField) {
     }
 }
 
+TEST(Readers, TakeATextWithoutBytesAsEmpty) {
+    Bytes bytes = messageOf(fieldOf("t", {RVMSG_STRING, 0}));
+    const RvMsg message(static_cast<rvmsg_Msg>(bytes.data()));
+    char text[8] = "unset";
+    EXPECT_TRUE(message.get("t", text, sizeof text) == 0);
+    EXPECT_STREQ(text, "");
+    RvDatum found;
+    ASSERT_TRUE(message.get("t", found) == 0);
+    EXPECT_STREQ(static_cast<const char*>(RvDatum(found).data()), "");
+    EXPECT_EQ(printed(bytes.data()), "{ t=\"\"}");
+}
+
 TEST(SealedBlocks, AreOpenedByTheCallersRoutine) {
     const Bytes block = big32(11) + big32(0x9955EEBB) + Bytes{RVMSG_STRING, 'X', 'Y'};
     const auto unseal = [](rvmsg_Data payload, rvmsg_Size length, rvmsg_Size* size,
