@@ -1,0 +1,16 @@
+#include <mom/mom.h>
+
+struct Printer : RvDataCallback {
+    void onData(const char* subject, RvSender*, const RvDatum& data, RvListener*) override {
+        std::printf("%s ", subject);
+        data.print(stdout);
+        std::puts("");
+    }
+};
+
+int main() {
+    CVekClient client(8000, "DEFAULT");
+    Printer printer;
+    client.RRNAddService("NEWS", &printer);
+    client.RRNDoIt();
+}
