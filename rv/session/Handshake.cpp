@@ -82,14 +82,20 @@ int provideControlInbox(rv_Session_& session) {
     return addPrivateInbox(session, &session.control);
 }
 
+// A listen message, unless a hook refuses it.
+int sendListen(rv_Session_& session, wire::Built built) {
+    if (built.code == 0 &&
+        session.hooks.run(RV_HOOK_LISTEN, &session, built.message.bytes.get()) != 0)
+        return session_code::kOk;
+    return send(session, std::move(built));
+}
+
 int announceRecords(rv_Session_& session) {
-    for (const ListenRecord* record : session.listens.ordered()) {
-        if (isInbox(record->subject)) continue;
-        wire::Built built = listenMessage(session, *record);
-        if (built.code == 0 &&
-            session.hooks.run(RV_HOOK_LISTEN, &session, built.message.bytes.get()) != 0)
-            continue;
-        if (const int code = send(session, std::move(built)); code != 0) return code;
+    for (const rv_Listener id : session.listens.ordered()) {
+        const ListenRecord* record = session.listens.find(id);  // a hook may have cancelled it
+        if (record == nullptr || isInbox(record->subject)) continue;
+        const int code = sendListen(session, listenMessage(session, *record));
+        if (code != 0) return code;
     }
     return session_code::kOk;
 }
@@ -98,7 +104,7 @@ int announceInboxesOf(rv_Session_& session, const std::string& name) {
     const auto subject =
         Subject::fromText(("_INBOX." + name + ".>").c_str(), wire::kSubjectCapacity);
     if (!subject) return session_code::kInvalidSubject;
-    return send(session, wire::buildListen(bytesOf(*subject), nullptr, session.flavour.id));
+    return sendListen(session, wire::buildListen(bytesOf(*subject), nullptr, session.flavour.id));
 }
 
 // A name is in use while one of its inboxes is listened on.
@@ -106,7 +112,8 @@ void forgetUnusedNames(rv_Session_& session) {
     const auto records = session.listens.ordered();
     std::erase_if(session.formerNames, [&](const std::string& name) {
         const std::string prefix = "_INBOX." + name + ".";
-        return std::ranges::none_of(records, [&](const ListenRecord* record) {
+        return std::ranges::none_of(records, [&](rv_Listener id) {
+            const ListenRecord* record = session.listens.find(id);
             return isInbox(record->subject) && record->subject.view().text().starts_with(prefix);
         });
     });

@@ -36,11 +36,16 @@ void ListenTable::remove(rv_Listener id) {
     records_.remove(id);
 }
 
-std::vector<const ListenRecord*> ListenTable::ordered() {
-    std::vector<const ListenRecord*> all;
-    all.reserve(records_.size());
-    records_.forEach([&](void*, const ListenRecord& record) { all.push_back(&record); });
-    std::ranges::sort(all, {}, &ListenRecord::serial);
+std::vector<rv_Listener> ListenTable::ordered() {
+    std::vector<std::pair<long, rv_Listener>> bySerial;
+    bySerial.reserve(records_.size());
+    records_.forEach([&](void* id, const ListenRecord& record) {
+        bySerial.emplace_back(record.serial, listenerOf(id));
+    });
+    std::ranges::sort(bySerial);
+    std::vector<rv_Listener> all;
+    all.reserve(bySerial.size());
+    for (const auto& [serial, id] : bySerial) all.push_back(id);
     return all;
 }
 

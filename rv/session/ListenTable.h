@@ -31,8 +31,8 @@ class ListenTable {
     [[nodiscard]] ListenRecord* find(rv_Listener id);
     void remove(rv_Listener id);
 
-    /// Every record, in the order in which they were made.
-    [[nodiscard]] std::vector<const ListenRecord*> ordered();
+    /// The ids of all records, in the order in which they were made.
+    [[nodiscard]] std::vector<rv_Listener> ordered();
     /// The dotted subject of a record's companion inbox; empty when it has none.
     [[nodiscard]] std::string companionText(const ListenRecord& record);
 

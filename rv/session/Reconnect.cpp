@@ -27,7 +27,7 @@ void reconnect(rv_Session_& session) {
             session.hooks.run(RV_HOOK_RECONNECT, &session, nullptr);
             return;
         }
-        if (scheduleReconnect(session, kRetryMs)) return;
+        if (isClosing(session) || scheduleReconnect(session, kRetryMs)) return;
         deliverNoMemory(session);
         platform::sleepMs(kNoTimerMs);
     }

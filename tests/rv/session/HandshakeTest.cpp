@@ -107,6 +107,63 @@ TEST_F(Handshake, ReconnectingUnderAnotherAddressKeepsTheOldInboxesReachable) {
               (Texts{"L:A", "L:_INBOX." + newName + ".>", "L:_INBOX." + oldName + ".>"}));
 }
 
+// Cancels `*closure` when it sees the first listen message.
+int cancelOther(rv_Session session, const void* /*message*/, void* closure) {
+    auto& other = *static_cast<rv_Listener*>(closure);
+    if (other != nullptr) rv_Cancel(session, std::exchange(other, nullptr));
+    return 0;
+}
+
+int refuse(rv_Session /*session*/, const void* /*message*/, void* closure) {
+    ++*static_cast<int*>(closure);
+    return 1;
+}
+
+TEST_F(Handshake, AListenHookMayCancelAListenThatIsStillToBeAnnounced) {
+    Texts announced;
+    ScriptedDaemon daemon({[](PeerLink& peer) {
+                               peer.welcome();
+                               for (int message = 0; message < 3; ++message) peer.readMessage();
+                           },
+                           [&](PeerLink& peer) {
+                               peer.negotiateV4();
+                               peer.introduce();
+                               announced = takeUntilGoodbye(peer);
+                           }});
+    rv_Session session = open(daemon.text());
+    Listening first, second;
+    listen(session, first, "A");
+    listen(session, second, "B");
+    rv_AddHook(session, RV_HOOK_LISTEN, cancelOther, &second.id);
+    runUntil([&] { return second.id == nullptr && rv_IsConnected(session); });
+    const std::string name = rv_SessionName(session);
+    rv_Close(session);
+    daemon.finish();
+    EXPECT_EQ(announced, (Texts{"C:B", "L:A", "L:_INBOX." + name + ".>"}));
+}
+
+TEST_F(Handshake, AListenHookMayRefuseEveryListenMessageTheInboxesIncluded) {
+    Texts announced;
+    int refused = 0;
+    ScriptedDaemon daemon({[](PeerLink& peer) {
+                               peer.welcome();
+                               for (int message = 0; message < 2; ++message) peer.readMessage();
+                           },
+                           [&](PeerLink& peer) {
+                               peer.negotiateV4();
+                               peer.introduce();
+                               announced = takeUntilGoodbye(peer);
+                           }});
+    rv_Session session = open(daemon.text());
+    Listening listening;
+    listen(session, listening, "A");
+    rv_AddHook(session, RV_HOOK_LISTEN, refuse, &refused);
+    runUntil([&] { return refused == 2 && rv_IsConnected(session); });
+    rv_Close(session);
+    daemon.finish();
+    EXPECT_EQ(announced, Texts{});
+}
+
 TEST_F(Handshake, ADaemonThatOffersVersion3IsSpokenToInVersion3) {
     std::vector<std::uint32_t> wanted;
     const auto greet = [&wanted](PeerLink& peer) {
