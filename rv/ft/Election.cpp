@@ -7,17 +7,15 @@
 // A member is waiting, prepared or active. It knows the others by their last beats, and drops one
 // that has been silent for the activation interval or has said that it leaves. From that:
 //
-//   - It activates when fewer than the active goal of better-ranked peers are left, but not before
-//   the
-//     activation interval has passed since it joined (or got its daemon back): until then it may
-//     not have heard everybody. A peer's silence counts from its last beat, so the moment is known
-//     ahead.
+//   - It activates when fewer than the active goal of better-ranked peers are left, but not
+//     before the activation interval has passed since it joined (or got its daemon back): until
+//     then it may not have heard everybody. A peer's silence counts from its last beat, so the
+//     moment is known ahead.
 //   - It prepares so much earlier, and never activates sooner after preparing, also when a leave
-//   makes
-//     the place free at once.
-//   - Active, it steps back as soon as `activeGoal` better-ranked active peers are heard, or when
-//   it
-//     has been cut off for the activation interval, since by then somebody else may be active.
+//     makes the place free at once.
+//   - Active, it steps back as soon as `activeGoal` better-ranked active peers are heard, or
+//     when it has been cut off for the activation interval, since by then somebody else may be
+//     active.
 //
 // A driver that comes late (its thread stood still) has not read yet what the others said
 // meanwhile. Its silence is no evidence, so an inactive member then listens for one heartbeat more.

@@ -23,9 +23,8 @@ namespace kvx {
 ///   match            every subscription, wildcards included           ordinary subjects
 ///   matchLiteralRoot the same, but first elements must be equal       the daemon's inbox messages
 ///   matchExact       only subscriptions on this very subject          the client's inbox messages
-///   matchCovered     `subject` is a pattern: every subscription whose messages on wildcard
-///   subjects
-///                    every subject matches it
+///   matchCovered     a pattern: every subscription of which       messages on wildcard subjects
+///                    each subject matches the pattern
 ///
 /// Each calls `visit(Subscription&)` once for every match, in the order of adding, and returns the
 /// number of calls. `visit` may return bool: false ends the match. `visit` may add and remove
