@@ -12,13 +12,11 @@
 #include <fstream>
 #include <system_error>
 
+#include "mom/net/VekText.h"
+
 namespace kvx::tool {
 
 namespace {
-
-struct Free {
-    void operator()(char* text) const { std::free(text); }
-};
 
 // The value in effect: the option, else what the configuration file says.
 std::string effective(const std::string& option, const CVekAtom* configured) {
@@ -50,7 +48,7 @@ ConfigurationOverlay::ConfigurationOverlay(const Connection& connection) {
 
 void ConfigurationOverlay::write(const Connection& connection) {
     CVekRvdCfgParser configured;
-    const std::unique_ptr<char, Free> file(RvdCfgFileName());
+    const kvx::Text file(RvdCfgFileName());
     configured.RRCPParseFromFilename(file.get());
     std::filesystem::create_directory(directory_ + "/etc");
     std::ofstream out(directory_ + "/etc/Calvorine.rvd.cfg");
@@ -75,7 +73,7 @@ Client::Client(const Connection& connection, unsigned long latencyMs)
 
 std::string Client::qualified(const std::string& subject) {
     if (!qualify_) return subject;
-    const std::unique_ptr<char, Free> text(net_.RRNDomainSubj(subject.c_str()));
+    const kvx::Text text(net_.RRNDomainSubj(subject.c_str()));
     return text ? text.get() : subject;
 }
 

@@ -3,9 +3,9 @@
 #include <fmt/format.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 
+#include "mom/net/VekText.h"
 #include "tools/kvx/Client.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Query.h"
@@ -38,10 +38,7 @@ std::string summary(const Rows& rows, const Query::Totals& totals, double second
 }
 
 std::string statusText(EVekStoreErrorStatus status) {
-    struct Free {
-        void operator()(char* text) const { std::free(text); }
-    };
-    const std::unique_ptr<char, Free> text(CVekTransport::RTPrintError(status, ""));
+    const kvx::Text text(CVekTransport::RTPrintError(status, ""));
     std::string words = text ? text.get() : "";
     // The text stands between "( " and " )", with a blank of its own in front.
     if (words.size() > 5) words = words.substr(3, words.size() - 5);

@@ -6,23 +6,19 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdlib>
 
+#include "mom/net/VekText.h"
 #include "tools/kvx/DatumJson.h"
 
 namespace kvx::tool {
 
 namespace {
 
-struct Free {
-    void operator()(char* text) const { std::free(text); }
-};
-
 std::string valueText(const CVekBaseRecord& record, const std::string& column) {
     const CVekAtom* value = record.RRGetValue(column.c_str());
     if (value == nullptr) return {};
     if (value->RAType() == VEK_TYPE_STRING) return value->RAString();
-    const std::unique_ptr<char, Free> text(value->RAStrRep());
+    const kvx::Text text(value->RAStrRep());
     return text ? text.get() : "";
 }
 

@@ -6,9 +6,9 @@
 #include "examples/modeld/service/ModelService.h"
 
 #include <chrono>
-#include <cstdlib>
 
 #include "examples/modeld/service/Log.h"
+#include "mom/net/VekText.h"
 
 namespace modeld {
 
@@ -19,10 +19,6 @@ namespace {
 constexpr int kMaxWaiting = 1000;
 constexpr int kMaxQueuedPackets = 20000;
 constexpr unsigned int kRoomPollMs = 20;
-
-struct Free {
-    void operator()(char* text) const { std::free(text); }
-};
 
 }  // namespace
 
@@ -40,7 +36,7 @@ ModelService::~ModelService() {
 }
 
 std::string ModelService::querySubject() const {
-    const std::unique_ptr<char, Free> subject(engine_.RRNDomainSubj(
+    const kvx::Text subject(engine_.RRNDomainSubj(
         CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(settings_.type)));
     return subject ? subject.get() : "";
 }
@@ -75,7 +71,7 @@ void ModelService::onData(const char* subject, RvSender* replyTo, const RvDatum&
     auto question = std::make_unique<Question>();
     question->replySubject = replyTo->subject();
     question->version = info.RQIVersion() == VEK_TRANS_V1 ? VEK_TRANS_V1 : VEK_TRANS_V0;
-    const std::unique_ptr<char, Free> text(info.RQIQuery());
+    const kvx::Text text(info.RQIQuery());
     if (text) question->text = text.get();
     if (!text) {
         refuse(engine_, *question, "this is no query");
