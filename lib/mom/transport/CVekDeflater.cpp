@@ -45,8 +45,8 @@ CVekDeflater::CVekDeflater(int initialSize, int level) : m_buffer(zeroedBuffer(i
 }
 
 CVekDeflater::~CVekDeflater() {
-    const double in = static_cast<double>(m_stream.total_in);
-    const double out = static_cast<double>(m_stream.total_out);
+    const auto in = static_cast<double>(m_stream.total_in);
+    const auto out = static_cast<double>(m_stream.total_out);
     kvx::trace(kvx::kTraceCalls, "Deflated ", m_stream.total_in, " bytes to ", m_stream.total_out,
                " bytes (", (in - out) * 100.0 / in, "%)\n");
     if (deflateEnd(&m_stream) != Z_OK) report(kvx::kInternalFailure, m_stream.msg);

@@ -90,7 +90,8 @@ Bytes bytesOf(const CVekAtom& atom) {
 std::unique_ptr<SVekTransPayload> newPlainPayload(std::size_t size) {
     auto payload = std::make_unique<SVekTransPayload>();
     if (size <= kLargestPacketPayload) {
-        payload->data.reset(static_cast<unsigned char*>(std::calloc(size, 1)));
+        payload->data.reset(
+            static_cast<unsigned char*>(std::calloc(std::max<std::size_t>(size, 1), 1)));
     }
     if (payload->data == nullptr) {
         reportTransport(kvx::kNoMemory, "CVekTransport::RTCreatePackets");
