@@ -19,15 +19,16 @@ constexpr char kTextField[] = "QryInfoOQLStr";
 constexpr char kVersionField[] = "QryInfoVersion";
 constexpr unsigned long kInitialMessageSize = 1024;  // bytes
 
-// `datum` as the message it holds: itself, or a view of its bytes.
-RvMsg messageOf(const RvDatum& datum) {
-    if (const auto* const message = dynamic_cast<const RvMsg*>(&datum)) return *message;
-    return RvMsg(RvMsg(const_cast<rvmsg_Msg>(datum.data())));
+// A view of the message that `datum` holds; it must not outlive `datum`.
+RvMsg viewOf(const RvDatum& datum) {
+    return RvMsg(const_cast<rvmsg_Msg>(datum.data()));
 }
 
 RvDatum* copyOf(const RvDatum& datum) {
-    if (datum.type() == RVMSG_MSG) return new RvMsg(messageOf(datum));
-    return new RvDatum(datum);
+    if (datum.type() != RVMSG_MSG) return new RvDatum(datum);
+    // Made from the view by name: made from the call, the object would be the view itself.
+    const RvMsg view = viewOf(datum);
+    return new RvMsg(view);
 }
 
 // The bytes of a datum and a zero behind them; null, and a report, without memory.
@@ -79,7 +80,7 @@ void CVekQryInfo::RQIReplaceDatum(RvDatum* datum) {
 char* CVekQryInfo::RQIQuery() {
     const rvmsg_Type type = m_qryDatum != nullptr ? m_qryDatum->type() : RVMSG_BADDATA;
     if (type == RVMSG_MSG) {
-        const RvMsg message = messageOf(*m_qryDatum);
+        const RvMsg message = viewOf(*m_qryDatum);
         RvDatum field;
         message.get(kTextField, field);
         return terminatedCopy(field, queryLine::CopyField);
@@ -93,7 +94,7 @@ char* CVekQryInfo::RQIQuery() {
 EVekTransHdr CVekQryInfo::RQIVersion() {
     unsigned short version = 0;
     if (m_qryDatum != nullptr && m_qryDatum->type() == RVMSG_MSG) {
-        messageOf(*m_qryDatum).get(kVersionField, version);
+        viewOf(*m_qryDatum).get(kVersionField, version);
     }
     return static_cast<EVekTransHdr>(version);
 }

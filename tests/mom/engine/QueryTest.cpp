@@ -44,6 +44,16 @@ TEST_F(Query, TravelsAsAMessageOfTextAndVersion) {
     EXPECT_NE(query.RQIDatum(), item->m_datum);
 }
 
+TEST_F(Query, OutlivesTheMessageItWasMadeOf) {
+    RvMsg message;
+    message.append("QryInfoOQLStr", "select * from x");
+    auto plain = std::make_unique<RvDatum>(message);  // a message, but not as an RvMsg
+    CVekQryInfo query("S", nullptr, *plain, nullptr);
+    EXPECT_NE(query.RQIDatum()->data(), plain->data());
+    plain.reset();
+    EXPECT_EQ(textOf(query), "select * from x");
+}
+
 TEST_F(Query, MayBeAStringButNothingElse) {
     CVekQryInfo query("S", nullptr, RvDatum(RVMSG_STRING, 4, "abc"), nullptr);
     EXPECT_EQ(textOf(query), "abc");
