@@ -1,5 +1,6 @@
 #include "mom/engine/CVekHeartbeatClb.h"
 
+#include <atomic>
 #include <ctime>
 #include <memory>
 
@@ -79,7 +80,7 @@ void CVekHeartbeatClb::addField(const char* name, const CVekAtom* value, int lin
 }
 
 int CVekHeartbeatClb::RHCSetLevel(EVekHbRunLevel level) {
-    m_level = level;
+    std::atomic_ref(m_level).store(level);
     return kvx::kOk;
 }
 
@@ -112,8 +113,7 @@ void CVekHeartbeatClb::onTimer(RvTimer* timer) {
 }
 
 void CVekHeartbeatClb::followEngine(bool active) {
-    if (active && m_level == HB_BACKUP) m_level = HB_PRIMARY;
-    if (!active && m_level == HB_PRIMARY) m_level = HB_BACKUP;
+    std::atomic_ref(m_level).store(active ? HB_PRIMARY : HB_BACKUP);
 }
 
 void CVekHeartbeatClb::sendRecord() const {
@@ -128,7 +128,7 @@ void CVekHeartbeatClb::sendRecord() const {
 
 /// After the first beat sent while primary the type is 1 for good.
 void CVekHeartbeatClb::announcePrimary() {
-    if (m_type->RAInt() != 0 || m_level != HB_PRIMARY) return;
+    if (m_type->RAInt() != 0 || std::atomic_ref(m_level).load() != HB_PRIMARY) return;
     m_type->RASet(1);
     addField("type", m_type, heartbeatLine::SetType);
 }

@@ -42,7 +42,7 @@ class KVX_API CVekHeartbeatClb : public RvTimerCallback {
     CVekBaseRecord* m_record = nullptr;  // owned
     int m_interval;                      // milliseconds
     CVekAtom* m_type;
-    EVekHbRunLevel m_level = HB_BACKUP;
+    EVekHbRunLevel m_level = HB_BACKUP;    // set by any thread: every access is atomic
     CVekTransport* m_transport = nullptr;  // owned, null between ticks
     char* m_subject = nullptr;             // owned, malloc
 
