@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -46,8 +47,8 @@ class KVX_API CVekNet {
     /// The domain, or null. The net owns the text.
     char* RNGetDomain();
 
-    // Guarded by m_lock where written.
-    std::uint32_t m_latency;
+    // Guarded by m_lock where written; the latency is read without it.
+    std::atomic<std::uint32_t> m_latency;
     kvx::Text m_domain;
 
     /// The net's general lock: the settings here, the registries and the session flag of derived

@@ -24,7 +24,6 @@ namespace {
 
 constexpr char kDefaultDomain[] = "DEFAULT";
 constexpr unsigned long kRequestTick = 100;  // milliseconds between two drains of the requests
-constexpr int kFirstTimerSweep = 64;         // registered timers that are never swept
 
 // Deletes every object of type `Object` that `registry` holds, and the registry.
 template <class Object>
@@ -63,17 +62,15 @@ void CVekRvNet::TimerDeleter::operator()(RvTimer* timer) const {
     delete hook;
 }
 
-CVekRvNet::CVekRvNet() : m_sweepTimersAt(kFirstTimerSweep) {
+CVekRvNet::CVekRvNet() {
     start(kvx::rvNet::DefaultConstructor);
 }
 
-CVekRvNet::CVekRvNet(unsigned long latency, char* domain)
-    : CVekNet(latency, domain), m_sweepTimersAt(kFirstTimerSweep) {
+CVekRvNet::CVekRvNet(unsigned long latency, char* domain) : CVekNet(latency, domain) {
     start(kvx::rvNet::AdoptingConstructor);
 }
 
-CVekRvNet::CVekRvNet(unsigned long latency, const char* domain)
-    : CVekNet(latency, domain), m_sweepTimersAt(kFirstTimerSweep) {
+CVekRvNet::CVekRvNet(unsigned long latency, const char* domain) : CVekNet(latency, domain) {
     start(kvx::rvNet::CopyingConstructor);
 }
 

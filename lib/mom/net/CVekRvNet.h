@@ -200,16 +200,18 @@ class KVX_API CVekRvNet : public CVekNet {
 
     template <class Object, class Record>
     Object* requestObject(int* status, const Record& fields, const RequestLines& lines,
-                          const std::string& failure);
+                          const std::string& failure, bool* registered = nullptr);
     template <class Record>
     bool pushRequest(const Record& request);
     template <class Object>
     Object* claimAnswer(int threadId, int* status, const RequestLines& lines,
-                        const std::string& failure);
+                        const std::string& failure, bool* registered);
     template <class Create>
     auto createHere(int* status, Create create);
     RvListener* createListenerHere(const char* subject, unsigned long timeout,
                                    const RvDataCallback* callback, void* closure) const;
+    RvIO* newIO(int* status, bool* registered, unsigned int socket, rvevm_IoEventType type,
+                RvIOCallback* callback, void* closure);
     RvIO* createIOHere(int* status, unsigned int socket, rvevm_IoEventType type,
                        RvIOCallback* callback, void* closure);
 
@@ -238,14 +240,13 @@ class KVX_API CVekRvNet : public CVekNet {
     std::unique_ptr<CVekTreeList> m_listeners;   // by subject, several per subject
     std::unique_ptr<CVekDoubleList> m_timers;
 
-    /// Guards the requests, the answers and an engine's send queue.
+    /// Guards the requests, the answers, the taken callbacks and an engine's send queue.
     CVekMutex m_requestMutex;
     /// Held by another thread for the whole of one request; taken before m_requestMutex.
     CVekMutex m_callerMutex;
 
-    // Main thread only.
-    std::unique_ptr<CVekStack> m_takenCallbacks;
-    std::unique_ptr<CVekRvErrorClb> m_errorCallback;
+    std::unique_ptr<CVekStack> m_takenCallbacks;  // guarded by m_requestMutex while the loop runs
+    std::unique_ptr<CVekRvErrorClb> m_errorCallback;  // main thread only
 
     // Guarded by m_requestMutex.
     std::unique_ptr<CVekStack> m_requests;
@@ -261,8 +262,9 @@ class KVX_API CVekRvNet : public CVekNet {
 
     // Guarded by m_lock: subjects of senders to inboxes, oldest first, and the number of timers at
     // which those that fired are swept out.
+    static constexpr int kLeastTimerSweep = 64;
     std::deque<std::string> m_inboxSenders;
-    int m_sweepTimersAt;
+    int m_sweepTimersAt = kLeastTimerSweep;
     // Guarded by m_lock: handlers of a socket that had one already, which no registry takes.
     std::vector<std::unique_ptr<RvIO>> m_strayHandlers;
 

@@ -110,7 +110,7 @@ bool CVekRvNet::pushRequest(const Record& request) {
 
 template <class Object, class Record>
 Object* CVekRvNet::requestObject(int* status, const Record& fields, const RequestLines& lines,
-                                 const std::string& failure) {
+                                 const std::string& failure, bool* registered) {
     {
         const CVekAutoMutex guard(m_requestMutex);
         if (!m_answers) *status = kvx::kMissingArgument;
@@ -132,12 +132,13 @@ Object* CVekRvNet::requestObject(int* status, const Record& fields, const Reques
         *status = kvx::kNoAnswer;
         return nullptr;
     }
-    return claimAnswer<Object>(request.m_threadId, status, lines, failure);
+    return claimAnswer<Object>(request.m_threadId, status, lines, failure, registered);
 }
 
+/// The answer, which leaves the list; `*registered`, if asked for, says whether a registry owns it.
 template <class Object>
 Object* CVekRvNet::claimAnswer(int threadId, int* status, const RequestLines& lines,
-                               const std::string& failure) {
+                               const std::string& failure, bool* registered) {
     Object* object = nullptr;
     const CVekPointer* const answer = RRNWaitForNewActivity(threadId, status);
     if (*status != kvx::kOk) {
@@ -151,7 +152,8 @@ Object* CVekRvNet::claimAnswer(int threadId, int* status, const RequestLines& li
     }
     const CVekAutoMutex guard(m_requestMutex);
     if (m_answers) m_answers->RTLDelete(threadId);
-    m_unclaimed.erase(threadId);
+    const bool unclaimed = m_unclaimed.erase(threadId) != 0;
+    if (registered != nullptr) *registered = object != nullptr && !unclaimed;
     return object;
 }
 
@@ -175,14 +177,24 @@ CVekPointer* CVekRvNet::RRNWaitForNewActivity(int threadId, int* status) {
 
 RvIO* CVekRvNet::RRNNewIO(int* status, unsigned int socket, rvevm_IoEventType type,
                           RvIOCallback* callback, void* closure) {
+    bool registered = false;
+    return newIO(status, &registered, socket, type, callback, closure);
+}
+
+/// `*registered` says whether the registry took the handler. Another thread cannot look for itself:
+/// the main thread fills the registry without the lock.
+RvIO* CVekRvNet::newIO(int* status, bool* registered, unsigned int socket, rvevm_IoEventType type,
+                       RvIOCallback* callback, void* closure) {
     *status = kvx::kOk;
     if (RRNReturnCheckThreadId() == kvx::kOk) {
-        return createIOHere(status, socket, type, callback, closure);
+        RvIO* const io = createIOHere(status, socket, type, callback, closure);
+        *registered = *status == kvx::kOk;
+        return io;
     }
     static constexpr RequestLines kLines = {rvNet::IoTimedOut, rvNet::IoNotMade, rvNet::IoNoQueue};
     RvIO* const io = requestObject<RvIO>(
         status, SVekRvQueueIO{VEK_QUEUE_IO, 0, socket, callback, type, closure}, kLines,
-        "addition of a handler for socket " + std::to_string(socket) + " failed");
+        "addition of a handler for socket " + std::to_string(socket) + " failed", registered);
     if (io != nullptr) {
         kvx::trace(kvx::kTraceCalls, "RRNNewIO() handler created for socket ", socket, "\n");
     }

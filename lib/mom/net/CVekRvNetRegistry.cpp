@@ -25,7 +25,6 @@ constexpr char kAdvisorySubjects[] = "_RV.>";
 constexpr std::string_view kInboxPrefix = "_INBOX.";
 constexpr std::size_t kKeptInboxSenders = 4096;
 constexpr int kPostInitInterval = 3;  // milliseconds
-constexpr int kLeastTimerSweep = 64;  // registered timers that are never swept
 constexpr std::size_t kSubjectGrowth = 4;
 constexpr std::size_t kSubjectReserve = 32;  // bytes
 
@@ -95,6 +94,8 @@ int CVekRvNet::RRNAddExService(const char* subject, RvDataCallback* callback) {
 int CVekRvNet::RRNTakeService(const char* subject, RvDataCallback* callback) {
     const int result = RRNAddService(subject, callback);
     if (result == kvx::kOk) {
+        // Two threads may offer services at once.
+        const CVekAutoMutex guard(m_requestMutex);
         m_takenCallbacks->RSPush(callback);
     } else {
         kvx::report(result, rvNet::kFile, rvNet::TakeService);
@@ -238,8 +239,9 @@ int CVekRvNet::RRNRemoveListener(const char* subject) {
     const CVekThread::AutoMutex guard(*m_lock);
     if (!m_listeners) return result;
     if (m_listeners->RTLIsMultiple(&keyAtom) == FALSE) {
-        auto* const listener = pointeeOf<RvListener>(m_listeners->RTLGet(key.c_str()));
-        if (m_listeners->RTLGet(key.c_str()) == nullptr) return result;
+        const CVekPointer* const entry = m_listeners->RTLGet(key.c_str());
+        if (entry == nullptr) return result;
+        auto* const listener = pointeeOf<RvListener>(entry);
         result = m_listeners->RTLDelete(key.c_str());
         if (result == kvx::kOk) delete listener;
         return result;
@@ -336,9 +338,10 @@ int CVekRvNet::RRNAddIOHandle(unsigned int socket, __boolean read, __boolean wri
     choose(exception, rvNet::IoTypeException);
     // Whatever was chosen, the handler watches for readability.
     int status = kvx::kOk;
-    RvIO* const io = RRNNewIO(&status, socket, RVEVM_READ, callback, this);
-    const CVekThread::AutoMutex guard(*m_lock);
-    if (io != nullptr && pointeeOf<RvIO>(m_ioHandlers->RTLGet(static_cast<int>(socket))) != io) {
+    bool registered = false;
+    RvIO* const io = newIO(&status, &registered, socket, RVEVM_READ, callback, this);
+    if (io != nullptr && !registered) {
+        const CVekThread::AutoMutex guard(*m_lock);
         m_strayHandlers.emplace_back(io);
     }
     return status;

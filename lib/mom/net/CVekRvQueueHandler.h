@@ -20,7 +20,7 @@ class KVX_API CVekRvQueueHandler : public RvTimerCallback {
     CVekRvQueueHandler& operator=(const CVekRvQueueHandler& other);
     ~CVekRvQueueHandler() override;
 
-    /// Empties the net's request stack, last request first, and posts an answer for each valid one.
+    /// Empties the net's request stack and posts an answer for each valid request.
     /// A record of an unknown type is reported with -220382 and neither answered nor deleted.
     void onTimer(RvTimer* timer) override;
 

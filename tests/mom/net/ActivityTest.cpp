@@ -9,6 +9,7 @@
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/Home.h"
 #include "tests/support/Nets.h"
+#include "tests/support/SocketPair.h"
 
 using namespace kvx::test;
 
@@ -110,7 +111,7 @@ TEST_F(Activity, RefusesRequestsWhenNobodyListens) {
                    "it seems that the main thread is not listening for new activity requests"}}));
 }
 
-TEST_F(Activity, HandlesRequestsLastFirstAndRefusesInvalidOnes) {
+TEST_F(Activity, RefusesInvalidRequests) {
     net.m_requests->RSPush(new SVekRvQueueSender{VEK_QUEUE_SENDER, 7, nullptr, nullptr});
     net.m_requests->RSPush(
         new SVekRvQueueListener{VEK_QUEUE_LISTENER, 7, "A", 0, nullptr, nullptr});
@@ -152,6 +153,17 @@ TEST_F(Activity, HandlerWithoutANetIsReportedAndHarmless) {
     CVekRvQueueHandler handler(nullptr);
     handler.onTimer(nullptr);
     EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekRvQueueHandler", 84, ""}}));
+}
+
+TEST_F(Activity, KeepsASecondHandlerOfOneSocketForAnotherThreadToo) {
+    const SocketPair pair;
+    const auto watched = static_cast<unsigned int>(pair.near.get());
+    int status = 0;
+    ASSERT_NE(net.RRNNewIO(&status, watched, RVEVM_EXCEPTION, &ignoreIO, nullptr), nullptr);
+    serve([&] { EXPECT_EQ(net.RRNAddIOHandle(watched, TRUE, FALSE, FALSE, &ignoreIO), 1); });
+    EXPECT_EQ(net.m_ioHandlers->RTLLength(), 1);
+    EXPECT_EQ(net.RRNRemoveIO(watched), 1);
+    EXPECT_EQ(net.m_ioHandlers->RTLLength(), 0);
 }
 
 TEST_F(Activity, ServesEightThreadsAtOnce) {
