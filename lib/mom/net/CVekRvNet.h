@@ -101,7 +101,7 @@ class KVX_API CVekRvNet : public CVekNet {
     int RRNSend(const char* subject, RvDatum& datum, RvDataCallback* callback);
 
     /// Publishes `datum` on exactly `subject`. Returns the sender, which the registry owns, or
-    /// null. Main thread.
+    /// null. A sender to an inbox lives until 4,096 later ones were made. Main thread.
     RvSender* RRNSendOnSubject(char* subject, RvDatum& datum);
 
     // --- Timers, I/O and registries ------------------------------------------------------------
