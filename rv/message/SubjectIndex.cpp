@@ -1,20 +1,21 @@
 // Subscriptions by subject, and the questions that a message asks of them.
 //
-// The tree lives in two flat arrays. `nodes_` holds the nodes, one cache line each, and `slots_`
-// finds the exact child of a node by its element. The hash of a slot covers the whole path from the
-// root, not (parent, element): so a lookup knows the slots of all its levels before it has seen one
-// node, and fetches them side by side. A slot is a hint only; a node is taken when its parent is
-// the node of the level above and its text the element, so equal hashes cost time and no more. The
-// seed differs in every tree: a peer cannot choose subjects that collide.
+// A message's subject is looked up twice. Subscriptions without wildcards lie in `exact_`, by the
+// hash of their whole subject: one probe and one comparison, however many there are. The tree has
+// every subscription, but this walk follows only the nodes with wildcards below them, which have a
+// table of their own: few, so they stay in the cache. It branches where a node has a "*" child;
+// below one, and there only, all exact children are followed. Every branch follows nodes that
+// wildcard subscriptions have made, so the work is bounded by those that agree with the subject so
+// far.
 //
-// "*" and a final ">" are children outside of `slots_`, one link each, so an exact lookup never
-// sees them and a tree without wildcards pays one comparison a level for them. A lookup branches
-// where a node has a "*" child and an exact one; every branch follows nodes that subscriptions have
-// made, so the work is bounded by the wildcard subscriptions that agree with the subject so far.
+// Hashes cover the path from the root, so one pass over a subject gives the hash of every level.
+// They are hints only: a node is taken when its parent is the node of the level above and its text
+// the element, a leaf when its subject is the same bytes. Equal hashes cost time and no more; the
+// seed differs in every tree, so a peer cannot choose subjects that collide.
 //
-// A lookup only notes the nodes it reaches. Each node's entries are in the order of adding already;
-// a heap over the reached nodes merges them. While any walk is going on, removing marks the entry
-// and leaves it, and the last walk sweeps what was marked.
+// A lookup only notes the leaves it reaches. Each leaf's entries are in the order of adding
+// already; a heap over the reached leaves merges them. While any walk is going on, removing marks
+// the entry and leaves it, and the last walk sweeps what was marked.
 
 #include "rv/message/SubjectIndex.h"
 
@@ -30,8 +31,6 @@ namespace kvx {
 
 namespace {
 
-constexpr std::size_t kFirstSlots = 64;
-
 bool isLast(SubjectView::Iterator at, SubjectView::Iterator end) {
     return ++at == end;
 }
@@ -43,21 +42,33 @@ std::uint64_t foldedProduct(std::uint64_t a, std::uint64_t b) {
     return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64U);
 }
 
+// Never 0, which marks the nodes that no table has.
 std::uint32_t slotHash(std::uint64_t pathHash) {
-    return static_cast<std::uint32_t>(pathHash >> 32U);
+    return static_cast<std::uint32_t>(pathHash >> 32U) | 1U << 31U;
 }
 
-bool before(std::uint64_t orderOfA, std::uint64_t orderOfB) {
-    return orderOfA > orderOfB;  // std heaps keep the largest on top; here that is the earliest
+bool sameText(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    return a.size() <= 16 ? wordsOf(a.data(), a.size()) == wordsOf(b.data(), b.size()) : a == b;
+}
+
+// A number from the free ones, or a new element's.
+template <class Element>
+std::uint32_t takeNumber(std::vector<std::uint32_t>& free, std::vector<Element>& all) {
+    if (free.empty()) {
+        all.emplace_back();
+        return static_cast<std::uint32_t>(all.size() - 1);
+    }
+    const std::uint32_t number = free.back();
+    free.pop_back();
+    return number;
 }
 
 }  // namespace
 
-SubjectIndex::SubjectIndex() {
+SubjectIndex::SubjectIndex() : nodes_(kRoot + 1), leaves_(1) {
     std::random_device random;
     seed_ = static_cast<std::uint64_t>(random()) << 32U | random();
-    nodes_.resize(kRoot + 1);
-    slots_.resize(kFirstSlots);
 }
 
 // ---- finding ----
@@ -74,6 +85,12 @@ std::uint64_t SubjectIndex::extend(std::uint64_t pathHash, std::string_view elem
     return foldedProduct(a ^ hash, b ^ seed_ ^ kMix);
 }
 
+std::uint64_t SubjectIndex::hashOf(SubjectView subject) const {
+    std::uint64_t pathHash = seed_;
+    for (const std::string_view element : subject) pathHash = extend(pathHash, element);
+    return pathHash;
+}
+
 std::string_view SubjectIndex::textOf(const Node& node) const {
     if (node.textLength <= kInlineText) return {node.text, node.textLength};
     std::uint32_t number;
@@ -81,21 +98,23 @@ std::string_view SubjectIndex::textOf(const Node& node) const {
     return longTexts_[number];
 }
 
-bool SubjectIndex::holds(const Node& node, NodeId parent, std::string_view element) const {
-    return node.parent == parent && textOf(node) == element;
+SubjectIndex::NodeId SubjectIndex::find(const SlotTable& table, NodeId parent,
+                                        std::string_view element, std::uint64_t pathHash) const {
+    return table.find(slotHash(pathHash), [this, parent, element](NodeId id) {
+        return nodes_[id].parent == parent && sameText(textOf(nodes_[id]), element);
+    });
 }
 
-SubjectIndex::NodeId SubjectIndex::find(NodeId parent, std::string_view element,
-                                        std::uint32_t hash) const {
-    const std::size_t mask = slots_.size() - 1;
-    for (std::size_t i = hash & mask; slots_[i].node != 0; i = (i + 1) & mask) {
-        const Slot slot = slots_[i];
-        if (slot.hash == hash && holds(nodes_[slot.node], parent, element)) return slot.node;
-    }
-    return 0;
+SubjectIndex::LeafId SubjectIndex::findExact(SubjectView subject, std::uint64_t pathHash) const {
+    return exact_.find(slotHash(pathHash), [this, subject](LeafId id) {
+        const std::uint8_t* const known = leaves_[id].subject.get();
+        return SubjectView::trusted(known).length() == subject.length() &&
+               std::memcmp(known, subject.data(), subject.length()) == 0;
+    });
 }
 
-SubjectIndex::NodeId SubjectIndex::locate(SubjectView subject) const {
+SubjectIndex::LeafId SubjectIndex::locate(SubjectView subject) const {
+    if (!subject.hasWildcards()) return findExact(subject, hashOf(subject));
     NodeId id = kRoot;
     std::uint64_t pathHash = seed_;
     const auto end = subject.end();
@@ -107,16 +126,16 @@ SubjectIndex::NodeId SubjectIndex::locate(SubjectView subject) const {
         } else if (element == kAnyTrailingElements && isLast(at, end)) {
             id = nodes_[id].rest;
         } else {
-            id = find(id, element, slotHash(pathHash));
+            id = find(children_, id, element, pathHash);
         }
     }
-    return id;
+    return id == 0 ? 0 : nodes_[id].leaf;
 }
 
-std::span<SubjectIndex::Entry> SubjectIndex::entriesOf(NodeId id) {
-    Node& node = nodes_[id];
-    if (node.entryState == 2) return lists_[node.entry.order];
-    return {&node.entry, node.entryState};
+std::span<SubjectIndex::Entry> SubjectIndex::entriesOf(LeafId id) {
+    Leaf& leaf = leaves_[id];
+    if (leaf.state == Leaf::kList) return lists_[leaf.entry.order];
+    return {&leaf.entry, leaf.state == Leaf::kOne ? 1U : 0U};
 }
 
 // ---- adding ----
@@ -128,7 +147,7 @@ void SubjectIndex::add(SubjectView subject, void* subscription) {
     for (auto at = subject.begin(); at != end; ++at) {
         id = childFor(id, *at, isLast(at, end), pathHash);
     }
-    appendEntry(id, {subscription, nextOrder_++});
+    appendEntry(leafFor(id, subject), {subscription, nextOrder_++});
     ++size_;
 }
 
@@ -140,19 +159,17 @@ SubjectIndex::NodeId SubjectIndex::childFor(NodeId parent, std::string_view elem
         if (id == 0) {
             id = newNode(parent, element);
             wildcardLink(parent, element) = id;
+            countWildcard(parent, true);
         }
         return id;
     }
-    const std::uint32_t hash = slotHash(pathHash);
-    if (const NodeId found = find(parent, element, hash); found != 0) return found;
+    if (const NodeId found = find(children_, parent, element, pathHash); found != 0) return found;
     const NodeId id = newNode(parent, element);
     Node& node = nodes_[id];
-    node.hash = hash;
+    node.hash = slotHash(pathHash);
     node.next = std::exchange(nodes_[parent].firstChild, id);
     if (node.next != 0) nodes_[node.next].previous = id;
-    if ((usedSlots_ + 1) * 2 > slots_.size()) growSlots();
-    insertSlot({hash, id});
-    ++usedSlots_;
+    children_.insert(node.hash, id);
     return id;
 }
 
@@ -160,15 +177,21 @@ SubjectIndex::NodeId& SubjectIndex::wildcardLink(NodeId parent, std::string_view
     return element == kAnyElement ? nodes_[parent].any : nodes_[parent].rest;
 }
 
-SubjectIndex::NodeId SubjectIndex::newNode(NodeId parent, std::string_view element) {
-    NodeId id = 0;
-    if (freeNodes_.empty()) {
-        id = static_cast<NodeId>(nodes_.size());
-        nodes_.emplace_back();
-    } else {
-        id = freeNodes_.back();
-        freeNodes_.pop_back();
+// Tells `id` and all nodes above it that a wildcard child below them has come or gone.
+void SubjectIndex::countWildcard(NodeId id, bool isAdded) {
+    for (; id != 0; id = nodes_[id].parent) {
+        Node& node = nodes_[id];
+        const bool isExactChild = node.hash != 0;
+        if (isAdded) {
+            if (node.wildcardsBelow++ == 0 && isExactChild) wildcardPaths_.insert(node.hash, id);
+        } else {
+            if (--node.wildcardsBelow == 0 && isExactChild) wildcardPaths_.erase(node.hash, id);
+        }
     }
+}
+
+SubjectIndex::NodeId SubjectIndex::newNode(NodeId parent, std::string_view element) {
+    const NodeId id = takeNumber(freeNodes_, nodes_);
     Node& node = nodes_[id] = Node{};
     node.parent = parent;
     node.textLength = static_cast<std::uint8_t>(element.size());
@@ -176,60 +199,45 @@ SubjectIndex::NodeId SubjectIndex::newNode(NodeId parent, std::string_view eleme
         std::memcpy(node.text, element.data(), element.size());
         return id;
     }
-    std::uint32_t number = 0;
-    if (freeTexts_.empty()) {
-        number = static_cast<std::uint32_t>(longTexts_.size());
-        longTexts_.emplace_back(element);
-    } else {
-        number = freeTexts_.back();
-        freeTexts_.pop_back();
-        longTexts_[number] = element;
-    }
+    const std::uint32_t number = takeNumber(freeTexts_, longTexts_);
+    longTexts_[number] = element;
     std::memcpy(node.text, &number, sizeof number);
     return id;
 }
 
-void SubjectIndex::appendEntry(NodeId id, Entry entry) {
-    Node& node = nodes_[id];
-    if (node.entryState == 0) {
-        node.entry = entry;
-        node.entryState = 1;
+SubjectIndex::LeafId SubjectIndex::leafFor(NodeId id, SubjectView subject) {
+    if (nodes_[id].leaf != 0) return nodes_[id].leaf;
+    const LeafId leafId = takeNumber(freeLeaves_, leaves_);
+    nodes_[id].leaf = leafId;
+    Leaf& leaf = leaves_[leafId];
+    leaf.node = id;
+    if (subject.hasWildcards()) return leafId;
+    leaf.subject = std::make_unique<std::uint8_t[]>(subject.length());
+    std::memcpy(leaf.subject.get(), subject.data(), subject.length());
+    exact_.insert(nodes_[id].hash, leafId);
+    return leafId;
+}
+
+void SubjectIndex::appendEntry(LeafId id, Entry entry) {
+    Leaf& leaf = leaves_[id];
+    if (leaf.state == Leaf::kNone) {
+        leaf.entry = entry;
+        leaf.state = Leaf::kOne;
         return;
     }
-    if (node.entryState == 1) {
-        std::uint32_t number = 0;
-        if (freeLists_.empty()) {
-            number = static_cast<std::uint32_t>(lists_.size());
-            lists_.emplace_back();
-        } else {
-            number = freeLists_.back();
-            freeLists_.pop_back();
-        }
-        lists_[number].push_back(node.entry);
-        node.entry = {nullptr, number};
-        node.entryState = 2;
+    if (leaf.state == Leaf::kOne) {
+        const std::uint32_t number = takeNumber(freeLists_, lists_);
+        lists_[number].push_back(leaf.entry);
+        leaf.entry = {nullptr, number};
+        leaf.state = Leaf::kList;
     }
-    lists_[node.entry.order].push_back(entry);
-}
-
-void SubjectIndex::insertSlot(Slot slot) {
-    const std::size_t mask = slots_.size() - 1;
-    std::size_t i = slot.hash & mask;
-    while (slots_[i].node != 0) i = (i + 1) & mask;
-    slots_[i] = slot;
-}
-
-void SubjectIndex::growSlots() {
-    const std::vector<Slot> old = std::exchange(slots_, std::vector<Slot>(slots_.size() * 2));
-    for (const Slot slot : old) {
-        if (slot.node != 0) insertSlot(slot);
-    }
+    lists_[leaf.entry.order].push_back(entry);
 }
 
 // ---- removing ----
 
 bool SubjectIndex::remove(SubjectView subject, const void* subscription) {
-    const NodeId id = locate(subject);
+    const LeafId id = locate(subject);
     if (id == 0) return false;
     const std::span<Entry> entries = entriesOf(id);
     for (std::size_t i = entries.size(); i-- > 0;) {
@@ -237,7 +245,7 @@ bool SubjectIndex::remove(SubjectView subject, const void* subscription) {
         --size_;
         if (walks_ == 0) {
             eraseEntry(id, i);
-            prune(id);
+            dropLeaf(id);
         } else {
             entries[i].subscription = nullptr;
             dirty_.push_back(id);
@@ -247,32 +255,46 @@ bool SubjectIndex::remove(SubjectView subject, const void* subscription) {
     return false;
 }
 
-void SubjectIndex::eraseEntry(NodeId id, std::size_t position) {
-    Node& node = nodes_[id];
-    if (node.entryState == 2) {
-        const auto number = static_cast<std::uint32_t>(node.entry.order);
+void SubjectIndex::eraseEntry(LeafId id, std::size_t position) {
+    Leaf& leaf = leaves_[id];
+    if (leaf.state == Leaf::kList) {
+        const auto number = static_cast<std::uint32_t>(leaf.entry.order);
         std::vector<Entry>& list = lists_[number];
         list.erase(list.begin() + static_cast<std::ptrdiff_t>(position));
         if (!list.empty()) return;
         list.shrink_to_fit();
         freeLists_.push_back(number);
     }
-    node.entryState = 0;
+    leaf.state = Leaf::kNone;
 }
 
-void SubjectIndex::sweep(NodeId id) {
-    for (std::size_t i = entriesOf(id).size(); i-- > 0;) {
-        if (entriesOf(id)[i].subscription == nullptr) eraseEntry(id, i);
+void SubjectIndex::sweep(LeafId id) {
+    if (leaves_[id].state == Leaf::kList) {
+        auto& list = lists_[leaves_[id].entry.order];
+        const auto isRemoved = [](const Entry& entry) { return entry.subscription == nullptr; };
+        list.erase(std::remove_if(list.begin() + 1, list.end(), isRemoved), list.end());
     }
+    const std::span<Entry> entries = entriesOf(id);
+    if (!entries.empty() && entries[0].subscription == nullptr) eraseEntry(id, 0);
 }
 
-bool SubjectIndex::isEmpty(const Node& node) {
-    return node.entryState == 0 && node.firstChild == 0 && node.any == 0 && node.rest == 0;
+// Gives back a leaf without entries, and the nodes that were there for it alone.
+void SubjectIndex::dropLeaf(LeafId id) {
+    Leaf& leaf = leaves_[id];
+    if (leaf.state != Leaf::kNone) return;
+    const NodeId node = leaf.node;
+    if (leaf.subject != nullptr) exact_.erase(nodes_[node].hash, id);
+    leaf = Leaf{};
+    freeLeaves_.push_back(id);
+    nodes_[node].leaf = 0;
+    prune(node);
 }
 
 void SubjectIndex::prune(NodeId id) {
-    while (id != kRoot && isEmpty(nodes_[id])) {
-        const NodeId parent = nodes_[id].parent;
+    while (id != kRoot) {
+        const Node& node = nodes_[id];
+        if (node.leaf != 0 || node.firstChild != 0 || node.any != 0 || node.rest != 0) return;
+        const NodeId parent = node.parent;
         unlink(id);
         id = parent;
     }
@@ -281,12 +303,11 @@ void SubjectIndex::prune(NodeId id) {
 void SubjectIndex::unlink(NodeId id) {
     Node& node = nodes_[id];
     Node& parent = nodes_[node.parent];
-    if (parent.any == id) {
-        parent.any = 0;
-    } else if (parent.rest == id) {
-        parent.rest = 0;
+    if (parent.any == id || parent.rest == id) {
+        (parent.any == id ? parent.any : parent.rest) = 0;
+        countWildcard(node.parent, false);
     } else {
-        eraseSlot(node, id);
+        children_.erase(node.hash, id);
         (node.previous != 0 ? nodes_[node.previous].next : parent.firstChild) = node.next;
         if (node.next != 0) nodes_[node.next].previous = node.previous;
     }
@@ -300,72 +321,59 @@ void SubjectIndex::unlink(NodeId id) {
     freeNodes_.push_back(id);
 }
 
-// Moves later slots of the same run forward, so that no probe ends at the gap too early.
-void SubjectIndex::eraseSlot(const Node& node, NodeId id) {
-    const std::size_t mask = slots_.size() - 1;
-    std::size_t gap = node.hash & mask;
-    while (slots_[gap].node != id) gap = (gap + 1) & mask;
-    for (std::size_t i = (gap + 1) & mask; slots_[i].node != 0; i = (i + 1) & mask) {
-        const std::size_t home = slots_[i].hash & mask;
-        if (((i - home) & mask) < ((i - gap) & mask)) continue;
-        slots_[gap] = slots_[i];
-        gap = i;
-    }
-    slots_[gap] = {0, 0};
-    --usedSlots_;
-}
-
 // ---- collecting what a subject reaches ----
 
-void SubjectIndex::reach(NodeId id) {
+void SubjectIndex::reach(LeafId id) {
+    if (id == 0) return;
     const std::span<Entry> entries = entriesOf(id);
     if (!entries.empty()) reached_.push_back({id, 0, entries[0].order});
 }
 
-void SubjectIndex::collectExactPath(SubjectView subject, Root root) {
-    std::array<std::uint64_t, kMaxSubjectElements> hashes;
-    const std::size_t mask = slots_.size() - 1;
-    const auto end = subject.end();
-    std::uint64_t pathHash = seed_;
-    std::size_t level = 0;
-    for (auto at = subject.begin(); at != end; ++at) {
-        pathHash = extend(pathHash, *at);
-        hashes[level++] = pathHash;
-        __builtin_prefetch(&slots_[slotHash(pathHash) & mask]);
+void SubjectIndex::collectMatches(SubjectView subject, Root root) {
+    std::array<std::uint64_t, kMaxSubjectElements + 1> hashes;  // of the path above each level
+    std::uint64_t* last = hashes.data();
+    *last = seed_;
+    for (const std::string_view element : subject) {
+        const std::uint64_t above = *last;
+        *++last = extend(above, element);
     }
+    exact_.prefetch(slotHash(*last));
+    if (nodes_[kRoot].wildcardsBelow != 0) collectWildcards(subject, root, hashes.data());
+    reach(findExact(subject, *last));
+}
+
+void SubjectIndex::collectWildcards(SubjectView subject, Root root, const std::uint64_t* hashes) {
     NodeId id = kRoot;
-    level = 0;
-    for (auto at = subject.begin(); at != end; ++at, ++level) {
+    bool isOpen = root == Root::kAny;  // for wildcards at this level
+    const auto end = subject.end();
+    for (auto at = subject.begin(); at != end && id != 0; isOpen = true) {
         const Node& node = nodes_[id];
-        if (level > 0 || root == Root::kAny) {
-            if (node.rest != 0) reach(node.rest);
-            if (node.any != 0) {
-                auto below = at;
-                collect(node.any, ++below, end,
-                        extend(level == 0 ? seed_ : hashes[level - 1], kAnyElement));
-            }
+        const std::string_view element = *at;
+        ++at;
+        if (isOpen && node.rest != 0) reach(nodes_[node.rest].leaf);
+        if (isOpen && node.any != 0) {
+            collectBelowAny(node.any, at, end, extend(*hashes, kAnyElement));
         }
-        id = find(id, *at, slotHash(hashes[level]));
-        if (id == 0) return;
+        ++hashes;
+        id = find(wildcardPaths_, id, element, *hashes);
     }
-    reach(id);
 }
 
 // As deep as the subject has "*" levels in the tree, 102 at most.
-void SubjectIndex::collect(NodeId id, SubjectView::Iterator at, SubjectView::Iterator end,
-                           std::uint64_t pathHash) {
+void SubjectIndex::collectBelowAny(NodeId id, SubjectView::Iterator at, SubjectView::Iterator end,
+                                   std::uint64_t pathHash) {
     while (at != end) {
         const Node& node = nodes_[id];
         const std::string_view element = *at;
         ++at;
-        if (node.rest != 0) reach(node.rest);
-        if (node.any != 0) collect(node.any, at, end, extend(pathHash, kAnyElement));
+        if (node.rest != 0) reach(nodes_[node.rest].leaf);
+        if (node.any != 0) collectBelowAny(node.any, at, end, extend(pathHash, kAnyElement));
         if (node.firstChild == 0) return;
         pathHash = extend(pathHash, element);
-        id = find(id, element, slotHash(pathHash));
+        id = find(children_, id, element, pathHash);
         if (id == 0) return;
     }
-    reach(id);
+    reach(nodes_[id].leaf);
 }
 
 bool SubjectIndex::admitted(NodeId parent, std::string_view element, const Admit& admit) const {
@@ -374,13 +382,13 @@ bool SubjectIndex::admitted(NodeId parent, std::string_view element, const Admit
 
 void SubjectIndex::collectCovered(NodeId id, SubjectView::Iterator at, SubjectView::Iterator end,
                                   std::uint64_t pathHash, const Admit& admit) {
-    if (at == end) return reach(id);
+    if (at == end) return reach(nodes_[id].leaf);
     const std::string_view element = *at;
     if (element == kAnyTrailingElements && isLast(at, end)) return collectBelow(id, admit);
     ++at;
     if (element != kAnyElement) {
         pathHash = extend(pathHash, element);
-        const NodeId child = find(id, element, slotHash(pathHash));
+        const NodeId child = find(children_, id, element, pathHash);
         if (child != 0 && admitted(id, element, admit)) {
             collectCovered(child, at, end, pathHash, admit);
         }
@@ -401,7 +409,7 @@ void SubjectIndex::collectCovered(NodeId id, SubjectView::Iterator at, SubjectVi
 void SubjectIndex::collectBelow(NodeId id, const Admit& admit) {
     const auto take = [this, id, &admit](NodeId child) {
         if (child == 0 || !admitted(id, textOf(nodes_[child]), admit)) return;
-        reach(child);
+        reach(nodes_[child].leaf);
         collectBelow(child, admit);
     };
     for (NodeId child = nodes_[id].firstChild; child != 0; child = nodes_[child].next) take(child);
@@ -412,10 +420,10 @@ void SubjectIndex::collectBelow(NodeId id, const Admit& admit) {
 void SubjectIndex::endWalk(std::size_t base) {
     reached_.resize(base);
     if (--walks_ != 0) return;
-    for (const NodeId id : std::exchange(dirty_, {})) {
-        if (id == kRoot || nodes_[id].parent == 0) continue;  // pruned with an earlier one
+    for (const LeafId id : std::exchange(dirty_, {})) {
+        if (leaves_[id].node == 0) continue;  // dropped with an earlier removal
         sweep(id);
-        prune(id);
+        dropLeaf(id);
     }
 }
 
@@ -431,12 +439,12 @@ SubjectIndex::Walk::~Walk() {
 }
 
 void SubjectIndex::Walk::match(SubjectView subject, Root root) {
-    index_.collectExactPath(subject, root);
+    index_.collectMatches(subject, root);
     start();
 }
 
 void SubjectIndex::Walk::matchExact(SubjectView subject) {
-    if (const NodeId id = index_.locate(subject); id != 0) index_.reach(id);
+    index_.reach(index_.locate(subject));
 }
 
 void SubjectIndex::Walk::matchCovered(SubjectView pattern, const Admit& admit) {
@@ -447,8 +455,7 @@ void SubjectIndex::Walk::matchCovered(SubjectView pattern, const Admit& admit) {
 void SubjectIndex::Walk::start() {
     auto& reached = index_.reached_;
     if (reached.size() - base_ < 2) return;
-    std::make_heap(reached.begin() + static_cast<std::ptrdiff_t>(base_), reached.end(),
-                   [](const Cursor& a, const Cursor& b) { return before(a.order, b.order); });
+    std::make_heap(reached.begin() + static_cast<std::ptrdiff_t>(base_), reached.end(), Later{});
 }
 
 void* SubjectIndex::Walk::next() {
@@ -464,7 +471,7 @@ void* SubjectIndex::Walk::next() {
 
 void* SubjectIndex::Walk::nextOfOne() {
     Cursor& cursor = index_.reached_[base_];
-    const std::span<Entry> entries = index_.entriesOf(cursor.node);
+    const std::span<Entry> entries = index_.entriesOf(cursor.leaf);
     while (cursor.position < entries.size()) {
         const Entry entry = entries[cursor.position++];
         if (entry.order >= limit_) break;
@@ -476,16 +483,15 @@ void* SubjectIndex::Walk::nextOfOne() {
 
 void* SubjectIndex::Walk::nextOfMany() {
     auto& reached = index_.reached_;
-    const auto later = [](const Cursor& a, const Cursor& b) { return before(a.order, b.order); };
     while (reached.size() > base_) {
         const auto first = reached.begin() + static_cast<std::ptrdiff_t>(base_);
-        std::pop_heap(first, reached.end(), later);
+        std::pop_heap(first, reached.end(), Later{});
         Cursor& cursor = reached.back();
-        const std::span<Entry> entries = index_.entriesOf(cursor.node);
+        const std::span<Entry> entries = index_.entriesOf(cursor.leaf);
         void* const subscription = entries[cursor.position++].subscription;
         if (cursor.position < entries.size() && entries[cursor.position].order < limit_) {
             cursor.order = entries[cursor.position].order;
-            std::push_heap(first, reached.end(), later);
+            std::push_heap(first, reached.end(), Later{});
         } else {
             reached.pop_back();
         }

@@ -3,11 +3,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "rv/message/SlotTable.h"
 #include "rv/message/SubjectView.h"
 
 namespace kvx {
@@ -17,6 +19,7 @@ namespace kvx {
 class SubjectIndex {
   public:
     using NodeId = std::uint32_t;  // 0: none
+    using LeafId = std::uint32_t;  // 0: none
 
     /// Which first elements of subscriptions a match may follow.
     enum class Root : std::uint8_t { kAny, kLiteral };
@@ -61,61 +64,73 @@ class SubjectIndex {
         std::uint64_t order;  // position in the order of adding
     };
 
-    /// One cache line. A node with one entry holds it; with more, `entry.order` is the number of
-    /// the list that has them. Texts above `kInlineText` characters stand in `longTexts_`, whose
-    /// number then begins `text`.
+    /// The subscriptions of one subject. One entry stands in the leaf; with more, `entry.order` is
+    /// the number of the list that has them.
+    struct Leaf {
+        enum State : std::uint32_t { kNone, kOne, kList };
+
+        Entry entry{nullptr, 0};
+        NodeId node = 0;
+        State state = kNone;
+        std::unique_ptr<std::uint8_t[]> subject;  // encoded; null for a pattern
+    };
+
+    /// One level of the tree, one cache line. Texts above `kInlineText` characters stand in
+    /// `longTexts_`, whose number then begins `text`.
     struct alignas(64) Node {
         NodeId parent = 0;
-        std::uint32_t hash = 0;  // of the path from the root; places the node in `slots_`
+        std::uint32_t hash = 0;  // of the path from the root; 0 for "*", ">" and the root
         NodeId any = 0;          // the "*" child
         NodeId rest = 0;         // the ">" child
         NodeId firstChild = 0;   // exact children, linked through next and previous
         NodeId next = 0;
         NodeId previous = 0;
-        std::uint32_t entryState = 0;  // 0 none, 1 one, 2 a list
-        Entry entry{nullptr, 0};
+        LeafId leaf = 0;
+        std::uint32_t wildcardsBelow = 0;  // "*" and ">" children here and further down
         std::uint8_t textLength = 0;
-        char text[15] = {};
+        char text[27] = {};
     };
     static constexpr std::size_t kInlineText = sizeof(Node::text);
     static constexpr NodeId kRoot = 1;
 
-    struct Slot {
-        std::uint32_t hash;
-        NodeId node;  // 0: free
-    };
-
-    /// Where a walk stands in one node's entries.
+    /// Where a walk stands in one leaf's entries.
     struct Cursor {
-        NodeId node;
+        LeafId leaf;
         std::uint32_t position;
         std::uint64_t order;  // of the entry at `position`
     };
 
+    /// Puts the earliest cursor on top of a heap.
+    struct Later {
+        bool operator()(const Cursor& a, const Cursor& b) const { return a.order > b.order; }
+    };
+
     std::uint64_t extend(std::uint64_t pathHash, std::string_view element) const;
+    std::uint64_t hashOf(SubjectView subject) const;
     std::string_view textOf(const Node& node) const;
-    bool holds(const Node& node, NodeId parent, std::string_view element) const;
-    NodeId find(NodeId parent, std::string_view element, std::uint32_t hash) const;
-    NodeId locate(SubjectView subject) const;
-    std::span<Entry> entriesOf(NodeId id);
+    NodeId find(const SlotTable& table, NodeId parent, std::string_view element,
+                std::uint64_t pathHash) const;
+    LeafId findExact(SubjectView subject, std::uint64_t pathHash) const;
+    LeafId locate(SubjectView subject) const;
+    std::span<Entry> entriesOf(LeafId id);
 
     NodeId newNode(NodeId parent, std::string_view element);
     NodeId childFor(NodeId parent, std::string_view element, bool last, std::uint64_t& pathHash);
     NodeId& wildcardLink(NodeId parent, std::string_view element);
-    void appendEntry(NodeId id, Entry entry);
-    void eraseEntry(NodeId id, std::size_t position);
-    void sweep(NodeId id);
+    void countWildcard(NodeId id, bool isAdded);
+    LeafId leafFor(NodeId id, SubjectView subject);
+    void appendEntry(LeafId id, Entry entry);
+    void eraseEntry(LeafId id, std::size_t position);
+    void sweep(LeafId id);
+    void dropLeaf(LeafId id);
     void prune(NodeId id);
     void unlink(NodeId id);
-    void insertSlot(Slot slot);
-    void eraseSlot(const Node& node, NodeId id);
-    void growSlots();
-    static bool isEmpty(const Node& node);
 
-    void reach(NodeId id);
-    void collectExactPath(SubjectView subject, Root root);
-    void collect(NodeId id, SubjectView::Iterator at, SubjectView::Iterator end,
-                 std::uint64_t pathHash);
+    void reach(LeafId id);
+    void collectMatches(SubjectView subject, Root root);
+    void collectWildcards(SubjectView subject, Root root, const std::uint64_t* hashes);
+    void collectBelowAny(NodeId id, SubjectView::Iterator at, SubjectView::Iterator end,
+                         std::uint64_t pathHash);
     void collectCovered(NodeId id, SubjectView::Iterator at, SubjectView::Iterator end,
                         std::uint64_t pathHash, const Admit& admit);
     void collectBelow(NodeId id, const Admit& admit);
@@ -125,8 +140,11 @@ class SubjectIndex {
     std::uint64_t seed_;
     std::vector<Node> nodes_;
     std::vector<NodeId> freeNodes_;
-    std::vector<Slot> slots_;  // open addressing, linear probing; a power of two
-    std::size_t usedSlots_ = 0;
+    std::vector<Leaf> leaves_;
+    std::vector<LeafId> freeLeaves_;
+    SlotTable children_;       // every exact child, by the hash of its path
+    SlotTable wildcardPaths_;  // those with wildcards below
+    SlotTable exact_;          // leaves of subjects without wildcards, by the same hash
     std::vector<std::vector<Entry>> lists_;
     std::vector<std::uint32_t> freeLists_;
     std::vector<std::string> longTexts_;
@@ -136,7 +154,7 @@ class SubjectIndex {
 
     // Walks in progress: their cursors, one walk above the other, and what they left to clean.
     std::vector<Cursor> reached_;
-    std::vector<NodeId> dirty_;
+    std::vector<LeafId> dirty_;
     unsigned walks_ = 0;
 };
 
