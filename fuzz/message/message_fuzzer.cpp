@@ -51,7 +51,9 @@ void readWhole(void* message) {
     alignas(8) unsigned char scratch[16];
     for (const std::string& name : names) {
         rvmsg_Get(scratch, message, name.c_str(), nullptr, nullptr, nullptr);
-        rvmsg_GetRaw(message, (name + "." + name).c_str(), nullptr, nullptr, nullptr);
+        std::string path = name;
+        path.append(".").append(name);
+        rvmsg_GetRaw(message, path.c_str(), nullptr, nullptr, nullptr);
     }
     rvmsg_PrintMsg(message, nowhere());
     const RvMsg wrapped(message);

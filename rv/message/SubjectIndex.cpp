@@ -105,9 +105,19 @@ SubjectIndex::NodeId SubjectIndex::find(const SlotTable& table, NodeId parent,
     });
 }
 
+SubjectIndex::NodeId SubjectIndex::findChild(NodeId parent, std::string_view element,
+                                             std::uint64_t pathHash) const {
+    const bool isPattern = nodes_[parent].isPattern;
+    return find(isPattern ? patternChildren_ : literalChildren_, parent, element, pathHash);
+}
+
+SlotTable& SubjectIndex::childrenOf(NodeId parent) {
+    return nodes_[parent].isPattern ? patternChildren_ : literalChildren_;
+}
+
 SubjectIndex::LeafId SubjectIndex::findExact(SubjectView subject, std::uint64_t pathHash) const {
     return exact_.find(slotHash(pathHash), [this, subject](LeafId id) {
-        const std::uint8_t* const known = leaves_[id].subject.get();
+        const std::uint8_t* const known = leaves_[id].subjectBytes();
         return SubjectView::trusted(known).length() == subject.length() &&
                std::memcmp(known, subject.data(), subject.length()) == 0;
     });
@@ -126,7 +136,7 @@ SubjectIndex::LeafId SubjectIndex::locate(SubjectView subject) const {
         } else if (element == kAnyTrailingElements && isLast(at, end)) {
             id = nodes_[id].rest;
         } else {
-            id = find(children_, id, element, pathHash);
+            id = findChild(id, element, pathHash);
         }
     }
     return id == 0 ? 0 : nodes_[id].leaf;
@@ -159,17 +169,18 @@ SubjectIndex::NodeId SubjectIndex::childFor(NodeId parent, std::string_view elem
         if (id == 0) {
             id = newNode(parent, element);
             wildcardLink(parent, element) = id;
+            nodes_[id].isPattern = true;
             countWildcard(parent, true);
         }
         return id;
     }
-    if (const NodeId found = find(children_, parent, element, pathHash); found != 0) return found;
+    if (const NodeId found = findChild(parent, element, pathHash); found != 0) return found;
     const NodeId id = newNode(parent, element);
     Node& node = nodes_[id];
     node.hash = slotHash(pathHash);
     node.next = std::exchange(nodes_[parent].firstChild, id);
     if (node.next != 0) nodes_[node.next].previous = id;
-    children_.insert(node.hash, id);
+    childrenOf(parent).insert(node.hash, id);
     return id;
 }
 
@@ -181,11 +192,11 @@ SubjectIndex::NodeId& SubjectIndex::wildcardLink(NodeId parent, std::string_view
 void SubjectIndex::countWildcard(NodeId id, bool isAdded) {
     for (; id != 0; id = nodes_[id].parent) {
         Node& node = nodes_[id];
-        const bool isExactChild = node.hash != 0;
+        const bool isListed = node.hash != 0 && !node.isPattern;
         if (isAdded) {
-            if (node.wildcardsBelow++ == 0 && isExactChild) wildcardPaths_.insert(node.hash, id);
+            if (node.wildcardsBelow++ == 0 && isListed) wildcardPaths_.insert(node.hash, id);
         } else {
-            if (--node.wildcardsBelow == 0 && isExactChild) wildcardPaths_.erase(node.hash, id);
+            if (--node.wildcardsBelow == 0 && isListed) wildcardPaths_.erase(node.hash, id);
         }
     }
 }
@@ -194,6 +205,7 @@ SubjectIndex::NodeId SubjectIndex::newNode(NodeId parent, std::string_view eleme
     const NodeId id = takeNumber(freeNodes_, nodes_);
     Node& node = nodes_[id] = Node{};
     node.parent = parent;
+    node.isPattern = nodes_[parent].isPattern;
     node.textLength = static_cast<std::uint8_t>(element.size());
     if (element.size() <= kInlineText) {
         std::memcpy(node.text, element.data(), element.size());
@@ -211,9 +223,12 @@ SubjectIndex::LeafId SubjectIndex::leafFor(NodeId id, SubjectView subject) {
     nodes_[id].leaf = leafId;
     Leaf& leaf = leaves_[leafId];
     leaf.node = id;
-    if (subject.hasWildcards()) return leafId;
-    leaf.subject = std::make_unique<std::uint8_t[]>(subject.length());
-    std::memcpy(leaf.subject.get(), subject.data(), subject.length());
+    if (nodes_[id].isPattern) return leafId;
+    if (subject.length() > sizeof leaf.subject) {
+        leaf.longSubject = std::make_unique<std::uint8_t[]>(subject.length());
+    }
+    std::uint8_t* const copy = leaf.longSubject ? leaf.longSubject.get() : leaf.subject;
+    std::memcpy(copy, subject.data(), subject.length());
     exact_.insert(nodes_[id].hash, leafId);
     return leafId;
 }
@@ -283,7 +298,7 @@ void SubjectIndex::dropLeaf(LeafId id) {
     Leaf& leaf = leaves_[id];
     if (leaf.state != Leaf::kNone) return;
     const NodeId node = leaf.node;
-    if (leaf.subject != nullptr) exact_.erase(nodes_[node].hash, id);
+    if (!nodes_[node].isPattern) exact_.erase(nodes_[node].hash, id);
     leaf = Leaf{};
     freeLeaves_.push_back(id);
     nodes_[node].leaf = 0;
@@ -307,7 +322,7 @@ void SubjectIndex::unlink(NodeId id) {
         (parent.any == id ? parent.any : parent.rest) = 0;
         countWildcard(node.parent, false);
     } else {
-        children_.erase(node.hash, id);
+        childrenOf(node.parent).erase(node.hash, id);
         (node.previous != 0 ? nodes_[node.previous].next : parent.firstChild) = node.next;
         if (node.next != 0) nodes_[node.next].previous = node.previous;
     }
@@ -370,7 +385,7 @@ void SubjectIndex::collectBelowAny(NodeId id, SubjectView::Iterator at, SubjectV
         if (node.any != 0) collectBelowAny(node.any, at, end, extend(pathHash, kAnyElement));
         if (node.firstChild == 0) return;
         pathHash = extend(pathHash, element);
-        id = find(children_, id, element, pathHash);
+        id = findChild(id, element, pathHash);
         if (id == 0) return;
     }
     reach(nodes_[id].leaf);
@@ -388,7 +403,7 @@ void SubjectIndex::collectCovered(NodeId id, SubjectView::Iterator at, SubjectVi
     ++at;
     if (element != kAnyElement) {
         pathHash = extend(pathHash, element);
-        const NodeId child = find(children_, id, element, pathHash);
+        const NodeId child = findChild(id, element, pathHash);
         if (child != 0 && admitted(id, element, admit)) {
             collectCovered(child, at, end, pathHash, admit);
         }

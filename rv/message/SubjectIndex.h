@@ -64,15 +64,20 @@ class SubjectIndex {
         std::uint64_t order;  // position in the order of adding
     };
 
-    /// The subscriptions of one subject. One entry stands in the leaf; with more, `entry.order` is
-    /// the number of the list that has them.
-    struct Leaf {
+    /// The subscriptions of one subject, and that subject: two neighbouring cache lines. One entry
+    /// stands in the leaf; with more, `entry.order` is the number of the list that has them.
+    struct alignas(64) Leaf {
         enum State : std::uint32_t { kNone, kOne, kList };
 
         Entry entry{nullptr, 0};
         NodeId node = 0;
         State state = kNone;
-        std::unique_ptr<std::uint8_t[]> subject;  // encoded; null for a pattern
+        std::unique_ptr<std::uint8_t[]> longSubject;  // what `subject` has no room for
+        std::uint8_t subject[96] = {};                // encoded; unused for a pattern
+
+        const std::uint8_t* subjectBytes() const {
+            return longSubject ? longSubject.get() : subject;
+        }
     };
 
     /// One level of the tree, one cache line. Texts above `kInlineText` characters stand in
@@ -87,8 +92,9 @@ class SubjectIndex {
         NodeId previous = 0;
         LeafId leaf = 0;
         std::uint32_t wildcardsBelow = 0;  // "*" and ">" children here and further down
+        bool isPattern = false;            // a wildcard stands on the path, here or above
         std::uint8_t textLength = 0;
-        char text[27] = {};
+        char text[26] = {};
     };
     static constexpr std::size_t kInlineText = sizeof(Node::text);
     static constexpr NodeId kRoot = 1;
@@ -110,6 +116,8 @@ class SubjectIndex {
     std::string_view textOf(const Node& node) const;
     NodeId find(const SlotTable& table, NodeId parent, std::string_view element,
                 std::uint64_t pathHash) const;
+    NodeId findChild(NodeId parent, std::string_view element, std::uint64_t pathHash) const;
+    SlotTable& childrenOf(NodeId parent);
     LeafId findExact(SubjectView subject, std::uint64_t pathHash) const;
     LeafId locate(SubjectView subject) const;
     std::span<Entry> entriesOf(LeafId id);
@@ -142,9 +150,12 @@ class SubjectIndex {
     std::vector<NodeId> freeNodes_;
     std::vector<Leaf> leaves_;
     std::vector<LeafId> freeLeaves_;
-    SlotTable children_;       // every exact child, by the hash of its path
-    SlotTable wildcardPaths_;  // those with wildcards below
-    SlotTable exact_;          // leaves of subjects without wildcards, by the same hash
+    // Exact children by the hash of their path: of literal nodes, and of nodes below a wildcard,
+    // which are few. The third table has those of the first that have wildcards below.
+    SlotTable literalChildren_;
+    SlotTable patternChildren_;
+    SlotTable wildcardPaths_;
+    SlotTable exact_;  // leaves of subjects without wildcards, by the same hash
     std::vector<std::vector<Entry>> lists_;
     std::vector<std::uint32_t> freeLists_;
     std::vector<std::string> longTexts_;
