@@ -13,7 +13,6 @@
 namespace {
 
 using kvx::bench::Contestant;
-using kvx::bench::keep;
 
 constexpr std::size_t kQueries = 4096;    // different subjects, asked in turn
 constexpr std::size_t kWildcardOf = 100;  // one subscription in so many is a wildcard
@@ -53,7 +52,8 @@ class Scene {
             table_.emplace(text, &subscriptions_[i]);
             if (!isWildcard) candidates_.push_back(i);
         }
-        std::mt19937 random(20261);
+        std::seed_seq seed{20261};
+        std::mt19937 random(seed);
         for (std::size_t i = 0; i < kQueries; ++i) {
             texts_.push_back(subjectOf(candidates_[random() % candidates_.size()]));
             subjects_.push_back(*kvx::Subject::fromText(texts_.back().c_str()));

@@ -60,7 +60,7 @@ inline std::string printed(const std::function<void(FILE*)>& write) {
     FILE* const stream = open_memstream(&text, &length);
     write(stream);
     std::fclose(stream);
-    const std::string result(text, length);
+    std::string result(text, length);
     std::free(text);
     return result;
 }

@@ -195,7 +195,8 @@ TEST_F(SubjectTreeTest, TellsLongElementsApart) {
 
 // Random listeners come and go; every answer is held against the rules.
 TEST_F(SubjectTreeTest, AgreesWithTheRulesWhileListenersComeAndGo) {
-    std::mt19937 random(7);
+    std::seed_seq seed{7};
+    std::mt19937 random(seed);
     const auto anyOf = [&random](const char* elements) {
         std::string text;
         for (auto left = random() % 4 + 1; left > 0; --left) {
