@@ -103,7 +103,8 @@ template <class Record>
 bool CVekRvNet::pushRequest(const Record& request) {
     auto record = std::make_unique<Record>(request);
     const CVekAutoMutex guard(m_requestMutex);
-    if (!m_requests || m_requests->RSPush(record.get()) != kvx::kOk) return false;
+    // A stack: what was asked for last is made first.
+    if (!m_requests || m_requests->RSPushBottom(record.get()) != kvx::kOk) return false;
     static_cast<void>(record.release());
     return true;
 }
