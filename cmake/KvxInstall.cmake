@@ -19,8 +19,9 @@ install(DIRECTORY foundation DESTINATION ${KVX_INSTALL_HEADERS} FILES_MATCHING P
 install(FILES rv/rv.h DESTINATION ${KVX_INSTALL_HEADERS}/rv)
 foreach(header IN ITEMS
         message/rvmsg.h message/rvSubject.h message/RvDatum.h message/RvMsg.h
-        message/RvMsgIterator.h error/rvErrors.h error/rvAdvisory.h error/RvStatus.h
-        event/rvevm.h link/ipqProperties.h session/rv_Session.h ft/rvft.h)
+        message/RvMsgIterator.h message/SubjectView.h error/rvErrors.h error/rvAdvisory.h error/RvStatus.h
+        event/rvevm.h link/ipqProperties.h session/rv_Session.h ft/rvft.h
+        object/CallbackReference.h object/Text.h)
     get_filename_component(room ${header} DIRECTORY)
     install(FILES rv/${header} DESTINATION ${KVX_INSTALL_HEADERS}/rv/${room})
 endforeach()

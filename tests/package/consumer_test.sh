@@ -32,5 +32,5 @@ echo "every header alone"
 include=$work/prefix/include/kvxmom
 find "$include" -name '*.h' | sort >"$work/headers"
 xargs -P "$(nproc)" -I {} "$compiler" -std=c++20 -Wall -Wextra -Werror -fsyntax-only \
-    -x c++ -I "$include" {} <"$work/headers"
+    -I "$include" -include {} -x c++ /dev/null <"$work/headers"
 wc -l <"$work/headers"
