@@ -108,7 +108,7 @@ TEST_F(RunningDaemon, StopsWithACloseNoticeBehindWhatWaits) {
         EXPECT_TRUE(client.expectClosed());
         client.disconnect();
         handshaking.disconnect();
-        return daemon.stop();
+        return daemon.waitForEnd();
     }();
     EXPECT_EQ(status, 0);
 }

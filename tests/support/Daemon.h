@@ -31,6 +31,8 @@ class Daemon {
 
     /// SIGTERM. Returns the exit status once the process has ended.
     int stop();
+    /// Waits until it has ended by itself; its exit status.
+    int waitForEnd();
     /// SIGKILL: no goodbye to anybody.
     void kill();
     /// Starts it again on the same port (after `stop` or `kill`, or first killing it).
@@ -41,7 +43,6 @@ class Daemon {
 
   private:
     void start(std::uint16_t port);
-    int waitForEnd();
 
     const std::vector<std::string> options_;
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> log_;
