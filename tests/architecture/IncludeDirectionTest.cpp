@@ -80,8 +80,7 @@ std::vector<std::string> includesOf(const fs::path& file) {
 
 std::vector<std::string> climbingIncludes(const fs::path& root) {
     std::vector<std::string> climbs;
-    for (const char* top :
-         {"platform", "foundation", "rv", "lib", "rvd", "tools", "examples"}) {
+    for (const char* top : {"platform", "foundation", "rv", "lib", "rvd", "tools", "examples"}) {
         for (const auto& entry : fs::recursive_directory_iterator(root / top)) {
             if (!entry.is_regular_file() || !isSource(entry.path())) continue;
             const std::string path = fs::relative(entry.path(), root).generic_string();
