@@ -113,8 +113,15 @@ TEST(WireProtocolPage, ShowsAPacketAsATransportCutsIt) {
     EXPECT_EQ(documented("packet"), Bytes(bytes, bytes + length));
 }
 
-TEST(Readme, ShowsTheProgramThatIsCompiled) {
+TEST(ProgramsInThePages, AreThoseThatAreCompiled) {
     EXPECT_EQ(blocksOf("README.md")["cpp"], contentOf("examples/hear/main.cpp"));
+    int programs = 0;
+    for (const auto& [name, shown] : blocksOf("docs/tutorial.md")) {
+        if (name.rfind("cpp ", 0) != 0) continue;
+        EXPECT_EQ(shown, contentOf("examples/tutorial/" + name.substr(4))) << name;
+        ++programs;
+    }
+    EXPECT_EQ(programs, 10);
 }
 
 }  // namespace

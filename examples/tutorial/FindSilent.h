@@ -1,0 +1,32 @@
+#pragma once
+
+#include "Devices.h"
+#include "TakeReports.h"
+
+/// The poll: a device that has not reported for `patience` is called silent.
+class FindSilent : public CVekTimedWork {
+  public:
+    FindSilent(CVekEngine& engine, Devices& devices, std::chrono::milliseconds patience)
+        : engine_(engine), devices_(devices), patience_(patience) {
+        RTWSetName(new CVekAtom("find silent"));
+        RTWSetFrequency(1);
+    }
+
+    // The round before may still be at work: one is enough.
+    __boolean RTWAddToPool() override { return RTWPollIsExecuting() ? FALSE : TRUE; }
+
+    // On a thread of the manager's pool: the engine's queue carries what it sends to the bus.
+    void RTWDoPoll() override {
+        for (const Device& device : devices_.all()) {
+            if (std::chrono::steady_clock::now() - device.heard < patience_) continue;
+            if (devices_.set(device.name, "silent") && engine_.REIsActive()) {
+                notify(engine_, device.name, "silent");
+            }
+        }
+    }
+
+  private:
+    CVekEngine& engine_;
+    Devices& devices_;
+    const std::chrono::milliseconds patience_;
+};

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "Devices.h"
+
+/// Publishes one device on the notify subject of the service. Any thread.
+inline void notify(CVekEngine& engine, const std::string& name, const std::string& state) {
+    CVekTransport transport(&engine);
+    addRecord(transport, name, state);
+    transport.RTSetDestination(CVekServiceToSubjectMapper::ServiceEnumToNotifySubject(SERV_STATUS));
+    transport.RTCreatePackets(VEK_TRANS_V0, true);
+    transport.RTSendAll(false);
+}
+
+/// Takes the reports of devices, messages with "name" and "state", and notifies of every change.
+class TakeReports : public RvDataCallback {
+  public:
+    TakeReports(CVekEngine& engine, Devices& devices) : engine_(engine), devices_(devices) {}
+
+    void onData(const char*, RvSender*, const RvDatum& report, RvListener*) override {
+        if (report.type() != RVMSG_MSG) return;
+        const RvMsg fields(const_cast<void*>(report.data()));
+        char name[64];
+        char state[16];
+        if (fields.get("name", name, sizeof name).code() != 0) return;
+        if (fields.get("state", state, sizeof state).code() != 0) return;
+        if (devices_.set(name, state)) onChange(name, state);
+    }
+
+  protected:
+    virtual void onChange(const std::string& name, const std::string& state) {
+        notify(engine_, name, state);
+    }
+
+    CVekEngine& engine_;
+
+  private:
+    Devices& devices_;
+};

@@ -1,0 +1,22 @@
+#include "FindSilent.h"
+#include "StatusEngine.h"
+#include "WhenActive.h"
+
+int main(int argc, char** argv) {
+    const std::chrono::milliseconds patience(argc > 1 ? std::atoi(argv[1]) : 60000);
+    Devices devices;
+    StatusEngine engine(1, "status", "DEFAULT", SERV_STATUS);
+    AnswerWhenActive answers(engine, devices);
+    NotifyWhenActive reports(engine, devices);
+    engine.RRNAddService(CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(SERV_STATUS),
+                         &answers);
+    engine.RRNAddService("DEVICE.STATE", &reports);
+    CVekEnv environment;
+    engine.REStartHeartBeat("Status", "DEFAULT", &environment);
+
+    FindSilent findSilent(engine, devices, patience);
+    CVekTimedWorkMgr polls(&engine, 1, 1000, 2, nullptr, FALSE);
+    polls.RTWMAddPoll(&findSilent);
+    polls.RTWMDistributePolls();
+    return engine.run();
+}
