@@ -122,8 +122,9 @@ int main() {
     const std::string database = home.file("register.db");
     kvx::test::ChildProcess model(
         KVX_BIN_DIR "/modeld",
-        {"--db", database, "--table", "vendors", "--load", kRegister + std::string("oui.csv"),
-         kRegister + std::string("mam.csv"), kRegister + std::string("oui36.csv")});
+        {"--standalone", "--db", database, "--table", "vendors", "--load",
+         kRegister + std::string("oui.csv"), kRegister + std::string("mam.csv"),
+         kRegister + std::string("oui36.csv")});
     if (model.awaitError("answering").empty()) {
         fmt::print(stderr, "{}", model.errors());
         return 1;

@@ -54,11 +54,12 @@ class Installation {
 
     Ended kvx(const std::vector<std::string>& arguments) { return run("kvx", arguments); }
 
-    /// A model service over a file of comma-separated values, once it answers.
+    /// A model service of no group over a file of comma-separated values, once it answers.
     std::unique_ptr<ChildProcess> startModel(const std::string& csv,
                                              std::vector<std::string> more = {}) {
-        std::vector<std::string> arguments = {
-            "--db", path("model.db"), "--table", "devices", "--load", csv, "--key", "name"};
+        std::vector<std::string> arguments = {"--db",    path("model.db"), "--table",
+                                              "devices", "--load",         csv,
+                                              "--key",   "name",           "--standalone"};
         arguments.insert(arguments.end(), more.begin(), more.end());
         auto model = start("modeld", arguments);
         EXPECT_NE(model->awaitError("answering"), "") << model->errors();

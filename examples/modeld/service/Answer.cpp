@@ -8,6 +8,7 @@
 #include <variant>
 
 #include "examples/modeld/oql/Parse.h"
+#include "examples/modeld/service/BegunNotice.h"
 
 namespace modeld {
 
@@ -106,6 +107,7 @@ Verdict answer(CVekEngine& engine, Store& store, const Question& question) {
             verdict.status = STORE_ZERO_MATCHES;
         }
     }
+    if (isLongAnswer(question.version, verdict.rows)) tellBegun(engine, question);
     send(transport, question, verdict);
     return verdict;
 }

@@ -13,6 +13,7 @@ struct Question {
     std::string text;
     EVekTransHdr version = VEK_TRANS_V0;
     std::string replySubject;
+    std::string begunSubject;  ///< where to tell that a long answer begins; empty for nowhere
 };
 
 /// How a question was answered, for the log.

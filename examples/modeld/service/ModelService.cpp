@@ -1,12 +1,20 @@
-// The way of a question: onData takes it off the bus on the main thread and hands it to the pool; a
-// pool thread borrows a connection, answers into the engine's send queue, and gives the connection
-// back. Bus objects never leave the main thread: what travels to the pool is the question's text
-// and the name of the subject that the answer goes to.
+// The way of a question: onData takes it off the bus on the main thread. The active member hands it
+// to the pool; a pool thread borrows a connection, answers into the engine's send queue, and gives
+// the connection back. A standby holds it until it is too old or the member becomes active. Bus
+// objects never leave the main thread: what travels to the pool is the question's text and the name
+// of the subject that the answer goes to.
+//
+// A question may be answered twice, by a member that dies and by the one that follows, but only in
+// one packet each time: see BegunNotice.cpp.
 
 #include "examples/modeld/service/ModelService.h"
 
 #include <chrono>
+#include <cstring>
+#include <utility>
 
+#include "examples/modeld/oql/Parse.h"
+#include "examples/modeld/service/BegunNotice.h"
 #include "examples/modeld/service/Log.h"
 #include "mom/net/VekText.h"
 
@@ -20,10 +28,17 @@ constexpr int kMaxWaiting = 1000;
 constexpr int kMaxQueuedPackets = 20000;
 constexpr unsigned int kRoomPollMs = 20;
 
+// A text that is too long is refused when its time comes; no more of it is kept than shows that.
+std::string textOf(const char* query) {
+    return {query, strnlen(query, oql::kMaxQueryBytes + 1)};
+}
+
 }  // namespace
 
 ModelService::ModelService(CVekEngine& engine, Settings settings)
-    : engine_(engine), settings_(std::move(settings)) {}
+    : engine_(engine),
+      settings_(std::move(settings)),
+      role_(engine, [this](bool active) { roleChanged(active); }) {}
 
 ModelService::~ModelService() {
     stopping_ = true;
@@ -41,7 +56,7 @@ std::string ModelService::querySubject() const {
     return subject ? subject.get() : "";
 }
 
-bool ModelService::start(std::string& reason) {
+bool ModelService::openStores(std::string& reason) {
     for (int i = 0; i < settings_.threads; ++i) {
         Refusal refusal;
         auto store = Store::open(settings_.database, Store::Access::ReadOnly, refusal);
@@ -51,12 +66,37 @@ bool ModelService::start(std::string& reason) {
         }
         stores_.push_back(std::move(store));
     }
+    return true;
+}
+
+bool ModelService::start(std::string& reason) {
+    if (!openStores(reason)) return false;
     pool_ = std::make_unique<CVekServPool>(settings_.threads, this);
     pool_->RSPLaunchThreads(answerOne);
+    const std::string begun = begunSubject(querySubject());
     const char* subject = CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(settings_.type);
-    if (engine_.RRNAddService(subject, this) == 1) return true;
+    if ((settings_.standalone || engine_.RRNAddExService(begun.c_str(), &begunListener_) == 1) &&
+        engine_.RRNAddService(subject, this) == 1) {
+        return true;
+    }
     reason = "cannot listen on " + querySubject();
     return false;
+}
+
+void ModelService::followRole() {
+    if (!role_.start()) Log::error("the role in the group cannot be followed");
+}
+
+void ModelService::roleChanged(bool active) {
+    if (!active) {
+        Log::info("standing by on {} ({})", querySubject(), settings_.membership);
+        return;
+    }
+    const std::chrono::duration<double> age = std::chrono::steady_clock::now() - begin_;
+    Log::info("answering on {} (active after {:.1f} s)", querySubject(), age.count());
+    auto questions = held_.take(HeldQuestions::Clock::now());
+    if (!questions.empty()) Log::info("questions held meanwhile: {}", questions.size());
+    for (Question& question : questions) answerLater(std::move(question));
 }
 
 void ModelService::onData(const char* subject, RvSender* replyTo, const RvDatum& data,
@@ -68,18 +108,37 @@ void ModelService::onData(const char* subject, RvSender* replyTo, const RvDatum&
     int status = 0;
     CVekQryInfo info(subject, engine_.RRNNewSender(&status, replyTo->subject(), nullptr), data,
                      listener);
-    auto question = std::make_unique<Question>();
-    question->replySubject = replyTo->subject();
-    question->version = info.RQIVersion() == VEK_TRANS_V1 ? VEK_TRANS_V1 : VEK_TRANS_V0;
+    Question question;
+    question.replySubject = replyTo->subject();
+    question.version = info.RQIVersion() == VEK_TRANS_V1 ? VEK_TRANS_V1 : VEK_TRANS_V0;
+    if (!settings_.standalone) question.begunSubject = begunSubject(querySubject());
     const kvx::Text text(info.RQIQuery());
-    if (text) question->text = text.get();
+    const bool active = role_.isActive();
+    if (text) question.text = textOf(text.get());
     if (!text) {
-        refuse(engine_, *question, "this is no query");
-    } else if (waiting_ >= kMaxWaiting) {
-        refuse(engine_, *question, "too many questions are waiting");
-    } else if (pool_->RSPAddWorkDetail(question.get()) == 1) {
-        ++waiting_;
-        static_cast<void>(question.release());
+        if (active) refuse(engine_, question, "this is no query");
+    } else if (active) {
+        answerLater(std::move(question));
+    } else {
+        held_.hold(std::move(question), HeldQuestions::Clock::now());
+    }
+}
+
+void ModelService::BegunListener::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
+    held_.forget(readBegun(data));
+}
+
+void ModelService::answerLater(Question question) {
+    if (waiting_.fetch_add(1) >= kMaxWaiting) {
+        --waiting_;
+        refuse(engine_, question, "too many questions are waiting");
+        return;
+    }
+    auto item = std::make_unique<Question>(std::move(question));
+    if (pool_->RSPAddWorkDetail(item.get()) == 1) {
+        static_cast<void>(item.release());
+    } else {
+        --waiting_;
     }
 }
 

@@ -1,12 +1,15 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "examples/modeld/service/Answer.h"
+#include "examples/modeld/service/HeldQuestions.h"
+#include "examples/modeld/service/RoleWatch.h"
 #include "examples/modeld/store/Store.h"
 #include "mom/mom.h"
 
@@ -15,6 +18,10 @@ namespace modeld {
 /// Listens on a service's query subject and has the questions answered by a pool of threads, so
 /// that a long answer never keeps the bus waiting.
 ///
+/// Only the active member of a group answers. A standby holds what it hears for a while and answers
+/// it when it becomes active, so that a question asked while nobody was active is answered late
+/// instead of never.
+///
 /// Built, started and destroyed on the engine's main thread, and destroyed before the engine.
 class ModelService : public RvDataCallback {
   public:
@@ -22,6 +29,8 @@ class ModelService : public RvDataCallback {
         std::string database;
         __serv_types type = SERV_MODEL;
         int threads = 2;
+        std::string membership;   ///< which group the member stands by in, for the log
+        bool standalone = false;  ///< there are no other members to tell anything
     };
 
     ModelService(CVekEngine& engine, Settings settings);
@@ -33,6 +42,9 @@ class ModelService : public RvDataCallback {
     /// when either cannot be done.
     [[nodiscard]] bool start(std::string& reason);
 
+    /// To be called once the main loop runs: takes up the engine's role and follows it.
+    void followRole();
+
     /// The subject that questions come in on, domain included.
     std::string querySubject() const;
 
@@ -40,6 +52,20 @@ class ModelService : public RvDataCallback {
                 RvListener* listener) override;
 
   private:
+    // Hears which long answers other members have begun.
+    class BegunListener : public RvDataCallback {
+      public:
+        explicit BegunListener(HeldQuestions& held) : held_(held) {}
+        void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
+                    RvListener* listener) override;
+
+      private:
+        HeldQuestions& held_;
+    };
+
+    [[nodiscard]] bool openStores(std::string& reason);
+    void roleChanged(bool active);
+    void answerLater(Question question);
     static void answerOne(void* item, void* service);
     void answerQuestion(const Question& question);
     void waitForRoomInSendQueue() const;
@@ -48,8 +74,14 @@ class ModelService : public RvDataCallback {
 
     CVekEngine& engine_;
     const Settings settings_;
+    const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
     std::atomic<int> waiting_{0};
     std::atomic<bool> stopping_{false};
+
+    // Main thread only.
+    RoleWatch role_;
+    HeldQuestions held_;
+    BegunListener begunListener_{held_};
 
     // Guarded by storesMutex_: connections that no thread uses at the moment.
     std::mutex storesMutex_;

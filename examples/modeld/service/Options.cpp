@@ -29,6 +29,8 @@ void addOptions(CLI::App& app, Options& options, std::string& service) {
     app.add_option("--group", options.group, "base of the fault-tolerance group's name")
         ->capture_default_str();
     app.add_option("--tier", options.tier, "tier within the group")->capture_default_str();
+    app.add_flag("--standalone", options.standalone,
+                 "join no group: answer at once, whoever else does");
     app.add_option("--threads", options.threads, "threads that answer queries")
         ->check(CLI::Range(1, 64))
         ->capture_default_str();

@@ -18,6 +18,7 @@ struct Options {
     std::string domain = "DEFAULT";
     std::string group = "modeld";
     int tier = 1;
+    bool standalone = false;  ///< joins no group
     int threads = 2;
     unsigned long sendRate = 100000;
     LogLevel level = LogLevel::Info;

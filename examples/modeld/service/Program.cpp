@@ -7,9 +7,11 @@
 
 #include <chrono>
 #include <cstdio>
+#include <functional>
 
 #include "examples/modeld/service/Log.h"
 #include "examples/modeld/service/ModelService.h"
+#include "examples/modeld/service/StopSignals.h"
 #include "platform/File.h"
 
 namespace modeld {
@@ -18,14 +20,16 @@ namespace {
 
 constexpr int kFailure = 1;
 
-// Tells the user, once the loop runs, that queries are answered from now on.
+// Calls the service once the loop runs.
 class ModelEngine : public CVekEngine {
   public:
     using CVekEngine::CVekEngine;
 
-    void RRNPostInitFns() override { Log::info("answering on {}", subject); }
+    void RRNPostInitFns() override {
+        if (whenRunning) whenRunning();
+    }
 
-    std::string subject;
+    std::function<void()> whenRunning;
 };
 
 // The state of a long load, drawn over itself on a terminal and left out of pipes.
@@ -61,23 +65,28 @@ bool load(const Options& options) {
 int run(const Options& options) {
     Log::setLevel(options.level);
     if (!load(options)) return kFailure;
+    // An engine that serves no service joins no group.
     ModelEngine engine(options.tier, options.group.c_str(), options.domain.c_str(),
-                       options.service);
-    ModelService service(engine, {options.database, options.service, options.threads});
+                       options.standalone ? SERV_UNKNOWN : options.service);
+    ModelService service(engine, {options.database, options.service, options.threads,
+                                  fmt::format("tier {} of group {}", options.tier, options.group),
+                                  options.standalone});
     std::string reason;
     if (!service.start(reason)) {
         Log::error("{}", reason);
         return kFailure;
     }
-    engine.subject = service.querySubject();
+    engine.whenRunning = [&service] { service.followRole(); };
     engine.RESetMaxSendRate(options.sendRate);
     CVekEnv environment;
     const char* name = CVekServiceToSubjectMapper::EnumToServiceString(options.service);
     engine.REStartHeartBeat(name, options.domain.c_str(), &environment);
-    CMOMSignalHandler signals;
+    if (options.standalone) engine.RESetActive();
+    StopSignals signals(engine);
     signals.manage(&engine);
     engine.REDoIt();
     signals.stop();
+    Log::info("ended by a signal");
     return 0;
 }
 

@@ -1,0 +1,70 @@
+#include "examples/modeld/service/HeldQuestions.h"
+
+#include <gtest/gtest.h>
+
+#include "examples/modeld/service/BegunNotice.h"
+
+namespace modeld {
+namespace {
+
+using std::chrono::milliseconds;
+
+class HeldQuestionsTest : public ::testing::Test {
+  protected:
+    void hold(const std::string& inbox, int atMs) {
+        Question question;
+        question.replySubject = inbox;
+        held_.hold(question, start_ + milliseconds(atMs));
+    }
+
+    std::string take(int atMs) {
+        std::string inboxes;
+        for (const Question& question : held_.take(start_ + milliseconds(atMs))) {
+            inboxes += question.replySubject + ";";
+        }
+        return inboxes;
+    }
+
+    const HeldQuestions::Clock::time_point start_{};
+    HeldQuestions held_;
+};
+
+TEST_F(HeldQuestionsTest, AreGivenUpOnceWhileTheyAreYoung) {
+    hold("A", 0);
+    hold("B", 1000);
+    hold("C", 2000);
+    held_.forget("B");
+    held_.forget("nobody");
+    EXPECT_EQ(take(6000), "A;C;");
+    EXPECT_EQ(take(6000), "");
+    hold("D", 7000);
+    hold("E", 8000);
+    EXPECT_EQ(take(13001), "E;");
+}
+
+TEST_F(HeldQuestionsTest, TakeNoMoreRoomThanTheirLimits) {
+    for (int i = 0; i < 1500; ++i) hold(std::to_string(i), 0);
+    EXPECT_EQ(held_.size(), HeldQuestions::kMost);
+    hold("late", 6001);
+    EXPECT_EQ(held_.size(), 1U) << "what is too old goes without being asked for";
+}
+
+TEST(BegunNotice, NamesTheInboxAndNothingElseDoes) {
+    RvMsg notice;
+    notice.append("inbox", "_INBOX.A.1");
+    EXPECT_EQ(readBegun(notice), "_INBOX.A.1");
+    RvMsg other;
+    other.append("outbox", "X");
+    EXPECT_EQ(readBegun(other), "");
+    EXPECT_EQ(readBegun(RvDatum(RVMSG_STRING, 1, "X")), "");
+}
+
+TEST(BegunNotice, IsForAnswersOfMoreThanOnePacket) {
+    EXPECT_FALSE(isLongAnswer(VEK_TRANS_V0, 1));
+    EXPECT_TRUE(isLongAnswer(VEK_TRANS_V0, 2));
+    EXPECT_FALSE(isLongAnswer(VEK_TRANS_V1, 100));
+    EXPECT_TRUE(isLongAnswer(VEK_TRANS_V1, 101));
+}
+
+}  // namespace
+}  // namespace modeld

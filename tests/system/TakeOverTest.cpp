@@ -1,0 +1,55 @@
+// Two members of one group: one answers, the other stands by, and no question is lost between them.
+
+#include <gtest/gtest.h>
+
+#include "tests/system/Installation.h"
+
+namespace kvx::test {
+namespace {
+
+class TakeOverTest : public ::testing::Test {
+  protected:
+    // A member with a database of its own, so that its rows tell who answered.
+    std::unique_ptr<ChildProcess> startMember(const std::string& name) {
+        std::string rows = "name,ports\n";
+        for (int i = 0; i < 200; ++i) rows += name + ",48\n";
+        auto member = bus_.start("modeld", {"--db", bus_.path(name + ".db"), "--table", "devices",
+                                            "--load", bus_.file(name + ".csv", rows)});
+        EXPECT_NE(member->awaitError("standing by on ZEMBRALIX.3.0.MODEL.QUERY"), "");
+        return member;
+    }
+
+    std::string ask(const std::string& limit = "1") {
+        return bus_
+            .kvx({"query", "Model", "select name from devices limit " + limit, "--timeout", "30",
+                  "--csv"})
+            .output;
+    }
+
+    Installation bus_;
+};
+
+TEST_F(TakeOverTest, QuestionsAskedWhileNobodyIsActiveAreAnsweredLate) {
+    const auto first = startMember("first");
+    EXPECT_EQ(ask(), "name\nfirst\n") << "asked before the only member is active";
+    const auto second = startMember("second");
+    EXPECT_EQ(ask(), "name\nfirst\n") << "a standby answered";
+    first->kill(SIGKILL);
+    EXPECT_EQ(ask(), "name\nsecond\n") << second->errors();
+    EXPECT_NE(second->awaitError("questions held meanwhile"), "");
+}
+
+TEST_F(TakeOverTest, LongAnswersAreNeverBegunTwice) {
+    const auto first = startMember("first");
+    ASSERT_NE(first->awaitError("answering"), "");
+    const auto second = startMember("second");
+    EXPECT_EQ(ask("150").size(), 5U + 150U * 6U);
+    first->kill(SIGTERM);
+    EXPECT_EQ(first->wait(), 0) << first->errors();
+    EXPECT_NE(second->awaitError("answering"), "");
+    EXPECT_EQ(ask(), "name\nsecond\n");
+    EXPECT_EQ(second->errors().find("held meanwhile"), std::string::npos) << second->errors();
+}
+
+}  // namespace
+}  // namespace kvx::test
