@@ -9,10 +9,14 @@
 //   throughput  messages sent in blocks of 7,168 bytes, as the client library sends; from the first
 //               send to the last message received, every one counted; nothing may be lost
 //
-// Relay and rvd take turns in every round, so that both see the same state of the machine. A figure
-// is the median over the rounds, a ratio the median of the rounds' ratios.
+// The third contestant is rvd between two sessions of the client library, with its batching on for
+// the stream: what a program gets, encoding, loop, validation and delivery included.
+//
+// The contestants take turns in every round, so that all see the same state of the machine. A
+// figure is the median over the rounds, a ratio the median of the rounds' ratios.
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -23,6 +27,8 @@
 #include <vector>
 
 #include "bench/relay/Broker.h"
+#include "bench/relay/Figures.h"
+#include "bench/relay/LibraryEnds.h"
 #include "platform/Socket.h"
 #include "rv/message/rvSubject.h"
 #include "rv/wire/ControlMessage.h"
@@ -49,17 +55,26 @@ Message encodedSubject(const char* text) {
     return bytes;
 }
 
-// A data message of exactly kMessageSize bytes.
-Message dataMessage(const char* subject) {
+Message dataMessage(const char* subject, const Message& payload) {
     const Message encoded = encodedSubject(subject);
-    for (rvmsg_Size size = 1; size < kMessageSize; ++size) {
-        const Message payload(size, 0x5A);
-        const auto built =
-            wire::buildData(encoded, nullptr, 0, {RVMSG_OPAQUE, size, payload.data()});
-        const wire::Bytes bytes = built.message.view();
-        if (bytes.size() == kMessageSize) return {bytes.begin(), bytes.end()};
+    const auto size = static_cast<rvmsg_Size>(payload.size());
+    const auto built = wire::buildData(encoded, nullptr, 0, {RVMSG_OPAQUE, size, payload.data()});
+    const wire::Bytes bytes = built.message.view();
+    return {bytes.begin(), bytes.end()};
+}
+
+// The payload that makes a data message on `subject` one of exactly kMessageSize bytes.
+Message payloadFor(const char* subject) {
+    Message payload;
+    while (payload.size() < kMessageSize) {
+        payload.push_back(0x5A);
+        if (dataMessage(subject, payload).size() == kMessageSize) return payload;
     }
     throw std::runtime_error("no message of that size");
+}
+
+Message dataMessage(const char* subject) {
+    return dataMessage(subject, payloadFor(subject));
 }
 
 class Link {
@@ -139,12 +154,6 @@ class Link {
     wire::FrameReader reader_;
 };
 
-struct Figures {
-    double p50 = 0;         // microseconds
-    double p99 = 0;         // microseconds
-    double throughput = 0;  // messages a second
-};
-
 // Two connected ends, through rvd as sessions and through the relay as a pair.
 struct Pair {
     Pair(std::uint16_t port, bool sessions) : left(port), right(port) {
@@ -176,9 +185,7 @@ void measureLatency(Pair& pair, int requests, Figures& figures) {
         if (i >= kWarmUp) times.push_back(time.count());
     }
     responder.join();
-    std::sort(times.begin(), times.end());
-    figures.p50 = times[times.size() / 2];
-    figures.p99 = times[times.size() * 99 / 100];
+    setLatencies(figures, std::move(times));
 }
 
 void measureThroughput(Pair& pair, std::size_t messages, Figures& figures) {
@@ -210,14 +217,16 @@ double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
+// The relay first: it is the baseline of the others.
+using Round = std::array<Figures, 3>;
+
 class Report {
   public:
-    void add(const Figures& relay, const Figures& rvd) {
-        relays_.push_back(relay);
-        rvds_.push_back(rvd);
-    }
+    void add(const Round& round) { rounds_.push_back(round); }
+
     void print() const {
-        std::printf("%-34s %12s %12s %12s\n", "128-byte messages", "relay", "rvd", "rvd/relay");
+        std::printf("%-32s %11s %11s %11s %9s %9s\n", "128-byte messages", "relay", "rvd",
+                    "rvd+library", "rvd/r.", "library/r.");
         line("request/reply p50, microseconds", &Figures::p50);
         line("request/reply p99, microseconds", &Figures::p99);
         line("one-to-one stream, messages/s", &Figures::throughput);
@@ -225,20 +234,27 @@ class Report {
 
   private:
     void line(const char* name, double Figures::*figure) const {
-        std::vector<double> relay;
-        std::vector<double> rvd;
-        std::vector<double> ratio;
-        for (std::size_t i = 0; i < relays_.size(); ++i) {
-            relay.push_back(relays_[i].*figure);
-            rvd.push_back(rvds_[i].*figure);
-            ratio.push_back(rvd.back() / relay.back());
+        std::printf("%-32s", name);
+        for (std::size_t who = 0; who < 3; ++who) {
+            std::printf(" %11.1f",
+                        medianOf([&](const Round& round) { return round[who].*figure; }));
         }
-        std::printf("%-34s %12.1f %12.1f %12.2f\n", name, median(relay), median(rvd),
-                    median(ratio));
+        for (std::size_t who = 1; who < 3; ++who) {
+            std::printf(" %9.2f", medianOf([&](const Round& round) {
+                            return round[who].*figure / (round[0].*figure);
+                        }));
+        }
+        std::printf("\n");
     }
 
-    std::vector<Figures> relays_;
-    std::vector<Figures> rvds_;
+    template <class Value>
+    double medianOf(Value&& value) const {
+        std::vector<double> values;
+        for (const Round& round : rounds_) values.push_back(value(round));
+        return median(std::move(values));
+    }
+
+    std::vector<Round> rounds_;
 };
 
 }  // namespace
@@ -253,7 +269,7 @@ int main(int argc, char** argv) {
     const auto requests = static_cast<int>(argument(2, 5'000));
     const auto messages = static_cast<std::size_t>(argument(3, 1'000'000));
     std::printf(
-        "# %ld rounds, relay and rvd in turn; each round %d request/reply pairs one at a time,\n"
+        "# %ld rounds, contestants in turn; each round %d request/reply pairs one at a time,\n"
         "# then %zu messages in blocks of %zu bytes; two threads, two connections, loopback\n"
         "# figures: median over the rounds; ratios: median of the rounds' ratios\n",
         rounds, requests, messages, kvx::bench::kBlock);
@@ -262,8 +278,11 @@ int main(int argc, char** argv) {
         const kvx::bench::Broker rvd(KVX_RVD_PROGRAM " -q -listen tcp:0");
         kvx::bench::Report report;
         for (long i = 0; i < rounds; ++i) {
-            const auto throughRelay = kvx::bench::measure(relay.port(), false, requests, messages);
-            report.add(throughRelay, kvx::bench::measure(rvd.port(), true, requests, messages));
+            report.add(
+                {kvx::bench::measure(relay.port(), false, requests, messages),
+                 kvx::bench::measure(rvd.port(), true, requests, messages),
+                 kvx::bench::measureThroughLibrary(
+                     rvd.port(), kvx::bench::payloadFor("BENCH.RIGHT"), requests, messages)});
         }
         report.print();
     } catch (const std::exception& error) {
