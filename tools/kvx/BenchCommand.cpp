@@ -9,7 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/kvx/Client.h"
+#include "tools/bus/Client.h"
+#include "tools/bus/Complain.h"
 #include "tools/kvx/Commands.h"
 
 namespace kvx::tool {
@@ -41,7 +42,7 @@ class Echo : public RvDataCallback {
 // One round trip after the other; every answer starts the next request.
 class RoundTrips : public RvDataCallback {
   public:
-    RoundTrips(Client& client, RvSender& sender, const RvDatum& datum, std::uint64_t count)
+    RoundTrips(bus::Client& client, RvSender& sender, const RvDatum& datum, std::uint64_t count)
         : client_(client), sender_(sender), datum_(datum), left_(count) {}
 
     void next() {
@@ -61,7 +62,7 @@ class RoundTrips : public RvDataCallback {
     std::vector<double> microseconds;
 
   private:
-    Client& client_;
+    bus::Client& client_;
     RvSender& sender_;
     const RvDatum& datum_;
     std::uint64_t left_;
@@ -72,7 +73,7 @@ class RoundTrips : public RvDataCallback {
 // A window of messages under way: half of it heard again, half of it sent anew.
 class Stream : public RvDataCallback {
   public:
-    Stream(Client& client, RvSender& sender, const RvDatum& datum, std::uint64_t count)
+    Stream(bus::Client& client, RvSender& sender, const RvDatum& datum, std::uint64_t count)
         : client_(client), sender_(sender), datum_(datum), count_(count) {}
 
     void fill() {
@@ -88,7 +89,7 @@ class Stream : public RvDataCallback {
     }
 
   private:
-    Client& client_;
+    bus::Client& client_;
     RvSender& sender_;
     const RvDatum& datum_;
     const std::uint64_t count_;
@@ -96,7 +97,7 @@ class Stream : public RvDataCallback {
     std::uint64_t heard_ = 0;
 };
 
-bool measureRoundTrips(Client& client, RvSender& sender, const RvDatum& datum,
+bool measureRoundTrips(bus::Client& client, RvSender& sender, const RvDatum& datum,
                        const BenchOptions& options) {
     RoundTrips trips(client, sender, datum, options.requests);
     if (client.run([&] { trips.next(); }) != kSuccess) return false;
@@ -113,7 +114,7 @@ bool measureRoundTrips(Client& client, RvSender& sender, const RvDatum& datum,
     return true;
 }
 
-bool measureStream(Client& client, Stream& stream, const BenchOptions& options) {
+bool measureStream(bus::Client& client, Stream& stream, const BenchOptions& options) {
     const auto begin = Clock::now();
     if (client.run([&] { stream.fill(); }) != kSuccess) return false;
     const double seconds = secondsSince(begin);
@@ -135,7 +136,7 @@ std::string benchSubject(const char* what) {
 }  // namespace
 
 int bench(const BenchOptions& options) {
-    Client client(options.connection);
+    bus::Client client(options.connection);
     if (!client.isUp()) return kFailure;
     const std::string content(options.bytes, 'x');
     const RvDatum datum(RVMSG_OPAQUE, options.bytes, content.data());
@@ -149,7 +150,7 @@ int bench(const BenchOptions& options) {
     client.net().RRNAddExService(streamSubject.c_str(), &stream);
     if (!measureRoundTrips(client, *requests, datum, options) ||
         !measureStream(client, stream, options)) {
-        complain("the daemon does not carry the messages");
+        bus::complain("the daemon does not carry the messages");
         return kFailure;
     }
     return kSuccess;

@@ -4,6 +4,7 @@
 #include <functional>
 #include <utility>
 
+#include "tools/bus/Connection.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Fields.h"
 
@@ -11,14 +12,8 @@ namespace kvx::tool {
 
 namespace {
 
-// A quote or a line end would change the meaning of the configuration that these texts go into.
-std::string checkPlainText(const std::string& text) {
-    const bool bad = text.find_first_of("\"'\n\\") != std::string::npos;
-    return bad ? "quotes, backslashes and line ends have no place here" : std::string();
-}
-
 void addConnection(CLI::App& command, Connection& connection) {
-    const auto plain = CLI::Validator(checkPlainText, "");
+    const auto plain = CLI::Validator(bus::problemWithPart, "");
     command.add_option("--daemon", connection.daemon, "daemon, as tcp:[host:]port")->check(plain);
     command.add_option("--service", connection.service, "bus service")->check(plain);
     command.add_option("--network", connection.network, "bus network")->check(plain);

@@ -4,7 +4,8 @@
 #include <string>
 
 #include "platform/File.h"
-#include "tools/kvx/Client.h"
+#include "tools/bus/Client.h"
+#include "tools/bus/Complain.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/DatumJson.h"
 
@@ -15,7 +16,8 @@ namespace {
 // Prints every message, with its reply subject as "-" when there is none, and leaves after `count`.
 class Printer : public RvDataCallback {
   public:
-    Printer(Client& client, const ListenOptions& options) : client_(client), options_(options) {}
+    Printer(bus::Client& client, const ListenOptions& options)
+        : client_(client), options_(options) {}
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data, RvListener*) override {
         if (over_) return;
@@ -35,7 +37,7 @@ class Printer : public RvDataCallback {
     }
 
   private:
-    Client& client_;
+    bus::Client& client_;
     const ListenOptions& options_;
     std::uint64_t seen_ = 0;
     bool over_ = false;
@@ -44,23 +46,19 @@ class Printer : public RvDataCallback {
 }  // namespace
 
 int listen(const ListenOptions& options) {
-    Client client(options.connection);
+    bus::Client client(options.connection);
     if (!client.isUp()) return kFailure;
     Printer printer(client, options);
     for (const auto& subject : options.subjects) {
         const std::string full = client.qualified(subject);
         if (client.net().RRNAddExService(full.c_str(), &printer) != 1) {
-            complain("cannot listen on '" + full + "'");
+            bus::complain("cannot listen on '" + full + "'");
             return kFailure;
         }
     }
-    CMOMSignalHandler signals;
-    signals.manage(&client.net());
-    const int status = client.run([&] {
-        if (kvx::platform::isTerminal(stderr)) complain("listening; Ctrl-C ends it");
+    return client.runUntilSignal([] {
+        if (kvx::platform::isTerminal(stderr)) bus::complain("listening; Ctrl-C ends it");
     });
-    signals.stop();
-    return status;
 }
 
 }  // namespace kvx::tool

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/bus/Connection.h"
+
 namespace kvx::tool {
 
 /// Exit statuses of every subcommand.
@@ -11,16 +13,9 @@ inline constexpr int kSuccess = 0;
 inline constexpr int kFailure = 1;
 inline constexpr int kUsage = 2;
 
-/// Where the bus is. Empty texts leave the choice to the daemon configuration file.
-struct Connection {
-    std::string service;
-    std::string network;
-    std::string daemon;
-    std::string domain;  ///< as given; empty when not given
+/// What every subcommand takes: where the bus is, and how to print.
+struct Connection : bus::Connection {
     bool json = false;
-
-    /// The domain for operations that always qualify.
-    std::string domainOrDefault() const { return domain.empty() ? "DEFAULT" : domain; }
 };
 
 struct ListenOptions {
@@ -35,18 +30,19 @@ struct Payload {
     bool opaque = false;  ///< standard input holds bytes, not a text
 };
 
-struct SendOptions {
+/// A message to publish.
+struct MessageOptions {
     Connection connection;
     std::string subject;
     std::string reply;
     Payload payload;
+};
+
+struct SendOptions : MessageOptions {
     std::uint64_t repeat = 1;
 };
 
-struct RequestOptions {
-    Connection connection;
-    std::string subject;
-    Payload payload;
+struct RequestOptions : MessageOptions {
     double timeoutSeconds = 8;
 };
 

@@ -6,7 +6,8 @@
 #include <memory>
 
 #include "mom/net/VekText.h"
-#include "tools/kvx/Client.h"
+#include "tools/bus/Client.h"
+#include "tools/bus/Complain.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Query.h"
 #include "tools/kvx/Rows.h"
@@ -71,12 +72,12 @@ void pointAt(const std::string& text, long long position) {
 int showRefusal(const QueryOptions& options, const Rows& rows, EVekStoreErrorStatus status) {
     const char* reason = rows.size() == 1 ? textField(rows.at(0), "error") : nullptr;
     if (reason == nullptr) {
-        complain(fmt::format("{}: {}", options.service, statusText(status)));
+        bus::complain(fmt::format("{}: {}", options.service, statusText(status)));
         return kFailure;
     }
     const long long position = integerField(rows.at(0), "position");
-    complain(fmt::format("{}: {}{}", options.service, reason,
-                         position > 0 ? fmt::format(" at position {}", position) : ""));
+    bus::complain(fmt::format("{}: {}{}", options.service, reason,
+                              position > 0 ? fmt::format(" at position {}", position) : ""));
     pointAt(options.text, position);
     return kFailure;
 }
@@ -95,17 +96,17 @@ int showAnswer(const QueryOptions& options, Query& query, double seconds) {
     if (status == STORE_ZERO_MATCHES) fmt::print(out, "{}\n", statusText(status));
     fmt::print(out, "{}\n", summary(rows, query.totals(), seconds));
     if (bad == 0) return kSuccess;
-    complain(plural(bad, "record") + " of the answer could not be read");
+    bus::complain(plural(bad, "record") + " of the answer could not be read");
     return kFailure;
 }
 
 int showSilence(const QueryOptions& options, const Query& query) {
     if (query.totals().packets == 0) {
-        complain(fmt::format("no answer from {} within {:g} s", options.service,
-                             options.timeoutSeconds));
+        bus::complain(fmt::format("no answer from {} within {:g} s", options.service,
+                                  options.timeoutSeconds));
     } else {
-        complain(fmt::format("the answer of {} stopped after {}", options.service,
-                             plural(query.totals().packets, "packet")));
+        bus::complain(fmt::format("the answer of {} stopped after {}", options.service,
+                                  plural(query.totals().packets, "packet")));
     }
     return kFailure;
 }
@@ -116,11 +117,11 @@ int query(const QueryOptions& options) {
     const __serv_types type =
         CVekServiceToSubjectMapper::ServiceStringToEnum(options.service.c_str());
     if (type == SERV_UNKNOWN) {
-        complain("no service is named '" + options.service + "'");
+        bus::complain("no service is named '" + options.service + "'");
         return kUsage;
     }
     const auto timeoutMs = static_cast<unsigned long>(options.timeoutSeconds * 1000);
-    Client client(options.connection, timeoutMs);
+    bus::Client client(options.connection, timeoutMs);
     if (!client.isUp()) return kFailure;
     Query question(client.net(), timeoutMs, [&] { client.leave(kSuccess); });
     const auto begin = Clock::now();
@@ -129,7 +130,7 @@ int query(const QueryOptions& options) {
         if (!question.ask(subject, options.text)) client.leave(kFailure);
     });
     if (failed != kSuccess) {
-        complain("the query could not be sent");
+        bus::complain("the query could not be sent");
         return kFailure;
     }
     if (!question.isComplete()) return showSilence(options, question);

@@ -5,10 +5,10 @@
 #include <cstdio>
 #include <memory>
 
-#include "tools/kvx/Client.h"
+#include "tools/bus/Complain.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/DatumJson.h"
-#include "tools/kvx/Fields.h"
+#include "tools/kvx/Outgoing.h"
 
 namespace kvx::tool {
 
@@ -16,7 +16,8 @@ namespace {
 
 class Answer : public RvDataCallback {
   public:
-    Answer(Client& client, const RequestOptions& options) : client_(client), options_(options) {}
+    Answer(bus::Client& client, const RequestOptions& options)
+        : client_(client), options_(options) {}
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data, RvListener*) override {
         if (over_) return;
@@ -32,13 +33,13 @@ class Answer : public RvDataCallback {
     }
 
     void onTimeout(RvListener*) override {
-        complain(fmt::format("no answer on '{}' within {:g} s", options_.subject,
-                             options_.timeoutSeconds));
+        bus::complain(fmt::format("no answer on '{}' within {:g} s", options_.subject,
+                                  options_.timeoutSeconds));
         client_.leave(kFailure);
     }
 
   private:
-    Client& client_;
+    bus::Client& client_;
     const RequestOptions& options_;
     bool over_ = false;
 };
@@ -46,25 +47,16 @@ class Answer : public RvDataCallback {
 }  // namespace
 
 int request(const RequestOptions& options) {
-    std::string problem;
-    const auto datum = buildPayload(options.payload, problem);
-    if (!datum) {
-        complain(problem);
-        return kUsage;
-    }
-    Client client(options.connection);
-    if (!client.isUp()) return kFailure;
-    const std::string subject = client.qualified(options.subject);
-    const std::unique_ptr<RvSender> sender(client.session().newSender(subject.c_str()));
+    Outgoing message(options);
+    if (message.status() != kSuccess) return message.status();
+    bus::Client& client = message.client();
     Answer answer(client, options);
     std::unique_ptr<RvListener> listener;
     return client.run([&] {
         const auto timeoutMs = static_cast<unsigned long>(options.timeoutSeconds * 1000);
-        if (sender) listener.reset(sender->sendRequest(*datum, timeoutMs, &answer, nullptr));
-        if (listener) return;
-        const RvStatus status = client.session().status();
-        complain(fmt::format("cannot send on '{}': {}", subject, status.text()));
-        client.leave(kFailure);
+        listener.reset(
+            message.sender().sendRequest(message.payload(), timeoutMs, &answer, nullptr));
+        if (!listener) client.leave(message.refuse(client.session().status()));
     });
 }
 

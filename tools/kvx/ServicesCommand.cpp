@@ -8,7 +8,8 @@
 #include <memory>
 #include <set>
 
-#include "tools/kvx/Client.h"
+#include "tools/bus/Client.h"
+#include "tools/bus/Complain.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/DatumJson.h"
 #include "tools/kvx/Query.h"
@@ -22,7 +23,7 @@ constexpr const char* kProbeText = "select * from services limit 0";
 // The probes of one look around, from the question to the table.
 class LookAround {
   public:
-    LookAround(Client& client, unsigned long waitMs) : client_(client) {
+    LookAround(bus::Client& client, unsigned long waitMs) : client_(client) {
         std::set<std::string> subjects;
         for (const auto& service : CVekServiceToSubjectMapper::ms_ServiceEnumMap) {
             const char* subject =
@@ -84,7 +85,7 @@ class LookAround {
         if (++finished_ == probes_.size()) client_.leave(kSuccess);
     }
 
-    Client& client_;
+    bus::Client& client_;
     std::deque<Probe> probes_;  // a deque, since the queries' callbacks point into it
     Clock::time_point begin_;
     std::size_t finished_ = 0;
@@ -94,12 +95,12 @@ class LookAround {
 
 int services(const ServicesOptions& options) {
     const auto waitMs = static_cast<unsigned long>(options.waitSeconds * 1000);
-    Client client(options.connection, waitMs);
+    bus::Client client(options.connection, waitMs);
     if (!client.isUp()) return kFailure;
     LookAround around(client, waitMs);
     around.run();
     around.print(options.connection.json);
-    if (around.answered() == 0) complain("no service answered");
+    if (around.answered() == 0) bus::complain("no service answered");
     return kSuccess;
 }
 

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "mom/mom.h"
+
+namespace kvx::bus {
+
+/// Calls a function on the main thread, again and again or once, until it is destroyed.
+class Ticker : public RvTimerCallback {
+  public:
+    enum class Repeat { Once, Forever };
+
+    /// `net` must outlive this object. Main thread, once the net is up.
+    Ticker(CVekRvNet& net, unsigned long intervalMs, Repeat repeat, std::function<void()> tick)
+        : tick_(std::move(tick)) {
+        int status = 0;
+        timer_.reset(net.RRNNewTimer(&status, intervalMs,
+                                     repeat == Repeat::Forever ? rv_TRUE : rv_FALSE, this, &net));
+    }
+
+    void onTimer(RvTimer*) override { tick_(); }
+
+  private:
+    std::function<void()> tick_;
+    std::unique_ptr<RvTimer> timer_;
+};
+
+}  // namespace kvx::bus

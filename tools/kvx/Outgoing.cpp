@@ -1,0 +1,32 @@
+#include "tools/kvx/Outgoing.h"
+
+#include <fmt/format.h>
+
+#include "tools/bus/Complain.h"
+#include "tools/kvx/Fields.h"
+
+namespace kvx::tool {
+
+Outgoing::Outgoing(const MessageOptions& options) : status_(prepare(options)) {}
+
+int Outgoing::prepare(const MessageOptions& options) {
+    std::string problem;
+    payload_ = buildPayload(options.payload, problem);
+    if (!payload_) {
+        bus::complain(problem);
+        return kUsage;
+    }
+    client_.emplace(options.connection);
+    if (!client_->isUp()) return kFailure;
+    subject_ = client_->qualified(options.subject);
+    sender_.reset(client_->session().newSender(
+        subject_.c_str(), options.reply.empty() ? nullptr : options.reply.c_str()));
+    return sender_ ? kSuccess : refuse(client_->session().status());
+}
+
+int Outgoing::refuse(const RvStatus& reason) const {
+    bus::complain(fmt::format("cannot send on '{}': {}", subject_, reason.text()));
+    return kFailure;
+}
+
+}  // namespace kvx::tool
