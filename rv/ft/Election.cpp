@@ -59,14 +59,16 @@ void Election::remember(const Beat& beat, Time now) {
 }
 
 // The next in rank takes over from an active peer that leaves, also when it has joined only lately:
-// one heartbeat after the joining it has heard everybody.
+// one heartbeat after the joining it has heard everybody. Until then one that it never heard of may
+// have been the active one.
 void Election::forget(const std::string& id, Time now) {
     const auto peer = peers_.find(id);
-    if (peer == peers_.end()) return;
-    if (peer->second.isActive) {
+    const bool isKnown = peer != peers_.end();
+    const bool mayHaveLed = isKnown ? peer->second.isActive : now < joined_ + rules_.heartbeatMs;
+    if (mayHaveLed) {
         mayActivate_ = std::min(mayActivate_, std::max(now, joined_ + rules_.heartbeatMs));
     }
-    peers_.erase(peer);
+    if (isKnown) peers_.erase(peer);
 }
 
 void Election::advance(Time now) {

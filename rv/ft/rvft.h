@@ -22,7 +22,8 @@ using rvft_Action = void (*)(rv_Session, const char* group, int action, void* cl
 /// should use the same. A member activates when fewer than `activeGoal` better-ranked ones have
 /// been heard for `activateMs`, counted from its joining at first; it is told to prepare
 /// `prepareMs` before, or not at all when that is 0. An active member that hears `activeGoal`
-/// better-ranked active ones, or has been without a daemon for `activateMs`, deactivates.
+/// better-ranked active ones, or has been without a daemon for `activateMs`, deactivates; the
+/// latter no sooner than its loop runs, which a round of attempts to reconnect blocks.
 ///
 /// 0; 1 for a null or empty group, a null id or action, a goal or heartbeat interval of 0, or an
 /// activation interval that is shorter than one of the two others; 2 for a null or dead session; 3

@@ -1,14 +1,17 @@
-// Many members on a simulated network that kills, cuts and heals at random. What is checked at each
-// millisecond is what a service relies on: not too many active members for longer than one beat
-// among those that hear one another, and an active one after the activation interval and a beat at
-// the latest once it is settled who is best.
+// Many members on a simulated network that kills, stops, delays, cuts and heals at random. What is
+// checked at each millisecond is what a service relies on: not too many active members for longer
+// than one beat among those that run and hear one another, and an active one after the activation
+// interval and a beat at the latest once it is settled who is best. And a member that stood still
+// never takes the lead from one that did not.
 
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "rv/ft/Election.h"
@@ -23,7 +26,7 @@ using kvx::ft::Time;
 
 namespace {
 
-constexpr Time kLatency = 3;
+constexpr Time kLongestDelay = 12;
 constexpr int kSides = 2;
 constexpr int kCutOff = -1;  // without a daemon: on no side
 
@@ -31,16 +34,16 @@ struct Participant {
     Rank rank;
     std::unique_ptr<Election> election;
     int side;
-    Time joined;
+    Time joined;  // or when it came back or went on
     Time deadline;
     bool isActive = false;
-};
+    Time activeSince = 0;
+    Time arrived = 0;  // on its side
+    Time standsUntil = 0;
+    // By sender, what is on its way here: messages of one sender stay in order.
+    std::map<std::size_t, std::deque<std::pair<Time, Beat>>> incoming = {};
 
-struct InFlight {
-    Time due;
-    std::size_t sender;
-    int side;
-    Beat beat;
+    bool runs(Time now) const { return election && standsUntil <= now; }
 };
 
 class Network {
@@ -54,13 +57,7 @@ class Network {
                 disturb();
                 nextDisturbance = now_ + pick(3 * rules_.activateMs);
             }
-            deliver();
-            for (std::size_t i = 0; i < members_.size(); ++i) {
-                if (members_[i].election && members_[i].deadline <= now_) {
-                    members_[i].election->advance(now_);
-                    carryOut(i);
-                }
-            }
+            for (std::size_t i = 0; i < members_.size(); ++i) turn(i);
             for (int side = 0; side < kSides; ++side) check(side);
             if (testing::Test::HasFailure()) return;
         }
@@ -80,9 +77,13 @@ class Network {
         const auto who = static_cast<std::size_t>(pick(8));
         if (who >= members_.size() || !members_[who].election) return join(who);
         Participant& member = members_[who];
-        switch (pick(5)) {
+        if (member.standsUntil > now_) return;
+        switch (pick(7)) {
             case 0:
                 return die(who, "kill");
+            case 5:
+            case 6:
+                return stop(who);
             case 1:
                 send(who, member.election->farewell());
                 return die(who, "leave");
@@ -105,14 +106,43 @@ class Network {
                          .election = std::make_unique<Election>(rank, rules_, now_),
                          .side = static_cast<int>(pick(sides_)),
                          .joined = now_,
-                         .deadline = now_};
+                         .deadline = now_,
+                         .arrived = now_};
         carryOut(who);
     }
     void die(std::size_t who, const char* how) {
         note(how, who);
-        const int side = members_[who].side;
-        if (side != kCutOff && best(side) == &members_[who]) settled_[side] = now_;
+        unsettle(who);
         members_[who].election.reset();
+    }
+    void stop(std::size_t who) {
+        note("stop", who);
+        unsettle(who);
+        members_[who].standsUntil = now_ + 1 + pick(3 * rules_.activateMs);
+    }
+    // What a loop does when it goes on: first the timers, then the messages.
+    void turn(std::size_t who) {
+        Participant& member = members_[who];
+        if (!member.runs(now_)) return;
+        if (member.standsUntil == now_) {
+            note("goes on", who);
+            member.joined = now_;
+            if (member.side != kCutOff) crowded_[member.side] = now_;
+        }
+        if (member.deadline <= now_) {
+            member.election->advance(now_);
+            carryOut(who);
+        }
+        for (auto& [sender, messages] : member.incoming) {
+            for (; !messages.empty() && messages.front().first <= now_; messages.pop_front()) {
+                member.election->hear(messages.front().second, now_);
+                carryOut(who);
+            }
+        }
+    }
+    void unsettle(std::size_t who) {
+        const int side = members_[who].side;
+        if (side != kCutOff && best(side) == &members_[who]) settled_[side] = now_ + kLongestDelay;
     }
     void partition() {
         note("partition", 0);
@@ -127,6 +157,8 @@ class Network {
     void regroup() {
         for (Participant& member : members_) {
             if (member.side != kCutOff) member.side = static_cast<int>(pick(sides_));
+            member.incoming.clear();
+            member.arrived = now_;
         }
         for (int side = 0; side < kSides; ++side) {
             settled_[side] = crowded_[side] = now_;
@@ -134,34 +166,27 @@ class Network {
     }
     void cutOff(std::size_t who) {
         note("cut", who);
-        const int side = members_[who].side;
-        if (best(side) == &members_[who]) settled_[side] = now_;
+        unsettle(who);
         members_[who].side = kCutOff;
+        members_[who].incoming.clear();
         members_[who].election->loseLink(now_);
         carryOut(who);
     }
     void reconnect(std::size_t who) {
         note("reconnect", who);
         members_[who].side = static_cast<int>(pick(sides_));
-        members_[who].joined = now_;
+        members_[who].joined = members_[who].arrived = now_;
         members_[who].election->restoreLink(now_);
         carryOut(who);
     }
 
     void send(std::size_t who, const Beat& beat) {
-        if (members_[who].side != kCutOff) {
-            inFlight_.push_back({now_ + kLatency, who, members_[who].side, beat});
-        }
-    }
-    void deliver() {
-        while (!inFlight_.empty() && inFlight_.front().due <= now_) {
-            const InFlight message = inFlight_.front();
-            inFlight_.pop_front();
-            for (std::size_t i = 0; i < members_.size(); ++i) {
-                if (!members_[i].election || members_[i].side != message.side) continue;
-                members_[i].election->hear(message.beat, now_);
-                carryOut(i);
-            }
+        if (members_[who].side == kCutOff) return;
+        for (Participant& member : members_) {
+            if (!member.election || member.side != members_[who].side) continue;
+            auto& queue = member.incoming[who];
+            const Time due = now_ + 1 + pick(kLongestDelay);
+            queue.emplace_back(queue.empty() ? due : std::max(due, queue.back().first), beat);
         }
     }
     void carryOut(std::size_t who) {
@@ -173,6 +198,8 @@ class Network {
             }
             ASSERT_EQ(*step == Step::Deactivate, member.isActive) << history;
             member.isActive = *step == Step::Activate;
+            member.activeSince = now_;
+            if (member.isActive) checkIsWanted(member);
             activations += member.isActive ? 1 : 0;
             note(member.isActive ? "active" : "inactive", who);
         }
@@ -182,7 +209,7 @@ class Network {
     const Participant* best(int side) const {
         const Participant* found = nullptr;
         for (const Participant& member : members_) {
-            if (!member.election || member.side != side) continue;
+            if (!member.runs(now_) || member.side != side) continue;
             if (found == nullptr || member.rank.isBetterThan(found->rank)) found = &member;
         }
         return found;
@@ -192,10 +219,10 @@ class Network {
         const Participant* leader = best(side);
         unsigned active = 0;
         for (const Participant& member : members_) {
-            if (member.election && member.side == side && member.isActive) ++active;
+            if (member.runs(now_) && member.side == side && member.isActive) ++active;
         }
         if (active <= rules_.activeGoal) crowded_[side] = now_;
-        ASSERT_LE(now_ - crowded_[side], rules_.heartbeatMs + kLatency)
+        ASSERT_LE(now_ - crowded_[side], rules_.heartbeatMs + kLongestDelay)
             << active << " active on side " << side << "\n"
             << history;
         if (leader == nullptr || active > 0) {
@@ -203,9 +230,23 @@ class Network {
             return;
         }
         const Time since = std::max({deserted_[side], settled_[side], leader->joined});
-        ASSERT_LE(now_ - since, rules_.activateMs + rules_.heartbeatMs)
+        ASSERT_LE(now_ - since, rules_.activateMs + rules_.heartbeatMs + kLongestDelay)
             << "none active on side " << side << "\n"
             << history;
+    }
+
+    // Enough better ones that were there, running and active all the time must have kept it back.
+    void checkIsWanted(const Participant& member) {
+        unsigned steady = 0;
+        for (const Participant& other : members_) {
+            const Time since =
+                std::max({other.activeSince, other.joined, other.arrived, member.arrived});
+            if (other.runs(now_) && other.isActive && other.side == member.side &&
+                other.rank.isBetterThan(member.rank) && since + 2 * rules_.activateMs < now_) {
+                ++steady;
+            }
+        }
+        ASSERT_LT(steady, rules_.activeGoal) << history;
     }
 
     Rules rules_;
@@ -214,7 +255,6 @@ class Network {
     int sides_ = 1;
     int incarnations_ = 0;
     std::vector<Participant> members_;
-    std::deque<InFlight> inFlight_;
     Time settled_[kSides] = {};   // since when it is clear who could be best
     Time crowded_[kSides] = {};   // when there were last not too many
     Time deserted_[kSides] = {};  // when there was last an active one, or nobody at all

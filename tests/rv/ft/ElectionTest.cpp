@@ -119,12 +119,14 @@ TEST(Election, TakesOverAtOnceFromAnActiveMemberThatLeaves) {
 }
 
 TEST(Election, TakesOverWithinOneBeatOfALeaveEvenWhenJustJoined) {
-    Driven member;
-    member.now = 200;
-    member.hear(kBetter, MemberState::Active);
-    member.hear(kBetter, MemberState::Leaving);
-    member.runUntil(10000);
-    EXPECT_EQ(member.told, (Actions{{Step::Activate, kBeat}}));
+    for (const bool hasHeardOfIt : {true, false}) {
+        Driven member;
+        member.now = 200;
+        if (hasHeardOfIt) member.hear(kBetter, MemberState::Active);
+        member.hear(kBetter, MemberState::Leaving);
+        member.runUntil(10000);
+        EXPECT_EQ(member.told, (Actions{{Step::Activate, kBeat}}));
+    }
 }
 
 TEST(Election, LeavesTheLeadToANextInRank) {
