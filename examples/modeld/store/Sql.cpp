@@ -189,12 +189,14 @@ const std::pair<std::string, ValueKind>* Table::find(std::string_view column) co
     return nullptr;
 }
 
-std::optional<Table> describe(sqlite3* database, const std::string& name) {
-    if (lowered(name).starts_with("sqlite_")) return std::nullopt;
+std::optional<Table> describe(sqlite3* database, const std::string& name, const char* schema) {
+    const std::string plain = lowered(name);
+    if (plain.starts_with("sqlite_") || plain.starts_with(kOwnTables)) return std::nullopt;
     const Statement statement =
-        prepare(database, "SELECT name, type FROM pragma_table_info(?1) ORDER BY cid");
+        prepare(database, "SELECT name, type FROM pragma_table_info(?1, ?2) ORDER BY cid");
     if (!statement) return std::nullopt;
     bindValue(statement.get(), 1, name);
+    bindValue(statement.get(), 2, std::string(schema));
     Table table;
     table.name = name;
     while (sqlite3_step(statement.get()) == SQLITE_ROW) {

@@ -28,6 +28,9 @@ bool execute(sqlite3* database, const std::string& text);
 /// An identifier as SQL wants it: in double quotes, quotes inside doubled.
 std::string quoted(std::string_view name);
 
+/// How the names of the store's own tables begin, which no query reaches.
+inline constexpr const char kOwnTables[] = "_modeld_";
+
 /// The columns of a table with their kinds, by name in lower case, in table order.
 struct Table {
     std::string name;
@@ -36,8 +39,9 @@ struct Table {
     const std::pair<std::string, ValueKind>* find(std::string_view column) const;
 };
 
-/// Nothing when there is no such table, or when it is one of SQLite's own.
-std::optional<Table> describe(sqlite3* database, const std::string& name);
+/// Nothing when there is no such table, or when it is one of SQLite's or the store's own.
+std::optional<Table> describe(sqlite3* database, const std::string& name,
+                              const char* schema = "main");
 
 /// A statement with its values still beside it: no byte of a query text is ever part of `text`, but
 /// for names that were found in the schema.

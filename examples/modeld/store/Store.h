@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -51,6 +52,20 @@ struct Source {
 };
 using Progress = std::function<void(std::uint64_t rows)>;
 
+enum class Change { Inserted, Changed, Deleted };
+
+/// Makes the notice that tells of one change: any bytes. A changed row is shown as it is now.
+using Describe = std::function<std::string(Change, const Row&)>;
+
+/// How many rows a refresh found different.
+struct Refreshed {
+    std::uint64_t inserted = 0;
+    std::uint64_t changed = 0;
+    std::uint64_t deleted = 0;
+
+    std::uint64_t all() const { return inserted + changed + deleted; }
+};
+
 /// A SQLite database behind the queries of a model. One object belongs to one thread at a time;
 /// several may stand on one file.
 class Store {
@@ -62,8 +77,25 @@ class Store {
 
     /// Fills `source.table` anew in one transaction: on a refusal the table is as it was before.
     /// A column holds integers when every value of it is one, written the plain way; else text.
-    /// Column names become lower case, with an underscore for whatever a name cannot hold.
+    /// Column names become lower case, with an underscore for whatever is no letter or digit.
     std::optional<Refusal> load(const Source& source, const Progress& progress);
+
+    /// Brings `source.table` in line with its files by changing only the rows that differ. Rows are
+    /// the same when their keys are; without a key, or of one key twice, the values and the order
+    /// tell. In one transaction with the changes it keeps the notices that `describe` makes of
+    /// them, until somebody takes them. On a refusal everything is as it was before.
+    std::optional<Refusal> refresh(const Source& source, const Describe& describe, Refreshed& done);
+
+    /// Shows all kept notices to `visit`, the oldest first, and forgets them. A notice may be shown
+    /// again later when this process dies, or is refused, in between.
+    std::optional<Refusal> takeNotices(const std::function<void(std::string_view)>& visit);
+
+    /// Forgets the notices that have been kept for longer.
+    std::optional<Refusal> dropNotices(std::chrono::seconds olderThan);
+
+    /// Moves what was written since the last time from the log into the database, as far as readers
+    /// allow within five seconds; `framesLeft` is what stays behind.
+    std::optional<Refusal> checkpoint(int& framesLeft);
 
     /// Runs a query, showing every row to `visit` until that returns false. The number of rows
     /// shown is left in `rows`.

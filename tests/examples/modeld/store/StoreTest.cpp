@@ -47,8 +47,38 @@ class StoreTest : public ::testing::Test {
             rows);
     }
 
+    // What a refresh from `content` tells: "+" inserted, "*" changed, "-" deleted, and the row.
+    std::string refresh(const std::string& content, const std::string& key = "name") {
+        told_.clear();
+        Refreshed done;
+        const auto refusal = store_->refresh(
+            {{csv("data.csv", content)}, "devices", key},
+            [](Change change, const Row& row) {
+                std::string notice(1, "+*-"[static_cast<int>(change)]);
+                for (int i = 0; i < row.size(); ++i) {
+                    notice += std::string(i == 0 ? "" : ",") + std::string(row.text(i));
+                }
+                return notice;
+            },
+            done);
+        if (refusal) return refusal->message;
+        take(*store_);
+        EXPECT_EQ(std::count(told_.begin(), told_.end(), ';'), static_cast<int>(done.all()));
+        return told_;
+    }
+
+    void take(Store& store) {
+        EXPECT_FALSE(store.takeNotices([this](std::string_view n) { (told_ += n) += ";"; }));
+    }
+
+    std::string rows() {
+        EXPECT_FALSE(run("select * from devices"));
+        return answer_;
+    }
+
     kvx::test::TemporaryDirectory directory_;
     std::unique_ptr<Store> store_;
+    std::string told_;
     std::string answer_;
 };
 
@@ -112,6 +142,73 @@ TEST_F(StoreTest, KeepsTheOldTableWhenItsSourceIsBad) {
     }
     EXPECT_FALSE(run("select name from devices limit 1"));
     EXPECT_EQ(answer_, "core-1;");
+}
+
+TEST_F(StoreTest, RefreshTellsAndChangesExactlyTheRowsThatDiffer) {
+    load("name,ports\na,1\nb,2\nc,\nd,4\n", "name");
+    struct Step {
+        const char* what;
+        const char* content;
+        const char* told;
+        const char* rows;
+    };
+    for (const auto& [what, content, told, rows] : {
+             Step{"nothing", "name,ports\na,1\nb,2\nc,\nd,4\n", "", "a,1;b,2;c,-;d,4;"},
+             Step{"all kinds", "name,ports\na,1\nb,3\nd,\ne,5\n", "-c,;*b,3;*d,;+e,5;",
+                  "a,1;b,3;d,-;e,5;"},
+             Step{"order only", "name,ports\ne,5\nd,\nb,3\na,1\n", "", "a,1;b,3;d,-;e,5;"},
+             Step{"a key twice", "name,ports\na,1\na,2\nb,3\nd,\ne,5\n", "+a,2;",
+                  "a,1;b,3;d,-;e,5;a,2;"},
+             Step{"a key once less", "name,ports\na,2\nb,3\nd,\ne,5\n", "-a,2;*a,2;",
+                  "a,2;b,3;d,-;e,5;"},
+             Step{"no key, twice", "name,ports\n,1\n,2\n", "-a,2;-b,3;-d,;-e,5;+,1;+,2;",
+                  "-,1;-,2;"},
+             Step{"another column", "name,site\nb,north\n", "-,1;-,2;+b,north;", "b,north;"},
+             Step{"texts for numbers", "name,site\nb,7\n", "*b,7;", "b,7;"},
+             Step{"a row number", "name,rowid\nb,1\nc,1\n", "*b,1;+c,1;", "b,1;c,1;"},
+             Step{"a row number changed", "name,rowid\nb,2\nc,1\n", "*b,2;", "b,2;c,1;"},
+             Step{"all gone", "name,rowid\n", "-b,2;-c,1;", ""},
+         }) {
+        EXPECT_EQ(refresh(content), told) << what;
+        EXPECT_EQ(this->rows(), rows) << what;
+    }
+}
+
+TEST_F(StoreTest, RefreshWithoutAKeyComparesWholeRows) {
+    EXPECT_EQ(refresh("name,ports\na,1\na,1\nb,2\n", ""), "+a,1;+a,1;+b,2;") << "no table before";
+    EXPECT_EQ(refresh("name,ports\na,1\nb,3\n\"a','b\",1\n", ""), "-a,1;-b,2;+b,3;+a','b,1;");
+    EXPECT_EQ(rows(), "a,1;b,3;a','b,1;");
+}
+
+TEST_F(StoreTest, RefreshFromABadSourceChangesAndTellsNothing) {
+    load("name,ports\na,1\n", "name");
+    EXPECT_NE(refresh("name,ports\na\n").find("line 2 has 1 fields"), std::string::npos);
+    EXPECT_NE(refresh("ports\n1\n").find("no column 'name'"), std::string::npos);
+    EXPECT_EQ(rows(), "a,1;");
+    take(*store_);
+    EXPECT_EQ(told_, "");
+}
+
+TEST_F(StoreTest, NoticesAreTakenOnceByWhoeverSharesTheDatabase) {
+    load("name,ports\na,1\n", "name");
+    Refusal refusal;
+    const auto other = Store::open(directory_.file("model.db"), Store::Access::ReadWrite, refusal);
+    const Source source{{csv("data.csv", "name,ports\na,2\n")}, "devices", "name"};
+    const Describe describe = [](Change, const Row& row) { return std::string(row.text(1)); };
+    Refreshed done;
+    EXPECT_FALSE(other->refresh(source, describe, done));
+    EXPECT_EQ(done.changed, 1U);
+    EXPECT_FALSE(store_->refresh(source, describe, done));
+    EXPECT_EQ(done.all(), 0U) << "the other one has done it";
+    EXPECT_FALSE(store_->dropNotices(std::chrono::seconds(60)));
+    take(*store_);
+    EXPECT_EQ(told_, "2;");
+    take(*other);
+    EXPECT_EQ(told_, "2;");
+    int left = -1;
+    EXPECT_FALSE(store_->checkpoint(left));
+    EXPECT_EQ(left, 0);
+    EXPECT_TRUE(run("select * from _modeld_notices")) << "the store's own table is nobody's";
 }
 
 TEST_F(StoreTest, RefusesADatabaseThatIsNotThere) {

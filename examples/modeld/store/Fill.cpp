@@ -1,0 +1,176 @@
+// Filling a table reads its files twice: once to learn what the columns hold, once to insert; so
+// memory does not grow with the files.
+
+#include "examples/modeld/store/Fill.h"
+
+#include <set>
+#include <vector>
+
+#include "examples/modeld/store/CsvReader.h"
+#include "examples/modeld/store/Sql.h"
+
+namespace modeld {
+
+namespace {
+
+constexpr std::uint64_t kRowsPerProgress = 1000;
+
+Refusal badSource(const std::string& file, const std::string& what) {
+    return {StoreError::BadSource, file + ": " + what, 0};
+}
+
+std::string columnName(const std::string& heading) {
+    std::string name;
+    for (const char c : heading) {
+        if (c >= 'A' && c <= 'Z') {
+            name.push_back(static_cast<char>(c - 'A' + 'a'));
+        } else if ((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9' && !name.empty())) {
+            name.push_back(c);
+        } else {
+            name.push_back('_');
+        }
+    }
+    return name;
+}
+
+// An integer as a person would write it: no leading zero that a number would lose, at most 18
+// digits.
+bool isPlainInteger(const std::string& text) {
+    const std::size_t start = text.starts_with('-') ? 1 : 0;
+    const std::size_t digits = text.size() - start;
+    if (digits == 0 || digits > 18) return false;
+    if (text[start] == '0' && (digits > 1 || start == 1)) return false;
+    return text.find_first_not_of("0123456789", start) == std::string::npos;
+}
+
+struct Column {
+    std::string name;
+    bool integers = true;
+    bool empty = true;
+};
+
+// Shows every record of every file below the heading to `visit`, which may refuse.
+template <class Visit>
+std::optional<Refusal> eachRecord(const Source& source, std::vector<std::string>& heading,
+                                  Visit&& visit) {
+    std::vector<std::string> fields;
+    for (const auto& file : source.files) {
+        CsvReader reader(file);
+        if (!reader.isOpen()) return badSource(file, "cannot be read");
+        if (reader.next(fields) != CsvReader::Result::Record) return badSource(file, "is empty");
+        if (heading.empty()) heading = fields;
+        if (fields != heading) return badSource(file, "has other columns than the first file");
+        auto result = reader.next(fields);
+        for (; result == CsvReader::Result::Record; result = reader.next(fields)) {
+            if (fields.size() == 1 && fields[0].empty()) continue;
+            if (fields.size() != heading.size()) {
+                return badSource(file, "line " + std::to_string(reader.line()) + " has " +
+                                           std::to_string(fields.size()) + " fields where " +
+                                           std::to_string(heading.size()) + " are expected");
+            }
+            if (auto refusal = visit(fields)) return refusal;
+        }
+        if (result == CsvReader::Result::Malformed) {
+            return badSource(file, "line " + std::to_string(reader.line()) +
+                                       ": a quote is not closed, or the record is too long");
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<Refusal> learnColumns(const Source& source, std::vector<Column>& columns) {
+    std::vector<std::string> heading;
+    auto refusal = eachRecord(source, heading, [&](const auto& fields) -> std::optional<Refusal> {
+        columns.resize(fields.size());
+        for (std::size_t i = 0; i < fields.size(); ++i) {
+            if (fields[i].empty()) continue;
+            columns[i].empty = false;
+            columns[i].integers = columns[i].integers && isPlainInteger(fields[i]);
+        }
+        return std::nullopt;
+    });
+    if (refusal) return refusal;
+    columns.resize(heading.size());
+    std::set<std::string> names;
+    for (std::size_t i = 0; i < heading.size(); ++i) {
+        columns[i].name = columnName(heading[i]);
+        if (columns[i].name.empty() || !names.insert(columns[i].name).second) {
+            return badSource(source.files.front(),
+                             "column " + std::to_string(i + 1) + " has no name of its own");
+        }
+    }
+    return std::nullopt;
+}
+
+std::string createText(const std::string& table, const std::vector<Column>& columns) {
+    std::string text = "CREATE TABLE " + table + " (";
+    for (const auto& column : columns) {
+        if (&column != &columns.front()) text += ", ";
+        text += sql::quoted(column.name);
+        text += column.integers && !column.empty ? " INTEGER" : " TEXT";
+    }
+    return text + ")";
+}
+
+std::string insertText(const std::string& table, std::size_t columns) {
+    std::string text = "INSERT INTO " + table + " VALUES (";
+    for (std::size_t i = 0; i < columns; ++i) text += i == 0 ? "?" : ", ?";
+    return text + ")";
+}
+
+std::optional<Refusal> insertRows(sqlite3* database, const Source& source, const std::string& table,
+                                  std::size_t columns, const Progress& progress) {
+    const sql::Statement insert = sql::prepare(database, insertText(table, columns));
+    if (!insert) return failed(database, "preparing the insertion");
+    std::uint64_t rows = 0;
+    std::vector<std::string> heading;
+    auto refusal = eachRecord(source, heading, [&](const auto& fields) -> std::optional<Refusal> {
+        for (std::size_t i = 0; i < fields.size(); ++i) {
+            const int index = static_cast<int>(i) + 1;
+            if (fields[i].empty()) {
+                sqlite3_bind_null(insert.get(), index);
+            } else {
+                sqlite3_bind_text64(insert.get(), index, fields[i].data(), fields[i].size(),
+                                    SQLITE_STATIC, SQLITE_UTF8);
+            }
+        }
+        if (sqlite3_step(insert.get()) != SQLITE_DONE) return failed(database, "inserting a row");
+        sqlite3_reset(insert.get());
+        if (++rows % kRowsPerProgress == 0 && progress) progress(rows);
+        return std::nullopt;
+    });
+    if (!refusal && progress) progress(rows);
+    return refusal;
+}
+
+}  // namespace
+
+Refusal failed(sqlite3* database, const std::string& doing) {
+    return {StoreError::Failed, doing + ": " + sqlite3_errmsg(database), 0};
+}
+
+std::optional<Refusal> fillTable(sqlite3* database, const Source& source, const std::string& table,
+                                 const Progress& progress) {
+    std::vector<Column> columns;
+    if (auto refusal = learnColumns(source, columns)) return refusal;
+    if (!sql::execute(database, "DROP TABLE IF EXISTS " + table) ||
+        !sql::execute(database, createText(table, columns))) {
+        return failed(database, "creating the table");
+    }
+    return insertRows(database, source, table, columns.size(), progress);
+}
+
+std::optional<Refusal> indexKey(sqlite3* database, const Source& source) {
+    if (source.key.empty()) return std::nullopt;
+    const auto table = sql::describe(database, source.table);
+    const auto* key = table ? table->find(source.key) : nullptr;
+    if (key == nullptr) {
+        return Refusal{StoreError::NoColumn, "no column '" + source.key + "' to index", 0};
+    }
+    const std::string index = "CREATE INDEX " + sql::quoted(source.table + "_key") + " ON " +
+                              sql::quoted(source.table) + " (" + sql::quoted(key->first) + ")";
+    if (!sql::execute(database, index)) return failed(database, "indexing the table");
+    return std::nullopt;
+}
+
+}  // namespace modeld

@@ -1,0 +1,221 @@
+// What differs between a table and its files, and the table made equal. The files go into a
+// temporary table. Every row of either side then gets an identity, the text of its key and how many
+// rows of the same key came before it, and the two sides are joined on that: a row without a
+// partner was deleted or inserted, partners that differ were changed. Rows that did not change are
+// not written.
+//
+// Two processes may share one database. The transaction takes the write lock before it compares, so
+// the second one finds no difference; and since the notices are rows of the database too, it does
+// not matter which of the two did the work: the one whose task it is to publish takes them.
+
+#include "examples/modeld/store/Refresh.h"
+
+#include <algorithm>
+
+#include "examples/modeld/store/Fill.h"
+
+namespace modeld {
+
+namespace {
+
+constexpr const char* kStaged = "temp.staged";
+constexpr const char* kNotices = "_modeld_notices";
+
+// Notices of one refresh, in this order: what left its place comes before what may take it.
+constexpr Change kOrder[] = {Change::Deleted, Change::Changed, Change::Inserted};
+
+std::string number(Change change) {
+    return std::to_string(static_cast<int>(change));
+}
+
+std::string columnList(const sql::Table& table) {
+    std::string list;
+    for (const auto& column : table.columns) list += ", " + sql::quoted(column.first);
+    return list;
+}
+
+// Rows of one side with their identities: r is the row number, k the key, n its how-manieth.
+std::string identitiesText(const char* name, const std::string& table, const std::string& rowid,
+                           const std::string& key) {
+    return std::string("CREATE TEMP TABLE ") + name + " AS SELECT " + rowid + " AS r, " + key +
+           " AS k, row_number() OVER (PARTITION BY " + key + " ORDER BY " + rowid + ") AS n FROM " +
+           table;
+}
+
+}  // namespace
+
+Refresh::Refresh(sqlite3* database, const Source& source) : database_(database), source_(source) {}
+
+Refresh::~Refresh() {
+    for (const char* table : {"staged", "before", "after", "changes"}) {
+        sql::execute(database_, std::string("DROP TABLE IF EXISTS temp.") + table);
+    }
+}
+
+bool Refresh::all(std::initializer_list<std::string> commands) {
+    return std::all_of(commands.begin(), commands.end(), [this](const std::string& command) {
+        return sql::execute(database_, command);
+    });
+}
+
+std::optional<Refusal> Refresh::stage() {
+    if (!sql::execute(database_, "BEGIN")) return failed(database_, "reading the files");
+    auto refusal = fillTable(database_, source_, kStaged, {});
+    if (!sql::execute(database_, refusal ? "ROLLBACK" : "COMMIT") && !refusal) {
+        refusal = failed(database_, "reading the files");
+    }
+    if (refusal) return refusal;
+    staged_ = sql::describe(database_, "staged", "temp").value_or(sql::Table{});
+    if (!source_.key.empty() && staged_.find(source_.key) == nullptr) {
+        return Refusal{StoreError::NoColumn, "no column '" + source_.key + "' to index", 0};
+    }
+    return std::nullopt;
+}
+
+std::optional<Refusal> Refresh::apply(const Describe& describe, Refreshed& done) {
+    done = {};
+    present_ = sql::describe(database_, source_.table).value_or(sql::Table{});
+    for (const char* name : {"rowid", "oid", "_rowid_"}) {
+        if (!present_.find(name) && !staged_.find(name)) rowid_ = name;
+    }
+    if (rowid_.empty()) return Refusal{StoreError::BadSource, "every row number is a column", 0};
+    if (auto refusal = compare()) return refusal;
+    std::uint64_t* counts[] = {&done.inserted, &done.changed, &done.deleted};
+    for (const Change change : kOrder) {
+        if (auto refusal = keepNotices(change, describe, *counts[static_cast<int>(change)])) {
+            return refusal;
+        }
+    }
+    if (present_.columns != staged_.columns) return replaceTable();
+    return done.all() == 0 ? std::nullopt : changeRows();
+}
+
+// The key, or without one the whole row, as a text that is never null.
+std::string Refresh::identity(const sql::Table& table) const {
+    const auto* key = source_.key.empty() ? nullptr : table.find(source_.key);
+    if (key != nullptr) return "coalesce(CAST(" + sql::quoted(key->first) + " AS TEXT), '')";
+    std::string whole = "''";
+    for (const auto& column : table.columns) {
+        whole += "||','||quote(" + sql::quoted(column.first) + ")";
+    }
+    return whole;
+}
+
+// Whether the partners o and s differ. Where the columns do, all rows count as changed.
+std::string Refresh::differs() const {
+    if (present_.columns != staged_.columns) return "1";
+    std::string text = "0";
+    for (const auto& column : staged_.columns) {
+        text += " OR o." + sql::quoted(column.first) + " IS NOT s." + sql::quoted(column.first);
+    }
+    return text;
+}
+
+std::optional<Refusal> Refresh::compare() {
+    const std::string table = "main." + sql::quoted(source_.table);
+    const std::string nothing = "CREATE TEMP TABLE before (r, k, n)";
+    const std::string partners = " ON b.k = a.k AND b.n = a.n";
+    const std::string insert = "INSERT INTO temp.changes SELECT ";
+    const bool done =
+        all({present_.columns.empty() ? nothing
+                                      : identitiesText("before", table, rowid_, identity(present_)),
+             identitiesText("after", kStaged, rowid_, identity(staged_)),
+             "CREATE INDEX temp.before_k ON before (k, n)",
+             "CREATE INDEX temp.after_k ON after (k, n)",
+             "CREATE TEMP TABLE changes (kind INTEGER, present INTEGER, staged INTEGER)",
+             insert + number(Change::Deleted) + ", b.r, NULL FROM before b LEFT JOIN after a" +
+                 partners + " WHERE a.r IS NULL ORDER BY b.r",
+             insert + number(Change::Inserted) + ", NULL, a.r FROM after a LEFT JOIN before b" +
+                 partners + " WHERE b.r IS NULL ORDER BY a.r"}) &&
+        (present_.columns.empty() ||
+         all({insert + number(Change::Changed) + ", b.r, a.r FROM after a JOIN before b" +
+              partners + " JOIN " + table + " o ON o." + rowid_ + " = b.r JOIN " + kStaged +
+              " s ON s." + rowid_ + " = a.r WHERE " + differs() + " ORDER BY a.r"}));
+    return done ? std::nullopt : std::optional(failed(database_, "comparing the rows"));
+}
+
+std::optional<Refusal> Refresh::keepNotices(Change change, const Describe& describe,
+                                            std::uint64_t& rows) {
+    const bool deleted = change == Change::Deleted;
+    if (deleted && present_.columns.empty()) return std::nullopt;
+    if (!sql::execute(database_, std::string("CREATE TABLE IF NOT EXISTS ") + kNotices +
+                                     " (id INTEGER PRIMARY KEY, made INTEGER, notice BLOB)")) {
+        return failed(database_, "keeping the notices");
+    }
+    const std::string table = deleted ? "main." + sql::quoted(source_.table) : kStaged;
+    const sql::Statement select =
+        sql::prepare(database_, "SELECT t.* FROM temp.changes c JOIN " + table + " t ON t." +
+                                    rowid_ + " = c." + (deleted ? "present" : "staged") +
+                                    " WHERE c.kind = " + number(change) + " ORDER BY c." + rowid_);
+    const sql::Statement insert =
+        sql::prepare(database_, std::string("INSERT INTO ") + kNotices +
+                                    " (made, notice) VALUES (CAST(strftime('%s') AS INTEGER), ?)");
+    if (!select || !insert) return failed(database_, "keeping the notices");
+    int step = sqlite3_step(select.get());
+    for (; step == SQLITE_ROW; step = sqlite3_step(select.get())) {
+        const std::string notice = describe(change, Row(select.get()));
+        sqlite3_bind_blob64(insert.get(), 1, notice.data(), notice.size(), SQLITE_STATIC);
+        if (sqlite3_step(insert.get()) != SQLITE_DONE) {
+            return failed(database_, "keeping the notices");
+        }
+        sqlite3_reset(insert.get());
+        ++rows;
+    }
+    return step == SQLITE_DONE ? std::nullopt
+                               : std::optional(failed(database_, "reading the changes"));
+}
+
+// A changed row keeps its number, and so its place; a new one, whose number is null, gets the next.
+std::optional<Refusal> Refresh::changeRows() {
+    const std::string table = "main." + sql::quoted(source_.table);
+    const std::string columns = columnList(staged_);
+    const bool done =
+        all({"DELETE FROM " + table + " WHERE " + rowid_ + " IN (SELECT present FROM temp.changes)",
+             "INSERT INTO " + table + " (" + rowid_ + columns + ") SELECT c.present" + columns +
+                 " FROM temp.changes c JOIN " + kStaged + " s ON s." + rowid_ +
+                 " = c.staged ORDER BY c.kind DESC, c." + rowid_});
+    return done ? std::nullopt : std::optional(failed(database_, "changing the rows"));
+}
+
+std::optional<Refusal> Refresh::replaceTable() {
+    const std::string table = "main." + sql::quoted(source_.table);
+    std::string columns;
+    for (const auto& [name, kind] : staged_.columns) {
+        columns += columns.empty() ? "" : ", ";
+        columns += sql::quoted(name) + (kind == ValueKind::Integer ? " INTEGER" : " TEXT");
+    }
+    const bool done =
+        all({"DROP TABLE IF EXISTS " + table, "CREATE TABLE " + table + " (" + columns + ")",
+             "INSERT INTO " + table + " SELECT * FROM " + kStaged + " ORDER BY " + rowid_});
+    if (!done) return failed(database_, "replacing the table");
+    return indexKey(database_, source_);
+}
+
+bool hasNotices(sqlite3* database) {
+    const sql::Statement select =
+        sql::prepare(database, std::string("SELECT 1 FROM ") + kNotices + " LIMIT 1");
+    return select && sqlite3_step(select.get()) == SQLITE_ROW;
+}
+
+std::optional<Refusal> takeNotices(sqlite3* database,
+                                   const std::function<void(std::string_view)>& visit) {
+    const sql::Statement select =
+        sql::prepare(database, std::string("SELECT notice FROM ") + kNotices + " ORDER BY id");
+    if (!select) return failed(database, "reading the notices");
+    int step = sqlite3_step(select.get());
+    for (; step == SQLITE_ROW; step = sqlite3_step(select.get())) visit(Row(select.get()).text(0));
+    if (step != SQLITE_DONE || !sql::execute(database, std::string("DELETE FROM ") + kNotices)) {
+        return failed(database, "taking the notices");
+    }
+    return std::nullopt;
+}
+
+std::optional<Refusal> dropNotices(sqlite3* database, std::chrono::seconds olderThan) {
+    const std::string command = std::string("DELETE FROM ") + kNotices +
+                                " WHERE made < CAST(strftime('%s') AS INTEGER) - " +
+                                std::to_string(olderThan.count());
+    if (sql::execute(database, command)) return std::nullopt;
+    return failed(database, "dropping old notices");
+}
+
+}  // namespace modeld
