@@ -157,11 +157,17 @@ void ModelService::answerQuestion(const Question& question) {
     returnStore(std::move(store));
     const std::chrono::duration<double, std::milli> spent =
         std::chrono::steady_clock::now() - begin;
+    rows_ += verdict.rows;
+    ++(verdict.reason.empty() ? answered_ : refused_);
     if (verdict.reason.empty()) {
         Log::debug("{} rows in {:.1f} ms: {}", verdict.rows, spent.count(), question.text);
     } else {
         Log::info("refused: {}: {}", verdict.reason, question.text);
     }
+}
+
+ModelService::Statistics ModelService::statistics() const {
+    return {answered_, refused_, rows_, waiting_};
 }
 
 void ModelService::waitForRoomInSendQueue() const {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -45,6 +46,17 @@ class ModelService : public RvDataCallback {
     /// To be called once the main loop runs: takes up the engine's role and follows it.
     void followRole();
 
+    /// What has been done since the start, and what waits at this moment.
+    struct Statistics {
+        std::uint64_t answered = 0;
+        std::uint64_t refused = 0;
+        std::uint64_t rows = 0;
+        int waiting = 0;
+    };
+
+    /// Any thread.
+    Statistics statistics() const;
+
     /// The subject that questions come in on, domain included.
     std::string querySubject() const;
 
@@ -76,6 +88,9 @@ class ModelService : public RvDataCallback {
     const Settings settings_;
     const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
     std::atomic<int> waiting_{0};
+    std::atomic<std::uint64_t> answered_{0};
+    std::atomic<std::uint64_t> refused_{0};
+    std::atomic<std::uint64_t> rows_{0};
     std::atomic<bool> stopping_{false};
 
     // Main thread only.

@@ -18,7 +18,8 @@ std::string checkService(const std::string& name) {
 void addOptions(CLI::App& app, Options& options, std::string& service) {
     app.add_option("--db", options.database, "the SQLite database")->capture_default_str();
     app.add_option("--load", options.files,
-                   "fill the table anew from comma-separated files before answering")
+                   "fill the table anew from comma-separated files before answering, then "
+                   "follow their changes")
         ->check(CLI::ExistingFile);
     app.add_option("--table", options.table, "the table to fill")->capture_default_str();
     app.add_option("--key", options.key, "a column of the table to index");
@@ -39,6 +40,17 @@ void addOptions(CLI::App& app, Options& options, std::string& service) {
         ->capture_default_str();
 }
 
+void addPolls(CLI::App& app, Options& options) {
+    const auto add = [&app](const char* name, int& seconds, const char* what) {
+        app.add_option(name, seconds, what + std::string("; 0 for never"))
+            ->check(CLI::Range(0, 86400))
+            ->capture_default_str();
+    };
+    add("--watch-source", options.watchSource, "seconds between looks at the files of --load");
+    add("--statistics", options.statistics, "seconds between lines of statistics");
+    add("--checkpoint", options.checkpoint, "seconds between checkpoints of the database");
+}
+
 }  // namespace
 
 Options readOptions(int argc, char** argv, int& exitStatus) {
@@ -49,6 +61,7 @@ Options readOptions(int argc, char** argv, int& exitStatus) {
     CLI::App app{"Answers queries over the bus out of an SQLite database.", "modeld"};
     app.set_version_flag("--version", std::string("modeld ") + KVX_VERSION);
     addOptions(app, options, service);
+    addPolls(app, options);
     app.add_flag("-v,--verbose", verbose, "log more");
     app.add_flag("-q,--quiet", quiet, "log less");
     exitStatus = -1;

@@ -21,6 +21,9 @@ struct Options {
     bool standalone = false;  ///< joins no group
     int threads = 2;
     unsigned long sendRate = 100000;
+    int watchSource = 5;  ///< seconds, as the next two; 0 for never
+    int statistics = 60;
+    int checkpoint = 60;
     LogLevel level = LogLevel::Info;
 };
 

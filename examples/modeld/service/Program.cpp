@@ -9,9 +9,11 @@
 #include <cstdio>
 #include <functional>
 
+#include "examples/modeld/polls/Polls.h"
 #include "examples/modeld/service/Log.h"
 #include "examples/modeld/service/ModelService.h"
 #include "examples/modeld/service/StopSignals.h"
+#include "mom/net/VekText.h"
 #include "platform/File.h"
 
 namespace modeld {
@@ -37,6 +39,17 @@ void showProgress(std::uint64_t rows) {
     if (kvx::platform::isTerminal(stderr)) fmt::print(stderr, "\rmodeld: {} rows ", rows);
 }
 
+Source sourceOf(const Options& options) {
+    return {options.files, options.table, options.key};
+}
+
+// Empty for a service that publishes nothing.
+std::string notifySubject(CVekEngine& engine, __serv_types service) {
+    const std::string plain = CVekServiceToSubjectMapper::ServiceEnumToNotifySubject(service);
+    const kvx::Text subject(plain.empty() ? nullptr : engine.RRNDomainSubj(plain.c_str()));
+    return subject ? subject.get() : "";
+}
+
 bool load(const Options& options) {
     if (options.files.empty()) return true;
     const auto begin = std::chrono::steady_clock::now();
@@ -45,7 +58,7 @@ bool load(const Options& options) {
     std::uint64_t rows = 0;
     std::optional<Refusal> problem = refusal;
     if (store) {
-        problem = store->load({options.files, options.table, options.key}, [&](std::uint64_t done) {
+        problem = store->load(sourceOf(options), [&](std::uint64_t done) {
             rows = done;
             showProgress(done);
         });
@@ -64,6 +77,8 @@ bool load(const Options& options) {
 
 int run(const Options& options) {
     Log::setLevel(options.level);
+    // What the files are before the loading: a change during it is seen later.
+    const FileWatch watch(options.files);
     if (!load(options)) return kFailure;
     // An engine that serves no service joins no group.
     ModelEngine engine(options.tier, options.group.c_str(), options.domain.c_str(),
@@ -76,6 +91,9 @@ int run(const Options& options) {
         Log::error("{}", reason);
         return kFailure;
     }
+    const Polls polls(engine, service, watch,
+                      {options.database, sourceOf(options), notifySubject(engine, options.service),
+                       options.watchSource, options.statistics, options.checkpoint});
     engine.whenRunning = [&service] { service.followRole(); };
     engine.RESetMaxSendRate(options.sendRate);
     CVekEnv environment;

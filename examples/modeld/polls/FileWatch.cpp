@@ -1,0 +1,38 @@
+#include "examples/modeld/polls/FileWatch.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace modeld {
+
+FileWatch::FileWatch(std::vector<std::string> files)
+    : files_(std::move(files)), known_(stamps()), seen_(known_) {}
+
+bool FileWatch::look() {
+    const Stamps before = std::exchange(seen_, stamps());
+    const bool allThere = std::all_of(seen_.begin(), seen_.end(),
+                                      [](const auto& stamp) { return stamp.has_value(); });
+    return allThere && seen_ == before && seen_ != known_;
+}
+
+void FileWatch::know() {
+    if (stamps() == seen_) known_ = seen_;
+}
+
+FileWatch::Stamps FileWatch::stamps() const {
+    Stamps found;
+    for (const auto& file : files_) {
+        struct stat status = {};
+        if (stat(file.c_str(), &status) != 0) {
+            found.emplace_back();
+            continue;
+        }
+        found.emplace_back(Stamp{status.st_dev, status.st_ino, status.st_size,
+                                 status.st_mtim.tv_sec, status.st_mtim.tv_nsec});
+    }
+    return found;
+}
+
+}  // namespace modeld

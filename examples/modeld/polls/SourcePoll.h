@@ -1,0 +1,42 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "examples/modeld/polls/ChangeNotice.h"
+#include "examples/modeld/polls/FileWatch.h"
+#include "examples/modeld/store/Store.h"
+#include "mom/mom.h"
+
+namespace modeld {
+
+/// Keeps a table in line with the files that it was loaded from, and publishes the rows that
+/// change.
+///
+/// Every member of a group does the first, in its own database or in a shared one; only the active
+/// member publishes. What a standby has found it keeps for a while, in case it must publish it.
+class SourcePoll : public CVekTimedWork {
+  public:
+    struct Settings {
+        std::string database;
+        Source source;
+        std::string subject;  ///< where changes are published; empty for nowhere
+        int seconds = 5;      ///< between two looks at the files
+    };
+
+    /// `watch` knows the files as they were loaded. `engine` must outlive the running of the poll.
+    SourcePoll(CVekEngine& engine, FileWatch watch, Settings settings);
+
+    void RTWDoPoll() override;
+    __boolean RTWAddToPool() override { return RTWPollIsExecuting() ? FALSE : TRUE; }
+
+  private:
+    void refresh(Store& store);
+    void publish(Store& store);
+
+    CVekEngine& engine_;
+    const Settings settings_;
+    FileWatch watch_;
+};
+
+}  // namespace modeld

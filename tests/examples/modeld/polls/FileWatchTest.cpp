@@ -1,0 +1,64 @@
+#include "examples/modeld/polls/FileWatch.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "tests/support/TemporaryDirectory.h"
+
+namespace modeld {
+namespace {
+
+class FileWatchTest : public ::testing::Test {
+  protected:
+    void write(const std::string& name, const std::string& content) {
+        std::ofstream(directory_.file(name), std::ios::binary) << content;
+    }
+
+    kvx::test::TemporaryDirectory directory_;
+};
+
+TEST_F(FileWatchTest, SeesAChangeOnceItRestsAndUntilItIsKnown) {
+    write("a", "1");
+    write("b", "1");
+    FileWatch watch({directory_.file("a"), directory_.file("b")});
+    EXPECT_FALSE(watch.look());
+    write("b", "22");
+    EXPECT_FALSE(watch.look()) << "it may still be written";
+    write("b", "333");
+    EXPECT_FALSE(watch.look()) << "it was";
+    EXPECT_TRUE(watch.look());
+    EXPECT_TRUE(watch.look()) << "nobody said that it is known";
+    watch.know();
+    EXPECT_FALSE(watch.look());
+}
+
+TEST_F(FileWatchTest, SeesAFileOfTheSameSizeInAnothersPlace) {
+    write("a", "1");
+    FileWatch watch({directory_.file("a")});
+    write("new", "2");
+    std::filesystem::last_write_time(directory_.file("new"),
+                                     std::filesystem::last_write_time(directory_.file("a")));
+    std::filesystem::rename(directory_.file("new"), directory_.file("a"));
+    EXPECT_FALSE(watch.look());
+    EXPECT_TRUE(watch.look());
+}
+
+TEST_F(FileWatchTest, WaitsForAFileThatIsGoneAndLeavesALaterChangeUnknown) {
+    write("a", "1");
+    FileWatch watch({directory_.file("a")});
+    std::filesystem::remove(directory_.file("a"));
+    EXPECT_FALSE(watch.look());
+    EXPECT_FALSE(watch.look());
+    write("a", "22");
+    EXPECT_FALSE(watch.look());
+    EXPECT_TRUE(watch.look());
+    write("a", "333");
+    watch.know();
+    EXPECT_FALSE(watch.look());
+    EXPECT_TRUE(watch.look()) << "changed between the look and the knowing";
+}
+
+}  // namespace
+}  // namespace modeld
