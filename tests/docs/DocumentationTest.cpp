@@ -1,19 +1,15 @@
 // What the documentation shows is what the code does: worked bytes are built anew and compared, and
 // the README's program is the one that is compiled.
 
-#include <gtest/gtest.h>
-
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <sstream>
 
 #include "mom/transport/CVekTransport.h"
-#include "rv/rv.h"
-#include "rv/wire/ControlMessage.h"
-#include "rv/wire/Greeting.h"
-#include "rv/wire/ParameterBlock.h"
+#include "tests/support/Atoms.h"
+#include "tests/support/LinkEnd.h"
 
+namespace kvx::test {
 namespace {
 
 using Bytes = std::vector<unsigned char>;
@@ -53,19 +49,8 @@ Bytes documented(const std::string& name) {
 }
 
 template <class Range>
-Bytes bytesOf(const Range& range) {
+Bytes asBytes(const Range& range) {
     return Bytes(range.begin(), range.end());
-}
-
-Bytes bytesOf(const RvMsg& message) {
-    const auto* begin = static_cast<const unsigned char*>(message.data());
-    return Bytes(begin, begin + message.size());
-}
-
-Bytes subject(const char* text) {
-    Bytes encoded(500);
-    encoded.resize(static_cast<std::size_t>(rvSubject_FromText(encoded.data(), 500, text)));
-    return encoded;
 }
 
 TEST(WireProtocolPage, ShowsMessagesAsTheyAreEncoded) {
@@ -77,40 +62,33 @@ TEST(WireProtocolPage, ShowsMessagesAsTheyAreEncoded) {
 }
 
 TEST(WireProtocolPage, ShowsTheLinkAsItIsNegotiated) {
-    namespace wire = kvx::wire;
-    EXPECT_EQ(documented("greeting"), bytesOf(wire::encode(wire::Greeting{0, 4, 0})));
-    EXPECT_EQ(documented("answer"), bytesOf(wire::encode(wire::Greeting{0, 4, 1})));
+    EXPECT_EQ(documented("greeting"), asBytes(wire::encode(wire::Greeting{0, 4, 0})));
+    EXPECT_EQ(documented("answer"), asBytes(wire::encode(wire::Greeting{0, 4, 1})));
     wire::ParameterBlock block;
     block.head = wire::kPropose;
     block.queueType = 2;
     block.variant = 1;
     block.firstLimit = block.secondLimit = 0x4000000;
-    EXPECT_EQ(documented("proposal"), bytesOf(wire::encode(block)));
+    EXPECT_EQ(documented("proposal"), asBytes(wire::encode(block)));
 }
 
 TEST(WireProtocolPage, ShowsTheSessionsMessages) {
-    namespace wire = kvx::wire;
-    const Bytes pattern = subject("NEWS.>");
-    EXPECT_EQ(documented("listen"),
-              bytesOf(wire::buildListen(pattern, nullptr, 53).message.view()));
+    const Bytes pattern = encodedSubject("NEWS.>");
+    EXPECT_EQ(documented("listen"), bytesOf(wire::buildListen(pattern, nullptr, 53)));
     RvMsg payload;
     payload.append("x", "ab");
-    const Bytes news = subject("NEWS.UK");
+    const Bytes news = encodedSubject("NEWS.UK");
     const auto data = wire::buildData(news, nullptr, 53, {RVMSG_MSG, 0, payload.data()});
-    EXPECT_EQ(documented("data"), bytesOf(data.message.view()));
+    EXPECT_EQ(documented("data"), bytesOf(data));
 }
 
 TEST(WireProtocolPage, ShowsAPacketAsATransportCutsIt) {
     CVekTransport transport(nullptr);
-    const unsigned char record[] = {'A', 'B', 'C'};
-    auto* atom = new CVekAtom(record, 3);
+    CVekAtom* atom = bytesAtom("ABC");
     transport.RTTakeROMP(&atom);
     transport.RTCreatePackets(VEK_TRANS_V0, true);
     const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
-    unsigned char* bytes = nullptr;
-    int length = 0;
-    ASSERT_EQ(packets->RAVGetValue(0)->RAUChar(&bytes, &length), 1);
-    EXPECT_EQ(documented("packet"), Bytes(bytes, bytes + length));
+    EXPECT_EQ(documented("packet"), asBytes(bytesOf(*packets->RAVGetValue(0))));
 }
 
 TEST(ProgramsInThePages, AreThoseThatAreCompiled) {
@@ -125,3 +103,4 @@ TEST(ProgramsInThePages, AreThoseThatAreCompiled) {
 }
 
 }  // namespace
+}  // namespace kvx::test

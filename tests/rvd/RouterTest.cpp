@@ -11,7 +11,13 @@ namespace {
 
 class Routing : public testing::Test {
   protected:
-    Router::Session& join(const char* name, const char* service = "", const char* network = "") {
+    // A new session of the default space that listens to these subjects.
+    Router::Session& join(const char* name, std::initializer_list<const char*> subjects = {}) {
+        auto& session = joinSpace(name, "", "");
+        for (const char* subject : subjects) listen(session, subject);
+        return session;
+    }
+    Router::Session& joinSpace(const char* name, const char* service, const char* network) {
         names.push_back(std::make_unique<std::string>(name));
         return router.join(service, network, names.back().get());
     }
@@ -38,22 +44,19 @@ class Routing : public testing::Test {
 };
 
 TEST_F(Routing, ReachesEachListenerOnceItselfIncluded) {
-    auto& a = join("a");
-    auto& b = join("b");
-    listen(a, "X.Y");
-    listen(a, "X.*");
-    listen(a, ">");
-    listen(b, "X.Y");
+    auto& a = join("a", {"X.Y", "X.*", ">"});
+    auto& b = join("b", {"X.Y"});
     EXPECT_EQ(reached(a, "X.Y"), "ab");
     EXPECT_EQ(reached(b, "X.Z"), "a");
     EXPECT_EQ(reached(b, "Z"), "a");
+    EXPECT_EQ(reached(b, "*.Y"), "ab") << "a pattern reaches what it covers";
 }
 
 TEST_F(Routing, StaysInsideASpace) {
-    auto& a = join("a", "7500", "lan");
-    auto& b = join("b", "", "lan");
-    auto& c = join("c", "7500", "");
-    auto& d = join("d", "7501", "lan");
+    auto& a = joinSpace("a", "7500", "lan");
+    auto& b = joinSpace("b", "", "lan");
+    auto& c = joinSpace("c", "7500", "");
+    auto& d = joinSpace("d", "7501", "lan");
     for (auto* session : {&a, &b, &c, &d}) listen(*session, "X");
     EXPECT_EQ(reached(a, "X"), "ab");  // an empty service is 7500
     EXPECT_EQ(reached(c, "X"), "c");   // an empty network is a space of its own
@@ -63,9 +66,7 @@ TEST_F(Routing, StaysInsideASpace) {
 }
 
 TEST_F(Routing, CountsListens) {
-    auto& a = join("a");
-    listen(a, "X");
-    listen(a, "X");
+    auto& a = join("a", {"X", "X"});
     cancel(a, "Y");
     cancel(a, "X");
     EXPECT_EQ(reached(a, "X"), "a");
@@ -76,42 +77,24 @@ TEST_F(Routing, CountsListens) {
 }
 
 TEST_F(Routing, TakesInboxMessagesOnlyToInboxListens) {
-    auto& a = join("a");
-    auto& b = join("b");
-    auto& c = join("c");
-    listen(a, "_INBOX.A.>");
-    listen(b, ">");
-    listen(b, "*.A.1");
-    listen(c, "_INBOX.*.1");
+    join("a", {"_INBOX.A.>"});
+    auto& b = join("b", {">", "*.A.1"});
+    join("c", {"_INBOX.*.1"});
     EXPECT_EQ(reached(b, "_INBOX.A.1"), "ac");
     EXPECT_EQ(reached(b, "_INBOX.A.2"), "a");
 }
 
 TEST_F(Routing, TakesAdvisoriesToPlainWildcardsButNotWildcardsToAdvisoryListens) {
-    auto& a = join("a");
-    auto& b = join("b");
-    auto& c = join("c");
-    listen(a, ">");
-    listen(b, "_RV.>");
-    listen(c, "_INBOX.C.>");
+    auto& a = join("a", {">"});
+    join("b", {"_RV.>"});
+    join("c", {"_INBOX.C.>"});
     EXPECT_EQ(reached(a, "_RV.INFO.APP.X"), "ab");
     EXPECT_EQ(reached(a, ">"), "a");
 }
 
-TEST_F(Routing, TakesAPatternToTheListensThatItCovers) {
-    auto& a = join("a");
-    auto& b = join("b");
-    listen(a, "X.Y");
-    listen(b, "X.*");
-    EXPECT_EQ(reached(a, "X.*"), "ab");
-    EXPECT_EQ(reached(a, "*.Y"), "a");
-}
-
 TEST_F(Routing, ForgetsASessionThatLeavesAndItsEmptySpace) {
-    auto& a = join("a");
-    auto& b = join("b");
-    listen(a, "X");
-    listen(b, "X");
+    auto& a = join("a", {"X"});
+    auto& b = join("b", {"X"});
     router.leave(b);
     EXPECT_EQ(reached(a, "X"), "a");
     router.leave(a);

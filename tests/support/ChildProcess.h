@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,7 +35,8 @@ bool eventually(Condition&& condition, std::chrono::seconds limit = std::chrono:
 }
 
 /// A real child process of a test: started with its output in files, watched, and ended at the
-/// latest with the object.
+/// latest with the object or with the thread that started it. A program that cannot run exits
+/// with 127.
 class ChildProcess {
   public:
     /// `variables` ("NAME=value") come before the test's own environment.
@@ -51,17 +52,21 @@ class ChildProcess {
         for (char** entry = environ; *entry != nullptr; ++entry) environment.push_back(*entry);
         environment.push_back(nullptr);
 
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        const int flags = O_WRONLY | O_CREAT | O_TRUNC;
-        posix_spawn_file_actions_addopen(&actions, 1, outputPath().c_str(), flags, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, errorPath().c_str(), flags, 0600);
-        if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(),
-                        environment.data()) != 0) {
-            pid_ = 0;
+        const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        const int output = created(outputPath());
+        const int errors = created(errorPath());
+        const pid_t parent = getpid();
+        pid_ = fork();
+        if (pid_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves nothing behind
+            if (getppid() != parent) _exit(126);
+            dup2(input, STDIN_FILENO);
+            dup2(output, STDOUT_FILENO);
+            dup2(errors, STDERR_FILENO);
+            execve(argv[0], argv.data(), environment.data());
+            _exit(127);
         }
-        posix_spawn_file_actions_destroy(&actions);
+        for (const int descriptor : {input, output, errors}) close(descriptor);
     }
 
     ~ChildProcess() {
@@ -102,6 +107,9 @@ class ChildProcess {
     std::string outputPath() const { return directory_.file("out"); }
     std::string errorPath() const { return directory_.file("err"); }
 
+    static int created(const std::string& path) {
+        return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    }
     static std::string contentOf(const std::string& path) {
         std::ifstream in(path, std::ios::binary);
         return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};

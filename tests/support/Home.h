@@ -1,36 +1,13 @@
 #pragma once
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <utility>
 
+#include "tests/support/EnvironmentVariable.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kvx::test {
-
-/// Sets an environment variable for as long as it lives.
-class EnvironmentVariable {
-  public:
-    EnvironmentVariable(std::string name, const std::string& value) : name_(std::move(name)) {
-        if (const char* const before = std::getenv(name_.c_str())) before_ = before;
-        setenv(name_.c_str(), value.c_str(), 1);
-    }
-    ~EnvironmentVariable() {
-        if (before_.empty()) {
-            unsetenv(name_.c_str());
-        } else {
-            setenv(name_.c_str(), before_.c_str(), 1);
-        }
-    }
-    EnvironmentVariable(const EnvironmentVariable&) = delete;
-    EnvironmentVariable& operator=(const EnvironmentVariable&) = delete;
-
-  private:
-    std::string name_;
-    std::string before_;
-};
 
 /// A home directory of the test's own, whose daemon configuration file says where the bus is.
 ///
@@ -51,6 +28,8 @@ class Home {
     /// The path of a file below the home.
     std::string file(const std::string& name) const { return directory_.file(name); }
     const std::string& path() const { return directory_.path(); }
+    /// What a child process needs in its environment to have the same home.
+    std::string variable() const { return "KVX_HOME=" + path(); }
 
   private:
     TemporaryDirectory directory_;

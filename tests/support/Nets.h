@@ -6,6 +6,7 @@
 
 #include "mom/net/CVekRvNet.h"
 #include "rv/rv.h"
+#include "tests/support/Callbacks.h"
 
 namespace kvx::test {
 
@@ -22,40 +23,6 @@ class TestNet : public CVekRvNet {
 
     using CVekRvNet::RRNCheckThreadId;
     using CVekRvNet::RRNReturnCheckThreadId;
-};
-
-/// A timer callback that calls a function.
-class OnTimer : public RvTimerCallback {
-  public:
-    explicit OnTimer(std::function<void(RvTimer*)> call) : call_(std::move(call)) {}
-    void onTimer(RvTimer* timer) override { call_(timer); }
-
-  private:
-    std::function<void(RvTimer*)> call_;
-};
-
-/// A data callback that calls functions.
-class OnData : public RvDataCallback {
-  public:
-    using Call = std::function<void(const char*, RvSender*, const RvDatum&, RvListener*)>;
-    explicit OnData(Call call) : call_(std::move(call)) {}
-    void onData(const char* subject, RvSender* replyTo, const RvDatum& datum,
-                RvListener* listener) override {
-        call_(subject, replyTo, datum, listener);
-    }
-
-  private:
-    Call call_;
-};
-
-/// An I/O callback that calls a function.
-class OnIO : public RvIOCallback {
-  public:
-    explicit OnIO(std::function<void(RvIO*)> call) : call_(std::move(call)) {}
-    void onIO(RvIO* io) override { call_(io); }
-
-  private:
-    std::function<void(RvIO*)> call_;
 };
 
 /// Turns `net`'s main loop until `done` holds; asks it at every tick of 10 ms, and gives up after a

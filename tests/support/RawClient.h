@@ -2,15 +2,11 @@
 
 #include <cstdint>
 #include <deque>
-#include <optional>
+#include <stdexcept>
 #include <string>
-#include <vector>
+#include <utility>
 
-#include "rv/wire/Bytes.h"
-#include "rv/wire/ControlMessage.h"
-#include "rv/wire/FrameReader.h"
-#include "rv/wire/Greeting.h"
-#include "rv/wire/ParameterBlock.h"
+#include "tests/support/LinkEnd.h"
 
 namespace kvx::test {
 
@@ -19,83 +15,128 @@ struct Received {
     std::string subject;  ///< dotted text
     std::string reply;    ///< empty: none
     std::string text;     ///< the payload, when it is a string
-    std::vector<std::uint8_t> bytes;
+    ByteVector bytes;
 };
 
+/// What a data message says.
+inline Received readData(wire::Bytes message) {
+    Received received;
+    received.bytes.assign(message.begin(), message.end());
+    const wire::Bytes subject = wire::readRouting(message).subject;
+    if (const auto view = SubjectView::parse(subject.data(), subject.size())) {
+        received.subject = view->text();
+    }
+    received.reply = textOf(received.bytes, wire::field::kReturn).value_or("");
+    received.text = textOf(received.bytes, wire::field::kData).value_or("");
+    return received;
+}
+
 /// A client that speaks the link byte by byte: no queue, no loop, no reconnect, one blocking
-/// socket.
-///
-/// Waits are for the awaited thing itself; what does not come within a minute throws
-/// `std::runtime_error`.
-class RawClient {
+/// socket. What cannot come any more throws `std::runtime_error`.
+class RawClient : public LinkEnd {
   public:
     /// Connects and does nothing more. `receiveBuffer`: bytes asked of the kernel, 0 for its own
     /// choice.
-    explicit RawClient(std::uint16_t port, int receiveBuffer = 0);
-    ~RawClient();
-    RawClient(const RawClient&) = delete;
-    RawClient& operator=(const RawClient&) = delete;
-    RawClient(RawClient&& other) noexcept;
+    explicit RawClient(std::uint16_t port, int receiveBuffer = 0)
+        : LinkEnd(connected(port, receiveBuffer)) {}
 
     /// Connected, negotiated in that version, announced in that space.
     static RawClient session(std::uint16_t port, const char* service = "", const char* network = "",
-                             std::uint32_t version = wire::kProtocolV4);
+                             std::uint32_t version = wire::kProtocolV4) {
+        RawClient client(port);
+        client.negotiate(version);
+        const auto reply = client.announce(service, network);
+        if (reply.code != 0) throw std::runtime_error("refused with " + std::to_string(reply.code));
+        client.confirm(service, network, ("RAW." + std::to_string(client.localPort())).c_str());
+        return client;
+    }
 
-    // The steps of a handshake.
-    wire::Greeting readGreeting();
-    void answer(std::uint32_t version, std::uint32_t first = 0);
-    wire::ParameterBlock readBlock();
-    void sendBlock(const wire::ParameterBlock& block);
     /// Greeting and parameters, up to where init messages may be sent.
-    void negotiate(std::uint32_t version = wire::kProtocolV4);
+    void negotiate(std::uint32_t version = wire::kProtocolV4) {
+        readGreeting();
+        greet(version, 0, 1);
+        if (version == wire::kProtocolV3) {
+            sendBlock(wire::clientBlockV3());
+            readBlock();
+            return;
+        }
+        sendBlock(wire::clientStep(readBlock()).block);
+        if (wire::clientStep(readBlock()).action != wire::NegotiationStep::Action::Accepted) {
+            throw std::runtime_error("no agreement");
+        }
+    }
     /// The first init and its answer.
-    wire::Reply announce(const char* service, const char* network);
+    wire::Reply announce(const char* service, const char* network) {
+        send(wire::buildInit({"tester", nullptr, service, network, nullptr, {}}));
+        return wire::readReply(expectMessage());
+    }
     /// The second init.
-    void confirm(const char* service, const char* network, const char* name);
+    void confirm(const char* service, const char* network, const char* name) {
+        send(wire::buildInit({"tester", name, service, network, "_INBOX.CONTROL", {}}));
+    }
 
-    void listen(const std::string& subject);
-    void cancel(const std::string& subject);
-    void publish(const std::string& subject, const std::string& text,
-                 const std::string& reply = {});
+    void listen(const std::string& subject) {
+        send(wire::buildListen(encodedSubject(subject), nullptr, 0));
+    }
+    void cancel(const std::string& subject) { send(wire::buildCancel(encodedSubject(subject), 0)); }
     /// Returns when the daemon has taken everything sent so far.
-    void settle();
-
-    void send(wire::Bytes bytes);
-    void send(const wire::Built& built) { send(built.message.view()); }
+    void settle() {
+        const std::string marker =
+            "MARKER." + std::to_string(localPort()) + '.' + std::to_string(++markers_);
+        listen(marker);
+        publish(marker, "");
+        cancel(marker);
+        for (Received received = readData(expectMessage()); received.subject != marker;
+             received = readData(expectMessage())) {
+            early_.push_back(std::move(received));
+        }
+    }
 
     /// The next data message, whole.
-    Received expectNext();
+    Received expectNext() {
+        if (early_.empty()) return readData(expectMessage());
+        Received first = std::move(early_.front());
+        early_.pop_front();
+        return first;
+    }
     /// The next data message's payload.
     std::string expectText() { return expectNext().text; }
-    /// The next thing of any kind; a copy of the message's bytes in `bytes`.
-    wire::FrameKind expectFrame(std::vector<std::uint8_t>* bytes = nullptr);
     /// Reads until the daemon closes. True when a close notice came first.
-    bool expectClosed();
-    /// Sends the close notice and waits until the daemon closes.
-    void closeGracefully();
-    void disconnect();
+    bool expectClosed() {
+        bool noticed = false;
+        for (ByteVector next = readMessage(); !next.empty(); next = readMessage()) {
+            noticed = noticed || isBlock(next, wire::kCloseBlock);
+        }
+        return noticed;
+    }
 
-    [[nodiscard]] std::uint16_t localPort() const;
+    [[nodiscard]] std::uint16_t localPort() const {
+        return platform::localEndpoint(socket())->port;
+    }
 
   private:
-    void receive(std::uint8_t* to, std::size_t count);
-    std::size_t receiveSome(std::uint8_t* to, std::size_t room);
+    static platform::Socket connected(std::uint16_t port, int receiveBuffer) {
+        int error = 0;
+        platform::Socket socket = platform::createTcpSocket(error);
+        platform::setNoDelay(socket.get(), true);
+        if (receiveBuffer > 0) platform::setBufferSizes(socket.get(), receiveBuffer, receiveBuffer);
+        if (platform::connectSocket(socket.get(), {platform::kLoopbackAddress, port}) != 0) {
+            throw std::runtime_error("cannot connect");
+        }
+        return socket;
+    }
+    static bool isBlock(const ByteVector& bytes, const auto& block) {
+        return std::equal(bytes.begin(), bytes.end(), block.begin(), block.end());
+    }
+    ByteVector expectMessage() {
+        ByteVector next = readMessage();
+        while (isBlock(next, wire::kKeepaliveBlock)) next = readMessage();
+        if (next.size() <= wire::kFrameHeaderSize) throw std::runtime_error("the daemon closes");
+        return next;
+    }
 
-    int socket_ = -1;
-    std::vector<std::uint8_t> buffer_;
-    wire::FrameReader reader_;
     std::deque<Received> early_;  // data messages that came while something else was awaited
     int markers_ = 0;
 };
-
-/// A data message of a text payload, as a client would send it.
-std::vector<std::uint8_t> dataMessage(const std::string& subject, const std::string& text,
-                                      const std::string& reply = {});
-
-/// An encoded subject; throws for text that is none.
-std::vector<std::uint8_t> encodedSubject(const std::string& text);
-
-/// What a data message says.
-Received readData(wire::Bytes message);
 
 }  // namespace kvx::test

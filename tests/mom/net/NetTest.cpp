@@ -60,17 +60,6 @@ TEST(Net, AdoptsOrCopiesItsDomain) {
     EXPECT_STREQ(copying.RNGetDomain(), text);
 }
 
-TEST(Net, SafeExitTracesAtLevelFour) {
-    CVekNet net;
-    {
-        const DebugLevel level(3);
-        EXPECT_EQ(outputOf([&] { net.RNSafeExit(); }), "");
-    }
-    const DebugLevel level(4);
-    EXPECT_EQ(outputOf([&] { net.RNSafeExit(); }),
-              "\nCVekNet::RNSafeExit not overridden using default\n");
-}
-
 TEST_F(RvNet, OpensItsSessionWhenBuiltAndClosesItOnce) {
     TestNet net;
     EXPECT_EQ(net.m_sessionUp, 1);
@@ -103,9 +92,9 @@ TEST_F(RvNet, WithoutASessionEveryOperationSaysSo) {
 
     RvDatum datum;
     int status = 0;
-    OnTimer timer([](RvTimer*) {});
-    OnData data([](const char*, RvSender*, const RvDatum&, RvListener*) {});
-    OnIO io([](RvIO*) {});
+    OnTimer timer;
+    OnData data;
+    OnIO io;
     EXPECT_EQ(net->RRNSend("A", datum), -220544);
     EXPECT_EQ(net->RRNSend("A", datum, &data), -220544);
     EXPECT_EQ(net->RRNAddTimer(1, &timer), -220544);

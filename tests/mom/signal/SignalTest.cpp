@@ -13,11 +13,11 @@
 #include "mom/signal/CSignalCallback.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/ErrorRecorder.h"
-#include "tests/support/HomeDirectory.h"
+#include "tests/support/Home.h"
 
 using kvx::test::ChildProcess;
 using kvx::test::DebugLevel;
-using kvx::test::HomeDirectory;
+using kvx::test::Home;
 using kvx::test::outputOf;
 
 namespace {
@@ -33,7 +33,7 @@ class Host {
     std::string output() const { return m_child.output(); }
 
   private:
-    HomeDirectory m_home{"-"};
+    Home m_home{"-"};
     ChildProcess m_child;
 };
 

@@ -1,24 +1,15 @@
 // Batches over a real daemon, through an engine's queue and on a sender.
 
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekSendQueueItem.h"
-#include "mom/transport/CVekTransport.h"
+#include "tests/mom/transport/Batches.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/ErrorRecorder.h"
-#include "tests/support/HomeDirectory.h"
+#include "tests/support/Home.h"
 
-using kvx::test::Daemon;
-using kvx::test::DebugLevel;
-using kvx::test::HomeDirectory;
-using kvx::test::outputOf;
-
+namespace kvx::test {
 namespace {
 
 // Receives one batch and then leaves the main loop.
@@ -30,21 +21,13 @@ class Receiver : public RvDataCallback {
         RvMsg message(static_cast<const RvMsg&>(data));
         EXPECT_EQ(m_transport.RTAddMessage(&message), 1);
         if (m_transport.RTDone() != TRUE) return;
-        const std::unique_ptr<CVekBag> bag(m_transport.RTDecodes());
-        for (unsigned i = 0; i < bag->RBSize(); ++i) {
-            const std::unique_ptr<CVekAtom> atom(static_cast<CVekAtom*>(bag->RBGet(i)));
-            unsigned char* bytes = nullptr;
-            int length = 0;
-            atom->RAUChar(&bytes, &length);
-            records.emplace_back(reinterpret_cast<const char*>(bytes),
-                                 static_cast<std::size_t>(length));
-        }
+        records = decoded(m_transport);
         status = m_transport.RTError();
         m_transport.RTPurge();
         m_net->RRNStopLoop();
     }
 
-    std::vector<std::string> records;
+    Texts records;
     EVekStoreErrorStatus status = STORE_COMPLETE;
 
   private:
@@ -52,33 +35,23 @@ class Receiver : public RvDataCallback {
     CVekTransport m_transport{nullptr};
 };
 
-std::vector<std::string> numbered(int count) {
-    std::vector<std::string> records;
-    for (int i = 0; i < count; ++i) records.push_back("record " + std::to_string(i));
-    return records;
-}
-
-void fill(CVekTransport& transport, const std::vector<std::string>& records) {
-    for (const std::string& record : records) {
-        auto* atom = new CVekAtom(reinterpret_cast<const unsigned char*>(record.data()),
-                                  static_cast<int>(record.size()));
-        transport.RTTakeROMP(&atom);
+void fill(CVekTransport& transport, int count) {
+    for (const std::string& record : numbered(count)) {
+        addRecord(transport, record);
         transport.RTPreparePayloads(VEK_TRANS_V1);
     }
     transport.RTSetError(STORE_NO_INDEX);
     EXPECT_EQ(transport.RTCreatePackets(VEK_TRANS_V1, true), 1);
 }
 
-}  // namespace
-
 TEST(TransportSending, CarriesBatchesThroughTheEnginesQueueAndOnASender) {
     const Daemon daemon;
-    const HomeDirectory home(daemon.text());
+    const Home home(daemon.text());
     CVekEngine engine(1, "GROUP", "TEST", SERV_UNKNOWN);
     Receiver receiver(&engine);
     ASSERT_EQ(engine.RRNAddService("TRANSPORT", &receiver), 1);
     CVekTransport queued(&engine);
-    fill(queued, numbered(250));
+    fill(queued, 250);
     EXPECT_EQ(queued.RTSetDestination("TRANSPORT"), 1);
     EXPECT_EQ(queued.RTSendAll(false), 1);
     EXPECT_EQ(queued.RTDone(), TRUE);
@@ -91,7 +64,7 @@ TEST(TransportSending, CarriesBatchesThroughTheEnginesQueueAndOnASender) {
     const std::unique_ptr<RvSender> sender(engine.RRNNewSender(&status, "TRANSPORT.TEST", nullptr));
     CVekTransport direct(nullptr);
     EXPECT_EQ(direct.RTSetDestination(sender.get()), 1);
-    fill(direct, numbered(3));
+    fill(direct, 3);
     const std::string warning = outputOf([&] {
         const DebugLevel level(1);
         EXPECT_EQ(direct.RTSendAll(true), 1);
@@ -102,11 +75,11 @@ TEST(TransportSending, CarriesBatchesThroughTheEnginesQueueAndOnASender) {
 }
 
 TEST(TransportSending, PutsPacketsAtTheEndOfTheQueueThatItIsAskedFor) {
-    const HomeDirectory home("-");
+    const Home home("-");
     CVekEngine engine(1, "GROUP", "TEST", SERV_UNKNOWN);
     const auto queue = [&](const char* subject, bool front) {
         CVekTransport transport(&engine);
-        fill(transport, numbered(1));
+        fill(transport, 1);
         EXPECT_EQ(transport.RTSendAll(front), -220552);
         EXPECT_EQ(transport.RTSetDestinationOnSubject(subject), 1);
         EXPECT_EQ(front ? transport.RTSendHB() : transport.RTSendAll(false), 1);
@@ -123,3 +96,6 @@ TEST(TransportSending, PutsPacketsAtTheEndOfTheQueueThatItIsAskedFor) {
         EXPECT_STREQ(item->m_subject, subject);
     }
 }
+
+}  // namespace
+}  // namespace kvx::test

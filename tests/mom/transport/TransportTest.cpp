@@ -1,37 +1,13 @@
 // Packets byte for byte, batches from record to record, and what hostile packets yield.
 
-#include "mom/transport/CVekTransport.h"
-
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "mom/transport/CVekDeflater.h"
 #include "rv/message/RvMsg.h"
+#include "rv/message/WireReader.h"
+#include "tests/mom/transport/Batches.h"
 #include "tests/support/ErrorRecorder.h"
 
-using kvx::test::DebugLevel;
-using kvx::test::ErrorRecorder;
-using kvx::test::outputOf;
-using kvx::test::Report;
-
+namespace kvx::test {
 namespace {
-
-using Texts = std::vector<std::string>;
-
-CVekAtom* bytesAtom(const std::string& bytes) {
-    return new CVekAtom(reinterpret_cast<const unsigned char*>(bytes.data()),
-                        static_cast<int>(bytes.size()));
-}
-
-std::string bytesOf(const CVekAtom& atom) {
-    unsigned char* bytes = nullptr;
-    int length = 0;
-    EXPECT_EQ(atom.RAUChar(&bytes, &length), 1);
-    return {reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length)};
-}
 
 // Bytes from hexadecimal text; blanks are skipped.
 std::string hex(const std::string& text) {
@@ -70,18 +46,6 @@ std::string zlibStream(const std::string& text) {
             static_cast<std::size_t>(deflater.RDCompressedLength())};
 }
 
-void addRecord(CVekTransport& transport, const std::string& bytes) {
-    CVekAtom* atom = bytesAtom(bytes);
-    EXPECT_EQ(transport.RTTakeROMP(&atom), 1);
-    EXPECT_EQ(atom, nullptr);
-}
-
-Texts numbered(int count) {
-    Texts texts;
-    for (int i = 0; i < count; ++i) texts.push_back("record " + std::to_string(i));
-    return texts;
-}
-
 Texts packetsOf(CVekTransport& transport) {
     const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
     Texts texts;
@@ -101,31 +65,8 @@ Texts encoded(const Texts& records, EVekTransHdr version) {
     return packetsOf(transport);
 }
 
-void receive(CVekTransport& transport, const std::string& packet) {
-    EXPECT_EQ(transport.RTAddMessage(bytesAtom(packet)), 1);
-}
-
-Texts decoded(CVekTransport& transport) {
-    const std::unique_ptr<CVekBag> bag(transport.RTDecodes());
-    Texts texts;
-    for (unsigned i = 0; i < bag->RBSize(); ++i) {
-        const std::unique_ptr<CVekAtom> atom(static_cast<CVekAtom*>(bag->RBGet(i)));
-        texts.push_back(bytesOf(*atom));
-    }
-    return texts;
-}
-
-Texts decoded(const Texts& packets) {
-    CVekTransport transport(nullptr);
-    for (const auto& packet : packets) receive(transport, packet);
-    return decoded(transport);
-}
-
 std::uint32_t wordAt(const std::string& packet, std::size_t at) {
-    std::uint32_t value = 0;
-    for (std::size_t i = 0; i < 4; ++i)
-        value = value << 8 | static_cast<unsigned char>(packet[at + i]);
-    return value;
+    return loadBig32(reinterpret_cast<const std::uint8_t*>(packet.data() + at));
 }
 
 // (sequence number, packets in the batch, version and kind) of each packet.
@@ -138,8 +79,6 @@ std::vector<std::vector<std::uint32_t>> shapeOf(const Texts& packets) {
 }
 
 const Report kDefect{-220494, "CVekTransport", 0, "CVekTransport::RTDecodes"};
-
-}  // namespace
 
 TEST(TransportPackets, StandByteForByteOnTheWire) {
     EXPECT_EQ(encoded({"ABC"}, VEK_TRANS_V0),
@@ -358,3 +297,6 @@ TEST(Transport, PutsItsStatusIntoWords) {
     EXPECT_EQ(outputOf([&] { transport.RTPrintError("x"); }),
               "( x Duplicate key error on insertion )\n");
 }
+
+}  // namespace
+}  // namespace kvx::test

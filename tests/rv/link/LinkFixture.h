@@ -7,11 +7,11 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Clock.h"
 #include "rv/event/rvevm.h"
 #include "rv/link/ipq.h"
 #include "rv/wire/Negotiation.h"
-#include "tests/support/ScriptedDaemon.h"
+#include "tests/support/LinkEnd.h"
+#include "tests/support/Loop.h"
 #include "tests/support/SocketPair.h"
 
 namespace kvx::test {
@@ -43,21 +43,10 @@ class LinkFixture : public testing::Test, public link::LinkHost {
         ipq_SetPeerGoneCallback(queue_, onPeerGone, this);
     }
 
-    /// Runs the loop until `done`; fails the test after ten seconds.
-    void runUntil(std::function<bool()> done) {
-        done_ = std::move(done);
-        giveUpAt_ = platform::monotonicMs() + 10'000;
-        rvevm_Id timer = nullptr;
-        ASSERT_EQ(rvevm_AddRepeatTimer(manager_, &timer, 1, onCheck, this), 0);
-        ASSERT_EQ(rvevm_MainLoop(manager_), 0);
-        rvevm_RemoveTimer(manager_, timer);
-    }
+    void runUntil(const std::function<bool()>& done) { test::runUntil(manager_, done); }
 
     static wire::Built data(const std::string& text) {
-        const auto subject = Subject::fromText("TEST");
-        const SubjectView view = *subject;
-        return wire::buildData({static_cast<const std::uint8_t*>(view.data()), view.length()},
-                               nullptr, 0, {RVMSG_STRING, 0, text.c_str()});
+        return wire::buildData(encodedSubject("TEST"), nullptr, 0, {RVMSG_STRING, 0, text.c_str()});
     }
     static std::string textIn(wire::Bytes message) {
         return textOf(ByteVector(message.begin(), message.end()), "data").value_or("?");
@@ -68,7 +57,7 @@ class LinkFixture : public testing::Test, public link::LinkHost {
 
   public:
     SocketPair pair_;
-    PeerLink peer_;
+    LinkEnd peer_;
     ipq_Properties properties_ = link::kDefaultProperties;
     rvevm_Manager manager_ = nullptr;
     ipq_Queue queue_ = nullptr;
@@ -88,15 +77,6 @@ class LinkFixture : public testing::Test, public link::LinkHost {
         self->queue_ = nullptr;
         ipq_Close(queue, false);
     }
-    static void onCheck(void*, void* closure, int, void*) {
-        auto* self = static_cast<LinkFixture*>(closure);
-        const bool late = platform::monotonicMs() > self->giveUpAt_;
-        if (late) ADD_FAILURE() << "the condition did not come true";
-        if (late || self->done_()) rvevm_Stop(self->manager_);
-    }
-
-    std::function<bool()> done_;
-    platform::Milliseconds giveUpAt_ = 0;
 };
 
 }  // namespace kvx::test

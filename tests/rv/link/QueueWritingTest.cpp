@@ -2,12 +2,10 @@
 
 #include "tests/rv/link/LinkFixture.h"
 
+namespace kvx::test {
 namespace {
 
-using kvx::test::ByteVector;
-using kvx::test::PeerLink;
-
-class QueueWriting : public kvx::test::LinkFixture {
+class QueueWriting : public LinkFixture {
   protected:
     std::string readText() {
         const ByteVector message = peer_.readMessage();
@@ -107,7 +105,7 @@ TEST_F(QueueWriting, FlushEndsWithTheTimeoutOrWhenAllIsWritten) {
 }
 
 TEST_F(QueueWriting, SilenceIsEndedByAKeepaliveOnceItLastsAMinute) {
-    kvx::platform::ManualClock clock;  // the loop's waits pass at once
+    platform::ManualClock clock;  // the loop's waits pass at once
     open();
     rvevm_Id end = nullptr;
     rvevm_AddTimer(
@@ -118,8 +116,7 @@ TEST_F(QueueWriting, SilenceIsEndedByAKeepaliveOnceItLastsAMinute) {
     EXPECT_EQ(ipq_StatisticsOf(queue_).messagesWritten, 2U)
         << "at 60 s and, being traffic, at 180 s";
     closeQueue();
-    const ByteVector keepalive(kvx::wire::kKeepaliveBlock.begin(),
-                               kvx::wire::kKeepaliveBlock.end());
+    const ByteVector keepalive(wire::kKeepaliveBlock.begin(), wire::kKeepaliveBlock.end());
     EXPECT_EQ(peer_.readMessage(), keepalive);
     EXPECT_EQ(peer_.readMessage(), keepalive);
     EXPECT_TRUE(peer_.read(1).empty());
@@ -137,7 +134,7 @@ TEST_F(QueueWriting, AGracefulCloseFlushesSaysGoodbyeAndWaitsForThePeer) {
     ByteVector last;
     std::thread reader([&] {
         for (last = peer_.readMessage(); last.size() > 8; last = peer_.readMessage()) ++received;
-        peer_.send(kvx::wire::kCloseBlock);
+        peer_.send(wire::kCloseBlock);
         peer_.close();
     });
     ipq_Close(std::exchange(queue_, nullptr), true);
@@ -147,7 +144,7 @@ TEST_F(QueueWriting, AGracefulCloseFlushesSaysGoodbyeAndWaitsForThePeer) {
 }
 
 TEST_F(QueueWriting, AGracefulCloseDoesNotWaitForeverForAPeerThatStaysOpen) {
-    kvx::platform::ManualClock clock;
+    platform::ManualClock clock;
     open();
     const auto before = clock.now();
     ipq_Close(std::exchange(queue_, nullptr), true);
@@ -155,3 +152,4 @@ TEST_F(QueueWriting, AGracefulCloseDoesNotWaitForeverForAPeerThatStaysOpen) {
 }
 
 }  // namespace
+}  // namespace kvx::test

@@ -2,12 +2,7 @@
 
 #include "tests/rv/object/ObjectFixture.h"
 
-using kvx::test::ObjectTest;
-using kvx::test::OnData;
-using kvx::test::OnIO;
-using kvx::test::OnSignal;
-using kvx::test::OnTimer;
-
+namespace kvx::test {
 namespace {
 
 struct Reason {
@@ -22,8 +17,6 @@ Reason reason(const RvSession& session) {
 }
 
 class Creation : public ObjectTest {};
-
-}  // namespace
 
 TEST_F(Creation, RefusesMissingArguments) {
     OnData data;
@@ -115,3 +108,6 @@ TEST_F(Creation, ObjectsOutliveTheirSession) {
     settle();
     EXPECT_EQ(data.timeouts + onTimer.calls, 0);
 }
+
+}  // namespace
+}  // namespace kvx::test

@@ -6,11 +6,7 @@
 
 #include "tests/rv/object/ObjectFixture.h"
 
-using kvx::test::ObjectTest;
-using kvx::test::OnData;
-using kvx::test::OnIO;
-using kvx::test::OnTimer;
-
+namespace kvx::test {
 namespace {
 
 enum class Kind : std::uint8_t { Message, Timeout, OneShot, Repeating, Io };
@@ -56,8 +52,8 @@ class EventLifetime : public ObjectTest, public testing::WithParamInterface<Kind
     template <class Call>
     void createListener(std::size_t i, Call call) {
         const bool isTimeout = GetParam() == Kind::Timeout;
-        auto data = std::make_unique<OnData>(
-            [call](RvListener* listener, const RvDatum&, RvSender*) { call(listener); });
+        auto data = std::make_unique<OnData>([call](const char*, RvSender*, const RvDatum&,
+                                                    RvListener* listener) { call(listener); });
         data->callOnTimeout = call;
         events_[i].reset(session->newListener(kSubject, isTimeout ? 2 : 0, data.get(), nullptr));
         callbacks_[i] = std::move(data);
@@ -81,8 +77,6 @@ std::string nameOf(const testing::TestParamInfo<Kind>& info) {
     static const char* const names[] = {"Message", "Timeout", "OneShot", "Repeating", "Io"};
     return names[static_cast<int>(info.param)];
 }
-
-}  // namespace
 
 TEST_P(EventLifetime, DestroysItself) {
     create(0);
@@ -160,3 +154,6 @@ INSTANTIATE_TEST_SUITE_P(Kinds, EventLifetime,
                          testing::Values(Kind::Message, Kind::Timeout, Kind::OneShot,
                                          Kind::Repeating, Kind::Io),
                          nameOf);
+
+}  // namespace
+}  // namespace kvx::test

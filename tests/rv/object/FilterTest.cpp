@@ -3,11 +3,7 @@
 #include "tests/rv/object/ObjectFixture.h"
 #include "tests/support/Daemon.h"
 
-using kvx::test::Filter;
-using kvx::test::ObjectTest;
-using kvx::test::OnData;
-using kvx::test::textOf;
-
+namespace kvx::test {
 namespace {
 
 const RvDatum kOriginal(RVMSG_STRING, 0, "original");
@@ -28,15 +24,17 @@ class InboundFilter : public ObjectTest {
     std::unique_ptr<Filter> filter;
     std::unique_ptr<RvListener> listener;
     std::string heard;
-    std::unique_ptr<OnData> data = std::make_unique<OnData>(
-        [this](RvListener*, const RvDatum& datum, RvSender*) { heard += textOf(datum); });
+    std::unique_ptr<OnData> data =
+        std::make_unique<OnData>([this](const char*, RvSender*, const RvDatum& datum, RvListener*) {
+            heard += textOf(datum);
+        });
 };
 
 class OutboundFilter : public ObjectTest {
   protected:
     OutboundFilter() {
         connect(daemon.text());
-        receiver = kvx::test::openSession(daemon.text());
+        receiver = openSession(daemon.text());
         listener.reset(receiver->newListener("filtered", &data, nullptr));
     }
     void sendThrough(Filter::Function function) {
@@ -44,16 +42,16 @@ class OutboundFilter : public ObjectTest {
         session->setOutboundFilter(filter.get());
         sender.reset(session->newSender("filtered"));
     }
-    kvx::test::Daemon daemon;
+    Daemon daemon;
     std::unique_ptr<Filter> filter;
     std::unique_ptr<RvSender> sender;
     std::unique_ptr<RvSession> receiver;
     std::string heard;
-    OnData data{[this](RvListener*, const RvDatum& datum, RvSender*) { heard += textOf(datum); }};
+    OnData data{[this](const char*, RvSender*, const RvDatum& datum, RvListener*) {
+        heard += textOf(datum);
+    }};
     std::unique_ptr<RvListener> listener;
 };
-
-}  // namespace
 
 TEST_F(InboundFilter, PassesOnReplacesAndRefuses) {
     int turn = 0;
@@ -114,7 +112,7 @@ TEST_F(OutboundFilter, PassesOnReplacesAndRefuses) {
     EXPECT_TRUE(session->status() == 3);
     filter.reset();
     EXPECT_TRUE(sender->send(kOriginal) == 0);
-    EXPECT_TRUE(runUntil([&] { return data.messages >= 3; }));
+    runUntil([&] { return data.messages >= 3; });
     EXPECT_EQ(heard, "originalneworiginal");
 }
 
@@ -125,7 +123,7 @@ TEST_F(OutboundFilter, MayDestroyTheSender) {
         return newText("last");
     });
     EXPECT_TRUE(sender->send(kOriginal) == 0);
-    EXPECT_TRUE(runUntil([&] { return data.messages >= 1; }));
+    runUntil([&] { return data.messages >= 1; });
     EXPECT_EQ(heard, "last");
 }
 
@@ -137,3 +135,6 @@ TEST_F(OutboundFilter, MayDestroyTheSession) {
     EXPECT_TRUE(sender->send(kOriginal) == 2);
     EXPECT_EQ(sender->sendRequest(kOriginal, &data, nullptr), nullptr);
 }
+
+}  // namespace
+}  // namespace kvx::test

@@ -3,20 +3,15 @@
 #include "rv/message/RvMsg.h"
 #include "tests/rv/object/ObjectFixture.h"
 
-using kvx::test::ObjectTest;
-using kvx::test::OnData;
-using kvx::test::textOf;
-
+namespace kvx::test {
 namespace {
 
 class Listener : public ObjectTest {};
 
-}  // namespace
-
 TEST_F(Listener, HandsOverSubjectDatumAndReplySender) {
     std::string text;
     std::string reply;
-    OnData data([&](RvListener*, const RvDatum& datum, RvSender* replyTo) {
+    OnData data([&](const char*, RvSender* replyTo, const RvDatum& datum, RvListener*) {
         text = textOf(datum);
         reply = replyTo == nullptr ? "none" : replyTo->subject();
     });
@@ -32,7 +27,7 @@ TEST_F(Listener, HandsOverSubjectDatumAndReplySender) {
 TEST_F(Listener, HandsOverAMessageAsOneAndAMissingPayloadAsNone) {
     long value = 0;
     rvmsg_Type type = RVMSG_BADDATA;
-    OnData data([&](RvListener*, const RvDatum& datum, RvSender*) {
+    OnData data([&](const char*, RvSender*, const RvDatum& datum, RvListener*) {
         type = datum.type();
         if (type != RVMSG_MSG) return;
         const auto* message = dynamic_cast<const RvMsg*>(&datum);
@@ -80,3 +75,6 @@ TEST_F(Listener, DeletingItLeavesTheResultOfTheCancelInTheStatus) {
     listener.reset();
     EXPECT_TRUE(session->status() == 0);
 }
+
+}  // namespace
+}  // namespace kvx::test

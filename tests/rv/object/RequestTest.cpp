@@ -3,10 +3,7 @@
 #include "tests/rv/object/ObjectFixture.h"
 #include "tests/support/Daemon.h"
 
-using kvx::test::ObjectTest;
-using kvx::test::OnData;
-using kvx::test::textOf;
-
+namespace kvx::test {
 namespace {
 
 const RvDatum kQuestion(RVMSG_STRING, 0, "question");
@@ -16,13 +13,13 @@ class Request : public ObjectTest {
   protected:
     Request() {
         connect(daemon.text());
-        service = kvx::test::openSession(daemon.text());
+        service = openSession(daemon.text());
         serving.reset(service->newListener("service", &answers, nullptr));
         asking.reset(session->newSender("service", "ignored.here"));
     }
-    kvx::test::Daemon daemon;
+    Daemon daemon;
     std::unique_ptr<RvSession> service;
-    OnData answers{[](RvListener*, const RvDatum&, RvSender* replyTo) {
+    OnData answers{[](const char*, RvSender* replyTo, const RvDatum&, RvListener*) {
         ASSERT_NE(replyTo, nullptr);
         EXPECT_TRUE(replyTo->send(RvDatum(RVMSG_STRING, 0, "answer")) == 0);
     }};
@@ -30,11 +27,9 @@ class Request : public ObjectTest {
     std::unique_ptr<RvSender> asking;
 };
 
-}  // namespace
-
 TEST_F(Request, AnswerComesToItsInboxAndEndsTheTimeout) {
     std::string text;
-    OnData reply([&](RvListener*, const RvDatum& datum, RvSender* replyTo) {
+    OnData reply([&](const char*, RvSender* replyTo, const RvDatum& datum, RvListener*) {
         EXPECT_EQ(replyTo, nullptr);
         text = textOf(datum);
     });
@@ -43,7 +38,7 @@ TEST_F(Request, AnswerComesToItsInboxAndEndsTheTimeout) {
     EXPECT_TRUE(inbox->isInbox());
     EXPECT_EQ(inbox->closure(), this);
     EXPECT_EQ(std::string(inbox->subject()).substr(0, 7), "_INBOX.");
-    EXPECT_TRUE(runUntil([&] { return reply.messages > 0; }));
+    runUntil([&] { return reply.messages > 0; });
     EXPECT_EQ(text, "answer");
     EXPECT_EQ(reply.timeouts, 0);
 }
@@ -57,7 +52,7 @@ TEST_F(Request, TimesOutWithoutAnAnswerAndMayDeleteItsListenerThen) {
         delete listener;
     };
     inbox = nobody->sendRequest(kQuestion, 2, &reply, nullptr);
-    EXPECT_TRUE(runUntil([&] { return reply.timeouts > 0; }));
+    runUntil([&] { return reply.timeouts > 0; });
     settle();
     EXPECT_EQ(reply.timeouts, 1);
 }
@@ -73,21 +68,21 @@ TEST_F(Request, ThatCannotBePublishedLeavesNoListener) {
 
 TEST_F(Request, InboxMarkerCountsByItsAddressOnly) {
     OnData data;
-    const std::string sameText(kvx::inboxMarker);
-    const std::unique_ptr<RvListener> inbox(session->newListener(kvx::inboxMarker, &data, nullptr));
+    const std::string sameText(inboxMarker);
+    const std::unique_ptr<RvListener> inbox(session->newListener(inboxMarker, &data, nullptr));
     const std::unique_ptr<RvListener> plain(session->newListener(sameText.c_str(), &data, nullptr));
     ASSERT_TRUE(inbox && plain);
     EXPECT_TRUE(inbox->isInbox());
     EXPECT_FALSE(plain->isInbox());
     const std::unique_ptr<RvSender> sender(session->newSender(plain->subject()));
     EXPECT_TRUE(sender->send(kQuestion) == 0);
-    EXPECT_TRUE(runUntil([&] { return data.messages > 0; }));
+    runUntil([&] { return data.messages > 0; });
     EXPECT_EQ(data.lastSubject, sameText);
 }
 
 // The daemon's death is told to the session's own listeners, inside whatever operation finds it.
 TEST_F(Request, SurvivesAListenerThatDestroysEverythingWhenTheDaemonDies) {
-    OnData onLoss([this](RvListener*, const RvDatum&, RvSender*) {
+    OnData onLoss([this](const char*, RvSender*, const RvDatum&, RvListener*) {
         asking.reset();
         session.reset();
     });
@@ -95,9 +90,12 @@ TEST_F(Request, SurvivesAListenerThatDestroysEverythingWhenTheDaemonDies) {
         session->newListener("_RV.WARN.SYSTEM.RVD.DISCONNECTED", &onLoss, nullptr));
     service.reset();
     daemon.kill();
-    EXPECT_TRUE(runUntil([&] {
+    runUntil([&] {
         if (asking) asking->send(kQuestion);
         return session == nullptr;
-    }));
+    });
     EXPECT_EQ(onLoss.messages, 1);
 }
+
+}  // namespace
+}  // namespace kvx::test

@@ -4,9 +4,7 @@
 
 #include "tests/rv/object/ObjectFixture.h"
 
-using kvx::test::ObjectTest;
-using kvx::test::OnSignal;
-
+namespace kvx::test {
 namespace {
 
 class Signals : public ObjectTest {
@@ -16,8 +14,6 @@ class Signals : public ObjectTest {
         settle();
     }
 };
-
-}  // namespace
 
 TEST_F(Signals, ArriveInTheLoopUntilTheObjectIsDeleted) {
     OnSignal callback;
@@ -58,3 +54,6 @@ TEST_F(Signals, WhoseCallbackDiedKeepTheirSlotUntilTheSessionCloses) {
     raiseAndRun();
     EXPECT_EQ(alive.calls, 1);
 }
+
+}  // namespace
+}  // namespace kvx::test

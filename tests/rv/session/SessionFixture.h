@@ -9,13 +9,15 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Clock.h"
 #include "rv/message/rvmsg.h"
 #include "rv/session/rvSessionEvents.h"
 #include "rv/session/rvSessionHooks.h"
 #include "rv/session/rv_Session.h"
+#include "tests/support/Loop.h"
 
 namespace kvx::test {
+
+using Texts = std::vector<std::string>;
 
 /// What a listener heard.
 struct Heard {
@@ -43,13 +45,13 @@ class Listening {
     std::vector<Heard> heard;
     std::function<void(const Heard&)> onHeard = [](const Heard&) {};
 
-    [[nodiscard]] std::vector<std::string> texts() const {
-        std::vector<std::string> all;
+    [[nodiscard]] Texts texts() const {
+        Texts all;
         for (const Heard& one : heard) all.push_back(one.text);
         return all;
     }
-    [[nodiscard]] std::vector<std::string> subjects() const {
-        std::vector<std::string> all;
+    [[nodiscard]] Texts subjects() const {
+        Texts all;
         for (const Heard& one : heard) all.push_back(one.subject);
         return all;
     }
@@ -82,25 +84,14 @@ class SessionFixture : public testing::Test {
 
     rv_Session open(const std::string& daemon, const char* service = "7500",
                     const char* network = "") {
-        rv_Session session = nullptr;
-        const int code = rv_CreateSession(&session, manager_, service, network, daemon.c_str());
-        EXPECT_EQ(code, 0);
-        if (session != nullptr) opened_.push_back(session);
-        return session;
-    }
-    int codeOfOpening(const std::string& daemon) {
-        rv_Session session = nullptr;
-        const int code = rv_CreateSession(&session, manager_, "", "", daemon.c_str());
-        EXPECT_EQ(session == nullptr, code != 0);
-        if (session != nullptr) opened_.push_back(session);
-        return code;
+        EXPECT_EQ(create(manager_, service, network, daemon), 0);
+        return opened_.empty() ? nullptr : opened_.back();
     }
     rv_Session openSynchronous(const std::string& daemon) {
-        rv_Session session = nullptr;
-        EXPECT_EQ(rv_CreateSession(&session, nullptr, "7500", "", daemon.c_str()), 0);
-        if (session != nullptr) opened_.push_back(session);
-        return session;
+        EXPECT_EQ(create(nullptr, "", "", daemon), 0);
+        return opened_.empty() ? nullptr : opened_.back();
     }
+    int codeOfOpening(const std::string& daemon) { return create(manager_, "", "", daemon); }
 
     static void listen(rv_Session session, Listening& listening, const char* subject) {
         ASSERT_EQ(rv_Listen(session, &listening.id, subject, Listening::callback(), &listening), 0);
@@ -113,15 +104,7 @@ class SessionFixture : public testing::Test {
         return rv_Deliver(session, subject, nullptr, RVMSG_STRING, 0, text.c_str());
     }
 
-    /// Runs the loop until `done`; fails the test after `seconds`.
-    void runUntil(std::function<bool()> done, int seconds = 20) {
-        done_ = std::move(done);
-        giveUpAt_ = platform::monotonicMs() + seconds * 1'000;
-        rvevm_Id timer = nullptr;
-        ASSERT_EQ(rvevm_AddRepeatTimer(manager_, &timer, 1, onCheck, this), 0);
-        ASSERT_EQ(rvevm_MainLoop(manager_), 0);
-        rvevm_RemoveTimer(manager_, timer);
-    }
+    void runUntil(const std::function<bool()>& done) { test::runUntil(manager_, done); }
     void runUntilHeard(const Listening& listening, std::size_t count) {
         runUntil([&listening, count] { return listening.heard.size() >= count; });
     }
@@ -129,16 +112,16 @@ class SessionFixture : public testing::Test {
     rvevm_Manager manager_ = nullptr;
 
   private:
-    static void onCheck(void*, void* closure, int, void*) {
-        auto* self = static_cast<SessionFixture*>(closure);
-        const bool late = platform::monotonicMs() > self->giveUpAt_;
-        if (late) ADD_FAILURE() << "the condition did not come true";
-        if (late || self->done_()) rvevm_Stop(self->manager_);
+    int create(rvevm_Manager manager, const char* service, const char* network,
+               const std::string& daemon) {
+        rv_Session session = nullptr;
+        const int code = rv_CreateSession(&session, manager, service, network, daemon.c_str());
+        EXPECT_EQ(session == nullptr, code != 0);
+        if (session != nullptr) opened_.push_back(session);
+        return code;
     }
 
     std::vector<rv_Session> opened_;
-    std::function<bool()> done_;
-    platform::Milliseconds giveUpAt_ = 0;
 };
 
 }  // namespace kvx::test

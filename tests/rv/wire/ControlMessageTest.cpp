@@ -6,21 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "rv/message/SubjectView.h"
-#include "rv/message/rvSubject.h"
 #include "rv/wire/Fields.h"
+#include "tests/support/LinkEnd.h"
 
 namespace kvx::wire {
 namespace {
 
 using Stream = std::vector<std::uint8_t>;
-
-Stream subject(const char* text) {
-    Stream bytes(kSubjectCapacity);
-    bytes.resize(
-        static_cast<std::size_t>(rvSubject_FromText(bytes.data(), kSubjectCapacity, text)));
-    return bytes;
-}
 
 // "name:type name:type ...", in the order in which the fields stand in the message.
 std::string shape(Bytes message) {
@@ -81,7 +73,7 @@ TEST(InitMessage, ThatDoesNotFitIsRefused) {
 }
 
 TEST(ListenMessage, CarriesReturnAndFlavourOnlyWhenThereAreAny) {
-    const Stream encoded = subject("A.B");
+    const Stream encoded = test::encodedSubject("A.B");
     EXPECT_EQ(shape(buildListen(encoded, nullptr, 0).message.view()), "mtype:8 sub:2 ");
     EXPECT_EQ(shape(buildListen(encoded, "_INBOX.a.1", 53).message.view()),
               "mtype:8 sub:2 return:8 fid:11 ");
@@ -91,7 +83,7 @@ TEST(ListenMessage, CarriesReturnAndFlavourOnlyWhenThereAreAny) {
 }
 
 TEST(DataMessage, BufferHasExactlyTheSizeThatItsPartsCallFor) {
-    const Stream encoded = subject("A.B");
+    const Stream encoded = test::encodedSubject("A.B");
     const Built plain = buildData(encoded, nullptr, 0, {});
     EXPECT_EQ(plain.message.capacity, 2 + 22 + encoded.size() + 12 + 16);
     EXPECT_EQ(shape(plain.message.view()), "mtype:8 sub:2 ");
@@ -102,7 +94,7 @@ TEST(DataMessage, BufferHasExactlyTheSizeThatItsPartsCallFor) {
 }
 
 TEST(DataMessage, EveryPayloadFitsItsBuffer) {
-    const Stream encoded = subject("A");
+    const Stream encoded = test::encodedSubject("A");
     const std::string reply(300, 'r');
     for (const std::size_t size : {1U, 119U, 120U, 29'999U, 30'000U, 100'000U}) {
         const Stream payload(size, 0xAB);
@@ -115,7 +107,7 @@ TEST(DataMessage, EveryPayloadFitsItsBuffer) {
 }
 
 TEST(DataMessage, WorksOutOpenSizesAndRefusesWhatHasNone) {
-    const Stream encoded = subject("A.B");
+    const Stream encoded = test::encodedSubject("A.B");
     const Built nested = buildData(encoded, nullptr, 0, {});
     const Built outer = buildData(encoded, nullptr, 0, {RVMSG_MSG, 0, nested.message.bytes.get()});
     EXPECT_EQ(outer.code, 0);
@@ -137,35 +129,30 @@ TEST(ReplyMessage, IsReadBackWithItsAddressOrItsError) {
 }
 
 TEST(ReplyMessage, WithPartsMissingSaysWhich) {
-    const auto reply = [](auto fill) {
-        Stream data(200);
-        Stream whole(300);
-        rvmsg_Init(data.data(), 200);
-        fill(data.data());
-        rvmsg_Init(whole.data(), 300);
-        rvmsg_Append(whole.data(), 300, "mtype", RVMSG_STRING, 0, "R");
-        rvmsg_Append(whole.data(), 300, "data", RVMSG_MSG, 0, data.data());
-        return readReply(whole).code;
+    const auto codeWith = [](const char* name, rvmsg_Type type, rvmsg_Size size, const void* data) {
+        RvMsg parts;
+        if (name != nullptr) parts.append(name, type, size, data);
+        RvMsg reply;
+        reply.append("mtype", "R");
+        reply.append("data", parts);
+        return readReply(test::bytesOf(reply)).code;
     };
     const std::uint32_t address = 1;
-    EXPECT_EQ(reply([](void*) {}), 17);
-    EXPECT_EQ(reply([&](void* m) { rvmsg_Append(m, 200, "ipaddr", RVMSG_IPDATA, 4, &address); }),
-              16);
-    EXPECT_EQ(reply([&](void* m) { rvmsg_Append(m, 200, "ipaddr", RVMSG_UINT, 4, &address); }), 17);
-    EXPECT_EQ(reply([](void* m) { rvmsg_Append(m, 200, "error", RVMSG_STRING, 0, "x"); }), 1);
-    EXPECT_EQ(readReply(buildCancel(subject("A"), 0).message.view()).code, 1);
+    EXPECT_EQ(codeWith(nullptr, RVMSG_NONE, 0, nullptr), 17);
+    EXPECT_EQ(codeWith("ipaddr", RVMSG_IPDATA, 4, &address), 16);
+    EXPECT_EQ(codeWith("ipaddr", RVMSG_UINT, 4, &address), 17);
+    EXPECT_EQ(codeWith("error", RVMSG_STRING, 0, "x"), 1);
+    EXPECT_EQ(readReply(buildCancel(test::encodedSubject("A"), 0).message.view()).code, 1);
 }
 
 TEST(Routing, IsReadInAnyFieldOrderAndSurvivesEveryCut) {
-    Stream odd(200);
-    const Stream encoded = subject("A.B");
-    rvmsg_Init(odd.data(), 200);
-    rvmsg_Append(odd.data(), 200, "extra", RVMSG_STRING, 0, "x");
-    rvmsg_Append(odd.data(), 200, "sub", RVMSG_SUBJECT, 0, encoded.data());
-    rvmsg_Append(odd.data(), 200, "mtype", RVMSG_STRING, 0, "D");
-    odd.resize(loadBig32(odd.data()));
+    const Stream encoded = test::encodedSubject("A.B");
+    RvMsg odd;
+    odd.append("extra", "x");
+    odd.append("sub", RVMSG_SUBJECT, 0, encoded.data());
+    odd.append("mtype", "D");
     const Built usual = buildData(encoded, "_INBOX.x", 1, {RVMSG_STRING, 0, "hello"});
-    for (const Bytes whole : {Bytes(odd), usual.message.view()}) {
+    for (const Stream& whole : {test::bytesOf(odd), test::bytesOf(usual)}) {
         const Routing routing = readRouting(whole);
         EXPECT_EQ(routing.type, MessageType::Data);
         EXPECT_TRUE(std::equal(encoded.begin(), encoded.end(), routing.subject.begin(),
@@ -179,15 +166,15 @@ TEST(Routing, IsReadInAnyFieldOrderAndSurvivesEveryCut) {
 }
 
 TEST(Routing, OfWhatIsNoRoutableMessageIsUnknownOrEmpty) {
-    Stream message(200);
-    rvmsg_Init(message.data(), 200);
-    rvmsg_Append(message.data(), 200, "mtype", RVMSG_STRING, 0, "DD");
-    EXPECT_EQ(readRouting(message).type, MessageType::Unknown);
-    rvmsg_Init(message.data(), 200);
-    rvmsg_Append(message.data(), 200, "mtype", RVMSG_STRING, 0, "D");
-    rvmsg_Append(message.data(), 200, "sub", RVMSG_STRING, 0, "A.B");
-    EXPECT_EQ(readRouting(message).type, MessageType::Data);
-    EXPECT_TRUE(readRouting(message).subject.empty());
+    RvMsg unknown;
+    unknown.append("mtype", "DD");
+    EXPECT_EQ(readRouting(test::bytesOf(unknown)).type, MessageType::Unknown);
+    RvMsg withoutSubject;
+    withoutSubject.append("mtype", "D");
+    withoutSubject.append("sub", "A.B");
+    const Stream bytes = test::bytesOf(withoutSubject);
+    EXPECT_EQ(readRouting(bytes).type, MessageType::Data);
+    EXPECT_TRUE(readRouting(bytes).subject.empty());
 }
 
 }  // namespace
