@@ -1,12 +1,13 @@
 // Atoms: what they own, what they give out, and what their kinds do to one another.
 
-#include "foundation/CVekAtom.h"
-
 #include <cstring>
 #include <limits>
 
 #include "tests/foundation/Owned.h"
+#include "tests/support/Atoms.h"
 
+using kvx::test::bytesAtom;
+using kvx::test::bytesOf;
 using kvx::test::take;
 
 namespace {
@@ -15,13 +16,6 @@ unsigned char* allocated(const std::string& bytes) {
     auto* copy = static_cast<unsigned char*>(std::malloc(bytes.size()));
     std::memcpy(copy, bytes.data(), bytes.size());
     return copy;
-}
-
-std::string bytesOf(const CVekAtom& atom) {
-    unsigned char* bytes = nullptr;
-    int length = 0;
-    EXPECT_EQ(atom.RAUChar(&bytes, &length), 1);
-    return {reinterpret_cast<char*>(bytes), static_cast<std::size_t>(length)};
 }
 
 }  // namespace
@@ -42,9 +36,9 @@ TEST(Atom, CopiesConstantTextsAndTakesAllocatedOnes) {
 
 TEST(Atom, CopiesConstantBytesAndTakesAllocatedOnes) {
     const std::string raw("\x00\x7f\xff", 3);
-    const CVekAtom copied(reinterpret_cast<const unsigned char*>(raw.data()), 3);
-    EXPECT_EQ(copied.RAType(), 5);
-    EXPECT_EQ(bytesOf(copied), raw);
+    const std::unique_ptr<CVekAtom> copied(bytesAtom(raw));
+    EXPECT_EQ(copied->RAType(), 5);
+    EXPECT_EQ(bytesOf(*copied), raw);
 
     unsigned char* given = allocated(raw);
     const CVekAtom taken(given, 3);

@@ -1,17 +1,13 @@
 // Error reports: the default line, and handlers.
 
-#include "foundation/CVekError.h"
-
 #include <atomic>
-#include <fstream>
-#include <set>
+
+#include "tests/support/ErrorRecorder.h"
 
 namespace {
 
 std::string reportedLine(int code, const char* file, int line, const char* text) {
-    testing::internal::CaptureStderr();
-    CVekError(code, file, line, text);
-    return testing::internal::GetCapturedStderr();
+    return kvx::test::errorOutputOf([&] { CVekError(code, file, line, text); });
 }
 
 std::atomic<int> reportsHandled{0};

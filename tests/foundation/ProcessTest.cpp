@@ -1,9 +1,5 @@
 // This process, and the programs that it starts.
 
-#include <signal.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -15,10 +11,6 @@
 using kvx::test::take;
 
 namespace {
-
-bool isAlive(unsigned long pid) {
-    return kill(static_cast<pid_t>(pid), 0) == 0;
-}
 
 // Its destructor would show that static destructors ran.
 struct Tattletale {
@@ -33,12 +25,6 @@ void exitWithUnflushedStreams() {
 }
 
 }  // namespace
-
-TEST(Process, KnowsItselfAndOthersByName) {
-    EXPECT_EQ(CVekProcess::Instance().GetPID(), static_cast<unsigned long>(getpid()));
-    EXPECT_EQ(take(VekGetBinaryName(CVekProcess::Instance().GetPID())), "foundation_test");
-    EXPECT_EQ(VekGetBinaryName(0), nullptr);
-}
 
 TEST(Process, ExitFlushesTheStreamsAndRunsNoDestructors) {
     const kvx::test::TemporaryDirectory directory;
@@ -60,21 +46,18 @@ TEST(ProcessMgr, StartsAndEndsAProgram) {
     CVekProcessHandle handle = manager.StartProcess("/bin", "sleep", arguments, nullptr, nullptr);
     const unsigned long pid = handle.GetPID();
     ASSERT_NE(pid, 0U);
-    EXPECT_TRUE(isAlive(pid));
+    EXPECT_EQ(take(VekGetBinaryName(pid)), "sleep");
     EXPECT_FALSE(manager.KillProcess(handle));  // false: it did end it
-    EXPECT_FALSE(isAlive(pid));
+    EXPECT_EQ(VekGetBinaryName(pid), nullptr);
     EXPECT_EQ(handle.GetPID(), 0U);
     EXPECT_TRUE(manager.KillProcess(handle));
 }
 
 TEST(ProcessMgr, GivesNoProcessForAProgramThatCannotRun) {
-    const kvx::test::TemporaryDirectory directory;
-    std::ofstream(directory.file("text")) << "no program";
     CVekProcessMgr manager;
     const char* const arguments[] = {"x", nullptr};
-    const char* path = directory.path().c_str();
-    EXPECT_EQ(manager.StartProcess(path, "missing", arguments, nullptr, nullptr).GetPID(), 0U);
-    EXPECT_EQ(manager.StartProcess(path, "text", arguments, nullptr, nullptr).GetPID(), 0U);
+    EXPECT_EQ(manager.StartProcess("/", "missing", arguments, nullptr, nullptr).GetPID(), 0U);
     EXPECT_EQ(manager.StartProcess(nullptr, nullptr, nullptr, nullptr, nullptr).GetPID(), 0U);
     EXPECT_EQ(CVekProcessHandle().GetPID(), 0U);
+    EXPECT_EQ(VekGetBinaryName(0), nullptr);
 }

@@ -54,17 +54,6 @@ TEST(PollSets, AreWokenFromAnotherThreadAndForgetIt) {
     EXPECT_EQ(clock.now(), 10);  // the notification was used up: this wait ran its time
 }
 
-TEST(PollSets, NameAClosedSocketAndStillServeTheOthers) {
-    SocketPair closed;
-    const SocketPair open;
-    PollSet set;
-    ASSERT_TRUE(set.add(closed.near.get(), kReadable));
-    ASSERT_TRUE(set.add(open.near.get(), kWritable));
-    closed.near.reset();
-    EXPECT_EQ(set.wait(kForever), socket_error::kNotASocket);
-    EXPECT_EQ(readiness(set, open.near), unsigned{kWritable});
-}
-
 TEST(PollSets, TellOfAHangUpWhoeverWatches) {
     SocketPair pair;
     PollSet set;

@@ -1,22 +1,22 @@
 #include "platform/Process.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "platform/File.h"
 #include "platform/Socket.h"
+#include "tests/support/EnvironmentVariable.h"
 #include "tests/support/TemporaryDirectory.h"
 
 using namespace kvx::platform;
+using kvx::test::EnvironmentVariable;
 using kvx::test::TemporaryDirectory;
 
 namespace {
@@ -25,10 +25,14 @@ Program shell(const std::string& script, const std::string& directory = "") {
     return {"sh", {"sh", "-c", script}, directory};
 }
 
-int exitStatusOf(const Started& child) {
+void awaitEnd(const Started& child) {
     EXPECT_NE(child.pid, 0U);
     siginfo_t info{};
     ::waitid(P_PID, static_cast<id_t>(child.pid), &info, WEXITED | WNOWAIT);
+}
+
+int exitStatusOf(const Started& child) {
+    awaitEnd(child);
     return reap(child.pid).value_or(-1);
 }
 
@@ -37,26 +41,6 @@ std::string contentOf(const std::string& file) {
     text << std::ifstream(file).rdbuf();
     return text.str();
 }
-
-// Gives the process another environment for one test.
-class Environment {
-  public:
-    Environment(const char* name, const std::string& value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
-        ::setenv(name, value.c_str(), 1);
-    }
-    ~Environment() {
-        if (old_) {
-            ::setenv(name_, old_->c_str(), 1);
-        } else {
-            ::unsetenv(name_);
-        }
-    }
-
-  private:
-    const char* name_;
-    std::optional<std::string> old_;
-};
 
 }  // namespace
 
@@ -68,17 +52,6 @@ TEST(Processes, KnowThemselves) {
     EXPECT_EQ(programName(~0UL), std::nullopt);
     EXPECT_FALSE(userName().empty());
     EXPECT_GT(physicalMemoryBytes(), 1U << 24);
-}
-
-TEST(Processes, EndAtOnceWithTheirStreamsFlushed) {
-    EXPECT_EXIT(
-        {
-            std::atexit([] { ::_exit(1); });
-            std::printf("not lost");
-            ::dup2(STDERR_FILENO, STDOUT_FILENO);
-            exitNow(3);
-        },
-        testing::ExitedWithCode(3), "not lost");
 }
 
 TEST(Children, RunWithTheirArgumentsInTheirDirectory) {
@@ -105,7 +78,7 @@ TEST(Children, ThatCannotRunAreReported) {
     std::ofstream(directory.file("plain")) << "no program";
     for (const auto start : {+[](const Program& p) { return startChild(p); },
                              +[](const Program& p) { return startDaemon(p, "test"); }}) {
-        const Environment state("XDG_STATE_HOME", directory.path());
+        const EnvironmentVariable state("XDG_STATE_HOME", directory.path());
         EXPECT_EQ(start({directory.file("missing"), {"missing"}, ""}).error, ENOENT);
         EXPECT_EQ(start({directory.file("plain"), {"plain"}, ""}).error, EACCES);
         EXPECT_EQ(start({"kvx-no-such-program", {"x"}, ""}).error, ENOENT);
@@ -125,8 +98,7 @@ TEST(Children, AreKilledWhenTheyDoNotListen) {
     EXPECT_EQ(reap(stubborn.pid), std::nullopt);
     EXPECT_TRUE(killAndReap(stubborn.pid, 1));
     const Started ended = startChild(shell("exit 0"));
-    siginfo_t info{};
-    ::waitid(P_PID, static_cast<id_t>(ended.pid), &info, WEXITED | WNOWAIT);
+    awaitEnd(ended);
     EXPECT_TRUE(killAndReap(ended.pid));
 }
 
@@ -141,7 +113,7 @@ TEST(Children, AreNotMistakenForOtherProcesses) {
 
 TEST(Daemons, LiveInASessionOfTheirOwnAndWriteToTheLog) {
     const TemporaryDirectory directory;
-    const Environment state("XDG_STATE_HOME", directory.path());
+    const EnvironmentVariable state("XDG_STATE_HOME", directory.path());
     const std::string log = directory.path() + "/kvxmom/test.log";
     // Standard input is empty; the sixth field of stat is the session.
     const std::string script =
@@ -150,15 +122,11 @@ TEST(Daemons, LiveInASessionOfTheirOwnAndWriteToTheLog) {
     ASSERT_NE(daemon.pid, 0U) << daemon.error;
     EXPECT_EQ(::waitpid(static_cast<pid_t>(daemon.pid), nullptr, WNOHANG), -1);  // no child of ours
     while (contentOf(log).find("end\n") == std::string::npos) std::this_thread::yield();
-    std::istringstream lines(contentOf(log));
-    std::string input;
-    std::string error;
+    std::istringstream words(contentOf(log));
+    std::string no, input, error;
     long session = 0;
-    std::getline(lines, input);
-    std::getline(lines, error);
-    lines >> session;
-    EXPECT_EQ(input, "no input");
-    EXPECT_EQ(error, "error");
+    words >> no >> input >> error >> session;
+    EXPECT_EQ(no + input + error, "noinputerror");
     EXPECT_NE(session, ::getsid(0));
     EXPECT_NE(session, 0);
 }
@@ -166,7 +134,7 @@ TEST(Daemons, LiveInASessionOfTheirOwnAndWriteToTheLog) {
 TEST(Files, AreFoundOnThePathByTheirRights) {
     const TemporaryDirectory directory;
     std::ofstream(directory.file("tool")) << "#!/bin/sh\n";
-    const Environment path("PATH", "/nonexistent:" + directory.path());
+    const EnvironmentVariable path("PATH", "/nonexistent:" + directory.path());
     EXPECT_EQ(findOnPath("tool"), std::nullopt);
     std::filesystem::permissions(directory.file("tool"), std::filesystem::perms::owner_all);
     EXPECT_EQ(findOnPath("tool"), directory.file("tool"));
@@ -176,15 +144,15 @@ TEST(Files, AreFoundOnThePathByTheirRights) {
 
 TEST(StateDirectory, IsTheUsersAndCreated) {
     const TemporaryDirectory home;
-    const Environment homeVariable("HOME", home.path());
+    const EnvironmentVariable homeVariable("HOME", home.path());
     {
-        const Environment relative("XDG_STATE_HOME", "relative/is/ignored");
+        const EnvironmentVariable relative("XDG_STATE_HOME", "relative/is/ignored");
         EXPECT_EQ(stateDirectory(), home.path() + "/.local/state/kvxmom");
     }
-    const Environment given("XDG_STATE_HOME", home.path() + "/state");
+    const EnvironmentVariable given("XDG_STATE_HOME", home.path() + "/state");
     EXPECT_EQ(stateDirectory(), home.path() + "/state/kvxmom");
     EXPECT_TRUE(std::filesystem::is_directory(stateDirectory()));
     std::ofstream(home.file("file")) << "in the way";
-    const Environment blocked("XDG_STATE_HOME", home.file("file"));
+    const EnvironmentVariable blocked("XDG_STATE_HOME", home.file("file"));
     EXPECT_EQ(stateDirectory(), "");
 }

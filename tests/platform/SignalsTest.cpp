@@ -38,9 +38,3 @@ TEST(Signals, StayHandledWaitWhileBlockedAndGoBackToTheDefault) {
     restoreDefaultSignal(user1);
     EXPECT_EXIT(raiseSignal(user1), testing::KilledBySignal(SIGUSR1), "");
 }
-
-TEST(Signals, ThatTheSystemKeepsForItselfAreRefused) {
-    EXPECT_FALSE(installSignalHandler(SIGKILL, count));
-    EXPECT_FALSE(installSignalHandler(0, count));
-    EXPECT_FALSE(installSignalHandler(4'711, count));
-}

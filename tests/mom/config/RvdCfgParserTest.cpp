@@ -1,19 +1,13 @@
 // The configuration file as the session start-up reads it: values, errors and their lines, and what
 // a parse that stops early leaves to the next one.
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "mom/config/CVekRvdCfgParser.h"
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/TemporaryDirectory.h"
 
-using kvx::test::DebugLevel;
 using kvx::test::errorOutputOf;
 using kvx::test::outputOf;
 
@@ -31,7 +25,8 @@ struct Parsed {
     std::string warnings;  // standard error
 };
 
-Parsed parseWith(CVekRvdCfgParser& parser, std::string text) {
+Parsed parse(std::string text) {
+    CVekRvdCfgParser parser;
     Parsed parsed;
     parser.RRCPSetParseBuffer(text.data());
     parsed.warnings = errorOutputOf(
@@ -41,11 +36,6 @@ Parsed parseWith(CVekRvdCfgParser& parser, std::string text) {
     parsed.daemon = textOf(parser.RRCPGetDaemon());
     parsed.agentPort = textOf(parser.RRCPGetRVAPort());
     return parsed;
-}
-
-Parsed parse(const std::string& text) {
-    CVekRvdCfgParser parser;
-    return parseWith(parser, text);
 }
 
 std::string serviceBlock(const std::string& value) {
@@ -169,15 +159,6 @@ TEST(RvdCfgParser, TakesTimeInProportionToALastLineOfCommentSigns) {
     const Parsed parsed = parse(serviceBlock("1") + std::string(4 << 20, '#'));
     EXPECT_EQ(parsed.service, "1");
     EXPECT_EQ(parsed.errors, errorAtLine(2));
-}
-
-TEST(RvdCfgParser, TracesEachValueAtLevelFour) {
-    const DebugLevel level(4);
-    const Parsed parsed =
-        parse("rendezvous session = { 'service'='1', 'network'='2', 'daemon'='3', 'rva'='4' };");
-    EXPECT_EQ(parsed.errors,
-              "CVekRvdCfgParser::RRCPSetService(1)\nCVekRvdCfgParser::RRCPSetNetwork(2)\n"
-              "CVekRvdCfgParser::RRCPSetDaemon(3)\nCVekRvdCfgParser::RRCPSetRVAPort(4)\n");
 }
 
 TEST(RvdCfgParser, RefusesWhatItCannotRead) {

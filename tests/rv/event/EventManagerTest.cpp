@@ -2,11 +2,10 @@
 #include "tests/rv/event/LoopFixture.h"
 #include "tests/support/SocketPair.h"
 
-using kvx::platform::ManualClock;
-using kvx::test::LoopFixture;
-using kvx::test::SocketPair;
-
+namespace kvx::test {
 namespace {
+
+using platform::ManualClock;
 
 class EventManager : public LoopFixture {
   protected:
@@ -28,8 +27,6 @@ class EventManagerInRealTime : public LoopFixture {
         stopper.join();
     }
 };
-
-}  // namespace
 
 TEST(EventManagerCodes, ANullManagerIsNotInitialised) {
     rvevm_Id id = nullptr;
@@ -87,13 +84,13 @@ TEST_F(EventManager, CallsEveryDueTimerEvenWhenOneStopsTheLoop) {
 
 TEST_F(EventManager, RefusesASecondLoopInsideItsOwn) {
     addTimer(0, "a", [&] {
-        EXPECT_TRUE(kvx::event::isLooping(manager));
+        EXPECT_TRUE(event::isLooping(manager));
         EXPECT_EQ(rvevm_MainLoop(manager), 10);
         stop();
         EXPECT_EQ(rvevm_MainLoop(manager), 10);  // stopped, but not returned
     });
     EXPECT_EQ(loop(), "a");
-    EXPECT_FALSE(kvx::event::isLooping(manager));
+    EXPECT_FALSE(event::isLooping(manager));
 }
 
 TEST_F(EventManager, DestroyedByATimerCallsNothingMoreAndGoesWithTheLoop) {
@@ -120,26 +117,14 @@ TEST_F(EventManagerInRealTime, StopFromAnotherThreadEndsAWaitForSockets) {
     expectStopFromAnotherThreadToEndTheLoop();
 }
 
-TEST(SharedManager, LivesFromTheFirstUseToTheLast) {
-    int code = -1;
-    rvevm_Manager first = kvx::event::acquireSharedManager(code);
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(kvx::event::acquireSharedManager(code), first);
-    kvx::event::releaseSharedManager(first);
-    rvevm_Id id = nullptr;
-    EXPECT_EQ(rvevm_AddTimer(
-                  first, &id, 1, [](void*, void*, int, void*) {}, nullptr),
-              0);
-    kvx::event::releaseSharedManager(first);
-    kvx::event::releaseSharedManager(nullptr);
-}
-
 TEST(SharedManager, ForgetsAManagerThatWasDestroyed) {
     int code = -1;
-    rvevm_Manager first = kvx::event::acquireSharedManager(code);
+    rvevm_Manager first = event::acquireSharedManager(code);
     ASSERT_EQ(rvevm_Destroy(first), 0);
-    rvevm_Manager second = kvx::event::acquireSharedManager(code);
+    rvevm_Manager second = event::acquireSharedManager(code);
     ASSERT_NE(second, nullptr);
-    kvx::event::releaseSharedManager(second);
+    event::releaseSharedManager(second);
 }
+
+}  // namespace
+}  // namespace kvx::test

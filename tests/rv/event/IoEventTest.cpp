@@ -8,14 +8,13 @@
 #include "tests/rv/event/LoopFixture.h"
 #include "tests/support/SocketPair.h"
 
-using kvx::event::IoTable;
-using kvx::platform::ManualClock;
-using kvx::platform::Socket;
-using kvx::test::LoopFixture;
-using kvx::test::SocketPair;
-namespace socket_error = kvx::platform::socket_error;
-
+namespace kvx::test {
 namespace {
+
+using event::IoTable;
+using platform::ManualClock;
+using platform::Socket;
+namespace socket_error = platform::socket_error;
 
 class IoEvent : public LoopFixture {
   protected:
@@ -42,8 +41,6 @@ bool allowDescriptors(rlim_t count) {
     return ::setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur >= count;
 }
 
-}  // namespace
-
 TEST_F(IoEvent, RefusesBadArgumentsInTheirOrder) {
     const unsigned near = number(pair.near);
     int pipe[2];
@@ -66,8 +63,8 @@ TEST_F(IoEvent, CallsReadableThenWritableThenExceptionEachByAscendingSocket) {
     pair.farSends("x");
     other.farSends("x");
     ASSERT_EQ(::send(other.far.get(), "!", 1, MSG_OOB), 1);
-    ASSERT_EQ(kvx::platform::waitSocket(other.near.get(), kvx::platform::kException, -1).ready,
-              unsigned{kvx::platform::kException});
+    ASSERT_EQ(platform::waitSocket(other.near.get(), platform::kException, -1).ready,
+              unsigned{platform::kException});
     ASSERT_LT(pair.near.get(), other.near.get());
     addIo(other.near.get(), RVEVM_EXCEPTION, "e", [&] { stop(); });
     addIo(other.near.get(), RVEVM_WRITE, "w");
@@ -127,15 +124,15 @@ TEST_F(IoEvent, MadeReadyIsCalledOnceInTheNextStepWithoutAWait) {
     int calls = 0;
     reader = addIo(pair.near.get(), RVEVM_READ, "r", [&] {
         if (++calls == 3) return;
-        EXPECT_EQ(kvx::event::makeReady(manager, reader), 0);
+        EXPECT_EQ(event::makeReady(manager, reader), 0);
     });
-    EXPECT_EQ(kvx::event::makeReady(manager, reader), 0);
-    EXPECT_EQ(kvx::event::makeReady(manager, reader), 0);
+    EXPECT_EQ(event::makeReady(manager, reader), 0);
+    EXPECT_EQ(event::makeReady(manager, reader), 0);
     const auto start = clock.now();
     addTimer(1, "t", [&] { EXPECT_EQ(clock.now() - start, 1); });
     EXPECT_EQ(loopFor(500), "rrrt");
-    EXPECT_EQ(kvx::event::makeReady(manager, nullptr), 2);
-    EXPECT_EQ(kvx::event::makeReady(manager, reader), 0);
+    EXPECT_EQ(event::makeReady(manager, nullptr), 2);
+    EXPECT_EQ(event::makeReady(manager, reader), 0);
     EXPECT_EQ(rvevm_RemoveIO(manager, reader), 0);
     EXPECT_EQ(loopFor(500), "");  // what is left over dies with its entry
 }
@@ -171,7 +168,7 @@ TEST_F(IoEvent, ReportsAClosedSocketAndServesTheOthers) {
 }
 
 TEST_F(IoEvent, LetsEveryReaderDiscoverThatTheNetworkIsDown) {
-    kvx::platform::WakeUp wakeUp;
+    platform::WakeUp wakeUp;
     IoTable table(wakeUp);
     rvevm_Id reader = nullptr;
     rvevm_Id writer = nullptr;
@@ -188,3 +185,6 @@ TEST_F(IoEvent, LetsEveryReaderDiscoverThatTheNetworkIsDown) {
     EXPECT_FALSE(table.nextReady(ready));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
+
+}  // namespace
+}  // namespace kvx::test

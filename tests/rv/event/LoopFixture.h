@@ -13,15 +13,49 @@
 
 namespace kvx::test {
 
-/// An event manager whose callbacks are closures of the test; they note their names in `log`.
-class LoopFixture : public testing::Test {
+/// Callbacks that are closures of the test; each first notes its name in `log`.
+class NotingTest : public testing::Test {
   protected:
     using Action = std::function<void()>;
 
+    /// What callbacks are to be given as their owner.
+    virtual void* owner() = 0;
+
+    /// The closure of a callback that is `called` with this kind.
+    void* plan(int kind, const std::string& name, Action action) {
+        plans_.push_back(std::make_unique<Plan>(Plan{this, kind, name, std::move(action)}));
+        return plans_.back().get();
+    }
+    static void called(void* owner, void* closure, int kind, void* entry) {
+        auto* plan = static_cast<Plan*>(closure);
+        EXPECT_EQ(owner, plan->test->owner());
+        EXPECT_EQ(kind, plan->kind);
+        EXPECT_NE(entry, nullptr);
+        plan->test->log += plan->name;
+        if (plan->action) plan->action();
+    }
+    static void ignore(void*, void*, int, void*) {}
+
+    std::string log;
+
+  private:
+    struct Plan {
+        NotingTest* test;
+        int kind;
+        std::string name;
+        Action action;
+    };
+    std::vector<std::unique_ptr<Plan>> plans_;
+};
+
+/// An event manager with noting callbacks.
+class LoopFixture : public NotingTest {
+  protected:
     LoopFixture() { EXPECT_EQ(rvevm_Create(&manager), 0); }
     ~LoopFixture() override {
         if (manager != nullptr) rvevm_Destroy(manager);
     }
+    void* owner() override { return manager; }
 
     rvevm_Id addTimer(unsigned long interval, const std::string& name, Action action = {}) {
         rvevm_Id id = nullptr;
@@ -61,32 +95,8 @@ class LoopFixture : public testing::Test {
         addTimer(duration, "", [this] { stop(); });
         return loop();
     }
-    static void ignore(void*, void*, int, void*) {}
 
     rvevm_Manager manager = nullptr;
-    std::string log;
-
-  private:
-    struct Plan {
-        LoopFixture* test;
-        int kind;
-        std::string name;
-        Action action;
-    };
-    Plan* plan(int kind, const std::string& name, Action action) {
-        plans_.push_back(std::make_unique<Plan>(Plan{this, kind, name, std::move(action)}));
-        return plans_.back().get();
-    }
-    static void called(void* owner, void* closure, int kind, void* entry) {
-        auto* plan = static_cast<Plan*>(closure);
-        EXPECT_EQ(owner, plan->test->manager);
-        EXPECT_EQ(kind, plan->kind);
-        EXPECT_NE(entry, nullptr);
-        plan->test->log += plan->name;
-        if (plan->action) plan->action();
-    }
-
-    std::vector<std::unique_ptr<Plan>> plans_;
 };
 
 }  // namespace kvx::test

@@ -6,18 +6,23 @@
 #include "tests/rv/event/LoopFixture.h"
 #include "tests/support/SocketPair.h"
 
-using kvx::platform::ManualClock;
-using kvx::platform::raiseSignal;
-using kvx::test::LoopFixture;
-using kvx::test::SocketPair;
-
+namespace kvx::test {
 namespace {
+
+using platform::ManualClock;
+using platform::raiseSignal;
 
 class SignalEvent : public LoopFixture {
   protected:
     int tryAdd(rvevm_Manager where, int signal, rvevm_Callback callback = ignore) {
         rvevm_Id id = nullptr;
         return rvevm_AddSignal(where, &id, signal, callback, nullptr);
+    }
+    // A timer of the loop's first step raises them.
+    void raiseInTheLoop(const std::vector<int>& signals) {
+        addTimer(0, "", [signals] {
+            for (const int signal : signals) raiseSignal(signal);
+        });
     }
     static bool hasDefaultHandling(int signal) {
         struct sigaction action {};
@@ -29,8 +34,6 @@ class SignalEvent : public LoopFixture {
 };
 
 class SignalEventInRealTime : public LoopFixture {};
-
-}  // namespace
 
 TEST_F(SignalEvent, RefusesBadArguments) {
     EXPECT_EQ(rvevm_AddSignal(manager, nullptr, -1, nullptr, nullptr), 2);
@@ -47,19 +50,14 @@ TEST_F(SignalEvent, DispatchesInAscendingOrderOnceHoweverOftenCaught) {
     addSignal(SIGUSR2, "2");
     addSignal(SIGUSR1, "1");
     addSignal(SIGHUP, "h");
-    addTimer(10, "t", [] {
-        for (const int signal : {SIGUSR2, SIGUSR1, SIGUSR2, SIGHUP}) raiseSignal(signal);
-    });
-    EXPECT_EQ(loopFor(20), "th12");
+    raiseInTheLoop({SIGUSR2, SIGUSR1, SIGUSR2, SIGHUP});
+    EXPECT_EQ(loopFor(20), "h12");
 }
 
 TEST_F(SignalEvent, AcceptsTwentyThreeAndNeverDispatchesIt) {
     addSignal(23, "never");
     addSignal(SIGUSR1, "1", [&] { stop(); });
-    addTimer(0, "", [] {
-        raiseSignal(23);
-        raiseSignal(SIGUSR1);
-    });
+    raiseInTheLoop({23, SIGUSR1});
     EXPECT_EQ(loop(), "1");
     EXPECT_EQ(loopFor(5'000), "");
 }
@@ -67,10 +65,7 @@ TEST_F(SignalEvent, AcceptsTwentyThreeAndNeverDispatchesIt) {
 TEST_F(SignalEvent, KeepsPendingWhatAStopLeavesOver) {
     addSignal(SIGUSR1, "1", [&] { stop(); });
     addSignal(SIGUSR2, "2", [&] { stop(); });
-    addTimer(0, "", [] {
-        raiseSignal(SIGUSR2);
-        raiseSignal(SIGUSR1);
-    });
+    raiseInTheLoop({SIGUSR2, SIGUSR1});
     EXPECT_EQ(loop(), "1");
     EXPECT_EQ(loop(), "2");
 }
@@ -79,10 +74,7 @@ TEST_F(SignalEvent, RemovedByAnotherCallbackIsNotCalledAndHandledByDefault) {
     rvevm_Id second = nullptr;
     addSignal(SIGUSR1, "1", [&] { EXPECT_EQ(rvevm_RemoveSignal(manager, second), 0); });
     second = addSignal(SIGUSR2, "2");
-    addTimer(0, "", [] {
-        raiseSignal(SIGUSR1);
-        raiseSignal(SIGUSR2);
-    });
+    raiseInTheLoop({SIGUSR1, SIGUSR2});
     EXPECT_EQ(loopFor(10), "1");
     EXPECT_TRUE(hasDefaultHandling(SIGUSR2));
     EXPECT_FALSE(hasDefaultHandling(SIGUSR1));
@@ -105,10 +97,7 @@ TEST_F(SignalEvent, MayDestroyTheManager) {
     addIo(pair.near.get(), RVEVM_WRITE, "w");
     addSignal(SIGUSR1, "1", [&] { destroyInsideTheLoop(); });
     addSignal(SIGUSR2, "2");
-    addTimer(0, "", [] {
-        raiseSignal(SIGUSR1);
-        raiseSignal(SIGUSR2);
-    });
+    raiseInTheLoop({SIGUSR1, SIGUSR2});
     EXPECT_EQ(loop(), "1");
 }
 
@@ -123,8 +112,11 @@ TEST_F(SignalEventInRealTime, EndTheWaitOfALoopAtOnce) {
     });
     std::thread sender([&] {
         begun.wait(false);
-        kvx::platform::sendSignal(kvx::platform::processId(), SIGUSR1);
+        platform::sendSignal(platform::processId(), SIGUSR1);
     });
     EXPECT_EQ(loop(), "t1");
     sender.join();
 }
+
+}  // namespace
+}  // namespace kvx::test

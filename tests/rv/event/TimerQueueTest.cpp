@@ -1,13 +1,10 @@
 #include "rv/event/TimerQueue.h"
 
-#include <gtest/gtest.h>
-
 #include <limits>
 #include <map>
 #include <random>
-#include <string>
 
-#include "platform/Clock.h"
+#include "tests/rv/event/LoopFixture.h"
 
 using namespace kvx::event;
 using kvx::platform::ManualClock;
@@ -16,24 +13,17 @@ using kvx::platform::Milliseconds;
 namespace {
 
 // A queue on a clock of its own, and timers that note their names when they fire.
-class TimerQueueTest : public testing::Test {
+class TimerQueueTest : public kvx::test::NotingTest {
   protected:
-    struct Plan {
-        TimerQueueTest* test = nullptr;
-        std::string name;
-        std::function<void()> action;
-    };
-
-    rvevm_Id add(const std::string& name, unsigned long interval,
-                 std::function<void()> action = {}) {
+    void* owner() override { return this; }
+    rvevm_Id add(const std::string& name, unsigned long interval, Action action = {}) {
         rvevm_Id id = nullptr;
-        EXPECT_EQ(queue->add(&id, interval, fired, plan(name, std::move(action))), kTimerOk);
+        EXPECT_EQ(queue->add(&id, interval, called, plan(2, name, std::move(action))), kTimerOk);
         return id;
     }
-    rvevm_Id addRepeating(const std::string& name, unsigned long interval,
-                          std::function<void()> action = {}) {
+    rvevm_Id addRepeating(const std::string& name, unsigned long interval, Action action = {}) {
         rvevm_Id id = nullptr;
-        EXPECT_EQ(queue->addRepeating(&id, interval, fired, plan(name, std::move(action))),
+        EXPECT_EQ(queue->addRepeating(&id, interval, called, plan(2, name, std::move(action))),
                   kTimerOk);
         return id;
     }
@@ -55,25 +45,9 @@ class TimerQueueTest : public testing::Test {
     std::vector<Milliseconds> takeTold() { return std::exchange(told, {}); }
 
     ManualClock clock;
-    std::vector<std::unique_ptr<Plan>> plans;
     std::vector<Milliseconds> told;
-    std::string log;
     int lastResult = kTimerOk;
     TimerQueue::Owner queue = TimerQueue::create(2, this);
-
-  private:
-    Plan* plan(const std::string& name, std::function<void()> action) {
-        plans.push_back(std::make_unique<Plan>(Plan{this, name, std::move(action)}));
-        return plans.back().get();
-    }
-    static void fired(void* owner, void* closure, int kind, void* entry) {
-        auto* plan = static_cast<Plan*>(closure);
-        EXPECT_EQ(owner, plan->test);
-        EXPECT_EQ(kind, 2);
-        EXPECT_NE(entry, nullptr);
-        plan->test->log += plan->name;
-        if (plan->action) plan->action();
-    }
 };
 
 }  // namespace
@@ -144,9 +118,7 @@ TEST_F(TimerQueueTest, EndsWithTheRunWhenACallbackDestroysIt) {
     add("a", 5, [&] {
         TimerQueue* dying = queue.get();
         queue.reset();
-        EXPECT_EQ(dying->add(
-                      &unused, 1, [](void*, void*, int, void*) {}, nullptr),
-                  kInvalidQueue);
+        EXPECT_EQ(dying->add(&unused, 1, ignore, nullptr), kInvalidQueue);
         EXPECT_EQ(dying->remove(later), kInvalidQueue);
     });
     add("b", 5);
@@ -199,9 +171,7 @@ TEST_F(TimerQueueTest, MeasuresHowLateTheFirstDueTimerIs) {
 TEST_F(TimerQueueTest, RefusesDeadForeignAndMadeUpIds) {
     const TimerQueue::Owner other = TimerQueue::create(16, nullptr);
     rvevm_Id foreign = nullptr;
-    ASSERT_EQ(other->add(
-                  &foreign, 5, [](void*, void*, int, void*) {}, nullptr),
-              kTimerOk);
+    ASSERT_EQ(other->add(&foreign, 5, ignore, nullptr), kTimerOk);
     rvevm_Id dead = add("a", 5);
     ASSERT_EQ(queue->remove(dead), kTimerOk);
     rvevm_Id tenant = add("b", 5);  // takes the place of the dead one
@@ -211,9 +181,7 @@ TEST_F(TimerQueueTest, RefusesDeadForeignAndMadeUpIds) {
         EXPECT_EQ(queue->reset(id, 1), kInvalidTimer);
     }
     EXPECT_EQ(queue->remove(tenant), kTimerOk);
-    EXPECT_EQ(queue->add(
-                  nullptr, 1, [](void*, void*, int, void*) {}, nullptr),
-              kInvalidTimer);
+    EXPECT_EQ(queue->add(nullptr, 1, ignore, nullptr), kInvalidTimer);
     EXPECT_EQ(queue->add(&dead, 1, nullptr, nullptr), kNullCallback);
 }
 

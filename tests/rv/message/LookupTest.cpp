@@ -5,6 +5,8 @@
 #include <cstring>
 
 #include "Bytes.h"
+#include "rv/message/RvMsg.h"
+#include "rv/message/RvMsgIterator.h"
 
 namespace {
 
@@ -127,8 +129,13 @@ TEST(Iteration, ReportsEveryFieldInOrderUntilToldToStop) {
     EXPECT_EQ(walked(buffer.message()), "a:8/2 :11/2 odd:5/0 stop:8/2 ");
 }
 
-TEST(Iteration, ReportsWhatItCannotDecodeAsNoValueAndGoesOn) {
-    const Bytes odd = fieldOf("i", {RVMSG_INT, 3, 1, 2, 3});
-    EXPECT_EQ(walked(messageOf(odd + fieldOf("j", {RVMSG_INT, 1, 1}))), "i:0/0- j:11/1 ");
-    EXPECT_EQ(find(messageOf(odd), "i").code, 10);
+TEST(Iteration, ReportsWhatItCannotDecodeAsNoValueAndGoesOnWhereAnIteratorEnds) {
+    Bytes message = messageOf(fieldOf("i", {RVMSG_INT, 3, 1, 2, 3}) +
+                              fieldOf("j", {RVMSG_INT, 1, 1}));
+    EXPECT_EQ(walked(message), "i:0/0- j:11/1 ");
+    EXPECT_EQ(find(message, "i").code, 10);
+    const RvMsg wrapped(static_cast<rvmsg_Msg>(message.data()));
+    const std::unique_ptr<RvMsgIterator> fields(wrapped.newIterator());
+    EXPECT_EQ(fields->next(), nullptr);
+    EXPECT_EQ(fields->next(), nullptr);
 }
