@@ -6,6 +6,7 @@
 #include "rvd/Server.h"
 
 #include <algorithm>
+#include <array>
 #include <string>
 
 #include "platform/Process.h"
@@ -186,7 +187,12 @@ void Server::stop() {
     if (connections_.empty()) closeHandles();
 }
 
+// With its handles closed, libuv gives the signals back to the system's default. The process has a
+// few moments to live then, in which a second signal must not change how it ends.
 void Server::closeHandles() {
+    const std::array endingSignals{platform::signal_number::terminate(),
+                                   platform::signal_number::interrupt()};
+    platform::blockSignals(endingSignals);
     closeHandle(listener_);
     closeHandle(tick_);
     closeHandle(terminate_);

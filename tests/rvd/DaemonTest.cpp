@@ -100,6 +100,15 @@ TEST_F(RunningDaemon, StopsWithACloseNoticeBehindWhatWaits) {
     EXPECT_EQ(daemon.waitForEnd(), 0);
 }
 
+TEST_F(RunningDaemon, StopsCleanlyHoweverOftenItIsToldTo) {
+    siginfo_t ended{};
+    do {
+        ::kill(daemon.pid(), SIGTERM);
+        waitid(P_PID, static_cast<id_t>(daemon.pid()), &ended, WEXITED | WNOHANG | WNOWAIT);
+    } while (ended.si_pid == 0);
+    EXPECT_EQ(daemon.waitForEnd(), 0);
+}
+
 TEST_F(RunningDaemon, StopsAlthoughAClientNeitherReadsNorCloses) {
     RawClient deaf(daemon.port(), 8192);
     deaf.negotiate();
