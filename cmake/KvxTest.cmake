@@ -1,9 +1,10 @@
-# kvx_test(NAME rv.message SOURCES file... LINKS target... [TIMEOUT seconds])
+# kvx_test(NAME rv.message SOURCES file... LINKS target... [TIMEOUT seconds]
+#          [ENVIRONMENT NAME=value])
 #
 # One GoogleTest program a room; CTest lists every case as <NAME>.<Suite>.<Case>, so that the list
 # of tests reads as a table of contents.
 function(kvx_test)
-    cmake_parse_arguments(PARSE_ARGV 0 TEST "" "NAME;TIMEOUT" "SOURCES;LINKS")
+    cmake_parse_arguments(PARSE_ARGV 0 TEST "" "NAME;TIMEOUT;ENVIRONMENT" "SOURCES;LINKS")
     if(NOT TEST_TIMEOUT)
         set(TEST_TIMEOUT 120)
     endif()
@@ -17,5 +18,5 @@ function(kvx_test)
     include(GoogleTest)
     gtest_discover_tests(${target}
         TEST_PREFIX ${TEST_NAME}. DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-        PROPERTIES TIMEOUT ${TEST_TIMEOUT})
+        PROPERTIES TIMEOUT ${TEST_TIMEOUT} ENVIRONMENT "${TEST_ENVIRONMENT}")
 endfunction()

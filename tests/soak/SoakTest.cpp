@@ -1,0 +1,369 @@
+// A process that does everything at once for a while: it beats, polls, queries and is queried,
+// snoops, sets timers, and meets members of its group that come and go. Nothing of it, and nothing
+// of its daemon, grows.
+//
+// Every now and then all of it rests until nothing is under way, and what is left is measured. The
+// lowest value of the last quarter of the time must lie within what the second quarter has seen:
+// a leak leaves something with every round, whatever the size of the rest.
+
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mom/engine/CVekEngine.h"
+#include "mom/engine/CVekQryInfo.h"
+#include "mom/engine/CVekSnoop.h"
+#include "mom/engine/CVekUpdWork.h"
+#include "mom/timed/CVekTimedWork.h"
+#include "mom/timed/CVekTimedWorkMgr.h"
+#include "mom/transport/CVekTransport.h"
+#include "rv/session/rvSessionHooks.h"
+#include "tests/support/Daemon.h"
+#include "tests/support/ErrorRecorder.h"
+#include "tests/support/Home.h"
+#include "tests/support/Nets.h"
+#include "tests/support/ProcessUsage.h"
+
+using namespace kvx::test;
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kMeasuresMemory = false;  // the checker's own memory is no measure
+#else
+constexpr bool kMeasuresMemory = true;
+#endif
+
+constexpr int kQueriesAtOnce = 200;
+constexpr int kMostRows = 150;  // more than one packet holds
+constexpr int kInboxSenders = 4096;
+constexpr int kTimerSweep = 64;
+constexpr std::size_t kLeastRounds = 16;
+constexpr const char* kUpdates = "UPDATES";
+
+const char* const kModelQuery = CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(SERV_MODEL);
+
+std::chrono::seconds soakTime() {
+    const char* const seconds = std::getenv("KVX_SOAK_SECONDS");
+    return std::chrono::seconds(seconds != nullptr ? std::atoi(seconds) : 10);
+}
+
+// Adds a received packet; the number of records once the last one is there, else -1.
+int addPacket(CVekTransport& transport, const RvDatum& datum) {
+    RvMsg message(const_cast<rvmsg_Msg>(datum.data()));
+    EXPECT_EQ(transport.RTAddMessage(&message), 1);
+    if (transport.RTDone() != TRUE) return -1;
+    const std::unique_ptr<CVekBag> records(transport.RTDecodes());
+    transport.RTPurge();
+    const auto count = records->RBSize();
+    for (unsigned i = 0; i < count; ++i) delete static_cast<CVekAtom*>(records->RBGet(i));
+    return static_cast<int>(count);
+}
+
+class Answering : public RvDataCallback {
+  public:
+    explicit Answering(CVekEngine& engine) : m_engine(engine) {}
+
+    void onData(const char* subject, RvSender* replyTo, const RvDatum& datum,
+                RvListener* listener) override {
+        int status = 0;
+        CVekQryInfo query(subject, m_engine.RRNNewSender(&status, replyTo->subject(), nullptr),
+                          datum, listener);
+        const kvx::Text rows(query.RQIQuery());
+        CVekTransport transport(&m_engine);
+        for (int row = 0; row < std::atoi(rows.get()); ++row) {
+            CVekBaseRecord record;
+            record.RRAddOrSetValue("row", new CVekAtom(row));
+            transport.RTAddRecord(&record);
+            transport.RTPreparePayloads(query.RQIVersion());
+        }
+        transport.RTSetDestination(query.RQIReplyTo());
+        transport.RTCreatePackets(query.RQIVersion(), true);
+        EXPECT_EQ(transport.RTSendAll(false), 1);
+    }
+
+  private:
+    CVekEngine& m_engine;
+};
+
+// Asks again as soon as the answer is there.
+class Asking : public RvDataCallback {
+  public:
+    Asking(CVekEngine& engine, int number) : m_engine(engine), m_random(number) {}
+
+    // Goes on asking until `isResting`.
+    void ask(const bool& isResting) {
+        m_isResting = &isResting;
+        isAsking = !isResting;
+        if (!isAsking) return;
+        m_rows = 1 + static_cast<int>(m_random() % kMostRows);
+        CVekEngine* const throughItsQueue = m_random() % 2 == 0 ? &m_engine : nullptr;
+        EXPECT_EQ(CVekQryInfo::RQISendOQL(std::to_string(m_rows).c_str(), kModelQuery, this,
+                                          throughItsQueue, &m_engine, TRUE),
+                  1);
+    }
+    void onData(const char*, RvSender*, const RvDatum& datum, RvListener* listener) override {
+        const int rows = addPacket(m_transport, datum);
+        if (rows < 0) return;
+        EXPECT_EQ(rows, m_rows);
+        ++answers;
+        m_engine.RRNRemoveListener(listener->subject());
+        ask(*m_isResting);
+    }
+
+    long long answers = 0;
+    bool isAsking = false;
+
+  private:
+    CVekEngine& m_engine;
+    std::minstd_rand m_random;
+    CVekTransport m_transport{nullptr};
+    int m_rows = 0;
+    const bool* m_isResting = nullptr;
+};
+
+// Publishes an update from a work thread.
+class Poll : public CVekTimedWork {
+  public:
+    Poll(CVekEngine& engine, int number, int frequency) : m_engine(engine) {
+        RTWSetName(new CVekAtom(std::to_string(number).c_str()));
+        RTWSetFrequency(frequency);
+    }
+    void RTWDoPoll() override {
+        CVekBaseRecord record;
+        record.RRAddOrSetValue("run", new CVekAtom(++runs));
+        CVekTransport transport(&m_engine);
+        transport.RTAddRecord(&record);
+        transport.RTSetDestination(kUpdates);
+        transport.RTCreatePackets(VEK_TRANS_V0, true);
+        EXPECT_EQ(transport.RTSendAll(false), 1);
+    }
+
+    std::atomic<int> runs = 0;
+
+  private:
+    CVekEngine& m_engine;
+};
+
+std::atomic<long long> updatesSeen = 0;
+
+void applyUpdate(void* item, void*) {
+    const std::unique_ptr<CVekUpdWork> work(static_cast<CVekUpdWork*>(item));
+    CVekTransport transport(nullptr);
+    EXPECT_EQ(addPacket(transport, *work->RUWDatum()), 1);
+    ++updatesSeen;
+}
+
+enum Measure { Heap, Resident, Descriptors, Timers, Listeners, Senders, Waiting, Rvd, RvdFiles };
+constexpr std::array kMeasures = {
+    "heap in use, bytes", "resident, bytes",     "descriptors",    "timers", "listeners", "senders",
+    "send queue",         "rvd resident, bytes", "rvd descriptors"};
+using Sample = std::array<long long, kMeasures.size()>;
+
+class Soak : public testing::Test {
+  protected:
+    Soak() {
+        engine.RESetMaxSendRate(1'000'000);
+        engine.REStartHeartBeat("Model", "NET", &env);
+        EXPECT_EQ(engine.RRNAddService(kModelQuery, &answering), 1);
+        EXPECT_EQ(engine.RRNAddService(kUpdates, &snoop), 1);
+        updates.RSPLaunchThreads(&applyUpdate);
+        for (int i = 0; i < 10; ++i) {
+            polls.push_back(std::make_unique<Poll>(engine, i, 1 + i % 5));
+            timedWork.RTWMAddPoll(polls.back().get());
+        }
+        timedWork.RTWMDistributePolls();
+        for (int i = 0; i < kQueriesAtOnce; ++i) {
+            asking.push_back(std::make_unique<Asking>(engine, i + 1));
+        }
+    }
+
+    ~Soak() override {
+        rv_Close(visitor);
+        updates.RSPStopThreads();
+        while (void* item = updates.RSPTakeWorkDetail()) delete static_cast<CVekUpdWork*>(item);
+    }
+
+    // Turns the loop, with everything going on in it, until `length` has passed
+    // and so many rounds are done; a sample of each.
+    std::vector<Sample> soak(std::chrono::milliseconds length, std::size_t rounds) {
+        std::vector<Sample> samples;
+        samples.reserve(static_cast<std::size_t>(length.count() / 100 + 100));
+        OnTimer beat([&](RvTimer* timer) {
+            if (!resting) engine.m_heartbeat->onTimer(timer);
+        });
+        OnTimer change([&](RvTimer*) {
+            if (!resting) changeSomething();
+        });
+        const auto begin = std::chrono::steady_clock::now();
+        auto roundBegin = begin;
+        const auto round = std::clamp<std::chrono::milliseconds>(
+            length / 40, std::chrono::milliseconds(200), std::chrono::seconds(2));
+        OnTimer tick([&](RvTimer*) {
+            const auto now = std::chrono::steady_clock::now();
+            if (!resting && now > roundBegin + round) rest();
+            if (!resting || !isAtRest()) return;
+            samples.push_back(sample());
+            if (now > begin + length && samples.size() >= rounds) return engine.RRNStopLoop();
+            goOn();
+            roundBegin = now;
+        });
+        int status = 0;
+        const auto repeat = [&](unsigned long interval, OnTimer& what) {
+            return std::unique_ptr<RvTimer>(
+                engine.RRNNewTimer(&status, interval, rv_TRUE, &what, &engine));
+        };
+        const auto beats = repeat(5, beat);
+        const auto changes = repeat(20, change);
+        const auto ticks = repeat(10, tick);
+        goOn();
+        engine.REDoIt();
+        return samples;
+    }
+
+    void rest() {
+        resting = true;
+        timedWork.RTWMSuspendTimedWork();
+        if (visitor != nullptr) visitGroup();
+        setOffTimers(kTimerSweep);
+    }
+    void goOn() {
+        resting = false;
+        timedWork.RTWMResumeTimedWork();
+        for (auto& one : asking) one->ask(resting);
+    }
+    bool isAtRest() {
+        long long published = 0;
+        for (const auto& poll : polls) {
+            if (poll->RTWPollIsExecuting()) return false;
+            published += poll->runs;
+        }
+        // Spent timers are swept out when there are many: push until they are.
+        if (engine.m_timers->RDLLength() >= kTimerSweep) {
+            setOffTimers(10);
+            return false;
+        }
+        return published == updatesSeen && engine.RESendQueueLength() == 0 &&
+               std::ranges::none_of(asking, [](const auto& one) { return one->isAsking; });
+    }
+    void setOffTimers(int count) {
+        for (int i = 0; i < count; ++i) EXPECT_EQ(engine.RRNAddTimer(0, &bystander), 1);
+    }
+    void changeSomething() {
+        setOffTimers(1);
+        timedWork.RTWMAddRepeatPoller(polls[0].get());
+        timedWork.RTWMChangePollFrequency(polls[1].get(), 2 + timersFired % 7);
+        timedWork.RTWMDistributePolls();
+        visitGroup();
+    }
+
+    // Each time another member has just come, or gone.
+    void visitGroup() {
+        if (visitor != nullptr) {
+            EXPECT_EQ(rv_Close(std::exchange(visitor, nullptr)), 0);
+            return;
+        }
+        ASSERT_EQ(rv_Open(&visitor, "", "", daemon.text().c_str()), 0);
+        rvft_MemberId id = nullptr;
+        EXPECT_EQ(rvft_Join(
+                      visitor, &id, engine.m_groupName.get(), 1, 1, 10, 0, 1000,
+                      [](rv_Session, const char*, int, void*) {}, nullptr),
+                  0);
+    }
+
+    Sample sample() {
+        Sample now{};
+        if (kMeasuresMemory) {
+            now[Heap] = static_cast<long long>(mallinfo2().uordblks);
+            now[Resident] = residentBytes(getpid());
+            now[Rvd] = residentBytes(daemon.pid());
+        }
+        now[Descriptors] = openDescriptors(getpid());
+        now[Timers] = engine.m_timers->RDLLength();
+        now[Listeners] = engine.m_listeners->RTLLength();
+        now[Senders] = engine.m_senders->RTLLength();
+        now[Waiting] = engine.RESendQueueLength();
+        now[RvdFiles] = openDescriptors(daemon.pid());
+        return now;
+    }
+    long long answers() const {
+        long long sum = 0;
+        for (const auto& one : asking) sum += one->answers;
+        return sum;
+    }
+    // The senders to inboxes, of which so many are kept, with names as long as those to come.
+    void fillCaches() {
+        const RvDatum datum(RVMSG_STRING, 2, "x");
+        const std::string session = rv_SessionName(engine.m_session->handle());
+        for (int i = 0; i <= kInboxSenders; ++i) {
+            const std::string inbox = "_INBOX." + session + "." + std::to_string(900'000 + i);
+            ASSERT_EQ(engine.RESend(inbox.c_str(), datum, FALSE), 1);
+        }
+    }
+
+    Daemon daemon;
+    Home home{daemon.text()};
+    ErrorRecorder errors;
+    CVekEnv env;
+    CVekServPool updates{2, nullptr};
+    CVekEngine engine{1, "soak", "NET", SERV_MODEL};
+    Answering answering{engine};
+    CVekSnoop snoop{&updates};
+    std::vector<std::unique_ptr<Asking>> asking;
+    std::vector<std::unique_ptr<Poll>> polls;
+    CVekTimedWorkMgr timedWork{&engine, 2, 10, 4, nullptr, FALSE};
+    OnTimer bystander{[this](RvTimer*) { ++timersFired; }};
+    rv_Session visitor = nullptr;
+    int timersFired = 0;
+    bool resting = false;
+};
+
+struct Range {
+    long long least;
+    long long most;
+};
+
+Range rangeOf(const std::vector<Sample>& samples, std::size_t quarter, std::size_t measure) {
+    const std::size_t length = samples.size() / 4;
+    const auto begin = samples.begin() + static_cast<std::ptrdiff_t>(quarter * length);
+    Range range{(*begin)[measure], (*begin)[measure]};
+    for (auto at = begin; at != begin + static_cast<std::ptrdiff_t>(length); ++at) {
+        range.least = std::min(range.least, (*at)[measure]);
+        range.most = std::max(range.most, (*at)[measure]);
+    }
+    return range;
+}
+
+}  // namespace
+
+TEST_F(Soak, NothingGrows) {
+    const auto length = soakTime();
+    fillCaches();
+    soak(length / 4, kLeastRounds);  // to warm up
+    const long long before = answers();
+    const std::vector<Sample> samples = soak(length, kLeastRounds);
+    std::printf("%lld queries, %lld updates, %d timers in %lld s, %zu samples\n",
+                answers() - before, updatesSeen.load(), timersFired,
+                static_cast<long long>(length.count()), samples.size());
+    EXPECT_GT(answers(), before + kQueriesAtOnce);
+    for (std::size_t measure = 0; measure < kMeasures.size(); ++measure) {
+        const Range second = rangeOf(samples, 1, measure);
+        const Range third = rangeOf(samples, 2, measure);
+        const Range last = rangeOf(samples, 3, measure);
+        std::printf("%-20s %lld..%lld  %lld..%lld  %lld..%lld\n", kMeasures[measure], second.least,
+                    second.most, third.least, third.most, last.least, last.most);
+        // The allocator takes and returns pages in large steps.
+        const bool isPages = measure == Resident || measure == Rvd;
+        EXPECT_LE(last.least, second.most + (isPages ? second.most / 20 : 0)) << kMeasures[measure];
+    }
+    EXPECT_EQ(errors.take(), std::vector<Report>{});
+}
