@@ -91,7 +91,9 @@ void Election::loseLink(Time now) {
     if (phase_ == Phase::Prepared) enter(Phase::Waiting, now);
 }
 
+// A driver that was blocked while the daemon was gone learns only now how long that has been.
 void Election::restoreLink(Time now) {
+    if (isCutOff(now) && phase_ == Phase::Active) enter(Phase::Waiting, now);
     linkLost_.reset();
     peers_.clear();
     joined_ = now;
@@ -113,9 +115,13 @@ void Election::decide(Time now) {
     }
 }
 
+// Whether somebody else may be active by now without our hearing of it.
+bool Election::isCutOff(Time now) const {
+    return linkLost_ && *linkLost_ + rules_.activateMs <= now;
+}
+
 void Election::decideActive(Time now) {
-    const bool isCutOff = linkLost_ && *linkLost_ + rules_.activateMs <= now;
-    if (isCutOff || betterActivePeers() >= rules_.activeGoal) enter(Phase::Waiting, now);
+    if (isCutOff(now) || betterActivePeers() >= rules_.activeGoal) enter(Phase::Waiting, now);
 }
 
 void Election::decideInactive(Time now) {

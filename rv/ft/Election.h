@@ -60,7 +60,8 @@ class Election {
 
     /// The daemon is gone: nobody hears us, and silence says nothing about the others.
     void loseLink(Time now);
-    /// The daemon is back. An inactive member waits as if it had just joined.
+    /// The daemon is back. An inactive member waits as if it had just joined, and so does an active
+    /// one that was cut off for the activation interval.
     void restoreLink(Time now);
 
     /// The next thing to do, in order; nothing when all is done.
@@ -95,6 +96,7 @@ class Election {
     void dropSilentPeers(Time now);
     void excuseLateness(Time now);
     void announceIfDue(Time now);
+    bool isCutOff(Time now) const;
     Time activationTime() const;
     std::size_t betterActivePeers() const;
 

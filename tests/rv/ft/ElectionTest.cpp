@@ -199,6 +199,20 @@ TEST(Election, CutOffItStepsBackAfterTheActivationIntervalAndStartsAnew) {
     EXPECT_EQ(member.told.size(), 3U);
 }
 
+// As one does whose loop stood still in the attempts to reconnect.
+TEST(Election, CutOffTooLongItStepsBackEvenWhenItLearnsThatOnlyAtTheReconnect) {
+    Driven member;
+    member.runUntil(5000);
+    member.election.loseLink(member.now);
+    member.now = 5000 + kActivate;
+    member.election.restoreLink(member.now);
+    member.collect();
+    member.runUntil(20000);
+    EXPECT_EQ(member.told, (Actions{{Step::Activate, kActivate},
+                                    {Step::Deactivate, 5000 + kActivate},
+                                    {Step::Activate, 5000 + 2 * kActivate}}));
+}
+
 TEST(Election, AShortCutOffChangesNothing) {
     Driven member;
     member.runUntil(5000);
