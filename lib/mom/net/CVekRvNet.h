@@ -79,8 +79,8 @@ class KVX_API CVekRvNet : public CVekNet {
     /// subject could be built, else as `RRNAddExService`.
     int RRNAddService(const char* subject, RvDataCallback* callback);
 
-    /// Listens on exactly `subject`. Any thread. -220544 without a session, -220542 when no
-    /// listener could be made.
+    /// Listens on exactly `subject`. Any thread. -220544 without a session, -220552 for a null
+    /// subject, -220542 when no listener could be made.
     int RRNAddExService(const char* subject, RvDataCallback* callback);
 
     /// `RRNAddService`; on success takes ownership of `callback` and deletes it at termination.

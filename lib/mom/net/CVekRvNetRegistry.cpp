@@ -83,6 +83,7 @@ int CVekRvNet::RRNAddService(const char* subject, RvDataCallback* callback) {
 
 int CVekRvNet::RRNAddExService(const char* subject, RvDataCallback* callback) {
     if (!m_session) return kvx::kNoSession;
+    if (subject == nullptr) return kvx::kInvalidArgument;
     int status = kvx::kOk;
     RvListener* const listener = RRNNewListener(&status, subject, callback, this);
     if (listener == nullptr) return kvx::kNoListener;

@@ -46,6 +46,7 @@ TEST_F(Registry, RefusesServicesThatCannotBe) {
     EXPECT_EQ(errors.take(), (std::vector<Report>{{-220542, "CVekRvNet", 1648, ""}}));
     EXPECT_EQ(net.m_takenCallbacks->RSLength(), 0);
     EXPECT_EQ(net.RRNAddService(nullptr, &ignoreData), -220552);
+    EXPECT_EQ(net.RRNAddExService(nullptr, &ignoreData), -220552);
 }
 
 TEST_F(Registry, OwnsTheCallbackOfATakenService) {
