@@ -41,7 +41,9 @@ CVekSendQueueItem::~CVekSendQueueItem() {
 int CVekSendQueueItem::RSQIDeQueueIt() {
     auto* const engine = static_cast<CVekEngine*>(m_closure);
     int status = kvx::kNotSent;
-    if (m_callback == nullptr) {
+    if (m_datum == nullptr) {
+        status = kvx::kInvalidArgument;
+    } else if (m_callback == nullptr) {
         status = engine->RESend(m_subject, *m_datum, FALSE);
     } else if (RvListener* const reply = engine->RESend(
                    m_subject, *m_datum, m_callback, static_cast<unsigned int>(m_timeout), FALSE)) {

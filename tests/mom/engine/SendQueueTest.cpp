@@ -98,6 +98,8 @@ TEST_F(SendQueue, ReportsAndDropsWhatTheBusRefuses) {
     EXPECT_EQ(errors.take(), (std::vector<Report>{{-220545, "CVekSendQueueItem", 210, ""},
                                                   {-220545, "CVekEngine", 767, ""},
                                                   {-220545, "CVekSendQueueItem", 210, ""}}));
+    EXPECT_EQ(CVekSendQueueItem("A", nullptr, nullptr, &engine, 5).RSQIDeQueueIt(), -220552);
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekSendQueueItem", 210, ""}}));
 }
 
 TEST_F(SendQueue, LeavesAtABoundedNumberOfItemsATick) {
