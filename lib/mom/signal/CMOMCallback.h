@@ -18,6 +18,5 @@ class KVX_API CMOMCallback : public RvTimerCallback {
     /// Main thread.
     void onTimer(RvTimer* timer) override;
 
-  private:
     CCallbackBase* m_callback;  // not owned
 };

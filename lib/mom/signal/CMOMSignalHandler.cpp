@@ -83,7 +83,7 @@ void CMOMSignalHandler::manage(CVekNet* net) {
 
 void CMOMSignalHandler::stop() {
     if (m_net == nullptr) return;
-    m_poller->net()->RRNRemoveTimer(m_poller->timer());
+    m_poller->m_net->RRNRemoveTimer(m_poller->m_timer);
     delete m_poller;
     m_poller = nullptr;
     CSignalHandler::Instance().stop();

@@ -57,7 +57,6 @@ class KVX_API CMOMSignalHandler : public CSignalHandlerInterface {
     /// Has `callback` run at the next turn of the main loop. Any thread. Returns true.
     bool runHandler(CCallbackBase* callback) override;
 
-  private:
     CVekNet* m_net = nullptr;              // not owned; null when not managing
     CMOMSignalPoller* m_poller = nullptr;  // owned
 };

@@ -16,12 +16,6 @@ class KVX_API CMOMSignalPoller : public RvTimerCallback {
 
     void onTimer(RvTimer* timer) override;
 
-    CVekRvNet* net() const { return m_net; }
-
-    /// The timer that fired the poller last; null before the first time.
-    RvTimer* timer() const { return m_timer; }
-
-  private:
     CVekRvNet* m_net;            // not owned
-    RvTimer* m_timer = nullptr;  // owned by the net
+    RvTimer* m_timer = nullptr;  // fired the poller last; owned by the net
 };

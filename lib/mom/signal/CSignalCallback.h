@@ -15,7 +15,6 @@ class CSignalCallback : public CCallbackBase {
 
     void operator()() override { (m_object->*m_method)(m_argument); }
 
-  private:
     Handler* m_object;
     Method m_method;
     int m_argument;

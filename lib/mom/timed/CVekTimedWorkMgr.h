@@ -117,6 +117,7 @@ class KVX_API CVekTimedWorkMgr : public RvTimerCallback {
     void queueRepeatPollers();
     void discardQueuedWorkers();
 
+  public:
     CVekBlockedWorkMgr* m_BlockedWorkMgr = nullptr;  // not owned; main thread only
 
     // The pools have locks of their own; everything else here is guarded by m_Lock.
