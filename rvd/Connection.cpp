@@ -165,9 +165,15 @@ void Connection::onWritten(int status) {
 
 void Connection::tick(platform::Milliseconds now) {
     if (destroyed_) return;
+    noteDeliveries(now);
     logLosses();
     if (!ending_) return peer_->tick(now);
     if (now >= endBy_) destroy();
+}
+
+void Connection::noteDeliveries(platform::Milliseconds now) {
+    const std::uint64_t delivered = outbox_.totals().delivered;
+    if (delivered != std::exchange(deliveriesSeen_, delivered)) peer_->tookMessages(now);
 }
 
 // At most one line a tick, however much is lost.

@@ -61,6 +61,7 @@ class Connection final : public PeerActions {
     void beginEnding();
     void leaveSession();
     void fail(int status);
+    void noteDeliveries(platform::Milliseconds now);
     void logLosses();
     [[nodiscard]] PeerAddress peerAddress() const;
     [[nodiscard]] uv_stream_t* stream() { return reinterpret_cast<uv_stream_t*>(&tcp_); }
@@ -83,7 +84,8 @@ class Connection final : public PeerActions {
     bool destroyed_ = false;
     platform::Milliseconds endBy_ = 0;  // when an ending connection is closed at the latest
     std::uint64_t lossesLogged_ = 0;
-    std::string name_;  // "a.b.c.d:port", for the log
+    std::uint64_t deliveriesSeen_ = 0;  // of messages, up to the last tick
+    std::string name_;                  // "a.b.c.d:port", for the log
 };
 
 }  // namespace kvx::rvd

@@ -9,6 +9,10 @@
 //
 // In the first three states input has a fixed size and is collected in `block_`; from AwaitInit on
 // it is a stream of frames. Until the first init has been read, time and bytes are counted.
+//
+// A client says something of its own accord only when nothing comes from the daemon either, so one
+// that listens to a busy subject may be silent for good. It is closed only when it has not taken
+// anything meanwhile.
 
 #include "rvd/Peer.h"
 
@@ -56,6 +60,7 @@ void Peer::close(CloseReason reason) {
 void Peer::start(Milliseconds now) {
     startedAt_ = now;
     heardAt_ = now;
+    tookAt_ = now;
     actions_.send(wire::encode(wire::Greeting{0, wire::kProtocolV4, 0}));
 }
 
@@ -251,9 +256,10 @@ void Peer::tick(Milliseconds now) {
 }
 
 void Peer::checkSilence(Milliseconds now) {
-    const Milliseconds silent = now - heardAt_;
-    if (silent >= wire::kDaemonSilenceMs) return close(CloseReason::TimedOut);
-    if (silent < wire::kDaemonProbeMs || probed_) return;
+    if (now - std::max(heardAt_, tookAt_) >= wire::kDaemonSilenceMs) {
+        return close(CloseReason::TimedOut);
+    }
+    if (now - heardAt_ < wire::kDaemonProbeMs || probed_) return;
     probed_ = true;
     counters_.add(Counter::KeepalivesSent);
     actions_.send(wire::kKeepaliveBlock);

@@ -76,6 +76,8 @@ class Peer {
     /// Bytes that came; `chunk` is used up when this returns, except by payloads that were
     /// published as views of it.
     void receive(wire::Bytes chunk, platform::Milliseconds now);
+    /// The peer has taken messages that were routed to it: it lives, though it may say nothing.
+    void tookMessages(platform::Milliseconds now) { tookAt_ = now; }
     /// Time has passed; to be called about once a second.
     void tick(platform::Milliseconds now);
     /// The daemon ends: sends a close notice when the link stands.
@@ -113,6 +115,7 @@ class Peer {
     std::size_t received_ = 0;  // bytes until the first init
     platform::Milliseconds startedAt_ = 0;
     platform::Milliseconds heardAt_ = 0;
+    platform::Milliseconds tookAt_ = 0;
     bool probed_ = false;  // a keepalive went out since the peer was last heard
 };
 

@@ -41,7 +41,8 @@ inline constexpr std::size_t kDaemonHandshakeBytes =
     4'096;  ///< all that a peer may send until then
 inline constexpr long kDaemonProbeMs =
     180'000;  ///< silence after which the daemon sends a keepalive
-inline constexpr long kDaemonSilenceMs = 600'000;  ///< silence after which the daemon closes
+inline constexpr long kDaemonSilenceMs =
+    600'000;  ///< silence, with nothing taken either, after which the daemon closes
 
 inline constexpr std::uint16_t kDefaultPort = 7500;
 inline constexpr const char* kDefaultService = "7500";  ///< what an empty service text means
