@@ -30,23 +30,10 @@ kvx::wire::OwnedMessage emptyMessage() {
     return message;
 }
 
-// Something is said once in a minute; a block that does not get away is pushed.
-void keepAlive(ipq_Queue queue) {
-    if (std::exchange(queue->traffic, false)) return;
-    if (!queue->writer.empty()) {
-        if (kvx::link::writeOn(queue) != IPQ_OK) kvx::link::reportFailure(queue);
-        return;
-    }
-    kvx::wire::OwnedMessage message = emptyMessage();
-    if (!message.bytes) return;
-    if (!ipq_Enqueue(queue, std::move(message), false) && queue->state == IPQ_PEER_GONE)
-        kvx::link::reportFailure(queue);
-}
-
 void onKeepaliveTick(void* /*owner*/, void* closure, int /*kind*/, void* /*entry*/) {
     const auto queue = static_cast<ipq_Queue>(closure);
     const kvx::link::Running running(queue);
-    keepAlive(queue);
+    kvx::link::keepAlive(queue);
 }
 
 // Reads and forgets until the peer closes its end.
@@ -78,6 +65,7 @@ ipq_Queue_::ipq_Queue_(kvx::link::LinkHost& owner, const kvx::wire::QueueLimits&
       socket(std::move(connected)),
       writer(limits, kvx::link::kDefaultProperties.segmentSize) {
     ipq_SetProperties(this, owner.linkProperties());
+    nextTick = kvx::platform::monotonicMs() + static_cast<long>(kvx::link::kKeepaliveTickMs);
 }
 
 std::size_t ipq_Queue_::sendCap() const {
@@ -96,6 +84,19 @@ void reportFailure(ipq_Queue queue) {
         queue->onError.function(queue, queue->state, queue->onError.closure);
     if (!queue->closed && queue->onPeerGone.function != nullptr)
         queue->onPeerGone.function(queue, queue->state, queue->onPeerGone.closure);
+}
+
+// Something is said once in a minute; a block that does not get away is pushed.
+void keepAlive(ipq_Queue queue) {
+    if (std::exchange(queue->traffic, false)) return;
+    if (!queue->writer.empty()) {
+        if (writeOn(queue) != IPQ_OK) reportFailure(queue);
+        return;
+    }
+    wire::OwnedMessage message = emptyMessage();
+    if (!message.bytes) return;
+    if (!ipq_Enqueue(queue, std::move(message), false) && queue->state == IPQ_PEER_GONE)
+        reportFailure(queue);
 }
 
 int registerEvents(ipq_Queue queue) {

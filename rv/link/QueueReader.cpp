@@ -9,6 +9,7 @@
 // queue (the loop stops, and the memory goes when it has returned) or read on from inside the
 // callback (the buffer under delivery is then left alone, see `lent`).
 
+#include <algorithm>
 #include <cstdio>
 #include <new>
 #include <utility>
@@ -127,6 +128,28 @@ ipq_State readWithin(ipq_Queue queue, platform::Milliseconds timeout, Received& 
     }
 }
 
+void tickWhenDue(ipq_Queue queue) {
+    const platform::Milliseconds now = platform::monotonicMs();
+    if (now < queue->nextTick) return;
+    queue->nextTick = now + static_cast<platform::Milliseconds>(kKeepaliveTickMs);
+    keepAlive(queue);
+}
+
+// The same for a queue without timers, whose keepalives fall due while it waits.
+ipq_State readAndKeepAlive(ipq_Queue queue, platform::Milliseconds timeout, Received& received) {
+    const Deadline deadline = Deadline::in(timeout);
+    for (;;) {
+        tickWhenDue(queue);
+        if (queue->closed) return queue->state;
+        const platform::Milliseconds left = deadline.left();
+        const auto untilTick =
+            std::max<platform::Milliseconds>(0, queue->nextTick - platform::monotonicMs());
+        const bool tickFirst = left == platform::kForever || untilTick < left;
+        const ipq_State state = readWithin(queue, tickFirst ? untilTick : left, received);
+        if (state != IPQ_EMPTY || !tickFirst) return state;
+    }
+}
+
 void deliver(ipq_Queue queue, const Received& received) {
     if (queue->onMessage.function == nullptr) return;
     ++queue->lent;
@@ -176,7 +199,10 @@ kvx::wire::Bytes ipq_ReadWithin(ipq_Queue queue, kvx::platform::Milliseconds tim
 ipq_State ipq_DispatchOne(ipq_Queue queue, kvx::platform::Milliseconds timeout) {
     const kvx::link::Running running(queue);
     kvx::link::Received received;
-    const ipq_State state = kvx::link::readWithin(queue, timeout, received);
+    const ipq_State state = queue->manager == nullptr
+                                ? kvx::link::readAndKeepAlive(queue, timeout, received)
+                                : kvx::link::readWithin(queue, timeout, received);
+    if (queue->closed) return state;
     if (state == IPQ_OK)
         kvx::link::deliver(queue, received);
     else if (state != IPQ_EMPTY)

@@ -65,6 +65,8 @@ struct ipq_Queue_ {
     rvevm_Id retryTimer = nullptr;
     rvevm_Id keepaliveTimer = nullptr;
 
+    kvx::platform::Milliseconds nextTick = 0;  // the keepalive's, where no timer tells
+
     // Callbacks on the stack; the queue is freed when the last one has returned.
     int running = 0;
     bool closed = false;
@@ -91,6 +93,9 @@ class Running {
 
 /// Tells the owner that the link is over; within a `Running`.
 void reportFailure(ipq_Queue queue);
+
+/// Sends a keepalive unless there was traffic since the last call; within a `Running`.
+void keepAlive(ipq_Queue queue);
 
 /// Registers and removes the events of a queue. `registerEvents` gives an event-manager code, and
 /// nothing stays registered when it fails.

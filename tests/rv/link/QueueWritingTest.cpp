@@ -122,6 +122,17 @@ TEST_F(QueueWriting, SilenceIsEndedByAKeepaliveOnceItLastsAMinute) {
     EXPECT_TRUE(peer_.read(1).empty());
 }
 
+TEST_F(QueueWriting, WithoutTimersTheKeepaliveIsSentWhileWaitingForAMessage) {
+    kvx::platform::ManualClock clock;
+    rvevm_Destroy(std::exchange(manager_, nullptr));
+    open();
+    EXPECT_EQ(ipq_DispatchOne(queue_, 59'999), IPQ_EMPTY);
+    EXPECT_EQ(ipq_StatisticsOf(queue_).messagesWritten, 0U);
+    EXPECT_EQ(ipq_DispatchOne(queue_, 150'000), IPQ_EMPTY);
+    EXPECT_EQ(clock.now(), 1'000'000 + 209'999);
+    EXPECT_EQ(ipq_StatisticsOf(queue_).messagesWritten, 2U);
+}
+
 TEST_F(QueueWriting, AGracefulCloseFlushesSaysGoodbyeAndWaitsForThePeer) {
     open();
     const std::string body(5'000, 'b');
