@@ -45,8 +45,11 @@ std::uint64_t grownCapacity(std::uint64_t capacity, const char* name, rvmsg_Type
     if (name != nullptr) need += std::strlen(name) + 1;
     if (size != 0) return need;
     switch (type) {
-        case RVMSG_MSG:
-            return need + kvx::loadBig32(data);
+        case RVMSG_MSG: {
+            rvmsg_Size length = 0;  // stays 0 for what is no message, which the append refuses
+            rvmsg_Length(data, &length);
+            return need + length;
+        }
         case RVMSG_STRING:
             return need + std::strlen(static_cast<const char*>(data)) + 1;
         default:

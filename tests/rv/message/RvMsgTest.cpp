@@ -86,6 +86,8 @@ TEST(RvMsg, ReservesToTheByteAndRefusesTheImpossible) {
     EXPECT_TRUE(message.append("x", "ab") == 0);
     EXPECT_EQ(message.data(), buffer);
     EXPECT_TRUE(message.reserve(1UL << 40U).isMessage(8));
+    const Bytes noMessage(8, 0xFF);  // its "length" asks for no memory
+    EXPECT_TRUE(RvMsg(8).append("m", RVMSG_MSG, 0, noMessage.data()).isMessage(1));
 }
 
 TEST(RvMsg, IsInertAroundBadBuffers) {
