@@ -9,12 +9,16 @@ namespace {
 
 class TakeOverTest : public ::testing::Test {
   protected:
+    std::string rows(const std::string& name, int count) {
+        std::string csv = "name,ports\n";
+        for (int i = 0; i < count; ++i) csv += name + ",48\n";
+        return bus_.file(name + ".csv", csv);
+    }
+
     // A member with a database of its own, so that its rows tell who answered.
     std::unique_ptr<ChildProcess> startMember(const std::string& name) {
-        std::string rows = "name,ports\n";
-        for (int i = 0; i < 200; ++i) rows += name + ",48\n";
         auto member = bus_.start("modeld", {"--db", bus_.path(name + ".db"), "--table", "devices",
-                                            "--load", bus_.file(name + ".csv", rows)});
+                                            "--load", rows(name, 200), "--watch-source", "1"});
         EXPECT_NE(member->awaitError("standing by on ZEMBRALIX.3.0.MODEL.QUERY"), "");
         return member;
     }
@@ -34,6 +38,11 @@ TEST_F(TakeOverTest, QuestionsAskedWhileNobodyIsActiveAreAnsweredLate) {
     EXPECT_EQ(ask(), "name\nfirst\n") << "asked before the only member is active";
     const auto second = startMember("second");
     EXPECT_EQ(ask(), "name\nfirst\n") << "a standby answered";
+    rows("second", 201);
+    EXPECT_NE(second->awaitError("brought up to date"), "") << "a standby follows its files";
+    rows("first", 202);
+    EXPECT_NE(first->awaitError("2 changes published"), "");
+    EXPECT_EQ(second->errors().find("published"), std::string::npos) << "by a standby";
     first->kill(SIGKILL);
     EXPECT_EQ(ask(), "name\nsecond\n") << second->errors();
     EXPECT_NE(second->awaitError("questions held meanwhile"), "");

@@ -37,6 +37,7 @@ class CommandLine {
         addSend();
         addRequest();
         addQuery();
+        addSnoop();
         addServices();
         addBench();
         app_.footer(
@@ -99,6 +100,14 @@ class CommandLine {
         addTimeout(command, query_.timeoutSeconds);
     }
 
+    void addSnoop() {
+        auto& command = add("snoop", "print a service's rows as they change", snoop_, snoop);
+        command.add_option("SERVICE", snoop_.service, "the service's name, such as Model")
+            ->required();
+        command.add_option("--table", snoop_.table, "only the rows of this table");
+        command.add_option("--count", snoop_.count, "leave after so many rows");
+    }
+
     void addServices() {
         auto& command = add("services", "list the services that answer", services_, services);
         command.add_option("--wait", services_.waitSeconds, "seconds to wait for answers")
@@ -130,6 +139,7 @@ class CommandLine {
     SendOptions send_;
     RequestOptions request_;
     QueryOptions query_;
+    SnoopOptions snoop_;
     ServicesOptions services_;
     BenchOptions bench_;
     std::function<int()> chosen_;

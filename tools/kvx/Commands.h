@@ -19,6 +19,10 @@ int request(const RequestOptions& options);
 /// Asks a service in its query language and prints the rows, their number and the time.
 int query(const QueryOptions& options);
 
+/// Prints the rows that a service publishes as they change, until the count is reached or a signal
+/// ends the process.
+int snoop(const SnoopOptions& options);
+
 /// Lists the services that answer queries.
 int services(const ServicesOptions& options);
 

@@ -57,6 +57,13 @@ struct QueryOptions {
     double timeoutSeconds = 8;
 };
 
+struct SnoopOptions {
+    Connection connection;
+    std::string service;
+    std::string table;        ///< rows of this table only; empty for all
+    std::uint64_t count = 0;  ///< leave after so many rows; 0 for never
+};
+
 struct ServicesOptions {
     Connection connection;
     double waitSeconds = 1;

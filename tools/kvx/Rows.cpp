@@ -15,11 +15,7 @@ namespace kvx::tool {
 namespace {
 
 std::string valueText(const CVekBaseRecord& record, const std::string& column) {
-    const CVekAtom* value = record.RRGetValue(column.c_str());
-    if (value == nullptr) return {};
-    if (value->RAType() == VEK_TYPE_STRING) return value->RAString();
-    const kvx::Text text(value->RAStrRep());
-    return text ? text.get() : "";
+    return tool::valueText(record.RRGetValue(column.c_str()));
 }
 
 std::string printable(std::string text) {
@@ -59,6 +55,19 @@ void writeLine(std::FILE* out, std::string& line) {
 }
 
 }  // namespace
+
+std::string valueText(const CVekAtom* value) {
+    if (value == nullptr) return {};
+    if (value->RAType() == VEK_TYPE_STRING) return value->RAString();
+    const kvx::Text text(value->RAStrRep());
+    return text ? text.get() : "";
+}
+
+std::string jsonValue(const CVekAtom* value) {
+    if (value == nullptr) return "null";
+    const bool integer = value->RAType() == VEK_TYPE_INT || value->RAType() == VEK_TYPE_INT64;
+    return integer ? std::to_string(value->RAInt64()) : jsonString(valueText(value));
+}
 
 std::size_t Rows::add(CVekBag& bag) {
     std::size_t bad = 0;
@@ -130,15 +139,8 @@ void Rows::printJson(std::FILE* out) const {
         line = "{";
         for (std::size_t i = 0; i < columns_.size(); ++i) {
             if (i != 0) line += ",";
-            line += jsonString(columns_[i]) + ":";
-            const CVekAtom* value = record->RRGetValue(columns_[i].c_str());
-            if (value == nullptr) {
-                line += "null";
-            } else if (value->RAType() == VEK_TYPE_INT || value->RAType() == VEK_TYPE_INT64) {
-                line += std::to_string(value->RAInt64());
-            } else {
-                line += jsonString(valueText(*record, columns_[i]));
-            }
+            line +=
+                jsonString(columns_[i]) + ":" + jsonValue(record->RRGetValue(columns_[i].c_str()));
         }
         line += "}";
         writeLine(out, line);

@@ -10,6 +10,12 @@
 
 namespace kvx::tool {
 
+/// A value of a record as text; empty for null.
+std::string valueText(const CVekAtom* value);
+
+/// A value of a record as JSON: a number, a string, or null.
+std::string jsonValue(const CVekAtom* value);
+
 /// The rows of an answer, as records came in, with their columns in order of first appearance.
 class Rows {
   public:

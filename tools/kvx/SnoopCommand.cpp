@@ -1,0 +1,97 @@
+// kvx snoop: prints the rows that a service publishes as they change. The bus thread only copies
+// what comes into the pool; the pool's threads decode; whoever's turn it is prints.
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <thread>
+
+#include "platform/File.h"
+#include "tools/bus/Client.h"
+#include "tools/bus/Complain.h"
+#include "tools/bus/Ticker.h"
+#include "tools/kvx/Changes.h"
+#include "tools/kvx/Commands.h"
+#include "tools/kvx/OrderedPool.h"
+
+namespace kvx::tool {
+
+namespace {
+
+constexpr unsigned kMostThreads = 4;
+constexpr unsigned long kLookMs = 20;
+
+// Prints lines until there have been `count`, or nobody reads them any more.
+class LinePrinter {
+  public:
+    explicit LinePrinter(std::uint64_t count) : count_(count) {}
+
+    void print(const OrderedPool::Lines& lines) {
+        for (const std::string& line : lines) {
+            if (isOver_) return;
+            std::puts(line.c_str());
+            if (++printed_ == count_) isOver_ = true;
+        }
+        std::fflush(stdout);
+        if (std::ferror(stdout) != 0) isOver_ = true;
+    }
+
+    /// Any thread.
+    bool isOver() const { return isOver_; }
+
+  private:
+    const std::uint64_t count_;
+    std::uint64_t printed_ = 0;
+    std::atomic<bool> isOver_{false};
+};
+
+int threads() {
+    return static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 2U, kMostThreads));
+}
+
+int follow(bus::Client& client, const SnoopOptions& options, const char* subject) {
+    LinePrinter printer(options.count);
+    const ChangeFormat format{options.table, options.connection.json};
+    OrderedPool pool(
+        threads(),
+        [&](CVekUpdWork& update, std::int64_t cameAtMs) {
+            return changesIn(*update.RUWDatum(), cameAtMs, format);
+        },
+        [&](const OrderedPool::Lines& lines) { printer.print(lines); });
+    pool.start();
+    CVekSnoop snoop(&pool);
+    if (client.net().RRNAddService(subject, &snoop) != 1) {
+        bus::complain(fmt::format("cannot listen on {}", subject));
+        return kFailure;
+    }
+    bus::Ticker look(client.net(), kLookMs, bus::Ticker::Repeat::Forever, [&] {
+        if (printer.isOver()) client.leave(kSuccess);
+    });
+    return client.runUntilSignal([&] {
+        if (!platform::isTerminal(stderr)) return;
+        bus::complain(fmt::format("following {} on {}.{}; Ctrl-C ends it", options.service, subject,
+                                  options.connection.domainOrDefault()));
+    });
+}
+
+}  // namespace
+
+int snoop(const SnoopOptions& options) {
+    const __serv_types type =
+        CVekServiceToSubjectMapper::ServiceStringToEnum(options.service.c_str());
+    if (type == SERV_UNKNOWN) {
+        bus::complain("no service is named '" + options.service + "'");
+        return kUsage;
+    }
+    const std::string subject = CVekServiceToSubjectMapper::ServiceEnumToNotifySubject(type);
+    if (subject.empty()) {
+        bus::complain("the service '" + options.service + "' publishes no changes");
+        return kUsage;
+    }
+    bus::Client client(options.connection);
+    return client.isUp() ? follow(client, options, subject.c_str()) : kFailure;
+}
+
+}  // namespace kvx::tool
