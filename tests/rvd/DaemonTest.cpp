@@ -103,7 +103,7 @@ TEST_F(RunningDaemon, StopsWithACloseNoticeBehindWhatWaits) {
 TEST_F(RunningDaemon, StopsCleanlyHoweverOftenItIsToldTo) {
     siginfo_t ended{};
     do {
-        ::kill(daemon.pid(), SIGTERM);
+        daemon.askToStop();
         waitid(P_PID, static_cast<id_t>(daemon.pid()), &ended, WEXITED | WNOHANG | WNOWAIT);
     } while (ended.si_pid == 0);
     EXPECT_EQ(daemon.waitForEnd(), 0);

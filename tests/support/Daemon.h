@@ -25,6 +25,8 @@ class Daemon {
     /// "tcp:127.0.0.1:<port>": names a host, so that no client starts a daemon of its own.
     [[nodiscard]] std::string text() const { return "tcp:127.0.0.1:" + std::to_string(port_); }
 
+    [[nodiscard]] pid_t pid() const { return process_->pid(); }
+
     /// SIGTERM, without waiting for what becomes of it.
     void askToStop() const { process_->kill(SIGTERM); }
     /// Waits until it has ended by itself; its exit status.
