@@ -45,6 +45,13 @@ void trace(int level, const Parts&... parts) {
     if (__ZembraLix_Debug_Level >= level) writeGuarded(std::cout, parts...);
 }
 
+/// Writes `parts` to standard output unless the debug level is 0: a negative level is not quiet.
+/// Any thread.
+template <class... Parts>
+void traceUnlessQuiet(const Parts&... parts) {
+    if (__ZembraLix_Debug_Level != 0) writeGuarded(std::cout, parts...);
+}
+
 /// Writes `parts` to standard error, whatever the debug level. Any thread.
 template <class... Parts>
 void warn(const Parts&... parts) {

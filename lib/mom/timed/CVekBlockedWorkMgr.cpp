@@ -57,7 +57,7 @@ void CVekBlockedWorkMgr::BWMAddBlockedWork(CVekTimedWorker* worker) {
         kvx::report(kvx::kInvalidArgument, kBlockedFile, 0);
         return;
     }
-    kvx::trace(kvx::kTraceWarnings, "Adding blocked work: ", worker->RTWName(), "\n");
+    kvx::traceUnlessQuiet("Adding blocked work: ", worker->RTWName(), "\n");
     const CVekThread::AutoMutex guard(m_listLock);
     const int result = m_blockedWorkers.RDLAddToListEnd(worker);
     if (result != kvx::kOk) kvx::report(result, kBlockedFile, 0);
@@ -67,9 +67,9 @@ void CVekBlockedWorkMgr::BWMProcessBlockedWork() {
     const CVekThread::AutoMutex guard(m_listLock);
     const int length = m_blockedWorkers.RDLLength();
     if (length > 0) {
-        kvx::trace(kvx::kTraceWarnings, "BWMProcessBlockedWork: processing ", length, " items\n");
+        kvx::traceUnlessQuiet("BWMProcessBlockedWork: processing ", length, " items\n");
     } else {
-        kvx::trace(kvx::kTraceWarnings, "");
+        kvx::traceUnlessQuiet("");
     }
     CVekListable* element = m_blockedWorkers.RDLHead();
     while (element != nullptr) {

@@ -93,8 +93,8 @@ int CVekTimedWorkDist::RTWDAddPoll(CVekTimedWork* poll) {
     if (result == kvx::kOk) return result;
     delete entry;
     if (result == kvx::kKeyPresent) {
-        kvx::trace(kvx::kTraceWarnings, "Warning: CVekTimedWorkDist::RTWDAddPoll duplcate object ",
-                   nameOf(poll), "\n");
+        kvx::traceUnlessQuiet("Warning: CVekTimedWorkDist::RTWDAddPoll duplcate object ",
+                              nameOf(poll), "\n");
     } else {
         reportDist(result, "CVekTimedWorkDist::RTWDAddPoll");
     }

@@ -50,7 +50,7 @@ std::unique_ptr<CVekHashStore> newMarks(int poolSize) {
 }
 
 void warnOfFrequency(CVekTimedWork* poll) {
-    if (__ZembraLix_Debug_Level < kvx::kTraceWarnings) return;
+    if (__ZembraLix_Debug_Level == 0) return;
     kvx::warn("Warning: Illegal Frequency ", poll->RTWFrequency(), " defined for ", nameOf(poll),
               " poll not strobed\n");
     kvx::writeGuarded(std::cout, "");
@@ -151,7 +151,7 @@ int CVekTimedWorkMgr::RTWMAddPollWork(CVekTimedWork* poll) {
     if (poll->RTWAddToPool() == TRUE && m_Suspended.load() != TRUE) {
         RTWMAddPollWork(new CVekTimedWorker(poll));
     } else {
-        kvx::trace(kvx::kTraceWarnings, "m_PollPool->RSPAddWorkDetail ", nameOf(poll), " failed\n");
+        kvx::traceUnlessQuiet("m_PollPool->RSPAddWorkDetail ", nameOf(poll), " failed\n");
     }
     return kvx::kOk;
 }

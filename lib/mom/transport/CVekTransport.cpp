@@ -393,8 +393,8 @@ void CVekTransport::sendPacket(const CVekAtom& packet, bool front) {
     auto message = std::make_unique<RvMsg>(kMessageSize);
     message->append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(length), bytes);
     if (m_engine == nullptr) {
-        kvx::trace(kvx::kTraceWarnings,
-                   "-----------------if not in main thread this is NOT safe!---------\n");
+        kvx::traceUnlessQuiet(
+            "-----------------if not in main thread this is NOT safe!---------\n");
         m_sender->send(*message);
     } else if (front) {
         m_engine->REAddToSendQueueFront(m_subject, message.release(), m_dataCallback, FALSE);

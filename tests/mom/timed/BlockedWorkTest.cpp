@@ -103,7 +103,7 @@ TEST(BlockedWork, ReportsWhatItCannotInterpretAndKeepsTheWorker) {
 TEST(BlockedWork, TracesOnlyWhatItHolds) {
     RecordingMgr manager;
     CVekBlockedWorkMgr blocked(manager, 5);
-    const DebugLevel level(1);
+    const DebugLevel level(-1);
     EXPECT_EQ(outputOf([&] { blocked.BWMProcessBlockedWork(); }), "");
     EXPECT_EQ(outputOf([] { Parked().pass(); }),
               "Adding blocked work: poll\nBWMProcessBlockedWork: processing 1 items\n");

@@ -124,7 +124,7 @@ TEST(TimedWorkDist, RunsNothingBeforeTheDistributionAndAfterADeletionUntilTheNex
 TEST(TimedWorkDist, KeepsTheFirstPollOfAName) {
     Fixture fixture(1, 1);
     CountingPoll twin("0", 1);
-    const DebugLevel level(1);
+    const DebugLevel level(-1);
     EXPECT_EQ(outputOf([&] { EXPECT_EQ(fixture.dist.RTWDAddPoll(&twin), -220566); }),
               "Warning: CVekTimedWorkDist::RTWDAddPoll duplcate object 0\n");
     fixture.dist.RTWDDistributePolls();

@@ -43,7 +43,7 @@ TEST(TimedWorkMgr, RefusesAFrequencyBelowOne) {
     RecordingMgr manager;
     CountingPoll never("never", -5);
     EXPECT_EQ(errorOutputOf([&] { EXPECT_EQ(manager.RTWMAddPoll(&never), -220383); }), "");
-    const DebugLevel level(1);
+    const DebugLevel level(-1);
     EXPECT_EQ(errorOutputOf([&] { EXPECT_EQ(manager.RTWMAddPoll(&never), -220383); }),
               "Warning: Illegal Frequency -5 defined for never poll not strobed\n");
     never.RTWSetFrequency(0);

@@ -66,7 +66,7 @@ TEST(TransportSending, CarriesBatchesThroughTheEnginesQueueAndOnASender) {
     EXPECT_EQ(direct.RTSetDestination(sender.get()), 1);
     fill(direct, 3);
     const std::string warning = outputOf([&] {
-        const DebugLevel level(1);
+        const DebugLevel level(-1);
         EXPECT_EQ(direct.RTSendAll(true), 1);
     });
     EXPECT_EQ(warning, "-----------------if not in main thread this is NOT safe!---------\n");
