@@ -181,6 +181,12 @@ void CVekTransport::RTPreparePayloads(EVekTransHdr version) {
     takePayloads(RTCreateCompressedPayloads(true));
 }
 
+void CVekTransport::RTTakePayloads(CVekTransport& other, EVekTransHdr version) {
+    if (this == &other) return;
+    other.RTCreatePayloads(version, true);
+    movePayloads(other.m_payloads);
+}
+
 void CVekTransport::RTCreatePayloads(EVekTransHdr version, bool consume) {
     const unsigned records = m_records.RAVSize();
     if (records == 0) return;
@@ -255,8 +261,12 @@ CVekDoubleList* CVekTransport::RTCreateCompressedPayloads(bool consume) {
 // Appends what `payloads` holds to the payload list, and deletes `payloads`.
 void CVekTransport::takePayloads(CVekDoubleList* payloads) {
     const std::unique_ptr<CVekDoubleList> owner(payloads);
-    while (CVekListable* element = owner->RDLHead()) {
-        owner->RDLTakeListable(element);
+    movePayloads(*owner);
+}
+
+void CVekTransport::movePayloads(CVekDoubleList& from) {
+    while (CVekListable* element = from.RDLHead()) {
+        from.RDLTakeListable(element);
         m_payloads.RDLAddToListEnd(element);
     }
 }

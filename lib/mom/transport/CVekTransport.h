@@ -81,6 +81,12 @@ class KVX_API CVekTransport {
     /// record, it keeps at most 100 encoded records in memory.
     void RTPreparePayloads(EVekTransHdr version);
 
+    /// Appends the payloads of `other` to those of this transport, its waiting records made
+    /// payloads first, and leaves `other` without records and payloads. So the blocks of a batch
+    /// may be prepared on as many threads as there are transports, and one transport numbers and
+    /// sends them. Does nothing when both are the same.
+    void RTTakePayloads(CVekTransport& other, EVekTransHdr version);
+
     /// Makes packets of the prepared payloads and the waiting records. With `consume` the records
     /// are gone afterwards, else they stay for a further batch.
     int RTCreatePackets(EVekTransHdr version, bool consume);
@@ -159,6 +165,7 @@ class KVX_API CVekTransport {
 
     bool decodePacket(const CVekAtom& packet, CVekBag& out);
     void takePayloads(CVekDoubleList* payloads);
+    void movePayloads(CVekDoubleList& from);
     void dropPayloads();
     void resetPackets();
     void addPacket(const SVekTransPayload& payload, long long sequence, long long count,

@@ -131,6 +131,22 @@ TEST(TransportPackets, GiveBackEveryRecordOfEveryBatchSize) {
     EXPECT_EQ(decoded(encoded(large, VEK_TRANS_V1)), large);
 }
 
+TEST(TransportPackets, MayBePreparedInSeveralTransports) {
+    const Texts records = numbered(105);
+    CVekTransport first(nullptr);
+    CVekTransport second(nullptr);
+    CVekTransport whole(nullptr);
+    for (int i = 0; i < 105; ++i) addRecord(i < 100 ? first : second, records[i]);
+    first.RTPreparePayloads(VEK_TRANS_V1);
+    whole.RTTakePayloads(first, VEK_TRANS_V1);
+    whole.RTTakePayloads(second, VEK_TRANS_V1);
+    whole.RTTakePayloads(whole, VEK_TRANS_V1);
+    EXPECT_EQ(whole.RTCreatePackets(VEK_TRANS_V1, true), 1);
+    EXPECT_EQ(packetsOf(whole), encoded(records, VEK_TRANS_V1));
+    EXPECT_EQ(second.RTCreatePackets(VEK_TRANS_V1, true), 1);
+    EXPECT_EQ(packetsOf(second), Texts());
+}
+
 TEST(Transport, KeepsRecordsThatAreNotConsumed) {
     CVekTransport transport(nullptr);
     for (const auto& one : numbered(12)) addRecord(transport, one);
