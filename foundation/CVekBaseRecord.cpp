@@ -70,7 +70,10 @@ int CVekBaseRecord::ROMEncode(unsigned char** bytes, int* length) const {
     if (bytes == nullptr || length == nullptr) return kvx::kMissingArgument;
     if (m_fields.size() > kvx::kMostRecordFields) return kvx::kNotCompleted;
     try {
-        kvx::RecordEncoder encoder(m_fields.size());
+        std::size_t textBytes = 0;
+        for (const Field& field : m_fields)
+            textBytes += field.name.size() + field.value->RALength();
+        kvx::RecordEncoder encoder(m_fields.size(), textBytes);
         for (const Field& field : m_fields) encoder.add(field.name, *field.value);
         return encoder.finish(bytes, length) ? kvx::kOk : kvx::kNotCompleted;
     } catch (const std::bad_alloc&) {

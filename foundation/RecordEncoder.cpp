@@ -15,42 +15,25 @@ namespace kvx {
 
 namespace {
 
-// What most fields take: a short name, a short text and their heads.
-constexpr std::size_t kTypicalFieldBytes = 40;
+constexpr std::size_t kRecordHeadBytes = 5;  // at most
+// The heads of a pair, a name and a value, or an integer, at most.
+constexpr std::size_t kFieldHeadBytes = 1 + 5 + 9;
 
 }  // namespace
 
-// A stream in the packer's sense, on memory from `malloc`.
-class RecordEncoder::Buffer {
-  public:
-    explicit Buffer(std::size_t capacity) { growTo(capacity); }
+void RecordEncoder::Buffer::write(const char* bytes, std::size_t length) {
+    if (length > capacity_ - length_) growTo(std::max(length_ + length, 2 * capacity_));
+    std::memcpy(bytes_.get() + length_, bytes, length);
+    length_ += length;
+}
 
-    void write(const char* bytes, std::size_t length) {
-        if (length > capacity_ - length_) growTo(std::max(length_ + length, 2 * capacity_));
-        std::memcpy(bytes_.get() + length_, bytes, length);
-        length_ += length;
-    }
-
-    std::size_t length() const { return length_; }
-    unsigned char* release() { return bytes_.release(); }
-
-  private:
-    struct Free {
-        void operator()(unsigned char* bytes) const { std::free(bytes); }
-    };
-
-    void growTo(std::size_t capacity) {
-        auto* grown = static_cast<unsigned char*>(std::realloc(bytes_.get(), capacity));
-        if (grown == nullptr) throw std::bad_alloc();
-        static_cast<void>(bytes_.release());
-        bytes_.reset(grown);
-        capacity_ = capacity;
-    }
-
-    std::unique_ptr<unsigned char, Free> bytes_;
-    std::size_t length_ = 0;
-    std::size_t capacity_ = 0;
-};
+void RecordEncoder::Buffer::growTo(std::size_t capacity) {
+    auto* grown = static_cast<unsigned char*>(std::realloc(bytes_.get(), capacity));
+    if (grown == nullptr) throw std::bad_alloc();
+    static_cast<void>(bytes_.release());
+    bytes_.reset(grown);
+    capacity_ = capacity;
+}
 
 namespace {
 
@@ -85,24 +68,22 @@ void packValue(msgpack::packer<Stream>& packer, const CVekAtom& value) {
 
 }  // namespace
 
-RecordEncoder::RecordEncoder(std::size_t fields)
-    : buffer_(std::make_unique<Buffer>(16 + fields * kTypicalFieldBytes)) {
-    msgpack::packer<Buffer>(*buffer_).pack_array(static_cast<std::uint32_t>(fields));
+RecordEncoder::RecordEncoder(std::size_t fields, std::size_t bytes)
+    : buffer_(kRecordHeadBytes + fields * kFieldHeadBytes + bytes) {
+    msgpack::packer<Buffer>(buffer_).pack_array(static_cast<std::uint32_t>(fields));
 }
 
-RecordEncoder::~RecordEncoder() = default;
-
 void RecordEncoder::add(const std::string& name, const CVekAtom& value) {
-    msgpack::packer<Buffer> packer(*buffer_);
+    msgpack::packer<Buffer> packer(buffer_);
     packer.pack_array(2);
     packText(packer, name.data(), name.size());
     packValue(packer, value);
 }
 
 bool RecordEncoder::finish(unsigned char** bytes, int* length) {
-    if (buffer_->length() > static_cast<std::size_t>(std::numeric_limits<int>::max())) return false;
-    *length = static_cast<int>(buffer_->length());
-    *bytes = buffer_->release();
+    if (buffer_.length() > static_cast<std::size_t>(std::numeric_limits<int>::max())) return false;
+    *length = static_cast<int>(buffer_.length());
+    *bytes = buffer_.release();
     return true;
 }
 

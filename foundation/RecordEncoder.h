@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -14,11 +15,9 @@ inline constexpr std::size_t kMostRecordFields = 65'535;
 /// Writes the encoding of one record straight into one growing buffer. Throws `std::bad_alloc`.
 class RecordEncoder {
   public:
-    /// Begins a record of `fields` fields, all of which must be added before `finish`.
-    explicit RecordEncoder(std::size_t fields);
-    ~RecordEncoder();
-    RecordEncoder(const RecordEncoder&) = delete;
-    RecordEncoder& operator=(const RecordEncoder&) = delete;
+    /// Begins a record of `fields` fields, all of which must be added before `finish`, whose names
+    /// and values are `bytes` long together: a guess too low costs a growth, no more.
+    RecordEncoder(std::size_t fields, std::size_t bytes);
 
     void add(const std::string& name, const CVekAtom& value);
 
@@ -27,8 +26,28 @@ class RecordEncoder {
     [[nodiscard]] bool finish(unsigned char** bytes, int* length);
 
   private:
-    class Buffer;
-    std::unique_ptr<Buffer> buffer_;
+    // A stream in the packer's sense, on memory from `malloc`.
+    class Buffer {
+      public:
+        explicit Buffer(std::size_t capacity) { growTo(capacity); }
+
+        void write(const char* bytes, std::size_t length);
+        std::size_t length() const { return length_; }
+        unsigned char* release() { return bytes_.release(); }
+
+      private:
+        struct Free {
+            void operator()(unsigned char* bytes) const { std::free(bytes); }
+        };
+
+        void growTo(std::size_t capacity);
+
+        std::unique_ptr<unsigned char, Free> bytes_;
+        std::size_t length_ = 0;
+        std::size_t capacity_ = 0;
+    };
+
+    Buffer buffer_;
 };
 
 }  // namespace kvx
