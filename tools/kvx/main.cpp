@@ -1,5 +1,7 @@
+#include "platform/Memory.h"
 #include "tools/kvx/Commands.h"
 
 int main(int argc, char** argv) {
+    kvx::platform::keepFreedMemory();
     return kvx::tool::runCommandLine(argc, argv);
 }
