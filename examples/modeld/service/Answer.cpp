@@ -1,5 +1,5 @@
-// From a question to the packets of its answer. Rows are encoded as they come out of the store, and
-// every hundred of them is compressed at once, so that a whole table costs little memory on its
+// From a question to the packets of its answer. Rows go into a batch that encodes and compresses
+// them while others still come out of the store, so that a whole table costs little memory on its
 // way.
 
 #include "examples/modeld/service/Answer.h"
@@ -8,7 +8,9 @@
 #include <variant>
 
 #include "examples/modeld/oql/Parse.h"
+#include "examples/modeld/service/BatchBuilder.h"
 #include "examples/modeld/service/BegunNotice.h"
+#include "examples/modeld/service/RowRecord.h"
 
 namespace modeld {
 
@@ -31,26 +33,6 @@ EVekStoreErrorStatus statusOf(StoreError error) {
             break;
     }
     return STORE_PERMISSION_DENIED;
-}
-
-std::unique_ptr<CVekAtom> atomOf(const Row& row, int column) {
-    if (row.kind(column) == ValueKind::Integer) {
-        return std::make_unique<CVekAtom>(static_cast<long long>(row.integer(column)));
-    }
-    return std::make_unique<CVekAtom>(std::string(row.text(column)).c_str());
-}
-
-void addField(CVekBaseRecord& record, const char* name, std::unique_ptr<CVekAtom> value) {
-    if (record.RRAddOrSetValue(name, value.get()) == 1) static_cast<void>(value.release());
-}
-
-void addRow(CVekTransport& transport, EVekTransHdr version, const Row& row) {
-    CVekBaseRecord record;
-    for (int i = 0; i < row.size(); ++i) {
-        if (row.kind(i) != ValueKind::Null) addField(record, row.name(i), atomOf(row, i));
-    }
-    transport.RTAddRecord(&record);
-    transport.RTPreparePayloads(version);
 }
 
 void addRefusal(CVekTransport& transport, const std::string& message, oql::Position position) {
@@ -92,19 +74,21 @@ Verdict answer(CVekEngine& engine, Store& store, const Question& question) {
         addRefusal(transport, message, error->position);
         verdict = refused(STORE_PERMISSION_DENIED, message, error->position);
     } else {
+        BatchBuilder batch(question.version);
         const auto refusal = store.run(
             std::get<oql::Query>(parsed),
-            [&](const Row& row) {
-                addRow(transport, question.version, row);
+            [&batch](const Row& row) {
+                batch.add(row);
                 return true;
             },
             verdict.rows);
         if (refusal) {
-            transport.RTPurge();
             addRefusal(transport, refusal->message, refusal->position);
             verdict = refused(statusOf(refusal->error), refusal->message, refusal->position);
         } else if (verdict.rows == 0) {
             verdict.status = STORE_ZERO_MATCHES;
+        } else {
+            batch.finish(transport);
         }
     }
     if (isLongAnswer(question.version, verdict.rows)) tellBegun(engine, question);

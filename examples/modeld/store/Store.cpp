@@ -11,6 +11,8 @@ namespace modeld {
 namespace {
 
 constexpr int kBusyTimeoutMs = 5000;
+// Pages that a connection keeps, so that tables of that size are not read from the file again.
+constexpr const char* kCacheSize = "PRAGMA cache_size = -65536";  // KiB when negative
 
 // One transaction around `work`: all of it, or on a refusal nothing.
 template <class Work>
@@ -57,13 +59,16 @@ std::string_view Row::text(int column) const {
 }
 
 std::unique_ptr<Store> Store::open(const std::string& path, Access access, Refusal& refusal) {
-    const int flags = access == Access::ReadOnly ? SQLITE_OPEN_READONLY
-                                                 : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    // A store belongs to one thread at a time, and every value read would take SQLite's own lock.
+    const int flags = SQLITE_OPEN_NOMUTEX |
+                      (access == Access::ReadOnly ? SQLITE_OPEN_READONLY
+                                                  : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
     sqlite3* database = nullptr;
     const int result = sqlite3_open_v2(path.c_str(), &database, flags, nullptr);
     std::unique_ptr<Store> store(new Store(database));
     if (result == SQLITE_OK) {
         sqlite3_busy_timeout(database, kBusyTimeoutMs);
+        sql::execute(database, kCacheSize);
         if (access == Access::ReadOnly || sql::execute(database, "PRAGMA journal_mode = WAL")) {
             return store;
         }

@@ -1,0 +1,98 @@
+// Blocks compressed on helper threads and those of one transport are the same packets.
+
+#include "examples/modeld/service/BatchBuilder.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "examples/modeld/oql/Parse.h"
+#include "examples/modeld/service/RowRecord.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace modeld {
+namespace {
+
+namespace test = kvx::test;
+
+// A table of devices, every seventh of which has no site.
+class BatchBuilderTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        Refusal refusal;
+        store_ = Store::open(directory_.file("model.db"), Store::Access::ReadWrite, refusal);
+        ASSERT_NE(store_, nullptr) << refusal.message;
+        std::ofstream csv(directory_.file("devices.csv"));
+        csv << "name,ports,site\n";
+        for (int i = 0; i < 3005; ++i) {
+            csv << "device-" << i << ',' << i % 48 << ',' << (i % 7 == 0 ? "" : "north") << '\n';
+        }
+        csv.close();
+        ASSERT_FALSE(store_->load({{directory_.file("devices.csv")}, "devices", ""}, {}));
+    }
+
+    void eachRow(int count, const std::function<void(const Row&)>& visit) {
+        auto parsed = oql::parse("select * from devices limit " + std::to_string(count));
+        std::uint64_t rows = 0;
+        const auto show = [&visit](const Row& row) {
+            visit(row);
+            return true;
+        };
+        ASSERT_FALSE(store_->run(std::get<oql::Query>(parsed), show, rows));
+        ASSERT_EQ(rows, static_cast<std::uint64_t>(count));
+    }
+
+    test::TemporaryDirectory directory_;
+    std::unique_ptr<Store> store_;
+};
+
+std::vector<std::string> packetsOf(CVekTransport& transport, EVekTransHdr version) {
+    transport.RTSetError(STORE_NO_INDEX);
+    EXPECT_EQ(transport.RTCreatePackets(version, true), 1);
+    const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
+    std::vector<std::string> texts;
+    for (unsigned i = 0; i < packets->RAVSize(); ++i) {
+        unsigned char* bytes = nullptr;
+        int length = 0;
+        packets->RAVGetValue(i)->RAUChar(&bytes, &length);
+        texts.emplace_back(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length));
+    }
+    return texts;
+}
+
+TEST_F(BatchBuilderTest, MakesThePacketsOfOneTransportWhoeverCompressesThem) {
+    for (const auto version : {VEK_TRANS_V0, VEK_TRANS_V1}) {
+        for (const int count : {1, 10, 11, 100, 101, 200, 250, 3005}) {
+            CVekTransport one(nullptr);
+            eachRow(count, [&](const Row& row) {
+                CVekBaseRecord record;
+                addColumns(record, row);
+                one.RTAddRecord(&record);
+                one.RTPreparePayloads(version);
+            });
+            const auto expected = packetsOf(one, version);
+            for (const unsigned helpers : {0U, 1U, 3U}) {
+                BatchBuilder batch(version, helpers);
+                eachRow(count, [&](const Row& row) { batch.add(row); });
+                CVekTransport many(nullptr);
+                batch.finish(many);
+                EXPECT_TRUE(packetsOf(many, version) == expected)
+                    << count << " rows, version " << version << ", " << helpers << " helpers";
+            }
+        }
+    }
+}
+
+TEST_F(BatchBuilderTest, MayBeDroppedWhileItsHelpersWork) {
+    BatchBuilder batch(VEK_TRANS_V1, 3);
+    eachRow(1050, [&](const Row& row) { batch.add(row); });
+}
+
+TEST_F(BatchBuilderTest, OfNothingHasNoPackets) {
+    CVekTransport transport(nullptr);
+    BatchBuilder(VEK_TRANS_V1).finish(transport);
+    EXPECT_TRUE(packetsOf(transport, VEK_TRANS_V1).empty());
+}
+
+}  // namespace
+}  // namespace modeld
