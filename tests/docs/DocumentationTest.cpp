@@ -1,28 +1,27 @@
 // What the documentation shows is what the code does: worked bytes are built anew and compared, and
 // the README's program is the one that is compiled.
 
-#include <fstream>
 #include <map>
 #include <sstream>
 
 #include "mom/transport/CVekTransport.h"
 #include "tests/support/Atoms.h"
 #include "tests/support/LinkEnd.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace kvx::test {
 namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-std::string contentOf(const std::string& path) {
-    std::ifstream in(std::string(KVX_SOURCE_DIR "/") + path);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+std::string inTheTree(const std::string& path) {
+    return contentOf(KVX_SOURCE_DIR "/" + path);
 }
 
 // The fenced blocks of a page by what stands behind the fence.
 std::map<std::string, std::string> blocksOf(const std::string& page) {
     std::map<std::string, std::string> blocks;
-    std::istringstream in(contentOf(page));
+    std::istringstream in(inTheTree(page));
     std::string name;
     bool inside = false;
     for (std::string line; std::getline(in, line);) {
@@ -92,11 +91,11 @@ TEST(WireProtocolPage, ShowsAPacketAsATransportCutsIt) {
 }
 
 TEST(ProgramsInThePages, AreThoseThatAreCompiled) {
-    EXPECT_EQ(blocksOf("README.md")["cpp"], contentOf("examples/hear/main.cpp"));
+    EXPECT_EQ(blocksOf("README.md")["cpp"], inTheTree("examples/hear/main.cpp"));
     int programs = 0;
     for (const auto& [name, shown] : blocksOf("docs/tutorial.md")) {
         if (name.rfind("cpp ", 0) != 0) continue;
-        EXPECT_EQ(shown, contentOf("examples/tutorial/" + name.substr(4))) << name;
+        EXPECT_EQ(shown, inTheTree("examples/tutorial/" + name.substr(4))) << name;
         ++programs;
     }
     EXPECT_EQ(programs, 10);

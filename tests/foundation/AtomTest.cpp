@@ -6,10 +6,7 @@
 #include "tests/foundation/Owned.h"
 #include "tests/support/Atoms.h"
 
-using kvx::test::bytesAtom;
-using kvx::test::bytesOf;
-using kvx::test::take;
-
+namespace kvx::test {
 namespace {
 
 unsigned char* allocated(const std::string& bytes) {
@@ -17,8 +14,6 @@ unsigned char* allocated(const std::string& bytes) {
     std::memcpy(copy, bytes.data(), bytes.size());
     return copy;
 }
-
-}  // namespace
 
 TEST(Atom, CopiesConstantTextsAndTakesAllocatedOnes) {
     char buffer[] = "volatile";
@@ -104,3 +99,6 @@ TEST(Atom, KeepsItsIntegerWidthWhenSet) {
     EXPECT_EQ(wide.RAType(), VEK_TYPE_INT64);
     EXPECT_EQ(text.RAType(), VEK_TYPE_INT);
 }
+
+}  // namespace
+}  // namespace kvx::test

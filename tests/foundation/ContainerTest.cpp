@@ -5,6 +5,7 @@
 #include "foundation/foundation.h"
 #include "tests/foundation/Owned.h"
 
+namespace kvx::test {
 namespace {
 
 // A list element that counts its kind's living objects.
@@ -43,8 +44,6 @@ std::vector<void*> pointees(CVekDoubleList* iterator) {
 }
 
 using Pointees = std::vector<void*>;
-
-}  // namespace
 
 TEST(DoubleList, OwnsItsElementsAndKeepsTheirOrder) {
     {
@@ -257,3 +256,6 @@ TEST(VarBindList, OwnsCopiesOfNamesAndValues) {
     EXPECT_EQ(binding->RVBValue(), nullptr);
     EXPECT_EQ(copy.RVBLGetNext(binding), nullptr);
 }
+
+}  // namespace
+}  // namespace kvx::test

@@ -14,8 +14,7 @@
 #include "tests/foundation/Owned.h"
 #include "tests/support/TemporaryDirectory.h"
 
-using kvx::test::TemporaryDirectory;
-
+namespace kvx::test {
 namespace {
 
 class Environment : public testing::Test {
@@ -26,8 +25,6 @@ class Environment : public testing::Test {
         unsetenv("VEK_HOME");
     }
 };
-
-}  // namespace
 
 TEST_F(Environment, FindsTheHomeDirectories) {
     EXPECT_STREQ(CVekEnv().REHome(), KVX_EXPECTED_PREFIX);
@@ -61,12 +58,12 @@ TEST(ReadOnlyFile, ReadsTheWholeContent) {
     EXPECT_EQ(file.ROFReadAll(), nullptr);  // not open yet
     EXPECT_EQ(file.ROFCheckAccess(), VEK_FILE_OK);
     ASSERT_EQ(file.ROFOpen(), 0);
-    EXPECT_EQ(kvx::test::take(file.ROFReadAll()), content);
-    EXPECT_EQ(kvx::test::take(file.ROFReadAll()), content);
+    EXPECT_EQ(take(file.ROFReadAll()), content);
+    EXPECT_EQ(take(file.ROFReadAll()), content);
 
     std::ofstream(path, std::ios::trunc).flush();
     ASSERT_EQ(file.ROFOpen(), 0);
-    EXPECT_EQ(kvx::test::take(file.ROFReadAll()), "");
+    EXPECT_EQ(take(file.ROFReadAll()), "");
 }
 
 TEST(ReadOnlyFile, RefusesWhatIsNoReadableFile) {
@@ -94,3 +91,6 @@ TEST(ReadOnlyFile, RefusesAFileThatIsTooLarge) {
     EXPECT_EQ(file.ROFReadAll(), nullptr);
     EXPECT_NE(testing::internal::GetCapturedStderr().find(path), std::string::npos);
 }
+
+}  // namespace
+}  // namespace kvx::test

@@ -8,8 +8,7 @@
 #include "tests/foundation/Owned.h"
 #include "tests/support/TemporaryDirectory.h"
 
-using kvx::test::take;
-
+namespace kvx::test {
 namespace {
 
 // Its destructor would show that static destructors ran.
@@ -24,10 +23,8 @@ void exitWithUnflushedStreams() {
     CVekProcess::Instance().Exit(7);
 }
 
-}  // namespace
-
 TEST(Process, ExitFlushesTheStreamsAndRunsNoDestructors) {
-    const kvx::test::TemporaryDirectory directory;
+    const TemporaryDirectory directory;
     const std::string output = directory.file("output");
     EXPECT_EXIT(
         {
@@ -61,3 +58,6 @@ TEST(ProcessMgr, GivesNoProcessForAProgramThatCannotRun) {
     EXPECT_EQ(CVekProcessHandle().GetPID(), 0U);
     EXPECT_EQ(VekGetBinaryName(0), nullptr);
 }
+
+}  // namespace
+}  // namespace kvx::test

@@ -8,9 +8,7 @@
 
 #include "tests/foundation/Owned.h"
 
-using kvx::test::FreeMemory;
-using kvx::test::take;
-
+namespace kvx::test {
 namespace {
 
 using Bytes = std::string;
@@ -67,8 +65,6 @@ const Bytes kSampleBytes(
 Bytes withValue(const Bytes& value) {
     return "\x91\x92\xa1" + Bytes("a") + value;
 }
-
-}  // namespace
 
 TEST(Record, ReplacesValuesAtTheirPlace) {
     CVekBaseRecord record = sample();
@@ -197,3 +193,6 @@ TEST(RecordEncoding, SurvivesEveryTruncationAndEveryChangedByte) {
         }
     }
 }
+
+}  // namespace
+}  // namespace kvx::test

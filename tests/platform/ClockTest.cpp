@@ -1,7 +1,5 @@
 #include "platform/Clock.h"
 
-#include <gtest/gtest.h>
-
 #include "platform/Socket.h"
 #include "tests/support/SocketPair.h"
 

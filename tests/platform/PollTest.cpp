@@ -1,7 +1,5 @@
 #include "platform/Poll.h"
 
-#include <gtest/gtest.h>
-
 #include "tests/support/SocketPair.h"
 
 using namespace kvx::platform;

@@ -16,6 +16,7 @@
 #include "tests/support/TemporaryDirectory.h"
 
 using namespace kvx::platform;
+using kvx::test::contentOf;
 using kvx::test::EnvironmentVariable;
 using kvx::test::TemporaryDirectory;
 
@@ -34,12 +35,6 @@ void awaitEnd(const Started& child) {
 int exitStatusOf(const Started& child) {
     awaitEnd(child);
     return reap(child.pid).value_or(-1);
-}
-
-std::string contentOf(const std::string& file) {
-    std::ostringstream text;
-    text << std::ifstream(file).rdbuf();
-    return text.str();
 }
 
 }  // namespace

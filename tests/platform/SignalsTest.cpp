@@ -1,7 +1,5 @@
 #include "platform/Signals.h"
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <atomic>
 #include <csignal>

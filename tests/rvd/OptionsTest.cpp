@@ -1,7 +1,5 @@
 #include "rvd/Options.h"
 
-#include <gtest/gtest.h>
-
 namespace kvx::rvd {
 namespace {
 

@@ -1,11 +1,7 @@
 #include "rvd/Outbox.h"
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "rv/wire/Fields.h"
 #include "tests/support/RawClient.h"

@@ -2,11 +2,6 @@
 
 #include "rvd/Peer.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "rv/wire/ControlMessage.h"
 #include "rv/wire/Greeting.h"
 #include "rv/wire/Negotiation.h"
@@ -129,13 +124,6 @@ TEST_P(PeerProtocol, ProposesAndRefusesAnotherQueue) {
     feed(wire::encode(answer));
     EXPECT_EQ(takeBlock().head, wire::kRefuse);
     EXPECT_EQ(recorder.log, "close:no agreement on the link's parameters ");
-}
-
-TEST_P(PeerProtocol, AnswersAVersion3Block) {
-    greet(3);
-    feed(wire::encode(wire::clientBlockV3()));
-    EXPECT_EQ(takeBlock().head, wire::kQueueType);
-    EXPECT_EQ(peer.state(), PeerState::AwaitInit);
 }
 
 TEST_P(PeerProtocol, AnswersTheFirstInitWithTheClientsAddressAndTheSecondNotAtAll) {
@@ -265,13 +253,6 @@ TEST_P(PeerProtocol, ProbesASilentPeerOnceAndClosesItAfterTenMinutes) {
     EXPECT_EQ(recorder.log, "");
     pass(1);
     EXPECT_EQ(recorder.log, "close:silent for too long ");
-}
-
-TEST_P(PeerProtocol, SendsACloseNoticeWhenTheDaemonEnds) {
-    open();
-    peer.shutDown();
-    EXPECT_EQ(recorder.take(), Stream(8, 0));
-    EXPECT_EQ(recorder.log, "close:the daemon ends ");
 }
 
 }  // namespace

@@ -1,10 +1,6 @@
 #include "rvd/Router.h"
 
-#include <gtest/gtest.h>
-
 #include <set>
-#include <string>
-#include <vector>
 
 namespace kvx::rvd {
 namespace {

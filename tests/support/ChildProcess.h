@@ -7,9 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <initializer_list>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <utility>
@@ -110,11 +108,6 @@ class ChildProcess {
     static int created(const std::string& path) {
         return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     }
-    static std::string contentOf(const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    }
-
     static std::string lineWith(const std::string& content, const std::string& text) {
         const auto found = content.find(text);
         if (found == std::string::npos) return {};

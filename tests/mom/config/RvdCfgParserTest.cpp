@@ -8,9 +8,7 @@
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/TemporaryDirectory.h"
 
-using kvx::test::errorOutputOf;
-using kvx::test::outputOf;
-
+namespace kvx::test {
 namespace {
 
 std::string textOf(const CVekAtom* atom) {
@@ -45,8 +43,6 @@ std::string serviceBlock(const std::string& value) {
 std::string errorAtLine(int line) {
     return "Calvorine.rvd.cfg Parser error: parse error line : " + std::to_string(line) + "\n";
 }
-
-}  // namespace
 
 TEST(RvdCfgParser, ReadsEveryKeyInEitherKindOfQuotes) {
     const Parsed parsed = parse(
@@ -165,7 +161,7 @@ TEST(RvdCfgParser, RefusesWhatItCannotRead) {
     CVekRvdCfgParser parser;
     EXPECT_EQ(parser.RRCPParseRvdCfg(), -220552);
     EXPECT_EQ(parser.RRCPParseFromFilename(nullptr), -220552);
-    const kvx::test::TemporaryDirectory directory;
+    const TemporaryDirectory directory;
     std::string missing = directory.file("missing.cfg");
     std::string text = serviceBlock("1");
     parser.RRCPSetParseBuffer(text.data());
@@ -181,7 +177,7 @@ TEST(RvdCfgParser, RefusesWhatItCannotRead) {
 }
 
 TEST(RvdCfgParser, ReadsAFileUpToItsFirstNul) {
-    const kvx::test::TemporaryDirectory directory;
+    const TemporaryDirectory directory;
     std::string path = directory.file("rvd.cfg");
     std::ofstream(path) << serviceBlock("1") << '\0' << serviceBlock("2");
     CVekRvdCfgParser parser;
@@ -204,3 +200,6 @@ TEST(RvdCfgParser, LetsThreadsWaitForOneAnother) {
     }
     for (auto& thread : threads) thread.join();
 }
+
+}  // namespace
+}  // namespace kvx::test

@@ -8,8 +8,7 @@
 #include "tests/support/Nets.h"
 #include "tests/support/SocketPair.h"
 
-using namespace kvx::test;
-
+namespace kvx::test {
 namespace {
 
 class Activity : public ::testing::Test {
@@ -34,8 +33,6 @@ class Activity : public ::testing::Test {
     OnTimer ignoreTimer;
     OnIO ignoreIO;
 };
-
-}  // namespace
 
 TEST_F(Activity, CreatesOnTheMainThreadAtOnce) {
     int status = 0;
@@ -183,3 +180,6 @@ TEST_F(Activity, ServesEightThreadsAtOnce) {
     EXPECT_EQ(net.m_ioHandlers->RTLLength(), kThreads);
     net.RRNTerminateSession();
 }
+
+}  // namespace
+}  // namespace kvx::test

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "mom/net/CVekPostInitTimedClb.h"
 #include "tests/support/ChildProcess.h"
@@ -13,8 +12,7 @@
 #include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 
-using namespace kvx::test;
-
+namespace kvx::test {
 namespace {
 
 const char* const kNoDomain = nullptr;
@@ -24,14 +22,6 @@ class RvNet : public ::testing::Test {
     Home home{"-"};
     ErrorRecorder errors;
 };
-
-std::string contentOf(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
-}
-
-}  // namespace
 
 TEST(Net, LatencyIsNeverZero) {
     EXPECT_EQ(CVekNet(0, kNoDomain).RNGetLatency(), 8000UL);
@@ -214,3 +204,6 @@ TEST_F(RvNet, HearsTheAdvisoriesOfItsOwnSession) {
               (std::vector<Report>{{-220379, "CVekRvErrorClb", 157,
                                     "Subject: _RV.ERROR.MINE.TEST. Message: gone"}}));
 }
+
+}  // namespace
+}  // namespace kvx::test

@@ -5,14 +5,13 @@
 #include "tests/support/Nets.h"
 #include "tests/support/SocketPair.h"
 
-using namespace kvx::test;
-
+namespace kvx::test {
 namespace {
 
 class Registry : public ::testing::Test {
   protected:
     std::string qualified(const char* subject) {
-        const kvx::Text text(net.RRNDomainSubj(subject));
+        const Text text(net.RRNDomainSubj(subject));
         return text ? text.get() : "";
     }
 
@@ -26,8 +25,6 @@ class Registry : public ::testing::Test {
 unsigned int watched(const SocketPair& pair) {
     return static_cast<unsigned int>(pair.near.get());
 }
-
-}  // namespace
 
 TEST_F(Registry, QualifiesASubjectWithTheDomainBehindIt) {
     EXPECT_EQ(qualified("A.B"), "A.B.TEST");
@@ -211,3 +208,6 @@ TEST_F(Registry, GivesASecondHandlerOfOneSocketTheListsCode) {
     std::thread([&] { EXPECT_EQ(net.RRNRemoveIO(99999), -220425); }).join();
     EXPECT_EQ(errors.take(), (std::vector<Report>{{-220425, "CVekRvNet", 1462, ""}}));
 }
+
+}  // namespace
+}  // namespace kvx::test

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include "rv/error/rvAdvisory.h"
 #include "rv/message/RvMsg.h"
 #include "rv/message/rvSubject.h"

@@ -2,10 +2,7 @@
 
 #include "rv/link/SegmentQueue.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <string>
 
 namespace {
 

@@ -1,7 +1,5 @@
 // Conversions of decoded values, the deliberate oddities included.
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <ctime>
 #include <limits>

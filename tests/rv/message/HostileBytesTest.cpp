@@ -1,10 +1,6 @@
 // Messages that a broken or hostile peer might send. Every buffer is an exact heap block, so that a
 // sanitizer build sees the first byte read past its end.
 
-#include <gtest/gtest.h>
-
-#include <memory>
-
 #include "Bytes.h"
 #include "rv/message/RvMsg.h"
 #include "rv/message/RvMsgIterator.h"

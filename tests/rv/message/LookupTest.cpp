@@ -1,7 +1,5 @@
 // Finding fields by name and path, decoding them, and walking them all.
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 
 #include "Bytes.h"
@@ -104,19 +102,6 @@ TEST(Lookup, FindsNamesOneLongerThanTheEncoderWrites) {
     EXPECT_EQ(find(messageOf(fieldOf(name, {RVMSG_INT, 1, 7})), name).as<std::int8_t>(), 7);
 }
 
-TEST(Lookup, RawGivesTheWireForm) {
-    Buffer buffer;
-    const std::uint32_t value = 0x01020304;
-    buffer.append("v", RVMSG_UINT, 4, &value);
-    rvmsg_Type type = 0;
-    rvmsg_Size size = 0;
-    rvmsg_Data data = nullptr;
-    ASSERT_EQ(rvmsg_GetRaw(buffer.bytes.data(), "v", &type, &size, &data), 0);
-    EXPECT_EQ(Bytes(static_cast<const std::uint8_t*>(data),
-                    static_cast<const std::uint8_t*>(data) + size),
-              (Bytes{1, 2, 3, 4}));
-}
-
 TEST(Iteration, ReportsEveryFieldInOrderUntilToldToStop) {
     Buffer buffer;
     const std::int16_t value = 1;
@@ -130,8 +115,8 @@ TEST(Iteration, ReportsEveryFieldInOrderUntilToldToStop) {
 }
 
 TEST(Iteration, ReportsWhatItCannotDecodeAsNoValueAndGoesOnWhereAnIteratorEnds) {
-    Bytes message = messageOf(fieldOf("i", {RVMSG_INT, 3, 1, 2, 3}) +
-                              fieldOf("j", {RVMSG_INT, 1, 1}));
+    Bytes message =
+        messageOf(fieldOf("i", {RVMSG_INT, 3, 1, 2, 3}) + fieldOf("j", {RVMSG_INT, 1, 1}));
     EXPECT_EQ(walked(message), "i:0/0- j:11/1 ");
     EXPECT_EQ(find(message, "i").code, 10);
     const RvMsg wrapped(static_cast<rvmsg_Msg>(message.data()));

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include "Bytes.h"
 #include "rv/message/RvDatum.h"
 

@@ -1,7 +1,5 @@
 #include "rv/message/RvMsg.h"
 
-#include <gtest/gtest.h>
-
 #include "Bytes.h"
 #include "rv/message/RvMsgIterator.h"
 

@@ -1,7 +1,5 @@
 // Subjects as text and encoded, and the check of what comes from outside.
 
-#include <gtest/gtest.h>
-
 #include "Bytes.h"
 #include "rv/message/SubjectView.h"
 #include "rv/message/rvSubject.h"

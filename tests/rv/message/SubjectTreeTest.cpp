@@ -2,9 +2,6 @@
 
 #include "rv/message/SubjectTree.h"
 
-#include <gtest/gtest.h>
-
-#include <functional>
 #include <list>
 #include <random>
 

@@ -30,12 +30,9 @@ TEST_F(Delivery, InboxAndReservedSubjectsHaveTheirOwnRules) {
     Listening everything, reserved, inbox, pattern;
     listen(everything, ">");
     listen(reserved, "_RV.>");
-    char name[100];
-    ASSERT_EQ(rv_CreateInbox(session_, &inbox.id, name, sizeof name, Listening::callback(), &inbox),
-              0);
-    deliver(name, "inbox");                  // exact only
-    deliver("_RV.INFO.MINE.X", "advisory");  // a plain ">" hears it too
-    deliver("A.>", "covers ordinary");       // a pattern reaches what it covers
+    deliver(createInbox(session_, inbox).c_str(), "inbox");  // exact only
+    deliver("_RV.INFO.MINE.X", "advisory");                  // a plain ">" hears it too
+    deliver("A.>", "covers ordinary");                       // a pattern reaches what it covers
     deliver("*.>", "covers all but private");
     EXPECT_EQ(inbox.texts(), Texts{"inbox"});
     EXPECT_EQ(reserved.texts(), Texts{"advisory"});
@@ -85,6 +82,7 @@ TEST_F(Delivery, AListenerMayCancelItselfAndOthersInItsCallback) {
     self.onHeard = [&](const Heard&) {
         EXPECT_EQ(rv_Cancel(session_, self.id), 0);
         EXPECT_EQ(rv_Cancel(session_, victim.id), 0);
+        EXPECT_EQ(rv_Cancel(session_, victim.id), 23);
     };
     listen(self, "A");
     listen(victim, "A");

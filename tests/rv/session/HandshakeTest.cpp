@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "platform/Process.h"
 #include "tests/rv/session/SessionFixture.h"
@@ -80,7 +79,7 @@ TEST_F(Handshake, ReconnectingUnderAnotherAddressKeepsTheOldInboxesReachable) {
     rv_Session session = open(daemon.text());
     const std::string oldName = rv_SessionName(session);
     Listening ordinary, inbox;
-    ASSERT_EQ(rv_CreateInbox(session, &inbox.id, nullptr, 0, Listening::callback(), &inbox), 0);
+    createInbox(session, inbox);
     listen(session, ordinary, "A");
     runUntil([&] { return rv_SessionName(session) != oldName; });
     const std::string newName = rv_SessionName(session);

@@ -96,6 +96,14 @@ class SessionFixture : public testing::Test {
     static void listen(rv_Session session, Listening& listening, const char* subject) {
         ASSERT_EQ(rv_Listen(session, &listening.id, subject, Listening::callback(), &listening), 0);
     }
+    /// Gives the listening an inbox; its name.
+    static std::string createInbox(rv_Session session, Listening& listening) {
+        char name[100] = "";
+        EXPECT_EQ(rv_CreateInbox(session, &listening.id, name, sizeof name, Listening::callback(),
+                                 &listening),
+                  0);
+        return name;
+    }
     static int send(rv_Session session, const char* subject, const std::string& text,
                     const char* reply = nullptr) {
         return rv_Send(session, subject, reply, RVMSG_STRING, 0, text.c_str());

@@ -1,10 +1,6 @@
 #include "rv/wire/ControlMessage.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "rv/wire/Fields.h"
 #include "tests/support/LinkEnd.h"

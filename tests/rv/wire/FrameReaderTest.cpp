@@ -1,10 +1,5 @@
 #include "rv/wire/FrameReader.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 namespace kvx::wire {
 namespace {
 
