@@ -104,7 +104,9 @@ KVX_API int rv_Deliver(rv_Session session, const char* subject, const char* repl
                        rvmsg_Size size, rvmsg_Data data);
 
 /// Synchronous sessions only: waits up to `timeoutMs` for a message and delivers it. Returns 0 also
-/// at the time-out, 3 for an asynchronous session, 22 without a connection or when it breaks.
+/// at the time-out, 3 for an asynchronous session, 22 without a connection or when it breaks. The
+/// link's keepalives are sent from here: a session that publishes nothing for ten minutes and is
+/// not in this call meanwhile is closed by the daemon.
 KVX_API int rv_Dispatch(rv_Session session, unsigned long timeoutMs);
 
 /// Starts `program -listen daemonText` as a detached process. True when it was started; it may not
