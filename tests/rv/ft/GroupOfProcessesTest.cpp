@@ -81,7 +81,7 @@ Spans without(const Spans& spans, const Spans& holes) {
 
 struct Takeover {
     Micros when;
-    Micros heard;  // the last beat of an active member
+    Micros heard;  // the last beat of an active member, or when the daemon came back
 };
 
 // What one member has said.
@@ -91,14 +91,15 @@ struct Diary {
         std::string what;
         Micros first = 0;
         Micros second = 0;
+        Micros connected = 0;  // what was heard before that is no news
         while (lines >> what >> first >> second) {
             if (what == "joined") hasJoined = true;
             if (what == "late") late.push_back({first, second});
             if (what == "disconnected") away.push_back({first, ended});
-            if (what == "connected") away.back().until = first;
+            if (what == "connected") away.back().until = connected = first;
             if (what == "active") {
                 active.push_back({first, ended});
-                takeovers.push_back({first, second});
+                takeovers.push_back({first, std::max(second, connected)});
             }
             if (what == "inactive") active.back().until = first;
         }
