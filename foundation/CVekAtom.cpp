@@ -123,7 +123,7 @@ long long CVekAtom::RAInt64() const {
 }
 
 int CVekAtom::RAUChar(unsigned char** bytes, int* length) const {
-    const bool holdsBytes = m_type == VEK_TYPE_BYTES;
+    const bool holdsBytes = m_type == VEK_TYPE_BYTES && m_bytes != nullptr;
     if (bytes != nullptr) *bytes = holdsBytes ? m_bytes : nullptr;
     if (length != nullptr) *length = holdsBytes ? static_cast<int>(m_length) : 0;
     return holdsBytes ? kvx::kOk : kvx::kWrongAtomType;

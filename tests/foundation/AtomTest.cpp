@@ -52,7 +52,7 @@ TEST(Atom, TellsAnEmptyByteStringFromNone) {
     EXPECT_EQ(length, 0);
 
     const CVekAtom none(static_cast<unsigned char*>(nullptr), 7);
-    EXPECT_EQ(none.RAUChar(&bytes, &length), 1);
+    EXPECT_EQ(none.RAUChar(&bytes, &length), -220532);
     EXPECT_EQ(bytes, nullptr);
     EXPECT_EQ(length, 0);
 
