@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 
 #include "tests/support/EnvironmentVariable.h"
@@ -28,6 +29,10 @@ class Home {
     /// The path of a file below the home.
     std::string file(const std::string& name) const { return directory_.file(name); }
     const std::string& path() const { return directory_.path(); }
+    /// How many files and directories are below it.
+    long files() const {
+        return std::distance(std::filesystem::recursive_directory_iterator(path()), {});
+    }
     /// What a child process needs in its environment to have the same home.
     std::string variable() const { return "KVX_HOME=" + path(); }
 

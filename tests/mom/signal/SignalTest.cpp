@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/prctl.h>
+
 #include <csignal>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,11 +15,15 @@
 #include "mom/signal/CMOMSignalHandler.h"
 #include "mom/signal/CSignalCallback.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Daemon.h"
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/Home.h"
+#include "tests/support/ProcessUsage.h"
 
 using kvx::test::ChildProcess;
+using kvx::test::Daemon;
 using kvx::test::DebugLevel;
+using kvx::test::eventually;
 using kvx::test::Home;
 using kvx::test::outputOf;
 
@@ -48,14 +55,52 @@ struct CountingCallback : CCallbackBase {
 
 }  // namespace
 
-TEST(Signals, EndTheProcessWithStatusZero) {
-    for (const int number : {SIGINT, SIGTERM, SIGUSR1}) {
-        Host host;
-        ASSERT_EQ(host.await("ready"), "ready");
-        host.signal(number);
-        EXPECT_EQ(host.wait(), 0) << number;
-        EXPECT_EQ(host.output(), "ready\n");
+// Wherever a signal finds the process, it takes effect between two events of the bus, and of the
+// process nothing is left.
+TEST(Signals, TakeEffectWhateverTheProcessIsDoing) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);  // what it may leave behind becomes ours
+    Daemon daemon;
+    const Home home(daemon.text());
+    const auto connections = kvx::test::openDescriptors(daemon.pid());
+    const auto files = home.files();
+    struct Run {
+        std::string where;
+        int signal;
+        std::unique_ptr<ChildProcess> host;
+    };
+    const kvx::test::TemporaryDirectory directory;
+    const std::string goOn = directory.file("go on");
+    std::vector<Run> runs;
+    for (const char* where : {"starting", "loop", "callback", "poll"}) {
+        for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGHUP, SIGUSR2}) {
+            runs.push_back({where, signal,
+                            std::make_unique<ChildProcess>(
+                                KVX_SIGNAL_HOST, std::vector<std::string>{where, "0", goOn})});
+        }
     }
+    for (const Run& run : runs) {
+        ASSERT_EQ(run.host->awaitOutput("ready"), "ready") << run.where;
+        run.host->kill(run.signal);
+    }
+    std::ofstream(goOn).flush();
+    for (const Run& run : runs) {
+        SCOPED_TRACE(run.where + " " + std::to_string(run.signal));
+        std::string said = run.where == "callback" ? "ready\ndone\n" : "ready\n";
+        if (run.signal == SIGHUP || run.signal == SIGUSR2) {
+            if (run.signal == SIGHUP) run.host->kill(SIGUSR2);  // it lives
+            EXPECT_EQ(run.host->awaitOutput(levelLine(1)), levelLine(1));
+            said += levelLine(1) + "\n";
+            run.host->kill(SIGTERM);
+        }
+        EXPECT_EQ(run.host->wait(), 0);
+        EXPECT_EQ(run.host->output(), said);
+        EXPECT_EQ(run.host->errors(), "");
+    }
+    EXPECT_TRUE(
+        eventually([&] { return kvx::test::openDescriptors(daemon.pid()) == connections; }));
+    EXPECT_EQ(home.files(), files);
+    daemon.kill();
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a process without a parent";
 }
 
 TEST(Signals, StepTheDebugLevelRoundAndIgnoreAHangUp) {
