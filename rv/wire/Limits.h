@@ -30,11 +30,9 @@ inline constexpr std::size_t kControlCapacity =
     1000;                                          ///< bytes of an init, listen or cancel message
 inline constexpr unsigned kSubjectCapacity = 500;  ///< bytes, encoded; listening and publishing
 inline constexpr unsigned kInboxCapacity = 100;    ///< bytes, encoded; inbox names
-inline constexpr std::size_t kMaxElementLength = 250;  ///< characters of one subject element
 
 inline constexpr long kClientHandshakeMs =
-    5'000;                                    ///< greeting, or the whole negotiation, at the client
-inline constexpr long kKeepaliveMs = 60'000;  ///< silence after which a client sends a keepalive
+    5'000;  ///< greeting, or the whole negotiation, at the client
 
 inline constexpr long kDaemonHandshakeMs = 10'000;  ///< accept to the end of the first init
 inline constexpr std::size_t kDaemonHandshakeBytes =
@@ -44,7 +42,6 @@ inline constexpr long kDaemonProbeMs =
 inline constexpr long kDaemonSilenceMs =
     600'000;  ///< silence, with nothing taken either, after which the daemon closes
 
-inline constexpr std::uint16_t kDefaultPort = 7500;
 inline constexpr const char* kDefaultService = "7500";  ///< what an empty service text means
 
 }  // namespace kvx::wire
