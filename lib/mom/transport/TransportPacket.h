@@ -5,6 +5,8 @@
 #include <optional>
 #include <span>
 
+#include "platform/Export.h"
+
 /// What a transport packet is made of, as bytes in and values out.
 ///
 ///     offset  bytes
@@ -44,7 +46,7 @@ struct Header {
 unsigned char* writeHeader(unsigned char* out, const Header& header);
 
 /// The header of a packet; nothing when the packet is shorter than one.
-std::optional<Header> readHeader(Bytes packet);
+KVX_API std::optional<Header> readHeader(Bytes packet);
 
 /// Writes a length word and then `bytes`, and returns the position behind them.
 unsigned char* writeRecord(unsigned char* out, Bytes bytes);
@@ -59,7 +61,7 @@ class RecordReader {
     explicit RecordReader(Bytes payload) : rest_(payload) {}
 
     /// The next record that is not empty; nothing at the end and at a defect.
-    std::optional<Bytes> next();
+    KVX_API std::optional<Bytes> next();
 
     /// Whether a length word, or a record, ran past the end.
     bool isDefective() const { return defective_; }

@@ -1,0 +1,142 @@
+// Beats as bytes, time as numbers: no bus here.
+
+#include "tools/beats/BeatTable.h"
+
+#include <gtest/gtest.h>
+
+#include "foundation/foundation.h"
+#include "mom/transport/CVekTransport.h"
+#include "tools/beats/ServiceJson.h"
+
+namespace kvx::beats {
+namespace {
+
+using Packet = std::vector<unsigned char>;
+
+// The packets that a transport makes of records.
+Packet packetOf(const std::vector<const CVekBaseRecord*>& records, EVekTransHdr version) {
+    CVekTransport transport(nullptr);
+    for (const auto* record : records) transport.RTAddRecord(record);
+    transport.RTCreatePackets(version, true);
+    const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
+    unsigned char* bytes = nullptr;
+    int length = 0;
+    EXPECT_EQ(packets->RAVGetValue(0)->RAUChar(&bytes, &length), 1);
+    return {bytes, bytes + length};
+}
+
+struct BeatRecord : CVekBaseRecord {
+    explicit BeatRecord(const std::string& service, long long pid = 77, int type = 0) {
+        RRAddOrSetValue("service", new CVekAtom(service.c_str()));
+        RRAddOrSetValue("domain", new CVekAtom("NET"));
+        RRAddOrSetValue("host", new CVekAtom("h1"));
+        RRAddOrSetValue("pid", new CVekAtom(pid));
+        RRAddOrSetValue("type", new CVekAtom(type));
+    }
+    BeatRecord& with(const char* name, CVekAtom* value) {
+        RRAddOrSetValue(name, value);
+        return *this;
+    }
+    Packet packet() const { return packetOf({this}, VEK_TRANS_V0); }
+};
+
+class Beats : public ::testing::Test {
+  protected:
+    bool beat(const std::string& service, Milliseconds now, long long pid = 77, int type = 0) {
+        return table.hear(BeatRecord(service, pid, type).packet(), now);
+    }
+    Service only() const {
+        const auto all = table.services();
+        EXPECT_EQ(all.size(), 1U);
+        return all.empty() ? Service{} : all.front();
+    }
+
+    BeatTable table;
+};
+
+TEST_F(Beats, CountWhatCameAndWhatDidNot) {
+    // The first two beats of an engine are 8.5 s apart, all others 10 s.
+    for (const Milliseconds now : {1500, 10000, 20000, 30900}) EXPECT_TRUE(beat("Model", now));
+    EXPECT_EQ(only().beats, 4U);
+    EXPECT_EQ(only().missed(30900 + 10999), 0U);
+    EXPECT_EQ(only().overdue(30900 + 11000), 1U);
+    EXPECT_EQ(only().overdue(30900 + 31000), 3U);
+    EXPECT_TRUE(beat("Model", 30900 + 31000, 77, 1));
+    EXPECT_EQ(only().overdue(30900 + 31000), 0U);
+    EXPECT_EQ(only().missed(30900 + 42000), 4U);
+    EXPECT_EQ(
+        serviceAsJson(only(), 30900 + 42000),
+        R"({"service":"Model","domain":"NET","host":"h1","pid":77,"role":"primary","age_seconds":11.0,)"
+        R"("known_seconds":71.4,"beats":5,"missed":4,"overdue":1})");
+}
+
+TEST_F(Beats, AreToldApartByProcess) {
+    EXPECT_TRUE(beat("Model", 0, 2, 1));
+    EXPECT_TRUE(beat("Model", 0, 1));
+    EXPECT_TRUE(beat("Class", 0, 2));
+    EXPECT_TRUE(table.hear(BeatRecord("Class", 2).with("domain", new CVekAtom("A")).packet(), 0));
+    EXPECT_TRUE(table.hear(BeatRecord("Class", 2).with("host", new CVekAtom("h0")).packet(), 0));
+    std::string order;
+    for (const auto& service : table.services()) {
+        order += service.beat.service + '/' + service.beat.domain + '/' + service.beat.host + '/' +
+                 std::to_string(service.beat.pid) + roleOf(service.beat)[0] + ' ';
+    }
+    EXPECT_EQ(order,
+              "Class/A/h1/2b Class/NET/h0/2b Class/NET/h1/2b Model/NET/h1/1b Model/NET/h1/2p ");
+}
+
+TEST_F(Beats, ThatAreNoneAreIgnoredAndCounted) {
+    const BeatRecord good("Model");
+    const Packet packet = good.packet();
+    std::vector<Packet> hostile;
+    for (std::size_t length = 0; length < packet.size(); ++length) {
+        hostile.emplace_back(packet.begin(), packet.begin() + static_cast<long>(length));
+    }
+    for (const auto& [offset, value] : std::vector<std::pair<std::size_t, unsigned char>>{
+             {15, 2}, {8, 0x80}, {17, 1}, {19, 1}, {21, 255}, {20, 255}, {24, 255}, {27, 0}}) {
+        hostile.push_back(packet);
+        hostile.back()[offset] = value;
+    }
+    hostile.push_back(packet);
+    hostile.back().push_back(0);
+    hostile.push_back(packetOf({&good, &good}, VEK_TRANS_V1));
+    hostile.push_back(BeatRecord("Model", 0).packet());
+    hostile.push_back(BeatRecord("Model", -5).packet());
+    hostile.push_back(BeatRecord("Model", 77, 2).packet());
+    hostile.push_back(BeatRecord(std::string(256, 'x')).packet());
+    hostile.push_back(BeatRecord("Model").with("pid", new CVekAtom("77")).packet());
+    hostile.push_back(BeatRecord("Model").with("host", new CVekAtom(5)).packet());
+    hostile.push_back(
+        BeatRecord("M").with("more", new CVekAtom(std::string(4096, 'x').c_str())).packet());
+    for (const auto& bytes : hostile) EXPECT_FALSE(table.hear(bytes, 0)) << bytes.size();
+    EXPECT_EQ(table.counters().ignored, hostile.size());
+    EXPECT_TRUE(table.services().empty());
+    EXPECT_TRUE(table.hear(BeatRecord("M").with("more", new CVekAtom(1)).packet(), 0));
+}
+
+TEST_F(Beats, OfTheSilentAreForgotten) {
+    EXPECT_TRUE(beat("Model", 0));
+    EXPECT_TRUE(beat("Class", 1));
+    EXPECT_EQ(table.silent(11000), 1U);
+    table.forgetSilent(kForgetAfter);
+    EXPECT_EQ(only().beat.service, "Class");
+    EXPECT_TRUE(beat("Class", 2 * kForgetAfter));
+    EXPECT_EQ(only().beats, 1U);  // it starts anew
+    EXPECT_EQ(table.counters().forgotten, 2U);
+}
+
+TEST_F(Beats, NeverFillTheMemory) {
+    for (std::size_t i = 0; i < kMostServices; ++i) {
+        EXPECT_TRUE(beat("Model", 0, static_cast<long long>(i) + 1));
+    }
+    EXPECT_TRUE(beat("Model", 1, 1));  // from here on the second one has been silent longest
+    EXPECT_TRUE(beat("Newcomer", 2));
+    const auto all = table.services();
+    ASSERT_EQ(all.size(), kMostServices);
+    EXPECT_EQ(all[0].beat.pid, 1);
+    EXPECT_EQ(all[1].beat.pid, 3);
+    EXPECT_EQ(all.back().beat.service, "Newcomer");
+}
+
+}  // namespace
+}  // namespace kvx::beats

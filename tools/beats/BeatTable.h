@@ -1,0 +1,89 @@
+#pragma once
+
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "tools/beats/Beat.h"
+
+namespace kvx::beats {
+
+using platform::Milliseconds;
+
+inline constexpr Milliseconds kInterval = 10'000;      ///< between two beats of a service
+inline constexpr Milliseconds kTolerance = 1'000;      ///< by which a beat may be late
+inline constexpr Milliseconds kForgetAfter = 600'000;  ///< of silence
+inline constexpr std::size_t kMostServices = 10'000;
+
+/// One process of a service, as its beats tell. Points in time are the table's caller's clock.
+struct Service {
+    Beat beat;  ///< the last one
+    Milliseconds firstHeard = 0;
+    Milliseconds lastHeard = 0;
+    std::uint64_t beats = 0;
+    std::uint64_t missedBefore = 0;  ///< missing between beats that came
+
+    [[nodiscard]] Milliseconds age(Milliseconds now) const { return now - lastHeard; }
+    /// Beats that should have come since the last one.
+    [[nodiscard]] std::uint64_t overdue(Milliseconds now) const;
+    /// All beats that are missing since the first one.
+    [[nodiscard]] std::uint64_t missed(Milliseconds now) const {
+        return missedBefore + overdue(now);
+    }
+};
+
+/// Who has beaten lately: one entry for each process of a service, fed with the packets that arrive
+/// where beats go.
+///
+/// Packets and points in time in, values out; no socket and no clock inside. An entry that has been
+/// silent for ten minutes is dropped, and when 10,000 are full the one that has been silent longest
+/// gives way to a new one. One thread at a time.
+class BeatTable {
+  public:
+    struct Counters {
+        std::uint64_t heard = 0;      ///< beats
+        std::uint64_t ignored = 0;    ///< packets that were no beats
+        std::uint64_t forgotten = 0;  ///< entries that were dropped, for either reason
+    };
+
+    /// Takes one packet in. False, and counted, when it is no beat.
+    bool hear(std::span<const unsigned char> packet, Milliseconds now);
+
+    /// Drops what has been silent for too long.
+    void forgetSilent(Milliseconds now);
+
+    /// All entries, in order of service, domain, host and pid.
+    [[nodiscard]] std::vector<Service> services() const;
+
+    [[nodiscard]] std::size_t size() const { return index_.size(); }
+    /// How many entries have a beat overdue.
+    [[nodiscard]] std::size_t silent(Milliseconds now) const;
+
+    [[nodiscard]] const Counters& counters() const { return counters_; }
+
+  private:
+    struct Key {
+        std::string service;
+        std::string domain;
+        std::string host;
+        std::int64_t pid;
+        auto operator<=>(const Key&) const = default;
+    };
+    using Entries = std::list<Service>;
+
+    static Key keyOf(const Beat& beat) { return {beat.service, beat.domain, beat.host, beat.pid}; }
+    void insert(const Beat& beat, Milliseconds now);
+    void dropOldest();
+
+    Entries entries_;  // the one that has been silent longest first
+    std::map<Key, Entries::iterator> index_;
+    Counters counters_;
+};
+
+}  // namespace kvx::beats
