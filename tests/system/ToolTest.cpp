@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/Home.h"
 #include "tests/system/Installation.h"
 
 namespace kvx::test {
@@ -78,14 +79,38 @@ TEST_F(ToolTest, MeasuresTheDaemon) {
     EXPECT_NE(bench.output.find("2000 messages of 128 bytes"), std::string::npos) << bench.output;
 }
 
-TEST_F(ToolTest, EndsCleanlyOnASignal) {
-    const auto listener = bus_.start("kvx", {"listen", "A"});
+TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {
+    const auto watch = bus_.start("kvx", {"services", "--watch", "--json"});
+    const auto table = bus_.start("kvx", {"services", "--watch"});
+    const auto model = bus_.startModel(bus_.file("devices.csv", "name\ncore1\n"));
+    const std::string pid = std::to_string(model->pid());
+    EXPECT_NE(watch->awaitOutput(R"("service":"Model","domain":"DEFAULT")").find(pid),
+              std::string::npos);
+    EXPECT_NE(table->awaitOutput("Model ").find(pid), std::string::npos);
+    for (const auto& child : {watch.get(), table.get()}) {
+        child->kill(SIGINT);
+        EXPECT_EQ(child->wait(), 0);
+    }
+    EXPECT_EQ(table->output().rfind("SERVICE ", 0), 0U) << table->output();
+    const Ended once = bus_.kvx({"services", "--wait", "0.5", "--json"});
+    EXPECT_NE(once.output.find(R"({"service":"Model","subject":)"), std::string::npos);
+    EXPECT_EQ(bus_.kvx({"services", "--wait", "1", "--watch"}).status, 2);
+}
+
+TEST_F(ToolTest, LeavesNothingBehindWhenASignalEndsIt) {
+    const std::string temporary = bus_.path("");
+    const EnvironmentVariable variable("TMPDIR", temporary);
+    const auto listener = bus_.start("kvx", {"listen", "A", "--service", "9"});
     ASSERT_TRUE(eventually([&] {
-        bus_.kvx({"send", "A", "x=1"});
+        bus_.kvx({"send", "A", "x=1", "--service", "9"});
         return !listener->output().empty();
     }));
     listener->kill(SIGINT);
     EXPECT_EQ(listener->wait(), 0);
+    for (const auto& entry : std::filesystem::directory_iterator(temporary)) {
+        const std::string name = entry.path().filename();
+        EXPECT_TRUE(name == "etc" || name.starts_with("kvx-test-")) << name;
+    }
 }
 
 }  // namespace

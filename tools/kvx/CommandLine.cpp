@@ -109,10 +109,12 @@ class CommandLine {
     }
 
     void addServices() {
-        auto& command = add("services", "list the services that answer", services_, services);
-        command.add_option("--wait", services_.waitSeconds, "seconds to wait for answers")
-            ->check(CLI::Range(0.01, 3600.0))
-            ->capture_default_str();
+        auto& command = add("services", "list the services that are alive", services_, services);
+        auto* wait = command.add_option("--wait", services_.waitSeconds,
+                                        "seconds to listen; services beat every 10 seconds");
+        wait->check(CLI::Range(0.01, 3600.0))->capture_default_str();
+        command.add_flag("--watch", services_.watch, "go on listening, until Ctrl-C")
+            ->excludes(wait);
     }
 
     void addBench() {

@@ -23,7 +23,7 @@ int query(const QueryOptions& options);
 /// ends the process.
 int snoop(const SnoopOptions& options);
 
-/// Lists the services that answer queries.
+/// Lists the services whose beats are heard, and those that answer queries; or watches the beats.
 int services(const ServicesOptions& options);
 
 /// Measures round trips and a stream through the daemon.

@@ -66,7 +66,8 @@ struct SnoopOptions {
 
 struct ServicesOptions {
     Connection connection;
-    double waitSeconds = 1;
+    double waitSeconds = 11;  ///< a beat interval and a little more
+    bool watch = false;
 };
 
 struct BenchOptions {

@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "mom/net/VekText.h"
+#include "tools/kvx/Columns.h"
 #include "tools/kvx/DatumJson.h"
 
 namespace kvx::tool {
@@ -16,26 +17,6 @@ namespace {
 
 std::string valueText(const CVekBaseRecord& record, const std::string& column) {
     return tool::valueText(record.RRGetValue(column.c_str()));
-}
-
-std::string printable(std::string text) {
-    for (char& c : text) {
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
-    }
-    return text;
-}
-
-// Characters that a terminal shows, taking UTF-8 continuation bytes as part of the one before.
-std::size_t width(const std::string& text) {
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xc0U) != 0x80U;
-    }));
-}
-
-void appendPadded(std::string& line, const std::string& text, std::size_t to) {
-    line += text;
-    const std::size_t taken = width(text);
-    if (taken < to) line.append(to - taken, ' ');
 }
 
 std::string csvField(const std::string& text) {
@@ -112,9 +93,9 @@ void Rows::print(RowFormat format, std::FILE* out) const {
 void Rows::printTable(std::FILE* out) const {
     std::vector<std::size_t> widths;
     for (const auto& column : columns_) {
-        std::size_t widest = width(printable(column));
+        std::size_t widest = displayWidth(printable(column));
         for (const auto& record : records_) {
-            widest = std::max(widest, width(printable(valueText(*record, column))));
+            widest = std::max(widest, displayWidth(printable(valueText(*record, column))));
         }
         widths.push_back(widest);
     }

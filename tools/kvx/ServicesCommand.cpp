@@ -1,94 +1,145 @@
-// kvx services: every service's query subject is asked one harmless question; whoever answers, with
-// rows or with a refusal, is there.
+// kvx services: who is alive, from the beats that every running engine sends, and who answers.
+//
+// A look lasts a little longer than one beat interval, because a service that has just beaten says
+// nothing for ten seconds. Watching only listens: asking every service again and again would cost
+// them more than it tells.
 
 #include <fmt/format.h>
 
-#include <chrono>
-#include <deque>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
-#include <set>
 
+#include "platform/Clock.h"
+#include "platform/File.h"
+#include "tools/beats/BeatListener.h"
+#include "tools/beats/BeatTable.h"
+#include "tools/beats/ServiceJson.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/Ticker.h"
+#include "tools/kvx/AnswerProbe.h"
 #include "tools/kvx/Commands.h"
-#include "tools/kvx/DatumJson.h"
-#include "tools/kvx/Query.h"
+#include "tools/kvx/ServicesView.h"
 
 namespace kvx::tool {
 
 namespace {
 
-constexpr const char* kProbeText = "select * from services limit 0";
+constexpr unsigned long kTickMs = 1000;
+constexpr const char* kClearScreen = "\033[H\033[2J";
+constexpr const char* kClearLine = "\r\033[K";
 
-// The probes of one look around, from the question to the table.
-class LookAround {
+using Repeat = bus::Ticker::Repeat;
+
+void printLines(const std::vector<std::string>& lines) {
+    for (const auto& line : lines) fmt::print("{}\n", line);
+}
+
+Colour colourOfOutput() {
+    const char* const noColour = std::getenv("NO_COLOR");
+    const bool refused = noColour != nullptr && *noColour != '\0';
+    return refused || !platform::isTerminal(stdout) ? Colour::Never : Colour::Missing;
+}
+
+// The beats heard so far, and the two ways of showing them.
+class Services {
   public:
-    LookAround(bus::Client& client, unsigned long waitMs) : client_(client) {
-        std::set<std::string> subjects;
-        for (const auto& service : CVekServiceToSubjectMapper::ms_ServiceEnumMap) {
-            const char* subject =
-                CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(service.value);
-            if (subjects.insert(subject).second) add(service.name, subject, waitMs);
-        }
+    Services(bus::Client& client, const ServicesOptions& options)
+        : client_(client), options_(options) {}
+
+    [[nodiscard]] bool listen() { return listener_.listen(client_.net()); }
+
+    int lookOnce(unsigned long waitMs) {
+        AnswerProbe probe(client_.net(), waitMs);
+        std::unique_ptr<bus::Ticker> end;
+        std::unique_ptr<bus::Ticker> progress;
+        const Milliseconds until = platform::monotonicMs() + static_cast<Milliseconds>(waitMs);
+        const int status = client_.runUntilSignal([&] {
+            probe.ask();
+            end = ticker(waitMs, Repeat::Once, [this] { client_.leave(kSuccess); });
+            if (!platform::isTerminal(stderr)) return;
+            progress = ticker(kTickMs, Repeat::Forever, [this, until] { showProgress(until); });
+        });
+        if (progress) fmt::print(stderr, "{}", kClearLine);
+        print(probe.answers());
+        return status;
     }
 
-    int run() {
-        return client_.run([this] {
-            begin_ = Clock::now();
-            for (auto& probe : probes_) {
-                if (!probe.query->ask(probe.subject, kProbeText)) finish(probe);
-            }
+    int watch() {
+        std::unique_ptr<bus::Ticker> refresh;
+        const bool redraws = platform::isTerminal(stdout) && !options_.connection.json;
+        return client_.runUntilSignal([&] {
+            if (redraws) redraw();
+            refresh = ticker(kTickMs, Repeat::Forever, [this, redraws] {
+                table_.forgetSilent(platform::monotonicMs());
+                redraws ? redraw() : printChanges();
+                std::fflush(stdout);
+                if (std::ferror(stdout) != 0) client_.leave(kSuccess);
+            });
         });
     }
 
-    void print(bool json) const {
-        if (!json) fmt::print("{:<16} {:>10}  {}\n", "SERVICE", "ANSWER", "QUERY SUBJECT");
-        for (const auto& probe : probes_) {
-            if (!probe.query->isComplete()) continue;
-            if (json) {
-                fmt::print("{{\"service\":{},\"subject\":{},\"milliseconds\":{:.1f}}}\n",
-                           jsonString(probe.name), jsonString(probe.subject), probe.milliseconds);
-            } else {
-                fmt::print("{:<16} {:>7.1f} ms  {}\n", probe.name, probe.milliseconds,
-                           probe.subject);
+  private:
+    using Milliseconds = platform::Milliseconds;
+
+    std::unique_ptr<bus::Ticker> ticker(unsigned long intervalMs, Repeat repeat,
+                                        std::function<void()> tick) {
+        return std::make_unique<bus::Ticker>(client_.net(), intervalMs, repeat, std::move(tick));
+    }
+
+    void showProgress(Milliseconds until) {
+        fmt::print(stderr, "{}kvx: listening for {} s more, {} heard", kClearLine,
+                   (until - platform::monotonicMs() + kHalfSecond) / 1000, table_.size());
+    }
+
+    void print(const std::vector<Answer>& answers) {
+        const Milliseconds now = platform::monotonicMs();
+        const auto services = table_.services();
+        if (options_.connection.json) {
+            for (const auto& service : services) {
+                fmt::print("{}\n", beats::serviceAsJson(service, now));
             }
+            for (const auto& answer : answers) fmt::print("{}\n", answerAsJson(answer));
+        } else {
+            printLines(serviceLines(services, now, colour_));
+            if (!answers.empty()) fmt::print("\n");
+            printLines(answerLines(answers));
+        }
+        if (services.empty()) bus::complain("no service was heard");
+    }
+
+    void redraw() {
+        fmt::print("{}", kClearScreen);
+        printLines(serviceLines(table_.services(), platform::monotonicMs(), colour_));
+        if (table_.size() == 0) fmt::print("(nothing yet; services beat every 10 seconds)\n");
+        std::fflush(stdout);
+    }
+
+    void printChanges() {
+        const Milliseconds now = platform::monotonicMs();
+        const auto services = table_.services();
+        const auto changed = changes_.since(services, now);
+        if (changed.empty()) return;
+        const auto lines = serviceLines(services, now, colour_);
+        if (!options_.connection.json && !headed_) fmt::print("{}\n", lines.front());
+        headed_ = true;
+        for (const std::size_t i : changed) {
+            fmt::print("{}\n", options_.connection.json ? beats::serviceAsJson(services[i], now)
+                                                        : lines[i + 1]);
         }
     }
 
-    std::size_t answered() const {
-        std::size_t count = 0;
-        for (const auto& probe : probes_) count += probe.query->isComplete() ? 1 : 0;
-        return count;
-    }
-
-  private:
-    using Clock = std::chrono::steady_clock;
-
-    struct Probe {
-        std::string name;
-        std::string subject;
-        std::unique_ptr<Query> query;
-        double milliseconds = 0;
-    };
-
-    void add(const char* name, const char* subject, unsigned long waitMs) {
-        Probe& probe = probes_.emplace_back();
-        probe.name = name;
-        probe.subject = subject;
-        probe.query =
-            std::make_unique<Query>(client_.net(), waitMs, [this, &probe] { finish(probe); });
-    }
-
-    void finish(Probe& probe) {
-        const std::chrono::duration<double, std::milli> spent = Clock::now() - begin_;
-        probe.milliseconds = spent.count();
-        if (++finished_ == probes_.size()) client_.leave(kSuccess);
-    }
+    static constexpr Milliseconds kHalfSecond = 500;
 
     bus::Client& client_;
-    std::deque<Probe> probes_;  // a deque, since the queries' callbacks point into it
-    Clock::time_point begin_;
-    std::size_t finished_ = 0;
+    const ServicesOptions& options_;
+    const Colour colour_ = colourOfOutput();
+    beats::BeatTable table_;
+    beats::BeatListener listener_{
+        [this](auto packet) { table_.hear(packet, platform::monotonicMs()); }};
+    ServiceChanges changes_;
+    bool headed_ = false;
 };
 
 }  // namespace
@@ -97,11 +148,12 @@ int services(const ServicesOptions& options) {
     const auto waitMs = static_cast<unsigned long>(options.waitSeconds * 1000);
     bus::Client client(options.connection, waitMs);
     if (!client.isUp()) return kFailure;
-    LookAround around(client, waitMs);
-    around.run();
-    around.print(options.connection.json);
-    if (around.answered() == 0) bus::complain("no service answered");
-    return kSuccess;
+    Services services(client, options);
+    if (!services.listen()) {
+        bus::complain("cannot listen for beats");
+        return kFailure;
+    }
+    return options.watch ? services.watch() : services.lookOnce(waitMs);
 }
 
 }  // namespace kvx::tool

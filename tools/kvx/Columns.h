@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace kvx::tool {
+
+/// `text` with its control characters as spaces, so that nothing that came over the bus can steer
+/// the terminal.
+std::string printable(std::string text);
+
+/// Characters that a terminal shows, taking UTF-8 continuation bytes as part of the one before.
+std::size_t displayWidth(const std::string& text);
+
+/// Appends `text` and as many spaces as make it `width` characters wide.
+void appendPadded(std::string& line, const std::string& text, std::size_t width);
+
+/// Rows of cells as lines whose columns are aligned, two spaces between them.
+std::vector<std::string> alignedLines(const std::vector<std::vector<std::string>>& rows);
+
+}  // namespace kvx::tool

@@ -1,0 +1,74 @@
+#include "tools/kvx/ServicesView.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "tools/beats/ServiceJson.h"
+#include "tools/kvx/Columns.h"
+#include "tools/kvx/DatumJson.h"
+
+namespace kvx::tool {
+
+namespace {
+
+constexpr const char* kRed = "\033[31m";
+constexpr const char* kPlain = "\033[0m";
+
+std::vector<std::string> cellsOf(const beats::Service& service, beats::Milliseconds now) {
+    const beats::Beat& beat = service.beat;
+    return {printable(beat.service),
+            printable(beat.domain),
+            printable(beat.host),
+            std::to_string(beat.pid),
+            beats::roleOf(beat),
+            fmt::format("{} s", service.age(now) / 1000),
+            std::to_string(service.missed(now))};
+}
+
+}  // namespace
+
+std::vector<std::string> serviceLines(const std::vector<beats::Service>& services,
+                                      beats::Milliseconds now, Colour colour) {
+    std::vector<std::vector<std::string>> rows = {
+        {"SERVICE", "DOMAIN", "HOST", "PID", "ROLE", "AGE", "MISSED"}};
+    for (const auto& service : services) rows.push_back(cellsOf(service, now));
+    std::vector<std::string> lines = alignedLines(rows);
+    for (std::size_t i = 0; colour == Colour::Missing && i < services.size(); ++i) {
+        if (services[i].overdue(now) > 0) lines[i + 1] = kRed + lines[i + 1] + kPlain;
+    }
+    return lines;
+}
+
+std::vector<std::string> answerLines(const std::vector<Answer>& answers) {
+    if (answers.empty()) return {};
+    std::vector<std::vector<std::string>> rows = {{"SERVICE", "ANSWER", "QUERY SUBJECT"}};
+    for (const auto& answer : answers) {
+        rows.push_back(
+            {answer.service, fmt::format("{:.1f} ms", answer.milliseconds), answer.subject});
+    }
+    return alignedLines(rows);
+}
+
+std::string answerAsJson(const Answer& answer) {
+    return fmt::format(R"({{"service":{},"subject":{},"milliseconds":{:.1f}}})",
+                       jsonString(answer.service), jsonString(answer.subject), answer.milliseconds);
+}
+
+std::vector<std::size_t> ServiceChanges::since(const std::vector<beats::Service>& services,
+                                               beats::Milliseconds now) {
+    std::vector<std::size_t> changed;
+    std::map<Key, State> present;
+    for (std::size_t i = 0; i < services.size(); ++i) {
+        const beats::Beat& beat = services[i].beat;
+        const Key key{beat.service, beat.domain, beat.host, beat.pid};
+        const State state{services[i].overdue(now) > 0, beat.hasBeenPrimary};
+        const auto before = last_.find(key);
+        if (before == last_.end() || before->second != state) changed.push_back(i);
+        present.emplace(key, state);
+    }
+    last_ = std::move(present);
+    return changed;
+}
+
+}  // namespace kvx::tool

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "tools/beats/BeatTable.h"
+#include "tools/kvx/AnswerProbe.h"
+
+namespace kvx::tool {
+
+/// Whether services whose beats are missing stand out in red.
+enum class Colour { Never, Missing };
+
+/// The table of services as lines, the heading first; line i + 1 is the i-th service's.
+std::vector<std::string> serviceLines(const std::vector<beats::Service>& services,
+                                      beats::Milliseconds now, Colour colour);
+
+/// The table of who answers as lines, the heading first; none when nobody does.
+std::vector<std::string> answerLines(const std::vector<Answer>& answers);
+
+std::string answerAsJson(const Answer& answer);
+
+/// Which services have changed since the last look: those that are new, that fell silent or came
+/// back, and whose role is another.
+class ServiceChanges {
+  public:
+    /// The positions in `services` of those that changed.
+    std::vector<std::size_t> since(const std::vector<beats::Service>& services,
+                                   beats::Milliseconds now);
+
+  private:
+    using Key = std::tuple<std::string, std::string, std::string, std::int64_t>;
+    struct State {
+        bool silent = false;
+        bool hasBeenPrimary = false;
+        bool operator==(const State&) const = default;
+    };
+
+    std::map<Key, State> last_;
+};
+
+}  // namespace kvx::tool
