@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <pwd.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,6 +31,7 @@ extern "C" {
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <string_view>
 #include <system_error>
 
@@ -370,6 +372,31 @@ std::uint64_t physicalMemoryBytes() noexcept {
     const long pageSize = ::sysconf(_SC_PAGESIZE);
     if (pages <= 0 || pageSize <= 0) return 0;
     return static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize);
+}
+
+ProcessFigures processFigures() {
+    ProcessFigures figures;
+    rusage usage{};
+    if (::getrusage(RUSAGE_SELF, &usage) == 0) {
+        const auto seconds = [](const timeval& time) {
+            return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+        };
+        figures.cpuSeconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
+    }
+    std::uint64_t totalPages = 0;
+    std::uint64_t residentPages = 0;
+    if (std::ifstream("/proc/self/statm") >> totalPages >> residentPages) {
+        figures.residentBytes =
+            residentPages * static_cast<std::uint64_t>(std::max(0L, ::sysconf(_SC_PAGESIZE)));
+    }
+    std::error_code error;
+    const std::filesystem::directory_iterator descriptors("/proc/self/fd", error);
+    if (!error) {
+        // The walk itself has one open.
+        figures.openDescriptors =
+            static_cast<std::uint64_t>(std::distance(begin(descriptors), end(descriptors))) - 1;
+    }
+    return figures;
 }
 
 void exitNow(int status) {

@@ -71,6 +71,14 @@ KVX_API bool sendSignal(unsigned long pid, int signal) noexcept;
 /// The machine's memory in bytes; 0 when unknown.
 [[nodiscard]] KVX_API std::uint64_t physicalMemoryBytes() noexcept;
 
+/// What this process costs. A figure that cannot be had is 0.
+struct ProcessFigures {
+    double cpuSeconds = 0;  ///< of all its threads, in user and system mode
+    std::uint64_t residentBytes = 0;
+    std::uint64_t openDescriptors = 0;
+};
+[[nodiscard]] KVX_API ProcessFigures processFigures();
+
 /// Flushes the standard streams and ends the process at once, without running static destructors
 /// or exit handlers under threads that still live.
 [[noreturn]] KVX_API void exitNow(int status);

@@ -27,6 +27,7 @@ read -r -a flags < <(pkg-config --cflags --libs kvxmom)
 
 echo "every installed program starts"
 for program in rvd kvx modeld; do "$work/prefix/bin/$program" --version; done
+"$work/prefix/bin/rva" -version
 
 echo "every header alone"
 include=$work/prefix/include/kvxmom

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace kvx::rva {
+
+/// Plain HTTP on the loopback: a few paths, each answered by a function.
+///
+/// GET and HEAD only, one request a connection. A request has five seconds and 16 KiB in all; four
+/// threads answer, 32 connections wait for them, and further ones wait in the system.
+class HttpServer {
+  public:
+    struct Answer {
+        int status = 200;
+        std::string type = "text/plain; charset=utf-8";
+        std::string body;
+    };
+    /// Called on any of the server's threads, several at a time.
+    using Handler = std::function<Answer()>;
+
+    HttpServer();
+    /// Stops first.
+    ~HttpServer();
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
+
+    /// Answers `path` with `handler`. Before `start`.
+    void route(const std::string& path, Handler handler);
+
+    /// Starts to serve on `port`, 0 for a free one. False when it cannot be had.
+    [[nodiscard]] bool start(std::uint16_t port);
+
+    /// Stops listening, cuts what is under way short and waits for the threads.
+    void stop();
+
+    /// Where it serves, once started.
+    [[nodiscard]] std::uint16_t port() const;
+
+    /// Requests answered so far. Any thread.
+    [[nodiscard]] std::uint64_t requests() const;
+
+  private:
+    class Listener;
+    std::unique_ptr<Listener> listener_;
+};
+
+}  // namespace kvx::rva

@@ -1,0 +1,125 @@
+// The options have one dash, and every value is the word behind its option, whatever it looks like:
+// the daemon "-" is a daemon.
+
+#include "rva/Options.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <map>
+#include <string_view>
+
+#include "rv/rv.h"
+#include "tools/bus/Complain.h"
+
+namespace kvx::rva {
+
+namespace {
+
+constexpr const char* kUsageText =
+    "usage: rva [-foreground] [-flavor N] [-listen PORT] [-service S] [-network N] [-daemon D]\n"
+    "\n"
+    "The bus agent: hears the services' heartbeats and the bus's advisories, and tells about them\n"
+    "by HTTP on the loopback: /healthz, /readyz, /services.json, /metrics.\n"
+    "\n"
+    "  -foreground  accepted and of no effect: the agent always stays in the foreground\n"
+    "  -flavor N    the system's flavour identifier; another one is refused\n"
+    "  -listen PORT the port to serve on, 0 for a free one; else the configuration file's "
+    "\"rva\",\n"
+    "               else 7600\n"
+    "  -service, -network, -daemon\n"
+    "               where the bus is; else what the configuration file says\n"
+    "  -help, -version\n";
+
+using Values = std::map<std::string, std::string>;
+
+// The values by option, without the dash. Returns an empty text, or what is wrong.
+std::string readValues(int argc, const char* const* argv, Values& values) {
+    static constexpr std::string_view kWithValue[] = {"-flavor", "-listen", "-service", "-network",
+                                                      "-daemon"};
+    static constexpr std::string_view kAlone[] = {"-foreground", "-help", "-version"};
+    const auto isOneOf = [](const auto& options, std::string_view word) {
+        return std::find(std::begin(options), std::end(options), word) != std::end(options);
+    };
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (isOneOf(kAlone, word)) {
+            values[word.substr(1)] = "";
+        } else if (!isOneOf(kWithValue, word)) {
+            return "'" + word + "' is no option";
+        } else if (++i == argc) {
+            return word + " needs a value";
+        } else {
+            values[word.substr(1)] = argv[i];
+        }
+    }
+    return {};
+}
+
+// Moves the value of an option that names a part of the bus. Returns as `readValues`.
+std::string takePart(const Values& values, const char* option, std::string& part) {
+    const auto found = values.find(option);
+    if (found == values.end()) return {};
+    part = found->second;
+    const std::string problem = bus::problemWithPart(part);
+    return problem.empty() ? problem : fmt::format("-{}: {}", option, problem);
+}
+
+std::string evaluate(const Values& values, Options& options) {
+    const auto flavour = values.find("flavor");
+    if (flavour != values.end() && flavour->second != std::to_string(kvx::flavourId)) {
+        return fmt::format("the flavour '{}' is not this system's, which is {}", flavour->second,
+                           kvx::flavourId);
+    }
+    bus::Connection& bus = options.connection;
+    for (const auto& [option, part] :
+         {std::pair("service", &bus.service), std::pair("network", &bus.network),
+          std::pair("daemon", &bus.daemon)}) {
+        if (std::string problem = takePart(values, option, *part); !problem.empty()) return problem;
+    }
+    const auto listen = values.find("listen");
+    if (listen == values.end()) return {};
+    return parseListen(listen->second, options.port.emplace());
+}
+
+}  // namespace
+
+std::string parseListen(const std::string& text, std::uint16_t& port) {
+    std::string_view rest = text;
+    if (rest.starts_with("tcp:")) {
+        rest.remove_prefix(4);
+        const auto colon = rest.rfind(':');
+        const std::string_view host = rest.substr(0, colon == rest.npos ? 0 : colon);
+        if (colon != rest.npos && host != "127.0.0.1" && host != "localhost") {
+            return "'" + text + "': the agent serves on the loopback only";
+        }
+        if (colon != rest.npos) rest.remove_prefix(colon + 1);
+    }
+    const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), port);
+    if (error == std::errc() && end == rest.data() + rest.size()) return {};
+    return "'" + text + "' is no port to listen on";
+}
+
+CommandLine parseCommandLine(int argc, const char* const* argv) {
+    CommandLine result;
+    Values values;
+    std::string problem = readValues(argc, argv, values);
+    if (problem.empty() && values.contains("help")) {
+        fmt::print("{}", kUsageText);
+        result.exitStatus = kSuccess;
+    } else if (problem.empty() && values.contains("version")) {
+        fmt::print("rva {}\n", KVX_VERSION);
+        result.exitStatus = kSuccess;
+    } else {
+        if (problem.empty()) problem = evaluate(values, result.options);
+        if (problem.empty()) return result;
+        bus::complain(problem);
+        fmt::print(stderr, "{}", kUsageText);
+        result.exitStatus = kUsage;
+    }
+    return result;
+}
+
+}  // namespace kvx::rva

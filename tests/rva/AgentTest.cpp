@@ -1,0 +1,126 @@
+// The agent as a process of its own, against a real daemon and a real engine.
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include "mom/mom.h"
+#include "platform/Socket.h"
+#include "tests/support/Home.h"
+#include "tests/support/Nets.h"
+#include "tests/system/Installation.h"
+
+namespace kvx::test {
+namespace {
+
+using Words = std::vector<std::string>;
+
+class AgentTest : public ::testing::Test {
+  protected:
+    static std::unique_ptr<httplib::Response> get(int port, const std::string& path) {
+        httplib::Client http("127.0.0.1", port);
+        if (auto result = http.Get(path)) return std::make_unique<httplib::Response>(*result);
+        return nullptr;
+    }
+    static int statusOf(int port, const std::string& path) {
+        const auto response = get(port, path);
+        return response ? response->status : 0;
+    }
+    static std::string bodyOf(int port, const std::string& path) {
+        const auto response = get(port, path);
+        return response ? response->body : "";
+    }
+    static int freePort() {
+        int error = 0;
+        const auto socket = platform::listenTcp({platform::kLoopbackAddress, 0}, error);
+        return platform::localEndpoint(socket.get())->port;
+    }
+
+    // Starts the agent on a free port; the port, once it serves.
+    int start(Words more = {}) {
+        Words words = {"-foreground", "-flavor", "53", "-listen", "0"};
+        words.insert(words.end(), more.begin(), more.end());
+        agent_ = bus_.start("rva", words);
+        const std::string ready = agent_->awaitOutput("ready");
+        EXPECT_NE(ready, "") << agent_->errors();
+        return ready.empty() ? 0 : std::stoi(ready.substr(ready.rfind(':') + 1));
+    }
+
+    Installation bus_;
+    std::unique_ptr<ChildProcess> agent_;
+};
+
+TEST_F(AgentTest, IsStartedAndStoppedByAService) {
+    Home home(bus_.daemonText());
+    const int port = freePort();
+    std::filesystem::create_symlink(KVX_BIN_DIR "/rva", home.file("bin/rva"));
+    home.writeConfiguration("rendezvous session = { 'daemon' = '" + bus_.daemonText() +
+                            "', 'service' = 'svc', 'rva' = '" + std::to_string(port) + "' };");
+    CVekClient client(2000, "NET1");
+    CVekEngine engine(1, "grp", "NET1", SERV_UNKNOWN);
+    CVekEnv env;
+    client.RRNStartAgent();
+    ASSERT_TRUE(client.m_agentStarted);
+    ASSERT_TRUE(eventually([&] { return statusOf(port, "/readyz") == 200; }));
+
+    engine.REStartHeartBeat("Model", "NET1", &env);
+    ASSERT_TRUE(runUntil(
+        engine, [&] { return bodyOf(port, "/services.json").find("Model") != std::string::npos; },
+        &CVekEngine::REDoIt));
+    EXPECT_NE(bodyOf(port, "/services.json")
+                  .find(R"({"service":"Model","domain":"NET1","host":")" +
+                        std::string(env.RELocalHost()) + R"(","pid":)" +
+                        std::to_string(CVekProcess::Instance().GetPID()) + R"(,"role":"backup")"),
+              std::string::npos);
+    const auto metrics = get(port, "/metrics");
+    ASSERT_TRUE(metrics);
+    EXPECT_NE(metrics->body.find("\nrva_heard_beats_total 1\n"), std::string::npos);
+    EXPECT_NE(metrics->body.find("\nrva_known_services 1\n"), std::string::npos);
+    EXPECT_EQ(metrics->get_header_value("Content-Type"),
+              "application/openmetrics-text; version=1.0.0; charset=utf-8");
+
+    client.RRNStopAgent();
+    EXPECT_FALSE(client.m_agentStarted);
+    EXPECT_EQ(statusOf(port, "/healthz"), 0);
+}
+
+TEST_F(AgentTest, IsNotReadyWhileTheDaemonIsGone) {
+    const int port = start();
+    EXPECT_EQ(statusOf(port, "/readyz"), 200);
+    bus_.daemon().kill(SIGKILL);
+    bus_.daemon().wait();
+    ASSERT_TRUE(eventually([&] { return statusOf(port, "/readyz") == 503; }));
+    EXPECT_EQ(statusOf(port, "/healthz"), 200);
+    EXPECT_NE(bodyOf(port, "/metrics").find("\nrva_lost_sessions_total 1\n"), std::string::npos);
+    EXPECT_NE(agent_->awaitError("the bus daemon is lost"), "");
+    bus_.restartDaemon();
+    ASSERT_TRUE(eventually([&] { return statusOf(port, "/readyz") == 200; }));
+    EXPECT_EQ(bodyOf(port, "/metrics").find("\nrva_bus_warnings_total 0\n"), std::string::npos);
+    agent_->kill(SIGTERM);
+    EXPECT_EQ(agent_->wait(), 0);
+}
+
+TEST_F(AgentTest, EndsWithAReasonWhereItCannotServe) {
+    const int port = start();
+    const std::string taken = std::to_string(port);
+    struct Case {
+        Words words;
+        int status;
+        const char* reason;
+    };
+    for (const Case& one : std::vector<Case>{
+             {{"-listen", taken}, 1, "is the port taken?"},
+             {{"-listen", "0", "-daemon", "udp:1"}, 1, "no session with the bus daemon"},
+             {{"-flavor", "54"}, 2, "flavour '54'"},
+             {{"-listen", "tcp:0.0.0.0:0"}, 2, "loopback only"},
+             {{"-nonsense"}, 2, "'-nonsense' is no option"}}) {
+        const Ended ended = bus_.run("rva", one.words);
+        EXPECT_EQ(ended.status, one.status) << ended.errors;
+        EXPECT_NE(ended.errors.find(one.reason), std::string::npos) << ended.errors;
+        EXPECT_EQ(ended.output, "");
+    }
+    EXPECT_EQ(bus_.run("rva", {"-help"}).status, 0);
+    EXPECT_EQ(bus_.run("rva", {"-version"}).output.rfind("rva ", 0), 0U);
+}
+
+}  // namespace
+}  // namespace kvx::test

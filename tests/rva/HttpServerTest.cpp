@@ -1,0 +1,100 @@
+// What a client may do to the server, and what it may not.
+
+#include "rva/HttpServer.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <chrono>
+#include <vector>
+
+#include "platform/Socket.h"
+
+namespace kvx::rva {
+namespace {
+
+class HttpServerTest : public ::testing::Test {
+  protected:
+    HttpServerTest() {
+        server.route("/a.b", [] { return HttpServer::Answer{.body = "hello"}; });
+        EXPECT_TRUE(server.start(0));
+    }
+
+    platform::Socket connect() const {
+        int error = 0;
+        auto socket = platform::createTcpSocket(error);
+        EXPECT_EQ(
+            platform::connectSocket(socket.get(), {platform::kLoopbackAddress, server.port()}), 0);
+        return socket;
+    }
+    // Sends bytes and returns all that comes back until the end of the stream.
+    std::string exchange(std::string_view bytes) const {
+        const auto socket = connect();
+        while (!bytes.empty()) {
+            const auto sent = platform::sendSome(
+                socket.get(), std::as_bytes(std::span(bytes.data(), bytes.size())));
+            if (sent.error != 0) break;
+            bytes.remove_prefix(sent.bytes);
+        }
+        platform::shutdownSending(socket.get());
+        std::string answer;
+        std::array<char, 1024> buffer{};
+        for (;;) {
+            const auto got =
+                platform::receiveSome(socket.get(), std::as_writable_bytes(std::span(buffer)));
+            if (got.bytes == 0) return answer;
+            answer.append(buffer.data(), got.bytes);
+        }
+    }
+    bool serves() const { return exchange("GET /a.b HTTP/1.1\r\n\r\n").ends_with("\r\n\r\nhello"); }
+
+    HttpServer server;
+};
+
+TEST_F(HttpServerTest, AnswersItsRoutesAndNothingElse) {
+    httplib::Client http("127.0.0.1", server.port());
+    EXPECT_EQ(http.Get("/a.b")->body, "hello");
+    EXPECT_EQ(http.Head("/a.b")->status, 200);
+    EXPECT_EQ(http.Get("/a.b?x=1")->status, 200);
+    for (const char* path : {"/", "/axb", "/a.b/", "/%2e%2e/etc/passwd"}) {
+        EXPECT_EQ(http.Get(path)->status, 404) << path;
+    }
+    EXPECT_EQ(http.Post("/a.b", std::string(100, 'x'), "text/plain")->status, 405);
+    EXPECT_EQ(http.Delete("/a.b")->get_header_value("Allow"), "GET, HEAD");
+    for (const char* range : {"bytes=1-2", "bytes=1000-2000", "bytes=-9"}) {
+        EXPECT_EQ(http.Get("/a.b", {{"Range", range}})->body, "hello") << range;
+    }
+    EXPECT_EQ(server.requests(), 12U);
+    HttpServer second;
+    EXPECT_FALSE(second.start(server.port()));
+}
+
+TEST_F(HttpServerTest, SurvivesWhatIsNoRequest) {
+    const std::string head = "GET /a.b HTTP/1.1\r\n";
+    for (const std::string& bytes :
+         {std::string(1000000, 'x'), "GET /" + std::string(20000, 'y') + " HTTP/1.1\r\n\r\n",
+          head + "X: " + std::string(100000, 'z') + "\r\n\r\n",
+          head + "Range: bytes=" + std::string(8000, '1') + "\r\n\r\n",
+          head + "Content-Length: 99999999999999999999\r\n\r\n", std::string("\r\n\r\n"),
+          std::string(64, '\0'), std::string("GET\r\n\r\n")}) {
+        exchange(bytes);
+        EXPECT_TRUE(serves()) << bytes.substr(0, 40);
+    }
+    std::string headers = head;
+    for (int i = 0; i < 5000; ++i) headers += "N" + std::to_string(i) + ": v\r\n";
+    EXPECT_EQ(exchange(headers + "\r\n").find("hello"), std::string::npos);
+    EXPECT_TRUE(serves());
+}
+
+TEST_F(HttpServerTest, StopsAtOnceWhoeverIsConnected) {
+    ASSERT_TRUE(serves());
+    std::vector<platform::Socket> idle;
+    for (int i = 0; i < 30; ++i) idle.push_back(connect());
+    const auto begin = std::chrono::steady_clock::now();
+    server.stop();
+    // Well before the five seconds that each of them could take.
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4500));
+}
+
+}  // namespace
+}  // namespace kvx::rva
