@@ -103,6 +103,11 @@ TEST(TimedWorkDist, SpreadsLargeRemaindersOverDifferentBuckets) {
             EXPECT_EQ(std::set<int>(keys.begin(), keys.end()).size(), keys.size());
             EXPECT_GE(*std::min_element(keys.begin(), keys.end()), 0);
             EXPECT_LT(*std::max_element(keys.begin(), keys.end()), frequency);
+            const int slice = frequency / count;
+            for (std::size_t i = 1; i < keys.size(); ++i) {
+                EXPECT_GE(keys[i] - keys[i - 1], slice);
+                EXPECT_LE(keys[i] - keys[i - 1], slice + 1);
+            }
         }
     }
     EXPECT_TRUE(errors.take().empty());

@@ -16,6 +16,9 @@
 #include "tests/mom/timed/Polls.h"
 #include "tests/support/ChildProcess.h"
 
+using kvx::test::CountingPoll;
+using kvx::test::eventually;
+
 namespace {
 
 // Which polls have run since the last tick. Work threads write it, the day waits for it.
@@ -225,4 +228,48 @@ TEST(SimulatedDay, RunsEveryPollOnItsTickAcrossChangesOfOtherThreads) {
         }
         EXPECT_TRUE(day.takeLate().empty());
     }
+}
+
+// Polls of frequencies that nobody changes run exactly once a period while others come, go and move
+// at the same time.
+TEST(SimulatedDay, IsTheSameForPollsThatAreLeftAloneWhileOthersChange) {
+    constexpr int kPeriods = 20;
+    constexpr int kRest = 60;  // ticks; a multiple of each frequency below
+    std::vector<std::unique_ptr<CountingPoll>> steady;
+    CountingPoll restless[] = {{"a", 7}, {"b", 7}, {"c", 11}};
+    {
+        CVekTimedWorkMgr manager(nullptr, 2, 1000, 4, nullptr, FALSE);
+        for (int i = 0; i < 60; ++i) {
+            constexpr int kLeftAlone[] = {1, 4, 15, 60};
+            steady.push_back(std::make_unique<CountingPoll>(std::to_string(i), kLeftAlone[i % 4]));
+            EXPECT_EQ(manager.RTWMAddPoll(steady.back().get()), 1);
+        }
+        manager.RTWMDistributePolls();
+        std::atomic<bool> isOver = false;
+        std::vector<std::thread> changers;
+        for (CountingPoll& poll : restless) {
+            changers.emplace_back([&] {
+                for (int round = 0; !isOver; ++round) {
+                    manager.RTWMAddPoll(&poll);
+                    manager.RTWMDistributePolls();
+                    manager.RTWMChangePollFrequency(&poll, round % 2 == 0 ? 11 : 7);
+                    manager.RTWMAddRepeatPoller(&poll);
+                    manager.RTWMDeletePoll(&poll);
+                }
+            });
+        }
+        const auto ran = [&](int ticks) {
+            return std::ranges::all_of(steady, [&](const auto& poll) {
+                return poll->runs == ticks / poll->RTWFrequency();
+            });
+        };
+        for (int tick = 1; tick <= kPeriods * kRest; ++tick) {
+            manager.onTimer(nullptr);
+            if (tick % kRest != 0) continue;
+            EXPECT_TRUE(eventually([&] { return ran(tick); })) << tick;
+        }
+        isOver = true;
+        for (std::thread& changer : changers) changer.join();
+    }
+    for (const auto& poll : steady) EXPECT_EQ(poll->runs, kPeriods * kRest / poll->RTWFrequency());
 }
