@@ -92,8 +92,10 @@ TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {
         EXPECT_EQ(child->wait(), 0);
     }
     EXPECT_EQ(table->output().rfind("SERVICE ", 0), 0U) << table->output();
-    const Ended once = bus_.kvx({"services", "--wait", "0.5", "--json"});
-    EXPECT_NE(once.output.find(R"({"service":"Model","subject":)"), std::string::npos);
+    EXPECT_TRUE(eventually([&] {
+        const Ended once = bus_.kvx({"services", "--wait", "0.5", "--json"});
+        return once.output.find(R"({"service":"Model","subject":)") != std::string::npos;
+    }));
     EXPECT_EQ(bus_.kvx({"services", "--wait", "1", "--watch"}).status, 2);
 }
 
