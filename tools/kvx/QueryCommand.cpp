@@ -4,10 +4,12 @@
 
 #include <chrono>
 #include <memory>
+#include <utility>
 
 #include "mom/net/VekText.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/kvx/AnswerDecoder.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Query.h"
 #include "tools/kvx/Rows.h"
@@ -84,8 +86,8 @@ int showRefusal(const QueryOptions& options, const Rows& rows, EVekStoreErrorSta
 
 int showAnswer(const QueryOptions& options, Query& query, double seconds) {
     Rows rows;
-    const std::unique_ptr<CVekBag> bag(query.transport().RTDecodes());
-    const std::size_t bad = rows.add(*bag);
+    Decoded decoded = decodeAnswer(query.transport());
+    rows.add(std::move(decoded.records));
     const EVekStoreErrorStatus status = query.transport().RTError();
     if (status != STORE_COMPLETE && status != STORE_ZERO_MATCHES) {
         return showRefusal(options, rows, status);
@@ -95,8 +97,8 @@ int showAnswer(const QueryOptions& options, Query& query, double seconds) {
     std::FILE* out = format == RowFormat::Table ? stdout : stderr;
     if (status == STORE_ZERO_MATCHES) fmt::print(out, "{}\n", statusText(status));
     fmt::print(out, "{}\n", summary(rows, query.totals(), seconds));
-    if (bad == 0) return kSuccess;
-    bus::complain(plural(bad, "record") + " of the answer could not be read");
+    if (decoded.bad == 0) return kSuccess;
+    bus::complain(plural(decoded.bad, "record") + " of the answer could not be read");
     return kFailure;
 }
 

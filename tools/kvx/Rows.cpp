@@ -6,6 +6,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 #include "mom/net/VekText.h"
 #include "tools/kvx/Columns.h"
@@ -50,24 +52,9 @@ std::string jsonValue(const CVekAtom* value) {
     return integer ? std::to_string(value->RAInt64()) : jsonString(valueText(value));
 }
 
-std::size_t Rows::add(CVekBag& bag) {
-    std::size_t bad = 0;
-    for (unsigned i = 0; i < bag.RBSize(); ++i) {
-        const std::unique_ptr<CVekAtom> atom(static_cast<CVekAtom*>(bag.RBGet(i)));
-        unsigned char* bytes = nullptr;
-        int length = 0;
-        std::unique_ptr<CVekBaseRecord> record;
-        if (atom->RAUChar(&bytes, &length) == 1) {
-            record.reset(CVekBaseRecord::ROMDecode(bytes, length));
-        }
-        if (!record) {
-            ++bad;
-            continue;
-        }
-        noteColumns(*record);
-        records_.push_back(std::move(record));
-    }
-    return bad;
+void Rows::add(std::vector<std::unique_ptr<CVekBaseRecord>> records) {
+    for (const auto& record : records) noteColumns(*record);
+    std::move(records.begin(), records.end(), std::back_inserter(records_));
 }
 
 void Rows::noteColumns(const CVekBaseRecord& record) {

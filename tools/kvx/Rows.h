@@ -19,9 +19,7 @@ std::string jsonValue(const CVekAtom* value);
 /// The rows of an answer, as records came in, with their columns in order of first appearance.
 class Rows {
   public:
-    /// Takes the records out of `bag` (byte-string atoms, which are deleted). Returns how many of
-    /// them were no records.
-    std::size_t add(CVekBag& bag);
+    void add(std::vector<std::unique_ptr<CVekBaseRecord>> records);
 
     std::size_t size() const { return records_.size(); }
     const CVekBaseRecord& at(std::size_t row) const { return *records_[row]; }
