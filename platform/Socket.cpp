@@ -130,6 +130,13 @@ Socket createTcpSocket(int& error) noexcept {
     return handle < 0 ? Socket() : Socket(handle);
 }
 
+std::pair<Socket, Socket> createSocketPair(int& error) noexcept {
+    std::array<int, 2> ends{kNoSocket, kNoSocket};
+    const int kind = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
+    error = resultOf(::socketpair(AF_UNIX, kind, 0, ends.data()));
+    return {Socket(ends[0]), Socket(ends[1])};
+}
+
 void closeSocket(SocketHandle socket) noexcept {
     ::close(socket);
 }

@@ -96,6 +96,10 @@ class KVX_API Socket {
 /// A new blocking TCP socket; an empty one, with the reason in `error`, when there is none to be
 /// had.
 [[nodiscard]] KVX_API Socket createTcpSocket(int& error) noexcept;
+
+/// Two non-blocking sockets of this process that are connected with each other: what a thread
+/// writes into one end wakes whoever waits for the other. Both are empty when `error` is not 0.
+[[nodiscard]] KVX_API std::pair<Socket, Socket> createSocketPair(int& error) noexcept;
 KVX_API void closeSocket(SocketHandle socket) noexcept;
 
 /// True when `socket` is an open descriptor of a socket (not of a file or a pipe).

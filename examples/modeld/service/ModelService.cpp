@@ -71,6 +71,7 @@ bool ModelService::openStores(std::string& reason) {
 
 bool ModelService::start(std::string& reason) {
     if (!openStores(reason)) return false;
+    if (!promptSender_.start()) Log::warning("answers wait for the tick of the send queue");
     pool_ = std::make_unique<CVekServPool>(settings_.threads, this);
     pool_->RSPLaunchThreads(answerOne);
     const std::string begun = begunSubject(querySubject());
@@ -116,7 +117,7 @@ void ModelService::onData(const char* subject, RvSender* replyTo, const RvDatum&
     const bool active = role_.isActive();
     if (text) question.text = textOf(text.get());
     if (!text) {
-        if (active) refuse(engine_, question, "this is no query");
+        if (active) refuseNow(question, "this is no query");
     } else if (active) {
         answerLater(std::move(question));
     } else {
@@ -131,7 +132,7 @@ void ModelService::BegunListener::onData(const char*, RvSender*, const RvDatum& 
 void ModelService::answerLater(Question question) {
     if (waiting_.fetch_add(1) >= kMaxWaiting) {
         --waiting_;
-        refuse(engine_, question, "too many questions are waiting");
+        refuseNow(question, "too many questions are waiting");
         return;
     }
     auto item = std::make_unique<Question>(std::move(question));
@@ -140,6 +141,11 @@ void ModelService::answerLater(Question question) {
     } else {
         --waiting_;
     }
+}
+
+void ModelService::refuseNow(const Question& question, const std::string& reason) {
+    refuse(engine_, question, reason);
+    promptSender_.wake();
 }
 
 void ModelService::answerOne(void* item, void* service) {
@@ -154,6 +160,7 @@ void ModelService::answerQuestion(const Question& question) {
     const auto begin = std::chrono::steady_clock::now();
     auto store = borrowStore();
     const Verdict verdict = answer(engine_, *store, question);
+    promptSender_.wake();
     returnStore(std::move(store));
     const std::chrono::duration<double, std::milli> spent =
         std::chrono::steady_clock::now() - begin;

@@ -10,6 +10,7 @@
 
 #include "examples/modeld/service/Answer.h"
 #include "examples/modeld/service/HeldQuestions.h"
+#include "examples/modeld/service/PromptSender.h"
 #include "examples/modeld/service/RoleWatch.h"
 #include "examples/modeld/store/Store.h"
 #include "mom/mom.h"
@@ -78,6 +79,7 @@ class ModelService : public RvDataCallback {
     [[nodiscard]] bool openStores(std::string& reason);
     void roleChanged(bool active);
     void answerLater(Question question);
+    void refuseNow(const Question& question, const std::string& reason);
     static void answerOne(void* item, void* service);
     void answerQuestion(const Question& question);
     void waitForRoomInSendQueue() const;
@@ -97,6 +99,7 @@ class ModelService : public RvDataCallback {
     RoleWatch role_;
     HeldQuestions held_;
     BegunListener begunListener_{held_};
+    PromptSender promptSender_{engine_};
 
     // Guarded by storesMutex_: connections that no thread uses at the moment.
     std::mutex storesMutex_;
