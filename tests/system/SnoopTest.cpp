@@ -52,6 +52,10 @@ TEST_F(SnoopTest, ShowsTheRowsThatASourceChanges) {
     EXPECT_EQ(text->output().find("name=a"), std::string::npos) << "it did not change";
     model->kill(SIGTERM);
     EXPECT_EQ(model->wait(), 0) << model->errors();
+
+    const auto again = bus_.startModel(bus_.file("devices.csv", "name,ports\na,1\nb,21\nd,\n"),
+                                       {"--watch-source", "1"});
+    EXPECT_NE(json->awaitOutput(R"({"name":"b","ports":21}})"), "") << "changed while it was away";
 }
 
 TEST_F(SnoopTest, LeavesAfterSoManyRowsAndTellsNonsense) {

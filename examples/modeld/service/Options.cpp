@@ -18,8 +18,8 @@ std::string checkService(const std::string& name) {
 void addOptions(CLI::App& app, Options& options, std::string& service) {
     app.add_option("--db", options.database, "the SQLite database")->capture_default_str();
     app.add_option("--load", options.files,
-                   "fill the table anew from comma-separated files before answering, then "
-                   "follow their changes")
+                   "fill the table from comma-separated files before answering, then follow their "
+                   "changes")
         ->check(CLI::ExistingFile);
     app.add_option("--table", options.table, "the table to fill")->capture_default_str();
     app.add_option("--key", options.key, "a column of the table to index");

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <functional>
 
+#include "examples/modeld/polls/ChangeNotice.h"
 #include "examples/modeld/polls/Polls.h"
 #include "examples/modeld/service/Log.h"
 #include "examples/modeld/service/ModelService.h"
@@ -50,15 +51,31 @@ std::string notifySubject(CVekEngine& engine, __serv_types service) {
     return subject ? subject.get() : "";
 }
 
+// Fills the table anew; or, when somebody will publish it, finds what has changed since the table
+// was filled, perhaps while no member ran.
+std::optional<Refusal> fill(Store& store, const Options& options, const Progress& progress) {
+    const Source source = sourceOf(options);
+    if (options.watchSource == 0 || !store.hasTable(options.table)) {
+        return store.load(source, progress);
+    }
+    Refreshed done;
+    const auto refusal = store.refresh(
+        source,
+        [&](Change change, const Row& row) { return changeNotice(options.table, change, row); },
+        done, progress);
+    if (!refusal) Log::info("{} rows differed from the table that was there", done.all());
+    return refusal;
+}
+
 bool load(const Options& options) {
     if (options.files.empty()) return true;
     const auto begin = std::chrono::steady_clock::now();
     Refusal refusal;
-    auto store = Store::open(options.database, Store::Access::ReadWrite, refusal);
+    const auto store = Store::open(options.database, Store::Access::ReadWrite, refusal);
     std::uint64_t rows = 0;
     std::optional<Refusal> problem = refusal;
     if (store) {
-        problem = store->load(sourceOf(options), [&](std::uint64_t done) {
+        problem = fill(*store, options, [&](std::uint64_t done) {
             rows = done;
             showProgress(done);
         });

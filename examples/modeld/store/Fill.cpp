@@ -167,9 +167,19 @@ std::optional<Refusal> indexKey(sqlite3* database, const Source& source) {
     if (key == nullptr) {
         return Refusal{StoreError::NoColumn, "no column '" + source.key + "' to index", 0};
     }
-    const std::string index = "CREATE INDEX " + sql::quoted(source.table + "_key") + " ON " +
-                              sql::quoted(source.table) + " (" + sql::quoted(key->first) + ")";
-    if (!sql::execute(database, index)) return failed(database, "indexing the table");
+    const std::string name = source.table + "_key";
+    const sql::Statement indexed =
+        sql::bind(database, {"SELECT name FROM pragma_index_info(?)", {oql::Literal(name)}});
+    if (indexed && sqlite3_step(indexed.get()) == SQLITE_ROW &&
+        Row(indexed.get()).text(0) == key->first) {
+        return std::nullopt;
+    }
+    if (!sql::execute(database, "DROP INDEX IF EXISTS main." + sql::quoted(name)) ||
+        !sql::execute(database, "CREATE INDEX main." + sql::quoted(name) + " ON " +
+                                    sql::quoted(source.table) + " (" + sql::quoted(key->first) +
+                                    ")")) {
+        return failed(database, "indexing the table");
+    }
     return std::nullopt;
 }
 

@@ -17,7 +17,7 @@ Refusal failed(sqlite3* database, const std::string& doing);
 std::optional<Refusal> fillTable(sqlite3* database, const Source& source, const std::string& table,
                                  const Progress& progress);
 
-/// Indexes the key column of `source.table`, when it has one.
+/// Indexes the key column of `source.table`, when it has one and it is not indexed yet.
 std::optional<Refusal> indexKey(sqlite3* database, const Source& source);
 
 }  // namespace modeld

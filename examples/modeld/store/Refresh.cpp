@@ -58,9 +58,9 @@ bool Refresh::all(std::initializer_list<std::string> commands) {
     });
 }
 
-std::optional<Refusal> Refresh::stage() {
+std::optional<Refusal> Refresh::stage(const Progress& progress) {
     if (!sql::execute(database_, "BEGIN")) return failed(database_, "reading the files");
-    auto refusal = fillTable(database_, source_, kStaged, {});
+    auto refusal = fillTable(database_, source_, kStaged, progress);
     if (!sql::execute(database_, refusal ? "ROLLBACK" : "COMMIT") && !refusal) {
         refusal = failed(database_, "reading the files");
     }
@@ -86,8 +86,9 @@ std::optional<Refusal> Refresh::apply(const Describe& describe, Refreshed& done)
             return refusal;
         }
     }
-    if (present_.columns != staged_.columns) return replaceTable();
-    return done.all() == 0 ? std::nullopt : changeRows();
+    const bool sameColumns = present_.columns == staged_.columns;
+    if (auto refusal = sameColumns ? changeRows() : replaceTable()) return refusal;
+    return indexKey(database_, source_);
 }
 
 // The key, or without one the whole row, as a text that is never null.
@@ -187,8 +188,7 @@ std::optional<Refusal> Refresh::replaceTable() {
     const bool done =
         all({"DROP TABLE IF EXISTS " + table, "CREATE TABLE " + table + " (" + columns + ")",
              "INSERT INTO " + table + " SELECT * FROM " + kStaged + " ORDER BY " + rowid_});
-    if (!done) return failed(database_, "replacing the table");
-    return indexKey(database_, source_);
+    return done ? std::nullopt : std::optional(failed(database_, "replacing the table"));
 }
 
 bool hasNotices(sqlite3* database) {

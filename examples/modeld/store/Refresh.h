@@ -24,7 +24,7 @@ class Refresh {
     Refresh& operator=(const Refresh&) = delete;
 
     /// Reads the files into a table that only this connection sees.
-    [[nodiscard]] std::optional<Refusal> stage();
+    [[nodiscard]] std::optional<Refusal> stage(const Progress& progress);
 
     /// Finds the differences, keeps a notice of each, and makes the table equal to what was staged.
     [[nodiscard]] std::optional<Refusal> apply(const Describe& describe, Refreshed& done);

@@ -86,11 +86,15 @@ std::optional<Refusal> Store::load(const Source& source, const Progress& progres
     });
 }
 
+bool Store::hasTable(const std::string& name) const {
+    return sql::describe(database_.get(), name).has_value();
+}
+
 std::optional<Refusal> Store::refresh(const Source& source, const Describe& describe,
-                                      Refreshed& done) {
+                                      Refreshed& done, const Progress& progress) {
     sqlite3* database = database_.get();
     Refresh refresh(database, source);
-    if (auto refusal = refresh.stage()) return refusal;
+    if (auto refusal = refresh.stage(progress)) return refusal;
     return inTransaction(database, "bringing the table up to date",
                          [&] { return refresh.apply(describe, done); });
 }

@@ -80,11 +80,15 @@ class Store {
     /// Column names become lower case, with an underscore for whatever is no letter or digit.
     std::optional<Refusal> load(const Source& source, const Progress& progress);
 
+    /// Whether there is a table of that name that queries can reach.
+    bool hasTable(const std::string& name) const;
+
     /// Brings `source.table` in line with its files by changing only the rows that differ. Rows are
     /// the same when their keys are; without a key, or of one key twice, the values and the order
     /// tell. In one transaction with the changes it keeps the notices that `describe` makes of
     /// them, until somebody takes them. On a refusal everything is as it was before.
-    std::optional<Refusal> refresh(const Source& source, const Describe& describe, Refreshed& done);
+    std::optional<Refusal> refresh(const Source& source, const Describe& describe, Refreshed& done,
+                                   const Progress& progress = {});
 
     /// Shows all kept notices to `visit`, the oldest first, and forgets them. A notice may be shown
     /// again later when this process dies, or is refused, in between.

@@ -178,6 +178,8 @@ TEST_F(StoreTest, RefreshWithoutAKeyComparesWholeRows) {
     EXPECT_EQ(refresh("name,ports\na,1\na,1\nb,2\n", ""), "+a,1;+a,1;+b,2;") << "no table before";
     EXPECT_EQ(refresh("name,ports\na,1\nb,3\n\"a','b\",1\n", ""), "-a,1;-b,2;+b,3;+a','b,1;");
     EXPECT_EQ(rows(), "a,1;b,3;a','b,1;");
+    EXPECT_TRUE(store_->hasTable("devices"));
+    EXPECT_FALSE(store_->hasTable("_modeld_notices"));
 }
 
 TEST_F(StoreTest, RefreshFromABadSourceChangesAndTellsNothing) {
