@@ -2,14 +2,13 @@
 
 #include <array>
 #include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "mom/engine/CVekClient.h"
 #include "mom/engine/CVekEngine.h"
-#include "mom/engine/CVekQryInfo.h"
-#include "mom/transport/CVekTransport.h"
-#include "tests/support/ChildProcess.h"
 #include "tests/support/Daemon.h"
-#include "tests/support/ErrorRecorder.h"
 #include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 
@@ -17,58 +16,13 @@ using namespace kvx::test;
 
 namespace {
 
-const char* const kModelQuery = CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(SERV_MODEL);
-
 class Bus : public ::testing::Test {
   protected:
-    // The records that answer `oql`, asked through `engine` or, without one, through `net`.
-    int ask(const std::string& oql, CVekEngine* engine, CVekRvNet* net) {
-        CVekTransport transport(nullptr);
-        OnData collect([&](const char*, RvSender*, const RvDatum& datum, RvListener*) {
-            RvMsg message(const_cast<rvmsg_Msg>(datum.data()));
-            EXPECT_EQ(transport.RTAddMessage(&message), 1);
-            ++packets;
-        });
-        packets = 0;
-        const auto complete = [&] { return packets > 0 && transport.RTDone() == TRUE; };
-        EXPECT_EQ(CVekQryInfo::RQISendOQL(oql.c_str(), kModelQuery, &collect, engine, net, TRUE),
-                  1);
-        EXPECT_TRUE(engine != nullptr ? runUntil(*engine, complete, &CVekEngine::REDoIt)
-                                      : runUntil(*net, complete));
-        const std::unique_ptr<CVekBag> records(transport.RTDecodes());
-        status = transport.RTError();
-        for (unsigned i = 0; i < records->RBSize(); ++i) {
-            delete static_cast<CVekAtom*>(records->RBGet(i));
-        }
-        return static_cast<int>(records->RBSize());
-    }
-
     Daemon daemon;
     Home home{daemon.text()};
-    ErrorRecorder errors;
-    int packets = 0;
-    EVekStoreErrorStatus status = STORE_COMPLETE;
 };
 
 }  // namespace
-
-TEST_F(Bus, AnEngineOfAnotherProcessAnswersQueries) {
-    ChildProcess service(ANSWERING_ENGINE, {});
-    ASSERT_NE(service.awaitOutput("ready"), "") << service.errors();
-    {
-        CVekClient client(5000, "NET");
-        EXPECT_EQ(ask("rows 3", nullptr, &client), 3);
-        EXPECT_EQ(packets, 1);
-        EXPECT_EQ(ask("rows 0", nullptr, &client), 0);
-        EXPECT_EQ(status, STORE_ZERO_MATCHES);
-    }
-    CVekEngine engine(1, "asking", "NET", SERV_UNKNOWN);
-    EXPECT_EQ(ask("rows 2550", &engine, nullptr), 2550);
-    EXPECT_EQ(packets, 26);
-    EXPECT_EQ(ask("stop", &engine, nullptr), 0);
-    EXPECT_EQ(service.wait(), 0) << service.errors();
-    EXPECT_EQ(errors.take(), std::vector<Report>{});
-}
 
 TEST_F(Bus, LosesNothingOfEightThreadsAndKeepsTheOrderOfEach) {
     constexpr int kThreads = 8;
@@ -120,53 +74,15 @@ TEST_F(Bus, MakesOneSenderPerSubjectAndForgetsOldInboxes) {
 }
 
 TEST_F(Bus, ARequestThatNobodyAnswersTimesOut) {
-    struct Waiting : RvDataCallback {
-        void onData(const char*, RvSender*, const RvDatum&, RvListener*) override { ++answers; }
-        void onTimeout(RvListener* listener) override { inbox = listener->subject(); }
-        int answers = 0;
-        std::string inbox;
-    } waiting;
+    std::string inbox;
+    OnData waiting;
+    waiting.callOnTimeout = [&](RvListener* listener) { inbox = listener->subject(); };
     CVekClient client(30, "NET");
     RvDatum datum(RVMSG_STRING, 2, "x");
     ASSERT_EQ(client.RRNSend("NOBODY", datum, &waiting), 1);
-    EXPECT_TRUE(runUntil(client, [&] { return !waiting.inbox.empty(); }));
-    EXPECT_EQ(waiting.answers, 0);
-    EXPECT_NE(client.m_listeners->RTLGet(waiting.inbox.c_str()), nullptr);
-    EXPECT_EQ(client.RRNRemoveListener(waiting.inbox.c_str()), 1);
-    EXPECT_EQ(client.m_listeners->RTLGet(waiting.inbox.c_str()), nullptr);
-}
-
-TEST_F(Bus, OneEngineOfAGroupIsActiveAndTheOtherTakesOver) {
-    const std::string said = outputOf([&] {
-        CVekEngine watcher(1, "watching", "NET", SERV_UNKNOWN);
-        auto first = std::make_unique<CVekEngine>(1, "grp", "NET", SERV_MODEL);
-        const auto second = std::make_unique<CVekEngine>(1, "grp", "NET", SERV_MODEL);
-        const auto isActive = [](CVekEngine& engine) { return engine.REIsActive() == TRUE; };
-        EXPECT_TRUE(runUntil(watcher, [&] { return isActive(*first) || isActive(*second); }));
-        EXPECT_NE(isActive(*first), isActive(*second));
-        EXPECT_TRUE(isActive(*first));  // it joined earlier
-        first.reset();
-        EXPECT_TRUE(runUntil(watcher, [&] { return isActive(*second); }));
-    });
-    const auto became = said.find("Becoming Primary for tier 1\n");
-    EXPECT_NE(became, std::string::npos) << said;
-    EXPECT_NE(said.find("Becoming Primary for tier 1\n", became + 1), std::string::npos) << said;
-}
-
-TEST_F(Bus, HeartbeatsArriveOnTheControlSubject) {
-    CVekEngine engine(1, "grp", "NET", SERV_UNKNOWN);
-    CVekEnv env;
-    std::vector<std::string> heard;
-    OnData listen([&](const char* subject, RvSender*, const RvDatum& datum, RvListener*) {
-        RvMsg message(const_cast<rvmsg_Msg>(datum.data()));
-        CVekTransport transport(nullptr);
-        EXPECT_EQ(transport.RTAddMessage(&message), 1);
-        heard.emplace_back(subject);
-    });
-    ASSERT_EQ(engine.RRNAddExService("ZEMBRALIX.3.0.CTRL.NOTIFY", &listen), 1);
-    engine.REStartHeartBeat("Model", "NET", &env);
-    engine.REStartHeartBeat("Class", "NET", &env);  // the first one's first beat comes too
-    EXPECT_TRUE(runUntil(
-        engine, [&] { return heard.size() == 2; }, &CVekEngine::REDoIt));
-    EXPECT_EQ(heard, std::vector<std::string>(2, "ZEMBRALIX.3.0.CTRL.NOTIFY"));
+    EXPECT_TRUE(runUntil(client, [&] { return !inbox.empty(); }));
+    EXPECT_EQ(waiting.messages, 0);
+    EXPECT_NE(client.m_listeners->RTLGet(inbox.c_str()), nullptr);
+    EXPECT_EQ(client.RRNRemoveListener(inbox.c_str()), 1);
+    EXPECT_EQ(client.m_listeners->RTLGet(inbox.c_str()), nullptr);
 }

@@ -41,7 +41,7 @@ TEST_F(Group, NamesEngineAndGroup) {
     EXPECT_STREQ(engine.m_groupName.get(), "modelsrv.7");
 }
 
-TEST_F(Group, StartsWithItsFlagsAndKeepsThem) {
+TEST_F(Group, StartsReadyForNothingButTheLead) {
     CVekEngine engine(1, strdup("grp"), strdup("NET"), SERV_UNKNOWN);
     EXPECT_EQ(engine.REIsReady(), FALSE);
     EXPECT_EQ(engine.REIsLeader(), TRUE);
@@ -49,12 +49,6 @@ TEST_F(Group, StartsWithItsFlagsAndKeepsThem) {
     EXPECT_EQ(engine.REIsConsumer(), FALSE);
     EXPECT_EQ(engine.REGetMaxSendRate(), 150UL);
     EXPECT_EQ(engine.m_ftMemberId, nullptr);
-    engine.REReady(TRUE);
-    engine.RESetHighestTier(FALSE);
-    engine.RESetConsumer(TRUE);
-    EXPECT_EQ(engine.REIsReady(), TRUE);
-    EXPECT_EQ(engine.REIsLeader(), FALSE);
-    EXPECT_EQ(engine.REIsConsumer(), TRUE);
     EXPECT_EQ(errors.take(), std::vector<Report>{});
 }
 

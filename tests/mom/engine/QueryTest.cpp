@@ -4,7 +4,6 @@
 
 #include "mom/engine/CVekClient.h"
 #include "mom/engine/CVekClientSender.h"
-#include "mom/engine/CVekDummyCallback.h"
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekQryInfo.h"
 #include "mom/engine/CVekSnoop.h"
@@ -26,13 +25,13 @@ class Query : public ::testing::Test {
 
     Home home{"-"};
     ErrorRecorder errors;
-    OnData ignore{[](const char*, RvSender*, const RvDatum&, RvListener*) {}};
+    CVekEngine engine{1, "grp", "NET", SERV_UNKNOWN};
+    OnData ignore;
 };
 
 }  // namespace
 
 TEST_F(Query, TravelsAsAMessageOfTextAndVersion) {
-    CVekEngine engine(1, "grp", "NET", SERV_UNKNOWN);
     EXPECT_EQ(CVekQryInfo::RQISendOQL("select * from x", "S", &ignore, &engine, nullptr, TRUE), 1);
     const std::unique_ptr<CVekSendQueueItem> item(engine.RENextSendItem());
     ASSERT_NE(item, nullptr);
@@ -72,7 +71,6 @@ TEST_F(Query, MayBeAStringButNothingElse) {
 }
 
 TEST_F(Query, NeedsTextSubjectAndANetwork) {
-    CVekEngine engine(1, "grp", "NET", SERV_UNKNOWN);
     EXPECT_EQ(CVekQryInfo::RQISendOQL(nullptr, "S", &ignore, &engine, nullptr, TRUE), -220402);
     EXPECT_EQ(CVekQryInfo::RQISendOQL("q", nullptr, &ignore, &engine, nullptr, TRUE), -220402);
     EXPECT_EQ(CVekQryInfo::RQISendOQL("q", "S", &ignore, nullptr, nullptr, TRUE), -220402);
@@ -83,15 +81,10 @@ TEST_F(Query, NeedsTextSubjectAndANetwork) {
               (std::vector<Report>{{-220552, "CVekQryInfo", 100, "CVekQryInfo::CVekQryInfo"}}));
 }
 
-// --- Snooping --------------------------------------------------------------------------------
-
 TEST_F(Query, ASnoopHandsCopiesToItsPool) {
     CVekServPool pool(0, nullptr);
     CVekSnoop snoop(&pool);
-    {
-        std::string text = "update";
-        snoop.onData("S", nullptr, RvDatum(RVMSG_STRING, 7, text.c_str()), nullptr);
-    }
+    snoop.onData("S", nullptr, RvDatum(RVMSG_STRING, 7, std::string("update").c_str()), nullptr);
     const std::unique_ptr<CVekUpdWork> work(static_cast<CVekUpdWork*>(pool.RSPTakeWorkDetail()));
     ASSERT_NE(work, nullptr);
     EXPECT_EQ(work->RUWSnooper(), &snoop);
@@ -126,7 +119,6 @@ TEST_F(Query, ASnoopReportsAPoolThatRefuses) {
 }
 
 TEST_F(Query, ASnoopKeepsItsFirstTransport) {
-    CVekEngine engine(1, "grp", "NET", SERV_UNKNOWN);
     CVekSnoop snoop(nullptr);
     snoop.RSTransport(nullptr);
     EXPECT_EQ(snoop.RSTransport(), nullptr);
@@ -136,8 +128,6 @@ TEST_F(Query, ASnoopKeepsItsFirstTransport) {
     EXPECT_NE(first, nullptr);
     EXPECT_EQ(snoop.RSTransport(), first);
 }
-
-// --- The client ------------------------------------------------------------------------------
 
 TEST_F(Query, AClientSenderSendsOnceAndIsGone) {
     CVekClient client(0, "NET");
@@ -159,10 +149,4 @@ TEST_F(Query, AClientSenderSendsOnceAndIsGone) {
     EXPECT_EQ(reports, (std::vector<Report>{{-220545, "CVekClientSender", 114, ""},
                                             {-220552, "CVekClientSender", 120,
                                              "null datum in CVekClientSender::onTimer"}}));
-}
-
-TEST_F(Query, ADummyCallbackIgnoresEverything) {
-    CVekDummyCallback callback;
-    callback.onData(nullptr, nullptr, RvDatum(), nullptr);
-    callback.onTimeout(nullptr);
 }

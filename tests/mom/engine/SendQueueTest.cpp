@@ -26,7 +26,7 @@ class SendQueue : public ::testing::Test {
     ErrorRecorder errors;
     CVekEngine engine{1, "grp", "NET", SERV_UNKNOWN};
     RvDatum datum{RVMSG_STRING, 2, "x"};
-    OnData ignore{[](const char*, RvSender*, const RvDatum&, RvListener*) {}};
+    OnData ignore;
 };
 
 }  // namespace
@@ -107,17 +107,15 @@ TEST_F(SendQueue, LeavesAtABoundedNumberOfItemsATick) {
     EXPECT_EQ(engine.REGetMaxSendRate(), 39UL);
     for (int i = 0; i < 7; ++i) queue("_RV.X");
     std::vector<int> lengths;
-    OnTimer* watch = nullptr;
-    // The queue's timer was armed first, so it fires first at every tick.
     OnTimer look([&](RvTimer*) {
         lengths.push_back(engine.RESendQueueLength());
         if (lengths.back() == 0) engine.RRNStopLoop();
     });
-    watch = &look;
+    // Armed by another timer: the queue's own was armed before, and fires first at every tick.
     int status = 0;
     std::unique_ptr<RvTimer> timer;
     OnTimer arm(
-        [&](RvTimer*) { timer.reset(engine.RRNNewTimer(&status, 100, rv_TRUE, watch, nullptr)); });
+        [&](RvTimer*) { timer.reset(engine.RRNNewTimer(&status, 100, rv_TRUE, &look, nullptr)); });
     ASSERT_EQ(engine.RRNAddTimer(1, &arm), 1);
     engine.REDoIt();
     EXPECT_EQ(lengths, (std::vector<int>{4, 1, 0}));

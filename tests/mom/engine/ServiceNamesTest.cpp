@@ -55,10 +55,11 @@ TEST(ServiceNames, AreFoundInAnyCaseAndWithThePrefix) {
 
 TEST(ServiceNames, ValuesWithoutAServiceGiveEmptyTexts) {
     for (const int value : {19, 21, -1, 28, 1000000}) {
+        SCOPED_TRACE(value);
         const auto type = static_cast<__serv_types>(value);
-        EXPECT_STREQ(Mapper::EnumToServiceString(type), "") << value;
-        EXPECT_STREQ(Mapper::ServiceEnumToQuerySubject(type), "") << value;
-        EXPECT_STREQ(Mapper::ServiceEnumToNotifySubject(type), "") << value;
+        EXPECT_STREQ(Mapper::EnumToServiceString(type), "");
+        EXPECT_STREQ(Mapper::ServiceEnumToQuerySubject(type), "");
+        EXPECT_STREQ(Mapper::ServiceEnumToNotifySubject(type), "");
     }
 }
 
