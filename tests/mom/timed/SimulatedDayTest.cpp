@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -42,14 +43,11 @@ class Log {
     std::multiset<std::string> m_ran;
 };
 
-class LoggedPoll : public CVekTimedWork {
+class LoggedPoll : public CountingPoll {
   public:
-    LoggedPoll(Log& log, const std::string& name, int frequency) : m_log(log) {
-        RTWSetName(new CVekAtom(name.c_str()));
-        RTWSetFrequency(frequency);
-    }
+    LoggedPoll(Log& log, const std::string& name, int frequency)
+        : CountingPoll(name, frequency), m_log(log) {}
     void RTWDoPoll() override { m_log.add(name()); }
-    std::string name() { return RTWName()->RAString(); }
 
   private:
     Log& m_log;
@@ -66,9 +64,8 @@ class Day {
   public:
     explicit Day(unsigned seed) : m_random(seed) {
         for (const int frequency : kFrequencies) addPoll(frequency);
-        m_groups[1].polls.push_back(&m_beacon);
         m_manager.RTWMAddPoll(&m_beacon);
-        m_groups[1].isMarked = true;
+        know(&m_beacon, 1);
         distribute();
     }
 
@@ -86,15 +83,17 @@ class Day {
                 case 0:
                     return addPoll(anyFrequency());
                 case 1:
-                    return deletePoll();
+                    return changeAnyPoll(
+                        [&](auto* poll, Group& group) { deletePoll(poll, group); });
                 case 2:
-                    return replacePoll();
+                    return changeAnyPoll(
+                        [&](auto* poll, Group& group) { replacePoll(poll, group); });
                 case 3:
-                    return movePoll();
+                    return changeAnyPoll([&](auto* poll, Group& group) { movePoll(poll, group); });
                 case 4:
                     return suspendOrResume();
                 case 5:
-                    return repeatPoll();
+                    return changeAnyPoll([&](auto* poll, Group&) { repeatPoll(poll); });
                 default:
                     return distribute();
             }
@@ -119,67 +118,54 @@ class Day {
         return m_polls.back().get();
     }
 
-    // A poll of a random group, or null; `group` is its group.
-    LoggedPoll* anyPoll(Group*& group) {
-        group = &m_groups[anyFrequency()];
-        return group->polls.empty() ? nullptr : group->polls[m_random() % group->polls.size()];
+    // Does `change(poll, group)` to a poll of a random group, when that has one.
+    template <class Change>
+    void changeAnyPoll(Change&& change) {
+        Group& group = m_groups[anyFrequency()];
+        if (!group.polls.empty()) change(group.polls[m_random() % group.polls.size()], group);
     }
 
-    void addPoll(int frequency) { addPoll(newPoll(std::to_string(m_polls.size()), frequency)); }
-    void addPoll(LoggedPoll* poll) {
+    void addPoll(int frequency) {
+        LoggedPoll* const poll = newPoll(std::to_string(m_polls.size()), frequency);
         EXPECT_EQ(m_manager.RTWMAddPoll(poll), 1);
-        Group& group = m_groups[poll->RTWFrequency()];
-        group.polls.push_back(poll);
-        group.isMarked = true;
+        know(poll, frequency);
     }
-
-    void deletePoll() {
-        Group* group = nullptr;
-        LoggedPoll* poll = anyPoll(group);
-        if (poll == nullptr) return;
-        EXPECT_EQ(m_manager.RTWMDeletePoll(poll), 1);
-        forget(*group, poll);
+    void know(LoggedPoll* poll, int frequency) {
+        m_groups[frequency].polls.push_back(poll);
+        m_groups[frequency].isMarked = true;
     }
-    static void forget(Group& group, LoggedPoll* poll) {
+    static void forget(LoggedPoll* poll, Group& group) {
         std::erase(group.polls, poll);
         group.due.clear();
         group.isMarked = true;
     }
 
-    void replacePoll() {
-        Group* group = nullptr;
-        LoggedPoll* poll = anyPoll(group);
-        if (poll == nullptr) return;
-        LoggedPoll* twin = newPoll(poll->name(), poll->RTWFrequency());
-        EXPECT_EQ(m_manager.RTWMChangePoll(poll, twin), 1);
-        std::replace(group->polls.begin(), group->polls.end(), poll, twin);
-        std::replace(group->due.begin(), group->due.end(), poll, twin);
+    void deletePoll(LoggedPoll* poll, Group& group) {
+        EXPECT_EQ(m_manager.RTWMDeletePoll(poll), 1);
+        forget(poll, group);
     }
 
-    void movePoll() {
-        Group* group = nullptr;
-        LoggedPoll* poll = anyPoll(group);
+    void replacePoll(LoggedPoll* poll, Group& group) {
+        LoggedPoll* const twin = newPoll(poll->name(), poll->RTWFrequency());
+        EXPECT_EQ(m_manager.RTWMChangePoll(poll, twin), 1);
+        std::ranges::replace(group.polls, poll, twin);
+        std::ranges::replace(group.due, poll, twin);
+    }
+
+    void movePoll(LoggedPoll* poll, Group& group) {
         const int frequency = anyFrequency();
-        if (poll == nullptr || frequency == poll->RTWFrequency()) return;
+        if (frequency == poll->RTWFrequency()) return;
         EXPECT_EQ(m_manager.RTWMChangePollFrequency(poll, frequency), 1);
-        forget(*group, poll);
-        m_groups[frequency].polls.push_back(poll);
-        m_groups[frequency].isMarked = true;
+        forget(poll, group);
+        know(poll, frequency);
     }
 
     void suspendOrResume() {
         m_suspended = !m_suspended;
-        if (m_suspended) {
-            m_manager.RTWMSuspendTimedWork();
-        } else {
-            m_manager.RTWMResumeTimedWork();
-        }
+        m_suspended ? m_manager.RTWMSuspendTimedWork() : m_manager.RTWMResumeTimedWork();
     }
 
-    void repeatPoll() {
-        Group* group = nullptr;
-        LoggedPoll* poll = anyPoll(group);
-        if (poll == nullptr) return;
+    void repeatPoll(LoggedPoll* poll) {
         m_manager.RTWMAddRepeatPoller(poll);
         m_repeated.insert(poll->name());
     }

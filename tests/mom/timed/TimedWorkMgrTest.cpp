@@ -24,17 +24,8 @@ namespace {
 using Names = std::vector<std::string>;
 
 // With threads that tick distributions, but none that work: workers stay in the queue.
-class IdleMgr : public CVekTimedWorkMgr {
-  public:
-    explicit IdleMgr(__boolean suspended = FALSE)
-        : CVekTimedWorkMgr(nullptr, 1, 1000, 0, nullptr, suspended) {}
-};
-
-// With both kinds of threads.
-class WorkingMgr : public CVekTimedWorkMgr {
-  public:
-    explicit WorkingMgr(__boolean suspended = FALSE)
-        : CVekTimedWorkMgr(nullptr, 2, 1000, 2, nullptr, suspended) {}
+struct IdleMgr : CVekTimedWorkMgr {
+    IdleMgr() : CVekTimedWorkMgr(nullptr, 1, 1000, 0, nullptr, FALSE) {}
 };
 
 }  // namespace
@@ -42,13 +33,14 @@ class WorkingMgr : public CVekTimedWorkMgr {
 TEST(TimedWorkMgr, RefusesAFrequencyBelowOne) {
     RecordingMgr manager;
     CountingPoll never("never", -5);
-    EXPECT_EQ(errorOutputOf([&] { EXPECT_EQ(manager.RTWMAddPoll(&never), -220383); }), "");
+    const auto refusal = [&] {
+        return errorOutputOf([&] { EXPECT_EQ(manager.RTWMAddPoll(&never), -220383); });
+    };
+    EXPECT_EQ(refusal(), "");
     const DebugLevel level(-1);
-    EXPECT_EQ(errorOutputOf([&] { EXPECT_EQ(manager.RTWMAddPoll(&never), -220383); }),
-              "Warning: Illegal Frequency -5 defined for never poll not strobed\n");
+    EXPECT_EQ(refusal(), "Warning: Illegal Frequency -5 defined for never poll not strobed\n");
     never.RTWSetFrequency(0);
-    EXPECT_EQ(errorOutputOf([&] { EXPECT_EQ(manager.RTWMAddPoll(&never), -220383); }),
-              "Warning: Illegal Frequency 0 defined for never poll not strobed\n");
+    EXPECT_EQ(refusal(), "Warning: Illegal Frequency 0 defined for never poll not strobed\n");
 }
 
 TEST(TimedWorkMgr, MovesAPollBetweenFrequencies) {
@@ -64,6 +56,15 @@ TEST(TimedWorkMgr, MovesAPollBetweenFrequencies) {
               "CVekTimedWorkDist::RTWDDeletePoll p\nCVekTimedWorkDist::RTWDAddPoll p\n"
               "CVekTimedWorkDist::RTWDDistributePolls 2\n"
               "CVekTimedWorkDist::RTWDDistributePolls 3\nRTWDAddToBucket 2 p\n");
+    CountingPoll twin("p", 3);
+    EXPECT_EQ(outputOf([&] {
+                  manager.RTWMChangePoll(&poll, &twin);
+                  manager.RTWMDeletePoll(&twin);
+                  manager.RTWMDeletePoll(&twin);
+              }),
+              "CVekTimedWorkDist::RTWDChangePoll p\nCVekTimedWorkDist::RTWDDeletePoll p\n"
+              "CVekTimedWorkDist::RTWDDeletePoll p\n"
+              "poller->RTWName()->RAString(): p does not exist\n");
     EXPECT_EQ(manager.RTWMChangePollFrequency(&poll, 0), -220383);
     EXPECT_EQ(poll.RTWFrequency(), 0);
 }
@@ -125,7 +126,7 @@ TEST(TimedWorkMgr, FinishesWhatRunsAndDropsWhatWaitsWhenItDies) {
     CountingPoll poll("poll", 1);
     std::atomic<int> calls = 0;
     {
-        WorkingMgr manager;
+        CVekTimedWorkMgr manager(nullptr, 2, 1000, 2, nullptr, FALSE);
         const auto count = [](void* calls_) { ++*static_cast<std::atomic<int>*>(calls_); };
         EXPECT_EQ(manager.RTWMAddPollWork(count, &calls), 1);
         EXPECT_TRUE(eventually([&] { return calls == 1; }));
