@@ -81,16 +81,16 @@ class Network {
         switch (pick(7)) {
             case 0:
                 return die(who, "kill");
-            case 5:
-            case 6:
-                return stop(who);
             case 1:
                 send(who, member.election->farewell());
                 return die(who, "leave");
             case 2:
-                return partition();
+                return regroup(kSides);
             case 3:
-                return heal();
+                return regroup(1);
+            case 4:
+            case 5:
+                return stop(who);
             default:
                 return member.side == kCutOff ? reconnect(who) : cutOff(who);
         }
@@ -144,17 +144,9 @@ class Network {
         const int side = members_[who].side;
         if (side != kCutOff && best(side) == &members_[who]) settled_[side] = now_ + kLongestDelay;
     }
-    void partition() {
-        note("partition", 0);
-        sides_ = kSides;
-        regroup();
-    }
-    void heal() {
-        note("heal", 0);
-        sides_ = 1;
-        regroup();
-    }
-    void regroup() {
+    void regroup(int sides) {
+        note("sides", static_cast<std::size_t>(sides));
+        sides_ = sides;
         for (Participant& member : members_) {
             if (member.side != kCutOff) member.side = static_cast<int>(pick(sides_));
             member.incoming.clear();

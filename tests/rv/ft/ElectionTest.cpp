@@ -31,6 +31,9 @@ const Rank kSelf = rank(50, 1000, "m");
 const Rank kBetter = rank(50, 900, "older");
 const Rank kWorse = rank(50, 1100, "younger");
 
+const Rules kPrepared{
+    .activeGoal = 1, .heartbeatMs = kBeat, .prepareMs = 1000, .activateMs = kActivate};
+
 struct Told {
     Step action;
     Time when;
@@ -61,10 +64,19 @@ class Driven {
                 election.hear(*who, now);
                 nextHeard += kBeat;
             }
-            election.advance(now);
-            collect();
+            advance();
         }
         now = end;
+    }
+
+    void advance() {
+        election.advance(now);
+        collect();
+    }
+    void loseLink() { election.loseLink(now); }
+    void restoreLink() {
+        election.restoreLink(now);
+        collect();
     }
 
     void collect() {
@@ -111,11 +123,15 @@ TEST(Election, CountsSilenceFromTheLastBeatHeard) {
     EXPECT_EQ(member.told, (Actions{{Step::Activate, lastHeard + kActivate}}));
 }
 
-TEST(Election, TakesOverAtOnceFromAnActiveMemberThatLeaves) {
-    Driven member;
-    member.runUntil(10000, Beat{kBetter, MemberState::Active});
-    member.hear(kBetter, MemberState::Leaving);
-    EXPECT_EQ(member.told, (Actions{{Step::Activate, 10000}}));
+TEST(Election, TakesOverAtOnceFromAnActiveMemberThatLeavesUnlessAnotherIsNextInRank) {
+    for (const bool isNext : {true, false}) {
+        Driven member;
+        member.runUntil(10000, Beat{kBetter, MemberState::Active});
+        if (!isNext) member.hear(rank(50, 950, "second"), MemberState::Waiting);
+        member.hear(kBetter, MemberState::Leaving);
+        member.runUntil(14000);
+        EXPECT_EQ(member.told, (isNext ? Actions{{Step::Activate, 10000}} : Actions{}));
+    }
 }
 
 TEST(Election, TakesOverWithinOneBeatOfALeaveEvenWhenJustJoined) {
@@ -127,15 +143,6 @@ TEST(Election, TakesOverWithinOneBeatOfALeaveEvenWhenJustJoined) {
         member.runUntil(10000);
         EXPECT_EQ(member.told, (Actions{{Step::Activate, kBeat}}));
     }
-}
-
-TEST(Election, LeavesTheLeadToANextInRank) {
-    Driven member;
-    member.runUntil(10000, Beat{kBetter, MemberState::Active});
-    member.hear(rank(50, 950, "second"), MemberState::Waiting);
-    member.hear(kBetter, MemberState::Leaving);
-    member.runUntil(14000);
-    EXPECT_EQ(member.told, Actions{});
 }
 
 TEST(Election, StepsBackWhenItHearsABetterActiveMemberAndIgnoresWorseOnes) {
@@ -162,13 +169,11 @@ TEST(Election, KeepsAsManyActiveAsTheGoal) {
 }
 
 TEST(Election, PreparesThePreparationIntervalBeforeActivating) {
-    Rules prepared = kService;
-    prepared.prepareMs = 1000;
-    Driven joining(prepared);
+    Driven joining(kPrepared);
     joining.runUntil(5000);
     EXPECT_EQ(joining.told, (Actions{{Step::Prepare, 3800}, {Step::Activate, 4800}}));
 
-    Driven successor(prepared);
+    Driven successor(kPrepared);
     successor.runUntil(10000, Beat{kBetter, MemberState::Active});
     successor.hear(kBetter, MemberState::Leaving);
     successor.runUntil(12000);
@@ -176,9 +181,7 @@ TEST(Election, PreparesThePreparationIntervalBeforeActivating) {
 }
 
 TEST(Election, GivesUpAPreparationWhenABetterMemberTurnsUp) {
-    Rules prepared = kService;
-    prepared.prepareMs = 1000;
-    Driven member(prepared);
+    Driven member(kPrepared);
     member.runUntil(4000);
     member.hear(kBetter, MemberState::Waiting);
     member.runUntil(4000 + kActivate);
@@ -187,40 +190,34 @@ TEST(Election, GivesUpAPreparationWhenABetterMemberTurnsUp) {
                                     {Step::Activate, 4000 + kActivate}}));
 }
 
-TEST(Election, CutOffItStepsBackAfterTheActivationIntervalAndStartsAnew) {
-    Driven member;
-    member.runUntil(5000);
-    member.election.loseLink(member.now);
-    member.runUntil(20000);
-    EXPECT_EQ(member.told.back(), (Told{Step::Deactivate, 5000 + kActivate}));
-    member.election.restoreLink(member.now);
-    member.runUntil(30000);
-    EXPECT_EQ(member.told.back(), (Told{Step::Activate, 20000 + kActivate}));
-    EXPECT_EQ(member.told.size(), 3U);
-}
-
-// As one does whose loop stood still in the attempts to reconnect.
-TEST(Election, CutOffTooLongItStepsBackEvenWhenItLearnsThatOnlyAtTheReconnect) {
-    Driven member;
-    member.runUntil(5000);
-    member.election.loseLink(member.now);
-    member.now = 5000 + kActivate;
-    member.election.restoreLink(member.now);
-    member.collect();
-    member.runUntil(20000);
-    EXPECT_EQ(member.told, (Actions{{Step::Activate, kActivate},
-                                    {Step::Deactivate, 5000 + kActivate},
-                                    {Step::Activate, 5000 + 2 * kActivate}}));
-}
-
-TEST(Election, AShortCutOffChangesNothing) {
-    Driven member;
-    member.runUntil(5000);
-    member.election.loseLink(member.now);
-    member.runUntil(9000);
-    member.election.restoreLink(member.now);
-    member.runUntil(30000);
-    EXPECT_EQ(member.told.size(), 1U);
+TEST(Election, CutOffForTheActivationIntervalItStepsBackAndStartsAnew) {
+    struct Case {
+        const char* what;
+        Time back;
+        bool isTimely;  // a loop may stand still in the attempts to reconnect
+        Actions told;
+    };
+    constexpr Time kStepBack = 5000 + kActivate;
+    const Told first{Step::Activate, kActivate};
+    const Told stepBack{Step::Deactivate, kStepBack};
+    for (const Case& cut : {
+             Case{"shortly", 9000, true, {first}},
+             Case{"long", 20000, true, {first, stepBack, {Step::Activate, 20000 + kActivate}}},
+             Case{"learned at the reconnect",
+                  kStepBack,
+                  false,
+                  {first, stepBack, {Step::Activate, kStepBack + kActivate}}},
+         }) {
+        SCOPED_TRACE(cut.what);
+        Driven member;
+        member.runUntil(5000);
+        member.loseLink();
+        if (cut.isTimely) member.runUntil(cut.back);
+        member.now = cut.back;
+        member.restoreLink();
+        member.runUntil(30000);
+        EXPECT_EQ(member.told, cut.told);
+    }
 }
 
 // A thread that stood still finds its timers due before it reads what came meanwhile.
@@ -228,14 +225,10 @@ TEST(Election, DoesNotTakeItsOwnStandstillForTheOthersSilence) {
     Driven member;
     member.runUntil(9000, Beat{kBetter, MemberState::Active});
     member.now = 30000;
-    member.election.advance(member.now);
-    member.collect();
+    member.advance();
     member.hear(kBetter, MemberState::Active);
     member.runUntil(32000);
     EXPECT_EQ(member.told, Actions{});
-    for (; member.now < 60000; member.now += 3 * kBeat) {
-        member.election.advance(member.now);
-        member.collect();
-    }
+    for (; member.now < 60000; member.now += 3 * kBeat) member.advance();
     EXPECT_EQ(member.told.size(), 1U) << "one that is always late activates all the same";
 }

@@ -3,15 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "platform/Clock.h"
 #include "rv/ft/rvft.h"
 #include "rv/message/rvmsg.h"
-#include "rv/session/rvSessionEvents.h"
+#include "rv/session/rv_Session.h"
 #include "tests/support/Daemon.h"
+#include "tests/support/Loop.h"
 
 namespace {
 
@@ -54,14 +54,8 @@ struct Member {
 
 class GroupOnTheBus : public testing::Test {
   protected:
-    bool runUntil(std::function<bool()> condition) {
-        condition_ = std::move(condition);
-        end_ = kvx::platform::monotonicMs() + 20'000;
-        rvevm_Id watch = nullptr;
-        EXPECT_EQ(0, rv_AddRepeatTimer(runner.handle, &watch, 1, onWatch, this));
-        EXPECT_EQ(0, rv_RunOnce(runner.handle));
-        rv_RemoveTimer(runner.handle, watch);
-        return condition_();
+    void runUntil(const std::function<bool()>& condition) {
+        kvx::test::runUntil(rv_EventManager(runner.handle), condition);
     }
     int join(rv_Session session, const char* group, unsigned long activate = kActivate) {
         rvft_MemberId id = nullptr;
@@ -70,16 +64,6 @@ class GroupOnTheBus : public testing::Test {
 
     kvx::test::Daemon daemon;
     Session runner{"-"};
-
-  private:
-    static void onWatch(void*, void* closure, int, void*) {
-        auto& self = *static_cast<GroupOnTheBus*>(closure);
-        if (self.condition_() || kvx::platform::monotonicMs() > self.end_) {
-            rv_StopLoop(self.runner.handle);
-        }
-    }
-    std::function<bool()> condition_;
-    kvx::platform::Milliseconds end_ = 0;
 };
 
 }  // namespace
@@ -87,9 +71,9 @@ class GroupOnTheBus : public testing::Test {
 TEST_F(GroupOnTheBus, ElectsTheBestAndHandsOverWhenItsSessionCloses) {
     Member backup(daemon.text(), 1);
     Member primary(daemon.text(), 2);
-    ASSERT_TRUE(runUntil([&] { return primary.isActive && !backup.isActive; }));
+    runUntil([&] { return primary.isActive && !backup.isActive; });
     primary.session.close();
-    EXPECT_TRUE(runUntil([&] { return backup.isActive; }));
+    runUntil([&] { return backup.isActive; });
     EXPECT_EQ(primary.actions, std::vector<int>{RVFT_ACTIVATE}) << "a leave is no action";
     EXPECT_EQ(rvft_Leave(primary.id), 5);
 }
@@ -100,7 +84,7 @@ TEST_F(GroupOnTheBus, MayLeaveAndCloseInsideItsOwnAction) {
     Member last(daemon.text(), 0);
     leaving.inAction = [&] { EXPECT_EQ(0, rvft_Leave(leaving.id)); };
     closing.inAction = [&] { closing.session.close(); };
-    EXPECT_TRUE(runUntil([&] { return last.isActive; }));
+    runUntil([&] { return last.isActive; });
     EXPECT_EQ(leaving.actions.size() + closing.actions.size(), 2U);
 }
 
@@ -113,7 +97,7 @@ TEST_F(GroupOnTheBus, IgnoresStrangeMessagesOnItsSubject) {
     EXPECT_EQ(0, rv_Send(hostile.handle, subject, nullptr, RVMSG_MSG, 0, empty));
     EXPECT_EQ(0, rv_Send(hostile.handle, subject, nullptr, RVMSG_STRING, 0, "beat"));
     EXPECT_EQ(0, rv_Send(hostile.handle, subject, nullptr, RVMSG_NONE, 0, nullptr));
-    EXPECT_TRUE(runUntil([&] { return member.isActive; }));
+    runUntil([&] { return member.isActive; });
 }
 
 TEST_F(GroupOnTheBus, RefusesWhatItCannotDoAndSaysWhy) {
