@@ -5,6 +5,7 @@
 #include "rv/message/WireReader.h"
 #include "tests/mom/transport/Batches.h"
 #include "tests/support/ErrorRecorder.h"
+#include "tests/support/Packets.h"
 
 namespace kvx::test {
 namespace {
@@ -32,15 +33,6 @@ std::string zlibStream(const std::string& text) {
     deflater.RDFinishCompression();
     return {static_cast<const char*>(deflater.RDCompressedData()),
             static_cast<std::size_t>(deflater.RDCompressedLength())};
-}
-
-Texts packetsOf(CVekTransport& transport) {
-    const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
-    Texts texts;
-    for (unsigned i = 0; i < packets->RAVSize(); ++i) {
-        texts.push_back(bytesOf(*packets->RAVGetValue(i)));
-    }
-    return texts;
 }
 
 Texts encoded(const Texts& records, EVekTransHdr version) {

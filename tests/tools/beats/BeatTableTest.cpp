@@ -6,6 +6,7 @@
 
 #include "foundation/foundation.h"
 #include "mom/transport/CVekTransport.h"
+#include "tests/support/Packets.h"
 #include "tools/beats/ServiceJson.h"
 
 namespace kvx::beats {
@@ -18,11 +19,8 @@ Packet packetOf(const std::vector<const CVekBaseRecord*>& records, EVekTransHdr 
     CVekTransport transport(nullptr);
     for (const auto* record : records) transport.RTAddRecord(record);
     transport.RTCreatePackets(version, true);
-    const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
-    unsigned char* bytes = nullptr;
-    int length = 0;
-    EXPECT_EQ(packets->RAVGetValue(0)->RAUChar(&bytes, &length), 1);
-    return {bytes, bytes + length};
+    const std::string bytes = test::packetsOf(transport).at(0);
+    return {bytes.begin(), bytes.end()};
 }
 
 struct BeatRecord : CVekBaseRecord {

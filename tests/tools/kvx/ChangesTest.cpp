@@ -7,6 +7,7 @@
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/ErrorRecorder.h"
+#include "tests/support/Packets.h"
 #include "tools/kvx/OrderedPool.h"
 
 namespace kvx::tool {
@@ -19,24 +20,23 @@ class PacketMaker {
   public:
     void add(const char* change, const char* name, long long ports) {
         CVekBaseRecord record;
-        if (change != nullptr) record.RRAddOrSetValue("@change", new CVekAtom(change));
-        if (change != nullptr) record.RRAddOrSetValue("@table", new CVekAtom("devices"));
+        if (change != nullptr) {
+            record.RRAddOrSetValue("@change", new CVekAtom(change));
+            record.RRAddOrSetValue("@table", new CVekAtom("devices"));
+        }
         record.RRAddOrSetValue("name", new CVekAtom(name));
         record.RRAddOrSetValue("ports", new CVekAtom(ports));
         transport_.RTAddRecord(&record);
         transport_.RTPreparePayloads(VEK_TRANS_V1);
     }
 
-    std::vector<std::unique_ptr<RvMsg>> packets(EVekTransHdr version = VEK_TRANS_V1) {
-        transport_.RTCreatePackets(version, true);
-        const std::unique_ptr<CVekAtomVector> atoms(transport_.RTEncodes());
+    std::vector<std::unique_ptr<RvMsg>> packets() {
+        transport_.RTCreatePackets(VEK_TRANS_V1, true);
         std::vector<std::unique_ptr<RvMsg>> messages;
-        for (unsigned i = 0; i < atoms->RAVSize(); ++i) {
-            unsigned char* bytes = nullptr;
-            int length = 0;
-            atoms->RAVGetValue(i)->RAUChar(&bytes, &length);
+        for (const std::string& packet : test::packetsOf(transport_)) {
             messages.push_back(std::make_unique<RvMsg>(0UL));
-            messages.back()->append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(length), bytes);
+            messages.back()->append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(packet.size()),
+                                    packet.data());
         }
         return messages;
     }

@@ -8,6 +8,7 @@
 
 #include "examples/modeld/oql/Parse.h"
 #include "examples/modeld/service/RowRecord.h"
+#include "tests/support/Packets.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace modeld {
@@ -46,18 +47,10 @@ class BatchBuilderTest : public ::testing::Test {
     std::unique_ptr<Store> store_;
 };
 
-std::vector<std::string> packetsOf(CVekTransport& transport, EVekTransHdr version) {
+std::vector<std::string> packetsIn(CVekTransport& transport, EVekTransHdr version) {
     transport.RTSetError(STORE_NO_INDEX);
     EXPECT_EQ(transport.RTCreatePackets(version, true), 1);
-    const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
-    std::vector<std::string> texts;
-    for (unsigned i = 0; i < packets->RAVSize(); ++i) {
-        unsigned char* bytes = nullptr;
-        int length = 0;
-        packets->RAVGetValue(i)->RAUChar(&bytes, &length);
-        texts.emplace_back(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length));
-    }
-    return texts;
+    return test::packetsOf(transport);
 }
 
 TEST_F(BatchBuilderTest, MakesThePacketsOfOneTransportWhoeverCompressesThem) {
@@ -70,13 +63,13 @@ TEST_F(BatchBuilderTest, MakesThePacketsOfOneTransportWhoeverCompressesThem) {
                 one.RTAddRecord(&record);
                 one.RTPreparePayloads(version);
             });
-            const auto expected = packetsOf(one, version);
+            const auto expected = packetsIn(one, version);
             for (const unsigned helpers : {0U, 1U, 3U}) {
                 BatchBuilder batch(version, helpers);
                 eachRow(count, [&](const Row& row) { batch.add(row); });
                 CVekTransport many(nullptr);
                 batch.finish(many);
-                EXPECT_TRUE(packetsOf(many, version) == expected)
+                EXPECT_TRUE(packetsIn(many, version) == expected)
                     << count << " rows, version " << version << ", " << helpers << " helpers";
             }
         }
@@ -91,7 +84,7 @@ TEST_F(BatchBuilderTest, MayBeDroppedWhileItsHelpersWork) {
 TEST_F(BatchBuilderTest, OfNothingHasNoPackets) {
     CVekTransport transport(nullptr);
     BatchBuilder(VEK_TRANS_V1).finish(transport);
-    EXPECT_TRUE(packetsOf(transport, VEK_TRANS_V1).empty());
+    EXPECT_TRUE(packetsIn(transport, VEK_TRANS_V1).empty());
 }
 
 }  // namespace
