@@ -29,21 +29,6 @@ using kvx::test::outputOf;
 
 namespace {
 
-class Host {
-  public:
-    explicit Host(const std::vector<std::string>& arguments = {"run"})
-        : m_child(KVX_SIGNAL_HOST, arguments, {m_home.variable()}) {}
-
-    std::string await(const std::string& text) { return m_child.awaitOutput(text); }
-    void signal(int number) { m_child.kill(number); }
-    int wait() { return m_child.wait(); }
-    std::string output() const { return m_child.output(); }
-
-  private:
-    Home m_home{"-"};
-    ChildProcess m_child;
-};
-
 std::string levelLine(int level) {
     return "Received SIGUSR2: Switched to debug level " + std::to_string(level);
 }
@@ -103,46 +88,42 @@ TEST(Signals, TakeEffectWhateverTheProcessIsDoing) {
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a process without a parent";
 }
 
-TEST(Signals, StepTheDebugLevelRoundAndIgnoreAHangUp) {
-    Host host;
-    ASSERT_EQ(host.await("ready"), "ready");
-    host.signal(SIGHUP);
+TEST(Signals, StepTheDebugLevelRound) {
+    const Home home("-");
+    ChildProcess host(KVX_SIGNAL_HOST, {"run"});
+    ASSERT_EQ(host.awaitOutput("ready"), "ready");
     for (const int level : {1, 2, 3, 4, 0}) {
-        host.signal(SIGUSR2);
-        ASSERT_EQ(host.await(levelLine(level)), levelLine(level));
+        host.kill(SIGUSR2);
+        ASSERT_EQ(host.awaitOutput(levelLine(level)), levelLine(level));
     }
-    EXPECT_EQ(host.output().rfind("ready\n" + levelLine(1) + "\n", 0), 0U);
-    host.signal(SIGHUP);
-    host.signal(SIGTERM);
-    EXPECT_EQ(host.wait(), 0);
 }
 
-TEST(Signals, ShutDownFromInsideTheLoop) {
-    Host host({"shutdown"});
-    EXPECT_EQ(host.wait(), 0);
-    EXPECT_EQ(host.output(), "Shutdown message received!\nready\n");
-}
-
-TEST(Signals, AreHandledWhenTheNetIsManagedTwice) {
-    Host host({"again"});
-    ASSERT_EQ(host.await("ready"), "ready");
-    host.signal(SIGTERM);
-    EXPECT_EQ(host.wait(), 0);
-}
-
-TEST(Signals, GoBackToTheSystemsDefaultAfterAStop) {
-    Host host({"stop"});
-    ASSERT_EQ(host.await("stopped"), "stopped");
-    host.signal(SIGTERM);
-    EXPECT_EQ(host.wait(), -SIGTERM);
-}
-
-TEST(Signals, AreStoppedByADestructionThatSaysSoAtLevelOne) {
-    for (const auto& [level, trace] :
-         {std::pair("0", ""), std::pair("1", "unexpected - signal poller still running\n")}) {
-        Host host({"destroy", level});
-        EXPECT_EQ(host.wait(), 3);
-        EXPECT_EQ(host.output(), std::string("left\n") + trace);
+TEST(Signals, AreTheHandlersUntilItStopsOrDies) {
+    const Home home("-");
+    struct Case {
+        const char* what;
+        std::vector<std::string> arguments;
+        int signal;  // once that was said; 0: none
+        int status;
+        std::string said;
+    };
+    const std::string shutDown = "Shutdown message received!\nready\n";
+    const std::string destroyed = "left\nunexpected - signal poller still running\n";
+    for (const Case& one : {
+             Case{"shut down inside the loop", {"shutdown"}, 0, 0, shutDown},
+             Case{"managed twice", {"again"}, SIGTERM, 0, "ready\n"},
+             Case{"the system's after a stop", {"stop"}, SIGTERM, -SIGTERM, "stopped\n"},
+             Case{"destroyed", {"destroy", "0"}, 0, 3, "left\n"},
+             Case{"destroyed, at level one", {"destroy", "1"}, 0, 3, destroyed},
+         }) {
+        SCOPED_TRACE(one.what);
+        ChildProcess host(KVX_SIGNAL_HOST, one.arguments);
+        if (one.signal != 0) {
+            ASSERT_NE(host.awaitOutput(one.said), "");
+            host.kill(one.signal);
+        }
+        EXPECT_EQ(host.wait(), one.status);
+        EXPECT_EQ(host.output(), one.said);
     }
 }
 
