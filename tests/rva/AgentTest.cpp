@@ -16,18 +16,10 @@ using Words = std::vector<std::string>;
 
 class AgentTest : public ::testing::Test {
   protected:
-    static std::unique_ptr<httplib::Response> get(int port, const std::string& path) {
-        httplib::Client http("127.0.0.1", port);
-        if (auto result = http.Get(path)) return std::make_unique<httplib::Response>(*result);
-        return nullptr;
-    }
-    static int statusOf(int port, const std::string& path) {
-        const auto response = get(port, path);
-        return response ? response->status : 0;
-    }
-    static std::string bodyOf(int port, const std::string& path) {
-        const auto response = get(port, path);
-        return response ? response->body : "";
+    // Status -1 and no body where nobody serves.
+    static httplib::Response get(int port, const std::string& path) {
+        auto result = httplib::Client("127.0.0.1", port).Get(path);
+        return result ? std::move(*result) : httplib::Response{};
     }
     static int freePort() {
         int error = 0;
@@ -60,41 +52,41 @@ TEST_F(AgentTest, IsStartedAndStoppedByAService) {
     CVekEnv env;
     client.RRNStartAgent();
     ASSERT_TRUE(client.m_agentStarted);
-    ASSERT_TRUE(eventually([&] { return statusOf(port, "/readyz") == 200; }));
+    ASSERT_TRUE(eventually([&] { return get(port, "/readyz").status == 200; }));
 
     engine.REStartHeartBeat("Model", "NET1", &env);
     ASSERT_TRUE(runUntil(
-        engine, [&] { return bodyOf(port, "/services.json").find("Model") != std::string::npos; },
+        engine, [&] { return get(port, "/services.json").body.find("Model") != std::string::npos; },
         &CVekEngine::REDoIt));
-    EXPECT_NE(bodyOf(port, "/services.json")
-                  .find(R"({"service":"Model","domain":"NET1","host":")" +
-                        std::string(env.RELocalHost()) + R"(","pid":)" +
-                        std::to_string(CVekProcess::Instance().GetPID()) + R"(,"role":"backup")"),
-              std::string::npos);
+    EXPECT_NE(
+        get(port, "/services.json")
+            .body.find(R"({"service":"Model","domain":"NET1","host":")" +
+                       std::string(env.RELocalHost()) + R"(","pid":)" +
+                       std::to_string(CVekProcess::Instance().GetPID()) + R"(,"role":"backup")"),
+        std::string::npos);
     const auto metrics = get(port, "/metrics");
-    ASSERT_TRUE(metrics);
-    EXPECT_NE(metrics->body.find("\nrva_heard_beats_total 1\n"), std::string::npos);
-    EXPECT_NE(metrics->body.find("\nrva_known_services 1\n"), std::string::npos);
-    EXPECT_EQ(metrics->get_header_value("Content-Type"),
+    EXPECT_NE(metrics.body.find("\nrva_heard_beats_total 1\n"), std::string::npos);
+    EXPECT_NE(metrics.body.find("\nrva_known_services 1\n"), std::string::npos);
+    EXPECT_EQ(metrics.get_header_value("Content-Type"),
               "application/openmetrics-text; version=1.0.0; charset=utf-8");
 
     client.RRNStopAgent();
     EXPECT_FALSE(client.m_agentStarted);
-    EXPECT_EQ(statusOf(port, "/healthz"), 0);
+    EXPECT_EQ(get(port, "/healthz").status, -1);
 }
 
 TEST_F(AgentTest, IsNotReadyWhileTheDaemonIsGone) {
     const int port = start();
-    EXPECT_EQ(statusOf(port, "/readyz"), 200);
+    EXPECT_EQ(get(port, "/readyz").status, 200);
     bus_.daemon().kill(SIGKILL);
     bus_.daemon().wait();
-    ASSERT_TRUE(eventually([&] { return statusOf(port, "/readyz") == 503; }));
-    EXPECT_EQ(statusOf(port, "/healthz"), 200);
-    EXPECT_NE(bodyOf(port, "/metrics").find("\nrva_lost_sessions_total 1\n"), std::string::npos);
+    ASSERT_TRUE(eventually([&] { return get(port, "/readyz").status == 503; }));
+    EXPECT_EQ(get(port, "/healthz").status, 200);
+    EXPECT_NE(get(port, "/metrics").body.find("\nrva_lost_sessions_total 1\n"), std::string::npos);
     EXPECT_NE(agent_->awaitError("the bus daemon is lost"), "");
     bus_.restartDaemon();
-    ASSERT_TRUE(eventually([&] { return statusOf(port, "/readyz") == 200; }));
-    EXPECT_EQ(bodyOf(port, "/metrics").find("\nrva_bus_warnings_total 0\n"), std::string::npos);
+    ASSERT_TRUE(eventually([&] { return get(port, "/readyz").status == 200; }));
+    EXPECT_EQ(get(port, "/metrics").body.find("\nrva_bus_warnings_total 0\n"), std::string::npos);
     agent_->kill(SIGTERM);
     EXPECT_EQ(agent_->wait(), 0);
 }
