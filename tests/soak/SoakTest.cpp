@@ -9,12 +9,14 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <random>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -71,6 +73,21 @@ int addPacket(CVekTransport& transport, const RvDatum& datum) {
     return static_cast<int>(count);
 }
 
+// Sends so many records, in as many packets as they take.
+template <class Destination>
+void sendRows(CVekEngine& engine, Destination destination, int rows, EVekTransHdr version) {
+    CVekTransport transport(&engine);
+    for (int row = 0; row < rows; ++row) {
+        CVekBaseRecord record;
+        record.RRAddOrSetValue("row", new CVekAtom(row));
+        transport.RTAddRecord(&record);
+        transport.RTPreparePayloads(version);
+    }
+    transport.RTSetDestination(destination);
+    transport.RTCreatePackets(version, true);
+    EXPECT_EQ(transport.RTSendAll(false), 1);
+}
+
 class Answering : public RvDataCallback {
   public:
     explicit Answering(CVekEngine& engine) : m_engine(engine) {}
@@ -81,16 +98,7 @@ class Answering : public RvDataCallback {
         CVekQryInfo query(subject, m_engine.RRNNewSender(&status, replyTo->subject(), nullptr),
                           datum, listener);
         const kvx::Text rows(query.RQIQuery());
-        CVekTransport transport(&m_engine);
-        for (int row = 0; row < std::atoi(rows.get()); ++row) {
-            CVekBaseRecord record;
-            record.RRAddOrSetValue("row", new CVekAtom(row));
-            transport.RTAddRecord(&record);
-            transport.RTPreparePayloads(query.RQIVersion());
-        }
-        transport.RTSetDestination(query.RQIReplyTo());
-        transport.RTCreatePackets(query.RQIVersion(), true);
-        EXPECT_EQ(transport.RTSendAll(false), 1);
+        sendRows(m_engine, query.RQIReplyTo(), std::atoi(rows.get()), query.RQIVersion());
     }
 
   private:
@@ -141,13 +149,8 @@ class Poll : public CVekTimedWork {
         RTWSetFrequency(frequency);
     }
     void RTWDoPoll() override {
-        CVekBaseRecord record;
-        record.RRAddOrSetValue("run", new CVekAtom(++runs));
-        CVekTransport transport(&m_engine);
-        transport.RTAddRecord(&record);
-        transport.RTSetDestination(kUpdates);
-        transport.RTCreatePackets(VEK_TRANS_V0, true);
-        EXPECT_EQ(transport.RTSendAll(false), 1);
+        ++runs;
+        sendRows(m_engine, kUpdates, 1, VEK_TRANS_V0);
     }
 
     std::atomic<int> runs = 0;
@@ -337,13 +340,10 @@ struct Range {
 
 Range rangeOf(const std::vector<Sample>& samples, std::size_t quarter, std::size_t measure) {
     const std::size_t length = samples.size() / 4;
-    const auto begin = samples.begin() + static_cast<std::ptrdiff_t>(quarter * length);
-    Range range{(*begin)[measure], (*begin)[measure]};
-    for (auto at = begin; at != begin + static_cast<std::ptrdiff_t>(length); ++at) {
-        range.least = std::min(range.least, (*at)[measure]);
-        range.most = std::max(range.most, (*at)[measure]);
-    }
-    return range;
+    const auto part = std::span(samples).subspan(quarter * length, length);
+    const auto value = [measure](const Sample& sample) { return sample[measure]; };
+    const auto [least, most] = std::ranges::minmax(part, {}, value);
+    return {least[measure], most[measure]};
 }
 
 }  // namespace
