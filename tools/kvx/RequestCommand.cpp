@@ -14,9 +14,9 @@ namespace kvx::tool {
 
 namespace {
 
-class Answer : public RvDataCallback {
+class PrintedAnswer : public RvDataCallback {
   public:
-    Answer(bus::Client& client, const RequestOptions& options)
+    PrintedAnswer(bus::Client& client, const RequestOptions& options)
         : client_(client), options_(options) {}
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data, RvListener*) override {
@@ -50,7 +50,7 @@ int request(const RequestOptions& options) {
     Outgoing message(options);
     if (message.status() != kSuccess) return message.status();
     bus::Client& client = message.client();
-    Answer answer(client, options);
+    PrintedAnswer answer(client, options);
     std::unique_ptr<RvListener> listener;
     return client.run([&] {
         const auto timeoutMs = static_cast<unsigned long>(options.timeoutSeconds * 1000);
