@@ -115,11 +115,11 @@ TEST_F(BlockedWork, GivesTheResponseOfAThreadOnce) {
 }
 
 TEST_F(BlockedWork, IsBlockedAgainWhenASuspensionTakesItOutOfTheQueue) {
+    CountingPoll asking("asking", 1);
     auto queueing = std::make_unique<CVekTimedWorkMgr>(nullptr, 0, 1000, 0, nullptr, FALSE);
     CVekBlockedWorkMgr other(*queueing, 5);
     queueing->RTWMSetBlockedWorkMgr(&other);
     EXPECT_EQ(queueing->RTWMBlockedWorkMgr(), &other);
-    CountingPoll asking("asking", 1);
     auto* const suspended = new CVekTimedWorker(&asking);
     suspended->RTWSetBlockingPoll(&answer);
     suspended->RTWSetStatus(RTW_STATUS_BLOCKED);
