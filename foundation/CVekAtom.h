@@ -55,8 +55,8 @@ class KVX_API CVekAtom : public kvx::HeapObject {
     long long RAInt64() const;
 
     /// Gives the bytes of a byte-string atom, which still owns them, and returns 1. Returns
-    /// -220532, with null and 0 in the outputs, when the atom holds no bytes: it is of another kind,
-    /// or took over a null pointer.
+    /// -220532, with null and 0 in the outputs, when the atom holds no bytes: it is of another
+    /// kind, or took over a null pointer.
     int RAUChar(unsigned char** bytes, int* length) const;
 
     /// The bytes of a text (without the terminator) or of a byte string; 0 for an integer.

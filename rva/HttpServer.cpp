@@ -162,8 +162,7 @@ class HttpServer::Listener : public httplib::Server {
     Listener() {
         new_task_queue = [] { return std::make_unique<Workers>().release(); };
         // The library's own options would let two agents share a port.
-        set_socket_options(
-            [](socket_t socket) { platform::setReuseAddress(socket, true); });
+        set_socket_options([](socket_t socket) { platform::setReuseAddress(socket, true); });
         set_pre_routing_handler(
             [this](const httplib::Request& request, httplib::Response& response) {
                 answer(request, response);
