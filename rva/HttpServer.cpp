@@ -223,7 +223,7 @@ class HttpServer::Listener : public httplib::Server {
             given = route->second();
         }
         response.status = given.status;
-        response.set_content(std::move(given.body), given.type);
+        response.set_content(given.body, given.type);
     }
 
     std::atomic<bool> stopping_{false};

@@ -91,11 +91,11 @@ std::string parseListen(const std::string& text, std::uint16_t& port) {
     if (rest.starts_with("tcp:")) {
         rest.remove_prefix(4);
         const auto colon = rest.rfind(':');
-        const std::string_view host = rest.substr(0, colon == rest.npos ? 0 : colon);
-        if (colon != rest.npos && host != "127.0.0.1" && host != "localhost") {
+        const std::string_view host = rest.substr(0, colon == std::string_view::npos ? 0 : colon);
+        if (colon != std::string_view::npos && host != "127.0.0.1" && host != "localhost") {
             return "'" + text + "': the agent serves on the loopback only";
         }
-        if (colon != rest.npos) rest.remove_prefix(colon + 1);
+        if (colon != std::string_view::npos) rest.remove_prefix(colon + 1);
     }
     const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), port);
     if (error == std::errc() && end == rest.data() + rest.size()) return {};

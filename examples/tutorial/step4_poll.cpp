@@ -3,7 +3,7 @@
 #include "WhenActive.h"
 
 int main(int argc, char** argv) {
-    const std::chrono::milliseconds patience(argc > 1 ? std::atoi(argv[1]) : 60000);
+    const std::chrono::milliseconds patience(argc > 1 ? std::strtol(argv[1], nullptr, 10) : 60000);
     Devices devices;
     StatusEngine engine(1, "status", "DEFAULT", SERV_STATUS);
     AnswerWhenActive answers(engine, devices);

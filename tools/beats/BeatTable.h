@@ -1,12 +1,12 @@
 #pragma once
 
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <list>
 #include <map>
 #include <span>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/Clock.h"
@@ -73,7 +73,10 @@ class BeatTable {
         std::string domain;
         std::string host;
         std::int64_t pid;
-        auto operator<=>(const Key&) const = default;
+        bool operator<(const Key& other) const {
+            return std::tie(service, domain, host, pid) <
+                   std::tie(other.service, other.domain, other.host, other.pid);
+        }
     };
     using Entries = std::list<Service>;
 

@@ -39,7 +39,7 @@ class OrderedPool : public CVekServPool {
   private:
     struct Job;
 
-    static void run(void* job, void* pool);
+    static void run(void* item, void* pool);
     void finish(std::uint64_t place, Lines lines);
 
     // Constant after construction.

@@ -27,7 +27,7 @@ class CheckpointPoll : public BlockingPoll {
   private:
     struct Errand;
 
-    static void run(void* errand, void* poll);
+    static void run(void* item, void* poll);
     void checkpoint();
 
     const std::string database_;

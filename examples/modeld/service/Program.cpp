@@ -59,7 +59,7 @@ std::optional<Refusal> fill(Store& store, const Options& options, const Progress
         return store.load(source, progress);
     }
     Refreshed done;
-    const auto refusal = store.refresh(
+    auto refusal = store.refresh(
         source,
         [&](Change change, const Row& row) { return changeNotice(options.table, change, row); },
         done, progress);
