@@ -6,6 +6,7 @@
 #include <chrono>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// What the service knows of one device.
@@ -30,6 +31,17 @@ class Devices {
         }
         found->heard = now;
         return std::exchange(found->state, state) != state;
+    }
+
+    /// Notes that a device has been silent since `before`. False when that is no news, or it has
+    /// been heard meanwhile.
+    bool silence(const std::string& name, std::chrono::steady_clock::time_point before) {
+        const std::lock_guard guard(mutex_);
+        for (Device& device : devices_) {
+            if (device.name != name || device.heard >= before) continue;
+            return std::exchange(device.state, "silent") != "silent";
+        }
+        return false;
     }
 
     std::vector<Device> all() const {

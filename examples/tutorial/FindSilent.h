@@ -17,9 +17,9 @@ class FindSilent : public CVekTimedWork {
 
     // On a thread of the manager's pool: the engine's queue carries what it sends to the bus.
     void RTWDoPoll() override {
+        const auto before = std::chrono::steady_clock::now() - patience_;
         for (const Device& device : devices_.all()) {
-            if (std::chrono::steady_clock::now() - device.heard < patience_) continue;
-            if (devices_.set(device.name, "silent") && engine_.REIsActive()) {
+            if (devices_.silence(device.name, before) && engine_.REIsActive()) {
                 notify(engine_, device.name, "silent");
             }
         }

@@ -72,6 +72,17 @@ TEST_F(QueryTest, OfAWholeTableComesInCompressedPackets) {
     EXPECT_EQ(std::count(rows.output.begin(), rows.output.end(), '\n'), 1 + 106);
 }
 
+TEST_F(QueryTest, IsAnsweredWholeByAServiceThatIsStopped) {
+    const auto model =
+        bus_.startModel(bus_.file("devices.csv", manyDevices(20000)), {"-v", "--send-rate", "100"});
+    const auto asking = bus_.start("kvx", {"query", "Model", "select * from devices", "--quiet"});
+    EXPECT_NE(model->awaitError(" ms: select"), "") << model->errors();
+    model->kill(SIGTERM);
+    EXPECT_EQ(asking->wait(), 0) << asking->errors();
+    EXPECT_NE(asking->output().find("20000 rows in 200 packets"), std::string::npos);
+    EXPECT_EQ(model->wait(), 0);
+}
+
 TEST_F(QueryTest, WithoutAnAnswerEndsInTime) {
     const Ended silence = query("select * from devices", {"--timeout", "0.2"});
     EXPECT_EQ(silence.status, 1);

@@ -25,7 +25,7 @@ Polls::Polls(CVekEngine& engine, const ModelService& service, FileWatch watch,
                                                   runTimedWorker, FALSE)) {
     blockedWork_ = std::make_unique<CVekBlockedWorkMgr>(*manager_, kAnswerTicks);
     manager_->RTWMSetBlockedWorkMgr(blockedWork_.get());
-    if (settings.watchSource > 0 && !settings.source.files.empty()) {
+    if (settings.watchSource > 0) {
         add(std::make_unique<SourcePoll>(
             engine, std::move(watch),
             SourcePoll::Settings{settings.database, settings.source, settings.notifySubject,

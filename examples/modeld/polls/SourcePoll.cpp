@@ -1,10 +1,10 @@
 // Changing rows and publishing the changes are two steps with the database between them: the
-// notices are stored with the rows, in one transaction, and whoever is active takes them from
-// there. So a change is published although the member that found it died before it could, or stood
-// by and shares its database with the active one. The price is that a notice may be published
-// twice: by a member that dies between sending and committing, or by two members with databases of
-// their own around a take-over. A notice says what the row is now, so the second one changes
-// nothing.
+// notices are stored with the rows, in one transaction, and whoever is active publishes them from
+// there, and forgets them at a later look, when the send queue has been empty since. So a change is
+// published although the member that found it died before it could, or stood by and shares its
+// database with the active one. The price is that a notice may be published twice: by a member that
+// dies before it forgets, or by two members with databases of their own around a take-over. A
+// notice says what the row is now, so the second one changes nothing.
 
 #include "examples/modeld/polls/SourcePoll.h"
 
@@ -32,7 +32,16 @@ SourcePoll::SourcePoll(CVekEngine& engine, FileWatch watch, Settings settings)
     RTWSetFrequency(settings_.seconds);
 }
 
+// A member without files has notices to look for only, and leaves a quiet database alone.
+bool SourcePoll::hasWork() {
+    if (!settings_.source.files.empty()) return true;
+    Refusal ignored;
+    const auto store = Store::open(settings_.database, Store::Access::ReadOnly, ignored);
+    return store && store->hasNotices();
+}
+
 void SourcePoll::RTWDoPoll() {
+    if (!hasWork()) return;
     Refusal refusal;
     const auto store = Store::open(settings_.database, Store::Access::ReadWrite, refusal);
     if (!store) {
@@ -67,8 +76,13 @@ void SourcePoll::refresh(Store& store) {
 }
 
 void SourcePoll::publish(Store& store) {
+    if (engine_.RESendQueueLength() == 0) warnUnlessDone(store.forgetNotices(queued_));
     ChangePublisher publisher(engine_, settings_.subject);
-    const auto refusal = store.takeNotices([&](std::string_view notice) { publisher.add(notice); });
+    const auto refusal =
+        store.readNotices(queued_, [&](std::int64_t number, std::string_view notice) {
+            publisher.add(notice);
+            queued_ = number;
+        });
     publisher.flush();
     warnUnlessDone(refusal);
     if (publisher.published() != 0) {

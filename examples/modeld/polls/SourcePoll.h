@@ -33,10 +33,12 @@ class SourcePoll : public CVekTimedWork {
   private:
     void refresh(Store& store);
     void publish(Store& store);
+    bool hasWork();
 
     CVekEngine& engine_;
     const Settings settings_;
     FileWatch watch_;
+    std::int64_t queued_ = 0;  // number of the last notice that went into the send queue
 };
 
 }  // namespace modeld

@@ -65,7 +65,7 @@ Verdict refused(EVekStoreErrorStatus status, const std::string& message, oql::Po
 
 }  // namespace
 
-Verdict answer(CVekEngine& engine, Store& store, const Question& question) {
+Verdict answer(CVekEngine& engine, Store& store, const Question& question, SendGate& gate) {
     CVekTransport transport(&engine);
     Verdict verdict;
     auto parsed = oql::parse(question.text);
@@ -77,9 +77,9 @@ Verdict answer(CVekEngine& engine, Store& store, const Question& question) {
         BatchBuilder batch(question.version);
         const auto refusal = store.run(
             std::get<oql::Query>(parsed),
-            [&batch](const Row& row) {
+            [&](const Row& row) {
                 batch.add(row);
-                return true;
+                return gate.isOpen();
             },
             verdict.rows);
         if (refusal) {
@@ -91,8 +91,10 @@ Verdict answer(CVekEngine& engine, Store& store, const Question& question) {
             batch.finish(transport);
         }
     }
-    if (isLongAnswer(question.version, verdict.rows)) tellBegun(engine, question);
-    send(transport, question, verdict);
+    gate.pass([&] {
+        if (isLongAnswer(question.version, verdict.rows)) tellBegun(engine, question);
+        send(transport, question, verdict);
+    });
     return verdict;
 }
 

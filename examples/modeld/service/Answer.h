@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 
+#include "examples/modeld/service/SendGate.h"
 #include "examples/modeld/store/Store.h"
 #include "mom/mom.h"
 
@@ -28,9 +29,9 @@ struct Verdict {
 /// Every question gets an answer. Rows travel as records with the columns as fields, empty values
 /// left out; no rows as an empty answer with the status "Query has zero matches". A question that
 /// is refused is answered with the status nearest to the reason and one record that says more:
-/// "error", a text, and "position", the 1-based place in the query text where there is one. Any
-/// thread.
-Verdict answer(CVekEngine& engine, Store& store, const Question& question);
+/// "error", a text, and "position", the 1-based place in the query text where there is one. Once
+/// `gate` is closed nothing is sent, and the reading of rows ends. Any thread.
+Verdict answer(CVekEngine& engine, Store& store, const Question& question, SendGate& gate);
 
 /// Answers with a refusal of the service's own: it is too busy to look at the question.
 void refuse(CVekEngine& engine, const Question& question, const std::string& reason);

@@ -159,7 +159,7 @@ void ModelService::answerQuestion(const Question& question) {
     waitForRoomInSendQueue();
     const auto begin = std::chrono::steady_clock::now();
     auto store = borrowStore();
-    const Verdict verdict = answer(engine_, *store, question);
+    const Verdict verdict = answer(engine_, *store, question, gate_);
     promptSender_.wake();
     returnStore(std::move(store));
     const std::chrono::duration<double, std::milli> spent =

@@ -44,6 +44,9 @@ class ModelService : public RvDataCallback {
     /// when either cannot be done.
     [[nodiscard]] bool start(std::string& reason);
 
+    /// Begins no further answer. Main thread; what is queued then is all there will be.
+    void stopAnswering() { gate_.close(); }
+
     /// To be called once the main loop runs: takes up the engine's role and follows it.
     void followRole();
 
@@ -94,6 +97,7 @@ class ModelService : public RvDataCallback {
     std::atomic<std::uint64_t> refused_{0};
     std::atomic<std::uint64_t> rows_{0};
     std::atomic<bool> stopping_{false};
+    SendGate gate_;
 
     // Main thread only.
     RoleWatch role_;

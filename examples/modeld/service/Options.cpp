@@ -27,8 +27,8 @@ void addOptions(CLI::App& app, Options& options, std::string& service) {
         ->check(checkService)
         ->capture_default_str();
     app.add_option("--domain", options.domain, "the domain to answer in")->capture_default_str();
-    app.add_option("--group", options.group, "base of the fault-tolerance group's name")
-        ->capture_default_str();
+    app.add_option("--group", options.group,
+                   "base of the fault-tolerance group's name; else \"modeld.\" and the service");
     app.add_option("--tier", options.tier, "tier within the group")->capture_default_str();
     app.add_flag("--standalone", options.standalone,
                  "join no group: answer at once, whoever else does");
@@ -71,6 +71,10 @@ Options readOptions(int argc, char** argv, int& exitStatus) {
         exitStatus = app.exit(error) == 0 ? 0 : kUsage;
     }
     options.service = CVekServiceToSubjectMapper::ServiceStringToEnum(service.c_str());
+    if (options.group.empty()) {
+        options.group = std::string("modeld.") +
+                        CVekServiceToSubjectMapper::EnumToServiceString(options.service);
+    }
     const int level = static_cast<int>(LogLevel::Info) + verbose - quiet;
     options.level = static_cast<LogLevel>(std::clamp(level, 0, static_cast<int>(LogLevel::Debug)));
     return options;

@@ -16,7 +16,7 @@ struct Options {
     std::string key;
     __serv_types service = SERV_MODEL;
     std::string domain = "DEFAULT";
-    std::string group = "modeld";
+    std::string group;  ///< never empty once the command line is read
     int tier = 1;
     bool standalone = false;  ///< joins no group
     int threads = 2;

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <memory>
 
 #include "examples/modeld/polls/ChangeNotice.h"
 #include "examples/modeld/polls/Polls.h"
@@ -22,6 +23,7 @@ namespace modeld {
 namespace {
 
 constexpr int kFailure = 1;
+constexpr unsigned long kFlushMs = 1000;
 
 // Calls the service once the loop runs.
 class ModelEngine : public CVekEngine {
@@ -90,6 +92,19 @@ bool load(const Options& options) {
     return true;
 }
 
+// Leaves while the process still beats: what is queued goes out, then the group hears that another
+// member is to answer, and only then does the rest of the process come to its end.
+void leave(ModelService& service, CVekEngine& engine) {
+    service.stopAnswering();
+    engine.RESetInActive();
+    while (const auto item = std::unique_ptr<CVekSendQueueItem>(engine.RENextSendItem())) {
+        item->RSQIDeQueueIt();
+        rv_Flush(engine.m_session->handle(), kFlushMs);
+    }
+    engine.m_ftErrorCallback.reset();
+    engine.m_ftSession.reset();
+}
+
 }  // namespace
 
 int run(const Options& options) {
@@ -121,6 +136,7 @@ int run(const Options& options) {
     signals.manage(&engine);
     engine.REDoIt();
     signals.stop();
+    leave(service, engine);
     Log::info("ended by a signal");
     return 0;
 }

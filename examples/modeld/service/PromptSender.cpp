@@ -13,6 +13,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kWindow{100};  // the tick of the engine's queue
 constexpr unsigned long kTicksPerSecond = 10;
+// What the link may hold and still get more at once: its own limit, where it refuses, is 64 MiB.
+constexpr unsigned long kMostOnLink = 16UL << 20U;
 
 }  // namespace
 
@@ -46,6 +48,9 @@ void PromptSender::onIO(RvIO*) {
         windowBegin_ = now;
         sentInWindow_ = 0;
     }
+    unsigned long waitingBytes = 0;
+    rv_Pending(engine_.m_session->handle(), nullptr, &waitingBytes);
+    if (waitingBytes > kMostOnLink) return;
     const unsigned long share = engine_.REGetMaxSendRate() / kTicksPerSecond;
     for (; sentInWindow_ < share; ++sentInWindow_) {
         const std::unique_ptr<CVekSendQueueItem> item(engine_.RENextSendItem());

@@ -139,8 +139,9 @@ std::optional<Refusal> Refresh::keepNotices(Change change, const Describe& descr
                                             std::uint64_t& rows) {
     const bool deleted = change == Change::Deleted;
     if (deleted && present_.columns.empty()) return std::nullopt;
-    if (!sql::execute(database_, std::string("CREATE TABLE IF NOT EXISTS ") + kNotices +
-                                     " (id INTEGER PRIMARY KEY, made INTEGER, notice BLOB)")) {
+    if (!sql::execute(database_,
+                      std::string("CREATE TABLE IF NOT EXISTS ") + kNotices +
+                          " (id INTEGER PRIMARY KEY AUTOINCREMENT, made INTEGER, notice BLOB)")) {
         return failed(database_, "keeping the notices");
     }
     const std::string table = deleted ? "main." + sql::quoted(source_.table) : kStaged;
@@ -197,17 +198,27 @@ bool hasNotices(sqlite3* database) {
     return select && sqlite3_step(select.get()) == SQLITE_ROW;
 }
 
-std::optional<Refusal> takeNotices(sqlite3* database,
-                                   const std::function<void(std::string_view)>& visit) {
+std::optional<Refusal> readNotices(sqlite3* database, std::int64_t after,
+                                   const VisitNotice& visit) {
     const sql::Statement select =
-        sql::prepare(database, std::string("SELECT notice FROM ") + kNotices + " ORDER BY id");
+        sql::prepare(database, std::string("SELECT notice, id FROM ") + kNotices + " WHERE id > " +
+                                   std::to_string(after) + " ORDER BY id");
     if (!select) return failed(database, "reading the notices");
     int step = sqlite3_step(select.get());
-    for (; step == SQLITE_ROW; step = sqlite3_step(select.get())) visit(Row(select.get()).text(0));
-    if (step != SQLITE_DONE || !sql::execute(database, std::string("DELETE FROM ") + kNotices)) {
-        return failed(database, "taking the notices");
+    for (; step == SQLITE_ROW; step = sqlite3_step(select.get())) {
+        const Row row(select.get());
+        visit(row.integer(1), row.text(0));
     }
+    if (step != SQLITE_DONE) return failed(database, "reading the notices");
     return std::nullopt;
+}
+
+std::optional<Refusal> forgetNotices(sqlite3* database, std::int64_t upTo) {
+    if (sql::execute(database, std::string("DELETE FROM ") + kNotices +
+                                   " WHERE id <= " + std::to_string(upTo))) {
+        return std::nullopt;
+    }
+    return failed(database, "forgetting the notices");
 }
 
 std::optional<Refusal> dropNotices(sqlite3* database, std::chrono::seconds olderThan) {

@@ -46,10 +46,10 @@ class Refresh {
     std::string rowid_;  ///< a name for the row number that no column hides
 };
 
-/// The notices that wait in the database. Whoever takes or drops them has begun a transaction.
+/// The notices that wait in the database. Their numbers rise and are never used again.
 bool hasNotices(sqlite3* database);
-std::optional<Refusal> takeNotices(sqlite3* database,
-                                   const std::function<void(std::string_view)>& visit);
+std::optional<Refusal> readNotices(sqlite3* database, std::int64_t after, const VisitNotice& visit);
+std::optional<Refusal> forgetNotices(sqlite3* database, std::int64_t upTo);
 std::optional<Refusal> dropNotices(sqlite3* database, std::chrono::seconds olderThan);
 
 }  // namespace modeld

@@ -2,6 +2,8 @@
 
 #include "examples/modeld/store/Store.h"
 
+#include <algorithm>
+
 #include "examples/modeld/store/Fill.h"
 #include "examples/modeld/store/Refresh.h"
 #include "examples/modeld/store/Sql.h"
@@ -99,30 +101,37 @@ std::optional<Refusal> Store::refresh(const Source& source, const Describe& desc
                          [&] { return refresh.apply(describe, done); });
 }
 
-std::optional<Refusal> Store::takeNotices(const std::function<void(std::string_view)>& visit) {
-    sqlite3* database = database_.get();
-    if (!hasNotices(database)) return std::nullopt;
-    return inTransaction(database, "taking the notices",
-                         [&] { return modeld::takeNotices(database, visit); });
+bool Store::hasNotices() const {
+    return modeld::hasNotices(database_.get());
+}
+
+std::optional<Refusal> Store::readNotices(std::int64_t after, const VisitNotice& visit) {
+    if (!hasNotices()) return std::nullopt;
+    return modeld::readNotices(database_.get(), after, visit);
+}
+
+std::optional<Refusal> Store::forgetNotices(std::int64_t upTo) {
+    if (!hasNotices()) return std::nullopt;
+    return modeld::forgetNotices(database_.get(), upTo);
 }
 
 std::optional<Refusal> Store::dropNotices(std::chrono::seconds olderThan) {
-    sqlite3* database = database_.get();
-    if (!hasNotices(database)) return std::nullopt;
-    return inTransaction(database, "dropping old notices",
-                         [&] { return modeld::dropNotices(database, olderThan); });
+    if (!hasNotices()) return std::nullopt;
+    return modeld::dropNotices(database_.get(), olderThan);
 }
 
 std::optional<Refusal> Store::checkpoint(int& framesLeft) {
     sqlite3* database = database_.get();
     int frames = 0;
     int moved = 0;
-    if (!sql::execute(database, "PRAGMA optimize") ||
-        sqlite3_wal_checkpoint_v2(database, nullptr, SQLITE_CHECKPOINT_TRUNCATE, &frames, &moved) !=
-            SQLITE_OK) {
+    if (!sql::execute(database, "PRAGMA optimize")) return failed(database, "optimizing");
+    const int result =
+        sqlite3_wal_checkpoint_v2(database, nullptr, SQLITE_CHECKPOINT_PASSIVE, &frames, &moved);
+    // Busy: another member of the group is at it.
+    if (result != SQLITE_OK && result != SQLITE_BUSY) {
         return failed(database, "moving the log into the database");
     }
-    framesLeft = frames - moved;
+    framesLeft = std::max(0, frames - moved);
     return std::nullopt;
 }
 

@@ -57,6 +57,9 @@ enum class Change { Inserted, Changed, Deleted };
 /// Makes the notice that tells of one change: any bytes. A changed row is shown as it is now.
 using Describe = std::function<std::string(Change, const Row&)>;
 
+/// Is shown a notice and its number.
+using VisitNotice = std::function<void(std::int64_t number, std::string_view notice)>;
+
 /// How many rows a refresh found different.
 struct Refreshed {
     std::uint64_t inserted = 0;
@@ -90,15 +93,19 @@ class Store {
     std::optional<Refusal> refresh(const Source& source, const Describe& describe, Refreshed& done,
                                    const Progress& progress = {});
 
-    /// Shows all kept notices to `visit`, the oldest first, and forgets them. A notice may be shown
-    /// again later when this process dies, or is refused, in between.
-    std::optional<Refusal> takeNotices(const std::function<void(std::string_view)>& visit);
+    bool hasNotices() const;
+
+    /// Shows the kept notices with numbers above `after` to `visit`, the oldest first.
+    std::optional<Refusal> readNotices(std::int64_t after, const VisitNotice& visit);
+
+    /// Forgets the notices with numbers up to `upTo`.
+    std::optional<Refusal> forgetNotices(std::int64_t upTo);
 
     /// Forgets the notices that have been kept for longer.
     std::optional<Refusal> dropNotices(std::chrono::seconds olderThan);
 
     /// Moves what was written since the last time from the log into the database, as far as readers
-    /// allow within five seconds; `framesLeft` is what stays behind.
+    /// allow at this moment; `framesLeft` is what stays behind.
     std::optional<Refusal> checkpoint(int& framesLeft);
 
     /// Runs a query, showing every row to `visit` until that returns false. The number of rows

@@ -68,7 +68,13 @@ class StoreTest : public ::testing::Test {
     }
 
     void take(Store& store) {
-        EXPECT_FALSE(store.takeNotices([this](std::string_view n) { (told_ += n) += ";"; }));
+        std::int64_t last = 0;
+        EXPECT_FALSE(store.readNotices(0, [&](std::int64_t number, std::string_view notice) {
+            last = number;
+            (told_ += notice) += ";";
+        }));
+        EXPECT_FALSE(store.readNotices(last, [](auto...) { ADD_FAILURE() << "a notice more"; }));
+        EXPECT_FALSE(store.forgetNotices(last));
     }
 
     std::string rows() {
