@@ -18,11 +18,13 @@
 #include "tools/beats/ServiceJson.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/Ticker.h"
 
 namespace kvx::rva {
 
 namespace {
 
+constexpr unsigned long kWatchMs = 1000;
 constexpr const char* kJsonType = "application/json; charset=utf-8";
 
 // The bus's advisories, which the session delivers like messages.
@@ -121,9 +123,16 @@ int run(const Options& options) {
         bus::complain(fmt::format("cannot listen on 127.0.0.1:{}; is the port taken?", port));
         return kFailure;
     }
-    fmt::print("rva ready on http://127.0.0.1:{}\n", server.port());
-    std::fflush(stdout);
-    return client.runUntilSignal({});
+    const bus::Ticker watch(client.net(), kWatchMs, bus::Ticker::Repeat::Forever, [&] {
+        if (server.isServing()) return;
+        bus::complain("the HTTP server has ended");
+        client.leave(kFailure);
+    });
+    // Ready from the moment at which a signal ends the process in good order.
+    return client.runUntilSignal([&server] {
+        fmt::print("rva ready on http://127.0.0.1:{}\n", server.port());
+        std::fflush(stdout);
+    });
 }
 
 }  // namespace kvx::rva

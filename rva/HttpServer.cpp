@@ -181,8 +181,10 @@ class HttpServer::Listener : public httplib::Server {
         });
         // Only a running server can be stopped.
         while (!is_running() && !ended_) std::this_thread::yield();
-        return true;
+        return !ended_;
     }
+
+    bool hasEnded() const { return ended_; }
 
     void end() {
         if (!thread_.joinable()) return;
@@ -244,6 +246,10 @@ bool HttpServer::start(std::uint16_t port) {
 
 void HttpServer::stop() {
     listener_->end();
+}
+
+bool HttpServer::isServing() const {
+    return !listener_->hasEnded();
 }
 
 std::uint16_t HttpServer::port() const {

@@ -36,6 +36,9 @@ class HttpServer {
     /// Stops listening, cuts what is under way short and waits for the threads.
     void stop();
 
+    /// Whether it still serves. Any thread, between `start` and `stop`.
+    [[nodiscard]] bool isServing() const;
+
     /// Where it serves, once started.
     [[nodiscard]] std::uint16_t port() const;
 

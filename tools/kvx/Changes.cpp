@@ -3,11 +3,11 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <chrono>
 #include <memory>
 
 #include "tools/bus/Complain.h"
+#include "tools/kvx/Columns.h"
 #include "tools/kvx/DatumJson.h"
 #include "tools/kvx/Rows.h"
 
@@ -30,10 +30,9 @@ bool isColumn(const std::string& name) {
 
 // A text as it is when nobody can misread it, else in double quotes with escapes.
 std::string plainOrQuoted(const std::string& text) {
-    const bool plain = !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
-        return static_cast<unsigned char>(c) > 0x20 && c != '"' && c != '\\' && c != 0x7f;
-    });
-    return plain ? text : jsonString(text);
+    const std::string shown = printable(text);
+    const bool plain = !text.empty() && shown.find_first_of(" \"\\") == std::string::npos;
+    return plain ? text : printable(jsonString(text));
 }
 
 std::string orHyphen(const CVekAtom* value) {

@@ -8,6 +8,12 @@ std::string printable(std::string text) {
     for (char& c : text) {
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
     }
+    // The control characters U+0080 to U+009F, which some terminals obey too.
+    for (std::size_t i = 0; i + 1 < text.size(); ++i) {
+        if (text[i] == '\xc2' && static_cast<unsigned char>(text[i + 1]) < 0xa0) {
+            text.replace(i, 2, 2, ' ');
+        }
+    }
     return text;
 }
 

@@ -48,14 +48,14 @@ class PacketMaker {
 TEST(Changes, AreShownAsTextAndAsJson) {
     PacketMaker maker;
     maker.add("changed", "edge 1", 24);
-    maker.add(nullptr, "\x1b[31m", 48);
+    maker.add(nullptr, "\x1b[31m\xc2\x9b", 48);
     const auto packets = maker.packets();
     using Lines = std::vector<std::string>;
     const auto lines = [&](const ChangeFormat& format) {
         return changesIn(*packets[0], kNoon, format);
     };
     EXPECT_EQ(lines({}), (Lines{"2025-11-25T12:00:00.123Z changed devices name=\"edge 1\" ports=24",
-                                "2025-11-25T12:00:00.123Z - - name=\"\\u001b[31m\" ports=48"}));
+                                "2025-11-25T12:00:00.123Z - - name=\"\\u001b[31m  \" ports=48"}));
     EXPECT_EQ(lines({"devices", true}),
               (Lines{R"({"time":"2025-11-25T12:00:00.123Z","change":"changed",)"
                      R"("table":"devices","row":{"name":"edge 1","ports":24}})"}));
