@@ -45,6 +45,7 @@ void Election::hear(const Beat& beat, Time now) {
     } else {
         remember(beat, now);
     }
+    dropSilentPeers(now);
     decide(now);
 }
 

@@ -106,6 +106,16 @@ TEST(Rank, GoesByWeightThenStartThenId) {
     EXPECT_FALSE(rank(50, 1, "a").isBetterThan(rank(50, 1, "a")));
 }
 
+TEST(Election, ActivatedByTheBeatOfAWorseOneForgetsTheSilentLeader) {
+    Driven member;
+    member.runUntil(4 * kBeat, Beat{kBetter, MemberState::Active});
+    member.runUntil(4 * kBeat + kActivate - 1);
+    ++member.now;
+    member.hear(kWorse, MemberState::Waiting);
+    member.hear(kWorse, MemberState::Waiting);
+    EXPECT_EQ(member.told, (Actions{{Step::Activate, 4 * kBeat + kActivate}}));
+}
+
 TEST(Election, AloneActivatesAfterTheActivationIntervalAndAnnouncesItselfEachBeat) {
     Driven member;
     member.runUntil(7000);

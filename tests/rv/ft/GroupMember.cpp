@@ -1,5 +1,5 @@
 // A member of a group, as the tests of whole processes start it: says what it is told, when it last
-// heard an active member, and how late its thread and the bus have been. One line each, with the
+// heard a better-ranked one, and how late its thread and the bus have been. One line each, with the
 // microseconds of the steady clock.
 //
 //     GroupMember daemon heartbeatMs activateMs
@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "rv/ft/GroupMessage.h"
@@ -73,15 +74,20 @@ class GroupMember {
     static GroupMember& self(void* closure) { return *static_cast<GroupMember*>(closure); }
 
     static void onAction(rv_Session, const char*, int action, void* closure) {
-        say(action == RVFT_ACTIVATE ? "active" : "inactive", now(), self(closure).activeHeard_);
+        say(action == RVFT_ACTIVATE ? "active" : "inactive", now(), self(closure).betterHeard_);
     }
     static void onBeat(rv_Session, const char*, const char*, rvmsg_Type, rvmsg_Size,
                        rvmsg_Data data, void* closure) {
         const auto beat = kvx::ft::decodeBeat(data, kGroup);
         const bool isOwn =
             beat && beat->rank.id.starts_with(std::string(rv_SessionName(self(closure).session_)));
-        if (!beat || isOwn) return;
-        if (beat->state == kvx::ft::MemberState::Active) self(closure).activeHeard_ = now();
+        if (!beat) return;
+        GroupMember& member = self(closure);
+        if (isOwn) {
+            member.rank_ = beat->rank;
+        } else if (!member.rank_ || beat->rank.isBetterThan(*member.rank_)) {
+            member.betterHeard_ = now();
+        }
     }
     // The loop's lateness, and a message that comes back with the bus's.
     static void onTimer(void*, void* closure, int, void*) {
@@ -111,7 +117,8 @@ class GroupMember {
     rv_Session session_ = nullptr;
     std::string probe_;
     Micros due_ = 0;
-    Micros activeHeard_ = 0;
+    Micros betterHeard_ = 0;
+    std::optional<kvx::ft::Rank> rank_;
 };
 
 }  // namespace

@@ -81,7 +81,7 @@ Spans without(const Spans& spans, const Spans& holes) {
 
 struct Takeover {
     Micros when;
-    Micros heard;  // the last beat of an active member, or when the daemon came back
+    Micros heard;  // the last beat of a better member, or when the daemon came back
 };
 
 // What one member has said.
