@@ -68,7 +68,9 @@ void SourcePoll::refresh(Store& store) {
         },
         done);
     warnUnlessDone(refusal);
-    if (!refusal || refusal->error != StoreError::Failed) watch_.know();
+    const bool again =
+        refusal && (refusal->error == StoreError::Failed || refusal->error == StoreError::Busy);
+    if (!again) watch_.know();
     if (refusal) return;
     const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - begin;
     Log::info("'{}' brought up to date in {:.2f} s: {} rows inserted, {} changed, {} deleted",

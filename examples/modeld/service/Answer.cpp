@@ -29,6 +29,7 @@ EVekStoreErrorStatus statusOf(StoreError error) {
         case StoreError::TypeMismatch:
             return STORE_TYPE_MISMATCH;
         case StoreError::BadSource:
+        case StoreError::Busy:
         case StoreError::Failed:
             break;
     }

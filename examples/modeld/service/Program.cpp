@@ -17,6 +17,7 @@
 #include "examples/modeld/service/StopSignals.h"
 #include "mom/net/VekText.h"
 #include "platform/File.h"
+#include "platform/Signals.h"
 
 namespace modeld {
 
@@ -69,6 +70,20 @@ std::optional<Refusal> fill(Store& store, const Options& options, const Progress
     return refusal;
 }
 
+// Waits for another member of the group that is filling the same database. What is left to do then
+// is decided anew.
+std::optional<Refusal> fillWhenFree(Store& store, const Options& options,
+                                    const Progress& progress) {
+    bool told = false;
+    while (true) {
+        auto problem = store.awaitWriter();
+        if (!problem) problem = fill(store, options, progress);
+        if (!problem || problem->error != StoreError::Busy) return problem;
+        if (!told) Log::info("another process writes to the database; waiting for it");
+        told = true;
+    }
+}
+
 bool load(const Options& options) {
     if (options.files.empty()) return true;
     const auto begin = std::chrono::steady_clock::now();
@@ -77,7 +92,7 @@ bool load(const Options& options) {
     std::uint64_t rows = 0;
     std::optional<Refusal> problem = refusal;
     if (store) {
-        problem = fill(*store, options, [&](std::uint64_t done) {
+        problem = fillWhenFree(*store, options, [&](std::uint64_t done) {
             rows = done;
             showProgress(done);
         });
@@ -105,10 +120,17 @@ void leave(ModelService& service, CVekEngine& engine) {
     engine.m_ftSession.reset();
 }
 
+// The two that end no process do not end it while it is still loading and connecting either.
+void ignoreHarmlessSignals() {
+    kvx::platform::ignoreSignal(kvx::platform::signal_number::hangup());
+    kvx::platform::ignoreSignal(kvx::platform::signal_number::user2());
+}
+
 }  // namespace
 
 int run(const Options& options) {
     Log::setLevel(options.level);
+    ignoreHarmlessSignals();
     // What the files are before the loading: a change during it is seen later.
     const FileWatch watch(options.files);
     if (!load(options)) return kFailure;

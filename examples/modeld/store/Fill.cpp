@@ -146,7 +146,9 @@ std::optional<Refusal> insertRows(sqlite3* database, const Source& source, const
 }  // namespace
 
 Refusal failed(sqlite3* database, const std::string& doing) {
-    return {StoreError::Failed, doing + ": " + sqlite3_errmsg(database), 0};
+    const bool busy = sqlite3_errcode(database) == SQLITE_BUSY;
+    return {busy ? StoreError::Busy : StoreError::Failed, doing + ": " + sqlite3_errmsg(database),
+            0};
 }
 
 std::optional<Refusal> fillTable(sqlite3* database, const Source& source, const std::string& table,

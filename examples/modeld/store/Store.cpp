@@ -88,6 +88,11 @@ std::optional<Refusal> Store::load(const Source& source, const Progress& progres
     });
 }
 
+std::optional<Refusal> Store::awaitWriter() {
+    return inTransaction(database_.get(), "waiting for another process",
+                         []() -> std::optional<Refusal> { return std::nullopt; });
+}
+
 bool Store::hasTable(const std::string& name) const {
     return sql::describe(database_.get(), name).has_value();
 }

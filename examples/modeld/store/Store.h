@@ -16,7 +16,8 @@
 namespace modeld {
 
 /// Why a store refused. The service turns these into the statuses that travel to the querier.
-enum class StoreError { NoDatabase, NoTable, NoColumn, TypeMismatch, BadSource, Failed };
+/// Busy: another process was writing for longer than anyone should wait without a word.
+enum class StoreError { NoDatabase, NoTable, NoColumn, TypeMismatch, BadSource, Busy, Failed };
 
 /// What went wrong, in words for the user, and where in the query text (0 when it has no place
 /// there).
@@ -82,6 +83,9 @@ class Store {
     /// A column holds integers when every value of it is one, written the plain way; else text.
     /// Column names become lower case, with an underscore for whatever is no letter or digit.
     std::optional<Refusal> load(const Source& source, const Progress& progress);
+
+    /// Waits while another process writes; refuses with `Busy` after five seconds.
+    std::optional<Refusal> awaitWriter();
 
     /// Whether there is a table of that name that queries can reach.
     bool hasTable(const std::string& name) const;

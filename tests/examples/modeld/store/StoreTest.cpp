@@ -219,6 +219,18 @@ TEST_F(StoreTest, NoticesAreTakenOnceByWhoeverSharesTheDatabase) {
     EXPECT_TRUE(run("select * from _modeld_notices")) << "the store's own table is nobody's";
 }
 
+TEST_F(StoreTest, TellsThatAnotherOneWritesFromWhatIsBroken) {
+    Refusal refusal;
+    const auto other = Store::open(directory_.file("model.db"), Store::Access::ReadWrite, refusal);
+    std::optional<Refusal> meanwhile;
+    EXPECT_FALSE(store_->load({{csv("data.csv", kDevices)}, "devices", ""},
+                              [&](std::uint64_t) { meanwhile = other->awaitWriter(); }));
+    ASSERT_TRUE(meanwhile);
+    EXPECT_EQ(meanwhile->error, StoreError::Busy);
+    EXPECT_FALSE(other->awaitWriter());
+    EXPECT_TRUE(other->hasTable("devices"));
+}
+
 TEST_F(StoreTest, RefusesADatabaseThatIsNotThere) {
     Refusal refusal;
     EXPECT_EQ(Store::open(directory_.file("none.db"), Store::Access::ReadOnly, refusal), nullptr);
