@@ -49,7 +49,7 @@ class Client {
     const bool configured_;
     const bool qualify_;
     Net net_;
-    int exitStatus_ = 0;
+    int exitStatus_ = 1;  // of a loop that nobody has asked to leave
 };
 
 }  // namespace kvx::bus

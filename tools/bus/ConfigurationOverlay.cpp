@@ -1,5 +1,9 @@
 #include "tools/bus/ConfigurationOverlay.h"
 
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +18,29 @@ namespace kvx::bus {
 namespace {
 
 constexpr const char* kHomeVariable = "KVX_HOME";
+constexpr const char* kFile = "/etc/Calvorine.rvd.cfg";
+
+// What a signal has to remove that ends the process while an overlay is there, the innermost
+// first. Connecting takes seconds when the daemon is away, so somebody may well lose patience.
+std::array<std::string, 3> pathsToRemove;
+constexpr std::array kEndingSignals{SIGHUP, SIGINT, SIGTERM};
+
+// Calls nothing that a signal handler may not call.
+void removeAndEnd(int signal) {
+    for (const std::string& path : pathsToRemove) {
+        if (::unlink(path.c_str()) != 0) ::rmdir(path.c_str());
+    }
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+// Signals that the process ignores stay ignored.
+void changeHandler(void (*from)(int), void (*to)(int)) {
+    for (const int signal : kEndingSignals) {
+        const auto before = std::signal(signal, to);
+        if (before != from) std::signal(signal, before);
+    }
+}
 
 // One item of the configuration: the option, else what the configuration file says.
 void writeItem(std::ostream& out, const char* name, const std::string& option,
@@ -39,6 +66,8 @@ ConfigurationOverlay::ConfigurationOverlay(const Connection& connection) {
     std::error_code error;
     std::string pattern = (std::filesystem::temp_directory_path(error) / "kvx-XXXXXX").string();
     if (!error && mkdtemp(pattern.data()) != nullptr) directory_ = pattern;
+    pathsToRemove = {directory_ + kFile, directory_ + "/etc", directory_};
+    changeHandler(SIG_DFL, removeAndEnd);
     inEffect_ = !directory_.empty() && write(connection);
     if (!inEffect_) {
         complain("cannot write a temporary file for the options about the bus");
@@ -54,7 +83,7 @@ bool ConfigurationOverlay::write(const Connection& connection) const {
     configured.RRCPParseFromFilename(file.get());
     std::error_code ignored;
     std::filesystem::create_directory(directory_ + "/etc", ignored);
-    std::ofstream out(directory_ + "/etc/Calvorine.rvd.cfg");
+    std::ofstream out(directory_ + kFile);
     bool first = true;
     out << "rendezvous session = {";
     writeItem(out, "service", connection.service, configured.RRCPGetService(), first);
@@ -69,6 +98,7 @@ ConfigurationOverlay::~ConfigurationOverlay() {
     if (directory_.empty()) return;
     std::error_code ignored;
     std::filesystem::remove_all(directory_, ignored);
+    changeHandler(removeAndEnd, SIG_DFL);
     if (!inEffect_) return;
     if (homeBefore_) {
         setenv(kHomeVariable, homeBefore_->c_str(), 1);
