@@ -1,5 +1,6 @@
 #include "platform/File.h"
 
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,11 @@ bool isExecutable(const std::string& path) noexcept {
 
 bool isTerminal(std::FILE* stream) noexcept {
     return ::isatty(::fileno(stream)) == 1;
+}
+
+std::size_t terminalHeight(std::FILE* stream) noexcept {
+    winsize size{};
+    return ::ioctl(::fileno(stream), TIOCGWINSZ, &size) == 0 ? size.ws_row : 0;
 }
 
 }  // namespace kvx::platform

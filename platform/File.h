@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdio>
 #include <string>
 
@@ -15,5 +16,8 @@ namespace kvx::platform {
 
 /// True when the stream is a terminal. Any thread.
 [[nodiscard]] KVX_API bool isTerminal(std::FILE* stream) noexcept;
+
+/// The lines that a terminal shows at once; 0 when the stream is none or does not know. Any thread.
+[[nodiscard]] KVX_API std::size_t terminalHeight(std::FILE* stream) noexcept;
 
 }  // namespace kvx::platform

@@ -28,6 +28,8 @@ namespace {
 
 constexpr unsigned long kTickMs = 1000;
 constexpr const char* kClearScreen = "\033[H\033[2J";
+constexpr const char* kNoWrap = "\033[?7l";
+constexpr const char* kWrap = "\033[?7h";
 constexpr const char* kClearLine = "\r\033[K";
 
 using Repeat = bus::Ticker::Repeat;
@@ -110,8 +112,10 @@ class Services {
     }
 
     void redraw() {
-        fmt::print("{}", kClearScreen);
-        printLines(serviceLines(table_.services(), platform::monotonicMs(), colour_));
+        const auto lines = serviceLines(table_.services(), platform::monotonicMs(), colour_);
+        fmt::print("{}{}", kClearScreen, kNoWrap);
+        printLines(fittingLines(lines, platform::terminalHeight(stdout)));
+        fmt::print("{}", kWrap);
         if (table_.size() == 0) fmt::print("(nothing yet; services beat every 10 seconds)\n");
         std::fflush(stdout);
     }

@@ -40,6 +40,15 @@ std::vector<std::string> serviceLines(const std::vector<beats::Service>& service
     return lines;
 }
 
+std::vector<std::string> fittingLines(std::vector<std::string> lines, std::size_t height) {
+    // The last line of the screen is the cursor's.
+    if (height < 3 || lines.size() < height) return lines;
+    const std::size_t leftOut = lines.size() - (height - 2);
+    lines.resize(height - 2);
+    lines.push_back(fmt::format("... and {} more", leftOut));
+    return lines;
+}
+
 std::vector<std::string> answerLines(const std::vector<Answer>& answers) {
     if (answers.empty()) return {};
     std::vector<std::vector<std::string>> rows = {{"SERVICE", "ANSWER", "QUERY SUBJECT"}};

@@ -17,6 +17,10 @@ enum class Colour { Never, Missing };
 std::vector<std::string> serviceLines(const std::vector<beats::Service>& services,
                                       beats::Milliseconds now, Colour colour);
 
+/// `lines`, or as many from the top as a screen of `height` lines shows whole, and then how many
+/// are left out. A height of 0 is unknown and cuts nothing.
+std::vector<std::string> fittingLines(std::vector<std::string> lines, std::size_t height);
+
 /// The table of who answers as lines, the heading first; none when nobody does.
 std::vector<std::string> answerLines(const std::vector<Answer>& answers);
 

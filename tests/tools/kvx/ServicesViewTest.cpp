@@ -25,6 +25,8 @@ TEST(ServicesView, AlignsColumnsAndMarksWhatIsMissing) {
     EXPECT_EQ(lines[2], "\033[31mModel    NET     h 1   4711  backup  30 s  2\033[0m");
     EXPECT_EQ(serviceLines(all, 30000, Colour::Never)[2].front(), 'M');
     EXPECT_TRUE(answerLines({}).empty());
+    EXPECT_EQ(fittingLines(lines, 4), lines);
+    EXPECT_EQ(fittingLines(lines, 3), (std::vector{lines[0], std::string("... and 2 more")}));
 }
 
 TEST(ServicesView, TellsOnlyWhatChanged) {
