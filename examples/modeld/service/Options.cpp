@@ -29,7 +29,8 @@ void addOptions(CLI::App& app, Options& options, std::string& service) {
     app.add_option("--domain", options.domain, "the domain to answer in")->capture_default_str();
     app.add_option("--group", options.group,
                    "base of the fault-tolerance group's name; else \"modeld.\" and the service");
-    app.add_option("--tier", options.tier, "tier within the group")->capture_default_str();
+    app.add_option("--tier", options.tier, "tier of the group; tiers do not replace one another")
+        ->capture_default_str();
     app.add_flag("--standalone", options.standalone,
                  "join no group: answer at once, whoever else does");
     app.add_option("--threads", options.threads, "threads that answer queries")
