@@ -226,6 +226,10 @@ ChildState reapChild(pid_t pid, int options, int* status = nullptr) noexcept {
     }
 }
 
+bool isGone(pid_t pid) noexcept {
+    return ::kill(pid, 0) != 0 && errno == ESRCH;
+}
+
 // Waits until the child has ended, in real time. False when `grace` has passed before.
 bool waitForEnd(pid_t pid, Milliseconds grace) noexcept {
     const Descriptor child(::pidfd_open(pid, 0));
@@ -311,11 +315,14 @@ Started startDaemon(const Program& program, const std::string& logName) {
 bool killAndReap(unsigned long pid, Milliseconds grace) {
     if (!isProcessNumber(pid)) return false;
     const auto child = static_cast<pid_t>(pid);
-    const ChildState state = reapChild(child, WNOHANG);
-    if (state != ChildState::Running) return state == ChildState::Reaped;
-    ::kill(child, SIGTERM);
-    if (!waitForEnd(child, grace)) ::kill(child, SIGKILL);
-    return reapChild(child, 0) == ChildState::Reaped;
+    ChildState state = reapChild(child, WNOHANG);
+    if (state == ChildState::Running) {
+        ::kill(child, SIGTERM);
+        if (!waitForEnd(child, grace)) ::kill(child, SIGKILL);
+        state = reapChild(child, 0);
+    }
+    // A program that ignores SIGCHLD, or waits for all its children, fetches the end before us.
+    return state == ChildState::Reaped || isGone(child);
 }
 
 std::optional<int> reap(unsigned long pid) noexcept {
