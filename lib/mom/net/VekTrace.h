@@ -27,6 +27,7 @@ template <class... Parts>
 void writeGuarded(std::ostream& stream, const Parts&... parts) {
     try {
         std::ostringstream line;
+        line.imbue(stream.getloc());  // as if written to `stream`, not as the global locale has it
         (line << ... << parts);
         stream << line.str();
     } catch (...) {

@@ -5,8 +5,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <locale>
+#include <sstream>
 
 #include "mom/net/CVekPostInitTimedClb.h"
+#include "mom/net/VekTrace.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/Home.h"
@@ -32,6 +35,18 @@ TEST(Net, LatencyIsNeverZero) {
     EXPECT_EQ(net.RNGetLatency(), 8000UL);
     net.RNSetLatency(1UL << 32);
     EXPECT_GT(net.RNGetLatency(), 0UL);
+}
+
+TEST(Net, WritesNumbersTheSameInEveryLocale) {
+    struct Grouping : std::numpunct<char> {
+        char do_thousands_sep() const override { return '.'; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+    std::ostringstream out;
+    const std::locale before = std::locale::global({std::locale::classic(), new Grouping});
+    kvx::writeGuarded(out, 4000);
+    std::locale::global(before);
+    EXPECT_EQ(out.str(), "4000");
 }
 
 TEST(Net, AdoptsOrCopiesItsDomain) {
