@@ -115,7 +115,9 @@ class KVX_API CVekRvNet : public CVekNet {
     int RRNRemoveIO(unsigned int socket);
 
     /// A one-shot or a repeating timer of `interval` ms with the net as closure, kept in the
-    /// registry. Any thread. -220544 without a session, -220552 when no timer was made.
+    /// registry. Any thread. -220544 without a session, -220552 when no timer was made. A one-shot
+    /// timer that has fired stays until it is removed, or until the net sweeps such timers out
+    /// because many are registered.
     int RRNAddTimer(int interval, RvTimerCallback* callback);
     int RRNAddRepeatTimer(int interval, RvTimerCallback* callback);
 

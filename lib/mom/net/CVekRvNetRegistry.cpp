@@ -162,7 +162,7 @@ RvSender* CVekRvNet::senderForRequest(const char* subject, int* status) {
         return pointeeOf<RvSender>(entry);
     }
     RvSender* const sender = RRNNewSender(status, qualified.get(), nullptr);
-    addEntry(m_senders.get(), qualified.get(), sender);
+    if (addEntry(m_senders.get(), qualified.get(), sender) == kvx::kOk) noteSender(qualified.get());
     return sender;
 }
 

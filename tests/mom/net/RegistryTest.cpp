@@ -34,6 +34,17 @@ TEST_F(Registry, QualifiesASubjectWithTheDomainBehindIt) {
     EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekRvNet", 1703, "CVekRvNet"}}));
 }
 
+TEST_F(Registry, ForgetsTheOldestInboxesThatItSentRequestsTo) {
+    RvDatum datum(RVMSG_STRING, 2, "x");
+    errorOutputOf([&] {
+        for (int i = 0; i < 4200; ++i)
+            net.RRNSend(("_INBOX.A." + std::to_string(i)).c_str(), datum, nullptr);
+    });
+    EXPECT_LE(net.m_senders->RTLLength(), 4097);
+    EXPECT_EQ(net.m_senders->RTLGet("_INBOX.A.0.TEST"), nullptr);
+    EXPECT_NE(net.m_senders->RTLGet("_INBOX.A.4199.TEST"), nullptr);
+}
+
 TEST_F(Registry, RefusesServicesThatCannotBe) {
     const std::string said = errorOutputOf([&] {
         EXPECT_EQ(net.RRNAddService("A.B", &ignoreData), -220542);
