@@ -1,6 +1,7 @@
 #include "rv/ft/Member.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "platform/Clock.h"
@@ -59,24 +60,33 @@ Member::Member(Membership membership, Rank rank, const Rules& rules, void* token
       token_(token),
       election_(std::move(rank), rules, platform::monotonicMs()) {}
 
-bool Member::start(const std::string& subject) {
-    subject_ = subject;
-    if (!registerWithSession()) {
-        unregister();
-        return false;
+FtCode Member::start(const std::string& subject) {
+    FtCode code = kNoMemory;
+    try {
+        subject_ = subject;
+        code = registerWithSession();
+        if (code == kOk) {
+            if (!rv_IsConnected(membership_.session)) election_.loseLink(platform::monotonicMs());
+            carryOut();
+        }
+    } catch (const std::bad_alloc&) {
+        code = kNoMemory;
     }
-    if (!rv_IsConnected(membership_.session)) election_.loseLink(platform::monotonicMs());
-    carryOut();
-    return true;
+    if (code != kOk) unregister();
+    return code;
 }
 
-bool Member::registerWithSession() {
+FtCode Member::registerWithSession() {
     rv_Session session = membership_.session;
     for (const HookEntry& entry : kHooks) {
-        if (rv_AddHook(session, entry.list, entry.hook, token_) != 0) return false;
+        if (rv_AddHook(session, entry.list, entry.hook, token_) != 0) return kNoMemory;
     }
-    return rv_AddTimer(session, &timer_, 0, onTimerEvent, token_) == 0 &&
-           rv_Listen(session, &listener_, subject_.c_str(), onMessage, token_) == 0;
+    const int armed = rv_AddTimer(session, &timer_, 0, onTimerEvent, token_);
+    if (armed == event_code::kResourcesExceeded) return kNoMemory;
+    if (armed != 0) return kCannotAnnounce;
+    const int heard = rv_Listen(session, &listener_, subject_.c_str(), onMessage, token_);
+    if (heard == session_code::kNoMemory) return kNoMemory;
+    return heard == 0 ? kOk : kCannotAnnounce;
 }
 
 void Member::unregister() {

@@ -8,6 +8,17 @@
 
 namespace kvx::ft {
 
+/// The codes of rvft.h.
+enum FtCode : int {
+    kOk = 0,
+    kBadArgument = 1,
+    kBadSession = 2,
+    kNoMemory = 3,
+    kAlreadyMember = 4,
+    kNoMember = 5,
+    kCannotAnnounce = 6,
+};
+
 /// What a member does on its session's behalf, as given to `rvft_Join`.
 struct Membership {
     rv_Session session;
@@ -25,9 +36,9 @@ class Member {
     Member(const Member&) = delete;
     Member& operator=(const Member&) = delete;
 
-    /// Registers with the session and announces the joining. False, with nothing left behind, when
-    /// the session cannot listen on `subject` or has no timers.
-    bool start(const std::string& subject);
+    /// Registers with the session and announces the joining. With nothing left behind, `kNoMemory`
+    /// or, when the session cannot listen on `subject` or has no timers, `kCannotAnnounce`.
+    FtCode start(const std::string& subject);
 
     /// Announces the leave and ends every registration. Nothing calls back afterwards.
     void leave();
@@ -42,7 +53,7 @@ class Member {
     void onReconnect();
 
   private:
-    bool registerWithSession();
+    FtCode registerWithSession();
     void unregister();
     void carryOut();
     void announce(const Beat& beat);

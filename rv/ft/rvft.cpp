@@ -18,16 +18,6 @@ namespace kvx::ft {
 
 namespace {
 
-enum FtCode : int {
-    kOk = 0,
-    kBadArgument = 1,
-    kBadSession = 2,
-    kNoMemory = 3,
-    kAlreadyMember = 4,
-    kNoMember = 5,
-    kCannotAnnounce = 6,
-};
-
 class Registry {
   public:
     static Registry& instance() {
@@ -96,12 +86,13 @@ int join(Membership membership, unsigned weight, const Rules& rules, rvft_Member
               .id = name + "." + std::to_string(number)};
     auto member = std::make_shared<Member>(std::move(membership), std::move(rank), rules, token);
     Registry::instance().add(token, member);
-    if (!member->start(*subject)) {
+    const FtCode code = member->start(*subject);
+    if (code == kOk) {
+        *id = static_cast<rvft_MemberId>(token);
+    } else {
         Registry::instance().take(token);
-        return kCannotAnnounce;
     }
-    *id = static_cast<rvft_MemberId>(token);
-    return kOk;
+    return code;
 }
 
 }  // namespace

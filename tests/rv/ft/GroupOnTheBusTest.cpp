@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <functional>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,6 +14,25 @@
 #include "rv/session/rv_Session.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/Loop.h"
+
+namespace {
+thread_local long newsBeforeFailure = -1;  // negative: none fails
+}  // namespace
+
+void* operator new(std::size_t size) {
+    const bool fails = newsBeforeFailure >= 0 && newsBeforeFailure-- == 0;
+    if (void* const memory = fails ? nullptr : std::malloc(size)) return memory;
+    throw std::bad_alloc();
+}
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return std::malloc(size);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
 
 namespace {
 
@@ -117,4 +138,16 @@ TEST_F(GroupOnTheBus, RefusesWhatItCannotDoAndSaysWhy) {
     EXPECT_STREQ(rvft_ErrorText(session.handle, 4), "Already a member of this group");
     EXPECT_STREQ(rvft_ErrorText(nullptr, 7), "");
     rv_Close(synchronous);
+}
+
+TEST_F(GroupOnTheBus, WithoutMemoryLeavesNoMemberBehind) {
+    Session session(daemon.text());
+    int code = 3;
+    for (long news = 0; code == 3; ++news) {
+        newsBeforeFailure = news;
+        code = join(session.handle, kGroup);
+        newsBeforeFailure = -1;
+    }
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(join(session.handle, kGroup), 4);
 }
