@@ -85,8 +85,9 @@ int CVekHeartbeatClb::RHCSetLevel(EVekHbRunLevel level) {
 }
 
 void CVekHeartbeatClb::RHCSetSubject(const char* subject) {
+    char* const copy = kvx::copyText(subject).release();  // `subject` may be the one kept
     std::free(m_subject);
-    m_subject = kvx::copyText(subject).release();
+    m_subject = copy;
     if (subject != nullptr && m_subject == nullptr) {
         kvx::report(kvx::kNoMemory, kHeartbeatFile, heartbeatLine::CopySubject);
     }

@@ -119,6 +119,9 @@ TEST_F(Heartbeat, WithoutATimerOrAnEngineOnlyTraces) {
 
 TEST_F(Heartbeat, WithoutASubjectReportsWhatFails) {
     CVekHeartbeatClb heartbeat("Model", "NET", &env);
+    heartbeat.RHCSetSubject("X.Y");
+    heartbeat.RHCSetSubject(heartbeat.m_subject);
+    EXPECT_STREQ(heartbeat.m_subject, "X.Y") << "its own subject";
     heartbeat.RHCSetSubject(nullptr);
     EXPECT_EQ(beat(heartbeat), nullptr);
     EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekHeartbeatClb", 358, "SendAll"}}));
