@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 #include "mom/engine/CVekEngineLines.h"
 #include "mom/engine/CVekInitTimedClb.h"
@@ -79,12 +80,16 @@ void CVekEngine::REDoIt() {
     CVekInitTimedClb drain(
         static_cast<int>(std::min<unsigned long>(perTick, std::numeric_limits<int>::max())));
     int status = kvx::kOk;
-    m_sendTimer.reset(RRNNewTimer(&status, kDrainInterval, rv_TRUE, &drain, this));
+    auto previous = std::exchange(
+        m_sendTimer,
+        std::unique_ptr<RvTimer>(RRNNewTimer(&status, kDrainInterval, rv_TRUE, &drain, this)));
     if (!m_sendTimer) {
         kvx::report(kvx::kInvalidArgument, kvx::engine::kFile, kvx::engine::QueueTimer);
         return;
     }
-    RRNDoIt();
+    RRNDoIt();  // may end with the engine's destruction
+    // A drain that still lives is that of an outer call, in whose loop this one did nothing.
+    if (previous && previous->callback() != nullptr) m_sendTimer = std::move(previous);
 }
 
 // --- Heartbeats ------------------------------------------------------------------------------

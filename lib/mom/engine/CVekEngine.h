@@ -31,8 +31,8 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// Deletes what is left in the queue without sending it. Main thread.
     ~CVekEngine() override;
 
-    /// Arms the queue timer and runs the main loop; returns when the loop ends. The number of items
-    /// a tick is a tenth of the send rate at this moment, at least 1.
+    /// Arms the queue timer and runs the main loop; returns when the loop ends, at once inside it.
+    /// The number of items a tick is a tenth of the send rate at this moment, at least 1.
     void REDoIt();
 
     /// Does nothing; a derived engine does its start-up work here.

@@ -123,6 +123,20 @@ TEST_F(SendQueue, LeavesAtABoundedNumberOfItemsATick) {
     EXPECT_EQ(CVekInitTimedClb(-5).m_itemsPerTick, 1);
 }
 
+TEST_F(SendQueue, GoesOnLeavingAfterACallInsideTheLoop) {
+    OnTimer nest([&](RvTimer*) {
+        engine.REDoIt();
+        queue("_RV.X");
+    });
+    OnTimer look([&](RvTimer*) {
+        if (engine.RESendQueueLength() == 0) engine.RRNStopLoop();
+    });
+    ASSERT_EQ(engine.RRNAddTimer(1, &nest), 1);
+    ASSERT_EQ(engine.RRNAddRepeatTimer(20, &look), 1);
+    engine.REDoIt();
+    EXPECT_EQ(engine.RESendQueueLength(), 0);
+}
+
 TEST_F(SendQueue, TracesButForHeartbeats) {
     const DebugLevel level(4);
     EXPECT_EQ(outputOf([&] { queue("A"); }),
