@@ -51,6 +51,15 @@ void restoreDefaultSignal(int signal) noexcept {
     setDisposition(signal, SIG_DFL);
 }
 
+bool exchangeSignalHandler(int signal, SignalHandler from, SignalHandler to) noexcept {
+    const auto dispositionOf = [](SignalHandler handler) {
+        return handler != nullptr ? handler : SIG_DFL;
+    };
+    struct sigaction now {};
+    if (::sigaction(signal, nullptr, &now) != 0) return false;
+    return now.sa_handler == dispositionOf(from) && setDisposition(signal, dispositionOf(to));
+}
+
 void ignoreSignal(int signal) noexcept {
     setDisposition(signal, SIG_IGN);
 }

@@ -27,6 +27,10 @@ using SignalHandler = void (*)(int signal);
 /// Restores the system's default handling.
 KVX_API void restoreDefaultSignal(int signal) noexcept;
 
+/// Installs `to` where `from` stands; null is the system's default handling. Changes nothing, and
+/// returns false, where something else stands, such as ignoring.
+KVX_API bool exchangeSignalHandler(int signal, SignalHandler from, SignalHandler to) noexcept;
+
 /// Ignores the signal.
 KVX_API void ignoreSignal(int signal) noexcept;
 

@@ -32,7 +32,12 @@ TEST(Signals, StayHandledWaitWhileBlockedAndGoBackToTheDefault) {
     EXPECT_EQ(caught, 3);
     EXPECT_FALSE(isSignalBlocked(user1));
     ignoreSignal(user1);
+    EXPECT_FALSE(exchangeSignalHandler(user1, nullptr, count)) << "ignored stays ignored";
     raiseSignal(user1);
     restoreDefaultSignal(user1);
+    EXPECT_TRUE(exchangeSignalHandler(user1, nullptr, count));
+    raiseSignal(user1);
+    EXPECT_EQ(caught, 4);
+    EXPECT_TRUE(exchangeSignalHandler(user1, count, nullptr));
     EXPECT_EXIT(raiseSignal(user1), testing::KilledBySignal(SIGUSR1), "");
 }

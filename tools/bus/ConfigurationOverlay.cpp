@@ -1,9 +1,7 @@
 #include "tools/bus/ConfigurationOverlay.h"
 
-#include <unistd.h>
-
 #include <array>
-#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +9,7 @@
 
 #include "mom/mom.h"
 #include "mom/net/VekText.h"
+#include "platform/Signals.h"
 #include "tools/bus/Complain.h"
 
 namespace kvx::bus {
@@ -23,22 +22,22 @@ constexpr const char* kFile = "/etc/Calvorine.rvd.cfg";
 // What a signal has to remove that ends the process while an overlay is there, the innermost
 // first. Connecting takes seconds when the daemon is away, so somebody may well lose patience.
 std::array<std::string, 3> pathsToRemove;
-constexpr std::array kEndingSignals{SIGHUP, SIGINT, SIGTERM};
 
-// Calls nothing that a signal handler may not call.
+// Calls nothing that a signal handler may not call: to remove is to unlink, else to remove the
+// directory.
 void removeAndEnd(int signal) {
     for (const std::string& path : pathsToRemove) {
-        if (::unlink(path.c_str()) != 0) ::rmdir(path.c_str());
+        static_cast<void>(std::remove(path.c_str()));
     }
-    std::signal(signal, SIG_DFL);
-    std::raise(signal);
+    platform::restoreDefaultSignal(signal);
+    platform::raiseSignal(signal);
 }
 
 // Signals that the process ignores stay ignored.
-void changeHandler(void (*from)(int), void (*to)(int)) {
-    for (const int signal : kEndingSignals) {
-        const auto before = std::signal(signal, to);
-        if (before != from) std::signal(signal, before);
+void changeHandler(platform::SignalHandler from, platform::SignalHandler to) {
+    namespace number = platform::signal_number;
+    for (const int signal : {number::hangup(), number::interrupt(), number::terminate()}) {
+        platform::exchangeSignalHandler(signal, from, to);
     }
 }
 
@@ -67,7 +66,7 @@ ConfigurationOverlay::ConfigurationOverlay(const Connection& connection) {
     std::string pattern = (std::filesystem::temp_directory_path(error) / "kvx-XXXXXX").string();
     if (!error && mkdtemp(pattern.data()) != nullptr) directory_ = pattern;
     pathsToRemove = {directory_ + kFile, directory_ + "/etc", directory_};
-    changeHandler(SIG_DFL, removeAndEnd);
+    changeHandler(nullptr, removeAndEnd);
     inEffect_ = !directory_.empty() && write(connection);
     if (!inEffect_) {
         complain("cannot write a temporary file for the options about the bus");
@@ -98,7 +97,7 @@ ConfigurationOverlay::~ConfigurationOverlay() {
     if (directory_.empty()) return;
     std::error_code ignored;
     std::filesystem::remove_all(directory_, ignored);
-    changeHandler(removeAndEnd, SIG_DFL);
+    changeHandler(removeAndEnd, nullptr);
     if (!inEffect_) return;
     if (homeBefore_) {
         setenv(kHomeVariable, homeBefore_->c_str(), 1);
