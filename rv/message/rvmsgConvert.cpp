@@ -8,11 +8,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <clocale>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <limits>
 #include <optional>
 
@@ -174,8 +177,10 @@ std::uint32_t parseUnsigned(const char* text, char** end) {
     return static_cast<std::uint32_t>(value);
 }
 
+// With a full stop, as the sender wrote it, whatever this process's locale.
 double parseReal(const char* text, char** end) {
-    return std::strtod(text, end);
+    static const locale_t classic = newlocale(LC_ALL_MASK, "C", nullptr);
+    return strtod_l(text, end, classic);
 }
 
 int putString(const Target& target, const Source& source) {
@@ -365,8 +370,10 @@ int fromReal(const Source& source, const Target& target) {
     switch (target.type) {
         case RVMSG_STRING: {
             if (target.size < (isFloat ? kFloatText : kDoubleText)) return code::kInvalidArgument;
-            char text[kDoubleText];
-            std::snprintf(text, sizeof text, "%g", value);
+            // "%g", whatever this process's locale.
+            char text[kDoubleText] = {};
+            std::to_chars(std::begin(text), std::end(text) - 1, value, std::chars_format::general,
+                          6);
             return putText(target, text);
         }
         case RVMSG_BOOLEAN:
