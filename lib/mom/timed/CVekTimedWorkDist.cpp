@@ -102,6 +102,7 @@ int CVekTimedWorkDist::RTWDAddPoll(CVekTimedWork* poll) {
 }
 
 int CVekTimedWorkDist::RTWDDeletePoll(CVekTimedWork* poll) {
+    if (poll == nullptr) return kvx::kInvalidArgument;
     const char* name = nameOf(poll);
     kvx::trace(kvx::kTraceCalls, "CVekTimedWorkDist::RTWDDeletePoll ", name, "\n");
     RTWDClearBuckets();
@@ -156,6 +157,7 @@ int CVekTimedWorkDist::RTWDDistributePolls() {
 }
 
 int CVekTimedWorkDist::RTWDAddToBucket(int index, CVekTimedWork* poll) {
+    if (poll == nullptr) return kvx::kInvalidArgument;
     kvx::trace(kvx::kTraceCalls, "RTWDAddToBucket ", index, " ", nameOf(poll), "\n");
     if (index < 0) reportDist(kvx::kInvalidArgument, nullptr);
     const BucketLock guard(m_lock);

@@ -28,6 +28,7 @@ CVekTimedWorkDistBucket::~CVekTimedWorkDistBucket() {
 }
 
 void CVekTimedWorkDistBucket::RTWDBAddPoll(CVekTimedWork* poll) {
+    if (poll == nullptr) return kvx::report(kvx::kInvalidArgument, kBucketFile, 0);
     auto* entry = kvx::timed::newOrReport<CVekPointer>(
         kBucketFile, "CVekTimedWorkDistBucket::RTWDBAddPoll", poll);
     if (m_polls == nullptr || m_polls->RDLAddToListEnd(entry) != kvx::kOk) delete entry;
@@ -35,6 +36,7 @@ void CVekTimedWorkDistBucket::RTWDBAddPoll(CVekTimedWork* poll) {
 }
 
 void CVekTimedWorkDistBucket::RTWDBChangePoll(CVekTimedWork* poll) {
+    if (poll == nullptr) return kvx::report(kvx::kInvalidArgument, kBucketFile, 0);
     if (m_polls == nullptr) return;
     for (auto* element = m_polls->RDLHead(); element != nullptr;
          element = m_polls->RDLGetNext(element)) {

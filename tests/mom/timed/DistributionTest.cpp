@@ -151,3 +151,20 @@ TEST(TimedWorkDist, TicksWithoutAPeriod) {
     EXPECT_EQ(errors.take(), std::vector(2, Report{-220552, "CVekTimedWorkDist", 0,
                                                    "CVekTimedWorkDist::CVekTimedWorkDist"}));
 }
+
+TEST(TimedWorkDist, RefusesANullPoll) {
+    ErrorRecorder errors;
+    Fixture fixture(1, 1);
+    fixture.add("");
+    EXPECT_EQ(fixture.dist.RTWDAddPoll(nullptr), -220552);
+    EXPECT_EQ(fixture.dist.RTWDChangePoll(nullptr), -220552);
+    EXPECT_EQ(fixture.dist.RTWDDeletePoll(nullptr), -220552);
+    fixture.dist.RTWDDistributePolls();
+    EXPECT_EQ(fixture.tick(), (Names{"0", ""}));
+
+    CVekTimedWorkDistBucket bucket(&fixture.manager, 0);
+    bucket.RTWDBAddPoll(nullptr);
+    bucket.RTWDBChangePoll(nullptr);
+    bucket.RTWDBDoPolling();
+    EXPECT_EQ(errors.take(), std::vector(2, Report{-220552, "CVekTimedWorkDistBucket", 0, ""}));
+}
