@@ -100,8 +100,8 @@ void CMOMSignalHandler::shutdown(int) {
 }
 
 void CMOMSignalHandler::raiseDebugLevel(int) {
-    const int next = __ZembraLix_Debug_Level + 1;
-    const int level = next > kHighestDebugLevel ? 0 : next;
+    const int present = __ZembraLix_Debug_Level;
+    const int level = present >= kHighestDebugLevel ? 0 : present + 1;
     kvx::writeGuarded(std::cout, "Received SIGUSR2: Switched to debug level ", level, "\n");
     __ZembraLix_Debug_Level = level;
 }

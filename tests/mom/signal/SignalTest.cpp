@@ -4,6 +4,7 @@
 
 #include <sys/prctl.h>
 
+#include <climits>
 #include <csignal>
 #include <fstream>
 #include <memory>
@@ -142,4 +143,11 @@ TEST(SignalHandler, RefusesANetThatIsNotOfTheBus) {
     CMOMSignalHandler handler;
     handler.manage(&net);
     EXPECT_EQ(errors.take(), (std::vector{kvx::test::Report{-220552, "CMOMSignalHandler", 0, ""}}));
+}
+
+TEST(SignalHandler, StartsRoundAgainFromAnyLevelPastTheHighest) {
+    for (const int present : {4, 5, INT_MAX}) {
+        const DebugLevel level(present);
+        EXPECT_EQ(outputOf([] { CMOMSignalHandler().raiseDebugLevel(36); }), levelLine(0) + "\n");
+    }
 }
