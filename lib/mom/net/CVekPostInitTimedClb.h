@@ -6,7 +6,7 @@
 /// The one-shot timer callback that runs a network's start-up hook once its main loop turns.
 ///
 /// Its timer's closure is the `CVekRvNet` it serves. Good for one firing: it deletes itself after
-/// it, so it must come from `new`; the net deletes one whose timer never fired.
+/// it, so it must come from `new`.
 class KVX_API CVekPostInitTimedClb : public RvTimerCallback {
   public:
     CVekPostInitTimedClb();

@@ -14,9 +14,9 @@
 
 #include <string>
 
-#include "mom/net/CVekPostInitTimedClb.h"
 #include "mom/net/CVekRvNetLines.h"
 #include "mom/net/DaemonAddress.h"
+#include "mom/net/DiesWithTimer.h"
 #include "mom/net/VekCodes.h"
 #include "mom/net/VekTrace.h"
 
@@ -55,11 +55,11 @@ void deleteRequest(void* request) {
 }  // namespace
 
 void CVekRvNet::TimerDeleter::operator()(RvTimer* timer) const {
-    // A pending timer means that the hook's callback has not run, so it has not deleted itself.
-    auto* const hook =
-        timer->isPending() ? dynamic_cast<CVekPostInitTimedClb*>(timer->callback()) : nullptr;
+    // A pending timer means that its callback has not run, so it has not deleted itself.
+    auto* const unowned =
+        timer->isPending() ? dynamic_cast<kvx::DiesWithTimer*>(timer->callback()) : nullptr;
     delete timer;
-    delete hook;
+    delete unowned;
 }
 
 CVekRvNet::CVekRvNet() {

@@ -180,7 +180,7 @@ class KVX_API CVekRvNet : public CVekNet {
   private:
     friend class CVekRvQueueHandler;
     struct RequestLines;
-    /// Deletes a timer, and with it the callback of a start-up hook that was never called.
+    /// Deletes a timer, and with it a callback that waits for it and that nobody owns.
     struct TimerDeleter {
         void operator()(RvTimer* timer) const;
     };

@@ -14,6 +14,7 @@
 #include "mom/net/CVekPostInitTimedClb.h"
 #include "mom/net/CVekRvNet.h"
 #include "mom/net/CVekRvNetLines.h"
+#include "mom/net/DiesWithTimer.h"
 #include "mom/net/VekCodes.h"
 #include "mom/net/VekTrace.h"
 
@@ -315,9 +316,9 @@ void CVekRvNet::sweepSpentTimers() {
 }
 
 int CVekRvNet::RRNAddPostInitTimer() {
-    auto hook = std::make_unique<CVekPostInitTimedClb>();
+    struct StartUpHook final : CVekPostInitTimedClb, kvx::DiesWithTimer {};
+    auto hook = std::make_unique<StartUpHook>();
     const int result = RRNAddTimer(kPostInitInterval, hook.get());
-    // Registered, it deletes itself when it fires, and the net deletes it when it never does.
     if (result == kvx::kOk) static_cast<void>(hook.release());
     return result;
 }

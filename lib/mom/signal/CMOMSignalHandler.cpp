@@ -5,6 +5,7 @@
 
 #include "foundation/foundation.h"
 #include "mom/net/CVekRvNet.h"
+#include "mom/net/DiesWithTimer.h"
 #include "mom/net/VekCodes.h"
 #include "mom/net/VekTrace.h"
 #include "mom/signal/CMOMCallback.h"
@@ -46,6 +47,12 @@ constexpr Registration kRegistrations[] = {
     {kUser1, &CMOMSignalHandler::callExitHandler, true, 203, "Could not register SIGUSR1"},
     {kHangUp, &CMOMSignalHandler::doNothing, false, 216, "Could not register SIGHUP"},
     {kUser2, &CMOMSignalHandler::raiseDebugLevel, false, 229, "Could not register SIGUSR2"},
+};
+
+// The turn of the main loop that a signal waits for.
+class SignalTurn final : public CMOMCallback, public kvx::DiesWithTimer {
+  public:
+    using CMOMCallback::CMOMCallback;
 };
 
 // The catcher keeps what it accepts.
@@ -125,9 +132,10 @@ bool CMOMSignalHandler::registerHandler(CCallbackBase* exitCallback) {
 bool CMOMSignalHandler::runHandler(CCallbackBase* callback) {
     auto* net = dynamic_cast<CVekRvNet*>(m_net);
     if (net == nullptr) return true;
-    auto* once = new CMOMCallback(callback);
-    const int result = net->RRNAddTimer(0, once);
-    // A request that was not answered in time may still be performed.
-    if (result != kvx::kOk && result != kvx::kNoAnswer) delete once;
+    auto once = std::make_unique<SignalTurn>(callback);
+    const int result = net->RRNAddTimer(0, once.get());
+    // What another thread asked for may still be performed when it was not answered in time.
+    const bool mayFire = result == kvx::kOk || CVekThread::RTId() != net->m_mainThreadId;
+    if (mayFire) static_cast<void>(once.release());
     return true;
 }

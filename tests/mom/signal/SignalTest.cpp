@@ -19,6 +19,7 @@
 #include "tests/support/Daemon.h"
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/Home.h"
+#include "tests/support/Nets.h"
 #include "tests/support/ProcessUsage.h"
 
 using kvx::test::ChildProcess;
@@ -150,4 +151,18 @@ TEST(SignalHandler, StartsRoundAgainFromAnyLevelPastTheHighest) {
         const DebugLevel level(present);
         EXPECT_EQ(outputOf([] { CMOMSignalHandler().raiseDebugLevel(36); }), levelLine(0) + "\n");
     }
+}
+
+// The leak checker sees whether what waits for the turn goes with the net.
+TEST(SignalHandler, DropsASignalWhoseTurnNeverComes) {
+    const Home home("-");
+    CountingCallback callback;
+    {
+        kvx::test::TestNet net;
+        CMOMSignalHandler handler;
+        handler.manage(&net);
+        EXPECT_TRUE(handler.runHandler(&callback));
+        handler.stop();
+    }
+    EXPECT_EQ(callback.calls, 0);
 }
