@@ -147,6 +147,8 @@ class KVX_API CVekRvNet : public CVekNet {
     // answer, -220402 nobody listens for requests. The caller owns the object (an I/O handler is
     // registered with the net). Callbacks are kept, never copied. The net must have a session.
 
+    /// -220566 comes with a handler: its socket has another one registered, so the caller owns it.
+    /// Off the main thread that status is 1.
     RvIO* RRNNewIO(int* status, unsigned int socket, rvevm_IoEventType type, RvIOCallback* callback,
                    void* closure);
     RvSender* RRNNewSender(int* status, const char* subject, const char* replySubject);
