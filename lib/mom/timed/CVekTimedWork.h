@@ -9,8 +9,8 @@ class CVekAtom;
 /// A periodic poll of a service: what is done, under which name, every how many ticks.
 ///
 /// The service owns its polls. A poll must be deleted from its manager, and the deletion
-/// distributed
-/// (`RTWMDistributePolls`), before it is destroyed; a worker that runs it must have finished.
+/// distributed (`RTWMDistributePolls`), before it is destroyed; a worker that runs it must have
+/// finished.
 class KVX_API CVekTimedWork {
   public:
     /// No name, frequency and bucket key -1.
