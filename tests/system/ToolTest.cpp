@@ -121,7 +121,7 @@ TEST_F(ToolTest, LeavesNothingBehindWhenASignalEndsIt) {
     EXPECT_EQ(listener->wait(), 0);
     EXPECT_EQ(filesIn(temporary), 0U);
 
-    const auto connecting = bus_.start("kvx", {"listen", "A", "--daemon", "tcp:1"});
+    const auto connecting = bus_.start("kvx", {"listen", "A", "--daemon", "tcp:127.0.0.1:1"});
     ASSERT_TRUE(eventually([&] { return filesIn(temporary) == 2; }));
     connecting->kill(SIGTERM);
     EXPECT_EQ(connecting->wait(), -SIGTERM);
