@@ -30,7 +30,7 @@ class KVX_API RvMsg : public RvDatum {
 
     /// True when both are messages of the same bytes.
     bool operator==(const RvDatum& other) const override;
-    bool operator==(const RvMsg& other) const;
+    virtual bool operator==(const RvMsg& other) const;
 
     /// Frees an owned buffer and wraps `buffer`, which must outlive its use here. Status 1, with
     /// nothing changed, when this message is inert or `buffer` is not initialised.

@@ -9,6 +9,12 @@ std::string text(const RvMsg& message) {
     return printed(message.data());
 }
 
+/// A user's own idea of when two messages are the same.
+struct AlwaysEqual : RvMsg {
+    using RvMsg::operator==;
+    bool operator==(const RvMsg& /*other*/) const override { return true; }
+};
+
 }  // namespace
 
 TEST(RvMsg, GrowsOnceToExactlyWhatAnAppendNeeds) {
@@ -121,6 +127,8 @@ TEST(RvMsg, CopiesAreEqualAndIndependent) {
     const RvDatum datum(static_cast<const RvDatum&>(copy));
     EXPECT_TRUE(copy == datum);
     EXPECT_FALSE(copy == RvDatum(RVMSG_STRING, 2, "x"));
+    const AlwaysEqual derived;
+    EXPECT_TRUE(static_cast<const RvMsg&>(derived) == copy);
 }
 
 TEST(RvMsg, NestsMessages) {
