@@ -315,14 +315,12 @@ Started startDaemon(const Program& program, const std::string& logName) {
 bool killAndReap(unsigned long pid, Milliseconds grace) {
     if (!isProcessNumber(pid)) return false;
     const auto child = static_cast<pid_t>(pid);
-    ChildState state = reapChild(child, WNOHANG);
-    if (state == ChildState::Running) {
-        ::kill(child, SIGTERM);
-        if (!waitForEnd(child, grace)) ::kill(child, SIGKILL);
-        state = reapChild(child, 0);
-    }
+    const ChildState state = reapChild(child, WNOHANG);
+    if (state != ChildState::Running) return state == ChildState::Reaped;
+    ::kill(child, SIGTERM);
+    if (!waitForEnd(child, grace)) ::kill(child, SIGKILL);
     // A program that ignores SIGCHLD, or waits for all its children, fetches the end before us.
-    return state == ChildState::Reaped || isGone(child);
+    return reapChild(child, 0) == ChildState::Reaped || isGone(child);
 }
 
 std::optional<int> reap(unsigned long pid) noexcept {

@@ -42,9 +42,9 @@ struct Started {
 /// than the start itself.
 [[nodiscard]] KVX_API Started startDaemon(const Program& program, const std::string& logName);
 
-/// Ends the child `pid` and waits for its end: SIGTERM first, SIGKILL after `grace`. True when
-/// there is no such process now, whoever fetched its end. A process that is no child of ours is let
-/// live.
+/// Ends the child `pid` and waits for its end: SIGTERM first, SIGKILL after `grace`. True when the
+/// process existed, was a child of ours and is gone now, whoever fetched its end. Anything else is
+/// let live.
 KVX_API bool killAndReap(unsigned long pid, Milliseconds grace = 2'000);
 
 /// The exit status of the child `pid` once it has ended (128 + signal when a signal ended it);
