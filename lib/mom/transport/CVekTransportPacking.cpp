@@ -1,0 +1,253 @@
+// Records into packets: which of them share one, and whether it is compressed.
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <utility>
+
+#include "foundation/ErrorCodes.h"
+#include "foundation/foundation.h"
+#include "mom/transport/CVekDeflater.h"
+#include "mom/transport/CVekTransport.h"
+#include "mom/transport/TransportPacket.h"
+#include "mom/transport/TransportPayload.h"
+#include "rv/message/WireReader.h"
+
+using kvx::packet::Bytes;
+using kvx::transport::bytesOf;
+using kvx::transport::payloadOf;
+using kvx::transport::reportTransport;
+
+namespace {
+
+constexpr unsigned kMostUncompressedRecords = 10;  // in one plain packet
+constexpr unsigned kRecordsInBlock = 100;          // in one compressed packet
+constexpr int kFirstDeflateBuffer = 1004;          // bytes
+constexpr int kDefaultLevel = -1;
+
+// A packet is one atom, whose length is an int.
+constexpr std::size_t kLargestPacketPayload =
+    std::numeric_limits<int>::max() - kvx::packet::kHeaderSize - kvx::packet::kLengthSize;
+
+std::unique_ptr<SVekTransPayload> newPlainPayload(std::size_t size) {
+    auto payload = std::make_unique<SVekTransPayload>();
+    if (size <= kLargestPacketPayload) {
+        payload->data.reset(
+            static_cast<unsigned char*>(std::calloc(std::max<std::size_t>(size, 1), 1)));
+    }
+    if (payload->data == nullptr) {
+        reportTransport(kvx::kNoMemory, "CVekTransport::RTCreatePackets");
+        return nullptr;
+    }
+    payload->length = static_cast<std::int32_t>(size);
+    payload->uncompressedLength = payload->length;
+    return payload;
+}
+
+void appendPayload(CVekDoubleList& payloads, std::unique_ptr<SVekTransPayload> payload) {
+    if (payload == nullptr) return;
+    payloads.RDLAddToListEnd(new CVekPointer(payload.release()));
+}
+
+void addRecord(CVekDeflater& deflater, Bytes record) {
+    unsigned char length[kvx::packet::kLengthSize];
+    kvx::storeBig32(length, static_cast<std::uint32_t>(record.size()));
+    deflater.RDAddChunk(length, sizeof length);
+    deflater.RDAddChunk(record.data(), static_cast<int>(record.size()));
+}
+
+std::unique_ptr<SVekTransPayload> finishBlock(CVekDeflater& deflater) {
+    deflater.RDFinishCompression();
+    auto payload = std::make_unique<SVekTransPayload>();
+    payload->length = deflater.RDCompressedLength();
+    payload->uncompressedLength = deflater.RDUnCompressedLength();
+    payload->kind = kvx::packet::kCompressed;
+    payload->data.reset(static_cast<unsigned char*>(deflater.RDTakeCompressedData()));
+    return payload;
+}
+
+int doubled(int length) {
+    return length > std::numeric_limits<int>::max() / 2 ? length : 2 * length;
+}
+
+}  // namespace
+
+int CVekTransport::RTAddRecord(const CVekBaseRecord* record) {
+    if (record == nullptr) return kvx::kMissingArgument;
+    unsigned char* bytes = nullptr;
+    int length = 0;
+    record->ROMEncode(&bytes, &length);
+    if (bytes == nullptr) return kvx::kOk;
+    return m_records.RAVAddToEnd(new CVekAtom(bytes, length));
+}
+
+int CVekTransport::RTTakeROMP(CVekAtom** romp) {
+    if (romp == nullptr || *romp == nullptr) return kvx::kMissingArgument;
+    if ((*romp)->RAType() != VEK_TYPE_BYTES) return kvx::kWrongAtomType;
+    const int result = m_records.RAVAddToEnd(*romp);
+    if (result == kvx::kOk) *romp = nullptr;
+    return result;
+}
+
+void CVekTransport::RTPreparePayloads(EVekTransHdr version) {
+    if (version != VEK_TRANS_V1 || m_records.RAVSize() != kRecordsInBlock) return;
+    takePayloads(RTCreateCompressedPayloads(true));
+}
+
+void CVekTransport::RTTakePayloads(CVekTransport& other, EVekTransHdr version) {
+    if (this == &other) return;
+    other.RTCreatePayloads(version, true);
+    movePayloads(other.m_payloads);
+}
+
+void CVekTransport::RTCreatePayloads(EVekTransHdr version, bool consume) {
+    const unsigned records = m_records.RAVSize();
+    if (records == 0) return;
+    if (version != VEK_TRANS_V1) {
+        takePayloads(RTCreateVersion0Payloads(consume));
+    } else if (records <= kMostUncompressedRecords) {
+        takePayloads(RTCreateBufferedPayloads(consume));
+    } else {
+        takePayloads(RTCreateCompressedPayloads(consume));
+    }
+}
+
+CVekDoubleList* CVekTransport::RTCreateVersion0Payloads(bool consume) {
+    auto payloads = std::make_unique<CVekDoubleList>();
+    for (unsigned i = 0; i < m_records.RAVSize(); ++i) {
+        const CVekAtom* atom = m_records.RAVGetValue(i);
+        const Bytes record = bytesOf(*atom);
+        auto payload = newPlainPayload(kvx::packet::kLengthSize + record.size());
+        if (payload != nullptr) kvx::packet::writeRecord(payload->data.get(), record);
+        appendPayload(*payloads, std::move(payload));
+        if (consume) delete atom;
+    }
+    if (consume) m_records.RAVReset();
+    return payloads.release();
+}
+
+CVekDoubleList* CVekTransport::RTCreateBufferedPayloads(bool consume) {
+    auto payloads = std::make_unique<CVekDoubleList>();
+    std::size_t size = 0;
+    for (unsigned i = 0; i < m_records.RAVSize(); ++i) {
+        size += kvx::packet::kLengthSize + bytesOf(*m_records.RAVGetValue(i)).size();
+    }
+    auto payload = newPlainPayload(size);
+    unsigned char* out = payload != nullptr ? payload->data.get() : nullptr;
+    for (unsigned i = 0; i < m_records.RAVSize(); ++i) {
+        const CVekAtom* atom = m_records.RAVGetValue(i);
+        if (out != nullptr) out = kvx::packet::writeRecord(out, bytesOf(*atom));
+        if (consume) delete atom;
+    }
+    if (consume) m_records.RAVReset();
+    appendPayload(*payloads, std::move(payload));
+    return payloads.release();
+}
+
+CVekDoubleList* CVekTransport::RTCreateCompressedPayloads(bool consume) {
+    auto payloads = std::make_unique<CVekDoubleList>();
+    auto deflater = std::make_unique<CVekDeflater>(kFirstDeflateBuffer, kDefaultLevel);
+    const unsigned records = m_records.RAVSize();
+    unsigned inBlock = 0;
+    // No receiver takes a larger block, so one that would get there ends before its 100th record.
+    const auto isLastOfBlock = [&](unsigned i) {
+        if (inBlock == kRecordsInBlock || i + 1 == records) return true;
+        const auto size = static_cast<std::size_t>(deflater->RDUnCompressedLength()) +
+                          kvx::packet::kLengthSize + bytesOf(*m_records.RAVGetValue(i + 1)).size();
+        return size > kvx::packet::kLargestPayload;
+    };
+    for (unsigned i = 0; i < records; ++i) {
+        const CVekAtom* atom = m_records.RAVGetValue(i);
+        addRecord(*deflater, bytesOf(*atom));
+        if (consume) delete atom;
+        ++inBlock;
+        if (!isLastOfBlock(i)) continue;
+        auto payload = finishBlock(*deflater);
+        deflater = std::make_unique<CVekDeflater>(doubled(payload->length), kDefaultLevel);
+        appendPayload(*payloads, std::move(payload));
+        inBlock = 0;
+    }
+    if (consume) m_records.RAVReset();
+    return payloads.release();
+}
+
+// Appends what `payloads` holds to the payload list, and deletes `payloads`.
+void CVekTransport::takePayloads(CVekDoubleList* payloads) {
+    const std::unique_ptr<CVekDoubleList> owner(payloads);
+    movePayloads(*owner);
+}
+
+void CVekTransport::movePayloads(CVekDoubleList& from) {
+    while (CVekListable* element = from.RDLHead()) {
+        from.RDLTakeListable(element);
+        m_payloads.RDLAddToListEnd(element);
+    }
+}
+
+unsigned char* CVekTransport::RTGenerateHeader(unsigned char* buffer, long long sequence,
+                                               long long count, EVekTransHdr version,
+                                               unsigned short kind) {
+    kvx::packet::Header header;
+    header.sequence = sequence;
+    header.count = count;
+    header.version = static_cast<std::uint16_t>(version);
+    header.kind = kind;
+    header.status = static_cast<std::uint16_t>(m_storeStatus);
+    return kvx::packet::writeHeader(buffer, header);
+}
+
+int CVekTransport::RTCreatePackets(EVekTransHdr version, bool consume) {
+    RTCreatePayloads(version, consume);
+    const long long count = m_payloads.RDLLength();
+    long long sequence = 0;
+    for (const CVekListable* element = m_payloads.RDLHead(); element != nullptr;
+         element = m_payloads.RDLGetNext(element)) {
+        addPacket(*payloadOf(element), ++sequence, count, version);
+    }
+    dropPayloads();
+    return kvx::kOk;
+}
+
+void CVekTransport::addPacket(const SVekTransPayload& payload, long long sequence, long long count,
+                              EVekTransHdr version) {
+    const bool compressed = payload.kind == kvx::packet::kCompressed;
+    const std::size_t size = kvx::packet::kHeaderSize +
+                             (compressed ? kvx::packet::kLengthSize : 0) +
+                             static_cast<std::size_t>(payload.length);
+    unsigned char* buffer = nullptr;
+    if (payload.data != nullptr && size <= std::numeric_limits<int>::max()) {
+        buffer = static_cast<unsigned char*>(std::malloc(size));
+    }
+    if (buffer == nullptr) {
+        reportTransport(kvx::kNoMemory, "CVekTransport::RTCreatePackets");
+        return;
+    }
+    unsigned char* out = RTGenerateHeader(buffer, sequence, count, version, payload.kind);
+    if (compressed) {
+        kvx::storeBig32(out, static_cast<std::uint32_t>(payload.uncompressedLength));
+        out += kvx::packet::kLengthSize;
+    }
+    std::memcpy(out, payload.data.get(), static_cast<std::size_t>(payload.length));
+    adoptPacket(buffer, size);
+}
+
+// Takes the packet at `buffer` over; it comes from `malloc`.
+void CVekTransport::adoptPacket(unsigned char* buffer, std::size_t size) {
+    auto atom = std::make_unique<CVekAtom>(buffer, static_cast<int>(size));
+    if (RTAddMessage(atom.get()) == kvx::kOk) static_cast<void>(atom.release());
+}
+
+int CVekTransport::RTNilResults() {
+    constexpr std::size_t kSize = kvx::packet::kHeaderSize + kvx::packet::kLengthSize;
+    auto* buffer = static_cast<unsigned char*>(std::malloc(kSize));
+    if (buffer == nullptr) {
+        reportTransport(kvx::kNoMemory, "CVekTransport::RTNilResults");
+        return kvx::kOk;
+    }
+    unsigned char* out = RTGenerateHeader(buffer, 1, 1, VEK_TRANS_V1, kvx::packet::kPlain);
+    kvx::packet::writeRecord(out, {});
+    adoptPacket(buffer, kSize);
+    return kvx::kOk;
+}
