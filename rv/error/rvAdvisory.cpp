@@ -1,7 +1,8 @@
 #include "rv/error/rvAdvisory.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
-#include <string>
 #include <string_view>
 
 #include "rv/error/rvCodes.h"
@@ -9,7 +10,9 @@
 
 namespace {
 
-constexpr std::size_t kMaxTextLengths = 500 - 11;  // of class, source and name together
+constexpr std::size_t kSubjectTextBytes = 500;
+constexpr std::size_t kMaxTextLengths =
+    kSubjectTextBytes - 11;  // of class, source and name together
 
 }  // namespace
 
@@ -23,12 +26,18 @@ int rv_BuildAdvisory(void* body, rvmsg_Size bodyCapacity, const char* advClass, 
     if (std::strlen(advClass) + std::strlen(source) + std::strlen(name) > kMaxTextLengths) {
         return kvx::message_code::kInvalidArgument;
     }
-    const std::string text =
-        std::string(kvx::advisory::kPrefix) + '.' + advClass + '.' + source + '.' + name;
-    if (rvSubject_FromText(subject, subjectCapacity, text.c_str()) < 0) {
-        return kvx::message_code::kInvalidArgument;
+    char text[kSubjectTextBytes];
+    std::snprintf(text, sizeof text, "%s.%s.%s.%s", kvx::advisory::kPrefix, advClass, source, name);
+    std::uint8_t encoded[kvx::kMaxSubjectBytes];  // the texts may lie in `subject`
+    const unsigned capacity = std::min(subjectCapacity, kvx::kMaxSubjectBytes);
+    const int length = rvSubject_FromText(encoded, capacity, text);
+    if (length < 0) return kvx::message_code::kInvalidArgument;
+    const int result =
+        rvmsg_AppendAdvisoryFields(body, bodyCapacity, advClass, source, name, description);
+    if (result == kvx::message_code::kOk) {
+        std::memcpy(subject, encoded, static_cast<std::size_t>(length));
     }
-    return rvmsg_AppendAdvisoryFields(body, bodyCapacity, advClass, source, name, description);
+    return result;
 }
 
 int rv_BuildAppAdvisory(void* body, rvmsg_Size bodyCapacity, const char* advClass,

@@ -7,7 +7,8 @@
 /// Builds an advisory: the encoded subject "_RV.<class>.<source>.<name>" and the body with
 /// "ADV_CLASS", "ADV_SOURCE", "ADV_NAME" and, unless `description` is null, "ADV_DESC". Returns 0;
 /// 3 for a null text, a subject that cannot be encoded or texts of more than 489 characters
-/// together; 9 for a class with a full stop; 8 when the body has no room.
+/// together; 9 for a class with a full stop; 8 when the body has no room. The texts may lie in
+/// `body` or `subject`.
 KVX_API int rv_BuildAdvisory(void* body, rvmsg_Size bodyCapacity, const char* advClass,
                              const char* source, const char* name, const char* description,
                              void* subject, unsigned subjectCapacity);

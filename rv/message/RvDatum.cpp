@@ -1,6 +1,7 @@
 #include "rv/message/RvDatum.h"
 
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "rv/error/rvCodes.h"
@@ -10,22 +11,37 @@ namespace {
 
 namespace code = kvx::message_code;
 
-// The data's size where it was recorded as 0; 0 when it has none, nothing written for a bad header.
-bool workedOutSize(const RvDatum& datum, rvmsg_Size& size) {
-    size = datum.size();
-    if (size != 0) return true;
+// A message or a sealed block is read as far as its own length word says, so the bytes to copy must
+// not be less.
+bool blockBytes(rvmsg_Data block, std::uint32_t magic, std::uint32_t least, rvmsg_Size& bytes) {
+    if (block == nullptr) return bytes != 0;
+    if (bytes != 0 && bytes < kvx::kHeaderBytes) return false;
+    const bool isBlock = kvx::hasMagic(block, magic);
+    const std::uint32_t length = kvx::loadBig32(block);
+    if (bytes != 0) return !isBlock || length <= bytes;
+    bytes = length;
+    return isBlock && length >= least;
+}
+
+// The bytes that a copy takes: the recorded size, or what it is worked out to be. False for data
+// that a reader of the copy would overrun.
+bool bytesToCopy(const RvDatum& datum, rvmsg_Size& bytes) {
+    bytes = datum.size();
+    const rvmsg_Data data = datum.data();
     switch (datum.type()) {
-        case RVMSG_STRING:
-            if (datum.data() == nullptr) return true;
-            size = static_cast<rvmsg_Size>(std::strlen(static_cast<const char*>(datum.data())) + 1);
-            return true;
+        case RVMSG_STRING: {
+            if (bytes != 0 || data == nullptr) return true;
+            const std::size_t length = std::strlen(static_cast<const char*>(data)) + 1;
+            bytes = static_cast<rvmsg_Size>(length);
+            return bytes == length;
+        }
         case RVMSG_MSG:
-            return rvmsg_Length(datum.data(), &size) == code::kOk;
+            return blockBytes(data, kvx::kMessageMagic, kvx::kHeaderBytes, bytes);
         case RVMSG_ENCRYPTED:
-            if (datum.data() == nullptr) return false;
-            size = kvx::loadBig32(datum.data());
-            return kvx::hasMagic(datum.data(), kvx::kSealedMagic) &&
-                   size >= kvx::kSealedHeaderBytes;
+            return blockBytes(data, kvx::kSealedMagic, kvx::kSealedHeaderBytes, bytes);
+        case RVMSG_SUBJECT:
+            return bytes == 0 || data == nullptr ||
+                   (bytes >= sizeof(std::uint16_t) && kvx::loadBig16(data) <= bytes);
         default:
             return true;
     }
@@ -48,7 +64,7 @@ RvDatum::RvDatum(rvmsg_Type type, rvmsg_Size size, rvmsg_Data data)
 
 RvDatum::RvDatum(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data)
     : RvDatum(type, size, data) {
-    setName(name);
+    static_cast<void>(setName(name));  // without memory the datum has no name
 }
 
 RvDatum::RvDatum(const RvDatum& other) {
@@ -73,11 +89,34 @@ bool RvDatum::operator==(const RvDatum& other) const {
 }
 
 void RvDatum::set(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
-    setName(name);
+    if (takeOwn(type, size, name, data)) return;
+    if (!setName(name)) m_nameText = nullptr;
     releaseData();
     m_type = type;
     m_size = data == nullptr ? 0 : size;
     m_data = data;
+}
+
+// `set` for data that lies in memory of this datum, its name's or its data's: that memory becomes
+// the datum's data, with what is wanted moved to the front. False when the data lies elsewhere.
+bool RvDatum::takeOwn(rvmsg_Type type, rvmsg_Size size, const char* name, rvmsg_Data data) {
+    std::unique_ptr<char, kvx::FreeDeleter> memory;
+    std::size_t bytes = m_nameBytes;
+    std::optional<std::size_t> offset = kvx::offsetIn(m_name.get(), bytes, data);
+    if (offset) {
+        memory = std::move(m_name);
+        m_nameBytes = 0;
+    } else {
+        bytes = m_allocated;
+        offset = kvx::offsetIn(m_data, bytes, data);
+        if (!offset) return false;
+        memory.reset(static_cast<char*>(const_cast<void*>(m_data)));  // owned, never constant
+        m_borrowed = 1;
+    }
+    if (!setName(name)) m_nameText = nullptr;
+    std::memmove(memory.get(), memory.get() + *offset, bytes - *offset);
+    adopt(type, size, memory.release(), static_cast<rvmsg_Size>(bytes));
+    return true;
 }
 
 RvStatus RvDatum::getInt32(long& value) const {
@@ -123,29 +162,43 @@ void RvDatum::adopt(rvmsg_Type type, rvmsg_Size size, void* data, rvmsg_Size all
     m_allocated = allocated;
 }
 
+bool RvDatum::growTo(rvmsg_Size bytes) {
+    void* const grown = std::realloc(const_cast<void*>(m_data), bytes);  // owned, never constant
+    if (grown == nullptr) return false;
+    m_data = grown;
+    m_allocated = bytes;
+    return true;
+}
+
+// Name and data of `other` may lie in what this datum owns: the data is copied first, never over
+// the name, then the name, and nothing is freed before.
 void RvDatum::copyFrom(const RvDatum& other) {
-    setName(other.name());
     rvmsg_Size bytes = 0;
-    const bool hasSize = workedOutSize(other, bytes);
-    if (!hasSize || bytes == 0 || other.m_data == nullptr) {
-        releaseData();
-        m_type = hasSize ? other.m_type : rvmsg_Type{RVMSG_BADDATA};
-        return;
-    }
-    if (m_borrowed == 0 && m_size >= bytes && m_allocated >= bytes) {
+    bool isWhole = bytesToCopy(other, bytes);
+    const bool hasData = isWhole && bytes != 0 && other.m_data != nullptr;
+    const bool isReused = hasData && m_borrowed == 0 && m_size >= bytes && m_allocated >= bytes &&
+                          !kvx::offsetIn(m_data, m_allocated, other.name());
+    std::unique_ptr<void, kvx::FreeDeleter> fresh;
+    if (isReused) {
         std::memmove(const_cast<void*>(m_data), other.m_data, bytes);  // owned, never constant
+    } else if (hasData) {
+        fresh.reset(std::malloc(bytes));
+        isWhole = fresh != nullptr;
+        if (isWhole) std::memcpy(fresh.get(), other.m_data, bytes);
+    }
+    if (!setName(other.name())) {
+        m_nameText = nullptr;
+        isWhole = false;
+    }
+    if (fresh != nullptr && isWhole) {
+        adopt(other.m_type, other.m_size, fresh.release(), bytes);
+    } else if (isReused && isWhole) {
         m_type = other.m_type;
         m_size = other.m_size;
-        return;
-    }
-    void* const fresh = std::malloc(bytes);
-    if (fresh == nullptr) {
+    } else {
         releaseData();
-        m_type = RVMSG_BADDATA;
-        return;
+        m_type = isWhole ? other.m_type : rvmsg_Type{RVMSG_BADDATA};
     }
-    std::memcpy(fresh, other.m_data, bytes);
-    adopt(other.m_type, other.m_size, fresh, bytes);
 }
 
 // Leaves the datum without data, borrowing nothing.
@@ -157,21 +210,22 @@ void RvDatum::releaseData() {
     m_allocated = 0;
 }
 
-// Keeps the memory of the present name where the new one fits: walks set one name after the other.
-// `name` may be the present name. A copy that cannot be made leaves the datum without a name.
-void RvDatum::setName(const char* name) {
+// Keeps the memory of the present name where the new one fits. `name` may lie in the present one.
+bool RvDatum::setName(const char* name) {
     if (name == nullptr) {
         m_nameText = nullptr;
-        return;
+        return true;
     }
     const std::size_t bytes = std::strlen(name) + 1;
     if (bytes > m_nameBytes) {
         std::unique_ptr<char, kvx::FreeDeleter> fresh(static_cast<char*>(std::malloc(bytes)));
-        if (fresh != nullptr) std::memcpy(fresh.get(), name, bytes);
+        if (fresh == nullptr) return false;
+        std::memcpy(fresh.get(), name, bytes);
         m_name = std::move(fresh);
-        m_nameBytes = m_name == nullptr ? 0 : bytes;
+        m_nameBytes = bytes;
     } else {
         std::memmove(m_name.get(), name, bytes);
     }
     m_nameText = m_name.get();
+    return true;
 }

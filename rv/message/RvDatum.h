@@ -33,7 +33,9 @@ class KVX_API RvDatum {
     RvDatum(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
     /// A private copy. Size 0 of a string, message or sealed block is worked out for the copying
     /// and stays recorded as 0; a value without data keeps its type only. When the size cannot be
-    /// worked out or memory is exhausted, the copy is the empty datum.
+    /// worked out, when a message, sealed block or subject is longer than the recorded size, and
+    /// when memory is exhausted, the copy is the empty datum. `other` may refer to what the target
+    /// of an assignment owns.
     RvDatum(const RvDatum& other);
     RvDatum& operator=(const RvDatum& other);
     virtual ~RvDatum();
@@ -43,7 +45,8 @@ class KVX_API RvDatum {
     virtual bool operator==(const RvDatum& other) const;
 
     /// Frees owned data and borrows `data`; null data forces size 0. `name` is copied, null clears
-    /// it.
+    /// it; without memory for the copy the datum has no name. Both may lie in what this datum owns:
+    /// such data is kept, and still owned, at the front of its memory.
     void set(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
 
     rvmsg_Type type() const { return m_type; }
@@ -74,8 +77,11 @@ class KVX_API RvDatum {
         m_size = size;
         m_data = data;
     }
-    /// `name` is copied; null clears it.
-    void setName(const char* name);
+    /// `name` is copied; null clears it. False, with the old name kept, when memory is exhausted.
+    [[nodiscard]] bool setName(const char* name);
+    /// Makes the owned buffer `bytes` large, which is not less than it holds. False, with nothing
+    /// changed, when memory is exhausted.
+    [[nodiscard]] bool growTo(rvmsg_Size bytes);
     bool borrowed() const { return m_borrowed != 0; }
     /// Bytes of the owned buffer; 0 while borrowing.
     rvmsg_Size allocated() const { return m_allocated; }
@@ -83,6 +89,7 @@ class KVX_API RvDatum {
   private:
     friend class RvMsgIterator;
 
+    bool takeOwn(rvmsg_Type type, rvmsg_Size size, const char* name, rvmsg_Data data);
     void copyFrom(const RvDatum& other);
     void releaseData();
 

@@ -1,8 +1,8 @@
 // A message that grows.
 //
 // The datum underneath owns the buffer and knows how many bytes it holds; that is the capacity.
-// What a caller appends may lie in the message itself (a field it has just read, say), so growing
-// keeps the old buffer until the field stands in the new one.
+// What a caller appends may lie in the message itself (a field it has just read, say): the low
+// layer reads it before it moves anything, and growing turns it into an offset first.
 
 #include "rv/message/RvMsg.h"
 
@@ -19,6 +19,7 @@ namespace {
 namespace code = kvx::message_code;
 
 constexpr unsigned long kDefaultCapacity = 1024;
+constexpr std::uint64_t kMaxCapacity = std::numeric_limits<rvmsg_Size>::max();
 constexpr std::uint64_t kGrowReserve = 8;   // beside the data
 constexpr std::uint64_t kUnsizedData = 32;  // what size 0 of other types may turn out to need
 
@@ -29,7 +30,7 @@ RvStatus messageStatus(int result) {
 using Buffer = std::unique_ptr<void, kvx::FreeDeleter>;
 
 Buffer allocate(std::uint64_t bytes) {
-    if (bytes > std::numeric_limits<rvmsg_Size>::max()) return nullptr;
+    if (bytes > kMaxCapacity) return nullptr;
     return Buffer(std::malloc(bytes));
 }
 
@@ -117,8 +118,8 @@ bool RvMsg::copyMessage(const RvMsg& other) {
     Buffer buffer = allocate(length);
     if (buffer == nullptr) return false;
     std::memcpy(buffer.get(), other.data(), length);
-    adopt(RVMSG_MSG, 0, buffer.release(), length);
-    setName(other.name());
+    if (!setName(other.name())) return false;
+    adopt(RVMSG_MSG, 0, buffer.release(), length);  // last: name and data may lie in the old buffer
     return true;
 }
 
@@ -127,11 +128,11 @@ bool RvMsg::isReadable() const {
 }
 
 rvmsg_Size RvMsg::size() const {
-    return m_context != nullptr && isMessage(data()) ? kvx::loadBig32(data()) : 0;
+    return isReadable() ? kvx::loadBig32(data()) : 0;
 }
 
 bool RvMsg::operator==(const RvDatum& other) const {
-    if (type() == RVMSG_BADDATA || other.type() != RVMSG_MSG) return false;
+    if (type() != RVMSG_MSG || other.type() != RVMSG_MSG) return false;
     const rvmsg_Size length = size();
     const rvmsg_Size otherLength = isMessage(other.data()) ? kvx::loadBig32(other.data()) : 0;
     return length == otherLength && (length == 0 || std::memcmp(data(), other.data(), length) == 0);
@@ -151,28 +152,32 @@ RvStatus RvMsg::reserve(unsigned long size) {
     if (m_context == nullptr) return messageStatus(code::kNotInitialized);
     if (borrowed()) return messageStatus(code::kInvalidArgument);
     if (allocated() >= size) return messageStatus(code::kOk);
-    Buffer buffer = allocate(size);
-    if (buffer == nullptr) return messageStatus(code::kNoRoom);
-    std::memcpy(buffer.get(), data(), allocated());
-    adopt(RVMSG_MSG, 0, buffer.release(), static_cast<rvmsg_Size>(size));
-    return messageStatus(code::kOk);
+    const bool isGrown = size <= kMaxCapacity && growTo(static_cast<rvmsg_Size>(size));
+    return messageStatus(isGrown ? code::kOk : code::kNoRoom);
 }
 
 RvStatus RvMsg::append(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
     if (m_context == nullptr) return messageStatus(code::kNotInitialized);
     if (borrowed()) return messageStatus(code::kInvalidArgument);
     if (!isReadable()) return messageStatus(code::kNotInitialized);
-    void* const buffer = const_cast<void*>(this->data());  // owned here, never constant
-    const int result = rvmsg_Append(buffer, allocated(), name, type, size, data);
+    const int result = appendHere(name, type, size, data);
     if (result != code::kNoRoom) return messageStatus(result);
     const std::uint64_t capacity = grownCapacity(allocated(), name, type, size, data);
-    Buffer fresh = allocate(capacity);
-    if (fresh == nullptr) return {static_cast<unsigned>(kvx::session_code::kNoMemory)};
-    std::memcpy(fresh.get(), buffer, this->size());
-    const int retried =
-        rvmsg_Append(fresh.get(), static_cast<rvmsg_Size>(capacity), name, type, size, data);
-    adopt(RVMSG_MSG, 0, fresh.release(), static_cast<rvmsg_Size>(capacity));
-    return messageStatus(retried);
+    if (capacity > kMaxCapacity) return messageStatus(result);
+    const auto nameAt = kvx::offsetIn(this->data(), allocated(), name);
+    const auto dataAt = kvx::offsetIn(this->data(), allocated(), data);
+    if (!growTo(static_cast<rvmsg_Size>(capacity))) {
+        return {static_cast<unsigned>(kvx::session_code::kNoMemory)};
+    }
+    const auto* const moved = static_cast<const char*>(this->data());
+    if (nameAt) name = moved + *nameAt;
+    if (dataAt) data = moved + *dataAt;
+    return messageStatus(appendHere(name, type, size, data));
+}
+
+int RvMsg::appendHere(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
+    void* const buffer = const_cast<void*>(this->data());  // owned here, never constant
+    return rvmsg_Append(buffer, allocated(), name, type, size, data);
 }
 
 RvStatus RvMsg::append(const char* name, const RvDatum& datum) {
@@ -282,8 +287,6 @@ RvStatus RvMsg::get(const char* name, char* buffer, unsigned long capacity) cons
 }
 
 RvStatus RvMsg::get(const char* name, RvMsg& nested) const {
-    // An owned buffer must not go while it holds what is found; a wrapped one is somebody else's.
-    if (&nested == this && !borrowed()) return messageStatus(code::kInvalidArgument);
     RvDatum found;
     const RvStatus status = find(name, found);
     if (!(status == 0)) return status;

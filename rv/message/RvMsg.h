@@ -24,7 +24,8 @@ class KVX_API RvMsg : public RvDatum {
     RvMsg(rvmsg_Msg buffer);
     /// An owned copy of exactly the other's length.
     RvMsg(const RvMsg& other);
-    /// Does nothing when either side is inert or the other is no readable message.
+    /// Does nothing when either side is inert, the other is no readable message or memory is
+    /// exhausted. `other` may lie in this message: nested in it, or the element of a walk.
     RvMsg& operator=(const RvMsg& other);
     ~RvMsg() override;
 
@@ -32,15 +33,17 @@ class KVX_API RvMsg : public RvDatum {
     bool operator==(const RvDatum& other) const override;
     virtual bool operator==(const RvMsg& other) const;
 
-    /// Frees an owned buffer and wraps `buffer`, which must outlive its use here. Status 1, with
-    /// nothing changed, when this message is inert or `buffer` is not initialised.
+    /// Frees an owned buffer and wraps `buffer`, which must outlive its use here. A message nested
+    /// in the owned buffer becomes its content instead, and stays owned. Status 1, with nothing
+    /// changed, when this message is inert or `buffer` is not initialised.
     RvStatus attach(rvmsg_Msg buffer);
     /// Makes room for `size` bytes in all. 1 for an inert message, 3 for a wrapped one, 8 when the
     /// memory is not there.
     RvStatus reserve(unsigned long size);
 
     /// Adds one field (`rvmsg_Append`), growing the buffer once if need be. Status 1 for an inert
-    /// message, 3 for a wrapped one, {session, 20} when it cannot grow. `data` is copied.
+    /// message, 3 for a wrapped one, {session, 20} when there is no memory to grow and 8 when 32
+    /// bits do not hold the size. `data` is copied; name and data may lie in this message.
     RvStatus append(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
     RvStatus append(const char* name, const RvDatum& datum);
     RvStatus append(const RvDatum& datum);
@@ -64,8 +67,8 @@ class KVX_API RvMsg : public RvDatum {
     RvStatus get(const char* name, float& value) const;
     RvStatus get(const char* name, double& value) const;
     RvStatus get(const char* name, char* buffer, unsigned long capacity) const;
-    /// `nested` then wraps the nested buffer and must not outlive this message. 3 for a field that
-    /// is no message.
+    /// `nested` then wraps the nested buffer and must not outlive this message (see `attach` when
+    /// it is this message). 3 for a field that is no message.
     RvStatus get(const char* name, RvMsg& nested) const;
 
     /// The length of the message in bytes, 0 when it is inert.
@@ -79,6 +82,7 @@ class KVX_API RvMsg : public RvDatum {
     friend class RvMsgIterator;
     struct Context;
 
+    int appendHere(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
     /// Borrows a nested message for a walk; false when there is no memory for the first one.
     bool borrowMessage(const char* name, rvmsg_Size size, rvmsg_Data buffer);
     bool isReadable() const;

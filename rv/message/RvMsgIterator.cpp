@@ -28,9 +28,13 @@ const RvDatum* RvMsgIterator::next() {
         return nullptr;
     }
     m_position = cursor.position();
-    if (field.type == RVMSG_MSG && kvx::hasMagic(data, kvx::kMessageMagic) &&
-        m_message.borrowMessage(field.name, size, data)) {
-        return &m_message;
+    if (field.type == RVMSG_MSG) {
+        if (kvx::hasMagic(data, kvx::kMessageMagic) &&
+            m_message.borrowMessage(field.name, size, data)) {
+            return &m_message;
+        }
+        m_position = m_end;
+        return nullptr;
     }
     m_datum.borrow(field.name, field.type, size, data);
     return &m_datum;

@@ -11,9 +11,9 @@ class KVX_API RvMsgIterator {
     RvMsgIterator& operator=(const RvMsgIterator&) = delete;
     ~RvMsgIterator();
 
-    /// The next field, or null at the end and at a field that cannot be decoded. A nested message
-    /// is returned as an `RvMsg`. The result belongs to the iterator and is overwritten by the next
-    /// call.
+    /// The next field, or null at the end, at a field that cannot be decoded and when memory is
+    /// exhausted. A datum of type `RVMSG_MSG` is always an `RvMsg` and may be cast to one. The
+    /// result belongs to the iterator and is overwritten by the next call.
     const RvDatum* next();
 
     /// Starts again at the first field.

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 
 namespace kvx {
 
@@ -33,6 +34,13 @@ inline void storeBig32(void* at, std::uint32_t value) {
 inline void storeBig64(void* at, std::uint64_t value) {
     value = __builtin_bswap64(value);
     std::memcpy(at, &value, sizeof value);
+}
+
+/// The offset of `at` in the `bytes` bytes at `start`; nothing when it lies elsewhere.
+inline std::optional<std::size_t> offsetIn(const void* start, std::size_t bytes, const void* at) {
+    const std::uintptr_t offset =
+        reinterpret_cast<std::uintptr_t>(at) - reinterpret_cast<std::uintptr_t>(start);
+    return offset < bytes ? std::optional<std::size_t>(offset) : std::nullopt;
 }
 
 /// A cursor over received bytes that cannot step past their end: a read that would, fails and

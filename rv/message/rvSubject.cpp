@@ -55,11 +55,22 @@ kvx::WireReader elementsOf(const void* encoded) {
     return {bytesOf(encoded) + kHeaderBytes, length - kHeaderBytes};
 }
 
+bool isFilledByElements(const void* encoded) {
+    kvx::WireReader reader = elementsOf(encoded);
+    for (unsigned left = rvSubject_Count(encoded); left > 0; --left) {
+        const char* text = nullptr;
+        std::size_t characters = 0;
+        if (!takeElement(reader, text, characters)) return false;
+    }
+    return reader.left() == 0;
+}
+
 }  // namespace
 
 int rvSubject_FromText(void* out, unsigned capacity, const char* text) {
     if (out == nullptr || text == nullptr) return -1;
     capacity = std::min(capacity, kvx::kMaxSubjectBytes);
+    std::uint8_t encoded[kvx::kMaxSubjectBytes];  // `text` may lie in `out`
     unsigned length = kHeaderBytes;
     unsigned count = 0;
     for (;;) {
@@ -67,13 +78,14 @@ int rvSubject_FromText(void* out, unsigned capacity, const char* text) {
         if (!isElementLength(characters) || count == kvx::kMaxSubjectElements) return -1;
         const auto record = static_cast<unsigned>(characters) + kElementExtra;
         if (length + record > capacity) return -1;
-        writeElement(bytesOf(out) + length, text, characters);
+        writeElement(encoded + length, text, characters);
         length += record;
         ++count;
         if (text[characters] == 0) break;
         text += characters + 1;
     }
-    writeHeader(out, length, count);
+    writeHeader(encoded, length, count);
+    std::memcpy(out, encoded, length);
     return static_cast<int>(length);
 }
 
@@ -81,16 +93,20 @@ char* rvSubject_ToText(char* out, unsigned capacity, const void* encoded) {
     if (out == nullptr || encoded == nullptr) return nullptr;
     const unsigned length = rvSubject_Length(encoded);
     if (length < kHeaderBytes || length > capacity) return nullptr;
-    kvx::WireReader reader = elementsOf(encoded);
+    if (!isFilledByElements(encoded)) return nullptr;
+    // The text is shorter than the encoding, so it can be written over it.
+    std::memmove(out, encoded, length);
+    const unsigned count = rvSubject_Count(out);
+    kvx::WireReader reader = elementsOf(out);
     char* at = out;
-    for (unsigned left = rvSubject_Count(encoded); left > 0; --left) {
+    for (unsigned i = 0; i < count; ++i) {
         const char* text = nullptr;
         std::size_t characters = 0;
-        if (!takeElement(reader, text, characters)) return nullptr;
-        if (at != out) *at++ = '.';
-        at = std::copy_n(text, characters, at);
+        static_cast<void>(takeElement(reader, text, characters));
+        if (i > 0) *at++ = '.';
+        std::memmove(at, text, characters);
+        at += characters;
     }
-    if (reader.left() != 0) return nullptr;
     *at = 0;
     return out;
 }

@@ -6,7 +6,8 @@
 /// each element a byte with its length + 2, its characters and a zero byte.
 ///
 /// Functions that take an encoded subject believe its length word and read nothing past it. What
-/// came from outside is checked first with `kvx::SubjectView::parse` (SubjectView.h).
+/// came from outside is checked first with `kvx::SubjectView::parse` (SubjectView.h). Input may lie
+/// in the output's memory; a failed call writes nothing.
 
 /// Encodes dotted text: 1 to 102 elements of 1 to 250 characters. Returns the encoded length, or -1
 /// when the text breaks a rule or the result exceeds `capacity` (never taken as more than 1,000).

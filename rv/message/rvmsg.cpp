@@ -5,6 +5,9 @@
 // message is encoded in the free space behind the outermost one and then rotated into its place, so
 // that whatever follows the nested message moves up and nothing is lost; the lengths on the way are
 // raised last. The room is the same at every level: what the outermost message leaves free.
+//
+// Arguments may lie in the message that is changed: they have been read when the field stands in
+// the free space, and nothing before it is touched until then.
 
 #include "rv/message/rvmsg.h"
 
@@ -223,31 +226,36 @@ int findNested(std::uint8_t* message, const char* path, std::size_t characters,
     }
 }
 
-// A step of a path: the innermost message so far and what is left of the name.
-struct PathPosition {
-    std::uint8_t* message;
-    const char* name;
+// Goes down to the innermost message that `name` is a path to, and leaves its last element in
+// `name`.
+int descend(std::uint8_t*& message, const char*& name) {
+    while (const char* const stop = std::strchr(name, '.')) {
+        const int result =
+            findNested(message, name, static_cast<std::size_t>(stop - name), message);
+        if (result != code::kOk) return result;
+        name = stop + 1;
+    }
+    return code::kOk;
+}
 
-    // Goes one message down while the name has a full stop; `raise` is added to each length on the
-    // way.
-    int descend(std::uint32_t raise) {
-        while (const char* const stop = std::strchr(name, '.')) {
-            std::uint8_t* nested = nullptr;
-            const int result =
-                findNested(message, name, static_cast<std::size_t>(stop - name), nested);
-            if (result != code::kOk) return result;
-            grow(raise);
-            message = nested;
-            name = stop + 1;
+// Adds `by` to the length of `message` and of every message on the way down to `innermost`.
+void raiseLengths(std::uint8_t* message, const std::uint8_t* innermost, std::uint32_t by) {
+    for (;;) {
+        FieldCursor cursor(message);  // ends where the message ended before
+        kvx::storeBig32(message, kvx::loadBig32(message) + by);
+        if (message == innermost) return;
+        WireField field;
+        while (cursor.next(field) == FieldCursor::Step::kField && cursor.position() <= innermost) {
         }
-        grow(raise);
-        return code::kOk;
+        message += field.data - message;
     }
+}
 
-    void grow(std::uint32_t raise) const {
-        if (raise != 0) kvx::storeBig32(message, kvx::loadBig32(message) + raise);
-    }
-};
+// Where `text` ends in the buffer; 0 when it lies elsewhere.
+std::size_t endInside(const void* buffer, rvmsg_Size capacity, const char* text) {
+    const auto offset = kvx::offsetIn(buffer, capacity, text);
+    return offset && text != nullptr ? *offset + std::strlen(text) + 1 : 0;
+}
 
 }  // namespace
 
@@ -276,20 +284,18 @@ int rvmsg_Append(void* buffer, rvmsg_Size capacity, const char* name, rvmsg_Type
     auto* const bytes = static_cast<std::uint8_t*>(buffer);
     FieldWriter out(bytes + length, capacity - length);
     kvx::NameShape shape = kvx::shapeOf(name);
-    PathPosition inner{bytes, name};
+    std::uint8_t* innermost = bytes;
     if (shape.hasFullStop) {
-        if (const int result = inner.descend(0); result != code::kOk) return result;
-        shape = kvx::shapeOf(inner.name);
+        if (const int result = descend(innermost, name); result != code::kOk) return result;
+        shape = kvx::shapeOf(name);
     }
-    const int result = putField(out, inner.name, shape.characters, type, size, data);
+    const int result = putField(out, name, shape.characters, type, size, data);
     if (result != code::kOk) return result;
-    if (inner.message == bytes) {
-        kvx::storeBig32(buffer, length + out.written());
-        return code::kOk;
-    }
+    std::uint8_t* const place = innermost + kvx::loadBig32(innermost);
     std::uint8_t* const end = bytes + length;
-    std::rotate(inner.message + kvx::loadBig32(inner.message), end, end + out.written());
-    return PathPosition{bytes, name}.descend(out.written());
+    raiseLengths(bytes, innermost, out.written());
+    std::rotate(place, end, end + out.written());
+    return code::kOk;
 }
 
 int rvmsg_AppendAdvisoryFields(void* buffer, rvmsg_Size capacity, const char* advClass,
@@ -302,10 +308,20 @@ int rvmsg_AppendAdvisoryFields(void* buffer, rvmsg_Size capacity, const char* ad
                                                           {"ADV_SOURCE", source},
                                                           {"ADV_NAME", name},
                                                           {"ADV_DESC", description}};
-    int result = rvmsg_Init(buffer, capacity);
+    std::size_t behind = 0;  // texts in the buffer are read before their place is written
     for (const auto& [field, text] : fields) {
-        if (result != code::kOk || text == nullptr) return result;
-        result = rvmsg_Append(buffer, capacity, field, RVMSG_STRING, 0, text);
+        behind = std::max(behind, endInside(buffer, capacity, text));
+    }
+    if (behind > capacity) return code::kNoRoom;
+    auto* const message = static_cast<std::uint8_t*>(buffer) + behind;
+    const auto room = static_cast<rvmsg_Size>(capacity - behind);
+    int result = rvmsg_Init(message, room);
+    for (const auto& [field, text] : fields) {
+        if (result != code::kOk || text == nullptr) break;
+        result = rvmsg_Append(message, room, field, RVMSG_STRING, 0, text);
+    }
+    if (result == code::kOk && behind != 0) {
+        std::memmove(buffer, message, kvx::loadBig32(message));
     }
     return result;
 }

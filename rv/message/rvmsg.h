@@ -47,6 +47,7 @@ KVX_API int rvmsg_Length(const void* buffer, rvmsg_Size* length);
 /// nested messages, the innermost of which gets the field. `name` null or "" makes an unnamed
 /// field. `size` is not looked at for messages, subjects and sealed blocks, whose own length word
 /// counts; size 0 of a string means its text length + 1. A failed append changes no length.
+/// Name and data may lie in the message.
 KVX_API int rvmsg_Append(void* buffer, rvmsg_Size capacity, const char* name, rvmsg_Type type,
                          rvmsg_Size size, rvmsg_Data data);
 
@@ -88,7 +89,8 @@ KVX_API int rvmsg_PrintMsg(const void* buffer, FILE* stream);
 
 /// Initialises `buffer` and appends "ADV_CLASS", "ADV_SOURCE", "ADV_NAME" and, when `description`
 /// is not null, "ADV_DESC". Returns 3 for a null class, source or name, 9 for a class with a full
-/// stop.
+/// stop. The texts may lie in `buffer`: the fields are then built behind them, which takes that
+/// much room more.
 KVX_API int rvmsg_AppendAdvisoryFields(void* buffer, rvmsg_Size capacity, const char* advClass,
                                        const char* source, const char* name,
                                        const char* description);

@@ -186,7 +186,7 @@ double parseReal(const char* text, char** end) {
 int putString(const Target& target, const Source& source) {
     if (target.size < source.size) return code::kInvalidArgument;
     auto* const out = static_cast<char*>(target.data);
-    std::memcpy(out, source.data, source.size);
+    std::memmove(out, source.data, source.size);
     // A text that brings no terminator gets one where there is room.
     const bool isTerminated = source.size != 0 && out[source.size - 1] == 0;
     if (!isTerminated && target.size > source.size) out[source.size] = 0;

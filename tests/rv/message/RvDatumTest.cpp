@@ -39,6 +39,25 @@ TEST(RvDatum, ACopyWorksOutAMissingSizeAndStillRecordsZero) {
     EXPECT_EQ(copy.type(), RVMSG_BADDATA);
 }
 
+TEST(RvDatum, CopiesNothingThatAReaderOfTheCopyWouldOverrun) {
+    const Bytes message = messageOf(Bytes(12, 1));
+    Bytes shortBlock = message;
+    const Bytes sealed = big32(20) + big32(0x9955EEBB) + Bytes(12, 1);
+    const Bytes subject = {0, 6, 1, 3, 'a', 0};
+    const std::vector<RvDatum> copies = {
+        RvDatum(RVMSG_MSG, 19, message.data()), RvDatum(RVMSG_MSG, 7, message.data()),
+        RvDatum(RVMSG_ENCRYPTED, 19, sealed.data()), RvDatum(RVMSG_SUBJECT, 4, subject.data()),
+        RvDatum(RVMSG_SUBJECT, 1, subject.data())};
+    for (const RvDatum& copy : copies) EXPECT_EQ(copy.type(), RVMSG_BADDATA);
+    for (std::uint8_t length = 0; length < 8; ++length) {
+        shortBlock[3] = length;
+        const RvDatum datum(RVMSG_MSG, 0, shortBlock.data());
+        EXPECT_EQ(RvDatum(datum).type(), RVMSG_BADDATA);
+    }
+    const RvDatum whole(RVMSG_MSG, 20, message.data());
+    EXPECT_EQ(RvDatum(whole).type(), RVMSG_MSG);
+}
+
 TEST(RvDatum, AssignmentReusesABufferThatIsLargeEnough) {
     RvDatum target;
     target = RvDatum(RVMSG_STRING, 8, "1234567");

@@ -26,6 +26,7 @@ TEST(RvMsg, GrowsOnceToExactlyWhatAnAppendNeeds) {
     EXPECT_TRUE(message.append("large", RVMSG_OPAQUE, 100000, large.data()) == 0);
     EXPECT_EQ(rvmsg_Validate(message.data(), message.size()), 0);
     EXPECT_TRUE(message.append(nullptr, RVMSG_INT, 3, "abc").isMessage(3));
+    EXPECT_TRUE(message.append("huge", RVMSG_OPAQUE, 0xFFFFFFFF, "").isMessage(8));
 }
 
 TEST(RvMsg, AppendsDataThatLiesInItself) {
@@ -111,6 +112,13 @@ TEST(RvMsg, IsInertAroundBadBuffers) {
     EXPECT_EQ(RvMsg(1UL << 40U).size(), 0U);
 }
 
+TEST(RvMsg, IsNoMessageAnyMoreWhenSetToAnotherValue) {
+    RvMsg message;
+    static_cast<RvDatum&>(message) = RvDatum("n", RVMSG_STRING, 2, "x");
+    EXPECT_EQ(message.size(), 0U);
+    EXPECT_FALSE(message == RvMsg(static_cast<rvmsg_Msg>(nullptr)));
+}
+
 TEST(RvMsg, CopiesAreEqualAndIndependent) {
     RvMsg original;
     original.append("a", "x");
@@ -144,7 +152,6 @@ TEST(RvMsg, NestsMessages) {
     EXPECT_TRUE(outer.get("a.b", value) == 0);
     EXPECT_EQ(value, 7);
     EXPECT_TRUE(outer.get("text", found).isMessage(3));
-    EXPECT_TRUE(outer.get("a", outer).isMessage(3));
     RvMsg walker(const_cast<void*>(outer.data()));
     EXPECT_TRUE(walker.get("a", walker) == 0);
     EXPECT_TRUE(walker.get("b", value) == 0);
@@ -173,4 +180,13 @@ TEST(RvMsgIterator, WalksNamedUnnamedAndNestedFields) {
         EXPECT_EQ(fields->next(), nullptr);
         fields->reset();
     }
+}
+
+TEST(RvMsgIterator, EndsAtABlockThatIsNoMessage) {
+    Bytes bytes = messageOf(fieldOf("m", Bytes{1, 0x7A} + big32(8) + big32(0)) +
+                            fieldOf("x", {8, 2, 'y', 0}));
+    const RvMsg message(static_cast<rvmsg_Msg>(bytes.data()));
+    const std::unique_ptr<RvMsgIterator> fields(message.newIterator());
+    EXPECT_EQ(fields->next(), nullptr);
+    EXPECT_EQ(fields->next(), nullptr);
 }
