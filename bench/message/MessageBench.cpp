@@ -17,6 +17,7 @@ using kvx::bench::PlainField;
 
 constexpr std::size_t kCapacity = 1024;
 constexpr std::size_t kTimes = 20000;
+constexpr std::size_t kManyFields = 100'000;
 
 const std::uint32_t kSequence = 4711;
 const std::uint64_t kStamp = 1234567890123;
@@ -155,8 +156,22 @@ std::vector<Contestant> finders(Buffers& buffers) {
     return {repeated(buffers, "hand-written loop", plain), repeated(buffers, "rvmsg_Get", message)};
 }
 
-void ask(const char* question, std::vector<Contestant> contestants) {
-    kvx::bench::measure(contestants, kTimes);
+// One message takes all the fields of a round.
+std::vector<Contestant> growers() {
+    const auto filled = [](unsigned long reserved) {
+        return [reserved](std::size_t fields) {
+            RvMsg message(reserved);
+            for (std::size_t i = 0; i < fields; ++i) message.append("sequence", kSequence);
+            keep(message);
+        };
+    };
+    constexpr unsigned long kFieldBytes = 24;
+    return {{"RvMsg with room for all", filled(kManyFields * kFieldBytes)},
+            {"RvMsg that grows each time", filled(0)}};
+}
+
+void ask(const char* question, std::vector<Contestant> contestants, std::size_t times = kTimes) {
+    kvx::bench::measure(contestants, times);
     kvx::bench::printRows(question, contestants);
 }
 
@@ -179,6 +194,7 @@ int main() {
     ask("encode 10 fields", encoders(buffers));
     ask("decode all 10 fields", walkers(buffers));
     ask("find the last by name", finders(buffers));
+    ask("append to 100,000 fields", growers(), kManyFields);
     std::size_t length = 0;
     rvmsg_Size messageLength = 0;
     rvmsg_Length(buffers.message, &messageLength);
