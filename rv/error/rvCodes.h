@@ -1,7 +1,10 @@
 #pragma once
 
-/// The numbers of the four code tables, by name. Texts: rvErrors.h.
+/// The numbers of the four code tables, by name, and the client's version. Texts: rvErrors.h.
 namespace kvx {
+
+/// Major, minor and update number: what a client announces to its daemon in every init message.
+inline constexpr int kClientVersion[3] = {5, 3, 2};
 
 /// Session codes (category 0).
 namespace session_code {

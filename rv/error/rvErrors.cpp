@@ -115,6 +115,14 @@ const char* firstOf(const char* first, const char* second, const char* otherwise
 
 }  // namespace
 
+const char* rv_VersionText() {
+    constexpr auto digit = [](int number) { return static_cast<char>('0' + number); };
+    static constexpr char text[] = {digit(kvx::kClientVersion[0]), '.',
+                                    digit(kvx::kClientVersion[1]), '.',
+                                    digit(kvx::kClientVersion[2]), 0};
+    return text;
+}
+
 const char* rv_ErrorText(int code) {
     return firstOf(textIn(kSharedTexts, code), textIn(kSessionTexts, code), "");
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "rv/error/rvCodes.h"
 #include "rv/message/WireReader.h"
 #include "rv/message/rvmsg.h"
 #include "rv/wire/ControlMessage.h"
@@ -11,9 +12,7 @@
 namespace kvx::wire {
 namespace {
 
-constexpr int kOk = 0;
-constexpr int kInvalidArgument = 3;  // message table, as the next
-constexpr int kNoRoom = 8;
+namespace code = message_code;
 
 constexpr std::uint32_t kSealedMagic = 0x9955EEBB;
 
@@ -38,11 +37,11 @@ class Builder {
         built_.message.bytes.reset(static_cast<std::uint8_t*>(std::malloc(capacity)));
         built_.message.capacity = capacity;
         built_.code =
-            built_.message.bytes ? rvmsg_Init(built_.message.bytes.get(), capacity) : kNoRoom;
+            built_.message.bytes ? rvmsg_Init(built_.message.bytes.get(), capacity) : code::kNoRoom;
     }
 
     Builder& field(const char* name, std::uint32_t type, std::uint32_t size, const void* data) {
-        if (built_.code == kOk) {
+        if (built_.code == code::kOk) {
             built_.code = rvmsg_Append(built_.message.bytes.get(), built_.message.capacity, name,
                                        type, size, data);
         }
@@ -62,12 +61,12 @@ class Builder {
         return id != 0 ? number(wire::field::kFlavourId, id) : *this;
     }
     Builder& message(const char* name, const Built& nested) {
-        if (built_.code == kOk) built_.code = nested.code;
+        if (built_.code == code::kOk) built_.code = nested.code;
         return field(name, RVMSG_MSG, nested.message.size(), nested.message.bytes.get());
     }
 
     Built finish() {
-        if (built_.code != kOk) built_.message = {};
+        if (built_.code != code::kOk) built_.message = {};
         return std::move(built_);
     }
 
@@ -83,14 +82,17 @@ Built reply(const Built& data) {
 }
 
 // The size of a payload whose caller left it open. False for what has no size of its own.
-bool measure(const Payload& payload, std::uint32_t& size) {
+bool measure(const Payload& payload, std::uint64_t& size) {
     const auto* bytes = static_cast<const std::uint8_t*>(payload.data);
     switch (payload.type) {
-        case RVMSG_MSG:
-            return rvmsg_Length(payload.data, &size) == kOk;
+        case RVMSG_MSG: {
+            std::uint32_t length = 0;
+            const int result = rvmsg_Length(payload.data, &length);
+            size = length;
+            return result == code::kOk;
+        }
         case RVMSG_STRING:
-            size =
-                static_cast<std::uint32_t>(std::strlen(static_cast<const char*>(payload.data))) + 1;
+            size = std::strlen(static_cast<const char*>(payload.data)) + 1;
             return true;
         case RVMSG_ENCRYPTED:
             size = loadBig32(bytes);
@@ -150,19 +152,22 @@ std::uint64_t dataCapacity(std::size_t subjectLength, std::size_t replyLength, b
 Built buildData(Bytes subject, const char* replySubject, std::int32_t flavourId,
                 const Payload& payload) {
     const bool hasPayload = payload.type != RVMSG_NONE;
-    std::uint32_t size = payload.size;
+    std::uint64_t size = payload.size;
     if (hasPayload) {
-        if (payload.data == nullptr) return {kInvalidArgument, {}};
-        if (size == 0 && !measure(payload, size)) return {kInvalidArgument, {}};
+        if (payload.data == nullptr) return {code::kInvalidArgument, {}};
+        if (size == 0 && !measure(payload, size)) return {code::kInvalidArgument, {}};
     }
     const std::size_t replyLength = replySubject != nullptr ? std::strlen(replySubject) : 0;
     const std::uint64_t capacity = dataCapacity(subject.size(), replyLength, hasPayload, size);
-    if (capacity > kMaxMessageLength) return {kNoRoom, {}};
+    if (capacity > kMaxMessageLength) return {code::kInvalidData, {}};
     Builder builder(static_cast<std::uint32_t>(capacity));
     builder.text(field::kMessageType, kDataText).subject(subject);
     if (replyLength > 0) builder.text(field::kReturn, replySubject);
     builder.flavourId(flavourId);
-    if (hasPayload) builder.field(field::kData, payload.type, size, payload.data);
+    if (hasPayload) {
+        const auto fieldSize = static_cast<std::uint32_t>(size);
+        builder.field(field::kData, payload.type, fieldSize, payload.data);
+    }
     return builder.finish();
 }
 

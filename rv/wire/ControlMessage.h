@@ -49,9 +49,6 @@ enum class MessageType : char {
     Data = 'D'
 };
 
-/// The client version announced in every init message.
-inline constexpr std::int32_t kClientVersion[3] = {5, 3, 2};
-
 /// Answers of the daemon to an init message, from the session's code table.
 inline constexpr std::int32_t kServiceNotFound = 16;
 inline constexpr std::int32_t kNetworkNotFound = 17;
@@ -111,7 +108,8 @@ struct Payload {
 };
 
 /// A data message, in a buffer of exactly the size that its parts call for (`dataCapacity`).
-/// `reply` is dotted text; null or empty: not sent. A size that no link could carry gives 8.
+/// `reply` is dotted text; null or empty: not sent. A size that no link could carry gives 10, so
+/// that 8 is left for memory and for a `size` below what the payload takes.
 [[nodiscard]] Built buildData(Bytes subject, const char* reply, std::int32_t flavourId,
                               const Payload& payload);
 

@@ -3,6 +3,10 @@
 #include "rv/error/RvStatus.h"
 #include "rv/error/rvErrors.h"
 
+TEST(ErrorTexts, NameTheVersionOfTheClient) {
+    EXPECT_STREQ(rv_VersionText(), "5.3.2");
+}
+
 TEST(ErrorTexts, EachTableHasItsOwnFallback) {
     EXPECT_STREQ(rv_ErrorText(19), "");
     EXPECT_STREQ(rvmsg_ErrorText(5), "");

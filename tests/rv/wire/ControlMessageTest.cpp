@@ -112,7 +112,7 @@ TEST(DataMessage, WorksOutOpenSizesAndRefusesWhatHasNone) {
     EXPECT_NE(buildData(encoded, nullptr, 0, {RVMSG_MSG, 0, sealed}).code, 0);
     EXPECT_EQ(buildData(encoded, nullptr, 0, {RVMSG_OPAQUE, 0, "x"}).code, 3);
     EXPECT_EQ(buildData(encoded, nullptr, 0, {RVMSG_STRING, 4, nullptr}).code, 3);
-    EXPECT_EQ(buildData(encoded, nullptr, 0, {RVMSG_OPAQUE, 0xFFFFFFF0, "x"}).code, 8);
+    EXPECT_EQ(buildData(encoded, nullptr, 0, {RVMSG_OPAQUE, 0xFFFFFFF0, "x"}).code, 10);
 }
 
 TEST(ReplyMessage, IsReadBackWithItsAddressOrItsError) {
