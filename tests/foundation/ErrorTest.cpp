@@ -1,6 +1,7 @@
 // Error reports: the default line, and handlers.
 
 #include <atomic>
+#include <stdexcept>
 
 #include "tests/support/ErrorRecorder.h"
 
@@ -34,6 +35,24 @@ TEST(ErrorReport, StaysOneLineWhateverTheTextHolds) {
     EXPECT_EQ(reportedLine(-220402, "F\n", 1, "a\nb\r\t\x1b[2J\x7f \xc3\xa4 \xc2\x9b"),
               "CVekError -220402 F\\n:1 Missing argument: "
               "a\\nb\\r\\t\\x1B[2J\\x7F \xc3\xa4 \\xC2\\x9B\n");
+    // Bytes that belong to no character, a C1 control character, one too long, half a one.
+    EXPECT_EQ(reportedLine(-1, "F", 1, "\x9b\x80\xc2\x85\xc1\xbf\xe4z\xe2\x82"),
+              "CVekError -1 F:1 Unknown error: "
+              "\\x9B\\x80\\xC2\\x85\\xC1\\xBF\\xE4z\\xE2\\x82\n");
+    const std::string shown = "\xc2\xa0\xe2\x82\xac\xe0\xa4\x85\xf0\x9f\x8e\x89";
+    EXPECT_EQ(reportedLine(-1, "F", 1, shown.c_str()),
+              "CVekError -1 F:1 Unknown error: " + shown + "\n");
+}
+
+TEST(ErrorReport, GoesNoFurtherThanItself) {
+    CVekError::SetHandler([](int, const char*, int, const char*) { throw 1; });
+    EXPECT_EQ(reportedLine(-1, "F", 1, nullptr), "CVekError -1\n");
+    CVekError::SetHandler(
+        [](int, const char*, int, const char*) { throw std::runtime_error("full"); });
+    EXPECT_EQ(reportedLine(-1, "F", 1, nullptr), "CVekError -1: full\n");
+    CVekError::SetHandler([](int, const char*, int, const char*) { CVekError(-220547, "G", 2); });
+    EXPECT_EQ(reportedLine(-1, "F", 1, nullptr), "CVekError -220547 G:2 Not found\n");
+    CVekError::SetHandler(nullptr);
 }
 
 TEST(ErrorReport, GoesToTheHandlerOfAllThreads) {
