@@ -5,9 +5,13 @@
 #include "foundation/CVekAtom.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
-#include <string>
+#include <iterator>
+#include <limits>
+#include <new>
+#include <utility>
 
 #include "foundation/ErrorCodes.h"
 
@@ -37,6 +41,12 @@ std::size_t usableLength(const unsigned char* bytes, int length) {
     return bytes == nullptr || length < 0 ? 0 : static_cast<std::size_t>(length);
 }
 
+char* decimal(long long number) {
+    char digits[std::numeric_limits<long long>::digits10 + 3] = {};  // sign and terminator
+    std::to_chars(std::begin(digits), std::end(digits) - 1, number);
+    return strdup(digits);
+}
+
 char* hexadecimal(const unsigned char* bytes, std::size_t length) {
     constexpr const char* kDigits = "0123456789abcdef";
     auto* text = static_cast<char*>(std::malloc(2 * length + 1));
@@ -59,7 +69,7 @@ CVekAtom::CVekAtom(std::string_view text)
     m_text = m_length == 0 ? nullptr : copyText(text.substr(0, m_length));
 }
 
-CVekAtom::CVekAtom(char* text)
+CVekAtom::CVekAtom(TakeOver, char* text)
     : m_type(VEK_TYPE_STRING), m_length(text == nullptr ? 0 : std::strlen(text)), m_text(text) {}
 
 CVekAtom::CVekAtom(int value) : m_type(VEK_TYPE_INT), m_number(value) {}
@@ -71,7 +81,7 @@ CVekAtom::CVekAtom(const unsigned char* bytes, int length)
     m_bytes = copyBytes(bytes, m_length);
 }
 
-CVekAtom::CVekAtom(unsigned char* bytes, int length)
+CVekAtom::CVekAtom(TakeOver, unsigned char* bytes, int length)
     : m_type(VEK_TYPE_BYTES), m_length(usableLength(bytes, length)), m_bytes(bytes) {}
 
 CVekAtom::CVekAtom(const CVekAtom& other) : m_type(other.m_type), m_length(other.m_length) {
@@ -103,7 +113,7 @@ char* CVekAtom::RAStrRep() const {
         case VEK_TYPE_BYTES:
             return hexadecimal(m_bytes, m_length);
         default:
-            return strdup(std::to_string(m_number).c_str());
+            return decimal(m_number);
     }
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <string_view>
+#include <type_traits>
 
 #include "foundation/HeapObject.h"
 #include "platform/Export.h"
@@ -11,15 +13,29 @@ enum EVekDataType { VEK_TYPE_STRING = 1, VEK_TYPE_INT = 2, VEK_TYPE_INT64 = 3, V
 
 /// A typed value: a text, an integer of 32 or 64 bits, or a byte string.
 ///
-/// An atom owns what it holds. Texts and bytes that it hands out belong to it and stay valid until
+/// An atom owns what it holds. What it is made from decides who owns that:
+///
+/// | made from                             | the atom                                      |
+/// |---------------------------------------|-----------------------------------------------|
+/// | `const char*`, literal, `char` array  | copies; the caller keeps what is the caller's |
+/// | `char*`                               | takes over what `malloc` gave                 |
+/// | `const unsigned char*` or an array    | copies                                        |
+/// | `unsigned char*`                      | takes over what `malloc` gave                 |
+///
+/// So a `char*` into other memory, such as `std::string::data()`, is to be cast to `const char*`.
+///
+/// Texts and bytes that it hands out belong to it and stay valid until
 /// it is changed or dies. One atom may be read by many threads; changing it needs the caller's
 /// lock.
 class KVX_API CVekAtom : public kvx::HeapObject {
   public:
     /// A text. Copies `text`; null makes an empty text.
     CVekAtom(const char* text);
-    /// A text. Takes ownership of `text`, which must come from `malloc`; null makes an empty text.
-    explicit CVekAtom(char* text);
+    /// A text. Takes ownership of `text`, a `char*`, which must come from `malloc`; null makes an
+    /// empty text. An array is no pointer: it is copied by the constructor above.
+    template <class Text>
+    requires std::same_as < std::remove_cvref_t<Text>,
+    char* > CVekAtom(Text&& text) : CVekAtom(TakeOver(), text) {}
     /// A text. Copies `text` up to a zero byte in it.
     explicit CVekAtom(std::string_view text);
     CVekAtom(int value);
@@ -27,9 +43,11 @@ class KVX_API CVekAtom : public kvx::HeapObject {
     /// A byte string. Copies `length` bytes; a negative length counts as 0. An empty byte string
     /// has length 0 and a pointer that is not null.
     CVekAtom(const unsigned char* bytes, int length);
-    /// A byte string. Takes ownership of `bytes`, which must come from `malloc`. Null is kept: such
-    /// an atom has no bytes at all.
-    CVekAtom(unsigned char* bytes, int length);
+    /// A byte string. Takes ownership of `bytes`, an `unsigned char*`, which must come from
+    /// `malloc`. Null is kept: such an atom has no bytes at all. An array is copied.
+    template <class Bytes>
+    requires std::same_as < std::remove_cvref_t<Bytes>,
+    unsigned char* > CVekAtom(Bytes&& bytes, int length) : CVekAtom(TakeOver(), bytes, length) {}
     /// Deep copy.
     CVekAtom(const CVekAtom& other);
     CVekAtom& operator=(const CVekAtom& other);
@@ -63,6 +81,10 @@ class KVX_API CVekAtom : public kvx::HeapObject {
     std::size_t RALength() const { return m_length; }
 
   private:
+    struct TakeOver {};
+    CVekAtom(TakeOver, char* text);
+    CVekAtom(TakeOver, unsigned char* bytes, int length);
+
     void copyValueOf(const CVekAtom& other);
     void release() noexcept;
 

@@ -4,10 +4,12 @@
 #include "foundation/CVekString.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <string>
+#include <functional>
+#include <iterator>
+#include <limits>
 #include <utility>
 
 #include "foundation/ErrorCodes.h"
@@ -53,31 +55,31 @@ int CVekString::RSStrCat(const char* text) {
 }
 
 int CVekString::RSStrCat(char character) {
-    return append(&character, 1);
+    return character == '\0' ? kvx::kInvalidArgument : append(&character, 1);
 }
 
 int CVekString::RSStrCat(int number) {
-    return RSStrCat(static_cast<long long>(number));
+    return appendNumber(number);
 }
 
 int CVekString::RSStrCat(long number) {
-    return RSStrCat(static_cast<long long>(number));
+    return appendNumber(number);
 }
 
 int CVekString::RSStrCat(long long number) {
-    return RSStrCat(std::to_string(number).c_str());
+    return appendNumber(number);
 }
 
 int CVekString::RSStrCat(unsigned int number) {
-    return RSStrCat(static_cast<unsigned long long>(number));
+    return appendNumber(number);
 }
 
 int CVekString::RSStrCat(unsigned long number) {
-    return RSStrCat(static_cast<unsigned long long>(number));
+    return appendNumber(number);
 }
 
 int CVekString::RSStrCat(unsigned long long number) {
-    return RSStrCat(std::to_string(number).c_str());
+    return appendNumber(number);
 }
 
 const char* CVekString::RSString() const {
@@ -93,6 +95,13 @@ char* CVekString::RSTakeString() {
     m_length = 0;
     m_capacity = 0;
     return std::exchange(m_text, nullptr);
+}
+
+template <class Number>
+int CVekString::appendNumber(Number number) {
+    char digits[std::numeric_limits<Number>::digits10 + 2];  // and a sign
+    const auto end = std::to_chars(std::begin(digits), std::end(digits), number).ptr;
+    return append(digits, static_cast<std::size_t>(end - digits));
 }
 
 // `text` may lie inside this string.

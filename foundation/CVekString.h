@@ -18,8 +18,9 @@ class KVX_API CVekString {
     CVekString& operator=(CVekString&& other) noexcept;
     ~CVekString();
 
-    /// Appends a text, a character, or a number in decimal. Returns 1; -220552 for a null text and
-    /// -220553 without memory, with the text unchanged.
+    /// Appends a text, which may be this one's own, a character, or a number in decimal. Returns 1;
+    /// -220552 for a null text and for the character zero, which would end the text, and -220553
+    /// without memory, with the text unchanged.
     int RSStrCat(const char* text);
     int RSStrCat(char character);
     int RSStrCat(int number);
@@ -41,6 +42,8 @@ class KVX_API CVekString {
 
   private:
     int append(const char* text, std::size_t length);
+    template <class Number>
+    int appendNumber(Number number);
     bool reserve(std::size_t length);
 
     char* m_text = nullptr;  // malloc'ed and terminated, or null for an empty text

@@ -43,6 +43,18 @@ TEST(Atom, CopiesConstantBytesAndTakesAllocatedOnes) {
     EXPECT_EQ(bytes, given);
 }
 
+TEST(Atom, CopiesArraysAndTakesPointersHoweverItIsMade) {
+    char text[] = "on the stack";
+    unsigned char bytes[] = {1, 2};
+    EXPECT_STREQ(CVekAtom(text).RAString(), "on the stack");
+    EXPECT_EQ(bytesOf(CVekAtom(bytes, 2)), "\x01\x02");
+    char* const given = strdup("given");
+    const CVekAtom implicit = given;
+    EXPECT_EQ(implicit.RAString(), given);
+    EXPECT_STREQ(std::make_unique<CVekAtom>(strdup("forwarded"))->RAString(), "forwarded");
+    EXPECT_STREQ(CVekAtom(nullptr).RAString(), "");
+}
+
 TEST(Atom, TellsAnEmptyByteStringFromNone) {
     unsigned char* bytes = nullptr;
     int length = -1;

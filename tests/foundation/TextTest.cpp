@@ -17,6 +17,7 @@ TEST(Text, AppendsTextsCharactersAndNumbers) {
     EXPECT_EQ(text.RSStrCat("!"), 1);
     EXPECT_STREQ(text.RSString(), "host.-3410995116277767!");
     EXPECT_EQ(text.RSStrCat(static_cast<const char*>(nullptr)), -220552);
+    EXPECT_EQ(text.RSStrCat('\0'), -220552);  // would hide what follows
     EXPECT_STREQ(text.RSString(), "host.-3410995116277767!");
 }
 
