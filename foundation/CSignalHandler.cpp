@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <new>
 
 #include "platform/Signals.h"
 
@@ -51,9 +52,17 @@ void rememberSignal(int systemNumber) {
 class CSignalHandler::ReleaseAtExit {
   public:
     explicit ReleaseAtExit(CSignalHandler& handler) : handler_(handler) {}
+    // A callback's destructor is user code, and may add another callback.
     ~ReleaseAtExit() {
-        handler_.dropRegistrations();
-        handler_.m_owned.clear();
+        for (;;) {
+            decltype(handler_.m_owned) owned;
+            {
+                const std::lock_guard lock(handler_.m_mutex);
+                handler_.dropRegistrations();
+                owned.swap(handler_.m_owned);
+            }
+            if (owned.empty()) return;
+        }
     }
     ReleaseAtExit(const ReleaseAtExit&) = delete;
     ReleaseAtExit& operator=(const ReleaseAtExit&) = delete;
@@ -80,6 +89,11 @@ bool CSignalHandler::add(int signal, CCallbackBase* callback, bool /*reserved*/)
     const std::size_t index = indexOfPortNumber(signal);
     if (index == kSignals || callback == nullptr) return false;
     const std::lock_guard lock(m_mutex);
+    try {
+        m_owned.reserve(m_owned.size() + 1);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
     const int systemNumber = kKnownSignals[index].systemNumber();
     if (!kvx::platform::installSignalHandler(systemNumber, &rememberSignal)) return false;
     m_callbacks[index] = callback;
@@ -112,6 +126,16 @@ void CSignalHandler::processSignals() {
 
 void CSignalHandler::stop() {
     const std::lock_guard lock(m_mutex);
+    stopLocked();
+}
+
+void CSignalHandler::forget(const CSignalHandlerInterface* handler) {
+    CSignalHandler& dispatcher = Instance();
+    const std::lock_guard lock(dispatcher.m_mutex);
+    if (dispatcher.m_interface == handler) dispatcher.stopLocked();
+}
+
+void CSignalHandler::stopLocked() {
     for (std::size_t i = 0; i < kSignals; ++i) {
         if (m_callbacks[i] == nullptr) continue;
         kvx::platform::restoreDefaultSignal(kKnownSignals[i].systemNumber());

@@ -13,6 +13,9 @@
 /// SIGTERM, 34 SIGHUP, 35 SIGUSR1 and 36 SIGUSR2. A signal that arrives only sets a flag;
 /// `processSignals` runs what belongs to it on the calling thread. Callbacks that were added are
 /// deleted when the process exits, each once. Any thread.
+///
+/// No lock is held while a handler or a callback runs: it may call everything here. What it stops
+/// or replaces is not run any more, not even in the same `processSignals`.
 class KVX_API CSignalHandler {
   public:
     static CSignalHandler& Instance();
@@ -20,13 +23,14 @@ class KVX_API CSignalHandler {
     CSignalHandler& operator=(const CSignalHandler&) = delete;
 
     /// Makes `handler` the one to run callbacks, and calls its `registerHandler(nullptr)`.
-    /// `handler` must live until `stop` or the next `manage`. Null only forgets the present one.
+    /// A handler that dies stops the dispatcher; it must not die while another thread processes
+    /// signals. Null only forgets the present one.
     void manage(CSignalHandlerInterface* handler);
 
     /// Takes ownership of `callback` and catches `signal` from now on; a registration that was
     /// there is replaced. The same callback may be added for several signals. Returns true; false,
-    /// and takes nothing, for a number that is none of the five, for null, and when the system
-    /// refuses. The last argument is kept for callers that state it and changes nothing.
+    /// and takes nothing, for a number that is none of the five, for null, without memory, and when
+    /// the system refuses. The last argument is kept for callers that state it and changes nothing.
     bool add(int signal, CCallbackBase* callback, bool reserved = false);
 
     /// Acts as if `signal` had been caught; other numbers than the five are ignored.
@@ -46,7 +50,12 @@ class KVX_API CSignalHandler {
   private:
     static constexpr std::size_t kSignals = 5;
 
+    friend class CSignalHandlerInterface;
     class ReleaseAtExit;
+
+    // Stops if `handler` is the one that runs callbacks.
+    static void forget(const CSignalHandlerInterface* handler);
+    void stopLocked();
 
     CSignalHandler() = default;
     ~CSignalHandler() = default;

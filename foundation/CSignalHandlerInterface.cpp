@@ -1,3 +1,7 @@
 #include "foundation/CSignalHandlerInterface.h"
 
-CSignalHandlerInterface::~CSignalHandlerInterface() = default;
+#include "foundation/CSignalHandler.h"
+
+CSignalHandlerInterface::~CSignalHandlerInterface() {
+    CSignalHandler::forget(this);
+}

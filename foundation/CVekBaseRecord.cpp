@@ -112,7 +112,12 @@ void CVekBaseRecord::set(std::string_view name, std::unique_ptr<const CVekAtom>&
     const std::size_t position = find(name);
     if (position == m_fields.size()) {
         m_fields.push_back({std::string(name), nullptr});
-        indexLastField();
+        try {
+            indexLastField();
+        } catch (...) {
+            m_fields.pop_back();
+            throw;
+        }
     }
     std::unique_ptr<const CVekAtom>& held = m_fields[position].value;
     // Setting the pointer that is there already must not delete it.
@@ -122,6 +127,11 @@ void CVekBaseRecord::set(std::string_view name, std::unique_ptr<const CVekAtom>&
 
 void CVekBaseRecord::indexLastField() {
     if (m_fields.size() < kIndexedFrom) return;
-    const std::size_t first = m_index.empty() ? 0 : m_fields.size() - 1;
-    for (std::size_t i = first; i < m_fields.size(); ++i) m_index.emplace(m_fields[i].name, i);
+    if (!m_index.empty()) {
+        m_index.emplace(m_fields.back().name, m_fields.size() - 1);
+        return;
+    }
+    decltype(m_index) index;  // whole or not at all
+    for (std::size_t i = 0; i < m_fields.size(); ++i) index.emplace(m_fields[i].name, i);
+    m_index.swap(index);
 }

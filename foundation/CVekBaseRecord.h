@@ -22,7 +22,9 @@ class KVX_API CVekBaseRecord : public CVekListable {
 
     /// Adds the field, or replaces the value of the field of that name at its place, and returns 1.
     /// Takes ownership of `value`; the value that it replaces is deleted, unless it is the same
-    /// pointer. Returns -220402, and takes nothing, when either argument is null.
+    /// pointer. Returns -220402 when either argument is null and -220553 without memory; the record
+    /// is then as it was and takes nothing. `value` must not belong to anybody else, another field
+    /// included.
     int RRAddOrSetValue(const char* name, const CVekAtom* value);
 
     /// The value of the field, which the record still owns; null when absent.
@@ -58,7 +60,7 @@ class KVX_API CVekBaseRecord : public CVekListable {
 
     // The position of the field; the number of fields when there is none.
     std::size_t find(std::string_view name) const;
-    // Takes `value` over unless it throws.
+    // Takes `value` over unless it throws; the record is then as it was.
     void set(std::string_view name, std::unique_ptr<const CVekAtom>& value);
     void indexLastField();
 

@@ -8,14 +8,23 @@
 
 #include "foundation/ErrorCodes.h"
 
-CVekDoubleList::CVekDoubleList(const CVekDoubleList& other) : kvx::HeapObject(other) {
-    appendCopiesOf(other);
+// Delegating, so that the destructor deletes the copies made when a further one cannot be made.
+CVekDoubleList::CVekDoubleList(const CVekDoubleList& other) : CVekDoubleList() {
+    for (CVekListable* element = other.m_head; element != nullptr;
+         element = element->m_place.next) {
+        RDLAddToListEnd(element->RLTargetDeepCopy(element));
+    }
 }
 
+// The copies are made first: `other` may belong to an element of this list.
 CVekDoubleList& CVekDoubleList::operator=(const CVekDoubleList& other) {
     if (this == &other) return *this;
+    CVekDoubleList copies(other);
     RDLClear();
-    appendCopiesOf(other);
+    while (CVekListable* const element = copies.m_head) {
+        copies.unlink(element);
+        RDLAddToListEnd(element);
+    }
     return *this;
 }
 
@@ -65,13 +74,6 @@ void CVekDoubleList::RDLClear() {
         CVekListable* element = m_head;
         unlink(element);
         delete element;
-    }
-}
-
-void CVekDoubleList::appendCopiesOf(const CVekDoubleList& other) {
-    for (CVekListable* element = other.m_head; element != nullptr;
-         element = element->m_place.next) {
-        RDLAddToListEnd(element->RLTargetDeepCopy(element));
     }
 }
 

@@ -11,6 +11,7 @@ class KVX_API CVekDoubleList : public kvx::HeapObject {
     CVekDoubleList() = default;
     /// Copies every element through its `RLTargetDeepCopy`; elements that refuse are left out.
     CVekDoubleList(const CVekDoubleList& other);
+    /// The same; the old elements are deleted when all copies are made.
     CVekDoubleList& operator=(const CVekDoubleList& other);
     /// Deletes the elements, the first one first.
     virtual ~CVekDoubleList();
@@ -45,7 +46,6 @@ class KVX_API CVekDoubleList : public kvx::HeapObject {
   private:
     friend class CVekListable;
 
-    void appendCopiesOf(const CVekDoubleList& other);
     void unlink(CVekListable* element) noexcept;
 
     CVekListable* m_head = nullptr;

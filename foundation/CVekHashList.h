@@ -24,8 +24,8 @@ class KVX_API CVekHashList {
     CVekHashList(const CVekHashList&) = delete;
     CVekHashList& operator=(const CVekHashList&) = delete;
 
-    /// Takes ownership of `entry` and returns 1. Returns -220566 when the key is there already and
-    /// -220552 for a null key or entry; the caller keeps `entry` then.
+    /// Takes ownership of `entry` and returns 1. Returns -220566 when the key is there already,
+    /// -220552 for a null key or entry and -220553 without memory; the caller keeps `entry` then.
     int RHLAdd(unsigned long key, CVekPointer* entry);
     int RHLAdd(const char* key, CVekPointer* entry);
 

@@ -1,6 +1,7 @@
 #include "foundation/CVekHashStore.h"
 
 #include <algorithm>
+#include <new>
 
 #include "foundation/ErrorCodes.h"
 
@@ -17,8 +18,12 @@ CVekHashStore::CVekHashStore(int size, __boolean /*reserved1*/, __boolean /*rese
 }
 
 int CVekHashStore::RHSAddObjectAt(unsigned long key, void* object) {
-    const bool isNew = m_nodes.try_emplace(key, key, object).second;
-    return isNew ? kvx::kOk : kvx::kKeyPresent;
+    try {
+        const bool isNew = m_nodes.try_emplace(key, key, object).second;
+        return isNew ? kvx::kOk : kvx::kKeyPresent;
+    } catch (const std::bad_alloc&) {
+        return kvx::kNoMemory;
+    }
 }
 
 CVekHashNode* CVekHashStore::RHSRetrieveObject(unsigned long key) const {

@@ -27,7 +27,8 @@ class KVX_API CVekHashStore {
     explicit CVekHashStore(int size = 1, __boolean reserved1 = FALSE, __boolean reserved2 = TRUE,
                            int reserved3 = 0);
 
-    /// Returns 1, or -220566 when the key is there already (the first object stays).
+    /// Returns 1, -220566 when the key is there already (the first object stays), or -220553
+    /// without memory.
     int RHSAddObjectAt(unsigned long key, void* object);
     /// The entry under `key`, valid while the store lives; null when absent.
     CVekHashNode* RHSRetrieveObject(unsigned long key) const;

@@ -6,7 +6,7 @@
 #include "foundation/CVekServPool.h"
 
 #include <algorithm>
-#include <system_error>
+#include <new>
 #include <utility>
 
 #include "foundation/CVekError.h"
@@ -21,8 +21,7 @@ CVekServPool::~CVekServPool() {
 
 int CVekServPool::RSPAddWorkDetail(void* item) {
     if (item == nullptr) return kvx::kInvalidArgument;
-    enqueue(item);
-    return kvx::kOk;
+    return enqueue({&item, 1});
 }
 
 void* CVekServPool::RSPTakeWorkDetail() {
@@ -35,15 +34,23 @@ void CVekServPool::RSPLaunchThreads(ThreadFunction function) {
         CVekError(kvx::kInvalidArgument, "CVekServPool", 0, "no thread function");
         return;
     }
+    const std::error_code failure = launch(function);
+    if (failure) CVekError(kvx::kNotCompleted, "CVekServPool", 0, failure.message().c_str());
+}
+
+std::error_code CVekServPool::launch(ThreadFunction function) {
     const std::lock_guard lock(m_workLock);
-    if (m_stopping || !m_threads.empty()) return;
+    if (m_stopping || !m_threads.empty()) return {};
     try {
         for (int i = 0; i < m_threadCount; ++i) {
             m_threads.emplace_back([this, function] { runItems(function); });
         }
     } catch (const std::system_error& error) {
-        CVekError(kvx::kNotCompleted, "CVekServPool", 0, error.what());
+        return error.code();
+    } catch (const std::bad_alloc&) {
+        return std::make_error_code(std::errc::not_enough_memory);
     }
+    return {};
 }
 
 void CVekServPool::RSPStopThreads() {
@@ -54,15 +61,29 @@ void CVekServPool::RSPStopThreads() {
         threads.swap(m_threads);
     }
     m_workArrived.notify_all();
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads) {
+        if (thread.get_id() != std::this_thread::get_id()) {
+            thread.join();
+            continue;
+        }
+        const std::lock_guard lock(m_workLock);
+        m_threads.push_back(std::move(thread));
+    }
 }
 
-void CVekServPool::enqueue(void* item) {
-    {
+int CVekServPool::enqueue(std::span<void* const> items) {
+    try {
         const std::lock_guard lock(m_workLock);
-        m_queue.push_back(item);
+        m_queue.insert(m_queue.end(), items.begin(), items.end());
+    } catch (const std::bad_alloc&) {
+        return kvx::kNoMemory;
     }
-    m_workArrived.notify_one();
+    if (items.size() == 1) {
+        m_workArrived.notify_one();
+    } else {
+        m_workArrived.notify_all();
+    }
+    return kvx::kOk;
 }
 
 void CVekServPool::runItems(ThreadFunction function) {

@@ -3,12 +3,20 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <span>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 #include "platform/Export.h"
 
 /// A queue of work items and a set of threads that run them, each item once. Any thread.
+///
+/// The pool's one lock is recursive and is never held while an item runs, while an error is
+/// reported or while an override is called. So an item may call every operation of its pool but the
+/// destructor, and may wait for other threads that do. Only who holds the lock through
+/// `RSPWorkLock` keeps other threads waiting: the holder may call the pool, but must not wait for a
+/// thread that does, and so must not stop the threads.
 ///
 /// The pool never deletes an item. Items that are still queued when it dies are not run: take them
 /// out first (`RSPStopThreads`, then `RSPTakeWorkDetail` until null) when they must be released.
@@ -26,7 +34,7 @@ class KVX_API CVekServPool {
     virtual ~CVekServPool();
 
     /// Queues `item` and returns 1. Returns -220552 for null, which no thread could tell from
-    /// nothing.
+    /// nothing, and -220553 without memory.
     virtual int RSPAddWorkDetail(void* item);
 
     /// Takes the next item that is queued and not yet started; null when there is none. The caller
@@ -38,7 +46,8 @@ class KVX_API CVekServPool {
     void RSPLaunchThreads(ThreadFunction function);
 
     /// Waits until every item that runs has finished, and ends the threads. Items that wait stay
-    /// queued.
+    /// queued. From an item it ends the other threads; the item's own ends when the pool is stopped
+    /// or destroyed by somebody else. Not to be called with the work lock held.
     void RSPStopThreads();
 
     /// Hold the queue still: until the unlock no thread of the pool takes an item, and other
@@ -47,10 +56,12 @@ class KVX_API CVekServPool {
     void RSPWorkUnLock() { m_workLock.unlock(); }
 
   protected:
-    /// Queues an item and wakes a thread; the caller need not hold the work lock.
-    void enqueue(void* item);
+    /// Queues all of `items`, or none, and wakes the threads; the caller need not hold the work
+    /// lock. Returns 1, or -220553 without memory.
+    int enqueue(std::span<void* const> items);
 
   private:
+    std::error_code launch(ThreadFunction function);
     void runItems(ThreadFunction function);
     // The next item to run; null when the thread is to end.
     void* waitForItem();

@@ -1,16 +1,26 @@
 #include "foundation/CVekStack.h"
 
+#include <new>
+
 #include "foundation/ErrorCodes.h"
 
 int CVekStack::RSPush(void* element) {
     if (isFull()) return kvx::kNotCompleted;
-    m_elements.push_back(element);
+    try {
+        m_elements.push_back(element);
+    } catch (const std::bad_alloc&) {
+        return kvx::kNoMemory;
+    }
     return kvx::kOk;
 }
 
 int CVekStack::RSPushBottom(void* element) {
     if (isFull()) return kvx::kNotCompleted;
-    m_elements.push_front(element);
+    try {
+        m_elements.push_front(element);
+    } catch (const std::bad_alloc&) {
+        return kvx::kNoMemory;
+    }
     return kvx::kOk;
 }
 

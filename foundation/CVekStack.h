@@ -12,9 +12,9 @@ class KVX_API CVekStack {
     /// Holds at most `bound` elements; a negative bound is none.
     explicit CVekStack(int bound = -1) : m_bound(bound) {}
 
-    /// Appends at the back. Returns 1, or -220439 when the stack is full.
+    /// Appends at the back. Returns 1, -220439 when the stack is full, or -220553 without memory.
     int RSPush(void* element);
-    /// Inserts at the front. Returns 1, or -220439 when the stack is full.
+    /// Inserts at the front. The same results.
     int RSPushBottom(void* element);
     /// Removes and returns the element at the front; null when empty.
     void* RSPop();

@@ -1,8 +1,24 @@
 #include "foundation/CVekTimedPool.h"
 
-#include <mutex>
+#include <new>
 
+#include "foundation/CVekError.h"
 #include "foundation/ErrorCodes.h"
+
+namespace {
+
+class WorkLock {
+  public:
+    explicit WorkLock(CVekServPool& pool) : pool_(pool) { pool_.RSPWorkLock(); }
+    ~WorkLock() { pool_.RSPWorkUnLock(); }
+    WorkLock(const WorkLock&) = delete;
+    WorkLock& operator=(const WorkLock&) = delete;
+
+  private:
+    CVekServPool& pool_;
+};
+
+}  // namespace
 
 CVekTimedPool::CVekTimedPool(int threads, void* context) : CVekServPool(threads, context) {}
 
@@ -13,9 +29,12 @@ CVekTimedPool::~CVekTimedPool() {
 
 int CVekTimedPool::RSPAddWorkDetail(void* item) {
     if (item == nullptr) return kvx::kInvalidArgument;
-    RSPWorkLock();
-    m_registered.push_back(item);
-    RSPWorkUnLock();
+    try {
+        const WorkLock lock(*this);
+        m_registered.push_back(item);
+    } catch (const std::bad_alloc&) {
+        return kvx::kNoMemory;
+    }
     return kvx::kOk;
 }
 
@@ -24,7 +43,10 @@ void* CVekTimedPool::RSPTakeWorkDetail() {
 }
 
 void CVekTimedPool::RTPKickThreads() {
-    RSPWorkLock();
-    for (void* item : m_registered) enqueue(item);
-    RSPWorkUnLock();
+    if (queueRegistered() != kvx::kOk) CVekError(kvx::kNoMemory, "CVekTimedPool", 0);
+}
+
+int CVekTimedPool::queueRegistered() {
+    const WorkLock lock(*this);
+    return enqueue(m_registered);
 }

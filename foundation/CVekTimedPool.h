@@ -13,15 +13,19 @@ class KVX_API CVekTimedPool : public CVekServPool {
     explicit CVekTimedPool(int threads, void* context = nullptr);
     ~CVekTimedPool() override;
 
-    /// Registers `item` for every kick from now on and returns 1; -220552 for null.
+    /// Registers `item` for every kick from now on and returns 1; -220552 for null, -220553 without
+    /// memory.
     int RSPAddWorkDetail(void* item) override;
 
     /// Takes the next run that waits, so that it will not happen; the item stays registered.
     void* RSPTakeWorkDetail() override;
 
-    /// Queues one run of every registered item, in the order of registration.
+    /// Queues one run of every registered item, in the order of registration. Without memory for
+    /// all of them it queues none and reports -220553.
     void RTPKickThreads();
 
   private:
+    int queueRegistered();
+
     std::vector<void*> m_registered;  // guarded by the work lock
 };

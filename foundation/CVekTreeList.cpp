@@ -1,5 +1,7 @@
 #include "foundation/CVekTreeList.h"
 
+#include <new>
+
 #include "foundation/ErrorCodes.h"
 #include "foundation/PointerIndex.h"
 
@@ -26,7 +28,8 @@ bool isTreeKey(const CVekAtom* atom) {
 }
 
 int addValue(kvx::PointerIndex& entries, TreeKey key, void* value) {
-    auto holder = std::make_unique<CVekPointer>(value);
+    std::unique_ptr<CVekPointer> holder(new (std::nothrow) CVekPointer(value));
+    if (holder == nullptr) return kvx::kNoMemory;
     const int result = entries.add(key, holder.get());
     if (result == kvx::kOk) static_cast<void>(holder.release());
     return result;

@@ -14,7 +14,8 @@ class PointerIndex;
 
 /// A map of `CVekPointer`s keyed by text or by number; number keys and text keys are two kinds that
 /// never meet. The list owns the holders, never the pointees. Lookups take constant time at any
-/// size. Not thread-safe.
+/// size; adding and removing take at most logarithmic time in the values of the key. Not
+/// thread-safe.
 class KVX_API CVekTreeList {
   public:
     /// With FALSE every key is unique; with TRUE a key may hold several values.
@@ -25,7 +26,8 @@ class KVX_API CVekTreeList {
     CVekTreeList& operator=(const CVekTreeList&) = delete;
 
     /// Takes ownership of `entry` and returns 1. Returns -220566 when the key of a unique list is
-    /// there already and -220552 for a null key or entry; the caller keeps `entry` then.
+    /// there already, -220552 for a null key or entry and -220553 without memory; the caller keeps
+    /// `entry` then.
     int RTLAdd(const char* key, CVekPointer* entry);
     int RTLAdd(int key, CVekPointer* entry);
     /// The same with a holder that the list makes for `value`, which may be null.

@@ -1,6 +1,10 @@
 // The holders stand in one list in the order of their adding; beside it a hash table gives the
 // places of each key in that list. So an iteration is in the order of adding, and a removal leaves
 // the order of the others alone, whatever the hash of a key is. A slot is never empty.
+//
+// Where many values share a key, one of them is found in an ordered set of (key, pointee or holder,
+// number). Most lists never need it, so it is made at the first such removal. A pointee may be
+// changed behind our back; its holder sets `isPointeeChanged_`, and the set is made anew.
 
 #include "foundation/PointerIndex.h"
 
@@ -8,10 +12,17 @@
 #include <functional>
 #include <iterator>
 #include <new>
+#include <utility>
 
 #include "foundation/ErrorCodes.h"
 
 namespace kvx {
+
+namespace {
+
+constexpr std::size_t kLookedThrough = 16;  // values of a key that need no set
+
+}  // namespace
 
 PointerIndex::PointerIndex(bool multiple, std::size_t expected) : multiple_(multiple) {
     slots_.reserve(expected);
@@ -25,10 +36,12 @@ int PointerIndex::add(KeyView key, CVekPointer* holder) {
     try {
         added.emplace_back();
         if (slot == slots_.end()) {
-            slots_.emplace(StoredKey{key.isText, key.number, std::string(key.text)},
-                           Places{added.begin()});
+            Places places;
+            places.emplace(added_, added.begin());
+            StoredKey stored{key.isText, key.number, std::string(key.text)};
+            slot = slots_.emplace(std::move(stored), std::move(places)).first;
         } else {
-            slot->second.push_back(added.begin());
+            slot->second.emplace(added_, added.begin());
         }
     } catch (const std::bad_alloc&) {
         return kNoMemory;
@@ -36,12 +49,14 @@ int PointerIndex::add(KeyView key, CVekPointer* holder) {
     // Splicing keeps the iterator that the slot has just remembered.
     order_.splice(order_.end(), added);
     order_.back().reset(holder);
+    if (multiple_) holder->m_isChanged = &isPointeeChanged_;
+    name(slot->second, added_++, *holder);
     return kOk;
 }
 
 CVekPointer* PointerIndex::first(KeyView key) const {
     const auto slot = slots_.find(key);
-    return slot == slots_.end() ? nullptr : slot->second.front()->get();
+    return slot == slots_.end() ? nullptr : slot->second.begin()->second->get();
 }
 
 std::size_t PointerIndex::count(KeyView key) const {
@@ -52,7 +67,14 @@ std::size_t PointerIndex::count(KeyView key) const {
 int PointerIndex::removeAll(KeyView key) {
     const auto slot = slots_.find(key);
     if (slot == slots_.end()) return kNotFound;
-    for (const auto& place : slot->second) order_.erase(place);
+    Places& places = slot->second;
+    if (isPointeeChanged_) forgetNames();
+    if (isNamed_) {
+        const auto first = named_.lower_bound({&places, nullptr, 0});
+        const auto isOther = [&places](const Named& name) { return std::get<0>(name) != &places; };
+        named_.erase(first, std::find_if(first, named_.end(), isOther));
+    }
+    for (const auto& [number, place] : places) order_.erase(place);
     slots_.erase(slot);
     return kOk;
 }
@@ -61,14 +83,58 @@ int PointerIndex::removeOne(KeyView key, const void* value) {
     const auto slot = slots_.find(key);
     if (slot == slots_.end()) return kNotFound;
     Places& places = slot->second;
-    const auto found = std::find_if(places.begin(), places.end(), [value](const auto& place) {
-        return place->get() == value || (*place)->RPData() == value;
-    });
+    const auto found = placeOf(places, value);
     if (found == places.end()) return kNotFound;
-    order_.erase(*found);
+    const auto [number, place] = *found;
+    if (isNamed_) {
+        named_.erase({&places, (*place)->RPData(), number});
+        named_.erase({&places, place->get(), number});
+    }
+    order_.erase(place);
     places.erase(found);
     if (places.empty()) slots_.erase(slot);
     return kOk;
+}
+
+PointerIndex::Places::iterator PointerIndex::placeOf(Places& places, const void* value) {
+    if (isPointeeChanged_) forgetNames();
+    if (places.size() <= kLookedThrough || !nameAll()) {
+        return std::find_if(places.begin(), places.end(), [value](const auto& place) {
+            return place.second->get() == value || (*place.second)->RPData() == value;
+        });
+    }
+    const auto named = named_.lower_bound({&places, value, 0});
+    const bool isFound =
+        named != named_.end() && std::get<0>(*named) == &places && std::get<1>(*named) == value;
+    return isFound ? places.find(std::get<2>(*named)) : places.end();
+}
+
+bool PointerIndex::nameAll() {
+    if (isNamed_) return true;
+    isNamed_ = true;
+    for (const auto& [key, places] : slots_) {
+        for (const auto& [number, place] : places) {
+            name(places, number, **place);
+            if (!isNamed_) return false;
+        }
+    }
+    return true;
+}
+
+void PointerIndex::name(const Places& places, std::uint64_t number, const CVekPointer& holder) {
+    if (!isNamed_) return;
+    try {
+        named_.emplace(&places, holder.RPData(), number);
+        named_.emplace(&places, &holder, number);
+    } catch (const std::bad_alloc&) {
+        forgetNames();
+    }
+}
+
+void PointerIndex::forgetNames() {
+    named_.clear();
+    isNamed_ = false;
+    isPointeeChanged_ = false;
 }
 
 CVekDoubleList* PointerIndex::list() const {
@@ -81,7 +147,7 @@ CVekDoubleList* PointerIndex::list(KeyView key) const {
     auto copies = std::make_unique<CVekDoubleList>();
     const auto slot = slots_.find(key);
     if (slot == slots_.end()) return copies.release();
-    for (const auto& place : slot->second) {
+    for (const auto& [number, place] : slot->second) {
         copies->RDLAddToListEnd(new CVekPointer((*place)->RPData()));
     }
     return copies.release();

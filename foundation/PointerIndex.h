@@ -1,12 +1,15 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <unordered_map>
-#include <vector>
 
 #include "foundation/CVekDoubleList.h"
 #include "foundation/CVekPointer.h"
@@ -14,7 +17,9 @@
 namespace kvx {
 
 /// What the hash list and the tree list share: holders by key, and the order in which they came.
-/// Owns the holders. Adding, finding and removing take constant time at any size.
+/// Owns the holders. Finding takes constant time at any size; adding and removing take at most
+/// logarithmic time in the values of the key, but for the first removal of one of many values after
+/// a pointee was changed with `RPSetData`, which looks at every value.
 class PointerIndex {
   public:
     /// A key as callers have it: a number or a text, which must outlive the call.
@@ -27,6 +32,8 @@ class PointerIndex {
     static KeyView keyOf(std::string_view text) { return {true, 0, text}; }
 
     PointerIndex(bool multiple, std::size_t expected);
+    PointerIndex(const PointerIndex&) = delete;
+    PointerIndex& operator=(const PointerIndex&) = delete;
 
     /// Takes ownership of `holder` and returns 1, or gives the code of what is wrong and takes
     /// nothing.
@@ -63,12 +70,27 @@ class PointerIndex {
         bool operator()(const KeyView& a, const KeyView& b) const;
     };
     using Order = std::list<std::unique_ptr<CVekPointer>>;
-    using Places = std::vector<Order::iterator>;
+    // The holders of one key by the number of their adding.
+    using Places = std::map<std::uint64_t, Order::iterator>;
     using Slots = std::unordered_map<StoredKey, Places, Hash, Equal>;
+    // A key's place by what a caller may name it with, the pointee or the holder.
+    using Named = std::tuple<const Places*, const void*, std::uint64_t>;
+
+    // Where in `places` the first holder that is `value` or points to it stands.
+    Places::iterator placeOf(Places& places, const void* value);
+    // Makes `named_` complete; false when there is no memory for it.
+    bool nameAll();
+    void name(const Places& places, std::uint64_t number, const CVekPointer& holder);
+    void forgetNames();
 
     bool multiple_;
+    std::uint64_t added_ = 0;
     Order order_;
     Slots slots_;
+    // Made when one of many values is removed for the first time; complete while `isNamed_`.
+    std::set<Named> named_;
+    bool isNamed_ = false;
+    bool isPointeeChanged_ = false;
 };
 
 }  // namespace kvx

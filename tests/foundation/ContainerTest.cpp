@@ -94,6 +94,18 @@ TEST(DoubleList, CopiesDeeplyAndLeavesOutWhatRefuses) {
     EXPECT_EQ(numbersIn(copy), (std::vector{1, 3, 7}));
 }
 
+TEST(DoubleList, TakesTheElementsOfAListThatItHolds) {
+    struct Holder : Counted {
+        Holder() : Counted(0) { inner.RDLAddToListEnd(new Counted(5)); }
+        CVekDoubleList inner;
+    };
+    CVekDoubleList list;
+    auto* holder = new Holder;
+    list.RDLAddToListEnd(holder);
+    list = holder->inner;
+    EXPECT_EQ(numbersIn(list), (std::vector{5}));
+}
+
 TEST(Stack, GivesThePushedInOrderAndTheBottomFirst) {
     int a = 0;
     int b = 0;
@@ -225,6 +237,37 @@ TEST(TreeList, KeepsSeveralValuesUnderAMultipleKey) {
     EXPECT_TRUE(pointees(list.RTLGetMult("news")).empty());
     EXPECT_EQ(list.RTLDelete(&news), -220547);
     EXPECT_EQ(list.RTLDelete(static_cast<const CVekAtom*>(nullptr)), -220552);
+}
+
+TEST(TreeList, RemovesOneOfManyValuesAlsoWhenPointeesChange) {
+    std::vector<int> values(1000);
+    CVekTreeList list(TRUE);
+    Pointees expected;
+    for (int& value : values) {
+        list.RTLAdd(&value == &values[7] ? "other" : "key", &value);
+        expected.push_back(&value);
+    }
+    const auto expectRemoved = [&](void* named, void* pointee) {
+        EXPECT_EQ(list.RTLDelete("key", named), 1);
+        std::erase(expected, pointee);
+        EXPECT_EQ(pointees(list.RTLIterator()), expected);
+    };
+    expectRemoved(&values[500], &values[500]);
+    EXPECT_EQ(list.RTLDelete("key", &values[500]), -220547);
+    EXPECT_EQ(list.RTLDelete("key", &values[7]), -220547);  // under another key
+    expectRemoved(list.RTLGet("key"), &values[0]);          // by its holder
+    list.RTLGet("key")->RPSetData(&values[900]);            // now there twice: the first one goes
+    std::erase(expected, &values[1]);
+    EXPECT_EQ(list.RTLDelete("key", &values[1]), -220547);
+    EXPECT_EQ(list.RTLDelete("key", &values[900]), 1);
+    EXPECT_EQ(pointees(list.RTLIterator()), expected);
+    list.RTLAdd("key", &values[1]);
+    expected.push_back(&values[1]);
+    expectRemoved(&values[900], &values[900]);
+    EXPECT_EQ(list.RTLDelete("key"), 1);
+    list.RTLAdd("key", &values[3]);
+    EXPECT_EQ(list.RTLDelete("key", &values[900]), -220547);
+    EXPECT_EQ(pointees(list.RTLIterator()), (Pointees{&values[7], &values[3]}));
 }
 
 TEST(TreeList, TakesNumberAtomsAsKeys) {

@@ -125,6 +125,23 @@ TEST(ServPool, LetsTheRunningItemFinishBeforeItDies) {
     letGo.join();
 }
 
+TEST(ServPool, StopsFromAnItem) {
+    std::latch stopped{1};
+    struct Stopping {
+        CVekServPool pool;
+        std::latch& stopped;
+    } stopping{{3, nullptr}, stopped};
+    stopping.pool.RSPAddWorkDetail(&stopping);
+    stopping.pool.RSPLaunchThreads([](void* item, void*) {
+        auto& own = *static_cast<Stopping*>(item);
+        own.pool.RSPStopThreads();
+        own.stopped.count_down();
+    });
+    stopped.wait();
+    EXPECT_EQ(stopping.pool.RSPAddWorkDetail(&stopping), 1);
+    EXPECT_EQ(stopping.pool.RSPTakeWorkDetail(), &stopping);
+}
+
 TEST(ServPool, LeavesWaitingItemsToTheCallerWhenStopped) {
     Job never;
     CVekServPool pool(2, nullptr);

@@ -106,6 +106,24 @@ TEST_F(Signals, AreForgottenAtAStopAndManagedAgainAfterIt) {
     EXPECT_EQ(processed(), Names{"34"});
 }
 
+TEST_F(Signals, EndWithTheHandlerThatDiesWhileTheyAreProcessed) {
+    struct DiesAtOnce : Recorder {
+        explicit DiesAtOnce(Names& names) : ran(names) {}
+        bool runHandler(CCallbackBase* callback) override {
+            ran.push_back(dynamic_cast<Callback*>(callback)->name);
+            delete this;
+            return true;
+        }
+        Names& ran;
+    };
+    Names ran;
+    Recorder::handler().manage(new DiesAtOnce(ran));
+    for (const int number : {2, 15, 36}) Recorder::handler().handleSignal(number);
+    Recorder::handler().processSignals();
+    EXPECT_EQ(ran, Names{"2"});
+    EXPECT_EXIT(raiseSignal(SIGTERM), testing::KilledBySignal(SIGTERM), "");
+}
+
 TEST_F(Signals, BlockInTheCallingThreadAlone) {
     std::thread([] {
         CSignalHandler::blockAll();
