@@ -6,7 +6,9 @@
 // poll set, which are sorted alike, are walked side by side.
 //
 // The ready list holds ids, not pointers: what a callback removes, and whatever takes over its
-// socket number meanwhile, is found out when its turn comes.
+// socket number meanwhile, is found out when its turn comes. The list may be dropped half way, when
+// a callback stops the loop. The system finds a ready socket again; an entry that was made ready
+// keeps its mark until its turn comes.
 
 #include "rv/event/IoTable.h"
 
@@ -14,6 +16,7 @@
 #include <climits>
 #include <cstdio>
 #include <new>
+#include <utility>
 
 #include "rv/error/rvCodes.h"
 #include "rv/error/rvErrors.h"
@@ -106,7 +109,7 @@ void IoTable::collectReady(int waitError) {
     if (waitError != 0 && !down && waitError != socket_error::kInterrupted) {
         reportWaitError(waitError);
     }
-    // A closed descriptor spoils nobody's wait but its own.
+    // A closed descriptor affects only its own entry.
     const bool useReadiness =
         (waitError == 0 || waitError == socket_error::kNotASocket) && poll_.readyCount() != 0;
     if (!useReadiness && !down && forcedCount_ == 0) return;
@@ -119,24 +122,20 @@ void IoTable::collect(List& list, bool useReadiness, bool allReady) {
     std::size_t slot = 0;
     for (const Watched& watched : list) {
         bool ready = allReady;
-        Entry& entry = *entries_.find(watched.id);
+        const Entry& entry = *entries_.find(watched.id);
         if (useReadiness) {
             while (poll_.slot(slot).socket != watched.socket) ++slot;
             ready = ready || (poll_.slot(slot).ready & entry.condition) != 0;
         }
-        if (entry.forced) {
-            entry.forced = false;
-            --forcedCount_;
-            ready = true;
-        }
-        if (ready) ready_.push_back(watched.id);
+        if (ready || entry.forced) ready_.push_back(watched.id);
     }
 }
 
 bool IoTable::nextReady(Ready& ready) noexcept {
     while (nextReady_ < ready_.size()) {
         rvevm_Id id = ready_[nextReady_++];
-        if (const Entry* entry = entries_.find(id)) {
+        if (Entry* entry = entries_.find(id)) {
+            if (std::exchange(entry->forced, false)) --forcedCount_;
             ready = {id, entry->callback, entry->closure};
             return true;
         }

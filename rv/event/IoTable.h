@@ -27,8 +27,8 @@ class IoTable {
     int add(rvevm_Id* id, unsigned int socket, rvevm_IoEventType condition, rvevm_Callback callback,
             void* closure);
     int remove(rvevm_Id id) noexcept;
-    /// Puts the entry into the next ready list whatever the state of its socket; until then waits
-    /// do not block.
+    /// Puts the entry into every ready list whatever the state of its socket, until `nextReady` has
+    /// given it; waits do not block meanwhile.
     int makeReady(rvevm_Id id) noexcept;
 
     [[nodiscard]] bool empty() const noexcept { return entries_.size() == 0; }
@@ -48,7 +48,7 @@ class IoTable {
         rvevm_IoEventType condition;
         rvevm_Callback callback;
         void* closure;
-        bool forced;  // belongs into the next ready list whatever poll finds
+        bool forced;  // belongs into the ready list whatever poll finds
     };
     struct Watched {
         platform::SocketHandle socket;

@@ -1,23 +1,42 @@
-// The event manager's plain functions: they refuse a null or dying manager, translate codes, and
-// keep the process's one reference to a manager that sessions share.
+// The event manager's plain functions: they find the manager that a handle names, refuse a dying
+// one, translate codes, and keep the process's one reference to a manager that sessions share.
 
 #include "rv/event/rvevm.h"
 
 #include <memory>
 #include <mutex>
 #include <new>
+#include <type_traits>
 
 #include "rv/error/rvCodes.h"
 #include "rv/event/EventManager.h"
 #include "rv/event/EventManagerExtras.h"
-
-struct rvevm_Manager_ : kvx::event::EventManager {
-    rvevm_Manager_() : EventManager(this) {}
-};
+#include "rv/event/HandleTable.h"
 
 namespace event_code = kvx::event_code;
 
 namespace {
+
+using kvx::event::EventManager;
+
+struct Manager;
+constinit kvx::event::HandleTable<Manager> managers;
+static_assert(std::is_trivially_destructible_v<decltype(managers)>, "used after main");
+
+// The handle comes first: the manager's callbacks are given it as their owner.
+struct Manager : kvx::event::Handle<Manager>, EventManager {
+    Manager() : Handle(managers, this), EventManager(get()) {}
+};
+
+rvevm_Manager handleOf(const Manager& manager) noexcept {
+    return static_cast<rvevm_Manager>(manager.get());
+}
+
+// Null unless the manager may be used.
+Manager* usable(rvevm_Manager handle) noexcept {
+    Manager* const manager = managers.find(handle);
+    return manager != nullptr && !manager->dying() ? manager : nullptr;
+}
 
 struct SharedManager {
     std::mutex mutex;
@@ -38,14 +57,17 @@ void forgetSharedManager(rvevm_Manager manager) {
     shared.uses = 0;
 }
 
-bool usable(rvevm_Manager manager) noexcept {
-    return manager != nullptr && !manager->dying();
-}
-
 // Inside its loop the manager is freed by `rvevm_MainLoop`.
-void shutDown(rvevm_Manager manager) noexcept {
+void shutDown(Manager* manager) noexcept {
     manager->shutDown();
     if (!manager->looping()) delete manager;
+}
+
+// What `operation` gives for the manager that the handle names.
+template <class Operation>
+int on(rvevm_Manager handle, Operation operation) {
+    Manager* const manager = usable(handle);
+    return manager == nullptr ? event_code::kNotInitialized : operation(*manager);
 }
 
 }  // namespace
@@ -54,9 +76,9 @@ int rvevm_Create(rvevm_Manager* manager) {
     if (manager == nullptr) return event_code::kInvalidId;
     *manager = nullptr;
     try {
-        auto created = std::make_unique<rvevm_Manager_>();
+        auto created = std::make_unique<Manager>();
         if (!created->valid()) return event_code::kNotSupported;
-        *manager = created.release();
+        *manager = handleOf(*created.release());
         return event_code::kOk;
     } catch (const std::bad_alloc&) {
         return event_code::kResourcesExceeded;
@@ -64,80 +86,89 @@ int rvevm_Create(rvevm_Manager* manager) {
 }
 
 int rvevm_Destroy(rvevm_Manager manager) {
-    if (!usable(manager)) return event_code::kNotInitialized;
-    forgetSharedManager(manager);
-    shutDown(manager);
-    return event_code::kOk;
+    return on(manager, [&](Manager& ended) {
+        forgetSharedManager(manager);
+        shutDown(&ended);
+        return event_code::kOk;
+    });
 }
 
 int rvevm_MainLoop(rvevm_Manager manager) {
-    if (!usable(manager)) return event_code::kNotInitialized;
-    const int code = manager->runLoop();
-    if (manager->dying() && !manager->looping()) delete manager;
-    return code;
+    return on(manager, [](Manager& looping) {
+        const int code = looping.runLoop();
+        if (looping.dying() && !looping.looping()) delete &looping;
+        return code;
+    });
 }
 
 int rvevm_Stop(rvevm_Manager manager) {
-    if (manager == nullptr) return event_code::kNotInitialized;
-    manager->stop();
-    return event_code::kOk;
+    return on(manager, [](Manager& stopped) {
+        stopped.stop();
+        return event_code::kOk;
+    });
 }
 
 int rvevm_AddIO(rvevm_Manager manager, rvevm_Id* id, unsigned int socket,
                 rvevm_IoEventType condition, rvevm_Callback callback, void* closure) {
-    if (!usable(manager)) return event_code::kNotInitialized;
-    return manager->io().add(id, socket, condition, callback, closure);
+    return on(manager, [=](Manager& watching) {
+        return watching.io().add(id, socket, condition, callback, closure);
+    });
 }
 
 int rvevm_RemoveIO(rvevm_Manager manager, rvevm_Id id) {
-    return usable(manager) ? manager->io().remove(id) : event_code::kNotInitialized;
+    return on(manager, [=](Manager& watching) { return watching.io().remove(id); });
 }
 
 int rvevm_AddTimer(rvevm_Manager manager, rvevm_Id* id, unsigned long intervalMs,
                    rvevm_Callback callback, void* closure) {
-    if (!usable(manager)) return event_code::kNotInitialized;
-    return kvx::event::eventCodeOf(manager->timers().add(id, intervalMs, callback, closure));
+    return on(manager, [=](Manager& timing) {
+        return kvx::event::eventCodeOf(timing.timers().add(id, intervalMs, callback, closure));
+    });
 }
 
 int rvevm_AddRepeatTimer(rvevm_Manager manager, rvevm_Id* id, unsigned long intervalMs,
                          rvevm_Callback callback, void* closure) {
-    if (!usable(manager)) return event_code::kNotInitialized;
-    if (id == nullptr) return event_code::kInvalidId;
-    if (callback == nullptr) return event_code::kInvalidCallback;
-    if (intervalMs == 0) return event_code::kInvalidInterval;
-    return kvx::event::eventCodeOf(
-        manager->timers().addRepeating(id, intervalMs, callback, closure));
+    return on(manager, [=](Manager& timing) -> int {
+        if (id == nullptr) return event_code::kInvalidId;
+        if (callback == nullptr) return event_code::kInvalidCallback;
+        if (intervalMs == 0) return event_code::kInvalidInterval;
+        return kvx::event::eventCodeOf(
+            timing.timers().addRepeating(id, intervalMs, callback, closure));
+    });
 }
 
 int rvevm_RemoveTimer(rvevm_Manager manager, rvevm_Id id) {
-    if (!usable(manager)) return event_code::kNotInitialized;
-    return kvx::event::eventCodeOf(manager->timers().remove(id));
+    return on(manager,
+              [=](Manager& timing) { return kvx::event::eventCodeOf(timing.timers().remove(id)); });
 }
 
 int rvevm_ResetTimer(rvevm_Manager manager, rvevm_Id id, unsigned long intervalMs) {
-    if (!usable(manager)) return event_code::kNotInitialized;
-    if (intervalMs == 0 && manager->timers().isRepeating(id)) return event_code::kInvalidInterval;
-    return kvx::event::eventCodeOf(manager->timers().reset(id, intervalMs));
+    return on(manager, [=](Manager& timing) -> int {
+        if (intervalMs == 0 && timing.timers().isRepeating(id)) return event_code::kInvalidInterval;
+        return kvx::event::eventCodeOf(timing.timers().reset(id, intervalMs));
+    });
 }
 
 int rvevm_AddSignal(rvevm_Manager manager, rvevm_Id* id, int signal, rvevm_Callback callback,
                     void* closure) {
-    if (!usable(manager)) return event_code::kNotInitialized;
-    return manager->signals().add(id, signal, callback, closure);
+    return on(manager, [=](Manager& catching) {
+        return catching.signals().add(id, signal, callback, closure);
+    });
 }
 
 int rvevm_RemoveSignal(rvevm_Manager manager, rvevm_Id id) {
-    return usable(manager) ? manager->signals().remove(id) : event_code::kNotInitialized;
+    return on(manager, [=](Manager& catching) { return catching.signals().remove(id); });
 }
 
 namespace kvx::event {
 
 int makeReady(rvevm_Manager manager, rvevm_Id id) noexcept {
-    return usable(manager) ? manager->io().makeReady(id) : event_code::kNotInitialized;
+    return on(manager, [=](Manager& watching) { return watching.io().makeReady(id); });
 }
 
 bool isLooping(rvevm_Manager manager) noexcept {
-    return manager != nullptr && manager->looping();
+    const Manager* looping = managers.find(manager);
+    return looping != nullptr && looping->looping();
 }
 
 rvevm_Manager acquireSharedManager(int& code) noexcept {
@@ -156,7 +187,7 @@ void releaseSharedManager(rvevm_Manager manager) noexcept {
         if (manager == nullptr || shared.manager != manager || --shared.uses != 0) return;
         shared.manager = nullptr;
     }
-    shutDown(manager);
+    if (Manager* const unused = usable(manager)) shutDown(unused);
 }
 
 }  // namespace kvx::event

@@ -6,12 +6,12 @@
 /// asynchronous sessions run on.
 ///
 /// Every operation returns an event-manager code, 0 on success; `rvevm_ErrorText` has the texts.
-/// A null or dying manager gives 10 unless another code is stated. Everything is for the thread
-/// that runs the main loop, `rvevm_Stop` alone excepted. Callbacks may add and remove anything,
-/// stop the loop and destroy the manager.
+/// A null, destroyed or dying manager gives 10 unless another code is stated. Everything is for the
+/// thread that runs the main loop, `rvevm_Stop` alone excepted. Callbacks may add and remove
+/// anything, stop the loop and destroy the manager.
 ///
-/// An id is a token, never a pointer: a dead id, an id of another kind and an id of another manager
-/// give 2 and touch nothing.
+/// A manager's handle is a token: once destroyed it names nothing for ever. So is an id: a dead id,
+/// an id of another kind and an id of another manager give 2 and touch nothing.
 
 using rvevm_Manager = struct rvevm_Manager_*;
 using rvevm_Id = void*;

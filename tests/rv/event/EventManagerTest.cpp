@@ -106,6 +106,20 @@ TEST_F(EventManager, DestroyedByATimerCallsNothingMoreAndGoesWithTheLoop) {
     EXPECT_EQ(loop(), "a");
 }
 
+TEST(ManagerHandle, OfADestroyedManagerNamesNothingForEver) {
+    std::vector<rvevm_Manager> destroyed;
+    rvevm_Manager manager = nullptr;
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(rvevm_Create(&manager), 0);
+        ASSERT_EQ(rvevm_Destroy(manager), 0);
+        destroyed.push_back(manager);
+    }
+    ASSERT_EQ(rvevm_Create(&manager), 0);
+    for (rvevm_Manager handle : destroyed) EXPECT_EQ(rvevm_Destroy(handle), 10);
+    EXPECT_EQ(rvevm_Stop(reinterpret_cast<rvevm_Manager>(&manager)), 10);
+    EXPECT_EQ(rvevm_Destroy(manager), 0);
+}
+
 TEST_F(EventManagerInRealTime, StopFromAnotherThreadEndsASleepingLoop) {
     expectStopFromAnotherThreadToEndTheLoop();
 }

@@ -137,6 +137,21 @@ TEST_F(IoEvent, MadeReadyIsCalledOnceInTheNextStepWithoutAWait) {
     EXPECT_EQ(loopFor(500), "");  // what is left over dies with its entry
 }
 
+TEST_F(IoEvent, MadeReadyStaysSoWhenTheLoopStopsBeforeItsTurn) {
+    const SocketPair silent;
+    pair.farSends("x");
+    ASSERT_LT(pair.near.get(), silent.near.get());
+    rvevm_Id first = nullptr;
+    first = addIo(pair.near.get(), RVEVM_READ, "1", [&] {
+        EXPECT_EQ(rvevm_RemoveIO(manager, first), 0);
+        stop();
+    });
+    rvevm_Id second = addIo(silent.near.get(), RVEVM_READ, "2");
+    EXPECT_EQ(event::makeReady(manager, second), 0);
+    EXPECT_EQ(loop(), "1");
+    EXPECT_EQ(loopFor(500), "2");
+}
+
 TEST_F(IoEvent, WatchesAThousandSocketsWhateverTheirNumbers) {
     ASSERT_TRUE(allowDescriptors(2'100)) << "needs 2,100 descriptors";
     std::vector<Socket> sockets;
