@@ -1,6 +1,7 @@
 #include "rv/ft/Election.h"
 
 #include <algorithm>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -50,13 +51,29 @@ void Election::hear(const Beat& beat, Time now) {
 }
 
 void Election::remember(const Beat& beat, Time now) {
-    if (peers_.size() >= kMaximumPeers && !peers_.contains(beat.rank.id)) {
-        peers_.erase(std::min_element(
-            peers_.begin(), peers_.end(),
-            [](const auto& a, const auto& b) { return a.second.heard < b.second.heard; }));
+    const Peer heard{
+        .rank = beat.rank, .isActive = beat.state == MemberState::Active, .heard = now};
+    const auto known = peers_.find(beat.rank.id);
+    if (known != peers_.end()) {
+        known->second = heard;
+    } else if (peers_.size() < kMaximumPeers || makeRoomFor(heard)) {
+        peers_.emplace(beat.rank.id, heard);
     }
-    peers_[beat.rank.id] =
-        Peer{.rank = beat.rank, .isActive = beat.state == MemberState::Active, .heard = now};
+}
+
+// Those that count least go first: worse ones decide little, waiting ones less than active ones. A
+// better-ranked active one never goes, whatever turns up.
+bool Election::makeRoomFor(const Peer& newcomer) {
+    const auto importance = [this](const Peer& peer) {
+        return std::tuple(peer.rank.isBetterThan(self_), peer.isActive, peer.heard);
+    };
+    const auto least = std::min_element(
+        peers_.begin(), peers_.end(),
+        [&](const auto& a, const auto& b) { return importance(a.second) < importance(b.second); });
+    const bool staysAnyway = least->second.isActive && least->second.rank.isBetterThan(self_);
+    if (staysAnyway || importance(newcomer) < importance(least->second)) return false;
+    peers_.erase(least);
+    return true;
 }
 
 // The next in rank takes over from an active peer that leaves, also when it has joined only lately:

@@ -46,7 +46,8 @@ enum class Step : std::uint8_t { Announce, Prepare, Activate, Deactivate };
 
 class Election {
   public:
-    /// Members heard of at one time; when more turn up, the one heard least lately is forgotten.
+    /// Members heard of at one time. When more turn up, one that counts less is forgotten: never a
+    /// better-ranked active one.
     static constexpr std::size_t kMaximumPeers = 1024;
 
     /// Joins at `now`, without an action: the first step is an announcement.
@@ -92,6 +93,7 @@ class Election {
     void decideInactive(Time now);
     void enter(Phase phase, Time now);
     void remember(const Beat& beat, Time now);
+    bool makeRoomFor(const Peer& newcomer);
     void forget(const std::string& id, Time now);
     void dropSilentPeers(Time now);
     void excuseLateness(Time now);

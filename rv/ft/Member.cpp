@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "platform/Clock.h"
 #include "rv/error/rvCodes.h"
@@ -86,7 +87,9 @@ FtCode Member::registerWithSession() {
     if (armed != 0) return kCannotAnnounce;
     const int heard = rv_Listen(session, &listener_, subject_.c_str(), onMessage, token_);
     if (heard == session_code::kNoMemory) return kNoMemory;
-    return heard == 0 ? kOk : kCannotAnnounce;
+    // A link that breaks here is like one that was broken before: the listen is announced later.
+    const bool brokeNow = heard == session_code::kNotConnected && rv_IsOpen(session);
+    return heard == 0 || (brokeNow && listener_ != nullptr) ? kOk : kCannotAnnounce;
 }
 
 void Member::unregister() {
@@ -152,9 +155,15 @@ void Member::carryOut() {
     if (!hasLeft_) arm();
 }
 
-// Without a connection nobody can hear it; the disconnect hook has told the election.
+// Without a connection nobody can hear it; the disconnect hook has told the election. One that
+// finds no memory is made up for by the next heartbeat.
 void Member::announce(const Beat& beat) {
-    const auto message = encodeBeat(beat, membership_.group);
+    std::vector<unsigned char> message;
+    try {
+        message = encodeBeat(beat, membership_.group);
+    } catch (const std::bad_alloc&) {
+        return;
+    }
     if (message.empty()) return;
     rv_Send(membership_.session, subject_.c_str(), nullptr, RVMSG_MSG, 0, message.data());
 }

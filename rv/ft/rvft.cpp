@@ -69,7 +69,7 @@ Rules rulesOf(unsigned activeGoal, unsigned long heartbeatMs, unsigned long prep
 }
 
 bool areValid(const Rules& rules) {
-    return rules.activeGoal > 0 && rules.heartbeatMs > 0 && rules.activateMs >= rules.heartbeatMs &&
+    return rules.activeGoal > 0 && rules.heartbeatMs > 0 && rules.activateMs > rules.heartbeatMs &&
            rules.activateMs >= rules.prepareMs;
 }
 

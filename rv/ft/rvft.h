@@ -26,9 +26,10 @@ using rvft_Action = void (*)(rv_Session, const char* group, int action, void* cl
 /// latter no sooner than its loop runs, which a round of attempts to reconnect blocks.
 ///
 /// 0; 1 for a null or empty group, a null id or action, a goal or heartbeat interval of 0, or an
-/// activation interval that is shorter than one of the two others; 2 for a null or dead session; 3
-/// when memory ran out; 4 when this session is a member already; 6 when the group's name does not
-/// fit a subject or the session cannot listen or has no timers.
+/// activation interval that is not longer than the heartbeat's (the member could not tell a beat
+/// that is on its way from silence) or shorter than the preparation's; 2 for a null or dead
+/// session; 3 when memory ran out; 4 when this session is a member already; 6 when the group's name
+/// does not fit a subject or the session cannot listen or has no timers.
 KVX_API int rvft_Join(rv_Session session, rvft_MemberId* id, const char* group, unsigned weight,
                       unsigned activeGoal, unsigned long heartbeatMs, unsigned long prepareMs,
                       unsigned long activateMs, rvft_Action action, void* closure);

@@ -230,6 +230,23 @@ TEST(Election, CutOffForTheActivationIntervalItStepsBackAndStartsAnew) {
     }
 }
 
+TEST(Election, AFloodOfStrangersDoesNotHideTheLeader) {
+    for (const std::uint32_t weight : {40U, 60U}) {
+        Driven member;
+        member.runUntil(kActivate - 1, Beat{kBetter, MemberState::Active});
+        const Time lastHeard = 3 * kBeat;
+        std::vector<std::string> strangers;
+        for (std::size_t i = 0; i < Election::kMaximumPeers + 100; ++i)
+            strangers.push_back("forged" + std::to_string(i));
+        for (const auto& id : strangers)
+            member.hear(rank(weight, 1, id.c_str()), MemberState::Waiting);
+        for (const auto& id : strangers)
+            member.hear(rank(weight, 1, id.c_str()), MemberState::Leaving);
+        member.runUntil(3 * kActivate);
+        EXPECT_EQ(member.told, (Actions{{Step::Activate, lastHeard + kActivate}}));
+    }
+}
+
 // A thread that stood still finds its timers due before it reads what came meanwhile.
 TEST(Election, DoesNotTakeItsOwnStandstillForTheOthersSilence) {
     Driven member;

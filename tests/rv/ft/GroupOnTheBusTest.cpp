@@ -126,7 +126,7 @@ TEST_F(GroupOnTheBus, RefusesWhatItCannotDoAndSaysWhy) {
     rv_Session synchronous = nullptr;
     ASSERT_EQ(0, rv_CreateSession(&synchronous, nullptr, "", "", daemon.text().c_str()));
     EXPECT_EQ(join(session.handle, ""), 1);
-    EXPECT_EQ(join(session.handle, "g", kBeat - 1), 1);
+    EXPECT_EQ(join(session.handle, "g", kBeat), 1);
     EXPECT_EQ(join(nullptr, "g"), 2);
     EXPECT_EQ(join(session.handle, "g"), 0);
     EXPECT_EQ(join(session.handle, "g"), 4);
