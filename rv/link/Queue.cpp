@@ -95,7 +95,7 @@ void keepAlive(ipq_Queue queue) {
     }
     wire::OwnedMessage message = emptyMessage();
     if (!message.bytes) return;
-    if (!ipq_Enqueue(queue, std::move(message), false) && queue->state == IPQ_PEER_GONE)
+    if (!ipq_Enqueue(queue, std::move(message), false) && queue->state != IPQ_LIMIT_EXCEEDED)
         reportFailure(queue);
 }
 

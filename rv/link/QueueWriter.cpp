@@ -64,7 +64,8 @@ bool sendChunk(ipq_Queue queue) {
 // Called after a message has been added; `idle` when nothing waited before it.
 ipq_State startWriting(ipq_Queue queue, bool idle) {
     if (queue->writesBlocking()) return writeAll(queue, queue->stallLimit, Deadline());
-    if (!idle) return IPQ_OK;
+    const bool isAskedFor = queue->writeEvent != nullptr || queue->retryTimer != nullptr;
+    if (!idle && isAskedFor) return IPQ_OK;
     if (!queue->batching) return writeOn(queue);
     return askForWriteEvent(queue) == 0 ? IPQ_OK : IPQ_EVENT_FAILURE;
 }

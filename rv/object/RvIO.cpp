@@ -53,10 +53,8 @@ RvIO::RvIO(RvSessionBlock* block, unsigned int socket, rvevm_IoEventType type,
 RvIO::~RvIO() {
     if (m_state == nullptr) return;
     m_state->event = nullptr;
-    if (m_block->handle != nullptr && m_state->id != nullptr) {
-        rv_RemoveIO(m_block->handle, m_state->id);
-    }
-    kvx::detail::StateHold<IoState>::drop(m_state);
+    if (m_state->id != nullptr) rv_RemoveIO(m_block->core, m_state->id);
+    kvx::detail::StateHold::drop(m_state);
 }
 
 unsigned int RvIO::socket() const {

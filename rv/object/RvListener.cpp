@@ -83,7 +83,7 @@ void ListenerState::onMessage(rv_Session session, const char* subject, const cha
                               rvmsg_Type type, rvmsg_Size size, rvmsg_Data data, void* closure) {
     auto& state = *static_cast<ListenerState*>(closure);
     if (!state.isOpen()) return;
-    const StateHold<ListenerState> hold(state);
+    const StateHold hold(state);
     state.cancelTimeout(session);
     if (state.callback() == nullptr) {
         state.cancelListen(session);
@@ -134,18 +134,21 @@ RvListener::RvListener(RvSessionBlock* block, const char* subject, unsigned long
 RvListener::~RvListener() {
     if (m_state == nullptr) return;
     m_state->event = nullptr;
-    if (m_block->handle != nullptr) {
-        m_state->cancelTimeout(m_block->handle);
-        if (m_state->listen != nullptr) {
-            const int code = m_state->cancelListen(m_block->handle);
-            *m_block->status = RvStatus(code);
-        }
+    RvSessionBlock& block = *m_block;
+    m_state->cancelTimeout(block.core);
+    if (m_state->listen != nullptr) {
+        const int code = m_state->cancelListen(block.core);
+        if (block.handle != nullptr) *block.status = RvStatus(code);
     }
-    kvx::detail::StateHold<ListenerState>::drop(m_state);
+    kvx::detail::StateHold::drop(m_state);
 }
 
 const char* RvListener::subject() const {
     return m_state->subject.get();
+}
+
+kvx::detail::EventState& RvListener::state() const {
+    return *m_state;
 }
 
 bool RvListener::isInbox() const {

@@ -6,8 +6,9 @@ class RvDataCallback;
 class RvDatumFilter;
 
 namespace kvx::detail {
+struct EventState;
 struct ListenerState;
-}
+}  // namespace kvx::detail
 
 /// A subscription, or an inbox. Made by `RvSession::newListener`, `newInbox` and
 /// `RvSender::sendRequest`; the caller owns it, and deleting it cancels the subscription.
@@ -26,6 +27,7 @@ class KVX_API RvListener : public RvEvent {
     RvDatumFilter* inboundFilter() const;
 
   private:
+    friend class RvSender;
     friend class RvSession;
     friend struct kvx::detail::ListenerState;
 
@@ -33,6 +35,7 @@ class KVX_API RvListener : public RvEvent {
     RvListener(RvSessionBlock* block, const char* subject, unsigned long timeoutMs,
                RvDataCallback* callback, void* closure);
 
+    kvx::detail::EventState& state() const;
     void takeInboundFilter(const kvx::detail::CallbackReference& filter);
 
     kvx::detail::ListenerState* m_state;

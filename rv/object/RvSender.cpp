@@ -4,6 +4,7 @@
 
 #include "rv/error/rvCodes.h"
 #include "rv/message/RvDatum.h"
+#include "rv/object/EventState.h"
 #include "rv/object/FilteredDatum.h"
 #include "rv/object/RvListener.h"
 #include "rv/object/RvSession.h"
@@ -73,8 +74,13 @@ RvListener* RvSender::sendRequest(const RvDatum& data, unsigned long timeoutMs,
     }
     std::unique_ptr<RvListener> inbox(block.owner->newInbox(timeoutMs, callback, closure));
     if (inbox == nullptr) return nullptr;
+    const kvx::detail::StateHold made(inbox->state());
     const RvStatus outcome(publish(data, inbox->subject()));
-    if (!(outcome == 0)) inbox.reset();
+    if (!made.hasEvent()) {
+        static_cast<void>(inbox.release());
+    } else if (!(outcome == 0)) {
+        inbox.reset();
+    }
     *block.status = outcome;
     return inbox.release();
 }

@@ -25,7 +25,8 @@ class KVX_API RvSender : public RvSessionObject {
     /// Publishes `data` with a new inbox as reply subject; replies come to `callback`, or its
     /// `onTimeout` when none came within `timeoutMs` milliseconds (0: waits for good). The caller
     /// owns the result, and deletes it when the reply has come or the time is over. Null on
-    /// failure, with the reason in the session's status.
+    /// failure, with the reason in the session's status; null with success when `callback` has
+    /// been called meanwhile and has deleted it.
     RvListener* sendRequest(const RvDatum& data, unsigned long timeoutMs, RvDataCallback* callback,
                             void* closure);
 

@@ -30,11 +30,12 @@ RvSession::RvSession(rv_Session handle) : m_block(kvx::detail::newSessionBlock()
         *m_block->status = RvStatus(kvx::session_code::kInvalidSession);
         return;
     }
-    m_block->handle = handle;
+    m_block->handle = m_block->core = handle;
     m_block->owner = this;
 }
 
-// The block says "closed" before the core closes: what runs meanwhile meets a closed session.
+// The block says "closed" before the core closes: what runs meanwhile meets a closed session, but
+// can still take its registrations back.
 RvSession::~RvSession() {
     if (m_block == nullptr) return;
     rv_Session closing = m_block->handle;

@@ -50,7 +50,7 @@ void SignalState::abandon(rv_Session session) {
 void freeSignals(SignalState* first) {
     while (first != nullptr) {
         SignalState* next = first->next;
-        StateHold<SignalState>::drop(first);
+        StateHold::drop(first);
         first = next;
     }
 }
@@ -73,10 +73,8 @@ RvSignal::RvSignal(RvSessionBlock* block, int signal, RvSignalCallback* callback
 RvSignal::~RvSignal() {
     if (m_state == nullptr) return;
     m_state->event = nullptr;
-    if (m_block->handle != nullptr && m_state->id != nullptr) {
-        rv_RemoveSignal(m_block->handle, m_state->id);
-    }
-    kvx::detail::StateHold<SignalState>::drop(m_state);
+    if (m_state->id != nullptr) rv_RemoveSignal(m_block->core, m_state->id);
+    kvx::detail::StateHold::drop(m_state);
 }
 
 int RvSignal::signal() const {

@@ -58,10 +58,8 @@ RvTimer::RvTimer(RvSessionBlock* block, unsigned long intervalMs, rv_Boolean rep
 RvTimer::~RvTimer() {
     if (m_state == nullptr) return;
     m_state->event = nullptr;
-    if (m_block->handle != nullptr && m_state->id != nullptr) {
-        rv_RemoveTimer(m_block->handle, m_state->id);
-    }
-    kvx::detail::StateHold<TimerState>::drop(m_state);
+    if (m_state->id != nullptr) rv_RemoveTimer(m_block->core, m_state->id);
+    kvx::detail::StateHold::drop(m_state);
 }
 
 unsigned long RvTimer::interval() const {

@@ -13,10 +13,12 @@ struct SignalState;
 
 /// What a session and the objects made from it share, and what outlives each of them.
 struct RvSessionBlock {
-    rv_Session handle = nullptr;  ///< null once the session is closed
-    RvSession* owner = nullptr;   ///< null once the session object is destroyed
-    RvStatus* status = nullptr;   ///< owned: the outcome of the latest operation
-    std::int32_t refs = 0;        ///< the session itself and every live object made from it
+    rv_Session handle = nullptr;  ///< null once the session is closed, or closing
+    rv_Session core =
+        nullptr;  ///< where registrations are undone; of a closed one it names nothing
+    RvSession* owner = nullptr;  ///< null once the session object is destroyed
+    RvStatus* status = nullptr;  ///< owned: the outcome of the latest operation
+    std::int32_t refs = 0;       ///< the session itself and every live object made from it
 
     /// States of signals that lost their callback: the slot in the core still points at them, until
     /// the core session is closed. Owned, a singly linked list.

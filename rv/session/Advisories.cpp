@@ -26,7 +26,7 @@ struct Advisory {
         return rv_BuildAdvisory(body, sizeof body, advisoryClass, advisory::kSystem, name, nullptr,
                                 subject, sizeof subject);
     }
-    int deliverTo(rv_Session_& session) const {
+    int deliverTo(SessionState& session) const {
         return deliverLocally(session, SubjectView::trusted(subject), nullptr,
                               {RVMSG_MSG, 0, body});
     }
@@ -70,7 +70,7 @@ bool isMessage(const void* body) {
     return body != nullptr && rvmsg_Length(body, &length) == 0;
 }
 
-int publishBody(rv_Session_& session, const std::optional<Subject>& subject, const void* body,
+int publishBody(SessionState& session, const std::optional<Subject>& subject, const void* body,
                 int codeOfBadSubject) {
     if (!subject) return codeOfBadSubject;
     const Entered entered(session);
@@ -79,7 +79,7 @@ int publishBody(rv_Session_& session, const std::optional<Subject>& subject, con
 
 }  // namespace
 
-void announceDisconnect(rv_Session_& session) {
+void announceDisconnect(SessionState& session) {
     Advisory advisory;
     int code = advisory.build(advisory::kWarn, advisory::kDisconnectedName);
     if (code == 0) code = advisory.deliverTo(session);
@@ -87,7 +87,7 @@ void announceDisconnect(rv_Session_& session) {
         std::fprintf(stderr, "Rendezvous unable to build disconnected message (err = %d).\n", code);
 }
 
-void announceStarvation(rv_Session_& session, std::uint32_t latenessMs) {
+void announceStarvation(SessionState& session, std::uint32_t latenessMs) {
     Advisory advisory;
     int code = advisory.build(advisory::kWarn, advisory::kStarvationName);
     if (code == 0)
@@ -99,7 +99,7 @@ void announceStarvation(rv_Session_& session, std::uint32_t latenessMs) {
                      code);
 }
 
-void announceFastProducer(rv_Session_& session, const char* advisoryClass) {
+void announceFastProducer(SessionState& session, const char* advisoryClass) {
     if (++session.fastProducerConditions % advisory::kFastProducerRate != 1) return;
     Advisory advisory;
     if (const int code = advisory.build(advisoryClass, advisory::kFastProducerName); code != 0) {
@@ -120,8 +120,9 @@ namespace wire = kvx::wire;
 namespace advisory = kvx::advisory;
 using kvx::Subject;
 
-int rv_SendAdvisory(rv_Session session, const char* subject, const void* body) {
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+int rv_SendAdvisory(rv_Session handle, const char* subject, const void* body) {
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (!session::isMessage(body)) return session_code::kOk;
     const session::AdvisoryFields fields(body);
     if (!fields.complete()) return session_code::kInvalidArgument;
@@ -132,8 +133,9 @@ int rv_SendAdvisory(rv_Session session, const char* subject, const void* body) {
                                 session_code::kInvalidSubject);
 }
 
-int rv_SendAppAdvisory(rv_Session session, const char* subject, const void* body) {
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+int rv_SendAppAdvisory(rv_Session handle, const char* subject, const void* body) {
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (!session::isMessage(body)) return session_code::kOk;
     const session::AdvisoryFields fields(body);
     if (!fields.complete()) return session_code::kInvalidArgument;

@@ -67,7 +67,7 @@ Socket newSocket() {
     return socket;
 }
 
-Greeted connectGreeted(const rv_Session_& session) {
+Greeted connectGreeted(const SessionState& session) {
     Greeted result;
     for (int attempt = 1; attempt <= kAttempts; ++attempt) {
         result.socket = newSocket();
@@ -92,18 +92,18 @@ Greeted connectGreeted(const rv_Session_& session) {
     return result;
 }
 
-bool answerGreeting(const rv_Session_& session, const Socket& socket, std::uint32_t version) {
+bool answerGreeting(const SessionState& session, const Socket& socket, std::uint32_t version) {
     const wire::Greeting answer{0, version, session.address.local ? 1U : 0U};
     return link::writeExactly(socket.get(), wire::encode(answer),
                               Deadline::in(wire::kClientHandshakeMs));
 }
 
-bool speakV4(rv_Session_& session, Socket socket) {
+bool speakV4(SessionState& session, Socket socket) {
     return answerGreeting(session, socket, wire::kProtocolV4) &&
            ipq_NegotiateV4(&session.queue, session, std::move(socket)) == IPQ_SETUP_OK;
 }
 
-int speakV3(rv_Session_& session) {
+int speakV3(SessionState& session) {
     Greeted again = connectGreeted(session);
     if (again.code != 0) return again.code;
     if (again.greeting.version != wire::kProtocolV3) return session_code::kVersionMismatch;
@@ -115,7 +115,7 @@ int speakV3(rv_Session_& session) {
 
 }  // namespace
 
-int connectLink(rv_Session_& session) {
+int connectLink(SessionState& session) {
     Greeted first = connectGreeted(session);
     if (first.code != 0) return first.code;
     if (speakV4(session, std::move(first.socket))) return session_code::kOk;

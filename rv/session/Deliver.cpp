@@ -46,7 +46,7 @@ const char* replyOf(const std::uint8_t* message) {
 /// One message on its way to the listeners.
 class Delivery {
   public:
-    Delivery(rv_Session_& session, const std::uint8_t* message, SubjectView subject)
+    Delivery(SessionState& session, const std::uint8_t* message, SubjectView subject)
         : session_(session), message_(message), subject_(subject) {
         subjectText_[0] = '\0';
         encodedReply_[2] = 0;
@@ -54,7 +54,7 @@ class Delivery {
 
     /// False when the message goes to nobody: a hook or an unreadable payload.
     bool prepare() {
-        if (session_.hooks.run(RV_HOOK_DELIVER, &session_, message_) != 0) return false;
+        if (session_.hooks.run(RV_HOOK_DELIVER, session_.handle(), message_) != 0) return false;
         reply_ = replyOf(message_);
         return readPayload();
     }
@@ -64,7 +64,7 @@ class Delivery {
         void* closure = record.closure;
         const char* subject = record.textSubjects ? subjectText() : encodedSubject();
         const char* reply = record.textSubjects ? reply_ : encodedReply();
-        callback(&session_, subject, reply, type_, size_, data_, closure);
+        callback(session_.handle(), subject, reply, type_, size_, data_, closure);
     }
 
   private:
@@ -95,7 +95,7 @@ class Delivery {
         return reinterpret_cast<const char*>(encodedReply_);
     }
 
-    rv_Session_& session_;
+    SessionState& session_;
     const std::uint8_t* message_;
     SubjectView subject_;
     const char* reply_ = nullptr;
@@ -114,49 +114,58 @@ void reportUnhandled(const std::uint8_t* message) {
     std::fputs("\n", stderr);
 }
 
-void deliverOne(rv_Session_& session, const std::uint8_t* message) {
+void deliverOne(SessionState& session, const std::uint8_t* message) {
     const auto subject = subjectOf(message);
     if (!subject) return;
     std::optional<Delivery> delivery;
-    const std::size_t reached = session.listens.match(*subject, [&](ListenRecord& record) {
+    session.listens.match(*subject, [&](const ListenRecord& record) {
+        if (!record.callable) return true;
+        rv_Listener id = record.id;
         if (!delivery) {
             delivery.emplace(session, message, *subject);
             if (!delivery->prepare()) return false;
         }
-        if (!isClosing(session)) delivery->callBack(record);
+        // A hook may have cancelled the record.
+        const ListenRecord* called = session.listens.find(id);
+        if (called != nullptr && !isClosing(session)) delivery->callBack(*called);
         return !isClosing(session);
     });
-    if (reached == 0 && advisory::isReportable(*subject)) reportUnhandled(message);
+    if (!delivery && advisory::isReportable(*subject)) reportUnhandled(message);
+}
+
+// Memory that runs out costs this message only, and is told behind what waits.
+void deliverSafely(SessionState& session, const std::uint8_t* message) {
+    try {
+        deliverOne(session, message);
+    } catch (const std::bad_alloc&) {
+        session.noMemoryPending = message != session.noMemoryAdvisory.bytes.get();
+    }
 }
 
 // Delivers what came while callbacks ran; false when there was nothing.
-bool deliverNextPending(rv_Session_& session) {
+bool deliverNextPending(SessionState& session) {
     if (isClosing(session)) return false;
     if (!session.pending.empty()) {
         const wire::OwnedMessage message = std::move(session.pending.front());
         session.pending.pop_front();
-        deliverOne(session, message.bytes.get());
+        deliverSafely(session, message.bytes.get());
         return true;
     }
     if (!std::exchange(session.noMemoryPending, false)) return false;
-    deliverOne(session, session.noMemoryAdvisory.bytes.get());
+    deliverSafely(session, session.noMemoryAdvisory.bytes.get());
     return true;
 }
 
-void run(rv_Session_& session, const std::uint8_t* message) {
+void run(SessionState& session, const std::uint8_t* message) {
     const Entered entered(session);
     session.delivering = true;
-    try {
-        deliverOne(session, message);
-        while (deliverNextPending(session)) {
-        }
-    } catch (const std::bad_alloc&) {
-        session.noMemoryPending = true;
+    deliverSafely(session, message);
+    while (deliverNextPending(session)) {
     }
     session.delivering = false;
 }
 
-void wait(rv_Session_& session, wire::Bytes message) {
+void wait(SessionState& session, wire::Bytes message) {
     wire::OwnedMessage copy;
     copy.bytes.reset(static_cast<std::uint8_t*>(std::malloc(message.size())));
     if (!copy.bytes) {
@@ -174,7 +183,7 @@ void wait(rv_Session_& session, wire::Bytes message) {
 
 }  // namespace
 
-void deliver(rv_Session_& session, wire::Bytes message) {
+void deliver(SessionState& session, wire::Bytes message) {
     if (isClosing(session)) return;
     if (session.delivering)
         wait(session, message);
@@ -182,7 +191,7 @@ void deliver(rv_Session_& session, wire::Bytes message) {
         run(session, message.data());
 }
 
-void deliverNoMemory(rv_Session_& session) {
+void deliverNoMemory(SessionState& session) {
     if (isClosing(session)) return;
     if (session.delivering)
         session.noMemoryPending = true;
@@ -190,10 +199,10 @@ void deliverNoMemory(rv_Session_& session) {
         run(session, session.noMemoryAdvisory.bytes.get());
 }
 
-int deliverLocally(rv_Session_& session, SubjectView subject, const char* reply,
+int deliverLocally(SessionState& session, SubjectView subject, const char* reply,
                    const wire::Payload& payload) {
     const wire::Built built = wire::buildData(bytesOf(subject), reply, session.flavour.id, payload);
-    if (built.code != 0) return codeOfBuild(built.code);
+    if (built.code != 0) return codeOfBuild(built.code, payload.size == 0);
     deliver(session, built.message.view());
     return session_code::kOk;
 }

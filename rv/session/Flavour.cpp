@@ -18,8 +18,9 @@ struct ProcessDefaults {
     ipq_Properties link = link::kDefaultProperties;
 };
 
+// Never destroyed: sessions may be opened while the process ends.
 ProcessDefaults& processDefaults() {
-    static ProcessDefaults defaults;
+    static auto& defaults = *new ProcessDefaults;
     return defaults;
 }
 

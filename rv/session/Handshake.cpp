@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "platform/Process.h"
 #include "rv/error/rvCodes.h"
@@ -24,10 +25,10 @@ namespace {
 
 constexpr platform::Milliseconds kReplyMs = 10'000;  // for the daemon's answer, and for our writes
 
-int send(rv_Session_& session, wire::Built built) {
+int send(SessionState& session, wire::Built built) {
     if (built.code != 0) return codeOfBuild(built.code);
     if (session.queue == nullptr)
-        return session_code::kNotConnected;  // a hook has closed the session
+        return session_code::kNotConnected;  // a hook has closed the session or lost the link
     if (ipq_Enqueue(session.queue, std::move(built.message), false) || ipq_WasKept(session.queue))
         return ipq_StateOf(session.queue) == IPQ_PEER_GONE ? session_code::kNotConnected
                                                            : session_code::kOk;
@@ -35,7 +36,7 @@ int send(rv_Session_& session, wire::Built built) {
                                                        : session_code::kNotConnected;
 }
 
-int sendInit(rv_Session_& session, bool named) {
+int sendInit(SessionState& session, bool named) {
     std::string control;
     if (const ListenRecord* record = session.listens.find(session.control))
         control = record->subject.view().text();
@@ -49,7 +50,7 @@ int sendInit(rv_Session_& session, bool named) {
     return send(session, wire::buildInit(fields));
 }
 
-std::string makeName(const rv_Session_& session) {
+std::string makeName(const SessionState& session) {
     char name[96];
     std::snprintf(name, sizeof name, "%08lX.%lX%lX%lX",
                   static_cast<unsigned long>(loadBig32(&session.clientAddress)),
@@ -58,7 +59,7 @@ std::string makeName(const rv_Session_& session) {
     return name;
 }
 
-void adoptName(rv_Session_& session) {
+void adoptName(SessionState& session) {
     std::string name = makeName(session);
     if (name == session.name) return;
     std::erase(session.formerNames, name);
@@ -66,7 +67,7 @@ void adoptName(rv_Session_& session) {
     session.name = std::move(name);
 }
 
-int readReply(rv_Session_& session) {
+int readReply(SessionState& session) {
     const wire::Bytes message = ipq_ReadWithin(session.queue, kReplyMs);
     if (message.empty()) return session_code::kNotConnected;
     const wire::Reply reply = wire::readReply(message);
@@ -77,20 +78,20 @@ int readReply(rv_Session_& session) {
     return session_code::kOk;
 }
 
-int provideControlInbox(rv_Session_& session) {
+int provideControlInbox(SessionState& session) {
     if (session.control != nullptr) return session_code::kOk;
     return addPrivateInbox(session, &session.control);
 }
 
 // A listen message, unless a hook refuses it.
-int sendListen(rv_Session_& session, wire::Built built) {
+int sendListen(SessionState& session, wire::Built built) {
     if (built.code == 0 &&
-        session.hooks.run(RV_HOOK_LISTEN, &session, built.message.bytes.get()) != 0)
+        session.hooks.run(RV_HOOK_LISTEN, session.handle(), built.message.bytes.get()) != 0)
         return session_code::kOk;
     return send(session, std::move(built));
 }
 
-int announceRecords(rv_Session_& session) {
+int announceRecords(SessionState& session) {
     for (const rv_Listener id : session.listens.ordered()) {
         const ListenRecord* record = session.listens.find(id);  // a hook may have cancelled it
         if (record == nullptr || isInbox(record->subject)) continue;
@@ -100,7 +101,7 @@ int announceRecords(rv_Session_& session) {
     return session_code::kOk;
 }
 
-int announceInboxesOf(rv_Session_& session, const std::string& name) {
+int announceInboxesOf(SessionState& session, const std::string& name) {
     const auto subject =
         Subject::fromText(("_INBOX." + name + ".>").c_str(), wire::kSubjectCapacity);
     if (!subject) return session_code::kInvalidSubject;
@@ -108,7 +109,7 @@ int announceInboxesOf(rv_Session_& session, const std::string& name) {
 }
 
 // A name is in use while one of its inboxes is listened on.
-void forgetUnusedNames(rv_Session_& session) {
+void forgetUnusedNames(SessionState& session) {
     const auto records = session.listens.ordered();
     std::erase_if(session.formerNames, [&](const std::string& name) {
         const std::string prefix = "_INBOX." + name + ".";
@@ -119,7 +120,7 @@ void forgetUnusedNames(rv_Session_& session) {
     });
 }
 
-int announceInboxes(rv_Session_& session) {
+int announceInboxes(SessionState& session) {
     if (!session.formerNames.empty()) forgetUnusedNames(session);
     int code = announceInboxesOf(session, session.name);
     for (std::size_t i = 0; i < session.formerNames.size() && code == 0; ++i)
@@ -127,7 +128,7 @@ int announceInboxes(rv_Session_& session) {
     return code;
 }
 
-int introduce(rv_Session_& session) {
+int introduce(SessionState& session) {
     int code = sendInit(session, false);
     if (code == 0) code = readReply(session);
     if (code == 0) code = provideControlInbox(session);
@@ -137,7 +138,7 @@ int introduce(rv_Session_& session) {
     return code;
 }
 
-int introduceSafely(rv_Session_& session) {
+int introduceSafely(SessionState& session) {
     try {
         return introduce(session);
     } catch (const std::bad_alloc&) {
@@ -147,14 +148,15 @@ int introduceSafely(rv_Session_& session) {
 
 }  // namespace
 
-int connectAndIntroduce(rv_Session_& session) {
+int connectAndIntroduce(SessionState& session) {
     if (const int code = connectLink(session); code != 0) return code;
     ipq_SetStallLimit(session.queue, kReplyMs);
     ipq_SetBlocking(session.queue, true);
     const int code = introduceSafely(session);
+    if (session.queue == nullptr)  // a hook has closed the session or lost the link
+        return code != 0 ? code : session_code::kNotConnected;
     if (code != 0) {
-        if (session.queue != nullptr) ipq_Close(session.queue, false);
-        session.queue = nullptr;
+        ipq_Close(std::exchange(session.queue, nullptr), false);
         return code;
     }
     watchLink(session);

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "rv/error/rvCodes.h"
@@ -20,30 +21,33 @@ namespace {
 void ignoreDelivery(rv_Session, const char*, const char*, rvmsg_Type, rvmsg_Size, rvmsg_Data,
                     void*) {}
 
-int addRecord(rv_Session_& session, rv_Listener* listener, ListenRecord record) {
+int addRecord(SessionState& session, rv_Listener* listener, ListenRecord record) {
     record.serial = session.listenCounter++;
     *listener = session.listens.add(std::move(record));
     return *listener == nullptr ? session_code::kNoMemory : session_code::kOk;
 }
 
-void removeRecord(rv_Session_& session, rv_Listener listener) {
-    if (const ListenRecord* record = session.listens.find(listener)) {
-        rv_Listener companion = record->companion;
-        session.listens.remove(listener);
-        session.listens.remove(companion);
-    }
-}
-
-int announce(rv_Session_& session, const ListenRecord& record) {
+int announce(SessionState& session, const ListenRecord& record) {
     if (session.queue == nullptr || isInbox(record.subject)) return session_code::kOk;
     wire::Built built = listenMessage(session, record);
     if (built.code != 0) return codeOfBuild(built.code);
-    if (session.hooks.run(RV_HOOK_LISTEN, &session, built.message.bytes.get()) != 0)
+    if (session.hooks.run(RV_HOOK_LISTEN, session.handle(), built.message.bytes.get()) != 0)
         return session_code::kOk;
     return queueMessage(session, std::move(built.message));
 }
 
-int listen(rv_Session_& session, rv_Listener* listener, Subject subject, rv_DataCallback callback,
+int announceSafely(SessionState& session, const ListenRecord& record) {
+    try {
+        return announce(session, record);
+    } catch (const std::bad_alloc&) {
+        return session_code::kNoMemory;
+    }
+}
+
+// The announcement may call user code: hooks, and listeners that hear of a broken link or a full
+// queue. The new record is called only from then on, since nobody knows the listener before its
+// listen has returned; and it may have been cancelled meanwhile.
+int listen(SessionState& session, rv_Listener* listener, Subject subject, rv_DataCallback callback,
            void* closure) {
     const bool reserved = subject.view().first() == kReservedElement;
     rv_Listener companion = nullptr;
@@ -52,37 +56,42 @@ int listen(rv_Session_& session, rv_Listener* listener, Subject subject, rv_Data
         if (code != 0) return code;
     }
     ListenRecord record{std::move(subject), callback, closure, reserved, true, 0, companion};
-    if (const int code = addRecord(session, listener, std::move(record)); code != 0) {
+    record.callable = false;
+    rv_Listener made = nullptr;
+    if (const int code = addRecord(session, &made, std::move(record)); code != 0) {
         session.listens.remove(companion);
         return code;
     }
-    return announce(session, *session.listens.find(*listener));
+    *listener = made;
+    const int code = announceSafely(session, *session.listens.find(made));
+    if (ListenRecord* const kept = session.listens.find(made)) kept->callable = true;
+    return code;
 }
 
-int withdraw(rv_Session_& session, SubjectView subject) {
+int withdraw(SessionState& session, SubjectView subject) {
     if (session.queue == nullptr || isInbox(subject)) return session_code::kOk;
     wire::Built built = wire::buildCancel(bytesOf(subject), session.flavour.id);
     if (built.code != 0) return codeOfBuild(built.code);
     return queueMessage(session, std::move(built.message));
 }
 
-int cancel(rv_Session_& session, rv_Listener listener) {
-    const ListenRecord* record = session.listens.find(listener);
-    if (record == nullptr || listener == session.control) return session_code::kInvalidListener;
-    const Subject subject = record->subject;
-    removeRecord(session, listener);
-    return withdraw(session, subject);
+int cancel(SessionState& session, rv_Listener listener) {
+    if (listener == session.control) return session_code::kInvalidListener;
+    const std::optional<ListenRecord> cancelled = session.listens.take(listener);
+    if (!cancelled) return session_code::kInvalidListener;
+    session.listens.remove(cancelled->companion);
+    return withdraw(session, cancelled->subject);
 }
 
 }  // namespace
 
-wire::Built listenMessage(rv_Session_& session, const ListenRecord& record) {
+wire::Built listenMessage(SessionState& session, const ListenRecord& record) {
     const std::string inbox = session.listens.companionText(record);
     return wire::buildListen(bytesOf(record.subject), inbox.empty() ? nullptr : inbox.c_str(),
                              session.flavour.id);
 }
 
-int addInbox(rv_Session_& session, rv_Listener* listener, rv_DataCallback callback, void* closure,
+int addInbox(SessionState& session, rv_Listener* listener, rv_DataCallback callback, void* closure,
              bool textSubjects) {
     if (session.name.empty()) return session_code::kInvalidSubject;
     const std::string text = "_INBOX." + session.name + "." + std::to_string(session.listenCounter);
@@ -92,7 +101,7 @@ int addInbox(rv_Session_& session, rv_Listener* listener, rv_DataCallback callba
                      {std::move(*subject), callback, closure, true, textSubjects, 0, nullptr});
 }
 
-int addPrivateInbox(rv_Session_& session, rv_Listener* listener) {
+int addPrivateInbox(SessionState& session, rv_Listener* listener) {
     return addInbox(session, listener, ignoreDelivery, nullptr, false);
 }
 
@@ -103,10 +112,11 @@ namespace session_code = kvx::session_code;
 namespace wire = kvx::wire;
 using kvx::Subject;
 
-int rv_Listen(rv_Session session, rv_Listener* listener, const char* subject,
+int rv_Listen(rv_Session handle, rv_Listener* listener, const char* subject,
               rv_DataCallback callback, void* closure) {
     if (listener != nullptr) *listener = nullptr;
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (listener == nullptr || subject == nullptr || callback == nullptr)
         return session_code::kInvalidArgument;
     try {
@@ -119,10 +129,11 @@ int rv_Listen(rv_Session session, rv_Listener* listener, const char* subject,
     }
 }
 
-int rv_CreateInbox(rv_Session session, rv_Listener* listener, char* nameOut, unsigned capacity,
+int rv_CreateInbox(rv_Session handle, rv_Listener* listener, char* nameOut, unsigned capacity,
                    rv_DataCallback callback, void* closure) {
     if (listener != nullptr) *listener = nullptr;
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (listener == nullptr || callback == nullptr) return session_code::kInvalidArgument;
     try {
         if (const int code = session::addInbox(*session, listener, callback, closure, true);
@@ -142,12 +153,9 @@ int rv_CreateInbox(rv_Session session, rv_Listener* listener, char* nameOut, uns
     return session_code::kInvalidArgument;
 }
 
-int rv_Cancel(rv_Session session, rv_Listener listener) {
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+int rv_Cancel(rv_Session handle, rv_Listener listener) {
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     const session::Entered entered(*session);
-    try {
-        return session::cancel(*session, listener);
-    } catch (const std::bad_alloc&) {
-        return session_code::kNoMemory;
-    }
+    return session::cancel(*session, listener);
 }

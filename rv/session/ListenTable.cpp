@@ -16,6 +16,7 @@ rv_Listener ListenTable::add(ListenRecord record) {
     void* id = records_.add(std::move(record));
     if (id == nullptr) return nullptr;
     ListenRecord* kept = records_.find(id);
+    kept->id = listenerOf(id);
     try {
         tree_.add(kept->subject, kept);
     } catch (const std::bad_alloc&) {
@@ -29,11 +30,13 @@ ListenRecord* ListenTable::find(rv_Listener id) {
     return records_.find(id);
 }
 
-void ListenTable::remove(rv_Listener id) {
-    const ListenRecord* record = records_.find(id);
-    if (record == nullptr) return;
+std::optional<ListenRecord> ListenTable::take(rv_Listener id) noexcept {
+    ListenRecord* const record = records_.find(id);
+    if (record == nullptr) return std::nullopt;
     static_cast<void>(tree_.remove(record->subject, record));
+    std::optional<ListenRecord> taken(std::move(*record));
     records_.remove(id);
+    return taken;
 }
 
 std::vector<rv_Listener> ListenTable::ordered() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,8 @@ struct ListenRecord {
     bool textSubjects;  ///< the callback gets dotted text, else the encoded form
     long serial;        ///< the listen counter when it was made
     rv_Listener companion = nullptr;  ///< the private reply inbox of a record that is not local
+    rv_Listener id = nullptr;         ///< its own; set by the table
+    bool callable = true;             ///< false while its listen is still being made
 };
 
 /// The listen records of a session: by id, by subject, and in the order in which they were made.
@@ -29,7 +32,9 @@ class ListenTable {
     [[nodiscard]] rv_Listener add(ListenRecord record);
     /// Null for a dead or foreign id.
     [[nodiscard]] ListenRecord* find(rv_Listener id);
-    void remove(rv_Listener id);
+    /// Nothing for a dead or foreign id. Needs no memory.
+    [[nodiscard]] std::optional<ListenRecord> take(rv_Listener id) noexcept;
+    void remove(rv_Listener id) noexcept { static_cast<void>(take(id)); }
 
     /// The ids of all records, in the order in which they were made.
     [[nodiscard]] std::vector<rv_Listener> ordered();

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/Socket.h"
 #include "rv/error/rvCodes.h"
 #include "rv/link/LinkTrace.h"
 #include "rv/session/SessionParts.h"
@@ -19,7 +20,7 @@ platform::Milliseconds waitOf(unsigned long timeoutMs) {
     return static_cast<platform::Milliseconds>(std::min(timeoutMs, kLongestWaitMs));
 }
 
-int runLoop(rv_Session_& session) {
+int runLoop(SessionState& session) {
     const Entered entered(session);
     session.inLoop = true;
     const int code = rvevm_MainLoop(session.manager);
@@ -27,26 +28,26 @@ int runLoop(rv_Session_& session) {
     return code == 0 ? session_code::kOk : session_code::kInitFailed;
 }
 
-int dispatch(rv_Session_& session, platform::Milliseconds timeout) {
+int dispatch(SessionState& session, platform::Milliseconds timeout) {
     const Entered entered(session);
     const ipq_State state = ipq_DispatchOne(session.queue, timeout);
     return state == IPQ_OK || state == IPQ_EMPTY ? session_code::kOk : session_code::kNotConnected;
 }
 
-int flush(rv_Session_& session, platform::Milliseconds timeout) {
+int flush(SessionState& session, platform::Milliseconds timeout) {
     const Entered entered(session);
     switch (ipq_Flush(session.queue, timeout)) {
         case IPQ_OK:
             return session_code::kOk;
         case IPQ_EMPTY:
-            return session_code::kNotPermitted;
+            return platform::socket_error::kTimedOut;
         default:
             linkLost(session);
             return session_code::kNotConnected;
     }
 }
 
-void adoptProperties(rv_Session_& session, const ipq_Properties& properties) {
+void adoptProperties(SessionState& session, const ipq_Properties& properties) {
     session.properties = properties;
     if (session.queue != nullptr) ipq_SetProperties(session.queue, properties);
 }
@@ -59,43 +60,49 @@ namespace session = kvx::session;
 namespace session_code = kvx::session_code;
 namespace event_code = kvx::event_code;
 
-int rv_RunOnce(rv_Session session) {
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+int rv_RunOnce(rv_Session handle) {
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (session->manager == nullptr || session->inLoop) return session_code::kOk;
     return session::runLoop(*session);
 }
 
-int rv_StopLoop(rv_Session session) {
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+int rv_StopLoop(rv_Session handle) {
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (session->manager == nullptr) return event_code::kSynchronous;
     return rvevm_Stop(session->manager);
 }
 
-int rv_Dispatch(rv_Session session, unsigned long timeoutMs) {
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+int rv_Dispatch(rv_Session handle, unsigned long timeoutMs) {
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (session->manager != nullptr) return session_code::kInvalidArgument;
     if (session->queue == nullptr) return session_code::kNotConnected;
     return session::dispatch(*session, session::waitOf(timeoutMs));
 }
 
-int rv_Flush(rv_Session session, unsigned long timeoutMs) {
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+int rv_Flush(rv_Session handle, unsigned long timeoutMs) {
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (session->queue == nullptr) return session_code::kNotConnected;
     return session::flush(*session, session::waitOf(timeoutMs));
 }
 
-int rv_Pending(rv_Session session, unsigned long* messages, unsigned long* bytes) {
+int rv_Pending(rv_Session handle, unsigned long* messages, unsigned long* bytes) {
     if (messages != nullptr) *messages = 0;
     if (bytes != nullptr) *bytes = 0;
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (session->queue == nullptr) return session_code::kOk;
     if (messages != nullptr) *messages = ipq_WaitingMessages(session->queue);
     if (bytes != nullptr) *bytes = ipq_WaitingBytes(session->queue);
     return session_code::kOk;
 }
 
-int rv_SetProperty(rv_Session session, const char* name, const void* record) {
-    if (session != nullptr && !rv_IsOpen(session)) return session_code::kInvalidSession;
+int rv_SetProperty(rv_Session handle, const char* name, const void* record) {
+    session::SessionState* const session = session::find(handle);
+    if (handle != nullptr && session == nullptr) return session_code::kInvalidSession;
     if (name == nullptr || record == nullptr || name != session::kQueueProperty)
         return session_code::kInvalidArgument;
     ipq_Properties properties;
@@ -111,8 +118,9 @@ void rv_SetTraceLevel(const int* level) {
     kvx::link::setTraceLevel(level);
 }
 
-int rv_AddHook(rv_Session session, rv_HookList list, rv_Hook hook, void* closure) {
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+int rv_AddHook(rv_Session handle, rv_HookList list, rv_Hook hook, void* closure) {
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (list < RV_HOOK_PUBLISH || list > RV_HOOK_RELEASE || hook == nullptr)
         return session_code::kInvalidArgument;
     try {
@@ -123,18 +131,21 @@ int rv_AddHook(rv_Session session, rv_HookList list, rv_Hook hook, void* closure
     return session_code::kOk;
 }
 
-int rv_RemoveHook(rv_Session session, rv_HookList list, rv_Hook hook, void* closure) {
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+int rv_RemoveHook(rv_Session handle, rv_HookList list, rv_Hook hook, void* closure) {
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (list < RV_HOOK_PUBLISH || list > RV_HOOK_RELEASE || hook == nullptr)
         return session_code::kInvalidArgument;
     return session->hooks.remove(list, hook, closure) ? session_code::kOk
                                                       : session_code::kInvalidArgument;
 }
 
-const char* rv_SessionName(rv_Session session) {
-    return rv_IsOpen(session) ? session->name.c_str() : "";
+const char* rv_SessionName(rv_Session handle) {
+    const session::SessionState* const session = session::find(handle);
+    return session != nullptr ? session->name.c_str() : "";
 }
 
-bool rv_IsConnected(rv_Session session) {
-    return rv_IsOpen(session) && session->queue != nullptr;
+bool rv_IsConnected(rv_Session handle) {
+    const session::SessionState* const session = session::find(handle);
+    return session != nullptr && session->queue != nullptr;
 }

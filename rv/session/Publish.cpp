@@ -27,7 +27,7 @@ bool isSendable(rvmsg_Type type, rvmsg_Data data) {
 }
 
 // What a failed queueing leads to. `kept`: the message waits although another one was dropped.
-int queueingFailed(rv_Session_& session, ipq_State state, bool kept) {
+int queueingFailed(SessionState& session, ipq_State state, bool kept) {
     switch (state) {
         case IPQ_NO_MEMORY:
             return session_code::kNoMemory;
@@ -42,7 +42,7 @@ int queueingFailed(rv_Session_& session, ipq_State state, bool kept) {
 
 }  // namespace
 
-int queueMessage(rv_Session_& session, wire::OwnedMessage message) {
+int queueMessage(SessionState& session, wire::OwnedMessage message) {
     if (session.queue == nullptr) return session_code::kNotConnected;
     if (!ipq_Enqueue(session.queue, std::move(message), false))
         return queueingFailed(session, ipq_StateOf(session.queue), ipq_WasKept(session.queue));
@@ -51,11 +51,12 @@ int queueMessage(rv_Session_& session, wire::OwnedMessage message) {
     return session_code::kOk;
 }
 
-int publish(rv_Session_& session, SubjectView subject, const char* reply,
+int publish(SessionState& session, SubjectView subject, const char* reply,
             const wire::Payload& payload) {
     wire::Built built = wire::buildData(bytesOf(subject), reply, session.flavour.id, payload);
-    if (built.code != 0) return codeOfBuild(built.code);
-    if (const int refused = session.hooks.run(RV_HOOK_PUBLISH, &session, built.message.bytes.get());
+    if (built.code != 0) return codeOfBuild(built.code, payload.size == 0);
+    if (const int refused =
+            session.hooks.run(RV_HOOK_PUBLISH, session.handle(), built.message.bytes.get());
         refused != 0)
         return refused;
     return queueMessage(session, std::move(built.message));
@@ -68,9 +69,10 @@ namespace session_code = kvx::session_code;
 namespace wire = kvx::wire;
 using kvx::SubjectView;
 
-int rv_Send(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
+int rv_Send(rv_Session handle, const char* subject, const char* reply, rvmsg_Type type,
             rvmsg_Size size, rvmsg_Data data) {
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (subject == nullptr) return session_code::kInvalidArgument;
     session::SubjectBuffer encoded;
     if (const int code = session::encodePublic(subject, encoded); code != 0) return code;
@@ -80,26 +82,29 @@ int rv_Send(rv_Session session, const char* subject, const char* reply, rvmsg_Ty
     return session::publish(*session, SubjectView::trusted(encoded), reply, {type, size, data});
 }
 
-int rv_SendRequest(rv_Session session, rv_Listener* listener, const char* subject, rvmsg_Type type,
+int rv_SendRequest(rv_Session handle, rv_Listener* listener, const char* subject, rvmsg_Type type,
                    rvmsg_Size size, rvmsg_Data data, rv_DataCallback callback, void* closure) {
     if (listener != nullptr) *listener = nullptr;
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (listener == nullptr || subject == nullptr) return session_code::kInvalidArgument;
     const session::Entered entered(*session);
     char inbox[wire::kInboxCapacity];
-    int code = rv_CreateInbox(session, listener, inbox, sizeof inbox, callback, closure);
+    int code = rv_CreateInbox(handle, listener, inbox, sizeof inbox, callback, closure);
     if (code != 0) return code;
-    code = rv_Send(session, subject, inbox, type, size, data);
+    rv_Listener made = *listener;  // user code that the send calls may use the variable again
+    code = rv_Send(handle, subject, inbox, type, size, data);
     if (code != 0) {
-        session->listens.remove(*listener);
-        *listener = nullptr;
+        session->listens.remove(made);
+        if (*listener == made) *listener = nullptr;
     }
     return code;
 }
 
-int rv_Deliver(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
+int rv_Deliver(rv_Session handle, const char* subject, const char* reply, rvmsg_Type type,
                rvmsg_Size size, rvmsg_Data data) {
-    if (!rv_IsOpen(session)) return session_code::kInvalidSession;
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
     if (subject == nullptr) return session_code::kInvalidArgument;
     session::SubjectBuffer encoded;
     if (const int code = session::encodePublic(subject, encoded); code != 0) return code;

@@ -2,7 +2,9 @@
 //
 // A lost link is dropped at once, so that whatever discovers the loss next finds none; the advisory
 // is delivered once for that reason. An asynchronous session then tries to connect from a timer: at
-// once, and after a failed round of attempts again every 15 s. A round blocks the loop.
+// once, and after a failed round of attempts again every 15 s. A round blocks the loop. A link that
+// a round has brought and that breaks within two seconds makes that round a failed one: a daemon
+// that closes what it has just accepted is not asked again and again.
 
 #include <exception>
 #include <new>
@@ -17,14 +19,16 @@ namespace {
 
 constexpr unsigned long kRetryMs = 15'000;            // between two rounds
 constexpr platform::Milliseconds kNoTimerMs = 5'000;  // the same, when there is no timer to be had
+constexpr platform::Milliseconds kSettledMs = 2'000;  // a link that lasts so long has come about
 constexpr platform::Milliseconds kStallMs = 60'000;   // a peer that takes no byte so long is gone
 
-bool scheduleReconnect(rv_Session_& session, unsigned long delayMs);
+bool scheduleReconnect(SessionState& session, unsigned long delayMs);
 
-void reconnect(rv_Session_& session) {
+void reconnect(SessionState& session) {
     while (!isClosing(session)) {
         if (connectAndIntroduce(session) == session_code::kOk) {
-            session.hooks.run(RV_HOOK_RECONNECT, &session, nullptr);
+            session.reconnectedAt = platform::monotonicMs();
+            session.hooks.run(RV_HOOK_RECONNECT, session.handle(), nullptr);
             return;
         }
         if (isClosing(session) || scheduleReconnect(session, kRetryMs)) return;
@@ -33,32 +37,39 @@ void reconnect(rv_Session_& session) {
     }
 }
 
-void onReconnectTimer(void* owner, void* /*closure*/, int /*kind*/, void* /*entry*/) {
-    rv_Session_& session = *static_cast<rv_Session>(owner);
+void onReconnectTimer(void* /*owner*/, void* closure, int /*kind*/, void* /*entry*/) {
+    SessionState& session = *static_cast<SessionState*>(closure);
     session.reconnectTimer = nullptr;
     reconnect(session);
 }
 
-bool scheduleReconnect(rv_Session_& session, unsigned long delayMs) {
-    return session.events.addTimer(&session.reconnectTimer, delayMs, onReconnectTimer, nullptr) ==
+// There is one timer at a time: a loss that a hook of the handshake discovers starts one, too.
+bool scheduleReconnect(SessionState& session, unsigned long delayMs) {
+    if (session.reconnectTimer != nullptr)
+        return session.events.resetTimer(session.reconnectTimer, delayMs) == event_code::kOk;
+    return session.events.addTimer(&session.reconnectTimer, delayMs, onReconnectTimer, &session) ==
            event_code::kOk;
 }
 
+bool hadSettled(const SessionState& session) {
+    return !session.reconnectedAt || platform::monotonicMs() - *session.reconnectedAt >= kSettledMs;
+}
+
 void onMessage(ipq_Queue /*queue*/, wire::Bytes message, void* closure) {
-    deliver(*static_cast<rv_Session>(closure), message);
+    deliver(*static_cast<SessionState*>(closure), message);
 }
 
 void onPeerGone(ipq_Queue /*queue*/, ipq_State /*state*/, void* closure) {
-    linkLost(*static_cast<rv_Session>(closure));
+    linkLost(*static_cast<SessionState*>(closure));
 }
 
 void onError(ipq_Queue /*queue*/, ipq_State /*state*/, void* closure) {
-    deliverNoMemory(*static_cast<rv_Session>(closure));
+    deliverNoMemory(*static_cast<SessionState*>(closure));
 }
 
 }  // namespace
 
-void watchLink(rv_Session_& session) {
+void watchLink(SessionState& session) {
     ipq_SetMessageCallback(session.queue, onMessage, &session);
     ipq_SetPeerGoneCallback(session.queue, onPeerGone, &session);
     ipq_SetErrorCallback(session.queue, onError, &session);
@@ -66,17 +77,17 @@ void watchLink(rv_Session_& session) {
     ipq_SetBlocking(session.queue, false);
 }
 
-void linkLost(rv_Session_& session) {
+void linkLost(SessionState& session) {
     if (session.queue == nullptr) return;
     const Entered entered(session);
     ipq_Queue queue = session.queue;
     session.queue = nullptr;
     ipq_Close(queue, false);
-    session.hooks.run(RV_HOOK_DISCONNECT, &session, nullptr);
+    session.hooks.run(RV_HOOK_DISCONNECT, session.handle(), nullptr);
     if (!isClosing(session)) announceDisconnect(session);
     if (isClosing(session) || session.manager == nullptr || session.reconnectTimer != nullptr)
         return;
-    if (scheduleReconnect(session, 0)) return;
+    if (scheduleReconnect(session, hadSettled(session) ? 0 : kRetryMs)) return;
     deliverNoMemory(session);
     reconnect(session);
 }

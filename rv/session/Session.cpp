@@ -1,16 +1,15 @@
 // A session's life: created, found by its handle, entered, closed.
 //
-// A handle is valid while it stands in the register of open sessions, so that a closed handle is
-// recognised without reading what it pointed to. Closing has two halves. `rv_Close` takes the
-// handle out of the register, closes the link and removes every event; from then on no callback of
-// the session is called. The memory goes at once, or, when one of the session's callbacks is on the
-// stack, when the last `Entered` is left.
+// A handle is a token that the register of open sessions knows, so that a closed handle names
+// nothing for ever. Closing has two halves. `rv_Close` takes the handle out of the register, closes
+// the link and removes every event; from then on no callback of the session is called. The memory
+// goes at once, or, when one of the session's callbacks is on the stack, when the last `Entered` is
+// left.
 
-#include <algorithm>
 #include <atomic>
-#include <mutex>
+#include <memory>
 #include <new>
-#include <vector>
+#include <type_traits>
 
 #include "platform/Clock.h"
 #include "platform/Process.h"
@@ -21,44 +20,24 @@
 
 namespace kvx::session {
 
+constinit event::HandleTable<SessionState> openSessions;
+static_assert(std::is_trivially_destructible_v<decltype(openSessions)>,
+              "sessions in static storage are closed after main");
+
 namespace {
 
 constexpr const char* kDefaultDaemon = "tcp:7500";
 constexpr const char* kNoDaemon = "-";
 constexpr std::size_t kMaxUserName = 63;  // characters
 
-class OpenSessions {
-  public:
-    void add(rv_Session session) {
-        const std::scoped_lock guard(lock_);
-        sessions_.push_back(session);
-    }
-    void remove(rv_Session session) {
-        const std::scoped_lock guard(lock_);
-        std::erase(sessions_, session);
-    }
-    bool holds(rv_Session session) {
-        const std::scoped_lock guard(lock_);
-        return std::ranges::find(sessions_, session) != sessions_.end();
-    }
-
-  private:
-    std::mutex lock_;
-    std::vector<rv_Session> sessions_;
-};
-
-OpenSessions& openSessions() {
-    static OpenSessions sessions;
-    return sessions;
-}
-
 unsigned long nextIdentity() {
     static std::atomic<unsigned long> last{0};
     return ++last;
 }
 
+// Never destroyed: sessions may be opened while the process ends.
 const std::string& processUser() {
-    static const std::string user = platform::userName().substr(0, kMaxUserName);
+    static const auto& user = *new std::string(platform::userName().substr(0, kMaxUserName));
     return user;
 }
 
@@ -66,7 +45,7 @@ std::string textOr(const char* text, const char* otherwise) {
     return text == nullptr || *text == '\0' ? otherwise : text;
 }
 
-int buildNoMemoryAdvisory(rv_Session_& session) {
+int buildNoMemoryAdvisory(SessionState& session) {
     const auto subject = Subject::fromText(advisory::kNoMemorySubject);
     if (!subject) return session_code::kNoMemory;
     wire::Built built = wire::buildData(bytesOf(*subject), nullptr, session.flavour.id, {});
@@ -74,7 +53,7 @@ int buildNoMemoryAdvisory(rv_Session_& session) {
     return built.code == 0 ? session_code::kOk : session_code::kNoMemory;
 }
 
-int fill(rv_Session_& session, const char* service, const char* network, const char* daemon) {
+int fill(SessionState& session, const char* service, const char* network, const char* daemon) {
     session.created = platform::wallSeconds();
     session.identity = nextIdentity();
     session.user = processUser();
@@ -87,7 +66,7 @@ int fill(rv_Session_& session, const char* service, const char* network, const c
     return session.manager == nullptr ? session_code::kOk : session.events.start(session.manager);
 }
 
-int connectFirst(rv_Session_& session) {
+int connectFirst(SessionState& session) {
     if (session.daemon == kNoDaemon) return session_code::kOk;
     const auto address = parseDaemon(session.daemon.c_str());
     if (!address) return session_code::kDaemonNotFound;
@@ -95,14 +74,14 @@ int connectFirst(rv_Session_& session) {
     return connectAndIntroduce(session);
 }
 
-void release(rv_Session_* session) {
-    session->hooks.run(RV_HOOK_RELEASE, session, nullptr);
+void release(SessionState* session) {
+    session->hooks.run(RV_HOOK_RELEASE, session->handle(), nullptr);
     rvevm_Manager shared = session->sharesManager ? session->manager : nullptr;
     delete session;
     if (shared != nullptr) event::releaseSharedManager(shared);
 }
 
-void closeLink(rv_Session_& session) {
+void closeLink(SessionState& session) {
     if (session.queue != nullptr) {
         ipq_Queue queue = session.queue;
         session.queue = nullptr;
@@ -121,21 +100,29 @@ Entered::~Entered() {
 int create(rv_Session* out, rvevm_Manager manager, bool sharesManager, const char* service,
            const char* network, const char* daemon) {
     try {
-        auto session = std::make_unique<rv_Session_>(manager);
+        auto session = std::make_unique<SessionState>(manager);
         int code = fill(*session, service, network, daemon);
         if (code == 0) code = connectFirst(*session);
         if (code != 0) return code;
-        openSessions().add(session.get());
         session->sharesManager = sharesManager;
-        *out = session.release();
+        *out = session.release()->handle();
         return session_code::kOk;
     } catch (const std::bad_alloc&) {
         return session_code::kNoMemory;
     }
 }
 
-int codeOfBuild(int messageCode) {
-    return messageCode == 0 ? session_code::kOk : session_code::kNoMemory;
+int codeOfBuild(int messageCode, bool sizeLeftOpen) {
+    switch (messageCode) {
+        case message_code::kOk:
+            return session_code::kOk;
+        case message_code::kNoRoom:
+            return session_code::kNoMemory;
+        case message_code::kInvalidArgument:
+            return sizeLeftOpen ? session_code::kNoMemory : session_code::kInvalidArgument;
+        default:
+            return session_code::kInvalidArgument;
+    }
 }
 
 }  // namespace kvx::session
@@ -145,8 +132,8 @@ namespace session_code = kvx::session_code;
 namespace event_code = kvx::event_code;
 namespace event = kvx::event;
 
-bool rv_IsOpen(rv_Session session) {
-    return session != nullptr && session::openSessions().holds(session);
+bool rv_IsOpen(rv_Session handle) {
+    return session::find(handle) != nullptr;
 }
 
 int rv_CreateSession(rv_Session* session, rvevm_Manager manager, const char* service,
@@ -169,18 +156,20 @@ int rv_Open(rv_Session* session, const char* service, const char* network, const
     return code;
 }
 
-int rv_Close(rv_Session session) {
-    if (!rv_IsOpen(session) || session->closeStarted) return session_code::kInvalidSession;
+int rv_Close(rv_Session handle) {
+    session::SessionState* const session = session::find(handle);
+    if (session == nullptr || session->closeStarted) return session_code::kInvalidSession;
     const session::Entered entered(*session);
     session->closeStarted = true;
-    session->hooks.run(RV_HOOK_CLOSE, session, nullptr);
-    session::openSessions().remove(session);
+    session->hooks.run(RV_HOOK_CLOSE, handle, nullptr);
+    session->retire();
     session->closeRequested = true;
     session::closeLink(*session);
     if (session->inLoop) rvevm_Stop(session->manager);
     return session_code::kOk;
 }
 
-rvevm_Manager rv_EventManager(rv_Session session) {
-    return rv_IsOpen(session) ? session->manager : nullptr;
+rvevm_Manager rv_EventManager(rv_Session handle) {
+    const session::SessionState* const session = session::find(handle);
+    return session != nullptr ? session->manager : nullptr;
 }

@@ -25,7 +25,7 @@ constexpr std::size_t kTimerCapacity = 16;
 }
 
 int SessionEvents::start(rvevm_Manager manager) {
-    timers_ = event::TimerQueue::create(kTimerCapacity, session_);
+    timers_ = event::TimerQueue::create(kTimerCapacity, session_->handle());
     if (!timers_) return event_code::kResourcesExceeded;
     manager_ = manager;
     timers_->setNextExpiryHook(onNextExpiry, this);
@@ -130,7 +130,7 @@ int SessionEvents::removeSignal(rvevm_Id id) {
 void SessionEvents::onRegistration(void* /*owner*/, void* closure, int kind, void* /*entry*/) {
     const Registration fired = *static_cast<const Registration*>(closure);
     const Entered entered(*fired.session);
-    fired.callback(fired.session, fired.closure, kind, fired.id);
+    fired.callback(fired.session->handle(), fired.closure, kind, fired.id);
 }
 
 void SessionEvents::disarm() {
@@ -173,9 +173,9 @@ namespace {
 
 // An operation on the events of an open session.
 template <class Operation>
-int onEvents(rv_Session session, Operation operation) {
-    return rv_IsOpen(session) ? operation(kvx::session::eventsOf(*session))
-                              : kvx::event_code::kInvalidId;
+int onEvents(rv_Session handle, Operation operation) {
+    kvx::session::SessionState* const session = kvx::session::find(handle);
+    return session != nullptr ? operation(session->events) : kvx::event_code::kInvalidId;
 }
 
 using Events = kvx::session::SessionEvents;

@@ -8,13 +8,15 @@
 
 namespace kvx::session {
 
+struct SessionState;
+
 /// The timers, I/O events and signals of one session, all released by `stop`.
 ///
 /// The session has a timer queue of its own; whatever its first timer is, exactly one timer of the
 /// event manager mirrors it. How late that one fired is the session's lateness.
 class SessionEvents {
   public:
-    explicit SessionEvents(rv_Session session) : session_(session) {}
+    explicit SessionEvents(SessionState* session) : session_(session) {}
     SessionEvents(const SessionEvents&) = delete;
     SessionEvents& operator=(const SessionEvents&) = delete;
     ~SessionEvents() { stop(); }
@@ -37,7 +39,7 @@ class SessionEvents {
 
   private:
     struct Registration {
-        rv_Session session;
+        SessionState* session;
         rvevm_Callback callback;
         void* closure;
         rvevm_Id eventId;  // the event manager's
@@ -57,7 +59,7 @@ class SessionEvents {
     static void onManagerTimer(void* owner, void* closure, int kind, void* entry);
     static void onRegistration(void* owner, void* closure, int kind, void* entry);
 
-    rv_Session_* const session_;
+    SessionState* const session_;
     rvevm_Manager manager_ = nullptr;
     event::TimerQueue::Owner timers_;
     rvevm_Id managerTimer_ = nullptr;

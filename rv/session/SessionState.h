@@ -2,9 +2,12 @@
 
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/Clock.h"
+#include "rv/event/HandleTable.h"
 #include "rv/link/ipq.h"
 #include "rv/session/DaemonAddress.h"
 #include "rv/session/Flavour.h"
@@ -14,30 +17,44 @@
 #include "rv/session/rv_Session.h"
 #include "rv/wire/ControlMessage.h"
 
+namespace kvx::session {
+
+struct SessionState;
+
+/// The sessions of the process by their handles. A session is found from its creation until
+/// `rv_Close` has run the hooks of closing.
+extern constinit event::HandleTable<SessionState> openSessions;
+
 /// A session's state. Everything is for the session's thread.
-struct rv_Session_ final : public kvx::link::LinkHost {
-    explicit rv_Session_(rvevm_Manager runsOn) : manager(runsOn), events(this) {}
+struct SessionState final : link::LinkHost, event::Handle<SessionState> {
+    /// Throws `std::bad_alloc`.
+    explicit SessionState(rvevm_Manager runsOn)
+        : Handle(openSessions, this), manager(runsOn), events(this) {}
+
+    /// What user code knows this session by.
+    [[nodiscard]] rv_Session handle() const { return static_cast<rv_Session>(get()); }
 
     [[nodiscard]] rvevm_Manager linkManager() const override { return manager; }
     [[nodiscard]] ipq_Properties linkProperties() const override { return properties; }
 
     // Constant after creation.
-    rvevm_Manager_* const manager;  // null: synchronous
-    bool sharesManager = false;     // counts as a user of the process's manager
-    std::int64_t created = 0;       // seconds since the epoch
-    unsigned long identity = 0;     // unique among this process's sessions
+    rvevm_Manager const manager;  // null: synchronous
+    bool sharesManager = false;   // counts as a user of the process's manager
+    std::int64_t created = 0;     // seconds since the epoch
+    unsigned long identity = 0;   // unique among this process's sessions
     std::string user;
     std::string service;
     std::string network;
     std::string daemon;
-    kvx::session::DaemonAddress address;
-    kvx::session::FlavourRecord flavour;
-    kvx::wire::OwnedMessage noMemoryAdvisory;  // deliverable without allocating
+    DaemonAddress address;
+    FlavourRecord flavour;
+    wire::OwnedMessage noMemoryAdvisory;  // deliverable without allocating
 
     // The connection.
     ipq_Queue queue = nullptr;  // null while disconnected
     ipq_Properties properties{};
     rvevm_Id reconnectTimer = nullptr;
+    std::optional<platform::Milliseconds> reconnectedAt;  // the latest time, on the monotonic clock
     std::uint32_t clientAddress = 0;  // as the daemon reported it, network byte order
     std::uint16_t clientPort = 0;     // likewise
     std::string name;                 // empty until the first handshake
@@ -46,11 +63,11 @@ struct rv_Session_ final : public kvx::link::LinkHost {
 
     // Listening.
     long listenCounter = 1;
-    kvx::session::ListenTable listens;
+    ListenTable listens;
     rv_Listener control = nullptr;
 
     // Delivering.
-    std::deque<kvx::wire::OwnedMessage> pending;  // arrived while a delivery ran
+    std::deque<wire::OwnedMessage> pending;  // arrived while a delivery ran
     bool noMemoryPending = false;
     bool delivering = false;
 
@@ -60,6 +77,13 @@ struct rv_Session_ final : public kvx::link::LinkHost {
     bool closeStarted = false;
     bool closeRequested = false;
 
-    kvx::session::HookLists hooks;
-    kvx::session::SessionEvents events;
+    HookLists hooks;
+    SessionEvents events;
 };
+
+/// Null for a handle that is null, closed or foreign. Any thread.
+[[nodiscard]] inline SessionState* find(rv_Session handle) {
+    return openSessions.find(handle);
+}
+
+}  // namespace kvx::session

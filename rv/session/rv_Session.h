@@ -3,8 +3,9 @@
 /// The core session: one connection of this process to the bus daemon.
 ///
 /// Unless an operation says otherwise it returns a session code (`rv_ErrorText`), 0 for success,
-/// and 2 when the session handle is null, closed or closing. A session belongs to the thread that
-/// runs its event loop; nothing here is locked. Subjects are dotted texts; texts, data and subjects
+/// and 2 when the session handle is null, closed or closing. A handle is a token, never a pointer:
+/// that of a closed session gives 2 for ever. A session belongs to the thread that runs its event
+/// loop; nothing here is locked. Subjects are dotted texts; texts, data and subjects
 /// given to an operation are copied and need to live only during the call.
 
 #include <cstdint>
@@ -44,7 +45,8 @@ KVX_API int rv_Flavor(int id, const char* name, const char* ticket, int key, int
 KVX_API int rv_Open(rv_Session* session, const char* service, const char* network,
                     const char* daemon);
 
-/// Creates a session on `manager`, which must outlive it, or a synchronous one when `manager` is
+/// Creates a session on `manager`, which should outlive it (without it nothing of the session is
+/// called any more), or a synchronous one when `manager` is
 /// null. `daemon` is "tcp:[host:]port", null or "" for "tcp:7500", or "-" for no daemon at all. A
 /// local daemon that does not answer is started. Blocks while connecting, up to four attempts.
 /// Returns 3 for a null `session`, 18 for a daemon text that cannot be used, 22 when the daemon
@@ -68,7 +70,8 @@ KVX_API int rv_RunOnce(rv_Session session);
 /// 11 (an event-manager code) for a synchronous session.
 KVX_API int rv_StopLoop(rv_Session session);
 
-/// Listens on `subject`, wildcards included; `*listener` is the id for `rv_Cancel`. Returns 3 for a
+/// Listens on `subject`, wildcards included; `*listener` is the id for `rv_Cancel`. The callback is
+/// not called before this has returned. Returns 3 for a
 /// null subject, listener or callback, 21 for an invalid subject, one below "_INBOX", or a session
 /// that never had a name, 20 without memory. When `*listener` is set although the result is not 0
 /// (the connection broke, or a limit refused to announce it), the listen exists and is announced at
@@ -87,8 +90,9 @@ KVX_API int rv_Cancel(rv_Session session, rv_Listener listener);
 
 /// Publishes one payload. `reply` may be null. `data` may be null with type 22 only; a `size` of 0
 /// is worked out for messages, texts and sealed blocks. Returns 3 for a null subject, 21 for an
-/// invalid or reserved one, 22 without a connection or when it breaks, 20 for a payload that cannot
-/// be encoded, without memory, or when a limit refused the message.
+/// invalid or reserved one, 22 without a connection or when it breaks, 3 for a payload that does
+/// not fit its type or any message (64 MiB), 20 for null data and for a size of 0 that cannot be
+/// worked out, without memory, or when a limit refused the message.
 KVX_API int rv_Send(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
                     rvmsg_Size size, rvmsg_Data data);
 
@@ -119,7 +123,8 @@ KVX_API bool rv_StartDaemon(const char* program, const char* daemonText);
 KVX_API int rv_SetProperty(rv_Session session, const char* name, const void* record);
 
 /// Pushes what waits on the connection. Returns 0 when all of it has gone to the socket, 22 without
-/// a connection or when it breaks, 27 when the time-out passed first.
+/// a connection or when it breaks, 10060 (the socket error number of a time-out) when `timeoutMs`
+/// passed first; what is left then still waits and is sent as before.
 KVX_API int rv_Flush(rv_Session session, unsigned long timeoutMs);
 
 /// How much waits to be written; zeros without a connection. Either pointer may be null.

@@ -108,7 +108,7 @@ Reply readReply(Bytes message) {
     if (!data || data->type != RVMSG_MSG) return reply;
     if (const auto error = findField(data->data, field::kError)) {
         readErrorReply(*error, reply);
-        return reply;
+        if (reply.code != 0) return reply;
     }
     if (!readAddress(data->data, field::kIpAddress, reply.ipAddress)) {
         reply.code = kNetworkNotFound;

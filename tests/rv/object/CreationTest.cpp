@@ -1,6 +1,8 @@
 // What creations refuse, and what is left when the session goes first.
 
+#include "rv/session/rvSessionHooks.h"
 #include "tests/rv/object/ObjectFixture.h"
+#include "tests/support/ScriptedDaemon.h"
 
 namespace kvx::test {
 namespace {
@@ -68,6 +70,35 @@ TEST_F(Creation, KeepsTheReasonWhenItUndoesHalfACreation) {
     EXPECT_EQ(0, rv_Deliver(alone.handle(), kSubject, nullptr, RVMSG_STRING, 0, "x"));
     EXPECT_EQ(data.messages, 0);
     EXPECT_TRUE(alone.dispatch(0) == 22);
+}
+
+// The announcement finds the link broken, and the advisory about that is delivered at once.
+TEST_F(Creation, AListenerIsNotCalledBeforeItIsMade) {
+    ScriptedDaemon daemon([](PeerLink& peer) { peer.welcome(); });
+    connect(daemon.text());
+    daemon.finish();
+    RvListener* made = nullptr;
+    int others = 0;
+    OnData deletes([&](const char*, RvSender*, const RvDatum&, RvListener* listener) {
+        delete listener;
+        --others;
+    });
+    while ((made = session->newListener("_RV.WARN.>", &deletes, nullptr)) != nullptr) ++others;
+    EXPECT_EQ(reason(*session), (Reason{0, 22}));
+    EXPECT_EQ(others, 0) << "those that were whole";
+}
+
+int deleteAndDeliver(rv_Session closing, const void* /*message*/, void* listener) {
+    static_cast<std::unique_ptr<RvListener>*>(listener)->reset();
+    return rv_Deliver(closing, "_RV.LOCAL.TEST", nullptr, RVMSG_STRING, 0, "x");
+}
+
+TEST_F(Creation, WhatIsDeletedWhileItsSessionClosesIsNotCalledAnyMore) {
+    OnData data;
+    std::unique_ptr<RvListener> listener(listen(data));
+    rv_AddHook(session->handle(), RV_HOOK_CLOSE, deleteAndDeliver, &listener);
+    session.reset();
+    EXPECT_EQ(data.messages, 0);
 }
 
 TEST_F(Creation, ReportsCodeTwoWithoutASession) {

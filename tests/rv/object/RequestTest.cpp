@@ -1,5 +1,6 @@
 // Inboxes and requests through a real daemon.
 
+#include "rv/session/rvSessionHooks.h"
 #include "tests/rv/object/ObjectFixture.h"
 #include "tests/support/Daemon.h"
 
@@ -55,6 +56,23 @@ TEST_F(Request, TimesOutWithoutAnAnswerAndMayDeleteItsListenerThen) {
     runUntil([&] { return reply.timeouts > 0; });
     settle();
     EXPECT_EQ(reply.timeouts, 1);
+}
+
+// Answers before the question is sent.
+int answerAtOnce(rv_Session session, const void* message, void* /*closure*/) {
+    rvmsg_Type type = 0;
+    rvmsg_Size size = 0;
+    rvmsg_Data inbox = nullptr;
+    EXPECT_EQ(0, rvmsg_GetRaw(message, "return", &type, &size, &inbox));
+    return rv_Deliver(session, static_cast<const char*>(inbox), nullptr, RVMSG_STRING, 0, "x");
+}
+
+TEST_F(Request, MayBeAnsweredAndDeletedBeforeItHasBeenSent) {
+    OnData reply([](const char*, RvSender*, const RvDatum&, RvListener* inbox) { delete inbox; });
+    rv_AddHook(session->handle(), RV_HOOK_PUBLISH, answerAtOnce, nullptr);
+    EXPECT_EQ(asking->sendRequest(kQuestion, kLong, &reply, nullptr), nullptr);
+    EXPECT_TRUE(session->status() == 0);
+    EXPECT_EQ(reply.messages, 1);
 }
 
 TEST_F(Request, ThatCannotBePublishedLeavesNoListener) {

@@ -52,6 +52,8 @@ TEST_F(Delivery, SubjectsAreCheckedBeforeAnythingIsDelivered) {
     EXPECT_EQ(send(session_, "_RV.SYSTEM", "x"), 0);
     EXPECT_EQ(rv_Send(session_, nullptr, nullptr, RVMSG_NONE, 0, nullptr), 3);
     EXPECT_EQ(rv_Send(session_, "A", nullptr, RVMSG_OPAQUE, 0, "x"), 20);
+    EXPECT_EQ(rv_Send(session_, "A", nullptr, RVMSG_OPAQUE, 0x4000001, "x"), 3) << "too large";
+    EXPECT_EQ(rv_Send(session_, "A", nullptr, RVMSG_INT, 3, "abc"), 3) << "no such integer";
     Listening listening;
     EXPECT_EQ(rv_Listen(session_, &listening.id, "_INBOX.x", Listening::callback(), nullptr), 21);
     EXPECT_EQ(rv_Listen(session_, &listening.id, nullptr, Listening::callback(), nullptr), 3);
@@ -144,6 +146,45 @@ TEST_F(Delivery, HooksMayRefuseAMessage) {
     rv_AddHook(session_, RV_HOOK_PUBLISH, refuse, &refusals);
     EXPECT_EQ(send(session_, "A", "x"), 77);
     EXPECT_EQ(refusals, 2);
+}
+
+TEST_F(Delivery, AHookMayCancelTheListenerThatTheMessageIsFor) {
+    Listening victim, witness;
+    listen(victim, "A");
+    listen(witness, "A");
+    const rv_Hook cancel = [](rv_Session session, const void*, void* id) {
+        rv_Cancel(session, *static_cast<rv_Listener*>(id));
+        return 0;
+    };
+    rv_AddHook(session_, RV_HOOK_DELIVER, cancel, &victim.id);
+    deliver("A", "x");
+    EXPECT_TRUE(victim.heard.empty());
+    EXPECT_EQ(witness.texts(), Texts{"x"});
+}
+
+TEST_F(Delivery, WhatWaitsIsDeliveredAlsoWhenMemoryRanOutBeforeIt) {
+    Listening listening, advisories;
+    listening.onHeard = [&](const Heard& heard) {
+        if (heard.text != "1") return;
+        deliver("A", "2");
+        throw std::bad_alloc();
+    };
+    listen(listening, "A");
+    listen(advisories, "_RV.ERROR.>");
+    deliver("A", "1");
+    EXPECT_EQ(listening.texts(), (Texts{"1", "2"}));
+    EXPECT_EQ(advisories.subjects(), Texts{"_RV.ERROR.SYSTEM.CLIENT.NOMEMORY"});
+}
+
+TEST_F(Delivery, AClosedHandleNamesNoLaterSession) {
+    std::vector<rv_Session> closed;
+    for (int i = 0; i < 50; ++i) {
+        closed.push_back(open("-"));
+        ASSERT_EQ(rv_Close(closed.back()), 0);
+    }
+    rv_Session last = open("-");
+    for (rv_Session handle : closed) EXPECT_EQ(rv_Close(handle), 2);
+    EXPECT_TRUE(rv_IsOpen(last));
 }
 
 TEST_F(Delivery, ADeadSessionIsRecognised) {

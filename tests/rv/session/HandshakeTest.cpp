@@ -1,5 +1,6 @@
 // What a session says to a daemon, and what it makes of daemons that answer otherwise.
 
+#include <deque>
 #include <filesystem>
 #include <fstream>
 
@@ -129,6 +130,37 @@ TEST_F(Handshake, AListenHookMayRefuseEveryListenMessageTheInboxesIncluded) {
     EXPECT_EQ(announced_, Texts{});
 }
 
+TEST_F(Handshake, AListenHookMayCloseTheSessionAndRefuse) {
+    ScriptedDaemon daemon = losesTheFirstConnectionAfter(2);
+    rv_Session session = open(daemon.text());
+    Listening listening;
+    listen(session, listening, "A");
+    const rv_Hook close = [](rv_Session self, const void*, void*) {
+        rv_Close(self);
+        return 1;
+    };
+    rv_AddHook(session, RV_HOOK_LISTEN, close, nullptr);
+    runUntil([&] { return !rv_IsOpen(session); });
+    daemon.finish();
+    EXPECT_EQ(announced_, Texts{});
+}
+
+TEST_F(Handshake, AListenerIsNotCalledBeforeItsListenHasReturned) {
+    ScriptedDaemon daemon([](PeerLink& peer) { peer.welcome(); });
+    rv_Session session = open(daemon.text());
+    daemon.finish();
+    std::deque<Listening> made;
+    int code = 0;
+    while (code == 0) {
+        Listening& next = made.emplace_back();
+        code = rv_Listen(session, &next.id, "_RV.WARN.>", Listening::callback(), &next);
+    }
+    EXPECT_EQ(code, 22);
+    for (const Listening& one : made) EXPECT_EQ(one.heard.size(), &one == &made.back() ? 0U : 1U);
+    deliver(session, "_RV.WARN.MINE.X", "later");
+    EXPECT_EQ(made.back().texts(), Texts{"later"});
+}
+
 TEST_F(Handshake, ADaemonThatOffersVersion3IsSpokenToInVersion3) {
     std::vector<std::uint32_t> wanted;
     const auto greet = [&wanted](PeerLink& peer) {
@@ -177,7 +209,88 @@ TEST_F(Handshake, DaemonsThatAnswerOtherwiseAreRefusedWithTheirCode) {
         << "no answer to the introduction";
     EXPECT_EQ(answering(wire::buildErrorReply(16)), 16);
     EXPECT_EQ(answering(wire::buildErrorReply(17)), 17);
+    EXPECT_EQ(answering(wire::buildErrorReply(0)), 17) << "no error, but no address either";
     EXPECT_EQ(answering(wire::buildInit({})), 1) << "not a reply at all";
+}
+
+// A session on a clock that stands, whose connections all break; what it does when is noted.
+class Reconnecting : public Handshake {
+  protected:
+    void connectTo(ScriptedDaemon& daemon) {
+        session_ = open(daemon.text());
+        const rv_Hook onLoss = [](rv_Session, const void*, void* self) {
+            ++static_cast<Reconnecting*>(self)->losses_;
+            return rvevm_Stop(static_cast<Reconnecting*>(self)->manager_);
+        };
+        const rv_Hook onReturn = [](rv_Session, const void*, void* self) {
+            ++static_cast<Reconnecting*>(self)->returns_;
+            return rvevm_Stop(static_cast<Reconnecting*>(self)->manager_);
+        };
+        rv_AddHook(session_, RV_HOOK_DISCONNECT, onLoss, this);
+        rv_AddHook(session_, RV_HOOK_RECONNECT, onReturn, this);
+    }
+    void runToLoss(int number) {
+        while (losses_ < number) rvevm_MainLoop(manager_);
+    }
+    void runToReturn(int number) {
+        while (returns_ < number) rvevm_MainLoop(manager_);
+    }
+    // What is due by now happens.
+    void settle() {
+        rvevm_Id marker = nullptr;
+        const auto stop = [](void* manager, void*, int, void*) {
+            rvevm_Stop(static_cast<rvevm_Manager>(manager));
+        };
+        rvevm_AddTimer(manager_, &marker, 0, stop, nullptr);
+        rvevm_MainLoop(manager_);
+    }
+
+    platform::ManualClock clock_{1'000'000, platform::ManualClock::Waits::Block};
+    rv_Session session_ = nullptr;
+    int losses_ = 0;
+    int returns_ = 0;
+};
+
+TEST_F(Reconnecting, AReconnectThatDoesNotLastCountsAsFailed) {
+    const auto welcomeAndClose = [](PeerLink& peer) { peer.welcome(); };
+    ScriptedDaemon daemon(std::vector<ScriptedDaemon::Script>(4, welcomeAndClose));
+    connectTo(daemon);
+    runToReturn(1);
+    runToLoss(2);
+    clock_.advance(14'999);
+    settle();
+    EXPECT_EQ(returns_, 1);
+    clock_.advance(1);
+    runToReturn(2);
+    clock_.advance(2'000);
+    runToLoss(3);
+    runToReturn(3);  // this connection had lasted: at once
+}
+
+TEST_F(Reconnecting, ALossInsideAHandshakeIsFollowedByOneReconnectOnly) {
+    const auto welcomeAndClose = [](PeerLink& peer) { peer.welcome(); };
+    ScriptedDaemon daemon({welcomeAndClose, welcomeAndClose,
+                           [this](PeerLink& peer) {
+                               peer.welcome();
+                               announced_ = takeUntilGoodbye(peer);
+                           },
+                           welcomeAndClose});
+    connectTo(daemon);
+    const rv_Hook sendUntilLost = [](rv_Session session, const void*, void*) {
+        while (send(session, "A", "x") == 0) {
+        }
+        return 0;
+    };
+    rv_AddHook(session_, RV_HOOK_LISTEN, sendUntilLost, nullptr);
+    runToLoss(2);
+    rv_RemoveHook(session_, RV_HOOK_LISTEN, sendUntilLost, nullptr);
+    clock_.advance(15'000);
+    runToReturn(1);
+    clock_.advance(15'000);
+    settle();
+    EXPECT_EQ(returns_, 1);
+    EXPECT_EQ(losses_, 2);
+    closeAll();
 }
 
 TEST_F(Handshake, FourFailedAttemptsArePausedByTwoSecondsEach) {

@@ -114,6 +114,32 @@ TEST_F(Life, OpenedSessionsShareOneManagerAndTheLastCloseEndsIt) {
     EXPECT_EQ(closeBoth.calls, 1);
 }
 
+struct ClosesAtExit {
+    rv_Session session = nullptr;
+    ~ClosesAtExit() { std::_Exit(rv_Close(session)); }
+};
+
+TEST(Exit, ASessionInStaticStorageIsClosedLikeAnyOther) {
+    const auto endWithOpenSession = [] {
+        static ClosesAtExit last;  // older than what the library makes when it is first used
+        rv_Open(&last.session, "", "", "-");
+        std::exit(1);
+    };
+    EXPECT_EXIT(endWithOpenSession(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Life, ASessionMayOutliveItsManager) {
+    rvevm_Manager manager = nullptr;
+    rv_Session session = nullptr;
+    Action timer;
+    ASSERT_EQ(rvevm_Create(&manager), 0);
+    ASSERT_EQ(rv_CreateSession(&session, manager, "", "", "-"), 0);
+    ASSERT_EQ(rv_AddTimer(session, &timer.id, 1, Action::call, &timer), 0);
+    rvevm_Destroy(manager);
+    EXPECT_EQ(rv_RunOnce(session), 1);
+    EXPECT_EQ(rv_Close(session), 0);
+}
+
 TEST_F(Life, FlavourZeroIsRefused) {
     EXPECT_EQ(rv_Flavor(0, "X", nullptr, 0, 0), 4);
     EXPECT_EQ(rv_Flavor(flavourId, flavourName, nullptr, 0, 0), 0);
@@ -157,6 +183,7 @@ TEST_F(Advisories, AFastProducerIsToldOnceInAHundredTimes) {
     EXPECT_TRUE(warnings.heard.empty());
     for (int i = 0; i < 250; ++i) ASSERT_EQ(send(session, "A", body), 0);
     EXPECT_EQ(warnings.subjects(), Texts(3, "_RV.WARN.SYSTEM.CLIENT.FASTPRODUCER"));
+    EXPECT_EQ(rv_Flush(session, 1), 10060) << "the time-out";
     release_ = true;
     EXPECT_EQ(rv_Flush(session, 20'000), 0);
     rv_Close(session);

@@ -138,6 +138,8 @@ TEST(ReplyMessage, WithPartsMissingSaysWhich) {
     EXPECT_EQ(codeWith("ipaddr", RVMSG_IPDATA, 4, &address), 16);
     EXPECT_EQ(codeWith("ipaddr", RVMSG_UINT, 4, &address), 17);
     EXPECT_EQ(codeWith("error", RVMSG_STRING, 0, "x"), 1);
+    const std::int32_t none = 0;
+    EXPECT_EQ(codeWith("error", RVMSG_INT, 4, &none), 17) << "no error, no address";
     EXPECT_EQ(readReply(buildCancel(test::encodedSubject("A"), 0).message.view()).code, 1);
 }
 
