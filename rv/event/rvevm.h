@@ -17,7 +17,7 @@ using rvevm_Manager = struct rvevm_Manager_*;
 using rvevm_Id = void*;
 
 /// The condition of an I/O event. No other value is accepted.
-enum rvevm_IoEventType { RVEVM_READ = 1, RVEVM_WRITE = 2, RVEVM_EXCEPTION = 4 };
+enum rvevm_IoEventType : int { RVEVM_READ = 1, RVEVM_WRITE = 2, RVEVM_EXCEPTION = 4 };
 
 /// `owner` is the manager (or whoever owns the timer queue), `kind` 1 for I/O, 2 for a timer, 3 for
 /// a signal, `entry` the id of what fired.
