@@ -37,6 +37,8 @@ class Driver;
 }
 
 %code {
+#include <algorithm>
+
 #include "examples/modeld/oql/Driver.h"
 
 namespace modeld::oql::grammar {
@@ -53,7 +55,7 @@ static Parser::symbol_type yylex(Driver& driver) { return driver.nextSymbol(); }
 %token LIMIT "limit" AND "and" OR "or" NOT "not" LIKE "like" IS "is" NULL_ "null"
 %token STAR "*" COMMA "," OPEN "(" CLOSE ")" SEMICOLON ";"
 %token EQUAL "=" NOT_EQUAL "!=" LESS "<" LESS_OR_EQUAL "<=" GREATER ">" GREATER_OR_EQUAL ">="
-%token <std::string> NAME "a name" TEXT "a text in quotes"
+%token <std::string> NAME "a name" TEXT "a text in quotes" QUOTED
 %token <std::int64_t> INTEGER "a whole number"
 %token <double> REAL "a number"
 %token BAD
@@ -85,7 +87,8 @@ fields: "*" { $$ = {}; } | names;
 names: name { $$.push_back($name); }
      | names "," name { $$ = $1; $$.push_back($name); };
 
-name: NAME { $$ = Name{$1, @1.begin}; };
+name: NAME { $$ = Name{$1, @1.begin}; }
+    | QUOTED { $$ = Name{$1, @1.begin}; };
 
 where: %empty { $$ = nullptr; } | "where" condition { $$ = $condition; };
 
@@ -125,6 +128,7 @@ operator: "=" { $$ = Comparison::Equal; }
         | "like" { $$ = Comparison::Like; };
 
 literal: TEXT { $$ = Literal($1); }
+       | QUOTED { $$ = Literal($1); }
        | INTEGER { $$ = Literal($1); }
        | REAL { $$ = Literal($1); };
 
@@ -152,7 +156,10 @@ namespace modeld::oql::grammar {
 
 void Parser::report_syntax_error(const context& where) const {
     symbol_kind_type expected[6];
-    const int count = where.expected_tokens(expected, 6);
+    const int all = where.expected_tokens(expected, 6);
+    // Double quotes may stand around a name or a text, and one of these is expected, too.
+    const int count =
+        static_cast<int>(std::remove(expected, expected + all, symbol_kind::S_QUOTED) - expected);
     std::string message = "unexpected " + driver.describeLast();
     for (int i = 0; i < count; ++i) {
         message += i == 0 ? ", expected " : (i + 1 == count ? " or " : ", ");

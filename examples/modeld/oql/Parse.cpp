@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "examples/modeld/oql/Driver.h"
+#include "examples/modeld/oql/Text.h"
 
 namespace modeld::oql {
 
@@ -54,9 +55,6 @@ constexpr std::array<Keyword, 12> kSymbols = {{
     {">=", Parser::token::TOK_GREATER_OR_EQUAL},
 }};
 
-// How much of a long token an error repeats.
-constexpr std::size_t kMaxQuotedBytes = 40;
-
 std::string lowered(std::string_view text) {
     std::string result(text);
     for (char& c : result) {
@@ -78,6 +76,8 @@ Symbol Driver::nextSymbol() {
             return wordSymbol(std::move(token));
         case TokenKind::Text:
             return Parser::make_TEXT(std::move(token.text), span);
+        case TokenKind::Quoted:
+            return Parser::make_QUOTED(std::move(token.text), span);
         case TokenKind::Integer:
             return Parser::make_INTEGER(token.integer, span);
         case TokenKind::Real:
@@ -110,7 +110,7 @@ Symbol Driver::operatorSymbol(const Token& token) {
 
 std::string Driver::describeLast() const {
     if (last_.kind == TokenKind::End) return "end of the query";
-    return "'" + last_.text.substr(0, kMaxQuotedBytes) + "'";
+    return "'" + excerpt(last_.text) + "'";
 }
 
 ConditionPtr Driver::negate(ConditionPtr operand) {

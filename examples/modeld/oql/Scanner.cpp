@@ -1,9 +1,12 @@
-// Cuts query texts into tokens. ASCII classes are tested by hand so that no locale has a say.
+// Cuts query texts into tokens. ASCII classes are tested by hand so that no locale has a say; any
+// other character of UTF-8 counts as a letter.
 
 #include "examples/modeld/oql/Scanner.h"
 
 #include <charconv>
 #include <utility>
+
+#include "examples/modeld/oql/Text.h"
 
 namespace modeld::oql {
 
@@ -34,6 +37,14 @@ char Scanner::at(std::size_t offset) const {
     return here_ + offset < text_.size() ? text_[here_ + offset] : '\0';
 }
 
+// The bytes of the letter, underline or character beyond ASCII that comes next; 0 for all else.
+std::size_t Scanner::letterLength() const {
+    if (isWordStart(at(0))) return 1;
+    const std::string_view rest = text_.substr(here_);
+    const std::size_t length = oql::characterLength(rest);
+    return length > 1 && !startsWithControl(rest) ? length : 0;
+}
+
 void Scanner::skipBlanks() {
     while (here_ < text_.size() &&
            std::string_view(" \t\r\n").find(text_[here_]) != std::string_view::npos) {
@@ -54,14 +65,18 @@ Token Scanner::next() {
     start_ = here_;
     if (here_ >= text_.size()) return token(TokenKind::End, "");
     const char first = text_[here_];
-    if (isWordStart(first)) return scanWord();
+    if (letterLength() != 0) return scanWord();
     if (isDigit(first) || (first == '-' && isDigit(at(1)))) return scanNumber();
     if (first == '\'' || first == '"') return scanText(first);
     return scanSymbol();
 }
 
 Token Scanner::scanWord() {
-    while (isWordPart(at(0))) ++here_;
+    while (true) {
+        const std::size_t length = isWordPart(at(0)) ? 1 : letterLength();
+        if (length == 0) break;
+        here_ += length;
+    }
     return token(TokenKind::Word, std::string(text_.substr(start_, here_ - start_)));
 }
 
@@ -74,7 +89,7 @@ Token Scanner::scanNumber() {
         ++here_;
         while (isDigit(at(0))) ++here_;
     }
-    if (isWordStart(at(0))) return token(TokenKind::Bad, "a number runs into a name");
+    if (letterLength() != 0) return token(TokenKind::Bad, "a number runs into a name");
     Token result = token(real ? TokenKind::Real : TokenKind::Integer,
                          std::string(text_.substr(start_, here_ - start_)));
     const char* begin = result.text.data();
@@ -95,7 +110,7 @@ Token Scanner::scanText(char quote) {
             ++here_;
         } else {
             ++here_;
-            return token(TokenKind::Text, std::move(content));
+            return token(quote == '"' ? TokenKind::Quoted : TokenKind::Text, std::move(content));
         }
     }
     return token(TokenKind::Bad, "this text has no closing quote");

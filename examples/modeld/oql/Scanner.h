@@ -8,9 +8,10 @@
 
 namespace modeld::oql {
 
-enum class TokenKind { End, Word, Text, Integer, Real, Symbol, Bad };
+/// Quoted stands in double quotes and is a name or a text, as the grammar has it.
+enum class TokenKind { End, Word, Text, Quoted, Integer, Real, Symbol, Bad };
 
-/// One token: a word in its own spelling, a text without its quotes, a number, or an operator.
+/// One token: a word in its own spelling, a text or quoted name without its quotes, a number, or an operator.
 struct Token {
     TokenKind kind = TokenKind::End;
     std::string text;  ///< for Bad: what is wrong
@@ -34,6 +35,7 @@ class Scanner {
     Token scanSymbol();
     Token token(TokenKind kind, std::string text) const;
     void skipBlanks();
+    std::size_t letterLength() const;
     char at(std::size_t offset) const;
 
     std::string_view text_;

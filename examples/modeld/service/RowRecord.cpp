@@ -10,7 +10,7 @@ std::unique_ptr<CVekAtom> atomOf(const Row& row, int column) {
     if (row.kind(column) == ValueKind::Integer) {
         return std::make_unique<CVekAtom>(static_cast<long long>(row.integer(column)));
     }
-    return std::make_unique<CVekAtom>(std::string(row.text(column)).c_str());
+    return std::make_unique<CVekAtom>(row.text(column));
 }
 
 }  // namespace

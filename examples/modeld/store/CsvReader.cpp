@@ -3,6 +3,10 @@
 
 #include "examples/modeld/store/CsvReader.h"
 
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
 namespace modeld {
 
 namespace {
@@ -19,8 +23,20 @@ void skipByteOrderMark(std::ifstream& file) {
 
 }  // namespace
 
-CsvReader::CsvReader(const std::string& path) : file_(path, std::ios::binary) {
-    if (file_.is_open()) skipByteOrderMark(file_);
+CsvReader::CsvReader(const std::string& path) {
+    std::error_code error;
+    const auto status = std::filesystem::status(path, error);
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+        problem_ = "is not a regular file";
+        return;
+    }
+    errno = 0;
+    file_.open(path, std::ios::binary);
+    if (file_.is_open()) {
+        skipByteOrderMark(file_);
+    } else {
+        problem_ = "cannot be read: " + std::generic_category().message(errno);
+    }
 }
 
 int CsvReader::take() {
@@ -45,6 +61,15 @@ bool CsvReader::readQuoted(std::string& field, std::size_t& budget) {
 
 CsvReader::Result CsvReader::next(std::vector<std::string>& fields) {
     fields.clear();
+    if (!problem_.empty()) return Result::Unreadable;
+    errno = 0;
+    const Result result = nextRecord(fields);
+    if (!file_.bad()) return result;
+    problem_ = "cannot be read: " + std::generic_category().message(errno);
+    return Result::Unreadable;
+}
+
+CsvReader::Result CsvReader::nextRecord(std::vector<std::string>& fields) {
     recordLine_ = line_;
     if (file_.peek() == kEnd) return Result::End;
     std::size_t budget = kMaxRecordBytes;

@@ -14,25 +14,28 @@ class CsvReader {
   public:
     static constexpr std::size_t kMaxRecordBytes = 1024 * 1024;
 
-    enum class Result { Record, End, Malformed };
+    enum class Result { Record, End, Malformed, Unreadable };
 
+    /// Opens a regular file. Other kinds cannot be read twice, and opening some of them waits.
     explicit CsvReader(const std::string& path);
 
-    /// False when the file could not be opened.
-    bool isOpen() const { return file_.is_open(); }
+    /// Why the file cannot be read; empty when it can.
+    const std::string& problem() const { return problem_; }
 
     /// The next record into `fields`. Malformed: a quote that is never closed, or a record that is
-    /// too long; `line()` then says where it began.
+    /// too long; `line()` then says where it began. Unreadable: see `problem()`.
     Result next(std::vector<std::string>& fields);
 
     /// The line, from 1, on which the last record began.
     std::uint64_t line() const { return recordLine_; }
 
   private:
+    Result nextRecord(std::vector<std::string>& fields);
     bool readQuoted(std::string& field, std::size_t& budget);
     int take();
 
     std::ifstream file_;
+    std::string problem_;
     std::uint64_t line_ = 1;
     std::uint64_t recordLine_ = 1;
 };

@@ -6,6 +6,7 @@
 #include <set>
 #include <vector>
 
+#include "examples/modeld/oql/Text.h"
 #include "examples/modeld/store/CsvReader.h"
 #include "examples/modeld/store/Sql.h"
 
@@ -19,10 +20,22 @@ Refusal badSource(const std::string& file, const std::string& what) {
     return {StoreError::BadSource, file + ": " + what, 0};
 }
 
-std::string columnName(const std::string& heading) {
+struct Column {
     std::string name;
-    for (const char c : heading) {
-        if (c >= 'A' && c <= 'Z') {
+    bool integers = true;
+    bool empty = true;
+};
+
+// Empty for a heading that is no UTF-8, or has no character.
+std::string columnName(std::string_view heading) {
+    std::string name;
+    for (std::size_t length = 0; !heading.empty(); heading.remove_prefix(length)) {
+        length = oql::characterLength(heading);
+        if (length == 0) return {};
+        const char c = heading.front();
+        if (length > 1 && !oql::startsWithControl(heading)) {
+            name += heading.substr(0, length);
+        } else if (c >= 'A' && c <= 'Z') {
             name.push_back(static_cast<char>(c - 'A' + 'a'));
         } else if ((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9' && !name.empty())) {
             name.push_back(c);
@@ -31,6 +44,27 @@ std::string columnName(const std::string& heading) {
         }
     }
     return name;
+}
+
+// Names the columns after their headings.
+std::optional<Refusal> nameColumns(const std::string& file, const std::vector<std::string>& heading,
+                                   std::vector<Column>& columns) {
+    std::set<std::string> names;
+    for (std::size_t i = 0; i < heading.size(); ++i) {
+        const std::string& name = columns[i].name = columnName(heading[i]);
+        std::string problem;
+        if (heading[i].empty()) {
+            problem = "has no name";
+        } else if (name.empty()) {
+            problem = "has a name that is not UTF-8";
+        } else if (!names.insert(name).second) {
+            problem = "has the name of another one, '" + oql::excerpt(name) + "'";
+        }
+        if (!problem.empty()) {
+            return badSource(file, "column " + std::to_string(i + 1) + " " + problem);
+        }
+    }
+    return std::nullopt;
 }
 
 // An integer as a person would write it: no leading zero that a number would lose, at most 18
@@ -43,11 +77,14 @@ bool isPlainInteger(const std::string& text) {
     return text.find_first_not_of("0123456789", start) == std::string::npos;
 }
 
-struct Column {
-    std::string name;
-    bool integers = true;
-    bool empty = true;
-};
+// The refusal that a reading ended with, if it did.
+std::optional<Refusal> broken(const std::string& file, const CsvReader& reader,
+                              CsvReader::Result result) {
+    if (result == CsvReader::Result::Unreadable) return badSource(file, reader.problem());
+    if (result != CsvReader::Result::Malformed) return std::nullopt;
+    return badSource(file, "line " + std::to_string(reader.line()) +
+                               ": a quote is not closed, or the record is too long");
+}
 
 // Shows every record of every file below the heading to `visit`, which may refuse.
 template <class Visit>
@@ -56,11 +93,12 @@ std::optional<Refusal> eachRecord(const Source& source, std::vector<std::string>
     std::vector<std::string> fields;
     for (const auto& file : source.files) {
         CsvReader reader(file);
-        if (!reader.isOpen()) return badSource(file, "cannot be read");
-        if (reader.next(fields) != CsvReader::Result::Record) return badSource(file, "is empty");
+        auto result = reader.next(fields);
+        if (result == CsvReader::Result::End) return badSource(file, "is empty");
+        if (auto refusal = broken(file, reader, result)) return refusal;
         if (heading.empty()) heading = fields;
         if (fields != heading) return badSource(file, "has other columns than the first file");
-        auto result = reader.next(fields);
+        result = reader.next(fields);
         for (; result == CsvReader::Result::Record; result = reader.next(fields)) {
             if (fields.size() == 1 && fields[0].empty()) continue;
             if (fields.size() != heading.size()) {
@@ -70,10 +108,7 @@ std::optional<Refusal> eachRecord(const Source& source, std::vector<std::string>
             }
             if (auto refusal = visit(fields)) return refusal;
         }
-        if (result == CsvReader::Result::Malformed) {
-            return badSource(file, "line " + std::to_string(reader.line()) +
-                                       ": a quote is not closed, or the record is too long");
-        }
+        if (auto refusal = broken(file, reader, result)) return refusal;
     }
     return std::nullopt;
 }
@@ -91,15 +126,7 @@ std::optional<Refusal> learnColumns(const Source& source, std::vector<Column>& c
     });
     if (refusal) return refusal;
     columns.resize(heading.size());
-    std::set<std::string> names;
-    for (std::size_t i = 0; i < heading.size(); ++i) {
-        columns[i].name = columnName(heading[i]);
-        if (columns[i].name.empty() || !names.insert(columns[i].name).second) {
-            return badSource(source.files.front(),
-                             "column " + std::to_string(i + 1) + " has no name of its own");
-        }
-    }
-    return std::nullopt;
+    return nameColumns(source.files.front(), heading, columns);
 }
 
 std::string createText(const std::string& table, const std::vector<Column>& columns) {

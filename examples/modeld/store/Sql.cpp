@@ -5,6 +5,8 @@
 
 #include <type_traits>
 
+#include "examples/modeld/oql/Text.h"
+
 namespace modeld::sql {
 
 namespace {
@@ -86,7 +88,7 @@ class Translation {
             command_.text += quoted(column->first);
             return column->second;
         }
-        refuse(StoreError::NoColumn, "no column '" + name.text + "' in '" + table_.name + "'",
+        refuse(StoreError::NoColumn, "no column '" + oql::excerpt(name.text) + "' in '" + table_.name + "'",
                name.position);
         return ValueKind::Null;
     }
@@ -101,7 +103,7 @@ class Translation {
         const ValueKind value = kindOf(compare.value);
         if (!comparable(column, value, compare.operation)) {
             refuse(StoreError::TypeMismatch,
-                   "column '" + compare.field.text + "' holds " + word(column) +
+                   "column '" + oql::excerpt(compare.field.text) + "' holds " + word(column) +
                        ", which cannot be compared with " + word(value),
                    compare.field.position);
         } else if (value == ValueKind::Null) {
@@ -181,6 +183,12 @@ std::string quoted(std::string_view name) {
     return result + '"';
 }
 
+bool isUsersTable(const std::string& name) {
+    const std::string plain = lowered(name);
+    return !plain.empty() && plain.find('\0') == std::string::npos &&
+           !plain.starts_with("sqlite_") && !plain.starts_with(kOwnTables);
+}
+
 const std::pair<std::string, ValueKind>* Table::find(std::string_view column) const {
     const std::string wanted = lowered(column);
     for (const auto& candidate : columns) {
@@ -190,8 +198,7 @@ const std::pair<std::string, ValueKind>* Table::find(std::string_view column) co
 }
 
 std::optional<Table> describe(sqlite3* database, const std::string& name, const char* schema) {
-    const std::string plain = lowered(name);
-    if (plain.starts_with("sqlite_") || plain.starts_with(kOwnTables)) return std::nullopt;
+    if (!isUsersTable(name)) return std::nullopt;
     const Statement statement =
         prepare(database, "SELECT name, type FROM pragma_table_info(?1, ?2) ORDER BY cid");
     if (!statement) return std::nullopt;

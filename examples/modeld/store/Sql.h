@@ -31,6 +31,10 @@ std::string quoted(std::string_view name);
 /// How the names of the store's own tables begin, which no query reaches.
 inline constexpr const char kOwnTables[] = "_modeld_";
 
+/// Whether a table of that name can be loaded and asked for: it is neither SQLite's nor the store's
+/// own.
+bool isUsersTable(const std::string& name);
+
 /// The columns of a table with their kinds, by name in lower case, in table order.
 struct Table {
     std::string name;
@@ -39,7 +43,7 @@ struct Table {
     const std::pair<std::string, ValueKind>* find(std::string_view column) const;
 };
 
-/// Nothing when there is no such table, or when it is one of SQLite's or the store's own.
+/// Nothing when there is no such table, or when it is not the user's.
 std::optional<Table> describe(sqlite3* database, const std::string& name,
                               const char* schema = "main");
 

@@ -3,7 +3,9 @@
 #include "examples/modeld/store/Store.h"
 
 #include <algorithm>
+#include <system_error>
 
+#include "examples/modeld/oql/Text.h"
 #include "examples/modeld/store/Fill.h"
 #include "examples/modeld/store/Refresh.h"
 #include "examples/modeld/store/Sql.h"
@@ -16,6 +18,25 @@ constexpr int kBusyTimeoutMs = 5000;
 // Pages that a connection keeps, so that tables of that size are not read from the file again.
 constexpr const char* kCacheSize = "PRAGMA cache_size = -65536";  // KiB when negative
 
+// Opening reads nothing, so that a file of another kind shows with the first access only. One that
+// another process has locked at the moment is usable.
+bool isUsable(sqlite3* database, Store::Access access) {
+    sqlite3_busy_timeout(database, kBusyTimeoutMs);
+    sql::execute(database, kCacheSize);
+    const char* first = access == Store::Access::ReadOnly ? "PRAGMA schema_version"
+                                                          : "PRAGMA journal_mode = WAL";
+    return sql::execute(database, first) || (access == Store::Access::ReadOnly &&
+                                             sqlite3_errcode(database) == SQLITE_BUSY);
+}
+
+// What SQLite says, and the system's word for it where that says more.
+std::string reasonOf(sqlite3* database) {
+    std::string reason = sqlite3_errmsg(database);
+    const int error = database != nullptr ? sqlite3_system_errno(database) : 0;
+    if (error != 0) reason += " (" + std::generic_category().message(error) + ")";
+    return reason;
+}
+
 // One transaction around `work`: all of it, or on a refusal nothing.
 template <class Work>
 std::optional<Refusal> inTransaction(sqlite3* database, const char* doing, Work&& work) {
@@ -24,6 +45,11 @@ std::optional<Refusal> inTransaction(sqlite3* database, const char* doing, Work&
     if (!refusal && !sql::execute(database, "COMMIT")) refusal = failed(database, doing);
     if (refusal) sql::execute(database, "ROLLBACK");
     return refusal;
+}
+
+std::optional<Refusal> badTable(const std::string& name) {
+    if (sql::isUsersTable(name)) return std::nullopt;
+    return Refusal{StoreError::BadSource, "'" + name + "' cannot be the name of a table", 0};
 }
 
 }  // namespace
@@ -65,21 +91,20 @@ std::unique_ptr<Store> Store::open(const std::string& path, Access access, Refus
     const int flags = SQLITE_OPEN_NOMUTEX |
                       (access == Access::ReadOnly ? SQLITE_OPEN_READONLY
                                                   : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    if (path.empty()) {  // SQLite's name of a database that is gone when it is closed
+        refusal = {StoreError::NoDatabase, "a database needs a file name", 0};
+        return nullptr;
+    }
     sqlite3* database = nullptr;
     const int result = sqlite3_open_v2(path.c_str(), &database, flags, nullptr);
     std::unique_ptr<Store> store(new Store(database));
-    if (result == SQLITE_OK) {
-        sqlite3_busy_timeout(database, kBusyTimeoutMs);
-        sql::execute(database, kCacheSize);
-        if (access == Access::ReadOnly || sql::execute(database, "PRAGMA journal_mode = WAL")) {
-            return store;
-        }
-    }
-    refusal = {StoreError::NoDatabase, path + ": " + sqlite3_errmsg(database), 0};
+    if (result == SQLITE_OK && isUsable(database, access)) return store;
+    refusal = {StoreError::NoDatabase, path + ": " + reasonOf(database), 0};
     return nullptr;
 }
 
 std::optional<Refusal> Store::load(const Source& source, const Progress& progress) {
+    if (auto refusal = badTable(source.table)) return refusal;
     sqlite3* database = database_.get();
     const std::string table = sql::quoted(source.table);
     return inTransaction(database, "filling the table", [&]() -> std::optional<Refusal> {
@@ -99,6 +124,7 @@ bool Store::hasTable(const std::string& name) const {
 
 std::optional<Refusal> Store::refresh(const Source& source, const Describe& describe,
                                       Refreshed& done, const Progress& progress) {
+    if (auto refusal = badTable(source.table)) return refusal;
     sqlite3* database = database_.get();
     Refresh refresh(database, source);
     if (auto refusal = refresh.stage(progress)) return refusal;
@@ -146,7 +172,7 @@ std::optional<Refusal> Store::run(const oql::Query& query,
     rows = 0;
     const auto table = sql::describe(database_.get(), query.table.text);
     if (!table) {
-        return Refusal{StoreError::NoTable, "no table '" + query.table.text + "'",
+        return Refusal{StoreError::NoTable, "no table '" + oql::excerpt(query.table.text) + "'",
                        query.table.position};
     }
     auto translated = sql::translate(query, *table);

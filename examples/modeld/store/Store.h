@@ -76,12 +76,13 @@ class Store {
   public:
     enum class Access { ReadOnly, ReadWrite };
 
-    /// Null, with `refusal` filled, when the file cannot be opened.
+    /// Null, with `refusal` filled, when the file cannot be opened or is no database.
     static std::unique_ptr<Store> open(const std::string& path, Access access, Refusal& refusal);
 
     /// Fills `source.table` anew in one transaction: on a refusal the table is as it was before.
     /// A column holds integers when every value of it is one, written the plain way; else text.
-    /// Column names become lower case, with an underscore for whatever is no letter or digit.
+    /// Column names become lower case, with an underline for every character of ASCII that is no
+    /// letter or digit; a heading that is no UTF-8 is refused.
     std::optional<Refusal> load(const Source& source, const Progress& progress);
 
     /// Waits while another process writes; refuses with `Busy` after five seconds.

@@ -60,6 +60,23 @@ TEST(Parse, BindsAndTighterThanOrAndKeepsChainsFlat) {
     EXPECT_EQ(std::get<Compare>(any.operands[2]->node).operation, Comparison::NotEqual);
 }
 
+TEST(Parse, TakesQuotedNamesWhereNamesStand) {
+    const Query query = parsed(
+        R"(select "order", Größe, "a ""b""" from "from" where "limit" = "limit" order by "by" desc)");
+    ASSERT_EQ(query.fields.size(), 3U);
+    EXPECT_EQ(query.fields[0].text, "order");
+    EXPECT_EQ(query.fields[0].position, 8U);
+    EXPECT_EQ(query.fields[1].text, "Größe");
+    EXPECT_EQ(query.fields[2].text, "a \"b\"");
+    EXPECT_EQ(query.table.text, "from");
+    const auto& compare = std::get<Compare>(query.where->node);
+    EXPECT_EQ(compare.field.text, "limit");
+    EXPECT_EQ(std::get<std::string>(compare.value), "limit");
+    EXPECT_EQ(query.order.at(0).field.text, "by");
+    EXPECT_EQ(refused("select 'order' from t").message,
+              "unexpected 'order', expected * or a name");
+}
+
 TEST(Parse, NamesTheCulpritAndItsPlace) {
     EXPECT_EQ(refused("selct * from t").position, 1U);
     EXPECT_EQ(refused("select * form t").position, 10U);
@@ -73,6 +90,8 @@ TEST(Parse, NamesTheCulpritAndItsPlace) {
     EXPECT_EQ(refused("").position, 1U);
     EXPECT_EQ(refused("select * from t; select * from t").position, 18U);
     EXPECT_EQ(refused(std::string_view("select \0 from t", 15)).message, "unexpected byte 0x00");
+    EXPECT_EQ(refused("select gr\xf6\xdf from t").message, "unexpected byte 0xf6");
+    EXPECT_LT(refused("select * from t " + repeated("é", 9000)).message.size(), 150U);
 }
 
 TEST(Parse, KeepsItsLimitsOnAnyText) {

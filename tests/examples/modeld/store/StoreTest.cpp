@@ -67,6 +67,19 @@ class StoreTest : public ::testing::Test {
         return told_;
     }
 
+    // Why a table of that content, or of that name, is refused.
+    std::string refusal(const std::string& content, const std::string& table = "devices") {
+        const auto refused = store_->load({{csv("data.csv", content)}, table, ""}, {});
+        return refused ? refused->message : "";
+    }
+
+    static std::string openingFails(const std::string& path, Store::Access access) {
+        Refusal refusal;
+        EXPECT_EQ(Store::open(path, access, refusal), nullptr);
+        EXPECT_EQ(refusal.error, StoreError::NoDatabase);
+        return refusal.message;
+    }
+
     void take(Store& store) {
         std::int64_t last = 0;
         EXPECT_FALSE(store.readNotices(0, [&](std::int64_t number, std::string_view notice) {
@@ -93,6 +106,50 @@ constexpr const char* kDevices =
     "core-1,48,0017\r\n"
     "\"edge, \"\"north\"\"\",24,0018\r\n"
     "edge-2,,\r\n";
+
+TEST_F(StoreTest, NamesTheDatabaseAndTheReason) {
+    const std::string missing = directory_.file("no/such.db");
+    const std::string garbage = csv("garbage.db", std::string(2000, 'x'));
+    using enum Store::Access;
+    EXPECT_EQ(openingFails(missing, ReadOnly),
+              missing + ": unable to open database file (No such file or directory)");
+    EXPECT_EQ(openingFails(directory_.path(), ReadWrite).find(directory_.path() + ": "), 0U);
+    for (const auto access : {ReadOnly, ReadWrite}) {
+        EXPECT_EQ(openingFails(garbage, access), garbage + ": file is not a database");
+    }
+    EXPECT_EQ(openingFails("", ReadWrite), "a database needs a file name");
+}
+
+TEST_F(StoreTest, KeepsHeadingsOfAnyScriptAndRefusesWhatIsNoText) {
+    load("Gerät,Order,Größe (cm),名前\nx,7,2,y\n");
+    EXPECT_FALSE(run(R"(select 名前, "Order", größe__cm_ from devices where gerät = "x")"));
+    EXPECT_EQ(answer_, "y,7,2;");
+    const std::string file = directory_.file("data.csv");
+    EXPECT_EQ(refusal("a,gr\xf6\xdf\n1,2\n"), file + ": column 2 has a name that is not UTF-8");
+    EXPECT_EQ(refusal("a,b\xc2\x85\n1,2\n"), "") << "a control character is an underline";
+    EXPECT_EQ(refusal("a,\n1,2\n"), file + ": column 2 has no name");
+}
+
+TEST_F(StoreTest, RefusesTablesThatAreNotTheUsers) {
+    for (const char* table : {"", "sqlite_master", "_MODELD_notices"}) {
+        EXPECT_EQ(refusal("a\n1\n", table),
+                  std::string("'") + table + "' cannot be the name of a table");
+    }
+    EXPECT_EQ(refusal("a\n1\n", "or;der"), "");
+    EXPECT_FALSE(run(R"(select a from "or;der")"));
+}
+
+TEST_F(StoreTest, TellsFilesThatCannotBeReadFromEmptyOnes) {
+    const auto whyNot = [&](const std::string& path) {
+        const auto refused = store_->load({{path}, "devices", ""}, {});
+        return refused ? refused->message.substr(path.size()) : "";
+    };
+    EXPECT_EQ(whyNot(directory_.file("none")), ": cannot be read: No such file or directory");
+    EXPECT_EQ(whyNot(csv("empty", "")), ": is empty");
+    EXPECT_EQ(whyNot(directory_.path()), ": is not a regular file");
+    EXPECT_EQ(whyNot("/dev/zero"), ": is not a regular file");
+    EXPECT_LT(refusal("a\n1,2,3\n").size(), 200U);
+}
 
 TEST_F(StoreTest, AnswersQueriesOverWhatItLoaded) {
     load(kDevices, "name");
@@ -138,8 +195,7 @@ TEST_F(StoreTest, KeepsTheOldTableWhenItsSourceIsBad) {
         {missing, "cannot be read"},
         {csv("short.csv", "a,b\n1\n"), "line 2 has 1 fields where 2 are expected"},
         {csv("open.csv", "a,b\n1,\"2\n3,4\n"), "line 2: a quote is not closed"},
-        {csv("twice.csv", "a,A\n1,2\n"), "column 2 has no name of its own"},
-        {csv("empty.csv", ""), "is empty"},
+        {csv("twice.csv", "a,A\n1,2\n"), "column 2 has the name of another one"},
     };
     for (const auto& [path, message] : sources) {
         const auto refusal = store_->load({{path}, "devices", ""}, {});
@@ -229,12 +285,6 @@ TEST_F(StoreTest, TellsThatAnotherOneWritesFromWhatIsBroken) {
     EXPECT_EQ(meanwhile->error, StoreError::Busy);
     EXPECT_FALSE(other->awaitWriter());
     EXPECT_TRUE(other->hasTable("devices"));
-}
-
-TEST_F(StoreTest, RefusesADatabaseThatIsNotThere) {
-    Refusal refusal;
-    EXPECT_EQ(Store::open(directory_.file("none.db"), Store::Access::ReadOnly, refusal), nullptr);
-    EXPECT_EQ(refusal.error, StoreError::NoDatabase);
 }
 
 }  // namespace
