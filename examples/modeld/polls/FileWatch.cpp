@@ -12,9 +12,22 @@ FileWatch::FileWatch(std::vector<std::string> files)
 
 bool FileWatch::look() {
     const Stamps before = std::exchange(seen_, stamps());
+    turns_.clear();
+    for (std::size_t i = 0; i < files_.size(); ++i) {
+        if (before[i].has_value() != seen_[i].has_value()) {
+            turns_.push_back({files_[i], seen_[i].has_value()});
+        }
+    }
     const bool allThere = std::all_of(seen_.begin(), seen_.end(),
                                       [](const auto& stamp) { return stamp.has_value(); });
     return allThere && seen_ == before && seen_ != known_;
+}
+
+bool FileWatch::isSettled() const {
+    for (std::size_t i = 0; i < files_.size(); ++i) {
+        if (seen_[i] && seen_[i] != known_[i]) return false;
+    }
+    return true;
 }
 
 void FileWatch::know() {

@@ -3,13 +3,18 @@
 // there, and forgets them at a later look, when the send queue has been empty since. So a change is
 // published although the member that found it died before it could, or stood by and shares its
 // database with the active one. The price is that a notice may be published twice: by a member that
-// dies before it forgets, or by two members with databases of their own around a take-over. A
-// notice says what the row is now, so the second one changes nothing.
+// dies before it forgets, or by two members with databases of their own around a take-over. It never
+// tells an older value than has been told: a notice says what the row is now, the store keeps the
+// newest of a row, and nothing is published that the files may have outdated already.
+//
+// While the daemon is away nothing is published, nor forgotten: what was queued when it went is
+// published anew, and a standby does not know yet whether others have published what it keeps.
 
 #include "examples/modeld/polls/SourcePoll.h"
 
 #include <utility>
 
+#include "examples/modeld/service/DaemonLink.h"
 #include "examples/modeld/service/Log.h"
 
 namespace modeld {
@@ -19,10 +24,6 @@ namespace {
 // How long a standby keeps notices: a take-over, and the looks that the active member had for it.
 constexpr int kTakeOverSeconds = 6;
 constexpr int kLooks = 3;
-
-void warnUnlessDone(const std::optional<Refusal>& refusal) {
-    if (refusal) Log::warning("{}", refusal->message);
-}
 
 }  // namespace
 
@@ -41,20 +42,52 @@ bool SourcePoll::hasWork() {
 }
 
 void SourcePoll::RTWDoPoll() {
+    warnedBefore_ = std::exchange(warned_, {});
     if (!hasWork()) return;
+    const bool hasChanged = watch_.look();
+    tellTurns();
     Refusal refusal;
     const auto store = Store::open(settings_.database, Store::Access::ReadWrite, refusal);
     if (!store) {
-        Log::warning("{}", refusal.message);
+        warnOnce(refusal);
         return;
     }
-    if (watch_.look()) refresh(*store);
-    if (engine_.REIsActive() == TRUE) {
+    if (hasChanged) refresh(*store);
+    const bool isActive = engine_.REIsActive() == TRUE;
+    if (isActive || !DaemonLink::isUp()) standingBySince_ = Clock::now();
+    if (!DaemonLink::isUp()) return;
+    if (!isActive) {
+        dropOldNotices(*store);
+    } else if (watch_.isSettled()) {
         publish(*store);
-    } else {
-        const int seconds = kTakeOverSeconds + kLooks * settings_.seconds;
-        warnUnlessDone(store->dropNotices(std::chrono::seconds(seconds)));
     }
+}
+
+void SourcePoll::tellTurns() {
+    for (const auto& [file, isThere] : watch_.turns()) {
+        if (isThere) {
+            Log::info("{}: is back", file);
+        } else {
+            Log::warning("{}: is gone; the table stays as it is until it is back", file);
+        }
+    }
+}
+
+// What repeats itself at every look is told once.
+void SourcePoll::warnOnce(const std::optional<Refusal>& refusal) {
+    if (!refusal) return;
+    warned_ = refusal->message;
+    if (warned_ == warnedBefore_) return;
+    if (refusal->error == StoreError::NoDatabase || refusal->error == StoreError::BadSource) {
+        Log::warning("{}", refusal->message);
+    } else {
+        Log::warning("{}: {}", settings_.database, refusal->message);
+    }
+}
+
+void SourcePoll::dropOldNotices(Store& store) {
+    const std::chrono::seconds kept(kTakeOverSeconds + kLooks * settings_.seconds);
+    if (Clock::now() - standingBySince_ > kept) warnOnce(store.dropNotices(kept));
 }
 
 // A source that is bad is told once and left until it changes again; all else is tried again.
@@ -67,7 +100,7 @@ void SourcePoll::refresh(Store& store) {
             return changeNotice(settings_.source.table, change, row);
         },
         done);
-    warnUnlessDone(refusal);
+    warnOnce(refusal);
     const bool again =
         refusal && (refusal->error == StoreError::Failed || refusal->error == StoreError::Busy);
     if (!again) watch_.know();
@@ -78,7 +111,9 @@ void SourcePoll::refresh(Store& store) {
 }
 
 void SourcePoll::publish(Store& store) {
-    if (engine_.RESendQueueLength() == 0) warnUnlessDone(store.forgetNotices(queued_));
+    const unsigned losses = DaemonLink::losses();
+    if (std::exchange(losses_, losses) != losses) queued_ = 0;
+    if (engine_.RESendQueueLength() == 0) warnOnce(store.forgetNotices(queued_));
     ChangePublisher publisher(engine_, settings_.subject);
     const auto refusal =
         store.readNotices(queued_, [&](std::int64_t number, std::string_view notice) {
@@ -86,7 +121,7 @@ void SourcePoll::publish(Store& store) {
             queued_ = number;
         });
     publisher.flush();
-    warnUnlessDone(refusal);
+    warnOnce(refusal);
     if (publisher.published() != 0) {
         Log::info("{} changes published on {}", publisher.published(), settings_.subject);
     }

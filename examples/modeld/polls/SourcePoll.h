@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include "examples/modeld/polls/ChangeNotice.h"
@@ -31,14 +32,23 @@ class SourcePoll : public CVekTimedWork {
     __boolean RTWAddToPool() override { return RTWPollIsExecuting() ? FALSE : TRUE; }
 
   private:
+    using Clock = std::chrono::steady_clock;
+
     void refresh(Store& store);
     void publish(Store& store);
+    void dropOldNotices(Store& store);
+    void tellTurns();
+    void warnOnce(const std::optional<Refusal>& refusal);
     bool hasWork();
 
     CVekEngine& engine_;
     const Settings settings_;
     FileWatch watch_;
     std::int64_t queued_ = 0;  // number of the last notice that went into the send queue
+    unsigned losses_ = 0;      // of the daemon, when it did
+    Clock::time_point standingBySince_ = Clock::now();
+    std::string warned_;  // the last warning of this look
+    std::string warnedBefore_;
 };
 
 }  // namespace modeld

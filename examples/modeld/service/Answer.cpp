@@ -75,9 +75,10 @@ Verdict answer(CVekEngine& engine, Store& store, const Question& question, SendG
         addRefusal(transport, message, error->position);
         verdict = refused(STORE_PERMISSION_DENIED, message, error->position);
     } else {
+        const auto& query = std::get<oql::Query>(parsed);
         BatchBuilder batch(question.version);
         const auto refusal = store.run(
-            std::get<oql::Query>(parsed),
+            query,
             [&](const Row& row) {
                 batch.add(row);
                 return gate.isOpen();
@@ -91,6 +92,7 @@ Verdict answer(CVekEngine& engine, Store& store, const Question& question, SendG
         } else {
             batch.finish(transport);
         }
+        verdict.isProbe = query.limit == 0;
     }
     gate.pass([&] {
         if (isLongAnswer(question.version, verdict.rows)) tellBegun(engine, question);

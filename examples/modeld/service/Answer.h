@@ -22,6 +22,7 @@ struct Verdict {
     std::uint64_t rows = 0;
     EVekStoreErrorStatus status = STORE_COMPLETE;
     std::string reason;  ///< empty unless the question was refused
+    bool isProbe = false;  ///< it asked for no rows, and so only whether anybody answers
 };
 
 /// Answers one question out of `store` through the send queue of `engine`.

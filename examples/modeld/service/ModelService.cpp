@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "examples/modeld/oql/Parse.h"
+#include "examples/modeld/oql/Text.h"
 #include "examples/modeld/service/BegunNotice.h"
 #include "examples/modeld/service/Log.h"
 #include "mom/net/VekText.h"
@@ -27,10 +28,22 @@ namespace {
 constexpr int kMaxWaiting = 1000;
 constexpr int kMaxQueuedPackets = 20000;
 constexpr unsigned int kRoomPollMs = 20;
+constexpr std::size_t kMostLogged = 200;  // bytes of a question in a line of the log
 
 // A text that is too long is refused when its time comes; no more of it is kept than shows that.
 std::string textOf(const char* query) {
     return {query, strnlen(query, oql::kMaxQueryBytes + 1)};
+}
+
+void logAnswer(const Question& question, const Verdict& verdict, double milliseconds) {
+    const std::string text = oql::excerpt(question.text, kMostLogged);
+    if (verdict.reason.empty()) {
+        Log::debug("{} rows in {:.1f} ms: {}", verdict.rows, milliseconds, text);
+    } else if (verdict.isProbe) {
+        Log::debug("refused: {}: {}", verdict.reason, text);
+    } else {
+        Log::info("refused: {}: {}", verdict.reason, text);
+    }
 }
 
 }  // namespace
@@ -164,13 +177,10 @@ void ModelService::answerQuestion(const Question& question) {
     returnStore(std::move(store));
     const std::chrono::duration<double, std::milli> spent =
         std::chrono::steady_clock::now() - begin;
+    logAnswer(question, verdict, spent.count());
+    if (verdict.isProbe) return;
     rows_ += verdict.rows;
     ++(verdict.reason.empty() ? answered_ : refused_);
-    if (verdict.reason.empty()) {
-        Log::debug("{} rows in {:.1f} ms: {}", verdict.rows, spent.count(), question.text);
-    } else {
-        Log::info("refused: {}: {}", verdict.reason, question.text);
-    }
 }
 
 ModelService::Statistics ModelService::statistics() const {

@@ -50,7 +50,7 @@ class ModelService : public RvDataCallback {
     /// To be called once the main loop runs: takes up the engine's role and follows it.
     void followRole();
 
-    /// What has been done since the start, and what waits at this moment.
+    /// What has been done since the start, but for probes, and what waits at this moment.
     struct Statistics {
         std::uint64_t answered = 0;
         std::uint64_t refused = 0;

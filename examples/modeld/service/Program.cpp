@@ -5,16 +5,21 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "examples/modeld/polls/ChangeNotice.h"
 #include "examples/modeld/polls/Polls.h"
+#include "examples/modeld/service/DaemonLink.h"
 #include "examples/modeld/service/Log.h"
 #include "examples/modeld/service/ModelService.h"
 #include "examples/modeld/service/StopSignals.h"
+#include "examples/modeld/service/StopWatch.h"
 #include "mom/net/VekText.h"
 #include "platform/File.h"
 #include "platform/Signals.h"
@@ -24,7 +29,7 @@ namespace modeld {
 namespace {
 
 constexpr int kFailure = 1;
-constexpr unsigned long kFlushMs = 1000;
+constexpr std::chrono::seconds kForTheQueue{4};
 
 // Calls the service once the loop runs.
 class ModelEngine : public CVekEngine {
@@ -38,10 +43,31 @@ class ModelEngine : public CVekEngine {
     std::function<void()> whenRunning;
 };
 
-// The state of a long load, drawn over itself on a terminal and left out of pipes.
-void showProgress(std::uint64_t rows) {
-    if (kvx::platform::isTerminal(stderr)) fmt::print(stderr, "\rmodeld: {} rows ", rows);
-}
+// The state of a long load, drawn over itself on a terminal, erased at the end, and left out of
+// pipes.
+class ProgressLine {
+  public:
+    ~ProgressLine() { draw(""); }
+
+    void show(std::uint64_t rows, std::uint64_t all) {
+        const auto now = std::chrono::steady_clock::now();
+        if (!isWanted_ || now < next_) return;
+        next_ = now + kRedraw;
+        draw(all == 0 ? fmt::format("modeld: looking through the files: {} rows", rows)
+                      : fmt::format("modeld: loading: {} of {} rows ({} %)", rows, all,
+                                    100 * rows / all));
+    }
+
+  private:
+    static constexpr std::chrono::milliseconds kRedraw{100};
+
+    void draw(const std::string& text) const {
+        if (isWanted_) fmt::print(stderr, "\r{}\x1b[K", text);
+    }
+
+    const bool isWanted_ = kvx::platform::isTerminal(stderr) && Log::shows(LogLevel::Info);
+    std::chrono::steady_clock::time_point next_;
+};
 
 Source sourceOf(const Options& options) {
     return {options.files, options.table, options.key};
@@ -84,21 +110,28 @@ std::optional<Refusal> fillWhenFree(Store& store, const Options& options,
     }
 }
 
+// Opens the database and fills it; `rows` is how many.
+std::optional<Refusal> openAndFill(const Options& options, std::uint64_t& rows) {
+    Refusal refusal;
+    const auto store = Store::open(options.database, Store::Access::ReadWrite, refusal);
+    if (!store) return refusal;
+    ProgressLine line;
+    auto problem =
+        fillWhenFree(*store, options, [&](std::uint64_t done, std::uint64_t all) {
+            rows = done;
+            line.show(done, all);
+        });
+    if (problem && problem->error != StoreError::BadSource) {
+        problem->message = options.database + ": " + problem->message;
+    }
+    return problem;
+}
+
 bool load(const Options& options) {
     if (options.files.empty()) return true;
     const auto begin = std::chrono::steady_clock::now();
-    Refusal refusal;
-    const auto store = Store::open(options.database, Store::Access::ReadWrite, refusal);
     std::uint64_t rows = 0;
-    std::optional<Refusal> problem = refusal;
-    if (store) {
-        problem = fillWhenFree(*store, options, [&](std::uint64_t done) {
-            rows = done;
-            showProgress(done);
-        });
-    }
-    if (kvx::platform::isTerminal(stderr)) fmt::print(stderr, "\r");
-    if (problem) {
+    if (const auto problem = openAndFill(options, rows)) {
         Log::error("{}", problem->message);
         return false;
     }
@@ -112,18 +145,23 @@ bool load(const Options& options) {
 void leave(ModelService& service, CVekEngine& engine) {
     service.stopAnswering();
     engine.RESetInActive();
+    const auto end = std::chrono::steady_clock::now() + kForTheQueue;
     while (const auto item = std::unique_ptr<CVekSendQueueItem>(engine.RENextSendItem())) {
         item->RSQIDeQueueIt();
-        rv_Flush(engine.m_session->handle(), kFlushMs);
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            end - std::chrono::steady_clock::now());
+        rv_Flush(engine.m_session->handle(),
+                 static_cast<unsigned long>(std::max<long long>(left.count(), 0)));
     }
     engine.m_ftErrorCallback.reset();
     engine.m_ftSession.reset();
 }
 
-// The two that end no process do not end it while it is still loading and connecting either.
+// Those that end no process do not end it while it is still loading and connecting either.
 void ignoreHarmlessSignals() {
     kvx::platform::ignoreSignal(kvx::platform::signal_number::hangup());
     kvx::platform::ignoreSignal(kvx::platform::signal_number::user2());
+    kvx::platform::ignoreSignal(SIGPIPE);  // who reads the log may end before the service
 }
 
 }  // namespace
@@ -134,14 +172,17 @@ int run(const Options& options) {
     // What the files are before the loading: a change during it is seen later.
     const FileWatch watch(options.files);
     if (!load(options)) return kFailure;
+    // Outlives all that may take its time to end.
+    std::optional<StopWatch> watchTheStop;
     // An engine that serves no service joins no group.
     ModelEngine engine(options.tier, options.group.c_str(), options.domain.c_str(),
                        options.standalone ? SERV_UNKNOWN : options.service);
     ModelService service(engine, {options.database, options.service, options.threads,
                                   fmt::format("tier {} of group {}", options.tier, options.group),
                                   options.standalone});
+    DaemonLink link(engine);
     std::string reason;
-    if (!service.start(reason)) {
+    if (!service.start(reason) || !link.start()) {
         Log::error("{}", reason);
         return kFailure;
     }
@@ -156,10 +197,16 @@ int run(const Options& options) {
     if (options.standalone) engine.RESetActive();
     StopSignals signals(engine);
     signals.manage(&engine);
+    watchTheStop.emplace();
     engine.REDoIt();
     signals.stop();
+    watchTheStop->leaving();
     leave(service, engine);
-    Log::info("ended by a signal");
+    if (DaemonLink::unsent() == 0) {
+        Log::info("ended by a signal");
+    } else {
+        Log::info("ended by a signal; {} messages could not be sent", DaemonLink::unsent());
+    }
     return 0;
 }
 

@@ -113,7 +113,12 @@ std::optional<Refusal> eachRecord(const Source& source, std::vector<std::string>
     return std::nullopt;
 }
 
-std::optional<Refusal> learnColumns(const Source& source, std::vector<Column>& columns) {
+void tell(const Progress& progress, std::uint64_t rows, std::uint64_t all) {
+    if (rows % kRowsPerProgress == 0 && progress) progress(rows, all);
+}
+
+std::optional<Refusal> learnColumns(const Source& source, std::vector<Column>& columns,
+                                    std::uint64_t& rows, const Progress& progress) {
     std::vector<std::string> heading;
     auto refusal = eachRecord(source, heading, [&](const auto& fields) -> std::optional<Refusal> {
         columns.resize(fields.size());
@@ -122,6 +127,7 @@ std::optional<Refusal> learnColumns(const Source& source, std::vector<Column>& c
             columns[i].empty = false;
             columns[i].integers = columns[i].integers && isPlainInteger(fields[i]);
         }
+        tell(progress, ++rows, 0);
         return std::nullopt;
     });
     if (refusal) return refusal;
@@ -146,7 +152,8 @@ std::string insertText(const std::string& table, std::size_t columns) {
 }
 
 std::optional<Refusal> insertRows(sqlite3* database, const Source& source, const std::string& table,
-                                  std::size_t columns, const Progress& progress) {
+                                  std::size_t columns, std::uint64_t all,
+                                  const Progress& progress) {
     const sql::Statement insert = sql::prepare(database, insertText(table, columns));
     if (!insert) return failed(database, "preparing the insertion");
     std::uint64_t rows = 0;
@@ -163,10 +170,10 @@ std::optional<Refusal> insertRows(sqlite3* database, const Source& source, const
         }
         if (sqlite3_step(insert.get()) != SQLITE_DONE) return failed(database, "inserting a row");
         sqlite3_reset(insert.get());
-        if (++rows % kRowsPerProgress == 0 && progress) progress(rows);
+        tell(progress, ++rows, all);
         return std::nullopt;
     });
-    if (!refusal && progress) progress(rows);
+    if (!refusal && progress) progress(rows, rows);
     return refusal;
 }
 
@@ -181,12 +188,13 @@ Refusal failed(sqlite3* database, const std::string& doing) {
 std::optional<Refusal> fillTable(sqlite3* database, const Source& source, const std::string& table,
                                  const Progress& progress) {
     std::vector<Column> columns;
-    if (auto refusal = learnColumns(source, columns)) return refusal;
+    std::uint64_t rows = 0;
+    if (auto refusal = learnColumns(source, columns, rows, progress)) return refusal;
     if (!sql::execute(database, "DROP TABLE IF EXISTS " + table) ||
         !sql::execute(database, createText(table, columns))) {
         return failed(database, "creating the table");
     }
-    return insertRows(database, source, table, columns.size(), progress);
+    return insertRows(database, source, table, columns.size(), rows, progress);
 }
 
 std::optional<Refusal> indexKey(sqlite3* database, const Source& source) {

@@ -4,6 +4,9 @@
 // partner was deleted or inserted, partners that differ were changed. Rows that did not change are
 // not written.
 //
+// A notice says what its row is now, so the notices of one row that wait make each other obsolete:
+// the newest stays. Whoever publishes them late, as after a take-over, tells no older value.
+//
 // Two processes may share one database. The transaction takes the write lock before it compares, so
 // the second one finds no difference; and since the notices are rows of the database too, it does
 // not matter which of the two did the work: the one whose task it is to publish takes them.
@@ -80,6 +83,7 @@ std::optional<Refusal> Refresh::apply(const Describe& describe, Refreshed& done)
     }
     if (rowid_.empty()) return Refusal{StoreError::BadSource, "every row number is a column", 0};
     if (auto refusal = compare()) return refusal;
+    if (auto refusal = makeRoomForNotices()) return refusal;
     std::uint64_t* counts[] = {&done.inserted, &done.changed, &done.deleted};
     for (const Change change : kOrder) {
         if (auto refusal = keepNotices(change, describe, *counts[static_cast<int>(change)])) {
@@ -123,40 +127,52 @@ std::optional<Refusal> Refresh::compare() {
              identitiesText("after", kStaged, rowid_, identity(staged_)),
              "CREATE INDEX temp.before_k ON before (k, n)",
              "CREATE INDEX temp.after_k ON after (k, n)",
-             "CREATE TEMP TABLE changes (kind INTEGER, present INTEGER, staged INTEGER)",
-             insert + number(Change::Deleted) + ", b.r, NULL FROM before b LEFT JOIN after a" +
+             "CREATE TEMP TABLE changes (kind INTEGER, present INTEGER, staged INTEGER, row TEXT)",
+             insert + number(Change::Deleted) + ", b.r, NULL, b.k || ' ' || b.n FROM before b LEFT JOIN after a" +
                  partners + " WHERE a.r IS NULL ORDER BY b.r",
-             insert + number(Change::Inserted) + ", NULL, a.r FROM after a LEFT JOIN before b" +
+             insert + number(Change::Inserted) + ", NULL, a.r, a.k || ' ' || a.n FROM after a LEFT JOIN before b" +
                  partners + " WHERE b.r IS NULL ORDER BY a.r"}) &&
         (present_.columns.empty() ||
-         all({insert + number(Change::Changed) + ", b.r, a.r FROM after a JOIN before b" +
+         all({insert + number(Change::Changed) + ", b.r, a.r, a.k || ' ' || a.n FROM after a JOIN before b" +
               partners + " JOIN " + table + " o ON o." + rowid_ + " = b.r JOIN " + kStaged +
               " s ON s." + rowid_ + " = a.r WHERE " + differs() + " ORDER BY a.r"}));
     return done ? std::nullopt : std::optional(failed(database_, "comparing the rows"));
+}
+
+// Databases of earlier versions do not know which row a notice is of.
+std::optional<Refusal> Refresh::makeRoomForNotices() {
+    const std::string notices = kNotices;
+    const bool done =
+        all({"CREATE TABLE IF NOT EXISTS " + notices +
+             " (id INTEGER PRIMARY KEY AUTOINCREMENT, made INTEGER, notice BLOB, row TEXT)"}) &&
+        (sql::prepare(database_, "SELECT row FROM " + notices) ||
+         all({"ALTER TABLE " + notices + " ADD COLUMN row TEXT"})) &&
+        all({"DELETE FROM " + notices + " WHERE row IN (SELECT row FROM temp.changes)"});
+    return done ? std::nullopt : std::optional(failed(database_, "keeping the notices"));
 }
 
 std::optional<Refusal> Refresh::keepNotices(Change change, const Describe& describe,
                                             std::uint64_t& rows) {
     const bool deleted = change == Change::Deleted;
     if (deleted && present_.columns.empty()) return std::nullopt;
-    if (!sql::execute(database_,
-                      std::string("CREATE TABLE IF NOT EXISTS ") + kNotices +
-                          " (id INTEGER PRIMARY KEY AUTOINCREMENT, made INTEGER, notice BLOB)")) {
-        return failed(database_, "keeping the notices");
-    }
     const std::string table = deleted ? "main." + sql::quoted(source_.table) : kStaged;
     const sql::Statement select =
-        sql::prepare(database_, "SELECT t.* FROM temp.changes c JOIN " + table + " t ON t." +
+        sql::prepare(database_, "SELECT t.*, c.row FROM temp.changes c JOIN " + table + " t ON t." +
                                     rowid_ + " = c." + (deleted ? "present" : "staged") +
                                     " WHERE c.kind = " + number(change) + " ORDER BY c." + rowid_);
     const sql::Statement insert =
         sql::prepare(database_, std::string("INSERT INTO ") + kNotices +
-                                    " (made, notice) VALUES (CAST(strftime('%s') AS INTEGER), ?)");
+                                    " (made, notice, row) VALUES "
+                                    "(CAST(strftime('%s') AS INTEGER), ?, ?)");
     if (!select || !insert) return failed(database_, "keeping the notices");
     int step = sqlite3_step(select.get());
     for (; step == SQLITE_ROW; step = sqlite3_step(select.get())) {
-        const std::string notice = describe(change, Row(select.get()));
+        const Row row(select.get(), 1);
+        const std::string notice = describe(change, row);
+        const std::string_view identity = row.text(row.size());
         sqlite3_bind_blob64(insert.get(), 1, notice.data(), notice.size(), SQLITE_STATIC);
+        sqlite3_bind_text64(insert.get(), 2, identity.data(), identity.size(), SQLITE_STATIC,
+                            SQLITE_UTF8);
         if (sqlite3_step(insert.get()) != SQLITE_DONE) {
             return failed(database_, "keeping the notices");
         }

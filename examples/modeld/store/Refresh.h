@@ -31,6 +31,7 @@ class Refresh {
 
   private:
     std::optional<Refusal> compare();
+    std::optional<Refusal> makeRoomForNotices();
     std::optional<Refusal> keepNotices(Change change, const Describe& describe,
                                        std::uint64_t& rows);
     std::optional<Refusal> changeRows();

@@ -55,7 +55,7 @@ std::optional<Refusal> badTable(const std::string& name) {
 }  // namespace
 
 int Row::size() const {
-    return sqlite3_column_count(statement_);
+    return sqlite3_column_count(statement_) - hidden_;
 }
 
 const char* Row::name(int column) const {

@@ -32,7 +32,9 @@ enum class ValueKind { Null, Integer, Real, Text };
 /// One row of an answer, valid during the call that shows it.
 class Row {
   public:
-    explicit Row(sqlite3_stmt* statement) : statement_(statement) {}
+    /// The last `hidden` columns of the statement are not the row's.
+    explicit Row(sqlite3_stmt* statement, int hidden = 0)
+        : statement_(statement), hidden_(hidden) {}
 
     int size() const;
     const char* name(int column) const;
@@ -42,6 +44,7 @@ class Row {
 
   private:
     sqlite3_stmt* statement_;
+    int hidden_;
 };
 
 /// Which files a table is filled from, and how far that has come.
@@ -51,7 +54,10 @@ struct Source {
     std::string table;
     std::string key;  ///< a column to index; empty for none
 };
-using Progress = std::function<void(std::uint64_t rows)>;
+
+/// Is told from time to time how many rows have been read of `all`, which is 0 while it is not known:
+/// files are read twice, and first only to learn what they hold.
+using Progress = std::function<void(std::uint64_t rows, std::uint64_t all)>;
 
 enum class Change { Inserted, Changed, Deleted };
 
@@ -94,7 +100,7 @@ class Store {
     /// Brings `source.table` in line with its files by changing only the rows that differ. Rows are
     /// the same when their keys are; without a key, or of one key twice, the values and the order
     /// tell. In one transaction with the changes it keeps the notices that `describe` makes of
-    /// them, until somebody takes them. On a refusal everything is as it was before.
+    /// them, until somebody takes them or a newer one is of the same row. On a refusal everything is as it was before.
     std::optional<Refusal> refresh(const Source& source, const Describe& describe, Refreshed& done,
                                    const Progress& progress = {});
 

@@ -50,9 +50,16 @@ TEST_F(FileWatchTest, WaitsForAFileThatIsGoneAndLeavesALaterChangeUnknown) {
     FileWatch watch({directory_.file("a")});
     std::filesystem::remove(directory_.file("a"));
     EXPECT_FALSE(watch.look());
+    ASSERT_EQ(watch.turns().size(), 1U);
+    EXPECT_FALSE(watch.turns()[0].isThere);
+    EXPECT_TRUE(watch.isSettled());
     EXPECT_FALSE(watch.look());
+    EXPECT_TRUE(watch.turns().empty()) << "told already";
     write("a", "22");
     EXPECT_FALSE(watch.look());
+    ASSERT_EQ(watch.turns().size(), 1U);
+    EXPECT_TRUE(watch.turns()[0].isThere);
+    EXPECT_FALSE(watch.isSettled()) << "what it holds now is not known";
     EXPECT_TRUE(watch.look());
     write("a", "333");
     watch.know();

@@ -275,12 +275,27 @@ TEST_F(StoreTest, NoticesAreTakenOnceByWhoeverSharesTheDatabase) {
     EXPECT_TRUE(run("select * from _modeld_notices")) << "the store's own table is nobody's";
 }
 
+TEST_F(StoreTest, KeepsTheNewestNoticeOfARow) {
+    load("name,ports\na,1\nb,1\n", "name");
+    const Describe describe = [](Change change, const Row& row) {
+        return std::string(1, "+*-"[static_cast<int>(change)]) + std::string(row.text(1));
+    };
+    Refreshed done;
+    for (const char* content : {"name,ports\na,2\nb,2\n", "name,ports\na,3\nb,2\nb,9\n",
+                                "name,ports\na,4\nb,2\n"}) {
+        const Source source{{csv("data.csv", content)}, "devices", "name"};
+        EXPECT_FALSE(store_->refresh(source, describe, done));
+    }
+    take(*store_);
+    EXPECT_EQ(told_, "*2;-9;*4;");
+}
+
 TEST_F(StoreTest, TellsThatAnotherOneWritesFromWhatIsBroken) {
     Refusal refusal;
     const auto other = Store::open(directory_.file("model.db"), Store::Access::ReadWrite, refusal);
     std::optional<Refusal> meanwhile;
     EXPECT_FALSE(store_->load({{csv("data.csv", kDevices)}, "devices", ""},
-                              [&](std::uint64_t) { meanwhile = other->awaitWriter(); }));
+                              [&](auto...) { meanwhile = other->awaitWriter(); }));
     ASSERT_TRUE(meanwhile);
     EXPECT_EQ(meanwhile->error, StoreError::Busy);
     EXPECT_FALSE(other->awaitWriter());

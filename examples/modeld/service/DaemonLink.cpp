@@ -1,0 +1,72 @@
+// The bus tells of the loss, by an advisory that comes before anything is tried, and tells nobody of
+// the return: while the daemon is away, the link is asked at every tick whether it is there.
+//
+// An error report comes from any thread, and knows no object; so what it needs is of the process.
+
+#include "examples/modeld/service/DaemonLink.h"
+
+#include <atomic>
+
+#include "examples/modeld/service/Log.h"
+#include "mom/net/VekCodes.h"
+#include "rv/error/rvCodes.h"
+
+namespace modeld {
+
+namespace {
+
+constexpr int kLookMs = 100;
+
+std::atomic<bool> isAway{false};
+std::atomic<unsigned> lossCount{0};
+std::atomic<std::uint64_t> unsentCount{0};
+
+void report(int code, const char* file, int line, const char* text) {
+    if (isAway && code == kvx::kNotSent) {
+        ++unsentCount;
+        return;
+    }
+    Log::error("{}:{}: {} ({}){}{}", file != nullptr ? file : "", line,
+               CVekError::CatalogueText(code), code, text != nullptr ? ": " : "",
+               text != nullptr ? text : "");
+}
+
+}  // namespace
+
+DaemonLink::DaemonLink(CVekEngine& engine)
+    : engine_(engine), before_(CVekError::SetHandler(report)) {}
+
+DaemonLink::~DaemonLink() {
+    CVekError::SetHandler(before_);
+}
+
+bool DaemonLink::start() {
+    return engine_.RRNAddExService(kvx::advisory::kDisconnectedSubject, this) == 1 &&
+           engine_.RRNAddRepeatTimer(kLookMs, this) == 1;
+}
+
+bool DaemonLink::isUp() {
+    return !isAway;
+}
+
+unsigned DaemonLink::losses() {
+    return lossCount;
+}
+
+std::uint64_t DaemonLink::unsent() {
+    return unsentCount;
+}
+
+void DaemonLink::onData(const char*, RvSender*, const RvDatum&, RvListener*) {
+    ++lossCount;
+    if (!isAway.exchange(true)) Log::warning("the daemon is away; nothing can be sent until it is back");
+}
+
+void DaemonLink::onTimer(RvTimer*) {
+    if (!isAway || rv_Flush(engine_.m_session->handle(), 0) == kvx::session_code::kNotConnected) return;
+    isAway = false;
+    const auto unsent = unsentCount.exchange(0);
+    Log::info("the daemon is back; {} messages could not be sent meanwhile", unsent);
+}
+
+}  // namespace modeld
