@@ -5,6 +5,7 @@ struct Printer : RvDataCallback {
         std::printf("%s ", subject);
         data.print(stdout);
         std::puts("");
+        std::fflush(stdout);
     }
 };
 

@@ -20,9 +20,9 @@ inline constexpr std::size_t kMaxQueryBytes = 64 * 1024;
 inline constexpr int kMaxNesting = 64;
 inline constexpr int kMaxComparisons = 500;
 
-/// Reads one query. Keywords are recognised in any case, a closing semicolon is allowed. Texts stand
-/// in single or double quotes, names in double quotes or, when they are words and no keywords, in
-/// none; a doubled quote stands for a quote inside. Any thread.
+/// Reads one query. Keywords are recognised in any case, a closing semicolon is allowed. Texts
+/// stand in single or double quotes, names in double quotes or, when they are words and no
+/// keywords, in none; a doubled quote stands for a quote inside. Any thread.
 std::variant<Query, SyntaxError> parse(std::string_view text);
 
 }  // namespace modeld::oql

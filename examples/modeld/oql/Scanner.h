@@ -11,7 +11,8 @@ namespace modeld::oql {
 /// Quoted stands in double quotes and is a name or a text, as the grammar has it.
 enum class TokenKind { End, Word, Text, Quoted, Integer, Real, Symbol, Bad };
 
-/// One token: a word in its own spelling, a text or quoted name without its quotes, a number, or an operator.
+/// One token: a word in its own spelling, a text or quoted name without its quotes, a number, or an
+/// operator.
 struct Token {
     TokenKind kind = TokenKind::End;
     std::string text;  ///< for Bad: what is wrong

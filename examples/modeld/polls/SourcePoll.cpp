@@ -3,9 +3,9 @@
 // there, and forgets them at a later look, when the send queue has been empty since. So a change is
 // published although the member that found it died before it could, or stood by and shares its
 // database with the active one. The price is that a notice may be published twice: by a member that
-// dies before it forgets, or by two members with databases of their own around a take-over. It never
-// tells an older value than has been told: a notice says what the row is now, the store keeps the
-// newest of a row, and nothing is published that the files may have outdated already.
+// dies before it forgets, or by two members with databases of their own around a take-over. It
+// never tells an older value than has been told: a notice says what the row is now, the store keeps
+// the newest of a row, and nothing is published that the files may have outdated already.
 //
 // While the daemon is away nothing is published, nor forgotten: what was queued when it went is
 // published anew, and a standby does not know yet whether others have published what it keeps.

@@ -21,7 +21,7 @@ struct Question {
 struct Verdict {
     std::uint64_t rows = 0;
     EVekStoreErrorStatus status = STORE_COMPLETE;
-    std::string reason;  ///< empty unless the question was refused
+    std::string reason;    ///< empty unless the question was refused
     bool isProbe = false;  ///< it asked for no rows, and so only whether anybody answers
 };
 

@@ -1,5 +1,7 @@
-// The bus tells of the loss, by an advisory that comes before anything is tried, and tells nobody of
-// the return: while the daemon is away, the link is asked at every tick whether it is there.
+// The bus tells of the loss, by an advisory that comes before anything is tried, and tells nobody
+// of the return. An engine has two sessions, and whichever finds the daemon gone tries for seconds
+// to come back, so that both are listened to. While the daemon is away, the engine's link is asked
+// at every tick whether it is there.
 //
 // An error report comes from any thread, and knows no object; so what it needs is of the process.
 
@@ -41,6 +43,10 @@ DaemonLink::~DaemonLink() {
 }
 
 bool DaemonLink::start() {
+    if (engine_.m_ftSession) {
+        onGroupSession_.reset(
+            engine_.m_ftSession->newListener(kvx::advisory::kDisconnectedSubject, this, nullptr));
+    }
     return engine_.RRNAddExService(kvx::advisory::kDisconnectedSubject, this) == 1 &&
            engine_.RRNAddRepeatTimer(kLookMs, this) == 1;
 }
@@ -59,11 +65,13 @@ std::uint64_t DaemonLink::unsent() {
 
 void DaemonLink::onData(const char*, RvSender*, const RvDatum&, RvListener*) {
     ++lossCount;
-    if (!isAway.exchange(true)) Log::warning("the daemon is away; nothing can be sent until it is back");
+    if (!isAway.exchange(true))
+        Log::warning("the daemon is away; nothing can be sent until it is back");
 }
 
 void DaemonLink::onTimer(RvTimer*) {
-    if (!isAway || rv_Flush(engine_.m_session->handle(), 0) == kvx::session_code::kNotConnected) return;
+    if (!isAway || rv_Flush(engine_.m_session->handle(), 0) == kvx::session_code::kNotConnected)
+        return;
     isAway = false;
     const auto unsent = unsentCount.exchange(0);
     Log::info("the daemon is back; {} messages could not be sent meanwhile", unsent);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "mom/mom.h"
 
@@ -39,6 +40,7 @@ class DaemonLink : public RvDataCallback, public RvTimerCallback {
   private:
     CVekEngine& engine_;
     const VekErrorHandler before_;
+    std::unique_ptr<RvListener> onGroupSession_;
 };
 
 }  // namespace modeld

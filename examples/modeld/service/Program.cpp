@@ -116,11 +116,10 @@ std::optional<Refusal> openAndFill(const Options& options, std::uint64_t& rows) 
     const auto store = Store::open(options.database, Store::Access::ReadWrite, refusal);
     if (!store) return refusal;
     ProgressLine line;
-    auto problem =
-        fillWhenFree(*store, options, [&](std::uint64_t done, std::uint64_t all) {
-            rows = done;
-            line.show(done, all);
-        });
+    auto problem = fillWhenFree(*store, options, [&](std::uint64_t done, std::uint64_t all) {
+        rows = done;
+        line.show(done, all);
+    });
     if (problem && problem->error != StoreError::BadSource) {
         problem->message = options.database + ": " + problem->message;
     }

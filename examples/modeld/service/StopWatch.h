@@ -23,8 +23,8 @@ class StopWatch {
     StopWatch(const StopWatch&) = delete;
     StopWatch& operator=(const StopWatch&) = delete;
 
-    /// The loop has been left, and the catcher stopped. While the daemon is there what is left to do
-    /// may take ten seconds.
+    /// The loop has been left, and the catcher stopped. While the daemon is there what is left to
+    /// do may take ten seconds.
     void leaving();
 
   private:

@@ -128,14 +128,17 @@ std::optional<Refusal> Refresh::compare() {
              "CREATE INDEX temp.before_k ON before (k, n)",
              "CREATE INDEX temp.after_k ON after (k, n)",
              "CREATE TEMP TABLE changes (kind INTEGER, present INTEGER, staged INTEGER, row TEXT)",
-             insert + number(Change::Deleted) + ", b.r, NULL, b.k || ' ' || b.n FROM before b LEFT JOIN after a" +
-                 partners + " WHERE a.r IS NULL ORDER BY b.r",
-             insert + number(Change::Inserted) + ", NULL, a.r, a.k || ' ' || a.n FROM after a LEFT JOIN before b" +
-                 partners + " WHERE b.r IS NULL ORDER BY a.r"}) &&
+             insert + number(Change::Deleted) +
+                 ", b.r, NULL, b.k || ' ' || b.n FROM before b LEFT JOIN after a" + partners +
+                 " WHERE a.r IS NULL ORDER BY b.r",
+             insert + number(Change::Inserted) +
+                 ", NULL, a.r, a.k || ' ' || a.n FROM after a LEFT JOIN before b" + partners +
+                 " WHERE b.r IS NULL ORDER BY a.r"}) &&
         (present_.columns.empty() ||
-         all({insert + number(Change::Changed) + ", b.r, a.r, a.k || ' ' || a.n FROM after a JOIN before b" +
-              partners + " JOIN " + table + " o ON o." + rowid_ + " = b.r JOIN " + kStaged +
-              " s ON s." + rowid_ + " = a.r WHERE " + differs() + " ORDER BY a.r"}));
+         all({insert + number(Change::Changed) +
+              ", b.r, a.r, a.k || ' ' || a.n FROM after a JOIN before b" + partners + " JOIN " +
+              table + " o ON o." + rowid_ + " = b.r JOIN " + kStaged + " s ON s." + rowid_ +
+              " = a.r WHERE " + differs() + " ORDER BY a.r"}));
     return done ? std::nullopt : std::optional(failed(database_, "comparing the rows"));
 }
 

@@ -88,7 +88,8 @@ class Translation {
             command_.text += quoted(column->first);
             return column->second;
         }
-        refuse(StoreError::NoColumn, "no column '" + oql::excerpt(name.text) + "' in '" + table_.name + "'",
+        refuse(StoreError::NoColumn,
+               "no column '" + oql::excerpt(name.text) + "' in '" + table_.name + "'",
                name.position);
         return ValueKind::Null;
     }
@@ -174,7 +175,7 @@ bool execute(sqlite3* database, const std::string& text) {
     return sqlite3_exec(database, text.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
-std::string quoted(std::string_view name) {
+std::string quoted(const std::string& name) {
     std::string result = "\"";
     for (const char c : name) {
         if (c == '"') result.push_back('"');

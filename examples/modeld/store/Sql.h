@@ -26,7 +26,7 @@ Statement prepare(sqlite3* database, const std::string& text);
 bool execute(sqlite3* database, const std::string& text);
 
 /// An identifier as SQL wants it: in double quotes, quotes inside doubled.
-std::string quoted(std::string_view name);
+std::string quoted(const std::string& name);
 
 /// How the names of the store's own tables begin, which no query reaches.
 inline constexpr const char kOwnTables[] = "_modeld_";

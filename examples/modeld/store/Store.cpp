@@ -23,10 +23,10 @@ constexpr const char* kCacheSize = "PRAGMA cache_size = -65536";  // KiB when ne
 bool isUsable(sqlite3* database, Store::Access access) {
     sqlite3_busy_timeout(database, kBusyTimeoutMs);
     sql::execute(database, kCacheSize);
-    const char* first = access == Store::Access::ReadOnly ? "PRAGMA schema_version"
-                                                          : "PRAGMA journal_mode = WAL";
-    return sql::execute(database, first) || (access == Store::Access::ReadOnly &&
-                                             sqlite3_errcode(database) == SQLITE_BUSY);
+    const char* first =
+        access == Store::Access::ReadOnly ? "PRAGMA schema_version" : "PRAGMA journal_mode = WAL";
+    return sql::execute(database, first) ||
+           (access == Store::Access::ReadOnly && sqlite3_errcode(database) == SQLITE_BUSY);
 }
 
 // What SQLite says, and the system's word for it where that says more.

@@ -55,8 +55,8 @@ struct Source {
     std::string key;  ///< a column to index; empty for none
 };
 
-/// Is told from time to time how many rows have been read of `all`, which is 0 while it is not known:
-/// files are read twice, and first only to learn what they hold.
+/// Is told from time to time how many rows have been read of `all`, which is 0 while it is not
+/// known: files are read twice, and first only to learn what they hold.
 using Progress = std::function<void(std::uint64_t rows, std::uint64_t all)>;
 
 enum class Change { Inserted, Changed, Deleted };
@@ -100,7 +100,8 @@ class Store {
     /// Brings `source.table` in line with its files by changing only the rows that differ. Rows are
     /// the same when their keys are; without a key, or of one key twice, the values and the order
     /// tell. In one transaction with the changes it keeps the notices that `describe` makes of
-    /// them, until somebody takes them or a newer one is of the same row. On a refusal everything is as it was before.
+    /// them, until somebody takes them or a newer one is of the same row. On a refusal everything
+    /// is as it was before.
     std::optional<Refusal> refresh(const Source& source, const Describe& describe, Refreshed& done,
                                    const Progress& progress = {});
 

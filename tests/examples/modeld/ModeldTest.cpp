@@ -93,8 +93,8 @@ TEST_F(ModeldTest, ShowsTheProgressOfALoadOnATerminalOnly) {
     const std::string shown = terminal.output();
     EXPECT_NE(shown.find(" of 20000 rows ("), std::string::npos) << shown;
     EXPECT_NE(shown.find("\r\x1b[Kmodeld: error: "), std::string::npos) << shown;
-    const auto quiet = bus_.run("modeld", {"--load", bus_.path("many.csv"), "--db",
-                                           bus_.path("b.db"), "--key", "none"});
+    const auto quiet = bus_.run(
+        "modeld", {"--load", bus_.path("many.csv"), "--db", bus_.path("b.db"), "--key", "none"});
     EXPECT_EQ(quiet.status, 1);
     EXPECT_EQ(count(quiet.errors, "\n"), 1) << quiet.errors;
     EXPECT_EQ(quiet.errors.find('\r'), std::string::npos);

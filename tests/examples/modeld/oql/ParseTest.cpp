@@ -73,8 +73,7 @@ TEST(Parse, TakesQuotedNamesWhereNamesStand) {
     EXPECT_EQ(compare.field.text, "limit");
     EXPECT_EQ(std::get<std::string>(compare.value), "limit");
     EXPECT_EQ(query.order.at(0).field.text, "by");
-    EXPECT_EQ(refused("select 'order' from t").message,
-              "unexpected 'order', expected * or a name");
+    EXPECT_EQ(refused("select 'order' from t").message, "unexpected 'order', expected * or a name");
 }
 
 TEST(Parse, NamesTheCulpritAndItsPlace) {

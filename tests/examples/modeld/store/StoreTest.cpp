@@ -281,8 +281,8 @@ TEST_F(StoreTest, KeepsTheNewestNoticeOfARow) {
         return std::string(1, "+*-"[static_cast<int>(change)]) + std::string(row.text(1));
     };
     Refreshed done;
-    for (const char* content : {"name,ports\na,2\nb,2\n", "name,ports\na,3\nb,2\nb,9\n",
-                                "name,ports\na,4\nb,2\n"}) {
+    for (const char* content :
+         {"name,ports\na,2\nb,2\n", "name,ports\na,3\nb,2\nb,9\n", "name,ports\na,4\nb,2\n"}) {
         const Source source{{csv("data.csv", content)}, "devices", "name"};
         EXPECT_FALSE(store_->refresh(source, describe, done));
     }
