@@ -3,6 +3,8 @@
 #include "examples/modeld/service/Options.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <sstream>
 
 namespace modeld {
 
@@ -60,6 +62,10 @@ Options readOptions(int argc, char** argv, int& exitStatus) {
     int verbose = 0;
     int quiet = 0;
     CLI::App app{"Answers queries over the bus out of an SQLite database.", "modeld"};
+    app.footer(
+        "Queries: select FIELDS from TABLE [where CONDITION] [order by FIELD [asc|desc], ...]\n"
+        "[limit N]. Texts stand in single or double quotes, names that are keywords in double\n"
+        "quotes.");
     app.set_version_flag("--version", std::string("modeld ") + KVX_VERSION);
     addOptions(app, options, service);
     addPolls(app, options);
@@ -69,7 +75,15 @@ Options readOptions(int argc, char** argv, int& exitStatus) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        exitStatus = app.exit(error) == 0 ? 0 : kUsage;
+        std::ostringstream out;
+        std::ostringstream complaint;
+        exitStatus = app.exit(error, out, complaint) == 0 ? 0 : kUsage;
+        fmt::print(stdout, "{}", out.str());
+        std::istringstream lines(complaint.str());
+        for (std::string line; std::getline(lines, line);) {
+            fmt::print(stderr, "{}\n", oneLine(line));
+        }
+        if (std::fflush(stdout) != 0) exitStatus = 1;
     }
     options.service = CVekServiceToSubjectMapper::ServiceStringToEnum(service.c_str());
     if (options.group.empty()) {

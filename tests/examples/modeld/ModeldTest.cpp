@@ -100,5 +100,15 @@ TEST_F(ModeldTest, ShowsTheProgressOfALoadOnATerminalOnly) {
     EXPECT_EQ(quiet.errors.find('\r'), std::string::npos);
 }
 
+TEST_F(ModeldTest, TellsOnOneLineWhatIsWrongWithItsCommandLine) {
+    const auto refused = bus_.run("modeld", {"--load", "no\x1b[31m\nfile"});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.errors.find('\x1b'), std::string::npos) << refused.errors;
+    ChildProcess help("/bin/sh", {"-c", KVX_BIN_DIR "/modeld --help >/dev/full"});
+    EXPECT_EQ(help.wait(), 1) << "the help was lost";
+    EXPECT_EQ(bus_.run("modeld", {"--db", ""}).errors,
+              "modeld: error: a database needs a file name\n");
+}
+
 }  // namespace
 }  // namespace kvx::test

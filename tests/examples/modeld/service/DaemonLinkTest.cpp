@@ -1,0 +1,36 @@
+#include "examples/modeld/service/DaemonLink.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/Daemon.h"
+#include "tests/support/Home.h"
+
+namespace modeld {
+namespace {
+
+constexpr int kNotSent = -220545;
+
+TEST(DaemonLink, TellsALossAndAReturnOnceAndCountsWhatCouldNotBeSent) {
+    kvx::test::Daemon daemon;
+    kvx::test::Home home(daemon.text());
+    CVekEngine engine(1, "link", "TEST", SERV_UNKNOWN);
+    DaemonLink link(engine);
+    ASSERT_TRUE(link.start());
+    const unsigned losses = DaemonLink::losses();
+    testing::internal::CaptureStderr();
+    for (int session = 0; session < 2; ++session) link.onData("", nullptr, RvDatum(), nullptr);
+    EXPECT_FALSE(DaemonLink::isUp());
+    EXPECT_NE(DaemonLink::losses(), losses);
+    for (int i = 0; i < 180; ++i) CVekError(kNotSent, "CVekSendQueueItem", 210);
+    CVekError(-220552, "CVekNet", 1, "\x1b");
+    link.onTimer(nullptr);
+    EXPECT_TRUE(DaemonLink::isUp());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "modeld: warning: the daemon is away; nothing can be sent until it is back\n"
+              "modeld: error: CVekNet:1: " + std::string(CVekError::CatalogueText(-220552)) +
+                  " (-220552): \\x1b\n"
+                  "modeld: info: the daemon is back; 180 messages could not be sent meanwhile\n");
+}
+
+}  // namespace
+}  // namespace modeld
