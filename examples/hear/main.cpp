@@ -12,6 +12,6 @@ struct Printer : RvDataCallback {
 int main() {
     CVekClient client(8000, "DEFAULT");
     Printer printer;
-    client.RRNAddService("NEWS", &printer);
+    if (client.RRNAddService("NEWS", &printer) != 1) return 1;
     client.RRNDoIt();
 }

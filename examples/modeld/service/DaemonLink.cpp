@@ -35,10 +35,9 @@ void report(int code, const char* file, int line, const char* text) {
 
 }  // namespace
 
-DaemonLink::DaemonLink(CVekEngine& engine)
-    : engine_(engine), before_(CVekError::SetHandler(report)) {}
+ReportsInLog::ReportsInLog() : before_(CVekError::SetHandler(report)) {}
 
-DaemonLink::~DaemonLink() {
+ReportsInLog::~ReportsInLog() {
     CVekError::SetHandler(before_);
 }
 

@@ -7,18 +7,26 @@
 
 namespace modeld {
 
+/// While one lives, the libraries' error reports are lines of the log. One a process.
+class ReportsInLog {
+  public:
+    ReportsInLog();
+    ~ReportsInLog();
+    ReportsInLog(const ReportsInLog&) = delete;
+    ReportsInLog& operator=(const ReportsInLog&) = delete;
+
+  private:
+    const VekErrorHandler before_;
+};
+
 /// Follows whether the daemon is there, and says in the log when it goes and when it is back.
 ///
-/// While it is away every send fails, and each failure would be a report; they are counted instead,
-/// and told in one line at the end. All other error reports of the libraries become lines of the
-/// log. One object a process; built, started and destroyed on the main thread of `engine`, which
-/// must outlive it.
+/// While it is away every send fails, and each failure would be a line of `ReportsInLog`; they are
+/// counted instead, and told in one line at the end. One object a process; built, started and
+/// destroyed on the main thread of `engine`, which must outlive it.
 class DaemonLink : public RvDataCallback, public RvTimerCallback {
   public:
-    explicit DaemonLink(CVekEngine& engine);
-    ~DaemonLink() override;
-    DaemonLink(const DaemonLink&) = delete;
-    DaemonLink& operator=(const DaemonLink&) = delete;
+    explicit DaemonLink(CVekEngine& engine) : engine_(engine) {}
 
     /// False when the bus refuses.
     [[nodiscard]] bool start();
@@ -39,7 +47,6 @@ class DaemonLink : public RvDataCallback, public RvTimerCallback {
 
   private:
     CVekEngine& engine_;
-    const VekErrorHandler before_;
     std::unique_ptr<RvListener> onGroupSession_;
 };
 

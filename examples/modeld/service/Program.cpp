@@ -20,6 +20,7 @@
 #include "examples/modeld/service/ModelService.h"
 #include "examples/modeld/service/StopSignals.h"
 #include "examples/modeld/service/StopWatch.h"
+#include "mom/net/DaemonAddress.h"
 #include "mom/net/VekText.h"
 #include "platform/File.h"
 #include "platform/Signals.h"
@@ -78,6 +79,13 @@ std::string notifySubject(CVekEngine& engine, __serv_types service) {
     const std::string plain = CVekServiceToSubjectMapper::ServiceEnumToNotifySubject(service);
     const kvx::Text subject(plain.empty() ? nullptr : engine.RRNDomainSubj(plain.c_str()));
     return subject ? subject.get() : "";
+}
+
+// The address that the bus client was given, or its own choice.
+std::string daemonAddress() {
+    CVekRvdCfgParser parser;
+    const kvx::DaemonAddress address = kvx::readDaemonAddress(parser);
+    return address.daemon != nullptr && *address.daemon != '\0' ? address.daemon : "tcp:7500";
 }
 
 // Fills the table anew; or, when somebody will publish it, finds what has changed since the table
@@ -171,11 +179,16 @@ int run(const Options& options) {
     // What the files are before the loading: a change during it is seen later.
     const FileWatch watch(options.files);
     if (!load(options)) return kFailure;
+    const ReportsInLog reports;
     // Outlives all that may take its time to end.
     std::optional<StopWatch> watchTheStop;
     // An engine that serves no service joins no group.
     ModelEngine engine(options.tier, options.group.c_str(), options.domain.c_str(),
                        options.standalone ? SERV_UNKNOWN : options.service);
+    if (engine.m_sessionUp != 1) {
+        Log::error("no daemon answers at {}", daemonAddress());
+        return kFailure;
+    }
     ModelService service(engine, {options.database, options.service, options.threads,
                                   fmt::format("tier {} of group {}", options.tier, options.group),
                                   options.standalone});

@@ -100,6 +100,14 @@ TEST_F(ModeldTest, ShowsTheProgressOfALoadOnATerminalOnly) {
     EXPECT_EQ(quiet.errors.find('\r'), std::string::npos);
 }
 
+TEST_F(ModeldTest, NamesTheDaemonThatDoesNotAnswer) {
+    bus_.file("etc/Calvorine.rvd.cfg", "rendezvous session = { \"daemon\" = \"nonsense\" };\n");
+    const auto alone = bus_.run(
+        "modeld", {"--load", bus_.file("devices.csv", kDevices), "--db", bus_.path("alone.db")});
+    EXPECT_EQ(alone.status, 1);
+    EXPECT_EQ(count(alone.errors, "modeld: error: no daemon answers at nonsense\n"), 1);
+}
+
 TEST_F(ModeldTest, TellsOnOneLineWhatIsWrongWithItsCommandLine) {
     const auto refused = bus_.run("modeld", {"--load", "no\x1b[31m\nfile"});
     EXPECT_EQ(refused.status, 2);

@@ -14,6 +14,7 @@ TEST(DaemonLink, TellsALossAndAReturnOnceAndCountsWhatCouldNotBeSent) {
     kvx::test::Daemon daemon;
     kvx::test::Home home(daemon.text());
     CVekEngine engine(1, "link", "TEST", SERV_UNKNOWN);
+    const ReportsInLog reports;
     DaemonLink link(engine);
     ASSERT_TRUE(link.start());
     const unsigned losses = DaemonLink::losses();
@@ -27,7 +28,8 @@ TEST(DaemonLink, TellsALossAndAReturnOnceAndCountsWhatCouldNotBeSent) {
     EXPECT_TRUE(DaemonLink::isUp());
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "modeld: warning: the daemon is away; nothing can be sent until it is back\n"
-              "modeld: error: CVekNet:1: " + std::string(CVekError::CatalogueText(-220552)) +
+              "modeld: error: CVekNet:1: " +
+                  std::string(CVekError::CatalogueText(-220552)) +
                   " (-220552): \\x1b\n"
                   "modeld: info: the daemon is back; 180 messages could not be sent meanwhile\n");
 }
