@@ -1,5 +1,6 @@
 #include "platform/File.h"
 
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +15,16 @@ bool isExecutable(const std::string& path) noexcept {
     struct stat status {};
     return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
            ::access(path.c_str(), X_OK) == 0;
+}
+
+void reserveStandardStreams() noexcept {
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(descriptor, F_GETFD) != -1) continue;
+        // Opened for the other direction, so that using the stream is an error still. The lowest
+        // free descriptor is this one: those below are open by now.
+        const int direction = descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+        static_cast<void>(::open("/dev/null", direction));
+    }
 }
 
 bool isTerminal(std::FILE* stream) noexcept {

@@ -14,6 +14,11 @@ namespace kvx::platform {
 /// True when the path is a regular file that this process may execute. Any thread.
 [[nodiscard]] KVX_API bool isExecutable(const std::string& path) noexcept;
 
+/// Occupies the descriptors of those standard streams that the process was started without, so that
+/// no file or socket gets their numbers. Using such a stream fails, as without this. Before
+/// anything is opened.
+KVX_API void reserveStandardStreams() noexcept;
+
 /// True when the stream is a terminal. Any thread.
 [[nodiscard]] KVX_API bool isTerminal(std::FILE* stream) noexcept;
 

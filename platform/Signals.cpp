@@ -2,7 +2,9 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <csignal>
+#include <ctime>
 
 namespace kvx::platform {
 
@@ -34,6 +36,9 @@ int terminate() noexcept {
 }
 int hangup() noexcept {
     return SIGHUP;
+}
+int brokenPipe() noexcept {
+    return SIGPIPE;
 }
 int user1() noexcept {
     return SIGUSR1;
@@ -72,6 +77,22 @@ void blockSignals(std::span<const int> signals) noexcept {
 void unblockSignals(std::span<const int> signals) noexcept {
     const sigset_t mask = maskOf(signals);
     ::pthread_sigmask(SIG_UNBLOCK, &mask, nullptr);
+}
+
+bool isSignalIgnored(int signal) noexcept {
+    struct sigaction now {};
+    return ::sigaction(signal, nullptr, &now) == 0 && now.sa_handler == SIG_IGN;
+}
+
+int awaitSignal(std::span<const int> signals, Milliseconds timeout) noexcept {
+    const sigset_t mask = maskOf(signals);
+    if (timeout < 0) {
+        int signal = 0;
+        return ::sigwait(&mask, &signal) == 0 ? signal : 0;
+    }
+    const timespec limit{static_cast<time_t>(timeout / 1000),
+                         static_cast<long>(timeout % 1000 * 1'000'000)};
+    return std::max(::sigtimedwait(&mask, nullptr, &limit), 0);
 }
 
 bool isSignalBlocked(int signal) noexcept {

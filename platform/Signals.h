@@ -2,6 +2,7 @@
 
 #include <span>
 
+#include "platform/Clock.h"
 #include "platform/Export.h"
 
 /// Signals of the operating system, by its own numbers. Process-wide unless stated; any thread.
@@ -9,11 +10,12 @@ namespace kvx::platform {
 
 /// The system's numbers of the signals that the programs of this project know by name.
 namespace signal_number {
-[[nodiscard]] KVX_API int interrupt() noexcept;  ///< SIGINT
-[[nodiscard]] KVX_API int terminate() noexcept;  ///< SIGTERM
-[[nodiscard]] KVX_API int hangup() noexcept;     ///< SIGHUP
-[[nodiscard]] KVX_API int user1() noexcept;      ///< SIGUSR1
-[[nodiscard]] KVX_API int user2() noexcept;      ///< SIGUSR2
+[[nodiscard]] KVX_API int interrupt() noexcept;   ///< SIGINT
+[[nodiscard]] KVX_API int terminate() noexcept;   ///< SIGTERM
+[[nodiscard]] KVX_API int hangup() noexcept;      ///< SIGHUP
+[[nodiscard]] KVX_API int brokenPipe() noexcept;  ///< SIGPIPE
+[[nodiscard]] KVX_API int user1() noexcept;       ///< SIGUSR1
+[[nodiscard]] KVX_API int user2() noexcept;       ///< SIGUSR2
 }  // namespace signal_number
 
 /// Runs on whatever thread the signal interrupts: it may set lock-free atomics and call
@@ -37,6 +39,13 @@ KVX_API void ignoreSignal(int signal) noexcept;
 /// Blocks (or unblocks) these signals in the calling thread, and in threads that it starts later.
 KVX_API void blockSignals(std::span<const int> signals) noexcept;
 KVX_API void unblockSignals(std::span<const int> signals) noexcept;
+
+/// True when the process ignores the signal.
+[[nodiscard]] KVX_API bool isSignalIgnored(int signal) noexcept;
+
+/// Waits until one of these signals, which every thread must have blocked, is pending and takes
+/// it. Returns its number, or 0 when `timeout` (negative for no limit) has passed first.
+[[nodiscard]] KVX_API int awaitSignal(std::span<const int> signals, Milliseconds timeout) noexcept;
 
 /// True when the calling thread has the signal blocked.
 [[nodiscard]] KVX_API bool isSignalBlocked(int signal) noexcept;
