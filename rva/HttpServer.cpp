@@ -1,7 +1,7 @@
-// The library reads requests and writes answers; what it leaves unbounded is bounded here. Its
-// server hands every accepted socket to our queue of threads, and each is served through a stream
-// of ours, which knows when the request's time and bytes are used up. All requests are answered
-// before the library's routing, which would match paths as regular expressions and read bodies.
+// The library reads requests and writes answers, from and to memory; one thread of ours moves the
+// bytes between memory and sockets. So the library never waits for a peer, and a connection that
+// says nothing costs a descriptor and no more. Requests are answered before the library's routing,
+// which would match paths as regular expressions and read bodies.
 
 #include "rva/HttpServer.h"
 
@@ -10,159 +10,74 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <map>
-#include <mutex>
-#include <queue>
 #include <span>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/Clock.h"
+#include "platform/Poll.h"
 #include "platform/Socket.h"
 
 namespace kvx::rva {
 
 namespace {
 
-constexpr const char* kLoopback = "127.0.0.1";
-constexpr std::size_t kThreads = 4;
-constexpr std::size_t kMostWaiting = 32;          // connections
-constexpr std::size_t kMostRequestBytes = 16384;  // of one request
-constexpr platform::Milliseconds kRequestMs = 5000;
-constexpr platform::Milliseconds kStopCheckMs = 100;  // between two looks at the stop flag
+constexpr std::size_t kMostConnections = 64;
+constexpr std::size_t kMostRequestBytes = 16384;  // of one request's head
+constexpr platform::Milliseconds kConnectionMs = 5000;
+constexpr platform::Milliseconds kAcceptPauseMs = 10;  // after a failure
+constexpr std::string_view kHeadEnd = "\r\n\r\n";
 
-// A few threads and a bounded queue; whoever adds to a full one waits.
-class Workers : public httplib::TaskQueue {
+// A request in memory, and the answer to it.
+class MemoryStream : public httplib::Stream {
   public:
-    Workers() {
-        for (std::size_t i = 0; i < kThreads; ++i) threads_.emplace_back([this] { work(); });
-    }
+    explicit MemoryStream(std::string_view request) : unread_(request) {}
 
-    void enqueue(std::function<void()> job) override {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [this] { return jobs_.size() < kMostWaiting; });
-        jobs_.push(std::move(job));
-        changed_.notify_all();
-    }
-
-    void shutdown() override {
-        {
-            const std::lock_guard guard(mutex_);
-            ending_ = true;
-        }
-        changed_.notify_all();
-        for (auto& thread : threads_) thread.join();
-        threads_.clear();
-    }
-
-  private:
-    void work() {
-        std::unique_lock lock(mutex_);
-        for (;;) {
-            changed_.wait(lock, [this] { return ending_ || !jobs_.empty(); });
-            if (jobs_.empty()) return;
-            const auto job = std::move(jobs_.front());
-            jobs_.pop();
-            lock.unlock();
-            changed_.notify_all();
-            job();
-            lock.lock();
-        }
-    }
-
-    std::vector<std::thread> threads_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-
-    // Guarded by mutex_.
-    std::queue<std::function<void()>> jobs_;
-    bool ending_ = false;
-};
-
-// One request's connection, which ends when its time or its bytes are used up, or the server stops.
-class RequestStream : public httplib::Stream {
-  public:
-    RequestStream(platform::SocketHandle socket, const std::atomic<bool>& stopping)
-        : socket_(socket), stopping_(stopping) {
-        platform::setNonBlocking(socket_, true);
-    }
-
-    bool is_readable() const override { return !unread_.empty() || await(platform::kReadable); }
-    bool is_writable() const override { return await(platform::kWritable); }
-
+    bool is_readable() const override { return !unread_.empty(); }
+    bool is_writable() const override { return true; }
     ssize_t read(char* to, std::size_t size) override {
-        if (unread_.empty() && !fill()) return -1;
-        const std::size_t count = std::min(size, unread_.size());
-        std::copy_n(unread_.begin(), count, to);
-        unread_ = unread_.subspan(count);
+        const std::size_t count = unread_.copy(to, size);
+        unread_.remove_prefix(count);
         return static_cast<ssize_t>(count);
     }
-
     ssize_t write(const char* from, std::size_t size) override {
-        if (!await(platform::kWritable)) return -1;
-        const auto sent = platform::sendSome(socket_, std::as_bytes(std::span(from, size)));
-        return sent.error == 0 ? static_cast<ssize_t>(sent.bytes) : -1;
+        answer.append(from, size);
+        return static_cast<ssize_t>(size);
     }
+    void get_remote_ip_and_port(std::string&, int&) const override {}
+    void get_local_ip_and_port(std::string&, int&) const override {}
+    socket_t socket() const override { return platform::kNoSocket; }
 
-    void get_remote_ip_and_port(std::string& ip, int& port) const override {
-        tell(platform::peerEndpoint(socket_), ip, port);
-    }
-    void get_local_ip_and_port(std::string& ip, int& port) const override {
-        tell(platform::localEndpoint(socket_), ip, port);
-    }
-    socket_t socket() const override { return socket_; }
-
-    // Takes what the peer has sent already: closing over unread bytes would take the answer back.
-    void dropUnread() {
-        while (platform::waitSocket(socket_, platform::kReadable, 0).ready != 0 && fill()) {
-        }
-    }
+    std::string answer;
 
   private:
-    bool await(unsigned interest) const {
-        for (;;) {
-            const auto left = deadline_ - platform::monotonicMs();
-            if (left <= 0 || stopping_) return false;
-            if (platform::waitSocket(socket_, interest, std::min(left, kStopCheckMs)).ready != 0) {
-                return true;
-            }
-        }
-    }
+    std::string_view unread_;
+};
 
-    bool fill() {
-        const std::size_t room = std::min(buffer_.size(), bytesLeft_);
-        if (room == 0 || !await(platform::kReadable)) return false;
-        const auto got =
-            platform::receiveSome(socket_, std::as_writable_bytes(std::span(buffer_).first(room)));
-        bytesLeft_ -= got.bytes;
-        unread_ = std::span(buffer_).first(got.bytes);
-        return got.bytes > 0;
-    }
+// First the request is read, then the answer written, then what else comes is dropped until the
+// peer ends: closing over unread bytes would take the answer back.
+struct Connection {
+    enum class State { Reading, Writing, Ending };
 
-    static void tell(const std::optional<platform::Endpoint>& end, std::string& ip, int& port) {
-        if (!end) return;
-        ip = platform::dottedAddress(end->address);
-        port = end->port;
-    }
+    platform::Socket socket;
+    platform::Milliseconds deadline = platform::monotonicMs() + kConnectionMs;
+    State state = State::Reading;
+    std::string request;
+    std::string answer;
+    std::size_t sent = 0;
 
-    const platform::SocketHandle socket_;
-    const std::atomic<bool>& stopping_;
-    const platform::Milliseconds deadline_ = platform::monotonicMs() + kRequestMs;
-    std::size_t bytesLeft_ = kMostRequestBytes;
-    std::array<char, 4096> buffer_{};
-    std::span<const char> unread_;
+    unsigned interest() const {
+        return state == State::Writing ? platform::kWritable : platform::kReadable;
+    }
 };
 
 }  // namespace
 
-class HttpServer::Listener : public httplib::Server {
+class HttpServer::Listener : private httplib::Server {
   public:
     Listener() {
-        new_task_queue = [] { return std::make_unique<Workers>().release(); };
-        // The library's own options would let two agents share a port.
-        set_socket_options([](socket_t socket) { platform::setReuseAddress(socket, true); });
         set_pre_routing_handler(
             [this](const httplib::Request& request, httplib::Response& response) {
                 answer(request, response);
@@ -173,15 +88,19 @@ class HttpServer::Listener : public httplib::Server {
     ~Listener() override { end(); }
 
     bool begin(std::uint16_t port) {
-        port_ = port == 0 ? bind_to_any_port(kLoopback) : port;
-        if (port_ <= 0 || (port != 0 && !bind_to_port(kLoopback, port))) return false;
+        int error = 0;
+        socket_ = platform::listenTcp({platform::kLoopbackAddress, port}, error);
+        if (!socket_ || !wakeUp_.valid()) return false;
+        platform::setNonBlocking(socket_.get(), true);
+        const auto local = platform::localEndpoint(socket_.get());
+        port_ = local ? local->port : 0;
+        if (!sockets_.add(socket_.get(), platform::kReadable)) return false;
         thread_ = std::thread([this] {
-            listen_after_bind();
+            while (!stopping_ && step()) {
+            }
             ended_ = true;
         });
-        // Only a running server can be stopped.
-        while (!is_running() && !ended_) std::this_thread::yield();
-        return !ended_;
+        return true;
     }
 
     bool hasEnded() const { return ended_; }
@@ -189,27 +108,129 @@ class HttpServer::Listener : public httplib::Server {
     void end() {
         if (!thread_.joinable()) return;
         stopping_ = true;
-        stop();
+        wakeUp_.notify();
         thread_.join();
+        connections_.clear();
+        socket_.reset();
     }
 
     // Constant once it has begun.
     std::map<std::string, HttpServer::Handler> routes_;
-    int port_ = 0;
+    std::uint16_t port_ = 0;
 
     std::atomic<std::uint64_t> requests_{0};
 
   private:
-    bool process_and_close_socket(socket_t socket) override {
-        const platform::Socket owned(socket);
-        RequestStream stream(socket, stopping_);
+    // One wait and what it found. False when waiting is not possible any more.
+    bool step() {
+        const int error = sockets_.wait(timeToFirstDeadline());
+        if (error != 0 && error != platform::socket_error::kInterrupted) return false;
+        std::vector<platform::SocketHandle> ready;
+        for (std::size_t i = 0; i < sockets_.size() && error == 0; ++i) {
+            const auto slot = sockets_.slot(i);
+            if (slot.ready != 0) ready.push_back(slot.socket);
+        }
+        for (const auto socket : ready) {
+            const auto found = connections_.find(socket);
+            if (found != connections_.end() && !proceed(found->second)) close(socket);
+        }
+        // Last, so that no new connection is taken for an old one of the same number.
+        if (std::find(ready.begin(), ready.end(), socket_.get()) != ready.end()) accept();
+        closeOverdue();
+        return true;
+    }
+
+    platform::Milliseconds timeToFirstDeadline() const {
+        if (connections_.empty()) return platform::kForever;
+        const auto left = oldest()->second.deadline - platform::monotonicMs();
+        return std::max<platform::Milliseconds>(left, 0);
+    }
+
+    std::map<platform::SocketHandle, Connection>::const_iterator oldest() const {
+        return std::min_element(connections_.begin(), connections_.end(),
+                                [](const auto& one, const auto& other) {
+                                    return one.second.deadline < other.second.deadline;
+                                });
+    }
+
+    void accept() {
+        int error = 0;
+        platform::Socket socket = platform::acceptTcp(socket_.get(), error);
+        if (!socket) {
+            // Without descriptors the listener stays ready: no reason to turn in circles.
+            if (error != platform::socket_error::kWouldBlock) platform::sleepMs(kAcceptPauseMs);
+            return;
+        }
+        if (connections_.size() == kMostConnections) close(oldest()->first);
+        platform::setNonBlocking(socket.get(), true);
+        const platform::SocketHandle handle = socket.get();
+        if (!sockets_.add(handle, platform::kReadable)) return;
+        connections_[handle].socket = std::move(socket);
+    }
+
+    void close(platform::SocketHandle socket) {
+        sockets_.remove(socket, platform::kReadable | platform::kWritable);
+        connections_.erase(socket);
+    }
+
+    void closeOverdue() {
+        while (!connections_.empty() && oldest()->second.deadline <= platform::monotonicMs()) {
+            close(oldest()->first);
+        }
+    }
+
+    // Goes on with a connection that is ready. False when it is over.
+    bool proceed(Connection& connection) {
+        const unsigned before = connection.interest();
+        const bool goesOn = connection.state == Connection::State::Reading   ? read(connection)
+                            : connection.state == Connection::State::Writing ? write(connection)
+                                                                             : drop(connection);
+        if (!goesOn || connection.interest() == before) return goesOn;
+        sockets_.remove(connection.socket.get(), before);
+        return sockets_.add(connection.socket.get(), connection.interest());
+    }
+
+    bool read(Connection& connection) {
+        std::array<char, 4096> buffer{};
+        const std::size_t room = kMostRequestBytes - connection.request.size();
+        const auto bytes =
+            std::as_writable_bytes(std::span(buffer).first(std::min(room, buffer.size())));
+        const auto got = platform::receiveSome(connection.socket.get(), bytes);
+        if (got.error != 0) return got.error == platform::socket_error::kWouldBlock;
+        const std::size_t known = connection.request.size();
+        connection.request.append(buffer.data(), got.bytes);
+        const std::size_t from = known - std::min(known, kHeadEnd.size() - 1);
+        const bool isWhole = connection.request.find(kHeadEnd, from) != std::string::npos;
+        const bool isAll = got.bytes == 0 || connection.request.size() == kMostRequestBytes;
+        if (!isWhole && !isAll) return true;
+        serve(connection);
+        return write(connection);
+    }
+
+    void serve(Connection& connection) {
+        MemoryStream stream(connection.request);
         bool closed = false;
         // No answer is cut into ranges: the library trusts their numbers.
-        const bool done = process_request(
-            stream, true, closed, [](httplib::Request& request) { request.ranges.clear(); });
-        platform::shutdownSending(socket);
-        stream.dropUnread();
-        return done;
+        process_request(stream, true, closed,
+                        [](httplib::Request& request) { request.ranges.clear(); });
+        connection.answer = std::move(stream.answer);
+        connection.state = Connection::State::Writing;
+    }
+
+    static bool write(Connection& connection) {
+        const std::span<const char> rest = std::span(connection.answer).subspan(connection.sent);
+        const auto done = platform::sendSome(connection.socket.get(), std::as_bytes(rest));
+        if (done.error != 0) return done.error == platform::socket_error::kWouldBlock;
+        connection.sent += done.bytes;
+        if (connection.sent < connection.answer.size()) return true;
+        connection.state = Connection::State::Ending;
+        return platform::shutdownSending(connection.socket.get()) == 0;
+    }
+
+    static bool drop(Connection& connection) {
+        std::array<std::byte, 4096> buffer{};
+        const auto got = platform::receiveSome(connection.socket.get(), buffer);
+        return got.bytes != 0 || got.error == platform::socket_error::kWouldBlock;
     }
 
     void answer(const httplib::Request& request, httplib::Response& response) {
@@ -228,9 +249,15 @@ class HttpServer::Listener : public httplib::Server {
         response.set_content(given.body, given.type);
     }
 
+    platform::WakeUp wakeUp_;
     std::atomic<bool> stopping_{false};
     std::atomic<bool> ended_{false};
     std::thread thread_;
+
+    // The thread's, while it runs.
+    platform::Socket socket_;
+    platform::PollSet sockets_{&wakeUp_};
+    std::map<platform::SocketHandle, Connection> connections_;
 };
 
 HttpServer::HttpServer() : listener_(std::make_unique<Listener>()) {}
@@ -253,7 +280,7 @@ bool HttpServer::isServing() const {
 }
 
 std::uint16_t HttpServer::port() const {
-    return static_cast<std::uint16_t>(listener_->port_);
+    return listener_->port_;
 }
 
 std::uint64_t HttpServer::requests() const {

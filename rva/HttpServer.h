@@ -9,8 +9,10 @@ namespace kvx::rva {
 
 /// Plain HTTP on the loopback: a few paths, each answered by a function.
 ///
-/// GET and HEAD only, one request a connection. A request has five seconds and 16 KiB in all; four
-/// threads answer, 32 connections wait for them, and further ones wait in the system.
+/// GET and HEAD only, one request a connection. One thread serves all connections and waits for
+/// none: a request is answered when its head is complete, within 16 KiB and five seconds, and who
+/// sends or reads slowly holds up nobody else. There are at most 64 connections at a time; for a
+/// further one the oldest gives way.
 class HttpServer {
   public:
     struct Answer {
@@ -18,7 +20,7 @@ class HttpServer {
         std::string type = "text/plain; charset=utf-8";
         std::string body;
     };
-    /// Called on any of the server's threads, several at a time.
+    /// Called on the server's thread; the others wait meanwhile.
     using Handler = std::function<Answer()>;
 
     HttpServer();
@@ -30,10 +32,10 @@ class HttpServer {
     /// Answers `path` with `handler`. Before `start`.
     void route(const std::string& path, Handler handler);
 
-    /// Starts to serve on `port`, 0 for a free one. False when it cannot be had.
+    /// Starts to serve on `port`, 0 for a free one. False when the port cannot be had. Once.
     [[nodiscard]] bool start(std::uint16_t port);
 
-    /// Stops listening, cuts what is under way short and waits for the threads.
+    /// Stops listening, cuts what is under way short and waits for the thread.
     void stop();
 
     /// Whether it still serves. Any thread, between `start` and `stop`.

@@ -24,7 +24,7 @@ struct Figures {
     std::uint64_t errors = 0;
 };
 
-/// What the bus's thread has seen and the HTTP threads tell. Any thread: this is all that the two
+/// What the bus's thread has seen and the HTTP thread tells. Any thread: this is all that the two
 /// sides share.
 class Observations {
   public:

@@ -86,6 +86,41 @@ TEST_F(HttpServerTest, SurvivesWhatIsNoRequest) {
     EXPECT_TRUE(serves());
 }
 
+TEST_F(HttpServerTest, IsNotHeldByThoseWhoSayNothingOrHalfOfIt) {
+    std::vector<platform::Socket> idle;
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 200; ++i) {
+        idle.push_back(connect());
+        if (i % 2 == 0) {
+            platform::sendSome(idle.back().get(),
+                               std::as_bytes(std::span("GET /a.b HTTP/1.1\r\n")));
+        }
+        if (i % 20 == 0) {
+            EXPECT_TRUE(serves()) << i;
+        }
+    }
+    EXPECT_TRUE(serves());
+    // Well before the five seconds that each of them could take.
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4500));
+}
+
+TEST_F(HttpServerTest, GivesALongAnswerWholeToASlowReader) {
+    HttpServer large;
+    const std::string body(8'000'000, 'x');
+    large.route("/", [&] { return HttpServer::Answer{.body = body}; });
+    ASSERT_TRUE(large.start(0));
+    httplib::Client slow("127.0.0.1", large.port());
+    std::size_t got = 0;
+    slow.Get("/", [&](const char* data, std::size_t size) {
+        if (got == 0) {
+            EXPECT_EQ(httplib::Client("127.0.0.1", large.port()).Get("/x")->status, 404);
+        }
+        got += std::string_view(data, size).size();
+        return true;
+    });
+    EXPECT_EQ(got, body.size());
+}
+
 TEST_F(HttpServerTest, StopsAtOnceWhoeverIsConnected) {
     ASSERT_TRUE(serves());
     std::vector<platform::Socket> idle;
