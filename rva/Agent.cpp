@@ -1,16 +1,14 @@
 // One thread, the main one, is the bus's: it hears beats and advisories and writes down what it has
-// heard. The HTTP threads only read that. While the daemon is gone the bus's thread may be busy
-// trying to connect; the others go on answering.
+// heard. The HTTP thread only reads that. While the daemon is gone the bus's thread may be busy
+// trying to connect; the other goes on answering.
 
 #include "rva/Agent.h"
 
 #include <fmt/format.h>
 
-#include <cstdio>
 #include <string>
 #include <string_view>
 
-#include "rv/session/rvSessionHooks.h"
 #include "rva/HttpServer.h"
 #include "rva/Metrics.h"
 #include "rva/Observations.h"
@@ -18,6 +16,7 @@
 #include "tools/beats/ServiceJson.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/Output.h"
 #include "tools/bus/Ticker.h"
 
 namespace kvx::rva {
@@ -25,6 +24,13 @@ namespace kvx::rva {
 namespace {
 
 constexpr unsigned long kWatchMs = 1000;
+constexpr const char* kIndex =
+    "rva, the bus agent\n"
+    "\n"
+    "/healthz        ok while the agent lives\n"
+    "/readyz         ready while the bus session is up, 503 while it is lost\n"
+    "/services.json  the services whose heartbeats are heard\n"
+    "/metrics        figures in OpenMetrics text form\n";
 constexpr const char* kJsonType = "application/json; charset=utf-8";
 
 // The bus's advisories, which the session delivers like messages.
@@ -38,24 +44,6 @@ class AdvisoryListener : public RvDataCallback {
   private:
     Observations& seen_;
 };
-
-int onLoss(rv_Session, const void*, void* closure) {
-    static_cast<Observations*>(closure)->loseSession();
-    bus::complain("the bus daemon is lost");
-    return 0;
-}
-
-int onReturn(rv_Session, const void*, void* closure) {
-    static_cast<Observations*>(closure)->gainSession();
-    bus::complain("the bus daemon is back");
-    return 0;
-}
-
-void watchSession(RvSession& session, Observations& seen) {
-    rv_AddHook(session.handle(), RV_HOOK_DISCONNECT, onLoss, &seen);
-    rv_AddHook(session.handle(), RV_HOOK_RECONNECT, onReturn, &seen);
-    if (rv_IsConnected(session.handle())) seen.gainSession();
-}
 
 std::string servicesDocument(Observations& seen) {
     const Milliseconds now = platform::monotonicMs();
@@ -71,6 +59,7 @@ std::string servicesDocument(Observations& seen) {
 void routePages(HttpServer& server, Observations& seen) {
     using Answer = HttpServer::Answer;
     const std::int64_t start = platform::wallSeconds();
+    server.route("/", [] { return Answer{.body = kIndex}; });
     server.route("/healthz", [] { return Answer{.body = "ok\n"}; });
     server.route("/readyz", [&seen] {
         return seen.isReady() ? Answer{.body = "ready\n"}
@@ -99,16 +88,15 @@ std::string choosePort(const Options& options, CVekRvNet& net, std::uint16_t& po
 int run(const Options& options) {
     Observations seen;
     bus::Client client(options.connection);
-    if (!client.isUp()) {
-        bus::complain("no session with the bus daemon");
-        return kFailure;
-    }
+    if (!client.isUp()) return kFailure;
     std::uint16_t port = 0;
     if (const auto problem = choosePort(options, client.net(), port); !problem.empty()) {
         bus::complain("configuration item rva: " + problem);
         return kUsage;
     }
-    watchSession(client.session(), seen);
+    seen.gainSession();
+    client.onDaemonChange(
+        [&seen](bool isThere) { isThere ? seen.gainSession() : seen.loseSession(); });
     beats::BeatListener beatListener(
         [&seen](auto packet) { seen.hearPacket(packet, platform::monotonicMs()); });
     AdvisoryListener advisories(seen);
@@ -129,9 +117,9 @@ int run(const Options& options) {
         client.leave(kFailure);
     });
     // Ready from the moment at which a signal ends the process in good order.
-    return client.runUntilSignal([&server] {
-        fmt::print("rva ready on http://127.0.0.1:{}\n", server.port());
-        std::fflush(stdout);
+    return client.runUntilSignal([&] {
+        bus::printLine(fmt::format("rva ready on http://127.0.0.1:{}", server.port()));
+        if (!bus::flushOutput()) client.leave(kFailure);
     });
 }
 

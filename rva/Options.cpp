@@ -13,6 +13,7 @@
 
 #include "rv/rv.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/Output.h"
 
 namespace kvx::rva {
 
@@ -22,7 +23,7 @@ constexpr const char* kUsageText =
     "usage: rva [-foreground] [-flavor N] [-listen PORT] [-service S] [-network N] [-daemon D]\n"
     "\n"
     "The bus agent: hears the services' heartbeats and the bus's advisories, and tells about them\n"
-    "by HTTP on the loopback: /healthz, /readyz, /services.json, /metrics.\n"
+    "by HTTP on the loopback: / says what there is.\n"
     "\n"
     "  -foreground  accepted and of no effect: the agent always stays in the foreground\n"
     "  -flavor N    the system's flavour identifier; another one is refused\n"
@@ -107,10 +108,10 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
     Values values;
     std::string problem = readValues(argc, argv, values);
     if (problem.empty() && values.contains("help")) {
-        fmt::print("{}", kUsageText);
+        bus::print(kUsageText);
         result.exitStatus = kSuccess;
     } else if (problem.empty() && values.contains("version")) {
-        fmt::print("rva {}\n", KVX_VERSION);
+        bus::printLine("rva " KVX_VERSION);
         result.exitStatus = kSuccess;
     } else {
         if (problem.empty()) problem = evaluate(values, result.options);

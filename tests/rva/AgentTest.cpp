@@ -78,6 +78,10 @@ TEST_F(AgentTest, IsStartedAndStoppedByAService) {
 TEST_F(AgentTest, IsNotReadyWhileTheDaemonIsGone) {
     const int port = start();
     EXPECT_EQ(get(port, "/readyz").status, 200);
+    for (const char* page : {"/healthz", "/readyz", "/services.json", "/metrics"}) {
+        EXPECT_NE(get(port, "/").body.find(page), std::string::npos);
+        EXPECT_EQ(get(port, page).status, 200) << page;
+    }
     bus_.daemon().kill(SIGKILL);
     bus_.daemon().wait();
     ASSERT_TRUE(eventually([&] { return get(port, "/readyz").status == 503; }));
@@ -110,6 +114,9 @@ TEST_F(AgentTest, EndsWithAReasonWhereItCannotServe) {
         EXPECT_NE(ended.errors.find(one.reason), std::string::npos) << ended.errors;
         EXPECT_EQ(ended.output, "");
     }
+    const Ended unheard = bus_.shell("rva -listen 0 >/dev/full");
+    EXPECT_EQ(unheard.status, 1);
+    EXPECT_NE(unheard.errors.find("rva: standard output: "), std::string::npos) << unheard.errors;
     EXPECT_EQ(bus_.run("rva", {"-help"}).status, 0);
     EXPECT_EQ(bus_.run("rva", {"-version"}).output.rfind("rva ", 0), 0U);
 }

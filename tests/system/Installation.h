@@ -52,6 +52,19 @@ class Installation {
         return {status, child->output(), child->errors()};
     }
 
+    /// A line as a person would type it, with the programs on the path.
+    std::unique_ptr<ChildProcess> startShell(const std::string& line) {
+        const std::string path = "PATH='" KVX_BIN_DIR "':\"$PATH\"; export PATH\n";
+        return std::make_unique<ChildProcess>(
+            "/bin/sh", std::vector<std::string>{"-c", path + line}, variables());
+    }
+
+    Ended shell(const std::string& line) {
+        const auto child = startShell(line);
+        const int status = child->wait();
+        return {status, child->output(), child->errors()};
+    }
+
     Ended kvx(const std::vector<std::string>& arguments) { return run("kvx", arguments); }
 
     /// A model service of no group over a file of comma-separated values, once it answers.

@@ -1,15 +1,24 @@
 #include "tools/bus/Client.h"
 
+#include <fmt/format.h>
+
 #include <memory>
 #include <utility>
 
 #include "mom/net/VekText.h"
+#include "rv/error/rvAdvisory.h"
+#include "rv/session/rvSessionHooks.h"
+#include "tools/bus/Complain.h"
 
 namespace kvx::bus {
 
 namespace {
 
-// What a signal does to a program that has something to finish.
+constexpr const char* kDefaultDaemon = "tcp:7500";
+constexpr const char* kNoDaemon = "-";
+constexpr int kFailure = 1;
+
+// What a signal other than those of a `SignalScope` does to a program that has something to finish.
 class LeaveOnSignal : public CCallbackBase {
   public:
     explicit LeaveOnSignal(Client& client) : client_(client) {}
@@ -19,6 +28,10 @@ class LeaveOnSignal : public CCallbackBase {
     Client& client_;
 };
 
+std::string messages(std::uint64_t count) {
+    return fmt::format("{} message{}", count, count == 1 ? "" : "s");
+}
+
 }  // namespace
 
 Client::Client(const Connection& connection, unsigned long latencyMs)
@@ -26,9 +39,63 @@ Client::Client(const Connection& connection, unsigned long latencyMs)
 
 Client::Client(const ConfigurationOverlay& overlay, const Connection& connection,
                unsigned long latencyMs)
-    : configured_(overlay.isInEffect()),
-      qualify_(!connection.domain.empty()),
-      net_(latencyMs, connection.domainOrDefault().c_str()) {}
+    : qualify_(!connection.domain.empty()), net_(latencyMs, connection.domainOrDefault().c_str()) {
+    if (!overlay.isInEffect()) return;
+    const CVekAtom* const configured = net_.m_cfgParser.RRCPGetDaemon();
+    daemon_ = configured != nullptr ? configured->RAString() : "";
+    if (daemon_.empty()) daemon_ = kDefaultDaemon;
+    const bool hasSession = net_.m_sessionUp == 1 && net_.m_session;
+    if (hasSession && daemon_ == kNoDaemon) {
+        complain("the daemon '-' is none: there is nobody to talk to");
+    } else if (!hasSession) {
+        complain(fmt::format("no session with the bus daemon at {}", daemon_));
+    } else if (watchSession()) {
+        isUp_ = true;
+        if (connection.verbose) complain(sessionText());
+    } else {
+        complain(fmt::format("the bus daemon is lost ({})", daemon_));
+    }
+}
+
+std::string Client::sessionText() {
+    const auto textOf = [](const CVekAtom* atom) {
+        return atom != nullptr ? atom->RAString() : "";
+    };
+    return fmt::format("session {} with the bus daemon at {}, service '{}', network '{}'",
+                       rv_SessionName(session().handle()), daemon_,
+                       textOf(net_.m_cfgParser.RRCPGetService()),
+                       textOf(net_.m_cfgParser.RRCPGetNetwork()));
+}
+
+bool Client::watchSession() {
+    const rv_Session session = net_.m_session->handle();
+    const auto lost = [](rv_Session, const void*, void* client) {
+        static_cast<Client*>(client)->changeDaemon(false);
+        return 0;
+    };
+    const auto back = [](rv_Session, const void*, void* client) {
+        static_cast<Client*>(client)->changeDaemon(true);
+        return 0;
+    };
+    return rv_AddHook(session, RV_HOOK_DISCONNECT, lost, this) == 0 &&
+           rv_AddHook(session, RV_HOOK_RECONNECT, back, this) == 0 &&
+           net_.RRNAddExService(kvx::advisory::kDataLossSubject, this) == 1 &&
+           rv_IsConnected(session);
+}
+
+void Client::changeDaemon(bool isThere) {
+    complain(fmt::format("the bus daemon is {} ({})", isThere ? "back" : "lost", daemon_));
+    if (changed_) changed_(isThere);
+}
+
+void Client::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
+    unsigned long lost = 0;
+    if (data.type() != RVMSG_MSG) return;
+    if (!(static_cast<const RvMsg&>(data).get("lost", lost) == RvStatus(0))) return;
+    lostMessages_ += lost;
+    complain(fmt::format("lost {}: the bus daemon dropped what this program was too slow to take",
+                         messages(lost)));
+}
 
 std::string Client::qualified(const std::string& subject) {
     if (!qualify_) return subject;
@@ -36,9 +103,38 @@ std::string Client::qualified(const std::string& subject) {
     return text ? text.get() : subject;
 }
 
+void Client::leaveWithoutDaemon() {
+    onDaemonChange([this](bool isThere) {
+        if (!isThere) leave(kFailure);
+    });
+}
+
 int Client::run(std::function<void()> whenRunning) {
+    if (!rv_IsConnected(session().handle())) return kFailure;
     net_.whenRunning = std::move(whenRunning);
+    {
+        const std::lock_guard guard(loopLock_);
+        loop_ = rv_EventManager(session().handle());
+    }
     net_.RRNDoIt();
+    const std::lock_guard guard(loopLock_);
+    loop_ = nullptr;
+    return exitStatus_;
+}
+
+void Client::stopLoopFromOutside() {
+    const std::lock_guard guard(loopLock_);
+    if (loop_ == nullptr) return;
+    exitStatus_ = 0;
+    rvevm_Stop(loop_);
+}
+
+int Client::wrapUp() {
+    const std::uint64_t lost = lostMessages_;
+    if (lost != 0 && !hasWrappedUp_.exchange(true)) {
+        complain(fmt::format("lost {} in all", messages(lost)));
+    }
+    if (lost != 0 && failsOnLoss_) exitStatus_ = kFailure;
     return exitStatus_;
 }
 
@@ -47,9 +143,10 @@ int Client::runUntilSignal(std::function<void()> whenRunning) {
     signals.manage(&net_);
     // The process's catcher keeps the callback until the process ends.
     signals.registerHandler(std::make_unique<LeaveOnSignal>(*this).release());
-    const int status = run(std::move(whenRunning));
+    signals_.emplace([this] { stopLoopFromOutside(); }, [this] { return wrapUp(); });
+    run(std::move(whenRunning));
     signals.stop();
-    return status;
+    return wrapUp();
 }
 
 void Client::leave(int exitStatus) {

@@ -4,7 +4,12 @@
 
 namespace kvx::bus {
 
-/// One line on standard error, with the program's name before it. Any thread.
+/// One line on standard error, with the program's name before it; a long message is shortened and
+/// control characters are spaces. Any thread.
 void complain(const std::string& message);
+
+/// Draws `text` over the line that the last call left on standard error, a terminal; an empty text
+/// takes it away. `complain` takes it away first. Any thread.
+void showProgress(const std::string& text);
 
 }  // namespace kvx::bus

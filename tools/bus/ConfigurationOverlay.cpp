@@ -1,7 +1,5 @@
 #include "tools/bus/ConfigurationOverlay.h"
 
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -9,7 +7,6 @@
 
 #include "mom/mom.h"
 #include "mom/net/VekText.h"
-#include "platform/Signals.h"
 #include "tools/bus/Complain.h"
 
 namespace kvx::bus {
@@ -19,26 +16,10 @@ namespace {
 constexpr const char* kHomeVariable = "KVX_HOME";
 constexpr const char* kFile = "/etc/Calvorine.rvd.cfg";
 
-// What a signal has to remove that ends the process while an overlay is there, the innermost
-// first. Connecting takes seconds when the daemon is away, so somebody may well lose patience.
-std::array<std::string, 3> pathsToRemove;
-
-// Calls nothing that a signal handler may not call: to remove is to unlink, else to remove the
-// directory.
-void removeAndEnd(int signal) {
-    for (const std::string& path : pathsToRemove) {
-        static_cast<void>(std::remove(path.c_str()));
-    }
-    platform::restoreDefaultSignal(signal);
-    platform::raiseSignal(signal);
-}
-
-// Signals that the process ignores stay ignored.
-void changeHandler(platform::SignalHandler from, platform::SignalHandler to) {
-    namespace number = platform::signal_number;
-    for (const int signal : {number::hangup(), number::interrupt(), number::terminate()}) {
-        platform::exchangeSignalHandler(signal, from, to);
-    }
+void removeDirectory(const std::string& directory) {
+    if (directory.empty()) return;
+    std::error_code ignored;
+    std::filesystem::remove_all(directory, ignored);
 }
 
 // One item of the configuration: the option, else what the configuration file says.
@@ -65,8 +46,8 @@ ConfigurationOverlay::ConfigurationOverlay(const Connection& connection) {
     std::error_code error;
     std::string pattern = (std::filesystem::temp_directory_path(error) / "kvx-XXXXXX").string();
     if (!error && mkdtemp(pattern.data()) != nullptr) directory_ = pattern;
-    pathsToRemove = {directory_ + kFile, directory_ + "/etc", directory_};
-    changeHandler(nullptr, removeAndEnd);
+    // Connecting takes seconds when the daemon is away, so somebody may well lose patience.
+    cleanUp_.emplace([directory = directory_] { removeDirectory(directory); });
     inEffect_ = !directory_.empty() && write(connection);
     if (!inEffect_) {
         complain("cannot write a temporary file for the options about the bus");
@@ -95,9 +76,7 @@ bool ConfigurationOverlay::write(const Connection& connection) const {
 
 ConfigurationOverlay::~ConfigurationOverlay() {
     if (directory_.empty()) return;
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
-    changeHandler(removeAndEnd, nullptr);
+    removeDirectory(directory_);
     if (!inEffect_) return;
     if (homeBefore_) {
         setenv(kHomeVariable, homeBefore_->c_str(), 1);

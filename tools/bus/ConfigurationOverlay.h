@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tools/bus/Connection.h"
+#include "tools/bus/Program.h"
 
 namespace kvx::bus {
 
@@ -29,6 +30,7 @@ class ConfigurationOverlay {
     bool inEffect_ = true;
     std::string directory_;                  // empty when nothing is overridden
     std::optional<std::string> homeBefore_;  // of KVX_HOME
+    std::optional<CleanUpScope> cleanUp_;
 };
 
 }  // namespace kvx::bus

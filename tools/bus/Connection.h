@@ -9,7 +9,8 @@ struct Connection {
     std::string service;
     std::string network;
     std::string daemon;
-    std::string domain;  ///< as given; empty when not given
+    std::string domain;    ///< as given; empty when not given
+    bool verbose = false;  ///< tell on standard error what is connected
 
     /// The domain for operations that always qualify.
     std::string domainOrDefault() const { return domain.empty() ? "DEFAULT" : domain; }

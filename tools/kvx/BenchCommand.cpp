@@ -6,12 +6,17 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/Output.h"
+#include "tools/bus/Progress.h"
+#include "tools/bus/Ticker.h"
 #include "tools/kvx/Commands.h"
+#include "tools/kvx/Window.h"
 
 namespace kvx::tool {
 
@@ -19,8 +24,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::uint64_t kWindow = 500;  // messages on their way at one time
-constexpr int kIdleMs = 10000;
+constexpr unsigned long kStallMs = 10000;  // without a message that comes back
+constexpr unsigned long kLookMs = 1000;
 
 double secondsSince(Clock::time_point begin) {
     return std::chrono::duration<double>(Clock::now() - begin).count();
@@ -47,7 +52,7 @@ class RoundTrips : public RvDataCallback {
 
     void next() {
         begin_ = Clock::now();
-        listener_.reset(sender_.sendRequest(datum_, kIdleMs, this, nullptr));
+        listener_.reset(sender_.sendRequest(datum_, kStallMs, this, nullptr));
         if (!listener_) client_.leave(kFailure);
     }
 
@@ -70,62 +75,97 @@ class RoundTrips : public RvDataCallback {
     std::unique_ptr<RvListener> listener_;
 };
 
-// A window of messages under way: half of it heard again, half of it sent anew.
+// A window of messages under way: half of it heard again, half of it sent anew. Gives up when a
+// message is known to be lost, or when none has come back for too long.
 class Stream : public RvDataCallback {
   public:
     Stream(bus::Client& client, RvSender& sender, const RvDatum& datum, std::uint64_t count)
-        : client_(client), sender_(sender), datum_(datum), count_(count) {}
+        : client_(client),
+          sender_(sender),
+          datum_(datum),
+          count_(count),
+          window_(Window(datum.size()).messages()) {}
 
     void fill() {
-        while (sent_ < count_ && sent_ - heard_ < kWindow) {
+        while (sent_ < count_ && sent_ - heard_ < window_) {
             if (!(sender_.send(datum_) == RvStatus(0))) return client_.leave(kFailure);
             ++sent_;
         }
     }
 
     void onData(const char*, RvSender*, const RvDatum&, RvListener*) override {
+        lastHeard_ = Clock::now();
         if (++heard_ == count_) return client_.leave(kSuccess);
-        if (sent_ - heard_ <= kWindow / 2) fill();
+        if (sent_ - heard_ <= window_ / 2) fill();
     }
+
+    void giveUpWhenStalled() {
+        const bool stalled = secondsSince(lastHeard_) * 1000 > kStallMs;
+        if (stalled || client_.lostMessages() != 0) client_.leave(kFailure);
+    }
+
+    std::uint64_t heard() const { return heard_; }
 
   private:
     bus::Client& client_;
     RvSender& sender_;
     const RvDatum& datum_;
     const std::uint64_t count_;
+    const std::uint64_t window_;
     std::uint64_t sent_ = 0;
     std::uint64_t heard_ = 0;
+    Clock::time_point lastHeard_ = Clock::now();
 };
 
 bool measureRoundTrips(bus::Client& client, RvSender& sender, const RvDatum& datum,
                        const BenchOptions& options) {
     RoundTrips trips(client, sender, datum, options.requests);
-    if (client.run([&] { trips.next(); }) != kSuccess) return false;
     auto& times = trips.microseconds;
+    std::optional<bus::Progress> progress;
+    const int status = client.run([&] {
+        progress.emplace(client.net(), [&] {
+            return fmt::format("{} of {} round trips", times.size(), options.requests);
+        });
+        trips.next();
+    });
+    progress.reset();
+    if (status != kSuccess) return false;
     std::sort(times.begin(), times.end());
-    if (options.connection.json) {
-        fmt::print("{{\"round_trips\":{},\"p50_us\":{:.1f},\"p99_us\":{:.1f},\"max_us\":{:.1f}}}\n",
-                   times.size(), percentile(times, 0.5), percentile(times, 0.99), times.back());
-    } else {
-        fmt::print("{} round trips of {} bytes: p50 {:.1f} us, p99 {:.1f} us, max {:.1f} us\n",
-                   times.size(), options.bytes, percentile(times, 0.5), percentile(times, 0.99),
-                   times.back());
-    }
-    return true;
+    const double p50 = percentile(times, 0.5);
+    const double p99 = percentile(times, 0.99);
+    bus::printLine(options.connection.json
+                       ? fmt::format(R"({{"round_trips":{},"p50_us":{:.1f},"p99_us":{:.1f},)"
+                                     R"("max_us":{:.1f}}})",
+                                     times.size(), p50, p99, times.back())
+                       : fmt::format("{} round trips of {} bytes: p50 {:.1f} us, p99 {:.1f} us, "
+                                     "max {:.1f} us",
+                                     times.size(), options.bytes, p50, p99, times.back()));
+    return bus::flushOutput();
 }
 
 bool measureStream(bus::Client& client, Stream& stream, const BenchOptions& options) {
-    const auto begin = Clock::now();
-    if (client.run([&] { stream.fill(); }) != kSuccess) return false;
+    std::optional<bus::Progress> progress;
+    std::optional<bus::Ticker> look;
+    auto begin = Clock::now();
+    const int status = client.run([&] {
+        progress.emplace(client.net(), [&] {
+            return fmt::format("{} of {} messages", stream.heard(), options.messages);
+        });
+        look.emplace(client.net(), kLookMs, bus::Ticker::Repeat::Forever,
+                     [&] { stream.giveUpWhenStalled(); });
+        begin = Clock::now();
+        stream.fill();
+    });
     const double seconds = secondsSince(begin);
+    progress.reset();
+    if (status != kSuccess) return false;
     const double rate = static_cast<double>(options.messages) / seconds;
-    if (options.connection.json) {
-        fmt::print("{{\"stream\":{},\"seconds\":{:.3f},\"per_second\":{:.0f}}}\n", options.messages,
-                   seconds, rate);
-    } else {
-        fmt::print("{} messages of {} bytes streamed in {:.3f} s: {:.0f} a second\n",
-                   options.messages, options.bytes, seconds, rate);
-    }
+    bus::printLine(
+        options.connection.json
+            ? fmt::format(R"({{"stream":{},"seconds":{:.3f},"per_second":{:.0f}}})",
+                          options.messages, seconds, rate)
+            : fmt::format("{} messages of {} bytes streamed in {:.3f} s: {:.0f} a second",
+                          options.messages, options.bytes, seconds, rate));
     return true;
 }
 
@@ -146,14 +186,18 @@ int bench(const BenchOptions& options) {
     const std::unique_ptr<RvSender> sender(client.session().newSender(streamSubject.c_str()));
     Echo echo;
     Stream stream(client, *sender, datum, options.messages);
-    client.net().RRNAddExService(echoSubject.c_str(), &echo);
-    client.net().RRNAddExService(streamSubject.c_str(), &stream);
-    if (!measureRoundTrips(client, *requests, datum, options) ||
-        !measureStream(client, stream, options)) {
-        bus::complain("the daemon does not carry the messages");
-        return kFailure;
+    client.leaveWithoutDaemon();
+    const bool listens = client.net().RRNAddExService(echoSubject.c_str(), &echo) == 1 &&
+                         client.net().RRNAddExService(streamSubject.c_str(), &stream) == 1;
+    if (listens && measureRoundTrips(client, *requests, datum, options) &&
+        measureStream(client, stream, options)) {
+        return kSuccess;
     }
-    return kSuccess;
+    if (!bus::outputHasFailed()) {
+        bus::complain(
+            fmt::format("the bus daemon at {} does not carry the messages", client.daemon()));
+    }
+    return kFailure;
 }
 
 }  // namespace kvx::tool

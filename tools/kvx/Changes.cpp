@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "tools/bus/Complain.h"
+#include "tools/bus/Text.h"
 #include "tools/kvx/Columns.h"
 #include "tools/kvx/DatumJson.h"
 #include "tools/kvx/Rows.h"
@@ -30,9 +31,9 @@ bool isColumn(const std::string& name) {
 
 // A text as it is when nobody can misread it, else in double quotes with escapes.
 std::string plainOrQuoted(const std::string& text) {
-    const std::string shown = printable(text);
+    const std::string shown = bus::printable(text);
     const bool plain = !text.empty() && shown.find_first_of(" \"\\") == std::string::npos;
-    return plain ? text : printable(jsonString(text));
+    return plain ? text : jsonString(text);
 }
 
 std::string orHyphen(const CVekAtom* value) {

@@ -4,17 +4,10 @@
 
 namespace kvx::tool {
 
-std::string printable(std::string text) {
-    for (char& c : text) {
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
-    }
-    // The control characters U+0080 to U+009F, which some terminals obey too.
-    for (std::size_t i = 0; i + 1 < text.size(); ++i) {
-        if (text[i] == '\xc2' && static_cast<unsigned char>(text[i + 1]) < 0xa0) {
-            text.replace(i, 2, 2, ' ');
-        }
-    }
-    return text;
+bool equalIgnoringCase(std::string_view one, std::string_view other) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                      [&](char a, char b) { return lower(a) == lower(b); });
 }
 
 std::size_t displayWidth(const std::string& text) {

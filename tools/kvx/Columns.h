@@ -2,13 +2,13 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kvx::tool {
 
-/// `text` with its control characters as spaces, so that nothing that came over the bus can steer
-/// the terminal.
-std::string printable(std::string text);
+/// Whether two names differ at most in the case of their ASCII letters.
+bool equalIgnoringCase(std::string_view one, std::string_view other);
 
 /// Characters that a terminal shows, taking UTF-8 continuation bytes as part of the one before.
 std::size_t displayWidth(const std::string& text);

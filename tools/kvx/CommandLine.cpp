@@ -1,26 +1,21 @@
 // The command line of kvx: one CLI11 subcommand for each function of Commands.h.
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <functional>
 #include <utility>
 
+#include "platform/File.h"
+#include "tools/bus/Complain.h"
 #include "tools/bus/Connection.h"
+#include "tools/bus/Output.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Fields.h"
+#include "tools/kvx/Usage.h"
 
 namespace kvx::tool {
 
 namespace {
-
-void addConnection(CLI::App& command, Connection& connection) {
-    const auto plain = CLI::Validator(bus::problemWithPart, "");
-    command.add_option("--daemon", connection.daemon, "daemon, as tcp:[host:]port")->check(plain);
-    command.add_option("--service", connection.service, "bus service")->check(plain);
-    command.add_option("--network", connection.network, "bus network")->check(plain);
-    command.add_option("--domain", connection.domain, "domain that subjects are qualified with")
-        ->check(plain);
-    command.add_flag("--json", connection.json, "print JSON, one object a line");
-}
 
 void addPayload(CLI::App& command, Payload& payload) {
     command.add_option("fields", payload.fields, "NAME[:TYPE]=VALUE, or - for standard input");
@@ -33,6 +28,8 @@ class CommandLine {
     CommandLine() {
         app_.set_version_flag("--version", std::string("kvx ") + KVX_VERSION);
         app_.require_subcommand(1);
+        app_.fallthrough();  // options of every command may stand behind it, too
+        addConnection();
         addListen();
         addSend();
         addRequest();
@@ -40,28 +37,50 @@ class CommandLine {
         addSnoop();
         addServices();
         addBench();
+        addHelp();
         app_.footer(
             "The daemon configuration file names daemon, service and network; options override "
-            "it.\n\"kvx COMMAND --help\" tells more. Exit status: 0 success, 1 failure, 2 usage.");
+            "it.\nThese options may stand before and after the command. \"kvx help COMMAND\" tells "
+            "more.\nExit status: 0 success, 1 failure, 2 usage.");
     }
 
     int run(int argc, char** argv) {
         try {
             app_.parse(argc, argv);
+        } catch (const CLI::CallForHelp&) {
+            bus::print(app_.help());
+            return kSuccess;
+        } catch (const CLI::CallForVersion& version) {
+            bus::printLine(version.what());
+            return kSuccess;
         } catch (const CLI::ParseError& error) {
-            return app_.exit(error) == 0 ? kSuccess : kUsage;
+            bus::complain(usageProblem(app_, error));
+            return kUsage;
         }
         return chosen_();
     }
 
   private:
+    void addConnection() {
+        const auto plain = CLI::Validator(bus::problemWithPart, "");
+        app_.add_option("--daemon", connection_.daemon, "daemon, as tcp:[host:]port")->check(plain);
+        app_.add_option("--service", connection_.service, "bus service")->check(plain);
+        app_.add_option("--network", connection_.network, "bus network")->check(plain);
+        app_.add_option("--domain", connection_.domain, "domain that subjects are qualified with")
+            ->check(plain);
+        json_ = app_.add_flag("--json", connection_.json, "print JSON, one object a line");
+        app_.add_flag("-v,--verbose", connection_.verbose, "tell more on standard error");
+    }
+
     template <class Options>
     CLI::App& add(const char* name, const char* what, Options& options,
                   int (*function)(const Options&)) {
         CLI::App& command = *app_.add_subcommand(name, what);
-        addConnection(command, options.connection);
         command.callback([this, &options, function] {
-            chosen_ = [&options, function] { return function(options); };
+            chosen_ = [this, &options, function] {
+                options.connection = connection_;
+                return function(options);
+            };
         });
         return command;
     }
@@ -70,14 +89,14 @@ class CommandLine {
         auto& command = add("listen", "print messages as they arrive", listen_, listen);
         command.add_option("subjects", listen_.subjects, "subjects, * and > as wildcards")
             ->required();
-        command.add_option("--count", listen_.count, "leave after so many messages");
+        addCount(command, "--count", listen_.count, "leave after so many messages; 0 for never");
     }
 
     void addSend() {
         auto& command = add("send", "publish a message", send_, send);
         command.add_option("subject", send_.subject, "the subject")->required();
         command.add_option("--reply", send_.reply, "the reply subject");
-        command.add_option("--repeat", send_.repeat, "how often to send it")->capture_default_str();
+        addCount(command, "--repeat", send_.repeat, "how often to send it, at least once", 1);
         addPayload(command, send_.payload);
     }
 
@@ -95,7 +114,7 @@ class CommandLine {
         command.add_option("QUERY", query_.text, "the query, in quotes")->required();
         auto* csv = command.add_flag_callback(
             "--csv", [this] { query_.format = RowFormat::Csv; }, "print comma-separated values");
-        csv->excludes("--json");
+        csv->excludes(json_);
         command.add_flag("--quiet", query_.quiet, "print no rows, only what they came to");
         addTimeout(command, query_.timeoutSeconds);
     }
@@ -105,7 +124,7 @@ class CommandLine {
         command.add_option("SERVICE", snoop_.service, "the service's name, such as Model")
             ->required();
         command.add_option("--table", snoop_.table, "only the rows of this table");
-        command.add_option("--count", snoop_.count, "leave after so many rows");
+        addCount(command, "--count", snoop_.count, "leave after so many rows; 0 for never");
     }
 
     void addServices() {
@@ -119,14 +138,42 @@ class CommandLine {
 
     void addBench() {
         auto& command = add("bench", "measure the daemon's round trips and stream", bench_, bench);
-        command.add_option("--messages", bench_.messages, "messages to stream")
-            ->check(CLI::PositiveNumber)
-            ->capture_default_str();
-        command.add_option("--requests", bench_.requests, "requests to time")
-            ->check(CLI::PositiveNumber)
-            ->capture_default_str();
+        addCount(command, "--messages", bench_.messages, "messages to stream", 1);
+        addCount(command, "--requests", bench_.requests, "requests to time", 1);
         command.add_option("--bytes", bench_.bytes, "payload of a message")
             ->check(CLI::Range(1U, 1000000U))
+            ->capture_default_str();
+    }
+
+    void addHelp() {
+        CLI::App& command = *app_.add_subcommand("help", "tell about a command");
+        command.add_option("command", helpTopic_, "the command");
+        command.callback([this] { chosen_ = [this] { return help(); }; });
+    }
+
+    int help() {
+        if (helpTopic_.empty()) {
+            // `App::help` would tell about this command.
+            bus::print(app_.get_formatter()->make_help(&app_, app_.get_name(),
+                                                       CLI::AppFormatMode::Normal));
+            return kSuccess;
+        }
+        const auto topics = app_.get_subcommands(
+            [&](const CLI::App* command) { return command->get_name() == helpTopic_; });
+        if (topics.empty()) {
+            bus::complain(unknownCommand(app_, helpTopic_));
+            return kUsage;
+        }
+        bus::print(topics.front()->help(app_.get_name()));
+        return kSuccess;
+    }
+
+    // A whole number of at least `least`.
+    static void addCount(CLI::App& command, const char* name, std::uint64_t& count,
+                         const char* what, std::uint64_t least = 0) {
+        command.add_option(name, count, what)
+            ->check(CLI::Validator(
+                [least](const std::string& text) { return problemWithCount(text, least); }, ""))
             ->capture_default_str();
     }
 
@@ -136,6 +183,9 @@ class CommandLine {
             ->capture_default_str();
     }
 
+    Connection connection_;
+    CLI::Option* json_ = nullptr;
+    std::string helpTopic_;
     CLI::App app_{"Talks to the services on the bus.", "kvx"};
     ListenOptions listen_;
     SendOptions send_;
@@ -148,6 +198,10 @@ class CommandLine {
 };
 
 }  // namespace
+
+bool talks(const Connection& connection) {
+    return connection.verbose || platform::isTerminal(stderr);
+}
 
 int runCommandLine(int argc, char** argv) {
     return CommandLine().run(argc, argv);

@@ -5,7 +5,8 @@
 namespace kvx::tool {
 
 // One function a subcommand, each in a file of its own. They return the exit status, having told
-// the user on standard error about whatever went wrong.
+// the user on standard error about whatever went wrong. What cannot be written to standard output
+// makes the program fail in `bus::runProgram`; a long run leaves early then.
 
 /// Prints messages as they arrive, until the count is reached or a signal ends the process.
 int listen(const ListenOptions& options);
@@ -28,6 +29,9 @@ int services(const ServicesOptions& options);
 
 /// Measures round trips and a stream through the daemon.
 int bench(const BenchOptions& options);
+
+/// Whether a command tells on standard error what it is doing: to a person, or when asked to.
+bool talks(const Connection& connection);
 
 /// Reads the command line and runs the subcommand it names.
 int runCommandLine(int argc, char** argv);

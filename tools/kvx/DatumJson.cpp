@@ -7,11 +7,15 @@
 #include <fmt/format.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
+
+#include "tools/bus/Text.h"
 
 namespace kvx::tool {
 
@@ -164,7 +168,7 @@ Json fieldsOf(const RvMsg& message) {
 }
 
 std::string dump(const Json& json) {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    return bus::printableJson(json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 }  // namespace
@@ -176,6 +180,17 @@ std::string messageAsJson(const char* subject, const char* reply, const RvDatum&
     line["type"] = typeName(datum);
     line[datum.type() == RVMSG_MSG ? "fields" : "value"] = valueOf(datum);
     return dump(line);
+}
+
+std::string datumText(const RvDatum& datum) {
+    char* text = nullptr;
+    std::size_t size = 0;
+    std::FILE* const out = open_memstream(&text, &size);
+    if (out == nullptr) return {};
+    datum.print(out);
+    std::fclose(out);
+    const std::unique_ptr<char, decltype(&std::free)> owned(text, std::free);
+    return bus::printable(std::string(owned.get(), size));
 }
 
 std::string jsonString(const std::string& text) {

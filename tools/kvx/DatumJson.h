@@ -13,6 +13,9 @@ namespace kvx::tool {
 /// times are ISO 8601 in UTC. Bytes that are no UTF-8 in a text become replacement characters.
 std::string messageAsJson(const char* subject, const char* reply, const RvDatum& datum);
 
+/// A datum as one line of text, as the message library prints it; control characters are spaces.
+std::string datumText(const RvDatum& datum);
+
 /// A text as a JSON string, quotes included.
 std::string jsonString(const std::string& text);
 

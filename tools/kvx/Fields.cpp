@@ -3,14 +3,15 @@
 
 #include "tools/kvx/Fields.h"
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
-#include <iostream>
-#include <iterator>
-#include <limits>
+#include <cstdio>
 #include <optional>
 #include <sstream>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace kvx::tool {
@@ -117,17 +118,27 @@ const FieldType* findType(std::string_view name) {
     return nullptr;
 }
 
-std::string readStandardInput() {
-    return {std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>()};
+constexpr std::size_t kLargestMessage = 64U << 20U;  // bytes; the link carries no larger one
+
+// All of standard input. Returns what is wrong, or an empty text.
+std::string readStandardInput(std::string& content) {
+    std::array<char, 65536> buffer{};
+    errno = 0;
+    while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), stdin)) {
+        content.append(buffer.data(), count);
+        if (content.size() > kLargestMessage) {
+            return "standard input holds more than the 64 MiB that a message can carry";
+        }
+    }
+    if (std::ferror(stdin) == 0) return {};
+    return "standard input: " + std::generic_category().message(errno);
 }
 
 // The datum owns nothing that it is given, so a copy that does is handed out.
-std::unique_ptr<RvDatum> standardInputDatum(bool opaque, std::string& problem) {
-    const std::string content = readStandardInput();
-    if (content.size() >= std::numeric_limits<rvmsg_Size>::max()) {
-        problem = "standard input holds more than a message can carry";
-        return nullptr;
-    }
+std::unique_ptr<RvDatum> standardInputDatum(bool opaque, PayloadProblem& problem) {
+    std::string content;
+    problem = {readStandardInput(content), kFailure};
+    if (!problem.text.empty()) return nullptr;
     const auto size = static_cast<rvmsg_Size>(content.size());
     if (opaque) return std::make_unique<RvDatum>(RvDatum(RVMSG_OPAQUE, size, content.data()));
     return std::make_unique<RvDatum>(RvDatum(RVMSG_STRING, size + 1, content.c_str()));
@@ -164,14 +175,18 @@ std::string appendField(RvMsg& message, const std::string& text) {
     return status == 0 ? std::string() : "'" + text + "': " + status.text();
 }
 
-std::unique_ptr<RvDatum> buildPayload(const Payload& payload, std::string& problem) {
+std::unique_ptr<RvDatum> buildPayload(const Payload& payload, PayloadProblem& problem) {
     if (payload.fields.size() == 1 && payload.fields.front() == "-") {
         return standardInputDatum(payload.opaque, problem);
     }
+    if (payload.opaque) {
+        problem.text = "--opaque needs - in place of the fields";
+        return nullptr;
+    }
     auto message = std::make_unique<RvMsg>(1024UL);
     for (const auto& field : payload.fields) {
-        problem = appendField(*message, field);
-        if (!problem.empty()) return nullptr;
+        problem.text = appendField(*message, field);
+        if (!problem.text.empty()) return nullptr;
     }
     return message;
 }

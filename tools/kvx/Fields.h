@@ -15,7 +15,14 @@ std::string fieldTypes();
 /// an empty text.
 std::string appendField(RvMsg& message, const std::string& text);
 
-/// The datum that a command line describes. Null, with `problem` filled, when it describes none.
-std::unique_ptr<RvDatum> buildPayload(const Payload& payload, std::string& problem);
+/// Why there is no payload, and the exit status that this is worth.
+struct PayloadProblem {
+    std::string text;
+    int status = kUsage;
+};
+
+/// The datum that a command line describes. Null, with `problem` filled, when it describes none or
+/// standard input cannot be read.
+std::unique_ptr<RvDatum> buildPayload(const Payload& payload, PayloadProblem& problem);
 
 }  // namespace kvx::tool

@@ -1,11 +1,13 @@
 // kvx listen: prints what comes, one message a line.
 
-#include <cstdio>
+#include <fmt/format.h>
+
 #include <string>
 
-#include "platform/File.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/Output.h"
+#include "tools/bus/Text.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/DatumJson.h"
 
@@ -22,21 +24,18 @@ class Printer : public RvDataCallback {
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data, RvListener*) override {
         if (over_) return;
         const char* reply = replyTo != nullptr ? replyTo->subject() : nullptr;
-        if (options_.connection.json) {
-            std::puts(messageAsJson(subject, reply, data).c_str());
-        } else {
-            std::printf("%s %s ", subject, reply != nullptr ? reply : "-");
-            data.print(stdout);
-            std::putchar('\n');
-        }
-        std::fflush(stdout);
-        if (std::ferror(stdout) != 0 || ++seen_ == options_.count) {
-            over_ = true;
-            client_.leave(kSuccess);
-        }
+        bus::printLine(options_.connection.json ? messageAsJson(subject, reply, data)
+                                                : textLine(subject, reply, data));
+        over_ = !bus::flushOutput() || ++seen_ == options_.count;
+        if (over_) client_.leave(bus::outputHasFailed() ? kFailure : kSuccess);
     }
 
   private:
+    static std::string textLine(const char* subject, const char* reply, const RvDatum& data) {
+        return fmt::format("{} {} {}", bus::printable(subject),
+                           reply != nullptr ? bus::printable(reply) : "-", datumText(data));
+    }
+
     bus::Client& client_;
     const ListenOptions& options_;
     std::uint64_t seen_ = 0;
@@ -56,8 +55,9 @@ int listen(const ListenOptions& options) {
             return kFailure;
         }
     }
-    return client.runUntilSignal([] {
-        if (kvx::platform::isTerminal(stderr)) bus::complain("listening; Ctrl-C ends it");
+    if (options.count != 0) client.failOnLoss();
+    return client.runUntilSignal([&] {
+        if (talks(options.connection)) bus::complain("listening; Ctrl-C ends it");
     });
 }
 

@@ -10,11 +10,11 @@ namespace kvx::tool {
 Outgoing::Outgoing(const MessageOptions& options) : status_(prepare(options)) {}
 
 int Outgoing::prepare(const MessageOptions& options) {
-    std::string problem;
+    PayloadProblem problem;
     payload_ = buildPayload(options.payload, problem);
     if (!payload_) {
-        bus::complain(problem);
-        return kUsage;
+        bus::complain(problem.text);
+        return problem.status;
     }
     client_.emplace(options.connection);
     if (!client_->isUp()) return kFailure;
@@ -22,6 +22,11 @@ int Outgoing::prepare(const MessageOptions& options) {
     sender_.reset(client_->session().newSender(
         subject_.c_str(), options.reply.empty() ? nullptr : options.reply.c_str()));
     return sender_ ? kSuccess : refuse(client_->session().status());
+}
+
+std::uint64_t Outgoing::payloadBytes() const {
+    const bool isMessage = payload_->type() == RVMSG_MSG;
+    return isMessage ? static_cast<const RvMsg&>(*payload_).size() : payload_->size();
 }
 
 int Outgoing::refuse(const RvStatus& reason) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 
@@ -22,6 +23,8 @@ class Outgoing {
     bus::Client& client() { return *client_; }
     RvSender& sender() { return *sender_; }
     const RvDatum& payload() const { return *payload_; }
+
+    std::uint64_t payloadBytes() const;
 
     /// Tells that the bus refused the message. Returns the exit status.
     int refuse(const RvStatus& reason) const;

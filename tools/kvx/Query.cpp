@@ -32,12 +32,20 @@ bool Query::ask(const std::string& subject, const std::string& text) {
            CVekQryInfo::RQISendOQL(text.c_str(), subject.c_str(), this, nullptr, &net_, TRUE) == 1;
 }
 
-void Query::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
+void Query::onData(const char*, RvSender*, const RvDatum& data, RvListener* listener) {
     if (over_ || data.type() != RVMSG_MSG) return;
     RvMsg packet(static_cast<const RvMsg&>(data));
     count(packet);
     idle_->resetInterval(timeoutMs_);
-    if (transport_.RTAddMessage(&packet) == 1 && transport_.RTDone()) finish(true);
+    if (transport_.RTAddMessage(&packet) == 1 && transport_.RTDone()) {
+        finish(true);
+        net_.RRNRemoveListener(listener->subject());
+    }
+}
+
+void Query::onTimeout(RvListener* listener) {
+    // Nobody has answered in time, so nobody is listened to any more.
+    net_.RRNRemoveListener(listener->subject());
 }
 
 void Query::count(const RvMsg& packet) {

@@ -11,7 +11,8 @@ namespace kvx::tool {
 /// One question put to a service, and its answer gathered packet by packet.
 ///
 /// `finished` is called once: when every packet is there, or when `timeoutMs` passed without one.
-/// The object must stay alive until then. Main thread only.
+/// The object must stay alive until then, and as long as the loop runs. Its reply listener goes
+/// when the answer is complete, at the latest with the net. Main thread only.
 class Query : public RvDataCallback, public RvTimerCallback {
   public:
     /// What the packets of an answer came to. Bytes are those of the records with their lengths,
@@ -33,6 +34,7 @@ class Query : public RvDataCallback, public RvTimerCallback {
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
                 RvListener* listener) override;
+    void onTimeout(RvListener* listener) override;
     void onTimer(RvTimer* timer) override;
 
   private:

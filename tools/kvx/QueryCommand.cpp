@@ -2,17 +2,26 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "mom/net/VekText.h"
+#include "platform/File.h"
+#include "rv/session/rvSessionHooks.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/Output.h"
+#include "tools/bus/Progress.h"
+#include "tools/bus/Text.h"
 #include "tools/kvx/AnswerDecoder.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Query.h"
 #include "tools/kvx/Rows.h"
+#include "tools/kvx/SelectedColumns.h"
 
 namespace kvx::tool {
 
@@ -60,14 +69,17 @@ long long integerField(const CVekBaseRecord& record, const char* name) {
     return integer ? value->RAInt64() : 0;
 }
 
-// Shows the line of the query that holds `position` (1-based), with a mark below the place.
+// Shows the place of the query that `position` (1-based) names, with a mark below it: its line, or
+// the stretch around it of a long one.
 void pointAt(const std::string& text, long long position) {
+    constexpr std::size_t kMostAround = 60;  // bytes before and after the place
     const auto place = static_cast<std::size_t>(position) - 1;
     if (position < 1 || place > text.size()) return;
     const auto before = place == 0 ? std::string::npos : text.rfind('\n', place - 1);
-    const std::size_t begin = before == std::string::npos ? 0 : before + 1;
-    const std::size_t end = std::min(text.find('\n', place), text.size());
-    fmt::print(stderr, "    {}\n    {:>{}}\n", text.substr(begin, end - begin), '^',
+    std::size_t begin = before == std::string::npos ? 0 : before + 1;
+    begin = std::max(begin, place - std::min(place, kMostAround));
+    const std::size_t end = std::min({text.find('\n', place), text.size(), place + kMostAround});
+    fmt::print(stderr, "    {}\n    {:>{}}\n", bus::printable(text.substr(begin, end - begin)), '^',
                place - begin + 1);
 }
 
@@ -85,7 +97,7 @@ int showRefusal(const QueryOptions& options, const Rows& rows, EVekStoreErrorSta
 }
 
 int showAnswer(const QueryOptions& options, Query& query, double seconds) {
-    Rows rows;
+    Rows rows(selectedColumns(options.text));
     Decoded decoded = decodeAnswer(query.transport());
     rows.add(std::move(decoded.records));
     const EVekStoreErrorStatus status = query.transport().RTError();
@@ -93,17 +105,24 @@ int showAnswer(const QueryOptions& options, Query& query, double seconds) {
         return showRefusal(options, rows, status);
     }
     const RowFormat format = options.connection.json ? RowFormat::Json : options.format;
-    if (rows.size() != 0 && !options.quiet) rows.print(format, stdout);
-    std::FILE* out = format == RowFormat::Table ? stdout : stderr;
-    if (status == STORE_ZERO_MATCHES) fmt::print(out, "{}\n", statusText(status));
-    fmt::print(out, "{}\n", summary(rows, query.totals(), seconds));
+    if (!options.quiet) rows.print(format, bus::print, platform::isTerminal(stdout));
+    // What a program would read holds nothing but rows, and the summary is true of what got out.
+    if (!bus::flushOutput()) return kFailure;
+    const auto tell = [&](const std::string& line) {
+        format == RowFormat::Table ? bus::printLine(line) : fmt::print(stderr, "{}\n", line);
+    };
+    if (status == STORE_ZERO_MATCHES) tell(statusText(status));
+    tell(summary(rows, query.totals(), seconds));
     if (decoded.bad == 0) return kSuccess;
     bus::complain(plural(decoded.bad, "record") + " of the answer could not be read");
     return kFailure;
 }
 
-int showSilence(const QueryOptions& options, const Query& query) {
-    if (query.totals().packets == 0) {
+int showSilence(const QueryOptions& options, bus::Client& client, const Query& query) {
+    if (!rv_IsConnected(client.session().handle())) {
+        bus::complain(fmt::format("no answer from {} without the bus daemon at {}", options.service,
+                                  client.daemon()));
+    } else if (query.totals().packets == 0) {
         bus::complain(fmt::format("no answer from {} within {:g} s", options.service,
                                   options.timeoutSeconds));
     } else {
@@ -127,15 +146,24 @@ int query(const QueryOptions& options) {
     if (!client.isUp()) return kFailure;
     Query question(client.net(), timeoutMs, [&] { client.leave(kSuccess); });
     const auto begin = Clock::now();
-    const int failed = client.run([&] {
+    std::optional<bus::Progress> progress;
+    bool isAsked = false;
+    client.leaveWithoutDaemon();
+    client.run([&] {
+        progress.emplace(client.net(), [&] {
+            return fmt::format("waiting for {}, {} so far", options.service,
+                               plural(question.totals().packets, "packet"));
+        });
         const char* subject = CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(type);
-        if (!question.ask(subject, options.text)) client.leave(kFailure);
+        isAsked = question.ask(subject, options.text);
+        if (!isAsked) client.leave(kFailure);
     });
-    if (failed != kSuccess) {
+    progress.reset();
+    if (!isAsked) {
         bus::complain("the query could not be sent");
         return kFailure;
     }
-    if (!question.isComplete()) return showSilence(options, question);
+    if (!question.isComplete()) return showSilence(options, client, question);
     const std::chrono::duration<double> spent = Clock::now() - begin;
     return showAnswer(options, question, spent.count());
 }

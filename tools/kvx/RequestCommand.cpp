@@ -2,10 +2,12 @@
 
 #include <fmt/format.h>
 
-#include <cstdio>
 #include <memory>
+#include <optional>
 
 #include "tools/bus/Complain.h"
+#include "tools/bus/Output.h"
+#include "tools/bus/Progress.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/DatumJson.h"
 #include "tools/kvx/Outgoing.h"
@@ -23,16 +25,13 @@ class PrintedAnswer : public RvDataCallback {
         if (over_) return;
         over_ = true;
         const char* reply = replyTo != nullptr ? replyTo->subject() : nullptr;
-        if (options_.connection.json) {
-            std::puts(messageAsJson(subject, reply, data).c_str());
-        } else {
-            data.print(stdout);
-            std::putchar('\n');
-        }
+        bus::printLine(options_.connection.json ? messageAsJson(subject, reply, data)
+                                                : datumText(data));
         client_.leave(kSuccess);
     }
 
     void onTimeout(RvListener*) override {
+        if (over_) return;
         bus::complain(fmt::format("no answer on '{}' within {:g} s", options_.subject,
                                   options_.timeoutSeconds));
         client_.leave(kFailure);
@@ -52,7 +51,11 @@ int request(const RequestOptions& options) {
     bus::Client& client = message.client();
     PrintedAnswer answer(client, options);
     std::unique_ptr<RvListener> listener;
+    std::optional<bus::Progress> progress;
+    client.leaveWithoutDaemon();
     return client.run([&] {
+        progress.emplace(client.net(),
+                         [&] { return "waiting for an answer on " + options.subject; });
         const auto timeoutMs = static_cast<unsigned long>(options.timeoutSeconds * 1000);
         listener.reset(
             message.sender().sendRequest(message.payload(), timeoutMs, &answer, nullptr));

@@ -1,25 +1,18 @@
-// Rows on their way to a reader. Values keep the order of the first record that had them; a lookup
-// by name serves the others, which may lack some.
+// Rows on their way to a reader. A lookup by name serves records that lack some of the columns.
 
 #include "tools/kvx/Rows.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <iterator>
-#include <utility>
 
 #include "mom/net/VekText.h"
+#include "tools/bus/Text.h"
 #include "tools/kvx/Columns.h"
 #include "tools/kvx/DatumJson.h"
 
 namespace kvx::tool {
 
 namespace {
-
-std::string valueText(const CVekBaseRecord& record, const std::string& column) {
-    return tool::valueText(record.RRGetValue(column.c_str()));
-}
 
 std::string csvField(const std::string& text) {
     if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
@@ -29,12 +22,6 @@ std::string csvField(const std::string& text) {
         quoted.push_back(c);
     }
     return quoted + '"';
-}
-
-void writeLine(std::FILE* out, std::string& line) {
-    line.push_back('\n');
-    std::fwrite(line.data(), 1, line.size(), out);
-    line.clear();
 }
 
 }  // namespace
@@ -53,80 +40,106 @@ std::string jsonValue(const CVekAtom* value) {
 }
 
 void Rows::add(std::vector<std::unique_ptr<CVekBaseRecord>> records) {
-    for (const auto& record : records) noteColumns(*record);
+    for (const auto& record : records) noteFields(*record);
     std::move(records.begin(), records.end(), std::back_inserter(records_));
 }
 
-void Rows::noteColumns(const CVekBaseRecord& record) {
+void Rows::noteFields(const CVekBaseRecord& record) {
     for (int i = 0; i < record.RRSize(); ++i) {
         const char* name = record.RRNameAt(i);
-        if (std::find(columns_.begin(), columns_.end(), name) == columns_.end()) {
-            columns_.emplace_back(name);
+        if (std::find(fields_.begin(), fields_.end(), name) == fields_.end()) {
+            fields_.emplace_back(name);
         }
     }
 }
 
-void Rows::print(RowFormat format, std::FILE* out) const {
+std::vector<Rows::Column> Rows::columns() const {
+    std::vector<Column> columns;
+    for (const auto& name : selected_.empty() ? fields_ : selected_) {
+        auto field = std::find(fields_.begin(), fields_.end(), name);
+        if (field == fields_.end()) {
+            field = std::find_if(fields_.begin(), fields_.end(), [&](const std::string& one) {
+                return equalIgnoringCase(one, name);
+            });
+        }
+        columns.push_back({name, field != fields_.end() ? *field : name});
+    }
+    return columns;
+}
+
+void Rows::print(RowFormat format, const Write& write, bool forTerminal) const {
+    const std::vector<Column> all = columns();
+    if (all.empty()) return;
     switch (format) {
         case RowFormat::Table:
-            return printTable(out);
+            return printTable(all, write);
         case RowFormat::Json:
-            return printJson(out);
+            return printJson(all, write);
         case RowFormat::Csv:
-            return printCsv(out);
+            return printCsv(all, write, forTerminal);
     }
 }
 
-void Rows::printTable(std::FILE* out) const {
+void Rows::printTable(const std::vector<Column>& columns, const Write& write) const {
+    const auto value = [](const CVekBaseRecord& record, const Column& column) {
+        return bus::printable(valueText(record.RRGetValue(column.field.c_str())));
+    };
     std::vector<std::size_t> widths;
-    for (const auto& column : columns_) {
-        std::size_t widest = displayWidth(printable(column));
+    for (const auto& column : columns) {
+        std::size_t widest = displayWidth(bus::printable(column.heading));
         for (const auto& record : records_) {
-            widest = std::max(widest, displayWidth(printable(valueText(*record, column))));
+            widest = std::max(widest, displayWidth(value(*record, column)));
         }
         widths.push_back(widest);
     }
-    std::string line;
     const auto writeRow = [&](auto&& cell) {
-        for (std::size_t i = 0; i < columns_.size(); ++i) {
+        std::string line;
+        for (std::size_t i = 0; i < columns.size(); ++i) {
             if (i != 0) line += "  ";
-            appendPadded(line, cell(i), i + 1 == columns_.size() ? 0 : widths[i]);
+            appendPadded(line, cell(i), i + 1 == columns.size() ? 0 : widths[i]);
         }
-        writeLine(out, line);
+        write(line + "\n");
     };
-    writeRow([&](std::size_t i) { return printable(columns_[i]); });
+    writeRow([&](std::size_t i) { return bus::printable(columns[i].heading); });
     writeRow([&](std::size_t i) { return std::string(widths[i], '-'); });
     for (const auto& record : records_) {
-        writeRow([&](std::size_t i) { return printable(valueText(*record, columns_[i])); });
+        writeRow([&](std::size_t i) { return value(*record, columns[i]); });
     }
 }
 
-void Rows::printJson(std::FILE* out) const {
-    std::string line;
+void Rows::printJson(const std::vector<Column>& columns, const Write& write) const {
     for (const auto& record : records_) {
-        line = "{";
-        for (std::size_t i = 0; i < columns_.size(); ++i) {
-            if (i != 0) line += ",";
-            line +=
-                jsonString(columns_[i]) + ":" + jsonValue(record->RRGetValue(columns_[i].c_str()));
+        std::string line = "{";
+        for (auto column = columns.begin(); column != columns.end(); ++column) {
+            // A key stands once, however often the column was selected.
+            if (std::any_of(columns.begin(), column, [&](const Column& before) {
+                    return before.heading == column->heading;
+                })) {
+                continue;
+            }
+            if (line.size() > 1) line += ",";
+            line += jsonString(column->heading) + ":" +
+                    jsonValue(record->RRGetValue(column->field.c_str()));
         }
-        line += "}";
-        writeLine(out, line);
+        write(line + "}\n");
     }
 }
 
-void Rows::printCsv(std::FILE* out) const {
-    std::string line;
+void Rows::printCsv(const std::vector<Column>& columns, const Write& write,
+                    bool forTerminal) const {
     const auto writeRow = [&](auto&& cell) {
-        for (std::size_t i = 0; i < columns_.size(); ++i) {
+        std::string line;
+        for (std::size_t i = 0; i < columns.size(); ++i) {
             if (i != 0) line += ",";
-            line += csvField(cell(i));
+            const std::string text = cell(i);
+            line += csvField(forTerminal ? bus::printable(text) : text);
         }
-        writeLine(out, line);
+        write(line + "\n");
     };
-    writeRow([&](std::size_t i) { return columns_[i]; });
+    writeRow([&](std::size_t i) { return columns[i].heading; });
     for (const auto& record : records_) {
-        writeRow([&](std::size_t i) { return valueText(*record, columns_[i]); });
+        writeRow(
+            [&](std::size_t i) { return valueText(record->RRGetValue(columns[i].field.c_str())); });
     }
 }
 

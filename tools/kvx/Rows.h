@@ -1,8 +1,10 @@
 #pragma once
 
-#include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "mom/mom.h"
@@ -16,27 +18,41 @@ std::string valueText(const CVekAtom* value);
 /// A value of a record as JSON: a number, a string, or null.
 std::string jsonValue(const CVekAtom* value);
 
-/// The rows of an answer, as records came in, with their columns in order of first appearance.
+/// The rows of an answer, as records came in. Their columns are those that the query selects, in
+/// its order, whatever the records hold; when it names none, those of all records in order of first
+/// appearance.
 class Rows {
   public:
+    using Write = std::function<void(std::string_view line)>;
+
+    explicit Rows(std::vector<std::string> selected = {}) : selected_(std::move(selected)) {}
+
     void add(std::vector<std::unique_ptr<CVekBaseRecord>> records);
 
     std::size_t size() const { return records_.size(); }
     const CVekBaseRecord& at(std::size_t row) const { return *records_[row]; }
 
-    /// Writes all rows: an aligned table with a heading, one JSON object a line, or comma-separated
-    /// values with a heading. A missing value is empty, or null in JSON. Control characters in a
-    /// table become spaces so that no answer can steer the terminal.
-    void print(RowFormat format, std::FILE* out) const;
+    /// Hands all rows to `write`, line by line with the line ends: an aligned table with a heading,
+    /// one JSON object a line, or comma-separated values with a heading. A missing value is empty,
+    /// or null in JSON. Control characters become spaces so that no answer can steer a terminal;
+    /// comma-separated values keep them, except `forTerminal`.
+    void print(RowFormat format, const Write& write, bool forTerminal = false) const;
 
   private:
-    void noteColumns(const CVekBaseRecord& record);
-    void printTable(std::FILE* out) const;
-    void printJson(std::FILE* out) const;
-    void printCsv(std::FILE* out) const;
+    struct Column {
+        std::string heading;
+        std::string field;  // of the records, whose case may differ from the query's
+    };
 
+    void noteFields(const CVekBaseRecord& record);
+    std::vector<Column> columns() const;
+    void printTable(const std::vector<Column>& columns, const Write& write) const;
+    void printJson(const std::vector<Column>& columns, const Write& write) const;
+    void printCsv(const std::vector<Column>& columns, const Write& write, bool forTerminal) const;
+
+    const std::vector<std::string> selected_;
     std::vector<std::unique_ptr<CVekBaseRecord>> records_;
-    std::vector<std::string> columns_;
+    std::vector<std::string> fields_;  // of all records, in order of first appearance
 };
 
 }  // namespace kvx::tool

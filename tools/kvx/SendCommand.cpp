@@ -5,17 +5,26 @@
 #include "tools/bus/Complain.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Outgoing.h"
+#include "tools/kvx/Window.h"
 
 namespace kvx::tool {
 
 namespace {
 
-constexpr unsigned long kFlushMs = 10000;
-// How many sends go between two looks at what waits, so that no limit of the link is reached.
-constexpr std::uint64_t kSendsPerFlush = 500;
+constexpr unsigned long kStallMs = 10000;  // without a byte that leaves
 
+// Waits until everything has left, as long as something does.
 bool flush(Outgoing& message) {
-    const int code = rv_Flush(message.client().session().handle(), kFlushMs);
+    rv_Session const session = message.client().session().handle();
+    unsigned long before = 0;
+    unsigned long now = 0;
+    int code = 0;
+    rv_Pending(session, nullptr, &now);
+    do {
+        before = now;
+        code = rv_Flush(session, kStallMs);
+        rv_Pending(session, nullptr, &now);
+    } while (code != 0 && now != 0 && now < before);
     if (code != 0) bus::complain(std::string("the message did not leave: ") + rv_ErrorText(code));
     return code == 0;
 }
@@ -25,10 +34,11 @@ bool flush(Outgoing& message) {
 int send(const SendOptions& options) {
     Outgoing message(options);
     if (message.status() != kSuccess) return message.status();
+    const std::uint64_t window = Window(message.payloadBytes()).messages();
     for (std::uint64_t i = 1; i <= options.repeat; ++i) {
         const RvStatus status = message.sender().send(message.payload());
         if (!(status == RvStatus(0))) return message.refuse(status);
-        if ((i == options.repeat || i % kSendsPerFlush == 0) && !flush(message)) return kFailure;
+        if ((i == options.repeat || i % window == 0) && !flush(message)) return kFailure;
     }
     return kSuccess;
 }

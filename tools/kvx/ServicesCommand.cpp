@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "platform/Clock.h"
 #include "platform/File.h"
@@ -17,6 +19,9 @@
 #include "tools/beats/ServiceJson.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/Output.h"
+#include "tools/bus/Progress.h"
+#include "tools/bus/Text.h"
 #include "tools/bus/Ticker.h"
 #include "tools/kvx/AnswerProbe.h"
 #include "tools/kvx/Commands.h"
@@ -30,12 +35,11 @@ constexpr unsigned long kTickMs = 1000;
 constexpr const char* kClearScreen = "\033[H\033[2J";
 constexpr const char* kNoWrap = "\033[?7l";
 constexpr const char* kWrap = "\033[?7h";
-constexpr const char* kClearLine = "\r\033[K";
 
 using Repeat = bus::Ticker::Repeat;
 
 void printLines(const std::vector<std::string>& lines) {
-    for (const auto& line : lines) fmt::print("{}\n", line);
+    for (const auto& line : lines) bus::printLine(line);
 }
 
 Colour colourOfOutput() {
@@ -55,15 +59,15 @@ class Services {
     int lookOnce(unsigned long waitMs) {
         AnswerProbe probe(client_.net(), waitMs);
         std::unique_ptr<bus::Ticker> end;
-        std::unique_ptr<bus::Ticker> progress;
+        std::optional<bus::Progress> progress;
         const Milliseconds until = platform::monotonicMs() + static_cast<Milliseconds>(waitMs);
+        client_.leaveWithoutDaemon();
         const int status = client_.runUntilSignal([&] {
             probe.ask();
             end = ticker(waitMs, Repeat::Once, [this] { client_.leave(kSuccess); });
-            if (!platform::isTerminal(stderr)) return;
-            progress = ticker(kTickMs, Repeat::Forever, [this, until] { showProgress(until); });
+            progress.emplace(client_.net(), [this, until] { return progressText(until); });
         });
-        if (progress) fmt::print(stderr, "{}", kClearLine);
+        progress.reset();
         print(probe.answers());
         return status;
     }
@@ -76,8 +80,7 @@ class Services {
             refresh = ticker(kTickMs, Repeat::Forever, [this, redraws] {
                 table_.forgetSilent(platform::monotonicMs());
                 redraws ? redraw() : printChanges();
-                std::fflush(stdout);
-                if (std::ferror(stdout) != 0) client_.leave(kSuccess);
+                if (!bus::flushOutput()) client_.leave(kFailure);
             });
         });
     }
@@ -90,9 +93,10 @@ class Services {
         return std::make_unique<bus::Ticker>(client_.net(), intervalMs, repeat, std::move(tick));
     }
 
-    void showProgress(Milliseconds until) {
-        fmt::print(stderr, "{}kvx: listening for {} s more, {} heard", kClearLine,
-                   (until - platform::monotonicMs() + kHalfSecond) / 1000, table_.size());
+    std::string progressText(Milliseconds until) const {
+        const Milliseconds left = until - platform::monotonicMs();
+        return fmt::format("listening for {} s more, {} heard", (left + kHalfSecond) / 1000,
+                           table_.size());
     }
 
     void print(const std::vector<Answer>& answers) {
@@ -100,12 +104,12 @@ class Services {
         const auto services = table_.services();
         if (options_.connection.json) {
             for (const auto& service : services) {
-                fmt::print("{}\n", beats::serviceAsJson(service, now));
+                bus::printLine(bus::printableJson(beats::serviceAsJson(service, now)));
             }
-            for (const auto& answer : answers) fmt::print("{}\n", answerAsJson(answer));
+            for (const auto& answer : answers) bus::printLine(answerAsJson(answer));
         } else {
             printLines(serviceLines(services, now, colour_));
-            if (!answers.empty()) fmt::print("\n");
+            if (!answers.empty()) bus::printLine("");
             printLines(answerLines(answers));
         }
         if (services.empty()) bus::complain("no service was heard");
@@ -113,11 +117,11 @@ class Services {
 
     void redraw() {
         const auto lines = serviceLines(table_.services(), platform::monotonicMs(), colour_);
-        fmt::print("{}{}", kClearScreen, kNoWrap);
+        bus::print(std::string(kClearScreen) + kNoWrap);
         printLines(fittingLines(lines, platform::terminalHeight(stdout)));
-        fmt::print("{}", kWrap);
-        if (table_.size() == 0) fmt::print("(nothing yet; services beat every 10 seconds)\n");
-        std::fflush(stdout);
+        bus::print(kWrap);
+        if (table_.size() == 0) bus::printLine("(nothing yet; services beat every 10 seconds)");
+        bus::flushOutput();
     }
 
     void printChanges() {
@@ -126,11 +130,12 @@ class Services {
         const auto changed = changes_.since(services, now);
         if (changed.empty()) return;
         const auto lines = serviceLines(services, now, colour_);
-        if (!options_.connection.json && !headed_) fmt::print("{}\n", lines.front());
+        if (!options_.connection.json && !headed_) bus::printLine(lines.front());
         headed_ = true;
         for (const std::size_t i : changed) {
-            fmt::print("{}\n", options_.connection.json ? beats::serviceAsJson(services[i], now)
-                                                        : lines[i + 1]);
+            bus::printLine(options_.connection.json
+                               ? bus::printableJson(beats::serviceAsJson(services[i], now))
+                               : lines[i + 1]);
         }
     }
 

@@ -5,12 +5,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <thread>
 
-#include "platform/File.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/Output.h"
 #include "tools/bus/Ticker.h"
 #include "tools/kvx/Changes.h"
 #include "tools/kvx/Commands.h"
@@ -31,11 +30,10 @@ class LinePrinter {
     void print(const OrderedPool::Lines& lines) {
         for (const std::string& line : lines) {
             if (isOver_) return;
-            std::puts(line.c_str());
+            bus::printLine(line);
             if (++printed_ == count_) isOver_ = true;
         }
-        std::fflush(stdout);
-        if (std::ferror(stdout) != 0) isOver_ = true;
+        if (!bus::flushOutput()) isOver_ = true;
     }
 
     /// Any thread.
@@ -67,10 +65,11 @@ int follow(bus::Client& client, const SnoopOptions& options, const char* subject
         return kFailure;
     }
     bus::Ticker look(client.net(), kLookMs, bus::Ticker::Repeat::Forever, [&] {
-        if (printer.isOver()) client.leave(kSuccess);
+        if (printer.isOver()) client.leave(bus::outputHasFailed() ? kFailure : kSuccess);
     });
+    if (options.count != 0) client.failOnLoss();
     return client.runUntilSignal([&] {
-        if (!platform::isTerminal(stderr)) return;
+        if (!talks(options.connection)) return;
         bus::complain(fmt::format("following {} on {}.{}; Ctrl-C ends it", options.service, subject,
                                   options.connection.domainOrDefault()));
     });

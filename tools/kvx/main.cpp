@@ -1,7 +1,8 @@
 #include "platform/Memory.h"
+#include "tools/bus/Program.h"
 #include "tools/kvx/Commands.h"
 
 int main(int argc, char** argv) {
     kvx::platform::keepFreedMemory();
-    return kvx::tool::runCommandLine(argc, argv);
+    return kvx::bus::runProgram([&] { return kvx::tool::runCommandLine(argc, argv); });
 }

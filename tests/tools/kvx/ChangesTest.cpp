@@ -54,8 +54,9 @@ TEST(Changes, AreShownAsTextAndAsJson) {
     const auto lines = [&](const ChangeFormat& format) {
         return changesIn(*packets[0], kNoon, format);
     };
-    EXPECT_EQ(lines({}), (Lines{"2025-11-25T12:00:00.123Z changed devices name=\"edge 1\" ports=24",
-                                "2025-11-25T12:00:00.123Z - - name=\"\\u001b[31m  \" ports=48"}));
+    EXPECT_EQ(lines({}),
+              (Lines{"2025-11-25T12:00:00.123Z changed devices name=\"edge 1\" ports=24",
+                     "2025-11-25T12:00:00.123Z - - name=\"\\u001b[31m\\u009b\" ports=48"}));
     EXPECT_EQ(lines({"devices", true}),
               (Lines{R"({"time":"2025-11-25T12:00:00.123Z","change":"changed",)"
                      R"("table":"devices","row":{"name":"edge 1","ports":24}})"}));

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include "tools/kvx/SelectedColumns.h"
 
 namespace kvx::tool {
 namespace {
@@ -16,15 +16,11 @@ std::unique_ptr<CVekBaseRecord> record(const Values& values, long long number) {
     return made;
 }
 
-std::string printed(const Rows& rows, RowFormat format) {
-    char* text = nullptr;
-    std::size_t size = 0;
-    std::FILE* out = open_memstream(&text, &size);
-    rows.print(format, out);
-    std::fclose(out);
-    std::string result(text, size);
-    std::free(text);
-    return result;
+std::string printed(const Rows& rows, RowFormat format, bool forTerminal = false) {
+    std::string text;
+    rows.print(
+        format, [&](std::string_view line) { text += line; }, forTerminal);
+    return text;
 }
 
 TEST(Rows, PrintInEveryFormatWithMissingValuesEmpty) {
@@ -40,6 +36,31 @@ TEST(Rows, PrintInEveryFormatWithMissingValuesEmpty) {
               "{\"name\":\"\\u001b[31m\\\"\",\"site\":null,\"n\":null}\n");
     EXPECT_EQ(printed(rows, RowFormat::Csv),
               "name,site,n\ncaf\xc3\xa9,\"a,b\",5\n\"\x1b[31m\"\"\",,\n");
+    EXPECT_EQ(printed(rows, RowFormat::Csv, true).find('\x1b'), std::string::npos);
+}
+
+TEST(Rows, HaveTheColumnsThatWereSelectedWhateverTheyHold) {
+    Rows rows(selectedColumns("SELECT n, Site , \"from\",n From devices where x = 1"));
+    EXPECT_EQ(printed(rows, RowFormat::Csv), "n,Site,from,n\n");
+    EXPECT_EQ(printed(rows, RowFormat::Table), "n  Site  from  n\n-  ----  ----  -\n");
+    EXPECT_EQ(printed(rows, RowFormat::Json), "");
+    std::vector<std::unique_ptr<CVekBaseRecord>> records;
+    records.push_back(record({{"more", "x"}, {"site", "here"}}, 5));
+    records.push_back(record({{"from", "f"}}, 0));
+    rows.add(std::move(records));
+    EXPECT_EQ(printed(rows, RowFormat::Csv), "n,Site,from,n\n5,here,,5\n,,f,\n");
+    EXPECT_EQ(printed(rows, RowFormat::Json),
+              "{\"n\":5,\"Site\":\"here\",\"from\":null}\n"
+              "{\"n\":null,\"Site\":null,\"from\":\"f\"}\n");
+}
+
+TEST(Rows, TakeTheColumnsFromTheRowsWhereTheQueryNamesNone) {
+    for (const char* query : {"select * from t", "*", "", "selecta from t", "select a b from t",
+                              "select a, from", "select \"a from t", "select count(x) from t"}) {
+        EXPECT_TRUE(selectedColumns(query).empty()) << query;
+    }
+    using Names = std::vector<std::string>;
+    EXPECT_EQ(selectedColumns("select [a b],`c``d`, t.e\nfrom t"), (Names{"a b", "c`d", "t.e"}));
 }
 
 }  // namespace

@@ -1,0 +1,89 @@
+// Standard output fails at any write, at a flush, or only when it is closed, and the reason is in
+// `errno` for that moment alone; so each step looks, and the first reason is kept.
+
+#include "tools/bus/Output.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <mutex>
+#include <system_error>
+
+#include "tools/bus/Complain.h"
+
+namespace kvx::bus {
+
+namespace {
+
+constexpr int kFailure = 1;
+
+std::timed_mutex lock;
+
+// Guarded by lock.
+int failure = 0;  // the system's error number of the first one
+bool closed = false;
+int endStatus = 0;  // once closed
+
+// With the lock held.
+void note(bool worked) {
+    if (!worked && failure == 0) failure = errno != 0 ? errno : EIO;
+}
+
+void writeLocked(std::string_view text) {
+    if (failure != 0 || closed || text.empty()) return;
+    errno = 0;
+    note(std::fwrite(text.data(), 1, text.size(), stdout) == text.size());
+}
+
+// With the lock held.
+int closeLocked(int status) {
+    if (closed) return endStatus;
+    closed = true;
+    endStatus = status;
+    errno = 0;
+    // A stream that nothing was written to does not matter, even when it was never open.
+    if (failure == 0) note(std::fflush(stdout) == 0);
+    if (failure == 0 && std::fclose(stdout) != 0 && errno != EBADF) note(false);
+    if (failure == 0) return status;
+    complain("standard output: " + std::generic_category().message(failure));
+    if (endStatus == 0) endStatus = kFailure;
+    return endStatus;
+}
+
+}  // namespace
+
+void print(std::string_view text) {
+    const std::lock_guard guard(lock);
+    writeLocked(text);
+}
+
+void printLine(std::string_view text) {
+    const std::lock_guard guard(lock);
+    writeLocked(text);
+    writeLocked("\n");
+}
+
+bool flushOutput() {
+    const std::lock_guard guard(lock);
+    errno = 0;
+    if (failure == 0 && !closed) note(std::fflush(stdout) == 0);
+    return failure == 0;
+}
+
+bool outputHasFailed() {
+    const std::lock_guard guard(lock);
+    return failure != 0;
+}
+
+int closeOutput(int status) {
+    const std::lock_guard guard(lock);
+    return closeLocked(status);
+}
+
+bool tryCloseOutput(int& status, platform::Milliseconds limit) {
+    const std::unique_lock guard(lock, std::chrono::milliseconds(limit));
+    if (guard.owns_lock()) status = closeLocked(status);
+    return guard.owns_lock();
+}
+
+}  // namespace kvx::bus
