@@ -114,6 +114,7 @@ int Client::run(std::function<void()> whenRunning) {
     net_.whenRunning = std::move(whenRunning);
     {
         const std::lock_guard guard(loopLock_);
+        exitStatus_ = kFailure;
         loop_ = rv_EventManager(session().handle());
     }
     net_.RRNDoIt();

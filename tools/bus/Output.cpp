@@ -31,6 +31,7 @@ void note(bool worked) {
 
 void writeLocked(std::string_view text) {
     if (failure != 0 || closed || text.empty()) return;
+    showProgress("");  // both may be on one terminal
     errno = 0;
     note(std::fwrite(text.data(), 1, text.size(), stdout) == text.size());
 }

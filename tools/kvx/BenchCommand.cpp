@@ -94,6 +94,7 @@ class Stream : public RvDataCallback {
     }
 
     void onData(const char*, RvSender*, const RvDatum&, RvListener*) override {
+        if (heard_ == sent_) return;  // somebody else's
         lastHeard_ = Clock::now();
         if (++heard_ == count_) return client_.leave(kSuccess);
         if (sent_ - heard_ <= window_ / 2) fill();

@@ -20,7 +20,8 @@ namespace {
 void addPayload(CLI::App& command, Payload& payload) {
     command.add_option("fields", payload.fields, "NAME[:TYPE]=VALUE, or - for standard input");
     command.add_flag("--opaque", payload.opaque, "standard input holds bytes, not a text");
-    command.footer("TYPE is one of " + fieldTypes() + "; without it the value is a text.");
+    command.footer("TYPE is one of " + fieldTypes() + "; without it the value is a text.\n" +
+                   command.get_footer());
 }
 
 class CommandLine {
@@ -76,6 +77,7 @@ class CommandLine {
     CLI::App& add(const char* name, const char* what, Options& options,
                   int (*function)(const Options&)) {
         CLI::App& command = *app_.add_subcommand(name, what);
+        command.footer("\"kvx help\" tells the options of every command.");
         command.callback([this, &options, function] {
             chosen_ = [this, &options, function] {
                 options.connection = connection_;
@@ -131,7 +133,7 @@ class CommandLine {
         auto& command = add("services", "list the services that are alive", services_, services);
         auto* wait = command.add_option("--wait", services_.waitSeconds,
                                         "seconds to listen; services beat every 10 seconds");
-        wait->check(CLI::Range(0.01, 3600.0))->capture_default_str();
+        wait->check(secondsBetween(0.01, 3600))->capture_default_str();
         command.add_flag("--watch", services_.watch, "go on listening, until Ctrl-C")
             ->excludes(wait);
     }
@@ -177,9 +179,14 @@ class CommandLine {
             ->capture_default_str();
     }
 
+    static CLI::Validator secondsBetween(double least, double most) {
+        return CLI::Validator(
+            [=](const std::string& text) { return problemWithSeconds(text, least, most); }, "");
+    }
+
     static void addTimeout(CLI::App& command, double& seconds) {
         command.add_option("--timeout", seconds, "seconds to wait for an answer")
-            ->check(CLI::Range(0.001, 86400.0))
+            ->check(secondsBetween(0.001, 86400))
             ->capture_default_str();
     }
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <string>
 
 #include "tools/bus/Client.h"
@@ -42,6 +43,12 @@ class Printer : public RvDataCallback {
     bool over_ = false;
 };
 
+// Looked at here, since the net tells of a bad one in words of its own.
+bool isSubject(const std::string& text) {
+    std::array<unsigned char, 500> encoded{};
+    return rvSubject_FromText(encoded.data(), encoded.size(), text.c_str()) >= 0;
+}
+
 }  // namespace
 
 int listen(const ListenOptions& options) {
@@ -50,8 +57,8 @@ int listen(const ListenOptions& options) {
     Printer printer(client, options);
     for (const auto& subject : options.subjects) {
         const std::string full = client.qualified(subject);
-        if (client.net().RRNAddExService(full.c_str(), &printer) != 1) {
-            bus::complain("cannot listen on '" + full + "'");
+        if (!isSubject(full) || client.net().RRNAddExService(full.c_str(), &printer) != 1) {
+            bus::complain("cannot listen on '" + full + "': it is no subject to listen on");
             return kFailure;
         }
     }

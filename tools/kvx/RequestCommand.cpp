@@ -8,6 +8,7 @@
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
 #include "tools/bus/Progress.h"
+#include "tools/bus/Text.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/DatumJson.h"
 #include "tools/kvx/Outgoing.h"
@@ -54,8 +55,9 @@ int request(const RequestOptions& options) {
     std::optional<bus::Progress> progress;
     client.leaveWithoutDaemon();
     return client.run([&] {
-        progress.emplace(client.net(),
-                         [&] { return "waiting for an answer on " + options.subject; });
+        progress.emplace(client.net(), [&] {
+            return "waiting for an answer on " + bus::shortened(options.subject, 40);
+        });
         const auto timeoutMs = static_cast<unsigned long>(options.timeoutSeconds * 1000);
         listener.reset(
             message.sender().sendRequest(message.payload(), timeoutMs, &answer, nullptr));

@@ -96,4 +96,12 @@ std::string problemWithCount(const std::string& text, std::uint64_t least) {
     return fmt::format("{} is no whole number of at least {}", quoted(text), least);
 }
 
+std::string problemWithSeconds(const std::string& text, double least, double most) {
+    double seconds = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    const bool isNumber = error == std::errc() && end == text.data() + text.size();
+    if (isNumber && seconds >= least && seconds <= most) return {};  // "nan" is a number, too
+    return fmt::format("{} is not between {:g} and {:g} seconds", quoted(text), least, most);
+}
+
 }  // namespace kvx::tool

@@ -20,4 +20,7 @@ std::string unknownCommand(const CLI::App& app, const std::string& word);
 /// What is wrong with `text` as a whole number of at least `least`, or an empty text.
 std::string problemWithCount(const std::string& text, std::uint64_t least);
 
+/// What is wrong with `text` as a number of seconds, decimals allowed, or an empty text.
+std::string problemWithSeconds(const std::string& text, double least, double most);
+
 }  // namespace kvx::tool

@@ -75,6 +75,8 @@ TEST_F(ProgramTest, SaysWhatIsWrongWithACommandLine) {
              {"listen A --count -5", "'-5' is no whole number of at least 0"},
              {"bench --messages -1", "'-1' is no whole number of at least 1"},
              {"bench --bytes -1", "--bytes"},
+             {"query Model x --timeout nan", "'nan' is not between 0.001 and 86400 seconds"},
+             {"services --wait 1e9", "'1e9' is not between 0.01 and 3600 seconds"},
              {"send A --repeat 0", "'0' is no whole number of at least 1"},
              {"send A --opaque x=1", "--opaque needs -"},
              {"query Model x --csv --json", "excludes"},
