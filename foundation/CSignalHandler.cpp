@@ -136,6 +136,7 @@ void CSignalHandler::forget(const CSignalHandlerInterface* handler) {
 }
 
 void CSignalHandler::stopLocked() {
+    ++m_stops;
     for (std::size_t i = 0; i < kSignals; ++i) {
         if (m_callbacks[i] == nullptr) continue;
         kvx::platform::restoreDefaultSignal(kKnownSignals[i].systemNumber());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -14,8 +15,10 @@
 /// `processSignals` runs what belongs to it on the calling thread. Callbacks that were added are
 /// deleted when the process exits, each once. Any thread.
 ///
-/// No lock is held while a handler or a callback runs: it may call everything here. What it stops
-/// or replaces is not run any more, not even in the same `processSignals`.
+/// No lock is held while `registerHandler`, `runHandler` or a callback runs: all of them may call
+/// everything here, `stop` included, and destroy the handler. What they stop or replace is not run
+/// any more, not even in the same `processSignals`. A `stop` does not wait for a `processSignals` of
+/// another thread.
 class KVX_API CSignalHandler {
   public:
     static CSignalHandler& Instance();
@@ -44,6 +47,10 @@ class KVX_API CSignalHandler {
     /// the system's default. `manage` works again afterwards.
     void stop();
 
+    /// The number of calls of `stop` so far. Whoever runs a callback later than `runHandler` was
+    /// asked to drops it when there was a `stop` in between.
+    unsigned long stops() const { return m_stops.load(); }
+
     /// Blocks the five in the calling thread.
     static void blockAll();
 
@@ -61,6 +68,8 @@ class KVX_API CSignalHandler {
     ~CSignalHandler() = default;
 
     void dropRegistrations();
+
+    std::atomic<unsigned long> m_stops = 0;
 
     // Guarded by m_mutex.
     std::mutex m_mutex;

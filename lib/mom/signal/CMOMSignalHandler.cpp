@@ -16,6 +16,10 @@
 // timer fires and asks the catcher to process what it has caught; the catcher hands the signal's
 // callback to `runHandler`; that adds a timer of interval 0, which runs the callback at the next
 // turn of the main loop. So whatever a signal does, it does it between two events of the bus.
+//
+// Several signals may wait for that turn, and the callback of the first may stop the handler or
+// destroy it. A turn therefore knows nothing of the handler: it asks the catcher, which lives for
+// the whole process, whether there was a stop since.
 
 namespace {
 
@@ -49,10 +53,18 @@ constexpr Registration kRegistrations[] = {
     {kUser2, &CMOMSignalHandler::raiseDebugLevel, false, 229, "Could not register SIGUSR2"},
 };
 
-// The turn of the main loop that a signal waits for.
+// The turn of the main loop that a signal waits for. A stop in between drops the signal.
 class SignalTurn final : public CMOMCallback, public kvx::DiesWithTimer {
   public:
-    using CMOMCallback::CMOMCallback;
+    explicit SignalTurn(CCallbackBase* callback) : CMOMCallback(callback) {}
+
+    void onTimer(RvTimer* timer) override {
+        if (CSignalHandler::Instance().stops() != m_stops) m_callback = nullptr;
+        CMOMCallback::onTimer(timer);
+    }
+
+  private:
+    const unsigned long m_stops = CSignalHandler::Instance().stops();
 };
 
 // The catcher keeps what it accepts.
@@ -83,6 +95,7 @@ void CMOMSignalHandler::manage(CVekNet* net) {
     }
     m_net = net;
     CSignalHandler::Instance().manage(this);
+    if (m_net != net) return;  // stopped while it registered
     delete m_poller;
     m_poller = new CMOMSignalPoller(busNet);
     busNet->RRNAddRepeatTimer(kPollInterval, m_poller);
@@ -90,7 +103,7 @@ void CMOMSignalHandler::manage(CVekNet* net) {
 
 void CMOMSignalHandler::stop() {
     if (m_net == nullptr) return;
-    m_poller->m_net->RRNRemoveTimer(m_poller->m_timer);
+    if (m_poller != nullptr) m_poller->m_net->RRNRemoveTimer(m_poller->m_timer);
     delete m_poller;
     m_poller = nullptr;
     CSignalHandler::Instance().stop();

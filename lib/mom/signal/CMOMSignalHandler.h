@@ -12,6 +12,9 @@ class CVekNet;
 /// the debug level through 0 to 4. While a net is managed, every signal takes effect on the main
 /// thread at a turn of its main loop, within about 100 milliseconds; otherwise it does nothing.
 ///
+/// Callbacks run without a lock and may call everything: one that stops the handler, destroys it or
+/// ends the net's session drops the signals that were caught with its own.
+///
 /// One handler manages at a time. Everything but `runHandler` and `shutdown` is for the main
 /// thread. A copy shares the poller with its source: only one of the two may stop or be destroyed
 /// managing.

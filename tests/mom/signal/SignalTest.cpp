@@ -7,8 +7,10 @@
 #include <climits>
 #include <csignal>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "mom/net/CVekNet.h"
@@ -38,6 +40,15 @@ std::string levelLine(int level) {
 struct CountingCallback : CCallbackBase {
     void operator()() override { ++calls; }
     int calls = 0;
+};
+
+struct OnSignalTurn : CountingCallback {
+    explicit OnSignalTurn(std::function<void()> function) : call(std::move(function)) {}
+    void operator()() override {
+        CountingCallback::operator()();
+        call();
+    }
+    std::function<void()> call;
 };
 
 }  // namespace
@@ -150,6 +161,30 @@ TEST(SignalHandler, StartsRoundAgainFromAnyLevelPastTheHighest) {
     for (const int present : {4, 5, INT_MAX}) {
         const DebugLevel level(present);
         EXPECT_EQ(outputOf([] { CMOMSignalHandler().raiseDebugLevel(36); }), levelLine(0) + "\n");
+    }
+}
+
+// Two signals in one poll: what the first one's callback ends, the second must not touch.
+TEST(SignalHandler, ForgetsTheNextSignalOfAPollWhenTheFirstStopsOrDestroysIt) {
+    const Home home("-");
+    for (const bool destroys : {false, true}) {
+        kvx::test::TestNet net;
+        auto handler = std::make_unique<CMOMSignalHandler>();
+        auto* const next = new OnSignalTurn([] {});
+        int stops = 0;
+        auto* const first = new OnSignalTurn([&] {
+            ++stops;
+            destroys ? handler.reset() : handler->stop();
+        });
+        net.hook = [&] {
+            handler->manage(&net);
+            CSignalHandler::Instance().add(2, first);
+            CSignalHandler::Instance().add(35, next);
+            for (const int signal : {2, 35, 36}) CSignalHandler::Instance().handleSignal(signal);
+        };
+        EXPECT_TRUE(kvx::test::runUntil(net, [&] { return stops == 1; }));
+        EXPECT_EQ(next->calls, 0);
+        EXPECT_EQ(__ZembraLix_Debug_Level, 0);
     }
 }
 
