@@ -11,7 +11,8 @@
 // RERUN: it waits or runs in the work pool, and the list leaves it alone until its code sets
 // another status. DONE: the pass drops it. NEW: its code has not decided yet. Only a pass removes
 // workers, and it holds the list lock throughout, so that a worker seen by the pass stays alive
-// during it.
+// during it. The lock is recursive, as the responses that are asked may park workers; a pass inside
+// the pass would remove what comes next in the outer one, and does nothing.
 
 namespace {
 
@@ -58,13 +59,16 @@ void CVekBlockedWorkMgr::BWMAddBlockedWork(CVekTimedWorker* worker) {
         return;
     }
     kvx::traceUnlessQuiet("Adding blocked work: ", worker->RTWName(), "\n");
-    const CVekThread::AutoMutex guard(m_listLock);
+    m_listLock.RTLock();
     const int result = m_blockedWorkers.RDLAddToListEnd(worker);
+    m_listLock.RTUnLock();
     if (result != kvx::kOk) kvx::report(result, kBlockedFile, 0);
 }
 
 void CVekBlockedWorkMgr::BWMProcessBlockedWork() {
     const CVekThread::AutoMutex guard(m_listLock);
+    if (m_inPass) return;
+    m_inPass = true;
     const int length = m_blockedWorkers.RDLLength();
     if (length > 0) {
         kvx::traceUnlessQuiet("BWMProcessBlockedWork: processing ", length, " items\n");
@@ -77,6 +81,7 @@ void CVekBlockedWorkMgr::BWMProcessBlockedWork() {
         element = m_blockedWorkers.RDLGetNext(element);
         processWorker(worker);
     }
+    m_inPass = false;
 }
 
 void CVekBlockedWorkMgr::processWorker(CVekTimedWorker* worker) {

@@ -20,9 +20,8 @@ class CVekTimedWorker;
 /// and a poll that has finished says so with `RTW_STATUS_DONE`.
 ///
 /// `BWMProcessBlockedWork` is called by the manager's tick on the main thread; everything else may
-/// be called from any thread. The list lock is held for a whole pass, so `PRPollState` of a
-/// response and `RTWMAddPollWork(CVekTimedWorker*)` of a derived manager must not call back into
-/// this object.
+/// be called from any thread. The list lock is held for a whole pass; `CVekTimedWorkMgr` says what
+/// runs under it and what that may call. A pass must not destroy this object.
 ///
 /// The timed-work manager goes first, and this object, which deletes the workers it still holds,
 /// after it.
@@ -43,7 +42,8 @@ class KVX_API CVekBlockedWorkMgr {
     /// Parks `worker` and takes it over; -220552 is reported for null and for one parked already.
     void BWMAddBlockedWork(CVekTimedWorker* worker);
 
-    /// Asks the response of every blocked worker, and drops the workers that are done.
+    /// Asks the response of every blocked worker, and drops the workers that are done. Does nothing
+    /// inside a pass.
     void BWMProcessBlockedWork();
 
     /// The time-out, in ticks, for a response at its first try.
@@ -58,5 +58,6 @@ class KVX_API CVekBlockedWorkMgr {
     CVekThread m_slotLock;
     CVekDoubleList m_blockedWorkers;  // owned; guarded by m_listLock
     CVekThread m_listLock;
+    bool m_inPass = false;            // guarded by m_listLock
     std::uint32_t m_firstTryTimeOut;  // ticks
 };

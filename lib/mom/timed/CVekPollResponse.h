@@ -5,15 +5,17 @@
 #include "platform/Export.h"
 
 /// An answer that a poll waits for. The service derives a class from it that knows whether the
-/// answer has come.
-///
-/// Not to be deleted through a pointer to this class: it has no virtual destructor.
+/// answer has come. Owned by the service; it must outlive the worker that waits on it.
 class KVX_API CVekPollResponse {
   public:
     /// 0 goes on waiting (the time-out is counted down), 1 gives up, 2 and 3 run the poll again.
-    /// Called by the main thread under a lock of the blocked-work manager, which an override must
-    /// not call back into.
+    /// Called by the main thread; `CVekTimedWorkMgr` says what an override may call.
     virtual int PRPollState() = 0;
+
+    CVekPollResponse() = default;
+    CVekPollResponse(const CVekPollResponse&) = default;
+    CVekPollResponse& operator=(const CVekPollResponse&) = default;
+    virtual ~CVekPollResponse() = default;
 
     /// In ticks.
     void PRSetTimeOut(unsigned int timeOut) { m_timeOut = timeOut; }

@@ -25,8 +25,7 @@ class KVX_API CVekTimedWork {
     virtual void RTWDoPoll() = 0;
 
     /// Asked each time the poll is due: FALSE skips it, for instance while `RTWPollIsExecuting()`.
-    /// Called under locks of the manager or of its distribution: an override must not call back
-    /// into the manager. The base returns TRUE.
+    /// The base returns TRUE. `CVekTimedWorkMgr` says what overrides may call.
     virtual __boolean RTWAddToPool();
 
     /// Set when a worker is made for the poll, and cleared when that worker goes. Any thread.

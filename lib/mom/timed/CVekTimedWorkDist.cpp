@@ -6,6 +6,7 @@
 #include "foundation/foundation.h"
 #include "mom/net/VekTrace.h"
 #include "mom/timed/CVekTimedWorkDistBucket.h"
+#include "mom/timed/ManagerLocks.h"
 #include "mom/timed/NewOrReport.h"
 #include "mom/timed/PollName.h"
 
@@ -57,7 +58,7 @@ int bucketOfRest(int i, int rest, int frequency) {
 
 }  // namespace
 
-// The right side of the lock, for whoever changes buckets.
+// The right side of the lock, for whoever changes buckets: the manager's lock is held as well.
 class CVekTimedWorkDist::BucketLock {
   public:
     explicit BucketLock(CVekAsymmetricMutex& lock) : m_lock(lock) { m_lock.RAMLockRight(); }
@@ -182,6 +183,7 @@ CVekTimedWorkDistBucket* CVekTimedWorkDist::addBucket(int index) {
 
 int CVekTimedWorkDist::RTWDOnTimer() {
     m_lock.RAMLockLeft();
+    const kvx::timed::LockHeld held(m_manager);
     auto* bucket = bucketOf(m_buckets->RHLGet(m_position));
     if (bucket != nullptr) bucket->RTWDBDoPolling();
     ++m_position;

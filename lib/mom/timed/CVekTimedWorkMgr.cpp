@@ -1,6 +1,8 @@
 #include "mom/timed/CVekTimedWorkMgr.h"
 
 #include <iostream>
+#include <utility>
+#include <vector>
 
 #include "foundation/foundation.h"
 #include "mom/engine/CVekEngine.h"
@@ -10,14 +12,18 @@
 #include "mom/timed/CVekTimedWork.h"
 #include "mom/timed/CVekTimedWorkDist.h"
 #include "mom/timed/CVekTimedWorker.h"
+#include "mom/timed/ManagerLocks.h"
 #include "mom/timed/NewOrReport.h"
 #include "mom/timed/PollName.h"
 
-// Who holds which lock. The tick takes the left side of m_Lock to read the suspension and the right
-// side to drain the repeat pollers; whoever changes the manager's sets takes the right side. Under
-// it come the locks of the distributions and the work queue. A distribution that ticks holds its
-// own lock and calls `RTWMAddPollWork`, which takes none of ours: so the tick never waits for a
-// change that waits for the tick.
+// Who holds which lock. The tick takes the left side of m_Lock to read the suspension; whoever
+// changes the manager's sets takes the right side, and under it come the locks of the
+// distributions. A distribution that ticks holds its own lock, so that no poll that was deleted is
+// asked any more, and calls `RTWMAddPollWork`, which takes none of ours: so the tick never waits
+// for a change that waits for the tick. Were a poll that is asked there to change the manager, it
+// would wait for itself, or for a change that waits for the tick: `LockHeld` finds out, and the
+// call is refused. What else runs code of the service (the repeat pollers of a tick, the workers
+// that a suspension discards) is first taken out under a lock and then run without one.
 //
 // A distribution lives, and ticks, from the first poll of its frequency until the manager dies.
 // Each stands on m_DistsToDistribute at most once; m_DistsQueued knows by its frequency whether it
@@ -70,7 +76,9 @@ void TimedWorkerThreadFn(void* item, void*) {
 // The right side of the manager's lock.
 class CVekTimedWorkMgr::RightLock {
   public:
-    explicit RightLock(CVekAsymmetricMutex& lock) : m_lock(lock) { m_lock.RAMLockRight(); }
+    explicit RightLock(CVekTimedWorkMgr& manager) : m_lock(manager.m_Lock), m_held(&manager) {
+        m_lock.RAMLockRight();
+    }
     ~RightLock() {
         if (!m_kept) m_lock.RAMUnLockRight();
     }
@@ -86,8 +94,20 @@ class CVekTimedWorkMgr::RightLock {
 
   private:
     CVekAsymmetricMutex& m_lock;
+    const kvx::timed::LockHeld m_held;
     bool m_kept = false;
 };
+
+// Whether the caller would wait for itself. It is told so once: what hears the report may be what
+// calls.
+bool CVekTimedWorkMgr::mayNotLock() const {
+    if (!kvx::timed::LockHeld::isHeld(this)) return false;
+    static thread_local bool reporting = false;
+    if (std::exchange(reporting, true)) return true;
+    reportMgr(kvx::kNotCompleted, "called under a lock of the manager");
+    reporting = false;
+    return true;
+}
 
 CVekTimedWorkMgr::CVekTimedWorkMgr(CVekEngine* engine, unsigned int pollThreads,
                                    unsigned int tickInterval, unsigned int poolSize,
@@ -136,10 +156,14 @@ void CVekTimedWorkMgr::onTimer(RvTimer*) {
 }
 
 void CVekTimedWorkMgr::queueRepeatPollers() {
-    const RightLock guard(m_Lock);
-    while (void* poll = m_RepeatPollers.RSPop()) {
-        RTWMAddPollWork(static_cast<CVekTimedWork*>(poll));
+    std::vector<CVekTimedWork*> polls;
+    {
+        const CVekAutoMutex guard(m_repeatLock);
+        while (void* poll = m_RepeatPollers.RSPop()) {
+            polls.push_back(static_cast<CVekTimedWork*>(poll));
+        }
     }
+    for (CVekTimedWork* poll : polls) RTWMAddPollWork(poll);
 }
 
 int CVekTimedWorkMgr::RTWMAddPollWork(CVekTimedWorker* worker) {
@@ -178,12 +202,17 @@ int CVekTimedWorkMgr::markForDistribution(CVekTimedWorkDist* dist) {
 
 int CVekTimedWorkMgr::RTWMAddPoll(CVekTimedWork* poll) {
     if (poll == nullptr) return kvx::kInvalidArgument;
+    if (mayNotLock()) return kvx::kNotCompleted;
+    RightLock guard(*this);
+    return addPoll(poll, guard);
+}
+
+int CVekTimedWorkMgr::addPoll(CVekTimedWork* poll, RightLock& guard) {
     const int frequency = poll->RTWFrequency();
     if (frequency <= 0) {
         warnOfFrequency(poll);
         return kIllegalFrequency;
     }
-    RightLock guard(m_Lock);
     if (CVekTimedWorkDist* dist = distOf(frequency)) {
         dist->RTWDAddPoll(poll);
         const int result = markForDistribution(dist);
@@ -205,7 +234,12 @@ int CVekTimedWorkMgr::RTWMAddPoll(CVekTimedWork* poll) {
 
 int CVekTimedWorkMgr::RTWMDeletePoll(CVekTimedWork* poll) {
     if (poll == nullptr) return kvx::kInvalidArgument;
-    RightLock guard(m_Lock);
+    if (mayNotLock()) return kvx::kNotCompleted;
+    RightLock guard(*this);
+    return deletePoll(poll, guard);
+}
+
+int CVekTimedWorkMgr::deletePoll(CVekTimedWork* poll, RightLock& guard) {
     CVekTimedWorkDist* dist = distOf(poll->RTWFrequency());
     if (dist == nullptr) return kvx::kOk;
     dist->RTWDDeletePoll(poll);
@@ -215,27 +249,31 @@ int CVekTimedWorkMgr::RTWMDeletePoll(CVekTimedWork* poll) {
 
 int CVekTimedWorkMgr::RTWMChangePoll(CVekTimedWork* oldPoll, CVekTimedWork* newPoll) {
     if (oldPoll == nullptr || newPoll == nullptr) return kvx::kInvalidArgument;
+    if (mayNotLock()) return kvx::kNotCompleted;
+    RightLock guard(*this);
     if (oldPoll->RTWFrequency() != newPoll->RTWFrequency()) {
-        RTWMDeletePoll(oldPoll);
-        RTWMAddPoll(newPoll);
+        deletePoll(oldPoll, guard);
+        addPoll(newPoll, guard);
         return kvx::kOk;
     }
-    const RightLock guard(m_Lock);
     if (CVekTimedWorkDist* dist = distOf(newPoll->RTWFrequency())) dist->RTWDChangePoll(newPoll);
     return kvx::kOk;
 }
 
 int CVekTimedWorkMgr::RTWMChangePollFrequency(CVekTimedWork* poll, int frequency) {
     if (poll == nullptr) return kvx::kInvalidArgument;
+    if (mayNotLock()) return kvx::kNotCompleted;
+    RightLock guard(*this);
     if (poll->RTWFrequency() == frequency) return kvx::kOk;
-    const int result = RTWMDeletePoll(poll);
+    const int result = deletePoll(poll, guard);
     if (result != kvx::kOk) return result;
     poll->RTWSetFrequency(frequency);
-    return RTWMAddPoll(poll);
+    return addPoll(poll, guard);
 }
 
 int CVekTimedWorkMgr::RTWMDistributePolls() {
-    const RightLock guard(m_Lock);
+    if (mayNotLock()) return kvx::kNotCompleted;
+    const RightLock guard(*this);
     if (m_DistsToDistribute.RSLength() == 0) return kvx::kOk;
     while (void* dist = m_DistsToDistribute.RSPop()) {
         static_cast<CVekTimedWorkDist*>(dist)->RTWDDistributePolls();
@@ -246,31 +284,36 @@ int CVekTimedWorkMgr::RTWMDistributePolls() {
 
 void CVekTimedWorkMgr::RTWMAddRepeatPoller(CVekTimedWork* poll) {
     if (poll == nullptr) return;
-    const RightLock guard(m_Lock);
+    const CVekAutoMutex guard(m_repeatLock);
     m_RepeatPollers.RSPush(poll);
 }
 
 void CVekTimedWorkMgr::RTWMSuspendTimedWork() {
-    const RightLock guard(m_Lock);
-    m_Suspended = TRUE;
+    if (mayNotLock()) return;
+    {
+        const RightLock guard(*this);
+        m_Suspended = TRUE;
+    }
     discardQueuedWorkers();
 }
 
 void CVekTimedWorkMgr::discardQueuedWorkers() {
+    std::vector<std::unique_ptr<CVekTimedWorker>> discarded;
     m_WorkPool.RSPWorkLock();
     while (void* item = m_WorkPool.RSPTakeWorkDetail()) {
         auto* worker = static_cast<CVekTimedWorker*>(item);
         if (worker->RTWStatus() == RTW_STATUS_RERUN) {
             worker->RTWSetStatus(RTW_STATUS_BLOCKED);
         } else {
-            delete worker;
+            discarded.emplace_back(worker);
         }
     }
     m_WorkPool.RSPWorkUnLock();
 }
 
 void CVekTimedWorkMgr::RTWMResumeTimedWork() {
-    const RightLock guard(m_Lock);
+    if (mayNotLock()) return;
+    const RightLock guard(*this);
     m_Suspended = FALSE;
 }
 

@@ -7,6 +7,7 @@
 #include "foundation/CVekAsymmetricMutex.h"
 #include "foundation/CVekHashList.h"
 #include "foundation/CVekHashStore.h"
+#include "foundation/CVekMutex.h"
 #include "foundation/CVekServPool.h"
 #include "foundation/CVekStack.h"
 #include "foundation/CVekTimedPool.h"
@@ -31,14 +32,27 @@ class CVekTimedWorker;
 /// `RTWMSetBlockedWorkMgr`, which are the main thread's. Polls stay their service's: see
 /// `CVekTimedWork` for when one may go.
 ///
-/// Overrides that are called under a lock must not call back into the manager: `RTWAddToPool` of a
-/// poll and `RTWMAddPollWork(CVekTimedWorker*)` of a derived manager (locks of the manager, of a
-/// distribution or of the blocked list are held), and `RTWSetPollIsExecuting` (the work queue is
-/// held while a suspension discards workers). `RTWDoPoll` runs without locks and may call anything.
+/// Code of the service runs under these locks, and may call this there:
+///
+///     code                                     under the lock of    may call
+///     `RTWDoPoll`, function workers            nobody               everything
+///     `RTWAddToPool`, `RTWSetPollIsExecuting`  nobody, for repeat   everything
+///       and `RTWMAddPollWork(worker)` of a       pollers, direct
+///       derived manager                          calls, suspensions
+///     the same, for a poll whose turn it is    its distribution     `RTWMAddPollWork`,
+///                                                                   `RTWMAddRepeatPoller`
+///     `PRPollState`, and the first three, in   the blocked list,    everything; a pass inside
+///       a pass of the blocked work               recursive            a pass does nothing
+///     an error handler                         any of these         as in the third line
+///
+/// What else is called there is refused: it reports -220439 and returns it, and does nothing. No
+/// code that runs under a lock, or in a tick, may destroy the manager, or wait for another thread
+/// that calls it.
 ///
 /// Destruction: with a blocked-work manager attached, this manager goes first; it ends its threads
 /// and leaves what the blocked list holds to the list. The other order is safe only when no worker
-/// of the list waits or runs in the work pool and no tick comes any more.
+/// of the list waits or runs in the work pool and no tick comes any more. A derived manager ends
+/// the threads (`m_PollPool.RSPStopThreads()`, then `m_WorkPool`) in its own destructor.
 class KVX_API CVekTimedWorkMgr : public RvTimerCallback {
   public:
     using WorkFunction = void (*)(void* worker, void* context);
@@ -111,6 +125,9 @@ class KVX_API CVekTimedWorkMgr : public RvTimerCallback {
   private:
     class RightLock;
 
+    bool mayNotLock() const;
+    int addPoll(CVekTimedWork* poll, RightLock& guard);
+    int deletePoll(CVekTimedWork* poll, RightLock& guard);
     void start(CVekEngine* engine, unsigned int tickInterval, WorkFunction workFunction);
     CVekTimedWorkDist* distOf(int frequency) const;
     int markForDistribution(CVekTimedWorkDist* dist);
@@ -120,7 +137,8 @@ class KVX_API CVekTimedWorkMgr : public RvTimerCallback {
   public:
     CVekBlockedWorkMgr* m_BlockedWorkMgr = nullptr;  // not owned; main thread only
 
-    // The pools have locks of their own; everything else here is guarded by m_Lock.
+    // The pools have locks of their own, and so have the repeat pollers (m_repeatLock); everything
+    // else here is guarded by m_Lock.
     CVekHashList m_Dists;      // by frequency; owns the distributions
     CVekTimedPool m_PollPool;  // its threads tick the distributions
     std::int32_t m_PoolSize;
@@ -130,6 +148,9 @@ class KVX_API CVekTimedWorkMgr : public RvTimerCallback {
     CVekStack m_DistsToDistribute;                 // distributions whose polls have changed
     std::unique_ptr<CVekHashStore> m_DistsQueued;  // the frequencies that stand there already
     std::atomic<__boolean> m_Suspended;            // also read without the lock
+
+  private:
+    CVekMutex m_repeatLock;  // nothing is called under it
 };
 
 /// What the threads of the poll pool run: one tick of the distribution `item`.

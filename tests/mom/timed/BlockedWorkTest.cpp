@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <string>
@@ -24,10 +25,16 @@ namespace {
 
 using Names = std::vector<std::string>;
 
+static_assert(std::has_virtual_destructor_v<CVekPollResponse>);
+
 class Answer : public CVekPollResponse {
   public:
-    int PRPollState() override { return state; }
+    int PRPollState() override {
+        if (onAsked) onAsked();
+        return state;
+    }
     std::atomic<int> state = 0;
+    std::function<void()> onAsked;
 };
 
 // One worker, parked on `answer`.
@@ -77,6 +84,26 @@ TEST_F(BlockedWork, DropsAWorkerThatGaveUpAtTheFollowingPass) {
     EXPECT_TRUE(poll.RTWPollIsExecuting());
     pass();
     EXPECT_FALSE(poll.RTWPollIsExecuting());
+}
+
+// The response that is asked makes another pass, in which its neighbour would go.
+TEST_F(BlockedWork, IsOnlyOnceInAPass) {
+    Answer second;
+    second.state = 1;
+    auto* const next = new CVekTimedWorker(static_cast<CVekTimedWork*>(nullptr));
+    next->RTWSetBlockingPoll(&second);
+    next->RTWSetStatus(RTW_STATUS_DONE);
+    blocked.BWMAddBlockedWork(next);
+    int asked = 0;
+    answer.onAsked = [&] {
+        if (asked++ > 0) return;
+        pass();
+        blocked.BWMAddBlockedWork(new CVekTimedWorker(&poll));
+    };
+    pass();
+    EXPECT_EQ(asked, 1);
+    pass();
+    EXPECT_EQ(asked, 2);
 }
 
 TEST_F(BlockedWork, ReportsWhatItCannotInterpretAndKeepsTheWorker) {

@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <barrier>
+#include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/mom/timed/Polls.h"
@@ -22,6 +25,21 @@ using kvx::test::Report;
 namespace {
 
 using Names = std::vector<std::string>;
+
+// A poll that runs what a test says whenever it is asked, and whenever it is marked.
+struct HookedPoll : CountingPoll {
+    using CountingPoll::CountingPoll;
+    __boolean RTWAddToPool() override {
+        if (onAsked) onAsked();
+        return CountingPoll::RTWAddToPool();
+    }
+    void RTWSetPollIsExecuting(bool executing) override {
+        CountingPoll::RTWSetPollIsExecuting(executing);
+        if (!executing && onFree) onFree();
+    }
+    std::function<void()> onAsked;
+    std::function<void()> onFree;
+};
 
 // With threads that tick distributions, but none that work: workers stay in the queue.
 struct IdleMgr : CVekTimedWorkMgr {
@@ -68,6 +86,84 @@ TEST(TimedWorkMgr, MovesAPollAndRedistributesEachChangedFrequencyOnce) {
               "poller->RTWName()->RAString(): p does not exist\n");
     EXPECT_EQ(manager.RTWMChangePollFrequency(&poll, 0), -220383);
     EXPECT_EQ(poll.RTWFrequency(), 0);
+}
+
+// Under the thread sanitizer this also shows every access to the frequency without the lock.
+TEST(TimedWorkMgr, KeepsAPollInOneFrequencyWhenTwoThreadsMoveIt) {
+    constexpr int kRounds = 3000;
+    RecordingMgr manager;
+    CountingPoll poll("p", 1);
+    manager.RTWMAddPoll(&poll);
+    int homes = 0;
+    std::barrier together(2, [&]() noexcept {
+        manager.RTWMDistributePolls();
+        for (const unsigned long frequency : {1, 2, 3}) {
+            const CVekPointer* entry = manager.m_Dists.RHLGet(frequency);
+            for (unsigned long tick = 0; entry != nullptr && tick < frequency; ++tick) {
+                TimedPollThreadFn(entry->RPData(), nullptr);
+            }
+        }
+        homes += static_cast<int>(manager.takeQueued().size());
+        manager.RTWMChangePollFrequency(&poll, 1);
+    });
+    const auto move = [&](int frequency) {
+        for (int round = 0; round < kRounds; ++round) {
+            together.arrive_and_wait();
+            EXPECT_EQ(manager.RTWMChangePollFrequency(&poll, frequency), 1);
+        }
+        together.arrive_and_wait();
+    };
+    std::thread other(move, 2);
+    move(3);
+    other.join();
+    EXPECT_EQ(homes, kRounds + 1);
+}
+
+// What a poll's override calls while the manager asks it: everything at the tick of the main
+// thread, and what needs no lock of the manager at the tick of a distribution.
+TEST(TimedWorkMgr, NeverWaitsForItselfWhenAPollCallsBack) {
+    RecordingMgr manager;
+    HookedPoll poll("p", 1);
+    CountingPoll other("other", 1);
+    poll.onAsked = [&] {
+        EXPECT_EQ(manager.RTWMAddPoll(&other), 1);
+        EXPECT_EQ(manager.RTWMDistributePolls(), 1);
+        manager.RTWMAddRepeatPoller(&other);
+    };
+    manager.RTWMAddRepeatPoller(&poll);
+    manager.onTimer(nullptr);
+    EXPECT_EQ(manager.takeQueued(), Names{"p"});
+    manager.onTimer(nullptr);
+    EXPECT_EQ(manager.takeQueued(), Names{"other"});
+
+    manager.RTWMAddPoll(&poll);
+    manager.RTWMDistributePolls();
+    ErrorRecorder errors;
+    poll.onAsked = [&] {
+        manager.RTWMAddRepeatPoller(&other);
+        EXPECT_EQ(manager.RTWMAddPollWork(&other), 1);
+        EXPECT_EQ(manager.RTWMDeletePoll(&poll), -220439);
+        EXPECT_EQ(RecordingMgr().RTWMAddPoll(&other), 1) << "another manager's locks are free";
+    };
+    TimedPollThreadFn(manager.m_Dists.RHLGet(1UL)->RPData(), nullptr);
+    EXPECT_EQ(manager.takeQueued(), (Names{"other", "other", "p"}));
+    EXPECT_EQ(errors.take(), std::vector(1, Report{-220439, "CVekTimedWorkMgr", 0,
+                                                   "called under a lock of the manager"}));
+}
+
+TEST(TimedWorkMgr, HoldsNoLockWhileASuspensionLetsGoOfPolls) {
+    HookedPoll poll("poll", 1);
+    IdleMgr manager;
+    int freed = 0;
+    poll.onFree = [&] {
+        ++freed;
+        manager.RTWMResumeTimedWork();
+    };
+    manager.RTWMAddPollWork(&poll);
+    manager.RTWMSuspendTimedWork();
+    EXPECT_EQ(freed, 1);
+    EXPECT_EQ(manager.m_Suspended, FALSE);
+    poll.onFree = nullptr;
 }
 
 TEST(TimedWorkMgr, SkipsAPollThatRefusesAndSaysSo) {

@@ -1,0 +1,32 @@
+#pragma once
+
+class CVekTimedWorkMgr;
+
+namespace kvx::timed {
+
+/// Notes, for as long as it lives, that this thread holds a lock under which `manager` must not be
+/// called: its own, or that of one of its distributions.
+class LockHeld {
+  public:
+    explicit LockHeld(const CVekTimedWorkMgr* manager) : manager_(manager), outer_(innermost_) {
+        innermost_ = this;
+    }
+    ~LockHeld() { innermost_ = outer_; }
+    LockHeld(const LockHeld&) = delete;
+    LockHeld& operator=(const LockHeld&) = delete;
+
+    /// Whether this thread holds such a lock of `manager`.
+    static bool isHeld(const CVekTimedWorkMgr* manager) {
+        const LockHeld* held = innermost_;
+        while (held != nullptr && held->manager_ != manager) held = held->outer_;
+        return held != nullptr;
+    }
+
+  private:
+    static inline thread_local const LockHeld* innermost_ = nullptr;
+
+    const CVekTimedWorkMgr* manager_;
+    const LockHeld* outer_;
+};
+
+}  // namespace kvx::timed
