@@ -2,8 +2,11 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 #include <memory>
 #include <mutex>
+#include <sstream>
+#include <string>
 
 #include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
@@ -12,7 +15,8 @@
 
 // The parser object is only the place where text and values are kept. The work is done by the
 // generated grammar and scanner, whose state is one for the whole process; `parseLock` is what
-// makes a second thread wait for it.
+// makes a second thread wait for it. Under the lock a text is only read: blocks are applied and
+// errors are written afterwards, as both run code of the program, which may throw, or parse.
 
 namespace {
 
@@ -35,7 +39,60 @@ int replaceValue(CVekAtom*& member, const CVekAtom* value, const char* operation
     return kvx::kOk;
 }
 
+bool same(const char* left, const char* right) {
+    return left != nullptr && std::strcmp(left, right) == 0;
+}
+
+void applyItem(CVekRvdCfgParser& parser, const CVekVarBind& item) {
+    const char* name = item.RVBName().RAString();
+    const CVekAtom* value = item.RVBValue();
+    if (same(name, "service")) {
+        parser.RRCPSetService(value);
+    } else if (same(name, "network")) {
+        parser.RRCPSetNetwork(value);
+    } else if (same(name, "daemon")) {
+        parser.RRCPSetDaemon(value);
+    } else if (same(name, "rva")) {
+        parser.RRCPSetRVAPort(value);
+    } else {
+        kvx::warn(name != nullptr ? name : "", " not a valid service\n");
+    }
+}
+
+// 0, or another value when the parser gave up.
+int parse(const char* text, kvx::config::Findings& findings) {
+    const std::lock_guard<std::mutex> guard(parseLock());
+    kvx::config::Scan scan(text);
+    const int result = VekRvdCfgparse(&findings);
+    scan.finish();
+    return result;
+}
+
 }  // namespace
+
+kvx::config::Finding kvx::config::block(const char* host, CVekVBList* items) {
+    const bool isForAll = host == nullptr || same(host, "localhost");
+    return [isForAll, host = std::string(isForAll ? "" : host),
+            owned = std::shared_ptr<CVekVBList>(items)](CVekRvdCfgParser& parser) {
+        if (!isForAll && !same(CVekEnv().RELocalHost(), host.c_str())) return;
+        for (const CVekVarBind* item = owned->RVBLHead(); item != nullptr;
+             item = owned->RVBLGetNext(item)) {
+            applyItem(parser, *item);
+        }
+    };
+}
+
+kvx::config::Finding kvx::config::parserError(const char* message, int line) {
+    return [message, line](CVekRvdCfgParser&) {
+        std::ostringstream text;
+        text << "Calvorine.rvd.cfg Parser error: " << message << " line : " << line << "\n";
+        try {
+            std::cout << text.str();
+        } catch (...) {
+            // An output that fails does not fail the parse.
+        }
+    };
+}
 
 CVekRvdCfgParser::CVekRvdCfgParser() = default;
 
@@ -65,10 +122,9 @@ char* CVekRvdCfgParser::RRCPGetParseBuffer() {
 
 int CVekRvdCfgParser::RRCPParseRvdCfg() {
     if (m_parseBuffer == nullptr) return kvx::kInvalidArgument;
-    const std::lock_guard<std::mutex> guard(parseLock());
-    kvx::config::scanFrom(m_parseBuffer);
-    const int result = VekRvdCfgparse(this);
-    kvx::config::scanNothing();
+    kvx::config::Findings findings;
+    const int result = parse(m_parseBuffer, findings);
+    for (const auto& act : findings) act(*this);
     return result == 0 ? kvx::kOk : kParserGaveUp;
 }
 

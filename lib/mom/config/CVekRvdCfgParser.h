@@ -21,7 +21,10 @@
 /// The scanner's position is one for the whole process: a byte of value 128 or more outside a
 /// quoted string ends a parse early, and what the scanner had read but not used (at most one piece
 /// of 8,192 bytes) is read by the next parse, of any parser, before its own text. Parses of several
-/// threads wait for one another; a parser object itself belongs to one thread at a time.
+/// threads wait for one another; a parser object itself belongs to one thread at a time. The lock
+/// for that is held while a text is read, and not while blocks are applied and errors are written:
+/// a stream that is written to may throw, which changes nothing, and may itself parse. Only an
+/// error handler that is told of exhausted memory runs under it, and must not parse.
 ///
 /// A copy shares the buffer and the four values with its source: it must not be destroyed while the
 /// source is in use, nor the source while the copy is.

@@ -1,8 +1,8 @@
 /*
  * The grammar of the daemon configuration file.
  *
- * A file is a sequence of blocks; each block is applied to the parser object as soon as its final
- * ";" has been read. An error anywhere drops the block it stands in: the stack falls back to the
+ * A file is a sequence of blocks; each block becomes a finding as soon as its final ";" has been
+ * read, and so does each error; `CVekRvdCfgParser` acts on them when the parse is over. An error anywhere drops the block it stands in: the stack falls back to the
  * start, which alone can shift the error token, and the input up to the next "rendezvous" is thrown
  * away. Every error can be recovered from, so a parse fails only when the stack is exhausted, which
  * a left-recursive grammar of this depth never does.
@@ -13,10 +13,11 @@
 %require "3.8"
 %define api.prefix {VekRvdCfg}
 %define parse.trace
-%parse-param {CVekRvdCfgParser* parser}
+%parse-param {kvx::config::Findings* findings}
 
 %code requires {
-class CVekRvdCfgParser;
+#include "mom/config/VekRvdCfgScan.h"
+
 class CVekVarBind;
 class CVekVBList;
 }
@@ -24,51 +25,13 @@ class CVekVBList;
 %code {
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 
 #include "foundation/foundation.h"
-#include "mom/config/CVekRvdCfgParser.h"
-#include "mom/config/VekRvdCfgScan.h"
-#include "mom/net/VekTrace.h"
 
 namespace {
 
 constexpr const char* kSyntaxError = "parse error";
 constexpr const char* kStackExhausted = "parser stack overflow";
-
-bool same(const char* left, const char* right) {
-    return left != nullptr && std::strcmp(left, right) == 0;
-}
-
-bool appliesHere(const char* host) {
-    if (host == nullptr || same(host, "localhost")) return true;
-    const CVekEnv environment;
-    return same(environment.RELocalHost(), host);
-}
-
-void applyItem(CVekRvdCfgParser& parser, const CVekVarBind& item) {
-    const char* name = item.RVBName().RAString();
-    const CVekAtom* value = item.RVBValue();
-    if (same(name, "service")) {
-        parser.RRCPSetService(value);
-    } else if (same(name, "network")) {
-        parser.RRCPSetNetwork(value);
-    } else if (same(name, "daemon")) {
-        parser.RRCPSetDaemon(value);
-    } else if (same(name, "rva")) {
-        parser.RRCPSetRVAPort(value);
-    } else {
-        kvx::warn(name != nullptr ? name : "", " not a valid service\n");
-    }
-}
-
-void applyBlock(CVekRvdCfgParser& parser, const char* host, const CVekVBList& items) {
-    if (!appliesHere(host)) return;
-    for (const CVekVarBind* item = items.RVBLHead(); item != nullptr;
-         item = items.RVBLGetNext(item)) {
-        applyItem(parser, *item);
-    }
-}
 
 // Takes both strings over; the pair holds copies.
 CVekVarBind* makeItem(char* name, char* value) {
@@ -85,10 +48,10 @@ CVekVBList* append(CVekVBList* items, CVekVarBind* item) {
 }  // namespace
 
 // The generator's words for its two errors are not ours.
-static void VekRvdCfgerror(CVekRvdCfgParser*, const char* message) {
+static void VekRvdCfgerror(kvx::config::Findings* findings, const char* message) {
     const bool exhausted = std::strcmp(message, "memory exhausted") == 0;
-    std::cout << "Calvorine.rvd.cfg Parser error: " << (exhausted ? kStackExhausted : kSyntaxError)
-              << " line : " << kvx::config::currentLine() << "\n";
+    findings->push_back(kvx::config::parserError(exhausted ? kStackExhausted : kSyntaxError,
+                                                 kvx::config::currentLine()));
 }
 }
 
@@ -125,9 +88,8 @@ RvdCfgHostList:
 RvdCfgHost:
       _VEK_RENDEZVOUS _VEK_SESSION OptHostName '=' '{' RvdCfgItemList '}' ';'
         {
-            applyBlock(*parser, $3, *$6);
+            findings->push_back(kvx::config::block($3, $6));
             std::free($3);
-            delete $6;
         }
     | %empty
     ;

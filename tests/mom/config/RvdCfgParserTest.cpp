@@ -6,6 +6,7 @@
 
 #include "mom/config/CVekRvdCfgParser.h"
 #include "tests/support/ErrorRecorder.h"
+#include "tests/support/OutputHook.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kvx::test {
@@ -183,6 +184,36 @@ TEST(RvdCfgParser, ReadsAFileUpToItsFirstNul) {
     CVekRvdCfgParser parser;
     EXPECT_EQ(parser.RRCPParseFromFilename(path.data()), 1);
     EXPECT_EQ(textOf(parser.RRCPGetService()), "1");
+}
+
+// What is written while a file is parsed runs code of the program.
+TEST(RvdCfgParser, LeavesNothingBehindWhenItsOutputThrows) {
+    std::string text = "oops\n" + serviceBlock("1") + "oops\n" + serviceBlock("2");
+    CVekRvdCfgParser parser(text.data());
+    {
+        const DebugLevel level(4);
+        const OutputHook hook([] { throw std::runtime_error("disk full"); });
+        EXPECT_EQ(parser.RRCPParseRvdCfg(), 1);
+    }
+    EXPECT_EQ(textOf(parser.RRCPGetService()), "2");
+    const Parsed next = parse("rendezvous session = { 'network' = 'n' };");
+    EXPECT_EQ(next.service + next.network + next.errors, "(none)n");
+}
+
+TEST(RvdCfgParser, ParsesInsideTheReportOfAnotherParse) {
+    std::string outer = "oops\n" + serviceBlock("outer");
+    std::string inner = "oops\n" + serviceBlock("inner");
+    CVekRvdCfgParser parser(outer.data());
+    CVekRvdCfgParser nested(inner.data());
+    int depth = 0;
+    {
+        const OutputHook hook([&] {
+            if (depth++ > 0) return;
+            EXPECT_EQ(nested.RRCPParseRvdCfg(), 1);
+        });
+        EXPECT_EQ(parser.RRCPParseRvdCfg(), 1);
+    }
+    EXPECT_EQ(textOf(parser.RRCPGetService()) + textOf(nested.RRCPGetService()), "outerinner");
 }
 
 TEST(RvdCfgParser, LetsThreadsWaitForOneAnother) {
