@@ -1,7 +1,10 @@
 #include "mom/transport/CVekDeflater.h"
 
 #include <cstdlib>
+#include <functional>
 #include <limits>
+#include <utility>
+#include <vector>
 
 #include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
@@ -22,6 +25,10 @@ int usableLevel(int level) {
     return level < 0 || level > 9 ? Z_DEFAULT_COMPRESSION : level;
 }
 
+void reportDeflater(int code, const char* text) {
+    CVekError(code, "CVekDeflater", 0, text);
+}
+
 unsigned char* zeroedBuffer(int size) {
     if (size < 0) return nullptr;
     // A buffer of no bytes is a buffer, not a failure.
@@ -31,104 +38,124 @@ unsigned char* zeroedBuffer(int size) {
 
 }  // namespace
 
-CVekDeflater::CVekDeflater(int initialSize, int level) : m_buffer(zeroedBuffer(initialSize)) {
-    if (m_buffer != nullptr) {
-        m_capacity = initialSize;
-    } else {
-        report(kvx::kNoMemory, nullptr);
+struct CVekDeflater::State {
+    z_stream stream{};
+    unsigned char* buffer = nullptr;
+    int capacity = 0;  // bytes
+
+    bool holds(const void* data) const {
+        const auto* at = static_cast<const unsigned char*>(data);
+        return std::greater_equal<>()(at, buffer) && std::less<>()(at, buffer + capacity);
     }
-    if (deflateInit_(&m_stream, usableLevel(level), kvx::kZlibVersion, sizeof m_stream) != Z_OK) {
-        report(kvx::kInternalFailure, m_stream.msg);
-    }
-    m_stream.next_out = m_buffer;
-    m_stream.avail_out = static_cast<uInt>(m_capacity);
+
+    State() = default;
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+    ~State();
+};
+
+CVekDeflater::State::~State() {
+    const auto in = static_cast<double>(stream.total_in);
+    const auto out = static_cast<double>(stream.total_out);
+    kvx::trace(kvx::kTraceCalls, "Deflated ", stream.total_in, " bytes to ", stream.total_out,
+               " bytes (", (in - out) * 100.0 / in, "%)\n");
+    if (deflateEnd(&stream) != Z_OK) reportDeflater(kvx::kInternalFailure, stream.msg);
+    std::free(buffer);
 }
 
-CVekDeflater::~CVekDeflater() {
-    const auto in = static_cast<double>(m_stream.total_in);
-    const auto out = static_cast<double>(m_stream.total_out);
-    kvx::trace(kvx::kTraceCalls, "Deflated ", m_stream.total_in, " bytes to ", m_stream.total_out,
-               " bytes (", (in - out) * 100.0 / in, "%)\n");
-    if (deflateEnd(&m_stream) != Z_OK) report(kvx::kInternalFailure, m_stream.msg);
-    std::free(m_buffer);
+CVekDeflater::CVekDeflater(int initialSize, int level) : m_state(std::make_shared<State>()) {
+    z_stream& stream = m_state->stream;
+    m_state->buffer = zeroedBuffer(initialSize);
+    if (m_state->buffer != nullptr) {
+        m_state->capacity = initialSize;
+    } else {
+        reportDeflater(kvx::kNoMemory, nullptr);
+    }
+    if (deflateInit_(&stream, usableLevel(level), kvx::kZlibVersion, sizeof stream) != Z_OK) {
+        reportDeflater(kvx::kInternalFailure, stream.msg);
+    }
+    stream.next_out = m_state->buffer;
+    stream.avail_out = static_cast<uInt>(m_state->capacity);
 }
+
+CVekDeflater::~CVekDeflater() = default;
 
 void CVekDeflater::RDAddChunk(const void* data, int length) {
-    if (m_buffer == nullptr) {
-        report(kvx::kMissingArgument, nullptr);
-        return;
-    }
+    if (m_state->buffer == nullptr) return reportDeflater(kvx::kMissingArgument, nullptr);
     if (length < 0 || (data == nullptr && length > 0)) {
-        report(kvx::kInvalidArgument, nullptr);
-        return;
+        return reportDeflater(kvx::kInvalidArgument, nullptr);
     }
-    m_stream.next_in = kvx::zlibInput(data);
-    m_stream.avail_in = static_cast<uInt>(length);
-    while (m_stream.avail_in != 0) {
+    if (m_state->holds(data)) {
+        // Growing would move what is being read.
+        const auto* bytes = static_cast<const unsigned char*>(data);
+        const std::vector<unsigned char> copy(bytes, bytes + length);
+        return addChunk(copy.data(), length);
+    }
+    addChunk(data, length);
+}
+
+void CVekDeflater::addChunk(const void* data, int length) {
+    z_stream& stream = m_state->stream;
+    stream.next_in = kvx::zlibInput(data);
+    stream.avail_in = static_cast<uInt>(length);
+    while (stream.avail_in != 0) {
         if (!haveRoom()) break;
-        if (deflate(&m_stream, Z_NO_FLUSH) == Z_STREAM_ERROR) {
-            report(kvx::kInternalFailure, m_stream.msg);
+        if (deflate(&stream, Z_NO_FLUSH) == Z_STREAM_ERROR) {
+            reportDeflater(kvx::kInternalFailure, stream.msg);
             break;
         }
     }
-    m_stream.next_in = nullptr;
-    m_stream.avail_in = 0;
+    stream.next_in = nullptr;
+    stream.avail_in = 0;
 }
 
 void CVekDeflater::RDFinishCompression() {
-    if (m_buffer == nullptr) {
-        report(kvx::kMissingArgument, nullptr);
-        return;
-    }
+    if (m_state->buffer == nullptr) return reportDeflater(kvx::kMissingArgument, nullptr);
+    z_stream& stream = m_state->stream;
     int result = Z_OK;
     while (result == Z_OK && haveRoom()) {
-        result = deflate(&m_stream, Z_FINISH);
-        if (result != Z_OK && result != Z_STREAM_END) report(kvx::kInternalFailure, m_stream.msg);
+        result = deflate(&stream, Z_FINISH);
+        if (result != Z_OK && result != Z_STREAM_END) {
+            reportDeflater(kvx::kInternalFailure, stream.msg);
+        }
     }
 }
 
 int CVekDeflater::RDUnCompressedLength() {
-    return static_cast<int>(m_stream.total_in);
+    return static_cast<int>(m_state->stream.total_in);
 }
 
 int CVekDeflater::RDCompressedLength() {
-    return static_cast<int>(m_stream.total_out);
+    return static_cast<int>(m_state->stream.total_out);
 }
 
 void* CVekDeflater::RDCompressedData() {
-    return m_buffer;
+    return m_state->buffer;
 }
 
 void* CVekDeflater::RDTakeCompressedData() {
-    unsigned char* taken = m_buffer;
-    m_buffer = nullptr;
-    m_capacity = 0;
-    m_stream.next_out = nullptr;
-    m_stream.avail_out = 0;
-    return taken;
+    m_state->capacity = 0;
+    m_state->stream.next_out = nullptr;
+    m_state->stream.avail_out = 0;
+    return std::exchange(m_state->buffer, nullptr);
 }
 
 void CVekDeflater::RDMoreSpace(int bytes) {
+    const int capacity = m_state->capacity;
     unsigned char* grown = nullptr;
-    if (m_capacity <= std::numeric_limits<int>::max() - bytes) {
-        const auto size = static_cast<std::size_t>(m_capacity) + static_cast<std::size_t>(bytes);
-        grown = static_cast<unsigned char*>(std::realloc(m_buffer, size));
+    if (capacity <= std::numeric_limits<int>::max() - bytes) {
+        const auto size = static_cast<std::size_t>(capacity) + static_cast<std::size_t>(bytes);
+        grown = static_cast<unsigned char*>(std::realloc(m_state->buffer, size));
     }
-    if (grown == nullptr) {
-        report(kvx::kInternalFailure, nullptr);
-        return;
-    }
-    m_buffer = grown;
-    m_capacity += bytes;
-    m_stream.next_out = m_buffer + m_stream.total_out;
-    m_stream.avail_out += static_cast<uInt>(bytes);
+    if (grown == nullptr) return reportDeflater(kvx::kInternalFailure, nullptr);
+    z_stream& stream = m_state->stream;
+    m_state->buffer = grown;
+    m_state->capacity += bytes;
+    stream.next_out = grown + stream.total_out;
+    stream.avail_out += static_cast<uInt>(bytes);
 }
 
 bool CVekDeflater::haveRoom() {
-    if (m_stream.avail_out == 0) RDMoreSpace(kGrowth);
-    return m_stream.avail_out != 0;
-}
-
-void CVekDeflater::report(int code, const char* text) {
-    CVekError(code, "CVekDeflater", 0, text);
+    if (m_state->stream.avail_out == 0) RDMoreSpace(kGrowth);
+    return m_state->stream.avail_out != 0;
 }

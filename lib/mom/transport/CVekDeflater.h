@@ -1,6 +1,6 @@
 #pragma once
 
-#include <zlib.h>
+#include <memory>
 
 #include "platform/Export.h"
 
@@ -9,8 +9,8 @@
 /// Add chunks, finish once, then read or take the result. Errors are reported as `CVekError` and
 /// the operation that met one returns. One thread at a time.
 ///
-/// Assignment copies the members one by one, the buffer and zlib's state included: an assigned
-/// deflater shares both with its source and is not meant for use.
+/// An assigned deflater shares the buffer and zlib's state with its source: both are the same
+/// stream, which ends with the last of them.
 class KVX_API CVekDeflater {
   public:
     /// Starts with a buffer of `initialSize` bytes; 0 is an empty buffer that grows. A negative
@@ -25,8 +25,9 @@ class KVX_API CVekDeflater {
     /// added has not been finished.
     ~CVekDeflater();
 
-    /// Compresses `length` bytes from `data`. Reports -220402 when there is no buffer (any more),
-    /// -220552 for a negative length or missing data, -220440 after the finish.
+    /// Compresses `length` bytes from `data`, which may stand in the deflater's own buffer. Reports
+    /// -220402 when there is no buffer (any more), -220552 for a negative length or missing data,
+    /// -220440 after the finish.
     void RDAddChunk(const void* data, int length);
 
     /// Writes out everything that waits and ends the stream. Reports -220402 when there is no
@@ -46,11 +47,11 @@ class KVX_API CVekDeflater {
     void* RDTakeCompressedData();
 
   private:
-    void RDMoreSpace(int bytes);
-    bool haveRoom();
-    void report(int code, const char* text);
+    struct State;
 
-    z_stream m_stream{};
-    unsigned char* m_buffer = nullptr;
-    int m_capacity = 0;  // bytes
+    void RDMoreSpace(int bytes);
+    void addChunk(const void* data, int length);
+    bool haveRoom();
+
+    std::shared_ptr<State> m_state;  // never null
 };

@@ -16,26 +16,35 @@ uInt lengthOrNone(int length) {
 
 }  // namespace
 
-CVekInflater::CVekInflater(const void* data, int length) {
-    m_stream.next_in = kvx::zlibInput(data);
-    m_stream.avail_in = lengthOrNone(length);
-    if (inflateInit_(&m_stream, kvx::kZlibVersion, sizeof m_stream) != Z_OK) {
-        reportInflater(m_stream.msg);
+struct CVekInflater::State {
+    z_stream stream{};
+
+    State() = default;
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+    ~State() {
+        if (inflateEnd(&stream) != Z_OK) reportInflater(stream.msg);
     }
+};
+
+CVekInflater::CVekInflater(const void* data, int length) : m_state(std::make_shared<State>()) {
+    z_stream& stream = m_state->stream;
+    stream.next_in = kvx::zlibInput(data);
+    stream.avail_in = lengthOrNone(length);
+    if (inflateInit_(&stream, kvx::kZlibVersion, sizeof stream) != Z_OK) reportInflater(stream.msg);
 }
 
-CVekInflater::~CVekInflater() {
-    if (inflateEnd(&m_stream) != Z_OK) reportInflater(m_stream.msg);
-}
+CVekInflater::~CVekInflater() = default;
 
 void CVekInflater::RIInflateChunk(void* out, int room) {
-    m_stream.next_out = static_cast<Bytef*>(out);
-    m_stream.avail_out = lengthOrNone(room);
-    const int result = inflate(&m_stream, Z_NO_FLUSH);
+    z_stream& stream = m_state->stream;
+    stream.next_out = static_cast<Bytef*>(out);
+    stream.avail_out = lengthOrNone(room);
+    const int result = inflate(&stream, Z_NO_FLUSH);
     if (result == Z_STREAM_END) {
         m_done = TRUE;
     } else if (result != Z_OK) {
-        reportInflater(m_stream.msg);
+        reportInflater(stream.msg);
     }
 }
 
@@ -44,5 +53,5 @@ __boolean CVekInflater::RIIsDone() {
 }
 
 int CVekInflater::RIInflatedLength() const {
-    return static_cast<int>(m_stream.total_out);
+    return static_cast<int>(m_state->stream.total_out);
 }

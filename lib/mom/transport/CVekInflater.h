@@ -1,6 +1,6 @@
 #pragma once
 
-#include <zlib.h>
+#include <memory>
 
 #include "foundation/Boolean.h"
 #include "platform/Export.h"
@@ -10,7 +10,7 @@
 /// Allocates nothing of its own beyond zlib's state. Errors are reported as `CVekError` -220440
 /// with zlib's text. One thread at a time.
 ///
-/// Assignment copies the members one by one, zlib's state included, and is not meant for use.
+/// An assigned inflater shares zlib's state with its source, and is not meant for use beside it.
 class KVX_API CVekInflater {
   public:
     /// Reads `length` bytes at `data`, which must outlive the inflater; a length below 0 counts as
@@ -33,6 +33,8 @@ class KVX_API CVekInflater {
     int RIInflatedLength() const;
 
   private:
-    z_stream m_stream{};
+    struct State;
+
+    std::shared_ptr<State> m_state;  // never null
     __boolean m_done = FALSE;
 };

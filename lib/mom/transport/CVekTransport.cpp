@@ -5,6 +5,8 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <string>
+#include <utility>
 
 #include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
@@ -47,6 +49,33 @@ constexpr const char* kStatusTexts[] = {
     " Update request failed )",
 };
 
+// Where packets go: with an engine its queue and the subject, else the sender.
+struct Destination {
+    CVekEngine* engine;
+    RvSender* sender;
+    std::string subject;
+    RvDataCallback* dataCallback;
+};
+
+void sendPacket(const CVekAtom& packet, const Destination& to, bool front) {
+    unsigned char* bytes = nullptr;
+    int length = 0;
+    const int result = packet.RAUChar(&bytes, &length);
+    if (result != kvx::kOk) reportTransport(result, nullptr);
+    auto message = std::make_unique<RvMsg>(kMessageSize);
+    message->append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(length), bytes);
+    if (to.engine == nullptr) {
+        kvx::traceUnlessQuiet(
+            "-----------------if not in main thread this is NOT safe!---------\n");
+        to.sender->send(*message);
+    } else if (front) {
+        to.engine->REAddToSendQueueFront(to.subject.c_str(), message.release(), to.dataCallback,
+                                         FALSE);
+    } else {
+        to.engine->REAddToSendQueue(to.subject.c_str(), message.release(), to.dataCallback, FALSE);
+    }
+}
+
 }  // namespace
 
 CVekTransport::CVekTransport(CVekEngine* engine)
@@ -81,8 +110,7 @@ int CVekTransport::RTSetDestination(RvSender* sender) {
 
 int CVekTransport::RTSetDestination(const char* subject) {
     if (m_engine == nullptr) return kvx::kInvalidArgument;
-    std::free(m_subject);
-    m_subject = nullptr;
+    std::free(std::exchange(m_subject, nullptr));
     if (subject == nullptr) return kvx::kOk;
     m_subject = m_engine->RRNDomainSubj(subject);
     if (m_subject == nullptr) reportTransport(kvx::kInvalidArgument, nullptr);
@@ -92,9 +120,8 @@ int CVekTransport::RTSetDestination(const char* subject) {
 int CVekTransport::RTSetDestinationOnSubject(const char* subject) {
     if (m_engine == nullptr) return kvx::kInvalidArgument;
     char* copy = subject != nullptr ? strdup(subject) : nullptr;
+    std::free(std::exchange(m_subject, copy));
     if (subject != nullptr && copy == nullptr) reportTransport(kvx::kNoMemory, nullptr);
-    std::free(m_subject);
-    m_subject = copy;
     return kvx::kOk;
 }
 
@@ -109,29 +136,16 @@ RvDataCallback* CVekTransport::RTGetDataCallbackPtr() const {
 int CVekTransport::RTSendAll(bool front) {
     const bool hasDestination = m_engine != nullptr ? m_subject != nullptr : m_sender != nullptr;
     if (!hasDestination) return kvx::kInvalidArgument;
-    for (unsigned i = 0; i < m_packets->RAVSize(); ++i) {
-        sendPacket(*m_packets->RAVGetValue(i), front);
+    // A send may run code that purges this transport, gives it another destination or destroys it.
+    const Destination to = {m_engine, m_sender, m_subject != nullptr ? m_subject : "",
+                            m_dataCallback};
+    const std::unique_ptr<CVekAtomVector> packets(m_packets);
+    m_packets = new CVekAtomVector(0);
+    m_expected = 0;
+    for (unsigned i = 0; i < packets->RAVSize(); ++i) {
+        sendPacket(*packets->RAVGetValue(i), to, front);
     }
-    resetPackets();
     return kvx::kOk;
-}
-
-void CVekTransport::sendPacket(const CVekAtom& packet, bool front) {
-    unsigned char* bytes = nullptr;
-    int length = 0;
-    const int result = packet.RAUChar(&bytes, &length);
-    if (result != kvx::kOk) reportTransport(result, nullptr);
-    auto message = std::make_unique<RvMsg>(kMessageSize);
-    message->append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(length), bytes);
-    if (m_engine == nullptr) {
-        kvx::traceUnlessQuiet(
-            "-----------------if not in main thread this is NOT safe!---------\n");
-        m_sender->send(*message);
-    } else if (front) {
-        m_engine->REAddToSendQueueFront(m_subject, message.release(), m_dataCallback, FALSE);
-    } else {
-        m_engine->REAddToSendQueue(m_subject, message.release(), m_dataCallback, FALSE);
-    }
 }
 
 int CVekTransport::RTSendHB() {

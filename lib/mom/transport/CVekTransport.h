@@ -57,7 +57,18 @@ enum EVekStoreErrorStatus : std::int32_t {
 ///
 /// Whatever bytes a peer sends, decoding neither reads past a packet nor believes a length that the
 /// packet cannot hold: each packet with such a defect is reported once (-220494) and yields the
-/// records before it. A receiver takes compressed packets of at most 256 MiB uncompressed.
+/// records before it. A receiver takes compressed packets of at most 256 MiB uncompressed, and of
+/// each at most 65,536 records.
+///
+/// What a transport may occupy: the packets that were added to it, as long as they are, and 4,096
+/// reserved places of 8 bytes; while a compressed packet is decoded, also its uncompressed bytes
+/// (at most 1,032 for one and 4 KiB more). What `RTDecodes` returns is the caller's: for each record
+/// its bytes and about 64 bytes more. So a packet of some 500 bytes may become 65,536 records and
+/// 4 MiB, and a plain packet one record for every 5 of its bytes: who takes packets from strangers
+/// limits how many packets it adds.
+///
+/// No lock is held and no callback is called, but for error handlers, which must leave the
+/// transport that reports as it is, and what `RTSendAll` names.
 ///
 /// A copy shares the packets, the prepared payloads and the subject with its source: it must not be
 /// used beside its source, and neither may be destroyed while the other lives on.
@@ -110,7 +121,8 @@ class KVX_API CVekTransport {
     RvDataCallback* RTGetDataCallbackPtr() const;
 
     /// Sends all packets, in order; with `front` each goes ahead of what the engine's queue holds.
-    /// -220552 without a destination, and then the packets stay.
+    /// -220552 without a destination, and then the packets stay. What a send runs (an advisory's
+    /// callback, for instance) may do everything with the transport, and destroy it.
     int RTSendAll(bool front);
 
     /// `RTSendAll(true)`, for heartbeats.
@@ -171,7 +183,6 @@ class KVX_API CVekTransport {
     void addPacket(const SVekTransPayload& payload, long long sequence, long long count,
                    EVekTransHdr version);
     void adoptPacket(unsigned char* buffer, std::size_t size);
-    void sendPacket(const CVekAtom& packet, bool front);
 
     CVekEngine* m_engine;       // not owned
     CVekAtomVector* m_packets;  // owned

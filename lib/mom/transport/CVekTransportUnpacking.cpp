@@ -41,6 +41,17 @@ std::unique_ptr<CVekAtom> copyOfField(const RvDatum& field) {
     return std::make_unique<CVekAtom>(copy, static_cast<int>(size));
 }
 
+// Adds up to `most` records of a payload to `out`. Returns whether these were all of them, and the
+// payload was free of defects.
+bool addRecords(Bytes payload, std::size_t most, CVekBag& out) {
+    kvx::packet::RecordReader records(payload);
+    for (std::size_t added = 0; const auto record = records.next(); ++added) {
+        if (added == most) return false;
+        out.RBAdd(new CVekAtom(record->data(), static_cast<int>(record->size())));
+    }
+    return !records.isDefective();
+}
+
 }  // namespace
 
 CVekAtom* CVekTransport::RTDecodeMessage(RvMsg* message, int& status) {
@@ -119,11 +130,8 @@ bool CVekTransport::decodePacket(const CVekAtom& packet, CVekBag& out) {
 }
 
 bool CVekTransport::RTDecodePayload(unsigned char* data, int length, CVekBag& out) {
-    kvx::packet::RecordReader records(Bytes(data, static_cast<std::size_t>(length)));
-    while (const auto record = records.next()) {
-        out.RBAdd(new CVekAtom(record->data(), static_cast<int>(record->size())));
-    }
-    return !records.isDefective();
+    return addRecords({data, static_cast<std::size_t>(length)},
+                      std::numeric_limits<std::size_t>::max(), out);
 }
 
 bool CVekTransport::RTDecodeCompressedPayload(unsigned char* data, int length, CVekBag& out) {
@@ -142,7 +150,8 @@ bool CVekTransport::RTDecodeCompressedPayload(unsigned char* data, int length, C
     }
     CVekInflater inflater(data + kLengthSize, length - kLengthSize);
     inflater.RIInflateChunk(inflated.get(), static_cast<int>(size));
-    const int inflatedLength = inflater.RIInflatedLength();
-    const bool isWhole = RTDecodePayload(inflated.get(), inflatedLength, out);
-    return isWhole && static_cast<std::uint32_t>(inflatedLength) == size;
+    const auto inflatedLength = static_cast<std::size_t>(inflater.RIInflatedLength());
+    const bool isWhole =
+        addRecords({inflated.get(), inflatedLength}, kvx::packet::kMostRecords, out);
+    return isWhole && inflatedLength == size;
 }

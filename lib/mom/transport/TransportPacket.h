@@ -33,6 +33,9 @@ inline constexpr std::uint16_t kCompressed = 1;
 /// What a receiver inflates at most, in bytes.
 inline constexpr std::uint32_t kLargestPayload = 256U << 20;
 
+/// How many records a receiver takes out of one compressed packet.
+inline constexpr std::size_t kMostRecords = 65'536;
+
 struct Header {
     std::int64_t sequence = 0;
     std::int64_t count = 0;

@@ -8,6 +8,7 @@
 #include "tests/support/Daemon.h"
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/Home.h"
+#include "tests/support/OutputHook.h"
 
 namespace kvx::test {
 namespace {
@@ -72,6 +73,28 @@ TEST(TransportSending, CarriesBatchesThroughTheEnginesQueueAndOnASender) {
     EXPECT_EQ(warning, "-----------------if not in main thread this is NOT safe!---------\n");
     engine.RRNDoIt();
     EXPECT_EQ(receiver.records, numbered(3));
+}
+
+// What a send runs may use the transport for something else, and end it.
+TEST(TransportSending, GoesOnWhenTheTransportIsPurgedOrDestroyedMeanwhile) {
+    const Home home("-");
+    CVekEngine engine(1, "GROUP", "TEST", SERV_UNKNOWN);
+    int status = 0;
+    const std::unique_ptr<RvSender> sender(engine.RRNNewSender(&status, "TRANSPORT.TEST", nullptr));
+    for (const bool destroys : {false, true}) {
+        auto transport = std::make_unique<CVekTransport>(nullptr);
+        transport->RTSetDestination(sender.get());
+        for (const auto& record : numbered(3)) addRecord(*transport, record);
+        transport->RTCreatePackets(VEK_TRANS_V0, true);
+        int pieces = 0;
+        const DebugLevel level(1);
+        const OutputHook hook([&] {
+            if (pieces++ > 0) return;
+            destroys ? transport.reset() : static_cast<void>(transport->RTPurge());
+        });
+        EXPECT_EQ(transport->RTSendAll(false), 1);
+        EXPECT_EQ(pieces, 3);
+    }
 }
 
 TEST(TransportSending, PutsPacketsAtTheEndOfTheQueueThatItIsAskedFor) {

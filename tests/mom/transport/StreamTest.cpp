@@ -63,6 +63,33 @@ TEST(Deflater, MakesTheSameStreamWhateverTheInitialSize) {
     EXPECT_NE(deflated(text, 1024, 0), stream);
 }
 
+TEST(Deflater, CompressesWhatStandsInItsOwnBuffer) {
+    CVekDeflater again(1, 0);
+    add(again, std::string(70000, 'x'));
+    const auto length = static_cast<std::size_t>(again.RDCompressedLength());
+    const std::string held(static_cast<const char*>(again.RDCompressedData()), length);
+    again.RDAddChunk(again.RDCompressedData(), again.RDCompressedLength());
+    again.RDFinishCompression();
+    EXPECT_EQ(inflatedByZlib(resultOf(again), 70000 + length), std::string(70000, 'x') + held);
+}
+
+TEST(Streams, EndOnceWhenTheyWereAssigned) {
+    ErrorRecorder errors;
+    const std::string stream = deflated("text", 1024);
+    const auto size = static_cast<int>(stream.size());
+    {
+        CVekInflater source(stream.data(), size);
+        CVekInflater copy("", 0);
+        copy = source;
+        CVekDeflater other;
+        CVekDeflater sharing;
+        sharing = other;
+        other.RDFinishCompression();
+        EXPECT_EQ(sharing.RDCompressedData(), other.RDCompressedData());
+    }
+    EXPECT_TRUE(errors.take().empty());
+}
+
 TEST(Deflater, GivesItsBufferAwayOnce) {
     ErrorRecorder errors;
     void* taken = nullptr;

@@ -245,6 +245,21 @@ TEST(TransportHostileBytes, YieldTheRecordsBeforeTheDefectAndOneReport) {
     }
 }
 
+TEST(TransportHostileBytes, YieldALimitedNumberOfRecordsFromACompressedPacket) {
+    constexpr std::size_t kMost = 65536;
+    std::string payload;
+    for (std::size_t i = 0; i < kMost; ++i) payload += record("x");
+    const auto recordsOf = [](const std::string& bytes) {
+        const auto size = static_cast<std::uint32_t>(bytes.size());
+        return decoded({header(1, 1) + word(size) + zlibStream(bytes)}).size();
+    };
+    ErrorRecorder errors;
+    EXPECT_EQ(recordsOf(payload + word(0)), kMost);
+    EXPECT_TRUE(errors.take().empty());
+    EXPECT_EQ(recordsOf(payload + word(0) + record("y")), kMost);
+    EXPECT_EQ(errors.take(), std::vector{kDefect});
+}
+
 TEST(TransportHostileBytes, ReportABrokenStreamBesideWhatZlibSays) {
     std::string stream = zlibStream(record(std::string(200, 'x')));
     stream[4] = static_cast<char>(stream[4] ^ 0x7F);
