@@ -12,21 +12,15 @@ if(KVX_BUILD_EXAMPLES)
     install(TARGETS modeld RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
-# Headers for users. A room's internal headers stay at home: what the public ones include is what
-# is installed, and the package test compiles each of them alone from the installed tree.
-install(FILES platform/Export.h DESTINATION ${KVX_INSTALL_HEADERS}/platform)
-install(DIRECTORY foundation DESTINATION ${KVX_INSTALL_HEADERS} FILES_MATCHING PATTERN "*.h")
-install(FILES rv/rv.h DESTINATION ${KVX_INSTALL_HEADERS}/rv)
-foreach(header IN ITEMS
-        message/rvmsg.h message/rvSubject.h message/RvDatum.h message/RvMsg.h
-        message/RvMsgIterator.h message/SubjectView.h error/rvErrors.h error/rvAdvisory.h error/RvStatus.h
-        event/rvevm.h link/ipqProperties.h session/rv_Session.h ft/rvft.h
-        object/CallbackReference.h object/Text.h)
-    get_filename_component(room ${header} DIRECTORY)
-    install(FILES rv/${header} DESTINATION ${KVX_INSTALL_HEADERS}/rv/${room})
+# Headers for users: the umbrellas and what they include, directly or not. Whatever no umbrella reaches
+# is ours alone and stays at home.
+include(KvxPublicHeaders)
+kvx_public_headers(public_headers foundation/foundation.h rv/rv.h mom/mom.h)
+foreach(header IN LISTS public_headers)
+    cmake_path(GET header PARENT_PATH room)
+    kvx_header_file(source ${header})
+    install(FILES ${source} DESTINATION ${KVX_INSTALL_HEADERS}/${room})
 endforeach()
-install(DIRECTORY rv/object DESTINATION ${KVX_INSTALL_HEADERS}/rv FILES_MATCHING PATTERN "Rv*.h")
-install(DIRECTORY lib/mom DESTINATION ${KVX_INSTALL_HEADERS} FILES_MATCHING PATTERN "*.h")
 
 install(EXPORT KVXMOMTargets NAMESPACE KVXMOM:: DESTINATION ${KVX_INSTALL_PACKAGE})
 configure_package_config_file(cmake/KVXMOMConfig.cmake.in
@@ -49,5 +43,10 @@ install(FILES packaging/man/rvd.1 packaging/man/kvx.1 packaging/man/rva.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES packaging/completions/kvx packaging/completions/rva
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-install(FILES packaging/systemd/rvd.service packaging/systemd/rva.service
-        DESTINATION lib/systemd/system)
+
+# The units name the programs where they are installed, which only the installation itself knows.
+install(CODE "
+    set(KVX_UNITS \"${PROJECT_SOURCE_DIR}/packaging/systemd\")
+    set(KVX_UNITS_BUILT \"${CMAKE_CURRENT_BINARY_DIR}/systemd\")
+    set(KVX_BINDIR \"${CMAKE_INSTALL_BINDIR}\")
+    include(\"${PROJECT_SOURCE_DIR}/cmake/KvxInstallUnits.cmake\")")

@@ -22,8 +22,7 @@ add_library(kvx_options INTERFACE)
 target_include_directories(kvx_options INTERFACE
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/lib>)
 target_compile_options(kvx_options INTERFACE
-    -Wall -Wextra -Wpedantic -Wshadow -Woverloaded-virtual -Wcast-qual -Wformat=2
-    -Werror)
+    -Wall -Wextra -Wpedantic -Wshadow -Woverloaded-virtual -Wcast-qual -Wformat=2)
 target_link_libraries(kvx_options INTERFACE Threads::Threads)
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     # GCC 12 sees overlaps in the optimised std::string that are not there.

@@ -1,16 +1,33 @@
+// An installed tree may be moved, so its prefix is found from where this library lies in it. Code
+// that lies elsewhere, as in a program linked statically, has the prefix that was configured.
+
 #include "foundation/CVekEnv.h"
 
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <string_view>
 
+#include "platform/Process.h"
 #include "platform/Socket.h"
 
 namespace {
 
+// The directory of the libraries below the prefix.
+constexpr std::string_view kLibraries = "/" KVX_INSTALL_LIBDIR "/";
+
+std::string installationPrefix() {
+    static const char hereabouts = 0;
+    std::string file = kvx::platform::fileOfCode(&hereabouts);
+    const auto name = file.rfind('/') + 1;
+    if (!std::string_view(file).substr(0, name).ends_with(kLibraries)) return KVX_INSTALL_PREFIX;
+    file.resize(name - kLibraries.size());
+    return file.empty() ? "/" : file;
+}
+
 std::string homeDirectory() {
     const char* home = std::getenv("KVX_HOME");
-    return home != nullptr && *home != '\0' ? home : KVX_INSTALL_PREFIX;
+    return home != nullptr && *home != '\0' ? home : installationPrefix();
 }
 
 }  // namespace

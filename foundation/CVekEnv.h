@@ -11,8 +11,8 @@ class KVX_API CVekEnv {
     /// Reads the environment; later changes of it are not seen by this object.
     CVekEnv();
 
-    /// The system's home directory: `$KVX_HOME`, else the installation prefix. Owned by this
-    /// object.
+    /// The system's home directory: `$KVX_HOME`, else the installation prefix, which follows an
+    /// installed tree that is moved. Owned by this object.
     const char* REHome() const { return m_home.c_str(); }
 
     /// The home directory of the programs: `$VEK_HOME`, else what `REHome` of a new object would

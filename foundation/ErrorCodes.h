@@ -2,18 +2,19 @@
 
 namespace kvx {
 
-/// Success of every foundation operation that returns `int`.
+/// Success of every operation of the foundation and of the middleware that returns `int`.
 inline constexpr int kOk = 1;
 
-/// The codes of the system's error catalogue that the foundation returns or reports itself.
-inline constexpr int kMissingArgument = -220402;
-inline constexpr int kNotCompleted = -220439;
-inline constexpr int kInternalFailure = -220440;
-inline constexpr int kWrongAtomType = -220532;
-inline constexpr int kNotFound = -220547;
-inline constexpr int kFileUnusable = -220549;
-inline constexpr int kInvalidArgument = -220552;
-inline constexpr int kNoMemory = -220553;
-inline constexpr int kKeyPresent = -220566;
+/// The codes of the system's error catalogue that the foundation returns or reports itself;
+/// `mom/net/VekCodes.h` has those of the middleware beside them.
+inline constexpr int kMissingArgument = -220402;  // an argument that must be there is not
+inline constexpr int kNotCompleted = -220439;     // the operation is not possible in this state
+inline constexpr int kInternalFailure = -220440;  // a library below, or this one, failed
+inline constexpr int kWrongAtomType = -220532;    // the atom holds another type of value
+inline constexpr int kNotFound = -220547;         // no such entry
+inline constexpr int kFileUnusable = -220549;     // the file is missing or cannot be read
+inline constexpr int kInvalidArgument = -220552;  // a null or invalid argument
+inline constexpr int kNoMemory = -220553;         // an allocation failed
+inline constexpr int kKeyPresent = -220566;       // the key is there already
 
 }  // namespace kvx

@@ -32,5 +32,6 @@
 #include "foundation/CVekTreeList.h"
 #include "foundation/CVekVBList.h"
 #include "foundation/CVekVarBind.h"
+#include "foundation/ErrorCodes.h"
 #include "foundation/VekDebugLevel.h"
 #include "foundation/VekPort.h"

@@ -8,6 +8,7 @@
 
 #include "platform/Process.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pwd.h>
@@ -32,6 +33,7 @@ extern "C" {
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <memory>
 #include <string_view>
 #include <system_error>
 
@@ -339,6 +341,14 @@ bool sendSignal(unsigned long pid, int signal) noexcept {
 std::string programDirectory() {
     const auto file = executableOf("self");
     return file ? file->substr(0, file->rfind('/')) : std::string();
+}
+
+std::string fileOfCode(const void* address) {
+    Dl_info object{};
+    if (::dladdr(address, &object) == 0 || object.dli_fname == nullptr) return {};
+    const std::unique_ptr<char, decltype(&std::free)> path(::realpath(object.dli_fname, nullptr),
+                                                           &std::free);
+    return path ? path.get() : "";
 }
 
 std::optional<std::string> programName(unsigned long pid) {

@@ -58,6 +58,10 @@ KVX_API bool sendSignal(unsigned long pid, int signal) noexcept;
 /// The directory that holds the running program's file; empty when unknown.
 [[nodiscard]] KVX_API std::string programDirectory();
 
+/// The file that holds the code at `address` in this process, a shared library or the program: its
+/// absolute path without symbolic links; empty when unknown.
+[[nodiscard]] KVX_API std::string fileOfCode(const void* address);
+
 /// The base name, in full, of the program file that process `pid` runs; nothing when there is no
 /// such process or it may not be looked at.
 [[nodiscard]] KVX_API std::optional<std::string> programName(unsigned long pid);

@@ -21,6 +21,7 @@
 #include "mom/net/CVekRvErrorClb.h"
 #include "mom/net/CVekRvNet.h"
 #include "mom/net/CVekRvQueueHandler.h"
+#include "mom/net/VekCodes.h"
 #include "mom/signal/CMOMCallback.h"
 #include "mom/signal/CMOMSignalHandler.h"
 #include "mom/signal/CMOMSignalPoller.h"

@@ -7,10 +7,10 @@
 namespace kvx::detail {
 
 /// Counts one holder more of `handle`, which may be null. Returns it.
-RvCallbackHandle* takeHandle(RvCallbackHandle* handle);
+KVX_API RvCallbackHandle* takeHandle(RvCallbackHandle* handle);
 
 /// Counts one holder less and frees the handle with its last holder, the callback itself included.
-void releaseHandle(RvCallbackHandle* handle);
+KVX_API void releaseHandle(RvCallbackHandle* handle);
 
 /// One holder of a callback handle: points at a callback without keeping it alive.
 class CallbackReference {

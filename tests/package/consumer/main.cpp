@@ -14,7 +14,8 @@ int main() {
     CVekAtom atom("text");
     const char* subject = CVekServiceToSubjectMapper::ServiceStringToQuerySubject("Model");
     const bool good = answer == 42 && std::strcmp(atom.RAString(), "text") == 0 &&
-                      std::strcmp(subject, "ZEMBRALIX.3.0.MODEL.QUERY") == 0;
-    std::puts(good ? "the installed copy works" : "the installed copy does not work");
+                      std::strcmp(subject, "ZEMBRALIX.3.0.MODEL.QUERY") == 0 &&
+                      CVekTransport(nullptr).RTSendAll(false) == kvx::kInvalidArgument;
+    std::printf("home: %s\n", CVekEnv().REHome());
     return good ? 0 : 1;
 }
