@@ -80,8 +80,10 @@ class KVX_API CVekEngine : public CVekRvNet {
 
     // --- Identity and fault tolerance ------------------------------------------------------------
 
-    /// Opens the engine's own session and joins the group. Returns 1, or -220552 without a group
-    /// base; other failures are written to standard error only.
+    /// Opens the engine's own session and joins the group. Returns 1, -220552 without a group base,
+    /// or -220425 as `RRNInitSession` does; other failures are written to standard error only. A
+    /// second call leaves the group first, which makes a member backup until the group says
+    /// otherwise. Main thread.
     int REInitSession();
 
     /// Builds the group's name of base, domain and tier. -220552 without a base.
@@ -160,20 +162,22 @@ class KVX_API CVekEngine : public CVekRvNet {
 
     void build(int tierNo, kvx::Text groupBase, __serv_types serviceType, int idLine,
                int sessionLine);
-    unsigned long lockedLatency();
     kvx::Text prepareSubject(const char* subject, __boolean domainQualify);
     int pushBack(CVekSendQueueItem* item);
     int pushFront(CVekSendQueueItem* item);
     int sendOnNewSender(const char* subject, const RvDatum& datum);
+    int keepSender(std::unique_ptr<RvSender> sender, const char* subject);
     RvListener* requestOnNewSender(const char* subject, const RvDatum& datum,
                                    const RvDataCallback* callback, unsigned long timeout);
     rv_Session openGroupSession();
+    void leaveGroup();
     void joinGroup(rv_Session session);
     void setActive(__boolean active, EVekHbRunLevel level, int line, const char* text);
 
     // What a second REStartHeartBeat leaves behind, alive until the engine dies.
     std::vector<std::unique_ptr<CVekHeartbeatClb>> m_retiredHeartbeats;
     std::vector<std::unique_ptr<RvTimer>> m_retiredTimers;
+    std::shared_ptr<const void> m_groupLoopClaim;
 };
 
 /// The group's action callback: makes the engine of `engine` primary (action 2) or backup (3).

@@ -7,6 +7,7 @@
 
 #include <iostream>
 #include <string>
+#include <utility>
 
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekEngineLines.h"
@@ -76,6 +77,10 @@ int CVekEngine::REInitSession() {
         kvx::report(named, engine::kFile, engine::InitGroupName);
         return named;
     }
+    auto claim = claimLoop(engine::kFile, engine::OpenSession);
+    if (!claim) return kvx::kOffMainThread;
+    m_groupLoopClaim = std::move(claim);
+    leaveGroup();
     auto* const session = openGroupSession();
     m_ftSession = std::make_unique<RvSession>(session);
     m_ftErrorCallback = std::make_unique<CVekRvErrorClb>();
@@ -84,6 +89,21 @@ int CVekEngine::REInitSession() {
     }
     if (m_serviceType != SERV_UNKNOWN) joinGroup(session);
     return kvx::kOk;
+}
+
+/// Gives up the group session of an earlier call. Another member takes over at once, so a member
+/// that leaves is primary no longer.
+void CVekEngine::leaveGroup() {
+    if (std::exchange(m_ftMemberId, nullptr) != nullptr) RESetInActive();
+    const std::unique_ptr<RvSession> left = std::move(m_ftSession);
+    if (!left || !m_listeners) return;
+    const std::unique_ptr<CVekDoubleList> listeners(m_listeners->RTLIterator());
+    for (CVekListable* entry = listeners->RDLHead(); entry != nullptr;
+         entry = listeners->RDLGetNext(entry)) {
+        auto* const listener = static_cast<RvListener*>(static_cast<CVekPointer*>(entry)->RPData());
+        if (listener == nullptr || listener->callback() != m_ftErrorCallback.get()) continue;
+        if (RRNDereferenceListener(listener) == kvx::kOk) delete listener;
+    }
 }
 
 /// The engine's own core session, or null.

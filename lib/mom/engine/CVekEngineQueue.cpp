@@ -1,7 +1,8 @@
 // The send queue: sends that wait for the main thread's next tick.
 //
 // First in, first out, but for what is put in front. The net's request mutex guards it and is held
-// for one insertion or removal only; no operation holds it together with the net's lock.
+// for one insertion or removal only; no operation holds it together with the net's lock, and none
+// waits for the net's lock, which the main thread holds while it sends.
 
 #include <algorithm>
 #include <limits>
@@ -37,7 +38,7 @@ int refuseQueuing(const char* subject, RvDatum* datum, int line) {
 
 int CVekEngine::REAddToSendQueue(const char* subject, RvDatum* datum,
                                  const RvDataCallback* callback, __boolean domainQualify) {
-    return REAddToSendQueue(subject, datum, callback, lockedLatency(), domainQualify);
+    return REAddToSendQueue(subject, datum, callback, RNGetLatency(), domainQualify);
 }
 
 int CVekEngine::REAddToSendQueue(const char* subject, RvDatum* datum,
@@ -60,11 +61,11 @@ int CVekEngine::REAddToSendQueueFront(const char* subject, RvDatum* datum,
     const kvx::Text prepared = prepareSubject(subject, domainQualify);
     if (!prepared) return refuseQueuing(subject, datum, engine::QueueFrontSubject);
     return pushFront(
-        new CVekSendQueueItem(prepared.get(), datum, callback, this, itemTimeout(lockedLatency())));
+        new CVekSendQueueItem(prepared.get(), datum, callback, this, itemTimeout(RNGetLatency())));
 }
 
 int CVekEngine::REAddToSendQueue(RvSender* sender, RvDatum* datum, const RvDataCallback* callback) {
-    return REAddToSendQueue(sender, datum, callback, lockedLatency());
+    return REAddToSendQueue(sender, datum, callback, RNGetLatency());
 }
 
 int CVekEngine::REAddToSendQueue(RvSender* sender, RvDatum* datum, const RvDataCallback* callback,
@@ -81,7 +82,7 @@ int CVekEngine::REAddToSendQueueFront(RvSender* sender, RvDatum* datum,
     kvx::trace(kvx::kTraceCalls, "CVekEngine::REAddToSendQueueFront(", sender->subject(),
                ",RvDatum,RvDataCallback)\n");
     return pushFront(
-        new CVekSendQueueItem(datum, callback, this, sender, itemTimeout(lockedLatency())));
+        new CVekSendQueueItem(datum, callback, this, sender, itemTimeout(RNGetLatency())));
 }
 
 int CVekEngine::pushBack(CVekSendQueueItem* item) {

@@ -1,11 +1,14 @@
 // An engine's sends: on the main thread at once, from anywhere else through the queue.
 //
 // A sender is made once per subject and kept in the net's registry, which the net's lock guards;
-// the lock is held across a direct send. A send from another thread queues a copy of the datum. The
+// the lock is held across a direct send. Such a send may run user code, which may send again, end the
+// session or destroy the engine: the registry is looked up again after it. A send from another thread queues a copy of the datum. The
 // queue qualifies its subject once more, so such an item carries one domain suffix more than the
 // same call on the main thread; receivers depend on it.
 
+#include <memory>
 #include <string_view>
+#include <utility>
 
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekEngineLines.h"
@@ -19,19 +22,10 @@ namespace {
 
 constexpr char kQueuedInstead[] = "so adding to send queue!";
 
-RvSender* senderOf(const CVekPointer* entry) {
-    return static_cast<RvSender*>(entry->RPData());
-}
-
 }  // namespace
 
 kvx::Text CVekEngine::prepareSubject(const char* subject, __boolean domainQualify) {
     return domainQualify == TRUE ? kvx::Text(RRNDomainSubj(subject)) : kvx::copyText(subject);
-}
-
-unsigned long CVekEngine::lockedLatency() {
-    const CVekThread::AutoMutex guard(*m_lock);
-    return m_latency;
 }
 
 // --- Without a reply -------------------------------------------------------------------------
@@ -44,24 +38,31 @@ int CVekEngine::RESend(const char* subject, const RvDatum& datum, __boolean doma
         kvx::report(thread, engine::kFile, engine::SendOffMainThread, kQueuedInstead);
         return REAddToSendQueue(prepared.get(), new RvDatum(datum), nullptr, TRUE);
     }
-    const CVekThread::AutoMutex guard(*m_lock);
+    const std::shared_ptr<CVekThread> lock = m_lock;
+    const CVekThread::AutoMutex guard(*lock);
     if (!m_senders) return kvx::kNoSession;
-    if (const CVekPointer* const entry = m_senders->RTLGet(prepared.get())) {
-        return RESendWithNoReplyRequested(senderOf(entry), datum);
-    }
-    return sendOnNewSender(prepared.get(), datum);
+    if (m_senders->RTLGet(prepared.get()) == nullptr) return sendOnNewSender(prepared.get(), datum);
+    RvSender* const sender = registeredSender(prepared.get());
+    const SenderUse use(*this, sender);
+    return RESendWithNoReplyRequested(sender, datum);
+}
+
+/// Registers `sender`, unless user code that it ran has registered another one for its subject.
+int CVekEngine::keepSender(std::unique_ptr<RvSender> sender, const char* subject) {
+    if (registeredSender(subject) != nullptr) return kvx::kOk;
+    const int stored = REStoreNewSender(sender.get(), subject);
+    if (stored == kvx::kOk) static_cast<void>(sender.release());
+    return stored;
 }
 
 /// Sends on a sender made for it, which is kept when the send succeeds.
 int CVekEngine::sendOnNewSender(const char* subject, const RvDatum& datum) {
     int status = kvx::kOk;
     std::unique_ptr<RvSender> sender(RRNNewSender(&status, subject, nullptr));
+    const kvx::NetWatch watch = this->watch();
     const int sent = RESendWithNoReplyRequested(sender.get(), datum);
     if (sent != kvx::kOk) return sent;
-    const int stored = REStoreNewSender(sender.get(), subject);
-    if (stored != kvx::kOk) return stored;
-    static_cast<void>(sender.release());
-    return kvx::kOk;
+    return watch.storageStands() ? keepSender(std::move(sender), subject) : kvx::kOk;
 }
 
 int CVekEngine::RESend(const RvSender* sender, const RvDatum& datum) {
@@ -81,7 +82,7 @@ int CVekEngine::RESendWithNoReplyRequested(const RvSender* sender, const RvDatum
 
 RvListener* CVekEngine::RESend(const char* subject, const RvDatum& datum,
                                const RvDataCallback* callback) {
-    return RESend(subject, datum, callback, lockedLatency(), TRUE);
+    return RESend(subject, datum, callback, RNGetLatency(), TRUE);
 }
 
 RvListener* CVekEngine::RESend(const char* subject, const RvDatum& datum,
@@ -98,10 +99,14 @@ RvListener* CVekEngine::RESend(const char* subject, const RvDatum& datum,
         REAddToSendQueue(prepared.get(), new RvDatum(datum), callback, TRUE);
         return nullptr;
     }
-    const CVekThread::AutoMutex guard(*m_lock);
-    const CVekPointer* const entry = m_senders ? m_senders->RTLGet(prepared.get()) : nullptr;
-    if (entry == nullptr) return requestOnNewSender(prepared.get(), datum, callback, timeout);
-    RvListener* const reply = RESendAndRequestReply(senderOf(entry), datum, callback, timeout);
+    const std::shared_ptr<CVekThread> lock = m_lock;
+    const CVekThread::AutoMutex guard(*lock);
+    if (!m_senders || m_senders->RTLGet(prepared.get()) == nullptr) {
+        return requestOnNewSender(prepared.get(), datum, callback, timeout);
+    }
+    RvSender* const sender = registeredSender(prepared.get());
+    const SenderUse use(*this, sender);
+    RvListener* const reply = RESendAndRequestReply(sender, datum, callback, timeout);
     if (reply == nullptr) {
         kvx::report(kvx::kNotSent, engine::kFile, engine::RequestOnSender);
     }
@@ -113,23 +118,21 @@ RvListener* CVekEngine::requestOnNewSender(const char* subject, const RvDatum& d
                                            const RvDataCallback* callback, unsigned long timeout) {
     int status = kvx::kOk;
     std::unique_ptr<RvSender> sender(RRNNewSender(&status, subject, nullptr));
+    const kvx::NetWatch watch = this->watch();
     RvListener* const reply = RESendAndRequestReply(sender.get(), datum, callback, timeout);
     if (reply == nullptr) {
         kvx::report(kvx::kNotSent, engine::kFile, engine::RequestOnNewSender);
         return nullptr;
     }
-    const int stored = REStoreNewSender(sender.get(), subject);
-    if (stored == kvx::kOk) {
-        static_cast<void>(sender.release());
-    } else {
-        kvx::report(stored, engine::kFile, engine::StoreRequestSender);
-    }
+    if (!watch.storageStands()) return reply;
+    const int stored = keepSender(std::move(sender), subject);
+    if (stored != kvx::kOk) kvx::report(stored, engine::kFile, engine::StoreRequestSender);
     return reply;
 }
 
 RvListener* CVekEngine::RESend(const RvSender* sender, const RvDatum& datum,
                                const RvDataCallback* callback) {
-    return RESend(sender, datum, callback, lockedLatency());
+    return RESend(sender, datum, callback, RNGetLatency());
 }
 
 RvListener* CVekEngine::RESend(const RvSender* sender, const RvDatum& datum,
@@ -163,7 +166,7 @@ RvSender* CVekEngine::RENewSenderOnSubject(const char* subject) {
                ")\n");
     const CVekThread::AutoMutex guard(*m_lock);
     if (!m_senders) return nullptr;
-    if (const CVekPointer* const entry = m_senders->RTLGet(subject)) return senderOf(entry);
+    if (m_senders->RTLGet(subject) != nullptr) return registeredSender(subject);
     int status = kvx::kOk;
     RvSender* const sender = RRNNewSender(&status, subject, nullptr);
     const int stored = REStoreNewSender(sender, subject);

@@ -13,7 +13,10 @@ CVekInitTimedClb::~CVekInitTimedClb() = default;
 
 void CVekInitTimedClb::onTimer(RvTimer* timer) {
     auto* const engine = static_cast<CVekEngine*>(timer->closure());
-    for (int sent = 0; sent < m_itemsPerTick; ++sent) {
+    const kvx::NetWatch watch = engine->watch();
+    const int itemsPerTick = m_itemsPerTick;
+    // A send may end the session or the engine, and this object with them.
+    for (int sent = 0; sent < itemsPerTick && watch.storageStands(); ++sent) {
         const std::unique_ptr<CVekSendQueueItem> item(engine->RENextSendItem());
         if (!item) return;
         item->RSQIDeQueueIt();  // reports a failure itself; the item is dropped either way

@@ -1,5 +1,7 @@
 #include "mom/engine/CVekSendQueueItem.h"
 
+#include <memory>
+
 #include "mom/engine/CVekEngine.h"
 #include "mom/net/VekCodes.h"
 #include "mom/net/VekText.h"
@@ -16,6 +18,10 @@ char* ownedSubject(const char* subject) {
     char* const copy = kvx::copyText(subject).release();
     if (copy == nullptr) kvx::report(kvx::kNoMemory, kSendItemFile, sendItemLine::CopySubject);
     return copy;
+}
+
+CVekEngine* engineOf(const CVekSendQueueItem& item) {
+    return static_cast<CVekEngine*>(item.m_closure);
 }
 
 }  // namespace
@@ -39,16 +45,21 @@ CVekSendQueueItem::~CVekSendQueueItem() {
 }
 
 int CVekSendQueueItem::RSQIDeQueueIt() {
-    auto* const engine = static_cast<CVekEngine*>(m_closure);
-    int status = kvx::kNotSent;
-    if (m_datum == nullptr) {
-        status = kvx::kInvalidArgument;
-    } else if (m_callback == nullptr) {
-        status = engine->RESend(m_subject, *m_datum, FALSE);
-    } else if (RvListener* const reply = engine->RESend(
-                   m_subject, *m_datum, m_callback, static_cast<unsigned int>(m_timeout), FALSE)) {
-        status = engine->RRNStoreListener(reply);
-    }
+    const int status = m_datum == nullptr      ? kvx::kInvalidArgument
+                       : m_callback == nullptr ? engineOf(*this)->RESend(m_subject, *m_datum, FALSE)
+                                               : sendRequest();
     if (status != kvx::kOk) kvx::report(status, kSendItemFile, sendItemLine::Send);
     return status;
+}
+
+int CVekSendQueueItem::sendRequest() {
+    CVekEngine* const engine = engineOf(*this);
+    const kvx::NetWatch watch = engine->watch();
+    std::unique_ptr<RvListener> reply(engine->RESend(
+        m_subject, *m_datum, m_callback, static_cast<unsigned int>(m_timeout), FALSE));
+    if (!reply) return kvx::kNotSent;
+    if (!watch.storageStands()) return kvx::kNoSession;
+    const int stored = engine->storeReply(reply.get());
+    if (stored == kvx::kOk) static_cast<void>(reply.release());
+    return stored;
 }

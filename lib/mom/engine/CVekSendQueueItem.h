@@ -32,4 +32,7 @@ class KVX_API CVekSendQueueItem {
     const RvDataCallback* m_callback;  // not owned, may be null
     void* m_closure;                   // the engine
     int m_timeout;                     // milliseconds
+
+  private:
+    int sendRequest();
 };

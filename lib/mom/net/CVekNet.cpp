@@ -22,15 +22,15 @@ std::uint32_t storedLatency(unsigned long latency) {
 
 }  // namespace
 
-CVekNet::CVekNet() : m_latency(kDefaultLatency), m_lock(std::make_unique<CVekThread>()) {}
+CVekNet::CVekNet() : m_latency(kDefaultLatency), m_lock(std::make_shared<CVekThread>()) {}
 
 CVekNet::CVekNet(unsigned long latency, char* domain)
-    : m_latency(storedLatency(latency)), m_domain(domain), m_lock(std::make_unique<CVekThread>()) {}
+    : m_latency(storedLatency(latency)), m_domain(domain), m_lock(std::make_shared<CVekThread>()) {}
 
 CVekNet::CVekNet(unsigned long latency, const char* domain)
     : m_latency(storedLatency(latency)),
       m_domain(kvx::copyText(domain)),
-      m_lock(std::make_unique<CVekThread>()) {
+      m_lock(std::make_shared<CVekThread>()) {
     if (domain != nullptr && !m_domain) {
         kvx::report(kvx::kNoMemory, "CVekNet", netLine::CopyDomain);
     }
@@ -46,11 +46,11 @@ void CVekNet::RNSafeExit() {
 }
 
 void CVekNet::RNSetLatency(unsigned long latency) {
-    const CVekThread::AutoMutex guard(*m_lock);
     if (latency == 0) {
         kvx::warn("WARNING: The given net latency ", latency,
                   " is not valid. Using default latency value.\n");
     }
+    const CVekThread::AutoMutex guard(*m_lock);
     m_latency = storedLatency(latency);
 }
 

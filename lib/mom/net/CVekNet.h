@@ -52,6 +52,6 @@ class KVX_API CVekNet {
     kvx::Text m_domain;
 
     /// The net's general lock: the settings here, the registries and the session flag of derived
-    /// networks.
-    std::unique_ptr<CVekThread> m_lock;
+    /// networks. Recursive. Shared with a call that holds it while user code destroys the net.
+    std::shared_ptr<CVekThread> m_lock;
 };

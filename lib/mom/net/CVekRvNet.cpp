@@ -1,11 +1,15 @@
 // The life of a network object: session, registries and agent.
 //
 // Construction opens the session; nothing but a report tells of a failure, and every operation
-// checks for itself that there is a session. Termination deletes the request queue, then the
-// session, and only then what was made from the session: those objects find their session closed
-// and make no calls into it any more. What a registry gave up without deleting it (the timers of an
-// old list, an emptied stack of callbacks) stays with the net until it dies, so that a process that
+// checks for itself that there is a session. Termination takes everything out of the net first and
+// only then deletes it: the request queue, then the session, then what was made from the session.
+// Those objects find their session closed and make no calls into it any more. Closing and deleting
+// may run user code (hooks, destructors of callbacks), which finds a net that has ended, holds no
+// lock of it, and may destroy it. What a registry gave up without deleting it (the timers of an old
+// list, an emptied stack of callbacks) stays with the net until it dies, so that a process that
 // ends cleanly has released everything.
+//
+// Whoever goes on after a call that may run user code asks a `kvx::NetWatch` what is left.
 //
 // The registries and the main loop are in CVekRvNetRegistry.cpp, the creation of bus objects for
 // any thread is in CVekRvNetActivity.cpp.
@@ -13,10 +17,12 @@
 #include "mom/net/CVekRvNet.h"
 
 #include <string>
+#include <utility>
 
 #include "mom/net/CVekRvNetLines.h"
 #include "mom/net/DaemonAddress.h"
 #include "mom/net/DiesWithTimer.h"
+#include "mom/net/LoopThread.h"
 #include "mom/net/VekCodes.h"
 #include "mom/net/VekTrace.h"
 
@@ -25,12 +31,11 @@ namespace {
 constexpr char kDefaultDomain[] = "DEFAULT";
 constexpr unsigned long kRequestTick = 100;  // milliseconds between two drains of the requests
 
-// Deletes every object of type `Object` that `registry` holds, and the registry.
+// Deletes every object of type `Object` that `registry` holds.
 template <class Object>
-void dropRegistry(std::unique_ptr<CVekTreeList>& registry) {
-    const std::unique_ptr<CVekTreeList> dropped = std::move(registry);
-    if (!dropped) return;
-    const std::unique_ptr<CVekDoubleList> entries(dropped->RTLIterator());
+void deleteAll(const CVekTreeList* registry) {
+    if (registry == nullptr) return;
+    const std::unique_ptr<CVekDoubleList> entries(registry->RTLIterator());
     for (CVekListable* entry = entries->RDLHead(); entry != nullptr;
          entry = entries->RDLGetNext(entry)) {
         delete static_cast<Object*>(static_cast<CVekPointer*>(entry)->RPData());
@@ -53,6 +58,41 @@ void deleteRequest(void* request) {
 }
 
 }  // namespace
+
+/// What a net has given up, deleted in the order of its destructor.
+struct CVekRvNet::Storage {
+    Storage() = default;
+    Storage(const Storage&) = delete;
+    Storage& operator=(const Storage&) = delete;
+    ~Storage() {
+        queueHandler.reset();
+        queueTimer.reset();
+        while (void* request = requests ? requests->RSPop() : nullptr) deleteRequest(request);
+        session.reset();
+        for (const auto& [threadId, object] : unclaimed) delete object;
+        deleteAll<RvSender>(senders.get());
+        deleteAll<RvIO>(ioHandlers.get());
+        strayHandlers.clear();
+        deleteAll<RvListener>(listeners.get());
+        callbacks.clear();
+        timers.clear();
+    }
+
+    std::shared_ptr<const void> loopClaim;
+    std::unique_ptr<CVekRvQueueHandler> queueHandler;
+    std::unique_ptr<RvTimer> queueTimer;
+    std::unique_ptr<CVekStack> requests;
+    std::unique_ptr<CVekTreeList> answers;
+    std::unique_ptr<RvSession> session;
+    std::map<int, RvSessionObject*> unclaimed;
+    std::unique_ptr<CVekTreeList> senders;
+    std::unique_ptr<CVekTreeList> ioHandlers;
+    std::vector<std::unique_ptr<RvIO>> strayHandlers;
+    std::unique_ptr<CVekTreeList> listeners;
+    std::unique_ptr<CVekStack> callbackStack;
+    std::vector<std::unique_ptr<RvDataCallback>> callbacks;
+    std::vector<OwnedTimer> timers;
+};
 
 void CVekRvNet::TimerDeleter::operator()(RvTimer* timer) const {
     // A pending timer means that its callback has not run, so it has not deleted itself.
@@ -91,6 +131,12 @@ void CVekRvNet::RRNStartNet() {}
 // --- Opening the session ---------------------------------------------------------------------
 
 int CVekRvNet::RRNInitSession() {
+    auto claim = claimLoop(kvx::rvNet::kFile, kvx::rvNet::OffMainThread);
+    if (!claim) {
+        if (!m_session) m_mainThreadId = CVekThread::RTId();
+        return kvx::kOffMainThread;
+    }
+    m_loopClaim = std::move(claim);
     m_mainThreadId = CVekThread::RTId();
     ensureDomain();
     rv_SetTraceLevel(&__ZembraLix_Debug_Level);
@@ -106,6 +152,15 @@ int CVekRvNet::RRNInitSession() {
     return result;
 }
 
+std::shared_ptr<const void> CVekRvNet::claimLoop(const char* file, int line) {
+    auto claim = kvx::claimLoopThread(this);
+    if (!claim) {
+        kvx::report(kvx::kOffMainThread, file, line,
+                    "another thread of this process has a net already");
+    }
+    return claim;
+}
+
 void CVekRvNet::ensureDomain() {
     if (m_domain) return;
     kvx::warn("ERROR: Domain Name is NULL, using default.\n");
@@ -114,9 +169,14 @@ void CVekRvNet::ensureDomain() {
 }
 
 int CVekRvNet::startSession() {
+    const kvx::NetWatch watch = this->watch();
     const int opened = openCoreSession();
+    if (!watch.queueStands()) return kvx::kNoSession;
     if (opened != kvx::kOk) return opened;
-    dropRequestQueue();
+    {
+        Storage dropped;
+        takeRequestQueue(dropped);
+    }
     const int stored = RRNOpenStorage();
     if (stored != kvx::kOk) kvx::report(stored, kvx::rvNet::kFile, kvx::rvNet::OpenStorage);
     if (m_session) {
@@ -134,8 +194,10 @@ int CVekRvNet::openCoreSession() {
         kvx::warn("Rendezvous failed to make session: ", rv_ErrorText(code), "\n");
         return kvx::kNoSession;
     }
-    m_session = std::make_unique<RvSession>(core);
-    if (m_session->status().code() != 0) {
+    auto opened = std::make_unique<RvSession>(core);
+    const bool failed = opened->status().code() != 0;
+    const std::unique_ptr<RvSession> previous = std::exchange(m_session, std::move(opened));
+    if (failed) {
         kvx::warn("Rendezvous exception at startup\n");
         return kvx::kNoSession;
     }
@@ -152,19 +214,14 @@ int CVekRvNet::listenForAdvisories() {
 }
 
 int CVekRvNet::RRNOpenStorage() {
+    Storage dropped;  // dies after the lock's guard
     const CVekThread::AutoMutex guard(*m_lock);
-    dropRegistry<RvListener>(m_listeners);
-    m_listeners = std::make_unique<CVekTreeList>(true);
-    dropTakenCallbacks();
-    if (m_takenCallbacks) m_retiredStacks.push_back(std::move(m_takenCallbacks));
+    takeRegistries(dropped);
+    if (dropped.callbackStack) m_retiredStacks.push_back(std::move(dropped.callbackStack));
     m_takenCallbacks = std::make_unique<CVekStack>(-1);
-    retireTimers();
+    m_listeners = std::make_unique<CVekTreeList>(true);
     m_timers = std::make_unique<CVekDoubleList>();
-    dropRegistry<RvSender>(m_senders);
     m_senders = std::make_unique<CVekTreeList>(false);
-    m_inboxSenders.clear();
-    dropRegistry<RvIO>(m_ioHandlers);
-    m_strayHandlers.clear();
     m_ioHandlers = std::make_unique<CVekTreeList>(false);
     return kvx::kOk;
 }
@@ -185,50 +242,42 @@ int CVekRvNet::RRNCreateQueueListener() {
 
 int CVekRvNet::RRNTerminateSession() {
     RRNCheckThreadId();
-    {
-        const CVekThread::AutoMutex guard(*m_lock);
-        m_sessionUp = 0;
-    }
-    dropRequestQueue();
-    m_session.reset();
-    dropUnclaimedAnswers();
+    Storage dropped;  // the last to go: the user code that it runs may destroy the net
+    takeRequestQueue(dropped);
     const CVekThread::AutoMutex guard(*m_lock);
-    dropRegistry<RvSender>(m_senders);
-    m_inboxSenders.clear();
-    dropRegistry<RvIO>(m_ioHandlers);
-    m_strayHandlers.clear();
-    dropRegistry<RvListener>(m_listeners);
-    dropTakenCallbacks();
-    m_takenCallbacks.reset();
-    dropTimers();
+    m_sessionUp = 0;
+    dropped.session = std::move(m_session);
+    dropped.loopClaim = std::move(m_loopClaim);
+    takeRegistries(dropped);
+    dropped.timers = std::move(m_retiredTimers);
     return kvx::kOk;
 }
 
-void CVekRvNet::dropRequestQueue() {
-    m_queueHandler.reset();
-    m_queueTimer.reset();
+void CVekRvNet::takeRequestQueue(Storage& dropped) {
+    ++m_ends->queue;
+    dropped.queueHandler = std::move(m_queueHandler);
+    dropped.queueTimer = std::move(m_queueTimer);
     const CVekAutoMutex guard(m_requestMutex);
-    while (void* request = m_requests ? m_requests->RSPop() : nullptr) deleteRequest(request);
-    m_requests.reset();
-    m_answers.reset();
+    dropped.requests = std::move(m_requests);
+    dropped.answers = std::move(m_answers);
+    dropped.unclaimed = std::exchange(m_unclaimed, {});
 }
 
-void CVekRvNet::dropUnclaimedAnswers() {
-    const CVekAutoMutex guard(m_requestMutex);
-    for (const auto& [threadId, object] : m_unclaimed) delete object;
-    m_unclaimed.clear();
-}
-
-void CVekRvNet::dropTakenCallbacks() const {
+/// Leaves no registry. The timers go to the retired ones.
+void CVekRvNet::takeRegistries(Storage& dropped) {
+    ++m_ends->storage;
+    dropped.senders = std::move(m_senders);
+    m_inboxSenders.clear();
+    m_sendersInUse.clear();
+    dropped.ioHandlers = std::move(m_ioHandlers);
+    dropped.strayHandlers = std::exchange(m_strayHandlers, {});
+    dropped.listeners = std::move(m_listeners);
+    m_replies.clear();
     while (void* callback = m_takenCallbacks ? m_takenCallbacks->RSPop() : nullptr) {
-        delete static_cast<RvDataCallback*>(callback);
+        dropped.callbacks.emplace_back(static_cast<RvDataCallback*>(callback));
     }
-}
-
-void CVekRvNet::dropTimers() {
+    dropped.callbackStack = std::move(m_takenCallbacks);
     retireTimers();
-    m_timers.reset();
-    m_retiredTimers.clear();
 }
 
 void CVekRvNet::retireTimers() {
@@ -238,6 +287,9 @@ void CVekRvNet::retireTimers() {
         auto* const timer = static_cast<RvTimer*>(static_cast<CVekPointer*>(entry)->RPData());
         if (timer != nullptr) m_retiredTimers.emplace_back(timer);
     }
+    m_timers.reset();
+    m_timerPlaces.clear();
+    m_ownTimers.clear();
 }
 
 // --- The bus agent ---------------------------------------------------------------------------

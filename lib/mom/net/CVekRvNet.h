@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "foundation/foundation.h"
@@ -12,6 +13,7 @@
 #include "mom/net/CVekNet.h"
 #include "mom/net/CVekRvErrorClb.h"
 #include "mom/net/CVekRvQueueHandler.h"
+#include "mom/net/NetWatch.h"
 #include "platform/Export.h"
 #include "rv/rv.h"
 
@@ -168,6 +170,9 @@ class KVX_API CVekRvNet : public CVekNet {
     RvTimer* RRNNewTimer(int* status, unsigned long interval, rv_Boolean repeat,
                          const RvTimerCallback* callback, void* closure);
 
+    /// Tells later what user code has left of this net; see `kvx::NetWatch`. Main thread.
+    [[nodiscard]] kvx::NetWatch watch() const { return kvx::NetWatch(m_ends); }
+
   protected:
     /// Reports -220425 when called off the main thread.
     void RRNCheckThreadId();
@@ -176,12 +181,36 @@ class KVX_API CVekRvNet : public CVekNet {
     int RRNReturnCheckThreadId();
 
     /// Keeps the senders to inboxes from piling up: call it, with the net's lock held, for every
-    /// sender entered in `m_senders`. Past 4,096 inbox senders the oldest is deleted.
+    /// sender entered in `m_senders`. Past 4,096 inbox senders the oldest one is deleted that no
+    /// call is sending on.
     void noteSender(const char* subject);
+
+    /// Keeps a registered sender from being deleted by `noteSender` while it sends.
+    class SenderUse {
+      public:
+        SenderUse(CVekRvNet& net, const RvSender* sender);
+        ~SenderUse();
+        SenderUse(const SenderUse&) = delete;
+        SenderUse& operator=(const SenderUse&) = delete;
+
+      private:
+        CVekRvNet& m_net;
+        const RvSender* m_sender;
+        kvx::NetWatch m_watch;
+    };
+
+    /// The sender registered under `subject`, which may be null. With the net's lock held.
+    RvSender* registeredSender(const char* subject) const;
+
+    /// A token of the right to the shared event manager, or null after a report that another
+    /// thread has it.
+    std::shared_ptr<const void> claimLoop(const char* file, int line);
 
   private:
     friend class CVekRvQueueHandler;
+    friend class CVekSendQueueItem;
     struct RequestLines;
+    struct Storage;
     /// Deletes a timer, and with it a callback that waits for it and that nobody owns.
     struct TimerDeleter {
         void operator()(RvTimer* timer) const;
@@ -196,10 +225,8 @@ class KVX_API CVekRvNet : public CVekNet {
     int startSession();
     int openCoreSession();
     int listenForAdvisories();
-    void dropRequestQueue();
-    void dropUnclaimedAnswers();
-    void dropTakenCallbacks() const;
-    void dropTimers();
+    void takeRequestQueue(Storage& dropped);
+    void takeRegistries(Storage& dropped);
     void retireTimers();
 
     template <class Object, class Record>
@@ -208,8 +235,7 @@ class KVX_API CVekRvNet : public CVekNet {
     template <class Record>
     bool pushRequest(const Record& request);
     template <class Object>
-    Object* claimAnswer(int threadId, int* status, const RequestLines& lines,
-                        const std::string& failure, bool* registered);
+    Object* claimAnswer(int threadId, int* status, bool* registered);
     template <class Create>
     auto createHere(int* status, Create create);
     RvListener* createListenerHere(const char* subject, unsigned long timeout,
@@ -222,7 +248,8 @@ class KVX_API CVekRvNet : public CVekNet {
     RvSender* senderForRequest(const char* subject, int* status);
     RvSender* sendOnNewSender(const char* subject, RvDatum& datum);
     int storeListener(RvListener* listener);
-    int storeTimer(RvTimer* timer, int status);
+    int storeReply(RvListener* reply);
+    int addTimer(int interval, rv_Boolean repeat, RvTimerCallback* callback);
     void sweepSpentTimers();
 
   public:
@@ -264,15 +291,20 @@ class KVX_API CVekRvNet : public CVekNet {
     // Guarded by m_requestMutex: the objects behind those answers that nobody has taken yet.
     std::map<int, RvSessionObject*> m_unclaimed;
 
-    // Guarded by m_lock: subjects of senders to inboxes, oldest first, and the number of timers at
-    // which those that fired are swept out.
-    static constexpr int kLeastTimerSweep = 64;
+    // Guarded by m_lock: subjects of registered senders to inboxes, oldest first; the senders that a
+    // call is sending on; subjects of reply listeners; where each timer stands in `m_timers`; the
+    // one-shot timers that the library made for itself; handlers of a socket that had one already,
+    // which no registry takes.
     std::deque<std::string> m_inboxSenders;
-    int m_sweepTimersAt = kLeastTimerSweep;
-    // Guarded by m_lock: handlers of a socket that had one already, which no registry takes.
+    std::vector<const RvSender*> m_sendersInUse;
+    std::deque<std::string> m_replies;
+    std::unordered_map<const RvTimer*, CVekListable*> m_timerPlaces;
+    std::vector<RvTimer*> m_ownTimers;
     std::vector<std::unique_ptr<RvIO>> m_strayHandlers;
 
     // Main thread only: what the registries gave up without deleting it.
     std::vector<std::unique_ptr<CVekStack>> m_retiredStacks;
     std::vector<OwnedTimer> m_retiredTimers;
+    std::shared_ptr<kvx::NetEnds> m_ends = std::make_shared<kvx::NetEnds>();
+    std::shared_ptr<const void> m_loopClaim;
 };

@@ -5,7 +5,10 @@
 // under the thread's id after making the object in the main loop (CVekRvQueueHandler.cpp). Only one
 // thread at a time has a request under way: it holds the caller mutex from the push to the removal
 // of its answer. The request mutex is held only for the push, each poll and the removal, never
-// while waiting, so the main thread cannot wait for a requester.
+// while waiting, so the main thread cannot wait for a requester. A failure is reported when both
+// are free again: the error handler may ask for something else.
+//
+// Making a listener may run user code, and that may end the session or the net.
 //
 // Answers are keyed by thread id alone. One that comes after its requester gave up is taken by that
 // thread's next request.
@@ -30,6 +33,7 @@ namespace {
 
 constexpr int kAnswerPolls = 10800;
 constexpr unsigned int kAnswerPollInterval = 111;  // milliseconds
+constexpr int kSessionClosed = 2;                  // code of an object's status
 
 std::string listenerName(const char* subject, unsigned long timeout) {
     return std::string(kvx::textOrNull(subject)) + "/" + std::to_string(timeout);
@@ -66,10 +70,12 @@ auto CVekRvNet::createHere(int* status, Create create) {
         *status = kvx::kNoSession;
         return object;
     }
+    const kvx::NetWatch watch = this->watch();
     object = create();
     if (object == nullptr) {
-        const char* const reason = m_session->status().text();
-        kvx::warn(reason != nullptr ? reason : "");
+        const bool open = watch.queueStands() && m_session;
+        const RvStatus reason = open ? m_session->status() : RvStatus(kSessionClosed);
+        kvx::warn(reason.text() != nullptr ? reason.text() : "");
         *status = kvx::kNotCreated;
     }
     return object;
@@ -121,37 +127,38 @@ Object* CVekRvNet::requestObject(int* status, const Record& fields, const Reques
                     "it seems that the main thread is not listening for new activity requests");
         return nullptr;
     }
-    const CVekAutoMutex oneAtATime(m_callerMutex);
-    Record request = fields;
-    request.m_threadId = static_cast<std::int32_t>(CVekThread::RTId());
-    const bool pushed = pushRequest(request);
-    if constexpr (std::is_same_v<Record, SVekRvQueueTimer>) {
-        kvx::trace(kvx::kTraceCalls, "RRNNewTimer() sent packet wrt timer ", request.m_interval,
-                   " now just need to wait on addition\n");
+    Object* object = nullptr;
+    {
+        const CVekAutoMutex oneAtATime(m_callerMutex);
+        Record request = fields;
+        request.m_threadId = static_cast<std::int32_t>(CVekThread::RTId());
+        if (!pushRequest(request)) {
+            *status = kvx::kNoAnswer;
+            return nullptr;
+        }
+        if constexpr (std::is_same_v<Record, SVekRvQueueTimer>) {
+            kvx::trace(kvx::kTraceCalls, "RRNNewTimer() sent packet wrt timer ", request.m_interval,
+                       " now just need to wait on addition\n");
+        }
+        object = claimAnswer<Object>(request.m_threadId, status, registered);
     }
-    if (!pushed) {
-        *status = kvx::kNoAnswer;
-        return nullptr;
+    if (*status == kvx::kNoAnswer) kvx::report(*status, rvNet::kFile, lines.timedOut);
+    if (*status == kvx::kNotCreated) {
+        kvx::report(*status, rvNet::kFile, lines.notMade, failure.c_str());
     }
-    return claimAnswer<Object>(request.m_threadId, status, lines, failure, registered);
+    return object;
 }
 
 /// The answer, which leaves the list; `*registered`, if asked for, says whether a registry owns it.
 template <class Object>
-Object* CVekRvNet::claimAnswer(int threadId, int* status, const RequestLines& lines,
-                               const std::string& failure, bool* registered) {
+Object* CVekRvNet::claimAnswer(int threadId, int* status, bool* registered) {
     Object* object = nullptr;
     const CVekPointer* const answer = RRNWaitForNewActivity(threadId, status);
-    if (*status != kvx::kOk) {
-        kvx::report(*status, rvNet::kFile, lines.timedOut);
-    } else {
-        object = static_cast<Object*>(answer->RPData());
-        if (object == nullptr) {
-            *status = kvx::kNotCreated;
-            kvx::report(*status, rvNet::kFile, lines.notMade, failure.c_str());
-        }
-    }
     const CVekAutoMutex guard(m_requestMutex);
+    if (*status == kvx::kOk) {
+        object = static_cast<Object*>(answer->RPData());
+        if (object == nullptr) *status = kvx::kNotCreated;
+    }
     if (m_answers) m_answers->RTLDelete(threadId);
     const bool unclaimed = m_unclaimed.erase(threadId) != 0;
     if (registered != nullptr) *registered = object != nullptr && !unclaimed;

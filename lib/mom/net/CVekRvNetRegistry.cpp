@@ -2,11 +2,16 @@
 // that serves them.
 //
 // The net's lock guards the registries against threads that store, dereference or remove while the
-// main thread sends; it is recursive, so that a callback of the bus may come back here. A sender is
-// made once per subject and kept. Those to inboxes would pile up, one per query answered, so only
-// the latest ones are kept. Spent one-shot timers stay in the registry, where `RRNRemoveTimer`
-// finds them, until they outnumber the live ones.
+// main thread sends; it is recursive, so that a callback of the bus may come back here. A call that
+// holds it while it sends shares it, since that may be the end of the net; the registries are
+// looked up again afterwards, and what is deleted is deleted when the lock is free again.
+//
+// A sender is made once per subject and kept. Those to inboxes would pile up, one per query
+// answered, so only the latest ones are kept. Reply listeners would too: one whose callback has
+// been destroyed is removed when later ones come. One-shot timers stay until they are removed; only
+// those that the library made for itself go when they are spent.
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -25,6 +30,7 @@ namespace {
 constexpr char kAdvisorySubjects[] = "_RV.>";
 constexpr std::string_view kInboxPrefix = "_INBOX.";
 constexpr std::size_t kKeptInboxSenders = 4096;
+constexpr int kReplyLooks = 2;  // older reply listeners looked at for each new one
 constexpr int kPostInitInterval = 3;  // milliseconds
 constexpr std::size_t kSubjectGrowth = 4;
 constexpr std::size_t kSubjectReserve = 32;  // bytes
@@ -96,8 +102,8 @@ int CVekRvNet::RRNAddExService(const char* subject, RvDataCallback* callback) {
 int CVekRvNet::RRNTakeService(const char* subject, RvDataCallback* callback) {
     const int result = RRNAddService(subject, callback);
     if (result == kvx::kOk) {
-        // Two threads may offer services at once.
-        const CVekAutoMutex guard(m_requestMutex);
+        const CVekThread::AutoMutex guard(*m_lock);
+        if (!m_takenCallbacks) return kvx::kNoSession;
         m_takenCallbacks->RSPush(callback);
     } else {
         kvx::report(result, rvNet::kFile, rvNet::TakeService);
@@ -140,12 +146,15 @@ int CVekRvNet::RRNSend(const char* subject, RvDatum& datum, RvDataCallback* call
     int status = kvx::kOk;
     RvSender* const sender = senderForRequest(subject, &status);
     if (sender == nullptr) return status;
-    RvListener* const reply = sender->sendRequest(datum, RNGetLatency(), callback, this);
-    if (reply == nullptr) {
+    const SenderUse use(*this, sender);
+    const kvx::NetWatch watch = this->watch();
+    std::unique_ptr<RvListener> reply(sender->sendRequest(datum, RNGetLatency(), callback, this));
+    if (!watch.storageStands()) return kvx::kNoSession;
+    if (!reply) {
         kvx::warn("Rendezvous Error : failed to open RPC listener\n");
         return kvx::kNotSent;
     }
-    const int stored = storeListener(reply);
+    const int stored = storeReply(reply.release());
     if (stored != kvx::kOk) kvx::report(stored, rvNet::kFile, rvNet::StoreReplyListener);
     return kvx::kOk;
 }
@@ -159,6 +168,10 @@ RvSender* CVekRvNet::senderForRequest(const char* subject, int* status) {
         return nullptr;
     }
     const CVekThread::AutoMutex guard(*m_lock);
+    if (!m_senders) {
+        *status = kvx::kNoSession;
+        return nullptr;
+    }
     if (const CVekPointer* const entry = m_senders->RTLGet(qualified.get())) {
         return pointeeOf<RvSender>(entry);
     }
@@ -174,19 +187,27 @@ RvSender* CVekRvNet::RRNSendOnSubject(char* subject, RvDatum& datum) {
         kvx::report(thread, rvNet::kFile, rvNet::SendOffMainThread);
         return nullptr;
     }
-    const CVekThread::AutoMutex guard(*m_lock);
+    const std::string key = subject;  // `subject` may be that of a sender
+    const std::shared_ptr<CVekThread> lock = m_lock;
+    const CVekThread::AutoMutex guard(*lock);
     if (!m_senders) return nullptr;
-    const CVekPointer* const entry = m_senders->RTLGet(subject);
-    if (entry == nullptr) return sendOnNewSender(subject, datum);
-    auto* const sender = pointeeOf<RvSender>(entry);
-    return sender != nullptr && sender->send(datum).code() == 0 ? sender : nullptr;
+    if (m_senders->RTLGet(key.c_str()) == nullptr) return sendOnNewSender(key.c_str(), datum);
+    RvSender* const sender = registeredSender(key.c_str());
+    if (sender == nullptr) return nullptr;
+    const SenderUse use(*this, sender);
+    const kvx::NetWatch watch = this->watch();
+    if (sender->send(datum).code() != 0 || !watch.storageStands()) return nullptr;
+    return registeredSender(key.c_str()) == sender ? sender : nullptr;
 }
 
 /// Sends on a sender made for it and registers the sender; a failure leaves nothing behind.
 RvSender* CVekRvNet::sendOnNewSender(const char* subject, RvDatum& datum) {
     int status = kvx::kOk;
     std::unique_ptr<RvSender> sender(RRNNewSender(&status, subject, nullptr));
-    if (!sender || sender->send(datum).code() != 0) return nullptr;
+    const kvx::NetWatch watch = this->watch();
+    if (!sender || sender->send(datum).code() != 0 || !watch.storageStands()) return nullptr;
+    // User code that the send ran may have sent on the same subject.
+    if (RvSender* const registered = registeredSender(subject)) return registered;
     const int stored = addEntry(m_senders.get(), subject, sender.get());
     if (stored != kvx::kOk) {
         kvx::report(stored, rvNet::kFile, rvNet::StoreSender);
@@ -196,21 +217,49 @@ RvSender* CVekRvNet::sendOnNewSender(const char* subject, RvDatum& datum) {
     return sender.release();
 }
 
+RvSender* CVekRvNet::registeredSender(const char* subject) const {
+    return m_senders ? pointeeOf<RvSender>(m_senders->RTLGet(subject)) : nullptr;
+}
+
+CVekRvNet::SenderUse::SenderUse(CVekRvNet& net, const RvSender* sender)
+    : m_net(net), m_sender(sender), m_watch(net.watch()) {
+    const CVekThread::AutoMutex guard(*net.m_lock);
+    net.m_sendersInUse.push_back(sender);
+}
+
+CVekRvNet::SenderUse::~SenderUse() {
+    if (!m_watch.storageStands()) return;
+    const CVekThread::AutoMutex guard(*m_net.m_lock);
+    auto& inUse = m_net.m_sendersInUse;
+    inUse.erase(std::ranges::find(inUse, m_sender));
+}
+
 void CVekRvNet::noteSender(const char* subject) {
     if (!std::string_view(subject).starts_with(kInboxPrefix)) return;
     m_inboxSenders.emplace_back(subject);
     if (m_inboxSenders.size() <= kKeptInboxSenders) return;
-    const std::string oldest = std::move(m_inboxSenders.front());
-    m_inboxSenders.pop_front();
-    const std::unique_ptr<RvSender> sender(pointeeOf<RvSender>(m_senders->RTLGet(oldest.c_str())));
-    m_senders->RTLDelete(oldest.c_str());
+    const auto isInUse = [this](const std::string& inbox) {
+        return std::ranges::count(m_sendersInUse, registeredSender(inbox.c_str())) != 0;
+    };
+    const auto newest = m_inboxSenders.end() - 1;  // the caller is about to hand it out
+    const auto oldest = std::find_if_not(m_inboxSenders.begin(), newest, isInUse);
+    if (oldest == newest) return;
+    const std::string evicted = std::move(*oldest);
+    m_inboxSenders.erase(oldest);
+    const std::unique_ptr<RvSender> sender(registeredSender(evicted.c_str()));
+    m_senders->RTLDelete(evicted.c_str());
 }
 
 int CVekRvNet::RRNDereferenceSender(RvSender* sender) {
     if (sender == nullptr || sender->subject() == nullptr) return kvx::kMissingArgument;
     const CVekThread::AutoMutex guard(*m_lock);
     if (!m_senders) return kvx::kNotFound;
-    return m_senders->RTLDelete(sender->subject(), static_cast<void*>(sender));
+    const int result = m_senders->RTLDelete(sender->subject(), static_cast<void*>(sender));
+    const std::string_view subject = sender->subject();
+    if (result == kvx::kOk && subject.starts_with(kInboxPrefix)) {
+        std::erase(m_inboxSenders, subject);
+    }
+    return result;
 }
 
 // --- Listeners -------------------------------------------------------------------------------
@@ -225,6 +274,28 @@ int CVekRvNet::RRNStoreListener(RvListener* listener) {
     return listener != nullptr ? storeListener(listener) : kvx::kInvalidArgument;
 }
 
+/// Registers a reply listener, and keeps those that nobody removes from piling up: looks at two
+/// older ones, and deletes them when their callback is gone.
+int CVekRvNet::storeReply(RvListener* reply) {
+    std::vector<std::unique_ptr<RvListener>> dead;  // dies after the lock's guard
+    const CVekThread::AutoMutex guard(*m_lock);
+    const int result = storeListener(reply);
+    if (result != kvx::kOk) return result;
+    for (int looks = 0; looks < kReplyLooks && !m_replies.empty(); ++looks) {
+        std::string subject = std::move(m_replies.front());
+        m_replies.pop_front();
+        auto* const older = pointeeOf<RvListener>(m_listeners->RTLGet(subject.c_str()));
+        if (older == nullptr) continue;
+        if (older->callback() != nullptr) {
+            m_replies.push_back(std::move(subject));
+        } else if (m_listeners->RTLDelete(subject.c_str(), static_cast<void*>(older)) == kvx::kOk) {
+            dead.emplace_back(older);
+        }
+    }
+    m_replies.emplace_back(reply->subject());
+    return result;
+}
+
 int CVekRvNet::RRNDereferenceListener(RvListener* listener) {
     if (listener == nullptr) return kvx::kMissingArgument;
     const CVekThread::AutoMutex guard(*m_lock);
@@ -236,25 +307,16 @@ int CVekRvNet::RRNRemoveListener(const char* subject) {
     if (subject == nullptr) return kvx::kMissingArgument;
     // The caller's text may be that of a listener that is about to go.
     const std::string key = subject;
-    const CVekAtom keyAtom(key.c_str());
-    int result = kvx::kOk;
+    std::vector<std::unique_ptr<RvListener>> removed;  // dies after the lock's guard
     const CVekThread::AutoMutex guard(*m_lock);
-    if (!m_listeners) return result;
-    if (m_listeners->RTLIsMultiple(&keyAtom) == FALSE) {
-        const CVekPointer* const entry = m_listeners->RTLGet(key.c_str());
-        if (entry == nullptr) return result;
-        auto* const listener = pointeeOf<RvListener>(entry);
-        result = m_listeners->RTLDelete(key.c_str());
-        if (result == kvx::kOk) delete listener;
-        return result;
-    }
+    if (!m_listeners) return kvx::kOk;
     const std::unique_ptr<CVekDoubleList> entries(m_listeners->RTLGetMult(key.c_str()));
+    int result = kvx::kOk;
     for (CVekListable* entry = entries->RDLHead(); entry != nullptr;
          entry = entries->RDLGetNext(entry)) {
         auto* const listener = pointeeOf<RvListener>(entry);
-        if (listener == nullptr) continue;
         result = m_listeners->RTLDelete(key.c_str(), static_cast<void*>(listener));
-        if (result == kvx::kOk) delete listener;
+        if (result == kvx::kOk) removed.emplace_back(listener);
     }
     return result;
 }
@@ -262,57 +324,58 @@ int CVekRvNet::RRNRemoveListener(const char* subject) {
 // --- Timers ----------------------------------------------------------------------------------
 
 int CVekRvNet::RRNAddTimer(int interval, RvTimerCallback* callback) {
-    if (!m_session) return kvx::kNoSession;
-    int status = kvx::kOk;
-    RvTimer* const timer =
-        RRNNewTimer(&status, static_cast<unsigned int>(interval), callback, this);
-    return storeTimer(timer, status);
+    return addTimer(interval, rv_FALSE, callback);
 }
 
 int CVekRvNet::RRNAddRepeatTimer(int interval, RvTimerCallback* callback) {
-    if (!m_session) return kvx::kNoSession;
-    int status = kvx::kOk;
-    RvTimer* const timer =
-        RRNNewTimer(&status, static_cast<unsigned int>(interval), rv_TRUE, callback, this);
-    return storeTimer(timer, status);
+    return addTimer(interval, rv_TRUE, callback);
 }
 
-int CVekRvNet::storeTimer(RvTimer* timer, int status) {
+int CVekRvNet::addTimer(int interval, rv_Boolean repeat, RvTimerCallback* callback) {
+    if (!m_session) return kvx::kNoSession;
+    // Asked before the timer is made for another thread: it may fire before it is registered here.
+    const bool isOwn = dynamic_cast<kvx::DiesWithTimer*>(callback) != nullptr;
+    int status = kvx::kOk;
+    RvTimer* const timer =
+        RRNNewTimer(&status, static_cast<unsigned int>(interval), repeat, callback, this);
     if (timer == nullptr) return kvx::kInvalidArgument;
     const CVekThread::AutoMutex guard(*m_lock);
-    m_timers->RDLAddToListEnd(new CVekPointer(timer));
+    if (!m_timers) {
+        OwnedTimer(timer).reset();
+        return kvx::kNoSession;
+    }
+    auto* const place = new CVekPointer(timer);
+    m_timers->RDLAddToListEnd(place);
+    m_timerPlaces[timer] = place;
+    if (isOwn) m_ownTimers.push_back(timer);
     return status;
 }
 
 int CVekRvNet::RRNRemoveTimer(RvTimer* timer) {
     if (timer == nullptr) return kvx::kMissingArgument;
     kvx::trace(kvx::kTraceCalls, "RRNRemoveTimer() deleting timer ", timer, "\n");
+    OwnedTimer removed;  // dies after the lock's guard
     const CVekThread::AutoMutex guard(*m_lock);
-    CVekListable* entry = m_timers ? m_timers->RDLHead() : nullptr;
-    while (entry != nullptr && pointeeOf<RvTimer>(entry) != timer) {
-        entry = m_timers->RDLGetNext(entry);
-    }
-    if (entry == nullptr) return kvx::kNotFound;
+    const auto place = m_timerPlaces.find(timer);
+    if (place == m_timerPlaces.end()) return kvx::kNotFound;
     kvx::trace(kvx::kTraceCalls, "RRNRemoveTimer() deleted timer ", timer, "\n");
-    OwnedTimer(timer).reset();
-    return m_timers->RDLAttemptToDeleteListable(entry);
+    removed.reset(timer);
+    CVekListable* const entry = place->second;
+    m_timerPlaces.erase(place);
+    std::erase(m_ownTimers, timer);
+    return m_timers->RDLDeleteListable(entry);
 }
 
-/// Deletes the one-shot timers that fired, when so many are registered that it pays: the cost of a
-/// timer's life stays constant, and there are never many more than live ones.
+/// Removes those of the library's own one-shot timers that fired.
 void CVekRvNet::sweepSpentTimers() {
+    std::vector<OwnedTimer> spent;  // dies after the lock's guard
     const CVekThread::AutoMutex guard(*m_lock);
-    if (!m_timers || m_timers->RDLLength() < m_sweepTimersAt) return;
-    for (CVekListable* entry = m_timers->RDLHead(); entry != nullptr;) {
-        CVekListable* const next = m_timers->RDLGetNext(entry);
-        auto* const timer = pointeeOf<RvTimer>(entry);
-        if (timer != nullptr && isSpent(*timer)) {
-            delete timer;
-            m_timers->RDLDeleteListable(entry);
-        }
-        entry = next;
-    }
-    m_sweepTimersAt = std::max(kLeastTimerSweep, 2 * m_timers->RDLLength());
+    std::erase_if(m_ownTimers, [&](RvTimer* timer) {
+        if (!isSpent(*timer)) return false;
+        m_timers->RDLDeleteListable(m_timerPlaces.extract(timer).mapped());
+        spent.emplace_back(timer);
+        return true;
+    });
 }
 
 int CVekRvNet::RRNAddPostInitTimer() {

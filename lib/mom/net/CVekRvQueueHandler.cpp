@@ -1,3 +1,7 @@
+// One drain. The request mutex is free whenever an object is made or something is reported, since
+// both may run user code. A session that ends meanwhile takes queue and handler with it: from then
+// on only locals are touched, and the object that was made for nobody is deleted.
+
 #include "mom/net/CVekRvQueueHandler.h"
 
 #include <limits>
@@ -53,11 +57,19 @@ CVekRvQueueHandler::~CVekRvQueueHandler() {
 
 void CVekRvQueueHandler::onTimer(RvTimer*) {
     if (m_net == nullptr) return;
-    m_net->sweepSpentTimers();
-    const CVekAutoMutex guard(m_net->m_requestMutex);
-    while (void* request = m_net->m_requests ? m_net->m_requests->RSPop() : nullptr) {
+    CVekRvNet& net = *m_net;
+    const kvx::NetWatch watch = net.watch();
+    net.sweepSpentTimers();
+    while (watch.queueStands()) {
+        void* const request = nextRequest(net);
+        if (request == nullptr) return;
         dispatch(request);
     }
+}
+
+void* CVekRvQueueHandler::nextRequest(CVekRvNet& net) {
+    const CVekAutoMutex guard(net.m_requestMutex);
+    return net.m_requests ? net.m_requests->RSPop() : nullptr;
 }
 
 void CVekRvQueueHandler::dispatch(void* request) {
@@ -79,18 +91,21 @@ void CVekRvQueueHandler::dispatch(void* request) {
     kvx::report(kvx::kUnknownRequest, kQueueHandlerFile, queueLine::UnknownType, text.c_str());
 }
 
-/// Posts `object`, which may be null. Until its thread has taken it, the net keeps `unclaimed`: the
-/// object, unless a registry owns it already.
-void CVekRvQueueHandler::post(int threadId, void* object, RvSessionObject* unclaimed,
-                              int notMadeLine, int notPostedLine) {
-    if (object == nullptr) kvx::report(kvx::kNotCreated, kQueueHandlerFile, notMadeLine);
-    const int result = m_net->m_answers->RTLAdd(threadId, object);
-    if (result != kvx::kOk) {
-        kvx::report(result, kQueueHandlerFile, notPostedLine);
-        delete unclaimed;
-    } else if (unclaimed != nullptr) {
-        m_net->m_unclaimed[threadId] = unclaimed;
+/// Posts `made`. Until its thread has taken it, the net keeps it, unless a registry does.
+void CVekRvQueueHandler::post(CVekRvNet& net, const kvx::NetWatch& watch, int threadId,
+                              const Made& made) {
+    std::unique_ptr<RvSessionObject> unclaimed(made.unclaimed);
+    if (made.object == nullptr) {
+        kvx::report(kvx::kNotCreated, kQueueHandlerFile, made.notMadeLine);
     }
+    if (!watch.queueStands()) return;
+    int result = kvx::kOk;
+    {
+        const CVekAutoMutex guard(net.m_requestMutex);
+        result = net.m_answers->RTLAdd(threadId, made.object);
+        if (result == kvx::kOk && unclaimed) net.m_unclaimed[threadId] = unclaimed.release();
+    }
+    if (result != kvx::kOk) kvx::report(result, kQueueHandlerFile, made.notPostedLine);
 }
 
 void CVekRvQueueHandler::RRQIONewIO(SVekRvQueueIO* request) {
@@ -98,41 +113,50 @@ void CVekRvQueueHandler::RRQIONewIO(SVekRvQueueIO* request) {
     const bool valid = request->m_threadId >= 0 && request->m_socket != kNoSocket &&
                        request->m_callback != nullptr;
     if (!isValidRequest(valid, queueLine::IoInvalid)) return;
+    CVekRvNet& net = *m_net;
+    const kvx::NetWatch watch = net.watch();
     int status = kvx::kOk;
-    RvIO* const io = m_net->RRNNewIO(&status, request->m_socket, request->m_eventType,
-                                     request->m_callback, request->m_closure);
+    RvIO* const io = net.RRNNewIO(&status, request->m_socket, request->m_eventType,
+                                  request->m_callback, request->m_closure);
     const bool registered = status == kvx::kOk;
-    post(request->m_threadId, io, registered ? nullptr : io, queueLine::IoNotMade,
-         queueLine::IoNotPosted);
+    post(net, watch, request->m_threadId,
+         {io, registered ? nullptr : io, queueLine::IoNotMade, queueLine::IoNotPosted});
 }
 
 void CVekRvQueueHandler::RRQIONewSender(SVekRvQueueSender* request) {
     const std::unique_ptr<SVekRvQueueSender> owned(request);
     const bool valid = request->m_threadId >= 0 && request->m_subject != nullptr;
     if (!isValidRequest(valid, queueLine::SenderInvalid)) return;
+    CVekRvNet& net = *m_net;
+    const kvx::NetWatch watch = net.watch();
     int status = kvx::kOk;
-    RvSender* const sender =
-        m_net->RRNNewSender(&status, request->m_subject, request->m_replySubject);
-    post(request->m_threadId, sender, sender, queueLine::SenderNotMade, queueLine::SenderNotPosted);
+    RvSender* const sender = net.RRNNewSender(&status, request->m_subject, request->m_replySubject);
+    post(net, watch, request->m_threadId,
+         {sender, sender, queueLine::SenderNotMade, queueLine::SenderNotPosted});
 }
 
 void CVekRvQueueHandler::RRQIONewListener(SVekRvQueueListener* request) {
     const std::unique_ptr<SVekRvQueueListener> owned(request);
     const bool valid = request->m_threadId >= 0 && request->m_callback != nullptr;
     if (!isValidRequest(valid, queueLine::ListenerInvalid)) return;
+    CVekRvNet& net = *m_net;
+    const kvx::NetWatch watch = net.watch();
     int status = kvx::kOk;
-    RvListener* const listener = m_net->RRNNewListener(
+    RvListener* const listener = net.RRNNewListener(
         &status, request->m_subject, request->m_timeout, request->m_callback, request->m_closure);
-    post(request->m_threadId, listener, listener, queueLine::ListenerNotMade,
-         queueLine::ListenerNotPosted);
+    post(net, watch, request->m_threadId,
+         {listener, listener, queueLine::ListenerNotMade, queueLine::ListenerNotPosted});
 }
 
 void CVekRvQueueHandler::RRQIONewTimer(SVekRvQueueTimer* request) {
     const std::unique_ptr<SVekRvQueueTimer> owned(request);
     const bool valid = request->m_threadId >= 0 && request->m_callback != nullptr;
     if (!isValidRequest(valid, queueLine::TimerInvalid)) return;
+    CVekRvNet& net = *m_net;
+    const kvx::NetWatch watch = net.watch();
     int status = kvx::kOk;
-    RvTimer* const timer = m_net->RRNNewTimer(&status, request->m_interval, request->m_repeat,
-                                              request->m_callback, request->m_closure);
-    post(request->m_threadId, timer, timer, queueLine::TimerNotMade, queueLine::TimerNotPosted);
+    RvTimer* const timer = net.RRNNewTimer(&status, request->m_interval, request->m_repeat,
+                                           request->m_callback, request->m_closure);
+    post(net, watch, request->m_threadId,
+         {timer, timer, queueLine::TimerNotMade, queueLine::TimerNotPosted});
 }

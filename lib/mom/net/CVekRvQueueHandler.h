@@ -5,10 +5,15 @@
 #include "rv/rv.h"
 
 class CVekRvNet;
+namespace kvx {
+class NetWatch;
+}
 
 /// The timer callback that creates, on the main thread, what other threads asked the net for.
 ///
-/// Loop thread only. Holds the net's request mutex for the whole of one drain.
+/// Loop thread only. Holds the net's request mutex for taking a request and for posting its answer,
+/// not while it makes the object, which may run user code: that may call the net, end its session
+/// or destroy it.
 class KVX_API CVekRvQueueHandler : public RvTimerCallback {
   public:
     /// `net` must outlive the handler. A null net is reported with -220552, and a tick then does
@@ -30,9 +35,14 @@ class KVX_API CVekRvQueueHandler : public RvTimerCallback {
     void RRQIONewListener(SVekRvQueueListener* request);
     void RRQIONewTimer(SVekRvQueueTimer* request);
 
+    struct Made {
+        void* object;                // null when it could not be made
+        RvSessionObject* unclaimed;  // the object, unless a registry owns it already
+        int notMadeLine;
+        int notPostedLine;
+    };
+    static void* nextRequest(CVekRvNet& net);
     void dispatch(void* request);
-    void post(int threadId, void* object, RvSessionObject* unclaimed, int notMadeLine,
-              int notPostedLine);
-
+    static void post(CVekRvNet& net, const kvx::NetWatch& watch, int threadId, const Made& made);
     CVekRvNet* m_net;
 };

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <locale>
 #include <sstream>
+#include <thread>
 
 #include "mom/net/CVekPostInitTimedClb.h"
 #include "mom/net/VekTrace.h"
@@ -186,6 +187,47 @@ TEST_F(RvNet, ServesAllNetsOfItsThreadInOneLoop) {
     OnTimer timer([&](RvTimer*) { fired = true; });
     ASSERT_EQ(second.RRNAddTimer(1, &timer), 1);
     EXPECT_TRUE(runUntil(first, [&] { return fired; }));
+}
+
+TEST_F(RvNet, RefusesASecondNetOnAnotherThreadWhileThereIsOne) {
+    const char* const text = "another thread of this process has a net already";
+    const auto elsewhere = [](const std::function<void()>& act) { std::thread(act).join(); };
+    auto first = std::make_unique<TestNet>();
+    elsewhere([] {
+        const TestNet second;
+        EXPECT_EQ(second.m_session, nullptr);
+    });
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220425, "CVekRvNet", 1809, text},
+                                                  {-220425, "CVekRvNet", 187, ""}}));
+    EXPECT_EQ(first->RRNInitSession(), 1);
+    first->RRNTerminateSession();
+    elsewhere([&] {
+        const TestNet second;
+        EXPECT_EQ(second.m_sessionUp, 1);
+    });
+    elsewhere([&] {
+        EXPECT_EQ(first->RRNInitSession(), 1);  // it moves to the thread that opens it again
+        first.reset();
+    });
+    EXPECT_EQ(errors.take(), std::vector<Report>{});
+}
+
+TEST_F(RvNet, UserCodeThatEndingRunsFindsAnEndedNet) {
+    struct Last : OnData {
+        explicit Last(std::function<void()> act) : atEnd(std::move(act)) {}
+        ~Last() override { atEnd(); }
+        std::function<void()> atEnd;
+    };
+    auto net = std::make_unique<TestNet>();
+    OnData ignore;
+    bool destroyed = false;
+    ASSERT_EQ(net->RRNTakeService("_RV.A", new Last([&] {
+        EXPECT_EQ(net->RRNTakeService("_RV.B", &ignore), -220544);
+        net.reset();
+        destroyed = true;
+    })), 1);
+    net->RRNTerminateSession();
+    EXPECT_TRUE(destroyed);
 }
 
 // --- Advisories ------------------------------------------------------------------------------

@@ -1,5 +1,7 @@
 // What a network object keeps: subjects, senders, listeners, timers and I/O handlers.
 
+#include <ctime>
+
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/Home.h"
 #include "tests/support/Nets.h"
@@ -43,6 +45,23 @@ TEST_F(Registry, ForgetsTheOldestInboxesThatItSentRequestsTo) {
     EXPECT_LE(net.m_senders->RTLLength(), 4097);
     EXPECT_EQ(net.m_senders->RTLGet("_INBOX.A.0.TEST"), nullptr);
     EXPECT_NE(net.m_senders->RTLGet("_INBOX.A.4199.TEST"), nullptr);
+}
+
+TEST_F(Registry, ADereferencedInboxSenderIsForgotten) {
+    RvDatum datum(RVMSG_STRING, 2, "x");
+    errorOutputOf([&] {
+        for (int round = 0; round < 4200; ++round) {
+            net.RRNSend("_INBOX.A", datum, nullptr);
+            auto* const held = static_cast<RvSender*>(net.m_senders->RTLGet("_INBOX.A.TEST")->RPData());
+            ASSERT_NE(held, nullptr) << round;
+            if (round < 4199) {
+                ASSERT_EQ(net.RRNDereferenceSender(held), 1);
+                delete held;
+            }
+        }
+    });
+    net.RRNSend("_INBOX.B", datum, nullptr);
+    EXPECT_NE(net.m_senders->RTLGet("_INBOX.A.TEST"), nullptr);
 }
 
 TEST_F(Registry, RefusesServicesThatCannotBe) {
@@ -164,15 +183,39 @@ TEST_F(Registry, RemovesTimersByIdentity) {
     EXPECT_EQ(net.RRNAddTimer(5, nullptr), -220552);
 }
 
-TEST_F(Registry, DoesNotPileUpTimersThatFired) {
-    constexpr int kTimers = 1000;
+TEST_F(Registry, KeepsTheUsersTimersThatFiredAndDropsItsOwn) {
+    constexpr int kTimers = 200;
     int fired = 0;
     OnTimer next([&](RvTimer*) {
-        if (++fired < kTimers) net.RRNAddTimer(1, &next);
+        net.RRNAddPostInitTimer();
+        if (++fired < kTimers) net.RRNAddTimer(0, &next);
     });
     ASSERT_EQ(net.RRNAddTimer(1, &next), 1);
     ASSERT_TRUE(runUntil(net, [&] { return fired == kTimers; }));
-    EXPECT_LT(net.m_timers->RDLLength(), kTimers / 2);
+    EXPECT_TRUE(runUntil(net, [&] { return net.m_timers->RDLLength() == kTimers; }));
+}
+
+TEST_F(Registry, ATimerMayRemoveItself) {
+    OnTimer once([&](RvTimer* timer) { EXPECT_EQ(net.RRNRemoveTimer(timer), 1); });
+    ASSERT_EQ(net.RRNAddTimer(1, &once), 1);
+    ASSERT_EQ(net.RRNAddRepeatTimer(1, &once), 1);
+    ASSERT_TRUE(runUntil(net, [&] { return once.calls == 2; }));
+    EXPECT_TRUE(runUntil(net, [&] { return net.m_timers->RDLLength() == 0; }));
+    EXPECT_EQ(once.calls, 2);
+}
+
+TEST_F(Registry, RemovesTimersInConstantTime) {
+    constexpr int kTimers = 20000;
+    std::vector<RvTimer*> timers;
+    for (int i = 0; i < kTimers; ++i) ASSERT_EQ(net.RRNAddTimer(100000, &ignoreTimer), 1);
+    for (CVekListable* entry = net.m_timers->RDLHead(); entry != nullptr;
+         entry = net.m_timers->RDLGetNext(entry)) {
+        timers.push_back(static_cast<RvTimer*>(static_cast<CVekPointer*>(entry)->RPData()));
+    }
+    const std::clock_t start = std::clock();
+    for (auto timer = timers.rbegin(); timer != timers.rend(); ++timer) net.RRNRemoveTimer(*timer);
+    EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 2);
+    EXPECT_EQ(net.m_timers->RDLLength(), 0);
 }
 
 TEST_F(Registry, TimersOfAnOldListGoOnFiring) {

@@ -1,0 +1,47 @@
+#include "mom/net/LoopThread.h"
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+
+#include "foundation/CVekThread.h"
+
+namespace {
+
+struct Claim {
+    unsigned thread = 0;
+    int holds = 0;
+};
+
+struct Claims {
+    std::mutex mutex;
+    std::map<const void*, Claim> byOwner;  // guarded by mutex
+};
+
+// Never destroyed: a net in static storage may outlive everything else here.
+Claims& claims() {
+    static auto& all = *new Claims;
+    return all;
+}
+
+void giveBack(const void* owner) {
+    const std::lock_guard guard(claims().mutex);
+    const auto entry = claims().byOwner.find(owner);
+    if (--entry->second.holds == 0) claims().byOwner.erase(entry);
+}
+
+}  // namespace
+
+std::shared_ptr<const void> kvx::claimLoopThread(const void* owner) {
+    const unsigned thread = CVekThread::RTId();
+    const std::lock_guard guard(claims().mutex);
+    auto& byOwner = claims().byOwner;
+    const bool taken = std::ranges::any_of(byOwner, [&](const auto& entry) {
+        return entry.first != owner && entry.second.thread != thread;
+    });
+    if (taken) return nullptr;
+    Claim& claim = byOwner[owner];
+    claim.thread = thread;
+    ++claim.holds;
+    return {owner, giveBack};
+}
