@@ -49,7 +49,6 @@ constexpr int kQueriesAtOnce = 200;
 constexpr int kMostRows = 150;  // more than one packet holds
 constexpr int kInboxSenders = 4096;
 constexpr int kChangesAVisit = 25;
-constexpr int kTimerSweep = 64;
 constexpr std::chrono::seconds kLongestWarmUp(30);
 constexpr std::size_t kLeastRounds = 16;
 constexpr const char* kUpdates = "UPDATES";
@@ -239,7 +238,6 @@ class Soak : public testing::Test {
         resting = true;
         timedWork.RTWMSuspendTimedWork();
         if (visitor != nullptr) visitGroup();
-        setOffTimers(kTimerSweep);
     }
     void goOn() {
         resting = false;
@@ -252,19 +250,11 @@ class Soak : public testing::Test {
             if (poll->RTWPollIsExecuting()) return false;
             published += poll->runs;
         }
-        // Spent timers are swept out when there are many: push until they are.
-        if (engine.m_timers->RDLLength() >= kTimerSweep) {
-            setOffTimers(10);
-            return false;
-        }
         return published == updatesSeen && engine.RESendQueueLength() == 0 &&
                std::ranges::none_of(asking, [](const auto& one) { return one->isAsking; });
     }
-    void setOffTimers(int count) {
-        for (int i = 0; i < count; ++i) EXPECT_EQ(engine.RRNAddTimer(0, &bystander), 1);
-    }
     void changeSomething() {
-        setOffTimers(1);
+        EXPECT_EQ(engine.RRNAddTimer(0, &bystander), 1);
         timedWork.RTWMAddRepeatPoller(polls[0].get());
         timedWork.RTWMChangePollFrequency(polls[1].get(), 2 + timersFired % 7);
         timedWork.RTWMDistributePolls();
@@ -326,7 +316,10 @@ class Soak : public testing::Test {
     std::vector<std::unique_ptr<Asking>> asking;
     std::vector<std::unique_ptr<Poll>> polls;
     CVekTimedWorkMgr timedWork{&engine, 2, 10, 4, nullptr, FALSE};
-    OnTimer bystander{[this](RvTimer*) { ++timersFired; }};
+    OnTimer bystander{[this](RvTimer* timer) {
+        ++timersFired;
+        EXPECT_EQ(engine.RRNRemoveTimer(timer), 1);
+    }};
     rv_Session visitor = nullptr;
     int timersFired = 0;
     int changes = 0;

@@ -5,7 +5,7 @@
 #include <new>
 
 #include "mom/net/CVekRvNet.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 
 namespace {
 

@@ -41,20 +41,25 @@ class KVX_API CVekEngine : public CVekRvNet {
     // --- Sending -------------------------------------------------------------------------------
 
     /// Publishes a datum. Off the main thread it reports -220425 and queues a copy, whose subject
-    /// is qualified once more than asked for. Returns 1, -220552 without a subject, -220545 when
-    /// the bus refused.
+    /// is qualified once more than asked for. Returns 1, -220552 without a subject, -220544 without
+    /// a session, -220545 when the bus refused. User code that the send runs may end the session or
+    /// destroy the engine; the result is that of the send.
     int RESend(const char* subject, const RvDatum& datum, __boolean domainQualify);
 
     /// Sends a request, with the engine as the callback's closure. The caller owns the reply
     /// listener. `timeout` in milliseconds; the short form qualifies the subject and waits for the
     /// latency. Off the main thread it reports -220425, queues a copy (qualified once more, with
-    /// the latency as time-out) and returns null.
+    /// the latency as time-out) and returns null. A listener whose session user code has ended
+    /// meanwhile hears nothing.
     RvListener* RESend(const char* subject, const RvDatum& datum, const RvDataCallback* callback);
     RvListener* RESend(const char* subject, const RvDatum& datum, const RvDataCallback* callback,
                        unsigned long timeout, __boolean domainQualify);
 
     /// Queues a send at the back. Takes ownership of `datum`; `callback`, when not null, makes it a
-    /// request and must live until the reply. The short form waits for the latency.
+    /// request and must live until the reply. The short form waits for the latency. Any thread; it
+    /// never waits for a send. The reply listener of a request goes to the net's registry when the
+    /// request is sent, and is removed as that of `CVekRvNet::RRNSend` is: the callback calls
+    /// `engine.RRNRemoveListener(listener->subject())` when it has all it wants, or has timed out.
     int REAddToSendQueue(const char* subject, RvDatum* datum, const RvDataCallback* callback,
                          __boolean domainQualify);
     int REAddToSendQueue(const char* subject, RvDatum* datum, const RvDataCallback* callback,

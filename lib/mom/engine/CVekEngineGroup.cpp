@@ -12,7 +12,7 @@
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekEngineLines.h"
 #include "mom/net/DaemonAddress.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 #include "platform/Socket.h"
 

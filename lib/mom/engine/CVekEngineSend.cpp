@@ -13,7 +13,7 @@
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekEngineLines.h"
 #include "mom/engine/VekSubjects.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 
 namespace engine = kvx::engine;

@@ -6,7 +6,7 @@
 
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/VekSubjects.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 #include "mom/transport/CVekTransport.h"
 

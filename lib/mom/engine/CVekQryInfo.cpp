@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "mom/engine/CVekEngine.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 
 namespace {
 

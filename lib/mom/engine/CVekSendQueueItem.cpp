@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "mom/engine/CVekEngine.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/net/VekText.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 
 namespace {

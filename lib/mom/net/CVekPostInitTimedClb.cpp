@@ -1,7 +1,7 @@
 #include "mom/net/CVekPostInitTimedClb.h"
 
 #include "mom/net/CVekRvNet.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 
 namespace {

@@ -23,7 +23,7 @@
 #include "mom/net/DaemonAddress.h"
 #include "mom/net/DiesWithTimer.h"
 #include "mom/net/LoopThread.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 
 namespace {

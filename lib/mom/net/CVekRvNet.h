@@ -26,7 +26,28 @@
 ///
 /// Results are 1 for success and a negative code otherwise; pointer results are null on failure.
 /// Several nets may live on one thread: they share its event manager, so the loop of one serves
-/// all. Other threads must have left the net before it is terminated or destroyed.
+/// all. Nets of two threads may not live at once. Other threads must have left the net before it is
+/// terminated or destroyed.
+///
+/// **User code and locks.** User code is what the net calls or makes the bus call: callbacks for
+/// data, time and I/O, advisories (which a send, a listen or a removal may deliver at once), hooks
+/// and filters, `RRNPostInitFns`, the handler of `CVekError::SetHandler`, and the destructors of
+/// callbacks that the net owns. All but the error handler runs on the main thread. It may call
+/// every operation, also the one that is under way; remove or dereference what is calling it; stop
+/// the loop; end the session; and destroy the net. Only an error handler may not destroy the net or
+/// initialise it again, since what it was called from goes on.
+///
+/// | lock | held while user code runs | what that code must not do |
+/// |---|---|---|
+/// | the net's lock `m_lock`, recursive | by a send, on the main thread | wait for another thread that stores, removes or dereferences, or that reads or sets what the lock guards |
+/// | `m_callerMutex` | never | |
+/// | `m_requestMutex` | never | |
+///
+/// Queueing a send (`CVekEngine`) takes `m_requestMutex` alone and never waits for a send. A request
+/// of another thread waits for the main loop, so nothing on the main thread may wait for its
+/// thread. A stream buffer under `std::cout` or `std::cerr` may be called under any lock and must
+/// not call the net. `m_callerMutex` is taken before `m_requestMutex`; neither is taken together
+/// with `m_lock`.
 class KVX_API CVekRvNet : public CVekNet {
   public:
     /// Opens the session at once. A failure is reported and leaves `m_sessionUp` 0 (and mostly
@@ -46,6 +67,8 @@ class KVX_API CVekRvNet : public CVekNet {
 
     /// Reads the daemon configuration, opens the session, builds the registries and the request
     /// queue, and listens for the bus's advisories. The calling thread becomes the main thread.
+    /// -220544 when the bus cannot be reached, -220542 without the listener, -220425 (reported)
+    /// while a net of another thread has a session: the process has one event manager.
     int RRNInitSession();
 
     /// Closes the session and deletes everything that the registries hold. Main thread; elsewhere
@@ -94,16 +117,20 @@ class KVX_API CVekRvNet : public CVekNet {
     int RRNAddErrorService(RvSession* session, RvDataCallback* callback);
 
     /// Publishes `datum` on `subject` qualified with the domain. Main thread (-220425). -220544
-    /// without a session, -220545 when the bus refused.
+    /// without a session, -220545 when the bus refused, or when user code that the send ran has
+    /// ended the session.
     int RRNSend(const char* subject, RvDatum& datum);
 
     /// Publishes `datum` as a request whose reply goes to `callback`, with the latency as time-out
-    /// and the net as closure. The reply listener is registered and lives until it is removed:
-    /// a callback that has all it wants calls `RRNRemoveListener(listener->subject())`.
+    /// and the net as closure. -220544 also when user code that the send ran has ended the session.
+    /// The reply listener is registered and lives until it is removed, also after a time-out: a
+    /// callback that has all it wants, or gives up, calls `RRNRemoveListener(listener->subject())`.
+    /// One whose callback has been destroyed is removed by later requests.
     int RRNSend(const char* subject, RvDatum& datum, RvDataCallback* callback);
 
-    /// Publishes `datum` on exactly `subject`. Returns the sender, which the registry owns, or
-    /// null. A sender to an inbox lives until 4,096 later ones were made. Main thread.
+    /// Publishes `datum` on exactly `subject`. Returns the sender, which the registry owns, or null;
+    /// null also when user code that the send ran has taken the sender out of the registry. A sender
+    /// to an inbox lives until 4,096 later ones were made. Main thread.
     RvSender* RRNSendOnSubject(char* subject, RvDatum& datum);
 
     // --- Timers, I/O and registries ------------------------------------------------------------
@@ -118,13 +145,13 @@ class KVX_API CVekRvNet : public CVekNet {
 
     /// A one-shot or a repeating timer of `interval` ms with the net as closure, kept in the
     /// registry. Any thread. -220544 without a session, -220552 when no timer was made. A one-shot
-    /// timer that has fired stays until it is removed, or until the net sweeps such timers out
-    /// because many are registered.
+    /// timer that has fired stays until it is removed; whoever makes many calls
+    /// `RRNRemoveTimer(timer)` in the callback.
     int RRNAddTimer(int interval, RvTimerCallback* callback);
     int RRNAddRepeatTimer(int interval, RvTimerCallback* callback);
 
-    /// Deletes a timer of the registry. Main thread, unchecked. -220402 for null, -220547 for a
-    /// timer that is not registered.
+    /// Deletes a timer of the registry, in constant time; also inside its own callback. Main thread,
+    /// unchecked. -220402 for null, -220547 for a timer that is not registered.
     int RRNRemoveTimer(RvTimer* timer);
 
     /// Gives `listener` to the registry. -220552 for null.
@@ -140,7 +167,8 @@ class KVX_API CVekRvNet : public CVekNet {
     /// Takes `sender` out of the registry; the caller owns it from then on. -220402 for null.
     int RRNDereferenceSender(RvSender* sender);
 
-    /// Adds the one-shot timer of 3 ms that calls the start-up hook.
+    /// Adds the one-shot timer of 3 ms that calls the start-up hook. The net removes it when it has
+    /// fired.
     int RRNAddPostInitTimer();
 
     // --- Creating bus objects from any thread ----------------------------------------------------
@@ -271,12 +299,12 @@ class KVX_API CVekRvNet : public CVekNet {
     std::unique_ptr<CVekTreeList> m_listeners;   // by subject, several per subject
     std::unique_ptr<CVekDoubleList> m_timers;
 
-    /// Guards the requests, the answers, the taken callbacks and an engine's send queue.
+    /// Guards the requests, the answers and an engine's send queue.
     CVekMutex m_requestMutex;
     /// Held by another thread for the whole of one request; taken before m_requestMutex.
     CVekMutex m_callerMutex;
 
-    std::unique_ptr<CVekStack> m_takenCallbacks;  // guarded by m_requestMutex while the loop runs
+    std::unique_ptr<CVekStack> m_takenCallbacks;      // guarded by m_lock
     std::unique_ptr<CVekRvErrorClb> m_errorCallback;  // main thread only
 
     // Guarded by m_requestMutex.

@@ -17,7 +17,7 @@
 
 #include "mom/net/CVekRvNet.h"
 #include "mom/net/CVekRvNetLines.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 
 namespace rvNet = kvx::rvNet;

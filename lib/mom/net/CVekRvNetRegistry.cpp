@@ -20,7 +20,7 @@
 #include "mom/net/CVekRvNet.h"
 #include "mom/net/CVekRvNetLines.h"
 #include "mom/net/DiesWithTimer.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 
 namespace rvNet = kvx::rvNet;

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "mom/net/CVekRvNet.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "foundation/foundation.h"
 #include "mom/net/CVekRvNet.h"
 #include "mom/net/DiesWithTimer.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 #include "mom/signal/CMOMCallback.h"
 #include "mom/signal/CMOMSignalPoller.h"

@@ -1,7 +1,7 @@
 #include "mom/timed/CVekBlockedWorkMgr.h"
 
 #include "foundation/foundation.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 #include "mom/timed/CVekPollResponse.h"
 #include "mom/timed/CVekTimedWorkMgr.h"

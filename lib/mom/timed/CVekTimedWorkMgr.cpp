@@ -6,7 +6,7 @@
 
 #include "foundation/foundation.h"
 #include "mom/engine/CVekEngine.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 #include "mom/timed/CVekBlockedWorkMgr.h"
 #include "mom/timed/CVekTimedWork.h"

@@ -1,7 +1,7 @@
 #include "mom/timed/CVekTimedWorker.h"
 
 #include "foundation/foundation.h"
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 #include "mom/timed/PollName.h"
 
 namespace {

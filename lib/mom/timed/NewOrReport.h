@@ -3,7 +3,7 @@
 #include <new>
 #include <utility>
 
-#include "mom/net/VekCodes.h"
+#include "mom/net/VekReport.h"
 
 namespace kvx::timed {
 
