@@ -2,10 +2,12 @@
 //
 // A lost link is dropped at once, so that whatever discovers the loss next finds none; the advisory
 // is delivered once for that reason. An asynchronous session then tries to connect from a timer: at
-// once, and after a failed round of attempts again every 15 s. A round blocks the loop. A link that
-// a round has brought and that breaks within two seconds makes that round a failed one: a daemon
-// that closes what it has just accepted is not asked again and again.
+// once, and after a failed round of attempts again every 15 s. A round blocks the loop. When links
+// that rounds have brought break within two seconds, one after the other, the pauses double from
+// 250 ms up to the 15 s: a daemon that closes what it has just accepted is not asked again and
+// again.
 
+#include <algorithm>
 #include <exception>
 #include <new>
 
@@ -20,6 +22,8 @@ namespace {
 constexpr unsigned long kRetryMs = 15'000;            // between two rounds
 constexpr platform::Milliseconds kNoTimerMs = 5'000;  // the same, when there is no timer to be had
 constexpr platform::Milliseconds kSettledMs = 2'000;  // a link that lasts so long has come about
+constexpr unsigned long kFirstPauseMs = 250;          // after the first one that does not
+constexpr unsigned kMostDoublings = 6;                // of that pause, before kRetryMs is reached
 constexpr platform::Milliseconds kStallMs = 60'000;   // a peer that takes no byte so long is gone
 
 bool scheduleReconnect(SessionState& session, unsigned long delayMs);
@@ -51,8 +55,13 @@ bool scheduleReconnect(SessionState& session, unsigned long delayMs) {
            event_code::kOk;
 }
 
-bool hadSettled(const SessionState& session) {
-    return !session.reconnectedAt || platform::monotonicMs() - *session.reconnectedAt >= kSettledMs;
+unsigned long pauseAfterLoss(SessionState& session) {
+    if (!session.reconnectedAt || platform::monotonicMs() - *session.reconnectedAt >= kSettledMs) {
+        session.shortLinks = 0;
+        return 0;
+    }
+    const unsigned doublings = std::min(session.shortLinks++, kMostDoublings);
+    return std::min(kFirstPauseMs << doublings, kRetryMs);
 }
 
 void onMessage(ipq_Queue /*queue*/, wire::Bytes message, void* closure) {
@@ -87,7 +96,7 @@ void linkLost(SessionState& session) {
     if (!isClosing(session)) announceDisconnect(session);
     if (isClosing(session) || session.manager == nullptr || session.reconnectTimer != nullptr)
         return;
-    if (scheduleReconnect(session, hadSettled(session) ? 0 : kRetryMs)) return;
+    if (scheduleReconnect(session, pauseAfterLoss(session))) return;
     deliverNoMemory(session);
     reconnect(session);
 }

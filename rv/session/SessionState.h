@@ -55,6 +55,7 @@ struct SessionState final : link::LinkHost, event::Handle<SessionState> {
     ipq_Properties properties{};
     rvevm_Id reconnectTimer = nullptr;
     std::optional<platform::Milliseconds> reconnectedAt;  // the latest time, on the monotonic clock
+    unsigned shortLinks = 0;          // in a row, that broke soon after a reconnect
     std::uint32_t clientAddress = 0;  // as the daemon reported it, network byte order
     std::uint16_t clientPort = 0;     // likewise
     std::string name;                 // empty until the first handshake
