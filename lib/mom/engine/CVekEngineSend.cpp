@@ -1,10 +1,10 @@
 // An engine's sends: on the main thread at once, from anywhere else through the queue.
 //
 // A sender is made once per subject and kept in the net's registry, which the net's lock guards;
-// the lock is held across a direct send. Such a send may run user code, which may send again, end the
-// session or destroy the engine: the registry is looked up again after it. A send from another thread queues a copy of the datum. The
-// queue qualifies its subject once more, so such an item carries one domain suffix more than the
-// same call on the main thread; receivers depend on it.
+// the lock is held across a direct send. Such a send may run user code, which may send again, end
+// the session or destroy the engine: the registry is looked up again after it. A send from another
+// thread queues a copy of the datum. The queue qualifies its subject once more, so such an item
+// carries one domain suffix more than the same call on the main thread; receivers depend on it.
 
 #include <memory>
 #include <string_view>

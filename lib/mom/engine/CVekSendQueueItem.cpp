@@ -55,8 +55,8 @@ int CVekSendQueueItem::RSQIDeQueueIt() {
 int CVekSendQueueItem::sendRequest() {
     CVekEngine* const engine = engineOf(*this);
     const kvx::NetWatch watch = engine->watch();
-    std::unique_ptr<RvListener> reply(engine->RESend(
-        m_subject, *m_datum, m_callback, static_cast<unsigned int>(m_timeout), FALSE));
+    std::unique_ptr<RvListener> reply(engine->RESend(m_subject, *m_datum, m_callback,
+                                                     static_cast<unsigned int>(m_timeout), FALSE));
     if (!reply) return kvx::kNotSent;
     if (!watch.storageStands()) return kvx::kNoSession;
     const int stored = engine->storeReply(reply.get());

@@ -32,22 +32,23 @@
 /// **User code and locks.** User code is what the net calls or makes the bus call: callbacks for
 /// data, time and I/O, advisories (which a send, a listen or a removal may deliver at once), hooks
 /// and filters, `RRNPostInitFns`, the handler of `CVekError::SetHandler`, and the destructors of
-/// callbacks that the net owns. All but the error handler runs on the main thread. It may call
-/// every operation, also the one that is under way; remove or dereference what is calling it; stop
-/// the loop; end the session; and destroy the net. Only an error handler may not destroy the net or
+/// callbacks that the net owns (where the net is being destroyed, those must not call what a
+/// derived class adds). All but the error handler runs on the main thread. It may call every
+/// operation, also the one that is under way; remove or dereference what is calling it; stop the
+/// loop; end the session; and destroy the net. Only an error handler may not destroy the net or
 /// initialise it again, since what it was called from goes on.
 ///
 /// | lock | held while user code runs | what that code must not do |
 /// |---|---|---|
-/// | the net's lock `m_lock`, recursive | by a send, on the main thread | wait for another thread that stores, removes or dereferences, or that reads or sets what the lock guards |
-/// | `m_callerMutex` | never | |
-/// | `m_requestMutex` | never | |
+/// | the net's lock `m_lock`, recursive | by a send, on the main thread | wait for another thread
+/// that stores, removes or dereferences, or that reads or sets what the lock guards | |
+/// `m_callerMutex` | never | | | `m_requestMutex` | never | |
 ///
-/// Queueing a send (`CVekEngine`) takes `m_requestMutex` alone and never waits for a send. A request
-/// of another thread waits for the main loop, so nothing on the main thread may wait for its
-/// thread. A stream buffer under `std::cout` or `std::cerr` may be called under any lock and must
-/// not call the net. `m_callerMutex` is taken before `m_requestMutex`; neither is taken together
-/// with `m_lock`.
+/// Queueing a send (`CVekEngine`) takes `m_requestMutex` alone and never waits for a send. A
+/// request of another thread waits for the main loop, so nothing on the main thread may wait for
+/// its thread. A stream buffer under `std::cout` or `std::cerr` may be called under any lock and
+/// must not call the net. `m_callerMutex` is taken before `m_requestMutex`; neither is taken
+/// together with `m_lock`.
 class KVX_API CVekRvNet : public CVekNet {
   public:
     /// Opens the session at once. A failure is reported and leaves `m_sessionUp` 0 (and mostly
@@ -128,9 +129,9 @@ class KVX_API CVekRvNet : public CVekNet {
     /// One whose callback has been destroyed is removed by later requests.
     int RRNSend(const char* subject, RvDatum& datum, RvDataCallback* callback);
 
-    /// Publishes `datum` on exactly `subject`. Returns the sender, which the registry owns, or null;
-    /// null also when user code that the send ran has taken the sender out of the registry. A sender
-    /// to an inbox lives until 4,096 later ones were made. Main thread.
+    /// Publishes `datum` on exactly `subject`. Returns the sender, which the registry owns, or
+    /// null; null also when user code that the send ran has taken the sender out of the registry. A
+    /// sender to an inbox lives until 4,096 later ones were made. Main thread.
     RvSender* RRNSendOnSubject(char* subject, RvDatum& datum);
 
     // --- Timers, I/O and registries ------------------------------------------------------------
@@ -150,11 +151,12 @@ class KVX_API CVekRvNet : public CVekNet {
     int RRNAddTimer(int interval, RvTimerCallback* callback);
     int RRNAddRepeatTimer(int interval, RvTimerCallback* callback);
 
-    /// Deletes a timer of the registry, in constant time; also inside its own callback. Main thread,
-    /// unchecked. -220402 for null, -220547 for a timer that is not registered.
+    /// Deletes a timer of the registry, in constant time; also inside its own callback. Main
+    /// thread, unchecked. -220402 for null, -220547 for a timer that is not registered.
     int RRNRemoveTimer(RvTimer* timer);
 
-    /// Gives `listener` to the registry. -220552 for null.
+    /// Gives `listener` to the registry. -220552 for null, -220566 when it is there already,
+    /// -220544 without a session; the caller keeps it then.
     int RRNStoreListener(RvListener* listener);
 
     /// Takes `listener` out of the registry; the caller owns it from then on. -220402 for null.
@@ -174,8 +176,9 @@ class KVX_API CVekRvNet : public CVekNet {
     // --- Creating bus objects from any thread ----------------------------------------------------
     //
     // Each sets `*status` to 1 or to the reason of a null result: -220370 not made, -220371 no
-    // answer, -220402 nobody listens for requests. The caller owns the object (an I/O handler is
-    // registered with the net). Callbacks are kept, never copied. The net must have a session.
+    // answer (at once when the session ends meanwhile), -220402 nobody listens for requests. The
+    // caller owns the object (an I/O handler is registered with the net). Callbacks are kept, never
+    // copied. The net must have a session.
 
     /// -220566 comes with a handler: its socket has another one registered, so the caller owns it.
     /// Off the main thread that status is 1.
@@ -319,8 +322,8 @@ class KVX_API CVekRvNet : public CVekNet {
     // Guarded by m_requestMutex: the objects behind those answers that nobody has taken yet.
     std::map<int, RvSessionObject*> m_unclaimed;
 
-    // Guarded by m_lock: subjects of registered senders to inboxes, oldest first; the senders that a
-    // call is sending on; subjects of reply listeners; where each timer stands in `m_timers`; the
+    // Guarded by m_lock: subjects of registered senders to inboxes, oldest first; the senders that
+    // a call is sending on; subjects of reply listeners; where each timer stands in `m_timers`; the
     // one-shot timers that the library made for itself; handlers of a socket that had one already,
     // which no registry takes.
     std::deque<std::string> m_inboxSenders;

@@ -170,7 +170,8 @@ CVekPointer* CVekRvNet::RRNWaitForNewActivity(int threadId, int* status) {
     for (int poll = 0; poll < kAnswerPolls; ++poll) {
         {
             const CVekAutoMutex guard(m_requestMutex);
-            CVekPointer* const answer = m_answers ? m_answers->RTLGet(threadId) : nullptr;
+            if (!m_answers) return nullptr;  // the session ended: nobody will answer
+            CVekPointer* const answer = m_answers->RTLGet(threadId);
             if (answer != nullptr) {
                 *status = kvx::kOk;
                 return answer;

@@ -30,7 +30,7 @@ namespace {
 constexpr char kAdvisorySubjects[] = "_RV.>";
 constexpr std::string_view kInboxPrefix = "_INBOX.";
 constexpr std::size_t kKeptInboxSenders = 4096;
-constexpr int kReplyLooks = 2;  // older reply listeners looked at for each new one
+constexpr int kReplyLooks = 2;        // older reply listeners looked at for each new one
 constexpr int kPostInitInterval = 3;  // milliseconds
 constexpr std::size_t kSubjectGrowth = 4;
 constexpr std::size_t kSubjectReserve = 32;  // bytes
@@ -56,6 +56,16 @@ int addEntry(CVekTreeList* registry, const char* subject, void* object) {
     const int result = registry->RTLAdd(subject, holder.get());
     if (result == kvx::kOk) static_cast<void>(holder.release());
     return result;
+}
+
+bool holdsListener(const CVekTreeList& registry, const RvListener& listener) {
+    if (registry.RTLGet(listener.subject()) == nullptr) return false;
+    const std::unique_ptr<CVekDoubleList> entries(registry.RTLGetMult(listener.subject()));
+    CVekListable* entry = entries->RDLHead();
+    while (entry != nullptr && pointeeOf<RvListener>(entry) != &listener) {
+        entry = entries->RDLGetNext(entry);
+    }
+    return entry != nullptr;
 }
 
 }  // namespace
@@ -267,6 +277,8 @@ int CVekRvNet::RRNDereferenceSender(RvSender* sender) {
 int CVekRvNet::storeListener(RvListener* listener) {
     const CVekThread::AutoMutex guard(*m_lock);
     if (!m_listeners) return kvx::kNoSession;
+    // Entered twice, a listener would be deleted twice.
+    if (holdsListener(*m_listeners, *listener)) return kvx::kKeyPresent;
     return addEntry(m_listeners.get(), listener->subject(), listener);
 }
 

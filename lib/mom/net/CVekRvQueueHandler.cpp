@@ -142,8 +142,8 @@ void CVekRvQueueHandler::RRQIONewListener(SVekRvQueueListener* request) {
     CVekRvNet& net = *m_net;
     const kvx::NetWatch watch = net.watch();
     int status = kvx::kOk;
-    RvListener* const listener = net.RRNNewListener(
-        &status, request->m_subject, request->m_timeout, request->m_callback, request->m_closure);
+    RvListener* const listener = net.RRNNewListener(&status, request->m_subject, request->m_timeout,
+                                                    request->m_callback, request->m_closure);
     post(net, watch, request->m_threadId,
          {listener, listener, queueLine::ListenerNotMade, queueLine::ListenerNotPosted});
 }

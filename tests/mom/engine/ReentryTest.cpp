@@ -1,5 +1,5 @@
-// User code that the net runs, and what it may do there: call the same thing again, end the session,
-// destroy the engine.
+// User code that the net runs, and what it may do there: call the same thing again, end the
+// session, destroy the engine.
 
 #include <unistd.h>
 
@@ -78,6 +78,7 @@ class Brink {
   public:
     Brink(const Daemon& daemon, std::function<void(EnginePtr&)> act) : act_(std::move(act)) {
         EXPECT_EQ(engine->RRNAddExService(kFastProducer, &told_), 1);
+        EXPECT_EQ(engine->RRNAddService("A", &ignore), 1);
         // Once something waits everything does, until the main loop turns.
         kill(daemon.pid(), SIGSTOP);
         const std::string body(100'000, 'b');
@@ -130,6 +131,7 @@ const std::vector<std::function<void(Brink&)>> kCalls = {
     [](Brink& on) { on.engine->RRNSend("A", on.datum, &on.ignore); },
     [](Brink& on) { on.engine->RRNSend("B", on.datum, &on.ignore); },
     [](Brink& on) { on.engine->RRNAddService("B", &on.ignore); },
+    [](Brink& on) { on.engine->RRNRemoveListener("A.NET"); },
     [](Brink& on) {
         CVekEngine& engine = *on.engine;
         engine.REAddToSendQueue("B", new RvDatum(on.datum), &on.ignore, TRUE);

@@ -100,6 +100,22 @@ TEST_F(Activity, RefusesRequestsWhenNobodyListens) {
                    "it seems that the main thread is not listening for new activity requests"}}));
 }
 
+TEST_F(Activity, ARequesterDoesNotWaitForASessionThatEnded) {
+    std::thread asking([&] {
+        int status = 0;
+        EXPECT_EQ(net.RRNNewTimer(&status, 5, &ignoreTimer, nullptr), nullptr);
+        EXPECT_EQ(status, -220371);
+    });
+    const auto isAsking = [&] {
+        const CVekAutoMutex guard(net.m_requestMutex);
+        return net.m_requests->RSLength() == 1;
+    };
+    while (!isAsking()) std::this_thread::yield();
+    net.RRNTerminateSession();
+    asking.join();
+    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220371, "CVekRvNet", 1365, ""}}));
+}
+
 TEST_F(Activity, RefusesInvalidRequests) {
     net.m_requests->RSPush(new SVekRvQueueSender{VEK_QUEUE_SENDER, 7, nullptr, nullptr});
     net.m_requests->RSPush(

@@ -222,10 +222,11 @@ TEST_F(RvNet, UserCodeThatEndingRunsFindsAnEndedNet) {
     OnData ignore;
     bool destroyed = false;
     ASSERT_EQ(net->RRNTakeService("_RV.A", new Last([&] {
-        EXPECT_EQ(net->RRNTakeService("_RV.B", &ignore), -220544);
-        net.reset();
-        destroyed = true;
-    })), 1);
+                                      EXPECT_EQ(net->RRNTakeService("_RV.B", &ignore), -220544);
+                                      net.reset();
+                                      destroyed = true;
+                                  })),
+              1);
     net->RRNTerminateSession();
     EXPECT_TRUE(destroyed);
 }

@@ -52,7 +52,8 @@ TEST_F(Registry, ADereferencedInboxSenderIsForgotten) {
     errorOutputOf([&] {
         for (int round = 0; round < 4200; ++round) {
             net.RRNSend("_INBOX.A", datum, nullptr);
-            auto* const held = static_cast<RvSender*>(net.m_senders->RTLGet("_INBOX.A.TEST")->RPData());
+            auto* const held =
+                static_cast<RvSender*>(net.m_senders->RTLGet("_INBOX.A.TEST")->RPData());
             ASSERT_NE(held, nullptr) << round;
             if (round < 4199) {
                 ASSERT_EQ(net.RRNDereferenceSender(held), 1);
@@ -129,6 +130,7 @@ TEST_F(Registry, ForgetsWhatIsDereferencedWithoutDeletingIt) {
     ASSERT_NE(listener, nullptr);
     EXPECT_EQ(net.RRNStoreListener(nullptr), -220552);
     EXPECT_EQ(net.RRNStoreListener(listener.get()), 1);
+    EXPECT_EQ(net.RRNStoreListener(listener.get()), -220566);  // it would be deleted twice
     EXPECT_EQ(net.RRNDereferenceListener(listener.get()), 1);
     EXPECT_EQ(net.RRNDereferenceListener(listener.get()), -220547);
     EXPECT_EQ(net.RRNDereferenceListener(nullptr), -220402);
