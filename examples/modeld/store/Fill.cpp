@@ -135,6 +135,16 @@ std::optional<Refusal> learnColumns(const Source& source, std::vector<Column>& c
     return nameColumns(source.files.front(), heading, columns);
 }
 
+Refusal noKey(const std::string& key) {
+    return {StoreError::NoColumn, "no column '" + key + "' to index", 0};
+}
+
+bool hasKey(const std::vector<Column>& columns, const std::string& key) {
+    sql::Table table;
+    for (const Column& column : columns) table.columns.emplace_back(column.name, ValueKind::Text);
+    return key.empty() || table.find(key) != nullptr;
+}
+
 std::string createText(const std::string& table, const std::vector<Column>& columns) {
     std::string text = "CREATE TABLE " + table + " (";
     for (const auto& column : columns) {
@@ -190,6 +200,7 @@ std::optional<Refusal> fillTable(sqlite3* database, const Source& source, const 
     std::vector<Column> columns;
     std::uint64_t rows = 0;
     if (auto refusal = learnColumns(source, columns, rows, progress)) return refusal;
+    if (!hasKey(columns, source.key)) return noKey(source.key);
     if (!sql::execute(database, "DROP TABLE IF EXISTS " + table) ||
         !sql::execute(database, createText(table, columns))) {
         return failed(database, "creating the table");
@@ -202,7 +213,7 @@ std::optional<Refusal> indexKey(sqlite3* database, const Source& source) {
     const auto table = sql::describe(database, source.table);
     const auto* key = table ? table->find(source.key) : nullptr;
     if (key == nullptr) {
-        return Refusal{StoreError::NoColumn, "no column '" + source.key + "' to index", 0};
+        return noKey(source.key);
     }
     const std::string name = source.table + "_key";
     const sql::Statement indexed =

@@ -13,7 +13,8 @@ namespace modeld {
 Refusal failed(sqlite3* database, const std::string& doing);
 
 /// Makes `table`, a quoted name, anew and fills it from the files of `source`. The caller has begun
-/// a transaction. A column holds integers when every value of it is one, else text.
+/// a transaction. A source without its key column is refused before anything is read in. A column
+/// holds integers when every value of it is one, else text.
 std::optional<Refusal> fillTable(sqlite3* database, const Source& source, const std::string& table,
                                  const Progress& progress);
 

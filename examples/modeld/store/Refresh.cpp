@@ -69,9 +69,6 @@ std::optional<Refusal> Refresh::stage(const Progress& progress) {
     }
     if (refusal) return refusal;
     staged_ = sql::describe(database_, "staged", "temp").value_or(sql::Table{});
-    if (!source_.key.empty() && staged_.find(source_.key) == nullptr) {
-        return Refusal{StoreError::NoColumn, "no column '" + source_.key + "' to index", 0};
-    }
     return std::nullopt;
 }
 

@@ -151,6 +151,17 @@ TEST_F(StoreTest, TellsFilesThatCannotBeReadFromEmptyOnes) {
     EXPECT_LT(refusal("a\n1,2,3\n").size(), 200U);
 }
 
+TEST_F(StoreTest, RefusesASourceWithoutItsKeyBeforeItFillsTheTable) {
+    std::string rows = "name\n";
+    for (int i = 0; i < 2000; ++i) rows += "x\n";
+    std::uint64_t filled = 0;
+    const auto refused = store_->load({{csv("data.csv", rows)}, "devices", "Nme"},
+                                      [&](std::uint64_t, std::uint64_t all) { filled += all; });
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->message, "no column 'Nme' to index");
+    EXPECT_EQ(filled, 0U);
+}
+
 TEST_F(StoreTest, AnswersQueriesOverWhatItLoaded) {
     load(kDevices, "name");
     EXPECT_FALSE(run("select name, serial from devices where port_count > 24"));
