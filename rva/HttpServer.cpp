@@ -30,6 +30,10 @@ constexpr platform::Milliseconds kConnectionMs = 5000;
 constexpr platform::Milliseconds kAcceptPauseMs = 10;  // after a failure
 constexpr std::string_view kHeadEnd = "\r\n\r\n";
 
+}  // namespace
+
+namespace detail {
+
 // A request in memory, and the answer to it.
 class MemoryStream : public httplib::Stream {
   public:
@@ -73,9 +77,11 @@ struct Connection {
     }
 };
 
-}  // namespace
+}  // namespace detail
 
 class HttpServer::Listener : private httplib::Server {
+    using Connection = detail::Connection;
+
   public:
     Listener() {
         set_pre_routing_handler(
@@ -208,7 +214,7 @@ class HttpServer::Listener : private httplib::Server {
     }
 
     void serve(Connection& connection) {
-        MemoryStream stream(connection.request);
+        detail::MemoryStream stream(connection.request);
         bool closed = false;
         // No answer is cut into ranges: the library trusts their numbers.
         process_request(stream, true, closed,

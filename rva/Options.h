@@ -5,12 +5,13 @@
 #include <string>
 
 #include "tools/bus/Connection.h"
+#include "tools/bus/Program.h"
 
 namespace kvx::rva {
 
-inline constexpr int kSuccess = 0;
-inline constexpr int kFailure = 1;
-inline constexpr int kUsage = 2;
+using bus::kFailure;
+using bus::kSuccess;
+using bus::kUsage;
 
 /// Where the agent serves when neither the command line nor the configuration file says.
 inline constexpr std::uint16_t kDefaultPort = 7600;

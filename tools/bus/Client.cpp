@@ -16,7 +16,6 @@ namespace {
 
 constexpr const char* kDefaultDaemon = "tcp:7500";
 constexpr const char* kNoDaemon = "-";
-constexpr int kFailure = 1;
 
 // What a signal other than those of a `SignalScope` does to a program that has something to finish.
 class LeaveOnSignal : public CCallbackBase {
@@ -55,6 +54,10 @@ Client::Client(const ConfigurationOverlay& overlay, const Connection& connection
     } else {
         complain(fmt::format("the bus daemon is lost ({})", daemon_));
     }
+}
+
+Client::~Client() {
+    changed_ = nullptr;  // what it would call may be gone
 }
 
 std::string Client::sessionText() {

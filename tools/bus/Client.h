@@ -24,7 +24,7 @@ class Client : private RvDataCallback {
     /// `latencyMs` is the time-out of requests. Problems are told on standard error; `isUp` then
     /// returns false.
     explicit Client(const Connection& connection, unsigned long latencyMs = 0);
-    ~Client() override = default;
+    ~Client() override;
 
     bool isUp() const { return isUp_; }
     CVekRvNet& net() { return net_; }
@@ -93,9 +93,10 @@ class Client : private RvDataCallback {
     std::mutex loopLock_;
     rvevm_Manager loop_ = nullptr;  // guarded by loopLock_; null while the loop does not run
 
-    Net net_;
+    // Closing the session may still tell of the daemon's loss.
     std::string daemon_;
     std::function<void(bool)> changed_;
+    Net net_;
     bool isUp_ = false;
 };
 

@@ -15,8 +15,8 @@ namespace {
 constexpr std::size_t kLongestMessage = 600;  // bytes
 constexpr const char* kClearLine = "\r\033[K";
 
-std::mutex lock;
-bool progressIsShown = false;  // guarded by lock
+std::mutex errorLock;
+bool progressIsShown = false;  // guarded by errorLock
 
 const std::string& programName() {
     static const std::string name = platform::programName(platform::processId()).value_or("kvx");
@@ -34,13 +34,13 @@ void tell(const std::string& line) {
 
 void complain(const std::string& message) {
     const std::string text = shortened(printable(message), kLongestMessage);
-    const std::lock_guard guard(lock);
+    const std::lock_guard guard(errorLock);
     tell(fmt::format("{}: {}\n", programName(), text));
     progressIsShown = false;
 }
 
 void showProgress(const std::string& text) {
-    const std::lock_guard guard(lock);
+    const std::lock_guard guard(errorLock);
     if (text.empty() && !progressIsShown) return;
     tell(text.empty() ? text : fmt::format("{}: {}", programName(), printable(text)));
     progressIsShown = !text.empty();

@@ -10,16 +10,15 @@
 #include <system_error>
 
 #include "tools/bus/Complain.h"
+#include "tools/bus/Program.h"
 
 namespace kvx::bus {
 
 namespace {
 
-constexpr int kFailure = 1;
+std::timed_mutex outputLock;
 
-std::timed_mutex lock;
-
-// Guarded by lock.
+// Guarded by outputLock.
 int failure = 0;  // the system's error number of the first one
 bool closed = false;
 int endStatus = 0;  // once closed
@@ -54,35 +53,35 @@ int closeLocked(int status) {
 }  // namespace
 
 void print(std::string_view text) {
-    const std::lock_guard guard(lock);
+    const std::lock_guard guard(outputLock);
     writeLocked(text);
 }
 
 void printLine(std::string_view text) {
-    const std::lock_guard guard(lock);
+    const std::lock_guard guard(outputLock);
     writeLocked(text);
     writeLocked("\n");
 }
 
 bool flushOutput() {
-    const std::lock_guard guard(lock);
+    const std::lock_guard guard(outputLock);
     errno = 0;
     if (failure == 0 && !closed) note(std::fflush(stdout) == 0);
     return failure == 0;
 }
 
 bool outputHasFailed() {
-    const std::lock_guard guard(lock);
+    const std::lock_guard guard(outputLock);
     return failure != 0;
 }
 
 int closeOutput(int status) {
-    const std::lock_guard guard(lock);
+    const std::lock_guard guard(outputLock);
     return closeLocked(status);
 }
 
 bool tryCloseOutput(int& status, platform::Milliseconds limit) {
-    const std::unique_lock guard(lock, std::chrono::milliseconds(limit));
+    const std::unique_lock guard(outputLock, std::chrono::milliseconds(limit));
     if (guard.owns_lock()) status = closeLocked(status);
     return guard.owns_lock();
 }

@@ -5,6 +5,11 @@
 /// What every program of the tools does first and last. One program a process.
 namespace kvx::bus {
 
+/// Exit statuses.
+inline constexpr int kSuccess = 0;
+inline constexpr int kFailure = 1;
+inline constexpr int kUsage = 2;
+
 /// Runs `body` as the program and returns the exit status of the process: that of `body`, or 1 when
 /// standard output could not be written. Meanwhile a closed pipe is an error of the write, and
 /// SIGINT, SIGTERM and SIGHUP are taken by a thread of their own: they end the process by

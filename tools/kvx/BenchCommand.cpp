@@ -24,8 +24,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr unsigned long kStallMs = 10000;  // without a message that comes back
-constexpr unsigned long kLookMs = 1000;
+constexpr unsigned long kStallLookMs = 1000;  // between two looks for a stall
 
 double secondsSince(Clock::time_point begin) {
     return std::chrono::duration<double>(Clock::now() - begin).count();
@@ -152,7 +151,7 @@ bool measureStream(bus::Client& client, Stream& stream, const BenchOptions& opti
         progress.emplace(client.net(), [&] {
             return fmt::format("{} of {} messages", stream.heard(), options.messages);
         });
-        look.emplace(client.net(), kLookMs, bus::Ticker::Repeat::Forever,
+        look.emplace(client.net(), kStallLookMs, bus::Ticker::Repeat::Forever,
                      [&] { stream.giveUpWhenStalled(); });
         begin = Clock::now();
         stream.fill();

@@ -5,13 +5,14 @@
 #include <vector>
 
 #include "tools/bus/Connection.h"
+#include "tools/bus/Program.h"
 
 namespace kvx::tool {
 
-/// Exit statuses of every subcommand.
-inline constexpr int kSuccess = 0;
-inline constexpr int kFailure = 1;
-inline constexpr int kUsage = 2;
+// Exit statuses of every subcommand.
+using bus::kFailure;
+using bus::kSuccess;
+using bus::kUsage;
 
 /// What every subcommand takes: where the bus is, and how to print.
 struct Connection : bus::Connection {

@@ -11,8 +11,6 @@ namespace kvx::tool {
 
 namespace {
 
-constexpr unsigned long kStallMs = 10000;  // without a byte that leaves
-
 // Waits until everything has left, as long as something does.
 bool flush(Outgoing& message) {
     rv_Session const session = message.client().session().handle();

@@ -4,6 +4,9 @@
 
 namespace kvx::tool {
 
+/// How long nothing may move before a wait is given up.
+inline constexpr unsigned long kStallMs = 10000;
+
 /// How much may be on its way at one time: 500 messages, and not more than 2 MiB of them, but
 /// always one. Both stay below every limit of the link and of a daemon that is not set up for less.
 ///
