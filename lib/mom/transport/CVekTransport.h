@@ -62,10 +62,10 @@ enum EVekStoreErrorStatus : std::int32_t {
 ///
 /// What a transport may occupy: the packets that were added to it, as long as they are, and 4,096
 /// reserved places of 8 bytes; while a compressed packet is decoded, also its uncompressed bytes
-/// (at most 1,032 for one and 4 KiB more). What `RTDecodes` returns is the caller's: for each record
-/// its bytes and about 64 bytes more. So a packet of some 500 bytes may become 65,536 records and
-/// 4 MiB, and a plain packet one record for every 5 of its bytes: who takes packets from strangers
-/// limits how many packets it adds.
+/// (at most 1,032 for one and 4 KiB more). What `RTDecodes` returns is the caller's: for each
+/// record its bytes and about 64 bytes more. So a packet of some 500 bytes may become 65,536
+/// records and 4 MiB, and a plain packet one record for every 5 of its bytes: who takes packets
+/// from strangers limits how many packets it adds.
 ///
 /// No lock is held and no callback is called, but for error handlers, which must leave the
 /// transport that reports as it is, and what `RTSendAll` names.
