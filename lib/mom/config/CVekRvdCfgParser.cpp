@@ -8,9 +8,9 @@
 #include <sstream>
 #include <string>
 
-#include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
 #include "mom/config/VekRvdCfgScan.h"
+#include "mom/net/VekCodes.h"
 #include "mom/net/VekTrace.h"
 
 // The parser object is only the place where text and values are kept. The work is done by the
@@ -19,8 +19,6 @@
 // errors are written afterwards, as both run code of the program, which may throw, or parse.
 
 namespace {
-
-constexpr int kParserGaveUp = -220551;
 
 std::mutex& parseLock() {
     static std::mutex lock;
@@ -125,7 +123,7 @@ int CVekRvdCfgParser::RRCPParseRvdCfg() {
     kvx::config::Findings findings;
     const int result = parse(m_parseBuffer, findings);
     for (const auto& act : findings) act(*this);
-    return result == 0 ? kvx::kOk : kParserGaveUp;
+    return result == 0 ? kvx::kOk : kvx::kParserGaveUp;
 }
 
 int CVekRvdCfgParser::RRCPParseFromFilename(char* fileName) {

@@ -6,6 +6,7 @@
 #include "foundation/foundation.h"
 #include "mom/net/CVekRvNet.h"
 #include "mom/net/DiesWithTimer.h"
+#include "mom/net/VekCodes.h"
 #include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 #include "mom/signal/CMOMCallback.h"
@@ -27,7 +28,6 @@ using Callback = CSignalCallback<CMOMSignalHandler>;
 
 constexpr int kPollInterval = 100;  // milliseconds
 constexpr int kHighestDebugLevel = 4;
-constexpr int kNotRegistered = -220536;
 
 // The port library's numbers.
 constexpr int kInterrupt = 2;
@@ -137,7 +137,7 @@ bool CMOMSignalHandler::registerHandler(CCallbackBase* exitCallback) {
         const bool added = one.endsProcess && exitCallback != nullptr
                                ? CSignalHandler::Instance().add(one.signal, exitCallback, false)
                                : addOwn(this, one);
-        if (!added) kvx::report(kNotRegistered, "CMOMSignalHandler", one.line, one.text);
+        if (!added) kvx::report(kvx::kNotRegistered, "CMOMSignalHandler", one.line, one.text);
     }
     return true;
 }

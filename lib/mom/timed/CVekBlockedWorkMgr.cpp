@@ -1,6 +1,7 @@
 #include "mom/timed/CVekBlockedWorkMgr.h"
 
 #include "foundation/foundation.h"
+#include "mom/net/VekCodes.h"
 #include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 #include "mom/timed/CVekPollResponse.h"
@@ -17,7 +18,6 @@
 namespace {
 
 constexpr const char* kBlockedFile = "CVekBlockedWorkMgr";
-constexpr int kUnknownState = -220432;
 
 // What `CVekPollResponse::PRPollState` gives.
 constexpr int kStillWaiting = 0;
@@ -96,7 +96,7 @@ void CVekBlockedWorkMgr::processWorker(CVekTimedWorker* worker) {
             m_blockedWorkers.RDLDeleteListable(worker);
             return;
     }
-    kvx::report(kUnknownState, kBlockedFile, 0);
+    kvx::report(kvx::kUnknownState, kBlockedFile, 0);
 }
 
 // Whether the worker is to run again.
@@ -118,7 +118,7 @@ bool CVekBlockedWorkMgr::BWMReexecuteWork(CVekTimedWorker* worker) const {
             worker->RTWSetStatus(RTW_STATUS_RERUN);
             return true;
         default:
-            kvx::report(kUnknownState, kBlockedFile, 0);
+            kvx::report(kvx::kUnknownState, kBlockedFile, 0);
             return false;
     }
 }

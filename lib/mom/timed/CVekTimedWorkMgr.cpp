@@ -6,6 +6,7 @@
 
 #include "foundation/foundation.h"
 #include "mom/engine/CVekEngine.h"
+#include "mom/net/VekCodes.h"
 #include "mom/net/VekReport.h"
 #include "mom/net/VekTrace.h"
 #include "mom/timed/CVekBlockedWorkMgr.h"
@@ -35,8 +36,6 @@ using kvx::timed::nameOf;
 
 constexpr const char* kMgrFile = "CVekTimedWorkMgr";
 constexpr const char* kAddPollText = "CVekTimedWorkMgr::RTWMAddPoll";
-
-constexpr int kIllegalFrequency = -220383;
 
 constexpr unsigned int kDefaultPollThreads = 10;
 constexpr unsigned int kDefaultTick = 1000;  // milliseconds
@@ -211,7 +210,7 @@ int CVekTimedWorkMgr::addPoll(CVekTimedWork* poll, RightLock& guard) {
     const int frequency = poll->RTWFrequency();
     if (frequency <= 0) {
         warnOfFrequency(poll);
-        return kIllegalFrequency;
+        return kvx::kIllegalFrequency;
     }
     if (CVekTimedWorkDist* dist = distOf(frequency)) {
         dist->RTWDAddPoll(poll);

@@ -6,8 +6,8 @@
 #include <limits>
 #include <memory>
 
-#include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
+#include "mom/net/VekCodes.h"
 #include "mom/transport/CVekInflater.h"
 #include "mom/transport/CVekTransport.h"
 #include "mom/transport/TransportPacket.h"
@@ -22,7 +22,6 @@ using kvx::transport::reportTransport;
 
 namespace {
 
-constexpr int kBadPacket = -220494;
 constexpr std::uint32_t kMostReserved = 4096;  // places reserved for an announced batch
 
 // The bytes of an opaque field in an atom of their own; an atom without bytes when there is no
@@ -58,8 +57,8 @@ CVekAtom* CVekTransport::RTDecodeMessage(RvMsg* message, int& status) {
     const std::unique_ptr<RvMsgIterator> fields(message != nullptr ? message->newIterator()
                                                                    : nullptr);
     if (fields == nullptr) {
-        status = kBadPacket;
-        reportTransport(kBadPacket, "CVekTransport::RTDecodeMessage");
+        status = kvx::kBadPacket;
+        reportTransport(kvx::kBadPacket, "CVekTransport::RTDecodeMessage");
         return nullptr;
     }
     std::unique_ptr<CVekAtom> packet;
@@ -69,8 +68,8 @@ CVekAtom* CVekTransport::RTDecodeMessage(RvMsg* message, int& status) {
             packet = copyOfField(*field);
             continue;
         }
-        status = kBadPacket;
-        reportTransport(kBadPacket, "CVekTransport::RTDecodeMessage");
+        status = kvx::kBadPacket;
+        reportTransport(kvx::kBadPacket, "CVekTransport::RTDecodeMessage");
     }
     return packet.release();
 }
@@ -107,7 +106,7 @@ CVekBag* CVekTransport::RTDecodes() {
     auto records = std::make_unique<CVekBag>();
     for (unsigned i = 0; i < m_packets->RAVSize(); ++i) {
         if (!decodePacket(*m_packets->RAVGetValue(i), *records)) {
-            reportTransport(kBadPacket, "CVekTransport::RTDecodes");
+            reportTransport(kvx::kBadPacket, "CVekTransport::RTDecodes");
         }
     }
     return records.release();
