@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -168,7 +167,8 @@ void leave(ModelService& service, CVekEngine& engine) {
 void ignoreHarmlessSignals() {
     kvx::platform::ignoreSignal(kvx::platform::signal_number::hangup());
     kvx::platform::ignoreSignal(kvx::platform::signal_number::user2());
-    kvx::platform::ignoreSignal(SIGPIPE);  // who reads the log may end before the service
+    // Who reads the log may end before the service.
+    kvx::platform::ignoreSignal(kvx::platform::signal_number::brokenPipe());
 }
 
 }  // namespace
