@@ -17,8 +17,8 @@
 ///
 /// No lock is held while `registerHandler`, `runHandler` or a callback runs: all of them may call
 /// everything here, `stop` included, and destroy the handler. What they stop or replace is not run
-/// any more, not even in the same `processSignals`. A `stop` does not wait for a `processSignals` of
-/// another thread.
+/// any more, not even in the same `processSignals`. A `stop` does not wait for a `processSignals`
+/// of another thread.
 class KVX_API CSignalHandler {
   public:
     static CSignalHandler& Instance();

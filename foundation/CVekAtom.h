@@ -3,7 +3,6 @@
 #include <concepts>
 #include <cstddef>
 #include <string_view>
-#include <type_traits>
 
 #include "foundation/HeapObject.h"
 #include "platform/Export.h"
@@ -33,9 +32,8 @@ class KVX_API CVekAtom : public kvx::HeapObject {
     CVekAtom(const char* text);
     /// A text. Takes ownership of `text`, a `char*`, which must come from `malloc`; null makes an
     /// empty text. An array is no pointer: it is copied by the constructor above.
-    template <class Text>
-    requires std::same_as < std::remove_cvref_t<Text>,
-    char* > CVekAtom(Text&& text) : CVekAtom(TakeOver(), text) {}
+    template <std::same_as<char*> Text>
+    CVekAtom(const Text& text) : CVekAtom(TakeOver(), text) {}
     /// A text. Copies `text` up to a zero byte in it.
     explicit CVekAtom(std::string_view text);
     CVekAtom(int value);
@@ -45,9 +43,8 @@ class KVX_API CVekAtom : public kvx::HeapObject {
     CVekAtom(const unsigned char* bytes, int length);
     /// A byte string. Takes ownership of `bytes`, an `unsigned char*`, which must come from
     /// `malloc`. Null is kept: such an atom has no bytes at all. An array is copied.
-    template <class Bytes>
-    requires std::same_as < std::remove_cvref_t<Bytes>,
-    unsigned char* > CVekAtom(Bytes&& bytes, int length) : CVekAtom(TakeOver(), bytes, length) {}
+    template <std::same_as<unsigned char*> Bytes>
+    CVekAtom(const Bytes& bytes, int length) : CVekAtom(TakeOver(), bytes, length) {}
     /// Deep copy.
     CVekAtom(const CVekAtom& other);
     CVekAtom& operator=(const CVekAtom& other);

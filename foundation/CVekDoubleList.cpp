@@ -21,10 +21,13 @@ CVekDoubleList& CVekDoubleList::operator=(const CVekDoubleList& other) {
     if (this == &other) return *this;
     CVekDoubleList copies(other);
     RDLClear();
-    while (CVekListable* const element = copies.m_head) {
-        copies.unlink(element);
-        RDLAddToListEnd(element);
+    for (CVekListable* element = copies.m_head; element != nullptr;
+         element = element->m_place.next) {
+        element->m_place.list = this;
     }
+    std::swap(m_head, copies.m_head);
+    std::swap(m_tail, copies.m_tail);
+    std::swap(m_length, copies.m_length);
     return *this;
 }
 

@@ -3,7 +3,8 @@
 #include "foundation/CVekListable.h"
 #include "foundation/HeapObject.h"
 
-/// A doubly linked list that owns its elements. Not thread-safe.
+/// A doubly linked list that owns its elements. Not thread-safe. An element's destructor may change
+/// the list, its `RLTargetDeepCopy` must not.
 ///
 /// Appending, stepping and deleting take constant time whatever the length.
 class KVX_API CVekDoubleList : public kvx::HeapObject {

@@ -102,7 +102,7 @@ char* rvSubject_ToText(char* out, unsigned capacity, const void* encoded) {
     for (unsigned i = 0; i < count; ++i) {
         const char* text = nullptr;
         std::size_t characters = 0;
-        static_cast<void>(takeElement(reader, text, characters));
+        if (!takeElement(reader, text, characters)) return nullptr;
         if (i > 0) *at++ = '.';
         std::memmove(at, text, characters);
         at += characters;

@@ -1,6 +1,5 @@
 // What a network object keeps: subjects, senders, listeners, timers and I/O handlers.
 
-
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/Home.h"
 #include "tests/support/Nets.h"
