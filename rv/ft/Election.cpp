@@ -34,6 +34,7 @@ Election::Election(Rank self, const Rules& rules, Time now)
       rules_(rules),
       joined_(now),
       mayActivate_(now + rules.activateMs),
+      unlistedUntil_(now),
       nextBeat_(now) {
     announceIfDue(now);
 }
@@ -58,6 +59,8 @@ void Election::remember(const Beat& beat, Time now) {
         known->second = heard;
     } else if (peers_.size() < kMaximumPeers || makeRoomFor(heard)) {
         peers_.emplace(beat.rank.id, heard);
+    } else if (heard.rank.isBetterThan(self_)) {
+        unlistedUntil_ = now + rules_.activateMs;
     }
 }
 
@@ -176,14 +179,15 @@ void Election::announceIfDue(Time now) {
 
 // When fewer than the goal of better-ranked peers will be left, if nobody is heard any more.
 Time Election::activationTime() const {
+    const Time earliest = std::max(mayActivate_, unlistedUntil_);
     std::vector<Time> ends;
     for (const auto& [id, peer] : peers_) {
         if (peer.rank.isBetterThan(self_)) ends.push_back(peer.heard + rules_.activateMs);
     }
-    if (ends.size() < rules_.activeGoal) return mayActivate_;
+    if (ends.size() < rules_.activeGoal) return earliest;
     const auto last = ends.begin() + static_cast<std::ptrdiff_t>(rules_.activeGoal - 1);
     std::nth_element(ends.begin(), last, ends.end(), std::greater<>());
-    return std::max(mayActivate_, *last);
+    return std::max(earliest, *last);
 }
 
 std::size_t Election::betterActivePeers() const {

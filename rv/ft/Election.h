@@ -46,8 +46,9 @@ enum class Step : std::uint8_t { Announce, Prepare, Activate, Deactivate };
 
 class Election {
   public:
-    /// Members heard of at one time. When more turn up, one that counts less is forgotten: never a
-    /// better-ranked active one.
+    /// Members known at one time. When more turn up, one that counts less is forgotten: never a
+    /// better-ranked active one. A better-ranked one that finds no place still keeps this member
+    /// from activating for as long as a known one would.
     static constexpr std::size_t kMaximumPeers = 1024;
 
     /// Joins at `now`, without an action: the first step is an announcement.
@@ -111,7 +112,8 @@ class Election {
     Phase phase_ = Phase::Waiting;
     std::map<std::string, Peer> peers_;
     std::optional<Time> linkLost_;
-    Time mayActivate_;  // before this one, silence proves nothing
+    Time mayActivate_;    // before this one, silence proves nothing
+    Time unlistedUntil_;  // when better-ranked ones that found no place count as silent
     std::optional<Time> lastExcuse_;
     Time prepared_ = 0;
     Time nextBeat_;

@@ -247,6 +247,21 @@ TEST(Election, AFloodOfStrangersDoesNotHideTheLeader) {
     }
 }
 
+TEST(Election, ALeaderThatFindsTheTableFullIsHeardAllTheSame) {
+    for (const bool leave : {false, true}) {
+        Driven member;
+        std::vector<Rank> strangers;
+        for (std::size_t i = 0; i < Election::kMaximumPeers; ++i)
+            strangers.push_back(rank(60, 1, ("forged" + std::to_string(i)).c_str()));
+        for (const Rank& stranger : strangers) member.hear(stranger, MemberState::Active);
+        member.runUntil(kBeat, Beat{kBetter, MemberState::Active});
+        for (const Rank& stranger : strangers)
+            if (leave) member.hear(stranger, MemberState::Leaving);
+        member.runUntil(3 * kActivate, Beat{kBetter, MemberState::Active});
+        EXPECT_EQ(member.told, Actions{}) << (leave ? "they left" : "they fell silent");
+    }
+}
+
 // A thread that stood still finds its timers due before it reads what came meanwhile.
 TEST(Election, DoesNotTakeItsOwnStandstillForTheOthersSilence) {
     Driven member;
