@@ -28,9 +28,13 @@ class SlotTable {
         __builtin_prefetch(&slots_[hash & (slots_.size() - 1)]);
     }
 
-    /// `number` is not 0.
-    void insert(std::uint32_t hash, std::uint32_t number) {
-        if ((used_ + 1) * 2 > slots_.size()) grow();
+    /// The next `more` inserts need no memory. Throws `std::bad_alloc`; nothing is changed then.
+    void makeRoom(std::size_t more) {
+        while ((used_ + more) * 2 > slots_.size()) grow();
+    }
+
+    /// `number` is not 0, and there is room for it.
+    void insert(std::uint32_t hash, std::uint32_t number) noexcept {
         place({hash, number});
         ++used_;
     }

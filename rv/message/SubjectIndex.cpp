@@ -52,9 +52,23 @@ bool sameText(std::string_view a, std::string_view b) {
     return a.size() <= 16 ? wordsOf(a.data(), a.size()) == wordsOf(b.data(), b.size()) : a == b;
 }
 
-// A number from the free ones, or a new element's.
+// Room for `more` elements, growing in steps that make adding cheap.
 template <class Element>
-std::uint32_t takeNumber(std::vector<std::uint32_t>& free, std::vector<Element>& all) {
+void makeRoomIn(std::vector<Element>& all, std::size_t more) {
+    const std::size_t wanted = all.size() + more;
+    if (all.capacity() < wanted) all.reserve(std::max(2 * all.capacity(), wanted));
+}
+
+// The same, and the free numbers can take in all of them.
+template <class Element>
+void makeRoomIn(std::vector<Element>& all, std::vector<std::uint32_t>& free, std::size_t more) {
+    makeRoomIn(all, more);
+    if (free.capacity() < all.capacity()) free.reserve(all.capacity());
+}
+
+// A number from the free ones, or a new element's, for which there is room.
+template <class Element>
+std::uint32_t takeNumber(std::vector<std::uint32_t>& free, std::vector<Element>& all) noexcept {
     if (free.empty()) {
         all.emplace_back();
         return static_cast<std::uint32_t>(all.size() - 1);
@@ -150,15 +164,36 @@ std::span<SubjectIndex::Entry> SubjectIndex::entriesOf(LeafId id) {
 
 // ---- adding ----
 
+// After `makeRoom` only three things may fail: a long text, a long subject and a list of entries.
+// Each comes before the change that needs it, so what a failure leaves is a path without a leaf.
 void SubjectIndex::add(SubjectView subject, void* subscription) {
+    makeRoom(subject);
     NodeId id = kRoot;
     std::uint64_t pathHash = seed_;
     const auto end = subject.end();
-    for (auto at = subject.begin(); at != end; ++at) {
-        id = childFor(id, *at, isLast(at, end), pathHash);
+    try {
+        for (auto at = subject.begin(); at != end; ++at) {
+            id = childFor(id, *at, isLast(at, end), pathHash);
+        }
+        appendEntry(leafFor(id, subject), {subscription, nextOrder_});
+    } catch (...) {
+        prune(id);
+        throw;
     }
-    appendEntry(leafFor(id, subject), {subscription, nextOrder_++});
+    ++nextOrder_;
     ++size_;
+}
+
+void SubjectIndex::makeRoom(SubjectView subject) {
+    const std::size_t elements = subject.count();
+    makeRoomIn(nodes_, freeNodes_, elements);
+    makeRoomIn(longTexts_, freeTexts_, elements);
+    makeRoomIn(leaves_, freeLeaves_, 1);
+    makeRoomIn(lists_, freeLists_, 1);
+    if (dirty_.capacity() < leaves_.capacity()) dirty_.reserve(leaves_.capacity());
+    for (SlotTable* table : {&literalChildren_, &patternChildren_, &wildcardPaths_})
+        table->makeRoom(elements);
+    exact_.makeRoom(1);
 }
 
 SubjectIndex::NodeId SubjectIndex::childFor(NodeId parent, std::string_view element, bool last,
@@ -202,31 +237,36 @@ void SubjectIndex::countWildcard(NodeId id, bool isAdded) {
 }
 
 SubjectIndex::NodeId SubjectIndex::newNode(NodeId parent, std::string_view element) {
+    const bool isLong = element.size() > kInlineText;
+    std::string longText(isLong ? element : std::string_view());
     const NodeId id = takeNumber(freeNodes_, nodes_);
     Node& node = nodes_[id] = Node{};
     node.parent = parent;
     node.isPattern = nodes_[parent].isPattern;
     node.textLength = static_cast<std::uint8_t>(element.size());
-    if (element.size() <= kInlineText) {
+    if (!isLong) {
         std::memcpy(node.text, element.data(), element.size());
         return id;
     }
     const std::uint32_t number = takeNumber(freeTexts_, longTexts_);
-    longTexts_[number] = element;
+    longTexts_[number] = std::move(longText);
     std::memcpy(node.text, &number, sizeof number);
     return id;
 }
 
 SubjectIndex::LeafId SubjectIndex::leafFor(NodeId id, SubjectView subject) {
     if (nodes_[id].leaf != 0) return nodes_[id].leaf;
+    const bool isExact = !nodes_[id].isPattern;
+    std::unique_ptr<std::uint8_t[]> longSubject;
+    if (isExact && subject.length() > sizeof Leaf::subject) {
+        longSubject = std::make_unique<std::uint8_t[]>(subject.length());
+    }
     const LeafId leafId = takeNumber(freeLeaves_, leaves_);
     nodes_[id].leaf = leafId;
     Leaf& leaf = leaves_[leafId];
     leaf.node = id;
-    if (nodes_[id].isPattern) return leafId;
-    if (subject.length() > sizeof leaf.subject) {
-        leaf.longSubject = std::make_unique<std::uint8_t[]>(subject.length());
-    }
+    if (!isExact) return leafId;
+    leaf.longSubject = std::move(longSubject);
     std::uint8_t* const copy = leaf.longSubject ? leaf.longSubject.get() : leaf.subject;
     std::memcpy(copy, subject.data(), subject.length());
     exact_.insert(nodes_[id].hash, leafId);
@@ -241,17 +281,19 @@ void SubjectIndex::appendEntry(LeafId id, Entry entry) {
         return;
     }
     if (leaf.state == Leaf::kOne) {
+        std::vector<Entry> both{leaf.entry, entry};
         const std::uint32_t number = takeNumber(freeLists_, lists_);
-        lists_[number].push_back(leaf.entry);
+        lists_[number] = std::move(both);
         leaf.entry = {nullptr, number};
         leaf.state = Leaf::kList;
+        return;
     }
     lists_[leaf.entry.order].push_back(entry);
 }
 
 // ---- removing ----
 
-bool SubjectIndex::remove(SubjectView subject, const void* subscription) {
+bool SubjectIndex::remove(SubjectView subject, const void* subscription) noexcept {
     const LeafId id = locate(subject);
     if (id == 0) return false;
     const std::span<Entry> entries = entriesOf(id);
@@ -263,7 +305,7 @@ bool SubjectIndex::remove(SubjectView subject, const void* subscription) {
             dropLeaf(id);
         } else {
             entries[i].subscription = nullptr;
-            dirty_.push_back(id);
+            if (!std::exchange(leaves_[id].isDirty, true)) dirty_.push_back(id);
         }
         return true;
     }
@@ -277,7 +319,7 @@ void SubjectIndex::eraseEntry(LeafId id, std::size_t position) {
         std::vector<Entry>& list = lists_[number];
         list.erase(list.begin() + static_cast<std::ptrdiff_t>(position));
         if (!list.empty()) return;
-        list.shrink_to_fit();
+        list = {};
         freeLists_.push_back(number);
     }
     leaf.state = Leaf::kNone;
@@ -435,11 +477,12 @@ void SubjectIndex::collectBelow(NodeId id, const Admit& admit) {
 void SubjectIndex::endWalk(std::size_t base) {
     reached_.resize(base);
     if (--walks_ != 0) return;
-    for (const LeafId id : std::exchange(dirty_, {})) {
-        if (leaves_[id].node == 0) continue;  // dropped with an earlier removal
+    for (const LeafId id : dirty_) {
+        leaves_[id].isDirty = false;
         sweep(id);
         dropLeaf(id);
     }
+    dirty_.clear();
 }
 
 // ---- walking ----

@@ -27,8 +27,10 @@ class SubjectIndex {
 
     SubjectIndex();
 
+    /// Throws `std::bad_alloc`; the index is then unchanged.
     void add(SubjectView subject, void* subscription);
-    [[nodiscard]] bool remove(SubjectView subject, const void* subscription);
+    /// Needs no memory.
+    [[nodiscard]] bool remove(SubjectView subject, const void* subscription) noexcept;
     std::size_t size() const { return size_; }
 
     /// One question's answer, handed out step by step. Until the last walk ends, entries and nodes
@@ -67,11 +69,12 @@ class SubjectIndex {
     /// The subscriptions of one subject, and that subject: two neighbouring cache lines. One entry
     /// stands in the leaf; with more, `entry.order` is the number of the list that has them.
     struct alignas(64) Leaf {
-        enum State : std::uint32_t { kNone, kOne, kList };
+        enum State : std::uint16_t { kNone, kOne, kList };
 
         Entry entry{nullptr, 0};
         NodeId node = 0;
         State state = kNone;
+        bool isDirty = false;                         // in `dirty_`
         std::unique_ptr<std::uint8_t[]> longSubject;  // what `subject` has no room for
         std::uint8_t subject[96] = {};                // encoded; unused for a pattern
 
@@ -122,6 +125,7 @@ class SubjectIndex {
     LeafId locate(SubjectView subject) const;
     std::span<Entry> entriesOf(LeafId id);
 
+    void makeRoom(SubjectView subject);
     NodeId newNode(NodeId parent, std::string_view element);
     NodeId childFor(NodeId parent, std::string_view element, bool last, std::uint64_t& pathHash);
     NodeId& wildcardLink(NodeId parent, std::string_view element);
@@ -145,6 +149,7 @@ class SubjectIndex {
     bool admitted(NodeId parent, std::string_view element, const Admit& admit) const;
     void endWalk(std::size_t base);
 
+    // The free numbers have room for every number there is, and `dirty_` for every leaf.
     std::uint64_t seed_;
     std::vector<Node> nodes_;
     std::vector<NodeId> freeNodes_;

@@ -40,12 +40,13 @@ class SubjectTree {
 
     /// Adds `subscription` under `subject`, which is copied. The tree keeps the pointer; it must be
     /// removed before it dies. Adding one pointer twice under one subject counts twice: it is
-    /// visited twice and removed twice.
+    /// visited twice and removed twice. Throws `std::bad_alloc`; the tree is then unchanged.
     void add(SubjectView subject, Subscription* subscription) { index_.add(subject, subscription); }
 
-    /// Undoes one `add`, the latest one. Returns false, and changes nothing, when there was none.
+    /// Undoes one `add`, the latest one, and needs no memory. Returns false, and changes nothing,
+    /// when there was none.
     /// Takes time in proportion to the subscriptions on this very subject.
-    [[nodiscard]] bool remove(SubjectView subject, const Subscription* subscription) {
+    [[nodiscard]] bool remove(SubjectView subject, const Subscription* subscription) noexcept {
         return index_.remove(subject, subscription);
     }
 

@@ -5,6 +5,8 @@
 #include <list>
 #include <random>
 
+#include "tests/support/FailingNew.h"
+
 namespace {
 
 struct Listener {
@@ -180,6 +182,44 @@ TEST_F(SubjectTreeTest, TellsLongElementsApart) {
     EXPECT_TRUE(cancel(listeners_.front()));
     listen(stem + "d.y");
     EXPECT_EQ(reached(stem + "d.y"), stem + "d.y");
+}
+
+// Enough of them for every table to grow, each tried with its first allocation failing, its second
+// and so on; leaving never needs memory.
+TEST_F(SubjectTreeTest, WithoutMemoryAddingChangesNothingAndLeavingWorks) {
+    const std::string longText(100, 'x');
+    unsigned failures = 0;
+    for (int i = 0; i < 150; ++i) {
+        const std::string number = std::to_string(i);
+        for (const std::string& pattern :
+             {"A.B." + number, number + ".*." + number, longText + "." + number, longText + ".>"}) {
+            const kvx::Subject encoded = subject(pattern);
+            Listener& listener = listeners_.emplace_back(Listener{pattern});
+            const std::size_t before = tree_.size();
+            for (long failing = 0; tree_.size() == before; ++failing) {
+                try {
+                    kvx::test::newsBeforeFailure = failing;
+                    tree_.add(encoded, &listener);
+                } catch (const std::bad_alloc&) {
+                    ++failures;
+                }
+                kvx::test::newsBeforeFailure = -1;
+            }
+        }
+    }
+    EXPECT_GT(failures, 150U);
+    EXPECT_EQ(reached("7.x.7") + reached("A.B.7"), "7.*.7A.B.7");
+    kvx::test::newsFailForGood = true;
+    for (const Listener& listener : listeners_) {
+        const kvx::Subject encoded = subject(listener.pattern);
+        kvx::test::newsBeforeFailure = 0;
+        const bool removed = tree_.remove(encoded, &listener);
+        kvx::test::newsBeforeFailure = -1;
+        ASSERT_TRUE(removed);
+    }
+    kvx::test::newsFailForGood = false;
+    EXPECT_EQ(tree_.size(), 0U);
+    EXPECT_EQ(reachedByPattern(">"), "");
 }
 
 // Random listeners come and go; every answer is held against the rules.

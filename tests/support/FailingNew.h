@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+/// Replaces the allocations of the test program it is included in, by one file only.
+namespace kvx::test {
+
+/// Of this thread: how many succeed before one fails, or all when `newsFailForGood`; negative: none
+/// fails.
+inline thread_local long newsBeforeFailure = -1;
+inline thread_local bool newsFailForGood = false;
+
+inline void* allocateOrFail(std::size_t size, std::size_t alignment) {
+    const bool fails = newsBeforeFailure == 0;
+    if (newsBeforeFailure > 0 || (fails && !newsFailForGood)) --newsBeforeFailure;
+    void* memory = nullptr;
+    if (fails || posix_memalign(&memory, alignment, size) != 0) throw std::bad_alloc();
+    return memory;
+}
+
+}  // namespace kvx::test
+
+void* operator new(std::size_t size) {
+    return kvx::test::allocateOrFail(size, alignof(std::max_align_t));
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    return kvx::test::allocateOrFail(size, static_cast<std::size_t>(alignment));
+}
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return std::malloc(size);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::align_val_t /*alignment*/) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
+    std::free(memory);
+}
