@@ -1,9 +1,9 @@
 #include "rv/ft/Election.h"
 
 #include <algorithm>
+#include <array>
 #include <tuple>
 #include <utility>
-#include <vector>
 
 // A member is waiting, prepared or active. It knows the others by their last beats, and drops one
 // that has been silent for the activation interval or has said that it leaves. From that:
@@ -23,6 +23,10 @@
 
 namespace kvx::ft {
 
+namespace {
+constexpr std::size_t kStepsAtOnce = 64;
+}
+
 bool Rank::isBetterThan(const Rank& other) const {
     if (weight != other.weight) return weight > other.weight;
     if (start != other.start) return start < other.start;
@@ -36,6 +40,7 @@ Election::Election(Rank self, const Rules& rules, Time now)
       mayActivate_(now + rules.activateMs),
       unlistedUntil_(now),
       nextBeat_(now) {
+    steps_.reserve(kStepsAtOnce);
     announceIfDue(now);
 }
 
@@ -180,13 +185,14 @@ void Election::announceIfDue(Time now) {
 // When fewer than the goal of better-ranked peers will be left, if nobody is heard any more.
 Time Election::activationTime() const {
     const Time earliest = std::max(mayActivate_, unlistedUntil_);
-    std::vector<Time> ends;
+    std::array<Time, kMaximumPeers> ends;
+    Time* end = ends.data();
     for (const auto& [id, peer] : peers_) {
-        if (peer.rank.isBetterThan(self_)) ends.push_back(peer.heard + rules_.activateMs);
+        if (peer.rank.isBetterThan(self_)) *end++ = peer.heard + rules_.activateMs;
     }
-    if (ends.size() < rules_.activeGoal) return earliest;
-    const auto last = ends.begin() + static_cast<std::ptrdiff_t>(rules_.activeGoal - 1);
-    std::nth_element(ends.begin(), last, ends.end(), std::greater<>());
+    if (end - ends.data() < static_cast<std::ptrdiff_t>(rules_.activeGoal)) return earliest;
+    Time* const last = ends.data() + rules_.activeGoal - 1;
+    std::nth_element(ends.data(), last, end, std::greater<>());
     return std::max(earliest, *last);
 }
 
@@ -198,10 +204,10 @@ std::size_t Election::betterActivePeers() const {
 }
 
 std::optional<Step> Election::takeStep() {
-    if (steps_.empty()) return std::nullopt;
-    const Step step = steps_.front();
-    steps_.pop_front();
-    return step;
+    if (taken_ < steps_.size()) return steps_[taken_++];
+    steps_.clear();
+    taken_ = 0;
+    return std::nullopt;
 }
 
 Time Election::nextDeadline() const {

@@ -2,16 +2,17 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 /// Who is active in a fault-tolerance group: beats and the time in, announcements and actions out.
 ///
 /// No bus and no clock inside: whoever drives an election delivers the beats it hears, calls
 /// `advance` at `nextDeadline` or later, and carries out what `takeStep` gives. Times are
-/// milliseconds of one steady clock.
+/// milliseconds of one steady clock. Only the constructor, `hear` and the two that make a beat need
+/// memory and may throw `std::bad_alloc`; what was not heard then changes nothing.
 
 namespace kvx::ft {
 
@@ -117,7 +118,8 @@ class Election {
     std::optional<Time> lastExcuse_;
     Time prepared_ = 0;
     Time nextBeat_;
-    std::deque<Step> steps_;
+    std::vector<Step> steps_;  // with room for those of several events
+    std::size_t taken_ = 0;    // of them
 };
 
 }  // namespace kvx::ft

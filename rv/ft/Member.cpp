@@ -101,7 +101,7 @@ void Member::unregister() {
 
 void Member::leave() {
     hasLeft_ = true;
-    announce(election_.farewell());
+    announce(&Election::farewell);
     unregister();
 }
 
@@ -137,7 +137,7 @@ void Member::carryOut() {
         int action = RVFT_DEACTIVATE;
         switch (*step) {
             case Step::Announce:
-                announce(election_.beat());
+                announce(&Election::beat);
                 continue;
             case Step::Prepare:
                 action = RVFT_PREPARE_TO_ACTIVATE;
@@ -157,10 +157,10 @@ void Member::carryOut() {
 
 // Without a connection nobody can hear it; the disconnect hook has told the election. One that
 // finds no memory is made up for by the next heartbeat.
-void Member::announce(const Beat& beat) {
+void Member::announce(Beat (Election::*news)() const) {
     std::vector<unsigned char> message;
     try {
-        message = encodeBeat(beat, membership_.group);
+        message = encodeBeat((election_.*news)(), membership_.group);
     } catch (const std::bad_alloc&) {
         return;
     }

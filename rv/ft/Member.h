@@ -56,7 +56,7 @@ class Member {
     FtCode registerWithSession();
     void unregister();
     void carryOut();
-    void announce(const Beat& beat);
+    void announce(Beat (Election::*news)() const);
     void arm();
 
     // Constant after construction.

@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <functional>
-#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,26 +11,8 @@
 #include "rv/message/rvmsg.h"
 #include "rv/session/rv_Session.h"
 #include "tests/support/Daemon.h"
+#include "tests/support/FailingNew.h"
 #include "tests/support/Loop.h"
-
-namespace {
-thread_local long newsBeforeFailure = -1;  // negative: none fails
-}  // namespace
-
-void* operator new(std::size_t size) {
-    const bool fails = newsBeforeFailure >= 0 && newsBeforeFailure-- == 0;
-    if (void* const memory = fails ? nullptr : std::malloc(size)) return memory;
-    throw std::bad_alloc();
-}
-void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return std::malloc(size);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
@@ -144,10 +124,30 @@ TEST_F(GroupOnTheBus, WithoutMemoryLeavesNoMemberBehind) {
     Session session(daemon.text());
     int code = 3;
     for (long news = 0; code == 3; ++news) {
-        newsBeforeFailure = news;
+        kvx::test::newsBeforeFailure = news;
         code = join(session.handle, kGroup);
-        newsBeforeFailure = -1;
+        kvx::test::newsBeforeFailure = -1;
     }
     EXPECT_EQ(code, 0);
     EXPECT_EQ(join(session.handle, kGroup), 4);
+}
+
+TEST_F(GroupOnTheBus, AMemberThatFindsNoMemoryGoesOn) {
+    Member member(daemon.text(), 1);
+    member.actions.reserve(8);
+    int rounds = 0;
+    const auto starve = [&] {
+        kvx::test::newsFailForGood = ++rounds < 300;
+        kvx::test::newsBeforeFailure = rounds < 300 ? 0 : -1;
+        return rounds == 300;
+    };
+    runUntil(starve);
+    EXPECT_TRUE(member.isActive) << "activating needs no memory";
+    kvx::test::newsFailForGood = true;
+    kvx::test::newsBeforeFailure = 0;
+    const int code = rvft_Leave(member.id);
+    kvx::test::newsBeforeFailure = -1;
+    kvx::test::newsFailForGood = false;
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(join(member.session.handle, kGroup), 0);
 }
