@@ -1,13 +1,18 @@
 // The life of a connection:
 //
-//   open ----close(reason) or end of input----> ending ----all written----> FIN sent ---->
-//   destroyed
-//     \________________ socket error, unread replies, silence while ending ______________/
+//   Open --close(reason)--> Draining --all written--> FinSent ------.
+//     \________________________\______________________ \__ end of input --> PeerEnded
+//                                                                    --all written--> Closed
+//   Failed (socket error, unread replies) is entered from any of these and lasts until the batch
+//   ends; a connection that is not open closes by itself after `kEndingMs`.
 //
-// An ending connection belongs to no session any more. What waits in its queue is still written,
-// its input is thrown away, and after the last byte the sending side is shut down; the socket is
-// closed when the peer has closed too. Closing at once would let the system answer unread input
-// with a reset that can overtake the close notice. All of this has `Server::kEndingMs`.
+// Only an open connection belongs to a session and reads its input. What waits in the queue of a
+// draining one is still written, and after the last byte the sending side is shut down; the socket
+// is closed when the peer has closed too. Closing at once would let the system answer unread input
+// with a reset that can overtake the close notice.
+//
+// A connection may fail while messages are being routed, also its own; so it leaves its session and
+// closes when the batch ends, and its memory goes when libuv has closed its handle.
 //
 // Writing: the socket is tried directly as long as it takes everything. When it does not, the first
 // waiting entry is handed to libuv, which waits for room; everything behind it stays in the queue,
@@ -19,7 +24,6 @@
 #include <new>
 
 #include "platform/Socket.h"
-#include "rvd/Server.h"
 
 namespace kvx::rvd {
 namespace {
@@ -45,16 +49,29 @@ sockaddr_in peerName(const uv_tcp_t& tcp) {
 
 }  // namespace
 
-Connection::Connection(Server& server)
-    : server_(server), outbox_(server.options().queueLimit, server.pool(), server.counters()) {
-    uv_tcp_init(server_.loop(), &tcp_);
+Connection::Connection(const ConnectionContext& context)
+    : context_(context), outbox_(context.queueLimit, context.pool, context.counters) {
+    uv_tcp_init(&context_.loop, &tcp_);
     tcp_.data = this;
     write_.data = this;
-    server_.counters().add(Counter::ConnectionsOpen);
+    context_.counters.add(Counter::ConnectionsOpen);
 }
 
 Connection::~Connection() {
-    server_.counters().subtract(Counter::ConnectionsOpen);
+    context_.counters.subtract(Counter::ConnectionsOpen);
+}
+
+platform::Milliseconds Connection::now() const {
+    return static_cast<platform::Milliseconds>(uv_now(&context_.loop));
+}
+
+// States are only entered forwards: what ends a connection more slowly comes too late.
+void Connection::enter(State state) {
+    if (state <= state_) return;
+    if (state_ == State::Open) endBy_ = now() + kEndingMs;
+    state_ = state;
+    if (state != State::Failed) leaveSession();
+    if (state != State::Closed) context_.batch.add(*this);
 }
 
 bool Connection::accept(uv_stream_t* listener) {
@@ -63,57 +80,64 @@ bool Connection::accept(uv_stream_t* listener) {
     const sockaddr_in name = peerName(tcp_);
     name_ = platform::dottedAddress(ntohl(name.sin_addr.s_addr)) + ':' +
             std::to_string(ntohs(name.sin_port));
-    peer_ = std::make_unique<Peer>(peerAddress(), *this, server_.counters());
+    peer_ = std::make_unique<Peer>(peerAddress(), *this, context_.counters);
     const int status = uv_read_start(
         stream(),
         [](uv_handle_t* handle, std::size_t, uv_buf_t* buffer) {
-            *buffer = connectionOf(handle->data)->server_.readBuffer();
+            *buffer = uv_buf_init(connectionOf(handle->data)->context_.batch.readBuffer(),
+                                  Batch::kReadBuffer);
         },
         [](uv_stream_t* from, ssize_t count, const uv_buf_t* buffer) {
             connectionOf(from->data)->onRead(count, buffer->base);
         });
     if (status != 0) return false;
-    server_.counters().add(Counter::ConnectionsAccepted);
-    server_.log().debug(name_ + " connected");
-    peer_->start(server_.now());
+    context_.counters.add(Counter::ConnectionsAccepted);
+    context_.log.debug(name_ + " connected");
+    peer_->start(now());
     return true;
 }
 
 PeerAddress Connection::peerAddress() const {
     const sockaddr_in name = peerName(tcp_);
     const bool local = ntohl(name.sin_addr.s_addr) >> 24U == kLoopbackNet;
-    return {local ? htonl(server_.hostAddress()) : name.sin_addr.s_addr, name.sin_port};
+    return {local ? htonl(context_.hostAddress) : name.sin_addr.s_addr, name.sin_port};
 }
 
 void Connection::onRead(ssize_t count, const char* bytes) {
     if (count == UV_EOF) {
-        peerEnded_ = true;
-        beginEnding();
+        enter(State::PeerEnded);
     } else if (count < 0) {
         fail(static_cast<int>(count));
-    } else if (!ending_) {
+    } else if (state_ == State::Open) {
         try {
             peer_->receive(
                 {reinterpret_cast<const std::uint8_t*>(bytes), static_cast<std::size_t>(count)},
-                server_.now());
+                now());
         } catch (const std::bad_alloc&) {
             fail(UV_ENOMEM);
         }
     }
-    server_.endBatch();
+    context_.batch.end();
 }
 
 void Connection::deliver(const PayloadRef& message) {
-    if (outbox_.wouldDrop(message->size())) flush();
+    if (outbox_.wouldDrop(message->size())) writeWaiting();
     outbox_.pushMessage(message);
-    server_.markDirty(*this);
+    context_.batch.add(*this);
 }
 
 void Connection::flush() {
-    if (destroyed_ || failed_) return;
-    while (!writing_ && !outbox_.empty() && writeSome()) {
+    writeWaiting();
+    if (state_ == State::Failed) return destroy();
+    if (writingBytes_ > 0 || !outbox_.empty()) return;
+    if (state_ == State::Draining) sendFin();
+    if (state_ == State::PeerEnded) destroy();
+}
+
+void Connection::writeWaiting() {
+    if (state_ >= State::Failed) return;
+    while (writingBytes_ == 0 && !outbox_.empty() && writeSome()) {
     }
-    if (ending_ && !writing_ && outbox_.empty()) endWhenFlushed();
 }
 
 // One system call. True when the socket took all that was offered.
@@ -147,95 +171,83 @@ void Connection::writeFront() {
         connectionOf(request->data)->onWritten(result);
     });
     if (status != 0) return fail(status);
-    writing_ = true;
     writingBytes_ = front.size();
 }
 
 void Connection::onWritten(int status) {
-    writing_ = false;
-    if (destroyed_) return;
+    const std::size_t bytes = std::exchange(writingBytes_, 0);
+    if (state_ == State::Closed) return;
     if (status != 0) {
         fail(status);
     } else {
-        outbox_.written(writingBytes_);
-        server_.markDirty(*this);
+        outbox_.written(bytes);
+        context_.batch.add(*this);
     }
-    server_.endBatch();
+    context_.batch.end();
 }
 
-void Connection::tick(platform::Milliseconds now) {
-    if (destroyed_) return;
-    noteDeliveries(now);
+void Connection::tick() {
+    if (state_ == State::Closed) return;
+    noteDeliveries();
     logLosses();
-    if (!ending_) return peer_->tick(now);
-    if (now >= endBy_) destroy();
+    if (state_ == State::Open) return peer_->tick(now());
+    if (now() >= endBy_) destroy();
 }
 
-void Connection::noteDeliveries(platform::Milliseconds now) {
+void Connection::noteDeliveries() {
     const std::uint64_t delivered = outbox_.totals().delivered;
-    if (delivered != std::exchange(deliveriesSeen_, delivered)) peer_->tookMessages(now);
+    if (delivered != std::exchange(deliveriesSeen_, delivered)) peer_->tookMessages(now());
 }
 
 // At most one line a tick, however much is lost.
 void Connection::logLosses() {
     const std::uint64_t dropped = outbox_.totals().dropped;
     if (dropped == lossesLogged_) return;
-    server_.log().warning(name_ + " does not keep up: " + std::to_string(dropped - lossesLogged_) +
-                          " messages dropped, " + std::to_string(dropped) + " in all");
+    context_.log.warning(name_ + " does not keep up: " + std::to_string(dropped - lossesLogged_) +
+                         " messages dropped, " + std::to_string(dropped) + " in all");
     lossesLogged_ = dropped;
 }
 
 void Connection::shutDown() {
-    if (!destroyed_) peer_->shutDown();
+    if (state_ < State::Failed) peer_->shutDown();
 }
 
-void Connection::beginEnding() {
-    leaveSession();
-    if (!ending_) endBy_ = server_.now() + Server::kEndingMs;
-    ending_ = true;
-    server_.markDirty(*this);
-}
-
-void Connection::endWhenFlushed() {
-    if (peerEnded_) return destroy();
-    if (finSent_) return;
-    finSent_ = true;
+void Connection::sendFin() {
+    enter(State::FinSent);
     if (uv_shutdown(&shutdown_, stream(), [](uv_shutdown_t*, int) {}) != 0) destroy();
 }
 
 void Connection::leaveSession() {
-    if (session_ != nullptr) server_.router().leave(*std::exchange(session_, nullptr));
+    if (session_ != nullptr) context_.router.leave(*std::exchange(session_, nullptr));
 }
 
 void Connection::fail(int status) {
-    if (failed_) return;
-    failed_ = true;
-    if (server_.log().enabled(LogLevel::Debug)) {
-        server_.log().debug(name_ + " lost: " + uv_strerror(status));
+    if (state_ >= State::Failed) return;
+    enter(State::Failed);
+    if (context_.log.enabled(LogLevel::Debug)) {
+        context_.log.debug(name_ + " lost: " + uv_strerror(status));
     }
-    server_.markDirty(*this);
 }
 
 void Connection::destroy() {
-    if (destroyed_) return;
-    destroyed_ = true;
-    leaveSession();
+    if (state_ == State::Closed) return;
+    enter(State::Closed);
     uv_close(reinterpret_cast<uv_handle_t*>(&tcp_), [](uv_handle_t* handle) {
         Connection* connection = connectionOf(handle->data);
-        connection->server_.forget(connection);
+        connection->context_.gone(*connection);
     });
 }
 
 void Connection::send(wire::Bytes bytes) {
     if (!outbox_.pushControl(bytes)) return fail(UV_ENOBUFS);
-    server_.markDirty(*this);
+    context_.batch.add(*this);
 }
 
 void Connection::join(std::string_view service, std::string_view network) {
-    session_ = &server_.router().join(service, network, this);
-    if (server_.log().enabled(LogLevel::Debug)) {
-        server_.log().debug(name_ + " joins service '" + std::string(service) + "' network '" +
-                            std::string(network) + "'");
+    session_ = &context_.router.join(service, network, *this);
+    if (context_.log.enabled(LogLevel::Debug)) {
+        context_.log.debug(name_ + " joins service '" + std::string(service) + "' network '" +
+                           std::string(network) + "'");
     }
 }
 
@@ -244,25 +256,29 @@ bool Connection::isIn(std::string_view service, std::string_view network) {
 }
 
 bool Connection::listen(SubjectView subject) {
-    return session_ == nullptr || server_.router().listen(*session_, subject);
+    return session_ == nullptr || context_.router.listen(*session_, subject);
 }
 
 void Connection::cancel(SubjectView subject) {
-    if (session_ != nullptr) server_.router().cancel(*session_, subject);
+    if (session_ != nullptr) context_.router.cancel(*session_, subject);
 }
 
 void Connection::publish(SubjectView subject, const PayloadRef& message) {
-    if (session_ != nullptr) server_.route(*session_, subject, message);
+    if (session_ == nullptr) return;
+    const auto reached = context_.router.match(*session_, subject);
+    if (reached.empty()) return context_.counters.add(Counter::MessagesUnmatched);
+    context_.batch.hold(message);
+    for (Receiver* receiver : reached) receiver->deliver(message);
 }
 
 void Connection::close(CloseReason reason) {
-    if (reason == CloseReason::TimedOut) server_.counters().add(Counter::ConnectionsTimedOut);
+    if (reason == CloseReason::TimedOut) context_.counters.add(Counter::ConnectionsTimedOut);
     if (reason != CloseReason::PeerClosed && reason != CloseReason::ShuttingDown &&
         reason != CloseReason::TimedOut) {
-        server_.counters().add(Counter::ConnectionsFailed);
+        context_.counters.add(Counter::ConnectionsFailed);
     }
-    server_.log().debug(name_ + " ends: " + closeText(reason));
-    beginEnding();
+    context_.log.debug(name_ + " ends: " + closeText(reason));
+    enter(State::Draining);
 }
 
 }  // namespace kvx::rvd

@@ -2,25 +2,44 @@
 
 #include <uv.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 
+#include "rvd/Batch.h"
+#include "rvd/Log.h"
 #include "rvd/Outbox.h"
 #include "rvd/Peer.h"
 #include "rvd/Router.h"
 
 namespace kvx::rvd {
 
-class Server;
+class Connection;
+
+/// What the connections of one daemon share; all of it must outlive them.
+struct ConnectionContext {
+    uv_loop_t& loop;
+    const Log& log;
+    Counters& counters;
+    OutboxPool& pool;
+    Router& router;
+    Batch& batch;
+    std::size_t queueLimit;     ///< bytes that may wait for one session
+    std::uint32_t hostAddress;  ///< host byte order; what local clients are told as their own
+    std::function<void(Connection&)> gone;  ///< libuv has let go: the connection may be deleted
+};
 
 /// One TCP connection: its socket, its peer's protocol, its queue and its session.
 ///
-/// Carries out what the peer asks for. What routing adds to the queue is written when the server
-/// ends the batch of one read (`flush`), so that many messages go out in one system call.
-class Connection final : public PeerActions {
+/// Carries out what the peer asks for. What routing adds to the queue is written when the batch of
+/// one read ends. Loop thread only.
+class Connection final : public PeerActions, public Receiver, public BatchMember {
   public:
-    explicit Connection(Server& server);
+    /// Time that a closing connection spends on writing out what waits.
+    static constexpr platform::Milliseconds kEndingMs = 5'000;
+
+    explicit Connection(const ConnectionContext& context);
     ~Connection() override;
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -29,19 +48,17 @@ class Connection final : public PeerActions {
     /// in either case once the connection is over.
     [[nodiscard]] bool accept(uv_stream_t* listener);
 
-    /// Queues a routed message. Writes first when it would otherwise cost another one its place.
-    void deliver(const PayloadRef& message);
-    /// Writes what waits until the socket takes no more.
-    void flush();
-    void tick(platform::Milliseconds now);
+    void tick();
+    /// The daemon ends.
     void shutDown();
-    /// Closes the socket now. The server forgets the connection when libuv has let go of it.
+    /// Closes the socket now; `ConnectionContext::gone` follows.
     void destroy();
 
-    /// The socket has failed or the peer does not read its replies: `destroy` is due.
-    [[nodiscard]] bool failed() const { return failed_; }
+    // Receiver: writes first when the message would otherwise cost another one its place.
+    void deliver(const PayloadRef& message) override;
 
-    bool dirty = false;  ///< stands in the server's list of connections to flush
+    // BatchMember
+    void flush() override;
 
     // PeerActions
     void send(wire::Bytes bytes) override;
@@ -53,36 +70,35 @@ class Connection final : public PeerActions {
     void close(CloseReason reason) override;
 
   private:
+    // In the order in which they may follow one another; see the head of Connection.cpp.
+    enum class State : std::uint8_t { Open, Draining, FinSent, PeerEnded, Failed, Closed };
+
+    void enter(State state);
     void onRead(ssize_t count, const char* bytes);
     void onWritten(int status);
+    void writeWaiting();
     bool writeSome();
     void writeFront();
-    void endWhenFlushed();
-    void beginEnding();
-    void leaveSession();
+    void sendFin();
     void fail(int status);
-    void noteDeliveries(platform::Milliseconds now);
+    void leaveSession();
+    void noteDeliveries();
     void logLosses();
     [[nodiscard]] PeerAddress peerAddress() const;
+    [[nodiscard]] platform::Milliseconds now() const;
     [[nodiscard]] uv_stream_t* stream() { return reinterpret_cast<uv_stream_t*>(&tcp_); }
 
-    // Constant after construction.
-    Server& server_;
+    const ConnectionContext& context_;
 
+    State state_ = State::Open;
+    platform::Milliseconds endBy_ = 0;  // when a connection that is not open closes at the latest
     uv_tcp_t tcp_{};
     uv_write_t write_{};
     uv_shutdown_t shutdown_{};
     Outbox outbox_;
     std::unique_ptr<Peer> peer_;
     Router::Session* session_ = nullptr;
-    bool writing_ = false;          // write_ is with libuv
-    std::size_t writingBytes_ = 0;  // how much of the queue it covers
-    bool ending_ = false;           // what waits is written out, input is thrown away
-    bool peerEnded_ = false;        // nothing more comes from the peer
-    bool finSent_ = false;
-    bool failed_ = false;
-    bool destroyed_ = false;
-    platform::Milliseconds endBy_ = 0;  // when an ending connection is closed at the latest
+    std::size_t writingBytes_ = 0;  // how much of the queue write_ covers; 0: it is not with libuv
     std::uint64_t lossesLogged_ = 0;
     std::uint64_t deliveriesSeen_ = 0;  // of messages, up to the last tick
     std::string name_;                  // "a.b.c.d:port", for the log

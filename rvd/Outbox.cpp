@@ -97,7 +97,7 @@ void Outbox::recordLoss(std::size_t size, LossCause cause) {
     ++totals_.dropped;
     counters_.add(counterOf(cause));
     loss_.add(size, cause);
-    noticeCurrent_ = false;
+    if (notice_ == Notice::Current) notice_ = Notice::Stale;
 }
 
 // Drops the oldest message that is not begun. False when there is none.
@@ -114,18 +114,17 @@ bool Outbox::dropOldest(LossCause cause) {
 }
 
 void Outbox::placeNotice() {
-    if (noticeCurrent_ || !loss_.any()) return;
+    if (notice_ == Notice::Current || !loss_.any()) return;
     std::vector<std::uint8_t> notice = buildDataLoss(loss_);
     if (notice.empty()) return;
     const auto place = entries_.begin() + (frontBegun_ ? 1 : 0);
-    if (noticeQueued_) {
+    if (notice_ == Notice::Stale) {
         place->payload = Payload::own(std::move(notice));
     } else {
         entries_.insert(place, {Payload::own(std::move(notice)), Kind::Notice});
         counters_.add(Counter::LossNotices);
     }
-    noticeQueued_ = true;
-    noticeCurrent_ = true;
+    notice_ = Notice::Current;
 }
 
 std::size_t Outbox::gather(std::span<wire::Bytes> out) {
@@ -157,8 +156,7 @@ void Outbox::beginFront() {
     frontBegun_ = true;
     if (entries_.front().kind == Kind::Notice) {
         loss_ = {};
-        noticeQueued_ = false;
-        noticeCurrent_ = false;
+        notice_ = Notice::None;
     }
 }
 

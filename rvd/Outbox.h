@@ -86,6 +86,12 @@ class Outbox {
   private:
     friend class OutboxPool;
     enum class Kind : std::uint8_t { Message, Control, Notice };
+    // Of the notice that stands at the first place not begun.
+    enum class Notice : std::uint8_t {
+        None,    // there is none
+        Stale,   // it says less than loss_
+        Current  // it says what loss_ says
+    };
     struct Entry {
         PayloadRef payload;
         Kind kind;
@@ -109,9 +115,8 @@ class Outbox {
     std::size_t sentOfFront_ = 0;   // bytes of it that are written
     std::size_t waitingBytes_ = 0;  // of messages, whole ones
     std::size_t controlBytes_ = 0;
-    Loss loss_;                   // not announced yet, or announced by a notice not begun
-    bool noticeQueued_ = false;   // a notice stands at the first place that is not begun
-    bool noticeCurrent_ = false;  // and says what loss_ says
+    Loss loss_;  // not announced yet, or announced by a notice not begun
+    Notice notice_ = Notice::None;
     Totals totals_;
 };
 

@@ -39,7 +39,8 @@ bool Router::Session::isIn(std::string_view service, std::string_view network) c
     return space_.name.first == serviceOrDefault(service) && space_.name.second == network;
 }
 
-Router::Session& Router::join(std::string_view service, std::string_view network, void* receiver) {
+Router::Session& Router::join(std::string_view service, std::string_view network,
+                              Receiver& receiver) {
     const SpaceName name(serviceOrDefault(service), network);
     auto& space = spaces_[name];
     if (!space) space = std::make_unique<Space>(name);
@@ -82,7 +83,7 @@ void Router::cancel(Session& session, SubjectView subject) {
     session.listens_.erase(found);
 }
 
-std::span<Router::Session* const> Router::match(const Session& from, SubjectView subject) {
+std::span<Receiver* const> Router::match(const Session& from, SubjectView subject) {
     matched_.clear();
     ++matchNumber_;
     collect(from.space_, subject);
@@ -93,7 +94,7 @@ void Router::collect(const Space& space, SubjectView subject) {
     const auto take = [this](const Listen& listen) {
         if (listen.session->lastMatch_ == matchNumber_) return;
         listen.session->lastMatch_ = matchNumber_;
-        matched_.push_back(listen.session);
+        matched_.push_back(&listen.session->receiver_);
     };
     const bool inbox = subject.first() == kInboxElement;
     if (subject.hasWildcards()) {

@@ -13,8 +13,16 @@
 #include "rv/message/SubjectTree.h"
 #include "rv/message/SubjectView.h"
 #include "rvd/Counters.h"
+#include "rvd/Payload.h"
 
 namespace kvx::rvd {
+
+/// Takes the messages that reach a session.
+class Receiver {
+  public:
+    virtual ~Receiver() = default;
+    virtual void deliver(const PayloadRef& message) = 0;
+};
 
 /// Who hears whom: sessions, the spaces that they share, and what each listens to.
 ///
@@ -32,9 +40,9 @@ class Router {
     Router& operator=(const Router&) = delete;
     ~Router();
 
-    /// Opens a session in the space; `receiver` is handed back by `Session::receiver` and never
-    /// looked at. The session lives until `leave`.
-    Session& join(std::string_view service, std::string_view network, void* receiver);
+    /// Opens a session in the space. `receiver` is handed back by `match` and never called; it must
+    /// outlive the session, which lives until `leave`.
+    Session& join(std::string_view service, std::string_view network, Receiver& receiver);
 
     /// Undoes every listen of the session and destroys it.
     void leave(Session& session);
@@ -45,9 +53,10 @@ class Router {
     /// Undoes one listen; one that was never made is ignored.
     void cancel(Session& session, SubjectView subject);
 
-    /// The sessions that a message of `from` on `subject` reaches, `from` included, each once
-    /// however many of its listens match. The span is valid until the next call of any function.
-    [[nodiscard]] std::span<Session* const> match(const Session& from, SubjectView subject);
+    /// The receivers of the sessions that a message of `from` on `subject` reaches, `from`
+    /// included, each once however many of its listens match. The span is valid until the next call
+    /// of any function.
+    [[nodiscard]] std::span<Receiver* const> match(const Session& from, SubjectView subject);
 
     [[nodiscard]] std::size_t spaces() const { return spaces_.size(); }
 
@@ -63,22 +72,21 @@ class Router {
 
     Counters& counters_;
     std::map<SpaceName, std::unique_ptr<Space>> spaces_;
-    std::vector<Session*> matched_;
+    std::vector<Receiver*> matched_;
     std::uint64_t matchNumber_ = 0;  // tells sessions already collected for the present message
 };
 
 /// One peer that has announced itself. Owned by the router.
 class Router::Session {
   public:
-    [[nodiscard]] void* receiver() const { return receiver_; }
     [[nodiscard]] bool isIn(std::string_view service, std::string_view network) const;
 
   private:
     friend class Router;
-    Session(Space& space, void* receiver) : space_(space), receiver_(receiver) {}
+    Session(Space& space, Receiver& receiver) : space_(space), receiver_(receiver) {}
 
     Space& space_;
-    void* const receiver_;
+    Receiver& receiver_;
     std::uint64_t lastMatch_ = 0;
     std::unordered_map<std::string, Listen> listens_;  // by encoded subject
 };

@@ -1,7 +1,5 @@
-// One loop, one thread. Every libuv callback that can cause output ends with `endBatch`, so that
-// the list of connections to flush and the list of routed payloads are empty between callbacks. A
-// connection is never destroyed while messages are being routed: a failed one is only marked, and
-// goes in `endBatch`; its memory goes when libuv has closed its handle.
+// One loop, one thread. Every callback that can cause output ends the batch last. Connections are
+// deleted when libuv has let go of their handles, never before.
 
 #include "rvd/Server.h"
 
@@ -16,8 +14,7 @@
 namespace kvx::rvd {
 namespace {
 
-constexpr std::size_t kReadBuffer = 256 * 1024;  // bytes taken from one socket at a time
-constexpr int kBacklog = 511;                    // connections waiting to be accepted
+constexpr int kBacklog = 511;  // connections waiting to be accepted
 constexpr std::uint64_t kTickMs = 1'000;
 constexpr std::uint64_t kStoppingTickMs = 50;
 
@@ -58,10 +55,17 @@ void closeHandle(Handle& handle) {
 Server::Server(const Options& options, const Log& log)
     : options_(options),
       log_(log),
-      hostAddress_(hostAddressFor(options)),
       pool_(poolLimit()),
       router_(counters_),
-      readBuffer_(std::make_unique_for_overwrite<char[]>(kReadBuffer)) {
+      context_{loop_,
+               log_,
+               counters_,
+               pool_,
+               router_,
+               batch_,
+               options.queueLimit,
+               hostAddressFor(options),
+               [this](Connection& connection) { forget(connection); }} {
     platform::ignoreSignal(SIGPIPE);
     uv_loop_init(&loop_);
     uv_tcp_init(&loop_, &listener_);
@@ -112,52 +116,17 @@ int Server::run() {
     return 0;
 }
 
-uv_buf_t Server::readBuffer() {
-    return uv_buf_init(readBuffer_.get(), kReadBuffer);
-}
-
 void Server::onConnection(int status) {
     if (status != 0) return log_.warning(std::string("cannot accept: ") + uv_strerror(status));
-    auto made = std::make_unique<Connection>(*this);
+    auto made = std::make_unique<Connection>(context_);
     Connection* connection = made.get();
     connections_.emplace(connection, std::move(made));
     if (!connection->accept(reinterpret_cast<uv_stream_t*>(&listener_))) connection->destroy();
-    endBatch();
+    batch_.end();
 }
 
-void Server::route(const Router::Session& from, SubjectView subject, const PayloadRef& message) {
-    const auto reached = router_.match(from, subject);
-    if (reached.empty()) return counters_.add(Counter::MessagesUnmatched);
-    batch_.push_back(message);
-    for (const Router::Session* session : reached) {
-        static_cast<Connection*>(session->receiver())->deliver(message);
-    }
-}
-
-void Server::markDirty(Connection& connection) {
-    if (connection.dirty) return;
-    connection.dirty = true;
-    dirty_.push_back(&connection);
-}
-
-void Server::endBatch() {
-    while (!dirty_.empty()) {  // flushing may add to the list
-        flushing_.swap(dirty_);
-        for (Connection* connection : flushing_) {
-            connection->dirty = false;
-            connection->flush();
-            if (connection->failed()) connection->destroy();
-        }
-        flushing_.clear();
-    }
-    for (const PayloadRef& payload : batch_) {
-        if (payload->shared()) payload->keep();
-    }
-    batch_.clear();
-}
-
-void Server::forget(Connection* connection) {
-    connections_.erase(connection);
+void Server::forget(Connection& connection) {
+    connections_.erase(&connection);
     if (stopping_ && connections_.empty()) closeHandles();
 }
 
@@ -167,23 +136,23 @@ void Server::onTick() {
         if (late) {
             connection->destroy();
         } else {
-            connection->tick(now());
+            connection->tick();
         }
     }
-    endBatch();
+    batch_.end();
 }
 
 void Server::stop() {
     if (stopping_) return;
     stopping_ = true;
-    stopBy_ = now() + kEndingMs;
+    stopBy_ = now() + Connection::kEndingMs;
     log_.info("stopping, " + std::to_string(connections_.size()) + " connections open");
     closeHandle(listener_);
     uv_timer_start(
         &tick_, [](uv_timer_t* timer) { serverOf(timer->data)->onTick(); }, kStoppingTickMs,
         kStoppingTickMs);
     for (auto& [connection, holder] : connections_) connection->shutDown();
-    endBatch();
+    batch_.end();
     if (connections_.empty()) closeHandles();
 }
 

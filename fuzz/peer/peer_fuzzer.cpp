@@ -28,11 +28,17 @@ void require(bool condition) {
     if (!condition) std::abort();
 }
 
+// A queue that takes what reaches its session.
+struct Box final : Receiver, Outbox {
+    using Outbox::Outbox;
+    void deliver(const PayloadRef& message) override { pushMessage(message); }
+};
+
 // The server without its sockets: one noisy peer, one quiet listener.
 class House : public PeerActions {
   public:
     House() : peer_({1, 2}, *this, counters_) {
-        quiet_ = &router_.join("", "", &quietBox_);
+        quiet_ = &router_.join("", "", quietBox_);
         require(router_.listen(*quiet_, *Subject::fromText(">")));
         require(router_.listen(*quiet_, *Subject::fromText("_INBOX.>")));
         peer_.start(now_);
@@ -68,7 +74,7 @@ class House : public PeerActions {
     }
     void join(std::string_view service, std::string_view network) override {
         require(noisy_ == nullptr && !closed_);
-        noisy_ = &router_.join(service, network, &noisyBox_);
+        noisy_ = &router_.join(service, network, noisyBox_);
     }
     bool isIn(std::string_view service, std::string_view network) override {
         return noisy_ != nullptr && noisy_->isIn(service, network);
@@ -77,9 +83,7 @@ class House : public PeerActions {
     void cancel(SubjectView subject) override { router_.cancel(session(), subject); }
     void publish(SubjectView subject, const PayloadRef& message) override {
         batch_.push_back(message);
-        for (const auto* reached : router_.match(session(), subject)) {
-            static_cast<Outbox*>(reached->receiver())->pushMessage(message);
-        }
+        for (Receiver* reached : router_.match(session(), subject)) reached->deliver(message);
     }
     void close(CloseReason) override {
         require(!closed_);
@@ -111,8 +115,8 @@ class House : public PeerActions {
     Counters counters_;
     OutboxPool pool_{kPoolLimit};
     Router router_{counters_};
-    Outbox noisyBox_{kQueueLimit, pool_, counters_};
-    Outbox quietBox_{kQueueLimit, pool_, counters_};
+    Box noisyBox_{kQueueLimit, pool_, counters_};
+    Box quietBox_{kQueueLimit, pool_, counters_};
     Peer peer_;
     Router::Session* noisy_ = nullptr;
     Router::Session* quiet_ = nullptr;

@@ -5,6 +5,13 @@
 namespace kvx::rvd {
 namespace {
 
+// Somebody whom messages reach, known by one letter.
+struct Named final : Receiver {
+    explicit Named(const char* letter) : name(letter) {}
+    void deliver(const PayloadRef& /*message*/) override {}
+    std::string name;
+};
+
 class Routing : public testing::Test {
   protected:
     // A new session of the default space that listens to these subjects.
@@ -14,8 +21,8 @@ class Routing : public testing::Test {
         return session;
     }
     Router::Session& joinSpace(const char* name, const char* service, const char* network) {
-        names.push_back(std::make_unique<std::string>(name));
-        return router.join(service, network, names.back().get());
+        names.push_back(std::make_unique<Named>(name));
+        return router.join(service, network, *names.back());
     }
     void listen(Router::Session& session, const char* subject) {
         EXPECT_TRUE(router.listen(session, *Subject::fromText(subject)));
@@ -26,8 +33,8 @@ class Routing : public testing::Test {
     // The names of those that a message reaches, one letter each.
     std::string reached(Router::Session& from, const char* subject) {
         std::multiset<std::string> found;
-        for (const auto* session : router.match(from, *Subject::fromText(subject))) {
-            found.insert(*static_cast<std::string*>(session->receiver()));
+        for (const auto* receiver : router.match(from, *Subject::fromText(subject))) {
+            found.insert(dynamic_cast<const Named&>(*receiver).name);
         }
         std::string text;
         for (const auto& name : found) text += name;
@@ -36,7 +43,7 @@ class Routing : public testing::Test {
 
     Counters counters;
     Router router{counters};
-    std::vector<std::unique_ptr<std::string>> names;
+    std::vector<std::unique_ptr<Named>> names;
 };
 
 TEST_F(Routing, ReachesEachListenerOnceItselfIncluded) {
