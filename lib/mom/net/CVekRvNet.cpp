@@ -254,10 +254,10 @@ int CVekRvNet::RRNTerminateSession() {
 }
 
 void CVekRvNet::takeRequestQueue(Storage& dropped) {
-    ++m_ends->queue;
     dropped.queueHandler = std::move(m_queueHandler);
     dropped.queueTimer = std::move(m_queueTimer);
     const CVekAutoMutex guard(m_requestMutex);
+    ++m_ends->queue;
     dropped.requests = std::move(m_requests);
     dropped.answers = std::move(m_answers);
     dropped.unclaimed = std::exchange(m_unclaimed, {});

@@ -178,7 +178,8 @@ class KVX_API CVekRvNet : public CVekNet {
     // Each sets `*status` to 1 or to the reason of a null result: -220370 not made, -220371 no
     // answer (at once when the session ends meanwhile), -220402 nobody listens for requests. The
     // caller owns the object (an I/O handler is registered with the net). Callbacks are kept, never
-    // copied. The net must have a session.
+    // copied: after -220371 the request may still be served, so its callback and closure must live
+    // until the session ends. The net must have a session.
 
     /// -220566 comes with a handler: its socket has another one registered, so the caller owns it.
     /// Off the main thread that status is 1.
@@ -319,8 +320,9 @@ class KVX_API CVekRvNet : public CVekNet {
     std::unique_ptr<CVekRvQueueHandler> m_queueHandler;
 
   private:
-    // Guarded by m_requestMutex: the objects behind those answers that nobody has taken yet.
+    // Guarded by m_requestMutex. The objects behind those answers that nobody has taken yet.
     std::map<int, RvSessionObject*> m_unclaimed;
+    std::uint64_t m_askedQueue = 0;  // the queue, counted, in which the present request stands
 
     // Guarded by m_lock: subjects of registered senders to inboxes, oldest first; the senders that
     // a call is sending on; subjects of reply listeners; where each timer stands in `m_timers`; the

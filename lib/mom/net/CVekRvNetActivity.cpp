@@ -11,7 +11,8 @@
 // Making a listener may run user code, and that may end the session or the net.
 //
 // Answers are keyed by thread id alone. One that comes after its requester gave up is taken by that
-// thread's next request.
+// thread's next request. A session that ends takes stack and answers with it: `m_askedQueue` tells
+// the requester, even when the next session has begun.
 
 #include <string>
 
@@ -47,6 +48,19 @@ RvDataCallback* forSession(const RvDataCallback* callback) {
 
 RvTimerCallback* forSession(const RvTimerCallback* callback) {
     return const_cast<RvTimerCallback*>(callback);
+}
+
+void ownText(std::string& own, const char*& text) {
+    if (text != nullptr) text = (own = text).c_str();
+}
+
+// Has a request keep copies of the texts that its thread lent it.
+template <class Record>
+void ownTexts(Record& record) {
+    if constexpr (requires { record.m_ownSubject; }) ownText(record.m_ownSubject, record.m_subject);
+    if constexpr (requires { record.m_ownReplySubject; }) {
+        ownText(record.m_ownReplySubject, record.m_replySubject);
+    }
 }
 
 }  // namespace
@@ -108,10 +122,12 @@ RvIO* CVekRvNet::createIOHere(int* status, unsigned int socket, rvevm_IoEventTyp
 template <class Record>
 bool CVekRvNet::pushRequest(const Record& request) {
     auto record = std::make_unique<Record>(request);
+    ownTexts(*record);
     const CVekAutoMutex guard(m_requestMutex);
     // A stack: what was asked for last is made first.
     if (!m_requests || m_requests->RSPushBottom(record.get()) != kvx::kOk) return false;
     static_cast<void>(record.release());
+    m_askedQueue = m_ends->queue;
     return true;
 }
 
@@ -132,15 +148,13 @@ Object* CVekRvNet::requestObject(int* status, const Record& fields, const Reques
         const CVekAutoMutex oneAtATime(m_callerMutex);
         Record request = fields;
         request.m_threadId = static_cast<std::int32_t>(CVekThread::RTId());
-        if (!pushRequest(request)) {
-            *status = kvx::kNoAnswer;
-            return nullptr;
-        }
+        const bool pushed = pushRequest(request);
         if constexpr (std::is_same_v<Record, SVekRvQueueTimer>) {
             kvx::trace(kvx::kTraceCalls, "RRNNewTimer() sent packet wrt timer ", request.m_interval,
                        " now just need to wait on addition\n");
         }
-        object = claimAnswer<Object>(request.m_threadId, status, registered);
+        *status = kvx::kNoAnswer;
+        if (pushed) object = claimAnswer<Object>(request.m_threadId, status, registered);
     }
     if (*status == kvx::kNoAnswer) kvx::report(*status, rvNet::kFile, lines.timedOut);
     if (*status == kvx::kNotCreated) {
@@ -152,14 +166,16 @@ Object* CVekRvNet::requestObject(int* status, const Record& fields, const Reques
 /// The answer, which leaves the list; `*registered`, if asked for, says whether a registry owns it.
 template <class Object>
 Object* CVekRvNet::claimAnswer(int threadId, int* status, bool* registered) {
-    Object* object = nullptr;
-    const CVekPointer* const answer = RRNWaitForNewActivity(threadId, status);
+    RRNWaitForNewActivity(threadId, status);
     const CVekAutoMutex guard(m_requestMutex);
-    if (*status == kvx::kOk) {
+    *status = kvx::kNoAnswer;
+    if (m_ends->queue != m_askedQueue) return nullptr;  // it may have ended since the last poll
+    Object* object = nullptr;
+    if (const CVekPointer* const answer = m_answers->RTLGet(threadId)) {
         object = static_cast<Object*>(answer->RPData());
-        if (object == nullptr) *status = kvx::kNotCreated;
+        *status = object != nullptr ? kvx::kOk : kvx::kNotCreated;
     }
-    if (m_answers) m_answers->RTLDelete(threadId);
+    m_answers->RTLDelete(threadId);
     const bool unclaimed = m_unclaimed.erase(threadId) != 0;
     if (registered != nullptr) *registered = object != nullptr && !unclaimed;
     return object;
@@ -170,7 +186,7 @@ CVekPointer* CVekRvNet::RRNWaitForNewActivity(int threadId, int* status) {
     for (int poll = 0; poll < kAnswerPolls; ++poll) {
         {
             const CVekAutoMutex guard(m_requestMutex);
-            if (!m_answers) return nullptr;  // the session ended: nobody will answer
+            if (m_ends->queue != m_askedQueue) return nullptr;  // nobody will answer any more
             CVekPointer* const answer = m_answers->RTLGet(threadId);
             if (answer != nullptr) {
                 *status = kvx::kOk;

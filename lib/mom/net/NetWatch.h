@@ -6,7 +6,8 @@
 
 namespace kvx {
 
-/// How often a net has given up its registries, and its request queue. Outlives the net.
+/// How often a net has given up its registries, and its request queue. Outlives the net. Written by
+/// the main thread, `queue` with the request mutex held: a thread that asks compares it.
 struct NetEnds {
     std::uint64_t storage = 0;
     std::uint64_t queue = 0;

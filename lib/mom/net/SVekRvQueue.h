@@ -1,14 +1,15 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "rv/rv.h"
 
 /// The records with which other threads ask the main thread for a bus object.
 ///
 /// Every record starts with its type code and the id of the asking thread, so that the handler can
-/// tell the kind of a record from its first word. The asking thread allocates the record and keeps
-/// the borrowed texts alive until it is answered; the main thread deletes it.
+/// tell the kind of a record from its first word. The asking thread allocates the record, the main
+/// thread deletes it. A record may be served when its thread has given up, so it owns its texts.
 
 /// Type codes of the records. Code 3 is not used.
 enum EVekRvQueueType : std::int32_t {
@@ -23,6 +24,8 @@ struct SVekRvQueueSender {
     std::int32_t m_threadId;
     const char* m_subject;
     const char* m_replySubject;  // may be null
+    std::string m_ownSubject{};  // what the two point to
+    std::string m_ownReplySubject{};
 };
 
 struct SVekRvQueueListener {
@@ -32,6 +35,7 @@ struct SVekRvQueueListener {
     unsigned long m_timeout;
     const RvDataCallback* m_callback;
     void* m_closure;
+    std::string m_ownSubject{};  // what m_subject points to
 };
 
 struct SVekRvQueueIO {

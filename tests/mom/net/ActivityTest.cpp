@@ -26,6 +26,15 @@ class Activity : public ::testing::Test {
 
     void drain() { net.m_queueHandler->onTimer(nullptr); }
 
+    // Waits until another thread's request stands on the stack.
+    void awaitRequest() {
+        const auto isAsked = [&] {
+            const CVekAutoMutex guard(net.m_requestMutex);
+            return net.m_requests->RSLength() == 1;
+        };
+        while (!isAsked()) std::this_thread::yield();
+    }
+
     Home home{"-"};
     ErrorRecorder errors;
     TestNet net;
@@ -101,19 +110,43 @@ TEST_F(Activity, RefusesRequestsWhenNobodyListens) {
 }
 
 TEST_F(Activity, ARequesterDoesNotWaitForASessionThatEnded) {
+    for (const bool opensAgain : {true, false}) {
+        std::thread asking([&] {
+            int status = 0;
+            EXPECT_EQ(net.RRNNewTimer(&status, 5, &ignoreTimer, nullptr), nullptr);
+            EXPECT_EQ(status, -220371);
+        });
+        awaitRequest();
+        net.RRNTerminateSession();
+        if (opensAgain) {
+            EXPECT_EQ(net.RRNInitSession(), 1);
+        }
+        asking.join();
+        EXPECT_EQ(errors.take(), (std::vector<Report>{{-220371, "CVekRvNet", 1365, ""}}));
+    }
+}
+
+TEST_F(Activity, ARequestThatIsServedLateOwnsItsSubjects) {
+    const std::string subject = "A.B";
     std::thread asking([&] {
         int status = 0;
-        EXPECT_EQ(net.RRNNewTimer(&status, 5, &ignoreTimer, nullptr), nullptr);
-        EXPECT_EQ(status, -220371);
+        delete net.RRNNewSender(&status, subject.c_str(), subject.c_str());
+        delete net.RRNNewListener(&status, subject.c_str(), &ignoreData, nullptr);
     });
-    const auto isAsking = [&] {
-        const CVekAutoMutex guard(net.m_requestMutex);
-        return net.m_requests->RSLength() == 1;
-    };
-    while (!isAsking()) std::this_thread::yield();
-    net.RRNTerminateSession();
+    awaitRequest();
+    auto* const sender = static_cast<SVekRvQueueSender*>(net.m_requests->RSPop());
+    EXPECT_EQ(sender->m_subject, subject);
+    EXPECT_NE(sender->m_subject, subject.c_str());
+    EXPECT_NE(sender->m_replySubject, subject.c_str());
+    net.m_requests->RSPush(sender);
+    drain();
+    awaitRequest();
+    auto* const listener = static_cast<SVekRvQueueListener*>(net.m_requests->RSPop());
+    EXPECT_EQ(listener->m_subject, subject);
+    EXPECT_NE(listener->m_subject, subject.c_str());
+    net.m_requests->RSPush(listener);
+    drain();
     asking.join();
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220371, "CVekRvNet", 1365, ""}}));
 }
 
 TEST_F(Activity, RefusesInvalidRequests) {
