@@ -1,14 +1,33 @@
+#include <cerrno>
 #include <cstdio>
+#include <iostream>
+#include <system_error>
 
+#include "platform/File.h"
 #include "rvd/Log.h"
 #include "rvd/Options.h"
 #include "rvd/Server.h"
 
+namespace {
+
+// The exit status of a run that was to print something and end with `status`.
+int ended(int status) {
+    errno = 0;
+    if (std::cout.flush()) return status;
+    const int reason = errno != 0 ? errno : EIO;
+    std::cerr << "rvd: standard output: " << std::generic_category().message(reason) << '\n';
+    return 1;
+}
+
+}  // namespace
+
 /// `rvd`: reads the command line, listens, says so in one line on standard output, and serves until
-/// SIGTERM or SIGINT. Ends with 0; 1 when it cannot listen; 2 for a command line without sense.
+/// SIGTERM or SIGINT. Ends with 0; 1 when it cannot listen or print; 2 for an invalid command line.
 int main(int argc, char** argv) {
+    // A socket in the place of a closed stream would get the log.
+    kvx::platform::reserveStandardStreams();
     const auto commandLine = kvx::rvd::parseCommandLine(argc, argv);
-    if (commandLine.exitStatus) return *commandLine.exitStatus;
+    if (commandLine.exitStatus) return ended(*commandLine.exitStatus);
 
     const kvx::rvd::Log log(commandLine.options.logLevel);
     kvx::rvd::Server server(commandLine.options, log);

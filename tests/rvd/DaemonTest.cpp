@@ -122,6 +122,23 @@ TEST(DaemonProgram, RefusesCommandLinesWithoutSense) {
     EXPECT_EQ(ChildProcess(KVX_RVD_PROGRAM, {"--version"}).wait(), 0);
 }
 
+TEST(DaemonProgram, FailsWhenItCannotPrintWhatItWasAskedFor) {
+    for (const std::string command : {"--help", "--version", "--counters"}) {
+        for (const std::string redirection : {" >/dev/full", " >&-"}) {
+            ChildProcess program("/bin/sh", {"-c", KVX_RVD_PROGRAM " " + command + redirection});
+            EXPECT_EQ(program.wait(), 1) << command << redirection;
+            EXPECT_NE(program.errors().find("rvd: standard output: "), std::string::npos);
+        }
+    }
+}
+
+TEST(DaemonProgram, ServesWithItsStandardStreamsClosed) {
+    ChildProcess program("/bin/sh", {"-c", "exec " KVX_RVD_PROGRAM " -listen tcp:0 <&- >&-"});
+    EXPECT_NE(program.awaitError("listening on"), "");
+    program.kill(SIGTERM);
+    EXPECT_EQ(program.wait(), 0) << program.errors();
+}
+
 std::uint64_t unsignedIn(wire::Bytes message, const char* name) {
     const auto field = wire::findField(message, name);
     if (!field || field->type != RVMSG_UINT) return 0;
