@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <map>
 #include <string_view>
 
@@ -117,7 +116,7 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
         if (problem.empty()) problem = evaluate(values, result.options);
         if (problem.empty()) return result;
         bus::complain(problem);
-        fmt::print(stderr, "{}", kUsageText);
+        bus::note(kUsageText);
         result.exitStatus = kUsage;
     }
     return result;

@@ -1,3 +1,4 @@
+#include "platform/Signals.h"
 #include "rva/Agent.h"
 #include "rva/Options.h"
 #include "tools/bus/Program.h"
@@ -6,6 +7,8 @@
 /// until SIGTERM or SIGINT. Ends with 0; 1 without a daemon or a port; 2 for an invalid
 /// command line.
 int main(int argc, char** argv) {
+    // It serves the host, whatever becomes of the terminal that it was started from.
+    kvx::platform::ignoreSignal(kvx::platform::signal_number::hangup());
     return kvx::bus::runProgram([&] {
         const auto commandLine = kvx::rva::parseCommandLine(argc, argv);
         return commandLine.exitStatus ? *commandLine.exitStatus

@@ -39,6 +39,12 @@ void complain(const std::string& message) {
     progressIsShown = false;
 }
 
+void note(const std::string& text) {
+    const std::lock_guard guard(errorLock);
+    tell(text);
+    progressIsShown = false;
+}
+
 void showProgress(const std::string& text) {
     const std::lock_guard guard(errorLock);
     if (text.empty() && !progressIsShown) return;

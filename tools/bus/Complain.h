@@ -8,6 +8,10 @@ namespace kvx::bus {
 /// control characters are spaces. Any thread.
 void complain(const std::string& message);
 
+/// Text on standard error as it is, for what stands below a complaint or beside the output. Any
+/// thread. Like `complain`, it does not care whether somebody can read it.
+void note(const std::string& text);
+
 /// Draws `text` over the line that the last call left on standard error, a terminal; an empty text
 /// takes it away. `complain` takes it away first. Any thread.
 void showProgress(const std::string& text);

@@ -74,11 +74,13 @@ int wrapUp() {
 
 // Lets the main thread end the process, or ends it.
 void answer(int signal) {
+    const bool isIgnored = arrangement().ignored.contains(signal);
     if (!isInScope()) {
-        if (arrangement().ignored.contains(signal)) return;
+        if (isIgnored) return;
         endBySignal(signal);
     }
-    if (signal == platform::signal_number::hangup()) return;
+    // A shell that starts a command behind itself has it ignore SIGINT, but asks for it here.
+    if (isIgnored && signal == platform::signal_number::hangup()) return;
     const platform::Milliseconds end = platform::monotonicMs() + kPatience;
     while (platform::monotonicMs() < end) {
         askToLeave();  // again: a loop that has only just begun forgets an earlier asking

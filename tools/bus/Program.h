@@ -17,8 +17,8 @@ inline constexpr int kUsage = 2;
 /// another thread.
 int runProgram(const std::function<int()>& body);
 
-/// While it lives, SIGINT and SIGTERM ask the program to end in its own order, and SIGHUP does
-/// nothing. Inside `runProgram`, main thread, one at a time.
+/// While it lives, SIGINT, SIGTERM and SIGHUP ask the program to end in its own order, SIGHUP not
+/// when the program was started with it ignored. Inside `runProgram`, main thread, one at a time.
 class SignalScope {
   public:
     /// Both are called on the signals' thread, while the main thread runs. `leave` asks the main

@@ -59,11 +59,15 @@ std::string printableJson(const std::string& json) {
     return escaped;
 }
 
+std::size_t characterBegin(const std::string& text, std::size_t i) {
+    while (i > 0 && isContinuation(byteAt(text, i))) --i;
+    return i;
+}
+
 std::string shortened(const std::string& text, std::size_t most) {
     if (text.size() <= most) return text;
-    std::size_t head = (most - 3) * 2 / 3;
+    const std::size_t head = characterBegin(text, (most - 3) * 2 / 3);
     std::size_t tail = text.size() - (most - 3 - head);
-    while (head > 0 && isContinuation(byteAt(text, head))) --head;
     while (isContinuation(byteAt(text, tail))) ++tail;
     return text.substr(0, head) + "..." + text.substr(tail);
 }

@@ -14,6 +14,9 @@ std::string printable(std::string text);
 /// too. The meaning stays the same.
 std::string printableJson(const std::string& json);
 
+/// The place of the character of UTF-8 that the byte at `i`, or the end, belongs to.
+std::size_t characterBegin(const std::string& text, std::size_t i);
+
 /// `text`, or its beginning and its end with "..." between them when it has more than `most` bytes
 /// (at least 8). Characters of UTF-8 stay whole.
 std::string shortened(const std::string& text, std::size_t most);

@@ -141,10 +141,19 @@ std::unique_ptr<RvDatum> standardInputDatum(bool opaque, PayloadProblem& problem
     if (!problem.text.empty()) return nullptr;
     const auto size = static_cast<rvmsg_Size>(content.size());
     if (opaque) return std::make_unique<RvDatum>(RvDatum(RVMSG_OPAQUE, size, content.data()));
+    if (content.find('\0') != std::string::npos) {
+        problem.text = "standard input holds a zero byte, which no text can; --opaque takes bytes";
+        return nullptr;
+    }
     return std::make_unique<RvDatum>(RvDatum(RVMSG_STRING, size + 1, content.c_str()));
 }
 
 }  // namespace
+
+bool isSubject(const std::string& text) {
+    std::array<unsigned char, 500> encoded{};
+    return rvSubject_FromText(encoded.data(), encoded.size(), text.c_str()) >= 0;
+}
 
 std::string fieldTypes() {
     std::string names;

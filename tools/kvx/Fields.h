@@ -11,6 +11,9 @@ namespace kvx::tool {
 /// The type names that a field may carry, for the help text.
 std::string fieldTypes();
 
+/// Whether the bus takes `text` as a subject, with or without wildcards.
+[[nodiscard]] bool isSubject(const std::string& text);
+
 /// Appends the field that `text` describes, `name[:type]=value`. Returns what is wrong with it, or
 /// an empty text.
 std::string appendField(RvMsg& message, const std::string& text);

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <array>
 #include <string>
 
 #include "tools/bus/Client.h"
@@ -11,6 +10,7 @@
 #include "tools/bus/Text.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/DatumJson.h"
+#include "tools/kvx/Fields.h"
 
 namespace kvx::tool {
 
@@ -43,12 +43,6 @@ class Printer : public RvDataCallback {
     bool over_ = false;
 };
 
-// Looked at here, since the net tells of a bad one in words of its own.
-bool isSubject(const std::string& text) {
-    std::array<unsigned char, 500> encoded{};
-    return rvSubject_FromText(encoded.data(), encoded.size(), text.c_str()) >= 0;
-}
-
 }  // namespace
 
 int listen(const ListenOptions& options) {
@@ -56,6 +50,7 @@ int listen(const ListenOptions& options) {
     if (!client.isUp()) return kFailure;
     Printer printer(client, options);
     for (const auto& subject : options.subjects) {
+        // Looked at here, since the net tells of a bad one in words of its own.
         const std::string full = client.qualified(subject);
         if (!isSubject(full) || client.net().RRNAddExService(full.c_str(), &printer) != 1) {
             bus::complain("cannot listen on '" + full + "': it is no subject to listen on");

@@ -16,6 +16,10 @@ int Outgoing::prepare(const MessageOptions& options) {
         bus::complain(problem.text);
         return problem.status;
     }
+    if (!options.reply.empty() && !isSubject(options.reply)) {
+        bus::complain(fmt::format("the reply subject '{}' is no subject", options.reply));
+        return kFailure;
+    }
     client_.emplace(options.connection);
     if (!client_->isUp()) return kFailure;
     subject_ = client_->qualified(options.subject);

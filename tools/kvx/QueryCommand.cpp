@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -18,6 +17,7 @@
 #include "tools/bus/Progress.h"
 #include "tools/bus/Text.h"
 #include "tools/kvx/AnswerDecoder.h"
+#include "tools/kvx/Columns.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Query.h"
 #include "tools/kvx/Rows.h"
@@ -77,10 +77,11 @@ void pointAt(const std::string& text, long long position) {
     if (position < 1 || place > text.size()) return;
     const auto before = place == 0 ? std::string::npos : text.rfind('\n', place - 1);
     std::size_t begin = before == std::string::npos ? 0 : before + 1;
-    begin = std::max(begin, place - std::min(place, kMostAround));
-    const std::size_t end = std::min({text.find('\n', place), text.size(), place + kMostAround});
-    fmt::print(stderr, "    {}\n    {:>{}}\n", bus::printable(text.substr(begin, end - begin)), '^',
-               place - begin + 1);
+    begin = bus::characterBegin(text, std::max(begin, place - std::min(place, kMostAround)));
+    const std::size_t end = bus::characterBegin(
+        text, std::min({text.find('\n', place), text.size(), place + kMostAround}));
+    bus::note(fmt::format("    {}\n    {}^\n", bus::printable(text.substr(begin, end - begin)),
+                          std::string(displayWidth(text.substr(begin, place - begin)), ' ')));
 }
 
 int showRefusal(const QueryOptions& options, const Rows& rows, EVekStoreErrorStatus status) {
@@ -109,7 +110,7 @@ int showAnswer(const QueryOptions& options, Query& query, double seconds) {
     // What a program would read holds nothing but rows, and the summary is true of what got out.
     if (!bus::flushOutput()) return kFailure;
     const auto tell = [&](const std::string& line) {
-        format == RowFormat::Table ? bus::printLine(line) : fmt::print(stderr, "{}\n", line);
+        format == RowFormat::Table ? bus::printLine(line) : bus::note(line + "\n");
     };
     if (status == STORE_ZERO_MATCHES) tell(statusText(status));
     tell(summary(rows, query.totals(), seconds));

@@ -3,8 +3,10 @@
 #include "examples/modeld/service/Options.h"
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
 #include <sstream>
+#include <system_error>
 
 namespace modeld {
 
@@ -78,12 +80,17 @@ Options readOptions(int argc, char** argv, int& exitStatus) {
         std::ostringstream out;
         std::ostringstream complaint;
         exitStatus = app.exit(error, out, complaint) == 0 ? 0 : kUsage;
-        fmt::print(stdout, "{}", out.str());
+        errno = 0;
+        const bool isPrinted =
+            std::fputs(out.str().c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
+        if (!isPrinted) {
+            Log::error("standard output: {}", std::generic_category().message(errno));
+            exitStatus = 1;
+        }
         std::istringstream lines(complaint.str());
         for (std::string line; std::getline(lines, line);) {
-            fmt::print(stderr, "{}\n", oneLine(line));
+            std::fputs((oneLine(line) + "\n").c_str(), stderr);
         }
-        if (std::fflush(stdout) != 0) exitStatus = 1;
     }
     options.service = CVekServiceToSubjectMapper::ServiceStringToEnum(service.c_str());
     if (options.group.empty()) {

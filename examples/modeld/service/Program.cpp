@@ -62,7 +62,7 @@ class ProgressLine {
     static constexpr std::chrono::milliseconds kRedraw{100};
 
     void draw(const std::string& text) const {
-        if (isWanted_) fmt::print(stderr, "\r{}\x1b[K", text);
+        if (isWanted_) std::fputs(("\r" + text + "\x1b[K").c_str(), stderr);
     }
 
     const bool isWanted_ = kvx::platform::isTerminal(stderr) && Log::shows(LogLevel::Info);

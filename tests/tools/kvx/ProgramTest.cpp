@@ -44,11 +44,31 @@ TEST_F(ProgramTest, FailsWhenItsOutputCannotBeWritten) {
             EXPECT_EQ(ended.status, 1) << command << ended.errors;
             EXPECT_TRUE(holds(ended.errors, "kvx: standard output: ")) << command << ended.errors;
         }
+        for (const std::string command : {"modeld --help", "rva -help"}) {
+            const Ended ended = bus_.shell(command + " " + redirection);
+            EXPECT_EQ(ended.status, 1) << command << ended.errors;
+            EXPECT_TRUE(holds(ended.errors, "standard output: ")) << command << ended.errors;
+        }
         for (const auto& [command, feeder] : std::vector<std::pair<std::string, std::string>>{
                  {"kvx listen NEWS", "send NEWS x=1"}, {"kvx snoop Model", kPacket}}) {
             const Ended ended = fed(command + " " + redirection, feeder);
             EXPECT_EQ(ended.status, 1) << command << ended.errors;
             EXPECT_TRUE(holds(ended.errors, "kvx: standard output: ")) << command << ended.errors;
+        }
+    }
+}
+
+TEST_F(ProgramTest, EndsAsUsualWhenItsComplaintsCannotBeWritten) {
+    const auto model = bus_.startModel(bus_.file("devices.csv", "name\na\nb\n"));
+    for (const std::string redirection : {" 2>/dev/full", " 2>&-"}) {
+        for (const auto& [command, status] : std::vector<std::pair<std::string, int>>{
+                 {"kvx query Model 'select * from devices' --json", 0},
+                 {"kvx query Model 'select * from nothing'", 1},
+                 {"kvx nonsense", 2},
+                 {"modeld --nonsense", 2},
+                 {"rva -nonsense", 2},
+                 {"rvd --nonsense", 2}}) {
+            EXPECT_EQ(bus_.shell(command + redirection).status, status) << command << redirection;
         }
     }
 }
@@ -93,6 +113,19 @@ TEST_F(ProgramTest, SaysWhatIsWrongWithACommandLine) {
     }
 }
 
+TEST_F(ProgramTest, PointsAtTheCharacterThatIsWrong) {
+    const auto model =
+        bus_.startModel(bus_.file("devices.csv", "name,gr\xc3\xb6\xc3\x9f\x65\na,1\n"));
+    const Ended ended =
+        bus_.shell("kvx query Model 'select gr\xc3\xb6\xc3\x9f\x65, x from devices'");
+    EXPECT_TRUE(holds(ended.errors, "devices\n                  ^\n")) << ended.errors;
+    // A long line is cut between characters.
+    std::string longQuery = "select x from devices where ";
+    for (int i = 0; i < 40; ++i) longQuery += "gr\xc3\xb6\xc3\x9f\x65=1 or ";
+    const Ended cut = bus_.shell("kvx query Model '" + longQuery + "!'");
+    EXPECT_TRUE(holds(cut.errors, "\n    \xc3\x9f\x65=1")) << cut.errors;
+}
+
 TEST_F(ProgramTest, TakesCommonOptionsBeforeAndBehindTheCommand) {
     const std::string daemon = " --daemon " + bus_.daemonText();
     for (const std::string& line :
@@ -119,6 +152,31 @@ TEST_F(ProgramTest, RefusesStandardInputThatCannotBeRead) {
     EXPECT_EQ(large.status, 1);
     EXPECT_TRUE(holds(large.errors, "64 MiB")) << large.errors;
     EXPECT_EQ(bus_.shell("kvx send A - </dev/null").status, 0);
+    const Ended binary = bus_.shell("printf 'a\\0b' | kvx send A -");
+    EXPECT_EQ(binary.status, 1);
+    EXPECT_TRUE(holds(binary.errors, "--opaque")) << binary.errors;
+    EXPECT_EQ(bus_.shell("printf 'a\\0b' | kvx send A - --opaque").status, 0);
+}
+
+TEST_F(ProgramTest, SendsNoReplySubjectThatNobodyCanAnswerTo) {
+    const Ended ended = bus_.shell("kvx send A x=1 --reply B..C");
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_TRUE(holds(ended.errors, "'B..C'")) << ended.errors;
+    EXPECT_EQ(bus_.shell("kvx send A x=1 --reply B.C").status, 0);
+}
+
+TEST_F(ProgramTest, EndsWithItsTerminalUnlessToldNotTo) {
+    const auto ending = bus_.startShell("exec kvx listen -v A");
+    const auto staying = bus_.startShell("trap '' HUP; exec kvx listen -v A --count 1");
+    for (const auto* listener : {&ending, &staying}) {
+        EXPECT_NE((*listener)->awaitError("listening"), "");
+        (*listener)->kill(SIGHUP);
+    }
+    ASSERT_TRUE(eventually([&] { return !ending->isRunning(); }));
+    EXPECT_EQ(ending->wait(), 0);
+    EXPECT_EQ(bus_.kvx({"send", "A", "x=1"}).status, 0);
+    EXPECT_EQ(staying->wait(), 0);
+    EXPECT_EQ(staying->output(), "A - { x=\"1\"}\n");
 }
 
 TEST_F(ProgramTest, ShowsNoControlCharacterOfAMessage) {
