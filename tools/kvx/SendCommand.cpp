@@ -1,5 +1,7 @@
 // kvx send: one message, or the same one many times, and then the wait until it has left.
 
+#include <fmt/format.h>
+
 #include <string>
 
 #include "tools/bus/Complain.h"
@@ -23,7 +25,13 @@ bool flush(Outgoing& message) {
         code = rv_Flush(session, kStallMs);
         rv_Pending(session, nullptr, &now);
     } while (code != 0 && now != 0 && now < before);
-    if (code != 0) bus::complain(std::string("the message did not leave: ") + rv_ErrorText(code));
+    if (code != 0) {
+        // The code of a time-out is the socket's, and no session's text.
+        const std::string text = rv_ErrorText(code);
+        bus::complain(
+            "the message did not leave: " +
+            (text.empty() ? fmt::format("nothing has moved for {} s", kStallMs / 1000) : text));
+    }
     return code == 0;
 }
 

@@ -198,6 +198,15 @@ TEST_F(ProgramTest, PacesLargeMessagesByTheirBytes) {
     EXPECT_EQ(sent.status, 0) << sent.errors;
 }
 
+TEST_F(ProgramTest, SaysWhyAMessageDoesNotLeave) {
+    const auto sender = bus_.startShell("exec kvx -v send A x=1 --repeat 1000000000");
+    EXPECT_NE(sender->awaitError("session"), "");
+    bus_.daemon().kill(SIGSTOP);
+    EXPECT_EQ(sender->wait(), 1);
+    EXPECT_TRUE(holds(sender->errors(), "did not leave: nothing has moved for 10 s\n"))
+        << sender->errors();
+}
+
 TEST_F(ProgramTest, TellsOfLostMessages) {
     const Daemon small({"-queue-limit", "64k"});
     const std::string daemon = " --daemon " + small.text();
