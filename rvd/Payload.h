@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "rv/wire/Bytes.h"
+#include "rv/wire/Limits.h"
 
 namespace kvx::rvd {
 

@@ -18,9 +18,9 @@
 
 #include <algorithm>
 
-#include "rv/error/rvAdvisory.h"
+#include "rv/error/rvCodes.h"
+#include "rv/message/AdvisorySubjects.h"
 #include "rv/wire/ControlMessage.h"
-#include "rv/wire/Greeting.h"
 #include "rv/wire/Negotiation.h"
 
 namespace kvx::rvd {
@@ -191,7 +191,7 @@ bool Peer::onInit(Bytes message) {
     if (!init.service || !init.network) {
         if (!open) {
             const std::int32_t error =
-                init.service ? wire::kNetworkNotFound : wire::kServiceNotFound;
+                init.service ? session_code::kNetworkNotFound : session_code::kServiceNotFound;
             actions_.send(wire::buildErrorReply(error).message.view());
         }
         return false;
@@ -213,7 +213,7 @@ void Peer::onData(Bytes encoded, const wire::Frame& frame) {
     const auto subject = SubjectView::parse(encoded.data(), encoded.size());
     if (!subject) {
         counters_.add(Counter::MessagesUnreadable);
-    } else if (advisory::isSystemSubject(*subject)) {
+    } else if (advisory::coversSystemSubject(*subject)) {
         counters_.add(Counter::MessagesReserved);
     } else if (frame.assembled) {
         actions_.publish(*subject, Payload::own(reader_.takeAssembled()));

@@ -96,15 +96,9 @@ void Router::collect(const Space& space, SubjectView subject) {
         listen.session->lastMatch_ = matchNumber_;
         matched_.push_back(&listen.session->receiver_);
     };
-    const bool inbox = subject.first() == kInboxElement;
     if (subject.hasWildcards()) {
-        const bool reserved = subject.first() == kReservedElement;
-        const auto admit = [inbox, reserved](std::string_view first) {
-            if (first == kInboxElement) return inbox;
-            return !inbox && (first != kReservedElement || reserved);
-        };
-        space.tree.matchCovered(subject, admit, take);
-    } else if (inbox) {
+        space.tree.matchCovered(subject, take);
+    } else if (subject.first() == kInboxElement) {
         space.tree.matchLiteralRoot(subject, take);
     } else {
         space.tree.match(subject, take);

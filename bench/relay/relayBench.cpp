@@ -33,7 +33,6 @@
 #include "rv/message/rvSubject.h"
 #include "rv/wire/ControlMessage.h"
 #include "rv/wire/FrameReader.h"
-#include "rv/wire/Greeting.h"
 #include "rv/wire/Negotiation.h"
 
 namespace kvx::bench {
@@ -96,10 +95,10 @@ class Link {
         send(wire::encode(wire::clientStep(readBlock()).block));
         (void)readBlock();
         send(wire::buildInit({"bench", nullptr, "bench", "", nullptr, {}}).message.view());
-        Message reply(wire::kFrameHeaderSize);
+        Message reply(kvx::kHeaderBytes);
         receive(reply.data(), reply.size());
         reply.resize(loadBig32(reply.data()));
-        receive(reply.data() + wire::kFrameHeaderSize, reply.size() - wire::kFrameHeaderSize);
+        receive(reply.data() + kvx::kHeaderBytes, reply.size() - kvx::kHeaderBytes);
         send(wire::buildInit({"bench", "BENCH.1", "bench", "", nullptr, {}}).message.view());
         send(wire::buildListen(encodedSubject(subject), nullptr, 0).message.view());
         const Message echo = dataMessage(subject);  // comes back once the listen is in force

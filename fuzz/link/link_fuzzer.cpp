@@ -11,14 +11,13 @@
 
 #include "rv/message/rvmsg.h"
 #include "rv/wire/ControlMessage.h"
-#include "rv/wire/Fields.h"
 #include "rv/wire/FrameReader.h"
-#include "rv/wire/Greeting.h"
 #include "rv/wire/Negotiation.h"
 
 namespace {
 
 using namespace kvx::wire;
+using Step = kvx::FieldCursor::Step;
 
 void require(bool condition) {
     if (!condition) std::abort();
@@ -33,10 +32,12 @@ void readMessage(Bytes message) {
     require(liesIn(readRouting(message).subject, message));
     (void)readInit(message);
     (void)readReply(message);
-    FieldCursor cursor(message);
-    for (Field field; cursor.next(field);) require(liesIn(field.data, message));
+    kvx::FieldCursor cursor(message);
+    kvx::WireField field;
+    auto step = cursor.next(field);
+    for (; step == Step::kField; step = cursor.next(field)) require(liesIn(field.bytes(), message));
     // A message that is sound as a whole has fields that the cursor can walk to the end.
-    if (rvmsg_Validate(message.data(), message.size()) == 0) require(!cursor.broken());
+    if (rvmsg_Validate(message.data(), message.size()) == 0) require(step == Step::kEnd);
 }
 
 struct Frames {

@@ -1,20 +1,20 @@
 #pragma once
 
+#include <cstdint>
+
 #include "platform/Export.h"
-#include "rv/message/SubjectView.h"
-#include "rv/message/rvmsg.h"
 
 /// Builds an advisory: the encoded subject "_RV.<class>.<source>.<name>" and the body with
 /// "ADV_CLASS", "ADV_SOURCE", "ADV_NAME" and, unless `description` is null, "ADV_DESC". Returns 0;
 /// 3 for a null text, a subject that cannot be encoded or texts of more than 489 characters
 /// together; 9 for a class with a full stop; 8 when the body has no room. The texts may lie in
 /// `body` or `subject`.
-KVX_API int rv_BuildAdvisory(void* body, rvmsg_Size bodyCapacity, const char* advClass,
+KVX_API int rv_BuildAdvisory(void* body, std::uint32_t bodyCapacity, const char* advClass,
                              const char* source, const char* name, const char* description,
                              void* subject, unsigned subjectCapacity);
 
 /// The same for applications, to whom the source "SYSTEM" is not open (3).
-KVX_API int rv_BuildAppAdvisory(void* body, rvmsg_Size bodyCapacity, const char* advClass,
+KVX_API int rv_BuildAppAdvisory(void* body, std::uint32_t bodyCapacity, const char* advClass,
                                 const char* source, const char* name, const char* description,
                                 void* subject, unsigned subjectCapacity);
 
@@ -24,7 +24,6 @@ namespace kvx::advisory {
 inline constexpr unsigned kBodyCapacity = 256;     // bytes of a built-in advisory's body
 inline constexpr unsigned kSubjectCapacity = 500;  // bytes of its encoded subject
 
-inline constexpr const char* kPrefix = "_RV";
 inline constexpr const char* kInfo = "INFO";
 inline constexpr const char* kWarn = "WARN";
 inline constexpr const char* kError = "ERROR";
@@ -59,13 +58,5 @@ inline constexpr unsigned kFastProducerRate = 100;
 
 /// The heading of an advisory that no listener took, on standard error.
 inline constexpr const char* kUnhandledHeading = "Rendezvous Error Not Handled by User Program:\n";
-
-/// True for "_RV.<INFO|WARN|ERROR>.SYSTEM" and everything below it: only the library and the daemon
-/// publish there.
-KVX_API bool isSystemSubject(SubjectView subject);
-
-/// True for "_RV.WARN", "_RV.ERROR" and everything below them: what is written to standard error
-/// when no listener takes it.
-KVX_API bool isReportable(SubjectView subject);
 
 }  // namespace kvx::advisory

@@ -1,7 +1,7 @@
 // The loop.
 //
 // A step runs the due timers, waits for sockets until the next expiry, and then calls what signals
-// and sockets have made ready. `running_` says whether the loop shall go on; it may be cleared from
+// and sockets have made ready. `running_` says whether the loop goes on; it may be cleared from
 // anywhere, and the wake-up ends the wait that may be going on. `looping_` says that a loop is on
 // the stack; it alone refuses a second one, because a stopped loop has not returned yet.
 //

@@ -44,7 +44,7 @@ void onSignal(int signal) {
     --caught.handlersRunning;
 }
 
-// After a dispatch that was broken off: what is left shall be seen by the next one.
+// After a dispatch that ended early: the rest stays pending.
 void keepPending() noexcept {
     const auto& pending = caughtSignals.pending;
     const bool left = std::any_of(pending.begin(), pending.begin() + kDispatchedSignals,

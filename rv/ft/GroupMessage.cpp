@@ -4,7 +4,7 @@
 #include <array>
 #include <cstring>
 
-#include "rv/message/rvSubject.h"
+#include "rv/message/SubjectView.h"
 #include "rv/message/rvmsg.h"
 
 namespace kvx::ft {
@@ -12,9 +12,7 @@ namespace kvx::ft {
 namespace {
 
 constexpr std::size_t kMaximumId = 255;
-constexpr std::size_t kMaximumElement = 250;
 constexpr std::size_t kFixedBytes = 128;  // all of a beat but its two texts
-constexpr unsigned kSubjectCapacity = 500;
 
 class BeatReader {
   public:
@@ -56,16 +54,12 @@ bool isState(std::uint32_t value) {
 }  // namespace
 
 std::optional<std::string> groupSubject(std::string_view group) {
-    if (group.empty() || group.size() > kMaximumElement) return std::nullopt;
+    if (group.empty() || group.size() > kMaxSubjectElementText) return std::nullopt;
     std::string element(group);
     std::replace(element.begin(), element.end(), '.', '_');
     if (element == "*" || element == ">") return std::nullopt;
     std::string subject = "_RVFT." + element;
-    std::array<unsigned char, kSubjectCapacity> encoded{};
-    if (rvSubject_FromText(encoded.data(), kSubjectCapacity, subject.c_str()) < 0) {
-        return std::nullopt;
-    }
-    return subject;
+    return Subject::fromText(subject.c_str()) ? std::optional(subject) : std::nullopt;
 }
 
 std::vector<unsigned char> encodeBeat(const Beat& beat, const std::string& group) {

@@ -4,7 +4,7 @@
 
 #include "platform/Clock.h"
 #include "platform/Socket.h"
-#include "rv/wire/Bytes.h"
+#include "rv/wire/Limits.h"
 
 /// Blocking exchanges of small blocks while a connection is set up. The socket may be blocking or
 /// not.

@@ -6,7 +6,6 @@
 
 #include "rv/link/LinkIo.h"
 #include "rv/link/ipq.h"
-#include "rv/wire/Limits.h"
 #include "rv/wire/Negotiation.h"
 
 namespace {

@@ -5,7 +5,6 @@
 // called.
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -18,16 +17,6 @@ using kvx::link::Deadline;
 
 std::size_t atLeast(std::size_t floor, std::int32_t value) {
     return value > 0 ? std::max(floor, static_cast<std::size_t>(value)) : floor;
-}
-
-kvx::wire::OwnedMessage emptyMessage() {
-    constexpr auto& block = kvx::wire::kKeepaliveBlock;
-    kvx::wire::OwnedMessage message;
-    message.bytes.reset(static_cast<std::uint8_t*>(std::malloc(block.size())));
-    if (!message.bytes) return message;
-    message.capacity = block.size();
-    std::memcpy(message.bytes.get(), block.data(), block.size());
-    return message;
 }
 
 void onKeepaliveTick(void* /*owner*/, void* closure, int /*kind*/, void* /*entry*/) {
@@ -93,7 +82,7 @@ void keepAlive(ipq_Queue queue) {
         if (writeOn(queue) != IPQ_OK) reportFailure(queue);
         return;
     }
-    wire::OwnedMessage message = emptyMessage();
+    auto message = wire::OwnedMessage::copyOf(wire::kKeepaliveBlock);
     if (!message.bytes) return;
     if (!ipq_Enqueue(queue, std::move(message), false) && queue->state != IPQ_LIMIT_EXCEEDED)
         reportFailure(queue);
@@ -164,7 +153,7 @@ void ipq_SetProperties(ipq_Queue queue, const ipq_Properties& properties) {
     queue->batching = properties.batching != 0;
     queue->readBudget = atLeast(1, properties.readBudget);
     queue->writer.setSegmentSize(std::min<std::size_t>(
-        atLeast(kvx::wire::kFrameHeaderSize, properties.segmentSize), kvx::wire::kLinkLimit));
+        atLeast(kvx::kHeaderBytes, properties.segmentSize), kvx::wire::kLinkLimit));
 }
 
 void ipq_SetBlocking(ipq_Queue queue, bool blocking) {

@@ -10,12 +10,12 @@
 // callback (the buffer under delivery is then left alone, see `lent`).
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <new>
 #include <utility>
 
 #include "rv/event/EventManagerExtras.h"
-#include "rv/link/LinkTrace.h"
 #include "rv/link/QueueState.h"
 #include "rv/message/rvmsg.h"
 
@@ -24,6 +24,13 @@ namespace kvx::link {
 namespace error = platform::socket_error;
 
 namespace {
+
+std::atomic<const int*> traceLevel{nullptr};
+
+bool isTracing() {
+    const int* level = traceLevel;
+    return level != nullptr && *level >= 1;
+}
 
 // A buffer that may be written to.
 std::span<std::byte> receiveBuffer(ipq_Queue queue) {
@@ -67,7 +74,7 @@ void answerClose(ipq_Queue queue) {
 bool accept(ipq_Queue queue, wire::Frame& frame, Received& received) {
     if (rvmsg_Validate(frame.bytes.data(), frame.bytes.size()) != 0) {
         ++queue->statistics.messagesInvalid;
-        if (tracesAt(1))
+        if (isTracing())
             std::fprintf(stderr, "Rendezvous dropped an invalid message of %zu bytes\n",
                          frame.bytes.size());
         return false;
@@ -172,6 +179,10 @@ void readTurn(ipq_Queue queue) {
 }
 
 }  // namespace
+
+void setTraceLevel(const int* level) noexcept {
+    traceLevel = level;
+}
 
 void onReadable(void* /*owner*/, void* closure, int /*kind*/, void* /*entry*/) {
     const auto queue = static_cast<ipq_Queue>(closure);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "rv/error/rvCodes.h"
 #include "rv/link/QueueState.h"
 
 namespace kvx::link {
@@ -15,14 +16,12 @@ namespace error = platform::socket_error;
 
 namespace {
 
-constexpr int kUnsupported = 9;  // event-manager code: this socket cannot be watched for writing
-
 int askForWriteEvent(ipq_Queue queue) {
     if (queue->writeEvent != nullptr || queue->retryTimer != nullptr) return 0;
     const int code =
         rvevm_AddIO(queue->manager, &queue->writeEvent,
                     static_cast<unsigned int>(queue->socket.get()), RVEVM_WRITE, onWritable, queue);
-    if (code != kUnsupported) return code;
+    if (code != event_code::kNotSupported) return code;
     return rvevm_AddRepeatTimer(queue->manager, &queue->retryTimer, kRetryMs, onWritable, queue);
 }
 

@@ -16,16 +16,6 @@
 
 namespace kvx::link {
 
-namespace {
-
-using Memory = std::unique_ptr<std::uint8_t[], wire::FreeDeleter>;
-
-Memory allocateBytes(std::size_t size) {
-    return Memory(static_cast<std::uint8_t*>(std::malloc(size)));
-}
-
-}  // namespace
-
 SegmentQueue::SegmentQueue(const wire::QueueLimits& limits, std::size_t segmentSize)
     : limits_(limits), segmentSize_(segmentSize) {}
 
@@ -61,10 +51,10 @@ bool SegmentQueue::place(wire::OwnedMessage&& message, std::size_t length, bool 
 bool SegmentQueue::append(Segment& segment, const wire::OwnedMessage& message, std::size_t length,
                           std::size_t capacity) {
     if (segment.bytes.capacity < segment.used + length) {
-        Memory larger = allocateBytes(capacity);
-        if (!larger) return false;
-        std::memcpy(larger.get(), segment.bytes.bytes.get(), segment.used);
-        segment.bytes = {std::move(larger), static_cast<std::uint32_t>(capacity)};
+        auto larger = wire::OwnedMessage::allocate(capacity);
+        if (!larger.bytes) return false;
+        std::memcpy(larger.bytes.get(), segment.bytes.bytes.get(), segment.used);
+        segment.bytes = std::move(larger);
     }
     std::memcpy(segment.bytes.bytes.get() + segment.used, message.bytes.get(), length);
     segment.used += length;

@@ -10,11 +10,39 @@
 #include <cstdint>
 
 #include "platform/Clock.h"
+#include "platform/Export.h"
 #include "platform/Socket.h"
-#include "rv/link/LinkHost.h"
-#include "rv/wire/Bytes.h"
+#include "rv/event/rvevm.h"
+#include "rv/link/ipqProperties.h"
 #include "rv/wire/ControlMessage.h"
-#include "rv/wire/ParameterBlock.h"
+#include "rv/wire/Negotiation.h"
+
+namespace kvx::link {
+
+/// How a link queues unless the session says otherwise.
+inline constexpr ipq_Properties kDefaultProperties = {
+    .batching = 0, .readBudget = 4096, .segmentSize = 8192};
+
+/// What a queue needs of the session that owns it. The host must outlive its queues.
+class LinkHost {
+  public:
+    /// The manager on which the queue registers its events; null for a synchronous session, whose
+    /// queue writes before `ipq_Enqueue` returns and is read by hand.
+    [[nodiscard]] virtual rvevm_Manager linkManager() const = 0;
+    [[nodiscard]] virtual ipq_Properties linkProperties() const = 0;
+
+  protected:
+    LinkHost() = default;
+    LinkHost(const LinkHost&) = default;
+    LinkHost& operator=(const LinkHost&) = default;
+    ~LinkHost() = default;
+};
+
+/// Names the variable that says how much the bus library traces to standard error; null is silence.
+/// The variable must stay valid. Any thread.
+KVX_API void setTraceLevel(const int* level) noexcept;
+
+}  // namespace kvx::link
 
 using ipq_Queue = struct ipq_Queue_*;
 

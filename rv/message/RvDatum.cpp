@@ -100,7 +100,7 @@ void RvDatum::set(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data
 // `set` for data that lies in memory of this datum, its name's or its data's: that memory becomes
 // the datum's data, with what is wanted moved to the front. False when the data lies elsewhere.
 bool RvDatum::takeOwn(rvmsg_Type type, rvmsg_Size size, const char* name, rvmsg_Data data) {
-    std::unique_ptr<char, kvx::FreeDeleter> memory;
+    kvx::Text memory;
     std::size_t bytes = m_nameBytes;
     std::optional<std::size_t> offset = kvx::offsetIn(m_name.get(), bytes, data);
     if (offset) {
@@ -218,7 +218,7 @@ bool RvDatum::setName(const char* name) {
     }
     const std::size_t bytes = std::strlen(name) + 1;
     if (bytes > m_nameBytes) {
-        std::unique_ptr<char, kvx::FreeDeleter> fresh(static_cast<char*>(std::malloc(bytes)));
+        kvx::Text fresh(static_cast<char*>(std::malloc(bytes)));
         if (fresh == nullptr) return false;
         std::memcpy(fresh.get(), name, bytes);
         m_name = std::move(fresh);

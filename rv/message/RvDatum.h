@@ -7,17 +7,9 @@
 #include <memory>
 
 #include "platform/Export.h"
+#include "platform/Memory.h"
 #include "rv/error/RvStatus.h"
 #include "rv/message/rvmsg.h"
-
-namespace kvx {
-
-/// Gives back what `malloc` gave.
-struct FreeDeleter {
-    void operator()(void* memory) const noexcept { std::free(memory); }
-};
-
-}  // namespace kvx
 
 /// One typed value, with or without a name.
 ///
@@ -97,7 +89,7 @@ class KVX_API RvDatum {
     rvmsg_Size m_size = 0;
     rvmsg_Data m_data = nullptr;       // freed here unless borrowed
     const char* m_nameText = nullptr;  // in `m_name`, or borrowed
-    std::unique_ptr<char, kvx::FreeDeleter> m_name;
+    kvx::Text m_name;
     std::int32_t m_borrowed = 1;
     rvmsg_Size m_allocated = 0;   // bytes of the owned data
     std::size_t m_nameBytes = 0;  // allocated for the name

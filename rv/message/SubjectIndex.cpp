@@ -433,41 +433,36 @@ void SubjectIndex::collectBelowAny(NodeId id, SubjectView::Iterator at, SubjectV
     reach(nodes_[id].leaf);
 }
 
-bool SubjectIndex::admitted(NodeId parent, std::string_view element, const Admit& admit) const {
-    return parent != kRoot || admit(element);
+// By a wildcard that stands for a child of `parent`.
+bool SubjectIndex::isCovered(NodeId parent, std::string_view element) const {
+    return parent != kRoot || (element != kInboxElement && element != kReservedElement);
 }
 
 void SubjectIndex::collectCovered(NodeId id, SubjectView::Iterator at, SubjectView::Iterator end,
-                                  std::uint64_t pathHash, const Admit& admit) {
+                                  std::uint64_t pathHash) {
     if (at == end) return reach(nodes_[id].leaf);
     const std::string_view element = *at;
-    if (element == kAnyTrailingElements && isLast(at, end)) return collectBelow(id, admit);
+    if (element == kAnyTrailingElements && isLast(at, end)) return collectBelow(id);
     ++at;
     if (element != kAnyElement) {
         pathHash = extend(pathHash, element);
         const NodeId child = findChild(id, element, pathHash);
-        if (child != 0 && admitted(id, element, admit)) {
-            collectCovered(child, at, end, pathHash, admit);
-        }
+        if (child != 0) collectCovered(child, at, end, pathHash);
         return;
     }
     for (NodeId child = nodes_[id].firstChild; child != 0; child = nodes_[child].next) {
         const std::string_view text = textOf(nodes_[child]);
-        if (admitted(id, text, admit)) {
-            collectCovered(child, at, end, extend(pathHash, text), admit);
-        }
+        if (isCovered(id, text)) collectCovered(child, at, end, extend(pathHash, text));
     }
     const NodeId any = nodes_[id].any;
-    if (any != 0 && admitted(id, kAnyElement, admit)) {
-        collectCovered(any, at, end, extend(pathHash, kAnyElement), admit);
-    }
+    if (any != 0) collectCovered(any, at, end, extend(pathHash, kAnyElement));
 }
 
-void SubjectIndex::collectBelow(NodeId id, const Admit& admit) {
-    const auto take = [this, id, &admit](NodeId child) {
-        if (child == 0 || !admitted(id, textOf(nodes_[child]), admit)) return;
+void SubjectIndex::collectBelow(NodeId id) {
+    const auto take = [this, id](NodeId child) {
+        if (child == 0 || !isCovered(id, textOf(nodes_[child]))) return;
         reach(nodes_[child].leaf);
-        collectBelow(child, admit);
+        collectBelow(child);
     };
     for (NodeId child = nodes_[id].firstChild; child != 0; child = nodes_[child].next) take(child);
     take(nodes_[id].any);
@@ -505,8 +500,8 @@ void SubjectIndex::Walk::matchExact(SubjectView subject) {
     index_.reach(index_.locate(subject));
 }
 
-void SubjectIndex::Walk::matchCovered(SubjectView pattern, const Admit& admit) {
-    index_.collectCovered(kRoot, pattern.begin(), pattern.end(), index_.seed_, admit);
+void SubjectIndex::Walk::matchCovered(SubjectView pattern) {
+    index_.collectCovered(kRoot, pattern.begin(), pattern.end(), index_.seed_);
     start();
 }
 

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -23,7 +22,6 @@ class SubjectIndex {
 
     /// Which first elements of subscriptions a match may follow.
     enum class Root : std::uint8_t { kAny, kLiteral };
-    using Admit = std::function<bool(std::string_view firstElement)>;
 
     SubjectIndex();
 
@@ -45,7 +43,7 @@ class SubjectIndex {
 
         void match(SubjectView subject, Root root);
         void matchExact(SubjectView subject);
-        void matchCovered(SubjectView pattern, const Admit& admit);
+        void matchCovered(SubjectView pattern);
 
         /// The next subscription in the order of adding, or null at the end.
         void* next();
@@ -144,9 +142,9 @@ class SubjectIndex {
     void collectBelowAny(NodeId id, SubjectView::Iterator at, SubjectView::Iterator end,
                          std::uint64_t pathHash);
     void collectCovered(NodeId id, SubjectView::Iterator at, SubjectView::Iterator end,
-                        std::uint64_t pathHash, const Admit& admit);
-    void collectBelow(NodeId id, const Admit& admit);
-    bool admitted(NodeId parent, std::string_view element, const Admit& admit) const;
+                        std::uint64_t pathHash);
+    void collectBelow(NodeId id);
+    bool isCovered(NodeId parent, std::string_view element) const;
     void endWalk(std::size_t base);
 
     // The free numbers have room for every number there is, and `dirty_` for every leaf.

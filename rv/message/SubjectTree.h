@@ -1,8 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
-#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -74,12 +72,12 @@ class SubjectTree {
         return visitAll(walk, visit);
     }
 
-    /// `admit(std::string_view)` says whether subscriptions with this first element ("*" and ">"
-    /// included) may be reached at all: that is where the rules for "_RV" and "_INBOX" go.
-    template <class Admit, class Visit>
-    std::size_t matchCovered(SubjectView pattern, Admit&& admit, Visit&& visit) const {
+    /// Wildcards in the first element of the pattern do not cover "_INBOX" and "_RV": private and
+    /// reserved subjects are reached only by patterns that name them.
+    template <class Visit>
+    std::size_t matchCovered(SubjectView pattern, Visit&& visit) const {
         SubjectIndex::Walk walk(index_);
-        walk.matchCovered(pattern, std::ref(admit));
+        walk.matchCovered(pattern);
         return visitAll(walk, visit);
     }
 

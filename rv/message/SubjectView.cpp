@@ -9,17 +9,15 @@ namespace kvx {
 
 namespace {
 
-constexpr std::size_t kSubjectHeaderBytes = 3;  // length and count
-constexpr std::size_t kElementExtra = 2;        // length byte and terminator
-
 // One element record: its length byte, 1 to 250 characters, a zero.
 bool takeElement(WireReader& reader) {
     std::uint8_t recordLength = 0;
     if (!reader.u8(recordLength)) return false;
-    if (recordLength <= kElementExtra || recordLength > kMaxSubjectElementText + kElementExtra) {
+    if (recordLength <= kSubjectElementExtra ||
+        recordLength > kMaxSubjectElementText + kSubjectElementExtra) {
         return false;
     }
-    const std::size_t characters = recordLength - kElementExtra;
+    const std::size_t characters = recordLength - kSubjectElementExtra;
     const std::uint8_t* text = nullptr;
     if (!reader.take(characters + 1, text) || text[characters] != 0) return false;
     return std::memchr(text, 0, characters) == nullptr &&

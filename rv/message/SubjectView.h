@@ -10,6 +10,8 @@
 
 namespace kvx {
 
+inline constexpr unsigned kSubjectHeaderBytes = 3;       // length and count
+inline constexpr unsigned kSubjectElementExtra = 2;      // length byte and terminator
 inline constexpr unsigned kMaxSubjectBytes = 1000;       // of an encoded subject
 inline constexpr unsigned kMaxSubjectElements = 102;     // of one subject
 inline constexpr unsigned kMaxSubjectElementText = 250;  // characters of one element
@@ -37,7 +39,7 @@ class KVX_API SubjectView {
     const void* data() const { return bytes_; }
     unsigned length() const { return static_cast<unsigned>(bytes_[0]) << 8U | bytes_[1]; }
     unsigned count() const { return bytes_[2]; }
-    std::string_view first() const { return Iterator{bytes_ + 3}.operator*(); }
+    std::string_view first() const { return Iterator{bytes_ + kSubjectHeaderBytes}.operator*(); }
     /// Element `i`, counted from 0 and below `count()`.
     std::string_view operator[](unsigned i) const;
     /// True when the last element is ">" or any is "*". A ">" further ahead is an ordinary element.
@@ -48,7 +50,8 @@ class KVX_API SubjectView {
       public:
         explicit Iterator(const std::uint8_t* record) : record_(record) {}
         std::string_view operator*() const {
-            return {reinterpret_cast<const char*>(record_ + 1), record_[0] - std::size_t{2}};
+            return {reinterpret_cast<const char*>(record_ + 1),
+                    record_[0] - std::size_t{kSubjectElementExtra}};
         }
         Iterator& operator++() {
             record_ += record_[0];
@@ -59,7 +62,7 @@ class KVX_API SubjectView {
       private:
         const std::uint8_t* record_;
     };
-    Iterator begin() const { return Iterator(bytes_ + 3); }
+    Iterator begin() const { return Iterator(bytes_ + kSubjectHeaderBytes); }
     Iterator end() const { return Iterator(bytes_ + length()); }
 
   private:

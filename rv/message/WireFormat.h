@@ -3,7 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <optional>
+#include <string_view>
 
+#include "rv/message/SubjectView.h"
 #include "rv/message/WireReader.h"
 #include "rv/message/rvmsg.h"
 
@@ -23,7 +26,8 @@ inline constexpr std::uint8_t kMediumForm = 0x79;
 inline constexpr std::uint8_t kLongForm = 0x7A;
 inline constexpr std::uint32_t kDateTimeWireBytes = 8;
 inline constexpr std::uint32_t kDateTimeBytes = 12;  // in memory
-inline constexpr std::uint32_t kMinSubjectBytes = 3;
+
+inline constexpr std::uint32_t kMaxMessageBytes = 0x4000000;  // that a link carries (64 MiB)
 
 inline bool hasMagic(const void* block, std::uint32_t magic) {
     return loadBig32(static_cast<const std::uint8_t*>(block) + 4) == magic;
@@ -43,12 +47,22 @@ struct WireField {
         return type == RVMSG_STRING && size == 0 ? static_cast<rvmsg_Data>("") : data;
     }
 
-    bool isNamed(const char* wanted, std::size_t wantedBytes) const {
-        return nameBytes == wantedBytes && std::memcmp(name, wanted, wantedBytes - 1) == 0;
+    bool isNamed(std::string_view wanted) const {
+        return nameBytes == wanted.size() + 1 &&
+               std::memcmp(name, wanted.data(), wanted.size()) == 0;
+    }
+
+    Bytes bytes() const { return {data, size}; }
+
+    /// The text of a string up to its terminator; nothing for another type.
+    std::optional<std::string_view> text() const {
+        if (type != RVMSG_STRING) return std::nullopt;
+        const auto* characters = reinterpret_cast<const char*>(data);
+        return std::string_view(characters, strnlen(characters, size));
     }
 };
 
-/// Walks the fields of one message. The message has the magic; its length word bounds every step.
+/// Walks the fields of one message and cannot step past its length word.
 class FieldCursor {
   public:
     enum class Step : std::uint8_t {
@@ -58,12 +72,18 @@ class FieldCursor {
     };
 
     FieldCursor() = default;
+    /// A message that is known to have the magic and all the bytes of its length word.
     explicit FieldCursor(const void* message) {
         const std::uint32_t length = loadBig32(message);
         if (length > kHeaderBytes) {
             reader_ = WireReader(message, length);
             static_cast<void>(reader_.skip(kHeaderBytes));
         }
+    }
+    /// Received bytes: nothing is visited when their header is that of no message that lies inside.
+    explicit FieldCursor(Bytes message) {
+        if (message.size() < kHeaderBytes || !hasMagic(message.data(), kMessageMagic)) return;
+        if (loadBig32(message.data()) <= message.size()) *this = FieldCursor(message.data());
     }
     /// Fields from `position` to `end`, which lie inside one message.
     FieldCursor(const std::uint8_t* position, const std::uint8_t* end)
@@ -136,7 +156,7 @@ class FieldCursor {
         std::uint16_t length = 0;
         if (!reader_.u8(form) || form != kMediumForm || !reader_.peek16(length)) return false;
         field.size = length;
-        return length >= kMinSubjectBytes && reader_.take(length, field.data);
+        return length >= kSubjectHeaderBytes && reader_.take(length, field.data);
     }
 
     bool takeSized(WireField& field) {
@@ -163,6 +183,15 @@ class FieldCursor {
 
     WireReader reader_;
 };
+
+/// The first field of that name in received bytes; nothing when no sound field before it has it.
+inline std::optional<WireField> findField(Bytes message, std::string_view name) {
+    FieldCursor cursor(message);
+    for (WireField field; cursor.next(field) == FieldCursor::Step::kField;) {
+        if (field.isNamed(name)) return field;
+    }
+    return std::nullopt;
+}
 
 template <class Value>
 rvmsg_Size storeDecoded(void* scratch, Value value) {

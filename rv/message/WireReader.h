@@ -4,8 +4,12 @@
 #include <cstdint>
 #include <cstring>
 #include <optional>
+#include <span>
 
 namespace kvx {
+
+/// A view of received bytes, or of bytes to send. Owns nothing.
+using Bytes = std::span<const std::uint8_t>;
 
 /// Big-endian numbers at any byte address.
 inline std::uint16_t loadBig16(const void* at) {

@@ -9,9 +9,7 @@
 
 namespace {
 
-constexpr unsigned kHeaderBytes = 3;   // length and count
-constexpr unsigned kElementExtra = 2;  // length byte and terminator
-constexpr unsigned kMaxCount = 255;    // what the count byte holds
+constexpr unsigned kMaxCount = 255;  // what the count byte holds
 constexpr unsigned kMaxLength = 0xFFFF;
 
 std::uint8_t* bytesOf(void* encoded) {
@@ -28,7 +26,7 @@ void writeHeader(void* encoded, unsigned length, unsigned count) {
 }
 
 void writeElement(std::uint8_t* at, const char* text, std::size_t characters) {
-    *at = static_cast<std::uint8_t>(characters + kElementExtra);
+    *at = static_cast<std::uint8_t>(characters + kvx::kSubjectElementExtra);
     std::memcpy(at + 1, text, characters);
     at[characters + 1] = 0;
 }
@@ -41,9 +39,9 @@ bool isElementLength(std::size_t characters) {
 bool takeElement(kvx::WireReader& reader, const char*& text, std::size_t& characters) {
     std::uint8_t recordLength = 0;
     const std::uint8_t* start = nullptr;
-    if (!reader.u8(recordLength) || recordLength < kElementExtra) return false;
+    if (!reader.u8(recordLength) || recordLength < kvx::kSubjectElementExtra) return false;
     if (!reader.take(recordLength - 1U, start)) return false;
-    characters = recordLength - kElementExtra;
+    characters = recordLength - kvx::kSubjectElementExtra;
     text = reinterpret_cast<const char*>(start);
     return start[characters] == 0;
 }
@@ -51,8 +49,8 @@ bool takeElement(kvx::WireReader& reader, const char*& text, std::size_t& charac
 // A reader over the element records; none for a subject without room for its header.
 kvx::WireReader elementsOf(const void* encoded) {
     const unsigned length = rvSubject_Length(encoded);
-    if (length < kHeaderBytes) return {};
-    return {bytesOf(encoded) + kHeaderBytes, length - kHeaderBytes};
+    if (length < kvx::kSubjectHeaderBytes) return {};
+    return {bytesOf(encoded) + kvx::kSubjectHeaderBytes, length - kvx::kSubjectHeaderBytes};
 }
 
 bool isFilledByElements(const void* encoded) {
@@ -71,12 +69,12 @@ int rvSubject_FromText(void* out, unsigned capacity, const char* text) {
     if (out == nullptr || text == nullptr) return -1;
     capacity = std::min(capacity, kvx::kMaxSubjectBytes);
     std::uint8_t encoded[kvx::kMaxSubjectBytes];  // `text` may lie in `out`
-    unsigned length = kHeaderBytes;
+    unsigned length = kvx::kSubjectHeaderBytes;
     unsigned count = 0;
     for (;;) {
         const std::size_t characters = std::strcspn(text, ".");
         if (!isElementLength(characters) || count == kvx::kMaxSubjectElements) return -1;
-        const auto record = static_cast<unsigned>(characters) + kElementExtra;
+        const auto record = static_cast<unsigned>(characters) + kvx::kSubjectElementExtra;
         if (length + record > capacity) return -1;
         writeElement(encoded + length, text, characters);
         length += record;
@@ -92,7 +90,7 @@ int rvSubject_FromText(void* out, unsigned capacity, const char* text) {
 char* rvSubject_ToText(char* out, unsigned capacity, const void* encoded) {
     if (out == nullptr || encoded == nullptr) return nullptr;
     const unsigned length = rvSubject_Length(encoded);
-    if (length < kHeaderBytes || length > capacity) return nullptr;
+    if (length < kvx::kSubjectHeaderBytes || length > capacity) return nullptr;
     if (!isFilledByElements(encoded)) return nullptr;
     // The text is shorter than the encoding, so it can be written over it.
     std::memmove(out, encoded, length);
@@ -116,7 +114,7 @@ unsigned rvSubject_Length(const void* encoded) {
 }
 
 unsigned rvSubject_Count(const void* encoded) {
-    return rvSubject_Length(encoded) < kHeaderBytes ? 0 : bytesOf(encoded)[2];
+    return rvSubject_Length(encoded) < kvx::kSubjectHeaderBytes ? 0 : bytesOf(encoded)[2];
 }
 
 const char* rvSubject_Element(const void* encoded, unsigned i) {
@@ -136,8 +134,10 @@ int rvSubject_AppendElement(void* encoded, unsigned capacity, const char* text) 
     if (text[characters] != 0 || !isElementLength(characters)) return -1;
     const unsigned length = rvSubject_Length(encoded);
     const unsigned count = rvSubject_Count(encoded);
-    const unsigned newLength = length + static_cast<unsigned>(characters) + kElementExtra;
-    if (length < kHeaderBytes || count == kMaxCount || newLength > kMaxLength) return -1;
+    const unsigned newLength =
+        length + static_cast<unsigned>(characters) + kvx::kSubjectElementExtra;
+    if (length < kvx::kSubjectHeaderBytes || count == kMaxCount || newLength > kMaxLength)
+        return -1;
     if (newLength >= capacity) return -1;
     writeElement(bytesOf(encoded) + length, text, characters);
     writeHeader(encoded, newLength, count + 1);
@@ -159,7 +159,7 @@ int rvSubject_RemoveLast(void* encoded) {
 }
 
 int rvSubject_InitEmpty(void* out, unsigned capacity) {
-    if (out == nullptr || capacity < kHeaderBytes) return -1;
-    writeHeader(out, kHeaderBytes, 0);
-    return static_cast<int>(kHeaderBytes);
+    if (out == nullptr || capacity < kvx::kSubjectHeaderBytes) return -1;
+    writeHeader(out, kvx::kSubjectHeaderBytes, 0);
+    return static_cast<int>(kvx::kSubjectHeaderBytes);
 }

@@ -83,7 +83,7 @@ int putBlock(FieldWriter& out, rvmsg_Data block, std::uint32_t magic, std::uint3
 
 int putSubject(FieldWriter& out, rvmsg_Data subject) {
     const unsigned length = rvSubject_Length(subject);
-    if (length < kvx::kMinSubjectBytes) return code::kInvalidData;
+    if (length < kvx::kSubjectHeaderBytes) return code::kInvalidData;
     if (!fits(out, length)) return code::kNoRoom;
     out.put8(kvx::kMediumForm);
     out.put(subject, length);
@@ -213,7 +213,7 @@ int findNested(std::uint8_t* message, const char* path, std::size_t characters,
     for (;;) {
         const FieldCursor::Step step = cursor.next(field);
         if (step == FieldCursor::Step::kEnd) return code::kNotFound;
-        const bool isWanted = field.isNamed(path, characters + 1);
+        const bool isWanted = field.isNamed({path, characters});
         if (step == FieldCursor::Step::kBroken) {
             return isWanted && field.type == RVMSG_MSG ? code::kInvalidArgument
                                                        : code::kInvalidData;

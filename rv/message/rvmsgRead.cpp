@@ -16,14 +16,14 @@ using kvx::FieldCursor;
 using kvx::WireField;
 namespace code = kvx::message_code;
 
-// Scans one message for `name`, which has `nameBytes` bytes with its terminator.
-int findHere(const void* message, const char* name, std::size_t nameBytes, WireField& field) {
+// Scans one message for `name`.
+int findHere(const void* message, std::string_view name, WireField& field) {
     if (!kvx::hasMagic(message, kvx::kMessageMagic)) return code::kNotInitialized;
     FieldCursor cursor(message);
     for (;;) {
         switch (cursor.next(field)) {
             case FieldCursor::Step::kField:
-                if (field.isNamed(name, nameBytes)) return code::kOk;
+                if (field.isNamed(name)) return code::kOk;
                 break;
             case FieldCursor::Step::kEnd:
                 return code::kNotFound;
@@ -41,7 +41,7 @@ int find(const void* message, const char* name, WireField& field) {
         const std::size_t element =
             stop == nullptr ? std::strlen(name) : static_cast<std::size_t>(stop - name);
         if (element == 0 || element > kvx::kMaxLookupCharacters) return code::kInvalidName;
-        const int result = findHere(message, name, element + 1, field);
+        const int result = findHere(message, {name, element}, field);
         if (result != code::kOk || stop == nullptr) return result;
         if (field.type != RVMSG_MSG) return code::kNotFound;
         message = field.data;

@@ -11,16 +11,14 @@
 #include "rv/object/RvSender.h"
 #include "rv/object/RvSession.h"
 #include "rv/object/SessionBlock.h"
-#include "rv/object/Text.h"
 #include "rv/session/rvSessionEvents.h"
+#include "rv/wire/Limits.h"
 
 // A delivery runs user code twice: the inbound filter, then `onData`. The filter may destroy the
 // listener, the callback or the session, so everything is looked up again after it; after `onData`
 // only the delivery's own datum and reply sender are touched, which hold the block by themselves.
 
 namespace {
-
-constexpr unsigned kInboxCapacity = 100;
 
 std::unique_ptr<RvDatum> wrapPayload(rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
     if (type == RVMSG_MSG) {
@@ -71,11 +69,12 @@ struct ListenerState : EventState {
 // The result is a session code.
 int ListenerState::subscribe(rv_Session session, const char* wanted) {
     isInbox = wanted == nullptr;
-    subject = isInbox ? Text(static_cast<char*>(std::calloc(kInboxCapacity, 1))) : copyText(wanted);
+    subject =
+        isInbox ? Text(static_cast<char*>(std::calloc(wire::kInboxCapacity, 1))) : copyText(wanted);
     if (subject == nullptr) return kvx::session_code::kNoMemory;
-    const int code =
-        isInbox ? rv_CreateInbox(session, &listen, subject.get(), kInboxCapacity, onMessage, this)
-                : rv_Listen(session, &listen, subject.get(), onMessage, this);
+    const int code = isInbox ? rv_CreateInbox(session, &listen, subject.get(), wire::kInboxCapacity,
+                                              onMessage, this)
+                             : rv_Listen(session, &listen, subject.get(), onMessage, this);
     return code;
 }
 

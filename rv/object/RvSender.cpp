@@ -14,8 +14,8 @@
 // listeners when it finds the daemon gone. Either may destroy this sender and the session. So a
 // send holds the block, gives the filter texts to outlive, and touches no member afterwards.
 
+using kvx::Text;
 using kvx::detail::BlockHold;
-using kvx::detail::Text;
 
 namespace {
 
@@ -29,8 +29,8 @@ int post(const RvSessionBlock& block, const char* subject, const char* reply,
 
 RvSender::RvSender(RvSessionBlock* block, const char* subject, const char* replySubject)
     : RvSessionObject(block),
-      m_subject(kvx::detail::copyText(subject)),
-      m_replySubject(kvx::detail::copyText(replySubject)) {
+      m_subject(kvx::copyText(subject)),
+      m_replySubject(kvx::copyText(replySubject)) {
     const bool complete = m_subject != nullptr && (replySubject == nullptr || m_replySubject);
     if (!complete) *m_block->status = RvStatus(kvx::session_code::kNoMemory);
 }
@@ -42,8 +42,8 @@ int RvSender::publish(const RvDatum& data, const char* replySubject) {
     if (m_outboundFilter.as<RvDatumFilter>() == nullptr) {
         return post(block, m_subject.get(), replySubject, data);
     }
-    const Text subject = kvx::detail::copyText(m_subject.get());
-    const Text reply = kvx::detail::copyText(replySubject);
+    const Text subject = kvx::copyText(m_subject.get());
+    const Text reply = kvx::copyText(replySubject);
     if (subject == nullptr || (replySubject != nullptr && reply == nullptr)) {
         return kvx::session_code::kNoMemory;
     }

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "platform/Memory.h"
 #include "rv/object/CallbackReference.h"
 #include "rv/object/RvSessionObject.h"
 #include "rv/object/RvStatus.h"
-#include "rv/object/Text.h"
 
 class RvDataCallback;
 class RvDatum;
@@ -45,6 +45,6 @@ class KVX_API RvSender : public RvSessionObject {
     int publish(const RvDatum& data, const char* replySubject);
 
     kvx::detail::CallbackReference m_outboundFilter;
-    kvx::detail::Text m_subject;
-    kvx::detail::Text m_replySubject;
+    kvx::Text m_subject;
+    kvx::Text m_replySubject;
 };

@@ -1,7 +1,6 @@
 // The advisories that a session makes about itself, and those that applications publish.
 
 #include <cstdio>
-#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,7 +8,7 @@
 #include "rv/error/rvAdvisory.h"
 #include "rv/error/rvCodes.h"
 #include "rv/error/rvErrors.h"
-#include "rv/message/rvSubject.h"
+#include "rv/message/AdvisorySubjects.h"
 #include "rv/session/SessionParts.h"
 
 namespace kvx::session {
@@ -32,18 +31,6 @@ struct Advisory {
     }
 };
 
-// A field of an advisory body: text, terminated and not empty.
-const char* textField(const void* body, const char* name) {
-    rvmsg_Type type = 0;
-    rvmsg_Size size = 0;
-    rvmsg_Data data = nullptr;
-    if (rvmsg_GetRaw(body, name, &type, &size, &data) != 0 || type != RVMSG_STRING || size < 2 ||
-        std::memchr(data, 0, size) == nullptr)
-        return nullptr;
-    const char* text = static_cast<const char*>(data);
-    return *text == '\0' ? nullptr : text;
-}
-
 struct AdvisoryFields {
     const char* advisoryClass;
     const char* source;
@@ -60,7 +47,7 @@ struct AdvisoryFields {
     // "_RV.<class>.<source>.<name>", encoded; nothing when it is no subject.
     [[nodiscard]] std::optional<Subject> subject() const {
         const std::string text =
-            std::string(advisory::kPrefix) + "." + advisoryClass + "." + source + "." + name;
+            std::string(kReservedElement) + "." + advisoryClass + "." + source + "." + name;
         return Subject::fromText(text.c_str(), advisory::kSubjectCapacity);
     }
 };

@@ -1,21 +1,25 @@
-// From a daemon address to a link: connecting, the greeting, the version and the queue's
-// parameters.
+// From a daemon's text to a link: its address, connecting, starting a local daemon, the greeting,
+// the version and the queue's parameters.
 //
 // An attempt is a connection on which the daemon's greeting has arrived; there are four of them,
 // with a pause after each that failed, and after the first one a local daemon is started. What the
 // daemon says after that is final, with one exception: a daemon that offers version 3 gets version
 // 4 tried on it, and when that does not succeed a second connection on which 3 is spoken.
 
+#include <cstdlib>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "platform/Clock.h"
+#include "platform/File.h"
+#include "platform/Process.h"
 #include "platform/Socket.h"
 #include "rv/error/rvCodes.h"
 #include "rv/link/LinkIo.h"
 #include "rv/session/SessionParts.h"
-#include "rv/wire/Greeting.h"
-#include "rv/wire/Limits.h"
+#include "rv/wire/Negotiation.h"
 
 namespace kvx::session {
 
@@ -24,6 +28,8 @@ namespace {
 using link::Deadline;
 using platform::Socket;
 
+constexpr std::string_view kScheme = "tcp:";
+constexpr std::size_t kMaxHostLength = 127;  // characters; longer names are cut
 constexpr int kAttempts = 4;
 constexpr platform::Milliseconds kPauseMs = 2'000;    // after a failed attempt
 constexpr platform::Milliseconds kConnectMs = 5'000;  // for one connect
@@ -113,7 +119,40 @@ int speakV3(SessionState& session) {
     return session_code::kInitFailed;
 }
 
+std::optional<std::string> executableIn(const std::string& directory, const std::string& name) {
+    if (directory.empty()) return std::nullopt;
+    std::string path = directory + "/" + name;
+    return platform::isExecutable(path) ? std::optional(std::move(path)) : std::nullopt;
+}
+
+// Beside the running program, then in $VEK_HOME/bin, then on PATH; a name with a slash is a file.
+std::optional<std::string> findProgram(const std::string& name) {
+    if (name.find('/') != std::string::npos) return name;
+    if (auto beside = executableIn(platform::programDirectory(), name)) return beside;
+    if (const char* home = std::getenv("VEK_HOME"); home != nullptr && *home != '\0')
+        if (auto installed = executableIn(std::string(home) + "/bin", name)) return installed;
+    return platform::findOnPath(name);
+}
+
 }  // namespace
+
+std::optional<DaemonAddress> parseDaemon(const char* text) {
+    const std::string_view daemon(text);
+    if (!daemon.starts_with(kScheme)) return std::nullopt;
+    const std::size_t portColon = daemon.rfind(':');
+    DaemonAddress address;
+    address.endpoint.port =
+        static_cast<std::uint16_t>(std::strtol(text + portColon + 1, nullptr, 10));
+    if (portColon < kScheme.size()) return address;
+    const std::string host(
+        daemon.substr(kScheme.size(), portColon - kScheme.size()).substr(0, kMaxHostLength));
+    if (host.empty()) return std::nullopt;
+    const auto resolved = platform::resolveHost(host);
+    if (!resolved) return std::nullopt;
+    address.local = *resolved == 0;
+    if (!address.local) address.endpoint.address = *resolved;
+    return address;
+}
 
 int connectLink(SessionState& session) {
     Greeted first = connectGreeted(session);
@@ -124,3 +163,12 @@ int connectLink(SessionState& session) {
 }
 
 }  // namespace kvx::session
+
+bool rv_StartDaemon(const char* program, const char* daemonText) {
+    if (program == nullptr || *program == '\0' || daemonText == nullptr) return false;
+    const std::string name(program);
+    const auto path = kvx::session::findProgram(name);
+    if (!path) return false;
+    const kvx::platform::Program command{*path, {name, "-listen", daemonText}, ""};
+    return kvx::platform::startDaemon(command, name.substr(name.rfind('/') + 1)).pid != 0;
+}

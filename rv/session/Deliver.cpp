@@ -6,7 +6,6 @@
 // records ask for are computed once a message, when the first record asks.
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <optional>
@@ -14,6 +13,7 @@
 
 #include "rv/error/rvAdvisory.h"
 #include "rv/error/rvCodes.h"
+#include "rv/message/AdvisorySubjects.h"
 #include "rv/message/rvSubject.h"
 #include "rv/session/SessionParts.h"
 
@@ -21,33 +21,11 @@ namespace kvx::session {
 
 namespace {
 
-std::optional<SubjectView> subjectOf(const std::uint8_t* message) {
-    rvmsg_Type type = 0;
-    rvmsg_Size size = 0;
-    rvmsg_Data data = nullptr;
-    if (rvmsg_GetRaw(message, wire::field::kSubject, &type, &size, &data) != 0 ||
-        type != RVMSG_SUBJECT)
-        return std::nullopt;
-    return SubjectView::parse(data, size);
-}
-
-// The dotted reply subject; null when the message has none.
-const char* replyOf(const std::uint8_t* message) {
-    rvmsg_Type type = 0;
-    rvmsg_Size size = 0;
-    rvmsg_Data data = nullptr;
-    if (rvmsg_GetRaw(message, wire::field::kReturn, &type, &size, &data) != 0 ||
-        type != RVMSG_STRING || size < 2 || std::memchr(data, 0, size) == nullptr)
-        return nullptr;
-    const char* text = static_cast<const char*>(data);
-    return *text == '\0' ? nullptr : text;
-}
-
 /// One message on its way to the listeners.
 class Delivery {
   public:
-    Delivery(SessionState& session, const std::uint8_t* message, SubjectView subject)
-        : session_(session), message_(message), subject_(subject) {
+    Delivery(SessionState& session, wire::Bytes message, SubjectView subject)
+        : session_(session), message_(message.data()), subject_(subject) {
         subjectText_[0] = '\0';
         encodedReply_[2] = 0;
     }
@@ -55,7 +33,7 @@ class Delivery {
     /// False when the message goes to nobody: a hook or an unreadable payload.
     bool prepare() {
         if (session_.hooks.run(RV_HOOK_DELIVER, session_.handle(), message_) != 0) return false;
-        reply_ = replyOf(message_);
+        reply_ = textField(message_, wire::field::kReturn);
         return readPayload();
     }
 
@@ -108,14 +86,15 @@ class Delivery {
     std::uint8_t encodedReply_[wire::kSubjectCapacity];
 };
 
-void reportUnhandled(const std::uint8_t* message) {
+void reportUnhandled(wire::Bytes message) {
     std::fputs(advisory::kUnhandledHeading, stderr);
-    rvmsg_PrintMsg(message, stderr);
+    rvmsg_PrintMsg(message.data(), stderr);
     std::fputs("\n", stderr);
 }
 
-void deliverOne(SessionState& session, const std::uint8_t* message) {
-    const auto subject = subjectOf(message);
+void deliverOne(SessionState& session, wire::Bytes message) {
+    const wire::Bytes encoded = wire::readRouting(message).subject;
+    const auto subject = SubjectView::parse(encoded.data(), encoded.size());
     if (!subject) return;
     std::optional<Delivery> delivery;
     session.listens.match(*subject, [&](const ListenRecord& record) {
@@ -127,36 +106,36 @@ void deliverOne(SessionState& session, const std::uint8_t* message) {
         }
         // A hook may have cancelled the record.
         const ListenRecord* called = session.listens.find(id);
-        if (called != nullptr && !isClosing(session)) delivery->callBack(*called);
-        return !isClosing(session);
+        if (called != nullptr && !session.isClosed()) delivery->callBack(*called);
+        return !session.isClosed();
     });
     if (!delivery && advisory::isReportable(*subject)) reportUnhandled(message);
 }
 
 // Memory that runs out costs this message only, and is told behind what waits.
-void deliverSafely(SessionState& session, const std::uint8_t* message) {
+void deliverSafely(SessionState& session, wire::Bytes message) {
     try {
         deliverOne(session, message);
     } catch (const std::bad_alloc&) {
-        session.noMemoryPending = message != session.noMemoryAdvisory.bytes.get();
+        session.noMemoryPending = message.data() != session.noMemoryAdvisory.bytes.get();
     }
 }
 
 // Delivers what came while callbacks ran; false when there was nothing.
 bool deliverNextPending(SessionState& session) {
-    if (isClosing(session)) return false;
+    if (session.isClosed()) return false;
     if (!session.pending.empty()) {
         const wire::OwnedMessage message = std::move(session.pending.front());
         session.pending.pop_front();
-        deliverSafely(session, message.bytes.get());
+        deliverSafely(session, message.view());
         return true;
     }
     if (!std::exchange(session.noMemoryPending, false)) return false;
-    deliverSafely(session, session.noMemoryAdvisory.bytes.get());
+    deliverSafely(session, session.noMemoryAdvisory.view());
     return true;
 }
 
-void run(SessionState& session, const std::uint8_t* message) {
+void run(SessionState& session, wire::Bytes message) {
     const Entered entered(session);
     session.delivering = true;
     deliverSafely(session, message);
@@ -166,37 +145,55 @@ void run(SessionState& session, const std::uint8_t* message) {
 }
 
 void wait(SessionState& session, wire::Bytes message) {
-    wire::OwnedMessage copy;
-    copy.bytes.reset(static_cast<std::uint8_t*>(std::malloc(message.size())));
-    if (!copy.bytes) {
-        session.noMemoryPending = true;
-        return;
-    }
-    copy.capacity = static_cast<std::uint32_t>(message.size());
-    std::memcpy(copy.bytes.get(), message.data(), message.size());
+    auto copy = wire::OwnedMessage::copyOf(message);
     try {
+        if (!copy.bytes) throw std::bad_alloc();
         session.pending.push_back(std::move(copy));
     } catch (const std::bad_alloc&) {
         session.noMemoryPending = true;
     }
 }
 
+void onMessage(ipq_Queue /*queue*/, wire::Bytes message, void* closure) {
+    deliver(*static_cast<SessionState*>(closure), message);
+}
+
+void onError(ipq_Queue /*queue*/, ipq_State /*state*/, void* closure) {
+    deliverNoMemory(*static_cast<SessionState*>(closure));
+}
+
 }  // namespace
 
 void deliver(SessionState& session, wire::Bytes message) {
-    if (isClosing(session)) return;
+    if (session.isClosed()) return;
     if (session.delivering)
         wait(session, message);
     else
-        run(session, message.data());
+        run(session, message);
 }
 
 void deliverNoMemory(SessionState& session) {
-    if (isClosing(session)) return;
+    if (session.isClosed()) return;
     if (session.delivering)
         session.noMemoryPending = true;
     else
-        run(session, session.noMemoryAdvisory.bytes.get());
+        run(session, session.noMemoryAdvisory.view());
+}
+
+void deliverFromLink(SessionState& session) {
+    ipq_SetMessageCallback(session.queue, onMessage, &session);
+    ipq_SetErrorCallback(session.queue, onError, &session);
+}
+
+const char* textField(const void* message, const char* name) {
+    rvmsg_Type type = 0;
+    rvmsg_Size size = 0;
+    rvmsg_Data data = nullptr;
+    if (rvmsg_GetRaw(message, name, &type, &size, &data) != 0 || type != RVMSG_STRING || size < 2 ||
+        std::memchr(data, 0, size) == nullptr)
+        return nullptr;
+    const char* text = static_cast<const char*>(data);
+    return *text == '\0' ? nullptr : text;
 }
 
 int deliverLocally(SessionState& session, SubjectView subject, const char* reply,

@@ -1,6 +1,10 @@
 #include "rv/session/HookLists.h"
 
 #include <algorithm>
+#include <new>
+
+#include "rv/error/rvCodes.h"
+#include "rv/session/SessionState.h"
 
 namespace kvx::session {
 
@@ -39,3 +43,33 @@ int HookLists::run(rv_HookList list, rv_Session session, const void* message) {
 }
 
 }  // namespace kvx::session
+
+namespace session_code = kvx::session_code;
+
+namespace {
+
+bool isHook(rv_HookList list, rv_Hook hook) {
+    return list >= RV_HOOK_PUBLISH && list <= RV_HOOK_RELEASE && hook != nullptr;
+}
+
+}  // namespace
+
+int rv_AddHook(rv_Session handle, rv_HookList list, rv_Hook hook, void* closure) {
+    kvx::session::SessionState* const session = kvx::session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
+    if (!isHook(list, hook)) return session_code::kInvalidArgument;
+    try {
+        session->hooks.add(list, hook, closure);
+    } catch (const std::bad_alloc&) {
+        return session_code::kNoMemory;
+    }
+    return session_code::kOk;
+}
+
+int rv_RemoveHook(rv_Session handle, rv_HookList list, rv_Hook hook, void* closure) {
+    kvx::session::SessionState* const session = kvx::session::find(handle);
+    if (session == nullptr) return session_code::kInvalidSession;
+    if (!isHook(list, hook)) return session_code::kInvalidArgument;
+    return session->hooks.remove(list, hook, closure) ? session_code::kOk
+                                                      : session_code::kInvalidArgument;
+}

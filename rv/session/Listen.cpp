@@ -55,7 +55,7 @@ int listen(SessionState& session, rv_Listener* listener, Subject subject, rv_Dat
         const int code = addPrivateInbox(session, &companion);
         if (code != 0) return code;
     }
-    ListenRecord record{std::move(subject), callback, closure, reserved, true, 0, companion};
+    ListenRecord record{std::move(subject), callback, closure, true, 0, companion};
     record.callable = false;
     rv_Listener made = nullptr;
     if (const int code = addRecord(session, &made, std::move(record)); code != 0) {
@@ -98,7 +98,7 @@ int addInbox(SessionState& session, rv_Listener* listener, rv_DataCallback callb
     auto subject = Subject::fromText(text.c_str(), wire::kInboxCapacity);
     if (!subject) return session_code::kInvalidSubject;
     return addRecord(session, listener,
-                     {std::move(*subject), callback, closure, true, textSubjects, 0, nullptr});
+                     {std::move(*subject), callback, closure, textSubjects, 0, nullptr});
 }
 
 int addPrivateInbox(SessionState& session, rv_Listener* listener) {

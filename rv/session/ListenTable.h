@@ -16,12 +16,12 @@ struct ListenRecord {
     Subject subject;
     rv_DataCallback callback;
     void* closure;
-    bool local;         ///< announced to the daemon without a companion inbox, or not at all
     bool textSubjects;  ///< the callback gets dotted text, else the encoded form
     long serial;        ///< the listen counter when it was made
-    rv_Listener companion = nullptr;  ///< the private reply inbox of a record that is not local
-    rv_Listener id = nullptr;         ///< its own; set by the table
-    bool callable = true;             ///< false while its listen is still being made
+    rv_Listener companion =
+        nullptr;               ///< the private reply inbox; null for inboxes and reserved subjects
+    rv_Listener id = nullptr;  ///< its own; set by the table
+    bool callable = true;      ///< false while its listen is still being made
 };
 
 /// The listen records of a session: by id, by subject, and in the order in which they were made.
@@ -48,11 +48,7 @@ class ListenTable {
     std::size_t match(SubjectView subject, Visit&& visit) const {
         if (subject.first() == kInboxElement) return tree_.matchExact(subject, visit);
         if (!subject.hasWildcards()) return tree_.match(subject, visit);
-        const bool reserved = subject.first() == kReservedElement;
-        const auto admit = [reserved](std::string_view first) {
-            return first != kInboxElement && (reserved || first != kReservedElement);
-        };
-        return tree_.matchCovered(subject, admit, visit);
+        return tree_.matchCovered(subject, visit);
     }
 
   private:

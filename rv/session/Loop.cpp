@@ -6,7 +6,6 @@
 
 #include "platform/Socket.h"
 #include "rv/error/rvCodes.h"
-#include "rv/link/LinkTrace.h"
 #include "rv/session/SessionParts.h"
 
 namespace kvx::session {
@@ -116,28 +115,6 @@ int rv_SetProperty(rv_Session handle, const char* name, const void* record) {
 
 void rv_SetTraceLevel(const int* level) {
     kvx::link::setTraceLevel(level);
-}
-
-int rv_AddHook(rv_Session handle, rv_HookList list, rv_Hook hook, void* closure) {
-    session::SessionState* const session = session::find(handle);
-    if (session == nullptr) return session_code::kInvalidSession;
-    if (list < RV_HOOK_PUBLISH || list > RV_HOOK_RELEASE || hook == nullptr)
-        return session_code::kInvalidArgument;
-    try {
-        session->hooks.add(list, hook, closure);
-    } catch (const std::bad_alloc&) {
-        return session_code::kNoMemory;
-    }
-    return session_code::kOk;
-}
-
-int rv_RemoveHook(rv_Session handle, rv_HookList list, rv_Hook hook, void* closure) {
-    session::SessionState* const session = session::find(handle);
-    if (session == nullptr) return session_code::kInvalidSession;
-    if (list < RV_HOOK_PUBLISH || list > RV_HOOK_RELEASE || hook == nullptr)
-        return session_code::kInvalidArgument;
-    return session->hooks.remove(list, hook, closure) ? session_code::kOk
-                                                      : session_code::kInvalidArgument;
 }
 
 const char* rv_SessionName(rv_Session handle) {

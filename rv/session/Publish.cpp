@@ -5,6 +5,7 @@
 
 #include "rv/error/rvAdvisory.h"
 #include "rv/error/rvCodes.h"
+#include "rv/message/AdvisorySubjects.h"
 #include "rv/message/rvSubject.h"
 #include "rv/session/SessionParts.h"
 

@@ -1,11 +1,10 @@
 // The link breaks and comes back.
 //
-// A lost link is dropped at once, so that whatever discovers the loss next finds none; the advisory
-// is delivered once for that reason. An asynchronous session then tries to connect from a timer: at
-// once, and after a failed round of attempts again every 15 s. A round blocks the loop. When links
-// that rounds have brought break within two seconds, one after the other, the pauses double from
-// 250 ms up to the 15 s: a daemon that closes what it has just accepted is not asked again and
-// again.
+// A lost link is dropped at once: later calls find no link, and the advisory is delivered only
+// once. An asynchronous session then tries to connect from a timer: at once, and after a failed
+// round of attempts again every 15 s. A round blocks the loop. When links that rounds have brought
+// break within two seconds, one after the other, the pauses double from 250 ms up to the 15 s: a
+// daemon that closes what it has just accepted is not asked again and again.
 
 #include <algorithm>
 #include <exception>
@@ -20,22 +19,22 @@ namespace kvx::session {
 namespace {
 
 constexpr unsigned long kRetryMs = 15'000;            // between two rounds
-constexpr platform::Milliseconds kNoTimerMs = 5'000;  // the same, when there is no timer to be had
-constexpr platform::Milliseconds kSettledMs = 2'000;  // a link that lasts so long has come about
-constexpr unsigned long kFirstPauseMs = 250;          // after the first one that does not
+constexpr platform::Milliseconds kNoTimerMs = 5'000;  // the same without memory for a timer
+constexpr platform::Milliseconds kSettledMs = 2'000;  // a link that lasts so long is established
+constexpr unsigned long kFirstPauseMs = 250;          // after the first one that is not
 constexpr unsigned kMostDoublings = 6;                // of that pause, before kRetryMs is reached
 constexpr platform::Milliseconds kStallMs = 60'000;   // a peer that takes no byte so long is gone
 
 bool scheduleReconnect(SessionState& session, unsigned long delayMs);
 
 void reconnect(SessionState& session) {
-    while (!isClosing(session)) {
+    while (!session.isClosed()) {
         if (connectAndIntroduce(session) == session_code::kOk) {
             session.reconnectedAt = platform::monotonicMs();
             session.hooks.run(RV_HOOK_RECONNECT, session.handle(), nullptr);
             return;
         }
-        if (isClosing(session) || scheduleReconnect(session, kRetryMs)) return;
+        if (session.isClosed() || scheduleReconnect(session, kRetryMs)) return;
         deliverNoMemory(session);
         platform::sleepMs(kNoTimerMs);
     }
@@ -64,24 +63,15 @@ unsigned long pauseAfterLoss(SessionState& session) {
     return std::min(kFirstPauseMs << doublings, kRetryMs);
 }
 
-void onMessage(ipq_Queue /*queue*/, wire::Bytes message, void* closure) {
-    deliver(*static_cast<SessionState*>(closure), message);
-}
-
 void onPeerGone(ipq_Queue /*queue*/, ipq_State /*state*/, void* closure) {
     linkLost(*static_cast<SessionState*>(closure));
-}
-
-void onError(ipq_Queue /*queue*/, ipq_State /*state*/, void* closure) {
-    deliverNoMemory(*static_cast<SessionState*>(closure));
 }
 
 }  // namespace
 
 void watchLink(SessionState& session) {
-    ipq_SetMessageCallback(session.queue, onMessage, &session);
+    deliverFromLink(session);
     ipq_SetPeerGoneCallback(session.queue, onPeerGone, &session);
-    ipq_SetErrorCallback(session.queue, onError, &session);
     ipq_SetStallLimit(session.queue, kStallMs);
     ipq_SetBlocking(session.queue, false);
 }
@@ -93,8 +83,8 @@ void linkLost(SessionState& session) {
     session.queue = nullptr;
     ipq_Close(queue, false);
     session.hooks.run(RV_HOOK_DISCONNECT, session.handle(), nullptr);
-    if (!isClosing(session)) announceDisconnect(session);
-    if (isClosing(session) || session.manager == nullptr || session.reconnectTimer != nullptr)
+    if (!session.isClosed()) announceDisconnect(session);
+    if (session.isClosed() || session.manager == nullptr || session.reconnectTimer != nullptr)
         return;
     if (scheduleReconnect(session, pauseAfterLoss(session))) return;
     deliverNoMemory(session);

@@ -8,8 +8,10 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 #include "platform/Clock.h"
 #include "platform/Process.h"
@@ -41,6 +43,26 @@ const std::string& processUser() {
     return user;
 }
 
+struct ProcessDefaults {
+    std::mutex lock;
+    FlavourRecord flavour;
+    ipq_Properties link = link::kDefaultProperties;
+};
+
+// Never destroyed: sessions may be opened while the process ends.
+ProcessDefaults& processDefaults() {
+    static auto& defaults = *new ProcessDefaults;
+    return defaults;
+}
+
+std::optional<std::string> copyOf(const char* text) {
+    return text == nullptr ? std::nullopt : std::optional<std::string>(text);
+}
+
+const char* textOrNull(const std::optional<std::string>& text) {
+    return text ? text->c_str() : nullptr;
+}
+
 std::string textOr(const char* text, const char* otherwise) {
     return text == nullptr || *text == '\0' ? otherwise : text;
 }
@@ -53,6 +75,12 @@ int buildNoMemoryAdvisory(SessionState& session) {
     return built.code == 0 ? session_code::kOk : session_code::kNoMemory;
 }
 
+void adoptProcessDefaults(SessionState& session) {
+    const std::scoped_lock guard(processDefaults().lock);
+    session.flavour = processDefaults().flavour;
+    session.properties = processDefaults().link;
+}
+
 int fill(SessionState& session, const char* service, const char* network, const char* daemon) {
     session.created = platform::wallSeconds();
     session.identity = nextIdentity();
@@ -60,8 +88,7 @@ int fill(SessionState& session, const char* service, const char* network, const 
     session.service = textOr(service, "");
     session.network = textOr(network, "");
     session.daemon = textOr(daemon, kDefaultDaemon);
-    session.flavour = processFlavour();
-    session.properties = processLinkProperties();
+    adoptProcessDefaults(session);
     if (const int code = buildNoMemoryAdvisory(session); code != 0) return code;
     return session.manager == nullptr ? session_code::kOk : session.events.start(session.manager);
 }
@@ -91,12 +118,6 @@ void closeLink(SessionState& session) {
     session.reconnectTimer = nullptr;
 }
 
-}  // namespace
-
-Entered::~Entered() {
-    if (--session_.entered == 0 && session_.closeRequested) release(&session_);
-}
-
 int create(rv_Session* out, rvevm_Manager manager, bool sharesManager, const char* service,
            const char* network, const char* daemon) {
     try {
@@ -110,6 +131,21 @@ int create(rv_Session* out, rvevm_Manager manager, bool sharesManager, const cha
     } catch (const std::bad_alloc&) {
         return session_code::kNoMemory;
     }
+}
+
+}  // namespace
+
+wire::Flavour FlavourRecord::view() const {
+    return {id, textOrNull(name), textOrNull(ticket), key, flags};
+}
+
+void setProcessLinkProperties(const ipq_Properties& properties) {
+    const std::scoped_lock guard(processDefaults().lock);
+    processDefaults().link = properties;
+}
+
+Entered::~Entered() {
+    if (--session_.entered == 0 && session_.isClosed()) release(&session_);
 }
 
 int codeOfBuild(int messageCode, bool sizeLeftOpen) {
@@ -136,6 +172,19 @@ bool rv_IsOpen(rv_Session handle) {
     return session::find(handle) != nullptr;
 }
 
+int rv_Flavor(int id, const char* name, const char* ticket, int key, int flags) {
+    if (id == 0) return session_code::kVersionMismatch;
+    try {
+        session::FlavourRecord record{id, session::copyOf(name), session::copyOf(ticket), key,
+                                      flags};
+        const std::scoped_lock guard(session::processDefaults().lock);
+        session::processDefaults().flavour = std::move(record);
+    } catch (const std::bad_alloc&) {
+        return session_code::kNoMemory;
+    }
+    return session_code::kOk;
+}
+
 int rv_CreateSession(rv_Session* session, rvevm_Manager manager, const char* service,
                      const char* network, const char* daemon) {
     if (session == nullptr) return session_code::kInvalidArgument;
@@ -158,12 +207,12 @@ int rv_Open(rv_Session* session, const char* service, const char* network, const
 
 int rv_Close(rv_Session handle) {
     session::SessionState* const session = session::find(handle);
-    if (session == nullptr || session->closeStarted) return session_code::kInvalidSession;
+    if (session == nullptr || !session->isOpen()) return session_code::kInvalidSession;
     const session::Entered entered(*session);
-    session->closeStarted = true;
+    session->moveOn(session::Life::Closing);
     session->hooks.run(RV_HOOK_CLOSE, handle, nullptr);
     session->retire();
-    session->closeRequested = true;
+    session->moveOn(session::Life::Closed);
     session::closeLink(*session);
     if (session->inLoop) rvevm_Stop(session->manager);
     return session_code::kOk;

@@ -162,7 +162,7 @@ void SessionEvents::onManagerTimer(void* /*owner*/, void* closure, int /*kind*/,
 
 void SessionEvents::runTimers() {
     lateness_ = 0;
-    if (timers_->runDueTimers() == event::kInvalidQueue || isClosing(*session_)) return;
+    if (timers_->runDueTimers() == event::kInvalidQueue || session_->isClosed()) return;
     if (lateness_ > advisory::kStarvationThreshold)
         announceStarvation(*session_, static_cast<std::uint32_t>(lateness_));
 }

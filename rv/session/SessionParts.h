@@ -22,14 +22,13 @@ class Entered {
     SessionState& session_;
 };
 
-/// Session.cpp
-[[nodiscard]] inline bool isClosing(const SessionState& session) {
-    return session.closeRequested;
-}
-[[nodiscard]] int create(rv_Session* out, rvevm_Manager manager, bool sharesManager,
-                         const char* service, const char* network, const char* daemon);
+/// Session.cpp: the link properties of sessions created later. Any thread.
+void setProcessLinkProperties(const ipq_Properties& properties);
 
-/// Connect.cpp: makes the link; on success the session has a queue.
+/// Connect.cpp: reads "tcp:[host:]port" and resolves the host, which may block. Nothing when the
+/// text has another form or the host is unknown. A port that is no number is 0.
+[[nodiscard]] std::optional<DaemonAddress> parseDaemon(const char* text);
+/// Makes the link; on success the session has a queue.
 [[nodiscard]] int connectLink(SessionState& session);
 
 /// Handshake.cpp: connects, introduces the session and announces its listens.
@@ -56,6 +55,10 @@ void watchLink(SessionState& session);
 /// to wait.
 void deliver(SessionState& session, wire::Bytes message);
 void deliverNoMemory(SessionState& session);
+/// Lets the link's messages, and its lack of memory, come to the listeners.
+void deliverFromLink(SessionState& session);
+/// A text field of a message; null when it is absent, empty, not terminated or no string.
+[[nodiscard]] const char* textField(const void* message, const char* name);
 
 [[nodiscard]] int deliverLocally(SessionState& session, SubjectView subject, const char* reply,
                                  const wire::Payload& payload);

@@ -7,10 +7,9 @@
 #include <vector>
 
 #include "platform/Clock.h"
+#include "platform/Socket.h"
 #include "rv/event/HandleTable.h"
 #include "rv/link/ipq.h"
-#include "rv/session/DaemonAddress.h"
-#include "rv/session/Flavour.h"
 #include "rv/session/HookLists.h"
 #include "rv/session/ListenTable.h"
 #include "rv/session/SessionEvents.h"
@@ -20,6 +19,31 @@
 namespace kvx::session {
 
 struct SessionState;
+
+/// Where a daemon text leads.
+struct DaemonAddress {
+    bool local = true;  ///< no host was named: the daemon of this machine, which may be started
+    platform::Endpoint endpoint{platform::kLoopbackAddress, 0};
+};
+
+/// The flavour that a session announces.
+struct FlavourRecord {
+    int id = 0;
+    std::optional<std::string> name;
+    std::optional<std::string> ticket;
+    int key = 0;
+    int flags = 0;
+
+    /// Points into this record.
+    [[nodiscard]] wire::Flavour view() const;
+};
+
+/// A session's life goes forward only.
+enum class Life : std::uint8_t {
+    Open,
+    Closing,  ///< the hooks of closing run, which can still send
+    Closed    ///< nothing of it is called any more; the memory goes when nothing of it is entered
+};
 
 /// The sessions of the process by their handles. A session is found from its creation until
 /// `rv_Close` has run the hooks of closing.
@@ -72,14 +96,18 @@ struct SessionState final : link::LinkHost, event::Handle<SessionState> {
     bool noMemoryPending = false;
     bool delivering = false;
 
-    // Life. The memory goes when closing has been requested and nothing is entered.
-    int entered = 0;
+    int entered = 0;  // scopes on the stack that hold the memory (`Entered`)
     bool inLoop = false;
-    bool closeStarted = false;
-    bool closeRequested = false;
-
     HookLists hooks;
     SessionEvents events;
+
+    [[nodiscard]] bool isOpen() const { return life_ == Life::Open; }
+    [[nodiscard]] bool isClosed() const { return life_ == Life::Closed; }
+    /// Only `rv_Close` moves it on.
+    void moveOn(Life next) { life_ = next; }
+
+  private:
+    Life life_ = Life::Open;
 };
 
 /// Null for a handle that is null, closed or foreign. Any thread.

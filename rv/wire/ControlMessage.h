@@ -1,14 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string_view>
 
-#include "rv/message/WireReader.h"
+#include "platform/Memory.h"
 #include "rv/message/rvmsg.h"
-#include "rv/wire/Bytes.h"
 #include "rv/wire/Limits.h"
 
 /// The messages that a session and its daemon exchange: what each holds, in which order, and how it
@@ -49,16 +47,12 @@ enum class MessageType : char {
     Data = 'D'
 };
 
-/// Answers of the daemon to an init message, from the session's code table.
-inline constexpr std::int32_t kServiceNotFound = 16;
-inline constexpr std::int32_t kNetworkNotFound = 17;
-
-struct FreeDeleter {
-    void operator()(void* memory) const noexcept { std::free(memory); }
-};
-
 /// A message in memory of its own (malloc, released with free).
 struct OwnedMessage {
+    /// `capacity` bytes that are not written to yet; none without memory.
+    [[nodiscard]] static OwnedMessage allocate(std::size_t capacity);
+    [[nodiscard]] static OwnedMessage copyOf(Bytes message);
+
     std::unique_ptr<std::uint8_t[], FreeDeleter> bytes;
     std::uint32_t capacity = 0;  ///< bytes allocated
 

@@ -8,7 +8,6 @@
 // stream for good.
 
 #include "rv/wire/FrameReader.h"
-#include "rv/message/WireReader.h"
 
 #include <algorithm>
 #include <utility>
@@ -18,10 +17,10 @@ namespace kvx::wire {
 FrameReader::Head FrameReader::judge(const std::uint8_t* header) {
     const std::uint32_t length = loadBig32(header);
     const std::uint32_t magic = loadBig32(header + 4);
-    if (magic == 0) return {FrameKind::Close, kFrameHeaderSize};
+    if (magic == 0) return {FrameKind::Close, kHeaderBytes};
     if (magic != kMessageMagic) return {FrameKind::Broken, 0};
-    if (length < kFrameHeaderSize || length > kMaxMessageLength) return {FrameKind::Broken, 0};
-    if (length == kFrameHeaderSize) return {FrameKind::Keepalive, kFrameHeaderSize};
+    if (length < kHeaderBytes || length > kMaxMessageBytes) return {FrameKind::Broken, 0};
+    if (length == kHeaderBytes) return {FrameKind::Keepalive, kHeaderBytes};
     return {FrameKind::Message, length};
 }
 
@@ -39,7 +38,7 @@ Frame FrameReader::next() {
 }
 
 Frame FrameReader::fromChunk() {
-    if (chunk_.size() >= kFrameHeaderSize) {
+    if (chunk_.size() >= kHeaderBytes) {
         const Head head = judge(chunk_.data());
         if (head.kind == FrameKind::Close || head.kind == FrameKind::Broken) {
             return finish(head.kind);
@@ -53,14 +52,14 @@ Frame FrameReader::fromChunk() {
         topUp(head.length);
         return {};
     }
-    if (!chunk_.empty()) topUp(kFrameHeaderSize);
+    if (!chunk_.empty()) topUp(kHeaderBytes);
     return {};
 }
 
 Frame FrameReader::fromPartial() {
-    if (partial_.size() < kFrameHeaderSize) {
-        topUp(kFrameHeaderSize);
-        if (partial_.size() < kFrameHeaderSize) return {};
+    if (partial_.size() < kHeaderBytes) {
+        topUp(kHeaderBytes);
+        if (partial_.size() < kHeaderBytes) return {};
     }
     const Head head = judge(partial_.data());
     if (head.kind == FrameKind::Close || head.kind == FrameKind::Broken) return finish(head.kind);
@@ -93,11 +92,11 @@ void FrameReader::topUp(std::size_t length) {
 bool FrameReader::ready() const {
     if (end_ != FrameKind::None) return true;
     const std::size_t have = held() + chunk_.size();
-    if (have < kFrameHeaderSize) return false;
-    std::array<std::uint8_t, kFrameHeaderSize> header{};
-    const std::size_t early = std::min(held(), kFrameHeaderSize);
+    if (have < kHeaderBytes) return false;
+    std::array<std::uint8_t, kHeaderBytes> header{};
+    const std::size_t early = std::min<std::size_t>(held(), kHeaderBytes);
     std::copy_n(partial_.begin(), early, header.begin());
-    std::copy_n(chunk_.begin(), kFrameHeaderSize - early,
+    std::copy_n(chunk_.begin(), kHeaderBytes - early,
                 header.begin() + static_cast<std::ptrdiff_t>(early));
     const Head head = judge(header.data());
     return head.kind != FrameKind::Message || have >= head.length;

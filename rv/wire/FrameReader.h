@@ -5,17 +5,16 @@
 #include <cstdint>
 #include <vector>
 
-#include "rv/wire/Bytes.h"
 #include "rv/wire/Limits.h"
 
 namespace kvx::wire {
 
 /// The empty message: says nothing but "still here".
-inline constexpr std::array<std::uint8_t, kFrameHeaderSize> kKeepaliveBlock = {
-    0, 0, 0, 8, 0x99, 0x55, 0xEE, 0xAA};
+inline constexpr std::array<std::uint8_t, kHeaderBytes> kKeepaliveBlock = {0,    0,    0,    8,
+                                                                           0x99, 0x55, 0xEE, 0xAA};
 
 /// The close notice; the peer answers with the same block.
-inline constexpr std::array<std::uint8_t, kFrameHeaderSize> kCloseBlock = {};
+inline constexpr std::array<std::uint8_t, kHeaderBytes> kCloseBlock = {};
 
 enum class FrameKind {
     None,       ///< no whole frame left: feed the next chunk

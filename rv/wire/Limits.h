@@ -3,8 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "rv/message/WireFormat.h"
+
 /// The numbers that both ends of a daemon link agree on, each with its unit.
 namespace kvx::wire {
+
+using kvx::Bytes;
 
 /// Protocol versions of the link. A daemon of this system offers 4; either end still speaks 3.
 inline constexpr std::uint32_t kProtocolV3 = 3;
@@ -12,14 +16,10 @@ inline constexpr std::uint32_t kProtocolV4 = 4;
 
 inline constexpr std::size_t kGreetingSize = 12;        ///< bytes
 inline constexpr std::size_t kParameterBlockSize = 64;  ///< bytes
-inline constexpr std::size_t kFrameHeaderSize = 8;      ///< bytes: length word and magic word
-
-inline constexpr std::uint32_t kMessageMagic = 0x9955EEAA;
-inline constexpr std::uint32_t kMaxMessageLength = 0x4000000;  ///< bytes, header included (64 MiB)
 
 /// The limit that each end proposes for either direction, and the only segment limit accepted, in
 /// bytes.
-inline constexpr std::uint32_t kLinkLimit = 0x4000000;
+inline constexpr std::uint32_t kLinkLimit = kMaxMessageBytes;
 inline constexpr std::uint32_t kQueueType = 2;     ///< the only queue type there is
 inline constexpr std::uint16_t kQueueVariant = 1;  ///< at offset 14 of a version 4 block
 inline constexpr std::int16_t kV3MessageLimit =

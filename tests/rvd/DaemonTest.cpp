@@ -2,7 +2,7 @@
 
 #include <map>
 
-#include "rv/wire/Fields.h"
+#include "rv/message/WireFormat.h"
 #include "rv/wire/Negotiation.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/RawClient.h"
@@ -140,10 +140,10 @@ TEST(DaemonProgram, ServesWithItsStandardStreamsClosed) {
 }
 
 std::uint64_t unsignedIn(wire::Bytes message, const char* name) {
-    const auto field = wire::findField(message, name);
+    const auto field = kvx::findField(message, name);
     if (!field || field->type != RVMSG_UINT) return 0;
     std::uint64_t value = 0;
-    for (const std::uint8_t byte : field->data) value = value << 8 | byte;
+    for (const std::uint8_t byte : field->bytes()) value = value << 8 | byte;
     return value;
 }
 
@@ -177,12 +177,12 @@ TEST(SlowReader, IsToldExactlyWhatItLostAndHoldsUpNobody) {
         const Received next = slow.expectNext();
         if (next.text == "end") break;
         if (next.subject == "_RV.WARN.SYSTEM.DATALOSS") {
-            const auto data = wire::findField(next.bytes, "data");
+            const auto data = kvx::findField(next.bytes, "data");
             ASSERT_TRUE(data.has_value());
-            lost += unsignedIn(data->data, "lost");
-            bytes += unsignedIn(data->data, "bytes");
-            EXPECT_EQ(wire::textOf(*wire::findField(data->data, "cause")), "slow reader");
-            EXPECT_EQ(wire::textOf(*wire::findField(data->data, "ADV_NAME")), "DATALOSS");
+            lost += unsignedIn(data->bytes(), "lost");
+            bytes += unsignedIn(data->bytes(), "bytes");
+            EXPECT_EQ(kvx::findField(data->bytes(), "cause")->text(), "slow reader");
+            EXPECT_EQ(kvx::findField(data->bytes(), "ADV_NAME")->text(), "DATALOSS");
             continue;
         }
         const int number = std::stoi(next.text);

@@ -3,7 +3,7 @@
 #include <array>
 #include <optional>
 
-#include "rv/wire/Fields.h"
+#include "rv/message/WireFormat.h"
 #include "tests/support/RawClient.h"
 
 namespace kvx::rvd {
@@ -60,12 +60,12 @@ class Queue : public testing::Test {
         return text;
     }
     static std::string notice(wire::Bytes message) {
-        const wire::Bytes data = wire::findField(message, "data")->data;
-        const auto lost = wire::findField(data, "lost")->data;
+        const wire::Bytes data = kvx::findField(message, "data")->bytes();
+        const auto lost = kvx::findField(data, "lost")->bytes();
         EXPECT_EQ(lost.size(), 4U);
-        EXPECT_EQ(wire::findField(data, "bytes")->data.size(), 8U);
+        EXPECT_EQ(kvx::findField(data, "bytes")->size, 8U);
         return "LOST:" + std::to_string(loadBig32(lost.data())) + ':' +
-               std::string(*wire::textOf(*wire::findField(data, "cause"))) + ' ';
+               std::string(*kvx::findField(data, "cause")->text()) + ' ';
     }
     void expectExact() {
         const auto& totals = box->totals();

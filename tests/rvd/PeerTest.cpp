@@ -3,7 +3,6 @@
 #include "rvd/Peer.h"
 
 #include "rv/wire/ControlMessage.h"
-#include "rv/wire/Greeting.h"
 #include "rv/wire/Negotiation.h"
 #include "tests/support/RawClient.h"
 
@@ -186,12 +185,14 @@ TEST_P(PeerProtocol, DropsSystemAdvisoriesOfClientsAndUnsoundSubjects) {
     open();
     feed(test::dataMessage("_RV.WARN.SYSTEM.X", ""));
     feed(test::dataMessage("_RV.INFO.SYSTEM", ""));
+    feed(test::dataMessage("_RV.*.SYSTEM", ""));
+    feed(test::dataMessage("_RV.>", ""));
     Stream unsound = test::dataMessage("AA.BB", "x");
     unsound[8 + 11 + 7 + 2 + 1] = 0;  // a zero inside the first element
     feed(unsound);
     feed(test::dataMessage("_RV.WARN.APP.X", ""));
     EXPECT_EQ(recorder.log, "publish:_RV.WARN.APP.X ");
-    EXPECT_EQ(counters[Counter::MessagesReserved], 2U);
+    EXPECT_EQ(counters[Counter::MessagesReserved], 4U);
     EXPECT_EQ(counters[Counter::MessagesUnreadable], 1U);
 }
 

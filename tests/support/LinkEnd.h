@@ -15,9 +15,7 @@
 #include "rv/message/rvSubject.h"
 #include "rv/message/rvmsg.h"
 #include "rv/wire/ControlMessage.h"
-#include "rv/wire/Fields.h"
 #include "rv/wire/FrameReader.h"
-#include "rv/wire/Greeting.h"
 #include "rv/wire/Negotiation.h"
 
 namespace kvx::test {
@@ -83,11 +81,11 @@ class LinkEnd {
     }
     /// The next message or 8-byte block; empty at the end of the stream.
     ByteVector readMessage() {
-        ByteVector bytes = read(wire::kFrameHeaderSize);
-        if (bytes.size() < wire::kFrameHeaderSize) return {};
+        ByteVector bytes = read(kHeaderBytes);
+        if (bytes.size() < kHeaderBytes) return {};
         const std::uint32_t length = loadBig32(bytes.data());
-        if (length <= wire::kFrameHeaderSize) return bytes;
-        const ByteVector rest = read(length - wire::kFrameHeaderSize);
+        if (length <= kHeaderBytes) return bytes;
+        const ByteVector rest = read(length - kHeaderBytes);
         bytes.insert(bytes.end(), rest.begin(), rest.end());
         return bytes;
     }
@@ -95,7 +93,7 @@ class LinkEnd {
     /// Takes messages until the other end closes; what they were.
     std::vector<ByteVector> readToTheEnd() {
         std::vector<ByteVector> messages;
-        for (ByteVector message = readMessage(); message.size() > wire::kFrameHeaderSize;
+        for (ByteVector message = readMessage(); message.size() > kHeaderBytes;
              message = readMessage())
             messages.push_back(std::move(message));
         return messages;
@@ -130,7 +128,7 @@ class LinkEnd {
 
 /// What a message says in its "mtype" and "sub" fields, for example "L:A.B".
 inline std::string headline(const ByteVector& message) {
-    if (message.size() <= wire::kFrameHeaderSize) return "";
+    if (message.size() <= kHeaderBytes) return "";
     const wire::Routing routing = wire::readRouting(message);
     std::string text(1, static_cast<char>(routing.type));
     if (routing.subject.empty()) return text;

@@ -131,7 +131,7 @@ class RawClient : public LinkEnd {
     ByteVector expectMessage() {
         ByteVector next = readMessage();
         while (isBlock(next, wire::kKeepaliveBlock)) next = readMessage();
-        if (next.size() <= wire::kFrameHeaderSize) throw std::runtime_error("the daemon closes");
+        if (next.size() <= kHeaderBytes) throw std::runtime_error("the daemon closes");
         return next;
     }
 

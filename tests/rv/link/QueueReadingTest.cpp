@@ -1,6 +1,5 @@
 // What a queue makes of the bytes that its peer sends.
 
-#include "rv/link/LinkTrace.h"
 #include "tests/rv/link/LinkFixture.h"
 
 namespace kvx::test {

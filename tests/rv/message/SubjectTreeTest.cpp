@@ -19,10 +19,6 @@ kvx::Subject subject(const std::string& text) {
     return *encoded;
 }
 
-bool admitAll(std::string_view) {
-    return true;
-}
-
 class SubjectTreeTest : public testing::Test {
   protected:
     Listener& listen(const std::string& pattern) {
@@ -41,9 +37,8 @@ class SubjectTreeTest : public testing::Test {
     std::string reached(const std::string& text) {
         return collected([&](auto visit) { tree_.match(subject(text), visit); });
     }
-    std::string reachedByPattern(const std::string& text,
-                                 const std::function<bool(std::string_view)>& admit = admitAll) {
-        return collected([&](auto visit) { tree_.matchCovered(subject(text), admit, visit); });
+    std::string reachedByPattern(const std::string& text) {
+        return collected([&](auto visit) { tree_.matchCovered(subject(text), visit); });
     }
     template <class Ask>
     static std::string collected(Ask ask) {
@@ -99,16 +94,13 @@ TEST_F(SubjectTreeTest, APatternReachesWhatItCovers) {
     EXPECT_EQ(reachedByPattern(">"), "A A.B A.* A.> A.B.C A.*.C *.B > * X.B");
 }
 
-TEST_F(SubjectTreeTest, APatternsRootFollowsTheCallersRule) {
+TEST_F(SubjectTreeTest, APatternReachesReservedRootsOnlyByTheirName) {
     listenTo({"_RV.>", "_INBOX.S.1", "A.B", ">", "_RV.WARN.X"});
-    const auto ordinary = [](std::string_view first) {
-        return first != kvx::kInboxElement && first != kvx::kReservedElement;
-    };
-    const auto reserved = [](std::string_view first) { return first != kvx::kInboxElement; };
-    EXPECT_EQ(reachedByPattern(">", ordinary), "A.B >");
-    EXPECT_EQ(reachedByPattern("*.*", ordinary), "A.B");
-    EXPECT_EQ(reachedByPattern("_RV.*.*", reserved), "_RV.WARN.X");
-    EXPECT_EQ(reachedByPattern("_INBOX.>", reserved), "");
+    EXPECT_EQ(reachedByPattern(">"), "A.B >");
+    EXPECT_EQ(reachedByPattern("*.*"), "A.B");
+    EXPECT_EQ(reachedByPattern("_RV.*.*"), "_RV.WARN.X");
+    EXPECT_EQ(reachedByPattern("_INBOX.>"), "_INBOX.S.1");
+    EXPECT_EQ(reachedByPattern("A.>"), "A.B");
 }
 
 TEST_F(SubjectTreeTest, CountsOnePointerAsOftenAsItWasAdded) {

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "rv/wire/Fields.h"
+#include "rv/error/rvCodes.h"
 #include "tests/support/LinkEnd.h"
 
 namespace kvx::wire {
@@ -14,23 +14,25 @@ using Stream = std::vector<std::uint8_t>;
 std::string shape(Bytes message) {
     std::string text;
     FieldCursor cursor(message);
-    for (Field field; cursor.next(field);) {
+    WireField field;
+    auto step = cursor.next(field);
+    for (; step == FieldCursor::Step::kField; step = cursor.next(field)) {
         text += std::string(field.name) + ':' + std::to_string(field.type) + ' ';
     }
-    EXPECT_FALSE(cursor.broken());
+    EXPECT_EQ(step, FieldCursor::Step::kEnd);
     return text;
 }
 
 std::int32_t numberIn(Bytes message, const char* name) {
     const auto field = findField(message, name);
-    return field && field->type == RVMSG_INT && field->data.size() == 4
-               ? static_cast<std::int32_t>(loadBig32(field->data.data()))
+    return field && field->type == RVMSG_INT && field->size == 4
+               ? static_cast<std::int32_t>(loadBig32(field->data))
                : -1;
 }
 
 std::string textIn(Bytes message, const char* name) {
     const auto field = findField(message, name);
-    const auto text = field ? textOf(*field) : std::nullopt;
+    const auto text = field ? field->text() : std::nullopt;
     return text ? std::string(*text) : "(none)";
 }
 
@@ -98,7 +100,7 @@ TEST(DataMessage, EveryPayloadFitsItsBuffer) {
         const Built built =
             buildData(encoded, reply.c_str(), 53, {RVMSG_OPAQUE, length, payload.data()});
         ASSERT_EQ(built.code, 0) << size;
-        EXPECT_EQ(findField(built.message.view(), "data")->data.size(), size);
+        EXPECT_EQ(findField(built.message.view(), "data")->size, size);
     }
 }
 
@@ -120,7 +122,7 @@ TEST(ReplyMessage, IsReadBackWithItsAddressOrItsError) {
     EXPECT_EQ(good.code, 0);
     EXPECT_EQ(good.ipAddress, 0x0100007FU);
     EXPECT_EQ(good.ipPort, 0x1234);
-    EXPECT_EQ(readReply(buildErrorReply(kServiceNotFound).message.view()).code, 16);
+    EXPECT_EQ(readReply(buildErrorReply(session_code::kServiceNotFound).message.view()).code, 16);
     EXPECT_EQ(shape(buildReply(1, 2).message.view()), "mtype:8 data:1 ");
 }
 
@@ -160,6 +162,21 @@ TEST(Routing, IsReadInAnyFieldOrderAndSurvivesEveryCut) {
             const Bytes found = readRouting(part).subject;
             EXPECT_TRUE(found.empty() || found.data() + found.size() <= part.data() + part.size());
         }
+    }
+}
+
+// A nested message holds at least its header; what stands behind a shorter one is not read.
+TEST(Routing, EndsAtANestedMessageWithoutAHeader) {
+    for (const std::uint8_t length : {0, 4, 7, 8}) {
+        Stream message = {0, 0, 0, 0, 0x99, 0x55, 0xEE, 0xAA, 2, 'm', 0, RVMSG_MSG, 0x7A};
+        Stream nested = {0, 0, 0, length, 0x99, 0x55, 0xEE, 0xAA};
+        nested.resize(length);
+        message.insert(message.end(), nested.begin(), nested.end());
+        const Stream type = {6, 'm', 't', 'y', 'p', 'e', 0, RVMSG_STRING, 2, 'D', 0};
+        message.insert(message.end(), type.begin(), type.end());
+        storeBig32(message.data(), static_cast<std::uint32_t>(message.size()));
+        EXPECT_EQ(readRouting(message).type, length == 8 ? MessageType::Data : MessageType::Unknown)
+            << int{length};
     }
 }
 

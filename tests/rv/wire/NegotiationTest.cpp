@@ -1,7 +1,5 @@
 #include "rv/wire/Negotiation.h"
 
-#include "rv/wire/Greeting.h"
-
 namespace kvx::wire {
 namespace {
 

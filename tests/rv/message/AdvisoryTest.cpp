@@ -1,4 +1,5 @@
 #include "rv/error/rvAdvisory.h"
+#include "rv/message/AdvisorySubjects.h"
 #include "rv/message/RvMsg.h"
 #include "rv/message/rvSubject.h"
 
@@ -59,6 +60,7 @@ TEST(Advisory, RefusesWhatCannotBeOne) {
 }
 
 TEST(Advisory, KnowsReservedAndReportableSubjects) {
+    using kvx::advisory::coversSystemSubject;
     using kvx::advisory::isReportable;
     using kvx::advisory::isSystemSubject;
     for (const char* text : {"_RV.WARN.SYSTEM", "_RV.ERROR.SYSTEM.X", "_RV.INFO.SYSTEM.A.B"}) {
@@ -66,6 +68,14 @@ TEST(Advisory, KnowsReservedAndReportableSubjects) {
     }
     for (const char* text : {"_RV.WARN.APP.X", "_RV.SYSTEM", "_RV.WARN", "A.WARN.SYSTEM"}) {
         EXPECT_FALSE(isSystemSubject(view(text))) << text;
+    }
+    for (const char* text : {"_RV.*.SYSTEM", "_RV.>", "_RV.WARN.*", "_RV.WARN.>", "_RV.*.*.X"}) {
+        EXPECT_FALSE(isSystemSubject(view(text))) << text;
+        EXPECT_TRUE(coversSystemSubject(view(text))) << text;
+    }
+    EXPECT_TRUE(coversSystemSubject(view("_RV.INFO.SYSTEM.>")));
+    for (const char* text : {">", "*.WARN.SYSTEM", "_RV.*", "_RV.*.APP.>", "_RV.X.*", "_RV.>.*"}) {
+        EXPECT_FALSE(coversSystemSubject(view(text))) << text;
     }
     EXPECT_TRUE(isReportable(view("_RV.WARN")));
     EXPECT_TRUE(isReportable(view("_RV.ERROR.APP.X")));

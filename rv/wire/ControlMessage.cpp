@@ -1,41 +1,35 @@
-// Building control messages: each function lists its fields in the order in which they stand in the
-// message. `Builder` remembers the first failure, so that a list of fields reads as one.
+// Building and reading control messages.
+//
+// Each builder lists its fields in the order in which they stand in the message; `Builder`
+// remembers the first failure. Readers look fields up by name in received bytes. What every message
+// is routed by, its type and subject, stands first in what this system sends and is then read as
+// one piece.
+
+#include "rv/wire/ControlMessage.h"
 
 #include <cstring>
 #include <utility>
 
 #include "rv/error/rvCodes.h"
-#include "rv/message/WireReader.h"
-#include "rv/message/rvmsg.h"
-#include "rv/wire/ControlMessage.h"
 
 namespace kvx::wire {
 namespace {
 
 namespace code = message_code;
 
-constexpr std::uint32_t kSealedMagic = 0x9955EEBB;
-
 constexpr std::uint32_t kReplyCapacity = 128;  // bytes; both forms of the daemon's answer fit
 
 // Room that a data message takes besides its variable parts, in bytes.
-constexpr std::uint64_t kTypeRoom = 22;
+constexpr std::uint64_t kTypeRoom = 24;
 constexpr std::uint64_t kSubjectRoom = 12;
 constexpr std::uint64_t kReturnRoom = 16;
 constexpr std::uint64_t kPayloadRoom = 13;
 constexpr std::uint64_t kFlavourRoom = 16;
 
-constexpr const char* kInitText = "I";
-constexpr const char* kReplyText = "R";
-constexpr const char* kListenText = "L";
-constexpr const char* kCancelText = "C";
-constexpr const char* kDataText = "D";
-
 class Builder {
   public:
     explicit Builder(std::uint32_t capacity) {
-        built_.message.bytes.reset(static_cast<std::uint8_t*>(std::malloc(capacity)));
-        built_.message.capacity = capacity;
+        built_.message = OwnedMessage::allocate(capacity);
         built_.code =
             built_.message.bytes ? rvmsg_Init(built_.message.bytes.get(), capacity) : code::kNoRoom;
     }
@@ -46,6 +40,10 @@ class Builder {
                                        type, size, data);
         }
         return *this;
+    }
+    Builder& type(MessageType type) {
+        const char text[] = {static_cast<char>(type), '\0'};
+        return field(wire::field::kMessageType, RVMSG_STRING, sizeof text, text);
     }
     Builder& text(const char* name, const char* value) {
         return value != nullptr ? field(name, RVMSG_STRING, 0, value) : *this;
@@ -75,10 +73,7 @@ class Builder {
 };
 
 Built reply(const Built& data) {
-    return Builder(kReplyCapacity)
-        .text(field::kMessageType, kReplyText)
-        .message(field::kData, data)
-        .finish();
+    return Builder(kReplyCapacity).type(MessageType::Reply).message(field::kData, data).finish();
 }
 
 // The size of a payload whose caller left it open. False for what has no size of its own.
@@ -96,17 +91,80 @@ bool measure(const Payload& payload, std::uint64_t& size) {
             return true;
         case RVMSG_ENCRYPTED:
             size = loadBig32(bytes);
-            return loadBig32(bytes + 4) == kSealedMagic;
+            return hasMagic(bytes, kSealedMagic);
         default:
             return false;
     }
 }
 
+MessageType messageTypeOf(const WireField& field) {
+    const auto text = field.text();
+    if (!text || text->size() != 1) return MessageType::Unknown;
+    switch (text->front()) {
+        case 'I':
+        case 'R':
+        case 'L':
+        case 'C':
+        case 'D':
+            return static_cast<MessageType>(text->front());
+        default:
+            return MessageType::Unknown;
+    }
+}
+
+// What every data, listen and cancel message of this system begins with, up to the letter and
+// behind it: reading these bytes as one piece is what routing costs for nearly every message.
+constexpr std::uint8_t kLeading[] = {6, 'm', 't', 'y', 'p', 'e', 0, 8, 2};
+constexpr std::uint8_t kFollowing[] = {0, 4, 's', 'u', 'b', 0, 2, 0x79};
+constexpr std::size_t kLetterAt = kHeaderBytes + sizeof kLeading;
+constexpr std::size_t kSubjectAt = kLetterAt + 1 + sizeof kFollowing;
+
+bool readUsualRouting(Bytes message, Routing& routing) {
+    if (message.size() < kSubjectAt + kSubjectHeaderBytes) return false;
+    const std::uint8_t* at = message.data();
+    if (std::memcmp(at + kHeaderBytes, kLeading, sizeof kLeading) != 0) return false;
+    if (std::memcmp(at + kLetterAt + 1, kFollowing, sizeof kFollowing) != 0) return false;
+    const std::uint8_t letter = at[kLetterAt];
+    if (letter != 'D' && letter != 'L' && letter != 'C') return false;
+    const std::size_t length = loadBig16(at + kSubjectAt);
+    if (length < kSubjectHeaderBytes || length > message.size() - kSubjectAt) return false;
+    routing = {static_cast<MessageType>(letter), message.subspan(kSubjectAt, length)};
+    return true;
+}
+
+void readErrorReply(const WireField& error, Reply& reply) {
+    const bool readable = error.type == RVMSG_INT && error.size == sizeof(std::int32_t);
+    reply.code =
+        readable ? static_cast<std::int32_t>(loadBig32(error.data)) : session_code::kInitFailed;
+}
+
+// The bytes of an address field as they are: they are in network byte order already.
+template <class Number>
+bool readAddress(Bytes data, const char* name, Number& value) {
+    const auto field = findField(data, name);
+    if (!field || field->type != RVMSG_IPDATA || field->size != sizeof value) return false;
+    std::memcpy(&value, field->data, sizeof value);
+    return true;
+}
+
 }  // namespace
+
+OwnedMessage OwnedMessage::allocate(std::size_t capacity) {
+    OwnedMessage message;
+    message.bytes.reset(static_cast<std::uint8_t*>(std::malloc(capacity)));
+    if (message.bytes) message.capacity = static_cast<std::uint32_t>(capacity);
+    return message;
+}
+
+OwnedMessage OwnedMessage::copyOf(Bytes message) {
+    OwnedMessage copy = allocate(message.size());
+    if (copy.bytes) std::memcpy(copy.bytes.get(), message.data(), message.size());
+    return copy;
+}
 
 Built buildInit(const InitFields& fields) {
     Builder builder(kControlCapacity);
-    builder.text(field::kMessageType, kInitText)
+    builder.type(MessageType::Init)
         .text(field::kUserId, fields.userId)
         .text(field::kSession, fields.session)
         .text(field::kService, fields.service)
@@ -125,7 +183,7 @@ Built buildInit(const InitFields& fields) {
 
 Built buildListen(Bytes subject, const char* returnSubject, std::int32_t flavourId) {
     return Builder(kControlCapacity)
-        .text(field::kMessageType, kListenText)
+        .type(MessageType::Listen)
         .subject(subject)
         .text(field::kReturn, returnSubject)
         .flavourId(flavourId)
@@ -134,7 +192,7 @@ Built buildListen(Bytes subject, const char* returnSubject, std::int32_t flavour
 
 Built buildCancel(Bytes subject, std::int32_t flavourId) {
     return Builder(kControlCapacity)
-        .text(field::kMessageType, kCancelText)
+        .type(MessageType::Cancel)
         .subject(subject)
         .flavourId(flavourId)
         .finish();
@@ -142,8 +200,7 @@ Built buildCancel(Bytes subject, std::int32_t flavourId) {
 
 std::uint64_t dataCapacity(std::size_t subjectLength, std::size_t replyLength, bool hasPayload,
                            std::uint64_t payloadSize) {
-    std::uint64_t capacity =
-        std::strlen(kDataText) + 1 + kTypeRoom + subjectLength + kSubjectRoom + kFlavourRoom;
+    std::uint64_t capacity = kTypeRoom + subjectLength + kSubjectRoom + kFlavourRoom;
     if (replyLength > 0) capacity += replyLength + kReturnRoom;
     if (hasPayload) capacity += payloadSize + kPayloadRoom;
     return capacity;
@@ -159,9 +216,9 @@ Built buildData(Bytes subject, const char* replySubject, std::int32_t flavourId,
     }
     const std::size_t replyLength = replySubject != nullptr ? std::strlen(replySubject) : 0;
     const std::uint64_t capacity = dataCapacity(subject.size(), replyLength, hasPayload, size);
-    if (capacity > kMaxMessageLength) return {code::kInvalidData, {}};
+    if (capacity > kMaxMessageBytes) return {code::kInvalidData, {}};
     Builder builder(static_cast<std::uint32_t>(capacity));
-    builder.text(field::kMessageType, kDataText).subject(subject);
+    builder.type(MessageType::Data).subject(subject);
     if (replyLength > 0) builder.text(field::kReturn, replySubject);
     builder.flavourId(flavourId);
     if (hasPayload) {
@@ -181,6 +238,58 @@ Built buildReply(std::uint32_t ipAddress, std::uint16_t ipPort) {
 
 Built buildErrorReply(std::int32_t error) {
     return reply(Builder(kReplyCapacity).number(field::kError, error).finish());
+}
+
+Routing readRouting(Bytes message) {
+    Routing routing;
+    if (readUsualRouting(message, routing)) return routing;
+    bool typeSeen = false;
+    bool subjectSeen = false;
+    FieldCursor cursor(message);
+    WireField found;
+    while (!(typeSeen && subjectSeen) && cursor.next(found) == FieldCursor::Step::kField) {
+        if (!typeSeen && found.isNamed(field::kMessageType)) {
+            typeSeen = true;
+            routing.type = messageTypeOf(found);
+        } else if (!subjectSeen && found.isNamed(field::kSubject)) {
+            subjectSeen = true;
+            if (found.type == RVMSG_SUBJECT) routing.subject = found.bytes();
+        }
+    }
+    return routing;
+}
+
+Init readInit(Bytes message) {
+    Init init;
+    const auto text = [message](const char* name) -> std::optional<std::string_view> {
+        const auto found = findField(message, name);
+        return found ? found->text() : std::nullopt;
+    };
+    init.userId = text(field::kUserId);
+    init.session = text(field::kSession);
+    init.service = text(field::kService);
+    init.network = text(field::kNetwork);
+    init.control = text(field::kControl);
+    return init;
+}
+
+Reply readReply(Bytes message) {
+    Reply reply;
+    if (readRouting(message).type != MessageType::Reply) return reply;
+    const auto data = findField(message, field::kData);
+    if (!data || data->type != RVMSG_MSG) return reply;
+    if (const auto error = findField(data->bytes(), field::kError)) {
+        readErrorReply(*error, reply);
+        if (reply.code != 0) return reply;
+    }
+    if (!readAddress(data->bytes(), field::kIpAddress, reply.ipAddress)) {
+        reply.code = session_code::kNetworkNotFound;
+    } else if (!readAddress(data->bytes(), field::kIpPort, reply.ipPort)) {
+        reply.code = session_code::kServiceNotFound;
+    } else {
+        reply.code = 0;
+    }
+    return reply;
 }
 
 }  // namespace kvx::wire
