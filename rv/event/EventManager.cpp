@@ -13,8 +13,14 @@
 #include <new>
 
 #include "rv/error/rvCodes.h"
+#include "rv/event/EventManagerExtras.h"
 
 namespace kvx::event {
+
+namespace {
+constexpr std::size_t kInitialTimers = 16;            // places in the manager's own timer queue
+constexpr platform::Milliseconds kIdleSleep = 1'000;  // a step with nothing to wait for
+}  // namespace
 
 EventManager::EventManager(void* owner)
     : owner_(owner),

@@ -4,7 +4,6 @@
 #include <optional>
 
 #include "platform/Poll.h"
-#include "rv/event/EventKinds.h"
 #include "rv/event/IoTable.h"
 #include "rv/event/SignalTable.h"
 #include "rv/event/TimerQueue.h"

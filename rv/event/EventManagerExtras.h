@@ -5,6 +5,9 @@
 /// What the floors above need of the event manager beyond its public operations. Loop thread only.
 namespace kvx::event {
 
+/// What a callback is told about the kind of its event.
+enum EventKind : int { kIoEvent = 1, kTimerEvent = 2, kSignalEvent = 3 };
+
 /// Lets the I/O entry `id` be called in the next step whether or not its socket is ready, and that
 /// step not wait. For an owner that has work left over from its last call. 2 for an invalid id.
 int makeReady(rvevm_Manager manager, rvevm_Id id) noexcept;

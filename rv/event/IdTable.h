@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -11,7 +12,10 @@
 namespace kvx::event {
 
 /// Numbers that no two calls in this process share, ascending from 1. Any thread.
-[[nodiscard]] std::uint64_t nextIdSerial() noexcept;
+[[nodiscard]] inline std::uint64_t nextIdSerial() noexcept {
+    static std::atomic<std::uint64_t> serial = 0;
+    return serial.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 /// Owns things that others know by an id, and tells for any id, however old or foreign, whether it
 /// names a thing that still lives here. Ids are tokens: looking one up reads only the table.

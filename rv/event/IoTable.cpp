@@ -20,11 +20,12 @@
 
 #include "rv/error/rvCodes.h"
 #include "rv/error/rvErrors.h"
-#include "rv/event/EventKinds.h"
 
 namespace kvx::event {
 
 namespace {
+
+constexpr std::size_t kMaxWatched = 1'024;  // entries of one condition
 
 namespace socket_error = platform::socket_error;
 

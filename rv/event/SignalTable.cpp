@@ -13,10 +13,13 @@
 
 #include "platform/Signals.h"
 #include "rv/error/rvCodes.h"
+#include "rv/event/EventManagerExtras.h"
 
 namespace kvx::event {
 
 namespace {
+
+constexpr int kDispatchedSignals = 23;  // signals 0 to 22 are dispatched
 
 struct CaughtSignals {
     std::atomic<const SignalTable*> owner = nullptr;

@@ -4,11 +4,12 @@
 #include <atomic>
 
 #include "platform/Poll.h"
-#include "rv/event/EventKinds.h"
 #include "rv/event/IdTable.h"
 #include "rv/event/rvevm.h"
 
 namespace kvx::event {
+
+inline constexpr int kSignalSlots = 24;  ///< signals 0 to 23 can be registered
 
 /// The signals of one event manager. At most one table of the process owns signals: the first one
 /// to register, until it dies. Loop thread only, but for what a signal itself does.

@@ -19,7 +19,7 @@
 #include <new>
 
 #include "rv/error/rvCodes.h"
-#include "rv/event/EventKinds.h"
+#include "rv/event/EventManagerExtras.h"
 
 namespace kvx::event {
 

@@ -1,8 +1,9 @@
-// Finding, decoding and walking fields.
+// Finding, decoding and walking fields, and checking a whole message that came from outside.
 //
 // Everything that reads a message goes through `FieldCursor`, so there is one place that knows how
 // a field lies on the wire and one place that can meet a broken one. A path is followed in a loop,
-// message by message: how deeply a peer nests costs no stack.
+// message by message, and the check keeps the ends of the messages it is inside of in a fixed
+// array: how deeply a peer nests costs no stack.
 
 #include <cstring>
 
@@ -71,6 +72,53 @@ int report(const WireField& field, void* scratch, rvmsg_IterateCallback callback
     return callback(name, field.type, size, data, closure);
 }
 
+bool isNameValid(const WireField& field) {
+    if (field.nameBytes == 0) return true;
+    return field.nameBytes <= kvx::kMaxNameBytes &&
+           std::memchr(field.name, 0, field.nameBytes) == field.name + field.nameBytes - 1;
+}
+
+bool isDataValid(const WireField& field) {
+    switch (field.type) {
+        case RVMSG_DATETIME:
+            return field.size == kvx::kDateTimeWireBytes;
+        case RVMSG_BOOLEAN:
+            return field.size == 1;
+        case RVMSG_IPDATA:
+            return field.size <= sizeof(std::uint32_t);
+        case RVMSG_INT:
+        case RVMSG_UINT:
+        case RVMSG_REAL:
+            return field.size <= sizeof(std::uint64_t);
+        case RVMSG_MSG:
+            return kvx::hasMagic(field.data, kvx::kMessageMagic);
+        case RVMSG_ENCRYPTED:
+            return kvx::hasMagic(field.data, kvx::kSealedMagic);
+        default:
+            return true;
+    }
+}
+
+int validateFields(const std::uint8_t* position, const std::uint8_t* end) {
+    const std::uint8_t* ends[kvx::kMaxNesting + 1] = {end};
+    unsigned level = 0;
+    WireField field;
+    for (;;) {
+        while (position == ends[level]) {
+            if (level == 0) return code::kOk;
+            --level;
+        }
+        FieldCursor cursor(position, ends[level]);
+        if (cursor.next(field) != FieldCursor::Step::kField) return code::kInvalidData;
+        if (!isNameValid(field) || !isDataValid(field)) return code::kInvalidData;
+        position = cursor.position();
+        if (field.type != RVMSG_MSG) continue;
+        if (level == kvx::kMaxNesting) return code::kInvalidData;
+        ends[++level] = position;
+        position = field.data + kvx::kHeaderBytes;
+    }
+}
+
 }  // namespace
 
 int rvmsg_Get(void* scratch, const void* buffer, const char* name, rvmsg_Type* type,
@@ -117,6 +165,14 @@ int rvmsg_Iterate(const void* buffer, const char* name, rvmsg_IterateCallback ca
                 return code::kInvalidData;
         }
     }
+}
+
+int rvmsg_Validate(const void* bytes, std::size_t length) {
+    if (bytes == nullptr || length < kvx::kHeaderBytes) return code::kInvalidData;
+    if (!kvx::hasMagic(bytes, kvx::kMessageMagic)) return code::kNotInitialized;
+    if (kvx::loadBig32(bytes) != length) return code::kInvalidData;
+    const auto* const first = static_cast<const std::uint8_t*>(bytes);
+    return validateFields(first + kvx::kHeaderBytes, first + length);
 }
 
 int rvmsg_Unseal(rvmsg_Data block, rvmsg_Size blockLength, rvmsg_UnsealRoutine unseal,

@@ -146,9 +146,9 @@ void run(SessionState& session, wire::Bytes message) {
 
 void wait(SessionState& session, wire::Bytes message) {
     auto copy = wire::OwnedMessage::copyOf(message);
+    session.noMemoryPending = session.noMemoryPending || !copy.bytes;
     try {
-        if (!copy.bytes) throw std::bad_alloc();
-        session.pending.push_back(std::move(copy));
+        if (copy.bytes) session.pending.push_back(std::move(copy));
     } catch (const std::bad_alloc&) {
         session.noMemoryPending = true;
     }

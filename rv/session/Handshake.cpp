@@ -103,7 +103,7 @@ int announceRecords(SessionState& session) {
 
 int announceInboxesOf(SessionState& session, const std::string& name) {
     const auto subject =
-        Subject::fromText(("_INBOX." + name + ".>").c_str(), wire::kSubjectCapacity);
+        Subject::fromText((inboxPrefix(name) + ">").c_str(), wire::kSubjectCapacity);
     if (!subject) return session_code::kInvalidSubject;
     return sendListen(session, wire::buildListen(bytesOf(*subject), nullptr, session.flavour.id));
 }
@@ -112,7 +112,7 @@ int announceInboxesOf(SessionState& session, const std::string& name) {
 void forgetUnusedNames(SessionState& session) {
     const auto records = session.listens.ordered();
     std::erase_if(session.formerNames, [&](const std::string& name) {
-        const std::string prefix = "_INBOX." + name + ".";
+        const std::string prefix = inboxPrefix(name);
         return std::ranges::none_of(records, [&](rv_Listener id) {
             const ListenRecord* record = session.listens.find(id);
             return isInbox(record->subject) && record->subject.view().text().starts_with(prefix);

@@ -94,7 +94,7 @@ wire::Built listenMessage(SessionState& session, const ListenRecord& record) {
 int addInbox(SessionState& session, rv_Listener* listener, rv_DataCallback callback, void* closure,
              bool textSubjects) {
     if (session.name.empty()) return session_code::kInvalidSubject;
-    const std::string text = "_INBOX." + session.name + "." + std::to_string(session.listenCounter);
+    const std::string text = inboxPrefix(session.name) + std::to_string(session.listenCounter);
     auto subject = Subject::fromText(text.c_str(), wire::kInboxCapacity);
     if (!subject) return session_code::kInvalidSubject;
     return addRecord(session, listener,

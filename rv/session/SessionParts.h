@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <string_view>
+#include <string>
 
 #include "rv/session/SessionState.h"
 
@@ -37,6 +37,11 @@ void setProcessLinkProperties(const ipq_Properties& properties);
 /// Reconnect.cpp
 void linkLost(SessionState& session);
 void watchLink(SessionState& session);
+
+/// What the inboxes under a name begin with: "_INBOX.<name>.".
+[[nodiscard]] inline std::string inboxPrefix(const std::string& name) {
+    return std::string(kInboxElement) + "." + name + ".";
+}
 
 /// Listen.cpp: an inbox under the session's name; 21 while it has none.
 [[nodiscard]] int addInbox(SessionState& session, rv_Listener* listener, rv_DataCallback callback,
