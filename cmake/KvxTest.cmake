@@ -1,10 +1,11 @@
 # kvx_test(NAME rv.message SOURCES file... LINKS target... [TIMEOUT seconds]
-#          [ENVIRONMENT NAME=value])
+#          [ENVIRONMENT NAME=value] [LABEL name])
+#   LABEL  leaves the test out of the usual run of ./test
 #
 # One GoogleTest program a room; CTest lists every case as <NAME>.<Suite>.<Case>, so that the list
 # of tests reads as a table of contents.
 function(kvx_test)
-    cmake_parse_arguments(PARSE_ARGV 0 TEST "" "NAME;TIMEOUT;ENVIRONMENT" "SOURCES;LINKS")
+    cmake_parse_arguments(PARSE_ARGV 0 TEST "" "NAME;TIMEOUT;ENVIRONMENT;LABEL" "SOURCES;LINKS")
     if(NOT TEST_TIMEOUT)
         set(TEST_TIMEOUT 120)
     endif()
@@ -15,8 +16,15 @@ function(kvx_test)
     target_precompile_headers(${target} REUSE_FROM kvx_test_pch)
     set_target_properties(${target} PROPERTIES
         RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests UNITY_BUILD OFF)
+    set(properties TIMEOUT ${TEST_TIMEOUT})
+    if(TEST_ENVIRONMENT)
+        list(APPEND properties ENVIRONMENT ${TEST_ENVIRONMENT})
+    endif()
+    if(TEST_LABEL)
+        list(APPEND properties LABELS ${TEST_LABEL})
+    endif()
     include(GoogleTest)
     gtest_discover_tests(${target}
         TEST_PREFIX ${TEST_NAME}. DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-        PROPERTIES TIMEOUT ${TEST_TIMEOUT} ENVIRONMENT "${TEST_ENVIRONMENT}")
+        PROPERTIES ${properties})
 endfunction()
