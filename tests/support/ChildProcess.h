@@ -81,7 +81,7 @@ class ChildProcess {
     std::string errors() const { return contentOf(errorPath()); }
 
     void kill(int signal) const {
-        if (pid_ > 0) ::kill(pid_, signal);
+        if (pid_ > 0 && !ended_) ::kill(pid_, signal);
     }
 
     bool isRunning() {

@@ -30,9 +30,7 @@ TEST(DaemonLoss, CostsTheRequestsInFlightAndNothingElse) {
     std::thread load([&] {
         while (loading) answered();
     });
-    bus.daemon().kill(SIGKILL);
-    bus.daemon().wait();
-    bus.restartDaemon();
+    bus.daemon().restart();
     loading = false;
     load.join();
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/ChildProcess.h"
+#include "tests/support/Daemon.h"
 
 namespace kvx::test {
 
@@ -24,16 +24,13 @@ struct Ended {
 class Installation {
   public:
     Installation() {
-        startDaemon("tcp:0");
         std::filesystem::create_directory(home_.file("etc"));
         std::ofstream(home_.file("etc/Calvorine.rvd.cfg"))
-            << "rendezvous session = { \"daemon\" = \"" << daemonText_ << "\" };\n";
+            << "rendezvous session = { \"daemon\" = \"" << daemonText() << "\" };\n";
     }
 
-    const std::string& daemonText() const { return daemonText_; }
-    ChildProcess& daemon() { return *daemon_; }
-
-    void restartDaemon() { startDaemon(daemonText_); }
+    std::string daemonText() const { return daemon_.text(); }
+    Daemon& daemon() { return daemon_; }
 
     std::string file(const std::string& name, const std::string& content) {
         std::ofstream(home_.file(name), std::ios::binary) << content;
@@ -84,17 +81,8 @@ class Installation {
         return {"KVX_HOME=" + home_.path(), "XDG_STATE_HOME=" + home_.path()};
     }
 
-    void startDaemon(const std::string& listen) {
-        daemon_ = std::make_unique<ChildProcess>(
-            KVX_BIN_DIR "/rvd", std::vector<std::string>{"-listen", listen}, variables());
-        const std::string ready = daemon_->awaitOutput("ready");
-        ASSERT_NE(ready, "") << daemon_->errors();
-        daemonText_ = ready.substr(ready.rfind(' ') + 1);
-    }
-
     TemporaryDirectory home_;
-    std::string daemonText_;
-    std::unique_ptr<ChildProcess> daemon_;
+    Daemon daemon_;
 };
 
 }  // namespace kvx::test

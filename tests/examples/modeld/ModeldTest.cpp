@@ -61,13 +61,13 @@ TEST_F(ModeldTest, TellsOnceThatASourceIsGoneAndThatItIsBack) {
 
 TEST_F(ModeldTest, PublishesTheLastOfTheChangesThatItFoundWithoutADaemon) {
     const auto model = startModel();
-    bus_.daemon().kill(SIGKILL);
+    bus_.daemon().kill();
     EXPECT_TRUE(tells(*model, "the daemon is away"));
     bus_.file("devices.csv", "name,ports\ncore-1,96\n");
     EXPECT_TRUE(tells(*model, "brought up to date"));
     bus_.file("devices.csv", "name,ports\ncore-1,192\n");
     EXPECT_TRUE(tells(*model, "brought up to date", 2));
-    bus_.restartDaemon();
+    bus_.daemon().restart();
     EXPECT_TRUE(tells(*model, "the daemon is back"));
     EXPECT_TRUE(tells(*model, "1 changes published"));
     EXPECT_EQ(model->errors().find("Nothing could be sent"), std::string::npos);
@@ -75,7 +75,7 @@ TEST_F(ModeldTest, PublishesTheLastOfTheChangesThatItFoundWithoutADaemon) {
 
 TEST_F(ModeldTest, EndsAtOnceWhileTheDaemonIsAway) {
     const auto model = startModel();
-    bus_.daemon().kill(SIGKILL);
+    bus_.daemon().kill();
     EXPECT_NE(model->awaitError("the daemon is away"), "");
     const auto begin = std::chrono::steady_clock::now();
     model->kill(SIGTERM);

@@ -193,6 +193,7 @@ TEST_F(ProgramTest, PacesLargeMessagesByTheirBytes) {
     const Ended bench = bus_.shell("kvx bench --messages 60 --requests 5 --bytes 1000000" + daemon);
     EXPECT_EQ(bench.status, 0) << bench.errors;
     EXPECT_TRUE(holds(bench.output, "60 messages of 1000000 bytes")) << bench.output;
+    EXPECT_TRUE(holds(bench.output, "5 round trips of 1000000 bytes")) << bench.output;
     const Ended sent =
         bus_.shell("head -c 1000000 /dev/zero | kvx send A - --opaque --repeat 200" + daemon);
     EXPECT_EQ(sent.status, 0) << sent.errors;
@@ -246,8 +247,7 @@ TEST_F(ProgramTest, TellsOfTheDaemonsLossAndEndsAtOnceMeanwhile) {
     const auto back = bus_.startShell("exec kvx listen -v A --count 1");
     EXPECT_NE(back->awaitError("listening"), "");
 
-    bus_.daemon().kill(SIGKILL);
-    bus_.daemon().wait();
+    bus_.daemon().kill();
     for (const auto& child : waiting) {
         EXPECT_EQ(child->wait(), 1);
         EXPECT_TRUE(holds(child->errors(), "kvx: the bus daemon is lost (" + bus_.daemonText()))
@@ -260,7 +260,7 @@ TEST_F(ProgramTest, TellsOfTheDaemonsLossAndEndsAtOnceMeanwhile) {
     // Well before a round of attempts to connect is over, which takes 6 s.
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
 
-    bus_.restartDaemon();
+    bus_.daemon().restart();
     EXPECT_NE(back->awaitError("kvx: the bus daemon is back (" + bus_.daemonText()), "");
     ASSERT_TRUE(eventually([&] {
         bus_.kvx({"send", "A", "x=1"});
