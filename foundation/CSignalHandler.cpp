@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <new>
 
+#include "foundation/CCallbackBase.h"
+#include "foundation/CSignalHandlerInterface.h"
 #include "platform/Signals.h"
 
 namespace {
@@ -156,3 +158,9 @@ void CSignalHandler::dropRegistrations() {
     m_callbacks = {};
     for (auto& caught : caughtSignals) caught.store(false);
 }
+
+CSignalHandlerInterface::~CSignalHandlerInterface() {
+    CSignalHandler::forget(this);
+}
+
+CCallbackBase::~CCallbackBase() = default;

@@ -6,6 +6,7 @@
 
 #include <utility>
 
+#include "foundation/CVekListable.h"
 #include "foundation/ErrorCodes.h"
 
 // Delegating, so that the destructor deletes the copies made when a further one cannot be made.
@@ -93,4 +94,8 @@ void CVekDoubleList::unlink(CVekListable* element) noexcept {
         place.next->m_place.previous = place.previous;
     }
     --m_length;
+}
+
+CVekListable::~CVekListable() {
+    if (m_place.list != nullptr) m_place.list->unlink(this);
 }

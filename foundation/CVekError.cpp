@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/Text.h"
+
 namespace {
 
 struct CatalogueEntry {
@@ -46,75 +48,23 @@ constexpr CatalogueEntry kCatalogue[] = {
     {-220566, "The key is already there"},
 };
 
-bool isControl(unsigned char byte) {
-    return byte < 0x20 || byte == 0x7F;
-}
-
-// What the second byte of a sequence may be behind its first one: no form longer than needed, no
-// surrogate, nothing above U+10FFFF. U+0080 to U+009F are left out: they are control characters.
-bool isSecondByte(unsigned char first, unsigned char second) {
-    switch (first) {
-        case 0xC2:
-        case 0xE0:
-            return second >= 0xA0 && second <= 0xBF;
-        case 0xED:
-            return second >= 0x80 && second <= 0x9F;
-        case 0xF0:
-            return second >= 0x90 && second <= 0xBF;
-        case 0xF4:
-            return second >= 0x80 && second <= 0x8F;
-        default:
-            return second >= 0x80 && second <= 0xBF;
-    }
-}
-
-// The bytes of the character that `text` begins with; 0 for what a terminal should not be given: a
-// control character, or a byte that belongs to no character.
-std::size_t shownBytes(std::string_view text) {
-    const auto at = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char first = at(0);
-    if (first < 0x80) return isControl(first) ? 0 : 1;
-    if (first < 0xC2 || first > 0xF4) return 0;
-    const std::size_t length = first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
-    if (text.size() < length || !isSecondByte(first, at(1))) return 0;
-    for (std::size_t i = 2; i < length; ++i) {
-        if (at(i) < 0x80 || at(i) > 0xBF) return 0;
-    }
-    return length;
-}
-
-void appendEscaped(std::string& line, unsigned char byte) {
-    std::array<char, 5> escape{};
-    std::snprintf(escape.data(), escape.size(), "\\x%02X", byte);
-    line += byte == '\n' ? "\\n" : byte == '\r' ? "\\r" : byte == '\t' ? "\\t" : escape.data();
-}
-
-// Appends `text` with everything escaped that is no character to show, so that a line stays a line
-// and a terminal does nothing but show it.
-void appendOneLine(std::string& line, std::string_view text) {
-    while (!text.empty()) {
-        const std::size_t shown = shownBytes(text);
-        if (shown == 0) {
-            appendEscaped(line, static_cast<unsigned char>(text.front()));
-        } else {
-            line += text.substr(0, shown);
-        }
-        text.remove_prefix(std::max<std::size_t>(shown, 1));
+void appendEscape(std::string& line, std::string_view piece) {
+    for (const char c : piece) {
+        std::array<char, 5> escape{};
+        std::snprintf(escape.data(), escape.size(), "\\x%02X", static_cast<unsigned char>(c));
+        line += c == '\n' ? "\\n" : c == '\r' ? "\\r" : c == '\t' ? "\\t" : escape.data();
     }
 }
 
 // One write for the whole line, so that the lines of several threads do not mix.
 void writeToStandardError(int code, const char* file, int line, const char* text) {
     std::string report = "CVekError " + std::to_string(code) + " ";
-    appendOneLine(report, file == nullptr ? "" : file);
-    report.append(":")
+    report.append(kvx::escaped(file == nullptr ? "" : file, appendEscape))
+        .append(":")
         .append(std::to_string(line))
         .append(" ")
         .append(CVekError::CatalogueText(code));
-    if (text != nullptr) {
-        report += ": ";
-        appendOneLine(report, text);
-    }
+    if (text != nullptr) report += ": " + kvx::escaped(text, appendEscape);
     report += "\n";
     std::fwrite(report.data(), 1, report.size(), stderr);
 }

@@ -14,6 +14,7 @@
 #include <new>
 #include <utility>
 
+#include "foundation/CVekPointer.h"
 #include "foundation/ErrorCodes.h"
 
 namespace kvx {
@@ -163,3 +164,10 @@ bool PointerIndex::Equal::operator()(const KeyView& a, const KeyView& b) const {
 }
 
 }  // namespace kvx
+
+CVekPointer::~CVekPointer() = default;
+
+CVekListable* CVekPointer::RLTargetDeepCopy(const CVekListable* source) {
+    const auto* original = dynamic_cast<const CVekPointer*>(source);
+    return original == nullptr ? nullptr : new CVekPointer(original->RPData());
+}

@@ -43,8 +43,8 @@ struct Started {
 [[nodiscard]] KVX_API Started startDaemon(const Program& program, const std::string& logName);
 
 /// Ends the child `pid` and waits for its end: SIGTERM first, SIGKILL after `grace`. True when the
-/// process existed, was a child of ours and is gone now, whoever fetched its end. Anything else is
-/// let live.
+/// process existed, was a child of ours and is gone now, whoever fetched its end. No other
+/// process is ended.
 KVX_API bool killAndReap(unsigned long pid, Milliseconds grace = 2'000);
 
 /// The exit status of the child `pid` once it has ended (128 + signal when a signal ended it);
@@ -70,13 +70,13 @@ KVX_API bool sendSignal(unsigned long pid, int signal) noexcept;
 [[nodiscard]] KVX_API std::optional<std::string> findOnPath(const std::string& name);
 
 /// Where this user's programs keep what outlives them: `$XDG_STATE_HOME/kvxmom`, else
-/// `~/.local/state/kvxmom`, created when missing. Empty when it cannot be had.
+/// `~/.local/state/kvxmom`, created when missing; empty on failure.
 [[nodiscard]] KVX_API std::string stateDirectory();
 
 /// The machine's memory in bytes; 0 when unknown.
 [[nodiscard]] KVX_API std::uint64_t physicalMemoryBytes() noexcept;
 
-/// What this process costs. A figure that cannot be had is 0.
+/// What this process costs. A figure that is not available is 0.
 struct ProcessFigures {
     double cpuSeconds = 0;  ///< of all its threads, in user and system mode
     std::uint64_t residentBytes = 0;

@@ -93,8 +93,8 @@ class KVX_API Socket {
     SocketHandle handle_ = kNoSocket;
 };
 
-/// A new blocking TCP socket; an empty one, with the reason in `error`, when there is none to be
-/// had.
+/// Returns a new blocking TCP socket; on failure returns an empty socket and sets `error` to the
+/// reason.
 [[nodiscard]] KVX_API Socket createTcpSocket(int& error) noexcept;
 
 /// Two non-blocking sockets of this process that are connected with each other: what a thread

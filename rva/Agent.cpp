@@ -13,7 +13,6 @@
 #include "rva/Metrics.h"
 #include "rva/Observations.h"
 #include "tools/beats/BeatListener.h"
-#include "tools/beats/ServiceJson.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"

@@ -10,9 +10,9 @@ namespace kvx::rva {
 /// Plain HTTP on the loopback: a few paths, each answered by a function.
 ///
 /// GET and HEAD only, one request a connection. One thread serves all connections and waits for
-/// none: a request is answered when its head is complete, within 16 KiB and five seconds, and who
-/// sends or reads slowly holds up nobody else. There are at most 64 connections at a time; for a
-/// further one the oldest gives way.
+/// none: a request is answered when its head is complete, within 16 KiB and five seconds, and a
+/// slow client delays no other. There are at most 64 connections at a time; a
+/// further one closes the oldest.
 class HttpServer {
   public:
     struct Answer {
@@ -32,7 +32,7 @@ class HttpServer {
     /// Answers `path` with `handler`. Before `start`.
     void route(const std::string& path, Handler handler);
 
-    /// Starts to serve on `port`, 0 for a free one. False when the port cannot be had. Once.
+    /// Starts to serve on `port`, 0 for a free one. False when the port cannot be bound. Once.
     [[nodiscard]] bool start(std::uint16_t port);
 
     /// Stops listening, cuts what is under way short and waits for the thread.

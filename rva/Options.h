@@ -22,15 +22,15 @@ struct Options {
 };
 
 /// The outcome of reading a command line: options to run with, or the exit status to end with (0
-/// after `-help` and `-version`, 2 for a command line that makes no sense). What is to be said
-/// about it has been printed.
+/// after `-help` and `-version`, 2 for an invalid command line). What is to be said about it
+/// has been printed.
 struct CommandLine {
     Options options;
     std::optional<int> exitStatus;
 };
 
 /// The command line is the one that `CVekRvNet::RRNStartAgent` makes; of an option that is given
-/// twice the last value counts. A flavour other than the system's makes no sense.
+/// twice the last value counts. A flavour other than the system's is invalid.
 [[nodiscard]] CommandLine parseCommandLine(int argc, const char* const* argv);
 
 /// A port as "7600", "tcp:7600" or with a loopback host, "tcp:127.0.0.1:7600". Returns an empty

@@ -5,6 +5,8 @@
 #include <ctime>
 #include <string>
 
+#include "platform/Text.h"
+
 namespace kvx::rvd {
 namespace {
 
@@ -19,26 +21,18 @@ std::string timeStamp() {
     return {text.data(), length};
 }
 
-void appendEscaped(std::string& line, std::string_view text) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7F) {
-            line += c;
-        } else {
-            line += "\\x";
-            line += kDigits[byte >> 4];
-            line += kDigits[byte & 15];
-        }
-    }
+// Bytes beyond ASCII that belong to no character stay as they are.
+void appendEscape(std::string& line, std::string_view piece) {
+    if (static_cast<unsigned char>(piece.front()) < 0x80) return appendHexEscape(line, piece);
+    line += piece;
 }
 
 }  // namespace
 
 void Log::write(LogLevel level, std::string_view text) const {
     if (!enabled(level)) return;
-    std::string line = timeStamp() + ' ' + kLevelNames.at(static_cast<std::size_t>(level)) + ' ';
-    appendEscaped(line, text);
+    std::string line = timeStamp() + ' ' + kLevelNames.at(static_cast<std::size_t>(level)) + ' ' +
+                       escaped(text, appendEscape);
     line += '\n';
     std::fwrite(line.data(), 1, line.size(), stderr);
 }

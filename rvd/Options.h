@@ -20,8 +20,8 @@ struct Options {
 };
 
 /// The outcome of reading a command line: options to run with, or the exit status to end with (0
-/// after `--help`, `--version` and `--counters`, 2 for a command line that makes no sense). What is
-/// to be said about it has been printed.
+/// after `--help`, `--version` and `--counters`, 2 for an invalid command line). What is to be said
+/// about it has been printed.
 struct CommandLine {
     Options options;
     std::optional<int> exitStatus;

@@ -3,11 +3,76 @@
 
 #include "tools/beats/BeatTable.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <iterator>
+#include <memory>
 #include <utility>
 
+#include "foundation/foundation.h"
+#include "mom/transport/TransportPacket.h"
+
 namespace kvx::beats {
+
+namespace {
+
+constexpr std::size_t kLongestText = 255;      // bytes
+constexpr std::size_t kLargestBeat = 4096;     // bytes of a packet
+constexpr std::uint16_t kRecordPerPacket = 0;  // the header version
+
+using Bytes = std::span<const unsigned char>;
+
+// The record of a packet that holds exactly one; nothing for any other packet.
+std::unique_ptr<CVekBaseRecord> onlyRecord(Bytes packet) {
+    const auto header = packet::readHeader(packet);
+    if (!header || packet.size() > kLargestBeat || header->version != kRecordPerPacket ||
+        header->kind != packet::kPlain || header->count != 1) {
+        return nullptr;
+    }
+    const std::size_t begin = packet::kHeaderSize + header->extension;
+    if (begin > packet.size()) return nullptr;
+    packet::RecordReader records(packet.subspan(begin));
+    const auto record = records.next();
+    if (!record || records.next() || records.isDefective()) return nullptr;
+    return std::unique_ptr<CVekBaseRecord>(
+        CVekBaseRecord::ROMDecode(record->data(), static_cast<int>(record->size())));
+}
+
+bool readText(const CVekBaseRecord& record, const char* name, std::string& text) {
+    const CVekAtom* const value = record.RRGetValue(name);
+    if (value == nullptr || value->RAType() != VEK_TYPE_STRING) return false;
+    text = value->RAString();
+    return text.size() <= kLongestText;
+}
+
+bool readNumber(const CVekBaseRecord& record, const char* name, std::int64_t& number) {
+    const CVekAtom* const value = record.RRGetValue(name);
+    if (value == nullptr) return false;
+    if (value->RAType() != VEK_TYPE_INT && value->RAType() != VEK_TYPE_INT64) return false;
+    number = value->RAInt64();
+    return true;
+}
+
+double seconds(Milliseconds span) {
+    return static_cast<double>(span) / 1000.0;
+}
+
+}  // namespace
+
+std::optional<Beat> readBeat(Bytes packet) {
+    const auto record = onlyRecord(packet);
+    if (!record) return std::nullopt;
+    Beat beat;
+    std::int64_t type = -1;
+    const bool whole = readText(*record, "service", beat.service) &&
+                       readText(*record, "domain", beat.domain) &&
+                       readText(*record, "host", beat.host) &&
+                       readNumber(*record, "pid", beat.pid) && readNumber(*record, "type", type);
+    if (!whole || beat.pid <= 0 || type < 0 || type > 1) return std::nullopt;
+    beat.hasBeenPrimary = type == 1;
+    return beat;
+}
 
 std::uint64_t Service::overdue(Milliseconds now) const {
     const Milliseconds silence = age(now) - kTolerance;
@@ -63,6 +128,25 @@ std::vector<Service> BeatTable::services() const {
     all.reserve(index_.size());
     for (const auto& [key, entry] : index_) all.push_back(*entry);
     return all;
+}
+
+const char* roleOf(const Beat& beat) {
+    return beat.hasBeenPrimary ? "primary" : "backup";
+}
+
+std::string serviceAsJson(const Service& service, Milliseconds now) {
+    nlohmann::ordered_json json;
+    json["service"] = service.beat.service;
+    json["domain"] = service.beat.domain;
+    json["host"] = service.beat.host;
+    json["pid"] = service.beat.pid;
+    json["role"] = roleOf(service.beat);
+    json["age_seconds"] = seconds(service.age(now));
+    json["known_seconds"] = seconds(now - service.firstHeard);
+    json["beats"] = service.beats;
+    json["missed"] = service.missed(now);
+    json["overdue"] = service.overdue(now);
+    return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 }  // namespace kvx::beats

@@ -4,17 +4,35 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "platform/Clock.h"
-#include "tools/beats/Beat.h"
 
 namespace kvx::beats {
 
 using platform::Milliseconds;
+
+/// What one heartbeat says about a running service.
+struct Beat {
+    std::string service;
+    std::string domain;
+    std::string host;
+    std::int64_t pid = 0;
+    /// The beat's type. False: a backup, or one that has become primary since its last beat. True:
+    /// it is or has been primary; a beat never goes back.
+    bool hasBeenPrimary = false;
+};
+
+/// The beat in a transport packet; nothing for bytes that are none.
+///
+/// A beat is a packet of version 0, plain and the only one of its batch, whose one record holds the
+/// texts service, domain and host (of at most 255 bytes each), a pid above 0 and a type of 0 or 1.
+/// Further fields are allowed: a later version may say more.
+[[nodiscard]] std::optional<Beat> readBeat(std::span<const unsigned char> packet);
 
 inline constexpr Milliseconds kInterval = 10'000;      ///< between two beats of a service
 inline constexpr Milliseconds kTolerance = 1'000;      ///< by which a beat may be late
@@ -88,5 +106,13 @@ class BeatTable {
     std::map<Key, Entries::iterator> index_;
     Counters counters_;
 };
+
+/// "primary" for a process that is or has been primary, else "backup".
+[[nodiscard]] const char* roleOf(const Beat& beat);
+
+/// A service as one JSON object: service, domain, host, pid, role, the seconds since its last and
+/// its first beat, the beats heard, missed in all and overdue now. Bytes that are no UTF-8 become
+/// replacement characters.
+[[nodiscard]] std::string serviceAsJson(const Service& service, Milliseconds now);
 
 }  // namespace kvx::beats

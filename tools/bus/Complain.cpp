@@ -6,7 +6,7 @@
 #include <mutex>
 
 #include "platform/Process.h"
-#include "tools/bus/Text.h"
+#include "platform/Text.h"
 
 namespace kvx::bus {
 

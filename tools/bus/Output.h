@@ -15,7 +15,7 @@ void print(std::string_view text);
 /// Writes a text and a line end.
 void printLine(std::string_view text);
 
-/// Brings out what has been written. False when something could not be.
+/// Flushes what has been written. False when something could not be written.
 bool flushOutput();
 
 /// True when something could not be written. A program that only prints has no reason to go on.
@@ -25,7 +25,7 @@ bool flushOutput();
 /// 1 when something could not be written, which is told on standard error. Call it last.
 [[nodiscard]] int closeOutput(int status);
 
-/// The same, unless another thread is in the midst of writing for so long. Nothing then.
+/// The same, but does nothing when another thread is writing for longer than `limit`.
 [[nodiscard]] bool tryCloseOutput(int& status, platform::Milliseconds limit);
 
 }  // namespace kvx::bus

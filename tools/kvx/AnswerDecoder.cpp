@@ -59,7 +59,7 @@ void decodeAll(std::vector<Run>& runs) {
             threads.emplace_back(decodeRun, std::ref(runs[begun]));
         }
     } catch (const std::system_error&) {
-        // No more threads to be had: the rest is decoded here.
+        // No further thread could be started: the rest is decoded here.
     }
     decodeRun(runs.front());
     for (; begun < runs.size(); ++begun) decodeRun(runs[begun]);

@@ -13,7 +13,6 @@
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
-#include "tools/bus/Progress.h"
 #include "tools/bus/Ticker.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Window.h"

@@ -6,8 +6,8 @@
 #include <chrono>
 #include <memory>
 
+#include "platform/Text.h"
 #include "tools/bus/Complain.h"
-#include "tools/bus/Text.h"
 #include "tools/kvx/Columns.h"
 #include "tools/kvx/DatumJson.h"
 #include "tools/kvx/Rows.h"
@@ -31,7 +31,7 @@ bool isColumn(const std::string& name) {
 
 // A text as it is when nobody can misread it, else in double quotes with escapes.
 std::string plainOrQuoted(const std::string& text) {
-    const std::string shown = bus::printable(text);
+    const std::string shown = printable(text);
     const bool plain = !text.empty() && shown.find_first_of(" \"\\") == std::string::npos;
     return plain ? text : jsonString(text);
 }

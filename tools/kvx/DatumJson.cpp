@@ -5,6 +5,7 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include <cstdint>
 #include <cstdio>
@@ -13,9 +14,8 @@
 #include <ctime>
 #include <iterator>
 #include <memory>
-#include <nlohmann/json.hpp>
 
-#include "tools/bus/Text.h"
+#include "platform/Text.h"
 
 namespace kvx::tool {
 
@@ -168,10 +168,17 @@ Json fieldsOf(const RvMsg& message) {
 }
 
 std::string dump(const Json& json) {
-    return bus::printableJson(json.dump(-1, ' ', false, Json::error_handler_t::replace));
+    return printableJson(json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 }  // namespace
+
+std::string printableJson(const std::string& json) {
+    return escaped(json, [](std::string& shown, std::string_view piece) {
+        fmt::format_to(std::back_inserter(shown), "\\u{:04x}",
+                       static_cast<unsigned char>(piece.back()));
+    });
+}
 
 std::string messageAsJson(const char* subject, const char* reply, const RvDatum& datum) {
     Json line;
@@ -190,7 +197,7 @@ std::string datumText(const RvDatum& datum) {
     datum.print(out);
     std::fclose(out);
     const std::unique_ptr<char, decltype(&std::free)> owned(text, std::free);
-    return bus::printable(std::string(owned.get(), size));
+    return printable({owned.get(), size});
 }
 
 std::string jsonString(const std::string& text) {

@@ -6,6 +6,10 @@
 
 namespace kvx::tool {
 
+/// The text of a JSON document in which the control characters that JSON lets through are escaped,
+/// too. The meaning stays the same.
+std::string printableJson(const std::string& json);
+
 /// A message as one line of JSON: subject, reply (null when there is none), and the datum.
 ///
 /// A datum is {"type", "value"}; the fields of a message are an array of {"name", "type", "value"}

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "rv/rv.h"
-#include "tools/kvx/Options.h"
+#include "tools/kvx/Commands.h"
 
 namespace kvx::tool {
 

@@ -4,10 +4,10 @@
 
 #include <string>
 
+#include "platform/Text.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
-#include "tools/bus/Text.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/DatumJson.h"
 #include "tools/kvx/Fields.h"
@@ -33,8 +33,8 @@ class Printer : public RvDataCallback {
 
   private:
     static std::string textLine(const char* subject, const char* reply, const RvDatum& data) {
-        return fmt::format("{} {} {}", bus::printable(subject),
-                           reply != nullptr ? bus::printable(reply) : "-", datumText(data));
+        return fmt::format("{} {} {}", printable(subject),
+                           reply != nullptr ? printable(reply) : "-", datumText(data));
     }
 
     bus::Client& client_;

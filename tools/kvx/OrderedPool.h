@@ -21,7 +21,7 @@ class OrderedPool : public CVekServPool {
     using Decode = std::function<Lines(CVekUpdWork& update, std::int64_t cameAtMs)>;
     using Emit = std::function<void(const Lines& lines)>;
 
-    /// Updates that may be inside at once; the next one waits at the door, and with it the bus.
+    /// Updates that may be inside at once; the next one waits, and with it the bus.
     static constexpr std::uint64_t kMost = 1000;
 
     /// `decode` is called by several threads at once, `emit` by one at a time. The threads start

@@ -10,18 +10,17 @@
 
 #include "mom/net/VekText.h"
 #include "platform/File.h"
+#include "platform/Text.h"
 #include "rv/session/rvSessionHooks.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
-#include "tools/bus/Progress.h"
-#include "tools/bus/Text.h"
+#include "tools/bus/Ticker.h"
 #include "tools/kvx/AnswerDecoder.h"
 #include "tools/kvx/Columns.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Query.h"
 #include "tools/kvx/Rows.h"
-#include "tools/kvx/SelectedColumns.h"
 
 namespace kvx::tool {
 
@@ -77,10 +76,10 @@ void pointAt(const std::string& text, long long position) {
     if (position < 1 || place > text.size()) return;
     const auto before = place == 0 ? std::string::npos : text.rfind('\n', place - 1);
     std::size_t begin = before == std::string::npos ? 0 : before + 1;
-    begin = bus::characterBegin(text, std::max(begin, place - std::min(place, kMostAround)));
-    const std::size_t end = bus::characterBegin(
+    begin = characterBegin(text, std::max(begin, place - std::min(place, kMostAround)));
+    const std::size_t end = characterBegin(
         text, std::min({text.find('\n', place), text.size(), place + kMostAround}));
-    bus::note(fmt::format("    {}\n    {}^\n", bus::printable(text.substr(begin, end - begin)),
+    bus::note(fmt::format("    {}\n    {}^\n", printable(text.substr(begin, end - begin)),
                           std::string(displayWidth(text.substr(begin, place - begin)), ' ')));
 }
 

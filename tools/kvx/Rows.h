@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "mom/mom.h"
-#include "tools/kvx/Options.h"
+#include "tools/kvx/Commands.h"
 
 namespace kvx::tool {
 
@@ -17,6 +17,14 @@ std::string valueText(const CVekAtom* value);
 
 /// A value of a record as JSON: a number, a string, or null.
 std::string jsonValue(const CVekAtom* value);
+
+/// The columns that a query names between "select" and "from", in its order and spelling; none when
+/// it asks for "*", or is of another form. A name may stand in double quotes, backquotes or
+/// brackets.
+///
+/// A row need not hold a field for every column, and an answer may have no rows at all, so the
+/// question alone knows what was asked for.
+std::vector<std::string> selectedColumns(std::string_view query);
 
 /// The rows of an answer, as records came in. Their columns are those that the query selects, in
 /// its order, whatever the records hold; when it names none, those of all records in order of first

@@ -6,25 +6,27 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "platform/Clock.h"
 #include "platform/File.h"
 #include "tools/beats/BeatListener.h"
 #include "tools/beats/BeatTable.h"
-#include "tools/beats/ServiceJson.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
-#include "tools/bus/Progress.h"
-#include "tools/bus/Text.h"
 #include "tools/bus/Ticker.h"
-#include "tools/kvx/AnswerProbe.h"
 #include "tools/kvx/Commands.h"
+#include "tools/kvx/DatumJson.h"
+#include "tools/kvx/Query.h"
 #include "tools/kvx/ServicesView.h"
 
 namespace kvx::tool {
@@ -36,6 +38,8 @@ constexpr const char* kClearScreen = "\033[H\033[2J";
 constexpr const char* kNoWrap = "\033[?7l";
 constexpr const char* kWrap = "\033[?7h";
 
+constexpr const char* kProbeText = "select * from services limit 0";
+
 using Repeat = bus::Ticker::Repeat;
 
 void printLines(const std::vector<std::string>& lines) {
@@ -46,6 +50,65 @@ Colour colourOfOutput() {
     const char* const noColour = std::getenv("NO_COLOR");
     const bool refused = noColour != nullptr && *noColour != '\0';
     return refused || !platform::isTerminal(stdout) ? Colour::Never : Colour::Missing;
+}
+
+// Asks every service's query subject one harmless question; whoever answers, with rows or with a
+// refusal, is there. Main thread only.
+class AnswerProbe {
+  public:
+    // `net` must outlive this object. An answer counts when it is complete within `waitMs`.
+    AnswerProbe(CVekRvNet& net, unsigned long waitMs);
+
+    // Asks, once the main loop runs.
+    void ask();
+
+    // Who has answered so far, in the order of the service names' table.
+    std::vector<Answer> answers() const;
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    struct Probe {
+        Answer answer;
+        std::unique_ptr<Query> query;
+    };
+
+    void add(CVekRvNet& net, const char* name, const char* subject, unsigned long waitMs);
+
+    std::deque<Probe> probes_;  // a deque, since the queries' callbacks point into it
+    Clock::time_point begin_;
+};
+
+AnswerProbe::AnswerProbe(CVekRvNet& net, unsigned long waitMs) {
+    std::set<std::string> subjects;
+    for (const auto& service : CVekServiceToSubjectMapper::ms_ServiceEnumMap) {
+        const char* subject = CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(service.value);
+        if (subjects.insert(subject).second) add(net, service.name, subject, waitMs);
+    }
+}
+
+void AnswerProbe::add(CVekRvNet& net, const char* name, const char* subject, unsigned long waitMs) {
+    Probe& probe = probes_.emplace_back();
+    probe.answer = {name, subject, 0};
+    probe.query = std::make_unique<Query>(net, waitMs, [this, &probe] {
+        const std::chrono::duration<double, std::milli> spent = Clock::now() - begin_;
+        probe.answer.milliseconds = spent.count();
+    });
+}
+
+void AnswerProbe::ask() {
+    begin_ = Clock::now();
+    // A question that cannot be sent is one that nobody answers.
+    for (auto& probe : probes_) {
+        static_cast<void>(probe.query->ask(probe.answer.subject, kProbeText));
+    }
+}
+
+std::vector<Answer> AnswerProbe::answers() const {
+    std::vector<Answer> given;
+    for (const auto& probe : probes_) {
+        if (probe.query->isComplete()) given.push_back(probe.answer);
+    }
+    return given;
 }
 
 // The beats heard so far, and the two ways of showing them.
@@ -104,7 +167,7 @@ class Services {
         const auto services = table_.services();
         if (options_.connection.json) {
             for (const auto& service : services) {
-                bus::printLine(bus::printableJson(beats::serviceAsJson(service, now)));
+                bus::printLine(printableJson(beats::serviceAsJson(service, now)));
             }
             for (const auto& answer : answers) bus::printLine(answerAsJson(answer));
         } else {
@@ -134,7 +197,7 @@ class Services {
         headed_ = true;
         for (const std::size_t i : changed) {
             bus::printLine(options_.connection.json
-                               ? bus::printableJson(beats::serviceAsJson(services[i], now))
+                               ? printableJson(beats::serviceAsJson(services[i], now))
                                : lines[i + 1]);
         }
     }

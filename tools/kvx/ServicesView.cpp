@@ -4,8 +4,7 @@
 
 #include <utility>
 
-#include "tools/beats/ServiceJson.h"
-#include "tools/bus/Text.h"
+#include "platform/Text.h"
 #include "tools/kvx/Columns.h"
 #include "tools/kvx/DatumJson.h"
 
@@ -18,9 +17,9 @@ constexpr const char* kPlain = "\033[0m";
 
 std::vector<std::string> cellsOf(const beats::Service& service, beats::Milliseconds now) {
     const beats::Beat& beat = service.beat;
-    return {bus::printable(beat.service),
-            bus::printable(beat.domain),
-            bus::printable(beat.host),
+    return {printable(beat.service),
+            printable(beat.domain),
+            printable(beat.host),
             std::to_string(beat.pid),
             beats::roleOf(beat),
             fmt::format("{} s", service.age(now) / 1000),

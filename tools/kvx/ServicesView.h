@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "tools/beats/BeatTable.h"
-#include "tools/kvx/AnswerProbe.h"
 
 namespace kvx::tool {
 
@@ -20,6 +19,13 @@ std::vector<std::string> serviceLines(const std::vector<beats::Service>& service
 /// `lines`, or as many from the top as a screen of `height` lines shows whole, and then how many
 /// are left out. A height of 0 is unknown and cuts nothing.
 std::vector<std::string> fittingLines(std::vector<std::string> lines, std::size_t height);
+
+/// A service that answered on its query subject, and after how long.
+struct Answer {
+    std::string service;
+    std::string subject;
+    double milliseconds = 0;
+};
 
 /// The table of who answers as lines, the heading first; none when nobody does.
 std::vector<std::string> answerLines(const std::vector<Answer>& answers);

@@ -1,15 +1,15 @@
 #include "tools/kvx/Usage.h"
 
 #include <fmt/format.h>
-
 #include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <charconv>
 #include <numeric>
 #include <utility>
 #include <vector>
 
-#include "tools/bus/Text.h"
+#include "platform/Text.h"
 
 namespace kvx::tool {
 
@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t kLongestWord = 60;  // bytes shown of a word that is wrong
 
 std::string quoted(const std::string& word) {
-    return "'" + bus::shortened(word, kLongestWord) + "'";
+    return "'" + shortened(word, kLongestWord) + "'";
 }
 
 // How many characters must be added, removed or replaced to make one text of the other.

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "examples/modeld/oql/Driver.h"
-#include "examples/modeld/oql/Text.h"
+#include "platform/Text.h"
 
 namespace modeld::oql {
 
@@ -110,7 +110,7 @@ Symbol Driver::operatorSymbol(const Token& token) {
 
 std::string Driver::describeLast() const {
     if (last_.kind == TokenKind::End) return "end of the query";
-    return "'" + excerpt(last_.text) + "'";
+    return "'" + kvx::excerpt(last_.text) + "'";
 }
 
 ConditionPtr Driver::negate(ConditionPtr operand) {

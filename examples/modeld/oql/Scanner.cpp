@@ -6,7 +6,7 @@
 #include <charconv>
 #include <utility>
 
-#include "examples/modeld/oql/Text.h"
+#include "platform/Text.h"
 
 namespace modeld::oql {
 
@@ -41,8 +41,8 @@ char Scanner::at(std::size_t offset) const {
 std::size_t Scanner::letterLength() const {
     if (isWordStart(at(0))) return 1;
     const std::string_view rest = text_.substr(here_);
-    const std::size_t length = oql::characterLength(rest);
-    return length > 1 && !startsWithControl(rest) ? length : 0;
+    const std::size_t length = kvx::characterLength(rest);
+    return length > 1 && !kvx::startsWithControl(rest) ? length : 0;
 }
 
 void Scanner::skipBlanks() {

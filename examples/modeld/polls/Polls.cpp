@@ -1,11 +1,14 @@
 #include "examples/modeld/polls/Polls.h"
 
+#include <fmt/format.h>
+
+#include <fstream>
+#include <string>
 #include <utility>
 
 #include "examples/modeld/polls/BlockingPoll.h"
 #include "examples/modeld/polls/CheckpointPoll.h"
 #include "examples/modeld/polls/SourcePoll.h"
-#include "examples/modeld/polls/StatisticsPoll.h"
 #include "examples/modeld/service/Log.h"
 
 namespace modeld {
@@ -16,6 +19,54 @@ constexpr unsigned int kTickMs = 1000;
 constexpr unsigned int kTickThreads = 1;
 constexpr unsigned int kWorkThreads = 2;
 constexpr unsigned int kAnswerTicks = 30;  // how long a blocked poll waits for its answer
+
+// What of the process is in memory, in megabytes; 0 where the system does not say.
+double residentMegabytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;) {
+        double kilobytes = 0;
+        if (word == "VmRSS:" && status >> kilobytes) return kilobytes / 1024;
+    }
+    return 0;
+}
+
+// Logs what the service has done and what waits: as information when there is news, else for
+// debugging.
+class StatisticsPoll : public CVekTimedWork {
+  public:
+    // Both must outlive the running of the poll. `seconds` between two lines.
+    StatisticsPoll(CVekEngine& engine, const ModelService& service, int seconds);
+
+    void RTWDoPoll() override;
+    __boolean RTWAddToPool() override { return RTWPollIsExecuting() ? FALSE : TRUE; }
+
+  private:
+    CVekEngine& engine_;
+    const ModelService& service_;
+    std::uint64_t told_ = 0;  // answers at the last line
+};
+
+StatisticsPoll::StatisticsPoll(CVekEngine& engine, const ModelService& service, int seconds)
+    : engine_(engine), service_(service) {
+    RTWSetName(new CVekAtom("statistics"));
+    RTWSetFrequency(seconds);
+}
+
+void StatisticsPoll::RTWDoPoll() {
+    const auto statistics = service_.statistics();
+    const std::string line = fmt::format(
+        "{} questions answered, {} refused, {} rows sent; {} questions and {} packets wait; "
+        "{:.1f} MB in memory",
+        statistics.answered, statistics.refused, statistics.rows, statistics.waiting,
+        engine_.RESendQueueLength(), residentMegabytes());
+    const std::uint64_t done = statistics.answered + statistics.refused;
+    if (done != told_) {
+        Log::info("{}", line);
+    } else {
+        Log::debug("{}", line);
+    }
+    told_ = done;
+}
 
 }  // namespace
 

@@ -9,7 +9,7 @@
 
 #include "examples/modeld/oql/Parse.h"
 #include "examples/modeld/service/BatchBuilder.h"
-#include "examples/modeld/service/BegunNotice.h"
+#include "examples/modeld/service/HeldQuestions.h"
 #include "examples/modeld/service/RowRecord.h"
 
 namespace modeld {

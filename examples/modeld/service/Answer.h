@@ -1,9 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <string>
+#include <utility>
 
-#include "examples/modeld/service/SendGate.h"
 #include "examples/modeld/store/Store.h"
 #include "mom/mom.h"
 
@@ -23,6 +24,33 @@ struct Verdict {
     EVekStoreErrorStatus status = STORE_COMPLETE;
     std::string reason;    ///< empty unless the question was refused
     bool isProbe = false;  ///< it asked for no rows, and so only whether anybody answers
+};
+
+/// Closed when the service ends: an answer is then not begun any more, since the next member
+/// answers. Any thread.
+class SendGate {
+  public:
+    /// Waits for whoever is sending.
+    void close() {
+        const std::lock_guard guard(mutex_);
+        open_ = false;
+    }
+
+    bool isOpen() {
+        const std::lock_guard guard(mutex_);
+        return open_;
+    }
+
+    /// Calls `send`, unless the gate is closed; it stays as it is meanwhile.
+    template <class Send>
+    void pass(Send&& send) {
+        const std::lock_guard guard(mutex_);
+        if (open_) std::forward<Send>(send)();
+    }
+
+  private:
+    std::mutex mutex_;
+    bool open_ = true;  // guarded by mutex_
 };
 
 /// Answers one question out of `store` through the send queue of `engine`.

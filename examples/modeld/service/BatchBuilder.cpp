@@ -73,7 +73,7 @@ void BatchBuilder::startHelpers() {
     try {
         while (threads_.size() < helpers_) threads_.emplace_back([this] { help(); });
     } catch (const std::system_error&) {
-        // No more threads to be had: those that run, and the caller, do the work.
+        // No further thread could be started: those that run, and the caller, do the work.
     }
 }
 

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "examples/modeld/service/RowBlock.h"
+#include "examples/modeld/service/RowRecord.h"
 #include "mom/mom.h"
 
 namespace modeld {

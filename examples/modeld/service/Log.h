@@ -3,17 +3,13 @@
 #include <fmt/format.h>
 
 #include <string>
-#include <string_view>
 
 namespace modeld {
 
 enum class LogLevel { Error = 0, Warning = 1, Info = 2, Debug = 3 };
 
-/// `text` on one line: control characters, and bytes that are no UTF-8, escaped as \\xNN.
-std::string oneLine(std::string_view text);
-
 /// Lines on standard error, each with its level. Any thread: a line is one write, whatever the text
-/// holds (`oneLine`).
+/// holds (`kvx::oneLine`).
 class Log {
   public:
     static void setLevel(LogLevel level);

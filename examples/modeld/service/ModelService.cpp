@@ -5,7 +5,7 @@
 // of the subject that the answer goes to.
 //
 // A question may be answered twice, by a member that dies and by the one that follows, but only in
-// one packet each time: see BegunNotice.cpp.
+// one packet each time: see HeldQuestions.cpp.
 
 #include "examples/modeld/service/ModelService.h"
 
@@ -14,10 +14,9 @@
 #include <utility>
 
 #include "examples/modeld/oql/Parse.h"
-#include "examples/modeld/oql/Text.h"
-#include "examples/modeld/service/BegunNotice.h"
 #include "examples/modeld/service/Log.h"
 #include "mom/net/VekText.h"
+#include "platform/Text.h"
 
 namespace modeld {
 
@@ -36,7 +35,7 @@ std::string textOf(const char* query) {
 }
 
 void logAnswer(const Question& question, const Verdict& verdict, double milliseconds) {
-    const std::string text = oql::excerpt(question.text, kMostLogged);
+    const std::string text = kvx::excerpt(question.text, kMostLogged);
     if (verdict.reason.empty()) {
         Log::debug("{} rows in {:.1f} ms: {}", verdict.rows, milliseconds, text);
     } else if (verdict.isProbe) {

@@ -3,10 +3,13 @@
 #include "examples/modeld/service/Options.h"
 
 #include <CLI/CLI.hpp>
+
 #include <cerrno>
 #include <cstdio>
 #include <sstream>
 #include <system_error>
+
+#include "platform/Text.h"
 
 namespace modeld {
 
@@ -89,7 +92,7 @@ Options readOptions(int argc, char** argv, int& exitStatus) {
         }
         std::istringstream lines(complaint.str());
         for (std::string line; std::getline(lines, line);) {
-            std::fputs((oneLine(line) + "\n").c_str(), stderr);
+            std::fputs((kvx::oneLine(line) + "\n").c_str(), stderr);
         }
     }
     options.service = CVekServiceToSubjectMapper::ServiceStringToEnum(service.c_str());

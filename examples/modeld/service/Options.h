@@ -27,7 +27,7 @@ struct Options {
     LogLevel level = LogLevel::Info;
 };
 
-/// Reads the command line. When the program should end at once (help, version, nonsense),
+/// Reads the command line. When the program should end at once (help, version, invalid arguments),
 /// `exitStatus` is what it should end with and the user has been told; else -1.
 Options readOptions(int argc, char** argv, int& exitStatus);
 

@@ -12,8 +12,8 @@
 #include <memory>
 #include <optional>
 
-#include "examples/modeld/polls/ChangeNotice.h"
 #include "examples/modeld/polls/Polls.h"
+#include "examples/modeld/polls/SourcePoll.h"
 #include "examples/modeld/service/DaemonLink.h"
 #include "examples/modeld/service/Log.h"
 #include "examples/modeld/service/ModelService.h"

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "examples/modeld/store/Store.h"
 #include "mom/mom.h"
@@ -13,5 +16,26 @@ void addField(CVekBaseRecord& record, const char* name, std::unique_ptr<CVekAtom
 /// Adds the columns of a row as fields: integers as 64-bit ones, all else as texts, nothing for a
 /// value that is empty.
 void addColumns(CVekBaseRecord& record, const Row& row);
+
+/// Some rows of one answer, copied out of the store into two buffers, so that another thread can
+/// encode them. All rows have the columns of the first. One thread at a time.
+class RowBlock {
+  public:
+    void add(const Row& row);
+    std::size_t size() const { return columns_.empty() ? 0 : values_.size() / columns_.size(); }
+
+    /// Adds one record a row to `transport`: the columns as fields, empty values left out.
+    void encode(CVekTransport& transport) const;
+
+  private:
+    struct Value {
+        ValueKind kind = ValueKind::Null;
+        std::int64_t number = 0;  // an integer; of a text, its length
+    };
+
+    std::vector<std::string> columns_;
+    std::vector<Value> values_;  // row after row
+    std::string texts_;          // in the order of their values
+};
 
 }  // namespace modeld

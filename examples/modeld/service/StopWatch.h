@@ -8,8 +8,8 @@
 
 namespace modeld {
 
-/// Sees to it that a stop ends the process, whatever the main loop is at: a loop that tries to
-/// reach its daemon again hears no signal for seconds, and does not turn.
+/// Makes a stop signal end the process whatever the main loop does: a loop that tries to reach its
+/// daemon again handles no signal for seconds.
 ///
 /// SIGINT, SIGTERM and SIGUSR1 are passed on to the port library's catcher, which has them handled
 /// in the loop. When the loop has not been left 1.5 s later, or what follows it takes longer than

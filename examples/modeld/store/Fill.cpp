@@ -6,9 +6,9 @@
 #include <set>
 #include <vector>
 
-#include "examples/modeld/oql/Text.h"
 #include "examples/modeld/store/CsvReader.h"
 #include "examples/modeld/store/Sql.h"
+#include "platform/Text.h"
 
 namespace modeld {
 
@@ -30,10 +30,10 @@ struct Column {
 std::string columnName(std::string_view heading) {
     std::string name;
     for (std::size_t length = 0; !heading.empty(); heading.remove_prefix(length)) {
-        length = oql::characterLength(heading);
+        length = kvx::characterLength(heading);
         if (length == 0) return {};
         const char c = heading.front();
-        if (length > 1 && !oql::startsWithControl(heading)) {
+        if (length > 1 && !kvx::startsWithControl(heading)) {
             name += heading.substr(0, length);
         } else if (c >= 'A' && c <= 'Z') {
             name.push_back(static_cast<char>(c - 'A' + 'a'));
@@ -58,7 +58,7 @@ std::optional<Refusal> nameColumns(const std::string& file, const std::vector<st
         } else if (name.empty()) {
             problem = "has a name that is not UTF-8";
         } else if (!names.insert(name).second) {
-            problem = "has the name of another one, '" + oql::excerpt(name) + "'";
+            problem = "has the name of another one, '" + kvx::excerpt(name) + "'";
         }
         if (!problem.empty()) {
             return badSource(file, "column " + std::to_string(i + 1) + " " + problem);

@@ -5,7 +5,7 @@
 
 #include <type_traits>
 
-#include "examples/modeld/oql/Text.h"
+#include "platform/Text.h"
 
 namespace modeld::sql {
 
@@ -89,7 +89,7 @@ class Translation {
             return column->second;
         }
         refuse(StoreError::NoColumn,
-               "no column '" + oql::excerpt(name.text) + "' in '" + table_.name + "'",
+               "no column '" + kvx::excerpt(name.text) + "' in '" + table_.name + "'",
                name.position);
         return ValueKind::Null;
     }
@@ -104,7 +104,7 @@ class Translation {
         const ValueKind value = kindOf(compare.value);
         if (!comparable(column, value, compare.operation)) {
             refuse(StoreError::TypeMismatch,
-                   "column '" + oql::excerpt(compare.field.text) + "' holds " + word(column) +
+                   "column '" + kvx::excerpt(compare.field.text) + "' holds " + word(column) +
                        ", which cannot be compared with " + word(value),
                    compare.field.position);
         } else if (value == ValueKind::Null) {

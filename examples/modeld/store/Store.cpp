@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <system_error>
 
-#include "examples/modeld/oql/Text.h"
 #include "examples/modeld/store/Fill.h"
 #include "examples/modeld/store/Refresh.h"
 #include "examples/modeld/store/Sql.h"
+#include "platform/Text.h"
 
 namespace modeld {
 
@@ -172,7 +172,7 @@ std::optional<Refusal> Store::run(const oql::Query& query,
     rows = 0;
     const auto table = sql::describe(database_.get(), query.table.text);
     if (!table) {
-        return Refusal{StoreError::NoTable, "no table '" + oql::excerpt(query.table.text) + "'",
+        return Refusal{StoreError::NoTable, "no table '" + kvx::excerpt(query.table.text) + "'",
                        query.table.position};
     }
     auto translated = sql::translate(query, *table);

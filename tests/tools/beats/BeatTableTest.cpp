@@ -7,7 +7,6 @@
 #include "foundation/foundation.h"
 #include "mom/transport/CVekTransport.h"
 #include "tests/support/Packets.h"
-#include "tools/beats/ServiceJson.h"
 
 namespace kvx::beats {
 namespace {

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/kvx/SelectedColumns.h"
-
 namespace kvx::tool {
 namespace {
 

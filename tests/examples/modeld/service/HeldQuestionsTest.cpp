@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "examples/modeld/service/BegunNotice.h"
-
 namespace modeld {
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/bus/Progress.h"
+#include "tools/bus/Ticker.h"
 
 #include <cstdio>
 #include <utility>

@@ -1,3 +1,0 @@
-#include "foundation/CCallbackBase.h"
-
-CCallbackBase::~CCallbackBase() = default;

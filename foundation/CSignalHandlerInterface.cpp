@@ -1,7 +1,0 @@
-#include "foundation/CSignalHandlerInterface.h"
-
-#include "foundation/CSignalHandler.h"
-
-CSignalHandlerInterface::~CSignalHandlerInterface() {
-    CSignalHandler::forget(this);
-}
