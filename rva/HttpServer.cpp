@@ -163,7 +163,7 @@ class HttpServer::Listener : private httplib::Server {
         int error = 0;
         platform::Socket socket = platform::acceptTcp(socket_.get(), error);
         if (!socket) {
-            // Without descriptors the listener stays ready: no reason to turn in circles.
+            // Without descriptors the listener stays ready: pause instead of spinning.
             if (error != platform::socket_error::kWouldBlock) platform::sleepMs(kAcceptPauseMs);
             return;
         }

@@ -8,7 +8,6 @@
 
 #include "platform/Text.h"
 #include "tools/bus/Complain.h"
-#include "tools/kvx/Columns.h"
 #include "tools/kvx/DatumJson.h"
 #include "tools/kvx/Rows.h"
 

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "platform/Text.h"
-#include "tools/kvx/Columns.h"
 #include "tools/kvx/DatumJson.h"
+#include "tools/kvx/Rows.h"
 
 namespace kvx::tool {
 
