@@ -6,7 +6,7 @@ namespace kvx {
 inline constexpr int kOk = 1;
 
 /// The codes of the system's error catalogue that the foundation returns or reports itself;
-/// `mom/net/VekCodes.h` has those of the middleware beside them.
+/// `mom/base/VekCodes.h` has those of the middleware beside them.
 inline constexpr int kMissingArgument = -220402;  // an argument that must be there is not
 inline constexpr int kNotCompleted = -220439;     // the operation is not possible in this state
 inline constexpr int kInternalFailure = -220440;  // a library below, or this one, failed

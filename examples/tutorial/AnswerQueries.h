@@ -2,7 +2,8 @@
 
 #include "Devices.h"
 
-/// Answers queries: the name of a device, or "*" for all of them.
+/// Answers queries: the name of a device, or "*" for all of them. Of several copies of the service
+/// just one answers, the active one.
 class AnswerQueries : public RvDataCallback {
   public:
     AnswerQueries(CVekEngine& engine, const Devices& devices)
@@ -10,7 +11,7 @@ class AnswerQueries : public RvDataCallback {
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& question,
                 RvListener* listener) override {
-        if (replyTo == nullptr) return;
+        if (replyTo == nullptr || !engine_.REIsActive()) return;
         int status = 0;
         RvSender* inbox = engine_.RRNNewSender(&status, replyTo->subject(), nullptr);
         CVekQryInfo query(subject, inbox, question, listener);

@@ -11,7 +11,8 @@ inline void notify(CVekEngine& engine, const std::string& name, const std::strin
     transport.RTSendAll(false);
 }
 
-/// Takes the reports of devices, messages with "name" and "state", and notifies of every change.
+/// Takes the reports of devices, messages with "name" and "state". Every copy of the service does,
+/// so that a backup knows what the primary knows; just the active one notifies of changes.
 class TakeReports : public RvDataCallback {
   public:
     TakeReports(CVekEngine& engine, Devices& devices) : engine_(engine), devices_(devices) {}
@@ -23,16 +24,10 @@ class TakeReports : public RvDataCallback {
         char state[16];
         if (fields.get("name", name, sizeof name).code() != 0) return;
         if (fields.get("state", state, sizeof state).code() != 0) return;
-        if (devices_.set(name, state)) onChange(name, state);
+        if (devices_.set(name, state) && engine_.REIsActive()) notify(engine_, name, state);
     }
-
-  protected:
-    virtual void onChange(const std::string& name, const std::string& state) {
-        notify(engine_, name, state);
-    }
-
-    CVekEngine& engine_;
 
   private:
+    CVekEngine& engine_;
     Devices& devices_;
 };

@@ -1,13 +1,14 @@
+#include "AnswerQueries.h"
 #include "FindSilent.h"
-#include "StatusEngine.h"
-#include "WhenActive.h"
+#include "RunUntilSignal.h"
+#include "TakeReports.h"
 
 int main(int argc, char** argv) {
     const std::chrono::milliseconds patience(argc > 1 ? std::strtol(argv[1], nullptr, 10) : 60000);
     Devices devices;
-    StatusEngine engine(1, "status", "DEFAULT", SERV_STATUS);
-    AnswerWhenActive answers(engine, devices);
-    NotifyWhenActive reports(engine, devices);
+    CVekEngine engine(1, "status", "DEFAULT", SERV_STATUS);
+    AnswerQueries answers(engine, devices);
+    TakeReports reports(engine, devices);
     engine.RRNAddService(CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(SERV_STATUS),
                          &answers);
     engine.RRNAddService("DEVICE.STATE", &reports);
@@ -18,5 +19,5 @@ int main(int argc, char** argv) {
     CVekTimedWorkMgr polls(&engine, 1, 1000, 2, nullptr, FALSE);
     polls.RTWMAddPoll(&findSilent);
     polls.RTWMDistributePolls();
-    return engine.run();
+    return runUntilSignal(engine);
 }

@@ -3,6 +3,7 @@
 /// Everything public of the middleware, and of the libraries below it.
 
 #include "foundation/foundation.h"
+#include "mom/base/VekCodes.h"
 #include "mom/config/CVekRvdCfgParser.h"
 #include "mom/engine/CVekClient.h"
 #include "mom/engine/CVekClientSender.h"
@@ -21,7 +22,6 @@
 #include "mom/net/CVekRvErrorClb.h"
 #include "mom/net/CVekRvNet.h"
 #include "mom/net/CVekRvQueueHandler.h"
-#include "mom/net/VekCodes.h"
 #include "mom/signal/CMOMCallback.h"
 #include "mom/signal/CMOMSignalHandler.h"
 #include "mom/signal/CMOMSignalPoller.h"

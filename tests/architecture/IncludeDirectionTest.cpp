@@ -28,7 +28,15 @@ Rooms with(Rooms rooms, std::initializer_list<std::string> more) {
 // Which rooms a room may include, itself aside.
 const std::map<std::string, Rooms>& allowedRooms() {
     static const Rooms wholeBus = with(kBus, {"rv", "rv/object", "rv/ft"});
-    static const Rooms libraries = with(wholeBus, {"foundation", "mom"});
+    static const Rooms belowMom = with(wholeBus, {"foundation"});
+    static const Rooms mom = {"mom/base",   "mom/config", "mom/transport", "mom/net",
+                              "mom/engine", "mom/timed",  "mom/signal"};
+    static const Rooms belowMomAndMom = [] {
+        Rooms all = belowMom;
+        all.insert(mom.begin(), mom.end());
+        return all;
+    }();
+    static const Rooms libraries = with(belowMomAndMom, {"mom"});
     static const std::map<std::string, Rooms> table = {
         {"platform", {}},
         {"foundation", {"platform"}},
@@ -41,7 +49,14 @@ const std::map<std::string, Rooms>& allowedRooms() {
         {"rv/object", kBus},
         {"rv/ft", kBus},
         {"rv", wholeBus},
-        {"mom", with(wholeBus, {"foundation"})},
+        {"mom/base", {"foundation", "platform", "rv/message"}},
+        {"mom/config", {"foundation", "platform", "mom/base"}},
+        {"mom/transport", with(belowMom, {"mom/base"})},
+        {"mom/net", with(belowMom, {"mom/base", "mom/config"})},
+        {"mom/signal", with(belowMom, {"mom/base", "mom/net"})},
+        {"mom/engine", with(belowMom, {"mom/base", "mom/config", "mom/net", "mom/transport"})},
+        {"mom/timed", with(belowMom, {"mom/base", "mom/engine"})},
+        {"mom", belowMomAndMom},
         {"rvd", {"platform", "rv/message", "rv/error", "rv/wire"}},
         {"tools", libraries},
         {"rva", with(libraries, {"tools"})},
@@ -55,11 +70,11 @@ std::optional<std::string> roomOf(const std::string& path) {
     const auto slash = path.find('/');
     if (slash == std::string::npos) return std::nullopt;
     const std::string top = path.substr(0, slash);
-    if (top == "rv") {
+    if (top == "lib") return roomOf(path.substr(slash + 1));
+    if (top == "rv" || top == "mom") {
         const auto next = path.find('/', slash + 1);
-        return next == std::string::npos ? "rv" : path.substr(0, next);
+        return next == std::string::npos ? top : path.substr(0, next);
     }
-    if (top == "lib") return "mom";
     return allowedRooms().count(top) != 0 ? std::optional(top) : std::nullopt;
 }
 

@@ -13,7 +13,8 @@ namespace kvx::test {
 /// A network whose start-up hook is the test's.
 class TestNet : public CVekRvNet {
   public:
-    explicit TestNet(const char* domain = "TEST") : CVekRvNet(2000, domain) {}
+    explicit TestNet(const char* domain = "TEST", const DaemonAddress& address = {})
+        : CVekRvNet(2000, domain, address) {}
 
     void RRNPostInitFns() override {
         if (hook) hook();

@@ -86,35 +86,5 @@ TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {
     EXPECT_EQ(bus_.kvx({"services", "--wait", "1", "--watch"}).status, 2);
 }
 
-// The files of a tool in a directory that holds those of the tests, too.
-std::size_t filesIn(const std::string& directory) {
-    std::size_t files = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-        const bool isOurs = entry.path().filename().string().starts_with("kvx-test-");
-        if (!isOurs) files += 1 + std::filesystem::exists(entry.path() / "etc/Calvorine.rvd.cfg");
-    }
-    return files;
-}
-
-TEST_F(ToolTest, LeavesNothingBehindWhenASignalEndsIt) {
-    const std::string temporary = bus_.path("temporary");
-    std::filesystem::create_directory(temporary);
-    const EnvironmentVariable variable("TMPDIR", temporary);
-    const auto listener = bus_.start("kvx", {"listen", "A", "--service", "9"});
-    ASSERT_TRUE(eventually([&] {
-        bus_.kvx({"send", "A", "x=1", "--service", "9"});
-        return !listener->output().empty();
-    }));
-    listener->kill(SIGINT);
-    EXPECT_EQ(listener->wait(), 0);
-    EXPECT_EQ(filesIn(temporary), 0U);
-
-    const auto connecting = bus_.start("kvx", {"listen", "A", "--daemon", "tcp:127.0.0.1:1"});
-    ASSERT_TRUE(eventually([&] { return filesIn(temporary) == 2; }));
-    connecting->kill(SIGTERM);
-    EXPECT_EQ(connecting->wait(), -SIGTERM);
-    EXPECT_EQ(filesIn(temporary), 0U);
-}
-
 }  // namespace
 }  // namespace kvx::test

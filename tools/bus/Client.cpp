@@ -5,7 +5,7 @@
 #include <memory>
 #include <utility>
 
-#include "mom/net/VekText.h"
+#include "mom/base/VekText.h"
 #include "rv/error/rvAdvisory.h"
 #include "rv/session/rvSessionHooks.h"
 #include "tools/bus/Complain.h"
@@ -14,18 +14,7 @@ namespace kvx::bus {
 
 namespace {
 
-constexpr const char* kDefaultDaemon = "tcp:7500";
 constexpr const char* kNoDaemon = "-";
-
-// What a signal other than those of a `SignalScope` does to a program that has something to finish.
-class LeaveOnSignal : public CCallbackBase {
-  public:
-    explicit LeaveOnSignal(Client& client) : client_(client) {}
-    void operator()() override { client_.leave(0); }
-
-  private:
-    Client& client_;
-};
 
 std::string messages(std::uint64_t count) {
     return fmt::format("{} message{}", count, count == 1 ? "" : "s");
@@ -34,15 +23,9 @@ std::string messages(std::uint64_t count) {
 }  // namespace
 
 Client::Client(const Connection& connection, unsigned long latencyMs)
-    : Client(ConfigurationOverlay(connection), connection, latencyMs) {}
-
-Client::Client(const ConfigurationOverlay& overlay, const Connection& connection,
-               unsigned long latencyMs)
-    : qualify_(!connection.domain.empty()), net_(latencyMs, connection.domainOrDefault().c_str()) {
-    if (!overlay.isInEffect()) return;
-    const CVekAtom* const configured = net_.m_cfgParser.RRCPGetDaemon();
-    daemon_ = configured != nullptr ? configured->RAString() : "";
-    if (daemon_.empty()) daemon_ = kDefaultDaemon;
+    : qualify_(!connection.domain.empty()),
+      net_(latencyMs, connection.domainOrDefault().c_str(), connection) {
+    daemon_ = net_.RRNAddress().daemon;
     const bool hasSession = net_.m_sessionUp == 1 && net_.m_session;
     if (hasSession && daemon_ == kNoDaemon) {
         complain("the daemon '-' is none: there is nobody to talk to");
@@ -61,13 +44,10 @@ Client::~Client() {
 }
 
 std::string Client::sessionText() {
-    const auto textOf = [](const CVekAtom* atom) {
-        return atom != nullptr ? atom->RAString() : "";
-    };
+    const DaemonAddress address = net_.RRNAddress();
     return fmt::format("session {} with the bus daemon at {}, service '{}', network '{}'",
-                       rv_SessionName(session().handle()), daemon_,
-                       textOf(net_.m_cfgParser.RRCPGetService()),
-                       textOf(net_.m_cfgParser.RRCPGetNetwork()));
+                       rv_SessionName(session().handle()), address.daemon, address.service,
+                       address.network);
 }
 
 bool Client::watchSession() {
@@ -114,7 +94,7 @@ void Client::leaveWithoutDaemon() {
 
 int Client::run(std::function<void()> whenRunning) {
     if (!rv_IsConnected(session().handle())) return kFailure;
-    net_.whenRunning = std::move(whenRunning);
+    net_.RRNSetPostInitFns(std::move(whenRunning));
     {
         const std::lock_guard guard(loopLock_);
         exitStatus_ = kFailure;
@@ -144,9 +124,7 @@ int Client::wrapUp() {
 
 int Client::runUntilSignal(std::function<void()> whenRunning) {
     CMOMSignalHandler signals;
-    signals.manage(&net_);
-    // The process's catcher keeps the callback until the process ends.
-    signals.registerHandler(std::make_unique<LeaveOnSignal>(*this).release());
+    signals.manage(&net_, [this] { leave(0); });
     signals_.emplace([this] { stopLoopFromOutside(); }, [this] { return wrapUp(); });
     run(std::move(whenRunning));
     signals.stop();

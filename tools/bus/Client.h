@@ -8,7 +8,6 @@
 #include <string>
 
 #include "mom/mom.h"
-#include "tools/bus/ConfigurationOverlay.h"
 #include "tools/bus/Connection.h"
 #include "tools/bus/Program.h"
 
@@ -61,19 +60,6 @@ class Client : private RvDataCallback {
     void leave(int exitStatus);
 
   private:
-    class Net : public CVekClient {
-      public:
-        using CVekClient::CVekClient;
-        void RRNPostInitFns() override {
-            if (whenRunning) whenRunning();
-        }
-        std::function<void()> whenRunning;
-    };
-
-    // The overlay is there while the network object is built, and no longer.
-    Client(const ConfigurationOverlay& overlay, const Connection& connection,
-           unsigned long latencyMs);
-
     std::string sessionText();
     bool watchSession();
     void changeDaemon(bool isThere);
@@ -96,7 +82,7 @@ class Client : private RvDataCallback {
     // Closing the session may still tell of the daemon's loss.
     std::string daemon_;
     std::function<void(bool)> changed_;
-    Net net_;
+    CVekClient net_;
     bool isUp_ = false;
 };
 

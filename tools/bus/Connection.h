@@ -2,13 +2,12 @@
 
 #include <string>
 
+#include "mom/mom.h"
+
 namespace kvx::bus {
 
-/// Where the bus is. Empty texts leave the choice to the daemon configuration file.
-struct Connection {
-    std::string service;
-    std::string network;
-    std::string daemon;
+/// Where the bus is, and how a program uses it.
+struct Connection : DaemonAddress {
     std::string domain;    ///< as given; empty when not given
     bool verbose = false;  ///< tell on standard error what is connected
 
@@ -16,8 +15,10 @@ struct Connection {
     std::string domainOrDefault() const { return domain.empty() ? "DEFAULT" : domain; }
 };
 
-/// What is wrong with `text` as a part of a `Connection`, or an empty text: a quote, a backslash or
-/// a line end would change the meaning of the configuration that it goes into.
-[[nodiscard]] std::string problemWithPart(const std::string& text);
+/// What is wrong with `text` as a part of a `Connection`, or an empty text.
+[[nodiscard]] inline std::string problemWithPart(const std::string& text) {
+    const bool bad = text.find_first_of("\"'\n\\") != std::string::npos;
+    return bad ? "quotes, backslashes and line ends have no place here" : std::string();
+}
 
 }  // namespace kvx::bus

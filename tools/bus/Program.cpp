@@ -1,6 +1,6 @@
 // The signals that end a program are blocked in every thread and taken by one of their own. So a
 // signal is answered whatever the main thread waits for, and what answers it may do anything that a
-// thread may do: remove files, flush, complain. That thread is never joined: it waits until the
+// thread may do: flush, complain. That thread is never joined: it waits until the
 // process is gone, and what it uses is never destroyed.
 
 #include "tools/bus/Program.h"
@@ -33,7 +33,6 @@ struct Arrangement {
     // Guarded by lock; empty outside their scopes.
     std::function<void()> leave;
     std::function<int()> wrapUp;
-    std::function<void()> cleanUp;
 };
 
 Arrangement& arrangement() {
@@ -47,10 +46,6 @@ std::array<int, 3> endingSignals() {
 }
 
 [[noreturn]] void endBySignal(int signal) {
-    {
-        const std::lock_guard guard(arrangement().lock);
-        if (arrangement().cleanUp) arrangement().cleanUp();
-    }
     platform::restoreDefaultSignal(signal);
     platform::unblockSignals(std::array{signal});
     platform::raiseSignal(signal);
@@ -119,16 +114,6 @@ SignalScope::~SignalScope() {
     const std::lock_guard guard(arrangement().lock);
     arrangement().leave = nullptr;
     arrangement().wrapUp = nullptr;
-}
-
-CleanUpScope::CleanUpScope(std::function<void()> cleanUp) {
-    const std::lock_guard guard(arrangement().lock);
-    arrangement().cleanUp = std::move(cleanUp);
-}
-
-CleanUpScope::~CleanUpScope() {
-    const std::lock_guard guard(arrangement().lock);
-    arrangement().cleanUp = nullptr;
 }
 
 }  // namespace kvx::bus

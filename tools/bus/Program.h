@@ -32,14 +32,4 @@ class SignalScope {
     SignalScope& operator=(const SignalScope&) = delete;
 };
 
-/// While it lives, `cleanUp` is called before a signal ends the process. Main thread, one at a
-/// time.
-class CleanUpScope {
-  public:
-    explicit CleanUpScope(std::function<void()> cleanUp);
-    ~CleanUpScope();
-    CleanUpScope(const CleanUpScope&) = delete;
-    CleanUpScope& operator=(const CleanUpScope&) = delete;
-};
-
 }  // namespace kvx::bus

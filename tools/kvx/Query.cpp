@@ -3,24 +3,12 @@
 
 #include "tools/kvx/Query.h"
 
-#include <cstring>
 #include <utility>
 
+#include "mom/transport/TransportPacket.h"
+#include "rv/message/WireReader.h"
+
 namespace kvx::tool {
-
-namespace {
-
-constexpr rvmsg_Size kHeaderBytes = 24;
-constexpr rvmsg_Size kKindOffset = 18;
-constexpr unsigned kCompressed = 1;
-
-unsigned bigEndian(const unsigned char* bytes, int count) {
-    unsigned value = 0;
-    for (int i = 0; i < count; ++i) value = value << 8U | bytes[i];
-    return value;
-}
-
-}  // namespace
 
 Query::Query(CVekRvNet& net, unsigned long timeoutMs, std::function<void()> finished)
     : net_(net), timeoutMs_(timeoutMs), finished_(std::move(finished)) {}
@@ -48,15 +36,18 @@ void Query::onTimeout(RvListener* listener) {
     net_.RRNRemoveListener(listener->subject());
 }
 
-void Query::count(const RvMsg& packet) {
+void Query::count(const RvMsg& message) {
     RvDatum field;
-    if (!(packet.get("a", field) == RvStatus(0)) || field.size() < kHeaderBytes) return;
-    const auto* bytes = static_cast<const unsigned char*>(field.data());
-    const rvmsg_Size payload = field.size() - kHeaderBytes;
-    const bool compressed = bigEndian(bytes + kKindOffset, 2) == kCompressed && payload >= 4;
+    if (!(message.get("a", field) == RvStatus(0))) return;
+    const packet::Bytes bytes(static_cast<const unsigned char*>(field.data()), field.size());
+    const auto header = packet::readHeader(bytes);
+    if (!header) return;
+    const packet::Bytes payload = bytes.subspan(packet::kHeaderSize);
+    const bool compressed =
+        header->kind == packet::kCompressed && payload.size() >= packet::kLengthSize;
     ++totals_.packets;
-    totals_.sentBytes += payload;
-    totals_.plainBytes += compressed ? bigEndian(bytes + kHeaderBytes, 4) : payload;
+    totals_.sentBytes += payload.size();
+    totals_.plainBytes += compressed ? loadBig32(payload.data()) : payload.size();
 }
 
 void Query::onTimer(RvTimer*) {

@@ -38,7 +38,7 @@ class Query : public RvDataCallback, public RvTimerCallback {
     void onTimer(RvTimer* timer) override;
 
   private:
-    void count(const RvMsg& packet);
+    void count(const RvMsg& message);
     void finish(bool complete);
 
     CVekRvNet& net_;

@@ -8,7 +8,7 @@
 #include <optional>
 #include <utility>
 
-#include "mom/net/VekText.h"
+#include "mom/base/VekText.h"
 #include "platform/File.h"
 #include "platform/Text.h"
 #include "rv/session/rvSessionHooks.h"
@@ -17,7 +17,7 @@
 #include "tools/bus/Output.h"
 #include "tools/bus/Ticker.h"
 #include "tools/kvx/AnswerDecoder.h"
-#include "tools/kvx/Columns.h"
+#include "tools/kvx/Rows.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Query.h"
 #include "tools/kvx/Rows.h"

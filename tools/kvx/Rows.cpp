@@ -7,7 +7,7 @@
 #include <optional>
 #include <utility>
 
-#include "mom/net/VekText.h"
+#include "mom/base/VekText.h"
 #include "platform/Text.h"
 #include "tools/kvx/DatumJson.h"
 

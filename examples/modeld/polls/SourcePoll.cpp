@@ -29,7 +29,6 @@ namespace {
 constexpr int kTakeOverSeconds = 6;
 constexpr int kLooks = 3;
 constexpr const char* kChangeWords[] = {"inserted", "changed", "deleted"};
-constexpr unsigned kNoticesInPacket = 100;
 
 }  // namespace
 
@@ -61,7 +60,7 @@ void ChangePublisher::add(std::string_view notice) {
     if (transport_.RTTakeROMP(&record) != 1) return;
     static_cast<void>(atom.release());
     ++published_;
-    if (++waiting_ == kNoticesInPacket) flush();
+    if (++waiting_ == VEK_TRANS_V1_RECORDS) flush();
 }
 
 void ChangePublisher::flush() {

@@ -18,7 +18,6 @@ namespace modeld {
 
 namespace {
 
-constexpr std::size_t kRowsInBlock = 100;  // what a transport puts into one compressed packet
 constexpr std::size_t kMostWaiting = 8;    // blocks
 constexpr unsigned kMostHelpers = 3;       // threads
 constexpr std::size_t kBlocksForHelp = 2;  // with fewer, a thread costs more than it saves
@@ -44,7 +43,7 @@ BatchBuilder::~BatchBuilder() {
 void BatchBuilder::add(const Row& row) {
     if (!open_) open_ = std::make_unique<Block>();
     open_->rows.add(row);
-    if (open_->rows.size() == kRowsInBlock) closeBlock();
+    if (open_->rows.size() == VEK_TRANS_V1_RECORDS) closeBlock();
 }
 
 void BatchBuilder::finish(CVekTransport& transport) {

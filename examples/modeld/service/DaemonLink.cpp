@@ -10,7 +10,7 @@
 #include <atomic>
 
 #include "examples/modeld/service/Log.h"
-#include "mom/net/VekCodes.h"
+#include "mom/base/VekCodes.h"
 #include "rv/error/rvCodes.h"
 
 namespace modeld {

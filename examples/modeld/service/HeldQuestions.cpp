@@ -18,7 +18,6 @@ namespace modeld {
 namespace {
 
 constexpr const char* kInboxField = "inbox";
-constexpr std::uint64_t kRowsInPacket = 100;  // of version 1
 
 }  // namespace
 
@@ -53,7 +52,7 @@ std::string begunSubject(const std::string& querySubject) {
 }
 
 bool isLongAnswer(EVekTransHdr version, std::uint64_t rows) {
-    return rows > (version == VEK_TRANS_V1 ? kRowsInPacket : 1);
+    return rows > (version == VEK_TRANS_V1 ? VEK_TRANS_V1_RECORDS : 1);
 }
 
 void tellBegun(CVekEngine& engine, const Question& question) {

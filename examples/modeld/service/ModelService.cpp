@@ -15,7 +15,7 @@
 
 #include "examples/modeld/oql/Parse.h"
 #include "examples/modeld/service/Log.h"
-#include "mom/net/VekText.h"
+#include "mom/base/VekText.h"
 #include "platform/Text.h"
 
 namespace modeld {
@@ -48,9 +48,7 @@ void logAnswer(const Question& question, const Verdict& verdict, double millisec
 }  // namespace
 
 ModelService::ModelService(CVekEngine& engine, Settings settings)
-    : engine_(engine),
-      settings_(std::move(settings)),
-      role_(engine, [this](bool active) { roleChanged(active); }) {}
+    : engine_(engine), settings_(std::move(settings)) {}
 
 ModelService::~ModelService() {
     stopping_ = true;
@@ -83,7 +81,7 @@ bool ModelService::openStores(std::string& reason) {
 
 bool ModelService::start(std::string& reason) {
     if (!openStores(reason)) return false;
-    if (!promptSender_.start()) Log::warning("answers wait for the tick of the send queue");
+    if (engine_.RESendPromptly() != 1) Log::warning("answers wait for the tick of the send queue");
     pool_ = std::make_unique<CVekServPool>(settings_.threads, this);
     pool_->RSPLaunchThreads(answerOne);
     const std::string begun = begunSubject(querySubject());
@@ -97,7 +95,13 @@ bool ModelService::start(std::string& reason) {
 }
 
 void ModelService::followRole() {
-    if (!role_.start()) Log::error("the role in the group cannot be followed");
+    engine_.RESetRoleCallback([this](bool active) { roleChanged(active); });
+    roleChanged(engine_.REIsActive() == TRUE);
+}
+
+void ModelService::stopAnswering() {
+    engine_.RESetRoleCallback({});
+    gate_.close();
 }
 
 void ModelService::roleChanged(bool active) {
@@ -126,7 +130,7 @@ void ModelService::onData(const char* subject, RvSender* replyTo, const RvDatum&
     question.version = info.RQIVersion() == VEK_TRANS_V1 ? VEK_TRANS_V1 : VEK_TRANS_V0;
     if (!settings_.standalone) question.begunSubject = begunSubject(querySubject());
     const kvx::Text text(info.RQIQuery());
-    const bool active = role_.isActive();
+    const bool active = engine_.REIsActive() == TRUE;
     if (text) question.text = textOf(text.get());
     if (!text) {
         if (active) refuseNow(question, "this is no query");
@@ -157,7 +161,6 @@ void ModelService::answerLater(Question question) {
 
 void ModelService::refuseNow(const Question& question, const std::string& reason) {
     refuse(engine_, question, reason);
-    promptSender_.wake();
 }
 
 void ModelService::answerOne(void* item, void* service) {
@@ -172,7 +175,6 @@ void ModelService::answerQuestion(const Question& question) {
     const auto begin = std::chrono::steady_clock::now();
     auto store = borrowStore();
     const Verdict verdict = answer(engine_, *store, question, gate_);
-    promptSender_.wake();
     returnStore(std::move(store));
     const std::chrono::duration<double, std::milli> spent =
         std::chrono::steady_clock::now() - begin;

@@ -10,8 +10,6 @@
 
 #include "examples/modeld/service/Answer.h"
 #include "examples/modeld/service/HeldQuestions.h"
-#include "examples/modeld/service/PromptSender.h"
-#include "examples/modeld/service/RoleWatch.h"
 #include "examples/modeld/store/Store.h"
 #include "mom/mom.h"
 
@@ -44,8 +42,9 @@ class ModelService : public RvDataCallback {
     /// when either cannot be done.
     [[nodiscard]] bool start(std::string& reason);
 
-    /// Begins no further answer. Main thread; what is queued then is all there will be.
-    void stopAnswering() { gate_.close(); }
+    /// Begins no further answer, and follows the role no longer. Main thread; what is queued then
+    /// is all there will be.
+    void stopAnswering();
 
     /// To be called once the main loop runs: takes up the engine's role and follows it.
     void followRole();
@@ -100,10 +99,8 @@ class ModelService : public RvDataCallback {
     SendGate gate_;
 
     // Main thread only.
-    RoleWatch role_;
     HeldQuestions held_;
     BegunListener begunListener_{held_};
-    PromptSender promptSender_{engine_};
 
     // Guarded by storesMutex_: connections that no thread uses at the moment.
     std::mutex storesMutex_;

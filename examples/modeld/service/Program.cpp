@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <optional>
 
@@ -17,10 +16,8 @@
 #include "examples/modeld/service/DaemonLink.h"
 #include "examples/modeld/service/Log.h"
 #include "examples/modeld/service/ModelService.h"
-#include "examples/modeld/service/StopSignals.h"
 #include "examples/modeld/service/StopWatch.h"
-#include "mom/net/DaemonAddress.h"
-#include "mom/net/VekText.h"
+#include "mom/base/VekText.h"
 #include "platform/File.h"
 #include "platform/Signals.h"
 
@@ -30,18 +27,6 @@ namespace {
 
 constexpr int kFailure = 1;
 constexpr std::chrono::seconds kForTheQueue{4};
-
-// Calls the service once the loop runs.
-class ModelEngine : public CVekEngine {
-  public:
-    using CVekEngine::CVekEngine;
-
-    void RRNPostInitFns() override {
-        if (whenRunning) whenRunning();
-    }
-
-    std::function<void()> whenRunning;
-};
 
 // The state of a long load, drawn over itself on a terminal, erased at the end, and left out of
 // pipes.
@@ -78,13 +63,6 @@ std::string notifySubject(CVekEngine& engine, __serv_types service) {
     const std::string plain = CVekServiceToSubjectMapper::ServiceEnumToNotifySubject(service);
     const kvx::Text subject(plain.empty() ? nullptr : engine.RRNDomainSubj(plain.c_str()));
     return subject ? subject.get() : "";
-}
-
-// The address that the bus client was given, or its own choice.
-std::string daemonAddress() {
-    CVekRvdCfgParser parser;
-    const kvx::DaemonAddress address = kvx::readDaemonAddress(parser);
-    return address.daemon != nullptr && *address.daemon != '\0' ? address.daemon : "tcp:7500";
 }
 
 // Fills the table anew; or, when somebody will publish it, finds what has changed since the table
@@ -159,8 +137,7 @@ void leave(ModelService& service, CVekEngine& engine) {
         rv_Flush(engine.m_session->handle(),
                  static_cast<unsigned long>(std::max<long long>(left.count(), 0)));
     }
-    engine.m_ftErrorCallback.reset();
-    engine.m_ftSession.reset();
+    engine.RELeaveGroup();
 }
 
 // Those that end no process do not end it while it is still loading and connecting either.
@@ -183,10 +160,10 @@ int run(const Options& options) {
     // Outlives all that may take its time to end.
     std::optional<StopWatch> watchTheStop;
     // An engine that serves no service joins no group.
-    ModelEngine engine(options.tier, options.group.c_str(), options.domain.c_str(),
-                       options.standalone ? SERV_UNKNOWN : options.service);
+    CVekEngine engine(options.tier, options.group.c_str(), options.domain.c_str(),
+                      options.standalone ? SERV_UNKNOWN : options.service);
     if (engine.m_sessionUp != 1) {
-        Log::error("no daemon answers at {}", daemonAddress());
+        Log::error("no daemon answers at {}", engine.RRNAddress().daemon);
         return kFailure;
     }
     ModelService service(engine, {options.database, options.service, options.threads,
@@ -201,14 +178,15 @@ int run(const Options& options) {
     const Polls polls(engine, service, watch,
                       {options.database, sourceOf(options), notifySubject(engine, options.service),
                        options.watchSource, options.statistics, options.checkpoint});
-    engine.whenRunning = [&service] { service.followRole(); };
+    engine.RRNSetPostInitFns([&service] { service.followRole(); });
     engine.RESetMaxSendRate(options.sendRate);
     CVekEnv environment;
     const char* name = CVekServiceToSubjectMapper::EnumToServiceString(options.service);
     engine.REStartHeartBeat(name, options.domain.c_str(), &environment);
     if (options.standalone) engine.RESetActive();
-    StopSignals signals(engine);
-    signals.manage(&engine);
+    // A stop ends the main loop and not the process, so that the group hears of it at once.
+    CMOMSignalHandler signals;
+    signals.manage(&engine, [&engine] { engine.RRNStopLoop(); });
     watchTheStop.emplace();
     engine.REDoIt();
     signals.stop();

@@ -9,9 +9,11 @@
 #include <string>
 
 #include "foundation/foundation.h"
+#include "mom/base/VekCodes.h"
+#include "mom/base/VekText.h"
+#include "mom/base/VekTrace.h"
+#include "mom/config/DaemonAddress.h"
 #include "mom/config/VekRvdCfgScan.h"
-#include "mom/net/VekCodes.h"
-#include "mom/net/VekTrace.h"
 
 // The parser object is only the place where text and values are kept. The work is done by the
 // generated grammar and scanner, whose state is one for the whole process; `parseLock` is what
@@ -174,4 +176,22 @@ char* RvdCfgFileName() {
     CVekString path(environment.REHome());
     path.RSStrCat("/etc/Calvorine.rvd.cfg");
     return path.RSStringCopy();
+}
+
+kvx::SessionAddress kvx::readConfiguration(CVekRvdCfgParser& parser, const DaemonAddress& address) {
+    const Text fileName(RvdCfgFileName());
+    const bool isRead = fileName && parser.RRCPParseFromFilename(fileName.get()) == kOk;
+    const auto choose = [&](const std::string& given, int (CVekRvdCfgParser::*set)(const CVekAtom*),
+                            CVekAtom* (CVekRvdCfgParser::*get)()) -> const char* {
+        if (!given.empty()) {
+            const CVekAtom value(given.c_str());
+            (parser.*set)(&value);
+        }
+        const CVekAtom* const value = isRead || !given.empty() ? (parser.*get)() : nullptr;
+        return value != nullptr ? value->RAString() : nullptr;
+    };
+    using Parser = CVekRvdCfgParser;
+    return {choose(address.service, &Parser::RRCPSetService, &Parser::RRCPGetService),
+            choose(address.network, &Parser::RRCPSetNetwork, &Parser::RRCPGetNetwork),
+            choose(address.daemon, &Parser::RRCPSetDaemon, &Parser::RRCPGetDaemon)};
 }

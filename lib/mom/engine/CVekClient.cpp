@@ -4,6 +4,11 @@ CVekClient::CVekClient(unsigned long latency, char* domain) : CVekRvNet(latency,
 
 CVekClient::CVekClient(unsigned long latency, const char* domain) : CVekRvNet(latency, domain) {}
 
+CVekClient::CVekClient(unsigned long latency, const char* domain, const kvx::DaemonAddress& address)
+    : CVekRvNet(latency, domain, address) {}
+
 CVekClient::~CVekClient() = default;
 
-void CVekClient::RRNPostInitFns() {}
+void CVekClient::RRNPostInitFns() {
+    runPostInitFns();
+}

@@ -11,8 +11,11 @@ class KVX_API CVekClient : public CVekRvNet {
     /// a `malloc`ed text, the second copies it.
     CVekClient(unsigned long latency, char* domain);
     CVekClient(unsigned long latency, const char* domain);
+
+    /// What `address` leaves empty is taken from the configuration file.
+    CVekClient(unsigned long latency, const char* domain, const kvx::DaemonAddress& address);
     ~CVekClient() override;
 
-    /// Does nothing.
+    /// Calls what `RRNSetPostInitFns` has set.
     void RRNPostInitFns() override;
 };

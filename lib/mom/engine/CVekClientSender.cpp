@@ -4,8 +4,8 @@
 #include <cstring>
 #include <new>
 
+#include "mom/base/VekTrace.h"
 #include "mom/net/CVekRvNet.h"
-#include "mom/net/VekReport.h"
 
 namespace {
 

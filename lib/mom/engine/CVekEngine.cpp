@@ -9,16 +9,13 @@
 #include <limits>
 #include <utility>
 
+#include "mom/base/VekTrace.h"
 #include "mom/engine/CVekEngineLines.h"
 #include "mom/engine/CVekInitTimedClb.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
 
 namespace {
 
-constexpr unsigned long kDefaultSendRate = 150;  // items a second
-constexpr unsigned long kTicksPerSecond = 10;
-constexpr unsigned long kDrainInterval = 100;         // milliseconds
+constexpr unsigned long kDefaultSendRate = 150;       // items a second
 constexpr unsigned long kHeartbeatInterval = 10000;   // milliseconds
 constexpr unsigned long kFirstHeartbeatDelay = 1500;  // milliseconds
 
@@ -26,7 +23,11 @@ constexpr unsigned long kFirstHeartbeatDelay = 1500;  // milliseconds
 
 CVekEngine::CVekEngine(int tierNo, const char* groupBase, const char* domain,
                        __serv_types serviceType)
-    : CVekRvNet(0, domain) {
+    : CVekEngine(tierNo, groupBase, domain, serviceType, kvx::DaemonAddress()) {}
+
+CVekEngine::CVekEngine(int tierNo, const char* groupBase, const char* domain,
+                       __serv_types serviceType, const kvx::DaemonAddress& address)
+    : CVekRvNet(0, domain, address) {
     kvx::Text base = kvx::copyText(groupBase);
     if (groupBase != nullptr && !base) {
         kvx::report(kvx::kNoMemory, kvx::engine::kFile, kvx::engine::CopyGroupBase);
@@ -57,6 +58,7 @@ void CVekEngine::build(int tierNo, kvx::Text groupBase, __serv_types serviceType
 
 CVekEngine::~CVekEngine() {
     kvx::trace(kvx::kTraceCalls, "CVekEngine::~CVekEngine\n");
+    m_promptSender.reset();
     while (CVekSendQueueItem* const unsent = RENextSendItem()) delete unsent;
     m_sendTimer.reset();
     m_hbTimer.reset();
@@ -73,16 +75,17 @@ CVekEngine::~CVekEngine() {
     m_ftSession.reset();
 }
 
-void CVekEngine::RRNPostInitFns() {}
+void CVekEngine::RRNPostInitFns() {
+    runPostInitFns();
+}
 
 void CVekEngine::REDoIt() {
-    const unsigned long perTick = REGetMaxSendRate() / kTicksPerSecond;
     CVekInitTimedClb drain(
-        static_cast<int>(std::min<unsigned long>(perTick, std::numeric_limits<int>::max())));
+        static_cast<int>(std::min<unsigned long>(itemsPerTick(), std::numeric_limits<int>::max())));
     int status = kvx::kOk;
     auto previous = std::exchange(
         m_sendTimer,
-        std::unique_ptr<RvTimer>(RRNNewTimer(&status, kDrainInterval, rv_TRUE, &drain, this)));
+        std::unique_ptr<RvTimer>(RRNNewTimer(&status, kvx::engine::kTick, rv_TRUE, &drain, this)));
     if (!m_sendTimer) {
         kvx::report(kvx::kInvalidArgument, kvx::engine::kFile, kvx::engine::QueueTimer);
         return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -25,6 +26,11 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// `REInitSession` fail, which is reported; the object is constructed either way.
     CVekEngine(int tierNo, const char* groupBase, const char* domain, __serv_types serviceType);
 
+    /// The same; what `address` leaves empty is taken from the configuration file. It serves both
+    /// sessions.
+    CVekEngine(int tierNo, const char* groupBase, const char* domain, __serv_types serviceType,
+               const kvx::DaemonAddress& address);
+
     /// Takes ownership of both texts, which come from `malloc`.
     CVekEngine(int tierNo, char* groupBase, char* domain, __serv_types serviceType);
 
@@ -35,7 +41,7 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// The number of items a tick is a tenth of the send rate at this moment, at least 1.
     void REDoIt();
 
-    /// Does nothing; a derived engine does its start-up work here.
+    /// Calls what `RRNSetPostInitFns` has set; a derived engine does its start-up work here.
     void RRNPostInitFns() override;
 
     // --- Sending -------------------------------------------------------------------------------
@@ -79,6 +85,12 @@ class KVX_API CVekEngine : public CVekRvNet {
     void RESetMaxSendRate(unsigned long rate);
     unsigned long REGetMaxSendRate();
 
+    /// Sends what is queued at once from now on, instead of at the next tick: whoever queues wakes
+    /// the main loop. In the time of a tick no more goes out this way than one tick's share of the
+    /// send rate; the rest waits for the tick. Lasts until the session ends. -220440 when the loop
+    /// cannot be woken, else as `RRNAddIOHandle`; the tick then sends everything. Main thread.
+    int RESendPromptly();
+
     /// The members, unguarded; the engine owns both.
     RvTimer* REGetQueueTimer();
     CVekStack* REGetQueue();
@@ -90,6 +102,10 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// second call leaves the group first, which makes a member backup until the group says
     /// otherwise. Main thread.
     int REInitSession();
+
+    /// Leaves the group and closes its session: another member takes over at once. A member is
+    /// backup from then on. `REInitSession` joins again. -220425 off the main thread, else 1.
+    int RELeaveGroup();
 
     /// Builds the group's name of base, domain and tier. -220552 without a base.
     int REMakeGroupName();
@@ -116,6 +132,12 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// Makes the engine primary or backup, its heartbeat too. Any thread.
     void RESetActive();
     void RESetInActive();
+
+    /// Has `changed` called when the engine has become primary (true) or backup; empty for nobody.
+    /// Called on the main thread without a lock: at once for a change that the group or another
+    /// call on the main thread makes, at the queue's next tick for that of another thread. It may
+    /// do everything, and destroy the engine. Main thread.
+    void RESetRoleCallback(std::function<void(bool active)> changed);
 
     // --- Heartbeats ------------------------------------------------------------------------------
 
@@ -149,6 +171,9 @@ class KVX_API CVekEngine : public CVekRvNet {
     std::unique_ptr<RvSession> m_ftSession;
 
   private:
+    friend class CVekInitTimedClb;
+    class PromptSender;
+
     RvSender* RENewSender(const char* subject, __boolean domainQualify);
     RvSender* RENewSenderOnSubject(const char* subject);
     int REStoreNewSender(RvSender* sender, const char* subject);
@@ -168,21 +193,28 @@ class KVX_API CVekEngine : public CVekRvNet {
     void build(int tierNo, kvx::Text groupBase, __serv_types serviceType, int idLine,
                int sessionLine);
     kvx::Text prepareSubject(const char* subject, __boolean domainQualify);
-    int pushBack(CVekSendQueueItem* item);
-    int pushFront(CVekSendQueueItem* item);
     int sendOnNewSender(const char* subject, const RvDatum& datum);
     int keepSender(std::unique_ptr<RvSender> sender, const char* subject);
     RvListener* requestOnNewSender(const char* subject, const RvDatum& datum,
                                    const RvDataCallback* callback, unsigned long timeout);
     rv_Session openGroupSession();
-    void leaveGroup();
+    std::unique_ptr<RvSession> leaveGroup();
     void joinGroup(rv_Session session);
-    void setActive(__boolean active, EVekHbRunLevel level, int line, const char* text);
+    void setActive(__boolean active);
+    void tellRole();
+    unsigned long itemsPerTick();
+    int push(CVekSendQueueItem* item, int (CVekStack::*where)(void*));
 
     // What a second REStartHeartBeat leaves behind, alive until the engine dies.
     std::vector<std::unique_ptr<CVekHeartbeatClb>> m_retiredHeartbeats;
     std::vector<std::unique_ptr<RvTimer>> m_retiredTimers;
     std::shared_ptr<const void> m_groupLoopClaim;
+
+    // Main thread only.
+    std::function<void(bool active)> m_roleChanged;
+    bool m_toldActive = false;
+
+    std::shared_ptr<PromptSender> m_promptSender;  // guarded by m_requestMutex
 };
 
 /// The group's action callback: makes the engine of `engine` primary (action 2) or backup (3).

@@ -9,11 +9,9 @@
 #include <string>
 #include <utility>
 
+#include "mom/base/VekTrace.h"
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekEngineLines.h"
-#include "mom/net/DaemonAddress.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
 #include "platform/Socket.h"
 
 namespace engine = kvx::engine;
@@ -80,7 +78,7 @@ int CVekEngine::REInitSession() {
     auto claim = claimLoop(engine::kFile, engine::OpenSession);
     if (!claim) return kvx::kOffMainThread;
     m_groupLoopClaim = std::move(claim);
-    leaveGroup();
+    leaveGroup();  // its session closes here
     auto* const session = openGroupSession();
     m_ftSession = std::make_unique<RvSession>(session);
     m_ftErrorCallback = std::make_unique<CVekRvErrorClb>();
@@ -88,15 +86,27 @@ int CVekEngine::REInitSession() {
         kvx::warn("Non fatal error: Rendezvous Error Handler failed to initialise\n");
     }
     if (m_serviceType != SERV_UNKNOWN) joinGroup(session);
+    tellRole();
     return kvx::kOk;
 }
 
-/// Gives up the group session of an earlier call. Another member takes over at once, so a member
-/// that leaves is primary no longer.
-void CVekEngine::leaveGroup() {
-    if (std::exchange(m_ftMemberId, nullptr) != nullptr) RESetInActive();
-    const std::unique_ptr<RvSession> left = std::move(m_ftSession);
-    if (!left || !m_listeners) return;
+int CVekEngine::RELeaveGroup() {
+    const int thread = RRNReturnCheckThreadId();
+    if (thread != kvx::kOk) return thread;
+    // These die last: closing the session may run user code.
+    const std::shared_ptr<const void> claim = std::move(m_groupLoopClaim);
+    const std::unique_ptr<RvSession> left = leaveGroup();
+    const std::unique_ptr<CVekRvErrorClb> callback = std::move(m_ftErrorCallback);
+    tellRole();
+    return kvx::kOk;
+}
+
+/// Gives up the group session, which is left to the caller to close. Another member takes over
+/// then, so a member that leaves is primary no longer.
+std::unique_ptr<RvSession> CVekEngine::leaveGroup() {
+    if (std::exchange(m_ftMemberId, nullptr) != nullptr) setActive(FALSE);
+    std::unique_ptr<RvSession> left = std::move(m_ftSession);
+    if (!left || !m_listeners) return left;
     const std::unique_ptr<CVekDoubleList> listeners(m_listeners->RTLIterator());
     for (CVekListable* entry = listeners->RDLHead(); entry != nullptr;
          entry = listeners->RDLGetNext(entry)) {
@@ -104,12 +114,13 @@ void CVekEngine::leaveGroup() {
         if (listener == nullptr || listener->callback() != m_ftErrorCallback.get()) continue;
         if (RRNDereferenceListener(listener) == kvx::kOk) delete listener;
     }
+    return left;
 }
 
 /// The engine's own core session, or null.
 rv_Session CVekEngine::openGroupSession() {
     CVekRvdCfgParser parser;
-    const kvx::DaemonAddress address = kvx::readDaemonAddress(parser);
+    const kvx::SessionAddress address = kvx::readConfiguration(parser, m_givenAddress);
     kvx::trace(kvx::kTraceCalls, "Initializing RV session.\n");
     rv_Session session = nullptr;
     const int code = rv_Open(&session, address.service, address.network, address.daemon);
@@ -134,31 +145,52 @@ void VekGetActivates(rv_Session, const char*, int action, void* closure) {
     kvx::trace(kvx::kTraceCalls, "Entering VekGetActivates (callback) with action", action, "\n");
     kvx::writeGuarded(std::cout, processPrefix());
     if (action == RVFT_ACTIVATE) {
-        kvx::writeGuarded(std::cout, "Becoming Primary for tier ", engine->REGetTierNo());
-        engine->RESetActive();
+        kvx::writeGuarded(std::cout, "Becoming Primary for tier ", engine->REGetTierNo(), "\n");
+        engine->RESetActive();  // may end with the engine's destruction
     } else if (action == RVFT_DEACTIVATE) {
-        kvx::writeGuarded(std::cout, "Becoming Backup for tier ", engine->REGetTierNo());
+        kvx::writeGuarded(std::cout, "Becoming Backup for tier ", engine->REGetTierNo(), "\n");
         engine->RESetInActive();
+    } else {
+        kvx::writeGuarded(std::cout, "\n");
     }
-    kvx::writeGuarded(std::cout, "\n");
 }
 
 // --- Flags -----------------------------------------------------------------------------------
 
-void CVekEngine::setActive(__boolean active, EVekHbRunLevel level, int line, const char* text) {
+void CVekEngine::setActive(__boolean active) {
     const CVekThread::AutoMutex guard(*m_lock);
     m_active = active;
     if (!m_heartbeat) return;
-    const int result = m_heartbeat->RHCSetLevel(level);
-    if (result != kvx::kOk) kvx::report(result, engine::kFile, line, text);
+    const int result = m_heartbeat->RHCSetLevel(active == TRUE ? HB_PRIMARY : HB_BACKUP);
+    if (result == kvx::kOk) return;
+    if (active == TRUE) {
+        kvx::report(result, engine::kFile, engine::SetActive, "CVekEngine::VekSetActive");
+    } else {
+        kvx::report(result, engine::kFile, engine::SetInActive, "CVekEngine::VekSetInActive");
+    }
 }
 
 void CVekEngine::RESetActive() {
-    setActive(TRUE, HB_PRIMARY, engine::SetActive, "CVekEngine::VekSetActive");
+    setActive(TRUE);
+    if (RRNReturnCheckThreadId() == kvx::kOk) tellRole();
 }
 
 void CVekEngine::RESetInActive() {
-    setActive(FALSE, HB_BACKUP, engine::SetInActive, "CVekEngine::VekSetInActive");
+    setActive(FALSE);
+    if (RRNReturnCheckThreadId() == kvx::kOk) tellRole();
+}
+
+void CVekEngine::RESetRoleCallback(std::function<void(bool active)> changed) {
+    m_roleChanged = std::move(changed);
+    m_toldActive = REIsActive() == TRUE;
+}
+
+/// Calls the role callback when the role is another than it was told last. The engine may be gone
+/// afterwards.
+void CVekEngine::tellRole() {
+    const bool active = REIsActive() == TRUE;
+    if (std::exchange(m_toldActive, active) == active) return;
+    if (const auto changed = m_roleChanged) changed(active);
 }
 
 __boolean CVekEngine::REIsActive() {

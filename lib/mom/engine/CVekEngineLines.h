@@ -1,7 +1,10 @@
 #pragma once
 
-/// Where `CVekEngine` reports its errors: the lines of its reports are part of the contract.
+/// What the sources of `CVekEngine` share: the queue's tick, and where it reports its errors (the
+/// lines of its reports are part of the contract).
 namespace kvx::engine {
+
+inline constexpr unsigned long kTick = 100;  // milliseconds between two drains of the queue
 
 inline constexpr char kFile[] = "CVekEngine";
 

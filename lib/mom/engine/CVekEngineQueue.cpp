@@ -3,16 +3,26 @@
 // First in, first out, but for what is put in front. The net's request mutex guards it and is held
 // for one insertion or removal only; no operation holds it together with the net's lock, and none
 // waits for the net's lock, which the main thread holds while it sends.
+//
+// Prompt sending: a byte through a pair of sockets wakes the main loop, whatever the thread that
+// queued something. One byte is enough for any number of items: it is taken before the queue is
+// looked at.
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <limits>
 #include <string_view>
+#include <utility>
 
+#include "mom/base/VekTrace.h"
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekEngineLines.h"
 #include "mom/engine/VekSubjects.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
+#include "mom/transport/TransportPayload.h"
+#include "platform/Socket.h"
 
 namespace engine = kvx::engine;
 
@@ -34,7 +44,92 @@ int refuseQueuing(const char* subject, RvDatum* datum, int line) {
     return kvx::kNoMemory;
 }
 
+// What the link may hold and still get more at once: its own limit, where it refuses, is 64 MiB.
+constexpr unsigned long kMostOnLink = 16UL << 20U;
+constexpr unsigned long kTicksPerSecond = 1000 / engine::kTick;
+
 }  // namespace
+
+/// Sends what is queued when it is woken, within the share of one tick.
+class CVekEngine::PromptSender : public RvIOCallback {
+  public:
+    using Sockets = std::pair<kvx::platform::Socket, kvx::platform::Socket>;
+
+    PromptSender(CVekEngine& engine, Sockets sockets)
+        : m_engine(engine), m_sockets(std::move(sockets)) {}
+    ~PromptSender() override {
+        if (m_isWatching) m_engine.RRNRemoveIO(handle());
+    }
+    PromptSender(const PromptSender&) = delete;
+    PromptSender& operator=(const PromptSender&) = delete;
+
+    int start() {
+        const int added = m_engine.RRNAddIOHandle(handle(), TRUE, FALSE, FALSE, this);
+        m_isWatching = added == kvx::kOk;
+        return added;
+    }
+
+    /// Any thread.
+    void wake() {
+        if (m_isAwake.exchange(true)) return;
+        constexpr std::array<std::byte, 1> kByte{};
+        kvx::platform::sendSome(m_sockets.second.get(), kByte);
+    }
+
+    void onIO(RvIO*) override {
+        std::array<std::byte, 8> taken{};
+        kvx::platform::receiveSome(m_sockets.first.get(), taken);
+        m_isAwake = false;
+        const auto now = Clock::now();
+        if (now - m_windowBegin >= std::chrono::milliseconds(engine::kTick)) {
+            m_windowBegin = now;
+            m_sentInWindow = 0;
+        }
+        unsigned long waitingBytes = 0;
+        rv_Pending(m_engine.m_session->handle(), nullptr, &waitingBytes);
+        if (waitingBytes > kMostOnLink) return;
+        // A send may end the session or the engine, and this object with them.
+        const kvx::NetWatch watch = m_engine.watch();
+        const unsigned long share = m_engine.itemsPerTick();
+        while (watch.storageStands() && m_sentInWindow < share) {
+            const std::unique_ptr<CVekSendQueueItem> item(m_engine.RENextSendItem());
+            if (!item) return;
+            ++m_sentInWindow;
+            item->RSQIDeQueueIt();
+        }
+    }
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    unsigned int handle() const { return static_cast<unsigned int>(m_sockets.first.get()); }
+
+    CVekEngine& m_engine;
+    const Sockets m_sockets;  // what the main loop watches, and what other threads write to
+    std::atomic<bool> m_isAwake{false};
+
+    // Main thread only.
+    bool m_isWatching = false;
+    Clock::time_point m_windowBegin;
+    unsigned long m_sentInWindow = 0;  // items
+};
+
+int CVekEngine::RESendPromptly() {
+    int error = 0;
+    auto sockets = kvx::platform::createSocketPair(error);
+    if (error != 0) return kvx::kInternalFailure;
+    auto sender = std::make_shared<PromptSender>(*this, std::move(sockets));
+    const int started = sender->start();
+    if (started != kvx::kOk) return started;
+    sender->wake();  // for what is queued already
+    const CVekAutoMutex guard(m_requestMutex);
+    m_promptSender.swap(sender);
+    return kvx::kOk;
+}
+
+unsigned long CVekEngine::itemsPerTick() {
+    return REGetMaxSendRate() / kTicksPerSecond;
+}
 
 int CVekEngine::REAddToSendQueue(const char* subject, RvDatum* datum,
                                  const RvDataCallback* callback, __boolean domainQualify) {
@@ -48,8 +143,8 @@ int CVekEngine::REAddToSendQueue(const char* subject, RvDatum* datum,
                ",RvDatum,RvDataCallback,ulong,", static_cast<int>(domainQualify), ")\n");
     const kvx::Text prepared = prepareSubject(subject, domainQualify);
     if (!prepared) return refuseQueuing(subject, datum, engine::QueueSubject);
-    return pushBack(
-        new CVekSendQueueItem(prepared.get(), datum, callback, this, itemTimeout(timeout)));
+    return push(new CVekSendQueueItem(prepared.get(), datum, callback, this, itemTimeout(timeout)),
+                &CVekStack::RSPush);
 }
 
 int CVekEngine::REAddToSendQueueFront(const char* subject, RvDatum* datum,
@@ -60,8 +155,9 @@ int CVekEngine::REAddToSendQueueFront(const char* subject, RvDatum* datum,
     }
     const kvx::Text prepared = prepareSubject(subject, domainQualify);
     if (!prepared) return refuseQueuing(subject, datum, engine::QueueFrontSubject);
-    return pushFront(
-        new CVekSendQueueItem(prepared.get(), datum, callback, this, itemTimeout(RNGetLatency())));
+    return push(
+        new CVekSendQueueItem(prepared.get(), datum, callback, this, itemTimeout(RNGetLatency())),
+        &CVekStack::RSPushBottom);
 }
 
 int CVekEngine::REAddToSendQueue(RvSender* sender, RvDatum* datum, const RvDataCallback* callback) {
@@ -73,7 +169,8 @@ int CVekEngine::REAddToSendQueue(RvSender* sender, RvDatum* datum, const RvDataC
     if (sender == nullptr) return refuseQueuing(nullptr, datum, engine::QueueSubject);
     kvx::trace(kvx::kTraceCalls, "CVekEngine::REAddToSendQueue(", sender->subject(),
                ",RvDatum,RvDataCallback,ulong)\n");
-    return pushBack(new CVekSendQueueItem(datum, callback, this, sender, itemTimeout(timeout)));
+    return push(new CVekSendQueueItem(datum, callback, this, sender, itemTimeout(timeout)),
+                &CVekStack::RSPush);
 }
 
 int CVekEngine::REAddToSendQueueFront(RvSender* sender, RvDatum* datum,
@@ -81,23 +178,17 @@ int CVekEngine::REAddToSendQueueFront(RvSender* sender, RvDatum* datum,
     if (sender == nullptr) return refuseQueuing(nullptr, datum, engine::QueueFrontSubject);
     kvx::trace(kvx::kTraceCalls, "CVekEngine::REAddToSendQueueFront(", sender->subject(),
                ",RvDatum,RvDataCallback)\n");
-    return pushFront(
-        new CVekSendQueueItem(datum, callback, this, sender, itemTimeout(RNGetLatency())));
+    return push(new CVekSendQueueItem(datum, callback, this, sender, itemTimeout(RNGetLatency())),
+                &CVekStack::RSPushBottom);
 }
 
-int CVekEngine::pushBack(CVekSendQueueItem* item) {
+int CVekEngine::push(CVekSendQueueItem* item, int (CVekStack::*where)(void*)) {
     std::unique_ptr<CVekSendQueueItem> owned(item);
     const CVekAutoMutex guard(m_requestMutex);
-    const int result = m_sendQueue->RSPush(item);
-    if (result == kvx::kOk) static_cast<void>(owned.release());
-    return result;
-}
-
-int CVekEngine::pushFront(CVekSendQueueItem* item) {
-    std::unique_ptr<CVekSendQueueItem> owned(item);
-    const CVekAutoMutex guard(m_requestMutex);
-    const int result = m_sendQueue->RSPushBottom(item);
-    if (result == kvx::kOk) static_cast<void>(owned.release());
+    const int result = (m_sendQueue.get()->*where)(item);
+    if (result != kvx::kOk) return result;
+    static_cast<void>(owned.release());
+    if (m_promptSender) m_promptSender->wake();
     return result;
 }
 
@@ -127,4 +218,19 @@ RvTimer* CVekEngine::REGetQueueTimer() {
 
 CVekStack* CVekEngine::REGetQueue() {
     return m_sendQueue.get();
+}
+
+// --- For the transport -----------------------------------------------------------------------
+
+char* kvx::transport::qualifiedSubject(CVekEngine& engine, const char* subject) {
+    return engine.RRNDomainSubj(subject);
+}
+
+void kvx::transport::queueSend(CVekEngine& engine, const char* subject, RvDatum* datum,
+                               const RvDataCallback* callback, bool front) {
+    if (front) {
+        engine.REAddToSendQueueFront(subject, datum, callback, FALSE);
+    } else {
+        engine.REAddToSendQueue(subject, datum, callback, FALSE);
+    }
 }

@@ -10,11 +10,10 @@
 #include <string_view>
 #include <utility>
 
+#include "mom/base/VekTrace.h"
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekEngineLines.h"
 #include "mom/engine/VekSubjects.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
 
 namespace engine = kvx::engine;
 

@@ -4,10 +4,9 @@
 #include <ctime>
 #include <memory>
 
+#include "mom/base/VekTrace.h"
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/VekSubjects.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
 #include "mom/transport/CVekTransport.h"
 
 namespace {

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <memory>
 
+#include "mom/base/VekTrace.h"
 #include "mom/engine/CVekEngine.h"
-#include "mom/net/VekReport.h"
 
 namespace {
 

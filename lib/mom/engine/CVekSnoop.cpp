@@ -1,8 +1,7 @@
 #include "mom/engine/CVekSnoop.h"
 
+#include "mom/base/VekTrace.h"
 #include "mom/engine/CVekUpdWork.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
 #include "mom/transport/CVekTransport.h"
 
 namespace {

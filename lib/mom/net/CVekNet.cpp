@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
+#include "mom/base/VekTrace.h"
 
 namespace {
 

@@ -1,8 +1,7 @@
 #include "mom/net/CVekPostInitTimedClb.h"
 
+#include "mom/base/VekTrace.h"
 #include "mom/net/CVekRvNet.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
 
 namespace {
 namespace postInitLine {

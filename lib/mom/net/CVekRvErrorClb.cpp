@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "mom/net/VekReport.h"
+#include "mom/base/VekTrace.h"
 #include "rv/message/RvDatum.h"
 #include "rv/message/rvmsg.h"
 #include "rv/object/RvStatus.h"

@@ -19,16 +19,15 @@
 #include <string>
 #include <utility>
 
+#include "mom/base/VekTrace.h"
 #include "mom/net/CVekRvNetLines.h"
-#include "mom/net/DaemonAddress.h"
 #include "mom/net/DiesWithTimer.h"
 #include "mom/net/LoopThread.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
 
 namespace {
 
 constexpr char kDefaultDomain[] = "DEFAULT";
+constexpr char kDefaultDaemon[] = "tcp:7500";
 constexpr unsigned long kRequestTick = 100;  // milliseconds between two drains of the requests
 
 // Deletes every object of type `Object` that `registry` holds.
@@ -110,7 +109,11 @@ CVekRvNet::CVekRvNet(unsigned long latency, char* domain) : CVekNet(latency, dom
     start(kvx::rvNet::AdoptingConstructor);
 }
 
-CVekRvNet::CVekRvNet(unsigned long latency, const char* domain) : CVekNet(latency, domain) {
+CVekRvNet::CVekRvNet(unsigned long latency, const char* domain)
+    : CVekRvNet(latency, domain, kvx::DaemonAddress()) {}
+
+CVekRvNet::CVekRvNet(unsigned long latency, const char* domain, const kvx::DaemonAddress& address)
+    : CVekNet(latency, domain), m_givenAddress(address) {
     start(kvx::rvNet::CopyingConstructor);
 }
 
@@ -127,6 +130,14 @@ void CVekRvNet::start(int line) {
 }
 
 void CVekRvNet::RRNStartNet() {}
+
+void CVekRvNet::RRNSetPostInitFns(std::function<void()> fns) {
+    m_postInitFns = std::move(fns);
+}
+
+void CVekRvNet::runPostInitFns() const {
+    if (const auto fns = m_postInitFns) fns();
+}
 
 // --- Opening the session ---------------------------------------------------------------------
 
@@ -187,7 +198,7 @@ int CVekRvNet::startSession() {
 }
 
 int CVekRvNet::openCoreSession() {
-    const kvx::DaemonAddress address = kvx::readDaemonAddress(m_cfgParser);
+    const kvx::SessionAddress address = kvx::readConfiguration(m_cfgParser, m_givenAddress);
     rv_Session core = nullptr;
     const int code = rv_Open(&core, address.service, address.network, address.daemon);
     if (code != 0) {
@@ -290,6 +301,17 @@ void CVekRvNet::retireTimers() {
     m_timers.reset();
     m_timerPlaces.clear();
     m_ownTimers.clear();
+}
+
+kvx::DaemonAddress CVekRvNet::RRNAddress() {
+    const auto textOf = [](const CVekAtom* atom) {
+        return std::string(atom != nullptr && atom->RAString() != nullptr ? atom->RAString() : "");
+    };
+    kvx::DaemonAddress address{textOf(m_cfgParser.RRCPGetService()),
+                               textOf(m_cfgParser.RRCPGetNetwork()),
+                               textOf(m_cfgParser.RRCPGetDaemon())};
+    if (address.daemon.empty()) address.daemon = kDefaultDaemon;
+    return address;
 }
 
 // --- The bus agent ---------------------------------------------------------------------------

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "foundation/foundation.h"
 #include "mom/config/CVekRvdCfgParser.h"
+#include "mom/config/DaemonAddress.h"
 #include "mom/net/CVekNet.h"
 #include "mom/net/CVekRvErrorClb.h"
 #include "mom/net/CVekRvQueueHandler.h"
@@ -56,6 +58,9 @@ class KVX_API CVekRvNet : public CVekNet {
     CVekRvNet();
     CVekRvNet(unsigned long latency, char* domain);
     CVekRvNet(unsigned long latency, const char* domain);
+
+    /// What `address` leaves empty is taken from the configuration file.
+    CVekRvNet(unsigned long latency, const char* domain, const kvx::DaemonAddress& address);
     ~CVekRvNet() override;
 
     /// Called by the main loop instead of the bus loop when there is no session. Does nothing.
@@ -63,6 +68,10 @@ class KVX_API CVekRvNet : public CVekNet {
 
     /// The start-up hook: runs on the main thread, 3 ms after each entry into the main loop.
     virtual void RRNPostInitFns() = 0;
+
+    /// Sets what `RRNPostInitFns` of a `CVekClient` or a `CVekEngine` calls; empty for nothing.
+    /// Main thread.
+    void RRNSetPostInitFns(std::function<void()> fns);
 
     // --- Session -------------------------------------------------------------------------------
 
@@ -76,7 +85,12 @@ class KVX_API CVekRvNet : public CVekNet {
     /// reports -220425 and goes on. Always 1; a second call changes nothing.
     int RRNTerminateSession();
 
-    /// Starts the bus agent "rva". Always 1; a failure is reported with -220439.
+    /// The address of the bus: what the constructor was given, else what the configuration file
+    /// says, with "tcp:7500" for the daemon when neither names one.
+    kvx::DaemonAddress RRNAddress();
+
+    /// Starts the bus agent "rva", which gets the net's own address of the bus. Always 1; a failure
+    /// is reported with -220439.
     int RRNStartAgent();
 
     /// Stops the agent that `RRNStartAgent` started. Always 1.
@@ -206,6 +220,9 @@ class KVX_API CVekRvNet : public CVekNet {
     [[nodiscard]] kvx::NetWatch watch() const { return kvx::NetWatch(m_ends); }
 
   protected:
+    /// Calls what `RRNSetPostInitFns` has set. It may destroy the net.
+    void runPostInitFns() const;
+
     /// Reports -220425 when called off the main thread.
     void RRNCheckThreadId();
 
@@ -288,7 +305,8 @@ class KVX_API CVekRvNet : public CVekNet {
     // Main thread only. The session is deleted before the objects that were made from it; they
     // stay valid as objects.
     std::unique_ptr<RvSession> m_session;
-    CVekRvdCfgParser m_cfgParser;
+    const kvx::DaemonAddress m_givenAddress;
+    CVekRvdCfgParser m_cfgParser;  // the configuration file, and the given address over it
     CVekProcessHandle m_agentHandle;
     bool m_agentStarted = false;
     std::unique_ptr<CVekProcessMgr> m_processMgr;
@@ -338,6 +356,7 @@ class KVX_API CVekRvNet : public CVekNet {
     // Main thread only: what the registries gave up without deleting it.
     std::vector<std::unique_ptr<CVekStack>> m_retiredStacks;
     std::vector<OwnedTimer> m_retiredTimers;
+    std::function<void()> m_postInitFns;
     std::shared_ptr<kvx::NetEnds> m_ends = std::make_shared<kvx::NetEnds>();
     std::shared_ptr<const void> m_loopClaim;
 };

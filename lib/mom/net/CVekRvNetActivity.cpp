@@ -16,10 +16,9 @@
 
 #include <string>
 
+#include "mom/base/VekTrace.h"
 #include "mom/net/CVekRvNet.h"
 #include "mom/net/CVekRvNetLines.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
 
 namespace rvNet = kvx::rvNet;
 

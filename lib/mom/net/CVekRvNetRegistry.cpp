@@ -16,12 +16,11 @@
 #include <string>
 #include <string_view>
 
+#include "mom/base/VekTrace.h"
 #include "mom/net/CVekPostInitTimedClb.h"
 #include "mom/net/CVekRvNet.h"
 #include "mom/net/CVekRvNetLines.h"
 #include "mom/net/DiesWithTimer.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
 
 namespace rvNet = kvx::rvNet;
 

@@ -7,8 +7,8 @@
 #include <limits>
 #include <string>
 
+#include "mom/base/VekTrace.h"
 #include "mom/net/CVekRvNet.h"
-#include "mom/net/VekReport.h"
 
 namespace {
 

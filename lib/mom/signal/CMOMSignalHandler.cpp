@@ -2,13 +2,13 @@
 
 #include <iostream>
 #include <memory>
+#include <utility>
 
 #include "foundation/foundation.h"
+#include "mom/base/VekCodes.h"
+#include "mom/base/VekTrace.h"
 #include "mom/net/CVekRvNet.h"
 #include "mom/net/DiesWithTimer.h"
-#include "mom/net/VekCodes.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
 #include "mom/signal/CMOMCallback.h"
 #include "mom/signal/CMOMSignalPoller.h"
 #include "mom/signal/CSignalCallback.h"
@@ -87,6 +87,10 @@ CMOMSignalHandler::~CMOMSignalHandler() {
 }
 
 void CMOMSignalHandler::manage(CVekNet* net) {
+    manage(net, {});
+}
+
+void CMOMSignalHandler::manage(CVekNet* net, std::function<void()> leave) {
     if (net == nullptr) return;
     auto* busNet = dynamic_cast<CVekRvNet*>(net);
     if (busNet == nullptr) {
@@ -94,6 +98,7 @@ void CMOMSignalHandler::manage(CVekNet* net) {
         return;
     }
     m_net = net;
+    m_leave = std::move(leave);
     CSignalHandler::Instance().manage(this);
     if (m_net != net) return;  // stopped while it registered
     delete m_poller;
@@ -129,7 +134,11 @@ void CMOMSignalHandler::raiseDebugLevel(int) {
 void CMOMSignalHandler::doNothing(int) {}
 
 void CMOMSignalHandler::callExitHandler(int) {
-    CVekProcess::Instance().Exit(0);
+    if (const auto leave = m_leave) {
+        leave();
+    } else {
+        CVekProcess::Instance().Exit(0);
+    }
 }
 
 bool CMOMSignalHandler::registerHandler(CCallbackBase* exitCallback) {

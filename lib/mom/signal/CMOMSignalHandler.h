@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "foundation/CSignalHandlerInterface.h"
 #include "platform/Export.h"
 
@@ -33,6 +35,10 @@ class KVX_API CMOMSignalHandler : public CSignalHandlerInterface {
     /// does nothing either.
     void manage(CVekNet* net);
 
+    /// The same, but SIGINT, SIGTERM and SIGUSR1 call `leave` on the main thread instead of ending
+    /// the process, so that it can end in its own order; `leave` usually calls `RRNStopLoop`.
+    void manage(CVekNet* net, std::function<void()> leave);
+
     /// Gives the signals back to the system's default. To be called after the main loop has run:
     /// before that the net keeps the poller's timer until it ends itself, which does no harm.
     void stop();
@@ -49,7 +55,7 @@ class KVX_API CMOMSignalHandler : public CSignalHandlerInterface {
 
     void doNothing(int);
 
-    /// Ends the process with status 0.
+    /// Ends the process with status 0, or calls the `leave` of `manage`.
     void callExitHandler(int);
 
     /// Registers the callbacks of the five signals; `exitCallback`, when given,
@@ -62,4 +68,7 @@ class KVX_API CMOMSignalHandler : public CSignalHandlerInterface {
 
     CVekNet* m_net = nullptr;              // not owned; null when not managing
     CMOMSignalPoller* m_poller = nullptr;  // owned
+
+  private:
+    std::function<void()> m_leave;
 };

@@ -1,9 +1,8 @@
 #include "mom/timed/CVekBlockedWorkMgr.h"
 
 #include "foundation/foundation.h"
-#include "mom/net/VekCodes.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
+#include "mom/base/VekCodes.h"
+#include "mom/base/VekTrace.h"
 #include "mom/timed/CVekPollResponse.h"
 #include "mom/timed/CVekTimedWorkMgr.h"
 #include "mom/timed/CVekTimedWorker.h"

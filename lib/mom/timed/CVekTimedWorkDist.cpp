@@ -4,11 +4,10 @@
 #include <memory>
 
 #include "foundation/foundation.h"
-#include "mom/net/VekTrace.h"
+#include "mom/base/VekTrace.h"
+#include "mom/timed/CVekTimedWork.h"
 #include "mom/timed/CVekTimedWorkDistBucket.h"
 #include "mom/timed/ManagerLocks.h"
-#include "mom/timed/NewOrReport.h"
-#include "mom/timed/PollName.h"
 
 // Two views of the same polls: the list of names says which polls there are, the buckets say when
 // each runs. They agree after `RTWDDistributePolls`; in between the buckets may lag behind the list
@@ -16,8 +15,8 @@
 
 namespace {
 
+using kvx::newOrReport;
 using kvx::timed::nameOf;
-using kvx::timed::newOrReport;
 
 constexpr const char* kDistFile = "CVekTimedWorkDist";
 constexpr int kNameSlots = 5000;

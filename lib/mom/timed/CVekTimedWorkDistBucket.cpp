@@ -3,9 +3,9 @@
 #include <cstring>
 
 #include "foundation/foundation.h"
+#include "mom/base/VekTrace.h"
+#include "mom/timed/CVekTimedWork.h"
 #include "mom/timed/CVekTimedWorkMgr.h"
-#include "mom/timed/NewOrReport.h"
-#include "mom/timed/PollName.h"
 
 namespace {
 
@@ -20,7 +20,7 @@ CVekPointer* entryAt(CVekListable* element) {
 CVekTimedWorkDistBucket::CVekTimedWorkDistBucket(CVekTimedWorkMgr* manager, int key)
     : m_manager(manager),
       m_key(key),
-      m_polls(kvx::timed::newOrReport<CVekDoubleList>(
+      m_polls(kvx::newOrReport<CVekDoubleList>(
           kBucketFile, "CVekTimedWorkDistBucket::CVekTimedWorkDistBucket")) {}
 
 CVekTimedWorkDistBucket::~CVekTimedWorkDistBucket() {
@@ -29,8 +29,8 @@ CVekTimedWorkDistBucket::~CVekTimedWorkDistBucket() {
 
 void CVekTimedWorkDistBucket::RTWDBAddPoll(CVekTimedWork* poll) {
     if (poll == nullptr) return kvx::report(kvx::kInvalidArgument, kBucketFile, 0);
-    auto* entry = kvx::timed::newOrReport<CVekPointer>(
-        kBucketFile, "CVekTimedWorkDistBucket::RTWDBAddPoll", poll);
+    auto* entry =
+        kvx::newOrReport<CVekPointer>(kBucketFile, "CVekTimedWorkDistBucket::RTWDBAddPoll", poll);
     if (m_polls == nullptr || m_polls->RDLAddToListEnd(entry) != kvx::kOk) delete entry;
     poll->RTWSetBucketKey(m_key);
 }

@@ -5,17 +5,14 @@
 #include <vector>
 
 #include "foundation/foundation.h"
+#include "mom/base/VekCodes.h"
+#include "mom/base/VekTrace.h"
 #include "mom/engine/CVekEngine.h"
-#include "mom/net/VekCodes.h"
-#include "mom/net/VekReport.h"
-#include "mom/net/VekTrace.h"
 #include "mom/timed/CVekBlockedWorkMgr.h"
 #include "mom/timed/CVekTimedWork.h"
 #include "mom/timed/CVekTimedWorkDist.h"
 #include "mom/timed/CVekTimedWorker.h"
 #include "mom/timed/ManagerLocks.h"
-#include "mom/timed/NewOrReport.h"
-#include "mom/timed/PollName.h"
 
 // Who holds which lock. The tick takes the left side of m_Lock to read the suspension; whoever
 // changes the manager's sets takes the right side, and under it come the locks of the

@@ -1,8 +1,8 @@
 #include "mom/timed/CVekTimedWorker.h"
 
 #include "foundation/foundation.h"
-#include "mom/net/VekReport.h"
-#include "mom/timed/PollName.h"
+#include "mom/base/VekTrace.h"
+#include "mom/timed/CVekTimedWork.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 
 #include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
-#include "mom/net/VekTrace.h"
+#include "mom/base/VekTrace.h"
 #include "mom/transport/Zlib.h"
 
 // The buffer and zlib's stream describe the same bytes: `next_out` stands at `total_out` in the

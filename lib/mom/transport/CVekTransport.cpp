@@ -10,8 +10,7 @@
 
 #include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
-#include "mom/engine/CVekEngine.h"
-#include "mom/net/VekTrace.h"
+#include "mom/base/VekTrace.h"
 #include "mom/transport/TransportPayload.h"
 #include "rv/message/RvMsg.h"
 #include "rv/object/RvSender.h"
@@ -68,11 +67,9 @@ void sendPacket(const CVekAtom& packet, const Destination& to, bool front) {
         kvx::traceUnlessQuiet(
             "-----------------if not in main thread this is NOT safe!---------\n");
         to.sender->send(*message);
-    } else if (front) {
-        to.engine->REAddToSendQueueFront(to.subject.c_str(), message.release(), to.dataCallback,
-                                         FALSE);
     } else {
-        to.engine->REAddToSendQueue(to.subject.c_str(), message.release(), to.dataCallback, FALSE);
+        kvx::transport::queueSend(*to.engine, to.subject.c_str(), message.release(),
+                                  to.dataCallback, front);
     }
 }
 
@@ -112,7 +109,7 @@ int CVekTransport::RTSetDestination(const char* subject) {
     if (m_engine == nullptr) return kvx::kInvalidArgument;
     std::free(std::exchange(m_subject, nullptr));
     if (subject == nullptr) return kvx::kOk;
-    m_subject = m_engine->RRNDomainSubj(subject);
+    m_subject = kvx::transport::qualifiedSubject(*m_engine, subject);
     if (m_subject == nullptr) reportTransport(kvx::kInvalidArgument, nullptr);
     return kvx::kOk;
 }

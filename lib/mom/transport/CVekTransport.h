@@ -23,6 +23,9 @@ enum EVekTransHdr : std::int32_t {
     VEK_TRANS_V1 = 1,  ///< up to 10 records in one plain packet; more compressed, 100 a packet
 };
 
+/// Records that share one compressed packet.
+inline constexpr unsigned VEK_TRANS_V1_RECORDS = 100;
+
 /// What became of a transaction. The sender puts it into the header of every packet.
 enum EVekStoreErrorStatus : std::int32_t {
     STORE_COMPLETE = 0,

@@ -23,7 +23,6 @@ using kvx::transport::reportTransport;
 namespace {
 
 constexpr unsigned kMostUncompressedRecords = 10;  // in one plain packet
-constexpr unsigned kRecordsInBlock = 100;          // in one compressed packet
 constexpr int kFirstDeflateBuffer = 1004;          // bytes
 constexpr int kDefaultLevel = -1;
 
@@ -92,7 +91,7 @@ int CVekTransport::RTTakeROMP(CVekAtom** romp) {
 }
 
 void CVekTransport::RTPreparePayloads(EVekTransHdr version) {
-    if (version != VEK_TRANS_V1 || m_records.RAVSize() != kRecordsInBlock) return;
+    if (version != VEK_TRANS_V1 || m_records.RAVSize() != VEK_TRANS_V1_RECORDS) return;
     takePayloads(RTCreateCompressedPayloads(true));
 }
 
@@ -153,7 +152,7 @@ CVekDoubleList* CVekTransport::RTCreateCompressedPayloads(bool consume) {
     unsigned inBlock = 0;
     // No receiver takes a larger block, so one that would get there ends before its 100th record.
     const auto isLastOfBlock = [&](unsigned i) {
-        if (inBlock == kRecordsInBlock || i + 1 == records) return true;
+        if (inBlock == VEK_TRANS_V1_RECORDS || i + 1 == records) return true;
         const auto size = static_cast<std::size_t>(deflater->RDUnCompressedLength()) +
                           kvx::packet::kLengthSize + bytesOf(*m_records.RAVGetValue(i + 1)).size();
         return size > kvx::packet::kLargestPayload;

@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "foundation/foundation.h"
-#include "mom/net/VekCodes.h"
+#include "mom/base/VekCodes.h"
 #include "mom/transport/CVekInflater.h"
 #include "mom/transport/CVekTransport.h"
 #include "mom/transport/TransportPacket.h"

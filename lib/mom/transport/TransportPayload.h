@@ -20,7 +20,22 @@ struct SVekTransPayload {
     std::uint16_t kind = kvx::packet::kPlain;
 };
 
+class CVekEngine;
+class RvDataCallback;
+class RvDatum;
+
 namespace kvx::transport {
+
+// What a transport asks of its engine, defined beside the engine's send queue: the transport itself
+// knows no engine.
+
+/// As `CVekRvNet::RRNDomainSubj`.
+char* qualifiedSubject(CVekEngine& engine, const char* subject);
+
+/// Queues a send on exactly `subject`, which waits for the latency; `front` puts it ahead of all
+/// that waits. Takes ownership of `datum`.
+void queueSend(CVekEngine& engine, const char* subject, RvDatum* datum,
+               const RvDataCallback* callback, bool front);
 
 /// The contract gives the reports of `CVekTransport` no lines.
 inline void reportTransport(int code, const char* text) {

@@ -86,3 +86,18 @@ TEST_F(Bus, ARequestThatNobodyAnswersTimesOut) {
     EXPECT_EQ(client.RRNRemoveListener(inbox.c_str()), 1);
     EXPECT_EQ(client.m_listeners->RTLGet(inbox.c_str()), nullptr);
 }
+
+TEST_F(Bus, AnEngineLeavesItsGroupAndJoinsItAgain) {
+    CVekEngine engine(1, "grp", "NET", SERV_MODEL);
+    ASSERT_NE(engine.m_ftMemberId, nullptr);
+    std::vector<bool> told;
+    engine.RESetActive();
+    engine.RESetRoleCallback([&](bool active) { told.push_back(active); });
+    std::thread([&] { EXPECT_EQ(engine.RELeaveGroup(), -220425); }).join();
+    EXPECT_EQ(engine.RELeaveGroup(), 1);
+    EXPECT_EQ(engine.RELeaveGroup(), 1);
+    EXPECT_EQ(told, std::vector<bool>{false});
+    EXPECT_EQ(engine.m_ftSession, nullptr);
+    EXPECT_EQ(engine.REInitSession(), 1);
+    EXPECT_NE(engine.m_ftMemberId, nullptr);
+}

@@ -52,6 +52,15 @@ TEST_F(Group, StartsReadyForNothingButTheLead) {
     EXPECT_EQ(errors.take(), std::vector<Report>{});
 }
 
+TEST_F(Group, UsesTheGivenAddressForBothSessions) {
+    home.writeConfiguration("rendezvous session = { 'daemon' = 'nonsense' };");
+    CVekEngine engine(1, "grp", "NET", SERV_UNKNOWN, {.service = "", .network = "", .daemon = "-"});
+    EXPECT_EQ(engine.m_ftSession->status().code(), 0);
+    engine.RRNSetPostInitFns([&] { engine.RRNStopLoop(); });
+    engine.RRNDoIt();
+    EXPECT_EQ(errors.take(), std::vector<Report>{});
+}
+
 TEST_F(Group, WithoutABaseThereIsNoGroupSession) {
     const char* const none = nullptr;
     const CVekEngine engine(1, none, "NET", SERV_MODEL);
@@ -88,4 +97,20 @@ TEST_F(Group, FollowsTheGroupsDecisions) {
     const DebugLevel level(4);
     EXPECT_EQ(decide(9),
               "Entering VekGetActivates (callback) with action9\n" + linePrefix() + "\n");
+}
+
+TEST_F(Group, TellsWhoeverFollowsTheRoleOnceAChangeAndOnTheMainThread) {
+    auto engine = std::make_unique<CVekEngine>(1, "grp", "NET", SERV_UNKNOWN);
+    std::vector<bool> told;
+    engine->RESetActive();
+    engine->RESetRoleCallback([&](bool active) { told.push_back(active); });
+    engine->RESetActive();
+    engine->RESetInActive();
+    std::thread([&] { engine->RESetActive(); }).join();
+    EXPECT_EQ(told, std::vector<bool>{false});
+    EXPECT_TRUE(runUntil(
+        *engine, [&] { return told.size() == 2; }, &CVekEngine::REDoIt));
+    engine->RESetRoleCallback([&](bool) { engine.reset(); });
+    outputOf([&] { VekGetActivates(nullptr, "grp", RVFT_DEACTIVATE, engine.get()); });
+    EXPECT_EQ(engine, nullptr);
 }

@@ -152,3 +152,16 @@ TEST_F(SendQueue, TracesButForHeartbeats) {
     const std::string sent = outputOf([&] { engine.RESend("A", datum, FALSE); });
     EXPECT_NE(sent.find("CVekEngine::RESendWithNoReplyRequested(0x"), std::string::npos) << sent;
 }
+
+// RRNDoIt has no tick of the queue: what leaves there leaves at once.
+TEST_F(SendQueue, LeavesAtOnceWithinOneTicksShareWhenAsked) {
+    engine.RESetMaxSendRate(20);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(queue("A"), 1);
+    EXPECT_EQ(engine.RESendPromptly(), 1);
+    EXPECT_TRUE(runUntil(engine, [&] { return engine.RESendQueueLength() <= 3; }));
+    EXPECT_EQ(engine.RESendQueueLength(), 3);
+    engine.RESetMaxSendRate(100000);
+    std::thread([&] { EXPECT_EQ(queue("A"), 1); }).join();
+    EXPECT_TRUE(runUntil(engine, [&] { return engine.RESendQueueLength() == 0; }));
+    EXPECT_EQ(errors.take().size(), 6U);  // there is no daemon
+}

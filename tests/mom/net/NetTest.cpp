@@ -9,8 +9,8 @@
 #include <sstream>
 #include <thread>
 
+#include "mom/base/VekTrace.h"
 #include "mom/net/CVekPostInitTimedClb.h"
-#include "mom/net/VekTrace.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/Home.h"
@@ -23,6 +23,18 @@ const char* const kNoDomain = nullptr;
 
 class RvNet : public ::testing::Test {
   protected:
+    // What the agent that `net` starts is given.
+    std::string agentArguments(CVekRvNet& net) {
+        std::ofstream(home.file("bin/rva"))
+            << "#!/bin/sh\nprintf '%s ' \"$@\" > \"$KVX_HOME/part\"\n"
+            << "mv \"$KVX_HOME/part\" \"$KVX_HOME/arguments\"\nexec sleep 600\n";
+        std::filesystem::permissions(home.file("bin/rva"), std::filesystem::perms::owner_all);
+        EXPECT_EQ(net.RRNStartAgent(), 1);
+        EXPECT_TRUE(net.m_agentStarted);
+        EXPECT_TRUE(eventually([&] { return std::filesystem::exists(home.file("arguments")); }));
+        return contentOf(home.file("arguments"));
+    }
+
     Home home{"-"};
     ErrorRecorder errors;
 };
@@ -122,21 +134,25 @@ TEST_F(RvNet, ReportsWhoTerminatesOnAnotherThread) {
 // --- The agent -------------------------------------------------------------------------------
 
 TEST_F(RvNet, HandsTheAgentWhatTheConfigurationNames) {
-    std::ofstream(home.file("bin/rva"))
-        << "#!/bin/sh\nprintf '%s ' \"$@\" > \"$KVX_HOME/part\"\n"
-        << "mv \"$KVX_HOME/part\" \"$KVX_HOME/arguments\"\nexec sleep 600\n";
-    std::filesystem::permissions(home.file("bin/rva"), std::filesystem::perms::owner_all);
     home.writeConfiguration(
         "rendezvous session = { 'daemon' = '-', 'rva' = '7600', 'service' = 'svc' };");
     TestNet net;
     EXPECT_EQ(net.RRNStopAgent(), 1);
-    EXPECT_EQ(net.RRNStartAgent(), 1);
-    ASSERT_TRUE(net.m_agentStarted);
-    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(home.file("arguments")); }));
-    EXPECT_EQ(contentOf(home.file("arguments")),
-              "-foreground -flavor 53 -listen 7600 -service svc -daemon - ");
+    EXPECT_EQ(agentArguments(net), "-foreground -flavor 53 -listen 7600 -service svc -daemon - ");
     EXPECT_EQ(net.RRNStopAgent(), 1);
     EXPECT_FALSE(net.m_agentStarted);
+    EXPECT_EQ(errors.take(), std::vector<Report>{});
+}
+
+TEST_F(RvNet, TakesItsAddressFromTheConfigurationWhereNoneWasGiven) {
+    EXPECT_EQ(TestNet().RRNAddress().daemon, "-");
+    home.writeConfiguration("rendezvous session = { 'daemon' = 'nonsense', 'service' = 'svc' };");
+    TestNet net("TEST", {.service = "", .network = "net", .daemon = "-"});
+    EXPECT_EQ(net.m_sessionUp, 1);
+    EXPECT_EQ(net.RRNAddress().service, "svc");
+    EXPECT_EQ(agentArguments(net), "-foreground -flavor 53 -service svc -network net -daemon - ");
+    EXPECT_EQ(net.RRNStopAgent(), 1);
+    EXPECT_EQ(net.RRNInitSession(), 1);  // reads the file again
     EXPECT_EQ(errors.take(), std::vector<Report>{});
 }
 

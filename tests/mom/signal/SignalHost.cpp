@@ -51,7 +51,11 @@ class Host : public CVekRvNet, public RvTimerCallback {
 
     void RRNPostInitFns() override {
         if (m_where == "starting") return;
-        m_handler.manage(this);
+        if (m_where == "leave") {
+            m_handler.manage(this, [this] { RRNStopLoop(); });
+        } else {
+            m_handler.manage(this);
+        }
         if (m_where == "again") m_handler.manage(this);
         if (m_where == "shutdown") m_handler.shutdown(0);
         if (m_where == "stop" || m_where == "destroy") {

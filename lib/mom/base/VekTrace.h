@@ -1,12 +1,15 @@
 #pragma once
 
 #include <iostream>
+#include <new>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "foundation/foundation.h"
+#include "mom/base/VekCodes.h"
 
-/// Traces and warnings of the middleware.
+/// Traces, warnings and error reports of the middleware.
 ///
 /// A trace goes to standard output, only when the process's debug level reaches the trace's own
 /// level; a warning goes to standard error whatever the level. Neither adds an end of line, both
@@ -57,6 +60,20 @@ void traceUnlessQuiet(const Parts&... parts) {
 template <class... Parts>
 void warn(const Parts&... parts) {
     writeGuarded(std::cerr, parts...);
+}
+
+/// Reports `code` at `line` of `file`. Runs the process's error handler, which is user code. Any
+/// thread.
+inline void report(int code, const char* file, int line, const char* text = nullptr) {
+    const CVekError error(code, file, line, text);
+}
+
+/// A new `Object`; null, and a report of -220553 with `text`, when there is no memory.
+template <class Object, class... Arguments>
+Object* newOrReport(const char* file, const char* text, Arguments&&... arguments) {
+    auto* object = new (std::nothrow) Object(std::forward<Arguments>(arguments)...);
+    if (object == nullptr) report(kNoMemory, file, 0, text);
+    return object;
 }
 
 }  // namespace kvx
