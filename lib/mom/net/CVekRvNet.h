@@ -195,8 +195,8 @@ class KVX_API CVekRvNet : public CVekNet {
     // copied: after -220371 the request may still be served, so its callback and closure must live
     // until the session ends. The net must have a session.
 
-    /// -220566 comes with a handler: its socket has another one registered, so the caller owns it.
-    /// Off the main thread that status is 1.
+    /// The net owns the handler. On the main thread -220566 comes with one that the caller owns:
+    /// its socket has another one registered.
     RvIO* RRNNewIO(int* status, unsigned int socket, rvevm_IoEventType type, RvIOCallback* callback,
                    void* closure);
     RvSender* RRNNewSender(int* status, const char* subject, const char* replySubject);
@@ -280,20 +280,19 @@ class KVX_API CVekRvNet : public CVekNet {
 
     template <class Object, class Record>
     Object* requestObject(int* status, const Record& fields, const RequestLines& lines,
-                          const std::string& failure, bool* registered = nullptr);
+                          const std::string& failure);
     template <class Record>
     bool pushRequest(const Record& request);
     template <class Object>
-    Object* claimAnswer(int threadId, int* status, bool* registered);
+    Object* claimAnswer(int threadId, int* status);
     template <class Create>
     auto createHere(int* status, Create create);
     RvListener* createListenerHere(const char* subject, unsigned long timeout,
                                    const RvDataCallback* callback, void* closure) const;
-    RvIO* newIO(int* status, bool* registered, unsigned int socket, rvevm_IoEventType type,
-                RvIOCallback* callback, void* closure);
     RvIO* createIOHere(int* status, unsigned int socket, rvevm_IoEventType type,
                        RvIOCallback* callback, void* closure);
 
+    void keepStray(RvIO* io, int status);
     RvSender* senderForRequest(const char* subject, int* status);
     RvSender* sendOnNewSender(const char* subject, RvDatum& datum);
     int storeListener(RvListener* listener);
@@ -338,7 +337,8 @@ class KVX_API CVekRvNet : public CVekNet {
     std::unique_ptr<CVekRvQueueHandler> m_queueHandler;
 
   private:
-    // Guarded by m_requestMutex. The objects behind those answers that nobody has taken yet.
+    // Guarded by m_requestMutex: answers that nobody has taken yet, but for I/O handlers, which are
+    // the net's.
     std::map<int, RvSessionObject*> m_unclaimed;
     std::uint64_t m_askedQueue = 0;  // the queue, counted, in which the present request stands
 

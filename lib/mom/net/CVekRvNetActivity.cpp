@@ -132,7 +132,7 @@ bool CVekRvNet::pushRequest(const Record& request) {
 
 template <class Object, class Record>
 Object* CVekRvNet::requestObject(int* status, const Record& fields, const RequestLines& lines,
-                                 const std::string& failure, bool* registered) {
+                                 const std::string& failure) {
     {
         const CVekAutoMutex guard(m_requestMutex);
         if (!m_answers) *status = kvx::kMissingArgument;
@@ -153,7 +153,7 @@ Object* CVekRvNet::requestObject(int* status, const Record& fields, const Reques
                        " now just need to wait on addition\n");
         }
         *status = kvx::kNoAnswer;
-        if (pushed) object = claimAnswer<Object>(request.m_threadId, status, registered);
+        if (pushed) object = claimAnswer<Object>(request.m_threadId, status);
     }
     if (*status == kvx::kNoAnswer) kvx::report(*status, rvNet::kFile, lines.timedOut);
     if (*status == kvx::kNotCreated) {
@@ -162,9 +162,9 @@ Object* CVekRvNet::requestObject(int* status, const Record& fields, const Reques
     return object;
 }
 
-/// The answer, which leaves the list; `*registered`, if asked for, says whether a registry owns it.
+/// The answer, which leaves the list.
 template <class Object>
-Object* CVekRvNet::claimAnswer(int threadId, int* status, bool* registered) {
+Object* CVekRvNet::claimAnswer(int threadId, int* status) {
     RRNWaitForNewActivity(threadId, status);
     const CVekAutoMutex guard(m_requestMutex);
     *status = kvx::kNoAnswer;
@@ -175,8 +175,7 @@ Object* CVekRvNet::claimAnswer(int threadId, int* status, bool* registered) {
         *status = object != nullptr ? kvx::kOk : kvx::kNotCreated;
     }
     m_answers->RTLDelete(threadId);
-    const bool unclaimed = m_unclaimed.erase(threadId) != 0;
-    if (registered != nullptr) *registered = object != nullptr && !unclaimed;
+    m_unclaimed.erase(threadId);
     return object;
 }
 
@@ -201,24 +200,14 @@ CVekPointer* CVekRvNet::RRNWaitForNewActivity(int threadId, int* status) {
 
 RvIO* CVekRvNet::RRNNewIO(int* status, unsigned int socket, rvevm_IoEventType type,
                           RvIOCallback* callback, void* closure) {
-    bool registered = false;
-    return newIO(status, &registered, socket, type, callback, closure);
-}
-
-/// `*registered` says whether the registry took the handler. Another thread cannot look for itself:
-/// the main thread fills the registry without the lock.
-RvIO* CVekRvNet::newIO(int* status, bool* registered, unsigned int socket, rvevm_IoEventType type,
-                       RvIOCallback* callback, void* closure) {
     *status = kvx::kOk;
     if (RRNReturnCheckThreadId() == kvx::kOk) {
-        RvIO* const io = createIOHere(status, socket, type, callback, closure);
-        *registered = *status == kvx::kOk;
-        return io;
+        return createIOHere(status, socket, type, callback, closure);
     }
     static constexpr RequestLines kLines = {rvNet::IoTimedOut, rvNet::IoNotMade, rvNet::IoNoQueue};
     RvIO* const io = requestObject<RvIO>(
         status, SVekRvQueueIO{VEK_QUEUE_IO, 0, socket, callback, type, closure}, kLines,
-        "addition of a handler for socket " + std::to_string(socket) + " failed", registered);
+        "addition of a handler for socket " + std::to_string(socket) + " failed");
     if (io != nullptr) {
         kvx::trace(kvx::kTraceCalls, "RRNNewIO() handler created for socket ", socket, "\n");
     }

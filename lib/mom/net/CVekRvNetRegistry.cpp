@@ -414,13 +414,16 @@ int CVekRvNet::RRNAddIOHandle(unsigned int socket, __boolean read, __boolean wri
     choose(exception, rvNet::IoTypeException);
     // Whatever was chosen, the handler watches for readability.
     int status = kvx::kOk;
-    bool registered = false;
-    RvIO* const io = newIO(&status, &registered, socket, RVEVM_READ, callback, this);
-    if (io != nullptr && !registered) {
-        const CVekThread::AutoMutex guard(*m_lock);
-        m_strayHandlers.emplace_back(io);
-    }
+    RvIO* const io = RRNNewIO(&status, socket, RVEVM_READ, callback, this);
+    keepStray(io, status);
     return status;
+}
+
+/// Makes a handler the net's that no registry took, since its socket has one already.
+void CVekRvNet::keepStray(RvIO* io, int status) {
+    if (io == nullptr || status == kvx::kOk) return;
+    const CVekThread::AutoMutex guard(*m_lock);
+    m_strayHandlers.emplace_back(io);
 }
 
 int CVekRvNet::RRNRemoveIO(unsigned int socket) {

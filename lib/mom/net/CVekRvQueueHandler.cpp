@@ -91,7 +91,7 @@ void CVekRvQueueHandler::dispatch(void* request) {
     kvx::report(kvx::kUnknownRequest, kQueueHandlerFile, queueLine::UnknownType, text.c_str());
 }
 
-/// Posts `made`. Until its thread has taken it, the net keeps it, unless a registry does.
+/// Posts `made`. Until its thread has taken it, the net owns it; an I/O handler it owns for good.
 void CVekRvQueueHandler::post(CVekRvNet& net, const kvx::NetWatch& watch, int threadId,
                               const Made& made) {
     std::unique_ptr<RvSessionObject> unclaimed(made.unclaimed);
@@ -118,9 +118,9 @@ void CVekRvQueueHandler::RRQIONewIO(SVekRvQueueIO* request) {
     int status = kvx::kOk;
     RvIO* const io = net.RRNNewIO(&status, request->m_socket, request->m_eventType,
                                   request->m_callback, request->m_closure);
-    const bool registered = status == kvx::kOk;
+    if (watch.queueStands()) net.keepStray(io, status);
     post(net, watch, request->m_threadId,
-         {io, registered ? nullptr : io, queueLine::IoNotMade, queueLine::IoNotPosted});
+         {io, nullptr, queueLine::IoNotMade, queueLine::IoNotPosted});
 }
 
 void CVekRvQueueHandler::RRQIONewSender(SVekRvQueueSender* request) {

@@ -37,7 +37,7 @@ class KVX_API CVekRvQueueHandler : public RvTimerCallback {
 
     struct Made {
         void* object;                // null when it could not be made
-        RvSessionObject* unclaimed;  // the object, unless a registry owns it already
+        RvSessionObject* unclaimed;  // the object; null for an I/O handler, which is the net's
         int notMadeLine;
         int notPostedLine;
     };
