@@ -1,3 +1,6 @@
+// The catalogue of codes, and the default report: one line whatever bytes its texts hold, in one
+// write, so that the lines of several threads do not mix.
+
 #include "foundation/CVekError.h"
 
 #include <algorithm>
@@ -56,7 +59,6 @@ void appendEscape(std::string& line, std::string_view piece) {
     }
 }
 
-// One write for the whole line, so that the lines of several threads do not mix.
 void writeToStandardError(int code, const char* file, int line, const char* text) {
     std::string report = "CVekError " + std::to_string(code) + " ";
     report.append(kvx::escaped(file == nullptr ? "" : file, appendEscape))

@@ -1,3 +1,5 @@
+// Keys are made of texts, numbers and atoms here; PointerIndex finds the holders by them.
+
 #include "foundation/CVekTreeList.h"
 
 #include <new>

@@ -1,3 +1,8 @@
+// UTF-8 is read by its well-formed sequences: the first byte gives the length, and some first bytes
+// narrow what the second one may be, which rules out overlong forms, surrogates and characters
+// beyond U+10FFFF. Escaping and shortening step over a text by these sequences; a byte that belongs
+// to none is a piece of its own.
+
 #include "platform/Text.h"
 
 namespace kvx {
