@@ -17,7 +17,6 @@
 #include "tools/bus/Output.h"
 #include "tools/bus/Ticker.h"
 #include "tools/kvx/AnswerDecoder.h"
-#include "tools/kvx/Rows.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Query.h"
 #include "tools/kvx/Rows.h"
@@ -77,8 +76,8 @@ void pointAt(const std::string& text, long long position) {
     const auto before = place == 0 ? std::string::npos : text.rfind('\n', place - 1);
     std::size_t begin = before == std::string::npos ? 0 : before + 1;
     begin = characterBegin(text, std::max(begin, place - std::min(place, kMostAround)));
-    const std::size_t end = characterBegin(
-        text, std::min({text.find('\n', place), text.size(), place + kMostAround}));
+    const std::size_t end =
+        characterBegin(text, std::min({text.find('\n', place), text.size(), place + kMostAround}));
     bus::note(fmt::format("    {}\n    {}^\n", printable(text.substr(begin, end - begin)),
                           std::string(displayWidth(text.substr(begin, place - begin)), ' ')));
 }
