@@ -110,7 +110,7 @@ TEST_F(RunningDaemon, SecondOneOnThePortSaysSoAndEnds) {
     EXPECT_EQ(second.output(), "");
 }
 
-TEST(DaemonProgram, RefusesCommandLinesWithoutSense) {
+TEST(DaemonProgram, RefusesInvalidCommandLines) {
     for (const auto& arguments : std::vector<std::vector<std::string>>{{"-listen", "udp:7500"},
                                                                        {"-queue-limit", "many"},
                                                                        {"--no-such-option"},

@@ -58,7 +58,7 @@ TEST_F(SnoopTest, ShowsTheRowsThatASourceChanges) {
     EXPECT_NE(json->awaitOutput(R"({"name":"b","ports":21}})"), "") << "changed while it was away";
 }
 
-TEST_F(SnoopTest, LeavesAfterSoManyRowsAndTellsNonsense) {
+TEST_F(SnoopTest, LeavesAfterSoManyRowsAndRefusesUnknownServices) {
     const auto snoop = startSnoop({"--count", "1"});
     EXPECT_EQ(snoop->wait(), 0);
     EXPECT_NE(snoop->output().find(" - - m=1\n"), std::string::npos) << snoop->output();
