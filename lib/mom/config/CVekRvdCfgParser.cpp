@@ -12,7 +12,7 @@
 #include "mom/base/VekCodes.h"
 #include "mom/base/VekText.h"
 #include "mom/base/VekTrace.h"
-#include "mom/config/DaemonAddress.h"
+#include "mom/config/ReadConfiguration.h"
 #include "mom/config/VekRvdCfgScan.h"
 
 // The parser object is only the place where text and values are kept. The work is done by the

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "mom/base/VekTrace.h"
+#include "mom/config/ReadConfiguration.h"
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekEngineLines.h"
 #include "platform/Socket.h"

@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "mom/base/VekTrace.h"
+#include "mom/config/ReadConfiguration.h"
 #include "mom/net/CVekRvNetLines.h"
 #include "mom/net/DiesWithTimer.h"
 #include "mom/net/LoopThread.h"

@@ -45,9 +45,3 @@ void CVekTimedWork::RTWSetBucketKey(int key) {
 int CVekTimedWork::RTWBucketKey() {
     return m_bucketKey;
 }
-
-const char* kvx::timed::nameOf(CVekTimedWork* poll) {
-    const CVekAtom* const name = poll != nullptr ? poll->RTWName() : nullptr;
-    const char* const text = name != nullptr ? name->RAString() : nullptr;
-    return text != nullptr ? text : "";
-}

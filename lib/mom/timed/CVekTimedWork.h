@@ -53,10 +53,3 @@ class KVX_API CVekTimedWork {
     int m_frequency = -1;        // ticks
     int m_bucketKey = -1;
 };
-
-namespace kvx::timed {
-
-/// The name of `poll` as a text, owned by the poll; "" for no poll and for a poll without a name.
-const char* nameOf(CVekTimedWork* poll);
-
-}  // namespace kvx::timed

@@ -5,9 +5,8 @@
 
 #include "foundation/foundation.h"
 #include "mom/base/VekTrace.h"
-#include "mom/timed/CVekTimedWork.h"
 #include "mom/timed/CVekTimedWorkDistBucket.h"
-#include "mom/timed/ManagerLocks.h"
+#include "mom/timed/TimedShared.h"
 
 // Two views of the same polls: the list of names says which polls there are, the buckets say when
 // each runs. They agree after `RTWDDistributePolls`; in between the buckets may lag behind the list

@@ -4,8 +4,8 @@
 
 #include "foundation/foundation.h"
 #include "mom/base/VekTrace.h"
-#include "mom/timed/CVekTimedWork.h"
 #include "mom/timed/CVekTimedWorkMgr.h"
+#include "mom/timed/TimedShared.h"
 
 namespace {
 

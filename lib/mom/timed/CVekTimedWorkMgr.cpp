@@ -12,7 +12,7 @@
 #include "mom/timed/CVekTimedWork.h"
 #include "mom/timed/CVekTimedWorkDist.h"
 #include "mom/timed/CVekTimedWorker.h"
-#include "mom/timed/ManagerLocks.h"
+#include "mom/timed/TimedShared.h"
 
 // Who holds which lock. The tick takes the left side of m_Lock to read the suspension; whoever
 // changes the manager's sets takes the right side, and under it come the locks of the

@@ -2,7 +2,7 @@
 
 #include "foundation/foundation.h"
 #include "mom/base/VekTrace.h"
-#include "mom/timed/CVekTimedWork.h"
+#include "mom/timed/TimedShared.h"
 
 namespace {
 

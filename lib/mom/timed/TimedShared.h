@@ -1,8 +1,19 @@
 #pragma once
 
+#include "foundation/CVekAtom.h"
+#include "mom/timed/CVekTimedWork.h"
+
 class CVekTimedWorkMgr;
 
+/// What the sources of the room share.
 namespace kvx::timed {
+
+/// The name of `poll` as a text, owned by the poll; "" for no poll and for a poll without a name.
+inline const char* nameOf(CVekTimedWork* poll) {
+    const CVekAtom* const name = poll != nullptr ? poll->RTWName() : nullptr;
+    const char* const text = name != nullptr ? name->RAString() : nullptr;
+    return text != nullptr ? text : "";
+}
 
 /// Notes, for as long as it lives, that this thread holds a lock under which `manager` must not be
 /// called: its own, or that of one of its distributions.
