@@ -29,6 +29,8 @@ class Daemon {
 
     /// SIGTERM, without waiting for what becomes of it.
     void askToStop() const { process_->kill(SIGTERM); }
+    /// SIGSTOP: it neither reads nor answers.
+    void pause() const { process_->kill(SIGSTOP); }
     /// Waits until it has ended by itself; its exit status.
     int waitForEnd() { return process_->wait(); }
     /// SIGKILL: no goodbye to anybody.

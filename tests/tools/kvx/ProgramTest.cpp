@@ -202,7 +202,7 @@ TEST_F(ProgramTest, PacesLargeMessagesByTheirBytes) {
 TEST_F(ProgramTest, SaysWhyAMessageDoesNotLeave) {
     const auto sender = bus_.startShell("exec kvx -v send A x=1 --repeat 1000000000");
     EXPECT_NE(sender->awaitError("session"), "");
-    bus_.daemon().kill(SIGSTOP);
+    bus_.daemon().pause();
     EXPECT_EQ(sender->wait(), 1);
     EXPECT_TRUE(holds(sender->errors(), "did not leave: nothing has moved for 10 s\n"))
         << sender->errors();
