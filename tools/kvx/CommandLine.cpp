@@ -48,8 +48,8 @@ std::size_t distance(const std::string& one, const std::string& other) {
 std::string suggestion(const std::string& word, const std::vector<std::string>& known) {
     const std::string start = word.substr(0, kLongestWord);
     const auto nearest =
-        std::min_element(known.begin(), known.end(), [&](const auto& one, const auto& other) {
-            return distance(start, one) < distance(start, other);
+        std::min_element(known.begin(), known.end(), [&](const auto& left, const auto& right) {
+            return distance(start, left) < distance(start, right);
         });
     return nearest == known.end() ? "" : fmt::format("; did you mean '{}'?", *nearest);
 }

@@ -36,7 +36,9 @@ class ProgressLine {
 
     void show(std::uint64_t rows, std::uint64_t all) {
         const auto now = std::chrono::steady_clock::now();
-        if (!isWanted_ || now < next_) return;
+        const bool isNewPhase = isLoading_ != (all != 0);
+        isLoading_ = all != 0;
+        if (!isWanted_ || (now < next_ && !isNewPhase)) return;
         next_ = now + kRedraw;
         draw(all == 0 ? fmt::format("modeld: looking through the files: {} rows", rows)
                       : fmt::format("modeld: loading: {} of {} rows ({} %)", rows, all,
@@ -51,6 +53,7 @@ class ProgressLine {
     }
 
     const bool isWanted_ = kvx::platform::isTerminal(stderr) && Log::shows(LogLevel::Info);
+    bool isLoading_ = false;
     std::chrono::steady_clock::time_point next_;
 };
 

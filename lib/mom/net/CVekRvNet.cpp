@@ -113,8 +113,8 @@ CVekRvNet::CVekRvNet(unsigned long latency, char* domain) : CVekNet(latency, dom
 CVekRvNet::CVekRvNet(unsigned long latency, const char* domain)
     : CVekRvNet(latency, domain, kvx::DaemonAddress()) {}
 
-CVekRvNet::CVekRvNet(unsigned long latency, const char* domain, const kvx::DaemonAddress& address)
-    : CVekNet(latency, domain), m_givenAddress(address) {
+CVekRvNet::CVekRvNet(unsigned long latency, const char* domain, kvx::DaemonAddress address)
+    : CVekNet(latency, domain), m_givenAddress(std::move(address)) {
     start(kvx::rvNet::CopyingConstructor);
 }
 

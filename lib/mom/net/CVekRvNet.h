@@ -60,7 +60,7 @@ class KVX_API CVekRvNet : public CVekNet {
     CVekRvNet(unsigned long latency, const char* domain);
 
     /// What `address` leaves empty is taken from the configuration file.
-    CVekRvNet(unsigned long latency, const char* domain, const kvx::DaemonAddress& address);
+    CVekRvNet(unsigned long latency, const char* domain, kvx::DaemonAddress address);
     ~CVekRvNet() override;
 
     /// Called by the main loop instead of the bus loop when there is no session. Does nothing.
