@@ -357,9 +357,12 @@ TEST_F(Soak, NothingGrows) {
         const Range last = rangeOf(samples, 3, measure);
         std::printf("%-20s %lld..%lld  %lld..%lld  %lld..%lld\n", kMeasures[measure], second.least,
                     second.most, third.least, third.most, last.least, last.most);
-        // The allocator takes and returns pages in large steps.
+        // The allocator takes and returns pages in large steps, and the names of the inboxes whose
+        // senders are kept grow by a digit now and then.
         const bool isPages = measure == Resident || measure == Rvd;
-        EXPECT_LE(last.least, second.most + (isPages ? second.most / 20 : 0)) << kMeasures[measure];
+        const bool isHeap = measure == Heap;
+        const long long allowed = isPages ? second.most / 20 : isHeap ? second.most / 200 : 0;
+        EXPECT_LE(last.least, second.most + allowed) << kMeasures[measure];
     }
     EXPECT_EQ(errors.take(), std::vector<Report>{});
 }
