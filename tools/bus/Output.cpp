@@ -4,11 +4,11 @@
 #include "tools/bus/Output.h"
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <system_error>
 
+#include "platform/Clock.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Program.h"
 
@@ -16,7 +16,7 @@ namespace kvx::bus {
 
 namespace {
 
-std::timed_mutex outputLock;
+std::mutex outputLock;
 
 // Guarded by outputLock.
 int failure = 0;  // the system's error number of the first one
@@ -81,9 +81,15 @@ int closeOutput(int status) {
 }
 
 bool tryCloseOutput(int& status, platform::Milliseconds limit) {
-    const std::unique_lock guard(outputLock, std::chrono::milliseconds(limit));
-    if (guard.owns_lock()) status = closeLocked(status);
-    return guard.owns_lock();
+    constexpr platform::Milliseconds kStep = 10;
+    std::unique_lock guard(outputLock, std::try_to_lock);
+    for (platform::Milliseconds waited = 0; !guard.owns_lock(); waited += kStep) {
+        if (waited >= limit) return false;
+        platform::sleepMs(kStep);
+        static_cast<void>(guard.try_lock());
+    }
+    status = closeLocked(status);
+    return true;
 }
 
 }  // namespace kvx::bus
