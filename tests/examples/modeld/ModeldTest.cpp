@@ -80,7 +80,8 @@ TEST_F(ModeldTest, EndsAtOnceWhileTheDaemonIsAway) {
     const auto begin = std::chrono::steady_clock::now();
     model->kill(SIGTERM);
     EXPECT_EQ(model->wait(), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    // Two rounds of attempts would take sixteen seconds; a sanitizer hands signals on late.
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(8));
     EXPECT_EQ(count(model->errors(), "ended by a signal"), 1);
 }
 
