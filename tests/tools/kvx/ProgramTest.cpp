@@ -258,7 +258,7 @@ TEST_F(ProgramTest, TellsOfTheDaemonsLossAndEndsAtOnceMeanwhile) {
     listener->kill(SIGINT);
     EXPECT_EQ(listener->wait(), 0);
     // Well before a round of attempts to connect is over, which takes 6 s.
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 
     bus_.daemon().restart();
     EXPECT_NE(back->awaitError("kvx: the bus daemon is back (" + bus_.daemonText()), "");
