@@ -192,7 +192,7 @@ Time Election::activationTime() const {
     }
     if (end - ends.data() < static_cast<std::ptrdiff_t>(rules_.activeGoal)) return earliest;
     Time* const last = ends.data() + rules_.activeGoal - 1;
-    std::nth_element(ends.data(), last, end, std::greater<>());
+    std::ranges::nth_element(ends.data(), last, end, std::greater<>());
     return std::max(earliest, *last);
 }
 
