@@ -16,7 +16,6 @@ namespace {
 
 constexpr int kUsageStatus = 2;
 constexpr const char* kVersionLine = "rvd " KVX_VERSION;
-constexpr const char* kDefaultListen = "tcp:7500";
 
 // Options that are spelled with one dash, as the library writes them when it starts a daemon.
 constexpr std::array<std::string_view, 3> kOneDash = {"-listen", "-address", "-queue-limit"};
@@ -41,7 +40,7 @@ std::optional<std::uint16_t> parsePort(std::string_view text) {
 }
 
 struct Texts {
-    std::string listen = kDefaultListen;
+    std::string listen = wire::kDefaultDaemon;
     std::string address;
     std::string queueLimit = "64M";
     int verbose = 0;

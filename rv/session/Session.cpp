@@ -28,7 +28,6 @@ static_assert(std::is_trivially_destructible_v<decltype(openSessions)>,
 
 namespace {
 
-constexpr const char* kDefaultDaemon = "tcp:7500";
 constexpr const char* kNoDaemon = "-";
 constexpr std::size_t kMaxUserName = 63;  // characters
 
@@ -87,7 +86,7 @@ int fill(SessionState& session, const char* service, const char* network, const 
     session.user = processUser();
     session.service = textOr(service, "");
     session.network = textOr(network, "");
-    session.daemon = textOr(daemon, kDefaultDaemon);
+    session.daemon = textOr(daemon, wire::kDefaultDaemon);
     adoptProcessDefaults(session);
     if (const int code = buildNoMemoryAdvisory(session); code != 0) return code;
     return session.manager == nullptr ? session_code::kOk : session.events.start(session.manager);

@@ -43,5 +43,7 @@ inline constexpr long kDaemonSilenceMs =
     600'000;  ///< silence, with nothing taken either, after which the daemon closes
 
 inline constexpr const char* kDefaultService = "7500";  ///< what an empty service text means
+/// Where a session looks for its daemon, and where a daemon listens, unless told otherwise.
+inline constexpr const char* kDefaultDaemon = "tcp:7500";
 
 }  // namespace kvx::wire

@@ -5,7 +5,7 @@
 #include <memory>
 #include <utility>
 
-#include "mom/base/VekText.h"
+#include "platform/Memory.h"
 #include "rv/error/rvAdvisory.h"
 #include "rv/session/rvSessionHooks.h"
 #include "tools/bus/Complain.h"

@@ -8,7 +8,7 @@
 #include <optional>
 #include <utility>
 
-#include "mom/base/VekText.h"
+#include "platform/Memory.h"
 #include "platform/File.h"
 #include "platform/Text.h"
 #include "rv/session/rvSessionHooks.h"

@@ -7,7 +7,7 @@
 #include <optional>
 #include <utility>
 
-#include "mom/base/VekText.h"
+#include "platform/Memory.h"
 #include "platform/Text.h"
 #include "tools/kvx/DatumJson.h"
 

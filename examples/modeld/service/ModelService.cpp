@@ -15,7 +15,7 @@
 
 #include "examples/modeld/oql/Parse.h"
 #include "examples/modeld/service/Log.h"
-#include "mom/base/VekText.h"
+#include "platform/Memory.h"
 #include "platform/Text.h"
 
 namespace modeld {

@@ -17,7 +17,7 @@
 #include "examples/modeld/service/Log.h"
 #include "examples/modeld/service/ModelService.h"
 #include "examples/modeld/service/StopWatch.h"
-#include "mom/base/VekText.h"
+#include "platform/Memory.h"
 #include "platform/File.h"
 #include "platform/Signals.h"
 

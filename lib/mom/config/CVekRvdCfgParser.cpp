@@ -10,7 +10,7 @@
 
 #include "foundation/foundation.h"
 #include "mom/base/VekCodes.h"
-#include "mom/base/VekText.h"
+#include "platform/Memory.h"
 #include "mom/base/VekTrace.h"
 #include "mom/config/ReadConfiguration.h"
 #include "mom/config/VekRvdCfgScan.h"

@@ -86,9 +86,9 @@ class KVX_API CVekEngine : public CVekRvNet {
     unsigned long REGetMaxSendRate();
 
     /// Sends what is queued at once from now on, instead of at the next tick: whoever queues wakes
-    /// the main loop. In the time of a tick no more goes out this way than one tick's share of the
-    /// send rate; the rest waits for the tick. Lasts until the session ends. -220440 when the loop
-    /// cannot be woken, else as `RRNAddIOHandle`; the tick then sends everything. Main thread.
+    /// the main loop. In the time of a tick no more goes out in all than one tick's share of the
+    /// send rate; the rest waits for the next tick. Lasts until the session ends. -220440 when the
+    /// loop cannot be woken, else as `RRNAddIOHandle`; the tick then sends everything. Main thread.
     int RESendPromptly();
 
     /// The members, unguarded; the engine owns both.
@@ -202,6 +202,7 @@ class KVX_API CVekEngine : public CVekRvNet {
     void joinGroup(rv_Session session);
     void setActive(__boolean active);
     void tellRole();
+    bool isTicking() const;
     unsigned long itemsPerTick();
     int push(CVekSendQueueItem* item, int (CVekStack::*where)(void*));
 
@@ -213,6 +214,7 @@ class KVX_API CVekEngine : public CVekRvNet {
     // Main thread only.
     std::function<void(bool active)> m_roleChanged;
     bool m_toldActive = false;
+    unsigned long m_sentInTick = 0;  // items of the queue, promptly or by the tick itself
 
     std::shared_ptr<PromptSender> m_promptSender;  // guarded by m_requestMutex
 };

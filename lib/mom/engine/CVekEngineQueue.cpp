@@ -80,27 +80,31 @@ class CVekEngine::PromptSender : public RvIOCallback {
         std::array<std::byte, 8> taken{};
         kvx::platform::receiveSome(m_sockets.first.get(), taken);
         m_isAwake = false;
-        const auto now = Clock::now();
-        if (now - m_windowBegin >= std::chrono::milliseconds(engine::kTick)) {
-            m_windowBegin = now;
-            m_sentInWindow = 0;
-        }
+        if (!m_engine.isTicking()) beginTickByClock();
         unsigned long waitingBytes = 0;
         rv_Pending(m_engine.m_session->handle(), nullptr, &waitingBytes);
         if (waitingBytes > kMostOnLink) return;
         // A send may end the session or the engine, and this object with them.
         const kvx::NetWatch watch = m_engine.watch();
         const unsigned long share = m_engine.itemsPerTick();
-        while (watch.storageStands() && m_sentInWindow < share) {
+        while (watch.storageStands() && m_engine.m_sentInTick < share) {
             const std::unique_ptr<CVekSendQueueItem> item(m_engine.RENextSendItem());
             if (!item) return;
-            ++m_sentInWindow;
+            ++m_engine.m_sentInTick;
             item->RSQIDeQueueIt();
         }
     }
 
   private:
     using Clock = std::chrono::steady_clock;
+
+    // Without the queue's timer the time of a tick begins with the first send after the last one.
+    void beginTickByClock() {
+        const auto now = Clock::now();
+        if (now - m_tickBegin < std::chrono::milliseconds(engine::kTick)) return;
+        m_tickBegin = now;
+        m_engine.m_sentInTick = 0;
+    }
 
     unsigned int handle() const { return static_cast<unsigned int>(m_sockets.first.get()); }
 
@@ -110,8 +114,7 @@ class CVekEngine::PromptSender : public RvIOCallback {
 
     // Main thread only.
     bool m_isWatching = false;
-    Clock::time_point m_windowBegin;
-    unsigned long m_sentInWindow = 0;  // items
+    Clock::time_point m_tickBegin;
 };
 
 int CVekEngine::RESendPromptly() {
@@ -125,6 +128,10 @@ int CVekEngine::RESendPromptly() {
     const CVekAutoMutex guard(m_requestMutex);
     m_promptSender.swap(sender);
     return kvx::kOk;
+}
+
+bool CVekEngine::isTicking() const {
+    return m_sendTimer && m_sendTimer->callback() != nullptr;
 }
 
 unsigned long CVekEngine::itemsPerTick() {

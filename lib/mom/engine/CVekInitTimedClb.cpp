@@ -15,12 +15,14 @@ void CVekInitTimedClb::onTimer(RvTimer* timer) {
     auto* const engine = static_cast<CVekEngine*>(timer->closure());
     const kvx::NetWatch watch = engine->watch();
     const int itemsPerTick = m_itemsPerTick;
+    engine->m_sentInTick = 0;
     engine->tellRole();
     // A send, and who follows the role, may end the session or the engine, and this object with
     // them.
     for (int sent = 0; sent < itemsPerTick && watch.storageStands(); ++sent) {
         const std::unique_ptr<CVekSendQueueItem> item(engine->RENextSendItem());
         if (!item) return;
+        ++engine->m_sentInTick;
         item->RSQIDeQueueIt();  // reports a failure itself; the item is dropped either way
     }
 }

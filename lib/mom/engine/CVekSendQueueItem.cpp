@@ -2,9 +2,9 @@
 
 #include <memory>
 
-#include "mom/base/VekText.h"
 #include "mom/base/VekTrace.h"
 #include "mom/engine/CVekEngine.h"
+#include "platform/Memory.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "foundation/foundation.h"
-#include "mom/base/VekText.h"
+#include "platform/Memory.h"
 #include "platform/Export.h"
 
 /// The root of every network object: the reply time-out and the domain that all kinds of network

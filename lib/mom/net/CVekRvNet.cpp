@@ -24,11 +24,11 @@
 #include "mom/net/CVekRvNetLines.h"
 #include "mom/net/DiesWithTimer.h"
 #include "mom/net/LoopThread.h"
+#include "rv/wire/Limits.h"
 
 namespace {
 
 constexpr char kDefaultDomain[] = "DEFAULT";
-constexpr char kDefaultDaemon[] = "tcp:7500";
 constexpr unsigned long kRequestTick = 100;  // milliseconds between two drains of the requests
 
 // Deletes every object of type `Object` that `registry` holds.
@@ -311,7 +311,7 @@ kvx::DaemonAddress CVekRvNet::RRNAddress() {
     kvx::DaemonAddress address{textOf(m_cfgParser.RRCPGetService()),
                                textOf(m_cfgParser.RRCPGetNetwork()),
                                textOf(m_cfgParser.RRCPGetDaemon())};
-    if (address.daemon.empty()) address.daemon = kDefaultDaemon;
+    if (address.daemon.empty()) address.daemon = kvx::wire::kDefaultDaemon;
     return address;
 }
 

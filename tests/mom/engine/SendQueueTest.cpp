@@ -1,5 +1,6 @@
 // An engine's sends and its queue, without a bus.
 
+#include <chrono>
 #include <cstring>
 
 #include "mom/engine/CVekEngine.h"
@@ -164,4 +165,22 @@ TEST_F(SendQueue, LeavesAtOnceWithinOneTicksShareWhenAsked) {
     std::thread([&] { EXPECT_EQ(queue("A"), 1); }).join();
     EXPECT_TRUE(runUntil(engine, [&] { return engine.RESendQueueLength() == 0; }));
     EXPECT_EQ(errors.take().size(), 6U);  // there is no daemon
+}
+
+TEST_F(SendQueue, SendsNoMoreThanTheRatePromptlyAndByTheTickTogether) {
+    engine.RESetMaxSendRate(40);  // four a tick
+    EXPECT_EQ(engine.RESendPromptly(), 1);
+    int queued = 0;
+    const auto begin = std::chrono::steady_clock::now();
+    OnTimer queueOne([&](RvTimer*) {
+        queue("A");
+        ++queued;
+        if (std::chrono::steady_clock::now() - begin > std::chrono::milliseconds(450)) {
+            engine.RRNStopLoop();
+        }
+    });
+    ASSERT_EQ(engine.RRNAddRepeatTimer(5, &queueOne), 1);
+    engine.REDoIt();
+    const auto ticks = (std::chrono::steady_clock::now() - begin) / std::chrono::milliseconds(100);
+    EXPECT_LE(queued - engine.RESendQueueLength(), 4 * (ticks + 2));
 }
