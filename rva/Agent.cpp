@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "rva/HttpPages.h"
 #include "rva/HttpServer.h"
 #include "rva/Metrics.h"
 #include "rva/Observations.h"
@@ -55,21 +56,21 @@ std::string servicesDocument(Observations& seen) {
     return document + "\n]}\n";
 }
 
-void routePages(HttpServer& server, Observations& seen) {
-    using Answer = HttpServer::Answer;
+void addPages(HttpPages& pages, Observations& seen) {
+    using Page = HttpPages::Page;
     const std::int64_t start = platform::wallSeconds();
-    server.route("/", [] { return Answer{.body = kIndex}; });
-    server.route("/healthz", [] { return Answer{.body = "ok\n"}; });
-    server.route("/readyz", [&seen] {
-        return seen.isReady() ? Answer{.body = "ready\n"}
-                              : Answer{.status = 503, .body = "the bus session is lost\n"};
+    pages.add("/", [] { return Page{.body = kIndex}; });
+    pages.add("/healthz", [] { return Page{.body = "ok\n"}; });
+    pages.add("/readyz", [&seen] {
+        return seen.isReady() ? Page{.body = "ready\n"}
+                              : Page{.status = 503, .body = "the bus session is lost\n"};
     });
-    server.route("/services.json",
-                 [&seen] { return Answer{.type = kJsonType, .body = servicesDocument(seen)}; });
-    server.route("/metrics", [&seen, &server, start] {
-        return Answer{.type = kMetricsType,
-                      .body = metricsText({seen.figures(platform::monotonicMs()), server.requests(),
-                                           platform::processFigures(), start})};
+    pages.add("/services.json",
+              [&seen] { return Page{.type = kJsonType, .body = servicesDocument(seen)}; });
+    pages.add("/metrics", [&seen, &pages, start] {
+        return Page{.type = kMetricsType,
+                    .body = metricsText({seen.figures(platform::monotonicMs()), pages.requests(),
+                                         platform::processFigures(), start})};
     });
 }
 
@@ -104,8 +105,9 @@ int run(const Options& options) {
         bus::complain("cannot listen on the bus");
         return kFailure;
     }
-    HttpServer server;
-    routePages(server, seen);
+    HttpPages pages;
+    addPages(pages, seen);
+    HttpServer server([&pages](auto request) { return pages.answer(request); });
     if (!server.start(port)) {
         bus::complain(fmt::format("cannot listen on 127.0.0.1:{}; is the port taken?", port));
         return kFailure;

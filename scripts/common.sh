@@ -59,8 +59,11 @@ test_preset() {
     say "testing ($preset)"
     ctest --test-dir "$root/build/$preset" --parallel "$jobs" --output-on-failure --progress "$@" \
         >"$log_dir/test-$preset.log" 2>&1 || {
-        grep -E '^\s+[0-9]+ - .*\((Failed|Timeout|SEGFAULT|Not Run|Subprocess aborted|Child aborted).*\)' \
-            "$log_dir/test-$preset.log" || tail -n 40 "$log_dir/test-$preset.log"
+        # What the failed tests printed, then their names.
+        awk '/ Start +[0-9]+: / || /^ *[0-9]+\/[0-9]+ Test +#.* Passed / { show = 0 }
+             /^ *[0-9]+\/[0-9]+ Test +#.*\*\*\*/ { show = 1 }
+             show' "$log_dir/test-$preset.log" | tail -n 100
+        tail -n 40 "$log_dir/test-$preset.log" | sed -n '/tests failed out of/,$p'
         say "the whole log: $log_dir/test-$preset.log"
         return 1
     }

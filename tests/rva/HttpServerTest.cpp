@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/Socket.h"
+#include "rva/HttpPages.h"
 
 namespace kvx::rva {
 namespace {
@@ -16,7 +17,7 @@ namespace {
 class HttpServerTest : public ::testing::Test {
   protected:
     HttpServerTest() {
-        server.route("/a.b", [] { return HttpServer::Answer{.body = "hello"}; });
+        pages.add("/a.b", [] { return HttpPages::Page{.body = "hello"}; });
         EXPECT_TRUE(server.start(0));
     }
 
@@ -48,7 +49,8 @@ class HttpServerTest : public ::testing::Test {
     }
     bool serves() const { return exchange("GET /a.b HTTP/1.1\r\n\r\n").ends_with("\r\n\r\nhello"); }
 
-    HttpServer server;
+    HttpPages pages;
+    HttpServer server{[this](auto request) { return pages.answer(request); }};
 };
 
 TEST_F(HttpServerTest, AnswersItsRoutesAndNothingElse) {
@@ -64,8 +66,8 @@ TEST_F(HttpServerTest, AnswersItsRoutesAndNothingElse) {
     for (const char* range : {"bytes=1-2", "bytes=1000-2000", "bytes=-9"}) {
         EXPECT_EQ(http.Get("/a.b", {{"Range", range}})->body, "hello") << range;
     }
-    EXPECT_EQ(server.requests(), 12U);
-    HttpServer second;
+    EXPECT_EQ(pages.requests(), 12U);
+    HttpServer second([](auto) { return std::string(); });
     EXPECT_FALSE(second.start(server.port()));
 }
 
@@ -105,9 +107,9 @@ TEST_F(HttpServerTest, IsNotHeldByThoseWhoSayNothingOrHalfOfIt) {
 }
 
 TEST_F(HttpServerTest, GivesALongAnswerWholeToASlowReader) {
-    HttpServer large;
     const std::string body(8'000'000, 'x');
-    large.route("/", [&] { return HttpServer::Answer{.body = body}; });
+    pages.add("/", [&] { return HttpPages::Page{.body = body}; });
+    HttpServer large([this](auto request) { return pages.answer(request); });
     ASSERT_TRUE(large.start(0));
     httplib::Client slow("127.0.0.1", large.port());
     std::size_t got = 0;
