@@ -3,12 +3,28 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <csignal>
+#include <cstddef>
 #include <ctime>
+#include <limits>
 
 namespace kvx::platform {
 
 namespace {
+
+constexpr Milliseconds kNever = std::numeric_limits<Milliseconds>::min();
+
+std::array<std::atomic<SignalHandler>, NSIG> handlers{};
+std::atomic<Milliseconds> lastCaught{kNever};
+static_assert(std::atomic<SignalHandler>::is_always_lock_free &&
+              std::atomic<Milliseconds>::is_always_lock_free);
+
+void onSignal(int signal) {
+    handlers[static_cast<std::size_t>(signal)].load()(signal);
+    lastCaught = monotonicMs();
+}
 
 bool setDisposition(int signal, SignalHandler handler) noexcept {
     struct sigaction action {};
@@ -49,20 +65,17 @@ int user2() noexcept {
 }  // namespace signal_number
 
 bool installSignalHandler(int signal, SignalHandler handler) noexcept {
-    return setDisposition(signal, handler);
+    if (signal < 0 || static_cast<std::size_t>(signal) >= handlers.size()) return false;
+    handlers[static_cast<std::size_t>(signal)] = handler;
+    return setDisposition(signal, onSignal);
+}
+
+Milliseconds lastSignalMs() noexcept {
+    return lastCaught;
 }
 
 void restoreDefaultSignal(int signal) noexcept {
     setDisposition(signal, SIG_DFL);
-}
-
-bool exchangeSignalHandler(int signal, SignalHandler from, SignalHandler to) noexcept {
-    const auto dispositionOf = [](SignalHandler handler) {
-        return handler != nullptr ? handler : SIG_DFL;
-    };
-    struct sigaction now {};
-    if (::sigaction(signal, nullptr, &now) != 0) return false;
-    return now.sa_handler == dispositionOf(from) && setDisposition(signal, dispositionOf(to));
 }
 
 void ignoreSignal(int signal) noexcept {

@@ -26,12 +26,12 @@ using SignalHandler = void (*)(int signal);
 /// system can. False when the system refuses the number.
 [[nodiscard]] KVX_API bool installSignalHandler(int signal, SignalHandler handler) noexcept;
 
+/// When an installed handler last handled a signal, on the monotonic clock; the least value when
+/// none has. Whoever blocks a loop for long looks: a signal may wait for the next turn. Any thread.
+[[nodiscard]] KVX_API Milliseconds lastSignalMs() noexcept;
+
 /// Restores the system's default handling.
 KVX_API void restoreDefaultSignal(int signal) noexcept;
-
-/// Installs `to` where `from` stands; null is the system's default handling. Changes nothing, and
-/// returns false, where something else stands, such as ignoring.
-KVX_API bool exchangeSignalHandler(int signal, SignalHandler from, SignalHandler to) noexcept;
 
 /// Ignores the signal.
 KVX_API void ignoreSignal(int signal) noexcept;

@@ -4,8 +4,10 @@
 // An attempt is a connection on which the daemon's greeting has arrived; there are four of them,
 // with a pause after each that failed, and after the first one a local daemon is started. What the
 // daemon says after that is final, with one exception: a daemon that offers version 3 gets version
-// 4 tried on it, and when that does not succeed a second connection on which 3 is spoken.
+// 4 tried on it, and when that does not succeed a second connection on which 3 is spoken. A signal
+// ends a reconnection in its pauses, so that the loop can turn.
 
+#include <algorithm>
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -32,6 +34,7 @@ constexpr std::string_view kScheme = "tcp:";
 constexpr std::size_t kMaxHostLength = 127;  // characters; longer names are cut
 constexpr int kAttempts = 4;
 constexpr platform::Milliseconds kPauseMs = 2'000;    // after a failed attempt
+constexpr platform::Milliseconds kPauseStepMs = 50;   // between two looks for a signal
 constexpr platform::Milliseconds kConnectMs = 5'000;  // for one connect
 constexpr const char* kDaemonProgram = "rvd";
 
@@ -73,6 +76,16 @@ Socket newSocket() {
     return socket;
 }
 
+// False when it was cut short.
+bool pauseAfterAttempt(const SessionState& session) {
+    const Deadline deadline = Deadline::in(kPauseMs);
+    while (!deadline.passed()) {
+        if (isCutShort(session)) return false;
+        platform::sleepMs(std::min(deadline.left(), kPauseStepMs));
+    }
+    return true;
+}
+
 Greeted connectGreeted(const SessionState& session) {
     Greeted result;
     for (int attempt = 1; attempt <= kAttempts; ++attempt) {
@@ -93,7 +106,7 @@ Greeted connectGreeted(const SessionState& session) {
         if (attempt == 1 && session.address.local &&
             !rv_StartDaemon(kDaemonProgram, session.daemon.c_str()))
             return result;
-        platform::sleepMs(kPauseMs);
+        if (!pauseAfterAttempt(session)) return result;
     }
     return result;
 }

@@ -37,6 +37,8 @@ void setProcessLinkProperties(const ipq_Properties& properties);
 /// Reconnect.cpp
 void linkLost(SessionState& session);
 void watchLink(SessionState& session);
+/// Whether a signal waits for the loop, which the present round of attempts to reconnect blocks.
+[[nodiscard]] bool isCutShort(const SessionState& session);
 
 /// What the inboxes under a name begin with: "_INBOX.<name>.".
 [[nodiscard]] inline std::string inboxPrefix(const std::string& name) {

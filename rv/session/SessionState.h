@@ -79,6 +79,7 @@ struct SessionState final : link::LinkHost, event::Handle<SessionState> {
     ipq_Properties properties{};
     rvevm_Id reconnectTimer = nullptr;
     std::optional<platform::Milliseconds> reconnectedAt;  // the latest time, on the monotonic clock
+    std::optional<platform::Milliseconds> roundBegin;     // of a round of attempts to reconnect
     unsigned shortLinks = 0;          // in a row, that broke soon after a reconnect
     std::uint32_t clientAddress = 0;  // as the daemon reported it, network byte order
     std::uint16_t clientPort = 0;     // likewise

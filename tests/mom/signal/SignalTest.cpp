@@ -4,6 +4,7 @@
 
 #include <sys/prctl.h>
 
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <fstream>
@@ -99,6 +100,30 @@ TEST(Signals, TakeEffectWhateverTheProcessIsDoing) {
     EXPECT_EQ(home.files(), files);
     daemon.kill();
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a process without a parent";
+}
+
+// A round of attempts to reach a daemon that is gone lasts eight seconds.
+TEST(Signals, TakeEffectWhenTheDaemonHasGoneOrGoesWithThem) {
+    for (const bool daemonGoesFirst : {true, false}) {
+        SCOPED_TRACE(daemonGoesFirst);
+        Daemon daemon;
+        const Home home(daemon.text());
+        ChildProcess host(KVX_SIGNAL_HOST, {"leave"});
+        ASSERT_EQ(host.awaitOutput("ready"), "ready");
+        host.kill(SIGUSR2);  // once it is served, the loop runs
+        EXPECT_EQ(host.awaitOutput(levelLine(1)), levelLine(1));
+        const auto connected = kvx::test::openDescriptors(host.pid());
+        const auto isAlone = [&] { return kvx::test::openDescriptors(host.pid()) < connected; };
+        const auto begin = std::chrono::steady_clock::now();
+        if (!daemonGoesFirst) host.kill(SIGTERM);
+        daemon.kill();
+        if (daemonGoesFirst) {
+            EXPECT_TRUE(eventually(isAlone));
+            host.kill(SIGTERM);
+        }
+        EXPECT_EQ(host.wait(), 3) << "left in good order";
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(6));
+    }
 }
 
 TEST(Signals, StepTheDebugLevelRound) {
