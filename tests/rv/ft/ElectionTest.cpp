@@ -4,47 +4,28 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <optional>
+#include <sstream>
 #include <string>
-#include <vector>
 
-using kvx::ft::Beat;
-using kvx::ft::Election;
-using kvx::ft::MemberState;
-using kvx::ft::Rank;
-using kvx::ft::Rules;
-using kvx::ft::Step;
-using kvx::ft::Time;
-
+namespace kvx::ft {
 namespace {
 
 constexpr Time kBeat = 1500;
-constexpr Time kActivate = 4800;
-const Rules kService{
-    .activeGoal = 1, .heartbeatMs = kBeat, .prepareMs = 0, .activateMs = kActivate};
 
-Rank rank(std::uint32_t weight, std::uint64_t start, const char* id) {
-    return {weight, start, id};
-}
-
-const Rank kSelf = rank(50, 1000, "m");
-const Rank kBetter = rank(50, 900, "older");
-const Rank kWorse = rank(50, 1100, "younger");
-
-const Rules kPrepared{
-    .activeGoal = 1, .heartbeatMs = kBeat, .prepareMs = 1000, .activateMs = kActivate};
-
-struct Told {
-    Step action;
-    Time when;
-    bool operator==(const Told&) const = default;
-};
+const std::map<std::string, Rank> kRanks = {{"self", {50, 1000, "m"}},
+                                            {"better", {50, 900, "older"}},
+                                            {"second", {50, 950, "second"}},
+                                            {"worse", {50, 1100, "younger"}}};
+const std::map<std::string, MemberState> kStates = {{"waits", MemberState::Waiting},
+                                                    {"leads", MemberState::Active},
+                                                    {"leaves", MemberState::Leaving}};
 
 // An election on a clock that goes from deadline to deadline.
-class Driven {
-  public:
-    explicit Driven(const Rules& rules = kService, const Rank& self = kSelf)
-        : election(self, rules, 0) {
+struct Driven {
+    explicit Driven(Time prepareMs = 0, std::uint32_t goal = 1)
+        : election(kRanks.at("self"), {goal, kBeat, prepareMs, 4800}, 0) {
         collect();
     }
 
@@ -52,7 +33,6 @@ class Driven {
         election.hear(Beat{who, state}, now);
         collect();
     }
-
     // Meanwhile `who`, when given, beats at each heartbeat.
     void runUntil(Time end, std::optional<Beat> who = std::nullopt) {
         Time nextHeard = who ? now : end + 1;
@@ -64,213 +44,146 @@ class Driven {
                 election.hear(*who, now);
                 nextHeard += kBeat;
             }
-            advance();
+            election.advance(now);
+            collect();
         }
         now = end;
     }
-
-    void advance() {
-        election.advance(now);
-        collect();
+    // "until T": time passes; "under WHO until T": while that one leads; "at T": the loop stands
+    // still until then; "lost", "back": the link; "WHO STATE": a beat.
+    void play(const std::string& script) {
+        std::istringstream words(script);
+        std::optional<Beat> leader;
+        for (std::string word, more; words >> word;) {
+            if (word == "lost") {
+                election.loseLink(now);
+            } else if (word == "back") {
+                election.restoreLink(now);
+            } else if (word == "due") {
+                election.advance(now);
+            } else if (words >> more; word == "at") {
+                now = std::stol(more);
+            } else if (word == "under") {
+                leader = Beat{kRanks.at(more), MemberState::Active};
+            } else if (word == "until") {
+                runUntil(std::stol(more), std::exchange(leader, std::nullopt));
+            } else {
+                hear(kRanks.at(word), kStates.at(more));
+            }
+            collect();
+        }
     }
-    void loseLink() { election.loseLink(now); }
-    void restoreLink() {
-        election.restoreLink(now);
-        collect();
-    }
-
     void collect() {
         while (const auto step = election.takeStep()) {
+            const std::string when = std::to_string(now) + ' ';
             if (*step == Step::Announce) {
-                announced.push_back(now);
+                announced += when;
             } else {
-                told.push_back({*step, now});
+                told += (*step == Step::Prepare    ? "prepare "
+                         : *step == Step::Activate ? "activate "
+                                                   : "deactivate ") +
+                        when;
             }
         }
     }
 
     Election election;
     Time now = 0;
-    std::vector<Time> announced;
-    std::vector<Told> told;
+    std::string announced;
+    std::string told;
 };
 
-using Actions = std::vector<Told>;
+struct Scenario {
+    const char* what;
+    const char* script;
+    const char* told;
+    Time prepareMs = 0;
+    std::uint32_t goal = 1;
+};
+
+const Scenario kScenarios[] = {
+    {"a worse one's beat finds the leader silent",
+     "under better until 6000 until 10799 at 10800 worse waits worse waits", "activate 10800 "},
+    {"silence counts from the last beat", "under better until 31000 until 40000",
+     "activate 34800 "},
+    {"the next in rank takes over at once from one that leaves",
+     "under better until 10000 better leaves until 14000", "activate 10000 "},
+    {"unless another is the next",
+     "under better until 10000 second waits better leaves until 14000", ""},
+    {"just joined, within one beat", "at 200 better leads better leaves until 10000",
+     "activate 1500 "},
+    {"also when it never heard of the one that leaves", "at 200 better leaves until 10000",
+     "activate 1500 "},
+    {"a worse active one is ignored", "under worse until 5000 better waits", "activate 4800 "},
+    {"a better active one takes the lead", "under worse until 5000 better waits better leads",
+     "activate 4800 deactivate 5000 "},
+    {"one better of two leaves it active", "under better until 4800 better leads", "activate 4800 ",
+     0, 2},
+    {"two better of two do not", "under better until 4800 better leads second leads",
+     "activate 4800 deactivate 4800 ", 0, 2},
+    {"it prepares so long before it activates", "until 5000", "prepare 3800 activate 4800 ", 1000},
+    {"also when the place is free at once", "under better until 10000 better leaves until 12000",
+     "prepare 10000 activate 11000 ", 1000},
+    {"and gives that up when a better one turns up", "until 4000 better waits until 8800",
+     "prepare 3800 prepare 7800 activate 8800 ", 1000},
+    {"cut off shortly", "until 5000 lost until 9000 back until 30000", "activate 4800 "},
+    {"cut off for long", "until 5000 lost until 20000 back until 30000",
+     "activate 4800 deactivate 9800 activate 24800 "},
+    {"cut off for long, learned at the reconnect", "until 5000 lost at 9800 back until 30000",
+     "activate 4800 deactivate 9800 activate 14600 "},
+    {"its standstill is not the others' silence",  // it runs its timers before it reads
+     "under better until 9000 at 30000 due better leads until 32000", ""},
+    {"but one that is late again activates", "under better until 9000 at 30000 due at 34500 due",
+     "activate 34500 "},
+};
 
 }  // namespace
 
 TEST(Rank, GoesByWeightThenStartThenId) {
-    EXPECT_TRUE(rank(51, 9, "z").isBetterThan(rank(50, 1, "a")));
-    EXPECT_TRUE(rank(50, 1, "z").isBetterThan(rank(50, 2, "a")));
-    EXPECT_TRUE(rank(50, 1, "a").isBetterThan(rank(50, 1, "b")));
-    EXPECT_FALSE(rank(50, 1, "a").isBetterThan(rank(50, 1, "a")));
+    EXPECT_TRUE((Rank{51, 9, "z"}).isBetterThan({50, 1, "a"}));
+    EXPECT_TRUE((Rank{50, 1, "z"}).isBetterThan({50, 2, "a"}));
+    EXPECT_TRUE((Rank{50, 1, "a"}).isBetterThan({50, 1, "b"}));
+    EXPECT_FALSE((Rank{50, 1, "a"}).isBetterThan({50, 1, "a"}));
 }
 
-TEST(Election, ActivatedByTheBeatOfAWorseOneForgetsTheSilentLeader) {
-    Driven member;
-    member.runUntil(4 * kBeat, Beat{kBetter, MemberState::Active});
-    member.runUntil(4 * kBeat + kActivate - 1);
-    ++member.now;
-    member.hear(kWorse, MemberState::Waiting);
-    member.hear(kWorse, MemberState::Waiting);
-    EXPECT_EQ(member.told, (Actions{{Step::Activate, 4 * kBeat + kActivate}}));
+TEST(Election, TakesTheStepsOfEachScenario) {
+    for (const Scenario& scenario : kScenarios) {
+        Driven member(scenario.prepareMs, scenario.goal);
+        member.play(scenario.script);
+        EXPECT_EQ(member.told, scenario.told) << scenario.what;
+    }
 }
 
-TEST(Election, AloneActivatesAfterTheActivationIntervalAndAnnouncesItselfEachBeat) {
+TEST(Election, AnnouncesItselfEachBeatAndWithEachAction) {
     Driven member;
-    member.runUntil(7000);
-    EXPECT_EQ(member.told, (Actions{{Step::Activate, kActivate}}));
-    EXPECT_EQ(member.announced, (std::vector<Time>{0, 1500, 3000, 4500, 4800, 6300}));
+    member.play("until 7000");
     EXPECT_EQ(member.election.beat().state, MemberState::Active);
+    member.play("better leads");
+    EXPECT_EQ(member.announced, "0 1500 3000 4500 4800 6300 7000 ");
 }
 
-TEST(Election, CountsSilenceFromTheLastBeatHeard) {
-    Driven member;
-    member.runUntil(31000, Beat{kBetter, MemberState::Active});
-    EXPECT_EQ(member.told, Actions{});
-    const Time lastHeard = 30000;
-    member.runUntil(40000);
-    EXPECT_EQ(member.told, (Actions{{Step::Activate, lastHeard + kActivate}}));
-}
-
-TEST(Election, TakesOverAtOnceFromAnActiveMemberThatLeavesUnlessAnotherIsNextInRank) {
-    for (const bool isNext : {true, false}) {
-        Driven member;
-        member.runUntil(10000, Beat{kBetter, MemberState::Active});
-        if (!isNext) member.hear(rank(50, 950, "second"), MemberState::Waiting);
-        member.hear(kBetter, MemberState::Leaving);
-        member.runUntil(14000);
-        EXPECT_EQ(member.told, (isNext ? Actions{{Step::Activate, 10000}} : Actions{}));
-    }
-}
-
-TEST(Election, TakesOverWithinOneBeatOfALeaveEvenWhenJustJoined) {
-    for (const bool hasHeardOfIt : {true, false}) {
-        Driven member;
-        member.now = 200;
-        if (hasHeardOfIt) member.hear(kBetter, MemberState::Active);
-        member.hear(kBetter, MemberState::Leaving);
-        member.runUntil(10000);
-        EXPECT_EQ(member.told, (Actions{{Step::Activate, kBeat}}));
-    }
-}
-
-TEST(Election, StepsBackWhenItHearsABetterActiveMemberAndIgnoresWorseOnes) {
-    Driven member;
-    member.runUntil(5000, Beat{kWorse, MemberState::Active});
-    EXPECT_EQ(member.told, (Actions{{Step::Activate, kActivate}}));
-    member.hear(kBetter, MemberState::Waiting);
-    EXPECT_EQ(member.told.size(), 1U);
-    member.hear(kBetter, MemberState::Active);
-    EXPECT_EQ(member.told.back(), (Told{Step::Deactivate, 5000}));
-    EXPECT_EQ(member.announced.back(), 5000);
-}
-
-TEST(Election, KeepsAsManyActiveAsTheGoal) {
-    Rules two = kService;
-    two.activeGoal = 2;
-    Driven member(two);
-    member.runUntil(kActivate, Beat{kBetter, MemberState::Active});
-    EXPECT_EQ(member.told, (Actions{{Step::Activate, kActivate}}));
-    member.hear(kBetter, MemberState::Active);
-    EXPECT_EQ(member.told.size(), 1U);
-    member.hear(rank(50, 950, "second"), MemberState::Active);
-    EXPECT_EQ(member.told.back(), (Told{Step::Deactivate, kActivate}));
-}
-
-TEST(Election, PreparesThePreparationIntervalBeforeActivating) {
-    Driven joining(kPrepared);
-    joining.runUntil(5000);
-    EXPECT_EQ(joining.told, (Actions{{Step::Prepare, 3800}, {Step::Activate, 4800}}));
-
-    Driven successor(kPrepared);
-    successor.runUntil(10000, Beat{kBetter, MemberState::Active});
-    successor.hear(kBetter, MemberState::Leaving);
-    successor.runUntil(12000);
-    EXPECT_EQ(successor.told, (Actions{{Step::Prepare, 10000}, {Step::Activate, 11000}}));
-}
-
-TEST(Election, GivesUpAPreparationWhenABetterMemberTurnsUp) {
-    Driven member(kPrepared);
-    member.runUntil(4000);
-    member.hear(kBetter, MemberState::Waiting);
-    member.runUntil(4000 + kActivate);
-    EXPECT_EQ(member.told, (Actions{{Step::Prepare, 3800},
-                                    {Step::Prepare, 3000 + kActivate},
-                                    {Step::Activate, 4000 + kActivate}}));
-}
-
-TEST(Election, CutOffForTheActivationIntervalItStepsBackAndStartsAnew) {
-    struct Case {
-        const char* what;
-        Time back;
-        bool isTimely;  // a loop may stand still in the attempts to reconnect
-        Actions told;
-    };
-    constexpr Time kStepBack = 5000 + kActivate;
-    const Told first{Step::Activate, kActivate};
-    const Told stepBack{Step::Deactivate, kStepBack};
-    for (const Case& cut : {
-             Case{"shortly", 9000, true, {first}},
-             Case{"long", 20000, true, {first, stepBack, {Step::Activate, 20000 + kActivate}}},
-             Case{"learned at the reconnect",
-                  kStepBack,
-                  false,
-                  {first, stepBack, {Step::Activate, kStepBack + kActivate}}},
-         }) {
-        SCOPED_TRACE(cut.what);
-        Driven member;
-        member.runUntil(5000);
-        member.loseLink();
-        if (cut.isTimely) member.runUntil(cut.back);
-        member.now = cut.back;
-        member.restoreLink();
-        member.runUntil(30000);
-        EXPECT_EQ(member.told, cut.told);
-    }
-}
-
+// Forged members fill the table, after or before the leader is known, and then leave.
 TEST(Election, AFloodOfStrangersDoesNotHideTheLeader) {
+    const auto flood = [](Driven& member, std::uint32_t weight, MemberState state) {
+        for (std::size_t i = 0; i < Election::kMaximumPeers + 100; ++i)
+            member.hear({weight, 1, "forged" + std::to_string(i)}, state);
+    };
     for (const std::uint32_t weight : {40U, 60U}) {
         Driven member;
-        member.runUntil(kActivate - 1, Beat{kBetter, MemberState::Active});
-        const Time lastHeard = 3 * kBeat;
-        std::vector<std::string> strangers;
-        for (std::size_t i = 0; i < Election::kMaximumPeers + 100; ++i)
-            strangers.push_back("forged" + std::to_string(i));
-        for (const auto& id : strangers)
-            member.hear(rank(weight, 1, id.c_str()), MemberState::Waiting);
-        for (const auto& id : strangers)
-            member.hear(rank(weight, 1, id.c_str()), MemberState::Leaving);
-        member.runUntil(3 * kActivate);
-        EXPECT_EQ(member.told, (Actions{{Step::Activate, lastHeard + kActivate}}));
+        member.play("under better until 4799");
+        flood(member, weight, MemberState::Waiting);
+        flood(member, weight, MemberState::Leaving);
+        member.play("until 14400");
+        EXPECT_EQ(member.told, "activate 9300 ");
     }
-}
-
-TEST(Election, ALeaderThatFindsTheTableFullIsHeardAllTheSame) {
     for (const bool leave : {false, true}) {
         Driven member;
-        std::vector<Rank> strangers;
-        for (std::size_t i = 0; i < Election::kMaximumPeers; ++i)
-            strangers.push_back(rank(60, 1, ("forged" + std::to_string(i)).c_str()));
-        for (const Rank& stranger : strangers) member.hear(stranger, MemberState::Active);
-        member.runUntil(kBeat, Beat{kBetter, MemberState::Active});
-        for (const Rank& stranger : strangers)
-            if (leave) member.hear(stranger, MemberState::Leaving);
-        member.runUntil(3 * kActivate, Beat{kBetter, MemberState::Active});
-        EXPECT_EQ(member.told, Actions{}) << (leave ? "they left" : "they fell silent");
+        flood(member, 60, MemberState::Active);
+        member.play("under better until 1500");
+        if (leave) flood(member, 60, MemberState::Leaving);
+        member.play("under better until 14400");
+        EXPECT_EQ(member.told, "") << (leave ? "they left" : "they fell silent");
     }
 }
 
-// A thread that stood still finds its timers due before it reads what came meanwhile.
-TEST(Election, DoesNotTakeItsOwnStandstillForTheOthersSilence) {
-    Driven member;
-    member.runUntil(9000, Beat{kBetter, MemberState::Active});
-    member.now = 30000;
-    member.advance();
-    member.hear(kBetter, MemberState::Active);
-    member.runUntil(32000);
-    EXPECT_EQ(member.told, Actions{});
-    for (; member.now < 60000; member.now += 3 * kBeat) member.advance();
-    EXPECT_EQ(member.told.size(), 1U) << "one that is always late activates all the same";
-}
+}  // namespace kvx::ft

@@ -4,17 +4,22 @@
 
 #include <functional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "rv/ft/rvft.h"
 #include "rv/message/rvmsg.h"
+#include "rv/session/rvSessionHooks.h"
 #include "rv/session/rv_Session.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/FailingNew.h"
 #include "tests/support/Loop.h"
 
+namespace kvx::test {
 namespace {
+
+using Actions = std::vector<int>;
 
 constexpr unsigned long kBeat = 40;
 constexpr unsigned long kActivate = 130;
@@ -47,7 +52,7 @@ struct Member {
     }
 
     rvft_MemberId id = nullptr;
-    std::vector<int> actions;
+    Actions actions;
     bool isActive = false;
     std::function<void()> inAction;
     Session session;
@@ -56,14 +61,14 @@ struct Member {
 class GroupOnTheBus : public testing::Test {
   protected:
     void runUntil(const std::function<bool()>& condition) {
-        kvx::test::runUntil(rv_EventManager(runner.handle), condition);
+        test::runUntil(rv_EventManager(runner.handle), condition);
     }
     int join(rv_Session session, const char* group, unsigned long activate = kActivate) {
         rvft_MemberId id = nullptr;
         return rvft_Join(session, &id, group, 1, 1, kBeat, 0, activate, Member::onAction, nullptr);
     }
 
-    kvx::test::Daemon daemon;
+    Daemon daemon;
     Session runner{"-"};
 };
 
@@ -75,7 +80,7 @@ TEST_F(GroupOnTheBus, ElectsTheBestAndHandsOverWhenItsSessionCloses) {
     runUntil([&] { return primary.isActive && !backup.isActive; });
     primary.session.close();
     runUntil([&] { return backup.isActive; });
-    EXPECT_EQ(primary.actions, std::vector<int>{RVFT_ACTIVATE}) << "a leave is no action";
+    EXPECT_EQ(primary.actions, Actions{RVFT_ACTIVATE}) << "a leave is no action";
     EXPECT_EQ(rvft_Leave(primary.id), 5);
 }
 
@@ -120,13 +125,38 @@ TEST_F(GroupOnTheBus, RefusesWhatItCannotDoAndSaysWhy) {
     rv_Close(synchronous);
 }
 
+// The daemon stands still, so that both lead; then it is away for as long as somebody else would
+// need to take over.
+TEST_F(GroupOnTheBus, EndsWithTheBetterOneWhenTheMembersMeetAgain) {
+    Member backup(daemon.text(), 1);
+    Member primary(daemon.text(), 2);
+    const auto isSettled = [&] { return primary.isActive && !backup.isActive; };
+    runUntil(isSettled);
+    daemon.pause();
+    runUntil([&] { return backup.isActive; });
+    EXPECT_TRUE(primary.isActive);
+    ::kill(daemon.pid(), SIGCONT);
+    runUntil(isSettled);
+    const rv_Hook stayAway = [](rv_Session, const void*, void* restarted) {
+        const auto end = platform::monotonicMs() + static_cast<long>(kActivate);
+        while (platform::monotonicMs() <= end) std::this_thread::yield();
+        static_cast<Daemon*>(restarted)->restart();
+        return 0;
+    };
+    rv_AddHook(primary.session.handle, RV_HOOK_DISCONNECT, stayAway, &daemon);
+    daemon.kill();
+    runUntil([&] { return primary.actions.size() == 3; });
+    EXPECT_EQ(primary.actions, (Actions{RVFT_ACTIVATE, RVFT_DEACTIVATE, RVFT_ACTIVATE}));
+    runUntil(isSettled);
+}
+
 TEST_F(GroupOnTheBus, WithoutMemoryLeavesNoMemberBehind) {
     Session session(daemon.text());
     int code = 3;
     for (long news = 0; code == 3; ++news) {
-        kvx::test::newsBeforeFailure = news;
+        newsBeforeFailure = news;
         code = join(session.handle, kGroup);
-        kvx::test::newsBeforeFailure = -1;
+        newsBeforeFailure = -1;
     }
     EXPECT_EQ(code, 0);
     EXPECT_EQ(join(session.handle, kGroup), 4);
@@ -137,17 +167,19 @@ TEST_F(GroupOnTheBus, AMemberThatFindsNoMemoryGoesOn) {
     member.actions.reserve(8);
     int rounds = 0;
     const auto starve = [&] {
-        kvx::test::newsFailForGood = ++rounds < 300;
-        kvx::test::newsBeforeFailure = rounds < 300 ? 0 : -1;
+        newsFailForGood = ++rounds < 300;
+        newsBeforeFailure = rounds < 300 ? 0 : -1;
         return rounds == 300;
     };
     runUntil(starve);
     EXPECT_TRUE(member.isActive) << "activating needs no memory";
-    kvx::test::newsFailForGood = true;
-    kvx::test::newsBeforeFailure = 0;
+    newsFailForGood = true;
+    newsBeforeFailure = 0;
     const int code = rvft_Leave(member.id);
-    kvx::test::newsBeforeFailure = -1;
-    kvx::test::newsFailForGood = false;
+    newsBeforeFailure = -1;
+    newsFailForGood = false;
     EXPECT_EQ(code, 0);
     EXPECT_EQ(join(member.session.handle, kGroup), 0);
 }
+
+}  // namespace kvx::test
