@@ -1,3 +1,7 @@
+#include <csignal>
+
+#include "platform/Process.h"
+#include "platform/Signals.h"
 #include "rv/event/EventManagerExtras.h"
 #include "tests/rv/event/LoopFixture.h"
 #include "tests/support/SocketPair.h"
@@ -14,30 +18,42 @@ class EventManager : public LoopFixture {
 
 class EventManagerInRealTime : public LoopFixture {
   protected:
-    // Stops the loop from another thread once it runs.
-    void expectStopFromAnotherThreadToEndTheLoop() {
+    // Runs the loop until another thread, which begins when it runs, ends it.
+    std::string loopUntil(const Action& end) {
         std::atomic<bool> begun = false;
         addTimer(0, "a", [&] { begun = true; });
-        std::thread stopper([&] {
+        std::thread other([&] {
             begun.wait(false);
-            rvevm_Stop(manager);
+            end();
         });
         addTimer(0, "b", [&] { begun.notify_all(); });
-        EXPECT_EQ(loop(), "ab");
-        stopper.join();
+        const std::string called = loop();
+        other.join();
+        return called;
     }
 };
 
-TEST(EventManagerCodes, ANullManagerIsNotInitialised) {
+TEST(ManagerHandle, ThatIsNullDestroyedOrMadeUpNamesNothingForEver) {
+    rvevm_Manager manager = nullptr;
+    std::vector<rvevm_Manager> handles = {nullptr, reinterpret_cast<rvevm_Manager>(&manager)};
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(rvevm_Create(&manager), 0);
+        ASSERT_EQ(rvevm_Destroy(manager), 0);
+        handles.push_back(manager);
+    }
+    ASSERT_EQ(rvevm_Create(&manager), 0);
     rvevm_Id id = nullptr;
     const auto callback = [](void*, void*, int, void*) {};
+    for (rvevm_Manager handle : handles) {
+        EXPECT_EQ(rvevm_Destroy(handle), 10);
+        EXPECT_EQ(rvevm_MainLoop(handle), 10);
+        EXPECT_EQ(rvevm_Stop(handle), 10);
+        EXPECT_EQ(rvevm_AddTimer(handle, &id, 1, callback, nullptr), 10);
+        EXPECT_EQ(rvevm_AddIO(handle, &id, 0, RVEVM_READ, callback, nullptr), 10);
+        EXPECT_EQ(rvevm_RemoveSignal(handle, id), 10);
+    }
+    EXPECT_EQ(rvevm_Destroy(manager), 0);
     EXPECT_EQ(rvevm_Create(nullptr), 2);
-    EXPECT_EQ(rvevm_Destroy(nullptr), 10);
-    EXPECT_EQ(rvevm_MainLoop(nullptr), 10);
-    EXPECT_EQ(rvevm_Stop(nullptr), 10);
-    EXPECT_EQ(rvevm_AddTimer(nullptr, &id, 1, callback, nullptr), 10);
-    EXPECT_EQ(rvevm_AddIO(nullptr, &id, 0, RVEVM_READ, callback, nullptr), 10);
-    EXPECT_EQ(rvevm_RemoveSignal(nullptr, id), 10);
 }
 
 TEST_F(EventManager, RefusesBadTimers) {
@@ -93,42 +109,42 @@ TEST_F(EventManager, RefusesASecondLoopInsideItsOwn) {
     EXPECT_FALSE(event::isLooping(manager));
 }
 
-TEST_F(EventManager, DestroyedByATimerCallsNothingMoreAndGoesWithTheLoop) {
+TEST_F(EventManager, DestroyedByAnyCallbackCallsNothingMoreAndGoesWithTheLoop) {
     const SocketPair pair;
-    addIo(pair.near.get(), RVEVM_WRITE, "w");
-    rvevm_Manager dying = manager;
-    addTimer(0, "a", [&, dying] {
+    const Action destroy = [this] {
+        rvevm_Manager dying = manager;
         destroyInsideTheLoop();
         rvevm_Id id = nullptr;
         EXPECT_EQ(rvevm_AddTimer(dying, &id, 1, ignore, nullptr), 10);
-    });
-    addTimer(0, "b");
-    EXPECT_EQ(loop(), "a");
-}
-
-TEST(ManagerHandle, OfADestroyedManagerNamesNothingForEver) {
-    std::vector<rvevm_Manager> destroyed;
-    rvevm_Manager manager = nullptr;
-    for (int i = 0; i < 200; ++i) {
-        ASSERT_EQ(rvevm_Create(&manager), 0);
-        ASSERT_EQ(rvevm_Destroy(manager), 0);
-        destroyed.push_back(manager);
-    }
+    };
+    addTimer(0, "t", destroy);
+    addTimer(0, "never");
+    addIo(pair.near.get(), RVEVM_WRITE, "never");
+    EXPECT_EQ(loop(), "t");
     ASSERT_EQ(rvevm_Create(&manager), 0);
-    for (rvevm_Manager handle : destroyed) EXPECT_EQ(rvevm_Destroy(handle), 10);
-    EXPECT_EQ(rvevm_Stop(reinterpret_cast<rvevm_Manager>(&manager)), 10);
-    EXPECT_EQ(rvevm_Destroy(manager), 0);
+    pair.farSends("x");
+    addIo(pair.near.get(), RVEVM_READ, "r", destroy);
+    addIo(pair.near.get(), RVEVM_WRITE, "never");
+    EXPECT_EQ(loop(), "r");
+    ASSERT_EQ(rvevm_Create(&manager), 0);
+    addSignal(SIGUSR1, "1", destroy);
+    addSignal(SIGUSR2, "never");
+    addIo(pair.near.get(), RVEVM_WRITE, "never");
+    addTimer(0, "", [] {
+        for (const int signal : {SIGUSR1, SIGUSR2}) platform::raiseSignal(signal);
+    });
+    EXPECT_EQ(loop(), "1");
 }
 
-TEST_F(EventManagerInRealTime, StopFromAnotherThreadEndsASleepingLoop) {
-    expectStopFromAnotherThreadToEndTheLoop();
-}
-
-TEST_F(EventManagerInRealTime, StopFromAnotherThreadEndsAWaitForSockets) {
+TEST_F(EventManagerInRealTime, AnotherThreadOrASignalEndsEveryWait) {
     const SocketPair pair;
+    const Action stopIt = [this] { stop(); };
+    EXPECT_EQ(loopUntil(stopIt), "ab");
     addIo(pair.near.get(), RVEVM_READ, "r");
     addTimer(3'600'000, "late");
-    expectStopFromAnotherThreadToEndTheLoop();
+    EXPECT_EQ(loopUntil(stopIt), "ab");
+    addSignal(SIGUSR1, "1", stopIt);
+    EXPECT_EQ(loopUntil([] { platform::sendSignal(platform::processId(), SIGUSR1); }), "ab1");
 }
 
 TEST(SharedManager, ForgetsAManagerThatWasDestroyed) {

@@ -1,10 +1,8 @@
 #include <csignal>
 #include <utility>
 
-#include "platform/Process.h"
 #include "platform/Signals.h"
 #include "tests/rv/event/LoopFixture.h"
-#include "tests/support/SocketPair.h"
 
 namespace kvx::test {
 namespace {
@@ -33,8 +31,6 @@ class SignalEvent : public LoopFixture {
     ManualClock clock;
 };
 
-class SignalEventInRealTime : public LoopFixture {};
-
 TEST_F(SignalEvent, RefusesBadArguments) {
     EXPECT_EQ(rvevm_AddSignal(manager, nullptr, -1, nullptr, nullptr), 2);
     EXPECT_EQ(tryAdd(manager, -1), 6);
@@ -54,20 +50,14 @@ TEST_F(SignalEvent, DispatchesInAscendingOrderOnceHoweverOftenCaught) {
     EXPECT_EQ(loopFor(20), "h12");
 }
 
-TEST_F(SignalEvent, AcceptsTwentyThreeAndNeverDispatchesIt) {
+TEST_F(SignalEvent, KeepsPendingWhatAStopLeavesOverAndNeverDispatchesTwentyThree) {
     addSignal(23, "never");
     addSignal(SIGUSR1, "1", [&] { stop(); });
-    raiseInTheLoop({23, SIGUSR1});
-    EXPECT_EQ(loop(), "1");
-    EXPECT_EQ(loopFor(5'000), "");
-}
-
-TEST_F(SignalEvent, KeepsPendingWhatAStopLeavesOver) {
-    addSignal(SIGUSR1, "1", [&] { stop(); });
     addSignal(SIGUSR2, "2", [&] { stop(); });
-    raiseInTheLoop({SIGUSR2, SIGUSR1});
+    raiseInTheLoop({23, SIGUSR2, SIGUSR1});
     EXPECT_EQ(loop(), "1");
     EXPECT_EQ(loop(), "2");
+    EXPECT_EQ(loopFor(5'000), "");
 }
 
 TEST_F(SignalEvent, RemovedByAnotherCallbackIsNotCalledAndHandledByDefault) {
@@ -90,32 +80,6 @@ TEST_F(SignalEvent, BelongToOneManagerUntilItDies) {
     EXPECT_TRUE(hasDefaultHandling(SIGUSR1));
     EXPECT_EQ(tryAdd(other, SIGUSR2), 0);
     EXPECT_EQ(rvevm_Destroy(other), 0);
-}
-
-TEST_F(SignalEvent, MayDestroyTheManager) {
-    const SocketPair pair;
-    addIo(pair.near.get(), RVEVM_WRITE, "w");
-    addSignal(SIGUSR1, "1", [&] { destroyInsideTheLoop(); });
-    addSignal(SIGUSR2, "2");
-    raiseInTheLoop({SIGUSR1, SIGUSR2});
-    EXPECT_EQ(loop(), "1");
-}
-
-TEST_F(SignalEventInRealTime, EndTheWaitOfALoopAtOnce) {
-    const SocketPair pair;
-    addIo(pair.near.get(), RVEVM_READ, "r");
-    addSignal(SIGUSR1, "1", [&] { stop(); });
-    std::atomic<bool> begun = false;
-    addTimer(0, "t", [&] {
-        begun = true;
-        begun.notify_all();
-    });
-    std::thread sender([&] {
-        begun.wait(false);
-        platform::sendSignal(platform::processId(), SIGUSR1);
-    });
-    EXPECT_EQ(loop(), "t1");
-    sender.join();
 }
 
 }  // namespace
