@@ -44,19 +44,17 @@ TEST(Advisory, HasASubjectAndABodyOfItsTexts) {
 
 TEST(Advisory, RefusesWhatCannotBeOne) {
     Advisory advisory;
+    const std::string half(200, 'x');
     EXPECT_EQ(advisory.build("WARN", "SYSTEM", nullptr), 3);
     EXPECT_EQ(advisory.build("WARN", "", "X"), 3);
     EXPECT_EQ(advisory.build("A.B", "SYSTEM", "X"), 9);
     EXPECT_EQ(advisory.build("WARN", "S", std::string(485, 'x').c_str()), 3);
-    EXPECT_EQ(
-        advisory.build("WARN", "S", (std::string(200, 'x') + "." + std::string(200, 'x')).c_str()),
-        8);
-    EXPECT_EQ(rv_BuildAppAdvisory(advisory.body, sizeof advisory.body, "WARN", "SYSTEM", "X",
-                                  nullptr, advisory.subject, sizeof advisory.subject),
-              3);
-    EXPECT_EQ(rv_BuildAppAdvisory(advisory.body, sizeof advisory.body, "WARN", "APP", "X", nullptr,
-                                  advisory.subject, sizeof advisory.subject),
-              0);
+    EXPECT_EQ(advisory.build("WARN", "S", (half + "." + half).c_str()), 8);
+    for (const char* source : {"SYSTEM", "APP"}) {
+        EXPECT_EQ(rv_BuildAppAdvisory(advisory.body, sizeof advisory.body, "WARN", source, "X",
+                                      nullptr, advisory.subject, sizeof advisory.subject),
+                  source[0] == 'S' ? 3 : 0);
+    }
 }
 
 TEST(Advisory, KnowsReservedAndReportableSubjects) {

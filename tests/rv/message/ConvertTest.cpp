@@ -8,29 +8,25 @@
 
 namespace {
 
-constexpr std::uint8_t kUntouched = 0xAB;
-
-/// A conversion's code and what it left in a target of `size` bytes.
+/// A conversion's code and what it left in its target.
 template <class Value>
 struct Converted {
+    Converted(rvmsg_Type to, rvmsg_Type from, rvmsg_Size size, const void* source) {
+        std::memset(&value, 0xAB, sizeof value);
+        code = rvmsg_Convert(to, sizeof value, &value, from, size, source);
+    }
     int code;
     Value value;
 };
 
 template <class Target, class Source>
 Converted<Target> convert(rvmsg_Type to, rvmsg_Type from, Source source) {
-    Target target;
-    std::memset(&target, kUntouched, sizeof target);
-    const int code = rvmsg_Convert(to, sizeof target, &target, from, sizeof source, &source);
-    return {code, target};
+    return {to, from, sizeof source, &source};
 }
 
 template <class Target>
 Converted<Target> parse(rvmsg_Type to, const char* text, rvmsg_Size size = 0) {
-    Target target;
-    std::memset(&target, kUntouched, sizeof target);
-    const int code = rvmsg_Convert(to, sizeof target, &target, RVMSG_STRING, size, text);
-    return {code, target};
+    return {to, RVMSG_STRING, size, text};
 }
 
 // The text form, or the code as text when there is none.
@@ -43,7 +39,7 @@ std::string text(rvmsg_Type from, Source source, rvmsg_Size capacity = 64) {
 
 }  // namespace
 
-TEST(Convert, IntegersAreCutToTheTargetsWidth) {
+TEST(Convert, IntegersAreCutToTheTargetsWidthAndRealsOutOfRangeAreDefined) {
     EXPECT_EQ((convert<std::int16_t>(RVMSG_INT, RVMSG_INT, std::int32_t{0x12345678}).value),
               0x5678);
     EXPECT_EQ((convert<std::int32_t>(RVMSG_INT, RVMSG_INT, std::int8_t{-3}).value), -3);
@@ -51,24 +47,19 @@ TEST(Convert, IntegersAreCutToTheTargetsWidth) {
     EXPECT_EQ((convert<std::int32_t>(RVMSG_INT, RVMSG_REAL, -2.9).value), -2);
     EXPECT_EQ((convert<std::uint8_t>(RVMSG_BOOLEAN, RVMSG_INT, std::int16_t{256}).value), 1);
     EXPECT_EQ((convert<std::int64_t>(RVMSG_INT, RVMSG_INT, std::int32_t{1}).code), 3);
-}
-
-TEST(Convert, RealsOutOfRangeAreDefined) {
-    for (const double value : {1e300, -1e300, std::numeric_limits<double>::quiet_NaN()}) {
+    for (const double value : {1e300, -1e300, std::numeric_limits<double>::quiet_NaN()})
         EXPECT_EQ((convert<std::int32_t>(RVMSG_INT, RVMSG_REAL, value).code), 0);
-    }
 }
 
 TEST(Convert, EightByteIntegersKeepTheirOddities) {
     const std::int64_t wide = 0x0123456789ABCDEF;
     EXPECT_EQ(text(RVMSG_INT, wide, 16), "89abcdef01234567");
     EXPECT_EQ(text(RVMSG_INT, wide, 15), "code 3");
-    const auto narrow = convert<std::uint32_t>(RVMSG_INT, RVMSG_INT, wide);
-    EXPECT_EQ(narrow.code, 0);
-    EXPECT_EQ(narrow.value, 0x89ABCDEFU);
-    const auto asUnsigned = convert<std::uint32_t>(RVMSG_UINT, RVMSG_INT, wide);
-    EXPECT_EQ(asUnsigned.code, 3);
-    EXPECT_EQ(asUnsigned.value, 0x89ABCDEFU);
+    for (const rvmsg_Type to : {RVMSG_INT, RVMSG_UINT}) {
+        const auto narrow = convert<std::uint32_t>(to, RVMSG_INT, wide);
+        EXPECT_EQ(narrow.code, to == RVMSG_INT ? 0 : 3);
+        EXPECT_EQ(narrow.value, 0x89ABCDEFU);
+    }
     const auto copied = convert<std::int64_t>(RVMSG_INT, RVMSG_INT, wide);
     EXPECT_EQ(copied.code, 3);
     EXPECT_EQ(copied.value, wide);
@@ -114,13 +105,10 @@ TEST(Convert, ParsesTextsLikeAMachineWith32BitLongs) {
     EXPECT_EQ((parse<std::uint8_t>(RVMSG_BOOLEAN, "1").value), 0);
 }
 
-TEST(Convert, UnterminatedTextsAreNumbersOnlyWhenShort) {
+TEST(Convert, TakesTextsByTheirSize) {
     EXPECT_EQ((parse<std::int32_t>(RVMSG_INT, "1234", 4).value), 1234);
-    EXPECT_EQ((parse<std::int32_t>(RVMSG_INT, "12345", 5).code), 3);
+    EXPECT_EQ((parse<std::int32_t>(RVMSG_INT, "12345", 5).code), 3) << "without its zero";
     EXPECT_EQ((parse<std::int32_t>(RVMSG_INT, "12345", 2).value), 12);
-}
-
-TEST(Convert, CopiesStringsByTheirSize) {
     char target[8];
     EXPECT_EQ(rvmsg_Convert(RVMSG_STRING, 3, target, RVMSG_STRING, 0, "ab"), 0);
     EXPECT_STREQ(target, "ab");
@@ -130,20 +118,20 @@ TEST(Convert, CopiesStringsByTheirSize) {
 }
 
 TEST(Convert, DatesAreTextsOfTheCLibrary) {
-    const std::uint32_t date[] = {0, 1000000000, 0};
+    const auto toText = [](std::uint32_t high, std::uint32_t low, rvmsg_Size capacity = 26) {
+        const std::uint32_t date[] = {high, low, 0};
+        char target[32];
+        const int code = rvmsg_Convert(RVMSG_STRING, capacity, target, RVMSG_DATETIME, 12, date);
+        return code == 0 ? std::string(target) : "code " + std::to_string(code);
+    };
     const std::time_t seconds = 1000000000;
     char expected[32];
-    char target[32];
-    ctime_r(&seconds, expected);
-    EXPECT_EQ(rvmsg_Convert(RVMSG_STRING, 26, target, RVMSG_DATETIME, 12, date), 0);
-    EXPECT_STREQ(target, expected);
-    EXPECT_EQ(rvmsg_Convert(RVMSG_STRING, 25, target, RVMSG_DATETIME, 12, date), 3);
-    const std::uint32_t beforeTheEpoch[] = {255, 0xFFFFFFFF, 0};
-    EXPECT_EQ(rvmsg_Convert(RVMSG_STRING, 32, target, RVMSG_DATETIME, 12, beforeTheEpoch), 0);
-    for (const std::uint32_t high : {0U, 1U, 255U}) {
-        const std::uint32_t tooFar[] = {high, high == 255 ? 1 : 0x80000000, 0};
-        EXPECT_EQ(rvmsg_Convert(RVMSG_STRING, 32, target, RVMSG_DATETIME, 12, tooFar), 3);
-    }
+    EXPECT_EQ(toText(0, 1000000000), ctime_r(&seconds, expected));
+    EXPECT_EQ(toText(0, 1000000000, 25), "code 3");
+    EXPECT_NE(toText(255, 0xFFFFFFFF), "code 3") << "before the epoch";
+    for (const std::uint32_t high : {0U, 1U, 255U})
+        EXPECT_EQ(toText(high, high == 255 ? 1 : 0x80000000), "code 3") << "too far";
+    const std::uint32_t date[] = {0, 1000000000, 0};
     std::uint32_t copy[3] = {};
     EXPECT_EQ(rvmsg_Convert(RVMSG_DATETIME, 12, copy, RVMSG_DATETIME, 12, date), 0);
     EXPECT_EQ(copy[1], date[1]);

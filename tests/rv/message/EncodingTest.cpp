@@ -1,53 +1,67 @@
 // The wire layout, byte by byte, and the rules for adding a field.
 
+#include <cstring>
+
 #include "Bytes.h"
 #include "rv/message/rvSubject.h"
 
-TEST(Encoding, AMessageNeedsRoomForItsHeader) {
-    std::uint8_t small[7];
-    EXPECT_EQ(rvmsg_Init(small, sizeof small), 8);
-}
-
-TEST(Encoding, LaysEachTypeOutAsTheFormatSays) {
+TEST(Encoding, LaysEachTypeOutAsTheFormatSaysAndReadsItBack) {
     const std::uint32_t date[] = {255, 0x01020304, 0x0A0B0C};
     const std::int16_t negative = -2;
     const std::uint32_t word = 0x01020304;
     const std::uint64_t large = 0x0102030405060708;
     const float one = 1.0F;
+    const double two = 2.0;
     const std::uint32_t truth = 1;
     const std::uint8_t address[] = {127, 0, 0, 1};
     std::uint8_t subject[16];
-    rvSubject_FromText(subject, sizeof subject, "a.b");
+    rvSubject_FromText(subject, sizeof subject, "a.*");
+    const Buffer empty;
     const struct {
         rvmsg_Type type;
         rvmsg_Size size;
         const void* data;
         Bytes wire;
+        const char* text;
+        bool isDecoded = true;  // into a variable of the size given
     } cases[] = {
-        {RVMSG_DATETIME, 12, date, {3, 8, 1, 2, 3, 4, 255, 0x0A, 0x0B, 0x0C}},
-        {RVMSG_OPAQUE, 2, "xy", {7, 2, 'x', 'y'}},
-        {RVMSG_STRING, 0, "ab", {8, 3, 'a', 'b', 0}},
-        {RVMSG_BOOLEAN, 4, &truth, {9, 1, 1}},
-        {RVMSG_IPDATA, 4, address, {10, 4, 127, 0, 0, 1}},
-        {RVMSG_INT, 2, &negative, {11, 2, 0xFF, 0xFE}},
-        {RVMSG_UINT, 4, &word, {12, 4, 1, 2, 3, 4}},
-        {RVMSG_UINT, 8, &large, {12, 8, 1, 2, 3, 4, 5, 6, 7, 8}},
-        {RVMSG_REAL, 4, &one, {13, 4, 0x3F, 0x80, 0, 0}},
-        {RVMSG_SUBJECT, 0, subject, {2, 0x79, 0, 9, 2, 3, 'a', 0, 3, 'b', 0}},
-        {RVMSG_MSG, 0, Buffer().bytes.data(), {1, 0x7A, 0, 0, 0, 8, 0x99, 0x55, 0xEE, 0xAA}},
+        {RVMSG_DATETIME, 12, date, {3, 8, 1, 2, 3, 4, 255, 0x0A, 0x0B, 0x0C}, nullptr},
+        {RVMSG_OPAQUE, 2, "xy", {7, 2, 'x', 'y'}, "[2 opaque bytes]"},
+        {RVMSG_STRING, 0, "ab", {8, 3, 'a', 'b', 0}, "\"ab\"", false},
+        {RVMSG_BOOLEAN, 4, &truth, {9, 1, 1}, "True", false},
+        {RVMSG_IPDATA, 4, address, {10, 4, 127, 0, 0, 1}, "7f000001"},
+        {RVMSG_IPDATA, 2, address, {10, 2, 127, 0}, "7f00"},
+        {RVMSG_INT, 2, &negative, {11, 2, 0xFF, 0xFE}, "-2"},
+        {RVMSG_UINT, 4, &word, {12, 4, 1, 2, 3, 4}, "16909060"},
+        {RVMSG_UINT, 8, &large, {12, 8, 1, 2, 3, 4, 5, 6, 7, 8}, nullptr},
+        {RVMSG_REAL, 4, &one, {13, 4, 0x3F, 0x80, 0, 0}, "1"},
+        {RVMSG_REAL, 8, &two, {13, 8, 0x40, 0, 0, 0, 0, 0, 0, 0}, "2"},
+        {RVMSG_SUBJECT, 0, subject, {2, 0x79, 0, 9, 2, 3, 'a', 0, 3, '*', 0}, "[a.*]", false},
+        {RVMSG_MSG, 0, empty.bytes.data(), Bytes{1, 0x7A} + empty.message(), "{}", false},
         {RVMSG_ENCRYPTED,
          0,
          "\0\0\0\x0A\x99\x55\xEE\xBB\x08Z",
-         {32, 0x7A, 0, 0, 0, 10, 0x99, 0x55, 0xEE, 0xBB, 8, 'Z'}},
-        {5, 4, "data", {5}},
-        {1000, 4, "data", {255}},
+         {32, 0x7A, 0, 0, 0, 10, 0x99, 0x55, 0xEE, 0xBB, 8, 'Z'},
+         "[10 encrypted bytes]",
+         false},
+        {5, 4, "data", {5}, "", false},
+        {1000, 4, "data", {255}, "", false},
     };
-    const Buffer nested;
     for (const auto& expected : cases) {
+        SCOPED_TRACE(expected.type);
         Buffer buffer;
-        const void* data = expected.type == RVMSG_MSG ? nested.bytes.data() : expected.data;
-        ASSERT_EQ(buffer.append("x", expected.type, expected.size, data), 0) << expected.type;
-        EXPECT_EQ(buffer.fields(), (Bytes{2, 'x', 0} + expected.wire)) << expected.type;
+        ASSERT_EQ(buffer.append("x", expected.type, expected.size, expected.data), 0);
+        EXPECT_EQ(buffer.fields(), (Bytes{2, 'x', 0} + expected.wire));
+        if (expected.text != nullptr) {
+            EXPECT_EQ(printed(buffer.bytes.data()), "{ x=" + std::string(expected.text) + "}");
+        }
+        alignas(8) std::uint8_t scratch[16];
+        rvmsg_Size size = 0;
+        rvmsg_Data data = nullptr;
+        EXPECT_EQ(rvmsg_Get(scratch, buffer.bytes.data(), "x", nullptr, &size, &data), 0);
+        if (!expected.isDecoded) continue;
+        EXPECT_EQ(size, expected.size);
+        EXPECT_EQ(std::memcmp(data, expected.data, size), 0);
     }
 }
 
@@ -90,9 +104,7 @@ TEST(Encoding, RefusesWhatAFieldCannotHold) {
     EXPECT_EQ(Buffer().append("n", RVMSG_STRING, 0, nullptr), 3);
     Bytes noMessage(64);
     EXPECT_EQ(rvmsg_Append(noMessage.data(), 64, "n", RVMSG_STRING, 0, "x"), 1);
-}
-
-TEST(Encoding, NamesHaveAtMost99Characters) {
+    EXPECT_EQ(rvmsg_Init(noMessage.data(), 7), 8) << "no room for a header";
     EXPECT_EQ(Buffer().append(std::string(99, 'n').c_str(), "x"), 0);
     EXPECT_EQ(Buffer().append(std::string(100, 'n').c_str(), "x"), 9);
 }
@@ -110,7 +122,7 @@ TEST(Encoding, AsksForSlightlyMoreRoomThanItWrites) {
     EXPECT_EQ(Buffer(18).append("x", RVMSG_INT, 4, &value), 0);
 }
 
-TEST(Encoding, AppendsIntoANestedMessageAndKeepsWhatFollowsIt) {
+TEST(Encoding, AppendsByAPathThroughNestedMessagesAndKeepsWhatFollows) {
     Buffer inner;
     inner.append("old", "1");
     Buffer middle;
@@ -119,20 +131,37 @@ TEST(Encoding, AppendsIntoANestedMessageAndKeepsWhatFollowsIt) {
     outer.append("middle", RVMSG_MSG, 0, middle.bytes.data());
     outer.append("after", "kept");
     const rvmsg_Size before = outer.length();
-
     ASSERT_EQ(outer.append("middle.inner.new", "2"), 0);
     EXPECT_EQ(outer.length(), before + 9);
+    EXPECT_EQ(outer.append("after.b", "x"), 3);
+    EXPECT_EQ(outer.append("missing.b", "x"), 11);
+    EXPECT_EQ(outer.append((std::string(101, 'a') + ".b").c_str(), "x"), 9);
     EXPECT_EQ(printed(outer.bytes.data()), R"({ middle={ inner={ old="1" new="2"}} after="kept"})");
     EXPECT_EQ(rvmsg_Validate(outer.bytes.data(), outer.length()), 0);
-}
-
-TEST(Encoding, APathMustLeadThroughMessages) {
-    Buffer buffer;
-    buffer.append("a", "text");
-    EXPECT_EQ(buffer.append("a.b", "x"), 3);
-    EXPECT_EQ(buffer.append("missing.b", "x"), 11);
-    EXPECT_EQ(buffer.append((std::string(101, 'a') + ".b").c_str(), "x"), 9);
     Bytes cut = messageOf(fieldOf("m", Bytes{RVMSG_MSG, 0x7A} + big32(200) + big32(0x9955EEAA)));
     cut.resize(64);
     EXPECT_EQ(rvmsg_Append(cut.data(), 64, "m.b", RVMSG_STRING, 0, "x"), 3);
+}
+
+TEST(Print, PutsMessagesInBracesAndShowsWhatNoFieldHolds) {
+    const auto value = [](rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
+        return printed([=](FILE* stream) { rvmsg_Print(type, size, data, stream); });
+    };
+    const std::uint32_t number = 42;
+    Buffer inner;
+    inner.append(nullptr, RVMSG_UINT, 4, &number);
+    Buffer outer;
+    outer.append("text", "x");
+    outer.append("inner", RVMSG_MSG, 0, inner.bytes.data());
+    outer.append("odd", 5, 0, "");
+    EXPECT_EQ(printed(outer.bytes.data()), R"({ text="x" inner={ 42} odd=})");
+    EXPECT_EQ(printed(messageOf(fieldOf("i", {RVMSG_INT, 3, 1, 2, 3})).data()), "{ i=BADDATA}");
+    EXPECT_EQ(rvmsg_PrintMsg(Bytes(8).data(), stdout), 1);
+    EXPECT_EQ(value(RVMSG_BADDATA, 0, nullptr), "BADDATA");
+    EXPECT_EQ(value(RVMSG_NONE, 0, nullptr), "NONE");
+    EXPECT_EQ(value(RVMSG_OPAQUE, UINT32_MAX, "abc"), "[-1 opaque bytes]");
+    EXPECT_EQ(value(RVMSG_STRING, 3, "abcdef"), "\"abc\"");
+    EXPECT_EQ(value(RVMSG_STRING, 9, "abc\0efgh"), "\"abc\"");
+    EXPECT_EQ(value(RVMSG_STRING, 0, "abcdef"), "\"abcdef\"");
+    EXPECT_EQ(value(RVMSG_INT, 3, "abc"), "");
 }
