@@ -7,11 +7,7 @@
 namespace kvx::test {
 namespace {
 
-struct Reason {
-    unsigned category;
-    unsigned code;
-    bool operator==(const Reason&) const = default;
-};
+using Reason = std::pair<unsigned, unsigned>;  // category and code
 
 Reason reason(const RvSession& session) {
     const RvStatus status = session.status();
@@ -20,43 +16,31 @@ Reason reason(const RvSession& session) {
 
 class Creation : public ObjectTest {};
 
-TEST_F(Creation, RefusesMissingArguments) {
-    OnData data;
-    EXPECT_EQ(session->newListener(nullptr, &data, nullptr), nullptr);
-    EXPECT_EQ(reason(*session), (Reason{0, 3}));
-    EXPECT_EQ(session->newSender(nullptr), nullptr);
-    EXPECT_EQ(reason(*session), (Reason{0, 21}));
-    const std::function<void*()> withoutCallback[] = {
-        [&] { return session->newListener(kSubject, nullptr, nullptr); },
-        [&] { return session->newInbox(nullptr, nullptr); },
-        [&] { return session->newTimer(1, nullptr, nullptr); },
-        [&] { return session->newIO(0, RVEVM_READ, nullptr, nullptr); },
-        [&] { return session->newSignal(10, nullptr, nullptr); },
-    };
-    for (const auto& create : withoutCallback) {
-        const std::unique_ptr<RvSender> success(session->newSender("a"));
-        EXPECT_EQ(reason(*session), (Reason{0, 0}));
-        EXPECT_EQ(create(), nullptr);
-        EXPECT_EQ(reason(*session), (Reason{0, 3}));
-    }
-}
-
-TEST_F(Creation, PassesOnWhatTheCoreRefuses) {
+TEST_F(Creation, RefusesMissingArgumentsAndPassesOnWhatTheCoreRefuses) {
     OnData data;
     OnTimer timer;
     OnIO io;
     OnSignal signal;
-    EXPECT_EQ(session->newListener("a..b", &data, nullptr), nullptr);
-    EXPECT_EQ(reason(*session), (Reason{0, 21}));
-    EXPECT_EQ(session->newTimer(0, rv_TRUE, &timer, nullptr), nullptr);
-    EXPECT_EQ(reason(*session), (Reason{2, 7}));
-    EXPECT_EQ(session->newIO(1'000'000, RVEVM_READ, &io, nullptr), nullptr);
-    EXPECT_EQ(reason(*session), (Reason{2, 3}));
-    EXPECT_EQ(session->newSignal(24, &signal, nullptr), nullptr);
-    EXPECT_EQ(reason(*session), (Reason{2, 6}));
-    const std::unique_ptr<RvSender> sender(session->newSender("a..b"));
-    ASSERT_NE(sender, nullptr);
-    EXPECT_TRUE(sender->send(RvDatum(RVMSG_STRING, 0, "x")) == 21);
+    const std::pair<std::function<void*()>, Reason> refused[] = {
+        {[&] { return session->newListener(nullptr, &data, nullptr); }, {0, 3}},
+        {[&] { return session->newListener("a..b", &data, nullptr); }, {0, 21}},
+        {[&] { return session->newListener(kSubject, nullptr, nullptr); }, {0, 3}},
+        {[&] { return session->newInbox(nullptr, nullptr); }, {0, 3}},
+        {[&] { return session->newSender(nullptr); }, {0, 21}},
+        {[&] { return session->newTimer(1, nullptr, nullptr); }, {0, 3}},
+        {[&] { return session->newTimer(0, rv_TRUE, &timer, nullptr); }, {2, 7}},
+        {[&] { return session->newIO(0, RVEVM_READ, nullptr, nullptr); }, {0, 3}},
+        {[&] { return session->newIO(1'000'000, RVEVM_READ, &io, nullptr); }, {2, 3}},
+        {[&] { return session->newSignal(10, nullptr, nullptr); }, {0, 3}},
+        {[&] { return session->newSignal(24, &signal, nullptr); }, {2, 6}},
+    };
+    for (const auto& [create, why] : refused) {
+        const std::unique_ptr<RvSender> success(session->newSender("a..b"));
+        EXPECT_EQ(reason(*session), (Reason{0, 0}));
+        EXPECT_TRUE(success->send(RvDatum(RVMSG_STRING, 0, "x")) == 21);
+        EXPECT_EQ(create(), nullptr);
+        EXPECT_EQ(reason(*session), why);
+    }
 }
 
 // A listener that cannot have its time-out is taken back, and that must not hide the reason.

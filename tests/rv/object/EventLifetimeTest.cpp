@@ -78,12 +78,28 @@ std::string nameOf(const testing::TestParamInfo<Kind>& info) {
     return names[static_cast<int>(info.param)];
 }
 
-TEST_P(EventLifetime, DestroysItself) {
-    create(0);
-    inCallback = [this](int) { events_[0].reset(); };
-    comeDue();
-    comeDue();
-    EXPECT_EQ(calls[0], 1);
+TEST_P(EventLifetime, IsCalledOnceWhenItsCallbackDestroysWhateverIsNeeded) {
+    const std::function<void(int)> deaths[] = {
+        [this](int) { events_[0].reset(); },
+        [this](int) { callbacks_[0].reset(); },
+        [this](int) {
+            events_[0].reset();
+            session.reset();
+            callbacks_[0].reset();
+        },
+    };
+    for (const auto& death : deaths) {
+        calls[0] = 0;
+        create(0);
+        inCallback = death;
+        comeDue();
+        comeDue();
+        EXPECT_EQ(calls[0], 1);
+        if (events_[0]) {
+            EXPECT_EQ(events_[0]->callback() == nullptr, callbacks_[0] == nullptr);
+        }
+        events_[0].reset();
+    }
 }
 
 TEST_P(EventLifetime, DestroysAnotherOneThatIsDue) {
@@ -109,27 +125,6 @@ TEST_P(EventLifetime, DestroysItsSession) {
     EXPECT_EQ(events_[0]->session(), nullptr);
 }
 
-TEST_P(EventLifetime, DestroysItselfAndItsSessionAndItsCallback) {
-    create(0);
-    inCallback = [this](int) {
-        events_[0].reset();
-        session.reset();
-        callbacks_[0].reset();
-    };
-    comeDue();
-    comeDue();
-    EXPECT_EQ(calls[0], 1);
-}
-
-TEST_P(EventLifetime, DestroysItsCallbackInItsOwnCall) {
-    create(0);
-    inCallback = [this](int) { callbacks_[0].reset(); };
-    comeDue();
-    comeDue();
-    EXPECT_EQ(calls[0], 1);
-    EXPECT_EQ(events_[0]->callback(), nullptr);
-}
-
 TEST_P(EventLifetime, CallsNobodyWhenItsCallbackDiedFirst) {
     create(0);
     create(1);
@@ -139,15 +134,9 @@ TEST_P(EventLifetime, CallsNobodyWhenItsCallbackDiedFirst) {
     comeDue();
     EXPECT_EQ(calls[0], 0);
     EXPECT_GE(calls[1], 1);
-}
-
-TEST_P(EventLifetime, MayOutliveItsSessionAndItsCallback) {
-    create(0);
     session.reset();
-    callbacks_[0].reset();
+    callbacks_[1].reset();
     comeDue();
-    events_[0].reset();
-    EXPECT_EQ(calls[0], 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, EventLifetime,

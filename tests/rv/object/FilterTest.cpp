@@ -13,7 +13,16 @@ RvDatum* newText(const char* text) {
     return new RvDatum(RvDatum(RVMSG_STRING, 0, text));
 }
 
-class InboundFilter : public ObjectTest {
+class FilterTest : public ObjectTest {
+  protected:
+    std::string heard;
+    const OnData::Function hear = [this](const char*, RvSender*, const RvDatum& datum,
+                                         RvListener*) { heard += textOf(datum); };
+    std::unique_ptr<Filter> filter;
+    std::unique_ptr<RvListener> listener;
+};
+
+class InboundFilter : public FilterTest {
   protected:
     void listenThrough(Filter::Function function) {
         filter = std::make_unique<Filter>(std::move(function));
@@ -21,16 +30,10 @@ class InboundFilter : public ObjectTest {
         listener.reset(listen(*data));
         ASSERT_NE(listener, nullptr);
     }
-    std::unique_ptr<Filter> filter;
-    std::unique_ptr<RvListener> listener;
-    std::string heard;
-    std::unique_ptr<OnData> data =
-        std::make_unique<OnData>([this](const char*, RvSender*, const RvDatum& datum, RvListener*) {
-            heard += textOf(datum);
-        });
+    std::unique_ptr<OnData> data = std::make_unique<OnData>(hear);
 };
 
-class OutboundFilter : public ObjectTest {
+class OutboundFilter : public FilterTest {
   protected:
     OutboundFilter() {
         connect(daemon.text());
@@ -43,14 +46,9 @@ class OutboundFilter : public ObjectTest {
         sender.reset(session->newSender("filtered"));
     }
     Daemon daemon;
-    std::unique_ptr<Filter> filter;
     std::unique_ptr<RvSender> sender;
     std::unique_ptr<RvSession> receiver;
-    std::string heard;
-    OnData data{[this](const char*, RvSender*, const RvDatum& datum, RvListener*) {
-        heard += textOf(datum);
-    }};
-    std::unique_ptr<RvListener> listener;
+    OnData data{hear};
 };
 
 TEST_F(InboundFilter, PassesOnReplacesAndRefuses) {
@@ -69,33 +67,28 @@ TEST_F(InboundFilter, PassesOnReplacesAndRefuses) {
     EXPECT_EQ(heard, "samenewbare");
 }
 
-TEST_F(InboundFilter, MayDestroyTheListener) {
-    listenThrough([&](RvDatum*, void*) {
-        listener.reset();
-        return newText("lost");
-    });
-    deliver("x", "reply");
-    EXPECT_EQ(heard, "");
-}
-
-TEST_F(InboundFilter, MayDestroyTheSession) {
-    listenThrough([&](RvDatum* datum, void*) {
-        session.reset();
-        return datum;
-    });
-    deliver("x", "reply");
-    EXPECT_EQ(heard, "");
-}
-
-TEST_F(InboundFilter, MayDestroyTheCallbackAndItself) {
-    listenThrough([&](RvDatum* datum, void*) {
-        data.reset();
-        filter.reset();
-        return datum;
-    });
-    deliver("x", "reply");
-    EXPECT_EQ(heard, "");
-    EXPECT_EQ(listener->callback(), nullptr);
+TEST_F(InboundFilter, MayDestroyWhatItIsCalledFor) {
+    const std::function<RvDatum*(RvDatum*)> deaths[] = {
+        [this](RvDatum*) {
+            listener.reset();
+            return newText("lost");
+        },
+        [this](RvDatum* datum) {
+            data.reset();
+            filter.reset();
+            return datum;
+        },
+        [this](RvDatum* datum) {
+            session.reset();
+            return datum;
+        },
+    };
+    for (const auto& death : deaths) {
+        data = std::make_unique<OnData>(hear);
+        listenThrough([&](RvDatum* datum, void*) { return death(datum); });
+        deliver("x", "reply");
+        EXPECT_EQ(heard, "");
+    }
 }
 
 TEST_F(OutboundFilter, PassesOnReplacesAndRefuses) {
@@ -116,7 +109,7 @@ TEST_F(OutboundFilter, PassesOnReplacesAndRefuses) {
     EXPECT_EQ(heard, "originalneworiginal");
 }
 
-TEST_F(OutboundFilter, MayDestroyTheSender) {
+TEST_F(OutboundFilter, MayDestroyTheSenderAndTheSession) {
     sendThrough([&](RvDatum*, void*) {
         sender.reset();
         filter.reset();
@@ -125,9 +118,6 @@ TEST_F(OutboundFilter, MayDestroyTheSender) {
     EXPECT_TRUE(sender->send(kOriginal) == 0);
     runUntil([&] { return data.messages >= 1; });
     EXPECT_EQ(heard, "last");
-}
-
-TEST_F(OutboundFilter, MayDestroyTheSession) {
     sendThrough([&](RvDatum* datum, void*) {
         session.reset();
         return datum;
