@@ -13,40 +13,6 @@ class Bus : public SessionFixture {
     Daemon daemon_;
 };
 
-TEST_F(Bus, WhatOneSessionSendsAnotherHears) {
-    rv_Session sender = open(daemon_.text());
-    rv_Session receiver = open(daemon_.text());
-    Listening exact, wildcard, other;
-    listen(receiver, exact, "A.B");
-    listen(receiver, wildcard, "A.>");
-    listen(receiver, other, "A.C");
-    ASSERT_EQ(rv_Send(receiver, "A.C", nullptr, RVMSG_NONE, 0, nullptr), 0);
-    runUntilHeard(other, 1);  // the listens are known to the daemon
-    ASSERT_EQ(send(sender, "A.B", "hello", "ANSWERS.HERE"), 0);
-    runUntilHeard(exact, 1);
-    EXPECT_EQ(exact.heard.back(), (Heard{"A.B", "ANSWERS.HERE", "hello"}));
-    EXPECT_EQ(wildcard.subjects(), (Texts{"A.C", "A.B"}));
-    EXPECT_EQ(other.texts(), Texts{""});
-}
-
-TEST_F(Bus, ARequestIsAnsweredToItsInbox) {
-    rv_Session client = open(daemon_.text());
-    rv_Session service = open(daemon_.text());
-    Listening questions, answer;
-    questions.onHeard = [&](const Heard& question) {
-        send(service, question.reply.c_str(), "answer to " + question.text);
-    };
-    listen(service, questions, "QUESTIONS");
-    send(service, "QUESTIONS", "warm up", "NOBODY");
-    runUntilHeard(questions, 1);
-    ASSERT_EQ(rv_SendRequest(client, &answer.id, "QUESTIONS", RVMSG_STRING, 0, "why?",
-                             Listening::callback(), &answer),
-              0);
-    runUntilHeard(answer, 1);
-    EXPECT_EQ(answer.texts(), Texts{"answer to why?"});
-    EXPECT_EQ(answer.heard[0].subject, questions.heard.back().reply);
-}
-
 TEST_F(Bus, SessionNamesAndInboxesAreUnique) {
     rv_Session one = open(daemon_.text());
     rv_Session two = open(daemon_.text());

@@ -91,58 +91,36 @@ TEST_F(Handshake, ReconnectingUnderAnotherAddressKeepsTheOldInboxesReachable) {
               (Texts{"L:A", "L:_INBOX." + newName + ".>", "L:_INBOX." + oldName + ".>"}));
 }
 
-// Cancels `*closure` when it sees the first listen message.
-int cancelOther(rv_Session session, const void* /*message*/, void* closure) {
-    auto& other = *static_cast<rv_Listener*>(closure);
-    if (other != nullptr) rv_Cancel(session, std::exchange(other, nullptr));
-    return 0;
-}
-
-int refuse(rv_Session /*session*/, const void* /*message*/, void* closure) {
-    ++*static_cast<int*>(closure);
-    return 1;
-}
-
-TEST_F(Handshake, AListenHookMayCancelAListenThatIsStillToBeAnnounced) {
-    ScriptedDaemon daemon = losesTheFirstConnectionAfter(3);
-    rv_Session session = open(daemon.text());
-    Listening first, second;
-    listen(session, first, "A");
-    listen(session, second, "B");
-    rv_AddHook(session, RV_HOOK_LISTEN, cancelOther, &second.id);
-    runUntil([&] { return second.id == nullptr && rv_IsConnected(session); });
-    const std::string name = rv_SessionName(session);
-    rv_Close(session);
-    daemon.finish();
-    EXPECT_EQ(announced_, (Texts{"C:B", "L:A", "L:_INBOX." + name + ".>"}));
-}
-
-TEST_F(Handshake, AListenHookMayRefuseEveryListenMessageTheInboxesIncluded) {
-    int refused = 0;
-    ScriptedDaemon daemon = losesTheFirstConnectionAfter(2);
-    rv_Session session = open(daemon.text());
-    Listening listening;
-    listen(session, listening, "A");
-    rv_AddHook(session, RV_HOOK_LISTEN, refuse, &refused);
-    runUntil([&] { return refused == 2 && rv_IsConnected(session); });
-    rv_Close(session);
-    daemon.finish();
-    EXPECT_EQ(announced_, Texts{});
-}
-
-TEST_F(Handshake, AListenHookMayCloseTheSessionAndRefuse) {
-    ScriptedDaemon daemon = losesTheFirstConnectionAfter(2);
-    rv_Session session = open(daemon.text());
-    Listening listening;
-    listen(session, listening, "A");
-    const rv_Hook close = [](rv_Session self, const void*, void*) {
-        rv_Close(self);
-        return 1;
+TEST_F(Handshake, AListenHookMayCancelRefuseOrCloseWhileTheListensAreAnnounced) {
+    static rv_Listener second;
+    static int calls;
+    const rv_Hook hooks[] = {
+        [](rv_Session session, const void*, void*) {
+            if (++calls == 1) rv_Cancel(session, second);
+            return 0;
+        },
+        [](rv_Session, const void*, void*) { return ++calls; },
+        [](rv_Session session, const void*, void*) {
+            rv_Close(session);
+            return ++calls;
+        },
     };
-    rv_AddHook(session, RV_HOOK_LISTEN, close, nullptr);
-    runUntil([&] { return !rv_IsOpen(session); });
-    daemon.finish();
-    EXPECT_EQ(announced_, Texts{});
+    for (const rv_Hook hook : hooks) {
+        calls = 0;
+        ScriptedDaemon daemon = losesTheFirstConnectionAfter(3);
+        rv_Session session = open(daemon.text());
+        Listening listening;
+        listen(session, listening, "A");
+        rv_Listen(session, &second, "B", Listening::callback(), nullptr);
+        rv_AddHook(session, RV_HOOK_LISTEN, hook, nullptr);
+        runUntil([&] { return calls > 0; });
+        const std::string name = rv_IsOpen(session) ? rv_SessionName(session) : "";
+        rv_Close(session);
+        daemon.finish();
+        const bool cancels = hook == hooks[0];
+        EXPECT_EQ(calls, cancels ? 2 : 3);
+        EXPECT_EQ(announced_, cancels ? (Texts{"C:B", "L:A", "L:_INBOX." + name + ".>"}) : Texts{});
+    }
 }
 
 TEST_F(Handshake, AListenerIsNotCalledBeforeItsListenHasReturned) {
@@ -181,36 +159,54 @@ TEST_F(Handshake, ADaemonThatOffersVersion3IsSpokenToInVersion3) {
 }
 
 TEST_F(Handshake, DaemonsThatAnswerOtherwiseAreRefusedWithTheirCode) {
-    const auto introducedTo = [this](ScriptedDaemon::Script script) {
-        ScriptedDaemon daemon(std::move(script));
-        return codeOfOpening(daemon.text());
-    };
-    const auto answering = [&](wire::Built answer) {
-        auto shared = std::make_shared<wire::Built>(std::move(answer));
-        return introducedTo([shared](PeerLink& peer) {
+    using Script = ScriptedDaemon::Script;
+    const auto answering = [](std::function<wire::Built()> build) -> Script {
+        return [build](PeerLink& peer) {
             peer.negotiateV4();
             peer.readMessage();
-            peer.send(*shared);
+            peer.send(build());
             peer.readMessage();
-        });
+        };
     };
-    EXPECT_EQ(introducedTo([](PeerLink& peer) { peer.greet(5); }), 4) << "another version";
-    EXPECT_EQ(introducedTo([](PeerLink& peer) {
-                  peer.greet(4);
-                  peer.readGreeting();
-              }),
-              1)
-        << "version 4 fails where 3 was not offered";
-    EXPECT_EQ(introducedTo([](PeerLink& peer) {
-                  peer.negotiateV4();
-                  peer.readMessage();
-              }),
-              22)
-        << "no answer to the introduction";
-    EXPECT_EQ(answering(wire::buildErrorReply(16)), 16);
-    EXPECT_EQ(answering(wire::buildErrorReply(17)), 17);
-    EXPECT_EQ(answering(wire::buildErrorReply(0)), 17) << "no error, but no address either";
-    EXPECT_EQ(answering(wire::buildInit({})), 1) << "not a reply at all";
+    const Script silent = [](PeerLink& peer) {
+        peer.negotiateV4();
+        peer.readMessage();
+    };
+    const Script onlyVersion4 = [](PeerLink& peer) {
+        peer.greet(4);
+        peer.readGreeting();
+    };
+    const std::pair<int, Script> cases[] = {
+        {4, [](PeerLink& peer) { peer.greet(5); }},
+        {1, onlyVersion4},  // version 4 fails where 3 was not offered
+        {22, silent},
+        {16, answering([] { return wire::buildErrorReply(16); })},
+        {17, answering([] { return wire::buildErrorReply(17); })},
+        {17, answering([] { return wire::buildErrorReply(0); })},  // no error, and no address
+        {1, answering([] { return wire::buildInit({}); })},
+    };
+    for (const auto& [code, script] : cases) {
+        ScriptedDaemon daemon(script);
+        EXPECT_EQ(codeOfOpening(daemon.text()), code);
+    }
+    for (const char* text :
+         {"udp:7500", "7500", "tcp", "TCP:7500", "tcp::7500", "tcp:no-such-host.invalid:7500"})
+        EXPECT_EQ(codeOfOpening(text), 18) << text;
+}
+
+TEST_F(Handshake, AnAttemptFailsByAGreetingThatDoesNotBeginWithZeroAndFourArePausedBy2Seconds) {
+    ScriptedDaemon daemon({[](PeerLink& peer) { peer.greet(4, 1); },
+                           [](PeerLink& peer) {
+                               peer.welcome();
+                               takeUntilGoodbye(peer);
+                           }});
+    EXPECT_EQ(codeOfOpening(daemon.text()), 0);
+    closeAll();
+    daemon.finish();
+    platform::ManualClock clock;
+    const auto before = clock.now();
+    EXPECT_EQ(codeOfOpening(daemon.text()), 22);
+    EXPECT_EQ(clock.now() - before, 8'000);
 }
 
 // A session on a clock that stands, whose connections all break; what it does when is noted.
@@ -218,22 +214,17 @@ class Reconnecting : public Handshake {
   protected:
     void connectTo(ScriptedDaemon& daemon) {
         session_ = open(daemon.text());
-        const rv_Hook onLoss = [](rv_Session, const void*, void* self) {
-            ++static_cast<Reconnecting*>(self)->losses_;
-            return rvevm_Stop(static_cast<Reconnecting*>(self)->manager_);
-        };
-        const rv_Hook onReturn = [](rv_Session, const void*, void* self) {
-            ++static_cast<Reconnecting*>(self)->returns_;
-            return rvevm_Stop(static_cast<Reconnecting*>(self)->manager_);
-        };
-        rv_AddHook(session_, RV_HOOK_DISCONNECT, onLoss, this);
-        rv_AddHook(session_, RV_HOOK_RECONNECT, onReturn, this);
+        rv_AddHook(session_, RV_HOOK_DISCONNECT, count<&Reconnecting::losses_>, this);
+        rv_AddHook(session_, RV_HOOK_RECONNECT, count<&Reconnecting::returns_>, this);
     }
-    void runToLoss(int number) {
-        while (losses_ < number) rvevm_MainLoop(manager_);
+    template <int Reconnecting::*Counter>
+    static int count(rv_Session, const void*, void* closure) {
+        auto* const self = static_cast<Reconnecting*>(closure);
+        ++(self->*Counter);
+        return rvevm_Stop(self->manager_);
     }
-    void runToReturn(int number) {
-        while (returns_ < number) rvevm_MainLoop(manager_);
+    void runTo(const int& counter, int number) {
+        while (counter < number) rvevm_MainLoop(manager_);
     }
     // What is due by now happens.
     void settle() {
@@ -255,16 +246,16 @@ TEST_F(Reconnecting, AReconnectThatDoesNotLastCountsAsFailed) {
     const auto welcomeAndClose = [](PeerLink& peer) { peer.welcome(); };
     ScriptedDaemon daemon(std::vector<ScriptedDaemon::Script>(4, welcomeAndClose));
     connectTo(daemon);
-    runToReturn(1);
-    runToLoss(2);
+    runTo(returns_, 1);
+    runTo(losses_, 2);
     clock_.advance(249);
     settle();
     EXPECT_EQ(returns_, 1);
     clock_.advance(1);
-    runToReturn(2);
+    runTo(returns_, 2);
     clock_.advance(2'000);
-    runToLoss(3);
-    runToReturn(3);  // this connection had lasted: at once
+    runTo(losses_, 3);
+    runTo(returns_, 3);  // this connection had lasted: at once
 }
 
 TEST_F(Reconnecting, ALossInsideAHandshakeIsFollowedByOneReconnectOnly) {
@@ -282,40 +273,15 @@ TEST_F(Reconnecting, ALossInsideAHandshakeIsFollowedByOneReconnectOnly) {
         return 0;
     };
     rv_AddHook(session_, RV_HOOK_LISTEN, sendUntilLost, nullptr);
-    runToLoss(2);
+    runTo(losses_, 2);
     rv_RemoveHook(session_, RV_HOOK_LISTEN, sendUntilLost, nullptr);
     clock_.advance(15'000);
-    runToReturn(1);
+    runTo(returns_, 1);
     clock_.advance(15'000);
     settle();
     EXPECT_EQ(returns_, 1);
     EXPECT_EQ(losses_, 2);
     closeAll();
-}
-
-TEST_F(Handshake, FourFailedAttemptsArePausedByTwoSecondsEach) {
-    ScriptedDaemon nobody(std::vector<ScriptedDaemon::Script>{});
-    nobody.finish();
-    platform::ManualClock clock;
-    const auto before = clock.now();
-    EXPECT_EQ(codeOfOpening(nobody.text()), 22);
-    EXPECT_EQ(clock.now() - before, 8'000);
-}
-
-TEST_F(Handshake, AGreetingThatDoesNotBeginWithZeroIsAFailedAttempt) {
-    ScriptedDaemon daemon({[](PeerLink& peer) { peer.greet(4, 1); },
-                           [](PeerLink& peer) {
-                               peer.welcome();
-                               takeUntilGoodbye(peer);
-                           }});
-    EXPECT_EQ(codeOfOpening(daemon.text()), 0);
-    closeAll();
-}
-
-TEST_F(Handshake, DaemonTextsOfAnotherFormAreNotFound) {
-    for (const char* text :
-         {"udp:7500", "7500", "tcp", "TCP:7500", "tcp::7500", "tcp:no-such-host.invalid:7500"})
-        EXPECT_EQ(codeOfOpening(text), 18) << text;
 }
 
 TEST_F(Handshake, ADashMeansNoDaemonAtAll) {
