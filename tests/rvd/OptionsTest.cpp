@@ -17,17 +17,13 @@ TEST(Options, ListenAddressIsTheLoopbackUnlessAHostIsNamed) {
     }
 }
 
-TEST(Options, QueueLimitTakesSuffixes) {
-    EXPECT_EQ(parseBytes("1"), 1U);
-    EXPECT_EQ(parseBytes("4k"), 4096U);
-    EXPECT_EQ(parseBytes("64M"), 64ULL << 20U);
-    EXPECT_EQ(parseBytes("2G"), 2ULL << 30U);
-    for (const char* bad : {"", "0", "k", "4kk", "4x", "-1", "18446744073709551615k"}) {
-        EXPECT_FALSE(parseBytes(bad).has_value()) << bad;
+TEST(Options, AreSpelledWithOneDashOrTwoAndTheQueueLimitTakesSuffixes) {
+    for (const auto& [text, bytes] :
+         {std::pair{"1", 1ULL}, {"4k", 4096ULL}, {"64M", 64ULL << 20U}, {"2G", 2ULL << 30U}}) {
+        EXPECT_EQ(parseBytes(text), bytes);
     }
-}
-
-TEST(Options, AreSpelledWithOneDashOrTwo) {
+    for (const char* bad : {"", "0", "k", "4kk", "4x", "-1", "18446744073709551615k"})
+        EXPECT_FALSE(parseBytes(bad).has_value()) << bad;
     const char* line[] = {"rvd", "-listen",  "tcp:1",    "--queue-limit",
                           "8k",  "-address", "10.0.0.1", "-v"};
     const CommandLine parsed = parseCommandLine(8, line);
