@@ -13,8 +13,7 @@ Stream message(std::size_t length, std::uint8_t fill) {
     return bytes;
 }
 
-template <class Part>
-void append(Stream& stream, const Part& part) {
+void append(Stream& stream, const Stream& part) {
     stream.insert(stream.end(), part.begin(), part.end());
 }
 
@@ -28,23 +27,11 @@ void drain(FrameReader& reader, Seen& seen) {
         const bool ready = reader.ready();
         const Frame frame = reader.next();
         EXPECT_EQ(ready, frame.kind != FrameKind::None);
-        switch (frame.kind) {
-            case FrameKind::None:
-                return;
-            case FrameKind::Message:
-                seen.kinds += 'M';
-                seen.messages.emplace_back(frame.bytes.begin(), frame.bytes.end());
-                break;
-            case FrameKind::Keepalive:
-                seen.kinds += 'K';
-                break;
-            case FrameKind::Close:
-                seen.kinds += 'C';
-                return;
-            case FrameKind::Broken:
-                seen.kinds += 'B';
-                return;
-        }
+        if (frame.kind == FrameKind::None) return;
+        seen.kinds += "?MKCB"[static_cast<int>(frame.kind)];
+        if (frame.kind == FrameKind::Message)
+            seen.messages.emplace_back(frame.bytes.begin(), frame.bytes.end());
+        if (frame.kind == FrameKind::Close || frame.kind == FrameKind::Broken) return;
     }
 }
 
@@ -69,13 +56,11 @@ INSTANTIATE_TEST_SUITE_P(ByChunk, Framing, testing::Values(1, 2, 7, 8, 9, 100, 6
 
 TEST_P(Framing, CutsMessagesAndKeepalivesInOrder) {
     const std::vector<Stream> sent = {message(9, 1), message(300, 2), message(70'000, 3)};
+    const Stream keepalive(kKeepaliveBlock.begin(), kKeepaliveBlock.end());
+    const Stream close(kCloseBlock.begin(), kCloseBlock.end());
     Stream stream;
-    append(stream, sent[0]);
-    append(stream, kKeepaliveBlock);
-    append(stream, sent[1]);
-    append(stream, sent[2]);
-    append(stream, kCloseBlock);
-    append(stream, sent[0]);
+    for (const Stream& part : {sent[0], keepalive, sent[1], sent[2], close, sent[0]})
+        append(stream, part);
     const Seen seen = readIn(stream, GetParam());
     EXPECT_EQ(seen.kinds.substr(0, 5), "MKMMC");
     EXPECT_EQ(seen.messages, sent);

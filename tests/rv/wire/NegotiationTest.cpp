@@ -5,13 +5,6 @@ namespace {
 
 using Action = NegotiationStep::Action;
 
-ParameterBlock proposal(std::uint32_t firstLimit, std::uint32_t secondLimit) {
-    ParameterBlock block = daemonProposal();
-    block.firstLimit = firstLimit;
-    block.secondLimit = secondLimit;
-    return block;
-}
-
 TEST(ParameterBlock, HasItsNumbersAtTheirPlacesAndZeroElsewhere) {
     const ParameterBlock block{0x01020304, 0x05060708, -2,         0x0A0B,
                                0x0E0F,     0x10111213, 0x14151617, 0x18191A1B};
@@ -24,27 +17,26 @@ TEST(ParameterBlock, HasItsNumbersAtTheirPlacesAndZeroElsewhere) {
     EXPECT_EQ(decodeParameters(expected), block);
 }
 
-TEST(NegotiationV4, ClientAcceptsACounterProposalThatNeedsNoLowering) {
-    ParameterBlock counter = proposal(0x2000, 0x1000);
-    counter.head = kCounterPropose;
-    const auto step = clientStep(counter);
-    EXPECT_EQ(step.block.head, kAccept);
-    counter.secondLimit = 0x4000001;
-    EXPECT_EQ(clientStep(counter).block.head, kCounterPropose);
-}
-
-TEST(NegotiationV4, ClientRefusesAnotherQueueAndIgnoresUnknownCommands) {
-    ParameterBlock block = daemonProposal();
-    block.queueType = 1;
-    EXPECT_EQ(clientStep(block).action, Action::Refuse);
-    EXPECT_EQ(clientStep(block).block.head, kRefuse);
-    block = daemonProposal();
-    block.variant = 2;
-    EXPECT_EQ(clientStep(block).action, Action::Refuse);
-    block.head = 4;
-    EXPECT_EQ(clientStep(block).action, Action::Ignore);
-    block.head = kRefuse;
-    EXPECT_EQ(clientStep(block).action, Action::Failed);
+TEST(NegotiationV4, ClientAcceptsWhatNeedsNoLoweringRefusesAnotherQueueAndIgnoresUnknownCommands) {
+    const auto step = [](auto change) {
+        ParameterBlock block = daemonProposal();
+        change(block);
+        return clientStep(block);
+    };
+    const auto counter = [&](std::uint32_t limit) {
+        return step([limit](auto& b) {
+            b.head = kCounterPropose;
+            b.secondLimit = limit;
+        });
+    };
+    EXPECT_EQ(counter(0x1000).block.head, kAccept);
+    EXPECT_EQ(counter(0x4000001).block.head, kCounterPropose);
+    const auto refused = step([](auto& b) { b.queueType = 1; });
+    EXPECT_EQ(refused.action, Action::Refuse);
+    EXPECT_EQ(refused.block.head, kRefuse);
+    EXPECT_EQ(step([](auto& b) { b.variant = 2; }).action, Action::Refuse);
+    EXPECT_EQ(step([](auto& b) { b.head = 4; }).action, Action::Ignore);
+    EXPECT_EQ(step([](auto& b) { b.head = kRefuse; }).action, Action::Failed);
 }
 
 TEST(NegotiationV4, DaemonRefusesWhateverDiffersFromItsProposal) {
