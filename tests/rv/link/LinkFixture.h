@@ -33,6 +33,14 @@ class LinkFixture : public testing::Test, public link::LinkHost {
         if (queue_ != nullptr) ipq_Close(std::exchange(queue_, nullptr), false);
     }
 
+    /// Another connection for the next queue.
+    void reconnect() {
+        closeQueue();
+        peerGone_ = false;
+        pair_ = SocketPair();
+        peer_ = LinkEnd(std::move(pair_.far));
+    }
+
     void open(const wire::QueueLimits& limits = {}) {
         wire::ParameterBlock block;
         block.head = wire::kQueueType;

@@ -7,95 +7,84 @@
 namespace {
 
 using kvx::link::Added;
-using kvx::link::SegmentQueue;
-using kvx::wire::OwnedMessage;
 using kvx::wire::QueueLimits;
 
-// A message of `length` bytes filled with `mark`.
-OwnedMessage message(char mark, std::size_t length = 20) {
-    OwnedMessage made;
-    made.bytes.reset(static_cast<std::uint8_t*>(std::malloc(length)));
-    made.capacity = static_cast<std::uint32_t>(length);
-    std::memset(made.bytes.get(), mark, length);
-    kvx::storeBig32(made.bytes.get(), made.capacity);
-    return made;
-}
+// A queue of messages that are known by one character.
+struct Queue : kvx::link::SegmentQueue {
+    using SegmentQueue::SegmentQueue;
 
-// Everything that waits, as one character a message, block by block.
-std::string drain(SegmentQueue& queue) {
-    std::string marks;
-    while (!queue.empty()) {
-        const auto block = queue.unwritten();
-        for (std::size_t at = 0; at < block.size(); at += kvx::loadBig32(block.data() + at))
-            marks += static_cast<char>(block[at + 4]);
-        marks += '|';
-        queue.written(block.size());
+    Added put(char mark, std::size_t length = 20, bool front = false) {
+        kvx::wire::OwnedMessage made;
+        made.bytes.reset(static_cast<std::uint8_t*>(std::malloc(length)));
+        made.capacity = static_cast<std::uint32_t>(length);
+        std::memset(made.bytes.get(), mark, length);
+        kvx::storeBig32(made.bytes.get(), made.capacity);
+        return add(std::move(made), front);
     }
-    return marks;
-}
+    void putAll(const std::string& marks, Added expected = Added::Kept) {
+        for (const char mark : marks) EXPECT_EQ(put(mark), expected) << mark;
+    }
+    // Everything that waits, block by block.
+    std::string drain() {
+        std::string marks;
+        while (!empty()) {
+            const auto block = unwritten();
+            for (std::size_t at = 0; at < block.size(); at += kvx::loadBig32(block.data() + at))
+                marks += static_cast<char>(block[at + 4]);
+            marks += '|';
+            written(block.size());
+        }
+        return marks;
+    }
+};
 
 TEST(SegmentQueue, PacksSmallMessagesAndKeepsTheirOrder) {
-    SegmentQueue queue({}, 50);
-    for (const char mark : std::string("abcde"))
-        EXPECT_EQ(queue.add(message(mark), false), Added::Kept);
-    EXPECT_EQ(queue.add(message('L', 300), false), Added::Kept);
-    EXPECT_EQ(queue.add(message('f'), false), Added::Kept);
+    Queue queue({}, 50);
+    queue.putAll("abcde");
+    EXPECT_EQ(queue.put('L', 300), Added::Kept);
+    queue.putAll("f");
     EXPECT_EQ(queue.waitingMessages(), 7U);
     EXPECT_EQ(queue.waitingBytes(), 420U);
-    EXPECT_EQ(drain(queue), "ab|cd|e|L|f|");
+    EXPECT_EQ(queue.drain(), "ab|cd|e|L|f|");
     EXPECT_EQ(queue.waitingMessages(), 0U);
     EXPECT_EQ(queue.waitingBytes(), 0U);
-}
-
-TEST(SegmentQueue, AppendsToABlockThatIsPartlyWritten) {
-    SegmentQueue queue({}, 60);
-    ASSERT_EQ(queue.add(message('a'), false), Added::Kept);
+    queue.putAll("abc");
+    EXPECT_EQ(queue.put('x', 100, true), Added::Kept) << "into the block being written";
+    EXPECT_EQ(queue.drain(), "abx|c|");
+    queue.putAll("a");
     queue.written(7);
-    ASSERT_EQ(queue.add(message('b'), false), Added::Kept);
+    queue.putAll("b");
     EXPECT_EQ(queue.unwritten().size(), 33U);
     EXPECT_EQ(queue.unwritten()[0], 'a');
     EXPECT_EQ(queue.unwritten()[13 + 4], 'b');
 }
 
-TEST(SegmentQueue, FrontJoinsTheBlockBeingWrittenWhateverItsSize) {
-    SegmentQueue queue({}, 40);
-    for (const char mark : std::string("abc"))
-        ASSERT_EQ(queue.add(message(mark), false), Added::Kept);
-    ASSERT_EQ(queue.add(message('x', 100), true), Added::Kept);
-    EXPECT_EQ(drain(queue), "abx|c|");
-}
-
 TEST(SegmentQueue, RefusesWhatWouldExceedTheByteLimit) {
-    SegmentQueue queue(QueueLimits{.bytes = 50}, 8192);
-    EXPECT_EQ(queue.add(message('a'), false), Added::Kept);
-    EXPECT_EQ(queue.add(message('b', 30), false), Added::Kept);
-    EXPECT_EQ(queue.add(message('c', 10), false), Added::Refused);
+    Queue queue(QueueLimits{.bytes = 50}, 8192);
+    queue.putAll("a");
+    EXPECT_EQ(queue.put('b', 30), Added::Kept);
+    EXPECT_EQ(queue.put('c', 10), Added::Refused);
     queue.written(50);
-    EXPECT_EQ(queue.add(message('d'), false), Added::Kept);
-    EXPECT_EQ(drain(queue), "d|");
+    queue.putAll("d");
+    EXPECT_EQ(queue.drain(), "d|");
 }
 
-TEST(SegmentQueue, MessageLimitDropsTheOldestWaitingSegmentAndKeepsTheNewest) {
-    SegmentQueue queue(QueueLimits{.messages = 6}, 40);
-    for (const char mark : std::string("abcde"))
-        ASSERT_EQ(queue.add(message(mark), false), Added::Kept);
+TEST(SegmentQueue, MessageLimitDropsTheOldestSegmentButNeitherOneUnderWayNorTheNewest) {
+    Queue queue(QueueLimits{.messages = 6}, 40);
+    queue.putAll("abcde");
     queue.written(1);
-    EXPECT_EQ(queue.add(message('f'), false), Added::KeptOthersDropped);
+    queue.putAll("f", Added::KeptOthersDropped);
     EXPECT_EQ(queue.waitingMessages(), 4U);
     EXPECT_EQ(queue.messagesDropped(), 2U);
     queue.written(39);
-    EXPECT_EQ(drain(queue), "ef|");
-}
-
-TEST(SegmentQueue, AtTheMessageLimitABlockUnderWayAndTheNewestStay) {
-    SegmentQueue queue(QueueLimits{.messages = 2}, 40);
-    ASSERT_EQ(queue.add(message('a'), false), Added::Kept);
-    queue.written(1);
-    for (const char mark : std::string("bcdefg"))
-        EXPECT_EQ(queue.add(message(mark), false), Added::KeptOthersDropped);
-    EXPECT_LE(queue.waitingMessages(), 4U);
-    queue.written(39);
-    EXPECT_EQ(drain(queue), "g|");
+    EXPECT_EQ(queue.drain(), "ef|");
+    Queue small(QueueLimits{.messages = 2}, 40);
+    small.putAll("a");
+    small.written(1);
+    small.putAll("bcdefg", Added::KeptOthersDropped);
+    EXPECT_LE(small.waitingMessages(), 4U);
+    small.written(39);
+    EXPECT_EQ(small.drain(), "g|");
 }
 
 }  // namespace
