@@ -21,61 +21,42 @@ rvmsg_Msg nested(const RvMsg& message, const char* name) {
     return const_cast<char*>(at(message, name));
 }
 
-struct MessageCase {
-    const char* what;
-    void (*change)(RvMsg& message);
-    const char* result;
-};
+constexpr const char* kInner = R"({ in="x"})";
 
-constexpr const char* kBefore = R"({ word="name" m={ in="x"} path="m.new"})";
+using Change = void (*)(RvMsg& message);
 
-const MessageCase kMessageCases[] = {
-    {"append: the name", [](RvMsg& m) { m.append(at(m, "word"), 7); },
-     R"({ word="name" m={ in="x"} path="m.new" name=7})"},
-    {"append: the value", [](RvMsg& m) { m.append("copy", at(m, "path")); },
-     R"({ word="name" m={ in="x"} path="m.new" copy="m.new"})"},
-    {"append: name and value", [](RvMsg& m) { m.append(at(m, "word"), at(m, "word")); },
-     R"({ word="name" m={ in="x"} path="m.new" name="name"})"},
-    {"append: a path behind what moves", [](RvMsg& m) { m.append(at(m, "path"), 7); },
+// Each change and the message after it; "~" stands for the fields of before.
+const std::pair<Change, std::string> kMessageCases[] = {
+    {[](RvMsg& m) { m.append(at(m, "word"), 7); }, "{~ name=7}"},
+    {[](RvMsg& m) { m.append("copy", at(m, "path")); }, R"({~ copy="m.new"})"},
+    {[](RvMsg& m) { m.append(at(m, "word"), at(m, "word")); }, R"({~ name="name"})"},
+    // A path, and a value, behind what moves.
+    {[](RvMsg& m) { m.append(at(m, "path"), 7); },
      R"({ word="name" m={ in="x" new=7} path="m.new"})"},
-    {"append: path and value behind what moves",
-     [](RvMsg& m) { m.append(at(m, "path"), at(m, "path")); },
+    {[](RvMsg& m) { m.append(at(m, "path"), at(m, "path")); },
      R"({ word="name" m={ in="x" new="m.new"} path="m.new"})"},
-    {"append: the message itself", [](RvMsg& m) { m.append("all", m); },
-     R"({ word="name" m={ in="x"} path="m.new" all={ word="name" m={ in="x"} path="m.new"}})"},
-    {"append: the message below itself", [](RvMsg& m) { m.append(at(m, "path"), m); },
-     R"({ word="name" m={ in="x" new={ word="name" m={ in="x"} path="m.new"}} path="m.new"})"},
-    {"append: a field of a walk",
-     [](RvMsg& m) {
-         const std::unique_ptr<RvMsgIterator> fields(m.newIterator());
-         m.append(*fields->next());
-     },
-     R"({ word="name" m={ in="x"} path="m.new" word="name"})"},
-    {"assign: a nested message of a walk",
-     [](RvMsg& m) {
+    // The message in itself, and below itself.
+    {[](RvMsg& m) { m.append("all", m); }, "{~ all={~}}"},
+    {[](RvMsg& m) { m.append(at(m, "path"), m); },
+     R"({ word="name" m={ in="x" new={~}} path="m.new"})"},
+    // The fields of a walk.
+    {[](RvMsg& m) { m.append(*std::unique_ptr<RvMsgIterator>(m.newIterator())->next()); },
+     R"({~ word="name"})"},
+    {[](RvMsg& m) {
          const std::unique_ptr<RvMsgIterator> fields(m.newIterator());
          fields->next();
          m = *dynamic_cast<const RvMsg*>(fields->next());
          EXPECT_STREQ(m.name(), "m");
      },
-     R"({ in="x"})"},
-    {"assign: a wrapped nested message", [](RvMsg& m) { m = RvMsg(nested(m, "m")); },
-     R"({ in="x"})"},
-    {"assign: the message wrapped", [](RvMsg& m) { m = RvMsg(const_cast<void*>(m.data())); },
-     kBefore},
-    {"assign as a datum",
-     [](RvMsg& m) {
-         const RvDatum inner(RVMSG_MSG, 0, nested(m, "m"));
-         static_cast<RvDatum&>(m) = inner;
-     },
-     R"({ in="x"})"},
-    {"set", [](RvMsg& m) { m.set(at(m, "word"), RVMSG_MSG, 0, nested(m, "m")); }, R"({ in="x"})"},
-    {"attach", [](RvMsg& m) { EXPECT_TRUE(m.attach(nested(m, "m")) == 0); }, R"({ in="x"})"},
-    {"attach: the message",
-     [](RvMsg& m) { EXPECT_TRUE(m.attach(const_cast<void*>(m.data())) == 0); }, kBefore},
-    {"get into itself", [](RvMsg& m) { EXPECT_TRUE(m.get("m", m) == 0); }, R"({ in="x"})"},
-    {"get: the name",
-     [](RvMsg& m) {
+     kInner},
+    {[](RvMsg& m) { m = RvMsg(nested(m, "m")); }, kInner},
+    {[](RvMsg& m) { m = RvMsg(const_cast<void*>(m.data())); }, "{~}"},
+    {[](RvMsg& m) { static_cast<RvDatum&>(m) = RvDatum(RVMSG_MSG, 0, nested(m, "m")); }, kInner},
+    {[](RvMsg& m) { m.set(at(m, "word"), RVMSG_MSG, 0, nested(m, "m")); }, kInner},
+    {[](RvMsg& m) { EXPECT_TRUE(m.attach(nested(m, "m")) == 0); }, kInner},
+    {[](RvMsg& m) { EXPECT_TRUE(m.attach(const_cast<void*>(m.data())) == 0); }, "{~}"},
+    {[](RvMsg& m) { EXPECT_TRUE(m.get("m", m) == 0); }, kInner},
+    {[](RvMsg& m) {  // the name in what is found
          RvDatum found("word", RVMSG_NONE, 0, nullptr);
          EXPECT_TRUE(m.get(found.name(), found) == 0);
          EXPECT_STREQ(found.name(), "word");
@@ -83,43 +64,42 @@ const MessageCase kMessageCases[] = {
          found = owned;
          EXPECT_TRUE(m.get(static_cast<const char*>(found.data()), found).isMessage(11));
      },
-     kBefore},
+     "{~}"},
 };
 
-struct DatumCase {
-    const char* what;
-    void (*change)(RvDatum& datum);
-    const char* name;
-    const char* text;
-};
+std::string withFields(std::string text) {
+    for (auto at = text.find('~'); at != std::string::npos; at = text.find('~'))
+        text.replace(at, 1, R"( word="name" m={ in="x"} path="m.new")");
+    return text;
+}
 
 const char* text(const RvDatum& datum) {
     return static_cast<const char*>(datum.data());
 }
 
+struct DatumCase {
+    void (*change)(RvDatum& datum);
+    const char* name;
+    const char* text;
+};
+
 // The datum owns its name "name" and its data "text".
 const DatumCase kDatumCases[] = {
-    {"set: its name", [](RvDatum& d) { d.set(d.name() + 1, RVMSG_STRING, 0, "new"); }, "ame",
-     "new"},
-    {"set: its data", [](RvDatum& d) { d.set("a longer name", RVMSG_STRING, 0, text(d)); },
-     "a longer name", "text"},
-    {"set: inside its data", [](RvDatum& d) { d.set(text(d), RVMSG_STRING, 4, text(d) + 1); },
-     "text", "ext"},
-    {"set: its name as data", [](RvDatum& d) { d.set("xy", RVMSG_STRING, 0, d.name() + 1); }, "xy",
-     "ame"},
-    {"set: name and data exchanged", [](RvDatum& d) { d.set(text(d), RVMSG_STRING, 5, d.name()); },
-     "text", "name"},
-    {"assign: its data", [](RvDatum& d) { d = RvDatum("n", RVMSG_STRING, 0, text(d) + 1); }, "n",
-     "ext"},
-    {"assign: its name as data", [](RvDatum& d) { d = RvDatum("xy", RVMSG_STRING, 5, d.name()); },
-     "xy", "name"},
+    {[](RvDatum& d) { d.set(d.name() + 1, RVMSG_STRING, 0, "new"); }, "ame", "new"},
+    {[](RvDatum& d) { d.set("long name", RVMSG_STRING, 0, text(d)); }, "long name", "text"},
+    {[](RvDatum& d) { d.set(text(d), RVMSG_STRING, 4, text(d) + 1); }, "text", "ext"},
+    {[](RvDatum& d) { d.set("xy", RVMSG_STRING, 0, d.name() + 1); }, "xy", "ame"},
+    {[](RvDatum& d) { d.set(text(d), RVMSG_STRING, 5, d.name()); }, "text", "name"},
+    {[](RvDatum& d) { d = RvDatum("n", RVMSG_STRING, 0, text(d) + 1); }, "n", "ext"},
+    {[](RvDatum& d) { d = RvDatum("xy", RVMSG_STRING, 5, d.name()); }, "xy", "name"},
 };
 
 }  // namespace
 
 TEST(Alias, MessagesTakeArgumentsThatLieInThem) {
-    for (const MessageCase& step : kMessageCases) {
+    for (const auto& [change, after] : kMessageCases) {
         for (const unsigned long room : {0UL, 4096UL}) {
+            SCOPED_TRACE(after + ", room " + std::to_string(room));
             RvMsg inner;
             inner.append("in", "x");
             RvMsg source;
@@ -128,10 +108,10 @@ TEST(Alias, MessagesTakeArgumentsThatLieInThem) {
             source.append("path", "m.new");
             RvMsg message(source);  // as large as what it holds, so that it must grow
             message.reserve(room);
-            step.change(message);
-            EXPECT_EQ(printed(message.data()), step.result) << step.what << ", room " << room;
-            EXPECT_EQ(rvmsg_Validate(message.data(), message.size()), 0) << step.what;
-            EXPECT_TRUE(message.append("more", 1) == 0) << step.what;
+            change(message);
+            EXPECT_EQ(printed(message.data()), withFields(after));
+            EXPECT_EQ(rvmsg_Validate(message.data(), message.size()), 0);
+            EXPECT_TRUE(message.append("more", 1) == 0);
         }
     }
 }
@@ -141,8 +121,8 @@ TEST(Alias, DatumsTakeArgumentsThatLieInThem) {
         RvDatum datum;
         datum = RvDatum("name", RVMSG_STRING, 5, "text");
         step.change(datum);
-        EXPECT_STREQ(datum.name(), step.name) << step.what;
-        EXPECT_STREQ(text(datum), step.text) << step.what;
+        EXPECT_STREQ(datum.name(), step.name);
+        EXPECT_STREQ(text(datum), step.text);
     }
 }
 

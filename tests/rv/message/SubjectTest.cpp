@@ -23,10 +23,17 @@ bool parses(const Bytes& bytes) {
 
 }  // namespace
 
-TEST(Subject, EncodesElementsWithTheirLengths) {
-    Bytes out(12);
-    ASSERT_EQ(rvSubject_FromText(out.data(), 12, "ab.cde"), 12);
-    EXPECT_EQ(out, (Bytes{0, 12, 2, 4, 'a', 'b', 0, 5, 'c', 'd', 'e', 0}));
+TEST(Subject, EncodesElementsWithTheirLengthsAndGoesBackToText) {
+    Bytes out(13);
+    char text[64];
+    ASSERT_EQ(rvSubject_FromText(out.data(), 13, "ab.*.>"), 13);
+    EXPECT_EQ(out, (Bytes{0, 13, 3, 4, 'a', 'b', 0, 3, '*', 0, 3, '>', 0}));
+    EXPECT_STREQ(rvSubject_ToText(text, sizeof text, out.data()), "ab.*.>");
+    EXPECT_EQ(rvSubject_ToText(text, rvSubject_Length(out.data()) - 1, out.data()), nullptr);
+    EXPECT_EQ(rvSubject_Count(out.data()), 3U);
+    EXPECT_STREQ(rvSubject_Element(out.data(), 1), "ab");
+    EXPECT_STREQ(rvSubject_Element(out.data(), 3), ">");
+    for (const unsigned none : {0U, 4U}) EXPECT_EQ(rvSubject_Element(out.data(), none), nullptr);
 }
 
 TEST(Subject, FollowsTheRulesForTexts) {
@@ -39,19 +46,6 @@ TEST(Subject, FollowsTheRulesForTexts) {
     EXPECT_EQ(encode("a.b", 8), -1);
     EXPECT_EQ(encode(repeated(std::string(247, 'x'), 4), 2000), 999);
     EXPECT_EQ(encode(repeated(std::string(248, 'x'), 4), 2000), -1);
-}
-
-TEST(Subject, GoesBackToTextAndElements) {
-    std::uint8_t encoded[64];
-    char text[64];
-    rvSubject_FromText(encoded, sizeof encoded, "A.*.>");
-    EXPECT_STREQ(rvSubject_ToText(text, sizeof text, encoded), "A.*.>");
-    EXPECT_EQ(rvSubject_ToText(text, rvSubject_Length(encoded) - 1, encoded), nullptr);
-    EXPECT_EQ(rvSubject_Count(encoded), 3U);
-    EXPECT_STREQ(rvSubject_Element(encoded, 1), "A");
-    EXPECT_STREQ(rvSubject_Element(encoded, 3), ">");
-    EXPECT_EQ(rvSubject_Element(encoded, 0), nullptr);
-    EXPECT_EQ(rvSubject_Element(encoded, 4), nullptr);
 }
 
 TEST(Subject, GrowsAndShrinksAtItsEnd) {
