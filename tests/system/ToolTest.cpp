@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "tests/support/Home.h"
 #include "tests/system/Installation.h"
 
@@ -46,24 +48,19 @@ TEST_F(ToolTest, TakesOptionsOverTheConfigurationFile) {
 }
 
 TEST_F(ToolTest, TellsNonsenseFromFailure) {
-    struct Case {
-        int status;
-        std::vector<std::string> arguments;
-    };
-    for (const Case& one :
-         std::vector<Case>{{2, {}},
-                           {2, {"query"}},
-                           {2, {"listen"}},
-                           {2, {"listen", "A", "--daemon", "tcp:\"1"}},
-                           {1, {"listen", "A..B"}},
-                           {1, {"send", "A..B", "x=1"}},
-                           {1, {"request", "NOBODY", "--timeout", "0.1", "x=1"}}}) {
-        const Ended ended = bus_.kvx(one.arguments);
-        EXPECT_EQ(ended.status, one.status) << ended.output << ended.errors;
+    for (const auto& [line, status] :
+         std::map<std::string, int>{{"", 2},
+                                    {" query", 2},
+                                    {" listen", 2},
+                                    {" listen A --daemon 'tcp:\"1'", 2},
+                                    {" listen A..B", 1},
+                                    {" send A..B x=1", 1},
+                                    {" request NOBODY --timeout 0.1 x=1", 1}}) {
+        const Ended ended = bus_.shell("kvx" + line);
+        EXPECT_EQ(ended.status, status) << ended.output << ended.errors;
         EXPECT_NE(ended.errors, "");
     }
-    EXPECT_EQ(bus_.kvx({"--help"}).status, 0);
-    EXPECT_EQ(bus_.kvx({"query", "--help"}).status, 0);
+    EXPECT_EQ(bus_.shell("kvx --help && kvx query --help").status, 0);
 }
 
 TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {
