@@ -82,11 +82,15 @@ TEST(Children, ThatCannotRunAreReported) {
     }
 }
 
-TEST(Children, AreKilledWhenTheyDoNotListen) {
+TEST(Children, AreKilledWhenTheyDoNotListenAndNobodyElseIs) {
     const TemporaryDirectory directory;
-    const Started polite = startChild(shell("exec sleep 1000"));
-    EXPECT_TRUE(killAndReap(polite.pid, 60'000));
-    EXPECT_FALSE(killAndReap(polite.pid));
+    for (const auto handling : {SIG_DFL, SIG_IGN}) {  // ignored, ends leave nothing to reap
+        const auto before = std::signal(SIGCHLD, handling);
+        const Started polite = startChild(shell("exec sleep 1000"));
+        EXPECT_TRUE(killAndReap(polite.pid, 60'000));
+        EXPECT_FALSE(killAndReap(polite.pid));
+        std::signal(SIGCHLD, before);
+    }
     const Started stubborn =
         startChild(shell("trap '' TERM; echo > ready; exec sleep 1000", directory.path()));
     while (!isReadable(directory.file("ready"))) std::this_thread::yield();
@@ -95,23 +99,11 @@ TEST(Children, AreKilledWhenTheyDoNotListen) {
     const Started ended = startChild(shell("exit 0"));
     awaitEnd(ended);
     EXPECT_TRUE(killAndReap(ended.pid));
-}
-
-TEST(Children, EndForAProgramThatIgnoresTheirEnds) {
-    const auto before = std::signal(SIGCHLD, SIG_IGN);
-    const Started child = startChild(shell("exec sleep 1000"));
-    EXPECT_TRUE(killAndReap(child.pid, 60'000));
-    EXPECT_FALSE(killAndReap(child.pid));
-    std::signal(SIGCHLD, before);
-}
-
-TEST(Children, AreNotMistakenForOtherProcesses) {
-    EXPECT_FALSE(killAndReap(0));
-    EXPECT_FALSE(killAndReap(static_cast<unsigned long>(::getppid())));
-    EXPECT_FALSE(sendSignal(0, 0));
-    EXPECT_FALSE(sendSignal(~0UL, 0));
-    EXPECT_TRUE(sendSignal(processId(), 0));
     EXPECT_EQ(reap(0), std::nullopt);
+    for (const unsigned long other : {0UL, static_cast<unsigned long>(::getppid())})
+        EXPECT_FALSE(killAndReap(other));
+    for (const unsigned long pid : {0UL, ~0UL, processId()})
+        EXPECT_EQ(sendSignal(pid, 0), pid == processId());
 }
 
 TEST(Daemons, LiveInASessionOfTheirOwnAndWriteToTheLog) {
