@@ -118,15 +118,26 @@ TEST_P(PeerProtocol, RefusesOtherVersionsAndOtherFirstWords) {
     EXPECT_EQ(recorder.takeLog(), "close:bad greeting ");
 }
 
-TEST_P(PeerProtocol, ProposesAndRefusesAnotherQueue) {
-    greet(4);
-    const wire::ParameterBlock proposal = takeBlock();
-    EXPECT_EQ(proposal, (wire::ParameterBlock{2, 2, 0, 0, 1, 0, 0x4000000, 0x4000000}));
-    wire::ParameterBlock answer = proposal;
-    answer.firstLimit = 4096;
-    feed(wire::encode(answer));
-    EXPECT_EQ(takeBlock().head, wire::kRefuse);
-    EXPECT_EQ(recorder.log, "close:no agreement on the link's parameters ");
+TEST_P(PeerProtocol, ProposesAndRefusesWhateverDiffers) {
+    const std::function<void(wire::ParameterBlock&)> changes[] = {
+        [](auto& block) { block.head = wire::kPropose; },
+        [](auto& block) { block.head = wire::kRefuse; },
+        [](auto& block) { block.queueType = 3; },
+        [](auto& block) { block.variant = 0; },
+        [](auto& block) { block.firstLimit = 0x3FFFFFF; },
+        [](auto& block) { block.secondLimit = 0; },
+    };
+    for (const auto& change : changes) {
+        restart();
+        greet(4);
+        const wire::ParameterBlock proposal = takeBlock();
+        EXPECT_EQ(proposal, (wire::ParameterBlock{2, 2, 0, 0, 1, 0, 0x4000000, 0x4000000}));
+        wire::ParameterBlock answer = wire::clientStep(proposal).block;
+        change(answer);
+        feed(wire::encode(answer));
+        EXPECT_EQ(takeBlock().head, wire::kRefuse);
+        EXPECT_EQ(recorder.log, "close:no agreement on the link's parameters ");
+    }
 }
 
 TEST_P(PeerProtocol, AnswersTheFirstInitWithTheClientsAddressAndNoLaterOne) {

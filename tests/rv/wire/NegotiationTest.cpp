@@ -39,22 +39,6 @@ TEST(NegotiationV4, ClientAcceptsWhatNeedsNoLoweringRefusesAnotherQueueAndIgnore
     EXPECT_EQ(step([](auto& b) { b.head = kRefuse; }).action, Action::Failed);
 }
 
-TEST(NegotiationV4, DaemonRefusesWhateverDiffersFromItsProposal) {
-    const ParameterBlock good = clientStep(daemonProposal()).block;
-    const auto refuses = [&good](auto change) {
-        ParameterBlock block = good;
-        change(block);
-        const auto step = daemonStep(block);
-        return step.action == Action::Refuse && step.block.head == kRefuse;
-    };
-    EXPECT_TRUE(refuses([](auto& b) { b.head = kPropose; }));
-    EXPECT_TRUE(refuses([](auto& b) { b.head = kRefuse; }));
-    EXPECT_TRUE(refuses([](auto& b) { b.queueType = 3; }));
-    EXPECT_TRUE(refuses([](auto& b) { b.variant = 0; }));
-    EXPECT_TRUE(refuses([](auto& b) { b.firstLimit = 0x3FFFFFF; }));
-    EXPECT_TRUE(refuses([](auto& b) { b.secondLimit = 0; }));
-}
-
 TEST(NegotiationV3, OnlyTheClientsOwnBlockIsGranted) {
     ParameterBlock other = clientBlockV3();
     EXPECT_TRUE(agreesV3(other, daemonStepV3(other).block));
