@@ -29,19 +29,6 @@ struct Action {
     }
 };
 
-TEST_F(Life, TimersRunOnTheSessionsOwnQueueAndTheirIdsAreChecked) {
-    Action once, repeating;
-    ASSERT_EQ(rv_AddTimer(session_, &once.id, 1, Action::call, &once), 0);
-    ASSERT_EQ(rv_AddRepeatTimer(session_, &repeating.id, 1, Action::call, &repeating), 0);
-    once.act = [&] { EXPECT_EQ(rv_RemoveTimer(session_, once.id), 2) << "fired already"; };
-    runUntil([&] { return repeating.calls >= 3; });
-    EXPECT_EQ(once.calls, 1);
-    EXPECT_EQ(rv_ResetTimer(session_, repeating.id, 0), 7);
-    EXPECT_EQ(rv_RemoveTimer(session_, repeating.id), 0);
-    EXPECT_EQ(rv_ResetTimer(session_, repeating.id, 5), 2);
-    EXPECT_EQ(rv_RemoveIO(session_, &once), 2);
-}
-
 TEST_F(Life, IoEventsEndWithTheirSession) {
     const SocketPair pair;
     const auto socket = static_cast<unsigned>(pair.near.get());
