@@ -49,14 +49,14 @@ TEST(RvMsg, WritesAndReadsTypedFields) {
     EXPECT_TRUE(message.append("int", 7) == 0);
     EXPECT_EQ(text(message),
               "{ short=-2 ushort=65535 long=-2 ulong=4294967295 float=0.5 double=0.25 int=7}");
-    unsigned long value = 0;
-    unsigned short narrow = 0;
-    double real = 0;
-    EXPECT_TRUE(message.get("ulong", value) == 0 && message.get("ushort", narrow) == 0);
-    EXPECT_TRUE(message.get("float", real) == 0);
-    EXPECT_EQ(value, 4294967295UL);
-    EXPECT_EQ(narrow, 65535);
-    EXPECT_EQ(real, 0.5);
+    const auto read = [&message](const char* name, auto value) {
+        EXPECT_TRUE(message.get(name, value) == 0) << name;
+        return value;
+    };
+    EXPECT_EQ(read("ulong", 0UL), 4294967295UL);
+    EXPECT_EQ(read("ushort", static_cast<unsigned short>(0)), 65535);
+    EXPECT_EQ(read("float", 0.0), 0.5);
+    long value = 0;
     EXPECT_TRUE(message.get("missing", value).isMessage(11));
 }
 

@@ -85,23 +85,7 @@ TEST_F(Creation, WhatIsDeletedWhileItsSessionClosesIsNotCalledAnyMore) {
     EXPECT_EQ(data.messages, 0);
 }
 
-TEST_F(Creation, ReportsCodeTwoWithoutASession) {
-    RvSession none(nullptr);
-    OnData data;
-    OnTimer timer;
-    EXPECT_EQ(reason(none), (Reason{0, 2}));
-    EXPECT_EQ(none.newSender("a"), nullptr);
-    EXPECT_EQ(none.newListener("a", &data, nullptr), nullptr);
-    EXPECT_EQ(none.newTimer(1, &timer, nullptr), nullptr);
-    EXPECT_EQ(reason(none), (Reason{0, 2}));
-    EXPECT_TRUE(none.dispatch(0) == 2);
-
-    ASSERT_EQ(0, rv_Close(session->handle()));
-    EXPECT_EQ(session->newTimer(1, &timer, nullptr), nullptr);
-    EXPECT_EQ(reason(*session), (Reason{0, 2}));
-}
-
-TEST_F(Creation, ObjectsOutliveTheirSession) {
+TEST_F(Creation, ObjectsOutliveTheirSessionWhoseCodeIsTwo) {
     OnData data;
     OnTimer onTimer;
     int closure = 0;
@@ -110,8 +94,17 @@ TEST_F(Creation, ObjectsOutliveTheirSession) {
     const std::unique_ptr<RvTimer> timer(session->newTimer(1, rv_TRUE, &onTimer, nullptr));
     ASSERT_TRUE(sender && listener && timer);
     EXPECT_EQ(listener->session(), session.get());
+    ASSERT_EQ(0, rv_Close(session->handle()));
+    RvSession none(nullptr);
+    EXPECT_EQ(reason(none), (Reason{0, 2}));
+    for (RvSession* const closed : {session.get(), &none}) {
+        EXPECT_EQ(closed->newSender("a"), nullptr);
+        EXPECT_EQ(closed->newListener("a", &data, nullptr), nullptr);
+        EXPECT_EQ(closed->newTimer(1, &onTimer, nullptr), nullptr);
+        EXPECT_EQ(reason(*closed), (Reason{0, 2}));
+        EXPECT_TRUE(closed->dispatch(0) == 2);
+    }
     session.reset();
-
     EXPECT_EQ(listener->session(), nullptr);
     EXPECT_EQ(listener->closure(), &closure);
     EXPECT_EQ(listener->callback(), &data);

@@ -20,43 +20,29 @@ class EventLifetime : public ObjectTest, public testing::WithParamInterface<Kind
     }
 
     void create(int index) {
+        const auto i = static_cast<std::size_t>(index);
         const auto call = [this, index](auto*... /*event*/) {
             ++calls[index];
             if (const auto action = inCallback) action(index);
         };
-        const auto i = static_cast<std::size_t>(index);
-        switch (GetParam()) {
-            case Kind::Message:
-            case Kind::Timeout:
-                createListener(i, call);
-                break;
-            case Kind::OneShot:
-            case Kind::Repeating: {
-                auto timer = std::make_unique<OnTimer>(call);
-                const auto repeat = GetParam() == Kind::Repeating ? rv_TRUE : rv_FALSE;
-                events_[i].reset(session->newTimer(2, repeat, timer.get(), nullptr));
-                callbacks_[i] = std::move(timer);
-                break;
-            }
-            case Kind::Io: {
-                auto io = std::make_unique<OnIO>(call);
-                const auto socket = static_cast<unsigned>(sockets_[index]);
-                events_[i].reset(session->newIO(socket, RVEVM_WRITE, io.get(), nullptr));
-                callbacks_[i] = std::move(io);
-                break;
-            }
+        if (GetParam() == Kind::OneShot || GetParam() == Kind::Repeating) {
+            auto timer = std::make_unique<OnTimer>(call);
+            const auto repeat = GetParam() == Kind::Repeating ? rv_TRUE : rv_FALSE;
+            events_[i].reset(session->newTimer(2, repeat, timer.get(), nullptr));
+            callbacks_[i] = std::move(timer);
+        } else if (GetParam() == Kind::Io) {
+            auto io = std::make_unique<OnIO>(call);
+            const auto socket = static_cast<unsigned>(sockets_[index]);
+            events_[i].reset(session->newIO(socket, RVEVM_WRITE, io.get(), nullptr));
+            callbacks_[i] = std::move(io);
+        } else {
+            auto data = std::make_unique<OnData>([call](auto&&...) { call(); });
+            data->callOnTimeout = call;
+            const unsigned long timeout = GetParam() == Kind::Timeout ? 2 : 0;
+            events_[i].reset(session->newListener(kSubject, timeout, data.get(), nullptr));
+            callbacks_[i] = std::move(data);
         }
         ASSERT_NE(events_[i], nullptr);
-    }
-
-    template <class Call>
-    void createListener(std::size_t i, Call call) {
-        const bool isTimeout = GetParam() == Kind::Timeout;
-        auto data = std::make_unique<OnData>([call](const char*, RvSender*, const RvDatum&,
-                                                    RvListener* listener) { call(listener); });
-        data->callOnTimeout = call;
-        events_[i].reset(session->newListener(kSubject, isTimeout ? 2 : 0, data.get(), nullptr));
-        callbacks_[i] = std::move(data);
     }
 
     void comeDue() {

@@ -45,18 +45,15 @@ class Listening {
     std::vector<Heard> heard;
     std::function<void(const Heard&)> onHeard = [](const Heard&) {};
 
-    [[nodiscard]] Texts texts() const {
-        Texts all;
-        for (const Heard& one : heard) all.push_back(one.text);
-        return all;
-    }
-    [[nodiscard]] Texts subjects() const {
-        Texts all;
-        for (const Heard& one : heard) all.push_back(one.subject);
-        return all;
-    }
+    [[nodiscard]] Texts texts() const { return all(&Heard::text); }
+    [[nodiscard]] Texts subjects() const { return all(&Heard::subject); }
 
   private:
+    [[nodiscard]] Texts all(std::string Heard::*what) const {
+        Texts found;
+        for (const Heard& one : heard) found.push_back(one.*what);
+        return found;
+    }
     static void onData(rv_Session, const char* subject, const char* reply, rvmsg_Type type,
                        rvmsg_Size size, rvmsg_Data data, void* closure) {
         Heard heard{subject, reply == nullptr ? "" : reply, ""};
