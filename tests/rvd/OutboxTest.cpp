@@ -102,20 +102,27 @@ TEST_F(Queue, DropsTheOldestAndSaysSoAheadOfTheRest) {
     expectExact();
 }
 
-TEST_F(Queue, NeverDropsWhatIsPartlyWritten) {  // what is left of it counts
+TEST_F(Queue, NeverDropsAMessageThatIsPartlyWritten) {  // what is left of it counts
     Outbox& queue = make(3);
     queue.pushMessage(numbered(1));
     Stream out = write(5);
     for (int i = 2; i <= 6; ++i) queue.pushMessage(numbered(i));
-    std::array<wire::Bytes, 2> offered;
-    EXPECT_EQ(queue.gather(offered), 2U);  // offered, but the socket took nothing
-    queue.pushMessage(numbered(7));
-    append(out, write(sizeOfOne() - 4));  // now the notice is begun
-    for (int i = 8; i <= 9; ++i) queue.pushMessage(numbered(i));
     append(out, write());
-    EXPECT_EQ(read(out), "1 LOST:4:slow reader LOST:1:slow reader 7 8 9 ");
-    EXPECT_EQ(counters[Counter::LossNotices], 2U);
+    EXPECT_EQ(read(out), "1 LOST:3:slow reader 5 6 ");
     expectExact();
+}
+
+TEST_F(Queue, AddsUpLossesUntilTheNoticeIsBegunAndThenStartsAnew) {
+    Outbox& queue = make(2);
+    for (int i = 1; i <= 3; ++i) queue.pushMessage(numbered(i));
+    std::array<wire::Bytes, 1> offered;
+    EXPECT_EQ(queue.gather(offered), 1U);  // offered, but the socket took nothing
+    queue.pushMessage(numbered(4));
+    Stream out = write(1);  // now the notice is begun
+    queue.pushMessage(numbered(5));
+    append(out, write());
+    EXPECT_EQ(read(out), "LOST:2:slow reader LOST:1:slow reader 4 5 ");
+    EXPECT_EQ(counters[Counter::LossNotices], 2U);
 }
 
 TEST_F(Queue, KeepsAPinnedMessageAndItsBytesInPlace) {

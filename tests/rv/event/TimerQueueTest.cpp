@@ -79,7 +79,11 @@ TEST_F(TimerQueueTest, CountsARepetitionFromTheStartOfTheRun) {
 }
 
 TEST_F(TimerQueueTest, RunsWhatACallbackAddsOnlyInTheNextRun) {
-    add("a", 5, [&] { add("b", 0); });
+    rvevm_Id spent = nullptr;
+    spent = add("a", 5, [&] {
+        EXPECT_EQ(queue->remove(spent), kInvalidTimer);
+        add("b", 0);
+    });
     EXPECT_EQ(runAfter(5), "a");
     EXPECT_EQ(runAfter(0), "b");
 }
