@@ -82,22 +82,20 @@ TEST(RvDatum, ComparesTypeSizeAndBytes) {
 TEST(RvDatum, TypedReadsFillTheWholeVariable) {
     const std::int16_t minusOne = -1;
     const RvDatum datum(RVMSG_INT, 2, &minusOne);
-    long signedValue = 0;
+    long wide = 0;
     unsigned long unsignedValue = ~0UL;
     short narrow = 0;
     double real = 0;
-    EXPECT_TRUE(datum.getInt32(signedValue) == 0);
-    EXPECT_EQ(signedValue, -1L);
-    EXPECT_TRUE(datum.getUInt32(unsignedValue) == 0);
-    EXPECT_EQ(unsignedValue, 0xFFFFFFFFUL);
-    EXPECT_TRUE(datum.getInt16(narrow) == 0);
-    EXPECT_EQ(narrow, -1);
-    EXPECT_TRUE(datum.getFloat64(real) == 0);
-    EXPECT_EQ(real, -1.0);
     char text[8];
+    EXPECT_TRUE(datum.getInt32(wide) == 0 && datum.getUInt32(unsignedValue) == 0);
+    EXPECT_TRUE(datum.getInt16(narrow) == 0 && datum.getFloat64(real) == 0);
     EXPECT_TRUE(datum.getString(text, sizeof text) == 0);
+    EXPECT_EQ(wide, -1L);
+    EXPECT_EQ(unsignedValue, 0xFFFFFFFFUL);
+    EXPECT_EQ(narrow, -1);
+    EXPECT_EQ(real, -1.0);
     EXPECT_STREQ(text, "-1");
     EXPECT_TRUE(datum.getString(text, 6).isMessage(3));
-    EXPECT_TRUE(RvDatum(RVMSG_STRING, 0, "x").getInt32(signedValue).isMessage(3));
-    EXPECT_EQ(signedValue, -1L);
+    EXPECT_TRUE(RvDatum(RVMSG_STRING, 0, "x").getInt32(wide).isMessage(3));
+    EXPECT_EQ(wide, -1L);
 }

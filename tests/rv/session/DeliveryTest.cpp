@@ -75,25 +75,6 @@ TEST_F(Delivery, NestedDeliveriesWaitForTheirTurn) {
     EXPECT_EQ(order, "first outer, second outer, first nested, second nested, ");
 }
 
-TEST_F(Delivery, AListenerMayCancelItselfAndOthersAndAddOneInItsCallback) {
-    Listening self, victim, witness, added;
-    self.onHeard = [&](const Heard&) {
-        EXPECT_EQ(rv_Cancel(session_, self.id), 0);
-        EXPECT_EQ(rv_Cancel(session_, victim.id), 0);
-        EXPECT_EQ(rv_Cancel(session_, victim.id), 23);
-        listen(added, "A");
-    };
-    listen(self, "A");
-    listen(victim, "A");
-    listen(witness, "A");
-    deliver("A", "1");
-    deliver("A", "2");
-    EXPECT_EQ(self.texts(), Texts{"1"});
-    EXPECT_EQ(victim.texts(), Texts{});
-    EXPECT_EQ(witness.texts(), (Texts{"1", "2"}));
-    EXPECT_EQ(added.texts(), Texts{"2"});
-}
-
 TEST_F(Delivery, ClosingTheSessionInACallbackEndsTheDelivery) {
     int released = 0;
     rv_AddHook(
