@@ -8,8 +8,8 @@
 #include <optional>
 #include <utility>
 
-#include "platform/Memory.h"
 #include "platform/File.h"
+#include "platform/Memory.h"
 #include "platform/Text.h"
 #include "rv/session/rvSessionHooks.h"
 #include "tools/bus/Client.h"

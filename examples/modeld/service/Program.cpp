@@ -17,8 +17,8 @@
 #include "examples/modeld/service/Log.h"
 #include "examples/modeld/service/ModelService.h"
 #include "examples/modeld/service/StopWatch.h"
-#include "platform/Memory.h"
 #include "platform/File.h"
+#include "platform/Memory.h"
 #include "platform/Signals.h"
 
 namespace modeld {

@@ -10,10 +10,10 @@
 
 #include "foundation/foundation.h"
 #include "mom/base/VekCodes.h"
-#include "platform/Memory.h"
 #include "mom/base/VekTrace.h"
 #include "mom/config/ReadConfiguration.h"
 #include "mom/config/VekRvdCfgScan.h"
+#include "platform/Memory.h"
 
 // The parser object is only the place where text and values are kept. The work is done by the
 // generated grammar and scanner, whose state is one for the whole process; `parseLock` is what

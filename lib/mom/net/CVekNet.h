@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "foundation/foundation.h"
-#include "platform/Memory.h"
 #include "platform/Export.h"
+#include "platform/Memory.h"
 
 /// The root of every network object: the reply time-out and the domain that all kinds of network
 /// share, and the net's one general lock.
