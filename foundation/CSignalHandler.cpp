@@ -1,9 +1,9 @@
-// A signal sets one lock-free flag and nothing else happens in the catcher. The flags are of static
-// storage without construction or destruction, so a signal may arrive at any moment of the process.
+// The signal handler only sets one lock-free flag. The flags are in static storage and need neither
+// construction nor destruction, so a signal may arrive at any time, before `main` and after it too.
 //
-// A callback that processSignals has handed on may be run later, when its registration has long
-// been replaced or dropped. Therefore nothing that was ever added is deleted before the process
-// exits. The dispatcher itself outlives the static destructors, which may still call it.
+// A callback passed to `runHandler` may run later, after its registration was replaced or dropped.
+// So no callback that was added is deleted before the process exits. The dispatcher itself is never
+// destroyed: static destructors may still call it.
 
 #include "foundation/CSignalHandler.h"
 
@@ -121,7 +121,7 @@ void CSignalHandler::processSignals() {
             handler = m_interface;
             callback = m_callbacks[i];
         }
-        // Outside of the lock: what runs may add, stop and manage.
+        // Outside the lock: the handler may call add, stop and manage.
         if (handler != nullptr && callback != nullptr) handler->runHandler(callback);
     }
 }

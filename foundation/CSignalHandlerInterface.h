@@ -2,7 +2,7 @@
 
 #include "foundation/CCallbackBase.h"
 
-/// What a `CSignalHandler` asks of the program that handles signals.
+/// Implemented by the program whose signals a `CSignalHandler` dispatches.
 class KVX_API CSignalHandlerInterface {
   public:
     virtual ~CSignalHandlerInterface();
@@ -11,7 +11,7 @@ class KVX_API CSignalHandlerInterface {
     /// `exitCallback`, when given, ends the process.
     virtual bool registerHandler(CCallbackBase* exitCallback) = 0;
 
-    /// Called by `CSignalHandler::processSignals` for the callback of a caught signal: run it, or
-    /// have it run. `callback` stays valid until the process ends.
+    /// Called by `CSignalHandler::processSignals` for the callback of a caught signal: runs it now
+    /// or later. `callback` stays valid until the process ends.
     virtual bool runHandler(CCallbackBase* callback) = 0;
 };

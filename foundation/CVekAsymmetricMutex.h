@@ -4,8 +4,8 @@
 
 #include "platform/Export.h"
 
-/// A lock with two sides, of which each excludes everybody: holders of the other side and other
-/// holders of its own. Not recursive, see `CVekMutex`.
+/// A lock with two sides. A holder excludes all others, on either side. Not recursive, see
+/// `CVekMutex`.
 class KVX_API CVekAsymmetricMutex {
   public:
     void RAMLockLeft() { m_mutex.lock(); }

@@ -1,6 +1,6 @@
-// An atom is a kind, a length and one word. Texts and byte strings always stand in memory from
-// `malloc`, whether they were copied or taken over, so that there is one way to release them; an
-// empty text is the null pointer and costs nothing.
+// An atom is a kind, a length and one word. Texts and byte strings are always in memory from
+// `malloc`, whether copied or taken over, so that there is one way to release them; an empty text
+// is the null pointer.
 
 #include "foundation/CVekAtom.h"
 
@@ -30,7 +30,7 @@ char* copyText(std::string_view text) {
     return copy;
 }
 
-// A copy of no bytes is a buffer all the same: an empty byte string has a pointer that is not null.
+// An empty byte string has a pointer that is not null.
 unsigned char* copyBytes(const unsigned char* bytes, std::size_t length) {
     auto* copy = static_cast<unsigned char*>(allocateOrThrow(std::max<std::size_t>(length, 1)));
     if (length > 0) std::memcpy(copy, bytes, length);

@@ -12,26 +12,25 @@ enum EVekDataType { VEK_TYPE_STRING = 1, VEK_TYPE_INT = 2, VEK_TYPE_INT64 = 3, V
 
 /// A typed value: a text, an integer of 32 or 64 bits, or a byte string.
 ///
-/// An atom owns what it holds. What it is made from decides who owns that:
+/// An atom owns its value. The constructor's argument type decides whether it copies:
 ///
-/// | made from                             | the atom                                      |
+/// | argument                              | the atom                                      |
 /// |---------------------------------------|-----------------------------------------------|
-/// | `const char*`, literal, `char` array  | copies; the caller keeps what is the caller's |
-/// | `char*`                               | takes over what `malloc` gave                 |
+/// | `const char*`, literal, `char` array  | copies                                        |
+/// | `char*`                               | takes ownership (from `malloc`)               |
 /// | `const unsigned char*` or an array    | copies                                        |
-/// | `unsigned char*`                      | takes over what `malloc` gave                 |
+/// | `unsigned char*`                      | takes ownership (from `malloc`)               |
 ///
-/// So a `char*` into other memory, such as `std::string::data()`, is to be cast to `const char*`.
+/// So cast a `char*` into other memory, such as `std::string::data()`, to `const char*`.
 ///
-/// Texts and bytes that it hands out belong to it and stay valid until
-/// it is changed or dies. One atom may be read by many threads; changing it needs the caller's
-/// lock.
+/// Texts and bytes that it returns belong to it and are valid until it is changed or destroyed. Any
+/// number of threads may read one atom; changing it needs the caller's lock.
 class KVX_API CVekAtom : public kvx::HeapObject {
   public:
     /// A text. Copies `text`; null makes an empty text.
     CVekAtom(const char* text);
     /// A text. Takes ownership of `text`, a `char*`, which must come from `malloc`; null makes an
-    /// empty text. An array is no pointer: it is copied by the constructor above.
+    /// empty text. An array is copied by the constructor above.
     template <std::same_as<char*> Text>
     CVekAtom(const Text& text) : CVekAtom(TakeOver(), text) {}
     /// A text. Copies `text` up to a zero byte in it.
@@ -42,7 +41,7 @@ class KVX_API CVekAtom : public kvx::HeapObject {
     /// has length 0 and a pointer that is not null.
     CVekAtom(const unsigned char* bytes, int length);
     /// A byte string. Takes ownership of `bytes`, an `unsigned char*`, which must come from
-    /// `malloc`. Null is kept: such an atom has no bytes at all. An array is copied.
+    /// `malloc`. Null makes an atom without bytes. An array is copied.
     template <std::same_as<unsigned char*> Bytes>
     CVekAtom(const Bytes& bytes, int length) : CVekAtom(TakeOver(), bytes, length) {}
     /// Deep copy.

@@ -13,7 +13,7 @@ class KVX_API CVekAtomVector {
     /// Deep copy.
     CVekAtomVector(const CVekAtomVector& other);
     CVekAtomVector& operator=(const CVekAtomVector& other);
-    /// Deletes the atoms that the vector still holds.
+    /// Deletes the atoms.
     ~CVekAtomVector();
 
     unsigned RAVSize() const { return static_cast<unsigned>(m_atoms.size()); }
@@ -24,7 +24,7 @@ class KVX_API CVekAtomVector {
     int RAVAddToEnd(CVekAtom* atom);
     /// Reserves places for `capacity` atoms in all. Returns 1, or -220553 without memory.
     int RAVMakeSpace(unsigned capacity);
-    /// Empties the vector without deleting the atoms: they are the caller's from now on.
+    /// Empties the vector without deleting the atoms; the caller owns them.
     void RAVReset();
 
   private:

@@ -4,7 +4,7 @@
 
 #include "platform/Export.h"
 
-/// An unordered collection of untyped pointers. It deletes nothing that it holds. Not thread-safe.
+/// An unordered collection of untyped pointers. It never deletes an element. Not thread-safe.
 class KVX_API CVekBag {
   public:
     void RBAdd(void* element);

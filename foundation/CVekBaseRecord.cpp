@@ -1,7 +1,6 @@
-// The fields of a record stand in a vector in the order of their first adding. Records are small as
-// a rule (four to a dozen fields), so a name is found by looking through them; from kIndexedFrom
-// fields on a tree of positions is kept beside the vector. The encoding lives in RecordEncoder.cpp
-// and RecordDecoder.cpp.
+// The fields are in a vector, in the order in which their names were first added. Most records have
+// four to a dozen fields, so a name is found by a linear search; from kIndexedFrom fields on, a
+// tree of positions is kept as well. The encoding is in RecordEncoder.cpp and RecordDecoder.cpp.
 
 #include "foundation/CVekBaseRecord.h"
 

@@ -20,17 +20,17 @@ class KVX_API CVekBaseRecord : public CVekListable {
     CVekBaseRecord& operator=(const CVekBaseRecord& other);
     ~CVekBaseRecord() override;
 
-    /// Adds the field, or replaces the value of the field of that name at its place, and returns 1.
-    /// Takes ownership of `value`; the value that it replaces is deleted, unless it is the same
-    /// pointer. Returns -220402 when either argument is null and -220553 without memory; the record
-    /// is then as it was and takes nothing. `value` must not belong to anybody else, another field
-    /// included.
+    /// Adds the field, or replaces the value of the field of that name, and returns 1. Takes
+    /// ownership of `value`; the replaced value is deleted, unless it is the same pointer. Returns
+    /// -220402 when either argument is null and -220553 without memory; the record is then
+    /// unchanged and does not take `value`. `value` must have no other owner, such as another
+    /// field.
     int RRAddOrSetValue(const char* name, const CVekAtom* value);
 
     /// The value of the field, which the record still owns; null when absent.
     const CVekAtom* RRGetValue(const char* name) const;
 
-    /// Fields by position: null for a position outside of 0 to `RRSize()` - 1.
+    /// Fields by position; null outside 0 to `RRSize()` - 1.
     int RRSize() const { return static_cast<int>(m_fields.size()); }
     const char* RRNameAt(int position) const;
     const CVekAtom* RRValueAt(int position) const;
@@ -44,10 +44,10 @@ class KVX_API CVekBaseRecord : public CVekListable {
     /// null and 0 then.
     int ROMEncode(unsigned char** bytes, int* length) const;
 
-    /// The record that `bytes` encode: a new one that the caller owns, or null when they are no
-    /// record. Safe on any bytes: anything else than the form above, a text with a zero byte
-    /// inside, an integer that does not fit, more than 65,535 fields and bytes left over are no
-    /// record. When a name comes twice, the last value stands at the place of the first.
+    /// Decodes a record that the caller owns. Safe on any bytes. Returns null for any other form
+    /// than the above, a text with a zero byte inside, an integer that does not fit, more than
+    /// 65,535 fields, and bytes left over. When a name occurs twice, the last value takes the
+    /// position of the first.
     static CVekBaseRecord* ROMDecode(const unsigned char* bytes, int length);
 
     CVekListable* RLTargetDeepCopy(const CVekListable* source) override;
@@ -60,12 +60,12 @@ class KVX_API CVekBaseRecord : public CVekListable {
 
     // The position of the field; the number of fields when there is none.
     std::size_t find(std::string_view name) const;
-    // Takes `value` over unless it throws; the record is then as it was.
+    // Takes ownership of `value` unless it throws; the record is then unchanged.
     void set(std::string_view name, std::unique_ptr<const CVekAtom>& value);
     void indexLastField();
 
     std::vector<Field> m_fields;
-    // Positions by name; empty while the record is so small that looking through it is faster. A
-    // tree, so that no choice of names makes it slow.
+    // Positions by name; empty while a linear search is faster. A tree, so that no choice of names
+    // makes it slow.
     std::map<std::string, std::size_t, std::less<>> m_index;
 };

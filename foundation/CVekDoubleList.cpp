@@ -1,6 +1,5 @@
-// The links stand in the elements themselves, with the list that an element belongs to. So no
-// operation on a live element searches, and an element that somebody else deletes leaves no
-// dangling link behind.
+// The links, and the list that an element belongs to, are in the elements. So no operation on a
+// live element searches, and an element deleted by other code unlinks itself.
 
 #include "foundation/CVekDoubleList.h"
 

@@ -12,29 +12,29 @@ class KVX_API CVekDoubleList : public kvx::HeapObject {
     CVekDoubleList() = default;
     /// Copies every element through its `RLTargetDeepCopy`; elements that refuse are left out.
     CVekDoubleList(const CVekDoubleList& other);
-    /// The same; the old elements are deleted when all copies are made.
+    /// The same; the old elements are deleted after all copies have been made.
     CVekDoubleList& operator=(const CVekDoubleList& other);
     /// Deletes the elements, the first one first.
     virtual ~CVekDoubleList();
 
     /// Takes ownership of `element` and returns 1. Returns -220552 for null and for an element that
-    /// stands in a list already; the caller keeps it then.
+    /// is in a list already; the caller keeps it.
     int RDLAddToListEnd(CVekListable* element);
 
     /// The first element, or null.
     CVekListable* RDLHead() const { return m_head; }
 
-    /// The element behind `element`, which must stand in this list; null behind the last.
+    /// The element after `element`, which must be in this list; null after the last.
     CVekListable* RDLGetNext(const CVekListable* element) const;
 
     int RDLLength() const { return m_length; }
 
     /// Removes and deletes a live `element` and returns 1; returns -220547, and deletes nothing,
-    /// when it does not stand in this list.
+    /// when it is not in this list.
     int RDLDeleteListable(CVekListable* element);
 
-    /// The same for a pointer that may be dead: the list is searched for it (time in proportion to
-    /// the length) and `element` is not read unless it is found.
+    /// The same for a pointer that may be dangling: searches the list (linear time) and does not
+    /// dereference `element` unless it is found.
     int RDLAttemptToDeleteListable(CVekListable* element);
 
     /// Removes a live `element` without deleting it: the caller owns it again. Returns 1 or

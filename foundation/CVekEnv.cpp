@@ -1,5 +1,5 @@
-// An installed tree may be moved, so its prefix is found from where this library lies in it. Code
-// that lies elsewhere, as in a program linked statically, has the prefix that was configured.
+// An installed tree may be moved, so the prefix is derived from the path of this library. Code in
+// another place, such as a statically linked program, uses the configured prefix.
 
 #include "foundation/CVekEnv.h"
 
@@ -36,8 +36,8 @@ CVekEnv::CVekEnv()
     : m_home(homeDirectory()), m_localHost(kvx::platform::localHostName().value_or("")) {}
 
 const CVekAtom* CVekEnv::REVekHome() {
-    // One atom for each directory ever asked for, kept for good: what was handed out stays valid
-    // even under static destructors.
+    // One atom for each directory ever asked for, never deleted: results stay valid even in static
+    // destructors.
     static std::mutex mutex;
     static auto& atoms = *new std::map<std::string, CVekAtom>;
     const char* home = std::getenv("VEK_HOME");

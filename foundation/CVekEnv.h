@@ -8,7 +8,7 @@
 /// changes the process environment meanwhile.
 class KVX_API CVekEnv {
   public:
-    /// Reads the environment; later changes of it are not seen by this object.
+    /// Reads the environment once; later changes have no effect on this object.
     CVekEnv();
 
     /// The system's home directory: `$KVX_HOME`, else the installation prefix, which follows an
@@ -16,10 +16,11 @@ class KVX_API CVekEnv {
     const char* REHome() const { return m_home.c_str(); }
 
     /// The home directory of the programs: `$VEK_HOME`, else what `REHome` of a new object would
-    /// give; read at each call. The result is never to be deleted and stays valid for the process.
+    /// return; read at each call. The result must not be deleted and stays valid until the process
+    /// ends.
     static const CVekAtom* REVekHome();
 
-    /// This host's name as the system gives it; empty when it gives none. Owned by this object.
+    /// This host's name as the system reports it, else empty. Owned by this object.
     const char* RELocalHost() const { return m_localHost.c_str(); }
 
   private:

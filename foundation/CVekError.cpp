@@ -1,5 +1,5 @@
-// The catalogue of codes, and the default report: one line whatever bytes its texts hold, in one
-// write, so that the lines of several threads do not mix.
+// The catalogue of codes, and the default report: one escaped line in one write, so that the lines
+// of several threads do not mix.
 
 #include "foundation/CVekError.h"
 
@@ -75,8 +75,8 @@ std::atomic<VekErrorHandler> currentErrorHandler{&writeToStandardError};
 
 }  // namespace
 
-// A report that cannot be made must not end what is being reported on, and a handler that reports
-// an error itself must not be called for that without end.
+// A failing report must not throw into the code that reports, and a handler that itself reports an
+// error must not recurse.
 CVekError::CVekError(int code, const char* file, int line, const char* text) noexcept {
     static thread_local bool isHandling = false;
     const bool isNested = std::exchange(isHandling, true);

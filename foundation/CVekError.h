@@ -3,9 +3,9 @@
 #include "platform/Export.h"
 
 /// Receives every error report. `text` may be null. Called on the reporting thread, possibly on
-/// several threads at once. The foundation holds no lock of its own meanwhile: a handler may call
-/// anything of it, `SetHandler` included. What it reports itself is written to standard error, and
-/// what it throws goes no further than the report.
+/// several threads at once. The foundation holds no lock meanwhile: a handler may call all of it,
+/// `SetHandler` included. Errors that the handler itself reports go to standard error, and
+/// exceptions that it throws are swallowed.
 using VekErrorHandler = void (*)(int code, const char* file, int line, const char* text);
 
 /// An error report: constructing one reports it. Any thread; never throws.
@@ -15,12 +15,11 @@ class KVX_API CVekError {
     /// `text` an optional addition (null allowed).
     CVekError(int code, const char* file, int line, const char* text = nullptr) noexcept;
 
-    /// Sends all later reports to `handler` and returns the one before. Null restores the default,
-    /// which writes one line to standard error whatever the text holds (control characters and
-    /// bytes that are no UTF-8 escaped): "CVekError <code> <file>:<line> <catalogue text>[:
-    /// <text>]\n".
+    /// Sends all later reports to `handler` and returns the previous one. Null restores the
+    /// default, which writes one line to standard error (control characters and bytes that are not
+    /// UTF-8 are escaped): "CVekError <code> <file>:<line> <catalogue text>[: <text>]\n".
     static VekErrorHandler SetHandler(VekErrorHandler handler) noexcept;
 
-    /// What the catalogue says about `code`; "Unknown error" for a code that it does not have.
+    /// The catalogue text of `code`; "Unknown error" for a code that it does not have.
     static const char* CatalogueText(int code) noexcept;
 };

@@ -9,7 +9,7 @@ namespace {
 
 using kvx::PointerIndex;
 
-// A caller's guess is believed up to here; larger lists grow as they fill.
+// Upper bound of what a caller's `size` reserves; larger lists grow as they fill.
 constexpr int kMostSlotsReserved = 65'536;
 
 }  // namespace

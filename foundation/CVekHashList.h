@@ -11,21 +11,21 @@ namespace kvx {
 class PointerIndex;
 }
 
-/// A hash table of `CVekPointer`s, keyed by number or by text; number keys and text keys are two
-/// kinds that never meet. The list owns the holders, never the pointees. Lookups take constant time
-/// at any size. Not thread-safe.
+/// A hash table of `CVekPointer`s, keyed by number or by text; a number key never equals a text
+/// key. The list owns the holders, never the pointees. Lookups take constant time at any size. Not
+/// thread-safe.
 class KVX_API CVekHashList {
   public:
     /// `size` is the number of entries expected; below 1 counts as 1. The list grows past it. The
-    /// second argument is kept for callers that state it and changes nothing.
+    /// second argument is ignored.
     explicit CVekHashList(int size = 1, __boolean reserved = FALSE);
     CVekHashList(int size, bool reserved) : CVekHashList(size, reserved ? TRUE : FALSE) {}
     ~CVekHashList();
     CVekHashList(const CVekHashList&) = delete;
     CVekHashList& operator=(const CVekHashList&) = delete;
 
-    /// Takes ownership of `entry` and returns 1. Returns -220566 when the key is there already,
-    /// -220552 for a null key or entry and -220553 without memory; the caller keeps `entry` then.
+    /// Takes ownership of `entry` and returns 1. Returns -220566 when the key exists, -220552 for a
+    /// null key or entry and -220553 without memory; the caller then keeps `entry`.
     int RHLAdd(unsigned long key, CVekPointer* entry);
     int RHLAdd(const char* key, CVekPointer* entry);
 
@@ -44,7 +44,7 @@ class KVX_API CVekHashList {
 
     int RHLLength() const;
 
-    /// Number keys of any other integer type, a literal 0 among them.
+    /// Number keys of any other integer type, such as a literal 0.
     template <std::integral Number>
     int RHLAdd(Number key, CVekPointer* entry) {
         return RHLAdd(static_cast<unsigned long>(key), entry);

@@ -4,8 +4,8 @@
 
 class CVekDoubleList;
 
-/// Base of everything that can stand in a `CVekDoubleList`. An element stands in one list at a
-/// time; one that is deleted while it stands in a list leaves that list by itself.
+/// Base of the elements of a `CVekDoubleList`. An element is in at most one list; its destructor
+/// removes it from that list.
 class KVX_API CVekListable {
   public:
     virtual ~CVekListable();
@@ -16,14 +16,14 @@ class KVX_API CVekListable {
 
   protected:
     CVekListable() = default;
-    /// A copy stands in no list.
+    /// A copy is in no list.
     CVekListable(const CVekListable&) {}
     CVekListable& operator=(const CVekListable&) { return *this; }
 
   private:
     friend class CVekDoubleList;
 
-    // Where the element stands; all null while it stands in no list.
+    // The element's list and neighbours; all null while it is in no list.
     struct Place {
         CVekDoubleList* list = nullptr;
         CVekListable* previous = nullptr;

@@ -4,8 +4,8 @@
 
 #include "platform/Export.h"
 
-/// A lock that one thread holds at a time. Not recursive: code of others (a callback, an error
-/// handler, a destructor) is not to be run under it, because what it calls may come back for it.
+/// A lock that one thread holds at a time. Not recursive: do not run user code (a callback, an
+/// error handler, a destructor) under it, since that may try to lock it again.
 class KVX_API CVekMutex {
   public:
     void Lock() { m_mutex.lock(); }

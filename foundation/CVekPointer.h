@@ -7,8 +7,8 @@ namespace kvx {
 class PointerIndex;
 }
 
-/// Holder of one untyped pointer, so that anything can stand in the containers. Deleting the holder
-/// does not delete the pointee.
+/// Holder of one untyped pointer, for the containers. Deleting the holder does not delete the
+/// pointee.
 class KVX_API CVekPointer : public CVekListable, public kvx::HeapObject {
   public:
     explicit CVekPointer(void* data = nullptr) : m_data(data) {}

@@ -44,7 +44,7 @@ CVekProcessHandle CVekProcessMgr::StartProcess(const char* directory, const char
 
 bool CVekProcessMgr::KillProcess(CVekProcessHandle& handle) {
     if (handle.GetPID() == 0 || !kvx::platform::killAndReap(handle.GetPID())) return true;
-    // The system may give the number to another process now.
+    // The system may reuse the number from now on.
     handle = CVekProcessHandle();
     return false;
 }

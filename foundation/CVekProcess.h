@@ -12,7 +12,7 @@ class KVX_API CVekProcess {
     unsigned long GetPID() const;
 
     /// Flushes standard output and standard error and ends the process with `status`, without
-    /// running static destructors: threads that still run keep what they use until the end.
+    /// running static destructors, which running threads may still depend on.
     [[noreturn]] void Exit(int status);
 
   private:

@@ -2,7 +2,7 @@
 
 #include "platform/Export.h"
 
-/// Names a process that a `CVekProcessMgr` started; copyable, and of no effect when it dies.
+/// Names a process that a `CVekProcessMgr` started. Copyable; destroying it has no effect.
 class KVX_API CVekProcessHandle {
   public:
     CVekProcessHandle() = default;
@@ -20,14 +20,13 @@ class KVX_API CVekProcessMgr {
   public:
     /// Starts `program` of `directory` with the null-terminated `arguments` (the first is the
     /// program's own name) and the environment of this process. With a null or empty directory the
-    /// program is looked for as the shell does. The last two arguments are kept for callers that
-    /// state them and change nothing. A program that is missing or cannot be run gives a handle
-    /// with PID 0.
+    /// program is looked up as by a shell. The last two arguments are ignored. Returns a handle with PID
+    /// 0 when the program is missing or cannot be run.
     CVekProcessHandle StartProcess(const char* directory, const char* program,
                                    const char* const* arguments, const char* reserved1,
                                    const char* reserved2);
 
-    /// Ends the process. Returns false when it did end it, or found it ended already, and makes
-    /// `handle` name no process; returns true, and leaves the handle alone, when it could not.
+    /// Ends the process. Returns false (success) when the process was ended or had ended already,
+    /// and clears `handle`; returns true, and leaves `handle` unchanged, on failure.
     bool KillProcess(CVekProcessHandle& handle);
 };

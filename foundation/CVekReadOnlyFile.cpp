@@ -20,7 +20,7 @@ constexpr std::size_t kReadChunkBytes = std::size_t{16} << 10U;
 CVekReadOnlyFile::CVekReadOnlyFile(const char* path, bool /*reserved*/)
     : m_path(path == nullptr ? "" : path) {}
 
-// Only regular files: opening a pipe could wait for ever, and a device may have no end.
+// Only regular files: opening a pipe could block for ever, and a device may have no end.
 EVekFileResult CVekReadOnlyFile::ROFCheckAccess() const {
     std::error_code error;
     const bool isFile = std::filesystem::is_regular_file(m_path, error);

@@ -11,18 +11,18 @@ enum EVekFileResult { VEK_FILE_NO_ACCESS = -1, VEK_FILE_OK = 0 };
 /// A regular file opened for reading. Not thread-safe.
 class KVX_API CVekReadOnlyFile {
   public:
-    /// Remembers the path and opens nothing; null is a file that does not exist. The second
-    /// argument is kept for callers that state it and changes nothing.
+    /// Stores the path without opening it; null is a file that does not exist. The second argument
+    /// is ignored.
     explicit CVekReadOnlyFile(const char* path, bool reserved = false);
 
-    /// -1 (`VEK_FILE_NO_ACCESS`) when the file is missing, unreadable or no regular file.
+    /// -1 (`VEK_FILE_NO_ACCESS`) when the file is missing, unreadable or not a regular file.
     EVekFileResult ROFCheckAccess() const;
 
     /// Returns 0 when the file was opened, else -220549.
     int ROFOpen();
 
     /// The whole content as a new NUL-terminated text that the caller releases with `free`. Null
-    /// when the file is not open, cannot be read, or holds more than 64 MiB; the last is reported.
+    /// when the file is not open, cannot be read, or is larger than 64 MiB, which is also reported.
     char* ROFReadAll() const;
 
   private:

@@ -1,7 +1,7 @@
-// One recursive lock guards the queue. Whoever holds it through RSPWorkLock may still call the
-// pool's own operations, and the threads of the pool hold it only while they look for an item,
-// never while they run one. The threads take items through a function of this class alone: by the
-// time that the destructor joins them, a derived class's overrides are gone.
+// One recursive lock guards the queue. A holder through RSPWorkLock may still call the pool's
+// operations; the pool's threads hold it only while they take an item, never while they run one.
+// The threads take items through a non-virtual function: when the destructor joins them, the
+// overrides of a derived class are gone.
 
 #include "foundation/CVekServPool.h"
 

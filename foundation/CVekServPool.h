@@ -14,9 +14,9 @@
 ///
 /// The pool's one lock is recursive and is never held while an item runs, while an error is
 /// reported or while an override is called. So an item may call every operation of its pool but the
-/// destructor, and may wait for other threads that do. Only who holds the lock through
-/// `RSPWorkLock` keeps other threads waiting: the holder may call the pool, but must not wait for a
-/// thread that does, and so must not stop the threads.
+/// destructor, and may wait for other threads that do. A holder of the lock through `RSPWorkLock`
+/// may call the pool, but must not wait for another thread that does, and so must not stop the
+/// threads.
 ///
 /// The pool never deletes an item. Items that are still queued when it dies are not run: take them
 /// out first (`RSPStopThreads`, then `RSPTakeWorkDetail` until null) when they must be released.
@@ -25,7 +25,7 @@ class KVX_API CVekServPool {
     using ThreadFunction = void (*)(void* item, void* context);
 
     /// A pool of `threads` threads (none when below 1), which start with `RSPLaunchThreads`.
-    /// `context` is handed to every call of the thread function and must outlive the pool.
+    /// `context` is passed to every call of the thread function and must outlive the pool.
     CVekServPool(int threads, void* context);
     CVekServPool(const CVekServPool&) = delete;
     CVekServPool& operator=(const CVekServPool&) = delete;
@@ -33,25 +33,24 @@ class KVX_API CVekServPool {
     /// Stops the threads; see `RSPStopThreads`. Not to be called on a thread of the pool.
     virtual ~CVekServPool();
 
-    /// Queues `item` and returns 1. Returns -220552 for null, which no thread could tell from
-    /// nothing, and -220553 without memory.
+    /// Queues `item` and returns 1. Returns -220552 for null and -220553 without memory.
     virtual int RSPAddWorkDetail(void* item);
 
-    /// Takes the next item that is queued and not yet started; null when there is none. The caller
-    /// may hold the work lock.
+    /// Removes and returns the next queued item; null when the queue is empty. The caller may hold
+    /// the work lock.
     virtual void* RSPTakeWorkDetail();
 
     /// Starts the threads: each repeatedly takes the next item and calls `function` with it and the
     /// context. Returns at once. A second call, and one after `RSPStopThreads`, does nothing.
     void RSPLaunchThreads(ThreadFunction function);
 
-    /// Waits until every item that runs has finished, and ends the threads. Items that wait stay
-    /// queued. From an item it ends the other threads; the item's own ends when the pool is stopped
-    /// or destroyed by somebody else. Not to be called with the work lock held.
+    /// Waits until every running item has finished, and ends the threads. Waiting items stay
+    /// queued. Called from an item it ends the other threads; the item's own thread ends when
+    /// another thread stops or destroys the pool. Must not be called with the work lock held.
     void RSPStopThreads();
 
-    /// Hold the queue still: until the unlock no thread of the pool takes an item, and other
-    /// threads wait. The holder itself may take and add, and may lock again.
+    /// Locks the queue: until the unlock no other thread takes or adds an item. The holder may take
+    /// and add, and may lock again.
     void RSPWorkLock() { m_workLock.lock(); }
     void RSPWorkUnLock() { m_workLock.unlock(); }
 

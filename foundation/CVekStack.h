@@ -4,12 +4,11 @@
 
 #include "platform/Export.h"
 
-/// A sequence with two ends. What `RSPush` appends leaves in the order in which it came; what
-/// `RSPushBottom` puts in leaves before everything already held. The stack deletes nothing that it
-/// holds. Not thread-safe.
+/// A double-ended queue. `RSPush` appends at the back, `RSPushBottom` inserts at the front, `RSPop`
+/// takes from the front. It never deletes an element. Not thread-safe.
 class KVX_API CVekStack {
   public:
-    /// Holds at most `bound` elements; a negative bound is none.
+    /// Holds at most `bound` elements; negative for no bound.
     explicit CVekStack(int bound = -1) : m_bound(bound) {}
 
     /// Appends at the back. Returns 1, -220439 when the stack is full, or -220553 without memory.

@@ -1,5 +1,4 @@
-// The text stands in memory from `malloc` at all times, so that it can be handed over without a
-// copy.
+// The text is always in memory from `malloc`, so that it can be handed over without a copy.
 
 #include "foundation/CVekString.h"
 

@@ -18,9 +18,9 @@ class KVX_API CVekString {
     CVekString& operator=(CVekString&& other) noexcept;
     ~CVekString();
 
-    /// Appends a text, which may be this one's own, a character, or a number in decimal. Returns 1;
-    /// -220552 for a null text and for the character zero, which would end the text, and -220553
-    /// without memory, with the text unchanged.
+    /// Appends a text (which may lie in this string), a character, or a number in decimal. Returns
+    /// 1; -220552 for a null text and for a zero character, and -220553 without memory. The text is
+    /// unchanged after a failure.
     int RSStrCat(const char* text);
     int RSStrCat(char character);
     int RSStrCat(int number);

@@ -4,8 +4,7 @@
 
 #include "platform/Export.h"
 
-/// An object lock, and the identity of threads. The lock is recursive: the thread that holds it may
-/// take it again, and releases it as often as it took it.
+/// A recursive lock, and the identity of threads.
 class KVX_API CVekThread {
   public:
     void RTLock() { m_mutex.lock(); }

@@ -1,3 +1,8 @@
+// The registered items are a vector guarded by the pool's work lock. A kick appends the whole
+// vector to the pool's queue in one step, so each kick is all or nothing and its runs keep the
+// order of registration. What waits in the queue are runs, so taking one leaves the registration
+// alone.
+
 #include "foundation/CVekTimedPool.h"
 
 #include <new>
@@ -22,7 +27,8 @@ class WorkLock {
 
 CVekTimedPool::CVekTimedPool(int threads, void* context) : CVekServPool(threads, context) {}
 
-// What runs may still register items, so the threads end before the registrations go.
+// A running item may still register others, so the threads end before the registrations are
+// destroyed.
 CVekTimedPool::~CVekTimedPool() {
     RSPStopThreads();
 }

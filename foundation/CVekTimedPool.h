@@ -6,8 +6,8 @@
 
 /// A pool whose items stay registered: every kick runs each of them once more. Any thread.
 ///
-/// Kicks are never merged: a kick that comes while earlier runs still wait queues its own runs
-/// behind them. Two runs of one item may overlap when there are several threads.
+/// Kicks are never merged: a kick while earlier runs still wait queues its own runs behind them.
+/// Two runs of one item may overlap when there are several threads.
 class KVX_API CVekTimedPool : public CVekServPool {
   public:
     explicit CVekTimedPool(int threads, void* context = nullptr);
@@ -17,7 +17,7 @@ class KVX_API CVekTimedPool : public CVekServPool {
     /// memory.
     int RSPAddWorkDetail(void* item) override;
 
-    /// Takes the next run that waits, so that it will not happen; the item stays registered.
+    /// Cancels the next waiting run and returns its item, which stays registered.
     void* RSPTakeWorkDetail() override;
 
     /// Queues one run of every registered item, in the order of registration. Without memory for

@@ -1,4 +1,4 @@
-// Keys are made of texts, numbers and atoms here; PointerIndex finds the holders by them.
+// Makes keys from texts, numbers and atoms; PointerIndex finds the holders.
 
 #include "foundation/CVekTreeList.h"
 

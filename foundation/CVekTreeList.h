@@ -12,10 +12,9 @@ namespace kvx {
 class PointerIndex;
 }
 
-/// A map of `CVekPointer`s keyed by text or by number; number keys and text keys are two kinds that
-/// never meet. The list owns the holders, never the pointees. Lookups take constant time at any
-/// size; adding and removing take at most logarithmic time in the values of the key. Not
-/// thread-safe.
+/// A map of `CVekPointer`s keyed by text or by number; a number key never equals a text key. The
+/// list owns the holders, never the pointees. Lookups take constant time at any size; adding and
+/// removing take at most logarithmic time in the values of the key. Not thread-safe.
 class KVX_API CVekTreeList {
   public:
     /// With FALSE every key is unique; with TRUE a key may hold several values.
@@ -25,12 +24,12 @@ class KVX_API CVekTreeList {
     CVekTreeList(const CVekTreeList&) = delete;
     CVekTreeList& operator=(const CVekTreeList&) = delete;
 
-    /// Takes ownership of `entry` and returns 1. Returns -220566 when the key of a unique list is
-    /// there already, -220552 for a null key or entry and -220553 without memory; the caller keeps
-    /// `entry` then.
+    /// Takes ownership of `entry` and returns 1. Returns -220566 when the key of a unique list
+    /// exists, -220552 for a null key or entry and -220553 without memory; the caller then keeps
+    /// `entry`.
     int RTLAdd(const char* key, CVekPointer* entry);
     int RTLAdd(int key, CVekPointer* entry);
-    /// The same with a holder that the list makes for `value`, which may be null.
+    /// The same with a new holder of `value`, which may be null.
     int RTLAdd(const char* key, void* value);
     int RTLAdd(int key, void* value);
     int RTLAdd(const char* key, std::nullptr_t) { return RTLAdd(key, static_cast<void*>(nullptr)); }

@@ -5,9 +5,9 @@ namespace kvx {
 /// Success of every operation of the foundation and of the middleware that returns `int`.
 inline constexpr int kOk = 1;
 
-/// The codes of the system's error catalogue that the foundation returns or reports itself;
-/// `mom/base/VekCodes.h` has those of the middleware beside them.
-inline constexpr int kMissingArgument = -220402;  // an argument that must be there is not
+/// The error codes that the foundation returns or reports; those of the middleware are in
+/// `mom/base/VekCodes.h`.
+inline constexpr int kMissingArgument = -220402;  // a required argument is missing
 inline constexpr int kNotCompleted = -220439;     // the operation is not possible in this state
 inline constexpr int kInternalFailure = -220440;  // a library below, or this one, failed
 inline constexpr int kWrongAtomType = -220532;    // the atom holds another type of value

@@ -7,11 +7,11 @@
 
 namespace kvx {
 
-/// Gives a class its own `operator new` and `operator delete`, so that objects which travel between
-/// libraries are always returned to the allocator that they came from. Any thread.
+/// Gives a class its own `operator new` and `operator delete`, so that objects passed between
+/// libraries are always freed by the allocator that they came from. Any thread.
 class KVX_API HeapObject {
   public:
-    /// Throws `std::bad_alloc` when there is no memory; the `nothrow` form gives null.
+    /// Throws `std::bad_alloc` without memory; the `nothrow` form returns null.
     static void* operator new(std::size_t size);
     static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
     static void* operator new(std::size_t, void* place) noexcept { return place; }

@@ -1,10 +1,10 @@
-// The holders stand in one list in the order of their adding; beside it a hash table gives the
-// places of each key in that list. So an iteration is in the order of adding, and a removal leaves
-// the order of the others alone, whatever the hash of a key is. A slot is never empty.
+// All holders are in one list, in the order of adding; a hash table maps each key to its positions
+// in that list. So iteration is in the order of adding, and a removal does not reorder the others.
+// A slot of the table is never empty.
 //
-// Where many values share a key, one of them is found in an ordered set of (key, pointee or holder,
-// number). Most lists never need it, so it is made at the first such removal. A pointee may be
-// changed behind our back; its holder sets `isPointeeChanged_`, and the set is made anew.
+// One of many values of a key is found in an ordered set of (key, pointee or holder, number). Few
+// lists need it, so it is built at the first such removal. When a pointee is changed through its
+// holder, the holder sets `isPointeeChanged_` and the set is rebuilt.
 
 #include "foundation/PointerIndex.h"
 

@@ -16,13 +16,13 @@
 
 namespace kvx {
 
-/// What the hash list and the tree list share: holders by key, and the order in which they came.
-/// Owns the holders. Finding takes constant time at any size; adding and removing take at most
-/// logarithmic time in the values of the key, but for the first removal of one of many values after
-/// a pointee was changed with `RPSetData`, which looks at every value.
+/// Shared by the hash list and the tree list: holders by key, in the order of adding. Owns the
+/// holders. Finding takes constant time at any size; adding and removing take at most logarithmic
+/// time in the values of the key, except the first removal of one of many values after a pointee
+/// was changed with `RPSetData`, which is linear.
 class PointerIndex {
   public:
-    /// A key as callers have it: a number or a text, which must outlive the call.
+    /// A number or a text; the text must outlive the call.
     struct KeyView {
         bool isText;
         unsigned long number;
@@ -35,16 +35,15 @@ class PointerIndex {
     PointerIndex(const PointerIndex&) = delete;
     PointerIndex& operator=(const PointerIndex&) = delete;
 
-    /// Takes ownership of `holder` and returns 1, or gives the code of what is wrong and takes
-    /// nothing.
+    /// Takes ownership of `holder` and returns 1, or returns an error code and does not take it.
     int add(KeyView key, CVekPointer* holder);
 
     /// The first holder under `key`, or null.
     CVekPointer* first(KeyView key) const;
     std::size_t count(KeyView key) const;
 
-    /// Deletes the holders under `key`, or the first of them that is `value` or points to it. 1, or
-    /// -220547 when there is none.
+    /// Deletes all holders under `key`, or the first one that is `value` or points to it. Returns
+    /// 1, or -220547 when there is none.
     int removeAll(KeyView key);
     int removeOne(KeyView key, const void* value);
 
@@ -73,12 +72,12 @@ class PointerIndex {
     // The holders of one key by the number of their adding.
     using Places = std::map<std::uint64_t, Order::iterator>;
     using Slots = std::unordered_map<StoredKey, Places, Hash, Equal>;
-    // A key's place by what a caller may name it with, the pointee or the holder.
+    // A position by the pointee or the holder, by either of which a caller may name it.
     using Named = std::tuple<const Places*, const void*, std::uint64_t>;
 
-    // Where in `places` the first holder that is `value` or points to it stands.
+    // The first position in `places` whose holder is `value` or points to it.
     Places::iterator placeOf(Places& places, const void* value);
-    // Makes `named_` complete; false when there is no memory for it.
+    // Makes `named_` complete; false without memory.
     bool nameAll();
     void name(const Places& places, std::uint64_t number, const CVekPointer& holder);
     void forgetNames();
@@ -87,7 +86,7 @@ class PointerIndex {
     std::uint64_t added_ = 0;
     Order order_;
     Slots slots_;
-    // Made when one of many values is removed for the first time; complete while `isNamed_`.
+    // Built when one of many values is first removed; complete while `isNamed_`.
     std::set<Named> named_;
     bool isNamed_ = false;
     bool isPointeeChanged_ = false;

@@ -1,8 +1,7 @@
 // A reader of the one shape that a record has: an array of [name, value] pairs. A general
 // MessagePack parser reports a positive number without its width, and so cannot tell a 64-bit atom
-// from a 32-bit one; it would also build trees that this shape does not need. Nothing here
-// recurses, no length is believed beyond the bytes that remain, and every step that goes wrong is
-// final.
+// from a 32-bit one; it would also build trees that this shape does not need. Nothing recurses, no
+// length is trusted beyond the remaining bytes, and the first error is final.
 
 #include "foundation/RecordDecoder.h"
 
@@ -102,7 +101,7 @@ std::string_view RecordDecoder::text() {
     return {};
 }
 
-// Names and texts are C strings in the record, so a zero byte inside would lose what follows it.
+// Names and texts are C strings in the record, so a zero byte inside would cut them short.
 std::string_view RecordDecoder::textOfLength(std::uint64_t length) {
     const auto taken = bytes(length);
     const std::string_view text(reinterpret_cast<const char*>(taken.data()), taken.size());

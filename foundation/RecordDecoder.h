@@ -25,15 +25,14 @@ class RecordDecoder {
     /// How many fields the rest can hold at most; never more than the bytes that remain allow.
     std::size_t fieldsAhead() const { return fieldsAhead_; }
 
-    /// The next field; nothing behind the last one, and nothing once something was wrong.
+    /// The next field; nothing after the last one, and nothing after an error.
     std::optional<Field> next();
 
     /// True when all fields were read and no byte was left over.
     bool isComplete() const { return !failed_ && fieldsAhead_ == 0 && rest_.empty(); }
 
   private:
-    // Each reads one item at the front of what remains, or sets failed_ and gives something
-    // harmless.
+    // Each reads one item at the front of the rest, or sets failed_ and returns an empty value.
     std::uint64_t number(std::size_t width);
     std::span<const unsigned char> bytes(std::uint64_t length);
     std::size_t arrayLength();

@@ -1,5 +1,4 @@
-// The packer writes into the buffer that will be handed out: no tree of values is built, and
-// nothing is copied a second time.
+// The packer writes straight into the result buffer: no tree of values, no second copy.
 
 #include "foundation/RecordEncoder.h"
 

@@ -9,24 +9,24 @@
 
 namespace kvx {
 
-/// More fields than this are no record, so that what a peer sends costs memory in proportion.
+/// A record has at most this many fields, which bounds the memory that a peer's bytes can cost.
 inline constexpr std::size_t kMostRecordFields = 65'535;
 
 /// Writes the encoding of one record straight into one growing buffer. Throws `std::bad_alloc`.
 class RecordEncoder {
   public:
-    /// Begins a record of `fields` fields, all of which must be added before `finish`, whose names
-    /// and values are `bytes` long together: a guess too low costs a growth, no more.
+    /// Begins a record of exactly `fields` fields, all added before `finish`. `bytes` is an
+    /// estimate of the length of all names and values together; too low only costs a reallocation.
     RecordEncoder(std::size_t fields, std::size_t bytes);
 
     void add(const std::string& name, const CVekAtom& value);
 
-    /// Hands the `malloc`ed buffer to the caller. False, with nothing handed over, when it is
-    /// longer than an `int` can say.
+    /// Hands the `malloc`ed buffer to the caller. False, with nothing handed over, when its length
+    /// exceeds `INT_MAX`.
     [[nodiscard]] bool finish(unsigned char** bytes, int* length);
 
   private:
-    // A stream in the packer's sense, on memory from `malloc`.
+    // An output stream for the packer, on memory from `malloc`.
     class Buffer {
       public:
         explicit Buffer(std::size_t capacity) { growTo(capacity); }

@@ -45,7 +45,7 @@ void* CVekStack::RSPop() {
 
 namespace {
 
-// A caller's guess is believed up to here; larger stores grow as they fill.
+// Upper bound of what a caller's `size` reserves; larger stores grow as they fill.
 constexpr int kMostNodesReserved = 65'536;
 
 }  // namespace

@@ -19,8 +19,8 @@ char* VekGetBinaryName(unsigned long pid) {
     return name ? strdup(name->c_str()) : nullptr;
 }
 
-// Counted rather than asked of the system, which gives the number of a dead thread to a new one: an
-// answer that was meant for the dead one would reach the wrong thread.
+// A counter, not the system's thread id: the system reuses the id of a dead thread, and an answer
+// meant for the dead thread would reach the new one.
 unsigned CVekThread::RTId() {
     static std::atomic<unsigned> threads{0};
     static thread_local const unsigned id = ++threads;

@@ -1,8 +1,8 @@
-// The monotonic clock and its two seams.
+// The monotonic clock and its two test hooks.
 //
-// Everything that measures time asks `monotonicMs`. It looks for a manual clock first, then reads
-// the system's monotonic clock, and once that has failed reads the wall clock for the rest of the
-// process's life: going back and forth between two clocks would let timers jump twice.
+// All time measurement uses `monotonicMs`. It returns a manual clock's time if there is one, else
+// the system's monotonic clock. Once that has failed it reads the wall clock until the process
+// ends: switching back would make timers jump twice.
 
 #include "platform/Clock.h"
 

@@ -11,9 +11,9 @@ namespace kvx::platform {
 /// `monotonicMs`.
 using Milliseconds = std::int64_t;
 
-/// The clock that timers, time-outs and intervals live by: milliseconds of the system's monotonic
-/// clock. When that clock cannot be read it is replaced, for good, by the wall clock. While a
-/// `ManualClock` lives, its time is returned instead. Any thread, and safe in a signal handler.
+/// The clock of timers, time-outs and intervals: milliseconds of the system's monotonic clock. When
+/// that clock cannot be read, the wall clock replaces it until the process ends. While a
+/// `ManualClock` exists, returns its time. Any thread; safe in a signal handler.
 [[nodiscard]] KVX_API Milliseconds monotonicMs() noexcept;
 
 /// Seconds since the epoch, from the wall clock. A `ManualClock` does not change it. Any thread.
@@ -23,21 +23,21 @@ using Milliseconds = std::int64_t;
 /// thread.
 [[nodiscard]] KVX_API std::int64_t wallMilliseconds() noexcept;
 
-/// Suspends the calling thread for `duration` (nothing when it is not positive). Signals do not
-/// shorten it. Under a `ManualClock` whose waits advance, the clock is stepped and the call returns
-/// at once. Any thread.
+/// Suspends the calling thread for `duration`; returns at once when it is not positive. Signals do
+/// not shorten it. With a `ManualClock` whose waits advance, steps the clock and returns at once.
+/// Any thread.
 KVX_API void sleepMs(Milliseconds duration) noexcept;
 
-/// Replaces the process's monotonic clock while it lives, so that a test steps time by hand.
+/// Replaces the process's monotonic clock while it exists, so that a test steps time by hand.
 ///
-/// One at a time. Constructing and destroying it is for the test's main thread while no other
-/// thread reads the clock; stepping it is for any thread.
+/// At most one exists. Construct and destroy it on the test's main thread while no other thread
+/// reads the clock; any thread may step it.
 class KVX_API ManualClock {
   public:
-    /// What becomes of a wait with a time-out (`sleepMs`, `waitSocket`, `PollSet::wait`).
+    /// How a wait with a time-out (`sleepMs`, `waitSocket`, `PollSet::wait`) behaves.
     enum class Waits {
         /// When nothing is ready the clock is stepped by the time-out and the wait ends as timed
-        /// out, at once. Time passes exactly as fast as the program under test waits for it.
+        /// out, at once.
         Advance,
         /// The wait blocks in real time, as without a manual clock; only `advance` steps the clock.
         Block,
@@ -67,8 +67,8 @@ class KVX_API ManualClock {
 /// Reads a clock into `now`; false when it cannot be read.
 using ClockReader = bool (*)(Milliseconds& now);
 
-/// Replaces the reader of the monotonic clock, so that a test can make it fail, and forgets that an
-/// earlier one failed. Null restores the system's. Test's main thread only.
+/// Replaces the reader of the monotonic clock, so that a test can make it fail, and clears an
+/// earlier failure. Null restores the system's. Test's main thread only.
 KVX_API void setMonotonicReaderForTests(ClockReader reader) noexcept;
 
 }  // namespace kvx::platform

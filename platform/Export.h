@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what a shared library of this project shows to its users. Everything else stays hidden.
+/// Exports a symbol from a shared library of this project. Everything else is hidden.
 #define KVX_API __attribute__((visibility("default")))

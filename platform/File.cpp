@@ -20,8 +20,8 @@ bool isExecutable(const std::string& path) noexcept {
 void reserveStandardStreams() noexcept {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (::fcntl(descriptor, F_GETFD) != -1) continue;
-        // Opened for the other direction, so that using the stream is an error still. The lowest
-        // free descriptor is this one: those below are open by now.
+        // Opened for the other direction, so that using the stream is still an error. `open`
+        // returns this descriptor: those below it are open by now.
         const int direction = descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY;
         static_cast<void>(::open("/dev/null", direction));
     }

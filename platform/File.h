@@ -14,15 +14,16 @@ namespace kvx::platform {
 /// True when the path is a regular file that this process may execute. Any thread.
 [[nodiscard]] KVX_API bool isExecutable(const std::string& path) noexcept;
 
-/// Occupies the descriptors of those standard streams that the process was started without, so that
-/// no file or socket gets their numbers. Using such a stream fails, as without this. Before
-/// anything is opened.
+/// Occupies the descriptors of the standard streams that the process was started without, so that
+/// no file or socket gets their numbers. Using such a stream still fails. Call it before anything
+/// is opened.
 KVX_API void reserveStandardStreams() noexcept;
 
 /// True when the stream is a terminal. Any thread.
 [[nodiscard]] KVX_API bool isTerminal(std::FILE* stream) noexcept;
 
-/// The lines that a terminal shows at once; 0 when the stream is none or does not know. Any thread.
+/// The height of the terminal in lines; 0 when the stream is not a terminal or the height is
+/// unknown. Any thread.
 [[nodiscard]] KVX_API std::size_t terminalHeight(std::FILE* stream) noexcept;
 
 }  // namespace kvx::platform

@@ -8,12 +8,12 @@
 
 namespace kvx {
 
-/// Gives back what `malloc` gave.
+/// Deletes with `free`.
 struct FreeDeleter {
     void operator()(void* memory) const noexcept { std::free(memory); }
 };
 
-/// An owned, zero-terminated text of `malloc`; null means that there is none.
+/// An owned, zero-terminated text from `malloc`, or null.
 using Text = std::unique_ptr<char, FreeDeleter>;
 
 /// A copy of `text`; null for null, and without memory.
@@ -23,10 +23,10 @@ inline Text copyText(const char* text) {
 
 namespace platform {
 
-/// Makes this process keep memory that it has freed, up to some tens of MiB a thread, for its next
-/// allocations. Otherwise the allocator gives freed blocks back to the system at once, and whoever
-/// works in large short-lived buffers, as compression does, pays for fresh pages each time. For the
-/// start of a program's `main`; does nothing where the allocator has no such setting.
+/// Makes this process keep freed memory, up to some tens of MiB a thread, for later allocations.
+/// Otherwise the allocator returns large freed blocks to the system at once, and code with large
+/// short-lived buffers, such as compression, pays for fresh pages each time. Call it at the start
+/// of `main`; does nothing where the allocator has no such setting.
 KVX_API void keepFreedMemory() noexcept;
 
 }  // namespace platform

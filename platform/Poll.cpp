@@ -1,10 +1,10 @@
 // Waiting for sockets.
 //
 // A PollSet is one array of poll(2) entries sorted by socket, with the wake-up descriptor (or an
-// entry that poll ignores) at the end, where it costs least: the system does not queue up for what
-// comes after a ready socket. poll writes only the found events, so the array is handed over as it
-// stands, wait after wait. Readiness means what select() means by it: the end of a connection and
-// an error make a socket readable, an error makes it writable.
+// entry that poll ignores) at the end, where it costs least: once an entry is ready, the system
+// registers no waiter for those after it. poll writes only `revents`, so the same array is passed
+// to every wait. Readiness is that of select(): the end of a connection and an error make a socket
+// readable, an error makes it writable.
 
 #include "platform/Poll.h"
 
@@ -37,8 +37,8 @@ unsigned readinessOf(short events, unsigned interest) noexcept {
     if ((events & (POLLOUT | POLLERR)) != 0) ready |= kWritable;
     if ((events & (POLLPRI | POLLERR)) != 0) ready |= kException;
     ready &= interest;
-    // poll reports a hang-up to everybody. Passing it on to who did not ask to read ends the wait
-    // for a reason that its owner can see, where hiding it would wake the loop again and again.
+    // poll always reports a hang-up. It is passed on whatever the interest is: hidden, it would
+    // wake the loop again and again.
     if (ready == 0 && (events & POLLHUP) != 0) ready = interest;
     return ready;
 }
@@ -78,7 +78,7 @@ struct PollSet::Entries {
     std::vector<pollfd> polled;      // the sockets in ascending order, then the wake-up
     std::vector<unsigned> interest;  // `Readiness` bits, parallel to `polled`
 
-    // Where `socket` is, or where it belongs.
+    // The index of `socket`, or where to insert it.
     [[nodiscard]] std::size_t indexOf(SocketHandle socket) const noexcept {
         const auto at =
             std::lower_bound(polled.begin(), polled.end() - 1, socket,

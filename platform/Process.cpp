@@ -1,10 +1,10 @@
-// Starting, ending and looking at processes.
+// Starting, ending and inspecting processes.
 //
-// A child is made by posix_spawn, which reports a program that cannot be run. A daemon is made by
+// A child is started with posix_spawn, which reports a program that cannot be run. A daemon takes
 // two forks: the first child starts a session and forks again, so that the daemon belongs to init
-// and never becomes a zombie of ours. The daemon's process id, or the error that kept it from
-// running, comes back through a pipe that a successful exec closes. Between fork and exec only
-// async-signal-safe calls are made, on memory prepared before: other threads may hold any lock.
+// and never becomes our zombie. The daemon's process id, or the error of a failed exec, is returned
+// through a pipe that a successful exec closes. Between fork and exec only async-signal-safe calls
+// are made, on memory prepared before: other threads may hold any lock.
 
 #include "platform/Process.h"
 
@@ -17,7 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// glibc 2.36 declares these functions without saying that they are C functions.
+// glibc 2.36 declares these functions without C linkage.
 extern "C" {
 #include <sys/pidfd.h>
 }
@@ -81,7 +81,7 @@ std::vector<char*> argumentPointers(std::vector<std::string>& arguments) {
     return pointers;
 }
 
-// The file to run: what has no slash is looked for on PATH, here and not after the fork.
+// The file to run. A name without a slash is searched on PATH, here and not after the fork.
 std::optional<std::string> programFile(const Program& program) {
     if (program.path.find('/') != std::string::npos) return program.path;
     return findOnPath(program.path);
@@ -126,11 +126,11 @@ class SpawnActions {
     posix_spawn_file_actions_t actions_{};
 };
 
-// What the two forked processes of a daemon start need, prepared before the first fork.
+// The data of the two forked processes of a daemon start, prepared before the first fork.
 struct DaemonPlan {
     const char* file;
     char* const* arguments;
-    const char* directory;  // null keeps the present one
+    const char* directory;  // null keeps the current one
     int input;
     int output;
     int report;  // the writing end of the pipe to the starter
@@ -167,8 +167,8 @@ void resetSignals() noexcept {
     ::_exit(0);
 }
 
-// The daemon's process id comes from its parent and a failure from itself, in either order; the end
-// of the pipe says that there is no more to come.
+// The first child writes the daemon's process id and the daemon a failure, in either order, until
+// the pipe is closed.
 Started readReport(int pipe) noexcept {
     Started started;
     int value = 0;
@@ -232,7 +232,7 @@ bool isGone(pid_t pid) noexcept {
     return ::kill(pid, 0) != 0 && errno == ESRCH;
 }
 
-// Waits until the child has ended, in real time. False when `grace` has passed before.
+// Waits in real time until the child has ended. False when `grace` passes first.
 bool waitForEnd(pid_t pid, Milliseconds grace) noexcept {
     const Descriptor child(::pidfd_open(pid, 0));
     if (child.get() < 0) return false;
@@ -248,7 +248,7 @@ std::optional<std::string> executableOf(const std::string& process) {
     std::error_code error;
     std::string path = std::filesystem::read_symlink("/proc/" + process + "/exe", error).string();
     if (error) return std::nullopt;
-    // The system marks the file of a program that was replaced while it runs.
+    // The system appends this to the path of a program file that was deleted or replaced.
     static const std::string replaced = " (deleted)";
     if (path.ends_with(replaced)) path.resize(path.size() - replaced.size());
     return path;
@@ -321,7 +321,8 @@ bool killAndReap(unsigned long pid, Milliseconds grace) {
     if (state != ChildState::Running) return state == ChildState::Reaped;
     ::kill(child, SIGTERM);
     if (!waitForEnd(child, grace)) ::kill(child, SIGKILL);
-    // A program that ignores SIGCHLD, or waits for all its children, fetches the end before us.
+    // A program that ignores SIGCHLD, or waits for all its children, may have reaped the child
+    // first.
     return reapChild(child, 0) == ChildState::Reaped || isGone(child);
 }
 
@@ -415,7 +416,7 @@ ProcessFigures processFigures() {
 }
 
 void exitNow(int status) {
-    // Only the standard streams: flushing every stream would wait for a thread that reads one.
+    // Only the standard streams: flushing all would block on a stream that another thread reads.
     std::cout.flush();
     std::clog.flush();
     std::fflush(stdout);

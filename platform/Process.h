@@ -31,20 +31,20 @@ struct Started {
 };
 
 /// Starts `program` as a child of this process; it inherits the standard streams and no other
-/// descriptor, with default signal dispositions and nothing blocked. A program that cannot be run
-/// is reported here. The caller ends it with `killAndReap` or fetches its end with `reap`.
+/// descriptor, with default signal dispositions and no signal blocked. A failed exec is reported in
+/// the result. The caller ends it with `killAndReap` or fetches its exit status with `reap`.
 [[nodiscard]] KVX_API Started startChild(const Program& program);
 
 /// Starts `program` as a daemon: in a session of its own, detached from this process (it never
 /// becomes a zombie of ours), standard input from the null device, output and errors appended to
 /// `<logName>.log` below `stateDirectory()` (to the null device when that cannot be opened), the
-/// environment inherited. A program that cannot be run is reported here. Does not wait for more
-/// than the start itself.
+/// environment inherited. A failed exec is reported in the result. Does not wait until the program
+/// is ready.
 [[nodiscard]] KVX_API Started startDaemon(const Program& program, const std::string& logName);
 
 /// Ends the child `pid` and waits for its end: SIGTERM first, SIGKILL after `grace`. True when the
-/// process existed, was a child of ours and is gone now, whoever fetched its end. No other
-/// process is ended.
+/// process existed, was our child and is gone now, even if other code reaped it. Never signals a
+/// process that is not our child.
 KVX_API bool killAndReap(unsigned long pid, Milliseconds grace = 2'000);
 
 /// The exit status of the child `pid` once it has ended (128 + signal when a signal ended it);
@@ -62,21 +62,21 @@ KVX_API bool sendSignal(unsigned long pid, int signal) noexcept;
 /// absolute path without symbolic links; empty when unknown.
 [[nodiscard]] KVX_API std::string fileOfCode(const void* address);
 
-/// The base name, in full, of the program file that process `pid` runs; nothing when there is no
-/// such process or it may not be looked at.
+/// The base name, untruncated, of the program file that process `pid` runs; nothing when there is
+/// no such process or it may not be inspected.
 [[nodiscard]] KVX_API std::optional<std::string> programName(unsigned long pid);
 
 /// The first executable file `name` in the directories of `PATH`; nothing when there is none.
 [[nodiscard]] KVX_API std::optional<std::string> findOnPath(const std::string& name);
 
-/// Where this user's programs keep what outlives them: `$XDG_STATE_HOME/kvxmom`, else
+/// The directory for this user's persistent state: `$XDG_STATE_HOME/kvxmom`, else
 /// `~/.local/state/kvxmom`, created when missing; empty on failure.
 [[nodiscard]] KVX_API std::string stateDirectory();
 
 /// The machine's memory in bytes; 0 when unknown.
 [[nodiscard]] KVX_API std::uint64_t physicalMemoryBytes() noexcept;
 
-/// What this process costs. A figure that is not available is 0.
+/// Resource use of this process. A figure that is not available is 0.
 struct ProcessFigures {
     double cpuSeconds = 0;  ///< of all its threads, in user and system mode
     std::uint64_t residentBytes = 0;
@@ -84,8 +84,8 @@ struct ProcessFigures {
 };
 [[nodiscard]] KVX_API ProcessFigures processFigures();
 
-/// Flushes the standard streams and ends the process at once, without running static destructors
-/// or exit handlers under threads that still live.
+/// Flushes the standard streams and ends the process at once, without static destructors or exit
+/// handlers, which running threads may depend on.
 [[noreturn]] KVX_API void exitNow(int status);
 
 }  // namespace kvx::platform

@@ -8,7 +8,7 @@
 /// Signals of the operating system, by its own numbers. Process-wide unless stated; any thread.
 namespace kvx::platform {
 
-/// The system's numbers of the signals that the programs of this project know by name.
+/// The system's numbers of the signals that the programs of this project use.
 namespace signal_number {
 [[nodiscard]] KVX_API int interrupt() noexcept;   ///< SIGINT
 [[nodiscard]] KVX_API int terminate() noexcept;   ///< SIGTERM
@@ -22,12 +22,12 @@ namespace signal_number {
 /// `WakeUp::notify`, and nothing else.
 using SignalHandler = void (*)(int signal);
 
-/// Installs `handler`; it stays installed, and interrupted system calls are restarted where the
-/// system can. False when the system refuses the number.
+/// Installs `handler`; it stays installed after a signal, and interrupted system calls are
+/// restarted where the system can. False when the system refuses the number.
 [[nodiscard]] KVX_API bool installSignalHandler(int signal, SignalHandler handler) noexcept;
 
 /// When an installed handler last handled a signal, on the monotonic clock; the least value when
-/// none has. Whoever blocks a loop for long looks: a signal may wait for the next turn. Any thread.
+/// none has. For code that blocks a loop, where a signal may wait for the next turn. Any thread.
 [[nodiscard]] KVX_API Milliseconds lastSignalMs() noexcept;
 
 /// Restores the system's default handling.
@@ -43,8 +43,8 @@ KVX_API void unblockSignals(std::span<const int> signals) noexcept;
 /// True when the process ignores the signal.
 [[nodiscard]] KVX_API bool isSignalIgnored(int signal) noexcept;
 
-/// Waits until one of these signals, which every thread must have blocked, is pending and takes
-/// it. Returns its number, or 0 when `timeout` (negative for no limit) has passed first.
+/// Waits until one of these signals, which every thread must have blocked, is pending, and consumes
+/// it. Returns its number, or 0 when `timeout` (negative for no limit) passes first.
 [[nodiscard]] KVX_API int awaitSignal(std::span<const int> signals, Milliseconds timeout) noexcept;
 
 /// True when the calling thread has the signal blocked.

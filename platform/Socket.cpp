@@ -1,7 +1,7 @@
-// Sockets over the system's, in the bus's terms: one table of error numbers, descriptors that no
-// started program inherits, and writes that never raise SIGPIPE. Interrupted sends and receives are
-// repeated here, so that callers never see that error from them; an interrupted wait is reported,
-// because only the caller knows how much of its time is left.
+// System sockets in the bus's terms: one table of error numbers, close-on-exec descriptors, and
+// writes that never raise SIGPIPE. Interrupted sends and receives are repeated here, so callers
+// never see that error from them; an interrupted wait is reported, because only the caller knows
+// how much time is left.
 
 #include "platform/Socket.h"
 

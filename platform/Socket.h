@@ -11,16 +11,16 @@
 #include "platform/Export.h"
 
 /// TCP sockets in the terms of the bus: results are socket error numbers (0 is success), translated
-/// from the system's in one table; every descriptor is close-on-exec; writing to a closed peer is
-/// an error number and never a signal. Addresses and ports are in host byte order. Any thread, one
-/// thread at a time for one socket.
+/// from the system's in one table; every descriptor is close-on-exec; writing to a closed peer
+/// returns an error number and raises no signal. Addresses and ports are in host byte order. Any
+/// thread, one thread at a time for one socket.
 namespace kvx::platform {
 
-/// A descriptor that somebody else owns, or `kNoSocket`.
+/// A descriptor that is not owned, or `kNoSocket`.
 using SocketHandle = int;
 inline constexpr SocketHandle kNoSocket = -1;
 
-/// The socket error numbers. A system error without a number of its own here keeps the system's
+/// The socket error numbers. A system error without an entry here keeps its system number
 /// (`kNoMemory` among them), which is always below 10000.
 namespace socket_error {
 inline constexpr int kNone = 0;
@@ -84,9 +84,9 @@ class KVX_API Socket {
 
     [[nodiscard]] SocketHandle get() const noexcept { return handle_; }
     [[nodiscard]] explicit operator bool() const noexcept { return handle_ != kNoSocket; }
-    /// Gives the descriptor to the caller, who closes it with `closeSocket`.
+    /// Releases the descriptor to the caller, who closes it with `closeSocket`.
     [[nodiscard]] SocketHandle release() noexcept { return std::exchange(handle_, kNoSocket); }
-    /// Closes what is owned and takes ownership of `handle`.
+    /// Closes the owned socket and takes ownership of `handle`.
     void reset(SocketHandle handle = kNoSocket) noexcept;
 
   private:
@@ -97,8 +97,8 @@ class KVX_API Socket {
 /// reason.
 [[nodiscard]] KVX_API Socket createTcpSocket(int& error) noexcept;
 
-/// Two non-blocking sockets of this process that are connected with each other: what a thread
-/// writes into one end wakes whoever waits for the other. Both are empty when `error` is not 0.
+/// Two connected non-blocking sockets of this process; writing to one makes the other readable. On
+/// failure returns two empty sockets and sets `error`.
 [[nodiscard]] KVX_API std::pair<Socket, Socket> createSocketPair(int& error) noexcept;
 KVX_API void closeSocket(SocketHandle socket) noexcept;
 
@@ -111,10 +111,10 @@ KVX_API int setNonBlocking(SocketHandle socket, bool on) noexcept;
 /// Asks for kernel buffers of `bytes`; the system may round. For tests and benchmarks.
 KVX_API int setBufferSizes(SocketHandle socket, int sendBytes, int receiveBytes) noexcept;
 
-/// Starts or makes a connection. A non-blocking socket gives `kInProgress`; when it has become
-/// writable, `pendingError` tells the outcome.
+/// Connects. A non-blocking socket returns `kInProgress`; when it becomes writable, `pendingError`
+/// returns the outcome.
 KVX_API int connectSocket(SocketHandle socket, Endpoint peer) noexcept;
-/// Fetches and clears the error that waits on the socket (0 when there is none).
+/// Returns and clears the pending error of the socket (0 for none).
 KVX_API int pendingError(SocketHandle socket) noexcept;
 
 /// The outcome of one send or receive: the bytes moved, or 0 and an error. A receive of 0 bytes
@@ -125,11 +125,10 @@ struct IoResult {
 };
 KVX_API IoResult sendSome(SocketHandle socket, std::span<const std::byte> bytes) noexcept;
 KVX_API IoResult receiveSome(SocketHandle socket, std::span<std::byte> buffer) noexcept;
-/// Tells the peer that nothing more will be sent; receiving goes on.
+/// Closes the sending direction; receiving goes on.
 KVX_API int shutdownSending(SocketHandle socket) noexcept;
 
-/// What a wait watches for and what it found; values combine with `|`. They are the values of the
-/// event manager's conditions.
+/// Interest and result of a wait; values combine with `|` and equal the event manager's conditions.
 enum Readiness : unsigned { kReadable = 1, kWritable = 2, kException = 4 };
 
 /// A wait without time-out.
@@ -140,16 +139,16 @@ struct WaitResult {
     int error = 0;       ///< `kInterrupted` when a signal came first
 };
 /// Waits until `socket` is ready for one of `interest`, for at most `timeout` (0 polls). A socket
-/// whose peer is gone counts as readable.
+/// whose peer has closed counts as readable.
 KVX_API WaitResult waitSocket(SocketHandle socket, unsigned interest,
                               Milliseconds timeout) noexcept;
 
 /// A listening socket on `local` (port 0 takes a free one).
 [[nodiscard]] KVX_API Socket listenTcp(Endpoint local, int& error, int backlog = 128) noexcept;
-/// The next connection of a listening socket, blocking if the listening socket is.
+/// Accepts the next connection; blocks if the listening socket is blocking.
 [[nodiscard]] KVX_API Socket acceptTcp(SocketHandle listener, int& error) noexcept;
 
-/// The address and port of this end, and of the other; nothing when the socket has none.
+/// The address and port of this end, and of the peer; nothing when the socket has none.
 [[nodiscard]] KVX_API std::optional<Endpoint> localEndpoint(SocketHandle socket) noexcept;
 [[nodiscard]] KVX_API std::optional<Endpoint> peerEndpoint(SocketHandle socket) noexcept;
 
@@ -158,7 +157,7 @@ KVX_API WaitResult waitSocket(SocketHandle socket, unsigned interest,
 /// "a.b.c.d" of an address.
 [[nodiscard]] KVX_API std::string dottedAddress(std::uint32_t address);
 
-/// This host's name as the system has it; nothing when it cannot be had.
+/// This host's name as the system reports it; nothing on failure.
 [[nodiscard]] KVX_API std::optional<std::string> localHostName();
 /// The first IPv4 address of an interface that is up and not the loopback; nothing without one.
 [[nodiscard]] KVX_API std::optional<std::uint32_t> localHostAddress();

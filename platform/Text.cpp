@@ -1,7 +1,7 @@
 // UTF-8 is read by its well-formed sequences: the first byte gives the length, and some first bytes
-// narrow what the second one may be, which rules out overlong forms, surrogates and characters
-// beyond U+10FFFF. Escaping and shortening step over a text by these sequences; a byte that belongs
-// to none is a piece of its own.
+// narrow the range of the second one, which rules out overlong forms, surrogates and characters
+// beyond U+10FFFF. Escaping and shortening step over a text by these sequences; a byte outside any
+// is stepped over alone.
 
 #include "platform/Text.h"
 
@@ -17,8 +17,6 @@ bool isContinuation(unsigned byte) {
     return (byte & 0xc0U) == 0x80U;
 }
 
-// What the second byte may be: some first bytes would begin overlong forms, surrogates, or
-// characters beyond U+10FFFF.
 bool isSecond(unsigned first, unsigned second) {
     const unsigned least = first == 0xe0 ? 0xa0 : first == 0xf0 ? 0x90 : 0x80;
     const unsigned most = first == 0xed ? 0x9f : first == 0xf4 ? 0x8f : 0xbf;

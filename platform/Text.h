@@ -9,16 +9,15 @@
 
 namespace kvx {
 
-/// The bytes of the well-formed UTF-8 character that `text` begins with; 0 where there is none, as
-/// at a stray byte, a character cut short, a surrogate or an overlong form.
+/// The length in bytes of the well-formed UTF-8 character that `text` begins with; 0 for a stray
+/// byte, a truncated character, a surrogate or an overlong form.
 KVX_API std::size_t characterLength(std::string_view text);
 
 /// Whether `text` begins with a control character: below 0x20, 0x7f, or U+0080 to U+009F.
 KVX_API bool startsWithControl(std::string_view text);
 
-/// `text` as it may be shown: what must neither break a line nor steer a terminal, a control
-/// character or one byte that belongs to no character, goes to `escape(shown, piece)`, which
-/// appends to `shown` (a `std::string&`) what stands for it.
+/// `text` made safe to show: each control character, and each byte that belongs to no character, is
+/// passed to `escape(shown, piece)`, which appends a replacement to `shown` (a `std::string&`).
 template <class Escape>
 std::string escaped(std::string_view text, Escape&& escape) {
     std::string shown;
@@ -43,18 +42,18 @@ inline std::string oneLine(std::string_view text) {
     return escaped(text, appendHexEscape);
 }
 
-/// `text` with its control characters as spaces, and likewise single bytes from 0x80 to 0x9f, which
-/// a terminal may take for control characters.
+/// `text` with control characters replaced by spaces, and likewise single bytes from 0x80 to 0x9f,
+/// which a terminal may take for control characters.
 KVX_API std::string printable(std::string_view text);
 
-/// The place of the character of UTF-8 that the byte at `i`, or the end, belongs to.
+/// The offset of the UTF-8 character that contains the byte at `i`, or of the end.
 KVX_API std::size_t characterBegin(std::string_view text, std::size_t i);
 
 /// `text`, or its beginning and its end with "..." between them when it has more than `most` bytes
 /// (at least 8). Characters stay whole.
 KVX_API std::string shortened(const std::string& text, std::size_t most);
 
-/// `text`, or its beginning and how long it is when it has more than `most` bytes. Characters stay
+/// `text`, or its beginning and its length when it has more than `most` bytes. Characters stay
 /// whole.
 KVX_API std::string excerpt(std::string_view text, std::size_t most = 40);
 

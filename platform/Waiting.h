@@ -6,7 +6,7 @@
 
 #include "platform/Clock.h"
 
-/// What every wait of this room comes down to. Internal to the room.
+/// The one wait that all waits of this room use. Internal to the room.
 namespace kvx::platform::detail {
 
 /// The poll events that stand for the `Readiness` bits of `interest`.
@@ -15,8 +15,8 @@ namespace kvx::platform::detail {
 /// The `Readiness` bits, restricted to `interest`, that poll found in `events`.
 [[nodiscard]] unsigned readinessOf(short events, unsigned interest) noexcept;
 
-/// poll(2) with a 64-bit time-out (negative for none) that obeys a manual clock. Returns what poll
-/// returns, with the reason in `errno`.
+/// poll(2) with a 64-bit time-out (negative for none) that follows a manual clock. Returns what
+/// poll returns, with the error in `errno`.
 int pollFor(std::span<pollfd> entries, Milliseconds timeout) noexcept;
 
 }  // namespace kvx::platform::detail
