@@ -20,8 +20,8 @@ class KVX_API CVekProcessMgr {
   public:
     /// Starts `program` of `directory` with the null-terminated `arguments` (the first is the
     /// program's own name) and the environment of this process. With a null or empty directory the
-    /// program is looked up as by a shell. The last two arguments are ignored. Returns a handle with PID
-    /// 0 when the program is missing or cannot be run.
+    /// program is looked up as by a shell. The last two arguments are ignored. Returns a handle
+    /// with PID 0 when the program is missing or cannot be run.
     CVekProcessHandle StartProcess(const char* directory, const char* program,
                                    const char* const* arguments, const char* reserved1,
                                    const char* reserved2);

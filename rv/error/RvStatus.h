@@ -24,7 +24,7 @@ class KVX_API RvStatus {
     RvStatus& operator=(const RvStatus&) = default;
     virtual ~RvStatus();
 
-    /// A constant text; "" for a code without one ("Unknown error." in the event manager's table),
+    /// A constant text; "" for an unknown code ("Unknown error." in the event manager's table),
     /// null for a category without a table.
     virtual const char* text() const;
 
@@ -34,9 +34,9 @@ class KVX_API RvStatus {
     /// True when both codes are 0, or when codes and categories agree; the two message categories
     /// count as one.
     bool operator==(const RvStatus& other) const;
-    /// True when both are 0, or for a session status of that code.
+    /// True when both are 0, or for a session status with that code.
     bool operator==(unsigned int code) const;
-    /// True when both are 0, or for a message status of that code.
+    /// True when both are 0, or for a message status with that code.
     bool isMessage(unsigned int code) const;
 
   private:

@@ -13,12 +13,12 @@ KVX_API int rv_BuildAdvisory(void* body, std::uint32_t bodyCapacity, const char*
                              const char* source, const char* name, const char* description,
                              void* subject, unsigned subjectCapacity);
 
-/// The same for applications, to whom the source "SYSTEM" is not open (3).
+/// The same for applications; refuses the source "SYSTEM" (3).
 KVX_API int rv_BuildAppAdvisory(void* body, std::uint32_t bodyCapacity, const char* advClass,
                                 const char* source, const char* name, const char* description,
                                 void* subject, unsigned subjectCapacity);
 
-/// What every advisory has in common, and the ones that the library itself makes.
+/// Common constants of advisories, and the advisories of the library.
 namespace kvx::advisory {
 
 inline constexpr unsigned kBodyCapacity = 256;     // bytes of a built-in advisory's body
@@ -51,9 +51,9 @@ inline constexpr const char* kDataLossSubject = "_RV.WARN.SYSTEM.DATALOSS";
 inline constexpr const char* kLatenessField = "fireoffset";
 /// The lateness of a session timer, in milliseconds, above which the advisory is raised.
 inline constexpr unsigned kStarvationThreshold = 5000;
-/// Waiting messages from which a publish raises the fast-producer warning.
+/// Number of queued messages from which a publish raises the fast-producer warning.
 inline constexpr unsigned kFastProducerThreshold = 1000;
-/// One fast-producer condition in so many is announced, the first one included.
+/// One of this many fast-producer conditions is announced, beginning with the first.
 inline constexpr unsigned kFastProducerRate = 100;
 
 /// The heading of an advisory that no listener took, on standard error.

@@ -3,7 +3,7 @@
 /// The numbers of the four code tables, by name, and the client's version. Texts: rvErrors.h.
 namespace kvx {
 
-/// Major, minor and update number: what a client announces to its daemon in every init message.
+/// Major, minor and update number: sent to the daemon in every init message.
 inline constexpr int kClientVersion[3] = {5, 3, 2};
 
 /// Session codes (category 0).

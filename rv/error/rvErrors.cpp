@@ -1,5 +1,5 @@
 // The five code tables and the socket table, each as (code, text) rows in the order of the codes. A
-// lookup walks its table: they are short, and texts are asked for on failures only.
+// lookup is a linear search: the tables are short, and texts are needed on failures only.
 
 #include "rv/error/rvErrors.h"
 

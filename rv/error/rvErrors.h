@@ -5,7 +5,7 @@
 /// The fixed texts of the bus's codes. Every lookup returns a constant text and never fails. Any
 /// thread.
 
-/// The client's version, which it announces to its daemon: "5.3.2".
+/// The client's version: "5.3.2".
 KVX_API const char* rv_VersionText();
 
 /// Session codes; "" for a code without a text.

@@ -1,12 +1,12 @@
 // The loop.
 //
-// A step runs the due timers, waits for sockets until the next expiry, and then calls what signals
-// and sockets have made ready. `running_` says whether the loop goes on; it may be cleared from
-// anywhere, and the wake-up ends the wait that may be going on. `looping_` says that a loop is on
-// the stack; it alone refuses a second one, because a stopped loop has not returned yet.
+// A step runs the due timers, waits for sockets until the next expiry, and then calls the callbacks
+// of pending signals and ready sockets. `running_` keeps the loop going; any thread may clear it,
+// and the wake-up ends a wait. `looping_` is true while a loop is on the stack, also after a stop,
+// and refuses a second one.
 //
 // A manager destroyed inside its loop drops its timers and signals at once (a timer queue inside
-// its own run lives on until that run ends) and is freed by `runLoop` as its last act.
+// its own run is freed when that run ends) and is freed when the loop returns.
 
 #include "rv/event/EventManager.h"
 
@@ -18,7 +18,7 @@
 namespace kvx::event {
 
 namespace {
-constexpr std::size_t kInitialTimers = 16;            // places in the manager's own timer queue
+constexpr std::size_t kInitialTimers = 16;            // capacity of the manager's own timer queue
 constexpr platform::Milliseconds kIdleSleep = 1'000;  // a step with nothing to wait for
 }  // namespace
 

@@ -12,38 +12,38 @@
 namespace kvx::event {
 
 /// The event manager behind an `rvevm_Manager`: timers, watched sockets, signals, and the loop over
-/// them. Loop thread only, `stop` excepted.
+/// them. Loop thread only, except `stop`.
 class EventManager {
   public:
-    /// Callbacks get `owner` as their first argument. Throws `std::bad_alloc` without memory.
+    /// `owner` is the first argument of callbacks. Throws `std::bad_alloc` without memory.
     explicit EventManager(void* owner);
     ~EventManager() = default;
     EventManager(const EventManager&) = delete;
     EventManager& operator=(const EventManager&) = delete;
 
-    /// False when the system has no descriptor left for the wake-up.
+    /// False without a descriptor for the wake-up.
     [[nodiscard]] bool valid() const noexcept { return wakeUp_.valid(); }
-    /// True once `shutDown` was called: nothing may be registered any more.
+    /// True once `shutDown` was called: registrations are refused.
     [[nodiscard]] bool dying() const noexcept { return dying_; }
     [[nodiscard]] bool looping() const noexcept { return looping_; }
 
-    /// Dispatches until `stop`; `kNotInitialized` when looping already. The manager may be gone
-    /// when this returns.
+    /// Dispatches until `stop`; `kNotInitialized` when already looping. The manager may have been
+    /// destroyed when this returns.
     int runLoop();
     /// Any thread; safe in a signal handler.
     void stop() noexcept;
-    /// Ends the loop and gives timers and signals up. What is left may be freed once the loop has
+    /// Ends the loop and drops timers and signals. The manager may be freed once the loop has
     /// returned.
     void shutDown() noexcept;
 
-    /// Not to be called once dying.
+    /// Must not be called once dying.
     [[nodiscard]] TimerQueue& timers() noexcept { return *timers_; }
     [[nodiscard]] IoTable& io() noexcept { return io_; }
     [[nodiscard]] SignalTable& signals() noexcept { return signals_; }
 
   private:
     void step();
-    /// How long the coming wait may last; `kForever` without a timer.
+    /// Runs the due timers. Returns the limit of the next wait; `kForever` without a timer.
     [[nodiscard]] platform::Milliseconds runTimers();
     void waitForIo(platform::Milliseconds timeout);
     void dispatchReady();

@@ -12,13 +12,13 @@
 
 namespace kvx::event {
 
-/// Names for things that are opened and closed on any thread: tokens, never pointers and never used
-/// twice, so that the handle of a closed thing names nothing for ever. A look-up takes no lock and
-/// reads only the table; it is safe in a signal handler.
+/// Handles of things that are opened and closed on any thread. A handle is a token, never a pointer
+/// and never reused, so a handle of a closed thing stays invalid. A look-up takes no lock and reads
+/// only the table; it is safe in a signal handler.
 ///
-/// For static storage: made before any code runs (`constinit`), and not destroyed at exit, since
-/// things in static storage may be closed after it. Its memory grows with the handles open at one
-/// time and is never given back.
+/// For static storage: constant-initialised (`constinit`), and not destroyed at exit, since objects
+/// in static storage may be closed later. Its memory grows with the number of open handles and is
+/// never freed.
 template <class Thing>
 class HandleTable {
   public:
@@ -26,7 +26,7 @@ class HandleTable {
     HandleTable(const HandleTable&) = delete;
     HandleTable& operator=(const HandleTable&) = delete;
 
-    /// Any thread. Null for a handle that is null, closed or another table's.
+    /// Any thread. Null for a handle that is null, closed or of another table.
     [[nodiscard]] Thing* find(const void* handle) const noexcept {
         const auto id = std::bit_cast<std::uint64_t>(handle);
         const Slot* slot = slotAt(id & kIndexMask);
@@ -35,7 +35,8 @@ class HandleTable {
         return slot->thing.load(std::memory_order_relaxed);
     }
 
-    /// Names `thing`. Any thread; throws `std::bad_alloc` without memory or above 4,194,240 things.
+    /// Returns a new handle of `thing`. Any thread; throws `std::bad_alloc` without memory or above
+    /// 4,194,240 things.
     [[nodiscard]] void* add(Thing* thing) {
         const std::lock_guard guard(lock_);
         if (firstFree_ == kNone) grow();
@@ -48,7 +49,7 @@ class HandleTable {
         return std::bit_cast<void*>(id);
     }
 
-    /// Ends a handle; ignored for one that names nothing. Any thread.
+    /// Invalidates a handle; ignored for an invalid one. Any thread.
     void remove(const void* handle) noexcept {
         const std::lock_guard guard(lock_);
         if (find(handle) == nullptr) return;
@@ -63,7 +64,7 @@ class HandleTable {
     static constexpr unsigned kIndexBits = 24;
     static constexpr std::size_t kIndexMask = (std::size_t{1} << kIndexBits) - 1;
     static constexpr std::size_t kNone = kIndexMask;
-    // Block n has 64 << n slots and stands in front of slot (64 << n) - 64.
+    // Block n has 64 << n slots and begins with slot (64 << n) - 64.
     static constexpr std::size_t kFirstBlock = 64;
     static constexpr std::size_t kBlocks = 16;
 
@@ -95,10 +96,10 @@ class HandleTable {
     std::mutex lock_;
     std::array<std::atomic<Slot*>, kBlocks> blocks_{};
     std::size_t used_ = 0;           // guarded by lock_, as the next
-    std::size_t firstFree_ = kNone;  // slots that grow() has not made yet come after all others
+    std::size_t firstFree_ = kNone;  // slots that grow() has not made yet are used last
 };
 
-/// A thing's handle for as long as the thing lives, or until `retire`.
+/// A thing's handle, valid until the thing is destroyed or `retire` is called.
 template <class Thing>
 class Handle {
   public:
@@ -107,7 +108,7 @@ class Handle {
     Handle& operator=(const Handle&) = delete;
     ~Handle() { retire(); }
 
-    /// The name, also after it has been retired.
+    /// The handle, also after `retire`.
     [[nodiscard]] void* get() const noexcept { return name_; }
     void retire() noexcept { table_.remove(name_); }
 

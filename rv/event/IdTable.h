@@ -11,24 +11,24 @@
 
 namespace kvx::event {
 
-/// Numbers that no two calls in this process share, ascending from 1. Any thread.
+/// Ascending numbers from 1, unique in this process. Any thread.
 [[nodiscard]] inline std::uint64_t nextIdSerial() noexcept {
     static std::atomic<std::uint64_t> serial = 0;
     return serial.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
-/// Owns things that others know by an id, and tells for any id, however old or foreign, whether it
-/// names a thing that still lives here. Ids are tokens: looking one up reads only the table.
+/// Owns things that are known by id, and finds whether any id, however old or foreign, names one of
+/// them. Ids are tokens: a look-up reads only the table.
 ///
-/// An id is a serial number (unique in the process) above the index of a slot; the slot remembers
-/// the whole id of its present tenant. Addresses of the things stay valid until they are removed.
-/// Slots are reused, so that a table in steady state allocates nothing. One thread at a time.
+/// An id is a serial number (unique in the process) above the index of a slot; the slot stores the
+/// id of its current thing. Addresses of the things stay valid until they are removed. Slots are
+/// reused, so that a table in steady state allocates nothing. One thread at a time.
 template <class Thing>
 class IdTable {
   public:
     using Id = void*;
 
-    /// Keeps `thing`. Returns its id, never null; null without memory or above 16,777,215 things.
+    /// Takes `thing` and returns its id; null without memory or above 16,777,215 things.
     [[nodiscard]] Id add(Thing thing) noexcept {
         try {
             if (free_ == kNoSlot) {
@@ -48,7 +48,7 @@ class IdTable {
         return std::bit_cast<Id>(slot.id);
     }
 
-    /// The thing of this id; null when the id is dead, foreign or null.
+    /// The thing of this id; null for a dead, foreign or null id.
     [[nodiscard]] Thing* find(Id id) noexcept {
         Slot* slot = slotOf(id);
         return slot == nullptr ? nullptr : &*slot->thing;

@@ -1,14 +1,14 @@
 // Watched sockets.
 //
-// There is one list of entries for each condition, sorted by socket, and one poll set in which
-// every socket stands once with all that is watched on it. Both change only when an entry is added
-// or removed; a wait hands the poll set to the system as it stands. After a wait the lists and the
-// poll set, which are sorted alike, are walked side by side.
+// There is one list of entries for each condition, sorted by socket, and one poll set with one slot
+// for each socket, whatever the number of its conditions. Both change only when an entry is added
+// or removed, so a wait builds nothing. After a wait the lists and the poll set are walked in
+// parallel, since both are sorted by socket.
 //
-// The ready list holds ids, not pointers: what a callback removes, and whatever takes over its
-// socket number meanwhile, is found out when its turn comes. The list may be dropped half way, when
-// a callback stops the loop. The system finds a ready socket again; an entry that was made ready
-// keeps its mark until its turn comes.
+// The ready list holds ids, not pointers: an entry that a callback removed is skipped, even when
+// its socket number is in use again. When a callback stops the loop the rest of the list is
+// dropped: the system reports a ready socket again, and an entry made ready keeps its mark until it
+// is called.
 
 #include "rv/event/IoTable.h"
 

@@ -9,11 +9,11 @@
 
 namespace kvx::event {
 
-/// The sockets that an event manager watches, and the list of those that the last wait found ready.
+/// The sockets that an event manager watches, and the list of those found ready by the last wait.
 /// Loop thread only.
 class IoTable {
   public:
-    /// A copy of what the entry's owner registered, to be called.
+    /// A copy of a registration, to be called.
     struct Ready {
         rvevm_Id id;
         rvevm_Callback callback;
@@ -27,8 +27,8 @@ class IoTable {
     int add(rvevm_Id* id, unsigned int socket, rvevm_IoEventType condition, rvevm_Callback callback,
             void* closure);
     int remove(rvevm_Id id) noexcept;
-    /// Puts the entry into every ready list whatever the state of its socket, until `nextReady` has
-    /// given it; waits do not block meanwhile.
+    /// Puts the entry into every ready list, whatever the state of its socket, until `nextReady`
+    /// returns it; waits do not block meanwhile.
     int makeReady(rvevm_Id id) noexcept;
 
     [[nodiscard]] bool empty() const noexcept { return entries_.size() == 0; }
@@ -48,7 +48,7 @@ class IoTable {
         rvevm_IoEventType condition;
         rvevm_Callback callback;
         void* closure;
-        bool forced;  // belongs into the ready list whatever poll finds
+        bool forced;  // in the ready list whatever poll finds
     };
     struct Watched {
         platform::SocketHandle socket;

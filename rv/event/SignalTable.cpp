@@ -1,11 +1,10 @@
 // Signals turned into events.
 //
-// The handler may interrupt any thread at any instruction, so it touches nothing but lock-free
-// flags of static storage and the owner's wake-up, and it counts itself in and out: an owner that
-// goes away takes its wake-up out of sight first and then waits until no handler can still hold it.
+// The handler may interrupt any thread at any instruction, so it uses only lock-free flags in
+// static storage and the owner's wake-up. It counts entries and exits: an owner that is destroyed
+// first unpublishes its wake-up and then waits until no handler is inside.
 //
-// The flags belong to the process because its signals do; a table that is not the owner never reads
-// them.
+// The flags are process-wide, like signals; only the table that owns the signals reads them.
 
 #include "rv/event/SignalTable.h"
 

@@ -12,7 +12,7 @@ namespace kvx::event {
 inline constexpr int kSignalSlots = 24;  ///< signals 0 to 23 can be registered
 
 /// The signals of one event manager. At most one table of the process owns signals: the first one
-/// to register, until it dies. Loop thread only, but for what a signal itself does.
+/// to register, until it dies. Loop thread only, except the signal handler.
 class SignalTable {
   public:
     /// `wakeUp` is notified by every caught signal and must outlive this object.
@@ -24,13 +24,13 @@ class SignalTable {
     /// The operations of the event manager, with its codes.
     int add(rvevm_Id* id, int signal, rvevm_Callback callback, void* closure);
     int remove(rvevm_Id id) noexcept;
-    /// Removes everything, restores the default handling and gives the process's signals up.
+    /// Removes everything, restores the default handling and releases the ownership of signals.
     void release() noexcept;
 
     /// True when signals of this table wait to be dispatched.
     [[nodiscard]] bool pending() const noexcept;
-    /// Calls the callbacks of what is pending, in ascending order, while `running`; the rest stays
-    /// pending. `owner` is what they get as first argument.
+    /// Calls the callbacks of pending signals, in ascending order, while `running`; the rest stays
+    /// pending. `owner` is their first argument.
     void dispatch(void* owner, const std::atomic<bool>& running);
 
   private:

@@ -28,7 +28,7 @@ inline constexpr TimeValue kLatestTime{std::numeric_limits<std::int32_t>::max(),
     return platform::Milliseconds{time.seconds} * 1000 + time.milliseconds;
 }
 
-/// The time value of a point that is not negative; later ones than `kLatestTime` become that.
+/// Converts a non-negative point; at most `kLatestTime`.
 [[nodiscard]] constexpr TimeValue toTimeValue(platform::Milliseconds time) noexcept {
     const platform::Milliseconds held = std::min(time, toMilliseconds(kLatestTime));
     return {static_cast<std::int32_t>(held / 1000), static_cast<std::int32_t>(held % 1000)};
@@ -45,7 +45,7 @@ inline constexpr TimeValue kLatestTime{std::numeric_limits<std::int32_t>::max(),
     return toTimeValue(toMilliseconds(start) + interval);
 }
 
-/// The milliseconds from `from` to `to`; negative when `to` is the earlier one.
+/// The milliseconds from `from` to `to`; negative when `to` is earlier.
 [[nodiscard]] constexpr platform::Milliseconds between(TimeValue from, TimeValue to) noexcept {
     return toMilliseconds(to) - toMilliseconds(from);
 }

@@ -1,17 +1,16 @@
 // The timer queue.
 //
-// Every live timer is in exactly one of two places: in the array, sorted by expiry, or in the due
-// list of the present run. A run takes the clock once, moves what has expired from the front of the
-// array to the due list, and works through that list by index. Before a callback is called its
-// timer has left the due list for good: a repeating timer is back in the array with its next
-// expiry, a one-shot timer is gone and its id dead. So whatever a callback does to timers, it meets
-// them in a consistent place, and a timer that it removes or resets leaves a hole in the due list
-// and is not called.
+// Every live timer is either in the array, sorted by expiry, or in the due list of the current run.
+// A run reads the clock once, moves expired timers from the front of the array to the due list, and
+// works through that list by index. Before its callback is called a timer leaves the due list: a
+// repeating timer is back in the array with its next expiry, a one-shot timer is destroyed and its
+// id dead. So a callback may change any timer; one that it removes or resets leaves a null entry in
+// the due list and is not called.
 //
-// The array always has room for every timer there is, so that putting one back cannot fail; the due
+// The array always has room for every live timer, so that re-inserting one cannot fail; the due
 // list has the same capacity, so that a run allocates nothing.
 //
-// A queue destroyed inside its own run is only marked. The run frees it when it has finished.
+// A queue destroyed inside its own run is only marked; the run frees it at its end.
 
 #include "rv/event/TimerQueue.h"
 

@@ -22,28 +22,27 @@ enum TimerResult : int {
     kQueueEmpty = -249,
 };
 
-/// The event-manager code that a timer-queue result is reported as.
+/// The event-manager code of a timer-queue result.
 [[nodiscard]] int eventCodeOf(int timerResult) noexcept;
 
 /// Timers sorted by expiry, equal expiries in the order of adding. The event manager has one, and
-/// every session has one of its own. Loop thread only.
+/// so has every session. Loop thread only.
 ///
 /// Callbacks may add, remove and reset any timer, and destroy the queue.
 class TimerQueue {
   public:
-    /// Told the wait until the next expiry whenever the first timer changes and after every run;
-    /// nothing when the queue has become empty. It may call back into the queue, but not destroy
-    /// it.
+    /// Called with the wait until the next expiry, nothing for an empty queue, whenever the first
+    /// timer changes and after every run. It may call the queue, but not destroy it.
     using NextExpiryHook = void (*)(void* closure, std::optional<platform::Milliseconds> wait);
 
-    /// Destroys the queue at once or, from inside its own run, when that run has finished; no
-    /// callback is called any more.
+    /// Destroys the queue at once or, inside its own run, at the end of that run; no further
+    /// callback is called.
     struct Destroy {
         void operator()(TimerQueue* queue) const noexcept { queue->destroy(); }
     };
     using Owner = std::unique_ptr<TimerQueue, Destroy>;
 
-    /// Callbacks get `owner` as their first argument. Null without memory.
+    /// `owner` is the first argument of callbacks. Null without memory.
     [[nodiscard]] static Owner create(std::size_t capacity, void* owner) noexcept;
 
     TimerQueue(const TimerQueue&) = delete;
@@ -52,7 +51,7 @@ class TimerQueue {
     /// `kInvalidTimer` for a null id pointer, `kNullCallback`, `kNoMemory`; `kInvalidQueue` when
     /// the queue is being destroyed.
     int add(rvevm_Id* id, unsigned long intervalMs, rvevm_Callback callback, void* closure);
-    /// As `add`, repeating every `intervalMs` (which must not be 0: the callers refuse that).
+    /// As `add`, repeating every `intervalMs` which must not be 0.
     int addRepeating(rvevm_Id* id, unsigned long intervalMs, rvevm_Callback callback,
                      void* closure);
     /// `kInvalidTimer` for an id that is not a live timer of this queue.
@@ -61,9 +60,9 @@ class TimerQueue {
     /// True when the id is a live repeating timer of this queue.
     [[nodiscard]] bool isRepeating(rvevm_Id id) const noexcept;
 
-    /// Calls every timer that is due now, once. `kQueueEmpty` when no timer is pending afterwards,
-    /// `kInvalidQueue` when the queue was destroyed meanwhile and must not be touched any more.
-    /// Does nothing from inside a run.
+    /// Calls every timer that is due now, once. Returns `kQueueEmpty` when no timer is pending
+    /// afterwards, `kInvalidQueue` when the queue was destroyed meanwhile and must not be used.
+    /// Does nothing inside a run.
     int runDueTimers();
 
     /// The wait until the next expiry, 0 when it has passed; `kQueueEmpty` when no timer is
@@ -71,8 +70,8 @@ class TimerQueue {
     int nextWait(platform::Milliseconds& wait) const noexcept;
 
     void setNextExpiryHook(NextExpiryHook hook, void* closure) noexcept;
-    /// Each run with a due timer stores here by how many milliseconds the first one is late. Null
-    /// ends that; `lateness` must outlive this queue or the next call.
+    /// Each run with a due timer stores the lateness of the first one in `*lateness`. Null disables
+    /// this; `lateness` must outlive this queue or the next call.
     void setLatenessOutput(platform::Milliseconds* lateness) noexcept { lateness_ = lateness; }
 
     [[nodiscard]] std::size_t size() const noexcept { return timers_.size(); }
@@ -86,9 +85,9 @@ class TimerQueue {
         void* closure = nullptr;
         unsigned long repeatMs = 0;     // 0 for a one-shot timer
         rvevm_Id id = nullptr;          // its own
-        std::size_t dueSlot = kNotDue;  // where it waits in the present run
+        std::size_t dueSlot = kNotDue;  // index in the due list of the current run
     };
-    // The expiry stands beside the pointer so that a search stays inside the array.
+    // The expiry is beside the pointer so that a search stays inside the array.
     struct Entry {
         TimeValue expiry;
         Timer* timer;
@@ -119,7 +118,7 @@ class TimerQueue {
     // Loop thread only.
     IdTable<Timer> timers_;
     std::vector<Entry> sorted_;  // ascending expiry; has room for every timer of `timers_`
-    std::vector<Timer*> due_;    // of the present run; null where removed, reset or called
+    std::vector<Timer*> due_;    // of the current run; null where removed, reset or called
     NextExpiryHook hook_ = nullptr;
     void* hookClosure_ = nullptr;
     platform::Milliseconds* lateness_ = nullptr;

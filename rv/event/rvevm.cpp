@@ -1,5 +1,5 @@
-// The event manager's plain functions: they find the manager that a handle names, refuse a dying
-// one, translate codes, and keep the process's one reference to a manager that sessions share.
+// The event manager's plain functions: they look up the manager of a handle, refuse a dying one,
+// translate codes, and keep the one manager that the sessions of the process share.
 
 #include "rv/event/rvevm.h"
 
@@ -23,7 +23,7 @@ struct Manager;
 constinit kvx::event::HandleTable<Manager> managers;
 static_assert(std::is_trivially_destructible_v<decltype(managers)>, "used after main");
 
-// The handle comes first: the manager's callbacks are given it as their owner.
+// The handle is the first base: it is the owner that callbacks get.
 struct Manager : kvx::event::Handle<Manager>, EventManager {
     Manager() : Handle(managers, this), EventManager(get()) {}
 };
@@ -63,7 +63,7 @@ void shutDown(Manager* manager) noexcept {
     if (!manager->looping()) delete manager;
 }
 
-// What `operation` gives for the manager that the handle names.
+// The result of `operation` on the manager of the handle.
 template <class Operation>
 int on(rvevm_Manager handle, Operation operation) {
     Manager* const manager = usable(handle);

@@ -5,13 +5,13 @@
 /// The event manager: the single-threaded dispatcher of timers, socket readiness and signals that
 /// asynchronous sessions run on.
 ///
-/// Every operation returns an event-manager code, 0 on success; `rvevm_ErrorText` has the texts.
-/// A null, destroyed or dying manager gives 10 unless another code is stated. Everything is for the
-/// thread that runs the main loop, `rvevm_Stop` alone excepted. Callbacks may add and remove
-/// anything, stop the loop and destroy the manager.
+/// Every operation returns an event-manager code, 0 on success; `rvevm_ErrorText` has the texts. A
+/// null, destroyed or dying manager gives 10 unless another code is stated. Loop thread only,
+/// except `rvevm_Stop`. Callbacks may add and remove anything, stop the loop and destroy the
+/// manager.
 ///
-/// A manager's handle is a token: once destroyed it names nothing for ever. So is an id: a dead id,
-/// an id of another kind and an id of another manager give 2 and touch nothing.
+/// Handles and ids are tokens that are never reused: a dead id, an id of another kind and an id of
+/// another manager give 2 and change nothing.
 
 using rvevm_Manager = struct rvevm_Manager_*;
 using rvevm_Id = void*;
@@ -24,29 +24,29 @@ enum rvevm_IoEventType : int { RVEVM_READ = 1, RVEVM_WRITE = 2, RVEVM_EXCEPTION 
 using rvevm_Callback = void (*)(void* owner, void* closure, int kind, void* entry);
 
 /// Makes a manager; the caller owns it and ends it with `rvevm_Destroy`. 2 for a null pointer, 8
-/// without memory, 9 when the system has no descriptor for the wake-up.
+/// without memory, 9 without a descriptor for the wake-up.
 KVX_API int rvevm_Create(rvevm_Manager*);
 
-/// Removes everything registered and frees the manager; its signals get the default handling back.
-/// From inside its own main loop the loop is stopped, no further callback runs, and the manager is
-/// freed when the loop returns.
+/// Removes all registrations, restores the default handling of its signals and frees the manager.
+/// Inside its own main loop it stops the loop, no further callback runs, and the manager is freed
+/// when the loop returns.
 KVX_API int rvevm_Destroy(rvevm_Manager);
 
 /// Dispatches until `rvevm_Stop`. 10 for no manager or when its loop is already running.
 KVX_API int rvevm_MainLoop(rvevm_Manager);
 
-/// Ends the loop after the callback that runs now. Any thread, and safe in a signal handler; a loop
-/// that sleeps or waits ends at once. Does nothing to a loop that has not begun.
+/// Ends the loop after the current callback; a sleeping or waiting loop ends at once. No effect on
+/// a loop that has not begun. Any thread; safe in a signal handler.
 KVX_API int rvevm_Stop(rvevm_Manager);
 
-/// Calls `callback` whenever `socket` fulfils the condition. The socket stays the caller's and must
+/// Calls `callback` whenever `socket` fulfils the condition. The caller owns the socket, which must
 /// be removed before it is closed. 2 for a null id pointer, 5 for a null callback, 3 for what is
 /// not a socket or is registered for this condition already, 4 for another condition, 8 when the
 /// condition has 1,024 entries or memory runs out.
 KVX_API int rvevm_AddIO(rvevm_Manager, rvevm_Id*, unsigned int socket, rvevm_IoEventType,
                         rvevm_Callback, void* closure);
 
-/// An entry that waits to be called in the present step is not called any more.
+/// An entry that is due in the current step is not called any more.
 KVX_API int rvevm_RemoveIO(rvevm_Manager, rvevm_Id);
 
 /// Calls `callback` once, `intervalMs` from now. Its id is invalid from the moment the callback
@@ -61,7 +61,8 @@ KVX_API int rvevm_AddRepeatTimer(rvevm_Manager, rvevm_Id*, unsigned long interva
 
 KVX_API int rvevm_RemoveTimer(rvevm_Manager, rvevm_Id);
 
-/// Lets the timer fire `intervalMs` from now; a repeating timer adopts the interval (7 for 0).
+/// Restarts the timer to fire `intervalMs` from now; a repeating timer adopts the interval (7 for
+/// 0).
 KVX_API int rvevm_ResetTimer(rvevm_Manager, rvevm_Id, unsigned long intervalMs);
 
 /// Calls `callback` from the loop after the process has caught `signal` (the system's number). One

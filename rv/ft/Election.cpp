@@ -1,25 +1,25 @@
+// The election of the active members of a fault-tolerance group.
+//
+// A member is waiting, prepared or active. It keeps the last beat of every peer, and drops a peer
+// that has been silent for the activation interval or has announced its leave. A waiting member
+// activates when fewer than `activeGoal` better-ranked peers are left, but not before the
+// activation interval has passed since it joined (or its link was restored): until then it may not
+// have heard all peers. A peer's silence counts from its last beat, so the moment of activation is
+// known ahead. A member prepares `prepareMs` earlier, and never activates sooner after preparing,
+// even when a leave frees the place at once. An active member deactivates when it hears
+// `activeGoal` better-ranked active peers, or when it has been cut off for the activation interval,
+// since by then a peer may be active.
+//
+// A driver that runs late (its thread was blocked) has beats that it has not read yet, so silence
+// proves nothing: an inactive member then listens for one more heartbeat, at most once per
+// activation interval, so that a thread that is always late can still activate.
+
 #include "rv/ft/Election.h"
 
 #include <algorithm>
 #include <array>
 #include <tuple>
 #include <utility>
-
-// A member is waiting, prepared or active. It knows the others by their last beats, and drops one
-// that has been silent for the activation interval or has said that it leaves. From that:
-//
-//   - It activates when fewer than the active goal of better-ranked peers are left, but not
-//     before the activation interval has passed since it joined (or got its daemon back): until
-//     then it may not have heard everybody. A peer's silence counts from its last beat, so the
-//     moment is known ahead.
-//   - It prepares so much earlier, and never activates sooner after preparing, also when a leave
-//     makes the place free at once.
-//   - Active, it steps back as soon as `activeGoal` better-ranked active peers are heard, or
-//     when it has been cut off for the activation interval, since by then somebody else may be
-//     active.
-//
-// A driver that comes late (its thread stood still) has not read yet what the others said
-// meanwhile. Its silence is no evidence, so an inactive member then listens for one heartbeat more.
 
 namespace kvx::ft {
 
@@ -69,8 +69,8 @@ void Election::remember(const Beat& beat, Time now) {
     }
 }
 
-// Those that count least go first: worse ones decide little, waiting ones less than active ones. A
-// better-ranked active one never goes, whatever turns up.
+// Drops the least important peer: worse-ranked before better-ranked, inactive before active, then
+// the one heard longest ago. Never drops a better-ranked active peer.
 bool Election::makeRoomFor(const Peer& newcomer) {
     const auto importance = [this](const Peer& peer) {
         return std::tuple(peer.rank.isBetterThan(self_), peer.isActive, peer.heard);
@@ -84,9 +84,9 @@ bool Election::makeRoomFor(const Peer& newcomer) {
     return true;
 }
 
-// The next in rank takes over from an active peer that leaves, also when it has joined only lately:
-// one heartbeat after the joining it has heard everybody. Until then one that it never heard of may
-// have been the active one.
+// The next in rank takes over from an active peer that leaves, but not before one heartbeat after
+// its own joining, when it has heard all peers. Until then an unknown peer that leaves may have
+// been active.
 void Election::forget(const std::string& id, Time now) {
     const auto peer = peers_.find(id);
     const bool isKnown = peer != peers_.end();
@@ -104,7 +104,6 @@ void Election::advance(Time now) {
     announceIfDue(now);
 }
 
-// Once per activation interval only: a thread that is always late must be able to activate.
 void Election::excuseLateness(Time now) {
     const bool isLate = now > nextDeadline() + rules_.heartbeatMs;
     if (!isLate || (lastExcuse_ && *lastExcuse_ + rules_.activateMs > now)) return;
@@ -117,7 +116,7 @@ void Election::loseLink(Time now) {
     if (phase_ == Phase::Prepared) enter(Phase::Waiting, now);
 }
 
-// A driver that was blocked while the daemon was gone learns only now how long that has been.
+// A driver that was blocked during the outage checks its length only now.
 void Election::restoreLink(Time now) {
     if (isCutOff(now) && phase_ == Phase::Active) enter(Phase::Waiting, now);
     linkLost_.reset();
@@ -141,7 +140,7 @@ void Election::decide(Time now) {
     }
 }
 
-// Whether somebody else may be active by now without our hearing of it.
+// Whether a peer may be active by now without our hearing of it.
 bool Election::isCutOff(Time now) const {
     return linkLost_ && *linkLost_ + rules_.activateMs <= now;
 }
@@ -182,7 +181,7 @@ void Election::announceIfDue(Time now) {
     steps_.push_back(Step::Announce);
 }
 
-// When fewer than the goal of better-ranked peers will be left, if nobody is heard any more.
+// When fewer than `activeGoal` better-ranked peers will be left, if no further beat is heard.
 Time Election::activationTime() const {
     const Time earliest = std::max(mayActivate_, unlistedUntil_);
     std::array<Time, kMaximumPeers> ends;

@@ -7,12 +7,13 @@
 #include <string>
 #include <vector>
 
-/// Who is active in a fault-tolerance group: beats and the time in, announcements and actions out.
+/// Decides which members of a fault-tolerance group are active: beats and time in, announcements
+/// and actions out.
 ///
-/// No bus and no clock inside: whoever drives an election delivers the beats it hears, calls
-/// `advance` at `nextDeadline` or later, and carries out what `takeStep` gives. Times are
-/// milliseconds of one steady clock. Only the constructor, `hear` and the two that make a beat need
-/// memory and may throw `std::bad_alloc`; what was not heard then changes nothing.
+/// No bus and no clock inside: the driver passes in the beats it hears, calls `advance` at
+/// `nextDeadline` or later, and carries out the steps of `takeStep`. Times are milliseconds of one
+/// steady clock. Only the constructor, `hear` and the two that make a beat allocate and may throw
+/// `std::bad_alloc`; a beat that failed in `hear` changes nothing.
 
 namespace kvx::ft {
 
@@ -20,7 +21,7 @@ using Time = std::int64_t;
 
 enum class MemberState : std::uint8_t { Waiting = 1, Active = 2, Leaving = 3 };
 
-/// What decides who goes first: higher weight, then the earlier start, then the smaller id.
+/// The rank of a member: higher weight, then the earlier start, then the smaller id is better.
 struct Rank {
     std::uint32_t weight = 0;
     std::uint64_t start = 0;  ///< milliseconds since the epoch, UTC, at the joining
@@ -29,7 +30,7 @@ struct Rank {
     bool isBetterThan(const Rank& other) const;
 };
 
-/// What a member says about itself.
+/// One announcement of a member.
 struct Beat {
     Rank rank;
     MemberState state = MemberState::Waiting;
@@ -42,41 +43,41 @@ struct Rules {
     Time activateMs = 0;
 };
 
-/// What the driver is to do next.
+/// The next action of the driver.
 enum class Step : std::uint8_t { Announce, Prepare, Activate, Deactivate };
 
 class Election {
   public:
-    /// Members known at one time. When more turn up, one that counts less is forgotten: never a
-    /// better-ranked active one. A better-ranked one that finds no place still keeps this member
-    /// from activating for as long as a known one would.
+    /// Bound of the known peers. Beyond it the least important one is dropped, never a
+    /// better-ranked active one. A better-ranked peer that is not stored still delays this member's
+    /// activation for as long as a known one would.
     static constexpr std::size_t kMaximumPeers = 1024;
 
     /// Joins at `now`, without an action: the first step is an announcement.
     Election(Rank self, const Rules& rules, Time now);
 
-    /// A beat of this group has been heard. One's own comes back too, and counts for nothing.
+    /// Takes a beat of this group. The member's own beats are ignored.
     void hear(const Beat& beat, Time now);
 
-    /// Time has passed. Harmless when called too early.
+    /// Acts on elapsed time. No effect when called too early.
     void advance(Time now);
 
-    /// The daemon is gone: nobody hears us, and silence says nothing about the others.
+    /// The link is lost: no beats are sent or heard, and silence proves nothing.
     void loseLink(Time now);
-    /// The daemon is back. An inactive member waits as if it had just joined, and so does an active
-    /// one that was cut off for the activation interval.
+    /// The link is restored. An inactive member waits as if it had just joined, and so does an
+    /// active one that was cut off for the activation interval.
     void restoreLink(Time now);
 
-    /// The next thing to do, in order; nothing when all is done.
+    /// Removes and returns the next step, in order; nothing when there is none.
     std::optional<Step> takeStep();
 
-    /// When `advance` has something to do at the latest.
+    /// The latest time for the next call of `advance`.
     Time nextDeadline() const;
 
-    /// What an announcement says now.
+    /// The current announcement.
     Beat beat() const;
 
-    /// What the last announcement says.
+    /// The announcement of the leave.
     Beat farewell() const { return Beat{.rank = self_, .state = MemberState::Leaving}; }
 
     bool isActive() const { return phase_ == Phase::Active; }
@@ -109,16 +110,16 @@ class Election {
     Rules rules_;
 
     // The member's thread only.
-    Time joined_;  // or when the daemon came back
+    Time joined_;  // or when the link was restored
     Phase phase_ = Phase::Waiting;
     std::map<std::string, Peer> peers_;
     std::optional<Time> linkLost_;
-    Time mayActivate_;    // before this one, silence proves nothing
-    Time unlistedUntil_;  // when better-ranked ones that found no place count as silent
+    Time mayActivate_;    // before this time silence proves nothing
+    Time unlistedUntil_;  // when better-ranked peers that were not stored count as silent
     std::optional<Time> lastExcuse_;
     Time prepared_ = 0;
     Time nextBeat_;
-    std::vector<Step> steps_;  // with room for those of several events
+    std::vector<Step> steps_;  // reserved for those of several events
     std::size_t taken_ = 0;    // of them
 };
 

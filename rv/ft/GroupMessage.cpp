@@ -1,3 +1,7 @@
+// A beat is encoded into one buffer, sized by its two texts. Decoding accepts any field order and
+// ignores unknown fields; a missing field, a wrong type or size, a text without its terminator, an
+// unknown state and another group's name make it no beat.
+
 #include "rv/ft/GroupMessage.h"
 
 #include <algorithm>
@@ -12,7 +16,7 @@ namespace kvx::ft {
 namespace {
 
 constexpr std::size_t kMaximumId = 255;
-constexpr std::size_t kFixedBytes = 128;  // all of a beat but its two texts
+constexpr std::size_t kFixedBytes = 128;  // of a beat without its two texts
 
 class BeatReader {
   public:

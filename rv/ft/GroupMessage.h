@@ -7,7 +7,7 @@
 
 #include "rv/ft/Election.h"
 
-/// How the members of a group speak: one message on one subject. No I/O.
+/// The messages of a group: one form on one subject. No I/O.
 ///
 /// Fields: "id" (string), "weight" (unsigned, 4 bytes), "start" (unsigned, 8 bytes: milliseconds
 /// since the epoch, UTC), "state" (unsigned, 4 bytes: 1 waiting, 2 active, 3 leaving), "group"
@@ -16,13 +16,14 @@
 namespace kvx::ft {
 
 /// `_RVFT.` and the group's name as one element, full stops as underscores. Nothing when the name
-/// makes no valid element.
+/// is not a valid element.
 std::optional<std::string> groupSubject(std::string_view group);
 
-/// A message buffer; empty when the texts are too long for one.
+/// A message buffer; empty when the texts are too long.
 std::vector<unsigned char> encodeBeat(const Beat& beat, const std::string& group);
 
-/// Nothing for what is no beat of exactly this group. `message` is a whole valid message.
+/// Nothing for any other message than a beat of exactly this group. `message` is a whole valid
+/// message.
 std::optional<Beat> decodeBeat(const void* message, const std::string& group);
 
 }  // namespace kvx::ft

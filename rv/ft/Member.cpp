@@ -1,3 +1,11 @@
+// Binds one election to a session: hooks, a timer and a listen feed it, and its steps are sent or
+// passed to the action.
+//
+// Core callbacks carry the member's token, never a pointer: a callback for a member that has left
+// finds none. Sending may run user code (the core calls its listeners when it finds the daemon
+// gone), and so may every action. So one loop carries out the steps, a nested call leaves them to
+// the outer one, and the loop checks after each step whether the member has left.
+
 #include "rv/ft/Member.h"
 
 #include <algorithm>
@@ -12,11 +20,6 @@
 #include "rv/session/rvSessionEvents.h"
 #include "rv/session/rvSessionHooks.h"
 
-// Everything the core calls back with is the member's token, never a pointer: a callback that comes
-// for a member that has left finds nobody. Sending may run user code (the core tells its listeners
-// when it finds the daemon gone), and so may every action, so steps are carried out by one loop,
-// which a nested call leaves to the outer one, and which looks after each step whether the member
-// is still there.
 
 namespace kvx::ft {
 
@@ -87,7 +90,7 @@ FtCode Member::registerWithSession() {
     if (armed != 0) return kCannotAnnounce;
     const int heard = rv_Listen(session, &listener_, subject_.c_str(), onMessage, token_);
     if (heard == session_code::kNoMemory) return kNoMemory;
-    // A link that breaks here is like one that was broken before: the listen is announced later.
+    // A link that breaks here counts as broken before: the listen is announced at the reconnect.
     const bool brokeNow = heard == session_code::kNotConnected && rv_IsOpen(session);
     return heard == 0 || (brokeNow && listener_ != nullptr) ? kOk : kCannotAnnounce;
 }
@@ -155,8 +158,8 @@ void Member::carryOut() {
     if (!hasLeft_) arm();
 }
 
-// Without a connection nobody can hear it; the disconnect hook has told the election. One that
-// finds no memory is made up for by the next heartbeat.
+// A failed send needs no handling: the disconnect hook has told the election. Without memory the
+// next heartbeat replaces this one.
 void Member::announce(Beat (Election::*news)() const) {
     std::vector<unsigned char> message;
     try {

@@ -19,7 +19,7 @@ enum FtCode : int {
     kCannotAnnounce = 6,
 };
 
-/// What a member does on its session's behalf, as given to `rvft_Join`.
+/// The arguments of `rvft_Join` that a member keeps.
 struct Membership {
     rv_Session session;
     std::string group;
@@ -27,20 +27,21 @@ struct Membership {
     void* closure;
 };
 
-/// One member of a group on a session: carries an election's steps to the bus and the bus's news to
-/// the election. The registry owns it; whoever runs one of its operations holds it as well, since
-/// user code may leave the group meanwhile. Loop thread of the session only.
+/// One member of a group on a session: connects an election to the bus. The registry owns it; a
+/// running operation holds it as well, since user code may leave the group meanwhile. Loop thread
+/// of the session only.
 class Member {
   public:
     Member(Membership membership, Rank rank, const Rules& rules, void* token);
     Member(const Member&) = delete;
     Member& operator=(const Member&) = delete;
 
-    /// Registers with the session and announces the joining. With nothing left behind, `kNoMemory`
-    /// or, when the session cannot listen on `subject` or has no timers, `kCannotAnnounce`.
+    /// Registers with the session and announces the joining. On failure leaves no registration and
+    /// returns `kNoMemory` or, when the session cannot listen on `subject` or has no timers,
+    /// `kCannotAnnounce`.
     FtCode start(const std::string& subject);
 
-    /// Announces the leave and ends every registration. Nothing calls back afterwards.
+    /// Announces the leave and ends every registration; no callback runs afterwards.
     void leave();
 
     bool isOf(rv_Session session, const std::string& group) const {
@@ -71,8 +72,7 @@ class Member {
     bool hasLeft_ = false;
 };
 
-/// The members of this process by token: a token is never used twice, so that one of a member that
-/// has left is known for dead. Any thread.
+/// The member of this token, null when it has left. A token is never reused. Any thread.
 std::shared_ptr<Member> findMember(void* token);
 
 }  // namespace kvx::ft

@@ -1,3 +1,8 @@
+// The public operations, and the registry of this process's members by token. The registry's lock
+// is never held while user code runs: an operation takes a shared pointer out of it first. A leave
+// removes the member from the registry before it announces anything, so callbacks that come later
+// find none.
+
 #include "rv/ft/rvft.h"
 
 #include <algorithm>
@@ -21,7 +26,7 @@ namespace {
 class Registry {
   public:
     static Registry& instance() {
-        static auto& registry = *new Registry;  // sessions may close while the process ends
+        static auto& registry = *new Registry;  // never destroyed: sessions may close during exit
         return registry;
     }
 
@@ -55,7 +60,7 @@ std::uintptr_t nextNumber() {
     return ++last;
 }
 
-// An interval too long for the clock becomes the longest one, some 24 days.
+// Longer intervals are cut to 2^31 - 1 ms, some 24 days.
 Rules rulesOf(unsigned activeGoal, unsigned long heartbeatMs, unsigned long prepareMs,
               unsigned long activateMs) {
     const auto interval = [](unsigned long milliseconds) {

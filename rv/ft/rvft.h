@@ -4,13 +4,13 @@
 #include "rv/session/rv_Session.h"
 
 /// Fault-tolerance groups: of the members of a group that hear one another, the best-ranked
-/// `activeGoal` are active. Rank goes by the higher weight, then the earlier joining, then the
-/// member's id. Loop thread only, but for `rvft_ErrorText`.
+/// `activeGoal` are active. A higher weight ranks first, then the earlier joining, then the smaller
+/// member id. Loop thread only, except `rvft_ErrorText`.
 
 using rvft_MemberId = struct rvft_Member_*;
 
-/// What a member is told. Preparing comes only with a preparation interval, and may come again
-/// without an activation in between when a better-ranked member has turned up meanwhile.
+/// The actions. Preparing comes only with a preparation interval, and may come again without an
+/// activation in between when a better-ranked member has joined meanwhile.
 enum { RVFT_PREPARE_TO_ACTIVATE = 1, RVFT_ACTIVATE = 2, RVFT_DEACTIVATE = 3 };
 
 /// Runs on the loop thread, never inside `rvft_Join`. May leave the group and close the session.
@@ -26,17 +26,17 @@ using rvft_Action = void (*)(rv_Session, const char* group, int action, void* cl
 /// latter no sooner than its loop runs, which a round of attempts to reconnect blocks.
 ///
 /// 0; 1 for a null or empty group, a null id or action, a goal or heartbeat interval of 0, or an
-/// activation interval that is not longer than the heartbeat's (the member could not tell a beat
-/// that is on its way from silence) or shorter than the preparation's; 2 for a null or dead
-/// session; 3 when memory ran out; 4 when this session is a member already; 6 when the group's name
-/// does not fit a subject or the session cannot listen or has no timers.
+/// activation interval that is not longer than the heartbeat's or is shorter than the
+/// preparation's; 2 for a null or closed session; 3 without memory; 4 when this session is a member
+/// already; 6 when the group's name does not fit a subject or the session cannot listen or has no
+/// timers.
 KVX_API int rvft_Join(rv_Session session, rvft_MemberId* id, const char* group, unsigned weight,
                       unsigned activeGoal, unsigned long heartbeatMs, unsigned long prepareMs,
                       unsigned long activateMs, rvft_Action action, void* closure);
 
 /// Announces the leave, so that the next in rank takes over at once, and frees the member; its
-/// action is not called any more. Closing the session leaves too. 5 for an id that is no member
-/// (any more).
+/// action is not called any more. Closing the session leaves too. 5 for an id that is not a current
+/// member.
 KVX_API int rvft_Leave(rvft_MemberId id);
 
 /// The text of a code of the two operations above; empty for another one. `session` may be null.

@@ -1,3 +1,8 @@
+// Exact reads and writes with a deadline, for greetings and parameter blocks. The socket may be
+// blocking or not, so nothing is read before a wait has found the socket readable; a write is tried
+// first and waits only when the socket takes nothing. Interruptions and spurious wake-ups repeat
+// the step under the same deadline.
+
 #include "rv/link/LinkIo.h"
 
 #include <algorithm>

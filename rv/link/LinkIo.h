@@ -6,15 +6,14 @@
 #include "platform/Socket.h"
 #include "rv/wire/Limits.h"
 
-/// Blocking exchanges of small blocks while a connection is set up. The socket may be blocking or
-/// not.
+/// Blocking exchanges of small blocks during connection setup. The socket may be blocking or not.
 namespace kvx::link {
 
-/// A moment by which something must have happened; may be "never".
+/// A point in time for a whole exchange; may be "never".
 class Deadline {
   public:
     static Deadline in(platform::Milliseconds timeout);
-    /// Milliseconds left, 0 once it has passed, `kForever` when there is none.
+    /// Milliseconds left, 0 once it has passed, `kForever` for "never".
     [[nodiscard]] platform::Milliseconds left() const;
     [[nodiscard]] bool passed() const { return left() == 0; }
 
@@ -22,8 +21,8 @@ class Deadline {
     platform::Milliseconds at_ = platform::kForever;
 };
 
-/// Waits until the socket is ready for `interest`; false when the deadline passes first or the
-/// socket is bad. Interruptions are retried.
+/// Waits until the socket is ready for `interest`; false when the deadline passes first or on a
+/// socket error. Interruptions are retried.
 [[nodiscard]] bool waitUntil(platform::SocketHandle socket, unsigned interest,
                              const Deadline& deadline) noexcept;
 

@@ -1,6 +1,8 @@
-// How a connected socket becomes a queue: the exchange of 64-byte parameter blocks. What to answer
-// is decided in rv/wire, which the daemon shares; here the blocks travel, within five seconds in
-// all.
+// Makes a queue from a connected socket by exchanging 64-byte parameter blocks, within five seconds
+// in all. rv/wire, which the daemon shares, decides the answers; this file does the I/O. In version
+// 4 the daemon sends the first block, and blocks alternate until one side accepts or refuses; in
+// version 3 the client sends one block and compares the daemon's answer with it. On any failure the
+// socket is closed.
 
 #include <utility>
 

@@ -1,8 +1,8 @@
 // A queue's life: made from an accepted parameter block, kept alive by a timer, closed.
 //
-// Its events hold the queue's address, so they are removed before the memory goes, and the memory
-// goes only when none of its events is on the stack (`Running`). From `ipq_Close` on no callback is
-// called.
+// Its events hold the queue's address, so they are removed before the queue is freed, and it is
+// freed only when none of its events is on the stack (`Running`). From `ipq_Close` on no callback
+// is called.
 
 #include <algorithm>
 #include <new>
@@ -25,7 +25,7 @@ void onKeepaliveTick(void* /*owner*/, void* closure, int /*kind*/, void* /*entry
     kvx::link::keepAlive(queue);
 }
 
-// Reads and forgets until the peer closes its end.
+// Reads and discards until the peer closes its end.
 void awaitPeerClose(kvx::platform::SocketHandle socket) {
     const Deadline deadline = Deadline::in(kvx::link::kCloseWaitMs);
     std::array<std::byte, 4096> forgotten;
@@ -75,7 +75,7 @@ void reportFailure(ipq_Queue queue) {
         queue->onPeerGone.function(queue, queue->state, queue->onPeerGone.closure);
 }
 
-// Something is said once in a minute; a block that does not get away is pushed.
+// Sends a keepalive after a minute without traffic; continues a block that is still unwritten.
 void keepAlive(ipq_Queue queue) {
     if (std::exchange(queue->traffic, false)) return;
     if (!queue->writer.empty()) {

@@ -1,13 +1,13 @@
 // The receiving half of a link.
 //
-// Bytes are received ahead, up to 64 KiB at a time, and cut into messages that are handed out where
-// they lie. So a socket without input may still have whole messages waiting here: whenever a turn
-// ends with such a rest, the read event is made ready for the next step. Keepalives, close notices
-// and broken frames take effect when their turn in the stream comes, not when they arrive.
+// Bytes are received ahead, up to 64 KiB at a time, and cut into messages that are delivered in
+// place. So whole messages may wait here although the socket has no input: a turn that ends with
+// such a rest makes the read event ready for the next step. Keepalives, close notices and broken
+// frames take effect in stream order, not when they arrive.
 //
-// Messages are given to the owner one at a time, and the owner may do anything meanwhile: close the
-// queue (the loop stops, and the memory goes when it has returned) or read on from inside the
-// callback (the buffer under delivery is then left alone, see `lent`).
+// Messages are passed to the owner one at a time. Its callback may close the queue (the loop stops,
+// and the queue is freed when it has returned) or read on (the buffer under delivery is then not
+// written to, see `lent`).
 
 #include <algorithm>
 #include <atomic>
@@ -32,7 +32,7 @@ bool isTracing() {
     return level != nullptr && *level >= 1;
 }
 
-// A buffer that may be written to.
+// A receive buffer that is not under delivery.
 std::span<std::byte> receiveBuffer(ipq_Queue queue) {
     if (queue->lent > 0 && queue->buffer) queue->retired.push_back(std::move(queue->buffer));
     if (!queue->buffer) queue->buffer = std::make_unique<std::byte[]>(kReceiveBufferSize);
@@ -52,7 +52,7 @@ ipq_State stateOfReceiveError(const ipq_Queue_& queue, int code) {
     }
 }
 
-// Receives once and feeds the reader; 0, or why there is nothing.
+// Receives once and feeds the reader. Returns 0, or the state when nothing was received.
 ipq_State receive(ipq_Queue queue) {
     const std::span<std::byte> buffer = receiveBuffer(queue);
     platform::IoResult got;

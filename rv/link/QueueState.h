@@ -19,7 +19,7 @@ inline constexpr unsigned long kKeepaliveTickMs = 60'000;  // silence before a k
 inline constexpr platform::Milliseconds kCloseWaitMs = 5'000;    // for the peer to close its end
 inline constexpr platform::Milliseconds kStallLimitMs = 60'000;  // blocking writes without progress
 
-/// One received message and, when it came in pieces, the memory it lies in.
+/// One received message and, when it came in pieces, its memory.
 struct Received {
     wire::Bytes bytes;
     std::vector<std::uint8_t> assembled;
@@ -35,19 +35,18 @@ struct ipq_Queue_ {
     [[nodiscard]] std::size_t sendCap() const;
 
     kvx::link::LinkHost* host;
-    rvevm_Manager manager;  // the host's when the events were registered; null: synchronous
+    rvevm_Manager manager;  // the host's at registration; null: synchronous
     kvx::platform::Socket socket;
     ipq_State state = IPQ_OK;
     bool blocking = false;
-    bool kept = false;     // the last message enqueued waits or has been written
+    bool kept = false;     // the last enqueued message waits or was written
     bool traffic = false;  // since the last keepalive tick, in either direction
     kvx::platform::Milliseconds stallLimit = kvx::link::kStallLimitMs;
     bool batching = false;
     std::size_t readBudget = 0;
 
     // Receiving. While a message of the buffer is being delivered (`lent`), the buffer is not
-    // written to: what arrives meanwhile goes into a fresh one, and the old one waits among the
-    // retired.
+    // written to: new input goes into a fresh one, and the old one is kept among the retired.
     kvx::wire::FrameReader reader;
     std::unique_ptr<std::byte[]> buffer;
     std::vector<std::unique_ptr<std::byte[]>> retired;
@@ -65,7 +64,7 @@ struct ipq_Queue_ {
     rvevm_Id retryTimer = nullptr;
     rvevm_Id keepaliveTimer = nullptr;
 
-    kvx::platform::Milliseconds nextTick = 0;  // the keepalive's, where no timer tells
+    kvx::platform::Milliseconds nextTick = 0;  // the keepalive's, without a timer
 
     // Callbacks on the stack; the queue is freed when the last one has returned.
     int running = 0;
@@ -79,7 +78,7 @@ struct ipq_Queue_ {
 
 namespace kvx::link {
 
-/// Keeps a queue's memory while one of its events runs.
+/// Keeps a queue allocated while one of its events runs.
 class Running {
   public:
     explicit Running(ipq_Queue queue) : queue_(queue) { ++queue_->running; }
@@ -91,29 +90,29 @@ class Running {
     ipq_Queue queue_;
 };
 
-/// Tells the owner that the link is over; within a `Running`.
+/// Reports the end of the link to the owner; within a `Running`.
 void reportFailure(ipq_Queue queue);
 
 /// Sends a keepalive unless there was traffic since the last call; within a `Running`.
 void keepAlive(ipq_Queue queue);
 
-/// Registers and removes the events of a queue. `registerEvents` gives an event-manager code, and
-/// nothing stays registered when it fails.
+/// Registers and removes the events of a queue. `registerEvents` returns an event-manager code; on
+/// failure nothing stays registered.
 int registerEvents(ipq_Queue queue);
 void removeEvents(ipq_Queue queue);
 
-/// Lets the read event come in the next step when whole messages wait here.
+/// Makes the read event ready for the next step when whole messages wait.
 void continueReading(ipq_Queue queue);
 
-/// The events.
+/// The event callbacks.
 void onReadable(void* owner, void* closure, int kind, void* entry);
 void onWritable(void* owner, void* closure, int kind, void* entry);
 
-/// Writes until nothing waits, the socket would block (4) or the link is broken (7).
+/// Writes until the queue is empty, the socket would block (4) or the link is broken (7).
 ipq_State writeSome(ipq_Queue queue);
 /// Writes everything, waiting for a slow peer up to `stall` without progress or `deadline` in all.
 ipq_State writeAll(ipq_Queue queue, platform::Milliseconds stall, const Deadline& deadline);
-/// Writes what the socket takes now and asks for an event when something is left.
+/// Writes what the socket takes now and registers an event for the rest.
 ipq_State writeOn(ipq_Queue queue);
 
 }  // namespace kvx::link

@@ -1,8 +1,8 @@
 // The sending half of a link: from the segment queue to the socket.
 //
-// A message that finds nothing before it is written at once (in batching mode at the next write
-// event); everything else waits behind the block being written until the socket takes more, which a
-// write event tells, or a timer where the event manager cannot watch for that.
+// A message in an empty queue is written at once (in batching mode at the next write event). All
+// others wait behind the block being written until the socket takes more, which a write event
+// reports, or a retry timer where that event cannot be registered.
 
 #include <algorithm>
 #include <utility>
@@ -60,7 +60,7 @@ bool sendChunk(ipq_Queue queue) {
     return false;
 }
 
-// Called after a message has been added; `idle` when nothing waited before it.
+// Called after a message was added; `idle`: the queue was empty before.
 ipq_State startWriting(ipq_Queue queue, bool idle) {
     if (queue->writesBlocking()) return writeAll(queue, queue->stallLimit, Deadline());
     const bool isAskedFor = queue->writeEvent != nullptr || queue->retryTimer != nullptr;

@@ -1,11 +1,10 @@
-// The outgoing half of a link.
+// The queue of outgoing messages, packed into segments.
 //
-// Messages wait in two places: the block being written, of which a part may already be on its way,
-// and the segments behind it. A block is either one message in its own buffer, as it was handed
-// over, or several in a buffer of the segment size. A message joins the last segment while the
-// result stays within the segment size, so that a burst of small messages costs few sends; only the
-// first such joining copies what was there. Both counts include the block being written until it is
-// finished.
+// Messages wait in the block being written, part of which may have been sent, and in the segments
+// behind it. A segment is one message in its own buffer, or several in a buffer of the segment
+// size. A message joins the last segment while the result stays within the segment size, so that a
+// burst of small messages costs few sends; only the first join copies the message already there.
+// Both counts include the block being written until it is finished.
 
 #include "rv/link/SegmentQueue.h"
 
@@ -66,7 +65,7 @@ SegmentQueue::Segment SegmentQueue::single(wire::OwnedMessage&& message, std::si
     return {std::move(message), length, 1};
 }
 
-// The newest message is never the one that goes: a segment that it shares with older ones stays.
+// Never drops the newest message: a segment that it shares with older ones stays.
 void SegmentQueue::dropOldest() {
     if (waiting_.size() > 1) {
         forget(waiting_.front());

@@ -9,7 +9,7 @@
 
 namespace kvx::link {
 
-/// What became of a message that was added.
+/// The result of adding a message.
 enum class Added {
     Kept,
     KeptOthersDropped,  ///< the message limit is reached; the oldest waiting segment may be gone
@@ -18,7 +18,7 @@ enum class Added {
 };
 
 /// The outgoing messages of a link: the block being written and the segments that wait behind it.
-/// Bytes in, bytes out; no socket. Small messages are packed into segments.
+/// Bytes in, bytes out; no socket.
 class SegmentQueue {
   public:
     SegmentQueue(const wire::QueueLimits& limits, std::size_t segmentSize);
@@ -30,8 +30,8 @@ class SegmentQueue {
     [[nodiscard]] bool empty() const { return !writing_.bytes.bytes; }
     /// The unwritten rest of the block being written.
     [[nodiscard]] wire::Bytes unwritten() const;
-    /// Takes note that the first `count` bytes of `unwritten` are on their way. A finished block
-    /// makes room for the next segment.
+    /// Marks the first `count` bytes of `unwritten` as written. After a finished block the next
+    /// segment follows.
     void written(std::size_t count);
     /// Drops the block being written.
     void discardBlock();

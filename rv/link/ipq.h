@@ -19,11 +19,11 @@
 
 namespace kvx::link {
 
-/// How a link queues unless the session says otherwise.
+/// The default queue properties of a link.
 inline constexpr ipq_Properties kDefaultProperties = {
     .batching = 0, .readBudget = 4096, .segmentSize = 8192};
 
-/// What a queue needs of the session that owns it. The host must outlive its queues.
+/// What a queue needs from its session. The host must outlive its queues.
 class LinkHost {
   public:
     /// The manager on which the queue registers its events; null for a synchronous session, whose
@@ -38,15 +38,15 @@ class LinkHost {
     ~LinkHost() = default;
 };
 
-/// Names the variable that says how much the bus library traces to standard error; null is silence.
-/// The variable must stay valid. Any thread.
+/// Sets the variable that holds the bus library's trace level on standard error; null for no
+/// traces. The variable must stay valid. Any thread.
 KVX_API void setTraceLevel(const int* level) noexcept;
 
 }  // namespace kvx::link
 
 using ipq_Queue = struct ipq_Queue_*;
 
-/// How a queue stands after its last operation; also the results of `ipq_Create`.
+/// The state of a queue after its last operation; also the results of `ipq_Create`.
 enum ipq_State : int {
     IPQ_OK = 0,
     IPQ_NO_MEMORY = 1,
@@ -69,7 +69,7 @@ enum ipq_SetupResult : int {
 struct ipq_Statistics {
     std::uint64_t messagesRead = 0;
     std::uint64_t bytesRead = 0;
-    std::uint64_t messagesInvalid = 0;  ///< received, of a sound length, but no valid message
+    std::uint64_t messagesInvalid = 0;  ///< received with a valid length, but invalid fields
     std::uint64_t messagesWritten = 0;
     std::uint64_t bytesWritten = 0;
     std::uint64_t messagesDropped = 0;  ///< by the message limit
@@ -77,8 +77,7 @@ struct ipq_Statistics {
     std::uint64_t shortWrites = 0;  ///< sends that took less than was offered
 };
 
-/// `message` is whole and valid, and stays so until the callback returns; the callback may close
-/// the queue.
+/// `message` is whole and valid until the callback returns; the callback may close the queue.
 using ipq_MessageCallback = void (*)(ipq_Queue queue, kvx::wire::Bytes message, void* closure);
 /// Peer gone, and errors; called from an event of the queue or `ipq_DispatchOne`, never from
 /// another operation. The callback usually closes the queue.
@@ -90,8 +89,8 @@ struct ipq_Callback {
     void* closure = nullptr;
 };
 
-/// Version 3 setup and version 4 negotiation, each within 5 s. `socket` is taken over, and closed
-/// when no queue comes of it.
+/// Version 3 setup and version 4 negotiation, each within 5 s. Takes ownership of `socket`, which
+/// is closed on failure.
 int ipq_CreateV3(ipq_Queue* queue, kvx::link::LinkHost& session, kvx::platform::Socket socket);
 int ipq_NegotiateV4(ipq_Queue* queue, kvx::link::LinkHost& session, kvx::platform::Socket socket);
 
@@ -101,26 +100,25 @@ int ipq_NegotiateV4(ipq_Queue* queue, kvx::link::LinkHost& session, kvx::platfor
 int ipq_Create(ipq_Queue* queue, kvx::link::LinkHost& session,
                const kvx::wire::ParameterBlock& block, kvx::platform::Socket socket);
 
-/// Hands over a message, which is written at once, packed behind what waits, or refused. `front`
-/// appends it to the block being written. True when it was accepted and nothing had to be dropped;
-/// otherwise `ipq_StateOf` tells why, and after state 3 `ipq_WasKept` whether it waits
-/// nevertheless.
+/// Takes ownership of a message, which is written at once, queued, or refused. `front` appends it
+/// to the block being written. True when it was accepted and nothing was dropped; otherwise
+/// `ipq_StateOf` returns the reason, and after state 3 `ipq_WasKept` whether the message is queued.
 bool ipq_Enqueue(ipq_Queue queue, kvx::wire::OwnedMessage message, bool front);
 bool ipq_WasKept(ipq_Queue queue);
 
 /// The next valid message, empty when there is none (`ipq_StateOf`: 4 nothing yet, 7 peer gone, 1
-/// no memory). Waits for it in blocking mode. It lies in the queue until the next read.
+/// no memory). Waits in blocking mode. The bytes belong to the queue until the next read.
 kvx::wire::Bytes ipq_Read(ipq_Queue queue);
 /// The same, waiting at most `timeout` (`kForever` for no limit) in either mode.
 kvx::wire::Bytes ipq_ReadWithin(ipq_Queue queue, kvx::platform::Milliseconds timeout);
 
-/// Reads one message as an event would and gives it to the message callback, waiting at most
-/// `timeout` for it. State 0 when there was one, 4 at the time-out, 7 when the peer is gone (its
-/// callback has been called). The queue may be gone afterwards.
+/// Waits at most `timeout` for one message and passes it to the message callback. State 0 when
+/// there was one, 4 at the time-out, 7 when the peer is gone (its callback has been called). The
+/// queue may have been freed by then.
 ipq_State ipq_DispatchOne(ipq_Queue queue, kvx::platform::Milliseconds timeout);
 
-/// Writes what waits, for at most `timeout`. State 0 when nothing waits any more, 4 when the
-/// time-out passed first, 7 when the peer is gone.
+/// Writes the queue for at most `timeout`. Returns 0 when it is empty, 4 at the time-out, 7 when
+/// the peer is gone.
 ipq_State ipq_Flush(ipq_Queue queue, kvx::platform::Milliseconds timeout);
 
 /// In blocking mode a write is finished before `ipq_Enqueue` returns, and a peer that takes nothing
@@ -141,9 +139,9 @@ ipq_Callback<ipq_EventCallback> ipq_SetErrorCallback(ipq_Queue queue, ipq_EventC
 /// Registers the queue's events again, with the manager of `session`, which becomes its host.
 int ipq_MoveToManager(ipq_Queue queue, kvx::link::LinkHost& session);
 
-/// Closes the socket and frees the queue, from inside one of its callbacks when that returns (no
-/// further callback is called). A graceful close first writes everything that waits and the close
-/// block, then waits up to 5 s for the peer to close.
+/// Closes the socket and frees the queue; inside one of its callbacks, when that returns. No
+/// further callback is called. A graceful close first writes the queue and the close block, then
+/// waits up to 5 s for the peer to close.
 void ipq_Close(ipq_Queue queue, bool graceful);
 
 void ipq_SetProperties(ipq_Queue queue, const ipq_Properties& properties);

@@ -1,4 +1,4 @@
-// The subjects of advisories, and how one is built (the operations of rv/error/rvAdvisory.h).
+// The subjects of advisories, and building one (the operations of rv/error/rvAdvisory.h).
 
 #include "rv/message/AdvisorySubjects.h"
 

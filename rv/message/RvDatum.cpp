@@ -1,3 +1,11 @@
+// A datum borrows its data or owns it, and owns a copy of its name. The type decides how many bytes
+// a copy of the data takes: a recorded size of 0 is computed for strings, messages and sealed
+// blocks, and a block whose own length word exceeds the recorded size is not copied.
+//
+// The arguments of `set` and of an assignment may lie in memory that this datum owns. Nothing is
+// freed before both name and data have been copied, and data inside owned memory is moved to the
+// front of that memory instead of being copied.
+
 #include "rv/message/RvDatum.h"
 
 #include <cstring>
@@ -11,8 +19,7 @@ namespace {
 
 namespace code = kvx::message_code;
 
-// A message or a sealed block is read as far as its own length word says, so the bytes to copy must
-// not be less.
+// Readers of a message or sealed block trust its length word, so no fewer bytes may be copied.
 bool blockBytes(rvmsg_Data block, std::uint32_t magic, std::uint32_t least, rvmsg_Size& bytes) {
     if (block == nullptr) return bytes != 0;
     if (bytes != 0 && bytes < kvx::kHeaderBytes) return false;
@@ -23,8 +30,8 @@ bool blockBytes(rvmsg_Data block, std::uint32_t magic, std::uint32_t least, rvms
     return isBlock && length >= least;
 }
 
-// The bytes that a copy takes: the recorded size, or what it is worked out to be. False for data
-// that a reader of the copy would overrun.
+// The bytes to copy: the recorded or computed size. False when a reader of the copy would overrun
+// it.
 bool bytesToCopy(const RvDatum& datum, rvmsg_Size& bytes) {
     bytes = datum.size();
     const rvmsg_Data data = datum.data();
@@ -97,8 +104,8 @@ void RvDatum::set(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data
     m_data = data;
 }
 
-// `set` for data that lies in memory of this datum, its name's or its data's: that memory becomes
-// the datum's data, with what is wanted moved to the front. False when the data lies elsewhere.
+// `set` for data inside the memory of this datum's name or data, which becomes the datum's data.
+// False when the data lies elsewhere.
 bool RvDatum::takeOwn(rvmsg_Type type, rvmsg_Size size, const char* name, rvmsg_Data data) {
     kvx::Text memory;
     std::size_t bytes = m_nameBytes;
@@ -170,8 +177,7 @@ bool RvDatum::growTo(rvmsg_Size bytes) {
     return true;
 }
 
-// Name and data of `other` may lie in what this datum owns: the data is copied first, never over
-// the name, then the name, and nothing is freed before.
+// The data is copied first, never over the name of `other`, then the name.
 void RvDatum::copyFrom(const RvDatum& other) {
     rvmsg_Size bytes = 0;
     bool isWhole = bytesToCopy(other, bytes);

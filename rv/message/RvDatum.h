@@ -23,11 +23,11 @@ class KVX_API RvDatum {
     RvDatum(rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
     /// The same with a copy of `name`.
     RvDatum(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
-    /// A private copy. Size 0 of a string, message or sealed block is worked out for the copying
-    /// and stays recorded as 0; a value without data keeps its type only. When the size cannot be
-    /// worked out, when a message, sealed block or subject is longer than the recorded size, and
-    /// when memory is exhausted, the copy is the empty datum. `other` may refer to what the target
-    /// of an assignment owns.
+    /// A private copy. Size 0 of a string, message or sealed block is computed for the copy and
+    /// stays recorded as 0; a value without data keeps its type only. The copy is the empty datum
+    /// when the size cannot be computed, when a message, sealed block or subject is longer than the
+    /// recorded size, and without memory. `other` may refer to memory that the target of an
+    /// assignment owns.
     RvDatum(const RvDatum& other);
     RvDatum& operator=(const RvDatum& other);
     virtual ~RvDatum();
@@ -37,8 +37,8 @@ class KVX_API RvDatum {
     virtual bool operator==(const RvDatum& other) const;
 
     /// Frees owned data and borrows `data`; null data forces size 0. `name` is copied, null clears
-    /// it; without memory for the copy the datum has no name. Both may lie in what this datum owns:
-    /// such data is kept, and still owned, at the front of its memory.
+    /// it; without memory for the copy the datum has no name. Both may lie in memory that this
+    /// datum owns: such data stays owned, moved to the front of its memory.
     void set(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
 
     rvmsg_Type type() const { return m_type; }
@@ -59,9 +59,10 @@ class KVX_API RvDatum {
     void print(FILE* stream) const;
 
   protected:
-    /// Takes ownership of `data`, which came from `malloc` and holds `allocated` bytes.
+    /// Takes ownership of `data`, `allocated` bytes from `malloc`.
     void adopt(rvmsg_Type type, rvmsg_Size size, void* data, rvmsg_Size allocated);
-    /// Borrows all three: for a walk, whose datum is overwritten before the message may change.
+    /// Borrows name and data. For an iterator, whose datum is overwritten before the message may
+    /// change.
     void borrow(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
         if (m_borrowed == 0) releaseData();
         m_nameText = name;
@@ -69,10 +70,9 @@ class KVX_API RvDatum {
         m_size = size;
         m_data = data;
     }
-    /// `name` is copied; null clears it. False, with the old name kept, when memory is exhausted.
+    /// `name` is copied; null clears it. False without memory; the old name stays.
     [[nodiscard]] bool setName(const char* name);
-    /// Makes the owned buffer `bytes` large, which is not less than it holds. False, with nothing
-    /// changed, when memory is exhausted.
+    /// Grows the owned buffer to `bytes`. False without memory; nothing is changed.
     [[nodiscard]] bool growTo(rvmsg_Size bytes);
     bool borrowed() const { return m_borrowed != 0; }
     /// Bytes of the owned buffer; 0 while borrowing.

@@ -1,8 +1,8 @@
 // A message that grows.
 //
-// The datum underneath owns the buffer and knows how many bytes it holds; that is the capacity.
-// What a caller appends may lie in the message itself (a field it has just read, say): the low
-// layer reads it before it moves anything, and growing turns it into an offset first.
+// The base datum owns the buffer; its allocated bytes are the capacity. Appended data may lie in
+// the message itself, such as a field just read: `rvmsg_Append` reads it before it moves anything,
+// and growing turns the pointer into an offset first.
 
 #include "rv/message/RvMsg.h"
 
@@ -20,8 +20,8 @@ namespace code = kvx::message_code;
 
 constexpr unsigned long kDefaultCapacity = 1024;
 constexpr std::uint64_t kMaxCapacity = std::numeric_limits<rvmsg_Size>::max();
-constexpr std::uint64_t kGrowReserve = 8;   // beside the data
-constexpr std::uint64_t kUnsizedData = 32;  // what size 0 of other types may turn out to need
+constexpr std::uint64_t kGrowReserve = 8;   // bytes besides the data
+constexpr std::uint64_t kUnsizedData = 32;  // bytes for size 0 of other types
 
 RvStatus messageStatus(int result) {
     return RvStatus::message(static_cast<unsigned>(result));
@@ -39,7 +39,7 @@ bool isMessage(rvmsg_Data buffer) {
            kvx::loadBig32(buffer) >= kvx::kHeaderBytes;
 }
 
-// The capacity with which an append that found no room is tried again.
+// The capacity for the second try of an append that found no room.
 std::uint64_t grownCapacity(std::uint64_t capacity, const char* name, rvmsg_Type type,
                             rvmsg_Size size, rvmsg_Data data) {
     std::uint64_t need = capacity + size + kGrowReserve;
@@ -47,7 +47,7 @@ std::uint64_t grownCapacity(std::uint64_t capacity, const char* name, rvmsg_Type
     if (size != 0) return need;
     switch (type) {
         case RVMSG_MSG: {
-            rvmsg_Size length = 0;  // stays 0 for what is no message, which the append refuses
+            rvmsg_Size length = 0;  // stays 0 when it is not a message, which the append refuses
             rvmsg_Length(data, &length);
             return need + length;
         }
@@ -61,7 +61,7 @@ std::uint64_t grownCapacity(std::uint64_t capacity, const char* name, rvmsg_Type
 }  // namespace
 
 struct RvMsg::Context {
-    /// Room for the elements of a name that is taken apart.
+    /// Buffer for the elements of a path.
     struct NamePath {
         char separator = '.';
         unsigned capacity = 16;
@@ -69,7 +69,7 @@ struct RvMsg::Context {
         const char* elements[16] = {};
     };
 
-    alignas(8) unsigned char scratch[16] = {};  // what the latest lookup decoded
+    alignas(8) unsigned char scratch[16] = {};  // result of the latest lookup
     NamePath path;
 };
 

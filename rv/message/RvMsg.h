@@ -12,8 +12,8 @@ class RvMsgIterator;
 ///
 /// A message either owns its buffer, which grows on append to exactly what is needed, or wraps one
 /// that it neither frees nor changes. A message whose construction failed is inert: operations
-/// report status 1 and `size()` is 0. What a lookup returns points into the message or its scratch
-/// area: it is valid until the next lookup, change or the message's end.
+/// report status 1 and `size()` is 0. The result of a lookup points into the message or its scratch
+/// area and is valid until the next lookup, change or the destruction of the message.
 class KVX_API RvMsg : public RvDatum {
   public:
     /// Owns a new, empty buffer; 0 means 1,024 bytes, 1 to 7 mean 8.
@@ -24,8 +24,8 @@ class KVX_API RvMsg : public RvDatum {
     RvMsg(rvmsg_Msg buffer);
     /// An owned copy of exactly the other's length.
     RvMsg(const RvMsg& other);
-    /// Does nothing when either side is inert, the other is no readable message or memory is
-    /// exhausted. `other` may lie in this message: nested in it, or the element of a walk.
+    /// Does nothing when either side is inert, the other is not a readable message, or without
+    /// memory. `other` may be nested in this message or the element of an iteration over it.
     RvMsg& operator=(const RvMsg& other);
     ~RvMsg() override;
 
@@ -33,17 +33,17 @@ class KVX_API RvMsg : public RvDatum {
     bool operator==(const RvDatum& other) const override;
     virtual bool operator==(const RvMsg& other) const;
 
-    /// Frees an owned buffer and wraps `buffer`, which must outlive its use here. A message nested
-    /// in the owned buffer becomes its content instead, and stays owned. Status 1, with nothing
-    /// changed, when this message is inert or `buffer` is not initialised.
+    /// Frees an owned buffer and wraps `buffer`, which must outlive its use here. When `buffer` is
+    /// nested in the owned buffer, the nested message becomes the content and stays owned. Status
+    /// 1, with nothing changed, when this message is inert or `buffer` is not initialised.
     RvStatus attach(rvmsg_Msg buffer);
-    /// Makes room for `size` bytes in all. 1 for an inert message, 3 for a wrapped one, 8 when the
-    /// memory is not there.
+    /// Reserves a capacity of `size` bytes. 1 for an inert message, 3 for a wrapped one, 8 without
+    /// memory.
     RvStatus reserve(unsigned long size);
 
     /// Adds one field (`rvmsg_Append`), growing the buffer once if need be. Status 1 for an inert
-    /// message, 3 for a wrapped one, {session, 20} when there is no memory to grow and 8 when 32
-    /// bits do not hold the size. `data` is copied; name and data may lie in this message.
+    /// message, 3 for a wrapped one, {session, 20} without memory to grow and 8 when the size
+    /// exceeds 32 bits. `data` is copied; name and data may lie in this message.
     RvStatus append(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
     RvStatus append(const char* name, const RvDatum& datum);
     RvStatus append(const RvDatum& datum);
@@ -51,7 +51,7 @@ class KVX_API RvMsg : public RvDatum {
     RvStatus append(const char* name, unsigned short value);
     RvStatus append(const char* name, int value);
     RvStatus append(const char* name, unsigned int value);
-    /// 3 for a value that 32 bits do not hold.
+    /// 3 for a value that does not fit 32 bits.
     RvStatus append(const char* name, long value);
     RvStatus append(const char* name, unsigned long value);
     RvStatus append(const char* name, float value);
@@ -68,14 +68,14 @@ class KVX_API RvMsg : public RvDatum {
     RvStatus get(const char* name, double& value) const;
     RvStatus get(const char* name, char* buffer, unsigned long capacity) const;
     /// `nested` then wraps the nested buffer and must not outlive this message (see `attach` when
-    /// it is this message). 3 for a field that is no message.
+    /// it is this message). 3 for a field that is not a message.
     RvStatus get(const char* name, RvMsg& nested) const;
 
     /// The length of the message in bytes, 0 when it is inert.
     rvmsg_Size size() const;
 
-    /// A walk over the fields. The caller owns the result, which must not outlive this message or
-    /// any change to it. Null when memory is exhausted.
+    /// Iterates over the fields. The caller owns the result, which must not outlive this message or
+    /// any change to it. Null without memory.
     RvMsgIterator* newIterator() const;
 
   private:
@@ -83,7 +83,7 @@ class KVX_API RvMsg : public RvDatum {
     struct Context;
 
     int appendHere(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data);
-    /// Borrows a nested message for a walk; false when there is no memory for the first one.
+    /// Borrows a nested message for an iterator; false without memory.
     bool borrowMessage(const char* name, rvmsg_Size size, rvmsg_Data buffer);
     bool isReadable() const;
     RvStatus find(const char* name, RvDatum& datum) const;

@@ -3,7 +3,8 @@
 #include "platform/Export.h"
 #include "rv/message/RvMsg.h"
 
-/// Walks the fields of one message, which must outlive the walk and stay as it is meanwhile.
+/// Iterates over the fields of one message, which must outlive the iterator and not change
+/// meanwhile.
 class KVX_API RvMsgIterator {
   public:
     explicit RvMsgIterator(const RvMsg& message);
@@ -11,9 +12,9 @@ class KVX_API RvMsgIterator {
     RvMsgIterator& operator=(const RvMsgIterator&) = delete;
     ~RvMsgIterator();
 
-    /// The next field, or null at the end, at a field that cannot be decoded and when memory is
-    /// exhausted. A datum of type `RVMSG_MSG` is always an `RvMsg` and may be cast to one. The
-    /// result belongs to the iterator and is overwritten by the next call.
+    /// The next field, or null at the end, at a field that cannot be decoded, and without memory. A
+    /// datum of type `RVMSG_MSG` is always an `RvMsg` and may be cast to one. The result belongs to
+    /// the iterator and is overwritten by the next call.
     const RvDatum* next();
 
     /// Starts again at the first field.

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <utility>
 
-/// Short texts as machine words: names and elements are a few bytes long, where a call to the C
-/// library costs more than the work.
+/// Short texts as machine words. Names and elements are a few bytes long, where a C library call
+/// costs more than the work.
 namespace kvx {
 
 inline std::uint64_t loadWord(const char* at) {
@@ -15,8 +15,8 @@ inline std::uint64_t loadWord(const char* at) {
     return word;
 }
 
-/// At most 16 characters as two words, which of two texts of one length are equal only if the texts
-/// are. Bytes that hold no character are zero.
+/// At most 16 characters as two words. For texts of the same length, the words are equal if and
+/// only if the texts are. Unused bytes are zero.
 inline std::pair<std::uint64_t, std::uint64_t> wordsOf(const char* text, std::size_t length) {
     if (length >= 8) return {loadWord(text), loadWord(text + length - 8)};
     if (length >= 4) {

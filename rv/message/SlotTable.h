@@ -7,13 +7,13 @@
 
 namespace kvx {
 
-/// Numbers by hash: open addressing with linear probing, at most half full. The table knows hashes
-/// only; whoever asks says which number of an equal hash is meant.
+/// Numbers by hash: open addressing with linear probing, at most half full. The table stores hashes
+/// only; the caller's predicate selects among numbers of an equal hash.
 class SlotTable {
   public:
     SlotTable() : slots_(kFirstSlots) {}
 
-    /// The number filed under `hash` for which `isMeant(number)` is true; 0 when there is none.
+    /// The number under `hash` for which `isMeant(number)` is true; 0 when there is none.
     template <class IsMeant>
     std::uint32_t find(std::uint32_t hash, IsMeant isMeant) const {
         const std::size_t mask = slots_.size() - 1;
@@ -23,24 +23,24 @@ class SlotTable {
         return 0;
     }
 
-    /// Fetches what `find` will look at first.
+    /// Prefetches the first slot that `find` reads.
     void prefetch(std::uint32_t hash) const {
         __builtin_prefetch(&slots_[hash & (slots_.size() - 1)]);
     }
 
-    /// The next `more` inserts need no memory. Throws `std::bad_alloc`; nothing is changed then.
+    /// Makes room for `more` inserts. Throws `std::bad_alloc`, with nothing changed.
     void makeRoom(std::size_t more) {
         while ((used_ + more) * 2 > slots_.size()) grow();
     }
 
-    /// `number` is not 0, and there is room for it.
+    /// `number` must not be 0, and there must be room for it.
     void insert(std::uint32_t hash, std::uint32_t number) noexcept {
         place({hash, number});
         ++used_;
     }
 
-    /// `number` is filed under `hash`. Later slots of the same run move forward, so that no probe
-    /// ends too early.
+    /// `number` must be under `hash`. Later slots of the same run move back, so that no probe ends
+    /// too early.
     void erase(std::uint32_t hash, std::uint32_t number) {
         const std::size_t mask = slots_.size() - 1;
         std::size_t gap = hash & mask;

@@ -1,21 +1,20 @@
-// Subscriptions by subject, and the questions that a message asks of them.
+// Subscriptions by subject, and the lookups of a message's subject.
 //
-// A message's subject is looked up twice. Subscriptions without wildcards lie in `exact_`, by the
-// hash of their whole subject: one probe and one comparison, however many there are. The tree has
-// every subscription, but this walk follows only the nodes with wildcards below them, which have a
-// table of their own: few, so they stay in the cache. It branches where a node has a "*" child;
-// below one, and there only, all exact children are followed. Every branch follows nodes that
-// wildcard subscriptions have made, so the work is bounded by those that agree with the subject so
-// far.
+// A subject is looked up twice. Subscriptions without wildcards are in `exact_`, by the hash of
+// their whole subject: one probe and one comparison, whatever their number. The tree holds every
+// subscription, but the walk follows only nodes with wildcards below them, which have a table of
+// their own: few, so they stay in the cache. It branches where a node has a "*" child; only below
+// one does it follow all exact children. Every branch follows nodes that wildcard subscriptions
+// have made, so the work is bounded by those that match the subject so far.
 //
 // Hashes cover the path from the root, so one pass over a subject gives the hash of every level.
-// They are hints only: a node is taken when its parent is the node of the level above and its text
-// the element, a leaf when its subject is the same bytes. Equal hashes cost time and no more; the
-// seed differs in every tree, so a peer cannot choose subjects that collide.
+// They are hints only: a node matches when its parent is the node of the level above and its text
+// equals the element, a leaf when its subject has the same bytes. Equal hashes only cost time; the
+// seed differs in every tree, so a peer cannot choose colliding subjects.
 //
-// A lookup only notes the leaves it reaches. Each leaf's entries are in the order of adding
-// already; a heap over the reached leaves merges them. While any walk is going on, removing marks
-// the entry and leaves it, and the last walk sweeps what was marked.
+// A lookup only collects the leaves it reaches. The entries of each leaf are in the order of
+// adding; a heap over the reached leaves merges them. During a walk, removing only marks the entry;
+// the end of the last walk sweeps the marked ones.
 
 #include "rv/message/SubjectIndex.h"
 
@@ -42,7 +41,7 @@ std::uint64_t foldedProduct(std::uint64_t a, std::uint64_t b) {
     return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64U);
 }
 
-// Never 0, which marks the nodes that no table has.
+// Never 0, which marks nodes that are in no table.
 std::uint32_t slotHash(std::uint64_t pathHash) {
     return static_cast<std::uint32_t>(pathHash >> 32U) | 1U << 31U;
 }
@@ -52,21 +51,21 @@ bool sameText(std::string_view a, std::string_view b) {
     return a.size() <= 16 ? wordsOf(a.data(), a.size()) == wordsOf(b.data(), b.size()) : a == b;
 }
 
-// Room for `more` elements, growing in steps that make adding cheap.
+// Reserves room for `more` elements, growing geometrically.
 template <class Element>
 void makeRoomIn(std::vector<Element>& all, std::size_t more) {
     const std::size_t wanted = all.size() + more;
     if (all.capacity() < wanted) all.reserve(std::max(2 * all.capacity(), wanted));
 }
 
-// The same, and the free numbers can take in all of them.
+// The same, with room in the list of free numbers for all elements.
 template <class Element>
 void makeRoomIn(std::vector<Element>& all, std::vector<std::uint32_t>& free, std::size_t more) {
     makeRoomIn(all, more);
     if (free.capacity() < all.capacity()) free.reserve(all.capacity());
 }
 
-// A number from the free ones, or a new element's, for which there is room.
+// A free number, or that of a new element, for which room was reserved.
 template <class Element>
 std::uint32_t takeNumber(std::vector<std::uint32_t>& free, std::vector<Element>& all) noexcept {
     if (free.empty()) {
@@ -164,8 +163,9 @@ std::span<SubjectIndex::Entry> SubjectIndex::entriesOf(LeafId id) {
 
 // ---- adding ----
 
-// After `makeRoom` only three things may fail: a long text, a long subject and a list of entries.
-// Each comes before the change that needs it, so what a failure leaves is a path without a leaf.
+// After `makeRoom` only three allocations may fail: a long text, a long subject and a list of
+// entries. Each precedes the change that needs it, so a failure leaves at most a path without a
+// leaf.
 void SubjectIndex::add(SubjectView subject, void* subscription) {
     makeRoom(subject);
     NodeId id = kRoot;
@@ -223,7 +223,7 @@ SubjectIndex::NodeId& SubjectIndex::wildcardLink(NodeId parent, std::string_view
     return element == kAnyElement ? nodes_[parent].any : nodes_[parent].rest;
 }
 
-// Tells `id` and all nodes above it that a wildcard child below them has come or gone.
+// Counts an added or removed wildcard child of `id` in it and all nodes above.
 void SubjectIndex::countWildcard(NodeId id, bool isAdded) {
     for (; id != 0; id = nodes_[id].parent) {
         Node& node = nodes_[id];
@@ -335,7 +335,7 @@ void SubjectIndex::sweep(LeafId id) {
     if (!entries.empty() && entries[0].subscription == nullptr) eraseEntry(id, 0);
 }
 
-// Gives back a leaf without entries, and the nodes that were there for it alone.
+// Frees a leaf without entries, and the nodes that only it needed.
 void SubjectIndex::dropLeaf(LeafId id) {
     Leaf& leaf = leaves_[id];
     if (leaf.state != Leaf::kNone) return;
@@ -416,7 +416,7 @@ void SubjectIndex::collectWildcards(SubjectView subject, Root root, const std::u
     }
 }
 
-// As deep as the subject has "*" levels in the tree, 102 at most.
+// Recursion depth: the subject's "*" levels in the tree, 102 at most.
 void SubjectIndex::collectBelowAny(NodeId id, SubjectView::Iterator at, SubjectView::Iterator end,
                                    std::uint64_t pathHash) {
     while (at != end) {
@@ -433,7 +433,7 @@ void SubjectIndex::collectBelowAny(NodeId id, SubjectView::Iterator at, SubjectV
     reach(nodes_[id].leaf);
 }
 
-// By a wildcard that stands for a child of `parent`.
+// Covered by a wildcard child of `parent`.
 bool SubjectIndex::isCovered(NodeId parent, std::string_view element) const {
     return parent != kRoot || (element != kInboxElement && element != kReservedElement);
 }

@@ -13,14 +13,14 @@
 
 namespace kvx {
 
-/// The untyped store below `SubjectTree`: nodes, their entries, and walks over the entries that a
-/// subject reaches. Loop thread only.
+/// The untyped store behind `SubjectTree`: nodes, their entries, and walks over the entries that
+/// match a subject. Loop thread only.
 class SubjectIndex {
   public:
     using NodeId = std::uint32_t;  // 0: none
     using LeafId = std::uint32_t;  // 0: none
 
-    /// Which first elements of subscriptions a match may follow.
+    /// Whether the first element of a subscription may be a wildcard in a match.
     enum class Root : std::uint8_t { kAny, kLiteral };
 
     SubjectIndex();
@@ -31,9 +31,9 @@ class SubjectIndex {
     [[nodiscard]] bool remove(SubjectView subject, const void* subscription) noexcept;
     std::size_t size() const { return size_; }
 
-    /// One question's answer, handed out step by step. Until the last walk ends, entries and nodes
-    /// that `remove` empties stay in place, marked; so whatever happens between two steps, the
-    /// positions of the walks below hold. Walks nest and end in reverse order.
+    /// The result of one match, step by step. Until the last walk ends, removed entries and nodes
+    /// stay in place, marked, so the positions of all walks stay valid. Walks nest and end in
+    /// reverse order.
     class Walk {
       public:
         explicit Walk(SubjectIndex& index);
@@ -55,7 +55,7 @@ class SubjectIndex {
 
         SubjectIndex& index_;
         std::size_t base_;     // where this walk's part of `reached_` begins
-        std::uint64_t limit_;  // what was added from here on is not visited
+        std::uint64_t limit_;  // entries added from here on are not visited
     };
 
   private:
@@ -64,8 +64,8 @@ class SubjectIndex {
         std::uint64_t order;  // position in the order of adding
     };
 
-    /// The subscriptions of one subject, and that subject: two neighbouring cache lines. One entry
-    /// stands in the leaf; with more, `entry.order` is the number of the list that has them.
+    /// The subscriptions of one subject, and that subject: two neighbouring cache lines. A single
+    /// entry is in the leaf; with more, `entry.order` is the number of their list.
     struct alignas(64) Leaf {
         enum State : std::uint16_t { kNone, kOne, kList };
 
@@ -73,7 +73,7 @@ class SubjectIndex {
         NodeId node = 0;
         State state = kNone;
         bool isDirty = false;                         // in `dirty_`
-        std::unique_ptr<std::uint8_t[]> longSubject;  // what `subject` has no room for
+        std::unique_ptr<std::uint8_t[]> longSubject;  // a subject longer than `subject`
         std::uint8_t subject[96] = {};                // encoded; unused for a pattern
 
         const std::uint8_t* subjectBytes() const {
@@ -81,8 +81,8 @@ class SubjectIndex {
         }
     };
 
-    /// One level of the tree, one cache line. Texts above `kInlineText` characters stand in
-    /// `longTexts_`, whose number then begins `text`.
+    /// One node of the tree, one cache line. Texts above `kInlineText` characters are in
+    /// `longTexts_`; `text` then begins with their number.
     struct alignas(64) Node {
         NodeId parent = 0;
         std::uint32_t hash = 0;  // of the path from the root; 0 for "*", ">" and the root
@@ -93,21 +93,21 @@ class SubjectIndex {
         NodeId previous = 0;
         LeafId leaf = 0;
         std::uint32_t wildcardsBelow = 0;  // "*" and ">" children here and further down
-        bool isPattern = false;            // a wildcard stands on the path, here or above
+        bool isPattern = false;            // a wildcard is on the path, here or above
         std::uint8_t textLength = 0;
         char text[26] = {};
     };
     static constexpr std::size_t kInlineText = sizeof(Node::text);
     static constexpr NodeId kRoot = 1;
 
-    /// Where a walk stands in one leaf's entries.
+    /// The position of a walk in one leaf's entries.
     struct Cursor {
         LeafId leaf;
         std::uint32_t position;
         std::uint64_t order;  // of the entry at `position`
     };
 
-    /// Puts the earliest cursor on top of a heap.
+    /// Orders a heap with the earliest cursor on top.
     struct Later {
         bool operator()(const Cursor& a, const Cursor& b) const { return a.order > b.order; }
     };
@@ -147,14 +147,14 @@ class SubjectIndex {
     bool isCovered(NodeId parent, std::string_view element) const;
     void endWalk(std::size_t base);
 
-    // The free numbers have room for every number there is, and `dirty_` for every leaf.
+    // The lists of free numbers have room for every number, and `dirty_` for every leaf.
     std::uint64_t seed_;
     std::vector<Node> nodes_;
     std::vector<NodeId> freeNodes_;
     std::vector<Leaf> leaves_;
     std::vector<LeafId> freeLeaves_;
-    // Exact children by the hash of their path: of literal nodes, and of nodes below a wildcard,
-    // which are few. The third table has those of the first that have wildcards below.
+    // Exact children by the hash of their path: of literal nodes, and of nodes below a wildcard.
+    // The third table has the nodes of the first with wildcards below them.
     SlotTable literalChildren_;
     SlotTable patternChildren_;
     SlotTable wildcardPaths_;
@@ -166,7 +166,7 @@ class SubjectIndex {
     std::size_t size_ = 0;
     std::uint64_t nextOrder_ = 0;
 
-    // Walks in progress: their cursors, one walk above the other, and what they left to clean.
+    // Walks in progress: a stack of their cursors, and the leaves to sweep.
     std::vector<Cursor> reached_;
     std::vector<LeafId> dirty_;
     unsigned walks_ = 0;

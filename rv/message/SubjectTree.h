@@ -9,14 +9,14 @@
 
 namespace kvx {
 
-/// A subject tree: which subscriptions does a message on this subject reach?
+/// A subject tree: finds the subscriptions that match a subject.
 ///
 /// One level per element; every node keeps its exact children, a "*" child, the subscriptions that
 /// end there and those that end in ">" there. A lookup costs one hash probe per element and, where
 /// such subscriptions exist, one step for "*" and ">", whatever the number of subscriptions; it
 /// allocates nothing once the tree has seen a match as wide as this one.
 ///
-/// The four ways to ask, and who needs them:
+/// The four kinds of match, and their uses:
 ///
 ///   match            every subscription, wildcards included           ordinary subjects
 ///   matchLiteralRoot the same, but first elements must be equal       the daemon's inbox messages
@@ -26,8 +26,8 @@ namespace kvx {
 ///
 /// Each calls `visit(Subscription&)` once for every match, in the order of adding, and returns the
 /// number of calls. `visit` may return bool: false ends the match. `visit` may add and remove
-/// subscriptions and ask again: what it adds is not visited, what it removes is not visited any
-/// more. The tree itself must outlive the call. Not thread-safe: loop thread only.
+/// subscriptions and start another match: an added one is not visited, nor is a removed one. The
+/// tree itself must outlive the call. Not thread-safe: loop thread only.
 template <class Subscription>
 class SubjectTree {
   public:
@@ -36,19 +36,19 @@ class SubjectTree {
     SubjectTree& operator=(const SubjectTree&) = delete;
     ~SubjectTree() = default;
 
-    /// Adds `subscription` under `subject`, which is copied. The tree keeps the pointer; it must be
-    /// removed before it dies. Adding one pointer twice under one subject counts twice: it is
-    /// visited twice and removed twice. Throws `std::bad_alloc`; the tree is then unchanged.
+    /// Adds `subscription` under `subject`, which is copied. The tree keeps the pointer, which must
+    /// be removed before the subscription is destroyed. Adding one pointer twice under one subject
+    /// counts twice: it is visited twice and removed twice. Throws `std::bad_alloc`; the tree is
+    /// then unchanged.
     void add(SubjectView subject, Subscription* subscription) { index_.add(subject, subscription); }
 
-    /// Undoes one `add`, the latest one, and needs no memory. Returns false, and changes nothing,
-    /// when there was none.
-    /// Takes time in proportion to the subscriptions on this very subject.
+    /// Undoes the latest `add`; allocates nothing. Returns false, and changes nothing, when there
+    /// was none. Linear in the number of subscriptions on this very subject.
     [[nodiscard]] bool remove(SubjectView subject, const Subscription* subscription) noexcept {
         return index_.remove(subject, subscription);
     }
 
-    /// The number of subscriptions, counted as they were added.
+    /// The number of subscriptions, each `add` counted.
     std::size_t size() const { return index_.size(); }
 
     template <class Visit>
@@ -97,7 +97,7 @@ class SubjectTree {
         return visited;
     }
 
-    mutable SubjectIndex index_;  // a match keeps its place inside and cleans up after it
+    mutable SubjectIndex index_;  // a match keeps its state inside
 };
 
 }  // namespace kvx

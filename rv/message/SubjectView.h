@@ -21,17 +21,15 @@ inline constexpr std::string_view kReservedElement = "_RV";    // first element 
 inline constexpr std::string_view kAnyElement = "*";           // wildcard: exactly one element
 inline constexpr std::string_view kAnyTrailingElements = ">";  // wildcard: one or more at the end
 
-/// An encoded subject whose inside is known to be well formed: 1 to 102 elements of 1 to 250
-/// characters, none of them a full stop or zero, together at most 1,000 bytes. Borrows the bytes.
-/// Any thread.
+/// An encoded subject that is known to be well formed: 1 to 102 elements of 1 to 250 characters,
+/// none of them a full stop or zero, together at most 1,000 bytes. Borrows the bytes. Any thread.
 class KVX_API SubjectView {
   public:
-    /// Checks an encoded subject that came from outside. `available` is the number of bytes that
-    /// may be read at `encoded`; the subject's own length word must not exceed it. Nothing for
-    /// bytes that are no subject, and for the empty one.
+    /// Checks untrusted bytes. `available` is the number of bytes that may be read at `encoded`;
+    /// the subject's length word must not exceed it. Nothing for an invalid or empty subject.
     static std::optional<SubjectView> parse(const void* encoded, std::size_t available);
 
-    /// A subject that `rvSubject_FromText` made or `parse` has seen.
+    /// Wraps a subject from `rvSubject_FromText` or one that `parse` has accepted.
     static SubjectView trusted(const void* encoded) {
         return SubjectView(static_cast<const std::uint8_t*>(encoded));
     }
@@ -42,7 +40,8 @@ class KVX_API SubjectView {
     std::string_view first() const { return Iterator{bytes_ + kSubjectHeaderBytes}.operator*(); }
     /// Element `i`, counted from 0 and below `count()`.
     std::string_view operator[](unsigned i) const;
-    /// True when the last element is ">" or any is "*". A ">" further ahead is an ordinary element.
+    /// True when the last element is ">" or any is "*". A ">" before the last position is an
+    /// ordinary element.
     bool hasWildcards() const;
     std::string text() const;
 
@@ -73,7 +72,7 @@ class KVX_API SubjectView {
 /// An encoded subject that owns its bytes.
 class KVX_API Subject {
   public:
-    /// Nothing when `text` is no subject or its encoded form exceeds `capacity` bytes.
+    /// Nothing when `text` is not a subject or its encoded form exceeds `capacity` bytes.
     static std::optional<Subject> fromText(const char* text, unsigned capacity = kMaxSubjectBytes);
     explicit Subject(SubjectView view);
 

@@ -15,9 +15,9 @@ namespace kvx {
 inline constexpr std::uint32_t kMessageMagic = 0x9955EEAA;
 inline constexpr std::uint32_t kSealedMagic = 0x9955EEBB;
 inline constexpr std::uint32_t kHeaderBytes = 8;            // length word and magic
-inline constexpr std::uint32_t kSealedHeaderBytes = 9;      // and the type of the sealed value
+inline constexpr std::uint32_t kSealedHeaderBytes = 9;      // and the sealed value's type
 inline constexpr std::uint32_t kMaxNameBytes = 100;         // of a stored name, terminator included
-inline constexpr std::uint32_t kMaxLookupCharacters = 100;  // of a name or path element looked up
+inline constexpr std::uint32_t kMaxLookupCharacters = 100;  // of a name or path element in a lookup
 inline constexpr unsigned kMaxNesting = 32;                 // levels below the top message
 
 inline constexpr std::uint32_t kMaxShortSize = 119;
@@ -25,15 +25,15 @@ inline constexpr std::uint32_t kMaxMediumSize = 29999;
 inline constexpr std::uint8_t kMediumForm = 0x79;
 inline constexpr std::uint8_t kLongForm = 0x7A;
 inline constexpr std::uint32_t kDateTimeWireBytes = 8;
-inline constexpr std::uint32_t kDateTimeBytes = 12;  // in memory
+inline constexpr std::uint32_t kDateTimeBytes = 12;  // decoded
 
-inline constexpr std::uint32_t kMaxMessageBytes = 0x4000000;  // that a link carries (64 MiB)
+inline constexpr std::uint32_t kMaxMessageBytes = 0x4000000;  // limit of a link (64 MiB)
 
 inline bool hasMagic(const void* block, std::uint32_t magic) {
     return loadBig32(static_cast<const std::uint8_t*>(block) + 4) == magic;
 }
 
-/// One field as it lies in a message.
+/// One field in its wire form.
 struct WireField {
     const char* name = nullptr;   // zero-terminated; null for an unnamed field
     std::uint32_t nameBytes = 0;  // terminator included; 0 for an unnamed field
@@ -41,8 +41,8 @@ struct WireField {
     rvmsg_Size size = 0;
     const std::uint8_t* data = nullptr;
 
-    /// The data as a reader may have it. A text without any bytes is handed out as "": readers of
-    /// texts take size 0 as "up to the terminator", and the field has none.
+    /// The data for a reader. A text of no bytes is returned as "", since readers of texts take
+    /// size 0 as "up to the terminator".
     rvmsg_Data readableData() const {
         return type == RVMSG_STRING && size == 0 ? static_cast<rvmsg_Data>("") : data;
     }
@@ -62,7 +62,7 @@ struct WireField {
     }
 };
 
-/// Walks the fields of one message and cannot step past its length word.
+/// Iterates over the fields of one message, never past its length word.
 class FieldCursor {
   public:
     enum class Step : std::uint8_t {
@@ -72,7 +72,7 @@ class FieldCursor {
     };
 
     FieldCursor() = default;
-    /// A message that is known to have the magic and all the bytes of its length word.
+    /// A message with a checked magic and all the bytes of its length word.
     explicit FieldCursor(const void* message) {
         const std::uint32_t length = loadBig32(message);
         if (length > kHeaderBytes) {
@@ -80,7 +80,7 @@ class FieldCursor {
             static_cast<void>(reader_.skip(kHeaderBytes));
         }
     }
-    /// Received bytes: nothing is visited when their header is that of no message that lies inside.
+    /// Received bytes; visits nothing when their header is invalid or its length exceeds them.
     explicit FieldCursor(Bytes message) {
         if (message.size() < kHeaderBytes || !hasMagic(message.data(), kMessageMagic)) return;
         if (loadBig32(message.data()) <= message.size()) *this = FieldCursor(message.data());
@@ -91,7 +91,7 @@ class FieldCursor {
 
     const std::uint8_t* position() const { return reader_.position(); }
 
-    /// The step ends the walk too when a single byte is left, which can begin no field.
+    /// A single byte left, which cannot begin a field, is the end too.
     Step next(WireField& field) {
         if (reader_.left() <= 1) return Step::kEnd;
         if (!takeName(field)) return Step::kBroken;
@@ -102,7 +102,7 @@ class FieldCursor {
     std::size_t left() const { return reader_.left(); }
 
   private:
-    // Types whose size stands in one of the three forms.
+    // Types with an encoded size, in one of three forms.
     static bool isSized(rvmsg_Type type) {
         constexpr std::uint32_t kSized =
             1U << RVMSG_DATETIME | 1U << RVMSG_OPAQUE | 1U << RVMSG_STRING | 1U << RVMSG_BOOLEAN |
@@ -144,7 +144,7 @@ class FieldCursor {
         }
     }
 
-    // Messages and sealed blocks bring their own length word, which is the data's first.
+    // Messages and sealed blocks begin with their own length word.
     bool takeBlock(WireField& field, std::uint32_t least) {
         std::uint8_t form = 0;
         return reader_.u8(form) && form == kLongForm && reader_.peek32(field.size) &&
@@ -184,7 +184,8 @@ class FieldCursor {
     WireReader reader_;
 };
 
-/// The first field of that name in received bytes; nothing when no sound field before it has it.
+/// The first field of that name in received bytes; nothing when it is absent or follows a broken
+/// field.
 inline std::optional<WireField> findField(Bytes message, std::string_view name) {
     FieldCursor cursor(message);
     for (WireField field; cursor.next(field) == FieldCursor::Step::kField;) {
@@ -199,7 +200,7 @@ rvmsg_Size storeDecoded(void* scratch, Value value) {
     return sizeof value;
 }
 
-/// The decoders: the decoded value's size, 0 for a size that the type does not have.
+/// The decoders return the size of the decoded value, 0 for a size that the type does not have.
 inline rvmsg_Size decodeNumber(const WireField& field, void* scratch) {
     switch (field.size) {
         case 1:
@@ -233,9 +234,9 @@ inline rvmsg_Size decodeDateTime(const WireField& field, void* scratch) {
     return sizeof words;
 }
 
-/// Decodes a field's data as lookups and iteration deliver it: numbers, dates and addresses into
-/// `scratch` (12 bytes, aligned for a double), all else in place. False for a size that the type
-/// does not have; the outputs are then not changed.
+/// Decodes a field's data for lookups and iteration: numbers, dates and addresses into `scratch`
+/// (12 bytes, aligned for a double), all else in place. False, with the outputs unchanged, for a
+/// size that the type does not have.
 inline bool decodeField(const WireField& field, void* scratch, rvmsg_Size& size, rvmsg_Data& data) {
     rvmsg_Size decoded = 0;
     switch (field.type) {

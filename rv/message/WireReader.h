@@ -47,8 +47,7 @@ inline std::optional<std::size_t> offsetIn(const void* start, std::size_t bytes,
     return offset < bytes ? std::optional<std::size_t>(offset) : std::nullopt;
 }
 
-/// A cursor over received bytes that cannot step past their end: a read that would, fails and
-/// leaves the cursor where it was.
+/// A cursor over received bytes. A read past their end fails and does not move the cursor.
 class WireReader {
   public:
     WireReader() = default;

@@ -1,3 +1,8 @@
+// Operations on encoded subjects: a big-endian length word, an element count, and the element
+// records. A subject given by a caller is trusted only for its length word: `WireReader` keeps
+// every step inside it, and a record that does not fit ends the operation with a failure. The
+// stricter rules for subjects from outside are in SubjectView.cpp.
+
 #include "rv/message/rvSubject.h"
 
 #include <algorithm>
@@ -35,7 +40,7 @@ bool isElementLength(std::size_t characters) {
     return characters >= 1 && characters <= kvx::kMaxSubjectElementText;
 }
 
-// Steps over one element record that lies inside the subject and ends in a zero.
+// Reads one element record; false when it exceeds the subject or has no terminator.
 bool takeElement(kvx::WireReader& reader, const char*& text, std::size_t& characters) {
     std::uint8_t recordLength = 0;
     const std::uint8_t* start = nullptr;
@@ -46,7 +51,7 @@ bool takeElement(kvx::WireReader& reader, const char*& text, std::size_t& charac
     return start[characters] == 0;
 }
 
-// A reader over the element records; none for a subject without room for its header.
+// A reader over the element records; empty for a subject shorter than its header.
 kvx::WireReader elementsOf(const void* encoded) {
     const unsigned length = rvSubject_Length(encoded);
     if (length < kvx::kSubjectHeaderBytes) return {};
@@ -92,7 +97,7 @@ char* rvSubject_ToText(char* out, unsigned capacity, const void* encoded) {
     const unsigned length = rvSubject_Length(encoded);
     if (length < kvx::kSubjectHeaderBytes || length > capacity) return nullptr;
     if (!isFilledByElements(encoded)) return nullptr;
-    // The text is shorter than the encoding, so it can be written over it.
+    // The text is shorter than the encoding, so it may overwrite it from the front.
     std::memmove(out, encoded, length);
     const unsigned count = rvSubject_Count(out);
     kvx::WireReader reader = elementsOf(out);

@@ -1,13 +1,13 @@
-// Making messages: the header, and fields at the end or inside a nested message.
+// Building messages: the header, and appending fields to a message or one nested in it.
 //
-// The room checks of the encoder are part of the format's contract: they ask for a little more than
-// is written, and growing messages rely on the same numbers. A field that belongs into a nested
-// message is encoded in the free space behind the outermost one and then rotated into its place, so
-// that whatever follows the nested message moves up and nothing is lost; the lengths on the way are
-// raised last. The room is the same at every level: what the outermost message leaves free.
+// The encoder's capacity checks are part of the contract: they ask for a little more than is
+// written, and growing messages rely on the same numbers. A field of a nested message is encoded in
+// the free space behind the outermost one and then rotated into place, which moves up what follows
+// the nested message; the length words on the path are raised last. So the free space of the
+// outermost message is the capacity at every level.
 //
-// Arguments may lie in the message that is changed: they have been read when the field stands in
-// the free space, and nothing before it is touched until then.
+// Arguments may lie in the message: nothing before the free space changes until the field is
+// encoded.
 
 #include "rv/message/rvmsg.h"
 
@@ -26,7 +26,7 @@ using kvx::FieldCursor;
 using kvx::WireField;
 namespace code = kvx::message_code;
 
-/// The free space behind a message. What does not fit is not written.
+/// The free space behind a message. Bytes that do not fit are not written.
 class FieldWriter {
   public:
     FieldWriter(std::uint8_t* at, std::size_t room) : start_(at), at_(at), end_(at + room) {}
@@ -66,7 +66,7 @@ Value load(const void* data) {
     return value;
 }
 
-// True when `size` and one byte more are less than the room.
+// True when `size` + 1 is less than the room.
 bool fits(const FieldWriter& out, std::uint64_t size) {
     return size + 1 < out.room();
 }
@@ -155,7 +155,7 @@ int putBytes(FieldWriter& out, std::uint64_t size, rvmsg_Data data) {
     return code::kOk;
 }
 
-// The size of a text: as given, or up to its terminator.
+// The size of a text: as given, else including its terminator.
 std::uint64_t textSize(rvmsg_Size size, rvmsg_Data data) {
     return size != 0 ? size : std::strlen(static_cast<const char*>(data)) + 1;
 }
@@ -192,14 +192,14 @@ int putData(FieldWriter& out, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data)
 // `name` has `characters` characters; none make an unnamed field.
 int putField(FieldWriter& out, const char* name, std::size_t characters, rvmsg_Type type,
              rvmsg_Size size, rvmsg_Data data) {
-    constexpr std::size_t kAfterName = 3;  // bytes that must be left for type and size
+    constexpr std::size_t kAfterName = 3;  // bytes required for type and size
     const std::size_t nameBytes = characters == 0 ? 0 : characters + 1;
     if (nameBytes > kvx::kMaxNameBytes) return code::kInvalidName;
     if (out.room() < nameBytes + 2) return code::kNoRoom;
     out.put8(static_cast<std::uint32_t>(nameBytes));
     out.put(name, nameBytes);
     if (out.room() < kAfterName) return code::kNoRoom;
-    // Codes that a byte does not hold are unlisted, and stay so.
+    // Codes above a byte are unlisted, and so is 255.
     out.put8(std::min<rvmsg_Type>(type, UINT8_MAX));
     return putData(out, type, size, data);
 }
@@ -226,8 +226,7 @@ int findNested(std::uint8_t* message, const char* path, std::size_t characters,
     }
 }
 
-// Goes down to the innermost message that `name` is a path to, and leaves its last element in
-// `name`.
+// Descends to the innermost message on the path `name`, and leaves the last element in `name`.
 int descend(std::uint8_t*& message, const char*& name) {
     while (const char* const stop = std::strchr(name, '.')) {
         const int result =
@@ -251,7 +250,7 @@ void raiseLengths(std::uint8_t* message, const std::uint8_t* innermost, std::uin
     }
 }
 
-// Where `text` ends in the buffer; 0 when it lies elsewhere.
+// The offset of the end of `text` in the buffer; 0 when it lies elsewhere.
 std::size_t endInside(const void* buffer, rvmsg_Size capacity, const char* text) {
     const auto offset = kvx::offsetIn(buffer, capacity, text);
     return offset && text != nullptr ? *offset + std::strlen(text) + 1 : 0;
@@ -308,7 +307,7 @@ int rvmsg_AppendAdvisoryFields(void* buffer, rvmsg_Size capacity, const char* ad
                                                           {"ADV_SOURCE", source},
                                                           {"ADV_NAME", name},
                                                           {"ADV_DESC", description}};
-    std::size_t behind = 0;  // texts in the buffer are read before their place is written
+    std::size_t behind = 0;  // texts in the buffer are read before they are overwritten
     for (const auto& [field, text] : fields) {
         behind = std::max(behind, endInside(buffer, capacity, text));
     }

@@ -11,16 +11,15 @@
 ///
 /// Every `int` result is a message code: 0 success, 1 not an initialised message, 3 invalid
 /// argument, 8 no room, 9 invalid name, 10 invalid data, 11 no such field. The texts are those of
-/// `rvmsg_ErrorText` (rv/error/rvErrors.h). Readers believe the length word of the message they are
-/// given and nothing else in it: whatever the fields hold, they never read past that length.
-/// One message is used by one thread at a time.
+/// `rvmsg_ErrorText` (rv/error/rvErrors.h). Readers trust only the length word of the message:
+/// whatever the fields hold, they never read past it. One message is used by one thread at a time.
 
 using rvmsg_Type = std::uint32_t;
 using rvmsg_Size = std::uint32_t;
 using rvmsg_Data = const void*;
 using rvmsg_Msg = void*;
 
-/// The type codes. All others are "unlisted": a field of such a type is a name and a type byte.
+/// The type codes. All others are unlisted: a field of such a type is a name and a type byte.
 enum : rvmsg_Type {
     RVMSG_BADDATA = 0,     ///< no value; never stored
     RVMSG_MSG = 1,         ///< a complete message, header first
@@ -45,9 +44,9 @@ KVX_API int rvmsg_Length(const void* buffer, rvmsg_Size* length);
 
 /// Adds one field at the end. A name with full stops is a path: all but its last element name
 /// nested messages, the innermost of which gets the field. `name` null or "" makes an unnamed
-/// field. `size` is not looked at for messages, subjects and sealed blocks, whose own length word
-/// counts; size 0 of a string means its text length + 1. A failed append changes no length.
-/// Name and data may lie in the message.
+/// field. `size` is ignored for messages, subjects and sealed blocks, whose own length word counts;
+/// size 0 of a string means its text length + 1. A failed append leaves the message unchanged. Name
+/// and data may lie in the message.
 KVX_API int rvmsg_Append(void* buffer, rvmsg_Size capacity, const char* name, rvmsg_Type type,
                          rvmsg_Size size, rvmsg_Data data);
 
@@ -67,16 +66,16 @@ using rvmsg_IterateCallback = int (*)(const char* name, rvmsg_Type type, rvmsg_S
                                       rvmsg_Data data, void* closure);
 
 /// Calls `callback` for every field in buffer order, or for every field called `name` when that is
-/// not null. Data is decoded as by `rvmsg_Get`; what cannot be decoded arrives as type 0, size 0,
-/// null. Returns 0, also when the callback ended the walk; 10 when a field runs past the end, after
-/// the fields before it.
+/// not null. Data is decoded as by `rvmsg_Get`; data that cannot be decoded is passed as type 0,
+/// size 0, null. Returns 0, also when the callback ended the walk; 10 at a field that runs past the
+/// end, after the fields before it.
 KVX_API int rvmsg_Iterate(const void* buffer, const char* name, rvmsg_IterateCallback callback,
                           void* closure);
 
 /// Converts a decoded value into `targetSize` bytes at `target`; 3 for every pair of types or sizes
 /// that has no conversion. Integers are cut to the target's width without a range check. A string
 /// target of an address or of an 8-byte integer receives one byte (the terminator) more than the
-/// capacity that is asked for: 5, 9 and 17 bytes for 4, 8 and 16.
+/// required capacity: 5, 9 and 17 bytes for 4, 8 and 16.
 KVX_API int rvmsg_Convert(rvmsg_Type targetType, rvmsg_Size targetSize, void* target,
                           rvmsg_Type sourceType, rvmsg_Size sourceSize, rvmsg_Data source);
 
@@ -89,20 +88,20 @@ KVX_API int rvmsg_PrintMsg(const void* buffer, FILE* stream);
 
 /// Initialises `buffer` and appends "ADV_CLASS", "ADV_SOURCE", "ADV_NAME" and, when `description`
 /// is not null, "ADV_DESC". Returns 3 for a null class, source or name, 9 for a class with a full
-/// stop. The texts may lie in `buffer`: the fields are then built behind them, which takes that
-/// much room more.
+/// stop. The texts may lie in `buffer`: the fields are then built behind them, which needs that
+/// much more room.
 KVX_API int rvmsg_AppendAdvisoryFields(void* buffer, rvmsg_Size capacity, const char* advClass,
                                        const char* source, const char* name,
                                        const char* description);
 
-/// Checks a whole message that came from outside: its length word is `length`, every field lies
-/// inside its message, no size is larger than its type allows, nothing is left over, and messages
-/// nest at most 32 levels below the top one. Returns 0, 1 for a missing magic, else 10. Subjects
-/// are checked for their length only; `kvx::SubjectView::parse` checks their inside.
+/// Checks a whole untrusted message: its length word is `length`, every field lies inside its
+/// message, no size is larger than its type allows, nothing is left over, and messages nest at most
+/// 32 levels below the top one. Returns 0, 1 for a missing magic, else 10. Subjects are checked for
+/// their length only; `kvx::SubjectView::parse` checks their elements.
 KVX_API int rvmsg_Validate(const void* bytes, std::size_t length);
 
-/// Opens the payload of a sealed block: returns the unsealed value and sets `*length` to its size,
-/// or returns null when it cannot.
+/// Opens the payload of a sealed block: returns the unsealed value and sets `*length` to its size;
+/// null on failure.
 using rvmsg_UnsealRoutine = rvmsg_Data (*)(rvmsg_Data payload, rvmsg_Size payloadLength,
                                            rvmsg_Size* length, void* closure);
 

@@ -1,10 +1,9 @@
-// Converting a decoded value into the type and size that a reader asks for.
+// Converting a decoded value into another type and size.
 //
-// One function per source type, each a small table of target types. Numbers are those of a machine
-// whose `long` has 32 bits: texts are parsed and printed, and values cut, as such a machine does
-// it. A few results look odd and are part of the contract: an 8-byte integer prints its low word
-// first, and reading one as an unsigned or as an 8-byte value copies its bytes and still reports
-// failure.
+// One function per source type, each a small table of target types. Numbers behave as with a 32-bit
+// `long`: texts are parsed and printed, and values cut, to that width. A few odd results are part
+// of the contract: an 8-byte integer prints its low word first, and reading one as an unsigned or
+// as an 8-byte value copies its bytes and still reports failure.
 
 #include <algorithm>
 #include <cerrno>
@@ -27,8 +26,8 @@ namespace {
 
 namespace code = kvx::message_code;
 
-// Capacities that a string target must offer. Where they count no terminator, one is written all
-// the same.
+// Required capacities of a string target. The terminator is written even where they do not count
+// it.
 constexpr rvmsg_Size kBooleanText = 6;
 constexpr rvmsg_Size kPortText = 4;
 constexpr rvmsg_Size kAddressText = 8;
@@ -36,7 +35,7 @@ constexpr rvmsg_Size kLongIntegerText = 16;
 constexpr rvmsg_Size kFloatText = 16;
 constexpr rvmsg_Size kDoubleText = 25;
 constexpr rvmsg_Size kMaxUnterminatedText =
-    4;  // bytes of a text without its zero that still parses
+    4;  // bytes of the longest text that parses without a terminator
 
 struct Source {
     rvmsg_Type type;
@@ -132,7 +131,7 @@ int fromDateTime(const Source& source, const Target& target) {
 
 // ---- from strings ----
 
-// A text that ends in a zero within its size, or is short enough to get one here.
+// A text with a terminator within its size, or short enough to be copied and terminated.
 class NumericText {
   public:
     explicit NumericText(const Source& source) : text_(static_cast<const char*>(source.data)) {
@@ -145,7 +144,7 @@ class NumericText {
         text_ = copy_;
     }
 
-    // What `parse(text, end)` gives when it consumes the whole text.
+    // The result of `parse(text, end)` if it consumes the whole text.
     template <class Parse>
     auto parsed(Parse parse) const -> std::optional<decltype(parse(nullptr, nullptr))> {
         if (text_ == nullptr) return std::nullopt;
@@ -166,7 +165,7 @@ std::int32_t parseSigned(const char* text, char** end) {
         value, std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max()));
 }
 
-// strtoul of 32 bits: what does not fit becomes the largest value, a minus sign negates.
+// 32-bit strtoul: an overflow gives the largest value, a minus sign negates.
 template <int base>
 std::uint32_t parseUnsigned(const char* text, char** end) {
     errno = 0;
@@ -177,7 +176,7 @@ std::uint32_t parseUnsigned(const char* text, char** end) {
     return static_cast<std::uint32_t>(value);
 }
 
-// With a full stop, as the sender wrote it, whatever this process's locale.
+// The decimal point is a full stop, whatever the locale of this process.
 double parseReal(const char* text, char** end) {
     static const locale_t classic = newlocale(LC_ALL_MASK, "C", nullptr);
     return strtod_l(text, end, classic);
@@ -187,7 +186,7 @@ int putString(const Target& target, const Source& source) {
     if (target.size < source.size) return code::kInvalidArgument;
     auto* const out = static_cast<char*>(target.data);
     std::memmove(out, source.data, source.size);
-    // A text that brings no terminator gets one where there is room.
+    // A text without a terminator gets one where there is room.
     const bool isTerminated = source.size != 0 && out[source.size - 1] == 0;
     if (!isTerminated && target.size > source.size) out[source.size] = 0;
     return code::kOk;
@@ -354,7 +353,7 @@ int fromInteger(const Source& source, const Target& target) {
 
 // ---- from reals ----
 
-// Toward zero; what 64 bits do not hold becomes their smallest number.
+// Toward zero; out of range gives the smallest 64-bit integer.
 std::uint64_t truncated(double value) {
     constexpr double kLimit = 9223372036854775808.0;
     if (!(value >= -kLimit && value < kLimit)) return std::uint64_t{1} << 63U;
@@ -370,7 +369,7 @@ int fromReal(const Source& source, const Target& target) {
     switch (target.type) {
         case RVMSG_STRING: {
             if (target.size < (isFloat ? kFloatText : kDoubleText)) return code::kInvalidArgument;
-            // "%g", whatever this process's locale.
+            // "%g", independent of the locale.
             char text[kDoubleText] = {};
             std::to_chars(std::begin(text), std::end(text) - 1, value, std::chars_format::general,
                           6);

@@ -1,7 +1,7 @@
 // Values and messages as text.
 //
-// A message is printed without recursion: the walk keeps one cursor for each message it is inside
-// of. Levels deeper than a valid message has are not entered.
+// A message is printed without recursion, with one cursor for each level of nesting. Levels deeper
+// than those of a valid message are not entered.
 
 #include <cstring>
 
@@ -81,7 +81,7 @@ int printValue(rvmsg_Type type, rvmsg_Size size, rvmsg_Data data, FILE* out) {
     }
 }
 
-// The messages that the walk is inside of, outermost first.
+// The messages being printed, outermost first.
 class MessagePrinter {
   public:
     explicit MessagePrinter(FILE* out) : out_(out) {}

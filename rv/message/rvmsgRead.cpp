@@ -1,9 +1,8 @@
-// Finding, decoding and walking fields, and checking a whole message that came from outside.
+// Finding, decoding and iterating fields, and checking a whole untrusted message.
 //
-// Everything that reads a message goes through `FieldCursor`, so there is one place that knows how
-// a field lies on the wire and one place that can meet a broken one. A path is followed in a loop,
-// message by message, and the check keeps the ends of the messages it is inside of in a fixed
-// array: how deeply a peer nests costs no stack.
+// All reading goes through `FieldCursor`, the one place that knows the layout of a field and
+// detects a broken one. A path is followed in a loop, message by message, and the check keeps the
+// ends of the enclosing messages in a fixed array: deep nesting costs no stack.
 
 #include <cstring>
 

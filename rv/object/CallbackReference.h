@@ -6,13 +6,13 @@
 
 namespace kvx::detail {
 
-/// Counts one holder more of `handle`, which may be null. Returns it.
+/// Adds a holder to `handle`, which may be null. Returns it.
 KVX_API RvCallbackHandle* takeHandle(RvCallbackHandle* handle);
 
-/// Counts one holder less and frees the handle with its last holder, the callback itself included.
+/// Removes a holder; the last one, the callback itself included, frees the handle.
 KVX_API void releaseHandle(RvCallbackHandle* handle);
 
-/// One holder of a callback handle: points at a callback without keeping it alive.
+/// A weak reference to a callback: one holder of its handle.
 class CallbackReference {
   public:
     CallbackReference() = default;
@@ -24,7 +24,7 @@ class CallbackReference {
     }
     ~CallbackReference() { releaseHandle(m_handle); }
 
-    /// The callback as the interface that it was given as; null when there is none or it is dead.
+    /// The callback as its interface; null when there is none or it was destroyed.
     template <class Interface>
     Interface* as() const {
         return m_handle == nullptr ? nullptr : static_cast<Interface*>(m_handle->object);

@@ -6,11 +6,12 @@ class RvEvent;
 
 namespace kvx::detail {
 
-/// What the core calls back with: the part of an event that survives it while a callback runs.
+/// The closure that the core calls back with: the part of an event that outlives it while a
+/// callback runs.
 ///
-/// The event holds its state until it is destroyed, and a running dispatch holds it too. So whoever
-/// has called user code looks at `event` before anything else: null says that the event has been
-/// destroyed meanwhile. Event kinds derive their state from this one.
+/// The event holds its state until it is destroyed, and a running dispatch holds it too. After user
+/// code, check `event` first: null means that the event was destroyed meanwhile. Each kind of event
+/// derives its state from this one.
 struct EventState {
     explicit EventState(RvEvent* owner) : event(owner) {}
     EventState(const EventState&) = delete;
@@ -32,7 +33,7 @@ class StateHold {
     /// False once the event has been destroyed.
     [[nodiscard]] bool hasEvent() const { return state_->event != nullptr; }
 
-    /// Gives one holder up; the last one frees the state.
+    /// Removes a holder; the last one frees the state.
     static void drop(EventState* state) {
         if (--state->holders < 1) delete state;
     }

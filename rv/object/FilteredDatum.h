@@ -6,8 +6,8 @@
 
 namespace kvx::detail {
 
-/// A datum after its filter. Without a live filter it is the datum itself. Constructing one may run
-/// user code that destroys the sender or listener, the session and the filter.
+/// A datum after its filter; the datum itself without a live filter. The constructor may run user
+/// code that destroys the sender or listener, the session and the filter.
 class FilteredDatum {
   public:
     FilteredDatum(const CallbackReference& reference, RvDatum& datum, void* object)

@@ -1,3 +1,7 @@
+// A handle has one holder for the callback itself and one for each event, sender or session that
+// points at it. The callback clears `object` when it is destroyed; the last holder frees the
+// handle.
+
 #include "rv/object/RvCallback.h"
 
 #include <new>
@@ -9,8 +13,6 @@
 #include "rv/object/RvSignalCallback.h"
 #include "rv/object/RvTimerCallback.h"
 
-// A handle has one holder for the callback itself and one for each event, sender or session that
-// points at it. The callback clears `object` when it dies; the last of them all frees the handle.
 
 namespace {
 

@@ -6,10 +6,10 @@
 
 class RvCallback;
 
-/// Tells the holders of a callback whether it is still alive.
+/// Says whether a callback is still alive.
 ///
 /// A callback object and everything that may call it share one handle. `object` becomes null when
-/// the callback is destroyed; the handle itself goes with its last holder.
+/// the callback is destroyed; the last holder frees the handle.
 struct RvCallbackHandle {
     RvCallback* object;
     std::int32_t refs;
@@ -17,15 +17,15 @@ struct RvCallbackHandle {
 
 /// Root of the callback interfaces.
 ///
-/// The user owns its callbacks and may destroy them at any time, also inside their own call: events
-/// that still point at one find out through its handle. Loop thread only, but for construction.
+/// The user owns its callbacks and may destroy them at any time, also inside their own call; a
+/// destroyed one is not called any more. Loop thread only, except construction.
 class KVX_API RvCallback {
   public:
-    /// When the handle cannot be allocated the callback has none, and is never called.
+    /// Without memory for the handle the callback is never called.
     RvCallback();
-    /// A copy is a callback of its own, with a handle of its own.
+    /// A copy gets its own handle.
     RvCallback(const RvCallback& other);
-    /// Keeps this object's handle: whoever points at it goes on doing so.
+    /// Keeps this object's handle, so references to it stay valid.
     RvCallback& operator=(const RvCallback& other);
     virtual ~RvCallback();
 

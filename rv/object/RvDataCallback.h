@@ -6,7 +6,7 @@ class RvDatum;
 class RvListener;
 class RvSender;
 
-/// Is called with the messages of a listener, or when none came in time. Loop thread only.
+/// Called with the messages of a listener, and at its time-out. Loop thread only.
 class KVX_API RvDataCallback : public RvCallback {
   public:
     ~RvDataCallback() override;
@@ -18,6 +18,6 @@ class KVX_API RvDataCallback : public RvCallback {
     virtual void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
                         RvListener* listener) = 0;
 
-    /// The listener's time-out has passed before any message came. Does nothing by itself.
+    /// The listener's time-out has passed before any message came. The default does nothing.
     virtual void onTimeout(RvListener* listener);
 };

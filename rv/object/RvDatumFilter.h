@@ -6,7 +6,7 @@ class RvDatum;
 
 /// Sees every datum that a sender publishes or a listener is about to deliver. Loop thread only.
 ///
-/// The user owns its filters. A filter that has been destroyed counts as none.
+/// The user owns its filters. A destroyed filter is skipped.
 class KVX_API RvDatumFilter : public RvCallback {
   public:
     ~RvDatumFilter() override;

@@ -3,10 +3,10 @@
 #include "rv/object/CallbackReference.h"
 #include "rv/object/RvSessionObject.h"
 
-/// Something that calls a callback: a listener, a timer, watched I/O or a signal.
+/// Base of everything that calls a callback: a listener, a timer, watched I/O or a signal.
 ///
-/// Deleting an event removes its registration. An event whose callback has been destroyed calls
-/// nobody, and drops its registration the next time it is due.
+/// Deleting an event removes its registration. An event whose callback was destroyed removes its
+/// registration the next time it is due.
 class KVX_API RvEvent : public RvSessionObject {
   public:
     ~RvEvent() override;
@@ -14,7 +14,7 @@ class KVX_API RvEvent : public RvSessionObject {
     /// The callback, or null once it has been destroyed.
     RvCallback* callback() const;
 
-    /// The closure given at creation, never interpreted.
+    /// The closure given at creation.
     void* closure() const { return m_closure; }
 
   protected:

@@ -22,7 +22,7 @@ struct IoState : EventState {
     rvevm_Id id = nullptr;
 };
 
-// User code comes last: afterwards the watch, its session and its callback may be gone.
+// User code runs last: it may destroy the watch, its session and its callback.
 void IoState::onReady(void* session, void* closure, int /*kind*/, void* /*entry*/) {
     auto& state = *static_cast<IoState*>(closure);
     auto* io = static_cast<RvIO*>(state.event);

@@ -1,3 +1,7 @@
+// A delivery runs user code twice: the inbound filter, then `onData`. The filter may destroy the
+// listener, the callback or the session, so everything is looked up again after it. After `onData`
+// only the delivery's own datum and reply sender are used, which hold the session block themselves.
+
 #include "rv/object/RvListener.h"
 
 #include <memory>
@@ -14,9 +18,6 @@
 #include "rv/session/rvSessionEvents.h"
 #include "rv/wire/Limits.h"
 
-// A delivery runs user code twice: the inbound filter, then `onData`. The filter may destroy the
-// listener, the callback or the session, so everything is looked up again after it; after `onData`
-// only the delivery's own datum and reply sender are touched, which hold the block by themselves.
 
 namespace {
 
@@ -66,7 +67,7 @@ struct ListenerState : EventState {
     CallbackReference inboundFilter;
 };
 
-// The result is a session code.
+// Returns a session code.
 int ListenerState::subscribe(rv_Session session, const char* wanted) {
     isInbox = wanted == nullptr;
     subject =

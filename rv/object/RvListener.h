@@ -22,8 +22,7 @@ class KVX_API RvListener : public RvEvent {
     /// Whether this listens on an inbox of its own.
     bool isInbox() const;
 
-    /// The filter taken from the session at creation, or null when there is none or it is
-    /// destroyed.
+    /// The session's filter at creation, or null when there was none or it was destroyed.
     RvDatumFilter* inboundFilter() const;
 
   private:
@@ -31,7 +30,7 @@ class KVX_API RvListener : public RvEvent {
     friend class RvSession;
     friend struct kvx::detail::ListenerState;
 
-    /// `subject` null makes an inbox. Leaves the outcome in the block's status.
+    /// `subject` null makes an inbox. Stores the outcome in the block's status.
     RvListener(RvSessionBlock* block, const char* subject, unsigned long timeoutMs,
                RvDataCallback* callback, void* closure);
 

@@ -1,3 +1,7 @@
+// Two steps of a send may run user code: the outbound filter, and the core, which calls its own
+// listeners when it finds the daemon gone. Either may destroy this sender and the session. So a
+// send holds the session block, passes copies of the texts, and uses no member afterwards.
+
 #include "rv/object/RvSender.h"
 
 #include <memory>
@@ -10,9 +14,6 @@
 #include "rv/object/RvSession.h"
 #include "rv/object/SessionBlock.h"
 
-// Two things in a send may run user code: the outbound filter, and the core, which tells its own
-// listeners when it finds the daemon gone. Either may destroy this sender and the session. So a
-// send holds the block, gives the filter texts to outlive, and touches no member afterwards.
 
 using kvx::Text;
 using kvx::detail::BlockHold;

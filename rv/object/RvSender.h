@@ -23,10 +23,10 @@ class KVX_API RvSender : public RvSessionObject {
     RvListener* sendRequest(const RvDatum& data, RvDataCallback* callback, void* closure);
 
     /// Publishes `data` with a new inbox as reply subject; replies come to `callback`, or its
-    /// `onTimeout` when none came within `timeoutMs` milliseconds (0: waits for good). The caller
-    /// owns the result, and deletes it when the reply has come or the time is over. Null on
-    /// failure, with the reason in the session's status; null with success when `callback` has
-    /// been called meanwhile and has deleted it.
+    /// `onTimeout` when none came within `timeoutMs` milliseconds (0: no time-out). The caller owns
+    /// the result, and deletes it after the reply or the time-out. Null on failure, with the reason
+    /// in the session's status; null with success when `callback` was called meanwhile and deleted
+    /// it.
     RvListener* sendRequest(const RvDatum& data, unsigned long timeoutMs, RvDataCallback* callback,
                             void* closure);
 
@@ -41,7 +41,7 @@ class KVX_API RvSender : public RvSessionObject {
 
     RvSender(RvSessionBlock* block, const char* subject, const char* replySubject);
 
-    /// Filters and publishes; the result is a session code. This sender may be gone afterwards.
+    /// Filters and publishes; returns a session code. May destroy this sender.
     int publish(const RvDatum& data, const char* replySubject);
 
     kvx::detail::CallbackReference m_outboundFilter;

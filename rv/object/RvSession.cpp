@@ -1,3 +1,8 @@
+// The session object, the objects made from it and the user's callbacks are destroyed in any order.
+// Two small counted records make that safe: the session block, which says whether the session is
+// still open, and a handle per callback, which says whether the callback is alive. A function that
+// may run user code holds the block meanwhile and uses no member of the session afterwards.
+
 #include "rv/object/RvSession.h"
 
 #include <memory>
@@ -13,10 +18,6 @@
 #include "rv/object/SessionBlock.h"
 #include "rv/session/rvSessionHooks.h"
 
-// The session object, the objects made from it and the user's callbacks die in any order. Two small
-// counted records make that safe: the session block, which says whether the session is still open,
-// and a handle per callback, which says whether that is still alive. Whatever may run user code
-// holds the block meanwhile and touches no member of the session afterwards.
 
 using kvx::detail::BlockHold;
 using kvx::detail::CallbackReference;
@@ -34,8 +35,8 @@ RvSession::RvSession(rv_Session handle) : m_block(kvx::detail::newSessionBlock()
     m_block->owner = this;
 }
 
-// The block says "closed" before the core closes: what runs meanwhile meets a closed session, but
-// can still take its registrations back.
+// The block is marked closed before the core closes: user code that runs meanwhile sees a closed
+// session, but can still remove registrations.
 RvSession::~RvSession() {
     if (m_block == nullptr) return;
     rv_Session closing = m_block->handle;
@@ -53,7 +54,7 @@ rv_Session RvSession::handle() const {
     return m_block == nullptr ? nullptr : m_block->handle;
 }
 
-// The first two checks of every creation: without a block there is nowhere to leave a reason.
+// The first checks of every creation. Without a block the reason cannot be stored.
 bool RvSession::accepts(bool argumentsAreGood, int refusal) {
     if (m_block == nullptr) return false;
     if (!argumentsAreGood) {
@@ -66,9 +67,9 @@ bool RvSession::accepts(bool argumentsAreGood, int refusal) {
     return false;
 }
 
-// The constructor registers with the core and leaves the outcome in the block. That may run user
-// code, which may destroy this session: the object is then as good as refused. Destroying a refused
-// object undoes what succeeded, and must not hide the reason.
+// The constructor registers with the core and stores the outcome in the block. That may run user
+// code, which may destroy this session: the object is then refused. Destroying a refused object
+// undoes what succeeded, and must not overwrite the reason.
 template <class Object, class... Arguments>
 Object* RvSession::create(Arguments... arguments) {
     RvSessionBlock& block = *m_block;

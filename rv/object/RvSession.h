@@ -20,33 +20,33 @@ struct RvSessionBlock;
 
 namespace kvx {
 
-/// Given to `RvSession::newListener` as the subject, makes an inbox. Recognised by its address: a
-/// text that reads the same is a subject like any other.
+/// As the subject of `RvSession::newListener`, makes an inbox. Compared by address: an equal text
+/// elsewhere is an ordinary subject.
 KVX_API extern const char inboxMarker[];
 
 }  // namespace kvx
 
-/// An open connection to the bus daemon, and the maker of everything that uses it.
+/// An open connection to the bus daemon, and the factory of everything that uses it.
 ///
 /// Each `new...` operation returns an object that the caller owns, or null with the reason in
 /// `status()`: 2 for a closed or missing session, 3 for a missing callback or subject, 20 when
 /// memory ran out, and the codes of the session (category 0) and of the event manager (category 2).
 /// The session, its objects and their callbacks may be destroyed in any order, also inside a
-/// callback. Callbacks must outlive nothing: a destroyed one is not called. Loop thread only.
+/// callback. A destroyed callback is not called. Loop thread only.
 class KVX_API RvSession {
   public:
-    /// Takes over `handle`, which may be null: then everything reports code 2.
+    /// Takes ownership of `handle`. With null everything reports code 2.
     explicit RvSession(rv_Session handle);
     RvSession(const RvSession&) = delete;
     RvSession& operator=(const RvSession&) = delete;
 
-    /// Closes the core session. The objects made from it stay valid and report code 2.
+    /// Closes the core session. Objects made from it stay valid and report code 2.
     virtual ~RvSession();
 
     /// The outcome of the latest operation on this session or on any object made from it.
     RvStatus status() const;
 
-    /// The core session, which stays this object's; null when there is none.
+    /// The core session, owned by this object; null when there is none.
     rv_Session handle() const;
 
     /// A sender on `subject`, whose messages carry `replySubject` unless it is null. Both are
@@ -66,7 +66,7 @@ class KVX_API RvSession {
     RvTimer* newTimer(unsigned long intervalMs, rv_Boolean repeat, RvTimerCallback* callback,
                       void* closure);
 
-    /// Watches `socket`, which stays the caller's, for one condition.
+    /// Watches `socket`, which the caller owns, for one condition.
     RvIO* newIO(unsigned int socket, rvevm_IoEventType type, RvIOCallback* callback, void* closure);
 
     RvSignal* newSignal(int signal, RvSignalCallback* callback, void* closure);

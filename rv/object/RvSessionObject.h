@@ -5,7 +5,7 @@
 class RvSession;
 struct RvSessionBlock;
 
-/// What a session makes: senders and events.
+/// Base of everything that a session makes: senders and events.
 ///
 /// The caller owns every such object; deleting it undoes what it registered. Object and session may
 /// be destroyed in any order: an object whose session is gone stays valid, and its operations

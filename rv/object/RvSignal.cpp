@@ -1,3 +1,8 @@
+// A signal event whose callback was destroyed tries to end its registration with the removal of a
+// timer, which does not know the id. So the slot stays taken, with the state as its closure,
+// although the signal object has dropped it. The session block therefore keeps such a state until
+// the core session is closed, even after the signal object is destroyed.
+
 #include "rv/object/RvSignal.h"
 
 #include <new>
@@ -9,10 +14,6 @@
 #include "rv/object/SessionBlock.h"
 #include "rv/session/rvSessionEvents.h"
 
-// A signal that finds its callback dead asks the *timer* removal to take its registration away,
-// which does not know the id. So the slot stays taken, with the state as its closure, although the
-// signal object has forgotten it. The block keeps such a state until the core session is closed,
-// however early the signal object goes.
 
 namespace kvx::detail {
 

@@ -11,8 +11,8 @@ struct SignalState;
 /// A caught signal. Made by `RvSession::newSignal`; the caller owns it, and deleting it restores
 /// the default handling.
 ///
-/// When the callback dies first, the next signal detaches this object from its registration without
-/// ending that: the slot stays taken, and does nothing, until the session closes.
+/// When the callback is destroyed first, the next signal detaches this object without ending the
+/// registration: the slot stays taken, without effect, until the session closes.
 class KVX_API RvSignal : public RvEvent {
   public:
     ~RvSignal() override;

@@ -25,7 +25,7 @@ struct TimerState : EventState {
     rv_Boolean repeat = rv_FALSE;
 };
 
-// User code comes last: afterwards the timer, its session and its callback may be gone.
+// User code runs last: it may destroy the timer, its session and its callback.
 void TimerState::onTimer(void* session, void* closure, int /*kind*/, void* /*entry*/) {
     auto& state = *static_cast<TimerState*>(closure);
     auto* timer = static_cast<RvTimer*>(state.event);

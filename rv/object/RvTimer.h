@@ -11,7 +11,7 @@ struct TimerState;
 }
 
 /// A timer, one-shot or repeating. Made by `RvSession::newTimer`; the caller owns it, and deleting
-/// it stops it. A one-shot timer that has fired stays with its owner and does nothing more.
+/// it stops it. A one-shot timer that has fired does nothing more.
 class KVX_API RvTimer : public RvEvent {
   public:
     ~RvTimer() override;
@@ -21,11 +21,11 @@ class KVX_API RvTimer : public RvEvent {
 
     rv_Boolean isRepeating() const;
 
-    /// Whether a firing is still to come: false for a one-shot timer from its call on.
+    /// True while the timer will fire again; false for a one-shot timer from its callback on.
     bool isPending() const;
 
-    /// Starts a new interval now. {0, 2} when the session is closed, {0, 3} when nothing runs any
-    /// more (a one-shot timer that fired), else the event manager's code in category 2.
+    /// Starts a new interval now. {0, 2} when the session is closed, {0, 3} after a one-shot timer
+    /// has fired, else the event manager's code in category 2.
     RvStatus resetInterval(unsigned long intervalMs);
 
   private:

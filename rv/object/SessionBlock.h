@@ -11,23 +11,22 @@ namespace kvx::detail {
 struct SignalState;
 }
 
-/// What a session and the objects made from it share, and what outlives each of them.
+/// State shared by a session and the objects made from it; outlives each of them.
 struct RvSessionBlock {
     rv_Session handle = nullptr;  ///< null once the session is closed, or closing
-    rv_Session core =
-        nullptr;  ///< where registrations are undone; of a closed one it names nothing
-    RvSession* owner = nullptr;  ///< null once the session object is destroyed
-    RvStatus* status = nullptr;  ///< owned: the outcome of the latest operation
-    std::int32_t refs = 0;       ///< the session itself and every live object made from it
+    rv_Session core = nullptr;    ///< for removing registrations; an invalid handle once closed
+    RvSession* owner = nullptr;   ///< null once the session object is destroyed
+    RvStatus* status = nullptr;   ///< owned: the outcome of the latest operation
+    std::int32_t refs = 0;        ///< the session itself and every live object made from it
 
-    /// States of signals that lost their callback: the slot in the core still points at them, until
-    /// the core session is closed. Owned, a singly linked list.
+    /// States of signals without a callback, which the core references until the session is closed.
+    /// Owned, a singly linked list.
     kvx::detail::SignalState* abandonedSignals = nullptr;
 };
 
 namespace kvx::detail {
 
-/// Null when memory ran out.
+/// Null without memory.
 RvSessionBlock* newSessionBlock();
 
 /// Drops one reference. Frees the block when that was the last one and its session is gone.
@@ -36,7 +35,7 @@ void releaseBlock(RvSessionBlock* block);
 /// Frees a list of abandoned signal states.
 void freeSignals(SignalState* first);
 
-/// Keeps a block alive while user code may destroy everything that belongs to it.
+/// Keeps a block alive while user code runs.
 class BlockHold {
   public:
     explicit BlockHold(RvSessionBlock& block) : block_(&block) { ++block.refs; }

@@ -1,4 +1,10 @@
 // The advisories that a session makes about itself, and those that applications publish.
+//
+// A session's own advisories (lost daemon, late timers, fast producer) are built in fixed buffers
+// and delivered to the session's own listeners only. The fast-producer condition is announced for
+// the first of every hundred occurrences. An application's advisory is a message body whose fields
+// name its subject; it is published like data. `rv_SendAppAdvisory` refuses the system's source and
+// subjects.
 
 #include <cstdio>
 #include <optional>
@@ -44,7 +50,7 @@ struct AdvisoryFields {
     [[nodiscard]] bool complete() const {
         return advisoryClass != nullptr && source != nullptr && name != nullptr;
     }
-    // "_RV.<class>.<source>.<name>", encoded; nothing when it is no subject.
+    // "_RV.<class>.<source>.<name>", encoded; nothing when it is not a valid subject.
     [[nodiscard]] std::optional<Subject> subject() const {
         const std::string text =
             std::string(kReservedElement) + "." + advisoryClass + "." + source + "." + name;

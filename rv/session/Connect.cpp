@@ -1,11 +1,11 @@
-// From a daemon's text to a link: its address, connecting, starting a local daemon, the greeting,
-// the version and the queue's parameters.
+// From a daemon's address text to a link: resolving, connecting, starting a local daemon, the
+// greeting, the version and the queue's parameters.
 //
-// An attempt is a connection on which the daemon's greeting has arrived; there are four of them,
-// with a pause after each that failed, and after the first one a local daemon is started. What the
-// daemon says after that is final, with one exception: a daemon that offers version 3 gets version
-// 4 tried on it, and when that does not succeed a second connection on which 3 is spoken. A signal
-// ends a reconnection in its pauses, so that the loop can turn.
+// An attempt succeeds when the daemon's greeting has arrived. There are four attempts, with a pause
+// after each failure; after the first failure a local daemon is started. A failure after the
+// greeting is final, with one exception: with a daemon that offers version 3, version 4 is tried
+// first, and then version 3 on a second connection. A signal ends a reconnection in its pauses, so
+// that the loop can handle it.
 
 #include <algorithm>
 #include <cstdlib>
@@ -31,7 +31,7 @@ using link::Deadline;
 using platform::Socket;
 
 constexpr std::string_view kScheme = "tcp:";
-constexpr std::size_t kMaxHostLength = 127;  // characters; longer names are cut
+constexpr std::size_t kMaxHostLength = 127;  // characters; longer names are truncated
 constexpr int kAttempts = 4;
 constexpr platform::Milliseconds kPauseMs = 2'000;    // after a failed attempt
 constexpr platform::Milliseconds kPauseStepMs = 50;   // between two looks for a signal
@@ -138,7 +138,8 @@ std::optional<std::string> executableIn(const std::string& directory, const std:
     return platform::isExecutable(path) ? std::optional(std::move(path)) : std::nullopt;
 }
 
-// Beside the running program, then in $VEK_HOME/bin, then on PATH; a name with a slash is a file.
+// Searches beside the running program, then in $VEK_HOME/bin, then on PATH; a name with a slash is
+// a file.
 std::optional<std::string> findProgram(const std::string& name) {
     if (name.find('/') != std::string::npos) return name;
     if (auto beside = executableIn(platform::programDirectory(), name)) return beside;

@@ -1,9 +1,9 @@
-// From a message to the listeners it reaches.
+// Delivering a message to the matching listeners.
 //
-// Messages are delivered one at a time and in order, whoever brings them: what arrives while
-// callbacks run waits in the pending queue. A message that comes straight from the link is
-// delivered where it lies; only what has to wait is copied. The forms of subject and reply that the
-// records ask for are computed once a message, when the first record asks.
+// Messages are delivered one at a time and in order, from the link and from local calls: a message
+// that arrives while callbacks run waits in the pending queue. A message from the link is delivered
+// in place; only a waiting one is copied. The text forms of subject and reply are computed once a
+// message, when the first record needs them.
 
 #include <cstdio>
 #include <cstring>
@@ -21,7 +21,7 @@ namespace kvx::session {
 
 namespace {
 
-/// One message on its way to the listeners.
+/// The delivery of one message.
 class Delivery {
   public:
     Delivery(SessionState& session, wire::Bytes message, SubjectView subject)
@@ -30,7 +30,7 @@ class Delivery {
         encodedReply_[2] = 0;
     }
 
-    /// False when the message goes to nobody: a hook or an unreadable payload.
+    /// False when a hook refused the message or its payload is unreadable.
     bool prepare() {
         if (session_.hooks.run(RV_HOOK_DELIVER, session_.handle(), message_) != 0) return false;
         reply_ = textField(message_, wire::field::kReturn);
@@ -81,7 +81,7 @@ class Delivery {
     rvmsg_Size size_ = 0;
     rvmsg_Data data_ = nullptr;
     alignas(std::max_align_t) std::uint8_t scratch_[32];
-    // Filled when the first record asks: an empty text, a subject without elements before that.
+    // Filled when first needed; until then an empty text and a subject without elements.
     char subjectText_[kMaxSubjectBytes];
     std::uint8_t encodedReply_[wire::kSubjectCapacity];
 };
@@ -112,7 +112,7 @@ void deliverOne(SessionState& session, wire::Bytes message) {
     if (!delivery && advisory::isReportable(*subject)) reportUnhandled(message);
 }
 
-// Memory that runs out costs this message only, and is told behind what waits.
+// Without memory only this message is lost; the advisory follows the pending messages.
 void deliverSafely(SessionState& session, wire::Bytes message) {
     try {
         deliverOne(session, message);
@@ -121,7 +121,7 @@ void deliverSafely(SessionState& session, wire::Bytes message) {
     }
 }
 
-// Delivers what came while callbacks ran; false when there was nothing.
+// Delivers the next pending message; false when there is none.
 bool deliverNextPending(SessionState& session) {
     if (session.isClosed()) return false;
     if (!session.pending.empty()) {

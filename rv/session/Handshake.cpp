@@ -1,10 +1,10 @@
 // The session introduces itself to its daemon after every connect.
 //
-// A first init message brings the address under which the daemon sees this client, from which the
-// session's name is made; a second one tells name and control inbox. Then every subscription is
+// The answer to a first init message has the client's address as the daemon sees it, from which the
+// session's name is made; a second init sends name and control inbox. Then every subscription is
 // announced, and the wildcard that covers all inboxes under the name. Inboxes made under an earlier
-// name live on: the wildcards of such names are announced too, as long as one of their inboxes is
-// listened on.
+// name stay valid: the wildcards of such names are announced too, as long as one of their inboxes
+// is listened on.
 //
 // The link is in blocking mode meanwhile. Nothing here calls user code except the listen hooks.
 
@@ -28,7 +28,7 @@ constexpr platform::Milliseconds kReplyMs = 10'000;  // for the daemon's answer,
 int send(SessionState& session, wire::Built built) {
     if (built.code != 0) return codeOfBuild(built.code);
     if (session.queue == nullptr)
-        return session_code::kNotConnected;  // a hook has closed the session or lost the link
+        return session_code::kNotConnected;  // a hook closed the session or lost the link
     if (ipq_Enqueue(session.queue, std::move(built.message), false) || ipq_WasKept(session.queue))
         return ipq_StateOf(session.queue) == IPQ_PEER_GONE ? session_code::kNotConnected
                                                            : session_code::kOk;
@@ -153,7 +153,7 @@ int connectAndIntroduce(SessionState& session) {
     ipq_SetStallLimit(session.queue, kReplyMs);
     ipq_SetBlocking(session.queue, true);
     const int code = introduceSafely(session);
-    if (session.queue == nullptr)  // a hook has closed the session or lost the link
+    if (session.queue == nullptr)  // a hook closed the session or lost the link
         return code != 0 ? code : session_code::kNotConnected;
     if (code != 0) {
         ipq_Close(std::exchange(session.queue, nullptr), false);

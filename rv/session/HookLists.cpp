@@ -1,3 +1,7 @@
+// A running list is walked by index over entries that stay in place: an added hook goes to the end
+// and is reached by the same run; a removed one is only nulled, and the end of the outermost run of
+// its list erases it. Each entry is copied before its call, since adding may reallocate.
+
 #include "rv/session/HookLists.h"
 
 #include <algorithm>

@@ -7,14 +7,14 @@
 
 namespace kvx::session {
 
-/// The seven hook lists of a session. Hooks may add and remove hooks while they run: what they add
-/// to the running list is called too, what they remove is not called any more.
+/// The seven hook lists of a session. Hooks may add and remove hooks while they run: one added to
+/// the running list is called too, a removed one is not.
 class HookLists {
   public:
     void add(rv_HookList list, rv_Hook hook, void* closure);
     [[nodiscard]] bool remove(rv_HookList list, rv_Hook hook, void* closure);
-    /// Calls the hooks in order until one gives a nonzero result, which is returned. The notifying
-    /// lists (3 to 6) are run to their end and give 0.
+    /// Calls the hooks in order until one returns nonzero, which is returned. Lists 3 to 6 run to
+    /// their end and return 0.
     int run(rv_HookList list, rv_Session session, const void* message);
 
   private:

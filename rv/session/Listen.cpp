@@ -1,8 +1,8 @@
-// Listening: records, companion inboxes and the messages that announce them.
+// Listening: records, companion inboxes and their announcements.
 //
-// The first element of a subject decides. Below "_INBOX" a record is local and never announced,
-// since the daemon routes inbox messages by the wildcard announced at the handshake. Below "_RV" it
-// is announced without a reply inbox. Any other record is announced with an inbox of its own.
+// A record below "_INBOX" is local and never announced, since the daemon routes inbox messages by
+// the wildcard announced at the handshake. One below "_RV" is announced without a reply inbox. Any
+// other record is announced with its own companion inbox.
 
 #include <cstdio>
 #include <cstring>
@@ -44,9 +44,9 @@ int announceSafely(SessionState& session, const ListenRecord& record) {
     }
 }
 
-// The announcement may call user code: hooks, and listeners that hear of a broken link or a full
-// queue. The new record is called only from then on, since nobody knows the listener before its
-// listen has returned; and it may have been cancelled meanwhile.
+// The announcement may call user code: hooks, and listeners of advisories about a broken link or a
+// full queue. The new record becomes callable only afterwards, since the caller does not know its
+// id before the listen returns; it may have been cancelled meanwhile.
 int listen(SessionState& session, rv_Listener* listener, Subject subject, rv_DataCallback callback,
            void* closure) {
     const bool reserved = subject.view().first() == kReservedElement;

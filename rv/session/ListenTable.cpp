@@ -1,3 +1,8 @@
+// Records are owned by an id table, whose addresses stay valid, and indexed by subject in a tree of
+// pointers to them. Both are changed together: without memory for the tree the record is removed
+// again. The order of listening, which announcements need, is not stored but sorted by serial on
+// demand.
+
 #include "rv/session/ListenTable.h"
 
 #include <algorithm>

@@ -17,10 +17,10 @@ struct ListenRecord {
     rv_DataCallback callback;
     void* closure;
     bool textSubjects;  ///< the callback gets dotted text, else the encoded form
-    long serial;        ///< the listen counter when it was made
+    long serial;        ///< the session's listen counter at its creation
     rv_Listener companion =
         nullptr;               ///< the private reply inbox; null for inboxes and reserved subjects
-    rv_Listener id = nullptr;  ///< its own; set by the table
+    rv_Listener id = nullptr;  ///< its own id; set by the table
     bool callable = true;      ///< false while its listen is still being made
 };
 
@@ -28,11 +28,11 @@ struct ListenRecord {
 /// Loop thread only. Addresses of records stay valid until they are removed.
 class ListenTable {
   public:
-    /// Keeps the record under its subject; null without memory. May throw `std::bad_alloc`.
+    /// Adds the record under its subject; null without memory. May throw `std::bad_alloc`.
     [[nodiscard]] rv_Listener add(ListenRecord record);
     /// Null for a dead or foreign id.
     [[nodiscard]] ListenRecord* find(rv_Listener id);
-    /// Nothing for a dead or foreign id. Needs no memory.
+    /// Removes and returns the record; nothing for a dead or foreign id. Allocates nothing.
     [[nodiscard]] std::optional<ListenRecord> take(rv_Listener id) noexcept;
     void remove(rv_Listener id) noexcept { static_cast<void>(take(id)); }
 
@@ -41,9 +41,9 @@ class ListenTable {
     /// The dotted subject of a record's companion inbox; empty when it has none.
     [[nodiscard]] std::string companionText(const ListenRecord& record);
 
-    /// Calls `visit(ListenRecord&)` for every record that a message on `subject` reaches, in the
-    /// order of listening, until `visit` gives false. Returns the number of calls. `visit` may
-    /// change the table.
+    /// Calls `visit(ListenRecord&)` for every record that matches `subject`, in the order of
+    /// listening, until `visit` returns false. Returns the number of calls. `visit` may change the
+    /// table.
     template <class Visit>
     std::size_t match(SubjectView subject, Visit&& visit) const {
         if (subject.first() == kInboxElement) return tree_.matchExact(subject, visit);

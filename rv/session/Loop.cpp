@@ -1,4 +1,4 @@
-// Running a session, and looking at its connection.
+// Running a session, and the state and properties of its connection.
 
 #include <algorithm>
 #include <cstring>

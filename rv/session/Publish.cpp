@@ -1,4 +1,9 @@
-// Publishing: one allocation a message, which the connection takes over.
+// Publishing: each message is built in one allocation, which the link's queue takes over.
+//
+// The order of the checks is part of the contract: subject, connection, payload. The publish hooks
+// see the built message and may refuse it. A message that the queue's limit refuses gives 20, one
+// that drops an older message counts as sent; both raise the fast-producer advisory at error level,
+// and a long queue raises it at warning level. A broken link is handled as lost at once.
 
 #include <new>
 #include <utility>
@@ -27,7 +32,7 @@ bool isSendable(rvmsg_Type type, rvmsg_Data data) {
     return data != nullptr || type == RVMSG_NONE;
 }
 
-// What a failed queueing leads to. `kept`: the message waits although another one was dropped.
+// Handles a failed `ipq_Enqueue`. `kept`: the message is queued, but another one was dropped.
 int queueingFailed(SessionState& session, ipq_State state, bool kept) {
     switch (state) {
         case IPQ_NO_MEMORY:
@@ -93,7 +98,7 @@ int rv_SendRequest(rv_Session handle, rv_Listener* listener, const char* subject
     char inbox[wire::kInboxCapacity];
     int code = rv_CreateInbox(handle, listener, inbox, sizeof inbox, callback, closure);
     if (code != 0) return code;
-    rv_Listener made = *listener;  // user code that the send calls may use the variable again
+    rv_Listener made = *listener;  // user code called by the send may reuse the variable
     code = rv_Send(handle, subject, inbox, type, size, data);
     if (code != 0) {
         session->listens.remove(made);

@@ -1,12 +1,11 @@
-// The link breaks and comes back.
+// Losing and restoring the link.
 //
 // A lost link is dropped at once: later calls find no link, and the advisory is delivered only
-// once. An asynchronous session then tries to connect from a timer: at once, and after a failed
-// round of attempts again every 15 s. A round blocks the loop; a signal that comes during it or
-// came just before cuts it short, and it is begun again 250 ms later: the loop has handled it then.
-// When links that rounds have brought break within two seconds, one after the other, the pauses
-// double from 250 ms up to the 15 s: a daemon that closes what it has just accepted is not asked
-// again and again.
+// once. An asynchronous session then connects from a timer: immediately, and 15 s after each failed
+// round of attempts. A round blocks the loop; a signal during it or just before cuts it short, and
+// it begins again 250 ms later, after the loop has handled the signal. When restored links break
+// within two seconds, one after another, the pauses double from 250 ms up to 15 s, so that a daemon
+// that closes every new connection is not flooded.
 
 #include <algorithm>
 #include <exception>
@@ -22,12 +21,12 @@ namespace kvx::session {
 namespace {
 
 constexpr unsigned long kRetryMs = 15'000;            // between two rounds
-constexpr platform::Milliseconds kNoTimerMs = 5'000;  // the same without memory for a timer
-constexpr platform::Milliseconds kSettledMs = 2'000;  // a link that lasts so long is established
-constexpr unsigned long kFirstPauseMs = 250;          // after the first one that is not
+constexpr platform::Milliseconds kNoTimerMs = 5'000;  // without memory for a timer
+constexpr platform::Milliseconds kSettledMs = 2'000;  // such a link resets the pause
+constexpr unsigned long kFirstPauseMs = 250;          // after the first shorter link
 constexpr platform::Milliseconds kCutShortMs = 250;   // for the loop to handle a signal
 constexpr unsigned kMostDoublings = 6;                // of that pause, before kRetryMs is reached
-constexpr platform::Milliseconds kStallMs = 60'000;   // a peer that takes no byte so long is gone
+constexpr platform::Milliseconds kStallMs = 60'000;   // without a byte taken by the peer
 
 bool scheduleReconnect(SessionState& session, unsigned long delayMs);
 
@@ -53,7 +52,7 @@ void onReconnectTimer(void* /*owner*/, void* closure, int /*kind*/, void* /*entr
     reconnect(session);
 }
 
-// There is one timer at a time: a loss that a hook of the handshake discovers starts one, too.
+// One timer at a time: a loss found by a hook of the handshake may have started it already.
 bool scheduleReconnect(SessionState& session, unsigned long delayMs) {
     if (session.reconnectTimer != nullptr)
         return session.events.resetTimer(session.reconnectTimer, delayMs) == event_code::kOk;

@@ -1,10 +1,10 @@
-// A session's life: created, found by its handle, entered, closed.
+// A session's life cycle: created, found by its handle, entered, closed.
 //
-// A handle is a token that the register of open sessions knows, so that a closed handle names
-// nothing for ever. Closing has two halves. `rv_Close` takes the handle out of the register, closes
-// the link and removes every event; from then on no callback of the session is called. The memory
-// goes at once, or, when one of the session's callbacks is on the stack, when the last `Entered` is
-// left.
+// A handle is a token in the table of open sessions and is never reused, so a closed handle stays
+// invalid. Closing has two steps. `rv_Close` removes the handle from the table, closes the link and
+// removes every event; from then on no callback of the session is called. The memory is freed at
+// once or, when one of the session's callbacks is on the stack, when the last `Entered` is
+// destroyed.
 
 #include <atomic>
 #include <memory>

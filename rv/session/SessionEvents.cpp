@@ -1,11 +1,11 @@
 // A session's events, on top of its event manager.
 //
-// Timers live in the session's own queue, which tells the wait until its first expiry; that wait is
-// mirrored in one timer of the manager. I/O events and signals are the manager's, with a record
-// here so that ids can be checked, the callback learns its session, and `stop` finds them all.
+// Timers are in the session's own queue, whose next expiry is mirrored in one timer of the manager.
+// I/O events and signals are registered with the manager; a record here lets ids be checked, gives
+// the callback its session, and lets `stop` remove them all.
 //
-// Every callback runs inside an `Entered`: a close that it requests is carried out when the last
-// such scope of the session is left, and nothing here is touched after that.
+// Every callback runs inside an `Entered`: a session closed by it is freed when the last such scope
+// ends, and nothing here is used after that.
 
 #include "rv/session/SessionEvents.h"
 

@@ -12,8 +12,8 @@ struct SessionState;
 
 /// The timers, I/O events and signals of one session, all released by `stop`.
 ///
-/// The session has a timer queue of its own; whatever its first timer is, exactly one timer of the
-/// event manager mirrors it. How late that one fired is the session's lateness.
+/// The session has its own timer queue, whose first expiry is mirrored in exactly one timer of the
+/// event manager. The delay of that timer is the session's lateness.
 class SessionEvents {
   public:
     explicit SessionEvents(SessionState* session) : session_(session) {}
@@ -21,9 +21,10 @@ class SessionEvents {
     SessionEvents& operator=(const SessionEvents&) = delete;
     ~SessionEvents() { stop(); }
 
-    /// Event-manager code. Without it (a synchronous session) every operation gives 11.
+    /// Returns an event-manager code. Without a start (a synchronous session) every operation gives
+    /// 11.
     int start(rvevm_Manager manager);
-    /// Removes every registration; no callback is called any more. Allowed inside one of them.
+    /// Removes every registration; no further callback is called. May be called inside a callback.
     void stop();
 
     int addTimer(rvevm_Id* id, unsigned long intervalMs, rvevm_Callback callback, void* closure);
@@ -48,7 +49,7 @@ class SessionEvents {
     using Registrations = event::IdTable<Registration>;
 
     [[nodiscard]] int refuse(const rvevm_Id* id, rvevm_Callback callback) const;
-    /// Keeps a registration and gives its address, which stays; null without memory.
+    /// Stores a registration and returns its stable address; null without memory.
     Registration* keep(Registrations& table, rvevm_Callback callback, void* closure);
     int remove(Registrations& table, rvevm_Id id, int (*removeEvent)(rvevm_Manager, rvevm_Id));
     void mirror(std::optional<platform::Milliseconds> wait);

@@ -5,12 +5,11 @@
 
 #include "rv/session/SessionState.h"
 
-/// What the files of this room call across each other. Codes are session codes.
+/// Functions that the files of this room share. Codes are session codes.
 namespace kvx::session {
 
-/// Keeps the session's memory while one of its callbacks may run: a close that is requested
-/// meanwhile is carried out when the last `Entered` of the session goes. Nothing of the session may
-/// be touched after that.
+/// Keeps the session's memory while one of its callbacks may run: a session closed meanwhile is
+/// freed when its last `Entered` is destroyed, and must not be used after that.
 class Entered {
   public:
     explicit Entered(SessionState& session) : session_(session) { ++session_.entered; }
@@ -26,9 +25,9 @@ class Entered {
 void setProcessLinkProperties(const ipq_Properties& properties);
 
 /// Connect.cpp: reads "tcp:[host:]port" and resolves the host, which may block. Nothing when the
-/// text has another form or the host is unknown. A port that is no number is 0.
+/// text has another form or the host is unknown. A non-numeric port is 0.
 [[nodiscard]] std::optional<DaemonAddress> parseDaemon(const char* text);
-/// Makes the link; on success the session has a queue.
+/// Connects; on success the session has a queue.
 [[nodiscard]] int connectLink(SessionState& session);
 
 /// Handshake.cpp: connects, introduces the session and announces its listens.
@@ -40,7 +39,7 @@ void watchLink(SessionState& session);
 /// Whether a signal waits for the loop, which the present round of attempts to reconnect blocks.
 [[nodiscard]] bool isCutShort(const SessionState& session);
 
-/// What the inboxes under a name begin with: "_INBOX.<name>.".
+/// The prefix of the inboxes under a name: "_INBOX.<name>.".
 [[nodiscard]] inline std::string inboxPrefix(const std::string& name) {
     return std::string(kInboxElement) + "." + name + ".";
 }
@@ -52,19 +51,18 @@ void watchLink(SessionState& session);
 [[nodiscard]] int addPrivateInbox(SessionState& session, rv_Listener* listener);
 [[nodiscard]] wire::Built listenMessage(SessionState& session, const ListenRecord& record);
 
-/// Publish.cpp: hands a built message to the connection, with all that follows from a failure.
+/// Publish.cpp: queues a built message on the link, and handles a failure.
 [[nodiscard]] int queueMessage(SessionState& session, wire::OwnedMessage message);
-/// Publishes without asking whether the subject is reserved.
+/// Publishes without checking for reserved subjects.
 [[nodiscard]] int publish(SessionState& session, SubjectView subject, const char* reply,
                           const wire::Payload& payload);
 
-/// Deliver.cpp: delivers now or, inside a delivery, after it. The bytes are copied when they have
-/// to wait.
+/// Deliver.cpp: delivers now or, inside a delivery, after it; copies the bytes in that case.
 void deliver(SessionState& session, wire::Bytes message);
 void deliverNoMemory(SessionState& session);
-/// Lets the link's messages, and its lack of memory, come to the listeners.
+/// Sets the link's callbacks: messages, and a lack of memory, are delivered to the listeners.
 void deliverFromLink(SessionState& session);
-/// A text field of a message; null when it is absent, empty, not terminated or no string.
+/// A text field of a message; null when it is absent, empty, not terminated or not a string.
 [[nodiscard]] const char* textField(const void* message, const char* name);
 
 [[nodiscard]] int deliverLocally(SessionState& session, SubjectView subject, const char* reply,
@@ -79,8 +77,8 @@ void announceFastProducer(SessionState& session, const char* advisoryClass);
     return {static_cast<const std::uint8_t*>(subject.data()), subject.length()};
 }
 
-/// The session code of a message that could not be built: 20 without memory and for a payload whose
-/// size was left open and cannot be worked out, 3 for any other payload that makes no message.
+/// The session code of a failed build: 20 without memory and for a payload of size 0 that cannot be
+/// computed, 3 for any other invalid payload.
 [[nodiscard]] int codeOfBuild(int messageCode, bool sizeLeftOpen = false);
 
 }  // namespace kvx::session

@@ -20,9 +20,9 @@ namespace kvx::session {
 
 struct SessionState;
 
-/// Where a daemon text leads.
+/// A parsed daemon text.
 struct DaemonAddress {
-    bool local = true;  ///< no host was named: the daemon of this machine, which may be started
+    bool local = true;  ///< no host given: the daemon of this machine, which may be started
     platform::Endpoint endpoint{platform::kLoopbackAddress, 0};
 };
 
@@ -34,28 +34,28 @@ struct FlavourRecord {
     int key = 0;
     int flags = 0;
 
-    /// Points into this record.
+    /// A view into this record.
     [[nodiscard]] wire::Flavour view() const;
 };
 
-/// A session's life goes forward only.
+/// The states of a session, in order; never goes back.
 enum class Life : std::uint8_t {
     Open,
-    Closing,  ///< the hooks of closing run, which can still send
-    Closed    ///< nothing of it is called any more; the memory goes when nothing of it is entered
+    Closing,  ///< the close hooks run and can still send
+    Closed    ///< no callback is called; freed when the last `Entered` is destroyed
 };
 
-/// The sessions of the process by their handles. A session is found from its creation until
-/// `rv_Close` has run the hooks of closing.
+/// The sessions of the process by handle. A session is found from its creation until `rv_Close` has
+/// run the close hooks.
 extern constinit event::HandleTable<SessionState> openSessions;
 
-/// A session's state. Everything is for the session's thread.
+/// A session's state. The session's thread only.
 struct SessionState final : link::LinkHost, event::Handle<SessionState> {
     /// Throws `std::bad_alloc`.
     explicit SessionState(rvevm_Manager runsOn)
         : Handle(openSessions, this), manager(runsOn), events(this) {}
 
-    /// What user code knows this session by.
+    /// The handle given to user code.
     [[nodiscard]] rv_Session handle() const { return static_cast<rv_Session>(get()); }
 
     [[nodiscard]] rvevm_Manager linkManager() const override { return manager; }
@@ -63,7 +63,7 @@ struct SessionState final : link::LinkHost, event::Handle<SessionState> {
 
     // Constant after creation.
     rvevm_Manager const manager;  // null: synchronous
-    bool sharesManager = false;   // counts as a user of the process's manager
+    bool sharesManager = false;   // holds a use of the process's shared manager
     std::int64_t created = 0;     // seconds since the epoch
     unsigned long identity = 0;   // unique among this process's sessions
     std::string user;
@@ -78,9 +78,9 @@ struct SessionState final : link::LinkHost, event::Handle<SessionState> {
     ipq_Queue queue = nullptr;  // null while disconnected
     ipq_Properties properties{};
     rvevm_Id reconnectTimer = nullptr;
-    std::optional<platform::Milliseconds> reconnectedAt;  // the latest time, on the monotonic clock
+    std::optional<platform::Milliseconds> reconnectedAt;  // on the monotonic clock
     std::optional<platform::Milliseconds> roundBegin;     // of a round of attempts to reconnect
-    unsigned shortLinks = 0;          // in a row, that broke soon after a reconnect
+    unsigned shortLinks = 0;          // consecutive ones that broke soon after a reconnect
     std::uint32_t clientAddress = 0;  // as the daemon reported it, network byte order
     std::uint16_t clientPort = 0;     // likewise
     std::string name;                 // empty until the first handshake
@@ -97,14 +97,14 @@ struct SessionState final : link::LinkHost, event::Handle<SessionState> {
     bool noMemoryPending = false;
     bool delivering = false;
 
-    int entered = 0;  // scopes on the stack that hold the memory (`Entered`)
+    int entered = 0;  // number of `Entered` scopes on the stack
     bool inLoop = false;
     HookLists hooks;
     SessionEvents events;
 
     [[nodiscard]] bool isOpen() const { return life_ == Life::Open; }
     [[nodiscard]] bool isClosed() const { return life_ == Life::Closed; }
-    /// Only `rv_Close` moves it on.
+    /// For `rv_Close` only.
     void moveOn(Life next) { life_ = next; }
 
   private:

@@ -1,11 +1,10 @@
 #pragma once
 
-/// Timers, I/O and signals of a session. They run on the session's event manager, count as
-/// callbacks of the session (which they may close), and end with it.
+/// Timers, I/O and signals of a session. They run on the session's event manager, may close the
+/// session, and end with it.
 ///
 /// Every operation returns an event-manager code: 0, 2 for a null, dead or foreign id (also for an
-/// invalid session), 5 for a null callback, 11 for a synchronous session. A dead id is recognised
-/// without touching what it pointed to. Callbacks are called as
+/// invalid session), 5 for a null callback, 11 for a synchronous session.  Callbacks are called as
 /// `callback(session, closure, kind, id)`. Loop thread only.
 
 #include "platform/Export.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What layers built on the session see of its life: seven lists of hooks, and its name.
+/// Hooks into a session for the layers above it, and its name.
 
 #include "platform/Export.h"
 #include "rv/session/rv_Session.h"
@@ -10,13 +10,13 @@ enum rv_HookList {
     RV_HOOK_DELIVER = 1,     ///< before delivery to listeners; nonzero: the message is dropped
     RV_HOOK_LISTEN = 2,      ///< before a listen message is sent; nonzero: it is not sent
     RV_HOOK_DISCONNECT = 3,  ///< the connection has been lost
-    RV_HOOK_RECONNECT = 4,   ///< the connection is back and every listen announced
+    RV_HOOK_RECONNECT = 4,   ///< the connection is restored and every listen announced
     RV_HOOK_CLOSE = 5,       ///< closing starts; the session can still send
-    RV_HOOK_RELEASE = 6,     ///< the session's memory is about to go; no operation works any more
+    RV_HOOK_RELEASE = 6,     ///< the session is about to be freed; no operation works any more
 };
 
-/// `message` is the message buffer for lists 0 to 2 (not to be kept or changed), null otherwise.
-/// The result counts for lists 0 to 2 only.
+/// `message` is the message buffer for lists 0 to 2 (do not keep or change it), null otherwise. The
+/// result counts for lists 0 to 2 only.
 using rv_Hook = int (*)(rv_Session session, const void* message, void* closure);
 
 /// Adds a hook at the end of a list. Returns 3 for an unknown list or a null hook.
@@ -32,5 +32,5 @@ KVX_API const char* rv_SessionName(rv_Session session);
 /// True while the session has a daemon connection.
 KVX_API bool rv_IsConnected(rv_Session session);
 
-/// True for a session that is open: not closed, not closing, and ever returned by a creation.
+/// True for a session that was created and is neither closed nor closing.
 KVX_API bool rv_IsOpen(rv_Session session);

@@ -3,10 +3,10 @@
 /// The core session: one connection of this process to the bus daemon.
 ///
 /// Unless an operation says otherwise it returns a session code (`rv_ErrorText`), 0 for success,
-/// and 2 when the session handle is null, closed or closing. A handle is a token, never a pointer:
-/// that of a closed session gives 2 for ever. A session belongs to the thread that runs its event
-/// loop; nothing here is locked. Subjects are dotted texts; texts, data and subjects
-/// given to an operation are copied and need to live only during the call.
+/// and 2 when the session handle is null, closed or closing. A handle is a token that is never
+/// reused. Use a session only on the thread that runs its event loop; nothing here is locked.
+/// Subjects are dotted texts; texts, data and subjects given to an operation are copied and need to
+/// live only during the call.
 
 #include <cstdint>
 
@@ -45,21 +45,20 @@ KVX_API int rv_Flavor(int id, const char* name, const char* ticket, int key, int
 KVX_API int rv_Open(rv_Session* session, const char* service, const char* network,
                     const char* daemon);
 
-/// Creates a session on `manager`, which should outlive it (without it nothing of the session is
-/// called any more), or a synchronous one when `manager` is
-/// null. `daemon` is "tcp:[host:]port", null or "" for "tcp:7500", or "-" for no daemon at all. A
-/// local daemon that does not answer is started. Blocks while connecting, up to four attempts.
-/// Returns 3 for a null `session`, 18 for a daemon text that cannot be used, 22 when the daemon
-/// cannot be reached, 4 when it speaks another version, 16 or 17 when it refuses service or
-/// network, 20 without memory, 1 otherwise. `*session` is null after a failure.
+/// Creates a session on `manager`, which should outlive it (otherwise its callbacks stop), or a
+/// synchronous one when `manager` is null. `daemon` is "tcp:[host:]port", null or "" for
+/// "tcp:7500", or "-" for no daemon at all. A local daemon that does not answer is started. Blocks
+/// while connecting, up to four attempts. Returns 3 for a null `session`, 18 for a daemon text that
+/// cannot be used, 22 when the daemon cannot be reached, 4 when it speaks another version, 16 or 17
+/// when it refuses service or network, 20 without memory, 1 otherwise. `*session` is null after a
+/// failure.
 KVX_API int rv_CreateSession(rv_Session* session, rvevm_Manager manager, const char* service,
                              const char* network, const char* daemon);
 
-/// Closes the session: what waits is sent, every listen, timer, I/O and signal registration ends,
-/// and the handle becomes invalid. Inside the session's own loop, timers or delivery the memory
-/// goes when those return, and no further callback of the session is called. A loop that
-/// `rv_RunOnce` of this session runs ends. Waits at most 5 s for a peer that does not close its
-/// end.
+/// Closes the session: sends what is queued, ends every listen, timer, I/O and signal registration,
+/// and invalidates the handle. Inside the session's own loop, timers or delivery it is freed when
+/// those return, and no further callback of the session is called. Ends a loop that `rv_RunOnce` of
+/// this session runs. Waits at most 5 s for the peer to close its end.
 KVX_API int rv_Close(rv_Session session);
 
 /// Runs the event loop of the session's manager until it is stopped. Returns 0 at once when the
@@ -84,15 +83,15 @@ KVX_API int rv_Listen(rv_Session session, rv_Listener* listener, const char* sub
 KVX_API int rv_CreateInbox(rv_Session session, rv_Listener* listener, char* nameOut,
                            unsigned capacity, rv_DataCallback callback, void* closure);
 
-/// Ends a listen or an inbox; its callback is not called any more, not even for the message under
-/// delivery. Returns 23 for an id that is null, cancelled or of another session.
+/// Ends a listen or an inbox; its callback is not called any more, not even for the current
+/// message. Returns 23 for an id that is null, cancelled or of another session.
 KVX_API int rv_Cancel(rv_Session session, rv_Listener listener);
 
 /// Publishes one payload. `reply` may be null. `data` may be null with type 22 only; a `size` of 0
-/// is worked out for messages, texts and sealed blocks. Returns 3 for a null subject, 21 for an
+/// is computed for messages, texts and sealed blocks. Returns 3 for a null subject, 21 for an
 /// invalid or reserved one, 22 without a connection or when it breaks, 3 for a payload that does
 /// not fit its type or any message (64 MiB), 20 for null data and for a size of 0 that cannot be
-/// worked out, without memory, or when a limit refused the message.
+/// computed, without memory, or when a limit refused the message.
 KVX_API int rv_Send(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
                     rvmsg_Size size, rvmsg_Data data);
 
@@ -102,8 +101,8 @@ KVX_API int rv_SendRequest(rv_Session session, rv_Listener* listener, const char
                            rvmsg_Type type, rvmsg_Size size, rvmsg_Data data,
                            rv_DataCallback callback, void* closure);
 
-/// Hands a message to this session's own listeners, without the daemon. They have been called when
-/// it returns, unless it is called inside a delivery: then they are called after that one.
+/// Delivers a message to this session's own listeners, without the daemon: before it returns or,
+/// inside a delivery, after that one.
 KVX_API int rv_Deliver(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
                        rvmsg_Size size, rvmsg_Data data);
 
@@ -114,20 +113,20 @@ KVX_API int rv_Deliver(rv_Session session, const char* subject, const char* repl
 KVX_API int rv_Dispatch(rv_Session session, unsigned long timeoutMs);
 
 /// Starts `program -listen daemonText` as a detached process. True when it was started; it may not
-/// be ready yet.
+/// be ready.
 KVX_API bool rv_StartDaemon(const char* program, const char* daemonText);
 
 /// Sets a session property; `record` is copied. A null session sets it for sessions created later
 /// (any thread). The only property is "ipqProperties" (an `ipq_Properties`); it applies to the
-/// present connection and to later ones. Returns 3 for an unknown name or a null record.
+/// current connection and later ones. Returns 3 for an unknown name or a null record.
 KVX_API int rv_SetProperty(rv_Session session, const char* name, const void* record);
 
-/// Pushes what waits on the connection. Returns 0 when all of it has gone to the socket, 22 without
-/// a connection or when it breaks, 10060 (the socket error number of a time-out) when `timeoutMs`
-/// passed first; what is left then still waits and is sent as before.
+/// Writes the connection's queue. Returns 0 when all of it is written to the socket, 22 without a
+/// connection or when it breaks, 10060 (the socket error number of a time-out) when `timeoutMs`
+/// passed first; the rest stays queued.
 KVX_API int rv_Flush(rv_Session session, unsigned long timeoutMs);
 
-/// How much waits to be written; zeros without a connection. Either pointer may be null.
+/// The size of the connection's queue; zeros without a connection. Either pointer may be null.
 KVX_API int rv_Pending(rv_Session session, unsigned long* messages, unsigned long* bytes);
 
 /// The manager the session runs on; null for a synchronous or invalid session.
@@ -135,13 +134,13 @@ KVX_API rvevm_Manager rv_EventManager(rv_Session session);
 
 /// Publishes an advisory body (`rv_BuildAdvisory`) as a nested message, on `subject` or, when that
 /// is null, on the subject made from its fields. Returns 3 when a field is missing; 0 without
-/// sending when the body is no message.
+/// sending when the body is not a message.
 KVX_API int rv_SendAdvisory(rv_Session session, const char* subject, const void* body);
 
-/// The same for applications: 9 for the source "SYSTEM" and for a subject that is invalid or one of
-/// the system's own advisories.
+/// The same for applications: 9 for the source "SYSTEM" and for a subject that is invalid or of a
+/// system advisory.
 KVX_API int rv_SendAppAdvisory(rv_Session session, const char* subject, const void* body);
 
-/// Lets the bus library trace to standard error what it drops, at the level that `*level` has at
-/// that moment (1 and above). `level` must stay valid; null (the default) is silence. Any thread.
+/// Traces what the bus library drops to standard error while `*level` is 1 or above. `level` must
+/// stay valid; null (the default) disables traces. Any thread.
 KVX_API void rv_SetTraceLevel(const int* level);

@@ -1,9 +1,8 @@
 // Building and reading control messages.
 //
-// Each builder lists its fields in the order in which they stand in the message; `Builder`
-// remembers the first failure. Readers look fields up by name in received bytes. What every message
-// is routed by, its type and subject, stands first in what this system sends and is then read as
-// one piece.
+// Each builder appends its fields in wire order; `Builder` keeps the first failure. Readers look
+// fields up by name in received bytes. Type and subject, by which every message is routed, come
+// first in the messages of this system and are then read as one piece.
 
 #include "rv/wire/ControlMessage.h"
 
@@ -17,9 +16,9 @@ namespace {
 
 namespace code = message_code;
 
-constexpr std::uint32_t kReplyCapacity = 128;  // bytes; both forms of the daemon's answer fit
+constexpr std::uint32_t kReplyCapacity = 128;  // bytes; fits both forms of the daemon's answer
 
-// Room that a data message takes besides its variable parts, in bytes.
+// Fixed overheads of a data message, in bytes.
 constexpr std::uint64_t kTypeRoom = 24;
 constexpr std::uint64_t kSubjectRoom = 12;
 constexpr std::uint64_t kReturnRoom = 16;
@@ -76,7 +75,7 @@ Built reply(const Built& data) {
     return Builder(kReplyCapacity).type(MessageType::Reply).message(field::kData, data).finish();
 }
 
-// The size of a payload whose caller left it open. False for what has no size of its own.
+// Computes the size of a payload given with size 0. False for a type without a size of its own.
 bool measure(const Payload& payload, std::uint64_t& size) {
     const auto* bytes = static_cast<const std::uint8_t*>(payload.data);
     switch (payload.type) {
@@ -112,8 +111,8 @@ MessageType messageTypeOf(const WireField& field) {
     }
 }
 
-// What every data, listen and cancel message of this system begins with, up to the letter and
-// behind it: reading these bytes as one piece is what routing costs for nearly every message.
+// The bytes before and after the type letter at the start of every data, listen and cancel message
+// of this system. Comparing them as one piece routes nearly every message.
 constexpr std::uint8_t kLeading[] = {6, 'm', 't', 'y', 'p', 'e', 0, 8, 2};
 constexpr std::uint8_t kFollowing[] = {0, 4, 's', 'u', 'b', 0, 2, 0x79};
 constexpr std::size_t kLetterAt = kHeaderBytes + sizeof kLeading;
@@ -138,7 +137,7 @@ void readErrorReply(const WireField& error, Reply& reply) {
         readable ? static_cast<std::int32_t>(loadBig32(error.data)) : session_code::kInitFailed;
 }
 
-// The bytes of an address field as they are: they are in network byte order already.
+// The bytes of an address field, unchanged: they are in network byte order already.
 template <class Number>
 bool readAddress(Bytes data, const char* name, Number& value) {
     const auto field = findField(data, name);

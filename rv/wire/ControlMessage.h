@@ -9,8 +9,8 @@
 #include "rv/message/rvmsg.h"
 #include "rv/wire/Limits.h"
 
-/// The messages that a session and its daemon exchange: what each holds, in which order, and how it
-/// is built and read. Client and daemon use the same functions.
+/// The messages that a session and its daemon exchange: their fields, the order of the fields, and
+/// how they are built and read. Client and daemon use the same functions.
 namespace kvx::wire {
 
 /// Field names of the control and data messages.
@@ -37,7 +37,7 @@ inline constexpr const char* kIpPort = "ipport";
 inline constexpr const char* kError = "error";
 }  // namespace field
 
-/// What "mtype" says. `Unknown` is any other text, another type, or no such field.
+/// The value of "mtype". `Unknown` is any other text, another type, or a missing field.
 enum class MessageType : char {
     Unknown = 0,
     Init = 'I',
@@ -49,19 +49,19 @@ enum class MessageType : char {
 
 /// A message in memory of its own (malloc, released with free).
 struct OwnedMessage {
-    /// `capacity` bytes that are not written to yet; none without memory.
+    /// Allocates `capacity` uninitialised bytes; empty without memory.
     [[nodiscard]] static OwnedMessage allocate(std::size_t capacity);
     [[nodiscard]] static OwnedMessage copyOf(Bytes message);
 
     std::unique_ptr<std::uint8_t[], FreeDeleter> bytes;
     std::uint32_t capacity = 0;  ///< bytes allocated
 
-    /// The message's own length word; 0 when there is no message.
+    /// The message's length word; 0 when empty.
     [[nodiscard]] std::uint32_t size() const { return bytes ? loadBig32(bytes.get()) : 0; }
     [[nodiscard]] Bytes view() const { return {bytes.get(), size()}; }
 };
 
-/// A built message, or why there is none.
+/// A built message, or an error code.
 struct Built {
     int code = 0;  ///< 0, else a code of the message table (8 also when no memory is left)
     OwnedMessage message;
@@ -92,18 +92,17 @@ struct InitFields {
 [[nodiscard]] Built buildListen(Bytes subject, const char* returnSubject, std::int32_t flavourId);
 [[nodiscard]] Built buildCancel(Bytes subject, std::int32_t flavourId);
 
-/// Payload of a data message, as `rv_Send` takes it. `RVMSG_NONE` is none at all; size 0 is worked
-/// out for nested messages, strings and sealed blocks and refused (3) for any other type; so is
-/// null data.
+/// Payload of a data message, as for `rv_Send`. `RVMSG_NONE` is no payload; size 0 is computed for
+/// nested messages, strings and sealed blocks. Size 0 of any other type, and null data, give 3.
 struct Payload {
     rvmsg_Type type = RVMSG_NONE;
     rvmsg_Size size = 0;
     rvmsg_Data data = nullptr;
 };
 
-/// A data message, in a buffer of exactly the size that its parts call for (`dataCapacity`).
-/// `reply` is dotted text; null or empty: not sent. A size that no link could carry gives 10, so
-/// that 8 is left for memory and for a `size` below what the payload takes.
+/// A data message, in a buffer of exactly `dataCapacity` bytes. `reply` is dotted text; null or
+/// empty: not sent. Gives 10 when the message exceeds the link's limit, 8 without memory and when
+/// `size` is less than the payload takes.
 [[nodiscard]] Built buildData(Bytes subject, const char* reply, std::int32_t flavourId,
                               const Payload& payload);
 
@@ -112,20 +111,20 @@ struct Payload {
 [[nodiscard]] std::uint64_t dataCapacity(std::size_t subjectLength, std::size_t replyLength,
                                          bool hasPayload, std::uint64_t payloadSize);
 
-/// The daemon's answers to an init without "session". Address and port are in network byte order,
-/// as sockets hold them.
+/// The daemon's answer to an init without "session". Address and port are in network byte order, as
+/// sockets hold them.
 [[nodiscard]] Built buildReply(std::uint32_t ipAddress, std::uint16_t ipPort);
 [[nodiscard]] Built buildErrorReply(std::int32_t error);
 
-/// What the client makes of the daemon's answer.
+/// The daemon's answer as the client reads it.
 struct Reply {
-    int code = 1;  ///< session table: 0; the daemon's "error"; 1, 16 or 17 for what cannot be read
+    int code = 1;  ///< session code: 0; the daemon's "error"; 1, 16 or 17 for an unreadable answer
     std::uint32_t ipAddress = 0;  ///< network byte order
     std::uint16_t ipPort = 0;     ///< network byte order
 };
 [[nodiscard]] Reply readReply(Bytes message);
 
-/// An init message as the daemon reads it. A field that is absent or no string is nothing.
+/// An init message as the daemon reads it. A field that is absent or not a string is empty.
 struct Init {
     std::optional<std::string_view> userId;
     std::optional<std::string_view> session;
@@ -141,8 +140,7 @@ struct Routing {
     Bytes subject;  ///< encoded, its own length first and consistent; empty when there is none
 };
 
-/// Reads "mtype" and "sub" and nothing else. The elements of the subject are not checked
-/// (`SubjectView::parse`).
+/// Reads only "mtype" and "sub". Does not check the elements of the subject (`SubjectView::parse`).
 [[nodiscard]] Routing readRouting(Bytes message);
 
 }  // namespace kvx::wire

@@ -1,11 +1,10 @@
 // Cutting a byte stream into messages.
 //
-// The reader is in one of three states. With `partial_` empty it stands at the start of a message
-// and looks at the chunk itself; a message that is whole there costs one comparison of its header.
-// With `partial_` filled it is inside a message that began in an earlier chunk, and moves bytes
-// over until the header, then the message, is complete. With `handedOut_` the message in `partial_`
-// is the one just given, and goes at the next call. A close notice and a broken header end the
-// stream for good.
+// The reader is in one of three states. With `partial_` empty it is at the start of a message and
+// reads the chunk in place; a message that is whole there is not copied. With `partial_` filled it
+// is inside a message that began in an earlier chunk, and copies bytes until the header, then the
+// message, is complete. With `handedOut_` the message in `partial_` was the last result and is
+// released at the next call. A close notice and a broken header end the stream.
 
 #include "rv/wire/FrameReader.h"
 
@@ -77,7 +76,7 @@ Frame FrameReader::finish(FrameKind kind) {
     return {kind, {}, false};
 }
 
-// Moves bytes of the chunk over until `partial_` has `length` of them or the chunk is used up.
+// Copies bytes of the chunk until `partial_` has `length` of them or the chunk is used up.
 void FrameReader::topUp(std::size_t length) {
     const std::size_t taken = std::min(length - partial_.size(), chunk_.size());
     const std::size_t after = partial_.size() + taken;

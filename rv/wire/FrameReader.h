@@ -9,7 +9,7 @@
 
 namespace kvx::wire {
 
-/// The empty message: says nothing but "still here".
+/// The keepalive: a message without fields.
 inline constexpr std::array<std::uint8_t, kHeaderBytes> kKeepaliveBlock = {0,    0,    0,    8,
                                                                            0x99, 0x55, 0xEE, 0xAA};
 
@@ -27,44 +27,43 @@ enum class FrameKind {
 struct Frame {
     FrameKind kind = FrameKind::None;
     Bytes bytes;             ///< of a `Message` only
-    bool assembled = false;  ///< `bytes` lies in the reader, not in the chunk (`takeAssembled`)
+    bool assembled = false;  ///< `bytes` is in the reader, not in the chunk (`takeAssembled`)
 };
 
 /// Cuts the byte stream of a link into messages.
 ///
-/// A message that lies whole in the chunk is handed out where it lies; one that comes in pieces is
-/// put together in the reader. Memory is claimed as bytes arrive, at most twice what has arrived,
-/// never from the length word alone. Only lengths and magic words are judged here: the fields
-/// inside a message are not looked at.
+/// A message that is whole in the chunk is returned in place; one that comes in pieces is assembled
+/// in the reader. Memory grows with the bytes received, to at most twice their number, never from
+/// the length word alone. Only lengths and magic words are checked, not the fields.
 ///
 ///     reader.feed(chunk);
 ///     for (Frame f = reader.next(); f.kind != FrameKind::None; f = reader.next()) { ... }
 ///
-/// `Close` and `Broken` are final: `next` goes on giving them, and what is fed is ignored.
+/// `Close` and `Broken` are final: `next` keeps returning them, and further chunks are ignored.
 class FrameReader {
   public:
-    /// Takes the next bytes of the stream. `chunk` must outlive the calls of `next` up to the one
-    /// that gives `None`, and the chunk before it must have been used up by then.
+    /// Takes the next bytes of the stream. The previous chunk must be used up, and `chunk` must
+    /// stay valid until `next` returns `None`.
     void feed(Bytes chunk);
 
     /// The next frame in stream order. `bytes` is valid until the following call of `next` or
-    /// `feed`, and for frames not `assembled` as long as the chunk. Throws `std::bad_alloc` when a
-    /// message cannot be held; the stream is then lost.
+    /// `feed`, and for frames not `assembled` as long as the chunk. Throws `std::bad_alloc` without
+    /// memory for a message; the stream is then unusable.
     [[nodiscard]] Frame next();
 
-    /// True when `next` would give something other than `None`.
+    /// True when `next` would return something other than `None`.
     [[nodiscard]] bool ready() const;
 
-    /// Hands over the memory of the message just given, when it was `assembled`.
+    /// Moves the memory of the last message to the caller, when it was `assembled`.
     [[nodiscard]] std::vector<std::uint8_t> takeAssembled();
 
     /// Bytes of the chunk that no frame has used yet.
     [[nodiscard]] std::size_t unread() const { return chunk_.size(); }
 
-    /// Bytes of memory that the reader has claimed.
+    /// Bytes of memory allocated by the reader.
     [[nodiscard]] std::size_t claimed() const { return partial_.capacity(); }
 
-    /// Bytes held of a message that is not complete yet.
+    /// Bytes held of an incomplete message.
     [[nodiscard]] std::size_t held() const { return handedOut_ ? 0 : partial_.size(); }
 
   private:
@@ -81,7 +80,7 @@ class FrameReader {
 
     Bytes chunk_;
     std::vector<std::uint8_t> partial_;
-    bool handedOut_ = false;  // partial_ is the message that the last `next` gave
+    bool handedOut_ = false;  // partial_ is the result of the last `next`
     FrameKind end_ = FrameKind::None;
 };
 

@@ -1,4 +1,4 @@
-// Settling a link.
+// Negotiating a link.
 //
 // The daemon greets with the version it offers, the client with the one it wants. In version 4 the
 // daemon then proposes limits and the client answers, block by block, until one side accepts or
@@ -13,7 +13,7 @@
 namespace kvx::wire {
 namespace {
 
-// Where the numbers of a block stand.
+// Offsets of the fields of a block.
 constexpr std::size_t kHeadAt = 0;
 constexpr std::size_t kQueueTypeAt = 4;
 constexpr std::size_t kMessageLimitAt = 8;
@@ -34,7 +34,7 @@ NegotiationStep refuse(ParameterBlock block) {
     return {Action::Refuse, block};
 }
 
-// The block of an accepted version 4 negotiation, in the reading from which a queue is made.
+// The block of an accepted version 4 negotiation, in the layout from which a queue is made.
 ParameterBlock queueBlock(const ParameterBlock& accepted) {
     ParameterBlock block;
     block.head = accepted.queueType;

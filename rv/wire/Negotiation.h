@@ -7,13 +7,13 @@
 
 #include "rv/wire/Limits.h"
 
-/// How two ends settle a link: the greeting, the parameter blocks, and the steps of both sides
-/// while blocks are exchanged (a block in, what to do out).
+/// How two ends negotiate a link: the greeting, the parameter blocks, and the steps of both sides
+/// (a block in, what to do next out).
 namespace kvx::wire {
 
 using GreetingBytes = std::array<std::uint8_t, kGreetingSize>;
 
-/// The 12 bytes that each side says first: three big-endian words.
+/// The first 12 bytes from each side: three big-endian words.
 ///
 /// The daemon speaks first, with the protocol version it offers; the client answers with the
 /// version it wants and, in the third word, whether it reaches the daemon as a local one.
@@ -29,21 +29,21 @@ struct Greeting {
 [[nodiscard]] GreetingBytes encode(const Greeting& greeting);
 [[nodiscard]] Greeting decodeGreeting(std::span<const std::uint8_t, kGreetingSize> bytes);
 
-/// True when the version is one that this system speaks (3 or 4). The first word is judged apart.
+/// True when the version is 3 or 4. Does not check the first word.
 [[nodiscard]] bool isKnownVersion(const Greeting& greeting);
 
 using ParameterBytes = std::array<std::uint8_t, kParameterBlockSize>;
 
-/// What the first word of a version 4 negotiation block asks for.
+/// The first word of a version 4 negotiation block.
 enum Command : std::uint32_t { kRefuse = 0, kAccept = 1, kPropose = 2, kCounterPropose = 3 };
 
-/// The 64 bytes in which two ends of a link settle their queue. All numbers are big-endian on the
-/// wire; bytes between the fields are zero when encoded and ignored when decoded.
+/// The 64-byte block of a negotiation. All numbers are big-endian on the wire; bytes between the
+/// fields are zero when encoded and ignored when decoded.
 ///
-/// A block has two readings. In version 4 negotiation `head` is a `Command`, `queueType`,
-/// `variant`, `firstLimit` and `secondLimit` say the rest. In the version 3 exchange, and in the
-/// block from which a queue is made, `head` is the queue type, and the limits stand at
-/// `messageLimit`, `segmentLimit` and `firstLimit` (there the byte limit).
+/// A block has two layouts. In version 4 negotiation `head` is a `Command`, and `queueType`,
+/// `variant`, `firstLimit` and `secondLimit` are its arguments. In the version 3 exchange, and in
+/// the block from which a queue is made, `head` is the queue type, and the limits are
+/// `messageLimit`, `segmentLimit` and `firstLimit` (the byte limit).
 struct ParameterBlock {
     std::uint32_t head = 0;          ///< offset 0
     std::uint32_t queueType = 0;     ///< offset 4
@@ -75,25 +75,25 @@ struct NegotiationStep {
 
 /// Client, version 4: one block of the daemon. Proposals are answered with both limits clamped to
 /// `kLinkLimit` and exchanged, since what one side sends the other receives; the command is 3 when
-/// a limit was lowered or a proposal answered, else 1. On acceptance `block` is the one to make
-/// the queue from (`queueLimits`).
+/// a limit was lowered or a proposal answered, else 1. On acceptance the queue is made from `block`
+/// (`queueLimits`).
 [[nodiscard]] NegotiationStep clientStep(const ParameterBlock& received);
 
-/// Daemon, version 4: the block it opens with.
+/// Daemon, version 4: its first block.
 [[nodiscard]] ParameterBlock daemonProposal();
 
 /// Daemon, version 4: the client's answer to `daemonProposal`. Gives `Accepted` or `Refuse`; in
 /// both cases `block` is to be sent.
 [[nodiscard]] NegotiationStep daemonStep(const ParameterBlock& received);
 
-/// Client, version 3: the block it opens with.
+/// Client, version 3: its first block.
 [[nodiscard]] ParameterBlock clientBlockV3();
 
 /// Client, version 3: true when the daemon's block agrees with the one sent.
 [[nodiscard]] bool agreesV3(const ParameterBlock& sent, const ParameterBlock& received);
 
 /// Daemon, version 3: `Accepted` with the block to send, which grants the message limit that the
-/// client asked for; `Failed` for another queue type or limits that no queue would take.
+/// client asked for; `Failed` for another queue type or invalid limits.
 [[nodiscard]] NegotiationStep daemonStepV3(const ParameterBlock& received);
 
 /// Limits of one end's outgoing queue.
@@ -103,9 +103,9 @@ struct QueueLimits {
     std::uint32_t bytes = kLinkLimit;    ///< bytes
 };
 
-/// Reads the limits out of the block from which a queue is made. Returns 0; 8 for a queue type
-/// other than 2; 2 for a segment limit other than `kLinkLimit` or a byte limit above it (0 counts
-/// as `kLinkLimit` in both). On failure `limits` is left alone.
+/// Reads the limits of the block from which a queue is made. Returns 0; 8 for a queue type other
+/// than 2; 2 for a segment limit other than `kLinkLimit` or a byte limit above it (0 counts as
+/// `kLinkLimit` in both). On failure `limits` is unchanged.
 [[nodiscard]] int queueLimits(const ParameterBlock& block, QueueLimits& limits);
 
 }  // namespace kvx::wire
