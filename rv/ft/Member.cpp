@@ -20,7 +20,6 @@
 #include "rv/session/rvSessionEvents.h"
 #include "rv/session/rvSessionHooks.h"
 
-
 namespace kvx::ft {
 
 namespace {

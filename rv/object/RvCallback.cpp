@@ -13,7 +13,6 @@
 #include "rv/object/RvSignalCallback.h"
 #include "rv/object/RvTimerCallback.h"
 
-
 namespace {
 
 bool isUnused(const RvCallbackHandle& handle) {

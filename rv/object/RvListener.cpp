@@ -18,7 +18,6 @@
 #include "rv/session/rvSessionEvents.h"
 #include "rv/wire/Limits.h"
 
-
 namespace {
 
 std::unique_ptr<RvDatum> wrapPayload(rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {

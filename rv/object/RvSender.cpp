@@ -14,7 +14,6 @@
 #include "rv/object/RvSession.h"
 #include "rv/object/SessionBlock.h"
 
-
 using kvx::Text;
 using kvx::detail::BlockHold;
 

@@ -18,7 +18,6 @@
 #include "rv/object/SessionBlock.h"
 #include "rv/session/rvSessionHooks.h"
 
-
 using kvx::detail::BlockHold;
 using kvx::detail::CallbackReference;
 

@@ -14,7 +14,6 @@
 #include "rv/object/SessionBlock.h"
 #include "rv/session/rvSessionEvents.h"
 
-
 namespace kvx::detail {
 
 struct SignalState : EventState {

@@ -2,8 +2,9 @@
 
 #include "foundation/ErrorCodes.h"
 
-/// The results of the middleware's operations and the codes of its error reports, by name, beside
-/// those of the foundation. An operation that returns `int` returns `kvx::kOk` for success.
+/// The results of the middleware's operations and the codes of its error reports; those of the
+/// foundation are in `ErrorCodes.h`. An operation that returns `int` returns `kvx::kOk` for
+/// success.
 namespace kvx {
 
 // --- Results ---------------------------------------------------------------------------------
@@ -24,8 +25,8 @@ inline constexpr int kParserGaveUp = -220551;      // a configuration text could
 inline constexpr int kBusError = -220379;        // an error advisory of the bus
 inline constexpr int kBusWarning = -220380;      // a warning advisory of the bus
 inline constexpr int kUnknownRequest = -220382;  // a request of an unknown type
-inline constexpr int kInvalidRequest = -220417;  // a request that lacks something
-inline constexpr int kUnknownState = -220432;    // a blocked worker in no known state
+inline constexpr int kInvalidRequest = -220417;  // a request with a missing argument
+inline constexpr int kUnknownState = -220432;    // a blocked worker in an unknown state
 inline constexpr int kIoTypeChosen = -220462;    // a second type of I/O handler
 inline constexpr int kNotRegistered = -220536;   // no handler for a signal
 

@@ -11,26 +11,26 @@
 
 /// Traces, warnings and error reports of the middleware.
 ///
-/// A trace goes to standard output, only when the process's debug level reaches the trace's own
-/// level; a warning goes to standard error whatever the level. Neither adds an end of line, both
-/// flush, and neither lets an exception of the stream escape.
+/// A trace is written to standard output when the process's debug level is at least the trace's
+/// level; a warning is always written to standard error. Neither adds a newline; both flush and
+/// swallow exceptions of the stream.
 namespace kvx {
 
-/// The debug levels at which the middleware speaks.
+/// The debug levels of the middleware's traces.
 inline constexpr int kTraceWarnings = 1;
 inline constexpr int kTraceCalls = 4;
 
-/// `text`, or "NULL" when there is none.
+/// `text`, or "NULL" for null.
 inline const char* textOrNull(const char* text) {
     return text != nullptr ? text : "NULL";
 }
 
-/// Writes all `parts` to `stream` as one piece, so that lines of two threads do not mingle.
+/// Writes all `parts` to `stream` in one piece, so that lines of two threads do not mix.
 template <class... Parts>
 void writeGuarded(std::ostream& stream, const Parts&... parts) {
     try {
         std::ostringstream line;
-        line.imbue(stream.getloc());  // as if written to `stream`, not as the global locale has it
+        line.imbue(stream.getloc());  // the locale of `stream`, not the global one
         (line << ... << parts);
         stream << line.str();
     } catch (...) {
@@ -49,14 +49,14 @@ void trace(int level, const Parts&... parts) {
     if (__ZembraLix_Debug_Level >= level) writeGuarded(std::cout, parts...);
 }
 
-/// Writes `parts` to standard output unless the debug level is 0: a negative level is not quiet.
-/// Any thread.
+/// Writes `parts` to standard output unless the debug level is 0; a negative level writes too. Any
+/// thread.
 template <class... Parts>
 void traceUnlessQuiet(const Parts&... parts) {
     if (__ZembraLix_Debug_Level != 0) writeGuarded(std::cout, parts...);
 }
 
-/// Writes `parts` to standard error, whatever the debug level. Any thread.
+/// Writes `parts` to standard error. Any thread.
 template <class... Parts>
 void warn(const Parts&... parts) {
     writeGuarded(std::cerr, parts...);
@@ -68,7 +68,7 @@ inline void report(int code, const char* file, int line, const char* text = null
     const CVekError error(code, file, line, text);
 }
 
-/// A new `Object`; null, and a report of -220553 with `text`, when there is no memory.
+/// A new `Object`; without memory reports -220553 with `text` and returns null.
 template <class Object, class... Arguments>
 Object* newOrReport(const char* file, const char* text, Arguments&&... arguments) {
     auto* object = new (std::nothrow) Object(std::forward<Arguments>(arguments)...);

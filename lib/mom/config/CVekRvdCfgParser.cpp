@@ -1,3 +1,8 @@
+// The parser object only stores the text and the values. The generated grammar and scanner do the
+// work; their state is process-wide, and `parseLock` serialises the threads that use it. Under the
+// lock a text is only read: blocks are applied and errors are written afterwards, since both run
+// code of the program, which may throw or parse.
+
 #include "mom/config/CVekRvdCfgParser.h"
 
 #include <cstdlib>
@@ -14,11 +19,6 @@
 #include "mom/config/ReadConfiguration.h"
 #include "mom/config/VekRvdCfgScan.h"
 #include "platform/Memory.h"
-
-// The parser object is only the place where text and values are kept. The work is done by the
-// generated grammar and scanner, whose state is one for the whole process; `parseLock` is what
-// makes a second thread wait for it. Under the lock a text is only read: blocks are applied and
-// errors are written afterwards, as both run code of the program, which may throw, or parse.
 
 namespace {
 
@@ -59,7 +59,7 @@ void applyItem(CVekRvdCfgParser& parser, const CVekVarBind& item) {
     }
 }
 
-// 0, or another value when the parser gave up.
+// Returns 0, or another value when the parser gave up.
 int parse(const char* text, kvx::config::Findings& findings) {
     const std::lock_guard<std::mutex> guard(parseLock());
     kvx::config::Scan scan(text);
@@ -89,7 +89,7 @@ kvx::config::Finding kvx::config::parserError(const char* message, int line) {
         try {
             std::cout << text.str();
         } catch (...) {
-            // An output that fails does not fail the parse.
+            // A failed output does not fail the parse.
         }
     };
 }

@@ -14,17 +14,16 @@
 ///
 /// A block without a host clause applies everywhere, one with a host clause only on that host or
 /// when the host is "localhost". Blocks are applied in file order, so the last applicable block
-/// that names a key wins. A syntax error drops the block it stands in and nothing else; it is
-/// written to standard output with its line. An unknown key is written to standard error and
-/// ignored.
+/// that names a key wins. A syntax error drops only the block that contains it; it is written to
+/// standard output with its line. An unknown key is written to standard error and ignored.
 ///
-/// The scanner's position is one for the whole process: a byte of value 128 or more outside a
-/// quoted string ends a parse early, and what the scanner had read but not used (at most one piece
-/// of 8,192 bytes) is read by the next parse, of any parser, before its own text. Parses of several
-/// threads wait for one another; a parser object itself belongs to one thread at a time. The lock
-/// for that is held while a text is read, and not while blocks are applied and errors are written:
-/// a stream that is written to may throw, which changes nothing, and may itself parse. Only an
-/// error handler that is told of exhausted memory runs under it, and must not parse.
+/// The scanner's position is process-wide: a byte of value 128 or more outside a quoted string ends
+/// a parse early, and what the scanner had read but not used (at most one piece of 8,192 bytes) is
+/// read by the next parse, of any parser, before its own text. A process-wide lock serialises
+/// parses; use a parser object on one thread at a time. The lock is held while a text is read, not
+/// while blocks are applied and errors are written: an output stream may throw, which is ignored,
+/// and may itself parse. Only an error handler called for exhausted memory runs under the lock, and
+/// must not parse.
 ///
 /// A copy shares the buffer and the four values with its source: it must not be destroyed while the
 /// source is in use, nor the source while the copy is.
@@ -33,7 +32,7 @@ class KVX_API CVekRvdCfgParser {
     /// No text and no values.
     CVekRvdCfgParser();
 
-    /// Keeps a copy of `text` to parse; null means none. A copy that fails is reported as -220553.
+    /// Copies `text`; null means none. A failed copy is reported as -220553.
     explicit CVekRvdCfgParser(char* text);
 
     CVekRvdCfgParser(const CVekRvdCfgParser&) = default;
@@ -42,21 +41,20 @@ class KVX_API CVekRvdCfgParser {
     /// Frees the text and the four values.
     virtual ~CVekRvdCfgParser();
 
-    /// Replaces the text to parse by a copy of `text`; null means none. Returns 1, or -220553 when
-    /// the copy failed, and then there is no text.
+    /// Replaces the text by a copy of `text`; null means none. Returns 1, or -220553 when the copy
+    /// failed; there is then no text.
     int RRCPSetParseBuffer(char* text);
 
     /// The text to parse, owned by the parser; null when there is none.
     char* RRCPGetParseBuffer();
 
     /// Parses the text up to its first NUL and applies the blocks meant for this host. Values that
-    /// no applicable block names stay as they were. Returns 1 (also for a text with syntax errors),
+    /// no applicable block names are unchanged. Returns 1 (also for a text with syntax errors),
     /// -220552 when there is no text, -220551 when the parser gave up.
     int RRCPParseRvdCfg();
 
-    /// Makes the content of the file the text, and parses it. Returns what `RRCPParseRvdCfg` does;
-    /// -220552 for a null name and -220549 for a file that cannot be read, and then the parser is
-    /// as it was.
+    /// Loads the file as the text, and parses it. Returns what `RRCPParseRvdCfg` does; -220552 for
+    /// a null name and -220549 for a file that cannot be read, with the parser unchanged.
     int RRCPParseFromFilename(char* fileName);
 
     /// Each stores a new copy of `value` in place of the previous one and returns 1; a null `value`

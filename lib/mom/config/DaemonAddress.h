@@ -4,8 +4,8 @@
 
 namespace kvx {
 
-/// Where the bus is. An empty text leaves the choice to the daemon configuration file, and where
-/// that says nothing, to the bus.
+/// The address of the bus. For an empty text the daemon configuration file decides, and without an
+/// entry there the bus.
 struct DaemonAddress {
     std::string service;
     std::string network;

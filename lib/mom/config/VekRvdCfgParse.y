@@ -1,11 +1,11 @@
 /*
  * The grammar of the daemon configuration file.
  *
- * A file is a sequence of blocks; each block becomes a finding as soon as its final ";" has been
- * read, and so does each error; `CVekRvdCfgParser` acts on them when the parse is over. An error anywhere drops the block it stands in: the stack falls back to the
- * start, which alone can shift the error token, and the input up to the next "rendezvous" is thrown
- * away. Every error can be recovered from, so a parse fails only when the stack is exhausted, which
- * a left-recursive grammar of this depth never does.
+ * A file is a sequence of blocks. Each block becomes a finding at its final ";", and so does each
+ * error; `CVekRvdCfgParser` applies them after the parse. An error drops the block that contains it:
+ * the stack is popped to the start, the only state that shifts the error token, and the input up to
+ * the next "rendezvous" is skipped. So a parse fails only when the stack is exhausted, which this
+ * left-recursive grammar never does.
  *
  * Codes of 0 and below are the end of the input. The scanner returns a byte of value 128 or more as
  * its signed value, so such a byte outside a string ends the parse.
@@ -33,7 +33,7 @@ namespace {
 constexpr const char* kSyntaxError = "parse error";
 constexpr const char* kStackExhausted = "parser stack overflow";
 
-// Takes both strings over; the pair holds copies.
+// Takes ownership of both strings; the pair holds copies.
 CVekVarBind* makeItem(char* name, char* value) {
     const CVekAtom nameAtom(name);
     const CVekAtom valueAtom(value);
@@ -47,7 +47,7 @@ CVekVBList* append(CVekVBList* items, CVekVarBind* item) {
 
 }  // namespace
 
-// The generator's words for its two errors are not ours.
+// Replaces the generator's texts of its two errors.
 static void VekRvdCfgerror(kvx::config::Findings* findings, const char* message) {
     const bool exhausted = std::strcmp(message, "memory exhausted") == 0;
     findings->push_back(kvx::config::parserError(exhausted ? kStackExhausted : kSyntaxError,
@@ -74,7 +74,7 @@ static void VekRvdCfgerror(kvx::config::Findings* findings, const char* message)
 %destructor { std::free($$); } <text>
 %destructor { delete $$; } <item> <items>
 
-/* A file may be empty, and so may a block: the shift is always what is meant. */
+/* A file and a block may be empty; shifting is always right. */
 %expect 3
 
 %%

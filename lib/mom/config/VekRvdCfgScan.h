@@ -6,41 +6,40 @@
 class CVekRvdCfgParser;
 class CVekVBList;
 
-/// What the grammar, its scanner and `CVekRvdCfgParser` say to one another. One scanner for the
-/// whole process: whoever has a `Scan` holds a lock.
+/// The interface between the grammar, its scanner and `CVekRvdCfgParser`. The scanner is
+/// process-wide: a `Scan` requires the parse lock.
 namespace kvx::config {
 
-/// What a parse has found, in the order of the text: blocks to apply and errors to report. Both run
-/// code of the program (output streams, error handlers), and so are done when the parse is over.
+/// The results of a parse, in text order: blocks to apply and errors to report. Both run code of
+/// the program (output streams, error handlers), and so are applied after the parse.
 using Finding = std::function<void(CVekRvdCfgParser& parser)>;
 using Findings = std::vector<Finding>;
 
-/// Applies `items`, which it takes over, when `host` is this one; null is every host.
+/// Applies `items`, of which it takes ownership, when `host` is this host; null is every host.
 Finding block(const char* host, CVekVBList* items);
 
-/// Says on standard output what is wrong at a line.
+/// Writes an error and its line to standard output.
 Finding parserError(const char* message, int line);
 
-/// Points the scanner's input at a text and starts counting lines at 1. What an earlier parse had
+/// Sets the scanner's input to a text and the line number to 1. Input that an earlier parse had
 /// read and not used comes first.
 class Scan {
   public:
     explicit Scan(const char* text);
 
-    /// Drops what the scanner has not read yet; and also what it has read and not used, unless the
-    /// parse came to its end.
+    /// Drops unread input; and also input read and not used, unless `finish` was called.
     ~Scan();
     Scan(const Scan&) = delete;
     Scan& operator=(const Scan&) = delete;
 
-    /// The parse came to its end, early or not.
+    /// Marks the parse as ended, early or not.
     void finish() { finished_ = true; }
 
   private:
     bool finished_ = false;
 };
 
-/// The line that the scanner has reached. Newlines inside quoted strings do not count.
+/// The current line of the scanner. Newlines inside quoted strings do not count.
 int currentLine();
 
 }  // namespace kvx::config
@@ -48,5 +47,5 @@ int currentLine();
 /// The generated scanner: the next token's code; 0 or less at the end.
 int VekRvdCfglex();
 
-/// The generated parser: 0, or another value when it gave up.
+/// The generated parser: returns 0, or another value when it gave up.
 int VekRvdCfgparse(kvx::config::Findings* findings);

@@ -12,10 +12,10 @@ class KVX_API CVekClient : public CVekRvNet {
     CVekClient(unsigned long latency, char* domain);
     CVekClient(unsigned long latency, const char* domain);
 
-    /// What `address` leaves empty is taken from the configuration file.
+    /// Empty texts of `address` are taken from the configuration file.
     CVekClient(unsigned long latency, const char* domain, const kvx::DaemonAddress& address);
     ~CVekClient() override;
 
-    /// Calls what `RRNSetPostInitFns` has set.
+    /// Calls the function set by `RRNSetPostInitFns`.
     void RRNPostInitFns() override;
 };

@@ -5,9 +5,9 @@
 
 /// A one-shot timer callback that sends a prepared datum as a request and then deletes itself.
 ///
-/// Make it with `new` and arm it on a one-shot timer whose closure is the net (`RRNAddTimer`).
-/// After the timer has fired it must not be touched; until then it is the caller's. Assignment
-/// shares subject and datum: the copy is not to be destroyed beside its source.
+/// Make it with `new` and arm it on a one-shot timer whose closure is the net (`RRNAddTimer`). The
+/// caller owns it until the timer fires, and must not use it after that. Assignment shares subject
+/// and datum: do not destroy both copy and source.
 class KVX_API CVekClientSender : public RvTimerCallback {
   public:
     /// Takes ownership of `subject`, a `malloc`ed text. Sends `text` as a string datum without its
@@ -21,7 +21,7 @@ class KVX_API CVekClientSender : public RvTimerCallback {
     CVekClientSender& operator=(const CVekClientSender&) = default;
     ~CVekClientSender() override;
 
-    /// Sends the datum through the net and deletes this object. A failure is reported. Loop thread
+    /// Sends the datum through the net and deletes this object. Reports a failure. Loop thread
     /// only.
     void onTimer(RvTimer* timer) override;
 

@@ -3,7 +3,7 @@
 #include "platform/Export.h"
 #include "rv/rv.h"
 
-/// A data callback that ignores whatever it receives, for requests whose answers do not matter.
+/// A data callback that does nothing, for requests whose answers do not matter.
 class KVX_API CVekDummyCallback : public RvDataCallback {
   public:
     CVekDummyCallback();

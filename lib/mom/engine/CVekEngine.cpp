@@ -1,4 +1,4 @@
-// The life of an engine: construction, main loop, heartbeats and destruction.
+// An engine's construction, main loop, heartbeats and destruction.
 //
 // The engine's send path is in CVekEngineSend.cpp, its send queue in CVekEngineQueue.cpp, its
 // identity and group in CVekEngineGroup.cpp.
@@ -90,8 +90,8 @@ void CVekEngine::REDoIt() {
         kvx::report(kvx::kInvalidArgument, kvx::engine::kFile, kvx::engine::QueueTimer);
         return;
     }
-    RRNDoIt();  // may end with the engine's destruction
-    // A drain that still lives is that of an outer call, in whose loop this one did nothing.
+    RRNDoIt();  // may destroy the engine
+    // A live drain timer belongs to an outer call, inside whose loop this call did nothing.
     if (previous && previous->callback() != nullptr) m_sendTimer = std::move(previous);
 }
 

@@ -16,79 +16,79 @@
 
 /// The network object of a full service process.
 ///
-/// Beside the net it has a send queue, which the main thread drains at a bounded rate, an identity,
+/// It adds to the net a send queue, which the main thread drains at a bounded rate, an identity,
 /// the membership of a fault-tolerance group on a second session, and heartbeats. Any thread may
-/// send: what comes from another thread than the main thread is queued. A `domainQualify` of `TRUE`
-/// appends the domain to the subject.
+/// send: a send off the main thread is queued. A `domainQualify` of `TRUE` appends the domain to
+/// the subject.
 class KVX_API CVekEngine : public CVekRvNet {
   public:
     /// Copies both texts. `serviceType` `SERV_UNKNOWN` joins no group. A null group base makes
     /// `REInitSession` fail, which is reported; the object is constructed either way.
     CVekEngine(int tierNo, const char* groupBase, const char* domain, __serv_types serviceType);
 
-    /// The same; what `address` leaves empty is taken from the configuration file. It serves both
+    /// The same; empty texts of `address` are taken from the configuration file. Applies to both
     /// sessions.
     CVekEngine(int tierNo, const char* groupBase, const char* domain, __serv_types serviceType,
                const kvx::DaemonAddress& address);
 
-    /// Takes ownership of both texts, which come from `malloc`.
+    /// Takes ownership of both texts, which must come from `malloc`.
     CVekEngine(int tierNo, char* groupBase, char* domain, __serv_types serviceType);
 
-    /// Deletes what is left in the queue without sending it. Main thread.
+    /// Deletes the queued items without sending them. Main thread.
     ~CVekEngine() override;
 
     /// Arms the queue timer and runs the main loop; returns when the loop ends, at once inside it.
-    /// The number of items a tick is a tenth of the send rate at this moment, at least 1.
+    /// The number of items per tick is a tenth of the current send rate, at least 1.
     void REDoIt();
 
-    /// Calls what `RRNSetPostInitFns` has set; a derived engine does its start-up work here.
+    /// Calls the function set by `RRNSetPostInitFns`; a derived engine does its start-up work here.
     void RRNPostInitFns() override;
 
     // --- Sending -------------------------------------------------------------------------------
 
     /// Publishes a datum. Off the main thread it reports -220425 and queues a copy, whose subject
-    /// is qualified once more than asked for. Returns 1, -220552 without a subject, -220544 without
-    /// a session, -220545 when the bus refused. User code that the send runs may end the session or
+    /// is qualified once more than requested. Returns 1, -220552 without a subject, -220544 without
+    /// a session, -220545 when the bus refused. User code run by the send may end the session or
     /// destroy the engine; the result is that of the send.
     int RESend(const char* subject, const RvDatum& datum, __boolean domainQualify);
 
     /// Sends a request, with the engine as the callback's closure. The caller owns the reply
     /// listener. `timeout` in milliseconds; the short form qualifies the subject and waits for the
     /// latency. Off the main thread it reports -220425, queues a copy (qualified once more, with
-    /// the latency as time-out) and returns null. A listener whose session user code has ended
-    /// meanwhile hears nothing.
+    /// the latency as time-out) and returns null. A listener whose session was ended by user code
+    /// meanwhile receives nothing.
     RvListener* RESend(const char* subject, const RvDatum& datum, const RvDataCallback* callback);
     RvListener* RESend(const char* subject, const RvDatum& datum, const RvDataCallback* callback,
                        unsigned long timeout, __boolean domainQualify);
 
     /// Queues a send at the back. Takes ownership of `datum`; `callback`, when not null, makes it a
-    /// request and must live until the reply. The short form waits for the latency. Any thread; it
-    /// never waits for a send. The reply listener of a request goes to the net's registry when the
-    /// request is sent, and is removed as that of `CVekRvNet::RRNSend` is: the callback calls
-    /// `engine.RRNRemoveListener(listener->subject())` when it has all it wants, or has timed out.
+    /// request and must live until the reply. The short form waits for the latency. Any thread;
+    /// never waits for a send. When a request is sent, its reply listener is entered in the net's
+    /// registry; as with `CVekRvNet::RRNSend`, the callback removes it with
+    /// `engine.RRNRemoveListener(listener->subject())` after the last reply or the time-out.
     int REAddToSendQueue(const char* subject, RvDatum* datum, const RvDataCallback* callback,
                          __boolean domainQualify);
     int REAddToSendQueue(const char* subject, RvDatum* datum, const RvDataCallback* callback,
                          unsigned long timeout, __boolean domainQualify);
 
-    /// Queues a send ahead of everything that waits.
+    /// Queues a send at the front.
     int REAddToSendQueueFront(const char* subject, RvDatum* datum, const RvDataCallback* callback,
                               __boolean domainQualify);
 
-    /// Takes the next item out of the queue, or null. The caller owns it.
+    /// Removes and returns the next item, which the caller owns; null when the queue is empty.
     CVekSendQueueItem* RENextSendItem();
 
-    /// Number of items that wait.
+    /// The number of queued items.
     int RESendQueueLength();
 
-    /// Queued sends a second; read by `REDoIt` when it starts.
+    /// Maximum of queued sends per second; read by `REDoIt` when it starts.
     void RESetMaxSendRate(unsigned long rate);
     unsigned long REGetMaxSendRate();
 
-    /// Sends what is queued at once from now on, instead of at the next tick: whoever queues wakes
-    /// the main loop. In the time of a tick no more goes out in all than one tick's share of the
-    /// send rate; the rest waits for the next tick. Lasts until the session ends. -220440 when the
-    /// loop cannot be woken, else as `RRNAddIOHandle`; the tick then sends everything. Main thread.
+    /// From now on queueing a send wakes the main loop, which sends it at once instead of at the
+    /// next tick. In the time of a tick at most one tick's share of the send rate is sent in all;
+    /// the rest waits for the next tick. Lasts until the session ends. -220440 when the loop cannot
+    /// be woken, else as `RRNAddIOHandle`; after a failure the tick sends everything. Main thread.
     int RESendPromptly();
 
     /// The members, unguarded; the engine owns both.
@@ -99,15 +99,15 @@ class KVX_API CVekEngine : public CVekRvNet {
 
     /// Opens the engine's own session and joins the group. Returns 1, -220552 without a group base,
     /// or -220425 as `RRNInitSession` does; other failures are written to standard error only. A
-    /// second call leaves the group first, which makes a member backup until the group says
-    /// otherwise. Main thread.
+    /// second call leaves the group first, which makes the engine backup until the group activates
+    /// it. Main thread.
     int REInitSession();
 
-    /// Leaves the group and closes its session: another member takes over at once. A member is
-    /// backup from then on. `REInitSession` joins again. -220425 off the main thread, else 1.
+    /// Leaves the group and closes its session: another member takes over at once, and this engine
+    /// becomes backup. `REInitSession` joins again. -220425 off the main thread, else 1.
     int RELeaveGroup();
 
-    /// Builds the group's name of base, domain and tier. -220552 without a base.
+    /// Builds the group's name from base, domain and tier. -220552 without a base.
     int REMakeGroupName();
 
     /// Builds the identity: host name up to its first full stop, a colon, the process id. -220463
@@ -129,14 +129,14 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// Whether this engine is the primary of its group. Any thread.
     __boolean REIsActive();
 
-    /// Makes the engine primary or backup, its heartbeat too. Any thread.
+    /// Makes the engine and its heartbeat primary or backup. Any thread.
     void RESetActive();
     void RESetInActive();
 
-    /// Has `changed` called when the engine has become primary (true) or backup; empty for nobody.
-    /// Called on the main thread without a lock: at once for a change that the group or another
-    /// call on the main thread makes, at the queue's next tick for that of another thread. It may
-    /// do everything, and destroy the engine. Main thread.
+    /// Sets the function that is called when the engine has become primary (true) or backup; empty
+    /// for none. Called on the main thread without a lock: at once for a change made by the group
+    /// or another call on the main thread, at the queue's next tick for a change by another thread.
+    /// It may call everything and destroy the engine. Main thread.
     void RESetRoleCallback(std::function<void(bool active)> changed);
 
     // --- Heartbeats ------------------------------------------------------------------------------
@@ -149,7 +149,7 @@ class KVX_API CVekEngine : public CVekRvNet {
     void REStartHeartBeat(const char* service, const char* domain, CVekEnv* env,
                           const char* subject);
 
-    // Main thread only, or constant after construction, where nothing else is said.
+    // Main thread only, or constant after construction, unless stated otherwise.
     kvx::Text m_engineId;
     std::unique_ptr<RvTimer> m_sendTimer;
     __serv_types m_serviceType = SERV_UNKNOWN;
@@ -206,7 +206,7 @@ class KVX_API CVekEngine : public CVekRvNet {
     unsigned long itemsPerTick();
     int push(CVekSendQueueItem* item, int (CVekStack::*where)(void*));
 
-    // What a second REStartHeartBeat leaves behind, alive until the engine dies.
+    // Heartbeats replaced by a second REStartHeartBeat, deleted with the engine.
     std::vector<std::unique_ptr<CVekHeartbeatClb>> m_retiredHeartbeats;
     std::vector<std::unique_ptr<RvTimer>> m_retiredTimers;
     std::shared_ptr<const void> m_groupLoopClaim;

@@ -1,9 +1,9 @@
 // An engine's identity and its fault-tolerance group.
 //
-// The copies of one service in one domain and tier join the group of that name, on a session that
-// carries nothing else; the group keeps one of them active. Within the library the active flag
-// drives only the heartbeat. Ready, leader and consumer are flags that the hosting process keeps
-// here for itself.
+// The engines of one service in one domain and tier join the group of that name, on a session used
+// for nothing else; the group keeps one of them active. Within the library the active flag drives
+// only the heartbeat and the role callback. Ready, leader and consumer are flags for the hosting
+// process only.
 
 #include <iostream>
 #include <string>
@@ -94,7 +94,7 @@ int CVekEngine::REInitSession() {
 int CVekEngine::RELeaveGroup() {
     const int thread = RRNReturnCheckThreadId();
     if (thread != kvx::kOk) return thread;
-    // These die last: closing the session may run user code.
+    // Destroyed last: closing the session may run user code.
     const std::shared_ptr<const void> claim = std::move(m_groupLoopClaim);
     const std::unique_ptr<RvSession> left = leaveGroup();
     const std::unique_ptr<CVekRvErrorClb> callback = std::move(m_ftErrorCallback);
@@ -102,8 +102,8 @@ int CVekEngine::RELeaveGroup() {
     return kvx::kOk;
 }
 
-/// Gives up the group session, which is left to the caller to close. Another member takes over
-/// then, so a member that leaves is primary no longer.
+/// Releases the group session for the caller to close, and makes the engine backup: another member
+/// takes over.
 std::unique_ptr<RvSession> CVekEngine::leaveGroup() {
     if (std::exchange(m_ftMemberId, nullptr) != nullptr) setActive(FALSE);
     std::unique_ptr<RvSession> left = std::move(m_ftSession);
@@ -186,8 +186,7 @@ void CVekEngine::RESetRoleCallback(std::function<void(bool active)> changed) {
     m_toldActive = REIsActive() == TRUE;
 }
 
-/// Calls the role callback when the role is another than it was told last. The engine may be gone
-/// afterwards.
+/// Calls the role callback if the role differs from that of its last call. May destroy the engine.
 void CVekEngine::tellRole() {
     const bool active = REIsActive() == TRUE;
     if (std::exchange(m_toldActive, active) == active) return;

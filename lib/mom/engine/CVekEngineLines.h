@@ -1,7 +1,7 @@
 #pragma once
 
-/// What the sources of `CVekEngine` share: the queue's tick, and where it reports its errors (the
-/// lines of its reports are part of the contract).
+/// Shared by the sources of `CVekEngine`: the queue's tick, and the line numbers of its error
+/// reports, which are part of the contract.
 namespace kvx::engine {
 
 inline constexpr unsigned long kTick = 100;  // milliseconds between two drains of the queue

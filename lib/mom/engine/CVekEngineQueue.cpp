@@ -1,12 +1,13 @@
 // The send queue: sends that wait for the main thread's next tick.
 //
-// First in, first out, but for what is put in front. The net's request mutex guards it and is held
-// for one insertion or removal only; no operation holds it together with the net's lock, and none
-// waits for the net's lock, which the main thread holds while it sends.
+// First in, first out, except items queued at the front. The net's request mutex guards it and is
+// held for one insertion or removal only, never together with the net's lock; no operation waits
+// for the net's lock, which the main thread holds while it sends.
 //
-// Prompt sending: a byte through a pair of sockets wakes the main loop, whatever the thread that
-// queued something. One byte is enough for any number of items: it is taken before the queue is
-// looked at.
+// Rate: each tick (100 ms) sends at most a tenth of the send rate (CVekInitTimedClb.cpp). Prompt
+// sending wakes the main loop with a byte through a socket pair and sends at most the same number
+// again in the time of one tick. One byte is enough for any number of items: it is read before the
+// queue.
 
 #include <algorithm>
 #include <array>
@@ -36,7 +37,7 @@ bool isHeartbeatSubject(const char* subject) {
     return subject != nullptr && std::string_view(subject) == kvx::kHeartbeatSubject;
 }
 
-// Gives up a send whose subject could not be prepared; the queue owned its datum already.
+// Deletes the datum, which the queue owns, of a send whose subject could not be prepared.
 int refuseQueuing(const char* subject, RvDatum* datum, int line) {
     delete datum;
     if (subject == nullptr) return kvx::kInvalidArgument;
@@ -44,13 +45,13 @@ int refuseQueuing(const char* subject, RvDatum* datum, int line) {
     return kvx::kNoMemory;
 }
 
-// What the link may hold and still get more at once: its own limit, where it refuses, is 64 MiB.
+// Prompt sending stops above this many bytes queued on the link, which refuses at 64 MiB.
 constexpr unsigned long kMostOnLink = 16UL << 20U;
 constexpr unsigned long kTicksPerSecond = 1000 / engine::kTick;
 
 }  // namespace
 
-/// Sends what is queued when it is woken, within the share of one tick.
+/// Sends queued items when woken, within the share of one tick.
 class CVekEngine::PromptSender : public RvIOCallback {
   public:
     using Sockets = std::pair<kvx::platform::Socket, kvx::platform::Socket>;
@@ -84,7 +85,7 @@ class CVekEngine::PromptSender : public RvIOCallback {
         unsigned long waitingBytes = 0;
         rv_Pending(m_engine.m_session->handle(), nullptr, &waitingBytes);
         if (waitingBytes > kMostOnLink) return;
-        // A send may end the session or the engine, and this object with them.
+        // A send may end the session or destroy the engine, and this object with it.
         const kvx::NetWatch watch = m_engine.watch();
         const unsigned long share = m_engine.itemsPerTick();
         while (watch.storageStands() && m_engine.m_sentInTick < share) {
@@ -109,7 +110,7 @@ class CVekEngine::PromptSender : public RvIOCallback {
     unsigned int handle() const { return static_cast<unsigned int>(m_sockets.first.get()); }
 
     CVekEngine& m_engine;
-    const Sockets m_sockets;  // what the main loop watches, and what other threads write to
+    const Sockets m_sockets;  // read by the main loop, written by any thread
     std::atomic<bool> m_isAwake{false};
 
     // Main thread only.
@@ -124,7 +125,7 @@ int CVekEngine::RESendPromptly() {
     auto sender = std::make_shared<PromptSender>(*this, std::move(sockets));
     const int started = sender->start();
     if (started != kvx::kOk) return started;
-    sender->wake();  // for what is queued already
+    sender->wake();  // for items queued already
     const CVekAutoMutex guard(m_requestMutex);
     m_promptSender.swap(sender);
     return kvx::kOk;

@@ -1,8 +1,8 @@
-// An engine's sends: on the main thread at once, from anywhere else through the queue.
+// An engine's sends: at once on the main thread, through the queue from other threads.
 //
-// A sender is made once per subject and kept in the net's registry, which the net's lock guards;
-// the lock is held across a direct send. Such a send may run user code, which may send again, end
-// the session or destroy the engine: the registry is looked up again after it. A send from another
+// A sender is made once per subject and kept in the net's registry, guarded by the net's lock,
+// which is held across a direct send. A send may run user code, which may send again, end the
+// session or destroy the engine: the registry is looked up again after it. A send from another
 // thread queues a copy of the datum. The queue qualifies its subject once more, so such an item
 // carries one domain suffix more than the same call on the main thread; receivers depend on it.
 
@@ -46,7 +46,7 @@ int CVekEngine::RESend(const char* subject, const RvDatum& datum, __boolean doma
     return RESendWithNoReplyRequested(sender, datum);
 }
 
-/// Registers `sender`, unless user code that it ran has registered another one for its subject.
+/// Registers `sender`, unless user code has meanwhile registered another one for its subject.
 int CVekEngine::keepSender(std::unique_ptr<RvSender> sender, const char* subject) {
     if (registeredSender(subject) != nullptr) return kvx::kOk;
     const int stored = REStoreNewSender(sender.get(), subject);
@@ -54,7 +54,7 @@ int CVekEngine::keepSender(std::unique_ptr<RvSender> sender, const char* subject
     return stored;
 }
 
-/// Sends on a sender made for it, which is kept when the send succeeds.
+/// Sends on a new sender, which is registered when the send succeeds.
 int CVekEngine::sendOnNewSender(const char* subject, const RvDatum& datum) {
     int status = kvx::kOk;
     std::unique_ptr<RvSender> sender(RRNNewSender(&status, subject, nullptr));
@@ -112,7 +112,7 @@ RvListener* CVekEngine::RESend(const char* subject, const RvDatum& datum,
     return reply;
 }
 
-/// Sends a request on a sender made for it, which is kept when the request succeeds.
+/// Sends a request on a new sender, which is registered when the request succeeds.
 RvListener* CVekEngine::requestOnNewSender(const char* subject, const RvDatum& datum,
                                            const RvDataCallback* callback, unsigned long timeout) {
     int status = kvx::kOk;

@@ -1,3 +1,7 @@
+// Each tick brings the level in line with the engine, sends the record ahead of the queue and then,
+// if the engine is primary, sets the record's type to 1. So the first beat after an activation
+// still has type 0, and all later ones 1. `m_level` only caches the engine's role for this order.
+
 #include "mom/engine/CVekHeartbeatClb.h"
 
 #include <atomic>
@@ -84,7 +88,7 @@ int CVekHeartbeatClb::RHCSetLevel(EVekHbRunLevel level) {
 }
 
 void CVekHeartbeatClb::RHCSetSubject(const char* subject) {
-    char* const copy = kvx::copyText(subject).release();  // `subject` may be the one kept
+    char* const copy = kvx::copyText(subject).release();  // `subject` may be m_subject
     std::free(m_subject);
     m_subject = copy;
     if (subject != nullptr && m_subject == nullptr) {
@@ -126,7 +130,7 @@ void CVekHeartbeatClb::sendRecord() const {
     reportStep(m_transport->RTSendHB(), heartbeatLine::SendAll, "SendAll");
 }
 
-/// After the first beat sent while primary the type is 1 for good.
+/// Sets the type to 1, permanently, after the first beat sent while primary.
 void CVekHeartbeatClb::announcePrimary() {
     if (m_type->RAInt() != 0 || std::atomic_ref(m_level).load() != HB_PRIMARY) return;
     m_type->RASet(1);

@@ -12,9 +12,9 @@ enum EVekHbRunLevel { HB_PRIMARY = 0, HB_BACKUP = 1 };
 /// The timer callback that announces a running engine.
 ///
 /// It builds a record of service, domain, host, process id and type once, and sends it at every
-/// tick ahead of all queued traffic. The type is 0 until the first beat sent while primary, and 1
-/// in all beats after that one. Its timer's closure is the `CVekEngine`. Copies share everything: a
-/// copy is not to be destroyed beside its source. Loop thread only, but for the level.
+/// tick ahead of all queued items. The type is 0 up to the first beat sent while primary, and 1 in
+/// all later beats. Its timer's closure is the `CVekEngine`. Copies share everything: do not
+/// destroy both copy and source. Loop thread only, except the level.
 class KVX_API CVekHeartbeatClb : public RvTimerCallback {
   public:
     /// Copies the texts; a null service or domain is announced as an empty text. `env` gives the
@@ -27,14 +27,14 @@ class KVX_API CVekHeartbeatClb : public RvTimerCallback {
     /// Sends one heartbeat.
     void onTimer(RvTimer* timer) override;
 
-    /// Sets the level; the next tick brings it in line with the engine. Returns 1.
+    /// Sets the level; the next tick replaces it by that of the engine. Returns 1.
     int RHCSetLevel(EVekHbRunLevel level);
 
-    /// Sends to a copy of `subject` from now on. Without memory for the copy reports -220553 and
-    /// has no subject.
+    /// Copies `subject` as the new destination. Without memory reports -220553 and leaves no
+    /// subject.
     void RHCSetSubject(const char* subject);
 
-    // The record owns the five atoms that it holds; the members only name them.
+    // The record owns the five atoms; the members are references.
     CVekAtom* m_pid;
     CVekAtom* m_host;
     CVekAtom* m_domainAtom;
@@ -42,7 +42,7 @@ class KVX_API CVekHeartbeatClb : public RvTimerCallback {
     CVekBaseRecord* m_record = nullptr;  // owned
     int m_interval;                      // milliseconds
     CVekAtom* m_type;
-    EVekHbRunLevel m_level = HB_BACKUP;    // set by any thread: every access is atomic
+    EVekHbRunLevel m_level = HB_BACKUP;    // any thread; every access is atomic
     CVekTransport* m_transport = nullptr;  // owned, null between ticks
     char* m_subject = nullptr;             // owned, malloc
 

@@ -17,12 +17,12 @@ void CVekInitTimedClb::onTimer(RvTimer* timer) {
     const int itemsPerTick = m_itemsPerTick;
     engine->m_sentInTick = 0;
     engine->tellRole();
-    // A send, and who follows the role, may end the session or the engine, and this object with
-    // them.
+    // A send, or the role callback, may end the session or destroy the engine, and this object with
+    // it.
     for (int sent = 0; sent < itemsPerTick && watch.storageStands(); ++sent) {
         const std::unique_ptr<CVekSendQueueItem> item(engine->RENextSendItem());
         if (!item) return;
         ++engine->m_sentInTick;
-        item->RSQIDeQueueIt();  // reports a failure itself; the item is dropped either way
+        item->RSQIDeQueueIt();  // reports a failure itself; the item is deleted either way
     }
 }

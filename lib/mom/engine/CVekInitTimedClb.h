@@ -5,7 +5,7 @@
 #include "platform/Export.h"
 #include "rv/rv.h"
 
-/// The timer callback that drains an engine's send queue, a bounded number of items a tick.
+/// The timer callback that drains an engine's send queue, a bounded number of items per tick.
 ///
 /// Its timer's closure is the `CVekEngine`. Loop thread only.
 class KVX_API CVekInitTimedClb : public RvTimerCallback {
@@ -16,7 +16,7 @@ class KVX_API CVekInitTimedClb : public RvTimerCallback {
     CVekInitTimedClb& operator=(const CVekInitTimedClb& other);
     ~CVekInitTimedClb() override;
 
-    /// Sends the next items, at most the number of one tick. An item that fails is dropped.
+    /// Sends at most the number of items of one tick. A failed item is dropped.
     void onTimer(RvTimer* timer) override;
 
     std::int32_t m_itemsPerTick;

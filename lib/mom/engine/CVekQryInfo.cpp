@@ -19,19 +19,19 @@ constexpr char kTextField[] = "QryInfoOQLStr";
 constexpr char kVersionField[] = "QryInfoVersion";
 constexpr unsigned long kInitialMessageSize = 1024;  // bytes
 
-// A view of the message that `datum` holds; it must not outlive `datum`.
+// A view of the message in `datum`, which must outlive it.
 RvMsg viewOf(const RvDatum& datum) {
     return RvMsg(const_cast<rvmsg_Msg>(datum.data()));
 }
 
 RvDatum* copyOf(const RvDatum& datum) {
     if (datum.type() != RVMSG_MSG) return new RvDatum(datum);
-    // Made from the view by name: made from the call, the object would be the view itself.
+    // The named variable forces a copy: with the call as argument, elision would return the view.
     const RvMsg view = viewOf(datum);
     return new RvMsg(view);
 }
 
-// The bytes of a datum and a zero behind them; null, and a report, without memory.
+// Copies the bytes of a datum and appends a zero; without memory reports and returns null.
 char* terminatedCopy(const RvDatum& datum, int line) {
     auto* const text = static_cast<char*>(std::malloc(std::size_t{datum.size()} + 1));
     if (text == nullptr) {

@@ -8,45 +8,42 @@
 class CVekEngine;
 class CVekRvNet;
 
-/// A query as the answering service keeps it: subject, reply sender, message and listener.
+/// A received query: subject, reply sender, message and listener.
 ///
-/// Belongs to the thread that handles the query. Assignment shares what the source owns: the copy
-/// is not to be destroyed beside it.
+/// Used by one thread at a time. Assignment shares what the source owns: do not destroy both.
 class KVX_API CVekQryInfo {
   public:
-    /// Copies `subject` and `datum`, takes ownership of `replyTo`, keeps `invoker`. The sender that
-    /// a data callback is given dies when the callback returns: pass one of your own, made with
-    /// `net->RRNNewSender(&status, replyTo->subject(), nullptr)`. A null subject is reported with
-    /// -220552.
+    /// Copies `subject` and `datum`, takes ownership of `replyTo`, stores `invoker`. The sender
+    /// given to a data callback is destroyed when the callback returns: pass a new one, made with
+    /// `net->RRNNewSender(&status, replyTo->subject(), nullptr)`. Reports -220552 for a null
+    /// subject.
     CVekQryInfo(const char* subject, RvSender* replyTo, const RvDatum& datum, RvListener* invoker);
     CVekQryInfo(const CVekQryInfo&) = delete;
     CVekQryInfo& operator=(const CVekQryInfo&) = default;
     virtual ~CVekQryInfo();
 
-    // The object owns what these return, but for the invoker.
+    // The object owns what these return, except the invoker.
     const char* RQISubject() const;
     RvSender* RQIReplyTo();
     RvDatum* RQIDatum();
     RvListener* RQIInvoker();
 
-    /// Deletes the datum held and takes ownership of `datum`.
+    /// Deletes the current datum and takes ownership of `datum`.
     void RQIReplaceDatum(RvDatum* datum);
 
-    /// The query text, which the caller frees with `free`: of a message its field "QryInfoOQLStr"
-    /// (empty when there is none), of a string the string itself. Null, and a report of -220439,
-    /// for any other datum.
+    /// The query text, which the caller frees with `free`: the field "QryInfoOQLStr" of a message
+    /// (empty when absent), or the string. For any other datum reports -220439 and returns null.
     char* RQIQuery();
 
-    /// The header version that the querier expects in the answer; 0 when it does not say.
+    /// The header version that the sender expects in the answer; 0 when absent.
     EVekTransHdr RQIVersion();
 
     /// Sends `oql` to `subject` as a request whose replies go to `callback`: through the queue of
     /// `engine` (any thread; closure of the callback is the engine), or without one directly
     /// through `net` (main thread; the subject is always qualified). The replies are transport
-    /// packets. Either way the net's registry keeps the reply listener: a callback that has the
-    /// whole answer, or gives up at a time-out, calls `RRNRemoveListener(listener->subject())` of
-    /// engine or net. Returns the queue's result, 1 for a net, -220402 without text, subject or
-    /// network.
+    /// packets. In both cases the net's registry keeps the reply listener: after the whole answer
+    /// or a time-out the callback calls `RRNRemoveListener(listener->subject())` of engine or net.
+    /// Returns the queue's result, 1 for a net, -220402 without text, subject or network.
     static int RQISendOQL(const char* oql, const char* subject, RvDataCallback* callback,
                           CVekEngine* engine, CVekRvNet* net, __boolean domainQualify);
 

@@ -9,7 +9,7 @@
 
 namespace {
 
-// The subjects of a kind of service, at the place of its value. What is left empty has none.
+// The subjects of a kind of service, indexed by its value; empty for none.
 struct ServiceSubjects {
     const char* query = "";
     const char* notify = "";

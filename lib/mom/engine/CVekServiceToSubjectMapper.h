@@ -5,7 +5,7 @@
 #include "foundation/foundation.h"
 #include "platform/Export.h"
 
-/// The kinds of service. Processes pass and store the values, so they never change, gaps included.
+/// The kinds of service. Processes pass and store the values, so they and the gaps never change.
 enum __serv_types : std::int32_t {
     SERV_MODEL = 0,
     SERV_EVENTS = 1,
@@ -36,16 +36,15 @@ enum __serv_types : std::int32_t {
     SERV_DISCOPINGFINDER = 27
 };
 
-/// A service's name, as configuration and command lines write it, and its kind.
+/// A service's name, as in configuration and command lines, and its kind.
 struct SVekServiceName {
     const char* name;
     __serv_types value;
 };
 
-/// Where the three ways of naming a service meet: its kind, its name and its two subjects.
+/// Maps between the kind of a service, its name and its two subjects.
 ///
-/// All texts returned are constant and live as long as the library; "nothing" is the empty text,
-/// never null. Any thread.
+/// All returned texts are static; a missing one is the empty text, never null. Any thread.
 class KVX_API CVekServiceToSubjectMapper {
   public:
     /// The kind of a service name, in any case and with any number of leading "Vek";

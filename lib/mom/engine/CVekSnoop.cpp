@@ -47,7 +47,7 @@ void CVekSnoop::RSProcessData(const char*, RvSender*, const RvDatum& data, RvLis
     auto* const work = new CVekUpdWork(new RvDatum(data), this);
     kvx::trace(kvx::kTraceCalls, "CVekSnoop::RSProcessData: Adding data to Updates work pool.\n");
     if (m_updatePool->RSPAddWorkDetail(work) != kvx::kOk) {
-        // Whether the pool kept the unit is the pool's secret, so it is left alone.
+        // A derived pool may have kept the unit, so it is not deleted.
         kvx::report(kvx::kNotCompleted, "CVekSnoop", snoopLine::AddWork, "CVekSnoop::onData");
     }
 }

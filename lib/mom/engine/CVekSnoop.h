@@ -7,18 +7,18 @@
 class CVekEngine;
 class CVekTransport;
 
-/// A data callback that hands each datum it sees to a pool of update threads, as a `CVekUpdWork`.
+/// A data callback that queues each datum in a pool of update threads, as a `CVekUpdWork`.
 ///
-/// Assignment shares the transport: the copy is not to be destroyed beside its source.
+/// Assignment shares the transport: do not destroy both copy and source.
 class KVX_API CVekSnoop : public RvDataCallback {
   public:
-    /// `pool` may be null, then every datum is dropped; else it must outlive the snoop.
+    /// `pool` must outlive the snoop; with null every datum is dropped.
     explicit CVekSnoop(CVekServPool* pool);
     CVekSnoop(const CVekSnoop&) = delete;
     CVekSnoop& operator=(const CVekSnoop&) = default;
     ~CVekSnoop() override;
 
-    /// Forgets pool and transport without deleting anything.
+    /// Clears pool and transport without deleting them.
     void RSInitialise();
 
     void onData(const char* subject, RvSender* replySender, const RvDatum& data,
@@ -28,8 +28,8 @@ class KVX_API CVekSnoop : public RvDataCallback {
     void RSProcessData(const char* subject, RvSender* replySender, const RvDatum& data,
                        RvListener* listener);
 
-    /// Makes the transport with which the pool's threads decode, unless there is one or `engine` is
-    /// null.
+    /// Makes the transport with which the pool's threads decode; does nothing when there is one or
+    /// `engine` is null.
     void RSTransport(CVekEngine* engine);
 
     /// The transport, or null. The snoop owns it.

@@ -5,10 +5,10 @@
 
 class CVekSnoop;
 
-/// One update to apply: a datum and the snoop that saw it. Assignment shares the datum.
+/// One update to apply: a datum and its snoop. Assignment shares the datum.
 class KVX_API CVekUpdWork {
   public:
-    /// Takes ownership of `datum`; keeps `snooper`.
+    /// Takes ownership of `datum`; stores `snooper`.
     CVekUpdWork(RvDatum* datum, CVekSnoop* snooper);
     CVekUpdWork(const CVekUpdWork&) = delete;
     CVekUpdWork& operator=(const CVekUpdWork&) = default;

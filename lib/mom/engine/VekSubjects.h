@@ -1,6 +1,6 @@
 #pragma once
 
-/// Subjects and field names that services share beside those of their own.
+/// Subjects and field names shared by services.
 inline constexpr const char VEK_MODEL2MYSQL_QUERY[] = "ZEMBRALIX.3.0.MODEL2MYSQL.QUERY";
 inline constexpr const char VEK_DISCO_PINGFINDER_QUERY[] = "ZEMBRALIX.3.0.DISCO.PINGFINDER.QUERY";
 inline constexpr const char VEK_SNMPHELPER_QUERY[] = "KVX.SNMPHELPER.QUERY";
@@ -9,7 +9,7 @@ inline constexpr const char VEK_ADDRESS_SPACE_FIELD[] = "m_AddressSpace";
 
 namespace kvx {
 
-/// Where heartbeats go unless told otherwise; the engine's traces leave it out.
+/// The default subject of heartbeats; the engine does not trace sends to it.
 inline constexpr const char kHeartbeatSubject[] = "ZEMBRALIX.3.0.CTRL.NOTIFY";
 
 }  // namespace kvx

@@ -11,8 +11,8 @@
 /// The root of every network object: the reply time-out and the domain that all kinds of network
 /// share, and the net's one general lock.
 ///
-/// Set the domain before the session starts and leave it alone afterwards: the getters take no
-/// lock, and `RNSetDomain` frees the text that an earlier `RNGetDomain` returned.
+/// Set the domain before the session starts and not afterwards: the getters take no lock, and
+/// `RNSetDomain` frees the text that an earlier `RNGetDomain` returned.
 class KVX_API CVekNet {
   public:
     /// Latency 8000 ms, no domain.
@@ -29,15 +29,14 @@ class KVX_API CVekNet {
     CVekNet& operator=(const CVekNet&) = delete;
     virtual ~CVekNet();
 
-    /// Called when the process must leave. Does not end the process: it only traces, at debug level
-    /// 4, that no derived network has its own.
+    /// Called when the process must exit. The base only writes a trace, at debug level 4.
     virtual void RNSafeExit();
 
-    /// Sets the reply time-out of every request sent through the net, in milliseconds. 0 is not
-    /// valid: it warns on standard error and sets 8000. Any thread.
+    /// Sets the reply time-out of every request sent through the net, in milliseconds. 0 warns on
+    /// standard error and sets 8000. Any thread.
     void RNSetLatency(unsigned long latency);
 
-    /// Takes ownership of `domain`, a `malloc`ed text, and frees the one before. Null changes
+    /// Takes ownership of `domain`, a `malloc`ed text, and frees the previous one. Null changes
     /// nothing and returns -220552; else 1. Any thread.
     int RNSetDomain(char* domain);
 
@@ -52,6 +51,6 @@ class KVX_API CVekNet {
     kvx::Text m_domain;
 
     /// The net's general lock: the settings here, the registries and the session flag of derived
-    /// networks. Recursive. Shared with a call that holds it while user code destroys the net.
+    /// networks. Recursive. Shared, since user code may destroy the net while a call holds it.
     std::shared_ptr<CVekThread> m_lock;
 };

@@ -3,10 +3,10 @@
 #include "platform/Export.h"
 #include "rv/rv.h"
 
-/// The one-shot timer callback that runs a network's start-up hook once its main loop turns.
+/// The one-shot timer callback that runs a network's start-up hook in the main loop.
 ///
-/// Its timer's closure is the `CVekRvNet` it serves. Good for one firing: it deletes itself after
-/// it, so it must come from `new`.
+/// Its timer's closure is the `CVekRvNet`. It deletes itself after it has fired, so it must come
+/// from `new`.
 class KVX_API CVekPostInitTimedClb : public RvTimerCallback {
   public:
     CVekPostInitTimedClb();
@@ -17,6 +17,6 @@ class KVX_API CVekPostInitTimedClb : public RvTimerCallback {
     void onTimer(RvTimer* timer) override;
 
   private:
-    /// Not to be used; reports -220552 when it is.
+    /// Not to be used: reports -220552.
     CVekPostInitTimedClb(const CVekPostInitTimedClb& other);
 };

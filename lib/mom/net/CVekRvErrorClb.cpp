@@ -28,7 +28,7 @@ void reportAdvisory(int code, int line, const char* subject, const char* message
     kvx::report(code, "CVekRvErrorClb", line, advisoryText(subject, message).c_str());
 }
 
-// The text of a string datum: what stands before its first zero, and nothing past its end.
+// The text of a string datum, up to its first zero or its end.
 std::string stringOf(const RvDatum& datum) {
     const auto* bytes = static_cast<const char*>(datum.data());
     return {bytes, strnlen(bytes, datum.size())};
@@ -42,7 +42,7 @@ CVekRvErrorClb& CVekRvErrorClb::operator=(const CVekRvErrorClb&) = default;
 CVekRvErrorClb::~CVekRvErrorClb() = default;
 
 void CVekRvErrorClb::onData(const char* subject, RvSender*, const RvDatum& datum, RvListener*) {
-    // A message in its encoded form may be given with size 0; it has no text in either case.
+    // Before the test for size 0, since a message may have size 0; it has no text.
     if (datum.type() == RVMSG_MSG) return;
     if (datum.size() == 0) {
         RREPrintError(subject, nullptr);

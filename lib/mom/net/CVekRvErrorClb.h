@@ -12,8 +12,8 @@ class KVX_API CVekRvErrorClb : public RvDataCallback {
     CVekRvErrorClb& operator=(const CVekRvErrorClb& other);
     ~CVekRvErrorClb() override;
 
-    /// Reports the advisory with its text when it is empty, a string or a scalar; an advisory whose
-    /// datum is a message makes no report. Loop thread only.
+    /// Reports the advisory with the text of an empty, string or scalar datum; does not report one
+    /// whose datum is a message. Loop thread only.
     void onData(const char* subject, RvSender* replyTo, const RvDatum& datum,
                 RvListener* listener) override;
 

@@ -1,15 +1,14 @@
-// The life of a network object: session, registries and agent.
+// A network object's session, registries and agent: opening and closing.
 //
-// Construction opens the session; nothing but a report tells of a failure, and every operation
-// checks for itself that there is a session. Termination takes everything out of the net first and
-// only then deletes it: the request queue, then the session, then what was made from the session.
-// Those objects find their session closed and make no calls into it any more. Closing and deleting
-// may run user code (hooks, destructors of callbacks), which finds a net that has ended, holds no
-// lock of it, and may destroy it. What a registry gave up without deleting it (the timers of an old
-// list, an emptied stack of callbacks) stays with the net until it dies, so that a process that
-// ends cleanly has released everything.
+// Construction opens the session; a failure is only reported, and every operation checks that there
+// is a session. Termination first moves everything out of the net and then deletes it: the request
+// queue, then the session, then the objects made from the session, which find it closed and make no
+// calls into it any more. Closing and deleting may run user code (hooks, destructors of callbacks),
+// which sees a terminated net, holds no lock of it, and may destroy it. Objects that a registry
+// dropped without deleting them (the timers of an old list, an emptied stack of callbacks) are
+// deleted with the net.
 //
-// Whoever goes on after a call that may run user code asks a `kvx::NetWatch` what is left.
+// After a call that may run user code, a `kvx::NetWatch` says what is left of the net.
 //
 // The registries and the main loop are in CVekRvNetRegistry.cpp, the creation of bus objects for
 // any thread is in CVekRvNetActivity.cpp.
@@ -53,13 +52,13 @@ void deleteRequest(void* request) {
         case VEK_QUEUE_TIMER:
             return delete static_cast<SVekRvQueueTimer*>(request);
         default:
-            return;  // nobody knows what it is
+            return;  // of unknown type
     }
 }
 
 }  // namespace
 
-/// What a net has given up, deleted in the order of its destructor.
+/// What a net has dropped, deleted in the order of its destructor.
 struct CVekRvNet::Storage {
     Storage() = default;
     Storage(const Storage&) = delete;
@@ -154,7 +153,7 @@ int CVekRvNet::RRNInitSession() {
     rv_SetTraceLevel(&__ZembraLix_Debug_Level);
     int result = kvx::kOk;
     if (rv_Flavor(kvx::flavourId, kvx::flavourName, nullptr, 0, 0) != 0) {
-        // A net without a session that calls itself up: its loop goes to RRNStartNet.
+        // Without a session the net counts as up, and its main loop calls RRNStartNet.
         kvx::warn("Rendezvous failed to flavor session\n");
         kvx::report(kvx::kNoSession, kvx::rvNet::kFile, kvx::rvNet::Flavour);
     } else {
@@ -226,7 +225,7 @@ int CVekRvNet::listenForAdvisories() {
 }
 
 int CVekRvNet::RRNOpenStorage() {
-    Storage dropped;  // dies after the lock's guard
+    Storage dropped;  // destroyed after the lock's guard
     const CVekThread::AutoMutex guard(*m_lock);
     takeRegistries(dropped);
     if (dropped.callbackStack) m_retiredStacks.push_back(std::move(dropped.callbackStack));
@@ -254,7 +253,7 @@ int CVekRvNet::RRNCreateQueueListener() {
 
 int CVekRvNet::RRNTerminateSession() {
     RRNCheckThreadId();
-    Storage dropped;  // the last to go: the user code that it runs may destroy the net
+    Storage dropped;  // destroyed last: its user code may destroy the net
     takeRequestQueue(dropped);
     const CVekThread::AutoMutex guard(*m_lock);
     m_sessionUp = 0;
@@ -275,7 +274,7 @@ void CVekRvNet::takeRequestQueue(Storage& dropped) {
     dropped.unclaimed = std::exchange(m_unclaimed, {});
 }
 
-/// Leaves no registry. The timers go to the retired ones.
+/// Moves all registries to `dropped`, and the timers to the retired ones.
 void CVekRvNet::takeRegistries(Storage& dropped) {
     ++m_ends->storage;
     dropped.senders = std::move(m_senders);

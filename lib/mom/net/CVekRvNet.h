@@ -21,45 +21,42 @@
 
 /// The network object of the bus: the session, everything made from it, and the main loop.
 ///
-/// The thread that constructs the net is its *main thread*. It alone touches the bus; other threads
-/// get senders, listeners, timers and I/O handlers through requests that the main thread serves
-/// every 100 ms while it runs `RRNDoIt`. The registries own what they hold: termination deletes it,
-/// the remove operations delete what they remove, the dereference operations only forget it.
+/// The thread that constructs the net is its *main thread*. Only it uses the bus; other threads get
+/// senders, listeners, timers and I/O handlers through requests that the main thread serves every
+/// 100 ms while it runs `RRNDoIt`. The registries own what they hold: termination deletes it, the
+/// remove operations delete what they remove, the dereference operations release it to the caller.
 ///
 /// Results are 1 for success and a negative code otherwise; pointer results are null on failure.
-/// Several nets may live on one thread: they share its event manager, so the loop of one serves
-/// all. Nets of two threads may not live at once. Other threads must have left the net before it is
-/// terminated or destroyed.
+/// Several nets may exist on one thread: they share its event manager, so the loop of one serves
+/// all. Nets of two threads must not exist at once. Other threads must have left the net before it
+/// is terminated or destroyed.
 ///
-/// **User code and locks.** User code is what the net calls or makes the bus call: callbacks for
-/// data, time and I/O, advisories (which a send, a listen or a removal may deliver at once), hooks
-/// and filters, `RRNPostInitFns`, the handler of `CVekError::SetHandler`, and the destructors of
-/// callbacks that the net owns (where the net is being destroyed, those must not call what a
-/// derived class adds). All but the error handler runs on the main thread. It may call every
-/// operation, also the one that is under way; remove or dereference what is calling it; stop the
-/// loop; end the session; and destroy the net. Only an error handler may not destroy the net or
-/// initialise it again, since what it was called from goes on.
+/// **User code and locks.** User code is called by the net or by the bus on its behalf: callbacks
+/// for data, time and I/O, advisories (which a send, a listen or a removal may deliver at once),
+/// hooks and filters, `RRNPostInitFns`, the handler of `CVekError::SetHandler`, and the destructors
+/// of callbacks that the net owns (while the net is being destroyed, those must not call members of
+/// a derived class). All but the error handler runs on the main thread. It may call every
+/// operation, also the one in progress; remove or dereference the object that calls it; stop the
+/// loop; end the session; and destroy the net. Only an error handler must not destroy the net or
+/// initialise it again, since its caller goes on.
 ///
-/// | lock | held while user code runs | what that code must not do |
-/// |---|---|---|
-/// | the net's lock `m_lock`, recursive | by a send, on the main thread | wait for another thread
-/// that stores, removes or dereferences, or that reads or sets what the lock guards | |
-/// `m_callerMutex` | never | | | `m_requestMutex` | never | |
+/// Of the net's locks only `m_lock`, which is recursive, is held while user code runs: by a send,
+/// on the main thread. That code must not wait for another thread that stores, removes or
+/// dereferences, or that reads or sets what the lock guards.
 ///
-/// Queueing a send (`CVekEngine`) takes `m_requestMutex` alone and never waits for a send. A
-/// request of another thread waits for the main loop, so nothing on the main thread may wait for
-/// its thread. A stream buffer under `std::cout` or `std::cerr` may be called under any lock and
-/// must not call the net. `m_callerMutex` is taken before `m_requestMutex`; neither is taken
-/// together with `m_lock`.
+/// Queueing a send (`CVekEngine`) takes only `m_requestMutex` and never waits for a send. A request
+/// of another thread waits for the main loop, so the main thread must not wait for that thread. A
+/// stream buffer of `std::cout` or `std::cerr` may be called under any lock and must not call the
+/// net. `m_callerMutex` is taken before `m_requestMutex`; neither is taken together with `m_lock`.
 class KVX_API CVekRvNet : public CVekNet {
   public:
-    /// Opens the session at once. A failure is reported and leaves `m_sessionUp` 0 (and mostly
-    /// `m_session` null); the object stays usable, its operations then return -220544.
+    /// Opens the session at once. A failure is reported and leaves `m_sessionUp` 0 (and usually
+    /// `m_session` null); operations then return -220544.
     CVekRvNet();
     CVekRvNet(unsigned long latency, char* domain);
     CVekRvNet(unsigned long latency, const char* domain);
 
-    /// What `address` leaves empty is taken from the configuration file.
+    /// Empty texts of `address` are taken from the configuration file.
     CVekRvNet(unsigned long latency, const char* domain, kvx::DaemonAddress address);
     ~CVekRvNet() override;
 
@@ -69,8 +66,8 @@ class KVX_API CVekRvNet : public CVekNet {
     /// The start-up hook: runs on the main thread, 3 ms after each entry into the main loop.
     virtual void RRNPostInitFns() = 0;
 
-    /// Sets what `RRNPostInitFns` of a `CVekClient` or a `CVekEngine` calls; empty for nothing.
-    /// Main thread.
+    /// Sets the function that `RRNPostInitFns` of a `CVekClient` or a `CVekEngine` calls; empty for
+    /// none. Main thread.
     void RRNSetPostInitFns(std::function<void()> fns);
 
     // --- Session -------------------------------------------------------------------------------
@@ -81,16 +78,16 @@ class KVX_API CVekRvNet : public CVekNet {
     /// while a net of another thread has a session: the process has one event manager.
     int RRNInitSession();
 
-    /// Closes the session and deletes everything that the registries hold. Main thread; elsewhere
-    /// reports -220425 and goes on. Always 1; a second call changes nothing.
+    /// Closes the session and deletes everything that the registries hold. Main thread; on another
+    /// thread reports -220425 and proceeds. Always 1; a second call changes nothing.
     int RRNTerminateSession();
 
-    /// The address of the bus: what the constructor was given, else what the configuration file
-    /// says, with "tcp:7500" for the daemon when neither names one.
+    /// The address of the bus: the constructor's, else the configuration file's, with "tcp:7500"
+    /// for the daemon when neither names one.
     kvx::DaemonAddress RRNAddress();
 
-    /// Starts the bus agent "rva", which gets the net's own address of the bus. Always 1; a failure
-    /// is reported with -220439.
+    /// Starts the bus agent "rva" with the net's address of the bus. Always 1; reports -220439 on
+    /// failure.
     int RRNStartAgent();
 
     /// Stops the agent that `RRNStartAgent` started. Always 1.
@@ -114,9 +111,9 @@ class KVX_API CVekRvNet : public CVekNet {
     /// null.
     char* RRNDomainSubj(const char* subject);
 
-    /// Listens on `subject` qualified with the domain. `callback` must outlive the listener or be
-    /// destroyed before the next message; the net is the closure. Any thread. -220552 when no
-    /// subject could be built, else as `RRNAddExService`.
+    /// Listens on `subject` qualified with the domain. `callback` is not owned, and not called
+    /// after its destruction; the net is the closure. Any thread. -220552 when no subject could be
+    /// built, else as `RRNAddExService`.
     int RRNAddService(const char* subject, RvDataCallback* callback);
 
     /// Listens on exactly `subject`. Any thread. -220544 without a session, -220552 for a null
@@ -132,26 +129,26 @@ class KVX_API CVekRvNet : public CVekNet {
     int RRNAddErrorService(RvSession* session, RvDataCallback* callback);
 
     /// Publishes `datum` on `subject` qualified with the domain. Main thread (-220425). -220544
-    /// without a session, -220545 when the bus refused, or when user code that the send ran has
-    /// ended the session.
+    /// without a session, -220545 when the bus refused, or when user code run by the send ended the
+    /// session.
     int RRNSend(const char* subject, RvDatum& datum);
 
     /// Publishes `datum` as a request whose reply goes to `callback`, with the latency as time-out
-    /// and the net as closure. -220544 also when user code that the send ran has ended the session.
-    /// The reply listener is registered and lives until it is removed, also after a time-out: a
-    /// callback that has all it wants, or gives up, calls `RRNRemoveListener(listener->subject())`.
-    /// One whose callback has been destroyed is removed by later requests.
+    /// and the net as closure. -220544 also when user code run by the send ended the session. The
+    /// reply listener is registered until it is removed, also after a time-out: after the last
+    /// reply the callback calls `RRNRemoveListener(listener->subject())`. Later requests remove
+    /// reply listeners whose callback was destroyed.
     int RRNSend(const char* subject, RvDatum& datum, RvDataCallback* callback);
 
     /// Publishes `datum` on exactly `subject`. Returns the sender, which the registry owns, or
-    /// null; null also when user code that the send ran has taken the sender out of the registry. A
-    /// sender to an inbox lives until 4,096 later ones were made. Main thread.
+    /// null; null also when user code run by the send removed the sender from the registry. A
+    /// sender to an inbox is deleted after 4,096 later ones were made. Main thread.
     RvSender* RRNSendOnSubject(char* subject, RvDatum& datum);
 
     // --- Timers, I/O and registries ------------------------------------------------------------
 
-    /// Watches `socket`. Whichever flag is set, the handler watches for readability; a second flag
-    /// is reported with -220462. Any thread.
+    /// Watches `socket`. The handler always watches for readability, whichever flag is set; a
+    /// second flag is reported with -220462. Any thread.
     int RRNAddIOHandle(unsigned int socket, __boolean read, __boolean write, __boolean exception,
                        RvIOCallback* callback);
 
@@ -160,8 +157,8 @@ class KVX_API CVekRvNet : public CVekNet {
 
     /// A one-shot or a repeating timer of `interval` ms with the net as closure, kept in the
     /// registry. Any thread. -220544 without a session, -220552 when no timer was made. A one-shot
-    /// timer that has fired stays until it is removed; whoever makes many calls
-    /// `RRNRemoveTimer(timer)` in the callback.
+    /// timer that has fired stays until it is removed: call `RRNRemoveTimer(timer)` in the callback
+    /// when making many.
     int RRNAddTimer(int interval, RvTimerCallback* callback);
     int RRNAddRepeatTimer(int interval, RvTimerCallback* callback);
 
@@ -169,34 +166,34 @@ class KVX_API CVekRvNet : public CVekNet {
     /// thread, unchecked. -220402 for null, -220547 for a timer that is not registered.
     int RRNRemoveTimer(RvTimer* timer);
 
-    /// Gives `listener` to the registry. -220552 for null, -220566 when it is there already,
-    /// -220544 without a session; the caller keeps it then.
+    /// Gives `listener` to the registry. -220552 for null, -220566 when it is registered already,
+    /// -220544 without a session; on failure the caller keeps it.
     int RRNStoreListener(RvListener* listener);
 
-    /// Takes `listener` out of the registry; the caller owns it from then on. -220402 for null.
+    /// Removes `listener` from the registry; the caller owns it. -220402 for null.
     int RRNDereferenceListener(RvListener* listener);
 
     /// Deletes all listeners on exactly `subject` (domain included). Main thread, unchecked.
     /// -220402 for null; 1 when there was none.
     int RRNRemoveListener(const char* subject);
 
-    /// Takes `sender` out of the registry; the caller owns it from then on. -220402 for null.
+    /// Removes `sender` from the registry; the caller owns it. -220402 for null.
     int RRNDereferenceSender(RvSender* sender);
 
-    /// Adds the one-shot timer of 3 ms that calls the start-up hook. The net removes it when it has
-    /// fired.
+    /// Adds the one-shot timer of 3 ms that calls the start-up hook. The net removes it after it
+    /// has fired.
     int RRNAddPostInitTimer();
 
     // --- Creating bus objects from any thread ----------------------------------------------------
     //
     // Each sets `*status` to 1 or to the reason of a null result: -220370 not made, -220371 no
-    // answer (at once when the session ends meanwhile), -220402 nobody listens for requests. The
-    // caller owns the object (an I/O handler is registered with the net). Callbacks are kept, never
+    // answer (at once when the session ends meanwhile), -220402 no request queue. The caller owns
+    // the object (an I/O handler is registered with the net). Callbacks are referenced, never
     // copied: after -220371 the request may still be served, so its callback and closure must live
     // until the session ends. The net must have a session.
 
-    /// The net owns the handler. On the main thread -220566 comes with one that the caller owns:
-    /// its socket has another one registered.
+    /// The net owns the handler. On the main thread -220566, for a socket with a registered
+    /// handler, comes with a new handler that the caller owns.
     RvIO* RRNNewIO(int* status, unsigned int socket, rvevm_IoEventType type, RvIOCallback* callback,
                    void* closure);
     RvSender* RRNNewSender(int* status, const char* subject, const char* replySubject);
@@ -216,11 +213,11 @@ class KVX_API CVekRvNet : public CVekNet {
     RvTimer* RRNNewTimer(int* status, unsigned long interval, rv_Boolean repeat,
                          const RvTimerCallback* callback, void* closure);
 
-    /// Tells later what user code has left of this net; see `kvx::NetWatch`. Main thread.
+    /// Returns a watch on this net; see `kvx::NetWatch`. Main thread.
     [[nodiscard]] kvx::NetWatch watch() const { return kvx::NetWatch(m_ends); }
 
   protected:
-    /// Calls what `RRNSetPostInitFns` has set. It may destroy the net.
+    /// Calls the function set by `RRNSetPostInitFns`, which may destroy the net.
     void runPostInitFns() const;
 
     /// Reports -220425 when called off the main thread.
@@ -229,9 +226,9 @@ class KVX_API CVekRvNet : public CVekNet {
     /// 1 on the main thread, else -220425.
     int RRNReturnCheckThreadId();
 
-    /// Keeps the senders to inboxes from piling up: call it, with the net's lock held, for every
-    /// sender entered in `m_senders`. Past 4,096 inbox senders the oldest one is deleted that no
-    /// call is sending on.
+    /// Bounds the number of senders to inboxes: call it, with the net's lock held, for every sender
+    /// entered in `m_senders`. Above 4,096 inbox senders it deletes the oldest one that is not in
+    /// use by a send.
     void noteSender(const char* subject);
 
     /// Keeps a registered sender from being deleted by `noteSender` while it sends.
@@ -251,8 +248,7 @@ class KVX_API CVekRvNet : public CVekNet {
     /// The sender registered under `subject`, which may be null. With the net's lock held.
     RvSender* registeredSender(const char* subject) const;
 
-    /// A token of the right to the shared event manager, or null after a report that another
-    /// thread has it.
+    /// Claims the shared event manager; null after a report when another thread holds it.
     std::shared_ptr<const void> claimLoop(const char* file, int line);
 
   private:
@@ -260,7 +256,7 @@ class KVX_API CVekRvNet : public CVekNet {
     friend class CVekSendQueueItem;
     struct RequestLines;
     struct Storage;
-    /// Deletes a timer, and with it a callback that waits for it and that nobody owns.
+    /// Deletes a timer, and its callback if that is a `DiesWithTimer` that has not run.
     struct TimerDeleter {
         void operator()(RvTimer* timer) const;
     };
@@ -301,11 +297,10 @@ class KVX_API CVekRvNet : public CVekNet {
     void sweepSpentTimers();
 
   public:
-    // Main thread only. The session is deleted before the objects that were made from it; they
-    // stay valid as objects.
+    // Main thread only. The session is deleted before the objects made from it, which stay valid.
     std::unique_ptr<RvSession> m_session;
     const kvx::DaemonAddress m_givenAddress;
-    CVekRvdCfgParser m_cfgParser;  // the configuration file, and the given address over it
+    CVekRvdCfgParser m_cfgParser;  // the configuration file, overridden by the given address
     CVekProcessHandle m_agentHandle;
     bool m_agentStarted = false;
     std::unique_ptr<CVekProcessMgr> m_processMgr;
@@ -330,22 +325,21 @@ class KVX_API CVekRvNet : public CVekNet {
 
     // Guarded by m_requestMutex.
     std::unique_ptr<CVekStack> m_requests;
-    std::unique_ptr<CVekTreeList> m_answers;  // by the id of the thread that asked
+    std::unique_ptr<CVekTreeList> m_answers;  // by the id of the requesting thread
 
     // Main thread only.
     std::unique_ptr<RvTimer> m_queueTimer;
     std::unique_ptr<CVekRvQueueHandler> m_queueHandler;
 
   private:
-    // Guarded by m_requestMutex: answers that nobody has taken yet, but for I/O handlers, which are
-    // the net's.
+    // Guarded by m_requestMutex: answers not taken yet, except I/O handlers, which the net owns.
     std::map<int, RvSessionObject*> m_unclaimed;
-    std::uint64_t m_askedQueue = 0;  // the queue, counted, in which the present request stands
+    std::uint64_t m_askedQueue = 0;  // the generation of the queue that holds the current request
 
-    // Guarded by m_lock: subjects of registered senders to inboxes, oldest first; the senders that
-    // a call is sending on; subjects of reply listeners; where each timer stands in `m_timers`; the
-    // one-shot timers that the library made for itself; handlers of a socket that had one already,
-    // which no registry takes.
+    // Guarded by m_lock: subjects of registered senders to inboxes, oldest first; the senders in
+    // use by a send; subjects of reply listeners; the position of each timer in `m_timers`; the
+    // library's own one-shot timers; handlers of a socket with a registered one, which no registry
+    // takes.
     std::deque<std::string> m_inboxSenders;
     std::vector<const RvSender*> m_sendersInUse;
     std::deque<std::string> m_replies;
@@ -353,7 +347,7 @@ class KVX_API CVekRvNet : public CVekNet {
     std::vector<RvTimer*> m_ownTimers;
     std::vector<std::unique_ptr<RvIO>> m_strayHandlers;
 
-    // Main thread only: what the registries gave up without deleting it.
+    // Main thread only: objects that the registries dropped without deleting them.
     std::vector<std::unique_ptr<CVekStack>> m_retiredStacks;
     std::vector<OwnedTimer> m_retiredTimers;
     std::function<void()> m_postInitFns;

@@ -1,18 +1,18 @@
 // Creating bus objects, from any thread.
 //
-// On the main thread an object is made on the spot. Another thread writes a record of what it
-// wants, pushes it on the request stack and polls for the answer, which the queue handler posts
-// under the thread's id after making the object in the main loop (CVekRvQueueHandler.cpp). Only one
-// thread at a time has a request under way: it holds the caller mutex from the push to the removal
-// of its answer. The request mutex is held only for the push, each poll and the removal, never
-// while waiting, so the main thread cannot wait for a requester. A failure is reported when both
-// are free again: the error handler may ask for something else.
+// On the main thread an object is made at once. Another thread pushes a request record on the
+// request stack and polls for the answer, which the queue handler posts under the thread's id after
+// making the object in the main loop (CVekRvQueueHandler.cpp). Only one thread at a time has a
+// pending request: it holds the caller mutex from the push to the removal of its answer. The
+// request mutex is held only for the push, each poll and the removal, never while waiting, so the
+// main thread does not wait for a requester. A failure is reported after both are released: the
+// error handler may make another request.
 //
 // Making a listener may run user code, and that may end the session or the net.
 //
-// Answers are keyed by thread id alone. One that comes after its requester gave up is taken by that
-// thread's next request. A session that ends takes stack and answers with it: `m_askedQueue` tells
-// the requester, even when the next session has begun.
+// Answers are keyed by thread id alone. An answer that comes after its requester gave up is taken
+// by that thread's next request. The end of a session deletes stack and answers; the requester
+// detects it by `m_askedQueue`, even when the next session has begun.
 
 #include <string>
 
@@ -22,7 +22,7 @@
 
 namespace rvNet = kvx::rvNet;
 
-/// Where each step of a request reports that it failed.
+/// The report lines of the steps of a request.
 struct CVekRvNet::RequestLines {
     int timedOut;
     int notMade;
@@ -39,8 +39,7 @@ std::string listenerName(const char* subject, unsigned long timeout) {
     return std::string(kvx::textOrNull(subject)) + "/" + std::to_string(timeout);
 }
 
-// The callbacks are kept, stored and handed on unchanged; only the session asks for them without
-// `const`.
+// The callbacks are only stored and passed on; the session takes them without `const`.
 RvDataCallback* forSession(const RvDataCallback* callback) {
     return const_cast<RvDataCallback*>(callback);
 }
@@ -53,7 +52,7 @@ void ownText(std::string& own, const char*& text) {
     if (text != nullptr) text = (own = text).c_str();
 }
 
-// Has a request keep copies of the texts that its thread lent it.
+// Gives a request its own copies of the caller's texts.
 template <class Record>
 void ownTexts(Record& record) {
     if constexpr (requires { record.m_ownSubject; }) ownText(record.m_ownSubject, record.m_subject);
@@ -75,7 +74,7 @@ int CVekRvNet::RRNReturnCheckThreadId() {
     return CVekThread::RTId() == m_mainThreadId ? kvx::kOk : kvx::kOffMainThread;
 }
 
-/// Makes an object with `create`, and says why it could not.
+/// Makes an object with `create`, and sets `*status`.
 template <class Create>
 auto CVekRvNet::createHere(int* status, Create create) {
     decltype(create()) object = nullptr;
@@ -123,7 +122,7 @@ bool CVekRvNet::pushRequest(const Record& request) {
     auto record = std::make_unique<Record>(request);
     ownTexts(*record);
     const CVekAutoMutex guard(m_requestMutex);
-    // A stack: what was asked for last is made first.
+    // A stack: the last request is served first.
     if (!m_requests || m_requests->RSPushBottom(record.get()) != kvx::kOk) return false;
     static_cast<void>(record.release());
     m_askedQueue = m_ends->queue;
@@ -162,7 +161,7 @@ Object* CVekRvNet::requestObject(int* status, const Record& fields, const Reques
     return object;
 }
 
-/// The answer, which leaves the list.
+/// Removes and returns the answer.
 template <class Object>
 Object* CVekRvNet::claimAnswer(int threadId, int* status) {
     RRNWaitForNewActivity(threadId, status);
@@ -184,7 +183,7 @@ CVekPointer* CVekRvNet::RRNWaitForNewActivity(int threadId, int* status) {
     for (int poll = 0; poll < kAnswerPolls; ++poll) {
         {
             const CVekAutoMutex guard(m_requestMutex);
-            if (m_ends->queue != m_askedQueue) return nullptr;  // nobody will answer any more
+            if (m_ends->queue != m_askedQueue) return nullptr;  // no answer will come
             CVekPointer* const answer = m_answers->RTLGet(threadId);
             if (answer != nullptr) {
                 *status = kvx::kOk;

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Where `CVekRvNet` reports its errors: the lines of its reports are part of the contract.
+/// The line numbers of the error reports of `CVekRvNet`, which are part of the contract.
 namespace kvx::rvNet {
 
 inline constexpr char kFile[] = "CVekRvNet";

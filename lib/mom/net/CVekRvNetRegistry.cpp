@@ -1,15 +1,14 @@
-// What a net keeps for its process: senders, listeners, timers and I/O handlers, and the main loop
-// that serves them.
+// A net's registries of senders, listeners, timers and I/O handlers, and the main loop.
 //
 // The net's lock guards the registries against threads that store, dereference or remove while the
-// main thread sends; it is recursive, so that a callback of the bus may come back here. A call that
-// holds it while it sends shares it, since that may be the end of the net; the registries are
-// looked up again afterwards, and what is deleted is deleted when the lock is free again.
+// main thread sends; it is recursive, so that a callback of the bus may call back. A call that
+// holds it while it sends shares its ownership, since user code may destroy the net; the registries
+// are looked up again afterwards, and objects are deleted after the lock is released.
 //
-// A sender is made once per subject and kept. Those to inboxes would pile up, one per query
-// answered, so only the latest ones are kept. Reply listeners would too: one whose callback has
-// been destroyed is removed when later ones come. One-shot timers stay until they are removed; only
-// those that the library made for itself go when they are spent.
+// A sender is made once per subject and kept. Of the senders to inboxes, one per answered query,
+// only the latest 4,096 are kept. A reply listener whose callback was destroyed is removed when
+// later ones are stored. One-shot timers stay until they are removed; only the library's own are
+// removed after they have fired.
 
 #include <algorithm>
 #include <cstring>
@@ -29,7 +28,7 @@ namespace {
 constexpr char kAdvisorySubjects[] = "_RV.>";
 constexpr std::string_view kInboxPrefix = "_INBOX.";
 constexpr std::size_t kKeptInboxSenders = 4096;
-constexpr int kReplyLooks = 2;        // older reply listeners looked at for each new one
+constexpr int kReplyLooks = 2;        // older reply listeners checked for each new one
 constexpr int kPostInitInterval = 3;  // milliseconds
 constexpr std::size_t kSubjectGrowth = 4;
 constexpr std::size_t kSubjectReserve = 32;  // bytes
@@ -44,12 +43,12 @@ Object* pointeeOf(const CVekListable* entry) {
     return pointeeOf<Object>(static_cast<const CVekPointer*>(entry));
 }
 
-// Whether a timer will never call anybody again.
+// Whether a timer will never fire again.
 bool isSpent(const RvTimer& timer) {
     return timer.isRepeating() == rv_FALSE && (!timer.isPending() || timer.callback() == nullptr);
 }
 
-// Adds `object` under `subject` in a holder of its own, which does not outlive a failure.
+// Adds `object` under `subject` in a new holder, which is deleted on failure.
 int addEntry(CVekTreeList* registry, const char* subject, void* object) {
     auto holder = std::make_unique<CVekPointer>(object);
     const int result = registry->RTLAdd(subject, holder.get());
@@ -169,7 +168,7 @@ int CVekRvNet::RRNSend(const char* subject, RvDatum& datum, RvDataCallback* call
 }
 
 /// The sender for requests on `subject`. A sender that could not be made is registered as null, and
-/// then leaves `*status` at 1 for good.
+/// later calls leave `*status` at 1.
 RvSender* CVekRvNet::senderForRequest(const char* subject, int* status) {
     const kvx::Text qualified(RRNDomainSubj(subject));
     if (!qualified) {
@@ -209,13 +208,13 @@ RvSender* CVekRvNet::RRNSendOnSubject(char* subject, RvDatum& datum) {
     return registeredSender(key.c_str()) == sender ? sender : nullptr;
 }
 
-/// Sends on a sender made for it and registers the sender; a failure leaves nothing behind.
+/// Sends on a new sender and registers it; on failure registers nothing.
 RvSender* CVekRvNet::sendOnNewSender(const char* subject, RvDatum& datum) {
     int status = kvx::kOk;
     std::unique_ptr<RvSender> sender(RRNNewSender(&status, subject, nullptr));
     const kvx::NetWatch watch = this->watch();
     if (!sender || sender->send(datum).code() != 0 || !watch.storageStands()) return nullptr;
-    // User code that the send ran may have sent on the same subject.
+    // User code run by the send may have sent on the same subject.
     if (RvSender* const registered = registeredSender(subject)) return registered;
     const int stored = addEntry(m_senders.get(), subject, sender.get());
     if (stored != kvx::kOk) {
@@ -250,7 +249,7 @@ void CVekRvNet::noteSender(const char* subject) {
     const auto isInUse = [this](const std::string& inbox) {
         return std::ranges::count(m_sendersInUse, registeredSender(inbox.c_str())) != 0;
     };
-    const auto newest = m_inboxSenders.end() - 1;  // the caller is about to hand it out
+    const auto newest = m_inboxSenders.end() - 1;  // the caller is about to return it
     const auto oldest = std::find_if_not(m_inboxSenders.begin(), newest, isInUse);
     if (oldest == newest) return;
     const std::string evicted = std::move(*oldest);
@@ -285,8 +284,8 @@ int CVekRvNet::RRNStoreListener(RvListener* listener) {
     return listener != nullptr ? storeListener(listener) : kvx::kInvalidArgument;
 }
 
-/// Registers a reply listener, and keeps those that nobody removes from piling up: looks at two
-/// older ones, and deletes them when their callback is gone.
+/// Registers a reply listener, and checks two older ones, which it deletes when their callback was
+/// destroyed: this bounds those that are never removed.
 int CVekRvNet::storeReply(RvListener* reply) {
     std::vector<std::unique_ptr<RvListener>> dead;  // dies after the lock's guard
     const CVekThread::AutoMutex guard(*m_lock);
@@ -316,7 +315,7 @@ int CVekRvNet::RRNDereferenceListener(RvListener* listener) {
 
 int CVekRvNet::RRNRemoveListener(const char* subject) {
     if (subject == nullptr) return kvx::kMissingArgument;
-    // The caller's text may be that of a listener that is about to go.
+    // `subject` may belong to a listener that is deleted here.
     const std::string key = subject;
     std::vector<std::unique_ptr<RvListener>> removed;  // dies after the lock's guard
     const CVekThread::AutoMutex guard(*m_lock);
@@ -344,7 +343,7 @@ int CVekRvNet::RRNAddRepeatTimer(int interval, RvTimerCallback* callback) {
 
 int CVekRvNet::addTimer(int interval, rv_Boolean repeat, RvTimerCallback* callback) {
     if (!m_session) return kvx::kNoSession;
-    // Asked before the timer is made for another thread: it may fire before it is registered here.
+    // Checked first: a timer requested from another thread may fire before it is registered here.
     const bool isOwn = dynamic_cast<kvx::DiesWithTimer*>(callback) != nullptr;
     int status = kvx::kOk;
     RvTimer* const timer =
@@ -377,7 +376,7 @@ int CVekRvNet::RRNRemoveTimer(RvTimer* timer) {
     return m_timers->RDLDeleteListable(entry);
 }
 
-/// Removes those of the library's own one-shot timers that fired.
+/// Removes the library's own one-shot timers that have fired.
 void CVekRvNet::sweepSpentTimers() {
     std::vector<OwnedTimer> spent;  // dies after the lock's guard
     const CVekThread::AutoMutex guard(*m_lock);
@@ -412,14 +411,14 @@ int CVekRvNet::RRNAddIOHandle(unsigned int socket, __boolean read, __boolean wri
     };
     choose(write, rvNet::IoTypeWrite);
     choose(exception, rvNet::IoTypeException);
-    // Whatever was chosen, the handler watches for readability.
+    // The handler always watches for readability.
     int status = kvx::kOk;
     RvIO* const io = RRNNewIO(&status, socket, RVEVM_READ, callback, this);
     keepStray(io, status);
     return status;
 }
 
-/// Makes a handler the net's that no registry took, since its socket has one already.
+/// Lets the net own a handler whose socket has a registered one already.
 void CVekRvNet::keepStray(RvIO* io, int status) {
     if (io == nullptr || status == kvx::kOk) return;
     const CVekThread::AutoMutex guard(*m_lock);

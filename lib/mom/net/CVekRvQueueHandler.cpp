@@ -1,6 +1,8 @@
-// One drain. The request mutex is free whenever an object is made or something is reported, since
-// both may run user code. A session that ends meanwhile takes queue and handler with it: from then
-// on only locals are touched, and the object that was made for nobody is deleted.
+// Serving the requests of other threads. A tick pops requests until the stack is empty, makes each
+// object through the net's own operation and posts it under the thread's id. The request mutex is
+// not held while an object is made or an error is reported, since both may run user code. The end
+// of the session deletes queue and handler: after it only locals are used, and the unclaimed object
+// is deleted.
 
 #include "mom/net/CVekRvQueueHandler.h"
 
@@ -35,7 +37,7 @@ enum Line : int {
 
 constexpr unsigned int kNoSocket = std::numeric_limits<unsigned int>::max();
 
-// Whether a request may be served. One that may not is reported, dropped and never answered.
+// Whether a request may be served. An invalid one is reported and never answered.
 bool isValidRequest(bool valid, int line) {
     if (!valid) kvx::report(kvx::kInvalidRequest, kQueueHandlerFile, line);
     return valid;
@@ -91,7 +93,7 @@ void CVekRvQueueHandler::dispatch(void* request) {
     kvx::report(kvx::kUnknownRequest, kQueueHandlerFile, queueLine::UnknownType, text.c_str());
 }
 
-/// Posts `made`. Until its thread has taken it, the net owns it; an I/O handler it owns for good.
+/// Posts `made`. The net owns it until its thread has taken it; it keeps an I/O handler.
 void CVekRvQueueHandler::post(CVekRvNet& net, const kvx::NetWatch& watch, int threadId,
                               const Made& made) {
     std::unique_ptr<RvSessionObject> unclaimed(made.unclaimed);

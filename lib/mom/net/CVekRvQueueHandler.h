@@ -9,15 +9,14 @@ namespace kvx {
 class NetWatch;
 }
 
-/// The timer callback that creates, on the main thread, what other threads asked the net for.
+/// The timer callback that creates, on the main thread, the bus objects requested by other threads.
 ///
-/// Loop thread only. Holds the net's request mutex for taking a request and for posting its answer,
-/// not while it makes the object, which may run user code: that may call the net, end its session
-/// or destroy it.
+/// Loop thread only. Holds the net's request mutex to take a request and to post its answer, not
+/// while it makes the object, which may run user code that calls the net, ends its session or
+/// destroys it.
 class KVX_API CVekRvQueueHandler : public RvTimerCallback {
   public:
-    /// `net` must outlive the handler. A null net is reported with -220552, and a tick then does
-    /// nothing.
+    /// `net` must outlive the handler. Reports -220552 for a null net; a tick then does nothing.
     explicit CVekRvQueueHandler(CVekRvNet* net);
     CVekRvQueueHandler(const CVekRvQueueHandler&) = delete;
 
@@ -36,8 +35,8 @@ class KVX_API CVekRvQueueHandler : public RvTimerCallback {
     void RRQIONewTimer(SVekRvQueueTimer* request);
 
     struct Made {
-        void* object;                // null when it could not be made
-        RvSessionObject* unclaimed;  // the object; null for an I/O handler, which is the net's
+        void* object;                // null on failure
+        RvSessionObject* unclaimed;  // the object; null for an I/O handler, which the net owns
         int notMadeLine;
         int notPostedLine;
     };

@@ -2,8 +2,8 @@
 
 namespace kvx {
 
-/// A timer callback that nobody owns: it deletes itself when it fires, and the net deletes it when
-/// it drops its timer before that.
+/// A timer callback without an owner: it deletes itself when it fires; the net deletes it with a
+/// timer that has not fired.
 class DiesWithTimer {
   public:
     DiesWithTimer() = default;

@@ -1,3 +1,7 @@
+// The claims of the process by owner. A claim names the thread and counts its tokens; a new claim
+// is refused while another owner has one of another thread. Each token is a shared pointer whose
+// deleter returns the claim.
+
 #include "mom/net/LoopThread.h"
 
 #include <algorithm>
@@ -18,7 +22,7 @@ struct Claims {
     std::map<const void*, Claim> byOwner;  // guarded by mutex
 };
 
-// Never destroyed: a net in static storage may outlive everything else here.
+// Never destroyed: a net in static storage may be destroyed later.
 Claims& claims() {
     static auto& all = *new Claims;
     return all;

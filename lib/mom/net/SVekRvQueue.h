@@ -5,11 +5,11 @@
 
 #include "rv/rv.h"
 
-/// The records with which other threads ask the main thread for a bus object.
+/// The records by which other threads request bus objects from the main thread.
 ///
-/// Every record starts with its type code and the id of the asking thread, so that the handler can
-/// tell the kind of a record from its first word. The asking thread allocates the record, the main
-/// thread deletes it. A record may be served when its thread has given up, so it owns its texts.
+/// Every record starts with its type code and the id of the requesting thread. The requesting
+/// thread allocates the record, the main thread deletes it. A record may be served after its thread
+/// has given up, so it owns its texts.
 
 /// Type codes of the records. Code 3 is not used.
 enum EVekRvQueueType : std::int32_t {
@@ -24,18 +24,18 @@ struct SVekRvQueueSender {
     std::int32_t m_threadId;
     const char* m_subject;
     const char* m_replySubject;  // may be null
-    std::string m_ownSubject{};  // what the two point to
+    std::string m_ownSubject{};  // storage of the two
     std::string m_ownReplySubject{};
 };
 
 struct SVekRvQueueListener {
     std::int32_t m_type;
     std::int32_t m_threadId;
-    const char* m_subject;  // null asks for an inbox
+    const char* m_subject;  // null for an inbox
     unsigned long m_timeout;
     const RvDataCallback* m_callback;
     void* m_closure;
-    std::string m_ownSubject{};  // what m_subject points to
+    std::string m_ownSubject{};  // storage of m_subject
 };
 
 struct SVekRvQueueIO {

@@ -4,11 +4,11 @@
 #include "platform/Export.h"
 #include "rv/object/RvTimerCallback.h"
 
-/// Runs a callback once, when the timer that it is added with fires, and then deletes itself: it
-/// must come from `new`. The callback stays its owner's.
+/// Runs a callback once, when its timer fires, and then deletes itself: it must come from `new`.
+/// Does not own the callback.
 class KVX_API CMOMCallback : public RvTimerCallback {
   public:
-    /// `callback` must live until the timer has fired; null runs nothing.
+    /// `callback` must outlive the timer; null runs nothing.
     explicit CMOMCallback(CCallbackBase* callback);
     /// The copy runs the same callback.
     CMOMCallback(const CMOMCallback&) = default;

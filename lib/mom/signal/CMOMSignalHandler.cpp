@@ -1,3 +1,12 @@
+// The path of a signal: the catcher of the port library sets a flag; within 100 milliseconds the
+// poller's timer fires and lets the catcher process its flags; the catcher passes the signal's
+// callback to `runHandler`, which adds a timer of interval 0; that timer runs the callback at the
+// next turn of the main loop. So a signal always takes effect between two events of the bus.
+//
+// Several signals may wait for that turn, and the callback of the first may stop or destroy the
+// handler. A turn therefore does not refer to the handler: it asks the catcher, which is never
+// destroyed, whether there was a stop since.
+
 #include "mom/signal/CMOMSignalHandler.h"
 
 #include <iostream>
@@ -13,15 +22,6 @@
 #include "mom/signal/CMOMSignalPoller.h"
 #include "mom/signal/CSignalCallback.h"
 
-// The way of a signal: the port library's catcher sets a flag; within 100 milliseconds the poller's
-// timer fires and asks the catcher to process what it has caught; the catcher hands the signal's
-// callback to `runHandler`; that adds a timer of interval 0, which runs the callback at the next
-// turn of the main loop. So whatever a signal does, it does it between two events of the bus.
-//
-// Several signals may wait for that turn, and the callback of the first may stop the handler or
-// destroy it. A turn therefore knows nothing of the handler: it asks the catcher, which lives for
-// the whole process, whether there was a stop since.
-
 namespace {
 
 using Callback = CSignalCallback<CMOMSignalHandler>;
@@ -36,7 +36,7 @@ constexpr int kHangUp = 34;
 constexpr int kUser1 = 35;
 constexpr int kUser2 = 36;
 
-// One signal: its callback, and how it is reported when it cannot be registered.
+// One signal: its callback, and its report when it cannot be registered.
 struct Registration {
     int signal;
     Callback::Method method;
@@ -53,7 +53,7 @@ constexpr Registration kRegistrations[] = {
     {kUser2, &CMOMSignalHandler::raiseDebugLevel, false, 229, "Could not register SIGUSR2"},
 };
 
-// The turn of the main loop that a signal waits for. A stop in between drops the signal.
+// The turn in which a signal's callback runs. A stop in between drops the signal.
 class SignalTurn final : public CMOMCallback, public kvx::DiesWithTimer {
   public:
     explicit SignalTurn(CCallbackBase* callback) : CMOMCallback(callback) {}
@@ -67,7 +67,7 @@ class SignalTurn final : public CMOMCallback, public kvx::DiesWithTimer {
     const unsigned long m_stops = CSignalHandler::Instance().stops();
 };
 
-// The catcher keeps what it accepts.
+// The catcher owns an accepted callback.
 bool addOwn(CMOMSignalHandler* handler, const Registration& one) {
     auto callback = std::make_unique<Callback>(handler, one.method, one.signal);
     const bool added = CSignalHandler::Instance().add(one.signal, callback.get(), false);
@@ -100,7 +100,7 @@ void CMOMSignalHandler::manage(CVekNet* net, std::function<void()> leave) {
     m_net = net;
     m_leave = std::move(leave);
     CSignalHandler::Instance().manage(this);
-    if (m_net != net) return;  // stopped while it registered
+    if (m_net != net) return;  // stopped during the registration
     delete m_poller;
     m_poller = new CMOMSignalPoller(busNet);
     busNet->RRNAddRepeatTimer(kPollInterval, m_poller);
@@ -156,7 +156,7 @@ bool CMOMSignalHandler::runHandler(CCallbackBase* callback) {
     if (net == nullptr) return true;
     auto once = std::make_unique<SignalTurn>(callback);
     const int result = net->RRNAddTimer(0, once.get());
-    // What another thread asked for may still be performed when it was not answered in time.
+    // A request of another thread may still be served after it timed out.
     const bool mayFire = result == kvx::kOk || CVekThread::RTId() != net->m_mainThreadId;
     if (mayFire) static_cast<void>(once.release());
     return true;

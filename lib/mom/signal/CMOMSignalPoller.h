@@ -5,10 +5,10 @@
 
 class CVekRvNet;
 
-/// Lets the signals that were caught take effect, each time its timer fires. Main thread.
+/// Processes the caught signals each time its timer fires. Main thread.
 class KVX_API CMOMSignalPoller : public RvTimerCallback {
   public:
-    /// `net`, which the poller serves, must outlive it.
+    /// `net` must outlive the poller.
     explicit CMOMSignalPoller(CVekRvNet* net);
     ~CMOMSignalPoller() override;
     CMOMSignalPoller(const CMOMSignalPoller&) = delete;
@@ -17,5 +17,5 @@ class KVX_API CMOMSignalPoller : public RvTimerCallback {
     void onTimer(RvTimer* timer) override;
 
     CVekRvNet* m_net;            // not owned
-    RvTimer* m_timer = nullptr;  // fired the poller last; owned by the net
+    RvTimer* m_timer = nullptr;  // the last that fired; owned by the net
 };

@@ -1,3 +1,10 @@
+// A worker in the list has one of four statuses. BLOCKED: every pass polls its response. RERUN: it
+// waits or runs in the work pool, and the list ignores it until its code sets another status. DONE:
+// the pass deletes it. NEW: its code has not set a status yet. Only a pass removes workers, and it
+// holds the list lock throughout, so a worker seen by the pass stays alive during it. The lock is
+// recursive, since a polled response may park workers; a pass inside a pass does nothing, since it
+// could delete the next worker of the outer one.
+
 #include "mom/timed/CVekBlockedWorkMgr.h"
 
 #include "foundation/foundation.h"
@@ -7,18 +14,11 @@
 #include "mom/timed/CVekTimedWorkMgr.h"
 #include "mom/timed/CVekTimedWorker.h"
 
-// A worker in the list has one of four statuses. BLOCKED: its response is asked at every pass.
-// RERUN: it waits or runs in the work pool, and the list leaves it alone until its code sets
-// another status. DONE: the pass drops it. NEW: its code has not decided yet. Only a pass removes
-// workers, and it holds the list lock throughout, so that a worker seen by the pass stays alive
-// during it. The lock is recursive, as the responses that are asked may park workers; a pass inside
-// the pass would remove what comes next in the outer one, and does nothing.
-
 namespace {
 
 constexpr const char* kBlockedFile = "CVekBlockedWorkMgr";
 
-// What `CVekPollResponse::PRPollState` gives.
+// Results of `CVekPollResponse::PRPollState`.
 constexpr int kStillWaiting = 0;
 constexpr int kGiveUp = 1;
 constexpr int kReady = 2;

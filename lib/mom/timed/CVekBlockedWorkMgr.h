@@ -11,39 +11,38 @@ class CVekPollResponse;
 class CVekTimedWorkMgr;
 class CVekTimedWorker;
 
-/// Keeps workers that wait for an answer, and has each run again when its answer has come.
+/// Keeps workers that wait for an answer, and runs each again when its answer has come.
 ///
-/// A poll that must wait leaves its response for its thread (`BWMSetBlockingPollForThread`) and
-/// returns. The work function that the service gave to the timed-work manager then takes the
-/// response, sets it on the worker, sets status `RTW_STATUS_BLOCKED` and parks the worker
-/// (`BWMAddBlockedWork`). From then on the list owns the worker: it must not be deleted elsewhere,
-/// and a poll that has finished says so with `RTW_STATUS_DONE`.
+/// A poll that must wait stores its response under its thread (`BWMSetBlockingPollForThread`) and
+/// returns. The service's work function of the timed-work manager then takes the response, sets it
+/// on the worker, sets status `RTW_STATUS_BLOCKED` and parks the worker (`BWMAddBlockedWork`). From
+/// then on the list owns the worker, which must not be deleted elsewhere; a finished poll sets
+/// `RTW_STATUS_DONE`.
 ///
-/// `BWMProcessBlockedWork` is called by the manager's tick on the main thread; everything else may
-/// be called from any thread. The list lock is held for a whole pass; `CVekTimedWorkMgr` says what
-/// runs under it and what that may call. A pass must not destroy this object.
+/// `BWMProcessBlockedWork` is called by the manager's tick on the main thread; everything else is
+/// for any thread. The list lock is held for a whole pass; see `CVekTimedWorkMgr` for what runs
+/// under it. A pass must not destroy this object.
 ///
-/// The timed-work manager goes first, and this object, which deletes the workers it still holds,
-/// after it.
+/// Destroy the timed-work manager first, then this object, which deletes its workers.
 class KVX_API CVekBlockedWorkMgr {
   public:
-    /// `manager` runs what is ready and must outlive the ticking. `firstTryTimeOut` is in ticks.
+    /// `manager` runs the ready workers and must outlive all passes. `firstTryTimeOut` is in ticks.
     CVekBlockedWorkMgr(CVekTimedWorkMgr& manager, unsigned int firstTryTimeOut);
     CVekBlockedWorkMgr(const CVekBlockedWorkMgr&) = delete;
     CVekBlockedWorkMgr& operator=(const CVekBlockedWorkMgr&) = delete;
     ~CVekBlockedWorkMgr();
 
-    /// Leaves `response`, which stays the caller's, for the thread of that identifier.
+    /// Stores `response`, which the caller owns, under a thread id.
     void BWMSetBlockingPollForThread(CVekPollResponse* response, unsigned int threadId);
 
-    /// Takes what was left for the thread; null when there is nothing (any more).
+    /// Removes and returns the response of the thread; null when there is none.
     CVekPollResponse* BWMTakeBlockingPollForThread(unsigned int threadId);
 
-    /// Parks `worker` and takes it over; -220552 is reported for null and for one parked already.
+    /// Parks `worker` and takes ownership; reports -220552 for null and for one parked already.
     void BWMAddBlockedWork(CVekTimedWorker* worker);
 
-    /// Asks the response of every blocked worker, and drops the workers that are done. Does nothing
-    /// inside a pass.
+    /// Polls the response of every blocked worker, and deletes the workers that are done. Does
+    /// nothing inside a pass.
     void BWMProcessBlockedWork();
 
     /// The time-out, in ticks, for a response at its first try.

@@ -4,12 +4,12 @@
 
 #include "platform/Export.h"
 
-/// An answer that a poll waits for. The service derives a class from it that knows whether the
-/// answer has come. Owned by the service; it must outlive the worker that waits on it.
+/// An answer that a poll waits for. The service derives a class that checks whether it has come.
+/// Owned by the service; must outlive the worker that waits on it.
 class KVX_API CVekPollResponse {
   public:
-    /// 0 goes on waiting (the time-out is counted down), 1 gives up, 2 and 3 run the poll again.
-    /// Called by the main thread; `CVekTimedWorkMgr` says what an override may call.
+    /// Returns 0 to wait on (the time-out is decremented), 1 to give up, 2 or 3 to run the poll
+    /// again. Called on the main thread; see `CVekTimedWorkMgr` for what an override may call.
     virtual int PRPollState() = 0;
 
     CVekPollResponse() = default;

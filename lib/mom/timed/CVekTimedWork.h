@@ -6,11 +6,10 @@
 
 class CVekAtom;
 
-/// A periodic poll of a service: what is done, under which name, every how many ticks.
+/// A periodic poll of a service: its work, name and period in ticks.
 ///
-/// The service owns its polls. A poll must be deleted from its manager, and the deletion
-/// distributed (`RTWMDistributePolls`), before it is destroyed; a worker that runs it must have
-/// finished.
+/// The service owns its polls. Before a poll is destroyed, delete it from its manager and
+/// distribute the deletion (`RTWMDistributePolls`); a worker that runs it must have finished.
 class KVX_API CVekTimedWork {
   public:
     /// No name, frequency and bucket key -1.
@@ -24,20 +23,21 @@ class KVX_API CVekTimedWork {
     /// One execution of the poll. Called by workers, on a thread of the work pool.
     virtual void RTWDoPoll() = 0;
 
-    /// Asked each time the poll is due: FALSE skips it, for instance while `RTWPollIsExecuting()`.
-    /// The base returns TRUE. `CVekTimedWorkMgr` says what overrides may call.
+    /// Called each time the poll is due: FALSE skips it, for instance while `RTWPollIsExecuting()`.
+    /// The base returns TRUE. See `CVekTimedWorkMgr` for what overrides may call.
     virtual __boolean RTWAddToPool();
 
-    /// Set when a worker is made for the poll, and cleared when that worker goes. Any thread.
+    /// Set when a worker is made for the poll, and cleared when the worker is destroyed. Any
+    /// thread.
     virtual void RTWSetPollIsExecuting(bool executing);
     virtual bool RTWPollIsExecuting() const;
 
-    /// Takes ownership of `name`, a text that is unique among the polls of one frequency. A name
-    /// set before is not deleted.
+    /// Takes ownership of `name`, a text that is unique among the polls of one frequency. Does not
+    /// delete an earlier name.
     void RTWSetName(CVekAtom* name);
     CVekAtom* RTWName();
 
-    /// In ticks. To be changed only while the poll is in no manager, or by
+    /// In ticks. Change it only while the poll is in no manager, or with
     /// `CVekTimedWorkMgr::RTWMChangePollFrequency`.
     void RTWSetFrequency(int frequency);
     int RTWFrequency();

@@ -1,3 +1,11 @@
+// The polls of one frequency are kept twice: in the list of names, which decides what polls exist,
+// and in the buckets, one for each tick of the period, which decide when each runs. They agree
+// after `RTWDDistributePolls`; in between the buckets lack the added polls, or are empty after a
+// deletion, so that a deleted poll is never run.
+//
+// Distribution: with n polls and f buckets, the first n / f * f polls go to the buckets in turn,
+// and the remaining n % f to the middles of as many equal slices of the period.
+
 #include "mom/timed/CVekTimedWorkDist.h"
 
 #include <cmath>
@@ -7,10 +15,6 @@
 #include "mom/base/VekTrace.h"
 #include "mom/timed/CVekTimedWorkDistBucket.h"
 #include "mom/timed/TimedShared.h"
-
-// Two views of the same polls: the list of names says which polls there are, the buckets say when
-// each runs. They agree after `RTWDDistributePolls`; in between the buckets may lag behind the list
-// (additions) or be empty (deletions), so that a deleted poll is never run.
 
 namespace {
 
@@ -46,8 +50,7 @@ void deleteBuckets(CVekHashList* buckets) {
     delete buckets;
 }
 
-// The bucket of the i-th of `rest` polls that are left over after every one of `frequency` buckets
-// got its share: the middles of `rest` equal slices of the period.
+// The bucket of the i-th of the `rest` remaining polls: the middle of the i-th slice.
 int bucketOfRest(int i, int rest, int frequency) {
     const double half = static_cast<double>(frequency) / (2.0 * rest);
     const double step = static_cast<double>(frequency) / rest;
@@ -56,7 +59,7 @@ int bucketOfRest(int i, int rest, int frequency) {
 
 }  // namespace
 
-// The right side of the lock, for whoever changes buckets: the manager's lock is held as well.
+// The right side of the lock, for changing buckets; the manager's lock is held as well.
 class CVekTimedWorkDist::BucketLock {
   public:
     explicit BucketLock(CVekAsymmetricMutex& lock) : m_lock(lock) { m_lock.RAMLockRight(); }
@@ -166,7 +169,7 @@ int CVekTimedWorkDist::RTWDAddToBucket(int index, CVekTimedWork* poll) {
     return kvx::kOk;
 }
 
-// The caller holds the lock. Null, and a report, when the bucket cannot be made.
+// The caller holds the lock. On failure reports and returns null.
 CVekTimedWorkDistBucket* CVekTimedWorkDist::addBucket(int index) {
     constexpr const char* kText = "CVekTimedWorkDist::RTWDAddToBucket";
     auto* bucket = newOrReport<CVekTimedWorkDistBucket>(kDistFile, kText, m_manager, index);

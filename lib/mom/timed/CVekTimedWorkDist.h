@@ -8,36 +8,35 @@ class CVekTimedWork;
 class CVekTimedWorkDistBucket;
 class CVekTimedWorkMgr;
 
-/// All polls of one frequency, spread over as many buckets as the period has ticks.
+/// All polls of one frequency, spread over one bucket for each tick of the period.
 ///
-/// Every tick runs the bucket at the current position and moves on, so each poll runs once a
-/// period; the position never stops and is never reset. Adding changes only the list of names; the
-/// buckets are rebuilt by `RTWDDistributePolls`, and emptied by every deletion until then.
+/// Every tick runs the bucket at the current position and advances it, so each poll runs once a
+/// period; the position is never reset. Adding changes only the list of names;
+/// `RTWDDistributePolls` rebuilds the buckets, and a deletion empties them until then.
 ///
-/// Threads: `RTWDOnTimer` is called by the poll pool; everything else by callers who hold the
-/// manager's lock. Polls stay their service's.
+/// Threads: the poll pool calls `RTWDOnTimer`; the caller of everything else holds the manager's
+/// lock. Does not own the polls.
 class KVX_API CVekTimedWorkDist {
   public:
-    /// `manager` runs the polls and must outlive this object. A frequency of 0 or -1 is reported
-    /// (-220552); one below 1 ticks and distributes nothing.
+    /// `manager` runs the polls and must outlive this object. Reports -220552 for a frequency of 0
+    /// or -1; one below 1 distributes nothing.
     CVekTimedWorkDist(CVekTimedWorkMgr* manager, int frequency);
     CVekTimedWorkDist(const CVekTimedWorkDist&) = delete;
     CVekTimedWorkDist& operator=(const CVekTimedWorkDist&) = delete;
     virtual ~CVekTimedWorkDist();
 
-    /// Adds `poll` to the list of names. Returns 1, or -220566 when its name is there already.
+    /// Adds `poll` to the list of names. Returns 1, or -220566 when its name exists.
     int RTWDAddPoll(CVekTimedWork* poll);
 
     /// Empties all buckets, and removes the poll of that name, if there is one. Returns 1.
     int RTWDDeletePoll(CVekTimedWork* poll);
 
-    /// Puts `poll` in the place of the one of the same name, in its bucket too, and returns 1. When
-    /// there is none, adds it to the list of names and returns -220547. The replaced poll must
-    /// still be alive.
+    /// Replaces the poll of the same name, in its bucket too, and returns 1. When there is none,
+    /// adds `poll` to the list of names and returns -220547. The replaced poll must still be alive.
     int RTWDChangePoll(CVekTimedWork* poll);
 
-    /// Rebuilds all buckets: the load of any two ticks differs by one poll at most, and what does
-    /// not divide evenly stands at even distances. Returns 1.
+    /// Rebuilds all buckets: the load of any two ticks differs by one poll at most, and the
+    /// remainder is spread evenly. Returns 1.
     int RTWDDistributePolls();
 
     /// The tick. Returns 1.
@@ -50,7 +49,7 @@ class KVX_API CVekTimedWorkDist {
     /// Deletes all buckets. Returns 1.
     int RTWDClearBuckets();
 
-    /// Adds `poll` to the bucket of that index, which is made if need be. Returns 1.
+    /// Adds `poll` to the bucket of that index, made if needed. Returns 1.
     int RTWDAddToBucket(int index, CVekTimedWork* poll);
 
   private:
@@ -69,5 +68,5 @@ class KVX_API CVekTimedWorkDist {
     int m_position = 0;       // the bucket of the next tick
 
     CVekTimedWorkMgr* m_manager;  // not owned
-    CVekAsymmetricMutex m_lock;   // left: the tick; right: whoever changes buckets
+    CVekAsymmetricMutex m_lock;   // left: the tick; right: changing buckets
 };

@@ -8,8 +8,8 @@ class CVekTimedWorkMgr;
 
 /// The polls that are due at one tick of a distribution's period, in the order of adding.
 ///
-/// Has no lock: the distribution that owns the bucket holds its own around every call. Assignment
-/// shares the list with the source; only one of the two may be destroyed.
+/// Has no lock: its distribution holds its own around every call. Assignment shares the list with
+/// the source; only one of the two may be destroyed.
 class KVX_API CVekTimedWorkDistBucket {
   public:
     /// `manager` runs the polls and must outlive the bucket; `key` is the bucket's index.
@@ -23,11 +23,11 @@ class KVX_API CVekTimedWorkDistBucket {
     /// Appends `poll` and sets its bucket key.
     void RTWDBAddPoll(CVekTimedWork* poll);
 
-    /// Puts `poll` in the place of the first one of the same name and sets its bucket key; does
-    /// nothing when there is none.
+    /// Replaces the first poll of the same name by `poll` and sets its bucket key; does nothing
+    /// when there is none.
     void RTWDBChangePoll(CVekTimedWork* poll);
 
-    /// Hands every poll to the manager, in order.
+    /// Passes every poll to the manager, in order.
     void RTWDBDoPolling();
 
     /// The bucket's index.

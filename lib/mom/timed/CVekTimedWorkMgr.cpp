@@ -1,3 +1,17 @@
+// Ticks and locks. A tick takes the left side of m_Lock to read the suspension, then polls the
+// blocked work, kicks the poll pool, whose threads tick the distributions, and queues the repeat
+// pollers. A change of the manager's sets takes the right side and, under it, the locks of the
+// distributions. A ticking distribution holds its own lock, so that a deleted poll is not asked any
+// more, and calls `RTWMAddPollWork`, which takes no lock of the manager: so a tick never waits for
+// a change that waits for the tick. A poll that is asked there and changes the manager would
+// deadlock: `LockHeld` detects this, and the call is refused. Other code of the service (the repeat
+// pollers of a tick, the workers that a suspension discards) is taken out under a lock and run
+// without one.
+//
+// A distribution exists, and ticks, from the first poll of its frequency until the manager is
+// destroyed. Each is on m_DistsToDistribute at most once; m_DistsQueued has the frequencies of
+// those on it.
+
 #include "mom/timed/CVekTimedWorkMgr.h"
 
 #include <iostream>
@@ -13,19 +27,6 @@
 #include "mom/timed/CVekTimedWorkDist.h"
 #include "mom/timed/CVekTimedWorker.h"
 #include "mom/timed/TimedShared.h"
-
-// Who holds which lock. The tick takes the left side of m_Lock to read the suspension; whoever
-// changes the manager's sets takes the right side, and under it come the locks of the
-// distributions. A distribution that ticks holds its own lock, so that no poll that was deleted is
-// asked any more, and calls `RTWMAddPollWork`, which takes none of ours: so the tick never waits
-// for a change that waits for the tick. Were a poll that is asked there to change the manager, it
-// would wait for itself, or for a change that waits for the tick: `LockHeld` finds out, and the
-// call is refused. What else runs code of the service (the repeat pollers of a tick, the workers
-// that a suspension discards) is first taken out under a lock and then run without one.
-//
-// A distribution lives, and ticks, from the first poll of its frequency until the manager dies.
-// Each stands on m_DistsToDistribute at most once; m_DistsQueued knows by its frequency whether it
-// does.
 
 namespace {
 
@@ -81,8 +82,7 @@ class CVekTimedWorkMgr::RightLock {
     RightLock(const RightLock&) = delete;
     RightLock& operator=(const RightLock&) = delete;
 
-    // Leaves the lock held for good. A manager whose sets disagree does nothing any more, by
-    // contract.
+    // Keeps the lock held permanently: by contract, a manager with inconsistent sets stops.
     int keepHeld(int code) {
         m_kept = true;
         return code;
@@ -94,8 +94,7 @@ class CVekTimedWorkMgr::RightLock {
     bool m_kept = false;
 };
 
-// Whether the caller would wait for itself. It is told so once: what hears the report may be what
-// calls.
+// Whether the caller would deadlock. Reports it once: the error handler may be the caller.
 bool CVekTimedWorkMgr::mayNotLock() const {
     if (!kvx::timed::LockHeld::isHeld(this)) return false;
     static thread_local bool reporting = false;
@@ -131,7 +130,7 @@ void CVekTimedWorkMgr::start(CVekEngine* engine, unsigned int tickInterval,
 }
 
 CVekTimedWorkMgr::~CVekTimedWorkMgr() {
-    // The poll pool makes workers and the work pool may add polls: both end before what they use.
+    // The pools' threads use the members: they are stopped before these are destroyed.
     m_PollPool.RSPStopThreads();
     m_WorkPool.RSPStopThreads();
     discardQueuedWorkers();
@@ -185,7 +184,7 @@ CVekTimedWorkDist* CVekTimedWorkMgr::distOf(int frequency) const {
     return distIn(m_Dists.RHLGet(frequency));
 }
 
-// Has `dist` redistributed, once however often it is asked. Returns 1, or why the mark failed.
+// Marks `dist` for redistribution, once. Returns 1, or the code of the failed step.
 int CVekTimedWorkMgr::markForDistribution(CVekTimedWorkDist* dist) {
     const auto key = static_cast<unsigned long>(dist->RTWDGetFrequency());
     if (m_DistsQueued->RHSRetrieveObject(key) != nullptr) return kvx::kOk;

@@ -23,16 +23,15 @@ class CVekTimedWorker;
 /// Runs a service's periodic polls.
 ///
 /// A poll of frequency N runs once every N ticks of a repeating bus timer. Polls of one frequency
-/// form a distribution, which spreads them over the ticks of their period. The tick itself, on the
-/// main thread, only kicks the poll pool; its threads hand the polls that are due to the work pool,
-/// whose threads run them. Adding, deleting and moving polls takes effect at the next
-/// `RTWMDistributePolls`, so that a batch of changes costs one redistribution.
+/// form a distribution, which spreads them over the ticks of their period. The tick, on the main
+/// thread, kicks the poll pool; its threads pass the due polls to the work pool, whose threads run
+/// them. Adding, deleting and moving polls takes effect at the next `RTWMDistributePolls`, so that
+/// a batch of changes costs one redistribution.
 ///
-/// Any thread may call everything but the constructors, the destructor, `onTimer` and
-/// `RTWMSetBlockedWorkMgr`, which are the main thread's. Polls stay their service's: see
-/// `CVekTimedWork` for when one may go.
+/// Any thread, except the constructors, the destructor, `onTimer` and `RTWMSetBlockedWorkMgr`,
+/// which are for the main thread. Does not own the polls: see `CVekTimedWork` for their lifetime.
 ///
-/// Code of the service runs under these locks, and may call this there:
+/// Locks under which code of the service runs, and what it may call there:
 ///
 ///     code                                     under the lock of    may call
 ///     `RTWDoPoll`, function workers            nobody               everything
@@ -45,21 +44,20 @@ class CVekTimedWorker;
 ///       a pass of the blocked work               recursive            a pass does nothing
 ///     an error handler                         any of these         as in the third line
 ///
-/// What else is called there is refused: it reports -220439 and returns it, and does nothing. No
-/// code that runs under a lock, or in a tick, may destroy the manager, or wait for another thread
-/// that calls it.
+/// Any other call there does nothing, reports -220439 and returns it. Code that runs under a lock,
+/// or in a tick, must not destroy the manager, nor wait for another thread that calls it.
 ///
-/// Destruction: with a blocked-work manager attached, this manager goes first; it ends its threads
-/// and leaves what the blocked list holds to the list. The other order is safe only when no worker
-/// of the list waits or runs in the work pool and no tick comes any more. A derived manager ends
+/// Destruction: with a blocked-work manager attached, destroy this manager first; it ends its
+/// threads and leaves the parked workers to the list. The other order is safe only when no worker
+/// of the list waits or runs in the work pool and no further tick comes. A derived manager stops
 /// the threads (`m_PollPool.RSPStopThreads()`, then `m_WorkPool`) in its own destructor.
 class KVX_API CVekTimedWorkMgr : public RvTimerCallback {
   public:
     using WorkFunction = void (*)(void* worker, void* context);
 
-    /// Ticks every `tickInterval` milliseconds on the main loop of `engine`, which must outlive the
-    /// ticking; without an engine only the caller of `onTimer` ticks. `pollThreads` threads tick
-    /// the distributions, `poolSize` threads run workers with `workFunction`, or with
+    /// Ticks every `tickInterval` milliseconds on the main loop of `engine`, which must outlive
+    /// this object; without an engine the caller of `onTimer` ticks. `pollThreads` threads tick the
+    /// distributions, `poolSize` threads run workers with `workFunction`, or with
     /// `TimedWorkerThreadFn` when that is null. A `suspended` manager does nothing until it is
     /// resumed.
     CVekTimedWorkMgr(CVekEngine* engine, unsigned int pollThreads, unsigned int tickInterval,
@@ -71,14 +69,14 @@ class KVX_API CVekTimedWorkMgr : public RvTimerCallback {
     CVekTimedWorkMgr(const CVekTimedWorkMgr&) = delete;
     CVekTimedWorkMgr& operator=(const CVekTimedWorkMgr&) = delete;
 
-    /// Waits for the polls that run, discards the workers that wait, and deletes the distributions.
+    /// Waits for the running polls, discards the queued workers, and deletes the distributions.
     /// Deletes no poll.
     ~CVekTimedWorkMgr() override;
 
     /// The tick.
     void onTimer(RvTimer* timer) override;
 
-    /// Queues a worker, suspended or not, takes it over, and returns 1; -220552 for null.
+    /// Queues a worker, suspended or not, takes ownership of it, and returns 1; -220552 for null.
     virtual int RTWMAddPollWork(CVekTimedWorker* worker);
 
     /// Queues one execution of `poll` now, unless the manager is suspended or the poll refuses
@@ -88,9 +86,9 @@ class KVX_API CVekTimedWorkMgr : public RvTimerCallback {
     /// Queues one call of `function(argument)` and returns 1.
     int RTWMAddPollWork(void (*function)(void*), void* argument);
 
-    /// Adds a poll under its frequency. Returns 1, also for a name that is there already (the first
-    /// one stays); -220383 for a frequency below 1, -220552 for null. Another negative code means
-    /// that the manager's sets could not be changed, and leaves the manager locked for good.
+    /// Adds a poll under its frequency. Returns 1, also for a name that exists (the first poll
+    /// stays); -220383 for a frequency below 1, -220552 for null. Any other negative code means
+    /// that the manager's sets could not be changed; the manager then stays locked permanently.
     int RTWMAddPoll(CVekTimedWork* poll);
 
     /// Removes a poll. No poll of its frequency runs until the next `RTWMDistributePolls`. Returns
@@ -101,24 +99,24 @@ class KVX_API CVekTimedWorkMgr : public RvTimerCallback {
     /// it takes effect at once, else at the next `RTWMDistributePolls`. Returns 1.
     int RTWMChangePoll(CVekTimedWork* oldPoll, CVekTimedWork* newPoll);
 
-    /// Moves `poll` to another frequency. Returns 1 when it has that frequency already; else what
-    /// `RTWMDeletePoll` and `RTWMAddPoll` do.
+    /// Moves `poll` to another frequency. Returns 1 when it has that frequency already; else as
+    /// `RTWMDeletePoll` and `RTWMAddPoll`.
     int RTWMChangePollFrequency(CVekTimedWork* poll, int frequency);
 
     /// Redistributes the polls of every frequency that changed since the last call. Returns 1.
     int RTWMDistributePolls();
 
-    /// Runs `poll` once, at the next tick. A poll that wants to run at every tick adds itself
-    /// again.
+    /// Runs `poll` once, at the next tick. A poll that is to run at every tick adds itself again.
     void RTWMAddRepeatPoller(CVekTimedWork* poll);
 
-    /// Until the resumption ticks do nothing and polls are refused. Workers that wait in the work
-    /// pool are discarded, but for those that the blocked list holds: these are blocked again.
-    /// Workers that run finish.
+    /// Until the resumption ticks do nothing and polls are refused. Workers queued in the work pool
+    /// are discarded, except those in the blocked list, which are blocked again. Running workers
+    /// finish.
     void RTWMSuspendTimedWork();
     void RTWMResumeTimedWork();
 
-    /// Has each tick ask the blocked work first; null detaches. Not owned; see above for lifetimes.
+    /// Sets the blocked-work manager that each tick processes first; null detaches. Not owned; see
+    /// above for lifetimes.
     void RTWMSetBlockedWorkMgr(CVekBlockedWorkMgr* manager);
     CVekBlockedWorkMgr* RTWMBlockedWorkMgr() const;
 
@@ -137,8 +135,8 @@ class KVX_API CVekTimedWorkMgr : public RvTimerCallback {
   public:
     CVekBlockedWorkMgr* m_BlockedWorkMgr = nullptr;  // not owned; main thread only
 
-    // The pools have locks of their own, and so have the repeat pollers (m_repeatLock); everything
-    // else here is guarded by m_Lock.
+    // The pools have their own locks, and m_repeatLock guards the repeat pollers; m_Lock guards the
+    // rest.
     CVekHashList m_Dists;      // by frequency; owns the distributions
     CVekTimedPool m_PollPool;  // its threads tick the distributions
     std::int32_t m_PoolSize;
@@ -146,15 +144,15 @@ class KVX_API CVekTimedWorkMgr : public RvTimerCallback {
     CVekAsymmetricMutex m_Lock;
     CVekStack m_RepeatPollers;                     // polls to run once at the next tick
     CVekStack m_DistsToDistribute;                 // distributions whose polls have changed
-    std::unique_ptr<CVekHashStore> m_DistsQueued;  // the frequencies that stand there already
+    std::unique_ptr<CVekHashStore> m_DistsQueued;  // the frequencies of those
     std::atomic<__boolean> m_Suspended;            // also read without the lock
 
   private:
-    CVekMutex m_repeatLock;  // nothing is called under it
+    CVekMutex m_repeatLock;  // no call is made under it
 };
 
-/// What the threads of the poll pool run: one tick of the distribution `item`.
+/// Thread function of the poll pool: one tick of the distribution `item`.
 KVX_API void TimedPollThreadFn(void* item, void* context);
 
-/// What the threads of the work pool run: the worker `item`, which is deleted afterwards.
+/// Thread function of the work pool: runs the worker `item` and deletes it.
 KVX_API void TimedWorkerThreadFn(void* item, void* context);

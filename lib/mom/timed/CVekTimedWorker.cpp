@@ -6,7 +6,7 @@
 
 namespace {
 
-// The worker reports as a part of its manager.
+// The worker's reports name its manager's file.
 constexpr const char* kWorkerFile = "CVekTimedWorkMgr";
 
 }  // namespace

@@ -7,18 +7,18 @@
 class CVekPollResponse;
 class CVekTimedWork;
 
-/// Where a worker stands with the blocked-work manager.
+/// The status of a worker in the blocked-work manager.
 enum EVekTimedWorkerStatus : int {
     RTW_STATUS_NEW = 0,
-    RTW_STATUS_RERUN = 1,    ///< handed back to the work pool: what it waited for has come
+    RTW_STATUS_RERUN = 1,    ///< back in the work pool: its answer has come
     RTW_STATUS_BLOCKED = 2,  ///< waits on its blocking poll
-    RTW_STATUS_DONE = 3,     ///< the blocked list drops it at its next pass
+    RTW_STATUS_DONE = 3,     ///< the blocked list deletes it at its next pass
 };
 
 /// One queued execution of a poll, or of a plain function.
 ///
-/// Marks its poll as executing from its construction to its destruction; a function worker, and one
-/// whose poll is null, mark none and are named "". The poll must outlive the worker.
+/// Marks its poll as executing from construction to destruction. A function worker, and one with a
+/// null poll, is named "". The poll must outlive the worker.
 class KVX_API CVekTimedWorker : public CVekListable {
   public:
     explicit CVekTimedWorker(CVekTimedWork* poll);
@@ -27,7 +27,7 @@ class KVX_API CVekTimedWorker : public CVekListable {
     CVekTimedWorker& operator=(const CVekTimedWorker&) = delete;
     ~CVekTimedWorker() override;
 
-    /// Workers are not copied: reports -220440 and returns null.
+    /// Workers cannot be copied: reports -220440 and returns null.
     CVekListable* RLTargetDeepCopy(const CVekListable* source) override;
 
     /// Runs the poll, else the function; with neither, reports -220552.
@@ -39,7 +39,7 @@ class KVX_API CVekTimedWorker : public CVekListable {
     /// Null for a function worker.
     CVekTimedWork* GetTimedPoll();
 
-    /// What the worker waits on; not owned. Any thread.
+    /// The response that the worker waits on; not owned. Any thread.
     void RTWSetBlockingPoll(CVekPollResponse* response);
     CVekPollResponse* RTWBlockingPoll() const;
 

@@ -5,7 +5,7 @@
 
 class CVekTimedWorkMgr;
 
-/// What the sources of the room share.
+/// Shared by the sources of the room.
 namespace kvx::timed {
 
 /// The name of `poll` as a text, owned by the poll; "" for no poll and for a poll without a name.
@@ -15,8 +15,8 @@ inline const char* nameOf(CVekTimedWork* poll) {
     return text != nullptr ? text : "";
 }
 
-/// Notes, for as long as it lives, that this thread holds a lock under which `manager` must not be
-/// called: its own, or that of one of its distributions.
+/// Marks, while it exists, that this thread holds a lock under which `manager` must not be called:
+/// its own, or that of one of its distributions.
 class LockHeld {
   public:
     explicit LockHeld(const CVekTimedWorkMgr* manager) : manager_(manager), outer_(innermost_) {

@@ -1,3 +1,8 @@
+// The buffer and zlib's stream describe the same bytes: `next_out` is at `total_out` in the buffer
+// and `avail_out` is the rest of the capacity. They change together, in the constructor, in
+// `RDMoreSpace` and when the result is taken. Every loop ends: each step gives zlib room, or
+// reports the failure and returns.
+
 #include "mom/transport/CVekDeflater.h"
 
 #include <cstdlib>
@@ -10,12 +15,6 @@
 #include "foundation/foundation.h"
 #include "mom/base/VekTrace.h"
 #include "mom/transport/Zlib.h"
-
-// The buffer and zlib's stream describe the same bytes: `next_out` stands at `total_out` in the
-// buffer and `avail_out` is what remains of the capacity. Whoever changes one changes the other,
-// and that happens only in the constructor and in `RDMoreSpace`.
-//
-// Every loop ends: it either gives zlib room, or reports why it cannot and returns.
 
 namespace {
 
@@ -31,7 +30,7 @@ void reportDeflater(int code, const char* text) {
 
 unsigned char* zeroedBuffer(int size) {
     if (size < 0) return nullptr;
-    // A buffer of no bytes is a buffer, not a failure.
+    // `calloc(0)` may return null, which would look like a failure.
     const auto bytes = static_cast<std::size_t>(size == 0 ? 1 : size);
     return static_cast<unsigned char*>(std::calloc(bytes, 1));
 }
@@ -86,7 +85,7 @@ void CVekDeflater::RDAddChunk(const void* data, int length) {
         return reportDeflater(kvx::kInvalidArgument, nullptr);
     }
     if (m_state->holds(data)) {
-        // Growing would move what is being read.
+        // Growing the buffer would move the input.
         const auto* bytes = static_cast<const unsigned char*>(data);
         const std::vector<unsigned char> copy(bytes, bytes + length);
         return addChunk(copy.data(), length);

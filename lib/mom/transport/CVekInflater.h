@@ -7,10 +7,10 @@
 
 /// Inflates one zlib stream from the caller's buffer into the caller's buffers.
 ///
-/// Allocates nothing of its own beyond zlib's state. Errors are reported as `CVekError` -220440
-/// with zlib's text. One thread at a time.
+/// Allocates only zlib's state. Errors are reported as `CVekError` -220440 with zlib's text. One
+/// thread at a time.
 ///
-/// An assigned inflater shares zlib's state with its source, and is not meant for use beside it.
+/// An assigned inflater shares zlib's state with its source; use only one of them.
 class KVX_API CVekInflater {
   public:
     /// Reads `length` bytes at `data`, which must outlive the inflater; a length below 0 counts as
@@ -22,8 +22,8 @@ class KVX_API CVekInflater {
 
     ~CVekInflater();
 
-    /// Inflates up to `room` bytes to `out`, in one step. Too little room is no error: the next
-    /// call goes on.
+    /// Inflates up to `room` bytes to `out`, in one step. Too little room is not an error: the next
+    /// call continues.
     void RIInflateChunk(void* out, int room);
 
     /// Whether the end of the stream has been reached.

@@ -15,14 +15,14 @@
 #include "rv/message/RvMsg.h"
 #include "rv/object/RvSender.h"
 
-// Records pass through three forms. The record vector holds encoded records; the payload list holds
-// their bytes as they will stand in a packet, compressed or not; the packet vector holds whole
-// packets, ready to be sent or as they were received. `RTPreparePayloads` and `RTCreatePayloads`
-// move records to the payload list, `RTCreatePackets` moves payloads to the packet vector, and only
-// there does a batch learn how many packets it has.
+// Records pass through three stages. The record vector holds encoded records; the payload list
+// holds the payloads of packets to come, compressed or not; the packet vector holds whole packets,
+// to be sent or as received. `RTPreparePayloads` and `RTCreatePayloads` move records to the payload
+// list; `RTCreatePackets` moves payloads to the packet vector, where the number of packets of the
+// batch is known. Packing is in CVekTransportPacking.cpp, unpacking in CVekTransportUnpacking.cpp.
 //
-// The expected packet count belongs to the packet vector: whoever replaces the vector sets it to 0,
-// and the first whole packet added sets it again.
+// The expected packet count belongs to the packet vector: it is set to 0 with every new vector, and
+// again by the first packet with a complete header.
 
 using kvx::transport::payloadOf;
 using kvx::transport::reportTransport;
@@ -48,7 +48,7 @@ constexpr const char* kStatusTexts[] = {
     " Update request failed )",
 };
 
-// Where packets go: with an engine its queue and the subject, else the sender.
+// The destination of packets: with an engine its queue and the subject, else the sender.
 struct Destination {
     CVekEngine* engine;
     RvSender* sender;
@@ -133,7 +133,7 @@ RvDataCallback* CVekTransport::RTGetDataCallbackPtr() const {
 int CVekTransport::RTSendAll(bool front) {
     const bool hasDestination = m_engine != nullptr ? m_subject != nullptr : m_sender != nullptr;
     if (!hasDestination) return kvx::kInvalidArgument;
-    // A send may run code that purges this transport, gives it another destination or destroys it.
+    // A send may run code that purges, redirects or destroys this transport.
     const Destination to = {m_engine, m_sender, m_subject != nullptr ? m_subject : "",
                             m_dataCallback};
     const std::unique_ptr<CVekAtomVector> packets(m_packets);

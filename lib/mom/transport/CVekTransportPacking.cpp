@@ -1,4 +1,11 @@
-// Records into packets: which of them share one, and whether it is compressed.
+// Packing records into payloads and payloads into packets.
+//
+// Version 0 makes one plain payload of each record. Version 1 makes one plain payload of up to 10
+// records, and compresses more than 10 in blocks: a block ends at its 100th record, or before it
+// would exceed what a receiver inflates (256 MiB). The output buffer of the next block begins with
+// twice the compressed size of the previous one. Packets are numbered from 1 in the order of the
+// payloads, and each carries the count of the batch; a packet that cannot be made is reported and
+// missing from the sequence.
 
 #include <algorithm>
 #include <cstdlib>
@@ -150,7 +157,6 @@ CVekDoubleList* CVekTransport::RTCreateCompressedPayloads(bool consume) {
     auto deflater = std::make_unique<CVekDeflater>(kFirstDeflateBuffer, kDefaultLevel);
     const unsigned records = m_records.RAVSize();
     unsigned inBlock = 0;
-    // No receiver takes a larger block, so one that would get there ends before its 100th record.
     const auto isLastOfBlock = [&](unsigned i) {
         if (inBlock == VEK_TRANS_V1_RECORDS || i + 1 == records) return true;
         const auto size = static_cast<std::size_t>(deflater->RDUnCompressedLength()) +
@@ -172,7 +178,7 @@ CVekDoubleList* CVekTransport::RTCreateCompressedPayloads(bool consume) {
     return payloads.release();
 }
 
-// Appends what `payloads` holds to the payload list, and deletes `payloads`.
+// Moves the elements of `payloads` to the payload list, and deletes `payloads`.
 void CVekTransport::takePayloads(CVekDoubleList* payloads) {
     const std::unique_ptr<CVekDoubleList> owner(payloads);
     movePayloads(*owner);
@@ -232,7 +238,7 @@ void CVekTransport::addPacket(const SVekTransPayload& payload, long long sequenc
     adoptPacket(buffer, size);
 }
 
-// Takes the packet at `buffer` over; it comes from `malloc`.
+// Takes ownership of the packet at `buffer`, which is from `malloc`.
 void CVekTransport::adoptPacket(unsigned char* buffer, std::size_t size) {
     auto atom = std::make_unique<CVekAtom>(buffer, static_cast<int>(size));
     if (RTAddMessage(atom.get()) == kvx::kOk) static_cast<void>(atom.release());

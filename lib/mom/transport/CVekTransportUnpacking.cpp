@@ -1,4 +1,9 @@
-// Packets into records: what a batch holds so far, and what each packet of it holds.
+// Unpacking: collecting the packets of a batch, and reading the records of each.
+//
+// Packets are kept as they come, in order of arrival; the first complete header sets the number
+// that the batch is complete with. Decoding reads every packet on its own: a plain payload in
+// place, a compressed one in a buffer of its announced length, which is checked for plausibility
+// before it is allocated. A defect ends the packet, not the batch: the records before it are kept.
 
 #include <algorithm>
 #include <cstdlib>
@@ -24,8 +29,7 @@ namespace {
 
 constexpr std::uint32_t kMostReserved = 4096;  // places reserved for an announced batch
 
-// The bytes of an opaque field in an atom of their own; an atom without bytes when there is no
-// memory.
+// Copies the bytes of an opaque field into an atom; without memory the atom has no bytes.
 std::unique_ptr<CVekAtom> copyOfField(const RvDatum& field) {
     const std::size_t size = field.data() != nullptr ? field.size() : 0;
     unsigned char* copy = nullptr;
@@ -40,8 +44,8 @@ std::unique_ptr<CVekAtom> copyOfField(const RvDatum& field) {
     return std::make_unique<CVekAtom>(copy, static_cast<int>(size));
 }
 
-// Adds up to `most` records of a payload to `out`. Returns whether these were all of them, and the
-// payload was free of defects.
+// Adds up to `most` records of a payload to `out`. Returns whether these were all, without a
+// defect.
 bool addRecords(Bytes payload, std::size_t most, CVekBag& out) {
     kvx::packet::RecordReader records(payload);
     for (std::size_t added = 0; const auto record = records.next(); ++added) {
@@ -112,7 +116,7 @@ CVekBag* CVekTransport::RTDecodes() {
     return records.release();
 }
 
-// Returns whether the packet was free of defects.
+// Returns whether the packet had no defect.
 bool CVekTransport::decodePacket(const CVekAtom& packet, CVekBag& out) {
     unsigned char* bytes = nullptr;
     int length = 0;
@@ -140,7 +144,7 @@ bool CVekTransport::RTDecodeCompressedPayload(unsigned char* data, int length, C
     if (!kvx::packet::isPlausible(size, static_cast<std::size_t>(length - kLengthSize))) {
         return false;
     }
-    // One byte more, so that no length gives no buffer.
+    // One byte more, so that length 0 gets a buffer.
     const std::unique_ptr<unsigned char, SVekTransPayload::Free> inflated(
         static_cast<unsigned char*>(std::malloc(std::size_t{size} + 1)));
     if (inflated == nullptr) {

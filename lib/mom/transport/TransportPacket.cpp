@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr std::uint64_t kLargestExpansion = 1032;  // bytes that deflate makes of one, at most
+constexpr std::uint64_t kLargestExpansion = 1032;  // most bytes that one compressed byte expands to
 constexpr std::uint64_t kExpansionSlack = 4096;    // bytes
 
 }  // namespace

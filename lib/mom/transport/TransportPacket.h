@@ -7,7 +7,7 @@
 
 #include "platform/Export.h"
 
-/// What a transport packet is made of, as bytes in and values out.
+/// The format of a transport packet: bytes in, values out.
 ///
 ///     offset  bytes
 ///          0      8  sequence number, from 1
@@ -18,7 +18,7 @@
 ///         22      2  store status
 ///         24         payload; a compressed one begins with its uncompressed length (4 bytes)
 ///
-/// A payload is a sequence of records, each with its length in 4 bytes ahead of it. All numbers are
+/// A payload is a sequence of records, each preceded by its length in 4 bytes. All numbers are
 /// big-endian.
 namespace kvx::packet {
 
@@ -30,10 +30,10 @@ inline constexpr std::size_t kLengthSize = 4;   // bytes of a length word
 inline constexpr std::uint16_t kPlain = 0;
 inline constexpr std::uint16_t kCompressed = 1;
 
-/// What a receiver inflates at most, in bytes.
+/// The largest uncompressed payload that a receiver accepts, in bytes.
 inline constexpr std::uint32_t kLargestPayload = 256U << 20;
 
-/// How many records a receiver takes out of one compressed packet.
+/// The most records that a receiver reads from one compressed packet.
 inline constexpr std::size_t kMostRecords = 65'536;
 
 struct Header {
@@ -54,8 +54,8 @@ KVX_API std::optional<Header> readHeader(Bytes packet);
 /// Writes a length word and then `bytes`, and returns the position behind them.
 unsigned char* writeRecord(unsigned char* out, Bytes bytes);
 
-/// Whether a stream of `compressed` bytes can hold `uncompressed` bytes, and a receiver would take
-/// them. Deflate makes at most 1032 bytes of one.
+/// Whether a stream of `compressed` bytes can inflate to `uncompressed` bytes (at most 1032 for
+/// each), and a receiver accepts that size.
 bool isPlausible(std::uint32_t uncompressed, std::size_t compressed);
 
 /// Walks the records of a payload.
@@ -63,7 +63,7 @@ class RecordReader {
   public:
     explicit RecordReader(Bytes payload) : rest_(payload) {}
 
-    /// The next record that is not empty; nothing at the end and at a defect.
+    /// The next non-empty record; nothing at the end and at a defect.
     KVX_API std::optional<Bytes> next();
 
     /// Whether a length word, or a record, ran past the end.

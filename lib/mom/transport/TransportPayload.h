@@ -8,7 +8,7 @@
 #include "foundation/foundation.h"
 #include "mom/transport/TransportPacket.h"
 
-/// A packet to be, without its header.
+/// The payload of a packet to come.
 struct SVekTransPayload {
     struct Free {
         void operator()(unsigned char* bytes) const { std::free(bytes); }
@@ -26,18 +26,18 @@ class RvDatum;
 
 namespace kvx::transport {
 
-// What a transport asks of its engine, defined beside the engine's send queue: the transport itself
-// knows no engine.
+// Operations of an engine for its transport, defined in `engine/CVekEngineQueue.cpp`: this room
+// does not include the engine.
 
 /// As `CVekRvNet::RRNDomainSubj`.
 char* qualifiedSubject(CVekEngine& engine, const char* subject);
 
-/// Queues a send on exactly `subject`, which waits for the latency; `front` puts it ahead of all
-/// that waits. Takes ownership of `datum`.
+/// Queues a send on exactly `subject`, with the latency as time-out, at the front with `front`.
+/// Takes ownership of `datum`.
 void queueSend(CVekEngine& engine, const char* subject, RvDatum* datum,
                const RvDataCallback* callback, bool front);
 
-/// The contract gives the reports of `CVekTransport` no lines.
+/// Reports of `CVekTransport` have no line numbers.
 inline void reportTransport(int code, const char* text) {
     CVekError(code, "CVekTransport", 0, text);
 }
@@ -46,7 +46,7 @@ inline SVekTransPayload* payloadOf(const CVekListable* element) {
     return static_cast<SVekTransPayload*>(static_cast<const CVekPointer*>(element)->RPData());
 }
 
-/// The bytes of an atom, which keeps them; none for an atom of another kind.
+/// The bytes of an atom, which owns them; none for an atom of another kind.
 inline packet::Bytes bytesOf(const CVekAtom& atom) {
     unsigned char* bytes = nullptr;
     int length = 0;
