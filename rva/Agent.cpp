@@ -1,6 +1,6 @@
-// One thread, the main one, is the bus's: it hears beats and advisories and writes down what it has
-// heard. The HTTP thread only reads that. While the daemon is gone the bus's thread may be busy
-// trying to connect; the other goes on answering.
+// The main thread is on the bus: it receives beats and advisories and records them in
+// `Observations`. The HTTP thread only reads these, so it goes on answering while the main thread
+// is blocked in an attempt to reconnect.
 
 #include "rva/Agent.h"
 
@@ -74,8 +74,8 @@ void addPages(HttpPages& pages, Observations& seen) {
     });
 }
 
-// The port to serve on: the option, else the configuration file's item, else the default. Returns
-// an empty text, or what is wrong with the item.
+// Chooses the port: the option, else the configuration file's item, else the default. Returns an
+// empty text, or the error in the item.
 std::string choosePort(const Options& options, CVekRvNet& net, std::uint16_t& port) {
     const CVekAtom* const configured = net.m_cfgParser.RRCPGetRVAPort();
     port = options.port.value_or(kDefaultPort);
@@ -117,7 +117,7 @@ int run(const Options& options) {
         bus::complain("the HTTP server has ended");
         client.leave(kFailure);
     });
-    // Ready from the moment at which a signal ends the process in good order.
+    // Printed when a signal ends the process in order.
     return client.runUntilSignal([&] {
         bus::printLine(fmt::format("rva ready on http://127.0.0.1:{}", server.port()));
         if (!bus::flushOutput()) client.leave(kFailure);

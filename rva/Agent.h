@@ -4,8 +4,8 @@
 
 namespace kvx::rva {
 
-/// Joins the bus and serves until SIGTERM or SIGINT. Says "rva ready on http://..." on standard
-/// output once it does. Returns the exit status, having told on standard error what went wrong.
+/// Joins the bus and serves until SIGTERM or SIGINT. Prints "rva ready on http://..." when it
+/// serves. Returns the exit status; errors are printed on standard error.
 [[nodiscard]] int run(const Options& options);
 
 }  // namespace kvx::rva

@@ -1,4 +1,4 @@
-// The library reads requests and writes answers, from and to memory. Requests are answered before
+// The library reads requests from memory and writes answers to memory. Requests are answered before
 // its routing, which would match paths as regular expressions and read bodies.
 
 #include "rva/HttpPages.h"
@@ -56,7 +56,7 @@ class HttpPages::Reader : private httplib::Server {
     std::string answer(std::string_view request) {
         MemoryStream stream(request);
         bool closed = false;
-        // No answer is cut into ranges: the library trusts their numbers.
+        // No ranges: the library trusts their numbers.
         process_request(stream, true, closed,
                         [](httplib::Request& parsed) { parsed.ranges.clear(); });
         return std::move(stream.answer);

@@ -9,8 +9,8 @@
 
 namespace kvx::rva {
 
-/// A few pages by HTTP, each made by a function: the bytes of a request in, those of its answer
-/// out. GET and HEAD only. No I/O; one thread at a time but for `requests`.
+/// A few HTTP pages, each made by a function: the bytes of a request in, those of its answer out.
+/// GET and HEAD only. No I/O. One thread at a time, except `requests`.
 class HttpPages {
   public:
     struct Page {
@@ -25,10 +25,10 @@ class HttpPages {
     HttpPages(const HttpPages&) = delete;
     HttpPages& operator=(const HttpPages&) = delete;
 
-    /// Lets `make` be called for every request for exactly `path`. Before the first request.
+    /// Answers requests for exactly `path` with `make()`. Call it before the first request.
     void add(const std::string& path, Maker make);
 
-    /// The whole answer to `request`, which is a request's head or what is no request at all.
+    /// The whole answer to `request`: a request's head, or any other bytes.
     [[nodiscard]] std::string answer(std::string_view request);
 
     /// Requests answered so far. Any thread.

@@ -1,5 +1,9 @@
-// One thread moves bytes between memory and sockets and waits for no peer, so a connection that
-// says nothing costs a descriptor and no more.
+// One thread moves bytes between memory and sockets and never blocks on a peer, so an idle
+// connection costs only a descriptor.
+//
+// A connection goes through three states: the request is read until its head is complete, then the
+// answer is written and the sending side shut down, then further input is dropped until the peer
+// closes: closing with unread input would reset the connection and could lose the answer.
 
 #include "rva/HttpServer.h"
 
@@ -52,7 +56,7 @@ void HttpServer::stop() {
     socket_.reset();
 }
 
-// One wait and what it found. False when waiting is not possible any more.
+// One wait and its results. False when the wait failed.
 bool HttpServer::step() {
     const int error = sockets_.wait(timeToFirstDeadline());
     if (error != 0 && error != platform::socket_error::kInterrupted) return false;
@@ -65,7 +69,7 @@ bool HttpServer::step() {
         const auto found = connections_.find(socket);
         if (found != connections_.end() && !proceed(found->second)) close(socket);
     }
-    // Last, so that no new connection is taken for an old one of the same number.
+    // Last, so that a new connection is not mistaken for a closed one of the same number.
     if (std::find(ready.begin(), ready.end(), socket_.get()) != ready.end()) accept();
     closeOverdue();
     return true;
@@ -113,7 +117,7 @@ void HttpServer::closeOverdue() {
     }
 }
 
-// Goes on with a connection that is ready. False when it is over.
+// Serves a ready connection. False at its end.
 bool HttpServer::proceed(Connection& connection) {
     const unsigned before = connection.interest();
     const bool goesOn = connection.state == Connection::State::Reading   ? read(connection)

@@ -16,13 +16,13 @@ namespace kvx::rva {
 
 /// Carries requests and answers over connections on the loopback, one request a connection.
 ///
-/// One thread serves all connections and waits for none: a request is answered when its head is
-/// complete, within 16 KiB and five seconds, and a slow client delays no other. There are at most
-/// 64 connections at a time; a further one closes the oldest.
+/// One thread serves all connections without blocking: a request is answered when its head is
+/// complete, within 16 KiB and five seconds, and a slow client delays no other. At most 64
+/// connections are open; a further one closes the oldest.
 class HttpServer {
   public:
-    /// Gives the whole answer to the bytes of a request: a complete head, or all that came. Called
-    /// on the server's thread; the other connections wait meanwhile.
+    /// Returns the whole answer to a request: a complete head, or all that was received. Called on
+    /// the server's thread; other connections wait.
     using Answer = std::function<std::string(std::string_view request)>;
 
     explicit HttpServer(Answer answer);
@@ -31,21 +31,20 @@ class HttpServer {
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    /// Starts to serve on `port`, 0 for a free one. False when the port cannot be bound. Once.
+    /// Starts serving on `port`, 0 for a free one. False when the port cannot be bound. Call it
+    /// once.
     [[nodiscard]] bool start(std::uint16_t port);
 
-    /// Stops listening, cuts what is under way short and waits for the thread.
+    /// Stops listening, aborts open connections and waits for the thread.
     void stop();
 
-    /// Whether it still serves. Any thread, between `start` and `stop`.
+    /// Whether the thread still serves. Any thread, between `start` and `stop`.
     [[nodiscard]] bool isServing() const { return !ended_; }
 
-    /// Where it serves, once started.
+    /// The port, once started.
     [[nodiscard]] std::uint16_t port() const { return port_; }
 
   private:
-    // First the request is read, then the answer written, then what else comes is dropped until
-    // the peer ends: closing over unread bytes would take the answer back.
     struct Connection {
         enum class State { Reading, Writing, Ending };
 
@@ -80,7 +79,7 @@ class HttpServer {
     std::atomic<bool> ended_{false};
     std::thread thread_;
 
-    // The thread's, while it runs.
+    // Used by the thread only, while it runs.
     platform::Socket socket_;
     platform::PollSet sockets_{&wakeUp_};
     std::map<platform::SocketHandle, Connection> connections_;

@@ -9,7 +9,7 @@
 
 namespace kvx::rva {
 
-/// Everything that a metric may show, at one moment.
+/// The values of all metrics at one moment.
 struct Sample {
     Figures bus;
     std::uint64_t requests = 0;  ///< HTTP requests answered
@@ -28,7 +28,7 @@ struct Metric {
     double (*value)(const Sample&);
 };
 
-/// All metrics, in the order in which they are shown.
+/// All metrics, in output order.
 [[nodiscard]] std::span<const Metric> metrics();
 
 inline constexpr const char kMetricsType[] =

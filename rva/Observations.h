@@ -12,7 +12,7 @@ namespace kvx::rva {
 
 using platform::Milliseconds;
 
-/// What the agent has seen on the bus, as figures at one moment.
+/// Figures of the bus at one moment.
 struct Figures {
     bool ready = false;
     std::uint64_t lostSessions = 0;
@@ -24,20 +24,20 @@ struct Figures {
     std::uint64_t errors = 0;
 };
 
-/// What the bus's thread has seen and the HTTP thread tells. Any thread: this is all that the two
-/// sides share.
+/// What the main thread has received and the HTTP thread reports: their only shared state. Any
+/// thread.
 class Observations {
   public:
     void hearPacket(std::span<const unsigned char> packet, Milliseconds now);
     void hearAdvisory(std::string_view subject);
 
-    /// The session is up from `gainSession` until `loseSession`, and so again.
+    /// The session is up from `gainSession` to `loseSession`.
     void gainSession();
     void loseSession();
 
     bool isReady() const;
 
-    /// Who has beaten lately, as of `now`.
+    /// The services with recent beats, as of `now`.
     std::vector<beats::Service> services(Milliseconds now);
     Figures figures(Milliseconds now);
 

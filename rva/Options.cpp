@@ -1,5 +1,5 @@
-// The options have one dash, and every value is the word behind its option, whatever it looks like:
-// the daemon "-" is a daemon.
+// Options have one dash. The word after an option with a value is always its value, even the daemon
+// "-".
 
 #include "rva/Options.h"
 
@@ -21,21 +21,22 @@ namespace {
 constexpr const char* kUsageText =
     "usage: rva [-foreground] [-flavor N] [-listen PORT] [-service S] [-network N] [-daemon D]\n"
     "\n"
-    "The bus agent: hears the services' heartbeats and the bus's advisories, and tells about them\n"
-    "by HTTP on the loopback: / says what there is.\n"
+    "The bus agent: receives the services' heartbeats and the bus's advisories, and serves them "
+    "by\n"
+    "HTTP on the loopback: / lists the pages.\n"
     "\n"
-    "  -foreground  accepted and of no effect: the agent always stays in the foreground\n"
-    "  -flavor N    the system's flavour identifier; another one is refused\n"
+    "  -foreground  no effect: the agent always stays in the foreground\n"
+    "  -flavor N    the system's flavour identifier; any other is refused\n"
     "  -listen PORT the port to serve on, 0 for a free one; else the configuration file's "
     "\"rva\",\n"
     "               else 7600\n"
     "  -service, -network, -daemon\n"
-    "               where the bus is; else what the configuration file says\n"
+    "               the address of the bus; default: the configuration file\n"
     "  -help, -version\n";
 
 using Values = std::map<std::string, std::string>;
 
-// The values by option, without the dash. Returns an empty text, or what is wrong.
+// Reads the values by option, without the dash. Returns an empty text, or the error.
 std::string readValues(int argc, const char* const* argv, Values& values) {
     static constexpr std::string_view kWithValue[] = {"-flavor", "-listen", "-service", "-network",
                                                       "-daemon"};
@@ -58,7 +59,7 @@ std::string readValues(int argc, const char* const* argv, Values& values) {
     return {};
 }
 
-// Moves the value of an option that names a part of the bus. Returns as `readValues`.
+// Copies the value of an option that names a part of the bus. Returns as `readValues`.
 std::string takePart(const Values& values, const char* option, std::string& part) {
     const auto found = values.find(option);
     if (found == values.end()) return {};

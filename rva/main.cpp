@@ -3,11 +3,10 @@
 #include "rva/Options.h"
 #include "tools/bus/Program.h"
 
-/// `rva`: reads the command line, joins the bus, and tells on the loopback what it hears there
-/// until SIGTERM or SIGINT. Ends with 0; 1 without a daemon or a port; 2 for an invalid
-/// command line.
+/// `rva`: reads the command line, joins the bus, and serves on the loopback until SIGTERM or
+/// SIGINT. Exit status 0; 1 without a daemon or a port; 2 for an invalid command line.
 int main(int argc, char** argv) {
-    // It serves the host, whatever becomes of the terminal that it was started from.
+    // It keeps running when its terminal is closed.
     kvx::platform::ignoreSignal(kvx::platform::signal_number::hangup());
     return kvx::bus::runProgram([&] {
         const auto commandLine = kvx::rva::parseCommandLine(argc, argv);

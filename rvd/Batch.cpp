@@ -1,3 +1,7 @@
+// The end of a turn of the loop: flush every member that has output, until none is left (a flush
+// may add members), then copy each routed message that a queue still holds, since the next read
+// overwrites the buffer that it borrows.
+
 #include "rvd/Batch.h"
 
 namespace kvx::rvd {

@@ -8,11 +8,11 @@
 
 namespace kvx::rvd {
 
-/// Somebody whose output is written when a batch ends.
+/// An object whose output is written when a batch ends.
 class BatchMember {
   public:
     virtual ~BatchMember() = default;
-    /// Writes what waits. May add members to the batch.
+    /// Writes the queued output. May add members to the batch.
     virtual void flush() = 0;
 
   private:
@@ -20,31 +20,32 @@ class BatchMember {
     bool inBatch_ = false;
 };
 
-/// What one turn of the loop causes: which messages were routed, and who has something to write.
+/// The effects of one turn of the loop: the messages routed, and the members with output.
 ///
-/// Every libuv callback that can cause output calls `end` last, so that many messages go out in one
-/// system call and between callbacks nothing borrows the read buffer. A member must stay alive
-/// until the batch in which it stands has ended. Loop thread only.
+/// Every libuv callback that can cause output calls `end` last, so that many messages are written
+/// in one system call and nothing borrows the read buffer between callbacks. A member must stay
+/// alive until its batch has ended. Loop thread only.
 class Batch {
   public:
-    /// Bytes taken from one socket at a time.
+    /// Bytes read from one socket at a time.
     static constexpr std::size_t kReadBuffer = 256 * 1024;
 
-    /// Where the next read goes. One buffer serves all: what outlives the batch is copied.
+    /// The buffer of the next read, shared by all connections: messages that outlive the batch are
+    /// copied.
     [[nodiscard]] char* readBuffer() { return readBuffer_.get(); }
 
-    /// `message` is being routed, and may borrow the read buffer.
+    /// Adds a message being routed, which may borrow the read buffer.
     void hold(const PayloadRef& message) { routed_.push_back(message); }
 
-    /// `member` has something to write.
+    /// Adds a member with output.
     void add(BatchMember& member);
 
-    /// Flushes all members, then gives the messages that still wait memory of their own.
+    /// Flushes all members, then copies the messages that are still queued.
     void end();
 
   private:
     std::vector<BatchMember*> members_;
-    std::vector<BatchMember*> flushing_;  // those whose turn it is
+    std::vector<BatchMember*> flushing_;  // those being flushed
     std::vector<PayloadRef> routed_;
     std::unique_ptr<char[]> readBuffer_ = std::make_unique_for_overwrite<char[]>(kReadBuffer);
 };

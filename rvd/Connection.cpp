@@ -1,22 +1,21 @@
-// The life of a connection:
+// The states of a connection:
 //
-//   Open --close(reason)--> Draining --all written--> FinSent ------.
-//     \________________________\______________________ \__ end of input --> PeerEnded
-//                                                                    --all written--> Closed
-//   Failed (socket error, unread replies) is entered from any of these and lasts until the batch
-//   ends; a connection that is not open closes by itself after `kEndingMs`.
+// Open --close(reason)--> Draining --all written--> FinSent ------.
+// \________________________\______________________ \__ end of input --> PeerEnded --all written-->
+// Closed Failed (socket error, unread replies) is entered from any of these and lasts until the
+// batch ends; a connection that is not open is closed after `kEndingMs`.
 //
-// Only an open connection belongs to a session and reads its input. What waits in the queue of a
-// draining one is still written, and after the last byte the sending side is shut down; the socket
-// is closed when the peer has closed too. Closing at once would let the system answer unread input
-// with a reset that can overtake the close notice.
+// Only an open connection has a session and reads its input. The queue of a draining one is still
+// written, and after the last byte the sending side is shut down; the socket is closed when the
+// peer has closed too. Closing at once would make the system answer unread input with a reset that
+// can overtake the close notice.
 //
 // A connection may fail while messages are being routed, also its own; so it leaves its session and
-// closes when the batch ends, and its memory goes when libuv has closed its handle.
+// closes when the batch ends, and is freed when libuv has closed its handle.
 //
-// Writing: the socket is tried directly as long as it takes everything. When it does not, the first
-// waiting entry is handed to libuv, which waits for room; everything behind it stays in the queue,
-// where it can still be dropped.
+// Writing: the queue is written directly as long as the socket takes everything. When it does not,
+// the first entry is passed to libuv, which waits for room; the entries behind it stay in the
+// queue, where they can still be dropped.
 
 #include "rvd/Connection.h"
 
@@ -28,7 +27,7 @@
 namespace kvx::rvd {
 namespace {
 
-constexpr std::size_t kWriteSlices = 512;  // pieces handed to one system call
+constexpr std::size_t kWriteSlices = 512;  // pieces per system call
 constexpr unsigned kLoopbackNet = 127;
 
 uv_buf_t asBuffer(wire::Bytes bytes) {
@@ -65,7 +64,7 @@ platform::Milliseconds Connection::now() const {
     return static_cast<platform::Milliseconds>(uv_now(&context_.loop));
 }
 
-// States are only entered forwards: what ends a connection more slowly comes too late.
+// States only go forward: a slower way of ending is ignored after a faster one.
 void Connection::enter(State state) {
     if (state <= state_) return;
     if (state_ == State::Open) endBy_ = now() + kEndingMs;
@@ -140,7 +139,7 @@ void Connection::writeWaiting() {
     }
 }
 
-// One system call. True when the socket took all that was offered.
+// One system call. True when the socket took everything offered.
 bool Connection::writeSome() {
     std::array<wire::Bytes, kWriteSlices> slices;
     std::array<uv_buf_t, kWriteSlices> buffers;
@@ -199,7 +198,7 @@ void Connection::noteDeliveries() {
     if (delivered != std::exchange(deliveriesSeen_, delivered)) peer_->tookMessages(now());
 }
 
-// At most one line a tick, however much is lost.
+// At most one line per tick.
 void Connection::logLosses() {
     const std::uint64_t dropped = outbox_.totals().dropped;
     if (dropped == lossesLogged_) return;

@@ -17,7 +17,7 @@ namespace kvx::rvd {
 
 class Connection;
 
-/// What the connections of one daemon share; all of it must outlive them.
+/// Shared by the connections of one daemon; must outlive them.
 struct ConnectionContext {
     uv_loop_t& loop;
     const Log& log;
@@ -25,18 +25,18 @@ struct ConnectionContext {
     OutboxPool& pool;
     Router& router;
     Batch& batch;
-    std::size_t queueLimit;     ///< bytes that may wait for one session
-    std::uint32_t hostAddress;  ///< host byte order; what local clients are told as their own
-    std::function<void(Connection&)> gone;  ///< libuv has let go: the connection may be deleted
+    std::size_t queueLimit;     ///< queued bytes per session
+    std::uint32_t hostAddress;  ///< host byte order; reported to local clients as their own
+    std::function<void(Connection&)> gone;  ///< libuv has closed the handle: may be deleted
 };
 
 /// One TCP connection: its socket, its peer's protocol, its queue and its session.
 ///
-/// Carries out what the peer asks for. What routing adds to the queue is written when the batch of
-/// one read ends. Loop thread only.
+/// Carries out the peer's actions. The queue is written when the batch of one read ends. Loop
+/// thread only.
 class Connection final : public PeerActions, public Receiver, public BatchMember {
   public:
-    /// Time that a closing connection spends on writing out what waits.
+    /// Time limit for writing the queue of a closing connection.
     static constexpr platform::Milliseconds kEndingMs = 5'000;
 
     explicit Connection(const ConnectionContext& context);
@@ -44,17 +44,17 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// Takes the next connection of `listener`. False when there is none to take; `destroy` is due
-    /// in either case once the connection is over.
+    /// Accepts the next connection of `listener`. False on failure; call `destroy` in either case
+    /// at the end.
     [[nodiscard]] bool accept(uv_stream_t* listener);
 
     void tick();
-    /// The daemon ends.
+    /// Ends the connection because the daemon ends.
     void shutDown();
     /// Closes the socket now; `ConnectionContext::gone` follows.
     void destroy();
 
-    // Receiver: writes first when the message would otherwise cost another one its place.
+    // Receiver: writes first when queueing the message would drop another one.
     void deliver(const PayloadRef& message) override;
 
     // BatchMember
@@ -70,7 +70,7 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     void close(CloseReason reason) override;
 
   private:
-    // In the order in which they may follow one another; see the head of Connection.cpp.
+    // In the order of their transitions; see the head of Connection.cpp.
     enum class State : std::uint8_t { Open, Draining, FinSent, PeerEnded, Failed, Closed };
 
     void enter(State state);
@@ -91,14 +91,14 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     const ConnectionContext& context_;
 
     State state_ = State::Open;
-    platform::Milliseconds endBy_ = 0;  // when a connection that is not open closes at the latest
+    platform::Milliseconds endBy_ = 0;  // deadline of a connection that is not open
     uv_tcp_t tcp_{};
     uv_write_t write_{};
     uv_shutdown_t shutdown_{};
     Outbox outbox_;
     std::unique_ptr<Peer> peer_;
     Router::Session* session_ = nullptr;
-    std::size_t writingBytes_ = 0;  // how much of the queue write_ covers; 0: it is not with libuv
+    std::size_t writingBytes_ = 0;  // bytes of the queue in write_; 0: no write is pending in libuv
     std::uint64_t lossesLogged_ = 0;
     std::uint64_t deliveriesSeen_ = 0;  // of messages, up to the last tick
     std::string name_;                  // "a.b.c.d:port", for the log

@@ -8,7 +8,7 @@
 
 namespace kvx::rvd {
 
-/// Everything the daemon counts. `counterTable` says what each means.
+/// The daemon's counters; `counterTable` has their meaning.
 enum class Counter : std::uint8_t {
     ConnectionsAccepted,
     ConnectionsOpen,
@@ -39,7 +39,7 @@ struct CounterInfo {
     const char* meaning;  ///< one line
 };
 
-/// One row a counter, in the order of `Counter`: the names in logs and the text of the manual.
+/// One row per counter, in the order of `Counter`: the names in logs and the text of the manual.
 [[nodiscard]] std::span<const CounterInfo> counterTable();
 
 /// The counters of one daemon. Loop thread only.
@@ -51,7 +51,7 @@ class Counters {
         return values_[index(counter)];
     }
 
-    /// Messages dropped, whatever the cause.
+    /// Messages dropped for any cause.
     [[nodiscard]] std::uint64_t dropped() const;
 
   private:

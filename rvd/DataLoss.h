@@ -6,14 +6,14 @@
 
 namespace kvx::rvd {
 
-/// Why a copy was dropped although its session lives.
+/// Why a copy was dropped from an open session's queue.
 enum class LossCause : std::uint8_t {
     SlowReader = 1,  ///< the session's own queue was full
     Memory = 2,      ///< all queues together were full
     TooLarge = 4     ///< the message is larger than the session's whole queue
 };
 
-/// What a session has lost and not been told yet.
+/// A session's loss that was not announced yet.
 struct Loss {
     std::uint64_t messages = 0;
     std::uint64_t bytes = 0;
@@ -27,7 +27,7 @@ struct Loss {
     }
 };
 
-/// "slow reader", "daemon memory", "message too large", joined by ", " when there are several.
+/// "slow reader", "daemon memory" and "message too large", joined by ", ".
 [[nodiscard]] std::string causeText(std::uint8_t causes);
 
 /// The data message that announces a loss: on "_RV.WARN.SYSTEM.DATALOSS", its data a nested message

@@ -21,7 +21,7 @@ std::string timeStamp() {
     return {text.data(), length};
 }
 
-// Bytes beyond ASCII that belong to no character stay as they are.
+// Single bytes beyond ASCII are not escaped.
 void appendEscape(std::string& line, std::string_view piece) {
     if (static_cast<unsigned char>(piece.front()) < 0x80) return appendHexEscape(line, piece);
     line += piece;

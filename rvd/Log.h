@@ -7,7 +7,7 @@ namespace kvx::rvd {
 enum class LogLevel { Error = 0, Warning = 1, Info = 2, Debug = 3 };
 
 /// Lines on standard error, each with its time (UTC) and level: "2026-01-31T12:00:00Z INFO text".
-/// Control characters of `text` are escaped, so that a peer's bytes can never forge a line.
+/// Control characters of `text` are escaped, so that a peer's bytes cannot forge a line.
 class Log {
   public:
     explicit Log(LogLevel level = LogLevel::Info) : level_(level) {}

@@ -17,7 +17,7 @@ namespace {
 constexpr int kUsageStatus = 2;
 constexpr const char* kVersionLine = "rvd " KVX_VERSION;
 
-// Options that are spelled with one dash, as the library writes them when it starts a daemon.
+// Options with one dash, which the library uses when it starts a daemon.
 constexpr std::array<std::string_view, 3> kOneDash = {"-listen", "-address", "-queue-limit"};
 
 std::vector<std::string> normalised(int argc, const char* const* argv) {
@@ -55,16 +55,16 @@ void describe(CLI::App& app, Texts& texts) {
                    "(also spelled -listen)")
         ->capture_default_str();
     app.add_option("--address", texts.address,
-                   "IPv4 address that local clients are told as this host's (also -address)");
+                   "IPv4 address reported to local clients as this host's (also -address)");
     app.add_option("--queue-limit", texts.queueLimit,
-                   "Bytes that may wait for one session, with k, M or G (also -queue-limit)")
+                   "Limit of the queue of one session in bytes, with k, M or G (also -queue-limit)")
         ->capture_default_str();
     app.add_flag("-v,--verbose", texts.verbose, "Log every connection");
     app.add_flag("-q,--quiet", texts.quiet, "Log errors only");
-    app.add_flag("--counters", texts.counters, "Print what the daemon counts, and end");
+    app.add_flag("--counters", texts.counters, "Print the daemon's counters, and end");
 }
 
-// An empty text, or what is wrong.
+// Returns an empty text, or the error.
 std::string evaluate(const Texts& texts, Options& options) {
     if (std::string error = parseListen(texts.listen, options); !error.empty()) return error;
     if (!texts.address.empty()) {

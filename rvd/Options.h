@@ -8,20 +8,20 @@
 
 namespace kvx::rvd {
 
-inline constexpr std::uint64_t kDefaultQueueLimit = 64ULL << 20U;  ///< bytes for one session
+inline constexpr std::uint64_t kDefaultQueueLimit = 64ULL << 20U;  ///< bytes per session
 
-/// What the command line asks for. Addresses are in host byte order.
+/// The options of the command line. Addresses are in host byte order.
 struct Options {
     std::uint32_t listenAddress = 0;
     std::uint16_t listenPort = 0;              ///< 0 takes a free one
-    std::optional<std::uint32_t> hostAddress;  ///< what local clients are told as their address
+    std::optional<std::uint32_t> hostAddress;  ///< reported to local clients as their address
     std::uint64_t queueLimit = kDefaultQueueLimit;
     LogLevel logLevel = LogLevel::Info;
 };
 
-/// The outcome of reading a command line: options to run with, or the exit status to end with (0
-/// after `--help`, `--version` and `--counters`, 2 for an invalid command line). What is to be said
-/// about it has been printed.
+/// The result of parsing a command line: options to run with, or the exit status to end with (0
+/// after `--help`, `--version` and `--counters`, 2 for an invalid command line). All output has
+/// been printed.
 struct CommandLine {
     Options options;
     std::optional<int> exitStatus;
@@ -29,12 +29,12 @@ struct CommandLine {
 
 [[nodiscard]] CommandLine parseCommandLine(int argc, const char* const* argv);
 
-/// "tcp:port" or "tcp:host:port" into `options`; without a host the loopback. Returns an empty
-/// text, or what is wrong with it.
+/// Parses "tcp:port" or "tcp:host:port" into `options`; without a host the loopback. Returns an
+/// empty text, or the error.
 [[nodiscard]] std::string parseListen(const std::string& text, Options& options);
 
-/// A number of bytes with an optional k, M or G (1024, 1024^2, 1024^3); nothing when it is none or
-/// 0.
+/// Parses a number of bytes with an optional k, M or G (1024, 1024^2, 1024^3); nothing when invalid
+/// or 0.
 [[nodiscard]] std::optional<std::uint64_t> parseBytes(const std::string& text);
 
 }  // namespace kvx::rvd

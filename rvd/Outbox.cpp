@@ -2,10 +2,9 @@
 //
 //   entries_:  [ front, perhaps begun ] [ notice? ] [ messages and control bytes in order ... ]
 //
-// A notice of what was lost always stands at the first place not begun. While it waits there,
-// further losses change what it says instead of adding another; from its first byte on it is fixed,
-// and the next loss starts a new one. It is put in place by `gather`, so that dropping stays cheap
-// while the peer reads nothing.
+// A loss notice is always the first entry not begun. While it waits there, further losses change
+// its content instead of adding another; once begun it is fixed, and the next loss starts a new
+// one. `gather` inserts it, so that dropping stays cheap while the peer reads nothing.
 
 #include "rvd/Outbox.h"
 
@@ -14,7 +13,7 @@
 namespace kvx::rvd {
 namespace {
 
-// What a waiting message costs besides its bytes: a queue entry, its payload record, allocation.
+// Memory of a waiting message besides its bytes: queue entry, payload record, allocation.
 constexpr std::size_t kEntryCost = 128;
 
 Counter counterOf(LossCause cause) {
@@ -100,7 +99,7 @@ void Outbox::recordLoss(std::size_t size, LossCause cause) {
     if (notice_ == Notice::Current) notice_ = Notice::Stale;
 }
 
-// Drops the oldest message that is not begun. False when there is none.
+// Drops the oldest message not begun. False when there is none.
 bool Outbox::dropOldest(LossCause cause) {
     auto oldest = entries_.begin() + (frontBegun_ ? 1 : 0);
     oldest = std::find_if(oldest, entries_.end(),
@@ -134,7 +133,7 @@ std::size_t Outbox::gather(std::span<wire::Bytes> out) {
     for (const Entry& entry : entries_) {
         const wire::Bytes bytes = entry.payload->bytes().subspan(skip);
         skip = 0;
-        // Messages that lie one behind the other in a chunk go out as one piece.
+        // Adjacent messages in a chunk are one piece.
         if (count > 0 && out[count - 1].data() + out[count - 1].size() == bytes.data()) {
             out[count - 1] = {out[count - 1].data(), out[count - 1].size() + bytes.size()};
             continue;

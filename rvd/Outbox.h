@@ -14,11 +14,11 @@ namespace kvx::rvd {
 
 class Outbox;
 
-/// What all queues of a daemon hold together. When it passes `limit`, the queue with most waiting
-/// loses its oldest messages first. Loop thread only; must outlive its queues.
+/// The total of all queues of a daemon. Above `limit`, the queue with most waiting drops its oldest
+/// messages. Loop thread only; must outlive its queues.
 class OutboxPool {
   public:
-    /// `limit` in bytes of messages and of what the daemon spends on each.
+    /// `limit` in bytes of messages and of the daemon's overhead for each.
     explicit OutboxPool(std::uint64_t limit) : limit_(limit) {}
 
     [[nodiscard]] std::uint64_t used() const { return used_; }
@@ -33,13 +33,13 @@ class OutboxPool {
     std::vector<Outbox*> members_;
 };
 
-/// What waits to be written to one peer: routed messages, which are bounded and may be dropped, and
-/// the link's own blocks and replies, which are neither.
+/// The output queue of one peer: routed messages, which are bounded and may be dropped, and the
+/// link's own blocks and replies, which are never dropped.
 ///
-/// Past the bound the oldest whole messages go; one that is partly written stays. What was lost is
-/// announced by one notice ahead of everything not yet begun. For the messages of one peer, at any
-/// time: matched = delivered + dropped + waiting; when the queue dies, what waits counts as
-/// dropped.
+/// Above the bound the oldest messages are dropped, except one that is partly written. One notice,
+/// ahead of everything not yet begun, announces the loss. For the messages of one peer, at any
+/// time: matched = delivered + dropped + waiting; when the queue is destroyed, waiting messages
+/// count as dropped.
 class Outbox {
   public:
     struct Totals {
@@ -54,27 +54,26 @@ class Outbox {
     Outbox(const Outbox&) = delete;
     Outbox& operator=(const Outbox&) = delete;
 
-    /// Queues a routed message, dropping the oldest ones when the bound asks for it.
+    /// Queues a routed message, dropping the oldest ones above the bound.
     void pushMessage(const PayloadRef& message);
     /// True when `pushMessage` of `size` bytes would drop something.
     [[nodiscard]] bool wouldDrop(std::size_t size) const;
 
-    /// Queues bytes of the link itself. They are never dropped. Returns false, and queues nothing,
-    /// when more than `kControlLimit` of them wait: the peer asks without reading.
+    /// Queues bytes of the link itself, which are never dropped. Returns false, and queues nothing,
+    /// when more than `kControlLimit` of them would wait: the peer sends requests without reading.
     [[nodiscard]] bool pushControl(wire::Bytes bytes);
 
     [[nodiscard]] bool empty() const { return entries_.empty() && !loss_.any(); }
 
-    /// Fills `out` with views of what is to be written next, in order, and returns how many. They
+    /// Fills `out` with views of the next bytes to write, in order, and returns their number. They
     /// are valid until the queue changes.
     [[nodiscard]] std::size_t gather(std::span<wire::Bytes> out);
 
-    /// Says that the first `bytes` of what waits have been written.
+    /// Marks the first `bytes` of the queue as written.
     void written(std::size_t bytes);
 
-    /// The rest of the first entry, which is being written from now on and may no longer be
-    /// dropped. Its bytes stay in place until `written` has covered them. The queue must not be
-    /// empty.
+    /// Marks the first entry as begun, so that it is not dropped, and returns its rest. The bytes
+    /// stay in place until `written` has covered them. The queue must not be empty.
     [[nodiscard]] wire::Bytes pinFront();
 
     [[nodiscard]] std::size_t waitingMessages() const;
@@ -86,11 +85,11 @@ class Outbox {
   private:
     friend class OutboxPool;
     enum class Kind : std::uint8_t { Message, Control, Notice };
-    // Of the notice that stands at the first place not begun.
+    // The state of the notice at the first place not begun.
     enum class Notice : std::uint8_t {
-        None,    // there is none
-        Stale,   // it says less than loss_
-        Current  // it says what loss_ says
+        None,    // no notice
+        Stale,   // older than loss_
+        Current  // announces loss_
     };
     struct Entry {
         PayloadRef payload;

@@ -1,3 +1,7 @@
+// A borrowed payload points into the read buffer. `keep` copies it once, when a queue holds it
+// beyond the batch; all queues share the copy, since they share the payload. Messages of the
+// daemon's own begin with owned or copied bytes.
+
 #include "rvd/Payload.h"
 
 #include <algorithm>

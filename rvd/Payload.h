@@ -9,14 +9,14 @@
 
 namespace kvx::rvd {
 
-/// One message on its way: its bytes exist once, however many queues hold it.
+/// One routed message: its bytes exist once, whatever the number of queues that hold it.
 ///
-/// A payload begins as a view of the chunk that was read from a socket. Most are written out before
-/// the chunk is used again; those that still wait then are given memory of their own by `keep`,
-/// once for all queues. Loop thread only; counted by hand, since an atomic count would buy nothing.
+/// A payload begins as a view of the chunk read from a socket. Most are written before the chunk is
+/// reused; `keep` copies the others, once for all queues. Loop thread only; the count is not
+/// atomic.
 class Payload {
   public:
-    /// A view of bytes that somebody else owns: valid until they change or `keep` is called.
+    /// A view of bytes that are not owned: valid until they change or `keep` is called.
     static class PayloadRef borrow(wire::Bytes bytes);
     /// Takes ownership of `bytes`.
     static class PayloadRef own(std::vector<std::uint8_t> bytes);
@@ -26,7 +26,7 @@ class Payload {
     [[nodiscard]] wire::Bytes bytes() const { return bytes_; }
     [[nodiscard]] std::size_t size() const { return bytes_.size(); }
 
-    /// Gives a borrowed payload memory of its own. Its bytes move: views of it go stale.
+    /// Copies the bytes of a borrowed payload, which invalidates views of them.
     void keep();
 
     [[nodiscard]] bool shared() const { return holders_ > 1; }

@@ -1,4 +1,4 @@
-// The states of one connection, and what each takes:
+// The states of one connection, and their input:
 //
 //   AwaitAnswer --12 bytes--> AwaitAgreement (version 4) or AwaitBlock (version 3)
 //   either      --64 bytes--> AwaitInit
@@ -10,9 +10,9 @@
 // In the first three states input has a fixed size and is collected in `block_`; from AwaitInit on
 // it is a stream of frames. Until the first init has been read, time and bytes are counted.
 //
-// A client says something of its own accord only when nothing comes from the daemon either, so one
-// that listens to a busy subject may be silent for good. It is closed only when it has not taken
-// anything meanwhile.
+// A client sends keepalives only when nothing comes from the daemon either, so one that listens to
+// a busy subject may be silent for ever. It is closed for silence only when it has taken nothing
+// meanwhile.
 
 #include "rvd/Peer.h"
 
@@ -89,7 +89,7 @@ void Peer::receive(Bytes chunk, Milliseconds now) {
     }
 }
 
-// Moves bytes into `block_`; true when it holds `size` of them.
+// Copies bytes into `block_`; true when it holds `size` of them.
 bool Peer::collect(Bytes& chunk, std::size_t size) {
     const std::size_t taken = std::min(size - blockFilled_, chunk.size());
     std::copy_n(chunk.begin(), taken, block_.begin() + static_cast<std::ptrdiff_t>(blockFilled_));

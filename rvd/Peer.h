@@ -18,25 +18,26 @@ namespace kvx::rvd {
 /// Why a connection ends.
 enum class CloseReason : std::uint8_t {
     PeerClosed,     ///< the peer sent its close notice
-    BadGreeting,    ///< first word not zero, or a version that is not spoken here
+    BadGreeting,    ///< first word not zero, or an unsupported version
     BadParameters,  ///< no agreement on the queue
-    BadFrame,       ///< the byte stream is no sequence of messages
+    BadFrame,       ///< the byte stream is not a sequence of messages
     NoInit,         ///< something other than an init message came first
     TooMuchAtOnce,  ///< too many bytes before the first init message
     TooManyListens,
-    TimedOut,     ///< no init in time, or silent for too long
+    TimedOut,     ///< no init in time, or silence for too long
     ShuttingDown  ///< the daemon ends
 };
 [[nodiscard]] const char* closeText(CloseReason reason);
 
-/// What a peer's bytes ask for. The calls come in stream order; views are valid during the call.
+/// The actions that a peer's bytes request. The calls come in stream order; views are valid during
+/// the call.
 class PeerActions {
   public:
     virtual ~PeerActions() = default;
 
-    /// Bytes of the link itself, to be written in order with everything else.
+    /// Queues bytes of the link itself, in order with everything else.
     virtual void send(wire::Bytes bytes) = 0;
-    /// The peer is a session of this space from now on. Called at most once.
+    /// Makes the peer a session of this space. Called at most once.
     virtual void join(std::string_view service, std::string_view network) = 0;
     /// True when the peer's session is in that space.
     virtual bool isIn(std::string_view service, std::string_view network) = 0;
@@ -44,7 +45,7 @@ class PeerActions {
     virtual bool listen(SubjectView subject) = 0;
     virtual void cancel(SubjectView subject) = 0;
     virtual void publish(SubjectView subject, const PayloadRef& message) = 0;
-    /// The connection is to be closed after what was sent. Called at most once, and last.
+    /// Closes the connection after the queued output. Called at most once, and last.
     virtual void close(CloseReason reason) = 0;
 };
 
@@ -58,7 +59,7 @@ enum class PeerState : std::uint8_t {
     AwaitAnswer,     ///< the greeting is out; the client's 12 bytes are due
     AwaitAgreement,  ///< version 4: the answer to the proposal is due
     AwaitBlock,      ///< version 3: the client's block is due
-    AwaitInit,       ///< the link stands; the first init message is due
+    AwaitInit,       ///< the link is set up; the first init message is due
     Open,            ///< a session of a space
     Closed
 };
@@ -71,16 +72,16 @@ class Peer {
     Peer(PeerAddress address, PeerActions& actions, Counters& counters)
         : address_(address), actions_(actions), counters_(counters) {}
 
-    /// The connection stands: sends the greeting.
+    /// Starts the protocol: sends the greeting.
     void start(platform::Milliseconds now);
-    /// Bytes that came; `chunk` is used up when this returns, except by payloads that were
-    /// published as views of it.
+    /// Processes received bytes. `chunk` is not used after the return, except by published
+    /// payloads, which are views of it.
     void receive(wire::Bytes chunk, platform::Milliseconds now);
-    /// The peer has taken messages that were routed to it: it lives, though it may say nothing.
+    /// The peer has taken routed messages, which counts against a silence time-out.
     void tookMessages(platform::Milliseconds now) { tookAt_ = now; }
-    /// Time has passed; to be called about once a second.
+    /// Acts on elapsed time; call it about once a second.
     void tick(platform::Milliseconds now);
-    /// The daemon ends: sends a close notice when the link stands.
+    /// The daemon ends: sends a close notice once the link is set up.
     void shutDown();
 
     [[nodiscard]] PeerState state() const { return state_; }
@@ -116,7 +117,7 @@ class Peer {
     platform::Milliseconds startedAt_ = 0;
     platform::Milliseconds heardAt_ = 0;
     platform::Milliseconds tookAt_ = 0;
-    bool probed_ = false;  // a keepalive went out since the peer was last heard
+    bool probed_ = false;  // a keepalive was sent since the peer was last heard
 };
 
 }  // namespace kvx::rvd

@@ -1,8 +1,9 @@
 // Spaces, sessions and listens.
 //
-// A space owns its sessions and one subject tree. The tree holds one entry a session and subject,
-// however often the listen was made: the count stands in the session. A match collects sessions,
-// not entries: each session remembers the number of the last match that found it.
+// A space owns its sessions and one subject tree, and exists while it has sessions. The tree holds
+// one entry per session and subject, however often the listen was made: the session has the count.
+// A match collects each session once, although several of its listens may match: a session stores
+// the number of the last match that found it.
 
 #include "rvd/Router.h"
 

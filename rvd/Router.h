@@ -17,17 +17,17 @@
 
 namespace kvx::rvd {
 
-/// Takes the messages that reach a session.
+/// Receives the messages that match a session.
 class Receiver {
   public:
     virtual ~Receiver() = default;
     virtual void deliver(const PayloadRef& message) = 0;
 };
 
-/// Who hears whom: sessions, the spaces that they share, and what each listens to.
+/// Sessions, their spaces, and their listens.
 ///
-/// A space is a service and a network; sessions of different spaces never meet. Listens are counted
-/// per session and subject. Loop thread only; does no I/O.
+/// A space is a service and a network; messages never cross spaces. Listens are counted per session
+/// and subject. Loop thread only; does no I/O.
 class Router {
   public:
     /// Distinct subjects that one session may listen to.
@@ -40,22 +40,21 @@ class Router {
     Router& operator=(const Router&) = delete;
     ~Router();
 
-    /// Opens a session in the space. `receiver` is handed back by `match` and never called; it must
-    /// outlive the session, which lives until `leave`.
+    /// Opens a session in the space. `receiver` is only returned by `match`; it must outlive the
+    /// session, which exists until `leave`.
     Session& join(std::string_view service, std::string_view network, Receiver& receiver);
 
     /// Undoes every listen of the session and destroys it.
     void leave(Session& session);
 
-    /// Counts one listen. Returns false, and changes nothing, past `kMaxListens`.
+    /// Counts one listen. Returns false, and changes nothing, above `kMaxListens`.
     [[nodiscard]] bool listen(Session& session, SubjectView subject);
 
     /// Undoes one listen; one that was never made is ignored.
     void cancel(Session& session, SubjectView subject);
 
-    /// The receivers of the sessions that a message of `from` on `subject` reaches, `from`
-    /// included, each once however many of its listens match. The span is valid until the next call
-    /// of any function.
+    /// The receivers of the sessions that match a message of `from` on `subject`, `from` included,
+    /// each once. The span is valid until the next call of any function.
     [[nodiscard]] std::span<Receiver* const> match(const Session& from, SubjectView subject);
 
     [[nodiscard]] std::size_t spaces() const { return spaces_.size(); }
@@ -73,10 +72,11 @@ class Router {
     Counters& counters_;
     std::map<SpaceName, std::unique_ptr<Space>> spaces_;
     std::vector<Receiver*> matched_;
-    std::uint64_t matchNumber_ = 0;  // tells sessions already collected for the present message
+    std::uint64_t matchNumber_ =
+        0;  // identifies sessions already collected for the current message
 };
 
-/// One peer that has announced itself. Owned by the router.
+/// One peer after its init. Owned by the router.
 class Router::Session {
   public:
     [[nodiscard]] bool isIn(std::string_view service, std::string_view network) const;

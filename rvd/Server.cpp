@@ -1,5 +1,5 @@
-// One loop, one thread. Every callback that can cause output ends the batch last. Connections are
-// deleted when libuv has let go of their handles, never before.
+// One loop, one thread. Every callback that can cause output ends the batch last. A connection is
+// deleted only after libuv has closed its handle.
 
 #include "rvd/Server.h"
 
@@ -14,11 +14,11 @@
 namespace kvx::rvd {
 namespace {
 
-constexpr int kBacklog = 511;  // connections waiting to be accepted
+constexpr int kBacklog = 511;  // pending connections
 constexpr std::uint64_t kTickMs = 1'000;
 constexpr std::uint64_t kStoppingTickMs = 50;
 
-// Half of the machine's memory may wait in queues; of an unknown machine, 1 GiB.
+// All queues together may hold half of the machine's memory, 1 GiB if that is unknown.
 constexpr std::uint64_t kPoolShare = 2;
 constexpr std::uint64_t kPoolFallback = 1ULL << 30U;
 
@@ -156,8 +156,8 @@ void Server::stop() {
     if (connections_.empty()) closeHandles();
 }
 
-// With its handles closed, libuv gives the signals back to the system's default. The process has a
-// few moments to live then, in which a second signal must not change how it ends.
+// Closing the handles makes libuv restore the default signal handling; a second signal before the
+// exit must not change the exit status.
 void Server::closeHandles() {
     const std::array endingSignals{platform::signal_number::terminate(),
                                    platform::signal_number::interrupt()};

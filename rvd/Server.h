@@ -18,8 +18,8 @@
 
 namespace kvx::rvd {
 
-/// The daemon: accepts, reads, routes and writes on one thread and one libuv loop. The only place,
-/// with `Connection`, that does I/O.
+/// The daemon: accepts, reads, routes and writes on one thread and one libuv loop. Only this class
+/// and `Connection` do I/O.
 class Server {
   public:
     Server(const Options& options, const Log& log);
@@ -29,7 +29,7 @@ class Server {
 
     /// Binds and listens. False, with a line in the log, when that fails.
     [[nodiscard]] bool start();
-    /// "tcp:127.0.0.1:41233": where it listens, once started.
+    /// The listening address, such as "tcp:127.0.0.1:41233", once started.
     [[nodiscard]] const std::string& address() const { return address_; }
     /// Serves until SIGTERM or SIGINT. Returns the exit status.
     int run();

@@ -10,7 +10,7 @@
 
 namespace {
 
-// The exit status of a run that was to print something and end with `status`.
+// The exit status after printing: `status`, or 1 when the output failed.
 int ended(int status) {
     errno = 0;
     if (std::cout.flush()) return status;
@@ -21,10 +21,11 @@ int ended(int status) {
 
 }  // namespace
 
-/// `rvd`: reads the command line, listens, says so in one line on standard output, and serves until
-/// SIGTERM or SIGINT. Ends with 0; 1 when it cannot listen or print; 2 for an invalid command line.
+/// `rvd`: reads the command line, listens, prints one line on standard output, and serves until
+/// SIGTERM or SIGINT. Exit status 0; 1 when it cannot listen or print; 2 for an invalid command
+/// line.
 int main(int argc, char** argv) {
-    // A socket in the place of a closed stream would get the log.
+    // Otherwise a socket could get the descriptor of a closed stream, and the log.
     kvx::platform::reserveStandardStreams();
     const auto commandLine = kvx::rvd::parseCommandLine(argc, argv);
     if (commandLine.exitStatus) return ended(*commandLine.exitStatus);
