@@ -1,5 +1,5 @@
-// Packets where heartbeats go: what is taken for a beat has texts of bounded length, a process and
-// a role, and a table counts every packet once.
+// Packets on the heartbeat subject: an accepted beat has texts of bounded length, a process and a
+// role, and a table counts every packet once.
 
 #include <cstddef>
 #include <cstdint>

@@ -1,7 +1,6 @@
-// What comes in over a link before anybody has judged it: greetings, parameter blocks, the stream
-// of frames, the fields of control messages. The stream is read twice, whole and in pieces whose
-// sizes the input chooses; both readings must agree, and no memory is claimed that no byte has paid
-// for.
+// Unchecked input of a link: greetings, parameter blocks, the stream of frames, the fields of
+// control messages. The stream is read twice, whole and in pieces whose sizes the input chooses;
+// both readings must agree, and memory is bounded by the bytes received.
 
 #include <algorithm>
 #include <cstddef>
@@ -36,7 +35,7 @@ void readMessage(Bytes message) {
     kvx::WireField field;
     auto step = cursor.next(field);
     for (; step == Step::kField; step = cursor.next(field)) require(liesIn(field.bytes(), message));
-    // A message that is sound as a whole has fields that the cursor can walk to the end.
+    // The cursor reaches the end of a valid message.
     if (rvmsg_Validate(message.data(), message.size()) == 0) require(step == Step::kEnd);
 }
 

@@ -1,5 +1,5 @@
 // Messages from a peer: validation, lookups, iteration, conversion, printing and copying of any
-// bytes. What validation accepts must iterate to its end.
+// bytes. A message that validation accepts must iterate to its end.
 
 #include <cstdio>
 #include <cstdlib>
@@ -44,7 +44,7 @@ int visit(const char* name, rvmsg_Type type, rvmsg_Size size, rvmsg_Data data, v
     return 0;
 }
 
-// The walk by callback and the walk by iterator see the same fields while all can be decoded.
+// Callback and iterator must see the same fields while all can be decoded.
 void readWhole(void* message) {
     std::vector<std::string> names;
     rvmsg_Iterate(message, nullptr, visit, &names);
@@ -67,7 +67,7 @@ void readWhole(void* message) {
     require(count <= names.size());
 }
 
-// A message that a copy of the bytes can grow: appends must keep what is there.
+// Appends to a growing copy must keep the existing fields.
 void appendTo(const RvMsg& message) {
     RvMsg copy(message);
     const rvmsg_Size before = copy.size();
@@ -85,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t len
         require(!isValid);
         return 0;
     }
-    // The plain readers believe the length word; give them one that is true.
+    // The plain readers trust the length word: set a correct one.
     kvx::storeBig32(copy.data(), static_cast<std::uint32_t>(length));
     kvx::storeBig32(copy.data() + 4, kvx::kMessageMagic);
     readWhole(copy.data());

@@ -1,5 +1,5 @@
-// Query texts: what parses must also translate against a table, and what does not parse must say
-// where it stopped, inside the text or just behind it.
+// Query texts: a text that parses must be translatable against a table, and an error must have a
+// position inside the text or just behind it.
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
-// The daemon's side of one connection, fed with arbitrary bytes in arbitrary chunks, between time
-// steps: protocol, router and queues together, as the server drives them, without sockets. A
-// second, well-behaved session listens to everything and reads slowly.
+// The daemon's side of one connection, fed with arbitrary bytes in arbitrary chunks and time steps:
+// protocol, router and queues together, as in the server, without sockets. A second, well-behaved
+// session listens to everything and reads slowly.
 
 #include <algorithm>
 #include <array>
@@ -28,7 +28,7 @@ void require(bool condition) {
     if (!condition) std::abort();
 }
 
-// A queue that takes what reaches its session.
+// A queue for the messages of its session.
 struct Box final : Receiver, Outbox {
     using Outbox::Outbox;
     void deliver(const PayloadRef& message) override { pushMessage(message); }
@@ -102,7 +102,7 @@ class House : public PeerActions {
         unsigned sum = 0;
         for (std::size_t i = 0; i < count; ++i) {
             offered += slices[i].size();
-            for (const auto byte : slices[i]) sum += byte;  // every byte is there to be read
+            for (const auto byte : slices[i]) sum += byte;  // every byte must be readable
         }
         box.written(std::min(offered, room + sum % 2));
     }
@@ -125,7 +125,7 @@ class House : public PeerActions {
     bool closed_ = false;
 };
 
-// A good handshake, so that most inputs get past it.
+// A valid handshake, so that most inputs get past it.
 void shakeHands(House& house) {
     const std::array<std::uint8_t, 12> answer = {0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0, 1};
     house.receive(answer);
@@ -135,8 +135,8 @@ void shakeHands(House& house) {
 
 }  // namespace
 
-// Input: one byte of options, then pieces, each behind one byte: its length, or above 0xF0 a step
-// of time.
+// Input: one byte of options, then pieces, each after one byte: its length, or above 0xF0 a step of
+// time.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size == 0) return 0;
     House house;

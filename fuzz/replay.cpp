@@ -1,5 +1,5 @@
-// Runs a fuzz target over kept inputs: every file of the folders and files named on the command
-// line. Fails when there is none, so that a corpus cannot vanish unseen.
+// Runs a fuzz target over stored inputs: the files and folders of the command line. Fails without
+// any file, so that a missing corpus is noticed.
 
 #include <cstddef>
 #include <cstdint>

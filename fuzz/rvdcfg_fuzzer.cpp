@@ -1,5 +1,5 @@
 // The configuration file as text, also after a parse that stopped early: every text parses, and a
-// valid block of its own line is read behind whatever was there before.
+// valid block on a line of its own is read after any input.
 
 #include <cstddef>
 #include <cstdint>
@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     silence();
     CVekRvdCfgParser parser;
     parse(parser, std::string(reinterpret_cast<const char*>(data), size));
-    // Ends whatever an early stop may have left open, byte by byte if need be.
+    // Ends what an early stop may have left open.
     for (int i = 0; i < 3; ++i) parse(parser, "'\"\n");
     while (parser.RRCPGetService() == nullptr ||
            std::strcmp(parser.RRCPGetService()->RAString(), "after") != 0) {

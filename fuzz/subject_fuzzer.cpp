@@ -1,5 +1,5 @@
 // Subjects from a peer and from users: parsing, text forms, editing, and a tree that is changed and
-// asked with them, held against a plain list.
+// matched with them, compared with a plain list.
 
 #include <algorithm>
 #include <cstdlib>
@@ -16,7 +16,7 @@ void require(bool condition) {
     if (!condition) std::abort();
 }
 
-// Encoded bytes of unknown make; the length word made true, as the readers expect.
+// Reads unchecked bytes, with a correct length word as the readers expect.
 void readEncoded(const std::uint8_t* bytes, std::size_t length) {
     const auto view = kvx::SubjectView::parse(bytes, length);
     if (length < 3) return;
@@ -72,7 +72,7 @@ Subscription& entryFor(std::vector<Subscription>& all, const kvx::Subject& subje
     return all.back();
 }
 
-// Every line toggles a subscription and is then asked as a message's subject.
+// Every line toggles a subscription and is then matched as a message's subject.
 void driveTree(const std::vector<std::string>& lines) {
     kvx::SubjectTree<Subscription> tree;
     std::vector<Subscription> all;

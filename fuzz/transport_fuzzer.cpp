@@ -1,7 +1,7 @@
-// Packets of a peer, put together and decoded: no packet reads past its end, and what it yields is
-// bounded by what it holds.
+// Packets of a peer, collected and decoded: no read past the end of a packet, and the output is
+// bounded by the input.
 //
-// The input is a sequence of packets, each with its length in 2 big-endian bytes ahead of it.
+// The input is a sequence of packets, each preceded by its length in 2 big-endian bytes.
 
 #include <cstddef>
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::size_t kLargestExpansion = 1032;  // bytes that deflate makes of one, at most
+constexpr std::size_t kLargestExpansion = 1032;  // most bytes that one compressed byte expands to
 constexpr std::size_t kSlack = 4096;
 
 void ignoreReport(int, const char*, int, const char*) {}
@@ -31,7 +31,7 @@ void addPackets(CVekTransport& transport, const std::uint8_t* data, std::size_t 
     }
 }
 
-// The bytes of all records of the bag, which are deleted.
+// The total bytes of all records of the bag, which are deleted.
 std::size_t takeRecords(const CVekBag& bag) {
     std::size_t total = 0;
     for (unsigned i = 0; i < bag.RBSize(); ++i) {

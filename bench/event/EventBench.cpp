@@ -1,8 +1,8 @@
-// What does the event manager add to the system's own wait, and what does a timer cost?
+// The cost of the event manager on top of the system's own wait, and of a timer.
 //
-// A step: the loop goes round once with one socket ready among the watched ones, against a bare
-// poll(2) over the same sockets and a wake-up. A timer: one is added to and removed from a queue
-// that holds others, against a std::multimap that holds as many.
+// Step: one turn of the loop with one of the watched sockets ready, against a bare poll(2) over the
+// same sockets and a wake-up. Timer: adding and removing one in a queue with others, against a
+// std::multimap of the same size.
 
 #include <poll.h>
 #include <sys/resource.h>
@@ -28,7 +28,7 @@ namespace platform = kvx::platform;
 
 constexpr std::size_t kTimes = 2'000;
 
-// A connection with a byte to read, which nobody reads.
+// A connection with an unread byte.
 struct ReadyPair {
     platform::Socket near;
     platform::Socket far;
@@ -52,7 +52,7 @@ class Steps {
             idle_.push_back(platform::listenTcp({platform::kLoopbackAddress, 0}, error));
             watch(idle_.back().get());
         }
-        ready_ = std::make_unique<ReadyPair>();  // after the others: it has the highest number
+        ready_ = std::make_unique<ReadyPair>();  // last: it has the highest number
         watch(ready_->near.get());
         polled_.push_back({wakeUp_.descriptor(), POLLIN, 0});
     }

@@ -1,5 +1,5 @@
-// What does it cost to find the subscriptions that a message reaches, against one look-up of the
-// same text in a hash table, and does the number of subscriptions matter?
+// The cost of finding the matching subscriptions of a message, against one look-up of the same text
+// in a hash table, by the number of subscriptions.
 
 #include <cstdio>
 #include <random>
@@ -14,8 +14,8 @@ namespace {
 
 using kvx::bench::Contestant;
 
-constexpr std::size_t kQueries = 4096;    // different subjects, asked in turn
-constexpr std::size_t kWildcardOf = 100;  // one subscription in so many is a wildcard
+constexpr std::size_t kQueries = 4096;    // different subjects, in turn
+constexpr std::size_t kWildcardOf = 100;  // one of this many subscriptions is a wildcard
 constexpr std::size_t kTimes = 20000;
 
 struct Subscription {

@@ -1,4 +1,4 @@
-// How much more than a hand-written loop does a message of ten fields cost, to write and to read?
+// The cost of writing and reading a message of ten fields, against a hand-written loop.
 
 #include <cstdio>
 #include <memory>
@@ -39,8 +39,8 @@ const std::vector<PlainField> kFields = {
     {"status", RVMSG_INT, 4, &kSequence},
 };
 
-// Both encoded forms. Every round puts them at another place: loads and stores whose addresses
-// agree in their low bits hold each other up, and one unlucky place would be measured instead of
+// Both encoded forms. Every round puts them at another address: loads and stores whose addresses
+// agree in their low bits delay each other, and one unlucky address would be measured instead of
 // the code.
 class Buffers {
   public:
@@ -156,7 +156,7 @@ std::vector<Contestant> finders(Buffers& buffers) {
     return {repeated(buffers, "hand-written loop", plain), repeated(buffers, "rvmsg_Get", message)};
 }
 
-// One message takes all the fields of a round.
+// One message receives all the fields of a round.
 std::vector<Contestant> growers() {
     const auto filled = [](unsigned long reserved) {
         return [reserved](std::size_t fields) {

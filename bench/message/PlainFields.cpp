@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::uint8_t kFirstNumberType = 11;  // signed, unsigned, real
 
-// Copies a value of 2, 4 or 8 bytes with its bytes turned around.
+// Copies a value of 2, 4 or 8 bytes in reverse byte order.
 void copySwapped(void* target, const void* source, std::size_t size) {
     if (size == 2) {
         std::uint16_t value;
@@ -30,7 +30,7 @@ void copySwapped(void* target, const void* source, std::size_t size) {
     }
 }
 
-// Reads everything of a field but the value of its data.
+// Reads everything of a field except its value.
 const std::uint8_t* stepPlain(const std::uint8_t* at, const std::uint8_t* end, PlainField& field) {
     const auto left = static_cast<std::size_t>(end - at);
     if (left < 3) return nullptr;

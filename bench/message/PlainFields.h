@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
-/// The hand-written loop that the message format is held against: fields as name length, name,
-/// type, one size byte and data, in a buffer whose end is checked. No path, no nesting, no longer
+/// The hand-written loop that the message format is compared with: fields as name length, name,
+/// type, one size byte and data, in a buffer with a checked end. No paths, no nesting, no longer
 /// sizes.
 namespace kvx::bench {
 

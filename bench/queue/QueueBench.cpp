@@ -1,7 +1,7 @@
-// What does an engine's send cost, at once and through its queue, against the core's own send?
+// The cost of an engine's send, direct and through its queue, against the core's own send.
 //
-// All three publish the same datum to a real daemon that has nobody to deliver it to, and push it
-// out before the clock stops. The queue is drained in one tick.
+// All three publish the same datum to a real daemon without listeners, and flush it before the
+// clock stops. The queue is drained in one tick.
 
 #include <cstdio>
 #include <memory>

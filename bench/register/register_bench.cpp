@@ -1,13 +1,13 @@
-// How fast does a whole table reach a querier?
+// How fast a whole table reaches a querier.
 //
 // Baseline: the same SELECT read from the same SQLite file in this process, every value copied into
-// a string of its own. Measured: the query through the bus, from the moment it is sent until every
-// record is decoded in this process; the daemon and the service are processes of their own. Rounds
-// alternate; the table shows the median of each and the ratio of the medians.
+// a string. Measured: the query through the bus, from its sending until every record is decoded in
+// this process; the daemon and the service are separate processes. Rounds alternate; the table
+// shows the median of each and the ratio of the medians.
 //
-// The service's queue leaves on a tick of 100 ms. A round that began as soon as the one before
-// ended would always meet the same moment between two ticks, so each waits a little longer than the
-// last and the rounds are spread evenly over the tick.
+// The service's queue has a tick of 100 ms. Rounds in direct succession would always start at the
+// same phase of the tick, so each waits a little longer than the last, which spreads the rounds
+// evenly over it.
 
 #include <fmt/format.h>
 #include <sqlite3.h>
@@ -69,7 +69,7 @@ Reading readFromSqlite(const std::string& path) {
     return reading;
 }
 
-// Asks once and decodes what comes.
+// Sends one query and decodes the answer.
 Reading readOverTheBus(kvx::bus::Client& client) {
     kvx::tool::Query query(client.net(), 60000, [&client] { client.leave(0); });
     const auto begin = Clock::now();
@@ -117,7 +117,7 @@ int measure(kvx::bus::Client& client, const std::string& database) {
 }  // namespace
 
 int main() {
-    kvx::platform::keepFreedMemory();  // as the tool does whose receiving side this is
+    kvx::platform::keepFreedMemory();  // as in kvx, whose receiving side this is
     const kvx::test::TemporaryDirectory home;
     std::filesystem::create_directory(home.file("etc"));
     setenv("KVX_HOME", home.path().c_str(), 1);

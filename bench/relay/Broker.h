@@ -5,8 +5,8 @@
 
 namespace kvx::bench {
 
-/// A broker under measurement: a child process that says "... ready on tcp:host:port" on its
-/// standard output. Killed when this object dies.
+/// A broker under measurement: a child process that prints "... ready on tcp:host:port". Killed
+/// when this object is destroyed.
 class Broker {
   public:
     /// `program` with its arguments, as a command line without quoting.

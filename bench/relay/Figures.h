@@ -5,7 +5,7 @@
 
 namespace kvx::bench {
 
-/// What one contestant reached in one round.
+/// The results of one contestant in one round.
 struct Figures {
     double p50 = 0;         // microseconds
     double p99 = 0;         // microseconds

@@ -21,7 +21,8 @@ void require(int code, const char* what) {
     if (code != 0) throw std::runtime_error(std::string("cannot ") + what);
 }
 
-// One session with its loop. Both ends know when the other listens by asking until it answers.
+// One session with its loop. An end sends requests until the other answers, to know that it
+// listens.
 class End {
   public:
     End(std::uint16_t port, bool batching, const char* subject, const char* peer,
@@ -67,7 +68,7 @@ class End {
     rv_Session session_ = nullptr;
 };
 
-// Answers everything.
+// Answers every request.
 class Responder : public End {
   public:
     using End::End;
@@ -76,7 +77,7 @@ class Responder : public End {
     void heard() override { send(); }
 };
 
-// Asks, and asks again with every answer.
+// Sends the next request with every answer.
 class Requester : public End {
   public:
     using End::End;
@@ -108,7 +109,7 @@ class Requester : public End {
     std::vector<double> times_;
 };
 
-// Counts what arrives.
+// Counts received messages.
 class Counter : public End {
   public:
     using End::End;

@@ -8,9 +8,9 @@
 
 namespace kvx::bench {
 
-/// The two ends as programs have them: two sessions of the client library, each on a thread and an
-/// event manager of its own, with the property that batches outgoing messages. Sends `payload` to
-/// and fro, then one way; throws when something is lost.
+/// Two sessions of the client library, each on its own thread and event manager, with the property
+/// that batches outgoing messages. Sends `payload` to and fro, then one way; throws when a message
+/// is lost.
 Figures measureThroughLibrary(std::uint16_t port, const std::vector<std::uint8_t>& payload,
                               int requests, std::size_t messages);
 

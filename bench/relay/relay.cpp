@@ -1,5 +1,5 @@
-// relay: what any broker is measured against. One thread, one epoll set; joins the connections that
-// it accepts in pairs and copies bytes between the two, looking at nothing.
+// relay: the baseline for a broker. One thread, one epoll set; pairs the accepted connections and
+// copies bytes between the two unseen.
 //
 //   relay        prints "relay ready on tcp:127.0.0.1:<port>" and copies until it is killed
 
@@ -19,10 +19,10 @@ namespace {
 
 using namespace kvx::platform;
 
-constexpr std::size_t kBuffer = 256 * 1024;  // bytes copied at a time, as much as rvd reads
+constexpr std::size_t kBuffer = 256 * 1024;  // bytes copied at a time, as many as rvd reads
 constexpr int kEvents = 64;
 
-// One end of a pair. `held` is what the other end has sent and this one's socket did not take.
+// One end of a pair. `held` has the other end's bytes that this one's socket did not take.
 struct End {
     Socket socket;
     End* other = nullptr;
@@ -113,7 +113,7 @@ class Relay {
     const SocketHandle listener_;
     std::vector<std::byte> buffer_;
     std::unordered_map<int, std::unique_ptr<End>> ends_;
-    End* single_ = nullptr;  // accepted and waiting for its pair
+    End* single_ = nullptr;  // accepted, without a partner
 };
 
 }  // namespace

@@ -1,19 +1,19 @@
-// bench_relay: what a message costs through rvd, against a relay that only copies.
+// bench_relay: the cost of a message through rvd, against a relay that only copies.
 //
-// Both brokers run as processes of their own on the loopback. Two connections, one thread each, on
-// the raw wire: messages of exactly 128 bytes, built once, the same bytes for both brokers. Through
-// the relay the two connections are a pair; through rvd they are sessions of one space that listen
-// to one subject each.
+// Both brokers run as separate processes on the loopback. Two connections, one thread each, on the
+// raw wire: messages of exactly 128 bytes, built once, the same bytes for both brokers. Through the
+// relay the two connections are a pair; through rvd they are sessions of one space that listen to
+// one subject each.
 //
 //   latency     one request at a time, answered by the other thread; p50 and p99 of the round trip
 //   throughput  messages sent in blocks of 7,168 bytes, as the client library sends; from the first
 //               send to the last message received, every one counted; nothing may be lost
 //
-// The third contestant is rvd between two sessions of the client library, with its batching on for
-// the stream: what a program gets, encoding, loop, validation and delivery included.
+// The third contestant is rvd between two sessions of the client library, with batching on for the
+// stream: it includes encoding, loop, validation and delivery.
 //
-// The contestants take turns in every round, so that all see the same state of the machine. A
-// figure is the median over the rounds, a ratio the median of the rounds' ratios.
+// The contestants run in turn in every round, under the same state of the machine. A figure is the
+// median over the rounds, a ratio the median of the rounds' ratios.
 
 #include <algorithm>
 #include <array>
@@ -42,7 +42,7 @@ using Clock = std::chrono::steady_clock;
 using Message = std::vector<std::uint8_t>;
 
 constexpr std::size_t kMessageSize = 128;              // bytes
-constexpr std::size_t kBlock = 7168;                   // bytes handed to one send
+constexpr std::size_t kBlock = 7168;                   // bytes of one send
 constexpr std::size_t kBatch = kBlock / kMessageSize;  // messages
 constexpr std::size_t kReadBuffer = 256 * 1024;        // bytes
 constexpr int kWarmUp = 200;                           // requests before the first measured one
@@ -62,7 +62,7 @@ Message dataMessage(const char* subject, const Message& payload) {
     return {bytes.begin(), bytes.end()};
 }
 
-// The payload that makes a data message on `subject` one of exactly kMessageSize bytes.
+// A payload for a data message on `subject` of exactly kMessageSize bytes.
 Message payloadFor(const char* subject) {
     Message payload;
     while (payload.size() < kMessageSize) {
@@ -87,7 +87,7 @@ class Link {
         }
     }
 
-    // Becomes a session that listens to `subject`.
+    // Opens a session that listens to `subject`.
     void announce(const char* subject) {
         wire::GreetingBytes greeting{};
         receive(greeting.data(), greeting.size());
@@ -101,7 +101,7 @@ class Link {
         receive(reply.data() + kvx::kHeaderBytes, reply.size() - kvx::kHeaderBytes);
         send(wire::buildInit({"bench", "BENCH.1", "bench", "", nullptr, {}}).message.view());
         send(wire::buildListen(encodedSubject(subject), nullptr, 0).message.view());
-        const Message echo = dataMessage(subject);  // comes back once the listen is in force
+        const Message echo = dataMessage(subject);  // returned once the listen is in force
         send(echo);
         Message back(kMessageSize);
         receive(back.data(), back.size());
@@ -125,7 +125,7 @@ class Link {
         }
     }
 
-    // Reads messages and counts them; throws when one is not of the size that was sent.
+    // Reads and counts messages; throws at one of another size.
     void expectMessages(std::size_t count) {
         while (count > 0) {
             const auto got = platform::receiveSome(

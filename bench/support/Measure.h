@@ -9,7 +9,7 @@
 
 namespace kvx::bench {
 
-/// Keeps the compiler from leaving out what only a measurement needs.
+/// Keeps the compiler from removing a computation whose result is not used.
 template <class Value>
 void keep(const Value& value) {
     asm volatile("" : : "g"(&value) : "memory");
@@ -19,7 +19,7 @@ void keep(const Value& value) {
 struct Contestant {
     std::string name;
     std::function<void(std::size_t)> run;
-    double nanoseconds = 0;  // median for one time, set by `measure`
+    double nanoseconds = 0;  // median per run, set by `measure`
 };
 
 inline double timeOnce(const Contestant& contestant, std::size_t times) {
@@ -29,8 +29,8 @@ inline double timeOnce(const Contestant& contestant, std::size_t times) {
     return spent.count() / static_cast<double>(times);
 }
 
-/// Runs every contestant in turn, `rounds` times over, and keeps the median of each: what disturbs
-/// the machine for a while disturbs all of them.
+/// Runs every contestant in turn, for `rounds` rounds, and stores the median of each: a disturbance
+/// of the machine affects all of them.
 inline void measure(std::vector<Contestant>& contestants, std::size_t times, int rounds = 31) {
     std::vector<std::vector<double>> samples(contestants.size());
     for (const Contestant& contestant : contestants) timeOnce(contestant, times);
@@ -46,7 +46,7 @@ inline void measure(std::vector<Contestant>& contestants, std::size_t times, int
     }
 }
 
-/// One row for each contestant, with the ratio to the first.
+/// Prints one row for each contestant, with the ratio to the first.
 inline void printRows(const char* question, const std::vector<Contestant>& contestants) {
     for (const Contestant& contestant : contestants) {
         std::printf("%-30s %-26s %10.1f %8.2f\n", question, contestant.name.c_str(),
