@@ -7,20 +7,20 @@
 
 namespace kvx::beats {
 
-/// Hears beats on the bus and hands on the packets.
+/// Receives beats from the bus and passes on the packets.
 ///
-/// Beats go to "ZEMBRALIX.3.0.CTRL.NOTIFY" as it stands, whatever the domain: it is in the beat. A
-/// service that was told to beat on a subject of its own choice is heard when that one is below the
-/// same prefix, as one qualified with a domain is; the control service's own notifications arrive
-/// there too, and are no beats.
+/// Beats go to exactly "ZEMBRALIX.3.0.CTRL.NOTIFY"; the domain is in the beat. A service that beats
+/// on another subject is heard when that subject is below this prefix, such as one qualified with a
+/// domain. The control service's own notifications arrive there too, and are not beats.
 class BeatListener : public RvDataCallback {
   public:
-    /// `packet` gets the bytes of each message's packet, an empty span when it has none; they are
-    /// valid during the call. Main thread only.
+    /// `packet` is each message's packet, empty when it has none; valid during the call. Main
+    /// thread only.
     using Hear = std::function<void(std::span<const unsigned char> packet)>;
     explicit BeatListener(Hear packet) : hear_(std::move(packet)) {}
 
-    /// Listens until `net` ends. This object must outlive its loop. False when the bus refuses.
+    /// Listens until `net` terminates. This object must outlive its loop. False when the bus
+    /// refuses.
     [[nodiscard]] bool listen(CVekRvNet& net);
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data,

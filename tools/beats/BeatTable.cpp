@@ -1,5 +1,5 @@
-// Entries stand in the order of their last beats: a beat moves its entry to the end, so the one to
-// drop, for its silence or for want of room, is always the first.
+// Entries are in the order of their last beats: a beat moves its entry to the end, so the first one
+// is always the one to drop, for its silence or for lack of room.
 
 #include "tools/beats/BeatTable.h"
 

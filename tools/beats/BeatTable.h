@@ -16,71 +16,71 @@ namespace kvx::beats {
 
 using platform::Milliseconds;
 
-/// What one heartbeat says about a running service.
+/// The content of one heartbeat.
 struct Beat {
     std::string service;
     std::string domain;
     std::string host;
     std::int64_t pid = 0;
-    /// The beat's type. False: a backup, or one that has become primary since its last beat. True:
-    /// it is or has been primary; a beat never goes back.
+    /// The beat's type. False: a backup, or a primary since its last beat. True: is or was primary;
+    /// never false again.
     bool hasBeenPrimary = false;
 };
 
-/// The beat in a transport packet; nothing for bytes that are none.
+/// The beat in a transport packet; nothing for any other bytes.
 ///
 /// A beat is a packet of version 0, plain and the only one of its batch, whose one record holds the
 /// texts service, domain and host (of at most 255 bytes each), a pid above 0 and a type of 0 or 1.
-/// Further fields are allowed: a later version may say more.
+/// Further fields are allowed, for later versions.
 [[nodiscard]] std::optional<Beat> readBeat(std::span<const unsigned char> packet);
 
 inline constexpr Milliseconds kInterval = 10'000;      ///< between two beats of a service
-inline constexpr Milliseconds kTolerance = 1'000;      ///< by which a beat may be late
+inline constexpr Milliseconds kTolerance = 1'000;      ///< allowed delay of a beat
 inline constexpr Milliseconds kForgetAfter = 600'000;  ///< of silence
 inline constexpr std::size_t kMostServices = 10'000;
 
-/// One process of a service, as its beats tell. Points in time are the table's caller's clock.
+/// One process of a service, from its beats. Times are of the caller's clock.
 struct Service {
     Beat beat;  ///< the last one
     Milliseconds firstHeard = 0;
     Milliseconds lastHeard = 0;
     std::uint64_t beats = 0;
-    std::uint64_t missedBefore = 0;  ///< missing between beats that came
+    std::uint64_t missedBefore = 0;  ///< missing between received beats
 
     [[nodiscard]] Milliseconds age(Milliseconds now) const { return now - lastHeard; }
-    /// Beats that should have come since the last one.
+    /// Missing beats since the last one.
     [[nodiscard]] std::uint64_t overdue(Milliseconds now) const;
-    /// All beats that are missing since the first one.
+    /// Missing beats since the first one.
     [[nodiscard]] std::uint64_t missed(Milliseconds now) const {
         return missedBefore + overdue(now);
     }
 };
 
-/// Who has beaten lately: one entry for each process of a service, fed with the packets that arrive
-/// where beats go.
+/// The services with recent beats: one entry for each process, fed with the packets on the
+/// heartbeat subject.
 ///
-/// Packets and points in time in, values out; no socket and no clock inside. An entry that has been
-/// silent for ten minutes is dropped, and when 10,000 are full the one that has been silent longest
-/// gives way to a new one. One thread at a time.
+/// Packets and times in, values out; no socket and no clock inside. An entry that is silent for ten
+/// minutes is dropped, and of 10,000 entries the one silent longest when a new one comes. One
+/// thread at a time.
 class BeatTable {
   public:
     struct Counters {
         std::uint64_t heard = 0;      ///< beats
-        std::uint64_t ignored = 0;    ///< packets that were no beats
-        std::uint64_t forgotten = 0;  ///< entries that were dropped, for either reason
+        std::uint64_t ignored = 0;    ///< packets that are not beats
+        std::uint64_t forgotten = 0;  ///< entries dropped for either reason
     };
 
-    /// Takes one packet in. False, and counted, when it is no beat.
+    /// Takes one packet. False, and counted, when it is not a beat.
     bool hear(std::span<const unsigned char> packet, Milliseconds now);
 
-    /// Drops what has been silent for too long.
+    /// Drops the entries that were silent for too long.
     void forgetSilent(Milliseconds now);
 
     /// All entries, in order of service, domain, host and pid.
     [[nodiscard]] std::vector<Service> services() const;
 
     [[nodiscard]] std::size_t size() const { return index_.size(); }
-    /// How many entries have a beat overdue.
+    /// The number of entries with an overdue beat.
     [[nodiscard]] std::size_t silent(Milliseconds now) const;
 
     [[nodiscard]] const Counters& counters() const { return counters_; }
@@ -102,16 +102,16 @@ class BeatTable {
     void insert(const Beat& beat, Milliseconds now);
     void dropOldest();
 
-    Entries entries_;  // the one that has been silent longest first
+    Entries entries_;  // the one silent longest first
     std::map<Key, Entries::iterator> index_;
     Counters counters_;
 };
 
-/// "primary" for a process that is or has been primary, else "backup".
+/// "primary" for a process that is or was primary, else "backup".
 [[nodiscard]] const char* roleOf(const Beat& beat);
 
 /// A service as one JSON object: service, domain, host, pid, role, the seconds since its last and
-/// its first beat, the beats heard, missed in all and overdue now. Bytes that are no UTF-8 become
+/// its first beat, the beats heard, missed in all and overdue now. Bytes that are not UTF-8 become
 /// replacement characters.
 [[nodiscard]] std::string serviceAsJson(const Service& service, Milliseconds now);
 

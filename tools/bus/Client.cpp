@@ -40,7 +40,7 @@ Client::Client(const Connection& connection, unsigned long latencyMs)
 }
 
 Client::~Client() {
-    changed_ = nullptr;  // what it would call may be gone
+    changed_ = nullptr;  // it may refer to destroyed objects
 }
 
 std::string Client::sessionText() {

@@ -13,14 +13,14 @@
 
 namespace kvx::bus {
 
-/// The bus as a program uses it: a client whose main loop runs on this thread, and whose
-/// `whenRunning` is called once the loop has started. Main thread only, where nothing else is said.
+/// A program's bus client: its main loop runs on the main thread and calls `whenRunning` once it
+/// has started. Main thread only, unless stated otherwise.
 ///
-/// It tells on standard error when the daemon is lost and when it is back, and how many messages
-/// the daemon dropped because this program did not keep up.
+/// Reports on standard error when the daemon is lost and restored, and how many messages the daemon
+/// dropped because this program was too slow.
 class Client : private RvDataCallback {
   public:
-    /// `latencyMs` is the time-out of requests. Problems are told on standard error; `isUp` then
+    /// `latencyMs` is the time-out of requests. On failure reports on standard error, and `isUp`
     /// returns false.
     explicit Client(const Connection& connection, unsigned long latencyMs = 0);
     ~Client() override;
@@ -29,32 +29,32 @@ class Client : private RvDataCallback {
     CVekRvNet& net() { return net_; }
     RvSession& session() { return *net_.m_session; }
 
-    /// The daemon's address, as the configuration or the option has it.
+    /// The daemon's address, from the configuration or the option.
     const std::string& daemon() const { return daemon_; }
 
     /// `subject` as typed, or qualified with the domain when one was given.
     std::string qualified(const std::string& subject);
 
-    /// Calls `changed` when the daemon is lost (false) and when it is back (true), from the loop.
+    /// Sets the function that the loop calls when the daemon is lost (false) and restored (true).
     void onDaemonChange(std::function<void(bool isThere)> changed) {
         changed_ = std::move(changed);
     }
 
-    /// For programs that wait for one thing: they leave with 1 when the daemon is lost, since
-    /// reconnecting would block the loop and what was on its way may never come.
+    /// Leaves with 1 when the daemon is lost. For programs that wait for one answer: reconnecting
+    /// would block the loop, and the answer may be lost.
     void leaveWithoutDaemon();
 
-    /// For programs that promise a number of messages: with losses they end with 1.
+    /// Ends with 1 after a loss of messages. For programs that promise a number of messages.
     void failOnLoss() { failsOnLoss_ = true; }
 
     /// Messages that the daemon dropped. Any thread.
     std::uint64_t lostMessages() const { return lostMessages_; }
 
-    /// Runs the loop until `leave`, then returns the exit status that was asked for.
+    /// Runs the loop until `leave`, and returns the exit status given there.
     int run(std::function<void()> whenRunning);
 
-    /// The same, and SIGINT and SIGTERM leave with status 0 too, at once even when the loop is
-    /// stuck. Tells at the end what was lost.
+    /// The same; SIGINT and SIGTERM also leave, with status 0, even while the loop is blocked.
+    /// Reports the lost messages at the end.
     int runUntilSignal(std::function<void()> whenRunning);
 
     void leave(int exitStatus);
@@ -68,10 +68,10 @@ class Client : private RvDataCallback {
     void stopLoopFromOutside();
     int wrapUp();
 
-    std::optional<SignalScope> signals_;  // outlives the session, whose closing may be slow
+    std::optional<SignalScope> signals_;  // outlives the session, which may close slowly
 
     const bool qualify_;
-    std::atomic<int> exitStatus_ = 1;  // of a loop that nobody has asked to leave
+    std::atomic<int> exitStatus_ = 1;  // of a loop that ends without `leave`
     std::atomic<std::uint64_t> lostMessages_ = 0;
     std::atomic<bool> failsOnLoss_ = false;
     std::atomic<bool> hasWrappedUp_ = false;
@@ -79,7 +79,7 @@ class Client : private RvDataCallback {
     std::mutex loopLock_;
     rvevm_Manager loop_ = nullptr;  // guarded by loopLock_; null while the loop does not run
 
-    // Closing the session may still tell of the daemon's loss.
+    // Used while the session closes, which may report a lost daemon.
     std::string daemon_;
     std::function<void(bool)> changed_;
     CVekClient net_;

@@ -23,7 +23,7 @@ const std::string& programName() {
     return name;
 }
 
-// With the lock held. One write a line, so that processes that share a terminal mix none.
+// With the lock held. One write per line, so that lines of several processes do not mix.
 void tell(const std::string& line) {
     const std::string text = (progressIsShown ? kClearLine : "") + line;
     std::fwrite(text.data(), 1, text.size(), stderr);

@@ -4,16 +4,15 @@
 
 namespace kvx::bus {
 
-/// One line on standard error, with the program's name before it; a long message is shortened and
-/// control characters are spaces. Any thread.
+/// Writes one line to standard error, after the program's name; shortens a long message and
+/// replaces control characters by spaces. Any thread.
 void complain(const std::string& message);
 
-/// Text on standard error as it is, for what stands below a complaint or beside the output. Any
-/// thread. Like `complain`, it does not care whether somebody can read it.
+/// Writes unchanged text to standard error. Any thread. Like `complain`, it ignores write errors.
 void note(const std::string& text);
 
-/// Draws `text` over the line that the last call left on standard error, a terminal; an empty text
-/// takes it away. `complain` takes it away first. Any thread.
+/// Replaces the progress line on standard error, a terminal, by `text`; an empty text erases it.
+/// `complain` erases it first. Any thread.
 void showProgress(const std::string& text);
 
 }  // namespace kvx::bus

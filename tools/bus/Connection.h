@@ -6,16 +6,16 @@
 
 namespace kvx::bus {
 
-/// Where the bus is, and how a program uses it.
+/// The address of the bus, and options of its use.
 struct Connection : DaemonAddress {
     std::string domain;    ///< as given; empty when not given
-    bool verbose = false;  ///< tell on standard error what is connected
+    bool verbose = false;  ///< report the connection on standard error
 
     /// The domain for operations that always qualify.
     std::string domainOrDefault() const { return domain.empty() ? "DEFAULT" : domain; }
 };
 
-/// What is wrong with `text` as a part of a `Connection`, or an empty text.
+/// The error in `text` as a part of a `Connection`, or an empty text.
 [[nodiscard]] inline std::string problemWithPart(const std::string& text) {
     const bool bad = text.find_first_of("\"'\n\\") != std::string::npos;
     return bad ? "quotes, backslashes and line ends have no place here" : std::string();

@@ -1,5 +1,5 @@
-// Standard output fails at any write, at a flush, or only when it is closed, and the reason is in
-// `errno` for that moment alone; so each step looks, and the first reason is kept.
+// Standard output may fail at any write, at a flush, or only at its close, and `errno` is valid
+// only directly afterwards; so every step is checked, and the first error is kept.
 
 #include "tools/bus/Output.h"
 
@@ -19,7 +19,7 @@ namespace {
 std::mutex outputLock;
 
 // Guarded by outputLock.
-int failure = 0;  // the system's error number of the first one
+int failure = 0;  // the system's error number of the first failure
 bool closed = false;
 int endStatus = 0;  // once closed
 
@@ -41,7 +41,7 @@ int closeLocked(int status) {
     closed = true;
     endStatus = status;
     errno = 0;
-    // A stream that nothing was written to does not matter, even when it was never open.
+    // An unused stream does not matter, even when it was never open.
     if (failure == 0) note(std::fflush(stdout) == 0);
     if (failure == 0 && std::fclose(stdout) != 0 && errno != EBADF) note(false);
     if (failure == 0) return status;

@@ -5,8 +5,8 @@
 
 #include "platform/Clock.h"
 
-/// Standard output of a program, and the only way to it: whatever could not be written is known,
-/// and makes the program fail. Any thread; each call's text stays in one piece.
+/// The only access to standard output of a program: a failed write makes the program fail. Any
+/// thread; each call's text stays in one piece.
 namespace kvx::bus {
 
 /// Writes a text. After a failure nothing more is written.
@@ -15,17 +15,17 @@ void print(std::string_view text);
 /// Writes a text and a line end.
 void printLine(std::string_view text);
 
-/// Flushes what has been written. False when something could not be written.
+/// Flushes the output. False after any failure.
 bool flushOutput();
 
-/// True when something could not be written. A program that only prints has no reason to go on.
+/// True after any failure: a program that only prints can end.
 [[nodiscard]] bool outputHasFailed();
 
-/// The exit status of a program that wants to end with `status`: with standard output closed, and
-/// 1 when something could not be written, which is told on standard error. Call it last.
+/// Closes standard output and returns `status`; after any failure reports it on standard error and
+/// returns 1. Call it last.
 [[nodiscard]] int closeOutput(int status);
 
-/// The same, but does nothing when another thread is writing for longer than `limit`.
+/// The same; does nothing and returns false when another thread is writing for longer than `limit`.
 [[nodiscard]] bool tryCloseOutput(int& status, platform::Milliseconds limit);
 
 }  // namespace kvx::bus

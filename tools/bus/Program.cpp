@@ -1,7 +1,7 @@
-// The signals that end a program are blocked in every thread and taken by one of their own. So a
-// signal is answered whatever the main thread waits for, and what answers it may do anything that a
-// thread may do: flush, complain. That thread is never joined: it waits until the
-// process is gone, and what it uses is never destroyed.
+// The signals that end a program are blocked in every thread and taken by a dedicated one. So a
+// signal is handled whatever the main thread waits for, and the handling is ordinary code: it may
+// flush and write. That thread is never joined: it waits until the process ends, and its data is
+// never destroyed.
 
 #include "tools/bus/Program.h"
 
@@ -22,10 +22,10 @@ namespace kvx::bus {
 namespace {
 
 constexpr platform::Milliseconds kPatience = 300;  // from a signal to the end of the program
-constexpr platform::Milliseconds kStep = 10;       // between two askings to leave
+constexpr platform::Milliseconds kStep = 10;       // between two calls of `leave`
 constexpr platform::Milliseconds kOutputWait = 50;
 
-// What the main thread has set up for a signal.
+// The main thread's settings for a signal.
 struct Arrangement {
     std::set<int> ignored;  // constant once the thread runs
 
@@ -67,18 +67,18 @@ int wrapUp() {
     return arrangement().wrapUp ? arrangement().wrapUp() : 0;
 }
 
-// Lets the main thread end the process, or ends it.
+// Asks the main thread to end the process, and ends it if that takes too long.
 void answer(int signal) {
     const bool isIgnored = arrangement().ignored.contains(signal);
     if (!isInScope()) {
         if (isIgnored) return;
         endBySignal(signal);
     }
-    // A shell that starts a command behind itself has it ignore SIGINT, but asks for it here.
+    // SIGINT is handled although a shell makes a background command ignore it.
     if (isIgnored && signal == platform::signal_number::hangup()) return;
     const platform::Milliseconds end = platform::monotonicMs() + kPatience;
     while (platform::monotonicMs() < end) {
-        askToLeave();  // again: a loop that has only just begun forgets an earlier asking
+        askToLeave();  // again: a loop that has just begun misses an earlier call
         const int another = platform::awaitSignal(endingSignals(), kStep);
         if (another != 0) endBySignal(another);
     }

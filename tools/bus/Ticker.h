@@ -10,7 +10,7 @@
 
 namespace kvx::bus {
 
-/// Calls a function on the main thread, again and again or once, until it is destroyed.
+/// Calls a function on the main thread, once or repeatedly, until it is destroyed.
 class Ticker : public RvTimerCallback {
   public:
     enum class Repeat { Once, Forever };
@@ -30,8 +30,8 @@ class Ticker : public RvTimerCallback {
     std::unique_ptr<RvTimer> timer_;
 };
 
-/// A line about a long run, drawn anew every second on standard error when that is a terminal, and
-/// taken away at the end. In a pipe nothing is said. Main thread, once the net is up.
+/// A progress line, redrawn every second on standard error when that is a terminal, and erased at
+/// the end; nothing in a pipe. Main thread, once the net is up.
 class Progress {
   public:
     /// `net` must outlive this object; `text` is called from its loop.

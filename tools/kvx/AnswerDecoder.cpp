@@ -1,6 +1,5 @@
-// A long answer arrives as hundreds of compressed packets which know nothing of one another. Each
-// thread inflates and decodes a run of them, and the runs are put together in the order in which
-// the packets came.
+// A long answer arrives as hundreds of independent compressed packets. Each thread inflates and
+// decodes a run of them, and the runs are joined in the order of the packets.
 
 #include "tools/kvx/AnswerDecoder.h"
 
@@ -15,10 +14,10 @@ namespace kvx::tool {
 
 namespace {
 
-constexpr unsigned kPacketsForAThread = 16;  // fewer are decoded before a thread has started
+constexpr unsigned kPacketsForAThread = 16;  // fewer are decoded before a thread starts
 constexpr unsigned kMostDecoders = 4;        // threads
 
-// Packets that follow one another, and what became of them. One thread at a time.
+// Consecutive packets, and their records. One thread at a time.
 struct Run {
     Run() = default;
     Run(const Run&) = delete;

@@ -8,17 +8,17 @@
 
 namespace kvx::tool {
 
-/// Records in the order in which they came, and how many byte strings were no records.
+/// Records in order of arrival, and the number of byte strings that are not records.
 struct Decoded {
     std::vector<std::unique_ptr<CVekBaseRecord>> records;
     std::size_t bad = 0;
 };
 
-/// As many threads as the machine has processors, but never many for one answer.
+/// The number of threads for this machine's processors, bounded per answer.
 unsigned usualDecoders();
 
-/// Decodes the packets of a whole answer, a long one on `threads` threads at once. Leaves `answer`
-/// without packets and with the store status that `RTDecodes` would have left.
+/// Decodes the packets of a whole answer, a long one on up to `threads` threads. Takes the packets
+/// out of `answer`, and sets its store status as `RTDecodes` does.
 Decoded decodeAnswer(CVekTransport& answer, unsigned threads = usualDecoders());
 
 }  // namespace kvx::tool

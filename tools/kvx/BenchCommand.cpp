@@ -1,5 +1,5 @@
-// kvx bench: this process talks to itself through the daemon, over one session. The figures hold
-// the daemon, the link both ways and this process's own work.
+// kvx bench: this process sends to itself through the daemon, over one session. The figures include
+// the daemon, the link in both directions and this process's own work.
 
 #include <fmt/format.h>
 
@@ -23,7 +23,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr unsigned long kStallLookMs = 1000;  // between two looks for a stall
+constexpr unsigned long kStallLookMs = 1000;  // between two checks for a stall
 
 double secondsSince(Clock::time_point begin) {
     return std::chrono::duration<double>(Clock::now() - begin).count();
@@ -42,7 +42,7 @@ class Echo : public RvDataCallback {
     }
 };
 
-// One round trip after the other; every answer starts the next request.
+// Consecutive round trips; every answer starts the next request.
 class RoundTrips : public RvDataCallback {
   public:
     RoundTrips(bus::Client& client, RvSender& sender, const RvDatum& datum, std::uint64_t count)
@@ -73,8 +73,8 @@ class RoundTrips : public RvDataCallback {
     std::unique_ptr<RvListener> listener_;
 };
 
-// A window of messages under way: half of it heard again, half of it sent anew. Gives up when a
-// message is known to be lost, or when none has come back for too long.
+// A stream with a bounded window: after half a window has come back, half a window is sent. Gives
+// up when a message is known to be lost, or none has come back for too long.
 class Stream : public RvDataCallback {
   public:
     Stream(bus::Client& client, RvSender& sender, const RvDatum& datum, std::uint64_t count)
@@ -92,7 +92,7 @@ class Stream : public RvDataCallback {
     }
 
     void onData(const char*, RvSender*, const RvDatum&, RvListener*) override {
-        if (heard_ == sent_) return;  // somebody else's
+        if (heard_ == sent_) return;  // of another sender
         lastHeard_ = Clock::now();
         if (++heard_ == count_) return client_.leave(kSuccess);
         if (sent_ - heard_ <= window_ / 2) fill();

@@ -28,7 +28,7 @@ bool isColumn(const std::string& name) {
     return name != kChangeField && name != kTableField;
 }
 
-// A text as it is when nobody can misread it, else in double quotes with escapes.
+// Unchanged when unambiguous, else in double quotes with escapes.
 std::string plainOrQuoted(const std::string& text) {
     const std::string shown = printable(text);
     const bool plain = !text.empty() && shown.find_first_of(" \"\\") == std::string::npos;

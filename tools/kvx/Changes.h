@@ -8,16 +8,16 @@
 
 namespace kvx::tool {
 
-/// How the rows of a notice are shown, and which.
+/// Selection and format of the rows of a notice.
 struct ChangeFormat {
     std::string table;  ///< rows of this table only; empty for all
     bool json = false;
 };
 
-/// One line for every row that `datum`, a packet of a notify subject, tells of.
+/// One line for every row in `datum`, a packet of a notify subject.
 ///
-/// A packet is read by itself: no record goes beyond its packet, so it does not matter to which
-/// batch it belongs or what else its sender sent. Any thread.
+/// A packet is read by itself: records never cross packets, so its batch and its sender do not
+/// matter. Any thread.
 std::vector<std::string> changesIn(const RvDatum& datum, std::int64_t cameAtMs,
                                    const ChangeFormat& format);
 

@@ -23,13 +23,13 @@ namespace kvx::tool {
 
 namespace {
 
-constexpr std::size_t kLongestWord = 60;  // bytes shown of a word that is wrong
+constexpr std::size_t kLongestWord = 60;  // bytes shown of an invalid word
 
 std::string quoted(const std::string& word) {
     return "'" + shortened(word, kLongestWord) + "'";
 }
 
-// How many characters must be added, removed or replaced to make one text of the other.
+// The edit distance: characters to add, remove or replace.
 std::size_t distance(const std::string& one, const std::string& other) {
     std::vector<std::size_t> row(other.size() + 1);
     std::iota(row.begin(), row.end(), 0);
@@ -44,7 +44,7 @@ std::size_t distance(const std::string& one, const std::string& other) {
     return row.back();
 }
 
-// "; did you mean '...'?" of the known word that is most like `word`.
+// "; did you mean '...'?" with the known word nearest to `word`.
 std::string suggestion(const std::string& word, const std::vector<std::string>& known) {
     const std::string start = word.substr(0, kLongestWord);
     const auto nearest =
@@ -72,7 +72,7 @@ bool isOption(const std::string& word) {
     return word.size() > 1 && word.front() == '-';
 }
 
-// The same for `word` where a command of `app` is meant.
+// The same for `word` in the place of a command of `app`.
 std::string unknownCommand(const CLI::App& app, const std::string& word) {
     std::vector<std::string> known;
     for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
@@ -81,8 +81,8 @@ std::string unknownCommand(const CLI::App& app, const std::string& word) {
     return fmt::format("unknown command {}{}", quoted(word), suggestion(word, known));
 }
 
-// What is wrong with a command line that `app` refused with `error`, as one line: an unknown
-// command or option is named, with the nearest known one.
+// One line about a command line that `app` refused with `error`: it names an unknown command or
+// option, with the nearest known one.
 std::string usageProblem(const CLI::App& app, const CLI::ParseError& error) {
     const std::vector<std::string> strange = app.remaining(true);
     const auto chosen = app.get_subcommands();
@@ -97,7 +97,7 @@ std::string usageProblem(const CLI::App& app, const CLI::ParseError& error) {
     return error.what();
 }
 
-// What is wrong with `text` as a whole number of at least `least`, or an empty text.
+// The error in `text` as a whole number of at least `least`, or an empty text.
 std::string problemWithCount(const std::string& text, std::uint64_t least) {
     std::uint64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -106,7 +106,7 @@ std::string problemWithCount(const std::string& text, std::uint64_t least) {
     return fmt::format("{} is no whole number of at least {}", quoted(text), least);
 }
 
-// What is wrong with `text` as a number of seconds, decimals allowed, or an empty text.
+// The error in `text` as a number of seconds, decimals allowed, or an empty text.
 std::string problemWithSeconds(const std::string& text, double least, double most) {
     double seconds = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
@@ -127,7 +127,7 @@ class CommandLine {
     CommandLine() {
         app_.set_version_flag("--version", std::string("kvx ") + KVX_VERSION);
         app_.require_subcommand(1);
-        app_.fallthrough();  // options of every command may stand behind it, too
+        app_.fallthrough();  // global options may follow the command, too
         addConnection();
         addListen();
         addSend();
@@ -168,14 +168,14 @@ class CommandLine {
         app_.add_option("--domain", connection_.domain, "domain that subjects are qualified with")
             ->check(plain);
         json_ = app_.add_flag("--json", connection_.json, "print JSON, one object a line");
-        app_.add_flag("-v,--verbose", connection_.verbose, "tell more on standard error");
+        app_.add_flag("-v,--verbose", connection_.verbose, "report more on standard error");
     }
 
     template <class Options>
     CLI::App& add(const char* name, const char* what, Options& options,
                   int (*function)(const Options&)) {
         CLI::App& command = *app_.add_subcommand(name, what);
-        command.footer("\"kvx help\" tells the options of every command.");
+        command.footer("\"kvx help\" lists the options of every command.");
         command.callback([this, &options, function] {
             chosen_ = [this, &options, function] {
                 options.connection = connection_;
@@ -189,7 +189,7 @@ class CommandLine {
         auto& command = add("listen", "print messages as they arrive", listen_, listen);
         command.add_option("subjects", listen_.subjects, "subjects, * and > as wildcards")
             ->required();
-        addCount(command, "--count", listen_.count, "leave after so many messages; 0 for never");
+        addCount(command, "--count", listen_.count, "leave after this many messages; 0 for never");
     }
 
     void addSend() {
@@ -215,7 +215,7 @@ class CommandLine {
         auto* csv = command.add_flag_callback(
             "--csv", [this] { query_.format = RowFormat::Csv; }, "print comma-separated values");
         csv->excludes(json_);
-        command.add_flag("--quiet", query_.quiet, "print no rows, only what they came to");
+        command.add_flag("--quiet", query_.quiet, "print no rows, only the summary");
         addTimeout(command, query_.timeoutSeconds);
     }
 
@@ -224,11 +224,11 @@ class CommandLine {
         command.add_option("SERVICE", snoop_.service, "the service's name, such as Model")
             ->required();
         command.add_option("--table", snoop_.table, "only the rows of this table");
-        addCount(command, "--count", snoop_.count, "leave after so many rows; 0 for never");
+        addCount(command, "--count", snoop_.count, "leave after this many rows; 0 for never");
     }
 
     void addServices() {
-        auto& command = add("services", "list the services that are alive", services_, services);
+        auto& command = add("services", "list the running services", services_, services);
         auto* wait = command.add_option("--wait", services_.waitSeconds,
                                         "seconds to listen; services beat every 10 seconds");
         wait->check(secondsBetween(0.01, 3600))->capture_default_str();
@@ -246,14 +246,14 @@ class CommandLine {
     }
 
     void addHelp() {
-        CLI::App& command = *app_.add_subcommand("help", "tell about a command");
+        CLI::App& command = *app_.add_subcommand("help", "print the help of a command");
         command.add_option("command", helpTopic_, "the command");
         command.callback([this] { chosen_ = [this] { return help(); }; });
     }
 
     int help() {
         if (helpTopic_.empty()) {
-            // `App::help` would tell about this command.
+            // `App::help` would print this command's help.
             bus::print(app_.get_formatter()->make_help(&app_, app_.get_name(),
                                                        CLI::AppFormatMode::Normal));
             return kSuccess;

@@ -14,7 +14,7 @@ using bus::kFailure;
 using bus::kSuccess;
 using bus::kUsage;
 
-/// What every subcommand takes: where the bus is, and how to print.
+/// Options of every subcommand: the address of the bus, and the output.
 struct Connection : bus::Connection {
     bool json = false;
 };
@@ -22,10 +22,10 @@ struct Connection : bus::Connection {
 struct ListenOptions {
     Connection connection;
     std::vector<std::string> subjects;
-    std::uint64_t count = 0;  ///< leave after so many messages; 0 for never
+    std::uint64_t count = 0;  ///< leave after this many messages; 0 for never
 };
 
-/// What a message is made of: `name[:type]=value` fields, or a whole payload from standard input.
+/// The content of a message: `name[:type]=value` fields, or a whole payload from standard input.
 struct Payload {
     std::vector<std::string> fields;
     bool opaque = false;  ///< standard input holds bytes, not a text
@@ -54,7 +54,7 @@ struct QueryOptions {
     std::string service;
     std::string text;
     RowFormat format = RowFormat::Table;
-    bool quiet = false;  ///< no rows, only what they came to
+    bool quiet = false;  ///< no rows, only the summary
     double timeoutSeconds = 8;
 };
 
@@ -62,12 +62,12 @@ struct SnoopOptions {
     Connection connection;
     std::string service;
     std::string table;        ///< rows of this table only; empty for all
-    std::uint64_t count = 0;  ///< leave after so many rows; 0 for never
+    std::uint64_t count = 0;  ///< leave after this many rows; 0 for never
 };
 
 struct ServicesOptions {
     Connection connection;
-    double waitSeconds = 11;  ///< a beat interval and a little more
+    double waitSeconds = 11;  ///< a little more than a beat interval
     bool watch = false;
 };
 
@@ -78,9 +78,9 @@ struct BenchOptions {
     std::uint32_t bytes = 128;
 };
 
-// One function a subcommand. They return the exit status, having told
-// the user on standard error about whatever went wrong. What cannot be written to standard output
-// makes the program fail in `bus::runProgram`; a long run leaves early then.
+// One function per subcommand. They return the exit status and report errors on standard error. A
+// failed write to standard output makes the program fail in `bus::runProgram`; a long run then ends
+// early.
 
 /// Prints messages as they arrive, until the count is reached or a signal ends the process.
 int listen(const ListenOptions& options);
@@ -91,7 +91,7 @@ int send(const SendOptions& options);
 /// Publishes a request and prints the first answer.
 int request(const RequestOptions& options);
 
-/// Asks a service in its query language and prints the rows, their number and the time.
+/// Sends a query to a service and prints the rows, their number and the time.
 int query(const QueryOptions& options);
 
 /// Prints the rows that a service publishes as they change, until the count is reached or a signal
@@ -104,10 +104,10 @@ int services(const ServicesOptions& options);
 /// Measures round trips and a stream through the daemon.
 int bench(const BenchOptions& options);
 
-/// Whether a command tells on standard error what it is doing: to a person, or when asked to.
+/// Whether a command reports its progress on standard error: on a terminal, or with `--verbose`.
 bool talks(const Connection& connection);
 
-/// Reads the command line and runs the subcommand it names.
+/// Reads the command line and runs its subcommand.
 int runCommandLine(int argc, char** argv);
 
 }  // namespace kvx::tool

@@ -1,5 +1,5 @@
-// JSON of bus data. The walk recurses into nested messages; what comes from the bus was checked to
-// nest no deeper than the format allows.
+// JSON of bus data. Nested messages are written recursively; received messages were checked for the
+// format's limit of nesting.
 
 #include "tools/kvx/DatumJson.h"
 
@@ -79,7 +79,7 @@ Json dateTime(const RvDatum& datum) {
     if (datum.size() < 3 * sizeof(std::uint32_t)) return nullptr;
     std::uint32_t words[3];
     std::memcpy(words, datum.data(), sizeof words);
-    // The high byte is a sign: 255 stands for a time before 1970.
+    // The high byte is a sign: 255 for a time before 1970.
     const auto seconds =
         static_cast<std::int64_t>(words[1]) - (words[0] == 255 ? (std::int64_t{1} << 32) : 0);
     return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z",

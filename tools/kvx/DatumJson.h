@@ -6,8 +6,7 @@
 
 namespace kvx::tool {
 
-/// The text of a JSON document in which the control characters that JSON lets through are escaped,
-/// too. The meaning stays the same.
+/// `json` with the control characters that JSON allows escaped too, so with the same meaning.
 std::string printableJson(const std::string& json);
 
 /// A message as one line of JSON: subject, reply (null when there is none), and the datum.

@@ -1,5 +1,5 @@
-// Fields from the command line. One table has the type names; each entry reads the value's text in
-// full or refuses it, so that no field silently becomes another value than the user typed.
+// Fields from the command line. One table has the type names; each entry parses the whole text of
+// the value or refuses it, so that no field silently gets another value than the user typed.
 
 #include "tools/kvx/Fields.h"
 
@@ -118,9 +118,9 @@ const FieldType* findType(std::string_view name) {
     return nullptr;
 }
 
-constexpr std::size_t kLargestMessage = 64U << 20U;  // bytes; the link carries no larger one
+constexpr std::size_t kLargestMessage = 64U << 20U;  // bytes; the limit of the link
 
-// All of standard input. Returns what is wrong, or an empty text.
+// Reads all of standard input. Returns the error, or an empty text.
 std::string readStandardInput(std::string& content) {
     std::array<char, 65536> buffer{};
     errno = 0;
@@ -134,7 +134,7 @@ std::string readStandardInput(std::string& content) {
     return "standard input: " + std::generic_category().message(errno);
 }
 
-// The datum owns nothing that it is given, so a copy that does is handed out.
+// The datum borrows the text, so an owning copy is returned.
 std::unique_ptr<RvDatum> standardInputDatum(bool opaque, PayloadProblem& problem) {
     std::string content;
     problem = {readStandardInput(content), kFailure};

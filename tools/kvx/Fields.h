@@ -8,24 +8,23 @@
 
 namespace kvx::tool {
 
-/// The type names that a field may carry, for the help text.
+/// The type names of fields, for the help text.
 std::string fieldTypes();
 
-/// Whether the bus takes `text` as a subject, with or without wildcards.
+/// Whether `text` is a valid subject, with or without wildcards.
 [[nodiscard]] bool isSubject(const std::string& text);
 
-/// Appends the field that `text` describes, `name[:type]=value`. Returns what is wrong with it, or
-/// an empty text.
+/// Appends the field `text`, `name[:type]=value`. Returns the error, or an empty text.
 std::string appendField(RvMsg& message, const std::string& text);
 
-/// Why there is no payload, and the exit status that this is worth.
+/// Why there is no payload, and the exit status.
 struct PayloadProblem {
     std::string text;
     int status = kUsage;
 };
 
-/// The datum that a command line describes. Null, with `problem` filled, when it describes none or
-/// standard input cannot be read.
+/// The datum of a command line. Null, with `problem` set, when it is invalid or standard input
+/// cannot be read.
 std::unique_ptr<RvDatum> buildPayload(const Payload& payload, PayloadProblem& problem);
 
 }  // namespace kvx::tool

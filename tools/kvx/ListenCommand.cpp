@@ -1,4 +1,4 @@
-// kvx listen: prints what comes, one message a line.
+// kvx listen: prints received messages, one per line.
 
 #include <fmt/format.h>
 
@@ -16,7 +16,7 @@ namespace kvx::tool {
 
 namespace {
 
-// Prints every message, with its reply subject as "-" when there is none, and leaves after `count`.
+// Prints every message, with "-" for a missing reply subject, and leaves after `count`.
 class Printer : public RvDataCallback {
   public:
     Printer(bus::Client& client, const ListenOptions& options)
@@ -50,7 +50,7 @@ int listen(const ListenOptions& options) {
     if (!client.isUp()) return kFailure;
     Printer printer(client, options);
     for (const auto& subject : options.subjects) {
-        // Looked at here, since the net tells of a bad one in words of its own.
+        // Checked here, since the net would report an invalid one in its own format.
         const std::string full = client.qualified(subject);
         if (!isSubject(full) || client.net().RRNAddExService(full.c_str(), &printer) != 1) {
             bus::complain("cannot listen on '" + full + "': it is no subject to listen on");

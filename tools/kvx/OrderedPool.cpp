@@ -1,6 +1,6 @@
-// Every update gets a place when it comes in. A thread that has decoded one leaves the lines under
-// its place, and then puts out all that are next in the order: so nobody waits for a slower
-// neighbour, and the one that fills a gap does the work of those behind it.
+// Every update gets a number when it comes in. A thread stores its decoded lines under that number,
+// and then emits all that are next in order: no thread waits for a slower one, and the one that
+// fills a gap also emits the updates behind it.
 
 #include "tools/kvx/OrderedPool.h"
 

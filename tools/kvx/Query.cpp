@@ -1,5 +1,5 @@
-// A question and its answer. The time-out is counted from the last packet that came, so that a long
-// answer may take as long as it needs while a lost packet is noticed.
+// A question and its answer. The time-out counts from the last packet, so that a long answer may
+// take any time and a lost packet is still detected.
 
 #include "tools/kvx/Query.h"
 
@@ -32,7 +32,7 @@ void Query::onData(const char*, RvSender*, const RvDatum& data, RvListener* list
 }
 
 void Query::onTimeout(RvListener* listener) {
-    // Nobody has answered in time, so nobody is listened to any more.
+    // The time-out has passed: stop listening.
     net_.RRNRemoveListener(listener->subject());
 }
 

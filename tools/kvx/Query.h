@@ -8,15 +8,15 @@
 
 namespace kvx::tool {
 
-/// One question put to a service, and its answer gathered packet by packet.
+/// One question to a service, and its answer collected packet by packet.
 ///
-/// `finished` is called once: when every packet is there, or when `timeoutMs` passed without one.
-/// The object must stay alive until then, and as long as the loop runs. Its reply listener goes
-/// when the answer is complete, at the latest with the net. Main thread only.
+/// `finished` is called once: when every packet has come, or when `timeoutMs` passed without one.
+/// The object must stay alive until then, and as long as the loop runs. Its reply listener is
+/// removed when the answer is complete, at the latest with the net. Main thread only.
 class Query : public RvDataCallback, public RvTimerCallback {
   public:
-    /// What the packets of an answer came to. Bytes are those of the records with their lengths,
-    /// before compression and as they travelled.
+    /// Totals of the packets of an answer. Bytes are those of the records with their lengths,
+    /// uncompressed and as received.
     struct Totals {
         std::uint64_t packets = 0;
         std::uint64_t plainBytes = 0;

@@ -1,4 +1,4 @@
-// kvx query: ask, gather, decode, print.
+// kvx query: send the query, collect the packets, decode and print.
 
 #include <fmt/format.h>
 
@@ -37,7 +37,7 @@ std::string plural(std::uint64_t count, const char* word) {
     return fmt::format("{} {}{}", count, word, count == 1 ? "" : "s");
 }
 
-// What the answer came to, in one line.
+// The summary line of an answer.
 std::string summary(const Rows& rows, const Query::Totals& totals, double seconds) {
     std::string text = plural(rows.size(), "row") + " in " + plural(totals.packets, "packet") +
                        ", " + bytesText(totals.plainBytes);
@@ -50,7 +50,7 @@ std::string summary(const Rows& rows, const Query::Totals& totals, double second
 std::string statusText(EVekStoreErrorStatus status) {
     const kvx::Text text(CVekTransport::RTPrintError(status, ""));
     std::string words = text ? text.get() : "";
-    // The text stands between "( " and " )", with a blank of its own in front.
+    // The text is between "( " and " )", with a leading blank.
     if (words.size() > 5) words = words.substr(3, words.size() - 5);
     return words;
 }
@@ -67,8 +67,8 @@ long long integerField(const CVekBaseRecord& record, const char* name) {
     return integer ? value->RAInt64() : 0;
 }
 
-// Shows the place of the query that `position` (1-based) names, with a mark below it: its line, or
-// the stretch around it of a long one.
+// Shows the line of the query with `position` (1-based), or a part of a long line, and a mark below
+// it.
 void pointAt(const std::string& text, long long position) {
     constexpr std::size_t kMostAround = 60;  // bytes before and after the place
     const auto place = static_cast<std::size_t>(position) - 1;
@@ -105,7 +105,7 @@ int showAnswer(const QueryOptions& options, Query& query, double seconds) {
     }
     const RowFormat format = options.connection.json ? RowFormat::Json : options.format;
     if (!options.quiet) rows.print(format, bus::print, platform::isTerminal(stdout));
-    // What a program would read holds nothing but rows, and the summary is true of what got out.
+    // Standard output has only the rows; the summary follows when they are written.
     if (!bus::flushOutput()) return kFailure;
     const auto tell = [&](const std::string& line) {
         format == RowFormat::Table ? bus::printLine(line) : bus::note(line + "\n");

@@ -1,4 +1,4 @@
-// Rows on their way to a reader. A lookup by name serves records that lack some of the columns.
+// Formatting rows for output. Values are looked up by name, since records may lack some columns.
 
 #include "tools/kvx/Rows.h"
 
@@ -25,12 +25,12 @@ std::string csvField(const std::string& text) {
     return quoted + '"';
 }
 
-// A cursor over a query's text that cannot step past its end.
+// A bounded cursor over a query's text.
 class Words {
   public:
     explicit Words(std::string_view text) : rest_(text) {}
 
-    // Takes a bare word, or the word in quotes; nothing where neither stands.
+    // Takes a bare or a quoted word; nothing when there is neither.
     std::optional<std::string> word() {
         skipBlanks();
         if (rest_.empty()) return std::nullopt;
@@ -74,7 +74,7 @@ class Words {
         return taken;
     }
 
-    // A doubled closing quote stands for one.
+    // A doubled closing quote is one quote.
     std::optional<std::string> quotedWord(char close) {
         std::string word;
         rest_.remove_prefix(1);
@@ -190,7 +190,7 @@ void Rows::printJson(const std::vector<Column>& columns, const Write& write) con
     for (const auto& record : records_) {
         std::string line = "{";
         for (auto column = columns.begin(); column != columns.end(); ++column) {
-            // A key stands once, however often the column was selected.
+            // A key is written once, even for a column selected twice.
             if (std::any_of(columns.begin(), column, [&](const Column& before) {
                     return before.heading == column->heading;
                 })) {

@@ -19,17 +19,14 @@ std::string valueText(const CVekAtom* value);
 /// A value of a record as JSON: a number, a string, or null.
 std::string jsonValue(const CVekAtom* value);
 
-/// The columns that a query names between "select" and "from", in its order and spelling; none when
-/// it asks for "*", or is of another form. A name may stand in double quotes, backquotes or
-/// brackets.
+/// The columns that a query names between "select" and "from", in its order and spelling; none for
+/// "*" or another form. A name may be in double quotes, backquotes or brackets.
 ///
-/// A row need not hold a field for every column, and an answer may have no rows at all, so the
-/// question alone knows what was asked for.
+/// Rows may lack columns, and an answer may have no rows, so only the query has all the columns.
 std::vector<std::string> selectedColumns(std::string_view query);
 
-/// The rows of an answer, as records came in. Their columns are those that the query selects, in
-/// its order, whatever the records hold; when it names none, those of all records in order of first
-/// appearance.
+/// The rows of an answer. Their columns are those that the query selects, in its order, whatever
+/// the records hold; when it names none, those of all records in order of first appearance.
 class Rows {
   public:
     using Write = std::function<void(std::string_view line)>;
@@ -41,16 +38,16 @@ class Rows {
     std::size_t size() const { return records_.size(); }
     const CVekBaseRecord& at(std::size_t row) const { return *records_[row]; }
 
-    /// Hands all rows to `write`, line by line with the line ends: an aligned table with a heading,
-    /// one JSON object a line, or comma-separated values with a heading. A missing value is empty,
-    /// or null in JSON. Control characters become spaces so that no answer can steer a terminal;
-    /// comma-separated values keep them, except `forTerminal`.
+    /// Passes all rows to `write`, line by line with the line ends: an aligned table with a
+    /// heading, one JSON object per line, or comma-separated values with a heading. A missing value
+    /// is empty, or null in JSON. Control characters become spaces, so that no answer can control a
+    /// terminal; comma-separated values keep them unless `forTerminal`.
     void print(RowFormat format, const Write& write, bool forTerminal = false) const;
 
   private:
     struct Column {
         std::string heading;
-        std::string field;  // of the records, whose case may differ from the query's
+        std::string field;  // of the records; its case may differ from the query's
     };
 
     void noteFields(const CVekBaseRecord& record);
@@ -64,10 +61,10 @@ class Rows {
     std::vector<std::string> fields_;  // of all records, in order of first appearance
 };
 
-/// Whether two names differ at most in the case of their ASCII letters.
+/// Whether two names are equal except for the case of ASCII letters.
 bool equalIgnoringCase(std::string_view one, std::string_view other);
 
-/// Characters that a terminal shows, taking UTF-8 continuation bytes as part of the one before.
+/// The number of characters, without UTF-8 continuation bytes.
 std::size_t displayWidth(const std::string& text);
 
 /// Appends `text` and as many spaces as make it `width` characters wide.

@@ -1,4 +1,4 @@
-// kvx send and kvx request: a message goes out; send waits until it has left, request for an
+// kvx send and kvx request: publish a message; send waits until it is written, request for an
 // answer.
 
 #include <fmt/format.h>
@@ -22,10 +22,10 @@ namespace kvx::tool {
 
 namespace {
 
-// A message that the command line describes, on its way out: payload, bus and sender.
+// A message from the command line, with its client and sender.
 //
-// Whatever is missing has been told on standard error by the end of the construction; only with
-// `status()` 0 is there a client, a sender and a payload.
+// The constructor reports errors on standard error; only with `status()` 0 are there a client, a
+// sender and a payload.
 class Outgoing {
   public:
     explicit Outgoing(const MessageOptions& options);
@@ -39,7 +39,7 @@ class Outgoing {
 
     std::uint64_t payloadBytes() const;
 
-    // Tells that the bus refused the message. Returns the exit status.
+    // Reports that the bus refused the message. Returns the exit status.
     int refuse(const RvStatus& reason) const;
 
   private:
@@ -83,7 +83,7 @@ int Outgoing::refuse(const RvStatus& reason) const {
     return kFailure;
 }
 
-// Waits until everything has left, as long as something does.
+// Waits until everything is written, as long as there is progress.
 bool flush(Outgoing& message) {
     rv_Session const session = message.client().session().handle();
     unsigned long before = 0;
@@ -96,7 +96,7 @@ bool flush(Outgoing& message) {
         rv_Pending(session, nullptr, &now);
     } while (code != 0 && now != 0 && now < before);
     if (code != 0) {
-        // The code of a time-out is the socket's, and no session's text.
+        // The code of a time-out is a socket error number, without a session text.
         const std::string text = rv_ErrorText(code);
         bus::complain(
             "the message did not leave: " +

@@ -1,8 +1,9 @@
-// kvx services: who is alive, from the beats that every running engine sends, and who answers.
+// kvx services: lists the running services, from the beats that every engine sends, and those that
+// answer queries.
 //
-// A look lasts a little longer than one beat interval, because a service that has just beaten says
-// nothing for ten seconds. Watching only listens: asking every service again and again would cost
-// them more than it tells.
+// A listing waits a little longer than one beat interval, since a service that has just beaten is
+// silent for ten seconds. Watching only listens: repeated queries would cost every service more
+// than they show.
 
 #include <fmt/format.h>
 
@@ -52,17 +53,17 @@ Colour colourOfOutput() {
     return refused || !platform::isTerminal(stdout) ? Colour::Never : Colour::Missing;
 }
 
-// Asks every service's query subject one harmless question; whoever answers, with rows or with a
-// refusal, is there. Main thread only.
+// Sends one harmless query to every service's query subject; any answer, rows or a refusal, counts.
+// Main thread only.
 class AnswerProbe {
   public:
     // `net` must outlive this object. An answer counts when it is complete within `waitMs`.
     AnswerProbe(CVekRvNet& net, unsigned long waitMs);
 
-    // Asks, once the main loop runs.
+    // Sends the queries; call it once the main loop runs.
     void ask();
 
-    // Who has answered so far, in the order of the service names' table.
+    // The services that have answered so far, in the order of the table of names.
     std::vector<Answer> answers() const;
 
   private:
@@ -97,7 +98,7 @@ void AnswerProbe::add(CVekRvNet& net, const char* name, const char* subject, uns
 
 void AnswerProbe::ask() {
     begin_ = Clock::now();
-    // A question that cannot be sent is one that nobody answers.
+    // A query that cannot be sent counts as not answered.
     for (auto& probe : probes_) {
         static_cast<void>(probe.query->ask(probe.answer.subject, kProbeText));
     }
@@ -111,7 +112,7 @@ std::vector<Answer> AnswerProbe::answers() const {
     return given;
 }
 
-// The beats heard so far, and the two ways of showing them.
+// The beats received so far, and the two ways of showing them.
 class Services {
   public:
     Services(bus::Client& client, const ServicesOptions& options)

@@ -41,7 +41,7 @@ std::vector<std::string> serviceLines(const std::vector<beats::Service>& service
 }
 
 std::vector<std::string> fittingLines(std::vector<std::string> lines, std::size_t height) {
-    // The last line of the screen is the cursor's.
+    // The cursor takes the last line of the screen.
     if (height < 3 || lines.size() < height) return lines;
     const std::size_t leftOut = lines.size() - (height - 2);
     lines.resize(height - 2);

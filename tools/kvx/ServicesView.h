@@ -9,31 +9,31 @@
 
 namespace kvx::tool {
 
-/// Whether services whose beats are missing stand out in red.
+/// Whether services with missing beats are shown in red.
 enum class Colour { Never, Missing };
 
 /// The table of services as lines, the heading first; line i + 1 is the i-th service's.
 std::vector<std::string> serviceLines(const std::vector<beats::Service>& services,
                                       beats::Milliseconds now, Colour colour);
 
-/// `lines`, or as many from the top as a screen of `height` lines shows whole, and then how many
-/// are left out. A height of 0 is unknown and cuts nothing.
+/// `lines`, or as many from the top as fit a screen of `height` lines, and the number left out. A
+/// height of 0 is unknown and cuts nothing.
 std::vector<std::string> fittingLines(std::vector<std::string> lines, std::size_t height);
 
-/// A service that answered on its query subject, and after how long.
+/// A service that answered on its query subject, and the time it took.
 struct Answer {
     std::string service;
     std::string subject;
     double milliseconds = 0;
 };
 
-/// The table of who answers as lines, the heading first; none when nobody does.
+/// The table of answering services as lines, the heading first; none without an answer.
 std::vector<std::string> answerLines(const std::vector<Answer>& answers);
 
 std::string answerAsJson(const Answer& answer);
 
-/// Which services have changed since the last look: those that are new, that fell silent or came
-/// back, and whose role is another.
+/// Finds the services that have changed since the last call: new, silent, back, or with another
+/// role.
 class ServiceChanges {
   public:
     /// The positions in `services` of those that changed.

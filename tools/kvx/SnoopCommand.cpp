@@ -1,5 +1,5 @@
 // kvx snoop: prints the rows that a service publishes as they change. The bus thread only copies
-// what comes into the pool; the pool's threads decode; whoever's turn it is prints.
+// messages into the pool; the pool's threads decode them and print in order.
 
 #include <fmt/format.h>
 
@@ -22,7 +22,7 @@ namespace {
 constexpr unsigned kMostThreads = 4;
 constexpr unsigned long kLookMs = 20;
 
-// Prints lines until there have been `count`, or nobody reads them any more.
+// Prints up to `count` lines, or until standard output fails.
 class LinePrinter {
   public:
     explicit LinePrinter(std::uint64_t count) : count_(count) {}

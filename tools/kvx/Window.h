@@ -4,13 +4,13 @@
 
 namespace kvx::tool {
 
-/// How long nothing may move before a wait is given up.
+/// How long a wait without progress lasts.
 inline constexpr unsigned long kStallMs = 10000;
 
-/// How much may be on its way at one time: 500 messages, and not more than 2 MiB of them, but
-/// always one. Both stay below every limit of the link and of a daemon that is not set up for less.
+/// The messages in flight: at most 500, and at most 2 MiB of them, but always one. Both are below
+/// the limits of the link and the default limits of a daemon.
 ///
-/// The payload's bytes stand for the message's.
+/// Message sizes are estimated by the payload.
 class Window {
   public:
     explicit constexpr Window(std::uint64_t bytesPerMessage)
