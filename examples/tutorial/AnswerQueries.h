@@ -3,7 +3,7 @@
 #include "Devices.h"
 
 /// Answers queries: the name of a device, or "*" for all of them. Of several copies of the service
-/// just one answers, the active one.
+/// only the active one answers.
 class AnswerQueries : public RvDataCallback {
   public:
     AnswerQueries(CVekEngine& engine, const Devices& devices)

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-/// What the service knows of one device.
+/// The data of one device.
 struct Device {
     std::string name;
     std::string state;
@@ -19,7 +19,7 @@ struct Device {
 /// The data of the service: devices and their states. Any thread.
 class Devices {
   public:
-    /// Notes a state. True when it is a new one.
+    /// Sets a state. True when it has changed.
     bool set(const std::string& name, const std::string& state) {
         const std::lock_guard guard(mutex_);
         const auto now = std::chrono::steady_clock::now();
@@ -33,8 +33,8 @@ class Devices {
         return std::exchange(found->state, state) != state;
     }
 
-    /// Notes that a device has been silent since `before`. False when that is no news, or it has
-    /// been heard meanwhile.
+    /// Marks a device as silent since `before`. False when it was silent already, or was heard
+    /// meanwhile.
     bool silence(const std::string& name, std::chrono::steady_clock::time_point before) {
         const std::lock_guard guard(mutex_);
         for (Device& device : devices_) {

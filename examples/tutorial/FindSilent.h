@@ -12,10 +12,10 @@ class FindSilent : public CVekTimedWork {
         RTWSetFrequency(1);
     }
 
-    // The round before may still be at work: one is enough.
+    // The previous round may still run: one is enough.
     __boolean RTWAddToPool() override { return RTWPollIsExecuting() ? FALSE : TRUE; }
 
-    // On a thread of the manager's pool: the engine's queue carries what it sends to the bus.
+    // On a thread of the manager's pool: sends go through the engine's queue.
     void RTWDoPoll() override {
         const auto before = std::chrono::steady_clock::now() - patience_;
         for (const Device& device : devices_.all()) {

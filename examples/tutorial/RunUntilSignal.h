@@ -2,15 +2,15 @@
 
 #include <mom/mom.h>
 
-/// Runs the main loop of `engine` until a signal. The exit status of the process.
+/// Runs the main loop of `engine` until a signal. Returns the exit status of the process.
 inline int runUntilSignal(CVekEngine& engine) {
     if (engine.m_sessionUp != 1 || !engine.m_session) return 1;
     engine.RRNSetPostInitFns([] {
         std::puts("ready");
         std::fflush(stdout);
     });
-    // A signal ends the loop instead of the process, so that the engine is destroyed and its group
-    // hears of it at once.
+    // A signal ends the loop instead of the process, so that the engine is destroyed and leaves its
+    // group at once.
     CMOMSignalHandler signals;
     signals.manage(&engine, [&engine] { engine.RRNStopLoop(); });
     engine.REDoIt();

@@ -11,8 +11,8 @@ inline void notify(CVekEngine& engine, const std::string& name, const std::strin
     transport.RTSendAll(false);
 }
 
-/// Takes the reports of devices, messages with "name" and "state". Every copy of the service does,
-/// so that a backup knows what the primary knows; just the active one notifies of changes.
+/// Receives the reports of devices, messages with "name" and "state". Every copy of the service
+/// does, so that a backup has the same data as the primary; only the active one publishes changes.
 class TakeReports : public RvDataCallback {
   public:
     TakeReports(CVekEngine& engine, Devices& devices) : engine_(engine), devices_(devices) {}

@@ -10,8 +10,8 @@
 
 namespace modeld::oql::grammar {
 
-/// What the generated parser works on: the tokens that go in, the tree that comes out, the limits
-/// that a query has to keep, and the first thing that was wrong with it.
+/// The state of the generated parser: the input tokens, the resulting tree, the limits of a query,
+/// and the first error.
 class Driver {
   public:
     explicit Driver(std::string_view text) : scanner_(text) {}
@@ -33,17 +33,17 @@ class Driver {
 
     ConditionPtr negate(ConditionPtr operand);
 
-    /// Null, with the error noted, when the query holds too many comparisons already.
+    /// Null, with the error stored, when the query has too many comparisons already.
     ConditionPtr compare(Name field, Comparison operation, Literal value);
 
-    /// Counts one level of nesting; false, with the error noted, when it is one too many.
+    /// Counts one level of nesting; false, with the error stored, above the limit.
     bool enter(Position position);
     void leave() { --nesting_; }
 
-    /// Notes what is wrong. The first error is the one to tell.
+    /// Stores an error; only the first one is kept.
     void fail(std::string message, Position position);
 
-    /// The last token in words, for an error: in quotes as the user wrote it, or "end of the
+    /// Describes the last token for an error: in quotes as the user wrote it, or "end of the
     /// query".
     std::string describeLast() const;
 

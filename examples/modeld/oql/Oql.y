@@ -23,7 +23,7 @@
 
 namespace modeld::oql::grammar {
 
-/// The stretch of text that a symbol covers; the grammar needs only where it begins.
+/// The text range of a symbol; the grammar needs only its beginning.
 struct Span {
     Position begin = 0;
 };
@@ -157,7 +157,7 @@ namespace modeld::oql::grammar {
 void Parser::report_syntax_error(const context& where) const {
     symbol_kind_type expected[6];
     const int all = where.expected_tokens(expected, 6);
-    // Double quotes may stand around a name or a text, and one of these is expected, too.
+    // A quoted token is a name or a text, one of which is in the list as well.
     const int count =
         static_cast<int>(std::remove(expected, expected + all, symbol_kind::S_QUOTED) - expected);
     std::string message = "unexpected " + driver.describeLast();

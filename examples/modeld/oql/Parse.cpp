@@ -1,5 +1,9 @@
-// From a query text to its tree. The generated parser asks the driver for tokens and hands it what
-// it recognised; the driver also keeps the limits, since a grammar cannot count.
+// From a query text to its tree.
+//
+// The scanner cuts the text into tokens, the driver names them (keywords in any case, symbols), and
+// the generated parser builds the nodes through the driver. A grammar cannot count, so the driver
+// enforces the limits on length, nesting and comparisons. It keeps the first error, its own or the
+// parser's, with its position.
 
 #include "examples/modeld/oql/Parse.h"
 

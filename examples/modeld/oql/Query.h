@@ -9,10 +9,10 @@
 
 namespace modeld::oql {
 
-/// Where something stands in the query text: the 1-based number of its first character.
+/// A position in the query text: the 1-based number of its first character.
 using Position = std::size_t;
 
-/// A name as the user wrote it, and where.
+/// A name as the user wrote it, and its position.
 struct Name {
     std::string text;
     Position position = 0;
@@ -20,7 +20,7 @@ struct Name {
 
 struct Null {};
 
-/// A value that a field is compared with.
+/// A value to compare a field with.
 using Literal = std::variant<Null, std::int64_t, double, std::string>;
 
 enum class Comparison { Equal, NotEqual, Less, LessOrEqual, Greater, GreaterOrEqual, Like };
@@ -39,8 +39,8 @@ struct Not {
     ConditionPtr operand;
 };
 
-/// Flat on purpose: `a and b and c` is one node with three operands, so that the depth of a tree is
-/// the depth of the parentheses and not the length of the text.
+/// Flat: `a and b and c` is one node with three operands, so that the depth of a tree is that of
+/// the parentheses, not the length of the text.
 struct All {
     std::vector<ConditionPtr> operands;
 };
@@ -49,7 +49,7 @@ struct Any {
     std::vector<ConditionPtr> operands;
 };
 
-/// A node of the tree behind `where`.
+/// A node of the `where` condition.
 struct Condition {
     std::variant<Compare, Not, All, Any> node;
 };
@@ -63,7 +63,7 @@ struct Order {
 struct Query {
     std::vector<Name> fields;  ///< empty for `*`
     Name table;
-    ConditionPtr where;  ///< null when every row is wanted
+    ConditionPtr where;  ///< null for every row
     std::vector<Order> order;
     std::optional<std::int64_t> limit;
 };

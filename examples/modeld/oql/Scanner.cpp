@@ -1,5 +1,5 @@
-// Cuts query texts into tokens. ASCII classes are tested by hand so that no locale has a say; any
-// other character of UTF-8 counts as a letter.
+// Cuts query texts into tokens. ASCII classes are tested by hand, independent of the locale; any
+// other UTF-8 character counts as a letter.
 
 #include "examples/modeld/oql/Scanner.h"
 
@@ -37,7 +37,7 @@ char Scanner::at(std::size_t offset) const {
     return here_ + offset < text_.size() ? text_[here_ + offset] : '\0';
 }
 
-// The bytes of the letter, underline or character beyond ASCII that comes next; 0 for all else.
+// The length of the next letter, underline or non-ASCII character; 0 for anything else.
 std::size_t Scanner::letterLength() const {
     if (isWordStart(at(0))) return 1;
     const std::string_view rest = text_.substr(here_);

@@ -8,21 +8,21 @@
 
 namespace modeld::oql {
 
-/// Quoted stands in double quotes and is a name or a text, as the grammar has it.
+/// Quoted is in double quotes: a name or a text, decided by the grammar.
 enum class TokenKind { End, Word, Text, Quoted, Integer, Real, Symbol, Bad };
 
 /// One token: a word in its own spelling, a text or quoted name without its quotes, a number, or an
 /// operator.
 struct Token {
     TokenKind kind = TokenKind::End;
-    std::string text;  ///< for Bad: what is wrong
+    std::string text;  ///< for Bad: the error
     std::int64_t integer = 0;
     double real = 0;
     Position position = 0;
 };
 
-/// Cuts a query text into tokens. Never reads past the text, and never fails: what cannot be a
-/// token comes out as one of kind Bad. The text must outlive the scanner.
+/// Cuts a query text into tokens. Never reads past the text and never fails: invalid input is a
+/// token of kind Bad. The text must outlive the scanner.
 class Scanner {
   public:
     explicit Scanner(std::string_view text) : text_(text) {}

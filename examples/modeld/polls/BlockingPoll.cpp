@@ -1,12 +1,11 @@
-// Who owns a worker. A new worker belongs to the work function, which deletes it when its poll has
-// finished at once. A parked one belongs to the blocked list, from the moment it is added until a
-// pass finds it done; handed back to the work pool it is still the list's, and the work function
-// only tells the list what came of it. So setting the status is the last thing done to such a
-// worker: after it the main thread may have it run elsewhere, or delete it.
+// Ownership of a worker. The work function owns a new worker, and deletes it when its poll has
+// finished at once. The blocked list owns a parked one, from its addition until a pass finds it
+// done, also while it runs again in the work pool; the work function then only sets its status.
+// That must be its last access: after it the main thread may run the worker again, or delete it.
 //
-// How the answer finds the worker. `RTWDoPoll` knows the poll but not the worker, the work function
-// knows the worker but not what the poll did. Between them stands the thread: the poll leaves its
-// answer for the thread that it runs on, and the work function takes it on the same thread.
+// From the answer to the worker. `RTWDoPoll` knows the poll but not the worker, the work function
+// the worker but not the poll's answer. Both run on one thread: the poll stores its answer under
+// the thread's id, and the work function takes it from there.
 
 #include "examples/modeld/polls/BlockingPoll.h"
 
@@ -16,7 +15,7 @@ namespace modeld {
 
 namespace {
 
-// What a response says of itself.
+// Results of `PRPollState`.
 constexpr int kWaiting = 0;
 constexpr int kGiveUp = 1;
 constexpr int kReady = 2;
@@ -25,7 +24,7 @@ constexpr int kReady = 2;
 
 BlockingPoll::BlockingPoll(CVekBlockedWorkMgr& blockedWork) : blockedWork_(blockedWork) {}
 
-// A worker of the poll that is parked counts as executing, so there is never a second one.
+// A parked worker counts as executing, so there is never a second one.
 __boolean BlockingPoll::RTWAddToPool() {
     return RTWPollIsExecuting() ? FALSE : TRUE;
 }
@@ -50,7 +49,7 @@ void BlockingPoll::Answer::arrive() {
     state_.compare_exchange_strong(awaited, State::Arrived);
 }
 
-// Asked by the main thread at every tick; the manager counts the time-out down between.
+// Called on the main thread at every tick; the manager decrements the time-out.
 int BlockingPoll::Answer::PRPollState() {
     if (state_ == State::Awaited && PRTimeOut() > 0) return kWaiting;
     State awaited = State::Awaited;

@@ -1,3 +1,7 @@
+// A checkpoint may wait for long queries, so it runs on this poll's own thread while the worker is
+// parked. At most one runs: a poll that is due while the last one still runs, after its time-out,
+// only warns. The outcome is written before the answer arrives and read after it.
+
 #include "examples/modeld/polls/CheckpointPoll.h"
 
 #include <fmt/format.h>

@@ -9,14 +9,13 @@
 
 namespace modeld {
 
-/// Moves what SQLite has logged into the database file. That may have to wait for long queries, so
-/// a thread of its own does it and the poll is parked meanwhile.
+/// Moves SQLite's write-ahead log into the database file, on a thread of its own.
 class CheckpointPoll : public BlockingPoll {
   public:
     /// `seconds` between two checkpoints.
     CheckpointPoll(CVekBlockedWorkMgr& blockedWork, std::string database, int seconds);
 
-    /// Waits for a checkpoint that runs.
+    /// Waits for a running checkpoint.
     ~CheckpointPoll() override;
 
   protected:
@@ -35,7 +34,7 @@ class CheckpointPoll : public BlockingPoll {
     // Written before the answer arrives, read after it.
     std::string outcome_;
     bool failed_ = false;
-    // Last, so that its thread ends before anything it uses.
+    // Last, so that its thread ends before the members it uses are destroyed.
     CVekServPool thread_;
 };
 

@@ -1,3 +1,8 @@
+// A file is identified by device, inode, size and modification time. Three sets of these stamps
+// decide: what is known (loaded), what the last look saw, and what the look before saw. A change is
+// reported when two looks in a row saw the same, which differs from what is known, with all files
+// present.
+
 #include "examples/modeld/polls/FileWatch.h"
 
 #include <sys/stat.h>

@@ -7,29 +7,29 @@
 
 namespace modeld {
 
-/// Tells when files have changed and come to rest, and when they go and come back. One thread at a
-/// time.
+/// Detects when files have changed and are no longer being written, and when they disappear and
+/// return. One thread at a time.
 class FileWatch {
   public:
-    /// What the files are at this moment counts as known.
+    /// The current state of the files counts as known.
     explicit FileWatch(std::vector<std::string> files);
 
-    /// Looks at the files. True when they are not what is known, all there, and as they were at the
-    /// look before: a file that is being written is left alone until it rests.
+    /// Looks at the files. True when all exist, differ from what is known, and are the same as at
+    /// the look before, so that a file is not read while it is being written.
     [[nodiscard]] bool look();
 
-    /// Whether every file that the last look found is what is known.
+    /// Whether every file that the last look found is as known.
     bool isSettled() const;
 
-    /// A file that the last look found gone, or there again.
+    /// A file that disappeared or returned.
     struct Turn {
         std::string file;
         bool isThere = false;
     };
-    /// What has turned from the look before to the last one.
+    /// The files that disappeared or returned between the last two looks.
     const std::vector<Turn>& turns() const { return turns_; }
 
-    /// Makes what the last look saw known, unless the files have changed since that look.
+    /// Makes the state of the last look known, unless the files have changed since.
     void know();
 
   private:
@@ -42,7 +42,7 @@ class FileWatch {
 
         bool operator==(const Stamp&) const = default;
     };
-    using Stamps = std::vector<std::optional<Stamp>>;  // nothing for a file that is not there
+    using Stamps = std::vector<std::optional<Stamp>>;  // nothing for a missing file
 
     Stamps stamps() const;
 

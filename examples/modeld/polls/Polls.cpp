@@ -18,9 +18,9 @@ namespace {
 constexpr unsigned int kTickMs = 1000;
 constexpr unsigned int kTickThreads = 1;
 constexpr unsigned int kWorkThreads = 2;
-constexpr unsigned int kAnswerTicks = 30;  // how long a blocked poll waits for its answer
+constexpr unsigned int kAnswerTicks = 30;  // time-out of a blocked poll
 
-// What of the process is in memory, in megabytes; 0 where the system does not say.
+// The resident memory of the process in megabytes; 0 if unknown.
 double residentMegabytes() {
     std::ifstream status("/proc/self/status");
     for (std::string word; status >> word;) {
@@ -30,11 +30,10 @@ double residentMegabytes() {
     return 0;
 }
 
-// Logs what the service has done and what waits: as information when there is news, else for
-// debugging.
+// Logs the service's counters: at level info when they have changed, else debug.
 class StatisticsPoll : public CVekTimedWork {
   public:
-    // Both must outlive the running of the poll. `seconds` between two lines.
+    // Both must outlive every execution of the poll. `seconds` between two lines.
     StatisticsPoll(CVekEngine& engine, const ModelService& service, int seconds);
 
     void RTWDoPoll() override;

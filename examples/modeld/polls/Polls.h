@@ -11,7 +11,7 @@
 
 namespace modeld {
 
-/// What the service does by itself, each thing every so many seconds; 0 for never.
+/// The periodic work of the service; an interval of 0 seconds disables a poll.
 ///
 /// Built and destroyed on the main thread, and destroyed before the engine and the service.
 class Polls {
@@ -25,7 +25,7 @@ class Polls {
         int checkpoint = 60;
     };
 
-    /// `watch` knows the files of the source as they were loaded.
+    /// `watch` has the source files as loaded.
     Polls(CVekEngine& engine, const ModelService& service, FileWatch watch,
           const Settings& settings);
     ~Polls();
@@ -35,8 +35,8 @@ class Polls {
   private:
     void add(std::unique_ptr<CVekTimedWork> poll);
 
-    // Destroyed from the last to the first: the manager, which ends its threads; what the list of
-    // blocked work holds; and the polls, which no worker needs any more.
+    // Destroyed from the last to the first: the manager, which ends its threads; the blocked
+    // workers; and the polls, which no worker uses any more.
     std::vector<std::unique_ptr<CVekTimedWork>> polls_;
     std::unique_ptr<CVekBlockedWorkMgr> blockedWork_;
     std::unique_ptr<CVekTimedWorkMgr> manager_;

@@ -1,14 +1,14 @@
-// Changing rows and publishing the changes are two steps with the database between them: the
-// notices are stored with the rows, in one transaction, and whoever is active publishes them from
-// there, and forgets them at a later look, when the send queue has been empty since. So a change is
-// published although the member that found it died before it could, or stood by and shares its
-// database with the active one. The price is that a notice may be published twice: by a member that
-// dies before it forgets, or by two members with databases of their own around a take-over. It
-// never tells an older value than has been told: a notice says what the row is now, the store keeps
-// the newest of a row, and nothing is published that the files may have outdated already.
+// Changing rows and publishing the changes are two steps: the notices are stored with the rows, in
+// one transaction; the active member publishes them from the database, and deletes them at a later
+// look, when the send queue has been empty since. So a change is published even when the member
+// that found it ends before publishing, or is a standby that shares its database with the active
+// one. A notice may be published twice: by a member that ends before it deletes it, or by two
+// members with separate databases around a take-over. An older value never follows a newer one: a
+// notice has the current row, the store keeps the newest notice of a row, and nothing is published
+// while the files may be newer.
 //
-// While the daemon is away nothing is published, nor forgotten: what was queued when it went is
-// published anew, and a standby does not know yet whether others have published what it keeps.
+// While the daemon is lost nothing is published or deleted: notices queued at the loss are
+// published again, and a standby does not know yet whether others have published its notices.
 
 #include "examples/modeld/polls/SourcePoll.h"
 
@@ -25,7 +25,7 @@ namespace modeld {
 
 namespace {
 
-// How long a standby keeps notices: a take-over, and the looks that the active member had for it.
+// How long a standby keeps notices: a take-over, and the active member's looks before it.
 constexpr int kTakeOverSeconds = 6;
 constexpr int kLooks = 3;
 constexpr const char* kChangeWords[] = {"inserted", "changed", "deleted"};
@@ -77,7 +77,8 @@ SourcePoll::SourcePoll(CVekEngine& engine, FileWatch watch, Settings settings)
     RTWSetFrequency(settings_.seconds);
 }
 
-// A member without files has notices to look for only, and leaves a quiet database alone.
+// A member without files only looks for notices; without any it does not open the database for
+// writing.
 bool SourcePoll::hasWork() {
     if (!settings_.source.files.empty()) return true;
     Refusal ignored;
@@ -117,7 +118,7 @@ void SourcePoll::tellTurns() {
     }
 }
 
-// What repeats itself at every look is told once.
+// Logs a warning that repeats at every look only once.
 void SourcePoll::warnOnce(const std::optional<Refusal>& refusal) {
     if (!refusal) return;
     warned_ = refusal->message;
@@ -134,7 +135,7 @@ void SourcePoll::dropOldNotices(Store& store) {
     if (Clock::now() - standingBySince_ > kept) warnOnce(store.dropNotices(kept));
 }
 
-// A source that is bad is told once and left until it changes again; all else is tried again.
+// A bad source is reported once and ignored until it changes; all else is tried again.
 void SourcePoll::refresh(Store& store) {
     const auto begin = std::chrono::steady_clock::now();
     Refreshed done;

@@ -11,21 +11,21 @@
 
 namespace modeld {
 
-/// The record that tells of one changed row, encoded: the fields "@change" ("inserted", "changed"
-/// or "deleted") and "@table", which no column can be named, then the columns as in an answer. A
-/// changed row has its new values, a deleted one its last.
+/// The encoded notice of one changed row: the fields "@change" ("inserted", "changed" or "deleted")
+/// and "@table", which cannot be column names, then the columns as in an answer. A changed row has
+/// its new values, a deleted one its last.
 std::string changeNotice(const std::string& table, Change change, const Row& row);
 
 /// Publishes notices through the send queue of an engine, up to a hundred in a packet. Every packet
-/// is a batch of its own, so that receivers need not know who sent it. Any one thread.
+/// is its own batch, so that receivers need not know its sender. One thread at a time.
 class ChangePublisher {
   public:
-    /// `engine` must outlive the object. An empty `subject` publishes nothing.
+    /// `engine` must outlive the object. With an empty `subject` publishes nothing.
     ChangePublisher(CVekEngine& engine, std::string subject);
 
     void add(std::string_view notice);
 
-    /// Queues what has been added since the last full packet.
+    /// Queues the notices added since the last full packet.
     void flush();
 
     std::uint64_t published() const { return published_; }
@@ -38,21 +38,20 @@ class ChangePublisher {
     std::uint64_t published_ = 0;
 };
 
-/// Keeps a table in line with the files that it was loaded from, and publishes the rows that
-/// change.
+/// Keeps a table equal to its source files, and publishes the rows that change.
 ///
-/// Every member of a group does the first, in its own database or in a shared one; only the active
-/// member publishes. What a standby has found it keeps for a while, in case it must publish it.
+/// Every member of a group updates its own or the shared database; only the active member
+/// publishes. A standby keeps its notices for a while, in case it takes over.
 class SourcePoll : public CVekTimedWork {
   public:
     struct Settings {
         std::string database;
         Source source;
-        std::string subject;  ///< where changes are published; empty for nowhere
+        std::string subject;  ///< the subject of change notices; empty for none
         int seconds = 5;      ///< between two looks at the files
     };
 
-    /// `watch` knows the files as they were loaded. `engine` must outlive the running of the poll.
+    /// `watch` has the files as loaded. `engine` must outlive every execution of the poll.
     SourcePoll(CVekEngine& engine, FileWatch watch, Settings settings);
 
     void RTWDoPoll() override;
@@ -71,8 +70,8 @@ class SourcePoll : public CVekTimedWork {
     CVekEngine& engine_;
     const Settings settings_;
     FileWatch watch_;
-    std::int64_t queued_ = 0;  // number of the last notice that went into the send queue
-    unsigned losses_ = 0;      // of the daemon, when it did
+    std::int64_t queued_ = 0;  // number of the last queued notice
+    unsigned losses_ = 0;      // number of daemon losses at that time
     Clock::time_point standingBySince_ = Clock::now();
     std::string warned_;  // the last warning of this look
     std::string warnedBefore_;

@@ -1,6 +1,5 @@
 // From a question to the packets of its answer. Rows go into a batch that encodes and compresses
-// them while others still come out of the store, so that a whole table costs little memory on its
-// way.
+// them while further rows are read, so that a whole table needs little memory.
 
 #include "examples/modeld/service/Answer.h"
 
@@ -16,8 +15,7 @@ namespace modeld {
 
 namespace {
 
-// The store's own words for a refusal. A text that is no query has no status of its own; it is not
-// permitted.
+// The store status of a refusal. A syntax error has no status of its own: it is "not permitted".
 EVekStoreErrorStatus statusOf(StoreError error) {
     switch (error) {
         case StoreError::NoDatabase:

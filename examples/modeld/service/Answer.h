@@ -10,27 +10,28 @@
 
 namespace modeld {
 
-/// One question: the text, the packet version that the querier reads, and where the answer goes.
+/// One question: the text, the packet version that the querier reads, and the subject of the
+/// answer.
 struct Question {
     std::string text;
     EVekTransHdr version = VEK_TRANS_V0;
     std::string replySubject;
-    std::string begunSubject;  ///< where to tell that a long answer begins; empty for nowhere
+    std::string begunSubject;  ///< for the notice that a long answer begins; empty for none
 };
 
-/// How a question was answered, for the log.
+/// The result of a question, for the log.
 struct Verdict {
     std::uint64_t rows = 0;
     EVekStoreErrorStatus status = STORE_COMPLETE;
     std::string reason;    ///< empty unless the question was refused
-    bool isProbe = false;  ///< it asked for no rows, and so only whether anybody answers
+    bool isProbe = false;  ///< `limit 0`: asks only whether a service answers
 };
 
-/// Closed when the service ends: an answer is then not begun any more, since the next member
-/// answers. Any thread.
+/// Closed when the service ends: no further answer is begun, since the next member answers. Any
+/// thread.
 class SendGate {
   public:
-    /// Waits for whoever is sending.
+    /// Waits for running sends.
     void close() {
         const std::lock_guard guard(mutex_);
         open_ = false;
@@ -41,7 +42,7 @@ class SendGate {
         return open_;
     }
 
-    /// Calls `send`, unless the gate is closed; it stays as it is meanwhile.
+    /// Calls `send`, unless the gate is closed; `close` waits meanwhile.
     template <class Send>
     void pass(Send&& send) {
         const std::lock_guard guard(mutex_);
@@ -55,14 +56,14 @@ class SendGate {
 
 /// Answers one question out of `store` through the send queue of `engine`.
 ///
-/// Every question gets an answer. Rows travel as records with the columns as fields, empty values
-/// left out; no rows as an empty answer with the status "Query has zero matches". A question that
-/// is refused is answered with the status nearest to the reason and one record that says more:
-/// "error", a text, and "position", the 1-based place in the query text where there is one. Once
-/// `gate` is closed nothing is sent, and the reading of rows ends. Any thread.
+/// Every question gets an answer. Rows are records with the columns as fields, without empty
+/// values; no rows is an empty answer with the status "Query has zero matches". A refused question
+/// is answered with the nearest status and one record with "error", a text, and "position", the
+/// 1-based position in the query text if there is one. Once `gate` is closed nothing is sent, and
+/// the reading of rows ends. Any thread.
 Verdict answer(CVekEngine& engine, Store& store, const Question& question, SendGate& gate);
 
-/// Answers with a refusal of the service's own: it is too busy to look at the question.
+/// Answers with a refusal: the service is too busy.
 void refuse(CVekEngine& engine, const Question& question, const std::string& reason);
 
 }  // namespace modeld

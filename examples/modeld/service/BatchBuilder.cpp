@@ -1,12 +1,12 @@
-// Compression is most of the work of a long answer, and no packet can leave before the last block
-// is compressed, because every packet says how many there are.
+// Compression is most of the work of a long answer, and no packet can be sent before the last block
+// is compressed, since every packet has the number of packets.
 //
-// Each block has a transport of its own and at any time belongs to one thread: the caller fills the
-// open one with copies of rows, and not with encoded records, because thousands of small pieces of
-// memory that one thread takes and another gives back would cost more than the second thread saves;
-// a closed one belongs to the thread that began it, which is whoever comes first to `begun_`; once
-// the helpers are stopped all belong to the caller again. Blocks stay where they are in `closed_`,
-// so their order is the order of the records whoever compressed them and whenever.
+// Each block has its own transport and belongs to one thread at a time. The caller fills the open
+// one with copies of rows, not with encoded records: thousands of small allocations freed on
+// another thread would cost more than the second thread saves. A closed one belongs to the thread
+// that first advances `begun_` past it; once the helpers are stopped all belong to the caller.
+// Blocks stay in place in `closed_`, so the records keep their order whichever thread compresses
+// them.
 
 #include "examples/modeld/service/BatchBuilder.h"
 
@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::size_t kMostWaiting = 8;    // blocks
 constexpr unsigned kMostHelpers = 3;       // threads
-constexpr std::size_t kBlocksForHelp = 2;  // with fewer, a thread costs more than it saves
+constexpr std::size_t kBlocksForHelp = 2;  // with fewer a thread costs more than it saves
 
 }  // namespace
 
@@ -72,7 +72,7 @@ void BatchBuilder::startHelpers() {
     try {
         while (threads_.size() < helpers_) threads_.emplace_back([this] { help(); });
     } catch (const std::system_error&) {
-        // No further thread could be started: those that run, and the caller, do the work.
+        // No further thread could be started: the running ones and the caller do the work.
     }
 }
 
@@ -92,7 +92,7 @@ BatchBuilder::Block* BatchBuilder::waitForBlock() {
     return begun_ < closed_.size() ? closed_[begun_++].get() : nullptr;
 }
 
-// Prepares blocks on the caller's thread until no more than `atMost` wait.
+// Prepares blocks on the caller's thread until at most `atMost` wait.
 void BatchBuilder::prepareWaiting(std::size_t atMost) {
     while (Block* block = takeBeyond(atMost)) prepare(*block);
 }

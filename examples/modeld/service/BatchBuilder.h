@@ -12,28 +12,28 @@
 
 namespace modeld {
 
-/// Gathers the rows of one answer, and encodes and compresses full blocks of them on helper threads
-/// while the caller reads on.
+/// Collects the rows of one answer, and encodes and compresses full blocks on helper threads while
+/// the caller reads on.
 ///
-/// What comes out is what one transport would make of a record a row: same packets, same order. A
-/// small answer costs no thread: the helpers start with the second full block. A bounded number of
-/// blocks waits for them; the caller does what is beyond, so that memory stays bounded and a
-/// machine of one processor needs no helper at all. One thread at a time may call.
+/// The result is that of one transport with one record per row: same packets, same order. A small
+/// answer needs no thread: the helpers start with the second full block. A bounded number of blocks
+/// waits for them; the caller prepares further ones itself, so memory is bounded and a machine with
+/// one processor needs no helper. One thread at a time.
 class BatchBuilder {
   public:
-    /// As many helpers as keep the processors busy, but never many for one answer.
+    /// The number of helpers for this machine's processors, bounded per answer.
     static unsigned usualHelpers();
 
     explicit BatchBuilder(EVekTransHdr version, unsigned helpers = usualHelpers());
 
-    /// Waits for the helpers; blocks that none has begun are dropped.
+    /// Waits for the helpers; drops blocks not begun.
     ~BatchBuilder();
     BatchBuilder(const BatchBuilder&) = delete;
     BatchBuilder& operator=(const BatchBuilder&) = delete;
 
     void add(const Row& row);
 
-    /// Moves the whole batch to `transport`, ready for `RTCreatePackets`. Called once, last.
+    /// Moves the whole batch to `transport`, ready for `RTCreatePackets`. Call it once, last.
     void finish(CVekTransport& transport);
 
   private:
@@ -59,11 +59,11 @@ class BatchBuilder {
     std::unique_ptr<Block> open_;
     std::vector<std::thread> threads_;
 
-    // Guarded by mutex_. A block belongs to whoever began it until the helpers are stopped.
+    // Guarded by mutex_. A block belongs to the thread that began it until the helpers are stopped.
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::unique_ptr<Block>> closed_;  // in the order of the rows
-    std::size_t begun_ = 0;  // blocks at the front of closed_ that somebody has begun
+    std::size_t begun_ = 0;                       // number of begun blocks at the front of closed_
     bool stopping_ = false;
 };
 

@@ -1,9 +1,9 @@
-// The bus tells of the loss, by an advisory that comes before anything is tried, and tells nobody
-// of the return. An engine has two sessions, and whichever finds the daemon gone tries for seconds
-// to come back, so that both are listened to. While the daemon is away, the engine's link is asked
-// at every tick whether it is there.
+// The bus announces the loss, by an advisory that precedes any attempt to reconnect, but not the
+// return. An engine has two sessions, and the first to find the daemon lost blocks for seconds in
+// its attempts, so this listens on both. While the daemon is lost, the engine's link is checked at
+// every tick.
 //
-// An error report comes from any thread, and knows no object; so what it needs is of the process.
+// An error report comes from any thread, without an object, so the state it needs is process-wide.
 
 #include "examples/modeld/service/DaemonLink.h"
 

@@ -7,7 +7,7 @@
 
 namespace modeld {
 
-/// While one lives, the libraries' error reports are lines of the log. One a process.
+/// While one exists, the libraries' error reports are log lines. One per process.
 class ReportsInLog {
   public:
     ReportsInLog();
@@ -19,11 +19,11 @@ class ReportsInLog {
     const VekErrorHandler before_;
 };
 
-/// Follows whether the daemon is there, and says in the log when it goes and when it is back.
+/// Follows whether the daemon is connected, and logs its loss and return.
 ///
-/// While it is away every send fails, and each failure would be a line of `ReportsInLog`; they are
-/// counted instead, and told in one line at the end. One object a process; built, started and
-/// destroyed on the main thread of `engine`, which must outlive it.
+/// While it is lost every send fails, and each failure would be a line of `ReportsInLog`; they are
+/// counted instead and logged in one line at the end. One per process; built, started and destroyed
+/// on the main thread of `engine`, which must outlive it.
 class DaemonLink : public RvDataCallback, public RvTimerCallback {
   public:
     explicit DaemonLink(CVekEngine& engine) : engine_(engine) {}
@@ -34,11 +34,11 @@ class DaemonLink : public RvDataCallback, public RvTimerCallback {
     /// Any thread.
     static bool isUp();
 
-    /// How often the daemon has been lost: while this stays the same, what was queued and is no
-    /// longer in the queue has been handed over. Any thread.
+    /// The number of losses: while it is unchanged, items that have left the queue were sent. Any
+    /// thread.
     static unsigned losses();
 
-    /// Messages that could not be sent since the daemon was last there. Any thread.
+    /// Messages that could not be sent since the loss of the daemon. Any thread.
     static std::uint64_t unsent();
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data,

@@ -1,10 +1,10 @@
-// Questions that a standby holds stand oldest first; both limits drop from the front.
+// The questions held by a standby, oldest first; both limits drop from the front.
 //
-// An answer that is one packet arrives whole or not at all; one of several can be cut short by the
-// death of its sender. Had the next member answered such a question too, the querier, who counts
-// packets and knows no senders, would take the beginning of one answer and a part of the other for
-// the whole. So whoever begins a long answer says so first, and the standbys forget the question:
-// the querier then times out and asks again.
+// An answer of one packet arrives whole or not at all; one of several can be cut short by the end
+// of its sender. If the next member answered such a question too, the querier, which counts packets
+// and does not know their senders, could take parts of both answers for one. So a member announces
+// a long answer before it begins, and the standbys drop the question: the querier then times out
+// and asks again.
 
 #include "examples/modeld/service/HeldQuestions.h"
 

@@ -11,23 +11,24 @@
 
 namespace modeld {
 
-/// The questions that a standby has heard, in case it must answer them: the newest 1,000, none
-/// older than six seconds. One thread at a time.
+/// The questions that a standby has received, in case it takes over: the newest 1,000, none older
+/// than six seconds. One thread at a time.
 class HeldQuestions {
   public:
     using Clock = std::chrono::steady_clock;
 
     static constexpr std::size_t kMost = 1000;
-    /// Longer than a take-over lasts (4.8 s), shorter than queriers usually wait (8 s).
+    /// Longer than a take-over (4.8 s), shorter than a querier's usual time-out (8 s).
     static constexpr std::chrono::milliseconds kOldest{6000};
 
-    /// Keeps `question`, heard at `now`. Past the limit the oldest one goes.
+    /// Keeps `question`, received at `now`. Above the limit the oldest one is dropped.
     void hold(Question question, Clock::time_point now);
 
-    /// Forgets the question whose answer goes to `replySubject`, if there is one.
+    /// Drops the question whose answer goes to `replySubject`, if there is one.
     void forget(const std::string& replySubject);
 
-    /// Gives up all that is still young at `now`, in the order of asking, and forgets the rest.
+    /// Removes and returns the questions that are not too old at `now`, in order, and drops the
+    /// rest.
     std::vector<Question> take(Clock::time_point now);
 
     std::size_t size() const { return held_.size(); }
@@ -43,18 +44,18 @@ class HeldQuestions {
     std::deque<Held> held_;
 };
 
-/// The subject on which the members of a group tell one another which long answers have begun,
-/// made from the subject on which they hear their questions.
+/// The subject on which the members of a group announce long answers, made from their query
+/// subject.
 std::string begunSubject(const std::string& querySubject);
 
 /// Whether an answer of `rows` rows takes more than one packet.
 bool isLongAnswer(EVekTransHdr version, std::uint64_t rows);
 
-/// Queues the notice that the answer to `question` begins, so that it leaves ahead of the packets
-/// that are queued after it. Does nothing for a question whose `begunSubject` is empty. Any thread.
+/// Queues the notice that the answer to `question` begins, ahead of its packets. Does nothing for a
+/// question with an empty `begunSubject`. Any thread.
 void tellBegun(CVekEngine& engine, const Question& question);
 
-/// The reply subject that a notice names; empty for what is no notice.
+/// The reply subject in a notice; empty for any other message.
 std::string readBegun(const RvDatum& data);
 
 }  // namespace modeld

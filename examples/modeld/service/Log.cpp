@@ -1,4 +1,4 @@
-// Log lines of the service. A line goes out with one call, so that lines of two threads never mix.
+// Log lines of the service. A line is one write, so that lines of two threads do not mix.
 
 #include "examples/modeld/service/Log.h"
 

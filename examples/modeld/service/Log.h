@@ -8,8 +8,7 @@ namespace modeld {
 
 enum class LogLevel { Error = 0, Warning = 1, Info = 2, Debug = 3 };
 
-/// Lines on standard error, each with its level. Any thread: a line is one write, whatever the text
-/// holds (`kvx::oneLine`).
+/// Lines on standard error, each with its level; texts are escaped (`kvx::oneLine`). Any thread.
 class Log {
   public:
     static void setLevel(LogLevel level);

@@ -1,11 +1,11 @@
-// The way of a question: onData takes it off the bus on the main thread. The active member hands it
-// to the pool; a pool thread borrows a connection, answers into the engine's send queue, and gives
-// the connection back. A standby holds it until it is too old or the member becomes active. Bus
-// objects never leave the main thread: what travels to the pool is the question's text and the name
-// of the subject that the answer goes to.
+// The path of a question: onData receives it on the main thread. The active member queues it in the
+// pool; a pool thread takes a database connection, answers into the engine's send queue, and
+// returns the connection. A standby holds it until it is too old or the member becomes active. Bus
+// objects stay on the main thread: the pool gets only the question's text and the subject of the
+// answer.
 //
-// A question may be answered twice, by a member that dies and by the one that follows, but only in
-// one packet each time: see HeldQuestions.cpp.
+// A question may be answered twice, by a member that ends and by its successor, but only if the
+// answer is one packet: see HeldQuestions.cpp.
 
 #include "examples/modeld/service/ModelService.h"
 
@@ -22,14 +22,14 @@ namespace modeld {
 
 namespace {
 
-// Questions that may wait for a thread, and packets that may wait for the bus before the next
-// question is begun: both bound what a flood of questions can take.
+// The most questions that wait for a thread, and the most packets in the send queue when a question
+// is begun: both bound the memory of a flood of questions.
 constexpr int kMaxWaiting = 1000;
 constexpr int kMaxQueuedPackets = 20000;
 constexpr unsigned int kRoomPollMs = 20;
 constexpr std::size_t kMostLogged = 200;  // bytes of a question in a line of the log
 
-// A text that is too long is refused when its time comes; no more of it is kept than shows that.
+// A text that is too long is refused later; only enough of it is kept to detect that.
 std::string textOf(const char* query) {
     return {query, strnlen(query, oql::kMaxQueryBytes + 1)};
 }

@@ -15,12 +15,12 @@
 
 namespace modeld {
 
-/// Listens on a service's query subject and has the questions answered by a pool of threads, so
-/// that a long answer never keeps the bus waiting.
+/// Listens on a service's query subject and answers the questions on a pool of threads, so that a
+/// long answer never blocks the bus.
 ///
-/// Only the active member of a group answers. A standby holds what it hears for a while and answers
-/// it when it becomes active, so that a question asked while nobody was active is answered late
-/// instead of never.
+/// Only the active member of a group answers. A standby holds questions for a while and answers
+/// them when it becomes active, so that a question sent during a take-over is answered late, not
+/// never.
 ///
 /// Built, started and destroyed on the engine's main thread, and destroyed before the engine.
 class ModelService : public RvDataCallback {
@@ -29,8 +29,8 @@ class ModelService : public RvDataCallback {
         std::string database;
         __serv_types type = SERV_MODEL;
         int threads = 2;
-        std::string membership;   ///< which group the member stands by in, for the log
-        bool standalone = false;  ///< there are no other members to tell anything
+        std::string membership;   ///< the group and tier, for the log
+        bool standalone = false;  ///< no group, and so no notices to other members
     };
 
     ModelService(CVekEngine& engine, Settings settings);
@@ -38,18 +38,18 @@ class ModelService : public RvDataCallback {
     ModelService(const ModelService&) = delete;
     ModelService& operator=(const ModelService&) = delete;
 
-    /// Opens the database once for every thread and begins to listen. False, with `reason` filled,
-    /// when either cannot be done.
+    /// Opens the database once for every thread and begins to listen. False, with `reason` set, on
+    /// failure.
     [[nodiscard]] bool start(std::string& reason);
 
-    /// Begins no further answer, and follows the role no longer. Main thread; what is queued then
-    /// is all there will be.
+    /// Begins no further answer, and stops following the role. Nothing is queued after it returns.
+    /// Main thread.
     void stopAnswering();
 
-    /// To be called once the main loop runs: takes up the engine's role and follows it.
+    /// Takes the engine's role and follows it. Call it once the main loop runs.
     void followRole();
 
-    /// What has been done since the start, but for probes, and what waits at this moment.
+    /// Totals since the start, without probes, and the current queue lengths.
     struct Statistics {
         std::uint64_t answered = 0;
         std::uint64_t refused = 0;
@@ -60,14 +60,14 @@ class ModelService : public RvDataCallback {
     /// Any thread.
     Statistics statistics() const;
 
-    /// The subject that questions come in on, domain included.
+    /// The query subject, domain included.
     std::string querySubject() const;
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
                 RvListener* listener) override;
 
   private:
-    // Hears which long answers other members have begun.
+    // Receives the notices of long answers of other members.
     class BegunListener : public RvDataCallback {
       public:
         explicit BegunListener(HeldQuestions& held) : held_(held) {}
@@ -102,11 +102,11 @@ class ModelService : public RvDataCallback {
     HeldQuestions held_;
     BegunListener begunListener_{held_};
 
-    // Guarded by storesMutex_: connections that no thread uses at the moment.
+    // Guarded by storesMutex_: connections not in use.
     std::mutex storesMutex_;
     std::vector<std::unique_ptr<Store>> stores_;
 
-    // Last, so that its threads end before anything they use.
+    // Last, so that its threads end before the members they use are destroyed.
     std::unique_ptr<CVekServPool> pool_;
 };
 

@@ -39,11 +39,11 @@ void addOptions(CLI::App& app, Options& options, std::string& service) {
     app.add_option("--tier", options.tier, "tier of the group; tiers do not replace one another")
         ->capture_default_str();
     app.add_flag("--standalone", options.standalone,
-                 "join no group: answer at once, whoever else does");
+                 "join no group: answer at once, even if others do");
     app.add_option("--threads", options.threads, "threads that answer queries")
         ->check(CLI::Range(1, 64))
         ->capture_default_str();
-    app.add_option("--send-rate", options.sendRate, "packets a second that may leave")
+    app.add_option("--send-rate", options.sendRate, "packets sent per second at most")
         ->check(CLI::Range(10UL, 10000000UL))
         ->capture_default_str();
 }
@@ -66,10 +66,10 @@ Options readOptions(int argc, char** argv, int& exitStatus) {
     std::string service = "Model";
     int verbose = 0;
     int quiet = 0;
-    CLI::App app{"Answers queries over the bus out of an SQLite database.", "modeld"};
+    CLI::App app{"Answers queries over the bus from an SQLite database.", "modeld"};
     app.footer(
         "Queries: select FIELDS from TABLE [where CONDITION] [order by FIELD [asc|desc], ...]\n"
-        "[limit N]. Texts stand in single or double quotes, names that are keywords in double\n"
+        "[limit N]. Texts are in single or double quotes, names that are keywords in double\n"
         "quotes.");
     app.set_version_flag("--version", std::string("modeld ") + KVX_VERSION);
     addOptions(app, options, service);

@@ -1,5 +1,5 @@
-// The life of the process: fill the table, join the bus, answer. The engine's thread is this
-// thread.
+// The phases of the process: fill the table, join the bus, answer, leave. The main thread is the
+// engine's.
 
 #include "examples/modeld/service/Program.h"
 
@@ -28,8 +28,7 @@ namespace {
 constexpr int kFailure = 1;
 constexpr std::chrono::seconds kForTheQueue{4};
 
-// The state of a long load, drawn over itself on a terminal, erased at the end, and left out of
-// pipes.
+// A progress line on a terminal, redrawn in place and erased at the end; nothing in a pipe.
 class ProgressLine {
   public:
     ~ProgressLine() { draw(""); }
@@ -61,15 +60,15 @@ Source sourceOf(const Options& options) {
     return {options.files, options.table, options.key};
 }
 
-// Empty for a service that publishes nothing.
+// Empty for a service without notices.
 std::string notifySubject(CVekEngine& engine, __serv_types service) {
     const std::string plain = CVekServiceToSubjectMapper::ServiceEnumToNotifySubject(service);
     const kvx::Text subject(plain.empty() ? nullptr : engine.RRNDomainSubj(plain.c_str()));
     return subject ? subject.get() : "";
 }
 
-// Fills the table anew; or, when somebody will publish it, finds what has changed since the table
-// was filled, perhaps while no member ran.
+// Fills the table; or, when changes are published, refreshes it, to find changes since it was
+// filled, maybe while no member ran.
 std::optional<Refusal> fill(Store& store, const Options& options, const Progress& progress) {
     const Source source = sourceOf(options);
     if (options.watchSource == 0 || !store.hasTable(options.table)) {
@@ -84,8 +83,7 @@ std::optional<Refusal> fill(Store& store, const Options& options, const Progress
     return refusal;
 }
 
-// Waits for another member of the group that is filling the same database. What is left to do then
-// is decided anew.
+// Fills, and retries while another member of the group is filling the same database.
 std::optional<Refusal> fillWhenFree(Store& store, const Options& options,
                                     const Progress& progress) {
     bool told = false;
@@ -98,7 +96,7 @@ std::optional<Refusal> fillWhenFree(Store& store, const Options& options,
     }
 }
 
-// Opens the database and fills it; `rows` is how many.
+// Opens the database and fills it; sets `rows` to the number of rows.
 std::optional<Refusal> openAndFill(const Options& options, std::uint64_t& rows) {
     Refusal refusal;
     const auto store = Store::open(options.database, Store::Access::ReadWrite, refusal);
@@ -127,8 +125,8 @@ bool load(const Options& options) {
     return true;
 }
 
-// Leaves while the process still beats: what is queued goes out, then the group hears that another
-// member is to answer, and only then does the rest of the process come to its end.
+// Sends the queue, leaves the group so that another member answers, and only then lets the rest of
+// the process end. Heartbeats go on meanwhile.
 void leave(ModelService& service, CVekEngine& engine) {
     service.stopAnswering();
     engine.RESetInActive();
@@ -143,11 +141,11 @@ void leave(ModelService& service, CVekEngine& engine) {
     engine.RELeaveGroup();
 }
 
-// Those that end no process do not end it while it is still loading and connecting either.
+// Ignores, during loading and connecting, the signals that later do not end the process.
 void ignoreHarmlessSignals() {
     kvx::platform::ignoreSignal(kvx::platform::signal_number::hangup());
     kvx::platform::ignoreSignal(kvx::platform::signal_number::user2());
-    // Who reads the log may end before the service.
+    // The reader of the log may end before the service.
     kvx::platform::ignoreSignal(kvx::platform::signal_number::brokenPipe());
 }
 
@@ -156,13 +154,13 @@ void ignoreHarmlessSignals() {
 int run(const Options& options) {
     Log::setLevel(options.level);
     ignoreHarmlessSignals();
-    // What the files are before the loading: a change during it is seen later.
+    // Before the loading, so that a change during it is found later.
     const FileWatch watch(options.files);
     if (!load(options)) return kFailure;
     const ReportsInLog reports;
-    // Outlives all that may take its time to end.
+    // Outlives everything that may be slow to end.
     std::optional<StopWatch> watchTheStop;
-    // An engine that serves no service joins no group.
+    // An engine of an unknown service joins no group.
     CVekEngine engine(options.tier, options.group.c_str(), options.domain.c_str(),
                       options.standalone ? SERV_UNKNOWN : options.service);
     if (engine.m_sessionUp != 1) {
@@ -187,7 +185,7 @@ int run(const Options& options) {
     const char* name = CVekServiceToSubjectMapper::EnumToServiceString(options.service);
     engine.REStartHeartBeat(name, options.domain.c_str(), &environment);
     if (options.standalone) engine.RESetActive();
-    // A stop ends the main loop and not the process, so that the group hears of it at once.
+    // A stop ends the main loop, not the process, so that the engine leaves the group at once.
     CMOMSignalHandler signals;
     signals.manage(&engine, [&engine] { engine.RRNStopLoop(); });
     watchTheStop.emplace();

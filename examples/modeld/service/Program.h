@@ -4,8 +4,8 @@
 
 namespace modeld {
 
-/// Loads what is to be loaded, then answers queries until a signal ends the process. Returns the
-/// exit status when there is nothing to answer with, or no daemon to answer through.
+/// Loads the files, then answers queries until a signal. Returns the exit status, early without a
+/// usable database or a daemon.
 int run(const Options& options);
 
 }  // namespace modeld

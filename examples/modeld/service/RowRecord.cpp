@@ -44,9 +44,9 @@ void RowBlock::add(const Row& row) {
     }
 }
 
-// Rows that fill the same columns share one record, whose values are replaced, so that names and
-// fields are built once. A row that leaves out a value begins a new one, for a value cannot be
-// taken out of a record.
+// Rows with values in the same columns share one record, whose values are replaced, so that names
+// and fields are built once. A row with other columns begins a new record, since a field cannot be
+// removed.
 void RowBlock::encode(CVekTransport& transport) const {
     const std::string_view texts = texts_;
     std::size_t text = 0;

@@ -10,21 +10,21 @@
 
 namespace modeld {
 
-/// Adds a field; a field of the name that is there already gets the new value.
+/// Adds a field, or replaces its value.
 void addField(CVekBaseRecord& record, const char* name, std::unique_ptr<CVekAtom> value);
 
-/// Adds the columns of a row as fields: integers as 64-bit ones, all else as texts, nothing for a
-/// value that is empty.
+/// Adds the columns of a row as fields: integers with 64 bits, all else as text, nothing for an
+/// empty value.
 void addColumns(CVekBaseRecord& record, const Row& row);
 
-/// Some rows of one answer, copied out of the store into two buffers, so that another thread can
-/// encode them. All rows have the columns of the first. One thread at a time.
+/// Rows of one answer, copied from the store into two buffers, so that another thread can encode
+/// them. All rows have the columns of the first. One thread at a time.
 class RowBlock {
   public:
     void add(const Row& row);
     std::size_t size() const { return columns_.empty() ? 0 : values_.size() / columns_.size(); }
 
-    /// Adds one record a row to `transport`: the columns as fields, empty values left out.
+    /// Adds one record per row to `transport`: the columns as fields, without empty values.
     void encode(CVekTransport& transport) const;
 
   private:

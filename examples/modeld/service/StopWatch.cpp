@@ -1,3 +1,9 @@
+// The signal handler only sets a flag, which a thread of this object polls every 100 ms. The first
+// stop is passed on to the port library's catcher and starts a deadline of 1.5 s for the main loop;
+// `leaving` extends it to ten seconds while the daemon is connected. A second signal or a missed
+// deadline ends the process at once. The handlers are installed again in `leaving`, since the
+// catcher's stop has restored the default handling.
+
 #include "examples/modeld/service/StopWatch.h"
 
 #include <atomic>

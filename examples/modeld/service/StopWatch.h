@@ -8,23 +8,23 @@
 
 namespace modeld {
 
-/// Makes a stop signal end the process whatever the main loop does: a loop that tries to reach its
-/// daemon again handles no signal for seconds.
+/// Makes a stop signal end the process even while the main loop is blocked: a loop that reconnects
+/// to its daemon handles no signal for seconds.
 ///
-/// SIGINT, SIGTERM and SIGUSR1 are passed on to the port library's catcher, which has them handled
-/// in the loop. When the loop has not been left 1.5 s later, or what follows it takes longer than
+/// SIGINT, SIGTERM and SIGUSR1 are passed on to the port library's catcher, which handles them in
+/// the loop. When the loop does not end within 1.5 s, or the shutdown after it takes longer than
 /// `leaving` allows, or a second signal comes, the process ends at once: with status 0 when the
-/// daemon is away, since nothing is left that could be done without it, else with 1. Main thread.
+/// daemon is lost, since nothing can be done without it, else with 1. Main thread.
 class StopWatch {
   public:
-    /// To be built after the catcher manages the signals.
+    /// Construct it after the catcher manages the signals.
     StopWatch();
     ~StopWatch();
     StopWatch(const StopWatch&) = delete;
     StopWatch& operator=(const StopWatch&) = delete;
 
-    /// The loop has been left, and the catcher stopped. While the daemon is there what is left to
-    /// do may take ten seconds.
+    /// Call it when the loop has ended and the catcher is stopped. With a connected daemon the rest
+    /// of the shutdown may take ten seconds.
     void leaving();
 
   private:

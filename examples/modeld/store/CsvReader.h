@@ -7,23 +7,23 @@
 
 namespace modeld {
 
-/// Reads comma-separated records: fields may stand in double quotes, with a doubled quote for a
-/// quote inside, and may then hold commas and line ends. Memory is bounded by the longest record,
-/// which may have at most `kMaxRecordBytes`.
+/// Reads comma-separated records: fields may be in double quotes, with a doubled quote for a quote
+/// inside, and may then hold commas and line ends. Memory is bounded by the longest record, at most
+/// `kMaxRecordBytes`.
 class CsvReader {
   public:
     static constexpr std::size_t kMaxRecordBytes = 1024 * 1024;
 
     enum class Result { Record, End, Malformed, Unreadable };
 
-    /// Opens a regular file. Other kinds cannot be read twice, and opening some of them waits.
+    /// Opens a regular file. Other kinds cannot be read twice, and opening some of them blocks.
     explicit CsvReader(const std::string& path);
 
-    /// Why the file cannot be read; empty when it can.
+    /// The error of reading the file; empty for none.
     const std::string& problem() const { return problem_; }
 
-    /// The next record into `fields`. Malformed: a quote that is never closed, or a record that is
-    /// too long; `line()` then says where it began. Unreadable: see `problem()`.
+    /// The next record into `fields`. Malformed: an unclosed quote, or a record that is too long,
+    /// which begins at `line()`. Unreadable: see `problem()`.
     Result next(std::vector<std::string>& fields);
 
     /// The line, from 1, on which the last record began.

@@ -1,5 +1,5 @@
-// Filling a table reads its files twice: once to learn what the columns hold, once to insert; so
-// memory does not grow with the files.
+// Filling a table reads its files twice, once for the column types and once to insert, so memory
+// does not grow with the files.
 
 #include "examples/modeld/store/Fill.h"
 
@@ -26,7 +26,7 @@ struct Column {
     bool empty = true;
 };
 
-// Empty for a heading that is no UTF-8, or has no character.
+// Empty for a heading that is not UTF-8 or is empty.
 std::string columnName(std::string_view heading) {
     std::string name;
     for (std::size_t length = 0; !heading.empty(); heading.remove_prefix(length)) {
@@ -46,7 +46,7 @@ std::string columnName(std::string_view heading) {
     return name;
 }
 
-// Names the columns after their headings.
+// Makes the column names from the headings.
 std::optional<Refusal> nameColumns(const std::string& file, const std::vector<std::string>& heading,
                                    std::vector<Column>& columns) {
     std::set<std::string> names;
@@ -67,8 +67,7 @@ std::optional<Refusal> nameColumns(const std::string& file, const std::vector<st
     return std::nullopt;
 }
 
-// An integer as a person would write it: no leading zero that a number would lose, at most 18
-// digits.
+// Whether `text` is an integer that survives conversion: no leading zero, at most 18 digits.
 bool isPlainInteger(const std::string& text) {
     const std::size_t start = text.starts_with('-') ? 1 : 0;
     const std::size_t digits = text.size() - start;
@@ -77,7 +76,7 @@ bool isPlainInteger(const std::string& text) {
     return text.find_first_not_of("0123456789", start) == std::string::npos;
 }
 
-// The refusal that a reading ended with, if it did.
+// The refusal of a failed reading, if it failed.
 std::optional<Refusal> broken(const std::string& file, const CsvReader& reader,
                               CsvReader::Result result) {
     if (result == CsvReader::Result::Unreadable) return badSource(file, reader.problem());
@@ -86,7 +85,7 @@ std::optional<Refusal> broken(const std::string& file, const CsvReader& reader,
                                ": a quote is not closed, or the record is too long");
 }
 
-// Shows every record of every file below the heading to `visit`, which may refuse.
+// Calls `visit`, which may refuse, for every record below the heading of every file.
 template <class Visit>
 std::optional<Refusal> eachRecord(const Source& source, std::vector<std::string>& heading,
                                   Visit&& visit) {

@@ -9,16 +9,16 @@
 
 namespace modeld {
 
-/// A refusal in SQLite's own words.
+/// A refusal with SQLite's error text.
 Refusal failed(sqlite3* database, const std::string& doing);
 
-/// Makes `table`, a quoted name, anew and fills it from the files of `source`. The caller has begun
-/// a transaction. A source without its key column is refused before anything is read in. A column
-/// holds integers when every value of it is one, else text.
+/// Recreates `table`, a quoted name, and fills it from the files of `source`, inside the caller's
+/// transaction. A source without its key column is refused before any row is read. A column holds
+/// integers when every value of it is one, else text.
 std::optional<Refusal> fillTable(sqlite3* database, const Source& source, const std::string& table,
                                  const Progress& progress);
 
-/// Indexes the key column of `source.table`, when it has one and it is not indexed yet.
+/// Indexes the key column of `source.table`, if it has one that is not indexed.
 std::optional<Refusal> indexKey(sqlite3* database, const Source& source);
 
 }  // namespace modeld

@@ -1,15 +1,15 @@
-// What differs between a table and its files, and the table made equal. The files go into a
-// temporary table. Every row of either side then gets an identity, the text of its key and how many
-// rows of the same key came before it, and the two sides are joined on that: a row without a
-// partner was deleted or inserted, partners that differ were changed. Rows that did not change are
+// Finds the differences between a table and its files, and makes the table equal. The files are
+// read into a temporary table. Every row of either side gets an identity, the text of its key and
+// the number of rows with the same key before it, and the two sides are joined on that: a row
+// without a partner was deleted or inserted, partners that differ were changed. Unchanged rows are
 // not written.
 //
-// A notice says what its row is now, so the notices of one row that wait make each other obsolete:
-// the newest stays. Whoever publishes them late, as after a take-over, tells no older value.
+// A notice has the current row, so only the newest of a row is kept. A late publisher, as after a
+// take-over, never publishes an older value.
 //
 // Two processes may share one database. The transaction takes the write lock before it compares, so
-// the second one finds no difference; and since the notices are rows of the database too, it does
-// not matter which of the two did the work: the one whose task it is to publish takes them.
+// the second one finds no difference; since the notices are rows of the database too, either may do
+// the work and the active one publishes.
 
 #include "examples/modeld/store/Refresh.h"
 
@@ -24,7 +24,7 @@ namespace {
 constexpr const char* kStaged = "temp.staged";
 constexpr const char* kNotices = "_modeld_notices";
 
-// Notices of one refresh, in this order: what left its place comes before what may take it.
+// The order of the notices of one refresh: a deleted row comes before one that may replace it.
 constexpr Change kOrder[] = {Change::Deleted, Change::Changed, Change::Inserted};
 
 std::string number(Change change) {
@@ -37,7 +37,8 @@ std::string columnList(const sql::Table& table) {
     return list;
 }
 
-// Rows of one side with their identities: r is the row number, k the key, n its how-manieth.
+// Rows of one side with their identities: r is the row number, k the key, n the index among equal
+// keys.
 std::string identitiesText(const char* name, const std::string& table, const std::string& rowid,
                            const std::string& key) {
     return std::string("CREATE TEMP TABLE ") + name + " AS SELECT " + rowid + " AS r, " + key +
@@ -92,7 +93,7 @@ std::optional<Refusal> Refresh::apply(const Describe& describe, Refreshed& done)
     return indexKey(database_, source_);
 }
 
-// The key, or without one the whole row, as a text that is never null.
+// The key, or without one the whole row, as a non-null text.
 std::string Refresh::identity(const sql::Table& table) const {
     const auto* key = source_.key.empty() ? nullptr : table.find(source_.key);
     if (key != nullptr) return "coalesce(CAST(" + sql::quoted(key->first) + " AS TEXT), '')";
@@ -103,7 +104,7 @@ std::string Refresh::identity(const sql::Table& table) const {
     return whole;
 }
 
-// Whether the partners o and s differ. Where the columns do, all rows count as changed.
+// Whether the partners o and s differ. If the columns differ, all rows count as changed.
 std::string Refresh::differs() const {
     if (present_.columns != staged_.columns) return "1";
     std::string text = "0";
@@ -139,7 +140,7 @@ std::optional<Refusal> Refresh::compare() {
     return done ? std::nullopt : std::optional(failed(database_, "comparing the rows"));
 }
 
-// Databases of earlier versions do not know which row a notice is of.
+// Databases of earlier versions lack the row of a notice.
 std::optional<Refusal> Refresh::makeRoomForNotices() {
     const std::string notices = kNotices;
     const bool done =
@@ -183,7 +184,7 @@ std::optional<Refusal> Refresh::keepNotices(Change change, const Describe& descr
                                : std::optional(failed(database_, "reading the changes"));
 }
 
-// A changed row keeps its number, and so its place; a new one, whose number is null, gets the next.
+// A changed row keeps its number, and so its place; a new one, with a null number, gets the next.
 std::optional<Refusal> Refresh::changeRows() {
     const std::string table = "main." + sql::quoted(source_.table);
     const std::string columns = columnList(staged_);

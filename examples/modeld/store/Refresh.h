@@ -23,10 +23,10 @@ class Refresh {
     Refresh(const Refresh&) = delete;
     Refresh& operator=(const Refresh&) = delete;
 
-    /// Reads the files into a table that only this connection sees.
+    /// Reads the files into a temporary table of this connection.
     [[nodiscard]] std::optional<Refusal> stage(const Progress& progress);
 
-    /// Finds the differences, keeps a notice of each, and makes the table equal to what was staged.
+    /// Finds the differences, stores a notice of each, and makes the table equal to the staged one.
     [[nodiscard]] std::optional<Refusal> apply(const Describe& describe, Refreshed& done);
 
   private:
@@ -44,10 +44,10 @@ class Refresh {
     const Source& source_;
     sql::Table present_;
     sql::Table staged_;
-    std::string rowid_;  ///< a name for the row number that no column hides
+    std::string rowid_;  ///< a name of the row number that no column has
 };
 
-/// The notices that wait in the database. Their numbers rise and are never used again.
+/// The notices stored in the database. Their numbers ascend and are never reused.
 bool hasNotices(sqlite3* database);
 std::optional<Refusal> readNotices(sqlite3* database, std::int64_t after, const VisitNotice& visit);
 std::optional<Refusal> forgetNotices(sqlite3* database, std::int64_t upTo);

@@ -1,5 +1,10 @@
-// Query trees as prepared statements. Names are looked up in the schema and written as the schema
-// has them; values are bound. So the only texts that reach SQLite as SQL are this file's own.
+// Compiles query trees to prepared statements.
+//
+// One pass over the tree writes the statement's text and collects the values in the same order. A
+// name is looked up in the schema and written in its spelling, quoted; a value becomes a "?" and is
+// bound. So the text holds nothing of a query but names that the schema has. Comparisons are
+// checked against the kind of the column: text with text, numbers with numbers, `like` on text
+// only, null anywhere. The first error, with its position, ends the translation.
 
 #include "examples/modeld/store/Sql.h"
 
@@ -43,7 +48,7 @@ bool comparable(ValueKind column, ValueKind value, oql::Comparison operation) {
     return text == (value == ValueKind::Text);
 }
 
-// Writes one query against one table. The first thing that does not fit stops it.
+// Translates one query against one table, up to the first error.
 class Translation {
   public:
     Translation(const oql::Query& query, const Table& table) : query_(query), table_(table) {}
@@ -82,7 +87,7 @@ class Translation {
         }
     }
 
-    // The column's kind; Null, with the refusal noted, when the table has no such column.
+    // The column's kind; Null, with the refusal stored, when the table has no such column.
     ValueKind field(const oql::Name& name) {
         if (const auto* column = table_.find(name.text)) {
             command_.text += quoted(column->first);

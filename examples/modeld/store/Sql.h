@@ -25,13 +25,13 @@ Statement prepare(sqlite3* database, const std::string& text);
 /// Runs a text that yields no rows. False when SQLite refuses.
 bool execute(sqlite3* database, const std::string& text);
 
-/// An identifier as SQL wants it: in double quotes, quotes inside doubled.
+/// An SQL identifier: in double quotes, quotes inside doubled.
 std::string quoted(const std::string& name);
 
-/// How the names of the store's own tables begin, which no query reaches.
+/// The prefix of the store's own tables, which queries cannot reach.
 inline constexpr const char kOwnTables[] = "_modeld_";
 
-/// Whether a table of that name can be loaded and asked for: it is neither SQLite's nor the store's
+/// Whether a table of that name can be loaded and queried: it is neither SQLite's nor the store's
 /// own.
 bool isUsersTable(const std::string& name);
 
@@ -43,18 +43,19 @@ struct Table {
     const std::pair<std::string, ValueKind>* find(std::string_view column) const;
 };
 
-/// Nothing when there is no such table, or when it is not the user's.
+/// Nothing when there is no such table, or it is not a user's.
 std::optional<Table> describe(sqlite3* database, const std::string& name,
                               const char* schema = "main");
 
-/// A statement with its values still beside it: no byte of a query text is ever part of `text`, but
-/// for names that were found in the schema.
+/// A statement and its unbound values: of a query text, only names found in the schema are part of
+/// `text`.
 struct Command {
     std::string text;
     std::vector<oql::Literal> values;
 };
 
-/// Turns a query into a command against `table`, or says which name or comparison does not fit.
+/// Translates a query into a command against `table`, or refuses an unknown name or invalid
+/// comparison.
 std::variant<Command, Refusal> translate(const oql::Query& query, const Table& table);
 
 /// Prepares a command and binds its values. Null when SQLite refuses.

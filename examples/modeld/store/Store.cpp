@@ -1,4 +1,5 @@
-// A model's data in SQLite. One transaction covers both the old table's end and the new one's rows.
+// A model's data in SQLite. One transaction drops the old table and fills the new one, so readers
+// see either.
 
 #include "examples/modeld/store/Store.h"
 
@@ -15,11 +16,11 @@ namespace modeld {
 namespace {
 
 constexpr int kBusyTimeoutMs = 5000;
-// Pages that a connection keeps, so that tables of that size are not read from the file again.
+// The page cache of a connection: tables of that size are not read from the file again.
 constexpr const char* kCacheSize = "PRAGMA cache_size = -65536";  // KiB when negative
 
-// Opening reads nothing, so that a file of another kind shows with the first access only. One that
-// another process has locked at the moment is usable.
+// Opening reads nothing, so another kind of file is detected only at the first access. A locked
+// database is usable.
 bool isUsable(sqlite3* database, Store::Access access) {
     sqlite3_busy_timeout(database, kBusyTimeoutMs);
     sql::execute(database, kCacheSize);
@@ -29,7 +30,7 @@ bool isUsable(sqlite3* database, Store::Access access) {
            (access == Store::Access::ReadOnly && sqlite3_errcode(database) == SQLITE_BUSY);
 }
 
-// What SQLite says, and the system's word for it where that says more.
+// SQLite's error text, with the system's error if there is one.
 std::string reasonOf(sqlite3* database) {
     std::string reason = sqlite3_errmsg(database);
     const int error = database != nullptr ? sqlite3_system_errno(database) : 0;
@@ -37,7 +38,7 @@ std::string reasonOf(sqlite3* database) {
     return reason;
 }
 
-// One transaction around `work`: all of it, or on a refusal nothing.
+// Runs `work` in one transaction, rolled back on a refusal.
 template <class Work>
 std::optional<Refusal> inTransaction(sqlite3* database, const char* doing, Work&& work) {
     if (!sql::execute(database, "BEGIN IMMEDIATE")) return failed(database, doing);
@@ -87,11 +88,11 @@ std::string_view Row::text(int column) const {
 }
 
 std::unique_ptr<Store> Store::open(const std::string& path, Access access, Refusal& refusal) {
-    // A store belongs to one thread at a time, and every value read would take SQLite's own lock.
+    // A store is used by one thread at a time; SQLite's lock would be taken for every value read.
     const int flags = SQLITE_OPEN_NOMUTEX |
                       (access == Access::ReadOnly ? SQLITE_OPEN_READONLY
                                                   : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
-    if (path.empty()) {  // SQLite's name of a database that is gone when it is closed
+    if (path.empty()) {  // a temporary database in SQLite
         refusal = {StoreError::NoDatabase, "a database needs a file name", 0};
         return nullptr;
     }
@@ -158,7 +159,7 @@ std::optional<Refusal> Store::checkpoint(int& framesLeft) {
     if (!sql::execute(database, "PRAGMA optimize")) return failed(database, "optimizing");
     const int result =
         sqlite3_wal_checkpoint_v2(database, nullptr, SQLITE_CHECKPOINT_PASSIVE, &frames, &moved);
-    // Busy: another member of the group is at it.
+    // Busy: another member of the group is writing.
     if (result != SQLITE_OK && result != SQLITE_BUSY) {
         return failed(database, "moving the log into the database");
     }

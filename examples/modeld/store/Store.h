@@ -15,12 +15,11 @@
 
 namespace modeld {
 
-/// Why a store refused. The service turns these into the statuses that travel to the querier.
-/// Busy: another process was writing for longer than anyone should wait without a word.
+/// Why a store refused. The service maps these to the statuses of its answers. Busy: another
+/// process was writing for longer than the time limit.
 enum class StoreError { NoDatabase, NoTable, NoColumn, TypeMismatch, BadSource, Busy, Failed };
 
-/// What went wrong, in words for the user, and where in the query text (0 when it has no place
-/// there).
+/// An error text for the user, and its position in the query text (0 for none).
 struct Refusal {
     StoreError error = StoreError::Failed;
     std::string message;
@@ -29,10 +28,10 @@ struct Refusal {
 
 enum class ValueKind { Null, Integer, Real, Text };
 
-/// One row of an answer, valid during the call that shows it.
+/// One row of an answer, valid during the call that gets it.
 class Row {
   public:
-    /// The last `hidden` columns of the statement are not the row's.
+    /// The last `hidden` columns of the statement are not part of the row.
     explicit Row(sqlite3_stmt* statement, int hidden = 0)
         : statement_(statement), hidden_(hidden) {}
 
@@ -47,27 +46,26 @@ class Row {
     int hidden_;
 };
 
-/// Which files a table is filled from, and how far that has come.
+/// The source files of a table.
 struct Source {
-    std::vector<std::string>
-        files;  ///< comma-separated, with one and the same line of column names
+    std::vector<std::string> files;  ///< comma-separated, with the same line of column names
     std::string table;
     std::string key;  ///< a column to index; empty for none
 };
 
-/// Is told from time to time how many rows have been read of `all`, which is 0 while it is not
-/// known: files are read twice, and first only to learn what they hold.
+/// Called from time to time with the number of rows read and the total, which is 0 during the first
+/// of the two readings.
 using Progress = std::function<void(std::uint64_t rows, std::uint64_t all)>;
 
 enum class Change { Inserted, Changed, Deleted };
 
-/// Makes the notice that tells of one change: any bytes. A changed row is shown as it is now.
+/// Makes the notice of one change: any bytes. A changed row has its new values.
 using Describe = std::function<std::string(Change, const Row&)>;
 
-/// Is shown a notice and its number.
+/// Called with a notice and its number.
 using VisitNotice = std::function<void(std::int64_t number, std::string_view notice)>;
 
-/// How many rows a refresh found different.
+/// The numbers of rows that a refresh found different.
 struct Refreshed {
     std::uint64_t inserted = 0;
     std::uint64_t changed = 0;
@@ -76,19 +74,18 @@ struct Refreshed {
     std::uint64_t all() const { return inserted + changed + deleted; }
 };
 
-/// A SQLite database behind the queries of a model. One object belongs to one thread at a time;
-/// several may stand on one file.
+/// The SQLite database of a model. One thread at a time; several objects may use one file.
 class Store {
   public:
     enum class Access { ReadOnly, ReadWrite };
 
-    /// Null, with `refusal` filled, when the file cannot be opened or is no database.
+    /// Null, with `refusal` set, when the file cannot be opened or is not a database.
     static std::unique_ptr<Store> open(const std::string& path, Access access, Refusal& refusal);
 
-    /// Fills `source.table` anew in one transaction: on a refusal the table is as it was before.
-    /// A column holds integers when every value of it is one, written the plain way; else text.
-    /// Column names become lower case, with an underline for every character of ASCII that is no
-    /// letter or digit; a heading that is no UTF-8 is refused.
+    /// Refills `source.table` in one transaction: on a refusal the table is unchanged. A column
+    /// holds integers when every value of it is a plain integer, else text. Column names are the
+    /// headings in lower case, with an underline for every ASCII character that is neither letter
+    /// nor digit; a heading that is not UTF-8 is refused.
     std::optional<Refusal> load(const Source& source, const Progress& progress);
 
     /// Waits while another process writes; refuses with `Busy` after five seconds.
@@ -97,31 +94,30 @@ class Store {
     /// Whether there is a table of that name that queries can reach.
     bool hasTable(const std::string& name) const;
 
-    /// Brings `source.table` in line with its files by changing only the rows that differ. Rows are
-    /// the same when their keys are; without a key, or of one key twice, the values and the order
-    /// tell. In one transaction with the changes it keeps the notices that `describe` makes of
-    /// them, until somebody takes them or a newer one is of the same row. On a refusal everything
-    /// is as it was before.
+    /// Makes `source.table` equal to its files by changing only the rows that differ. Rows are
+    /// identified by their key; without a key, or with equal keys, by values and order. In the same
+    /// transaction it stores the notices that `describe` makes, until they are deleted or replaced
+    /// by a newer one of the same row. On a refusal nothing is changed.
     std::optional<Refusal> refresh(const Source& source, const Describe& describe, Refreshed& done,
                                    const Progress& progress = {});
 
     bool hasNotices() const;
 
-    /// Shows the kept notices with numbers above `after` to `visit`, the oldest first.
+    /// Calls `visit` for the stored notices with numbers above `after`, the oldest first.
     std::optional<Refusal> readNotices(std::int64_t after, const VisitNotice& visit);
 
-    /// Forgets the notices with numbers up to `upTo`.
+    /// Deletes the notices with numbers up to `upTo`.
     std::optional<Refusal> forgetNotices(std::int64_t upTo);
 
-    /// Forgets the notices that have been kept for longer.
+    /// Deletes the notices older than that.
     std::optional<Refusal> dropNotices(std::chrono::seconds olderThan);
 
-    /// Moves what was written since the last time from the log into the database, as far as readers
-    /// allow at this moment; `framesLeft` is what stays behind.
+    /// Moves the write-ahead log into the database, as far as current readers allow; sets
+    /// `framesLeft` to the rest.
     std::optional<Refusal> checkpoint(int& framesLeft);
 
-    /// Runs a query, showing every row to `visit` until that returns false. The number of rows
-    /// shown is left in `rows`.
+    /// Runs a query and calls `visit` for every row until it returns false. Sets `rows` to the
+    /// number of calls.
     std::optional<Refusal> run(const oql::Query& query,
                                const std::function<bool(const Row&)>& visit, std::uint64_t& rows);
 
