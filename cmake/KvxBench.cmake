@@ -1,7 +1,7 @@
 # kvx_bench(NAME name SOURCES file... LINKS target...)
 #
-# One question, one program: bin/bench_<name>. It prints how each figure was made, then a table with
-# the ratio to a baseline that the same run has measured.
+# One program for one question: bin/bench_<name>. It prints how each figure was made, then a table
+# with the ratio to a baseline measured in the same run.
 function(kvx_bench)
     cmake_parse_arguments(PARSE_ARGV 0 BENCH "" "NAME" "SOURCES;LINKS")
     set(target bench_${BENCH_NAME})

@@ -1,4 +1,4 @@
-# What `cmake --install` lays down: libraries, headers, programs, the CMake package, pkg-config.
+# What `cmake --install` installs: libraries, headers, programs, the CMake package, pkg-config.
 
 include(CMakePackageConfigHelpers)
 
@@ -12,8 +12,7 @@ if(KVX_BUILD_EXAMPLES)
     install(TARGETS modeld RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
-# Headers for users: the umbrellas and what they include, directly or not. Whatever no umbrella reaches
-# is ours alone and stays at home.
+# Headers for users: the umbrellas and what they include, directly or not. All others are internal.
 include(KvxPublicHeaders)
 kvx_public_headers(public_headers foundation/foundation.h rv/rv.h mom/mom.h)
 foreach(header IN LISTS public_headers)
@@ -31,7 +30,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/KVXMOMConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/KVXMOMConfigVersion.cmake
         DESTINATION ${KVX_INSTALL_PACKAGE})
 
-# The package finds its prefix from where it lies, so that an installed tree may be moved.
+# The package derives its prefix from its own path, so that an installed tree may be moved.
 file(RELATIVE_PATH KVX_PREFIX_FROM_PC
      /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 string(REGEX REPLACE "/$" "" KVX_PREFIX_FROM_PC "${KVX_PREFIX_FROM_PC}")
@@ -44,7 +43,7 @@ install(FILES packaging/man/rvd.1 packaging/man/kvx.1 packaging/man/rva.1
 install(FILES packaging/completions/kvx packaging/completions/rva
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 
-# The units name the programs where they are installed, which only the installation itself knows.
+# The units contain the paths of the installed programs, known only at installation.
 install(CODE "
     set(KVX_UNITS \"${PROJECT_SOURCE_DIR}/packaging/systemd\")
     set(KVX_UNITS_BUILT \"${CMAKE_CURRENT_BINARY_DIR}/systemd\")

@@ -1,10 +1,10 @@
-# The shared libraries, each from the rooms it is made of, and `kvx_mom`: all rooms of the middleware
-# as one static library, because they see one another. Tests link it, and reach what the shared
-# libraries hide.
+# The shared libraries, each from its rooms, and `kvx_mom`: all rooms of the middleware as one static
+# library, since they depend on one another. Tests link it to reach symbols that the shared libraries
+# hide.
 
 find_package(ZLIB REQUIRED)
 
-# A library that needs a symbol which nobody has fails here, not in a user's program.
+# An undefined symbol fails here, not in a user's program.
 if(NOT KVX_SANITIZE)
     set(no_undefined -Wl,-z,defs)
 endif()

@@ -1,4 +1,4 @@
-# What every target is compiled with: language level, warnings, sanitizers, include roots.
+# The options of every target: language level, warnings, sanitizers, include roots.
 
 set(KVX_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them")
 option(KVX_COVERAGE "Instrument for line coverage" OFF)
@@ -25,7 +25,7 @@ target_compile_options(kvx_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Woverloaded-virtual -Wcast-qual -Wformat=2)
 target_link_libraries(kvx_options INTERFACE Threads::Threads)
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-    # GCC 12 sees overlaps in the optimised std::string that are not there.
+    # GCC 12 warns of overlaps in std::string that do not exist.
     target_compile_options(kvx_options INTERFACE -Wno-restrict)
 endif()
 
@@ -37,7 +37,7 @@ if(KVX_SANITIZE)
     target_link_options(kvx_options INTERFACE -fsanitize=${KVX_SANITIZE})
 endif()
 if(KVX_BUILD_FUZZERS)
-    # The rooms report their coverage too: that is what guides a fuzzer.
+    # The rooms report their coverage too, which guides the fuzzer.
     target_compile_options(kvx_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 if(KVX_COVERAGE)

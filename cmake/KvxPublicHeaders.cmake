@@ -1,4 +1,4 @@
-# Which headers are public: what the umbrellas reach. Paths are relative to the include roots.
+# The public headers: those that the umbrellas include, directly or not. Paths are relative to the include roots.
 
 # Sets `result` to the file of a header.
 function(kvx_header_file result header)
@@ -11,7 +11,7 @@ function(kvx_header_file result header)
     message(FATAL_ERROR "no such header: ${header}")
 endfunction()
 
-# Sets `result` to `headers` and what they include of this project, directly or not.
+# Sets `result` to `headers` and the headers of this project that they include, directly or not.
 function(kvx_public_headers result)
     set(pending ${ARGN})
     set(found)

@@ -1,9 +1,9 @@
-# A room is one folder of the tree. It becomes an object library, from which the shared libraries
-# are put together, and a static library, with which tests, fuzz targets and the daemon can reach
-# what the shared libraries hide.
+# A room is one folder of the tree. It becomes an object library, for the shared libraries, and a
+# static library, by which tests, fuzz targets and the daemon reach symbols that the shared libraries
+# hide.
 
 # kvx_room(NAME SOURCES file... DEPENDS room... LINKS target...)
-#   DEPENDS  other rooms that this one stands on
+#   DEPENDS  other rooms that this one depends on
 #   LINKS    libraries from outside the project
 function(kvx_room name)
     cmake_parse_arguments(PARSE_ARGV 1 ROOM "" "" "SOURCES;DEPENDS;LINKS")
@@ -23,8 +23,8 @@ function(kvx_room name)
 endfunction()
 
 # kvx_shared_library(KVXName ALIAS short ROOMS room... USES target... LINKS target...)
-#   ROOMS  the rooms whose objects the library holds
-#   USES   libraries of this project that it stands on
+#   ROOMS  the rooms of the library
+#   USES   libraries of this project that it depends on
 #   LINKS  private libraries from outside the project
 function(kvx_shared_library name)
     cmake_parse_arguments(PARSE_ARGV 1 LIB "" "ALIAS" "ROOMS;USES;LINKS")

@@ -2,8 +2,7 @@
 #          [ENVIRONMENT NAME=value] [LABEL name])
 #   LABEL  leaves the test out of the usual run of ./test
 #
-# One GoogleTest program a room; CTest lists every case as <NAME>.<Suite>.<Case>, so that the list
-# of tests reads as a table of contents.
+# One GoogleTest program per room; CTest lists every case as <NAME>.<Suite>.<Case>.
 function(kvx_test)
     cmake_parse_arguments(PARSE_ARGV 0 TEST "" "NAME;TIMEOUT;ENVIRONMENT;LABEL" "SOURCES;LINKS")
     if(NOT TEST_TIMEOUT)

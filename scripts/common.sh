@@ -1,4 +1,4 @@
-# Shared by ./demo, ./test and .ci/run: what they say, where the chatter goes, what they install.
+# Shared by ./demo, ./test and .ci/run: messages, logs, packages, builds.
 # shellcheck shell=bash
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -28,7 +28,7 @@ install_missing() {
     as_root apt-get update && as_root apt-get install -y --no-install-recommends "$@"
 }
 
-# need_packages LIST...: installs whatever the lists in scripts/packages name and the machine lacks.
+# need_packages LIST...: installs the missing packages of the lists in scripts/packages.
 need_packages() {
     local list package missing=()
     for list in "$@"; do
