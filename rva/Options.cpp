@@ -21,9 +21,8 @@ namespace {
 constexpr const char* kUsageText =
     "usage: rva [-foreground] [-flavor N] [-listen PORT] [-service S] [-network N] [-daemon D]\n"
     "\n"
-    "The bus agent: receives the services' heartbeats and the bus's advisories, and serves them "
-    "by\n"
-    "HTTP on the loopback: / lists the pages.\n"
+    "The bus agent: receives the services' heartbeats and the bus's advisories, and serves them\n"
+    "by HTTP on the loopback: / lists the pages.\n"
     "\n"
     "  -foreground  no effect: the agent always stays in the foreground\n"
     "  -flavor N    the system's flavour identifier; any other is refused\n"

@@ -4,10 +4,10 @@
 // held for one insertion or removal only, never together with the net's lock; no operation waits
 // for the net's lock, which the main thread holds while it sends.
 //
-// Rate: each tick (100 ms) sends at most a tenth of the send rate (CVekInitTimedClb.cpp). Prompt
-// sending wakes the main loop with a byte through a socket pair and sends at most the same number
-// again in the time of one tick. One byte is enough for any number of items: it is read before the
-// queue.
+// Rate: in the time of a tick (100 ms) at most a tenth of the send rate is sent, by the tick
+// (CVekInitTimedClb.cpp) and by prompt sending together: both count in m_sentInTick. Prompt sending
+// wakes the main loop with a byte through a socket pair. One byte is enough for any number of
+// items: it is read before the queue.
 
 #include <algorithm>
 #include <array>
