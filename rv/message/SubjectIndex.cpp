@@ -84,8 +84,6 @@ SubjectIndex::SubjectIndex() : nodes_(kRoot + 1), leaves_(1) {
     seed_ = static_cast<std::uint64_t>(random()) << 32U | random();
 }
 
-// ---- finding ----
-
 std::uint64_t SubjectIndex::extend(std::uint64_t pathHash, std::string_view element) const {
     constexpr std::uint64_t kMix = 0x9E3779B97F4A7C15U;
     const char* text = element.data();
@@ -160,8 +158,6 @@ std::span<SubjectIndex::Entry> SubjectIndex::entriesOf(LeafId id) {
     if (leaf.state == Leaf::kList) return lists_[leaf.entry.order];
     return {&leaf.entry, leaf.state == Leaf::kOne ? 1U : 0U};
 }
-
-// ---- adding ----
 
 // After `makeRoom` only three allocations may fail: a long text, a long subject and a list of
 // entries. Each precedes the change that needs it, so a failure leaves at most a path without a
@@ -291,8 +287,6 @@ void SubjectIndex::appendEntry(LeafId id, Entry entry) {
     lists_[leaf.entry.order].push_back(entry);
 }
 
-// ---- removing ----
-
 bool SubjectIndex::remove(SubjectView subject, const void* subscription) noexcept {
     const LeafId id = locate(subject);
     if (id == 0) return false;
@@ -377,8 +371,6 @@ void SubjectIndex::unlink(NodeId id) {
     node = Node{};
     freeNodes_.push_back(id);
 }
-
-// ---- collecting what a subject reaches ----
 
 void SubjectIndex::reach(LeafId id) {
     if (id == 0) return;
@@ -479,8 +471,6 @@ void SubjectIndex::endWalk(std::size_t base) {
     }
     dirty_.clear();
 }
-
-// ---- walking ----
 
 SubjectIndex::Walk::Walk(SubjectIndex& index)
     : index_(index), base_(index.reached_.size()), limit_(index.nextOrder_) {

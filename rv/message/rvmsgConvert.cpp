@@ -105,8 +105,6 @@ int putAddress(const Target& target, std::uint64_t value) {
     }
 }
 
-// ---- from dates ----
-
 int putDateText(const Target& target, const std::uint32_t* words) {
     const auto high = static_cast<std::int8_t>(words[0]);
     const auto seconds = static_cast<std::int64_t>(
@@ -128,8 +126,6 @@ int fromDateTime(const Source& source, const Target& target) {
     std::memcpy(target.data, words, sizeof words);
     return code::kOk;
 }
-
-// ---- from strings ----
 
 // A text with a terminator within its size, or short enough to be copied and terminated.
 class NumericText {
@@ -227,8 +223,6 @@ int fromString(Source source, const Target& target) {
     }
 }
 
-// ---- from booleans and addresses ----
-
 int fromBoolean(const Source& source, const Target& target) {
     if (source.size != 1 && source.size != 2 && source.size != 4) return code::kInvalidArgument;
     std::uint32_t word = 0;
@@ -269,8 +263,6 @@ int fromAddress(const Source& source, const Target& target) {
             return code::kInvalidArgument;
     }
 }
-
-// ---- from integers ----
 
 // The value, sign-extended for signed types; nothing for a size that integers do not have.
 std::optional<std::uint64_t> integerOf(const Source& source) {
@@ -350,8 +342,6 @@ int fromInteger(const Source& source, const Target& target) {
             return code::kInvalidArgument;
     }
 }
-
-// ---- from reals ----
 
 // Toward zero; out of range gives the smallest 64-bit integer.
 std::uint64_t truncated(double value) {

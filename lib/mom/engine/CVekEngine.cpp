@@ -95,8 +95,6 @@ void CVekEngine::REDoIt() {
     if (previous && previous->callback() != nullptr) m_sendTimer = std::move(previous);
 }
 
-// --- Heartbeats ------------------------------------------------------------------------------
-
 void CVekEngine::REStartHeartBeat(const char* service, const char* domain, CVekEnv* env) {
     static constexpr char kText[] = "CVekEngine::VekStartHeartBeat";
     auto heartbeat = std::make_unique<CVekHeartbeatClb>(service, domain, env);

@@ -35,8 +35,6 @@ std::string processPrefix() {
 
 }  // namespace
 
-// --- Identity --------------------------------------------------------------------------------
-
 int CVekEngine::RESetEngineID() {
     const auto host = kvx::platform::localHostName();
     if (!host) return kvx::kNoHostName;
@@ -67,8 +65,6 @@ int CVekEngine::REMakeGroupName() {
     m_groupName.reset(name.RSTakeString());
     return kvx::kOk;
 }
-
-// --- The group -------------------------------------------------------------------------------
 
 int CVekEngine::REInitSession() {
     const int named = REMakeGroupName();
@@ -155,8 +151,6 @@ void VekGetActivates(rv_Session, const char*, int action, void* closure) {
         kvx::writeGuarded(std::cout, "\n");
     }
 }
-
-// --- Flags -----------------------------------------------------------------------------------
 
 void CVekEngine::setActive(__boolean active) {
     const CVekThread::AutoMutex guard(*m_lock);

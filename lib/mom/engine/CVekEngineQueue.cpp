@@ -228,8 +228,6 @@ CVekStack* CVekEngine::REGetQueue() {
     return m_sendQueue.get();
 }
 
-// --- For the transport -----------------------------------------------------------------------
-
 char* kvx::transport::qualifiedSubject(CVekEngine& engine, const char* subject) {
     return engine.RRNDomainSubj(subject);
 }

@@ -27,8 +27,6 @@ kvx::Text CVekEngine::prepareSubject(const char* subject, __boolean domainQualif
     return domainQualify == TRUE ? kvx::Text(RRNDomainSubj(subject)) : kvx::copyText(subject);
 }
 
-// --- Without a reply -------------------------------------------------------------------------
-
 int CVekEngine::RESend(const char* subject, const RvDatum& datum, __boolean domainQualify) {
     const kvx::Text prepared = prepareSubject(subject, domainQualify);
     if (!prepared) return kvx::kInvalidArgument;
@@ -76,8 +74,6 @@ int CVekEngine::RESendWithNoReplyRequested(const RvSender* sender, const RvDatum
     }
     return const_cast<RvSender*>(sender)->send(datum).code() == 0 ? kvx::kOk : kvx::kNotSent;
 }
-
-// --- With a reply ----------------------------------------------------------------------------
 
 RvListener* CVekEngine::RESend(const char* subject, const RvDatum& datum,
                                const RvDataCallback* callback) {
@@ -148,8 +144,6 @@ RvListener* CVekEngine::RESendAndRequestReply(const RvSender* sender, const RvDa
     return const_cast<RvSender*>(sender)->sendRequest(datum, timeout,
                                                       const_cast<RvDataCallback*>(callback), this);
 }
-
-// --- Senders ---------------------------------------------------------------------------------
 
 RvSender* CVekEngine::RENewSender(const char* subject, __boolean domainQualify) {
     const kvx::Text prepared = prepareSubject(subject, domainQualify);

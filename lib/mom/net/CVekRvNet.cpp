@@ -139,8 +139,6 @@ void CVekRvNet::runPostInitFns() const {
     if (const auto fns = m_postInitFns) fns();
 }
 
-// --- Opening the session ---------------------------------------------------------------------
-
 int CVekRvNet::RRNInitSession() {
     auto claim = claimLoop(kvx::rvNet::kFile, kvx::rvNet::OffMainThread);
     if (!claim) {
@@ -249,8 +247,6 @@ int CVekRvNet::RRNCreateQueueListener() {
     return kvx::kOk;
 }
 
-// --- Closing it ------------------------------------------------------------------------------
-
 int CVekRvNet::RRNTerminateSession() {
     RRNCheckThreadId();
     Storage dropped;  // destroyed last: its user code may destroy the net
@@ -313,8 +309,6 @@ kvx::DaemonAddress CVekRvNet::RRNAddress() {
     if (address.daemon.empty()) address.daemon = kvx::wire::kDefaultDaemon;
     return address;
 }
-
-// --- The bus agent ---------------------------------------------------------------------------
 
 int CVekRvNet::RRNStartAgent() {
     CVekString directory(CVekEnv::REVekHome());

@@ -63,8 +63,6 @@ void ownTexts(Record& record) {
 
 }  // namespace
 
-// --- The main thread -------------------------------------------------------------------------
-
 void CVekRvNet::RRNCheckThreadId() {
     const int result = RRNReturnCheckThreadId();
     if (result != kvx::kOk) kvx::report(result, rvNet::kFile, rvNet::OffMainThread);
@@ -114,8 +112,6 @@ RvIO* CVekRvNet::createIOHere(int* status, unsigned int socket, rvevm_IoEventTyp
     *status = m_ioHandlers->RTLAdd(static_cast<int>(socket), static_cast<void*>(io));
     return io;
 }
-
-// --- Requests of other threads ---------------------------------------------------------------
 
 template <class Record>
 bool CVekRvNet::pushRequest(const Record& request) {
@@ -194,8 +190,6 @@ CVekPointer* CVekRvNet::RRNWaitForNewActivity(int threadId, int* status) {
     }
     return nullptr;
 }
-
-// --- The four kinds --------------------------------------------------------------------------
 
 RvIO* CVekRvNet::RRNNewIO(int* status, unsigned int socket, rvevm_IoEventType type,
                           RvIOCallback* callback, void* closure) {

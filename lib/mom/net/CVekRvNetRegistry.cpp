@@ -68,8 +68,6 @@ bool holdsListener(const CVekTreeList& registry, const RvListener& listener) {
 
 }  // namespace
 
-// --- Subjects and services -------------------------------------------------------------------
-
 char* CVekRvNet::RRNDomainSubj(const char* subject) {
     if (subject == nullptr) {
         kvx::report(kvx::kInvalidArgument, rvNet::kFile, rvNet::QualifyNull, rvNet::kFile);
@@ -132,8 +130,6 @@ int CVekRvNet::RRNAddErrorService(RvSession* session, RvDataCallback* callback) 
     if (stored != kvx::kOk) kvx::report(stored, rvNet::kFile, rvNet::StoreErrorListener);
     return kvx::kOk;
 }
-
-// --- Sending ---------------------------------------------------------------------------------
 
 int CVekRvNet::RRNSend(const char* subject, RvDatum& datum) {
     if (!m_session) return kvx::kNoSession;
@@ -270,8 +266,6 @@ int CVekRvNet::RRNDereferenceSender(RvSender* sender) {
     return result;
 }
 
-// --- Listeners -------------------------------------------------------------------------------
-
 int CVekRvNet::storeListener(RvListener* listener) {
     const CVekThread::AutoMutex guard(*m_lock);
     if (!m_listeners) return kvx::kNoSession;
@@ -330,8 +324,6 @@ int CVekRvNet::RRNRemoveListener(const char* subject) {
     }
     return result;
 }
-
-// --- Timers ----------------------------------------------------------------------------------
 
 int CVekRvNet::RRNAddTimer(int interval, RvTimerCallback* callback) {
     return addTimer(interval, rv_FALSE, callback);
@@ -396,8 +388,6 @@ int CVekRvNet::RRNAddPostInitTimer() {
     return result;
 }
 
-// --- I/O handlers ----------------------------------------------------------------------------
-
 int CVekRvNet::RRNAddIOHandle(unsigned int socket, __boolean read, __boolean write,
                               __boolean exception, RvIOCallback* callback) {
     if (!m_session) return kvx::kNoSession;
@@ -441,8 +431,6 @@ int CVekRvNet::RRNRemoveIO(unsigned int socket) {
     }
     return result;
 }
-
-// --- The main loop ---------------------------------------------------------------------------
 
 void CVekRvNet::RRNDoIt() {
     if (m_sessionUp != 1) return;
