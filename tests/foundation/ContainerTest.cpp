@@ -1,7 +1,5 @@
 // Containers: order, ownership and result codes.
 
-#include <cstring>
-
 #include "foundation/foundation.h"
 #include "tests/foundation/Owned.h"
 
@@ -25,27 +23,29 @@ class Counted : public CVekListable {
     static inline int living = 0;
 };
 
-std::vector<int> numbersIn(const CVekDoubleList& list) {
-    std::vector<int> numbers;
+using Numbers = std::vector<int>;
+using Pointees = std::vector<void*>;
+
+template <class Element, class Value>
+std::vector<Value> valuesIn(const CVekDoubleList& list, Value (*valueOf)(Element&)) {
+    std::vector<Value> values;
     for (auto* element = list.RDLHead(); element != nullptr; element = list.RDLGetNext(element)) {
-        numbers.push_back(dynamic_cast<Counted*>(element)->number);
+        values.push_back(valueOf(dynamic_cast<Element&>(*element)));
     }
-    return numbers;
+    return values;
+}
+
+Numbers numbersIn(const CVekDoubleList& list) {
+    return valuesIn<Counted, int>(list, [](Counted& element) { return element.number; });
 }
 
 // The pointees of an iterator, which is released.
-std::vector<void*> pointees(CVekDoubleList* iterator) {
+Pointees pointees(CVekDoubleList* iterator) {
     const std::unique_ptr<CVekDoubleList> list(iterator);
-    std::vector<void*> found;
-    for (auto* element = list->RDLHead(); element != nullptr; element = list->RDLGetNext(element)) {
-        found.push_back(dynamic_cast<CVekPointer*>(element)->RPData());
-    }
-    return found;
+    return valuesIn<CVekPointer, void*>(*list, [](CVekPointer& one) { return one.RPData(); });
 }
 
-using Pointees = std::vector<void*>;
-
-TEST(DoubleList, OwnsItsElementsAndKeepsTheirOrder) {
+TEST(DoubleList, OwnsItsElementsKeepsTheirOrderAndDeletesNoOther) {
     {
         CVekDoubleList list;
         std::vector<Counted*> elements;
@@ -57,24 +57,20 @@ TEST(DoubleList, OwnsItsElementsAndKeepsTheirOrder) {
         EXPECT_EQ(list.RDLAddToListEnd(nullptr), -220552);
         EXPECT_EQ(list.RDLDeleteListable(elements[0]), 1);
         EXPECT_EQ(list.RDLDeleteListable(elements[3]), 1);
-        EXPECT_EQ(numbersIn(list), (std::vector{1, 2}));
+        EXPECT_EQ(numbersIn(list), (Numbers{1, 2}));
         delete elements[1];  // leaves the list by itself
-        EXPECT_EQ(numbersIn(list), (std::vector{2}));
+        EXPECT_EQ(numbersIn(list), Numbers{2});
         EXPECT_EQ(list.RDLLength(), 1);
+
+        Counted stranger(5);
+        EXPECT_EQ(list.RDLAttemptToDeleteListable(&stranger), -220547);
+        EXPECT_EQ(list.RDLDeleteListable(&stranger), -220547);
+        EXPECT_EQ(list.RDLAttemptToDeleteListable(elements[2]), 1);
+        EXPECT_EQ(list.RDLAttemptToDeleteListable(elements[2]), -220547);  // dead, and not read
+        EXPECT_EQ(list.RDLHead(), nullptr);
+        list.RDLAddToListEnd(new Counted(6));
     }
     EXPECT_EQ(Counted::living, 0);
-}
-
-TEST(DoubleList, DeletesOnlyWhatItHolds) {
-    CVekDoubleList list;
-    auto* element = new Counted(1);
-    Counted stranger(2);
-    list.RDLAddToListEnd(element);
-    EXPECT_EQ(list.RDLAttemptToDeleteListable(&stranger), -220547);
-    EXPECT_EQ(list.RDLDeleteListable(&stranger), -220547);
-    EXPECT_EQ(list.RDLAttemptToDeleteListable(element), 1);
-    EXPECT_EQ(list.RDLAttemptToDeleteListable(element), -220547);  // dead, and not read
-    EXPECT_EQ(list.RDLHead(), nullptr);
 }
 
 TEST(DoubleList, CopiesDeeplyAndLeavesOutWhatRefuses) {
@@ -85,28 +81,25 @@ TEST(DoubleList, CopiesDeeplyAndLeavesOutWhatRefuses) {
     assigned.RDLAddToListEnd(new Counted(9));
     assigned = list;
     dynamic_cast<Counted*>(list.RDLHead())->number = 7;
-    EXPECT_EQ(numbersIn(copy), (std::vector{1, 3}));
-    EXPECT_EQ(numbersIn(assigned), (std::vector{1, 3}));
+    EXPECT_EQ(numbersIn(copy), (Numbers{1, 3}));
+    EXPECT_EQ(numbersIn(assigned), (Numbers{1, 3}));
     EXPECT_EQ(Counted::living, 7);
     auto* taken = list.RDLHead();
     EXPECT_EQ(list.RDLTakeListable(taken), 1);
     EXPECT_EQ(copy.RDLAddToListEnd(taken), 1);
-    EXPECT_EQ(numbersIn(copy), (std::vector{1, 3, 7}));
-}
+    EXPECT_EQ(numbersIn(copy), (Numbers{1, 3, 7}));
 
-TEST(DoubleList, TakesTheElementsOfAListThatItHolds) {
     struct Holder : Counted {
         Holder() : Counted(0) { inner.RDLAddToListEnd(new Counted(5)); }
         CVekDoubleList inner;
     };
-    CVekDoubleList list;
     auto* holder = new Holder;
     list.RDLAddToListEnd(holder);
-    list = holder->inner;
-    EXPECT_EQ(numbersIn(list), (std::vector{5}));
+    list = holder->inner;  // a list that it holds
+    EXPECT_EQ(numbersIn(list), Numbers{5});
 }
 
-TEST(Stack, GivesThePushedInOrderAndTheBottomFirst) {
+TEST(StackAndBag, GiveThePushedInOrderAndTheBottomFirst) {
     int a = 0;
     int b = 0;
     int c = 0;
@@ -124,6 +117,13 @@ TEST(Stack, GivesThePushedInOrderAndTheBottomFirst) {
     bounded.RSPush(&a);
     EXPECT_EQ(bounded.RSPush(&b), -220439);
     EXPECT_EQ(bounded.RSPushBottom(&b), -220439);
+
+    CVekBag bag;
+    bag.RBAdd(&a);
+    bag.RBAdd(nullptr);
+    EXPECT_EQ(bag.RBSize(), 2U);
+    EXPECT_EQ(bag.RBGet(0), &a);
+    EXPECT_EQ(bag.RBGet(2), nullptr);
 }
 
 TEST(AtomVector, DeletesWhatItStillHolds) {
@@ -145,17 +145,7 @@ TEST(AtomVector, DeletesWhatItStillHolds) {
     EXPECT_EQ(copy.RAVGetValue(1), nullptr);
 }
 
-TEST(Bag, HoldsPointersAndDeletesNothing) {
-    int element = 0;
-    CVekBag bag;
-    bag.RBAdd(&element);
-    bag.RBAdd(nullptr);
-    EXPECT_EQ(bag.RBSize(), 2U);
-    EXPECT_EQ(bag.RBGet(0), &element);
-    EXPECT_EQ(bag.RBGet(2), nullptr);
-}
-
-TEST(HashList, RefusesAKeyThatIsThere) {
+TEST(HashListAndStore, RefuseAKeyThatIsThere) {
     int first = 0;
     int second = 0;
     CVekHashList list(5000, FALSE);
@@ -169,6 +159,14 @@ TEST(HashList, RefusesAKeyThatIsThere) {
     EXPECT_EQ(list.RHLGet("0"), nullptr);
     EXPECT_EQ(list.RHLAdd(static_cast<const char*>(nullptr), &refused), -220552);
     EXPECT_EQ(list.RHLAdd("other", nullptr), -220552);
+
+    CVekHashStore store(50, FALSE, TRUE, 500);
+    EXPECT_EQ(store.RHSRetrieveObject(10), nullptr);
+    EXPECT_EQ(store.RHSAddObjectAt(10, nullptr), 1);
+    ASSERT_NE(store.RHSRetrieveObject(10), nullptr);
+    EXPECT_EQ(store.RHSRetrieveObject(10)->RHNKey(), 10U);
+    EXPECT_EQ(store.RHSAddObjectAt(10, &store), -220566);
+    EXPECT_EQ(store.RHSRetrieveObject(10)->RHNObject(), nullptr);
 }
 
 TEST(HashList, IteratesInTheOrderOfAddingAndDeletesOnlyHolders) {
@@ -190,16 +188,6 @@ TEST(HashList, IteratesInTheOrderOfAddingAndDeletesOnlyHolders) {
     EXPECT_EQ(list.RHLLength(), 1999);
 }
 
-TEST(HashStore, IsASetOfNumbers) {
-    CVekHashStore store(50, FALSE, TRUE, 500);
-    EXPECT_EQ(store.RHSRetrieveObject(10), nullptr);
-    EXPECT_EQ(store.RHSAddObjectAt(10, nullptr), 1);
-    ASSERT_NE(store.RHSRetrieveObject(10), nullptr);
-    EXPECT_EQ(store.RHSRetrieveObject(10)->RHNKey(), 10U);
-    EXPECT_EQ(store.RHSAddObjectAt(10, &store), -220566);
-    EXPECT_EQ(store.RHSRetrieveObject(10)->RHNObject(), nullptr);
-}
-
 TEST(TreeList, KeepsUniqueKeysUnique) {
     int a = 0;
     int b = 0;
@@ -218,6 +206,13 @@ TEST(TreeList, KeepsUniqueKeysUnique) {
     EXPECT_EQ(list.RTLDelete(-4), 1);
     EXPECT_EQ(list.RTLDelete(-4), -220547);
     EXPECT_EQ(list.RTLLength(), 0);
+
+    const CVekAtom number(12);
+    const CVekAtom text("12");
+    list.RTLAdd(12, new CVekPointer(&a));
+    EXPECT_EQ(list.RTLGet(12)->RPData(), &a);
+    EXPECT_EQ(list.RTLDelete(&text), -220547);  // texts and numbers are different keys
+    EXPECT_EQ(list.RTLDelete(&number), 1);
 }
 
 TEST(TreeList, KeepsSeveralValuesUnderAMultipleKey) {
@@ -268,17 +263,6 @@ TEST(TreeList, RemovesOneOfManyValuesAlsoWhenPointeesChange) {
     list.RTLAdd("key", &values[3]);
     EXPECT_EQ(list.RTLDelete("key", &values[900]), -220547);
     EXPECT_EQ(pointees(list.RTLIterator()), (Pointees{&values[7], &values[3]}));
-}
-
-TEST(TreeList, TakesNumberAtomsAsKeys) {
-    int value = 0;
-    const CVekAtom number(12);
-    const CVekAtom text("12");
-    CVekTreeList list(FALSE);
-    list.RTLAdd(12, new CVekPointer(&value));
-    EXPECT_EQ(list.RTLGet(12)->RPData(), &value);
-    EXPECT_EQ(list.RTLDelete(&text), -220547);  // texts and numbers are different keys
-    EXPECT_EQ(list.RTLDelete(&number), 1);
 }
 
 TEST(VarBindList, OwnsCopiesOfNamesAndValues) {

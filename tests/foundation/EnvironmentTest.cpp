@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "tests/foundation/Owned.h"
+#include "tests/support/ErrorRecorder.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kvx::test {
@@ -26,7 +27,7 @@ class Environment : public testing::Test {
     }
 };
 
-TEST_F(Environment, FindsTheHomeDirectories) {
+TEST_F(Environment, FindsTheHomeDirectoriesAndTheHostsName) {
     EXPECT_STREQ(CVekEnv().REHome(), KVX_EXPECTED_PREFIX);
     EXPECT_STREQ(CVekEnv::REVekHome()->RAString(), KVX_EXPECTED_PREFIX);
 
@@ -41,9 +42,7 @@ TEST_F(Environment, FindsTheHomeDirectories) {
 
     setenv("KVX_HOME", "", 1);  // empty is unset
     EXPECT_STREQ(CVekEnv().REHome(), KVX_EXPECTED_PREFIX);
-}
 
-TEST_F(Environment, KnowsTheHostByTheSystemsName) {
     std::array<char, 256> name{};
     ASSERT_EQ(gethostname(name.data(), name.size() - 1), 0);
     EXPECT_STREQ(CVekEnv().RELocalHost(), name.data());
@@ -66,10 +65,10 @@ TEST(ReadOnlyFile, ReadsTheWholeContent) {
     EXPECT_EQ(take(file.ROFReadAll()), "");
 }
 
-TEST(ReadOnlyFile, RefusesWhatIsNoReadableFile) {
+TEST(ReadOnlyFile, RefusesWhatIsNoReadableFileOrTooLarge) {
     const TemporaryDirectory directory;
-    ASSERT_EQ(mkfifo(directory.file("pipe").c_str(), 0600), 0);
     const std::string pipe = directory.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     const std::string missing = directory.file("missing");
     for (const char* path : {missing.c_str(), directory.path().c_str(), pipe.c_str(), "/dev/zero",
                              static_cast<const char*>(nullptr)}) {
@@ -78,18 +77,13 @@ TEST(ReadOnlyFile, RefusesWhatIsNoReadableFile) {
         EXPECT_EQ(file.ROFOpen(), -220549);
         EXPECT_EQ(file.ROFReadAll(), nullptr);
     }
-}
-
-TEST(ReadOnlyFile, RefusesAFileThatIsTooLarge) {
-    const TemporaryDirectory directory;
     const std::string path = directory.file("large");
     std::ofstream(path) << "x";
     std::filesystem::resize_file(path, (64U << 20U) + 1);
     CVekReadOnlyFile file(path.c_str(), false);
     ASSERT_EQ(file.ROFOpen(), 0);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(file.ROFReadAll(), nullptr);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find(path), std::string::npos);
+    const std::string said = errorOutputOf([&] { EXPECT_EQ(file.ROFReadAll(), nullptr); });
+    EXPECT_NE(said.find(path), std::string::npos);
 }
 
 }  // namespace

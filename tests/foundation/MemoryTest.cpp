@@ -1,21 +1,13 @@
 // What is left behind when memory runs out in the middle of an operation: everything as before, and
 // a result that says so.
 
-#include <cstdlib>
-#include <new>
-
 #include "foundation/foundation.h"
+#include "tests/support/ErrorRecorder.h"
+#include "tests/support/FailingNew.h"
 
 namespace {
 
-thread_local int allocationsLeft = -1;  // before one fails; negative: all succeed
-
-void* allocateOrThrow(std::size_t size) {
-    if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
-    void* const memory = std::malloc(size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
+using kvx::test::newsBeforeFailure;
 
 // Repeats `work` with its first allocation failing, then its second and so on until it succeeds.
 // Every result before that is "out of memory", and `check` is called after each.
@@ -23,9 +15,9 @@ template <class Work, class Check>
 void runOutOfMemory(const char* what, Work work, Check check) {
     for (int failing = 0;; ++failing) {
         ASSERT_LT(failing, 100) << what;
-        allocationsLeft = failing;
+        newsBeforeFailure = failing;
         const int result = work();
-        allocationsLeft = -1;
+        newsBeforeFailure = -1;
         if (result == 1) break;
         EXPECT_EQ(result, -220553) << what;
         check();
@@ -33,18 +25,6 @@ void runOutOfMemory(const char* what, Work work, Check check) {
 }
 
 }  // namespace
-
-// NOLINTBEGIN(misc-new-delete-overloads): the array forms call these
-void* operator new(std::size_t size) {
-    return allocateOrThrow(size);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-// NOLINTEND(misc-new-delete-overloads)
 
 TEST(OutOfMemory, LeavesARecordAsItWas) {
     CVekBaseRecord record;
@@ -77,31 +57,29 @@ TEST(OutOfMemory, LeavesContainersAsTheyWere) {
     CVekServPool pool(0, nullptr);
     auto holder = std::make_unique<CVekPointer>(&value);
     auto atom = std::make_unique<CVekAtom>(1);
+    const auto expectKept = [](const char* what, auto work, auto state) {
+        runOutOfMemory(what, work, [&, before = state()] { EXPECT_EQ(state(), before) << what; });
+    };
+    const auto depth = [&] { return stack.RSLength(); };
     for (int i = 0; i < 100; ++i) {  // across the growth of every one
-        runOutOfMemory(
-            "push", [&] { return stack.RSPush(&value); },
-            [&] { EXPECT_EQ(stack.RSLength(), 2 * i); });
-        runOutOfMemory(
-            "push at the bottom", [&] { return stack.RSPushBottom(&value); },
-            [&] { EXPECT_EQ(stack.RSLength(), 2 * i + 1); });
-        runOutOfMemory(
-            "store", [&] { return store.RHSAddObjectAt(i, &value); },
-            [&] { EXPECT_EQ(store.RHSLength(), i); });
-        runOutOfMemory(
-            "hash list", [&] { return hash.RHLAdd(i, holder.get()); },
-            [&] { EXPECT_EQ(hash.RHLGet(i), nullptr); });
+        expectKept(
+            "push", [&] { return stack.RSPush(&value); }, depth);
+        expectKept(
+            "push at the bottom", [&] { return stack.RSPushBottom(&value); }, depth);
+        const auto store_ = [&] { return store.RHSAddObjectAt(i, &value); };
+        expectKept("store", store_, [&] { return store.RHSLength(); });
+        const auto hash_ = [&] { return hash.RHLAdd(i, holder.get()); };
+        expectKept("hash list", hash_, [&] { return hash.RHLGet(i); });
         holder.release();
         holder = std::make_unique<CVekPointer>(&value);
-        runOutOfMemory(
-            "tree list", [&] { return tree.RTLAdd("key", &value); },
-            [&] { EXPECT_EQ(tree.RTLLength(), i); });
-        runOutOfMemory(
-            "atom vector", [&] { return vector.RAVAddToEnd(atom.get()); },
-            [&] { EXPECT_EQ(vector.RAVSize(), static_cast<unsigned>(i)); });
+        const auto tree_ = [&] { return tree.RTLAdd("key", &value); };
+        expectKept("tree list", tree_, [&] { return tree.RTLLength(); });
+        const auto vector_ = [&] { return vector.RAVAddToEnd(atom.get()); };
+        expectKept("atom vector", vector_, [&] { return vector.RAVSize(); });
         atom.release();
         atom = std::make_unique<CVekAtom>(1);
-        runOutOfMemory(
-            "pool", [&] { return pool.RSPAddWorkDetail(&value); }, [] {});
+        expectKept(
+            "pool", [&] { return pool.RSPAddWorkDetail(&value); }, [] { return 0; });
     }
 }
 
@@ -109,13 +87,11 @@ TEST(OutOfMemory, LosesNoRunOfATimedPoolAndNoLock) {
     int value = 0;
     CVekTimedPool pool(0);
     for (int i = 0; i < 2000; ++i) ASSERT_EQ(pool.RSPAddWorkDetail(&value), 1);
-    static std::atomic<int> reported;
-    CVekError::SetHandler([](int code, const char*, int, const char*) { reported = code; });
-    allocationsLeft = 1;
+    kvx::test::ErrorRecorder errors;
+    newsBeforeFailure = 1;
     pool.RTPKickThreads();
-    allocationsLeft = -1;
-    CVekError::SetHandler(nullptr);
-    EXPECT_EQ(reported, -220553);
+    newsBeforeFailure = -1;
+    EXPECT_EQ(errors.take().at(0).code, -220553);
     std::thread([&] { EXPECT_EQ(pool.RSPTakeWorkDetail(), nullptr); }).join();  // not half a kick
 }
 
@@ -125,8 +101,8 @@ TEST(OutOfMemory, LeavesACallbackToTheCallerOfTheSignalHandler) {
     };
     auto callback = std::make_unique<Nothing>();
     CSignalHandler& handler = CSignalHandler::Instance();
-    allocationsLeft = 0;
+    newsBeforeFailure = 0;
     EXPECT_FALSE(handler.add(36, callback.get()));
-    allocationsLeft = -1;
+    newsBeforeFailure = -1;
     handler.stop();
 }

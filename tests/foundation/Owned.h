@@ -1,8 +1,6 @@
 #pragma once
 
 #include <cstdlib>
-#include <memory>
-#include <string>
 
 namespace kvx::test {
 

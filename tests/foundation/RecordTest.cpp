@@ -2,8 +2,6 @@
 
 #include "foundation/CVekBaseRecord.h"
 
-#include <limits>
-#include <optional>
 #include <sstream>
 
 #include "tests/foundation/Owned.h"
@@ -66,7 +64,7 @@ Bytes withValue(const Bytes& value) {
     return "\x91\x92\xa1" + Bytes("a") + value;
 }
 
-TEST(Record, ReplacesValuesAtTheirPlace) {
+TEST(Record, ReplacesValuesAtTheirPlaceAndCopiesDeeply) {
     CVekBaseRecord record = sample();
     auto* value = new CVekAtom("new");
     EXPECT_EQ(record.RRAddOrSetValue("n", value), 1);
@@ -76,6 +74,10 @@ TEST(Record, ReplacesValuesAtTheirPlace) {
     EXPECT_EQ(record.RRGetValue("N"), nullptr);
     EXPECT_EQ(record.RRNameAt(4), nullptr);
     EXPECT_EQ(record.RRValueAt(-1), nullptr);
+
+    const OwnedRecord copy(static_cast<CVekBaseRecord*>(record.RLTargetDeepCopy(&record)));
+    record.RRAddOrSetValue("t", new CVekAtom("changed"));
+    EXPECT_EQ(described(copy.get()), "t=1:hi n=1:new l=3:5 b=5:0001 ");
 }
 
 TEST(Record, RefusesMissingArgumentsAndKeepsNothing) {
@@ -86,13 +88,6 @@ TEST(Record, RefusesMissingArgumentsAndKeepsNothing) {
     EXPECT_EQ(record.RRSize(), 0);
     EXPECT_EQ(record.RRGetValue(nullptr), nullptr);
     EXPECT_EQ(record.ROMEncode(nullptr, nullptr), -220402);
-}
-
-TEST(Record, CopiesDeeply) {
-    CVekBaseRecord record = sample();
-    const OwnedRecord copy(static_cast<CVekBaseRecord*>(record.RLTargetDeepCopy(&record)));
-    record.RRAddOrSetValue("t", new CVekAtom("changed"));
-    EXPECT_EQ(described(copy.get()), "t=1:hi n=2:5 l=3:5 b=5:0001 ");
 }
 
 TEST(Record, FindsFieldsInLargeRecordsToo) {
@@ -114,9 +109,12 @@ TEST(RecordEncoding, IsAnArrayOfPairs) {
     EXPECT_EQ(encoded(CVekBaseRecord()), "\x90");
     EXPECT_EQ(described(decoded(kSampleBytes).get()), "t=1:hi n=2:5 l=3:5 b=5:0001 ");
     EXPECT_EQ(described(decoded("\x90").get()), "");
+    // A repeated name: the last value, at the first place.
+    const Bytes twice("\x93\x92\xa1x\x01\x92\xa1y\x02\x92\xa1x\x03");
+    EXPECT_EQ(described(decoded(twice).get()), "x=2:3 y=2:2 ");
 }
 
-TEST(RecordEncoding, KeepsEveryIntegerAndItsWidth) {
+TEST(RecordEncoding, KeepsIntegersTheirWidthsAndTextsOfEveryLengthForm) {
     for (const long long value : {0LL, -1LL, -32LL, -33LL, 127LL, 128LL, 255LL, 256LL, 65535LL,
                                   65536LL, -129LL, -32769LL, 2147483647LL, -2147483648LL}) {
         CVekBaseRecord record;
@@ -124,9 +122,6 @@ TEST(RecordEncoding, KeepsEveryIntegerAndItsWidth) {
         record.RRAddOrSetValue("wide", new CVekAtom(value << 31));
         EXPECT_EQ(described(decoded(encoded(record)).get()), described(&record));
     }
-}
-
-TEST(RecordEncoding, KeepsTextsAndBytesOfEveryLengthForm) {
     for (const std::size_t length : {0U, 31U, 32U, 255U, 256U, 65535U, 65536U}) {
         const Bytes content(length, 'x');
         CVekBaseRecord record;
@@ -134,11 +129,6 @@ TEST(RecordEncoding, KeepsTextsAndBytesOfEveryLengthForm) {
         record.RRAddOrSetValue("b", new CVekAtom(raw(content), static_cast<int>(length)));
         EXPECT_EQ(described(decoded(encoded(record)).get()), described(&record));
     }
-}
-
-TEST(RecordEncoding, GivesTheLastValueOfARepeatedNameAtTheFirstPlace) {
-    const Bytes twice("\x93\x92\xa1x\x01\x92\xa1y\x02\x92\xa1x\x03");
-    EXPECT_EQ(described(decoded(twice).get()), "x=2:3 y=2:2 ");
 }
 
 TEST(RecordEncoding, RefusesWhatIsNoRecord) {

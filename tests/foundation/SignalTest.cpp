@@ -11,6 +11,7 @@
 namespace {
 
 using kvx::platform::raiseSignal;
+using Names = std::vector<std::string>;
 
 class Callback : public CCallbackBase {
   public:
@@ -31,7 +32,8 @@ class Recorder : public CSignalHandlerInterface {
         ++registrations;
         EXPECT_EQ(exitCallback, nullptr);
         for (const int number : {2, 15, 34, 35, 36}) {
-            EXPECT_TRUE(handler().add(number, new Callback(std::to_string(number)), false));
+            EXPECT_TRUE(CSignalHandler::Instance().add(number, new Callback(std::to_string(number)),
+                                                       false));
         }
         return true;
     }
@@ -39,7 +41,6 @@ class Recorder : public CSignalHandlerInterface {
         ran.push_back(dynamic_cast<Callback*>(callback)->name);
         return true;
     }
-    static CSignalHandler& handler() { return CSignalHandler::Instance(); }
 
     int registrations = 0;
     std::vector<std::string> ran;
@@ -47,23 +48,22 @@ class Recorder : public CSignalHandlerInterface {
 
 class Signals : public testing::Test {
   protected:
-    void TearDown() override { Recorder::handler().stop(); }
+    void TearDown() override { handler.stop(); }
 
-    std::vector<std::string> processed() {
+    Names processed() {
         recorder.ran.clear();
-        Recorder::handler().processSignals();
+        handler.processSignals();
         return recorder.ran;
     }
 
+    CSignalHandler& handler = CSignalHandler::Instance();
     Recorder recorder;
 };
 
-using Names = std::vector<std::string>;
-
 }  // namespace
 
-TEST_F(Signals, ReachTheirCallbacksOnlyWhenProcessed) {
-    Recorder::handler().manage(&recorder);
+TEST_F(Signals, ReachTheirLastCallbacksOnlyWhenProcessed) {
+    handler.manage(&recorder);
     EXPECT_EQ(recorder.registrations, 1);
     const std::map<int, std::string> numbers = {
         {SIGINT, "2"}, {SIGTERM, "15"}, {SIGHUP, "34"}, {SIGUSR1, "35"}, {SIGUSR2, "36"}};
@@ -74,32 +74,29 @@ TEST_F(Signals, ReachTheirCallbacksOnlyWhenProcessed) {
         EXPECT_EQ(processed(), Names{name});
         EXPECT_EQ(processed(), Names{});
     }
-    Recorder::handler().handleSignal(35);
-    Recorder::handler().handleSignal(2);
-    Recorder::handler().handleSignal(1);  // none of the five
+    handler.handleSignal(35);
+    handler.handleSignal(2);
+    handler.handleSignal(1);  // none of the five
     EXPECT_EQ(processed(), (Names{"2", "35"}));
-}
 
-TEST_F(Signals, CanBeRegisteredAnew) {
-    Recorder::handler().manage(&recorder);
     auto* replacement = new Callback("replacement");
-    EXPECT_TRUE(Recorder::handler().add(36, replacement, false));
-    EXPECT_TRUE(Recorder::handler().add(36, replacement, false));
+    EXPECT_TRUE(handler.add(36, replacement, false));
+    EXPECT_TRUE(handler.add(36, replacement, false));
     Callback refused("refused");
-    EXPECT_FALSE(Recorder::handler().add(10, &refused, false));
-    EXPECT_FALSE(Recorder::handler().add(36, nullptr, false));
+    EXPECT_FALSE(handler.add(10, &refused, false));
+    EXPECT_FALSE(handler.add(36, nullptr, false));
     raiseSignal(SIGUSR2);
     EXPECT_EQ(processed(), Names{"replacement"});
 }
 
 TEST_F(Signals, AreForgottenAtAStopAndManagedAgainAfterIt) {
-    Recorder::handler().manage(&recorder);
+    handler.manage(&recorder);
     raiseSignal(SIGHUP);
-    Recorder::handler().stop();
+    handler.stop();
     EXPECT_EQ(processed(), Names{});
     EXPECT_EXIT(raiseSignal(SIGUSR2), testing::KilledBySignal(SIGUSR2), "");
 
-    Recorder::handler().manage(&recorder);
+    handler.manage(&recorder);
     EXPECT_EQ(recorder.registrations, 2);
     EXPECT_EQ(processed(), Names{});  // what waited at the stop stays forgotten
     raiseSignal(SIGHUP);
@@ -107,20 +104,19 @@ TEST_F(Signals, AreForgottenAtAStopAndManagedAgainAfterIt) {
 }
 
 TEST_F(Signals, EndWithTheHandlerThatDiesWhileTheyAreProcessed) {
+    static int runs;
+    runs = 0;
     struct DiesAtOnce : Recorder {
-        explicit DiesAtOnce(Names& names) : ran(names) {}
-        bool runHandler(CCallbackBase* callback) override {
-            ran.push_back(dynamic_cast<Callback*>(callback)->name);
+        bool runHandler(CCallbackBase* /*callback*/) override {
+            ++runs;
             delete this;
             return true;
         }
-        Names& ran;
     };
-    Names ran;
-    Recorder::handler().manage(new DiesAtOnce(ran));
-    for (const int number : {2, 15, 36}) Recorder::handler().handleSignal(number);
-    Recorder::handler().processSignals();
-    EXPECT_EQ(ran, Names{"2"});
+    handler.manage(new DiesAtOnce);
+    for (const int number : {2, 15, 36}) handler.handleSignal(number);
+    handler.processSignals();
+    EXPECT_EQ(runs, 1);
     EXPECT_EXIT(raiseSignal(SIGTERM), testing::KilledBySignal(SIGTERM), "");
 }
 
@@ -135,12 +131,12 @@ TEST_F(Signals, BlockInTheCallingThreadAlone) {
 }
 
 TEST_F(Signals, DeleteEveryCallbackOnceAtExit) {
-    const auto exitWithSharedCallback = [] {
+    const auto exitWithSharedCallback = [this] {
         Callback::telling = true;
-        Recorder::handler().add(2, new Callback("replaced"), false);
+        handler.add(2, new Callback("replaced"), false);
         auto* shared = new Callback("shared");
-        for (const int number : {2, 15, 35}) Recorder::handler().add(number, shared, false);
-        Recorder::handler().stop();
+        for (const int number : {2, 15, 35}) handler.add(number, shared, false);
+        handler.stop();
         std::exit(0);
     };
     EXPECT_EXIT(exitWithSharedCallback(), testing::ExitedWithCode(0),

@@ -22,6 +22,8 @@ struct Report {
     bool operator==(const Report&) const = default;
 };
 
+using Reports = std::vector<Report>;
+
 inline std::ostream& operator<<(std::ostream& out, const Report& report) {
     return out << report.code << " " << report.file << ":" << report.line << " \"" << report.text
                << "\"";
@@ -40,7 +42,7 @@ class ErrorRecorder {
     ErrorRecorder& operator=(const ErrorRecorder&) = delete;
 
     /// What was reported since the last call.
-    std::vector<Report> take() {
+    Reports take() {
         const std::lock_guard<std::mutex> guard(lock());
         return std::exchange(reports(), {});
     }
@@ -50,8 +52,8 @@ class ErrorRecorder {
         const std::lock_guard<std::mutex> guard(lock());
         reports().push_back({code, file, line, text != nullptr ? text : ""});
     }
-    static std::vector<Report>& reports() {
-        static std::vector<Report> all;
+    static Reports& reports() {
+        static Reports all;
         return all;
     }
     static std::mutex& lock() {
