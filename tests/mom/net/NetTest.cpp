@@ -7,7 +7,6 @@
 #include <fstream>
 #include <locale>
 #include <sstream>
-#include <thread>
 
 #include "mom/base/VekTrace.h"
 #include "mom/net/CVekPostInitTimedClb.h"
@@ -39,7 +38,7 @@ class RvNet : public ::testing::Test {
     ErrorRecorder errors;
 };
 
-TEST(Net, LatencyIsNeverZero) {
+TEST(Net, LatencyIsNeverZeroAndWrittenTheSameInEveryLocale) {
     EXPECT_EQ(CVekNet(0, kNoDomain).RNGetLatency(), 8000UL);
     CVekNet net(1, kNoDomain);
     EXPECT_EQ(net.RNGetLatency(), 1UL);
@@ -48,9 +47,7 @@ TEST(Net, LatencyIsNeverZero) {
     EXPECT_EQ(net.RNGetLatency(), 8000UL);
     net.RNSetLatency(1UL << 32);
     EXPECT_GT(net.RNGetLatency(), 0UL);
-}
 
-TEST(Net, WritesNumbersTheSameInEveryLocale) {
     struct Grouping : std::numpunct<char> {
         char do_thousands_sep() const override { return '.'; }
         std::string do_grouping() const override { return "\3"; }
@@ -90,14 +87,10 @@ TEST_F(RvNet, OpensItsSessionWhenBuiltAndClosesItOnce) {
     EXPECT_EQ(net.m_answers, nullptr);
     EXPECT_EQ(net.RRNTerminateSession(), 1);
     net.RRNDoIt();  // returns at once
-    EXPECT_EQ(errors.take(), std::vector<Report>{});
-}
+    EXPECT_EQ(errors.take(), Reports{});
 
-TEST_F(RvNet, SaysThatItHasNoDomain) {
-    const std::string said = errorOutputOf([] {
-        TestNet net(nullptr);
-        EXPECT_STREQ(net.RNGetDomain(), "DEFAULT");
-    });
+    const std::string said =
+        errorOutputOf([] { EXPECT_STREQ(TestNet(nullptr).RNGetDomain(), "DEFAULT"); });
     EXPECT_EQ(said, "ERROR: Domain Name is NULL, using default.\n");
 }
 
@@ -106,7 +99,7 @@ TEST_F(RvNet, WithoutASessionEveryOperationSaysSo) {
     std::unique_ptr<TestNet> net;
     const std::string said = errorOutputOf([&] { net = std::make_unique<TestNet>(); });
     EXPECT_EQ(said.rfind("Rendezvous failed to make session: ", 0), 0U) << said;
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220544, "CVekRvNet", 187, ""}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220544, "CVekRvNet", 187, ""}}));
 
     RvDatum datum;
     int status = 0;
@@ -125,14 +118,6 @@ TEST_F(RvNet, WithoutASessionEveryOperationSaysSo) {
     EXPECT_EQ(net->RRNRemoveTimer(reinterpret_cast<RvTimer*>(&datum)), -220547);
 }
 
-TEST_F(RvNet, ReportsWhoTerminatesOnAnotherThread) {
-    TestNet net;
-    std::thread([&] { net.RRNCheckThreadId(); }).join();
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220425, "CVekRvNet", 1809, ""}}));
-}
-
-// --- The agent -------------------------------------------------------------------------------
-
 TEST_F(RvNet, HandsTheAgentWhatTheConfigurationNames) {
     home.writeConfiguration(
         "rendezvous session = { 'daemon' = '-', 'rva' = '7600', 'service' = 'svc' };");
@@ -141,7 +126,7 @@ TEST_F(RvNet, HandsTheAgentWhatTheConfigurationNames) {
     EXPECT_EQ(agentArguments(net), "-foreground -flavor 53 -listen 7600 -service svc -daemon - ");
     EXPECT_EQ(net.RRNStopAgent(), 1);
     EXPECT_FALSE(net.m_agentStarted);
-    EXPECT_EQ(errors.take(), std::vector<Report>{});
+    EXPECT_EQ(errors.take(), Reports{});
 }
 
 TEST_F(RvNet, TakesItsAddressFromTheConfigurationWhereNoneWasGiven) {
@@ -153,20 +138,20 @@ TEST_F(RvNet, TakesItsAddressFromTheConfigurationWhereNoneWasGiven) {
     EXPECT_EQ(agentArguments(net), "-foreground -flavor 53 -service svc -network net -daemon - ");
     EXPECT_EQ(net.RRNStopAgent(), 1);
     EXPECT_EQ(net.RRNInitSession(), 1);  // reads the file again
-    EXPECT_EQ(errors.take(), std::vector<Report>{});
+    EXPECT_EQ(errors.take(), Reports{});
 }
 
-TEST_F(RvNet, ReportsAnAgentThatIsNotThere) {
+TEST_F(RvNet, ReportsAnAgentThatIsNotThereAndWhoEndsItOnAnotherThread) {
     TestNet net;
+    std::thread([&] { net.RRNCheckThreadId(); }).join();
+    EXPECT_EQ(errors.take(), (Reports{{-220425, "CVekRvNet", 1809, ""}}));
     EXPECT_EQ(net.RRNStartAgent(), 1);
     EXPECT_FALSE(net.m_agentStarted);
     EXPECT_EQ(errors.take(),
-              (std::vector<Report>{{-220439, "CVekRvNet", 544,
-                                    "Unable to start Rendezvous Agent (rva), you may need to start "
-                                    "this manually"}}));
+              (Reports{{-220439, "CVekRvNet", 544,
+                        "Unable to start Rendezvous Agent (rva), you may need to start "
+                        "this manually"}}));
 }
-
-// --- The start-up hook -----------------------------------------------------------------------
 
 TEST_F(RvNet, RunsItsHookOncePerEntryIntoTheLoop) {
     TestNet net;
@@ -181,28 +166,22 @@ TEST_F(RvNet, RunsItsHookOncePerEntryIntoTheLoop) {
     EXPECT_EQ(net.m_timers->RDLLength(), 2);  // the spent timers stay registered
 }
 
-TEST_F(RvNet, SurvivesAHookThatDestroysTheNet) {
-    auto net = std::make_unique<TestNet>();
-    net->hook = [&] { net.reset(); };
-    net->RRNDoIt();
-    EXPECT_EQ(net, nullptr);
-}
-
-TEST_F(RvNet, SurvivesATimerThatDestroysTheNet) {
-    auto net = std::make_unique<TestNet>();
-    OnTimer destroy([&](RvTimer*) { net.reset(); });
-    ASSERT_EQ(net->RRNAddTimer(1, &destroy), 1);
-    net->RRNDoIt();
-    EXPECT_EQ(net, nullptr);
-}
-
-TEST_F(RvNet, ServesAllNetsOfItsThreadInOneLoop) {
+TEST_F(RvNet, ServesAllNetsOfItsThreadInOneLoopAlsoWhenOneIsDestroyedInIt) {
     TestNet first;
-    TestNet second;
-    bool fired = false;
-    OnTimer timer([&](RvTimer*) { fired = true; });
-    ASSERT_EQ(second.RRNAddTimer(1, &timer), 1);
-    EXPECT_TRUE(runUntil(first, [&] { return fired; }));
+    auto hooked = std::make_unique<TestNet>();
+    hooked->hook = [&] { hooked.reset(); };
+    hooked->RRNDoIt();
+    EXPECT_EQ(hooked, nullptr);
+
+    auto second = std::make_unique<TestNet>();
+    OnTimer destroy([&](RvTimer*) { second.reset(); });
+    ASSERT_EQ(second->RRNAddTimer(1, &destroy), 1);
+    EXPECT_TRUE(runUntil(first, [&] { return second == nullptr; }));
+    auto own = std::make_unique<TestNet>();
+    OnTimer destroyOwn([&](RvTimer*) { own.reset(); });
+    ASSERT_EQ(own->RRNAddTimer(1, &destroyOwn), 1);
+    own->RRNDoIt();
+    EXPECT_EQ(own, nullptr);
 }
 
 TEST_F(RvNet, RefusesASecondNetOnAnotherThreadWhileThereIsOne) {
@@ -213,8 +192,8 @@ TEST_F(RvNet, RefusesASecondNetOnAnotherThreadWhileThereIsOne) {
         const TestNet second;
         EXPECT_EQ(second.m_session, nullptr);
     });
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220425, "CVekRvNet", 1809, text},
-                                                  {-220425, "CVekRvNet", 187, ""}}));
+    EXPECT_EQ(errors.take(),
+              (Reports{{-220425, "CVekRvNet", 1809, text}, {-220425, "CVekRvNet", 187, ""}}));
     EXPECT_EQ(first->RRNInitSession(), 1);
     first->RRNTerminateSession();
     elsewhere([&] {
@@ -225,7 +204,7 @@ TEST_F(RvNet, RefusesASecondNetOnAnotherThreadWhileThereIsOne) {
         EXPECT_EQ(first->RRNInitSession(), 1);  // it moves to the thread that opens it again
         first.reset();
     });
-    EXPECT_EQ(errors.take(), std::vector<Report>{});
+    EXPECT_EQ(errors.take(), Reports{});
 }
 
 TEST_F(RvNet, UserCodeThatEndingRunsFindsAnEndedNet) {
@@ -247,9 +226,14 @@ TEST_F(RvNet, UserCodeThatEndingRunsFindsAnEndedNet) {
     EXPECT_TRUE(destroyed);
 }
 
-// --- Advisories ------------------------------------------------------------------------------
-
-TEST_F(RvNet, ReportsWarningsAndErrorsOfTheBus) {
+TEST_F(RvNet, ReportsWarningsAndErrorsOfTheBusThatItsOwnSessionHears) {
+    TestNet net;
+    ASSERT_EQ(rv_Deliver(net.m_session->handle(), "_RV.ERROR.MINE.TEST", nullptr, RVMSG_STRING, 5,
+                         "gone"),
+              0);
+    EXPECT_EQ(
+        errors.take(),
+        (Reports{{-220379, "CVekRvErrorClb", 157, "Subject: _RV.ERROR.MINE.TEST. Message: gone"}}));
     CVekRvErrorClb callback;
     const auto advise = [&](const char* subject, const RvDatum& datum) {
         callback.onData(subject, nullptr, datum, nullptr);
@@ -262,21 +246,11 @@ TEST_F(RvNet, ReportsWarningsAndErrorsOfTheBus) {
     advise("_RV.ERROR.SYSTEM.X", message);
     advise("_RV.INFO.SYSTEM.X", RvDatum());
     advise(nullptr, RvDatum());
-    EXPECT_EQ(errors.take(),
-              (std::vector<Report>{
-                  {-220380, "CVekRvErrorClb", 142, "Subject: _RV.WARN.SYSTEM.X"},
-                  {-220379, "CVekRvErrorClb", 157, "Subject: _RV.ERROR.SYSTEM.X. Message: late"},
-                  {-220380, "CVekRvErrorClb", 142, "Subject: _RV.WARN.SYSTEM.X. Message: 77"}}));
-}
-
-TEST_F(RvNet, HearsTheAdvisoriesOfItsOwnSession) {
-    TestNet net;
-    ASSERT_EQ(rv_Deliver(net.m_session->handle(), "_RV.ERROR.MINE.TEST", nullptr, RVMSG_STRING, 5,
-                         "gone"),
-              0);
-    EXPECT_EQ(errors.take(),
-              (std::vector<Report>{{-220379, "CVekRvErrorClb", 157,
-                                    "Subject: _RV.ERROR.MINE.TEST. Message: gone"}}));
+    EXPECT_EQ(
+        errors.take(),
+        (Reports{{-220380, "CVekRvErrorClb", 142, "Subject: _RV.WARN.SYSTEM.X"},
+                 {-220379, "CVekRvErrorClb", 157, "Subject: _RV.ERROR.SYSTEM.X. Message: late"},
+                 {-220380, "CVekRvErrorClb", 142, "Subject: _RV.WARN.SYSTEM.X. Message: 77"}}));
 }
 
 }  // namespace

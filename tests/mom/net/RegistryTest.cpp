@@ -20,6 +20,7 @@ class Registry : public ::testing::Test {
     TestNet net;
     OnData ignoreData;
     OnTimer ignoreTimer;
+    RvDatum datum{RVMSG_STRING, 2, "x"};
 };
 
 unsigned int watched(const SocketPair& pair) {
@@ -31,51 +32,43 @@ TEST_F(Registry, QualifiesASubjectWithTheDomainBehindIt) {
     EXPECT_EQ(net.RNSetDomain(strdup("")), 1);
     EXPECT_EQ(qualified("A.B"), "A.B");
     EXPECT_EQ(net.RRNDomainSubj(nullptr), nullptr);
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekRvNet", 1703, "CVekRvNet"}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220552, "CVekRvNet", 1703, "CVekRvNet"}}));
 }
 
-TEST_F(Registry, ForgetsTheOldestInboxesThatItSentRequestsTo) {
-    RvDatum datum(RVMSG_STRING, 2, "x");
+TEST_F(Registry, ForgetsInboxesThatAreDereferencedOrTheOldestThatItSentRequestsTo) {
+    const auto held = [&](const char* inbox) {
+        const CVekPointer* const entry = net.m_senders->RTLGet(inbox);
+        return entry == nullptr ? nullptr : static_cast<RvSender*>(entry->RPData());
+    };
     errorOutputOf([&] {
-        for (int i = 0; i < 4200; ++i)
+        for (int round = 0; round < 4200; ++round) {
+            net.RRNSend("_INBOX.B", datum, nullptr);
+            ASSERT_NE(held("_INBOX.B.TEST"), nullptr) << round;
+            if (round == 4199) break;
+            const std::unique_ptr<RvSender> gone(held("_INBOX.B.TEST"));
+            ASSERT_EQ(net.RRNDereferenceSender(gone.get()), 1);
+        }
+        net.RRNSend("_INBOX.A.0", datum, nullptr);
+        EXPECT_NE(held("_INBOX.B.TEST"), nullptr);
+        for (int i = 1; i < 4200; ++i)
             net.RRNSend(("_INBOX.A." + std::to_string(i)).c_str(), datum, nullptr);
     });
     EXPECT_LE(net.m_senders->RTLLength(), 4097);
-    EXPECT_EQ(net.m_senders->RTLGet("_INBOX.A.0.TEST"), nullptr);
-    EXPECT_NE(net.m_senders->RTLGet("_INBOX.A.4199.TEST"), nullptr);
+    EXPECT_EQ(held("_INBOX.A.0.TEST"), nullptr);
+    EXPECT_NE(held("_INBOX.A.4199.TEST"), nullptr);
 }
 
-TEST_F(Registry, ADereferencedInboxSenderIsForgotten) {
-    RvDatum datum(RVMSG_STRING, 2, "x");
-    errorOutputOf([&] {
-        for (int round = 0; round < 4200; ++round) {
-            net.RRNSend("_INBOX.A", datum, nullptr);
-            auto* const held =
-                static_cast<RvSender*>(net.m_senders->RTLGet("_INBOX.A.TEST")->RPData());
-            ASSERT_NE(held, nullptr) << round;
-            if (round < 4199) {
-                ASSERT_EQ(net.RRNDereferenceSender(held), 1);
-                delete held;
-            }
-        }
-    });
-    net.RRNSend("_INBOX.B", datum, nullptr);
-    EXPECT_NE(net.m_senders->RTLGet("_INBOX.A.TEST"), nullptr);
-}
-
-TEST_F(Registry, RefusesServicesThatCannotBe) {
+TEST_F(Registry, OwnsTheCallbackOfATakenServiceUnlessItRefusesIt) {
     const std::string said = errorOutputOf([&] {
         EXPECT_EQ(net.RRNAddService("A.B", &ignoreData), -220542);
         EXPECT_EQ(net.RRNTakeService("A.B", &ignoreData), -220542);
     });
     EXPECT_NE(said, "");
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220542, "CVekRvNet", 1648, ""}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220542, "CVekRvNet", 1648, ""}}));
     EXPECT_EQ(net.m_takenCallbacks->RSLength(), 0);
     EXPECT_EQ(net.RRNAddService(nullptr, &ignoreData), -220552);
     EXPECT_EQ(net.RRNAddExService(nullptr, &ignoreData), -220552);
-}
 
-TEST_F(Registry, OwnsTheCallbackOfATakenService) {
     static int destroyed;
     destroyed = 0;
     struct Counted : OnData {
@@ -136,17 +129,12 @@ TEST_F(Registry, ForgetsWhatIsDereferencedWithoutDeletingIt) {
     EXPECT_EQ(net.RRNDereferenceSender(nullptr), -220402);
 }
 
-TEST_F(Registry, KeepsNoSenderWhoseFirstSendFailed) {
-    RvDatum datum(RVMSG_STRING, 2, "x");
+TEST_F(Registry, KeepsNoSenderWhoseFirstSendFailedAndSendsNoRequestWithoutOne) {
     EXPECT_EQ(net.RRNSend("A", datum), -220545);
     EXPECT_EQ(net.m_senders->RTLLength(), 0);
     EXPECT_EQ(net.RRNSend(nullptr, datum), -220552);
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekRvNet", 1703, "CVekRvNet"},
-                                                  {-220552, "CVekRvNet", 703, ""}}));
-}
-
-TEST_F(Registry, NeverSendsARequestAgainOnceItsSenderCouldNotBeMade) {
-    RvDatum datum(RVMSG_STRING, 2, "x");
+    EXPECT_EQ(errors.take(), (Reports{{-220552, "CVekRvNet", 1703, "CVekRvNet"},
+                                      {-220552, "CVekRvNet", 703, ""}}));
     // A registered null is what a sender that could not be made leaves behind.
     ASSERT_EQ(net.m_senders->RTLAdd("A.TEST", static_cast<void*>(nullptr)), 1);
     EXPECT_EQ(net.RRNSend("A", datum, &ignoreData), 1);
@@ -158,27 +146,27 @@ TEST_F(Registry, NeverSendsARequestAgainOnceItsSenderCouldNotBeMade) {
 }
 
 TEST_F(Registry, SendsOnTheMainThreadOnly) {
-    RvDatum datum(RVMSG_STRING, 2, "x");
     char subject[] = "A";
     std::thread([&] {
         EXPECT_EQ(net.RRNSend("A", datum), -220425);
         EXPECT_EQ(net.RRNSend("A", datum, &ignoreData), -220425);
         EXPECT_EQ(net.RRNSendOnSubject(subject, datum), nullptr);
     }).join();
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220425, "CVekRvNet", 798, ""}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220425, "CVekRvNet", 798, ""}}));
     EXPECT_EQ(net.RRNSendOnSubject(nullptr, datum), nullptr);
 }
 
-// --- Timers ----------------------------------------------------------------------------------
-
-TEST_F(Registry, RemovesTimersByIdentity) {
-    ASSERT_EQ(net.RRNAddRepeatTimer(5, &ignoreTimer), 1);
-    auto* const timer =
-        static_cast<RvTimer*>(static_cast<CVekPointer*>(net.m_timers->RDLHead())->RPData());
-    EXPECT_EQ(timer->isRepeating(), rv_TRUE);
+TEST_F(Registry, RemovesTimersByIdentityInAnyOrder) {
+    std::vector<RvTimer*> timers;
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(net.RRNAddRepeatTimer(100000, &ignoreTimer), 1);
+    for (CVekListable* entry = net.m_timers->RDLHead(); entry != nullptr;
+         entry = net.m_timers->RDLGetNext(entry)) {
+        timers.push_back(static_cast<RvTimer*>(static_cast<CVekPointer*>(entry)->RPData()));
+    }
+    EXPECT_EQ(timers.at(0)->isRepeating(), rv_TRUE);
     EXPECT_EQ(net.RRNRemoveTimer(nullptr), -220402);
     EXPECT_EQ(net.RRNRemoveTimer(net.m_queueTimer.get()), -220547);
-    EXPECT_EQ(net.RRNRemoveTimer(timer), 1);
+    for (const int i : {1, 2, 0}) EXPECT_EQ(net.RRNRemoveTimer(timers[i]), 1);
     EXPECT_EQ(net.m_timers->RDLLength(), 0);
     EXPECT_EQ(net.RRNAddTimer(5, nullptr), -220552);
 }
@@ -204,27 +192,12 @@ TEST_F(Registry, ATimerMayRemoveItself) {
     EXPECT_EQ(once.calls, 2);
 }
 
-TEST_F(Registry, RemovesTimersInAnyOrder) {
-    std::vector<RvTimer*> timers;
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(net.RRNAddTimer(100000, &ignoreTimer), 1);
-    for (CVekListable* entry = net.m_timers->RDLHead(); entry != nullptr;
-         entry = net.m_timers->RDLGetNext(entry)) {
-        timers.push_back(static_cast<RvTimer*>(static_cast<CVekPointer*>(entry)->RPData()));
-    }
-    for (const int i : {1, 2, 0}) EXPECT_EQ(net.RRNRemoveTimer(timers[i]), 1);
-    EXPECT_EQ(net.m_timers->RDLLength(), 0);
-}
-
 TEST_F(Registry, TimersOfAnOldListGoOnFiring) {
-    int fired = 0;
-    OnTimer count([&](RvTimer*) { ++fired; });
-    ASSERT_EQ(net.RRNAddRepeatTimer(1, &count), 1);
+    ASSERT_EQ(net.RRNAddRepeatTimer(1, &ignoreTimer), 1);
     EXPECT_EQ(net.RRNOpenStorage(), 1);
     EXPECT_EQ(net.m_timers->RDLLength(), 0);
-    EXPECT_TRUE(runUntil(net, [&] { return fired > 3; }));
+    EXPECT_TRUE(runUntil(net, [&] { return ignoreTimer.calls > 3; }));
 }
-
-// --- I/O -------------------------------------------------------------------------------------
 
 TEST_F(Registry, WatchesForReadabilityWhateverWasChosen) {
     const SocketPair pair;
@@ -234,9 +207,8 @@ TEST_F(Registry, WatchesForReadabilityWhateverWasChosen) {
         net.RRNStopLoop();
     });
     EXPECT_EQ(net.RRNAddIOHandle(watched(pair), FALSE, TRUE, TRUE, &callback), 1);
-    EXPECT_EQ(errors.take(),
-              (std::vector<Report>{{-220462, "CVekRvNet", 891,
-                                    "The Type of IO handler has already been chosen.\n"}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220462, "CVekRvNet", 891,
+                                       "The Type of IO handler has already been chosen.\n"}}));
     pair.farSends("x");
     net.RRNDoIt();
     ASSERT_NE(seen, nullptr);
@@ -257,7 +229,7 @@ TEST_F(Registry, GivesASecondHandlerOfOneSocketTheListsCode) {
     ASSERT_NE(second, nullptr);
     EXPECT_EQ(status, -220566);
     std::thread([&] { EXPECT_EQ(net.RRNRemoveIO(99999), -220425); }).join();
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220425, "CVekRvNet", 1462, ""}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220425, "CVekRvNet", 1462, ""}}));
 }
 
 }  // namespace
