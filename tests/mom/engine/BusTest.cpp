@@ -2,9 +2,6 @@
 
 #include <array>
 #include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "mom/engine/CVekClient.h"
 #include "mom/engine/CVekEngine.h"
@@ -20,6 +17,7 @@ class Bus : public ::testing::Test {
   protected:
     Daemon daemon;
     Home home{daemon.text()};
+    RvDatum datum{RVMSG_STRING, 2, "x"};
 };
 
 }  // namespace
@@ -31,10 +29,10 @@ TEST_F(Bus, LosesNothingOfEightThreadsAndKeepsTheOrderOfEach) {
     engine.RESetMaxSendRate(200000);
     std::vector<int> next(kThreads, 0);
     int received = 0;
-    OnData check([&](const char*, RvSender*, const RvDatum& datum, RvListener*) {
+    OnData check([&](const char*, RvSender*, const RvDatum& data, RvListener*) {
         std::array<std::int32_t, 2> value{};
-        ASSERT_EQ(datum.size(), sizeof value);
-        std::memcpy(value.data(), datum.data(), sizeof value);
+        ASSERT_EQ(data.size(), sizeof value);
+        std::memcpy(value.data(), data.data(), sizeof value);
         EXPECT_EQ(next.at(value[0])++, value[1]);
         ++received;
     });
@@ -44,8 +42,8 @@ TEST_F(Bus, LosesNothingOfEightThreadsAndKeepsTheOrderOfEach) {
         threads.emplace_back([&engine, i] {
             for (std::int32_t n = 0; n < kPerThread; ++n) {
                 const std::array<std::int32_t, 2> value = {i, n};
-                const RvDatum datum(RVMSG_OPAQUE, sizeof value, value.data());
-                EXPECT_EQ(engine.REAddToSendQueue("BULK", new RvDatum(datum), nullptr, TRUE), 1);
+                const RvDatum numbers(RVMSG_OPAQUE, sizeof value, value.data());
+                EXPECT_EQ(engine.REAddToSendQueue("BULK", new RvDatum(numbers), nullptr, TRUE), 1);
             }
         });
     }
@@ -57,7 +55,6 @@ TEST_F(Bus, LosesNothingOfEightThreadsAndKeepsTheOrderOfEach) {
 
 TEST_F(Bus, MakesOneSenderPerSubjectAndForgetsOldInboxes) {
     CVekEngine engine(1, "grp", "NET", SERV_UNKNOWN);
-    RvDatum datum(RVMSG_STRING, 2, "x");
     EXPECT_EQ(engine.RRNSend("A", datum), 1);
     const void* const sender = engine.m_senders->RTLGet("A.NET")->RPData();
     EXPECT_EQ(engine.RRNSend("A", datum), 1);
@@ -78,7 +75,6 @@ TEST_F(Bus, ARequestThatNobodyAnswersTimesOut) {
     OnData waiting;
     waiting.callOnTimeout = [&](RvListener* listener) { inbox = listener->subject(); };
     CVekClient client(30, "NET");
-    RvDatum datum(RVMSG_STRING, 2, "x");
     ASSERT_EQ(client.RRNSend("NOBODY", datum, &waiting), 1);
     EXPECT_TRUE(runUntil(client, [&] { return !inbox.empty(); }));
     EXPECT_EQ(waiting.messages, 0);

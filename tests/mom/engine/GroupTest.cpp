@@ -41,41 +41,36 @@ TEST_F(Group, NamesEngineAndGroup) {
     EXPECT_STREQ(engine.m_groupName.get(), "modelsrv.7");
 }
 
-TEST_F(Group, StartsReadyForNothingButTheLead) {
-    CVekEngine engine(1, strdup("grp"), strdup("NET"), SERV_UNKNOWN);
-    EXPECT_EQ(engine.REIsReady(), FALSE);
-    EXPECT_EQ(engine.REIsLeader(), TRUE);
-    EXPECT_EQ(engine.REIsActive(), FALSE);
-    EXPECT_EQ(engine.REIsConsumer(), FALSE);
-    EXPECT_EQ(engine.REGetMaxSendRate(), 150UL);
-    EXPECT_EQ(engine.m_ftMemberId, nullptr);
-    EXPECT_EQ(errors.take(), std::vector<Report>{});
-}
-
-TEST_F(Group, UsesTheGivenAddressForBothSessions) {
+TEST_F(Group, StartsReadyForNothingButTheLeadAtTheGivenAddress) {
+    {
+        CVekEngine engine(1, strdup("grp"), strdup("NET"), SERV_UNKNOWN);
+        EXPECT_EQ(engine.REIsReady(), FALSE);
+        EXPECT_EQ(engine.REIsLeader(), TRUE);
+        EXPECT_EQ(engine.REIsActive(), FALSE);
+        EXPECT_EQ(engine.REIsConsumer(), FALSE);
+        EXPECT_EQ(engine.REGetMaxSendRate(), 150UL);
+        EXPECT_EQ(engine.m_ftMemberId, nullptr);
+    }
     home.writeConfiguration("rendezvous session = { 'daemon' = 'nonsense' };");
     CVekEngine engine(1, "grp", "NET", SERV_UNKNOWN, {.service = "", .network = "", .daemon = "-"});
     EXPECT_EQ(engine.m_ftSession->status().code(), 0);
     engine.RRNSetPostInitFns([&] { engine.RRNStopLoop(); });
     engine.RRNDoIt();
-    EXPECT_EQ(errors.take(), std::vector<Report>{});
+    EXPECT_EQ(errors.take(), Reports{});
 }
 
-TEST_F(Group, WithoutABaseThereIsNoGroupSession) {
+TEST_F(Group, SaysWhyThereIsNoGroup) {
+    const std::string said = errorOutputOf([] { CVekEngine(1, "grp", "NET", SERV_MODEL); });
+    EXPECT_EQ(said, std::string("Failed to join ft group : ") + rvft_ErrorText(nullptr, 6) + "\n");
+    EXPECT_EQ(errors.take(), Reports{});
     const char* const none = nullptr;
     const CVekEngine engine(1, none, "NET", SERV_MODEL);
     EXPECT_EQ(engine.m_ftSession, nullptr);
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekEngine", 419, ""},
-                                                  {-220552, "CVekEngine", 323, ""},
-                                                  {-220552, "CVekEngine", 162, ""}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220552, "CVekEngine", 419, ""},
+                                      {-220552, "CVekEngine", 323, ""},
+                                      {-220552, "CVekEngine", 162, ""}}));
     const CVekEngine adopting(1, static_cast<char*>(nullptr), strdup("NET"), SERV_MODEL);
     EXPECT_EQ(errors.take().back(), (Report{-220552, "CVekEngine", 235, ""}));
-}
-
-TEST_F(Group, SaysWhenItCannotJoin) {
-    const std::string said = errorOutputOf([] { CVekEngine(1, "grp", "NET", SERV_MODEL); });
-    EXPECT_EQ(said, std::string("Failed to join ft group : ") + rvft_ErrorText(nullptr, 6) + "\n");
-    EXPECT_EQ(errors.take(), std::vector<Report>{});
 }
 
 TEST_F(Group, FollowsTheGroupsDecisions) {

@@ -1,12 +1,11 @@
 // Heartbeats, taken from the engine's queue before they leave.
 
-#include <cstring>
-
 #include "mom/engine/CVekEngine.h"
 #include "mom/transport/CVekTransport.h"
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/Home.h"
 #include "tests/support/Nets.h"
+#include "tests/support/Packets.h"
 
 using namespace kvx::test;
 
@@ -20,26 +19,19 @@ class Heartbeat : public ::testing::Test {
         const std::unique_ptr<CVekSendQueueItem> item(engine.RENextSendItem());
         if (!item) return nullptr;
         subject = item->m_subject;
-        return decoded(*item->m_datum);
+        CVekTransport transport(nullptr);
+        RvMsg message(const_cast<rvmsg_Msg>(item->m_datum->data()));
+        EXPECT_EQ(transport.RTAddMessage(&message), 1);
+        const Texts records = recordsOf(transport);
+        EXPECT_EQ(records.size(), 1U);
+        return std::unique_ptr<CVekBaseRecord>(
+            CVekBaseRecord::ROMDecode(reinterpret_cast<const unsigned char*>(records.at(0).data()),
+                                      static_cast<int>(records[0].size())));
     }
 
     std::unique_ptr<RvTimer> timerWith(void* closure) {
         int status = 0;
         return std::unique_ptr<RvTimer>(engine.RRNNewTimer(&status, 60000, &never, closure));
-    }
-
-    static std::unique_ptr<CVekBaseRecord> decoded(const RvDatum& datum) {
-        CVekTransport transport(nullptr);
-        RvMsg message(const_cast<rvmsg_Msg>(datum.data()));
-        EXPECT_EQ(transport.RTAddMessage(&message), 1);
-        EXPECT_EQ(transport.RTDone(), TRUE);
-        const std::unique_ptr<CVekBag> records(transport.RTDecodes());
-        if (records->RBSize() != 1) return nullptr;
-        const std::unique_ptr<CVekAtom> bytes(static_cast<CVekAtom*>(records->RBGet(0)));
-        unsigned char* data = nullptr;
-        int length = 0;
-        EXPECT_EQ(bytes->RAUChar(&data, &length), 1);
-        return std::unique_ptr<CVekBaseRecord>(CVekBaseRecord::ROMDecode(data, length));
     }
 
     Home home{"-"};
@@ -60,15 +52,12 @@ TEST_F(Heartbeat, AnnouncesServiceDomainHostAndProcess) {
     EXPECT_EQ(subject, "ZEMBRALIX.3.0.CTRL.NOTIFY");
     std::string fields;
     for (int i = 0; i < record->RRSize(); ++i) {
-        fields += record->RRNameAt(i) + std::string(" ");
+        const kvx::Text value(record->RRValueAt(i)->RAStrRep());
+        fields += record->RRNameAt(i) + std::string("=") + value.get() + " ";
     }
-    EXPECT_EQ(fields, "service domain host pid type ");
-    EXPECT_STREQ(record->RRValueAt(0)->RAString(), "Model");
-    EXPECT_STREQ(record->RRValueAt(1)->RAString(), "NET1");
-    EXPECT_STREQ(record->RRValueAt(2)->RAString(), env.RELocalHost());
+    EXPECT_EQ(fields, "service=Model domain=NET1 host=" + std::string(env.RELocalHost()) +
+                          " pid=" + std::to_string(getpid()) + " type=0 ");
     EXPECT_EQ(record->RRValueAt(3)->RAType(), VEK_TYPE_INT64);
-    EXPECT_EQ(static_cast<unsigned long>(record->RRValueAt(3)->RAInt64()),
-              CVekProcess::Instance().GetPID());
     EXPECT_EQ(heartbeat.m_transport, nullptr);
 }
 
@@ -87,7 +76,7 @@ TEST_F(Heartbeat, CarriesTypeOneAfterTheFirstBeatAsPrimary) {
     EXPECT_STREQ(beat(heartbeat)->RRGetValue("service")->RAString(), "");
 }
 
-TEST_F(Heartbeat, IsArmedForTheFirstBeatAndForAllOthers) {
+TEST_F(Heartbeat, IsArmedForTheFirstBeatWhichASecondStartLeavesAlive) {
     engine.REStartHeartBeat("Model", "NET", &env, "X.Y");
     EXPECT_EQ(engine.m_hbTimer->interval(), 10000UL);
     EXPECT_EQ(engine.m_hbTimer->isRepeating(), rv_TRUE);
@@ -95,10 +84,6 @@ TEST_F(Heartbeat, IsArmedForTheFirstBeatAndForAllOthers) {
     EXPECT_EQ(engine.m_hbFirstTimer->isRepeating(), rv_FALSE);
     ASSERT_NE(beat(*engine.m_heartbeat), nullptr);
     EXPECT_EQ(subject, "X.Y");
-}
-
-TEST_F(Heartbeat, ASecondStartLeavesTheFirstBeatAlive) {
-    engine.REStartHeartBeat("Model", "NET", &env);
     RvTimer* const first = engine.m_hbFirstTimer.get();
     const CVekHeartbeatClb* const firstBeat = engine.m_heartbeat.get();
     engine.REStartHeartBeat("Class", "NET", &env);
@@ -107,22 +92,18 @@ TEST_F(Heartbeat, ASecondStartLeavesTheFirstBeatAlive) {
     EXPECT_TRUE(first->isPending());
 }
 
-TEST_F(Heartbeat, WithoutATimerOrAnEngineOnlyTraces) {
-    CVekHeartbeatClb heartbeat("Model", "NET", &env);
-    const DebugLevel level(4);
-    EXPECT_EQ(outputOf([&] { heartbeat.onTimer(nullptr); }),
-              "CVekHeartbeatClb::onTimer(): invoker obj is NULL!\n");
-    const auto timer = timerWith(nullptr);
-    EXPECT_EQ(outputOf([&] { heartbeat.onTimer(timer.get()); }),
-              "CVekHeartbeatClb::onTimer(): CVekEngine obj is NULL!\n");
-}
-
-TEST_F(Heartbeat, WithoutASubjectReportsWhatFails) {
+TEST_F(Heartbeat, ReportsAMissingSubjectAndTracesAMissingTimerOrEngine) {
     CVekHeartbeatClb heartbeat("Model", "NET", &env);
     heartbeat.RHCSetSubject("X.Y");
     heartbeat.RHCSetSubject(heartbeat.m_subject);
     EXPECT_STREQ(heartbeat.m_subject, "X.Y") << "its own subject";
     heartbeat.RHCSetSubject(nullptr);
     EXPECT_EQ(beat(heartbeat), nullptr);
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekHeartbeatClb", 358, "SendAll"}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220552, "CVekHeartbeatClb", 358, "SendAll"}}));
+    const DebugLevel level(4);
+    EXPECT_EQ(outputOf([&] { heartbeat.onTimer(nullptr); }),
+              "CVekHeartbeatClb::onTimer(): invoker obj is NULL!\n");
+    const auto timer = timerWith(nullptr);
+    EXPECT_EQ(outputOf([&] { heartbeat.onTimer(timer.get()); }),
+              "CVekHeartbeatClb::onTimer(): CVekEngine obj is NULL!\n");
 }

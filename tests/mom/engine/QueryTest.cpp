@@ -31,7 +31,7 @@ class Query : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Query, TravelsAsAMessageOfTextAndVersion) {
+TEST_F(Query, TravelsAsAMessageOfTextAndVersionThatItOutlives) {
     EXPECT_EQ(CVekQryInfo::RQISendOQL("select * from x", "S", &ignore, &engine, nullptr, TRUE), 1);
     const std::unique_ptr<CVekSendQueueItem> item(engine.RENextSendItem());
     ASSERT_NE(item, nullptr);
@@ -41,85 +41,61 @@ TEST_F(Query, TravelsAsAMessageOfTextAndVersion) {
     EXPECT_EQ(textOf(query), "select * from x");
     EXPECT_EQ(query.RQIVersion(), VEK_TRANS_V1);
     EXPECT_NE(query.RQIDatum(), item->m_datum);
-}
 
-TEST_F(Query, OutlivesTheMessageItWasMadeOf) {
     RvMsg message;
-    message.append("QryInfoOQLStr", "select * from x");
+    message.append("QryInfoOQLStr", "select * from y");
     auto plain = std::make_unique<RvDatum>(message);  // a message, but not as an RvMsg
-    CVekQryInfo query("S", nullptr, *plain, nullptr);
-    EXPECT_NE(query.RQIDatum()->data(), plain->data());
+    CVekQryInfo copying("S", nullptr, *plain, nullptr);
+    EXPECT_NE(copying.RQIDatum()->data(), plain->data());
     plain.reset();
-    EXPECT_EQ(textOf(query), "select * from x");
+    EXPECT_EQ(textOf(copying), "select * from y");
 }
 
-TEST_F(Query, MayBeAStringButNothingElse) {
+TEST_F(Query, MayBeAStringButNothingElseAndNeedsSubjectAndNetwork) {
     CVekQryInfo query("S", nullptr, RvDatum(RVMSG_STRING, 4, "abc"), nullptr);
     EXPECT_EQ(textOf(query), "abc");
     EXPECT_EQ(query.RQIVersion(), VEK_TRANS_V0);
     const std::int32_t number = 5;
     query.RQIReplaceDatum(new RvDatum(RVMSG_INT, 4, &number));
     EXPECT_EQ(textOf(query), "(null)");
-    EXPECT_EQ(errors.take(),
-              (std::vector<Report>{
-                  {-220439, "CVekQryInfo", 265, "CVekQryInfo::RQIQuery Unexpected message type"}}));
+    const Report unexpected{-220439, "CVekQryInfo", 265,
+                            "CVekQryInfo::RQIQuery Unexpected message type"};
+    EXPECT_EQ(errors.take(), Reports{unexpected});
     query.RQIReplaceDatum(new RvMsg(0UL));
     EXPECT_EQ(textOf(query), "");
     EXPECT_EQ(query.RQIVersion(), VEK_TRANS_V0);
     query.RQIReplaceDatum(nullptr);
     EXPECT_EQ(textOf(query), "(null)");
-}
+    EXPECT_EQ(errors.take(), Reports{unexpected});
 
-TEST_F(Query, NeedsTextSubjectAndANetwork) {
     EXPECT_EQ(CVekQryInfo::RQISendOQL(nullptr, "S", &ignore, &engine, nullptr, TRUE), -220402);
     EXPECT_EQ(CVekQryInfo::RQISendOQL("q", nullptr, &ignore, &engine, nullptr, TRUE), -220402);
     EXPECT_EQ(CVekQryInfo::RQISendOQL("q", "S", &ignore, nullptr, nullptr, TRUE), -220402);
     EXPECT_EQ(engine.RESendQueueLength(), 0);
     CVekQryInfo unnamed(nullptr, nullptr, RvDatum(), nullptr);
     EXPECT_STREQ(unnamed.RQISubject(), "");
-    EXPECT_EQ(errors.take(),
-              (std::vector<Report>{{-220552, "CVekQryInfo", 100, "CVekQryInfo::CVekQryInfo"}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220552, "CVekQryInfo", 100, "CVekQryInfo::CVekQryInfo"}}));
 }
 
-TEST_F(Query, ASnoopHandsCopiesToItsPool) {
-    CVekServPool pool(0, nullptr);
-    CVekSnoop snoop(&pool);
-    snoop.onData("S", nullptr, RvDatum(RVMSG_STRING, 7, std::string("update").c_str()), nullptr);
-    const std::unique_ptr<CVekUpdWork> work(static_cast<CVekUpdWork*>(pool.RSPTakeWorkDetail()));
-    ASSERT_NE(work, nullptr);
-    EXPECT_EQ(work->RUWSnooper(), &snoop);
-    EXPECT_STREQ(static_cast<const char*>(work->RUWDatum()->data()), "update");
-}
-
-TEST_F(Query, ASnoopWithoutAPoolDropsAndSaysSo) {
-    const DebugLevel level(4);
-    EXPECT_EQ(outputOf([] {
-                  CVekSnoop snoop(nullptr);
-                  snoop.onData(nullptr, nullptr, RvDatum(), nullptr);
-              }),
-              "CVekSnoop::CVekSnoop: WARNING! Initializing with a NULL CVekServPool\n"
-              "CVekSnoop::onData: Snooped a packet on NULL\nCVekSnoop::RSProcessData\n"
-              "CVekSnoop::RSProcessData: Updates ServPool is NULL!!!\n");
-}
-
-TEST_F(Query, ASnoopReportsAPoolThatRefuses) {
-    struct Refusing : CVekServPool {
-        Refusing() : CVekServPool(0, nullptr) {}
+TEST_F(Query, ASnoopHandsCopiesToItsPoolAndKeepsItsFirstTransport) {
+    struct Pool : CVekServPool {
+        Pool() : CVekServPool(0, nullptr) {}
         int RSPAddWorkDetail(void* item) override {
-            kept.reset(static_cast<CVekUpdWork*>(item));
-            return -1;
+            work.reset(static_cast<CVekUpdWork*>(item));
+            return result;
         }
-        std::unique_ptr<CVekUpdWork> kept;
+        std::unique_ptr<CVekUpdWork> work;
+        int result = 1;
     } pool;
     CVekSnoop snoop(&pool);
+    snoop.onData("S", nullptr, RvDatum(RVMSG_STRING, 7, std::string("update").c_str()), nullptr);
+    ASSERT_NE(pool.work, nullptr);
+    EXPECT_EQ(pool.work->RUWSnooper(), &snoop);
+    EXPECT_STREQ(static_cast<const char*>(pool.work->RUWDatum()->data()), "update");
+    pool.result = -1;  // what it refuses is not the snoop's to delete
     snoop.RSProcessData("S", nullptr, RvDatum(), nullptr);
-    EXPECT_EQ(errors.take(),
-              (std::vector<Report>{{-220439, "CVekSnoop", 138, "CVekSnoop::onData"}}));
-    EXPECT_NE(pool.kept, nullptr);  // not deleted by the snoop
-}
+    EXPECT_EQ(errors.take(), (Reports{{-220439, "CVekSnoop", 138, "CVekSnoop::onData"}}));
 
-TEST_F(Query, ASnoopKeepsItsFirstTransport) {
-    CVekSnoop snoop(nullptr);
     snoop.RSTransport(nullptr);
     EXPECT_EQ(snoop.RSTransport(), nullptr);
     snoop.RSTransport(&engine);
@@ -127,6 +103,14 @@ TEST_F(Query, ASnoopKeepsItsFirstTransport) {
     snoop.RSTransport(&engine);
     EXPECT_NE(first, nullptr);
     EXPECT_EQ(snoop.RSTransport(), first);
+}
+
+TEST_F(Query, ASnoopWithoutAPoolDropsAndSaysSo) {
+    const DebugLevel level(4);
+    EXPECT_EQ(outputOf([] { CVekSnoop(nullptr).onData(nullptr, nullptr, RvDatum(), nullptr); }),
+              "CVekSnoop::CVekSnoop: WARNING! Initializing with a NULL CVekServPool\n"
+              "CVekSnoop::onData: Snooped a packet on NULL\nCVekSnoop::RSProcessData\n"
+              "CVekSnoop::RSProcessData: Updates ServPool is NULL!!!\n");
 }
 
 TEST_F(Query, AClientSenderSendsOnceAndIsGone) {
@@ -138,7 +122,7 @@ TEST_F(Query, AClientSenderSendsOnceAndIsGone) {
     auto* const empty = new CVekClientSender(strdup("S"), static_cast<RvDatum*>(nullptr), &ignore);
     ASSERT_EQ(client.RRNAddTimer(1, sender), 1);
     ASSERT_EQ(client.RRNAddTimer(2, empty), 1);
-    std::vector<Report> reports;
+    Reports reports;
     const std::string said = errorOutputOf([&] {
         EXPECT_TRUE(runUntil(client, [&] {
             for (const Report& report : errors.take()) reports.push_back(report);
@@ -146,7 +130,8 @@ TEST_F(Query, AClientSenderSendsOnceAndIsGone) {
         }));
     });
     EXPECT_EQ(said, "Rendezvous Error : failed to open RPC listener\n");
-    EXPECT_EQ(reports, (std::vector<Report>{{-220545, "CVekClientSender", 114, ""},
-                                            {-220552, "CVekClientSender", 120,
-                                             "null datum in CVekClientSender::onTimer"}}));
+    EXPECT_EQ(
+        reports,
+        (Reports{{-220545, "CVekClientSender", 114, ""},
+                 {-220552, "CVekClientSender", 120, "null datum in CVekClientSender::onTimer"}}));
 }

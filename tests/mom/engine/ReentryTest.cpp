@@ -3,15 +3,7 @@
 
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
-#include <cstdlib>
-#include <functional>
-#include <memory>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekInitTimedClb.h"
@@ -37,31 +29,16 @@ void expectToEnd(const std::function<void()>& body) {
         testing::ExitedWithCode(0), "");
 }
 
-// Runs `act` at one of the error reports to come, the first one if nothing else is said.
-class AtReport {
-  public:
-    explicit AtReport(std::function<void()> act, int which = 1) {
-        action() = std::move(act);
-        left() = which;
-        previous_ = CVekError::SetHandler([](int, const char*, int, const char*) {
-            if (--left() == 0) action()();
-        });
-    }
-    ~AtReport() { CVekError::SetHandler(previous_); }
-    AtReport(const AtReport&) = delete;
-    AtReport& operator=(const AtReport&) = delete;
-
-  private:
-    static std::function<void()>& action() {
-        static std::function<void()> act;
-        return act;
-    }
-    static std::atomic<int>& left() {
-        static std::atomic<int> reports;
-        return reports;
-    }
-    VekErrorHandler previous_;
-};
+// Runs `act` at one of the error reports to come of a process that ends with its body.
+void atReport(std::function<void()> act, int which) {
+    static std::function<void()> action;
+    static std::atomic<int> left;
+    action = std::move(act);
+    left = which;
+    CVekError::SetHandler([](int, const char*, int, const char*) {
+        if (--left == 0) action();
+    });
+}
 
 using EnginePtr = std::unique_ptr<CVekEngine>;
 
@@ -118,6 +95,8 @@ class Reentry : public ::testing::Test {
   protected:
     Daemon daemon;
     Home home{daemon.text()};
+    RvDatum datum{RVMSG_STRING, 2, "y"};
+    OnData ignore;
 };
 
 // What sends something for the daemon, on a sender that there is and on a new one.
@@ -160,8 +139,6 @@ TEST_F(Reentry, ASendMayEndTheSessionOrTheEngine) {
 
 TEST_F(Reentry, ASendMayRunTheSameSend) {
     ErrorRecorder errors;
-    RvDatum datum(RVMSG_STRING, 2, "y");
-    OnData ignore;
     Brink plain(daemon, [&](EnginePtr& engine) { EXPECT_EQ(engine->RESend("B", datum, TRUE), 1); });
     EXPECT_EQ(plain.engine->RESend("B", plain.datum, TRUE), 1);
     Brink net(daemon, [&](EnginePtr& engine) { EXPECT_EQ(engine->RRNSend("B", datum), 1); });
@@ -172,11 +149,10 @@ TEST_F(Reentry, ASendMayRunTheSameSend) {
         EXPECT_TRUE(on->hasActed());
         EXPECT_EQ(on->engine->m_senders->RTLLength(), 2);
     }
-    EXPECT_EQ(errors.take(), std::vector<Report>{});
+    EXPECT_EQ(errors.take(), Reports{});
 }
 
 TEST_F(Reentry, NoInboxSenderDiesInItsOwnSend) {
-    RvDatum datum(RVMSG_STRING, 2, "x");
     char subject[] = "_INBOX.MINE";
     Brink on(daemon, [](EnginePtr&) {});
     ASSERT_EQ(on.engine->RESend(subject, datum, FALSE), 1);
@@ -211,9 +187,7 @@ TEST_F(Reentry, AListenOfADrainMayEndTheSessionOrTheEngine) {
 }
 
 TEST_F(Reentry, AHandlerOfADrainsReportMayCallAnything) {
-    OnData ignore;
     OnTimer ignoreTimer;
-    RvDatum datum(RVMSG_STRING, 2, "x");
     const std::vector<std::function<void(CVekEngine&)>> calls = {
         [&](CVekEngine& e) { e.REAddToSendQueue("A", new RvDatum(datum), nullptr, TRUE); },
         [&](CVekEngine& e) { EXPECT_EQ(e.RENextSendItem(), nullptr); },
@@ -227,7 +201,7 @@ TEST_F(Reentry, AHandlerOfADrainsReportMayCallAnything) {
     for (const auto& call : calls) {
         expectToEnd([&] {
             const EnginePtr engine = newEngine();
-            const AtReport act([&] { call(*engine); });
+            atReport([&] { call(*engine); }, 1);
             engine->m_requests->RSPush(
                 new SVekRvQueueListener{VEK_QUEUE_LISTENER, 7, "A..B", 0, &ignore, nullptr});
             drainRequests(*engine);
@@ -236,14 +210,13 @@ TEST_F(Reentry, AHandlerOfADrainsReportMayCallAnything) {
 }
 
 TEST_F(Reentry, AHandlerOnTheAskingThreadMayAskAgain) {
-    expectToEnd([] {
+    expectToEnd([&] {
         const EnginePtr engine = newEngine();
-        OnData ignore;
         int status = 0;
         std::unique_ptr<RvSender> sender;
         std::atomic<bool> done = false;
         // The main thread reports the failure first, the asking one then.
-        const AtReport act([&] { sender.reset(engine->RRNNewSender(&status, "A", nullptr)); }, 2);
+        atReport([&] { sender.reset(engine->RRNNewSender(&status, "A", nullptr)); }, 2);
         std::thread asking([&] {
             EXPECT_EQ(engine->RRNNewListener(&status, "A..B", &ignore, nullptr), nullptr);
             done = true;
@@ -256,9 +229,8 @@ TEST_F(Reentry, AHandlerOnTheAskingThreadMayAskAgain) {
 
 TEST_F(Reentry, QueueingDoesNotWaitForASendThatRunsUserCode) {
     expectToEnd([&] {
-        Brink on(daemon, [](EnginePtr& engine) {
-            std::thread([&engine] {
-                const RvDatum datum(RVMSG_STRING, 2, "y");
+        Brink on(daemon, [&](EnginePtr& engine) {
+            std::thread([&] {
                 EXPECT_EQ(engine->REAddToSendQueue("B", new RvDatum(datum), nullptr, TRUE), 1);
             }).join();
         });
@@ -269,7 +241,6 @@ TEST_F(Reentry, QueueingDoesNotWaitForASendThatRunsUserCode) {
 
 TEST_F(Reentry, AReplyListenerWhoseCallbackIsGoneIsRemovedByLaterRequests) {
     const EnginePtr engine = newEngine();
-    RvDatum datum(RVMSG_STRING, 2, "x");
     const int before = engine->m_listeners->RTLLength();
     OnData alive;
     ASSERT_EQ(engine->RRNSend("A", datum, &alive), 1);

@@ -1,8 +1,5 @@
 // An engine's sends and its queue, without a bus.
 
-#include <chrono>
-#include <cstring>
-
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekInitTimedClb.h"
 #include "tests/support/ErrorRecorder.h"
@@ -18,8 +15,10 @@ class SendQueue : public ::testing::Test {
     int queue(const char* subject, __boolean qualify = FALSE) {
         return engine.REAddToSendQueue(subject, new RvDatum(datum), nullptr, qualify);
     }
+    using Item = std::unique_ptr<CVekSendQueueItem>;
+    Item next() { return Item(engine.RENextSendItem()); }
     std::string nextSubject() {
-        const std::unique_ptr<CVekSendQueueItem> item(engine.RENextSendItem());
+        const Item item = next();
         return item ? item->m_subject : "(none)";
     }
 
@@ -32,7 +31,7 @@ class SendQueue : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(SendQueue, IsFirstInFirstOutButForWhatIsPutInFront) {
+TEST_F(SendQueue, IsFirstInFirstOutButForWhatIsPutInFrontAndCarriesWhatTheSendNeeds) {
     EXPECT_EQ(queue("A"), 1);
     EXPECT_EQ(queue("B", TRUE), 1);
     EXPECT_EQ(engine.REAddToSendQueueFront("C", new RvDatum(datum), nullptr, TRUE), 1);
@@ -42,19 +41,17 @@ TEST_F(SendQueue, IsFirstInFirstOutButForWhatIsPutInFront) {
     EXPECT_EQ(nextSubject(), "A");
     EXPECT_EQ(nextSubject(), "B.NET");
     EXPECT_EQ(nextSubject(), "(none)");
-}
 
-TEST_F(SendQueue, ItemsCarryWhatTheSendNeeds) {
     engine.RNSetLatency(1234);
     auto* const sent = new RvDatum(datum);
     EXPECT_EQ(engine.REAddToSendQueue("A", sent, &ignore, FALSE), 1);
     EXPECT_EQ(engine.REAddToSendQueue("A", new RvDatum(datum), &ignore, 77UL, FALSE), 1);
-    const std::unique_ptr<CVekSendQueueItem> item(engine.RENextSendItem());
+    const Item item = next();
     EXPECT_EQ(item->m_datum, sent);
     EXPECT_EQ(item->m_callback, &ignore);
     EXPECT_EQ(item->m_closure, &engine);
     EXPECT_EQ(item->m_timeout, 1234);
-    EXPECT_EQ(std::unique_ptr<CVekSendQueueItem>(engine.RENextSendItem())->m_timeout, 77);
+    EXPECT_EQ(next()->m_timeout, 77);
 }
 
 TEST_F(SendQueue, SendsOfOtherThreadsAreQueuedAndQualifiedOnceMore) {
@@ -64,43 +61,39 @@ TEST_F(SendQueue, SendsOfOtherThreadsAreQueuedAndQualifiedOnceMore) {
         EXPECT_EQ(engine.RESend("C", datum, &ignore, 5, FALSE), nullptr);
     }).join();
     const char* const text = "so adding to send queue!";
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220425, "CVekEngine", 641, text},
-                                                  {-220425, "CVekEngine", 641, text},
-                                                  {-220425, "CVekEngine", 784, text}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220425, "CVekEngine", 641, text},
+                                      {-220425, "CVekEngine", 641, text},
+                                      {-220425, "CVekEngine", 784, text}}));
     EXPECT_EQ(nextSubject(), "A.NET");
     EXPECT_EQ(nextSubject(), "B.NET.NET");
-    const std::unique_ptr<CVekSendQueueItem> request(engine.RENextSendItem());
+    const Item request = next();
     EXPECT_STREQ(request->m_subject, "C.NET");
     EXPECT_EQ(request->m_timeout, 8000);
     EXPECT_NE(request->m_datum, &datum);
 }
 
-TEST_F(SendQueue, RefusesSubjectsThatAreNotThere) {
+TEST_F(SendQueue, ReportsAndDropsWhatHasNoSubjectOrTheBusRefuses) {
     const char* const none = nullptr;
     EXPECT_EQ(engine.RESend(none, datum, FALSE), -220552);
     EXPECT_EQ(engine.RESend(none, datum, &ignore, 5, FALSE), nullptr);
     EXPECT_EQ(engine.REAddToSendQueue(none, new RvDatum(datum), nullptr, FALSE), -220552);
     EXPECT_EQ(engine.REAddToSendQueueFront(none, new RvDatum(datum), nullptr, FALSE), -220552);
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekEngine", 730, ""}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220552, "CVekEngine", 730, ""}}));
     EXPECT_EQ(engine.RESendQueueLength(), 0);
-}
 
-TEST_F(SendQueue, ReportsAndDropsWhatTheBusRefuses) {
     EXPECT_EQ(engine.RESend("A", datum, FALSE), -220545);
     EXPECT_EQ(engine.RESend("A", datum, &ignore), nullptr);
     EXPECT_EQ(engine.m_senders->RTLLength(), 0);
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220545, "CVekEngine", 767, ""}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220545, "CVekEngine", 767, ""}}));
     queue("A");
     engine.REAddToSendQueue("B", new RvDatum(datum), &ignore, FALSE);
-    EXPECT_EQ(std::unique_ptr<CVekSendQueueItem>(engine.RENextSendItem())->RSQIDeQueueIt(),
-              -220545);
-    EXPECT_EQ(std::unique_ptr<CVekSendQueueItem>(engine.RENextSendItem())->RSQIDeQueueIt(),
-              -220545);
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220545, "CVekSendQueueItem", 210, ""},
-                                                  {-220545, "CVekEngine", 767, ""},
-                                                  {-220545, "CVekSendQueueItem", 210, ""}}));
+    EXPECT_EQ(next()->RSQIDeQueueIt(), -220545);
+    EXPECT_EQ(next()->RSQIDeQueueIt(), -220545);
+    EXPECT_EQ(errors.take(), (Reports{{-220545, "CVekSendQueueItem", 210, ""},
+                                      {-220545, "CVekEngine", 767, ""},
+                                      {-220545, "CVekSendQueueItem", 210, ""}}));
     EXPECT_EQ(CVekSendQueueItem("A", nullptr, nullptr, &engine, 5).RSQIDeQueueIt(), -220552);
-    EXPECT_EQ(errors.take(), (std::vector<Report>{{-220552, "CVekSendQueueItem", 210, ""}}));
+    EXPECT_EQ(errors.take(), (Reports{{-220552, "CVekSendQueueItem", 210, ""}}));
 }
 
 TEST_F(SendQueue, LeavesAtABoundedNumberOfItemsATick) {
@@ -129,13 +122,9 @@ TEST_F(SendQueue, GoesOnLeavingAfterACallInsideTheLoop) {
         engine.REDoIt();
         queue("_RV.X");
     });
-    OnTimer look([&](RvTimer*) {
-        if (engine.RESendQueueLength() == 0) engine.RRNStopLoop();
-    });
     ASSERT_EQ(engine.RRNAddTimer(1, &nest), 1);
-    ASSERT_EQ(engine.RRNAddRepeatTimer(20, &look), 1);
-    engine.REDoIt();
-    EXPECT_EQ(engine.RESendQueueLength(), 0);
+    EXPECT_TRUE(runUntil(
+        engine, [&] { return engine.RESendQueueLength() == 0; }, &CVekEngine::REDoIt));
 }
 
 TEST_F(SendQueue, TracesButForHeartbeats) {

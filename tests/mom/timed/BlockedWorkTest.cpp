@@ -1,29 +1,16 @@
 // Workers that wait for an answer: counted down, run again, dropped.
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <functional>
 #include <limits>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "mom/timed/CVekBlockedWorkMgr.h"
 #include "mom/timed/CVekPollResponse.h"
 #include "tests/mom/timed/Polls.h"
 #include "tests/support/ErrorRecorder.h"
 
-using kvx::test::CountingPoll;
-using kvx::test::DebugLevel;
-using kvx::test::ErrorRecorder;
-using kvx::test::outputOf;
-using kvx::test::RecordingMgr;
-using kvx::test::Report;
+using namespace kvx::test;
 
 namespace {
-
-using Names = std::vector<std::string>;
 
 static_assert(std::has_virtual_destructor_v<CVekPollResponse>);
 
@@ -59,16 +46,21 @@ class BlockedWork : public testing::Test {
 
 }  // namespace
 
-TEST_F(BlockedWork, CountsTheTimeOutDownOnceAPass) {
+TEST_F(BlockedWork, CountsTheTimeOutDownOnceAPassAndTracesOnlyWhatItHolds) {
+    CVekBlockedWorkMgr empty(manager, 5);
+    const DebugLevel level(-1);
+    EXPECT_EQ(outputOf([&] { empty.BWMProcessBlockedWork(); }), "");
+    EXPECT_EQ(outputOf([&] { empty.BWMAddBlockedWork(new CVekTimedWorker(&poll)); }),
+              "Adding blocked work: poll\n");
     EXPECT_EQ(blocked.BWMFirstTryTimeOut(), 5U);
     answer.PRSetTimeOut(1);
-    EXPECT_EQ(pass(), Names{});
+    EXPECT_EQ(outputOf([&] { pass(); }), "BWMProcessBlockedWork: processing 1 items\n");
     EXPECT_EQ(answer.PRTimeOut(), 0U);
     EXPECT_EQ(pass(), Names{});
     EXPECT_EQ(answer.PRTimeOut(), std::numeric_limits<unsigned int>::max());
 }
 
-TEST_F(BlockedWork, RunsAgainOnceForEachTimeItBlocked) {
+TEST_F(BlockedWork, RunsAgainOnceForEachTimeItBlockedOrIsDroppedAtTheFollowingPass) {
     for (const int state : {2, 3}) {
         answer.state = state;
         EXPECT_EQ(pass(), Names{"poll"});
@@ -76,9 +68,6 @@ TEST_F(BlockedWork, RunsAgainOnceForEachTimeItBlocked) {
         EXPECT_EQ(pass(), Names{});
         worker->RTWSetStatus(RTW_STATUS_BLOCKED);
     }
-}
-
-TEST_F(BlockedWork, DropsAWorkerThatGaveUpAtTheFollowingPass) {
     answer.state = 1;
     EXPECT_EQ(pass(), Names{});
     EXPECT_TRUE(poll.RTWPollIsExecuting());
@@ -118,15 +107,6 @@ TEST_F(BlockedWork, ReportsWhatItCannotInterpretAndKeepsTheWorker) {
     pass();
     EXPECT_EQ(errors.take(), std::vector(1, Report{-220552, "CVekBlockedWorkMgr", 0, ""}));
     EXPECT_TRUE(poll.RTWPollIsExecuting());
-}
-
-TEST_F(BlockedWork, TracesOnlyWhatItHolds) {
-    CVekBlockedWorkMgr empty(manager, 5);
-    const DebugLevel level(-1);
-    EXPECT_EQ(outputOf([&] { empty.BWMProcessBlockedWork(); }), "");
-    EXPECT_EQ(outputOf([&] { pass(); }), "BWMProcessBlockedWork: processing 1 items\n");
-    EXPECT_EQ(outputOf([&] { empty.BWMAddBlockedWork(new CVekTimedWorker(&poll)); }),
-              "Adding blocked work: poll\n");
 }
 
 TEST_F(BlockedWork, GivesTheResponseOfAThreadOnce) {

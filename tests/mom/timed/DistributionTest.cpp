@@ -1,28 +1,15 @@
 // How polls of one frequency are spread over the ticks of their period.
 
-#include <gtest/gtest.h>
-
-#include <map>
-#include <memory>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "mom/timed/CVekTimedWorkDist.h"
 #include "mom/timed/CVekTimedWorkDistBucket.h"
 #include "tests/mom/timed/Polls.h"
 #include "tests/support/ErrorRecorder.h"
 
-using kvx::test::CountingPoll;
-using kvx::test::DebugLevel;
-using kvx::test::ErrorRecorder;
-using kvx::test::outputOf;
-using kvx::test::RecordingMgr;
-using kvx::test::Report;
+using namespace kvx::test;
 
 namespace {
-
-using Names = std::vector<std::string>;
 
 // A distribution of `count` polls named 0, 1, ...
 struct Fixture {
@@ -44,11 +31,6 @@ struct Fixture {
         for (int i = 0; i < dist.RTWDGetFrequency(); ++i) ticks.push_back(tick());
         return ticks;
     }
-    std::vector<int> buckets() const {
-        std::vector<int> keys;
-        for (const auto& poll : polls) keys.push_back(poll->RTWBucketKey());
-        return keys;
-    }
 
     RecordingMgr manager;
     std::vector<std::unique_ptr<CountingPoll>> polls;
@@ -58,7 +40,9 @@ struct Fixture {
 std::vector<int> bucketsOf(int count, int frequency) {
     Fixture fixture(count, frequency);
     fixture.dist.RTWDDistributePolls();
-    return fixture.buckets();
+    std::vector<int> keys;
+    for (const auto& poll : fixture.polls) keys.push_back(poll->RTWBucketKey());
+    return keys;
 }
 
 }  // namespace
@@ -137,7 +121,7 @@ TEST(TimedWorkDist, KeepsTheFirstPollOfAName) {
     EXPECT_EQ(twin.RTWBucketKey(), -1);
 }
 
-TEST(TimedWorkDist, TicksWithoutAPeriod) {
+TEST(TimedWorkDist, TicksWithoutAPeriodAndRefusesANullPoll) {
     ErrorRecorder errors;
     for (const int frequency : {0, -1, -5}) {
         RecordingMgr manager;
@@ -150,10 +134,7 @@ TEST(TimedWorkDist, TicksWithoutAPeriod) {
     }
     EXPECT_EQ(errors.take(), std::vector(2, Report{-220552, "CVekTimedWorkDist", 0,
                                                    "CVekTimedWorkDist::CVekTimedWorkDist"}));
-}
 
-TEST(TimedWorkDist, RefusesANullPoll) {
-    ErrorRecorder errors;
     Fixture fixture(1, 1);
     fixture.add("");
     EXPECT_EQ(fixture.dist.RTWDAddPoll(nullptr), -220552);

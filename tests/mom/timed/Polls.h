@@ -1,10 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <string>
-#include <vector>
 
 #include "foundation/foundation.h"
 #include "mom/timed/CVekTimedWork.h"
@@ -12,6 +8,8 @@
 #include "mom/timed/CVekTimedWorker.h"
 
 namespace kvx::test {
+
+using Names = std::vector<std::string>;
 
 /// A poll that counts its executions.
 class CountingPoll : public CVekTimedWork {
@@ -43,9 +41,9 @@ class RecordingMgr : public CVekTimedWorkMgr {
         return 1;
     }
 
-    std::vector<std::string> takeQueued() { return std::exchange(queued, {}); }
+    Names takeQueued() { return std::exchange(queued, {}); }
 
-    std::vector<std::string> queued;
+    Names queued;
 };
 
 }  // namespace kvx::test

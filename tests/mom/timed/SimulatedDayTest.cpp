@@ -1,24 +1,16 @@
 // A day of ticks, driven by hand, with real pools: every poll runs as often as its frequency says,
 // on its tick, whatever other threads add, delete, change and suspend in between.
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <condition_variable>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <random>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "tests/mom/timed/Polls.h"
 #include "tests/support/ChildProcess.h"
 
-using kvx::test::CountingPoll;
-using kvx::test::eventually;
+using namespace kvx::test;
 
 namespace {
 
@@ -83,17 +75,17 @@ class Day {
                 case 0:
                     return addPoll(anyFrequency());
                 case 1:
-                    return changeAnyPoll(
-                        [&](auto* poll, Group& group) { deletePoll(poll, group); });
+                    return changeAnyPoll(&Day::deletePoll);
                 case 2:
-                    return changeAnyPoll(
-                        [&](auto* poll, Group& group) { replacePoll(poll, group); });
+                    return changeAnyPoll(&Day::replacePoll);
                 case 3:
-                    return changeAnyPoll([&](auto* poll, Group& group) { movePoll(poll, group); });
+                    return changeAnyPoll(&Day::movePoll);
                 case 4:
-                    return suspendOrResume();
+                    return changeAnyPoll(&Day::repeatPoll);
                 case 5:
-                    return changeAnyPoll([&](auto* poll, Group&) { repeatPoll(poll); });
+                    m_suspended = !m_suspended;
+                    return m_suspended ? m_manager.RTWMSuspendTimedWork()
+                                       : m_manager.RTWMResumeTimedWork();
                 default:
                     return distribute();
             }
@@ -118,11 +110,11 @@ class Day {
         return m_polls.back().get();
     }
 
-    // Does `change(poll, group)` to a poll of a random group, when that has one.
-    template <class Change>
-    void changeAnyPoll(Change&& change) {
+    // Changes a poll of a random group, when that has one.
+    void changeAnyPoll(void (Day::*how)(LoggedPoll*, Group&)) {
         Group& group = m_groups[anyFrequency()];
-        if (!group.polls.empty()) change(group.polls[m_random() % group.polls.size()], group);
+        if (group.polls.empty()) return;
+        (this->*how)(group.polls[m_random() % group.polls.size()], group);
     }
 
     void addPoll(int frequency) {
@@ -160,12 +152,7 @@ class Day {
         know(poll, frequency);
     }
 
-    void suspendOrResume() {
-        m_suspended = !m_suspended;
-        m_suspended ? m_manager.RTWMSuspendTimedWork() : m_manager.RTWMResumeTimedWork();
-    }
-
-    void repeatPoll(LoggedPoll* poll) {
+    void repeatPoll(LoggedPoll* poll, Group& /*group*/) {
         m_manager.RTWMAddRepeatPoller(poll);
         m_repeated.insert(poll->name());
     }

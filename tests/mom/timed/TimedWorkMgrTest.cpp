@@ -1,30 +1,14 @@
 // The manager's sets, its refusals, suspension, and workers.
 
-#include <gtest/gtest.h>
-
 #include <barrier>
-#include <functional>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "tests/mom/timed/Polls.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/ErrorRecorder.h"
 
-using kvx::test::CountingPoll;
-using kvx::test::DebugLevel;
-using kvx::test::errorOutputOf;
-using kvx::test::ErrorRecorder;
-using kvx::test::eventually;
-using kvx::test::outputOf;
-using kvx::test::RecordingMgr;
-using kvx::test::Report;
+using namespace kvx::test;
 
 namespace {
-
-using Names = std::vector<std::string>;
 
 // A poll that runs what a test says whenever it is asked, and whenever it is marked.
 struct HookedPoll : CountingPoll {
@@ -41,14 +25,9 @@ struct HookedPoll : CountingPoll {
     std::function<void()> onFree;
 };
 
-// With threads that tick distributions, but none that work: workers stay in the queue.
-struct IdleMgr : CVekTimedWorkMgr {
-    IdleMgr() : CVekTimedWorkMgr(nullptr, 1, 1000, 0, nullptr, FALSE) {}
-};
-
 }  // namespace
 
-TEST(TimedWorkMgr, RefusesAFrequencyBelowOne) {
+TEST(TimedWorkMgr, RefusesAFrequencyBelowOneAndSkipsAPollThatRefuses) {
     RecordingMgr manager;
     CountingPoll never("never", -5);
     const auto refusal = [&] {
@@ -59,6 +38,11 @@ TEST(TimedWorkMgr, RefusesAFrequencyBelowOne) {
     EXPECT_EQ(refusal(), "Warning: Illegal Frequency -5 defined for never poll not strobed\n");
     never.RTWSetFrequency(0);
     EXPECT_EQ(refusal(), "Warning: Illegal Frequency 0 defined for never poll not strobed\n");
+    never.accepts = false;
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(manager.RTWMAddPollWork(&never), 1); }),
+              "m_PollPool->RSPAddWorkDetail never failed\n");
+    EXPECT_FALSE(never.RTWPollIsExecuting());
+    EXPECT_TRUE(manager.queued.empty());
 }
 
 TEST(TimedWorkMgr, MovesAPollAndRedistributesEachChangedFrequencyOnce) {
@@ -151,39 +135,23 @@ TEST(TimedWorkMgr, NeverWaitsForItselfWhenAPollCallsBack) {
                                                    "called under a lock of the manager"}));
 }
 
-TEST(TimedWorkMgr, HoldsNoLockWhileASuspensionLetsGoOfPolls) {
+TEST(TimedWorkMgr, DiscardsWhatWaitsWhenItIsSuspendedAndHoldsNoLockMeanwhile) {
     HookedPoll poll("poll", 1);
-    IdleMgr manager;
+    // Threads that tick distributions, but none that work: workers stay in the queue.
+    CVekTimedWorkMgr manager(nullptr, 1, 1000, 0, nullptr, FALSE);
     int freed = 0;
     poll.onFree = [&] {
         ++freed;
         manager.RTWMResumeTimedWork();
     };
     manager.RTWMAddPollWork(&poll);
-    manager.RTWMSuspendTimedWork();
-    EXPECT_EQ(freed, 1);
-    EXPECT_EQ(manager.m_Suspended, FALSE);
-    poll.onFree = nullptr;
-}
-
-TEST(TimedWorkMgr, SkipsAPollThatRefusesAndSaysSo) {
-    RecordingMgr manager;
-    CountingPoll poll("shy", 1);
-    poll.accepts = false;
-    const DebugLevel level(1);
-    EXPECT_EQ(outputOf([&] { EXPECT_EQ(manager.RTWMAddPollWork(&poll), 1); }),
-              "m_PollPool->RSPAddWorkDetail shy failed\n");
-    EXPECT_FALSE(poll.RTWPollIsExecuting());
-    EXPECT_TRUE(manager.queued.empty());
-}
-
-TEST(TimedWorkMgr, DiscardsWhatWaitsWhenItIsSuspended) {
-    CountingPoll poll("poll", 1);
-    IdleMgr manager;
-    manager.RTWMAddPollWork(&poll);
     EXPECT_TRUE(poll.RTWPollIsExecuting());
     manager.RTWMSuspendTimedWork();
     EXPECT_FALSE(poll.RTWPollIsExecuting());
+    EXPECT_EQ(freed, 1);
+    EXPECT_EQ(manager.m_Suspended, FALSE);
+    poll.onFree = nullptr;
+    manager.RTWMSuspendTimedWork();
 
     const DebugLevel level(1);
     EXPECT_EQ(outputOf([&] { manager.RTWMAddPollWork(&poll); }),

@@ -22,7 +22,7 @@ class Receiver : public RvDataCallback {
         RvMsg message(static_cast<const RvMsg&>(data));
         EXPECT_EQ(m_transport.RTAddMessage(&message), 1);
         if (m_transport.RTDone() != TRUE) return;
-        records = decoded(m_transport);
+        records = recordsOf(m_transport);
         status = m_transport.RTError();
         m_transport.RTPurge();
         m_net->RRNStopLoop();
@@ -114,9 +114,8 @@ TEST(TransportSending, PutsPacketsAtTheEndOfTheQueueThatItIsAskedFor) {
     queue("urgent", true);
     EXPECT_EQ(engine.RESendQueueLength(), 3);
     for (const char* subject : {"urgent", "first", "second"}) {
-        const std::unique_ptr<CVekSendQueueItem> item(engine.RENextSendItem());
-        ASSERT_NE(item, nullptr);
-        EXPECT_STREQ(item->m_subject, subject);
+        EXPECT_STREQ(std::unique_ptr<CVekSendQueueItem>(engine.RENextSendItem())->m_subject,
+                     subject);
     }
 }
 

@@ -61,9 +61,8 @@ TEST(Deflater, MakesTheSameStreamWhateverTheInitialSize) {
     EXPECT_EQ(deflated(text, 1024, 10), stream);
     EXPECT_EQ(deflated(text, 1024, -7), stream);
     EXPECT_NE(deflated(text, 1024, 0), stream);
-}
 
-TEST(Deflater, CompressesWhatStandsInItsOwnBuffer) {
+    // What stands in its own buffer.
     CVekDeflater again(1, 0);
     add(again, std::string(70000, 'x'));
     const auto length = static_cast<std::size_t>(again.RDCompressedLength());
@@ -90,32 +89,24 @@ TEST(Streams, EndOnceWhenTheyWereAssigned) {
     EXPECT_TRUE(errors.take().empty());
 }
 
-TEST(Deflater, GivesItsBufferAwayOnce) {
+TEST(Deflater, GivesItsBufferAwayOnceAndReportsEachMisuseOnce) {
     ErrorRecorder errors;
-    void* taken = nullptr;
     {
         CVekDeflater deflater;
         add(deflater, "abc");
         deflater.RDFinishCompression();
-        taken = deflater.RDTakeCompressedData();
+        std::free(deflater.RDTakeCompressedData());
         EXPECT_EQ(deflater.RDCompressedData(), nullptr);
         EXPECT_EQ(deflater.RDUnCompressedLength(), 3);
         add(deflater, "more");
         deflater.RDFinishCompression();
         EXPECT_EQ(errors.take(), (std::vector{deflaterReport(-220402), deflaterReport(-220402)}));
+
+        CVekDeflater negative(-1);
+        add(negative, "abc");
+        EXPECT_EQ(errors.take(), (std::vector{deflaterReport(-220553), deflaterReport(-220402)}));
     }
     EXPECT_TRUE(errors.take().empty());
-    std::free(taken);
-}
-
-TEST(Deflater, ReportsEachMisuseOnceAndReturns) {
-    ErrorRecorder errors;
-    {
-        CVekDeflater negative(-1);
-        EXPECT_EQ(errors.take(), std::vector{deflaterReport(-220553)});
-        add(negative, "abc");
-        EXPECT_EQ(errors.take(), std::vector{deflaterReport(-220402)});
-    }
     CVekDeflater finished;
     finished.RDAddChunk(nullptr, 5);
     finished.RDAddChunk("abc", -1);
@@ -143,7 +134,7 @@ TEST(Deflater, TracesWhatItSavedAtLevelFour) {
     EXPECT_NE(outputOf([] { const CVekDeflater unused; }).find("nan%)\n"), std::string::npos);
 }
 
-TEST(Inflater, GoesOnWhereTheRoomEnded) {
+TEST(Inflater, GoesOnWhereTheRoomEndedAndReportsAStreamThatIsNone) {
     const std::string text = noise(5000);
     const std::string stream = deflated(text, 1024);
     ErrorRecorder errors;
@@ -156,14 +147,10 @@ TEST(Inflater, GoesOnWhereTheRoomEnded) {
     EXPECT_EQ(inflater.RIIsDone(), TRUE);
     EXPECT_EQ(out, text);
     EXPECT_TRUE(errors.take().empty());
-}
 
-TEST(Inflater, ReportsAStreamThatIsNone) {
-    ErrorRecorder errors;
-    char out[16];
-    CVekInflater inflater("no zlib stream", 14);
-    inflater.RIInflateChunk(out, sizeof out);
-    EXPECT_EQ(inflater.RIIsDone(), FALSE);
+    CVekInflater none("no zlib stream", 14);
+    none.RIInflateChunk(out.data(), 16);
+    EXPECT_EQ(none.RIIsDone(), FALSE);
     EXPECT_EQ(errors.take(),
               std::vector(1, Report{-220440, "CVekInflater", 0, "incorrect header check"}));
 }
