@@ -45,7 +45,7 @@ std::string errorAtLine(int line) {
     return "Calvorine.rvd.cfg Parser error: parse error line : " + std::to_string(line) + "\n";
 }
 
-TEST(RvdCfgParser, ReadsEveryKeyInEitherKindOfQuotes) {
+TEST(RvdCfgParser, ReadsEveryKeyInEitherKindOfQuotesAndWarnsOfOthers) {
     const Parsed parsed = parse(
         "-- daemon settings\n"
         "rendezvous session = { \"service\" = \"7500\", 'network' = ';239.1.1.1',\n"
@@ -62,6 +62,11 @@ TEST(RvdCfgParser, ReadsEveryKeyInEitherKindOfQuotes) {
         EXPECT_EQ(parse(text).service + parse(text).errors, "(none)") << text;
     }
     EXPECT_EQ(parse("rendezvoussession={'service'='1'};").service, "1");
+    const Parsed unknown =
+        parse("rendezvous session = { 'bogus' = 'x', 'Service' = '1', 'service' = '2' };");
+    EXPECT_EQ(unknown.result, 1);
+    EXPECT_EQ(unknown.warnings, "bogus not a valid service\nService not a valid service\n");
+    EXPECT_EQ(unknown.service, "2");
 }
 
 TEST(RvdCfgParser, AppliesBlocksForThisHostInFileOrder) {
@@ -74,14 +79,6 @@ TEST(RvdCfgParser, AppliesBlocksForThisHostInFileOrder) {
     EXPECT_EQ(parse(serviceBlock("1") + blockFor("localhost", "3")).service, "3");
     EXPECT_EQ(parse(serviceBlock("1") + blockFor("LocalHost", "4")).service, "1");
     EXPECT_EQ(parse(serviceBlock("1") + blockFor(here + "-not", "5")).service, "1");
-}
-
-TEST(RvdCfgParser, WarnsOfAnUnknownKeyAndGoesOn) {
-    const Parsed parsed =
-        parse("rendezvous session = { 'bogus' = 'x', 'Service' = '1', 'service' = '2' };");
-    EXPECT_EQ(parsed.result, 1);
-    EXPECT_EQ(parsed.warnings, "bogus not a valid service\nService not a valid service\n");
-    EXPECT_EQ(parsed.service, "2");
 }
 
 TEST(RvdCfgParser, KeepsAQuoteBehindABackslashAsItStands) {
@@ -117,11 +114,13 @@ TEST(RvdCfgParser, ReportsAnErrorWithItsLineAndDropsOnlyItsBlock) {
         EXPECT_EQ(parsed.errors, errorAtLine(one.line)) << one.text;
         EXPECT_EQ(parsed.service, one.service) << one.text;
     }
-}
-
-TEST(RvdCfgParser, ReportsAFurtherErrorOnlyAfterThreeGoodTokens) {
+    // A further error only after three good tokens.
     EXPECT_EQ(parse("x y z\n rendezvous x\n rendezvous session x").errors, errorAtLine(1));
     EXPECT_EQ(parse("x\n rendezvous session = x").errors, errorAtLine(1) + errorAtLine(2));
+    // In a time in proportion to the length of the line.
+    const Parsed signs = parse(serviceBlock("1") + std::string(4 << 20, '#'));
+    EXPECT_EQ(signs.service, "1");
+    EXPECT_EQ(signs.errors, errorAtLine(2));
 }
 
 TEST(RvdCfgParser, EndsQuietlyAtAByteAbove127AndLeavesTheRestToTheNextParse) {
@@ -135,30 +134,19 @@ TEST(RvdCfgParser, EndsQuietlyAtAByteAbove127AndLeavesTheRestToTheNextParse) {
     EXPECT_EQ(second.service, "2");
     EXPECT_EQ(second.errors, errorAtLine(3));
     EXPECT_EQ(parse(serviceBlock("3")).network, "(none)");
-}
 
-TEST(RvdCfgParser, LeavesNoMoreThanTheScannerHadRead) {
-    const std::string unread(3 * 8192, ' ');
-    parse("\xFF# left over" + unread + serviceBlock("lost"));
+    const std::string beyondTheScanner(3 * 8192, ' ');
+    parse("\xFF# left over" + beyondTheScanner + serviceBlock("lost"));
     const Parsed next = parse("\n" + serviceBlock("2"));
     EXPECT_EQ(next.service, "2");
     EXPECT_EQ(next.errors, "");
-}
-
-TEST(RvdCfgParser, ReadsItsOwnTextAlsoAfterARestThatReachedTheEnd) {
     parse("'open \xFF");
     EXPECT_EQ(parse(serviceBlock("1")).service, "1");
     parse("# open \xFF");
     EXPECT_EQ(parse("#\n" + serviceBlock("2")).service, "2");
 }
 
-TEST(RvdCfgParser, TakesTimeInProportionToALastLineOfCommentSigns) {
-    const Parsed parsed = parse(serviceBlock("1") + std::string(4 << 20, '#'));
-    EXPECT_EQ(parsed.service, "1");
-    EXPECT_EQ(parsed.errors, errorAtLine(2));
-}
-
-TEST(RvdCfgParser, RefusesWhatItCannotRead) {
+TEST(RvdCfgParser, ReadsAFileUpToItsFirstNulAndRefusesWhatItCannotRead) {
     CVekRvdCfgParser parser;
     EXPECT_EQ(parser.RRCPParseRvdCfg(), -220552);
     EXPECT_EQ(parser.RRCPParseFromFilename(nullptr), -220552);
@@ -175,13 +163,8 @@ TEST(RvdCfgParser, RefusesWhatItCannotRead) {
     EXPECT_STREQ(parser.RRCPGetParseBuffer(), text.c_str());
     parser.RRCPSetParseBuffer(nullptr);
     EXPECT_EQ(parser.RRCPGetParseBuffer(), nullptr);
-}
-
-TEST(RvdCfgParser, ReadsAFileUpToItsFirstNul) {
-    const TemporaryDirectory directory;
     std::string path = directory.file("rvd.cfg");
     std::ofstream(path) << serviceBlock("1") << '\0' << serviceBlock("2");
-    CVekRvdCfgParser parser;
     EXPECT_EQ(parser.RRCPParseFromFilename(path.data()), 1);
     EXPECT_EQ(textOf(parser.RRCPGetService()), "1");
 }

@@ -51,11 +51,8 @@ class Host : public CVekRvNet, public RvTimerCallback {
 
     void RRNPostInitFns() override {
         if (m_where == "starting") return;
-        if (m_where == "leave") {
-            m_handler.manage(this, [this] { RRNStopLoop(); });
-        } else {
-            m_handler.manage(this);
-        }
+        m_where == "leave" ? m_handler.manage(this, [this] { RRNStopLoop(); })
+                           : m_handler.manage(this);
         if (m_where == "again") m_handler.manage(this);
         if (m_where == "shutdown") m_handler.shutdown(0);
         if (m_where == "stop" || m_where == "destroy") {

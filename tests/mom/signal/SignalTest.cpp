@@ -1,18 +1,11 @@
 // Real signals to a real hosting process, and what its handler does without one.
 
-#include <gtest/gtest.h>
-
 #include <sys/prctl.h>
 
-#include <chrono>
 #include <climits>
 #include <csignal>
 #include <fstream>
-#include <functional>
-#include <memory>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "mom/net/CVekNet.h"
 #include "mom/signal/CMOMCallback.h"
@@ -25,12 +18,7 @@
 #include "tests/support/Nets.h"
 #include "tests/support/ProcessUsage.h"
 
-using kvx::test::ChildProcess;
-using kvx::test::Daemon;
-using kvx::test::DebugLevel;
-using kvx::test::eventually;
-using kvx::test::Home;
-using kvx::test::outputOf;
+using namespace kvx::test;
 
 namespace {
 
@@ -38,17 +26,9 @@ std::string levelLine(int level) {
     return "Received SIGUSR2: Switched to debug level " + std::to_string(level);
 }
 
-struct CountingCallback : CCallbackBase {
-    void operator()() override { ++calls; }
-    int calls = 0;
-};
-
-struct OnSignalTurn : CountingCallback {
+struct OnSignalTurn : CCallbackBase {
     explicit OnSignalTurn(std::function<void()> function) : call(std::move(function)) {}
-    void operator()() override {
-        CountingCallback::operator()();
-        call();
-    }
+    void operator()() override { call(); }
     std::function<void()> call;
 };
 
@@ -60,21 +40,20 @@ TEST(Signals, TakeEffectWhateverTheProcessIsDoing) {
     prctl(PR_SET_CHILD_SUBREAPER, 1);  // what it may leave behind becomes ours
     Daemon daemon;
     const Home home(daemon.text());
-    const auto connections = kvx::test::openDescriptors(daemon.pid());
+    const auto connections = openDescriptors(daemon.pid());
     const auto files = home.files();
     struct Run {
         std::string where;
         int signal;
         std::unique_ptr<ChildProcess> host;
     };
-    const kvx::test::TemporaryDirectory directory;
+    const TemporaryDirectory directory;
     const std::string goOn = directory.file("go on");
     std::vector<Run> runs;
     for (const char* where : {"starting", "loop", "callback", "poll"}) {
         for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGHUP, SIGUSR2}) {
-            runs.push_back({where, signal,
-                            std::make_unique<ChildProcess>(
-                                KVX_SIGNAL_HOST, std::vector<std::string>{where, "0", goOn})});
+            const std::vector<std::string> words = {where, "0", goOn};
+            runs.push_back({where, signal, std::make_unique<ChildProcess>(KVX_SIGNAL_HOST, words)});
         }
     }
     for (const Run& run : runs) {
@@ -95,8 +74,7 @@ TEST(Signals, TakeEffectWhateverTheProcessIsDoing) {
         EXPECT_EQ(run.host->output(), said);
         EXPECT_EQ(run.host->errors(), "");
     }
-    EXPECT_TRUE(
-        eventually([&] { return kvx::test::openDescriptors(daemon.pid()) == connections; }));
+    EXPECT_TRUE(eventually([&] { return openDescriptors(daemon.pid()) == connections; }));
     EXPECT_EQ(home.files(), files);
     daemon.kill();
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a process without a parent";
@@ -112,8 +90,8 @@ TEST(Signals, TakeEffectWhenTheDaemonHasGoneOrGoesWithThem) {
         ASSERT_EQ(host.awaitOutput("ready"), "ready");
         host.kill(SIGUSR2);  // once it is served, the loop runs
         EXPECT_EQ(host.awaitOutput(levelLine(1)), levelLine(1));
-        const auto connected = kvx::test::openDescriptors(host.pid());
-        const auto isAlone = [&] { return kvx::test::openDescriptors(host.pid()) < connected; };
+        const auto connected = openDescriptors(host.pid());
+        const auto isAlone = [&] { return openDescriptors(host.pid()) < connected; };
         const auto begin = std::chrono::steady_clock::now();
         if (!daemonGoesFirst) host.kill(SIGTERM);
         daemon.kill();
@@ -126,18 +104,14 @@ TEST(Signals, TakeEffectWhenTheDaemonHasGoneOrGoesWithThem) {
     }
 }
 
-TEST(Signals, StepTheDebugLevelRound) {
+TEST(Signals, StepTheDebugLevelRoundAndAreTheHandlersUntilItStopsOrDies) {
     const Home home("-");
-    ChildProcess host(KVX_SIGNAL_HOST, {"run"});
-    ASSERT_EQ(host.awaitOutput("ready"), "ready");
+    ChildProcess stepped(KVX_SIGNAL_HOST, {"run"});
+    ASSERT_EQ(stepped.awaitOutput("ready"), "ready");
     for (const int level : {1, 2, 3, 4, 0}) {
-        host.kill(SIGUSR2);
-        ASSERT_EQ(host.awaitOutput(levelLine(level)), levelLine(level));
+        stepped.kill(SIGUSR2);
+        ASSERT_EQ(stepped.awaitOutput(levelLine(level)), levelLine(level));
     }
-}
-
-TEST(Signals, AreTheHandlersUntilItStopsOrDies) {
-    const Home home("-");
     struct Case {
         const char* what;
         std::vector<std::string> arguments;
@@ -166,24 +140,24 @@ TEST(Signals, AreTheHandlersUntilItStopsOrDies) {
     }
 }
 
-TEST(SignalHandler, DropsCallbacksWhileItManagesNothing) {
-    CMOMSignalHandler handler;
-    CountingCallback callback;
-    handler.manage(nullptr);
-    EXPECT_TRUE(handler.runHandler(&callback));
-    handler.stop();
-    EXPECT_EQ(callback.calls, 0);
-}
-
-TEST(SignalHandler, RefusesANetThatIsNotOfTheBus) {
-    kvx::test::ErrorRecorder errors;
-    CVekNet net;
-    CMOMSignalHandler handler;
-    handler.manage(&net);
-    EXPECT_EQ(errors.take(), (std::vector{kvx::test::Report{-220552, "CMOMSignalHandler", 0, ""}}));
-}
-
-TEST(SignalHandler, StartsRoundAgainFromAnyLevelPastTheHighest) {
+// The leak checker sees whether what waits for the turn goes with the net.
+TEST(SignalHandler, DropsCallbacksWhileItManagesNothingAndThoseWhoseTurnNeverComes) {
+    const Home home("-");
+    OnSignalTurn callback([] { ADD_FAILURE() << "its turn came"; });
+    {
+        TestNet net;
+        for (CVekNet* const managed :
+             {static_cast<CVekNet*>(nullptr), static_cast<CVekNet*>(&net)}) {
+            CMOMSignalHandler handler;
+            handler.manage(managed);
+            EXPECT_TRUE(handler.runHandler(&callback));
+            handler.stop();
+        }
+    }
+    ErrorRecorder errors;
+    CVekNet notOfTheBus;
+    CMOMSignalHandler().manage(&notOfTheBus);
+    EXPECT_EQ(errors.take(), (Reports{{-220552, "CMOMSignalHandler", 0, ""}}));
     for (const int present : {4, 5, INT_MAX}) {
         const DebugLevel level(present);
         EXPECT_EQ(outputOf([] { CMOMSignalHandler().raiseDebugLevel(36); }), levelLine(0) + "\n");
@@ -194,9 +168,9 @@ TEST(SignalHandler, StartsRoundAgainFromAnyLevelPastTheHighest) {
 TEST(SignalHandler, ForgetsTheNextSignalOfAPollWhenTheFirstStopsOrDestroysIt) {
     const Home home("-");
     for (const bool destroys : {false, true}) {
-        kvx::test::TestNet net;
+        TestNet net;
         auto handler = std::make_unique<CMOMSignalHandler>();
-        auto* const next = new OnSignalTurn([] {});
+        auto* const next = new OnSignalTurn([] { ADD_FAILURE() << "it was to be forgotten"; });
         int stops = 0;
         auto* const first = new OnSignalTurn([&] {
             ++stops;
@@ -208,22 +182,7 @@ TEST(SignalHandler, ForgetsTheNextSignalOfAPollWhenTheFirstStopsOrDestroysIt) {
             CSignalHandler::Instance().add(35, next);
             for (const int signal : {2, 35, 36}) CSignalHandler::Instance().handleSignal(signal);
         };
-        EXPECT_TRUE(kvx::test::runUntil(net, [&] { return stops == 1; }));
-        EXPECT_EQ(next->calls, 0);
+        EXPECT_TRUE(runUntil(net, [&] { return stops == 1; }));
         EXPECT_EQ(__ZembraLix_Debug_Level, 0);
     }
-}
-
-// The leak checker sees whether what waits for the turn goes with the net.
-TEST(SignalHandler, DropsASignalWhoseTurnNeverComes) {
-    const Home home("-");
-    CountingCallback callback;
-    {
-        kvx::test::TestNet net;
-        CMOMSignalHandler handler;
-        handler.manage(&net);
-        EXPECT_TRUE(handler.runHandler(&callback));
-        handler.stop();
-    }
-    EXPECT_EQ(callback.calls, 0);
 }
