@@ -1,7 +1,5 @@
 // The program as its user meets it: what it logs, how it ends, what it does without a daemon.
 
-#include <gtest/gtest.h>
-
 #include "tests/system/Installation.h"
 
 namespace kvx::test {

@@ -1,7 +1,5 @@
 #include "examples/modeld/polls/FileWatch.h"
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <fstream>
 
@@ -36,11 +34,12 @@ TEST_F(FileWatchTest, SeesAChangeOnceItRestsAndUntilItIsKnown) {
 
 TEST_F(FileWatchTest, SeesAFileOfTheSameSizeInAnothersPlace) {
     write("a", "1");
-    FileWatch watch({directory_.file("a")});
     write("new", "2");
-    std::filesystem::last_write_time(directory_.file("new"),
-                                     std::filesystem::last_write_time(directory_.file("a")));
-    std::filesystem::rename(directory_.file("new"), directory_.file("a"));
+    const std::string path = directory_.file("a");
+    const std::string next = directory_.file("new");
+    FileWatch watch({path});
+    std::filesystem::last_write_time(next, std::filesystem::last_write_time(path));
+    std::filesystem::rename(next, path);
     EXPECT_FALSE(watch.look());
     EXPECT_TRUE(watch.look());
 }

@@ -1,7 +1,5 @@
 #include "examples/modeld/service/DaemonLink.h"
 
-#include <gtest/gtest.h>
-
 #include "tests/support/Daemon.h"
 #include "tests/support/Home.h"
 

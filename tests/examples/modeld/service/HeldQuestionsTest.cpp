@@ -1,7 +1,5 @@
 #include "examples/modeld/service/HeldQuestions.h"
 
-#include <gtest/gtest.h>
-
 namespace modeld {
 namespace {
 
@@ -27,7 +25,7 @@ class HeldQuestionsTest : public ::testing::Test {
     HeldQuestions held_;
 };
 
-TEST_F(HeldQuestionsTest, AreGivenUpOnceWhileTheyAreYoung) {
+TEST_F(HeldQuestionsTest, AreGivenUpOnceWhileTheyAreYoungAndTakeLimitedRoom) {
     hold("A", 0);
     hold("B", 1000);
     hold("C", 2000);
@@ -38,16 +36,13 @@ TEST_F(HeldQuestionsTest, AreGivenUpOnceWhileTheyAreYoung) {
     hold("D", 7000);
     hold("E", 8000);
     EXPECT_EQ(take(13001), "E;");
-}
-
-TEST_F(HeldQuestionsTest, TakeNoMoreRoomThanTheirLimits) {
-    for (int i = 0; i < 1500; ++i) hold(std::to_string(i), 0);
+    for (int i = 0; i < 1500; ++i) hold(std::to_string(i), 20000);
     EXPECT_EQ(held_.size(), HeldQuestions::kMost);
-    hold("late", 6001);
+    hold("late", 26001);
     EXPECT_EQ(held_.size(), 1U) << "what is too old goes without being asked for";
 }
 
-TEST(BegunNotice, NamesTheInboxAndNothingElseDoes) {
+TEST(BegunNotice, NamesTheInboxForAnswersOfMoreThanOnePacket) {
     RvMsg notice;
     notice.append("inbox", "_INBOX.A.1");
     EXPECT_EQ(readBegun(notice), "_INBOX.A.1");
@@ -55,9 +50,7 @@ TEST(BegunNotice, NamesTheInboxAndNothingElseDoes) {
     other.append("outbox", "X");
     EXPECT_EQ(readBegun(other), "");
     EXPECT_EQ(readBegun(RvDatum(RVMSG_STRING, 1, "X")), "");
-}
 
-TEST(BegunNotice, IsForAnswersOfMoreThanOnePacket) {
     EXPECT_FALSE(isLongAnswer(VEK_TRANS_V0, 1));
     EXPECT_TRUE(isLongAnswer(VEK_TRANS_V0, 2));
     EXPECT_FALSE(isLongAnswer(VEK_TRANS_V1, 100));
