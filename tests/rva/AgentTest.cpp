@@ -1,6 +1,5 @@
 // The agent as a process of its own, against a real daemon and a real engine.
 
-#include <gtest/gtest.h>
 #include <httplib.h>
 
 #include "mom/mom.h"

@@ -2,11 +2,7 @@
 
 #include "rva/HttpServer.h"
 
-#include <gtest/gtest.h>
 #include <httplib.h>
-
-#include <chrono>
-#include <vector>
 
 #include "platform/Socket.h"
 #include "rva/HttpPages.h"

@@ -1,18 +1,13 @@
 #include "rva/Metrics.h"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 
 #include <fstream>
-#include <iterator>
+
+#include "tests/support/TemporaryDirectory.h"
 
 namespace kvx::rva {
 namespace {
-
-std::string operationsPage() {
-    std::ifstream in(KVX_SOURCE_DIR "/docs/operations.md");
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 TEST(Metrics, AreShownInOpenMetricsForm) {
     Sample sample;
@@ -33,7 +28,7 @@ TEST(Metrics, AreShownInOpenMetricsForm) {
 }
 
 TEST(Metrics, StandInOneTableWithTheDocumentation) {
-    const std::string page = operationsPage();
+    const std::string page = test::contentOf(KVX_SOURCE_DIR "/docs/operations.md");
     for (const Metric& metric : metrics()) {
         const std::string name = metric.name;
         if (*metric.unit != '\0') {

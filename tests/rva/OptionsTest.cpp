@@ -1,9 +1,5 @@
 #include "rva/Options.h"
 
-#include <gtest/gtest.h>
-
-#include <vector>
-
 namespace kvx::rva {
 namespace {
 
