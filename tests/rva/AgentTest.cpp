@@ -27,10 +27,8 @@ class AgentTest : public ::testing::Test {
     }
 
     // Starts the agent on a free port; the port, once it serves.
-    int start(Words more = {}) {
-        Words words = {"-foreground", "-flavor", "53", "-listen", "0"};
-        words.insert(words.end(), more.begin(), more.end());
-        agent_ = bus_.start("rva", words);
+    int start() {
+        agent_ = bus_.start("rva", {"-foreground", "-flavor", "53", "-listen", "0"});
         const std::string ready = agent_->awaitOutput("ready");
         EXPECT_NE(ready, "") << agent_->errors();
         return ready.empty() ? 0 : std::stoi(ready.substr(ready.rfind(':') + 1));
@@ -57,12 +55,11 @@ TEST_F(AgentTest, IsStartedAndStoppedByAService) {
     ASSERT_TRUE(runUntil(
         engine, [&] { return get(port, "/services.json").body.find("Model") != std::string::npos; },
         &CVekEngine::REDoIt));
-    EXPECT_NE(
-        get(port, "/services.json")
-            .body.find(R"({"service":"Model","domain":"NET1","host":")" +
-                       std::string(env.RELocalHost()) + R"(","pid":)" +
-                       std::to_string(CVekProcess::Instance().GetPID()) + R"(,"role":"backup")"),
-        std::string::npos);
+    const std::string services = get(port, "/services.json").body;
+    EXPECT_NE(services.find(R"({"service":"Model","domain":"NET1","host":")" +
+                            std::string(env.RELocalHost()) + R"(","pid":)" +
+                            std::to_string(getpid()) + R"(,"role":"backup")"),
+              std::string::npos);
     const auto metrics = get(port, "/metrics");
     EXPECT_NE(metrics.body.find("\nrva_heard_beats_total 1\n"), std::string::npos);
     EXPECT_NE(metrics.body.find("\nrva_known_services 1\n"), std::string::npos);

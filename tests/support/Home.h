@@ -33,8 +33,6 @@ class Home {
     long files() const {
         return std::distance(std::filesystem::recursive_directory_iterator(path()), {});
     }
-    /// What a child process needs in its environment to have the same home.
-    std::string variable() const { return "KVX_HOME=" + path(); }
 
   private:
     TemporaryDirectory directory_;

@@ -49,6 +49,19 @@ inline ByteVector dataMessage(const std::string& subject, const std::string& tex
         wire::buildData(encodedSubject(subject), reply, 0, {RVMSG_STRING, size, text.c_str()}));
 }
 
+/// A socket connected to `port` of the loopback; throws when nobody listens there.
+/// `receiveBuffer`: bytes asked of the kernel, 0 for its own choice.
+inline platform::Socket connectedTo(std::uint16_t port, int receiveBuffer = 0) {
+    int error = 0;
+    platform::Socket socket = platform::createTcpSocket(error);
+    platform::setNoDelay(socket.get(), true);
+    if (receiveBuffer > 0) platform::setBufferSizes(socket.get(), receiveBuffer, receiveBuffer);
+    if (platform::connectSocket(socket.get(), {platform::kLoopbackAddress, port}) != 0) {
+        throw std::runtime_error("cannot connect");
+    }
+    return socket;
+}
+
 /// One end of a link, driven step by step by a test. Reads block without limit.
 class LinkEnd {
   public:
@@ -93,10 +106,11 @@ class LinkEnd {
     /// Takes messages until the other end closes; what they were.
     std::vector<ByteVector> readToTheEnd() {
         std::vector<ByteVector> messages;
-        for (ByteVector message = readMessage(); message.size() > kHeaderBytes;
-             message = readMessage())
+        while (true) {
+            ByteVector message = readMessage();
+            if (message.size() <= kHeaderBytes) return messages;
             messages.push_back(std::move(message));
-        return messages;
+        }
     }
 
     void greet(std::uint32_t version, std::uint32_t first = 0, std::uint32_t last = 0) {

@@ -23,7 +23,6 @@ class TestNet : public CVekRvNet {
     std::function<void()> hook;
 
     using CVekRvNet::RRNCheckThreadId;
-    using CVekRvNet::RRNReturnCheckThreadId;
 };
 
 /// Turns `net`'s main loop until `done` holds; asks it at every tick of 10 ms, and gives up after a

@@ -35,10 +35,9 @@ inline Received readData(wire::Bytes message) {
 /// socket. What cannot come any more throws `std::runtime_error`.
 class RawClient : public LinkEnd {
   public:
-    /// Connects and does nothing more. `receiveBuffer`: bytes asked of the kernel, 0 for its own
-    /// choice.
+    /// Connects and does nothing more.
     explicit RawClient(std::uint16_t port, int receiveBuffer = 0)
-        : LinkEnd(connected(port, receiveBuffer)) {}
+        : LinkEnd(connectedTo(port, receiveBuffer)) {}
 
     /// Connected, negotiated in that version, announced in that space.
     static RawClient session(std::uint16_t port, const char* service = "", const char* network = "",
@@ -115,16 +114,6 @@ class RawClient : public LinkEnd {
     }
 
   private:
-    static platform::Socket connected(std::uint16_t port, int receiveBuffer) {
-        int error = 0;
-        platform::Socket socket = platform::createTcpSocket(error);
-        platform::setNoDelay(socket.get(), true);
-        if (receiveBuffer > 0) platform::setBufferSizes(socket.get(), receiveBuffer, receiveBuffer);
-        if (platform::connectSocket(socket.get(), {platform::kLoopbackAddress, port}) != 0) {
-            throw std::runtime_error("cannot connect");
-        }
-        return socket;
-    }
     static bool isBlock(const ByteVector& bytes, const auto& block) {
         return std::equal(bytes.begin(), bytes.end(), block.begin(), block.end());
     }

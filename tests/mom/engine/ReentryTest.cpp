@@ -16,13 +16,11 @@ using namespace kvx::test;
 
 namespace {
 
-constexpr unsigned kDeadline = 20;  // seconds
-
 // Runs `body` in a process that a deadlock does not outlive.
 void expectToEnd(const std::function<void()>& body) {
     EXPECT_EXIT(
         {
-            alarm(kDeadline);
+            alarm(20);  // seconds
             body();
             std::_Exit(testing::Test::HasFailure() ? 1 : 0);
         },
@@ -167,6 +165,8 @@ TEST_F(Reentry, NoInboxSenderDiesInItsOwnSend) {
     EXPECT_EQ(on.engine->RRNSendOnSubject(subject, datum), mine);
     EXPECT_TRUE(on.hasActed());
     ASSERT_NE(on.engine->m_senders->RTLGet(subject), nullptr);
+    EXPECT_NE(on.engine->m_senders->RTLGet("A.NET"), nullptr) << "no inbox";
+    EXPECT_NE(on.engine->m_senders->RTLGet("_INBOX.A.4199"), nullptr);
     EXPECT_LE(on.engine->m_senders->RTLLength(), 4098);
 }
 
@@ -257,8 +257,8 @@ TEST_F(Reentry, AReplyListenerWhoseCallbackIsGoneIsRemovedByLaterRequests) {
     int kept = 0;
     const std::unique_ptr<CVekDoubleList> all(engine->m_listeners->RTLIterator());
     for (CVekListable* one = all->RDLHead(); one != nullptr; one = all->RDLGetNext(one)) {
-        const auto* const entry = static_cast<CVekPointer*>(one);
-        if (static_cast<RvListener*>(entry->RPData())->callback() == &alive) ++kept;
+        const auto* const listener = static_cast<CVekPointer*>(one)->RPData();
+        kept += static_cast<const RvListener*>(listener)->callback() == &alive ? 1 : 0;
     }
     EXPECT_EQ(kept, 1);
 }

@@ -35,14 +35,11 @@ class Log {
     std::multiset<std::string> m_ran;
 };
 
-class LoggedPoll : public CountingPoll {
-  public:
-    LoggedPoll(Log& log, const std::string& name, int frequency)
-        : CountingPoll(name, frequency), m_log(log) {}
-    void RTWDoPoll() override { m_log.add(name()); }
-
-  private:
-    Log& m_log;
+struct LoggedPoll : CountingPoll {
+    LoggedPoll(Log& to, const std::string& name, int frequency)
+        : CountingPoll(name, frequency), log(to) {}
+    void RTWDoPoll() override { log.add(name()); }
+    Log& log;
 };
 
 constexpr int kTicks = 1440;  // a day of minutes
@@ -136,7 +133,6 @@ class Day {
         EXPECT_EQ(m_manager.RTWMDeletePoll(poll), 1);
         forget(poll, group);
     }
-
     void replacePoll(LoggedPoll* poll, Group& group) {
         LoggedPoll* const twin = newPoll(poll->name(), poll->RTWFrequency());
         EXPECT_EQ(m_manager.RTWMChangePoll(poll, twin), 1);
@@ -231,15 +227,13 @@ TEST(SimulatedDay, IsTheSameForPollsThatAreLeftAloneWhileOthersChange) {
                 }
             });
         }
-        const auto ran = [&](int ticks) {
-            return std::ranges::all_of(steady, [&](const auto& poll) {
-                return poll->runs == ticks / poll->RTWFrequency();
-            });
-        };
         for (int tick = 1; tick <= kPeriods * kRest; ++tick) {
             manager.onTimer(nullptr);
             if (tick % kRest != 0) continue;
-            EXPECT_TRUE(eventually([&] { return ran(tick); })) << tick;
+            const auto isDue = [&](const auto& poll) {
+                return poll->runs == tick / poll->RTWFrequency();
+            };
+            EXPECT_TRUE(eventually([&] { return std::ranges::all_of(steady, isDue); })) << tick;
         }
         isOver = true;
         for (std::thread& changer : changers) changer.join();
