@@ -4,9 +4,8 @@
 #include <map>
 #include <sstream>
 
-#include "mom/transport/CVekTransport.h"
-#include "tests/support/Atoms.h"
 #include "tests/support/LinkEnd.h"
+#include "tests/support/Packets.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kvx::test {
@@ -52,15 +51,12 @@ Bytes asBytes(const Range& range) {
     return Bytes(range.begin(), range.end());
 }
 
-TEST(WireProtocolPage, ShowsMessagesAsTheyAreEncoded) {
+TEST(WireProtocolPage, ShowsMessagesAndTheLinkAsTheyAreEncoded) {
     RvMsg message;
     message.append("x", "ab");
     message.append("n", 5L);
     EXPECT_EQ(documented("message"), bytesOf(message));
     EXPECT_EQ(documented("keepalive"), bytesOf(RvMsg()));
-}
-
-TEST(WireProtocolPage, ShowsTheLinkAsItIsNegotiated) {
     EXPECT_EQ(documented("greeting"), asBytes(wire::encode(wire::Greeting{0, 4, 0})));
     EXPECT_EQ(documented("answer"), asBytes(wire::encode(wire::Greeting{0, 4, 1})));
     wire::ParameterBlock block;
@@ -71,7 +67,7 @@ TEST(WireProtocolPage, ShowsTheLinkAsItIsNegotiated) {
     EXPECT_EQ(documented("proposal"), asBytes(wire::encode(block)));
 }
 
-TEST(WireProtocolPage, ShowsTheSessionsMessages) {
+TEST(WireProtocolPage, ShowsTheSessionsMessagesAndAPacketAsATransportCutsIt) {
     const Bytes pattern = encodedSubject("NEWS.>");
     EXPECT_EQ(documented("listen"), bytesOf(wire::buildListen(pattern, nullptr, 53)));
     RvMsg payload;
@@ -79,15 +75,11 @@ TEST(WireProtocolPage, ShowsTheSessionsMessages) {
     const Bytes news = encodedSubject("NEWS.UK");
     const auto data = wire::buildData(news, nullptr, 53, {RVMSG_MSG, 0, payload.data()});
     EXPECT_EQ(documented("data"), bytesOf(data));
-}
-
-TEST(WireProtocolPage, ShowsAPacketAsATransportCutsIt) {
     CVekTransport transport(nullptr);
     CVekAtom* atom = bytesAtom("ABC");
     transport.RTTakeROMP(&atom);
     transport.RTCreatePackets(VEK_TRANS_V0, true);
-    const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
-    EXPECT_EQ(documented("packet"), asBytes(bytesOf(*packets->RAVGetValue(0))));
+    EXPECT_EQ(documented("packet"), asBytes(packetsOf(transport).at(0)));
 }
 
 TEST(ProgramsInThePages, AreThoseThatAreCompiled) {

@@ -115,17 +115,6 @@ class Asking : public RvDataCallback {
     const bool* m_isResting = nullptr;
 };
 
-// Publishes an update from a work thread.
-struct Poll : CountingPoll {
-    Poll(CVekEngine& to, int number)
-        : CountingPoll(std::to_string(number), 1 + number % 5), engine(to) {}
-    void RTWDoPoll() override {
-        CountingPoll::RTWDoPoll();
-        sendRows(engine, kUpdates, 1, VEK_TRANS_V0);
-    }
-    CVekEngine& engine;
-};
-
 std::atomic<long long> updatesSeen = 0;
 
 void applyUpdate(void* item, void*) {
@@ -161,7 +150,8 @@ class Soak : public testing::Test {
         EXPECT_EQ(engine.RRNAddService(kUpdates, &snoop), 1);
         updates.RSPLaunchThreads(&applyUpdate);
         for (int i = 0; i < 10; ++i) {
-            polls.push_back(std::make_unique<Poll>(engine, i));
+            polls.push_back(std::make_unique<CountingPoll>(std::to_string(i), 1 + i % 5));
+            polls.back()->onRun = [this] { sendRows(engine, kUpdates, 1, VEK_TRANS_V0); };
             timedWork.RTWMAddPoll(polls.back().get());
         }
         timedWork.RTWMDistributePolls();
@@ -298,7 +288,7 @@ class Soak : public testing::Test {
         }};
     CVekSnoop snoop{&updates};
     std::vector<std::unique_ptr<Asking>> asking;
-    std::vector<std::unique_ptr<Poll>> polls;
+    std::vector<std::unique_ptr<CountingPoll>> polls;
     CVekTimedWorkMgr timedWork{&engine, 2, 10, 4, nullptr, FALSE};
     OnTimer bystander{[this](RvTimer* timer) {
         ++timersFired;

@@ -11,7 +11,8 @@ namespace kvx::test {
 
 using Names = std::vector<std::string>;
 
-/// A poll that counts its executions.
+/// A poll that counts its executions and runs what a test says when it executes, when it is asked
+/// whether it may be queued, and when it is marked as no longer executing.
 class CountingPoll : public CVekTimedWork {
   public:
     CountingPoll(const std::string& name, int frequency) {
@@ -19,13 +20,24 @@ class CountingPoll : public CVekTimedWork {
         RTWSetFrequency(frequency);
     }
 
-    void RTWDoPoll() override { ++runs; }
-    __boolean RTWAddToPool() override { return accepts ? TRUE : FALSE; }
+    void RTWDoPoll() override {
+        ++runs;
+        if (onRun) onRun();
+    }
+    __boolean RTWAddToPool() override {
+        if (onAsked) onAsked();
+        return accepts ? TRUE : FALSE;
+    }
+    void RTWSetPollIsExecuting(bool executing) override {
+        CVekTimedWork::RTWSetPollIsExecuting(executing);
+        if (!executing && onFree) onFree();
+    }
 
     std::string name() { return RTWName()->RAString(); }
 
     std::atomic<int> runs = 0;
     std::atomic<bool> accepts = true;
+    std::function<void()> onRun, onAsked, onFree;
 };
 
 /// A manager without threads: what would be queued is written down, by name, and dropped. Ticks of

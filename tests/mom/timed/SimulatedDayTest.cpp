@@ -35,13 +35,6 @@ class Log {
     std::multiset<std::string> m_ran;
 };
 
-struct LoggedPoll : CountingPoll {
-    LoggedPoll(Log& to, const std::string& name, int frequency)
-        : CountingPoll(name, frequency), log(to) {}
-    void RTWDoPoll() override { log.add(name()); }
-    Log& log;
-};
-
 constexpr int kTicks = 1440;  // a day of minutes
 constexpr int kFrequencies[] = {2, 3, 5, 7, 15, 60};
 
@@ -53,8 +46,7 @@ class Day {
   public:
     explicit Day(unsigned seed) : m_random(seed) {
         for (const int frequency : kFrequencies) addPoll(frequency);
-        m_manager.RTWMAddPoll(&m_beacon);
-        know(&m_beacon, 1);
+        addPoll(1);  // the beacon
         distribute();
     }
 
@@ -94,53 +86,54 @@ class Day {
 
   private:
     struct Group {
-        std::vector<LoggedPoll*> polls;  // what the manager knows
-        std::vector<LoggedPoll*> due;    // what stands in buckets
+        std::vector<CountingPoll*> polls;  // what the manager knows
+        std::vector<CountingPoll*> due;    // what stands in buckets
         int position = 0;
         bool isMarked = false;
     };
 
     int anyFrequency() { return kFrequencies[m_random() % std::size(kFrequencies)]; }
 
-    LoggedPoll* newPoll(const std::string& name, int frequency) {
-        m_polls.push_back(std::make_unique<LoggedPoll>(m_log, name, frequency));
+    CountingPoll* newPoll(const std::string& name, int frequency) {
+        m_polls.push_back(std::make_unique<CountingPoll>(name, frequency));
+        m_polls.back()->onRun = [this, name] { m_log.add(name); };
         return m_polls.back().get();
     }
 
     // Changes a poll of a random group, when that has one.
-    void changeAnyPoll(void (Day::*how)(LoggedPoll*, Group&)) {
+    void changeAnyPoll(void (Day::*how)(CountingPoll*, Group&)) {
         Group& group = m_groups[anyFrequency()];
         if (group.polls.empty()) return;
         (this->*how)(group.polls[m_random() % group.polls.size()], group);
     }
 
     void addPoll(int frequency) {
-        LoggedPoll* const poll = newPoll(std::to_string(m_polls.size()), frequency);
+        CountingPoll* const poll = newPoll(std::to_string(m_polls.size()), frequency);
         EXPECT_EQ(m_manager.RTWMAddPoll(poll), 1);
         know(poll, frequency);
     }
-    void know(LoggedPoll* poll, int frequency) {
+    void know(CountingPoll* poll, int frequency) {
         m_groups[frequency].polls.push_back(poll);
         m_groups[frequency].isMarked = true;
     }
-    static void forget(LoggedPoll* poll, Group& group) {
+    static void forget(CountingPoll* poll, Group& group) {
         std::erase(group.polls, poll);
         group.due.clear();
         group.isMarked = true;
     }
 
-    void deletePoll(LoggedPoll* poll, Group& group) {
+    void deletePoll(CountingPoll* poll, Group& group) {
         EXPECT_EQ(m_manager.RTWMDeletePoll(poll), 1);
         forget(poll, group);
     }
-    void replacePoll(LoggedPoll* poll, Group& group) {
-        LoggedPoll* const twin = newPoll(poll->name(), poll->RTWFrequency());
+    void replacePoll(CountingPoll* poll, Group& group) {
+        CountingPoll* const twin = newPoll(poll->name(), poll->RTWFrequency());
         EXPECT_EQ(m_manager.RTWMChangePoll(poll, twin), 1);
         std::ranges::replace(group.polls, poll, twin);
         std::ranges::replace(group.due, poll, twin);
     }
 
-    void movePoll(LoggedPoll* poll, Group& group) {
+    void movePoll(CountingPoll* poll, Group& group) {
         const int frequency = anyFrequency();
         if (frequency == poll->RTWFrequency()) return;
         EXPECT_EQ(m_manager.RTWMChangePollFrequency(poll, frequency), 1);
@@ -148,7 +141,7 @@ class Day {
         know(poll, frequency);
     }
 
-    void repeatPoll(LoggedPoll* poll, Group& /*group*/) {
+    void repeatPoll(CountingPoll* poll, Group& /*group*/) {
         m_manager.RTWMAddRepeatPoller(poll);
         m_repeated.insert(poll->name());
     }
@@ -164,7 +157,7 @@ class Day {
     std::multiset<std::string> takeDue() {
         auto expected = std::exchange(m_repeated, {});
         for (auto& [frequency, group] : m_groups) {
-            for (LoggedPoll* poll : group.due) {
+            for (CountingPoll* poll : group.due) {
                 EXPECT_GE(poll->RTWBucketKey(), 0);
                 EXPECT_LT(poll->RTWBucketKey(), frequency);
                 if (poll->RTWBucketKey() == group.position) expected.insert(poll->name());
@@ -176,8 +169,7 @@ class Day {
 
     std::mt19937 m_random;
     Log m_log;
-    LoggedPoll m_beacon{m_log, "beacon", 1};
-    std::vector<std::unique_ptr<LoggedPoll>> m_polls;
+    std::vector<std::unique_ptr<CountingPoll>> m_polls;
     std::map<int, Group> m_groups;  // by frequency
     std::multiset<std::string> m_repeated;
     bool m_suspended = false;

@@ -8,25 +8,6 @@
 
 using namespace kvx::test;
 
-namespace {
-
-// A poll that runs what a test says whenever it is asked, and whenever it is marked.
-struct HookedPoll : CountingPoll {
-    using CountingPoll::CountingPoll;
-    __boolean RTWAddToPool() override {
-        if (onAsked) onAsked();
-        return CountingPoll::RTWAddToPool();
-    }
-    void RTWSetPollIsExecuting(bool executing) override {
-        CountingPoll::RTWSetPollIsExecuting(executing);
-        if (!executing && onFree) onFree();
-    }
-    std::function<void()> onAsked;
-    std::function<void()> onFree;
-};
-
-}  // namespace
-
 TEST(TimedWorkMgr, RefusesAFrequencyBelowOneAndSkipsAPollThatRefuses) {
     RecordingMgr manager;
     CountingPoll never("never", -5);
@@ -107,7 +88,7 @@ TEST(TimedWorkMgr, KeepsAPollInOneFrequencyWhenTwoThreadsMoveIt) {
 // thread, and what needs no lock of the manager at the tick of a distribution.
 TEST(TimedWorkMgr, NeverWaitsForItselfWhenAPollCallsBack) {
     RecordingMgr manager;
-    HookedPoll poll("p", 1);
+    CountingPoll poll("p", 1);
     CountingPoll other("other", 1);
     poll.onAsked = [&] {
         EXPECT_EQ(manager.RTWMAddPoll(&other), 1);
@@ -136,7 +117,7 @@ TEST(TimedWorkMgr, NeverWaitsForItselfWhenAPollCallsBack) {
 }
 
 TEST(TimedWorkMgr, DiscardsWhatWaitsWhenItIsSuspendedAndHoldsNoLockMeanwhile) {
-    HookedPoll poll("poll", 1);
+    CountingPoll poll("poll", 1);
     // Threads that tick distributions, but none that work: workers stay in the queue.
     CVekTimedWorkMgr manager(nullptr, 1, 1000, 0, nullptr, FALSE);
     int freed = 0;
