@@ -7,18 +7,15 @@ namespace kvx::test {
 namespace {
 
 // A list element that counts its kind's living objects.
-class Counted : public CVekListable {
-  public:
+struct Counted : CVekListable {
     explicit Counted(int value) : number(value) { ++living; }
     Counted(const Counted& other) : CVekListable(other), number(other.number) { ++living; }
     Counted& operator=(const Counted&) = delete;
     ~Counted() override { --living; }
-
     CVekListable* RLTargetDeepCopy(const CVekListable* source) override {
         const auto& original = dynamic_cast<const Counted&>(*source);
         return original.number < 0 ? nullptr : new Counted(original);  // negative ones refuse
     }
-
     int number;
     static inline int living = 0;
 };
@@ -133,7 +130,6 @@ TEST(AtomVector, DeletesWhatItStillHolds) {
     EXPECT_EQ(vector->RAVMakeSpace(1000), 1);
     EXPECT_EQ(vector->RAVSize(), 1U);
     EXPECT_EQ(vector->RAVAddToEnd(nullptr), -220402);
-
     CVekAtomVector copy(*vector);
     vector->RAVReset();
     EXPECT_EQ(vector->RAVSize(), 0U);
@@ -178,7 +174,6 @@ TEST(HashList, IteratesInTheOrderOfAddingAndDeletesOnlyHolders) {
         expected.push_back(&values[i]);
     }
     EXPECT_EQ(pointees(list.RHLIterator()), expected);
-
     CVekPointer foreign(&values[0]);
     EXPECT_EQ(list.RHLDelete("0", &foreign), -220547);
     EXPECT_EQ(list.RHLDelete("0", list.RHLGet("0")), 1);

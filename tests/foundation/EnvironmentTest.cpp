@@ -18,8 +18,7 @@
 namespace kvx::test {
 namespace {
 
-class Environment : public testing::Test {
-  protected:
+struct Environment : testing::Test {
     void SetUp() override { TearDown(); }
     void TearDown() override {
         unsetenv("KVX_HOME");
@@ -30,7 +29,6 @@ class Environment : public testing::Test {
 TEST_F(Environment, FindsTheHomeDirectoriesAndTheHostsName) {
     EXPECT_STREQ(CVekEnv().REHome(), KVX_EXPECTED_PREFIX);
     EXPECT_STREQ(CVekEnv::REVekHome()->RAString(), KVX_EXPECTED_PREFIX);
-
     setenv("KVX_HOME", "/opt/kvx", 1);
     const CVekEnv environment;
     const CVekAtom* vekHome = CVekEnv::REVekHome();
@@ -39,10 +37,8 @@ TEST_F(Environment, FindsTheHomeDirectoriesAndTheHostsName) {
     EXPECT_STREQ(environment.REHome(), "/opt/kvx");  // as it was when constructed
     EXPECT_STREQ(vekHome->RAString(), "/opt/kvx");
     EXPECT_STREQ(CVekEnv::REVekHome()->RAString(), "/opt/vek");
-
     setenv("KVX_HOME", "", 1);  // empty is unset
     EXPECT_STREQ(CVekEnv().REHome(), KVX_EXPECTED_PREFIX);
-
     std::array<char, 256> name{};
     ASSERT_EQ(gethostname(name.data(), name.size() - 1), 0);
     EXPECT_STREQ(CVekEnv().RELocalHost(), name.data());
@@ -59,7 +55,6 @@ TEST(ReadOnlyFile, ReadsTheWholeContent) {
     ASSERT_EQ(file.ROFOpen(), 0);
     EXPECT_EQ(take(file.ROFReadAll()), content);
     EXPECT_EQ(take(file.ROFReadAll()), content);
-
     std::ofstream(path, std::ios::trunc).flush();
     ASSERT_EQ(file.ROFOpen(), 0);
     EXPECT_EQ(take(file.ROFReadAll()), "");

@@ -132,6 +132,7 @@ TEST(ServPool, StopsFromAnItemAndLeavesWhatWaitsToTheCaller) {
         own.stopped.count_down();
     });
     stopped.wait();
+    stopping.pool.RSPStopThreads();
     Job never;
     EXPECT_EQ(stopping.pool.RSPAddWorkDetail(&never), 1);
     stopping.pool.RSPLaunchThreads(&runJob);  // stays stopped

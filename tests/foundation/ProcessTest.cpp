@@ -41,7 +41,6 @@ TEST(ProcessMgr, StartsAndEndsAProgramThatCanRun) {
     EXPECT_EQ(VekGetBinaryName(pid), nullptr);
     EXPECT_EQ(handle.GetPID(), 0U);
     EXPECT_TRUE(manager.KillProcess(handle));
-
     EXPECT_EQ(manager.StartProcess("/", "missing", arguments, nullptr, nullptr).GetPID(), 0U);
     EXPECT_EQ(manager.StartProcess(nullptr, nullptr, nullptr, nullptr, nullptr).GetPID(), 0U);
     EXPECT_EQ(CVekProcessHandle().GetPID(), 0U);

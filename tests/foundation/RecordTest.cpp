@@ -74,7 +74,6 @@ TEST(Record, ReplacesValuesAtTheirPlaceAndCopiesDeeply) {
     EXPECT_EQ(record.RRGetValue("N"), nullptr);
     EXPECT_EQ(record.RRNameAt(4), nullptr);
     EXPECT_EQ(record.RRValueAt(-1), nullptr);
-
     const OwnedRecord copy(static_cast<CVekBaseRecord*>(record.RLTargetDeepCopy(&record)));
     record.RRAddOrSetValue("t", new CVekAtom("changed"));
     EXPECT_EQ(described(copy.get()), "t=1:hi n=1:new l=3:5 b=5:0001 ");

@@ -13,21 +13,18 @@ namespace {
 using kvx::platform::raiseSignal;
 using Names = std::vector<std::string>;
 
-class Callback : public CCallbackBase {
-  public:
+struct Callback : CCallbackBase {
     explicit Callback(std::string label) : name(std::move(label)) {}
     ~Callback() override {
         if (telling) std::fprintf(stderr, "[%s deleted]", name.c_str());
     }
     void operator()() override {}
-
     const std::string name;
     static inline bool telling = false;
 };
 
 // Registers one callback for each of the five and remembers what it is asked to run.
-class Recorder : public CSignalHandlerInterface {
-  public:
+struct Recorder : CSignalHandlerInterface {
     bool registerHandler(CCallbackBase* exitCallback) override {
         ++registrations;
         EXPECT_EQ(exitCallback, nullptr);
@@ -41,13 +38,11 @@ class Recorder : public CSignalHandlerInterface {
         ran.push_back(dynamic_cast<Callback*>(callback)->name);
         return true;
     }
-
     int registrations = 0;
     std::vector<std::string> ran;
 };
 
-class Signals : public testing::Test {
-  protected:
+struct Signals : testing::Test {
     void TearDown() override { handler.stop(); }
 
     Names processed() {
@@ -95,7 +90,6 @@ TEST_F(Signals, AreForgottenAtAStopAndManagedAgainAfterIt) {
     handler.stop();
     EXPECT_EQ(processed(), Names{});
     EXPECT_EXIT(raiseSignal(SIGUSR2), testing::KilledBySignal(SIGUSR2), "");
-
     handler.manage(&recorder);
     EXPECT_EQ(recorder.registrations, 2);
     EXPECT_EQ(processed(), Names{});  // what waited at the stop stays forgotten

@@ -13,8 +13,7 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-class AgentTest : public ::testing::Test {
-  protected:
+struct AgentTest : testing::Test {
     // Status -1 and no body where nobody serves.
     static httplib::Response get(int port, const std::string& path) {
         auto result = httplib::Client("127.0.0.1", port).Get(path);

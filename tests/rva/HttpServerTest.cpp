@@ -10,8 +10,7 @@
 namespace kvx::rva {
 namespace {
 
-class HttpServerTest : public ::testing::Test {
-  protected:
+struct HttpServerTest : testing::Test {
     HttpServerTest() {
         pages.add("/a.b", [] { return HttpPages::Page{.body = "hello"}; });
         EXPECT_TRUE(server.start(0));

@@ -141,8 +141,7 @@ constexpr std::array<Measure, 9> kMeasures = {{{"heap in use, bytes", 0.005},
                                                {"send queue", 0}}};
 using Sample = std::array<long long, kMeasures.size()>;
 
-class Soak : public testing::Test {
-  protected:
+struct Soak : testing::Test {
     Soak() {
         engine.RESetMaxSendRate(1'000'000);
         engine.REStartHeartBeat("Model", "NET", &env);

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <initializer_list>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -108,22 +109,16 @@ class ChildProcess {
     static int created(const std::string& path) {
         return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     }
-    static std::string lineWith(const std::string& content, const std::string& text) {
-        const auto found = content.find(text);
-        if (found == std::string::npos) return {};
-        const auto end = content.find('\n', found);
-        if (end == std::string::npos) return {};
-        const auto before = content.rfind('\n', found);
-        const auto begin = before == std::string::npos ? 0 : before + 1;
-        return content.substr(begin, end - begin);
-    }
-
     std::string awaitLine(const std::string& path, const std::string& text) {
         std::string line;
         static_cast<void>(eventually([&] {
             const bool running = isRunning();
-            line = lineWith(contentOf(path), text);
-            return !line.empty() || !running;
+            std::istringstream lines(contentOf(path));
+            while (std::getline(lines, line) && !lines.eof()) {  // whole ones only
+                if (line.find(text) != std::string::npos) return true;
+            }
+            line.clear();
+            return !running;
         }));
         return line;
     }

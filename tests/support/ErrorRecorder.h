@@ -33,35 +33,26 @@ inline std::ostream& operator<<(std::ostream& out, const Report& report) {
 /// a time; reports may come from any thread.
 class ErrorRecorder {
   public:
-    ErrorRecorder() {
-        reports().clear();
-        previous_ = CVekError::SetHandler(&record);
-    }
+    ErrorRecorder() { reports_.clear(); }
     ~ErrorRecorder() { CVekError::SetHandler(previous_); }
     ErrorRecorder(const ErrorRecorder&) = delete;
     ErrorRecorder& operator=(const ErrorRecorder&) = delete;
 
     /// What was reported since the last call.
     Reports take() {
-        const std::lock_guard<std::mutex> guard(lock());
-        return std::exchange(reports(), {});
+        const std::lock_guard guard(lock_);
+        return std::exchange(reports_, {});
     }
 
   private:
     static void record(int code, const char* file, int line, const char* text) {
-        const std::lock_guard<std::mutex> guard(lock());
-        reports().push_back({code, file, line, text != nullptr ? text : ""});
-    }
-    static Reports& reports() {
-        static Reports all;
-        return all;
-    }
-    static std::mutex& lock() {
-        static std::mutex mutex;
-        return mutex;
+        const std::lock_guard guard(lock_);
+        reports_.push_back({code, file, line, text != nullptr ? text : ""});
     }
 
-    VekErrorHandler previous_;
+    static inline Reports reports_;
+    static inline std::mutex lock_;
+    VekErrorHandler previous_ = CVekError::SetHandler(&record);
 };
 
 /// Sets the debug level for as long as it lives.

@@ -8,8 +8,7 @@ namespace {
 constexpr const char* kDevices = "name,ports\ncore-1,48\n";
 constexpr const char* kNoDaemon = "rendezvous session = { \"daemon\" = \"nonsense\" };\n";
 
-class ModeldTest : public ::testing::Test {
-  protected:
+struct ModeldTest : testing::Test {
     std::unique_ptr<ChildProcess> startModel(std::vector<std::string> more = {}) {
         more.insert(more.end(), {"--watch-source", "1", "--statistics", "1"});
         return bus_.startModel(bus_.file("devices.csv", kDevices), more);

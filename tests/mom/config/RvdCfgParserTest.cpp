@@ -128,13 +128,11 @@ TEST(RvdCfgParser, EndsQuietlyAtAByteAbove127AndLeavesTheRestToTheNextParse) {
     EXPECT_EQ(first.service, "1");
     EXPECT_EQ(first.network, "(none)");
     EXPECT_EQ(first.errors, "");
-
     const Parsed second = parse("\n" + serviceBlock("2") + "oops");
     EXPECT_EQ(second.network, "n");
     EXPECT_EQ(second.service, "2");
     EXPECT_EQ(second.errors, errorAtLine(3));
     EXPECT_EQ(parse(serviceBlock("3")).network, "(none)");
-
     const std::string beyondTheScanner(3 * 8192, ' ');
     parse("\xFF# left over" + beyondTheScanner + serviceBlock("lost"));
     const Parsed next = parse("\n" + serviceBlock("2"));

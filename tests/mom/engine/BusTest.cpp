@@ -13,8 +13,7 @@ using namespace kvx::test;
 
 namespace {
 
-class Bus : public ::testing::Test {
-  protected:
+struct Bus : testing::Test {
     Daemon daemon;
     Home home{daemon.text()};
     RvDatum datum{RVMSG_STRING, 2, "x"};

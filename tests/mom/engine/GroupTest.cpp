@@ -12,8 +12,7 @@ using namespace kvx::test;
 
 namespace {
 
-class Group : public ::testing::Test {
-  protected:
+struct Group : testing::Test {
     Home home{"-"};
     ErrorRecorder errors;
 };

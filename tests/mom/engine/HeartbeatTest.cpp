@@ -11,8 +11,7 @@ using namespace kvx::test;
 
 namespace {
 
-class Heartbeat : public ::testing::Test {
-  protected:
+struct Heartbeat : testing::Test {
     // Has one beat sent, and returns the record that then waits at the queue's front.
     std::unique_ptr<CVekBaseRecord> beat(CVekHeartbeatClb& heartbeat) {
         heartbeat.onTimer(timerWith(&engine).get());

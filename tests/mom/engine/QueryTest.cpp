@@ -16,8 +16,7 @@ using namespace kvx::test;
 
 namespace {
 
-class Query : public ::testing::Test {
-  protected:
+struct Query : testing::Test {
     std::string textOf(CVekQryInfo& query) {
         const kvx::Text text(query.RQIQuery());
         return text ? text.get() : "(null)";
@@ -41,7 +40,6 @@ TEST_F(Query, TravelsAsAMessageOfTextAndVersionThatItOutlives) {
     EXPECT_EQ(textOf(query), "select * from x");
     EXPECT_EQ(query.RQIVersion(), VEK_TRANS_V1);
     EXPECT_NE(query.RQIDatum(), item->m_datum);
-
     RvMsg message;
     message.append("QryInfoOQLStr", "select * from y");
     auto plain = std::make_unique<RvDatum>(message);  // a message, but not as an RvMsg

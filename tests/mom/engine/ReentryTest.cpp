@@ -89,8 +89,7 @@ class Brink {
     OnData told_;
 };
 
-class Reentry : public ::testing::Test {
-  protected:
+struct Reentry : testing::Test {
     Daemon daemon;
     Home home{daemon.text()};
     RvDatum datum{RVMSG_STRING, 2, "y"};

@@ -10,8 +10,7 @@ using namespace kvx::test;
 
 namespace {
 
-class SendQueue : public ::testing::Test {
-  protected:
+struct SendQueue : testing::Test {
     int queue(const char* subject, __boolean qualify = FALSE) {
         return engine.REAddToSendQueue(subject, new RvDatum(datum), nullptr, qualify);
     }
@@ -41,7 +40,6 @@ TEST_F(SendQueue, IsFirstInFirstOutButForWhatIsPutInFrontAndCarriesWhatTheSendNe
     EXPECT_EQ(nextSubject(), "A");
     EXPECT_EQ(nextSubject(), "B.NET");
     EXPECT_EQ(nextSubject(), "(none)");
-
     engine.RNSetLatency(1234);
     auto* const sent = new RvDatum(datum);
     EXPECT_EQ(engine.REAddToSendQueue("A", sent, &ignore, FALSE), 1);

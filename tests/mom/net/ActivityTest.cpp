@@ -11,8 +11,7 @@
 namespace kvx::test {
 namespace {
 
-class Activity : public ::testing::Test {
-  protected:
+struct Activity : testing::Test {
     // Runs `work` on another thread while the main loop serves its requests.
     void serve(const std::function<void()>& work) {
         std::atomic<bool> done = false;

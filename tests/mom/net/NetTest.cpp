@@ -20,8 +20,7 @@ namespace {
 
 const char* const kNoDomain = nullptr;
 
-class RvNet : public ::testing::Test {
-  protected:
+struct RvNet : testing::Test {
     // What the agent that `net` starts is given.
     std::string agentArguments(CVekRvNet& net) {
         std::ofstream(home.file("bin/rva"))
@@ -47,7 +46,6 @@ TEST(Net, LatencyIsNeverZeroAndWrittenTheSameInEveryLocale) {
     EXPECT_EQ(net.RNGetLatency(), 8000UL);
     net.RNSetLatency(1UL << 32);
     EXPECT_GT(net.RNGetLatency(), 0UL);
-
     struct Grouping : std::numpunct<char> {
         char do_thousands_sep() const override { return '.'; }
         std::string do_grouping() const override { return "\3"; }
@@ -68,7 +66,6 @@ TEST(Net, AdoptsOrCopiesItsDomain) {
     char* const next = strdup("");
     EXPECT_EQ(net.RNSetDomain(next), 1);
     EXPECT_EQ(net.RNGetDomain(), next);
-
     const char* const text = "NET2";
     CVekNet copying(0, text);
     EXPECT_NE(copying.RNGetDomain(), text);
@@ -88,7 +85,6 @@ TEST_F(RvNet, OpensItsSessionWhenBuiltAndClosesItOnce) {
     EXPECT_EQ(net.RRNTerminateSession(), 1);
     net.RRNDoIt();  // returns at once
     EXPECT_EQ(errors.take(), Reports{});
-
     const std::string said =
         errorOutputOf([] { EXPECT_STREQ(TestNet(nullptr).RNGetDomain(), "DEFAULT"); });
     EXPECT_EQ(said, "ERROR: Domain Name is NULL, using default.\n");
@@ -172,7 +168,6 @@ TEST_F(RvNet, ServesAllNetsOfItsThreadInOneLoopAlsoWhenOneIsDestroyedInIt) {
     hooked->hook = [&] { hooked.reset(); };
     hooked->RRNDoIt();
     EXPECT_EQ(hooked, nullptr);
-
     auto second = std::make_unique<TestNet>();
     OnTimer destroy([&](RvTimer*) { second.reset(); });
     ASSERT_EQ(second->RRNAddTimer(1, &destroy), 1);

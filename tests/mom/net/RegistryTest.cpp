@@ -8,8 +8,7 @@
 namespace kvx::test {
 namespace {
 
-class Registry : public ::testing::Test {
-  protected:
+struct Registry : testing::Test {
     std::string qualified(const char* subject) {
         const Text text(net.RRNDomainSubj(subject));
         return text ? text.get() : "";

@@ -29,8 +29,7 @@ void waitFor(const std::string& file) {
 }
 
 // A poll that never ends.
-class StuckPoll : public CVekTimedWork {
-  public:
+struct StuckPoll : CVekTimedWork {
     void RTWDoPoll() override {
         sayReady();
         for (;;) pause();

@@ -14,8 +14,7 @@ namespace {
 
 static_assert(std::has_virtual_destructor_v<CVekPollResponse>);
 
-class Answer : public CVekPollResponse {
-  public:
+struct Answer : CVekPollResponse {
     int PRPollState() override {
         if (onAsked) onAsked();
         return state;
@@ -25,8 +24,7 @@ class Answer : public CVekPollResponse {
 };
 
 // One worker, parked on `answer`.
-class BlockedWork : public testing::Test {
-  protected:
+struct BlockedWork : testing::Test {
     BlockedWork() {
         worker->RTWSetBlockingPoll(&answer);
         worker->RTWSetStatus(RTW_STATUS_BLOCKED);

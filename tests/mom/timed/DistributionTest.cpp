@@ -84,9 +84,8 @@ TEST(TimedWorkDist, SpreadsLargeRemaindersOverDifferentBuckets) {
     for (const int frequency : {997, 3600, 86400}) {
         for (const int count : {1, 2, frequency / 3, frequency - 1}) {
             const std::vector<int> keys = bucketsOf(count, frequency);
-            EXPECT_EQ(std::set<int>(keys.begin(), keys.end()).size(), keys.size());
-            EXPECT_GE(*std::min_element(keys.begin(), keys.end()), 0);
-            EXPECT_LT(*std::max_element(keys.begin(), keys.end()), frequency);
+            EXPECT_GE(keys.front(), 0);
+            EXPECT_LT(keys.back(), frequency);
             const int slice = frequency / count;
             for (std::size_t i = 1; i < keys.size(); ++i) {
                 EXPECT_GE(keys[i] - keys[i - 1], slice);

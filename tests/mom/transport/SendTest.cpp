@@ -14,27 +14,27 @@ namespace kvx::test {
 namespace {
 
 // Receives one batch and then leaves the main loop.
-class Receiver : public RvDataCallback {
-  public:
-    explicit Receiver(CVekRvNet* net) : m_net(net) {}
-
+struct Receiver : RvDataCallback {
+    explicit Receiver(CVekRvNet& receiving) : net(receiving) {}
     void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
         RvMsg message(static_cast<const RvMsg&>(data));
-        EXPECT_EQ(m_transport.RTAddMessage(&message), 1);
-        if (m_transport.RTDone() != TRUE) return;
-        records = recordsOf(m_transport);
-        status = m_transport.RTError();
-        m_transport.RTPurge();
-        m_net->RRNStopLoop();
+        EXPECT_EQ(transport.RTAddMessage(&message), 1);
+        if (transport.RTDone() != TRUE) return;
+        records = recordsOf(transport);
+        status = transport.RTError();
+        transport.RTPurge();
+        net.RRNStopLoop();
     }
-
+    CVekRvNet& net;
+    CVekTransport transport{nullptr};
     Texts records;
     EVekStoreErrorStatus status = STORE_COMPLETE;
-
-  private:
-    CVekRvNet* m_net;
-    CVekTransport m_transport{nullptr};
 };
+
+std::unique_ptr<RvSender> senderOf(CVekEngine& engine) {
+    int status = 0;
+    return std::unique_ptr<RvSender>(engine.RRNNewSender(&status, "TRANSPORT.TEST", nullptr));
+}
 
 void fill(CVekTransport& transport, int count) {
     for (const std::string& record : numbered(count)) {
@@ -49,7 +49,7 @@ TEST(TransportSending, CarriesBatchesThroughTheEnginesQueueAndOnASender) {
     const Daemon daemon;
     const Home home(daemon.text());
     CVekEngine engine(1, "GROUP", "TEST", SERV_UNKNOWN);
-    Receiver receiver(&engine);
+    Receiver receiver(engine);
     ASSERT_EQ(engine.RRNAddService("TRANSPORT", &receiver), 1);
     CVekTransport queued(&engine);
     fill(queued, 250);
@@ -61,8 +61,7 @@ TEST(TransportSending, CarriesBatchesThroughTheEnginesQueueAndOnASender) {
     EXPECT_EQ(std::exchange(receiver.records, {}), numbered(250));
     EXPECT_EQ(receiver.status, STORE_NO_INDEX);
 
-    int status = 0;
-    const std::unique_ptr<RvSender> sender(engine.RRNNewSender(&status, "TRANSPORT.TEST", nullptr));
+    const std::unique_ptr<RvSender> sender = senderOf(engine);
     CVekTransport direct(nullptr);
     EXPECT_EQ(direct.RTSetDestination(sender.get()), 1);
     fill(direct, 3);
@@ -79,8 +78,7 @@ TEST(TransportSending, CarriesBatchesThroughTheEnginesQueueAndOnASender) {
 TEST(TransportSending, GoesOnWhenTheTransportIsPurgedOrDestroyedMeanwhile) {
     const Home home("-");
     CVekEngine engine(1, "GROUP", "TEST", SERV_UNKNOWN);
-    int status = 0;
-    const std::unique_ptr<RvSender> sender(engine.RRNNewSender(&status, "TRANSPORT.TEST", nullptr));
+    const std::unique_ptr<RvSender> sender = senderOf(engine);
     for (const bool destroys : {false, true}) {
         auto transport = std::make_unique<CVekTransport>(nullptr);
         transport->RTSetDestination(sender.get());

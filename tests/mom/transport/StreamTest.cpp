@@ -61,7 +61,6 @@ TEST(Deflater, MakesTheSameStreamWhateverTheInitialSize) {
     EXPECT_EQ(deflated(text, 1024, 10), stream);
     EXPECT_EQ(deflated(text, 1024, -7), stream);
     EXPECT_NE(deflated(text, 1024, 0), stream);
-
     // What stands in its own buffer.
     CVekDeflater again(1, 0);
     add(again, std::string(70000, 'x'));
@@ -147,7 +146,6 @@ TEST(Inflater, GoesOnWhereTheRoomEndedAndReportsAStreamThatIsNone) {
     EXPECT_EQ(inflater.RIIsDone(), TRUE);
     EXPECT_EQ(out, text);
     EXPECT_TRUE(errors.take().empty());
-
     CVekInflater none("no zlib stream", 14);
     none.RIInflateChunk(out.data(), 16);
     EXPECT_EQ(none.RIIsDone(), FALSE);

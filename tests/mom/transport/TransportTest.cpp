@@ -64,7 +64,6 @@ TEST(TransportPackets, StandByteForByteOnTheWire) {
               Texts{word(0) + word(1) + word(0) + word(1) + word(0) + word(0) + word(3) + "ABC"});
     EXPECT_EQ(encoded({"A", "", "BC"}, VEK_TRANS_V1),
               Texts{header(1, 0) + record("A") + record("") + record("BC")});
-
     CVekTransport nil(nullptr);
     nil.RTSetError(STORE_ZERO_MATCHES);
     EXPECT_EQ(nil.RTNilResults(), 1);
@@ -78,13 +77,14 @@ TEST(TransportPackets, AreAsManyAsTheVersionAndTheRecordsAskFor) {
     constexpr std::uint32_t kCompressedV1 = 0x10001;
     EXPECT_EQ(shapeOf(encoded(numbered(3), VEK_TRANS_V0)),
               (Shape{{1, 3, 0}, {2, 3, 0}, {3, 3, 0}}));
-    EXPECT_EQ(shapeOf(encoded({}, VEK_TRANS_V1)), Shape{});
-    EXPECT_EQ(shapeOf(encoded(numbered(10), VEK_TRANS_V1)), (Shape{{1, 1, kPlainV1}}));
-    EXPECT_EQ(shapeOf(encoded(numbered(11), VEK_TRANS_V1)), (Shape{{1, 1, kCompressedV1}}));
-    EXPECT_EQ(shapeOf(encoded(numbered(100), VEK_TRANS_V1)), (Shape{{1, 1, kCompressedV1}}));
-    EXPECT_EQ(shapeOf(encoded(numbered(105), VEK_TRANS_V1)),
-              (Shape{{1, 2, kCompressedV1}, {2, 2, kPlainV1}}));
-
+    for (const auto& [count, shape] : std::initializer_list<std::pair<int, Shape>>{
+             {0, {}},
+             {10, {{1, 1, kPlainV1}}},
+             {11, {{1, 1, kCompressedV1}}},
+             {100, {{1, 1, kCompressedV1}}},
+             {105, {{1, 2, kCompressedV1}, {2, 2, kPlainV1}}}}) {
+        EXPECT_EQ(shapeOf(encoded(numbered(count), VEK_TRANS_V1)), shape) << count;
+    }
     CVekTransport unprepared(nullptr);
     for (const auto& one : numbered(250)) addRecord(unprepared, one);
     unprepared.RTCreatePackets(VEK_TRANS_V1, true);
@@ -144,7 +144,6 @@ TEST(Transport, TakesRecordsAndRefusesWhatIsNone) {
     EXPECT_EQ(transport.RTAddMessage(static_cast<CVekAtom*>(nullptr)), -220402);
     EXPECT_EQ(transport.RTAddMessage(&text), -220402);
     EXPECT_EQ(transport.RTAddMessage(static_cast<RvMsg*>(nullptr)), 1);
-
     CVekBaseRecord record;
     record.RRAddOrSetValue("name", new CVekAtom("value"));
     EXPECT_EQ(transport.RTAddRecord(&record), 1);
@@ -248,7 +247,6 @@ TEST(TransportHostileBytes, YieldALimitedNumberOfRecordsFromACompressedPacketNon
     EXPECT_TRUE(errors.take().empty());
     EXPECT_EQ(recordsIn(payload + word(0) + record("y")), kMost);
     EXPECT_EQ(errors.take(), std::vector{kDefect});
-
     std::string stream = zlibStream(record(std::string(200, 'x')));
     stream[4] = static_cast<char>(stream[4] ^ 0x7F);
     decoded({header(1, 1) + word(204) + stream});

@@ -47,8 +47,7 @@ class Asking : public BlockingPoll {
     std::vector<std::shared_ptr<Answer>> answers_;
 };
 
-class BlockingPollTest : public ::testing::Test {
-  protected:
+struct BlockingPollTest : testing::Test {
     BlockingPollTest() { manager_->RTWMSetBlockedWorkMgr(blockedWork_.get()); }
     ~BlockingPollTest() override { manager_.reset(); }
 

@@ -8,8 +8,7 @@
 namespace modeld {
 namespace {
 
-class FileWatchTest : public ::testing::Test {
-  protected:
+struct FileWatchTest : testing::Test {
     void write(const std::string& name, const std::string& content) {
         std::ofstream(directory_.file(name), std::ios::binary) << content;
     }

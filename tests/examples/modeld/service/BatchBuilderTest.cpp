@@ -15,8 +15,7 @@ namespace {
 namespace test = kvx::test;
 
 // A table of devices, every seventh of which has no site.
-class BatchBuilderTest : public ::testing::Test {
-  protected:
+struct BatchBuilderTest : testing::Test {
     void SetUp() override {
         const std::string path = directory_.file("devices.csv");
         std::ofstream csv(path);

@@ -5,8 +5,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-class HeldQuestionsTest : public ::testing::Test {
-  protected:
+struct HeldQuestionsTest : testing::Test {
     void hold(const std::string& inbox, int atMs) {
         Question question;
         question.replySubject = inbox;
@@ -50,7 +49,6 @@ TEST(BegunNotice, NamesTheInboxForAnswersOfMoreThanOnePacket) {
     other.append("outbox", "X");
     EXPECT_EQ(readBegun(other), "");
     EXPECT_EQ(readBegun(RvDatum(RVMSG_STRING, 1, "X")), "");
-
     EXPECT_FALSE(isLongAnswer(VEK_TRANS_V0, 1));
     EXPECT_TRUE(isLongAnswer(VEK_TRANS_V0, 2));
     EXPECT_FALSE(isLongAnswer(VEK_TRANS_V1, 100));

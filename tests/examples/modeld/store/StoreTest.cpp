@@ -9,8 +9,7 @@
 namespace modeld {
 namespace {
 
-class StoreTest : public ::testing::Test {
-  protected:
+struct StoreTest : testing::Test {
     void SetUp() override {
         Refusal refusal;
         store_ = Store::open(directory_.file("model.db"), Store::Access::ReadWrite, refusal);
