@@ -47,6 +47,8 @@ TEST(Atom, CopiesBytesTakesAllocatedOnesAndTellsEmptyFromNone) {
     const CVekAtom none(static_cast<unsigned char*>(nullptr), 7);
     const CVekAtom text("text");
     for (const CVekAtom* atom : {&none, &text}) {
+        bytes = array;
+        length = 7;
         EXPECT_EQ(atom->RAUChar(&bytes, &length), -220532);
         EXPECT_EQ(bytes, nullptr);
         EXPECT_EQ(length, 0);

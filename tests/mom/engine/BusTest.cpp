@@ -6,6 +6,7 @@
 #include "mom/engine/CVekClient.h"
 #include "mom/engine/CVekEngine.h"
 #include "tests/support/Daemon.h"
+#include "tests/support/ErrorRecorder.h"
 #include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 
@@ -75,8 +76,10 @@ TEST_F(Bus, ARequestThatNobodyAnswersTimesOut) {
     EXPECT_EQ(client.m_listeners->RTLGet(inbox.c_str()), nullptr);
 }
 
-TEST_F(Bus, AnEngineLeavesItsGroupAndJoinsItAgain) {
+TEST_F(Bus, AnEngineJoinsItsGroupAgainAsBackupAndLeavesNothingBehind) {
     CVekEngine engine(1, "grp", "NET", SERV_MODEL);
+    CVekEnv env;
+    engine.REStartHeartBeat("Model", "NET", &env);
     ASSERT_NE(engine.m_ftMemberId, nullptr);
     std::vector<bool> told;
     engine.RESetActive();
@@ -88,4 +91,11 @@ TEST_F(Bus, AnEngineLeavesItsGroupAndJoinsItAgain) {
     EXPECT_EQ(engine.m_ftSession, nullptr);
     EXPECT_EQ(engine.REInitSession(), 1);
     EXPECT_NE(engine.m_ftMemberId, nullptr);
+    outputOf([&] { VekGetActivates(nullptr, "grp", RVFT_ACTIVATE, &engine); });
+    const int listeners = engine.m_listeners->RTLLength();
+    ASSERT_EQ(engine.REIsActive(), TRUE);
+    EXPECT_EQ(engine.REInitSession(), 1);
+    EXPECT_EQ(engine.REIsActive(), FALSE);
+    EXPECT_EQ(engine.m_heartbeat->m_level, HB_BACKUP);
+    EXPECT_EQ(engine.m_listeners->RTLLength(), listeners);
 }

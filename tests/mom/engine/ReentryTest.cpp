@@ -261,17 +261,3 @@ TEST_F(Reentry, AReplyListenerWhoseCallbackIsGoneIsRemovedByLaterRequests) {
     }
     EXPECT_EQ(kept, 1);
 }
-
-TEST_F(Reentry, ASecondGroupSessionStartsAsBackupAndLeavesNothingBehind) {
-    CVekEngine engine(1, "grp", "NET", SERV_MODEL);
-    CVekEnv env;
-    engine.REStartHeartBeat("Model", "NET", &env);
-    outputOf([&] { VekGetActivates(nullptr, "grp", RVFT_ACTIVATE, &engine); });
-    const int listeners = engine.m_listeners->RTLLength();
-    ASSERT_EQ(engine.REIsActive(), TRUE);
-    EXPECT_EQ(engine.REInitSession(), 1);
-    EXPECT_EQ(engine.REIsActive(), FALSE);
-    EXPECT_EQ(engine.m_heartbeat->m_level, HB_BACKUP);
-    EXPECT_NE(engine.m_ftMemberId, nullptr);
-    EXPECT_EQ(engine.m_listeners->RTLLength(), listeners);
-}

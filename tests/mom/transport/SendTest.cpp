@@ -1,40 +1,14 @@
-// Batches over a real daemon, through an engine's queue and on a sender.
-
-#include <utility>
+// Batches through an engine's queue and on a sender.
 
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekSendQueueItem.h"
 #include "tests/mom/transport/Batches.h"
-#include "tests/support/Daemon.h"
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/Home.h"
 #include "tests/support/OutputHook.h"
 
 namespace kvx::test {
 namespace {
-
-// Receives one batch and then leaves the main loop.
-struct Receiver : RvDataCallback {
-    explicit Receiver(CVekRvNet& receiving) : net(receiving) {}
-    void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
-        RvMsg message(static_cast<const RvMsg&>(data));
-        EXPECT_EQ(transport.RTAddMessage(&message), 1);
-        if (transport.RTDone() != TRUE) return;
-        records = recordsOf(transport);
-        status = transport.RTError();
-        transport.RTPurge();
-        net.RRNStopLoop();
-    }
-    CVekRvNet& net;
-    CVekTransport transport{nullptr};
-    Texts records;
-    EVekStoreErrorStatus status = STORE_COMPLETE;
-};
-
-std::unique_ptr<RvSender> senderOf(CVekEngine& engine) {
-    int status = 0;
-    return std::unique_ptr<RvSender>(engine.RRNNewSender(&status, "TRANSPORT.TEST", nullptr));
-}
 
 void fill(CVekTransport& transport, int count) {
     for (const std::string& record : numbered(count)) {
@@ -45,40 +19,20 @@ void fill(CVekTransport& transport, int count) {
     EXPECT_EQ(transport.RTCreatePackets(VEK_TRANS_V1, true), 1);
 }
 
-TEST(TransportSending, CarriesBatchesThroughTheEnginesQueueAndOnASender) {
-    const Daemon daemon;
-    const Home home(daemon.text());
-    CVekEngine engine(1, "GROUP", "TEST", SERV_UNKNOWN);
-    Receiver receiver(engine);
-    ASSERT_EQ(engine.RRNAddService("TRANSPORT", &receiver), 1);
-    CVekTransport queued(&engine);
-    fill(queued, 250);
-    EXPECT_EQ(queued.RTSetDestination("TRANSPORT"), 1);
-    EXPECT_EQ(queued.RTSendAll(false), 1);
-    EXPECT_EQ(queued.RTDone(), TRUE);
-    EXPECT_EQ(engine.RESendQueueLength(), 3);
-    engine.REDoIt();
-    EXPECT_EQ(std::exchange(receiver.records, {}), numbered(250));
-    EXPECT_EQ(receiver.status, STORE_NO_INDEX);
-
-    const std::unique_ptr<RvSender> sender = senderOf(engine);
-    CVekTransport direct(nullptr);
-    EXPECT_EQ(direct.RTSetDestination(sender.get()), 1);
-    fill(direct, 3);
-    const std::string warning = outputOf([&] {
-        const DebugLevel level(-1);
-        EXPECT_EQ(direct.RTSendAll(true), 1);
-    });
-    EXPECT_EQ(warning, "-----------------if not in main thread this is NOT safe!---------\n");
-    engine.RRNDoIt();
-    EXPECT_EQ(receiver.records, numbered(3));
-}
-
 // What a send runs may use the transport for something else, and end it.
 TEST(TransportSending, GoesOnWhenTheTransportIsPurgedOrDestroyedMeanwhile) {
     const Home home("-");
     CVekEngine engine(1, "GROUP", "TEST", SERV_UNKNOWN);
-    const std::unique_ptr<RvSender> sender = senderOf(engine);
+    int status = 0;
+    const std::unique_ptr<RvSender> sender(engine.RRNNewSender(&status, "TRANSPORT.TEST", nullptr));
+    CVekTransport direct(nullptr);
+    EXPECT_EQ(direct.RTSetDestination(sender.get()), 1);
+    fill(direct, 3);
+    EXPECT_EQ(outputOf([&] {
+                  const DebugLevel level(-1);
+                  EXPECT_EQ(direct.RTSendAll(true), 1);
+              }),
+              "-----------------if not in main thread this is NOT safe!---------\n");
     for (const bool destroys : {false, true}) {
         auto transport = std::make_unique<CVekTransport>(nullptr);
         transport->RTSetDestination(sender.get());
@@ -95,7 +49,7 @@ TEST(TransportSending, GoesOnWhenTheTransportIsPurgedOrDestroyedMeanwhile) {
     }
 }
 
-TEST(TransportSending, PutsPacketsAtTheEndOfTheQueueThatItIsAskedFor) {
+TEST(TransportSending, PutsABatchAtTheEndOfTheQueueThatItIsAskedFor) {
     const Home home("-");
     CVekEngine engine(1, "GROUP", "TEST", SERV_UNKNOWN);
     const auto queue = [&](const char* subject, bool front) {
@@ -107,6 +61,21 @@ TEST(TransportSending, PutsPacketsAtTheEndOfTheQueueThatItIsAskedFor) {
         EXPECT_EQ(transport.RTSetDestinationOnSubject(nullptr), 1);
         EXPECT_EQ(transport.RTSendAll(false), -220552);
     };
+    CVekTransport queued(&engine);
+    fill(queued, 250);
+    EXPECT_EQ(queued.RTSetDestination("TRANSPORT"), 1);
+    EXPECT_EQ(queued.RTSendAll(false), 1);
+    EXPECT_EQ(queued.RTDone(), TRUE);
+    EXPECT_EQ(engine.RESendQueueLength(), 3);
+    CVekTransport received(nullptr);
+    while (const auto item = std::unique_ptr<CVekSendQueueItem>(engine.RENextSendItem())) {
+        EXPECT_STREQ(item->m_subject, "TRANSPORT.TEST");
+        RvMsg message(const_cast<rvmsg_Msg>(item->m_datum->data()));
+        EXPECT_EQ(received.RTAddMessage(&message), 1);
+    }
+    EXPECT_EQ(recordsOf(received), numbered(250));
+    EXPECT_EQ(received.RTError(), STORE_NO_INDEX);
+
     queue("first", false);
     queue("second", false);
     queue("urgent", true);
