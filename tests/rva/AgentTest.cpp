@@ -4,7 +4,6 @@
 
 #include "mom/mom.h"
 #include "platform/Socket.h"
-#include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 #include "tests/system/Installation.h"
 

@@ -25,8 +25,6 @@
 #include "rv/session/rvSessionHooks.h"
 #include "tests/mom/timed/Polls.h"
 #include "tests/support/Daemon.h"
-#include "tests/support/ErrorRecorder.h"
-#include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 #include "tests/support/Packets.h"
 #include "tests/support/ProcessUsage.h"

@@ -7,8 +7,19 @@
 #include "mom/net/CVekRvNet.h"
 #include "rv/rv.h"
 #include "tests/support/Callbacks.h"
+#include "tests/support/ErrorRecorder.h"
+#include "tests/support/Home.h"
 
 namespace kvx::test {
+
+/// What a test without a bus begins with.
+struct NoDaemon : testing::Test {
+    Home home{"-"};
+    ErrorRecorder errors;
+    RvDatum datum{RVMSG_STRING, 2, "x"};
+    OnData ignoreData;
+    OnTimer ignoreTimer;
+};
 
 /// A network whose start-up hook is the test's.
 class TestNet : public CVekRvNet {

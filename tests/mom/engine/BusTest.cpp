@@ -6,8 +6,6 @@
 #include "mom/engine/CVekClient.h"
 #include "mom/engine/CVekEngine.h"
 #include "tests/support/Daemon.h"
-#include "tests/support/ErrorRecorder.h"
-#include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 
 using namespace kvx::test;

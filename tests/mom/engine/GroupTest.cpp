@@ -4,18 +4,13 @@
 
 #include "mom/engine/CVekEngine.h"
 #include "platform/Socket.h"
-#include "tests/support/ErrorRecorder.h"
-#include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 
 using namespace kvx::test;
 
 namespace {
 
-struct Group : testing::Test {
-    Home home{"-"};
-    ErrorRecorder errors;
-};
+using Group = NoDaemon;
 
 // "program[pid] ", as every line of the activation begins.
 std::string linePrefix() {

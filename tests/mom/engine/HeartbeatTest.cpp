@@ -2,8 +2,6 @@
 
 #include "mom/engine/CVekEngine.h"
 #include "mom/transport/CVekTransport.h"
-#include "tests/support/ErrorRecorder.h"
-#include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 #include "tests/support/Packets.h"
 
@@ -11,7 +9,7 @@ using namespace kvx::test;
 
 namespace {
 
-struct Heartbeat : testing::Test {
+struct Heartbeat : NoDaemon {
     // Has one beat sent, and returns the record that then waits at the queue's front.
     std::unique_ptr<CVekBaseRecord> beat(CVekHeartbeatClb& heartbeat) {
         heartbeat.onTimer(timerWith(&engine).get());
@@ -30,14 +28,11 @@ struct Heartbeat : testing::Test {
 
     std::unique_ptr<RvTimer> timerWith(void* closure) {
         int status = 0;
-        return std::unique_ptr<RvTimer>(engine.RRNNewTimer(&status, 60000, &never, closure));
+        return std::unique_ptr<RvTimer>(engine.RRNNewTimer(&status, 60000, &ignoreTimer, closure));
     }
 
-    Home home{"-"};
-    ErrorRecorder errors;
     CVekEngine engine{1, "grp", "NET", SERV_UNKNOWN};
     CVekEnv env;
-    OnTimer never;
     std::string subject;
 };
 

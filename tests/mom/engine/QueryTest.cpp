@@ -8,30 +8,26 @@
 #include "mom/engine/CVekQryInfo.h"
 #include "mom/engine/CVekSnoop.h"
 #include "mom/engine/CVekUpdWork.h"
-#include "tests/support/ErrorRecorder.h"
-#include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 
 using namespace kvx::test;
 
 namespace {
 
-struct Query : testing::Test {
+struct Query : NoDaemon {
     std::string textOf(CVekQryInfo& query) {
         const kvx::Text text(query.RQIQuery());
         return text ? text.get() : "(null)";
     }
 
-    Home home{"-"};
-    ErrorRecorder errors;
     CVekEngine engine{1, "grp", "NET", SERV_UNKNOWN};
-    OnData ignore;
 };
 
 }  // namespace
 
 TEST_F(Query, TravelsAsAMessageOfTextAndVersionThatItOutlives) {
-    EXPECT_EQ(CVekQryInfo::RQISendOQL("select * from x", "S", &ignore, &engine, nullptr, TRUE), 1);
+    EXPECT_EQ(CVekQryInfo::RQISendOQL("select * from x", "S", &ignoreData, &engine, nullptr, TRUE),
+              1);
     const std::unique_ptr<CVekSendQueueItem> item(engine.RENextSendItem());
     ASSERT_NE(item, nullptr);
     EXPECT_STREQ(item->m_subject, "S.NET");
@@ -66,9 +62,9 @@ TEST_F(Query, MayBeAStringButNothingElseAndNeedsSubjectAndNetwork) {
     EXPECT_EQ(textOf(query), "(null)");
     EXPECT_EQ(errors.take(), Reports{unexpected});
 
-    EXPECT_EQ(CVekQryInfo::RQISendOQL(nullptr, "S", &ignore, &engine, nullptr, TRUE), -220402);
-    EXPECT_EQ(CVekQryInfo::RQISendOQL("q", nullptr, &ignore, &engine, nullptr, TRUE), -220402);
-    EXPECT_EQ(CVekQryInfo::RQISendOQL("q", "S", &ignore, nullptr, nullptr, TRUE), -220402);
+    EXPECT_EQ(CVekQryInfo::RQISendOQL(nullptr, "S", &ignoreData, &engine, nullptr, TRUE), -220402);
+    EXPECT_EQ(CVekQryInfo::RQISendOQL("q", nullptr, &ignoreData, &engine, nullptr, TRUE), -220402);
+    EXPECT_EQ(CVekQryInfo::RQISendOQL("q", "S", &ignoreData, nullptr, nullptr, TRUE), -220402);
     EXPECT_EQ(engine.RESendQueueLength(), 0);
     CVekQryInfo unnamed(nullptr, nullptr, RvDatum(), nullptr);
     EXPECT_STREQ(unnamed.RQISubject(), "");
@@ -114,10 +110,11 @@ TEST_F(Query, ASnoopWithoutAPoolDropsAndSaysSo) {
 TEST_F(Query, AClientSenderSendsOnceAndIsGone) {
     CVekClient client(0, "NET");
     char text[] = "abc";
-    auto* const sender = new CVekClientSender(strdup("S"), text, &ignore);
+    auto* const sender = new CVekClientSender(strdup("S"), text, &ignoreData);
     EXPECT_EQ(sender->m_sendDatum->size(), 3U);
     EXPECT_EQ(sender->m_sendDatum->type(), static_cast<rvmsg_Type>(RVMSG_STRING));
-    auto* const empty = new CVekClientSender(strdup("S"), static_cast<RvDatum*>(nullptr), &ignore);
+    auto* const empty =
+        new CVekClientSender(strdup("S"), static_cast<RvDatum*>(nullptr), &ignoreData);
     ASSERT_EQ(client.RRNAddTimer(1, sender), 1);
     ASSERT_EQ(client.RRNAddTimer(2, empty), 1);
     Reports reports;

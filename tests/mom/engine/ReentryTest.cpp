@@ -8,8 +8,6 @@
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekInitTimedClb.h"
 #include "tests/support/Daemon.h"
-#include "tests/support/ErrorRecorder.h"
-#include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 
 using namespace kvx::test;

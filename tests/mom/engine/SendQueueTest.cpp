@@ -2,15 +2,13 @@
 
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekInitTimedClb.h"
-#include "tests/support/ErrorRecorder.h"
-#include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 
 using namespace kvx::test;
 
 namespace {
 
-struct SendQueue : testing::Test {
+struct SendQueue : NoDaemon {
     int queue(const char* subject, __boolean qualify = FALSE) {
         return engine.REAddToSendQueue(subject, new RvDatum(datum), nullptr, qualify);
     }
@@ -21,11 +19,7 @@ struct SendQueue : testing::Test {
         return item ? item->m_subject : "(none)";
     }
 
-    Home home{"-"};
-    ErrorRecorder errors;
     CVekEngine engine{1, "grp", "NET", SERV_UNKNOWN};
-    RvDatum datum{RVMSG_STRING, 2, "x"};
-    OnData ignore;
 };
 
 }  // namespace
@@ -42,11 +36,11 @@ TEST_F(SendQueue, IsFirstInFirstOutButForWhatIsPutInFrontAndCarriesWhatTheSendNe
     EXPECT_EQ(nextSubject(), "(none)");
     engine.RNSetLatency(1234);
     auto* const sent = new RvDatum(datum);
-    EXPECT_EQ(engine.REAddToSendQueue("A", sent, &ignore, FALSE), 1);
-    EXPECT_EQ(engine.REAddToSendQueue("A", new RvDatum(datum), &ignore, 77UL, FALSE), 1);
+    EXPECT_EQ(engine.REAddToSendQueue("A", sent, &ignoreData, FALSE), 1);
+    EXPECT_EQ(engine.REAddToSendQueue("A", new RvDatum(datum), &ignoreData, 77UL, FALSE), 1);
     const Item item = next();
     EXPECT_EQ(item->m_datum, sent);
-    EXPECT_EQ(item->m_callback, &ignore);
+    EXPECT_EQ(item->m_callback, &ignoreData);
     EXPECT_EQ(item->m_closure, &engine);
     EXPECT_EQ(item->m_timeout, 1234);
     EXPECT_EQ(next()->m_timeout, 77);
@@ -56,7 +50,7 @@ TEST_F(SendQueue, SendsOfOtherThreadsAreQueuedAndQualifiedOnceMore) {
     std::thread([&] {
         EXPECT_EQ(engine.RESend("A", datum, FALSE), 1);
         EXPECT_EQ(engine.RESend("B", datum, TRUE), 1);
-        EXPECT_EQ(engine.RESend("C", datum, &ignore, 5, FALSE), nullptr);
+        EXPECT_EQ(engine.RESend("C", datum, &ignoreData, 5, FALSE), nullptr);
     }).join();
     const char* const text = "so adding to send queue!";
     EXPECT_EQ(errors.take(), (Reports{{-220425, "CVekEngine", 641, text},
@@ -73,18 +67,18 @@ TEST_F(SendQueue, SendsOfOtherThreadsAreQueuedAndQualifiedOnceMore) {
 TEST_F(SendQueue, ReportsAndDropsWhatHasNoSubjectOrTheBusRefuses) {
     const char* const none = nullptr;
     EXPECT_EQ(engine.RESend(none, datum, FALSE), -220552);
-    EXPECT_EQ(engine.RESend(none, datum, &ignore, 5, FALSE), nullptr);
+    EXPECT_EQ(engine.RESend(none, datum, &ignoreData, 5, FALSE), nullptr);
     EXPECT_EQ(engine.REAddToSendQueue(none, new RvDatum(datum), nullptr, FALSE), -220552);
     EXPECT_EQ(engine.REAddToSendQueueFront(none, new RvDatum(datum), nullptr, FALSE), -220552);
     EXPECT_EQ(errors.take(), (Reports{{-220552, "CVekEngine", 730, ""}}));
     EXPECT_EQ(engine.RESendQueueLength(), 0);
 
     EXPECT_EQ(engine.RESend("A", datum, FALSE), -220545);
-    EXPECT_EQ(engine.RESend("A", datum, &ignore), nullptr);
+    EXPECT_EQ(engine.RESend("A", datum, &ignoreData), nullptr);
     EXPECT_EQ(engine.m_senders->RTLLength(), 0);
     EXPECT_EQ(errors.take(), (Reports{{-220545, "CVekEngine", 767, ""}}));
     queue("A");
-    engine.REAddToSendQueue("B", new RvDatum(datum), &ignore, FALSE);
+    engine.REAddToSendQueue("B", new RvDatum(datum), &ignoreData, FALSE);
     EXPECT_EQ(next()->RSQIDeQueueIt(), -220545);
     EXPECT_EQ(next()->RSQIDeQueueIt(), -220545);
     EXPECT_EQ(errors.take(), (Reports{{-220545, "CVekSendQueueItem", 210, ""},

@@ -3,15 +3,13 @@
 #include <array>
 #include <atomic>
 
-#include "tests/support/ErrorRecorder.h"
-#include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 #include "tests/support/SocketPair.h"
 
 namespace kvx::test {
 namespace {
 
-struct Activity : testing::Test {
+struct Activity : NoDaemon {
     // Runs `work` on another thread while the main loop serves its requests.
     void serve(const std::function<void()>& work) {
         std::atomic<bool> done = false;
@@ -33,11 +31,7 @@ struct Activity : testing::Test {
         }
     }
 
-    Home home{"-"};
-    ErrorRecorder errors;
     TestNet net;
-    OnData ignoreData;
-    OnTimer ignoreTimer;
     OnIO ignoreIO;
 };
 

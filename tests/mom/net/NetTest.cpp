@@ -11,8 +11,6 @@
 #include "mom/base/VekTrace.h"
 #include "mom/net/CVekPostInitTimedClb.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/ErrorRecorder.h"
-#include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 
 namespace kvx::test {
@@ -20,7 +18,7 @@ namespace {
 
 const char* const kNoDomain = nullptr;
 
-struct RvNet : testing::Test {
+struct RvNet : NoDaemon {
     // What the agent that `net` starts is given.
     std::string agentArguments(CVekRvNet& net) {
         std::ofstream(home.file("bin/rva"))
@@ -32,9 +30,6 @@ struct RvNet : testing::Test {
         EXPECT_TRUE(eventually([&] { return std::filesystem::exists(home.file("arguments")); }));
         return contentOf(home.file("arguments"));
     }
-
-    Home home{"-"};
-    ErrorRecorder errors;
 };
 
 TEST(Net, LatencyIsNeverZeroAndWrittenTheSameInEveryLocale) {
@@ -97,16 +92,13 @@ TEST_F(RvNet, WithoutASessionEveryOperationSaysSo) {
     EXPECT_EQ(said.rfind("Rendezvous failed to make session: ", 0), 0U) << said;
     EXPECT_EQ(errors.take(), (Reports{{-220544, "CVekRvNet", 187, ""}}));
 
-    RvDatum datum;
     int status = 0;
-    OnTimer timer;
-    OnData data;
     OnIO io;
     EXPECT_EQ(net->RRNSend("A", datum), -220544);
-    EXPECT_EQ(net->RRNSend("A", datum, &data), -220544);
-    EXPECT_EQ(net->RRNAddTimer(1, &timer), -220544);
-    EXPECT_EQ(net->RRNAddExService("A", &data), -220544);
-    EXPECT_EQ(net->RRNAddErrorService(&data), -220544);
+    EXPECT_EQ(net->RRNSend("A", datum, &ignoreData), -220544);
+    EXPECT_EQ(net->RRNAddTimer(1, &ignoreTimer), -220544);
+    EXPECT_EQ(net->RRNAddExService("A", &ignoreData), -220544);
+    EXPECT_EQ(net->RRNAddErrorService(&ignoreData), -220544);
     EXPECT_EQ(net->RRNAddIOHandle(0, TRUE, FALSE, FALSE, &io), -220544);
     EXPECT_EQ(net->RRNNewSender(&status, "A", nullptr), nullptr);
     EXPECT_NE(status, 1);
@@ -209,10 +201,9 @@ TEST_F(RvNet, UserCodeThatEndingRunsFindsAnEndedNet) {
         std::function<void()> atEnd;
     };
     auto net = std::make_unique<TestNet>();
-    OnData ignore;
     bool destroyed = false;
     ASSERT_EQ(net->RRNTakeService("_RV.A", new Last([&] {
-                                      EXPECT_EQ(net->RRNTakeService("_RV.B", &ignore), -220544);
+                                      EXPECT_EQ(net->RRNTakeService("_RV.B", &ignoreData), -220544);
                                       net.reset();
                                       destroyed = true;
                                   })),
@@ -230,8 +221,8 @@ TEST_F(RvNet, ReportsWarningsAndErrorsOfTheBusThatItsOwnSessionHears) {
         errors.take(),
         (Reports{{-220379, "CVekRvErrorClb", 157, "Subject: _RV.ERROR.MINE.TEST. Message: gone"}}));
     CVekRvErrorClb callback;
-    const auto advise = [&](const char* subject, const RvDatum& datum) {
-        callback.onData(subject, nullptr, datum, nullptr);
+    const auto advise = [&](const char* subject, const RvDatum& data) {
+        callback.onData(subject, nullptr, data, nullptr);
     };
     long number = 77;
     RvMsg message;

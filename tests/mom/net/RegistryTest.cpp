@@ -1,25 +1,18 @@
 // What a network object keeps: subjects, senders, listeners, timers and I/O handlers.
 
-#include "tests/support/ErrorRecorder.h"
-#include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 #include "tests/support/SocketPair.h"
 
 namespace kvx::test {
 namespace {
 
-struct Registry : testing::Test {
+struct Registry : NoDaemon {
     std::string qualified(const char* subject) {
         const Text text(net.RRNDomainSubj(subject));
         return text ? text.get() : "";
     }
 
-    Home home{"-"};
-    ErrorRecorder errors;
     TestNet net;
-    OnData ignoreData;
-    OnTimer ignoreTimer;
-    RvDatum datum{RVMSG_STRING, 2, "x"};
 };
 
 unsigned int watched(const SocketPair& pair) {

@@ -13,8 +13,6 @@
 #include "mom/signal/CSignalCallback.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Daemon.h"
-#include "tests/support/ErrorRecorder.h"
-#include "tests/support/Home.h"
 #include "tests/support/Nets.h"
 #include "tests/support/ProcessUsage.h"
 
