@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 set(KVX_INSTALL_HEADERS ${CMAKE_INSTALL_INCLUDEDIR}/kvxmom)
 set(KVX_INSTALL_PACKAGE ${CMAKE_INSTALL_LIBDIR}/cmake/KVXMOM)
 
-install(TARGETS KVXFoundation KVXRv KVXMOM EXPORT KVXMOMTargets
+install(TARGETS KVXFoundation KVXRv KVXMOM KVXClient EXPORT KVXMOMTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS rvd kvx rva RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 if(KVX_BUILD_EXAMPLES)
@@ -14,7 +14,7 @@ endif()
 
 # Headers for users: the umbrellas and what they include, directly or not. All others are internal.
 include(KvxPublicHeaders)
-kvx_public_headers(public_headers foundation/foundation.h rv/rv.h mom/mom.h)
+kvx_public_headers(public_headers foundation/foundation.h rv/rv.h mom/mom.h kvx/kvx.h)
 foreach(header IN LISTS public_headers)
     cmake_path(GET header PARENT_PATH room)
     kvx_header_file(source ${header})

@@ -33,6 +33,7 @@ const std::map<std::string, Rooms>& allowedRooms() {
         return all;
     }();
     static const Rooms libraries = with(belowMomAndMom, {"mom"});
+    static const Rooms withKvx = with(libraries, {"kvx"});
     static const std::map<std::string, Rooms> table = {
         {"platform", {}},
         {"foundation", {"platform"}},
@@ -54,9 +55,10 @@ const std::map<std::string, Rooms>& allowedRooms() {
         {"mom/timed", with(belowMom, {"mom/base", "mom/engine"})},
         {"mom", belowMomAndMom},
         {"rvd", {"platform", "rv/message", "rv/error", "rv/wire"}},
-        {"tools", libraries},
-        {"rva", with(libraries, {"tools"})},
-        {"examples", libraries},
+        {"kvx", libraries},
+        {"tools", withKvx},
+        {"rva", with(withKvx, {"tools"})},
+        {"examples", withKvx},
     };
     return table;
 }

@@ -99,12 +99,17 @@ EVekTransHdr CVekQryInfo::RQIVersion() {
     return static_cast<EVekTransHdr>(version);
 }
 
+RvMsg CVekQryInfo::RQIMessage(const char* oql) {
+    RvMsg message(kInitialMessageSize);
+    message.append(kTextField, oql);
+    message.append(kVersionField, static_cast<unsigned short>(VEK_TRANS_V1));
+    return message;
+}
+
 int CVekQryInfo::RQISendOQL(const char* oql, const char* subject, RvDataCallback* callback,
                             CVekEngine* engine, CVekRvNet* net, __boolean domainQualify) {
     if (oql == nullptr || subject == nullptr) return kvx::kMissingArgument;
-    auto message = std::make_unique<RvMsg>(kInitialMessageSize);
-    message->append(kTextField, oql);
-    message->append(kVersionField, static_cast<unsigned short>(VEK_TRANS_V1));
+    auto message = std::make_unique<RvMsg>(RQIMessage(oql));
     if (engine != nullptr) {
         return engine->REAddToSendQueue(subject, message.release(), callback, domainQualify);
     }

@@ -47,6 +47,9 @@ class KVX_API CVekQryInfo {
     static int RQISendOQL(const char* oql, const char* subject, RvDataCallback* callback,
                           CVekEngine* engine, CVekRvNet* net, __boolean domainQualify);
 
+    /// The message that asks for `oql`, with answers of version 1: what `RQISendOQL` sends.
+    static RvMsg RQIMessage(const char* oql);
+
     CVekString m_qrySubject;
     RvSender* m_replyTo;    // owned
     RvDatum* m_qryDatum;    // owned

@@ -22,6 +22,7 @@
 #include "mom/config/ReadConfiguration.h"
 #include "mom/net/CVekRvNetLines.h"
 #include "mom/net/DiesWithTimer.h"
+#include "mom/net/LoopPosts.h"
 #include "mom/net/LoopThread.h"
 #include "rv/wire/Limits.h"
 
@@ -87,6 +88,7 @@ struct CVekRvNet::Storage {
     std::unique_ptr<CVekTreeList> senders;
     std::unique_ptr<CVekTreeList> ioHandlers;
     std::vector<std::unique_ptr<RvIO>> strayHandlers;
+    std::shared_ptr<kvx::LoopPosts> posts;  // after the handler that watches its socket
     std::unique_ptr<CVekTreeList> listeners;
     std::unique_ptr<CVekStack> callbackStack;
     std::vector<std::unique_ptr<RvDataCallback>> callbacks;
@@ -264,6 +266,8 @@ void CVekRvNet::takeRequestQueue(Storage& dropped) {
     dropped.queueHandler = std::move(m_queueHandler);
     dropped.queueTimer = std::move(m_queueTimer);
     const CVekAutoMutex guard(m_requestMutex);
+    if (m_posts) m_posts->leaveHandlerToNet();
+    dropped.posts = std::move(m_posts);
     ++m_ends->queue;
     dropped.requests = std::move(m_requests);
     dropped.answers = std::move(m_answers);

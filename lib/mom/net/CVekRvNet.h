@@ -19,6 +19,10 @@
 #include "platform/Export.h"
 #include "rv/rv.h"
 
+namespace kvx {
+class LoopPosts;
+}  // namespace kvx
+
 /// The network object of the bus: the session, everything made from it, and the main loop.
 ///
 /// The thread that constructs the net is its *main thread*. Only it uses the bus; other threads get
@@ -103,6 +107,16 @@ class KVX_API CVekRvNet : public CVekNet {
 
     /// Leaves the main loop. Main thread, also inside a callback.
     void RRNStopLoop();
+
+    /// Lets `RRNPost` wake the main loop, until the session ends. -220440 when the system has no
+    /// sockets left, else as `RRNAddIOHandle`. Main thread.
+    int RRNAllowPosts();
+
+    /// Calls `work` on the main thread at the next turn of the main loop, in the order of posting;
+    /// what it posts itself waits for the turn after. It may do everything, and destroy the net;
+    /// what still waits when the session ends is dropped. -220544 before `RRNAllowPosts` and
+    /// without a session. Any thread.
+    int RRNPost(std::function<void()> work);
 
     // --- Subjects, services and sending --------------------------------------------------------
 
@@ -332,6 +346,8 @@ class KVX_API CVekRvNet : public CVekNet {
     std::unique_ptr<CVekRvQueueHandler> m_queueHandler;
 
   private:
+    std::shared_ptr<kvx::LoopPosts> m_posts;  // guarded by m_requestMutex
+
     // Guarded by m_requestMutex: answers not taken yet, except I/O handlers, which the net owns.
     std::map<int, RvSessionObject*> m_unclaimed;
     std::uint64_t m_askedQueue = 0;  // the generation of the queue that holds the current request

@@ -1,0 +1,117 @@
+#include "kvx/ClientLoop.h"
+
+#include <utility>
+
+#include "rv/session/rvSessionHooks.h"
+
+namespace kvx::detail {
+
+Result<> ClientLoop::start() {
+    std::promise<Result<>> started;
+    auto result = started.get_future();
+    try {
+        thread_ = std::thread([self = shared_from_this(), promise = std::move(started)]() mutable {
+            self->run(std::move(promise));
+        });
+    } catch (const std::system_error& error) {
+        return tl::unexpected(Error{Errc::NoMemory, error.what(), "starting the client's thread"});
+    }
+    return result.get();
+}
+
+void ClientLoop::end() {
+    if (!thread_.joinable()) return;
+    post([this] { net->RRNStopLoop(); });
+    isLoopThread() ? thread_.detach() : thread_.join();
+}
+
+bool ClientLoop::post(std::function<void()> work) {
+    const std::lock_guard guard(mutex_);
+    return open_ != nullptr && open_->RRNPost(std::move(work)) == kOk;
+}
+
+bool ClientLoop::perform(const std::function<void()>& work) {
+    if (isLoopThread()) {
+        work();
+        return true;
+    }
+    // What is dropped unrun breaks the promise, and the wait ends as well.
+    auto done = std::make_shared<std::promise<void>>();
+    auto whenDone = done->get_future();
+    const bool isPosted = post([&work, promise = std::move(done)] {
+        work();
+        promise->set_value();
+    });
+    if (!isPosted) return false;
+    whenDone.wait();
+    try {
+        whenDone.get();
+    } catch (const std::future_error&) {
+        return false;
+    }
+    return true;
+}
+
+std::string ClientLoop::inDomain(std::string_view subject) const {
+    std::string text(subject);
+    return options.domain.empty() ? text : text + "." + options.domain;
+}
+
+Result<> ClientLoop::connect() {
+    const auto latency = static_cast<unsigned long>(options.timeout.count());
+    net = std::make_unique<CVekClient>(latency, options.domain.c_str(), options.daemon);
+    const std::string tried = "connecting to the bus daemon at " + net->RRNAddress().daemon;
+    if (net->m_sessionUp != 1 || !net->m_session) {
+        return tl::unexpected(Error{Errc::NoDaemon, "nobody answers there", tried});
+    }
+    const rv_Session session = net->m_session->handle();
+    const auto lost = [](rv_Session, const void*, void* loop) {
+        static_cast<ClientLoop*>(loop)->changeConnection(false);
+        return 0;
+    };
+    const auto back = [](rv_Session, const void*, void* loop) {
+        static_cast<ClientLoop*>(loop)->changeConnection(true);
+        return 0;
+    };
+    if (net->RRNAllowPosts() != kOk || rv_AddHook(session, RV_HOOK_DISCONNECT, lost, this) != 0 ||
+        rv_AddHook(session, RV_HOOK_RECONNECT, back, this) != 0) {
+        return tl::unexpected(Error{Errc::NoMemory, "the loop cannot be woken", tried});
+    }
+    isConnected_ = rv_IsConnected(session);
+    return {};
+}
+
+void ClientLoop::run(std::promise<Result<>> started) {
+    auto connected = connect();
+    if (!connected) {
+        net.reset();
+        started.set_value(std::move(connected));
+        return;
+    }
+    {
+        const std::lock_guard guard(mutex_);
+        open_ = net.get();
+    }
+    started.set_value({});
+    net->RRNDoIt();
+    {
+        const std::lock_guard guard(mutex_);
+        open_ = nullptr;
+    }
+    isConnected_ = false;
+    failAll(Errc::Ended);
+    net.reset();
+}
+
+void ClientLoop::changeConnection(bool isThere) {
+    isConnected_ = isThere;
+    if (!isThere) failAll(Errc::Lost);
+    if (options.onConnection) options.onConnection(isThere);
+}
+
+void ClientLoop::failAll(Errc code) {
+    // Each one leaves the set when it fails.
+    while (!waiting.empty()) (*waiting.begin())->fail(code);
+}
+
+}  // namespace kvx::detail

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "kvx/Client.h"
+#include "mom/mom.h"
+
+namespace kvx::detail {
+
+/// The thread of a client: it makes the net, runs its loop and does what other threads post.
+///
+/// Shared by the client, its subscriptions and the thread itself. `net` is the loop thread's alone.
+class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
+  public:
+    /// Something that waits for an event of the loop, and fails when that does not come any more.
+    /// Loop thread only.
+    class Waiting {
+      public:
+        virtual ~Waiting() = default;
+        virtual void fail(Errc code) = 0;
+    };
+
+    explicit ClientLoop(Client::Options given) : options(std::move(given)) {}
+
+    /// Starts the thread and connects.
+    Result<> start();
+
+    /// Ends the loop and waits for the thread, unless called on it.
+    void end();
+
+    /// Has `work` done on the loop thread; false when the loop has ended, and then never.
+    bool post(std::function<void()> work);
+
+    /// Does `work` on the loop thread and waits for it; at once when called there.
+    bool perform(const std::function<void()>& work);
+
+    [[nodiscard]] bool isLoopThread() const {
+        return std::this_thread::get_id() == thread_.get_id();
+    }
+    [[nodiscard]] bool isConnected() const { return isConnected_; }
+    [[nodiscard]] std::string inDomain(std::string_view subject) const;
+
+    const Client::Options options;
+
+    // Loop thread only.
+    std::unique_ptr<CVekClient> net;
+    std::set<Waiting*> waiting;
+
+  private:
+    void run(std::promise<Result<>> started);
+    [[nodiscard]] Result<> connect();
+    void changeConnection(bool isThere);
+    void failAll(Errc code);
+
+    std::thread thread_;
+    std::atomic<bool> isConnected_{false};
+    std::mutex mutex_;
+    CVekClient* open_ = nullptr;  // guarded by mutex_; null before the start and after the end
+};
+
+}  // namespace kvx::detail

@@ -1,0 +1,384 @@
+// The way of a question: the main thread takes it off the bus. The active member hands it to the
+// pool, whose thread answers into the engine's send queue; a standby holds it until it is too old
+// or the member becomes active. Bus objects never leave the main thread: what travels to the pool
+// is the question's text and the name of the subject that the answer goes to.
+
+#include "kvx/Service.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "kvx/HeldQuestions.h"
+#include "mom/mom.h"
+#include "platform/Memory.h"
+
+namespace kvx {
+
+namespace {
+
+constexpr int kMostQuestions = 1000;  // that may wait for a thread
+constexpr std::chrono::milliseconds kRoomPoll{20};
+constexpr std::chrono::seconds kForTheQueue{5};
+constexpr std::size_t kMostText = std::size_t{1} << 20U;  // bytes of a question
+
+struct Asked {
+    std::string text;
+    std::string replySubject;
+    EVekTransHdr version = VEK_TRANS_V0;
+};
+
+// A name that the system does not know joins its group all the same: the kind itself is not told.
+__serv_types kindOf(const ServiceName& name, const Service::Options& options) {
+    if (options.group.empty()) return SERV_UNKNOWN;
+    const __serv_types known = CVekServiceToSubjectMapper::ServiceStringToEnum(name.text().c_str());
+    return known != SERV_UNKNOWN ? known : SERV_HELPER;
+}
+
+}  // namespace
+
+// --- One answer --------------------------------------------------------------------------------
+
+class Reply::State {
+  public:
+    State(CVekEngine& engine, EVekTransHdr version) : engine_(engine), version_(version) {}
+
+    void add(const Record& record) {
+        transport_->RTAddRecord(&record.base());
+        transport_->RTPreparePayloads(version_);
+        ++rows_;
+    }
+
+    void refuse(const Record& reason) {
+        transport_.emplace(&engine_);
+        add(reason);
+        status_ = STORE_PERMISSION_DENIED;
+    }
+
+    [[nodiscard]] bool isRefused() const { return status_ == STORE_PERMISSION_DENIED; }
+    [[nodiscard]] bool isLong() const { return isLongAnswer(version_, rows_); }
+
+    void send(const std::string& replySubject) {
+        transport_->RTSetError(rows_ == 0 ? STORE_ZERO_MATCHES : status_);
+        transport_->RTSetDestinationOnSubject(replySubject.c_str());
+        if (rows_ == 0) {
+            transport_->RTNilResults();
+        } else {
+            transport_->RTCreatePackets(version_, true);
+        }
+        transport_->RTSendAll(false);
+    }
+
+  private:
+    CVekEngine& engine_;
+    const EVekTransHdr version_;
+    std::optional<CVekTransport> transport_{&engine_};
+    std::uint64_t rows_ = 0;
+    EVekStoreErrorStatus status_ = STORE_COMPLETE;
+};
+
+void Reply::row(const Record& record) {
+    if (!state_.isRefused()) state_.add(record);
+}
+
+void Reply::refuse(std::string_view why, int position) {
+    if (state_.isRefused()) return;
+    Record reason{{"error", why}};
+    if (position > 0) static_cast<void>(reason.set("position", position));
+    state_.refuse(reason);
+}
+
+// --- The service -------------------------------------------------------------------------------
+
+class Service::Impl : public RvDataCallback {
+  public:
+    Impl(const ServiceName& name, Options options)
+        : name_(name),
+          options_(std::move(options)),
+          engine_(options_.tier, options_.group.c_str(), options_.domain.c_str(),
+                  kindOf(name_, options_), options_.daemon) {}
+
+    ~Impl() override { endPool(); }
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    Result<> connect() {
+        const std::string tried = "connecting to the bus daemon at " + engine_.RRNAddress().daemon;
+        if (engine_.m_sessionUp != 1) {
+            return tl::unexpected(Error{Errc::NoDaemon, "nobody answers there", tried});
+        }
+        if (engine_.RRNAllowPosts() != kOk || engine_.RESendPromptly() != kOk) {
+            return tl::unexpected(Error{Errc::NoMemory, "the loop cannot be woken", tried});
+        }
+        engine_.RESetMaxSendRate(options_.sendRate);
+        return {};
+    }
+
+    // --- Main thread ---
+
+    std::function<void(const Question&, Reply&)> answer;
+    std::function<void(bool)> role;
+
+    Result<> listen(std::string_view subject, std::function<void(const Message&)> received) {
+        const std::string on(subject);
+        auto listener = std::make_unique<MessageListener>(std::move(received));
+        if (engine_.RRNAddService(on.c_str(), listener.get()) != kOk) {
+            return tl::unexpected(Error{Errc::InvalidArgument, "no subject that can be listened on",
+                                        "listen on " + on});
+        }
+        listeners_.push_back(std::move(listener));
+        return {};
+    }
+
+    int run() {
+        if (answer && !startAnswering()) return 1;
+        engine_.RRNSetPostInitFns([this] {
+            engine_.RESetRoleCallback([this](bool active) { roleChanged(active); });
+            roleChanged(engine_.REIsActive() == TRUE);
+        });
+        CVekEnv environment;
+        if (options_.beats) {
+            engine_.REStartHeartBeat(name_.text().c_str(), options_.domain.c_str(), &environment);
+        }
+        if (options_.group.empty()) engine_.RESetActive();
+        CMOMSignalHandler signals;
+        signals.manage(&engine_, [this] { engine_.RRNStopLoop(); });
+        engine_.REDoIt();
+        signals.stop();
+        return leave();
+    }
+
+    void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
+                RvListener* listener) override {
+        if (replyTo == nullptr) return;
+        int status = kOk;
+        CVekQryInfo info(subject, engine_.RRNNewSender(&status, replyTo->subject(), nullptr), data,
+                         listener);
+        const Text text(info.RQIQuery());
+        if (!text) return;
+        Asked asked{{text.get(), strnlen(text.get(), kMostText)},
+                    replyTo->subject(),
+                    info.RQIVersion() == VEK_TRANS_V1 ? VEK_TRANS_V1 : VEK_TRANS_V0};
+        if (engine_.REIsActive() == TRUE) {
+            answerLater(std::move(asked));
+        } else {
+            held_.hold(std::move(asked), std::chrono::steady_clock::now());
+        }
+    }
+
+    // --- Any thread ---
+
+    Result<> notify(std::span<const Record> records) {
+        const std::string tried = "notify on " + name_.notifySubject();
+        if (name_.notifySubject().empty()) {
+            return tl::unexpected(Error{Errc::InvalidArgument, "it tells no changes", tried});
+        }
+        if (engine_.RESendQueueLength() >= options_.mostWaiting) {
+            return tl::unexpected(Error{Errc::QueueFull, {}, tried});
+        }
+        if (records.empty()) return {};
+        CVekTransport transport(&engine_);
+        for (const Record& record : records) transport.RTAddRecord(&record.base());
+        transport.RTSetDestination(name_.notifySubject().c_str());
+        transport.RTCreatePackets(VEK_TRANS_V0, true);
+        transport.RTSendAll(false);
+        return {};
+    }
+
+    Result<> post(std::function<void()> work) {
+        if (engine_.RRNPost(std::move(work)) == kOk) return {};
+        return tl::unexpected(Error{Errc::Ended, {}, "post"});
+    }
+
+    [[nodiscard]] bool isActive() { return engine_.REIsActive() == TRUE; }
+
+    void stop() {
+        engine_.RRNPost([this] { engine_.RRNStopLoop(); });
+    }
+
+  private:
+    class MessageListener : public RvDataCallback {
+      public:
+        explicit MessageListener(std::function<void(const Message&)> received)
+            : received_(std::move(received)) {}
+        void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
+            if (data.type() == RVMSG_MSG) received_(Message(static_cast<const RvMsg&>(data)));
+        }
+
+      private:
+        const std::function<void(const Message&)> received_;
+    };
+
+    // Hears which long answers other members have begun.
+    class BegunListener : public RvDataCallback {
+      public:
+        explicit BegunListener(HeldQuestions<Asked>& held) : held_(held) {}
+        void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
+            held_.forget(readBegun(data));
+        }
+
+      private:
+        HeldQuestions<Asked>& held_;
+    };
+
+    bool startAnswering() {
+        const Text subject(engine_.RRNDomainSubj(name_.querySubject().c_str()));
+        if (!subject) return false;
+        begunSubject_ = begunSubject(subject.get());
+        pool_ = std::make_unique<CVekServPool>(std::max(options_.threads, 1), this);
+        pool_->RSPLaunchThreads(answerOne);
+        return (options_.group.empty() ||
+                engine_.RRNAddExService(begunSubject_.c_str(), &begunListener_) == kOk) &&
+               engine_.RRNAddService(name_.querySubject().c_str(), this) == kOk;
+    }
+
+    void roleChanged(bool active) {
+        if (active) {
+            for (Asked& asked : held_.take(std::chrono::steady_clock::now())) {
+                answerLater(std::move(asked));
+            }
+        }
+        if (role) role(active);
+    }
+
+    void answerLater(Asked asked) {
+        if (waiting_ >= kMostQuestions) {
+            Reply::State refusal(engine_, asked.version);
+            refusal.refuse(Record{{"error", "too many questions are waiting"}});
+            return refusal.send(asked.replySubject);
+        }
+        auto item = std::make_unique<Asked>(std::move(asked));
+        if (pool_->RSPAddWorkDetail(item.get()) != kOk) return;
+        static_cast<void>(item.release());
+        ++waiting_;
+    }
+
+    static void answerOne(void* item, void* context) {
+        const std::unique_ptr<Asked> asked(static_cast<Asked*>(item));
+        auto& service = *static_cast<Impl*>(context);
+        service.answerQuestion(*asked);
+        --service.waiting_;
+    }
+
+    void answerQuestion(const Asked& asked) {
+        while (!stopping_ && engine_.RESendQueueLength() > options_.mostWaiting) {
+            VekSleep(static_cast<unsigned>(kRoomPoll.count()));
+        }
+        Reply::State state(engine_, asked.version);
+        Reply reply(state);
+        answer({asked.text, asked.replySubject}, reply);
+        // Once the member leaves, the next one answers.
+        const std::lock_guard guard(gate_);
+        if (stopping_) return;
+        if (!options_.group.empty() && state.isLong()) {
+            tellBegun(engine_, begunSubject_, asked.replySubject);
+        }
+        state.send(asked.replySubject);
+    }
+
+    // What is queued goes out, then the group hears that another member is to answer.
+    int leave() {
+        engine_.RESetRoleCallback({});
+        {
+            const std::lock_guard guard(gate_);
+            stopping_ = true;
+        }
+        engine_.RESetInActive();
+        int unsent = 0;
+        const auto end = std::chrono::steady_clock::now() + kForTheQueue;
+        while (const auto item = std::unique_ptr<CVekSendQueueItem>(engine_.RENextSendItem())) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                  end - std::chrono::steady_clock::now())
+                                  .count();
+            item->RSQIDeQueueIt();
+            const auto patience = static_cast<unsigned long>(std::max<long long>(left, 0));
+            if (rv_Flush(engine_.m_session->handle(), patience) != 0) ++unsent;
+        }
+        engine_.RELeaveGroup();
+        endPool();
+        return unsent == 0 ? 0 : 1;
+    }
+
+    void endPool() {
+        stopping_ = true;
+        if (!pool_) return;
+        pool_->RSPStopThreads();
+        while (void* item = pool_->RSPTakeWorkDetail()) delete static_cast<Asked*>(item);
+        pool_.reset();
+    }
+
+    const ServiceName name_;
+    const Options options_;
+    std::string begunSubject_;
+
+    // Main thread only.
+    HeldQuestions<Asked> held_;
+    BegunListener begunListener_{held_};
+    std::vector<std::unique_ptr<MessageListener>> listeners_;
+
+    std::mutex gate_;  // held while an answer is queued
+    std::atomic<bool> stopping_{false};
+    std::atomic<int> waiting_{0};
+
+    CVekEngine engine_;
+    std::unique_ptr<CVekServPool> pool_;  // its threads end before anything they use
+};
+
+Service::Service(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+Service::Service(Service&&) noexcept = default;
+Service& Service::operator=(Service&&) noexcept = default;
+Service::~Service() = default;
+
+Result<Service> Service::open(const ServiceName& name, Options options) {
+    auto impl = std::make_unique<Impl>(name, std::move(options));
+    if (auto connected = impl->connect(); !connected) {
+        return tl::unexpected(std::move(connected.error()));
+    }
+    return Service(std::move(impl));
+}
+
+Result<Service> Service::open(std::string_view name) {
+    const auto known = ServiceName::of(name);
+    if (!known) return tl::unexpected(known.error());
+    return open(*known, Options());
+}
+
+void Service::onQuery(std::function<void(const Question&, Reply&)> answer) {
+    impl_->answer = std::move(answer);
+}
+
+void Service::onRole(std::function<void(bool active)> changed) {
+    impl_->role = std::move(changed);
+}
+
+Result<> Service::onMessage(std::string_view subject,
+                            std::function<void(const Message&)> received) {
+    return impl_->listen(subject, std::move(received));
+}
+
+Result<> Service::notify(std::span<const Record> records) {
+    return impl_->notify(records);
+}
+
+Result<> Service::post(std::function<void()> work) {
+    return impl_->post(std::move(work));
+}
+
+bool Service::isActive() const {
+    return impl_->isActive();
+}
+
+int Service::run() {
+    return impl_->run();
+}
+
+void Service::stop() {
+    impl_->stop();
+}
+
+}  // namespace kvx

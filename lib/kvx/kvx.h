@@ -1,0 +1,10 @@
+#pragma once
+
+/// Everything of the room: services and clients in a few lines.
+#include "kvx/Client.h"
+#include "kvx/Error.h"
+#include "kvx/Message.h"
+#include "kvx/Record.h"
+#include "kvx/Service.h"
+#include "kvx/ServiceName.h"
+#include "kvx/Value.h"

@@ -1,0 +1,66 @@
+#include "mom/net/LoopPosts.h"
+
+#include <array>
+#include <cstddef>
+
+#include "mom/base/VekCodes.h"
+#include "mom/net/CVekRvNet.h"
+
+namespace kvx {
+
+LoopPosts::~LoopPosts() {
+    if (m_isWatching) m_net.RRNRemoveIO(handle());
+}
+
+int LoopPosts::start() {
+    const int added = m_net.RRNAddIOHandle(handle(), TRUE, FALSE, FALSE, this);
+    m_isWatching = added == kOk;
+    return added;
+}
+
+void LoopPosts::post(std::function<void()> work) {
+    {
+        const std::lock_guard guard(m_mutex);
+        m_waiting.push_back(std::move(work));
+        if (m_waiting.size() > 1) return;  // the loop has been woken and not looked yet
+    }
+    constexpr std::array<std::byte, 1> kByte{};
+    platform::sendSome(m_sockets.second.get(), kByte);
+}
+
+void LoopPosts::onIO(RvIO*) {
+    std::array<std::byte, 8> taken{};
+    platform::receiveSome(m_sockets.first.get(), taken);
+    std::deque<std::function<void()>> due;
+    {
+        const std::lock_guard guard(m_mutex);
+        due.swap(m_waiting);
+    }
+    // Work may end the session or the net, and this object with them.
+    const NetWatch watch = m_net.watch();
+    for (const auto& work : due) {
+        if (!watch.storageStands()) return;
+        work();
+    }
+}
+
+}  // namespace kvx
+
+int CVekRvNet::RRNAllowPosts() {
+    int error = 0;
+    auto sockets = kvx::platform::createSocketPair(error);
+    if (error != 0) return kvx::kInternalFailure;
+    auto posts = std::make_shared<kvx::LoopPosts>(*this, std::move(sockets));
+    const int started = posts->start();
+    if (started != kvx::kOk) return started;
+    const CVekAutoMutex guard(m_requestMutex);
+    m_posts.swap(posts);
+    return kvx::kOk;
+}
+
+int CVekRvNet::RRNPost(std::function<void()> work) {
+    const CVekAutoMutex guard(m_requestMutex);
+    if (!m_posts) return kvx::kNoSession;
+    m_posts->post(std::move(work));
+    return kvx::kOk;
+}
