@@ -22,6 +22,11 @@ Result<> ClientLoop::start() {
 void ClientLoop::end() {
     if (!thread_.joinable()) return;
     post([this] { net->RRNStopLoop(); });
+    {
+        // At once also while the loop waits for the daemon to come back.
+        const std::lock_guard guard(mutex_);
+        if (open_ != nullptr && !isLoopThread()) rvevm_Stop(manager_);
+    }
     isLoopThread() ? thread_.detach() : thread_.join();
 }
 
@@ -91,6 +96,7 @@ void ClientLoop::run(std::promise<Result<>> started) {
     {
         const std::lock_guard guard(mutex_);
         open_ = net.get();
+        manager_ = rv_EventManager(net->m_session->handle());
     }
     started.set_value({});
     net->RRNDoIt();

@@ -63,7 +63,9 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
     std::thread thread_;
     std::atomic<bool> isConnected_{false};
     std::mutex mutex_;
-    CVekClient* open_ = nullptr;  // guarded by mutex_; null before the start and after the end
+    // Guarded by mutex_; null before the start and after the end.
+    CVekClient* open_ = nullptr;
+    rvevm_Manager manager_ = nullptr;
 };
 
 }  // namespace kvx::detail

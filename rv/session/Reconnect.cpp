@@ -14,6 +14,7 @@
 #include "platform/Clock.h"
 #include "platform/Signals.h"
 #include "rv/error/rvCodes.h"
+#include "rv/event/EventManagerExtras.h"
 #include "rv/session/SessionParts.h"
 
 namespace kvx::session {
@@ -76,7 +77,9 @@ void onPeerGone(ipq_Queue /*queue*/, ipq_State /*state*/, void* closure) {
 }  // namespace
 
 bool isCutShort(const SessionState& session) {
-    return session.roundBegin && platform::lastSignalMs() > *session.roundBegin - kCutShortMs;
+    if (!session.roundBegin) return false;
+    return platform::lastSignalMs() > *session.roundBegin - kCutShortMs ||
+           !event::isLooping(session.manager);
 }
 
 void watchLink(SessionState& session) {

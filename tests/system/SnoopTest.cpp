@@ -58,11 +58,11 @@ TEST_F(SnoopTest, ShowsTheRowsThatASourceChanges) {
     EXPECT_NE(json->awaitOutput(R"({"name":"b","ports":21}})"), "") << "changed while it was away";
 }
 
-TEST_F(SnoopTest, LeavesAfterSoManyRowsAndRefusesUnknownServices) {
+TEST_F(SnoopTest, LeavesAfterSoManyRowsAndRefusesWhatIsNoService) {
     const auto snoop = startSnoop({"--count", "1"});
     EXPECT_EQ(snoop->wait(), 0);
     EXPECT_NE(snoop->output().find(" - - m=1\n"), std::string::npos) << snoop->output();
-    EXPECT_EQ(bus_.kvx({"snoop", "Modell"}).status, 2);
+    EXPECT_EQ(bus_.kvx({"snoop", "Mod.ell"}).status, 2);
     EXPECT_NE(bus_.kvx({"snoop", "JubGate"}).errors.find("publishes no changes"),
               std::string::npos);
 }

@@ -8,6 +8,7 @@
 #include <optional>
 #include <utility>
 
+#include "kvx/ServiceName.h"
 #include "platform/File.h"
 #include "platform/Memory.h"
 #include "platform/Text.h"
@@ -122,8 +123,12 @@ int showSilence(const QueryOptions& options, bus::Client& client, const Query& q
         bus::complain(fmt::format("no answer from {} without the bus daemon at {}", options.service,
                                   client.daemon()));
     } else if (query.totals().packets == 0) {
-        bus::complain(fmt::format("no answer from {} within {:g} s", options.service,
-                                  options.timeoutSeconds));
+        const bool isKnown = CVekServiceToSubjectMapper::ServiceStringToEnum(
+                                 options.service.c_str()) != SERV_UNKNOWN;
+        bus::complain(fmt::format(
+            "no answer from {} within {:g} s{}", options.service, options.timeoutSeconds,
+            isKnown ? ""
+                    : "; in the system's table no service is named '" + options.service + "'"));
     } else {
         bus::complain(fmt::format("the answer of {} stopped after {}", options.service,
                                   plural(query.totals().packets, "packet")));
@@ -134,10 +139,9 @@ int showSilence(const QueryOptions& options, bus::Client& client, const Query& q
 }  // namespace
 
 int query(const QueryOptions& options) {
-    const __serv_types type =
-        CVekServiceToSubjectMapper::ServiceStringToEnum(options.service.c_str());
-    if (type == SERV_UNKNOWN) {
-        bus::complain("no service is named '" + options.service + "'");
+    const auto service = ServiceName::of(options.service);
+    if (!service) {
+        bus::complain(service.error().message());
         return kUsage;
     }
     const auto timeoutMs = static_cast<unsigned long>(options.timeoutSeconds * 1000);
@@ -153,8 +157,7 @@ int query(const QueryOptions& options) {
             return fmt::format("waiting for {}, {} so far", options.service,
                                plural(question.totals().packets, "packet"));
         });
-        const char* subject = CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(type);
-        isAsked = question.ask(subject, options.text);
+        isAsked = question.ask(service->querySubject(), options.text);
         if (!isAsked) client.leave(kFailure);
     });
     progress.reset();

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <thread>
 
+#include "kvx/ServiceName.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
@@ -78,19 +79,17 @@ int follow(bus::Client& client, const SnoopOptions& options, const char* subject
 }  // namespace
 
 int snoop(const SnoopOptions& options) {
-    const __serv_types type =
-        CVekServiceToSubjectMapper::ServiceStringToEnum(options.service.c_str());
-    if (type == SERV_UNKNOWN) {
-        bus::complain("no service is named '" + options.service + "'");
+    const auto service = ServiceName::of(options.service);
+    if (!service) {
+        bus::complain(service.error().message());
         return kUsage;
     }
-    const std::string subject = CVekServiceToSubjectMapper::ServiceEnumToNotifySubject(type);
-    if (subject.empty()) {
+    if (service->notifySubject().empty()) {
         bus::complain("the service '" + options.service + "' publishes no changes");
         return kUsage;
     }
     bus::Client client(options.connection);
-    return client.isUp() ? follow(client, options, subject.c_str()) : kFailure;
+    return client.isUp() ? follow(client, options, service->notifySubject().c_str()) : kFailure;
 }
 
 }  // namespace kvx::tool

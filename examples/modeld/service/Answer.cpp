@@ -8,8 +8,8 @@
 
 #include "examples/modeld/oql/Parse.h"
 #include "examples/modeld/service/BatchBuilder.h"
-#include "examples/modeld/service/HeldQuestions.h"
 #include "examples/modeld/service/RowRecord.h"
+#include "kvx/HeldQuestions.h"
 
 namespace modeld {
 
@@ -93,7 +93,9 @@ Verdict answer(CVekEngine& engine, Store& store, const Question& question, SendG
         verdict.isProbe = query.limit == 0;
     }
     gate.pass([&] {
-        if (isLongAnswer(question.version, verdict.rows)) tellBegun(engine, question);
+        if (!question.begunSubject.empty() && kvx::isLongAnswer(question.version, verdict.rows)) {
+            kvx::tellBegun(engine, question.begunSubject, question.replySubject);
+        }
         send(transport, question, verdict);
     });
     return verdict;

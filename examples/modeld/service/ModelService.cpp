@@ -5,7 +5,7 @@
 // answer.
 //
 // A question may be answered twice, by a member that ends and by its successor, but only if the
-// answer is one packet: see HeldQuestions.cpp.
+// answer is one packet: see kvx/HeldQuestions.h.
 
 #include "examples/modeld/service/ModelService.h"
 
@@ -84,7 +84,7 @@ bool ModelService::start(std::string& reason) {
     if (engine_.RESendPromptly() != 1) Log::warning("answers wait for the tick of the send queue");
     pool_ = std::make_unique<CVekServPool>(settings_.threads, this);
     pool_->RSPLaunchThreads(answerOne);
-    const std::string begun = begunSubject(querySubject());
+    const std::string begun = kvx::begunSubject(querySubject());
     const char* subject = CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(settings_.type);
     if ((settings_.standalone || engine_.RRNAddExService(begun.c_str(), &begunListener_) == 1) &&
         engine_.RRNAddService(subject, this) == 1) {
@@ -111,7 +111,7 @@ void ModelService::roleChanged(bool active) {
     }
     const std::chrono::duration<double> age = std::chrono::steady_clock::now() - begin_;
     Log::info("answering on {} (active after {:.1f} s)", querySubject(), age.count());
-    auto questions = held_.take(HeldQuestions::Clock::now());
+    auto questions = held_.take(std::chrono::steady_clock::now());
     if (!questions.empty()) Log::info("questions held meanwhile: {}", questions.size());
     for (Question& question : questions) answerLater(std::move(question));
 }
@@ -128,7 +128,7 @@ void ModelService::onData(const char* subject, RvSender* replyTo, const RvDatum&
     Question question;
     question.replySubject = replyTo->subject();
     question.version = info.RQIVersion() == VEK_TRANS_V1 ? VEK_TRANS_V1 : VEK_TRANS_V0;
-    if (!settings_.standalone) question.begunSubject = begunSubject(querySubject());
+    if (!settings_.standalone) question.begunSubject = kvx::begunSubject(querySubject());
     const kvx::Text text(info.RQIQuery());
     const bool active = engine_.REIsActive() == TRUE;
     if (text) question.text = textOf(text.get());
@@ -137,12 +137,12 @@ void ModelService::onData(const char* subject, RvSender* replyTo, const RvDatum&
     } else if (active) {
         answerLater(std::move(question));
     } else {
-        held_.hold(std::move(question), HeldQuestions::Clock::now());
+        held_.hold(std::move(question), std::chrono::steady_clock::now());
     }
 }
 
 void ModelService::BegunListener::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
-    held_.forget(readBegun(data));
+    held_.forget(kvx::readBegun(data));
 }
 
 void ModelService::answerLater(Question question) {

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "examples/modeld/service/Answer.h"
-#include "examples/modeld/service/HeldQuestions.h"
 #include "examples/modeld/store/Store.h"
+#include "kvx/HeldQuestions.h"
 #include "mom/mom.h"
 
 namespace modeld {
@@ -70,12 +70,12 @@ class ModelService : public RvDataCallback {
     // Receives the notices of long answers of other members.
     class BegunListener : public RvDataCallback {
       public:
-        explicit BegunListener(HeldQuestions& held) : held_(held) {}
+        explicit BegunListener(kvx::HeldQuestions<Question>& held) : held_(held) {}
         void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
                     RvListener* listener) override;
 
       private:
-        HeldQuestions& held_;
+        kvx::HeldQuestions<Question>& held_;
     };
 
     [[nodiscard]] bool openStores(std::string& reason);
@@ -99,7 +99,7 @@ class ModelService : public RvDataCallback {
     SendGate gate_;
 
     // Main thread only.
-    HeldQuestions held_;
+    kvx::HeldQuestions<Question> held_;
     BegunListener begunListener_{held_};
 
     // Guarded by storesMutex_: connections not in use.

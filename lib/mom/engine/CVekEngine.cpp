@@ -58,7 +58,6 @@ void CVekEngine::build(int tierNo, kvx::Text groupBase, __serv_types serviceType
 
 CVekEngine::~CVekEngine() {
     kvx::trace(kvx::kTraceCalls, "CVekEngine::~CVekEngine\n");
-    m_promptSender.reset();
     while (CVekSendQueueItem* const unsent = RENextSendItem()) delete unsent;
     m_sendTimer.reset();
     m_hbTimer.reset();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -172,7 +173,6 @@ class KVX_API CVekEngine : public CVekRvNet {
 
   private:
     friend class CVekInitTimedClb;
-    class PromptSender;
 
     RvSender* RENewSender(const char* subject, __boolean domainQualify);
     RvSender* RENewSenderOnSubject(const char* subject);
@@ -203,6 +203,8 @@ class KVX_API CVekEngine : public CVekRvNet {
     void setActive(__boolean active);
     void tellRole();
     bool isTicking() const;
+    void sendPromptly();
+    void beginTickByClock();
     unsigned long itemsPerTick();
     int push(CVekSendQueueItem* item, int (CVekStack::*where)(void*));
 
@@ -216,7 +218,11 @@ class KVX_API CVekEngine : public CVekRvNet {
     bool m_toldActive = false;
     unsigned long m_sentInTick = 0;  // items of the queue, promptly or by the tick itself
 
-    std::shared_ptr<PromptSender> m_promptSender;  // guarded by m_requestMutex
+    std::chrono::steady_clock::time_point m_tickBegin;  // without the queue's timer
+
+    // Guarded by m_requestMutex.
+    bool m_sendsPromptly = false;
+    bool m_isDrainPosted = false;
 };
 
 /// The group's action callback: makes the engine of `engine` primary (action 2) or backup (3).

@@ -6,14 +6,10 @@
 //
 // Rate: in the time of a tick (100 ms) at most a tenth of the send rate is sent, by the tick
 // (CVekInitTimedClb.cpp) and by prompt sending together: both count in m_sentInTick. Prompt sending
-// wakes the main loop with a byte through a socket pair. One byte is enough for any number of
-// items: it is read before the queue.
+// posts one drain to the main loop for any number of items.
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <limits>
 #include <string_view>
 #include <utility>
@@ -23,7 +19,6 @@
 #include "mom/engine/CVekEngineLines.h"
 #include "mom/engine/VekSubjects.h"
 #include "mom/transport/TransportPayload.h"
-#include "platform/Socket.h"
 
 namespace engine = kvx::engine;
 
@@ -51,84 +46,43 @@ constexpr unsigned long kTicksPerSecond = 1000 / engine::kTick;
 
 }  // namespace
 
-/// Sends queued items when woken, within the share of one tick.
-class CVekEngine::PromptSender : public RvIOCallback {
-  public:
-    using Sockets = std::pair<kvx::platform::Socket, kvx::platform::Socket>;
-
-    PromptSender(CVekEngine& engine, Sockets sockets)
-        : m_engine(engine), m_sockets(std::move(sockets)) {}
-    ~PromptSender() override {
-        if (m_isWatching) m_engine.RRNRemoveIO(handle());
-    }
-    PromptSender(const PromptSender&) = delete;
-    PromptSender& operator=(const PromptSender&) = delete;
-
-    int start() {
-        const int added = m_engine.RRNAddIOHandle(handle(), TRUE, FALSE, FALSE, this);
-        m_isWatching = added == kvx::kOk;
-        return added;
-    }
-
-    /// Any thread.
-    void wake() {
-        if (m_isAwake.exchange(true)) return;
-        constexpr std::array<std::byte, 1> kByte{};
-        kvx::platform::sendSome(m_sockets.second.get(), kByte);
-    }
-
-    void onIO(RvIO*) override {
-        std::array<std::byte, 8> taken{};
-        kvx::platform::receiveSome(m_sockets.first.get(), taken);
-        m_isAwake = false;
-        if (!m_engine.isTicking()) beginTickByClock();
-        unsigned long waitingBytes = 0;
-        rv_Pending(m_engine.m_session->handle(), nullptr, &waitingBytes);
-        if (waitingBytes > kMostOnLink) return;
-        // A send may end the session or destroy the engine, and this object with it.
-        const kvx::NetWatch watch = m_engine.watch();
-        const unsigned long share = m_engine.itemsPerTick();
-        while (watch.storageStands() && m_engine.m_sentInTick < share) {
-            const std::unique_ptr<CVekSendQueueItem> item(m_engine.RENextSendItem());
-            if (!item) return;
-            ++m_engine.m_sentInTick;
-            item->RSQIDeQueueIt();
-        }
-    }
-
-  private:
-    using Clock = std::chrono::steady_clock;
-
-    // Without the queue's timer the time of a tick begins with the first send after the last one.
-    void beginTickByClock() {
-        const auto now = Clock::now();
-        if (now - m_tickBegin < std::chrono::milliseconds(engine::kTick)) return;
-        m_tickBegin = now;
-        m_engine.m_sentInTick = 0;
-    }
-
-    unsigned int handle() const { return static_cast<unsigned int>(m_sockets.first.get()); }
-
-    CVekEngine& m_engine;
-    const Sockets m_sockets;  // read by the main loop, written by any thread
-    std::atomic<bool> m_isAwake{false};
-
-    // Main thread only.
-    bool m_isWatching = false;
-    Clock::time_point m_tickBegin;
-};
-
 int CVekEngine::RESendPromptly() {
-    int error = 0;
-    auto sockets = kvx::platform::createSocketPair(error);
-    if (error != 0) return kvx::kInternalFailure;
-    auto sender = std::make_shared<PromptSender>(*this, std::move(sockets));
-    const int started = sender->start();
-    if (started != kvx::kOk) return started;
-    sender->wake();  // for items queued already
-    const CVekAutoMutex guard(m_requestMutex);
-    m_promptSender.swap(sender);
-    return kvx::kOk;
+    const int allowed = RRNAllowPosts();
+    if (allowed != kvx::kOk) return allowed;
+    {
+        const CVekAutoMutex guard(m_requestMutex);
+        m_sendsPromptly = true;
+        m_isDrainPosted = true;
+    }
+    return RRNPost([this] { sendPromptly(); });  // for items queued already
+}
+
+void CVekEngine::sendPromptly() {
+    {
+        const CVekAutoMutex guard(m_requestMutex);
+        m_isDrainPosted = false;
+    }
+    if (!isTicking()) beginTickByClock();
+    unsigned long waitingBytes = 0;
+    rv_Pending(m_session->handle(), nullptr, &waitingBytes);
+    if (waitingBytes > kMostOnLink) return;
+    // A send may end the session or destroy the engine.
+    const kvx::NetWatch net = watch();
+    const unsigned long share = itemsPerTick();
+    while (net.storageStands() && m_sentInTick < share) {
+        const std::unique_ptr<CVekSendQueueItem> item(RENextSendItem());
+        if (!item) return;
+        ++m_sentInTick;
+        item->RSQIDeQueueIt();
+    }
+}
+
+// Without the queue's timer the time of a tick begins with the first send after the last one.
+void CVekEngine::beginTickByClock() {
+    const auto now = std::chrono::steady_clock::now();
+    if (now - m_tickBegin < std::chrono::milliseconds(engine::kTick)) return;
+    m_tickBegin = now;
+    m_sentInTick = 0;
 }
 
 bool CVekEngine::isTicking() const {
@@ -192,12 +146,15 @@ int CVekEngine::REAddToSendQueueFront(RvSender* sender, RvDatum* datum,
 
 int CVekEngine::push(CVekSendQueueItem* item, int (CVekStack::*where)(void*)) {
     std::unique_ptr<CVekSendQueueItem> owned(item);
-    const CVekAutoMutex guard(m_requestMutex);
-    const int result = (m_sendQueue.get()->*where)(item);
-    if (result != kvx::kOk) return result;
-    static_cast<void>(owned.release());
-    if (m_promptSender) m_promptSender->wake();
-    return result;
+    {
+        const CVekAutoMutex guard(m_requestMutex);
+        const int result = (m_sendQueue.get()->*where)(item);
+        if (result != kvx::kOk) return result;
+        static_cast<void>(owned.release());
+        if (!m_sendsPromptly || std::exchange(m_isDrainPosted, true)) return result;
+    }
+    RRNPost([this] { sendPromptly(); });  // refused without a session, when nothing is sent either
+    return kvx::kOk;
 }
 
 CVekSendQueueItem* CVekEngine::RENextSendItem() {

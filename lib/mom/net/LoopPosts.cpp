@@ -47,6 +47,10 @@ void LoopPosts::onIO(RvIO*) {
 }  // namespace kvx
 
 int CVekRvNet::RRNAllowPosts() {
+    {
+        const CVekAutoMutex guard(m_requestMutex);
+        if (m_posts) return kvx::kOk;
+    }
     int error = 0;
     auto sockets = kvx::platform::createSocketPair(error);
     if (error != 0) return kvx::kInternalFailure;

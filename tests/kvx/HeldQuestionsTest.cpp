@@ -1,15 +1,17 @@
-#include "examples/modeld/service/HeldQuestions.h"
+#include "kvx/HeldQuestions.h"
 
-namespace modeld {
+namespace kvx {
 namespace {
 
 using std::chrono::milliseconds;
 
+struct Question {
+    std::string replySubject;
+};
+
 struct HeldQuestionsTest : testing::Test {
     void hold(const std::string& inbox, int atMs) {
-        Question question;
-        question.replySubject = inbox;
-        held_.hold(question, start_ + milliseconds(atMs));
+        held_.hold({inbox}, start_ + milliseconds(atMs));
     }
 
     std::string take(int atMs) {
@@ -20,8 +22,8 @@ struct HeldQuestionsTest : testing::Test {
         return inboxes;
     }
 
-    const HeldQuestions::Clock::time_point start_{};
-    HeldQuestions held_;
+    const std::chrono::steady_clock::time_point start_{};
+    HeldQuestions<Question> held_;
 };
 
 TEST_F(HeldQuestionsTest, AreGivenUpOnceWhileTheyAreYoungAndTakeLimitedRoom) {
@@ -36,7 +38,7 @@ TEST_F(HeldQuestionsTest, AreGivenUpOnceWhileTheyAreYoungAndTakeLimitedRoom) {
     hold("E", 8000);
     EXPECT_EQ(take(13001), "E;");
     for (int i = 0; i < 1500; ++i) hold(std::to_string(i), 20000);
-    EXPECT_EQ(held_.size(), HeldQuestions::kMost);
+    EXPECT_EQ(held_.size(), HeldQuestions<Question>::kMost);
     hold("late", 26001);
     EXPECT_EQ(held_.size(), 1U) << "what is too old goes without being asked for";
 }
@@ -56,4 +58,4 @@ TEST(BegunNotice, NamesTheInboxForAnswersOfMoreThanOnePacket) {
 }
 
 }  // namespace
-}  // namespace modeld
+}  // namespace kvx
