@@ -342,10 +342,10 @@ Result<Service> Service::open(const ServiceName& name, Options options) {
     return Service(std::move(impl));
 }
 
-Result<Service> Service::open(std::string_view name) {
+Result<Service> Service::open(std::string_view name, Options options) {
     const auto known = ServiceName::of(name);
     if (!known) return tl::unexpected(known.error());
-    return open(*known, Options());
+    return open(*known, std::move(options));
 }
 
 void Service::onQuery(std::function<void(const Question&, Reply&)> answer) {

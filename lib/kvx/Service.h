@@ -70,8 +70,8 @@ class KVX_API Service {
 
     /// Connects. `NoDaemon`, with the address, when nobody is there; a local daemon is started.
     static Result<Service> open(const ServiceName& name, Options options);
-    /// The same by a name that need not be known, with the default options.
-    static Result<Service> open(std::string_view name);
+    /// The same by any name; `InvalidArgument` when it is none.
+    static Result<Service> open(std::string_view name, Options options);
 
     Service(Service&&) noexcept;
     Service& operator=(Service&&) noexcept;

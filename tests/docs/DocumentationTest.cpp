@@ -84,13 +84,16 @@ TEST(WireProtocolPage, ShowsTheSessionsMessagesAndAPacketAsATransportCutsIt) {
 
 TEST(ProgramsInThePages, AreThoseThatAreCompiled) {
     EXPECT_EQ(blocksOf("README.md")["cpp"], inTheTree("examples/hear/main.cpp"));
-    int programs = 0;
-    for (const auto& [name, shown] : blocksOf("docs/tutorial.md")) {
-        if (name.rfind("cpp ", 0) != 0) continue;
-        EXPECT_EQ(shown, inTheTree("examples/tutorial/" + name.substr(4))) << name;
-        ++programs;
+    for (const auto& [page, expected] : {std::pair{"classes", 9}, {"tutorial", 2}}) {
+        int programs = 0;
+        for (const auto& [name, shown] : blocksOf(std::string("docs/") + page + ".md")) {
+            if (name.rfind("cpp ", 0) != 0) continue;
+            const std::string file = std::string("examples/") + page + "/" + name.substr(4);
+            EXPECT_EQ(shown, inTheTree(file)) << file;
+            ++programs;
+        }
+        EXPECT_EQ(programs, expected);
     }
-    EXPECT_EQ(programs, 9);
 }
 
 }  // namespace

@@ -1,6 +1,3 @@
-// A service in forty lines: it knows the state of links, answers questions and tells of changes.
-// Of several copies one is active; the others take over when it goes.
-
 #include <kvx/kvx.h>
 
 #include <cstdio>
@@ -11,8 +8,7 @@ int main() {
     std::mutex mutex;
     std::map<std::string, std::string> links = {{"core-1", "up"}, {"edge-1", "down"}};
 
-    const auto name = kvx::ServiceName::of("Links");
-    auto service = kvx::Service::open(*name, {.group = "links"});
+    auto service = kvx::Service::open("Links", {.group = "links"});
     if (!service) {
         std::fprintf(stderr, "links: %s\n", service.error().message().c_str());
         return 1;
@@ -20,9 +16,8 @@ int main() {
     service->onQuery([&](const kvx::Question& question, kvx::Reply& reply) {
         const std::lock_guard guard(mutex);
         for (const auto& [link, state] : links) {
-            if (question.text == "*" || question.text == link) {
-                reply.row({{"name", link}, {"state", state}});
-            }
+            if (question.text != "*" && question.text != link) continue;
+            reply.row({{"name", link}, {"state", state}});
         }
     });
     const auto listening = service->onMessage("LINK.STATE", [&](const kvx::Message& report) {
