@@ -8,6 +8,7 @@
 // that the loop can handle it.
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -76,6 +77,16 @@ Socket newSocket() {
     return socket;
 }
 
+std::atomic<unsigned> daemonsStarted{0};
+
+bool startLocalDaemon(const char* daemon) {
+    const char* const wish = std::getenv("KVX_START_DAEMON");
+    if (wish != nullptr && std::string_view(wish) == "0") return false;
+    if (!rv_StartDaemon(kDaemonProgram, daemon)) return false;
+    ++daemonsStarted;
+    return true;
+}
+
 // False when it was cut short.
 bool pauseAfterAttempt(const SessionState& session) {
     const Deadline deadline = Deadline::in(kPauseMs);
@@ -103,8 +114,7 @@ Greeted connectGreeted(const SessionState& session) {
             }
         }
         result.socket.reset();
-        if (attempt == 1 && session.address.local &&
-            !rv_StartDaemon(kDaemonProgram, session.daemon.c_str()))
+        if (attempt == 1 && session.address.local && !startLocalDaemon(session.daemon.c_str()))
             return result;
         if (!pauseAfterAttempt(session)) return result;
     }
@@ -177,6 +187,10 @@ int connectLink(SessionState& session) {
 }
 
 }  // namespace kvx::session
+
+unsigned rv_DaemonsStarted() {
+    return kvx::session::daemonsStarted;
+}
 
 bool rv_StartDaemon(const char* program, const char* daemonText) {
     if (program == nullptr || *program == '\0' || daemonText == nullptr) return false;

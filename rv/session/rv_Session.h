@@ -116,6 +116,10 @@ KVX_API int rv_Dispatch(rv_Session session, unsigned long timeoutMs);
 /// be ready.
 KVX_API bool rv_StartDaemon(const char* program, const char* daemonText);
 
+/// How many daemons the sessions of this process have started, because none answered on this host.
+/// None while the environment has KVX_START_DAEMON=0. Any thread.
+KVX_API unsigned rv_DaemonsStarted();
+
 /// Sets a session property; `record` is copied. A null session sets it for sessions created later
 /// (any thread). The only property is "ipqProperties" (an `ipq_Properties`); it applies to the
 /// current connection and later ones. Returns 3 for an unknown name or a null record.

@@ -26,6 +26,9 @@ Client::Client(const Connection& connection, unsigned long latencyMs)
     : qualify_(!connection.domain.empty()),
       net_(latencyMs, connection.domainOrDefault().c_str(), connection) {
     daemon_ = net_.RRNAddress().daemon;
+    if (rv_DaemonsStarted() != daemonsBefore_) {
+        complain(fmt::format("started a bus daemon at {}, since none answered there", daemon_));
+    }
     const bool hasSession = net_.m_sessionUp == 1 && net_.m_session;
     if (hasSession && daemon_ == kNoDaemon) {
         complain("the daemon '-' is none: there is nobody to talk to");

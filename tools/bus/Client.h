@@ -80,6 +80,7 @@ class Client : private RvDataCallback {
     rvevm_Manager loop_ = nullptr;  // guarded by loopLock_; null while the loop does not run
 
     // Used while the session closes, which may report a lost daemon.
+    const unsigned daemonsBefore_ = rv_DaemonsStarted();
     std::string daemon_;
     std::function<void(bool)> changed_;
     CVekClient net_;

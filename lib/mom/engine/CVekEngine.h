@@ -82,7 +82,8 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// The number of queued items.
     int RESendQueueLength();
 
-    /// Maximum of queued sends per second; read by `REDoIt` when it starts.
+    /// Maximum of queued sends per second, 150 until it is set; read by `REDoIt` when it starts.
+    /// The queue itself has no bound: who queues faster than this looks at `RESendQueueLength`.
     void RESetMaxSendRate(unsigned long rate);
     unsigned long REGetMaxSendRate();
 

@@ -278,6 +278,22 @@ TEST_F(ProgramTest, NamesTheAddressThatItTried) {
     }
 }
 
+TEST_F(ProgramTest, StartsADaemonWhereItMayAndSaysSo) {
+    const std::string address = [] {
+        const Daemon ended;
+        return "tcp:" + std::to_string(ended.port());
+    }();
+    const std::string command = "kvx services --wait 0.1 --daemon " + address;
+    const Ended refused = bus_.shell("KVX_START_DAEMON=0 " + command);
+    EXPECT_FALSE(holds(refused.errors, "started")) << refused.errors;
+    EXPECT_EQ(refused.status, 1);
+    const Ended started = bus_.shell(
+        command + "; ended=$?; for process in /proc/[0-9]*; do tr '\\0' ' ' <$process/cmdline | " +
+        "grep -q '^rvd -listen " + address + " ' && kill ${process#/proc/}; done; exit $ended");
+    EXPECT_TRUE(holds(started.errors, "kvx: started a bus daemon at " + address)) << started.errors;
+    EXPECT_EQ(started.status, 0);
+}
+
 TEST_F(ProgramTest, ShowsItsProgressOnATerminalOnly) {
     const std::string query = "kvx query Model x --timeout 1.5";
     EXPECT_EQ(bus_.shell(query).errors, "kvx: no answer from Model within 1.5 s\n");
