@@ -23,12 +23,12 @@ bool Query::ask(const std::string& subject, const std::string& text) {
 void Query::onData(const char*, RvSender*, const RvDatum& data, RvListener* listener) {
     if (over_ || data.type() != RVMSG_MSG) return;
     RvMsg packet(static_cast<const RvMsg&>(data));
-    count(packet);
     idle_->resetInterval(timeoutMs_);
-    if (transport_.RTAddMessage(&packet) == 1 && transport_.RTDone()) {
-        finish(true);
-        net_.RRNRemoveListener(listener->subject());
-    }
+    if (transport_.RTAddMessage(&packet) != 1) return;
+    count(packet);
+    if (state_ == PacketNumbers::State::Waiting) return;
+    finish();
+    net_.RRNRemoveListener(listener->subject());
 }
 
 void Query::onTimeout(RvListener* listener) {
@@ -42,6 +42,7 @@ void Query::count(const RvMsg& message) {
     const packet::Bytes bytes(static_cast<const unsigned char*>(field.data()), field.size());
     const auto header = packet::readHeader(bytes);
     if (!header) return;
+    state_ = numbers_.take(*header);
     const packet::Bytes payload = bytes.subspan(packet::kHeaderSize);
     const bool compressed =
         header->kind == packet::kCompressed && payload.size() >= packet::kLengthSize;
@@ -51,12 +52,11 @@ void Query::count(const RvMsg& message) {
 }
 
 void Query::onTimer(RvTimer*) {
-    if (!over_) finish(false);
+    if (!over_) finish();
 }
 
-void Query::finish(bool complete) {
+void Query::finish() {
     over_ = true;
-    complete_ = complete;
     if (finished_) finished_();
 }
 

@@ -4,13 +4,15 @@
 #include <functional>
 #include <string>
 
+#include "kvx/PacketNumbers.h"
 #include "mom/mom.h"
 
 namespace kvx::tool {
 
 /// One question to a service, and its answer collected packet by packet.
 ///
-/// `finished` is called once: when every packet has come, or when `timeoutMs` passed without one.
+/// `finished` is called once: when every packet has come, when two answers have been mixed, or when
+/// `timeoutMs` passed without a packet.
 /// The object must stay alive until then, and as long as the loop runs. Its reply listener is
 /// removed when the answer is complete, at the latest with the net. Main thread only.
 class Query : public RvDataCallback, public RvTimerCallback {
@@ -28,7 +30,9 @@ class Query : public RvDataCallback, public RvTimerCallback {
     /// False when the question could not be sent.
     [[nodiscard]] bool ask(const std::string& subject, const std::string& text);
 
-    bool isComplete() const { return complete_; }
+    bool isComplete() const { return state_ == PacketNumbers::State::Complete; }
+    /// Two members or services have answered, or one twice.
+    bool isMixed() const { return state_ == PacketNumbers::State::Mixed; }
     const Totals& totals() const { return totals_; }
     CVekTransport& transport() { return transport_; }
 
@@ -39,7 +43,7 @@ class Query : public RvDataCallback, public RvTimerCallback {
 
   private:
     void count(const RvMsg& message);
-    void finish(bool complete);
+    void finish();
 
     CVekRvNet& net_;
     const unsigned long timeoutMs_;
@@ -47,7 +51,8 @@ class Query : public RvDataCallback, public RvTimerCallback {
     CVekTransport transport_{nullptr};
     Totals totals_;
     std::unique_ptr<RvTimer> idle_;
-    bool complete_ = false;
+    PacketNumbers numbers_;
+    PacketNumbers::State state_ = PacketNumbers::State::Waiting;
     bool over_ = false;
 };
 

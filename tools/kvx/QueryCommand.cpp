@@ -122,6 +122,9 @@ int showSilence(const QueryOptions& options, bus::Client& client, const Query& q
     if (!rv_IsConnected(client.session().handle())) {
         bus::complain(fmt::format("no answer from {} without the bus daemon at {}", options.service,
                                   client.daemon()));
+    } else if (query.isMixed()) {
+        bus::complain(fmt::format(
+            "mixed answers from {}: two have answered, or one twice; ask again", options.service));
     } else if (query.totals().packets == 0) {
         const bool isKnown = CVekServiceToSubjectMapper::ServiceStringToEnum(
                                  options.service.c_str()) != SERV_UNKNOWN;
