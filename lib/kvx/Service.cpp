@@ -22,8 +22,12 @@ namespace kvx {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr int kMostQuestions = 1000;  // that may wait for a thread
 constexpr std::chrono::milliseconds kRoomPoll{20};
+constexpr std::chrono::milliseconds kTick{100};  // of periodic work
+constexpr unsigned kWorkThreads = 2;
 constexpr std::chrono::seconds kForTheQueue{5};
 constexpr std::size_t kMostText = std::size_t{1} << 20U;  // bytes of a question
 
@@ -135,6 +139,21 @@ class Service::Impl : public RvDataCallback {
         return {};
     }
 
+    Result<> every(std::chrono::milliseconds interval, std::string_view name,
+                   std::function<void()> work) {
+        const std::string as(name);
+        const bool isTaken =
+            std::ranges::any_of(works_, [&](const auto& one) { return one->name == as; });
+        if (interval.count() < 1 || as.empty() || isTaken) {
+            return tl::unexpected(
+                Error{Errc::InvalidArgument,
+                      isTaken ? "there is one of this name" : "it needs an interval and a name",
+                      "every " + std::to_string(interval.count()) + " ms '" + as + "'"});
+        }
+        works_.push_back(std::make_unique<Work>(as, interval, std::move(work)));
+        return {};
+    }
+
     int run() {
         if (answer && !startAnswering()) return 1;
         engine_.RRNSetPostInitFns([this] {
@@ -148,7 +167,12 @@ class Service::Impl : public RvDataCallback {
         if (options_.group.empty()) engine_.RESetActive();
         CMOMSignalHandler signals;
         signals.manage(&engine_, [this] { engine_.RRNStopLoop(); });
-        engine_.REDoIt();
+        {
+            CVekTimedWorkMgr works(&engine_, 1, kTick.count(), kWorkThreads, nullptr, FALSE);
+            for (const auto& work : works_) works.RTWMAddPoll(work.get());
+            works.RTWMDistributePolls();
+            engine_.REDoIt();
+        }
         signals.stop();
         return leave();
     }
@@ -212,6 +236,20 @@ class Service::Impl : public RvDataCallback {
 
       private:
         const std::function<void(const Message&)> received_;
+    };
+
+    struct Work : CVekTimedWork {
+        Work(const std::string& given, std::chrono::milliseconds interval,
+             std::function<void()> function)
+            : name(given), work(std::move(function)) {
+            RTWSetName(new CVekAtom(name.c_str()));
+            RTWSetFrequency(static_cast<int>((interval + kTick - 1ms) / kTick));
+        }
+        __boolean RTWAddToPool() override { return RTWPollIsExecuting() ? FALSE : TRUE; }
+        void RTWDoPoll() override { work(); }
+
+        const std::string name;
+        const std::function<void()> work;
     };
 
     // Hears which long answers other members have begun.
@@ -320,6 +358,7 @@ class Service::Impl : public RvDataCallback {
     HeldQuestions<Asked> held_;
     BegunListener begunListener_{held_};
     std::vector<std::unique_ptr<MessageListener>> listeners_;
+    std::vector<std::unique_ptr<Work>> works_;
 
     std::mutex gate_;  // held while an answer is queued
     std::atomic<bool> stopping_{false};
@@ -359,6 +398,11 @@ void Service::onRole(std::function<void(bool active)> changed) {
 Result<> Service::onMessage(std::string_view subject,
                             std::function<void(const Message&)> received) {
     return impl_->listen(subject, std::move(received));
+}
+
+Result<> Service::every(std::chrono::milliseconds interval, std::string_view name,
+                        std::function<void()> work) {
+    return impl_->every(interval, name, std::move(work));
 }
 
 Result<> Service::notify(std::span<const Record> records) {

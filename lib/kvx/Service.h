@@ -89,6 +89,13 @@ class KVX_API Service {
     /// Has `received` called for every message on `subject` in the service's domain. Before `run`.
     Result<> onMessage(std::string_view subject, std::function<void(const Message&)> received);
 
+    /// Has `work` called on a thread of its own pool every `interval`, rounded up to 100 ms, while
+    /// `run` runs; never while it is still running. Works of one interval are spread over it.
+    /// `InvalidArgument` for an interval below 1 ms and for a name that is empty or taken. Before
+    /// `run`.
+    Result<> every(std::chrono::milliseconds interval, std::string_view name,
+                   std::function<void()> work);
+
     /// Tells of changed records on the service's notify subject. `QueueFull` when too much waits.
     /// Any thread.
     Result<> notify(std::span<const Record> records);
