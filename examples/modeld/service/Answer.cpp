@@ -43,15 +43,17 @@ void addRefusal(CVekTransport& transport, const std::string& message, oql::Posit
     transport.RTAddRecord(&record);
 }
 
-void send(CVekTransport& transport, const Question& question, const Verdict& verdict) {
+// Returns false, and sends nothing, when the packets of the answer cannot be made.
+bool send(CVekTransport& transport, const Question& question, const Verdict& verdict) {
     transport.RTSetError(verdict.status);
     transport.RTSetDestinationOnSubject(question.replySubject.c_str());
     if (verdict.status == STORE_ZERO_MATCHES) {
         transport.RTNilResults();
-    } else {
-        transport.RTCreatePackets(question.version, true);
+    } else if (transport.RTCreatePackets(question.version, true) != kvx::kOk) {
+        return false;
     }
     transport.RTSendAll(false);
+    return true;
 }
 
 Verdict refused(EVekStoreErrorStatus status, const std::string& message, oql::Position position) {
@@ -94,7 +96,10 @@ Verdict answer(CVekEngine& engine, Store& store, const Question& question, SendG
     }
     gate.pass([&] {
         if (isLongAnswer(question.version, verdict.rows)) tellBegun(engine, question);
-        send(transport, question, verdict);
+        if (send(transport, question, verdict)) return;
+        verdict = refused(STORE_PERMISSION_DENIED, "the rows are too large for a message", 0);
+        addRefusal(transport, verdict.reason, 0);
+        static_cast<void>(send(transport, question, verdict));
     });
     return verdict;
 }
@@ -102,7 +107,7 @@ Verdict answer(CVekEngine& engine, Store& store, const Question& question, SendG
 void refuse(CVekEngine& engine, const Question& question, const std::string& reason) {
     CVekTransport transport(&engine);
     addRefusal(transport, reason, 0);
-    send(transport, question, refused(STORE_PERMISSION_DENIED, reason, 0));
+    static_cast<void>(send(transport, question, refused(STORE_PERMISSION_DENIED, reason, 0)));
 }
 
 }  // namespace modeld

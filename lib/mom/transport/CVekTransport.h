@@ -100,6 +100,9 @@ class KVX_API CVekTransport {
 
     /// Makes packets of the prepared payloads and the waiting records. With `consume` the records
     /// are deleted, else they stay for another batch.
+    ///
+    /// A packet has at most 64 MiB less 2 KiB, so that a message holds it. When one would be
+    /// larger, none of the batch is made: reports and returns -220552.
     int RTCreatePackets(EVekTransHdr version, bool consume);
 
     /// Adds the one packet of a batch without records, with the current store status.
