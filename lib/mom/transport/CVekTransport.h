@@ -124,8 +124,10 @@ class KVX_API CVekTransport {
     RvDataCallback* RTGetDataCallbackPtr() const;
 
     /// Sends all packets, in order; with `front` each is queued at the front. -220552 without a
-    /// destination; the packets then stay. User code run by a send (an advisory's callback, for
-    /// instance) may use and destroy the transport.
+    /// destination; the packets then stay. What the bus refuses afterwards does not change the
+    /// result: a queued packet is then reported by the engine, one sent on a sender is dropped
+    /// silently (the session's status has the reason). User code run by a send (an advisory's
+    /// callback, for instance) may use and destroy the transport.
     int RTSendAll(bool front);
 
     /// `RTSendAll(true)`, for heartbeats.
