@@ -83,11 +83,11 @@ int provideControlInbox(SessionState& session) {
     return addPrivateInbox(session, &session.control);
 }
 
-// A listen message, unless a hook refuses it.
+// A listen message, unless a hook refuses it; a hook may also close the session or lose the link.
 int sendListen(SessionState& session, wire::Built built) {
     if (built.code == 0 &&
         session.hooks.run(RV_HOOK_LISTEN, session.handle(), built.message.bytes.get()) != 0)
-        return session_code::kOk;
+        return session.queue != nullptr ? session_code::kOk : session_code::kNotConnected;
     return send(session, std::move(built));
 }
 
