@@ -91,7 +91,8 @@ KVX_API int rv_Cancel(rv_Session session, rv_Listener listener);
 /// is computed for messages, texts and sealed blocks. Returns 3 for a null subject, 21 for an
 /// invalid or reserved one, 22 without a connection or when it breaks, 3 for a payload that does
 /// not fit its type or any message (64 MiB), 20 for null data and for a size of 0 that cannot be
-/// computed, without memory, or when a limit refused the message.
+/// computed, without memory, or when a limit refused the message. A wildcard subject that covers
+/// the system's advisories ("_RV.>") is sent, but `rvd` drops the message.
 KVX_API int rv_Send(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
                     rvmsg_Size size, rvmsg_Data data);
 
