@@ -6,8 +6,6 @@
 #include <utility>
 
 #include "platform/Memory.h"
-#include "rv/error/rvAdvisory.h"
-#include "rv/session/rvSessionHooks.h"
 #include "tools/bus/Complain.h"
 
 namespace kvx::bus {
