@@ -116,13 +116,3 @@ int rv_SetProperty(rv_Session handle, const char* name, const void* record) {
 void rv_SetTraceLevel(const int* level) {
     kvx::link::setTraceLevel(level);
 }
-
-const char* rv_SessionName(rv_Session handle) {
-    const session::SessionState* const session = session::find(handle);
-    return session != nullptr ? session->name.c_str() : "";
-}
-
-bool rv_IsConnected(rv_Session handle) {
-    const session::SessionState* const session = session::find(handle);
-    return session != nullptr && session->queue != nullptr;
-}

@@ -171,6 +171,16 @@ bool rv_IsOpen(rv_Session handle) {
     return session::find(handle) != nullptr;
 }
 
+const char* rv_SessionName(rv_Session handle) {
+    const session::SessionState* const session = session::find(handle);
+    return session != nullptr ? session->name.c_str() : "";
+}
+
+bool rv_IsConnected(rv_Session handle) {
+    const session::SessionState* const session = session::find(handle);
+    return session != nullptr && session->queue != nullptr;
+}
+
 int rv_Flavor(int id, const char* name, const char* ticket, int key, int flags) {
     if (id == 0) return session_code::kVersionMismatch;
     try {

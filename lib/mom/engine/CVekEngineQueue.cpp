@@ -22,7 +22,7 @@
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekEngineLines.h"
 #include "mom/engine/VekSubjects.h"
-#include "mom/transport/TransportPayload.h"
+#include "mom/transport/EngineOperations.h"
 #include "platform/Socket.h"
 
 namespace engine = kvx::engine;

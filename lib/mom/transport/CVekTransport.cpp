@@ -11,6 +11,7 @@
 #include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
 #include "mom/base/VekTrace.h"
+#include "mom/transport/EngineOperations.h"
 #include "mom/transport/TransportPayload.h"
 #include "rv/message/RvMsg.h"
 #include "rv/object/RvSender.h"
