@@ -150,11 +150,11 @@ std::optional<std::string> findProgram(const std::string& name) {
 
 }  // namespace
 
-std::optional<DaemonAddress> parseDaemon(const char* text) {
+std::optional<DaemonEndpoint> parseDaemon(const char* text) {
     const std::string_view daemon(text);
     if (!daemon.starts_with(kScheme)) return std::nullopt;
     const std::size_t portColon = daemon.rfind(':');
-    DaemonAddress address;
+    DaemonEndpoint address;
     address.endpoint.port =
         static_cast<std::uint16_t>(std::strtol(text + portColon + 1, nullptr, 10));
     if (portColon < kScheme.size()) return address;

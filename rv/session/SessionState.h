@@ -21,7 +21,7 @@ namespace kvx::session {
 struct SessionState;
 
 /// A parsed daemon text.
-struct DaemonAddress {
+struct DaemonEndpoint {
     bool local = true;  ///< no host given: the daemon of this machine, which may be started
     platform::Endpoint endpoint{platform::kLoopbackAddress, 0};
 };
@@ -70,7 +70,7 @@ struct SessionState final : link::LinkHost, event::Handle<SessionState> {
     std::string service;
     std::string network;
     std::string daemon;
-    DaemonAddress address;
+    DaemonEndpoint address;
     FlavourRecord flavour;
     wire::OwnedMessage noMemoryAdvisory;  // deliverable without allocating
 

@@ -20,9 +20,9 @@ std::string messages(std::uint64_t count) {
 
 }  // namespace
 
-Client::Client(const Connection& connection, unsigned long latencyMs)
-    : qualify_(!connection.domain.empty()),
-      net_(latencyMs, connection.domainOrDefault().c_str(), connection) {
+Client::Client(const BusOptions& options, unsigned long latencyMs)
+    : qualify_(!options.domain.empty()),
+      net_(latencyMs, options.domainOrDefault().c_str(), options) {
     daemon_ = net_.RRNAddress().daemon;
     const bool hasSession = net_.m_sessionUp == 1 && net_.m_session;
     if (hasSession && daemon_ == kNoDaemon) {
@@ -31,7 +31,7 @@ Client::Client(const Connection& connection, unsigned long latencyMs)
         complain(fmt::format("no session with the bus daemon at {}", daemon_));
     } else if (watchSession()) {
         isUp_ = true;
-        if (connection.verbose) complain(sessionText());
+        if (options.verbose) complain(sessionText());
     } else {
         complain(fmt::format("the bus daemon is lost ({})", daemon_));
     }
