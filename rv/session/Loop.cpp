@@ -1,11 +1,11 @@
 // Running a session, and the state and properties of its connection.
 
-#include <algorithm>
 #include <cstring>
 #include <string_view>
 
 #include "platform/Socket.h"
 #include "rv/error/rvCodes.h"
+#include "rv/event/TimeValue.h"
 #include "rv/session/SessionParts.h"
 
 namespace kvx::session {
@@ -13,11 +13,6 @@ namespace kvx::session {
 namespace {
 
 constexpr std::string_view kQueueProperty = "ipqProperties";
-constexpr unsigned long kLongestWaitMs = 0x7FFFFFFF;
-
-platform::Milliseconds waitOf(unsigned long timeoutMs) {
-    return static_cast<platform::Milliseconds>(std::min(timeoutMs, kLongestWaitMs));
-}
 
 int runLoop(SessionState& session) {
     const Entered entered(session);
@@ -78,14 +73,14 @@ int rv_Dispatch(rv_Session handle, unsigned long timeoutMs) {
     if (session == nullptr) return session_code::kInvalidSession;
     if (session->manager != nullptr) return session_code::kInvalidArgument;
     if (session->queue == nullptr) return session_code::kNotConnected;
-    return session::dispatch(*session, session::waitOf(timeoutMs));
+    return session::dispatch(*session, kvx::event::limitedMs(timeoutMs));
 }
 
 int rv_Flush(rv_Session handle, unsigned long timeoutMs) {
     session::SessionState* const session = session::find(handle);
     if (session == nullptr) return session_code::kInvalidSession;
     if (session->queue == nullptr) return session_code::kNotConnected;
-    return session::flush(*session, session::waitOf(timeoutMs));
+    return session::flush(*session, kvx::event::limitedMs(timeoutMs));
 }
 
 int rv_Pending(rv_Session handle, unsigned long* messages, unsigned long* bytes) {
