@@ -3,7 +3,8 @@
 /// The core session: one connection of this process to the bus daemon.
 ///
 /// Unless an operation says otherwise it returns a session code (`rv_ErrorText`), 0 for success,
-/// and 2 when the session handle is null, closed or closing. A handle is a token that is never
+/// and 2 when the session handle is null or closed. A session is closed once `rv_Close` has run its
+/// close hooks; in them only a second `rv_Close` returns 2. A handle is a token that is never
 /// reused. Use a session only on the thread that runs its event loop; nothing here is locked.
 /// Subjects are dotted texts; texts, data and subjects given to an operation are copied and need to
 /// live only during the call.
