@@ -24,13 +24,13 @@ int runLoop(SessionState& session) {
 
 int dispatch(SessionState& session, platform::Milliseconds timeout) {
     const Entered entered(session);
-    const ipq_State state = ipq_DispatchOne(session.queue, timeout);
+    const ipq_State state = ipq_DispatchOne(session.queue(), timeout);
     return state == IPQ_OK || state == IPQ_EMPTY ? session_code::kOk : session_code::kNotConnected;
 }
 
 int flush(SessionState& session, platform::Milliseconds timeout) {
     const Entered entered(session);
-    switch (ipq_Flush(session.queue, timeout)) {
+    switch (ipq_Flush(session.queue(), timeout)) {
         case IPQ_OK:
             return session_code::kOk;
         case IPQ_EMPTY:
@@ -43,7 +43,7 @@ int flush(SessionState& session, platform::Milliseconds timeout) {
 
 void adoptProperties(SessionState& session, const ipq_Properties& properties) {
     session.properties = properties;
-    if (session.queue != nullptr) ipq_SetProperties(session.queue, properties);
+    if (session.queue() != nullptr) ipq_SetProperties(session.queue(), properties);
 }
 
 }  // namespace
@@ -72,14 +72,14 @@ int rv_Dispatch(rv_Session handle, unsigned long timeoutMs) {
     session::SessionState* const session = session::find(handle);
     if (session == nullptr) return session_code::kInvalidSession;
     if (session->manager != nullptr) return session_code::kInvalidArgument;
-    if (session->queue == nullptr) return session_code::kNotConnected;
+    if (session->queue() == nullptr) return session_code::kNotConnected;
     return session::dispatch(*session, kvx::event::limitedMs(timeoutMs));
 }
 
 int rv_Flush(rv_Session handle, unsigned long timeoutMs) {
     session::SessionState* const session = session::find(handle);
     if (session == nullptr) return session_code::kInvalidSession;
-    if (session->queue == nullptr) return session_code::kNotConnected;
+    if (session->queue() == nullptr) return session_code::kNotConnected;
     return session::flush(*session, kvx::event::limitedMs(timeoutMs));
 }
 
@@ -88,9 +88,9 @@ int rv_Pending(rv_Session handle, unsigned long* messages, unsigned long* bytes)
     if (bytes != nullptr) *bytes = 0;
     session::SessionState* const session = session::find(handle);
     if (session == nullptr) return session_code::kInvalidSession;
-    if (session->queue == nullptr) return session_code::kOk;
-    if (messages != nullptr) *messages = ipq_WaitingMessages(session->queue);
-    if (bytes != nullptr) *bytes = ipq_WaitingBytes(session->queue);
+    if (session->queue() == nullptr) return session_code::kOk;
+    if (messages != nullptr) *messages = ipq_WaitingMessages(session->queue());
+    if (bytes != nullptr) *bytes = ipq_WaitingBytes(session->queue());
     return session_code::kOk;
 }
 
