@@ -43,17 +43,16 @@ void addRefusal(CVekTransport& transport, const std::string& message, oql::Posit
     transport.RTAddRecord(&record);
 }
 
-// Returns false, and sends nothing, when the packets of the answer cannot be made.
+// Returns false, and sends nothing, when a packet is too large for a message.
 bool send(CVekTransport& transport, const Question& question, const Verdict& verdict) {
     transport.RTSetError(verdict.status);
     transport.RTSetDestinationOnSubject(question.replySubject.c_str());
     if (verdict.status == STORE_ZERO_MATCHES) {
         transport.RTNilResults();
-    } else if (transport.RTCreatePackets(question.version, true) != kvx::kOk) {
-        return false;
+    } else {
+        transport.RTCreatePackets(question.version, true);
     }
-    transport.RTSendAll(false);
-    return true;
+    return transport.RTSendAll(false) == kvx::kOk;
 }
 
 Verdict refused(EVekStoreErrorStatus status, const std::string& message, oql::Position position) {
@@ -98,6 +97,7 @@ Verdict answer(CVekEngine& engine, Store& store, const Question& question, SendG
         if (isLongAnswer(question.version, verdict.rows)) tellBegun(engine, question);
         if (send(transport, question, verdict)) return;
         verdict = refused(STORE_PERMISSION_DENIED, "the rows are too large for a message", 0);
+        transport.RTPurge();
         addRefusal(transport, verdict.reason, 0);
         static_cast<void>(send(transport, question, verdict));
     });

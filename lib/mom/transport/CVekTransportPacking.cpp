@@ -4,9 +4,8 @@
 // records, and compresses more than 10 in blocks: a block ends at its 100th record, or before it
 // would exceed what a receiver inflates (256 MiB). The output buffer of the next block begins with
 // twice the compressed size of the previous one. Packets are numbered from 1 in the order of the
-// payloads, and each carries the count of the batch; a packet for which there is no memory is
-// reported and missing from the sequence. A payload too large for a message makes no packet of its
-// batch: a receiver would wait for the missing one.
+// payloads, and each carries the count of the batch; a packet that cannot be made is reported and
+// missing from the sequence.
 
 #include <algorithm>
 #include <cstdlib>
@@ -21,7 +20,6 @@
 #include "mom/transport/CVekTransport.h"
 #include "mom/transport/TransportPacket.h"
 #include "mom/transport/TransportPayload.h"
-#include "rv/message/WireFormat.h"
 #include "rv/message/WireReader.h"
 
 using kvx::packet::Bytes;
@@ -35,17 +33,13 @@ constexpr unsigned kMostUncompressedRecords = 10;  // in one plain packet
 constexpr int kFirstDeflateBuffer = 1004;          // bytes
 constexpr int kDefaultLevel = -1;
 
-// A payload's length is an int, the length word of a compressed one included.
-constexpr std::size_t kLargestPayloadLength =
+// A packet is one atom, whose length is an int.
+constexpr std::size_t kLargestPacketPayload =
     std::numeric_limits<int>::max() - kvx::packet::kHeaderSize - kvx::packet::kLengthSize;
-
-// Bytes of a message around its packet: subjects, field names and headers.
-constexpr std::size_t kMessageRoom = 2048;
-constexpr std::size_t kLargestPacket = kvx::kMaxMessageBytes - kMessageRoom;
 
 std::unique_ptr<SVekTransPayload> newPlainPayload(std::size_t size) {
     auto payload = std::make_unique<SVekTransPayload>();
-    if (size <= kLargestPayloadLength) {
+    if (size <= kLargestPacketPayload) {
         payload->data.reset(
             static_cast<unsigned char*>(std::calloc(std::max<std::size_t>(size, 1), 1)));
     }
@@ -78,12 +72,6 @@ std::unique_ptr<SVekTransPayload> finishBlock(CVekDeflater& deflater) {
     payload->kind = kvx::packet::kCompressed;
     payload->data.reset(static_cast<unsigned char*>(deflater.RDTakeCompressedData()));
     return payload;
-}
-
-std::size_t packetSize(const SVekTransPayload& payload) {
-    return kvx::packet::kHeaderSize +
-           (payload.kind == kvx::packet::kCompressed ? kvx::packet::kLengthSize : 0) +
-           static_cast<std::size_t>(payload.length);
 }
 
 int doubled(int length) {
@@ -217,16 +205,9 @@ unsigned char* CVekTransport::RTGenerateHeader(unsigned char* buffer, long long 
 
 int CVekTransport::RTCreatePackets(EVekTransHdr version, bool consume) {
     RTCreatePayloads(version, consume);
-    const CVekListable* element = m_payloads.RDLHead();
-    for (; element != nullptr; element = m_payloads.RDLGetNext(element)) {
-        if (packetSize(*payloadOf(element)) <= kLargestPacket) continue;
-        dropPayloads();
-        reportTransport(kvx::kInvalidArgument, "CVekTransport::RTCreatePackets");
-        return kvx::kInvalidArgument;
-    }
     const long long count = m_payloads.RDLLength();
     long long sequence = 0;
-    for (element = m_payloads.RDLHead(); element != nullptr;
+    for (const CVekListable* element = m_payloads.RDLHead(); element != nullptr;
          element = m_payloads.RDLGetNext(element)) {
         addPacket(*payloadOf(element), ++sequence, count, version);
     }
@@ -237,9 +218,13 @@ int CVekTransport::RTCreatePackets(EVekTransHdr version, bool consume) {
 void CVekTransport::addPacket(const SVekTransPayload& payload, long long sequence, long long count,
                               EVekTransHdr version) {
     const bool compressed = payload.kind == kvx::packet::kCompressed;
-    const std::size_t size = packetSize(payload);
+    const std::size_t size = kvx::packet::kHeaderSize +
+                             (compressed ? kvx::packet::kLengthSize : 0) +
+                             static_cast<std::size_t>(payload.length);
     unsigned char* buffer = nullptr;
-    if (payload.data != nullptr) buffer = static_cast<unsigned char*>(std::malloc(size));
+    if (payload.data != nullptr && size <= std::numeric_limits<int>::max()) {
+        buffer = static_cast<unsigned char*>(std::malloc(size));
+    }
     if (buffer == nullptr) {
         reportTransport(kvx::kNoMemory, "CVekTransport::RTCreatePackets");
         return;

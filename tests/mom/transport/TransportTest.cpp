@@ -234,23 +234,6 @@ TEST(TransportHostileBytes, YieldTheRecordsBeforeTheDefectAndOneReport) {
     }
 }
 
-// A batch without one of its packets would keep its receiver waiting.
-TEST(Transport, MakesNoPacketOfABatchWithAPacketThatNoMessageHolds) {
-    for (const auto& [version, count] : {std::pair{VEK_TRANS_V0, 1}, std::pair{VEK_TRANS_V1, 2}}) {
-        CVekTransport transport(nullptr);
-        for (int i = 0; i < count; ++i) addRecord(transport, std::string((64U << 20) / count, 'x'));
-        addRecord(transport, "small");
-        ErrorRecorder errors;
-        EXPECT_EQ(transport.RTCreatePackets(version, true), -220552);
-        EXPECT_EQ(errors.take(), std::vector(1, Report{-220552, "CVekTransport", 0,
-                                                       "CVekTransport::RTCreatePackets"}));
-        EXPECT_TRUE(packetsOf(transport).empty());
-        addRecord(transport, std::string(63U << 20, 'x'));
-        EXPECT_EQ(transport.RTCreatePackets(version, true), 1);
-        EXPECT_EQ(packetsOf(transport).size(), 1U);
-    }
-}
-
 TEST(TransportHostileBytes, YieldALimitedNumberOfRecordsFromACompressedPacketNoneFromABrokenOne) {
     constexpr std::size_t kMost = 65536;
     std::string payload;
