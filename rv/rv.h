@@ -27,4 +27,5 @@
 #include "rv/object/RvStatus.h"
 #include "rv/object/RvTimer.h"
 #include "rv/object/RvTimerCallback.h"
+#include "rv/session/rvSessionHooks.h"
 #include "rv/session/rv_Session.h"

@@ -73,7 +73,7 @@ std::string evaluate(const Values& values, Options& options) {
         return fmt::format("the flavour '{}' is not this system's, which is {}", flavour->second,
                            kvx::flavourId);
     }
-    bus::Connection& bus = options.connection;
+    bus::BusOptions& bus = options.connection;
     for (const auto& [option, part] :
          {std::pair("service", &bus.service), std::pair("network", &bus.network),
           std::pair("daemon", &bus.daemon)}) {

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "tools/bus/Connection.h"
+#include "tools/bus/BusOptions.h"
 #include "tools/bus/Program.h"
 
 namespace kvx::rva {
@@ -17,7 +17,7 @@ using bus::kUsage;
 inline constexpr std::uint16_t kDefaultPort = 7600;
 
 struct Options {
-    bus::Connection connection;
+    bus::BusOptions connection;
     std::optional<std::uint16_t> port;  ///< empty: as in the configuration file
 };
 

@@ -32,9 +32,9 @@ Counter counterOf(LossCause cause) {
 
 void OutboxPool::shrinkToLimit() {
     while (used_ > limit_) {
-        const auto largest = std::max_element(
-            members_.begin(), members_.end(),
-            [](const Outbox* a, const Outbox* b) { return a->waitingBytes_ < b->waitingBytes_; });
+        const auto largest = std::ranges::max_element(members_, {}, [](const Outbox* box) {
+            return box->canDrop() ? box->waitingBytes_ : 0;
+        });
         if (largest == members_.end() || !(*largest)->dropOldest(LossCause::Memory)) return;
     }
 }
@@ -55,20 +55,28 @@ std::size_t Outbox::waitingMessages() const {
     return totals_.matched - totals_.delivered - totals_.dropped;
 }
 
+bool Outbox::inMessage() const {
+    return frontBegun_ && entries_.front().kind == Kind::Message;
+}
+
+bool Outbox::canDrop() const {
+    return waitingMessages() > (inMessage() ? 1U : 0U);
+}
+
 bool Outbox::wouldDrop(std::size_t size) const {
-    const bool inMessage = frontBegun_ && entries_.front().kind == Kind::Message;
-    return waitingBytes_ - (inMessage ? sentOfFront_ : 0) + size > limit_;
+    return waitingBytes_ - (inMessage() ? sentOfFront_ : 0) + size > limit_;
 }
 
 void Outbox::pushMessage(const PayloadRef& message) {
     const std::size_t size = message->size();
+    const bool fits = size <= limit_;
+    if (fits) entries_.push_back({message, Kind::Message});  // may throw
     ++totals_.matched;
     counters_.add(Counter::MessagesMatched);
-    if (size > limit_) {
+    if (!fits) {
         recordLoss(size, LossCause::TooLarge);
         return;
     }
-    entries_.push_back({message, Kind::Message});
     charge(size);
     while (wouldDrop(0) && dropOldest(LossCause::SlowReader)) {
     }

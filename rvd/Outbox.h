@@ -15,7 +15,8 @@ namespace kvx::rvd {
 class Outbox;
 
 /// The total of all queues of a daemon. Above `limit`, the queue with most waiting drops its oldest
-/// messages. Loop thread only; must outlive its queues.
+/// messages; one that holds only a begun message is passed over. Loop thread only; must outlive its
+/// queues.
 class OutboxPool {
   public:
     /// `limit` in bytes of messages and of the daemon's overhead for each.
@@ -96,6 +97,8 @@ class Outbox {
         Kind kind;
     };
 
+    bool inMessage() const;  // the front is a message, and begun
+    bool canDrop() const;    // a message not begun waits
     void charge(std::size_t size);
     void discharge(std::size_t size);
     void recordLoss(std::size_t size, LossCause cause);

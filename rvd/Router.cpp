@@ -43,11 +43,14 @@ bool Router::Session::isIn(std::string_view service, std::string_view network) c
 Router::Session& Router::join(std::string_view service, std::string_view network,
                               Receiver& receiver) {
     const SpaceName name(serviceOrDefault(service), network);
-    auto& space = spaces_[name];
-    if (!space) space = std::make_unique<Space>(name);
-    space->sessions.push_back(std::unique_ptr<Session>(new Session(*space, receiver)));
+    const auto found = spaces_.find(name);
+    std::unique_ptr<Space> made;
+    if (found == spaces_.end()) made = std::make_unique<Space>(name);
+    Space& space = made ? *made : *found->second;
+    space.sessions.push_back(std::unique_ptr<Session>(new Session(space, receiver)));
+    if (made) spaces_.emplace(name, std::move(made));
     counters_.add(Counter::SessionsOpen);
-    return *space->sessions.back();
+    return *space.sessions.back();
 }
 
 void Router::leave(Session& session) {
@@ -59,7 +62,7 @@ void Router::leave(Session& session) {
     counters_.subtract(Counter::SessionsOpen);
     std::erase_if(space.sessions,
                   [&session](const auto& other) { return other.get() == &session; });
-    if (space.sessions.empty()) spaces_.erase(SpaceName(space.name));
+    if (space.sessions.empty()) spaces_.erase(spaces_.find(space.name));
 }
 
 bool Router::listen(Session& session, SubjectView subject) {
@@ -68,7 +71,12 @@ bool Router::listen(Session& session, SubjectView subject) {
     if (found == session.listens_.end()) {
         if (session.listens_.size() >= kMaxListens) return false;
         found = session.listens_.emplace(std::move(key), Listen{&session, 0}).first;
-        session.space_.tree.add(subject, &found->second);
+        try {
+            session.space_.tree.add(subject, &found->second);
+        } catch (...) {
+            session.listens_.erase(found);
+            throw;
+        }
     }
     ++found->second.count;
     counters_.add(Counter::ListensOpen);

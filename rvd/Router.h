@@ -41,13 +41,14 @@ class Router {
     ~Router();
 
     /// Opens a session in the space. `receiver` is only returned by `match`; it must outlive the
-    /// session, which exists until `leave`.
+    /// session, which exists until `leave`. Throws `std::bad_alloc` and changes nothing.
     Session& join(std::string_view service, std::string_view network, Receiver& receiver);
 
-    /// Undoes every listen of the session and destroys it.
+    /// Undoes every listen of the session and destroys it; needs no memory.
     void leave(Session& session);
 
-    /// Counts one listen. Returns false, and changes nothing, above `kMaxListens`.
+    /// Counts one listen. Returns false, and changes nothing, above `kMaxListens`; likewise throws
+    /// `std::bad_alloc`.
     [[nodiscard]] bool listen(Session& session, SubjectView subject);
 
     /// Undoes one listen; one that was never made is ignored.

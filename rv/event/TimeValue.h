@@ -34,6 +34,12 @@ inline constexpr TimeValue kLatestTime{std::numeric_limits<std::int32_t>::max(),
     return {static_cast<std::int32_t>(held / 1000), static_cast<std::int32_t>(held % 1000)};
 }
 
+/// A caller's interval, cut at 2^31 - 1 ms (24 days).
+[[nodiscard]] constexpr platform::Milliseconds limitedMs(unsigned long interval) noexcept {
+    constexpr unsigned long kLongest = std::numeric_limits<std::int32_t>::max();
+    return static_cast<platform::Milliseconds>(std::min(interval, kLongest));
+}
+
 [[nodiscard]] inline TimeValue timeNow() noexcept {
     return toTimeValue(platform::monotonicMs());
 }

@@ -190,9 +190,9 @@ Time Election::activationTime() const {
         if (peer.rank.isBetterThan(self_)) *end++ = peer.heard + rules_.activateMs;
     }
     if (end - ends.data() < static_cast<std::ptrdiff_t>(rules_.activeGoal)) return earliest;
-    Time* const last = ends.data() + rules_.activeGoal - 1;
-    std::ranges::nth_element(ends.data(), last, end, std::greater<>());
-    return std::max(earliest, *last);
+    Time* const nth = ends.data() + rules_.activeGoal - 1;
+    std::ranges::nth_element(ends.data(), nth, end, std::greater<>());
+    return std::max(earliest, *nth);
 }
 
 std::size_t Election::betterActivePeers() const {

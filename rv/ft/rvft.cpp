@@ -8,13 +8,13 @@
 #include <algorithm>
 #include <atomic>
 #include <bit>
-#include <limits>
 #include <map>
 #include <mutex>
 #include <new>
 #include <utility>
 
 #include "platform/Clock.h"
+#include "rv/event/TimeValue.h"
 #include "rv/ft/GroupMessage.h"
 #include "rv/ft/Member.h"
 #include "rv/session/rvSessionHooks.h"
@@ -63,14 +63,10 @@ std::uintptr_t nextNumber() {
 // Longer intervals are cut to 2^31 - 1 ms, some 24 days.
 Rules rulesOf(unsigned activeGoal, unsigned long heartbeatMs, unsigned long prepareMs,
               unsigned long activateMs) {
-    const auto interval = [](unsigned long milliseconds) {
-        constexpr unsigned long kLongest = std::numeric_limits<std::int32_t>::max();
-        return static_cast<Time>(std::min(milliseconds, kLongest));
-    };
     return {.activeGoal = activeGoal,
-            .heartbeatMs = interval(heartbeatMs),
-            .prepareMs = interval(prepareMs),
-            .activateMs = interval(activateMs)};
+            .heartbeatMs = event::limitedMs(heartbeatMs),
+            .prepareMs = event::limitedMs(prepareMs),
+            .activateMs = event::limitedMs(activateMs)};
 }
 
 bool areValid(const Rules& rules) {

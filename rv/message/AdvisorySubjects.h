@@ -7,7 +7,7 @@
 namespace kvx::advisory {
 
 /// True for "_RV.<INFO|WARN|ERROR>.SYSTEM" and everything below it: only the library and the daemon
-/// publish there.
+/// deliver there.
 KVX_API bool isSystemSubject(SubjectView subject);
 
 /// True also for a wildcard subject below "_RV" that covers such a subject; the daemon drops client

@@ -2,10 +2,10 @@
 
 #include <new>
 
+#include "rv/error/RvStatus.h"
 #include "rv/error/rvCodes.h"
 #include "rv/object/EventState.h"
 #include "rv/object/RvIOCallback.h"
-#include "rv/object/RvStatus.h"
 #include "rv/object/SessionBlock.h"
 #include "rv/session/rvSessionEvents.h"
 

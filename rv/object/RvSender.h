@@ -1,9 +1,9 @@
 #pragma once
 
 #include "platform/Memory.h"
+#include "rv/error/RvStatus.h"
 #include "rv/object/CallbackReference.h"
 #include "rv/object/RvSessionObject.h"
-#include "rv/object/RvStatus.h"
 
 class RvDataCallback;
 class RvDatum;

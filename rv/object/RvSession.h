@@ -1,9 +1,9 @@
 #pragma once
 
 #include "platform/Export.h"
+#include "rv/error/RvStatus.h"
 #include "rv/event/rvevm.h"
 #include "rv/object/CallbackReference.h"
-#include "rv/object/RvStatus.h"
 #include "rv/session/rv_Session.h"
 
 class RvDataCallback;

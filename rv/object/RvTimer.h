@@ -1,7 +1,7 @@
 #pragma once
 
+#include "rv/error/RvStatus.h"
 #include "rv/object/RvEvent.h"
-#include "rv/object/RvStatus.h"
 #include "rv/session/rv_Session.h"
 
 class RvTimerCallback;

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "rv/object/RvStatus.h"
+#include "rv/error/RvStatus.h"
 #include "rv/session/rv_Session.h"
 
 class RvSession;

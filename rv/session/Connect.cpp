@@ -128,18 +128,24 @@ bool answerGreeting(const SessionState& session, const Socket& socket, std::uint
 }
 
 bool speakV4(SessionState& session, Socket socket) {
-    return answerGreeting(session, socket, wire::kProtocolV4) &&
-           ipq_NegotiateV4(&session.queue, session, std::move(socket)) == IPQ_SETUP_OK;
+    ipq_Queue queue = nullptr;
+    if (!answerGreeting(session, socket, wire::kProtocolV4) ||
+        ipq_NegotiateV4(&queue, session, std::move(socket)) != IPQ_SETUP_OK)
+        return false;
+    session.adoptQueue(queue);
+    return true;
 }
 
 int speakV3(SessionState& session) {
     Greeted again = connectGreeted(session);
     if (again.code != 0) return again.code;
     if (again.greeting.version != wire::kProtocolV3) return session_code::kVersionMismatch;
-    if (answerGreeting(session, again.socket, wire::kProtocolV3) &&
-        ipq_CreateV3(&session.queue, session, std::move(again.socket)) == IPQ_SETUP_OK)
-        return session_code::kOk;
-    return session_code::kInitFailed;
+    ipq_Queue queue = nullptr;
+    if (!answerGreeting(session, again.socket, wire::kProtocolV3) ||
+        ipq_CreateV3(&queue, session, std::move(again.socket)) != IPQ_SETUP_OK)
+        return session_code::kInitFailed;
+    session.adoptQueue(queue);
+    return session_code::kOk;
 }
 
 std::optional<std::string> executableIn(const std::string& directory, const std::string& name) {
@@ -160,11 +166,11 @@ std::optional<std::string> findProgram(const std::string& name) {
 
 }  // namespace
 
-std::optional<DaemonAddress> parseDaemon(const char* text) {
+std::optional<DaemonEndpoint> parseDaemon(const char* text) {
     const std::string_view daemon(text);
     if (!daemon.starts_with(kScheme)) return std::nullopt;
     const std::size_t portColon = daemon.rfind(':');
-    DaemonAddress address;
+    DaemonEndpoint address;
     address.endpoint.port =
         static_cast<std::uint16_t>(std::strtol(text + portColon + 1, nullptr, 10));
     if (portColon < kScheme.size()) return address;

@@ -181,8 +181,8 @@ void deliverNoMemory(SessionState& session) {
 }
 
 void deliverFromLink(SessionState& session) {
-    ipq_SetMessageCallback(session.queue, onMessage, &session);
-    ipq_SetErrorCallback(session.queue, onError, &session);
+    ipq_SetMessageCallback(session.queue(), onMessage, &session);
+    ipq_SetErrorCallback(session.queue(), onError, &session);
 }
 
 const char* textField(const void* message, const char* name) {

@@ -27,13 +27,14 @@ constexpr platform::Milliseconds kReplyMs = 10'000;  // for the daemon's answer,
 
 int send(SessionState& session, wire::Built built) {
     if (built.code != 0) return codeOfBuild(built.code);
-    if (session.queue == nullptr)
+    if (session.queue() == nullptr)
         return session_code::kNotConnected;  // a hook closed the session or lost the link
-    if (ipq_Enqueue(session.queue, std::move(built.message), false) || ipq_WasKept(session.queue))
-        return ipq_StateOf(session.queue) == IPQ_PEER_GONE ? session_code::kNotConnected
-                                                           : session_code::kOk;
-    return ipq_StateOf(session.queue) == IPQ_NO_MEMORY ? session_code::kNoMemory
-                                                       : session_code::kNotConnected;
+    if (ipq_Enqueue(session.queue(), std::move(built.message), false) ||
+        ipq_WasKept(session.queue()))
+        return ipq_StateOf(session.queue()) == IPQ_PEER_GONE ? session_code::kNotConnected
+                                                             : session_code::kOk;
+    return ipq_StateOf(session.queue()) == IPQ_NO_MEMORY ? session_code::kNoMemory
+                                                         : session_code::kNotConnected;
 }
 
 int sendInit(SessionState& session, bool named) {
@@ -68,7 +69,7 @@ void adoptName(SessionState& session) {
 }
 
 int readReply(SessionState& session) {
-    const wire::Bytes message = ipq_ReadWithin(session.queue, kReplyMs);
+    const wire::Bytes message = ipq_ReadWithin(session.queue(), kReplyMs);
     if (message.empty()) return session_code::kNotConnected;
     const wire::Reply reply = wire::readReply(message);
     if (reply.code != 0) return reply.code;
@@ -83,11 +84,11 @@ int provideControlInbox(SessionState& session) {
     return addPrivateInbox(session, &session.control);
 }
 
-// A listen message, unless a hook refuses it.
+// A listen message, unless a hook refuses it; a hook may also close the session or lose the link.
 int sendListen(SessionState& session, wire::Built built) {
     if (built.code == 0 &&
         session.hooks.run(RV_HOOK_LISTEN, session.handle(), built.message.bytes.get()) != 0)
-        return session_code::kOk;
+        return session.queue() != nullptr ? session_code::kOk : session_code::kNotConnected;
     return send(session, std::move(built));
 }
 
@@ -150,13 +151,13 @@ int introduceSafely(SessionState& session) {
 
 int connectAndIntroduce(SessionState& session) {
     if (const int code = connectLink(session); code != 0) return code;
-    ipq_SetStallLimit(session.queue, kReplyMs);
-    ipq_SetBlocking(session.queue, true);
+    ipq_SetStallLimit(session.queue(), kReplyMs);
+    ipq_SetBlocking(session.queue(), true);
     const int code = introduceSafely(session);
-    if (session.queue == nullptr)  // a hook closed the session or lost the link
+    if (session.queue() == nullptr)  // a hook closed the session or lost the link
         return code != 0 ? code : session_code::kNotConnected;
     if (code != 0) {
-        ipq_Close(std::exchange(session.queue, nullptr), false);
+        ipq_Close(session.takeQueue(), false);
         return code;
     }
     watchLink(session);

@@ -28,7 +28,7 @@ int addRecord(SessionState& session, rv_Listener* listener, ListenRecord record)
 }
 
 int announce(SessionState& session, const ListenRecord& record) {
-    if (session.queue == nullptr || isInbox(record.subject)) return session_code::kOk;
+    if (session.queue() == nullptr || isInbox(record.subject)) return session_code::kOk;
     wire::Built built = listenMessage(session, record);
     if (built.code != 0) return codeOfBuild(built.code);
     if (session.hooks.run(RV_HOOK_LISTEN, session.handle(), built.message.bytes.get()) != 0)
@@ -69,7 +69,7 @@ int listen(SessionState& session, rv_Listener* listener, Subject subject, rv_Dat
 }
 
 int withdraw(SessionState& session, SubjectView subject) {
-    if (session.queue == nullptr || isInbox(subject)) return session_code::kOk;
+    if (session.queue() == nullptr || isInbox(subject)) return session_code::kOk;
     wire::Built built = wire::buildCancel(bytesOf(subject), session.flavour.id);
     if (built.code != 0) return codeOfBuild(built.code);
     return queueMessage(session, std::move(built.message));

@@ -1,11 +1,11 @@
 // Running a session, and the state and properties of its connection.
 
-#include <algorithm>
 #include <cstring>
 #include <string_view>
 
 #include "platform/Socket.h"
 #include "rv/error/rvCodes.h"
+#include "rv/event/TimeValue.h"
 #include "rv/session/SessionParts.h"
 
 namespace kvx::session {
@@ -13,11 +13,6 @@ namespace kvx::session {
 namespace {
 
 constexpr std::string_view kQueueProperty = "ipqProperties";
-constexpr unsigned long kLongestWaitMs = 0x7FFFFFFF;
-
-platform::Milliseconds waitOf(unsigned long timeoutMs) {
-    return static_cast<platform::Milliseconds>(std::min(timeoutMs, kLongestWaitMs));
-}
 
 int runLoop(SessionState& session) {
     const Entered entered(session);
@@ -29,13 +24,13 @@ int runLoop(SessionState& session) {
 
 int dispatch(SessionState& session, platform::Milliseconds timeout) {
     const Entered entered(session);
-    const ipq_State state = ipq_DispatchOne(session.queue, timeout);
+    const ipq_State state = ipq_DispatchOne(session.queue(), timeout);
     return state == IPQ_OK || state == IPQ_EMPTY ? session_code::kOk : session_code::kNotConnected;
 }
 
 int flush(SessionState& session, platform::Milliseconds timeout) {
     const Entered entered(session);
-    switch (ipq_Flush(session.queue, timeout)) {
+    switch (ipq_Flush(session.queue(), timeout)) {
         case IPQ_OK:
             return session_code::kOk;
         case IPQ_EMPTY:
@@ -48,7 +43,7 @@ int flush(SessionState& session, platform::Milliseconds timeout) {
 
 void adoptProperties(SessionState& session, const ipq_Properties& properties) {
     session.properties = properties;
-    if (session.queue != nullptr) ipq_SetProperties(session.queue, properties);
+    if (session.queue() != nullptr) ipq_SetProperties(session.queue(), properties);
 }
 
 }  // namespace
@@ -77,15 +72,15 @@ int rv_Dispatch(rv_Session handle, unsigned long timeoutMs) {
     session::SessionState* const session = session::find(handle);
     if (session == nullptr) return session_code::kInvalidSession;
     if (session->manager != nullptr) return session_code::kInvalidArgument;
-    if (session->queue == nullptr) return session_code::kNotConnected;
-    return session::dispatch(*session, session::waitOf(timeoutMs));
+    if (session->queue() == nullptr) return session_code::kNotConnected;
+    return session::dispatch(*session, kvx::event::limitedMs(timeoutMs));
 }
 
 int rv_Flush(rv_Session handle, unsigned long timeoutMs) {
     session::SessionState* const session = session::find(handle);
     if (session == nullptr) return session_code::kInvalidSession;
-    if (session->queue == nullptr) return session_code::kNotConnected;
-    return session::flush(*session, session::waitOf(timeoutMs));
+    if (session->queue() == nullptr) return session_code::kNotConnected;
+    return session::flush(*session, kvx::event::limitedMs(timeoutMs));
 }
 
 int rv_Pending(rv_Session handle, unsigned long* messages, unsigned long* bytes) {
@@ -93,9 +88,9 @@ int rv_Pending(rv_Session handle, unsigned long* messages, unsigned long* bytes)
     if (bytes != nullptr) *bytes = 0;
     session::SessionState* const session = session::find(handle);
     if (session == nullptr) return session_code::kInvalidSession;
-    if (session->queue == nullptr) return session_code::kOk;
-    if (messages != nullptr) *messages = ipq_WaitingMessages(session->queue);
-    if (bytes != nullptr) *bytes = ipq_WaitingBytes(session->queue);
+    if (session->queue() == nullptr) return session_code::kOk;
+    if (messages != nullptr) *messages = ipq_WaitingMessages(session->queue());
+    if (bytes != nullptr) *bytes = ipq_WaitingBytes(session->queue());
     return session_code::kOk;
 }
 
@@ -115,14 +110,4 @@ int rv_SetProperty(rv_Session handle, const char* name, const void* record) {
 
 void rv_SetTraceLevel(const int* level) {
     kvx::link::setTraceLevel(level);
-}
-
-const char* rv_SessionName(rv_Session handle) {
-    const session::SessionState* const session = session::find(handle);
-    return session != nullptr ? session->name.c_str() : "";
-}
-
-bool rv_IsConnected(rv_Session handle) {
-    const session::SessionState* const session = session::find(handle);
-    return session != nullptr && session->queue != nullptr;
 }

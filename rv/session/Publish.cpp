@@ -49,10 +49,10 @@ int queueingFailed(SessionState& session, ipq_State state, bool kept) {
 }  // namespace
 
 int queueMessage(SessionState& session, wire::OwnedMessage message) {
-    if (session.queue == nullptr) return session_code::kNotConnected;
-    if (!ipq_Enqueue(session.queue, std::move(message), false))
-        return queueingFailed(session, ipq_StateOf(session.queue), ipq_WasKept(session.queue));
-    if (ipq_WaitingMessages(session.queue) >= advisory::kFastProducerThreshold)
+    if (session.queue() == nullptr) return session_code::kNotConnected;
+    if (!ipq_Enqueue(session.queue(), std::move(message), false))
+        return queueingFailed(session, ipq_StateOf(session.queue()), ipq_WasKept(session.queue()));
+    if (ipq_WaitingMessages(session.queue()) >= advisory::kFastProducerThreshold)
         announceFastProducer(session, advisory::kWarn);
     return session_code::kOk;
 }
@@ -82,7 +82,7 @@ int rv_Send(rv_Session handle, const char* subject, const char* reply, rvmsg_Typ
     if (subject == nullptr) return session_code::kInvalidArgument;
     session::SubjectBuffer encoded;
     if (const int code = session::encodePublic(subject, encoded); code != 0) return code;
-    if (session->queue == nullptr) return session_code::kNotConnected;
+    if (session->queue() == nullptr) return session_code::kNotConnected;
     if (!session::isSendable(type, data)) return session_code::kNoMemory;
     const session::Entered entered(*session);
     return session::publish(*session, SubjectView::trusted(encoded), reply, {type, size, data});

@@ -84,17 +84,15 @@ bool isCutShort(const SessionState& session) {
 
 void watchLink(SessionState& session) {
     deliverFromLink(session);
-    ipq_SetPeerGoneCallback(session.queue, onPeerGone, &session);
-    ipq_SetStallLimit(session.queue, kStallMs);
-    ipq_SetBlocking(session.queue, false);
+    ipq_SetPeerGoneCallback(session.queue(), onPeerGone, &session);
+    ipq_SetStallLimit(session.queue(), kStallMs);
+    ipq_SetBlocking(session.queue(), false);
 }
 
 void linkLost(SessionState& session) {
-    if (session.queue == nullptr) return;
+    if (session.queue() == nullptr) return;
     const Entered entered(session);
-    ipq_Queue queue = session.queue;
-    session.queue = nullptr;
-    ipq_Close(queue, false);
+    ipq_Close(session.takeQueue(), false);
     session.hooks.run(RV_HOOK_DISCONNECT, session.handle(), nullptr);
     if (!session.isClosed()) announceDisconnect(session);
     if (session.isClosed() || session.manager == nullptr || session.reconnectTimer != nullptr)

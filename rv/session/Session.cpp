@@ -108,11 +108,7 @@ void release(SessionState* session) {
 }
 
 void closeLink(SessionState& session) {
-    if (session.queue != nullptr) {
-        ipq_Queue queue = session.queue;
-        session.queue = nullptr;
-        ipq_Close(queue, true);
-    }
+    if (session.queue() != nullptr) ipq_Close(session.takeQueue(), true);
     session.events.stop();
     session.reconnectTimer = nullptr;
 }
@@ -169,6 +165,16 @@ namespace event = kvx::event;
 
 bool rv_IsOpen(rv_Session handle) {
     return session::find(handle) != nullptr;
+}
+
+const char* rv_SessionName(rv_Session handle) {
+    const session::SessionState* const session = session::find(handle);
+    return session != nullptr ? session->name.c_str() : "";
+}
+
+bool rv_IsConnected(rv_Session handle) {
+    const session::SessionState* const session = session::find(handle);
+    return session != nullptr && session->queue() != nullptr;
 }
 
 int rv_Flavor(int id, const char* name, const char* ticket, int key, int flags) {

@@ -26,7 +26,7 @@ void setProcessLinkProperties(const ipq_Properties& properties);
 
 /// Connect.cpp: reads "tcp:[host:]port" and resolves the host, which may block. Nothing when the
 /// text has another form or the host is unknown. A non-numeric port is 0.
-[[nodiscard]] std::optional<DaemonAddress> parseDaemon(const char* text);
+[[nodiscard]] std::optional<DaemonEndpoint> parseDaemon(const char* text);
 /// Connects; on success the session has a queue.
 [[nodiscard]] int connectLink(SessionState& session);
 

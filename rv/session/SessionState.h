@@ -4,6 +4,7 @@
 #include <deque>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Clock.h"
@@ -21,7 +22,7 @@ namespace kvx::session {
 struct SessionState;
 
 /// A parsed daemon text.
-struct DaemonAddress {
+struct DaemonEndpoint {
     bool local = true;  ///< no host given: the daemon of this machine, which may be started
     platform::Endpoint endpoint{platform::kLoopbackAddress, 0};
 };
@@ -70,12 +71,11 @@ struct SessionState final : link::LinkHost, event::Handle<SessionState> {
     std::string service;
     std::string network;
     std::string daemon;
-    DaemonAddress address;
+    DaemonEndpoint address;
     FlavourRecord flavour;
     wire::OwnedMessage noMemoryAdvisory;  // deliverable without allocating
 
     // The connection.
-    ipq_Queue queue = nullptr;  // null while disconnected
     ipq_Properties properties{};
     rvevm_Id reconnectTimer = nullptr;
     std::optional<platform::Milliseconds> reconnectedAt;  // on the monotonic clock
@@ -107,8 +107,15 @@ struct SessionState final : link::LinkHost, event::Handle<SessionState> {
     /// For `rv_Close` only.
     void moveOn(Life next) { life_ = next; }
 
+    /// The link; null while disconnected.
+    [[nodiscard]] ipq_Queue queue() const { return queue_; }
+    void adoptQueue(ipq_Queue queue) { queue_ = queue; }
+    /// The link, for the caller to close; calls from then on find none.
+    [[nodiscard]] ipq_Queue takeQueue() { return std::exchange(queue_, nullptr); }
+
   private:
     Life life_ = Life::Open;
+    ipq_Queue queue_ = nullptr;
 };
 
 /// Null for a handle that is null, closed or foreign. Any thread.

@@ -11,7 +11,7 @@ enum rv_HookList {
     RV_HOOK_LISTEN = 2,      ///< before a listen message is sent; nonzero: it is not sent
     RV_HOOK_DISCONNECT = 3,  ///< the connection has been lost
     RV_HOOK_RECONNECT = 4,   ///< the connection is restored and every listen announced
-    RV_HOOK_CLOSE = 5,       ///< closing starts; the session can still send
+    RV_HOOK_CLOSE = 5,       ///< closing starts; the session is open and can still send
     RV_HOOK_RELEASE = 6,     ///< the session is about to be freed; no operation works any more
 };
 
@@ -32,5 +32,5 @@ KVX_API const char* rv_SessionName(rv_Session session);
 /// True while the session has a daemon connection.
 KVX_API bool rv_IsConnected(rv_Session session);
 
-/// True for a session that was created and is neither closed nor closing.
+/// True from the creation of a session until `rv_Close` has run its close hooks.
 KVX_API bool rv_IsOpen(rv_Session session);

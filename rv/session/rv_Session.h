@@ -3,7 +3,8 @@
 /// The core session: one connection of this process to the bus daemon.
 ///
 /// Unless an operation says otherwise it returns a session code (`rv_ErrorText`), 0 for success,
-/// and 2 when the session handle is null, closed or closing. A handle is a token that is never
+/// and 2 when the session handle is null or closed. A session is closed once `rv_Close` has run its
+/// close hooks; in them only a second `rv_Close` returns 2. A handle is a token that is never
 /// reused. Use a session only on the thread that runs its event loop; nothing here is locked.
 /// Subjects are dotted texts; texts, data and subjects given to an operation are copied and need to
 /// live only during the call.
@@ -91,7 +92,8 @@ KVX_API int rv_Cancel(rv_Session session, rv_Listener listener);
 /// is computed for messages, texts and sealed blocks. Returns 3 for a null subject, 21 for an
 /// invalid or reserved one, 22 without a connection or when it breaks, 3 for a payload that does
 /// not fit its type or any message (64 MiB), 20 for null data and for a size of 0 that cannot be
-/// computed, without memory, or when a limit refused the message.
+/// computed, without memory, or when a limit refused the message. A wildcard subject that covers
+/// the system's advisories ("_RV.>") is sent, but `rvd` drops the message.
 KVX_API int rv_Send(rv_Session session, const char* subject, const char* reply, rvmsg_Type type,
                     rvmsg_Size size, rvmsg_Data data);
 

@@ -157,6 +157,18 @@ TEST_F(Queue, TakesFromTheFullestWhenAllTogetherHoldTooMuch) {
     EXPECT_EQ(counters[Counter::DroppedMemory], 2U);
 }
 
+TEST_F(Queue, PassesOverAQueueThatHoldsOnlyABegunMessage) {
+    OutboxPool small(5000);
+    Outbox begun(10'000, small, counters);
+    Outbox other(10'000, small, counters);
+    begun.pushMessage(numbered(1, 4000));
+    begun.written(1);
+    for (int i = 0; i < 9; ++i) other.pushMessage(numbered(i));
+    EXPECT_LE(small.used(), small.limit());
+    EXPECT_EQ(begun.totals().dropped, 0U);
+    EXPECT_GT(other.totals().dropped, 0U);
+}
+
 TEST_F(Queue, CountsWhatWaitsAsDroppedWhenItsSessionEnds) {
     Outbox& queue = make(3);
     for (int i = 1; i <= 3; ++i) queue.pushMessage(numbered(i));

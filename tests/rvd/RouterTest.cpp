@@ -2,6 +2,8 @@
 
 #include <set>
 
+#include "tests/support/FailingNew.h"
+
 namespace kvx::rvd {
 namespace {
 
@@ -84,6 +86,28 @@ TEST_F(Routing, CountsListensAndForgetsASessionThatLeavesAndItsEmptySpace) {
     router.leave(a);
     EXPECT_EQ(router.spaces(), 0U);
     EXPECT_EQ(counters[Counter::SessionsOpen], 0U);
+}
+
+TEST_F(Routing, IsUnchangedByAJoinOrAListenWithoutMemory) {
+    const auto isDone = [](long news, const auto& step) {
+        test::newsBeforeFailure = news;
+        try {
+            step();
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+        test::newsBeforeFailure = -1;
+        return true;
+    };
+    Named a("a");
+    Router::Session* session = nullptr;
+    const auto join = [&] { session = &router.join("", "a network with a long name", a); };
+    for (long news = 0; !isDone(news, join); ++news) EXPECT_EQ(router.spaces(), 0U);
+    const auto subject = *Subject::fromText("A.SUBJECT.OF.MORE.THAN.A.FEW.CHARACTERS");
+    const auto listen = [&] { EXPECT_TRUE(router.listen(*session, subject)); };
+    for (long news = 0; !isDone(news, listen); ++news) router.cancel(*session, subject);
+    EXPECT_EQ(reached(*session, "A.SUBJECT.OF.MORE.THAN.A.FEW.CHARACTERS"), "a");
+    EXPECT_EQ(counters[Counter::ListensOpen], 1U);
 }
 
 TEST_F(Routing, TakesInboxMessagesOnlyToInboxListensAndNoPlainWildcardToAdvisoryListens) {

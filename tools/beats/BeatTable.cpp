@@ -10,7 +10,7 @@
 #include <memory>
 #include <utility>
 
-#include "foundation/foundation.h"
+#include "mom/mom.h"
 #include "mom/transport/TransportPacket.h"
 
 namespace kvx::beats {
@@ -76,7 +76,7 @@ std::optional<Beat> readBeat(Bytes packet) {
 
 std::uint64_t Service::overdue(Milliseconds now) const {
     const Milliseconds silence = age(now) - kTolerance;
-    return silence <= 0 ? 0 : static_cast<std::uint64_t>(silence / kInterval);
+    return silence <= 0 ? 0 : static_cast<std::uint64_t>(silence / kHeartbeatInterval);
 }
 
 bool BeatTable::hear(std::span<const unsigned char> packet, Milliseconds now) {

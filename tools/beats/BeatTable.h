@@ -34,7 +34,6 @@ struct Beat {
 /// Further fields are allowed, for later versions.
 [[nodiscard]] std::optional<Beat> readBeat(std::span<const unsigned char> packet);
 
-inline constexpr Milliseconds kInterval = 10'000;      ///< between two beats of a service
 inline constexpr Milliseconds kTolerance = 1'000;      ///< allowed delay of a beat
 inline constexpr Milliseconds kForgetAfter = 600'000;  ///< of silence
 inline constexpr std::size_t kMostServices = 10'000;

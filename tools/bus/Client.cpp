@@ -6,8 +6,6 @@
 #include <utility>
 
 #include "platform/Memory.h"
-#include "rv/error/rvAdvisory.h"
-#include "rv/session/rvSessionHooks.h"
 #include "tools/bus/Complain.h"
 
 namespace kvx::bus {
@@ -22,9 +20,9 @@ std::string messages(std::uint64_t count) {
 
 }  // namespace
 
-Client::Client(const Connection& connection, unsigned long latencyMs)
-    : qualify_(!connection.domain.empty()),
-      net_(latencyMs, connection.domainOrDefault().c_str(), connection) {
+Client::Client(const BusOptions& options, unsigned long latencyMs)
+    : qualify_(!options.domain.empty()),
+      net_(latencyMs, options.domainOrDefault().c_str(), options) {
     daemon_ = net_.RRNAddress().daemon;
     if (rv_DaemonsStarted() != daemonsBefore_) {
         complain(fmt::format("started a bus daemon at {}, since none answered there", daemon_));
@@ -36,7 +34,7 @@ Client::Client(const Connection& connection, unsigned long latencyMs)
         complain(fmt::format("no session with the bus daemon at {}", daemon_));
     } else if (watchSession()) {
         isUp_ = true;
-        if (connection.verbose) complain(sessionText());
+        if (options.verbose) complain(sessionText());
     } else {
         complain(fmt::format("the bus daemon is lost ({})", daemon_));
     }

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "mom/mom.h"
-#include "tools/bus/Connection.h"
+#include "tools/bus/BusOptions.h"
 #include "tools/bus/Program.h"
 
 namespace kvx::bus {
@@ -22,7 +22,7 @@ class Client : private RvDataCallback {
   public:
     /// `latencyMs` is the time-out of requests. On failure reports on standard error, and `isUp`
     /// returns false.
-    explicit Client(const Connection& connection, unsigned long latencyMs = 0);
+    explicit Client(const BusOptions& options, unsigned long latencyMs = 0);
     ~Client() override;
 
     bool isUp() const { return isUp_; }

@@ -13,8 +13,8 @@
 
 #include "platform/File.h"
 #include "platform/Text.h"
+#include "tools/bus/BusOptions.h"
 #include "tools/bus/Complain.h"
-#include "tools/bus/Connection.h"
 #include "tools/bus/Output.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Fields.h"

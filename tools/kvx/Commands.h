@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/bus/Connection.h"
+#include "tools/bus/BusOptions.h"
 #include "tools/bus/Program.h"
 
 namespace kvx::tool {
@@ -15,7 +15,7 @@ using bus::kSuccess;
 using bus::kUsage;
 
 /// Options of every subcommand: the address of the bus, and the output.
-struct Connection : bus::Connection {
+struct Connection : bus::BusOptions {
     bool json = false;
 };
 

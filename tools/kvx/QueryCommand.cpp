@@ -12,7 +12,6 @@
 #include "platform/File.h"
 #include "platform/Memory.h"
 #include "platform/Text.h"
-#include "rv/session/rvSessionHooks.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"

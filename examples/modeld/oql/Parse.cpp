@@ -16,6 +16,14 @@
 
 namespace modeld::oql {
 
+std::string lowered(std::string_view text) {
+    std::string result(text);
+    for (char& c : result) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return result;
+}
+
 namespace grammar {
 
 namespace {
@@ -58,14 +66,6 @@ constexpr std::array<Keyword, 12> kSymbols = {{
     {">", Parser::token::TOK_GREATER},
     {">=", Parser::token::TOK_GREATER_OR_EQUAL},
 }};
-
-std::string lowered(std::string_view text) {
-    std::string result(text);
-    for (char& c : result) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return result;
-}
 
 }  // namespace
 

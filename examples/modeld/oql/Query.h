@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -17,6 +18,9 @@ struct Name {
     std::string text;
     Position position = 0;
 };
+
+/// The form in which keywords and names are compared: ASCII letters in lower case.
+std::string lowered(std::string_view text);
 
 struct Null {};
 

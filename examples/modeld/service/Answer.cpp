@@ -43,7 +43,8 @@ void addRefusal(CVekTransport& transport, const std::string& message, oql::Posit
     transport.RTAddRecord(&record);
 }
 
-void send(CVekTransport& transport, const Question& question, const Verdict& verdict) {
+// Returns false, and sends nothing, when a packet is too large for a message.
+bool send(CVekTransport& transport, const Question& question, const Verdict& verdict) {
     transport.RTSetError(verdict.status);
     transport.RTSetDestinationOnSubject(question.replySubject.c_str());
     if (verdict.status == STORE_ZERO_MATCHES) {
@@ -51,7 +52,7 @@ void send(CVekTransport& transport, const Question& question, const Verdict& ver
     } else {
         transport.RTCreatePackets(question.version, true);
     }
-    transport.RTSendAll(false);
+    return transport.RTSendAll(false) == kvx::kOk;
 }
 
 Verdict refused(EVekStoreErrorStatus status, const std::string& message, oql::Position position) {
@@ -96,7 +97,11 @@ Verdict answer(CVekEngine& engine, Store& store, const Question& question, SendG
         if (!question.begunSubject.empty() && kvx::isLongAnswer(question.version, verdict.rows)) {
             kvx::tellBegun(engine, question.begunSubject, question.replySubject);
         }
-        send(transport, question, verdict);
+        if (send(transport, question, verdict)) return;
+        verdict = refused(STORE_PERMISSION_DENIED, "the rows are too large for a message", 0);
+        transport.RTPurge();
+        addRefusal(transport, verdict.reason, 0);
+        static_cast<void>(send(transport, question, verdict));
     });
     return verdict;
 }
@@ -104,7 +109,7 @@ Verdict answer(CVekEngine& engine, Store& store, const Question& question, SendG
 void refuse(CVekEngine& engine, const Question& question, const std::string& reason) {
     CVekTransport transport(&engine);
     addRefusal(transport, reason, 0);
-    send(transport, question, refused(STORE_PERMISSION_DENIED, reason, 0));
+    static_cast<void>(send(transport, question, refused(STORE_PERMISSION_DENIED, reason, 0)));
 }
 
 }  // namespace modeld

@@ -1,23 +1,18 @@
-// The bus announces the loss, by an advisory that precedes any attempt to reconnect, but not the
-// return. An engine has two sessions, and the first to find the daemon lost blocks for seconds in
-// its attempts, so this listens on both. While the daemon is lost, the engine's link is checked at
-// every tick.
+// An engine has two sessions, and the first to find the daemon lost blocks for seconds in its
+// attempts, so both are watched. The daemon is back as soon as the engine can send again.
 //
 // An error report comes from any thread, without an object, so the state it needs is process-wide.
 
 #include "examples/modeld/service/DaemonLink.h"
 
+#include <algorithm>
 #include <atomic>
 
 #include "examples/modeld/service/Log.h"
-#include "mom/base/VekCodes.h"
-#include "rv/error/rvCodes.h"
 
 namespace modeld {
 
 namespace {
-
-constexpr int kLookMs = 100;
 
 std::atomic<bool> isAway{false};
 std::atomic<unsigned> lossCount{0};
@@ -41,13 +36,22 @@ ReportsInLog::~ReportsInLog() {
     CVekError::SetHandler(before_);
 }
 
-bool DaemonLink::start() {
-    if (engine_.m_ftSession) {
-        onGroupSession_.reset(
-            engine_.m_ftSession->newListener(kvx::advisory::kDisconnectedSubject, this, nullptr));
+DaemonLink::DaemonLink(const CVekEngine& engine)
+    : sessions_{engine.m_session->handle(),
+                engine.m_ftSession ? engine.m_ftSession->handle() : nullptr} {}
+
+DaemonLink::~DaemonLink() {
+    for (rv_Session session : sessions_) {
+        rv_RemoveHook(session, RV_HOOK_DISCONNECT, onLoss, this);
+        rv_RemoveHook(session, RV_HOOK_RECONNECT, onReturn, this);
     }
-    return engine_.RRNAddExService(kvx::advisory::kDisconnectedSubject, this) == 1 &&
-           engine_.RRNAddRepeatTimer(kLookMs, this) == 1;
+}
+
+bool DaemonLink::start() {
+    return std::ranges::all_of(sessions_, [this](rv_Session session) {
+        return session == nullptr || (rv_AddHook(session, RV_HOOK_DISCONNECT, onLoss, this) == 0 &&
+                                      rv_AddHook(session, RV_HOOK_RECONNECT, onReturn, this) == 0);
+    });
 }
 
 bool DaemonLink::isUp() {
@@ -62,18 +66,19 @@ std::uint64_t DaemonLink::unsent() {
     return unsentCount;
 }
 
-void DaemonLink::onData(const char*, RvSender*, const RvDatum&, RvListener*) {
+int DaemonLink::onLoss(rv_Session, const void*, void*) {
     ++lossCount;
     if (!isAway.exchange(true))
         Log::warning("the daemon is away; nothing can be sent until it is back");
+    return 0;
 }
 
-void DaemonLink::onTimer(RvTimer*) {
-    if (!isAway || rv_Flush(engine_.m_session->handle(), 0) == kvx::session_code::kNotConnected)
-        return;
-    isAway = false;
-    const auto unsent = unsentCount.exchange(0);
-    Log::info("the daemon is back; {} messages could not be sent meanwhile", unsent);
+int DaemonLink::onReturn(rv_Session, const void*, void* link) {
+    if (!rv_IsConnected(static_cast<DaemonLink*>(link)->sessions_[0]) || !isAway.exchange(false))
+        return 0;
+    Log::info("the daemon is back; {} messages could not be sent meanwhile",
+              unsentCount.exchange(0));
+    return 0;
 }
 
 }  // namespace modeld

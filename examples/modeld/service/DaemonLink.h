@@ -1,7 +1,7 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
-#include <memory>
 
 #include "mom/mom.h"
 
@@ -23,12 +23,16 @@ class ReportsInLog {
 ///
 /// While it is lost every send fails, and each failure would be a line of `ReportsInLog`; they are
 /// counted instead and logged in one line at the end. One per process; built, started and destroyed
-/// on the main thread of `engine`, which must outlive it.
-class DaemonLink : public RvDataCallback, public RvTimerCallback {
+/// on the main thread of `engine`.
+class DaemonLink {
   public:
-    explicit DaemonLink(CVekEngine& engine) : engine_(engine) {}
+    /// `engine` has its sessions.
+    explicit DaemonLink(const CVekEngine& engine);
+    ~DaemonLink();
+    DaemonLink(const DaemonLink&) = delete;
+    DaemonLink& operator=(const DaemonLink&) = delete;
 
-    /// False when the bus refuses.
+    /// False without memory.
     [[nodiscard]] bool start();
 
     /// Any thread.
@@ -41,13 +45,11 @@ class DaemonLink : public RvDataCallback, public RvTimerCallback {
     /// Messages that could not be sent since the loss of the daemon. Any thread.
     static std::uint64_t unsent();
 
-    void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
-                RvListener* listener) override;
-    void onTimer(RvTimer* timer) override;
-
   private:
-    CVekEngine& engine_;
-    std::unique_ptr<RvListener> onGroupSession_;
+    static int onLoss(rv_Session session, const void* message, void* link);
+    static int onReturn(rv_Session session, const void* message, void* link);
+
+    const std::array<rv_Session, 2> sessions_;  // the one that sends; the group's, or null
 };
 
 }  // namespace modeld

@@ -16,14 +16,6 @@ namespace modeld::sql {
 
 namespace {
 
-std::string lowered(std::string_view text) {
-    std::string result(text);
-    for (char& c : result) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return result;
-}
-
 ValueKind kindOf(const oql::Literal& value) {
     static constexpr ValueKind kKinds[] = {ValueKind::Null, ValueKind::Integer, ValueKind::Real,
                                            ValueKind::Text};
@@ -190,15 +182,15 @@ std::string quoted(const std::string& name) {
 }
 
 bool isUsersTable(const std::string& name) {
-    const std::string plain = lowered(name);
+    const std::string plain = oql::lowered(name);
     return !plain.empty() && plain.find('\0') == std::string::npos &&
            !plain.starts_with("sqlite_") && !plain.starts_with(kOwnTables);
 }
 
 const std::pair<std::string, ValueKind>* Table::find(std::string_view column) const {
-    const std::string wanted = lowered(column);
+    const std::string wanted = oql::lowered(column);
     for (const auto& candidate : columns) {
-        if (lowered(candidate.first) == wanted) return &candidate;
+        if (oql::lowered(candidate.first) == wanted) return &candidate;
     }
     return nullptr;
 }

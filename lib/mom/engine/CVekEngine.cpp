@@ -12,11 +12,11 @@
 #include "mom/base/VekTrace.h"
 #include "mom/engine/CVekEngineLines.h"
 #include "mom/engine/CVekInitTimedClb.h"
+#include "mom/engine/VekSubjects.h"
 
 namespace {
 
 constexpr unsigned long kDefaultSendRate = 150;       // items a second
-constexpr unsigned long kHeartbeatInterval = 10000;   // milliseconds
 constexpr unsigned long kFirstHeartbeatDelay = 1500;  // milliseconds
 
 }  // namespace
@@ -105,7 +105,8 @@ void CVekEngine::REStartHeartBeat(const char* service, const char* domain, CVekE
     if (m_hbFirstTimer) m_retiredTimers.push_back(std::move(m_hbFirstTimer));
     m_hbTimer.reset();
     int status = kvx::kOk;
-    m_hbTimer.reset(RRNNewTimer(&status, kHeartbeatInterval, rv_TRUE, m_heartbeat.get(), this));
+    m_hbTimer.reset(
+        RRNNewTimer(&status, kvx::kHeartbeatInterval, rv_TRUE, m_heartbeat.get(), this));
     if (!m_hbTimer) {
         kvx::report(kvx::kInvalidArgument, kvx::engine::kFile, kvx::engine::HeartbeatTimer, kText);
     }

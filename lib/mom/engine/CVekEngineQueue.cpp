@@ -18,7 +18,7 @@
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekEngineLines.h"
 #include "mom/engine/VekSubjects.h"
-#include "mom/transport/TransportPayload.h"
+#include "mom/transport/EngineOperations.h"
 
 namespace engine = kvx::engine;
 

@@ -34,8 +34,6 @@ enum Line : int {
 };
 }
 
-constexpr int kNominalInterval = 10000;  // milliseconds
-
 void reportStep(int result, int line, const char* text) {
     if (result != kvx::kOk) kvx::report(result, kHeartbeatFile, line, text);
 }
@@ -51,7 +49,7 @@ CVekHeartbeatClb::CVekHeartbeatClb(const char* service, const char* domain, CVek
       m_host(hostAtom(env)),
       m_domainAtom(new CVekAtom(domain)),
       m_service(new CVekAtom(service)),
-      m_interval(kNominalInterval),
+      m_interval(kvx::kHeartbeatInterval),
       m_type(new CVekAtom(0)) {
     kvx::trace(kvx::kTraceCalls, "CVekHeartbeatClb::CVekHeartbeatClb(", kvx::textOrNull(service),
                ", ", kvx::textOrNull(domain), ")\n");

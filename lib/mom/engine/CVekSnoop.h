@@ -24,7 +24,9 @@ class KVX_API CVekSnoop : public RvDataCallback {
     void onData(const char* subject, RvSender* replySender, const RvDatum& data,
                 RvListener* listener) override;
 
-    /// Queues a copy of `data` in the pool. Loop thread only.
+    /// Queues a copy of `data` in the pool. The work unit belongs to the pool from the call of
+    /// `RSPAddWorkDetail` on, also when that fails (reported as -220439): it is not deleted here,
+    /// so a pool that counts on failures deletes what it refuses. Loop thread only.
     void RSProcessData(const char* subject, RvSender* replySender, const RvDatum& data,
                        RvListener* listener);
 

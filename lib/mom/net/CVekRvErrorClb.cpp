@@ -6,9 +6,9 @@
 #include <string_view>
 
 #include "mom/base/VekTrace.h"
+#include "rv/error/RvStatus.h"
 #include "rv/message/RvDatum.h"
 #include "rv/message/rvmsg.h"
-#include "rv/object/RvStatus.h"
 
 namespace {
 

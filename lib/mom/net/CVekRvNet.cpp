@@ -11,7 +11,7 @@
 // After a call that may run user code, a `kvx::NetWatch` says what is left of the net.
 //
 // The registries and the main loop are in CVekRvNetRegistry.cpp, the creation of bus objects for
-// any thread is in CVekRvNetActivity.cpp.
+// any thread is in CVekRvNetCreate.cpp.
 
 #include "mom/net/CVekRvNet.h"
 

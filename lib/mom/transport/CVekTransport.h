@@ -121,8 +121,11 @@ class KVX_API CVekTransport {
     RvDataCallback* RTGetDataCallbackPtr() const;
 
     /// Sends all packets, in order; with `front` each is queued at the front. -220552 without a
-    /// destination; the packets then stay. User code run by a send (an advisory's callback, for
-    /// instance) may use and destroy the transport.
+    /// destination, and (reported) with a packet above 64 MiB less 2 KiB, which no message holds: a
+    /// receiver would wait for it in vain. The packets then stay. What the bus refuses afterwards
+    /// does not change the result: a queued packet is then reported by the engine, one sent on a
+    /// sender is dropped silently (the session's status has the reason). User code run by a send
+    /// (an advisory's callback, for instance) may use and destroy the transport.
     int RTSendAll(bool front);
 
     /// `RTSendAll(true)`, for heartbeats.

@@ -20,22 +20,7 @@ struct SVekTransPayload {
     std::uint16_t kind = kvx::packet::kPlain;
 };
 
-class CVekEngine;
-class RvDataCallback;
-class RvDatum;
-
 namespace kvx::transport {
-
-// Operations of an engine for its transport, defined in `engine/CVekEngineQueue.cpp`: this room
-// does not include the engine.
-
-/// As `CVekRvNet::RRNDomainSubj`.
-char* qualifiedSubject(CVekEngine& engine, const char* subject);
-
-/// Queues a send on exactly `subject`, with the latency as time-out, at the front with `front`.
-/// Takes ownership of `datum`.
-void queueSend(CVekEngine& engine, const char* subject, RvDatum* datum,
-               const RvDataCallback* callback, bool front);
 
 /// Reports of `CVekTransport` have no line numbers.
 inline void reportTransport(int code, const char* text) {

@@ -86,5 +86,21 @@ TEST(TransportSending, PutsABatchAtTheEndOfTheQueueThatItIsAskedFor) {
     }
 }
 
+// A batch without one of its packets would keep its receiver waiting.
+TEST(TransportSending, SendsNothingOfABatchWithAPacketThatNoMessageHolds) {
+    const Home home("-");
+    CVekEngine engine(1, "GROUP", "TEST", SERV_UNKNOWN);
+    CVekTransport transport(&engine);
+    addRecord(transport, "small");
+    addRecord(transport, std::string(64U << 20U, 'x'));
+    EXPECT_EQ(transport.RTCreatePackets(VEK_TRANS_V0, true), 1);
+    EXPECT_EQ(transport.RTSetDestination("TRANSPORT"), 1);
+    ErrorRecorder errors;
+    EXPECT_EQ(transport.RTSendAll(false), -220552);
+    EXPECT_EQ(errors.take().size(), 1U);
+    EXPECT_EQ(engine.RESendQueueLength(), 0);
+    EXPECT_EQ(packetsOf(transport).size(), 2U);
+}
+
 }  // namespace
 }  // namespace kvx::test

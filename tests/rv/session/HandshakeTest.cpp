@@ -94,18 +94,20 @@ TEST_F(Handshake, ReconnectingUnderAnotherAddressKeepsTheOldInboxesReachable) {
 TEST_F(Handshake, AListenHookMayCancelRefuseOrCloseWhileTheListensAreAnnounced) {
     static rv_Listener second;
     static int calls;
-    const rv_Hook hooks[] = {
-        [](rv_Session session, const void*, void*) {
-            if (++calls == 1) rv_Cancel(session, second);
-            return 0;
-        },
-        [](rv_Session, const void*, void*) { return ++calls; },
-        [](rv_Session session, const void*, void*) {
-            rv_Close(session);
-            return ++calls;
-        },
+    const std::pair<rv_Hook, int> hooks[] = {
+        {[](rv_Session session, const void*, void*) {
+             if (++calls == 1) rv_Cancel(session, second);
+             return 0;
+         },
+         2},
+        {[](rv_Session, const void*, void*) { return ++calls; }, 3},
+        {[](rv_Session session, const void*, void*) {
+             rv_Close(session);
+             return ++calls;
+         },
+         1},
     };
-    for (const rv_Hook hook : hooks) {
+    for (const auto& [hook, expectedCalls] : hooks) {
         calls = 0;
         ScriptedDaemon daemon = losesTheFirstConnectionAfter(3);
         rv_Session session = open(daemon.text());
@@ -117,8 +119,8 @@ TEST_F(Handshake, AListenHookMayCancelRefuseOrCloseWhileTheListensAreAnnounced) 
         const std::string name = rv_IsOpen(session) ? rv_SessionName(session) : "";
         rv_Close(session);
         daemon.finish();
-        const bool cancels = hook == hooks[0];
-        EXPECT_EQ(calls, cancels ? 2 : 3);
+        EXPECT_EQ(calls, expectedCalls);
+        const bool cancels = hook == hooks[0].first;
         EXPECT_EQ(announced_, cancels ? (Texts{"C:B", "L:A", "L:_INBOX." + name + ".>"}) : Texts{});
     }
 }

@@ -38,11 +38,12 @@ class ManPageTest : public ::testing::Test {
         return ended.output;
     }
     std::string kvxHelp() {
-        std::string text = help("kvx help");
-        for (const char* command :
-             {"listen", "send", "request", "query", "snoop", "services", "bench", "help"}) {
-            text += help(std::string("kvx help ") + command);
-        }
+        const std::string overview = help("kvx help");
+        static const std::regex command(R"(\n  ([a-z]+) )");
+        std::string text = overview;
+        std::sregex_iterator one(overview.begin(), overview.end(), command);
+        EXPECT_NE(one, std::sregex_iterator()) << overview;
+        for (; one != std::sregex_iterator(); ++one) text += help("kvx help " + one->str(1));
         return text;
     }
 

@@ -16,7 +16,7 @@
 // adding; a heap over the reached leaves merges them. During a walk, removing only marks the entry;
 // the end of the last walk sweeps the marked ones.
 
-#include "rv/message/SubjectIndex.h"
+#include "rv/message/SubjectTree.h"
 
 #include <algorithm>
 #include <array>

@@ -7,7 +7,7 @@
 namespace kvx::bus {
 
 /// The address of the bus, and options of its use.
-struct Connection : DaemonAddress {
+struct BusOptions : DaemonAddress {
     std::string domain;    ///< as given; empty when not given
     bool verbose = false;  ///< report the connection on standard error
 
@@ -15,7 +15,7 @@ struct Connection : DaemonAddress {
     std::string domainOrDefault() const { return domain.empty() ? "DEFAULT" : domain; }
 };
 
-/// The error in `text` as a part of a `Connection`, or an empty text.
+/// The error in `text` as a part of a `BusOptions`, or an empty text.
 [[nodiscard]] inline std::string problemWithPart(const std::string& text) {
     const bool bad = text.find_first_of("\"'\n\\") != std::string::npos;
     return bad ? "quotes, backslashes and line ends have no place here" : std::string();
