@@ -1,8 +1,8 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
-#include <unordered_set>
+#include <map>
+#include <span>
 
 #include "kvx/Client.h"
 #include "mom/mom.h"
@@ -10,28 +10,45 @@
 namespace kvx::detail {
 
 /// The packets of one answer, until they are 1 to N, each once. One thread at a time.
+///
+/// Each is decoded when it comes. A hostile answer costs no more than the bound.
 class Answer {
   public:
-    enum class State { Waiting, Complete, Mixed };
+    enum class State {
+        Foreign,   ///< no packet: nothing has changed
+        Waiting,   ///< others are to come
+        Complete,  ///< these were all
+        Mixed,     ///< of two answers, or none: a number that is there already or cannot be
+        TooLarge   ///< it would pass the bound
+    };
 
-    /// Takes what came; what is no packet changes nothing.
+    static constexpr std::int64_t kMostPackets = 1'000'000;
+    /// Of its uncompressed packets, and `kRecordCost` more for each record.
+    static constexpr std::size_t kMostBytes = std::size_t{1} << 30U;
+    static constexpr std::size_t kRecordCost = 256;
+    static constexpr const char* kBound = "it is larger than 1,000,000 packets or 1 GiB of records";
+
     State take(const RvDatum& data);
 
-    [[nodiscard]] bool isEmpty() const { return numbers_.empty(); }
-    [[nodiscard]] std::size_t packets() const { return numbers_.size(); }
+    [[nodiscard]] bool isEmpty() const { return packets_.empty(); }
+    [[nodiscard]] std::size_t packets() const { return packets_.size(); }
 
-    /// Decodes the records and the status of a complete answer.
+    /// The rows and the status of a complete answer.
     QueryResult result(const std::string& tried);
     /// The same of one that ended with `code`.
     QueryResult failure(Errc code, std::string text, const std::string& tried);
 
   private:
-    CVekTransport transport_{nullptr};
+    Rows takeRows();
+
     std::int64_t count_ = 0;  // of the packets, as the first one says
-    std::unordered_set<std::int64_t> numbers_;
+    std::map<std::int64_t, Rows> packets_;
+    std::size_t bytes_ = 0;
+    std::size_t defective_ = 0;  // packets with a part that cannot be read
+    EVekStoreErrorStatus status_ = STORE_COMPLETE;
 };
 
-/// The records of one packet, for notices.
+/// The records of one packet, for notices; of a defective one those before the defect.
 Rows recordsOf(const RvDatum& data);
 
 }  // namespace kvx::detail

@@ -4,10 +4,12 @@
 
 #include "kvx/Client.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "kvx/Answer.h"
 #include "kvx/ClientLoop.h"
+#include "rv/error/rvCodes.h"
 
 namespace kvx {
 
@@ -24,6 +26,33 @@ Error ended(std::string tried) {
 Error waitsForItself(std::string tried) {
     return {Errc::InvalidArgument, "a call on the client's own thread cannot wait",
             std::move(tried)};
+}
+
+constexpr Milliseconds kLongest = std::chrono::hours(24);
+
+Error badTimeout(std::string tried) {
+    return {Errc::InvalidArgument, "the time-out is not above 0", std::move(tried)};
+}
+
+Error zeroByte(std::string tried) {
+    return {Errc::InvalidArgument, "a zero byte in the text or subject", std::move(tried)};
+}
+
+bool hasZero(std::string_view text) {
+    return text.find('\0') != std::string_view::npos;
+}
+
+// Why the bus refused, by the code of its status.
+Errc codeOf(const RvStatus& status) {
+    switch (status.code()) {
+        case session_code::kInvalidSession:
+        case session_code::kNotConnected:
+            return Errc::Lost;
+        case session_code::kNoMemory:
+            return Errc::QueueFull;
+        default:
+            return Errc::InvalidArgument;
+    }
 }
 
 // A promise that is kept, with `otherwise`, also when the loop drops what would keep it.
@@ -60,12 +89,11 @@ class Exchange : public RvDataCallback, public RvTimerCallback, public ClientLoo
     /// Starts it; on failure it has failed.
     void send(const std::string& subject, const RvMsg& message) {
         int status = kOk;
-        const auto timeout = static_cast<unsigned long>(timeout_.count());
-        idle_.reset(loop_.net->RRNNewTimer(&status, timeout, rv_TRUE, this, nullptr));
+        idle_.reset(loop_.net->RRNNewTimer(&status, interval(), rv_TRUE, this, nullptr));
         const std::unique_ptr<RvSender> sender(
             loop_.net->RRNNewSender(&status, subject.c_str(), nullptr));
         if (sender) inbox_.reset(sender->sendRequest(message, 0, this, nullptr));
-        if (!idle_ || !inbox_) fail(loop_.isConnected() ? Errc::InvalidArgument : Errc::Lost);
+        if (!idle_ || !inbox_) fail(codeOf(loop_.net->m_session->status()));
     }
 
     void onTimer(RvTimer*) override { fail(Errc::TimedOut); }
@@ -76,7 +104,7 @@ class Exchange : public RvDataCallback, public RvTimerCallback, public ClientLoo
         loop_.waiting.insert(this);
     }
 
-    void waitAgain() { idle_->resetInterval(static_cast<unsigned long>(timeout_.count())); }
+    void waitAgain() { idle_->resetInterval(interval()); }
 
     [[nodiscard]] std::string textOf(Errc code) const {
         switch (code) {
@@ -86,6 +114,8 @@ class Exchange : public RvDataCallback, public RvTimerCallback, public ClientLoo
                 return "the client has ended";
             case Errc::Lost:
                 return "the bus daemon is away";
+            case Errc::QueueFull:
+                return "too much waits to be sent";
             default:
                 return "the subject is not one that can be sent to";
         }
@@ -95,22 +125,29 @@ class Exchange : public RvDataCallback, public RvTimerCallback, public ClientLoo
     const Milliseconds timeout_;
 
   private:
+    [[nodiscard]] unsigned long interval() const {
+        return static_cast<unsigned long>(std::min(timeout_, kLongest).count());
+    }
+
     ClientLoop& loop_;
     std::unique_ptr<RvTimer> idle_;
     std::unique_ptr<RvListener> inbox_;
 };
 
-class Question : public Exchange {
+class QueryExchange : public Exchange {
   public:
-    Question(ClientLoop& loop, std::string tried, Milliseconds timeout,
-             std::promise<QueryResult> promise)
+    QueryExchange(ClientLoop& loop, std::string tried, Milliseconds timeout,
+                  std::promise<QueryResult> promise)
         : Exchange(loop, std::move(tried), timeout), promise_(std::move(promise)) {}
 
     void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
-        waitAgain();
         switch (answer_.take(data)) {
-            case Answer::State::Waiting:
+            case Answer::State::Foreign:
                 return;
+            case Answer::State::Waiting:
+                return waitAgain();
+            case Answer::State::TooLarge:
+                return finish(answer_.failure(Errc::Partial, Answer::kBound, tried_));
             case Answer::State::Complete:
                 return finish(answer_.result(tried_));
             case Answer::State::Mixed:
@@ -139,10 +176,10 @@ class Question : public Exchange {
     Answer answer_;
 };
 
-class Request : public Exchange {
+class RequestExchange : public Exchange {
   public:
-    Request(ClientLoop& loop, std::string tried, Milliseconds timeout,
-            std::promise<Result<Message>> promise)
+    RequestExchange(ClientLoop& loop, std::string tried, Milliseconds timeout,
+                    std::promise<Result<Message>> promise)
         : Exchange(loop, std::move(tried), timeout), promise_(std::move(promise)) {}
 
     void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
@@ -170,28 +207,29 @@ class Subscription::State : public RvDataCallback {
     using Received = std::function<void(const char*, RvSender*, const RvDatum&)>;
 
     State(std::shared_ptr<ClientLoop> loop, Received received)
-        : loop_(std::move(loop)), received_(std::move(received)) {}
+        : loop_(std::move(loop)), received_(std::make_shared<Received>(std::move(received))) {}
 
-    /// Loop thread only. An empty text when it listens, else why it cannot.
-    bool start(const std::string& subject) {
+    /// Loop thread only. Why it cannot listen; nothing when it does.
+    std::optional<Errc> start(const std::string& subject) {
         int status = kOk;
         listener_.reset(loop_->net->RRNNewListener(&status, subject.c_str(), this, nullptr));
-        return listener_ != nullptr;
+        if (listener_) return std::nullopt;
+        return codeOf(loop_->net->m_session->status());
     }
 
     /// Ends it: on the loop thread at once, else when the loop has done it or has ended.
     void end() {
-        loop_->perform([this] { listener_.reset(); });
+        if (!loop_->perform([this] { listener_.reset(); })) loop_->waitForEnd();
     }
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data, RvListener*) override {
         const auto received = received_;  // it may end this subscription
-        received(subject, replyTo, data);
+        (*received)(subject, replyTo, data);
     }
 
   private:
     const std::shared_ptr<ClientLoop> loop_;
-    const Received received_;
+    const std::shared_ptr<Received> received_;
     std::unique_ptr<RvListener> listener_;  // loop thread only
 };
 
@@ -226,6 +264,8 @@ Client::~Client() {
 }
 
 Result<Client> Client::open(Options options) {
+    if (options.timeout <= Milliseconds(0)) return tl::unexpected(badTimeout("open"));
+    if (hasZero(options.domain)) return tl::unexpected(zeroByte("open"));
     auto loop = std::make_shared<ClientLoop>(std::move(options));
     Client client(loop);
     if (auto started = loop->start(); !started) return tl::unexpected(std::move(started.error()));
@@ -251,15 +291,15 @@ std::future<QueryResult> Client::queryAsync(const ServiceName& service, std::str
     const std::string tried = "query " + service.text();
     auto guarded = std::make_shared<Promised<QueryResult>>(
         std::move(promise), tl::unexpected(QueryError{ended(tried), {}}));
-    if (text.find('\0') != std::string_view::npos) {
-        guarded->take().set_value(tl::unexpected(
-            QueryError{{Errc::InvalidArgument, "the text has a zero byte", tried}, {}}));
+    const Milliseconds wait = timeout.value_or(loop_->options.timeout);
+    if (hasZero(text) || wait <= Milliseconds(0)) {
+        Error error = hasZero(text) ? zeroByte(tried) : badTimeout(tried);
+        guarded->take().set_value(tl::unexpected(QueryError{std::move(error), {}}));
         return result;
     }
     loop_->post([loop = loop_.get(), guarded, tried, subject = inDomain(service.querySubject()),
-                 message = CVekQryInfo::RQIMessage(std::string(text).c_str()),
-                 wait = timeout.value_or(loop_->options.timeout)] {
-        (new Question(*loop, tried, wait, guarded->take()))->send(subject, message);
+                 message = CVekQryInfo::RQIMessage(std::string(text).c_str()), wait] {
+        (new QueryExchange(*loop, tried, wait, guarded->take()))->send(subject, message);
     });
     return result;
 }
@@ -283,14 +323,16 @@ Result<Message> Client::request(std::string_view subject, const Message& message
                                 std::optional<Milliseconds> timeout) {
     const std::string to(subject);
     const std::string tried = "request on " + to;
+    const Milliseconds wait = timeout.value_or(loop_->options.timeout);
+    if (hasZero(subject)) return tl::unexpected(zeroByte(tried));
+    if (wait <= Milliseconds(0)) return tl::unexpected(badTimeout(tried));
     if (loop_->isLoopThread()) return tl::unexpected(waitsForItself(tried));
     std::promise<Result<Message>> promise;
     std::future<Result<Message>> result = promise.get_future();
     auto guarded = std::make_shared<Promised<Result<Message>>>(std::move(promise),
                                                                tl::unexpected(ended(tried)));
-    loop_->post([loop = loop_.get(), guarded, tried, to, sent = message.base(),
-                 wait = timeout.value_or(loop_->options.timeout)] {
-        (new Request(*loop, tried, wait, guarded->take()))->send(to, sent);
+    loop_->post([loop = loop_.get(), guarded, tried, to, sent = message.base(), wait] {
+        (new RequestExchange(*loop, tried, wait, guarded->take()))->send(to, sent);
     });
     guarded.reset();
     return result.get();
@@ -298,33 +340,31 @@ Result<Message> Client::request(std::string_view subject, const Message& message
 
 Result<> Client::publish(std::string_view subject, const Message& message) {
     const std::string to(subject);
+    const std::string tried = "publish on " + to;
+    if (hasZero(subject)) return tl::unexpected(zeroByte(tried));
     RvStatus status;
     const bool isDone = loop_->perform([&] {
         int made = kOk;
         const std::unique_ptr<RvSender> sender(
             loop_->net->RRNNewSender(&made, to.c_str(), nullptr));
-        status = sender ? sender->send(message.base()) : RvStatus(21);
+        status = sender ? sender->send(message.base()) : loop_->net->m_session->status();
     });
-    const std::string tried = "publish on " + to;
     if (!isDone) return tl::unexpected(ended(tried));
     if (status == RvStatus(0)) return {};
-    return tl::unexpected(
-        Error{isConnected() ? Errc::InvalidArgument : Errc::Lost, status.text(), tried});
+    return tl::unexpected(Error{codeOf(status), status.text(), tried});
 }
 
 Result<Subscription> Client::subscribe(
     std::string_view subject,
     std::function<void(const char*, RvSender*, const RvDatum&)> received) {
     const std::string on(subject);
-    auto state = std::make_shared<Subscription::State>(loop_, std::move(received));
-    bool isListening = false;
     const std::string tried = "listen on " + on;
-    if (!loop_->perform([&] { isListening = state->start(on); })) {
-        return tl::unexpected(ended(tried));
-    }
-    if (isListening) return Subscription(std::move(state));
-    return tl::unexpected(
-        Error{Errc::InvalidArgument, "no subject that can be listened on", tried});
+    if (hasZero(subject)) return tl::unexpected(zeroByte(tried));
+    auto state = std::make_shared<Subscription::State>(loop_, std::move(received));
+    std::optional<Errc> failure;
+    if (!loop_->perform([&] { failure = state->start(on); })) return tl::unexpected(ended(tried));
+    if (!failure) return Subscription(std::move(state));
+    return tl::unexpected(Error{*failure, "no subject that can be listened on", tried});
 }
 
 Result<Subscription> Client::listen(std::string_view subject,

@@ -69,14 +69,14 @@ class KVX_API Client {
         std::string domain = "DEFAULT";
         /// What is left empty comes from the daemon configuration file.
         DaemonAddress daemon{};
-        /// How long to wait for an answer, and for its next packet.
+        /// How long to wait for an answer, and for its next packet. Above 0, as every time-out.
         std::chrono::milliseconds timeout{8000};
         /// Called with true and false, on the client's thread, when the connection comes and goes.
         std::function<void(bool)> onConnection{};
     };
 
     /// Connects. `NoDaemon`, with the address, when nobody is there; a local daemon is started.
-    /// `Ended` while another client, service or net of this process lives.
+    /// `Busy` while another client or service of this process lives.
     static Result<Client> open(Options options);
     static Result<Client> open();
 
@@ -87,7 +87,8 @@ class KVX_API Client {
 
     /// Puts a question to a service of the client's domain and waits for the whole answer. No rows
     /// are an answer. `TimedOut` when nobody answers, `Partial` when the answer stops, `Lost` when
-    /// the connection breaks, `MixedAnswers`, `Refused`.
+    /// the connection breaks, `MixedAnswers`, `Refused`. `Partial` too for an answer of more than
+    /// 1,000,000 packets or 1 GiB, and for one with packets that cannot be read.
     [[nodiscard]] QueryResult query(const ServiceName& service, std::string_view text,
                                     std::optional<std::chrono::milliseconds> timeout = {});
     /// The same by a name that need not be known.

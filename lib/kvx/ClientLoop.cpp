@@ -2,11 +2,14 @@
 
 #include <utility>
 
+#include "kvx/OneLoop.h"
 #include "rv/session/rvSessionHooks.h"
 
 namespace kvx::detail {
 
 Result<> ClientLoop::start() {
+    claim_ = claimLoop();
+    if (!claim_) return tl::unexpected(busy());
     std::promise<Result<>> started;
     auto result = started.get_future();
     try {
@@ -65,9 +68,8 @@ std::string ClientLoop::inDomain(std::string_view subject) const {
 Result<> ClientLoop::connect() {
     const auto latency = static_cast<unsigned long>(options.timeout.count());
     net = std::make_unique<CVekClient>(latency, options.domain.c_str(), options.daemon);
-    const std::string tried = "connecting to the bus daemon at " + net->RRNAddress().daemon;
     if (net->m_sessionUp != 1 || !net->m_session) {
-        return tl::unexpected(Error{Errc::NoDaemon, "nobody answers there", tried});
+        return tl::unexpected(noDaemon(net->RRNAddress()));
     }
     const rv_Session session = net->m_session->handle();
     const auto lost = [](rv_Session, const void*, void* loop) {
@@ -80,19 +82,30 @@ Result<> ClientLoop::connect() {
     };
     if (net->RRNAllowPosts() != kOk || rv_AddHook(session, RV_HOOK_DISCONNECT, lost, this) != 0 ||
         rv_AddHook(session, RV_HOOK_RECONNECT, back, this) != 0) {
-        return tl::unexpected(Error{Errc::NoMemory, "the loop cannot be woken", tried});
+        return tl::unexpected(
+            Error{Errc::NoMemory, "the loop cannot be woken", connecting(net->RRNAddress())});
     }
     isConnected_ = rv_IsConnected(session);
     return {};
 }
 
 void ClientLoop::run(std::promise<Result<>> started) {
-    auto connected = connect();
-    if (!connected) {
-        net.reset();
+    loopThread_ = std::this_thread::get_id();
+    if (auto connected = connect(); connected) {
+        runConnected(std::move(started));
+    } else {
+        endNet();
         started.set_value(std::move(connected));
-        return;
     }
+}
+
+void ClientLoop::endNet() {
+    net.reset();
+    claim_.reset();
+    gone_.count_down();
+}
+
+void ClientLoop::runConnected(std::promise<Result<>> started) {
     {
         const std::lock_guard guard(mutex_);
         open_ = net.get();
@@ -106,7 +119,7 @@ void ClientLoop::run(std::promise<Result<>> started) {
     }
     isConnected_ = false;
     failAll(Errc::Ended);
-    net.reset();
+    endNet();
 }
 
 void ClientLoop::changeConnection(bool isThere) {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <functional>
 #include <future>
+#include <latch>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -42,9 +43,9 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
     /// Does `work` on the loop thread and waits for it; at once when called there.
     bool perform(const std::function<void()>& work);
 
-    [[nodiscard]] bool isLoopThread() const {
-        return std::this_thread::get_id() == thread_.get_id();
-    }
+    [[nodiscard]] bool isLoopThread() const { return std::this_thread::get_id() == loopThread_; }
+    /// Returns when the loop thread touches neither the net nor the bus any more.
+    void waitForEnd() const { gone_.wait(); }
     [[nodiscard]] bool isConnected() const { return isConnected_; }
     [[nodiscard]] std::string inDomain(std::string_view subject) const;
 
@@ -56,11 +57,16 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
 
   private:
     void run(std::promise<Result<>> started);
+    void runConnected(std::promise<Result<>> started);
+    void endNet();
     [[nodiscard]] Result<> connect();
     void changeConnection(bool isThere);
     void failAll(Errc code);
 
+    std::shared_ptr<const void> claim_;
     std::thread thread_;
+    std::atomic<std::thread::id> loopThread_{};  // also after the thread has been detached
+    std::latch gone_{1};
     std::atomic<bool> isConnected_{false};
     std::mutex mutex_;
     // Guarded by mutex_; null before the start and after the end.

@@ -18,6 +18,7 @@ enum class Errc {
     QueueFull,            ///< as much waits to be sent as may wait
     NoMemory,
     Ended,  ///< the client or service has ended
+    Busy,   ///< another client or service of this process has the loop
 };
 
 /// The same in words: "timed out".
@@ -43,6 +44,8 @@ constexpr const char* textOf(Errc code) {
             return "out of memory";
         case Errc::Ended:
             return "ended";
+        case Errc::Busy:
+            return "busy";
     }
     return "unknown error";
 }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "kvx/HeldQuestions.h"
+#include "kvx/OneLoop.h"
 #include "mom/mom.h"
 #include "platform/Memory.h"
 
@@ -30,6 +31,8 @@ constexpr std::chrono::milliseconds kTick{100};  // of periodic work
 constexpr unsigned kWorkThreads = 2;
 constexpr std::chrono::seconds kForTheQueue{5};
 constexpr std::size_t kMostText = std::size_t{1} << 20U;  // bytes of a question
+constexpr const char* kTooLong = "the question is longer than 1 MiB";
+constexpr const char* kTooMany = "too many questions are waiting";
 
 struct Asked {
     std::string text;
@@ -101,8 +104,9 @@ void Reply::refuse(std::string_view why, int position) {
 
 class Service::Impl : public RvDataCallback {
   public:
-    Impl(const ServiceName& name, Options options)
-        : name_(name),
+    Impl(const ServiceName& name, Options options, std::shared_ptr<const void> claim)
+        : claim_(std::move(claim)),
+          name_(name),
           options_(std::move(options)),
           engine_(options_.tier, options_.group.c_str(), options_.domain.c_str(),
                   kindOf(name_, options_), options_.daemon) {}
@@ -112,12 +116,11 @@ class Service::Impl : public RvDataCallback {
     Impl& operator=(const Impl&) = delete;
 
     Result<> connect() {
-        const std::string tried = "connecting to the bus daemon at " + engine_.RRNAddress().daemon;
-        if (engine_.m_sessionUp != 1) {
-            return tl::unexpected(Error{Errc::NoDaemon, "nobody answers there", tried});
-        }
+        const DaemonAddress address = engine_.RRNAddress();
+        if (engine_.m_sessionUp != 1) return tl::unexpected(detail::noDaemon(address));
         if (engine_.RRNAllowPosts() != kOk || engine_.RESendPromptly() != kOk) {
-            return tl::unexpected(Error{Errc::NoMemory, "the loop cannot be woken", tried});
+            return tl::unexpected(
+                Error{Errc::NoMemory, "the loop cannot be woken", detail::connecting(address)});
         }
         engine_.RESetMaxSendRate(options_.sendRate);
         return {};
@@ -155,7 +158,7 @@ class Service::Impl : public RvDataCallback {
     }
 
     int run() {
-        if (answer && !startAnswering()) return 1;
+        if (std::exchange(hasRun_, true) || (answer && !startAnswering())) return 1;
         engine_.RRNSetPostInitFns([this] {
             engine_.RESetRoleCallback([this](bool active) { roleChanged(active); });
             roleChanged(engine_.REIsActive() == TRUE);
@@ -180,15 +183,17 @@ class Service::Impl : public RvDataCallback {
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
                 RvListener* listener) override {
         if (replyTo == nullptr) return;
-        int status = kOk;
-        CVekQryInfo info(subject, engine_.RRNNewSender(&status, replyTo->subject(), nullptr), data,
-                         listener);
+        CVekQryInfo info(subject, nullptr, data, listener);
         const Text text(info.RQIQuery());
         if (!text) return;
-        Asked asked{{text.get(), strnlen(text.get(), kMostText)},
+        const std::size_t length = strnlen(text.get(), kMostText + 1);
+        Asked asked{{text.get(), length},
                     replyTo->subject(),
                     info.RQIVersion() == VEK_TRANS_V1 ? VEK_TRANS_V1 : VEK_TRANS_V0};
-        if (engine_.REIsActive() == TRUE) {
+        const bool isActive = engine_.REIsActive() == TRUE;
+        if (length > kMostText) {
+            if (isActive) refuse(asked, kTooLong);
+        } else if (isActive) {
             answerLater(std::move(asked));
         } else {
             held_.hold(std::move(asked), std::chrono::steady_clock::now());
@@ -210,13 +215,18 @@ class Service::Impl : public RvDataCallback {
         for (const Record& record : records) transport.RTAddRecord(&record.base());
         transport.RTSetDestination(name_.notifySubject().c_str());
         transport.RTCreatePackets(VEK_TRANS_V0, true);
-        transport.RTSendAll(false);
-        return {};
+        const std::lock_guard guard(gate_);
+        if (stopping_) return tl::unexpected(Error{Errc::Ended, {}, tried});
+        if (transport.RTSendAll(false) == kOk) return {};
+        return tl::unexpected(Error{Errc::NoMemory, {}, tried});
     }
 
     Result<> post(std::function<void()> work) {
-        if (engine_.RRNPost(std::move(work)) == kOk) return {};
-        return tl::unexpected(Error{Errc::Ended, {}, "post"});
+        const std::lock_guard guard(gate_);
+        if (stopping_) return tl::unexpected(Error{Errc::Ended, {}, "post"});
+        posted_.push_back(std::move(work));
+        if (posted_.size() == 1) engine_.RRNPost([this] { runPosted(); });
+        return {};
     }
 
     [[nodiscard]] bool isActive() { return engine_.REIsActive() == TRUE; }
@@ -284,12 +294,26 @@ class Service::Impl : public RvDataCallback {
         if (role) role(active);
     }
 
-    void answerLater(Asked asked) {
-        if (waiting_ >= kMostQuestions) {
-            Reply::State refusal(engine_, asked.version);
-            refusal.refuse(Record{{"error", "too many questions are waiting"}});
-            return refusal.send(asked.replySubject);
+    // What is posted meanwhile waits for the next turn.
+    void runPosted() {
+        std::vector<std::function<void()>> due;
+        {
+            const std::lock_guard guard(gate_);
+            due.swap(posted_);
         }
+        for (const auto& work : due) work();
+    }
+
+    // Without a word when even that would have to wait too long.
+    void refuse(const Asked& asked, const char* why) {
+        if (engine_.RESendQueueLength() > 2 * options_.mostWaiting) return;
+        Reply::State refusal(engine_, asked.version);
+        refusal.refuse(Record{{"error", why}});
+        refusal.send(asked.replySubject);
+    }
+
+    void answerLater(Asked asked) {
+        if (waiting_ >= kMostQuestions) return refuse(asked, kTooMany);
         auto item = std::make_unique<Asked>(std::move(asked));
         if (pool_->RSPAddWorkDetail(item.get()) != kOk) return;
         static_cast<void>(item.release());
@@ -309,7 +333,13 @@ class Service::Impl : public RvDataCallback {
         }
         Reply::State state(engine_, asked.version);
         Reply reply(state);
-        answer({asked.text, asked.replySubject}, reply);
+        try {
+            answer({asked.text, asked.replySubject}, reply);
+        } catch (const std::exception& error) {
+            reply.refuse(error.what());
+        } catch (...) {
+            reply.refuse("the service failed");
+        }
         // Once the member leaves, the next one answers.
         const std::lock_guard guard(gate_);
         if (stopping_) return;
@@ -326,20 +356,27 @@ class Service::Impl : public RvDataCallback {
             const std::lock_guard guard(gate_);
             stopping_ = true;
         }
+        runPosted();
         engine_.RESetInActive();
-        int unsent = 0;
-        const auto end = std::chrono::steady_clock::now() + kForTheQueue;
-        while (const auto item = std::unique_ptr<CVekSendQueueItem>(engine_.RENextSendItem())) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                                  end - std::chrono::steady_clock::now())
-                                  .count();
-            item->RSQIDeQueueIt();
-            const auto patience = static_cast<unsigned long>(std::max<long long>(left, 0));
-            if (rv_Flush(engine_.m_session->handle(), patience) != 0) ++unsent;
-        }
+        const bool isAllSent = sendQueued(std::chrono::steady_clock::now() + kForTheQueue);
         engine_.RELeaveGroup();
         endPool();
-        return unsent == 0 ? 0 : 1;
+        return isAllSent ? 0 : 1;
+    }
+
+    // False when something could not be sent before `end`, or at all.
+    bool sendQueued(std::chrono::steady_clock::time_point end) {
+        using std::chrono::milliseconds;
+        while (const auto item = std::unique_ptr<CVekSendQueueItem>(engine_.RENextSendItem())) {
+            const auto left = std::chrono::duration_cast<milliseconds>(
+                end - std::chrono::steady_clock::now());
+            if (left <= milliseconds(0) || item->RSQIDeQueueIt() != kOk ||
+                rv_Flush(engine_.m_session->handle(), static_cast<unsigned long>(left.count())) !=
+                    0) {
+                return false;
+            }
+        }
+        return true;
     }
 
     void endPool() {
@@ -350,6 +387,7 @@ class Service::Impl : public RvDataCallback {
         pool_.reset();
     }
 
+    const std::shared_ptr<const void> claim_;
     const ServiceName name_;
     const Options options_;
     std::string begunSubject_;
@@ -360,7 +398,10 @@ class Service::Impl : public RvDataCallback {
     std::vector<std::unique_ptr<MessageListener>> listeners_;
     std::vector<std::unique_ptr<Work>> works_;
 
-    std::mutex gate_;  // held while an answer is queued
+    bool hasRun_ = false;
+
+    std::mutex gate_;  // held while something is queued
+    std::vector<std::function<void()>> posted_;  // guarded by gate_
     std::atomic<bool> stopping_{false};
     std::atomic<int> waiting_{0};
 
@@ -374,7 +415,9 @@ Service& Service::operator=(Service&&) noexcept = default;
 Service::~Service() = default;
 
 Result<Service> Service::open(const ServiceName& name, Options options) {
-    auto impl = std::make_unique<Impl>(name, std::move(options));
+    auto claim = detail::claimLoop();
+    if (!claim) return tl::unexpected(detail::busy());
+    auto impl = std::make_unique<Impl>(name, std::move(options), std::move(claim));
     if (auto connected = impl->connect(); !connected) {
         return tl::unexpected(std::move(connected.error()));
     }

@@ -46,8 +46,8 @@ class KVX_API Reply {
 /// A service of the bus: it answers questions, tells of changes, and is one of several members of
 /// which one is active. One at a time in a process, and none beside a `Client`.
 ///
-/// The thread that makes it is its main thread and calls `run`; the functions given to it are
-/// called there, but for questions, which a pool answers.
+/// The thread that makes it is its main thread, which calls `run` and destroys it; the functions
+/// given to it are called there, but for questions, which a pool answers.
 class KVX_API Service {
   public:
     struct Options {
@@ -69,6 +69,7 @@ class KVX_API Service {
     };
 
     /// Connects. `NoDaemon`, with the address, when nobody is there; a local daemon is started.
+    /// `Busy` while another client or service of this process lives.
     static Result<Service> open(const ServiceName& name, Options options);
     /// The same by any name; `InvalidArgument` when it is none.
     static Result<Service> open(std::string_view name, Options options);
@@ -79,7 +80,9 @@ class KVX_API Service {
     ~Service();
 
     /// Has every question answered by `answer`, on a thread of the pool, while this member is
-    /// active. Questions that come while no member is are held for six seconds. Before `run`.
+    /// active. Questions that come while no member is are held for six seconds; those longer than
+    /// 1 MiB, or when 1,000 wait, are refused. What `answer` throws refuses the question with its
+    /// text; no other function may throw. Before `run`.
     void onQuery(std::function<void(const Question&, Reply&)> answer);
 
     /// Has `changed` called at the start of `run` and whenever this member has become active (true)
@@ -96,22 +99,24 @@ class KVX_API Service {
     Result<> every(std::chrono::milliseconds interval, std::string_view name,
                    std::function<void()> work);
 
-    /// Tells of changed records on the service's notify subject. `QueueFull` when too much waits.
-    /// Any thread.
+    /// Tells of changed records on the service's notify subject. `QueueFull` when too much waits,
+    /// `Ended` once `run` is ending. Any thread.
     Result<> notify(std::span<const Record> records);
     Result<> notify(const Record& record) { return notify(std::span(&record, 1)); }
 
-    /// Has `work` called on the main thread at the loop's next turn. `Ended` when there will be
-    /// none. Any thread.
+    /// Has `work` called on the main thread at the loop's next turn; what waits when the loop ends
+    /// is called before `run` returns. `Ended` after that. Any thread.
     Result<> post(std::function<void()> work);
 
     [[nodiscard]] bool isActive() const;
 
     /// Works until SIGINT, SIGTERM or `stop`; then sends what is queued, for five seconds at most,
-    /// leaves the group and returns 0, or 1 when something could not be sent.
+    /// leaves the group, waits for the functions that are answering (their answers are dropped: the
+    /// next member gives them) and returns 0, or 1 when something could not be sent. Once: a second
+    /// call returns 1.
     int run();
 
-    /// Ends `run`. Any thread.
+    /// Ends `run`, also one that has not begun. Any thread.
     void stop();
 
   private:

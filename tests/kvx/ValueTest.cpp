@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cmath>
 #include <limits>
 
 #include "kvx/Message.h"
@@ -33,6 +34,17 @@ TEST(Value, IsReadAsWhatItFitsOnly) {
     EXPECT_EQ(Value(std::numeric_limits<std::uint64_t>::max()).as<std::int64_t>(), kLargest);
     EXPECT_EQ(Value(static_cast<const char*>(nullptr)).as<std::string>(), "");
     EXPECT_EQ(Value(Value::Bytes(kBytes)).toString(), "00abff");
+}
+
+TEST(Value, GivesNoNumberThatDoesNotFit) {
+    EXPECT_EQ(Value(1e300).as<float>(), std::nullopt);
+    EXPECT_EQ(Value(0.5).as<float>(), 0.5F);
+    EXPECT_EQ(Value(std::numeric_limits<double>::infinity()).as<float>(),
+              std::numeric_limits<float>::infinity());
+    EXPECT_TRUE(std::isnan(*Value(std::nan("")).as<float>()));
+    EXPECT_TRUE(std::isnan(*Record{{"x", std::nan("")}}.get<double>("x")));
+    EXPECT_EQ(Value("9223372036854775808").as<std::int64_t>(), std::nullopt);
+    EXPECT_EQ(Value(std::numeric_limits<std::int64_t>::min()).as<std::uint64_t>(), std::nullopt);
 }
 
 TEST(Record, KeepsItsFieldsThroughItsEncoding) {
@@ -94,6 +106,34 @@ TEST(Message, HoldsEveryKindOfValueInOrder) {
     EXPECT_TRUE(Message().empty());
     EXPECT_EQ(Message().add("a.b", 1).error().code, Errc::InvalidArgument);
     EXPECT_EQ(Message().add("a", Value()).error().code, Errc::InvalidArgument);
+}
+
+TEST(Record, HoldsManyFieldsAndWalksThemAtOnce) {
+    Record record;
+    for (int i = 0; i < 65'535; ++i) ASSERT_TRUE(record.set(std::to_string(i), i));
+    std::int64_t sum = 0;
+    for (const Field& field : record) sum += *field.value.as<int>();
+    EXPECT_EQ(sum, 65'535LL * 65'534 / 2);
+    EXPECT_TRUE(record.set("", "\xff\xfe"));
+    EXPECT_EQ(record.get<std::string>(""), "\xff\xfe");
+    EXPECT_TRUE(record.set("empty", Value::Bytes()));
+    EXPECT_EQ(record["empty"], Value(Value::Bytes()));
+}
+
+TEST(Message, TakesWhatLiesInItAndNothingElse) {
+    Message message{{"bytes", Value::Bytes(kBytes)}, {"text", "t"}, {"none", Value::Bytes()}};
+    EXPECT_EQ(message["none"], Value(Value::Bytes()));
+    for (int i = 0; i < 12; ++i) ASSERT_TRUE(message.add("self", message));
+    ASSERT_TRUE(message.add("copy", message["bytes"]));
+    ASSERT_TRUE(message.add("text", message["text"]));
+    EXPECT_EQ(message["copy"], Value(Value::Bytes(kBytes)));
+    EXPECT_TRUE(message[std::string_view("text\0x", 6)].isNull());
+    const Message* const same = &message;
+    message = *same;
+    EXPECT_EQ(message.get<std::string>("text"), "t");
+    Message deep;
+    for (int i = 0; i < 200; ++i) deep = Message{{"m", deep}};
+    EXPECT_FALSE(deep.toString().empty());
 }
 
 TEST(ServiceName, FollowsTheSystemsTableAndItsPattern) {
