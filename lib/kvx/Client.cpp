@@ -9,6 +9,7 @@
 
 #include "kvx/Answer.h"
 #include "kvx/ClientLoop.h"
+#include "kvx/ZeroByte.h"
 #include "rv/error/rvCodes.h"
 
 namespace kvx {
@@ -17,6 +18,7 @@ namespace {
 
 using detail::Answer;
 using detail::ClientLoop;
+using detail::hasZero;
 using Milliseconds = std::chrono::milliseconds;
 
 Error ended(std::string tried) {
@@ -36,10 +38,6 @@ Error badTimeout(std::string tried) {
 
 Error zeroByte(std::string tried) {
     return {Errc::InvalidArgument, "a zero byte in the text or subject", std::move(tried)};
-}
-
-bool hasZero(std::string_view text) {
-    return text.find('\0') != std::string_view::npos;
 }
 
 // Why the bus refused, by the code of its status.
@@ -261,6 +259,10 @@ Client& Client::operator=(Client&& other) noexcept {
 
 Client::~Client() {
     if (loop_) loop_->end();
+}
+
+void Client::end() {
+    loop_->end();
 }
 
 Result<Client> Client::open(Options options) {

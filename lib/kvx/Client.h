@@ -82,8 +82,12 @@ class KVX_API Client {
 
     Client(Client&&) noexcept = default;
     Client& operator=(Client&&) noexcept;
-    /// Ends: what waits gets `Ended`. Returns when the thread has ended, unless on that thread.
+    /// `end`. No other thread may be calling.
     ~Client();
+
+    /// What waits gets `Ended`, and so does every later call. Returns when no function given to it
+    /// is running, unless called by one. Any thread.
+    void end();
 
     /// Puts a question to a service of the client's domain and waits for the whole answer. No rows
     /// are an answer. `TimedOut` when nobody answers, `Partial` when the answer stops, `Lost` when

@@ -22,6 +22,11 @@ Result<> ClientLoop::start() {
     return result.get();
 }
 
+// The thread shares in this object: it is about to end, or the one that calls.
+ClientLoop::~ClientLoop() {
+    if (thread_.joinable()) isLoopThread() ? thread_.detach() : thread_.join();
+}
+
 void ClientLoop::end() {
     if (!thread_.joinable()) return;
     post([this] { net->RRNStopLoop(); });
@@ -30,7 +35,7 @@ void ClientLoop::end() {
         const std::lock_guard guard(mutex_);
         if (open_ != nullptr && !isLoopThread()) rvevm_Stop(manager_);
     }
-    isLoopThread() ? thread_.detach() : thread_.join();
+    if (!isLoopThread()) waitForEnd();
 }
 
 bool ClientLoop::post(std::function<void()> work) {

@@ -30,11 +30,14 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
     };
 
     explicit ClientLoop(Client::Options given) : options(std::move(given)) {}
+    ~ClientLoop();
+    ClientLoop(const ClientLoop&) = delete;
+    ClientLoop& operator=(const ClientLoop&) = delete;
 
     /// Starts the thread and connects.
     Result<> start();
 
-    /// Ends the loop and waits for the thread, unless called on it.
+    /// Ends the loop and waits until it has ended, unless called on its thread. Any thread.
     void end();
 
     /// Has `work` done on the loop thread; false when the loop has ended, and then never.
@@ -65,7 +68,7 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
 
     std::shared_ptr<const void> claim_;
     std::thread thread_;
-    std::atomic<std::thread::id> loopThread_{};  // also after the thread has been detached
+    std::atomic<std::thread::id> loopThread_{};
     std::latch gone_{1};
     std::atomic<bool> isConnected_{false};
     std::mutex mutex_;

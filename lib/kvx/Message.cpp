@@ -6,6 +6,7 @@
 #include <ostream>
 #include <utility>
 
+#include "kvx/ZeroByte.h"
 #include "platform/Memory.h"
 
 namespace kvx {
@@ -40,7 +41,9 @@ Value integerOf(const RvDatum& datum, bool isSigned) {
 
 // A view of what a datum refers to. Kinds that are none of a `Value` are shown as their bytes.
 Value valueOf(const RvDatum& datum) {
-    if (datum.data() == nullptr) return {};
+    if (datum.data() == nullptr) {
+        return datum.type() == RVMSG_OPAQUE ? Value(Value::Bytes()) : Value();
+    }
     const Value::Bytes bytes(static_cast<const std::byte*>(datum.data()), datum.size());
     switch (datum.type()) {
         case RVMSG_MSG:
@@ -79,7 +82,7 @@ Message::Message(Value::Bytes buffer) {
 Result<> Message::add(std::string_view name, const Value& value) {
     const std::string text(name);
     const auto append = [&](rvmsg_Type type, std::size_t size, const void* data) {
-        if (text.find('\0') != std::string::npos) return RvStatus::message(3);
+        if (detail::hasZero(name)) return RvStatus::message(3);
         return message_.append(text.c_str(), type, static_cast<rvmsg_Size>(size), data);
     };
     RvStatus status = RvStatus::message(3);
@@ -95,11 +98,12 @@ Result<> Message::add(std::string_view name, const Value& value) {
         const auto number = *value.as<double>();
         status = append(RVMSG_REAL, sizeof number, &number);
     } else if (const auto characters = value.as<std::string>()) {
-        if (characters->find('\0') == std::string::npos) {
+        if (!detail::hasZero(*characters)) {
             status = append(RVMSG_STRING, characters->size() + 1, characters->c_str());
         }
     } else if (const auto bytes = value.as<Value::Bytes>()) {
-        status = append(RVMSG_OPAQUE, bytes->size(), bytes->data());
+        const void* const data = bytes->empty() ? "" : static_cast<const void*>(bytes->data());
+        status = append(RVMSG_OPAQUE, bytes->size(), data);
     } else if (const auto nested = value.as<Message>()) {
         status = append(RVMSG_MSG, nested->base().size(), nested->base().data());
     }
@@ -110,6 +114,7 @@ Result<> Message::add(std::string_view name, const Value& value) {
 Value Message::operator[](std::string_view name) const {
     RvDatum datum;
     const std::string text(name);
+    if (detail::hasZero(name)) return {};
     return message_.get(text.c_str(), datum) == RvStatus(0) ? valueOf(datum) : Value();
 }
 

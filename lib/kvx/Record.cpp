@@ -5,13 +5,13 @@
 #include <ostream>
 #include <utility>
 
+#include "kvx/ZeroByte.h"
+
 namespace kvx {
 
 namespace {
 
-bool hasZero(std::string_view text) {
-    return text.find('\0') != std::string_view::npos;
-}
+using detail::hasZero;
 
 Value valueOf(const CVekAtom* atom) {
     if (atom == nullptr) return {};

@@ -21,6 +21,18 @@
 
 namespace kvx {
 
+namespace detail {
+
+struct Asked {
+    std::string text;
+    std::string replySubject;
+    EVekTransHdr version = VEK_TRANS_V0;
+};
+
+}  // namespace detail
+
+using detail::Asked;
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -33,12 +45,6 @@ constexpr std::chrono::seconds kForTheQueue{5};
 constexpr std::size_t kMostText = std::size_t{1} << 20U;  // bytes of a question
 constexpr const char* kTooLong = "the question is longer than 1 MiB";
 constexpr const char* kTooMany = "too many questions are waiting";
-
-struct Asked {
-    std::string text;
-    std::string replySubject;
-    EVekTransHdr version = VEK_TRANS_V0;
-};
 
 // A name that the system does not know joins its group all the same: the kind itself is not told.
 __serv_types kindOf(const ServiceName& name, const Service::Options& options) {

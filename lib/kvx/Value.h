@@ -111,6 +111,9 @@ std::optional<T> Value::as() const {
     } else if constexpr (std::floating_point<T>) {
         const auto number = real();
         if (!number) return std::nullopt;
+        constexpr auto kMost = std::numeric_limits<T>::max();
+        const bool isFinite = *number - *number == 0;
+        if (isFinite && (*number > kMost || *number < -kMost)) return std::nullopt;
         return static_cast<T>(*number);
     } else if constexpr (std::same_as<T, std::string_view> || std::same_as<T, std::string>) {
         if (kind_ != Kind::Text) return std::nullopt;

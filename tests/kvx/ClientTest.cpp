@@ -10,6 +10,7 @@
 #include "mom/mom.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/Home.h"
+#include "tests/support/Packets.h"
 
 namespace kvx {
 namespace {
@@ -80,7 +81,7 @@ TEST_F(ClientTest, SaysWhatBecameOfAQuestion) {
 TEST_F(ClientTest, GivesEndedToWhatWaitsWhenItEnds) {
     auto waiting = client.queryAsync(links, "*");
     auto heard = client.listen("A.>", [](const Delivery&) {});
-    { const Client ending(std::move(client)); }
+    client.end();
     EXPECT_EQ(waiting.get().error().code, Errc::Ended);
     ASSERT_TRUE(heard) << "and it may outlive the client";
 }
@@ -105,27 +106,131 @@ TEST_F(ClientTest, RequestsAndAnswersFromAnyThread) {
     for (std::thread& thread : threads) thread.join();
 }
 
-// Two services on one subject, or one that sends a packet twice.
-TEST_F(ClientTest, TakesNoMixedAnswerForAWholeOne) {
-    CVekTransport transport(nullptr);
-    for (int i = 0; i < 3; ++i) transport.RTAddRecord(&Record{{"n", i}}.base());
-    transport.RTCreatePackets(VEK_TRANS_V0, true);
-    const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
-    const auto twice =
-        client.listen(client.inDomain(links.querySubject()), [&](const Delivery& question) {
-            for (const unsigned packet : {0U, 1U, 1U}) {
-                unsigned char* bytes = nullptr;
-                int length = 0;
-                packets->RAVGetValue(packet)->RAUChar(&bytes, &length);
-                const Value::Bytes payload(reinterpret_cast<const std::byte*>(bytes),
-                                           static_cast<std::size_t>(length));
-                EXPECT_TRUE(client.publish(question.replySubject, {{"a", payload}}));
+// Packets of one row each, {"n", i}, which a test spoils before they are sent as an answer.
+struct HostileAnswerTest : ClientTest {
+    static test::Texts packets(int rows, EVekTransHdr version = VEK_TRANS_V0) {
+        CVekTransport transport(nullptr);
+        for (int i = 0; i < rows; ++i) transport.RTAddRecord(&Record{{"n", i}}.base());
+        transport.RTCreatePackets(version, true);
+        return test::packetsOf(transport);
+    }
+
+    QueryResult ask(const test::Texts& answer) {
+        const auto hostile =
+            client.listen(client.inDomain(links.querySubject()), [&](const Delivery& question) {
+                for (const std::string& packet : answer) {
+                    const auto bytes = std::as_bytes(std::span(packet));
+                    EXPECT_TRUE(client.publish(question.replySubject, {{"a", bytes}}));
+                }
+            });
+        return client.query(links, "*", 300ms);
+    }
+
+    std::string failure(const test::Texts& answer) {
+        const auto result = ask(answer);
+        if (result) return "success";
+        return textOf(result.error().code) + (": " + std::to_string(result.error().rows.size()));
+    }
+
+    static constexpr std::size_t kSequence = 7;  // the last byte of each number
+    static constexpr std::size_t kCount = 15;
+};
+
+TEST_F(HostileAnswerTest, GivesItsRowsInTheirOrder) {
+    const auto sent = packets(3);
+    EXPECT_EQ(ask({sent[2], "no packet", sent[0], sent[1]}),
+              (Rows{{{"n", 0}}, {{"n", 1}}, {{"n", 2}}}));
+}
+
+// Two services on one subject, one that sends a packet twice, one that cannot count.
+TEST_F(HostileAnswerTest, IsMixedWhenItsPacketsAreNotOneToNOnceEach) {
+    auto sent = packets(3);
+    EXPECT_EQ(failure({sent[0], sent[1], sent[1]}), "mixed answers: 2");
+    EXPECT_EQ(failure({sent[0], packets(2)[1]}), "mixed answers: 1");
+    for (const char count : {'\0', '\1'}) {
+        sent[1][kCount] = count;
+        EXPECT_EQ(failure({sent[1]}), "mixed answers: 0");
+    }
+    sent[0][0] = '\xff';
+    EXPECT_EQ(failure({sent[0]}), "mixed answers: 0") << "a number below 0";
+}
+
+TEST_F(HostileAnswerTest, IsPartialWhenPacketsLackOrCannotBeRead) {
+    auto sent = packets(3);
+    EXPECT_EQ(failure({sent[0], sent[2]}), "partial answer: 2");
+    EXPECT_EQ(failure({sent[0].substr(0, 20)}), "timed out: 0") << "no whole header";
+    EXPECT_EQ(failure({sent[0], sent[1], sent[2].substr(0, 30)}), "partial answer: 2");
+    sent[0][kCount - 7] = '\x40';
+    EXPECT_EQ(failure({sent[0]}), "partial answer: 0") << "2^62 packets";
+    auto compressed = packets(100, VEK_TRANS_V1)[0];
+    EXPECT_EQ(ask({compressed})->size(), 100U);
+    for (const std::size_t spoilt : {24U, 27U, 40U}) {
+        auto packet = compressed;
+        packet[spoilt] = static_cast<char>(packet[spoilt] ^ 0x55);
+        EXPECT_EQ(failure({packet}).substr(0, 14), "partial answer") << spoilt;
+    }
+}
+
+// Four threads call and five subscriptions come and go while the client ends.
+TEST_F(ClientTest, EndsWhileManyThreadsUseIt) {
+    const auto echo = client.listen("ECHO", [&](const Delivery& delivery) {
+        if (!delivery.replySubject.empty()) {
+            static_cast<void>(client.publish(delivery.replySubject, delivery.message));
+        }
+    });
+    std::atomic<int> calls{0};
+    std::vector<std::thread> threads;
+    std::vector<std::future<QueryResult>> futures(8);
+    for (std::size_t thread = 0; thread < futures.size(); ++thread) {
+        threads.emplace_back([&, thread] {
+            Result<> sent;
+            while (sent || sent.error().code != Errc::Ended) {
+                const auto subscription = client.listen("ECHO", [](const Delivery&) {});
+                futures[thread] = client.queryAsync(links, "*");
+                static_cast<void>(client.request("ECHO", {{"n", 1}}));
+                sent = client.publish("ECHO", {{"n", 2}});
+                ++calls;
             }
         });
-    ASSERT_TRUE(twice);
-    const auto rows = client.query(links, "*");
-    ASSERT_FALSE(rows);
-    EXPECT_EQ(rows.error().code, Errc::MixedAnswers) << rows.error().message();
+    }
+    ASSERT_TRUE(eventually([&] { return calls > 100; }));
+    client.end();
+    for (std::thread& thread : threads) thread.join();
+    for (auto& future : futures) EXPECT_EQ(future.get().error().code, Errc::Ended);
+}
+
+TEST_F(ClientTest, EndsInItsOwnCallbackWithItsSubscriptions) {
+    auto owned = std::make_unique<Client>(std::move(client));
+    std::promise<Errc> promise;
+    Result<Subscription> own;
+    Result<Subscription> other = owned->listen("OTHER", [](const Delivery&) {});
+    own = owned->listen("END", [&, count = 0](const Delivery&) mutable {
+        if (++count < 3) return;
+        owned.reset();
+        other = Subscription();
+        auto& heard = promise;
+        own = Subscription();  // the function's captures live on
+        heard.set_value(Client::open().error().code);
+    });
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(owned->publish("END", {}));
+    EXPECT_EQ(promise.get_future().get(), Errc::Busy) << "its thread has not ended yet";
+    EXPECT_TRUE(eventually([] { return Client::open().has_value(); }));
+}
+
+TEST_F(ClientTest, RefusesWhatCannotBeAsked) {
+    const std::string_view zero("A\0B", 3);
+    const auto ignore = [](const Delivery&) {};
+    EXPECT_EQ(client.publish(zero, {}).error().code, Errc::InvalidArgument);
+    EXPECT_EQ(client.publish("A..B", {}).error().code, Errc::InvalidArgument);
+    EXPECT_EQ(client.request(zero, {}).error().code, Errc::InvalidArgument);
+    EXPECT_EQ(client.request("", {}).error().code, Errc::InvalidArgument);
+    EXPECT_EQ(client.request("A", {}, 0ms).error().code, Errc::InvalidArgument);
+    EXPECT_EQ(client.request("A", {}, 20ms).error().code, Errc::TimedOut);
+    EXPECT_EQ(client.query(links, "*", -1ms).error().code, Errc::InvalidArgument);
+    EXPECT_EQ(client.listen(zero, ignore).error().code, Errc::InvalidArgument);
+    EXPECT_EQ(client.listen("A..B", ignore).error().code, Errc::InvalidArgument);
+    EXPECT_EQ(Client::open().error().message(),
+              "open: busy: a process has one client or service at a time");
 }
 
 TEST(Client, NamesTheDaemonThatIsNotThere) {
