@@ -210,14 +210,18 @@ class Subscription::State : public RvDataCallback {
     /// Loop thread only. Why it cannot listen; nothing when it does.
     std::optional<Errc> start(const std::string& subject) {
         int status = kOk;
-        listener_.reset(loop_->net->RRNNewListener(&status, subject.c_str(), this, nullptr));
-        if (listener_) return std::nullopt;
+        std::unique_ptr<RvListener> listener(
+            loop_->net->RRNNewListener(&status, subject.c_str(), this, nullptr));
+        if (listener) {
+            loop_->listeners[this] = std::move(listener);
+            return std::nullopt;
+        }
         return codeOf(loop_->net->m_session->status());
     }
 
     /// Ends it: on the loop thread at once, else when the loop has done it or has ended.
     void end() {
-        if (!loop_->perform([this] { listener_.reset(); })) loop_->waitForEnd();
+        if (!loop_->perform([this] { loop_->listeners.erase(this); })) loop_->waitForEnd();
     }
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data, RvListener*) override {
@@ -228,7 +232,6 @@ class Subscription::State : public RvDataCallback {
   private:
     const std::shared_ptr<ClientLoop> loop_;
     const std::shared_ptr<Received> received_;
-    std::unique_ptr<RvListener> listener_;  // loop thread only
 };
 
 Subscription::Subscription(std::shared_ptr<State> state) : state_(std::move(state)) {}

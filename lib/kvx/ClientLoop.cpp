@@ -105,6 +105,7 @@ void ClientLoop::run(std::promise<Result<>> started) {
 }
 
 void ClientLoop::endNet() {
+    listeners.clear();
     net.reset();
     claim_.reset();
     gone_.count_down();

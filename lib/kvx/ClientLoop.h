@@ -5,6 +5,7 @@
 #include <functional>
 #include <future>
 #include <latch>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -57,6 +58,8 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
     // Loop thread only.
     std::unique_ptr<CVekClient> net;
     std::set<Waiting*> waiting;
+    /// Of the subscriptions: they end with the net, whatever thread the subscriptions die on.
+    std::map<const void*, std::unique_ptr<RvListener>> listeners;
 
   private:
     void run(std::promise<Result<>> started);

@@ -1,0 +1,29 @@
+// A service that fails in the ways that a question names.
+
+#include <chrono>
+#include <cstdio>
+#include <stdexcept>
+#include <thread>
+
+#include "kvx/kvx.h"
+
+int main() {
+    auto service = kvx::Service::open("Odd", {});
+    if (!service) return 2;
+    service->onQuery([&](const kvx::Question& question, kvx::Reply& reply) {
+        reply.row({{"size", question.text.size()}});
+        if (question.text == "throw") throw std::runtime_error("no such thing");
+        if (question.text == "throw 7") throw 7;
+        if (question.text == "refuse") reply.refuse("not here", 3);
+        if (question.text != "block") return;
+        std::puts("blocked");
+        std::fflush(stdout);
+        while (service->post([] {})) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::puts("ended");
+    });
+    service->onRole([](bool active) {
+        std::puts(active ? "active" : "standing by");
+        std::fflush(stdout);
+    });
+    return service->run();
+}

@@ -1,0 +1,101 @@
+// A service in this process, and one in another that fails.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "kvx/kvx.h"
+#include "tests/support/Daemon.h"
+#include "tests/support/Home.h"
+
+namespace kvx {
+namespace {
+
+using test::ChildProcess;
+using test::Daemon;
+using test::Home;
+
+struct ServiceTest : ::testing::Test {
+    Daemon daemon;
+    Home home{daemon.text()};
+};
+
+TEST_F(ServiceTest, RunsOnceAndDoesWhatWasPostedBefore) {
+    auto service = Service::open("Links", {});
+    ASSERT_TRUE(service) << service.error().message();
+    EXPECT_EQ(Service::open("Links", {}).error().code, Errc::Busy);
+    EXPECT_EQ(Client::open().error().code, Errc::Busy);
+    int done = 0;
+    service->stop();
+    EXPECT_TRUE(service->post([&] {
+        ++done;
+        EXPECT_TRUE(service->post([&] { ++done; })) << "the loop may be ending: done all the same";
+    }));
+    EXPECT_EQ(service->run(), 0);
+    EXPECT_EQ(done, 2);
+    EXPECT_EQ(service->run(), 1);
+    EXPECT_EQ(service->post([] {}).error().code, Errc::Ended);
+    EXPECT_EQ(service->notify(Record{{"a", 1}}).error().code, Errc::Ended);
+}
+
+TEST_F(ServiceTest, NeedsNotRun) {
+    auto service = std::make_unique<Service>(*Service::open("Links", {.group = "links"}));
+    service->onQuery([](const Question&, Reply&) {});
+    EXPECT_TRUE(service->notify(Record{{"a", 1}}));
+    EXPECT_TRUE(service->post([] { FAIL(); }));
+    service.reset();
+    EXPECT_TRUE(Service::open("Links", {}));
+}
+
+TEST_F(ServiceTest, TellsAndPostsFromManyThreads) {
+    constexpr int kEach = 100;
+    auto service = Service::open("Links", {});
+    std::atomic<int> heard{0};
+    std::atomic<int> posted{0};
+    ASSERT_TRUE(service->onMessage("ZEMBRALIX.3.0.LINKS.NOTIFY", [&](const Message&) {
+        if (++heard == 8 * kEach) service->stop();
+    }));
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 8; ++thread) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < kEach; ++i) {
+                EXPECT_TRUE(service->notify(Record{{"n", i}}));
+                EXPECT_TRUE(service->post([&] { ++posted; }));
+                static_cast<void>(service->isActive());
+            }
+        });
+    }
+    EXPECT_EQ(service->run(), 0);
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(posted, 8 * kEach);
+}
+
+TEST_F(ServiceTest, AnswersWhateverItIsAskedAndEndsWhileAFunctionBlocks) {
+    ChildProcess odd(KVX_ODD_SERVICE, {});
+    ASSERT_EQ(odd.awaitOutput("active"), "active") << odd.errors();
+    auto client = Client::open();
+    ASSERT_TRUE(client) << client.error().message();
+    const auto answer = [&](std::string_view text) {
+        const auto rows = client->query("Odd", text);
+        return rows ? rows->at(0).toString() : rows.error().message();
+    };
+    EXPECT_EQ(answer(""), "size=0");
+    EXPECT_EQ(answer("throw"), "query Odd: refused: no such thing");
+    EXPECT_EQ(answer("throw 7"), "query Odd: refused: the service failed");
+    EXPECT_EQ(client->query("Odd", "refuse").error().rows,
+              (Rows{{{"error", "not here"}, {"position", 3}}}));
+    EXPECT_EQ(answer(std::string(1U << 20U, 'x')), "size=1048576");
+    EXPECT_EQ(answer(std::string(2U << 20U, 'x')),
+              "query Odd: refused: the question is longer than 1 MiB");
+    auto blocked = client->queryAsync(*ServiceName::of("Odd"), "block");
+    ASSERT_EQ(odd.awaitOutput("blocked"), "blocked");
+    EXPECT_EQ(answer("2"), "size=1") << "the other thread answers";
+    odd.kill(SIGTERM);
+    EXPECT_EQ(odd.wait(), 0);
+    EXPECT_NE(odd.output().find("ended"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kvx
