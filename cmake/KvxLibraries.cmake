@@ -3,6 +3,7 @@
 # hide.
 
 find_package(ZLIB REQUIRED)
+find_package(tl-expected REQUIRED)
 
 # An undefined symbol fails here, not in a user's program.
 if(NOT KVX_SANITIZE)
@@ -26,4 +27,4 @@ kvx_shared_library(KVXRv ALIAS rv ROOMS ${KVX_RV_ROOMS} USES KVXFoundation
     LINKS ${no_undefined})
 kvx_shared_library(KVXMOM ALIAS mom ROOMS ${KVX_MOM_ROOMS} USES KVXRv KVXFoundation
     LINKS ZLIB::ZLIB ${no_undefined})
-kvx_shared_library(KVXClient ALIAS kvx ROOMS kvx USES KVXMOM LINKS ${no_undefined})
+kvx_shared_library(KVXClient ALIAS kvx ROOMS kvx USES KVXMOM tl::expected LINKS ${no_undefined})

@@ -238,7 +238,11 @@ TEST(Client, NamesTheDaemonThatIsNotThere) {
     const auto client = Client::open();
     ASSERT_FALSE(client);
     EXPECT_EQ(client.error().code, Errc::NoDaemon);
-    EXPECT_EQ(client.error().tried, "connecting to the bus daemon at tcp:127.0.0.1:1");
+    EXPECT_EQ(client.error().message(),
+              "connecting to the bus daemon at tcp:127.0.0.1:1: no daemon: nobody answers there; "
+              "none is started, since the address names a host");
+    EXPECT_EQ(Client::open({.daemon = {.daemon = "host"}}).error().text,
+              "the address is not of the form tcp:[host:]port");
 }
 
 }  // namespace

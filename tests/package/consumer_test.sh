@@ -41,13 +41,13 @@ done
 echo "every header alone"
 include=$work/prefix/include/kvxmom
 (cd "$include" && find . -name '*.h' -printf '%P\n' | sort) >"$work/headers"
-xargs -P "$(nproc)" -I {} "$compiler" -std=c++20 -Wall -Wextra -Werror -fsyntax-only \
+xargs -P "$(nproc)" -I {} "$compiler" -std=c++20 -Wall -Wextra -Wpedantic -Werror -fsyntax-only \
     -I "$include" -include {} -x c++ /dev/null <"$work/headers"
 wc -l <"$work/headers"
 
 echo "every function that a header declares is exported"
 "$here/hidden_functions.pl" "$include" "$libdir" \
-    "$build"/lib/static/libkvx_{platform,foundation,rv_*,mom}.a
+    "$build"/lib/static/libkvx_{platform,foundation,rv_*,mom,kvx}.a
 
 echo "a tree that was moved"
 mv "$work/prefix" "$work/elsewhere"

@@ -1,5 +1,6 @@
-// What a user's first program touches in each of the three libraries.
+// What a user's first program touches in each of the four libraries.
 
+#include <kvx/kvx.h>
 #include <mom/mom.h>
 
 #include <cstdio>
@@ -15,6 +16,9 @@ int main() {
     const char* subject = CVekServiceToSubjectMapper::ServiceStringToQuerySubject("Model");
     const bool good = answer == 42 && std::strcmp(atom.RAString(), "text") == 0 &&
                       std::strcmp(subject, "ZEMBRALIX.3.0.MODEL.QUERY") == 0 &&
+                      kvx::ServiceName::of("Model")->querySubject() == subject &&
+                      kvx::Client::open({.daemon = {.daemon = "none"}}).error().code ==
+                          kvx::Errc::NoDaemon &&
                       CVekTransport(nullptr).RTSendAll(false) == kvx::kInvalidArgument;
     std::printf("home: %s\n", CVekEnv().REHome());
     return good ? 0 : 1;
