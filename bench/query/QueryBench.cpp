@@ -56,9 +56,7 @@ int echo(const char* daemon) {
 int serve(const std::string& daemon) {
     auto service = kvx::Service::open("Bench", {.daemon = {"", "", daemon}});
     if (!service) return 1;
-    service->onQuery([](const kvx::Question&, kvx::Reply& reply) {
-        reply.row({{"text", kText}});
-    });
+    service->onQuery([](const kvx::Question&, kvx::Reply& reply) { reply.row({{"text", kText}}); });
     service->onRole([](bool) {
         std::puts("active");
         std::fflush(stdout);

@@ -58,8 +58,7 @@ std::optional<Packet> readPacket(const CVekAtom* atom) {
     const Bytes bytes(data, static_cast<std::size_t>(length));
     const auto header = packet::readHeader(bytes);
     if (!header) return std::nullopt;
-    const std::size_t start =
-        std::min(packet::kHeaderSize + header->extension, bytes.size());
+    const std::size_t start = std::min(packet::kHeaderSize + header->extension, bytes.size());
     return Packet{*header, bytes.subspan(start)};
 }
 

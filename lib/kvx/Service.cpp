@@ -374,8 +374,8 @@ class Service::Impl : public RvDataCallback {
     bool sendQueued(std::chrono::steady_clock::time_point end) {
         using std::chrono::milliseconds;
         while (const auto item = std::unique_ptr<CVekSendQueueItem>(engine_.RENextSendItem())) {
-            const auto left = std::chrono::duration_cast<milliseconds>(
-                end - std::chrono::steady_clock::now());
+            const auto left =
+                std::chrono::duration_cast<milliseconds>(end - std::chrono::steady_clock::now());
             if (left <= milliseconds(0) || item->RSQIDeQueueIt() != kOk ||
                 rv_Flush(engine_.m_session->handle(), static_cast<unsigned long>(left.count())) !=
                     0) {
@@ -406,7 +406,7 @@ class Service::Impl : public RvDataCallback {
 
     bool hasRun_ = false;
 
-    std::mutex gate_;  // held while something is queued
+    std::mutex gate_;                            // held while something is queued
     std::vector<std::function<void()>> posted_;  // guarded by gate_
     std::atomic<bool> stopping_{false};
     std::atomic<int> waiting_{0};
