@@ -1,7 +1,7 @@
 // What a query costs a warm client.
 //
 // Baseline: a request and its reply of the same size on the bare session, asked for in the loop
-// itself. Measured: `kvx::Client::query` for one row. The daemon and both answerers are separate
+// itself. Measured: `kvx::Client::query` for one row. The daemon and the answerers are separate
 // processes; rounds alternate, and the table shows the median of all rounds' single times.
 
 #include <algorithm>
@@ -23,6 +23,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kRounds = 10;
 constexpr int kEach = 2000;
+constexpr const char* kPooled = "Pooled";  // the services
+constexpr const char* kDirect = "Direct";
 constexpr const char* kSubject = "BENCH.ECHO";
 constexpr char kText[] = "twenty bytes of text";
 
@@ -53,8 +55,9 @@ int echo(const char* daemon) {
     return rv_RunOnce(session.get());
 }
 
-int serve(const std::string& daemon) {
-    auto service = kvx::Service::open("Bench", {.daemon = {"", "", daemon}});
+int serve(const std::string& name, const std::string& daemon) {
+    const int threads = name == kDirect ? 0 : 2;
+    auto service = kvx::Service::open(name, {.daemon = {"", "", daemon}, .threads = threads});
     if (!service) return 1;
     service->onQuery([](const kvx::Question&, kvx::Reply& reply) { reply.row({{"text", kText}}); });
     service->onRole([](bool) {
@@ -111,9 +114,9 @@ class RawRound {
     rv_Listener asked_ = nullptr;
 };
 
-void queryRound(const std::string& daemon, Samples& samples) {
+void queryRound(const std::string& daemon, const char* service, Samples& samples) {
     auto client = kvx::Client::open({.daemon = {"", "", daemon}});
-    const auto name = kvx::ServiceName::of("Bench");
+    const auto name = kvx::ServiceName::of(service);
     for (int i = 0; client && i < kEach; ++i) {
         samples.begin();
         if (const auto rows = client->query(*name, "*"); !rows || rows->size() != 1) {
@@ -126,18 +129,27 @@ void queryRound(const std::string& daemon, Samples& samples) {
 int measure(const char* self) {
     kvx::test::Daemon daemon;
     kvx::test::ChildProcess echoer(self, {"echo", daemon.text()});
-    kvx::test::ChildProcess server(self, {"serve", daemon.text()});
-    if (echoer.awaitOutput("active").empty() || server.awaitOutput("active").empty()) return 1;
+    kvx::test::ChildProcess pooled(self, {kPooled, daemon.text()});
+    kvx::test::ChildProcess direct(self, {kDirect, daemon.text()});
+    for (auto* answerer : {&echoer, &pooled, &direct}) {
+        if (answerer->awaitOutput("active").empty()) return 1;
+    }
     Samples raw;
-    Samples query;
+    Samples ofPool;
+    Samples ofMain;
     for (int round = 0; round < kRounds; ++round) {
         RawRound(daemon.text(), raw);
-        queryRound(daemon.text(), query);
+        queryRound(daemon.text(), kPooled, ofPool);
+        queryRound(daemon.text(), kDirect, ofMain);
     }
     std::printf("%-28s %10s %10s %8s\n", "", "p50 us", "p99 us", "ratio");
-    std::printf("%-28s %10.1f %10.1f %8.2f\n", "request and reply", raw.at(.5), raw.at(.99), 1.0);
-    std::printf("%-28s %10.1f %10.1f %8.2f\n", "query of one row", query.at(.5), query.at(.99),
-                query.at(.5) / raw.at(.5));
+    const auto row = [&](const char* what, Samples& samples) {
+        std::printf("%-28s %10.1f %10.1f %8.2f\n", what, samples.at(.5), samples.at(.99),
+                    samples.at(.5) / raw.at(.5));
+    };
+    row("request and reply", raw);
+    row("query, a pool answers", ofPool);
+    row("query, the main thread does", ofMain);
     return 0;
 }
 
@@ -145,6 +157,6 @@ int measure(const char* self) {
 
 int main(int argc, char** argv) {
     if (argc == 3 && std::strcmp(argv[1], "echo") == 0) return echo(argv[2]);
-    if (argc == 3) return serve(argv[2]);
+    if (argc == 3) return serve(argv[1], argv[2]);
     return measure(argv[0]);
 }

@@ -82,7 +82,10 @@ class Exchange : public RvDataCallback, public RvTimerCallback, public ClientLoo
   public:
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
-    ~Exchange() override { loop_.waiting.erase(this); }
+    ~Exchange() override {
+        loop_.waiting.erase(this);
+        if (gone_ != nullptr) *gone_ = true;
+    }
 
     /// Starts it; on failure it has failed.
     void send(const std::string& subject, const RvMsg& message) {
@@ -90,7 +93,13 @@ class Exchange : public RvDataCallback, public RvTimerCallback, public ClientLoo
         idle_.reset(loop_.net->RRNNewTimer(&status, interval(), rv_TRUE, this, nullptr));
         const std::unique_ptr<RvSender> sender(
             loop_.net->RRNNewSender(&status, subject.c_str(), nullptr));
-        if (sender) inbox_.reset(sender->sendRequest(message, 0, this, nullptr));
+        bool gone = false;
+        gone_ = &gone;
+        std::unique_ptr<RvListener> inbox(
+            sender ? sender->sendRequest(message, 0, this, nullptr) : nullptr);
+        if (gone) return;  // the send found the connection lost, which fails all that waits
+        gone_ = nullptr;
+        inbox_ = std::move(inbox);
         if (!idle_ || !inbox_) fail(codeOf(loop_.net->m_session->status()));
     }
 
@@ -130,6 +139,7 @@ class Exchange : public RvDataCallback, public RvTimerCallback, public ClientLoo
     ClientLoop& loop_;
     std::unique_ptr<RvTimer> idle_;
     std::unique_ptr<RvListener> inbox_;
+    bool* gone_ = nullptr;  // set by the destructor during a send
 };
 
 class QueryExchange : public Exchange {

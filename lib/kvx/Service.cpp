@@ -284,8 +284,10 @@ class Service::Impl : public RvDataCallback {
         const Text subject(engine_.RRNDomainSubj(name_.querySubject().c_str()));
         if (!subject) return false;
         begunSubject_ = begunSubject(subject.get());
-        pool_ = std::make_unique<CVekServPool>(std::max(options_.threads, 1), this);
-        pool_->RSPLaunchThreads(answerOne);
+        if (options_.threads > 0) {
+            pool_ = std::make_unique<CVekServPool>(options_.threads, this);
+            pool_->RSPLaunchThreads(answerOne);
+        }
         return (options_.group.empty() ||
                 engine_.RRNAddExService(begunSubject_.c_str(), &begunListener_) == kOk) &&
                engine_.RRNAddService(name_.querySubject().c_str(), this) == kOk;
@@ -319,7 +321,9 @@ class Service::Impl : public RvDataCallback {
     }
 
     void answerLater(Asked asked) {
-        if (waiting_ >= kMostQuestions) return refuse(asked, kTooMany);
+        const bool isFull = pool_ ? waiting_ >= kMostQuestions : !hasRoom();
+        if (isFull) return refuse(asked, kTooMany);
+        if (!pool_) return answerQuestion(asked);
         auto item = std::make_unique<Asked>(std::move(asked));
         if (pool_->RSPAddWorkDetail(item.get()) != kOk) return;
         static_cast<void>(item.release());
@@ -329,14 +333,17 @@ class Service::Impl : public RvDataCallback {
     static void answerOne(void* item, void* context) {
         const std::unique_ptr<Asked> asked(static_cast<Asked*>(item));
         auto& service = *static_cast<Impl*>(context);
+        while (!service.stopping_ && !service.hasRoom()) {
+            VekSleep(static_cast<unsigned>(kRoomPoll.count()));
+        }
         service.answerQuestion(*asked);
         --service.waiting_;
     }
 
+    // Whether what an answer adds may be queued now.
+    bool hasRoom() { return engine_.RESendQueueLength() <= options_.mostWaiting; }
+
     void answerQuestion(const Asked& asked) {
-        while (!stopping_ && engine_.RESendQueueLength() > options_.mostWaiting) {
-            VekSleep(static_cast<unsigned>(kRoomPoll.count()));
-        }
         Reply::State state(engine_, asked.version);
         Reply reply(state);
         try {

@@ -60,7 +60,8 @@ class KVX_API Service {
         int tier = 1;
         /// Announced every 10 s, for `kvx services`.
         bool beats = true;
-        /// That answer questions.
+        /// That answer questions. 0: the main thread does, for functions that return at once; it
+        /// saves two changes of thread a question.
         int threads = 2;
         /// Messages a second at most.
         unsigned long sendRate = 100'000;

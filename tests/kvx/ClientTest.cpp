@@ -241,7 +241,7 @@ TEST(Client, NamesTheDaemonThatIsNotThere) {
     EXPECT_EQ(client.error().message(),
               "connecting to the bus daemon at tcp:127.0.0.1:1: no daemon: nobody answers there; "
               "none is started, since the address names a host");
-    EXPECT_EQ(Client::open({.daemon = {.daemon = "host"}}).error().text,
+    EXPECT_EQ(Client::open({.daemon = {"", "", "host"}}).error().text,
               "the address is not of the form tcp:[host:]port");
 }
 

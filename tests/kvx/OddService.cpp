@@ -7,8 +7,9 @@
 
 #include "kvx/kvx.h"
 
-int main() {
-    auto service = kvx::Service::open("Odd", {});
+int main(int argc, char**) {
+    // With an argument the main thread answers.
+    auto service = kvx::Service::open("Odd", {.threads = argc > 1 ? 0 : 2});
     if (!service) return 2;
     service->onQuery([&](const kvx::Question& question, kvx::Reply& reply) {
         reply.row({{"size", question.text.size()}});

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -95,6 +96,19 @@ TEST_F(ServiceTest, AnswersWhateverItIsAskedAndEndsWhileAFunctionBlocks) {
     odd.kill(SIGTERM);
     EXPECT_EQ(odd.wait(), 0);
     EXPECT_NE(odd.output().find("ended"), std::string::npos);
+}
+
+TEST_F(ServiceTest, AnswersOnItsMainThreadWhenToldTo) {
+    ChildProcess odd(KVX_ODD_SERVICE, {"0"});
+    ASSERT_EQ(odd.awaitOutput("active"), "active") << odd.errors();
+    auto client = Client::open();
+    std::vector<std::future<QueryResult>> answers;
+    for (int i = 0; i < 50; ++i) {
+        answers.push_back(client->queryAsync(*ServiceName::of("Odd"), "throw"));
+    }
+    for (auto& answer : answers) EXPECT_EQ(answer.get().error().text, "no such thing");
+    odd.kill(SIGTERM);
+    EXPECT_EQ(odd.wait(), 0);
 }
 
 }  // namespace
