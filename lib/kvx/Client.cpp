@@ -95,8 +95,8 @@ class Exchange : public RvDataCallback, public RvTimerCallback, public ClientLoo
             loop_.net->RRNNewSender(&status, subject.c_str(), nullptr));
         bool gone = false;
         gone_ = &gone;
-        std::unique_ptr<RvListener> inbox(
-            sender ? sender->sendRequest(message, 0, this, nullptr) : nullptr);
+        std::unique_ptr<RvListener> inbox(sender ? sender->sendRequest(message, 0, this, nullptr)
+                                                 : nullptr);
         if (gone) return;  // the send found the connection lost, which fails all that waits
         gone_ = nullptr;
         inbox_ = std::move(inbox);

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "kvx/Error.h"
 #include "mom/config/DaemonAddress.h"
@@ -26,15 +27,17 @@ inline std::string connecting(const DaemonAddress& address) {
 }
 
 /// A daemon without a host is the machine's own, which the session tries to start.
+inline const char* whyNobody(std::string_view daemon) {
+    if (!daemon.starts_with("tcp:")) return "the address is not of the form tcp:[host:]port";
+    if (daemon.find(':') != daemon.rfind(':')) {
+        return "nobody answers there; none is started, since the address names a host";
+    }
+    return "nobody answers there; a program rvd to start was looked for beside this one, in "
+           "$VEK_HOME/bin and on the PATH, unless KVX_START_DAEMON=0";
+}
+
 inline Error noDaemon(const DaemonAddress& address) {
-    const std::string& daemon = address.daemon;
-    const bool isLocal = daemon.find(':') == daemon.rfind(':');
-    const char* const why =
-        !daemon.starts_with("tcp:") ? "the address is not of the form tcp:[host:]port"
-        : isLocal ? "nobody answers there; a program rvd to start was looked for beside this one, "
-                    "in $VEK_HOME/bin and on the PATH"
-                  : "nobody answers there; none is started, since the address names a host";
-    return {Errc::NoDaemon, why, connecting(address)};
+    return {Errc::NoDaemon, whyNobody(address.daemon), connecting(address)};
 }
 
 }  // namespace kvx::detail
