@@ -1,7 +1,3 @@
-// The packets of an answer may come in any order. Two services that answer one question, or a
-// service that answers it twice, give numbers that repeat or disagree about how many there are:
-// such an answer is mixed, and none of its rows can be trusted to be all or to be there once.
-//
 // A packet is decoded here and not by a `CVekTransport`, which reports a defect but returns what it
 // could read: a querier could not tell a whole answer from one with rows missing.
 
@@ -126,20 +122,16 @@ Answer::State Answer::take(const RvDatum& data) {
     const auto packet = readPacket(atom.get());
     if (!packet) return State::Foreign;
     const packet::Header& header = packet->header;
-    if (packets_.empty()) count_ = header.count;
-    if (header.count != count_ || header.sequence < 1 || header.sequence > count_) {
-        return State::Mixed;
-    }
-    if (count_ > kMostPackets) return State::TooLarge;
-    const auto [place, isNew] = packets_.try_emplace(header.sequence);
-    if (!isNew) return State::Mixed;
+    const PacketNumbers::State numbered = numbers_.take(header);
+    if (numbered == PacketNumbers::State::Mixed) return State::Mixed;
+    if (header.count > kMostPackets) return State::TooLarge;
     Budget budget{kMostBytes - bytes_};
-    const Reading reading = readRows(*packet, budget, place->second);
+    const Reading reading = readRows(*packet, budget, packets_[header.sequence]);
     bytes_ = kMostBytes - budget.left;
     if (reading == Reading::TooLarge) return State::TooLarge;
     if (reading == Reading::Defective) ++defective_;
     if (isSuccess(status_)) status_ = static_cast<EVekStoreErrorStatus>(header.status);
-    return static_cast<std::int64_t>(packets_.size()) == count_ ? State::Complete : State::Waiting;
+    return numbered == PacketNumbers::State::Complete ? State::Complete : State::Waiting;
 }
 
 Rows Answer::takeRows() {

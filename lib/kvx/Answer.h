@@ -5,6 +5,7 @@
 #include <span>
 
 #include "kvx/Client.h"
+#include "kvx/PacketNumbers.h"
 #include "mom/mom.h"
 
 namespace kvx::detail {
@@ -41,7 +42,7 @@ class Answer {
   private:
     Rows takeRows();
 
-    std::int64_t count_ = 0;  // of the packets, as the first one says
+    PacketNumbers numbers_;
     std::map<std::int64_t, Rows> packets_;
     std::size_t bytes_ = 0;
     std::size_t defective_ = 0;  // packets with a part that cannot be read

@@ -26,6 +26,8 @@ class EventManager {
     /// True once `shutDown` was called: registrations are refused.
     [[nodiscard]] bool dying() const noexcept { return dying_; }
     [[nodiscard]] bool looping() const noexcept { return looping_; }
+    /// True in a loop that `stop` has asked to end.
+    [[nodiscard]] bool stopping() const noexcept { return looping_ && !running_; }
 
     /// Dispatches until `stop`; `kNotInitialized` when already looping. The manager may have been
     /// destroyed when this returns.

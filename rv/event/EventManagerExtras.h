@@ -15,6 +15,9 @@ int makeReady(rvevm_Manager manager, rvevm_Id id) noexcept;
 /// True while the manager's main loop runs.
 [[nodiscard]] bool isLooping(rvevm_Manager manager) noexcept;
 
+/// True while the manager's main loop, which has been asked to stop, is still in a callback.
+[[nodiscard]] bool isStopping(rvevm_Manager manager) noexcept;
+
 /// The process-wide manager that asynchronous sessions share, created on first use; counts one use.
 /// Null, with an event-manager code, on failure.
 [[nodiscard]] rvevm_Manager acquireSharedManager(int& code) noexcept;

@@ -166,6 +166,11 @@ int makeReady(rvevm_Manager manager, rvevm_Id id) noexcept {
     return on(manager, [=](Manager& watching) { return watching.io().makeReady(id); });
 }
 
+bool isStopping(rvevm_Manager manager) noexcept {
+    const Manager* stopping = managers.find(manager);
+    return stopping != nullptr && stopping->stopping();
+}
+
 bool isLooping(rvevm_Manager manager) noexcept {
     const Manager* looping = managers.find(manager);
     return looping != nullptr && looping->looping();

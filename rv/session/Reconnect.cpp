@@ -79,7 +79,7 @@ void onPeerGone(ipq_Queue /*queue*/, ipq_State /*state*/, void* closure) {
 bool isCutShort(const SessionState& session) {
     if (!session.roundBegin) return false;
     return platform::lastSignalMs() > *session.roundBegin - kCutShortMs ||
-           !event::isLooping(session.manager);
+           event::isStopping(session.manager);
 }
 
 void watchLink(SessionState& session) {
