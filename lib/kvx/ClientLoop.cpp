@@ -134,7 +134,7 @@ void ClientLoop::changeConnection(bool isThere) {
     if (options.onConnection) options.onConnection(isThere);
 }
 
-void ClientLoop::failAll(Errc code) {
+void ClientLoop::failAll(Errc code) const {
     // Each one leaves the set when it fails.
     while (!waiting.empty()) (*waiting.begin())->fail(code);
 }

@@ -67,7 +67,7 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
     void endNet();
     [[nodiscard]] Result<> connect();
     void changeConnection(bool isThere);
-    void failAll(Errc code);
+    void failAll(Errc code) const;
 
     std::shared_ptr<const void> claim_;
     std::thread thread_;

@@ -110,9 +110,9 @@ void Reply::refuse(std::string_view why, int position) {
 
 class Service::Impl : public RvDataCallback {
   public:
-    Impl(const ServiceName& name, Options options, std::shared_ptr<const void> claim)
+    Impl(ServiceName name, Options options, std::shared_ptr<const void> claim)
         : claim_(std::move(claim)),
-          name_(name),
+          name_(std::move(name)),
           options_(std::move(options)),
           engine_(options_.tier, options_.group.c_str(), options_.domain.c_str(),
                   kindOf(name_, options_), options_.daemon) {}
@@ -255,9 +255,8 @@ class Service::Impl : public RvDataCallback {
     };
 
     struct Work : CVekTimedWork {
-        Work(const std::string& given, std::chrono::milliseconds interval,
-             std::function<void()> function)
-            : name(given), work(std::move(function)) {
+        Work(std::string given, std::chrono::milliseconds interval, std::function<void()> function)
+            : name(std::move(given)), work(std::move(function)) {
             RTWSetName(new CVekAtom(name.c_str()));
             RTWSetFrequency(static_cast<int>((interval + kTick - 1ms) / kTick));
         }
