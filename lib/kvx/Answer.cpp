@@ -88,6 +88,7 @@ Reading readRecords(Bytes payload, Budget& budget, Rows& rows) {
     while (const auto bytes = records.next()) {
         if (!budget.take(Answer::kRecordCost)) return Reading::TooLarge;
         auto record = Record::decode(std::as_bytes(*bytes));
+        if (record && !budget.take(Answer::kRecordCost * record->size())) return Reading::TooLarge;
         if (record) rows.push_back(std::move(*record));
         isWhole = isWhole && record;
     }

@@ -24,7 +24,7 @@ class Answer {
     };
 
     static constexpr std::int64_t kMostPackets = 1'000'000;
-    /// Of its uncompressed packets, and `kRecordCost` more for each record.
+    /// Of its uncompressed packets, and `kRecordCost` more for each record and field.
     static constexpr std::size_t kMostBytes = std::size_t{1} << 30U;
     static constexpr std::size_t kRecordCost = 256;
     static constexpr const char* kBound = "it is larger than 1,000,000 packets or 1 GiB of records";

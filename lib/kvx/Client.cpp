@@ -25,6 +25,10 @@ Error ended(std::string tried) {
     return {Errc::Ended, "the client has ended", std::move(tried)};
 }
 
+Error lost(std::string tried) {
+    return {Errc::Lost, "the bus daemon is away", std::move(tried)};
+}
+
 Error waitsForItself(std::string tried) {
     return {Errc::InvalidArgument, "a call on the client's own thread cannot wait",
             std::move(tried)};
@@ -312,6 +316,10 @@ std::future<QueryResult> Client::queryAsync(const ServiceName& service, std::str
         guarded->take().set_value(tl::unexpected(QueryError{std::move(error), {}}));
         return result;
     }
+    if (loop_->isLost()) {
+        guarded->take().set_value(tl::unexpected(QueryError{lost(tried), {}}));
+        return result;
+    }
     loop_->post([loop = loop_.get(), guarded, tried, subject = inDomain(service.querySubject()),
                  message = CVekQryInfo::RQIMessage(std::string(text).c_str()), wait] {
         (new QueryExchange(*loop, tried, wait, guarded->take()))->send(subject, message);
@@ -342,6 +350,7 @@ Result<Message> Client::request(std::string_view subject, const Message& message
     if (hasZero(subject)) return tl::unexpected(zeroByte(tried));
     if (wait <= Milliseconds(0)) return tl::unexpected(badTimeout(tried));
     if (loop_->isLoopThread()) return tl::unexpected(waitsForItself(tried));
+    if (loop_->isLost()) return tl::unexpected(lost(tried));
     std::promise<Result<Message>> promise;
     std::future<Result<Message>> result = promise.get_future();
     auto guarded = std::make_shared<Promised<Result<Message>>>(std::move(promise),
@@ -357,6 +366,7 @@ Result<> Client::publish(std::string_view subject, const Message& message) {
     const std::string to(subject);
     const std::string tried = "publish on " + to;
     if (hasZero(subject)) return tl::unexpected(zeroByte(tried));
+    if (loop_->isLost()) return tl::unexpected(lost(tried));
     RvStatus status;
     const bool isDone = loop_->perform([&] {
         int made = kOk;

@@ -38,6 +38,11 @@ void ClientLoop::end() {
     if (!isLoopThread()) waitForEnd();
 }
 
+bool ClientLoop::isLost() {
+    const std::lock_guard guard(mutex_);
+    return open_ != nullptr && !isConnected_;
+}
+
 bool ClientLoop::post(std::function<void()> work) {
     const std::lock_guard guard(mutex_);
     return open_ != nullptr && open_->RRNPost(std::move(work)) == kOk;

@@ -51,6 +51,9 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
     /// Returns when the loop thread touches neither the net nor the bus any more.
     void waitForEnd() const { gone_.wait(); }
     [[nodiscard]] bool isConnected() const { return isConnected_; }
+    /// Whether it has lost the daemon and tries to reach it again, which blocks the loop. Any
+    /// thread.
+    [[nodiscard]] bool isLost();
     [[nodiscard]] std::string inDomain(std::string_view subject) const;
 
     const Client::Options options;

@@ -11,6 +11,8 @@ namespace kvx {
 
 namespace {
 
+constexpr std::size_t kMostFields = 65'535;
+
 using detail::hasZero;
 
 Value valueOf(const CVekAtom* atom) {
@@ -85,6 +87,10 @@ Result<> Record::set(std::string_view name, const Value& value) {
     if (!atom) {
         return tl::unexpected(
             Error{Errc::InvalidArgument, "a record cannot hold it", "field " + text});
+    }
+    if (size() >= kMostFields && !contains(name)) {
+        return tl::unexpected(
+            Error{Errc::InvalidArgument, "a record has at most 65,535 fields", "field " + text});
     }
     if (!base_) base_ = std::make_unique<CVekBaseRecord>();
     if (base_->RRAddOrSetValue(text.c_str(), atom.get()) != 1) {

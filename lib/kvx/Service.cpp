@@ -53,6 +53,18 @@ __serv_types kindOf(const ServiceName& name, const Service::Options& options) {
     return known != SERV_UNKNOWN ? known : SERV_HELPER;
 }
 
+// False when the record has no encoding.
+bool addTo(CVekTransport& transport, const Record& record) {
+    unsigned char* bytes = nullptr;
+    int length = 0;
+    if (record.base().ROMEncode(&bytes, &length) != kOk) return false;
+    auto atom = std::make_unique<CVekAtom>(bytes, length);  // takes the bytes over
+    CVekAtom* taken = atom.release();
+    if (transport.RTTakeROMP(&taken) == kOk) return true;
+    delete taken;
+    return false;
+}
+
 }  // namespace
 
 // --- One answer --------------------------------------------------------------------------------
@@ -61,8 +73,11 @@ class Reply::State {
   public:
     State(CVekEngine& engine, EVekTransHdr version) : engine_(engine), version_(version) {}
 
+    // An answer that lacks a row must not look whole.
     void add(const Record& record) {
-        transport_->RTAddRecord(&record.base());
+        if (!addTo(*transport_, record)) {
+            return refuse(Record{{"error", "a row of the answer cannot be encoded"}});
+        }
         transport_->RTPreparePayloads(version_);
         ++rows_;
     }
@@ -76,7 +91,8 @@ class Reply::State {
     [[nodiscard]] bool isRefused() const { return status_ == STORE_PERMISSION_DENIED; }
     [[nodiscard]] bool isLong() const { return isLongAnswer(version_, rows_); }
 
-    void send(const std::string& replySubject) {
+    // False, with nothing sent, when a packet is too large for a message.
+    [[nodiscard]] bool send(const std::string& replySubject) {
         transport_->RTSetError(rows_ == 0 ? STORE_ZERO_MATCHES : status_);
         transport_->RTSetDestinationOnSubject(replySubject.c_str());
         if (rows_ == 0) {
@@ -84,7 +100,7 @@ class Reply::State {
         } else {
             transport_->RTCreatePackets(version_, true);
         }
-        transport_->RTSendAll(false);
+        return transport_->RTSendAll(false) == kOk;
     }
 
   private:
@@ -153,10 +169,11 @@ class Service::Impl : public RvDataCallback {
         const std::string as(name);
         const bool isTaken =
             std::ranges::any_of(works_, [&](const auto& one) { return one->name == as; });
-        if (interval.count() < 1 || as.empty() || isTaken) {
+        if (interval < 1ms || interval > 24h || as.empty() || isTaken) {
             return tl::unexpected(
                 Error{Errc::InvalidArgument,
-                      isTaken ? "there is one of this name" : "it needs an interval and a name",
+                      isTaken ? "there is one of this name"
+                              : "it needs an interval of 1 ms to 24 h and a name",
                       "every " + std::to_string(interval.count()) + " ms '" + as + "'"});
         }
         works_.push_back(std::make_unique<Work>(as, interval, std::move(work)));
@@ -180,7 +197,10 @@ class Service::Impl : public RvDataCallback {
             CVekTimedWorkMgr works(&engine_, 1, kTick.count(), kWorkThreads, nullptr, FALSE);
             for (const auto& work : works_) works.RTWMAddPoll(work.get());
             works.RTWMDistributePolls();
+            setLoop(rv_EventManager(engine_.m_session->handle()));
             engine_.REDoIt();
+            setLoop(nullptr);
+            endPosting();  // a work may wait for what it has posted
         }
         signals.stop();
         return leave();
@@ -213,18 +233,24 @@ class Service::Impl : public RvDataCallback {
         if (name_.notifySubject().empty()) {
             return tl::unexpected(Error{Errc::InvalidArgument, "it tells no changes", tried});
         }
-        if (engine_.RESendQueueLength() >= options_.mostWaiting) {
+        if (records.empty()) return {};
+        const auto waiting = static_cast<std::size_t>(engine_.RESendQueueLength());
+        if (waiting + records.size() > static_cast<std::size_t>(options_.mostWaiting)) {
             return tl::unexpected(Error{Errc::QueueFull, {}, tried});
         }
-        if (records.empty()) return {};
         CVekTransport transport(&engine_);
-        for (const Record& record : records) transport.RTAddRecord(&record.base());
+        for (const Record& record : records) {
+            if (addTo(transport, record)) continue;
+            return tl::unexpected(
+                Error{Errc::InvalidArgument, "a record cannot be encoded", tried});
+        }
         transport.RTSetDestination(name_.notifySubject().c_str());
         transport.RTCreatePackets(VEK_TRANS_V0, true);
         const std::lock_guard guard(gate_);
         if (stopping_) return tl::unexpected(Error{Errc::Ended, {}, tried});
         if (transport.RTSendAll(false) == kOk) return {};
-        return tl::unexpected(Error{Errc::NoMemory, {}, tried});
+        return tl::unexpected(
+            Error{Errc::InvalidArgument, "a record is too large for a message", tried});
     }
 
     Result<> post(std::function<void()> work) {
@@ -239,6 +265,9 @@ class Service::Impl : public RvDataCallback {
 
     void stop() {
         engine_.RRNPost([this] { engine_.RRNStopLoop(); });
+        // At once also while the loop waits for the daemon to come back.
+        const std::lock_guard guard(gate_);
+        if (loop_ != nullptr) rvevm_Stop(loop_);
     }
 
   private:
@@ -301,6 +330,20 @@ class Service::Impl : public RvDataCallback {
         if (role) role(active);
     }
 
+    void setLoop(rvevm_Manager loop) {
+        const std::lock_guard guard(gate_);
+        loop_ = loop;
+    }
+
+    // What has been posted is done, and no more is taken.
+    void endPosting() {
+        {
+            const std::lock_guard guard(gate_);
+            stopping_ = true;
+        }
+        runPosted();
+    }
+
     // What is posted meanwhile waits for the next turn.
     void runPosted() {
         std::vector<std::function<void()>> due;
@@ -316,7 +359,7 @@ class Service::Impl : public RvDataCallback {
         if (engine_.RESendQueueLength() > 2 * options_.mostWaiting) return;
         Reply::State refusal(engine_, asked.version);
         refusal.refuse(Record{{"error", why}});
-        refusal.send(asked.replySubject);
+        static_cast<void>(refusal.send(asked.replySubject));
     }
 
     void answerLater(Asked asked) {
@@ -358,17 +401,14 @@ class Service::Impl : public RvDataCallback {
         if (!options_.group.empty() && state.isLong()) {
             tellBegun(engine_, begunSubject_, asked.replySubject);
         }
-        state.send(asked.replySubject);
+        if (state.send(asked.replySubject)) return;
+        state.refuse(Record{{"error", "the rows are too large for a message"}});
+        static_cast<void>(state.send(asked.replySubject));
     }
 
     // What is queued goes out, then the group hears that another member is to answer.
     int leave() {
         engine_.RESetRoleCallback({});
-        {
-            const std::lock_guard guard(gate_);
-            stopping_ = true;
-        }
-        runPosted();
         engine_.RESetInActive();
         const bool isAllSent = sendQueued(std::chrono::steady_clock::now() + kForTheQueue);
         engine_.RELeaveGroup();
@@ -414,6 +454,7 @@ class Service::Impl : public RvDataCallback {
 
     std::mutex gate_;                            // held while something is queued
     std::vector<std::function<void()>> posted_;  // guarded by gate_
+    rvevm_Manager loop_ = nullptr;               // guarded by gate_; null while none runs
     std::atomic<bool> stopping_{false};
     std::atomic<int> waiting_{0};
 

@@ -95,8 +95,8 @@ class KVX_API Service {
 
     /// Has `work` called on a thread of its own pool every `interval`, rounded up to 100 ms, while
     /// `run` runs; never while it is still running. Works of one interval are spread over it.
-    /// `InvalidArgument` for an interval below 1 ms and for a name that is empty or taken. Before
-    /// `run`.
+    /// `InvalidArgument` for an interval below 1 ms or above 24 h and for a name that is empty or
+    /// taken. Before `run`.
     Result<> every(std::chrono::milliseconds interval, std::string_view name,
                    std::function<void()> work);
 

@@ -26,7 +26,9 @@ Result<ServiceName> ServiceName::of(std::string_view name) {
     using Mapper = CVekServiceToSubjectMapper;
     ServiceName service;
     service.text_ = name;
-    if (const __serv_types type = Mapper::ServiceStringToEnum(service.text_.c_str());
+    const bool hasZero = name.find('\0') != std::string_view::npos;
+    if (const __serv_types type =
+            hasZero ? SERV_UNKNOWN : Mapper::ServiceStringToEnum(service.text_.c_str());
         type != SERV_UNKNOWN) {
         service.text_ = Mapper::EnumToServiceString(type);
         service.query_ = Mapper::ServiceEnumToQuerySubject(type);

@@ -78,6 +78,8 @@ TEST_F(ClientTest, SaysWhatBecameOfAQuestion) {
     EXPECT_EQ(codeOf(ending->get()), Errc::Lost);
     // A round of attempts to reach a daemon that is gone lasts eight seconds.
     const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(codeOf(client.query(links, "*")), Errc::Lost);
+    EXPECT_EQ(client.publish("A", {}).error().code, Errc::Lost);
     client.end();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
 }

@@ -15,6 +15,7 @@ int main(int argc, char**) {
         reply.row({{"size", question.text.size()}});
         if (question.text == "throw") throw std::runtime_error("no such thing");
         if (question.text == "throw 7") throw 7;
+        if (question.text == "huge") reply.row({{"text", std::string(70U << 20U, 'x')}});
         if (question.text == "refuse") reply.refuse("not here", 3);
         if (question.text != "block") return;
         std::puts("blocked");

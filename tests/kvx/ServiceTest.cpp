@@ -87,6 +87,7 @@ TEST_F(ServiceTest, AnswersWhateverItIsAskedAndEndsWhileAFunctionBlocks) {
     EXPECT_EQ(answer("throw 7"), "query Odd: refused: the service failed");
     EXPECT_EQ(client->query("Odd", "refuse").error().rows,
               (Rows{{{"error", "not here"}, {"position", 3}}}));
+    EXPECT_EQ(answer("huge"), "query Odd: refused: the rows are too large for a message");
     EXPECT_EQ(answer(std::string(1U << 20U, 'x')), "size=1048576");
     EXPECT_EQ(answer(std::string(2U << 20U, 'x')),
               "query Odd: refused: the question is longer than 1 MiB");

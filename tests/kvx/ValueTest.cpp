@@ -110,14 +110,15 @@ TEST(Message, HoldsEveryKindOfValueInOrder) {
 
 TEST(Record, HoldsManyFieldsAndWalksThemAtOnce) {
     Record record;
-    for (int i = 0; i < 65'535; ++i) ASSERT_TRUE(record.set(std::to_string(i), i));
+    for (int i = 0; i < 65'533; ++i) ASSERT_TRUE(record.set(std::to_string(i), i));
     std::int64_t sum = 0;
     for (const Field& field : record) sum += *field.value.as<int>();
-    EXPECT_EQ(sum, 65'535LL * 65'534 / 2);
+    EXPECT_EQ(sum, 65'533LL * 65'532 / 2);
     EXPECT_TRUE(record.set("", "\xff\xfe"));
     EXPECT_EQ(record.get<std::string>(""), "\xff\xfe");
     EXPECT_TRUE(record.set("empty", Value::Bytes()));
     EXPECT_EQ(record["empty"], Value(Value::Bytes()));
+    EXPECT_EQ(record.set("one more", 1).error().code, Errc::InvalidArgument) << "nor is it encoded";
 }
 
 TEST(Message, TakesWhatLiesInItAndNothingElse) {

@@ -153,7 +153,10 @@ int CVekEngine::push(CVekSendQueueItem* item, int (CVekStack::*where)(void*)) {
         static_cast<void>(owned.release());
         if (!m_sendsPromptly || std::exchange(m_isDrainPosted, true)) return result;
     }
-    RRNPost([this] { sendPromptly(); });  // refused without a session, when nothing is sent either
+    if (RRNPost([this] { sendPromptly(); }) != kvx::kOk) {
+        const CVekAutoMutex guard(m_requestMutex);
+        m_isDrainPosted = false;
+    }
     return kvx::kOk;
 }
 
