@@ -62,7 +62,9 @@ class KVX_API Subscription {
 ///
 /// The client's own thread runs the loop. Every call may be made from any thread; those that wait
 /// give `InvalidArgument` inside a function that the client calls, which runs on that thread and
-/// must not block it for long.
+/// must not block it for long. While the daemon is away, questions, requests and messages are
+/// `Lost` at once; to listen, and to end a subscription, waits for an attempt to reach it (8 s, or
+/// 28 s for a host that does not answer at all).
 class KVX_API Client {
   public:
     struct Options {
