@@ -24,8 +24,11 @@ void Query::onData(const char*, RvSender*, const RvDatum& data, RvListener* list
     if (over_ || data.type() != RVMSG_MSG) return;
     RvMsg packet(static_cast<const RvMsg&>(data));
     idle_->resetInterval(timeoutMs_);
-    if (transport_.RTAddMessage(&packet) != 1) return;
-    count(packet);
+    int status = kOk;
+    std::unique_ptr<CVekAtom> atom(CVekTransport::RTDecodeMessage(&packet, status));
+    if (status != kOk || !atom) return;
+    count(*atom);
+    if (transport_.RTAddMessage(atom.get()) == kOk) static_cast<void>(atom.release());
     if (state_ == PacketNumbers::State::Waiting) return;
     finish();
     net_.RRNRemoveListener(listener->subject());
@@ -36,10 +39,11 @@ void Query::onTimeout(RvListener* listener) {
     net_.RRNRemoveListener(listener->subject());
 }
 
-void Query::count(const RvMsg& message) {
-    RvDatum field;
-    if (!(message.get("a", field) == RvStatus(0))) return;
-    const packet::Bytes bytes(static_cast<const unsigned char*>(field.data()), field.size());
+void Query::count(const CVekAtom& atom) {
+    unsigned char* data = nullptr;
+    int length = 0;
+    if (atom.RAUChar(&data, &length) != kOk) return;
+    const packet::Bytes bytes(data, static_cast<std::size_t>(length));
     const auto header = packet::readHeader(bytes);
     if (!header) return;
     state_ = numbers_.take(*header);

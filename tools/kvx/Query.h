@@ -42,7 +42,7 @@ class Query : public RvDataCallback, public RvTimerCallback {
     void onTimer(RvTimer* timer) override;
 
   private:
-    void count(const RvMsg& message);
+    void count(const CVekAtom& atom);
     void finish();
 
     CVekRvNet& net_;
