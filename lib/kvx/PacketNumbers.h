@@ -17,20 +17,25 @@ class PacketNumbers {
   public:
     enum class State { Waiting, Complete, Mixed };
 
-    /// Counts a packet. The first one says how many there are. Mixed stays mixed.
+    /// Counts a packet. Those with a count all have the same one, which says how many there are; a
+    /// count of 0 says that it is not known yet. Mixed stays mixed.
     State take(const packet::Header& header) {
-        if (seen_.empty()) count_ = header.count;
         const bool isNew = seen_.insert(header.sequence).second;
-        isMixed_ = isMixed_ || !isNew || header.count != count_ || header.sequence < 1 ||
-                   header.sequence > count_;
+        if (count_ == 0) count_ = header.count;
+        if (header.sequence > largest_) largest_ = header.sequence;
+        isMixed_ = isMixed_ || !isNew || header.sequence < 1 || header.count < 0 ||
+                   (header.count != 0 && header.count != count_) ||
+                   (count_ != 0 && largest_ > count_);
         if (isMixed_) return State::Mixed;
-        return static_cast<std::int64_t>(seen_.size()) == count_ ? State::Complete : State::Waiting;
+        return count_ != 0 && static_cast<std::int64_t>(seen_.size()) == count_ ? State::Complete
+                                                                                : State::Waiting;
     }
 
     [[nodiscard]] std::size_t packets() const { return seen_.size(); }
 
   private:
-    std::int64_t count_ = 0;
+    std::int64_t count_ = 0;    // 0 until it is known
+    std::int64_t largest_ = 0;  // number so far
     bool isMixed_ = false;
     std::unordered_set<std::int64_t> seen_;
 };
