@@ -17,13 +17,14 @@ class PacketNumbers {
   public:
     enum class State { Waiting, Complete, Mixed };
 
-    /// Counts a packet. Those with a count all have the same one, which says how many there are; a
-    /// count of 0 says that it is not known yet. Mixed stays mixed.
-    State take(const packet::Header& header) {
+    /// Counts a packet. All have the same count, which says how many there are; in a conversation,
+    /// a count of 0 says that it is not known yet. Mixed stays mixed.
+    State take(const packet::Header& header, bool isConversation = false) {
         const bool isNew = seen_.insert(header.sequence).second;
         if (count_ == 0) count_ = header.count;
         if (header.sequence > largest_) largest_ = header.sequence;
         isMixed_ = isMixed_ || !isNew || header.sequence < 1 || header.count < 0 ||
+                   (header.count == 0 && !isConversation) ||
                    (header.count != 0 && header.count != count_) ||
                    (count_ != 0 && largest_ > count_);
         if (isMixed_) return State::Mixed;
