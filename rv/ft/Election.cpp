@@ -13,6 +13,17 @@
 // A driver that runs late (its thread was blocked) has beats that it has not read yet, so silence
 // proves nothing: an inactive member then listens for one more heartbeat, at most once per
 // activation interval, so that a thread that is always late can still activate.
+//
+// A member that stood still may be active without knowing that another has taken over. So acting is
+// a lease. A beat that was heard back had reached the bus, where it kept the peers from activating
+// for the activation interval after it was sent; so long the member is fresh. All members hear one
+// order of beats, that of the daemon. Hence a member that hears its beat back has heard everything
+// that its peers said before, and each of them hears its beat before any later one of its own. With
+// two members: after activating only an active beat renews the lease, and none acts while it knows
+// of another active one; so of two that are active the one whose beat was second waits until the
+// other has deactivated, or learns that it is the one to deactivate. What peers said while the link
+// was lost is never heard: a lease that ended meanwhile is renewed only by a beat sent one
+// activation interval later, when every lease from before has ended.
 
 #include "rv/ft/Election.h"
 
@@ -39,13 +50,15 @@ Election::Election(Rank self, const Rules& rules, Time now)
       joined_(now),
       mayActivate_(now + rules.activateMs),
       unlistedUntil_(now),
-      nextBeat_(now) {
+      nextBeat_(now),
+      announced_(now),
+      confirmsFrom_(now) {
     steps_.reserve(kStepsAtOnce);
     announceIfDue(now);
 }
 
 void Election::hear(const Beat& beat, Time now) {
-    if (beat.rank.id == self_.id) return;
+    if (beat.rank.id == self_.id) return confirm(beat, now);
     excuseLateness(now);
     if (beat.state == MemberState::Leaving) {
         forget(beat.rank.id, now);
@@ -54,6 +67,20 @@ void Election::hear(const Beat& beat, Time now) {
     }
     dropSilentPeers(now);
     decide(now);
+}
+
+void Election::confirm(const Beat& own, Time now) {
+    if ((own.state == MemberState::Active) != isActive()) return;
+    if (own.sent < confirmsFrom_ || own.sent > now) return;
+    if (!confirmed_ || *confirmed_ < own.sent) confirmed_ = own.sent;
+}
+
+bool Election::isConfirmed(Time now) const {
+    return confirmed_ && now < *confirmed_ + rules_.activateMs;
+}
+
+bool Election::isFresh(Time now) const {
+    return isConfirmed(now) && activePeers_ < rules_.activeGoal;
 }
 
 void Election::remember(const Beat& beat, Time now) {
@@ -119,8 +146,13 @@ void Election::loseLink(Time now) {
 // A driver that was blocked during the outage checks its length only now.
 void Election::restoreLink(Time now) {
     if (isCutOff(now) && phase_ == Phase::Active) enter(Phase::Waiting, now);
+    if (!isFresh(now)) {
+        confirmed_.reset();
+        confirmsFrom_ = now + rules_.activateMs;
+    }
     linkLost_.reset();
     peers_.clear();
+    activePeers_ = 0;
     joined_ = now;
     mayActivate_ = now + rules_.activateMs;
     nextBeat_ = now;
@@ -133,6 +165,8 @@ void Election::dropSilentPeers(Time now) {
 }
 
 void Election::decide(Time now) {
+    activePeers_ = static_cast<std::size_t>(
+        std::ranges::count_if(peers_, [](const auto& entry) { return entry.second.isActive; }));
     if (phase_ == Phase::Active) {
         decideActive(now);
     } else if (!linkLost_) {
@@ -170,14 +204,21 @@ void Election::enter(Phase phase, Time now) {
         steps_.push_back(Step::Prepare);
     }
     if (wasActive == (phase == Phase::Active)) return;
-    steps_.push_back(Step::Announce);
-    nextBeat_ = now + rules_.heartbeatMs;
+    if (!wasActive) {
+        confirmed_.reset();
+        confirmsFrom_ = std::max(confirmsFrom_, now);
+    }
+    announce(now);
     steps_.push_back(wasActive ? Step::Deactivate : Step::Activate);
 }
 
 void Election::announceIfDue(Time now) {
-    if (nextBeat_ > now) return;
+    if (nextBeat_ <= now) announce(now);
+}
+
+void Election::announce(Time now) {
     nextBeat_ = now + rules_.heartbeatMs;
+    announced_ = now;
     steps_.push_back(Step::Announce);
 }
 
@@ -225,7 +266,8 @@ Time Election::nextDeadline() const {
 
 Beat Election::beat() const {
     return Beat{.rank = self_,
-                .state = phase_ == Phase::Active ? MemberState::Active : MemberState::Waiting};
+                .state = phase_ == Phase::Active ? MemberState::Active : MemberState::Waiting,
+                .sent = announced_};
 }
 
 }  // namespace kvx::ft

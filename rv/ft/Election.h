@@ -34,6 +34,7 @@ struct Rank {
 struct Beat {
     Rank rank;
     MemberState state = MemberState::Waiting;
+    Time sent = 0;  ///< on the sender's clock, for the sender alone
 };
 
 struct Rules {
@@ -56,7 +57,7 @@ class Election {
     /// Joins at `now`, without an action: the first step is an announcement.
     Election(Rank self, const Rules& rules, Time now);
 
-    /// Takes a beat of this group. The member's own beats are ignored.
+    /// Takes a beat of this group. The member's own, heard back, keep it fresh.
     void hear(const Beat& beat, Time now);
 
     /// Acts on elapsed time. No effect when called too early.
@@ -82,6 +83,11 @@ class Election {
 
     bool isActive() const { return phase_ == Phase::Active; }
 
+    /// Whether an active member may still act as one: as long as the members hear one order of
+    /// beats, no more than `activeGoal` are active and fresh at a time. False after a stop or a
+    /// block of the activation interval until the member has heard what its peers said meanwhile.
+    bool isFresh(Time now) const;
+
   private:
     enum class Phase : std::uint8_t { Waiting, Prepared, Active };
 
@@ -95,12 +101,15 @@ class Election {
     void decideActive(Time now);
     void decideInactive(Time now);
     void enter(Phase phase, Time now);
+    void confirm(const Beat& own, Time now);
+    bool isConfirmed(Time now) const;
     void remember(const Beat& beat, Time now);
     bool makeRoomFor(const Peer& newcomer);
     void forget(const std::string& id, Time now);
     void dropSilentPeers(Time now);
     void excuseLateness(Time now);
     void announceIfDue(Time now);
+    void announce(Time now);
     bool isCutOff(Time now) const;
     Time activationTime() const;
     std::size_t betterActivePeers() const;
@@ -119,8 +128,12 @@ class Election {
     std::optional<Time> lastExcuse_;
     Time prepared_ = 0;
     Time nextBeat_;
-    std::vector<Step> steps_;  // reserved for those of several events
-    std::size_t taken_ = 0;    // of them
+    Time announced_;                 // when the current announcement was decided
+    std::optional<Time> confirmed_;  // when the newest beat that was heard back was sent
+    Time confirmsFrom_;              // beats sent earlier confirm nothing
+    std::size_t activePeers_ = 0;    // of any rank
+    std::vector<Step> steps_;        // reserved for those of several events
+    std::size_t taken_ = 0;          // of them
 };
 
 }  // namespace kvx::ft

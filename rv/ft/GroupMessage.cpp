@@ -1,6 +1,6 @@
 // A beat is encoded into one buffer, sized by its two texts. Decoding accepts any field order and
-// ignores unknown fields; a missing field, a wrong type or size, a text without its terminator, an
-// unknown state and another group's name make it no beat.
+// ignores unknown fields; a missing field but "sent", a wrong type or size, a text without its
+// terminator, an unknown state and another group's name make it no beat.
 
 #include "rv/ft/GroupMessage.h"
 
@@ -70,6 +70,7 @@ std::vector<unsigned char> encodeBeat(const Beat& beat, const std::string& group
     std::vector<unsigned char> message(kFixedBytes + beat.rank.id.size() + group.size());
     const auto capacity = static_cast<rvmsg_Size>(message.size());
     const auto state = static_cast<std::uint32_t>(beat.state);
+    const auto sent = static_cast<std::uint64_t>(beat.sent);
     void* to = message.data();
     const bool complete =
         rvmsg_Init(to, capacity) == 0 &&
@@ -79,7 +80,8 @@ std::vector<unsigned char> encodeBeat(const Beat& beat, const std::string& group
         rvmsg_Append(to, capacity, "start", RVMSG_UINT, sizeof beat.rank.start, &beat.rank.start) ==
             0 &&
         rvmsg_Append(to, capacity, "state", RVMSG_UINT, sizeof state, &state) == 0 &&
-        rvmsg_Append(to, capacity, "group", RVMSG_STRING, 0, group.c_str()) == 0;
+        rvmsg_Append(to, capacity, "group", RVMSG_STRING, 0, group.c_str()) == 0 &&
+        rvmsg_Append(to, capacity, "sent", RVMSG_UINT, sizeof sent, &sent) == 0;
     if (!complete) message.clear();
     return message;
 }
@@ -91,10 +93,12 @@ std::optional<Beat> decodeBeat(const void* message, const std::string& group) {
     const auto weight = reader.number<std::uint32_t>("weight");
     const auto start = reader.number<std::uint64_t>("start");
     const auto state = reader.number<std::uint32_t>("state");
+    const auto sent = reader.number<std::uint64_t>("sent");
     if (!id || id->empty() || id->size() > kMaximumId) return std::nullopt;
     if (!weight || !start || !state || !isState(*state)) return std::nullopt;
     return Beat{.rank = {.weight = *weight, .start = *start, .id = std::move(*id)},
-                .state = static_cast<MemberState>(*state)};
+                .state = static_cast<MemberState>(*state),
+                .sent = static_cast<Time>(sent.value_or(0))};
 }
 
 }  // namespace kvx::ft

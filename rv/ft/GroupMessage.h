@@ -11,7 +11,7 @@
 ///
 /// Fields: "id" (string), "weight" (unsigned, 4 bytes), "start" (unsigned, 8 bytes: milliseconds
 /// since the epoch, UTC), "state" (unsigned, 4 bytes: 1 waiting, 2 active, 3 leaving), "group"
-/// (string).
+/// (string), and "sent" (unsigned, 8 bytes: `Beat::sent`), which may be missing.
 
 namespace kvx::ft {
 

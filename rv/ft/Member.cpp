@@ -13,7 +13,6 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Clock.h"
 #include "rv/error/rvCodes.h"
 #include "rv/ft/GroupMessage.h"
 #include "rv/message/rvmsg.h"

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/Clock.h"
 #include "rv/ft/Election.h"
 #include "rv/ft/rvft.h"
 
@@ -47,6 +48,8 @@ class Member {
     bool isOf(rv_Session session, const std::string& group) const {
         return membership_.session == session && membership_.group == group;
     }
+
+    bool isFresh() const { return election_.isFresh(platform::monotonicMs()); }
 
     void onBeat(const void* message);
     void onTimer();

@@ -127,6 +127,11 @@ int rvft_Leave(rvft_MemberId id) {
     return kvx::ft::kOk;
 }
 
+int rvft_IsFresh(rvft_MemberId id) {
+    const auto member = kvx::ft::findMember(id);
+    return member != nullptr && member->isFresh() ? 1 : 0;
+}
+
 const char* rvft_ErrorText(rv_Session /*session*/, int code) {
     switch (code) {
         case kvx::ft::kOk:

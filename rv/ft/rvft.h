@@ -39,5 +39,16 @@ KVX_API int rvft_Join(rv_Session session, rvft_MemberId* id, const char* group, 
 /// member.
 KVX_API int rvft_Leave(rvft_MemberId id);
 
-/// The text of a code of the two operations above; empty for another one. `session` may be null.
+/// 1 while no other member can have taken this one's place: the condition for acting as an active
+/// one, to be asked before each act. On one daemon at most `activeGoal` members are active and
+/// fresh at a time.
+///
+/// 0 once the process, its loop or its link stood still for the activation interval, until the
+/// member has heard what its group said meanwhile (after a lost link another activation interval);
+/// from the activation until its announcement has come back; while `activeGoal` others are active;
+/// and for an id that is not a current member. Costs a look-up.
+KVX_API int rvft_IsFresh(rvft_MemberId id);
+
+/// The text of a code of `rvft_Join` and `rvft_Leave`; empty for another one. `session` may be
+/// null.
 KVX_API const char* rvft_ErrorText(rv_Session session, int code);

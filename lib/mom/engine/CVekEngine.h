@@ -131,6 +131,12 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// Whether this engine is the primary of its group. Any thread.
     __boolean REIsActive();
 
+    /// Whether a primary may still act as one, as `rvft_IsFresh`: `FALSE` after a stop of the
+    /// process or a block of its loop that was long enough for another to take over, until the
+    /// engine has heard its group. Ask before each act: the first callback after a stop may be a
+    /// question. `TRUE` without a group. Main thread.
+    __boolean REIsFresh();
+
     /// Makes the engine and its heartbeat primary or backup. Any thread.
     void RESetActive();
     void RESetInActive();

@@ -192,6 +192,10 @@ __boolean CVekEngine::REIsActive() {
     return m_active;
 }
 
+__boolean CVekEngine::REIsFresh() {
+    return m_ftMemberId == nullptr || rvft_IsFresh(m_ftMemberId) != 0 ? TRUE : FALSE;
+}
+
 int CVekEngine::REGetTierNo() {
     return m_tierNo;
 }

@@ -162,6 +162,36 @@ TEST(Election, AnnouncesItselfEachBeatAndWithEachAction) {
     EXPECT_EQ(member.announced, "0 1500 3000 4500 4800 6300 7000 ");
 }
 
+TEST(Election, IsFreshWhileItsBeatsComeBackAndNobodyElseLeads) {
+    Driven member;
+    // Its announcement comes back.
+    const auto echo = [&] { member.election.hear(member.election.beat(), member.now); };
+    const auto isFresh = [&] { return member.election.isFresh(member.now); };
+    echo();
+    member.play("until 4799");
+    const Beat waiting = member.election.beat();
+    member.play("until 4800");
+    member.election.hear({waiting.rank, waiting.state, 4800}, 4800);
+    EXPECT_FALSE(isFresh()) << "only as one that waits";
+    echo();
+    member.play("until 5000");
+    EXPECT_TRUE(isFresh());
+    member.play("worse leads");
+    EXPECT_FALSE(isFresh());
+    member.play("worse waits at 9599");
+    EXPECT_TRUE(isFresh());
+    member.play("at 9600");
+    EXPECT_FALSE(isFresh()) << "nothing has run since";
+    member.play("due");
+    EXPECT_FALSE(isFresh());
+    echo();
+    EXPECT_TRUE(isFresh());
+    member.play("at 11000 lost at 14400 back");
+    EXPECT_TRUE(member.election.isActive());
+    echo();
+    EXPECT_FALSE(isFresh()) << "another may lead and was not heard";
+}
+
 // Forged members fill the table, after or before the leader is known, and then leave.
 TEST(Election, AFloodOfStrangersDoesNotHideTheLeader) {
     const auto flood = [](Driven& member, std::uint32_t weight, MemberState state) {

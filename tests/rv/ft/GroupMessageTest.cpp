@@ -14,7 +14,7 @@ using kvx::ft::MemberState;
 
 namespace {
 
-const Beat kBeat{{50, 1'700'000'000'123U, "0A000001.1F2E.7"}, MemberState::Active};
+const Beat kBeat{{50, 1'700'000'000'123U, "0A000001.1F2E.7"}, MemberState::Active, 123'456};
 
 // A message in which one field is not what it should be.
 std::vector<unsigned char> beatWith(const std::string& field, rvmsg_Type type, rvmsg_Size size,
@@ -47,6 +47,7 @@ TEST(GroupMessage, CarriesABeat) {
     EXPECT_EQ(back->rank.weight, 50U);
     EXPECT_EQ(back->rank.start, kBeat.rank.start);
     EXPECT_EQ(back->state, MemberState::Active);
+    EXPECT_EQ(back->sent, kBeat.sent);
 }
 
 TEST(GroupMessage, IgnoresWhateverIsNoBeatOfTheGroup) {

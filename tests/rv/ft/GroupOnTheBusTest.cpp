@@ -82,6 +82,7 @@ TEST_F(GroupOnTheBus, ElectsTheBestAndHandsOverWhenItsSessionCloses) {
     runUntil([&] { return backup.isActive; });
     EXPECT_EQ(primary.actions, Actions{RVFT_ACTIVATE}) << "a leave is no action";
     EXPECT_EQ(rvft_Leave(primary.id), 5);
+    EXPECT_EQ(rvft_IsFresh(primary.id), 0);
 }
 
 TEST_F(GroupOnTheBus, MayLeaveAndCloseInsideItsOwnAction) {
@@ -135,8 +136,10 @@ TEST_F(GroupOnTheBus, EndsWithTheBetterOneWhenTheMembersMeetAgain) {
     daemon.pause();
     runUntil([&] { return backup.isActive; });
     EXPECT_TRUE(primary.isActive);
+    EXPECT_EQ(rvft_IsFresh(primary.id) + rvft_IsFresh(backup.id), 0) << "neither may act";
     ::kill(daemon.pid(), SIGCONT);
     runUntil(isSettled);
+    runUntil([&] { return rvft_IsFresh(primary.id) == 1; });
     const rv_Hook stayAway = [](rv_Session, const void*, void* restarted) {
         const auto end = platform::monotonicMs() + static_cast<long>(kActivate);
         while (platform::monotonicMs() <= end) std::this_thread::yield();
