@@ -79,7 +79,7 @@ Result<> ClientLoop::connect() {
     const auto latency = static_cast<unsigned long>(options.timeout.count());
     net = std::make_unique<CVekClient>(latency, options.domain.c_str(), options.daemon);
     if (net->m_sessionUp != 1 || !net->m_session) {
-        return tl::unexpected(noDaemon(net->RRNAddress()));
+        return tl::unexpected(noDaemon(*net));
     }
     const rv_Session session = net->m_session->handle();
     const auto lost = [](rv_Session, const void*, void* loop) {

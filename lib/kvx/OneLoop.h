@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "kvx/Error.h"
-#include "mom/config/DaemonAddress.h"
+#include "mom/net/CVekRvNet.h"
 
 namespace kvx::detail {
 
@@ -36,8 +36,14 @@ inline const char* whyNobody(std::string_view daemon) {
            "$VEK_HOME/bin and on the PATH, unless KVX_START_DAEMON=0";
 }
 
-inline Error noDaemon(const DaemonAddress& address) {
-    return {Errc::NoDaemon, whyNobody(address.daemon), connecting(address)};
+/// Nobody was reached at the address of `net`. An error in the configuration file, which may be why
+/// it is not the address that was meant, is told as well.
+inline Error noDaemon(CVekRvNet& net) {
+    const DaemonAddress address = net.RRNAddress();
+    std::string why = whyNobody(address.daemon);
+    const std::string misread = net.m_cfgParser.RRCPGetError();
+    if (!misread.empty()) why += "; " + misread;
+    return {Errc::NoDaemon, why, connecting(address)};
 }
 
 }  // namespace kvx::detail

@@ -138,11 +138,10 @@ class Service::Impl : public RvDataCallback {
     Impl& operator=(const Impl&) = delete;
 
     Result<> connect() {
-        const DaemonAddress address = engine_.RRNAddress();
-        if (engine_.m_sessionUp != 1) return tl::unexpected(detail::noDaemon(address));
+        if (engine_.m_sessionUp != 1) return tl::unexpected(detail::noDaemon(engine_));
         if (engine_.RRNAllowPosts() != kOk || engine_.RESendPromptly() != kOk) {
-            return tl::unexpected(
-                Error{Errc::NoMemory, "the loop cannot be woken", detail::connecting(address)});
+            return tl::unexpected(Error{Errc::NoMemory, "the loop cannot be woken",
+                                        detail::connecting(engine_.RRNAddress())});
         }
         engine_.RESetMaxSendRate(options_.sendRate);
         return {};

@@ -5,6 +5,7 @@
 
 #include "mom/config/CVekRvdCfgParser.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -12,6 +13,7 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "foundation/foundation.h"
 #include "mom/base/VekCodes.h"
@@ -72,18 +74,19 @@ int parse(const char* text, kvx::config::Findings& findings) {
 
 kvx::config::Finding kvx::config::block(const char* host, CVekVBList* items) {
     const bool isForAll = host == nullptr || same(host, "localhost");
-    return [isForAll, host = std::string(isForAll ? "" : host),
-            owned = std::shared_ptr<CVekVBList>(items)](CVekRvdCfgParser& parser) {
+    auto apply = [isForAll, host = std::string(isForAll ? "" : host),
+                  owned = std::shared_ptr<CVekVBList>(items)](CVekRvdCfgParser& parser) {
         if (!isForAll && !same(CVekEnv().RELocalHost(), host.c_str())) return;
         for (const CVekVarBind* item = owned->RVBLHead(); item != nullptr;
              item = owned->RVBLGetNext(item)) {
             applyItem(parser, *item);
         }
     };
+    return {.act = std::move(apply)};
 }
 
 kvx::config::Finding kvx::config::parserError(const char* message, int line) {
-    return [message, line](CVekRvdCfgParser&) {
+    auto report = [message, line](CVekRvdCfgParser&) {
         std::ostringstream text;
         text << "Calvorine.rvd.cfg Parser error: " << message << " line : " << line << "\n";
         try {
@@ -92,6 +95,7 @@ kvx::config::Finding kvx::config::parserError(const char* message, int line) {
             // A failed output does not fail the parse.
         }
     };
+    return {.act = report, .error = message, .line = line};
 }
 
 CVekRvdCfgParser::CVekRvdCfgParser() = default;
@@ -124,7 +128,10 @@ int CVekRvdCfgParser::RRCPParseRvdCfg() {
     if (m_parseBuffer == nullptr) return kvx::kInvalidArgument;
     kvx::config::Findings findings;
     const int result = parse(m_parseBuffer, findings);
-    for (const auto& act : findings) act(*this);
+    const auto first = std::ranges::find_if(
+        findings, [](const auto& finding) { return finding.error != nullptr; });
+    m_error = first == findings.end() ? "" : std::to_string(first->line) + ": " + first->error;
+    for (const auto& finding : findings) finding.act(*this);
     return result == 0 ? kvx::kOk : kvx::kParserGaveUp;
 }
 
@@ -136,7 +143,13 @@ int CVekRvdCfgParser::RRCPParseFromFilename(char* fileName) {
     if (content == nullptr) return kvx::kFileUnusable;
     std::free(m_parseBuffer);
     m_parseBuffer = content;
-    return RRCPParseRvdCfg();
+    const int result = RRCPParseRvdCfg();
+    if (!m_error.empty()) m_error.insert(0, std::string(fileName) + ":");
+    return result;
+}
+
+const char* CVekRvdCfgParser::RRCPGetError() const {
+    return m_error.c_str();
 }
 
 int CVekRvdCfgParser::RRCPSetService(const CVekAtom* value) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "foundation/CVekAtom.h"
 #include "platform/Export.h"
 
@@ -57,6 +59,10 @@ class KVX_API CVekRvdCfgParser {
     /// a null name and -220549 for a file that cannot be read, with the parser unchanged.
     int RRCPParseFromFilename(char* fileName);
 
+    /// The first syntax error of the last parse, "LINE: TEXT", or "FILE:LINE: TEXT" of a file;
+    /// empty when there was none. Valid until the next parse.
+    const char* RRCPGetError() const;
+
     /// Each stores a new copy of `value` in place of the previous one and returns 1; a null `value`
     /// changes nothing and returns -220552.
     int RRCPSetService(const CVekAtom* value);
@@ -76,6 +82,7 @@ class KVX_API CVekRvdCfgParser {
     CVekAtom* m_network = nullptr;
     CVekAtom* m_daemon = nullptr;
     CVekAtom* m_rvaPort = nullptr;
+    std::string m_error;
 };
 
 /// The path of the daemon configuration file: the home directory of the environment followed

@@ -12,7 +12,11 @@ namespace kvx::config {
 
 /// The results of a parse, in text order: blocks to apply and errors to report. Both run code of
 /// the program (output streams, error handlers), and so are applied after the parse.
-using Finding = std::function<void(CVekRvdCfgParser& parser)>;
+struct Finding {
+    std::function<void(CVekRvdCfgParser& parser)> act;
+    const char* error = nullptr;  ///< null for a block
+    int line = 0;                 ///< of the error
+};
 using Findings = std::vector<Finding>;
 
 /// Applies `items`, of which it takes ownership, when `host` is this host; null is every host.

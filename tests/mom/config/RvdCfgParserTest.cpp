@@ -123,6 +123,20 @@ TEST(RvdCfgParser, ReportsAnErrorWithItsLineAndDropsOnlyItsBlock) {
     EXPECT_EQ(signs.errors, errorAtLine(2));
 }
 
+TEST(RvdCfgParser, KeepsTheFirstErrorOfItsLastParseWithTheFile) {
+    const TemporaryDirectory directory;
+    std::string path = directory.file("rvd.cfg");
+    std::ofstream(path) << serviceBlock("1") << "oops\n" << serviceBlock("2") << "oops\n";
+    CVekRvdCfgParser parser;
+    EXPECT_STREQ(parser.RRCPGetError(), "");
+    outputOf([&] { parser.RRCPParseFromFilename(path.data()); });
+    EXPECT_EQ(parser.RRCPGetError(), path + ":2: parse error");
+    std::ofstream(path) << serviceBlock("1");
+    parser.RRCPParseFromFilename(path.data());
+    EXPECT_STREQ(parser.RRCPGetError(), "");
+    EXPECT_EQ(textOf(parser.RRCPGetService()), "1");
+}
+
 TEST(RvdCfgParser, EndsQuietlyAtAByteAbove127AndLeavesTheRestToTheNextParse) {
     const Parsed first = parse(serviceBlock("1") + "\xC3rendezvous session = { 'network' = 'n' };");
     EXPECT_EQ(first.service, "1");
