@@ -10,7 +10,7 @@ inline int runUntilSignal(CVekEngine& engine) {
         std::fflush(stdout);
     });
     // A signal ends the loop instead of the process, so that the engine is destroyed and leaves its
-    // group at once.
+    // group at once. What is still queued then is dropped.
     CMOMSignalHandler signals;
     signals.manage(&engine, [&engine] { engine.RRNStopLoop(); });
     engine.REDoIt();

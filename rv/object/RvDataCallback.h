@@ -18,6 +18,8 @@ class KVX_API RvDataCallback : public RvCallback {
     virtual void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
                         RvListener* listener) = 0;
 
-    /// The listener's time-out has passed before any message came. The default does nothing.
+    /// The listener's time-out has passed before any message came. Never called once one has come:
+    /// who waits for the rest of several packets arms a timer of its own at each. The default does
+    /// nothing.
     virtual void onTimeout(RvListener* listener);
 };

@@ -35,7 +35,8 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// Takes ownership of both texts, which must come from `malloc`.
     CVekEngine(int tierNo, char* groupBase, char* domain, __serv_types serviceType);
 
-    /// Deletes the queued items without sending them. Main thread.
+    /// Leaves the group, and deletes the queued items without sending them: who wants them sent
+    /// ends the main loop only when `RESendQueueLength` is 0. Main thread.
     ~CVekEngine() override;
 
     /// Arms the queue timer and runs the main loop; returns when the loop ends, at once inside it.
@@ -48,7 +49,8 @@ class KVX_API CVekEngine : public CVekRvNet {
     // --- Sending -------------------------------------------------------------------------------
 
     /// Publishes a datum. Off the main thread it reports -220425 and queues a copy, whose subject
-    /// is qualified once more than requested. Returns 1, -220552 without a subject, -220544 without
+    /// is qualified once more than requested, so that receivers of `subject` miss it: other threads
+    /// call `REAddToSendQueue`. Returns 1, -220552 without a subject, -220544 without
     /// a session, -220545 when the bus refused. User code run by the send may end the session or
     /// destroy the engine; the result is that of the send.
     int RESend(const char* subject, const RvDatum& datum, __boolean domainQualify);
@@ -62,11 +64,12 @@ class KVX_API CVekEngine : public CVekRvNet {
     RvListener* RESend(const char* subject, const RvDatum& datum, const RvDataCallback* callback,
                        unsigned long timeout, __boolean domainQualify);
 
-    /// Queues a send at the back. Takes ownership of `datum`; `callback`, when not null, makes it a
-    /// request and must live until the reply. The short form waits for the latency. Any thread;
-    /// never waits for a send. When a request is sent, its reply listener is entered in the net's
-    /// registry; as with `CVekRvNet::RRNSend`, the callback removes it with
+    /// Queues a send at the back. Takes ownership of `datum`, also on failure; `callback`, when not
+    /// null, makes it a request and must live until the reply. The short form waits for the
+    /// latency. Any thread; never waits for a send. When a request is sent, its reply listener is
+    /// entered in the net's registry; as with `CVekRvNet::RRNSend`, the callback removes it with
     /// `engine.RRNRemoveListener(listener->subject())` after the last reply or the time-out.
+    /// Returns 1, -220552 for a null subject, -220553 without memory.
     int REAddToSendQueue(const char* subject, RvDatum* datum, const RvDataCallback* callback,
                          __boolean domainQualify);
     int REAddToSendQueue(const char* subject, RvDatum* datum, const RvDataCallback* callback,
@@ -82,7 +85,8 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// The number of queued items.
     int RESendQueueLength();
 
-    /// Maximum of queued sends per second, 150 until it is set; read by `REDoIt` when it starts.
+    /// Maximum of queued sends per second, 150 until it is set, before `REDoIt`, which reads it
+    /// when it starts: one item is one packet, so an answer of a million rows sends 10,000 of them.
     /// The queue itself has no bound: who queues faster than this looks at `RESendQueueLength`.
     void RESetMaxSendRate(unsigned long rate);
     unsigned long REGetMaxSendRate();
@@ -128,7 +132,10 @@ class KVX_API CVekEngine : public CVekRvNet {
     __boolean REIsConsumer();
     void RESetConsumer(__boolean consumer);
 
-    /// Whether this engine is the primary of its group. Any thread.
+    /// Whether this engine is the primary of its group. For up to 4.8 s after the start of a group
+    /// or the kill of its primary no member is: what then happens, a change or a question, each
+    /// member has to keep until it is the primary or hears that another has dealt with it. Any
+    /// thread.
     __boolean REIsActive();
 
     /// Whether a primary may still act as one, as `rvft_IsFresh`: `FALSE` after a stop of the

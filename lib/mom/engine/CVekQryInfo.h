@@ -41,9 +41,10 @@ class KVX_API CVekQryInfo {
     /// Sends `oql` to `subject` as a request whose replies go to `callback`: through the queue of
     /// `engine` (any thread; closure of the callback is the engine), or without one directly
     /// through `net` (main thread; the subject is always qualified). The replies are transport
-    /// packets. In both cases the net's registry keeps the reply listener: after the whole answer
-    /// or a time-out the callback calls `RRNRemoveListener(listener->subject())` of engine or net.
-    /// Returns the queue's result, 1 for a net, -220402 without text, subject or network.
+    /// packets; `onTimeout` is called only when none comes, not when the rest is missing. In both
+    /// cases the net's registry keeps the reply listener: after the whole answer or a time-out the
+    /// callback calls `RRNRemoveListener(listener->subject())` of engine or net. Returns the
+    /// queue's result, 1 for a net, -220402 without text, subject or network.
     static int RQISendOQL(const char* oql, const char* subject, RvDataCallback* callback,
                           CVekEngine* engine, CVekRvNet* net, __boolean domainQualify);
 
