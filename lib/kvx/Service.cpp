@@ -1,7 +1,8 @@
-// The way of a question: the main thread takes it off the bus. The active member hands it to the
-// pool, whose thread answers into the engine's send queue; a standby holds it until it is too old
-// or the member becomes active. Bus objects never leave the main thread: what travels to the pool
-// is the question's text and the name of the subject that the answer goes to.
+// The way of a question: the main thread takes it off the bus (onData). The active member hands it
+// to the pool (QuestionPool), whose thread makes the packets of the answer (Reply); the main thread
+// sends them in turn with those of other answers (Answers). A standby holds the question until it
+// is too old or the member becomes active. Bus objects never leave the main thread: what travels to
+// the pool is the question's text and the name of the subject that the answer goes to.
 
 #include "kvx/Service.h"
 
@@ -14,22 +15,16 @@
 #include <utility>
 #include <vector>
 
+#include "kvx/Answers.h"
 #include "kvx/HeldQuestions.h"
 #include "kvx/OneLoop.h"
+#include "kvx/QuestionPool.h"
+#include "kvx/ReplyState.h"
 #include "mom/mom.h"
 #include "platform/Memory.h"
+#include "rv/session/rvSessionHooks.h"
 
 namespace kvx {
-
-namespace detail {
-
-struct Asked {
-    std::string text;
-    std::string replySubject;
-    EVekTransHdr version = VEK_TRANS_V0;
-};
-
-}  // namespace detail
 
 using detail::Asked;
 
@@ -37,13 +32,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kMostQuestions = 1000;  // that may wait for a thread
 constexpr std::chrono::milliseconds kRoomPoll{20};
 constexpr std::chrono::milliseconds kTick{100};  // of periodic work
 constexpr unsigned kWorkThreads = 2;
 constexpr std::chrono::seconds kForTheQueue{5};
 constexpr std::size_t kMostText = std::size_t{1} << 20U;  // bytes of a question
 constexpr const char* kTooLong = "the question is longer than 1 MiB";
+constexpr const char* kNoQuery = "this is no query";
 constexpr const char* kTooMany = "too many questions are waiting";
 
 // A name that the system does not know joins its group all the same: the kind itself is not told.
@@ -53,78 +48,9 @@ __serv_types kindOf(const ServiceName& name, const Service::Options& options) {
     return known != SERV_UNKNOWN ? known : SERV_HELPER;
 }
 
-// False when the record has no encoding.
-bool addTo(CVekTransport& transport, const Record& record) {
-    unsigned char* bytes = nullptr;
-    int length = 0;
-    if (record.base().ROMEncode(&bytes, &length) != kOk) return false;
-    auto atom = std::make_unique<CVekAtom>(bytes, length);  // takes the bytes over
-    CVekAtom* taken = atom.release();
-    if (transport.RTTakeROMP(&taken) == kOk) return true;
-    delete taken;
-    return false;
-}
-
 }  // namespace
 
-// --- One answer --------------------------------------------------------------------------------
-
-class Reply::State {
-  public:
-    State(CVekEngine& engine, EVekTransHdr version) : engine_(engine), version_(version) {}
-
-    // An answer that lacks a row must not look whole.
-    void add(const Record& record) {
-        if (!addTo(*transport_, record)) {
-            return refuse(Record{{"error", "a row of the answer cannot be encoded"}});
-        }
-        transport_->RTPreparePayloads(version_);
-        ++rows_;
-    }
-
-    void refuse(const Record& reason) {
-        transport_.emplace(&engine_);
-        add(reason);
-        status_ = STORE_PERMISSION_DENIED;
-    }
-
-    [[nodiscard]] bool isRefused() const { return status_ == STORE_PERMISSION_DENIED; }
-    [[nodiscard]] bool isLong() const { return isLongAnswer(version_, rows_); }
-
-    // False, with nothing sent, when a packet is too large for a message.
-    [[nodiscard]] bool send(const std::string& replySubject) {
-        transport_->RTSetError(rows_ == 0 ? STORE_ZERO_MATCHES : status_);
-        transport_->RTSetDestinationOnSubject(replySubject.c_str());
-        if (rows_ == 0) {
-            transport_->RTNilResults();
-        } else {
-            transport_->RTCreatePackets(version_, true);
-        }
-        return transport_->RTSendAll(false) == kOk;
-    }
-
-  private:
-    CVekEngine& engine_;
-    const EVekTransHdr version_;
-    std::optional<CVekTransport> transport_{&engine_};
-    std::uint64_t rows_ = 0;
-    EVekStoreErrorStatus status_ = STORE_COMPLETE;
-};
-
-void Reply::row(const Record& record) {
-    if (!state_.isRefused()) state_.add(record);
-}
-
-void Reply::refuse(std::string_view why, int position) {
-    if (state_.isRefused()) return;
-    Record reason{{"error", why}};
-    if (position > 0) static_cast<void>(reason.set("position", position));
-    state_.refuse(reason);
-}
-
-// --- The service -------------------------------------------------------------------------------
-
-class Service::Impl : public RvDataCallback {
+class Service::Impl : public RvDataCallback, public RvTimerCallback {
   public:
     Impl(ServiceName name, Options options, std::shared_ptr<const void> claim)
         : claim_(std::move(claim)),
@@ -133,7 +59,12 @@ class Service::Impl : public RvDataCallback {
           engine_(options_.tier, options_.group.c_str(), options_.domain.c_str(),
                   kindOf(name_, options_), options_.daemon) {}
 
-    ~Impl() override { endPool(); }
+    ~Impl() override {
+        endPool();
+        if (!engine_.m_session) return;
+        rv_RemoveHook(engine_.m_session->handle(), RV_HOOK_DISCONNECT, onLoss, this);
+        rv_RemoveHook(engine_.m_session->handle(), RV_HOOK_RECONNECT, onReturn, this);
+    }
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
@@ -144,6 +75,14 @@ class Service::Impl : public RvDataCallback {
                                         detail::connecting(engine_.RRNAddress())});
         }
         engine_.RESetMaxSendRate(options_.sendRate);
+        const rv_Session session = engine_.m_session->handle();
+        if (rv_AddHook(session, RV_HOOK_DISCONNECT, onLoss, this) != 0 ||
+            rv_AddHook(session, RV_HOOK_RECONNECT, onReturn, this) != 0 || !answers_.start()) {
+            return tl::unexpected(
+                Error{Errc::NoMemory, "the bus refuses", detail::connecting(engine_.RRNAddress())});
+        }
+        answers_.isCrowded = [this] { return pool_ && pool_->waiting() > 0; };
+        isConnected_ = rv_IsConnected(session);
         return {};
     }
 
@@ -182,8 +121,9 @@ class Service::Impl : public RvDataCallback {
     int run() {
         if (std::exchange(hasRun_, true) || (answer && !startAnswering())) return 1;
         engine_.RRNSetPostInitFns([this] {
-            engine_.RESetRoleCallback([this](bool active) { roleChanged(active); });
-            roleChanged(engine_.REIsActive() == TRUE);
+            if (!role) return;
+            engine_.RESetRoleCallback(role);
+            role(engine_.REIsActive() == TRUE);
         });
         CVekEnv environment;
         if (options_.beats) {
@@ -191,14 +131,17 @@ class Service::Impl : public RvDataCallback {
         }
         if (options_.group.empty()) engine_.RESetActive();
         CMOMSignalHandler signals;
-        signals.manage(&engine_, [this] { engine_.RRNStopLoop(); });
+        signals.manage(&engine_, [this] { beginEnding(); });
         {
             CVekTimedWorkMgr works(&engine_, 1, kTick.count(), kWorkThreads, nullptr, FALSE);
             for (const auto& work : works_) works.RTWMAddPoll(work.get());
             works.RTWMDistributePolls();
+            int status = kOk;
+            endTimer_.reset(engine_.RRNNewTimer(&status, kTick.count(), rv_TRUE, this, nullptr));
             setLoop(rv_EventManager(engine_.m_session->handle()));
             engine_.REDoIt();
             setLoop(nullptr);
+            endTimer_.reset();
             endPosting();  // a work may wait for what it has posted
         }
         signals.stop();
@@ -207,22 +150,19 @@ class Service::Impl : public RvDataCallback {
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
                 RvListener* listener) override {
-        if (replyTo == nullptr) return;
+        if (replyTo == nullptr || isEnding_) return;
         CVekQryInfo info(subject, nullptr, data, listener);
+        Asked asked{.text = {},
+                    .replySubject = replyTo->subject(),
+                    .version = info.RQIVersion() == VEK_TRANS_V1 ? VEK_TRANS_V1 : VEK_TRANS_V0,
+                    .window = conversation::readWindow(data)};
         const Text text(info.RQIQuery());
-        if (!text) return;
+        if (!text) return isActing() ? refuse(asked, kNoQuery) : void();
         const std::size_t length = strnlen(text.get(), kMostText + 1);
-        Asked asked{{text.get(), length},
-                    replyTo->subject(),
-                    info.RQIVersion() == VEK_TRANS_V1 ? VEK_TRANS_V1 : VEK_TRANS_V0};
-        const bool isActive = engine_.REIsActive() == TRUE;
-        if (length > kMostText) {
-            if (isActive) refuse(asked, kTooLong);
-        } else if (isActive) {
-            answerLater(std::move(asked));
-        } else {
-            held_.hold(std::move(asked), std::chrono::steady_clock::now());
-        }
+        if (length > kMostText) return isActing() ? refuse(asked, kTooLong) : void();
+        asked.text.assign(text.get(), length);
+        if (isActing()) return answerLater(std::move(asked));
+        held_.hold(std::move(asked), std::chrono::steady_clock::now());
     }
 
     // --- Any thread ---
@@ -239,7 +179,7 @@ class Service::Impl : public RvDataCallback {
         }
         CVekTransport transport(&engine_);
         for (const Record& record : records) {
-            if (addTo(transport, record)) continue;
+            if (detail::addTo(transport, record)) continue;
             return tl::unexpected(
                 Error{Errc::InvalidArgument, "a record cannot be encoded", tried});
         }
@@ -263,11 +203,27 @@ class Service::Impl : public RvDataCallback {
     [[nodiscard]] bool isActive() { return engine_.REIsActive() == TRUE; }
 
     void stop() {
-        engine_.RRNPost([this] { engine_.RRNStopLoop(); });
-        // At once also while the loop waits for the daemon to come back.
+        engine_.RRNPost([this] { beginEnding(); });
+        // At once while the loop waits for the daemon to come back.
         const std::lock_guard guard(gate_);
-        if (loop_ != nullptr) rvevm_Stop(loop_);
+        if (loop_ != nullptr && !isConnected_) rvevm_Stop(loop_);
     }
+
+    [[nodiscard]] Statistics statistics() const {
+        return {.answered = answered_,
+                .held = takenFromHeld_,
+                .refused = refused_,
+                .dropped = pool_ ? pool_->dropped() : 0,
+                .abandoned = answers_.abandoned(),
+                .waiting = pool_ ? pool_->waiting() : 0};
+    }
+
+    std::string querySubject() {
+        const Text subject(engine_.RRNDomainSubj(name_.querySubject().c_str()));
+        return subject ? subject.get() : "";
+    }
+
+    CVekEngine& engine() { return engine_; }
 
   private:
     class MessageListener : public RvDataCallback {
@@ -307,26 +263,55 @@ class Service::Impl : public RvDataCallback {
         HeldQuestions<Asked>& held_;
     };
 
+    static int onLoss(rv_Session, const void*, void* self) {
+        static_cast<Impl*>(self)->isConnected_ = false;
+        static_cast<Impl*>(self)->answers_.endAll();
+        return 0;
+    }
+
+    static int onReturn(rv_Session, const void*, void* self) {
+        static_cast<Impl*>(self)->isConnected_ = true;
+        return 0;
+    }
+
     bool startAnswering() {
-        const Text subject(engine_.RRNDomainSubj(name_.querySubject().c_str()));
-        if (!subject) return false;
-        begunSubject_ = begunSubject(subject.get());
+        begunSubject_ = begunSubject(querySubject());
         if (options_.threads > 0) {
-            pool_ = std::make_unique<CVekServPool>(options_.threads, this);
-            pool_->RSPLaunchThreads(answerOne);
+            pool_.emplace(options_.threads, options_.oldestQuestion,
+                          [this](const Asked& asked, detail::Turns::Turn& turn) {
+                              waitForRoom();
+                              answerQuestion(asked, &turn);
+                          });
         }
         return (options_.group.empty() ||
                 engine_.RRNAddExService(begunSubject_.c_str(), &begunListener_) == kOk) &&
                engine_.RRNAddService(name_.querySubject().c_str(), this) == kOk;
     }
 
-    void roleChanged(bool active) {
-        if (active) {
-            for (Asked& asked : held_.take(std::chrono::steady_clock::now())) {
-                answerLater(std::move(asked));
-            }
+    // Whether it may answer: active, and not lately stopped for so long that another may be.
+    bool isActing() { return engine_.REIsActive() == TRUE && engine_.REIsFresh() == TRUE; }
+
+    void takeHeld() {
+        auto held = held_.take(std::chrono::steady_clock::now());
+        takenFromHeld_ += held.size();
+        for (Asked& asked : held) answerLater(std::move(asked));
+    }
+
+    // What was held is answered once this member may act, which is a little after it is active.
+    void onTimer(RvTimer*) override {
+        if (held_.size() > 0 && !isEnding_ && isActing()) takeHeld();
+        if (isEnding_ && (!answers_.isLeaving() || std::chrono::steady_clock::now() > endAt_)) {
+            engine_.RRNStopLoop();
         }
-        if (role) role(active);
+    }
+
+    // The loop ends when the answers that have begun to leave are gone; at once when asked again,
+    // or without a daemon.
+    void beginEnding() {
+        const bool isFirst = !isEnding_.exchange(true);
+        endAt_ = std::chrono::steady_clock::now() + kForTheQueue;
+        answers_.endUnbegun();
+        if (!isFirst || !isConnected_ || !answers_.isLeaving()) engine_.RRNStopLoop();
     }
 
     void setLoop(rvevm_Manager loop) {
@@ -355,37 +340,44 @@ class Service::Impl : public RvDataCallback {
 
     // Without a word when even that would have to wait too long.
     void refuse(const Asked& asked, const char* why) {
-        if (engine_.RESendQueueLength() > 2 * options_.mostWaiting) return;
-        Reply::State refusal(engine_, asked.version);
-        refusal.refuse(Record{{"error", why}});
-        static_cast<void>(refusal.send(asked.replySubject));
+        ++refused_;
+        if (packetsWaiting() > 2 * options_.mostWaiting) return;
+        Reply::State refusal(answers_.begin(asked.replySubject, asked.window), asked.version,
+                             nullptr, {});
+        Reply(refusal).refuse(why);
+        refusal.finish();
     }
 
     void answerLater(Asked asked) {
-        const bool isFull = pool_ ? waiting_ >= kMostQuestions : !hasRoom();
-        if (isFull) return refuse(asked, kTooMany);
-        if (!pool_) return answerQuestion(asked);
-        auto item = std::make_unique<Asked>(std::move(asked));
-        if (pool_->RSPAddWorkDetail(item.get()) != kOk) return;
-        static_cast<void>(item.release());
-        ++waiting_;
+        if (pool_) {
+            // Refused only when it could not be taken: `add` then leaves it as it is.
+            if (!pool_->add(asked)) refuse(asked, kTooMany);
+        } else if (packetsWaiting() > options_.mostWaiting) {
+            refuse(asked, kTooMany);
+        } else {
+            answerQuestion(asked, nullptr);
+        }
     }
 
-    static void answerOne(void* item, void* context) {
-        const std::unique_ptr<Asked> asked(static_cast<Asked*>(item));
-        auto& service = *static_cast<Impl*>(context);
-        while (!service.stopping_ && !service.hasRoom()) {
+    int packetsWaiting() {
+        return engine_.RESendQueueLength() + static_cast<int>(answers_.packets());
+    }
+
+    void waitForRoom() {
+        while (!stopping_ && packetsWaiting() > options_.mostWaiting) {
             VekSleep(static_cast<unsigned>(kRoomPoll.count()));
         }
-        service.answerQuestion(*asked);
-        --service.waiting_;
     }
 
-    // Whether what an answer adds may be queued now.
-    bool hasRoom() { return engine_.RESendQueueLength() <= options_.mostWaiting; }
-
-    void answerQuestion(const Asked& asked) {
-        Reply::State state(engine_, asked.version);
+    void answerQuestion(const Asked& asked, detail::Turns::Turn* turn) {
+        if (isEnding_ || stopping_) return;
+        ++answered_;
+        std::function<void()> tellOthers;
+        if (!options_.group.empty()) {
+            tellOthers = [&] { tellBegun(engine_, begunSubject_, asked.replySubject); };
+        }
+        Reply::State state(answers_.begin(asked.replySubject, asked.window), asked.version, turn,
+                           std::move(tellOthers));
         Reply reply(state);
         try {
             answer({asked.text, asked.replySubject}, reply);
@@ -394,21 +386,14 @@ class Service::Impl : public RvDataCallback {
         } catch (...) {
             reply.refuse("the service failed");
         }
-        // Once the member leaves, the next one answers.
-        const std::lock_guard guard(gate_);
-        if (stopping_) return;
-        if (!options_.group.empty() && state.isLong()) {
-            tellBegun(engine_, begunSubject_, asked.replySubject);
-        }
-        if (state.send(asked.replySubject)) return;
-        state.refuse(Record{{"error", "the rows are too large for a message"}});
-        static_cast<void>(state.send(asked.replySubject));
+        state.finish();
     }
 
     // What is queued goes out, then the group hears that another member is to answer.
     int leave() {
         engine_.RESetRoleCallback({});
         engine_.RESetInActive();
+        answers_.endUnbegun();
         const bool isAllSent = sendQueued(std::chrono::steady_clock::now() + kForTheQueue);
         engine_.RELeaveGroup();
         endPool();
@@ -432,9 +417,7 @@ class Service::Impl : public RvDataCallback {
 
     void endPool() {
         stopping_ = true;
-        if (!pool_) return;
-        pool_->RSPStopThreads();
-        while (void* item = pool_->RSPTakeWorkDetail()) delete static_cast<Asked*>(item);
+        answers_.endAll();
         pool_.reset();
     }
 
@@ -450,15 +433,22 @@ class Service::Impl : public RvDataCallback {
     std::vector<std::unique_ptr<Work>> works_;
 
     bool hasRun_ = false;
+    std::chrono::steady_clock::time_point endAt_;
+    std::unique_ptr<RvTimer> endTimer_;  // while the loop runs
 
     std::mutex gate_;                            // held while something is queued
     std::vector<std::function<void()>> posted_;  // guarded by gate_
     rvevm_Manager loop_ = nullptr;               // guarded by gate_; null while none runs
-    std::atomic<bool> stopping_{false};
-    std::atomic<int> waiting_{0};
+    std::atomic<bool> isEnding_{false};          // no further question is answered
+    std::atomic<bool> stopping_{false};          // the loop has ended
+    std::atomic<bool> isConnected_{false};
+    std::atomic<std::uint64_t> answered_{0};
+    std::atomic<std::uint64_t> takenFromHeld_{0};
+    std::atomic<std::uint64_t> refused_{0};
 
     CVekEngine engine_;
-    std::unique_ptr<CVekServPool> pool_;  // its threads end before anything they use
+    detail::Answers answers_{engine_, options_.patience};
+    std::optional<detail::QuestionPool> pool_;  // its threads end before anything they use
 };
 
 Service::Service(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
@@ -506,6 +496,18 @@ Result<> Service::notify(std::span<const Record> records) {
 
 Result<> Service::post(std::function<void()> work) {
     return impl_->post(std::move(work));
+}
+
+Service::Statistics Service::statistics() const {
+    return impl_->statistics();
+}
+
+std::string Service::querySubject() const {
+    return impl_->querySubject();
+}
+
+CVekEngine& Service::engine() {
+    return impl_->engine();
 }
 
 bool Service::isActive() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <span>
@@ -10,38 +11,14 @@
 #include "kvx/Error.h"
 #include "kvx/Message.h"
 #include "kvx/Record.h"
+#include "kvx/Reply.h"
 #include "kvx/ServiceName.h"
 #include "mom/config/DaemonAddress.h"
 #include "platform/Export.h"
 
+class CVekEngine;
+
 namespace kvx {
-
-/// A question as a service hears it.
-struct Question {
-    std::string text;          ///< the query
-    std::string replySubject;  ///< the inbox of the querier
-};
-
-/// The answer to one question, which goes out when the function returns that was given it. One
-/// thread at a time.
-class KVX_API Reply {
-  public:
-    Reply(const Reply&) = delete;
-    Reply& operator=(const Reply&) = delete;
-
-    /// Adds a row. Encoded at once: at most a hundred rows wait uncompressed.
-    void row(const Record& record);
-    /// Makes it a refusal, which says why; rows so far are dropped. `position`, when above 0, is
-    /// the place in the query's text, from 1.
-    void refuse(std::string_view why, int position = 0);
-
-  private:
-    friend class Service;
-    class State;
-    explicit Reply(State& state) : state_(state) {}
-
-    State& state_;
-};
 
 /// A service of the bus: it answers questions, tells of changes, and is one of several members of
 /// which one is active. One at a time in a process, and none beside a `Client`.
@@ -60,9 +37,15 @@ class KVX_API Service {
         int tier = 1;
         /// Announced every 10 s, for `kvx services`.
         bool beats = true;
-        /// That answer questions. 0: the main thread does, for functions that return at once; it
-        /// saves two changes of thread a question.
+        /// That work on answers at once; up to 64 answers are open, and of those the one that has
+        /// been served least goes on. 0: the main thread answers, for functions that return at
+        /// once; it saves two changes of thread a question.
         int threads = 2;
+        /// A question that is older when its turn comes is dropped, and counted.
+        std::chrono::milliseconds oldestQuestion{8000};
+        /// An answer of which the querier takes nothing for so long is ended; sooner, after half a
+        /// second, when questions wait for its place.
+        std::chrono::milliseconds patience{8000};
         /// Messages a second at most.
         unsigned long sendRate = 100'000;
         /// Messages that may wait to be sent; above it `notify` refuses and questions wait.
@@ -81,9 +64,9 @@ class KVX_API Service {
     ~Service();
 
     /// Has every question answered by `answer`, on a thread of the pool, while this member is
-    /// active. Questions that come while no member is are held for six seconds; those longer than
-    /// 1 MiB, or when 1,000 wait, are refused. What `answer` throws refuses the question with its
-    /// text; no other function may throw. Before `run`.
+    /// active and its own beats are fresh. Questions that come while no member is are held for six
+    /// seconds; those longer than 1 MiB, or when 1,000 wait, are refused. What `answer` throws
+    /// refuses the question with its text; no other function may throw. Before `run`.
     void onQuery(std::function<void(const Question&, Reply&)> answer);
 
     /// Has `changed` called at the start of `run` and whenever this member has become active (true)
@@ -111,11 +94,30 @@ class KVX_API Service {
 
     [[nodiscard]] bool isActive() const;
 
-    /// Works until SIGINT, SIGTERM or `stop`; then sends what is queued, for five seconds at most,
-    /// leaves the group, waits for the functions that are answering (their answers are dropped: the
-    /// next member gives them) and returns 0, or 1 when something could not be sent. Once: a second
-    /// call returns 1.
+    /// Where its questions come, domain included.
+    [[nodiscard]] std::string querySubject() const;
+
+    /// Works until SIGINT, SIGTERM or `stop`; then gives the answers that have begun to leave and
+    /// sends what is queued, for five seconds at most (a second signal cuts that short), leaves the
+    /// group, waits for the functions that are answering (their answers are dropped: the next
+    /// member gives them) and returns 0, or 1 when something could not be sent. Once: a second call
+    /// returns 1.
     int run();
+
+    /// What has become of the questions since the start.
+    struct Statistics {
+        std::uint64_t answered = 0;   ///< given to the function of `onQuery`
+        std::uint64_t held = 0;       ///< of them, heard before this member was active
+        std::uint64_t refused = 0;    ///< too long, or too many were waiting
+        std::uint64_t dropped = 0;    ///< too old when their turn came
+        std::uint64_t abandoned = 0;  ///< answers ended because nobody took them
+        std::size_t waiting = 0;      ///< now, for a thread
+    };
+    /// Any thread.
+    [[nodiscard]] Statistics statistics() const;
+
+    /// The engine that it stands on, for what this class does not cover. It must not be ended.
+    [[nodiscard]] CVekEngine& engine();
 
     /// Ends `run`, also one that has not begun. Any thread.
     void stop();

@@ -23,7 +23,7 @@ class Message;
 class KVX_API Value {
   public:
     using Bytes = std::span<const std::byte>;
-    enum class Kind { Null, Boolean, Integer, Real, Text, Bytes, Message };
+    enum class Kind { Null, Boolean, Integer, Real, String, Bytes, Message };
 
     constexpr Value() = default;
     template <std::same_as<bool> Boolean>
@@ -37,7 +37,7 @@ class KVX_API Value {
     /// A null pointer gives an empty text.
     constexpr Value(const char* text) : Value(text ? std::string_view(text) : std::string_view()) {}
     constexpr Value(std::string_view text)
-        : kind_(Kind::Text), data_(text.data()), size_(text.size()) {}
+        : kind_(Kind::String), data_(text.data()), size_(text.size()) {}
     Value(const std::string& text) : Value(std::string_view(text)) {}
     constexpr Value(Bytes bytes) : kind_(Kind::Bytes), data_(bytes.data()), size_(bytes.size()) {}
     Value(const Message& message);
@@ -116,7 +116,7 @@ std::optional<T> Value::as() const {
         if (isFinite && (*number > kMost || *number < -kMost)) return std::nullopt;
         return static_cast<T>(*number);
     } else if constexpr (std::same_as<T, std::string_view> || std::same_as<T, std::string>) {
-        if (kind_ != Kind::Text) return std::nullopt;
+        if (kind_ != Kind::String) return std::nullopt;
         return T(text());
     } else if constexpr (std::same_as<T, Bytes>) {
         if (kind_ != Kind::Bytes) return std::nullopt;

@@ -16,7 +16,6 @@
 #include "examples/modeld/service/DaemonLink.h"
 #include "examples/modeld/service/Log.h"
 #include "examples/modeld/service/ModelService.h"
-#include "examples/modeld/service/StopWatch.h"
 #include "platform/File.h"
 #include "platform/Memory.h"
 #include "platform/Signals.h"
@@ -26,7 +25,6 @@ namespace modeld {
 namespace {
 
 constexpr int kFailure = 1;
-constexpr std::chrono::seconds kForTheQueue{4};
 
 // A progress line on a terminal, redrawn in place and erased at the end; nothing in a pipe.
 class ProgressLine {
@@ -125,28 +123,24 @@ bool load(const Options& options) {
     return true;
 }
 
-// Sends the queue, leaves the group so that another member answers, and only then lets the rest of
-// the process end. Heartbeats go on meanwhile.
-void leave(ModelService& service, CVekEngine& engine) {
-    service.stopAnswering();
-    engine.RESetInActive();
-    const auto end = std::chrono::steady_clock::now() + kForTheQueue;
-    while (const auto item = std::unique_ptr<CVekSendQueueItem>(engine.RENextSendItem())) {
-        item->RSQIDeQueueIt();
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            end - std::chrono::steady_clock::now());
-        rv_Flush(engine.m_session->handle(),
-                 static_cast<unsigned long>(std::max<long long>(left.count(), 0)));
-    }
-    engine.RELeaveGroup();
-}
-
 // Ignores, during loading and connecting, the signals that later do not end the process.
 void ignoreHarmlessSignals() {
     kvx::platform::ignoreSignal(kvx::platform::signal_number::hangup());
     kvx::platform::ignoreSignal(kvx::platform::signal_number::user2());
     // The reader of the log may end before the service.
     kvx::platform::ignoreSignal(kvx::platform::signal_number::brokenPipe());
+}
+
+kvx::Result<kvx::Service> openService(const Options& options) {
+    auto service =
+        kvx::Service::open(CVekServiceToSubjectMapper::EnumToServiceString(options.service),
+                           {.domain = options.domain,
+                            .group = options.standalone ? std::string() : options.group,
+                            .tier = options.tier,
+                            .threads = options.threads,
+                            .sendRate = options.sendRate});
+    if (!service) Log::error("{}", service.error().message());
+    return service;
 }
 
 }  // namespace
@@ -158,47 +152,27 @@ int run(const Options& options) {
     const FileWatch watch(options.files);
     if (!load(options)) return kFailure;
     const ReportsInLog reports;
-    // Outlives everything that may be slow to end.
-    std::optional<StopWatch> watchTheStop;
-    // An engine of an unknown service joins no group.
-    CVekEngine engine(options.tier, options.group.c_str(), options.domain.c_str(),
-                      options.standalone ? SERV_UNKNOWN : options.service);
-    if (engine.m_sessionUp != 1) {
-        Log::error("no daemon answers at {}", engine.RRNAddress().daemon);
-        return kFailure;
-    }
-    ModelService service(engine, {options.database, options.service, options.threads,
-                                  fmt::format("tier {} of group {}", options.tier, options.group),
-                                  options.standalone});
+    auto service = openService(options);
+    if (!service) return kFailure;
+    CVekEngine& engine = service->engine();
+    ModelService model(*service, options.database,
+                       fmt::format("tier {} of group {}", options.tier, options.group));
     DaemonLink link(engine);
     std::string reason;
-    if (!service.start(reason) || !link.start()) {
+    if (!model.start(reason) || !link.start()) {
         Log::error("{}", reason);
         return kFailure;
     }
-    const Polls polls(engine, service, watch,
+    const Polls polls(engine, model, watch,
                       {options.database, sourceOf(options), notifySubject(engine, options.service),
                        options.watchSource, options.statistics, options.checkpoint});
-    engine.RRNSetPostInitFns([&service] { service.followRole(); });
-    engine.RESetMaxSendRate(options.sendRate);
-    CVekEnv environment;
-    const char* name = CVekServiceToSubjectMapper::EnumToServiceString(options.service);
-    engine.REStartHeartBeat(name, options.domain.c_str(), &environment);
-    if (options.standalone) engine.RESetActive();
-    // A stop ends the main loop, not the process, so that the engine leaves the group at once.
-    CMOMSignalHandler signals;
-    signals.manage(&engine, [&engine] { engine.RRNStopLoop(); });
-    watchTheStop.emplace();
-    engine.REDoIt();
-    signals.stop();
-    watchTheStop->leaving();
-    leave(service, engine);
+    const int status = service->run();
     if (DaemonLink::unsent() == 0) {
         Log::info("ended by a signal");
     } else {
         Log::info("ended by a signal; {} messages could not be sent", DaemonLink::unsent());
     }
-    return 0;
+    return DaemonLink::isUp() ? status : 0;  // without a daemon nothing can be done
 }
 
 }  // namespace modeld

@@ -1,8 +1,7 @@
 #include "examples/modeld/service/RowRecord.h"
 
 #include <memory>
-#include <string>
-#include <string_view>
+#include <utility>
 
 namespace modeld {
 
@@ -27,52 +26,20 @@ void addColumns(CVekBaseRecord& record, const Row& row) {
     }
 }
 
-void RowBlock::add(const Row& row) {
-    if (columns_.empty()) {
-        for (int i = 0; i < row.size(); ++i) columns_.emplace_back(row.name(i));
-    }
+const kvx::Record& RowRecord::of(const Row& row) {
+    std::vector<bool> fills(static_cast<std::size_t>(row.size()));
     for (int i = 0; i < row.size(); ++i) {
-        Value value{row.kind(i), 0};
-        if (value.kind == ValueKind::Integer) {
-            value.number = row.integer(i);
-        } else if (value.kind != ValueKind::Null) {
-            const std::string_view text = row.text(i);
-            value.number = static_cast<std::int64_t>(text.size());
-            texts_ += text;
-        }
-        values_.push_back(value);
+        fills[static_cast<std::size_t>(i)] = row.kind(i) != ValueKind::Null;
     }
-}
-
-// Rows with values in the same columns share one record, whose values are replaced, so that names
-// and fields are built once. A row with other columns begins a new record, since a field cannot be
-// removed.
-void RowBlock::encode(CVekTransport& transport) const {
-    const std::string_view texts = texts_;
-    std::size_t text = 0;
-    CVekBaseRecord record;
-    std::vector<bool> filled(columns_.size());
-    for (std::size_t first = 0; first < values_.size(); first += columns_.size()) {
-        for (std::size_t i = 0; i < columns_.size(); ++i) {
-            const bool fills = values_[first + i].kind != ValueKind::Null;
-            if (fills != filled[i]) record = CVekBaseRecord();
-            filled[i] = fills;
-        }
-        for (std::size_t i = 0; i < columns_.size(); ++i) {
-            const Value& value = values_[first + i];
-            if (value.kind == ValueKind::Null) continue;
-            if (value.kind == ValueKind::Integer) {
-                addField(record, columns_[i].c_str(),
-                         std::make_unique<CVekAtom>(static_cast<long long>(value.number)));
-                continue;
-            }
-            const auto length = static_cast<std::size_t>(value.number);
-            addField(record, columns_[i].c_str(),
-                     std::make_unique<CVekAtom>(texts.substr(text, length)));
-            text += length;
-        }
-        transport.RTAddRecord(&record);
+    // A field cannot be removed: a row with other columns begins a new record.
+    if (fields_ == nullptr || fills != filled_) {
+        filled_ = std::move(fills);
+        auto fields = std::make_unique<CVekBaseRecord>();
+        fields_ = fields.get();
+        record_ = kvx::Record(std::move(fields));
     }
+    addColumns(*fields_, row);
+    return record_;
 }
 
 }  // namespace modeld

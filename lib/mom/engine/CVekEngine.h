@@ -79,8 +79,18 @@ class KVX_API CVekEngine : public CVekRvNet {
     int REAddToSendQueueFront(const char* subject, RvDatum* datum, const RvDataCallback* callback,
                               __boolean domainQualify);
 
-    /// Removes and returns the next item, which the caller owns; null when the queue is empty.
+    /// Removes and returns the next item, which the caller owns. When the queue is empty, on the
+    /// main thread the next one of the send source, if there is one; else null.
     CVekSendQueueItem* RENextSendItem();
+
+    /// Sets what gives further items when the queue is empty, or null when it has none now; empty
+    /// for none. Called on the main thread without a lock; it must not throw. For senders that keep
+    /// their own order, or their own bounds. Main thread.
+    void RESetSendSource(std::function<std::unique_ptr<CVekSendQueueItem>()> next);
+
+    /// Says that the source has something again: with prompt sending it is asked at once, else at
+    /// the next tick. Any thread.
+    void REWakeSendSource();
 
     /// The number of queued items.
     int RESendQueueLength();
@@ -221,6 +231,7 @@ class KVX_API CVekEngine : public CVekRvNet {
     void beginTickByClock();
     unsigned long itemsPerTick();
     int push(CVekSendQueueItem* item, int (CVekStack::*where)(void*));
+    void postDrain();
 
     // Heartbeats replaced by a second REStartHeartBeat, deleted with the engine.
     std::vector<std::unique_ptr<CVekHeartbeatClb>> m_retiredHeartbeats;
@@ -229,6 +240,7 @@ class KVX_API CVekEngine : public CVekRvNet {
 
     // Main thread only.
     std::function<void(bool active)> m_roleChanged;
+    std::function<std::unique_ptr<CVekSendQueueItem>()> m_sendSource;
     bool m_toldActive = false;
     unsigned long m_sentInTick = 0;  // items of the queue, promptly or by the tick itself
 

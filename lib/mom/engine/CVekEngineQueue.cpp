@@ -153,16 +153,36 @@ int CVekEngine::push(CVekSendQueueItem* item, int (CVekStack::*where)(void*)) {
         static_cast<void>(owned.release());
         if (!m_sendsPromptly || std::exchange(m_isDrainPosted, true)) return result;
     }
-    if (RRNPost([this] { sendPromptly(); }) != kvx::kOk) {
-        const CVekAutoMutex guard(m_requestMutex);
-        m_isDrainPosted = false;
-    }
+    postDrain();
     return kvx::kOk;
 }
 
-CVekSendQueueItem* CVekEngine::RENextSendItem() {
+void CVekEngine::postDrain() {
+    if (RRNPost([this] { sendPromptly(); }) == kvx::kOk) return;
     const CVekAutoMutex guard(m_requestMutex);
-    return static_cast<CVekSendQueueItem*>(m_sendQueue->RSPop());
+    m_isDrainPosted = false;
+}
+
+CVekSendQueueItem* CVekEngine::RENextSendItem() {
+    {
+        const CVekAutoMutex guard(m_requestMutex);
+        auto* const item = static_cast<CVekSendQueueItem*>(m_sendQueue->RSPop());
+        if (item != nullptr) return item;
+    }
+    if (RRNReturnCheckThreadId() != kvx::kOk || !m_sendSource) return nullptr;
+    return m_sendSource().release();
+}
+
+void CVekEngine::RESetSendSource(std::function<std::unique_ptr<CVekSendQueueItem>()> next) {
+    m_sendSource = std::move(next);
+}
+
+void CVekEngine::REWakeSendSource() {
+    {
+        const CVekAutoMutex guard(m_requestMutex);
+        if (!m_sendsPromptly || std::exchange(m_isDrainPosted, true)) return;
+    }
+    postDrain();
 }
 
 int CVekEngine::RESendQueueLength() {

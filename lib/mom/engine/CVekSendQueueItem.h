@@ -25,7 +25,7 @@ class KVX_API CVekSendQueueItem {
     /// Sends the item through its engine without qualifying the subject; a reply listener is
     /// entered in the engine's registry. Returns 1, or the code of the failure, which is reported.
     /// Main thread.
-    int RSQIDeQueueIt();
+    virtual int RSQIDeQueueIt();
 
     char* m_subject;                   // owned, malloc
     RvDatum* m_datum;                  // owned

@@ -12,9 +12,9 @@
 #include "foundation/foundation.h"
 #include "mom/base/VekTrace.h"
 #include "mom/transport/EngineOperations.h"
+#include "mom/transport/TransportPacket.h"
 #include "mom/transport/TransportPayload.h"
 #include "rv/message/RvMsg.h"
-#include "rv/message/WireFormat.h"
 #include "rv/object/RvSender.h"
 
 // Records pass through three stages. The record vector holds encoded records; the payload list
@@ -57,10 +57,6 @@ struct Destination {
     std::string subject;
     RvDataCallback* dataCallback;
 };
-
-// Bytes of a message around its packet: subjects, field names and headers.
-constexpr std::size_t kMessageRoom = 2048;
-constexpr std::size_t kLargestPacket = kvx::kMaxMessageBytes - kMessageRoom;
 
 void sendPacket(const CVekAtom& packet, const Destination& to, bool front) {
     unsigned char* bytes = nullptr;
@@ -140,7 +136,7 @@ int CVekTransport::RTSendAll(bool front) {
     const bool hasDestination = m_engine != nullptr ? m_subject != nullptr : m_sender != nullptr;
     if (!hasDestination) return kvx::kInvalidArgument;
     for (unsigned i = 0; i < m_packets->RAVSize(); ++i) {
-        if (m_packets->RAVGetValue(i)->RALength() <= kLargestPacket) continue;
+        if (m_packets->RAVGetValue(i)->RALength() <= kvx::packet::kLargestPacket) continue;
         reportTransport(kvx::kInvalidArgument, "CVekTransport::RTSendAll");
         return kvx::kInvalidArgument;
     }

@@ -6,6 +6,7 @@
 #include <span>
 
 #include "platform/Export.h"
+#include "rv/message/WireFormat.h"
 
 /// The format of a transport packet: bytes in, values out.
 ///
@@ -45,8 +46,11 @@ struct Header {
     std::uint16_t status = 0;
 };
 
+/// The largest packet that a message holds, in bytes: 2 KiB remain for subjects, names and headers.
+inline constexpr std::size_t kLargestPacket = kMaxMessageBytes - 2048;
+
 /// Writes `header` to the `kHeaderSize` bytes at `out` and returns the position behind them.
-unsigned char* writeHeader(unsigned char* out, const Header& header);
+KVX_API unsigned char* writeHeader(unsigned char* out, const Header& header);
 
 /// The header of a packet; nothing when the packet is shorter than one.
 KVX_API std::optional<Header> readHeader(Bytes packet);

@@ -96,7 +96,9 @@ TEST_F(ModeldTest, ShowsTheProgressOfALoadOnATerminalOnly) {
         "modeld", {"--load", bus_.path("many.csv"), "--db", bus_.path("b.db"), "-q", "-q"});
     EXPECT_EQ(quiet.status, 1);
     EXPECT_EQ(count(quiet.errors, "modeld: "), count(quiet.errors, "modeld: error: "));
-    EXPECT_EQ(count(quiet.errors, "modeld: error: no daemon answers at nonsense\n"), 1);
+    EXPECT_EQ(
+        count(quiet.errors, "modeld: error: connecting to the bus daemon at nonsense: no daemon: "),
+        1);
     EXPECT_EQ(quiet.errors.find('\r'), std::string::npos);
 }
 

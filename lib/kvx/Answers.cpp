@@ -1,0 +1,215 @@
+#include "kvx/Answers.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+namespace kvx::detail {
+
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr std::uint32_t kAll = std::numeric_limits<std::uint32_t>::max();
+
+}  // namespace
+
+// --- One answer --------------------------------------------------------------------------------
+
+/// One packet in the hands of the engine. What cannot be sent makes the answer worthless.
+class OpenAnswer::Item : public CVekSendQueueItem {
+  public:
+    Item(std::shared_ptr<OpenAnswer> answer, std::unique_ptr<RvMsg> packet)
+        : CVekSendQueueItem(answer->replySubject_.c_str(), packet.release(), nullptr,
+                            &answer->owner_.engine_, 0),
+          answer_(std::move(answer)) {}
+
+    // The sender lives only here, on the main thread: the answer may die on another.
+
+    int RSQIDeQueueIt() override {
+        Answers& owner = answer_->owner_;
+        const std::unique_ptr<RvSender> sender(
+            owner.engine_.m_session->newSender(m_subject, owner.inbox_->subject()));
+        if (sender && sender->send(*m_datum) == RvStatus(0)) return kOk;
+        const std::lock_guard lock(owner.mutex_);
+        owner.end(*answer_);
+        return kNotSent;
+    }
+
+  private:
+    const std::shared_ptr<OpenAnswer> answer_;
+};
+
+OpenAnswer::OpenAnswer(Answers& owner, std::string replySubject,
+                       std::optional<std::uint32_t> window)
+    : owner_(owner),
+      replySubject_(std::move(replySubject)),
+      isStreamed_(window.has_value()),
+      allowed_(window.value_or(kAll)),
+      moved_(Clock::now()) {}
+
+bool OpenAnswer::isWanted() const {
+    const std::lock_guard lock(owner_.mutex_);
+    return !isEnded_;
+}
+
+void OpenAnswer::add(std::unique_ptr<RvMsg> packet, bool isLast) {
+    bool isNew = false;
+    {
+        const std::lock_guard lock(owner_.mutex_);
+        if (isEnded_) return;
+        packets_.push_back(std::move(packet));
+        ++owner_.packets_;
+        isFinished_ = isLast;
+        isNew = owner_.makeReady(*this);
+    }
+    if (isNew) owner_.engine_.REWakeSendSource();
+}
+
+bool OpenAnswer::isFull() const {
+    const std::lock_guard lock(owner_.mutex_);
+    return isStreamed_ && packets_.size() >= Answers::kMostAhead;
+}
+
+void OpenAnswer::waitForRoom() {
+    std::unique_lock lock(owner_.mutex_);
+    changed_.wait(lock, [this] { return isEnded_ || packets_.size() < Answers::kMostAhead; });
+}
+
+// --- All answers -------------------------------------------------------------------------------
+
+Answers::~Answers() {
+    engine_.RESetSendSource({});
+}
+
+bool Answers::start() {
+    inbox_.reset(engine_.m_session->newInbox(this, nullptr));
+    int status = kOk;
+    look_.reset(engine_.RRNNewTimer(&status, static_cast<unsigned long>(kLook.count()), rv_TRUE,
+                                    this, nullptr));
+    if (!inbox_ || !look_) return false;
+    engine_.RESetSendSource([this] { return next(); });
+    return true;
+}
+
+std::shared_ptr<OpenAnswer> Answers::begin(std::string replySubject,
+                                           std::optional<std::uint32_t> window) {
+    auto answer = std::make_shared<OpenAnswer>(*this, std::move(replySubject), window);
+    const std::lock_guard lock(mutex_);
+    open_.push_back(answer);
+    return answer;
+}
+
+// A new one goes in front: it has waited longest for its first packet.
+bool Answers::makeReady(OpenAnswer& answer) {
+    if (answer.isReady_ || !answer.maySend()) return false;
+    answer.isReady_ = true;
+    auto shared = answer.shared_from_this();
+    answer.sent_ == 0 ? ready_.push_front(std::move(shared)) : ready_.push_back(std::move(shared));
+    return true;
+}
+
+std::unique_ptr<CVekSendQueueItem> Answers::next() {
+    if (engine_.REIsFresh() != TRUE) {
+        endAll();
+        return nullptr;
+    }
+    const std::lock_guard lock(mutex_);
+    while (!ready_.empty()) {
+        const std::shared_ptr<OpenAnswer> answer = std::move(ready_.front());
+        ready_.pop_front();
+        answer->isReady_ = false;
+        if (!answer->maySend()) continue;
+        auto packet = std::move(answer->packets_.front());
+        answer->packets_.pop_front();
+        --packets_;
+        ++answer->sent_;
+        answer->moved_ = Clock::now();
+        makeReady(*answer);
+        if (answer->isFinished_ && answer->packets_.empty()) forget(*answer);
+        answer->changed_.notify_all();
+        return std::make_unique<OpenAnswer::Item>(answer, std::move(packet));
+    }
+    return nullptr;
+}
+
+void Answers::forget(const OpenAnswer& answer) {
+    std::erase_if(open_, [&](const auto& one) { return one.get() == &answer; });
+}
+
+void Answers::end(OpenAnswer& answer) {
+    answer.isEnded_ = true;
+    packets_ -= answer.packets_.size();
+    answer.packets_.clear();
+    answer.changed_.notify_all();
+    forget(answer);
+}
+
+void Answers::endAll() {
+    endIf([](const OpenAnswer&) { return true; });
+}
+
+void Answers::endUnbegun() {
+    endIf([](const OpenAnswer& answer) { return answer.sent_ == 0 && !answer.isFinished_; });
+}
+
+template <class Condition>
+std::size_t Answers::endIf(Condition isMeant) {
+    const std::lock_guard lock(mutex_);
+    const auto before = open_.size();
+    for (auto next = open_.begin(); next != open_.end();) {
+        const std::shared_ptr<OpenAnswer> answer = *next++;
+        if (isMeant(*answer)) end(*answer);
+    }
+    return before - open_.size();
+}
+
+void Answers::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
+    const auto take = conversation::readTake(data);
+    if (!take) return;
+    bool isNew = false;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = std::find_if(open_.rbegin(), open_.rend(), [&](const auto& one) {
+            return one->isStreamed_ && one->replySubject_ == take->inbox;
+        });
+        if (found == open_.rend()) return;
+        const std::shared_ptr<OpenAnswer> answer = *found;
+        if (take->upTo == 0) return end(*answer);
+        if (take->upTo <= answer->allowed_) return;
+        answer->allowed_ = take->upTo;
+        answer->moved_ = Clock::now();
+        isNew = makeReady(*answer);
+    }
+    if (isNew) engine_.REWakeSendSource();
+}
+
+// Only an answer that may send nothing more waits for its querier; what it may send is waited for
+// by others.
+void Answers::onTimer(RvTimer*) {
+    const auto patience = isCrowded && isCrowded() ? kGivesWay : patience_;
+    const auto now = Clock::now();
+    const auto ended = endIf([&](const OpenAnswer& answer) {
+        const bool waits = answer.isStreamed_ && answer.sent_ >= answer.allowed_;
+        return waits && now - answer.moved_ > patience;
+    });
+    const std::lock_guard lock(mutex_);
+    abandoned_ += ended;
+}
+
+bool Answers::isLeaving() const {
+    const std::lock_guard lock(mutex_);
+    return !open_.empty();
+}
+
+std::size_t Answers::packets() const {
+    const std::lock_guard lock(mutex_);
+    return packets_;
+}
+
+std::uint64_t Answers::abandoned() const {
+    const std::lock_guard lock(mutex_);
+    return abandoned_;
+}
+
+}  // namespace kvx::detail

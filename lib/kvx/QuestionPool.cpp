@@ -1,0 +1,70 @@
+#include "kvx/QuestionPool.h"
+
+#include <system_error>
+#include <utility>
+
+namespace kvx::detail {
+
+QuestionPool::~QuestionPool() {
+    {
+        const std::lock_guard lock(mutex_);
+        isEnding_ = true;
+        questions_.clear();
+    }
+    changed_.notify_all();
+    for (std::thread& thread : threads_) thread.join();
+}
+
+bool QuestionPool::add(const Asked& asked) {
+    const std::lock_guard lock(mutex_);
+    if (isEnding_ || questions_.size() >= kMostWaiting) return false;
+    const bool needsThread = questions_.size() >= idle_ && threads_.size() < kMostThreads;
+    if (needsThread && !startThread() && threads_.empty()) return false;
+    questions_.push_back(asked);
+    changed_.notify_one();
+    return true;
+}
+
+bool QuestionPool::startThread() {
+    try {
+        threads_.emplace_back([this] { work(); });
+        return true;
+    } catch (const std::system_error&) {
+        return false;
+    }
+}
+
+std::size_t QuestionPool::waiting() const {
+    const std::lock_guard lock(mutex_);
+    return questions_.size();
+}
+
+std::uint64_t QuestionPool::dropped() const {
+    const std::lock_guard lock(mutex_);
+    return dropped_;
+}
+
+void QuestionPool::work() {
+    std::unique_lock lock(mutex_);
+    while (true) {
+        ++idle_;
+        changed_.wait(lock, [this] { return isEnding_ || !questions_.empty(); });
+        --idle_;
+        if (isEnding_) return;
+        const Asked asked = std::move(questions_.front());
+        questions_.pop_front();
+        lock.unlock();
+        Turns::Turn turn(turns_);
+        turn.begin();
+        if (Asked::Clock::now() - asked.heard <= oldest_) {
+            answer_(asked, turn);
+        } else {
+            const std::lock_guard guard(mutex_);
+            ++dropped_;
+        }
+        turn.end();
+        lock.lock();
+    }
+}
+
+}  // namespace kvx::detail

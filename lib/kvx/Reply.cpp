@@ -1,0 +1,140 @@
+// Rows become packets as they come. While the querier takes packets as they come, each leaves when
+// the next one is sealed; otherwise all wait for the end, since each must say how many there are.
+
+#include "kvx/Reply.h"
+
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "kvx/ReplyState.h"
+#include "mom/transport/TransportPacket.h"
+
+namespace kvx {
+
+namespace {
+
+constexpr const char* kNoEncoding = "a row of the answer cannot be encoded";
+constexpr const char* kTooLarge = "the rows are too large for a message";
+
+Record reason(std::string_view why, int position = 0) {
+    Record record{{"error", why}};
+    if (position > 0) static_cast<void>(record.set("position", position));
+    return record;
+}
+
+}  // namespace
+
+bool detail::addTo(CVekTransport& transport, const Record& record) {
+    unsigned char* bytes = nullptr;
+    int length = 0;
+    if (record.base().ROMEncode(&bytes, &length) != kOk) return false;
+    auto atom = std::make_unique<CVekAtom>(bytes, length);  // takes the bytes over
+    CVekAtom* taken = atom.release();
+    if (transport.RTTakeROMP(&taken) == kOk) return true;
+    delete taken;
+    return false;
+}
+
+bool Reply::row(const Record& record) {
+    return state_.add(record);
+}
+
+void Reply::refuse(std::string_view why, int position, EVekStoreErrorStatus status) {
+    state_.refuse(reason(why, position), status);
+}
+
+bool Reply::isWanted() const {
+    return state_.isWanted();
+}
+
+// An answer that lacks a row must not look whole.
+bool Reply::State::add(const Record& record) {
+    if (status_ != STORE_COMPLETE) return false;
+    if (!detail::addTo(*rowsToPack_, record)) {
+        refuse(reason(kNoEncoding), STORE_PERMISSION_DENIED);
+        return false;
+    }
+    if (++rows_ < rowsOfPacket()) return true;
+    seal();
+    giveWay();
+    return isWanted() && status_ == STORE_COMPLETE;
+}
+
+void Reply::State::refuse(const Record& why, EVekStoreErrorStatus status) {
+    if (status_ != STORE_COMPLETE) return;
+    status_ = status;
+    sealed_ -= static_cast<std::int64_t>(held_.size());
+    held_.clear();
+    rowsToPack_.emplace(nullptr);
+    rows_ = 0;
+    if (detail::addTo(*rowsToPack_, why)) ++rows_;
+}
+
+// The rows that are collected become a packet.
+void Reply::State::seal() {
+    if (std::exchange(rows_, 0) > 0) {
+        rowsToPack_->RTCreatePackets(version_, true);
+    } else {
+        rowsToPack_->RTNilResults();
+    }
+    const std::unique_ptr<CVekAtomVector> made(rowsToPack_->RTEncodes());
+    std::vector<Packet> packets(made->RAVSize());
+    for (unsigned i = 0; i < made->RAVSize(); ++i) packets[i].reset(made->RAVGetValue(i));
+    made->RAVReset();
+    if (packets.empty()) return refuse(reason(kNoEncoding), STORE_PERMISSION_DENIED);
+    for (Packet& packet : packets) {
+        if (!hold(std::move(packet))) return;
+    }
+}
+
+// False when it is too large, and the answer is refused.
+bool Reply::State::hold(Packet packet) {
+    if (packet->RALength() > packet::kLargestPacket && status_ == STORE_COMPLETE) {
+        refuse(reason(kTooLarge), STORE_PERMISSION_DENIED);
+        return false;
+    }
+    held_.push_back(std::move(packet));
+    ++sealed_;
+    while (answer_->isStreamed() && held_.size() > 1) {
+        send(std::move(held_.front()), 0);
+        held_.pop_front();
+    }
+    return true;
+}
+
+void Reply::State::send(Packet packet, std::int64_t count) {
+    unsigned char* bytes = nullptr;
+    int length = 0;
+    packet->RAUChar(&bytes, &length);
+    const packet::Bytes whole(bytes, static_cast<std::size_t>(length));
+    auto header = packet::readHeader(whole).value_or(packet::Header());
+    if (sent_ == 0 && count != 1 && begun_ && isWanted()) begun_();
+    header.sequence = ++sent_;
+    header.count = count;
+    header.status = static_cast<std::uint16_t>(status_);
+    packet::writeHeader(bytes, header);
+    auto message = std::make_unique<RvMsg>(static_cast<unsigned long>(whole.size() + 64));
+    message->append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(whole.size()), bytes);
+    answer_->add(std::move(message), sent_ == count);
+}
+
+void Reply::State::giveWay() {
+    if (turn_ == nullptr) return;
+    if (!answer_->isFull()) return turn_->pass();
+    turn_->end();
+    answer_->waitForRoom();
+    turn_->begin();
+}
+
+void Reply::State::finish() {
+    if (status_ == STORE_COMPLETE && sealed_ == 0 && rows_ == 0) status_ = STORE_ZERO_MATCHES;
+    if (rows_ > 0 || sealed_ == 0) seal();
+    if (held_.empty()) seal();  // what was sealed was refused
+    while (!held_.empty()) {
+        send(std::move(held_.front()), sealed_);
+        held_.pop_front();
+    }
+}
+
+}  // namespace kvx
