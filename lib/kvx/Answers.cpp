@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <limits>
 #include <utility>
+#include <vector>
+
+#include "kvx/ReplyState.h"
 
 namespace kvx::detail {
 
@@ -11,6 +14,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 constexpr std::uint32_t kAll = std::numeric_limits<std::uint32_t>::max();
+constexpr const char* kNotTaken = "the rows were not taken in time";
 
 }  // namespace
 
@@ -146,22 +150,16 @@ void Answers::end(OpenAnswer& answer) {
 }
 
 void Answers::endAll() {
-    endIf([](const OpenAnswer&) { return true; });
+    const std::lock_guard lock(mutex_);
+    while (!open_.empty()) end(*std::shared_ptr(open_.front()));
 }
 
 void Answers::endUnbegun() {
-    endIf([](const OpenAnswer& answer) { return answer.sent_ == 0 && !answer.isFinished_; });
-}
-
-template <class Condition>
-std::size_t Answers::endIf(Condition isMeant) {
     const std::lock_guard lock(mutex_);
-    const auto before = open_.size();
     for (auto next = open_.begin(); next != open_.end();) {
         const std::shared_ptr<OpenAnswer> answer = *next++;
-        if (isMeant(*answer)) end(*answer);
+        if (answer->sent_ == 0 && !answer->isFinished_) end(*answer);
     }
-    return before - open_.size();
 }
 
 void Answers::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
@@ -184,17 +182,25 @@ void Answers::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
     if (isNew) engine_.REWakeSendSource();
 }
 
-// Only an answer that may send nothing more waits for its querier; what it may send is waited for
-// by others.
+// Only an answer that may send nothing more waits for its querier. It ends with a packet of its
+// own, so that a querier that is only slow learns why no more come.
 void Answers::onTimer(RvTimer*) {
     const auto patience = isCrowded && isCrowded() ? kGivesWay : patience_;
     const auto now = Clock::now();
-    const auto ended = endIf([&](const OpenAnswer& answer) {
-        const bool waits = answer.isStreamed_ && answer.sent_ >= answer.allowed_;
-        return waits && now - answer.moved_ > patience;
-    });
-    const std::lock_guard lock(mutex_);
-    abandoned_ += ended;
+    std::vector<std::unique_ptr<CVekSendQueueItem>> farewells;
+    {
+        const std::lock_guard lock(mutex_);
+        for (auto next = open_.begin(); next != open_.end();) {
+            const std::shared_ptr<OpenAnswer> answer = *next++;
+            const bool waits = answer->isStreamed_ && answer->sent_ >= answer->allowed_;
+            if (!waits || now - answer->moved_ <= patience) continue;
+            end(*answer);
+            ++abandoned_;
+            farewells.push_back(std::make_unique<OpenAnswer::Item>(
+                answer, refusalMessage(kNotTaken, answer->sent_ + 1)));
+        }
+    }
+    for (const auto& farewell : farewells) farewell->RSQIDeQueueIt();
 }
 
 bool Answers::isLeaving() const {

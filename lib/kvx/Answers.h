@@ -119,8 +119,6 @@ class Answers : private RvDataCallback, private RvTimerCallback {
     bool makeReady(OpenAnswer& answer);
     void end(OpenAnswer& answer);
     void forget(const OpenAnswer& answer);
-    template <class Condition>
-    std::size_t endIf(Condition isMeant);
 
     CVekEngine& engine_;
     const std::chrono::milliseconds patience_;

@@ -17,6 +17,8 @@ namespace {
 constexpr const char* kNoEncoding = "a row of the answer cannot be encoded";
 constexpr const char* kTooLarge = "the rows are too large for a message";
 
+constexpr std::size_t kMessageRoom = 64;  // bytes of a message beside its packet
+
 Record reason(std::string_view why, int position = 0) {
     Record record{{"error", why}};
     if (position > 0) static_cast<void>(record.set("position", position));
@@ -34,6 +36,30 @@ bool detail::addTo(CVekTransport& transport, const Record& record) {
     if (transport.RTTakeROMP(&taken) == kOk) return true;
     delete taken;
     return false;
+}
+
+std::unique_ptr<RvMsg> detail::packetMessage(const CVekAtom& packet, std::int64_t sequence,
+                                             std::int64_t count, EVekStoreErrorStatus status) {
+    unsigned char* bytes = nullptr;
+    int length = 0;
+    packet.RAUChar(&bytes, &length);
+    const auto size = static_cast<std::size_t>(length);
+    auto header = packet::readHeader({bytes, size}).value_or(packet::Header());
+    header.sequence = sequence;
+    header.count = count;
+    header.status = static_cast<std::uint16_t>(status);
+    packet::writeHeader(bytes, header);
+    auto message = std::make_unique<RvMsg>(static_cast<unsigned long>(size + kMessageRoom));
+    message->append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(size), bytes);
+    return message;
+}
+
+std::unique_ptr<RvMsg> detail::refusalMessage(std::string_view why, std::int64_t sequence) {
+    CVekTransport transport(nullptr);
+    static_cast<void>(addTo(transport, reason(why)));
+    transport.RTCreatePackets(VEK_TRANS_V1, true);
+    const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
+    return packetMessage(*packets->RAVGetValue(0), sequence, sequence, STORE_PERMISSION_DENIED);
 }
 
 bool Reply::row(const Record& record) {
@@ -104,19 +130,9 @@ bool Reply::State::hold(Packet packet) {
 }
 
 void Reply::State::send(Packet packet, std::int64_t count) {
-    unsigned char* bytes = nullptr;
-    int length = 0;
-    packet->RAUChar(&bytes, &length);
-    const packet::Bytes whole(bytes, static_cast<std::size_t>(length));
-    auto header = packet::readHeader(whole).value_or(packet::Header());
     if (sent_ == 0 && count != 1 && begun_ && isWanted()) begun_();
-    header.sequence = ++sent_;
-    header.count = count;
-    header.status = static_cast<std::uint16_t>(status_);
-    packet::writeHeader(bytes, header);
-    auto message = std::make_unique<RvMsg>(static_cast<unsigned long>(whole.size() + 64));
-    message->append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(whole.size()), bytes);
-    answer_->add(std::move(message), sent_ == count);
+    ++sent_;
+    answer_->add(detail::packetMessage(*packet, sent_, count, status_), sent_ == count);
 }
 
 void Reply::State::giveWay() {

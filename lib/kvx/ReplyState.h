@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 #include "kvx/Answers.h"
 #include "kvx/QuestionPool.h"
@@ -17,6 +18,14 @@ namespace detail {
 
 /// Adds the row to what `transport` is to pack. False when the record has no encoding.
 [[nodiscard]] bool addTo(CVekTransport& transport, const Record& record);
+
+/// The message of a packet, which is numbered `sequence` of `count` (0: not known yet) and has the
+/// store status.
+std::unique_ptr<RvMsg> packetMessage(const CVekAtom& packet, std::int64_t sequence,
+                                     std::int64_t count, EVekStoreErrorStatus status);
+
+/// The last packet of an answer, its number `sequence`, which says why there are no more.
+std::unique_ptr<RvMsg> refusalMessage(std::string_view why, std::int64_t sequence);
 
 }  // namespace detail
 

@@ -1,7 +1,9 @@
-// A service that fails in the ways that a question names.
+// A service that fails in the ways that a question names, and gives as many rows as it is asked
+// for.
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 #include <thread>
 
@@ -9,9 +11,16 @@
 
 int main(int argc, char**) {
     // With an argument the main thread answers.
-    auto service = kvx::Service::open("Odd", {.threads = argc > 1 ? 0 : 2});
+    auto service = kvx::Service::open(
+        "Odd", {.threads = argc > 1 ? 0 : 2, .patience = std::chrono::seconds(2)});
     if (!service) return 2;
     service->onQuery([&](const kvx::Question& question, kvx::Reply& reply) {
+        for (int left = std::atoi(question.text.c_str()); left > 1; --left) {
+            if (reply.row({{"left", left}})) continue;
+            std::puts(("unwanted: " + question.text).c_str());
+            std::fflush(stdout);
+            return;
+        }
         reply.row({{"size", question.text.size()}});
         if (question.text == "throw") throw std::runtime_error("no such thing");
         if (question.text == "throw 7") throw 7;

@@ -99,6 +99,41 @@ TEST_F(ServiceTest, AnswersWhateverItIsAskedAndEndsWhileAFunctionBlocks) {
     EXPECT_NE(odd.output().find("ended"), std::string::npos);
 }
 
+TEST_F(ServiceTest, GivesAsMuchAsIsTakenWhileShortAnswersPass) {
+    for (const auto& arguments : {std::vector<std::string>(), {"0"}}) {
+        ChildProcess odd(KVX_ODD_SERVICE, arguments);
+        ASSERT_EQ(odd.awaitOutput("active"), "active") << odd.errors();
+        auto client = Client::open();
+        ASSERT_TRUE(client) << client.error().message();
+        std::vector<RowStream> streams;
+        for (int i = 0; i < 40; ++i) streams.push_back(client->stream("Odd", "20000"));
+        for (RowStream& stream : streams) ASSERT_TRUE(stream.next());
+        EXPECT_EQ(client->query("Odd", "x")->size(), 1U) << "beside forty that wait";
+        int rows = 1;
+        while (true) {
+            const auto row = streams.front().next();
+            ASSERT_TRUE(row) << row.error().message();
+            if (!*row) break;
+            ++rows;
+        }
+        EXPECT_EQ(rows, 20'000);
+        EXPECT_EQ(streams.front().totals().packets, 200U);
+        streams.clear();
+        EXPECT_EQ(client->query("Odd", "300")->size(), 300U) << "beside those that end";
+        if (!arguments.empty()) continue;
+        EXPECT_EQ(odd.awaitOutput("unwanted: 20000"), "unwanted: 20000");
+        auto slow = client->stream("Odd", "20000 slowly");
+        ASSERT_TRUE(slow.next());
+        EXPECT_NE(odd.awaitOutput("slowly"), "") << "given up";
+        auto row = slow.next();
+        while (row && *row) row = slow.next();
+        ASSERT_FALSE(row);
+        EXPECT_EQ(row.error().message(), "query Odd: refused: the rows were not taken in time");
+        odd.kill(SIGTERM);
+        EXPECT_EQ(odd.wait(), 0);
+    }
+}
+
 TEST_F(ServiceTest, AnswersOnItsMainThreadWhenToldTo) {
     ChildProcess odd(KVX_ODD_SERVICE, {"0"});
     ASSERT_EQ(odd.awaitOutput("active"), "active") << odd.errors();
