@@ -168,7 +168,8 @@ Answer::State Answer::take(const RvDatum& data) {
     std::ranges::move(reading.rows, std::back_inserter(rows));
     packets_[header.sequence].count = 1;
     packets_[header.sequence].cost = cost;
-    return numbered == PacketNumbers::State::Complete ? State::Complete : State::Waiting;
+    totals_.isComplete = numbered == PacketNumbers::State::Complete;
+    return totals_.isComplete ? State::Complete : State::Waiting;
 }
 
 void Answer::count(const packet::Header& header, Bytes payload) {
@@ -215,8 +216,10 @@ AnswerTotals Answer::totals() const {
     return totals;
 }
 
-bool isPacket(const RvDatum& data) {
-    return readPacket(packetOf(data).get()).has_value();
+std::optional<packet::Header> headerOf(const RvDatum& data) {
+    const auto atom = packetOf(data);
+    const auto packet = readPacket(atom.get());
+    return packet ? std::optional(packet->header) : std::nullopt;
 }
 
 Rows recordsOf(const RvDatum& data) {

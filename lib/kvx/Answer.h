@@ -66,8 +66,8 @@ class Answer {
     EVekStoreErrorStatus status_ = STORE_COMPLETE;
 };
 
-/// Whether it is a packet of an answer.
-KVX_API bool isPacket(const RvDatum& data);
+/// The header of a packet of an answer; nothing for what is no packet.
+KVX_API std::optional<packet::Header> headerOf(const RvDatum& data);
 
 /// The records of one packet, for notices; of a defective one those before the defect.
 Rows recordsOf(const RvDatum& data);

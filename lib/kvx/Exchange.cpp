@@ -134,7 +134,7 @@ void AnswerExchange::take(const RvDatum& data, const std::string& from) {
 }
 
 void AnswerExchange::ignore(const RvDatum& data, const std::string& from) {
-    if (!isPacket(data)) return;
+    if (!headerOf(data)) return;
     // The function that is called may use the client, and so end this.
     ClientLoop& loop = this->loop();
     std::string own = inbox();
@@ -165,12 +165,8 @@ void AnswerExchange::onTimer(RvTimer*) {
 }
 
 void AnswerExchange::fail(Errc code) {
-    std::string text = textOf(code);
-    if (const auto packets = answer_.packets(); code == Errc::TimedOut && packets != 0) {
-        code = Errc::Partial;
-        text += " after " + std::to_string(packets) + " packets";
-    }
-    finish(code, std::move(text));
+    const bool isPartial = code == Errc::TimedOut && answer_.packets() != 0;
+    finish(isPartial ? Errc::Partial : code, textOf(code));
 }
 
 void AnswerExchange::cancel() {

@@ -23,7 +23,11 @@ class Message;
 class KVX_API Value {
   public:
     using Bytes = std::span<const std::byte>;
+// A scoped enumerator hides nothing, yet is reported where `kvx::Text` is known.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
     enum class Kind { Null, Boolean, Integer, Real, Text, Bytes, Message };
+#pragma GCC diagnostic pop
 
     constexpr Value() = default;
     template <std::same_as<bool> Boolean>
@@ -48,8 +52,12 @@ class KVX_API Value {
         return value;
     }
 
-    [[nodiscard]] constexpr Kind kind() const { return kind_; }
-    [[nodiscard]] constexpr bool isNull() const { return kind_ == Kind::Null; }
+    [[nodiscard]] constexpr Kind kind() const {
+        return kind_;
+    }
+    [[nodiscard]] constexpr bool isNull() const {
+        return kind_ == Kind::Null;
+    }
 
     /// The value as a `T`: `bool`, any integer type, `float`, `double`, `std::string_view`,
     /// `std::string`, `Bytes` or `Message`. Nothing when it is of another kind, or a number that
@@ -76,8 +84,12 @@ class KVX_API Value {
 
     [[nodiscard]] std::optional<std::int64_t> integer() const;
     [[nodiscard]] std::optional<double> real() const;
-    [[nodiscard]] std::string_view text() const { return {static_cast<const char*>(data_), size_}; }
-    [[nodiscard]] Bytes bytes() const { return {static_cast<const std::byte*>(data_), size_}; }
+    [[nodiscard]] std::string_view text() const {
+        return {static_cast<const char*>(data_), size_};
+    }
+    [[nodiscard]] Bytes bytes() const {
+        return {static_cast<const std::byte*>(data_), size_};
+    }
 
     Kind kind_ = Kind::Null;
     union {
