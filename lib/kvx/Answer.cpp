@@ -147,12 +147,12 @@ void append(Packets& all, Packets& more) {
 
 }  // namespace
 
-Answer::State Answer::take(const RvDatum& data) {
+Answer::State Answer::take(const RvDatum& data, bool isConversation) {
     const auto atom = packetOf(data);
     const auto packet = readPacket(atom.get());
     if (!packet) return State::Foreign;
     const packet::Header& header = packet->header;
-    const PacketNumbers::State numbered = numbers_.take(header);
+    const PacketNumbers::State numbered = numbers_.take(header, isConversation);
     if (numbered == PacketNumbers::State::Mixed) return State::Mixed;
     if (std::max(header.count, header.sequence) > kMostPackets) return State::TooLarge;
     Budget budget{kMostBytes - bytes_};

@@ -39,7 +39,8 @@ class Answer {
     static constexpr std::size_t kRecordCost = 256;
     static constexpr const char* kBound = "it is larger than 1,000,000 packets or 1 GiB of records";
 
-    State take(const RvDatum& data);
+    /// `isConversation`: of a member that says who it is, and may not know the count yet.
+    State take(const RvDatum& data, bool isConversation);
 
     /// The packets, in the order of their numbers, whose predecessors have been taken out.
     Packets takeNext();

@@ -110,7 +110,7 @@ void AnswerExchange::onData(const char*, RvSender* replyTo, const RvDatum& data,
 }
 
 void AnswerExchange::take(const RvDatum& data, const std::string& from) {
-    const Answer::State state = answer_.take(data);
+    const Answer::State state = answer_.take(data, !from.empty());
     if (state == Answer::State::Foreign) return;
     answerer_ = from;
     Packets next = answer_.takeNext();
