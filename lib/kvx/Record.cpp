@@ -46,7 +46,7 @@ std::unique_ptr<CVekAtom> atomOf(const Value& value) {
             return std::make_unique<CVekAtom>(static_cast<long long>(wide));
         }
         case Value::Kind::Real:
-        case Value::Kind::Text: {
+        case Value::Kind::String: {
             const std::string text = value.toString();
             return hasZero(text) ? nullptr : std::make_unique<CVekAtom>(std::string_view(text));
         }
@@ -118,7 +118,7 @@ std::string Record::toString() const {
     std::string text;
     for (const Field& field : *this) {
         if (!text.empty()) text += ' ';
-        const bool isText = field.value.kind() == Value::Kind::Text;
+        const bool isText = field.value.kind() == Value::Kind::String;
         text.append(field.name).append(isText ? "=\"" : "=");
         text.append(field.value.toString()).append(isText ? "\"" : "");
     }

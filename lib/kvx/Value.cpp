@@ -45,7 +45,7 @@ std::optional<std::int64_t> Value::integer() const {
         case Kind::Boolean:
         case Kind::Integer:
             return integer_;
-        case Kind::Text:
+        case Kind::String:
             return parsed<std::int64_t>(text());
         default:
             return std::nullopt;
@@ -58,7 +58,7 @@ std::optional<double> Value::real() const {
             return real_;
         case Kind::Integer:
             return static_cast<double>(integer_);
-        case Kind::Text:
+        case Kind::String:
             return parsed<double>(text());
         default:
             return std::nullopt;
@@ -75,7 +75,7 @@ std::string Value::toString() const {
             return std::to_string(integer_);
         case Kind::Real:
             return shortest(real_);
-        case Kind::Text:
+        case Kind::String:
             return std::string(text());
         case Kind::Bytes:
             return hexadecimal(bytes());
@@ -95,7 +95,7 @@ bool operator==(const Value& one, const Value& other) {
             return one.integer_ == other.integer_;
         case Value::Kind::Real:
             return one.real_ == other.real_;
-        case Value::Kind::Text:
+        case Value::Kind::String:
         case Value::Kind::Bytes:
         case Value::Kind::Message:
             return one.text() == other.text();

@@ -23,11 +23,7 @@ class Message;
 class KVX_API Value {
   public:
     using Bytes = std::span<const std::byte>;
-// A scoped enumerator hides nothing, yet is reported where `kvx::Text` is known.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wshadow"
-    enum class Kind { Null, Boolean, Integer, Real, Text, Bytes, Message };
-#pragma GCC diagnostic pop
+    enum class Kind { Null, Boolean, Integer, Real, String, Bytes, Message };
 
     constexpr Value() = default;
     template <std::same_as<bool> Boolean>
@@ -41,7 +37,7 @@ class KVX_API Value {
     /// A null pointer gives an empty text.
     constexpr Value(const char* text) : Value(text ? std::string_view(text) : std::string_view()) {}
     constexpr Value(std::string_view text)
-        : kind_(Kind::Text), data_(text.data()), size_(text.size()) {}
+        : kind_(Kind::String), data_(text.data()), size_(text.size()) {}
     Value(const std::string& text) : Value(std::string_view(text)) {}
     constexpr Value(Bytes bytes) : kind_(Kind::Bytes), data_(bytes.data()), size_(bytes.size()) {}
     Value(const Message& message);
@@ -52,12 +48,8 @@ class KVX_API Value {
         return value;
     }
 
-    [[nodiscard]] constexpr Kind kind() const {
-        return kind_;
-    }
-    [[nodiscard]] constexpr bool isNull() const {
-        return kind_ == Kind::Null;
-    }
+    [[nodiscard]] constexpr Kind kind() const { return kind_; }
+    [[nodiscard]] constexpr bool isNull() const { return kind_ == Kind::Null; }
 
     /// The value as a `T`: `bool`, any integer type, `float`, `double`, `std::string_view`,
     /// `std::string`, `Bytes` or `Message`. Nothing when it is of another kind, or a number that
@@ -84,12 +76,8 @@ class KVX_API Value {
 
     [[nodiscard]] std::optional<std::int64_t> integer() const;
     [[nodiscard]] std::optional<double> real() const;
-    [[nodiscard]] std::string_view text() const {
-        return {static_cast<const char*>(data_), size_};
-    }
-    [[nodiscard]] Bytes bytes() const {
-        return {static_cast<const std::byte*>(data_), size_};
-    }
+    [[nodiscard]] std::string_view text() const { return {static_cast<const char*>(data_), size_}; }
+    [[nodiscard]] Bytes bytes() const { return {static_cast<const std::byte*>(data_), size_}; }
 
     Kind kind_ = Kind::Null;
     union {
@@ -128,7 +116,7 @@ std::optional<T> Value::as() const {
         if (isFinite && (*number > kMost || *number < -kMost)) return std::nullopt;
         return static_cast<T>(*number);
     } else if constexpr (std::same_as<T, std::string_view> || std::same_as<T, std::string>) {
-        if (kind_ != Kind::Text) return std::nullopt;
+        if (kind_ != Kind::String) return std::nullopt;
         return T(text());
     } else if constexpr (std::same_as<T, Bytes>) {
         if (kind_ != Kind::Bytes) return std::nullopt;
