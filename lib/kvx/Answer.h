@@ -42,6 +42,9 @@ class Answer {
     /// `isConversation`: of a member that says who it is, and may not know the count yet.
     State take(const RvDatum& data, bool isConversation);
 
+    /// A packet of another answer.
+    void countIgnored() { ++totals_.ignored; }
+
     /// The packets, in the order of their numbers, whose predecessors have been taken out.
     Packets takeNext();
     /// All packets that are left, in the order of their numbers, when no more will come.

@@ -97,10 +97,17 @@ void ClientLoop::end() {
 
 void ClientLoop::runUntil(const std::function<bool()>& isDone) {
     const auto self = shared_from_this();
+    begin_ = std::chrono::steady_clock::now();
     isRunning_ = true;
     while (!isEnding() && !isDone()) net->RRNDoIt();
     isRunning_ = false;
     if (isEnding()) close();
+}
+
+std::chrono::milliseconds ClientLoop::runsFor() const {
+    using std::chrono::milliseconds;
+    if (!isHere_) return milliseconds::max();
+    return std::chrono::ceil<milliseconds>(std::chrono::steady_clock::now() - begin_);
 }
 
 bool ClientLoop::run() {

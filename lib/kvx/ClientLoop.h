@@ -67,6 +67,9 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
         isHere_&& isLoopThread() ? runUntil(isDone) : block();
     }
 
+    /// How long it has run without a pause; for ever with a thread of its own. Loop thread.
+    [[nodiscard]] std::chrono::milliseconds runsFor() const;
+
     /// Whether a call may wait: not inside a function that the loop calls.
     [[nodiscard]] bool mayWait() const { return !isLoopThread() || (isHere_ && !isRunning_); }
 
@@ -114,9 +117,10 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
     std::shared_ptr<const void> claim_;
     std::function<void(bool)> changed_;  // loop thread only
     std::thread thread_;
-    bool isHere_ = false;                 // constant after the start: without a thread of its own
-    std::unique_ptr<CVekClient> own_;     // loop thread only; null when the net was given
-    std::atomic<bool> isRunning_{false};  // in runUntil; written by the loop thread
+    bool isHere_ = false;              // constant after the start: without a thread of its own
+    std::unique_ptr<CVekClient> own_;  // loop thread only; null when the net was given
+    std::chrono::steady_clock::time_point begin_;  // of runUntil; loop thread only
+    std::atomic<bool> isRunning_{false};           // in runUntil; written by the loop thread
     std::atomic<std::thread::id> loopThread_{};
     std::latch gone_{1};
     std::atomic<bool> isConnected_{false};

@@ -66,6 +66,13 @@ void Exchange::send(const std::string& subject, const RvMsg& message) {
     if (!idle_ || !inbox_) fail(codeOf(loop_.net->m_session->status()));
 }
 
+// While the loop did not run, what came could not be taken.
+void Exchange::onTimer(RvTimer*) {
+    const Milliseconds left = timeout_ - loop_.runsFor();
+    if (left <= Milliseconds(0)) return onSilence();
+    idle_->resetInterval(static_cast<unsigned long>(left.count()));
+}
+
 std::string Exchange::textOf(Errc code) const {
     switch (code) {
         case Errc::TimedOut:
@@ -135,6 +142,7 @@ void AnswerExchange::take(const RvDatum& data, const std::string& from) {
 
 void AnswerExchange::ignore(const RvDatum& data, const std::string& from) {
     if (!headerOf(data)) return;
+    answer_.countIgnored();
     // The function that is called may use the client, and so end this.
     ClientLoop& loop = this->loop();
     std::string own = inbox();
@@ -159,7 +167,7 @@ void AnswerExchange::grant() {
                 conversation::takeMessage({inbox(), static_cast<std::uint32_t>(granted_)}));
 }
 
-void AnswerExchange::onTimer(RvTimer*) {
+void AnswerExchange::onSilence() {
     const bool waitsForSink = passed_ > taken_ && answer_.packets() >= granted_;
     if (!waitsForSink || answerer_->empty()) fail(Errc::TimedOut);
 }

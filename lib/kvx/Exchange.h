@@ -36,9 +36,12 @@ class Exchange : public RvDataCallback, public RvTimerCallback, public ClientLoo
     /// Starts it; on failure it has failed.
     void send(const std::string& subject, const RvMsg& message);
 
-    void onTimer(RvTimer*) override { fail(Errc::TimedOut); }
+    void onTimer(RvTimer*) override;
 
   protected:
+    /// Nothing came for the time-out.
+    virtual void onSilence() { fail(Errc::TimedOut); }
+
     /// `timeout` is above 0.
     Exchange(ClientLoop& loop, std::string tried, std::chrono::milliseconds timeout);
 
@@ -100,10 +103,10 @@ class AnswerExchange : public Exchange {
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
                 RvListener* listener) override;
-    void onTimer(RvTimer* timer) override;
     void fail(Errc code) override;
 
   private:
+    void onSilence() override;
     void take(const RvDatum& data, const std::string& from);
     void ignore(const RvDatum& data, const std::string& from);
     void grant();

@@ -28,6 +28,7 @@ struct AnswerTotals {
     std::uint64_t packets = 0;
     std::uint64_t plainBytes = 0;  ///< uncompressed
     std::uint64_t sentBytes = 0;   ///< as received
+    std::uint64_t ignored = 0;     ///< packets of others that answered too; not counted above
     bool isComplete = false;       ///< all packets have come
     std::uint64_t unreadable = 0;  ///< records; a packet that breaks off counts as one
     std::string remark;            ///< of the service: "Query has zero matches"; mostly empty
