@@ -20,11 +20,9 @@
 #include <memory>
 #include <thread>
 
+#include "kvx/Client.h"
 #include "platform/Memory.h"
 #include "tests/support/ChildProcess.h"
-#include "tools/bus/Client.h"
-#include "tools/kvx/AnswerDecoder.h"
-#include "tools/kvx/Query.h"
 
 namespace {
 
@@ -70,29 +68,20 @@ Reading readFromSqlite(const std::string& path) {
 }
 
 // Sends one query and decodes the answer.
-Reading readOverTheBus(kvx::bus::Client& client) {
-    kvx::tool::Query query(client.net(), 60000, [&client] { client.leave(0); });
+Reading readOverTheBus(kvx::Client& client) {
     const auto begin = Clock::now();
-    client.run([&] {
-        if (!query.ask("ZEMBRALIX.3.0.MODEL.QUERY", kText)) client.leave(1);
-    });
-    const kvx::tool::Decoded decoded = kvx::tool::decodeAnswer(query.transport());
-    return {decoded.records.size(), secondsSince(begin)};
+    const auto rows = client.query("Model", kText, std::chrono::minutes(1));
+    return {rows ? rows->size() : 0, secondsSince(begin)};
 }
 
-bool answers(kvx::bus::Client& client) {
+bool answers(kvx::Client& client) {
     return kvx::test::eventually([&client] {
-        kvx::tool::Query query(client.net(), 1000, [&client] { client.leave(0); });
-        client.run([&] {
-            if (!query.ask("ZEMBRALIX.3.0.MODEL.QUERY", "select * from vendors limit 1")) {
-                client.leave(1);
-            }
-        });
-        return query.isComplete();
+        return client.query("Model", "select * from vendors limit 1", std::chrono::seconds(1))
+            .has_value();
     });
 }
 
-int measure(kvx::bus::Client& client, const std::string& database) {
+int measure(kvx::Client& client, const std::string& database) {
     std::vector<double> sqlite;
     std::vector<double> bus;
     Reading reading;
@@ -136,7 +125,7 @@ int main() {
         fmt::print(stderr, "{}", model.errors());
         return 1;
     }
-    kvx::bus::Client client({});
-    if (!client.isUp() || !answers(client)) return 1;
-    return measure(client, database);
+    auto client = kvx::Client::onThisThread(kvx::Client::Options());
+    if (!client || !answers(*client)) return 1;
+    return measure(*client, database);
 }

@@ -58,12 +58,20 @@ std::optional<Packet> readPacket(const CVekAtom* atom) {
     return Packet{*header, bytes.subspan(start)};
 }
 
+// The first word of a compressed payload.
+std::size_t lengthOf(Bytes payload) {
+    std::size_t length = 0;
+    for (const unsigned char byte : payload.first(packet::kLengthSize)) {
+        length = length << 8U | byte;
+    }
+    return length;
+}
+
 // Nothing when the stream is not what its length says, or longer than `most`. Grows with what is
 // really there.
 std::optional<std::vector<unsigned char>> inflated(Bytes payload, std::size_t most) {
     if (payload.size() < packet::kLengthSize) return std::nullopt;
-    std::size_t size = 0;
-    for (const unsigned char byte : payload.first(packet::kLengthSize)) size = size << 8U | byte;
+    const std::size_t size = lengthOf(payload);
     if (size > std::min<std::size_t>(packet::kLargestPayload, most)) return std::nullopt;
     const Bytes stream = payload.subspan(packet::kLengthSize);
     CVekInflater inflater(stream.data(), static_cast<int>(stream.size()));
@@ -79,29 +87,40 @@ std::optional<std::vector<unsigned char>> inflated(Bytes payload, std::size_t mo
     return out;
 }
 
-enum class Reading { Whole, Defective, TooLarge };
+// What a packet has: its rows, and how many parts of it cannot be read.
+struct Reading {
+    Rows rows;
+    std::size_t unreadable = 0;
+    bool isTooLarge = false;
+};
 
-Reading readRecords(Bytes payload, Budget& budget, Rows& rows) {
-    if (!budget.take(payload.size())) return Reading::TooLarge;
-    packet::RecordReader records(payload);
-    bool isWhole = true;
-    while (const auto bytes = records.next()) {
-        if (!budget.take(Answer::kRecordCost)) return Reading::TooLarge;
-        auto record = Record::decode(std::as_bytes(*bytes));
-        if (record && !budget.take(Answer::kRecordCost * record->size())) return Reading::TooLarge;
-        if (record) rows.push_back(std::move(*record));
-        isWhole = isWhole && record;
-    }
-    return isWhole && !records.isDefective() ? Reading::Whole : Reading::Defective;
+Reading tooLarge() {
+    Reading reading;
+    reading.isTooLarge = true;
+    return reading;
 }
 
-Reading readRows(const Packet& packet, Budget& budget, Rows& rows) {
+Reading readRecords(Bytes payload, Budget& budget) {
+    if (!budget.take(payload.size())) return tooLarge();
+    Reading reading;
+    packet::RecordReader records(payload);
+    while (const auto bytes = records.next()) {
+        if (!budget.take(Answer::kRecordCost)) return tooLarge();
+        auto record = Record::decode(std::as_bytes(*bytes));
+        if (record && !budget.take(Answer::kRecordCost * record->size())) return tooLarge();
+        record ? reading.rows.push_back(std::move(*record)) : void(++reading.unreadable);
+    }
+    if (records.isDefective()) ++reading.unreadable;
+    return reading;
+}
+
+Reading readRows(const Packet& packet, Budget& budget) {
     const packet::Header& header = packet.header;
     if (header.version != VEK_TRANS_V1 || header.kind != packet::kCompressed) {
-        return readRecords(packet.payload, budget, rows);
+        return readRecords(packet.payload, budget);
     }
     const auto payload = inflated(packet.payload, budget.left);
-    return payload ? readRecords(*payload, budget, rows) : Reading::Defective;
+    return payload ? readRecords(*payload, budget) : Reading{{}, 1, false};
 }
 
 std::string statusText(EVekStoreErrorStatus status) {
@@ -116,57 +135,98 @@ bool isSuccess(EVekStoreErrorStatus status) {
     return status == STORE_COMPLETE || status == STORE_ZERO_MATCHES;
 }
 
+void append(Packets& all, Packets& more) {
+    if (all.rows.empty()) {
+        all.rows = std::move(more.rows);
+    } else {
+        std::ranges::move(more.rows, std::back_inserter(all.rows));
+    }
+    all.count += more.count;
+    all.cost += more.cost;
+}
+
 }  // namespace
 
-Answer::State Answer::take(const RvDatum& data) {
+Answer::State Answer::take(const RvDatum& data, bool isConversation) {
     const auto atom = packetOf(data);
     const auto packet = readPacket(atom.get());
     if (!packet) return State::Foreign;
     const packet::Header& header = packet->header;
-    const PacketNumbers::State numbered = numbers_.take(header);
+    const PacketNumbers::State numbered = numbers_.take(header, isConversation);
     if (numbered == PacketNumbers::State::Mixed) return State::Mixed;
-    if (header.count > kMostPackets) return State::TooLarge;
+    if (std::max(header.count, header.sequence) > kMostPackets) return State::TooLarge;
     Budget budget{kMostBytes - bytes_};
-    const Reading reading = readRows(*packet, budget, packets_[header.sequence]);
-    bytes_ = kMostBytes - budget.left;
-    if (reading == Reading::TooLarge) return State::TooLarge;
-    if (reading == Reading::Defective) ++defective_;
-    if (isSuccess(status_)) status_ = static_cast<EVekStoreErrorStatus>(header.status);
-    return numbered == PacketNumbers::State::Complete ? State::Complete : State::Waiting;
+    Reading reading = readRows(*packet, budget);
+    if (reading.isTooLarge) return State::TooLarge;
+    count(header, packet->payload);
+    totals_.unreadable += reading.unreadable;
+    const std::size_t cost = kMostBytes - bytes_ - budget.left;
+    bytes_ += cost;
+    const auto status = static_cast<EVekStoreErrorStatus>(header.status);
+    if (isSuccess(status_)) status_ = status;
+    Rows& rows = isSuccess(status) ? packets_[header.sequence].rows : refusal_;
+    std::ranges::move(reading.rows, std::back_inserter(rows));
+    packets_[header.sequence].count = 1;
+    packets_[header.sequence].cost = cost;
+    totals_.isComplete = numbered == PacketNumbers::State::Complete;
+    return totals_.isComplete ? State::Complete : State::Waiting;
 }
 
-Rows Answer::takeRows() {
-    Rows rows;
-    for (auto& [number, some] : packets_) std::ranges::move(some, std::back_inserter(rows));
+void Answer::count(const packet::Header& header, Bytes payload) {
+    const bool isCompressed =
+        header.kind == packet::kCompressed && payload.size() >= packet::kLengthSize;
+    ++totals_.packets;
+    totals_.sentBytes += payload.size();
+    totals_.plainBytes += isCompressed ? lengthOf(payload) : payload.size();
+}
+
+Packets Answer::takeNext() {
+    Packets some;
+    for (auto packet = packets_.begin(); packet != packets_.end() && packet->first == next_;
+         packet = packets_.erase(packet)) {
+        append(some, packet->second);
+        ++next_;
+    }
+    return some;
+}
+
+Packets Answer::takeRest() {
+    Packets rest;
+    for (auto& [number, packet] : packets_) append(rest, packet);
     packets_.clear();
-    return rows;
+    return rest;
 }
 
-QueryResult Answer::result(const std::string& tried) {
-    Rows rows = takeRows();
+std::optional<QueryError> Answer::failure(const std::string& tried) {
     if (!isSuccess(status_)) {
         const auto reason =
-            rows.size() == 1 ? rows.front().get<std::string>("error") : std::nullopt;
-        return tl::unexpected(QueryError{
-            {Errc::Refused, reason.value_or(statusText(status_)), tried}, std::move(rows)});
+            refusal_.size() == 1 ? refusal_.front().get<std::string>("error") : std::nullopt;
+        return QueryError{{Errc::Refused, reason.value_or(statusText(status_)), tried},
+                          std::move(refusal_)};
     }
-    if (defective_ == 0) return rows;
-    return tl::unexpected(QueryError{
-        {Errc::Partial, std::to_string(defective_) + " packets could not be read", tried},
-        std::move(rows)});
+    if (totals_.unreadable == 0) return std::nullopt;
+    return QueryError{
+        {Errc::Partial, std::to_string(totals_.unreadable) + " records could not be read", tried},
+        {}};
 }
 
-QueryResult Answer::failure(Errc code, std::string text, const std::string& tried) {
-    return tl::unexpected(QueryError{{code, std::move(text), tried}, takeRows()});
+AnswerTotals Answer::totals() const {
+    AnswerTotals totals = totals_;
+    if (status_ != STORE_COMPLETE) totals.remark = statusText(status_);
+    return totals;
+}
+
+std::optional<packet::Header> headerOf(const RvDatum& data) {
+    const auto atom = packetOf(data);
+    const auto packet = readPacket(atom.get());
+    return packet ? std::optional(packet->header) : std::nullopt;
 }
 
 Rows recordsOf(const RvDatum& data) {
     const auto atom = packetOf(data);
     const auto packet = readPacket(atom.get());
-    Rows rows;
     Budget budget;
-    if (packet) readRows(*packet, budget, rows);
-    return rows;
+    return packet ? readRows(*packet, budget).rows : Rows();
 }
 
 }  // namespace kvx::detail

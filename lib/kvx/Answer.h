@@ -2,13 +2,22 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <span>
+#include <string>
 
-#include "kvx/Client.h"
 #include "kvx/PacketNumbers.h"
+#include "kvx/RowStream.h"
 #include "mom/mom.h"
 
 namespace kvx::detail {
+
+/// Some packets of an answer.
+struct Packets {
+    Rows rows;
+    std::size_t count = 0;
+    std::size_t cost = 0;  ///< of the bound
+};
 
 /// The packets of one answer, until they are 1 to N, each once. One thread at a time.
 ///
@@ -24,30 +33,45 @@ class Answer {
     };
 
     static constexpr std::int64_t kMostPackets = 1'000'000;
-    /// Of its uncompressed packets, and `kRecordCost` more for each record and field.
+    /// Of its uncompressed packets, and `kRecordCost` more for each record and field; what has been
+    /// released does not count.
     static constexpr std::size_t kMostBytes = std::size_t{1} << 30U;
     static constexpr std::size_t kRecordCost = 256;
     static constexpr const char* kBound = "it is larger than 1,000,000 packets or 1 GiB of records";
 
-    State take(const RvDatum& data);
+    /// `isConversation`: of a member that says who it is, and may not know the count yet.
+    State take(const RvDatum& data, bool isConversation);
 
-    [[nodiscard]] bool isEmpty() const { return packets_.empty(); }
-    [[nodiscard]] std::size_t packets() const { return packets_.size(); }
+    /// A packet of another answer.
+    void countIgnored() { ++totals_.ignored; }
 
-    /// The rows and the status of a complete answer.
-    QueryResult result(const std::string& tried);
-    /// The same of one that ended with `code`.
-    QueryResult failure(Errc code, std::string text, const std::string& tried);
+    /// The packets, in the order of their numbers, whose predecessors have been taken out.
+    Packets takeNext();
+    /// All packets that are left, in the order of their numbers, when no more will come.
+    Packets takeRest();
+    /// Gives back what packets cost that were taken out.
+    void release(std::size_t cost) { bytes_ -= cost; }
+
+    /// Why a complete answer is no success; the records of a refusal are the error's, not rows.
+    std::optional<QueryError> failure(const std::string& tried);
+
+    [[nodiscard]] std::size_t packets() const { return numbers_.packets(); }
+    [[nodiscard]] AnswerTotals totals() const;
 
   private:
-    Rows takeRows();
+    void count(const packet::Header& header, packet::Bytes payload);
 
     PacketNumbers numbers_;
-    std::map<std::int64_t, Rows> packets_;
+    std::map<std::int64_t, Packets> packets_;  // by number; those taken out are gone
+    std::int64_t next_ = 1;                    // the number of the next to take out
+    Rows refusal_;
     std::size_t bytes_ = 0;
-    std::size_t defective_ = 0;  // packets with a part that cannot be read
+    AnswerTotals totals_;
     EVekStoreErrorStatus status_ = STORE_COMPLETE;
 };
+
+/// The header of a packet of an answer; nothing for what is no packet.
+KVX_API std::optional<packet::Header> headerOf(const RvDatum& data);
 
 /// The records of one packet, for notices; of a defective one those before the defect.
 Rows recordsOf(const RvDatum& data);

@@ -5,36 +5,32 @@
 #include "kvx/Client.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
-#include "kvx/Answer.h"
 #include "kvx/ClientLoop.h"
+#include "kvx/Exchange.h"
+#include "kvx/StreamState.h"
 #include "kvx/ZeroByte.h"
-#include "rv/error/rvCodes.h"
 
 namespace kvx {
 
 namespace {
 
-using detail::Answer;
+using detail::AnswerExchange;
+using detail::AnswerSink;
 using detail::ClientLoop;
+using detail::codeOf;
+using detail::ended;
+using detail::Exchange;
 using detail::hasZero;
+using detail::Packets;
+using detail::waitsForItself;
 using Milliseconds = std::chrono::milliseconds;
-
-Error ended(std::string tried) {
-    return {Errc::Ended, "the client has ended", std::move(tried)};
-}
 
 Error lost(std::string tried) {
     return {Errc::Lost, "the bus daemon is away", std::move(tried)};
 }
-
-Error waitsForItself(std::string tried) {
-    return {Errc::InvalidArgument, "a call on the client's own thread cannot wait",
-            std::move(tried)};
-}
-
-constexpr Milliseconds kLongest = std::chrono::hours(24);
 
 Error badTimeout(std::string tried) {
     return {Errc::InvalidArgument, "the time-out is not above 0", std::move(tried)};
@@ -44,17 +40,15 @@ Error zeroByte(std::string tried) {
     return {Errc::InvalidArgument, "a zero byte in the text or subject", std::move(tried)};
 }
 
-// Why the bus refused, by the code of its status.
-Errc codeOf(const RvStatus& status) {
-    switch (status.code()) {
-        case session_code::kInvalidSession:
-        case session_code::kNotConnected:
-            return Errc::Lost;
-        case session_code::kNoMemory:
-            return Errc::QueueFull;
-        default:
-            return Errc::InvalidArgument;
-    }
+std::string asking(const std::string& service) {
+    return "query " + service;
+}
+
+template <class T>
+T waitFor(ClientLoop& loop, std::future<T> result) {
+    loop.wait([&] { return result.wait_for(Milliseconds(0)) == std::future_status::ready; },
+              [&] { result.wait(); });
+    return result.get();
 }
 
 // A promise that is kept, with `otherwise`, also when the loop drops what would keep it.
@@ -80,112 +74,38 @@ class Promised {
     bool isTaken_ = false;
 };
 
-// What is sent with an inbox as its reply subject, and what comes there, until it has finished or
-// nothing came for the time-out. Owns itself.
-class Exchange : public RvDataCallback, public RvTimerCallback, public ClientLoop::Waiting {
+// Collects the rows for the promise of them.
+class Collected final : public AnswerSink {
   public:
-    Exchange(const Exchange&) = delete;
-    Exchange& operator=(const Exchange&) = delete;
-    ~Exchange() override {
-        loop_.waiting.erase(this);
-        if (gone_ != nullptr) *gone_ = true;
+    explicit Collected(std::string tried) : tried_(std::move(tried)) {}
+    ~Collected() override {
+        if (!isEnded_) end(ended(tried_));
     }
 
-    /// Starts it; on failure it has failed.
-    void send(const std::string& subject, const RvMsg& message) {
-        int status = kOk;
-        idle_.reset(loop_.net->RRNNewTimer(&status, interval(), rv_TRUE, this, nullptr));
-        const std::unique_ptr<RvSender> sender(
-            loop_.net->RRNNewSender(&status, subject.c_str(), nullptr));
-        bool gone = false;
-        gone_ = &gone;
-        std::unique_ptr<RvListener> inbox(sender ? sender->sendRequest(message, 0, this, nullptr)
-                                                 : nullptr);
-        if (gone) return;  // the send found the connection lost, which fails all that waits
-        gone_ = nullptr;
-        inbox_ = std::move(inbox);
-        if (!idle_ || !inbox_) fail(codeOf(loop_.net->m_session->status()));
-    }
+    std::future<QueryResult> future() { return promise_.get_future(); }
 
-    void onTimer(RvTimer*) override { fail(Errc::TimedOut); }
-
-  protected:
-    Exchange(ClientLoop& loop, std::string tried, Milliseconds timeout)
-        : tried_(std::move(tried)), timeout_(timeout), loop_(loop) {
-        loop_.waiting.insert(this);
-    }
-
-    void waitAgain() { idle_->resetInterval(interval()); }
-
-    [[nodiscard]] std::string textOf(Errc code) const {
-        switch (code) {
-            case Errc::TimedOut:
-                return "nothing came for " + std::to_string(timeout_.count()) + " ms";
-            case Errc::Ended:
-                return "the client has ended";
-            case Errc::Lost:
-                return "the bus daemon is away";
-            case Errc::QueueFull:
-                return "too much waits to be sent";
-            default:
-                return "the subject is not one that can be sent to";
+    std::size_t take(Packets packets, const AnswerTotals&) override {
+        if (rows_.empty()) {
+            rows_ = std::move(packets.rows);
+        } else {
+            std::ranges::move(packets.rows, std::back_inserter(rows_));
         }
+        return packets.count;
     }
 
+    void end(std::optional<QueryError> error) override {
+        isEnded_ = true;
+        if (!error) return promise_.set_value(std::move(rows_));
+        std::ranges::move(error->rows, std::back_inserter(rows_));
+        error->rows = std::move(rows_);
+        promise_.set_value(tl::unexpected(std::move(*error)));
+    }
+
+  private:
     const std::string tried_;
-    const Milliseconds timeout_;
-
-  private:
-    [[nodiscard]] unsigned long interval() const {
-        return static_cast<unsigned long>(std::min(timeout_, kLongest).count());
-    }
-
-    ClientLoop& loop_;
-    std::unique_ptr<RvTimer> idle_;
-    std::unique_ptr<RvListener> inbox_;
-    bool* gone_ = nullptr;  // set by the destructor during a send
-};
-
-class QueryExchange : public Exchange {
-  public:
-    QueryExchange(ClientLoop& loop, std::string tried, Milliseconds timeout,
-                  std::promise<QueryResult> promise)
-        : Exchange(loop, std::move(tried), timeout), promise_(std::move(promise)) {}
-
-    void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
-        switch (answer_.take(data)) {
-            case Answer::State::Foreign:
-                return;
-            case Answer::State::Waiting:
-                return waitAgain();
-            case Answer::State::TooLarge:
-                return finish(answer_.failure(Errc::Partial, Answer::kBound, tried_));
-            case Answer::State::Complete:
-                return finish(answer_.result(tried_));
-            case Answer::State::Mixed:
-                return finish(answer_.failure(Errc::MixedAnswers,
-                                              "its packets are not 1 to N, each once", tried_));
-        }
-    }
-
-    void fail(Errc code) override {
-        std::string text = textOf(code);
-        if (code == Errc::TimedOut && !answer_.isEmpty()) {
-            code = Errc::Partial;
-            text += " after " + std::to_string(answer_.packets()) + " packets";
-        }
-        finish(answer_.failure(code, std::move(text), tried_));
-    }
-
-  private:
-    void finish(QueryResult result) {
-        std::promise<QueryResult> promise = std::move(promise_);
-        delete this;
-        promise.set_value(std::move(result));
-    }
-
     std::promise<QueryResult> promise_;
-    Answer answer_;
+    Rows rows_;
+    bool isEnded_ = false;
 };
 
 class RequestExchange : public Exchange {
@@ -282,57 +202,77 @@ void Client::end() {
     loop_->end();
 }
 
-Result<Client> Client::open(Options options) {
+Result<Client> Client::start(Options options, const std::function<Result<>(ClientLoop&)>& connect) {
     if (options.timeout <= Milliseconds(0)) return tl::unexpected(badTimeout("open"));
     if (hasZero(options.domain)) return tl::unexpected(zeroByte("open"));
     auto loop = std::make_shared<ClientLoop>(std::move(options));
     Client client(loop);
-    if (auto started = loop->start(); !started) return tl::unexpected(std::move(started.error()));
+    if (auto started = connect(*loop); !started) return tl::unexpected(std::move(started.error()));
     return client;
+}
+
+Result<Client> Client::open(Options options) {
+    return start(std::move(options), [](ClientLoop& loop) { return loop.start(); });
 }
 
 Result<Client> Client::open() {
     return open(Options());
 }
 
+Result<Client> Client::onThisThread(Options options) {
+    return start(std::move(options), [](ClientLoop& loop) { return loop.startHere(nullptr); });
+}
+
+Result<Client> Client::onThisThread(CVekRvNet& net, Options options) {
+    options.domain = net.m_domain ? net.m_domain.get() : "";
+    return start(std::move(options), [&](ClientLoop& loop) { return loop.startHere(&net); });
+}
+
+Result<> Client::run() {
+    if (loop_->run()) return {};
+    return tl::unexpected(
+        Error{Errc::InvalidArgument, "not the thread that runs this client's loop", "run"});
+}
+
 bool Client::isConnected() const {
     return loop_->isConnected();
+}
+
+Connection Client::connection() const {
+    return loop_->connection();
 }
 
 std::string Client::inDomain(std::string_view subject) const {
     return loop_->inDomain(subject);
 }
 
+void Client::ask(const ServiceName& service, std::string_view text,
+                 std::optional<Milliseconds> timeout, std::shared_ptr<AnswerSink> sink) {
+    const std::string tried = asking(service.text());
+    const Milliseconds wait = timeout.value_or(loop_->options.timeout);
+    if (hasZero(text)) return sink->end(QueryError{zeroByte(tried), {}});
+    if (wait <= Milliseconds(0)) return sink->end(QueryError{badTimeout(tried), {}});
+    if (loop_->isLost()) return sink->end(QueryError{lost(tried), {}});
+    loop_->post([loop = loop_.get(), tried, subject = inDomain(service.querySubject()),
+                 question = std::string(text), wait, sink = std::move(sink)]() mutable {
+        (new AnswerExchange(*loop, tried, wait, std::move(sink)))->ask(subject, question);
+    });
+}
+
 std::future<QueryResult> Client::queryAsync(const ServiceName& service, std::string_view text,
                                             std::optional<Milliseconds> timeout) {
-    std::promise<QueryResult> promise;
-    std::future<QueryResult> result = promise.get_future();
-    const std::string tried = "query " + service.text();
-    auto guarded = std::make_shared<Promised<QueryResult>>(
-        std::move(promise), tl::unexpected(QueryError{ended(tried), {}}));
-    const Milliseconds wait = timeout.value_or(loop_->options.timeout);
-    if (hasZero(text) || wait <= Milliseconds(0)) {
-        Error error = hasZero(text) ? zeroByte(tried) : badTimeout(tried);
-        guarded->take().set_value(tl::unexpected(QueryError{std::move(error), {}}));
-        return result;
-    }
-    if (loop_->isLost()) {
-        guarded->take().set_value(tl::unexpected(QueryError{lost(tried), {}}));
-        return result;
-    }
-    loop_->post([loop = loop_.get(), guarded, tried, subject = inDomain(service.querySubject()),
-                 message = CVekQryInfo::RQIMessage(std::string(text).c_str()), wait] {
-        (new QueryExchange(*loop, tried, wait, guarded->take()))->send(subject, message);
-    });
+    auto rows = std::make_shared<Collected>(asking(service.text()));
+    std::future<QueryResult> result = rows->future();
+    ask(service, text, timeout, std::move(rows));
     return result;
 }
 
 QueryResult Client::query(const ServiceName& service, std::string_view text,
                           std::optional<Milliseconds> timeout) {
-    if (loop_->isLoopThread()) {
-        return tl::unexpected(QueryError{waitsForItself("query " + service.text()), {}});
+    if (!loop_->mayWait()) {
+        return tl::unexpected(QueryError{waitsForItself(asking(service.text())), {}});
     }
-    return queryAsync(service, text, timeout).get();
+    return waitFor(*loop_, queryAsync(service, text, timeout));
 }
 
 QueryResult Client::query(std::string_view service, std::string_view text,
@@ -342,6 +282,22 @@ QueryResult Client::query(std::string_view service, std::string_view text,
     return query(*name, text, timeout);
 }
 
+RowStream Client::stream(const ServiceName& service, std::string_view text,
+                         std::optional<Milliseconds> timeout) {
+    auto state = std::make_shared<RowStream::State>(loop_, asking(service.text()));
+    ask(service, text, timeout, std::make_shared<RowStream::Sink>(state));
+    return RowStream(std::move(state));
+}
+
+RowStream Client::stream(std::string_view service, std::string_view text,
+                         std::optional<Milliseconds> timeout) {
+    const auto name = ServiceName::of(service);
+    if (name) return stream(*name, text, timeout);
+    auto state = std::make_shared<RowStream::State>(loop_, name.error().tried);
+    state->end(QueryError{name.error(), {}}, false);
+    return RowStream(std::move(state));
+}
+
 Result<Message> Client::request(std::string_view subject, const Message& message,
                                 std::optional<Milliseconds> timeout) {
     const std::string to(subject);
@@ -349,7 +305,7 @@ Result<Message> Client::request(std::string_view subject, const Message& message
     const Milliseconds wait = timeout.value_or(loop_->options.timeout);
     if (hasZero(subject)) return tl::unexpected(zeroByte(tried));
     if (wait <= Milliseconds(0)) return tl::unexpected(badTimeout(tried));
-    if (loop_->isLoopThread()) return tl::unexpected(waitsForItself(tried));
+    if (!loop_->mayWait()) return tl::unexpected(waitsForItself(tried));
     if (loop_->isLost()) return tl::unexpected(lost(tried));
     std::promise<Result<Message>> promise;
     std::future<Result<Message>> result = promise.get_future();
@@ -359,7 +315,7 @@ Result<Message> Client::request(std::string_view subject, const Message& message
         (new RequestExchange(*loop, tried, wait, guarded->take()))->send(to, sent);
     });
     guarded.reset();
-    return result.get();
+    return waitFor(*loop_, std::move(result));
 }
 
 Result<> Client::publish(std::string_view subject, const Message& message) {

@@ -12,26 +12,19 @@
 #include "kvx/Error.h"
 #include "kvx/Message.h"
 #include "kvx/Record.h"
+#include "kvx/RowStream.h"
 #include "kvx/ServiceName.h"
 #include "mom/config/DaemonAddress.h"
 #include "platform/Export.h"
 
+class CVekRvNet;
+
 namespace kvx {
 
 namespace detail {
+class AnswerSink;
 class ClientLoop;
 }  // namespace detail
-
-/// The rows of an answer, whole and in the order in which the service sent them.
-using Rows = std::vector<Record>;
-
-/// Why a question has no whole answer, with what came of it: `Partial` and `MixedAnswers` may have
-/// rows, `Refused` may have records that say more.
-struct QueryError : Error {
-    Rows rows;
-};
-
-using QueryResult = tl::expected<Rows, QueryError>;
 
 /// A message as it is delivered. Views: valid during the call.
 struct Delivery {
@@ -57,14 +50,25 @@ class KVX_API Subscription {
     std::shared_ptr<State> state_;
 };
 
+/// Whether a client has its daemon.
+struct Connection {
+    bool isThere = false;
+    std::string address;  ///< of the daemon, as it was tried: "tcp:7500"
+    std::string why;      ///< it is not there; empty when it is
+};
+
 /// A program's access to the bus: questions to services, messages, listening. One at a time in a
 /// process, and none beside a `Service` or a network object of `mom`.
 ///
-/// The client's own thread runs the loop. Every call may be made from any thread; those that wait
-/// give `InvalidArgument` inside a function that the client calls, which runs on that thread and
-/// must not block it for long. While the daemon is away, questions, requests and messages are
-/// `Lost` at once; to listen, and to end a subscription, waits for an attempt to reach it (8 s, or
-/// 28 s for a host that does not answer at all).
+/// The client's own thread runs the loop, unless it is made by `onThisThread`. Every call may be
+/// made from any thread; those that wait give `InvalidArgument` inside a function that the client
+/// calls, which runs on the client's thread and must not block it for long. While the daemon is
+/// away, questions, requests and messages are `Lost` at once; to listen, and to end a subscription,
+/// waits for an attempt to reach it (8 s, or 28 s for a host that does not answer at all).
+///
+/// A question is answered by the member whose packet comes first. Packets of another one are
+/// ignored and `Options::onWarning` says so; where members do not say who they are, such an answer
+/// is `MixedAnswers`.
 class KVX_API Client {
   public:
     struct Options {
@@ -73,14 +77,34 @@ class KVX_API Client {
         DaemonAddress daemon{};
         /// How long to wait for an answer, and for its next packet. Above 0, as every time-out.
         std::chrono::milliseconds timeout{8000};
-        /// Called with true and false, on the client's thread, when the connection comes and goes.
-        std::function<void(bool)> onConnection{};
+        /// Called on the client's thread when the connection comes and goes.
+        std::function<void(const Connection&)> onConnection{};
+        /// Called on the client's thread with what should be known although nothing failed, once a
+        /// question: "query Links: _INBOX.x.y answered too; its packets are ignored".
+        std::function<void(const std::string&)> onWarning{};
     };
 
     /// Connects. `NoDaemon`, with the address, when nobody is there; a local daemon is started.
-    /// `Busy` while another client or service of this process lives.
+    /// `Busy` while another client or service of this process lives, or a network object of another
+    /// thread.
     static Result<Client> open(Options options);
     static Result<Client> open();
+
+    /// The same without a thread: the calling one is the client's, and must destroy it. The loop
+    /// runs while a call of that thread waits, and in `run`; only then are functions called,
+    /// futures satisfied and other threads served, whose calls wait for it; time-outs count while it
+    /// runs. A daemon closes the connection of one that does not for ten minutes. While the daemon
+    /// is away, a call of that thread first tries to reach it, for the time-out of the options.
+    static Result<Client> onThisThread(Options options);
+    /// On the session of `net`, whose main thread this is, in place of one of its own: its address
+    /// and domain count, not those of the options. `net` must outlive the client. Calls that wait
+    /// stop its loop when they have what they wait for; they have no place in functions that it
+    /// calls.
+    static Result<Client> onThisThread(CVekRvNet& net, Options options);
+
+    /// Runs the loop until `end`. `InvalidArgument` on another thread than that of `onThisThread`,
+    /// and inside a function that the client calls.
+    Result<> run();
 
     Client(Client&&) noexcept = default;
     Client& operator=(Client&&) noexcept;
@@ -88,7 +112,8 @@ class KVX_API Client {
     ~Client();
 
     /// What waits gets `Ended`, and so does every later call. Returns when no function given to it
-    /// is running, unless called by one. Any thread.
+    /// is running, unless called by one, or by another thread than that of `onThisThread`, which
+    /// then closes the session in the call that waits, else in the destructor. Any thread.
     void end();
 
     /// Puts a question to a service of the client's domain and waits for the whole answer. No rows
@@ -105,6 +130,14 @@ class KVX_API Client {
     [[nodiscard]] std::future<QueryResult> queryAsync(
         const ServiceName& service, std::string_view text,
         std::optional<std::chrono::milliseconds> timeout = {});
+
+    /// The rows as they come, for answers too large to be kept. `timeout` is for the service: the
+    /// time for which no packet comes although one may. Never waits; what fails, `next` says.
+    [[nodiscard]] RowStream stream(const ServiceName& service, std::string_view text,
+                                   std::optional<std::chrono::milliseconds> timeout = {});
+    /// The same by a name that need not be known.
+    [[nodiscard]] RowStream stream(std::string_view service, std::string_view text,
+                                   std::optional<std::chrono::milliseconds> timeout = {});
 
     /// Sends `message` on exactly `subject` and waits for the first reply.
     [[nodiscard]] Result<Message> request(std::string_view subject, const Message& message,
@@ -126,9 +159,15 @@ class KVX_API Client {
     [[nodiscard]] std::string inDomain(std::string_view subject) const;
 
     [[nodiscard]] bool isConnected() const;
+    [[nodiscard]] Connection connection() const;
 
   private:
     explicit Client(std::shared_ptr<detail::ClientLoop> loop);
+    static Result<Client> start(Options options,
+                                const std::function<Result<>(detail::ClientLoop&)>& connect);
+    void ask(const ServiceName& service, std::string_view text,
+             std::optional<std::chrono::milliseconds> timeout,
+             std::shared_ptr<detail::AnswerSink> sink);
     Result<Subscription> subscribe(
         std::string_view subject,
         std::function<void(const char*, RvSender*, const RvDatum&)> received);

@@ -18,6 +18,10 @@ namespace kvx {
 
 class Message;
 
+// GCC reports names of the namespace that scoped enumerators, which need their scope, would hide.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
+
 /// One value of a record or a message, as a view: texts, bytes and nested messages stay where they
 /// are and must outlive it.
 class KVX_API Value {
@@ -87,6 +91,8 @@ class KVX_API Value {
     };
     std::size_t size_ = 0;  // of a text, bytes or a message
 };
+
+#pragma GCC diagnostic pop
 
 KVX_API std::ostream& operator<<(std::ostream& out, const Value& value);
 

@@ -5,6 +5,7 @@
 #include "kvx/Error.h"
 #include "kvx/Message.h"
 #include "kvx/Record.h"
+#include "kvx/RowStream.h"
 #include "kvx/Service.h"
 #include "kvx/ServiceName.h"
 #include "kvx/Value.h"

@@ -239,6 +239,62 @@ TEST_F(ClientTest, RefusesWhatCannotBeAsked) {
               "open: busy: a process has one client or service at a time");
 }
 
+// A client without a thread of its own, and a net that has one already.
+class OwnThreadTest : public ClientTest {
+  protected:
+    OwnThreadTest() { client.end(); }
+};
+
+TEST_F(OwnThreadTest, WaitsAndServesOnTheThreadThatCalls) {
+    startService();
+    auto here = Client::onThisThread(Client::Options());
+    ASSERT_TRUE(here) << here.error().message();
+    EXPECT_EQ(here->query("Links", "*")->size(), 2U);
+    auto stream = here->stream("Links", "core-1");
+    EXPECT_EQ((**stream.next()).get<std::string>("state"), "up");
+    EXPECT_FALSE(*stream.next());
+    EXPECT_EQ(here->query("Nobody", "*", 20ms).error().code, Errc::TimedOut);
+    std::vector<std::thread::id> heard;
+    const auto news = here->listen("NEWS", [&](const Delivery&) {
+        heard.push_back(std::this_thread::get_id());
+        EXPECT_EQ(here->query("Links", "*").error().code, Errc::InvalidArgument);
+        if (heard.size() == 2) std::thread([&] { here->end(); }).join();
+    });
+    EXPECT_TRUE(here->publish("NEWS", {}));
+    std::thread other([&] { EXPECT_TRUE(here->publish("NEWS", {})); });
+    EXPECT_TRUE(here->run());
+    other.join();
+    EXPECT_EQ(heard, (std::vector{std::this_thread::get_id(), std::this_thread::get_id()}));
+    EXPECT_EQ(here->query("Links", "*").error().code, Errc::Ended);
+}
+
+TEST_F(OwnThreadTest, TriesToReachTheDaemonBeforeItGivesUp) {
+    auto here = Client::onThisThread({.timeout = 500ms});
+    EXPECT_TRUE(here->connection().isThere);
+    const std::string listening = daemon.text();
+    daemon.kill();
+    EXPECT_EQ(here->query("Nobody", "*").error().code, Errc::Lost);
+    const Connection away = here->connection();
+    EXPECT_EQ(away.address, listening);
+    EXPECT_NE(away.why, "");
+    daemon.restart();
+    EXPECT_TRUE(eventually([&] { return here->publish("A", {}).has_value(); }));
+}
+
+TEST_F(OwnThreadTest, RidesOnANetAndLeavesItAlone) {
+    startService();
+    CVekClient net(0, "DEFAULT");
+    EXPECT_EQ(std::async(std::launch::async, [] { return Client::open().error().code; }).get(),
+              Errc::Busy);
+    for (int i = 0; i < 2; ++i) {
+        auto rider = Client::onThisThread(net, {});
+        ASSERT_TRUE(rider) << rider.error().message();
+        EXPECT_EQ(rider->query("Links", "core-1")->size(), 1U);
+        EXPECT_TRUE(rider->listen("A", [](const Delivery&) {}));
+    }
+    EXPECT_TRUE(rv_IsConnected(net.m_session->handle()));
+}
+
 TEST(Client, NamesTheDaemonThatIsNotThere) {
     const Home home("tcp:127.0.0.1:1");
     const auto client = Client::open();

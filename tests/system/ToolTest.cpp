@@ -81,6 +81,12 @@ TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {
         return once.output.find(R"({"service":"Model","subject":)") != std::string::npos;
     }));
     EXPECT_EQ(bus_.kvx({"services", "--wait", "1", "--watch"}).status, 2);
+    const auto twin = bus_.startModel(bus_.file("devices.csv", "name\ncore1\n"));
+    const Ended both = bus_.kvx({"services", "--wait", "0.5", "--json"});
+    const std::string warning = "kvx: warning: two answer on ZEMBRALIX.3.0.MODEL.QUERY: ";
+    EXPECT_NE(both.errors.find(warning), std::string::npos) << both.errors;
+    EXPECT_NE(both.output.find(R"("answerers":[")"), std::string::npos) << both.output;
+    EXPECT_EQ(both.status, 0);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// kvx query: send the query, collect the packets, decode and print.
+// kvx query: asks with a client on the program's own session, collects the rows and prints them.
 
 #include <fmt/format.h>
 
@@ -8,17 +8,14 @@
 #include <optional>
 #include <utility>
 
-#include "kvx/ServiceName.h"
+#include "kvx/Client.h"
 #include "platform/File.h"
-#include "platform/Memory.h"
 #include "platform/Text.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
 #include "tools/bus/Ticker.h"
-#include "tools/kvx/AnswerDecoder.h"
 #include "tools/kvx/Commands.h"
-#include "tools/kvx/Query.h"
 #include "tools/kvx/Rows.h"
 
 namespace kvx::tool {
@@ -38,33 +35,13 @@ std::string plural(std::uint64_t count, const char* word) {
 }
 
 // The summary line of an answer.
-std::string summary(const Rows& rows, const Query::Totals& totals, double seconds) {
+std::string summary(const Rows& rows, const AnswerTotals& totals, double seconds) {
     std::string text = plural(rows.size(), "row") + " in " + plural(totals.packets, "packet") +
                        ", " + bytesText(totals.plainBytes);
     if (totals.sentBytes != totals.plainBytes) {
         text += fmt::format(" sent as {}", bytesText(totals.sentBytes));
     }
     return text + fmt::format(", {:.3f} s", seconds);
-}
-
-std::string statusText(EVekStoreErrorStatus status) {
-    const kvx::Text text(CVekTransport::RTPrintError(status, ""));
-    std::string words = text ? text.get() : "";
-    // The text is between "( " and " )", with a leading blank.
-    if (words.size() > 5) words = words.substr(3, words.size() - 5);
-    return words;
-}
-
-const char* textField(const CVekBaseRecord& record, const char* name) {
-    const CVekAtom* value = record.RRGetValue(name);
-    return value != nullptr && value->RAType() == VEK_TYPE_STRING ? value->RAString() : nullptr;
-}
-
-long long integerField(const CVekBaseRecord& record, const char* name) {
-    const CVekAtom* value = record.RRGetValue(name);
-    const bool integer =
-        value != nullptr && (value->RAType() == VEK_TYPE_INT || value->RAType() == VEK_TYPE_INT64);
-    return integer ? value->RAInt64() : 0;
 }
 
 // Shows the line of the query with `position` (1-based), or a part of a long line, and a mark below
@@ -82,27 +59,17 @@ void pointAt(const std::string& text, long long position) {
                           std::string(displayWidth(text.substr(begin, place - begin)), ' ')));
 }
 
-int showRefusal(const QueryOptions& options, const Rows& rows, EVekStoreErrorStatus status) {
-    const char* reason = rows.size() == 1 ? textField(rows.at(0), "error") : nullptr;
-    if (reason == nullptr) {
-        bus::complain(fmt::format("{}: {}", options.service, statusText(status)));
-        return kFailure;
-    }
-    const long long position = integerField(rows.at(0), "position");
-    bus::complain(fmt::format("{}: {}{}", options.service, reason,
+int showRefusal(const QueryOptions& options, const QueryError& error) {
+    const auto position =
+        error.rows.size() == 1 ? error.rows.front().get<long long>("position").value_or(0) : 0;
+    bus::complain(fmt::format("{}: {}{}", options.service, error.text,
                               position > 0 ? fmt::format(" at position {}", position) : ""));
     pointAt(options.text, position);
     return kFailure;
 }
 
-int showAnswer(const QueryOptions& options, Query& query, double seconds) {
-    Rows rows(selectedColumns(options.text));
-    Decoded decoded = decodeAnswer(query.transport());
-    rows.add(std::move(decoded.records));
-    const EVekStoreErrorStatus status = query.transport().RTError();
-    if (status != STORE_COMPLETE && status != STORE_ZERO_MATCHES) {
-        return showRefusal(options, rows, status);
-    }
+int showAnswer(const QueryOptions& options, const Rows& rows, const AnswerTotals& totals,
+               double seconds) {
     const RowFormat format = options.connection.json ? RowFormat::Json : options.format;
     if (!options.quiet) rows.print(format, bus::print, platform::isTerminal(stdout));
     // Standard output has only the rows; the summary follows when they are written.
@@ -110,31 +77,57 @@ int showAnswer(const QueryOptions& options, Query& query, double seconds) {
     const auto tell = [&](const std::string& line) {
         format == RowFormat::Table ? bus::printLine(line) : bus::note(line + "\n");
     };
-    if (status == STORE_ZERO_MATCHES) tell(statusText(status));
-    tell(summary(rows, query.totals(), seconds));
-    if (decoded.bad == 0) return kSuccess;
-    bus::complain(plural(decoded.bad, "record") + " of the answer could not be read");
+    if (!totals.remark.empty()) tell(totals.remark);
+    tell(summary(rows, totals, seconds));
+    if (totals.unreadable == 0) return kSuccess;
+    bus::complain(plural(totals.unreadable, "record") + " of the answer could not be read");
     return kFailure;
 }
 
-int showSilence(const QueryOptions& options, bus::Client& client, const Query& query) {
-    if (!rv_IsConnected(client.session().handle())) {
-        bus::complain(fmt::format("no answer from {} without the bus daemon at {}", options.service,
-                                  client.daemon()));
-    } else if (query.isMixed()) {
-        bus::complain(fmt::format(
-            "mixed answers from {}: two have answered, or one twice; ask again", options.service));
-    } else if (query.totals().packets == 0) {
-        const bool isKnown = CVekServiceToSubjectMapper::ServiceStringToEnum(
-                                 options.service.c_str()) != SERV_UNKNOWN;
-        bus::complain(fmt::format(
-            "no answer from {} within {:g} s{}", options.service, options.timeoutSeconds,
-            isKnown ? ""
-                    : "; in the system's table no service is named '" + options.service + "'"));
-    } else {
-        bus::complain(fmt::format("the answer of {} stopped after {}", options.service,
-                                  plural(query.totals().packets, "packet")));
+std::string whySilent(const QueryOptions& options) {
+    const bool isKnown =
+        CVekServiceToSubjectMapper::ServiceStringToEnum(options.service.c_str()) != SERV_UNKNOWN;
+    return fmt::format(
+        "no answer from {} within {:g} s{}", options.service, options.timeoutSeconds,
+        isKnown ? "" : "; in the system's table no service is named '" + options.service + "'");
+}
+
+std::string whyUnanswered(const QueryOptions& options, const QueryError& error,
+                          const AnswerTotals& totals, const std::string& daemon) {
+    switch (error.code) {
+        case Errc::Lost:
+            return fmt::format("no answer from {} without the bus daemon at {}", options.service,
+                               daemon);
+        case Errc::MixedAnswers:
+            return fmt::format("mixed answers from {}: two have answered, or one twice; ask again",
+                               options.service);
+        case Errc::TimedOut:
+            return whySilent(options);
+        case Errc::Partial:
+            return fmt::format("the answer of {} stopped after {}: {}", options.service,
+                               plural(totals.packets, "packet"), error.text);
+        default:
+            return "the query could not be sent: " + error.text;
     }
+}
+
+// Asks, and shows the answer.
+int ask(const QueryOptions& options, bus::Client& bus, Client& client, const ServiceName& service) {
+    Rows rows(selectedColumns(options.text));
+    const auto begin = Clock::now();
+    RowStream answer = client.stream(service, options.text);
+    std::optional<bus::Progress> progress(std::in_place, bus.net(), [&] {
+        return fmt::format("waiting for {}, {} so far", options.service,
+                           plural(answer.totals().packets, "packet"));
+    });
+    auto row = answer.next();
+    for (; row && *row; row = answer.next()) rows.add(std::move(**row));
+    progress.reset();
+    const std::chrono::duration<double> spent = Clock::now() - begin;
+    const AnswerTotals totals = answer.totals();
+    if (!row && row.error().code == Errc::Refused) return showRefusal(options, row.error());
+    if (row || totals.isComplete) return showAnswer(options, rows, totals, spent.count());
+    bus::complain(whyUnanswered(options, row.error(), totals, bus.daemon()));
     return kFailure;
 }
 
@@ -147,29 +140,15 @@ int query(const QueryOptions& options) {
         return kUsage;
     }
     const auto timeoutMs = static_cast<unsigned long>(options.timeoutSeconds * 1000);
-    bus::Client client(options.connection, timeoutMs);
-    if (!client.isUp()) return kFailure;
-    Query question(client.net(), timeoutMs, [&] { client.leave(kSuccess); });
-    const auto begin = Clock::now();
-    std::optional<bus::Progress> progress;
-    bool isAsked = false;
-    client.leaveWithoutDaemon();
-    client.run([&] {
-        progress.emplace(client.net(), [&] {
-            return fmt::format("waiting for {}, {} so far", options.service,
-                               plural(question.totals().packets, "packet"));
-        });
-        isAsked = question.ask(service->querySubject(), options.text);
-        if (!isAsked) client.leave(kFailure);
-    });
-    progress.reset();
-    if (!isAsked) {
-        bus::complain("the query could not be sent");
-        return kFailure;
-    }
-    if (!question.isComplete()) return showSilence(options, client, question);
-    const std::chrono::duration<double> spent = Clock::now() - begin;
-    return showAnswer(options, question, spent.count());
+    bus::Client bus(options.connection, timeoutMs);
+    if (!bus.isUp()) return kFailure;
+    Client::Options asking;
+    asking.timeout = std::chrono::milliseconds(timeoutMs);
+    asking.onWarning = bus::complain;
+    auto client = Client::onThisThread(bus.net(), std::move(asking));
+    if (client) return ask(options, bus, *client, *service);
+    bus::complain(client.error().message());
+    return kFailure;
 }
 
 }  // namespace kvx::tool

@@ -118,9 +118,9 @@ std::string jsonValue(const CVekAtom* value) {
     return integer ? std::to_string(value->RAInt64()) : jsonString(valueText(value));
 }
 
-void Rows::add(std::vector<std::unique_ptr<CVekBaseRecord>> records) {
-    for (const auto& record : records) noteFields(*record);
-    std::move(records.begin(), records.end(), std::back_inserter(records_));
+void Rows::add(Record record) {
+    noteFields(record.base());
+    records_.push_back(std::move(record));
 }
 
 void Rows::noteFields(const CVekBaseRecord& record) {
@@ -167,7 +167,7 @@ void Rows::printTable(const std::vector<Column>& columns, const Write& write) co
     for (const auto& column : columns) {
         std::size_t widest = displayWidth(printable(column.heading));
         for (const auto& record : records_) {
-            widest = std::max(widest, displayWidth(value(*record, column)));
+            widest = std::max(widest, displayWidth(value(record.base(), column)));
         }
         widths.push_back(widest);
     }
@@ -182,7 +182,7 @@ void Rows::printTable(const std::vector<Column>& columns, const Write& write) co
     writeRow([&](std::size_t i) { return printable(columns[i].heading); });
     writeRow([&](std::size_t i) { return std::string(widths[i], '-'); });
     for (const auto& record : records_) {
-        writeRow([&](std::size_t i) { return value(*record, columns[i]); });
+        writeRow([&](std::size_t i) { return value(record.base(), columns[i]); });
     }
 }
 
@@ -198,7 +198,7 @@ void Rows::printJson(const std::vector<Column>& columns, const Write& write) con
             }
             if (line.size() > 1) line += ",";
             line += jsonString(column->heading) + ":" +
-                    jsonValue(record->RRGetValue(column->field.c_str()));
+                    jsonValue(record.base().RRGetValue(column->field.c_str()));
         }
         write(line + "}\n");
     }
@@ -217,8 +217,9 @@ void Rows::printCsv(const std::vector<Column>& columns, const Write& write,
     };
     writeRow([&](std::size_t i) { return columns[i].heading; });
     for (const auto& record : records_) {
-        writeRow(
-            [&](std::size_t i) { return valueText(record->RRGetValue(columns[i].field.c_str())); });
+        writeRow([&](std::size_t i) {
+            return valueText(record.base().RRGetValue(columns[i].field.c_str()));
+        });
     }
 }
 

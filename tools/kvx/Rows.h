@@ -2,12 +2,12 @@
 
 #include <cstddef>
 #include <functional>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "kvx/Record.h"
 #include "mom/mom.h"
 #include "tools/kvx/Commands.h"
 
@@ -33,10 +33,9 @@ class Rows {
 
     explicit Rows(std::vector<std::string> selected = {}) : selected_(std::move(selected)) {}
 
-    void add(std::vector<std::unique_ptr<CVekBaseRecord>> records);
+    void add(Record record);
 
     std::size_t size() const { return records_.size(); }
-    const CVekBaseRecord& at(std::size_t row) const { return *records_[row]; }
 
     /// Passes all rows to `write`, line by line with the line ends: an aligned table with a
     /// heading, one JSON object per line, or comma-separated values with a heading. A missing value
@@ -57,7 +56,7 @@ class Rows {
     void printCsv(const std::vector<Column>& columns, const Write& write, bool forTerminal) const;
 
     const std::vector<std::string> selected_;
-    std::vector<std::unique_ptr<CVekBaseRecord>> records_;
+    std::vector<Record> records_;
     std::vector<std::string> fields_;  // of all records, in order of first appearance
 };
 

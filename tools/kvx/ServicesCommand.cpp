@@ -7,13 +7,11 @@
 
 #include <fmt/format.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <memory>
 #include <optional>
-#include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -25,9 +23,9 @@
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
 #include "tools/bus/Ticker.h"
+#include "tools/kvx/AnswerProbe.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/DatumJson.h"
-#include "tools/kvx/Query.h"
 #include "tools/kvx/ServicesView.h"
 
 namespace kvx::tool {
@@ -38,8 +36,6 @@ constexpr unsigned long kTickMs = 1000;
 constexpr const char* kClearScreen = "\033[H\033[2J";
 constexpr const char* kNoWrap = "\033[?7l";
 constexpr const char* kWrap = "\033[?7h";
-
-constexpr const char* kProbeText = "select * from services limit 0";
 
 using Repeat = bus::Ticker::Repeat;
 
@@ -53,65 +49,6 @@ Colour colourOfOutput() {
     return refused || !platform::isTerminal(stdout) ? Colour::Never : Colour::Missing;
 }
 
-// Sends one harmless query to every service's query subject; any answer, rows or a refusal, counts.
-// Main thread only.
-class AnswerProbe {
-  public:
-    // `net` must outlive this object. An answer counts when it is complete within `waitMs`.
-    AnswerProbe(CVekRvNet& net, unsigned long waitMs);
-
-    // Sends the queries; call it once the main loop runs.
-    void ask();
-
-    // The services that have answered so far, in the order of the table of names.
-    std::vector<Answer> answers() const;
-
-  private:
-    using Clock = std::chrono::steady_clock;
-    struct Probe {
-        Answer answer;
-        std::unique_ptr<Query> query;
-    };
-
-    void add(CVekRvNet& net, const char* name, const char* subject, unsigned long waitMs);
-
-    std::deque<Probe> probes_;  // a deque, since the queries' callbacks point into it
-    Clock::time_point begin_;
-};
-
-AnswerProbe::AnswerProbe(CVekRvNet& net, unsigned long waitMs) {
-    std::set<std::string> subjects;
-    for (const auto& service : CVekServiceToSubjectMapper::ms_ServiceEnumMap) {
-        const char* subject = CVekServiceToSubjectMapper::ServiceEnumToQuerySubject(service.value);
-        if (subjects.insert(subject).second) add(net, service.name, subject, waitMs);
-    }
-}
-
-void AnswerProbe::add(CVekRvNet& net, const char* name, const char* subject, unsigned long waitMs) {
-    Probe& probe = probes_.emplace_back();
-    probe.answer = {name, subject, 0};
-    probe.query = std::make_unique<Query>(net, waitMs, [this, &probe] {
-        const std::chrono::duration<double, std::milli> spent = Clock::now() - begin_;
-        probe.answer.milliseconds = spent.count();
-    });
-}
-
-void AnswerProbe::ask() {
-    begin_ = Clock::now();
-    // A query that cannot be sent counts as not answered.
-    for (auto& probe : probes_) {
-        static_cast<void>(probe.query->ask(probe.answer.subject, kProbeText));
-    }
-}
-
-std::vector<Answer> AnswerProbe::answers() const {
-    std::vector<Answer> given;
-    for (const auto& probe : probes_) {
-        if (probe.query->isComplete()) given.push_back(probe.answer);
-    }
-    return given;
-}
-
 // The beats received so far, and the two ways of showing them.
 class Services {
   public:
@@ -121,17 +58,19 @@ class Services {
     [[nodiscard]] bool listen() { return listener_.listen(client_.net()); }
 
     int lookOnce(unsigned long waitMs) {
-        AnswerProbe probe(client_.net(), waitMs);
+        AnswerProbe probe(client_.net());
         std::unique_ptr<bus::Ticker> end;
         std::optional<bus::Progress> progress;
         const Milliseconds until = platform::monotonicMs() + static_cast<Milliseconds>(waitMs);
         client_.leaveWithoutDaemon();
         const int status = client_.runUntilSignal([&] {
-            probe.ask();
+            probe.askAll();
+            asked_ = &probe;
             end = ticker(waitMs, Repeat::Once, [this] { client_.leave(kSuccess); });
             progress.emplace(client_.net(), [this, until] { return progressText(until); });
         });
         progress.reset();
+        asked_ = nullptr;
         print(probe.answers());
         return status;
     }
@@ -177,6 +116,9 @@ class Services {
             printLines(answerLines(answers));
         }
         if (services.empty()) bus::complain("no service was heard");
+        for (const auto& answer : answers) {
+            if (answer.answerers.size() > 1) bus::complain(warningOf(answer));
+        }
     }
 
     void redraw() {
@@ -203,14 +145,23 @@ class Services {
         }
     }
 
+    // A name that the system's table lacks is known only from its beats.
+    void hear(std::span<const unsigned char> packet) {
+        if (!table_.hear(packet, platform::monotonicMs()) || asked_ == nullptr) return;
+        const auto beat = beats::readBeat(packet);
+        if (beat && beat->domain == options_.connection.domainOrDefault()) {
+            asked_->ask(beat->service);
+        }
+    }
+
     static constexpr Milliseconds kHalfSecond = 500;
 
     bus::Client& client_;
     const ServicesOptions& options_;
     const Colour colour_ = colourOfOutput();
     beats::BeatTable table_;
-    beats::BeatListener listener_{
-        [this](auto packet) { table_.hear(packet, platform::monotonicMs()); }};
+    beats::BeatListener listener_{[this](auto packet) { hear(packet); }};
+    AnswerProbe* asked_ = nullptr;  // while a look lasts
     ServiceChanges changes_;
     bool headed_ = false;
 };

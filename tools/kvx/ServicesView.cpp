@@ -60,8 +60,17 @@ std::vector<std::string> answerLines(const std::vector<Answer>& answers) {
 }
 
 std::string answerAsJson(const Answer& answer) {
-    return fmt::format(R"({{"service":{},"subject":{},"milliseconds":{:.1f}}})",
-                       jsonString(answer.service), jsonString(answer.subject), answer.milliseconds);
+    std::vector<std::string> answerers;
+    for (const auto& inbox : answer.answerers) answerers.push_back(jsonString(inbox));
+    return fmt::format(R"({{"service":{},"subject":{},"milliseconds":{:.1f},"answerers":[{}]}})",
+                       jsonString(answer.service), jsonString(answer.subject), answer.milliseconds,
+                       fmt::join(answerers, ","));
+}
+
+std::string warningOf(const Answer& answer) {
+    const std::size_t count = answer.answerers.size();
+    return fmt::format("warning: {} answer on {}: {}", count == 2 ? "two" : std::to_string(count),
+                       answer.subject, fmt::join(answer.answerers, ", "));
 }
 
 std::vector<std::size_t> ServiceChanges::since(const std::vector<beats::Service>& services,

@@ -25,12 +25,17 @@ struct Answer {
     std::string service;
     std::string subject;
     double milliseconds = 0;
+    /// The inboxes of the members that answered; "-" for one without.
+    std::vector<std::string> answerers;
 };
 
 /// The table of answering services as lines, the heading first; none without an answer.
 std::vector<std::string> answerLines(const std::vector<Answer>& answers);
 
 std::string answerAsJson(const Answer& answer);
+
+/// "warning: two answer on SUBJECT: INBOX, INBOX", of an answer with several answerers.
+std::string warningOf(const Answer& answer);
 
 /// Finds the services that have changed since the last call: new, silent, back, or with another
 /// role.

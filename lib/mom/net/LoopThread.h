@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include "platform/Export.h"
+
 namespace kvx {
 
 /// Claims the process's shared event manager, which only one thread may use, for the calling
@@ -9,6 +11,6 @@ namespace kvx {
 ///
 /// Returns a token that holds the claim, or null while another owner has a claim of another thread.
 /// A later claim of one owner moves its earlier ones to its thread.
-std::shared_ptr<const void> claimLoopThread(const void* owner);
+KVX_API std::shared_ptr<const void> claimLoopThread(const void* owner);
 
 }  // namespace kvx

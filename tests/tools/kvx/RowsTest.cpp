@@ -7,11 +7,11 @@ namespace {
 
 using Values = std::vector<std::pair<const char*, const char*>>;
 
-std::unique_ptr<CVekBaseRecord> record(const Values& values, long long number) {
+Record record(const Values& values, long long number) {
     auto made = std::make_unique<CVekBaseRecord>();
     for (const auto& [name, value] : values) made->RRAddOrSetValue(name, new CVekAtom(value));
     if (number != 0) made->RRAddOrSetValue("n", new CVekAtom(number));
-    return made;
+    return Record(std::move(made));
 }
 
 std::string printed(const Rows& rows, RowFormat format, bool forTerminal = false) {
@@ -22,11 +22,9 @@ std::string printed(const Rows& rows, RowFormat format, bool forTerminal = false
 }
 
 TEST(Rows, PrintInEveryFormatWithMissingValuesEmpty) {
-    std::vector<std::unique_ptr<CVekBaseRecord>> records;
-    records.push_back(record({{"name", "caf\xc3\xa9"}, {"site", "a,b"}}, 5));
-    records.push_back(record({{"name", "\x1b[31m\""}}, 0));
     Rows rows;
-    rows.add(std::move(records));
+    rows.add(record({{"name", "caf\xc3\xa9"}, {"site", "a,b"}}, 5));
+    rows.add(record({{"name", "\x1b[31m\""}}, 0));
     EXPECT_EQ(printed(rows, RowFormat::Table),
               "name    site  n\n------  ----  -\ncaf\xc3\xa9    a,b   5\n [31m\"        \n");
     EXPECT_EQ(printed(rows, RowFormat::Json),
@@ -42,10 +40,8 @@ TEST(Rows, HaveTheColumnsThatWereSelectedWhateverTheyHold) {
     EXPECT_EQ(printed(rows, RowFormat::Csv), "n,Site,from,n\n");
     EXPECT_EQ(printed(rows, RowFormat::Table), "n  Site  from  n\n-  ----  ----  -\n");
     EXPECT_EQ(printed(rows, RowFormat::Json), "");
-    std::vector<std::unique_ptr<CVekBaseRecord>> records;
-    records.push_back(record({{"more", "x"}, {"site", "here"}}, 5));
-    records.push_back(record({{"from", "f"}}, 0));
-    rows.add(std::move(records));
+    rows.add(record({{"more", "x"}, {"site", "here"}}, 5));
+    rows.add(record({{"from", "f"}}, 0));
     EXPECT_EQ(printed(rows, RowFormat::Csv), "n,Site,from,n\n5,here,,5\n,,f,\n");
     EXPECT_EQ(printed(rows, RowFormat::Json),
               "{\"n\":5,\"Site\":\"here\",\"from\":null}\n"

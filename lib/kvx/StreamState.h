@@ -1,0 +1,73 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "kvx/Exchange.h"
+#include "kvx/RowStream.h"
+
+namespace kvx {
+
+/// What a stream and the exchange that fills it share.
+class RowStream::State : public std::enable_shared_from_this<RowStream::State> {
+  public:
+    State(std::shared_ptr<detail::ClientLoop> loop, std::string what)
+        : tried(std::move(what)), loop_(std::move(loop)) {}
+
+    tl::expected<std::optional<Record>, QueryError> next();
+    void cancel();
+    [[nodiscard]] AnswerTotals totals() const;
+
+    void add(detail::Packets packets, const AnswerTotals& totals);
+    /// The first one counts; `drops` what has not been taken yet.
+    void end(std::optional<QueryError> error, bool drops);
+
+    const std::string tried;
+    detail::AnswerExchange* exchange = nullptr;  // loop thread only; null when it has finished
+
+  private:
+    [[nodiscard]] bool isReady() const;
+    /// The next packets; nothing at the end.
+    std::optional<detail::Packets> waitForPackets();
+
+    const std::shared_ptr<detail::ClientLoop> loop_;
+
+    // The reading thread's: the rows of the packets that were taken last.
+    Rows rows_;
+    std::size_t place_ = 0;
+
+    std::atomic<bool> isCancelled_{false};
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    // Guarded by mutex_.
+    std::deque<detail::Packets> ready_;
+    bool isEnded_ = false;
+    std::optional<QueryError> error_;
+    AnswerTotals totals_;
+};
+
+/// The loop's side of a stream, which it ends when it is dropped.
+class RowStream::Sink final : public detail::AnswerSink {
+  public:
+    explicit Sink(std::shared_ptr<State> state) : state_(std::move(state)) {}
+    ~Sink() override { end(detail::ended(state_->tried)); }
+
+    void filledBy(detail::AnswerExchange* exchange) override { state_->exchange = exchange; }
+    std::size_t take(detail::Packets packets, const AnswerTotals& totals) override {
+        state_->add(std::move(packets), totals);
+        return 0;
+    }
+    void end(std::optional<QueryError> error) override { state_->end(std::move(error), false); }
+
+  private:
+    const std::shared_ptr<State> state_;
+};
+
+}  // namespace kvx
