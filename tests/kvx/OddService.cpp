@@ -9,10 +9,11 @@
 
 #include "kvx/kvx.h"
 
-int main(int argc, char**) {
-    // With an argument the main thread answers.
-    auto service = kvx::Service::open(
-        "Odd", {.threads = argc > 1 ? 0 : 2, .patience = std::chrono::seconds(2)});
+int main(int argc, char** argv) {
+    // Arguments: threads, and seconds of patience.
+    const int threads = argc > 1 ? std::atoi(argv[1]) : 2;
+    const std::chrono::seconds patience(argc > 2 ? std::atoi(argv[2]) : 60);
+    auto service = kvx::Service::open("Odd", {.threads = threads, .patience = patience});
     if (!service) return 2;
     service->onQuery([&](const kvx::Question& question, kvx::Reply& reply) {
         for (int left = std::atoi(question.text.c_str()); left > 1; --left) {
