@@ -135,6 +135,8 @@ bool isSuccess(EVekStoreErrorStatus status) {
     return status == STORE_COMPLETE || status == STORE_ZERO_MATCHES;
 }
 
+}  // namespace
+
 void append(Packets& all, Packets& more) {
     if (all.rows.empty()) {
         all.rows = std::move(more.rows);
@@ -144,8 +146,6 @@ void append(Packets& all, Packets& more) {
     all.count += more.count;
     all.cost += more.cost;
 }
-
-}  // namespace
 
 Answer::State Answer::take(const RvDatum& data, bool isConversation) {
     const auto atom = packetOf(data);

@@ -19,6 +19,9 @@ struct Packets {
     std::size_t cost = 0;  ///< of the bound
 };
 
+/// Moves `more` behind `all`.
+void append(Packets& all, Packets& more);
+
 /// The packets of one answer, until they are 1 to N, each once. One thread at a time.
 ///
 /// Each is decoded when it comes. A hostile answer costs no more than the bound.

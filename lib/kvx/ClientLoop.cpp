@@ -99,7 +99,10 @@ void ClientLoop::runUntil(const std::function<bool()>& isDone) {
     const auto self = shared_from_this();
     begin_ = std::chrono::steady_clock::now();
     isRunning_ = true;
-    while (!isEnding() && !isDone()) net->RRNDoIt();
+    while (!isEnding() && !isDone()) {
+        isWoken_ = false;
+        net->RRNDoIt();
+    }
     isRunning_ = false;
     if (isEnding()) close();
 }

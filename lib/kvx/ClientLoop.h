@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "kvx/Client.h"
 #include "mom/mom.h"
@@ -57,7 +58,7 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
 
     /// What the caller of `runUntil` waits for may be there. Loop thread.
     void wakeCaller() {
-        if (isRunning_) net->RRNStopLoop();
+        if (isRunning_ && !std::exchange(isWoken_, true)) net->RRNStopLoop();
     }
 
     /// Waits until `isDone` with the loop's help where the calling thread has to run it, else with
@@ -120,6 +121,7 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
     bool isHere_ = false;              // constant after the start: without a thread of its own
     std::unique_ptr<CVekClient> own_;  // loop thread only; null when the net was given
     std::chrono::steady_clock::time_point begin_;  // of runUntil; loop thread only
+    bool isWoken_ = false;                         // loop thread only: runUntil looks again
     std::atomic<bool> isRunning_{false};           // in runUntil; written by the loop thread
     std::atomic<std::thread::id> loopThread_{};
     std::latch gone_{1};

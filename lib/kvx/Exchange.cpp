@@ -123,7 +123,7 @@ void AnswerExchange::take(const RvDatum& data, const std::string& from) {
     Packets next = answer_.takeNext();
     passed_ += next.count;
     const std::size_t taken = sink_->take(std::move(next), answer_.totals());
-    loop().wakeCaller();
+    if (taken == 0) loop().wakeCaller();
     switch (state) {
         case Answer::State::Foreign:
             return;

@@ -3,6 +3,9 @@
 
 #include "kvx/RowStream.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "kvx/StreamState.h"
 
 namespace kvx {
@@ -27,6 +30,10 @@ tl::expected<std::optional<Record>, QueryError> RowStream::next() {
     return state_->next();
 }
 
+QueryResult RowStream::rest() {
+    return state_->rest();
+}
+
 void RowStream::cancel() {
     state_->cancel();
 }
@@ -44,26 +51,62 @@ tl::expected<std::optional<Record>, QueryError> RowStream::State::next() {
             if (error_) return tl::unexpected(*error_);
             return std::optional<Record>();
         }
+        tellTaken(*packets);
         rows_ = std::move(packets->rows);
         place_ = 0;
-        loop_->post([self = shared_from_this(), count = packets->count, cost = packets->cost] {
-            if (self->exchange != nullptr) self->exchange->took(count, cost);
-        });
     }
     return std::move(rows_[place_++]);
 }
 
-bool RowStream::State::isReady() const {
+QueryResult RowStream::State::rest() {
+    if (!loop_->mayWait()) return tl::unexpected(detail::waitsForItself(tried));
+    detail::Packets all;
+    if (!isCancelled_) {
+        std::move(rows_.begin() + static_cast<std::ptrdiff_t>(place_), rows_.end(),
+                  std::back_inserter(all.rows));
+    }
+    place_ = rows_.size();
+    const auto takeReady = [&] {
+        for (detail::Packets& packets : ready_) append(all, packets);
+        ready_.clear();
+    };
+    {
+        const std::lock_guard guard(mutex_);
+        takesAll_ = true;
+        takeReady();
+    }
+    tellTaken(all);
+    waitUntilReady();
     const std::lock_guard guard(mutex_);
-    return !ready_.empty() || isEnded_;
+    takeReady();
+    if (!error_) return std::move(all.rows);
+    QueryError error = *error_;
+    std::ranges::move(error.rows, std::back_inserter(all.rows));
+    error.rows = std::move(all.rows);
+    return tl::unexpected(std::move(error));
+}
+
+void RowStream::State::tellTaken(const Packets& packets) {
+    loop_->post([self = shared_from_this(), count = packets.count, cost = packets.cost] {
+        if (self->exchange != nullptr && count != 0) self->exchange->took(count, cost);
+    });
+}
+
+void RowStream::State::waitUntilReady() {
+    const auto isReady = [this] { return isEnded_ || (!takesAll_ && !ready_.empty()); };
+    const auto block = [&] {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, isReady);
+    };
+    const auto look = [&] {
+        const std::lock_guard guard(mutex_);
+        return isReady();
+    };
+    loop_->wait(look, block);
 }
 
 std::optional<Packets> RowStream::State::waitForPackets() {
-    loop_->wait([this] { return isReady(); },
-                [this] {
-                    std::unique_lock lock(mutex_);
-                    changed_.wait(lock, [this] { return !ready_.empty() || isEnded_; });
-                });
+    waitUntilReady();
     const std::lock_guard guard(mutex_);
     if (ready_.empty()) return std::nullopt;
     Packets packets = std::move(ready_.front());
@@ -83,12 +126,12 @@ AnswerTotals RowStream::State::totals() const {
     return totals_;
 }
 
-void RowStream::State::add(Packets packets, const AnswerTotals& totals) {
+bool RowStream::State::add(Packets packets, const AnswerTotals& totals) {
     const std::lock_guard guard(mutex_);
     totals_ = totals;
-    if (packets.count == 0 || isEnded_) return;
-    ready_.push_back(std::move(packets));
-    changed_.notify_all();
+    if (packets.count != 0 && !isEnded_) ready_.push_back(std::move(packets));
+    if (!takesAll_) changed_.notify_all();
+    return takesAll_;
 }
 
 void RowStream::State::end(std::optional<QueryError> error, bool drops) {

@@ -52,6 +52,9 @@ class KVX_API RowStream {
     /// calls.
     [[nodiscard]] tl::expected<std::optional<Record>, QueryError> next();
 
+    /// Waits for all rows that are left, as `Client::query` does; for answers that may be kept.
+    [[nodiscard]] QueryResult rest();
+
     /// Ends the answer, at the service too: what is left of it is dropped, and `next`, also one
     /// that waits, gives `Ended`. Changes nothing after the end. Any thread.
     void cancel();

@@ -21,10 +21,12 @@ class RowStream::State : public std::enable_shared_from_this<RowStream::State> {
         : tried(std::move(what)), loop_(std::move(loop)) {}
 
     tl::expected<std::optional<Record>, QueryError> next();
+    QueryResult rest();
     void cancel();
     [[nodiscard]] AnswerTotals totals() const;
 
-    void add(detail::Packets packets, const AnswerTotals& totals);
+    /// Whether they are taken at once, since they are all waited for.
+    bool add(detail::Packets packets, const AnswerTotals& totals);
     /// The first one counts; `drops` what has not been taken yet.
     void end(std::optional<QueryError> error, bool drops);
 
@@ -32,9 +34,10 @@ class RowStream::State : public std::enable_shared_from_this<RowStream::State> {
     detail::AnswerExchange* exchange = nullptr;  // loop thread only; null when it has finished
 
   private:
-    [[nodiscard]] bool isReady() const;
+    void waitUntilReady();
     /// The next packets; nothing at the end.
     std::optional<detail::Packets> waitForPackets();
+    void tellTaken(const detail::Packets& packets);
 
     const std::shared_ptr<detail::ClientLoop> loop_;
 
@@ -48,6 +51,7 @@ class RowStream::State : public std::enable_shared_from_this<RowStream::State> {
     std::condition_variable changed_;
     // Guarded by mutex_.
     std::deque<detail::Packets> ready_;
+    bool takesAll_ = false;  // `ready_` counts only at the end
     bool isEnded_ = false;
     std::optional<QueryError> error_;
     AnswerTotals totals_;
@@ -61,8 +65,8 @@ class RowStream::Sink final : public detail::AnswerSink {
 
     void filledBy(detail::AnswerExchange* exchange) override { state_->exchange = exchange; }
     std::size_t take(detail::Packets packets, const AnswerTotals& totals) override {
-        state_->add(std::move(packets), totals);
-        return 0;
+        const std::size_t count = packets.count;
+        return state_->add(std::move(packets), totals) ? count : 0;
     }
     void end(std::optional<QueryError> error) override { state_->end(std::move(error), false); }
 

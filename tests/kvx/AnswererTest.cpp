@@ -163,6 +163,25 @@ TEST_F(ConversationTest, GrantsWhatIsTakenAndNoMore) {
     EXPECT_EQ(stream.next().error().text, "cancelled");
 }
 
+TEST_F(ConversationTest, GrantsAsItComesWhereAllIsWaitedFor) {
+    auto stream = client.stream(links, "*");
+    first.hear();
+    first.send(sent[0]);
+    EXPECT_EQ(number(stream), 0);
+    auto rest = std::async(std::launch::async, [&] { return stream.rest(); });
+    EXPECT_EQ(first.take(), 65U);
+    for (std::size_t i = 1; i < 65; ++i) first.send(sent[i]);
+    EXPECT_EQ(first.take(), 34U + 64U);
+    for (std::size_t i = 65; i < 98; ++i) first.send(sent[i]);
+    EXPECT_EQ(first.take(), 67U + 64U);
+    for (std::size_t i = 98; i < 130; ++i) first.send(sent[i]);
+    first.send(sent[129]);
+    const QueryResult rows = rest.get();
+    ASSERT_FALSE(rows);
+    EXPECT_EQ(rows.error().code, Errc::MixedAnswers);
+    EXPECT_EQ(rows.error().rows.size(), 129U);
+}
+
 TEST_F(ConversationTest, EndsAnAnswerThatIsNoneAnyMore) {
     auto late = client.queryAsync(links, "*", 100ms);
     first.hear();

@@ -113,22 +113,24 @@ std::string whyUnanswered(const QueryOptions& options, const QueryError& error,
 
 // Asks, and shows the answer.
 int ask(const QueryOptions& options, bus::Client& bus, Client& client, const ServiceName& service) {
-    Rows rows(selectedColumns(options.text));
     const auto begin = Clock::now();
     RowStream answer = client.stream(service, options.text);
     std::optional<bus::Progress> progress(std::in_place, bus.net(), [&] {
         return fmt::format("waiting for {}, {} so far", options.service,
                            plural(answer.totals().packets, "packet"));
     });
-    auto row = answer.next();
-    for (; row && *row; row = answer.next()) rows.add(std::move(**row));
+    QueryResult all = answer.rest();
     progress.reset();
     const std::chrono::duration<double> spent = Clock::now() - begin;
     const AnswerTotals totals = answer.totals();
-    if (!row && row.error().code == Errc::Refused) return showRefusal(options, row.error());
-    if (row || totals.isComplete) return showAnswer(options, rows, totals, spent.count());
-    bus::complain(whyUnanswered(options, row.error(), totals, bus.daemon()));
-    return kFailure;
+    if (!all && all.error().code == Errc::Refused) return showRefusal(options, all.error());
+    if (!all && !totals.isComplete) {
+        bus::complain(whyUnanswered(options, all.error(), totals, bus.daemon()));
+        return kFailure;
+    }
+    Rows rows(selectedColumns(options.text));
+    for (Record& record : all ? *all : all.error().rows) rows.add(std::move(record));
+    return showAnswer(options, rows, totals, spent.count());
 }
 
 }  // namespace
