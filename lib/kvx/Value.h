@@ -52,6 +52,9 @@ class KVX_API Value {
         return value;
     }
 
+    /// The buffer of a message, uncopied; empty for any other kind.
+    [[nodiscard]] Bytes messageBuffer() const { return kind_ == Kind::Message ? bytes() : Bytes(); }
+
     [[nodiscard]] constexpr Kind kind() const { return kind_; }
     [[nodiscard]] constexpr bool isNull() const { return kind_ == Kind::Null; }
 

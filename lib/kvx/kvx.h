@@ -1,6 +1,8 @@
 #pragma once
 
-/// Everything of the room: services and clients in a few lines.
+/// Everything of the room: services and clients in a few lines. A C program gets the C interface.
+#include "kvx/CInterface.h"
+#ifdef __cplusplus
 #include "kvx/Client.h"
 #include "kvx/Error.h"
 #include "kvx/Message.h"
@@ -9,3 +11,4 @@
 #include "kvx/Service.h"
 #include "kvx/ServiceName.h"
 #include "kvx/Value.h"
+#endif

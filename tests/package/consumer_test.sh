@@ -30,6 +30,10 @@ read -r -a flags < <(pkg-config --cflags --libs kvxmom)
 "$compiler" -std=c++20 "$here/consumer/main.cpp" -o "$work/consumer" "${flags[@]}"
 [ "$(LD_LIBRARY_PATH=$libdir "$work/consumer")" = "home: $work/prefix" ]
 
+echo "from C"
+cc -std=c99 -Wall -Wextra -Werror -pedantic "$here/../kvx/CProgram.c" -o "$work/in_c" "${flags[@]}"
+LD_LIBRARY_PATH=$libdir "$work/in_c" null
+
 echo "every installed program starts, and the units start them"
 for program in rvd kvx modeld; do "$work/prefix/bin/$program" --version; done
 "$work/prefix/bin/rva" -version

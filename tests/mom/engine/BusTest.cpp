@@ -87,6 +87,7 @@ TEST_F(Bus, AnEngineJoinsItsGroupAgainAsBackupAndLeavesNothingBehind) {
     EXPECT_EQ(engine.RELeaveGroup(), 1);
     EXPECT_EQ(told, std::vector<bool>{false});
     EXPECT_EQ(engine.m_ftSession, nullptr);
+    EXPECT_EQ(engine.REIsFresh(), TRUE) << "without a group";
     EXPECT_EQ(engine.REInitSession(), 1);
     EXPECT_NE(engine.m_ftMemberId, nullptr);
     outputOf([&] { VekGetActivates(nullptr, "grp", RVFT_ACTIVATE, &engine); });
@@ -96,4 +97,6 @@ TEST_F(Bus, AnEngineJoinsItsGroupAgainAsBackupAndLeavesNothingBehind) {
     EXPECT_EQ(engine.REIsActive(), FALSE);
     EXPECT_EQ(engine.m_heartbeat->m_level, HB_BACKUP);
     EXPECT_EQ(engine.m_listeners->RTLLength(), listeners);
+    EXPECT_EQ(engine.REIsFresh(), FALSE) << "not heard back yet";
+    EXPECT_TRUE(runUntil(engine, [&] { return engine.REIsFresh() == TRUE; }));
 }
