@@ -92,9 +92,10 @@ class KVX_API Client {
 
     /// The same without a thread: the calling one is the client's, and must destroy it. The loop
     /// runs while a call of that thread waits, and in `run`; only then are functions called,
-    /// futures satisfied and other threads served, whose calls wait for it; time-outs count while it
-    /// runs. A daemon closes the connection of one that does not for ten minutes. While the daemon
-    /// is away, a call of that thread first tries to reach it, for the time-out of the options.
+    /// futures satisfied and other threads served, whose calls wait for it; time-outs count while
+    /// it runs. A daemon closes the connection of one that does not for ten minutes. While the
+    /// daemon is away, a call of that thread first tries to reach it, for the time-out of the
+    /// options.
     static Result<Client> onThisThread(Options options);
     /// On the session of `net`, whose main thread this is, in place of one of its own: its address
     /// and domain count, not those of the options. `net` must outlive the client. Calls that wait
