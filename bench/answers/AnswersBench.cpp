@@ -19,6 +19,7 @@
 #include "kvx/kvx.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Daemon.h"
+#include "tests/support/Home.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {

@@ -1,6 +1,7 @@
 #include "kvx/Answers.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -14,6 +15,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 constexpr std::uint32_t kAll = std::numeric_limits<std::uint32_t>::max();
+constexpr std::size_t kHalf = Answers::kMostAhead / 2;
 constexpr const char* kNotTaken = "the rows were not taken in time";
 
 }  // namespace
@@ -57,14 +59,14 @@ bool OpenAnswer::isWanted() const {
     return !isEnded_;
 }
 
-void OpenAnswer::add(std::unique_ptr<RvMsg> packet, bool isLast) {
+void OpenAnswer::add(std::vector<std::unique_ptr<RvMsg>> packets, bool areLast) {
     bool isNew = false;
     {
         const std::lock_guard lock(owner_.mutex_);
         if (isEnded_) return;
-        packets_.push_back(std::move(packet));
-        ++owner_.packets_;
-        isFinished_ = isLast;
+        owner_.packets_ += packets.size();
+        std::ranges::move(packets, std::back_inserter(packets_));
+        isFinished_ = areLast;
         isNew = owner_.makeReady(*this);
     }
     if (isNew) owner_.engine_.REWakeSendSource();
@@ -77,7 +79,7 @@ bool OpenAnswer::isFull() const {
 
 void OpenAnswer::waitForRoom() {
     std::unique_lock lock(owner_.mutex_);
-    changed_.wait(lock, [this] { return isEnded_ || packets_.size() < Answers::kMostAhead; });
+    changed_.wait(lock, [this] { return isEnded_ || packets_.size() <= kHalf; });
 }
 
 // --- All answers -------------------------------------------------------------------------------
@@ -131,7 +133,7 @@ std::unique_ptr<CVekSendQueueItem> Answers::next() {
         answer->moved_ = Clock::now();
         makeReady(*answer);
         if (answer->isFinished_ && answer->packets_.empty()) forget(*answer);
-        answer->changed_.notify_all();
+        if (answer->packets_.size() == kHalf) answer->changed_.notify_all();
         return std::make_unique<OpenAnswer::Item>(answer, std::move(packet));
     }
     return nullptr;

@@ -14,6 +14,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "kvx/Conversation.h"
 #include "mom/mom.h"
@@ -36,13 +37,13 @@ class OpenAnswer : public std::enable_shared_from_this<OpenAnswer> {
     /// Whether somebody still waits for it. Any thread.
     [[nodiscard]] bool isWanted() const;
 
-    /// Adds the next packet; the last one finishes it. Never waits.
-    void add(std::unique_ptr<RvMsg> packet, bool isLast);
+    /// Adds the next packets; the last ones finish it. Never waits.
+    void add(std::vector<std::unique_ptr<RvMsg>> packets, bool areLast);
 
     /// Whether it is as far ahead of its querier as it may be.
     [[nodiscard]] bool isFull() const;
 
-    /// Waits until it is not, or is wanted no longer.
+    /// Waits until it is half as far, or is wanted no longer.
     void waitForRoom();
 
   private:
@@ -71,7 +72,7 @@ class OpenAnswer : public std::enable_shared_from_this<OpenAnswer> {
 class Answers : private RvDataCallback, private RvTimerCallback {
   public:
     /// Packets that are made ahead of a querier.
-    static constexpr std::size_t kMostAhead = 16;
+    static constexpr std::size_t kMostAhead = 32;
     /// How often it looks for answers that nobody takes.
     static constexpr std::chrono::milliseconds kLook{100};
     /// A querier that has taken nothing for so long gives way when others wait for a place.

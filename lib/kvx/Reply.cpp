@@ -3,6 +3,7 @@
 
 #include "kvx/Reply.h"
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -77,12 +78,13 @@ bool Reply::isWanted() const {
 // An answer that lacks a row must not look whole.
 bool Reply::State::add(const Record& record) {
     if (status_ != STORE_COMPLETE) return false;
-    if (!detail::addTo(*rowsToPack_, record)) {
+    if (!detail::addTo(*open_, record)) {
         refuse(reason(kNoEncoding), STORE_PERMISSION_DENIED);
         return false;
     }
-    if (++rows_ < rowsOfPacket()) return true;
-    seal();
+    if (++rows_ < rowsOfBlock()) return true;
+    closeBlock();
+    while (blocks_.size() > kMostBlocks) takeBlock();
     giveWay();
     return isWanted() && status_ == STORE_COMPLETE;
 }
@@ -90,67 +92,69 @@ bool Reply::State::add(const Record& record) {
 void Reply::State::refuse(const Record& why, EVekStoreErrorStatus status) {
     if (status_ != STORE_COMPLETE) return;
     status_ = status;
+    blocks_.clear();
     sealed_ -= static_cast<std::int64_t>(held_.size());
     held_.clear();
-    rowsToPack_.emplace(nullptr);
+    open_ = newBlock();
+    rows_ = detail::addTo(*open_, why) ? 1 : 0;
+}
+
+// The rows that are collected become a packet, soon.
+void Reply::State::closeBlock() {
     rows_ = 0;
-    if (detail::addTo(*rowsToPack_, why)) ++rows_;
+    if (worker_ == nullptr || version_ != VEK_TRANS_V1) return hold(detail::pack(*open_, version_));
+    blocks_.push_back(std::make_shared<Block>(std::exchange(open_, newBlock()), version_));
+    worker_->packer.give(blocks_.back());
 }
 
-// The rows that are collected become a packet.
-void Reply::State::seal() {
-    if (std::exchange(rows_, 0) > 0) {
-        rowsToPack_->RTCreatePackets(version_, true);
-    } else {
-        rowsToPack_->RTNilResults();
+void Reply::State::takeBlock() {
+    const std::shared_ptr<Block> block = std::move(blocks_.front());
+    blocks_.pop_front();
+    hold(worker_->packer.take(*block));
+}
+
+void Reply::State::hold(std::vector<Packet> packets) {
+    const bool isTooLarge = std::ranges::any_of(
+        packets, [](const Packet& one) { return one->RALength() > packet::kLargestPacket; });
+    if (packets.empty() || isTooLarge) {
+        return refuse(reason(isTooLarge ? kTooLarge : kNoEncoding), STORE_PERMISSION_DENIED);
     }
-    const std::unique_ptr<CVekAtomVector> made(rowsToPack_->RTEncodes());
-    std::vector<Packet> packets(made->RAVSize());
-    for (unsigned i = 0; i < made->RAVSize(); ++i) packets[i].reset(made->RAVGetValue(i));
-    made->RAVReset();
-    if (packets.empty()) return refuse(reason(kNoEncoding), STORE_PERMISSION_DENIED);
     for (Packet& packet : packets) {
-        if (!hold(std::move(packet))) return;
+        held_.push_back(std::move(packet));
+        ++sealed_;
     }
+    if (answer_->isStreamed()) send(held_.size() - 1, 0);
 }
 
-// False when it is too large, and the answer is refused.
-bool Reply::State::hold(Packet packet) {
-    if (packet->RALength() > packet::kLargestPacket && status_ == STORE_COMPLETE) {
-        refuse(reason(kTooLarge), STORE_PERMISSION_DENIED);
-        return false;
-    }
-    held_.push_back(std::move(packet));
-    ++sealed_;
-    while (answer_->isStreamed() && held_.size() > 1) {
-        send(std::move(held_.front()), 0);
+// Sends the oldest packets; with a count they are the last ones.
+void Reply::State::send(std::size_t packets, std::int64_t count) {
+    if (packets == 0) return;
+    if (sent_ == 0 && count != 1 && begun_ && isWanted()) begun_();
+    std::vector<std::unique_ptr<RvMsg>> messages;
+    for (; packets > 0; --packets) {
+        messages.push_back(detail::packetMessage(*held_.front(), ++sent_, count, status_));
         held_.pop_front();
     }
-    return true;
-}
-
-void Reply::State::send(Packet packet, std::int64_t count) {
-    if (sent_ == 0 && count != 1 && begun_ && isWanted()) begun_();
-    ++sent_;
-    answer_->add(detail::packetMessage(*packet, sent_, count, status_), sent_ == count);
+    answer_->add(std::move(messages), count != 0);
 }
 
 void Reply::State::giveWay() {
-    if (turn_ == nullptr) return;
-    if (!answer_->isFull()) return turn_->pass();
-    turn_->end();
+    if (worker_ == nullptr) return;
+    if (!answer_->isFull()) return worker_->turn.pass();
+    worker_->turn.end();
     answer_->waitForRoom();
-    turn_->begin();
+    worker_->turn.begin();
 }
 
 void Reply::State::finish() {
-    if (status_ == STORE_COMPLETE && sealed_ == 0 && rows_ == 0) status_ = STORE_ZERO_MATCHES;
-    if (rows_ > 0 || sealed_ == 0) seal();
-    if (held_.empty()) seal();  // what was sealed was refused
-    while (!held_.empty()) {
-        send(std::move(held_.front()), sealed_);
-        held_.pop_front();
+    while (!blocks_.empty()) takeBlock();
+    if (status_ == STORE_COMPLETE && sealed_ == 0 && rows_ == 0) {
+        status_ = STORE_ZERO_MATCHES;
+        open_->RTNilResults();
     }
+    if (rows_ > 0 || sealed_ == 0) hold(detail::pack(*open_, version_));
+    if (held_.empty()) hold(detail::pack(*open_, version_));  // what was packed was refused
+    send(held_.size(), sealed_);
 }
 
 }  // namespace kvx

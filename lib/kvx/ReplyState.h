@@ -4,10 +4,11 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string_view>
+#include <vector>
 
 #include "kvx/Answers.h"
+#include "kvx/Packer.h"
 #include "kvx/QuestionPool.h"
 #include "kvx/Reply.h"
 #include "mom/mom.h"
@@ -29,15 +30,24 @@ std::unique_ptr<RvMsg> refusalMessage(std::string_view why, std::int64_t sequenc
 
 }  // namespace detail
 
-/// The rows of one answer on their way into packets: those of one packet are collected, encoded;
-/// one packet is held back, as the last one says how many there are.
+/// The rows of one answer on their way into packets: those of a few are collected, encoded; one
+/// packet is held back, as the last one says how many there are.
 class Reply::State {
   public:
-    /// `turn` is null on the main thread, which never waits. `begun` is called before the first of
-    /// several packets leaves.
-    State(std::shared_ptr<detail::OpenAnswer> answer, EVekTransHdr version,
-          detail::Turns::Turn* turn, std::function<void()> begun)
-        : answer_(std::move(answer)), version_(version), turn_(turn), begun_(std::move(begun)) {}
+    /// What a thread of the pool works with.
+    struct Worker {
+        detail::Turns::Turn& turn;
+        detail::Packer& packer;
+    };
+
+    /// `worker` is null on the main thread, which never waits. `begun` is called before the first
+    /// of several packets leaves.
+    State(std::shared_ptr<detail::OpenAnswer> answer, EVekTransHdr version, const Worker* worker,
+          std::function<void()> begun)
+        : answer_(std::move(answer)),
+          version_(version),
+          worker_(worker),
+          begun_(std::move(begun)) {}
 
     bool add(const Record& record);
     void refuse(const Record& reason, EVekStoreErrorStatus status);
@@ -47,24 +57,35 @@ class Reply::State {
     void finish();
 
   private:
-    using Packet = std::unique_ptr<CVekAtom>;
+    using Packet = detail::PackedRows;
+    using Block = detail::Packer::Block;
 
-    [[nodiscard]] unsigned rowsOfPacket() const {
-        return version_ == VEK_TRANS_V1 ? VEK_TRANS_V1_RECORDS : 1;
+    /// Blocks that are packed while further rows are read.
+    static constexpr std::size_t kMostBlocks = 2;
+
+    /// The first rows leave early; then several packets are made and sent at a time, which costs
+    /// fewer changes of thread.
+    [[nodiscard]] unsigned rowsOfBlock() const {
+        return sealed_ == 0 && blocks_.empty() ? VEK_TRANS_V1_RECORDS : 4 * VEK_TRANS_V1_RECORDS;
     }
-    void seal();
-    bool hold(Packet packet);
-    void send(Packet packet, std::int64_t count);
+    void closeBlock();
+    void takeBlock();
+    void hold(std::vector<Packet> packets);
+    void send(std::size_t packets, std::int64_t count);
     void giveWay();
+    static std::unique_ptr<CVekTransport> newBlock() {
+        return std::make_unique<CVekTransport>(nullptr);
+    }
 
     const std::shared_ptr<detail::OpenAnswer> answer_;
     const EVekTransHdr version_;
-    detail::Turns::Turn* const turn_;
+    const Worker* const worker_;
     const std::function<void()> begun_;
 
-    std::optional<CVekTransport> rowsToPack_{
-        nullptr};              // the rows of the packet that is being filled
-    unsigned rows_ = 0;        // in it
+    std::unique_ptr<CVekTransport> open_ =
+        newBlock();                              // the rows of the block that is being filled
+    unsigned rows_ = 0;                          // in it
+    std::deque<std::shared_ptr<Block>> blocks_;  // being packed, oldest first
     std::deque<Packet> held_;  // the last one, or all of an answer that is not streamed
     std::int64_t sealed_ = 0;  // packets so far
     std::int64_t sent_ = 0;

@@ -277,10 +277,12 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
     bool startAnswering() {
         begunSubject_ = begunSubject(querySubject());
         if (options_.threads > 0) {
+            packer_.emplace();
             pool_.emplace(options_.threads, options_.oldestQuestion,
                           [this](const Asked& asked, detail::Turns::Turn& turn) {
                               waitForRoom();
-                              answerQuestion(asked, &turn);
+                              const Reply::State::Worker worker{turn, *packer_};
+                              answerQuestion(asked, &worker);
                           });
         }
         return (options_.group.empty() ||
@@ -369,14 +371,14 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         }
     }
 
-    void answerQuestion(const Asked& asked, detail::Turns::Turn* turn) {
+    void answerQuestion(const Asked& asked, const Reply::State::Worker* worker) {
         if (isEnding_ || stopping_) return;
         ++answered_;
         std::function<void()> tellOthers;
         if (!options_.group.empty()) {
             tellOthers = [&] { tellBegun(engine_, begunSubject_, asked.replySubject); };
         }
-        Reply::State state(answers_.begin(asked.replySubject, asked.window), asked.version, turn,
+        Reply::State state(answers_.begin(asked.replySubject, asked.window), asked.version, worker,
                            std::move(tellOthers));
         Reply reply(state);
         try {
@@ -448,6 +450,7 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
 
     CVekEngine engine_;
     detail::Answers answers_{engine_, options_.patience};
+    std::optional<detail::Packer> packer_;
     std::optional<detail::QuestionPool> pool_;  // its threads end before anything they use
 };
 
