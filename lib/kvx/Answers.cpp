@@ -72,14 +72,28 @@ void OpenAnswer::add(std::vector<std::unique_ptr<RvMsg>> packets, bool areLast) 
     if (isNew) owner_.engine_.REWakeSendSource();
 }
 
+void OpenAnswer::drop() {
+    const std::lock_guard lock(owner_.mutex_);
+    owner_.end(*this);
+}
+
+bool OpenAnswer::hasRoom(std::size_t most) const {
+    return isTaken_ ? packets_.size() < most : sent_ + packets_.size() < Answers::kMostAtFirst;
+}
+
+bool OpenAnswer::waitsForQuerier() const {
+    if (!isStreamed_) return false;
+    return sent_ >= allowed_ || (!isTaken_ && packets_.empty() && sent_ >= Answers::kMostAtFirst);
+}
+
 bool OpenAnswer::isFull() const {
     const std::lock_guard lock(owner_.mutex_);
-    return isStreamed_ && packets_.size() >= Answers::kMostAhead;
+    return isStreamed_ && !hasRoom(Answers::kMostAhead);
 }
 
 void OpenAnswer::waitForRoom() {
     std::unique_lock lock(owner_.mutex_);
-    changed_.wait(lock, [this] { return isEnded_ || packets_.size() <= kHalf; });
+    changed_.wait(lock, [this] { return isEnded_ || hasRoom(kHalf + 1); });
 }
 
 // --- All answers -------------------------------------------------------------------------------
@@ -144,7 +158,7 @@ void Answers::forget(const OpenAnswer& answer) {
 }
 
 void Answers::end(OpenAnswer& answer) {
-    answer.isEnded_ = true;
+    if (std::exchange(answer.isEnded_, true)) return;
     packets_ -= answer.packets_.size();
     answer.packets_.clear();
     answer.changed_.notify_all();
@@ -178,14 +192,15 @@ void Answers::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
         if (take->upTo == 0) return end(*answer);
         if (take->upTo <= answer->allowed_) return;
         answer->allowed_ = take->upTo;
+        answer->isTaken_ = true;
+        answer->changed_.notify_all();
         answer->moved_ = Clock::now();
         isNew = makeReady(*answer);
     }
     if (isNew) engine_.REWakeSendSource();
 }
 
-// Only an answer that may send nothing more waits for its querier. It ends with a packet of its
-// own, so that a querier that is only slow learns why no more come.
+// The last packet is for a querier that is only slow: it says why no more come.
 void Answers::onTimer(RvTimer*) {
     const auto patience = isCrowded && isCrowded() ? kGivesWay : patience_;
     const auto now = Clock::now();
@@ -194,8 +209,7 @@ void Answers::onTimer(RvTimer*) {
         const std::lock_guard lock(mutex_);
         for (auto next = open_.begin(); next != open_.end();) {
             const std::shared_ptr<OpenAnswer> answer = *next++;
-            const bool waits = answer->isStreamed_ && answer->sent_ >= answer->allowed_;
-            if (!waits || now - answer->moved_ <= patience) continue;
+            if (!answer->waitsForQuerier() || now - answer->moved_ <= patience) continue;
             end(*answer);
             ++abandoned_;
             farewells.push_back(std::make_unique<OpenAnswer::Item>(

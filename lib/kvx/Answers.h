@@ -40,7 +40,11 @@ class OpenAnswer : public std::enable_shared_from_this<OpenAnswer> {
     /// Adds the next packets; the last ones finish it. Never waits.
     void add(std::vector<std::unique_ptr<RvMsg>> packets, bool areLast);
 
-    /// Whether it is as far ahead of its querier as it may be.
+    /// Ends it.
+    void drop();
+
+    /// Whether it is as far ahead of its querier as it may be: less far before that has taken
+    /// anything, since it may be gone.
     [[nodiscard]] bool isFull() const;
 
     /// Waits until it is half as far, or is wanted no longer.
@@ -50,6 +54,8 @@ class OpenAnswer : public std::enable_shared_from_this<OpenAnswer> {
     friend class Answers;
     class Item;
 
+    [[nodiscard]] bool hasRoom(std::size_t most) const;
+    [[nodiscard]] bool waitsForQuerier() const;
     [[nodiscard]] bool maySend() const { return !packets_.empty() && sent_ < allowed_; }
 
     Answers& owner_;
@@ -61,6 +67,7 @@ class OpenAnswer : public std::enable_shared_from_this<OpenAnswer> {
     std::deque<std::unique_ptr<RvMsg>> packets_;
     std::uint32_t sent_ = 0;
     std::uint32_t allowed_;
+    bool isTaken_ = false;                         // its querier has been heard
     std::chrono::steady_clock::time_point moved_;  // when it last went on, or was let
     bool isReady_ = false;                         // it is in the ring
     bool isFinished_ = false;
@@ -71,8 +78,9 @@ class OpenAnswer : public std::enable_shared_from_this<OpenAnswer> {
 /// when it is destroyed.
 class Answers : private RvDataCallback, private RvTimerCallback {
   public:
-    /// Packets that are made ahead of a querier.
+    /// Packets that are made ahead of a querier, and ahead of one that has taken none.
     static constexpr std::size_t kMostAhead = 32;
+    static constexpr std::size_t kMostAtFirst = 4;
     /// How often it looks for answers that nobody takes.
     static constexpr std::chrono::milliseconds kLook{100};
     /// A querier that has taken nothing for so long gives way when others wait for a place.

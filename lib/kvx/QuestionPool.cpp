@@ -39,6 +39,11 @@ std::size_t QuestionPool::waiting() const {
     return questions_.size();
 }
 
+void QuestionPool::countDropped() {
+    const std::lock_guard lock(mutex_);
+    ++dropped_;
+}
+
 std::uint64_t QuestionPool::dropped() const {
     const std::lock_guard lock(mutex_);
     return dropped_;
@@ -56,12 +61,7 @@ void QuestionPool::work() {
         lock.unlock();
         Turns::Turn turn(turns_);
         turn.begin();
-        if (Asked::Clock::now() - asked.heard <= oldest_) {
-            answer_(asked, turn);
-        } else {
-            const std::lock_guard guard(mutex_);
-            ++dropped_;
-        }
+        isTooOld(asked) ? countDropped() : answer_(asked, turn);
         turn.end();
         lock.lock();
     }

@@ -35,7 +35,7 @@ class QuestionPool {
     using Answer = std::function<void(const Asked&, Turns::Turn&)>;
 
     /// Answers that may be open at once.
-    static constexpr std::size_t kMostThreads = 64;
+    static constexpr std::size_t kMostThreads = 192;
     /// Questions that may wait for a thread.
     static constexpr std::size_t kMostWaiting = 1000;
 
@@ -54,7 +54,14 @@ class QuestionPool {
     /// Questions that have not begun to be answered. Any thread.
     [[nodiscard]] std::size_t waiting() const;
 
-    /// Questions that have been dropped. Any thread.
+    /// Whether an answer to `asked` would come too late. Any thread.
+    [[nodiscard]] bool isTooOld(const Asked& asked) const {
+        return Asked::Clock::now() - asked.heard > oldest_;
+    }
+
+    /// Counts a question that was too old. Any thread.
+    void countDropped();
+    /// Any thread.
     [[nodiscard]] std::uint64_t dropped() const;
 
   private:

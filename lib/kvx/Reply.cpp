@@ -140,10 +140,14 @@ void Reply::State::send(std::size_t packets, std::int64_t count) {
 
 void Reply::State::giveWay() {
     if (worker_ == nullptr) return;
-    if (!answer_->isFull()) return worker_->turn.pass();
-    worker_->turn.end();
-    answer_->waitForRoom();
-    worker_->turn.begin();
+    if (!answer_->isFull()) {
+        worker_->turn.pass();
+    } else {
+        worker_->turn.end();
+        answer_->waitForRoom();
+        worker_->turn.begin();
+    }
+    if (sent_ == 0 && isWanted() && worker_->isTooLate()) answer_->drop();
 }
 
 void Reply::State::finish() {

@@ -38,6 +38,8 @@ class Reply::State {
     struct Worker {
         detail::Turns::Turn& turn;
         detail::Packer& packer;
+        /// Whether the answer would come too late, had it not begun; then it is not begun.
+        std::function<bool()> isTooLate;
     };
 
     /// `worker` is null on the main thread, which never waits. `begun` is called before the first

@@ -281,7 +281,12 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
             pool_.emplace(options_.threads, options_.oldestQuestion,
                           [this](const Asked& asked, detail::Turns::Turn& turn) {
                               waitForRoom();
-                              const Reply::State::Worker worker{turn, *packer_};
+                              const auto isTooLate = [this, &asked] {
+                                  if (!pool_->isTooOld(asked)) return false;
+                                  pool_->countDropped();
+                                  return true;
+                              };
+                              const Reply::State::Worker worker{turn, *packer_, isTooLate};
                               answerQuestion(asked, &worker);
                           });
         }

@@ -1,22 +1,31 @@
+// Which of the answers that are being made goes on: one that has not made its first step yet comes
+// first, in the order of asking, so a short answer waits for one step of the long ones, never for
+// their end. Of the long ones the oldest few share, the one that has been served least first; the
+// rest wait until one of these is done. So a long answer that has begun ends in time, however many
+// are asked for: had all of them shared, none would have ended before its querier gave up.
+
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <mutex>
-#include <set>
-#include <tuple>
 
 namespace kvx::detail {
 
-/// Lets a bounded number of threads work at once, and of those that wait the one that has been
-/// served least, then the one that has waited longest. So a small piece of work waits for one step
-/// of the large ones, never for their end. Any thread.
+/// Lets a bounded number of threads work at once. Any thread.
 class Turns {
   public:
+    /// Long pieces of work that share.
+    static constexpr int kMostSharing = 16;
+
     /// What one thread works on. That thread only.
     class Turn {
       public:
-        explicit Turn(Turns& turns) : turns_(turns) {}
+        explicit Turn(Turns& turns) : turns_(turns) {
+            const std::lock_guard lock(turns_.mutex_);
+            order_ = ++turns_.order_;
+        }
         ~Turn() { end(); }
         Turn(const Turn&) = delete;
         Turn& operator=(const Turn&) = delete;
@@ -24,16 +33,22 @@ class Turns {
         /// Waits until it may work.
         void begin() {
             std::unique_lock lock(turns_.mutex_);
-            wait(lock);
+            if (turns_.free_ > 0) {
+                --turns_.free_;
+                isMine_ = true;
+            } else {
+                wait(lock);
+            }
         }
 
-        /// After a step: lets another one work that has been served less, and waits.
+        /// After a step: lets another one work whose turn it is, and waits.
         void pass() {
             std::unique_lock lock(turns_.mutex_);
             ++served_;
-            if (turns_.waiting_.empty() || (*turns_.waiting_.begin())->served_ >= served_) return;
-            turns_.give();
+            Turn* const next = turns_.next(this);
+            if (next == this) return;
             isMine_ = false;
+            turns_.give(*next);
             wait(lock);
         }
 
@@ -42,20 +57,15 @@ class Turns {
             const std::lock_guard lock(turns_.mutex_);
             if (!isMine_) return;
             isMine_ = false;
-            turns_.give();
+            Turn* const next = turns_.next(nullptr);
+            next != nullptr ? turns_.give(*next) : void(++turns_.free_);
         }
 
       private:
         friend class Turns;
 
         void wait(std::unique_lock<std::mutex>& lock) {
-            if (turns_.free_ > 0) {
-                --turns_.free_;
-                isMine_ = true;
-                return;
-            }
-            order_ = ++turns_.order_;
-            turns_.waiting_.insert(this);
+            turns_.waitingOf(*this).emplace(order_, this);
             given_.wait(lock, [this] { return isMine_; });
         }
 
@@ -63,33 +73,42 @@ class Turns {
         // Guarded by the mutex of `turns_`.
         std::condition_variable given_;
         std::uint64_t served_ = 0;  // steps
-        std::uint64_t order_ = 0;
+        std::uint64_t order_ = 0;   // of asking
         bool isMine_ = false;
     };
 
     explicit Turns(int atOnce) : free_(atOnce) {}
 
   private:
-    struct Less {
-        bool operator()(const Turn* one, const Turn* other) const {
-            return std::tie(one->served_, one->order_) < std::tie(other->served_, other->order_);
-        }
-    };
+    using ByOrder = std::map<std::uint64_t, Turn*>;
 
-    void give() {
-        if (waiting_.empty()) {
-            ++free_;
-            return;
+    ByOrder& waitingOf(const Turn& turn) { return turn.served_ == 0 ? new_ : long_; }
+
+    void give(Turn& turn) {
+        waitingOf(turn).erase(turn.order_);
+        turn.isMine_ = true;
+        turn.given_.notify_one();
+    }
+
+    // Among those that wait and `current`, which has made a step; both may be none.
+    Turn* next(Turn* current) {
+        if (!new_.empty()) return new_.begin()->second;
+        Turn* best = nullptr;
+        int older = 0;  // than `current`
+        int seen = 0;
+        for (const auto& [order, turn] : long_) {
+            if (++seen > kMostSharing) break;
+            if (best == nullptr || turn->served_ < best->served_) best = turn;
+            if (current != nullptr && order < current->order_) ++older;
         }
-        Turn* const next = *waiting_.begin();
-        waiting_.erase(waiting_.begin());
-        next->isMine_ = true;
-        next->given_.notify_one();
+        const bool mayGoOn = current != nullptr && older < kMostSharing;
+        return mayGoOn && (best == nullptr || current->served_ <= best->served_) ? current : best;
     }
 
     std::mutex mutex_;
-    // Guarded by mutex_. A turn that waits does not change its place.
-    std::set<Turn*, Less> waiting_;
+    // Guarded by mutex_.
+    ByOrder new_;
+    ByOrder long_;
     std::uint64_t order_ = 0;
     int free_;
 };

@@ -106,17 +106,17 @@ TEST_F(ServiceTest, GivesAsMuchAsIsTakenWhileShortAnswersPass) {
         auto client = Client::open();
         ASSERT_TRUE(client) << client.error().message();
         std::vector<RowStream> streams;
-        for (int i = 0; i < 4; ++i) streams.push_back(client->stream("Odd", "10000"));
+        for (int i = 0; i < 4; ++i) streams.push_back(client->stream("Odd", "20000"));
         for (RowStream& stream : streams) ASSERT_TRUE(stream.next());
         EXPECT_EQ(client->query("Odd", "x")->size(), 1U) << "beside those that wait";
         int rows = 0;
         for (auto row = streams[0].next(); row && *row; row = streams[0].next()) ++rows;
-        EXPECT_EQ(rows, 9999);
-        EXPECT_EQ(streams[0].totals().packets, 100U);
+        EXPECT_EQ(rows, 19999);
+        EXPECT_EQ(streams[0].totals().packets, 200U);
         streams.clear();
         EXPECT_EQ(client->query("Odd", "300")->size(), 300U) << "beside those that end";
         if (*threads == '2') {
-            EXPECT_EQ(odd.awaitOutput("unwanted"), "unwanted: 10000");
+            EXPECT_EQ(odd.awaitOutput("unwanted"), "unwanted: 20000");
         }
         odd.kill(SIGTERM);
         EXPECT_EQ(odd.wait(), 0);
