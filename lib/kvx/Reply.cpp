@@ -15,6 +15,7 @@ namespace kvx {
 namespace {
 
 constexpr const char* kNoEncoding = "a row of the answer cannot be encoded";
+constexpr const char* kNotActive = "this member is not active any more";
 constexpr const char* kTooLarge = "the rows are too large for a message";
 
 constexpr std::size_t kMessageRoom = 64;  // bytes of a message beside its packet
@@ -39,7 +40,8 @@ bool detail::addTo(CVekTransport& transport, const Record& record) {
 }
 
 std::unique_ptr<RvMsg> detail::packetMessage(const CVekAtom& packet, std::int64_t sequence,
-                                             std::int64_t count, EVekStoreErrorStatus status) {
+                                             std::int64_t count, EVekStoreErrorStatus status,
+                                             std::unique_ptr<RvMsg> message) {
     unsigned char* bytes = nullptr;
     int length = 0;
     packet.RAUChar(&bytes, &length);
@@ -49,7 +51,7 @@ std::unique_ptr<RvMsg> detail::packetMessage(const CVekAtom& packet, std::int64_
     header.count = count;
     header.status = static_cast<std::uint16_t>(status);
     packet::writeHeader(bytes, header);
-    auto message = std::make_unique<RvMsg>(static_cast<unsigned long>(size + kMessageRoom));
+    if (!message) message = std::make_unique<RvMsg>(size + kMessageRoom);
     message->append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(size), bytes);
     return message;
 }
@@ -64,6 +66,10 @@ std::unique_ptr<RvMsg> detail::refusalMessage(std::string_view why, std::int64_t
 
 bool Reply::row(const Record& record) {
     return state_.add(record);
+}
+
+void Reply::asOf(const Stamp& stamp, RowSource source) {
+    stamp.epoch != 0 ? state_.asOf(stamp, std::move(source)) : refuse(kNotActive);
 }
 
 void Reply::refuse(std::string_view why, int position, EVekStoreErrorStatus status) {
@@ -83,8 +89,20 @@ bool Reply::State::add(const Record& record) {
     }
     if (++rows_ < rowsOfPacket()) return true;
     seal();
-    giveWay();
-    return isWanted() && status_ == STORE_COMPLETE;
+    return giveWay();
+}
+
+bool Reply::State::add(const Changes::Notice& notice) {
+    const auto size = static_cast<int>(notice.packet->size());
+    return hold({std::make_unique<CVekAtom>(
+                     static_cast<const unsigned char*>(notice.packet->data()), size),
+                 notice.stamp}) &&
+           giveWay();
+}
+
+void Reply::State::asOf(const Stamp& stamp, RowSource source) {
+    stamp_ = stamp;
+    source_ = std::move(source);
 }
 
 void Reply::State::refuse(const Record& why, EVekStoreErrorStatus status) {
@@ -106,7 +124,9 @@ void Reply::State::seal() {
     }
     const std::unique_ptr<CVekAtomVector> made(rowsToPack_->RTEncodes());
     std::vector<Packet> packets(made->RAVSize());
-    for (unsigned i = 0; i < made->RAVSize(); ++i) packets[i].reset(made->RAVGetValue(i));
+    for (unsigned i = 0; i < made->RAVSize(); ++i) {
+        packets[i] = {std::unique_ptr<CVekAtom>(made->RAVGetValue(i)), stamp_};
+    }
     made->RAVReset();
     if (packets.empty()) return refuse(reason(kNoEncoding), STORE_PERMISSION_DENIED);
     for (Packet& packet : packets) {
@@ -116,7 +136,7 @@ void Reply::State::seal() {
 
 // False when it is too large, and the answer is refused.
 bool Reply::State::hold(Packet packet) {
-    if (packet->RALength() > packet::kLargestPacket && status_ == STORE_COMPLETE) {
+    if (packet.bytes->RALength() > packet::kLargestPacket && status_ == STORE_COMPLETE) {
         refuse(reason(kTooLarge), STORE_PERMISSION_DENIED);
         return false;
     }
@@ -132,15 +152,23 @@ bool Reply::State::hold(Packet packet) {
 void Reply::State::send(Packet packet, std::int64_t count) {
     if (sent_ == 0 && count != 1 && begun_ && isWanted()) begun_();
     ++sent_;
-    answer_->add(detail::packetMessage(*packet, sent_, count, status_), sent_ == count);
+    auto ahead = std::make_unique<RvMsg>(packet.bytes->RALength() + kMessageRoom);
+    if (packet.stamp) appendStamp(*ahead, *packet.stamp);
+    if (stamp_) appendSource(*ahead, source_);
+    answer_->add(detail::packetMessage(*packet.bytes, sent_, count, status_, std::move(ahead)),
+                 sent_ == count);
 }
 
-void Reply::State::giveWay() {
-    if (turn_ == nullptr) return;
-    if (!answer_->isFull()) return turn_->pass();
-    turn_->end();
-    answer_->waitForRoom();
-    turn_->begin();
+// False when nobody wants more of it.
+bool Reply::State::giveWay() {
+    if (turn_ != nullptr && answer_->isFull()) {
+        turn_->end();
+        answer_->waitForRoom();
+        turn_->begin();
+    } else if (turn_ != nullptr) {
+        turn_->pass();
+    }
+    return isWanted() && status_ == STORE_COMPLETE;
 }
 
 void Reply::State::finish() {

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "kvx/Answers.h"
+#include "kvx/Changes.h"
 #include "kvx/QuestionPool.h"
 #include "kvx/Reply.h"
 #include "mom/mom.h"
@@ -20,9 +21,10 @@ namespace detail {
 [[nodiscard]] bool addTo(CVekTransport& transport, const Record& record);
 
 /// The message of a packet, which is numbered `sequence` of `count` (0: not known yet) and has the
-/// store status.
+/// store status, behind the fields that `message` has; null has none.
 std::unique_ptr<RvMsg> packetMessage(const CVekAtom& packet, std::int64_t sequence,
-                                     std::int64_t count, EVekStoreErrorStatus status);
+                                     std::int64_t count, EVekStoreErrorStatus status,
+                                     std::unique_ptr<RvMsg> message = nullptr);
 
 /// The last packet of an answer, its number `sequence`, which says why there are no more.
 std::unique_ptr<RvMsg> refusalMessage(std::string_view why, std::int64_t sequence);
@@ -40,6 +42,9 @@ class Reply::State {
         : answer_(std::move(answer)), version_(version), turn_(turn), begun_(std::move(begun)) {}
 
     bool add(const Record& record);
+    /// Adds its packet in place of rows, with its own stamp.
+    bool add(const Changes::Notice& notice);
+    void asOf(const Stamp& stamp, RowSource source);
     void refuse(const Record& reason, EVekStoreErrorStatus status);
     [[nodiscard]] bool isWanted() const { return answer_->isWanted(); }
 
@@ -47,7 +52,10 @@ class Reply::State {
     void finish();
 
   private:
-    using Packet = std::unique_ptr<CVekAtom>;
+    struct Packet {
+        std::unique_ptr<CVekAtom> bytes;
+        std::optional<Stamp> stamp{};
+    };
 
     [[nodiscard]] unsigned rowsOfPacket() const {
         return version_ == VEK_TRANS_V1 ? VEK_TRANS_V1_RECORDS : 1;
@@ -55,7 +63,7 @@ class Reply::State {
     void seal();
     bool hold(Packet packet);
     void send(Packet packet, std::int64_t count);
-    void giveWay();
+    bool giveWay();
 
     const std::shared_ptr<detail::OpenAnswer> answer_;
     const EVekTransHdr version_;
@@ -69,6 +77,8 @@ class Reply::State {
     std::int64_t sealed_ = 0;  // packets so far
     std::int64_t sent_ = 0;
     EVekStoreErrorStatus status_ = STORE_COMPLETE;
+    std::optional<Stamp> stamp_;
+    RowSource source_;
 };
 
 }  // namespace kvx
