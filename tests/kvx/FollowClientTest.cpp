@@ -110,17 +110,23 @@ TEST_F(FollowClientTest, EndsByItselfWhenThereIsNothingToFollowAndByItsHandle) {
     EXPECT_EQ(noBody.get_future().get().code, Errc::TimedOut);
     const auto service = startService();
     std::optional<Following> ending;
+    std::promise<void> isKept;
     std::atomic<int> calls{0};
-    client.publish(client.inDomain("COUNT"), {{"name", "b"}});
-    Result<Following> mine = client.follow("Counters", "*", {.onRow = [&](const Record&) {
-                                               ++calls;
-                                               ending.reset();
-                                           }});
+    for (const char* name : {"b", "c"}) {
+        EXPECT_TRUE(client.publish(client.inDomain("COUNT"), {{"name", name}}));
+    }
+    auto mine = client.follow("Counters", "*", {.onRow = [&](const Record&) {
+                                  if (++calls > 1) return;
+                                  isKept.get_future().wait();
+                                  ending.reset();
+                              }});
     ending.emplace(std::move(*mine));
+    isKept.set_value();
     EXPECT_TRUE(eventually([&] { return calls > 0; }));
     const Following other = follow();
     count();
     EXPECT_TRUE(eventually([&] { return last > 0; }));
+    EXPECT_EQ(calls, 1) << "it ended itself at the first of two rows";
     client.end();
     EXPECT_EQ(end.get_future().get().code, Errc::Ended);
 }
