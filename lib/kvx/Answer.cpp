@@ -145,6 +145,8 @@ void append(Packets& all, Packets& more) {
     }
     all.count += more.count;
     all.cost += more.cost;
+    all.stamped.insert(all.stamped.end(), more.stamped.begin(), more.stamped.end());
+    if (more.source) all.source = std::move(more.source);
 }
 
 Answer::State Answer::take(const RvDatum& data, bool isConversation) {
@@ -164,10 +166,13 @@ Answer::State Answer::take(const RvDatum& data, bool isConversation) {
     bytes_ += cost;
     const auto status = static_cast<EVekStoreErrorStatus>(header.status);
     if (isSuccess(status_)) status_ = status;
-    Rows& rows = isSuccess(status) ? packets_[header.sequence].rows : refusal_;
+    Packets& taken = packets_[header.sequence];
+    if (const auto stamp = readStamp(data)) taken.stamped = {{*stamp, reading.rows.size()}};
+    taken.source = readSource(data);
+    taken.count = 1;
+    taken.cost = cost;
+    Rows& rows = isSuccess(status) ? taken.rows : refusal_;
     std::ranges::move(reading.rows, std::back_inserter(rows));
-    packets_[header.sequence].count = 1;
-    packets_[header.sequence].cost = cost;
     totals_.isComplete = numbered == PacketNumbers::State::Complete;
     return totals_.isComplete ? State::Complete : State::Waiting;
 }

@@ -5,18 +5,28 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "kvx/PacketNumbers.h"
 #include "kvx/RowStream.h"
+#include "kvx/Stamp.h"
 #include "mom/mom.h"
 
 namespace kvx::detail {
+
+/// The stamp of a packet and how many of the rows are its.
+struct StampedRows {
+    Stamp stamp;
+    std::size_t rows = 0;
+};
 
 /// Some packets of an answer.
 struct Packets {
     Rows rows;
     std::size_t count = 0;
-    std::size_t cost = 0;  ///< of the bound
+    std::size_t cost = 0;                ///< of the bound
+    std::vector<StampedRows> stamped{};  ///< the packets that have a stamp
+    std::optional<RowSource> source{};   ///< the last one that a packet names
 };
 
 /// Moves `more` behind `all`.

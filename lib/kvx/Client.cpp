@@ -10,6 +10,7 @@
 
 #include "kvx/ClientLoop.h"
 #include "kvx/Exchange.h"
+#include "kvx/Followed.h"
 #include "kvx/StreamState.h"
 #include "kvx/ZeroByte.h"
 
@@ -254,7 +255,8 @@ void Client::ask(const ServiceName& service, std::string_view text,
     if (wait <= Milliseconds(0)) return sink->end(QueryError{badTimeout(tried), {}});
     if (loop_->isLost()) return sink->end(QueryError{lost(tried), {}});
     loop_->post([loop = loop_.get(), tried, subject = inDomain(service.querySubject()),
-                 question = std::string(text), wait, sink = std::move(sink)]() mutable {
+                 question = CVekQryInfo::RQIMessage(std::string(text).c_str()), wait,
+                 sink = std::move(sink)]() mutable {
         (new AnswerExchange(*loop, tried, wait, std::move(sink)))->ask(subject, question);
     });
 }
@@ -364,6 +366,31 @@ Result<Subscription> Client::snoop(const ServiceName& service,
                      [changed = std::move(changed)](const char*, RvSender*, const RvDatum& data) {
                          for (const Record& record : detail::recordsOf(data)) changed(record);
                      });
+}
+
+Result<Following> Client::follow(const ServiceName& service, std::string_view text,
+                                 Follower follower, std::optional<Milliseconds> timeout) {
+    const std::string tried = "follow " + service.text();
+    const Milliseconds wait = timeout.value_or(loop_->options.timeout);
+    if (hasZero(text)) return tl::unexpected(zeroByte(tried));
+    if (wait <= Milliseconds(0)) return tl::unexpected(badTimeout(tried));
+    if (service.notifySubject().empty()) {
+        return tl::unexpected(Error{Errc::InvalidArgument, "the service tells no changes", tried});
+    }
+    detail::Followed::What what{tried, inDomain(service.querySubject()),
+                                inDomain(service.notifySubject()), std::string(text), wait};
+    auto followed = std::make_shared<detail::Followed>(loop_, std::move(what), std::move(follower));
+    std::optional<Errc> failure;
+    if (!loop_->perform([&] { failure = followed->start(); })) return tl::unexpected(ended(tried));
+    if (!failure) return Following(std::move(followed));
+    return tl::unexpected(Error{*failure, "its subjects cannot be listened on", tried});
+}
+
+Result<Following> Client::follow(std::string_view service, std::string_view text, Follower follower,
+                                 std::optional<Milliseconds> timeout) {
+    const auto name = ServiceName::of(service);
+    if (!name) return tl::unexpected(name.error());
+    return follow(*name, text, std::move(follower), timeout);
 }
 
 }  // namespace kvx

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kvx/Error.h"
+#include "kvx/Follow.h"
 #include "kvx/Message.h"
 #include "kvx/Record.h"
 #include "kvx/RowStream.h"
@@ -155,6 +156,22 @@ class KVX_API Client {
     /// Calls `changed` on the client's thread for every record that the service notifies.
     [[nodiscard]] Result<Subscription> snoop(const ServiceName& service,
                                              std::function<void(const Record&)> changed);
+
+    /// Gives the rows of the answer to `text` and from then on every change that the service
+    /// commits, none missing and none twice, also over loss, a take-over, and restarts of daemon
+    /// and service. For a service that numbers its changes (`Service::changes`); what goes wrong
+    /// later is tried again, in the end every 30 s.
+    ///
+    /// Changes are those of the table that the answer names, whatever the condition in `text`: it
+    /// should select all fields of all rows that matter, and the follower ignore the others. Keeps
+    /// the rows. `timeout` is that of a question.
+    [[nodiscard]] Result<Following> follow(const ServiceName& service, std::string_view text,
+                                           Follower follower,
+                                           std::optional<std::chrono::milliseconds> timeout = {});
+    /// The same by a name that need not be known.
+    [[nodiscard]] Result<Following> follow(std::string_view service, std::string_view text,
+                                           Follower follower,
+                                           std::optional<std::chrono::milliseconds> timeout = {});
 
     /// `subject` in the client's domain: "NEWS" is "NEWS.DEFAULT".
     [[nodiscard]] std::string inDomain(std::string_view subject) const;

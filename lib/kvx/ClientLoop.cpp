@@ -255,6 +255,7 @@ void ClientLoop::close() {
     }
     isConnected_ = false;
     failAll(Errc::Ended);
+    tellWatchers([](Watcher& watcher) { watcher.onLoopEnd(); });
     endNet();
 }
 
@@ -276,6 +277,12 @@ void ClientLoop::changeConnection(bool isThere) {
     wakeCaller();
     if (!isThere) failAll(Errc::Lost);
     if (options.onConnection) options.onConnection(connection());
+    tellWatchers([&](Watcher& watcher) { watcher.onConnection(isThere); });
+}
+
+void ClientLoop::tellWatchers(const std::function<void(Watcher&)>& tell) const {
+    const auto now = watchers;
+    for (const auto& [watcher, held] : now) tell(*watcher);
 }
 
 void ClientLoop::failAll(Errc code) const {

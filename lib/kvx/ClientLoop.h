@@ -33,6 +33,14 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
         virtual void fail(Errc code) = 0;
     };
 
+    /// Something that lives on while the connection comes and goes. Loop thread only.
+    class Watcher {
+      public:
+        virtual ~Watcher() = default;
+        virtual void onConnection(bool isThere) = 0;
+        virtual void onLoopEnd() = 0;
+    };
+
     explicit ClientLoop(Client::Options given) : options(std::move(given)) {}
     ~ClientLoop();
     ClientLoop(const ClientLoop&) = delete;
@@ -101,6 +109,7 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
     std::set<Waiting*> waiting;
     /// Of the subscriptions: they end with the net, whatever thread the subscriptions die on.
     std::map<const void*, std::unique_ptr<RvListener>> listeners;
+    std::map<Watcher*, std::shared_ptr<Watcher>> watchers;
 
   private:
     void runThread(std::promise<Result<>> started);
@@ -114,6 +123,8 @@ class ClientLoop : public std::enable_shared_from_this<ClientLoop> {
     void changeConnection(bool isThere);
 
     void failAll(Errc code) const;
+    /// Each of the watchers, also when it ends others.
+    void tellWatchers(const std::function<void(Watcher&)>& tell) const;
 
     std::shared_ptr<const void> claim_;
     std::function<void(bool)> changed_;  // loop thread only

@@ -104,8 +104,7 @@ AnswerExchange::~AnswerExchange() {
     sink_->filledBy(nullptr);
 }
 
-void AnswerExchange::ask(const std::string& subject, const std::string& text) {
-    RvMsg question = CVekQryInfo::RQIMessage(text.c_str());
+void AnswerExchange::ask(const std::string& subject, RvMsg question) {
     question.append(conversation::kWindowField, conversation::kFirstWindow);
     send(subject, question);
 }

@@ -91,8 +91,8 @@ class AnswerExchange : public Exchange {
                    std::shared_ptr<AnswerSink> sink);
     ~AnswerExchange() override;
 
-    /// Asks `text` on `subject`; on failure it has failed.
-    void ask(const std::string& subject, const std::string& text);
+    /// Asks on `subject`; on failure it has failed.
+    void ask(const std::string& subject, RvMsg question);
 
     /// Packets passed to the sink have been taken, and what they cost is free again. May delete
     /// this.

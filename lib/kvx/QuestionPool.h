@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "kvx/Stamp.h"
 #include "kvx/Turns.h"
 #include "mom/mom.h"
 
@@ -24,6 +25,7 @@ struct Asked {
     std::string replySubject;
     EVekTransHdr version = VEK_TRANS_V0;
     std::optional<std::uint32_t> window{};  ///< packets that may be sent unasked; none: all
+    std::optional<Stamp> since{};           ///< the changes after it are asked for, and no text
     Clock::time_point heard = Clock::now();
 };
 

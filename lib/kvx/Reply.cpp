@@ -16,6 +16,7 @@ namespace kvx {
 namespace {
 
 constexpr const char* kNoEncoding = "a row of the answer cannot be encoded";
+constexpr const char* kNotActive = "this member is not active any more";
 constexpr const char* kTooLarge = "the rows are too large for a message";
 
 constexpr std::size_t kMessageRoom = 64;  // bytes of a message beside its packet
@@ -40,7 +41,8 @@ bool detail::addTo(CVekTransport& transport, const Record& record) {
 }
 
 std::unique_ptr<RvMsg> detail::packetMessage(const CVekAtom& packet, std::int64_t sequence,
-                                             std::int64_t count, EVekStoreErrorStatus status) {
+                                             std::int64_t count, EVekStoreErrorStatus status,
+                                             std::unique_ptr<RvMsg> message) {
     unsigned char* bytes = nullptr;
     int length = 0;
     packet.RAUChar(&bytes, &length);
@@ -50,7 +52,7 @@ std::unique_ptr<RvMsg> detail::packetMessage(const CVekAtom& packet, std::int64_
     header.count = count;
     header.status = static_cast<std::uint16_t>(status);
     packet::writeHeader(bytes, header);
-    auto message = std::make_unique<RvMsg>(static_cast<unsigned long>(size + kMessageRoom));
+    if (!message) message = std::make_unique<RvMsg>(size + kMessageRoom);
     message->append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(size), bytes);
     return message;
 }
@@ -65,6 +67,10 @@ std::unique_ptr<RvMsg> detail::refusalMessage(std::string_view why, std::int64_t
 
 bool Reply::row(const Record& record) {
     return state_.add(record);
+}
+
+void Reply::asOf(const Stamp& stamp, RowSource source) {
+    stamp.epoch != 0 ? state_.asOf(stamp, std::move(source)) : refuse(kNotActive);
 }
 
 void Reply::refuse(std::string_view why, int position, EVekStoreErrorStatus status) {
@@ -85,8 +91,21 @@ bool Reply::State::add(const Record& record) {
     if (++rows_ < rowsOfBlock()) return true;
     closeBlock();
     while (blocks_.size() > kMostBlocks) takeBlock();
-    giveWay();
-    return isWanted() && status_ == STORE_COMPLETE;
+    return giveWay();
+}
+
+bool Reply::State::add(const Changes::Notice& notice) {
+    std::vector<detail::PackedRows> packets;
+    packets.push_back(
+        std::make_unique<CVekAtom>(static_cast<const unsigned char*>(notice.packet->data()),
+                                   static_cast<int>(notice.packet->size())));
+    hold(std::move(packets), notice.stamp);
+    return giveWay();
+}
+
+void Reply::State::asOf(const Stamp& stamp, RowSource source) {
+    stamp_ = stamp;
+    source_ = std::move(source);
 }
 
 void Reply::State::refuse(const Record& why, EVekStoreErrorStatus status) {
@@ -102,7 +121,8 @@ void Reply::State::refuse(const Record& why, EVekStoreErrorStatus status) {
 // The rows that are collected become a packet, soon.
 void Reply::State::closeBlock() {
     rows_ = 0;
-    if (worker_ == nullptr || version_ != VEK_TRANS_V1) return hold(detail::pack(*open_, version_));
+    if (worker_ == nullptr || version_ != VEK_TRANS_V1)
+        return hold(detail::pack(*open_, version_), stamp_);
     blocks_.push_back(std::make_shared<Block>(std::exchange(open_, newBlock()), version_));
     worker_->packer.give(blocks_.back());
 }
@@ -110,17 +130,18 @@ void Reply::State::closeBlock() {
 void Reply::State::takeBlock() {
     const std::shared_ptr<Block> block = std::move(blocks_.front());
     blocks_.pop_front();
-    hold(worker_->packer.take(*block));
+    hold(worker_->packer.take(*block), stamp_);
 }
 
-void Reply::State::hold(std::vector<Packet> packets) {
+void Reply::State::hold(std::vector<detail::PackedRows> packets,
+                        const std::optional<Stamp>& stamp) {
     const bool isTooLarge = std::ranges::any_of(
-        packets, [](const Packet& one) { return one->RALength() > packet::kLargestPacket; });
+        packets, [](const auto& one) { return one->RALength() > packet::kLargestPacket; });
     if (packets.empty() || isTooLarge) {
         return refuse(reason(isTooLarge ? kTooLarge : kNoEncoding), STORE_PERMISSION_DENIED);
     }
-    for (Packet& packet : packets) {
-        held_.push_back(std::move(packet));
+    for (auto& bytes : packets) {
+        held_.push_back({std::move(bytes), stamp});
         ++sealed_;
     }
     if (answer_->isStreamed()) send(held_.size() - 1, 0);
@@ -132,22 +153,28 @@ void Reply::State::send(std::size_t packets, std::int64_t count) {
     if (sent_ == 0 && count != 1 && begun_ && isWanted()) begun_();
     std::vector<std::unique_ptr<RvMsg>> messages;
     for (; packets > 0; --packets) {
-        messages.push_back(detail::packetMessage(*held_.front(), ++sent_, count, status_));
+        const Packet& packet = held_.front();
+        auto ahead = std::make_unique<RvMsg>(packet.bytes->RALength() + kMessageRoom);
+        if (packet.stamp) appendStamp(*ahead, *packet.stamp);
+        if (stamp_) appendSource(*ahead, source_);
+        messages.push_back(
+            detail::packetMessage(*packet.bytes, ++sent_, count, status_, std::move(ahead)));
         held_.pop_front();
     }
     answer_->add(std::move(messages), count != 0);
 }
 
-void Reply::State::giveWay() {
-    if (worker_ == nullptr) return;
-    if (!answer_->isFull()) {
-        worker_->turn.pass();
-    } else {
+// False when nobody wants more of it.
+bool Reply::State::giveWay() {
+    if (worker_ != nullptr && answer_->isFull()) {
         worker_->turn.end();
         answer_->waitForRoom();
         worker_->turn.begin();
+    } else if (worker_ != nullptr) {
+        worker_->turn.pass();
     }
-    if (sent_ == 0 && isWanted() && worker_->isTooLate()) answer_->drop();
+    if (worker_ != nullptr && sent_ == 0 && isWanted() && worker_->isTooLate()) answer_->drop();
+    return isWanted() && status_ == STORE_COMPLETE;
 }
 
 void Reply::State::finish() {
@@ -156,8 +183,8 @@ void Reply::State::finish() {
         status_ = STORE_ZERO_MATCHES;
         open_->RTNilResults();
     }
-    if (rows_ > 0 || sealed_ == 0) hold(detail::pack(*open_, version_));
-    if (held_.empty()) hold(detail::pack(*open_, version_));  // what was packed was refused
+    if (rows_ > 0 || sealed_ == 0) hold(detail::pack(*open_, version_), stamp_);
+    if (held_.empty()) hold(detail::pack(*open_, version_), stamp_);  // what was packed was refused
     send(held_.size(), sealed_);
 }
 

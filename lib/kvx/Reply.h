@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "kvx/Record.h"
+#include "kvx/Stamp.h"
 #include "mom/transport/CVekTransport.h"
 #include "platform/Export.h"
 
@@ -26,6 +27,11 @@ class KVX_API Reply {
     /// Adds a row, encoded at once. Waits while the querier takes the rows more slowly than they
     /// are made. False when nobody wants the answer any more: further rows are dropped.
     bool row(const Record& record);
+
+    /// Says which changes the rows have in them: `stamp` is what `Changes::read` returned when they
+    /// were read, `source` the `Changes::source` of their table. Of a member that is not active any
+    /// more it becomes a refusal. Before the first row.
+    void asOf(const Stamp& stamp, RowSource source = {});
 
     /// Makes it a refusal, which says why; rows that have not left are dropped. `position`, when
     /// above 0, is the place in the query's text, from 1.

@@ -4,10 +4,12 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <vector>
 
 #include "kvx/Answers.h"
+#include "kvx/Changes.h"
 #include "kvx/Packer.h"
 #include "kvx/QuestionPool.h"
 #include "kvx/Reply.h"
@@ -21,9 +23,10 @@ namespace detail {
 [[nodiscard]] bool addTo(CVekTransport& transport, const Record& record);
 
 /// The message of a packet, which is numbered `sequence` of `count` (0: not known yet) and has the
-/// store status.
+/// store status, behind the fields that `message` has; null has none.
 std::unique_ptr<RvMsg> packetMessage(const CVekAtom& packet, std::int64_t sequence,
-                                     std::int64_t count, EVekStoreErrorStatus status);
+                                     std::int64_t count, EVekStoreErrorStatus status,
+                                     std::unique_ptr<RvMsg> message = nullptr);
 
 /// The last packet of an answer, its number `sequence`, which says why there are no more.
 std::unique_ptr<RvMsg> refusalMessage(std::string_view why, std::int64_t sequence);
@@ -52,6 +55,9 @@ class Reply::State {
           begun_(std::move(begun)) {}
 
     bool add(const Record& record);
+    /// Adds its packet in place of rows, with its own stamp.
+    bool add(const Changes::Notice& notice);
+    void asOf(const Stamp& stamp, RowSource source);
     void refuse(const Record& reason, EVekStoreErrorStatus status);
     [[nodiscard]] bool isWanted() const { return answer_->isWanted(); }
 
@@ -59,7 +65,10 @@ class Reply::State {
     void finish();
 
   private:
-    using Packet = detail::PackedRows;
+    struct Packet {
+        detail::PackedRows bytes;
+        std::optional<Stamp> stamp{};
+    };
     using Block = detail::Packer::Block;
 
     /// Blocks that are packed while further rows are read.
@@ -72,9 +81,9 @@ class Reply::State {
     }
     void closeBlock();
     void takeBlock();
-    void hold(std::vector<Packet> packets);
+    void hold(std::vector<detail::PackedRows> packets, const std::optional<Stamp>& stamp);
     void send(std::size_t packets, std::int64_t count);
-    void giveWay();
+    bool giveWay();
     static std::unique_ptr<CVekTransport> newBlock() {
         return std::make_unique<CVekTransport>(nullptr);
     }
@@ -92,6 +101,8 @@ class Reply::State {
     std::int64_t sealed_ = 0;  // packets so far
     std::int64_t sent_ = 0;
     EVekStoreErrorStatus status_ = STORE_COMPLETE;
+    std::optional<Stamp> stamp_;
+    RowSource source_;
 };
 
 }  // namespace kvx

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "kvx/Answers.h"
+#include "kvx/Changes.h"
 #include "kvx/HeldQuestions.h"
 #include "kvx/OneLoop.h"
 #include "kvx/QuestionPool.h"
@@ -39,6 +40,8 @@ constexpr std::chrono::seconds kForTheQueue{5};
 constexpr std::size_t kMostText = std::size_t{1} << 20U;  // bytes of a question
 constexpr const char* kTooLong = "the question is longer than 1 MiB";
 constexpr const char* kNoQuery = "this is no query";
+constexpr const char* kTooLongAgo = "the changes since then are not held any more";
+constexpr int kTicksBetweenNumbers = 100;  // the last number is told every 10 s
 constexpr const char* kTooMany = "too many questions are waiting";
 
 // A name that the system does not know joins its group all the same: the kind itself is not told.
@@ -83,6 +86,7 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         }
         answers_.isCrowded = [this] { return pool_ && pool_->waiting() > 0; };
         isConnected_ = rv_IsConnected(session);
+        if (options_.group.empty()) changes_.begin(Changes::newEpoch());
         return {};
     }
 
@@ -121,9 +125,8 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
     int run() {
         if (std::exchange(hasRun_, true) || (answer && !startAnswering())) return 1;
         engine_.RRNSetPostInitFns([this] {
-            if (!role) return;
-            engine_.RESetRoleCallback(role);
-            role(engine_.REIsActive() == TRUE);
+            engine_.RESetRoleCallback([this](bool active) { roleChanged(active); });
+            roleChanged(engine_.REIsActive() == TRUE);
         });
         CVekEnv environment;
         if (options_.beats) {
@@ -156,13 +159,14 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
                     .replySubject = replyTo->subject(),
                     .version = info.RQIVersion() == VEK_TRANS_V1 ? VEK_TRANS_V1 : VEK_TRANS_V0,
                     .window = conversation::readWindow(data)};
+        if (isNumbered_) asked.since = readHistoryQuestion(data);
+        if (asked.since) return answerOrHold(std::move(asked));
         const Text text(info.RQIQuery());
         if (!text) return isActing() ? refuse(asked, kNoQuery) : void();
         const std::size_t length = strnlen(text.get(), kMostText + 1);
         if (length > kMostText) return isActing() ? refuse(asked, kTooLong) : void();
         asked.text.assign(text.get(), length);
-        if (isActing()) return answerLater(std::move(asked));
-        held_.hold(std::move(asked), std::chrono::steady_clock::now());
+        answerOrHold(std::move(asked));
     }
 
     // --- Any thread ---
@@ -190,6 +194,11 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         if (transport.RTSendAll(false) == kOk) return {};
         return tl::unexpected(
             Error{Errc::InvalidArgument, "a record is too large for a message", tried});
+    }
+
+    Changes& changes() {
+        isNumbered_ = true;
+        return changes_;
     }
 
     Result<> post(std::function<void()> work) {
@@ -271,6 +280,7 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
 
     static int onReturn(rv_Session, const void*, void* self) {
         static_cast<Impl*>(self)->isConnected_ = true;
+        static_cast<Impl*>(self)->tellNumber();
         return 0;
     }
 
@@ -298,6 +308,44 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
     // Whether it may answer: active, and not lately stopped for so long that another may be.
     bool isActing() { return engine_.REIsActive() == TRUE && engine_.REIsFresh() == TRUE; }
 
+    void answerOrHold(Asked asked) {
+        if (isActing()) return answerLater(std::move(asked));
+        held_.hold(std::move(asked), std::chrono::steady_clock::now());
+    }
+
+    Result<> roomForNotices(std::size_t notices) {
+        const std::string tried = "commit on " + name_.notifySubject();
+        if (name_.notifySubject().empty()) {
+            return tl::unexpected(Error{Errc::InvalidArgument, "it tells no changes", tried});
+        }
+        if (stopping_) return tl::unexpected(Error{Errc::Ended, {}, tried});
+        const auto waiting = static_cast<std::size_t>(engine_.RESendQueueLength());
+        if (waiting + notices <= static_cast<std::size_t>(options_.mostWaiting)) return {};
+        return tl::unexpected(Error{Errc::QueueFull, {}, tried});
+    }
+
+    void sendNotice(const Changes::Notice& notice) {
+        const std::lock_guard guard(gate_);
+        if (stopping_) return;
+        engine_.REAddToSendQueue(name_.notifySubject().c_str(), new RvMsg(notice.message()),
+                                 nullptr, TRUE);
+    }
+
+    void keepEpoch() {
+        const bool isNew =
+            changes_.keepEpoch(engine_.REIsActive() == TRUE, engine_.REIsFresh() == TRUE);
+        if (isNew || ++ticks_ % kTicksBetweenNumbers == 0) tellNumber();
+    }
+
+    void tellNumber() {
+        if (isNumbered_ && !name_.notifySubject().empty()) changes_.tell();
+    }
+
+    void roleChanged(bool active) {
+        keepEpoch();
+        if (role) role(active);
+    }
+
     void takeHeld() {
         auto held = held_.take(std::chrono::steady_clock::now());
         takenFromHeld_ += held.size();
@@ -306,6 +354,7 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
 
     // What was held is answered once this member may act, which is a little after it is active.
     void onTimer(RvTimer*) override {
+        keepEpoch();
         if (held_.size() > 0 && !isEnding_ && isActing()) takeHeld();
         if (isEnding_ && (!answers_.isLeaving() || std::chrono::steady_clock::now() > endAt_)) {
             engine_.RRNStopLoop();
@@ -386,6 +435,10 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         Reply::State state(answers_.begin(asked.replySubject, asked.window), asked.version, worker,
                            std::move(tellOthers));
         Reply reply(state);
+        if (asked.since) {
+            answerHistory(*asked.since, state);
+            return state.finish();
+        }
         try {
             answer({asked.text, asked.replySubject}, reply);
         } catch (const std::exception& error) {
@@ -394,6 +447,14 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
             reply.refuse("the service failed");
         }
         state.finish();
+    }
+
+    void answerHistory(const Stamp& since, Reply::State& state) const {
+        const auto notices = changes_.since(since);
+        if (!notices) return Reply(state).refuse(kTooLongAgo);
+        for (const Changes::Notice& notice : *notices) {
+            if (!state.add(notice)) return;
+        }
     }
 
     // What is queued goes out, then the group hears that another member is to answer.
@@ -454,6 +515,12 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
     std::atomic<std::uint64_t> refused_{0};
 
     CVekEngine engine_;
+
+    std::atomic<bool> isNumbered_{false};
+    int ticks_ = kTicksBetweenNumbers - 1;  // main thread only
+    Changes changes_{{[this](std::size_t notices) { return roomForNotices(notices); },
+                      [this](const Changes::Notice& notice) { sendNotice(notice); }}};
+
     detail::Answers answers_{engine_, options_.patience};
     std::optional<detail::Packer> packer_;
     std::optional<detail::QuestionPool> pool_;  // its threads end before anything they use
@@ -500,6 +567,10 @@ Result<> Service::every(std::chrono::milliseconds interval, std::string_view nam
 
 Result<> Service::notify(std::span<const Record> records) {
     return impl_->notify(records);
+}
+
+Changes& Service::changes() {
+    return impl_->changes();
 }
 
 Result<> Service::post(std::function<void()> work) {

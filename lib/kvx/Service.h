@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "kvx/Changes.h"
 #include "kvx/Error.h"
 #include "kvx/Message.h"
 #include "kvx/Record.h"
@@ -87,6 +88,12 @@ class KVX_API Service {
     /// `Ended` once `run` is ending. Any thread.
     Result<> notify(std::span<const Record> records);
     Result<> notify(const Record& record) { return notify(std::span(&record, 1)); }
+
+    /// The numbered changes of this service, for queriers that follow it. Its data change inside
+    /// `Changes::commit`, and its answers say by `Reply::asOf` which changes they have. `commit`
+    /// gives `QueueFull` when too much waits, `Ended` once `run` is ending. The first call makes it
+    /// a service that numbers; before `run`. Any thread.
+    [[nodiscard]] Changes& changes();
 
     /// Has `work` called on the main thread at the loop's next turn; what waits when the loop ends
     /// is called before `run` returns. `Ended` after that. Any thread.

@@ -73,6 +73,10 @@ std::unique_ptr<CVekBaseRecord> recordIn(const CVekAtom& atom) {
 
 }  // namespace
 
+std::string changeLine(const CVekBaseRecord& row, std::int64_t cameAtMs, bool json) {
+    return json ? jsonLine(row, cameAtMs) : textLine(row, cameAtMs);
+}
+
 std::vector<std::string> changesIn(const RvDatum& datum, std::int64_t cameAtMs,
                                    const ChangeFormat& format) {
     std::vector<std::string> lines;
@@ -95,7 +99,7 @@ std::vector<std::string> changesIn(const RvDatum& datum, std::int64_t cameAtMs,
         if (!format.table.empty() && (table == nullptr || valueText(table) != format.table)) {
             continue;
         }
-        lines.push_back(format.json ? jsonLine(*row, cameAtMs) : textLine(*row, cameAtMs));
+        lines.push_back(changeLine(*row, cameAtMs, format.json));
     }
     return lines;
 }

@@ -14,6 +14,10 @@ struct ChangeFormat {
     bool json = false;
 };
 
+/// One line for a row: its change and its table, a hyphen or null for one that it does not name,
+/// and its columns.
+std::string changeLine(const CVekBaseRecord& row, std::int64_t cameAtMs, bool json);
+
 /// One line for every row in `datum`, a packet of a notify subject.
 ///
 /// A packet is read by itself: records never cross packets, so its batch and its sender do not

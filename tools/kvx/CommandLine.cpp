@@ -134,6 +134,7 @@ class CommandLine {
         addRequest();
         addQuery();
         addSnoop();
+        addFollow();
         addServices();
         addBench();
         addHelp();
@@ -227,6 +228,16 @@ class CommandLine {
         addCount(command, "--count", snoop_.count, "leave after this many rows; 0 for never");
     }
 
+    void addFollow() {
+        auto& command =
+            add("follow", "ask a service, print the rows and then every change", follow_, follow);
+        command.add_option("SERVICE", follow_.service, "the service's name, such as Model")
+            ->required();
+        command.add_option("QUERY", follow_.text, "the query, in quotes")->required();
+        addCount(command, "--count", follow_.count, "leave after this many changes; 0 for never");
+        addTimeout(command, follow_.timeoutSeconds);
+    }
+
     void addServices() {
         auto& command = add("services", "list the running services", services_, services);
         auto* wait = command.add_option("--wait", services_.waitSeconds,
@@ -297,6 +308,7 @@ class CommandLine {
     RequestOptions request_;
     QueryOptions query_;
     SnoopOptions snoop_;
+    FollowOptions follow_;
     ServicesOptions services_;
     BenchOptions bench_;
     std::function<int()> chosen_;

@@ -65,6 +65,14 @@ struct SnoopOptions {
     std::uint64_t count = 0;  ///< leave after this many rows; 0 for never
 };
 
+struct FollowOptions {
+    Connection connection;
+    std::string service;
+    std::string text;
+    std::uint64_t count = 0;  ///< leave after this many changes; 0 for never
+    double timeoutSeconds = 8;
+};
+
 struct ServicesOptions {
     Connection connection;
     double waitSeconds = 11;  ///< a little more than a beat interval
@@ -97,6 +105,10 @@ int query(const QueryOptions& options);
 /// Prints the rows that a service publishes as they change, until the count is reached or a signal
 /// ends the process.
 int snoop(const SnoopOptions& options);
+
+/// Prints the rows of an answer and then their changes, until the count is reached or a signal ends
+/// the process.
+int follow(const FollowOptions& options);
 
 /// Lists the services whose beats are heard, and those that answer queries; or watches the beats.
 int services(const ServicesOptions& options);
