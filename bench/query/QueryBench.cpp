@@ -1,8 +1,9 @@
 // What a query costs a warm client.
 //
 // Baseline: a request and its reply of the same size on the bare session, asked for in the loop
-// itself. Measured: `kvx::Client::query` for one row. The daemon and the answerers are separate
-// processes; rounds alternate, and the table shows the median of all rounds' single times.
+// itself. Measured: `kvx::Client::query` for one row, by a client with a thread of its own and by
+// one on the calling thread. The daemon and the answerers are separate processes; rounds alternate,
+// and the table shows the median of all rounds' single times.
 
 #include <algorithm>
 #include <chrono>
@@ -114,8 +115,10 @@ class RawRound {
     rv_Listener asked_ = nullptr;
 };
 
-void queryRound(const std::string& daemon, const char* service, Samples& samples) {
-    auto client = kvx::Client::open({.daemon = {"", "", daemon}});
+using Open = kvx::Result<kvx::Client> (*)(kvx::Client::Options);
+
+void queryRound(const std::string& daemon, Open open, const char* service, Samples& samples) {
+    auto client = open({.daemon = {"", "", daemon}});
     const auto name = kvx::ServiceName::of(service);
     for (int i = 0; client && i < kEach; ++i) {
         samples.begin();
@@ -134,13 +137,19 @@ int measure(const char* self) {
     for (auto* answerer : {&echoer, &pooled, &direct}) {
         if (answerer->awaitOutput("active").empty()) return 1;
     }
+    const Open ownThread = kvx::Client::open;
+    const Open thisThread = kvx::Client::onThisThread;
     Samples raw;
     Samples ofPool;
     Samples ofMain;
+    Samples here;
+    Samples hereOfMain;
     for (int round = 0; round < kRounds; ++round) {
         RawRound(daemon.text(), raw);
-        queryRound(daemon.text(), kPooled, ofPool);
-        queryRound(daemon.text(), kDirect, ofMain);
+        queryRound(daemon.text(), ownThread, kPooled, ofPool);
+        queryRound(daemon.text(), ownThread, kDirect, ofMain);
+        queryRound(daemon.text(), thisThread, kPooled, here);
+        queryRound(daemon.text(), thisThread, kDirect, hereOfMain);
     }
     std::printf("%-28s %10s %10s %8s\n", "", "p50 us", "p99 us", "ratio");
     const auto row = [&](const char* what, Samples& samples) {
@@ -150,6 +159,8 @@ int measure(const char* self) {
     row("request and reply", raw);
     row("query, a pool answers", ofPool);
     row("query, the main thread does", ofMain);
+    row("client on the calling thread", here);
+    row("  and the main thread answers", hereOfMain);
     return 0;
 }
 

@@ -39,13 +39,13 @@ struct RowSource {
 };
 
 /// Appends "s", to a message that has no packet yet. False without memory.
-bool appendStamp(RvMsg& message, const Stamp& stamp);
+KVX_API bool appendStamp(RvMsg& message, const Stamp& stamp);
 /// Appends "k" likewise.
-bool appendSource(RvMsg& message, const RowSource& source);
+KVX_API bool appendSource(RvMsg& message, const RowSource& source);
 
 /// Nothing when the message has no such field, or not one of this form.
-std::optional<Stamp> readStamp(const RvDatum& data);
-std::optional<RowSource> readSource(const RvDatum& data);
+KVX_API std::optional<Stamp> readStamp(const RvDatum& data);
+KVX_API std::optional<RowSource> readSource(const RvDatum& data);
 
 namespace stamp_field {
 /// Of a question instead of a text: the changes after its stamp are asked for.
@@ -53,8 +53,8 @@ inline constexpr const char* kSince = "QryInfoSince";
 }  // namespace stamp_field
 
 /// The question for the changes after `stamp`.
-RvMsg historyQuestion(const Stamp& stamp);
+KVX_API RvMsg historyQuestion(const Stamp& stamp);
 /// The stamp of such a question; nothing when it is none.
-std::optional<Stamp> readHistoryQuestion(const RvDatum& question);
+KVX_API std::optional<Stamp> readHistoryQuestion(const RvDatum& question);
 
 }  // namespace kvx
