@@ -78,12 +78,7 @@ void OpenAnswer::drop() {
 }
 
 bool OpenAnswer::hasRoom(std::size_t most) const {
-    return isTaken_ ? packets_.size() < most : sent_ + packets_.size() < Answers::kMostAtFirst;
-}
-
-bool OpenAnswer::waitsForQuerier() const {
-    if (!isStreamed_) return false;
-    return sent_ >= allowed_ || (!isTaken_ && packets_.empty() && sent_ >= Answers::kMostAtFirst);
+    return packets_.size() < most && (isTaken_ || sent_ + packets_.size() < allowed_);
 }
 
 bool OpenAnswer::isFull() const {
@@ -117,6 +112,7 @@ std::shared_ptr<OpenAnswer> Answers::begin(std::string replySubject,
     auto answer = std::make_shared<OpenAnswer>(*this, std::move(replySubject), window);
     const std::lock_guard lock(mutex_);
     open_.push_back(answer);
+    if (isClosed_) end(*answer);
     return answer;
 }
 
@@ -170,6 +166,14 @@ void Answers::endAll() {
     while (!open_.empty()) end(*std::shared_ptr(open_.front()));
 }
 
+void Answers::close() {
+    {
+        const std::lock_guard lock(mutex_);
+        isClosed_ = true;
+    }
+    endAll();
+}
+
 void Answers::endUnbegun() {
     const std::lock_guard lock(mutex_);
     for (auto next = open_.begin(); next != open_.end();) {
@@ -209,7 +213,8 @@ void Answers::onTimer(RvTimer*) {
         const std::lock_guard lock(mutex_);
         for (auto next = open_.begin(); next != open_.end();) {
             const std::shared_ptr<OpenAnswer> answer = *next++;
-            if (!answer->waitsForQuerier() || now - answer->moved_ <= patience) continue;
+            const bool waits = answer->isStreamed_ && answer->sent_ >= answer->allowed_;
+            if (!waits || now - answer->moved_ <= patience) continue;
             end(*answer);
             ++abandoned_;
             farewells.push_back(std::make_unique<OpenAnswer::Item>(

@@ -43,8 +43,7 @@ class OpenAnswer : public std::enable_shared_from_this<OpenAnswer> {
     /// Ends it.
     void drop();
 
-    /// Whether it is as far ahead of its querier as it may be: less far before that has taken
-    /// anything, since it may be gone.
+    /// Whether it is as far ahead of its querier as it may be.
     [[nodiscard]] bool isFull() const;
 
     /// Waits until it is half as far, or is wanted no longer.
@@ -55,7 +54,6 @@ class OpenAnswer : public std::enable_shared_from_this<OpenAnswer> {
     class Item;
 
     [[nodiscard]] bool hasRoom(std::size_t most) const;
-    [[nodiscard]] bool waitsForQuerier() const;
     [[nodiscard]] bool maySend() const { return !packets_.empty() && sent_ < allowed_; }
 
     Answers& owner_;
@@ -78,9 +76,9 @@ class OpenAnswer : public std::enable_shared_from_this<OpenAnswer> {
 /// when it is destroyed.
 class Answers : private RvDataCallback, private RvTimerCallback {
   public:
-    /// Packets that are made ahead of a querier, and ahead of one that has taken none.
+    /// Packets that are made ahead of what a querier takes. Before it has taken anything no more
+    /// are made than it may be sent, since it may be gone.
     static constexpr std::size_t kMostAhead = 32;
-    static constexpr std::size_t kMostAtFirst = 4;
     /// How often it looks for answers that nobody takes.
     static constexpr std::chrono::milliseconds kLook{100};
     /// A querier that has taken nothing for so long gives way when others wait for a place.
@@ -105,6 +103,9 @@ class Answers : private RvDataCallback, private RvTimerCallback {
 
     /// Ends all: nothing of them is sent any more. Any thread.
     void endAll();
+
+    /// The same, and whatever begins afterwards has ended too. Any thread.
+    void close();
 
     /// Ends those of which nothing has left and that are not finished. Any thread.
     void endUnbegun();
@@ -142,6 +143,7 @@ class Answers : private RvDataCallback, private RvTimerCallback {
     std::deque<std::shared_ptr<OpenAnswer>> ready_;  // those that may send, in turn
     std::size_t packets_ = 0;
     std::uint64_t abandoned_ = 0;
+    bool isClosed_ = false;
 };
 
 }  // namespace kvx::detail

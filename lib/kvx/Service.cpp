@@ -485,7 +485,7 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
 
     void endPool() {
         stopping_ = true;
-        answers_.endAll();
+        answers_.close();
         pool_.reset();
     }
 
