@@ -309,7 +309,7 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
     bool isActing() { return engine_.REIsActive() == TRUE && engine_.REIsFresh() == TRUE; }
 
     void answerOrHold(Asked asked) {
-        if (isActing()) return answerLater(std::move(asked));
+        if (isActing()) return answerLater(asked);
         held_.hold(std::move(asked), std::chrono::steady_clock::now());
     }
 
@@ -349,7 +349,7 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
     void takeHeld() {
         auto held = held_.take(std::chrono::steady_clock::now());
         takenFromHeld_ += held.size();
-        for (Asked& asked : held) answerLater(std::move(asked));
+        for (const Asked& asked : held) answerLater(asked);
     }
 
     // What was held is answered once this member may act, which is a little after it is active.
@@ -404,9 +404,8 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         refusal.finish();
     }
 
-    void answerLater(Asked asked) {
+    void answerLater(const Asked& asked) {
         if (pool_) {
-            // Refused only when it could not be taken: `add` then leaves it as it is.
             if (!pool_->add(asked)) refuse(asked, kTooMany);
         } else if (packetsWaiting() > options_.mostWaiting) {
             refuse(asked, kTooMany);
