@@ -1,6 +1,6 @@
 // An answer that is one packet arrives whole or not at all; one of several can be cut short by the
-// death of its sender. Had the next member answered such a question too, the querier, who counts
-// packets and knows no senders, would take the beginning of one answer and a part of the other for
+// death of its sender. Had the next member answered such a question too, a querier who counts
+// packets and knows no senders would take the beginning of one answer and a part of the other for
 // the whole. So whoever begins a long answer says so first, and the standbys forget the question:
 // the querier then times out and asks again.
 
@@ -9,14 +9,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <deque>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include "mom/mom.h"
 
 namespace kvx {
 
@@ -70,39 +66,5 @@ class HeldQuestions {
 
     std::deque<Held> held_;
 };
-
-/// The subject on which the members of a group tell one another which long answers have begun,
-/// made from the subject on which they hear their questions.
-inline std::string begunSubject(const std::string& querySubject) {
-    return "KVX.BEGUN." + querySubject;
-}
-
-/// Whether an answer of `rows` rows takes more than one packet.
-inline bool isLongAnswer(EVekTransHdr version, std::uint64_t rows) {
-    return rows > (version == VEK_TRANS_V1 ? VEK_TRANS_V1_RECORDS : 1);
-}
-
-namespace detail {
-inline constexpr const char* kInboxField = "inbox";
-}  // namespace detail
-
-/// Queues the notice that the answer to the question of `replySubject` begins, so that it leaves
-/// ahead of the packets that are queued after it. Any thread.
-inline void tellBegun(CVekEngine& engine, const std::string& begunSubject,
-                      const std::string& replySubject) {
-    auto notice = std::make_unique<RvMsg>(0UL);
-    notice->append(detail::kInboxField, replySubject.c_str());
-    engine.REAddToSendQueue(begunSubject.c_str(), notice.release(), nullptr, FALSE);
-}
-
-/// The reply subject that a notice names; empty for what is no notice.
-inline std::string readBegun(const RvDatum& data) {
-    if (data.type() != RVMSG_MSG) return {};
-    const RvMsg notice(static_cast<const RvMsg&>(data));
-    RvDatum inbox;
-    if (!(notice.get(detail::kInboxField, inbox) == RvStatus(0))) return {};
-    std::vector<char> text(inbox.size() + 1);
-    return inbox.getString(text.data(), text.size()) == RvStatus(0) ? text.data() : "";
-}
 
 }  // namespace kvx

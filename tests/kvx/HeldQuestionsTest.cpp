@@ -1,5 +1,7 @@
 #include "kvx/HeldQuestions.h"
 
+#include "kvx/Conversation.h"
+
 namespace kvx {
 namespace {
 
@@ -43,18 +45,13 @@ TEST_F(HeldQuestionsTest, AreGivenUpOnceWhileTheyAreYoungAndTakeLimitedRoom) {
     EXPECT_EQ(held_.size(), 1U) << "what is too old goes without being asked for";
 }
 
-TEST(BegunNotice, NamesTheInboxForAnswersOfMoreThanOnePacket) {
-    RvMsg notice;
-    notice.append("inbox", "_INBOX.A.1");
-    EXPECT_EQ(readBegun(notice), "_INBOX.A.1");
+TEST(BegunNotice, NamesTheInboxAndAnyOtherMessageNone) {
+    using conversation::readInbox;
+    EXPECT_EQ(readInbox(conversation::begunMessage("_INBOX.A.1")), "_INBOX.A.1");
     RvMsg other;
     other.append("outbox", "X");
-    EXPECT_EQ(readBegun(other), "");
-    EXPECT_EQ(readBegun(RvDatum(RVMSG_STRING, 1, "X")), "");
-    EXPECT_FALSE(isLongAnswer(VEK_TRANS_V0, 1));
-    EXPECT_TRUE(isLongAnswer(VEK_TRANS_V0, 2));
-    EXPECT_FALSE(isLongAnswer(VEK_TRANS_V1, 100));
-    EXPECT_TRUE(isLongAnswer(VEK_TRANS_V1, 101));
+    EXPECT_EQ(readInbox(other), std::nullopt);
+    EXPECT_EQ(readInbox(RvDatum(RVMSG_STRING, 1, "X")), std::nullopt);
 }
 
 }  // namespace
