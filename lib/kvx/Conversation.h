@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "rv/rv.h"
@@ -37,6 +38,17 @@ inline constexpr const char* kInbox = "inbox";
 inline constexpr const char* kUpTo = "upTo";
 }  // namespace field
 
+/// The inbox that a message of a conversation names; nothing for what is no such message.
+inline std::optional<std::string> readInbox(const RvDatum& data) {
+    if (data.type() != RVMSG_MSG) return std::nullopt;
+    const RvMsg message(static_cast<const RvMsg&>(data));
+    RvDatum inbox;
+    if (!(message.get(field::kInbox, inbox) == RvStatus(0))) return std::nullopt;
+    std::vector<char> text(inbox.size() + 1);
+    if (!(inbox.getString(text.data(), text.size()) == RvStatus(0))) return std::nullopt;
+    return text.data();
+}
+
 /// What a querier tells the member that answers it.
 struct Take {
     std::string inbox;       ///< where the answer goes
@@ -52,17 +64,25 @@ inline RvMsg takeMessage(const Take& take) {
 
 /// Nothing for what is no such message.
 inline std::optional<Take> readTake(const RvDatum& data) {
-    if (data.type() != RVMSG_MSG) return std::nullopt;
+    auto inbox = readInbox(data);
+    if (!inbox) return std::nullopt;
     const RvMsg message(static_cast<const RvMsg&>(data));
     unsigned long upTo = 0;
-    RvDatum inbox;
-    if (!(message.get(field::kUpTo, upTo) == RvStatus(0)) ||
-        !(message.get(field::kInbox, inbox) == RvStatus(0))) {
-        return std::nullopt;
-    }
-    std::vector<char> text(inbox.size() + 1);
-    if (!(inbox.getString(text.data(), text.size()) == RvStatus(0))) return std::nullopt;
-    return Take{text.data(), static_cast<std::uint32_t>(upTo)};
+    if (!(message.get(field::kUpTo, upTo) == RvStatus(0))) return std::nullopt;
+    return Take{std::move(*inbox), static_cast<std::uint32_t>(upTo)};
+}
+
+/// The subject on which the members of a group tell one another which answers of several packets
+/// have begun, made from the subject on which they hear their questions.
+inline std::string begunSubject(const std::string& querySubject) {
+    return "KVX.BEGUN." + querySubject;
+}
+
+/// Says that the answer that goes to `inbox` has begun; `readInbox` reads it.
+inline RvMsg begunMessage(const std::string& inbox) {
+    RvMsg message(0UL);
+    message.append(field::kInbox, inbox.c_str());
+    return message;
 }
 
 /// The window of a question; nothing when it has none, and for a window of 0.

@@ -88,7 +88,7 @@ class FollowState {
     void keep(Notice notice);
     void followOn();
     [[nodiscard]] bool takeNext(const Notice& notice);
-    void apply(const Record& change);
+    void apply(const Record& record);
     void begin(AnswerRows answer);
     void resynchronise(AnswerRows answer);
     [[nodiscard]] std::string keyOf(const Record& row) const;

@@ -154,12 +154,12 @@ void Followed::onTimer(RvTimer*) {
 void Followed::send() {
     asked_ = *std::exchange(wanted_, std::nullopt);
     const bool isQuery = asked_ == FollowState::Question::Query;
-    RvMsg question =
+    const RvMsg question =
         isQuery ? CVekQryInfo::RQIMessage(what_.text.c_str()) : historyQuestion(state_.at());
     const auto timeout = isQuery ? what_.timeout : std::min(what_.timeout, kForHistory);
     auto sink = std::make_shared<Collected>(weak_from_this());
     (new AnswerExchange(*loop_, what_.tried, timeout, std::move(sink)))
-        ->ask(what_.querySubject, std::move(question));
+        ->ask(what_.querySubject, question);
 }
 
 void Followed::onAnswered(Packets packets, std::optional<QueryError> error) {

@@ -17,10 +17,13 @@ QuestionPool::~QuestionPool() {
 
 bool QuestionPool::add(const Asked& asked) {
     const std::lock_guard lock(mutex_);
-    if (isEnding_ || questions_.size() >= kMostWaiting) return false;
+    const bool isFull =
+        questions_.size() >= kMostWaiting || bytes_ + asked.text.size() > kMostBytes;
+    if (isEnding_ || isFull) return false;
     const bool needsThread = questions_.size() >= idle_ && threads_.size() < kMostThreads;
     if (needsThread && !startThread() && threads_.empty()) return false;
     questions_.push_back(asked);
+    bytes_ += asked.text.size();
     changed_.notify_one();
     return true;
 }
@@ -58,6 +61,7 @@ void QuestionPool::work() {
         if (isEnding_) return;
         const Asked asked = std::move(questions_.front());
         questions_.pop_front();
+        bytes_ -= asked.text.size();
         lock.unlock();
         Turns::Turn turn(turns_);
         turn.begin();

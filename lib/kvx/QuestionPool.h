@@ -38,8 +38,9 @@ class QuestionPool {
 
     /// Answers that may be open at once.
     static constexpr std::size_t kMostThreads = 192;
-    /// Questions that may wait for a thread.
+    /// Questions that may wait for a thread, and the bytes of their texts.
     static constexpr std::size_t kMostWaiting = 1000;
+    static constexpr std::size_t kMostBytes = std::size_t{64} << 20U;
 
     /// A question that is older than `oldest` when its turn comes is dropped: its querier waits no
     /// longer, or has asked again.
@@ -78,6 +79,7 @@ class QuestionPool {
     std::condition_variable changed_;
     // Guarded by mutex_.
     std::deque<Asked> questions_;
+    std::size_t bytes_ = 0;  // of their texts
     std::vector<std::thread> threads_;
     std::size_t idle_ = 0;  // threads that wait for a question
     std::uint64_t dropped_ = 0;

@@ -58,7 +58,7 @@ class Reply::State {
     /// Adds its packet in place of rows, with its own stamp.
     bool add(const Changes::Notice& notice);
     void asOf(const Stamp& stamp, RowSource source);
-    void refuse(const Record& reason, EVekStoreErrorStatus status);
+    void refuse(const Record& why, EVekStoreErrorStatus status);
     [[nodiscard]] bool isWanted() const { return answer_->isWanted(); }
 
     /// Sends what has not left. Once, last.

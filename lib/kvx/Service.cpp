@@ -1,48 +1,31 @@
-// The way of a question: the main thread takes it off the bus (onData). The active member hands it
-// to the pool (QuestionPool), whose thread makes the packets of the answer (Reply); the main thread
-// sends them in turn with those of other answers (Answers). A standby holds the question until it
-// is too old or the member becomes active. Bus objects never leave the main thread: what travels to
-// the pool is the question's text and the name of the subject that the answer goes to.
+// What runs: the loop, its signals and its end, periodic work, notices and roles. How questions are
+// answered is told in Answering.cpp. The engine is the main thread's; other threads queue, post and
+// count.
 
 #include "kvx/Service.h"
 
 #include <algorithm>
 #include <atomic>
-#include <cstdint>
-#include <cstring>
 #include <mutex>
-#include <optional>
 #include <utility>
 #include <vector>
 
-#include "kvx/Answers.h"
-#include "kvx/Changes.h"
-#include "kvx/HeldQuestions.h"
+#include "kvx/Answering.h"
 #include "kvx/OneLoop.h"
-#include "kvx/QuestionPool.h"
-#include "kvx/ReplyState.h"
 #include "mom/mom.h"
 #include "platform/Memory.h"
 #include "rv/session/rvSessionHooks.h"
 
 namespace kvx {
 
-using detail::Asked;
-
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::chrono::milliseconds kRoomPoll{20};
 constexpr std::chrono::milliseconds kTick{100};  // of periodic work
 constexpr unsigned kWorkThreads = 2;
 constexpr std::chrono::seconds kForTheQueue{5};
-constexpr std::size_t kMostText = std::size_t{1} << 20U;  // bytes of a question
-constexpr const char* kTooLong = "the question is longer than 1 MiB";
-constexpr const char* kNoQuery = "this is no query";
-constexpr const char* kTooLongAgo = "the changes since then are not held any more";
 constexpr int kTicksBetweenNumbers = 100;  // the last number is told every 10 s
-constexpr const char* kTooMany = "too many questions are waiting";
 
 // A name that the system does not know joins its group all the same: the kind itself is not told.
 __serv_types kindOf(const ServiceName& name, const Service::Options& options) {
@@ -53,7 +36,7 @@ __serv_types kindOf(const ServiceName& name, const Service::Options& options) {
 
 }  // namespace
 
-class Service::Impl : public RvDataCallback, public RvTimerCallback {
+class Service::Impl : public RvTimerCallback {
   public:
     Impl(ServiceName name, Options options, std::shared_ptr<const void> claim)
         : claim_(std::move(claim)),
@@ -63,7 +46,8 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
                   kindOf(name_, options_), options_.daemon) {}
 
     ~Impl() override {
-        endPool();
+        stopping_ = true;
+        answering_.end();
         if (!engine_.m_session) return;
         rv_RemoveHook(engine_.m_session->handle(), RV_HOOK_DISCONNECT, onLoss, this);
         rv_RemoveHook(engine_.m_session->handle(), RV_HOOK_RECONNECT, onReturn, this);
@@ -80,11 +64,10 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         engine_.RESetMaxSendRate(options_.sendRate);
         const rv_Session session = engine_.m_session->handle();
         if (rv_AddHook(session, RV_HOOK_DISCONNECT, onLoss, this) != 0 ||
-            rv_AddHook(session, RV_HOOK_RECONNECT, onReturn, this) != 0 || !answers_.start()) {
+            rv_AddHook(session, RV_HOOK_RECONNECT, onReturn, this) != 0 || !answering_.open()) {
             return tl::unexpected(
                 Error{Errc::NoMemory, "the bus refuses", detail::connecting(engine_.RRNAddress())});
         }
-        answers_.isCrowded = [this] { return pool_ && pool_->waiting() > 0; };
         isConnected_ = rv_IsConnected(session);
         if (options_.group.empty()) changes_.begin(Changes::newEpoch());
         return {};
@@ -123,7 +106,8 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
     }
 
     int run() {
-        if (std::exchange(hasRun_, true) || (answer && !startAnswering())) return 1;
+        if (std::exchange(hasRun_, true)) return 1;
+        if (answer && !answering_.start(name_.querySubject(), std::move(answer))) return 1;
         engine_.RRNSetPostInitFns([this] {
             engine_.RESetRoleCallback([this](bool active) { roleChanged(active); });
             roleChanged(engine_.REIsActive() == TRUE);
@@ -151,36 +135,12 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         return leave();
     }
 
-    void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
-                RvListener* listener) override {
-        if (replyTo == nullptr || isEnding_) return;
-        CVekQryInfo info(subject, nullptr, data, listener);
-        Asked asked{.text = {},
-                    .replySubject = replyTo->subject(),
-                    .version = info.RQIVersion() == VEK_TRANS_V1 ? VEK_TRANS_V1 : VEK_TRANS_V0,
-                    .window = conversation::readWindow(data)};
-        if (isNumbered_) asked.since = readHistoryQuestion(data);
-        if (asked.since) return answerOrHold(std::move(asked));
-        const Text text(info.RQIQuery());
-        if (!text) return isActing() ? refuse(asked, kNoQuery) : void();
-        const std::size_t length = strnlen(text.get(), kMostText + 1);
-        if (length > kMostText) return isActing() ? refuse(asked, kTooLong) : void();
-        asked.text.assign(text.get(), length);
-        answerOrHold(std::move(asked));
-    }
-
     // --- Any thread ---
 
     Result<> notify(std::span<const Record> records) {
+        if (records.empty() && !name_.notifySubject().empty()) return {};
         const std::string tried = "notify on " + name_.notifySubject();
-        if (name_.notifySubject().empty()) {
-            return tl::unexpected(Error{Errc::InvalidArgument, "it tells no changes", tried});
-        }
-        if (records.empty()) return {};
-        const auto waiting = static_cast<std::size_t>(engine_.RESendQueueLength());
-        if (waiting + records.size() > static_cast<std::size_t>(options_.mostWaiting)) {
-            return tl::unexpected(Error{Errc::QueueFull, {}, tried});
-        }
+        if (auto room = roomForNotices(records.size(), tried); !room) return room;
         CVekTransport transport(&engine_);
         for (const Record& record : records) {
             if (detail::addTo(transport, record)) continue;
@@ -218,14 +178,7 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         if (loop_ != nullptr && !isConnected_) rvevm_Stop(loop_);
     }
 
-    [[nodiscard]] Statistics statistics() const {
-        return {.answered = answered_,
-                .held = takenFromHeld_,
-                .refused = refused_,
-                .dropped = pool_ ? pool_->dropped() : 0,
-                .abandoned = answers_.abandoned(),
-                .waiting = pool_ ? pool_->waiting() : 0};
-    }
+    [[nodiscard]] Statistics statistics() const { return answering_.statistics(); }
 
     std::string querySubject() {
         const Text subject(engine_.RRNDomainSubj(name_.querySubject().c_str()));
@@ -260,21 +213,9 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         const std::function<void()> work;
     };
 
-    // Hears which long answers other members have begun.
-    class BegunListener : public RvDataCallback {
-      public:
-        explicit BegunListener(HeldQuestions<Asked>& held) : held_(held) {}
-        void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
-            held_.forget(readBegun(data));
-        }
-
-      private:
-        HeldQuestions<Asked>& held_;
-    };
-
     static int onLoss(rv_Session, const void*, void* self) {
         static_cast<Impl*>(self)->isConnected_ = false;
-        static_cast<Impl*>(self)->answers_.endAll();
+        static_cast<Impl*>(self)->answering_.dropAnswers();
         return 0;
     }
 
@@ -284,37 +225,7 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         return 0;
     }
 
-    bool startAnswering() {
-        begunSubject_ = begunSubject(querySubject());
-        if (options_.threads > 0) {
-            packer_.emplace();
-            pool_.emplace(options_.threads, options_.oldestQuestion,
-                          [this](const Asked& asked, detail::Turns::Turn& turn) {
-                              waitForRoom();
-                              const auto isTooLate = [this, &asked] {
-                                  if (!pool_->isTooOld(asked)) return false;
-                                  pool_->countDropped();
-                                  return true;
-                              };
-                              const Reply::State::Worker worker{turn, *packer_, isTooLate};
-                              answerQuestion(asked, &worker);
-                          });
-        }
-        return (options_.group.empty() ||
-                engine_.RRNAddExService(begunSubject_.c_str(), &begunListener_) == kOk) &&
-               engine_.RRNAddService(name_.querySubject().c_str(), this) == kOk;
-    }
-
-    // Whether it may answer: active, and not lately stopped for so long that another may be.
-    bool isActing() { return engine_.REIsActive() == TRUE && engine_.REIsFresh() == TRUE; }
-
-    void answerOrHold(Asked asked) {
-        if (isActing()) return answerLater(std::move(asked));
-        held_.hold(std::move(asked), std::chrono::steady_clock::now());
-    }
-
-    Result<> roomForNotices(std::size_t notices) {
-        const std::string tried = "commit on " + name_.notifySubject();
+    Result<> roomForNotices(std::size_t notices, const std::string& tried) {
         if (name_.notifySubject().empty()) {
             return tl::unexpected(Error{Errc::InvalidArgument, "it tells no changes", tried});
         }
@@ -346,17 +257,11 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         if (role) role(active);
     }
 
-    void takeHeld() {
-        auto held = held_.take(std::chrono::steady_clock::now());
-        takenFromHeld_ += held.size();
-        for (Asked& asked : held) answerLater(std::move(asked));
-    }
-
-    // What was held is answered once this member may act, which is a little after it is active.
     void onTimer(RvTimer*) override {
         keepEpoch();
-        if (held_.size() > 0 && !isEnding_ && isActing()) takeHeld();
-        if (isEnding_ && (!answers_.isLeaving() || std::chrono::steady_clock::now() > endAt_)) {
+        answering_.takeHeld();
+        if (answering_.isEnding() &&
+            (!answering_.isLeaving() || std::chrono::steady_clock::now() > endAt_)) {
             engine_.RRNStopLoop();
         }
     }
@@ -364,10 +269,9 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
     // The loop ends when the answers that have begun to leave are gone; at once when asked again,
     // or without a daemon.
     void beginEnding() {
-        const bool isFirst = !isEnding_.exchange(true);
+        const bool isFirst = answering_.beginEnding();
         endAt_ = std::chrono::steady_clock::now() + kForTheQueue;
-        answers_.endUnbegun();
-        if (!isFirst || !isConnected_ || !answers_.isLeaving()) engine_.RRNStopLoop();
+        if (!isFirst || !isConnected_ || !answering_.isLeaving()) engine_.RRNStopLoop();
     }
 
     void setLoop(rvevm_Manager loop) {
@@ -394,77 +298,14 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         for (const auto& work : due) work();
     }
 
-    // Without a word when even that would have to wait too long.
-    void refuse(const Asked& asked, const char* why) {
-        ++refused_;
-        if (packetsWaiting() > 2 * options_.mostWaiting) return;
-        Reply::State refusal(answers_.begin(asked.replySubject, asked.window), asked.version,
-                             nullptr, {});
-        Reply(refusal).refuse(why);
-        refusal.finish();
-    }
-
-    void answerLater(Asked asked) {
-        if (pool_) {
-            // Refused only when it could not be taken: `add` then leaves it as it is.
-            if (!pool_->add(asked)) refuse(asked, kTooMany);
-        } else if (packetsWaiting() > options_.mostWaiting) {
-            refuse(asked, kTooMany);
-        } else {
-            answerQuestion(asked, nullptr);
-        }
-    }
-
-    int packetsWaiting() {
-        return engine_.RESendQueueLength() + static_cast<int>(answers_.packets());
-    }
-
-    void waitForRoom() {
-        while (!stopping_ && packetsWaiting() > options_.mostWaiting) {
-            VekSleep(static_cast<unsigned>(kRoomPoll.count()));
-        }
-    }
-
-    void answerQuestion(const Asked& asked, const Reply::State::Worker* worker) {
-        if (isEnding_ || stopping_) return;
-        ++answered_;
-        std::function<void()> tellOthers;
-        if (!options_.group.empty()) {
-            tellOthers = [&] { tellBegun(engine_, begunSubject_, asked.replySubject); };
-        }
-        Reply::State state(answers_.begin(asked.replySubject, asked.window), asked.version, worker,
-                           std::move(tellOthers));
-        Reply reply(state);
-        if (asked.since) {
-            answerHistory(*asked.since, state);
-            return state.finish();
-        }
-        try {
-            answer({asked.text, asked.replySubject}, reply);
-        } catch (const std::exception& error) {
-            reply.refuse(error.what());
-        } catch (...) {
-            reply.refuse("the service failed");
-        }
-        state.finish();
-    }
-
-    void answerHistory(const Stamp& since, Reply::State& state) const {
-        const auto notices = changes_.since(since);
-        if (!notices) return Reply(state).refuse(kTooLongAgo);
-        for (const Changes::Notice& notice : *notices) {
-            if (!state.add(notice)) return;
-        }
-    }
-
     // What is queued goes out, then the group hears that another member is to answer.
     int leave() {
         engine_.RESetRoleCallback({});
         engine_.RESetInActive();
-        answers_.endUnbegun();
+        answering_.beginEnding();
         const bool isAllSent = sendQueued(std::chrono::steady_clock::now() + kForTheQueue);
         engine_.RELeaveGroup();
-        endPool();
+        answering_.end();
         return isAllSent ? 0 : 1;
     }
 
@@ -483,20 +324,11 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
         return true;
     }
 
-    void endPool() {
-        stopping_ = true;
-        answers_.close();
-        pool_.reset();
-    }
-
     const std::shared_ptr<const void> claim_;
     const ServiceName name_;
     const Options options_;
-    std::string begunSubject_;
 
     // Main thread only.
-    HeldQuestions<Asked> held_;
-    BegunListener begunListener_{held_};
     std::vector<std::unique_ptr<MessageListener>> listeners_;
     std::vector<std::unique_ptr<Work>> works_;
 
@@ -507,23 +339,19 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
     std::mutex gate_;                            // held while something is queued
     std::vector<std::function<void()>> posted_;  // guarded by gate_
     rvevm_Manager loop_ = nullptr;               // guarded by gate_; null while none runs
-    std::atomic<bool> isEnding_{false};          // no further question is answered
     std::atomic<bool> stopping_{false};          // the loop has ended
     std::atomic<bool> isConnected_{false};
-    std::atomic<std::uint64_t> answered_{0};
-    std::atomic<std::uint64_t> takenFromHeld_{0};
-    std::atomic<std::uint64_t> refused_{0};
 
     CVekEngine engine_;
 
     std::atomic<bool> isNumbered_{false};
     int ticks_ = kTicksBetweenNumbers - 1;  // main thread only
-    Changes changes_{{[this](std::size_t notices) { return roomForNotices(notices); },
+    Changes changes_{{[this](std::size_t notices) {
+                          return roomForNotices(notices, "commit on " + name_.notifySubject());
+                      },
                       [this](const Changes::Notice& notice) { sendNotice(notice); }}};
 
-    detail::Answers answers_{engine_, options_.patience};
-    std::optional<detail::Packer> packer_;
-    std::optional<detail::QuestionPool> pool_;  // its threads end before anything they use
+    Answering answering_{engine_, options_, changes_, isNumbered_};  // ends before what it uses
 };
 
 Service::Service(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}

@@ -38,8 +38,8 @@ class KVX_API Service {
         int tier = 1;
         /// Announced every 10 s, for `kvx services`.
         bool beats = true;
-        /// That work on answers at once; up to 64 answers are open, and of those the one that has
-        /// been served least goes on. 0: the main thread answers, for functions that return at
+        /// That work on answers at once; up to 192 answers are open. Short ones pass the long ones,
+        /// of which the oldest 16 share. 0: the main thread answers, for functions that return at
         /// once; it saves two changes of thread a question.
         int threads = 2;
         /// A question that is older when its turn comes is dropped, and counted.
@@ -131,6 +131,7 @@ class KVX_API Service {
 
   private:
     class Impl;
+    class Answering;
     explicit Service(std::unique_ptr<Impl> impl);
 
     std::unique_ptr<Impl> impl_;

@@ -1,5 +1,7 @@
 #include "kvx/HeldQuestions.h"
 
+#include "kvx/Conversation.h"
+
 namespace kvx {
 namespace {
 
@@ -7,11 +9,12 @@ using std::chrono::milliseconds;
 
 struct Question {
     std::string replySubject;
+    std::string text;
 };
 
 struct HeldQuestionsTest : testing::Test {
-    void hold(const std::string& inbox, int atMs) {
-        held_.hold({inbox}, start_ + milliseconds(atMs));
+    void hold(const std::string& inbox, int atMs, std::size_t bytes = 0) {
+        held_.hold({inbox, std::string(bytes, 'x')}, start_ + milliseconds(atMs));
     }
 
     std::string take(int atMs) {
@@ -39,22 +42,19 @@ TEST_F(HeldQuestionsTest, AreGivenUpOnceWhileTheyAreYoungAndTakeLimitedRoom) {
     EXPECT_EQ(take(13001), "E;");
     for (int i = 0; i < 1500; ++i) hold(std::to_string(i), 20000);
     EXPECT_EQ(held_.size(), HeldQuestions<Question>::kMost);
-    hold("late", 26001);
+    for (int i = 0; i < 66; ++i) hold(std::to_string(i), 21000, 1U << 20U);
+    EXPECT_EQ(held_.size(), 64U) << "a mebibyte each";
+    hold("late", 27001);
     EXPECT_EQ(held_.size(), 1U) << "what is too old goes without being asked for";
 }
 
-TEST(BegunNotice, NamesTheInboxForAnswersOfMoreThanOnePacket) {
-    RvMsg notice;
-    notice.append("inbox", "_INBOX.A.1");
-    EXPECT_EQ(readBegun(notice), "_INBOX.A.1");
+TEST(BegunNotice, NamesTheInboxAndAnyOtherMessageNone) {
+    using conversation::readInbox;
+    EXPECT_EQ(readInbox(conversation::begunMessage("_INBOX.A.1")), "_INBOX.A.1");
     RvMsg other;
     other.append("outbox", "X");
-    EXPECT_EQ(readBegun(other), "");
-    EXPECT_EQ(readBegun(RvDatum(RVMSG_STRING, 1, "X")), "");
-    EXPECT_FALSE(isLongAnswer(VEK_TRANS_V0, 1));
-    EXPECT_TRUE(isLongAnswer(VEK_TRANS_V0, 2));
-    EXPECT_FALSE(isLongAnswer(VEK_TRANS_V1, 100));
-    EXPECT_TRUE(isLongAnswer(VEK_TRANS_V1, 101));
+    EXPECT_EQ(readInbox(other), std::nullopt);
+    EXPECT_EQ(readInbox(RvDatum(RVMSG_STRING, 1, "X")), std::nullopt);
 }
 
 }  // namespace
