@@ -56,6 +56,9 @@ class QuestionPool {
     /// Questions that have not begun to be answered. Any thread.
     [[nodiscard]] std::size_t waiting() const;
 
+    /// Whether some of these wait for an answer to end: no further thread can be had. Any thread.
+    [[nodiscard]] bool isCrowded() const;
+
     /// Whether an answer to `asked` would come too late. Any thread.
     [[nodiscard]] bool isTooOld(const Asked& asked) const {
         return Asked::Clock::now() - asked.heard > oldest_;
@@ -79,7 +82,8 @@ class QuestionPool {
     // Guarded by mutex_.
     std::deque<Asked> questions_;
     std::vector<std::thread> threads_;
-    std::size_t idle_ = 0;  // threads that wait for a question
+    std::size_t idle_ = 0;    // threads that wait for a question
+    bool hasStarted_ = true;  // the last thread that was needed
     std::uint64_t dropped_ = 0;
     bool isEnding_ = false;
 };

@@ -84,7 +84,9 @@ class Service::Impl : public RvDataCallback, public RvTimerCallback {
             return tl::unexpected(
                 Error{Errc::NoMemory, "the bus refuses", detail::connecting(engine_.RRNAddress())});
         }
-        answers_.isCrowded = [this] { return pool_ && pool_->waiting() > 0; };
+        answers_.isCrowded = [this] {
+            return pool_ ? pool_->isCrowded() : packetsWaiting() > options_.mostWaiting;
+        };
         isConnected_ = rv_IsConnected(session);
         if (options_.group.empty()) changes_.begin(Changes::newEpoch());
         return {};
