@@ -159,7 +159,9 @@ Answer::State Answer::take(const RvDatum& data, bool isConversation) {
     if (std::max(header.count, header.sequence) > kMostPackets) return State::TooLarge;
     Budget budget{kMostBytes - bytes_};
     Reading reading = readRows(*packet, budget);
-    if (reading.isTooLarge) return State::TooLarge;
+    auto source = readSource(data);
+    const std::size_t texts = source ? source->key.size() + 1 : 0;
+    if (reading.isTooLarge || !budget.take(kRecordCost * texts)) return State::TooLarge;
     count(header, packet->payload);
     totals_.unreadable += reading.unreadable;
     const std::size_t cost = kMostBytes - bytes_ - budget.left;
@@ -167,12 +169,12 @@ Answer::State Answer::take(const RvDatum& data, bool isConversation) {
     const auto status = static_cast<EVekStoreErrorStatus>(header.status);
     if (isSuccess(status_)) status_ = status;
     Packets& taken = packets_[header.sequence];
-    if (const auto stamp = readStamp(data)) taken.stamped = {{*stamp, reading.rows.size()}};
-    taken.source = readSource(data);
+    taken.source = std::move(source);
     taken.count = 1;
     taken.cost = cost;
     Rows& rows = isSuccess(status) ? taken.rows : refusal_;
     std::ranges::move(reading.rows, std::back_inserter(rows));
+    if (const auto stamp = readStamp(data)) taken.stamped = {{*stamp, taken.rows.size()}};
     totals_.isComplete = numbered == PacketNumbers::State::Complete;
     return totals_.isComplete ? State::Complete : State::Waiting;
 }

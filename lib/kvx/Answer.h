@@ -17,7 +17,7 @@ namespace kvx::detail {
 /// The stamp of a packet and how many of the rows are its.
 struct StampedRows {
     Stamp stamp;
-    std::size_t rows = 0;
+    std::size_t rows = 0;  ///< none of a refusal
 };
 
 /// Some packets of an answer.
@@ -46,8 +46,8 @@ class Answer {
     };
 
     static constexpr std::int64_t kMostPackets = 1'000'000;
-    /// Of its uncompressed packets, and `kRecordCost` more for each record and field; what has been
-    /// released does not count.
+    /// Of its uncompressed packets, and `kRecordCost` more for each record, field and text of a
+    /// `RowSource`; what has been released does not count.
     static constexpr std::size_t kMostBytes = std::size_t{1} << 30U;
     static constexpr std::size_t kRecordCost = 256;
     static constexpr const char* kBound = "it is larger than 1,000,000 packets or 1 GiB of records";

@@ -33,7 +33,9 @@ void Service::Answering::BegunListener::onData(const char*, RvSender*, const RvD
 }
 
 bool Service::Answering::open() {
-    answers_.isCrowded = [this] { return pool_ && pool_->waiting() > 0; };
+    answers_.isCrowded = [this] {
+        return pool_ ? pool_->isCrowded() : packetsWaiting() > options_.mostWaiting;
+    };
     return answers_.start();
 }
 

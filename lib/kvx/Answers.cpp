@@ -103,6 +103,7 @@ bool Answers::start() {
     look_.reset(engine_.RRNNewTimer(&status, static_cast<unsigned long>(kLook.count()), rv_TRUE,
                                     this, nullptr));
     if (!inbox_ || !look_) return false;
+    looked_ = Clock::now();
     engine_.RESetSendSource([this] { return next(); });
     return true;
 }
@@ -204,15 +205,19 @@ void Answers::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
     if (isNew) engine_.REWakeSendSource();
 }
 
-// The last packet is for a querier that is only slow: it says why no more come.
+// The last packet is for a querier that is only slow: it says why no more come. While the loop did
+// not run, what it has taken could not be heard.
 void Answers::onTimer(RvTimer*) {
     const auto patience = isCrowded && isCrowded() ? kGivesWay : patience_;
     const auto now = Clock::now();
+    const auto stood = now - std::exchange(looked_, now) - kLook;
+    if (engine_.REIsFresh() != TRUE) return endAll();
     std::vector<std::unique_ptr<CVekSendQueueItem>> farewells;
     {
         const std::lock_guard lock(mutex_);
         for (auto next = open_.begin(); next != open_.end();) {
             const std::shared_ptr<OpenAnswer> answer = *next++;
+            if (stood > kLook) answer->moved_ += stood;
             const bool waits = answer->isStreamed_ && answer->sent_ >= answer->allowed_;
             if (!waits || now - answer->moved_ <= patience) continue;
             end(*answer);

@@ -98,7 +98,8 @@ class Answers : private RvDataCallback, private RvTimerCallback {
     std::shared_ptr<OpenAnswer> begin(std::string replySubject,
                                       std::optional<std::uint32_t> window);
 
-    /// Called every `kLook` on the main thread; whether questions wait for the place of an answer.
+    /// Called every `kLook` on the main thread; whether questions wait for the place of an answer,
+    /// or are refused.
     std::function<bool()> isCrowded;
 
     /// Ends all: nothing of them is sent any more. Any thread.
@@ -136,6 +137,7 @@ class Answers : private RvDataCallback, private RvTimerCallback {
     // Main thread only.
     std::unique_ptr<RvListener> inbox_;
     std::unique_ptr<RvTimer> look_;
+    std::chrono::steady_clock::time_point looked_;
 
     mutable std::mutex mutex_;
     // Guarded by mutex_.

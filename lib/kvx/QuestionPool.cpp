@@ -31,15 +31,22 @@ bool QuestionPool::add(const Asked& asked) {
 bool QuestionPool::startThread() {
     try {
         threads_.emplace_back([this] { work(); });
-        return true;
+        hasStarted_ = true;
     } catch (const std::system_error&) {
-        return false;
+        hasStarted_ = false;
     }
+    return hasStarted_;
 }
 
 std::size_t QuestionPool::waiting() const {
     const std::lock_guard lock(mutex_);
     return questions_.size();
+}
+
+bool QuestionPool::isCrowded() const {
+    const std::lock_guard lock(mutex_);
+    const bool isFull = threads_.size() == kMostThreads || !hasStarted_;
+    return isFull && questions_.size() > idle_;
 }
 
 void QuestionPool::countDropped() {

@@ -57,6 +57,9 @@ class QuestionPool {
     /// Questions that have not begun to be answered. Any thread.
     [[nodiscard]] std::size_t waiting() const;
 
+    /// Whether some of these wait for an answer to end: no further thread can be had. Any thread.
+    [[nodiscard]] bool isCrowded() const;
+
     /// Whether an answer to `asked` would come too late. Any thread.
     [[nodiscard]] bool isTooOld(const Asked& asked) const {
         return Asked::Clock::now() - asked.heard > oldest_;
@@ -81,7 +84,8 @@ class QuestionPool {
     std::deque<Asked> questions_;
     std::size_t bytes_ = 0;  // of their texts
     std::vector<std::thread> threads_;
-    std::size_t idle_ = 0;  // threads that wait for a question
+    std::size_t idle_ = 0;    // threads that wait for a question
+    bool hasStarted_ = true;  // the last thread that was needed
     std::uint64_t dropped_ = 0;
     bool isEnding_ = false;
 };

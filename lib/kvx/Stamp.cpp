@@ -12,7 +12,8 @@ namespace {
 
 constexpr const char* kStampField = "s";
 constexpr const char* kSourceField = "k";
-constexpr std::size_t kStampSize = 16;  // bytes
+constexpr std::size_t kStampSize = 16;                       // bytes
+constexpr std::size_t kMostSource = std::size_t{64} << 10U;  // bytes
 
 bool appendBytes(RvMsg& message, const char* name, const void* bytes, std::size_t size) {
     return message.append(name, RVMSG_OPAQUE, static_cast<rvmsg_Size>(size), bytes) == RvStatus(0);
@@ -63,7 +64,7 @@ std::optional<Stamp> readStamp(const RvDatum& data) {
 
 std::optional<RowSource> readSource(const RvDatum& data) {
     const auto bytes = opaque(data, kSourceField);
-    if (!bytes || !bytes->ends_with('\0')) return std::nullopt;
+    if (!bytes || bytes->size() > kMostSource || !bytes->ends_with('\0')) return std::nullopt;
     std::vector<std::string> texts;
     for (auto rest = *bytes; !rest.empty();) {
         const std::size_t end = rest.find('\0');

@@ -6,6 +6,8 @@
 #include <future>
 #include <optional>
 
+#include "kvx/Answer.h"
+#include "kvx/ReplyState.h"
 #include "kvx/kvx.h"
 #include "mom/mom.h"
 #include "tests/support/Daemon.h"
@@ -174,6 +176,22 @@ TEST_F(HostileAnswerTest, IsPartialWhenPacketsLackOrCannotBeRead) {
         auto packet = compressed;
         packet[spoilt] = static_cast<char>(packet[spoilt] ^ 0x55);
         EXPECT_EQ(failure({packet}).substr(0, 14), "partial answer") << spoilt;
+    }
+}
+
+TEST(AnswerTest, PaysForTheNamesOfItsSource) {
+    CVekTransport row(nullptr);
+    ASSERT_TRUE(detail::addTo(row, {{"n", 1}}));
+    const auto packed = detail::pack(row, VEK_TRANS_V1);
+    for (const std::size_t names : {60'000U, 70'000U}) {
+        auto ahead = std::make_unique<RvMsg>(0UL);
+        ASSERT_TRUE(appendSource(*ahead, {"", std::vector<std::string>(names)}));
+        detail::Answer answer;
+        answer.take(*detail::packetMessage(*packed[0], 1, 1, STORE_COMPLETE, std::move(ahead)),
+                    true);
+        const auto packets = answer.takeRest();
+        EXPECT_EQ(packets.source.has_value(), names == 60'000) << "of 64 KiB at most";
+        EXPECT_EQ(packets.cost > names * detail::Answer::kRecordCost, names == 60'000);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <future>
 #include <optional>
 
+#include "kvx/ReplyState.h"
 #include "kvx/kvx.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/Home.h"
@@ -142,6 +143,26 @@ TEST_F(FollowClientTest, SaysThatAServiceDoesNotNumberItsChanges) {
     ChildProcess tool(KVX_TOOL, {"follow", "Links", "*"});
     EXPECT_EQ(tool.wait(), 1);
     EXPECT_NE(tool.errors().find("does not number its changes"), std::string::npos);
+}
+
+// Its rows are the reason, and no changes.
+TEST_F(FollowClientTest, OutlivesANoticeThatIsARefusal) {
+    const auto service = startService();
+    const Following following = follow();
+    count();
+    EXPECT_TRUE(eventually([&] { return last == 1; }));
+    CVekTransport rows(nullptr);
+    ASSERT_TRUE(detail::addTo(rows, {{"name", "a"}}));
+    auto stamp = std::make_unique<RvMsg>(0UL);
+    ASSERT_TRUE(appendStamp(*stamp, {.epoch = 1, .number = 1}));
+    const auto notice = detail::packetMessage(*detail::pack(rows, VEK_TRANS_V1)[0], 1, 1,
+                                              STORE_PERMISSION_DENIED, std::move(stamp));
+    const auto subject = ServiceName::of("Counters")->notifySubject();
+    EXPECT_TRUE(client.publish(client.inDomain(subject), Message(*notice)));
+    EXPECT_TRUE(eventually([&] { return resynchronised == 1; })) << "of another epoch";
+    count();
+    EXPECT_TRUE(eventually([&] { return last == 2; }));
+    EXPECT_TRUE(isUpToDate());
 }
 
 TEST_F(FollowClientTest, IsShownByTheTool) {

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "kvx/QuestionPool.h"
 #include "kvx/kvx.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/Home.h"
@@ -14,8 +15,10 @@
 namespace kvx {
 namespace {
 
+using namespace std::chrono_literals;
 using test::ChildProcess;
 using test::Daemon;
+using test::eventually;
 using test::Home;
 
 struct ServiceTest : ::testing::Test {
@@ -134,6 +137,37 @@ TEST_F(ServiceTest, GivesUpAnAnswerThatIsNotTakenAndSaysSo) {
     while (row && *row) row = slow.next();
     ASSERT_FALSE(row);
     EXPECT_EQ(row.error().message(), "query Odd: refused: the rows were not taken in time");
+}
+
+TEST_F(ServiceTest, DoesNotCountItsOwnStandstillAgainstAQuerier) {
+    ChildProcess odd(KVX_ODD_SERVICE, {"2", "2"});
+    ASSERT_EQ(odd.awaitOutput("active"), "active") << odd.errors();
+    auto client = Client::open();
+    auto stream = client->stream("Odd", "20000");
+    ASSERT_TRUE(stream.next());
+    ASSERT_TRUE(eventually([&] { return stream.totals().packets == 65; })) << "all it may send";
+    odd.kill(SIGSTOP);
+    const auto stopped = std::chrono::steady_clock::now();
+    ASSERT_TRUE(eventually([&] { return std::chrono::steady_clock::now() > stopped + 2500ms; }));
+    odd.kill(SIGCONT);
+    const auto rest = stream.rest();
+    EXPECT_TRUE(rest) << rest.error().message();
+}
+
+TEST(QuestionPoolTest, IsCrowdedWhenNoFurtherThreadCanBeHad) {
+    std::promise<void> mayEnd;
+    const auto end = mayEnd.get_future().share();
+    detail::QuestionPool pool(1, 60s,
+                              [&](const detail::Asked&, detail::Turns::Turn&) { end.wait(); });
+    for (std::size_t i = 0; i < detail::QuestionPool::kMostThreads; ++i) {
+        ASSERT_TRUE(pool.add({.text = "x", .replySubject = "y"}));
+        EXPECT_TRUE(i + 1 == detail::QuestionPool::kMostThreads || !pool.isCrowded()) << i;
+    }
+    EXPECT_TRUE(eventually([&] { return pool.waiting() == 0; }));
+    EXPECT_FALSE(pool.isCrowded());
+    ASSERT_TRUE(pool.add({.text = "x", .replySubject = "y"}));
+    EXPECT_TRUE(pool.isCrowded());
+    mayEnd.set_value();
 }
 
 TEST_F(ServiceTest, AnswersOnItsMainThreadWhenToldTo) {
