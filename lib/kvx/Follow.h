@@ -16,7 +16,8 @@ namespace kvx {
 struct Follower {
     /// Each row of the answer, in its order.
     std::function<void(const Record& row)> onRow{};
-    /// Each change from then on (see `changeOf`, `rowOf`), once and in the order of the service.
+    /// Each change from then on (see `changeOf`, `rowOf`), once and in the order of the service. In
+    /// a table with a key not one that leaves a row as it is known, or deletes one that is not.
     std::function<void(const Record& change)> onChange{};
     /// Changes could not be had one by one: after a take-over, a restart of the service or a long
     /// absence. Instead what turns the rows so far into the rows now, maybe nothing; deletions come

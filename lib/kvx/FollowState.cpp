@@ -184,10 +184,16 @@ void FollowState::apply(const Record& record) {
     if (!change || !isOurs) return;
     Record row = rowOf(record);
     std::string key = keyOf(row);
-    if (change == Change::Deleted) {
-        rows_.erase(key);
-    } else {
+    const auto known = rows_.find(key);
+    const bool isKnown = known != rows_.end();
+    const bool isDeletion = change == Change::Deleted;
+    const bool isAsKnown = isDeletion ? !isKnown : isKnown && isSameRow(known->second, row);
+    // Without a key there may be several such rows.
+    if (isAsKnown && !source_.key.empty()) return;
+    if (!isDeletion) {
         rows_.insert_or_assign(std::move(key), std::move(row));
+    } else if (isKnown) {
+        rows_.erase(known);
     }
     sink_.onChange(record);
 }

@@ -309,6 +309,18 @@ TEST_F(FollowStateTest, AsksAgainWhenAnAnswerIsOlderThanWhatItHas) {
     EXPECT_EQ(view_.resynchronised, 0);
 }
 
+TEST_F(FollowStateTest, GivesNoChangeThatLeavesARowAsItIsKnown) {
+    answer(5, {{6, {6, 0}}});
+    const Record turned{{"before", 0}, {"now", 6}, {"id", 6}};
+    hear(6);
+    follower_.onNotice({{1, 7}, {changeRecord(Change::Changed, turned)}, 1});
+    const Record deletion = changeRecord(Change::Deleted, turned);
+    follower_.onNotice({{1, 8}, {deletion, deletion}, 1});
+    EXPECT_EQ(view_.wrong, "") << "given twice";
+    EXPECT_TRUE(view_.table.empty());
+    EXPECT_EQ(follower_.at(), (Stamp{1, 8}));
+}
+
 TEST_F(FollowStateTest, EndsWhenAnAnswerCannotBeFollowed) {
     View other;
     FollowState unnumbered(other);

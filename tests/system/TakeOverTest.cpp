@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/system/Installation.h"
 
 namespace kvx::test {
@@ -17,8 +19,13 @@ class TakeOverTest : public ::testing::Test {
 
     // A member with a database of its own, so that its rows tell who answered.
     std::unique_ptr<ChildProcess> startMember(const std::string& name) {
-        auto member = bus_.start("modeld", {"--db", bus_.path(name + ".db"), "--table", "devices",
-                                            "--load", rows(name, 200), "--watch-source", "1"});
+        return startMember(name, rows(name, 200), "");
+    }
+    std::unique_ptr<ChildProcess> startMember(const std::string& database, const std::string& csv,
+                                              const std::string& key) {
+        auto member =
+            bus_.start("modeld", {"--db", bus_.path(database + ".db"), "--table", "devices",
+                                  "--load", csv, "--key", key, "--watch-source", "1"});
         EXPECT_NE(member->awaitError("standing by on ZEMBRALIX.3.0.MODEL.QUERY"), "");
         return member;
     }
@@ -58,6 +65,25 @@ TEST_F(TakeOverTest, LongAnswersAreNeverBegunTwice) {
     EXPECT_NE(second->awaitError("answering"), "");
     EXPECT_EQ(ask(), "name\nsecond\n");
     EXPECT_EQ(second->errors().find("held meanwhile"), std::string::npos) << second->errors();
+}
+
+TEST_F(TakeOverTest, AFollowerIsGivenEveryRowAndChangeOnce) {
+    const std::string csv = bus_.file("devices.csv", "name,ports\na,1\nb,2\n");
+    const auto first = startMember("first", csv, "Name");
+    const auto second = startMember("second", csv, "Name");
+    const auto follow = bus_.start("kvx", {"follow", "Model", "select * from Devices"});
+    EXPECT_NE(follow->awaitOutput(" - - name=b ports=2"), "") << follow->errors();
+    bus_.file("devices.csv", "name,ports\na,1\nb,20\n");
+    EXPECT_NE(follow->awaitOutput(" changed devices name=b ports=20"), "") << first->errors();
+    first->kill(SIGKILL);
+    bus_.file("devices.csv", "name,ports\na,1\nb,21\n");
+    EXPECT_NE(second->awaitError("changes published"), "");
+    bus_.file("devices.csv", "name,ports\nb,21\nc,3\n");
+    EXPECT_NE(follow->awaitOutput(" inserted devices name=c ports=3"), "") << second->errors();
+    const std::string shown = follow->output();
+    EXPECT_NE(shown.find(" changed devices name=b ports=21\n"), std::string::npos);
+    EXPECT_NE(shown.find(" deleted devices name=a ports=1\n"), std::string::npos);
+    EXPECT_EQ(std::ranges::count(shown, '\n'), 6) << shown;
 }
 
 }  // namespace

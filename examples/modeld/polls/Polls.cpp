@@ -69,20 +69,20 @@ void StatisticsPoll::RTWDoPoll() {
 
 }  // namespace
 
-Polls::Polls(CVekEngine& engine, const ModelService& service, FileWatch watch,
+Polls::Polls(kvx::Service& bus, const ModelService& service, FileWatch watch,
              const Settings& settings)
-    : manager_(std::make_unique<CVekTimedWorkMgr>(&engine, kTickThreads, kTickMs, kWorkThreads,
-                                                  runTimedWorker, FALSE)) {
+    : manager_(std::make_unique<CVekTimedWorkMgr>(&bus.engine(), kTickThreads, kTickMs,
+                                                  kWorkThreads, runTimedWorker, FALSE)) {
     blockedWork_ = std::make_unique<CVekBlockedWorkMgr>(*manager_, kAnswerTicks);
     manager_->RTWMSetBlockedWorkMgr(blockedWork_.get());
     if (settings.watchSource > 0) {
         add(std::make_unique<SourcePoll>(
-            engine, std::move(watch),
+            bus.engine(), bus.changes(), std::move(watch),
             SourcePoll::Settings{settings.database, settings.source, settings.notifySubject,
                                  settings.watchSource}));
     }
     if (settings.statistics > 0) {
-        add(std::make_unique<StatisticsPoll>(engine, service, settings.statistics));
+        add(std::make_unique<StatisticsPoll>(bus.engine(), service, settings.statistics));
     }
     if (settings.checkpoint > 0) {
         add(std::make_unique<CheckpointPoll>(*blockedWork_, settings.database,

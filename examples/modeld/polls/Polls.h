@@ -7,13 +7,14 @@
 #include "examples/modeld/polls/FileWatch.h"
 #include "examples/modeld/service/ModelService.h"
 #include "examples/modeld/store/Store.h"
+#include "kvx/Service.h"
 #include "mom/mom.h"
 
 namespace modeld {
 
 /// The periodic work of the service; an interval of 0 seconds disables a poll.
 ///
-/// Built and destroyed on the main thread, and destroyed before the engine and the service.
+/// Built and destroyed on the main thread, and destroyed before the services.
 class Polls {
   public:
     struct Settings {
@@ -26,7 +27,7 @@ class Polls {
     };
 
     /// `watch` has the source files as loaded.
-    Polls(CVekEngine& engine, const ModelService& service, FileWatch watch,
+    Polls(kvx::Service& bus, const ModelService& service, FileWatch watch,
           const Settings& settings);
     ~Polls();
     Polls(const Polls&) = delete;

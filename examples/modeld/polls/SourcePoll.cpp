@@ -4,16 +4,16 @@
 // that found it ends before publishing, or is a standby that shares its database with the active
 // one. A notice may be published twice: by a member that ends before it deletes it, or by two
 // members with separate databases around a take-over. An older value never follows a newer one: a
-// notice has the current row, the store keeps the newest notice of a row, and nothing is published
-// while the files may be newer.
+// notice has the current row, the store keeps the newest notice of a row, nothing is published
+// while the files may be newer, and no refresh of another process comes between reading the notices
+// and numbering them. So an answer has every row as it is after the changes of its number, or newer
+// with the notice yet to come.
 //
 // While the daemon is lost nothing is published or deleted: notices queued at the loss are
 // published again, and a standby does not know yet whether others have published its notices.
 
 #include "examples/modeld/polls/SourcePoll.h"
 
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <utility>
 
@@ -47,32 +47,9 @@ std::string changeNotice(const std::string& table, Change change, const Row& row
                                           static_cast<std::size_t>(length));
 }
 
-ChangePublisher::ChangePublisher(CVekEngine& engine, std::string subject)
-    : engine_(engine), subject_(std::move(subject)), transport_(&engine_) {}
-
-void ChangePublisher::add(std::string_view notice) {
-    if (subject_.empty() || notice.empty()) return;
-    auto* copy = static_cast<unsigned char*>(std::malloc(notice.size()));
-    if (copy == nullptr) return;
-    std::memcpy(copy, notice.data(), notice.size());
-    auto atom = std::make_unique<CVekAtom>(copy, static_cast<int>(notice.size()));
-    CVekAtom* record = atom.get();
-    if (transport_.RTTakeROMP(&record) != 1) return;
-    static_cast<void>(atom.release());
-    ++published_;
-    if (++waiting_ == VEK_TRANS_V1_RECORDS) flush();
-}
-
-void ChangePublisher::flush() {
-    if (waiting_ == 0) return;
-    waiting_ = 0;
-    transport_.RTSetDestinationOnSubject(subject_.c_str());
-    transport_.RTCreatePackets(VEK_TRANS_V1, true);
-    transport_.RTSendAll(false);
-}
-
-SourcePoll::SourcePoll(CVekEngine& engine, FileWatch watch, Settings settings)
-    : engine_(engine), settings_(std::move(settings)), watch_(std::move(watch)) {
+SourcePoll::SourcePoll(CVekEngine& engine, kvx::Changes& changes, FileWatch watch,
+                       Settings settings)
+    : engine_(engine), changes_(changes), settings_(std::move(settings)), watch_(std::move(watch)) {
     RTWSetName(new CVekAtom("source"));
     RTWSetFrequency(settings_.seconds);
 }
@@ -98,7 +75,7 @@ void SourcePoll::RTWDoPoll() {
         return;
     }
     if (hasChanged) refresh(*store);
-    const bool isActive = engine_.REIsActive() == TRUE;
+    const bool isActive = changes_.read([] {}).epoch != 0;
     if (isActive || !DaemonLink::isUp()) standingBySince_ = Clock::now();
     if (!DaemonLink::isUp()) return;
     if (!isActive) {
@@ -159,17 +136,33 @@ void SourcePoll::publish(Store& store) {
     const unsigned losses = DaemonLink::losses();
     if (std::exchange(losses_, losses) != losses) queued_ = 0;
     if (engine_.RESendQueueLength() == 0) warnOnce(store.forgetNotices(queued_));
-    ChangePublisher publisher(engine_, settings_.subject);
-    const auto refusal =
-        store.readNotices(queued_, [&](std::int64_t number, std::string_view notice) {
-            publisher.add(notice);
-            queued_ = number;
-        });
-    publisher.flush();
-    warnOnce(refusal);
-    if (publisher.published() != 0) {
-        Log::info("{} changes published on {}", publisher.published(), settings_.subject);
+    std::uint64_t published = 0;
+    warnOnce(
+        store.readNotices(queued_, [&](std::int64_t last, std::span<const std::string> notices) {
+            if (!commit(notices)) return false;
+            queued_ = last;
+            published += notices.size();
+            return true;
+        }));
+    if (published != 0 && !settings_.subject.empty()) {
+        Log::info("{} changes published on {}", published, settings_.subject);
     }
+}
+
+// False when they wait for the next look.
+bool SourcePoll::commit(std::span<const std::string> notices) {
+    if (settings_.subject.empty()) return true;
+    std::vector<kvx::Record> records;
+    for (const std::string& notice : notices) {
+        if (auto record = kvx::Record::decode(std::as_bytes(std::span(notice)))) {
+            records.push_back(std::move(*record));
+        }
+    }
+    const auto committed = changes_.commit(records);
+    if (!committed && committed.error().code == kvx::Errc::InvalidArgument) {
+        Log::warning("{}", committed.error().message());
+    }
+    return committed.has_value();
 }
 
 }  // namespace modeld

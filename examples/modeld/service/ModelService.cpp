@@ -50,16 +50,29 @@ Verdict refuse(kvx::Reply& reply, const std::string& why, oql::Position position
     return {.reason = position == 0 ? why : why + " at position " + std::to_string(position)};
 }
 
-Verdict answerFrom(Store& store, const std::string& text, kvx::Reply& reply) {
+// Notices spell the table as the service does, whatever the letters of the question.
+const std::string& spelled(const std::string& asked, const std::string& table) {
+    return oql::lowered(asked) == oql::lowered(table) ? table : asked;
+}
+
+// `table` is the one that notices tell of.
+Verdict answerFrom(Store& store, const kvx::Changes& changes, const std::string& table,
+                   const std::string& text, kvx::Reply& reply) {
     const auto parsed = oql::parse(text);
     if (const auto* error = std::get_if<oql::SyntaxError>(&parsed)) {
         return refuse(reply, "syntax error: " + error->message, error->position);
     }
     const auto& query = std::get<oql::Query>(parsed);
     Verdict verdict;
-    RowRecord record;
-    const auto refusal = store.run(
-        query, [&](const Row& row) { return reply.row(record.of(row)); }, verdict.rows);
+    std::optional<Refusal> refusal;
+    const kvx::Stamp stamp = changes.read([&] { refusal = store.beginSnapshot(); });
+    if (!refusal) {
+        reply.asOf(stamp, changes.source(spelled(query.table.text, table)));
+        RowRecord record;
+        refusal = store.run(
+            query, [&](const Row& row) { return reply.row(record.of(row)); }, verdict.rows);
+        store.endSnapshot();
+    }
     if (refusal) {
         verdict = refuse(reply, refusal->message, refusal->position, statusOf(refusal->error));
     }
@@ -80,8 +93,16 @@ void logAnswer(const std::string& question, const Verdict& verdict, double milli
 
 }  // namespace
 
-ModelService::ModelService(kvx::Service& service, std::string database, std::string membership)
-    : service_(service), database_(std::move(database)), membership_(std::move(membership)) {}
+ModelService::ModelService(kvx::Service& service, std::string database, const Source& source,
+                           std::string membership)
+    : service_(service),
+      changes_(service.changes()),
+      database_(std::move(database)),
+      table_(source.table),
+      membership_(std::move(membership)) {
+    // Column names are in lower case.
+    if (!source.key.empty()) changes_.setKey(table_, {oql::lowered(source.key)});
+}
 
 bool ModelService::start(std::string& reason) {
     Refusal refusal;
@@ -115,7 +136,7 @@ void ModelService::answer(const kvx::Question& question, kvx::Reply& reply) {
     tellHeld();
     Refusal refusal;
     auto store = borrowStore(refusal);
-    const Verdict verdict = store ? answerFrom(*store, question.text, reply)
+    const Verdict verdict = store ? answerFrom(*store, changes_, table_, question.text, reply)
                                   : refuse(reply, refusal.message, 0, STORE_NO_DATABASE);
     if (store) returnStore(std::move(store));
     const std::chrono::duration<double, std::milli> spent =

@@ -18,13 +18,16 @@ namespace modeld {
 /// Every question gets an answer. Rows are records with the columns as fields, without empty
 /// values; no rows is an empty answer with the status "Query has zero matches". A refused question
 /// is answered with the nearest status and one record with "error", a text, and "position", the
-/// 1-based position in the query text if there is one.
+/// 1-based position in the query text if there is one. An answer with rows names the changes that
+/// are in it.
 ///
 /// Built on the main thread of `service` before it runs, and outlives its run.
 class ModelService {
   public:
-    /// `membership` is for the log.
-    ModelService(kvx::Service& service, std::string database, std::string membership);
+    /// The rows of `source`, whose files are not used, can be followed. `membership` is for the
+    /// log.
+    ModelService(kvx::Service& service, std::string database, const Source& source,
+                 std::string membership);
     ModelService(const ModelService&) = delete;
     ModelService& operator=(const ModelService&) = delete;
 
@@ -51,7 +54,9 @@ class ModelService {
     void returnStore(std::unique_ptr<Store> store);
 
     kvx::Service& service_;
+    kvx::Changes& changes_;
     const std::string database_;
+    const std::string table_;
     const std::string membership_;
     const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
     std::atomic<std::uint64_t> answered_{0};

@@ -155,7 +155,7 @@ int run(const Options& options) {
     auto service = openService(options);
     if (!service) return kFailure;
     CVekEngine& engine = service->engine();
-    ModelService model(*service, options.database,
+    ModelService model(*service, options.database, sourceOf(options),
                        fmt::format("tier {} of group {}", options.tier, options.group));
     DaemonLink link(engine);
     std::string reason;
@@ -163,7 +163,7 @@ int run(const Options& options) {
         Log::error("{}", reason);
         return kFailure;
     }
-    const Polls polls(engine, model, watch,
+    const Polls polls(*service, model, watch,
                       {options.database, sourceOf(options), notifySubject(engine, options.service),
                        options.watchSource, options.statistics, options.checkpoint});
     const int status = service->run();

@@ -14,6 +14,7 @@
 #include "examples/modeld/store/Refresh.h"
 
 #include <algorithm>
+#include <vector>
 
 #include "examples/modeld/store/Fill.h"
 
@@ -23,6 +24,8 @@ namespace {
 
 constexpr const char* kStaged = "temp.staged";
 constexpr const char* kNotices = "_modeld_notices";
+constexpr std::size_t kNoticesAtOnce = 100;
+constexpr std::size_t kNoticeBytesAtOnce = std::size_t{4} << 20U;
 
 // The order of the notices of one refresh: a deleted row comes before one that may replace it.
 constexpr Change kOrder[] = {Change::Deleted, Change::Changed, Change::Inserted};
@@ -216,17 +219,28 @@ bool hasNotices(sqlite3* database) {
 }
 
 std::optional<Refusal> readNotices(sqlite3* database, std::int64_t after,
-                                   const VisitNotice& visit) {
+                                   const VisitNotices& visit) {
     const sql::Statement select =
         sql::prepare(database, std::string("SELECT notice, id FROM ") + kNotices + " WHERE id > " +
                                    std::to_string(after) + " ORDER BY id");
     if (!select) return failed(database, "reading the notices");
+    std::vector<std::string> notices;
+    std::size_t bytes = 0;
+    std::int64_t last = 0;
     int step = sqlite3_step(select.get());
     for (; step == SQLITE_ROW; step = sqlite3_step(select.get())) {
         const Row row(select.get());
-        visit(row.integer(1), row.text(0));
+        bytes += row.text(0).size();
+        if (notices.size() == kNoticesAtOnce || (!notices.empty() && bytes > kNoticeBytesAtOnce)) {
+            if (!visit(last, notices)) return std::nullopt;
+            notices.clear();
+            bytes = row.text(0).size();
+        }
+        notices.emplace_back(row.text(0));
+        last = row.integer(1);
     }
     if (step != SQLITE_DONE) return failed(database, "reading the notices");
+    if (!notices.empty()) visit(last, notices);
     return std::nullopt;
 }
 

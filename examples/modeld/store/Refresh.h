@@ -49,7 +49,8 @@ class Refresh {
 
 /// The notices stored in the database. Their numbers ascend and are never reused.
 bool hasNotices(sqlite3* database);
-std::optional<Refusal> readNotices(sqlite3* database, std::int64_t after, const VisitNotice& visit);
+std::optional<Refusal> readNotices(sqlite3* database, std::int64_t after,
+                                   const VisitNotices& visit);
 std::optional<Refusal> forgetNotices(sqlite3* database, std::int64_t upTo);
 std::optional<Refusal> dropNotices(sqlite3* database, std::chrono::seconds olderThan);
 

@@ -137,9 +137,10 @@ bool Store::hasNotices() const {
     return modeld::hasNotices(database_.get());
 }
 
-std::optional<Refusal> Store::readNotices(std::int64_t after, const VisitNotice& visit) {
+std::optional<Refusal> Store::readNotices(std::int64_t after, const VisitNotices& visit) {
     if (!hasNotices()) return std::nullopt;
-    return modeld::readNotices(database_.get(), after, visit);
+    return inTransaction(database_.get(), "reading the notices",
+                         [&] { return modeld::readNotices(database_.get(), after, visit); });
 }
 
 std::optional<Refusal> Store::forgetNotices(std::int64_t upTo) {
@@ -165,6 +166,21 @@ std::optional<Refusal> Store::checkpoint(int& framesLeft) {
     }
     framesLeft = std::max(0, frames - moved);
     return std::nullopt;
+}
+
+// The first read takes the snapshot, not BEGIN.
+std::optional<Refusal> Store::beginSnapshot() {
+    if (sql::execute(database_.get(), "BEGIN") &&
+        sql::execute(database_.get(), "SELECT 1 FROM sqlite_master LIMIT 1")) {
+        return std::nullopt;
+    }
+    auto refusal = failed(database_.get(), "beginning to read");
+    endSnapshot();
+    return refusal;
+}
+
+void Store::endSnapshot() {
+    if (sqlite3_get_autocommit(database_.get()) == 0) sql::execute(database_.get(), "ROLLBACK");
 }
 
 std::optional<Refusal> Store::run(const oql::Query& query,

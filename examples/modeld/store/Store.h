@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -62,8 +63,9 @@ enum class Change { Inserted, Changed, Deleted };
 /// Makes the notice of one change: any bytes. A changed row has its new values.
 using Describe = std::function<std::string(Change, const Row&)>;
 
-/// Called with a notice and its number.
-using VisitNotice = std::function<void(std::int64_t number, std::string_view notice)>;
+/// Called with at most a hundred notices, of 4 MiB or one, and the number of the last; returns
+/// whether to go on.
+using VisitNotices = std::function<bool(std::int64_t last, std::span<const std::string> notices)>;
 
 /// The numbers of rows that a refresh found different.
 struct Refreshed {
@@ -103,8 +105,9 @@ class Store {
 
     bool hasNotices() const;
 
-    /// Calls `visit` for the stored notices with numbers above `after`, the oldest first.
-    std::optional<Refusal> readNotices(std::int64_t after, const VisitNotice& visit);
+    /// Calls `visit` for the stored notices with numbers above `after`, the oldest first, until it
+    /// returns false. Nobody writes to the database meanwhile: the rows are as the notices tell.
+    std::optional<Refusal> readNotices(std::int64_t after, const VisitNotices& visit);
 
     /// Deletes the notices with numbers up to `upTo`.
     std::optional<Refusal> forgetNotices(std::int64_t upTo);
@@ -115,6 +118,12 @@ class Store {
     /// Moves the write-ahead log into the database, as far as current readers allow; sets
     /// `framesLeft` to the rest.
     std::optional<Refusal> checkpoint(int& framesLeft);
+
+    /// Until `endSnapshot` every `run` reads the database as it is now. On a refusal nothing has
+    /// begun.
+    std::optional<Refusal> beginSnapshot();
+    /// Without a snapshot does nothing.
+    void endSnapshot();
 
     /// Runs a query and calls `visit` for every row until it returns false. Sets `rows` to the
     /// number of calls.

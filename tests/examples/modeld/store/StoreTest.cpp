@@ -89,11 +89,15 @@ struct StoreTest : testing::Test {
 
     void take(Store& store) {
         std::int64_t last = 0;
-        EXPECT_FALSE(store.readNotices(0, [&](std::int64_t number, std::string_view notice) {
+        EXPECT_FALSE(store.readNotices(0, [&](std::int64_t number, const auto& notices) {
             last = number;
-            (told_ += notice) += ";";
+            for (const std::string& notice : notices) (told_ += notice) += ";";
+            return true;
         }));
-        EXPECT_FALSE(store.readNotices(last, [](auto...) { ADD_FAILURE() << "a notice more"; }));
+        EXPECT_FALSE(store.readNotices(last, [](auto...) {
+            ADD_FAILURE() << "a notice more";
+            return true;
+        }));
         EXPECT_FALSE(store.forgetNotices(last));
     }
 
@@ -273,6 +277,35 @@ TEST_F(StoreTest, NoticesAreTakenOnceByWhoeverSharesTheDatabaseAndOnlyTheNewestO
     EXPECT_FALSE(store_->checkpoint(left));
     EXPECT_EQ(left, 0);
     EXPECT_TRUE(run("select * from _modeld_notices")) << "the store's own table is nobody's";
+}
+
+TEST_F(StoreTest, ASnapshotStaysAsItWasWhenItBegan) {
+    load("name,ports\na,1\n", "name");
+    Refusal refusal;
+    const auto other = Store::open(directory_.file("model.db"), Store::Access::ReadWrite, refusal);
+    EXPECT_FALSE(store_->beginSnapshot());
+    EXPECT_EQ(refreshOnly(*other, "name,ports\na,2\n"), 1U);
+    EXPECT_EQ(answer("select * from devices"), "a,1;") << "taken at the begin, not when first used";
+    store_->endSnapshot();
+    EXPECT_EQ(answer("select * from devices"), "a,2;");
+}
+
+TEST_F(StoreTest, NoticesAreReadAHundredAtATimeUntilTheyAreNotWanted) {
+    load("name,ports\n", "name");
+    std::string rows = "name,ports\n";
+    for (int i = 0; i < 250; ++i) rows += std::to_string(i) + ",1\n";
+    refreshOnly(*store_, rows);
+    std::vector<std::size_t> sizes;
+    std::int64_t taken = 0;
+    const auto take = [&](std::int64_t last, const auto& notices) {
+        sizes.push_back(notices.size());
+        taken = last;
+        return sizes.size() != 2;
+    };
+    EXPECT_FALSE(store_->readNotices(0, take));
+    EXPECT_EQ(sizes, (std::vector<std::size_t>{100, 100}));
+    EXPECT_FALSE(store_->readNotices(taken, take));
+    EXPECT_EQ(sizes, (std::vector<std::size_t>{100, 100, 50}));
 }
 
 TEST_F(StoreTest, TellsThatAnotherOneWritesFromWhatIsBroken) {
