@@ -1,8 +1,9 @@
 // Which of the answers that are being made goes on: one that has not made its first step yet comes
 // first, in the order of asking, so a short answer waits for one step of the long ones, never for
-// their end. Of the long ones the oldest few share, the one that has been served least first; the
-// rest wait until one of these is done. So a long answer that has begun ends in time, however many
-// are asked for: had all of them shared, none would have ended before its querier gave up.
+// their end. Of the long ones the oldest few share, the one whose last step is longest ago first;
+// the rest wait until one of these is done. So a long answer that has begun ends in time, however
+// many are asked for: had all of them shared, none would have ended before its querier gave up. One
+// that is nearly done does not wait for newer ones to get as far.
 
 #pragma once
 
@@ -44,7 +45,7 @@ class Turns {
         /// After a step: lets another one work whose turn it is, and waits.
         void pass() {
             std::unique_lock lock(turns_.mutex_);
-            ++served_;
+            lastStep_ = ++turns_.steps_;
             Turn* const next = turns_.next(this);
             if (next == this) return;
             isMine_ = false;
@@ -72,8 +73,8 @@ class Turns {
         Turns& turns_;
         // Guarded by the mutex of `turns_`.
         std::condition_variable given_;
-        std::uint64_t served_ = 0;  // steps
-        std::uint64_t order_ = 0;   // of asking
+        std::uint64_t lastStep_ = 0;  // of all steps; 0 before its first one
+        std::uint64_t order_ = 0;     // of asking
         bool isMine_ = false;
     };
 
@@ -82,7 +83,7 @@ class Turns {
   private:
     using ByOrder = std::map<std::uint64_t, Turn*>;
 
-    ByOrder& waitingOf(const Turn& turn) { return turn.served_ == 0 ? new_ : long_; }
+    ByOrder& waitingOf(const Turn& turn) { return turn.lastStep_ == 0 ? new_ : long_; }
 
     void give(Turn& turn) {
         waitingOf(turn).erase(turn.order_);
@@ -90,19 +91,16 @@ class Turns {
         turn.given_.notify_one();
     }
 
-    // Among those that wait and `current`, which has made a step; both may be none.
+    // Among those that wait and `current`, which has just made a step; both may be none.
     Turn* next(Turn* current) {
         if (!new_.empty()) return new_.begin()->second;
-        Turn* best = nullptr;
-        int older = 0;  // than `current`
+        Turn* best = current;
         int seen = 0;
         for (const auto& [order, turn] : long_) {
             if (++seen > kMostSharing) break;
-            if (best == nullptr || turn->served_ < best->served_) best = turn;
-            if (current != nullptr && order < current->order_) ++older;
+            if (best == nullptr || turn->lastStep_ < best->lastStep_) best = turn;
         }
-        const bool mayGoOn = current != nullptr && older < kMostSharing;
-        return mayGoOn && (best == nullptr || current->served_ <= best->served_) ? current : best;
+        return best;
     }
 
     std::mutex mutex_;
@@ -110,6 +108,7 @@ class Turns {
     ByOrder new_;
     ByOrder long_;
     std::uint64_t order_ = 0;
+    std::uint64_t steps_ = 0;
     int free_;
 };
 

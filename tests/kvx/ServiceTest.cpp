@@ -154,6 +154,24 @@ TEST_F(ServiceTest, DoesNotCountItsOwnStandstillAgainstAQuerier) {
     EXPECT_TRUE(rest) << rest.error().message();
 }
 
+TEST(TurnsTest, LetNobodyWaitUntilANewerOneIsAsFar) {
+    detail::Turns turns(1);
+    std::string steps;  // of whose turn it is
+    detail::Turns::Turn first(turns);
+    first.begin();
+    for (int i = 0; i < 10; ++i) first.pass();
+    std::thread newer([&] {
+        detail::Turns::Turn turn(turns);
+        for (turn.begin(); steps.size() < 10; turn.pass()) steps += 'n';
+    });
+    for (; steps.size() < 10; first.pass()) {
+        if (!steps.empty()) steps += 'f';
+    }
+    first.end();
+    newer.join();
+    EXPECT_EQ(steps.substr(0, 10), "nfnfnfnfnf");
+}
+
 TEST(QuestionPoolTest, IsCrowdedWhenNoFurtherThreadCanBeHad) {
     std::promise<void> mayEnd;
     const auto end = mayEnd.get_future().share();
