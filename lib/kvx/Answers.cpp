@@ -208,6 +208,7 @@ void Answers::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
 // The last packet is for a querier that is only slow: it says why no more come. While the loop did
 // not run, what it has taken could not be heard.
 void Answers::onTimer(RvTimer*) {
+    if (engine_.REIsFresh() != TRUE) return endAll();
     const auto patience = isCrowded && isCrowded() ? kGivesWay : patience_;
     const auto now = Clock::now();
     const auto stood = now - std::exchange(looked_, now) - kLook;

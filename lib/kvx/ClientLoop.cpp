@@ -7,6 +7,7 @@
 
 #include <utility>
 
+#include "kvx/NoDaemon.h"
 #include "kvx/OneLoop.h"
 #include "mom/net/LoopThread.h"
 #include "rv/session/rvSessionHooks.h"

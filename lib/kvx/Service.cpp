@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kvx/Answering.h"
+#include "kvx/NoDaemon.h"
 #include "kvx/OneLoop.h"
 #include "mom/mom.h"
 #include "platform/Memory.h"

@@ -1,7 +1,6 @@
 #pragma once
 
 /// Everything of the room: services and clients in a few lines. A C program gets the C interface.
-#include "kvx/CInterface.h"
 #ifdef __cplusplus
 #include "kvx/ChangeRecord.h"
 #include "kvx/Changes.h"
@@ -15,4 +14,6 @@
 #include "kvx/ServiceName.h"
 #include "kvx/Stamp.h"
 #include "kvx/Value.h"
+#else
+#include "kvx/CInterface.h"
 #endif

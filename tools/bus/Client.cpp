@@ -5,6 +5,7 @@
 #include <memory>
 #include <utility>
 
+#include "kvx/NoDaemon.h"
 #include "platform/Memory.h"
 #include "tools/bus/Complain.h"
 
@@ -31,7 +32,8 @@ Client::Client(const BusOptions& options, unsigned long latencyMs)
     if (hasSession && daemon_ == kNoDaemon) {
         complain("the daemon '-' is none: there is nobody to talk to");
     } else if (!hasSession) {
-        complain(fmt::format("no session with the bus daemon at {}", daemon_));
+        complain(fmt::format("no session with the bus daemon at {}: {}", daemon_,
+                             kvx::detail::noDaemon(net_).text));
     } else if (watchSession()) {
         isUp_ = true;
         if (options.verbose) complain(sessionText());

@@ -316,6 +316,20 @@ class CommandLine {
 
 }  // namespace
 
+std::optional<ServiceName> serviceNamed(const std::string& name) {
+    auto service = ServiceName::of(name);
+    if (service) return std::move(*service);
+    bus::complain(service.error().message());
+    return std::nullopt;
+}
+
+std::optional<ServiceName> publisherNamed(const std::string& name) {
+    auto service = serviceNamed(name);
+    if (!service || !service->notifySubject().empty()) return service;
+    bus::complain("the service '" + name + "' publishes no changes");
+    return std::nullopt;
+}
+
 bool talks(const Connection& connection) {
     return connection.verbose || platform::isTerminal(stderr);
 }

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "kvx/ServiceName.h"
 #include "tools/bus/BusOptions.h"
 #include "tools/bus/Program.h"
 
@@ -115,6 +117,12 @@ int services(const ServicesOptions& options);
 
 /// Measures round trips and a stream through the daemon.
 int bench(const BenchOptions& options);
+
+/// The service of a name, nothing with a line on standard error when it is no name.
+std::optional<ServiceName> serviceNamed(const std::string& name);
+
+/// The same for a service that publishes changes.
+std::optional<ServiceName> publisherNamed(const std::string& name);
 
 /// Whether a command reports its progress on standard error: on a terminal, or with `--verbose`.
 bool talks(const Connection& connection);

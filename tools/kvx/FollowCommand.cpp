@@ -60,15 +60,8 @@ class FollowPrinter {
 }  // namespace
 
 int follow(const FollowOptions& options) {
-    const auto service = ServiceName::of(options.service);
-    if (!service) {
-        bus::complain(service.error().message());
-        return kUsage;
-    }
-    if (service->notifySubject().empty()) {
-        bus::complain("the service '" + options.service + "' publishes no changes");
-        return kUsage;
-    }
+    const auto service = publisherNamed(options.service);
+    if (!service) return kUsage;
     const auto timeout =
         std::chrono::milliseconds(static_cast<long>(options.timeoutSeconds * 1000));
     bus::Client client(options.connection, static_cast<unsigned long>(timeout.count()));

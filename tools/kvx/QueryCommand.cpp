@@ -136,11 +136,8 @@ int ask(const QueryOptions& options, bus::Client& bus, Client& client, const Ser
 }  // namespace
 
 int query(const QueryOptions& options) {
-    const auto service = ServiceName::of(options.service);
-    if (!service) {
-        bus::complain(service.error().message());
-        return kUsage;
-    }
+    const auto service = serviceNamed(options.service);
+    if (!service) return kUsage;
     const auto timeoutMs = static_cast<unsigned long>(options.timeoutSeconds * 1000);
     bus::Client bus(options.connection, timeoutMs);
     if (!bus.isUp()) return kFailure;

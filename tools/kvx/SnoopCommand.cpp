@@ -7,7 +7,6 @@
 #include <atomic>
 #include <thread>
 
-#include "kvx/ServiceName.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
@@ -79,15 +78,8 @@ int follow(bus::Client& client, const SnoopOptions& options, const char* subject
 }  // namespace
 
 int snoop(const SnoopOptions& options) {
-    const auto service = ServiceName::of(options.service);
-    if (!service) {
-        bus::complain(service.error().message());
-        return kUsage;
-    }
-    if (service->notifySubject().empty()) {
-        bus::complain("the service '" + options.service + "' publishes no changes");
-        return kUsage;
-    }
+    const auto service = publisherNamed(options.service);
+    if (!service) return kUsage;
     bus::Client client(options.connection);
     return client.isUp() ? follow(client, options, service->notifySubject().c_str()) : kFailure;
 }

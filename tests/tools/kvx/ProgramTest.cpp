@@ -285,7 +285,8 @@ TEST_F(ProgramTest, StartsADaemonWhereItMayAndSaysSo) {
     }();
     const std::string command = "kvx services --wait 0.1 --daemon " + address;
     const Ended refused = bus_.shell("KVX_START_DAEMON=0 " + command);
-    EXPECT_FALSE(holds(refused.errors, "started")) << refused.errors;
+    EXPECT_FALSE(holds(refused.errors, "started a bus")) << refused.errors;
+    EXPECT_TRUE(holds(refused.errors, "KVX_START_DAEMON is 0")) << refused.errors;
     EXPECT_EQ(refused.status, 1);
     const Ended started = bus_.shell(
         command + "; ended=$?; for process in /proc/[0-9]*; do tr '\\0' ' ' <$process/cmdline | " +
