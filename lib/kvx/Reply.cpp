@@ -62,6 +62,7 @@ std::unique_ptr<RvMsg> detail::refusalMessage(std::string_view why, std::int64_t
     static_cast<void>(addTo(transport, reason(why)));
     transport.RTCreatePackets(VEK_TRANS_V1, true);
     const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
+    if (packets->RAVSize() == 0) return std::make_unique<RvMsg>(0UL);  // there is no memory
     return packetMessage(*packets->RAVGetValue(0), sequence, sequence, STORE_PERMISSION_DENIED);
 }
 

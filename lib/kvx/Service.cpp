@@ -236,9 +236,8 @@ class Service::Impl : public RvTimerCallback {
         return tl::unexpected(Error{Errc::QueueFull, {}, tried});
     }
 
+    // Also while the service ends: who looks at the queue then sees that it has not been sent.
     void sendNotice(const Changes::Notice& notice) {
-        const std::lock_guard guard(gate_);
-        if (stopping_) return;
         engine_.REAddToSendQueue(name_.notifySubject().c_str(), new RvMsg(notice.message()),
                                  nullptr, TRUE);
     }
