@@ -9,6 +9,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -20,7 +21,7 @@ namespace kvx::detail {
 /// The rows of one packet, packed; owned.
 using PackedRows = std::unique_ptr<CVekAtom>;
 
-/// Makes packets of the rows in `rows`.
+/// Makes packets of what is in `rows`.
 inline std::vector<PackedRows> pack(CVekTransport& rows, EVekTransHdr version) {
     rows.RTCreatePackets(version, true);
     const std::unique_ptr<CVekAtomVector> made(rows.RTEncodes());
@@ -49,9 +50,15 @@ class Packer {
         State state_ = State::Waiting;  // guarded by the mutex of the packer
     };
 
-    /// With one processor there is no thread: nobody would gain by it.
+    /// With one processor there is no thread: nobody would gain by it. None either when the system
+    /// has none to give.
     Packer() {
-        if (std::thread::hardware_concurrency() > 1) thread_ = std::thread([this] { run(); });
+        if (std::thread::hardware_concurrency() < 2) return;
+        try {
+            thread_ = std::thread([this] { run(); });
+        } catch (const std::system_error&) {
+            // Whoever makes an answer packs its blocks.
+        }
     }
     ~Packer() {
         {
