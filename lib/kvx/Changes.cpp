@@ -19,23 +19,19 @@ namespace kvx {
 
 namespace {
 
-constexpr std::size_t kMessageRoom = 64;  // bytes of a message around its packet
-
 Error invalid(const char* why) {
     return {Errc::InvalidArgument, why, "commit"};
 }
 
-std::vector<Changes::Packet> packetsIn(CVekTransport& transport) {
-    const std::unique_ptr<CVekAtomVector> atoms(transport.RTEncodes());
-    std::vector<Changes::Packet> packets;
-    for (unsigned i = 0; i < atoms->RAVSize(); ++i) {
-        unsigned char* bytes = nullptr;
-        int length = 0;
-        if (atoms->RAVGetValue(i)->RAUChar(&bytes, &length) == kOk) {
-            packets.emplace_back(bytes, bytes + length);
-        }
+// The one packet of what is in `transport`; nothing when it makes none or several.
+std::optional<Changes::Packet> packetIn(CVekTransport& transport) {
+    const auto packets = detail::pack(transport, VEK_TRANS_V1);
+    unsigned char* bytes = nullptr;
+    int length = 0;
+    if (packets.size() != 1 || packets.front()->RAUChar(&bytes, &length) != kOk) {
+        return std::nullopt;
     }
-    return packets;
+    return Changes::Packet(bytes, bytes + length);
 }
 
 // The packet of at most 100 changes; nothing when one has no encoding or they are too large.
@@ -44,10 +40,9 @@ std::optional<Changes::Packet> packetOf(std::span<const Record> changes) {
     for (const Record& change : changes) {
         if (!detail::addTo(transport, change)) return std::nullopt;
     }
-    transport.RTCreatePackets(VEK_TRANS_V1, true);
-    auto packets = packetsIn(transport);
-    if (packets.size() != 1 || packets.front().size() > packet::kLargestPacket) return std::nullopt;
-    return std::move(packets.front());
+    auto only = packetIn(transport);
+    if (only && only->size() > packet::kLargestPacket) return std::nullopt;
+    return only;
 }
 
 Result<std::vector<Changes::Packet>> packetsOf(std::span<const Record> changes) {
@@ -70,15 +65,14 @@ Result<std::vector<Changes::Packet>> packetsOf(std::span<const Record> changes) 
 Changes::Notice withoutChanges(const Stamp& stamp) {
     CVekTransport transport(nullptr);
     transport.RTNilResults();
-    auto packets = packetsIn(transport);
-    if (packets.empty()) packets.emplace_back();
-    return {stamp, std::make_shared<const Changes::Packet>(std::move(packets.front()))};
+    return {stamp, std::make_shared<const Changes::Packet>(
+                       packetIn(transport).value_or(Changes::Packet()))};
 }
 
 }  // namespace
 
 RvMsg Changes::Notice::message() const {
-    RvMsg message(static_cast<unsigned long>(packet->size() + kMessageRoom));
+    RvMsg message(static_cast<unsigned long>(packet->size() + detail::kMessageRoom));
     if (appendStamp(message, stamp)) {
         message.append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(packet->size()), packet->data());
     }

@@ -41,7 +41,7 @@ inline constexpr const char* kUpTo = "upTo";
 /// The inbox that a message of a conversation names; nothing for what is no such message.
 inline std::optional<std::string> readInbox(const RvDatum& data) {
     if (data.type() != RVMSG_MSG) return std::nullopt;
-    const RvMsg message(static_cast<const RvMsg&>(data));
+    const auto& message = static_cast<const RvMsg&>(data);
     RvDatum inbox;
     if (!(message.get(field::kInbox, inbox) == RvStatus(0))) return std::nullopt;
     std::vector<char> text(inbox.size() + 1);
@@ -66,7 +66,7 @@ inline RvMsg takeMessage(const Take& take) {
 inline std::optional<Take> readTake(const RvDatum& data) {
     auto inbox = readInbox(data);
     if (!inbox) return std::nullopt;
-    const RvMsg message(static_cast<const RvMsg&>(data));
+    const auto& message = static_cast<const RvMsg&>(data);
     unsigned long upTo = 0;
     if (!(message.get(field::kUpTo, upTo) == RvStatus(0))) return std::nullopt;
     return Take{std::move(*inbox), static_cast<std::uint32_t>(upTo)};
@@ -88,7 +88,7 @@ inline RvMsg begunMessage(const std::string& inbox) {
 /// The window of a question; nothing when it has none, and for a window of 0.
 inline std::optional<std::uint32_t> readWindow(const RvDatum& question) {
     if (question.type() != RVMSG_MSG) return std::nullopt;
-    const RvMsg message(static_cast<const RvMsg&>(question));
+    const auto& message = static_cast<const RvMsg&>(question);
     unsigned long window = 0;
     if (!(message.get(kWindowField, window) == RvStatus(0)) || window == 0) return std::nullopt;
     return static_cast<std::uint32_t>(window);

@@ -19,8 +19,6 @@ constexpr const char* kNoEncoding = "a row of the answer cannot be encoded";
 constexpr const char* kNotActive = "this member is not active any more";
 constexpr const char* kTooLarge = "the rows are too large for a message";
 
-constexpr std::size_t kMessageRoom = 64;  // bytes of a message beside its packet
-
 Record reason(std::string_view why, int position = 0) {
     Record record{{"error", why}};
     if (position > 0) static_cast<void>(record.set("position", position));
@@ -60,10 +58,9 @@ std::unique_ptr<RvMsg> detail::packetMessage(const CVekAtom& packet, std::int64_
 std::unique_ptr<RvMsg> detail::refusalMessage(std::string_view why, std::int64_t sequence) {
     CVekTransport transport(nullptr);
     static_cast<void>(addTo(transport, reason(why)));
-    transport.RTCreatePackets(VEK_TRANS_V1, true);
-    const std::unique_ptr<CVekAtomVector> packets(transport.RTEncodes());
-    if (packets->RAVSize() == 0) return std::make_unique<RvMsg>(0UL);  // there is no memory
-    return packetMessage(*packets->RAVGetValue(0), sequence, sequence, STORE_PERMISSION_DENIED);
+    const auto packets = pack(transport, VEK_TRANS_V1);
+    if (packets.empty()) return std::make_unique<RvMsg>(0UL);  // there is no memory
+    return packetMessage(*packets.front(), sequence, sequence, STORE_PERMISSION_DENIED);
 }
 
 bool Reply::row(const Record& record) {
@@ -155,7 +152,7 @@ void Reply::State::send(std::size_t packets, std::int64_t count) {
     std::vector<std::unique_ptr<RvMsg>> messages;
     for (; packets > 0; --packets) {
         const Packet& packet = held_.front();
-        auto ahead = std::make_unique<RvMsg>(packet.bytes->RALength() + kMessageRoom);
+        auto ahead = std::make_unique<RvMsg>(packet.bytes->RALength() + detail::kMessageRoom);
         if (packet.stamp) appendStamp(*ahead, *packet.stamp);
         if (stamp_) appendSource(*ahead, source_);
         messages.push_back(

@@ -19,6 +19,8 @@ namespace kvx {
 
 namespace detail {
 
+inline constexpr std::size_t kMessageRoom = 64;  // bytes of a message beside its packet
+
 /// Adds the row to what `transport` is to pack. False when the record has no encoding.
 [[nodiscard]] bool addTo(CVekTransport& transport, const Record& record);
 
