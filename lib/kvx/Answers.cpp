@@ -30,10 +30,9 @@ class OpenAnswer::Item : public CVekSendQueueItem {
                             &answer->owner_.engine_, 0),
           answer_(std::move(answer)) {}
 
-    // The sender lives only here, on the main thread: the answer may die on another.
-
     int RSQIDeQueueIt() override {
         Answers& owner = answer_->owner_;
+        // It lives only here, on the main thread: the answer may die on another.
         const std::unique_ptr<RvSender> sender(
             owner.engine_.m_session->newSender(m_subject, owner.inbox_->subject()));
         if (sender && sender->send(*m_datum) == RvStatus(0)) return kOk;
@@ -208,7 +207,6 @@ void Answers::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
 // The last packet is for a querier that is only slow: it says why no more come. While the loop did
 // not run, what it has taken could not be heard.
 void Answers::onTimer(RvTimer*) {
-    if (engine_.REIsFresh() != TRUE) return endAll();
     const auto patience = isCrowded && isCrowded() ? kGivesWay : patience_;
     const auto now = Clock::now();
     const auto stood = now - std::exchange(looked_, now) - kLook;

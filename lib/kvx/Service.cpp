@@ -125,11 +125,11 @@ class Service::Impl : public RvTimerCallback {
             for (const auto& work : works_) works.RTWMAddPoll(work.get());
             works.RTWMDistributePolls();
             int status = kOk;
-            endTimer_.reset(engine_.RRNNewTimer(&status, kTick.count(), rv_TRUE, this, nullptr));
+            tick_.reset(engine_.RRNNewTimer(&status, kTick.count(), rv_TRUE, this, nullptr));
             setLoop(rv_EventManager(engine_.m_session->handle()));
             engine_.REDoIt();
             setLoop(nullptr);
-            endTimer_.reset();
+            tick_.reset();
             endPosting();  // a work may wait for what it has posted
         }
         signals.stop();
@@ -334,7 +334,7 @@ class Service::Impl : public RvTimerCallback {
 
     bool hasRun_ = false;
     std::chrono::steady_clock::time_point endAt_;
-    std::unique_ptr<RvTimer> endTimer_;  // while the loop runs
+    std::unique_ptr<RvTimer> tick_;  // while the loop runs
 
     std::mutex gate_;                            // held while something is queued
     std::vector<std::function<void()>> posted_;  // guarded by gate_
