@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "platform/Clock.h"
@@ -20,7 +21,9 @@
 #include "platform/Process.h"
 #include "platform/Socket.h"
 #include "rv/error/rvCodes.h"
+#include "rv/error/rvErrors.h"
 #include "rv/link/LinkIo.h"
+#include "rv/session/ConnectReport.h"
 #include "rv/session/SessionParts.h"
 #include "rv/wire/Negotiation.h"
 
@@ -38,6 +41,7 @@ constexpr platform::Milliseconds kPauseMs = 2'000;    // after a failed attempt
 constexpr platform::Milliseconds kPauseStepMs = 50;   // between two looks for a signal
 constexpr platform::Milliseconds kConnectMs = 5'000;  // for one connect
 constexpr const char* kDaemonProgram = "rvd";
+constexpr const char* kNoAddress = "the address is not of the form tcp:[host:]port";
 
 struct Greeted {
     int code = session_code::kNotConnected;
@@ -50,13 +54,13 @@ bool isUnderWay(int error) {
            error == platform::socket_error::kInProgress;
 }
 
-bool connectWithin(const Socket& socket, platform::Endpoint endpoint) {
+// Returns 0 or a socket error number.
+int connectWithin(const Socket& socket, platform::Endpoint endpoint) {
     const int error = platform::connectSocket(socket.get(), endpoint);
-    if (error == 0) return true;
-    return isUnderWay(error) &&
-           link::waitUntil(socket.get(), platform::kReadable | platform::kWritable,
-                           Deadline::in(kConnectMs)) &&
-           platform::pendingError(socket.get()) == 0;
+    if (error == 0 || !isUnderWay(error)) return error;
+    const bool isDone = link::waitUntil(socket.get(), platform::kReadable | platform::kWritable,
+                                        Deadline::in(kConnectMs));
+    return isDone ? platform::pendingError(socket.get()) : platform::socket_error::kTimedOut;
 }
 
 std::optional<wire::Greeting> readGreeting(const Socket& socket) {
@@ -67,8 +71,7 @@ std::optional<wire::Greeting> readGreeting(const Socket& socket) {
     return greeting.first == 0 ? std::optional(greeting) : std::nullopt;
 }
 
-Socket newSocket() {
-    int error = 0;
+Socket newSocket(int& error) {
     Socket socket = platform::createTcpSocket(error);
     if (!socket) return socket;
     platform::setReuseAddress(socket.get(), true);
@@ -77,12 +80,47 @@ Socket newSocket() {
     return socket;
 }
 
+std::optional<std::string> executableIn(const std::string& directory, const std::string& name) {
+    if (directory.empty()) return std::nullopt;
+    std::string path = directory + "/" + name;
+    return platform::isExecutable(path) ? std::optional(std::move(path)) : std::nullopt;
+}
+
+// Searches beside the running program, then in $VEK_HOME/bin, then on PATH; a name with a slash is
+// a file.
+std::optional<std::string> findProgram(const std::string& name) {
+    if (name.find('/') != std::string::npos) return name;
+    if (auto beside = executableIn(platform::programDirectory(), name)) return beside;
+    if (const char* home = std::getenv("VEK_HOME"); home != nullptr && *home != '\0')
+        if (auto installed = executableIn(std::string(home) + "/bin", name)) return installed;
+    return platform::findOnPath(name);
+}
+
+// Starts the program at `path` as a daemon. Returns 0 or the system's error number.
+int start(const std::string& path, const std::string& name, const char* daemonText) {
+    const platform::Program command{path, {name, "-listen", daemonText}, ""};
+    const auto started = platform::startDaemon(command, name.substr(name.rfind('/') + 1));
+    return started.pid != 0 ? 0 : started.error;
+}
+
 std::atomic<unsigned> daemonsStarted{0};
 
-bool startLocalDaemon(const char* daemon) {
+bool startLocalDaemon(const char* daemon, ConnectReport& report) {
     const char* const wish = std::getenv("KVX_START_DAEMON");
-    if (wish != nullptr && std::string_view(wish) == "0") return false;
-    if (!rv_StartDaemon(kDaemonProgram, daemon)) return false;
+    if (wish != nullptr && std::string_view(wish) == "0") {
+        report.add("none was started, since KVX_START_DAEMON is 0");
+        return false;
+    }
+    const auto path = findProgram(kDaemonProgram);
+    if (!path) {
+        report.add("no program rvd to start is beside this one, in $VEK_HOME/bin or on the PATH");
+        return false;
+    }
+    if (const int error = start(*path, kDaemonProgram, daemon); error != 0) {
+        report.add(*path + " could not be started: " + std::generic_category().message(error));
+        return false;
+    }
+    report.add("started " + *path);
     ++daemonsStarted;
     return true;
 }
@@ -97,27 +135,45 @@ bool pauseAfterAttempt(const SessionState& session) {
     return true;
 }
 
+std::string socketText(int error) {
+    return error < platform::socket_error::kInterrupted ? std::generic_category().message(error)
+                                                        : rv_SocketErrorText(error);
+}
+
+// One attempt. False when another one may do better.
+bool greet(const SessionState& session, Greeted& result, ConnectReport& report) {
+    int error = 0;
+    result.socket = newSocket(error);
+    if (!result.socket) {
+        report.attemptFailed(socketText(error));
+        result.code = session_code::kInitFailed;
+        return true;
+    }
+    error = connectWithin(result.socket, session.address.endpoint);
+    const auto greeting = error == 0 ? readGreeting(result.socket) : std::nullopt;
+    if (!greeting) {
+        report.attemptFailed(error == 0 ? "connected, but no greeting of a bus daemon came"
+                                        : socketText(error));
+        return false;
+    }
+    result.greeting = *greeting;
+    result.code =
+        wire::isKnownVersion(*greeting) ? session_code::kOk : session_code::kVersionMismatch;
+    return true;
+}
+
 Greeted connectGreeted(const SessionState& session) {
+    ConnectReport& report = ConnectReport::ofThisThread();
     Greeted result;
     for (int attempt = 1; attempt <= kAttempts; ++attempt) {
-        result.socket = newSocket();
-        if (!result.socket) {
-            result.code = session_code::kInitFailed;
-            return result;
-        }
-        if (connectWithin(result.socket, session.address.endpoint)) {
-            if (const auto greeting = readGreeting(result.socket)) {
-                result.greeting = *greeting;
-                result.code = wire::isKnownVersion(*greeting) ? session_code::kOk
-                                                              : session_code::kVersionMismatch;
-                return result;
-            }
-        }
+        if (greet(session, result, report)) return result;
         result.socket.reset();
-        if (attempt == 1 && session.address.local && !startLocalDaemon(session.daemon.c_str()))
+        if (attempt == 1 && session.address.local &&
+            !startLocalDaemon(session.daemon.c_str(), report))
             return result;
         if (!pauseAfterAttempt(session)) return result;
     }
+    if (!session.address.local) report.add("none was started, since the address names a host");
     return result;
 }
 
@@ -148,27 +204,16 @@ int speakV3(SessionState& session) {
     return session_code::kOk;
 }
 
-std::optional<std::string> executableIn(const std::string& directory, const std::string& name) {
-    if (directory.empty()) return std::nullopt;
-    std::string path = directory + "/" + name;
-    return platform::isExecutable(path) ? std::optional(std::move(path)) : std::nullopt;
-}
-
-// Searches beside the running program, then in $VEK_HOME/bin, then on PATH; a name with a slash is
-// a file.
-std::optional<std::string> findProgram(const std::string& name) {
-    if (name.find('/') != std::string::npos) return name;
-    if (auto beside = executableIn(platform::programDirectory(), name)) return beside;
-    if (const char* home = std::getenv("VEK_HOME"); home != nullptr && *home != '\0')
-        if (auto installed = executableIn(std::string(home) + "/bin", name)) return installed;
-    return platform::findOnPath(name);
-}
-
 }  // namespace
 
 std::optional<DaemonEndpoint> parseDaemon(const char* text) {
     const std::string_view daemon(text);
-    if (!daemon.starts_with(kScheme)) return std::nullopt;
+    ConnectReport& report = ConnectReport::ofThisThread();
+    report.begin();
+    if (!daemon.starts_with(kScheme)) {
+        report.add(kNoAddress);
+        return std::nullopt;
+    }
     const std::size_t portColon = daemon.rfind(':');
     DaemonEndpoint address;
     address.endpoint.port =
@@ -176,9 +221,11 @@ std::optional<DaemonEndpoint> parseDaemon(const char* text) {
     if (portColon < kScheme.size()) return address;
     const std::string host(
         daemon.substr(kScheme.size(), portColon - kScheme.size()).substr(0, kMaxHostLength));
-    if (host.empty()) return std::nullopt;
-    const auto resolved = platform::resolveHost(host);
-    if (!resolved) return std::nullopt;
+    const auto resolved = host.empty() ? std::nullopt : platform::resolveHost(host);
+    if (!resolved) {
+        report.add(host.empty() ? kNoAddress : "no host is named '" + host + "'");
+        return std::nullopt;
+    }
     address.local = *resolved == 0;
     if (!address.local) address.endpoint.address = *resolved;
     return address;
@@ -202,7 +249,5 @@ bool rv_StartDaemon(const char* program, const char* daemonText) {
     if (program == nullptr || *program == '\0' || daemonText == nullptr) return false;
     const std::string name(program);
     const auto path = kvx::session::findProgram(name);
-    if (!path) return false;
-    const kvx::platform::Program command{*path, {name, "-listen", daemonText}, ""};
-    return kvx::platform::startDaemon(command, name.substr(name.rfind('/') + 1)).pid != 0;
+    return path && kvx::session::start(*path, name, daemonText) == 0;
 }

@@ -16,7 +16,9 @@
 
 #include "platform/Process.h"
 #include "rv/error/rvCodes.h"
+#include "rv/error/rvErrors.h"
 #include "rv/message/WireReader.h"
+#include "rv/session/ConnectReport.h"
 #include "rv/session/SessionParts.h"
 
 namespace kvx::session {
@@ -139,6 +141,13 @@ int introduce(SessionState& session) {
     return code;
 }
 
+int report(int code, const char* lost) {
+    const bool isLost = code == session_code::kNotConnected;
+    const char* const why = isLost ? lost : rv_ErrorText(code);
+    if (*why != '\0') ConnectReport::ofThisThread().add(why);
+    return code;
+}
+
 int introduceSafely(SessionState& session) {
     try {
         return introduce(session);
@@ -150,7 +159,8 @@ int introduceSafely(SessionState& session) {
 }  // namespace
 
 int connectAndIntroduce(SessionState& session) {
-    if (const int code = connectLink(session); code != 0) return code;
+    ConnectReport::ofThisThread().begin();
+    if (const int code = connectLink(session); code != 0) return report(code, "");
     ipq_SetStallLimit(session.queue(), kReplyMs);
     ipq_SetBlocking(session.queue(), true);
     const int code = introduceSafely(session);
@@ -158,7 +168,7 @@ int connectAndIntroduce(SessionState& session) {
         return code != 0 ? code : session_code::kNotConnected;
     if (code != 0) {
         ipq_Close(session.takeQueue(), false);
-        return code;
+        return report(code, "the connection ended amid the handshake");
     }
     watchLink(session);
     return session_code::kOk;

@@ -122,6 +122,11 @@ KVX_API bool rv_StartDaemon(const char* program, const char* daemonText);
 /// None while the environment has KVX_START_DAEMON=0. Any thread.
 KVX_API unsigned rv_DaemonsStarted();
 
+/// What the calling thread's last connect tried: each attempt and why it failed, and what came of
+/// starting a daemon: "attempt 1: Connection refused; started /usr/bin/rvd; attempts 2 to 4: ...".
+/// "" before any. Never null; valid until the thread connects again or asks again.
+KVX_API const char* rv_ConnectReport();
+
 /// Sets a session property; `record` is copied. A null session sets it for sessions created later
 /// (any thread). The only property is "ipqProperties" (an `ipq_Properties`); it applies to the
 /// current connection and later ones. Returns 3 for an unknown name or a null record.

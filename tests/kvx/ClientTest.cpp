@@ -319,8 +319,9 @@ TEST(Client, NamesTheDaemonThatIsNotThere) {
     ASSERT_FALSE(client);
     EXPECT_EQ(client.error().code, Errc::NoDaemon);
     EXPECT_EQ(client.error().message(),
-              "connecting to the bus daemon at tcp:127.0.0.1:1: no daemon: nobody answers there; "
-              "none is started, since the address names a host");
+              "connecting to the bus daemon at tcp:127.0.0.1:1: no daemon: attempts 1 to 4: The "
+              "attempt to connect was forcefully rejected; none was started, since the address "
+              "names a host");
     EXPECT_EQ(Client::open({.daemon = {"", "", "host"}}).error().text,
               "the address is not of the form tcp:[host:]port");
 }

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "platform/Process.h"
+#include "rv/error/rvErrors.h"
 #include "tests/rv/session/SessionFixture.h"
 #include "tests/support/EnvironmentVariable.h"
 #include "tests/support/ScriptedDaemon.h"
@@ -178,18 +179,20 @@ TEST_F(Handshake, DaemonsThatAnswerOtherwiseAreRefusedWithTheirCode) {
         peer.greet(4);
         peer.readGreeting();
     };
-    const std::pair<int, Script> cases[] = {
-        {4, [](PeerLink& peer) { peer.greet(5); }},
-        {1, onlyVersion4},  // version 4 fails where 3 was not offered
-        {22, silent},
-        {16, answering([] { return wire::buildErrorReply(16); })},
-        {17, answering([] { return wire::buildErrorReply(17); })},
-        {17, answering([] { return wire::buildErrorReply(0); })},  // no error, and no address
-        {1, answering([] { return wire::buildInit({}); })},
+    const auto code = [](int number) { return std::string(rv_ErrorText(number)); };
+    const std::tuple<int, Script, std::string> cases[] = {
+        {4, [](PeerLink& peer) { peer.greet(5); }, code(4)},
+        {1, onlyVersion4, code(1)},  // version 4 fails where 3 was not offered
+        {22, silent, "the connection ended amid the handshake"},
+        {16, answering([] { return wire::buildErrorReply(16); }), code(16)},
+        {17, answering([] { return wire::buildErrorReply(17); }), code(17)},
+        {17, answering([] { return wire::buildErrorReply(0); }), code(17)},  // and no address
+        {1, answering([] { return wire::buildInit({}); }), code(1)},
     };
-    for (const auto& [code, script] : cases) {
+    for (const auto& [number, script, report] : cases) {
         ScriptedDaemon daemon(script);
-        EXPECT_EQ(codeOfOpening(daemon.text()), code);
+        EXPECT_EQ(codeOfOpening(daemon.text()), number);
+        EXPECT_EQ(rv_ConnectReport(), report);
     }
     for (const char* text :
          {"udp:7500", "7500", "tcp", "TCP:7500", "tcp::7500", "tcp:no-such-host.invalid:7500"})
@@ -209,6 +212,9 @@ TEST_F(Handshake, AnAttemptFailsByAGreetingThatDoesNotBeginWithZeroAndFourArePau
     const auto before = clock.now();
     EXPECT_EQ(codeOfOpening(daemon.text()), 22);
     EXPECT_EQ(clock.now() - before, 8'000);
+    EXPECT_STREQ(rv_ConnectReport(),
+                 "attempts 1 to 4: The attempt to connect was forcefully rejected; "
+                 "none was started, since the address names a host");
 }
 
 // A session on a clock that stands, whose connections all break; what it does when is noted.
