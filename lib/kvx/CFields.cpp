@@ -198,11 +198,3 @@ Result<Message> messageOf(const kvx_field* fields, std::size_t count) {
 }
 
 }  // namespace kvx::detail
-
-const kvx_field* kvx_find(const kvx_field* fields, std::size_t count, const char* name) {
-    if (fields == nullptr || name == nullptr) return nullptr;
-    for (const kvx_field& field : std::span(fields, count)) {
-        if (field.name != nullptr && std::strcmp(field.name, name) == 0) return &field;
-    }
-    return nullptr;
-}

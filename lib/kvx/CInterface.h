@@ -2,6 +2,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include "platform/Export.h"
 
@@ -14,11 +15,11 @@
 ///     kvx_is_connected        Client::isConnected    kvx_service_on_message  Service::onMessage
 ///     kvx_in_domain           Client::inDomain       kvx_service_run         Service::run
 ///     kvx_query               Client::query          kvx_service_stop        Service::stop
-///     kvx_rows_next, _free    the rows of that       kvx_service_is_active   Service::isActive
-///     kvx_request             Client::request        kvx_notify              Service::notify
-///     kvx_publish             Client::publish        kvx_reply_row           Reply::row
-///     kvx_listen, kvx_snoop   Client::listen, snoop  kvx_reply_refuse        Reply::refuse
-///     kvx_unlisten            Subscription's end     kvx_error               Error::message
+///     kvx_rows_next, _free    the rows of that       kvx_notify              Service::notify
+///     kvx_request             Client::request        kvx_reply_row           Reply::row
+///     kvx_publish             Client::publish        kvx_reply_refuse        Reply::refuse
+///     kvx_listen, kvx_snoop   Client::listen, snoop  kvx_error               Error::message
+///     kvx_unlisten            Subscription's end
 ///     kvx_next_event          what those two heard
 ///
 /// A call that may fail returns a `kvx_code`; its text is then that of `kvx_error`. Nothing throws.
@@ -108,7 +109,14 @@ static inline kvx_field kvx_integer(const char* name, int64_t integer) {
 }
 
 /// The first field of that name, or null.
-KVX_API const kvx_field* kvx_find(const kvx_field* fields, size_t count, const char* name);
+static inline const kvx_field* kvx_find(const kvx_field* fields, size_t count, const char* name) {
+    size_t i;
+    if (fields == NULL || name == NULL) return NULL;
+    for (i = 0; i < count; ++i) {
+        if (fields[i].name != NULL && strcmp(fields[i].name, name) == 0) return &fields[i];
+    }
+    return NULL;
+}
 
 /// Rows to walk, one thread at a time. They outlive what they came from.
 typedef struct kvx_rows kvx_rows;
@@ -233,7 +241,6 @@ KVX_API kvx_code kvx_service_run(kvx_service* service);
 
 /// Any thread.
 KVX_API void kvx_service_stop(kvx_service* service);
-KVX_API int kvx_service_is_active(kvx_service* service);
 
 /// Tells of one changed row. Any thread.
 KVX_API kvx_code kvx_notify(kvx_service* service, const kvx_field* fields, size_t count);

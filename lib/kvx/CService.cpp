@@ -127,10 +127,6 @@ void kvx_service_stop(kvx_service* service) {
     });
 }
 
-int kvx_service_is_active(kvx_service* service) {
-    return service != nullptr && service->service.isActive() ? 1 : 0;
-}
-
 kvx_code kvx_notify(kvx_service* service, const kvx_field* fields, size_t count) {
     if (service == nullptr) return badArgument("a null pointer", "kvx_notify");
     return guarded([&] {
