@@ -2,18 +2,23 @@
 //
 // Baseline: a request and its reply of the same size on the bare session, asked for in the loop
 // itself. Measured: `kvx::Client::query` for one row, by a client with a thread of its own and by
-// one on the calling thread. The daemon and the answerers are separate processes; rounds alternate,
-// and the table shows the median of all rounds' single times.
+// one on the calling thread; and the same for one row and for many by hand on the classes that the
+// room stands on. The daemon and the answerers are separate processes; rounds alternate, and the
+// table shows the median of all rounds' single times.
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "kvx/kvx.h"
+#include "mom/mom.h"
+#include "platform/Memory.h"
 #include "rv/rv.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Daemon.h"
@@ -28,6 +33,10 @@ constexpr const char* kPooled = "Pooled";  // the services
 constexpr const char* kDirect = "Direct";
 constexpr const char* kSubject = "BENCH.ECHO";
 constexpr char kText[] = "twenty bytes of text";
+constexpr const char* kOne = "one row";
+constexpr const char* kMany = "many rows";
+constexpr int kManyRows = 20'000;
+constexpr int kEachMany = 10;
 
 class Session {
   public:
@@ -60,7 +69,10 @@ int serve(const std::string& name, const std::string& daemon) {
     const int threads = name == kDirect ? 0 : 2;
     auto service = kvx::Service::open(name, {.daemon = {"", "", daemon}, .threads = threads});
     if (!service) return 1;
-    service->onQuery([](const kvx::Question&, kvx::Reply& reply) { reply.row({{"text", kText}}); });
+    service->onQuery([](const kvx::Question& question, kvx::Reply& reply) {
+        const int rows = question.text == kMany ? kManyRows : 1;
+        for (int i = 0; i < rows; ++i) reply.row({{"text", kText}});
+    });
     service->onRole([](bool) {
         std::puts("active");
         std::fflush(stdout);
@@ -115,15 +127,78 @@ class RawRound {
     rv_Listener asked_ = nullptr;
 };
 
+// A query and how often a round asks it.
+struct Question {
+    const char* text = kOne;
+    std::size_t rows = 1;
+    int each = kEach;
+};
+constexpr Question kBulk{kMany, kManyRows, kEachMany};
+
+// Collects the packets of an answer in a transport, decodes its records, and asks again.
+class ClassRound : private RvDataCallback {
+  public:
+    ClassRound(const std::string& daemon, const char* service, Question question, Samples& samples)
+        : net_(0, "DEFAULT", kvx::DaemonAddress{"", "", daemon}),
+          subject_(kvx::ServiceName::of(service)->querySubject()),
+          question_(question),
+          samples_(samples) {
+        ask();
+        net_.RRNDoIt();
+    }
+
+  private:
+    void ask() {
+        samples_.begin();
+        int status = kvx::kOk;
+        const kvx::Text subject(net_.RRNDomainSubj(subject_.c_str()));
+        const std::unique_ptr<RvSender> sender(net_.RRNNewSender(&status, subject.get(), nullptr));
+        inbox_.reset(sender->sendRequest(CVekQryInfo::RQIMessage(question_.text), this, nullptr));
+    }
+    void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
+        RvMsg message(static_cast<const RvMsg&>(data));
+        packets_.RTAddMessage(&message);
+        if (packets_.RTDone() != TRUE) return;
+        const std::unique_ptr<CVekBag> atoms(packets_.RTDecodes());
+        std::vector<std::unique_ptr<CVekBaseRecord>> rows;
+        for (unsigned i = 0; i < atoms->RBSize(); ++i) {
+            const std::unique_ptr<CVekAtom> atom(static_cast<CVekAtom*>(atoms->RBGet(i)));
+            unsigned char* bytes = nullptr;
+            int length = 0;
+            atom->RAUChar(&bytes, &length);
+            rows.emplace_back(CVekBaseRecord::ROMDecode(bytes, length));
+        }
+        packets_.RTPurge();
+        if (rows.size() != question_.rows) {
+            std::puts("not all rows");
+            std::exit(1);
+        }
+        samples_.end();
+        inbox_.reset();
+        if (++asked_ == question_.each) return net_.RRNStopLoop();
+        ask();
+    }
+
+    CVekClient net_;
+    const std::string subject_;
+    const Question question_;
+    Samples& samples_;
+    CVekTransport packets_{nullptr};
+    std::unique_ptr<RvListener> inbox_;
+    int asked_ = 0;
+};
+
 using Open = kvx::Result<kvx::Client> (*)(kvx::Client::Options);
 
-void queryRound(const std::string& daemon, Open open, const char* service, Samples& samples) {
+void queryRound(const std::string& daemon, Open open, const char* service, Question question,
+                Samples& samples) {
     auto client = open({.daemon = {"", "", daemon}});
     const auto name = kvx::ServiceName::of(service);
-    for (int i = 0; client && i < kEach; ++i) {
+    for (int i = 0; client && i < question.each; ++i) {
         samples.begin();
-        if (const auto rows = client->query(*name, "*"); !rows || rows->size() != 1) {
-            throw std::runtime_error(rows ? "no row" : rows.error().message());
+        const auto rows = client->query(*name, question.text);
+        if (!rows || rows->size() != question.rows) {
+            throw std::runtime_error(rows ? "not all rows" : rows.error().message());
         }
         samples.end();
     }
@@ -139,28 +214,32 @@ int measure(const char* self) {
     }
     const Open ownThread = kvx::Client::open;
     const Open thisThread = kvx::Client::onThisThread;
-    Samples raw;
-    Samples ofPool;
-    Samples ofMain;
-    Samples here;
-    Samples hereOfMain;
+    const std::string bus = daemon.text();
+    Samples raw, ofPool, ofMain, here, hereOfMain, byHand, many, manyByHand;
     for (int round = 0; round < kRounds; ++round) {
-        RawRound(daemon.text(), raw);
-        queryRound(daemon.text(), ownThread, kPooled, ofPool);
-        queryRound(daemon.text(), ownThread, kDirect, ofMain);
-        queryRound(daemon.text(), thisThread, kPooled, here);
-        queryRound(daemon.text(), thisThread, kDirect, hereOfMain);
+        RawRound(bus, raw);
+        queryRound(bus, ownThread, kPooled, {}, ofPool);
+        queryRound(bus, ownThread, kDirect, {}, ofMain);
+        queryRound(bus, thisThread, kPooled, {}, here);
+        ClassRound(bus, kDirect, {}, byHand);
+        queryRound(bus, thisThread, kDirect, {}, hereOfMain);
+        ClassRound(bus, kPooled, kBulk, manyByHand);
+        queryRound(bus, thisThread, kPooled, kBulk, many);
     }
-    std::printf("%-28s %10s %10s %8s\n", "", "p50 us", "p99 us", "ratio");
-    const auto row = [&](const char* what, Samples& samples) {
-        std::printf("%-28s %10.1f %10.1f %8.2f\n", what, samples.at(.5), samples.at(.99),
-                    samples.at(.5) / raw.at(.5));
+    std::printf("%-36s %10s %10s %8s\n", "", "p50 us", "p99 us", "ratio");
+    const auto row = [](const char* what, Samples& samples, Samples& baseline) {
+        std::printf("%-36s %10.1f %10.1f %8.2f\n", what, samples.at(.5), samples.at(.99),
+                    samples.at(.5) / baseline.at(.5));
     };
-    row("request and reply", raw);
-    row("query, a pool answers", ofPool);
-    row("query, the main thread does", ofMain);
-    row("client on the calling thread", here);
-    row("  and the main thread answers", hereOfMain);
+    row("request and reply", raw, raw);
+    row("query, a pool answers", ofPool, raw);
+    row("query, the main thread does", ofMain, raw);
+    row("client on the calling thread", here, raw);
+    row("  and the main thread answers", hereOfMain, raw);
+    row("by hand on the classes", byHand, byHand);
+    row("  the client on the calling thread", hereOfMain, byHand);
+    row("20,000 rows by hand", manyByHand, manyByHand);
+    row("  the client on the calling thread", many, manyByHand);
     return 0;
 }
 

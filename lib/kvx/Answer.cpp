@@ -36,26 +36,30 @@ struct Budget {
     }
 };
 
-// The last field is the packet; all of them are opaque.
-std::unique_ptr<CVekAtom> packetOf(const RvDatum& data) {
-    if (data.type() != RVMSG_MSG) return nullptr;
-    RvMsg message(static_cast<const RvMsg&>(data));
-    int status = kOk;
-    std::unique_ptr<CVekAtom> atom(CVekTransport::RTDecodeMessage(&message, status));
-    return status == kOk ? std::move(atom) : nullptr;
+// The last field is the packet; all of them are opaque. It refers to the message.
+std::optional<Bytes> packetOf(const RvDatum& data) {
+    if (data.type() != RVMSG_MSG) return std::nullopt;
+    struct {
+        std::optional<Bytes> packet;
+        bool isOther = false;
+    } fields;
+    const auto take = [](const char*, rvmsg_Type type, rvmsg_Size size, rvmsg_Data bytes,
+                         void* closure) {
+        auto& read = *static_cast<decltype(fields)*>(closure);
+        read.packet = Bytes(static_cast<const unsigned char*>(bytes), size);
+        read.isOther = type != RVMSG_OPAQUE;
+        return read.isOther ? 1 : 0;
+    };
+    rvmsg_Iterate(data.data(), nullptr, take, &fields);
+    return fields.isOther ? std::nullopt : fields.packet;
 }
 
-std::optional<Packet> readPacket(const CVekAtom* atom) {
-    if (atom == nullptr) return std::nullopt;
-    unsigned char* data = nullptr;
-    int length = 0;
-    atom->RAUChar(&data, &length);
-    if (data == nullptr || length < 0) return std::nullopt;
-    const Bytes bytes(data, static_cast<std::size_t>(length));
-    const auto header = packet::readHeader(bytes);
+std::optional<Packet> readPacket(const RvDatum& data) {
+    const auto bytes = packetOf(data);
+    const auto header = bytes ? packet::readHeader(*bytes) : std::nullopt;
     if (!header) return std::nullopt;
-    const std::size_t start = std::min(packet::kHeaderSize + header->extension, bytes.size());
-    return Packet{*header, bytes.subspan(start)};
+    const std::size_t start = std::min(packet::kHeaderSize + header->extension, bytes->size());
+    return Packet{*header, bytes->subspan(start)};
 }
 
 // The first word of a compressed payload.
@@ -150,8 +154,7 @@ void append(Packets& all, Packets& more) {
 }
 
 Answer::State Answer::take(const RvDatum& data, bool isConversation) {
-    const auto atom = packetOf(data);
-    const auto packet = readPacket(atom.get());
+    const auto packet = readPacket(data);
     if (!packet) return State::Foreign;
     const packet::Header& header = packet->header;
     const PacketNumbers::State numbered = numbers_.take(header, isConversation);
@@ -224,14 +227,12 @@ AnswerTotals Answer::totals() const {
 }
 
 std::optional<packet::Header> headerOf(const RvDatum& data) {
-    const auto atom = packetOf(data);
-    const auto packet = readPacket(atom.get());
+    const auto packet = readPacket(data);
     return packet ? std::optional(packet->header) : std::nullopt;
 }
 
 Rows recordsOf(const RvDatum& data) {
-    const auto atom = packetOf(data);
-    const auto packet = readPacket(atom.get());
+    const auto packet = readPacket(data);
     Budget budget;
     return packet ? readRows(*packet, budget).rows : Rows();
 }

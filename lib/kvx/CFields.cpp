@@ -1,7 +1,6 @@
 #include "kvx/CFields.h"
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 
 namespace kvx::detail {

@@ -102,7 +102,8 @@ void ClientLoop::runUntil(const std::function<bool()>& isDone) {
     isRunning_ = true;
     while (!isEnding() && !isDone()) {
         isWoken_ = false;
-        net->RRNDoIt();
+        // Not RRNDoIt: that runs the start-up hook of the net, which may be another's.
+        rv_RunOnce(net->m_session->handle());
     }
     isRunning_ = false;
     if (isEnding()) close();

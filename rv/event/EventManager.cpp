@@ -41,7 +41,7 @@ int EventManager::runLoop() {
 
 void EventManager::stop() noexcept {
     running_ = false;
-    wakeUp_.notify();
+    if (waiting_) wakeUp_.notify();
 }
 
 void EventManager::shutDown() noexcept {
@@ -69,7 +69,9 @@ platform::Milliseconds EventManager::runTimers() {
 void EventManager::waitForIo(platform::Milliseconds timeout) {
     if (signals_.pending()) return;
     if (io_.empty() && timeout == platform::kForever) timeout = kIdleSleep;
-    io_.wait(timeout);
+    waiting_ = true;
+    io_.wait(running_ ? timeout : 0);  // a stop from here on ends the wait
+    waiting_ = false;
 }
 
 void EventManager::dispatchReady() {

@@ -56,6 +56,7 @@ class EventManager {
     IoTable io_;
     SignalTable signals_;
     std::atomic<bool> running_ = false;
+    std::atomic<bool> waiting_ = false;  // for I/O, or about to
     bool looping_ = false;
     bool dying_ = false;
 };

@@ -60,8 +60,8 @@ KVX_API int rvmsg_Get(void* scratch, const void* buffer, const char* name, rvmsg
 KVX_API int rvmsg_GetRaw(const void* buffer, const char* name, rvmsg_Type* type, rvmsg_Size* size,
                          rvmsg_Data* data);
 
-/// Called for one field; `name` is "" for an unnamed one. `data` is valid during the call only. A
-/// nonzero result ends the walk.
+/// Called for one field; `name` is "" for an unnamed one. `data` is valid during the call only, but
+/// opaque bytes lie in the buffer. A nonzero result ends the walk.
 using rvmsg_IterateCallback = int (*)(const char* name, rvmsg_Type type, rvmsg_Size size,
                                       rvmsg_Data data, void* closure);
 
