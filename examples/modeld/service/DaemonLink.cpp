@@ -1,5 +1,7 @@
 // An engine has two sessions, and the first to find the daemon lost blocks for seconds in its
-// attempts, so both are watched. The daemon is back as soon as the engine can send again.
+// attempts, so both are watched. The daemon is back as soon as the engine can send again. The other
+// session may find the same loss only then, which is no news; and when the group's session returns
+// first, the engine's is not up because it has not found its loss: a little later it has.
 //
 // An error report comes from any thread, without an object, so the state it needs is process-wide.
 
@@ -7,12 +9,15 @@
 
 #include <algorithm>
 #include <atomic>
+#include <utility>
 
 #include "examples/modeld/service/Log.h"
 
 namespace modeld {
 
 namespace {
+
+constexpr unsigned long kDecideMs = 100;
 
 std::atomic<bool> isAway{false};
 std::atomic<unsigned> lossCount{0};
@@ -36,8 +41,9 @@ ReportsInLog::~ReportsInLog() {
     CVekError::SetHandler(before_);
 }
 
-DaemonLink::DaemonLink(const CVekEngine& engine)
-    : sessions_{engine.m_session->handle(),
+DaemonLink::DaemonLink(CVekEngine& engine)
+    : engine_(engine),
+      sessions_{engine.m_session->handle(),
                 engine.m_ftSession ? engine.m_ftSession->handle() : nullptr} {}
 
 DaemonLink::~DaemonLink() {
@@ -66,19 +72,38 @@ std::uint64_t DaemonLink::unsent() {
     return unsentCount;
 }
 
-int DaemonLink::onLoss(rv_Session, const void*, void*) {
+int DaemonLink::onLoss(rv_Session session, const void*, void* link) {
+    auto* const self = static_cast<DaemonLink*>(link);
+    const bool isGroups = session == self->sessions_[1];
+    if (isGroups && std::exchange(self->groupIsLate_, false)) return 0;
+    (isGroups ? self->groupHasSeen_ : self->engineHasSeen_) = true;
+    if (isAway.exchange(true)) return 0;
     ++lossCount;
-    if (!isAway.exchange(true))
-        Log::warning("the daemon is away; nothing can be sent until it is back");
+    Log::warning("the daemon is away; nothing can be sent until it is back");
     return 0;
 }
 
-int DaemonLink::onReturn(rv_Session, const void*, void* link) {
-    if (!rv_IsConnected(static_cast<DaemonLink*>(link)->sessions_[0]) || !isAway.exchange(false))
-        return 0;
+int DaemonLink::onReturn(rv_Session session, const void*, void* link) {
+    auto* const self = static_cast<DaemonLink*>(link);
+    int status = kvx::kOk;
+    if (session == self->sessions_[1] && !self->engineHasSeen_) {
+        self->timer_.reset(self->engine_.RRNNewTimer(&status, kDecideMs, rv_FALSE, self, nullptr));
+    } else if (rv_IsConnected(self->sessions_[0])) {
+        self->back();
+    }
+    return 0;
+}
+
+void DaemonLink::onTimer(RvTimer*) {
+    if (!engineHasSeen_) back();
+}
+
+void DaemonLink::back() {
+    groupIsLate_ = sessions_[1] != nullptr && !groupHasSeen_;
+    engineHasSeen_ = groupHasSeen_ = false;
+    if (!isAway.exchange(false)) return;
     Log::info("the daemon is back; {} messages could not be sent meanwhile",
               unsentCount.exchange(0));
-    return 0;
 }
 
 }  // namespace modeld

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 
 #include "mom/mom.h"
 
@@ -24,11 +25,11 @@ class ReportsInLog {
 /// While it is lost every send fails, and each failure would be a line of `ReportsInLog`; they are
 /// counted instead and logged in one line at the end. One per process; built, started and destroyed
 /// on the main thread of `engine`.
-class DaemonLink {
+class DaemonLink : private RvTimerCallback {
   public:
     /// `engine` has its sessions.
-    explicit DaemonLink(const CVekEngine& engine);
-    ~DaemonLink();
+    explicit DaemonLink(CVekEngine& engine);
+    ~DaemonLink() override;
     DaemonLink(const DaemonLink&) = delete;
     DaemonLink& operator=(const DaemonLink&) = delete;
 
@@ -48,8 +49,17 @@ class DaemonLink {
   private:
     static int onLoss(rv_Session session, const void* message, void* link);
     static int onReturn(rv_Session session, const void* message, void* link);
+    void onTimer(RvTimer* timer) override;
+    void back();
 
+    CVekEngine& engine_;
     const std::array<rv_Session, 2> sessions_;  // the one that sends; the group's, or null
+
+    // Main thread only.
+    bool engineHasSeen_ = false;  // the present loss
+    bool groupHasSeen_ = false;
+    bool groupIsLate_ = false;        // its session has yet to find a loss that is over
+    std::unique_ptr<RvTimer> timer_;  // runs once after the return of the group's session
 };
 
 }  // namespace modeld
