@@ -5,6 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <system_error>
+
 namespace kvx::platform {
 
 bool isReadable(const std::string& path) noexcept {
@@ -25,6 +28,15 @@ void reserveStandardStreams() noexcept {
         const int direction = descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY;
         static_cast<void>(::open("/dev/null", direction));
     }
+}
+
+std::string writeOutput(std::string_view text) {
+    errno = 0;
+    if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
+        std::fflush(stdout) == 0) {
+        return {};
+    }
+    return std::generic_category().message(errno != 0 ? errno : EIO);
 }
 
 bool isTerminal(std::FILE* stream) noexcept {

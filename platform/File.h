@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "platform/Export.h"
 
@@ -18,6 +19,10 @@ namespace kvx::platform {
 /// no file or socket gets their numbers. Using such a stream still fails. Call it before anything
 /// is opened.
 KVX_API void reserveStandardStreams() noexcept;
+
+/// Writes all of `text` to standard output and flushes it. Returns an empty text, or the system's
+/// text of the error. Any thread.
+[[nodiscard]] KVX_API std::string writeOutput(std::string_view text);
 
 /// True when the stream is a terminal. Any thread.
 [[nodiscard]] KVX_API bool isTerminal(std::FILE* stream) noexcept;

@@ -3,18 +3,23 @@
 #include <CLI/CLI.hpp>
 #include <array>
 #include <charconv>
-#include <iostream>
+#include <cstdio>
 #include <limits>
+#include <sstream>
 #include <vector>
 
+#include "platform/File.h"
 #include "platform/Socket.h"
+#include "platform/Text.h"
 #include "rv/wire/Limits.h"
 #include "rvd/Counters.h"
 
 namespace kvx::rvd {
 namespace {
 
+constexpr int kFailureStatus = 1;
 constexpr int kUsageStatus = 2;
+constexpr std::size_t kLongestError = 600;  // bytes
 constexpr const char* kVersionLine = "rvd " KVX_VERSION;
 
 // Options with one dash, which the library uses when it starts a daemon.
@@ -79,6 +84,24 @@ std::string evaluate(const Texts& texts, Options& options) {
     return {};
 }
 
+void complain(const std::string& error) {
+    const std::string line = "rvd: " + shortened(printable(error), kLongestError) + '\n';
+    std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+// These return the exit status.
+int print(const std::string& text) {
+    const std::string error = platform::writeOutput(text);
+    if (error.empty()) return 0;
+    complain("standard output: " + error);
+    return kFailureStatus;
+}
+
+int refuse(const std::string& error) {
+    complain(error);
+    return kUsageStatus;
+}
+
 }  // namespace
 
 std::string parseListen(const std::string& text, Options& options) {
@@ -126,15 +149,19 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
     try {
         app.parse(normalised(argc, argv));
     } catch (const CLI::ParseError& error) {
-        result.exitStatus = app.exit(error) == 0 ? 0 : kUsageStatus;
+        std::ostringstream out;
+        std::ostringstream ignored;
+        const bool isAsked = app.exit(error, out, ignored) == 0;
+        result.exitStatus =
+            isAsked ? print(out.str()) : refuse(error.what() + std::string("; see rvd --help"));
         return result;
     }
     if (texts.counters) {
-        printCounterTable(std::cout);
-        result.exitStatus = 0;
+        std::ostringstream table;
+        printCounterTable(table);
+        result.exitStatus = print(table.str());
     } else if (const std::string error = evaluate(texts, result.options); !error.empty()) {
-        std::cerr << "rvd: " << error << '\n';
-        result.exitStatus = kUsageStatus;
+        result.exitStatus = refuse(error);
     }
     return result;
 }

@@ -20,8 +20,8 @@ struct Options {
 };
 
 /// The result of parsing a command line: options to run with, or the exit status to end with (0
-/// after `--help`, `--version` and `--counters`, 2 for an invalid command line). All output has
-/// been printed.
+/// after `--help`, `--version` and `--counters`, 1 when they could not be printed, 2 for an invalid
+/// command line). All output has been printed.
 struct CommandLine {
     Options options;
     std::optional<int> exitStatus;

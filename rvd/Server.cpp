@@ -66,7 +66,6 @@ Server::Server(const Options& options, const Log& log)
                options.queueLimit,
                hostAddressFor(options),
                [this](Connection& connection) { forget(connection); }} {
-    platform::ignoreSignal(SIGPIPE);
     uv_loop_init(&loop_);
     uv_tcp_init(&loop_, &listener_);
     uv_timer_init(&loop_, &tick_);

@@ -88,10 +88,13 @@ TEST_F(RunningDaemon, StopsAlthoughAClientNeitherReadsNorCloses) {
 
 TEST(DaemonProgram, RefusesInvalidCommandLinesAndATakenPort) {
     const Daemon first;
+    const std::string strange = "tcp:\x1b[31m" + std::string(100'000, 'x') + ":1";
     const std::string taken = "tcp:" + std::to_string(first.port());
     for (const auto& arguments : std::vector<std::vector<std::string>>{{"-listen", "udp:7500"},
                                                                        {"-queue-limit", "many"},
                                                                        {"--no-such-option"},
+                                                                       {strange},
+                                                                       {"-listen", strange},
                                                                        {"-listen"},
                                                                        {"-listen", taken}}) {
         const bool isTaken = arguments.back() == taken;
@@ -100,21 +103,26 @@ TEST(DaemonProgram, RefusesInvalidCommandLinesAndATakenPort) {
         EXPECT_NE(program.errors().find(isTaken ? "address already in use" : "\n"),
                   std::string::npos)
             << arguments[0];
+        EXPECT_EQ(program.errors().find('\x1b'), std::string::npos) << "on a terminal";
+        EXPECT_LT(program.errors().size(), 700U);
         EXPECT_EQ(program.output(), "");
     }
     EXPECT_EQ(ChildProcess(KVX_RVD_PROGRAM, {"--version"}).wait(), 0);
     ChildProcess silent("/bin/sh", {"-c", "exec " KVX_RVD_PROGRAM " -listen tcp:0 <&- >&-"});
-    EXPECT_NE(silent.awaitError("listening on"), "") << "with its standard streams closed";
+    EXPECT_NE(silent.awaitError("ERROR standard output: "), "") << "it serves all the same";
     silent.kill(SIGTERM);
     EXPECT_EQ(silent.wait(), 0) << silent.errors();
 }
 
 TEST(DaemonProgram, FailsWhenItCannotPrintWhatItWasAskedFor) {
     for (const std::string command : {"--help", "--version", "--counters"}) {
-        for (const std::string redirection : {" >/dev/full", " >&-"}) {
+        for (const auto& [redirection, reason] :
+             {std::pair(" >/dev/full", "No space left"), {" >&-", "Bad file descriptor"}}) {
             ChildProcess program("/bin/sh", {"-c", KVX_RVD_PROGRAM " " + command + redirection});
             EXPECT_EQ(program.wait(), 1) << command << redirection;
-            EXPECT_NE(program.errors().find("rvd: standard output: "), std::string::npos);
+            EXPECT_NE(program.errors().find(std::string("rvd: standard output: ") + reason),
+                      std::string::npos)
+                << program.errors();
         }
     }
 }
