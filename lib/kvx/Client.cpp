@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "kvx/ClientLoop.h"
+#include "kvx/Domain.h"
 #include "kvx/Exchange.h"
 #include "kvx/Followed.h"
 #include "kvx/StreamState.h"
@@ -205,7 +206,9 @@ void Client::end() {
 
 Result<Client> Client::start(Options options, const std::function<Result<>(ClientLoop&)>& connect) {
     if (options.timeout <= Milliseconds(0)) return tl::unexpected(badTimeout("open"));
-    if (hasZero(options.domain)) return tl::unexpected(zeroByte("open"));
+    if (auto named = detail::checkDomain(options.domain); !named) {
+        return tl::unexpected(std::move(named.error()));
+    }
     auto loop = std::make_shared<ClientLoop>(std::move(options));
     Client client(loop);
     if (auto started = connect(*loop); !started) return tl::unexpected(std::move(started.error()));

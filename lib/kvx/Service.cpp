@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kvx/Answering.h"
+#include "kvx/Domain.h"
 #include "kvx/NoDaemon.h"
 #include "kvx/OneLoop.h"
 #include "mom/mom.h"
@@ -360,6 +361,9 @@ Service& Service::operator=(Service&&) noexcept = default;
 Service::~Service() = default;
 
 Result<Service> Service::open(const ServiceName& name, Options options) {
+    if (auto named = detail::checkDomain(options.domain); !named) {
+        return tl::unexpected(std::move(named.error()));
+    }
     auto claim = detail::claimLoop();
     if (!claim) return tl::unexpected(detail::busy());
     auto impl = std::make_unique<Impl>(name, std::move(options), std::move(claim));

@@ -324,6 +324,7 @@ TEST(Client, NamesTheDaemonThatIsNotThere) {
               "names a host");
     EXPECT_EQ(Client::open({.daemon = {"", "", "host"}}).error().text,
               "the address is not of the form tcp:[host:]port");
+    EXPECT_EQ(Client::open({.domain = "A..B"}).error().code, Errc::InvalidArgument);
 }
 
 }  // namespace

@@ -97,6 +97,11 @@ std::string usageProblem(const CLI::App& app, const CLI::ParseError& error) {
     return error.what();
 }
 
+// The error in `text` as a domain, or an empty text.
+std::string problemWithDomain(const std::string& text) {
+    return text.empty() || isSubject("A." + text) ? "" : quoted(text) + " is no domain";
+}
+
 // The error in `text` as a whole number of at least `least`, or an empty text.
 std::string problemWithCount(const std::string& text, std::uint64_t least) {
     std::uint64_t number = 0;
@@ -167,7 +172,8 @@ class CommandLine {
         app_.add_option("--service", connection_.service, "bus service")->check(plain);
         app_.add_option("--network", connection_.network, "bus network")->check(plain);
         app_.add_option("--domain", connection_.domain, "domain that subjects are qualified with")
-            ->check(plain);
+            ->check(plain)
+            ->check(CLI::Validator(problemWithDomain, ""));
         json_ = app_.add_flag("--json", connection_.json, "print JSON, one object a line");
         app_.add_flag("-v,--verbose", connection_.verbose, "report more on standard error");
     }

@@ -101,6 +101,7 @@ TEST_F(ProgramTest, SaysWhatIsWrongWithACommandLine) {
              {"send A --opaque x=1", "--opaque needs -"},
              {"query Model x --csv --json", "excludes"},
              {"-v", "a command is missing"},
+             {"follow Model x --domain A..B", "'A..B' is no domain"},
              {"send A x:" + longText + "=1", "is no field type"},
              {"send A " + longText, "is not of the form"},
              {"listen A --count " + longText, "..."},
