@@ -4,18 +4,19 @@
 
 #include <CLI/CLI.hpp>
 
-#include <cerrno>
-#include <cstdio>
 #include <sstream>
-#include <system_error>
 
+#include "examples/modeld/service/Log.h"
+#include "platform/File.h"
 #include "platform/Text.h"
 
 namespace modeld {
 
 namespace {
 
+constexpr int kFailure = 1;
 constexpr int kUsage = 2;
+constexpr std::size_t kLongestError = 600;  // bytes
 
 std::string checkService(const std::string& name) {
     const auto type = CVekServiceToSubjectMapper::ServiceStringToEnum(name.c_str());
@@ -81,18 +82,13 @@ Options readOptions(int argc, char** argv, int& exitStatus) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         std::ostringstream out;
-        std::ostringstream complaint;
-        exitStatus = app.exit(error, out, complaint) == 0 ? 0 : kUsage;
-        errno = 0;
-        const bool isPrinted =
-            std::fputs(out.str().c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
-        if (!isPrinted) {
-            Log::error("standard output: {}", std::generic_category().message(errno));
-            exitStatus = 1;
-        }
-        std::istringstream lines(complaint.str());
-        for (std::string line; std::getline(lines, line);) {
-            std::fputs((kvx::oneLine(line) + "\n").c_str(), stderr);
+        std::ostringstream ignored;
+        exitStatus = app.exit(error, out, ignored) == 0 ? 0 : kUsage;
+        if (exitStatus == kUsage) {
+            Log::error("{}; see modeld --help", kvx::shortened(error.what(), kLongestError));
+        } else if (const auto failure = kvx::platform::writeOutput(out.str()); !failure.empty()) {
+            Log::error("standard output: {}", failure);
+            exitStatus = kFailure;
         }
     }
     options.service = CVekServiceToSubjectMapper::ServiceStringToEnum(service.c_str());

@@ -167,10 +167,12 @@ int run(const Options& options) {
                       {options.database, sourceOf(options), notifySubject(engine, options.service),
                        options.watchSource, options.statistics, options.checkpoint});
     const int status = service->run();
-    if (DaemonLink::unsent() == 0) {
+    if (DaemonLink::unsent() != 0) {
+        Log::info("ended by a signal; {} messages could not be sent", DaemonLink::unsent());
+    } else if (status == 0 || !DaemonLink::isUp()) {
         Log::info("ended by a signal");
     } else {
-        Log::info("ended by a signal; {} messages could not be sent", DaemonLink::unsent());
+        Log::warning("ended by a signal before everything was sent");
     }
     return DaemonLink::isUp() ? status : 0;  // without a daemon nothing can be done
 }

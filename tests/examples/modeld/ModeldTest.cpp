@@ -106,6 +106,12 @@ TEST_F(ModeldTest, TellsOnOneLineWhatIsWrongWithItsCommandLine) {
     const auto refused = bus_.run("modeld", {"--load", "no\x1b[31m\nfile"});
     EXPECT_EQ(refused.status, 2);
     EXPECT_EQ(refused.errors.find('\x1b'), std::string::npos) << refused.errors;
+    EXPECT_EQ(refused.errors.rfind("modeld: error: --load: ", 0), 0U) << refused.errors;
+    EXPECT_LT(bus_.run("modeld", {std::string(100'000, 'x')}).errors.size(), 700U);
+    const auto nowhere =
+        bus_.run("modeld", {"--db", bus_.path("a.db"), "--load", bus_.file("a.csv", kDevices), "-q",
+                            "--domain", "A..B"});
+    EXPECT_EQ(nowhere.errors, "modeld: error: open: invalid argument: 'A..B' is no domain\n");
     ChildProcess help("/bin/sh", {"-c", KVX_BIN_DIR "/modeld --help >/dev/full"});
     EXPECT_EQ(help.wait(), 1) << "the help was lost";
     EXPECT_EQ(bus_.run("modeld", {"--db", ""}).errors,
