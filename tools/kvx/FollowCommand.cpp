@@ -3,12 +3,15 @@
 #include <fmt/format.h>
 
 #include <chrono>
+#include <optional>
+#include <string>
 
 #include "kvx/Client.h"
 #include "platform/Clock.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
+#include "tools/bus/Ticker.h"
 #include "tools/kvx/Changes.h"
 #include "tools/kvx/Commands.h"
 
@@ -39,6 +42,11 @@ class FollowPrinter {
                 }};
     }
 
+    // Shown on a terminal until something has come.
+    [[nodiscard]] std::string progress() const {
+        return hasPrinted_ ? "" : "waiting for " + options_.service;
+    }
+
   private:
     void printChange(const Record& change) {
         if (options_.count != 0 && changes_ == options_.count) return;
@@ -47,6 +55,7 @@ class FollowPrinter {
     }
 
     void print(const Record& record) {
+        hasPrinted_ = true;
         bus::printLine(
             changeLine(record.base(), platform::wallMilliseconds(), options_.connection.json));
         if (!bus::flushOutput()) client_.leave(kFailure);
@@ -55,6 +64,7 @@ class FollowPrinter {
     bus::Client& client_;
     const FollowOptions& options_;
     std::uint64_t changes_ = 0;
+    bool hasPrinted_ = false;
 };
 
 }  // namespace
@@ -73,7 +83,12 @@ int follow(const FollowOptions& options) {
     }
     FollowPrinter printer(client, options);
     Following following;
+    std::optional<bus::Progress> progress;
     return client.runUntilSignal([&] {
+        if (talks(options.connection)) {
+            bus::complain(fmt::format("following {}; Ctrl-C ends it", options.service));
+        }
+        progress.emplace(client.net(), [&] { return printer.progress(); });
         auto begun = querier->follow(*service, options.text, printer.follower());
         if (begun) {
             following = std::move(*begun);

@@ -36,6 +36,7 @@ TEST_F(ProgramTest, FailsWhenItsOutputCannotBeWritten) {
         for (const std::string command :
              {"kvx query Model 'select * from devices'",
               "kvx query Model 'select * from devices' --json",
+              "kvx follow Model 'select * from devices'",
               "kvx bench --messages 9 --requests 9", "kvx services --wait 0.2",
               "kvx services --watch", "kvx --help", "kvx --version", "kvx help send",
               "kvx request ZEMBRALIX.3.0.MODEL.QUERY.DEFAULT QryInfoOQLStr='select * from "
