@@ -6,6 +6,7 @@
 #include "tools/bus/Program.h"
 
 #include <array>
+#include <iostream>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -95,6 +96,7 @@ void watchSignals() {
 
 int runProgram(const std::function<int()>& body) {
     platform::reserveStandardStreams();
+    std::cout.rdbuf(std::cerr.rdbuf());
     platform::ignoreSignal(platform::signal_number::brokenPipe());
     for (const int signal : endingSignals()) {
         if (platform::isSignalIgnored(signal)) arrangement().ignored.insert(signal);

@@ -11,9 +11,11 @@ inline constexpr int kFailure = 1;
 inline constexpr int kUsage = 2;
 
 /// Runs `body` as the program and returns the exit status of the process: that of `body`, or 1 when
-/// standard output could not be written. Meanwhile writing to a closed pipe is an error and no
-/// signal, and a dedicated thread handles SIGINT, SIGTERM and SIGHUP: they end the process unless a
-/// `SignalScope` exists. Call it first in `main`, before any other thread exists.
+/// standard output could not be written. What the libraries tell on `std::cout` goes to standard
+/// error: standard output is for what the program is asked for. Meanwhile writing to a closed pipe
+/// is an error and no signal, and a dedicated thread handles SIGINT, SIGTERM and SIGHUP: they end
+/// the process unless a `SignalScope` exists. Call it first in `main`, before any other thread
+/// exists.
 int runProgram(const std::function<int()>& body);
 
 /// While it exists, SIGINT, SIGTERM and SIGHUP (unless ignored at the start) call `leave` instead.

@@ -36,9 +36,9 @@ TEST_F(ProgramTest, FailsWhenItsOutputCannotBeWritten) {
         for (const std::string command :
              {"kvx query Model 'select * from devices'",
               "kvx query Model 'select * from devices' --json",
-              "kvx follow Model 'select * from devices'",
-              "kvx bench --messages 9 --requests 9", "kvx services --wait 0.2",
-              "kvx services --watch", "kvx --help", "kvx --version", "kvx help send",
+              "kvx follow Model 'select * from devices'", "kvx bench --messages 9 --requests 9",
+              "kvx services --wait 0.2", "kvx services --watch", "kvx --help", "kvx --version",
+              "kvx help send",
               "kvx request ZEMBRALIX.3.0.MODEL.QUERY.DEFAULT QryInfoOQLStr='select * from "
               "devices'"}) {
             const Ended ended = bus_.shell(command + " " + redirection);
@@ -57,6 +57,15 @@ TEST_F(ProgramTest, FailsWhenItsOutputCannotBeWritten) {
             EXPECT_TRUE(holds(ended.errors, "kvx: standard output: ")) << command << ended.errors;
         }
     }
+}
+
+TEST_F(ProgramTest, PrintsRowsOnlyWhateverTheConfigurationFileHolds) {
+    const auto model = bus_.startModel(bus_.file("devices.csv", "name\na\n"));
+    bus_.file("etc/Calvorine.rvd.cfg",
+              "nonsense!\nrendezvous session = { \"daemon\" = \"" + bus_.daemonText() + "\" };\n");
+    const Ended ended = bus_.kvx({"query", "Model", "select * from devices", "--csv"});
+    EXPECT_EQ(ended.output, "name\na\n");
+    EXPECT_TRUE(holds(ended.errors, "Parser error: parse error line : 1\n")) << ended.errors;
 }
 
 TEST_F(ProgramTest, EndsAsUsualWhenItsComplaintsCannotBeWritten) {
