@@ -4,7 +4,8 @@
 //
 // One of many values of a key is found in an ordered set of (key, pointee or holder, number). Few
 // lists need it, so it is built at the first such removal. When a pointee is changed through its
-// holder, the holder sets `isPointeeChanged_` and the set is rebuilt.
+// holder, the holder sets `isPointeeChanged_`: the next removal drops the set and looks through the
+// values, which costs less than building it, and the one after builds it again.
 
 #include "foundation/PointerIndex.h"
 
@@ -98,8 +99,9 @@ int PointerIndex::removeOne(KeyView key, const void* value) {
 }
 
 PointerIndex::Places::iterator PointerIndex::placeOf(Places& places, const void* value) {
-    if (isPointeeChanged_) forgetNames();
-    if (places.size() <= kLookedThrough || !nameAll()) {
+    const bool isOutdated = isPointeeChanged_;
+    if (isOutdated) forgetNames();
+    if (isOutdated || places.size() <= kLookedThrough || !nameAll()) {
         return std::find_if(places.begin(), places.end(), [value](const auto& place) {
             return place.second->get() == value || (*place.second)->RPData() == value;
         });

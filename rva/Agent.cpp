@@ -101,7 +101,7 @@ int run(const Options& options) {
         [&seen](auto packet) { seen.hearPacket(packet, platform::monotonicMs()); });
     AdvisoryListener advisories(seen);
     if (!beatListener.listen(client.net()) ||
-        client.net().RRNAddExService("_RV.>", &advisories) != 1) {
+        client.net().RRNAddExService("_RV.>", &advisories) != kOk) {
         bus::complain("cannot listen on the bus");
         return kFailure;
     }

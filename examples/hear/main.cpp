@@ -12,6 +12,6 @@ struct Printer : RvDataCallback {
 int main() {
     CVekClient client(8000, "DEFAULT");
     Printer printer;
-    if (client.RRNAddService("NEWS", &printer) != 1) return 1;
+    if (client.RRNAddService("NEWS", &printer) != kvx::kOk) return 1;
     client.RRNDoIt();
 }

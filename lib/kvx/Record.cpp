@@ -26,7 +26,7 @@ Value valueOf(const CVekAtom* atom) {
         case VEK_TYPE_BYTES: {
             unsigned char* bytes = nullptr;
             int length = 0;
-            if (atom->RAUChar(&bytes, &length) != 1) return {};
+            if (atom->RAUChar(&bytes, &length) != kOk) return {};
             return Value(Value::Bytes(reinterpret_cast<const std::byte*>(bytes),
                                       static_cast<std::size_t>(length)));
         }
@@ -93,7 +93,7 @@ Result<> Record::set(std::string_view name, const Value& value) {
             Error{Errc::InvalidArgument, "a record has at most 65,535 fields", "field " + text});
     }
     if (!base_) base_ = std::make_unique<CVekBaseRecord>();
-    if (base_->RRAddOrSetValue(text.c_str(), atom.get()) != 1) {
+    if (base_->RRAddOrSetValue(text.c_str(), atom.get()) != kOk) {
         return tl::unexpected(Error{Errc::NoMemory, {}, "field " + text});
     }
     static_cast<void>(atom.release());

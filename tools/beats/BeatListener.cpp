@@ -6,8 +6,8 @@ namespace kvx::beats {
 
 bool BeatListener::listen(CVekRvNet& net) {
     const std::string subject = kvx::kHeartbeatSubject;
-    return net.RRNAddExService(subject.c_str(), this) == 1 &&
-           net.RRNAddExService((subject + ".>").c_str(), this) == 1;
+    return net.RRNAddExService(subject.c_str(), this) == kOk &&
+           net.RRNAddExService((subject + ".>").c_str(), this) == kOk;
 }
 
 void BeatListener::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {

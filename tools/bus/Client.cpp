@@ -65,7 +65,7 @@ bool Client::watchSession() {
     };
     return rv_AddHook(session, RV_HOOK_DISCONNECT, lost, this) == 0 &&
            rv_AddHook(session, RV_HOOK_RECONNECT, back, this) == 0 &&
-           net_.RRNAddExService(kvx::advisory::kDataLossSubject, this) == 1 &&
+           net_.RRNAddExService(kvx::advisory::kDataLossSubject, this) == kOk &&
            rv_IsConnected(session);
 }
 

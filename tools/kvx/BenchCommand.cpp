@@ -186,8 +186,8 @@ int bench(const BenchOptions& options) {
     Echo echo;
     Stream stream(client, *sender, datum, options.messages);
     client.leaveWithoutDaemon();
-    const bool listens = client.net().RRNAddExService(echoSubject.c_str(), &echo) == 1 &&
-                         client.net().RRNAddExService(streamSubject.c_str(), &stream) == 1;
+    const bool listens = client.net().RRNAddExService(echoSubject.c_str(), &echo) == kOk &&
+                         client.net().RRNAddExService(streamSubject.c_str(), &stream) == kOk;
     if (listens && measureRoundTrips(client, *requests, datum, options) &&
         measureStream(client, stream, options)) {
         return kSuccess;

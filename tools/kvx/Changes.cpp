@@ -67,7 +67,7 @@ std::string jsonLine(const CVekBaseRecord& row, std::int64_t cameAtMs) {
 std::unique_ptr<CVekBaseRecord> recordIn(const CVekAtom& atom) {
     unsigned char* bytes = nullptr;
     int length = 0;
-    if (atom.RAUChar(&bytes, &length) != 1) return nullptr;
+    if (atom.RAUChar(&bytes, &length) != kOk) return nullptr;
     return std::unique_ptr<CVekBaseRecord>(CVekBaseRecord::ROMDecode(bytes, length));
 }
 

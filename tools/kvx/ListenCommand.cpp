@@ -52,7 +52,7 @@ int listen(const ListenOptions& options) {
     for (const auto& subject : options.subjects) {
         // Checked here, since the net would report an invalid one in its own format.
         const std::string full = client.qualified(subject);
-        if (!isSubject(full) || client.net().RRNAddExService(full.c_str(), &printer) != 1) {
+        if (!isSubject(full) || client.net().RRNAddExService(full.c_str(), &printer) != kOk) {
             bus::complain("cannot listen on '" + full + "': it is no subject to listen on");
             return kFailure;
         }

@@ -60,7 +60,7 @@ int follow(bus::Client& client, const SnoopOptions& options, const char* subject
         [&](const OrderedPool::Lines& lines) { printer.print(lines); });
     pool.start();
     CVekSnoop snoop(&pool);
-    if (client.net().RRNAddService(subject, &snoop) != 1) {
+    if (client.net().RRNAddService(subject, &snoop) != kOk) {
         bus::complain(fmt::format("cannot listen on {}", subject));
         return kFailure;
     }

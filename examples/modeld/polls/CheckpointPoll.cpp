@@ -38,7 +38,7 @@ bool CheckpointPoll::ask(std::shared_ptr<Answer> answer) {
         return false;
     }
     auto errand = std::make_unique<Errand>(Errand{std::move(answer)});
-    if (thread_.RSPAddWorkDetail(errand.get()) == 1) {
+    if (thread_.RSPAddWorkDetail(errand.get()) == kvx::kOk) {
         static_cast<void>(errand.release());
         return true;
     }

@@ -94,7 +94,7 @@ Polls::Polls(kvx::Service& bus, const ModelService& service, FileWatch watch,
 Polls::~Polls() = default;
 
 void Polls::add(std::unique_ptr<CVekTimedWork> poll) {
-    if (manager_->RTWMAddPoll(poll.get()) != 1) {
+    if (manager_->RTWMAddPoll(poll.get()) != kvx::kOk) {
         Log::error("the poll '{}' cannot be added", poll->RTWName()->RAString());
         return;
     }

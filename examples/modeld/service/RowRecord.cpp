@@ -17,7 +17,7 @@ std::unique_ptr<CVekAtom> atomOf(const Row& row, int column) {
 }  // namespace
 
 void addField(CVekBaseRecord& record, const char* name, std::unique_ptr<CVekAtom> value) {
-    if (record.RRAddOrSetValue(name, value.get()) == 1) static_cast<void>(value.release());
+    if (record.RRAddOrSetValue(name, value.get()) == kvx::kOk) static_cast<void>(value.release());
 }
 
 void addColumns(CVekBaseRecord& record, const Row& row) {
