@@ -98,9 +98,10 @@ int CVekRvNet::RRNAddExService(const char* subject, RvDataCallback* callback) {
     if (!m_session) return kvx::kNoSession;
     if (subject == nullptr) return kvx::kInvalidArgument;
     int status = kvx::kOk;
-    RvListener* const listener = RRNNewListener(&status, subject, callback, this);
-    if (listener == nullptr) return kvx::kNoListener;
-    const int stored = storeListener(listener);
+    std::unique_ptr<RvListener> listener(RRNNewListener(&status, subject, callback, this));
+    if (!listener) return kvx::kNoListener;
+    const int stored = storeListener(listener.get());
+    static_cast<void>(listener.release());
     if (stored != kvx::kOk) kvx::report(stored, rvNet::kFile, rvNet::StoreServiceListener);
     return status;
 }
@@ -123,10 +124,11 @@ int CVekRvNet::RRNAddErrorService(RvDataCallback* callback) {
 
 int CVekRvNet::RRNAddErrorService(RvSession* session, RvDataCallback* callback) {
     if (!m_session) return kvx::kNoSession;
-    RvListener* const listener =
-        session != nullptr ? session->newListener(kAdvisorySubjects, callback, this) : nullptr;
-    if (listener == nullptr) return kvx::kNoListener;
-    const int stored = storeListener(listener);
+    std::unique_ptr<RvListener> listener(
+        session != nullptr ? session->newListener(kAdvisorySubjects, callback, this) : nullptr);
+    if (!listener) return kvx::kNoListener;
+    const int stored = storeListener(listener.get());
+    static_cast<void>(listener.release());
     if (stored != kvx::kOk) kvx::report(stored, rvNet::kFile, rvNet::StoreErrorListener);
     return kvx::kOk;
 }

@@ -38,14 +38,17 @@ void giveBack(const void* owner) {
 
 std::shared_ptr<const void> kvx::claimLoopThread(const void* owner) {
     const unsigned thread = CVekThread::RTId();
-    const std::lock_guard guard(claims().mutex);
-    auto& byOwner = claims().byOwner;
-    const bool taken = std::ranges::any_of(byOwner, [&](const auto& entry) {
-        return entry.first != owner && entry.second.thread != thread;
-    });
-    if (taken) return nullptr;
-    Claim& claim = byOwner[owner];
-    claim.thread = thread;
-    ++claim.holds;
+    {
+        const std::lock_guard guard(claims().mutex);
+        auto& byOwner = claims().byOwner;
+        const bool taken = std::ranges::any_of(byOwner, [&](const auto& entry) {
+            return entry.first != owner && entry.second.thread != thread;
+        });
+        if (taken) return nullptr;
+        Claim& claim = byOwner[owner];
+        claim.thread = thread;
+        ++claim.holds;
+    }
+    // Without the lock: a pointer that finds no memory calls its deleter.
     return {owner, giveBack};
 }

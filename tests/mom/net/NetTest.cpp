@@ -10,7 +10,9 @@
 
 #include "mom/base/VekTrace.h"
 #include "mom/net/CVekPostInitTimedClb.h"
+#include "mom/net/LoopThread.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/FailingNew.h"
 #include "tests/support/Nets.h"
 
 namespace kvx::test {
@@ -192,6 +194,19 @@ TEST_F(RvNet, RefusesASecondNetOnAnotherThreadWhileThereIsOne) {
         first.reset();
     });
     EXPECT_EQ(errors.take(), Reports{});
+}
+
+TEST(LoopThread, AClaimThatFindsNoMemoryIsGivenBack) {
+    const int here = 0;
+    for (long failing = 0; newsBeforeFailure < 0; ++failing) {
+        newsBeforeFailure = failing;
+        try {
+            EXPECT_NE(claimLoopThread(&here), nullptr);
+        } catch (const std::bad_alloc&) {
+        }
+    }
+    newsBeforeFailure = -1;
+    std::thread([] { EXPECT_NE(claimLoopThread(&newsBeforeFailure), nullptr); }).join();
 }
 
 TEST_F(RvNet, UserCodeThatEndingRunsFindsAnEndedNet) {
