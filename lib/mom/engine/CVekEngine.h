@@ -116,7 +116,7 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// Opens the engine's own session and joins the group. Returns 1, -220552 without a group base,
     /// or -220425 as `RRNInitSession` does; other failures are written to standard error only. A
     /// second call leaves the group first, which makes the engine backup until the group activates
-    /// it. Main thread.
+    /// it; -220544 when user code that this runs ends the net's session. Main thread.
     int REInitSession();
 
     /// Leaves the group and closes its session: another member takes over at once, and this engine
@@ -198,6 +198,13 @@ class KVX_API CVekEngine : public CVekRvNet {
   private:
     friend class CVekInitTimedClb;
 
+    /// What a left group leaves behind. Destroying it may run user code.
+    struct LeftGroup {
+        std::unique_ptr<CVekRvErrorClb> callback;
+        std::unique_ptr<RvSession> session;
+        std::vector<std::unique_ptr<RvListener>> listeners;
+    };
+
     RvSender* RENewSender(const char* subject, __boolean domainQualify);
     RvSender* RENewSenderOnSubject(const char* subject);
     int REStoreNewSender(RvSender* sender, const char* subject);
@@ -222,7 +229,7 @@ class KVX_API CVekEngine : public CVekRvNet {
     RvListener* requestOnNewSender(const char* subject, const RvDatum& datum,
                                    const RvDataCallback* callback, unsigned long timeout);
     rv_Session openGroupSession();
-    std::unique_ptr<RvSession> leaveGroup();
+    LeftGroup leaveGroup();
     void joinGroup(rv_Session session);
     void setActive(__boolean active);
     void tellRole();

@@ -75,7 +75,9 @@ int CVekEngine::REInitSession() {
     auto claim = claimLoop(engine::kFile, engine::OpenSession);
     if (!claim) return kvx::kOffMainThread;
     m_groupLoopClaim = std::move(claim);
-    leaveGroup();  // its session closes here
+    const kvx::NetWatch watch = this->watch();
+    leaveGroup();  // closes the session of before, which may run user code
+    if (!watch.storageStands()) return kvx::kNoSession;
     auto* const session = openGroupSession();
     m_ftSession = std::make_unique<RvSession>(session);
     m_ftErrorCallback = std::make_unique<CVekRvErrorClb>();
@@ -92,24 +94,26 @@ int CVekEngine::RELeaveGroup() {
     if (thread != kvx::kOk) return thread;
     // Destroyed last: closing the session may run user code.
     const std::shared_ptr<const void> claim = std::move(m_groupLoopClaim);
-    const std::unique_ptr<RvSession> left = leaveGroup();
-    const std::unique_ptr<CVekRvErrorClb> callback = std::move(m_ftErrorCallback);
+    const LeftGroup left = leaveGroup();
     tellRole();
     return kvx::kOk;
 }
 
-/// Releases the group session for the caller to close, and makes the engine backup: another member
-/// takes over.
-std::unique_ptr<RvSession> CVekEngine::leaveGroup() {
+/// Releases what belongs to the group for the caller to destroy, and makes the engine backup:
+/// another member takes over.
+CVekEngine::LeftGroup CVekEngine::leaveGroup() {
+    LeftGroup left;
     if (std::exchange(m_ftMemberId, nullptr) != nullptr) setActive(FALSE);
-    std::unique_ptr<RvSession> left = std::move(m_ftSession);
-    if (!left || !m_listeners) return left;
+    left.session = std::move(m_ftSession);
+    left.callback = std::move(m_ftErrorCallback);
+    const CVekThread::AutoMutex guard(*m_lock);
+    if (!left.callback || !m_listeners) return left;
     const std::unique_ptr<CVekDoubleList> listeners(m_listeners->RTLIterator());
     for (CVekListable* entry = listeners->RDLHead(); entry != nullptr;
          entry = listeners->RDLGetNext(entry)) {
         auto* const listener = static_cast<RvListener*>(static_cast<CVekPointer*>(entry)->RPData());
-        if (listener == nullptr || listener->callback() != m_ftErrorCallback.get()) continue;
-        if (RRNDereferenceListener(listener) == kvx::kOk) delete listener;
+        if (listener == nullptr || listener->callback() != left.callback.get()) continue;
+        if (RRNDereferenceListener(listener) == kvx::kOk) left.listeners.emplace_back(listener);
     }
     return left;
 }

@@ -147,6 +147,19 @@ TEST_F(Reentry, ASendMayRunTheSameSend) {
     EXPECT_EQ(errors.take(), Reports{});
 }
 
+TEST_F(Reentry, ClosingTheSessionOfItsGroupMayDestroyTheEngine) {
+    for (const auto leave : {&CVekEngine::REInitSession, &CVekEngine::RELeaveGroup}) {
+        EnginePtr engine = newEngine();
+        const rv_Hook destroy = [](rv_Session, const void*, void* owner) {
+            static_cast<EnginePtr*>(owner)->reset();
+            return 0;
+        };
+        rv_AddHook(engine->m_ftSession->handle(), RV_HOOK_CLOSE, destroy, &engine);
+        (*engine.*leave)();
+        EXPECT_EQ(engine, nullptr);
+    }
+}
+
 TEST_F(Reentry, NoInboxSenderDiesInItsOwnSend) {
     char subject[] = "_INBOX.MINE";
     Brink on(daemon, [](EnginePtr&) {});
