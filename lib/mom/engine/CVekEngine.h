@@ -104,7 +104,7 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// From now on queueing a send wakes the main loop, which sends it at once instead of at the
     /// next tick. In the time of a tick at most one tick's share of the send rate is sent in all;
     /// the rest waits for the next tick. Lasts until the session ends. -220440 when the loop cannot
-    /// be woken, else as `RRNAddIOHandle`; after a failure the tick sends everything. Main thread.
+    /// be woken, else as `RRNAllowPosts`; after a failure the tick sends everything. Main thread.
     int RESendPromptly();
 
     /// The members, unguarded; the engine owns both.

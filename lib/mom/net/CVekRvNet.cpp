@@ -88,7 +88,7 @@ struct CVekRvNet::Storage {
     std::unique_ptr<CVekTreeList> senders;
     std::unique_ptr<CVekTreeList> ioHandlers;
     std::vector<std::unique_ptr<RvIO>> strayHandlers;
-    std::shared_ptr<kvx::LoopPosts> posts;  // after the handler that watches its socket
+    std::shared_ptr<kvx::LoopPosts> posts;
     std::unique_ptr<CVekTreeList> listeners;
     std::unique_ptr<CVekStack> callbackStack;
     std::vector<std::unique_ptr<RvDataCallback>> callbacks;
@@ -266,7 +266,6 @@ void CVekRvNet::takeRequestQueue(Storage& dropped) {
     dropped.queueHandler = std::move(m_queueHandler);
     dropped.queueTimer = std::move(m_queueTimer);
     const CVekAutoMutex guard(m_requestMutex);
-    if (m_posts) m_posts->leaveHandlerToNet();
     dropped.posts = std::move(m_posts);
     ++m_ends->queue;
     dropped.requests = std::move(m_requests);

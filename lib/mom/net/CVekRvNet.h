@@ -109,7 +109,7 @@ class KVX_API CVekRvNet : public CVekNet {
     void RRNStopLoop();
 
     /// Lets `RRNPost` wake the main loop, until the session ends. -220440 when the system has no
-    /// sockets left, else as `RRNAddIOHandle`. Main thread.
+    /// sockets left, -220544 without a session, -220370 when it refuses. Main thread.
     int RRNAllowPosts();
 
     /// Calls `work` on the main thread at the next turn of the main loop, in the order of posting;

@@ -8,14 +8,11 @@
 
 namespace kvx {
 
-LoopPosts::~LoopPosts() {
-    if (m_isWatching) m_net.RRNRemoveIO(handle());
-}
-
 int LoopPosts::start() {
-    const int added = m_net.RRNAddIOHandle(handle(), TRUE, FALSE, FALSE, this);
-    m_isWatching = added == kOk;
-    return added;
+    if (!m_net.m_session) return kNoSession;
+    const auto socket = static_cast<unsigned int>(m_sockets.first.get());
+    m_watch.reset(m_net.m_session->newIO(socket, RVEVM_READ, this, nullptr));
+    return m_watch ? kOk : kNotCreated;
 }
 
 void LoopPosts::post(std::function<void()> work) {
@@ -39,7 +36,7 @@ void LoopPosts::onIO(RvIO*) {
     // Work may end the session or the net, and this object with them.
     const NetWatch watch = m_net.watch();
     for (const auto& work : due) {
-        if (!watch.storageStands()) return;
+        if (!watch.queueStands()) return;
         work();
     }
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -20,14 +19,11 @@ class LoopPosts : public RvIOCallback {
     using Sockets = std::pair<platform::Socket, platform::Socket>;
 
     LoopPosts(CVekRvNet& net, Sockets sockets) : m_net(net), m_sockets(std::move(sockets)) {}
-    ~LoopPosts() override;
     LoopPosts(const LoopPosts&) = delete;
     LoopPosts& operator=(const LoopPosts&) = delete;
 
-    /// The result of `RRNAddIOHandle`. Main thread.
+    /// Returns 1, -220544 without a session, -220370 when the session refuses. Main thread.
     int start();
-    /// The net deletes its I/O handlers itself. Main thread.
-    void leaveHandlerToNet() { m_isWatching = false; }
 
     /// Any thread.
     void post(std::function<void()> work);
@@ -36,13 +32,9 @@ class LoopPosts : public RvIOCallback {
     void onIO(RvIO* io) override;
 
   private:
-    [[nodiscard]] unsigned int handle() const {
-        return static_cast<unsigned int>(m_sockets.first.get());
-    }
-
     CVekRvNet& m_net;
-    const Sockets m_sockets;    // what the main loop watches, and what other threads write to
-    bool m_isWatching = false;  // main thread only
+    const Sockets m_sockets;        // what the main loop watches, and what other threads write to
+    std::unique_ptr<RvIO> m_watch;  // of the net's session; main thread only
 
     std::mutex m_mutex;
     std::deque<std::function<void()>> m_waiting;  // guarded by m_mutex

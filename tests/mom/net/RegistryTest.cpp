@@ -191,6 +191,14 @@ TEST_F(Registry, TimersOfAnOldListGoOnFiring) {
     EXPECT_TRUE(runUntil(net, [&] { return ignoreTimer.calls > 3; }));
 }
 
+TEST_F(Registry, IsEmptiedByPostedWorkWithoutLosingWhatIsPosted) {
+    int done = 0;
+    ASSERT_EQ(net.RRNAllowPosts(), 1);
+    net.RRNPost([&] { done += net.RRNOpenStorage(); });
+    net.RRNPost([&] { net.RRNPost([&] { ++done; }); });
+    EXPECT_TRUE(runUntil(net, [&] { return done == 2; }));
+}
+
 TEST_F(Registry, WatchesForReadabilityWhateverWasChosen) {
     const SocketPair pair;
     RvIO* seen = nullptr;
