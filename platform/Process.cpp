@@ -390,6 +390,16 @@ std::uint64_t physicalMemoryBytes() noexcept {
     return static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize);
 }
 
+std::size_t raiseDescriptorLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const std::uint64_t open = processFigures().openDescriptors;
+    return limit.rlim_cur > open ? limit.rlim_cur - open : 0;
+}
+
 ProcessFigures processFigures() {
     ProcessFigures figures;
     rusage usage{};

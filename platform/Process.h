@@ -76,6 +76,10 @@ KVX_API bool sendSignal(unsigned long pid, int signal) noexcept;
 /// The machine's memory in bytes; 0 when unknown.
 [[nodiscard]] KVX_API std::uint64_t physicalMemoryBytes() noexcept;
 
+/// Raises the process's limit of open descriptors as far as the system allows it. Returns how many
+/// may be opened beside those that are open now.
+[[nodiscard]] KVX_API std::size_t raiseDescriptorLimit();
+
 /// Resource use of this process. A figure that is not available is 0.
 struct ProcessFigures {
     double cpuSeconds = 0;  ///< of all its threads, in user and system mode

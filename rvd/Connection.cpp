@@ -16,6 +16,9 @@
 // Writing: the queue is written directly as long as the socket takes everything. When it does not,
 // the first entry is passed to libuv, which waits for room; the entries behind it stay in the
 // queue, where they can still be dropped.
+//
+// Reading: once a turn of the loop, into a buffer that all share. What the peer has not processed
+// when its slice is over is kept here, and the connection is not read until that is done.
 
 #include "rvd/Connection.h"
 
@@ -48,8 +51,10 @@ sockaddr_in peerName(const uv_tcp_t& tcp) {
 
 }  // namespace
 
-Connection::Connection(const ConnectionContext& context)
-    : context_(context), outbox_(context.queueLimit, context.pool, context.counters) {
+Connection::Connection(const ConnectionContext& context, std::uint64_t number)
+    : context_(context),
+      number_(number),
+      outbox_(context.queueLimit, context.pool, context.counters) {
     uv_tcp_init(&context_.loop, &tcp_);
     tcp_.data = this;
     write_.data = this;
@@ -57,6 +62,7 @@ Connection::Connection(const ConnectionContext& context)
 }
 
 Connection::~Connection() {
+    context_.line.leave(*this);
     context_.counters.subtract(Counter::ConnectionsOpen);
 }
 
@@ -80,20 +86,16 @@ bool Connection::accept(uv_stream_t* listener) {
     name_ = platform::dottedAddress(ntohl(name.sin_addr.s_addr)) + ':' +
             std::to_string(ntohs(name.sin_port));
     peer_ = std::make_unique<Peer>(peerAddress(), *this, context_.counters);
-    const int status = uv_read_start(
-        stream(),
-        [](uv_handle_t* handle, std::size_t, uv_buf_t* buffer) {
-            *buffer = uv_buf_init(connectionOf(handle->data)->context_.batch.readBuffer(),
-                                  Batch::kReadBuffer);
-        },
-        [](uv_stream_t* from, ssize_t count, const uv_buf_t* buffer) {
-            connectionOf(from->data)->onRead(count, buffer->base);
-        });
-    if (status != 0) return false;
+    if (!startReading()) return false;
     context_.counters.add(Counter::ConnectionsAccepted);
     context_.log.debug(name_ + " connected");
     peer_->start(now());
     return true;
+}
+
+void Connection::refuse(uv_stream_t* listener) {
+    (void)uv_accept(listener, stream());
+    destroy();
 }
 
 PeerAddress Connection::peerAddress() const {
@@ -102,25 +104,91 @@ PeerAddress Connection::peerAddress() const {
     return {local ? htonl(context_.hostAddress) : name.sin_addr.s_addr, name.sin_port};
 }
 
+bool Connection::startReading() {
+    isReading_ = true;
+    return uv_read_start(
+               stream(),
+               [](uv_handle_t* handle, std::size_t, uv_buf_t* buffer) {
+                   *buffer = connectionOf(handle->data)->readBuffer();
+               },
+               [](uv_stream_t* from, ssize_t count, const uv_buf_t* buffer) {
+                   connectionOf(from->data)->onRead(count, buffer->base);
+               }) == 0;
+}
+
+// A second read in one turn gets no room, which ends it.
+uv_buf_t Connection::readBuffer() {
+    if (std::exchange(readTurn_, context_.line.turn()) == context_.line.turn()) {
+        return uv_buf_init(nullptr, 0);
+    }
+    return uv_buf_init(context_.batch.readBuffer(), Batch::kReadBuffer);
+}
+
 void Connection::onRead(ssize_t count, const char* bytes) {
+    if (count == UV_ENOBUFS || count == 0) return;
     if (count == UV_EOF) {
         enter(State::PeerEnded);
     } else if (count < 0) {
         fail(static_cast<int>(count));
     } else if (state_ == State::Open) {
-        try {
-            peer_->receive(
-                {reinterpret_cast<const std::uint8_t*>(bytes), static_cast<std::size_t>(count)},
-                now());
-        } catch (const std::bad_alloc&) {
-            fail(UV_ENOMEM);
-        }
+        arrived_ = {reinterpret_cast<const std::uint8_t*>(bytes), static_cast<std::size_t>(count)};
+        context_.line.come(*this);
+        keepRest();
     }
     context_.batch.end();
 }
 
+// Keeps what has arrived, which is in the shared buffer, and is not read before it is done.
+void Connection::keepRest() {
+    if (arrived_.empty()) return;
+    try {
+        rest_.assign(arrived_.begin(), arrived_.end());
+    } catch (const std::bad_alloc&) {
+        arrived_ = {};
+        return fail(UV_ENOMEM);
+    }
+    arrived_ = rest_;
+    isReading_ = false;
+    uv_read_stop(stream());
+}
+
+void Connection::work() {
+    writeWaiting();
+    takeBytes();
+    context_.batch.end();
+    if (state_ == State::Closed) return;
+    if (arrived_.empty()) rest_ = {};
+    const bool hasMore = !arrived_.empty() || (writingBytes_ == 0 && !outbox_.empty());
+    if (hasMore) {
+        context_.line.join(*this);
+    } else if (!isReading_ && !startReading()) {
+        fail(UV_ENOMEM);
+        context_.batch.end();
+    }
+}
+
+void Connection::takeBytes() {
+    if (arrived_.empty() || state_ != State::Open) {
+        arrived_ = {};
+        return;
+    }
+    try {
+        const std::size_t left = peer_->receive(arrived_, now());
+        arrived_ = arrived_.last(left);
+    } catch (const std::bad_alloc&) {
+        arrived_ = {};
+        fail(UV_ENOMEM);
+    }
+}
+
+bool Connection::mayGoOn() {
+    return !context_.line.isOver(1);
+}
+
 void Connection::deliver(const PayloadRef& message) {
-    if (outbox_.wouldDrop(message->size())) writeWaiting();
+    while (outbox_.wouldDrop(message->size()) && state_ < State::Failed && writingBytes_ == 0 &&
+           writeSome() > 0) {
+    }
     outbox_.pushMessage(message);
     context_.batch.add(*this);
 }
@@ -128,38 +196,44 @@ void Connection::deliver(const PayloadRef& message) {
 void Connection::flush() {
     writeWaiting();
     if (state_ == State::Failed) return destroy();
-    if (writingBytes_ > 0 || !outbox_.empty()) return;
+    if (writingBytes_ > 0) return;
+    if (!outbox_.empty()) return context_.line.join(*this);
     if (state_ == State::Draining) sendFin();
     if (state_ == State::PeerEnded) destroy();
 }
 
 void Connection::writeWaiting() {
     if (state_ >= State::Failed) return;
-    while (writingBytes_ == 0 && !outbox_.empty() && writeSome()) {
+    std::size_t written = 0;
+    while (writingBytes_ == 0 && !outbox_.empty() && written < kWriteAtOnce) {
+        const std::size_t some = writeSome();
+        if (some == 0) return;
+        written += some;
     }
 }
 
-// One system call. True when the socket took everything offered.
-bool Connection::writeSome() {
+// One system call. Returns the bytes offered when the socket took them all, else 0.
+std::size_t Connection::writeSome() {
     std::array<wire::Bytes, kWriteSlices> slices;
     std::array<uv_buf_t, kWriteSlices> buffers;
     const std::size_t count = outbox_.gather(slices);
-    if (count == 0) return false;
+    std::size_t used = 0;
     std::size_t offered = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        buffers[i] = asBuffer(slices[i]);
-        offered += slices[i].size();
+    while (used < count && offered < kWriteAtOnce) {
+        buffers[used] = asBuffer(slices[used]);
+        offered += slices[used++].size();
     }
-    const int result = uv_try_write(stream(), buffers.data(), static_cast<unsigned>(count));
+    if (used == 0) return 0;
+    const int result = uv_try_write(stream(), buffers.data(), static_cast<unsigned>(used));
     if (result < 0 && result != UV_EAGAIN) {
         fail(result);
-        return false;
+        return 0;
     }
     const auto taken = static_cast<std::size_t>(result < 0 ? 0 : result);
     outbox_.written(taken);
-    if (taken == offered) return true;
+    if (taken == offered) return offered;
     writeFront();
-    return false;
+    return 0;
 }
 
 // Lets libuv write the first entry as soon as the socket has room.
@@ -217,7 +291,9 @@ void Connection::sendFin() {
 }
 
 void Connection::leaveSession() {
-    if (session_ != nullptr) context_.router.leave(*std::exchange(session_, nullptr));
+    if (session_ == nullptr) return;
+    context_.router.leave(*std::exchange(session_, nullptr));
+    if (context_.router.hasLeft()) context_.line.join(context_.cleaner);
 }
 
 void Connection::fail(int status) {
@@ -231,6 +307,8 @@ void Connection::fail(int status) {
 void Connection::destroy() {
     if (state_ == State::Closed) return;
     enter(State::Closed);
+    context_.line.leave(*this);
+    context_.closed(*this);
     uv_close(reinterpret_cast<uv_handle_t*>(&tcp_), [](uv_handle_t* handle) {
         Connection* connection = connectionOf(handle->data);
         connection->context_.gone(*connection);
@@ -244,6 +322,7 @@ void Connection::send(wire::Bytes bytes) {
 
 void Connection::join(std::string_view service, std::string_view network) {
     session_ = &context_.router.join(service, network, *this);
+    context_.announced(*this);
     if (context_.log.enabled(LogLevel::Debug)) {
         context_.log.debug(name_ + " joins service '" + std::string(service) + "' network '" +
                            std::string(network) + "'");
@@ -268,6 +347,7 @@ void Connection::publish(SubjectView subject, const PayloadRef& message) {
     if (reached.empty()) return context_.counters.add(Counter::MessagesUnmatched);
     context_.batch.hold(message);
     for (Receiver* receiver : reached) receiver->deliver(message);
+    (void)context_.line.isOver(reached.size());
 }
 
 void Connection::close(CloseReason reason) {

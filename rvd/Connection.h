@@ -6,8 +6,10 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "rvd/Batch.h"
+#include "rvd/Line.h"
 #include "rvd/Log.h"
 #include "rvd/Outbox.h"
 #include "rvd/Peer.h"
@@ -25,28 +27,40 @@ struct ConnectionContext {
     OutboxPool& pool;
     Router& router;
     Batch& batch;
+    Line& line;
     std::size_t queueLimit;     ///< queued bytes per session
     std::uint32_t hostAddress;  ///< host byte order; reported to local clients as their own
-    std::function<void(Connection&)> gone;  ///< libuv has closed the handle: may be deleted
+    Worker& cleaner;            ///< clears up after sessions that have left
+    std::function<void(Connection&)> announced;  ///< it has joined a space
+    std::function<void(Connection&)> closed;     ///< its socket is closed
+    std::function<void(Connection&)> gone;       ///< libuv has closed the handle: may be deleted
 };
 
 /// One TCP connection: its socket, its peer's protocol, its queue and its session.
 ///
-/// Carries out the peer's actions. The queue is written when the batch of one read ends. Loop
-/// thread only.
-class Connection final : public PeerActions, public Receiver, public BatchMember {
+/// Carries out the peer's actions. The queue is written when the batch of one read ends. Who sends
+/// or takes more than fits into a slice goes on in the line, and is not read meanwhile. Loop thread
+/// only.
+class Connection final : public PeerActions, public Receiver, public BatchMember, private Worker {
   public:
+    /// Bytes that are written to one connection before another one has its turn.
+    static constexpr std::size_t kWriteAtOnce = 256 * 1024;
     /// Time limit for writing the queue of a closing connection.
     static constexpr platform::Milliseconds kEndingMs = 5'000;
 
-    explicit Connection(const ConnectionContext& context);
+    /// `number`: of all connections, in the order of accepting.
+    Connection(const ConnectionContext& context, std::uint64_t number);
     ~Connection() override;
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
+    [[nodiscard]] std::uint64_t number() const { return number_; }
+
     /// Accepts the next connection of `listener`. False on failure; call `destroy` in either case
     /// at the end.
     [[nodiscard]] bool accept(uv_stream_t* listener);
+    /// Accepts it and does nothing with it.
+    void refuse(uv_stream_t* listener);
 
     void tick();
     /// Ends the connection because the daemon ends.
@@ -67,17 +81,25 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     bool listen(SubjectView subject) override;
     void cancel(SubjectView subject) override;
     void publish(SubjectView subject, const PayloadRef& message) override;
+    bool mayGoOn() override;
     void close(CloseReason reason) override;
 
   private:
+    // Worker
+    void work() override;
+
     // In the order of their transitions; see the head of Connection.cpp.
     enum class State : std::uint8_t { Open, Draining, FinSent, PeerEnded, Failed, Closed };
 
     void enter(State state);
+    [[nodiscard]] uv_buf_t readBuffer();
     void onRead(ssize_t count, const char* bytes);
+    void takeBytes();
+    void keepRest();
+    [[nodiscard]] bool startReading();
     void onWritten(int status);
     void writeWaiting();
-    bool writeSome();
+    std::size_t writeSome();
     void writeFront();
     void sendFin();
     void fail(int status);
@@ -89,6 +111,7 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     [[nodiscard]] uv_stream_t* stream() { return reinterpret_cast<uv_stream_t*>(&tcp_); }
 
     const ConnectionContext& context_;
+    const std::uint64_t number_;
 
     State state_ = State::Open;
     platform::Milliseconds endBy_ = 0;  // deadline of a connection that is not open
@@ -97,6 +120,10 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     uv_shutdown_t shutdown_{};
     Outbox outbox_;
     std::unique_ptr<Peer> peer_;
+    wire::Bytes arrived_;             // bytes that the peer has not processed
+    std::vector<std::uint8_t> rest_;  // those that wait for a further slice
+    bool isReading_ = false;
+    std::uint64_t readTurn_ = 0;  // the turn of the last read
     Router::Session* session_ = nullptr;
     std::size_t writingBytes_ = 0;  // bytes of the queue in write_; 0: no write is pending in libuv
     std::uint64_t lossesLogged_ = 0;

@@ -11,6 +11,8 @@ constexpr std::array<CounterInfo, static_cast<std::size_t>(Counter::Count)> kTab
     {"connections.open", "connections", "TCP connections open now"},
     {"connections.failed", "connections", "closed because the peer broke the protocol"},
     {"connections.timed_out", "connections", "closed because the peer said nothing in time"},
+    {"connections.refused", "connections",
+     "turned away: no descriptors, and all others are in use"},
     {"sessions.open", "sessions", "connections that have announced a service and a network"},
     {"listens.open", "listens", "listens in force, each counted as often as it was made"},
     {"messages.received", "messages", "data messages taken from peers"},

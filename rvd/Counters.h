@@ -14,6 +14,7 @@ enum class Counter : std::uint8_t {
     ConnectionsOpen,
     ConnectionsFailed,
     ConnectionsTimedOut,
+    ConnectionsRefused,
     SessionsOpen,
     ListensOpen,
     MessagesReceived,

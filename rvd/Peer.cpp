@@ -64,7 +64,7 @@ void Peer::start(Milliseconds now) {
     actions_.send(wire::encode(wire::Greeting{0, wire::kProtocolV4, 0}));
 }
 
-void Peer::receive(Bytes chunk, Milliseconds now) {
+std::size_t Peer::receive(Bytes chunk, Milliseconds now) {
     heardAt_ = now;
     probed_ = false;
     if (state_ != PeerState::Open) received_ += chunk.size();
@@ -81,12 +81,12 @@ void Peer::receive(Bytes chunk, Milliseconds now) {
                 break;
             case PeerState::AwaitInit:
             case PeerState::Open:
-                onFrames(chunk);
-                return;
+                return onFrames(chunk);
             case PeerState::Closed:
-                return;
+                return 0;
         }
     }
+    return 0;
 }
 
 // Copies bytes into `block_`; true when it holds `size` of them.
@@ -126,9 +126,10 @@ void Peer::onBlock() {
     enter(PeerState::AwaitInit);
 }
 
-void Peer::onFrames(Bytes chunk) {
+std::size_t Peer::onFrames(Bytes chunk) {
     reader_.feed(chunk);
     while (state_ != PeerState::Closed) {
+        if (state_ == PeerState::Open && !actions_.mayGoOn()) return reader_.unread();
         const wire::Frame frame = reader_.next();
         if (frame.kind == wire::FrameKind::None) break;
         onFrame(frame);
@@ -136,6 +137,7 @@ void Peer::onFrames(Bytes chunk) {
     if (state_ == PeerState::AwaitInit && received_ > wire::kDaemonHandshakeBytes) {
         close(CloseReason::TooMuchAtOnce);
     }
+    return 0;
 }
 
 void Peer::onFrame(const wire::Frame& frame) {

@@ -45,6 +45,8 @@ class PeerActions {
     virtual bool listen(SubjectView subject) = 0;
     virtual void cancel(SubjectView subject) = 0;
     virtual void publish(SubjectView subject, const PayloadRef& message) = 0;
+    /// False when the peer's turn is over: it stops reading its bytes.
+    virtual bool mayGoOn() = 0;
     /// Closes the connection after the queued output. Called at most once, and last.
     virtual void close(CloseReason reason) = 0;
 };
@@ -74,9 +76,10 @@ class Peer {
 
     /// Starts the protocol: sends the greeting.
     void start(platform::Milliseconds now);
-    /// Processes received bytes. `chunk` is not used after the return, except by published
-    /// payloads, which are views of it.
-    void receive(wire::Bytes chunk, platform::Milliseconds now);
+    /// Processes received bytes. Returns how many of the last ones are left because the turn is
+    /// over: the next call begins with these. `chunk` is not used after the return, except by
+    /// published payloads, which are views of it.
+    std::size_t receive(wire::Bytes chunk, platform::Milliseconds now);
     /// The peer has taken routed messages, which counts against a silence time-out.
     void tookMessages(platform::Milliseconds now) { tookAt_ = now; }
     /// Acts on elapsed time; call it about once a second.
@@ -94,7 +97,7 @@ class Peer {
     void onAnswer();
     void onAgreement();
     void onBlock();
-    void onFrames(wire::Bytes chunk);
+    std::size_t onFrames(wire::Bytes chunk);
     void onFrame(const wire::Frame& frame);
     void onMessage(const wire::Frame& frame);
     void onFirstMessage(wire::Bytes message);

@@ -1,13 +1,14 @@
 // Spaces, sessions and listens.
 //
-// A space owns its sessions and one subject tree, and exists while it has sessions. The tree holds
+// A space owns its sessions and one subject tree, and exists while it has sessions, also such as
+// have left and still have listens: to undo many at once would take too long. The tree holds
 // one entry per session and subject, however often the listen was made: the session has the count.
 // A match collects each session once, although several of its listens may match: a session stores
 // the number of the last match that found it.
 
 #include "rvd/Router.h"
 
-#include <algorithm>
+#include <iterator>
 
 #include "rv/wire/Limits.h"
 
@@ -18,10 +19,13 @@ struct Router::Space {
 
     const SpaceName name;
     SubjectTree<Listen> tree;
-    std::vector<std::unique_ptr<Session>> sessions;
+    Sessions sessions;
+    std::size_t left = 0;  // sessions that have left, and still have listens
 };
 
 namespace {
+
+constexpr std::size_t kFewListens = 64;
 
 std::string keyOf(SubjectView subject) {
     return {static_cast<const char*>(subject.data()), subject.length()};
@@ -50,19 +54,38 @@ Router::Session& Router::join(std::string_view service, std::string_view network
     space.sessions.push_back(std::unique_ptr<Session>(new Session(space, receiver)));
     if (made) spaces_.emplace(name, std::move(made));
     counters_.add(Counter::SessionsOpen);
-    return *space.sessions.back();
+    Session& session = *space.sessions.back();
+    session.place_ = std::prev(space.sessions.end());
+    return session;
 }
 
 void Router::leave(Session& session) {
     Space& space = session.space_;
-    for (auto& [subject, listen] : session.listens_) {
-        (void)space.tree.remove(SubjectView::trusted(subject.data()), &listen);
-        counters_.subtract(Counter::ListensOpen, listen.count);
-    }
+    session.receiver_ = nullptr;
+    counters_.subtract(Counter::ListensOpen, session.listenCount_);
     counters_.subtract(Counter::SessionsOpen);
-    std::erase_if(space.sessions,
-                  [&session](const auto& other) { return other.get() == &session; });
-    if (space.sessions.empty()) spaces_.erase(spaces_.find(space.name));
+    left_.splice(left_.begin(), space.sessions, session.place_);
+    ++space.left;
+    if (session.listens_.size() <= kFewListens) (void)clearUp(session.listens_.size() + 1);
+}
+
+bool Router::clearUp(std::size_t most) {
+    for (; most > 0 && !left_.empty(); --most) {
+        Session& session = *left_.front();
+        if (!session.listens_.empty()) {
+            undo(session, session.listens_.begin());
+            continue;
+        }
+        Space& space = session.space_;
+        left_.pop_front();
+        if (--space.left == 0 && space.sessions.empty()) spaces_.erase(spaces_.find(space.name));
+    }
+    return hasLeft();
+}
+
+void Router::undo(Session& session, std::unordered_map<std::string, Listen>::iterator listen) {
+    (void)session.space_.tree.remove(SubjectView::trusted(listen->first.data()), &listen->second);
+    session.listens_.erase(listen);
 }
 
 bool Router::listen(Session& session, SubjectView subject) {
@@ -79,6 +102,7 @@ bool Router::listen(Session& session, SubjectView subject) {
         }
     }
     ++found->second.count;
+    ++session.listenCount_;
     counters_.add(Counter::ListensOpen);
     return true;
 }
@@ -87,9 +111,8 @@ void Router::cancel(Session& session, SubjectView subject) {
     const auto found = session.listens_.find(keyOf(subject));
     if (found == session.listens_.end()) return;
     counters_.subtract(Counter::ListensOpen);
-    if (--found->second.count > 0) return;
-    (void)session.space_.tree.remove(subject, &found->second);
-    session.listens_.erase(found);
+    --session.listenCount_;
+    if (--found->second.count == 0) undo(session, found);
 }
 
 std::span<Receiver* const> Router::match(const Session& from, SubjectView subject) {
@@ -101,9 +124,10 @@ std::span<Receiver* const> Router::match(const Session& from, SubjectView subjec
 
 void Router::collect(const Space& space, SubjectView subject) {
     const auto take = [this](const Listen& listen) {
-        if (listen.session->lastMatch_ == matchNumber_) return;
-        listen.session->lastMatch_ = matchNumber_;
-        matched_.push_back(&listen.session->receiver_);
+        Session& session = *listen.session;
+        if (session.receiver_ == nullptr || session.lastMatch_ == matchNumber_) return;
+        session.lastMatch_ = matchNumber_;
+        matched_.push_back(session.receiver_);
     };
     if (subject.hasWildcards()) {
         space.tree.matchCovered(subject, take);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <list>
 #include <map>
 #include <memory>
 #include <span>
@@ -44,8 +45,14 @@ class Router {
     /// session, which exists until `leave`. Throws `std::bad_alloc` and changes nothing.
     Session& join(std::string_view service, std::string_view network, Receiver& receiver);
 
-    /// Undoes every listen of the session and destroys it; needs no memory.
+    /// The session matches nothing any more. It is destroyed, with its listens, by `clearUp`, which
+    /// a session of few listens does not need. Needs no memory.
     void leave(Session& session);
+
+    /// Whether `clearUp` has something to do.
+    [[nodiscard]] bool hasLeft() const { return !left_.empty(); }
+    /// Undoes up to `most` listens of sessions that have left. Returns whether some are left.
+    bool clearUp(std::size_t most);
 
     /// Counts one listen. Returns false, and changes nothing, above `kMaxListens`; likewise throws
     /// `std::bad_alloc`.
@@ -68,10 +75,14 @@ class Router {
     struct Space;
     using SpaceName = std::pair<std::string, std::string>;
 
+    using Sessions = std::list<std::unique_ptr<Session>>;
+
     void collect(const Space& space, SubjectView subject);
+    void undo(Session& session, std::unordered_map<std::string, Listen>::iterator listen);
 
     Counters& counters_;
     std::map<SpaceName, std::unique_ptr<Space>> spaces_;
+    Sessions left_;  // sessions that have left, and still have listens
     std::vector<Receiver*> matched_;
     std::uint64_t matchNumber_ =
         0;  // identifies sessions already collected for the current message
@@ -84,10 +95,12 @@ class Router::Session {
 
   private:
     friend class Router;
-    Session(Space& space, Receiver& receiver) : space_(space), receiver_(receiver) {}
+    Session(Space& space, Receiver& receiver) : space_(space), receiver_(&receiver) {}
 
     Space& space_;
-    Receiver& receiver_;
+    Receiver* receiver_;  // null once it has left
+    Sessions::iterator place_;
+    std::uint64_t listenCount_ = 0;
     std::uint64_t lastMatch_ = 0;
     std::unordered_map<std::string, Listen> listens_;  // by encoded subject
 };

@@ -17,6 +17,9 @@ namespace {
 constexpr int kBacklog = 511;  // pending connections
 constexpr std::uint64_t kTickMs = 1'000;
 constexpr std::uint64_t kStoppingTickMs = 50;
+constexpr platform::Milliseconds kCrowdedMs = 60'000;  // between two lines of the log
+constexpr std::size_t kSpareDescriptors = 8;  // one to turn a newcomer away with, and files
+constexpr std::size_t kListensAtOnce = 64;    // undone between two looks at the clock
 
 // All queues together may hold half of the machine's memory, 1 GiB if that is unknown.
 constexpr std::uint64_t kPoolShare = 2;
@@ -57,21 +60,29 @@ Server::Server(const Options& options, const Log& log)
       log_(log),
       pool_(poolLimit()),
       router_(counters_),
+      line_([] { return static_cast<Nanoseconds>(uv_hrtime()); }),
       context_{loop_,
                log_,
                counters_,
                pool_,
                router_,
                batch_,
+               line_,
                options.queueLimit,
                hostAddressFor(options),
+               cleaner_,
+               [this](const Connection& connection) { unannounced_.erase(connection.number()); },
+               [this](const Connection& connection) { onClosed(connection); },
                [this](Connection& connection) { forget(connection); }} {
     uv_loop_init(&loop_);
     uv_tcp_init(&loop_, &listener_);
     uv_timer_init(&loop_, &tick_);
+    uv_prepare_init(&loop_, &turn_);
+    uv_idle_init(&loop_, &goOn_);
     uv_signal_init(&loop_, &terminate_);
     uv_signal_init(&loop_, &interrupt_);
-    listener_.data = tick_.data = terminate_.data = interrupt_.data = this;
+    listener_.data = tick_.data = turn_.data = goOn_.data = terminate_.data = interrupt_.data =
+        this;
 }
 
 Server::~Server() {
@@ -99,8 +110,11 @@ bool Server::start() {
         return false;
     }
     address_ = addressText(listener_);
+    const std::size_t descriptors = platform::raiseDescriptorLimit();
+    mostOpen_ = descriptors > kSpareDescriptors ? descriptors - kSpareDescriptors : 1;
     uv_timer_start(
         &tick_, [](uv_timer_t* timer) { serverOf(timer->data)->onTick(); }, kTickMs, kTickMs);
+    uv_prepare_start(&turn_, [](uv_prepare_t* turn) { serverOf(turn->data)->onTurn(); });
     const auto onSignal = [](uv_signal_t* handle, int) { serverOf(handle->data)->stop(); };
     uv_signal_start(&terminate_, onSignal, platform::signal_number::terminate());
     uv_signal_start(&interrupt_, onSignal, platform::signal_number::interrupt());
@@ -116,12 +130,56 @@ int Server::run() {
 }
 
 void Server::onConnection(int status) {
-    if (status != 0) return log_.warning(std::string("cannot accept: ") + uv_strerror(status));
-    auto made = std::make_unique<Connection>(context_);
+    auto* const listener = reinterpret_cast<uv_stream_t*>(&listener_);
+    if (status != 0) return warnCrowded(std::string("cannot accept: ") + uv_strerror(status));
+    auto made = std::make_unique<Connection>(context_, ++accepted_);
     Connection* connection = made.get();
     connections_.emplace(connection, std::move(made));
-    if (!connection->accept(reinterpret_cast<uv_stream_t*>(&listener_))) connection->destroy();
+    ++open_;
+    if (open_ > mostOpen_ && !makeRoom()) {
+        counters_.add(Counter::ConnectionsRefused);
+        connection->refuse(listener);
+        return;
+    }
+    unannounced_.emplace(connection->number(), connection);
+    if (!connection->accept(listener)) connection->destroy();
     batch_.end();
+}
+
+// Closes the oldest connection that has not announced itself. False when there is none.
+bool Server::makeRoom() {
+    warnCrowded("all " + std::to_string(mostOpen_) +
+                " connections for which there are descriptors are in use");
+    if (unannounced_.empty()) return false;
+    unannounced_.begin()->second->destroy();
+    return true;
+}
+
+// At most one line a minute.
+void Server::warnCrowded(const std::string& what) {
+    if (crowdedAt_ && now() - *crowdedAt_ < kCrowdedMs) return;
+    crowdedAt_ = now();
+    log_.warning(what);
+}
+
+void Server::onClosed(const Connection& connection) {
+    --open_;
+    unannounced_.erase(connection.number());
+}
+
+void Server::onTurn() {
+    line_.nextTurn();
+    if (line_.empty()) {
+        uv_idle_stop(&goOn_);
+    } else {
+        uv_idle_start(&goOn_, [](uv_idle_t* idle) { serverOf(idle->data)->line_.run(); });
+    }
+}
+
+void Server::Cleaner::work() {
+    while (router_.clearUp(kListensAtOnce)) {
+        if (line_.isOver(kListensAtOnce)) return line_.join(*this);
+    }
 }
 
 void Server::forget(Connection& connection) {
@@ -163,6 +221,8 @@ void Server::closeHandles() {
     platform::blockSignals(endingSignals);
     closeHandle(listener_);
     closeHandle(tick_);
+    closeHandle(turn_);
+    closeHandle(goOn_);
     closeHandle(terminate_);
     closeHandle(interrupt_);
 }

@@ -3,7 +3,9 @@
 #include <uv.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -11,6 +13,7 @@
 #include "rvd/Batch.h"
 #include "rvd/Connection.h"
 #include "rvd/Counters.h"
+#include "rvd/Line.h"
 #include "rvd/Log.h"
 #include "rvd/Options.h"
 #include "rvd/Outbox.h"
@@ -35,7 +38,22 @@ class Server {
     int run();
 
   private:
+    // Clears up after sessions that have left, in slices.
+    class Cleaner : public Worker {
+      public:
+        Cleaner(Router& router, Line& line) : router_(router), line_(line) {}
+        void work() override;
+
+      private:
+        Router& router_;
+        Line& line_;
+    };
+
     void onConnection(int status);
+    void onTurn();
+    bool makeRoom();
+    void warnCrowded(const std::string& what);
+    void onClosed(const Connection& connection);
     void onTick();
     void stop();
     void forget(Connection& connection);
@@ -52,6 +70,8 @@ class Server {
     uv_loop_t loop_{};
     uv_tcp_t listener_{};
     uv_timer_t tick_{};
+    uv_prepare_t turn_{};  // before the loop waits
+    uv_idle_t goOn_{};     // it does not wait: somebody is in the line
     uv_signal_t terminate_{};
     uv_signal_t interrupt_{};
     std::string address_;
@@ -59,8 +79,15 @@ class Server {
     OutboxPool pool_;
     Router router_;
     Batch batch_;
+    Line line_;
+    Cleaner cleaner_{router_, line_};
     const ConnectionContext context_;
     std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_;
+    std::uint64_t accepted_ = 0;
+    std::size_t open_ = 0;                              // of the connections
+    std::map<std::uint64_t, Connection*> unannounced_;  // by number, so the oldest is the first
+    std::size_t mostOpen_ = 0;                          // for which there are descriptors
+    std::optional<platform::Milliseconds> crowdedAt_;   // when the log last said so
     bool stopping_ = false;
     platform::Milliseconds stopBy_ = 0;
 };

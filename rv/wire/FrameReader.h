@@ -42,8 +42,8 @@ struct Frame {
 /// `Close` and `Broken` are final: `next` keeps returning them, and further chunks are ignored.
 class FrameReader {
   public:
-    /// Takes the next bytes of the stream. The previous chunk must be used up, and `chunk` must
-    /// stay valid until `next` returns `None`.
+    /// Takes the next bytes of the stream, which begin with the last chunk's `unread` ones. `chunk`
+    /// must stay valid while `next` is called.
     void feed(Bytes chunk);
 
     /// The next frame in stream order. `bytes` is valid until the following call of `next` or

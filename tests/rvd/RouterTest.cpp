@@ -88,6 +88,21 @@ TEST_F(Routing, CountsListensAndForgetsASessionThatLeavesAndItsEmptySpace) {
     EXPECT_EQ(counters[Counter::SessionsOpen], 0U);
 }
 
+TEST_F(Routing, ClearsUpAfterASessionOfManyListensInSteps) {
+    auto& a = join("a", {});
+    auto& b = join("b", {});
+    for (int i = 0; i < 1000; ++i) listen(a, ("X." + std::to_string(i)).c_str());
+    router.leave(a);
+    EXPECT_EQ(reached(b, "X.7"), "");
+    EXPECT_EQ(counters[Counter::ListensOpen], 0U);
+    router.leave(b);
+    EXPECT_EQ(router.spaces(), 1U);
+    int steps = 1;
+    while (router.clearUp(100)) ++steps;
+    EXPECT_EQ(steps, 11);
+    EXPECT_EQ(router.spaces(), 0U);
+}
+
 TEST_F(Routing, IsUnchangedByAJoinOrAListenWithoutMemory) {
     const auto isDone = [](long news, const auto& step) {
         test::newsBeforeFailure = news;

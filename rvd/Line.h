@@ -1,0 +1,91 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+
+namespace kvx::rvd {
+
+/// Nanoseconds, as of a monotonic clock.
+using Nanoseconds = std::int64_t;
+
+/// Somebody who causes work: a connection, or what a session leaves behind.
+class Worker {
+  public:
+    virtual ~Worker() = default;
+    /// Works until `Line::isOver` or until there is nothing left to do. A worker that is not done
+    /// joins the line again.
+    virtual void work() = 0;
+
+  private:
+    friend class Line;
+    Nanoseconds credit_ = 0;  // what it may still use; below 0: what it has used too much
+    bool isWaiting_ = false;
+    std::list<Worker*>::iterator place_;
+};
+
+/// Shares the time of the loop among those who cause work, so that nobody waits for somebody else.
+///
+/// Who has little to do does it at once, as its bytes come. Who has used up its slice waits in the
+/// line with the rest, and gets a further slice when all before it had one; what a slice took too
+/// much, since the last step was a long one, is paid back from the following ones. Between two runs
+/// of the line the loop serves everybody who is not in it.
+///
+/// Loop thread only. Workers must leave the line before they are destroyed.
+class Line {
+  public:
+    /// Slices of those who want to work at the same time add up to `kRound`, within these bounds.
+    static constexpr Nanoseconds kRound = 4'000'000;
+    static constexpr Nanoseconds kShortest = 50'000;
+    static constexpr Nanoseconds kLongest = 2'000'000;
+    /// The line is left for the loop after so long.
+    static constexpr Nanoseconds kRun = 1'000'000;
+
+    using Clock = Nanoseconds (*)();
+
+    explicit Line(Clock clock) : clock_(clock) {}
+    Line(const Line&) = delete;
+    Line& operator=(const Line&) = delete;
+
+    /// Has `worker` work at once, unless it waits in the line or has to pay back: then it joins.
+    void come(Worker& worker);
+
+    /// Waits for the next slice, behind all others. Once is enough.
+    void join(Worker& worker);
+    void leave(Worker& worker);
+
+    /// Whether the slice of who is working is used up. `steps` says how much was done since the
+    /// last call: the clock is read once in a while.
+    [[nodiscard]] bool isOver(std::size_t steps);
+
+    /// Gives slices in turn until the line is empty or `kRun` has passed.
+    void run();
+
+    /// The loop begins another turn, in which everybody may come once.
+    void nextTurn();
+    /// The number of the present turn.
+    [[nodiscard]] std::uint64_t turn() const { return turn_; }
+
+    [[nodiscard]] bool empty() const { return waiting_.empty(); }
+
+  private:
+    static constexpr std::size_t kStepsPerLook = 16;
+
+    void slice(Worker& worker, Nanoseconds now);
+    [[nodiscard]] Nanoseconds share() const;
+    void payBack();
+
+    const Clock clock_;
+    std::list<Worker*> waiting_;
+    std::uint64_t turn_ = 1;
+    std::size_t cameNow_ = 0;  // workers that came in the present turn
+    std::size_t cameLast_ = 0;
+
+    // Of the present slice.
+    Nanoseconds end_ = 0;
+    std::size_t steps_ = 0;
+    bool isOver_ = false;
+};
+
+}  // namespace kvx::rvd

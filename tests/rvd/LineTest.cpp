@@ -1,0 +1,99 @@
+// Who works next and for how long, on a clock that only work moves.
+
+#include "rvd/Line.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace kvx::rvd {
+namespace {
+
+Nanoseconds now = 0;
+
+// Works in steps of `step`, until its slice is over or its work is done.
+class Job : public Worker {
+  public:
+    Job(Line& line, Nanoseconds step, int steps) : line_(line), step_(step), left(steps) {}
+    ~Job() override { line_.leave(*this); }
+    void work() override {
+        ++slices;
+        while (left > 0 && !line_.isOver(16)) {
+            --left;
+            now += step_;
+        }
+        left > 0 ? line_.join(*this) : void(doneAt = now);
+    }
+
+  private:
+    Line& line_;
+    const Nanoseconds step_;
+
+  public:
+    int left;
+    int slices = 0;
+    Nanoseconds doneAt = 0;
+};
+
+constexpr Nanoseconds kMicrosecond = 1000;
+constexpr Nanoseconds kSecond = 1'000'000'000;
+constexpr int kEndless = 1'000'000'000;
+
+class LineTest : public testing::Test {
+  protected:
+    LineTest() { now = 0; }
+    // One turn of the loop in which these come.
+    void turn(const std::vector<Worker*>& comers) {
+        line_.nextTurn();
+        for (Worker* worker : comers) line_.come(*worker);
+        line_.run();
+    }
+
+    Line line_{[] { return now; }};
+};
+
+TEST_F(LineTest, OneWhoHasLittleToDoWaitsForAFewMillisecondsBesideManyWhoHaveMuch) {
+    std::vector<std::unique_ptr<Job>> greedy;
+    std::vector<Worker*> comers;
+    for (int i = 0; i < 60; ++i) {
+        greedy.push_back(std::make_unique<Job>(line_, 300 * kMicrosecond, kEndless));
+        comers.push_back(greedy.back().get());
+    }
+    for (int i = 0; i < 20; ++i) turn(comers);
+    for (int i = 0; i < 100; ++i) {
+        Job honest(line_, 5 * kMicrosecond, 1);
+        const Nanoseconds came = now;
+        comers.push_back(&honest);
+        turn(comers);
+        comers.pop_back();
+        EXPECT_EQ(honest.slices, 1);
+        EXPECT_LT(honest.doneAt - came, 8'000 * kMicrosecond);
+    }
+}
+
+TEST_F(LineTest, LongStepsArePaidBackSoThatTimeIsShared) {
+    Job shortSteps(line_, 10 * kMicrosecond, kEndless);
+    Job longSteps(line_, 20'000 * kMicrosecond, kEndless);
+    while (now < 10 * kSecond) turn({&shortSteps, &longSteps});
+    const auto used = (kEndless - shortSteps.left) * 10 * kMicrosecond;
+    EXPECT_GT(used, 4 * kSecond);
+    EXPECT_LT(used, 6 * kSecond);
+}
+
+TEST_F(LineTest, WhoeverIsAloneGoesOnThoughItHasOverdrawnAndMayLeaveWhileItWaits) {
+    Job alone(line_, 50'000 * kMicrosecond, 4);
+    turn({&alone});
+    for (int i = 0; i < 4; ++i) turn({});
+    EXPECT_EQ(alone.left, 0);
+    EXPECT_TRUE(line_.empty());
+    EXPECT_EQ(now, 200'000 * kMicrosecond);
+    Job other(line_, 50'000 * kMicrosecond, 4);
+    turn({&other});
+    EXPECT_FALSE(line_.empty());
+    line_.leave(other);
+    EXPECT_TRUE(line_.empty());
+}
+
+}  // namespace
+}  // namespace kvx::rvd
