@@ -51,6 +51,12 @@ std::int64_t wallMilliseconds() noexcept {
     return now;
 }
 
+std::int64_t threadCpuNanoseconds() noexcept {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
 void sleepMs(Milliseconds duration) noexcept {
     if (duration <= 0 || ManualClock::advanceInsteadOfWaiting(duration)) return;
     timespec left{static_cast<time_t>(duration / 1000),

@@ -23,6 +23,9 @@ using Milliseconds = std::int64_t;
 /// thread.
 [[nodiscard]] KVX_API std::int64_t wallMilliseconds() noexcept;
 
+/// Nanoseconds for which a processor has worked for the calling thread.
+[[nodiscard]] KVX_API std::int64_t threadCpuNanoseconds() noexcept;
+
 /// Suspends the calling thread for `duration`; returns at once when it is not positive. Signals do
 /// not shorten it. With a `ManualClock` whose waits advance, steps the clock and returns at once.
 /// Any thread.

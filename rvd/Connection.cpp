@@ -153,18 +153,15 @@ void Connection::keepRest() {
 }
 
 void Connection::work() {
-    writeWaiting();
+    writeWaiting(true);
     takeBytes();
-    context_.batch.end();
-    if (state_ == State::Closed) return;
-    if (arrived_.empty()) rest_ = {};
+    // Else the batch ends after the turns of all in the line: what is routed lies in `rest_`.
+    if (rest_.empty()) context_.batch.end();
+    if (state_ >= State::Failed) return;
     const bool hasMore = !arrived_.empty() || (writingBytes_ == 0 && !outbox_.empty());
-    if (hasMore) {
-        context_.line.join(*this);
-    } else if (!isReading_ && !startReading()) {
-        fail(UV_ENOMEM);
-        context_.batch.end();
-    }
+    if (hasMore) return context_.line.join(*this);
+    endIfDone();
+    if (state_ < State::Failed && !isReading_ && !startReading()) fail(UV_ENOMEM);
 }
 
 void Connection::takeBytes() {
@@ -193,22 +190,31 @@ void Connection::deliver(const PayloadRef& message) {
     context_.batch.add(*this);
 }
 
+// In the turn of another: what a connection in the line has to write waits for its own turn.
 void Connection::flush() {
-    writeWaiting();
     if (state_ == State::Failed) return destroy();
-    if (writingBytes_ > 0) return;
-    if (!outbox_.empty()) return context_.line.join(*this);
+    if (Line::isWaiting(*this)) return;
+    writeWaiting(false);
+    if (state_ == State::Failed) return destroy();
+    if (writingBytes_ == 0 && !outbox_.empty()) return context_.line.join(*this);
+    endIfDone();
+}
+
+void Connection::endIfDone() {
+    if (writingBytes_ > 0 || !outbox_.empty()) return;
     if (state_ == State::Draining) sendFin();
     if (state_ == State::PeerEnded) destroy();
 }
 
-void Connection::writeWaiting() {
+// Until the socket takes no more, or long enough.
+void Connection::writeWaiting(bool isOwnTurn) {
     if (state_ >= State::Failed) return;
     std::size_t written = 0;
-    while (writingBytes_ == 0 && !outbox_.empty() && written < kWriteAtOnce) {
+    while (writingBytes_ == 0 && !outbox_.empty()) {
         const std::size_t some = writeSome();
-        if (some == 0) return;
         written += some;
+        if (some == 0) return;
+        if (isOwnTurn ? context_.line.isOver(Line::kStepsPerLook) : written >= kWriteAtOnce) return;
     }
 }
 
@@ -254,7 +260,7 @@ void Connection::onWritten(int status) {
         fail(status);
     } else {
         outbox_.written(bytes);
-        context_.batch.add(*this);
+        context_.line.come(*this);
     }
     context_.batch.end();
 }
@@ -263,6 +269,7 @@ void Connection::tick() {
     if (state_ == State::Closed) return;
     noteDeliveries();
     logLosses();
+    if (arrived_.empty()) rest_ = {};
     if (state_ == State::Open) return peer_->tick(now());
     if (now() >= endBy_) destroy();
 }

@@ -44,7 +44,7 @@ struct ConnectionContext {
 class Connection final : public PeerActions, public Receiver, public BatchMember, private Worker {
   public:
     /// Bytes that are written to one connection before another one has its turn.
-    static constexpr std::size_t kWriteAtOnce = 256 * 1024;
+    static constexpr std::size_t kWriteAtOnce = 64 * 1024;
     /// Time limit for writing the queue of a closing connection.
     static constexpr platform::Milliseconds kEndingMs = 5'000;
 
@@ -98,8 +98,9 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     void keepRest();
     [[nodiscard]] bool startReading();
     void onWritten(int status);
-    void writeWaiting();
+    void writeWaiting(bool isOwnTurn);
     std::size_t writeSome();
+    void endIfDone();
     void writeFront();
     void sendFin();
     void fail(int status);

@@ -1,5 +1,5 @@
-// Deficit round robin over time. A worker that is not in the line has a whole share at its next
-// step, however often it comes: it cannot save up, and what it overdrew puts it into the line.
+// In the line, deficit round robin over time. Beside it credit that grows with time and is spent by
+// all work: who has some is not delayed by those who work without a pause.
 
 #include "rvd/Line.h"
 
@@ -19,12 +19,18 @@ void Line::nextTurn() {
     cameLast_ = std::exchange(cameNow_, 0);
 }
 
+void Line::addCredit(Worker& worker, Nanoseconds now) {
+    const Nanoseconds since = now - std::exchange(worker.creditAt_, now);
+    worker.credit_ = std::min(worker.credit_ + since / kSpareParts, kBurst);
+}
+
 void Line::come(Worker& worker) {
     if (worker.isWaiting_) return;
     ++cameNow_;
-    worker.credit_ = std::min(worker.credit_ + share(), share());
+    const Nanoseconds now = clock_();
+    addCredit(worker, now);
     if (worker.credit_ <= 0) return join(worker);
-    slice(worker, clock_());
+    slice(worker, std::min(worker.credit_, share()));
 }
 
 void Line::join(Worker& worker) {
@@ -43,23 +49,27 @@ bool Line::isOver(std::size_t steps) {
     steps_ += steps;
     if (isOver_ || steps_ < kStepsPerLook) return isOver_;
     steps_ = 0;
-    isOver_ = clock_() >= end_;
+    isOver_ = used_() >= end_;
     return isOver_;
 }
 
-void Line::slice(Worker& worker, Nanoseconds now) {
-    end_ = now + worker.credit_;
+// Returns the time that it took.
+Nanoseconds Line::slice(Worker& worker, Nanoseconds length) {
+    const Nanoseconds begin = used_();
+    end_ = begin + length;
     steps_ = 0;
     isOver_ = false;
     worker.work();
-    worker.credit_ -= clock_() - now;
+    const Nanoseconds took = used_() - begin;
+    worker.credit_ = std::max(worker.credit_ - took, -kBurst);
+    return took;
 }
 
 // Everybody in the line has overdrawn: the least indebted may go on at once.
 void Line::payBack() {
     Nanoseconds best = std::numeric_limits<Nanoseconds>::min();
-    for (const Worker* worker : waiting_) best = std::max(best, worker->credit_);
-    for (Worker* worker : waiting_) worker->credit_ += share() - best;
+    for (const Worker* worker : waiting_) best = std::max(best, worker->deficit_);
+    for (Worker* worker : waiting_) worker->deficit_ += share() - best;
 }
 
 void Line::run() {
@@ -72,14 +82,15 @@ void Line::run() {
             passed = 0;
         }
         leave(worker);
-        worker.credit_ = std::min(worker.credit_ + share(), share());
-        if (worker.credit_ <= 0) {
+        worker.deficit_ = std::min(worker.deficit_ + share(), share());
+        if (worker.deficit_ <= 0) {
             join(worker);
             ++passed;
             continue;
         }
         passed = 0;
-        slice(worker, now);
+        addCredit(worker, now);
+        worker.deficit_ -= slice(worker, worker.deficit_);
     }
 }
 

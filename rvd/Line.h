@@ -20,35 +20,45 @@ class Worker {
 
   private:
     friend class Line;
-    Nanoseconds credit_ = 0;  // what it may still use; below 0: what it has used too much
+    Nanoseconds credit_ = 0;    // what it may use without waiting in the line
+    Nanoseconds creditAt_ = 0;  // when that was worked out
+    Nanoseconds deficit_ = 0;   // what it has used too much in the line, below 0
     bool isWaiting_ = false;
     std::list<Worker*>::iterator place_;
 };
 
 /// Shares the time of the loop among those who cause work, so that nobody waits for somebody else.
 ///
-/// Who has little to do does it at once, as its bytes come. Who has used up its slice waits in the
-/// line with the rest, and gets a further slice when all before it had one; what a slice took too
-/// much, since the last step was a long one, is paid back from the following ones. Between two runs
-/// of the line the loop serves everybody who is not in it.
+/// Who has used little time of late works at once, as its bytes come, for one slice. All others
+/// wait in the line, where each gets a slice in turn; what a slice took too much, since the last
+/// step was a long one, is paid back from the following ones. Between two runs of the line the loop
+/// serves everybody who is not in it.
 ///
 /// Loop thread only. Workers must leave the line before they are destroyed.
 class Line {
   public:
     /// Slices of those who want to work at the same time add up to `kRound`, within these bounds.
-    static constexpr Nanoseconds kRound = 4'000'000;
-    static constexpr Nanoseconds kShortest = 50'000;
-    static constexpr Nanoseconds kLongest = 2'000'000;
+    static constexpr Nanoseconds kRound = 2'000'000;
+    static constexpr Nanoseconds kShortest = 20'000;
+    static constexpr Nanoseconds kLongest = 500'000;
+    /// Who uses less than one part in so many of all time need not wait in the line, also when it
+    /// comes in bursts of up to `kBurst`.
+    static constexpr Nanoseconds kSpareParts = 20;
+    static constexpr Nanoseconds kBurst = 2'000'000;
     /// The line is left for the loop after so long.
-    static constexpr Nanoseconds kRun = 1'000'000;
+    static constexpr Nanoseconds kRun = 500'000;
+
+    /// Steps between two looks at the clock.
+    static constexpr std::size_t kStepsPerLook = 16;
 
     using Clock = Nanoseconds (*)();
 
-    explicit Line(Clock clock) : clock_(clock) {}
+    /// `used`: the time that the processor has worked for this thread.
+    Line(Clock clock, Clock used) : clock_(clock), used_(used) {}
     Line(const Line&) = delete;
     Line& operator=(const Line&) = delete;
 
-    /// Has `worker` work at once, unless it waits in the line or has to pay back: then it joins.
+    /// Has `worker` work at once, unless it waits in the line or has used too much: then it joins.
     void come(Worker& worker);
 
     /// Waits for the next slice, behind all others. Once is enough.
@@ -67,16 +77,17 @@ class Line {
     /// The number of the present turn.
     [[nodiscard]] std::uint64_t turn() const { return turn_; }
 
+    [[nodiscard]] static bool isWaiting(const Worker& worker) { return worker.isWaiting_; }
     [[nodiscard]] bool empty() const { return waiting_.empty(); }
 
   private:
-    static constexpr std::size_t kStepsPerLook = 16;
-
-    void slice(Worker& worker, Nanoseconds now);
+    Nanoseconds slice(Worker& worker, Nanoseconds length);
+    static void addCredit(Worker& worker, Nanoseconds now);
     [[nodiscard]] Nanoseconds share() const;
     void payBack();
 
     const Clock clock_;
+    const Clock used_;
     std::list<Worker*> waiting_;
     std::uint64_t turn_ = 1;
     std::size_t cameNow_ = 0;  // workers that came in the present turn

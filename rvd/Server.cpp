@@ -60,7 +60,7 @@ Server::Server(const Options& options, const Log& log)
       log_(log),
       pool_(poolLimit()),
       router_(counters_),
-      line_([] { return static_cast<Nanoseconds>(uv_hrtime()); }),
+      line_([] { return static_cast<Nanoseconds>(uv_hrtime()); }, platform::threadCpuNanoseconds),
       context_{loop_,
                log_,
                counters_,
@@ -172,7 +172,11 @@ void Server::onTurn() {
     if (line_.empty()) {
         uv_idle_stop(&goOn_);
     } else {
-        uv_idle_start(&goOn_, [](uv_idle_t* idle) { serverOf(idle->data)->line_.run(); });
+        uv_idle_start(&goOn_, [](uv_idle_t* idle) {
+            Server& server = *serverOf(idle->data);
+            server.line_.run();
+            server.batch_.end();
+        });
     }
 }
 

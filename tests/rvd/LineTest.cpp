@@ -50,7 +50,7 @@ class LineTest : public testing::Test {
         line_.run();
     }
 
-    Line line_{[] { return now; }};
+    Line line_{[] { return now; }, [] { return now; }};
 };
 
 TEST_F(LineTest, OneWhoHasLittleToDoWaitsForAFewMillisecondsBesideManyWhoHaveMuch) {
