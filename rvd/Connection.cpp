@@ -22,6 +22,7 @@
 
 #include "rvd/Connection.h"
 
+#include <algorithm>
 #include <array>
 #include <new>
 
@@ -30,7 +31,8 @@
 namespace kvx::rvd {
 namespace {
 
-constexpr std::size_t kWriteSlices = 512;  // pieces per system call
+constexpr std::size_t kWriteSlices = 512;       // pieces per system call
+constexpr std::size_t kReadBeside = 32 * 1024;  // bytes, while many others work
 constexpr unsigned kLoopbackNet = 127;
 
 uv_buf_t asBuffer(wire::Bytes bytes) {
@@ -121,7 +123,8 @@ uv_buf_t Connection::readBuffer() {
     if (std::exchange(readTurn_, context_.line.turn()) == context_.line.turn()) {
         return uv_buf_init(nullptr, 0);
     }
-    return uv_buf_init(context_.batch.readBuffer(), Batch::kReadBuffer);
+    return uv_buf_init(context_.batch.readBuffer(),
+                       context_.line.isCrowded() ? kReadBeside : Batch::kReadBuffer);
 }
 
 void Connection::onRead(ssize_t count, const char* bytes) {
@@ -184,7 +187,7 @@ bool Connection::mayGoOn() {
 
 void Connection::deliver(const PayloadRef& message) {
     while (outbox_.wouldDrop(message->size()) && state_ < State::Failed && writingBytes_ == 0 &&
-           writeSome() > 0) {
+           writeSome(kWriteAtOnce) > 0) {
     }
     outbox_.pushMessage(message);
     context_.batch.add(*this);
@@ -211,23 +214,26 @@ void Connection::writeWaiting(bool isOwnTurn) {
     if (state_ >= State::Failed) return;
     std::size_t written = 0;
     while (writingBytes_ == 0 && !outbox_.empty()) {
-        const std::size_t some = writeSome();
+        const std::size_t some = writeSome(isOwnTurn ? kWriteAtOnce : kWriteForOthers);
         written += some;
         if (some == 0) return;
-        if (isOwnTurn ? context_.line.isOver(Line::kStepsPerLook) : written >= kWriteAtOnce) return;
+        if (isOwnTurn ? context_.line.isOver(Line::kStepsPerLook) : written >= kWriteForOthers) {
+            return;
+        }
     }
 }
 
 // One system call. Returns the bytes offered when the socket took them all, else 0.
-std::size_t Connection::writeSome() {
+std::size_t Connection::writeSome(std::size_t most) {
     std::array<wire::Bytes, kWriteSlices> slices;
     std::array<uv_buf_t, kWriteSlices> buffers;
     const std::size_t count = outbox_.gather(slices);
     std::size_t used = 0;
     std::size_t offered = 0;
-    while (used < count && offered < kWriteAtOnce) {
-        buffers[used] = asBuffer(slices[used]);
-        offered += slices[used++].size();
+    for (; used < count && offered < most; ++used) {
+        const auto piece = slices[used].first(std::min(slices[used].size(), most - offered));
+        buffers[used] = asBuffer(piece);
+        offered += piece.size();
     }
     if (used == 0) return 0;
     const int result = uv_try_write(stream(), buffers.data(), static_cast<unsigned>(used));
@@ -244,7 +250,8 @@ std::size_t Connection::writeSome() {
 
 // Lets libuv write the first entry as soon as the socket has room.
 void Connection::writeFront() {
-    const wire::Bytes front = outbox_.pinFront();
+    const wire::Bytes whole = outbox_.pinFront();
+    const wire::Bytes front = whole.first(std::min(whole.size(), kWriteAtOnce));
     const uv_buf_t buffer = asBuffer(front);
     const int status = uv_write(&write_, stream(), &buffer, 1, [](uv_write_t* request, int result) {
         connectionOf(request->data)->onWritten(result);

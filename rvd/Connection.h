@@ -43,8 +43,9 @@ struct ConnectionContext {
 /// only.
 class Connection final : public PeerActions, public Receiver, public BatchMember, private Worker {
   public:
-    /// Bytes that are written to one connection before another one has its turn.
-    static constexpr std::size_t kWriteAtOnce = 64 * 1024;
+    /// Bytes written by one system call, and in the turn of another connection.
+    static constexpr std::size_t kWriteAtOnce = 256 * 1024;
+    static constexpr std::size_t kWriteForOthers = 64 * 1024;
     /// Time limit for writing the queue of a closing connection.
     static constexpr platform::Milliseconds kEndingMs = 5'000;
 
@@ -99,7 +100,7 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     [[nodiscard]] bool startReading();
     void onWritten(int status);
     void writeWaiting(bool isOwnTurn);
-    std::size_t writeSome();
+    std::size_t writeSome(std::size_t most);
     void endIfDone();
     void writeFront();
     void sendFin();

@@ -29,7 +29,7 @@ void Line::come(Worker& worker) {
     ++cameNow_;
     const Nanoseconds now = clock_();
     addCredit(worker, now);
-    if (worker.credit_ <= 0) return join(worker);
+    if (worker.credit_ < kEnough) return join(worker);
     slice(worker, std::min(worker.credit_, share()));
 }
 
@@ -61,7 +61,7 @@ Nanoseconds Line::slice(Worker& worker, Nanoseconds length) {
     isOver_ = false;
     worker.work();
     const Nanoseconds took = used_() - begin;
-    worker.credit_ = std::max(worker.credit_ - took, -kBurst);
+    worker.credit_ = std::max(worker.credit_ - took, -kWorstDebt);
     return took;
 }
 

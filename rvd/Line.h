@@ -42,9 +42,12 @@ class Line {
     static constexpr Nanoseconds kShortest = 20'000;
     static constexpr Nanoseconds kLongest = 500'000;
     /// Who uses less than one part in so many of all time need not wait in the line, also when it
-    /// comes in bursts of up to `kBurst`.
+    /// comes in bursts: it may have `kBurst` to its credit, and needs `kEnough`.
     static constexpr Nanoseconds kSpareParts = 20;
     static constexpr Nanoseconds kBurst = 2'000'000;
+    static constexpr Nanoseconds kEnough = kBurst / 2;
+    /// A step that has used more than that is forgiven the rest.
+    static constexpr Nanoseconds kWorstDebt = 100'000'000;
     /// The line is left for the loop after so long.
     static constexpr Nanoseconds kRun = 500'000;
 
@@ -77,10 +80,14 @@ class Line {
     /// The number of the present turn.
     [[nodiscard]] std::uint64_t turn() const { return turn_; }
 
+    /// Whether so many work that each should do little at a time.
+    [[nodiscard]] bool isCrowded() const { return waiting_.size() + cameLast_ > kFew; }
     [[nodiscard]] static bool isWaiting(const Worker& worker) { return worker.isWaiting_; }
     [[nodiscard]] bool empty() const { return waiting_.empty(); }
 
   private:
+    static constexpr std::size_t kFew = 4;
+
     Nanoseconds slice(Worker& worker, Nanoseconds length);
     static void addCredit(Worker& worker, Nanoseconds now);
     [[nodiscard]] Nanoseconds share() const;
