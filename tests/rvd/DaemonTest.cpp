@@ -54,6 +54,30 @@ TEST_F(RunningDaemon, OutlivesClientsThatSendNonsenseOrVanish) {
     good.settle();
 }
 
+TEST_F(RunningDaemon, MakesRoomAtItsLastDescriptorsAndTurnsNobodyAwayWhoHasAnnouncedItself) {
+    ChildProcess crowded("/bin/sh",
+                         {"-c", "ulimit -n 40 && exec \"$0\" -listen tcp:0", KVX_RVD_PROGRAM});
+    const std::string line = crowded.awaitOutput("rvd ready on tcp:");
+    const auto port = static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
+    std::vector<RawClient> sessions;
+    sessions.push_back(RawClient::session(port));
+    std::vector<RawClient> strangers;
+    for (int i = 0; i < 60; ++i) strangers.emplace_back(port);
+    EXPECT_FALSE(crowded.awaitError("descriptors").empty());
+    EXPECT_FALSE(strangers.front().expectClosed()) << "the oldest makes room";
+    try {
+        while (sessions.size() < 60) sessions.push_back(RawClient::session(port));
+    } catch (const std::runtime_error&) {
+        EXPECT_GT(sessions.size(), 10U) << "all have announced themselves: this one is turned away";
+    }
+    EXPECT_LT(sessions.size(), 40U);
+    for (RawClient& session : sessions) session.settle();
+    sessions.clear();
+    strangers.clear();
+    crowded.kill(SIGTERM);
+    EXPECT_FALSE(crowded.awaitError(" connections.refused=").empty());
+}
+
 TEST_F(RunningDaemon, StopsWithACloseNoticeBehindWhatWaitsHoweverOftenItIsToldTo) {
     RawClient client = session();
     RawClient handshaking(daemon.port());
