@@ -88,7 +88,8 @@ void driveTree(const std::vector<std::string>& lines) {
         }
         toggled.isAdded = !toggled.isAdded;
         if (subject->view().hasWildcards()) {
-            tree.matchCovered(*subject, [](Subscription& s) { require(s.isAdded); });
+            tree.match(*subject, kvx::SubjectMatch::kCovered,
+                       [](Subscription& s) { require(s.isAdded); });
             continue;
         }
         std::size_t expected = 0;

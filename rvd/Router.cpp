@@ -2,13 +2,16 @@
 //
 // A space owns its sessions and one subject tree, and exists while it has sessions, also such as
 // have left and still have listens: to undo many at once would take too long. The tree holds
-// one entry per session and subject, however often the listen was made: the session has the count.
+// one entry per session and subject, however often the listen was made: the session has the count,
+// by the number that the tree has given to the subject.
 // A match collects each session once, although several of its listens may match: a session stores
 // the number of the last match that found it.
 
 #include "rvd/Router.h"
 
 #include <iterator>
+#include <limits>
+#include <random>
 
 #include "rv/wire/Limits.h"
 
@@ -18,7 +21,8 @@ struct Router::Space {
     explicit Space(SpaceName spaceName) : name(std::move(spaceName)) {}
 
     const SpaceName name;
-    SubjectTree<Listen> tree;
+    const SubjectHash hash{std::random_device()()};  // of the numbers of subjects
+    SubjectTree<Session> tree;
     Sessions sessions;
     std::size_t left = 0;  // sessions that have left, and still have listens
 };
@@ -27,18 +31,22 @@ namespace {
 
 constexpr std::size_t kFewListens = 64;
 
-std::string keyOf(SubjectView subject) {
-    return {static_cast<const char*>(subject.data()), subject.length()};
-}
-
 std::string_view serviceOrDefault(std::string_view service) {
     return service.empty() ? std::string_view(wire::kDefaultService) : service;
+}
+
+SubjectMatch matchFor(SubjectView subject) {
+    if (subject.hasWildcards()) return SubjectMatch::kCovered;
+    return subject.first() == kInboxElement ? SubjectMatch::kLiteralRoot : SubjectMatch::kAny;
 }
 
 }  // namespace
 
 Router::Router(Counters& counters) : counters_(counters) {}
 Router::~Router() = default;
+
+Router::Session::Session(Space& space, Receiver& receiver)
+    : space_(space), receiver_(&receiver), listens_({space.hash}) {}
 
 bool Router::Session::isIn(std::string_view service, std::string_view network) const {
     return space_.name.first == serviceOrDefault(service) && space_.name.second == network;
@@ -72,8 +80,8 @@ void Router::leave(Session& session) {
 bool Router::clearUp(std::size_t most) {
     for (; most > 0 && !left_.empty(); --most) {
         Session& session = *left_.front();
-        if (!session.listens_.empty()) {
-            undo(session, session.listens_.begin());
+        if (Listen* const listen = session.listens_.any(); listen != nullptr) {
+            undo(session, *listen);
             continue;
         }
         Space& space = session.space_;
@@ -83,59 +91,58 @@ bool Router::clearUp(std::size_t most) {
     return hasLeft();
 }
 
-void Router::undo(Session& session, std::unordered_map<std::string, Listen>::iterator listen) {
-    (void)session.space_.tree.remove(SubjectView::trusted(listen->first.data()), &listen->second);
-    session.listens_.erase(listen);
+void Router::undo(Session& session, Listen& listen) {
+    (void)session.space_.tree.remove(listen.subject, &session);
+    session.listens_.erase(&listen);
+}
+
+Router::Listen* Router::listenOf(const Session& session, SubjectView subject) {
+    const Listen wanted{session.space_.tree.find(subject)};
+    if (wanted.subject == 0) return nullptr;
+    return session.listens_.find(
+        ListenHash{session.space_.hash}(wanted),
+        [wanted](const Listen& listen) { return listen.subject == wanted.subject; });
 }
 
 bool Router::listen(Session& session, SubjectView subject) {
-    std::string key = keyOf(subject);
-    auto found = session.listens_.find(key);
-    if (found == session.listens_.end()) {
+    Listen* const known = listenOf(session, subject);
+    if (known == nullptr) {
         if (session.listens_.size() >= kMaxListens) return false;
-        found = session.listens_.emplace(std::move(key), Listen{&session, 0}).first;
-        try {
-            session.space_.tree.add(subject, &found->second);
-        } catch (...) {
-            session.listens_.erase(found);
-            throw;
-        }
+        session.listens_.makeRoom();
+        session.listens_.insert({session.space_.tree.add(subject, &session), 1});
+    } else if (known->number == std::numeric_limits<std::uint32_t>::max()) {
+        return true;
+    } else {
+        ++known->number;
     }
-    ++found->second.count;
     ++session.listenCount_;
     counters_.add(Counter::ListensOpen);
     return true;
 }
 
 void Router::cancel(Session& session, SubjectView subject) {
-    const auto found = session.listens_.find(keyOf(subject));
-    if (found == session.listens_.end()) return;
+    Listen* const known = listenOf(session, subject);
+    if (known == nullptr) return;
     counters_.subtract(Counter::ListensOpen);
     --session.listenCount_;
-    if (--found->second.count == 0) undo(session, found);
+    if (known->number > 1) {
+        --known->number;
+    } else {
+        undo(session, *known);
+    }
 }
 
 std::span<Receiver* const> Router::match(const Session& from, SubjectView subject) {
     matched_.clear();
     ++matchNumber_;
-    collect(from.space_, subject);
-    return matched_;
-}
-
-void Router::collect(const Space& space, SubjectView subject) {
-    const auto take = [this](const Listen& listen) {
-        Session& session = *listen.session;
+    SubjectTree<Session>::Search search(from.space_.tree, matchFor(subject));
+    std::size_t steps = std::numeric_limits<std::size_t>::max();
+    search.advance(subject, steps, [this](Session& session) {
         if (session.receiver_ == nullptr || session.lastMatch_ == matchNumber_) return;
         session.lastMatch_ = matchNumber_;
         matched_.push_back(session.receiver_);
-    };
-    if (subject.hasWildcards()) {
-        space.tree.matchCovered(subject, take);
-    } else if (subject.first() == kInboxElement) {
-        space.tree.matchLiteralRoot(subject, take);
-    } else {
-        space.tree.match(subject, take);
-    }
+    });
+    return matched_;
 }
 
 }  // namespace kvx::rvd

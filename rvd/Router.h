@@ -7,10 +7,11 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "rv/message/SlotTable.h"
+#include "rv/message/SubjectHash.h"
 #include "rv/message/SubjectTree.h"
 #include "rv/message/SubjectView.h"
 #include "rvd/Counters.h"
@@ -68,17 +69,25 @@ class Router {
     [[nodiscard]] std::size_t spaces() const { return spaces_.size(); }
 
   private:
+    /// How often a session listens to a subject.
     struct Listen {
-        Session* session = nullptr;
-        std::uint32_t count = 0;
+        SubjectTree<Session>::SubjectId subject = 0;
+        std::uint32_t number = 0;  // 0: a free slot of the table
     };
+    struct ListenHash {
+        std::uint32_t operator()(const Listen& listen) const {
+            return SubjectHash::forSlot(hash.ofNumber(listen.subject));
+        }
+        SubjectHash hash;
+    };
+    using Listens = BasicSlotTable<Listen, ListenHash>;
     struct Space;
     using SpaceName = std::pair<std::string, std::string>;
 
     using Sessions = std::list<std::unique_ptr<Session>>;
 
-    void collect(const Space& space, SubjectView subject);
-    void undo(Session& session, std::unordered_map<std::string, Listen>::iterator listen);
+    static Listen* listenOf(const Session& session, SubjectView subject);
+    static void undo(Session& session, Listen& listen);
 
     Counters& counters_;
     std::map<SpaceName, std::unique_ptr<Space>> spaces_;
@@ -95,14 +104,14 @@ class Router::Session {
 
   private:
     friend class Router;
-    Session(Space& space, Receiver& receiver) : space_(space), receiver_(&receiver) {}
+    Session(Space& space, Receiver& receiver);
 
     Space& space_;
     Receiver* receiver_;  // null once it has left
     Sessions::iterator place_;
     std::uint64_t listenCount_ = 0;
     std::uint64_t lastMatch_ = 0;
-    std::unordered_map<std::string, Listen> listens_;  // by encoded subject
+    Listens listens_;
 };
 
 }  // namespace kvx::rvd

@@ -97,6 +97,82 @@ class Scene {
     std::size_t next_ = 0;
 };
 
+// Messages that cost most, matched in turns as the daemon does.
+struct Hostile {
+    const char* name;
+    std::size_t patterns;
+    std::string (*patternOf)(std::size_t i);
+    std::string subject;
+};
+
+std::string repeated(const char* element, unsigned times) {
+    std::string text;
+    for (unsigned i = 0; i < times; ++i) text += element;
+    return text;
+}
+
+// "a" or "*" for each of the lowest bits.
+std::string bitsOf(std::size_t i, unsigned bits) {
+    std::string text;
+    for (unsigned bit = 0; bit < bits; ++bit) text += (i >> bit & 1U) != 0 ? "a." : "*.";
+    return text;
+}
+
+void measureHostile(const Hostile& hostile) {
+    std::vector<Subscription> subscriptions(hostile.patterns);
+    kvx::SubjectTree<Subscription> tree;
+    for (std::size_t i = 0; i < hostile.patterns; ++i) {
+        tree.add(*kvx::Subject::fromText(hostile.patternOf(i).c_str()), &subscriptions[i]);
+    }
+    const kvx::Subject subject = *kvx::Subject::fromText(hostile.subject.c_str());
+    const auto how =
+        subject.view().hasWildcards() ? kvx::SubjectMatch::kCovered : kvx::SubjectMatch::kAny;
+    constexpr std::size_t kTurn = 1000;
+    std::size_t found = 0;
+    std::size_t steps = 0;
+    std::vector<double> turns;
+    for (int round = 0; round < 5; ++round) {
+        kvx::SubjectTree<Subscription>::Search search(tree, how);
+        for (bool isDone = false; !isDone;) {
+            std::size_t left = kTurn;
+            turns.push_back(kvx::bench::timeOnce(
+                {"",
+                 [&](std::size_t) {
+                     isDone = search.advance(subject, left, [&](Subscription&) { ++found; });
+                 }},
+                1));
+            steps += kTurn - left;
+        }
+    }
+    double all = 0;
+    for (const double turn : turns) all += turn;
+    const auto middle = turns.begin() + static_cast<std::ptrdiff_t>(turns.size() / 2);
+    std::nth_element(turns.begin(), middle, turns.end());
+    std::printf("%-44s %8zu %8zu %8zu %10.1f %8.1f\n", hostile.name, hostile.patterns, found / 5,
+                steps / 5, all / 5000, *middle / 1000);
+}
+
+void measureHostileOnes() {
+    const Hostile all[] = {
+        {"\">\" over different patterns", 32'768,
+         [](std::size_t i) { return std::to_string(i) + ".*"; }, ">"},
+        {"*.*.* over literals", 1'000'000,
+         [](std::size_t i) { return "A." + std::to_string(i) + ".B"; }, "*.*.*"},
+        {"a...a over all of a and *", 262'144, [](std::size_t i) { return bitsOf(i, 18) + "a"; },
+         repeated("a.", 18) + "a"},
+        {"a...b over all of a and *, then a", 262'144,
+         [](std::size_t i) { return bitsOf(i, 18) + "a"; }, repeated("a.", 18) + "b"},
+        {"60 elements over *...* and one literal each", 32'768,
+         [](std::size_t i) {
+             return bitsOf(i * 2654435761U, 45) + repeated("*.", 14) + std::to_string(i % 7);
+         },
+         repeated("a.", 59) + "3"},
+    };
+    std::printf("\nThe worst messages, in turns of 1,000 steps.\n\n%-44s %8s %8s %8s %10s %8s\n",
+                "message", "listens", "found", "steps", "us", "us a turn");
+    for (const Hostile& hostile : all) measureHostile(hostile);
+}
+
 }  // namespace
 
 int main() {
@@ -116,5 +192,6 @@ int main() {
         kvx::bench::measure(contestants, kTimes);
         kvx::bench::printRows(std::to_string(count).c_str(), contestants);
     }
+    measureHostileOnes();
     return 0;
 }

@@ -33,6 +33,19 @@ inline std::pair<std::uint64_t, std::uint64_t> wordsOf(const char* text, std::si
     return {at(0) << 16U | at(length / 2) << 8U | at(length - 1), 0};
 }
 
+/// Whether two texts of `length` characters are equal.
+inline bool sameText(const char* a, const char* b, std::size_t length) {
+    if (length <= 16) return wordsOf(a, length) == wordsOf(b, length);
+    const auto differ = [a, b](std::size_t at) {
+        return ((loadWord(a + at) ^ loadWord(b + at)) |
+                (loadWord(a + at + 8) ^ loadWord(b + at + 8))) != 0;
+    };
+    for (std::size_t at = 0; at + 16 < length; at += 16) {
+        if (differ(at)) return false;
+    }
+    return !differ(length - 16);
+}
+
 /// The length of a name and whether it has a full stop, in one pass.
 struct NameShape {
     std::size_t characters = 0;

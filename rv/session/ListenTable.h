@@ -46,12 +46,15 @@ class ListenTable {
     /// table.
     template <class Visit>
     std::size_t match(SubjectView subject, Visit&& visit) const {
-        if (subject.first() == kInboxElement) return tree_.matchExact(subject, visit);
-        if (!subject.hasWildcards()) return tree_.match(subject, visit);
-        return tree_.matchCovered(subject, visit);
+        return tree_.match(subject, matchFor(subject), visit);
     }
 
   private:
+    static SubjectMatch matchFor(SubjectView subject) {
+        if (subject.first() == kInboxElement) return SubjectMatch::kExact;
+        return subject.hasWildcards() ? SubjectMatch::kCovered : SubjectMatch::kAny;
+    }
+
     event::IdTable<ListenRecord> records_;
     SubjectTree<ListenRecord> tree_;
 };

@@ -1,5 +1,8 @@
 #include "rvd/Router.h"
 
+#include <malloc.h>
+
+#include <functional>
 #include <set>
 
 #include "tests/support/FailingNew.h"
@@ -123,6 +126,71 @@ TEST_F(Routing, IsUnchangedByAJoinOrAListenWithoutMemory) {
     for (long news = 0; !isDone(news, listen); ++news) router.cancel(*session, subject);
     EXPECT_EQ(reached(*session, "A.SUBJECT.OF.MORE.THAN.A.FEW.CHARACTERS"), "a");
     EXPECT_EQ(counters[Counter::ListensOpen], 1U);
+}
+
+std::size_t heapBytes() {
+    return mallinfo2().uordblks + mallinfo2().hblkhd;
+}
+
+// The most that a listen may take.
+std::size_t allowedFor(const Subject& subject) {
+    return 4 * std::size_t{26U + subject.view().length()} + 256;
+}
+
+constexpr std::size_t kFirstBlocks = 80'000;  // of a space
+
+// Subjects of which little is shared, of many short elements, and such as need two nodes each.
+TEST_F(Routing, AListenCostsLittleAndIsGivenBackWithItsSession) {
+    std::string elements;
+    for (int i = 0; i < 40; ++i) elements += "a.";
+    const auto bits = [](unsigned i) {
+        std::string text;
+        for (unsigned bit = 1; bit < 4096; bit *= 2) text += (i & bit) != 0 ? "a." : "*.";
+        return text;
+    };
+    using Text = std::function<std::string(unsigned)>;
+    for (const Text& text :
+         {Text([](unsigned i) { return std::to_string(i); }),
+          Text([&](unsigned i) { return elements + std::to_string(i); }),
+          Text([&](unsigned i) { return std::to_string(i) + "." + elements + "*"; }),
+          Text([&](unsigned i) { return bits(i) + std::to_string(i) + ".*"; }),
+          Text([&](unsigned i) { return std::to_string(i / 2) + "." + bits(i % 2) + ">"; })}) {
+        join("a");
+        auto& session = join("b");
+        const std::size_t before = heapBytes();
+        std::size_t allowed = 0;
+        for (unsigned i = 0; i < 4096; ++i) {
+            const auto subject = *Subject::fromText(text(i).c_str());
+            EXPECT_TRUE(router.listen(session, subject));
+            allowed += allowedFor(subject);
+            ASSERT_LE(heapBytes(), before + allowed + kFirstBlocks) << i << ' ' << text(i);
+        }
+        router.leave(session);
+        while (router.clearUp(100)) {
+        }
+        EXPECT_LE(heapBytes(), before + kFirstBlocks) << text(1);
+    }
+}
+
+// Patterns that end within one another, of which only the longest stays.
+TEST_F(Routing, ACancelGivesBackWhatOnlyItsListenNeeded) {
+    auto& session = join("a");
+    const std::size_t before = heapBytes();
+    std::size_t allowed = kFirstBlocks;
+    for (int i = 0; i < 2048; ++i) {
+        std::string text = std::to_string(i);
+        for (int elements = 0; elements < 20; ++elements) {
+            listen(session, (text + ".*").c_str());
+            text += ".a";
+        }
+        listen(session, (text + ".*").c_str());
+        allowed += allowedFor(*Subject::fromText((text + ".*").c_str()));
+        for (; text.find('.') != std::string::npos; text.resize(text.size() - 2)) {
+            cancel(session, (text.substr(0, text.size() - 2) + ".*").c_str());
+        }
+    }
+    EXPECT_LE(heapBytes(), before + allowed);
+    EXPECT_EQ(counters[Counter::ListensOpen], 2048U);
 }
 
 TEST_F(Routing, TakesInboxMessagesOnlyToInboxListensAndNoPlainWildcardToAdvisoryListens) {

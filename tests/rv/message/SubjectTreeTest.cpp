@@ -34,11 +34,12 @@ class SubjectTreeTest : public testing::Test {
     }
 
     // The patterns reached, in order, separated by blanks.
-    std::string reached(const std::string& text) {
-        return collected([&](auto visit) { tree_.match(subject(text), visit); });
-    }
+    std::string reached(const std::string& text) { return reached(text, kvx::SubjectMatch::kAny); }
     std::string reachedByPattern(const std::string& text) {
-        return collected([&](auto visit) { tree_.matchCovered(subject(text), visit); });
+        return reached(text, kvx::SubjectMatch::kCovered);
+    }
+    std::string reached(const std::string& text, kvx::SubjectMatch how) {
+        return collected([&](auto visit) { tree_.match(subject(text), how, visit); });
     }
     template <class Ask>
     static std::string collected(Ask ask) {
@@ -66,15 +67,29 @@ bool matches(const std::string& pattern, const std::string& text) {
     return matches(pattern.substr(pattern_end + 1), text.substr(text_end + 1));
 }
 
+// Whether every subject of `pattern` is one of `text`.
+bool covers(const std::string& text, const std::string& pattern) {
+    const auto text_end = text.find('.');
+    const auto pattern_end = pattern.find('.');
+    const std::string element = text.substr(0, text_end);
+    const std::string other = pattern.substr(0, pattern_end);
+    if (element == ">" && text_end == std::string::npos) return true;
+    if (other == ">" && pattern_end == std::string::npos) return false;
+    if (element != "*" && element != other) return false;
+    if (text_end == std::string::npos || pattern_end == std::string::npos) {
+        return text_end == pattern_end;
+    }
+    return covers(text.substr(text_end + 1), pattern.substr(pattern_end + 1));
+}
+
 }  // namespace
 
 TEST_F(SubjectTreeTest, PlainWildcardsHearReservedSubjectsButNotAtALiteralRoot) {
     listenTo({">", "*.X", "_INBOX.S.>", "_INBOX.S.1", "_INBOX.*.1"});
     EXPECT_EQ(reached("_RV.X"), "> *.X");
-    const auto inbox = subject("_INBOX.S.1");
-    EXPECT_EQ(collected([&](auto visit) { tree_.matchLiteralRoot(inbox, visit); }),
+    EXPECT_EQ(reached("_INBOX.S.1", kvx::SubjectMatch::kLiteralRoot),
               "_INBOX.S.> _INBOX.S.1 _INBOX.*.1");
-    EXPECT_EQ(collected([&](auto visit) { tree_.matchExact(inbox, visit); }), "_INBOX.S.1");
+    EXPECT_EQ(reached("_INBOX.S.1", kvx::SubjectMatch::kExact), "_INBOX.S.1");
 }
 
 TEST_F(SubjectTreeTest, APatternReachesWhatItCovers) {
@@ -172,43 +187,97 @@ TEST_F(SubjectTreeTest, WithoutMemoryAddingChangesNothingAndLeavingWorks) {
     EXPECT_EQ(reachedByPattern(">"), "");
 }
 
-// Random listeners come and go, also during a visit: what leaves before its turn is not visited any
-// more, what comes is not visited yet. Every answer is held against the rules.
-TEST_F(SubjectTreeTest, AgreesWithTheRulesWhileListenersComeAndGo) {
-    std::seed_seq seed{7};
-    std::mt19937 random(seed);
-    const auto anyOf = [&random](const char* elements) {
-        std::string text(1, elements[random() % 5]);
-        for (auto more = random() % 4; more > 0; --more) text += {'.', elements[random() % 5]};
+class RandomListeners : public SubjectTreeTest {
+  protected:
+    std::string anyOf(const std::string& elements) {
+        std::string text(1, elements[random_() % elements.size()]);
+        for (auto more = random_() % 7; more > 0; --more)
+            text += {'.', elements[random_() % elements.size()]};
         return text;
-    };
-    std::vector<Listener*> present;
-    std::vector<const Listener*> due;
-    const auto come = [&] { present.push_back(&listen(anyOf("abc*>"))); };
-    const auto leave = [&](std::size_t which) {
-        const Listener* leaving = present[which];
+    }
+    void come() { present_.push_back(&listen(anyOf("aab**>"))); }
+    void leave(std::size_t which) {
+        const Listener* leaving = present_[which];
         ASSERT_TRUE(cancel(*leaving));
         EXPECT_FALSE(cancel(*leaving));
-        present.erase(present.begin() + static_cast<long>(which));
-        std::erase(due, leaving);
-    };
-    for (int step = 0; step < 800; ++step) {
-        if (present.empty() || random() % 4 < 3) come();
-        if (random() % 2 == 0) leave(random() % present.size());
-        const std::string text = anyOf("abcd>");
-        for (Listener* listener : present)
-            if (matches(listener->pattern, text)) due.push_back(listener);
-        const auto visited = tree_.match(subject(text), [&](const Listener& listener) {
-            ASSERT_FALSE(due.empty()) << text;
-            EXPECT_EQ(&listener, due.front()) << text;
-            due.erase(due.begin());
-            const auto self = std::ranges::find(present, &listener) - present.begin();
-            if (random() % 16 == 0) leave(static_cast<std::size_t>(self));
-            if (random() % 16 == 0 && !present.empty()) leave(random() % present.size());
-            for (auto more = random() % 16; more > 13; --more) come();
-        });
-        ASSERT_TRUE(due.empty()) << text << ": " << visited << " visited";
+        present_.erase(present_.begin() + static_cast<long>(which));
+        std::erase(due_, leaving);
     }
-    while (!present.empty()) leave(0);
+    void comeAndGo() {
+        while (random_() % 4 < 3 || present_.size() < 20) come();
+        while (random_() % 4 < 3 && !present_.empty()) leave(random_() % present_.size());
+    }
+    // Makes those present due that a message on `text` reaches.
+    void expect(const std::string& text, kvx::SubjectMatch how) {
+        const bool isPattern = how == kvx::SubjectMatch::kCovered;
+        for (Listener* listener : present_) {
+            const std::string& pattern = listener->pattern;
+            if (isPattern ? covers(text, pattern) : matches(pattern, text))
+                due_.push_back(listener);
+        }
+    }
+
+    std::mt19937 random_{7};  // NOLINT(cert-msc51-cpp,bugprone-random-generator-seed)
+    std::vector<Listener*> present_;
+    std::vector<const Listener*> due_;
+};
+
+// Random listeners come and go, also during a visit: what leaves before its turn is not visited any
+// more, what comes is not visited yet. Every answer is held against the rules.
+TEST_F(RandomListeners, AreReachedInOrderAsTheRulesSay) {
+    for (int step = 0; step < 1500; ++step) {
+        comeAndGo();
+        const auto how = step % 2 == 0 ? kvx::SubjectMatch::kAny : kvx::SubjectMatch::kCovered;
+        const std::string text = anyOf(step % 2 == 0 ? "abc>" : "ab**>");
+        expect(text, how);
+        const auto visited = tree_.match(subject(text), how, [&](const Listener& listener) {
+            ASSERT_FALSE(due_.empty()) << text;
+            EXPECT_EQ(&listener, due_.front()) << text;
+            due_.erase(due_.begin());
+            const auto self = std::ranges::find(present_, &listener) - present_.begin();
+            if (random_() % 16 == 0) leave(static_cast<std::size_t>(self));
+            if (random_() % 16 == 0) comeAndGo();
+        });
+        ASSERT_TRUE(due_.empty()) << text << ": " << visited << " visited";
+    }
+    while (!present_.empty()) leave(0);
     EXPECT_EQ(tree_.size(), 0U);
+}
+
+// Several searches at once, a few steps each in turn, while listeners come and go between them.
+TEST_F(RandomListeners, AreReachedOnceByASearchInTurns) {
+    struct Running {
+        Running(kvx::SubjectTree<Listener>& tree, std::string subject, kvx::SubjectMatch how)
+            : text(std::move(subject)), search(tree, how) {}
+        std::string text;
+        kvx::SubjectTree<Listener>::Search search;
+        std::vector<const Listener*> due;
+    };
+    std::list<Running> running;
+    for (int step = 0; step < 2000; ++step) {
+        comeAndGo();
+        if (running.size() < 5) {
+            const auto how =
+                random_() % 2 == 0 ? kvx::SubjectMatch::kAny : kvx::SubjectMatch::kCovered;
+            const std::string text = anyOf(how == kvx::SubjectMatch::kAny ? "abc>" : "ab**>");
+            expect(text, how);
+            running.emplace_back(tree_, text, how).due = std::exchange(due_, {});
+        }
+        for (auto at = running.begin(); at != running.end();) {
+            std::erase_if(at->due, [&](const Listener* listener) {
+                return std::ranges::find(present_, listener) == present_.end();
+            });
+            std::size_t steps = random_() % 12;
+            const bool isDone =
+                at->search.advance(subject(at->text), steps, [&](const Listener& listener) {
+                    ASSERT_EQ(std::erase(at->due, &listener), 1U) << at->text;
+                });
+            EXPECT_TRUE(isDone || steps == 0U);
+            ASSERT_TRUE(!isDone || at->due.empty()) << at->text;
+            at = isDone || random_() % 64 == 0 ? running.erase(at) : std::next(at);
+        }
+    }
+    running.clear();
+    while (!present_.empty()) leave(0);
+    EXPECT_EQ(reachedByPattern(">"), "");
 }
