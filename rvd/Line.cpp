@@ -36,13 +36,13 @@ void Line::come(Worker& worker) {
 void Line::join(Worker& worker) {
     if (worker.isWaiting_) return;
     worker.isWaiting_ = true;
-    worker.place_ = waiting_.insert(waiting_.end(), &worker);
+    waiting_.splice(waiting_.end(), worker.self_);
 }
 
 void Line::leave(Worker& worker) {
     if (!worker.isWaiting_) return;
     worker.isWaiting_ = false;
-    waiting_.erase(worker.place_);
+    worker.self_.splice(worker.self_.begin(), waiting_, worker.place_);
 }
 
 bool Line::isOver(std::size_t steps) {

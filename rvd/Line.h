@@ -24,7 +24,9 @@ class Worker {
     Nanoseconds creditAt_ = 0;  // when that was worked out
     Nanoseconds deficit_ = 0;   // what it has used too much in the line, below 0
     bool isWaiting_ = false;
-    std::list<Worker*>::iterator place_;
+    // One element, which is in the line while it waits: joining needs no memory.
+    std::list<Worker*> self_{this};
+    const std::list<Worker*>::iterator place_ = self_.begin();
 };
 
 /// Shares the time of the loop among those who cause work, so that nobody waits for somebody else.

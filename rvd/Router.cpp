@@ -26,6 +26,12 @@ struct Router::Space {
 namespace {
 
 constexpr std::size_t kFewListens = 64;
+// What a listen takes, in the session and in the tree: at most this, whatever its subject.
+std::size_t listenCost(SubjectView subject) {
+    constexpr std::size_t kMessageBytes = 32;  // of a listen message besides the subject
+    constexpr std::size_t kFixed = 256;
+    return 4 * (subject.length() + kMessageBytes) + kFixed;
+}
 
 std::string keyOf(SubjectView subject) {
     return {static_cast<const char*>(subject.data()), subject.length()};
@@ -84,7 +90,9 @@ bool Router::clearUp(std::size_t most) {
 }
 
 void Router::undo(Session& session, std::unordered_map<std::string, Listen>::iterator listen) {
-    (void)session.space_.tree.remove(SubjectView::trusted(listen->first.data()), &listen->second);
+    const SubjectView subject = SubjectView::trusted(listen->first.data());
+    (void)session.space_.tree.remove(subject, &listen->second);
+    session.listenBytes_ -= listenCost(subject);
     session.listens_.erase(listen);
 }
 
@@ -100,6 +108,7 @@ bool Router::listen(Session& session, SubjectView subject) {
             session.listens_.erase(found);
             throw;
         }
+        session.listenBytes_ += listenCost(subject);
     }
     ++found->second.count;
     ++session.listenCount_;
