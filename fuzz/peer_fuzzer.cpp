@@ -22,15 +22,17 @@ using namespace kvx;
 using namespace kvx::rvd;
 
 constexpr std::size_t kQueueLimit = 600;  // bytes: small enough for losses
-constexpr std::uint64_t kPoolLimit = 2'000;
+constexpr std::uint64_t kMemoryLimit = 2'000;
 
 void require(bool condition) {
     if (!condition) std::abort();
 }
 
 // A queue for the messages of its session.
-struct Box final : Receiver, Outbox {
-    using Outbox::Outbox;
+struct Box final : MemoryHolder, Receiver, Outbox {
+    Box(MemoryAccount& account, Counters& counters)
+        : MemoryHolder(account), Outbox(kQueueLimit, *this, counters) {}
+    bool giveUp() override { return dropOldest(LossCause::Memory); }
     void deliver(const PayloadRef& message) override { pushMessage(message); }
 };
 
@@ -59,6 +61,7 @@ class House : public PeerActions {
             if (payload->shared()) payload->keep();
         }
         batch_.clear();
+        account_.relieve();
         check(noisyBox_);
         check(quietBox_);
     }
@@ -113,14 +116,14 @@ class House : public PeerActions {
     static void check(const Outbox& box) {
         const auto& totals = box.totals();
         require(totals.matched == totals.delivered + totals.dropped + box.waitingMessages());
-        require(box.waitingBytes() <= 2 * kQueueLimit);
+        require(box.waitingBytes() <= kQueueLimit);
     }
 
     Counters counters_;
-    OutboxPool pool_{kPoolLimit};
+    MemoryAccount account_{kMemoryLimit};
     Router router_{counters_};
-    Box noisyBox_{kQueueLimit, pool_, counters_};
-    Box quietBox_{kQueueLimit, pool_, counters_};
+    Box noisyBox_{account_, counters_};
+    Box quietBox_{account_, counters_};
     Peer peer_;
     Router::Session* noisy_ = nullptr;
     Router::Session* quiet_ = nullptr;

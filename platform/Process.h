@@ -73,9 +73,6 @@ KVX_API bool sendSignal(unsigned long pid, int signal) noexcept;
 /// `~/.local/state/kvxmom`, created when missing; empty on failure.
 [[nodiscard]] KVX_API std::string stateDirectory();
 
-/// The machine's memory in bytes; 0 when unknown.
-[[nodiscard]] KVX_API std::uint64_t physicalMemoryBytes() noexcept;
-
 /// Raises the process's limit of open descriptors as far as the system allows it. Returns how many
 /// may be opened beside those that are open now.
 [[nodiscard]] KVX_API std::size_t raiseDescriptorLimit();

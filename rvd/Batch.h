@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "rvd/MemoryAccount.h"
 #include "rvd/Payload.h"
 
 namespace kvx::rvd {
@@ -14,9 +15,12 @@ class BatchMember {
     virtual ~BatchMember() = default;
     /// Writes the queued output. May add members to the batch.
     virtual void flush() = 0;
+    /// `flush` has thrown `std::bad_alloc`. May add members to the batch.
+    virtual void outOfMemory() noexcept = 0;
 
   private:
     friend class Batch;
+    BatchMember* next_ = nullptr;
     bool inBatch_ = false;
 };
 
@@ -27,6 +31,9 @@ class BatchMember {
 /// alive until its batch has ended. Loop thread only.
 class Batch {
   public:
+    /// `account` must outlive this object.
+    explicit Batch(MemoryAccount& account) : account_(account) {}
+
     /// Bytes read from one socket at a time.
     static constexpr std::size_t kReadBuffer = 256 * 1024;
 
@@ -34,18 +41,23 @@ class Batch {
     /// copied.
     [[nodiscard]] char* readBuffer() { return readBuffer_.get(); }
 
-    /// Adds a message being routed, which may borrow the read buffer.
+    /// Adds a message being routed, which may borrow the read buffer. Throws `std::bad_alloc`.
     void hold(const PayloadRef& message) { routed_.push_back(message); }
 
-    /// Adds a member with output.
-    void add(BatchMember& member);
+    /// Adds a member with output. Needs no memory.
+    void add(BatchMember& member) noexcept;
 
-    /// Flushes all members, then copies the messages that are still queued.
-    void end();
+    /// Flushes all members, copies the messages that are still queued, and takes from the largest
+    /// holders what is above the limit of memory. Without memory for a copy the message is lost.
+    void end() noexcept;
 
   private:
-    std::vector<BatchMember*> members_;
-    std::vector<BatchMember*> flushing_;  // those being flushed
+    void flushMembers() noexcept;
+    void keepRouted() noexcept;
+
+    MemoryAccount& account_;
+    BatchMember* first_ = nullptr;  // members in the order of adding
+    BatchMember* last_ = nullptr;
     std::vector<PayloadRef> routed_;
     std::unique_ptr<char[]> readBuffer_ = std::make_unique_for_overwrite<char[]>(kReadBuffer);
 };

@@ -34,6 +34,11 @@ namespace {
 constexpr std::size_t kWriteSlices = 512;       // pieces per system call
 constexpr std::size_t kReadBeside = 32 * 1024;  // bytes, while many others work
 constexpr unsigned kLoopbackNet = 127;
+constexpr std::size_t kNameLength = 128;  // characters of a session's name in the log
+
+// Memory of a connection that holds nothing: this object, its peer, an empty queue, and libuv's and
+// the containers' part.
+constexpr std::size_t kConnectionCost = sizeof(Connection) + sizeof(Peer) + 1'024;
 
 uv_buf_t asBuffer(wire::Bytes bytes) {
     auto* base = const_cast<char*>(reinterpret_cast<const char*>(bytes.data()));
@@ -54,12 +59,13 @@ sockaddr_in peerName(const uv_tcp_t& tcp) {
 }  // namespace
 
 Connection::Connection(const ConnectionContext& context, std::uint64_t number)
-    : context_(context),
+    : MemoryHolder(context.account),
+      context_(context),
       number_(number),
-      outbox_(context.queueLimit, context.pool, context.counters) {
-    uv_tcp_init(&context_.loop, &tcp_);
+      outbox_(context.queueLimit, *this, context.counters) {
     tcp_.data = this;
     write_.data = this;
+    charge(Holding::Connection, kConnectionCost);
     context_.counters.add(Counter::ConnectionsOpen);
 }
 
@@ -81,8 +87,37 @@ void Connection::enter(State state) {
     if (state != State::Closed) context_.batch.add(*this);
 }
 
+// No exception may pass libuv, which is C: without memory the connection ends.
+template <class Step>
+void Connection::guard(Step&& step) noexcept {
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+        outOfMemory();
+    }
+}
+
+void Connection::outOfMemory() noexcept {
+    arrived_ = {};
+    if (state_ >= State::Failed) return;
+    enter(State::Failed);
+    outbox_.endsFor(Drop::Memory);
+    context_.counters.add(Counter::ConnectionsEvicted);
+    try {
+        logEnd("no memory");
+    } catch (const std::bad_alloc&) {  // the counter tells
+    }
+}
+
 bool Connection::accept(uv_stream_t* listener) {
+    uv_tcp_init(&context_.loop, &tcp_);
     if (uv_accept(listener, stream()) != 0) return false;
+    bool isStarted = false;
+    guard([&] { isStarted = start(); });
+    return isStarted;
+}
+
+bool Connection::start() {
     uv_tcp_nodelay(&tcp_, 1);
     const sockaddr_in name = peerName(tcp_);
     name_ = platform::dottedAddress(ntohl(name.sin_addr.s_addr)) + ':' +
@@ -96,6 +131,7 @@ bool Connection::accept(uv_stream_t* listener) {
 }
 
 void Connection::refuse(uv_stream_t* listener) {
+    uv_tcp_init(&context_.loop, &tcp_);
     (void)uv_accept(listener, stream());
     destroy();
 }
@@ -129,35 +165,37 @@ uv_buf_t Connection::readBuffer() {
 
 void Connection::onRead(ssize_t count, const char* bytes) {
     if (count == UV_ENOBUFS || count == 0) return;
-    if (count == UV_EOF) {
-        enter(State::PeerEnded);
-    } else if (count < 0) {
-        fail(static_cast<int>(count));
-    } else if (state_ == State::Open) {
-        arrived_ = {reinterpret_cast<const std::uint8_t*>(bytes), static_cast<std::size_t>(count)};
-        context_.line.come(*this);
-        keepRest();
-    }
+    guard([&] {
+        if (count == UV_EOF) {
+            enter(State::PeerEnded);
+        } else if (count < 0) {
+            fail(static_cast<int>(count));
+        } else if (state_ == State::Open) {
+            arrived_ = {reinterpret_cast<const std::uint8_t*>(bytes),
+                        static_cast<std::size_t>(count)};
+            context_.line.come(*this);
+            keepRest();
+        }
+    });
+    chargeIncoming();
     context_.batch.end();
 }
 
 // Keeps what has arrived, which is in the shared buffer, and is not read before it is done.
 void Connection::keepRest() {
     if (arrived_.empty()) return;
-    try {
-        rest_.assign(arrived_.begin(), arrived_.end());
-    } catch (const std::bad_alloc&) {
-        arrived_ = {};
-        return fail(UV_ENOMEM);
-    }
+    rest_.assign(arrived_.begin(), arrived_.end());
     arrived_ = rest_;
     isReading_ = false;
     uv_read_stop(stream());
 }
 
 void Connection::work() {
-    writeWaiting(true);
-    takeBytes();
+    guard([this] {
+        writeWaiting(true);
+        takeBytes();
+    });
+    chargeIncoming();
     // Else the batch ends after the turns of all in the line: what is routed lies in `rest_`.
     if (rest_.empty()) context_.batch.end();
     if (state_ >= State::Failed) return;
@@ -172,13 +210,12 @@ void Connection::takeBytes() {
         arrived_ = {};
         return;
     }
-    try {
-        const std::size_t left = peer_->receive(arrived_, now());
-        arrived_ = arrived_.last(left);
-    } catch (const std::bad_alloc&) {
-        arrived_ = {};
-        fail(UV_ENOMEM);
-    }
+    const std::size_t left = peer_->receive(arrived_, now());
+    arrived_ = arrived_.last(left);
+}
+
+void Connection::chargeIncoming() {
+    setCharge(Holding::Incoming, peer_->claimed() + rest_.capacity());
 }
 
 bool Connection::mayGoOn() {
@@ -186,8 +223,13 @@ bool Connection::mayGoOn() {
 }
 
 void Connection::deliver(const PayloadRef& message) {
-    while (outbox_.wouldDrop(message->size()) && state_ < State::Failed && writingBytes_ == 0 &&
-           writeSome(kWriteAtOnce) > 0) {
+    if (outbox_.wouldDrop(message->size())) {
+        noteWritten();
+        guard([&] {
+            while (outbox_.wouldDrop(message->size()) && state_ < State::Failed &&
+                   writingBytes_ == 0 && writeSome(kWriteAtOnce) > 0) {
+            }
+        });
     }
     outbox_.pushMessage(message);
     context_.batch.add(*this);
@@ -250,7 +292,7 @@ std::size_t Connection::writeSome(std::size_t most) {
 
 // Lets libuv write the first entry as soon as the socket has room.
 void Connection::writeFront() {
-    const wire::Bytes whole = outbox_.pinFront();
+    const wire::Bytes whole = outbox_.pinFront();  // throws
     const wire::Bytes front = whole.first(std::min(whole.size(), kWriteAtOnce));
     const uv_buf_t buffer = asBuffer(front);
     const int status = uv_write(&write_, stream(), &buffer, 1, [](uv_write_t* request, int result) {
@@ -260,43 +302,94 @@ void Connection::writeFront() {
     writingBytes_ = front.size();
 }
 
+// What libuv has written of the first entry so far no longer waits.
+void Connection::noteWritten() {
+    if (writingBytes_ == 0) return;
+    const std::size_t left = std::max<std::size_t>(uv_stream_get_write_queue_size(stream()), 1);
+    outbox_.written(writingBytes_ - left);
+    writingBytes_ = left;
+}
+
 void Connection::onWritten(int status) {
     const std::size_t bytes = std::exchange(writingBytes_, 0);
     if (state_ == State::Closed) return;
-    if (status != 0) {
-        fail(status);
-    } else {
+    guard([&] {
+        if (status != 0) return fail(status);
         outbox_.written(bytes);
         context_.line.come(*this);
-    }
+    });
     context_.batch.end();
 }
 
 void Connection::tick() {
     if (state_ == State::Closed) return;
-    noteDeliveries();
-    logLosses();
-    if (arrived_.empty()) rest_ = {};
-    if (state_ == State::Open) return peer_->tick(now());
-    if (now() >= endBy_) destroy();
+    guard([this] {
+        noteWritten();
+        noteLosses(noteDeliveries());
+        if (arrived_.empty()) rest_ = std::vector<std::uint8_t>();  // `= {}` would keep its memory
+        chargeIncoming();
+        if (state_ == State::Open) peer_->tick(now());
+    });
+    if (state_ != State::Open && now() >= endBy_) destroy();
 }
 
-void Connection::noteDeliveries() {
+// True when it has taken messages since the last tick.
+bool Connection::noteDeliveries() {
     const std::uint64_t delivered = outbox_.totals().delivered;
-    if (delivered != std::exchange(deliveriesSeen_, delivered)) peer_->tookMessages(now());
+    if (delivered == std::exchange(deliveriesSeen_, delivered)) return false;
+    peer_->tookMessages(now());
+    return true;
 }
 
-// At most one line per tick.
-void Connection::logLosses() {
+// One line when messages begin to be dropped, and one when it is over: nothing was dropped since
+// the last tick, and the queue is empty or goes down.
+void Connection::noteLosses(bool hasTaken) {
     const std::uint64_t dropped = outbox_.totals().dropped;
-    if (dropped == lossesLogged_) return;
-    context_.log.warning(name_ + " does not keep up: " + std::to_string(dropped - lossesLogged_) +
-                         " messages dropped, " + std::to_string(dropped) + " in all");
-    lossesLogged_ = dropped;
+    if (dropped != std::exchange(lossesSeen_, dropped)) {
+        if (std::exchange(isBehind_, true)) return;
+        return context_.log.warning(who() + " does not keep up: " +
+                                    std::to_string(dropped - lossesToldOf_) + " messages dropped");
+    }
+    const bool keepsUp = outbox_.waitingMessages() == 0 ||
+                         (hasTaken && outbox_.waitingBytes() <= context_.queueLimit / 2);
+    if (!isBehind_ || !keepsUp) return;
+    isBehind_ = false;
+    context_.log.info(who() + " keeps up again: " +
+                      std::to_string(dropped - std::exchange(lossesToldOf_, dropped)) +
+                      " messages dropped, " + std::to_string(dropped) + " in all");
+}
+
+void Connection::logEnd(const char* reason) {
+    context_.log.warning(who() + " is closed: " + reason + ", " + std::to_string(held()) +
+                         " bytes held, " + std::to_string(outbox_.totals().dropped) +
+                         " messages dropped, " + std::to_string(outbox_.waitingMessages()) +
+                         " waiting");
+}
+
+std::string Connection::who() const {
+    return sessionName_.empty() ? name_ : sessionName_ + " (" + name_ + ')';
 }
 
 void Connection::shutDown() {
-    if (state_ < State::Failed) peer_->shutDown();
+    if (state_ >= State::Failed) return;
+    outbox_.endsFor(Drop::Shutdown);
+    guard([this] { peer_->shutDown(); });
+}
+
+// The oldest message not begun, and when there is none the connection. What it has to say is
+// written only if it is not within a message, which its peer may never take.
+bool Connection::giveUp() {
+    if (outbox_.dropOldest(LossCause::Memory)) return true;
+    if (state_ >= State::Failed) return false;
+    context_.counters.add(Counter::ConnectionsEvicted);
+    outbox_.endsFor(Drop::Memory);
+    guard([this] { logEnd(closeText(CloseReason::OutOfMemory)); });
+    if (state_ != State::Open || outbox_.isWithinEntry()) fail(UV_ENOBUFS);
+    if (state_ == State::Open) outbox_.announceEnd(LossCause::Memory);
+    guard([this] { peer_->evict(); });
+    leaveSession();
+    setCharge(Holding::Incoming, 0);
+    return false;
 }
 
 void Connection::sendFin() {
@@ -307,6 +400,7 @@ void Connection::sendFin() {
 void Connection::leaveSession() {
     if (session_ == nullptr) return;
     context_.router.leave(*std::exchange(session_, nullptr));
+    setCharge(Holding::Listens, 0);
     if (context_.router.hasLeft()) context_.line.join(context_.cleaner);
 }
 
@@ -343,16 +437,25 @@ void Connection::join(std::string_view service, std::string_view network) {
     }
 }
 
+void Connection::named(std::string_view session) {
+    sessionName_ = session.substr(0, kNameLength);
+}
+
 bool Connection::isIn(std::string_view service, std::string_view network) {
     return session_ != nullptr && session_->isIn(service, network);
 }
 
 bool Connection::listen(SubjectView subject) {
-    return session_ == nullptr || context_.router.listen(*session_, subject);
+    if (session_ == nullptr) return true;
+    if (!context_.router.listen(*session_, subject)) return false;
+    setCharge(Holding::Listens, session_->listenBytes());
+    return true;
 }
 
 void Connection::cancel(SubjectView subject) {
-    if (session_ != nullptr) context_.router.cancel(*session_, subject);
+    if (session_ == nullptr) return;
+    context_.router.cancel(*session_, subject);
+    setCharge(Holding::Listens, session_->listenBytes());
 }
 
 void Connection::publish(SubjectView subject, const PayloadRef& message) {
@@ -367,11 +470,11 @@ void Connection::publish(SubjectView subject, const PayloadRef& message) {
 void Connection::close(CloseReason reason) {
     if (reason == CloseReason::TimedOut) context_.counters.add(Counter::ConnectionsTimedOut);
     if (reason != CloseReason::PeerClosed && reason != CloseReason::ShuttingDown &&
-        reason != CloseReason::TimedOut) {
+        reason != CloseReason::TimedOut && reason != CloseReason::OutOfMemory) {
         context_.counters.add(Counter::ConnectionsFailed);
     }
-    context_.log.debug(name_ + " ends: " + closeText(reason));
     enter(State::Draining);
+    context_.log.debug(name_ + " ends: " + closeText(reason));
 }
 
 }  // namespace kvx::rvd

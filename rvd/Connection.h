@@ -24,7 +24,7 @@ struct ConnectionContext {
     uv_loop_t& loop;
     const Log& log;
     Counters& counters;
-    OutboxPool& pool;
+    MemoryAccount& account;
     Router& router;
     Batch& batch;
     Line& line;
@@ -41,7 +41,11 @@ struct ConnectionContext {
 /// Carries out the peer's actions. The queue is written when the batch of one read ends. Who sends
 /// or takes more than fits into a slice goes on in the line, and is not read meanwhile. Loop thread
 /// only.
-class Connection final : public PeerActions, public Receiver, public BatchMember, private Worker {
+class Connection final : private MemoryHolder,
+                         public PeerActions,
+                         public Receiver,
+                         public BatchMember,
+                         private Worker {
   public:
     /// Bytes written by one system call, and in the turn of another connection.
     static constexpr std::size_t kWriteAtOnce = 256 * 1024;
@@ -58,10 +62,12 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     [[nodiscard]] std::uint64_t number() const { return number_; }
 
     /// Accepts the next connection of `listener`. False on failure; call `destroy` in either case
-    /// at the end.
+    /// at the end. Comes first.
     [[nodiscard]] bool accept(uv_stream_t* listener);
     /// Accepts it and does nothing with it.
     void refuse(uv_stream_t* listener);
+
+    [[nodiscard]] std::size_t waitingMessages() const { return outbox_.waitingMessages(); }
 
     void tick();
     /// Ends the connection because the daemon ends.
@@ -69,15 +75,17 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     /// Closes the socket now; `ConnectionContext::gone` follows.
     void destroy();
 
-    // Receiver: writes first when queueing the message would drop another one.
+    // Receiver: writes first when queueing the message would drop another one. Needs no memory.
     void deliver(const PayloadRef& message) override;
 
     // BatchMember
     void flush() override;
+    void outOfMemory() noexcept override;
 
     // PeerActions
     void send(wire::Bytes bytes) override;
     void join(std::string_view service, std::string_view network) override;
+    void named(std::string_view session) override;
     bool isIn(std::string_view service, std::string_view network) override;
     bool listen(SubjectView subject) override;
     void cancel(SubjectView subject) override;
@@ -92,13 +100,21 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     // In the order of their transitions; see the head of Connection.cpp.
     enum class State : std::uint8_t { Open, Draining, FinSent, PeerEnded, Failed, Closed };
 
+    // MemoryHolder
+    bool giveUp() override;
+
+    template <class Step>
+    void guard(Step&& step) noexcept;
+    bool start();
     void enter(State state);
     [[nodiscard]] uv_buf_t readBuffer();
     void onRead(ssize_t count, const char* bytes);
     void takeBytes();
     void keepRest();
+    void chargeIncoming();
     [[nodiscard]] bool startReading();
     void onWritten(int status);
+    void noteWritten();
     void writeWaiting(bool isOwnTurn);
     std::size_t writeSome(std::size_t most);
     void endIfDone();
@@ -106,8 +122,10 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     void sendFin();
     void fail(int status);
     void leaveSession();
-    void noteDeliveries();
-    void logLosses();
+    bool noteDeliveries();
+    void noteLosses(bool hasTaken);
+    void logEnd(const char* reason);
+    [[nodiscard]] std::string who() const;
     [[nodiscard]] PeerAddress peerAddress() const;
     [[nodiscard]] platform::Milliseconds now() const;
     [[nodiscard]] uv_stream_t* stream() { return reinterpret_cast<uv_stream_t*>(&tcp_); }
@@ -128,9 +146,12 @@ class Connection final : public PeerActions, public Receiver, public BatchMember
     std::uint64_t readTurn_ = 0;  // the turn of the last read
     Router::Session* session_ = nullptr;
     std::size_t writingBytes_ = 0;  // bytes of the queue in write_; 0: no write is pending in libuv
-    std::uint64_t lossesLogged_ = 0;
+    std::uint64_t lossesSeen_ = 0;  // up to the last tick
+    std::uint64_t lossesToldOf_ = 0;    // when it kept up last
+    bool isBehind_ = false;             // messages were dropped, and it does not keep up again
     std::uint64_t deliveriesSeen_ = 0;  // of messages, up to the last tick
     std::string name_;                  // "a.b.c.d:port", for the log
+    std::string sessionName_;           // of the init message, or its beginning
 };
 
 }  // namespace kvx::rvd

@@ -13,6 +13,7 @@ constexpr std::array<CounterInfo, static_cast<std::size_t>(Counter::Count)> kTab
     {"connections.timed_out", "connections", "closed because the peer said nothing in time"},
     {"connections.refused", "connections",
      "turned away: no descriptors, and all others are in use"},
+    {"connections.evicted", "connections", "closed because they held most of a full memory"},
     {"sessions.open", "sessions", "connections that have announced a service and a network"},
     {"listens.open", "listens", "listens in force, each counted as often as it was made"},
     {"messages.received", "messages", "data messages taken from peers"},
@@ -23,10 +24,12 @@ constexpr std::array<CounterInfo, static_cast<std::size_t>(Counter::Count)> kTab
     {"messages.matched", "messages", "copies due: one for each session that listened"},
     {"messages.delivered", "messages", "copies written to a session's connection in full"},
     {"bytes.delivered", "bytes", "bytes of those copies"},
-    {"dropped.slow_reader", "messages", "oldest copies dropped: the session's queue was full"},
-    {"dropped.memory", "messages", "oldest copies dropped: all queues together were full"},
-    {"dropped.too_large", "messages", "copies dropped: larger than a session's whole queue"},
-    {"dropped.session_ended", "messages", "copies still waiting when their session ended"},
+    {"messages.waiting", "messages",
+     "copies that wait to be written, when the counters are logged"},
+    {"dropped.queue", "messages", "copies dropped: the session's queue was full, or too small"},
+    {"dropped.memory", "messages", "copies dropped: the daemon's memory was full"},
+    {"dropped.ended", "messages", "copies still waiting when their session ended"},
+    {"dropped.shutdown", "messages", "copies still waiting when the daemon ended"},
     {"loss.notices", "messages", "_RV.WARN.SYSTEM.DATALOSS messages queued for sessions"},
     {"keepalives.sent", "messages", "keepalives sent to silent peers"},
 }};
@@ -38,8 +41,8 @@ std::span<const CounterInfo> counterTable() {
 }
 
 std::uint64_t Counters::dropped() const {
-    return (*this)[Counter::DroppedSlowReader] + (*this)[Counter::DroppedMemory] +
-           (*this)[Counter::DroppedTooLarge] + (*this)[Counter::DroppedSessionEnded];
+    return (*this)[Counter::DroppedQueue] + (*this)[Counter::DroppedMemory] +
+           (*this)[Counter::DroppedEnded] + (*this)[Counter::DroppedShutdown];
 }
 
 void printCounterTable(std::ostream& out) {

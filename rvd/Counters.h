@@ -15,6 +15,7 @@ enum class Counter : std::uint8_t {
     ConnectionsFailed,
     ConnectionsTimedOut,
     ConnectionsRefused,
+    ConnectionsEvicted,
     SessionsOpen,
     ListensOpen,
     MessagesReceived,
@@ -25,10 +26,11 @@ enum class Counter : std::uint8_t {
     MessagesMatched,
     MessagesDelivered,
     BytesDelivered,
-    DroppedSlowReader,
+    MessagesWaiting,
+    DroppedQueue,
     DroppedMemory,
-    DroppedTooLarge,
-    DroppedSessionEnded,
+    DroppedEnded,
+    DroppedShutdown,
     LossNotices,
     KeepalivesSent,
     Count
@@ -48,6 +50,7 @@ class Counters {
   public:
     void add(Counter counter, std::uint64_t amount = 1) { values_[index(counter)] += amount; }
     void subtract(Counter counter, std::uint64_t amount = 1) { values_[index(counter)] -= amount; }
+    void set(Counter counter, std::uint64_t value) { values_[index(counter)] = value; }
     [[nodiscard]] std::uint64_t operator[](Counter counter) const {
         return values_[index(counter)];
     }

@@ -13,13 +13,13 @@ enum class LossCause : std::uint8_t {
     TooLarge = 4     ///< the message is larger than the session's whole queue
 };
 
-/// A session's loss that was not announced yet.
+/// A session's loss that was not announced yet. Without messages: the end of the session.
 struct Loss {
     std::uint64_t messages = 0;
     std::uint64_t bytes = 0;
     std::uint8_t causes = 0;  ///< `LossCause` bits
 
-    [[nodiscard]] bool any() const { return messages != 0; }
+    [[nodiscard]] bool any() const { return causes != 0; }
     void add(std::uint64_t size, LossCause cause) {
         ++messages;
         bytes += size;

@@ -36,27 +36,27 @@ void Line::come(Worker& worker) {
 void Line::join(Worker& worker) {
     if (worker.isWaiting_) return;
     worker.isWaiting_ = true;
-    worker.place_ = waiting_.insert(waiting_.end(), &worker);
+    waiting_.splice(waiting_.end(), worker.self_);
 }
 
 void Line::leave(Worker& worker) {
     if (!worker.isWaiting_) return;
     worker.isWaiting_ = false;
-    waiting_.erase(worker.place_);
+    worker.self_.splice(worker.self_.begin(), waiting_, worker.place_);
 }
 
 bool Line::isOver(std::size_t steps) {
     steps_ += steps;
     if (isOver_ || steps_ < kStepsPerLook) return isOver_;
     steps_ = 0;
-    isOver_ = used_() >= end_;
+    isOver_ = clock_() >= end_;
     return isOver_;
 }
 
 // Returns the time that it took.
 Nanoseconds Line::slice(Worker& worker, Nanoseconds length) {
     const Nanoseconds begin = used_();
-    end_ = begin + length;
+    end_ = clock_() + length;
     steps_ = 0;
     isOver_ = false;
     worker.work();

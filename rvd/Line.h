@@ -24,7 +24,9 @@ class Worker {
     Nanoseconds creditAt_ = 0;  // when that was worked out
     Nanoseconds deficit_ = 0;   // what it has used too much in the line, below 0
     bool isWaiting_ = false;
-    std::list<Worker*>::iterator place_;
+    // One element, which is in the line while it waits: joining needs no memory.
+    std::list<Worker*> self_{this};
+    const std::list<Worker*>::iterator place_ = self_.begin();
 };
 
 /// Shares the time of the loop among those who cause work, so that nobody waits for somebody else.
@@ -56,7 +58,8 @@ class Line {
 
     using Clock = Nanoseconds (*)();
 
-    /// `used`: the time that the processor has worked for this thread.
+    /// `used`: the time that the processor has worked for this thread, which is what is charged; it
+    /// may be slow to read.
     Line(Clock clock, Clock used) : clock_(clock), used_(used) {}
     Line(const Line&) = delete;
     Line& operator=(const Line&) = delete;

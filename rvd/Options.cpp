@@ -20,10 +20,12 @@ namespace {
 constexpr int kFailureStatus = 1;
 constexpr int kUsageStatus = 2;
 constexpr std::size_t kLongestError = 600;  // bytes
+constexpr const char* kHalf = "half";
 constexpr const char* kVersionLine = "rvd " KVX_VERSION;
 
 // Options with one dash, which the library uses when it starts a daemon.
-constexpr std::array<std::string_view, 3> kOneDash = {"-listen", "-address", "-queue-limit"};
+constexpr std::array<std::string_view, 4> kOneDash = {"-listen", "-address", "-queue-limit",
+                                                      "-memory"};
 
 std::vector<std::string> normalised(int argc, const char* const* argv) {
     std::vector<std::string> reversed;  // the parser takes its arguments from the back
@@ -48,6 +50,7 @@ struct Texts {
     std::string listen = wire::kDefaultDaemon;
     std::string address;
     std::string queueLimit = "64M";
+    std::string memory = kHalf;
     int verbose = 0;
     bool quiet = false;
     bool counters = false;
@@ -64,6 +67,10 @@ void describe(CLI::App& app, Texts& texts) {
     app.add_option("--queue-limit", texts.queueLimit,
                    "Limit of the queue of one session in bytes, with k, M or G (also -queue-limit)")
         ->capture_default_str();
+    app.add_option("--memory", texts.memory,
+                   "Limit of the memory held for all sessions in bytes, with k, M or G, or half of "
+                   "what this process may use (also -memory)")
+        ->capture_default_str();
     app.add_flag("-v,--verbose", texts.verbose, "Log every connection");
     app.add_flag("-q,--quiet", texts.quiet, "Log errors only");
     app.add_flag("--counters", texts.counters, "Print the daemon's counters, and end");
@@ -79,6 +86,12 @@ std::string evaluate(const Texts& texts, Options& options) {
     const auto limit = parseBytes(texts.queueLimit);
     if (!limit) return "'" + texts.queueLimit + "' is no queue limit (a number with k, M or G)";
     options.queueLimit = *limit;
+    if (texts.memory != kHalf) {
+        options.memoryLimit = parseBytes(texts.memory);
+        if (!options.memoryLimit) {
+            return "'" + texts.memory + "' is no limit of memory (a number with k, M or G)";
+        }
+    }
     if (texts.verbose > 0) options.logLevel = LogLevel::Debug;
     if (texts.quiet) options.logLevel = LogLevel::Error;
     return {};

@@ -16,6 +16,8 @@ struct Options {
     std::uint16_t listenPort = 0;              ///< 0 takes a free one
     std::optional<std::uint32_t> hostAddress;  ///< reported to local clients as their address
     std::uint64_t queueLimit = kDefaultQueueLimit;
+    std::optional<std::uint64_t> memoryLimit;  ///< bytes of all sessions; without it half of what
+                                               ///< the process may use
     LogLevel logLevel = LogLevel::Info;
 };
 

@@ -9,115 +9,107 @@
 #include "rvd/Outbox.h"
 
 #include <algorithm>
+#include <new>
 
 namespace kvx::rvd {
 namespace {
 
-// Memory of a waiting message besides its bytes: queue entry, payload record, allocation.
-constexpr std::size_t kEntryCost = 128;
+constexpr std::size_t kControlCost = Outbox::kEntryCost + Payload::kCost;
 
-Counter counterOf(LossCause cause) {
-    switch (cause) {
-        case LossCause::SlowReader:
-            return Counter::DroppedSlowReader;
-        case LossCause::Memory:
+Drop reasonOf(LossCause cause) {
+    return cause == LossCause::Memory ? Drop::Memory : Drop::Queue;
+}
+
+Counter counterOf(Drop reason) {
+    switch (reason) {
+        case Drop::Queue:
+            return Counter::DroppedQueue;
+        case Drop::Memory:
             return Counter::DroppedMemory;
-        case LossCause::TooLarge:
+        case Drop::Shutdown:
+            return Counter::DroppedShutdown;
+        case Drop::Ended:
+        case Drop::Count:
             break;
     }
-    return Counter::DroppedTooLarge;
+    return Counter::DroppedEnded;
 }
 
 }  // namespace
 
-void OutboxPool::shrinkToLimit() {
-    while (used_ > limit_) {
-        const auto largest = std::ranges::max_element(members_, {}, [](const Outbox* box) {
-            return box->canDrop() ? box->waitingBytes_ : 0;
-        });
-        if (largest == members_.end() || !(*largest)->dropOldest(LossCause::Memory)) return;
-    }
-}
-
-Outbox::Outbox(std::size_t limit, OutboxPool& pool, Counters& counters)
-    : limit_(limit), pool_(pool), counters_(counters) {
-    pool_.members_.push_back(this);
-}
+Outbox::Outbox(std::size_t limit, MemoryHolder& holder, Counters& counters)
+    : limit_(limit), holder_(holder), counters_(counters) {}
 
 Outbox::~Outbox() {
-    const std::uint64_t left = waitingMessages();
-    counters_.add(Counter::DroppedSessionEnded, left);
-    pool_.used_ -= waitingBytes_ + left * kEntryCost;
-    std::erase(pool_.members_, this);
-}
-
-std::size_t Outbox::waitingMessages() const {
-    return totals_.matched - totals_.delivered - totals_.dropped;
-}
-
-bool Outbox::inMessage() const {
-    return frontBegun_ && entries_.front().kind == Kind::Message;
-}
-
-bool Outbox::canDrop() const {
-    return waitingMessages() > (inMessage() ? 1U : 0U);
-}
-
-bool Outbox::wouldDrop(std::size_t size) const {
-    return waitingBytes_ - (inMessage() ? sentOfFront_ : 0) + size > limit_;
+    count(endReason_, waitingMessages_);
+    holder_.dischargeShared(waitingBytes_, waitingMessages_ * kEntryCost);
+    holder_.setCharge(Holding::Control, 0);
 }
 
 void Outbox::pushMessage(const PayloadRef& message) {
     const std::size_t size = message->size();
-    const bool fits = size <= limit_;
-    if (fits) entries_.push_back({message, Kind::Message});  // may throw
     ++totals_.matched;
     counters_.add(Counter::MessagesMatched);
-    if (!fits) {
-        recordLoss(size, LossCause::TooLarge);
-        return;
+    if (size > limit_) return recordLoss(size, LossCause::TooLarge);
+    try {
+        entries_.push_back({message, static_cast<std::uint32_t>(size), Kind::Message});
+    } catch (const std::bad_alloc&) {
+        return recordLoss(size, LossCause::Memory);
     }
-    charge(size);
+    addWaiting(*message, size);
     while (wouldDrop(0) && dropOldest(LossCause::SlowReader)) {
     }
-    pool_.shrinkToLimit();
 }
 
 bool Outbox::pushControl(wire::Bytes bytes) {
-    if (controlBytes_ + bytes.size() > kControlLimit) return false;
-    controlBytes_ += bytes.size();
-    entries_.push_back({Payload::copy(bytes), Kind::Control});
+    const std::size_t cost = bytes.size() + kControlCost;
+    if (holder_.held(Holding::Control) + cost > kControlLimit) return false;
+    entries_.push_back(
+        {Payload::copy(bytes), static_cast<std::uint32_t>(bytes.size()), Kind::Control});
+    holder_.charge(Holding::Control, cost);
     return true;
 }
 
-void Outbox::charge(std::size_t size) {
-    waitingBytes_ += size;
-    pool_.used_ += size + kEntryCost;
-}
-
-void Outbox::discharge(std::size_t size) {
-    waitingBytes_ -= size;
-    pool_.used_ -= size + kEntryCost;
+void Outbox::count(Drop reason, std::uint64_t messages) {
+    totals_.dropped += messages;
+    totals_.droppedBy[static_cast<std::size_t>(reason)] += messages;
+    counters_.add(counterOf(reason), messages);
 }
 
 void Outbox::recordLoss(std::size_t size, LossCause cause) {
-    ++totals_.dropped;
-    counters_.add(counterOf(cause));
+    count(reasonOf(cause));
     loss_.add(size, cause);
     if (notice_ == Notice::Current) notice_ = Notice::Stale;
 }
 
-// Drops the oldest message not begun. False when there is none.
-bool Outbox::dropOldest(LossCause cause) {
-    auto oldest = entries_.begin() + (frontBegun_ ? 1 : 0);
-    oldest = std::find_if(oldest, entries_.end(),
-                          [](const Entry& entry) { return entry.kind == Kind::Message; });
-    if (oldest == entries_.end()) return false;
-    const std::size_t size = oldest->payload->size();
-    entries_.erase(oldest);
-    discharge(size);
+void Outbox::announceEnd(LossCause cause) {
+    loss_.causes |= static_cast<std::uint8_t>(cause);
+    if (notice_ == Notice::Current) notice_ = Notice::Stale;
+}
+
+void Outbox::drop(std::size_t position, LossCause cause) {
+    const auto at = entries_.begin() + static_cast<std::ptrdiff_t>(position);
+    const std::size_t size = at->size;
+    entries_.erase(at);
+    removeWaiting(size);
     recordLoss(size, cause);
+}
+
+bool Outbox::dropOldest(LossCause cause) {
+    const auto first = entries_.begin() + (frontBegun_ ? 1 : 0);
+    const auto oldest = std::find_if(
+        first, entries_.end(), [](const Entry& entry) { return entry.kind == Kind::Message; });
+    if (oldest == entries_.end()) return false;
+    drop(static_cast<std::size_t>(oldest - entries_.begin()), cause);
     return true;
+}
+
+// Drops the first messages not begun whose bytes are lost.
+void Outbox::dropLost() {
+    const std::size_t first = frontBegun_ ? 1 : 0;
+    while (first < entries_.size() && entries_[first].payload->isLost()) {
+        drop(first, LossCause::Memory);
+    }
 }
 
 void Outbox::placeNotice() {
@@ -126,19 +118,23 @@ void Outbox::placeNotice() {
     if (notice.empty()) return;
     const auto place = entries_.begin() + (frontBegun_ ? 1 : 0);
     if (notice_ == Notice::Stale) {
+        place->size = static_cast<std::uint32_t>(notice.size());
         place->payload = Payload::own(std::move(notice));
     } else {
-        entries_.insert(place, {Payload::own(std::move(notice)), Kind::Notice});
+        const auto size = static_cast<std::uint32_t>(notice.size());
+        entries_.insert(place, {Payload::own(std::move(notice)), size, Kind::Notice});
         counters_.add(Counter::LossNotices);
     }
     notice_ = Notice::Current;
 }
 
 std::size_t Outbox::gather(std::span<wire::Bytes> out) {
+    dropLost();
     placeNotice();
     std::size_t count = 0;
     std::size_t skip = sentOfFront_;
     for (const Entry& entry : entries_) {
+        if (entry.payload->isLost()) break;  // what is ahead of it is written first
         const wire::Bytes bytes = entry.payload->bytes().subspan(skip);
         skip = 0;
         // Adjacent messages in a chunk are one piece.
@@ -153,8 +149,8 @@ std::size_t Outbox::gather(std::span<wire::Bytes> out) {
 }
 
 wire::Bytes Outbox::pinFront() {
-    beginFront();
     entries_.front().payload->keep();
+    beginFront();
     return entries_.front().payload->bytes().subspan(sentOfFront_);
 }
 
@@ -170,7 +166,7 @@ void Outbox::beginFront() {
 void Outbox::written(std::size_t bytes) {
     while (bytes > 0 && !entries_.empty()) {
         beginFront();
-        const std::size_t left = entries_.front().payload->size() - sentOfFront_;
+        const std::size_t left = entries_.front().size - sentOfFront_;
         if (bytes < left) {
             sentOfFront_ += bytes;
             return;
@@ -181,16 +177,16 @@ void Outbox::written(std::size_t bytes) {
 }
 
 void Outbox::popFront() {
-    const std::size_t size = entries_.front().payload->size();
+    const std::size_t size = entries_.front().size;
     switch (entries_.front().kind) {
         case Kind::Message:
             ++totals_.delivered;
             counters_.add(Counter::MessagesDelivered);
             counters_.add(Counter::BytesDelivered, size);
-            discharge(size);
+            removeWaiting(size);
             break;
         case Kind::Control:
-            controlBytes_ -= size;
+            holder_.discharge(Holding::Control, size + kControlCost);
             break;
         case Kind::Notice:
             break;
@@ -198,6 +194,10 @@ void Outbox::popFront() {
     entries_.pop_front();
     frontBegun_ = false;
     sentOfFront_ = 0;
+    if (isGrown_ && entries_.empty()) {
+        entries_.shrink_to_fit();
+        isGrown_ = false;
+    }
 }
 
 }  // namespace kvx::rvd

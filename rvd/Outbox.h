@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -8,30 +9,18 @@
 
 #include "rvd/Counters.h"
 #include "rvd/DataLoss.h"
+#include "rvd/MemoryAccount.h"
 #include "rvd/Payload.h"
 
 namespace kvx::rvd {
 
-class Outbox;
-
-/// The total of all queues of a daemon. Above `limit`, the queue with most waiting drops its oldest
-/// messages; one that holds only a begun message is passed over. Loop thread only; must outlive its
-/// queues.
-class OutboxPool {
-  public:
-    /// `limit` in bytes of messages and of the daemon's overhead for each.
-    explicit OutboxPool(std::uint64_t limit) : limit_(limit) {}
-
-    [[nodiscard]] std::uint64_t used() const { return used_; }
-    [[nodiscard]] std::uint64_t limit() const { return limit_; }
-
-  private:
-    friend class Outbox;
-    void shrinkToLimit();
-
-    const std::uint64_t limit_;
-    std::uint64_t used_ = 0;
-    std::vector<Outbox*> members_;
+/// What became of the copies that were not delivered.
+enum class Drop : std::uint8_t {
+    Queue,     ///< the session's own bound
+    Memory,    ///< the bound of all memory, or no memory
+    Ended,     ///< the session ended
+    Shutdown,  ///< the daemon ended
+    Count
 };
 
 /// The output queue of one peer: routed messages, which are bounded and may be dropped, and the
@@ -40,34 +29,52 @@ class OutboxPool {
 /// Above the bound the oldest messages are dropped, except one that is partly written. One notice,
 /// ahead of everything not yet begun, announces the loss. For the messages of one peer, at any
 /// time: matched = delivered + dropped + waiting; when the queue is destroyed, waiting messages
-/// count as dropped.
+/// count as dropped. Loop thread only.
 class Outbox {
   public:
     struct Totals {
         std::uint64_t matched = 0;
         std::uint64_t delivered = 0;
-        std::uint64_t dropped = 0;
+        std::uint64_t dropped = 0;  ///< the sum of `droppedBy`
+        std::array<std::uint64_t, static_cast<std::size_t>(Drop::Count)> droppedBy{};
     };
 
-    /// `limit`: bytes of waiting messages. `pool` and `counters` must outlive this object.
-    Outbox(std::size_t limit, OutboxPool& pool, Counters& counters);
+    /// `limit`: bytes of waiting messages. `holder`, which pays for the queue, and `counters` must
+    /// outlive this object.
+    Outbox(std::size_t limit, MemoryHolder& holder, Counters& counters);
     ~Outbox();
     Outbox(const Outbox&) = delete;
     Outbox& operator=(const Outbox&) = delete;
 
-    /// Queues a routed message, dropping the oldest ones above the bound.
+    /// Queues a routed message, dropping the oldest ones above the bound. Without memory the
+    /// message itself is dropped.
     void pushMessage(const PayloadRef& message);
     /// True when `pushMessage` of `size` bytes would drop something.
-    [[nodiscard]] bool wouldDrop(std::size_t size) const;
+    [[nodiscard]] bool wouldDrop(std::size_t size) const {
+        return waitingBytes_ + size > limit_ && waitingBytes() + size > limit_;
+    }
 
     /// Queues bytes of the link itself, which are never dropped. Returns false, and queues nothing,
-    /// when more than `kControlLimit` of them would wait: the peer sends requests without reading.
+    /// when they would take more than `kControlLimit` of memory: the peer sends requests without
+    /// reading. Throws `std::bad_alloc` and changes nothing.
     [[nodiscard]] bool pushControl(wire::Bytes bytes);
+
+    /// Drops the oldest message not begun. False when there is none.
+    bool dropOldest(LossCause cause);
+
+    /// Announces the end of the session for that reason, although no message may have been lost.
+    void announceEnd(LossCause cause);
+
+    /// What still waits when this object is destroyed will be counted as dropped for that reason.
+    void endsFor(Drop reason) { endReason_ = reason; }
 
     [[nodiscard]] bool empty() const { return entries_.empty() && !loss_.any(); }
 
+    /// True while the first entry is partly written, so that nothing can come before its end.
+    [[nodiscard]] bool isWithinEntry() const { return frontBegun_; }
+
     /// Fills `out` with views of the next bytes to write, in order, and returns their number. They
-    /// are valid until the queue changes.
+    /// are valid until the queue changes. Throws `std::bad_alloc` without memory for a notice.
     [[nodiscard]] std::size_t gather(std::span<wire::Bytes> out);
 
     /// Marks the first `bytes` of the queue as written.
@@ -77,14 +84,20 @@ class Outbox {
     /// stay in place until `written` has covered them. The queue must not be empty.
     [[nodiscard]] wire::Bytes pinFront();
 
-    [[nodiscard]] std::size_t waitingMessages() const;
-    [[nodiscard]] std::size_t waitingBytes() const { return waitingBytes_; }
+    [[nodiscard]] std::size_t waitingMessages() const { return waitingMessages_; }
+    /// Bytes of waiting messages without what is written of the first.
+    [[nodiscard]] std::size_t waitingBytes() const {
+        return waitingBytes_ - (inMessage() ? sentOfFront_ : 0);
+    }
     [[nodiscard]] const Totals& totals() const { return totals_; }
 
     static constexpr std::size_t kControlLimit = 64 * 1024;
+    /// Charged for a place in the queue, besides the bytes and the record of the payload.
+    static constexpr std::size_t kEntryCost = 24;
 
   private:
-    friend class OutboxPool;
+    static constexpr std::size_t kGrown = 4'096;  // entries
+
     enum class Kind : std::uint8_t { Message, Control, Notice };
     // The state of the notice at the first place not begun.
     enum class Notice : std::uint8_t {
@@ -94,32 +107,45 @@ class Outbox {
     };
     struct Entry {
         PayloadRef payload;
+        std::uint32_t size;  // of the payload, also when it is lost
         Kind kind;
     };
 
-    bool inMessage() const;  // the front is a message, and begun
-    bool canDrop() const;    // a message not begun waits
-    void charge(std::size_t size);
-    void discharge(std::size_t size);
+    bool inMessage() const { return frontBegun_ && entries_.front().kind == Kind::Message; }
+    void addWaiting(Payload& message, std::size_t size) {
+        message.chargeTo(holder_.account());
+        holder_.chargeShared(size, kEntryCost);
+        waitingBytes_ += size;
+        if (++waitingMessages_ > kGrown) isGrown_ = true;
+    }
+    void removeWaiting(std::size_t size) {
+        holder_.dischargeShared(size, kEntryCost);
+        waitingBytes_ -= size;
+        --waitingMessages_;
+    }
+    void drop(std::size_t position, LossCause cause);
     void recordLoss(std::size_t size, LossCause cause);
-    bool dropOldest(LossCause cause);
+    void count(Drop reason, std::uint64_t messages = 1);
+    void dropLost();
     void placeNotice();
     void beginFront();
     void popFront();
 
     // Constant after construction.
     const std::size_t limit_;
-    OutboxPool& pool_;
+    MemoryHolder& holder_;
     Counters& counters_;
 
     std::deque<Entry> entries_;
     bool frontBegun_ = false;       // the first entry is being written
     std::size_t sentOfFront_ = 0;   // bytes of it that are written
     std::size_t waitingBytes_ = 0;  // of messages, whole ones
-    std::size_t controlBytes_ = 0;
-    Loss loss_;  // not announced yet, or announced by a notice not begun
+    std::uint64_t waitingMessages_ = 0;
+    bool isGrown_ = false;  // entries_ has taken more memory than an idle queue should keep
+    Loss loss_;             // not announced yet, or announced by a notice not begun
     Notice notice_ = Notice::None;
     Totals totals_;
+    Drop endReason_ = Drop::Ended;
 };
 
 }  // namespace kvx::rvd

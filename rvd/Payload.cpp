@@ -4,8 +4,6 @@
 
 #include "rvd/Payload.h"
 
-#include <algorithm>
-
 namespace kvx::rvd {
 
 PayloadRef Payload::borrow(wire::Bytes bytes) {
@@ -28,10 +26,10 @@ PayloadRef Payload::copy(wire::Bytes bytes) {
 }
 
 void Payload::keep() {
-    if (copy_ || !owned_.empty() || bytes_.empty()) return;
-    copy_ = std::make_unique_for_overwrite<std::uint8_t[]>(bytes_.size());
-    std::copy(bytes_.begin(), bytes_.end(), copy_.get());
-    bytes_ = {copy_.get(), bytes_.size()};
+    if (!owned_.empty() || bytes_.empty()) return;
+    owned_.assign(bytes_.begin(), bytes_.end());
+    bytes_ = owned_;
+    if (isCharged()) account_->charge(cost());
 }
 
 }  // namespace kvx::rvd

@@ -1,19 +1,19 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <utility>
 #include <vector>
 
 #include "rv/wire/Limits.h"
+#include "rvd/MemoryAccount.h"
 
 namespace kvx::rvd {
 
 /// One routed message: its bytes exist once, whatever the number of queues that hold it.
 ///
 /// A payload begins as a view of the chunk read from a socket. Most are written before the chunk is
-/// reused; `keep` copies the others, once for all queues. Loop thread only; the count is not
-/// atomic.
+/// reused; `keep` copies the others, once for all queues. The bytes that it owns are charged to an
+/// account once. Loop thread only; the count is not atomic.
 class Payload {
   public:
     /// A view of bytes that are not owned: valid until they change or `keep` is called.
@@ -26,19 +26,40 @@ class Payload {
     [[nodiscard]] wire::Bytes bytes() const { return bytes_; }
     [[nodiscard]] std::size_t size() const { return bytes_.size(); }
 
-    /// Copies the bytes of a borrowed payload, which invalidates views of them.
+    /// Copies the bytes of a borrowed payload, which invalidates views of them. Throws
+    /// `std::bad_alloc` and changes nothing.
     void keep();
+
+    /// Gives up the bytes, which nobody has kept in time. Queues drop it.
+    void lose() { bytes_ = {}; }
+    [[nodiscard]] bool isLost() const { return bytes_.empty(); }
+
+    /// Charges the owned bytes to `account` from now on, which must outlive this object. Once is
+    /// enough.
+    void chargeTo(MemoryAccount& account) {
+        if (account_ != nullptr) return;
+        account_ = &account;
+        if (isCharged()) account.charge(cost());
+    }
+
+    /// Charged with the bytes: this record, and two blocks of the allocator.
+    static constexpr std::size_t kCost = 96;
 
     [[nodiscard]] bool shared() const { return holders_ > 1; }
 
   private:
     friend class PayloadRef;
     Payload() = default;
+    ~Payload() {
+        if (isCharged()) account_->discharge(cost());
+    }
+    [[nodiscard]] bool isCharged() const { return account_ != nullptr && owned_.capacity() != 0; }
+    [[nodiscard]] std::size_t cost() const { return owned_.capacity() + kCost; }
 
     std::uint32_t holders_ = 0;
     wire::Bytes bytes_;
-    std::unique_ptr<std::uint8_t[]> copy_;
     std::vector<std::uint8_t> owned_;
+    MemoryAccount* account_ = nullptr;
 };
 
 /// Holds a payload. Null when default-constructed or moved from.

@@ -44,6 +44,8 @@ const char* closeText(CloseReason reason) {
             return "too many bytes before the init message";
         case CloseReason::TooManyListens:
             return "too many listens";
+        case CloseReason::OutOfMemory:
+            return "it held most of a full memory";
         case CloseReason::TimedOut:
             return "silent for too long";
         case CloseReason::ShuttingDown:
@@ -203,7 +205,9 @@ bool Peer::onInit(Bytes message) {
     } else if (!actions_.isIn(*init.service, *init.network)) {
         return false;
     }
-    if (!init.session) {
+    if (init.session) {
+        actions_.named(*init.session);
+    } else {
         actions_.send(wire::buildReply(address_.ipAddress, address_.ipPort).message.view());
     }
     return true;
@@ -268,15 +272,24 @@ void Peer::checkSilence(Milliseconds now) {
 }
 
 void Peer::shutDown() {
+    closeWithNotice(CloseReason::ShuttingDown);
+}
+
+void Peer::evict() {
+    reader_ = {};
+    closeWithNotice(CloseReason::OutOfMemory);
+}
+
+void Peer::closeWithNotice(CloseReason reason) {
     switch (state_) {
         case PeerState::AwaitInit:
         case PeerState::Open:
             actions_.send(wire::kCloseBlock);
-            return close(CloseReason::ShuttingDown);
+            return close(reason);
         case PeerState::AwaitAnswer:
         case PeerState::AwaitAgreement:
         case PeerState::AwaitBlock:
-            return close(CloseReason::ShuttingDown);
+            return close(reason);
         case PeerState::Closed:
             return;
     }

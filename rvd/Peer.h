@@ -24,6 +24,7 @@ enum class CloseReason : std::uint8_t {
     NoInit,         ///< something other than an init message came first
     TooMuchAtOnce,  ///< too many bytes before the first init message
     TooManyListens,
+    OutOfMemory,  ///< it held most of a full memory
     TimedOut,     ///< no init in time, or silence for too long
     ShuttingDown  ///< the daemon ends
 };
@@ -39,6 +40,8 @@ class PeerActions {
     virtual void send(wire::Bytes bytes) = 0;
     /// Makes the peer a session of this space. Called at most once.
     virtual void join(std::string_view service, std::string_view network) = 0;
+    /// The peer's session has said its name.
+    virtual void named(std::string_view /*session*/) {}
     /// True when the peer's session is in that space.
     virtual bool isIn(std::string_view service, std::string_view network) = 0;
     /// False when the session may not listen to more subjects.
@@ -87,11 +90,18 @@ class Peer {
     /// The daemon ends: sends a close notice once the link is set up.
     void shutDown();
 
+    /// Ends the connection because of the limit of memory, with a close notice once the link is
+    /// set up, and forgets the message being received. `receive` must not be running.
+    void evict();
+
     [[nodiscard]] PeerState state() const { return state_; }
+    /// Bytes of memory held for a message that is not whole.
+    [[nodiscard]] std::size_t claimed() const { return reader_.claimed(); }
 
   private:
     void enter(PeerState state) { state_ = state; }
     void close(CloseReason reason);
+    void closeWithNotice(CloseReason reason);
 
     bool collect(wire::Bytes& chunk, std::size_t size);
     void onAnswer();

@@ -30,6 +30,12 @@ struct Router::Space {
 namespace {
 
 constexpr std::size_t kFewListens = 64;
+// What a listen takes, in the session and in the tree: at most this, whatever its subject.
+std::size_t listenCost(SubjectView subject) {
+    constexpr std::size_t kMessageBytes = 32;  // of a listen message besides the subject
+    constexpr std::size_t kFixed = 256;
+    return 4 * (subject.length() + kMessageBytes) + kFixed;
+}
 
 std::string_view serviceOrDefault(std::string_view service) {
     return service.empty() ? std::string_view(wire::kDefaultService) : service;
@@ -110,6 +116,7 @@ bool Router::listen(Session& session, SubjectView subject) {
         if (session.listens_.size() >= kMaxListens) return false;
         session.listens_.makeRoom();
         session.listens_.insert({session.space_.tree.add(subject, &session), 1});
+        session.listenBytes_ += listenCost(subject);
     } else if (known->number == std::numeric_limits<std::uint32_t>::max()) {
         return true;
     } else {
@@ -128,6 +135,7 @@ void Router::cancel(Session& session, SubjectView subject) {
     if (known->number > 1) {
         --known->number;
     } else {
+        session.listenBytes_ -= listenCost(subject);
         undo(session, *known);
     }
 }

@@ -102,6 +102,9 @@ class Router::Session {
   public:
     [[nodiscard]] bool isIn(std::string_view service, std::string_view network) const;
 
+    /// Memory of its listens in bytes, an upper estimate.
+    [[nodiscard]] std::size_t listenBytes() const { return listenBytes_; }
+
   private:
     friend class Router;
     Session(Space& space, Receiver& receiver);
@@ -111,6 +114,7 @@ class Router::Session {
     Sessions::iterator place_;
     std::uint64_t listenCount_ = 0;
     std::uint64_t lastMatch_ = 0;
+    std::size_t listenBytes_ = 0;
     Listens listens_;
 };
 

@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 #include <string>
 
+#include "platform/Memory.h"
 #include "platform/Process.h"
 #include "platform/Signals.h"
 #include "platform/Socket.h"
@@ -16,22 +18,24 @@ namespace {
 
 constexpr int kBacklog = 511;  // pending connections
 constexpr std::uint64_t kTickMs = 1'000;
-constexpr std::uint64_t kStoppingTickMs = 50;
+constexpr std::uint64_t kSoonMs = 50;                  // while the daemon ends, and without memory
 constexpr platform::Milliseconds kCrowdedMs = 60'000;  // between two lines of the log
 constexpr std::size_t kSpareDescriptors = 8;  // one to turn a newcomer away with, and files
 constexpr std::size_t kListensAtOnce = 64;    // undone between two looks at the clock
 
-// All queues together may hold half of the machine's memory, 1 GiB if that is unknown.
-constexpr std::uint64_t kPoolShare = 2;
-constexpr std::uint64_t kPoolFallback = 1ULL << 30U;
+// All sessions together may hold half of what the process may use, 1 GiB if that is unknown.
+constexpr std::uint64_t kMemoryShare = 2;
+constexpr std::uint64_t kMemoryFallback = 1ULL << 30U;
+constexpr platform::Milliseconds kReturnMs = 4'000;  // between two returns of freed memory
 
 Server* serverOf(const void* data) {
     return static_cast<Server*>(const_cast<void*>(data));
 }
 
-std::uint64_t poolLimit() {
-    const std::uint64_t memory = platform::physicalMemoryBytes();
-    return memory == 0 ? kPoolFallback : memory / kPoolShare;
+std::uint64_t memoryLimit(const Options& options) {
+    if (options.memoryLimit) return *options.memoryLimit;
+    const std::uint64_t available = platform::availableMemoryBytes();
+    return available == 0 ? kMemoryFallback : available / kMemoryShare;
 }
 
 std::uint32_t hostAddressFor(const Options& options) {
@@ -58,13 +62,13 @@ void closeHandle(Handle& handle) {
 Server::Server(const Options& options, const Log& log)
     : options_(options),
       log_(log),
-      pool_(poolLimit()),
+      account_(memoryLimit(options)),
       router_(counters_),
       line_([] { return static_cast<Nanoseconds>(uv_hrtime()); }, platform::threadCpuNanoseconds),
       context_{loop_,
                log_,
                counters_,
-               pool_,
+               account_,
                router_,
                batch_,
                line_,
@@ -81,8 +85,9 @@ Server::Server(const Options& options, const Log& log)
     uv_idle_init(&loop_, &goOn_);
     uv_signal_init(&loop_, &terminate_);
     uv_signal_init(&loop_, &interrupt_);
+    uv_signal_init(&loop_, &report_);
     listener_.data = tick_.data = turn_.data = goOn_.data = terminate_.data = interrupt_.data =
-        this;
+        report_.data = this;
 }
 
 Server::~Server() {
@@ -112,15 +117,23 @@ bool Server::start() {
     address_ = addressText(listener_);
     const std::size_t descriptors = platform::raiseDescriptorLimit();
     mostOpen_ = descriptors > kSpareDescriptors ? descriptors - kSpareDescriptors : 1;
-    uv_timer_start(
-        &tick_, [](uv_timer_t* timer) { serverOf(timer->data)->onTick(); }, kTickMs, kTickMs);
+    startTick(kTickMs);
     uv_prepare_start(&turn_, [](uv_prepare_t* turn) { serverOf(turn->data)->onTurn(); });
     const auto onSignal = [](uv_signal_t* handle, int) { serverOf(handle->data)->stop(); };
     uv_signal_start(&terminate_, onSignal, platform::signal_number::terminate());
+    uv_signal_start(
+        &report_, [](uv_signal_t* handle, int) { serverOf(handle->data)->logCounters(); },
+        platform::signal_number::user1());
     uv_signal_start(&interrupt_, onSignal, platform::signal_number::interrupt());
     log_.info("listening on " + address_ + ", " + std::to_string(options_.queueLimit) +
-              " bytes may wait for one session, " + std::to_string(pool_.limit()) + " for all");
+              " bytes may wait for one session, " + std::to_string(account_.limit()) + " for all");
     return true;
+}
+
+void Server::startTick(std::uint64_t firstMs) {
+    uv_timer_start(
+        &tick_, [](uv_timer_t* timer) { serverOf(timer->data)->onTick(); }, firstMs,
+        stopping_ ? kSoonMs : kTickMs);
 }
 
 int Server::run() {
@@ -130,27 +143,51 @@ int Server::run() {
 }
 
 void Server::onConnection(int status) {
-    auto* const listener = reinterpret_cast<uv_stream_t*>(&listener_);
-    if (status != 0) return warnCrowded(std::string("cannot accept: ") + uv_strerror(status));
-    auto made = std::make_unique<Connection>(context_, ++accepted_);
-    Connection* connection = made.get();
-    connections_.emplace(connection, std::move(made));
-    ++open_;
-    if (open_ > mostOpen_ && !makeRoom()) {
-        counters_.add(Counter::ConnectionsRefused);
-        connection->refuse(listener);
-        return;
+    try {
+        if (status == 0) {
+            acceptNext();
+        } else {
+            warnCrowded(std::string("cannot accept: ") + uv_strerror(status));
+        }
+    } catch (const std::bad_alloc&) {
+        // libuv goes on only when it is accepted.
+        isNewcomerWaiting_ = status == 0;
+        startTick(kSoonMs);
     }
-    unannounced_.emplace(connection->number(), connection);
-    if (!connection->accept(listener)) connection->destroy();
     batch_.end();
 }
 
-// Closes the oldest connection that has not announced itself. False when there is none.
-bool Server::makeRoom() {
-    warnCrowded("all " + std::to_string(mostOpen_) +
-                " connections for which there are descriptors are in use");
-    if (unannounced_.empty()) return false;
+// Throws `std::bad_alloc` when the connection is not accepted.
+void Server::acceptNext() {
+    auto* const listener = reinterpret_cast<uv_stream_t*>(&listener_);
+    auto made = std::make_unique<Connection>(context_, accepted_ + 1);
+    Connection* connection = made.get();
+    const auto place = unannounced_.emplace(connection->number(), connection).first;
+    try {
+        connections_.emplace(connection, std::move(made));
+    } catch (...) {
+        unannounced_.erase(place);
+        throw;
+    }
+    ++accepted_;
+    ++open_;
+    isNewcomerWaiting_ = false;
+    if (open_ > mostOpen_ && !makeRoom()) {
+        counters_.add(Counter::ConnectionsRefused);
+        return connection->refuse(listener);
+    }
+    if (!connection->accept(listener)) connection->destroy();
+}
+
+// Closes the oldest connection that has not announced itself. False when there is none but the
+// newest one.
+bool Server::makeRoom() noexcept {
+    try {
+        warnCrowded("all " + std::to_string(mostOpen_) +
+                    " connections for which there are descriptors are in use");
+    } catch (const std::bad_alloc&) {  // the counters tell
+    }
+    if (unannounced_.size() <= 1) return false;
     unannounced_.begin()->second->destroy();
     return true;
 }
@@ -200,18 +237,24 @@ void Server::onTick() {
             connection->tick();
         }
     }
+    if (isNewcomerWaiting_ && !stopping_) onConnection(0);
     batch_.end();
+    returnMemory();
+}
+
+void Server::returnMemory() {
+    if (now() - returnedAt_ < kReturnMs || !account_.hasFreedMuch()) return;
+    returnedAt_ = now();
+    platform::returnFreedMemory();
 }
 
 void Server::stop() {
     if (stopping_) return;
     stopping_ = true;
     stopBy_ = now() + Connection::kEndingMs;
-    log_.info("stopping, " + std::to_string(connections_.size()) + " connections open");
+    logStop();
     closeHandle(listener_);
-    uv_timer_start(
-        &tick_, [](uv_timer_t* timer) { serverOf(timer->data)->onTick(); }, kStoppingTickMs,
-        kStoppingTickMs);
+    startTick(kSoonMs);
     for (auto& [connection, holder] : connections_) connection->shutDown();
     batch_.end();
     if (connections_.empty()) closeHandles();
@@ -221,7 +264,8 @@ void Server::stop() {
 // exit must not change the exit status.
 void Server::closeHandles() {
     const std::array endingSignals{platform::signal_number::terminate(),
-                                   platform::signal_number::interrupt()};
+                                   platform::signal_number::interrupt(),
+                                   platform::signal_number::user1()};
     platform::blockSignals(endingSignals);
     closeHandle(listener_);
     closeHandle(tick_);
@@ -229,17 +273,32 @@ void Server::closeHandles() {
     closeHandle(goOn_);
     closeHandle(terminate_);
     closeHandle(interrupt_);
+    closeHandle(report_);
 }
 
-void Server::logCounters() const {
-    if (!log_.enabled(LogLevel::Info)) return;
-    std::string line = "counted:";
-    const auto table = counterTable();
-    for (std::size_t i = 0; i < table.size(); ++i) {
-        const std::uint64_t value = counters_[static_cast<Counter>(i)];
-        if (value != 0) line += std::string(" ") + table[i].name + '=' + std::to_string(value);
+void Server::logStop() const noexcept {
+    try {
+        log_.info("stopping, " + std::to_string(connections_.size()) + " connections open");
+    } catch (const std::bad_alloc&) {  // it stops all the same
     }
-    log_.info(line);
+}
+
+void Server::logCounters() noexcept {
+    if (!log_.enabled(LogLevel::Info)) return;
+    std::uint64_t waiting = 0;
+    for (const auto& [connection, holder] : connections_) waiting += connection->waitingMessages();
+    counters_.set(Counter::MessagesWaiting, waiting);
+    try {
+        std::string line = "counted:";
+        const auto table = counterTable();
+        for (std::size_t i = 0; i < table.size(); ++i) {
+            const std::uint64_t value = counters_[static_cast<Counter>(i)];
+            if (value != 0) line += std::string(" ") + table[i].name + '=' + std::to_string(value);
+        }
+        log_.info(line);
+    } catch (const std::bad_alloc&) {
+        return;
+    }
 }
 
 }  // namespace kvx::rvd

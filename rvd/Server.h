@@ -15,8 +15,8 @@
 #include "rvd/Counters.h"
 #include "rvd/Line.h"
 #include "rvd/Log.h"
+#include "rvd/MemoryAccount.h"
 #include "rvd/Options.h"
-#include "rvd/Outbox.h"
 #include "rvd/Router.h"
 
 namespace kvx::rvd {
@@ -34,7 +34,7 @@ class Server {
     [[nodiscard]] bool start();
     /// The listening address, such as "tcp:127.0.0.1:41233", once started.
     [[nodiscard]] const std::string& address() const { return address_; }
-    /// Serves until SIGTERM or SIGINT. Returns the exit status.
+    /// Serves until SIGTERM or SIGINT. Returns the exit status. SIGUSR1 logs the counters.
     int run();
 
   private:
@@ -51,9 +51,12 @@ class Server {
 
     void onConnection(int status);
     void onTurn();
-    bool makeRoom();
+    bool makeRoom() noexcept;
     void warnCrowded(const std::string& what);
     void onClosed(const Connection& connection);
+    void acceptNext();
+    void startTick(std::uint64_t firstMs);
+    void returnMemory();
     void onTick();
     void stop();
     void forget(Connection& connection);
@@ -61,7 +64,8 @@ class Server {
     [[nodiscard]] platform::Milliseconds now() const {
         return static_cast<platform::Milliseconds>(uv_now(&loop_));
     }
-    void logCounters() const;
+    void logStop() const noexcept;
+    void logCounters() noexcept;
 
     // Constant after construction.
     const Options options_;
@@ -74,11 +78,12 @@ class Server {
     uv_idle_t goOn_{};     // it does not wait: somebody is in the line
     uv_signal_t terminate_{};
     uv_signal_t interrupt_{};
+    uv_signal_t report_{};
     std::string address_;
     Counters counters_;
-    OutboxPool pool_;
+    MemoryAccount account_;
     Router router_;
-    Batch batch_;
+    Batch batch_{account_};
     Line line_;
     Cleaner cleaner_{router_, line_};
     const ConnectionContext context_;
@@ -88,6 +93,8 @@ class Server {
     std::map<std::uint64_t, Connection*> unannounced_;  // by number, so the oldest is the first
     std::size_t mostOpen_ = 0;                          // for which there are descriptors
     std::optional<platform::Milliseconds> crowdedAt_;   // when the log last said so
+    bool isNewcomerWaiting_ = false;         // there was no memory to accept a connection
+    platform::Milliseconds returnedAt_ = 0;  // when freed memory was returned to the system
     bool stopping_ = false;
     platform::Milliseconds stopBy_ = 0;
 };

@@ -1,4 +1,5 @@
 #include "platform/File.h"
+#include "platform/Memory.h"
 #include "platform/Signals.h"
 #include "rvd/Log.h"
 #include "rvd/Options.h"
@@ -12,6 +13,7 @@ int main(int argc, char** argv) {
     kvx::platform::reserveStandardStreams();
     // Writing to a closed pipe is an error.
     kvx::platform::ignoreSignal(kvx::platform::signal_number::brokenPipe());
+    kvx::platform::returnLargeBlocks();
     const auto commandLine = kvx::rvd::parseCommandLine(argc, argv);
     if (commandLine.exitStatus) return *commandLine.exitStatus;
 

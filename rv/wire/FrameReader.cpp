@@ -28,10 +28,7 @@ void FrameReader::feed(Bytes chunk) {
 }
 
 Frame FrameReader::next() {
-    if (handedOut_) {
-        partial_.clear();
-        handedOut_ = false;
-    }
+    if (handedOut_) (void)takeAssembled();
     if (end_ != FrameKind::None) return {end_, {}, false};
     return partial_.empty() ? fromChunk() : fromPartial();
 }
@@ -72,7 +69,7 @@ Frame FrameReader::fromPartial() {
 Frame FrameReader::finish(FrameKind kind) {
     end_ = kind;
     chunk_ = {};
-    partial_.clear();
+    partial_ = std::vector<std::uint8_t>();  // `= {}` would keep its memory
     return {kind, {}, false};
 }
 

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "platform/File.h"
+#include "platform/Memory.h"
 #include "platform/Socket.h"
 #include "tests/support/EnvironmentVariable.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -46,7 +47,22 @@ TEST(Processes, KnowThemselves) {
     EXPECT_EQ(programName(0), std::nullopt);
     EXPECT_EQ(programName(~0UL), std::nullopt);
     EXPECT_FALSE(userName().empty());
-    EXPECT_GT(physicalMemoryBytes(), 1U << 24);
+}
+
+TEST(Memory, IsLimitedByTheGroupsOfTheProcessAndThoseAbove) {
+    const TemporaryDirectory root;
+    const auto limit = [&root](const std::string& group, const char* file, const char* text) {
+        std::filesystem::create_directories(root.path() + group);
+        std::ofstream(root.path() + group + '/' + file) << text << '\n';
+    };
+    const std::string membership = "4:cpu,memory:/old/deep\n0::/new/deep\n";
+    EXPECT_EQ(groupMemoryLimit(membership, root.path()), 0U);
+    limit("/new/deep", "memory.max", "max");
+    limit("/new", "memory.max", "5000");
+    EXPECT_EQ(groupMemoryLimit(membership, root.path()), 5000U);
+    limit("/memory/old/deep", "memory.limit_in_bytes", "4000");
+    EXPECT_EQ(groupMemoryLimit(membership, root.path()), 4000U);
+    EXPECT_GT(availableMemoryBytes(), 1U << 24);
 }
 
 TEST(Children, RunWithTheirArgumentsInTheirDirectory) {

@@ -116,6 +116,8 @@ TEST(DaemonProgram, RefusesInvalidCommandLinesAndATakenPort) {
     const std::string taken = "tcp:" + std::to_string(first.port());
     for (const auto& arguments : std::vector<std::vector<std::string>>{{"-listen", "udp:7500"},
                                                                        {"-queue-limit", "many"},
+                                                                       {"-memory", "0"},
+                                                                       {"-memory", ""},
                                                                        {"--no-such-option"},
                                                                        {strange},
                                                                        {"-listen", strange},

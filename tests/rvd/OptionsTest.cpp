@@ -17,19 +17,21 @@ TEST(Options, ListenAddressIsTheLoopbackUnlessAHostIsNamed) {
     }
 }
 
-TEST(Options, AreSpelledWithOneDashOrTwoAndTheQueueLimitTakesSuffixes) {
+TEST(Options, AreSpelledWithOneDashOrTwoAndLimitsTakeSuffixes) {
     for (const auto& [text, bytes] :
          {std::pair{"1", 1ULL}, {"4k", 4096ULL}, {"64M", 64ULL << 20U}, {"2G", 2ULL << 30U}}) {
         EXPECT_EQ(parseBytes(text), bytes);
     }
     for (const char* bad : {"", "0", "k", "4kk", "4x", "-1", "18446744073709551615k"})
         EXPECT_FALSE(parseBytes(bad).has_value()) << bad;
-    const char* line[] = {"rvd", "-listen",  "tcp:1",    "--queue-limit",
-                          "8k",  "-address", "10.0.0.1", "-v"};
-    const CommandLine parsed = parseCommandLine(8, line);
+    const char* line[] = {"rvd",      "-listen",  "tcp:1", "--queue-limit", "8k",
+                          "-address", "10.0.0.1", "-v",    "-memory",       "3M"};
+    const CommandLine parsed = parseCommandLine(10, line);
     ASSERT_FALSE(parsed.exitStatus.has_value());
     EXPECT_EQ(parsed.options.listenPort, 1);
     EXPECT_EQ(parsed.options.queueLimit, 8192U);
+    EXPECT_EQ(parsed.options.memoryLimit, 3U << 20U);
+    EXPECT_EQ(parseCommandLine(1, line).options.memoryLimit, std::nullopt);
     EXPECT_EQ(parsed.options.hostAddress, 0x0A000001U);
     EXPECT_EQ(parsed.options.logLevel, LogLevel::Debug);
 }

@@ -2,6 +2,8 @@
 
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -9,17 +11,22 @@
 #include <vector>
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Ledger.h"
 
 namespace kvx::test {
 
 /// A real `rvd` on a free port of the loopback, ended with this object whatever becomes of the
-/// test. Throws `std::runtime_error` when it does not get ready.
+/// test; at the end it must have accounted for every copy, unless it was killed. Throws
+/// `std::runtime_error` when it does not get ready.
 class Daemon {
   public:
     /// Starts it with these options besides "-listen". Returns when it has said that it is ready.
     explicit Daemon(std::vector<std::string> options = {}) : options_(std::move(options)) {
         start("0");
     }
+    ~Daemon() { end(); }
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
 
     [[nodiscard]] std::uint16_t port() const { return port_; }
     /// "tcp:127.0.0.1:<port>": names a host, so that no client starts a daemon of its own.
@@ -32,7 +39,15 @@ class Daemon {
     /// SIGSTOP: it neither reads nor answers.
     void pause() const { process_->kill(SIGSTOP); }
     /// Waits until it has ended by itself; its exit status.
-    int waitForEnd() { return process_->wait(); }
+    int waitForEnd() {
+        const int status = process_->wait();
+        requireLaw();
+        return status;
+    }
+    /// What it has written on standard error.
+    [[nodiscard]] std::string log() const { return process_->errors(); }
+    /// Waits for a line of the log that has `text`, and returns it; empty when there will be none.
+    std::string awaitLog(const std::string& text) { return process_->awaitError(text); }
     /// SIGKILL: no goodbye to anybody.
     void kill() {
         process_->kill(SIGKILL);
@@ -45,6 +60,21 @@ class Daemon {
     }
 
   private:
+    // Ends the test program: this may run in a destructor.
+    void requireLaw() const {
+        const std::string wrong = brokenLaw(log());
+        if (wrong.empty()) return;
+        std::fprintf(stderr, "%s\n", wrong.c_str());
+        std::abort();
+    }
+    void end() {
+        if (!process_ || !process_->isRunning()) return;
+        process_->kill(SIGCONT);
+        process_->kill(SIGUSR1);
+        awaitLog("counted:");
+        requireLaw();
+        kill();
+    }
     void start(const std::string& port) {
         std::vector<std::string> arguments = {"-listen", "tcp:" + port};
         arguments.insert(arguments.end(), options_.begin(), options_.end());

@@ -109,6 +109,19 @@ TEST(FrameReader, GivesUpAnAssembledMessageWithoutACopy) {
     EXPECT_EQ(reader.next().kind, FrameKind::None);
 }
 
+TEST(FrameReader, KeepsNoMemoryOfAMessageThatNobodyTook) {
+    const Stream sent = message(5000, 7);
+    FrameReader reader;
+    for (int i = 0; i < 2; ++i) {
+        reader.feed(Bytes(sent).first(3000));
+        EXPECT_EQ(reader.next().kind, FrameKind::None);
+        reader.feed(Bytes(sent).subspan(3000));
+        EXPECT_TRUE(reader.next().assembled);
+        EXPECT_EQ(reader.next().kind, FrameKind::None);
+        EXPECT_EQ(reader.claimed(), 0U);
+    }
+}
+
 TEST(FrameReader, ClaimsMemoryOnlyForWhatHasArrived) {
     Stream start = message(100, 1);
     start[0] = 4;  // announces 64 MiB + 100
