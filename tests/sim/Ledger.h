@@ -1,0 +1,96 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kvx::sim {
+
+/// The identity of a message: its sender's session and its place among what that session sent.
+struct MessageId {
+    unsigned sender = 0;
+    unsigned number = 0;
+    auto operator<=>(const MessageId&) const = default;
+
+    [[nodiscard]] std::string text() const;
+    /// Reads the beginning of a payload; a sender of 0 when there is no identity.
+    static MessageId of(std::string_view payload);
+};
+
+/// Whether a listen on `pattern` hears `subject`, which has no wildcards. Written without the
+/// daemon's and the library's matchers, which it checks.
+[[nodiscard]] bool hears(const std::string& pattern, const std::string& subject);
+
+/// What the daemon owes to each connection, and what it paid.
+///
+/// Watches the bytes that the daemon reads and writes. From what it reads follow the messages due
+/// to each session; each that it writes must be due, once, in the order of its sender; what is left
+/// out must be announced as lost, ahead of what follows, oldest first and exactly.
+class Ledger {
+  public:
+    void daemonRead(unsigned link, std::string_view bytes);
+    void daemonWrote(unsigned link, std::string_view bytes);
+    /// The link has ended for the daemon.
+    void left(unsigned link);
+    /// What was read so far is processed: the order of what follows is certain.
+    void daemonHasCaughtUp() { ++epoch_; }
+
+    /// A session has published a message, which its library accepted or not.
+    void sent(MessageId id, bool accepted) { accepted_[id] = accepted; }
+
+    /// Nothing waits anywhere: what is due to a living session has arrived or is announced as lost.
+    void checkCalm() const;
+
+    std::size_t queueLimit = 0;  ///< of the daemon
+
+  private:
+    struct Stream {
+        std::size_t head;  // bytes of the handshake still to come
+        std::string held;
+    };
+    struct Due {
+        MessageId id;
+        bool certain;  // else it depends on what the daemon processed first
+        bool paid = false;
+        bool tooLarge = false;
+    };
+    struct Listens {
+        unsigned count = 0;
+        std::uint64_t since = 0;
+        std::uint64_t endedIn = 0;
+    };
+    struct Session {
+        Stream up{76, {}};
+        Stream down{140, {}};
+        bool joined = false;
+        bool gone = false;
+        std::string space;
+        std::map<std::string, Listens> listens;
+        std::vector<Due> due;
+        std::map<MessageId, std::size_t> places;  // in `due`
+        std::map<unsigned, unsigned> lastPaid;    // by sender
+        std::size_t cursor = 0;                   // entries of `due` before it are paid or skipped
+        std::uint64_t skipped = 0;
+        std::uint64_t announced = 0;
+        bool inexact = false;  // the order of `due` is not certain, or one was too large
+        MessageId lastRead;
+    };
+
+    template <class Visit>
+    static void cut(Stream& stream, std::string_view bytes, Visit visit);
+    void fromClient(unsigned link, Session& session, std::string_view message);
+    void published(unsigned link, Session& from, const std::string& subject, MessageId id,
+                   std::size_t size);
+    void checkArrival(Session& from, MessageId id);
+    void toClient(unsigned link, Session& session, std::string_view message);
+    void pay(unsigned link, Session& session, MessageId id);
+
+    std::map<unsigned, Session> sessions_;  // by link
+    std::map<MessageId, bool> accepted_;
+    std::uint64_t epoch_ = 1;
+};
+
+}  // namespace kvx::sim
