@@ -35,6 +35,12 @@ ListenRecord* ListenTable::find(rv_Listener id) {
     return records_.find(id);
 }
 
+bool ListenTable::setAnnounced(rv_Listener id, bool announced) {
+    ListenRecord* const record = find(id);
+    if (record != nullptr) record->announced = announced;
+    return record != nullptr;
+}
+
 std::optional<ListenRecord> ListenTable::take(rv_Listener id) noexcept {
     ListenRecord* const record = records_.find(id);
     if (record == nullptr) return std::nullopt;
