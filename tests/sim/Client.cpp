@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* kDaemon = "tcp:daemon:7500";
 constexpr unsigned long kRequestMs = 3'000;
-constexpr unsigned long kDispatchMs = 200;
+constexpr unsigned long kDispatchMs = 1'000;
 constexpr std::size_t kMostEars = 8;
 
 const std::vector<std::string> kPatterns = {"a.b", "a.c", "a.b.c", "d",  "q.x", "a.*",
@@ -129,7 +129,7 @@ void Client::obey(const Action& action) {
         case Deed::Publish:
             for (unsigned i = 0; i < action.b; ++i)
                 publish(subjects()[action.a % subjects().size()],
-                        calm_ ? 100 : world->random(world->random.oneIn(10) ? 20'000 : 300));
+                        calm_ ? 100 : world->random(world->random.oneIn(20) ? 10'000 : 300));
             return;
         case Deed::Request:
             return request(subjects()[action.a % subjects().size()]);

@@ -95,8 +95,17 @@ void Ledger::daemonWrote(unsigned link, std::string_view bytes) {
     cut(session.down, bytes, [&](std::string_view message) { toClient(link, session, message); });
 }
 
+// A connection that fails while it is read is not read to the end.
 void Ledger::left(unsigned link) {
     sessions_[link].gone = true;
+    for (auto& [number, session] : sessions_) {
+        for (auto due = session.due.rbegin(); due != session.due.rend(); ++due) {
+            if (due->readIn != epoch_) break;
+            if (due->from != link) continue;
+            due->certain = false;
+            session.inexact = true;
+        }
+    }
 }
 
 void Ledger::fromClient(unsigned link, Session& session, std::string_view message) {
@@ -152,7 +161,7 @@ void Ledger::published(unsigned link, Session& from, const std::string& subject,
         }
         if (!possible) continue;
         session.places[id] = session.due.size();
-        session.due.push_back({id, certain, false, size > queueLimit});
+        session.due.push_back({id, certain, size > queueLimit, link, epoch_});
         if (!certain || size > queueLimit) session.inexact = true;
     }
 }

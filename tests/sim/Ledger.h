@@ -53,9 +53,11 @@ class Ledger {
     };
     struct Due {
         MessageId id;
-        bool certain;  // else it depends on what the daemon processed first
+        bool certain;  // else it depends on what the daemon processed, and in which order
+        bool tooLarge;
+        unsigned from;  // link
+        std::uint64_t readIn;
         bool paid = false;
-        bool tooLarge = false;
     };
     struct Listens {
         unsigned count = 0;

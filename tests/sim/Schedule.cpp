@@ -15,7 +15,7 @@ struct Kind {
 constexpr std::array<Kind, static_cast<std::size_t>(Deed::Count)> kKinds = {{
     {"join", 10},        {"leave", 4},      {"listen", 16},  {"cancel", 8},       {"publish", 30},
     {"request", 8},      {"arm", 8},        {"fail next", 4}, {"sleep", 3},       {"freeze", 4},
-    {"stall up", 3},     {"stall down", 6}, {"cut", 4},      {"refuse", 2},       {"fail daemon", 2},
+    {"stall up", 3},     {"stall down", 6}, {"cut", 4},      {"refuse", 2},       {"fail daemon", 0},
     {"freeze daemon", 2}, {"stop daemon", 1}, {"kill daemon", 2}, {"rest", 1},
 }};
 
@@ -31,7 +31,7 @@ Deed anyDeed(Random& random) {
 }
 
 unsigned amountFor(Deed deed, Random& random) {
-    constexpr std::array<unsigned, 4> kBursts = {1, 3, 20, 100};
+    constexpr std::array<unsigned, 4> kBursts = {1, 3, 10, 60};
     constexpr std::array<unsigned, 4> kPauses = {50, 1'000, 5'000, 30'000};
     constexpr std::array<unsigned, 3> kRests = {20, 200, 700};
     switch (deed) {

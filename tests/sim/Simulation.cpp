@@ -37,8 +37,8 @@ namespace kvx::sim {
 namespace {
 
 constexpr unsigned kRunSeconds = 60;           // of real time
-constexpr Milliseconds kHealMs = 150'000;      // until every client is connected again
-constexpr Milliseconds kEndMs = 60'000;
+constexpr Milliseconds kHealMs = 45'000;       // until every client is connected again
+constexpr Milliseconds kEndMs = 30'000;
 constexpr Milliseconds kRestartMs = 1'500;     // of the daemon
 constexpr std::int64_t kOwnBytes = 1 << 20;    // of the daemon, without clients
 
@@ -80,6 +80,7 @@ class Simulation {
     const Plan plan_;
     Program* daemon_ = nullptr;
     bool daemonEnds_ = false;
+    bool killed_ = false;
     bool gracefully_ = false;
     std::vector<std::unique_ptr<Client>> clients_;
 };
@@ -120,7 +121,7 @@ void Simulation::serve() {
             options.queueLimit = plan_.queueLimit;
             const rvd::Log log(rvd::LogLevel::Info);
             rvd::Server server(options, log);
-            gracefully_ = false;
+            gracefully_ = killed_ = false;
             if (!server.start()) world->fail("the daemon does not start");
             server.run();
         }
@@ -153,9 +154,10 @@ void Simulation::apply(const Action& action) {
             daemon_->frozenUntil = world->now + action.b;
             return;
         case Deed::StopDaemon:
-            gracefully_ = true;
+            gracefully_ = !killed_;
             return raiseInDaemon(SIGTERM);
         case Deed::KillDaemon:
+            killed_ = true;
             gracefully_ = false;
             return killDaemonLoop();
         case Deed::Rest:

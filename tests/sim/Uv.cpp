@@ -124,6 +124,7 @@ void finishClosing(Record& record) {
     }
     const auto closed = record.closed;
     uv_handle_t* handle = record.handle;
+    handle->u.reserved[0] = nullptr;
     std::erase_if(records, [&](const auto& r) { return r.get() == &record; });
     const Charge daemon(daemonAccount);
     if (closed != nullptr) closed(handle);
@@ -329,8 +330,7 @@ void uv_close(uv_handle_t* handle, uv_close_cb closed) {
         world->network.close(std::exchange(record.socket, kvx::platform::kNoSocket));
 }
 int uv_is_closing(const uv_handle_t* handle) {
-    // A handle whose closing is complete is not asked.
-    return recordOf(handle).closing ? 1 : 0;
+    return handle->u.reserved[0] == nullptr || recordOf(handle).closing ? 1 : 0;
 }
 
 int uv_timer_init(uv_loop_t* loop, uv_timer_t* handle) {
