@@ -18,9 +18,15 @@ constexpr const char* kDaemon = "tcp:daemon:7500";
 constexpr unsigned long kRequestMs = 3'000;
 constexpr unsigned long kDispatchMs = 1'000;
 constexpr std::size_t kMostEars = 8;
+constexpr std::size_t kMostMarkBytes = 5'000;
 
-const std::vector<std::string> kPatterns = {"a.b", "a.c", "a.b.c", "d",  "q.x", "a.*",
-                                            "a.>", "*.b", ">",     "*",  "*.*", "a.*.c"};
+const std::vector<std::string> kPatterns = {"a.b", "a.c", "a.b.c", "d", "q.x", "a.*",
+                                            "a.>", "*.b", ">",     "*", "*.*", "a.*.c"};
+
+// Two of them do not fill a queue.
+std::size_t markSize() {
+    return world->random(std::min(world->ledger.queueLimit / 4, kMostMarkBytes));
+}
 
 unsigned nextSender() {
     static unsigned last = 0;
@@ -129,7 +135,7 @@ void Client::obey(const Action& action) {
         case Deed::Publish:
             for (unsigned i = 0; i < action.b; ++i)
                 publish(subjects()[action.a % subjects().size()],
-                        calm_ ? 100 : world->random(world->random.oneIn(20) ? 10'000 : 300));
+                        calm_ ? markSize() : world->random(world->random.oneIn(20) ? 10'000 : 300));
             return;
         case Deed::Request:
             return request(subjects()[action.a % subjects().size()]);

@@ -64,7 +64,9 @@ class Client {
     };
     [[nodiscard]] const std::vector<Mark>& marks() const { return marks_; }
     /// The answers to the last request.
-    [[nodiscard]] std::size_t answers() const { return asking_ == nullptr ? 0 : asking_->heard.size(); }
+    [[nodiscard]] std::size_t answers() const {
+        return asking_ == nullptr ? 0 : asking_->heard.size();
+    }
     void beginCalm();
 
   private:
@@ -97,8 +99,8 @@ class Client {
 
     rvevm_Manager manager_ = nullptr;
     std::optional<RvSession> session_;
-    unsigned sender_ = 0;   // the identity of the session's messages
-    unsigned number_ = 0;   // of its last message
+    unsigned sender_ = 0;                // the identity of the session's messages
+    unsigned number_ = 0;                // of its last message
     std::map<unsigned, unsigned> last_;  // of the session, by sender
     std::vector<std::unique_ptr<Ear>> ears_;
     Ear* asking_ = nullptr;

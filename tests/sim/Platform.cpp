@@ -18,6 +18,7 @@ namespace {
 
 constexpr std::int64_t kEpoch = 1'700'000'000;  // seconds: when the world begins
 constexpr std::uint32_t kDaemonHost = 0x0A000001;
+constexpr std::size_t kDescriptors = 1'000;
 
 unsigned readinessOf(SocketHandle socket, unsigned interest) {
     unsigned ready = 0;
@@ -116,6 +117,12 @@ Started startDaemon(const Program& /*program*/, const std::string& /*logName*/) 
 }
 std::uint64_t physicalMemoryBytes() noexcept {
     return world->machineMemory;
+}
+std::size_t raiseDescriptorLimit() {
+    return kDescriptors;
+}
+std::int64_t threadCpuNanoseconds() noexcept {
+    return static_cast<std::int64_t>(world->processorTime());
 }
 
 WakeUp::WakeUp() noexcept : descriptor_(0) {}

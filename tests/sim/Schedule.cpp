@@ -13,9 +13,9 @@ struct Kind {
 };
 
 constexpr std::array<Kind, static_cast<std::size_t>(Deed::Count)> kKinds = {{
-    {"join", 10},        {"leave", 4},      {"listen", 16},  {"cancel", 8},       {"publish", 30},
-    {"request", 8},      {"arm", 8},        {"fail next", 4}, {"sleep", 3},       {"freeze", 4},
-    {"stall up", 3},     {"stall down", 6}, {"cut", 4},      {"refuse", 2},       {"fail daemon", 0},
+    {"join", 10},         {"leave", 4},       {"listen", 16},     {"cancel", 8}, {"publish", 30},
+    {"request", 8},       {"arm", 8},         {"fail next", 4},   {"sleep", 3},  {"freeze", 4},
+    {"stall up", 3},      {"stall down", 6},  {"cut", 4},         {"refuse", 2}, {"fail daemon", 0},
     {"freeze daemon", 2}, {"stop daemon", 1}, {"kill daemon", 2}, {"rest", 1},
 }};
 
@@ -64,7 +64,8 @@ Schedule scheduleOf(std::uint64_t seed, unsigned clients) {
     }
     Milliseconds at = 0;
     for (std::uint64_t left = 10 + random(80); left > 0; --left) {
-        if (random.oneIn(2)) at += static_cast<Milliseconds>(random(random.oneIn(8) ? 10'000 : 200));
+        if (random.oneIn(2))
+            at += static_cast<Milliseconds>(random(random.oneIn(8) ? 10'000 : 200));
         const Deed deed = anyDeed(random);
         schedule.push_back({at, deed, static_cast<unsigned>(random(clients)),
                             static_cast<unsigned>(random(1'000)), amountFor(deed, random)});
@@ -80,8 +81,8 @@ Schedule shrink(Schedule schedule, const std::function<bool(const Schedule&)>& s
         for (std::size_t at = 0; at < schedule.size();) {
             Schedule rest = schedule;
             const auto first = rest.begin() + static_cast<std::ptrdiff_t>(at);
-            rest.erase(first, first + static_cast<std::ptrdiff_t>(
-                                          std::min(piece, schedule.size() - at)));
+            rest.erase(first,
+                       first + static_cast<std::ptrdiff_t>(std::min(piece, schedule.size() - at)));
             if (stillFails(rest)) {
                 schedule = std::move(rest);
                 shorter = true;

@@ -57,12 +57,11 @@ TEST(Simulation, RepeatsBySeed) {
 
 TEST(Simulation, ShrinksToWhatMatters) {
     const Schedule whole = scheduleOf(7);
-    const auto needs = [&](const Schedule& part, const Action& action) {
-        return std::ranges::count(textOf(part), 'z') == 0 &&
-               textOf(part).find(action.text()) != std::string::npos;
+    const auto has = [](const Schedule& part, const Action& action) {
+        return textOf(part).find(action.text()) != std::string::npos;
     };
     const Schedule part = shrink(whole, [&](const Schedule& tried) {
-        return needs(tried, whole[3]) && needs(tried, whole[whole.size() - 2]);
+        return has(tried, whole[3]) && has(tried, whole[whole.size() - 2]);
     });
     EXPECT_EQ(part.size(), 2U);
 }

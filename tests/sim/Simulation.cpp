@@ -36,11 +36,11 @@ namespace kvx::sim {
 
 namespace {
 
-constexpr unsigned kRunSeconds = 60;           // of real time
-constexpr Milliseconds kHealMs = 45'000;       // until every client is connected again
+constexpr unsigned kRunSeconds = 60;      // of real time
+constexpr Milliseconds kHealMs = 45'000;  // until every client is connected again
 constexpr Milliseconds kEndMs = 30'000;
-constexpr Milliseconds kRestartMs = 1'500;     // of the daemon
-constexpr std::int64_t kOwnBytes = 1 << 20;    // of the daemon, without clients
+constexpr Milliseconds kRestartMs = 1'500;   // of the daemon
+constexpr std::int64_t kOwnBytes = 1 << 20;  // of the daemon, without clients
 
 struct Plan {
     unsigned clients;
@@ -88,13 +88,12 @@ class Simulation {
 Simulation::Simulation(std::uint64_t seed, const Plan& plan) : plan_(plan) {
     world->network.capacity = plan.capacity;
     world->ledger.queueLimit = plan.queueLimit;
-    world->machineMemory = 2 * plan.memory;
     daemon_ = &world->start("daemon", [this] { serve(); });
     Random random(seed ^ 0xC11E47ULL);
     for (unsigned i = 0; i < plan.clients; ++i)
         clients_.push_back(std::make_unique<Client>(
-            i, Client::Traits{random.oneIn(4), random.oneIn(6) ? "other" : "7500",
-                              random.oneIn(4), random.oneIn(3) ? 100 : 4096}));
+            i, Client::Traits{random.oneIn(4), random.oneIn(6) ? "other" : "7500", random.oneIn(4),
+                              random.oneIn(3) ? 100 : 4096}));
 }
 
 void checkCounted() {
@@ -113,12 +112,20 @@ void checkCounted() {
     if (matched != paid) world->fail("the ledger does not balance: " + world->counted);
 }
 
+// By the option or, where there is none, by what the machine has.
+template <class Options>
+void limitMemory(Options& options, std::uint64_t bytes) {
+    if constexpr (requires { options.memoryLimit; }) options.memoryLimit = bytes;
+    world->machineMemory = 2 * bytes;
+}
+
 // The daemon, and what starts it again.
 void Simulation::serve() {
     while (!daemonEnds_) {
         {
             rvd::Options options;
             options.queueLimit = plan_.queueLimit;
+            limitMemory(options, plan_.memory);
             const rvd::Log log(rvd::LogLevel::Info);
             rvd::Server server(options, log);
             gracefully_ = killed_ = false;

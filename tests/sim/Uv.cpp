@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -45,8 +44,9 @@ struct Record {
     uv_signal_cb signalled = nullptr;
     int signal = 0;
     bool raised = false;
-    // check, idle and prepare: once a turn
-    std::function<void()> onTurn;
+    // idle and prepare
+    uv_idle_cb idle = nullptr;  // the loop does not wait
+    uv_prepare_cb prepare = nullptr;
 };
 
 std::vector<std::unique_ptr<Record>> records;
@@ -98,8 +98,7 @@ void readOnce(Record& record) {
 }
 
 void writeOn(Record& record) {
-    const IoResult sent =
-        world->network.send(record.socket, record.left.base, record.left.len);
+    const IoResult sent = world->network.send(record.socket, record.left.base, record.left.len);
     if (sent.error == platform::socket_error::kWouldBlock) return;
     record.left.base += sent.bytes;
     record.left.len -= sent.bytes;
@@ -143,6 +142,11 @@ void deliverSignal(Record& record) {
     record.signalled(reinterpret_cast<uv_signal_t*>(record.handle), record.signal);
 }
 
+void goOn(Record& record) {
+    const Charge daemon(daemonAccount);
+    record.idle(reinterpret_cast<uv_idle_t*>(record.handle));
+}
+
 using Event = void (*)(Record&);
 
 // The event of a record that is due; null for none.
@@ -150,7 +154,7 @@ Event dueEvent(const Record& record) {
     if (record.closing) return finishClosing;
     if (record.raised) return deliverSignal;
     if (record.expired != nullptr && record.active && record.due <= world->now) return expire;
-    if (record.onTurn) return [](Record& r) { r.onTurn(); };
+    if (record.idle != nullptr) return goOn;
     if (record.connected != nullptr && world->network.hasBacklog())
         return [](Record& r) {
             const Charge daemon(daemonAccount);
@@ -193,8 +197,17 @@ void turn() {
         daemonAccount->newsBeforeFailure = std::exchange(readFailure, -1);
     event(chosen);
     daemonAccount->newsBeforeFailure = -1;
+}
+
+// Before each wait. Who is idle has work left over.
+void prepare() {
+    for (const auto& r : records) {
+        if (r->prepare == nullptr) continue;
+        const Charge daemon(daemonAccount);
+        r->prepare(reinterpret_cast<uv_prepare_t*>(r->handle));
+    }
     const bool isBehind =
-        std::ranges::any_of(records, [](const auto& r) { return bool(r->onTurn); });
+        std::ranges::any_of(records, [](const auto& r) { return r->idle != nullptr; });
     if (!isBehind) world->ledger.daemonHasCaughtUp();
 }
 
@@ -230,16 +243,15 @@ std::uint64_t uv_now(const uv_loop_t* /*loop*/) {
     return static_cast<std::uint64_t>(world->now);
 }
 std::uint64_t uv_hrtime() {
-    return static_cast<std::uint64_t>(world->now) * 1'000'000;
+    return world->processorTime();
 }
-void uv_update_time(uv_loop_t* /*loop*/) {}
 
 int uv_run(uv_loop_t* /*loop*/, uv_run_mode /*mode*/) {
     const Harness harness;
     kvx::sim::daemonAccount = harness.before();
     while (kvx::sim::alive()) {
-        world->wait([] { return kvx::sim::killed || kvx::sim::anyDue(); },
-                    kvx::sim::nextTimer());
+        kvx::sim::prepare();
+        world->wait([] { return kvx::sim::killed || kvx::sim::anyDue(); }, kvx::sim::nextTimer());
         if (std::exchange(kvx::sim::killed, false)) return 1;
         kvx::sim::turn();
     }
@@ -305,8 +317,8 @@ int uv_try_write(uv_stream_t* stream, const uv_buf_t* buffers, unsigned count) {
     return sent.error != 0 ? kvx::sim::uvError(sent.error) : static_cast<int>(sent.bytes);
 }
 
-int uv_write(uv_write_t* request, uv_stream_t* stream, const uv_buf_t* buffers,
-             unsigned /*count*/, uv_write_cb written) {
+int uv_write(uv_write_t* request, uv_stream_t* stream, const uv_buf_t* buffers, unsigned /*count*/,
+             uv_write_cb written) {
     auto& record = recordOf(stream);
     record.write = request;
     record.left = buffers[0];
@@ -325,6 +337,8 @@ void uv_close(uv_handle_t* handle, uv_close_cb closed) {
     auto& record = recordOf(handle);
     record.closing = true;
     record.closed = closed;
+    record.idle = nullptr;
+    record.prepare = nullptr;
     if (record.connected != nullptr) world->network.listen(false);
     if (record.socket != kvx::platform::kNoSocket)
         world->network.close(std::exchange(record.socket, kvx::platform::kNoSocket));
@@ -351,6 +365,28 @@ int uv_signal_init(uv_loop_t* loop, uv_signal_t* handle) {
 int uv_signal_start(uv_signal_t* handle, uv_signal_cb signalled, int signal) {
     recordOf(handle).signalled = signalled;
     recordOf(handle).signal = signal;
+    recordOf(handle).active = true;
+    return 0;
+}
+
+int uv_idle_init(uv_loop_t* loop, uv_idle_t* handle) {
+    return kvx::sim::begin(loop, handle);
+}
+int uv_idle_start(uv_idle_t* handle, uv_idle_cb idle) {
+    recordOf(handle).idle = idle;
+    recordOf(handle).active = true;
+    return 0;
+}
+int uv_idle_stop(uv_idle_t* handle) {
+    recordOf(handle).idle = nullptr;
+    recordOf(handle).active = false;
+    return 0;
+}
+int uv_prepare_init(uv_loop_t* loop, uv_prepare_t* handle) {
+    return kvx::sim::begin(loop, handle);
+}
+int uv_prepare_start(uv_prepare_t* handle, uv_prepare_cb prepare) {
+    recordOf(handle).prepare = prepare;
     recordOf(handle).active = true;
     return 0;
 }

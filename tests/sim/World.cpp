@@ -72,6 +72,10 @@ bool World::wait(const Ready& ready, Milliseconds timeout) {
     return ready();
 }
 
+std::uint64_t World::processorTime() {
+    return processorTime_ += random.oneIn(8) ? 1'000'000 : random(20'000);
+}
+
 bool World::allEnded() const {
     return std::ranges::all_of(programs, [](const auto& p) { return p->fibre->ended(); });
 }

@@ -69,6 +69,9 @@ class World {
     /// Returns `ready()`. Other programs may run although it is ready at once.
     bool wait(const Ready& ready, Milliseconds timeout);
 
+    /// Nanoseconds of work, which pass at random from look to look.
+    std::uint64_t processorTime();
+
     [[nodiscard]] Program& running() { return *running_; }
     [[nodiscard]] bool allEnded() const;
     [[nodiscard]] std::string whoIsLeft() const;
@@ -82,7 +85,7 @@ class World {
     Network network;
     Ledger ledger;
     std::vector<std::unique_ptr<Program>> programs;
-    std::uint64_t trace = 0;  ///< a hash of all that happened
+    std::uint64_t trace = 0;          ///< a hash of all that happened
     std::uint64_t machineMemory = 0;  ///< bytes, as the daemon sees it
     std::string counted;              ///< the last "counted:" line of the daemon
     bool verbose = false;
@@ -91,6 +94,7 @@ class World {
   private:
     Program* running_ = nullptr;
     std::uint64_t steps_ = 0;
+    std::uint64_t processorTime_ = 0;
 };
 
 inline World* world = nullptr;
