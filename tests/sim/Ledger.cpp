@@ -95,6 +95,11 @@ void Ledger::daemonWrote(unsigned link, std::string_view bytes) {
     cut(session.down, bytes, [&](std::string_view message) { toClient(link, session, message); });
 }
 
+void Ledger::daemonHasCaughtUp() {
+    ++epoch_;
+    recent_.clear();
+}
+
 // A connection that fails while it is read is not read to the end.
 void Ledger::left(unsigned link) {
     sessions_[link].gone = true;
@@ -106,6 +111,14 @@ void Ledger::left(unsigned link) {
             session.inexact = true;
         }
     }
+}
+
+// The session cancels a listen, perhaps before what was read lately is processed.
+void Ledger::makeUncertain(Session& session) const {
+    if (!isBehind) return;
+    for (auto due = session.due.rbegin(); due != session.due.rend() && due->readIn == epoch_; ++due)
+        due->certain = false;
+    session.inexact = true;
 }
 
 void Ledger::fromClient(unsigned link, Session& session, std::string_view message) {
@@ -121,13 +134,15 @@ void Ledger::fromClient(unsigned link, Session& session, std::string_view messag
             return;
         case wire::MessageType::Listen:
             if (listens.count++ == 0) listens.since = epoch_;
+            for (const Published& earlier : recent_) owe(link, session, earlier, true);
             return;
         case wire::MessageType::Cancel:
             if (listens.count > 0 && --listens.count == 0) listens.endedIn = epoch_;
+            makeUncertain(session);
             return;
         case wire::MessageType::Data:
-            return published(link, session, subject, MessageId::of(payloadOf(message)),
-                             message.size());
+            return published(
+                {link, session.space, subject, MessageId::of(payloadOf(message)), message.size()});
         default:
             world->fail("the client sent a message of another kind" + linkName(link));
     }
@@ -145,25 +160,30 @@ void Ledger::checkArrival(Session& from, MessageId id) {
     }
 }
 
-void Ledger::published(unsigned link, Session& from, const std::string& subject, MessageId id,
-                       std::size_t size) {
-    if (id.sender == 0) world->fail("a message without identity" + linkName(link));
-    checkArrival(from, id);
-    for (auto& [number, session] : sessions_) {
-        if (!session.joined || session.gone || session.space != from.space) continue;
-        bool certain = false;
-        bool possible = false;
-        for (const auto& [pattern, listens] : session.listens) {
-            if (!hears(pattern, subject)) continue;
-            const bool own = number == link;
-            certain = certain || (listens.count > 0 && (own || listens.since < epoch_));
-            possible = possible || listens.count > 0 || (!own && listens.endedIn == epoch_);
-        }
-        if (!possible) continue;
-        session.places[id] = session.due.size();
-        session.due.push_back({id, certain, size > queueLimit, link, epoch_});
-        if (!certain || size > queueLimit) session.inexact = true;
+void Ledger::published(const Published& message) {
+    if (message.id.sender == 0) world->fail("a message without identity" + linkName(message.from));
+    checkArrival(sessions_[message.from], message.id);
+    recent_.push_back(message);
+    for (auto& [link, session] : sessions_) owe(link, session, message, false);
+}
+
+// `mayBeLate`: the session began to listen after the message was read.
+void Ledger::owe(unsigned link, Session& session, const Published& message, bool mayBeLate) {
+    if (!session.joined || session.gone || session.space != message.space) return;
+    const bool own = link == message.from;
+    if (session.places.contains(message.id) || (mayBeLate && own)) return;
+    bool certain = false;
+    bool possible = false;
+    for (const auto& [pattern, listens] : session.listens) {
+        if (!hears(pattern, message.subject)) continue;
+        certain = certain || (listens.count > 0 && (own || listens.since < epoch_));
+        possible = possible || listens.count > 0 || (!own && listens.endedIn == epoch_);
     }
+    if (!possible) return;
+    const bool tooLarge = message.size > queueLimit;
+    if (!certain || tooLarge) session.inexact = true;
+    session.places[message.id] = session.due.size();
+    session.due.push_back({message.id, certain, tooLarge, message.from, epoch_});
 }
 
 void Ledger::toClient(unsigned link, Session& session, std::string_view message) {
@@ -185,21 +205,23 @@ void Ledger::toClient(unsigned link, Session& session, std::string_view message)
 void Ledger::pay(unsigned link, Session& session, MessageId id) {
     const auto found = session.places.find(id);
     const std::string what = id.text() + linkName(link);
-    if (found == session.places.end()) world->fail("delivered but not due: " + what);
+    if (found == session.places.end()) {
+        if (session.gone) return;  // published before it had left
+        world->fail("delivered but not due: " + what);
+    }
     Due& due = session.due[found->second];
     if (due.paid) world->fail("delivered twice: " + what);
     due.paid = true;
-    unsigned& last = session.lastPaid[id.sender];
-    if (last >= id.number) world->fail("a sender's order is broken: " + what);
-    last = id.number;
-    if (session.cursor > found->second && due.certain && !due.tooLarge) --session.skipped;
-    for (; session.cursor <= found->second; ++session.cursor) {
-        const Due& passed = session.due[session.cursor];
-        if (passed.certain && !passed.paid && !passed.tooLarge) ++session.skipped;
-    }
+    const MessageId last = std::exchange(session.lastPaid[id.sender], id);
+    if (last.number >= id.number) world->fail("a sender's order is broken: " + what);
+    const auto isMissing = [](const Due& d) { return d.certain && !d.paid && !d.tooLarge; };
+    for (auto p = session.places.upper_bound({id.sender, last.number}); p != found; ++p)
+        if (isMissing(session.due[p->second])) ++session.skipped;
     if (session.skipped > session.announced)
         world->fail("a loss was not announced ahead of " + what);
-    if (session.skipped < session.announced && !session.inexact)
+    for (; session.cursor <= found->second; ++session.cursor)
+        if (isMissing(session.due[session.cursor])) ++session.passed;
+    if (session.passed < session.announced && !session.inexact && !isBehind)
         world->fail("newer messages were dropped before " + what);
 }
 

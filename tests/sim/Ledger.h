@@ -28,7 +28,9 @@ struct MessageId {
 ///
 /// Watches the bytes that the daemon reads and writes. From what it reads follow the messages due
 /// to each session; each that it writes must be due, once, in the order of its sender; what is left
-/// out must be announced as lost, ahead of what follows, oldest first and exactly.
+/// out must be announced as lost, ahead of what follows, oldest first and exactly. While the daemon
+/// has work left over, the order of what it has read from different connections is not certain:
+/// what depends on it may, but need not be delivered.
 class Ledger {
   public:
     void daemonRead(unsigned link, std::string_view bytes);
@@ -36,7 +38,7 @@ class Ledger {
     /// The link has ended for the daemon.
     void left(unsigned link);
     /// What was read so far is processed: the order of what follows is certain.
-    void daemonHasCaughtUp() { ++epoch_; }
+    void daemonHasCaughtUp();
 
     /// A session has published a message, which its library accepted or not.
     void sent(MessageId id, bool accepted) { accepted_[id] = accepted; }
@@ -45,6 +47,7 @@ class Ledger {
     void checkCalm() const;
 
     std::size_t queueLimit = 0;  ///< of the daemon
+    bool isBehind = false;       ///< the daemon has had work left over, at any time
 
   private:
     struct Stream {
@@ -73,24 +76,35 @@ class Ledger {
         std::map<std::string, Listens> listens;
         std::vector<Due> due;
         std::map<MessageId, std::size_t> places;  // in `due`
-        std::map<unsigned, unsigned> lastPaid;    // by sender
-        std::size_t cursor = 0;                   // entries of `due` before it are paid or skipped
-        std::uint64_t skipped = 0;
+        std::map<unsigned, MessageId> lastPaid;   // by sender
+        std::uint64_t skipped = 0;                // in the order of each sender
+        std::size_t cursor = 0;                   // entries of `due` before it are paid or passed
+        std::uint64_t passed = 0;                 // in the order of all
         std::uint64_t announced = 0;
         bool inexact = false;  // the order of `due` is not certain, or one was too large
         MessageId lastRead;
     };
 
+    struct Published {
+        unsigned from;
+        std::string space;
+        std::string subject;
+        MessageId id;
+        std::size_t size;
+    };
+
     template <class Visit>
     static void cut(Stream& stream, std::string_view bytes, Visit visit);
     void fromClient(unsigned link, Session& session, std::string_view message);
-    void published(unsigned link, Session& from, const std::string& subject, MessageId id,
-                   std::size_t size);
+    void makeUncertain(Session& session) const;
+    void published(const Published& message);
+    void owe(unsigned link, Session& session, const Published& message, bool mayBeLate);
     void checkArrival(Session& from, MessageId id);
     void toClient(unsigned link, Session& session, std::string_view message);
     void pay(unsigned link, Session& session, MessageId id);
 
     std::map<unsigned, Session> sessions_;  // by link
+    std::vector<Published> recent_;         // in this epoch
     std::map<MessageId, bool> accepted_;
     std::uint64_t epoch_ = 1;
 };

@@ -208,7 +208,8 @@ void prepare() {
     }
     const bool isBehind =
         std::ranges::any_of(records, [](const auto& r) { return r->idle != nullptr; });
-    if (!isBehind) world->ledger.daemonHasCaughtUp();
+    if (!isBehind) return world->ledger.daemonHasCaughtUp();
+    world->ledger.isBehind = true;
 }
 
 }  // namespace
