@@ -27,8 +27,6 @@ int addRecord(SessionState& session, rv_Listener* listener, ListenRecord record)
     return *listener == nullptr ? session_code::kNoMemory : session_code::kOk;
 }
 
-// A record that the daemon was not told of must not be withdrawn: the daemon counts, and would undo
-// the listen of another record on the same subject.
 int announce(SessionState& session, rv_Listener id) {
     const ListenRecord* const record = session.listens.find(id);
     if (session.queue() == nullptr || isInbox(record->subject)) return session_code::kOk;
@@ -74,8 +72,11 @@ int listen(SessionState& session, rv_Listener* listener, Subject subject, rv_Dat
     return code;
 }
 
+// The daemon counts: a cancel for a record that it was not told of would undo the listen of another
+// record on the same subject.
 int withdraw(SessionState& session, const ListenRecord& record) {
-    if (session.queue() == nullptr || !record.announced) return session_code::kOk;
+    if (session.queue() == nullptr || isInbox(record.subject)) return session_code::kOk;
+    if (!record.announced && session.listens.isAnnounced(record.subject)) return session_code::kOk;
     wire::Built built = wire::buildCancel(bytesOf(record.subject), session.flavour.id);
     if (built.code != 0) return codeOfBuild(built.code);
     return queueMessage(session, std::move(built.message));

@@ -80,6 +80,7 @@ class Simulation {
     const Plan plan_;
     Program* daemon_ = nullptr;
     bool daemonEnds_ = false;
+    bool serves_ = false;
     bool killed_ = false;
     bool gracefully_ = false;
     std::vector<std::unique_ptr<Client>> clients_;
@@ -130,7 +131,9 @@ void Simulation::serve() {
             rvd::Server server(options, log);
             gracefully_ = killed_ = false;
             if (!server.start()) world->fail("the daemon does not start");
+            serves_ = true;
             server.run();
+            serves_ = false;
         }
         const Harness harness;
         if (gracefully_) checkCounted();
@@ -164,6 +167,7 @@ void Simulation::apply(const Action& action) {
             gracefully_ = !killed_;
             return raiseInDaemon(SIGTERM);
         case Deed::KillDaemon:
+            if (!serves_) return;
             killed_ = true;
             gracefully_ = false;
             return killDaemonLoop();

@@ -327,6 +327,10 @@ int uv_write(uv_write_t* request, uv_stream_t* stream, const uv_buf_t* buffers, 
     return 0;
 }
 
+std::size_t uv_stream_get_write_queue_size(const uv_stream_t* stream) {
+    return recordOf(stream).write == nullptr ? 0 : recordOf(stream).left.len;
+}
+
 int uv_shutdown(uv_shutdown_t* request, uv_stream_t* stream, uv_shutdown_cb done) {
     recordOf(stream).shutdown = request;
     recordOf(stream).wasShutDown = done;
