@@ -47,7 +47,7 @@ class Ledger {
     void checkCalm() const;
 
     std::size_t queueLimit = 0;  ///< of the daemon
-    bool isBehind = false;       ///< the daemon has had work left over, at any time
+    bool isBehind = false;       ///< the daemon had work left over, or no memory, at any time
 
   private:
     struct Stream {

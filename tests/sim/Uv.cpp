@@ -193,8 +193,10 @@ void turn() {
     Record& chosen = *world->random.among(due);
     const Event event = dueEvent(chosen);
     if (event == nullptr) return;
-    if (event == readOnce && readFailure >= 0)
+    if (event == readOnce && readFailure >= 0) {
         daemonAccount->newsBeforeFailure = std::exchange(readFailure, -1);
+        world->ledger.isBehind = true;  // without memory for a message, it is the one dropped
+    }
     event(chosen);
     daemonAccount->newsBeforeFailure = -1;
 }
