@@ -47,7 +47,7 @@ class Ledger {
     void checkCalm() const;
 
     std::size_t queueLimit = 0;  ///< of the daemon
-    bool isBehind = false;       ///< the daemon had work left over, or no memory, at any time
+    bool noMemory = false;       ///< the daemon's memory failed: it drops the newest
 
   private:
     struct Stream {
@@ -78,10 +78,7 @@ class Ledger {
         std::map<MessageId, std::size_t> places;  // in `due`
         std::map<unsigned, MessageId> lastPaid;   // by sender
         std::uint64_t skipped = 0;                // in the order of each sender
-        std::size_t cursor = 0;                   // entries of `due` before it are paid or passed
-        std::uint64_t passed = 0;                 // in the order of all
         std::uint64_t announced = 0;
-        bool inexact = false;  // the order of `due` is not certain, or one was too large
         MessageId lastRead;
     };
 
@@ -97,6 +94,7 @@ class Ledger {
     static void cut(Stream& stream, std::string_view bytes, Visit visit);
     void fromClient(unsigned link, Session& session, std::string_view message);
     void makeUncertain(Session& session) const;
+    static std::uint64_t mayBeLost(const Session& session, const Due& paid);
     void published(const Published& message);
     void owe(unsigned link, Session& session, const Published& message, bool mayBeLate);
     void checkArrival(Session& from, MessageId id);

@@ -195,7 +195,7 @@ void turn() {
     if (event == nullptr) return;
     if (event == readOnce && readFailure >= 0) {
         daemonAccount->newsBeforeFailure = std::exchange(readFailure, -1);
-        world->ledger.isBehind = true;  // without memory for a message, it is the one dropped
+        world->ledger.noMemory = true;  // without memory for a message, it is the one dropped
     }
     event(chosen);
     daemonAccount->newsBeforeFailure = -1;
@@ -210,8 +210,7 @@ void prepare() {
     }
     const bool isBehind =
         std::ranges::any_of(records, [](const auto& r) { return r->idle != nullptr; });
-    if (!isBehind) return world->ledger.daemonHasCaughtUp();
-    world->ledger.isBehind = true;
+    if (!isBehind) world->ledger.daemonHasCaughtUp();
 }
 
 }  // namespace
