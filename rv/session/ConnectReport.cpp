@@ -1,5 +1,6 @@
 #include "rv/session/ConnectReport.h"
 
+#include <new>
 #include <utility>
 
 #include "rv/session/rv_Session.h"
@@ -15,21 +16,42 @@ void ConnectReport::begin() {
     *this = {};
 }
 
-void ConnectReport::attemptFailed(const std::string& why) {
-    if (why != why_) closeAttempts();
-    why_ = why;
+namespace {
+
+template <class Step>
+void ifMemoryAllows(Step step) noexcept {
+    try {
+        step();
+    } catch (const std::bad_alloc&) {  // what it would have said is missing
+        return;
+    }
+}
+
+}  // namespace
+
+void ConnectReport::attemptFailed(const std::string& why) noexcept {
+    ifMemoryAllows([&] {
+        if (why != why_) closeAttempts();
+        why_ = why;
+    });
     ++next_;
 }
 
-void ConnectReport::add(std::string_view what) {
-    closeAttempts();
-    if (!text_.empty()) text_ += "; ";
-    text_ += what;
+void ConnectReport::add(std::string_view what) noexcept {
+    ifMemoryAllows([&] {
+        closeAttempts();
+        append(what);
+    });
 }
 
-const std::string& ConnectReport::text() {
-    closeAttempts();
+const std::string& ConnectReport::text() noexcept {
+    ifMemoryAllows([&] { closeAttempts(); });
     return text_;
+}
+
+void ConnectReport::append(std::string_view what) {
+    if (!text_.empty()) text_ += "; ";
+    text_ += what;
 }
 
 void ConnectReport::closeAttempts() {
@@ -40,7 +62,7 @@ void ConnectReport::closeAttempts() {
                             : "attempts " + std::to_string(first_) + " to " + std::to_string(last);
     first_ = next_;
     which += ": " + std::exchange(why_, {});
-    add(which);
+    append(which);
 }
 
 }  // namespace kvx::session

@@ -7,7 +7,7 @@
 /// refused; started /usr/bin/rvd; attempts 2 to 4: Connection refused".
 namespace kvx::session {
 
-/// One thread's last connect. That thread only.
+/// One thread's last connect. That thread only. Without memory it says less.
 class ConnectReport {
   public:
     [[nodiscard]] static ConnectReport& ofThisThread();
@@ -15,14 +15,15 @@ class ConnectReport {
     /// A connect begins: forgets the one before.
     void begin();
     /// The next attempt failed. Attempts that fail one after another in the same way are told once.
-    void attemptFailed(const std::string& why);
-    void add(std::string_view what);
+    void attemptFailed(const std::string& why) noexcept;
+    void add(std::string_view what) noexcept;
 
     /// Valid until the next call on this thread.
-    [[nodiscard]] const std::string& text();
+    [[nodiscard]] const std::string& text() noexcept;
 
   private:
     void closeAttempts();
+    void append(std::string_view what);
 
     std::string text_;
     std::string why_;  // of the attempts that are not in the text yet

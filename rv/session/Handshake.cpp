@@ -86,19 +86,23 @@ int provideControlInbox(SessionState& session) {
     return addPrivateInbox(session, &session.control);
 }
 
-// A listen message, unless a hook refuses it; a hook may also close the session or lose the link.
-int sendListen(SessionState& session, wire::Built built) {
+// A listen message, unless a hook refuses it or cancels the record `id` (null: there is none); a
+// hook may also close the session or lose the link.
+int sendListen(SessionState& session, wire::Built built, rv_Listener id) {
     if (built.code == 0 &&
-        session.hooks.run(RV_HOOK_LISTEN, session.handle(), built.message.bytes.get()) != 0)
+        (session.hooks.run(RV_HOOK_LISTEN, session.handle(), built.message.bytes.get()) != 0 ||
+         (id != nullptr && !session.listens.setAnnounced(id, true))))
         return session.queue() != nullptr ? session_code::kOk : session_code::kNotConnected;
     return send(session, std::move(built));
 }
 
 int announceRecords(SessionState& session) {
-    for (const rv_Listener id : session.listens.ordered()) {
+    const auto ids = session.listens.ordered();
+    for (rv_Listener id : ids) session.listens.setAnnounced(id, false);  // on this connection
+    for (rv_Listener id : ids) {
         const ListenRecord* record = session.listens.find(id);  // a hook may have cancelled it
         if (record == nullptr || isInbox(record->subject)) continue;
-        const int code = sendListen(session, listenMessage(session, *record));
+        const int code = sendListen(session, listenMessage(session, *record), id);
         if (code != 0) return code;
     }
     return session_code::kOk;
@@ -108,7 +112,8 @@ int announceInboxesOf(SessionState& session, const std::string& name) {
     const auto subject =
         Subject::fromText((inboxPrefix(name) + ">").c_str(), wire::kSubjectCapacity);
     if (!subject) return session_code::kInvalidSubject;
-    return sendListen(session, wire::buildListen(bytesOf(*subject), nullptr, session.flavour.id));
+    return sendListen(session, wire::buildListen(bytesOf(*subject), nullptr, session.flavour.id),
+                      nullptr);
 }
 
 // A name is in use while one of its inboxes is listened on.
@@ -148,9 +153,9 @@ int report(int code, const char* lost) {
     return code;
 }
 
-int introduceSafely(SessionState& session) {
+int withoutThrowing(int (*step)(SessionState&), SessionState& session) {
     try {
-        return introduce(session);
+        return step(session);
     } catch (const std::bad_alloc&) {
         return session_code::kNoMemory;
     }
@@ -160,10 +165,10 @@ int introduceSafely(SessionState& session) {
 
 int connectAndIntroduce(SessionState& session) {
     ConnectReport::ofThisThread().begin();
-    if (const int code = connectLink(session); code != 0) return report(code, "");
+    if (const int code = withoutThrowing(connectLink, session); code != 0) return report(code, "");
     ipq_SetStallLimit(session.queue(), kReplyMs);
     ipq_SetBlocking(session.queue(), true);
-    const int code = introduceSafely(session);
+    const int code = withoutThrowing(introduce, session);
     if (session.queue() == nullptr)  // a hook closed the session or lost the link
         return code != 0 ? code : session_code::kNotConnected;
     if (code != 0) {

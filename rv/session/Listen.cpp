@@ -27,18 +27,22 @@ int addRecord(SessionState& session, rv_Listener* listener, ListenRecord record)
     return *listener == nullptr ? session_code::kNoMemory : session_code::kOk;
 }
 
-int announce(SessionState& session, const ListenRecord& record) {
-    if (session.queue() == nullptr || isInbox(record.subject)) return session_code::kOk;
-    wire::Built built = listenMessage(session, record);
+int announce(SessionState& session, rv_Listener id) {
+    const ListenRecord* const record = session.listens.find(id);
+    if (session.queue() == nullptr || isInbox(record->subject)) return session_code::kOk;
+    wire::Built built = listenMessage(session, *record);
     if (built.code != 0) return codeOfBuild(built.code);
     if (session.hooks.run(RV_HOOK_LISTEN, session.handle(), built.message.bytes.get()) != 0)
         return session_code::kOk;
-    return queueMessage(session, std::move(built.message));
+    if (!session.listens.setAnnounced(id, true)) return session_code::kOk;  // the hook cancelled it
+    const int code = queueMessage(session, std::move(built.message));
+    if (code == session_code::kNoMemory) session.listens.setAnnounced(id, false);
+    return code;
 }
 
-int announceSafely(SessionState& session, const ListenRecord& record) {
+int announceSafely(SessionState& session, rv_Listener id) {
     try {
-        return announce(session, record);
+        return announce(session, id);
     } catch (const std::bad_alloc&) {
         return session_code::kNoMemory;
     }
@@ -63,14 +67,17 @@ int listen(SessionState& session, rv_Listener* listener, Subject subject, rv_Dat
         return code;
     }
     *listener = made;
-    const int code = announceSafely(session, *session.listens.find(made));
+    const int code = announceSafely(session, made);
     if (ListenRecord* const kept = session.listens.find(made)) kept->callable = true;
     return code;
 }
 
-int withdraw(SessionState& session, SubjectView subject) {
-    if (session.queue() == nullptr || isInbox(subject)) return session_code::kOk;
-    wire::Built built = wire::buildCancel(bytesOf(subject), session.flavour.id);
+// The daemon counts: a cancel for a record that it was not told of would undo the listen of another
+// record on the same subject.
+int withdraw(SessionState& session, const ListenRecord& record) {
+    if (session.queue() == nullptr || isInbox(record.subject)) return session_code::kOk;
+    if (!record.announced && session.listens.isAnnounced(record.subject)) return session_code::kOk;
+    wire::Built built = wire::buildCancel(bytesOf(record.subject), session.flavour.id);
     if (built.code != 0) return codeOfBuild(built.code);
     return queueMessage(session, std::move(built.message));
 }
@@ -80,7 +87,7 @@ int cancel(SessionState& session, rv_Listener listener) {
     const std::optional<ListenRecord> cancelled = session.listens.take(listener);
     if (!cancelled) return session_code::kInvalidListener;
     session.listens.remove(cancelled->companion);
-    return withdraw(session, cancelled->subject);
+    return withdraw(session, *cancelled);
 }
 
 }  // namespace

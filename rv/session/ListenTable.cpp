@@ -6,6 +6,7 @@
 #include "rv/session/ListenTable.h"
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -33,6 +34,22 @@ rv_Listener ListenTable::add(ListenRecord record) {
 
 ListenRecord* ListenTable::find(rv_Listener id) {
     return records_.find(id);
+}
+
+bool ListenTable::setAnnounced(rv_Listener id, bool announced) {
+    ListenRecord* const record = find(id);
+    if (record != nullptr) record->announced = announced;
+    return record != nullptr;
+}
+
+bool ListenTable::isAnnounced(SubjectView subject) {
+    bool found = false;
+    records_.forEach([&](void* /*id*/, const ListenRecord& record) {
+        const SubjectView other = record.subject;
+        found = found || (record.announced && other.length() == subject.length() &&
+                          std::memcmp(other.data(), subject.data(), subject.length()) == 0);
+    });
+    return found;
 }
 
 std::optional<ListenRecord> ListenTable::take(rv_Listener id) noexcept {

@@ -22,6 +22,7 @@ struct ListenRecord {
         nullptr;               ///< the private reply inbox; null for inboxes and reserved subjects
     rv_Listener id = nullptr;  ///< its own id; set by the table
     bool callable = true;      ///< false while its listen is still being made
+    bool announced = false;    ///< the daemon was told, on the present connection
 };
 
 /// The listen records of a session: by id, by subject, and in the order in which they were made.
@@ -35,6 +36,11 @@ class ListenTable {
     /// Removes and returns the record; nothing for a dead or foreign id. Allocates nothing.
     [[nodiscard]] std::optional<ListenRecord> take(rv_Listener id) noexcept;
     void remove(rv_Listener id) noexcept { static_cast<void>(take(id)); }
+
+    /// Sets the record's `announced`; false when there is none.
+    bool setAnnounced(rv_Listener id, bool announced);
+    /// Whether the daemon was told of a record on exactly this subject. Looks at every record.
+    [[nodiscard]] bool isAnnounced(SubjectView subject);
 
     /// The ids of all records, in the order in which they were made.
     [[nodiscard]] std::vector<rv_Listener> ordered();

@@ -30,6 +30,21 @@ TEST_F(Bus, SessionNamesAndInboxesAreUnique) {
         rv_CreateInbox(one, &ignored.id, small, sizeof small, Listening::callback(), &ignored), 3);
 }
 
+// The daemon counts listens, and was told of one only.
+TEST_F(Bus, CancellingAListenThatWasNotAnnouncedLeavesTheOthersOnItsSubject) {
+    rv_Session session = openSynchronous(daemon_.text());
+    Listening heard;
+    Listening refused;
+    listen(session, heard, "S");
+    const rv_Hook refuse = [](rv_Session, const void*, void*) { return 1; };
+    rv_AddHook(session, RV_HOOK_LISTEN, refuse, nullptr);
+    listen(session, refused, "S");
+    ASSERT_EQ(rv_Cancel(session, refused.id), 0);
+    ASSERT_EQ(send(session, "S", "a"), 0);
+    ASSERT_EQ(rv_Dispatch(session, 10'000), 0);
+    EXPECT_EQ(heard.texts(), Texts{"a"});
+}
+
 TEST_F(Bus, SynchronousSessionsDispatchOneMessageACall) {
     rv_Session session = openSynchronous(daemon_.text());
     Listening heard;

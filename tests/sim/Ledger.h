@@ -1,0 +1,110 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kvx::sim {
+
+/// The identity of a message: its sender's session and its place among what that session sent.
+struct MessageId {
+    unsigned sender = 0;
+    unsigned number = 0;
+    auto operator<=>(const MessageId&) const = default;
+
+    [[nodiscard]] std::string text() const;
+    /// Reads the beginning of a payload; a sender of 0 when there is no identity.
+    static MessageId of(std::string_view payload);
+};
+
+/// Whether a listen on `pattern` hears `subject`, which has no wildcards. Written without the
+/// daemon's and the library's matchers, which it checks.
+[[nodiscard]] bool hears(const std::string& pattern, const std::string& subject);
+
+/// What the daemon owes to each connection, and what it paid.
+///
+/// Watches the bytes that the daemon reads and writes. From what it reads follow the messages due
+/// to each session; each that it writes must be due, once, in the order of its sender; what is left
+/// out must be announced as lost, ahead of what follows, oldest first and exactly. While the daemon
+/// has work left over, the order of what it has read from different connections is not certain:
+/// what depends on it may, but need not be delivered.
+class Ledger {
+  public:
+    void daemonRead(unsigned link, std::string_view bytes);
+    void daemonWrote(unsigned link, std::string_view bytes);
+    /// The link has ended for the daemon.
+    void left(unsigned link);
+    /// What was read so far is processed: the order of what follows is certain.
+    void daemonHasCaughtUp();
+
+    /// A session has published a message, which its library accepted or not.
+    void sent(MessageId id, bool accepted) { accepted_[id] = accepted; }
+
+    /// Nothing waits anywhere: what is due to a living session has arrived or is announced as lost.
+    void checkCalm() const;
+
+    std::size_t queueLimit = 0;  ///< of the daemon
+    bool noMemory = false;       ///< the daemon's memory failed: it drops the newest
+
+  private:
+    struct Stream {
+        std::size_t head;  // bytes of the handshake still to come
+        std::string held;
+    };
+    struct Due {
+        MessageId id;
+        bool certain;  // else it depends on what the daemon processed, and in which order
+        bool tooLarge;
+        unsigned from;  // link
+        std::uint64_t readIn;
+        bool paid = false;
+    };
+    struct Listens {
+        unsigned count = 0;
+        std::uint64_t since = 0;
+        std::uint64_t endedIn = 0;
+    };
+    struct Session {
+        Stream up{76, {}};
+        Stream down{140, {}};
+        bool joined = false;
+        bool gone = false;
+        std::string space;
+        std::map<std::string, Listens> listens;
+        std::vector<Due> due;
+        std::map<MessageId, std::size_t> places;  // in `due`
+        std::map<unsigned, MessageId> lastPaid;   // by sender
+        std::uint64_t skipped = 0;                // in the order of each sender
+        std::uint64_t announced = 0;
+        MessageId lastRead;
+    };
+
+    struct Published {
+        unsigned from;
+        std::string space;
+        std::string subject;
+        MessageId id;
+        std::size_t size;
+    };
+
+    template <class Visit>
+    static void cut(Stream& stream, std::string_view bytes, Visit visit);
+    void fromClient(unsigned link, Session& session, std::string_view message);
+    void makeUncertain(Session& session) const;
+    static std::uint64_t mayBeLost(const Session& session, const Due& paid);
+    void published(const Published& message);
+    void owe(unsigned link, Session& session, const Published& message, bool mayBeLate);
+    void checkArrival(Session& from, MessageId id);
+    void toClient(unsigned link, Session& session, std::string_view message);
+    void pay(unsigned link, Session& session, MessageId id);
+
+    std::map<unsigned, Session> sessions_;  // by link
+    std::vector<Published> recent_;         // in this epoch
+    std::map<MessageId, bool> accepted_;
+    std::uint64_t epoch_ = 1;
+};
+
+}  // namespace kvx::sim

@@ -1,0 +1,195 @@
+// Sockets as TCP has them: closing with unread input resets the peer, whose unread input may be
+// lost; a write to a closed peer succeeds once; what was sent before a close arrives.
+
+#include "tests/sim/Network.h"
+
+#include <algorithm>
+
+#include "tests/sim/World.h"
+
+namespace kvx::sim {
+
+namespace error = platform::socket_error;
+
+SocketHandle Network::open(Kind kind, std::function<bool()> rings) {
+    auto place = std::ranges::find(sockets_, false, &Socket::open);
+    if (place == sockets_.end()) place = sockets_.emplace(sockets_.end());
+    *place = Socket();
+    place->kind = kind;
+    place->open = true;
+    place->rings = std::move(rings);
+    return kFirstHandle + static_cast<SocketHandle>(place - sockets_.begin());
+}
+
+bool Network::isOpen(SocketHandle handle) const {
+    const auto index = static_cast<std::size_t>(handle - kFirstHandle);
+    return handle >= kFirstHandle && index < sockets_.size() && sockets_[index].open;
+}
+
+std::size_t Network::openSockets() const {
+    return static_cast<std::size_t>(std::ranges::count(sockets_, true, &Socket::open));
+}
+
+const Network::Socket& Network::at(SocketHandle handle) const {
+    if (!isOpen(handle)) world->fail("a socket is used that is not open");
+    return sockets_[static_cast<std::size_t>(handle - kFirstHandle)];
+}
+
+Network::Socket& Network::at(SocketHandle handle) {
+    return const_cast<Socket&>(std::as_const(*this).at(handle));
+}
+
+void Network::close(SocketHandle handle) {
+    Socket& socket = at(handle);
+    if (socket.link) {
+        Pipe& in = socket.in();
+        Pipe& out = socket.out();
+        if (!in.bytes.empty()) reset(*socket.link);
+        in.readerGone = true;
+        out.ended = true;
+        if (socket.isDaemons) world->ledger.left(socket.link->number);
+    }
+    socket = Socket();
+}
+
+int Network::connect(SocketHandle handle, unsigned client) {
+    Socket& socket = at(handle);
+    const bool atOnce = world->random.oneIn(2);
+    if (!listening_ || refusedUntil_ > world->now) {
+        socket.error = error::kRefused;
+        return atOnce ? takeError(handle) : error::kInProgress;
+    }
+    socket.link = std::make_shared<Link>();
+    Link& link = *socket.link;
+    link.number = static_cast<unsigned>(links_.size());
+    link.client = client;
+    link.from = {0x0A000001U + client, static_cast<std::uint16_t>(10'000 + link.number)};
+    link.up.capacity = link.down.capacity = capacity;
+    links_.push_back(socket.link);
+    backlog_.push_back(socket.link);
+    return atOnce ? 0 : error::kInProgress;
+}
+
+int Network::takeError(SocketHandle handle) {
+    return std::exchange(at(handle).error, 0);
+}
+
+void Network::listen(bool on) {
+    listening_ = on;
+    if (on) return;
+    for (const auto& link : backlog_) reset(*link);
+    backlog_.clear();
+}
+
+SocketHandle Network::accept() {
+    const SocketHandle handle = open(Kind::Tcp);
+    at(handle).link = std::move(backlog_.front());
+    at(handle).isDaemons = true;
+    backlog_.pop_front();
+    return handle;
+}
+
+IoResult Network::send(SocketHandle handle, const void* bytes, std::size_t size) {
+    const Socket& socket = at(handle);
+    if (!socket.link) return {0, error::kNotConnected};
+    Pipe& out = socket.out();
+    if (out.reset || out.ended) return {0, error::kConnectionReset};
+    if (!writable(handle) || world->random.oneIn(32)) return {0, error::kWouldBlock};
+    std::size_t moved = std::min(size, out.capacity - out.bytes.size());
+    if (moved > 1 && world->random.oneIn(3)) moved = 1 + world->random(moved);
+    const auto* first = static_cast<const char*>(bytes);
+    if (out.readerGone) {
+        reset(*socket.link);
+    } else {
+        out.bytes.append(first, moved);
+    }
+    moved_ += moved;
+    if (socket.isDaemons) world->ledger.daemonWrote(socket.link->number, {first, moved});
+    return {moved, 0};
+}
+
+IoResult Network::receive(SocketHandle handle, void* buffer, std::size_t size) {
+    const Socket& socket = at(handle);
+    if (!socket.link) return {0, error::kNotConnected};
+    Pipe& in = socket.in();
+    if (!readable(handle) || world->random.oneIn(32)) return {0, error::kWouldBlock};
+    if (in.bytes.empty()) return {0, in.reset ? error::kConnectionReset : 0};
+    std::size_t moved = std::min(size, in.bytes.size());
+    if (moved > 1 && world->random.oneIn(3)) moved = 1 + world->random(moved);
+    std::copy_n(in.bytes.data(), moved, static_cast<char*>(buffer));
+    in.bytes.erase(0, moved);
+    moved_ += moved;
+    if (socket.isDaemons)
+        world->ledger.daemonRead(socket.link->number, {static_cast<char*>(buffer), moved});
+    return {moved, 0};
+}
+
+void Network::endSending(SocketHandle handle) {
+    if (at(handle).link) at(handle).out().ended = true;
+}
+
+bool Network::readable(SocketHandle handle) const {
+    const Socket& socket = at(handle);
+    if (socket.kind == Kind::Bell) return socket.rings();
+    if (!socket.link) return socket.error != 0;
+    const Pipe& in = socket.in();
+    return in.stalledUntil <= world->now && (!in.bytes.empty() || in.ended || in.reset);
+}
+
+bool Network::writable(SocketHandle handle) const {
+    const Socket& socket = at(handle);
+    if (!socket.link) return socket.error != 0;
+    const Pipe& out = socket.out();
+    return out.reset || out.readerGone ||
+           (out.stalledUntil <= world->now && out.bytes.size() < out.capacity);
+}
+
+const Link* Network::linkOf(SocketHandle handle) const {
+    return at(handle).link.get();
+}
+
+void Network::reset(Link& link) {
+    for (Pipe* pipe : {&link.up, &link.down}) {
+        pipe->reset = true;
+        if (world->random.oneIn(2)) pipe->bytes.clear();
+    }
+}
+
+void Network::cut(unsigned client) {
+    for (const auto& weak : links_)
+        if (const auto link = weak.lock(); link && link->client == client) reset(*link);
+}
+
+void Network::stall(unsigned client, bool up, Milliseconds duration) {
+    for (const auto& weak : links_) {
+        const auto link = weak.lock();
+        if (link && link->client == client)
+            (up ? link->up : link->down).stalledUntil = world->now + duration;
+    }
+}
+
+void Network::refuse(Milliseconds duration) {
+    refusedUntil_ = world->now + duration;
+}
+
+void Network::heal() {
+    refusedUntil_ = 0;
+    for (const auto& weak : links_)
+        if (const auto link = weak.lock()) link->up.stalledUntil = link->down.stalledUntil = 0;
+}
+
+Milliseconds Network::nextChange(Milliseconds now) const {
+    Milliseconds next = 0;
+    const auto consider = [&](Milliseconds at) {
+        if (at > now && (next == 0 || at < next)) next = at;
+    };
+    for (const auto& weak : links_) {
+        const auto link = weak.lock();
+        if (!link) continue;
+        consider(link->up.stalledUntil);
+        consider(link->down.stalledUntil);
+    }
+    return next;
+}
+
+}  // namespace kvx::sim

@@ -1,0 +1,104 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/Socket.h"
+
+namespace kvx::sim {
+
+using platform::IoResult;
+using platform::Milliseconds;
+using platform::SocketHandle;
+
+/// One direction of a connection: a bounded buffer.
+struct Pipe {
+    std::string bytes;
+    std::size_t capacity = 0;
+    Milliseconds stalledUntil = 0;  ///< nothing moves before
+    bool ended = false;             ///< the writer has closed its end
+    bool readerGone = false;
+    bool reset = false;
+};
+
+/// A connection between a client and the daemon.
+struct Link {
+    unsigned number;
+    unsigned client;  ///< the number of the program that connected
+    platform::Endpoint from;
+    Pipe up;    ///< to the daemon
+    Pipe down;  ///< to the client
+};
+
+/// The virtual network: one host, where a daemon listens or does not, and its connections. Moves
+/// bytes in pieces of random sizes.
+class Network {
+  public:
+    enum class Kind : std::uint8_t { Tcp, Bell };
+
+    /// A new handle. A bell is readable while `rings()`.
+    SocketHandle open(Kind kind, std::function<bool()> rings = {});
+    [[nodiscard]] bool isOpen(SocketHandle handle) const;
+    [[nodiscard]] std::size_t openSockets() const;
+    void close(SocketHandle handle);
+
+    // The client's end.
+    int connect(SocketHandle handle, unsigned client);
+    [[nodiscard]] int takeError(SocketHandle handle);
+
+    // The daemon's end.
+    void listen(bool on);
+    [[nodiscard]] bool hasBacklog() const { return !backlog_.empty(); }
+    SocketHandle accept();
+
+    // Either end.
+    IoResult send(SocketHandle handle, const void* bytes, std::size_t size);
+    IoResult receive(SocketHandle handle, void* buffer, std::size_t size);
+    void endSending(SocketHandle handle);
+    [[nodiscard]] bool readable(SocketHandle handle) const;
+    [[nodiscard]] bool writable(SocketHandle handle) const;
+    [[nodiscard]] const Link* linkOf(SocketHandle handle) const;
+
+    // Faults, on all connections of a client.
+    void cut(unsigned client);
+    void stall(unsigned client, bool up, Milliseconds duration);
+    void refuse(Milliseconds duration);
+    void heal();
+
+    /// When the next stall or refusal ends; 0 for none.
+    [[nodiscard]] Milliseconds nextChange(Milliseconds now) const;
+    [[nodiscard]] std::uint64_t moved() const { return moved_; }
+
+    std::size_t capacity = 4096;  ///< of the pipes of connections made from now on
+
+  private:
+    struct Socket {
+        Kind kind = Kind::Tcp;
+        bool open = false;
+        bool isDaemons = false;
+        int error = 0;
+        std::shared_ptr<Link> link;
+        std::function<bool()> rings;
+
+        [[nodiscard]] Pipe& in() const { return isDaemons ? link->up : link->down; }
+        [[nodiscard]] Pipe& out() const { return isDaemons ? link->down : link->up; }
+    };
+    static constexpr SocketHandle kFirstHandle = 100;
+
+    [[nodiscard]] const Socket& at(SocketHandle handle) const;
+    [[nodiscard]] Socket& at(SocketHandle handle);
+    static void reset(Link& link);
+
+    std::vector<Socket> sockets_;
+    std::vector<std::weak_ptr<Link>> links_;
+    std::deque<std::shared_ptr<Link>> backlog_;
+    bool listening_ = false;
+    Milliseconds refusedUntil_ = 0;
+    std::uint64_t moved_ = 0;
+};
+
+}  // namespace kvx::sim
