@@ -49,14 +49,14 @@ bool Line::isOver(std::size_t steps) {
     steps_ += steps;
     if (isOver_ || steps_ < kStepsPerLook) return isOver_;
     steps_ = 0;
-    isOver_ = clock_() >= end_;
+    isOver_ = used_() >= end_;
     return isOver_;
 }
 
 // Returns the time that it took.
 Nanoseconds Line::slice(Worker& worker, Nanoseconds length) {
     const Nanoseconds begin = used_();
-    end_ = clock_() + length;
+    end_ = begin + length;
     steps_ = 0;
     isOver_ = false;
     worker.work();

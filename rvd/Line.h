@@ -54,7 +54,7 @@ class Line {
     static constexpr Nanoseconds kRun = 500'000;
 
     /// Steps between two looks at the clock.
-    static constexpr std::size_t kStepsPerLook = 16;
+    static constexpr std::size_t kStepsPerLook = 64;
 
     using Clock = Nanoseconds (*)();
 

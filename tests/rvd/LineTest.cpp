@@ -19,7 +19,7 @@ class Job : public Worker {
     ~Job() override { line_.leave(*this); }
     void work() override {
         ++slices;
-        while (left > 0 && !line_.isOver(16)) {
+        while (left > 0 && !line_.isOver(Line::kStepsPerLook)) {
             --left;
             now += step_;
         }
