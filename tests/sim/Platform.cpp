@@ -115,9 +115,6 @@ std::optional<std::string> findOnPath(const std::string& /*name*/) {
 Started startDaemon(const Program& /*program*/, const std::string& /*logName*/) {
     return {};
 }
-std::uint64_t physicalMemoryBytes() noexcept {
-    return world->machineMemory;
-}
 std::size_t raiseDescriptorLimit() {
     return kDescriptors;
 }

@@ -15,7 +15,7 @@ struct Kind {
 constexpr std::array<Kind, static_cast<std::size_t>(Deed::Count)> kKinds = {{
     {"join", 10},         {"leave", 4},       {"listen", 16},     {"cancel", 8}, {"publish", 30},
     {"request", 8},       {"arm", 8},         {"fail next", 4},   {"sleep", 3},  {"freeze", 4},
-    {"stall up", 3},      {"stall down", 6},  {"cut", 4},         {"refuse", 2}, {"fail daemon", 0},
+    {"stall up", 3},      {"stall down", 6},  {"cut", 4},         {"refuse", 2}, {"fail daemon", 2},
     {"freeze daemon", 2}, {"stop daemon", 1}, {"kill daemon", 2}, {"rest", 1},
 }};
 

@@ -113,20 +113,13 @@ void checkCounted() {
     if (matched != paid) world->fail("the ledger does not balance: " + world->counted);
 }
 
-// By the option or, where there is none, by what the machine has.
-template <class Options>
-void limitMemory(Options& options, std::uint64_t bytes) {
-    if constexpr (requires { options.memoryLimit; }) options.memoryLimit = bytes;
-    world->machineMemory = 2 * bytes;
-}
-
 // The daemon, and what starts it again.
 void Simulation::serve() {
     while (!daemonEnds_) {
         {
             rvd::Options options;
             options.queueLimit = plan_.queueLimit;
-            limitMemory(options, plan_.memory);
+            options.memoryLimit = plan_.memory;
             const rvd::Log log(rvd::LogLevel::Info);
             rvd::Server server(options, log);
             gracefully_ = killed_ = false;

@@ -86,7 +86,6 @@ class World {
     Ledger ledger;
     std::vector<std::unique_ptr<Program>> programs;
     std::uint64_t trace = 0;          ///< a hash of all that happened
-    std::uint64_t machineMemory = 0;  ///< bytes, as the daemon sees it
     std::string counted;              ///< the last "counted:" line of the daemon
     bool verbose = false;
     std::function<void(const std::string&)> report;
