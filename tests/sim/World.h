@@ -85,8 +85,8 @@ class World {
     Network network;
     Ledger ledger;
     std::vector<std::unique_ptr<Program>> programs;
-    std::uint64_t trace = 0;          ///< a hash of all that happened
-    std::string counted;              ///< the last "counted:" line of the daemon
+    std::uint64_t trace = 0;  ///< a hash of all that happened
+    std::string counted;      ///< the last "counted:" line of the daemon
     bool verbose = false;
     std::function<void(const std::string&)> report;
 
