@@ -121,7 +121,9 @@ class BasicSlotTable {
     struct Place {
         std::size_t part = 0;
         std::size_t slot = 0;
-        auto operator<=>(const Place&) const = default;
+        friend bool operator<(const Place& a, const Place& b) {
+            return a.part != b.part ? a.part < b.part : a.slot < b.slot;
+        }
     };
 
     [[nodiscard]] std::size_t partOf(std::uint32_t hash) const {
