@@ -111,11 +111,10 @@ static inline kvx_field kvx_integer(const char* name, int64_t integer) {
 /// The first field of that name, or null.
 static inline const kvx_field* kvx_find(const kvx_field* fields, size_t count, const char* name) {
     size_t i;
-    if (fields == NULL || name == NULL) return NULL;
-    for (i = 0; i < count; ++i) {
-        if (fields[i].name != NULL && strcmp(fields[i].name, name) == 0) return &fields[i];
+    for (i = 0; fields && name && i < count; ++i) {
+        if (fields[i].name && strcmp(fields[i].name, name) == 0) return &fields[i];
     }
-    return NULL;
+    return NULL;  // NOLINT(modernize-use-nullptr): this is C, too
 }
 
 /// Rows to walk, one thread at a time. They outlive what they came from.
