@@ -42,12 +42,18 @@ double millisecondsSince(Clock::time_point begin) {
     return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
 }
 
-int echo(std::uint16_t port) {
+// A session that hears `subject`, and says so to who waits for it.
+RawClient listener(std::uint16_t port, const char* subject) {
     RawClient client = RawClient::session(port);
-    client.listen(kQuestion);
+    client.listen(subject);
     client.settle();
     std::puts("ready");
     std::fflush(stdout);
+    return client;
+}
+
+int echo(std::uint16_t port) {
+    RawClient client = listener(port, kQuestion);
     while (true) {
         const std::string reply = client.expectNext().reply;
         if (!reply.empty()) client.send(kvx::test::dataMessage(reply, "yes"));
@@ -72,11 +78,7 @@ int source(std::uint16_t port, int rate, int seconds) {
 
 // Takes the stream to its end: "taken N lost N p99 MS seconds S".
 int sink(std::uint16_t port) {
-    RawClient client = RawClient::session(port);
-    client.listen(kStream);
-    client.settle();
-    std::puts("ready");
-    std::fflush(stdout);
+    RawClient client = listener(port, kStream);
     std::vector<double> delays;
     long last = -1;
     const auto begin = Clock::now();
