@@ -34,7 +34,8 @@ namespace {
 constexpr std::size_t kWriteSlices = 512;       // pieces per system call
 constexpr std::size_t kReadBeside = 32 * 1024;  // bytes, while many others work
 constexpr unsigned kLoopbackNet = 127;
-constexpr std::size_t kNameLength = 128;  // characters of a session's name in the log
+constexpr std::size_t kStepsAtOnce = 256;  // of a match, between two looks at the clock
+constexpr std::size_t kNameLength = 128;   // characters of a session's name in the log
 
 // Memory of a connection that holds nothing: this object, its peer, an empty queue, and libuv's and
 // the containers' part.
@@ -57,6 +58,13 @@ sockaddr_in peerName(const uv_tcp_t& tcp) {
 }
 
 }  // namespace
+
+Connection::Routing::Routing(Router& router, const Router::Session& from, SubjectView subject,
+                             const PayloadRef& routed)
+    : match(router, from, subject),
+      message(routed),
+      subjectAt(static_cast<std::size_t>(static_cast<const std::uint8_t*>(subject.data()) -
+                                         routed->bytes().data())) {}
 
 Connection::Connection(const ConnectionContext& context, std::uint64_t number)
     : MemoryHolder(context.account),
@@ -183,7 +191,7 @@ void Connection::onRead(ssize_t count, const char* bytes) {
 
 // Keeps what has arrived, which is in the shared buffer, and is not read before it is done.
 void Connection::keepRest() {
-    if (arrived_.empty()) return;
+    if (arrived_.empty() && !routing_) return;
     rest_.assign(arrived_.begin(), arrived_.end());
     arrived_ = rest_;
     isReading_ = false;
@@ -199,27 +207,31 @@ void Connection::work() {
     // Else the batch ends after the turns of all in the line: what is routed lies in `rest_`.
     if (rest_.empty()) context_.batch.end();
     if (state_ >= State::Failed) return;
-    const bool hasMore = !arrived_.empty() || (writingBytes_ == 0 && !outbox_.empty());
+    const bool hasMore = !arrived_.empty() || routing_ || (writingBytes_ == 0 && !outbox_.empty());
     if (hasMore) return context_.line.join(*this);
     endIfDone();
     if (state_ < State::Failed && !isReading_ && !startReading()) fail(UV_ENOMEM);
 }
 
 void Connection::takeBytes() {
-    if (arrived_.empty() || state_ != State::Open) {
+    if (state_ != State::Open) {
         arrived_ = {};
+        routing_.reset();
         return;
     }
+    if (routing_) route();
+    if (arrived_.empty()) return;
     const std::size_t left = peer_->receive(arrived_, now());
     arrived_ = arrived_.last(left);
 }
 
 void Connection::chargeIncoming() {
-    setCharge(Holding::Incoming, peer_->claimed() + rest_.capacity());
+    const std::size_t routing = routing_ ? routing_->match.memory() : 0;
+    setCharge(Holding::Incoming, peer_->claimed() + rest_.capacity() + routing);
 }
 
 bool Connection::mayGoOn() {
-    return !context_.line.isOver(1);
+    return !routing_ && !context_.line.isOver(1);
 }
 
 void Connection::deliver(const PayloadRef& message) {
@@ -237,6 +249,9 @@ void Connection::deliver(const PayloadRef& message) {
 
 // In the turn of another: what a connection in the line has to write waits for its own turn.
 void Connection::flush() {
+    if (state_ == State::Open && std::exchange(isDismissed_, false)) {
+        end(CloseReason::TooManyPatterns, LossCause::Patterns);
+    }
     if (state_ == State::Failed) return destroy();
     if (Line::isWaiting(*this)) return;
     writeWaiting(false);
@@ -383,13 +398,24 @@ bool Connection::giveUp() {
     if (state_ >= State::Failed) return false;
     context_.counters.add(Counter::ConnectionsEvicted);
     outbox_.endsFor(Drop::Memory);
-    guard([this] { logEnd(closeText(CloseReason::OutOfMemory)); });
     if (state_ != State::Open || outbox_.isWithinEntry()) fail(UV_ENOBUFS);
-    if (state_ == State::Open) outbox_.announceEnd(LossCause::Memory);
-    guard([this] { peer_->evict(); });
-    leaveSession();
+    end(CloseReason::OutOfMemory, LossCause::Memory);
     setCharge(Holding::Incoming, 0);
     return false;
+}
+
+// Within the turn of the sender of a message, which may be this session.
+void Connection::dismiss() {
+    isDismissed_ = true;
+    context_.batch.add(*this);
+}
+
+// Ends it for a limit of the daemon, and says so as long as it can be told.
+void Connection::end(CloseReason reason, LossCause cause) {
+    guard([&] { logEnd(closeText(reason)); });
+    if (state_ == State::Open) outbox_.announceEnd(cause);
+    guard([&] { peer_->end(reason); });
+    leaveSession();
 }
 
 void Connection::sendFin() {
@@ -398,6 +424,7 @@ void Connection::sendFin() {
 }
 
 void Connection::leaveSession() {
+    routing_.reset();
     if (session_ == nullptr) return;
     context_.router.leave(*std::exchange(session_, nullptr));
     setCharge(Holding::Listens, 0);
@@ -460,11 +487,26 @@ void Connection::cancel(SubjectView subject) {
 
 void Connection::publish(SubjectView subject, const PayloadRef& message) {
     if (session_ == nullptr) return;
-    const auto reached = context_.router.match(*session_, subject);
-    if (reached.empty()) return context_.counters.add(Counter::MessagesUnmatched);
     context_.batch.hold(message);
-    for (Receiver* receiver : reached) receiver->deliver(message);
-    (void)context_.line.isOver(reached.size());
+    routing_.emplace(context_.router, *session_, subject, message);
+    route();
+    if (routing_) message->chargeTo(context_.account);
+}
+
+// Until the message has reached everybody or the turn is over.
+void Connection::route() {
+    bool isOver = false;
+    while (!isOver && routing_->message->size() != 0) {
+        const auto found = routing_->match.advance(routing_->subject(), kStepsAtOnce);
+        for (Receiver* receiver : found) receiver->deliver(routing_->message);
+        if (routing_->match.isDone()) {
+            if (!routing_->match.hasFound()) context_.counters.add(Counter::MessagesUnmatched);
+            (void)context_.line.isOver(found.size());
+            break;
+        }
+        isOver = context_.line.isOver(kStepsAtOnce);
+    }
+    if (!isOver) routing_.reset();
 }
 
 void Connection::close(CloseReason reason) {

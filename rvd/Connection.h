@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -77,6 +78,7 @@ class Connection final : private MemoryHolder,
 
     // Receiver: writes first when queueing the message would drop another one. Needs no memory.
     void deliver(const PayloadRef& message) override;
+    void dismiss() override;
 
     // BatchMember
     void flush() override;
@@ -103,6 +105,19 @@ class Connection final : private MemoryHolder,
     // MemoryHolder
     bool giveUp() override;
 
+    /// The message being routed.
+    struct Routing {
+        Routing(Router& router, const Router::Session& from, SubjectView subject,
+                const PayloadRef& routed);
+        [[nodiscard]] SubjectView subject() const {
+            return SubjectView::trusted(message->bytes().data() + subjectAt);
+        }
+
+        Router::Match match;
+        PayloadRef message;
+        std::size_t subjectAt;  // in the message, whose bytes move when they are kept
+    };
+
     template <class Step>
     void guard(Step&& step) noexcept;
     bool start();
@@ -110,6 +125,7 @@ class Connection final : private MemoryHolder,
     [[nodiscard]] uv_buf_t readBuffer();
     void onRead(ssize_t count, const char* bytes);
     void takeBytes();
+    void route();
     void keepRest();
     void chargeIncoming();
     [[nodiscard]] bool startReading();
@@ -121,6 +137,7 @@ class Connection final : private MemoryHolder,
     void writeFront();
     void sendFin();
     void fail(int status);
+    void end(CloseReason reason, LossCause cause);
     void leaveSession();
     bool noteDeliveries();
     void noteLosses(bool hasTaken);
@@ -145,6 +162,8 @@ class Connection final : private MemoryHolder,
     bool isReading_ = false;
     std::uint64_t readTurn_ = 0;  // the turn of the last read
     Router::Session* session_ = nullptr;
+    std::optional<Routing> routing_;  // unless it has reached everybody
+    bool isDismissed_ = false;
     std::size_t writingBytes_ = 0;  // bytes of the queue in write_; 0: no write is pending in libuv
     std::uint64_t lossesSeen_ = 0;  // up to the last tick
     std::uint64_t lossesToldOf_ = 0;    // when it kept up last

@@ -21,10 +21,11 @@ struct CauseName {
     LossCause cause;
     const char* text;
 };
-constexpr std::array<CauseName, 3> kCauseNames = {{
+constexpr std::array<CauseName, 4> kCauseNames = {{
     {LossCause::SlowReader, "slow reader"},
     {LossCause::Memory, "daemon memory"},
     {LossCause::TooLarge, "message too large"},
+    {LossCause::Patterns, "patterns take more than 1024 steps"},
 }};
 
 bool fillBody(void* body, const Loss& loss) {

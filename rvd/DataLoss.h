@@ -6,11 +6,12 @@
 
 namespace kvx::rvd {
 
-/// Why a copy was dropped from an open session's queue.
+/// Why a copy was dropped from an open session's queue, or why a session was ended.
 enum class LossCause : std::uint8_t {
     SlowReader = 1,  ///< the session's own queue was full
     Memory = 2,      ///< all queues together were full
-    TooLarge = 4     ///< the message is larger than the session's whole queue
+    TooLarge = 4,    ///< the message is larger than the session's whole queue
+    Patterns = 8     ///< the session's patterns cost a message too much
 };
 
 /// A session's loss that was not announced yet. Without messages: the end of the session.
@@ -27,7 +28,8 @@ struct Loss {
     }
 };
 
-/// "slow reader", "daemon memory" and "message too large", joined by ", ".
+/// "slow reader", "daemon memory", "message too large" and "patterns take more than 1024 steps",
+/// joined by ", ".
 [[nodiscard]] std::string causeText(std::uint8_t causes);
 
 /// The data message that announces a loss: on "_RV.WARN.SYSTEM.DATALOSS", its data a nested message

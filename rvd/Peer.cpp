@@ -44,6 +44,8 @@ const char* closeText(CloseReason reason) {
             return "too many bytes before the init message";
         case CloseReason::TooManyListens:
             return "too many listens";
+        case CloseReason::TooManyPatterns:
+            return "its patterns take more than 1024 steps to match one message";
         case CloseReason::OutOfMemory:
             return "it held most of a full memory";
         case CloseReason::TimedOut:
@@ -275,9 +277,9 @@ void Peer::shutDown() {
     closeWithNotice(CloseReason::ShuttingDown);
 }
 
-void Peer::evict() {
+void Peer::end(CloseReason reason) {
     reader_ = {};
-    closeWithNotice(CloseReason::OutOfMemory);
+    closeWithNotice(reason);
 }
 
 void Peer::closeWithNotice(CloseReason reason) {

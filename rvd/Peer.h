@@ -24,9 +24,10 @@ enum class CloseReason : std::uint8_t {
     NoInit,         ///< something other than an init message came first
     TooMuchAtOnce,  ///< too many bytes before the first init message
     TooManyListens,
-    OutOfMemory,  ///< it held most of a full memory
-    TimedOut,     ///< no init in time, or silence for too long
-    ShuttingDown  ///< the daemon ends
+    TooManyPatterns,  ///< they cost a message too much
+    OutOfMemory,      ///< it held most of a full memory
+    TimedOut,         ///< no init in time, or silence for too long
+    ShuttingDown      ///< the daemon ends
 };
 [[nodiscard]] const char* closeText(CloseReason reason);
 
@@ -90,9 +91,9 @@ class Peer {
     /// The daemon ends: sends a close notice once the link is set up.
     void shutDown();
 
-    /// Ends the connection because of the limit of memory, with a close notice once the link is
-    /// set up, and forgets the message being received. `receive` must not be running.
-    void evict();
+    /// Ends the connection because of a limit, with a close notice once the link is set up, and
+    /// forgets the message being received. `receive` must not be running.
+    void end(CloseReason reason);
 
     [[nodiscard]] PeerState state() const { return state_; }
     /// Bytes of memory held for a message that is not whole.

@@ -4,11 +4,17 @@
 // have left and still have listens: to undo many at once would take too long. The tree holds
 // one entry per session and subject, however often the listen was made: the session has the count,
 // by the number that the tree has given to the subject.
-// A match collects each session once, although several of its listens may match: a session stores
-// the number of the last match that found it.
+// Patterns of a session beyond the first few go into a tree of its own, which a match leaves as
+// soon as it has found one: however many of them fit, and whatever they share with one another, a
+// message pays for a bounded number of steps. A session whose own tree takes more has to go.
+//
+// A match finds each session once, although several of its listens may fit. In its first turn,
+// which mostly is the only one, it marks the sessions with its number; other matches come in
+// between the following ones, for which it remembers whom it has found.
 
 #include "rvd/Router.h"
 
+#include <algorithm>
 #include <iterator>
 #include <limits>
 #include <random>
@@ -23,13 +29,35 @@ struct Router::Space {
     const SpaceName name;
     const SubjectHash hash{std::random_device()()};  // of the numbers of subjects
     SubjectTree<Session> tree;
+    std::map<std::uint64_t, std::shared_ptr<OwnTree>> ownTrees;  // by number
+    std::uint64_t newestOwn = 0;
     Sessions sessions;
     std::size_t left = 0;  // sessions that have left, and still have listens
+};
+
+// The patterns of one session beyond the first few. A match may hold it longer than the session.
+struct Router::OwnTree {
+    OwnTree(std::uint64_t ownNumber, Session& owner)
+        : number(ownNumber), session(&owner), listens({owner.space_.hash}) {}
+
+    const std::uint64_t number;
+    Session* session;  // null when it has none of these patterns any more
+    SubjectTree<Session> tree;
+    Listens listens;
+};
+
+// Where a session has, or would have, its listen to a subject.
+struct Router::Place {
+    SubjectTree<Session>& tree;
+    Listens& listens;
+    Listen* listen;  // null: none
 };
 
 namespace {
 
 constexpr std::size_t kFewListens = 64;
+constexpr std::size_t kFewPatterns = 64;  // in the tree of the space
+constexpr std::size_t kOwnTreeCost = 16'384;
 // What a listen takes, in the session and in the tree: at most this, whatever its subject.
 std::size_t listenCost(SubjectView subject) {
     constexpr std::size_t kMessageBytes = 32;  // of a listen message besides the subject
@@ -86,37 +114,73 @@ void Router::leave(Session& session) {
 bool Router::clearUp(std::size_t most) {
     for (; most > 0 && !left_.empty(); --most) {
         Session& session = *left_.front();
-        if (Listen* const listen = session.listens_.any(); listen != nullptr) {
-            undo(session, *listen);
-            continue;
-        }
         Space& space = session.space_;
-        left_.pop_front();
-        if (--space.left == 0 && space.sessions.empty()) spaces_.erase(spaces_.find(space.name));
+        if (Listen* const listen = session.listens_.any(); listen != nullptr) {
+            undo(session, {space.tree, session.listens_, listen});
+        } else if (session.own_) {
+            OwnTree& own = *session.own_;
+            undo(session, {own.tree, own.listens, own.listens.any()});
+        } else {
+            left_.pop_front();
+            if (--space.left == 0 && space.sessions.empty())
+                spaces_.erase(spaces_.find(space.name));
+        }
     }
     return hasLeft();
 }
 
-void Router::undo(Session& session, Listen& listen) {
-    (void)session.space_.tree.remove(listen.subject, &session);
-    session.listens_.erase(&listen);
+void Router::undo(Session& session, const Place& place) {
+    (void)place.tree.remove(place.listen->subject, &session);
+    place.listens.erase(place.listen);
+    if (!session.own_ || session.own_->listens.size() != 0) return;
+    session.space_.ownTrees.erase(session.own_->number);
+    session.own_->session = nullptr;
+    session.own_.reset();
+    session.listenBytes_ -= kOwnTreeCost;
 }
 
-Router::Listen* Router::listenOf(const Session& session, SubjectView subject) {
-    const Listen wanted{session.space_.tree.find(subject)};
-    if (wanted.subject == 0) return nullptr;
-    return session.listens_.find(
-        ListenHash{session.space_.hash}(wanted),
-        [wanted](const Listen& listen) { return listen.subject == wanted.subject; });
+Router::Place Router::placeOf(Session& session, SubjectView subject) {
+    const SubjectHash& hash = session.space_.hash;
+    const auto placeIn = [subject, &hash](SubjectTree<Session>& tree, Listens& listens) -> Place {
+        const Listen wanted{tree.find(subject)};
+        if (wanted.subject == 0) return {tree, listens, nullptr};
+        return {tree, listens,
+                listens.find(ListenHash{hash}(wanted), [wanted](const Listen& known) {
+                    return known.subject == wanted.subject;
+                })};
+    };
+    const Place shared = placeIn(session.space_.tree, session.listens_);
+    if (shared.listen != nullptr || !session.own_) return shared;
+    const Place own = placeIn(session.own_->tree, session.own_->listens);
+    return own.listen != nullptr ? own : shared;
+}
+
+// The place of a new listen.
+Router::Place Router::placeFor(Session& session, SubjectView subject) {
+    Space& space = session.space_;
+    if (session.patterns_ < kFewPatterns || !subject.hasWildcards()) {
+        return {space.tree, session.listens_, nullptr};
+    }
+    if (!session.own_) {
+        const std::uint64_t number = ++space.newestOwn;
+        auto own = std::make_shared<OwnTree>(number, session);
+        space.ownTrees.emplace(number, own);
+        session.own_ = std::move(own);
+        session.listenBytes_ += kOwnTreeCost;
+    }
+    return {session.own_->tree, session.own_->listens, nullptr};
 }
 
 bool Router::listen(Session& session, SubjectView subject) {
-    Listen* const known = listenOf(session, subject);
+    Listen* const known = placeOf(session, subject).listen;
     if (known == nullptr) {
-        if (session.listens_.size() >= kMaxListens) return false;
-        session.listens_.makeRoom();
-        session.listens_.insert({session.space_.tree.add(subject, &session), 1});
+        const std::size_t own = session.own_ ? session.own_->listens.size() : 0;
+        if (session.listens_.size() + own >= kMaxListens) return false;
+        const Place place = placeFor(session, subject);
+        place.listens.makeRoom();
+        place.listens.insert({place.tree.add(subject, &session), 1});
         session.listenBytes_ += listenCost(subject);
+        if (&place.listens == &session.listens_ && subject.hasWildcards()) ++session.patterns_;
     } else if (known->number == std::numeric_limits<std::uint32_t>::max()) {
         return true;
     } else {
@@ -128,29 +192,101 @@ bool Router::listen(Session& session, SubjectView subject) {
 }
 
 void Router::cancel(Session& session, SubjectView subject) {
-    Listen* const known = listenOf(session, subject);
-    if (known == nullptr) return;
+    const Place place = placeOf(session, subject);
+    if (place.listen == nullptr) return;
     counters_.subtract(Counter::ListensOpen);
     --session.listenCount_;
-    if (known->number > 1) {
-        --known->number;
-    } else {
-        session.listenBytes_ -= listenCost(subject);
-        undo(session, *known);
+    if (place.listen->number > 1) {
+        --place.listen->number;
+        return;
+    }
+    session.listenBytes_ -= listenCost(subject);
+    if (&place.listens == &session.listens_ && subject.hasWildcards()) --session.patterns_;
+    undo(session, place);
+}
+
+// A place in the tree of one session.
+struct Router::Match::OwnSearch {
+    OwnSearch(std::shared_ptr<OwnTree> ownTree, SubjectMatch how)
+        : own(std::move(ownTree)),
+          search(own->tree, how),
+          // A message on a pattern is compared with every subject, which is its sender's doing.
+          stepsLeft(how == SubjectMatch::kCovered ? std::numeric_limits<std::size_t>::max()
+                                                  : kMaxSteps) {}
+
+    const std::shared_ptr<OwnTree> own;
+    SubjectTree<Session>::Search search;
+    std::size_t stepsLeft;
+};
+
+Router::Match::Match(Router& router, const Session& from, SubjectView subject)
+    : router_(router),
+      space_(from.space_),
+      how_(matchFor(subject)),
+      number_(++router.matchNumber_),
+      shared_(space_.tree, how_) {}
+
+Router::Match::~Match() = default;
+
+std::size_t Router::Match::memory() const {
+    constexpr std::size_t kNode = 4 * sizeof(void*);  // of the set, with its block
+    return seen_.size() * kNode + seen_.bucket_count() * sizeof(void*);
+}
+
+std::span<Receiver* const> Router::Match::advance(SubjectView subject, std::size_t steps) {
+    auto& found = router_.found_;
+    found.clear();
+    const bool isThrough =
+        shared_.advance(subject, steps, [this](Session& session) { find(session); });
+    if (isThrough) searchOwn(subject, steps);
+    hasFound_ = hasFound_ || !found.empty();
+    if (isFirstTurn_ && !isDone_) seen_.insert(found.begin(), found.end());
+    isFirstTurn_ = false;
+    return found;
+}
+
+void Router::Match::find(Session& session) {
+    if (session.receiver_ == nullptr || session.lastMatch_ == number_) return;
+    session.lastMatch_ = number_;
+    if (!isFirstTurn_ && !seen_.insert(session.receiver_).second) return;
+    router_.found_.push_back(session.receiver_);
+}
+
+void Router::Match::searchOwn(SubjectView subject, std::size_t& steps) {
+    while (steps > 0) {
+        if (!own_) {
+            isDone_ = !enterNext();
+            if (isDone_) return;
+            --steps;
+            continue;
+        }
+        std::size_t left = std::min(steps, own_->stepsLeft);
+        own_->stepsLeft -= left;
+        steps -= left;
+        bool hasHit = false;
+        const bool isThrough = own_->search.advance(subject, left, [&](Session& session) {
+            find(session);
+            hasHit = true;
+            return false;
+        });
+        own_->stepsLeft += left;
+        steps += left;
+        const bool isTooCostly = !hasHit && !isThrough && own_->stepsLeft == 0;
+        Session* const owner = own_->own->session;
+        if (isTooCostly && owner != nullptr && owner->receiver_ != nullptr) {
+            owner->receiver_->dismiss();
+        }
+        if (hasHit || isThrough || isTooCostly) own_.reset();
     }
 }
 
-std::span<Receiver* const> Router::match(const Session& from, SubjectView subject) {
-    matched_.clear();
-    ++matchNumber_;
-    SubjectTree<Session>::Search search(from.space_.tree, matchFor(subject));
-    std::size_t steps = std::numeric_limits<std::size_t>::max();
-    search.advance(subject, steps, [this](Session& session) {
-        if (session.receiver_ == nullptr || session.lastMatch_ == matchNumber_) return;
-        session.lastMatch_ = matchNumber_;
-        matched_.push_back(session.receiver_);
-    });
-    return matched_;
+// Goes to the next session's tree. False when there is none.
+bool Router::Match::enterNext() {
+    const auto next = space_.ownTrees.upper_bound(lastOwn_);
+    if (next == space_.ownTrees.end()) return false;
+    lastOwn_ = next->first;
+    own_ = std::make_unique<OwnSearch>(next->second, how_);
+    return true;
 }
 
 }  // namespace kvx::rvd

@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -24,6 +25,9 @@ class Receiver {
   public:
     virtual ~Receiver() = default;
     virtual void deliver(const PayloadRef& message) = 0;
+    /// The patterns of its session cost too much: the session must leave, though not within this
+    /// call.
+    virtual void dismiss() {}
 };
 
 /// Sessions, their spaces, and their listens.
@@ -34,8 +38,13 @@ class Router {
   public:
     /// Distinct subjects that one session may listen to.
     static constexpr std::size_t kMaxListens = 262'144;
+    /// Steps that the patterns of one session, but for the first few, may cost a message that fits
+    /// none of them: about two for each node of the tree that it reaches. Patterns of n elements
+    /// with wildcards at the same places cost about 2 n together.
+    static constexpr std::size_t kMaxSteps = 1'024;
 
     class Session;
+    class Match;
 
     explicit Router(Counters& counters);
     Router(const Router&) = delete;
@@ -62,10 +71,6 @@ class Router {
     /// Undoes one listen; one that was never made is ignored.
     void cancel(Session& session, SubjectView subject);
 
-    /// The receivers of the sessions that match a message of `from` on `subject`, `from` included,
-    /// each once. The span is valid until the next call of any function.
-    [[nodiscard]] std::span<Receiver* const> match(const Session& from, SubjectView subject);
-
     [[nodiscard]] std::size_t spaces() const { return spaces_.size(); }
 
   private:
@@ -82,19 +87,20 @@ class Router {
     };
     using Listens = BasicSlotTable<Listen, ListenHash>;
     struct Space;
+    struct OwnTree;
+    struct Place;
     using SpaceName = std::pair<std::string, std::string>;
-
     using Sessions = std::list<std::unique_ptr<Session>>;
 
-    static Listen* listenOf(const Session& session, SubjectView subject);
-    static void undo(Session& session, Listen& listen);
+    static Place placeOf(Session& session, SubjectView subject);
+    static Place placeFor(Session& session, SubjectView subject);
+    static void undo(Session& session, const Place& place);
 
     Counters& counters_;
     std::map<SpaceName, std::unique_ptr<Space>> spaces_;
-    Sessions left_;  // sessions that have left, and still have listens
-    std::vector<Receiver*> matched_;
-    std::uint64_t matchNumber_ =
-        0;  // identifies sessions already collected for the current message
+    Sessions left_;                  // sessions that have left, and still have listens
+    std::vector<Receiver*> found_;   // in one turn of a match
+    std::uint64_t matchNumber_ = 0;  // of the newest match
 };
 
 /// One peer after its init. Owned by the router.
@@ -113,9 +119,53 @@ class Router::Session {
     Receiver* receiver_;  // null once it has left
     Sessions::iterator place_;
     std::uint64_t listenCount_ = 0;
-    std::uint64_t lastMatch_ = 0;
+    std::uint64_t lastMatch_ = 0;  // the newest match that has found it
     std::size_t listenBytes_ = 0;
-    Listens listens_;
+    std::size_t patterns_ = 0;  // of `listens_`
+    Listens listens_;           // in the tree of the space
+    std::shared_ptr<OwnTree> own_;
+};
+
+/// The way of one message to the sessions that match it, its sender included, in turns of bounded
+/// work. Between turns everything may change: who listens only then may be found or not. The router
+/// must outlive it.
+class Router::Match {
+  public:
+    /// Of a message of `from`, which may leave only after the end of this object.
+    Match(Router& router, const Session& from, SubjectView subject);
+    Match(const Match&) = delete;
+    Match& operator=(const Match&) = delete;
+    ~Match();
+
+    /// Goes on by up to `steps` steps, each of some 10 to 500 ns. Returns the receivers that it has
+    /// found, each once in all turns; valid until the next call of any function of the router.
+    /// `subject` must have the same bytes in every turn. Throws `std::bad_alloc`.
+    [[nodiscard]] std::span<Receiver* const> advance(SubjectView subject, std::size_t steps);
+
+    [[nodiscard]] bool isDone() const { return isDone_; }
+    /// Whether any turn has found somebody.
+    [[nodiscard]] bool hasFound() const { return hasFound_; }
+    /// Bytes of memory besides this object.
+    [[nodiscard]] std::size_t memory() const;
+
+  private:
+    struct OwnSearch;
+
+    void find(Session& session);
+    void searchOwn(SubjectView subject, std::size_t& steps);
+    bool enterNext();
+
+    Router& router_;
+    Space& space_;
+    const SubjectMatch how_;
+    const std::uint64_t number_;
+    SubjectTree<Session>::Search shared_;
+    std::unique_ptr<OwnSearch> own_;  // the tree being searched
+    std::uint64_t lastOwn_ = 0;       // the number of the last one
+    bool isFirstTurn_ = true;
+    bool hasFound_ = false;
+    bool isDone_ = false;
+    std::unordered_set<Receiver*> seen_;  // found in earlier turns
 };
 
 }  // namespace kvx::rvd

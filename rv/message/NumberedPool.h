@@ -82,7 +82,7 @@ class NumberedPool {
     }
 
   private:
-    static constexpr unsigned kPerBlock = 256;
+    static constexpr unsigned kPerBlock = 64;
     static constexpr std::size_t kNone = ~std::size_t{0};
 
     struct Block {
@@ -120,8 +120,13 @@ class NumberedPool {
 
     void addBlock() {
         auto made = std::make_unique_for_overwrite<Block>();
-        auto place = std::find(blocks_.begin(), blocks_.end(), nullptr);
-        if (place == blocks_.end()) place = blocks_.insert(place, nullptr);
+        auto place = blocks_.end();
+        if (freed_ != 0) place = std::find(blocks_.begin(), blocks_.end(), nullptr);
+        if (place == blocks_.end()) {
+            place = blocks_.insert(place, nullptr);
+        } else {
+            --freed_;
+        }
         const auto index = static_cast<std::size_t>(place - blocks_.begin());
         *place = std::move(made);
         link(index);
@@ -140,7 +145,8 @@ class NumberedPool {
         blocks_[index].reset();
         free_ -= kPerBlock;
         --empty_;
-        while (blocks_.back() == nullptr) blocks_.pop_back();
+        ++freed_;
+        for (; blocks_.back() == nullptr; --freed_) blocks_.pop_back();
     }
 
     void link(std::size_t index) noexcept {
@@ -161,6 +167,7 @@ class NumberedPool {
     std::size_t withRoom_ = kNone;                // the first of the list
     std::size_t free_ = 0;                        // places in all blocks
     std::size_t empty_ = 0;                       // blocks without objects
+    std::size_t freed_ = 0;                       // null ones of `blocks_`
 };
 
 }  // namespace kvx

@@ -86,12 +86,14 @@ class SubjectTree {
 
         /// Goes on until the match is done, which returns true, or `steps` steps, each of some 10
         /// to 500 ns, are used up; `steps` is lowered by those made. `subject` must have the same
-        /// bytes in every turn, at any address. `visit(Subscription&)` must not change the tree;
-        /// between turns, it may change.
+        /// bytes in every turn, at any address. `visit(Subscription&)` may return false, which ends
+        /// the turn, and must not change the tree; between turns, it may change.
         template <class Visit>
         bool advance(SubjectView subject, std::size_t& steps, Visit&& visit) {
             SubjectIndex::Search::Turn turn(search_, subject);
-            while (void* const found = turn.next(steps)) visit(*static_cast<Subscription*>(found));
+            while (void* const found = turn.next(steps)) {
+                if (!shallGoOn(visit, found)) break;
+            }
             return search_.isDone();
         }
 

@@ -41,6 +41,13 @@ class Bounds : public testing::Test {
         EXPECT_TRUE(eventually([&] { return residentBytes(daemon.pid()) < bytes; }))
             << residentBytes(daemon.pid()) / kMiB << " MiB";
     }
+    static void expectEndedFor(RawClient& client, const char* cause) {
+        const Received notice = client.expectNext();
+        EXPECT_EQ(notice.subject, "_RV.WARN.SYSTEM.DATALOSS");
+        const auto data = kvx::findField(notice.bytes, "data");
+        EXPECT_EQ(kvx::findField(data->bytes(), "cause")->text(), cause);
+        EXPECT_TRUE(client.expectClosed());
+    }
     std::map<std::string, std::uint64_t> countersAtEnd() {
         sender.close();
         daemon.askToStop();
@@ -77,13 +84,25 @@ TEST_F(Bounds, EndWhoHasTheLargestMessageHalfReadAndTellIt) {
     RawClient second = RawClient::session(daemon.port());
     first.send(giant.first(4'000'000));
     second.send(giant.first(20'000'000));
-    const Received notice = second.expectNext();
-    EXPECT_EQ(notice.subject, "_RV.WARN.SYSTEM.DATALOSS");
-    const auto data = kvx::findField(notice.bytes, "data");
-    EXPECT_EQ(kvx::findField(data->bytes(), "cause")->text(), "daemon memory");
-    EXPECT_TRUE(second.expectClosed());
+    expectEndedFor(second, "daemon memory");
     first.send(giant.subspan(4'000'000));
     first.settle();
+}
+
+// The n-th pattern has a "*" at each bit of n; all fit but for the last element. The message is its
+// own, read with the last listen.
+TEST_F(Bounds, EndWhosePatternsCostAMessageTooMuchAndTellIt) {
+    RawClient client = RawClient::session(daemon.port());
+    for (unsigned i = 0; i < 2048; ++i) {
+        std::string pattern;
+        for (unsigned bit = 1; bit < 2048; bit *= 2) pattern += (i & bit) != 0 ? "*." : "a.";
+        client.listen(pattern + "z");
+    }
+    client.publish("a.a.a.a.a.a.a.a.a.a.a.y", "");
+    expectEndedFor(client, "patterns take more than 1024 steps");
+    EXPECT_NE(daemon.awaitLog("is closed: its patterns take more than 1024 steps"), "");
+    client.close();
+    EXPECT_EQ(countersAtEnd()["connections.failed"], 1U);
 }
 
 TEST_F(Bounds, DropTheOldestOfWhoHoldsMostAndNothingOfOthers) {

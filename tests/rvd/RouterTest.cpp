@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <set>
+#include <utility>
 
 #include "tests/support/FailingNew.h"
 
@@ -14,7 +15,9 @@ namespace {
 struct Named final : Receiver {
     explicit Named(const char* letter) : name(letter) {}
     void deliver(const PayloadRef& /*message*/) override {}
+    void dismiss() override { isDismissed = true; }
     std::string name;
+    bool isDismissed = false;
 };
 
 class Routing : public testing::Test {
@@ -35,11 +38,19 @@ class Routing : public testing::Test {
     void cancel(Router::Session& session, const char* subject) {
         router.cancel(session, *Subject::fromText(subject));
     }
-    // The names of those that a message reaches, one letter each.
-    std::string reached(Router::Session& from, const char* subject) {
+    // The names of those that a message reaches, one letter each. `steps` at a time, and what
+    // `between` does.
+    std::string reached(
+        Router::Session& from, const char* subject, std::size_t steps = 1'000'000,
+        const std::function<void()>& between = [] {}) {
+        const auto encoded = *Subject::fromText(subject);
+        Router::Match match(router, from, encoded);
         std::multiset<std::string> found;
-        for (const auto* receiver : router.match(from, *Subject::fromText(subject))) {
-            found.insert(dynamic_cast<const Named&>(*receiver).name);
+        while (!match.isDone()) {
+            for (const auto* receiver : match.advance(encoded, steps)) {
+                found.insert(dynamic_cast<const Named&>(*receiver).name);
+            }
+            between();
         }
         std::string text;
         for (const auto& name : found) text += name;
@@ -104,6 +115,71 @@ TEST_F(Routing, ClearsUpAfterASessionOfManyListensInSteps) {
     while (router.clearUp(100)) ++steps;
     EXPECT_EQ(steps, 11);
     EXPECT_EQ(router.spaces(), 0U);
+}
+
+// Other messages are matched, and sessions come and go, between any two steps of a match.
+TEST_F(Routing, ReachesEachListenerOnceInTurnsOfOneStep) {
+    auto& a = join("a", {"X.Y", "X.*", ">", "*.Y", "*.*"});
+    auto* b = &join("b", {"X.Y", "X.>"});
+    join("c", {"X.*", "*.Y"});
+    EXPECT_EQ(reached(a, "X.Y", 1, [&] { EXPECT_EQ(reached(a, "X.Z"), "abc"); }), "abc");
+    EXPECT_EQ(reached(a, "X.*", 1, [&] { EXPECT_EQ(reached(a, "X.*", 2), "abc"); }), "abc");
+    const auto replaceB = [&] {
+        router.leave(*b);
+        b = &join("d", {"X.Y", "X.>"});
+    };
+    EXPECT_EQ(reached(a, "X.Y", 1, replaceB), "ac") << "b leaves before, d joins after it began";
+}
+
+// Beyond some of them, they are in a tree of their own.
+TEST_F(Routing, FindsASessionOfManyPatternsOnceAndForgetsWhatItCancels) {
+    auto& a = join("a", {"X.1", "Z.1"});
+    auto& b = join("b", {});
+    const auto pattern = [](int i) { return "*." + std::to_string(i); };
+    for (int i = 0; i < 300; ++i) listen(a, pattern(i).c_str());
+    listen(a, "*.299");
+    for (const char* subject : {"X.1", "Y.1", "Y.299", "*.299"}) {
+        EXPECT_EQ(reached(b, subject), "a") << subject;
+        EXPECT_EQ(reached(b, subject, 1), "a") << subject;
+    }
+    EXPECT_EQ(reached(b, "Y.300"), "");
+    for (int i = 0; i < 300; ++i) cancel(a, pattern(i).c_str());
+    EXPECT_EQ(reached(b, "Y.1"), "");
+    EXPECT_EQ(reached(b, "Y.299"), "a") << "listened to twice";
+    EXPECT_EQ(reached(b, ">"), "a") << "it covers a literal subject";
+    cancel(a, "*.299");
+    EXPECT_EQ(counters[Counter::ListensOpen], 2U);
+    for (int i = 0; i < 300; ++i) listen(a, pattern(i).c_str());
+    bool hasLeft = false;
+    const auto leaveOnce = [&] {
+        if (!std::exchange(hasLeft, true)) router.leave(a);
+        (void)router.clearUp(50);
+    };
+    EXPECT_EQ(reached(b, "*.*", 66, leaveOnce), "a") << "it leaves while its tree is searched";
+    router.leave(b);
+    while (router.clearUp(100)) {
+    }
+    EXPECT_EQ(router.spaces(), 0U);
+}
+
+// The n-th has a "*" at each bit of n; all fit but for the last element.
+TEST_F(Routing, DismissesASessionWhosePatternsCostAMessageTooMuch) {
+    auto& a = join("a", {});
+    auto& b = join("b", {"a.>"});
+    for (unsigned i = 0; i < 4096; ++i) {
+        std::string pattern;
+        for (unsigned bit = 1; bit < 4096; bit *= 2) pattern += (i & bit) != 0 ? "*." : "a.";
+        listen(a, (pattern + "z").c_str());
+    }
+    EXPECT_EQ(reached(b, "a.a.a.a.a.a.a.a.a.a.a.a.z"), "ab") << "one hit is enough";
+    EXPECT_EQ(reached(b, "*.*.*.*.*.*.*.*.*.*.*.*.y"), "") << "covers none";
+    EXPECT_FALSE(names[0]->isDismissed);
+    EXPECT_EQ(reached(b, "a.a.a.a.a.a.a.a.a.a.a.a.y", 100), "b");
+    EXPECT_TRUE(names[0]->isDismissed);
+    router.leave(a);
+    while (router.clearUp(100)) {
+    }
+    EXPECT_EQ(reached(b, "a.a.a.a.a.a.a.a.a.a.a.a.y"), "b");
 }
 
 TEST_F(Routing, IsUnchangedByAJoinOrAListenWithoutMemory) {
