@@ -68,9 +68,14 @@ void Service::Answering::startPool() {
 void Service::Answering::onData(const char* subject, RvSender* replyTo, const RvDatum& data,
                                 RvListener* listener) {
     if (replyTo == nullptr || isEnding_) return;
+    engine_.REDoAndSend([&] { take(subject, *replyTo, data, listener); });
+}
+
+void Service::Answering::take(const char* subject, const RvSender& replyTo, const RvDatum& data,
+                              RvListener* listener) {
     CVekQryInfo info(subject, nullptr, data, listener);
     Asked asked{.text = {},
-                .replySubject = replyTo->subject(),
+                .replySubject = replyTo.subject(),
                 .version = info.RQIVersion() == VEK_TRANS_V1 ? VEK_TRANS_V1 : VEK_TRANS_V0,
                 .window = conversation::readWindow(data)};
     if (isNumbered_) asked.since = readHistoryQuestion(data);

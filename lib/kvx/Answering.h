@@ -69,6 +69,8 @@ class Service::Answering : private RvDataCallback {
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
                 RvListener* listener) override;
+    void take(const char* subject, const RvSender& replyTo, const RvDatum& data,
+              RvListener* listener);
     void startPool();
     [[nodiscard]] bool isActing();
     void answerOrHold(detail::Asked asked);

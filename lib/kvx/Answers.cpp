@@ -183,6 +183,10 @@ void Answers::endUnbegun() {
 }
 
 void Answers::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
+    engine_.REDoAndSend([&] { onTake(data); });
+}
+
+void Answers::onTake(const RvDatum& data) {
     const auto take = conversation::readTake(data);
     if (!take) return;
     bool isNew = false;

@@ -126,6 +126,7 @@ class Answers : private RvDataCallback, private RvTimerCallback {
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
                 RvListener* listener) override;
+    void onTake(const RvDatum& data);
     void onTimer(RvTimer* timer) override;
     std::unique_ptr<CVekSendQueueItem> next();
     bool makeReady(OpenAnswer& answer);

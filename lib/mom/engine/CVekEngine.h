@@ -92,6 +92,11 @@ class KVX_API CVekEngine : public CVekRvNet {
     /// the next tick. Any thread.
     void REWakeSendSource();
 
+    /// Does `work`, which queues or wakes the source, and then, with prompt sending, sends without
+    /// another turn of the loop. What a send causes may end the session or destroy the engine.
+    /// Main thread.
+    void REDoAndSend(const std::function<void()>& work);
+
     /// The number of queued items.
     int RESendQueueLength();
 

@@ -185,6 +185,22 @@ void CVekEngine::REWakeSendSource() {
     postDrain();
 }
 
+void CVekEngine::REDoAndSend(const std::function<void()>& work) {
+    const kvx::NetWatch net = watch();
+    bool isMine = false;
+    {
+        const CVekAutoMutex guard(m_requestMutex);
+        isMine = m_sendsPromptly && !std::exchange(m_isDrainPosted, true);
+    }
+    try {
+        work();
+    } catch (...) {
+        if (isMine && net.storageStands()) postDrain();
+        throw;
+    }
+    if (isMine && net.storageStands()) sendPromptly();
+}
+
 int CVekEngine::RESendQueueLength() {
     const CVekAutoMutex guard(m_requestMutex);
     return m_sendQueue->RSLength();
