@@ -31,8 +31,9 @@
 namespace kvx::rvd {
 namespace {
 
-constexpr std::size_t kWriteSlices = 512;       // pieces per system call
-constexpr std::size_t kReadBeside = 32 * 1024;  // bytes, while many others work
+constexpr std::size_t kWriteSlices = 512;        // pieces per system call
+constexpr std::size_t kReadBeside = 32 * 1024;   // bytes, while many others work
+constexpr std::size_t kBytesPerStep = 4 * 1024;  // freed between looks at the clock
 constexpr unsigned kLoopbackNet = 127;
 constexpr std::size_t kStepsAtOnce = 256;  // of a match, between two looks at the clock
 constexpr std::size_t kNameLength = 128;   // characters of a session's name in the log
@@ -131,6 +132,9 @@ bool Connection::start() {
     name_ = platform::dottedAddress(ntohl(name.sin_addr.s_addr)) + ':' +
             std::to_string(ntohs(name.sin_port));
     peer_ = std::make_unique<Peer>(peerAddress(), *this, context_.counters);
+    int descriptor = 0;
+    uv_fileno(reinterpret_cast<uv_handle_t*>(&tcp_), &descriptor);
+    context_.willWatch(descriptor);
     if (!startReading()) return false;
     context_.counters.add(Counter::ConnectionsAccepted);
     context_.log.debug(name_ + " connected");
@@ -186,7 +190,13 @@ void Connection::onRead(ssize_t count, const char* bytes) {
         }
     });
     chargeIncoming();
-    context_.batch.end();
+    endBatch();
+}
+
+// Beside many others, what one has caused is written with what they cause in this turn: else each
+// message to all would cost a system call for each of them.
+void Connection::endBatch() {
+    context_.line.isCrowded() ? context_.batch.goOn() : context_.batch.end();
 }
 
 // Keeps what has arrived, which is in the shared buffer, and is not read before it is done.
@@ -205,7 +215,7 @@ void Connection::work() {
     });
     chargeIncoming();
     // Else the batch ends after the turns of all in the line: what is routed lies in `rest_`.
-    if (rest_.empty()) context_.batch.end();
+    if (rest_.empty()) endBatch();
     if (state_ >= State::Failed) return;
     const bool hasMore = !arrived_.empty() || routing_ || (writingBytes_ == 0 && !outbox_.empty());
     if (hasMore) return context_.line.join(*this);
@@ -253,7 +263,7 @@ void Connection::flush() {
         end(CloseReason::TooManyPatterns, LossCause::Patterns);
     }
     if (state_ == State::Failed) return destroy();
-    if (Line::isWaiting(*this)) return;
+    if (state_ == State::Closed || Line::isWaiting(*this)) return;
     writeWaiting(false);
     if (state_ == State::Failed) return destroy();
     if (writingBytes_ == 0 && !outbox_.empty()) return context_.line.join(*this);
@@ -333,7 +343,7 @@ void Connection::onWritten(int status) {
         outbox_.written(bytes);
         context_.line.come(*this);
     });
-    context_.batch.end();
+    endBatch();
 }
 
 void Connection::tick() {
@@ -428,7 +438,7 @@ void Connection::leaveSession() {
     if (session_ == nullptr) return;
     context_.router.leave(*std::exchange(session_, nullptr));
     setCharge(Holding::Listens, 0);
-    if (context_.router.hasLeft()) context_.line.join(context_.cleaner);
+    context_.account.setOrphaned(context_.router.orphanedBytes());
 }
 
 void Connection::fail(int status) {
@@ -448,6 +458,15 @@ void Connection::destroy() {
         Connection* connection = connectionOf(handle->data);
         connection->context_.gone(*connection);
     });
+}
+
+bool Connection::clearUp() {
+    while (!outbox_.empty()) {
+        if (context_.line.isOver(1 + outbox_.discardFront() / kBytesPerStep)) return false;
+    }
+    peer_.reset();  // with a message that is not whole
+    (void)context_.line.isOver(held() / kBytesPerStep);
+    return true;
 }
 
 void Connection::send(wire::Bytes bytes) {
@@ -514,6 +533,10 @@ void Connection::close(CloseReason reason) {
     if (reason != CloseReason::PeerClosed && reason != CloseReason::ShuttingDown &&
         reason != CloseReason::TimedOut && reason != CloseReason::OutOfMemory) {
         context_.counters.add(Counter::ConnectionsFailed);
+    }
+    if (reason == CloseReason::TooManyListens) {
+        logEnd(closeText(reason));
+        outbox_.announceEnd(LossCause::Listens);
     }
     enter(State::Draining);
     context_.log.debug(name_ + " ends: " + closeText(reason));

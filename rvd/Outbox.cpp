@@ -114,15 +114,15 @@ void Outbox::dropLost() {
 
 void Outbox::placeNotice() {
     if (notice_ == Notice::Current || !loss_.any()) return;
-    std::vector<std::uint8_t> notice = buildDataLoss(loss_);
+    const std::vector<std::uint8_t> notice = buildDataLoss(loss_);
     if (notice.empty()) return;
     const auto place = entries_.begin() + (frontBegun_ ? 1 : 0);
     if (notice_ == Notice::Stale) {
+        place->payload = Payload::copy(notice);  // throws
         place->size = static_cast<std::uint32_t>(notice.size());
-        place->payload = Payload::own(std::move(notice));
     } else {
         const auto size = static_cast<std::uint32_t>(notice.size());
-        entries_.insert(place, {Payload::own(std::move(notice)), size, Kind::Notice});
+        entries_.insert(place, {Payload::copy(notice), size, Kind::Notice});
         counters_.add(Counter::LossNotices);
     }
     notice_ = Notice::Current;
@@ -172,17 +172,30 @@ void Outbox::written(std::size_t bytes) {
             return;
         }
         bytes -= left;
+        if (entries_.front().kind == Kind::Message) noteDelivered(entries_.front().size);
         popFront();
     }
+}
+
+std::size_t Outbox::discardFront() {
+    loss_ = {};
+    if (entries_.empty()) return 0;
+    const std::size_t size = entries_.front().size;
+    if (entries_.front().kind == Kind::Message) count(endReason_);
+    popFront();
+    return size;
+}
+
+void Outbox::noteDelivered(std::size_t size) {
+    ++totals_.delivered;
+    counters_.add(Counter::MessagesDelivered);
+    counters_.add(Counter::BytesDelivered, size);
 }
 
 void Outbox::popFront() {
     const std::size_t size = entries_.front().size;
     switch (entries_.front().kind) {
         case Kind::Message:
-            ++totals_.delivered;
-            counters_.add(Counter::MessagesDelivered);
-            counters_.add(Counter::BytesDelivered, size);
             removeWaiting(size);
             break;
         case Kind::Control:

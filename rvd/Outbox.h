@@ -68,6 +68,10 @@ class Outbox {
     /// What still waits when this object is destroyed will be counted as dropped for that reason.
     void endsFor(Drop reason) { endReason_ = reason; }
 
+    /// Drops the first entry, for that reason when it is a message, and returns its bytes. Nothing
+    /// is written any more. The queue must not be empty.
+    std::size_t discardFront();
+
     [[nodiscard]] bool empty() const { return entries_.empty() && !loss_.any(); }
 
     /// True while the first entry is partly written, so that nothing can come before its end.
@@ -129,6 +133,7 @@ class Outbox {
     void dropLost();
     void placeNotice();
     void beginFront();
+    void noteDelivered(std::size_t size);
     void popFront();
 
     // Constant after construction.

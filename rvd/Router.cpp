@@ -108,6 +108,7 @@ void Router::leave(Session& session) {
     counters_.subtract(Counter::SessionsOpen);
     left_.splice(left_.begin(), space.sessions, session.place_);
     ++space.left;
+    orphanedBytes_ += session.listenBytes_;
     if (session.listens_.size() <= kFewListens) (void)clearUp(session.listens_.size() + 1);
 }
 
@@ -121,6 +122,7 @@ bool Router::clearUp(std::size_t most) {
             OwnTree& own = *session.own_;
             undo(session, {own.tree, own.listens, own.listens.any()});
         } else {
+            orphanedBytes_ -= session.listenBytes_;
             left_.pop_front();
             if (--space.left == 0 && space.sessions.empty())
                 spaces_.erase(spaces_.find(space.name));
