@@ -34,6 +34,7 @@ namespace {
 constexpr std::size_t kWriteSlices = 512;        // pieces per system call
 constexpr std::size_t kReadBeside = 32 * 1024;   // bytes, while many others work
 constexpr std::size_t kBytesPerStep = 4 * 1024;  // freed between looks at the clock
+constexpr Nanoseconds kDropTime = 20;            // to drop a message, as of a common machine
 constexpr unsigned kLoopbackNet = 127;
 constexpr std::size_t kStepsAtOnce = 256;  // of a match, between two looks at the clock
 constexpr std::size_t kNameLength = 128;   // characters of a session's name in the log
@@ -185,7 +186,7 @@ void Connection::onRead(ssize_t count, const char* bytes) {
         } else if (state_ == State::Open) {
             arrived_ = {reinterpret_cast<const std::uint8_t*>(bytes),
                         static_cast<std::size_t>(count)};
-            context_.line.come(*this);
+            hasMuch() ? context_.line.join(*this) : context_.line.come(*this);
             keepRest();
         }
     });
@@ -199,6 +200,12 @@ void Connection::endBatch() {
     context_.line.isCrowded() ? context_.batch.goOn() : context_.batch.end();
 }
 
+// Among many, who fills a whole read waits for its turn, whatever it has used so far: the turn of
+// the loop, which all others wait for, would else be as long as all of them together.
+bool Connection::hasMuch() const {
+    return context_.line.isCrowded() && arrived_.size() >= kReadBeside;
+}
+
 // Keeps what has arrived, which is in the shared buffer, and is not read before it is done.
 void Connection::keepRest() {
     if (arrived_.empty() && !routing_) return;
@@ -210,6 +217,7 @@ void Connection::keepRest() {
 
 void Connection::work() {
     guard([this] {
+        trim();
         writeWaiting(true);
         takeBytes();
     });
@@ -217,10 +225,17 @@ void Connection::work() {
     // Else the batch ends after the turns of all in the line: what is routed lies in `rest_`.
     if (rest_.empty()) endBatch();
     if (state_ >= State::Failed) return;
-    const bool hasMore = !arrived_.empty() || routing_ || (writingBytes_ == 0 && !outbox_.empty());
+    const bool hasMore =
+        isTrimming_ || !arrived_.empty() || routing_ || (writingBytes_ == 0 && !outbox_.empty());
     if (hasMore) return context_.line.join(*this);
     endIfDone();
     if (state_ < State::Failed && !isReading_ && !startReading()) fail(UV_ENOMEM);
+}
+
+void Connection::trim() {
+    do {
+        isTrimming_ = outbox_.trim() == Outbox::kDropsAtOnce;
+    } while (isTrimming_ && !context_.line.isOver(Outbox::kDropsAtOnce));
 }
 
 void Connection::takeBytes() {
@@ -253,8 +268,11 @@ void Connection::deliver(const PayloadRef& message) {
             }
         });
     }
-    outbox_.pushMessage(message);
+    const std::size_t dropped = outbox_.pushMessage(message);
     context_.batch.add(*this);
+    if (dropped == 0) return;
+    context_.line.blame(*this, static_cast<Nanoseconds>(dropped) * kDropTime);
+    if (dropped == Outbox::kDropsAtOnce) context_.line.join(*this);
 }
 
 // In the turn of another: what a connection in the line has to write waits for its own turn.

@@ -134,8 +134,10 @@ class Connection final : private MemoryHolder,
     void enter(State state);
     [[nodiscard]] uv_buf_t readBuffer();
     void onRead(ssize_t count, const char* bytes);
+    void trim();
     void takeBytes();
     void route();
+    [[nodiscard]] bool hasMuch() const;
     void keepRest();
     void endBatch();
     void chargeIncoming();
@@ -171,6 +173,7 @@ class Connection final : private MemoryHolder,
     wire::Bytes arrived_;             // bytes that the peer has not processed
     std::vector<std::uint8_t> rest_;  // those that wait for a further slice
     bool isReading_ = false;
+    bool isTrimming_ = false;     // more waits than may
     std::uint64_t readTurn_ = 0;  // the turn of the last read
     Router::Session* session_ = nullptr;
     std::optional<Routing> routing_;  // unless it has reached everybody

@@ -25,8 +25,8 @@ struct Loss {
     std::uint8_t causes = 0;  ///< `LossCause` bits
 
     [[nodiscard]] bool any() const { return causes != 0; }
-    void add(std::uint64_t size, LossCause cause) {
-        ++messages;
+    void add(std::uint64_t count, std::uint64_t size, LossCause cause) {
+        messages += count;
         bytes += size;
         causes |= static_cast<std::uint8_t>(cause);
     }

@@ -76,6 +76,9 @@ class Line {
     /// last call: the clock is read once in a while.
     [[nodiscard]] bool isOver(std::size_t steps);
 
+    /// `worker` has caused so much of the present slice, which is another's.
+    void blame(Worker& worker, Nanoseconds took);
+
     /// Gives slices in turn until the line is empty or `kRun` has passed.
     void run();
 
@@ -110,6 +113,8 @@ class Line {
     std::size_t cameLast_ = 0;
 
     // Of the present slice.
+    Worker* working_ = nullptr;
+    Nanoseconds excused_ = 0;
     Nanoseconds end_ = 0;
     std::size_t steps_ = 0;
     bool isOver_ = false;

@@ -116,17 +116,19 @@ bool Router::clearUp(std::size_t most) {
     for (; most > 0 && !left_.empty(); --most) {
         Session& session = *left_.front();
         Space& space = session.space_;
+        orphanedBytes_ -= session.listenBytes_;
         if (Listen* const listen = session.listens_.any(); listen != nullptr) {
             undo(session, {space.tree, session.listens_, listen});
         } else if (session.own_) {
             OwnTree& own = *session.own_;
             undo(session, {own.tree, own.listens, own.listens.any()});
         } else {
-            orphanedBytes_ -= session.listenBytes_;
             left_.pop_front();
             if (--space.left == 0 && space.sessions.empty())
                 spaces_.erase(spaces_.find(space.name));
+            continue;
         }
+        orphanedBytes_ += session.listenBytes_;
     }
     return hasLeft();
 }
