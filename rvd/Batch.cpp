@@ -1,4 +1,4 @@
-// The end of a turn of the loop: flush every member that has output, until none is left (a flush
+// The end of a batch: flush every member that has output, until none is left (a flush
 // may add members), then copy each routed message that a queue still holds, since the next read
 // overwrites the buffer that it borrows. Then, with nothing being routed, the largest holders of
 // memory pay for what is above the limit; what they still have to say is written at once.
@@ -42,6 +42,11 @@ void Batch::keepRouted() noexcept {
         }
     }
     routed_.clear();
+}
+
+void Batch::goOn() noexcept {
+    keepRouted();
+    if (account_.used() > account_.limit()) end();
 }
 
 void Batch::end() noexcept {

@@ -26,9 +26,9 @@ class BatchMember {
 
 /// The effects of one turn of the loop: the messages routed, and the members with output.
 ///
-/// Every libuv callback that can cause output calls `end` last, so that many messages are written
-/// in one system call and nothing borrows the read buffer between callbacks. A member must stay
-/// alive until its batch has ended. Loop thread only.
+/// Every libuv callback that can cause output calls `end` or `goOn` last, so that many messages are
+/// written in one system call and nothing borrows the read buffer between callbacks. A member must
+/// stay alive until its batch has ended. Loop thread only.
 class Batch {
   public:
     /// `account` must outlive this object.
@@ -46,6 +46,10 @@ class Batch {
 
     /// Adds a member with output. Needs no memory.
     void add(BatchMember& member) noexcept;
+
+    /// Copies the messages routed so far that are still queued, so that the batch may go on with
+    /// the next read. Ends it when the limit of memory is passed.
+    void goOn() noexcept;
 
     /// Flushes all members, copies the messages that are still queued, and takes from the largest
     /// holders what is above the limit of memory. Without memory for a copy the message is lost.

@@ -31,8 +31,10 @@
 namespace kvx::rvd {
 namespace {
 
-constexpr std::size_t kWriteSlices = 512;       // pieces per system call
-constexpr std::size_t kReadBeside = 32 * 1024;  // bytes, while many others work
+constexpr std::size_t kWriteSlices = 512;        // pieces per system call
+constexpr std::size_t kReadBeside = 32 * 1024;   // bytes, while many others work
+constexpr std::size_t kBytesPerStep = 4 * 1024;  // freed between looks at the clock
+constexpr Nanoseconds kDropTime = 20;            // to drop a message, as of a common machine
 constexpr unsigned kLoopbackNet = 127;
 constexpr std::size_t kStepsAtOnce = 256;  // of a match, between two looks at the clock
 constexpr std::size_t kNameLength = 128;   // characters of a session's name in the log
@@ -131,6 +133,9 @@ bool Connection::start() {
     name_ = platform::dottedAddress(ntohl(name.sin_addr.s_addr)) + ':' +
             std::to_string(ntohs(name.sin_port));
     peer_ = std::make_unique<Peer>(peerAddress(), *this, context_.counters);
+    int descriptor = 0;
+    uv_fileno(reinterpret_cast<uv_handle_t*>(&tcp_), &descriptor);
+    context_.willWatch(descriptor);
     if (!startReading()) return false;
     context_.counters.add(Counter::ConnectionsAccepted);
     context_.log.debug(name_ + " connected");
@@ -181,12 +186,24 @@ void Connection::onRead(ssize_t count, const char* bytes) {
         } else if (state_ == State::Open) {
             arrived_ = {reinterpret_cast<const std::uint8_t*>(bytes),
                         static_cast<std::size_t>(count)};
-            context_.line.come(*this);
+            hasMuch() ? context_.line.join(*this) : context_.line.come(*this);
             keepRest();
         }
     });
     chargeIncoming();
-    context_.batch.end();
+    endBatch();
+}
+
+// Beside many others, what one has caused is written with what they cause in this turn: else each
+// message to all would cost a system call for each of them.
+void Connection::endBatch() {
+    context_.line.isCrowded() ? context_.batch.goOn() : context_.batch.end();
+}
+
+// Among many, who fills a whole read waits for its turn, whatever it has used so far: the turn of
+// the loop, which all others wait for, would else be as long as all of them together.
+bool Connection::hasMuch() const {
+    return context_.line.isCrowded() && arrived_.size() >= kReadBeside;
 }
 
 // Keeps what has arrived, which is in the shared buffer, and is not read before it is done.
@@ -200,17 +217,25 @@ void Connection::keepRest() {
 
 void Connection::work() {
     guard([this] {
+        trim();
         writeWaiting(true);
         takeBytes();
     });
     chargeIncoming();
     // Else the batch ends after the turns of all in the line: what is routed lies in `rest_`.
-    if (rest_.empty()) context_.batch.end();
+    if (rest_.empty()) endBatch();
     if (state_ >= State::Failed) return;
-    const bool hasMore = !arrived_.empty() || routing_ || (writingBytes_ == 0 && !outbox_.empty());
+    const bool hasMore =
+        isTrimming_ || !arrived_.empty() || routing_ || (writingBytes_ == 0 && !outbox_.empty());
     if (hasMore) return context_.line.join(*this);
     endIfDone();
     if (state_ < State::Failed && !isReading_ && !startReading()) fail(UV_ENOMEM);
+}
+
+void Connection::trim() {
+    do {
+        isTrimming_ = outbox_.trim() == Outbox::kDropsAtOnce;
+    } while (isTrimming_ && !context_.line.isOver(Outbox::kDropsAtOnce));
 }
 
 void Connection::takeBytes() {
@@ -243,8 +268,11 @@ void Connection::deliver(const PayloadRef& message) {
             }
         });
     }
-    outbox_.pushMessage(message);
+    const std::size_t dropped = outbox_.pushMessage(message);
     context_.batch.add(*this);
+    if (dropped == 0) return;
+    context_.line.blame(*this, static_cast<Nanoseconds>(dropped) * kDropTime);
+    if (dropped == Outbox::kDropsAtOnce) context_.line.join(*this);
 }
 
 // In the turn of another: what a connection in the line has to write waits for its own turn.
@@ -253,7 +281,7 @@ void Connection::flush() {
         end(CloseReason::TooManyPatterns, LossCause::Patterns);
     }
     if (state_ == State::Failed) return destroy();
-    if (Line::isWaiting(*this)) return;
+    if (state_ == State::Closed || Line::isWaiting(*this)) return;
     writeWaiting(false);
     if (state_ == State::Failed) return destroy();
     if (writingBytes_ == 0 && !outbox_.empty()) return context_.line.join(*this);
@@ -333,7 +361,7 @@ void Connection::onWritten(int status) {
         outbox_.written(bytes);
         context_.line.come(*this);
     });
-    context_.batch.end();
+    endBatch();
 }
 
 void Connection::tick() {
@@ -428,7 +456,7 @@ void Connection::leaveSession() {
     if (session_ == nullptr) return;
     context_.router.leave(*std::exchange(session_, nullptr));
     setCharge(Holding::Listens, 0);
-    if (context_.router.hasLeft()) context_.line.join(context_.cleaner);
+    context_.account.setOrphaned(context_.router.orphanedBytes());
 }
 
 void Connection::fail(int status) {
@@ -448,6 +476,15 @@ void Connection::destroy() {
         Connection* connection = connectionOf(handle->data);
         connection->context_.gone(*connection);
     });
+}
+
+bool Connection::clearUp() {
+    while (!outbox_.empty()) {
+        if (context_.line.isOver(1 + outbox_.discardFront() / kBytesPerStep)) return false;
+    }
+    peer_.reset();  // with a message that is not whole
+    (void)context_.line.isOver(held() / kBytesPerStep);
+    return true;
 }
 
 void Connection::send(wire::Bytes bytes) {
@@ -514,6 +551,10 @@ void Connection::close(CloseReason reason) {
     if (reason != CloseReason::PeerClosed && reason != CloseReason::ShuttingDown &&
         reason != CloseReason::TimedOut && reason != CloseReason::OutOfMemory) {
         context_.counters.add(Counter::ConnectionsFailed);
+    }
+    if (reason == CloseReason::TooManyListens) {
+        logEnd(closeText(reason));
+        outbox_.announceEnd(LossCause::Listens);
     }
     enter(State::Draining);
     context_.log.debug(name_ + " ends: " + closeText(reason));

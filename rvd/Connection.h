@@ -31,10 +31,12 @@ struct ConnectionContext {
     Line& line;
     std::size_t queueLimit;     ///< queued bytes per session
     std::uint32_t hostAddress;  ///< host byte order; reported to local clients as their own
-    Worker& cleaner;            ///< clears up after sessions that have left
+    /// Throws `std::bad_alloc` when there is no memory for watching that descriptor.
+    std::function<void(int descriptor)> willWatch;
     std::function<void(Connection&)> announced;  ///< it has joined a space
     std::function<void(Connection&)> closed;     ///< its socket is closed
-    std::function<void(Connection&)> gone;       ///< libuv has closed the handle: may be deleted
+    /// libuv has closed its handle: it may be deleted, after `clearUp` when it `isHeavy`.
+    std::function<void(Connection&)> gone;
 };
 
 /// One TCP connection: its socket, its peer's protocol, its queue and its session.
@@ -54,6 +56,9 @@ class Connection final : private MemoryHolder,
     /// Time limit for writing the queue of a closing connection.
     static constexpr platform::Milliseconds kEndingMs = 5'000;
 
+    /// Bytes.
+    static constexpr std::size_t kFreedAtOnce = 256 * 1024;
+
     /// `number`: of all connections, in the order of accepting.
     Connection(const ConnectionContext& context, std::uint64_t number);
     ~Connection() override;
@@ -69,6 +74,11 @@ class Connection final : private MemoryHolder,
     void refuse(uv_stream_t* listener);
 
     [[nodiscard]] std::size_t waitingMessages() const { return outbox_.waitingMessages(); }
+
+    /// Whether it holds so much that freeing that takes long.
+    [[nodiscard]] bool isHeavy() const { return held() > kFreedAtOnce; }
+    /// Frees what one that is gone has held, until the slice is over. True when nothing is left.
+    bool clearUp();
 
     void tick();
     /// Ends the connection because the daemon ends.
@@ -124,9 +134,12 @@ class Connection final : private MemoryHolder,
     void enter(State state);
     [[nodiscard]] uv_buf_t readBuffer();
     void onRead(ssize_t count, const char* bytes);
+    void trim();
     void takeBytes();
     void route();
+    [[nodiscard]] bool hasMuch() const;
     void keepRest();
+    void endBatch();
     void chargeIncoming();
     [[nodiscard]] bool startReading();
     void onWritten(int status);
@@ -160,6 +173,7 @@ class Connection final : private MemoryHolder,
     wire::Bytes arrived_;             // bytes that the peer has not processed
     std::vector<std::uint8_t> rest_;  // those that wait for a further slice
     bool isReading_ = false;
+    bool isTrimming_ = false;     // more waits than may
     std::uint64_t readTurn_ = 0;  // the turn of the last read
     Router::Session* session_ = nullptr;
     std::optional<Routing> routing_;  // unless it has reached everybody

@@ -21,11 +21,12 @@ struct CauseName {
     LossCause cause;
     const char* text;
 };
-constexpr std::array<CauseName, 4> kCauseNames = {{
+constexpr std::array<CauseName, 5> kCauseNames = {{
     {LossCause::SlowReader, "slow reader"},
     {LossCause::Memory, "daemon memory"},
     {LossCause::TooLarge, "message too large"},
     {LossCause::Patterns, "patterns take more than 1024 steps"},
+    {LossCause::Listens, kTooManyListens},
 }};
 
 bool fillBody(void* body, const Loss& loss) {

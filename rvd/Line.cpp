@@ -53,14 +53,24 @@ bool Line::isOver(std::size_t steps) {
     return isOver_;
 }
 
+void Line::blame(Worker& worker, Nanoseconds took) {
+    if (&worker == working_) return;
+    worker.credit_ = std::max(worker.credit_ - took, -kWorstDebt);
+    excused_ += took;
+    end_ += took;
+}
+
 // Returns the time that it took.
 Nanoseconds Line::slice(Worker& worker, Nanoseconds length) {
     const Nanoseconds begin = used_();
     end_ = begin + length;
     steps_ = 0;
     isOver_ = false;
+    excused_ = 0;
+    working_ = &worker;
     worker.work();
-    const Nanoseconds took = used_() - begin;
+    working_ = nullptr;
+    const Nanoseconds took = used_() - begin - excused_;
     worker.credit_ = std::max(worker.credit_ - took, -kWorstDebt);
     return took;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -10,7 +11,7 @@ namespace kvx::rvd {
 /// Nanoseconds, as of a monotonic clock.
 using Nanoseconds = std::int64_t;
 
-/// Somebody who causes work: a connection, or what a session leaves behind.
+/// Somebody who causes work: a connection, or who clears up after those that have left.
 class Worker {
   public:
     virtual ~Worker() = default;
@@ -75,8 +76,14 @@ class Line {
     /// last call: the clock is read once in a while.
     [[nodiscard]] bool isOver(std::size_t steps);
 
+    /// `worker` has caused so much of the present slice, which is another's.
+    void blame(Worker& worker, Nanoseconds took);
+
     /// Gives slices in turn until the line is empty or `kRun` has passed.
     void run();
+
+    /// A slice as long as those of `run` together, for somebody who does not wait in the line.
+    void serve(Worker& worker) { slice(worker, kRun); }
 
     /// The loop begins another turn, in which everybody may come once.
     void nextTurn();
@@ -84,7 +91,9 @@ class Line {
     [[nodiscard]] std::uint64_t turn() const { return turn_; }
 
     /// Whether so many work that each should do little at a time.
-    [[nodiscard]] bool isCrowded() const { return waiting_.size() + cameLast_ > kFew; }
+    [[nodiscard]] bool isCrowded() const {
+        return waiting_.size() + std::max(cameNow_, cameLast_) > kFew;
+    }
     [[nodiscard]] static bool isWaiting(const Worker& worker) { return worker.isWaiting_; }
     [[nodiscard]] bool empty() const { return waiting_.empty(); }
 
@@ -104,6 +113,8 @@ class Line {
     std::size_t cameLast_ = 0;
 
     // Of the present slice.
+    Worker* working_ = nullptr;
+    Nanoseconds excused_ = 0;
     Nanoseconds end_ = 0;
     std::size_t steps_ = 0;
     bool isOver_ = false;

@@ -4,7 +4,8 @@
 //   a routed message      -> Outbox::pushMessage: its entry to the holder and the total, its bytes
 //                            to the holder; Payload: its bytes to the total, once, while it lives
 //   an answer of the link -> Outbox::pushControl: all of it to holder and total
-//   listens               -> Connection::setCharge(Listens) with what the session's listens cost
+//   listens               -> Connection::setCharge(Listens) with what the session's listens cost;
+//                            once it has left to nobody (`setOrphaned`), until they are undone
 //   end of a turn         -> Batch::end -> relieve -> Connection::giveUp: the oldest messages not
 //                            begun, then the connection
 //

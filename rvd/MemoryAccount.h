@@ -37,6 +37,14 @@ class MemoryAccount {
     void charge(std::size_t bytes) { used_ += bytes; }
     void discharge(std::size_t bytes) { used_ -= bytes; }
 
+    /// Memory that nobody has any more and that is being freed: it counts until then, but nobody
+    /// pays for it.
+    void setOrphaned(std::uint64_t bytes) {
+        used_ += bytes - orphaned_;
+        leaving_ += bytes - orphaned_;
+        orphaned_ = bytes;
+    }
+
     /// While more than the limit is used, the largest holder gives up something. Call it when no
     /// message is being routed.
     void relieve();
@@ -57,8 +65,9 @@ class MemoryAccount {
 
     const std::uint64_t limit_;
     std::uint64_t used_ = 0;
-    std::uint64_t leaving_ = 0;  // held by those that gave up all and are about to go
-    std::uint64_t peak_ = 0;     // since memory was returned to the system
+    std::uint64_t leaving_ = 0;  // of those that gave up all and are about to go, and orphaned
+    std::uint64_t orphaned_ = 0;
+    std::uint64_t peak_ = 0;  // since memory was returned to the system
     // A heap with the largest holder first while `isOrdered_`, else in any order.
     std::vector<MemoryHolder*> holders_;
     bool isOrdered_ = false;

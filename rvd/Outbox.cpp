@@ -46,19 +46,32 @@ Outbox::~Outbox() {
     holder_.setCharge(Holding::Control, 0);
 }
 
-void Outbox::pushMessage(const PayloadRef& message) {
+std::size_t Outbox::pushMessage(const PayloadRef& message) {
     const std::size_t size = message->size();
     ++totals_.matched;
     counters_.add(Counter::MessagesMatched);
-    if (size > limit_) return recordLoss(size, LossCause::TooLarge);
+    if (size > limit_) {
+        recordLoss(1, size, LossCause::TooLarge);
+        return 0;
+    }
     try {
         entries_.push_back({message, static_cast<std::uint32_t>(size), Kind::Message});
     } catch (const std::bad_alloc&) {
-        return recordLoss(size, LossCause::Memory);
+        recordLoss(1, size, LossCause::Memory);
+        return 0;
     }
     addWaiting(*message, size);
-    while (wouldDrop(0) && dropOldest(LossCause::SlowReader)) {
+    return wouldDrop(0) ? trim() : 0;
+}
+
+std::size_t Outbox::trim() {
+    std::size_t dropped = 0;
+    while (wouldDrop(0) && dropped < kDropsAtOnce) {
+        const std::size_t some = dropForRoom(kDropsAtOnce - dropped);
+        if (some == 0) break;
+        dropped += some;
     }
+    return dropped;
 }
 
 bool Outbox::pushControl(wire::Bytes bytes) {
@@ -76,9 +89,9 @@ void Outbox::count(Drop reason, std::uint64_t messages) {
     counters_.add(counterOf(reason), messages);
 }
 
-void Outbox::recordLoss(std::size_t size, LossCause cause) {
-    count(reasonOf(cause));
-    loss_.add(size, cause);
+void Outbox::recordLoss(std::size_t messages, std::size_t bytes, LossCause cause) {
+    count(reasonOf(cause), messages);
+    loss_.add(messages, bytes, cause);
     if (notice_ == Notice::Current) notice_ = Notice::Stale;
 }
 
@@ -87,42 +100,64 @@ void Outbox::announceEnd(LossCause cause) {
     if (notice_ == Notice::Current) notice_ = Notice::Stale;
 }
 
-void Outbox::drop(std::size_t position, LossCause cause) {
-    const auto at = entries_.begin() + static_cast<std::ptrdiff_t>(position);
-    const std::size_t size = at->size;
-    entries_.erase(at);
-    removeWaiting(size);
-    recordLoss(size, cause);
+// Drops `number` messages from `position` on. What is ahead of them takes the places of the last
+// ones, so that all go from the front, and nothing is allocated.
+void Outbox::drop(std::size_t position, std::size_t number, LossCause cause) {
+    std::size_t bytes = 0;
+    for (std::size_t i = 0; i < number; ++i) bytes += entries_[position + i].size;
+    for (std::size_t i = position; i-- > 0;) std::swap(entries_[i], entries_[i + number]);
+    entries_.erase(entries_.begin(), entries_.begin() + static_cast<std::ptrdiff_t>(number));
+    removeWaiting(number, bytes);
+    recordLoss(number, bytes, cause);
+}
+
+// The position of the oldest message not begun, or behind all entries.
+std::size_t Outbox::oldestMessage() const {
+    std::size_t at = frontBegun_ ? 1 : 0;
+    while (at < entries_.size() && entries_[at].kind != Kind::Message) ++at;
+    return at;
 }
 
 bool Outbox::dropOldest(LossCause cause) {
-    const auto first = entries_.begin() + (frontBegun_ ? 1 : 0);
-    const auto oldest = std::find_if(
-        first, entries_.end(), [](const Entry& entry) { return entry.kind == Kind::Message; });
-    if (oldest == entries_.end()) return false;
-    drop(static_cast<std::size_t>(oldest - entries_.begin()), cause);
+    const std::size_t oldest = oldestMessage();
+    if (oldest == entries_.size()) return false;
+    drop(oldest, 1, cause);
     return true;
+}
+
+// Drops as many of the oldest messages as are too much, or those ahead of the next control bytes.
+std::size_t Outbox::dropForRoom(std::size_t most) {
+    const std::size_t oldest = oldestMessage();
+    const std::size_t tooMuch = waitingBytes() - limit_;
+    std::size_t number = 0;
+    for (std::size_t bytes = 0; bytes < tooMuch && number < most; ++number) {
+        if (oldest + number == entries_.size()) break;
+        if (entries_[oldest + number].kind != Kind::Message) break;
+        bytes += entries_[oldest + number].size;
+    }
+    if (number > 0) drop(oldest, number, LossCause::SlowReader);
+    return number;
 }
 
 // Drops the first messages not begun whose bytes are lost.
 void Outbox::dropLost() {
     const std::size_t first = frontBegun_ ? 1 : 0;
     while (first < entries_.size() && entries_[first].payload->isLost()) {
-        drop(first, LossCause::Memory);
+        drop(first, 1, LossCause::Memory);
     }
 }
 
 void Outbox::placeNotice() {
     if (notice_ == Notice::Current || !loss_.any()) return;
-    std::vector<std::uint8_t> notice = buildDataLoss(loss_);
+    const std::vector<std::uint8_t> notice = buildDataLoss(loss_);
     if (notice.empty()) return;
     const auto place = entries_.begin() + (frontBegun_ ? 1 : 0);
     if (notice_ == Notice::Stale) {
+        place->payload = Payload::copy(notice);  // throws
         place->size = static_cast<std::uint32_t>(notice.size());
-        place->payload = Payload::own(std::move(notice));
     } else {
         const auto size = static_cast<std::uint32_t>(notice.size());
-        entries_.insert(place, {Payload::own(std::move(notice)), size, Kind::Notice});
+        entries_.insert(place, {Payload::copy(notice), size, Kind::Notice});
         counters_.add(Counter::LossNotices);
     }
     notice_ = Notice::Current;
@@ -172,18 +207,31 @@ void Outbox::written(std::size_t bytes) {
             return;
         }
         bytes -= left;
+        if (entries_.front().kind == Kind::Message) noteDelivered(entries_.front().size);
         popFront();
     }
+}
+
+std::size_t Outbox::discardFront() {
+    loss_ = {};
+    if (entries_.empty()) return 0;
+    const std::size_t size = entries_.front().size;
+    if (entries_.front().kind == Kind::Message) count(endReason_);
+    popFront();
+    return size;
+}
+
+void Outbox::noteDelivered(std::size_t size) {
+    ++totals_.delivered;
+    counters_.add(Counter::MessagesDelivered);
+    counters_.add(Counter::BytesDelivered, size);
 }
 
 void Outbox::popFront() {
     const std::size_t size = entries_.front().size;
     switch (entries_.front().kind) {
         case Kind::Message:
-            ++totals_.delivered;
-            counters_.add(Counter::MessagesDelivered);
-            counters_.add(Counter::BytesDelivered, size);
-            removeWaiting(size);
+            removeWaiting(1, size);
             break;
         case Kind::Control:
             holder_.discharge(Holding::Control, size + kControlCost);

@@ -26,7 +26,8 @@ enum class Drop : std::uint8_t {
 /// The output queue of one peer: routed messages, which are bounded and may be dropped, and the
 /// link's own blocks and replies, which are never dropped.
 ///
-/// Above the bound the oldest messages are dropped, except one that is partly written. One notice,
+/// Above the bound the oldest messages are dropped, except one that is partly written; a large
+/// message that takes the place of very many small ones takes it in steps. One notice,
 /// ahead of everything not yet begun, announces the loss. For the messages of one peer, at any
 /// time: matched = delivered + dropped + waiting; when the queue is destroyed, waiting messages
 /// count as dropped. Loop thread only.
@@ -46,9 +47,13 @@ class Outbox {
     Outbox(const Outbox&) = delete;
     Outbox& operator=(const Outbox&) = delete;
 
-    /// Queues a routed message, dropping the oldest ones above the bound. Without memory the
+    /// Queues a routed message, and then `trim`s, whose result it returns. Without memory the
     /// message itself is dropped.
-    void pushMessage(const PayloadRef& message);
+    std::size_t pushMessage(const PayloadRef& message);
+    /// Drops the oldest messages above the bound, `kDropsAtOnce` at most. Returns their number:
+    /// when it is the most there may be more.
+    std::size_t trim();
+    static constexpr std::size_t kDropsAtOnce = 64;
     /// True when `pushMessage` of `size` bytes would drop something.
     [[nodiscard]] bool wouldDrop(std::size_t size) const {
         return waitingBytes_ + size > limit_ && waitingBytes() + size > limit_;
@@ -67,6 +72,10 @@ class Outbox {
 
     /// What still waits when this object is destroyed will be counted as dropped for that reason.
     void endsFor(Drop reason) { endReason_ = reason; }
+
+    /// Drops the first entry, for that reason when it is a message, and returns its bytes. Nothing
+    /// is written any more. The queue must not be empty.
+    std::size_t discardFront();
 
     [[nodiscard]] bool empty() const { return entries_.empty() && !loss_.any(); }
 
@@ -118,17 +127,20 @@ class Outbox {
         waitingBytes_ += size;
         if (++waitingMessages_ > kGrown) isGrown_ = true;
     }
-    void removeWaiting(std::size_t size) {
-        holder_.dischargeShared(size, kEntryCost);
-        waitingBytes_ -= size;
-        --waitingMessages_;
+    void removeWaiting(std::size_t messages, std::size_t bytes) {
+        holder_.dischargeShared(bytes, messages * kEntryCost);
+        waitingBytes_ -= bytes;
+        waitingMessages_ -= messages;
     }
-    void drop(std::size_t position, LossCause cause);
-    void recordLoss(std::size_t size, LossCause cause);
+    void drop(std::size_t position, std::size_t number, LossCause cause);
+    std::size_t dropForRoom(std::size_t most);
+    [[nodiscard]] std::size_t oldestMessage() const;
+    void recordLoss(std::size_t messages, std::size_t bytes, LossCause cause);
     void count(Drop reason, std::uint64_t messages = 1);
     void dropLost();
     void placeNotice();
     void beginFront();
+    void noteDelivered(std::size_t size);
     void popFront();
 
     // Constant after construction.

@@ -12,10 +12,10 @@ PayloadRef Payload::borrow(wire::Bytes bytes) {
     return ref;
 }
 
-PayloadRef Payload::own(std::vector<std::uint8_t> bytes) {
+PayloadRef Payload::own(wire::Buffer bytes) {
     PayloadRef ref(new Payload);
     ref->owned_ = std::move(bytes);
-    ref->bytes_ = ref->owned_;
+    ref->bytes_ = ref->owned_.view();
     return ref;
 }
 
@@ -27,8 +27,8 @@ PayloadRef Payload::copy(wire::Bytes bytes) {
 
 void Payload::keep() {
     if (!owned_.empty() || bytes_.empty()) return;
-    owned_.assign(bytes_.begin(), bytes_.end());
-    bytes_ = owned_;
+    owned_ = wire::Buffer(bytes_);
+    bytes_ = owned_.view();
     if (isCharged()) account_->charge(cost());
 }
 

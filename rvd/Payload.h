@@ -2,9 +2,8 @@
 
 #include <cstdint>
 #include <utility>
-#include <vector>
 
-#include "rv/wire/Limits.h"
+#include "rv/wire/Buffer.h"
 #include "rvd/MemoryAccount.h"
 
 namespace kvx::rvd {
@@ -19,7 +18,7 @@ class Payload {
     /// A view of bytes that are not owned: valid until they change or `keep` is called.
     static class PayloadRef borrow(wire::Bytes bytes);
     /// Takes ownership of `bytes`.
-    static class PayloadRef own(std::vector<std::uint8_t> bytes);
+    static class PayloadRef own(wire::Buffer bytes);
     /// Copies `bytes`.
     static class PayloadRef copy(wire::Bytes bytes);
 
@@ -58,7 +57,7 @@ class Payload {
 
     std::uint32_t holders_ = 0;
     wire::Bytes bytes_;
-    std::vector<std::uint8_t> owned_;
+    wire::Buffer owned_;
     MemoryAccount* account_ = nullptr;
 };
 

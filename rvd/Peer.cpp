@@ -22,6 +22,7 @@
 #include "rv/message/AdvisorySubjects.h"
 #include "rv/wire/ControlMessage.h"
 #include "rv/wire/Negotiation.h"
+#include "rvd/DataLoss.h"
 
 namespace kvx::rvd {
 
@@ -43,7 +44,7 @@ const char* closeText(CloseReason reason) {
         case CloseReason::TooMuchAtOnce:
             return "too many bytes before the init message";
         case CloseReason::TooManyListens:
-            return "too many listens";
+            return kTooManyListens;
         case CloseReason::TooManyPatterns:
             return "its patterns take more than 1024 steps to match one message";
         case CloseReason::OutOfMemory:
@@ -235,7 +236,7 @@ void Peer::onListen(Bytes encoded) {
     if (!subject) {
         counters_.add(Counter::MessagesUnreadable);
     } else if (!actions_.listen(*subject)) {
-        close(CloseReason::TooManyListens);
+        closeWithNotice(CloseReason::TooManyListens);
     }
 }
 

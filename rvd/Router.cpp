@@ -108,6 +108,7 @@ void Router::leave(Session& session) {
     counters_.subtract(Counter::SessionsOpen);
     left_.splice(left_.begin(), space.sessions, session.place_);
     ++space.left;
+    orphanedBytes_ += session.listenBytes_;
     if (session.listens_.size() <= kFewListens) (void)clearUp(session.listens_.size() + 1);
 }
 
@@ -115,6 +116,7 @@ bool Router::clearUp(std::size_t most) {
     for (; most > 0 && !left_.empty(); --most) {
         Session& session = *left_.front();
         Space& space = session.space_;
+        orphanedBytes_ -= session.listenBytes_;
         if (Listen* const listen = session.listens_.any(); listen != nullptr) {
             undo(session, {space.tree, session.listens_, listen});
         } else if (session.own_) {
@@ -124,7 +126,9 @@ bool Router::clearUp(std::size_t most) {
             left_.pop_front();
             if (--space.left == 0 && space.sessions.empty())
                 spaces_.erase(spaces_.find(space.name));
+            continue;
         }
+        orphanedBytes_ += session.listenBytes_;
     }
     return hasLeft();
 }

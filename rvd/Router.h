@@ -61,6 +61,8 @@ class Router {
 
     /// Whether `clearUp` has something to do.
     [[nodiscard]] bool hasLeft() const { return !left_.empty(); }
+    /// Memory of their listens in bytes, an upper estimate.
+    [[nodiscard]] std::size_t orphanedBytes() const { return orphanedBytes_; }
     /// Undoes up to `most` listens of sessions that have left. Returns whether some are left.
     bool clearUp(std::size_t most);
 
@@ -98,7 +100,8 @@ class Router {
 
     Counters& counters_;
     std::map<SpaceName, std::unique_ptr<Space>> spaces_;
-    Sessions left_;                  // sessions that have left, and still have listens
+    Sessions left_;  // sessions that have left, and still have listens
+    std::size_t orphanedBytes_ = 0;
     std::vector<Receiver*> found_;   // in one turn of a match
     std::uint64_t matchNumber_ = 0;  // of the newest match
 };

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <new>
 #include <string>
 
@@ -74,7 +75,7 @@ Server::Server(const Options& options, const Log& log)
                line_,
                options.queueLimit,
                hostAddressFor(options),
-               cleaner_,
+               [this](int descriptor) { reserveWatchers(static_cast<std::size_t>(descriptor)); },
                [this](const Connection& connection) { unannounced_.erase(connection.number()); },
                [this](const Connection& connection) { onClosed(connection); },
                [this](Connection& connection) { forget(connection); }} {
@@ -160,6 +161,7 @@ void Server::onConnection(int status) {
 // Throws `std::bad_alloc` when the connection is not accepted.
 void Server::acceptNext() {
     auto* const listener = reinterpret_cast<uv_stream_t*>(&listener_);
+    if (gone_.capacity() <= connections_.size()) gone_.reserve(2 * connections_.size() + 8);
     auto made = std::make_unique<Connection>(context_, accepted_ + 1);
     Connection* connection = made.get();
     const auto place = unannounced_.emplace(connection->number(), connection).first;
@@ -177,6 +179,15 @@ void Server::acceptNext() {
         return connection->refuse(listener);
     }
     if (!connection->accept(listener)) connection->destroy();
+}
+
+// libuv ends the process when its table of watchers, one for each descriptor, cannot grow. So twice
+// the memory that it may need next is taken first, and given back for it.
+void Server::reserveWatchers(std::size_t descriptor) {
+    const std::size_t needed = std::bit_ceil(descriptor + 4);
+    if (needed <= watchers_) return;
+    wire::Buffer().reserve(2 * needed * sizeof(void*));
+    watchers_ = needed;
 }
 
 // Closes the oldest connection that has not announced itself. False when there is none but the
@@ -205,25 +216,39 @@ void Server::onClosed(const Connection& connection) {
 }
 
 void Server::onTurn() {
+    batch_.end();
     line_.nextTurn();
-    if (line_.empty()) {
+    if (line_.empty() && !hasToClearUp()) {
         uv_idle_stop(&goOn_);
     } else {
         uv_idle_start(&goOn_, [](uv_idle_t* idle) {
             Server& server = *serverOf(idle->data);
             server.line_.run();
+            if (server.hasToClearUp()) server.line_.serve(server.cleaner_);
             server.batch_.end();
         });
     }
 }
 
-void Server::Cleaner::work() {
-    while (router_.clearUp(kListensAtOnce)) {
-        if (line_.isOver(kListensAtOnce)) return line_.join(*this);
+void Server::clearUp() {
+    while (!line_.isOver(0) && !gone_.empty() && gone_.back()->clearUp()) {
+        Connection& connection = *gone_.back();
+        gone_.pop_back();
+        erase(connection);
     }
+    while (!line_.isOver(0) && router_.clearUp(kListensAtOnce)) {
+        (void)line_.isOver(kListensAtOnce);
+    }
+    account_.setOrphaned(router_.orphanedBytes());
 }
 
 void Server::forget(Connection& connection) {
+    batch_.end();  // of which it may be a member
+    if (connection.isHeavy()) return gone_.push_back(&connection);
+    erase(connection);
+}
+
+void Server::erase(Connection& connection) {
     connections_.erase(&connection);
     if (stopping_ && connections_.empty()) closeHandles();
 }

@@ -38,19 +38,16 @@ class Server {
     int run();
 
   private:
-    // Clears up after sessions that have left, in slices.
-    class Cleaner : public Worker {
-      public:
-        Cleaner(Router& router, Line& line) : router_(router), line_(line) {}
-        void work() override;
-
-      private:
-        Router& router_;
-        Line& line_;
+    // Frees what connections leave behind.
+    struct Cleaner : Worker {
+        explicit Cleaner(Server& owner) : server(owner) {}
+        void work() override { server.clearUp(); }
+        Server& server;
     };
 
     void onConnection(int status);
     void onTurn();
+    void reserveWatchers(std::size_t descriptor);
     bool makeRoom() noexcept;
     void warnCrowded(const std::string& what);
     void onClosed(const Connection& connection);
@@ -59,7 +56,10 @@ class Server {
     void returnMemory();
     void onTick();
     void stop();
+    [[nodiscard]] bool hasToClearUp() const { return !gone_.empty() || router_.hasLeft(); }
+    void clearUp();
     void forget(Connection& connection);
+    void erase(Connection& connection);
     void closeHandles();
     [[nodiscard]] platform::Milliseconds now() const {
         return static_cast<platform::Milliseconds>(uv_now(&loop_));
@@ -85,10 +85,12 @@ class Server {
     Router router_;
     Batch batch_{account_};
     Line line_;
-    Cleaner cleaner_{router_, line_};
+    Cleaner cleaner_{*this};
     const ConnectionContext context_;
     std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_;
+    std::vector<Connection*> gone_;  // that are heavy; has room for all
     std::uint64_t accepted_ = 0;
+    std::size_t watchers_ = 0;                          // for which libuv has memory
     std::size_t open_ = 0;                              // of the connections
     std::map<std::uint64_t, Connection*> unannounced_;  // by number, so the oldest is the first
     std::size_t mostOpen_ = 0;                          // for which there are descriptors

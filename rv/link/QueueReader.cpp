@@ -82,11 +82,8 @@ bool accept(ipq_Queue queue, wire::Frame& frame, Received& received) {
     ++queue->statistics.messagesRead;
     queue->statistics.bytesRead += frame.bytes.size();
     received.bytes = frame.bytes;
-    received.assembled.clear();
-    if (frame.assembled) {
-        received.assembled = queue->reader.takeAssembled();
-        received.bytes = received.assembled;
-    }
+    received.assembled = queue->reader.takeAssembled();
+    if (frame.assembled) received.bytes = received.assembled.view();
     return true;
 }
 

@@ -22,7 +22,7 @@ inline constexpr platform::Milliseconds kStallLimitMs = 60'000;  // blocking wri
 /// One received message and, when it came in pieces, its memory.
 struct Received {
     wire::Bytes bytes;
-    std::vector<std::uint8_t> assembled;
+    kvx::wire::Buffer assembled;
 };
 
 }  // namespace kvx::link

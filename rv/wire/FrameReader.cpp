@@ -57,19 +57,19 @@ Frame FrameReader::fromPartial() {
         topUp(kHeaderBytes);
         if (partial_.size() < kHeaderBytes) return {};
     }
-    const Head head = judge(partial_.data());
+    const Head head = judge(partial_.view().data());
     if (head.kind == FrameKind::Close || head.kind == FrameKind::Broken) return finish(head.kind);
     topUp(head.length);
     if (partial_.size() < head.length) return {};
     handedOut_ = true;
     if (head.kind == FrameKind::Keepalive) return {head.kind, {}, false};
-    return {head.kind, partial_, true};
+    return {head.kind, partial_.view(), true};
 }
 
 Frame FrameReader::finish(FrameKind kind) {
     end_ = kind;
     chunk_ = {};
-    partial_ = std::vector<std::uint8_t>();  // `= {}` would keep its memory
+    (void)std::exchange(partial_, {});
     return {kind, {}, false};
 }
 
@@ -80,8 +80,7 @@ void FrameReader::topUp(std::size_t length) {
     if (after > partial_.capacity()) {
         partial_.reserve(std::min(length, std::max(after, 2 * partial_.size())));
     }
-    partial_.insert(partial_.end(), chunk_.begin(),
-                    chunk_.begin() + static_cast<std::ptrdiff_t>(taken));
+    partial_.append(chunk_.first(taken));
     chunk_ = chunk_.subspan(taken);
 }
 
@@ -91,14 +90,14 @@ bool FrameReader::ready() const {
     if (have < kHeaderBytes) return false;
     std::array<std::uint8_t, kHeaderBytes> header{};
     const std::size_t early = std::min<std::size_t>(held(), kHeaderBytes);
-    std::copy_n(partial_.begin(), early, header.begin());
+    std::copy_n(partial_.view().begin(), early, header.begin());
     std::copy_n(chunk_.begin(), kHeaderBytes - early,
                 header.begin() + static_cast<std::ptrdiff_t>(early));
     const Head head = judge(header.data());
     return head.kind != FrameKind::Message || have >= head.length;
 }
 
-std::vector<std::uint8_t> FrameReader::takeAssembled() {
+Buffer FrameReader::takeAssembled() {
     if (!handedOut_) return {};
     handedOut_ = false;
     return std::exchange(partial_, {});

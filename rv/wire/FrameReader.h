@@ -3,8 +3,8 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
+#include "rv/wire/Buffer.h"
 #include "rv/wire/Limits.h"
 
 namespace kvx::wire {
@@ -55,7 +55,7 @@ class FrameReader {
     [[nodiscard]] bool ready() const;
 
     /// Moves the memory of the last message to the caller, when it was `assembled`.
-    [[nodiscard]] std::vector<std::uint8_t> takeAssembled();
+    [[nodiscard]] Buffer takeAssembled();
 
     /// Bytes of the chunk that no frame has used yet.
     [[nodiscard]] std::size_t unread() const { return chunk_.size(); }
@@ -79,7 +79,7 @@ class FrameReader {
     void topUp(std::size_t length);
 
     Bytes chunk_;
-    std::vector<std::uint8_t> partial_;
+    Buffer partial_;
     bool handedOut_ = false;  // partial_ is the result of the last `next`
     FrameKind end_ = FrameKind::None;
 };

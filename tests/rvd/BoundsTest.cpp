@@ -179,6 +179,33 @@ TEST_F(WithoutMemoryLimit, TheLogNamesWhoDoesNotKeepUpAndSaysWhenItDoesAgain) {
     EXPECT_NE(daemon.awaitLog(peer + " keeps up again: "), "");
 }
 
+TEST_F(WithoutMemoryLimit, ListensOfManyElementsCostWhatIsPromisedAndAreGivenBackInTenSeconds) {
+    const long long before = residentBytes(daemon.pid());
+    RawClient client = RawClient::session(daemon.port());
+    std::string elements;
+    for (int i = 0; i < 90; ++i) elements += ".ab";
+    long long allowed = 0;
+    for (long long sent = 0, i = 0; sent < 41 * kMiB; ++i) {
+        const auto message =
+            wire::buildListen(encodedSubject("E" + std::to_string(i) + elements), nullptr, 0);
+        client.send(message.message.view());
+        sent += static_cast<long long>(message.message.view().size());
+        allowed += 4 * static_cast<long long>(message.message.view().size()) + 256;
+    }
+    client.settle();
+    EXPECT_TRUE(!kIsMemoryExact || residentBytes(daemon.pid()) < before + allowed);
+    client.close();
+    const auto isBack = [&] { return residentBytes(daemon.pid()) < before + 20 * kMiB; };
+    EXPECT_TRUE(!kIsMemoryExact || eventually(isBack, std::chrono::seconds(10)));
+}
+
+TEST_F(WithoutMemoryLimit, OneListenTooManyEndsTheSessionWithTheLimitNamed) {
+    RawClient client = RawClient::session(daemon.port());
+    for (int i = 0; i <= 262'144; ++i) client.listen("L." + std::to_string(i));
+    expectEndedFor(client, "more than 262144 listens");
+    EXPECT_NE(daemon.awaitLog(" is closed: more than 262144 listens"), "");
+}
+
 TEST(WithoutMemory, TheDaemonLosesConnectionsAndServesTheOthers) {
     if (!kIsMemoryExact) GTEST_SKIP() << "a sanitizer needs the address space";
     ChildProcess daemon("/bin/sh", {"-c", "ulimit -v 200000; exec " KVX_RVD_PROGRAM

@@ -41,6 +41,18 @@ TEST(MemoryAccount, TakesFromTheLargestAndEndsWhoHasNothingToGive) {
     EXPECT_EQ(asked, "bbc");
 }
 
+TEST(MemoryAccount, NobodyPaysForWhatIsBeingFreedAlthoughItCounts) {
+    MemoryAccount account(1'000);
+    std::string asked;
+    const Piecewise a(account, "a", 9, asked);
+    account.setOrphaned(600);
+    account.relieve();
+    EXPECT_EQ(account.used(), 1'500U);
+    EXPECT_EQ(asked, "");
+    account.setOrphaned(0);
+    EXPECT_EQ(account.used(), 900U);
+}
+
 TEST(MemoryAccount, CountsSharedBytesOnceAndInFullAgainstEachHolder) {
     MemoryAccount account(1'000);
     std::string asked;

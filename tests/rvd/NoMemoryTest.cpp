@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "rv/wire/Buffer.h"
 #include "rvd/Server.h"
 #include "tests/support/FailingNew.h"
 #include "tests/support/Ledger.h"
@@ -11,6 +12,13 @@
 
 namespace kvx::test {
 namespace {
+
+const bool kBuffersFailToo = [] {
+    wire::bufferMemory().resize = [](void* block, std::size_t size) {
+        return nextFails() ? nullptr : std::realloc(block, size);
+    };
+    return true;
+}();
 
 // Serves on a free port until SIGTERM; of its thread's allocations `failures` fail after `news`.
 class ServedHere {

@@ -12,7 +12,8 @@ namespace {
 using Stream = std::vector<std::uint8_t>;
 
 PayloadRef numbered(int number, std::size_t padding = 0) {
-    return Payload::own(test::dataMessage("N", std::to_string(number) + std::string(padding, ' ')));
+    return Payload::copy(
+        test::dataMessage("N", std::to_string(number) + std::string(padding, ' ')));
 }
 
 struct Holder final : MemoryHolder {

@@ -227,7 +227,7 @@ TEST_P(PeerProtocol, AnswersACloseNoticeAndEndsASessionThatListensToTooMuch) {
     open();
     recorder.mayListen = false;
     feed(control("L", "A"));
-    EXPECT_EQ(recorder.log, "listen:A close:too many listens ");
+    EXPECT_EQ(recorder.log, "listen:A close:more than 262144 listens ");
 }
 
 TEST_P(PeerProtocol, ProbesASilentPeerOnceAndClosesItAfterTenMinutes) {

@@ -8,16 +8,36 @@
 #include <cstdlib>
 #include <new>
 
+#include "rv/wire/Buffer.h"
+
 namespace {
 
-void* allocate(std::size_t size, std::size_t alignment) noexcept {
+bool nextFails() noexcept {
     kvx::sim::Account* const account = kvx::sim::charged;
-    if (account != nullptr && account->newsBeforeFailure >= 0 && account->newsBeforeFailure-- == 0)
-        return nullptr;
+    return account != nullptr && account->newsBeforeFailure >= 0 &&
+           account->newsBeforeFailure-- == 0;
+}
+
+void charge(std::int64_t bytes) noexcept {
+    if (kvx::sim::charged != nullptr) kvx::sim::charged->bytes += bytes;
+}
+
+std::int64_t sizeOf(void* memory) noexcept {
+    return static_cast<std::int64_t>(malloc_usable_size(memory));
+}
+
+void* allocate(std::size_t size, std::size_t alignment) noexcept {
     void* memory = nullptr;
-    if (posix_memalign(&memory, alignment, size) != 0) return nullptr;
-    if (account != nullptr) account->bytes += static_cast<std::int64_t>(malloc_usable_size(memory));
+    if (nextFails() || posix_memalign(&memory, alignment, size) != 0) return nullptr;
+    charge(sizeOf(memory));
     return memory;
+}
+
+void* resize(void* memory, std::size_t size) noexcept {
+    const std::int64_t before = sizeOf(memory);
+    void* const resized = nextFails() ? nullptr : std::realloc(memory, size);
+    if (resized != nullptr) charge(sizeOf(resized) - before);
+    return resized;
 }
 
 void* allocateOrThrow(std::size_t size, std::size_t alignment) {
@@ -27,10 +47,14 @@ void* allocateOrThrow(std::size_t size, std::size_t alignment) {
 }
 
 void release(void* memory) noexcept {
-    if (kvx::sim::charged != nullptr)
-        kvx::sim::charged->bytes -= static_cast<std::int64_t>(malloc_usable_size(memory));
+    charge(-sizeOf(memory));
     std::free(memory);
 }
+
+const bool kBuffersAreChargedToo = [] {
+    kvx::wire::bufferMemory() = {resize, release};
+    return true;
+}();
 
 }  // namespace
 

@@ -283,6 +283,11 @@ int uv_accept(uv_stream_t* /*listener*/, uv_stream_t* client) {
     return 0;
 }
 
+int uv_fileno(const uv_handle_t* /*handle*/, uv_os_fd_t* descriptor) {
+    *descriptor = 0;
+    return 0;
+}
+
 int uv_tcp_getpeername(const uv_tcp_t* handle, sockaddr* name, int* /*length*/) {
     const auto from = world->network.linkOf(recordOf(handle).socket)->from;
     sockaddr_in address{};

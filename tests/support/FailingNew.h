@@ -14,15 +14,20 @@ inline thread_local bool newsFailForGood = false;
 /// How many fail one after another; 1 again after that.
 inline thread_local long newsToFail = 1;
 
-inline void* allocateOrFail(std::size_t size, std::size_t alignment) {
+/// Counts an allocation; true when it should fail.
+inline bool nextFails() {
     const bool fails = newsBeforeFailure == 0;
     if (newsBeforeFailure > 0) --newsBeforeFailure;
     if (fails && !newsFailForGood && --newsToFail == 0) {
         newsBeforeFailure = -1;
         newsToFail = 1;
     }
+    return fails;
+}
+
+inline void* allocateOrFail(std::size_t size, std::size_t alignment) {
     void* memory = nullptr;
-    if (fails || posix_memalign(&memory, alignment, size) != 0) throw std::bad_alloc();
+    if (nextFails() || posix_memalign(&memory, alignment, size) != 0) throw std::bad_alloc();
     return memory;
 }
 
