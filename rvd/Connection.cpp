@@ -427,6 +427,7 @@ void Connection::leaveSession() {
     routing_.reset();
     if (session_ == nullptr) return;
     context_.router.leave(*std::exchange(session_, nullptr));
+    context_.account.setLeft(context_.router.leftBytes());
     setCharge(Holding::Listens, 0);
     if (context_.router.hasLeft()) context_.line.join(context_.cleaner);
 }

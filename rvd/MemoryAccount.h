@@ -37,6 +37,14 @@ class MemoryAccount {
     void charge(std::size_t bytes) { used_ += bytes; }
     void discharge(std::size_t bytes) { used_ -= bytes; }
 
+    /// What is still held for peers that have gone; it is given back without anybody's doing, so
+    /// nobody gives up something for it.
+    void setLeft(std::uint64_t bytes) {
+        used_ += bytes - left_;
+        leaving_ += bytes - left_;
+        left_ = bytes;
+    }
+
     /// While more than the limit is used, the largest holder gives up something. Call it when no
     /// message is being routed.
     void relieve();
@@ -58,6 +66,7 @@ class MemoryAccount {
     const std::uint64_t limit_;
     std::uint64_t used_ = 0;
     std::uint64_t leaving_ = 0;  // held by those that gave up all and are about to go
+    std::uint64_t left_ = 0;     // by those that have gone
     std::uint64_t peak_ = 0;     // since memory was returned to the system
     // A heap with the largest holder first while `isOrdered_`, else in any order.
     std::vector<MemoryHolder*> holders_;

@@ -57,6 +57,7 @@ namespace {
 
 constexpr std::size_t kFewListens = 64;
 constexpr std::size_t kFewPatterns = 64;  // in the tree of the space
+constexpr std::size_t kUndonePerListen = 2;
 constexpr std::size_t kOwnTreeCost = 16'384;
 // What a listen takes, in the session and in the tree: at most this, whatever its subject.
 std::size_t listenCost(SubjectView subject) {
@@ -107,6 +108,8 @@ void Router::leave(Session& session) {
     counters_.subtract(Counter::ListensOpen, session.listenCount_);
     counters_.subtract(Counter::SessionsOpen);
     left_.splice(left_.begin(), space.sessions, session.place_);
+    session.leftBytes_ = session.listenBytes_;
+    leftBytes_ += session.leftBytes_;
     ++space.left;
     if (session.listens_.size() <= kFewListens) (void)clearUp(session.listens_.size() + 1);
 }
@@ -121,6 +124,7 @@ bool Router::clearUp(std::size_t most) {
             OwnTree& own = *session.own_;
             undo(session, {own.tree, own.listens, own.listens.any()});
         } else {
+            leftBytes_ -= session.leftBytes_;
             left_.pop_front();
             if (--space.left == 0 && space.sessions.empty())
                 spaces_.erase(spaces_.find(space.name));
@@ -171,7 +175,10 @@ Router::Place Router::placeFor(Session& session, SubjectView subject) {
     return {session.own_->tree, session.own_->listens, nullptr};
 }
 
+// Whoever listens also undoes, so sessions that come and go cannot leave listens behind faster than
+// they are undone.
 bool Router::listen(Session& session, SubjectView subject) {
+    (void)clearUp(kUndonePerListen);
     Listen* const known = placeOf(session, subject).listen;
     if (known == nullptr) {
         const std::size_t own = session.own_ ? session.own_->listens.size() : 0;

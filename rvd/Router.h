@@ -61,11 +61,13 @@ class Router {
 
     /// Whether `clearUp` has something to do.
     [[nodiscard]] bool hasLeft() const { return !left_.empty(); }
+    /// Memory of the listens that are to be undone, in bytes, an upper estimate.
+    [[nodiscard]] std::uint64_t leftBytes() const { return leftBytes_; }
     /// Undoes up to `most` listens of sessions that have left. Returns whether some are left.
     bool clearUp(std::size_t most);
 
-    /// Counts one listen. Returns false, and changes nothing, above `kMaxListens`; likewise throws
-    /// `std::bad_alloc`.
+    /// Counts one listen, and undoes a few of sessions that have left. Returns false, and changes
+    /// nothing, above `kMaxListens`; likewise throws `std::bad_alloc`.
     [[nodiscard]] bool listen(Session& session, SubjectView subject);
 
     /// Undoes one listen; one that was never made is ignored.
@@ -99,6 +101,7 @@ class Router {
     Counters& counters_;
     std::map<SpaceName, std::unique_ptr<Space>> spaces_;
     Sessions left_;                  // sessions that have left, and still have listens
+    std::uint64_t leftBytes_ = 0;    // of those
     std::vector<Receiver*> found_;   // in one turn of a match
     std::uint64_t matchNumber_ = 0;  // of the newest match
 };
@@ -121,8 +124,9 @@ class Router::Session {
     std::uint64_t listenCount_ = 0;
     std::uint64_t lastMatch_ = 0;  // the newest match that has found it
     std::size_t listenBytes_ = 0;
-    std::size_t patterns_ = 0;  // of `listens_`
-    Listens listens_;           // in the tree of the space
+    std::size_t leftBytes_ = 0;  // when it left
+    std::size_t patterns_ = 0;   // of `listens_`
+    Listens listens_;            // in the tree of the space
     std::shared_ptr<OwnTree> own_;
 };
 

@@ -219,8 +219,11 @@ void Server::onTurn() {
 
 void Server::Cleaner::work() {
     while (router_.clearUp(kListensAtOnce)) {
-        if (line_.isOver(kListensAtOnce)) return line_.join(*this);
+        if (!line_.isOver(kListensAtOnce)) continue;
+        line_.join(*this);
+        break;
     }
+    account_.setLeft(router_.leftBytes());
 }
 
 void Server::forget(Connection& connection) {

@@ -41,12 +41,14 @@ class Server {
     // Clears up after sessions that have left, in slices.
     class Cleaner : public Worker {
       public:
-        Cleaner(Router& router, Line& line) : router_(router), line_(line) {}
+        Cleaner(Router& router, Line& line, MemoryAccount& account)
+            : router_(router), line_(line), account_(account) {}
         void work() override;
 
       private:
         Router& router_;
         Line& line_;
+        MemoryAccount& account_;
     };
 
     void onConnection(int status);
@@ -85,7 +87,7 @@ class Server {
     Router router_;
     Batch batch_{account_};
     Line line_;
-    Cleaner cleaner_{router_, line_};
+    Cleaner cleaner_{router_, line_, account_};
     const ConnectionContext context_;
     std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_;
     std::uint64_t accepted_ = 0;

@@ -118,6 +118,19 @@ TEST_F(Routing, ClearsUpAfterASessionOfManyListensInSteps) {
 }
 
 // Other messages are matched, and sessions come and go, between any two steps of a match.
+TEST_F(Routing, WhoListensUndoesWhatSessionsThatCameAndWentHaveLeft) {
+    std::uint64_t leftByOne = 0;
+    for (int i = 0; i < 20; ++i) {
+        auto& session = join("a");
+        for (int k = 0; k < 1'000; ++k) listen(session, ("A." + std::to_string(k)).c_str());
+        EXPECT_EQ(router.leftBytes(), 0U) << "of the one before";
+        router.leave(session);
+        leftByOne = std::max(leftByOne, router.leftBytes());
+    }
+    EXPECT_EQ(leftByOne, router.leftBytes());
+    EXPECT_GT(leftByOne, 0U);
+}
+
 TEST_F(Routing, ReachesEachListenerOnceInTurnsOfOneStep) {
     auto& a = join("a", {"X.Y", "X.*", ">", "*.Y", "*.*"});
     auto* b = &join("b", {"X.Y", "X.>"});
