@@ -57,6 +57,7 @@ namespace {
 
 constexpr std::size_t kFewListens = 64;
 constexpr std::size_t kFewPatterns = 64;  // in the tree of the space
+constexpr std::size_t kUndonePerListen = 2;
 constexpr std::size_t kOwnTreeCost = 16'384;
 // What a listen takes, in the session and in the tree: at most this, whatever its subject.
 std::size_t listenCost(SubjectView subject) {
@@ -175,7 +176,10 @@ Router::Place Router::placeFor(Session& session, SubjectView subject) {
     return {session.own_->tree, session.own_->listens, nullptr};
 }
 
+// Whoever listens also undoes, so sessions that come and go cannot leave listens behind faster than
+// they are undone.
 bool Router::listen(Session& session, SubjectView subject) {
+    (void)clearUp(kUndonePerListen);
     Listen* const known = placeOf(session, subject).listen;
     if (known == nullptr) {
         const std::size_t own = session.own_ ? session.own_->listens.size() : 0;

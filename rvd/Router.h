@@ -66,8 +66,8 @@ class Router {
     /// Undoes up to `most` listens of sessions that have left. Returns whether some are left.
     bool clearUp(std::size_t most);
 
-    /// Counts one listen. Returns false, and changes nothing, above `kMaxListens`; likewise throws
-    /// `std::bad_alloc`.
+    /// Counts one listen, and undoes a few of sessions that have left. Returns false, and changes
+    /// nothing, above `kMaxListens`; likewise throws `std::bad_alloc`.
     [[nodiscard]] bool listen(Session& session, SubjectView subject);
 
     /// Undoes one listen; one that was never made is ignored.

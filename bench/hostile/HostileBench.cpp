@@ -14,9 +14,9 @@
 #include <thread>
 #include <vector>
 
-#include "bench/hostile/Hostile.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Daemon.h"
+#include "tests/support/Hostile.h"
 #include "tests/support/RawClient.h"
 
 namespace {
@@ -96,6 +96,17 @@ int sink(std::uint16_t port) {
                 part(delays, .99), seconds);
     std::fflush(stdout);
     return 0;
+}
+
+// Until the process is killed.
+int makeTrouble(const std::string& name, int clients, std::uint16_t port) {
+    kvx::test::Troublemakers all(name, clients, port);
+    all.step();
+    std::puts("troubling");
+    std::fflush(stdout);
+    while (true) {
+        if (!all.step()) kvx::platform::sleepMs(1);
+    }
 }
 
 struct Streamed {
@@ -194,7 +205,7 @@ int measure(const char* self, const char* only) {
     std::printf("%-12s %9s %9s %9s %9s %9s %6s %9s %6s\n", "wanted", "", "", "20 ms", "100 ms",
                 "50 ms", "0", "", "0.5");
     const double baseline = row("nobody", 0, self, 0);
-    for (const auto& trouble : kvx::bench::troubles()) {
+    for (const auto& trouble : kvx::test::troubles()) {
         if (only != nullptr && trouble.name != only) continue;
         for (const int clients : {1, 60}) row(trouble.name, clients, self, baseline);
         row(trouble.name, 60, self, baseline, true);
@@ -208,7 +219,7 @@ int main(int argc, char** argv) {
     const std::string role = argc > 1 ? argv[1] : "";
     const auto port = [&](int at) { return static_cast<std::uint16_t>(std::stoi(argv[at])); };
     try {
-        if (role == "trouble") return kvx::bench::makeTrouble(argv[2], std::stoi(argv[3]), port(4));
+        if (role == "trouble") return makeTrouble(argv[2], std::stoi(argv[3]), port(4));
         if (role == "echo") return echo(port(2));
         if (role == "sink") return sink(port(2));
         if (role == "source") return source(port(2), std::stoi(argv[3]), std::stoi(argv[4]));

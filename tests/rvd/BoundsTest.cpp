@@ -208,22 +208,18 @@ TEST_F(WithoutMemoryLimit, OneListenTooManyEndsTheSessionWithTheLimitNamed) {
 
 TEST(WithoutMemory, TheDaemonLosesConnectionsAndServesTheOthers) {
     if (!kIsMemoryExact) GTEST_SKIP() << "a sanitizer needs the address space";
-    ChildProcess daemon("/bin/sh", {"-c", "ulimit -v 200000; exec " KVX_RVD_PROGRAM
-                                          " -listen tcp:0 -memory 4G -queue-limit 1G"});
-    const std::string ready = daemon.awaitOutput("rvd ready on tcp:");
-    const auto port = static_cast<std::uint16_t>(std::stoi(ready.substr(ready.rfind(':') + 1)));
+    Daemon daemon({"-memory", "4G", "-queue-limit", "1G"}, {}, "ulimit -v 200000");
     const ByteVector giant = dataMessage("U", std::string(40'000'000, 'x'));
     std::vector<RawClient> clients;
     for (int i = 0; i < 8; ++i) {
-        clients.push_back(RawClient::session(port));
+        clients.push_back(RawClient::session(daemon.port()));
         clients.back().send(wire::Bytes(giant).first(39'999'000));
     }
-    EXPECT_NE(daemon.awaitError("is closed: no memory"), "");
+    EXPECT_NE(daemon.awaitLog("is closed: no memory"), "");
     clients.clear();
-    RawClient::session(port).settle();
-    daemon.kill(SIGTERM);
-    EXPECT_EQ(daemon.wait(), 0);
-    EXPECT_EQ(brokenLaw(daemon.errors()), "");
+    RawClient::session(daemon.port()).settle();
+    daemon.askToStop();
+    EXPECT_EQ(daemon.waitForEnd(), 0);
 }
 
 }  // namespace

@@ -55,18 +55,15 @@ TEST_F(RunningDaemon, OutlivesClientsThatSendNonsenseOrVanish) {
 }
 
 TEST_F(RunningDaemon, MakesRoomAtItsLastDescriptorsAndTurnsNobodyAwayWhoHasAnnouncedItself) {
-    ChildProcess crowded("/bin/sh",
-                         {"-c", "ulimit -n 40 && exec \"$0\" -listen tcp:0", KVX_RVD_PROGRAM});
-    const std::string line = crowded.awaitOutput("rvd ready on tcp:");
-    const auto port = static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
+    Daemon crowded({}, {}, "ulimit -n 40");
     std::vector<RawClient> sessions;
-    sessions.push_back(RawClient::session(port));
+    sessions.push_back(RawClient::session(crowded.port()));
     std::vector<RawClient> strangers;
-    for (int i = 0; i < 60; ++i) strangers.emplace_back(port);
-    EXPECT_FALSE(crowded.awaitError("descriptors").empty());
+    for (int i = 0; i < 60; ++i) strangers.emplace_back(crowded.port());
+    EXPECT_FALSE(crowded.awaitLog("descriptors").empty());
     EXPECT_FALSE(strangers.front().expectClosed()) << "the oldest makes room";
     try {
-        while (sessions.size() < 60) sessions.push_back(RawClient::session(port));
+        while (sessions.size() < 60) sessions.push_back(RawClient::session(crowded.port()));
     } catch (const std::runtime_error&) {
         EXPECT_GT(sessions.size(), 10U) << "all have announced themselves: this one is turned away";
     }
@@ -74,8 +71,8 @@ TEST_F(RunningDaemon, MakesRoomAtItsLastDescriptorsAndTurnsNobodyAwayWhoHasAnnou
     for (RawClient& session : sessions) session.settle();
     sessions.clear();
     strangers.clear();
-    crowded.kill(SIGTERM);
-    EXPECT_FALSE(crowded.awaitError(" connections.refused=").empty());
+    crowded.askToStop();
+    EXPECT_FALSE(crowded.awaitLog(" connections.refused=").empty());
 }
 
 TEST_F(RunningDaemon, StopsWithACloseNoticeBehindWhatWaitsHoweverOftenItIsToldTo) {

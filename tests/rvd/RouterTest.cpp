@@ -119,6 +119,19 @@ TEST_F(Routing, ClearsUpAfterASessionOfManyListensInSteps) {
     EXPECT_EQ(router.spaces() + router.orphanedBytes(), 0U);
 }
 
+TEST_F(Routing, WhoListensUndoesWhatSessionsThatCameAndWentHaveLeft) {
+    std::uint64_t leftByOne = 0;
+    for (int i = 0; i < 20; ++i) {
+        auto& session = join("a");
+        for (int k = 0; k < 1'000; ++k) listen(session, ("A." + std::to_string(k)).c_str());
+        EXPECT_EQ(router.orphanedBytes(), 0U) << "of the one before";
+        router.leave(session);
+        leftByOne = std::max(leftByOne, router.orphanedBytes());
+    }
+    EXPECT_EQ(leftByOne, router.orphanedBytes());
+    EXPECT_GT(leftByOne, 0U);
+}
+
 // Other messages are matched, and sessions come and go, between any two steps of a match.
 TEST_F(Routing, ReachesEachListenerOnceInTurnsOfOneStep) {
     auto& a = join("a", {"X.Y", "X.*", ">", "*.Y", "*.*"});

@@ -20,8 +20,12 @@ namespace kvx::test {
 /// `std::runtime_error` when it does not get ready.
 class Daemon {
   public:
-    /// Starts it with these options besides "-listen". Returns when it has said that it is ready.
-    explicit Daemon(std::vector<std::string> options = {}) : options_(std::move(options)) {
+    /// Starts it with these options besides "-listen", with `variables` ("NAME=value") before the
+    /// test's own environment, after the shell's command `limits`, such as "ulimit -n 40". Returns
+    /// when it has said that it is ready.
+    explicit Daemon(std::vector<std::string> options = {}, std::vector<std::string> variables = {},
+                    const std::string& limits = ":")
+        : options_(std::move(options)), variables_(std::move(variables)), limits_(limits) {
         start("0");
     }
     ~Daemon() { end(); }
@@ -38,10 +42,20 @@ class Daemon {
     void askToStop() const { process_->kill(SIGTERM); }
     /// SIGSTOP: it neither reads nor answers.
     void pause() const { process_->kill(SIGSTOP); }
+    void resume() const { process_->kill(SIGCONT); }
+    [[nodiscard]] bool isRunning() { return process_->isRunning(); }
+    /// Has it report its counters. Empty when they obey the law, else what is wrong.
+    std::string lawBrokenNow() {
+        const auto reports = [this] { return countOf("counted:", log()); };
+        const std::size_t before = reports();
+        process_->kill(SIGUSR1);
+        static_cast<void>(eventually([&] { return reports() > before || !isRunning(); }));
+        return brokenLaw(log());
+    }
     /// Waits until it has ended by itself; its exit status.
     int waitForEnd() {
         const int status = process_->wait();
-        requireLaw();
+        require(brokenLaw(log()));
         return status;
     }
     /// What it has written on standard error.
@@ -61,30 +75,36 @@ class Daemon {
 
   private:
     // Ends the test program: this may run in a destructor.
-    void requireLaw() const {
-        const std::string wrong = brokenLaw(log());
+    static void require(const std::string& wrong) {
         if (wrong.empty()) return;
         std::fprintf(stderr, "%s\n", wrong.c_str());
         std::abort();
     }
     void end() {
         if (!process_ || !process_->isRunning()) return;
-        process_->kill(SIGCONT);
-        process_->kill(SIGUSR1);
-        awaitLog("counted:");
-        requireLaw();
+        resume();
+        require(lawBrokenNow());
         kill();
     }
     void start(const std::string& port) {
-        std::vector<std::string> arguments = {"-listen", "tcp:" + port};
+        std::vector<std::string> arguments = {"-c", limits_ + R"( && exec "$0" "$@")",
+                                              KVX_RVD_PROGRAM, "-listen", "tcp:" + port};
         arguments.insert(arguments.end(), options_.begin(), options_.end());
-        process_.emplace(KVX_RVD_PROGRAM, arguments);
+        process_.emplace("/bin/sh", arguments, variables_);
         const std::string line = process_->awaitOutput("rvd ready on tcp:");
         if (line.empty()) throw std::runtime_error("rvd is not ready: " + process_->errors());
         port_ = static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
     }
 
+    static std::size_t countOf(std::string_view text, std::string_view in) {
+        std::size_t count = 0;
+        for (auto at = in.find(text); at != in.npos; at = in.find(text, at + 1)) ++count;
+        return count;
+    }
+
     const std::vector<std::string> options_;
+    const std::vector<std::string> variables_;
+    const std::string limits_;
     std::optional<ChildProcess> process_;
     std::uint16_t port_ = 0;
 };
