@@ -34,8 +34,7 @@ namespace {
 constexpr std::size_t kWriteSlices = 512;       // pieces per system call
 constexpr std::size_t kReadBeside = 32 * 1024;  // bytes, while many others work
 constexpr unsigned kLoopbackNet = 127;
-constexpr std::size_t kStepsAtOnce = 256;  // of a match, between two looks at the clock
-constexpr std::size_t kNameLength = 128;   // characters of a session's name in the log
+constexpr std::size_t kNameLength = 128;  // characters of a session's name in the log
 
 // Memory of a connection that holds nothing: this object, its peer, an empty queue, and libuv's and
 // the containers' part.
@@ -497,14 +496,14 @@ void Connection::publish(SubjectView subject, const PayloadRef& message) {
 void Connection::route() {
     bool isOver = false;
     while (!isOver && routing_->message->size() != 0) {
-        const auto found = routing_->match.advance(routing_->subject(), kStepsAtOnce);
+        const auto found = routing_->match.advance(routing_->subject(), context_.stepsAtOnce);
         for (Receiver* receiver : found) receiver->deliver(routing_->message);
         if (routing_->match.isDone()) {
             if (!routing_->match.hasFound()) context_.counters.add(Counter::MessagesUnmatched);
             (void)context_.line.isOver(found.size());
             break;
         }
-        isOver = context_.line.isOver(kStepsAtOnce);
+        isOver = context_.line.isOver(Line::kStepsPerLook);
     }
     if (!isOver) routing_.reset();
 }

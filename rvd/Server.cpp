@@ -73,6 +73,7 @@ Server::Server(const Options& options, const Log& log)
                batch_,
                line_,
                options.queueLimit,
+               options.stepsAtOnce,
                hostAddressFor(options),
                cleaner_,
                [this](const Connection& connection) { unannounced_.erase(connection.number()); },

@@ -18,10 +18,22 @@ constexpr const char* kDaemon = "tcp:daemon:7500";
 constexpr unsigned long kRequestMs = 3'000;
 constexpr unsigned long kDispatchMs = 1'000;
 constexpr std::size_t kMostEars = 8;
+constexpr std::size_t kMostCrowd = 450;
 constexpr std::size_t kMostMarkBytes = 5'000;
+
+constexpr std::size_t kDeep = 21;      // bytes of a subject of eleven elements
+constexpr std::size_t kCrowded = 100;  // listens, whose patterns cost a message too much
 
 const std::vector<std::string> kPatterns = {"a.b", "a.c", "a.b.c", "d", "q.x", "a.*",
                                             "a.>", "*.b", ">",     "*", "*.*", "a.*.c"};
+
+// One of many patterns with a few subjects in common.
+std::string crowdPattern(unsigned number, bool fits) {
+    std::string pattern = fits ? "e" : "f";
+    for (; number > 0 || pattern.size() < kDeep; number /= 2)
+        pattern.insert(0, number % 2 == 0 ? "e." : "*.");
+    return pattern;
+}
 
 // Two of them do not fill a queue.
 std::size_t markSize() {
@@ -36,7 +48,8 @@ unsigned nextSender() {
 }  // namespace
 
 const std::vector<std::string>& subjects() {
-    static const std::vector<std::string> all = {"a.b", "a.c", "a.b.c", "d", "q.x"};
+    static const std::vector<std::string> all = {"a.b", "a.c", "a.b.c", "d",
+                                                 "q.x", "a.*", ">",     "e.e.e.e.e.e.e.e.e.e.e"};
     return all;
 }
 
@@ -54,6 +67,7 @@ void Client::beginCalm() {
     calm_ = true;
     armed_.reset();
     program_.account.newsBeforeFailure = -1;
+    if (ears_.size() > kCrowded) post({0, Deed::Leave, 0, 0, 0});
 }
 
 void Client::run() {
@@ -120,7 +134,8 @@ void Client::obeyNext() {
 
 void Client::obey(const Action& action) {
     world->note(action.text());
-    const bool usesSession = action.deed == Deed::Listen || action.deed == Deed::Publish;
+    const bool usesSession =
+        action.deed == Deed::Listen || action.deed == Deed::Crowd || action.deed == Deed::Publish;
     if (usesSession && !session_ && !calm_) join();
     switch (action.deed) {
         case Deed::Join:
@@ -128,7 +143,12 @@ void Client::obey(const Action& action) {
         case Deed::Leave:
             return leave();
         case Deed::Listen:
-            return listen(action.a);
+            if (ears_.size() < kMostEars) listen(kPatterns[action.a % kPatterns.size()]);
+            return;
+        case Deed::Crowd:
+            for (unsigned i = 0; i < action.b && ears_.size() < kMostCrowd; ++i)
+                listen(crowdPattern(i, action.b <= kCrowded));
+            return;
         case Deed::Cancel:
             if (Ear* ear = anyEar(action.a)) cancel(*ear);
             return;
@@ -189,9 +209,9 @@ void Client::cancelAll() {
     for (std::size_t i = 0; i < ears_.size(); ++i) cancel(*ears_[i]);
 }
 
-void Client::listen(unsigned pattern) {
-    if (!isJoined() || ears_.size() >= kMostEars) return;
-    ears_.push_back(std::make_unique<Ear>(*this, kPatterns[pattern % kPatterns.size()]));
+void Client::listen(const std::string& pattern) {
+    if (!isJoined()) return;
+    ears_.push_back(std::make_unique<Ear>(*this, pattern));
     Ear& ear = *ears_.back();
     RvListener* made = nullptr;
     {
@@ -307,7 +327,7 @@ void Client::actInCallback(Ear& ear, unsigned what) {
         case 3:
             return publish(subjects()[what / 8 % subjects().size()], 100);
         case 4:
-            return listen(what / 8);
+            return listen(kPatterns[what / 8 % kPatterns.size()]);
         case 5:
             return cancelAll();
         case 6:

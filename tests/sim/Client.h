@@ -78,7 +78,7 @@ class Client {
     void obey(const Action& action);
     void join();
     void leave();
-    void listen(unsigned pattern);
+    void listen(const std::string& pattern);
     void cancel(Ear& ear);
     void cancelAll();
     void publish(const std::string& subject, std::size_t size);

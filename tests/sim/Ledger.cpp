@@ -34,6 +34,23 @@ std::string linkName(unsigned link) {
     return " (link " + std::to_string(link) + ")";
 }
 
+bool matches(const std::string& pattern, const std::string& subject) {
+    if (pattern.starts_with("_INBOX") != subject.starts_with("_INBOX")) return false;
+    std::size_t p = 0;
+    std::size_t s = 0;
+    while (p < pattern.size() && s < subject.size()) {
+        const std::size_t pEnd = std::min(pattern.find('.', p), pattern.size());
+        const std::size_t sEnd = std::min(subject.find('.', s), subject.size());
+        const std::string_view element(pattern.data() + p, pEnd - p);
+        const std::string_view other(subject.data() + s, sEnd - s);
+        if (element == ">") return true;
+        if (other == ">" || (element != "*" && element != other)) return false;
+        p = pEnd + 1;
+        s = sEnd + 1;
+    }
+    return p > pattern.size() && s > subject.size();
+}
+
 }  // namespace
 
 std::string MessageId::text() const {
@@ -50,20 +67,8 @@ MessageId MessageId::of(std::string_view payload) {
 }
 
 bool hears(const std::string& pattern, const std::string& subject) {
-    if (pattern.starts_with("_INBOX") != subject.starts_with("_INBOX")) return false;
-    std::size_t p = 0;
-    std::size_t s = 0;
-    while (p < pattern.size() && s < subject.size()) {
-        const std::size_t pEnd = std::min(pattern.find('.', p), pattern.size());
-        const std::size_t sEnd = std::min(subject.find('.', s), subject.size());
-        const std::string_view element(pattern.data() + p, pEnd - p);
-        if (element == ">" && pEnd == pattern.size()) return true;
-        if (element != "*" && element != std::string_view(subject.data() + s, sEnd - s))
-            return false;
-        p = pEnd + 1;
-        s = sEnd + 1;
-    }
-    return p > pattern.size() && s > subject.size();
+    const bool isWild = subject.find_first_of("*>") != std::string::npos;
+    return isWild ? matches(subject, pattern) : matches(pattern, subject);
 }
 
 // Calls `visit` for each whole message but keepalives; a close notice is an empty one.
@@ -183,7 +188,10 @@ void Ledger::owe(unsigned link, Session& session, const Published& message, bool
 }
 
 void Ledger::toClient(unsigned link, Session& session, std::string_view message) {
-    if (message.empty()) return left(link);
+    if (message.empty()) {
+        session.closedByDaemon = true;
+        return left(link);
+    }
     const wire::Routing routing = wire::readRouting(asBytes(message));
     if (routing.type != wire::MessageType::Data) return;
     const auto view = SubjectView::parse(routing.subject.data(), routing.subject.size());

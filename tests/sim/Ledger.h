@@ -20,8 +20,8 @@ struct MessageId {
     static MessageId of(std::string_view payload);
 };
 
-/// Whether a listen on `pattern` hears `subject`, which has no wildcards. Written without the
-/// daemon's and the library's matchers, which it checks.
+/// Whether a listen on `pattern` hears a message on `subject`; on one with wildcards, whether each
+/// subject of the listen matches it. Written without the daemon's and the library's matchers.
 [[nodiscard]] bool hears(const std::string& pattern, const std::string& subject);
 
 /// What the daemon owes to each connection, and what it paid.
@@ -37,6 +37,8 @@ class Ledger {
     void daemonWrote(unsigned link, std::string_view bytes);
     /// The link has ended for the daemon.
     void left(unsigned link);
+    /// The daemon's close notice is written.
+    [[nodiscard]] bool isClosed(unsigned link) { return sessions_[link].closedByDaemon; }
     /// What was read so far is processed: the order of what follows is certain.
     void daemonHasCaughtUp();
 
@@ -72,6 +74,7 @@ class Ledger {
         Stream down{140, {}};
         bool joined = false;
         bool gone = false;
+        bool closedByDaemon = false;  // by a notice
         std::string space;
         std::map<std::string, Listens> listens;
         std::vector<Due> due;

@@ -13,10 +13,10 @@ struct Kind {
 };
 
 constexpr std::array<Kind, static_cast<std::size_t>(Deed::Count)> kKinds = {{
-    {"join", 10},         {"leave", 4},       {"listen", 16},     {"cancel", 8}, {"publish", 30},
-    {"request", 8},       {"arm", 8},         {"fail next", 4},   {"sleep", 3},  {"freeze", 4},
-    {"stall up", 3},      {"stall down", 6},  {"cut", 4},         {"refuse", 2}, {"fail daemon", 2},
-    {"freeze daemon", 2}, {"stop daemon", 1}, {"kill daemon", 2}, {"rest", 1},
+    {"join", 10},       {"leave", 4},         {"listen", 16},     {"crowd", 2},       {"cancel", 8},
+    {"publish", 30},    {"request", 8},       {"arm", 8},         {"fail next", 4},   {"sleep", 3},
+    {"freeze", 4},      {"stall up", 3},      {"stall down", 6},  {"cut", 4},         {"refuse", 2},
+    {"fail daemon", 2}, {"freeze daemon", 2}, {"stop daemon", 1}, {"kill daemon", 2}, {"rest", 1},
 }};
 
 Deed anyDeed(Random& random) {
@@ -32,11 +32,14 @@ Deed anyDeed(Random& random) {
 
 unsigned amountFor(Deed deed, Random& random) {
     constexpr std::array<unsigned, 4> kBursts = {1, 3, 10, 60};
+    constexpr std::array<unsigned, 2> kCrowds = {70, 400};
     constexpr std::array<unsigned, 4> kPauses = {50, 1'000, 5'000, 30'000};
     constexpr std::array<unsigned, 3> kRests = {20, 200, 700};
     switch (deed) {
         case Deed::Publish:
             return random.among(kBursts);
+        case Deed::Crowd:
+            return random.among(kCrowds);
         case Deed::FailNext:
         case Deed::FailDaemon:
             return static_cast<unsigned>(random(20));

@@ -15,6 +15,7 @@ enum class Deed : std::uint8_t {
     Join,
     Leave,
     Listen,   ///< `a`: the pattern
+    Crowd,    ///< `b` listens, which `a` chooses
     Cancel,   ///< `a`: which listener
     Publish,  ///< `a`: the subject; `b`: how many
     Request,

@@ -47,18 +47,24 @@ struct Plan {
     std::size_t capacity;
     std::uint64_t queueLimit;
     std::uint64_t memory;
+    std::size_t stepsAtOnce;
+    std::uint64_t slowness;
 };
 
 Plan planOf(std::uint64_t seed) {
     constexpr std::array<std::size_t, 4> kCapacities = {200, 2'000, 16'000, 65'536};
     constexpr std::array<std::uint64_t, 4> kLimits = {2'000, 8'000, 50'000, 1'000'000};
     constexpr std::array<std::uint64_t, 3> kMemories = {100'000, 1'000'000, 100'000'000};
+    constexpr std::array<std::size_t, 4> kSteps = {1, 2, 10, 256};
+    constexpr std::array<std::uint64_t, 3> kSlowness = {2, 8, 50};
     Random random(seed ^ 0xB1A4ULL);
     Plan plan{};
     plan.clients = 2 + static_cast<unsigned>(random(4));
     plan.capacity = random.among(kCapacities);
     plan.queueLimit = random.among(kLimits);
     plan.memory = random.among(kMemories);
+    plan.stepsAtOnce = random.among(kSteps);
+    plan.slowness = random.among(kSlowness);
     return plan;
 }
 
@@ -89,6 +95,7 @@ class Simulation {
 Simulation::Simulation(std::uint64_t seed, const Plan& plan) : plan_(plan) {
     world->network.capacity = plan.capacity;
     world->ledger.queueLimit = plan.queueLimit;
+    world->slowness = plan.slowness;
     daemon_ = &world->start("daemon", [this] { serve(); });
     Random random(seed ^ 0xC11E47ULL);
     for (unsigned i = 0; i < plan.clients; ++i)
@@ -120,6 +127,7 @@ void Simulation::serve() {
             rvd::Options options;
             options.queueLimit = plan_.queueLimit;
             options.memoryLimit = plan_.memory;
+            options.stepsAtOnce = plan_.stepsAtOnce;
             const rvd::Log log(rvd::LogLevel::Info);
             rvd::Server server(options, log);
             gracefully_ = killed_ = false;

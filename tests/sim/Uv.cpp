@@ -210,7 +210,14 @@ void prepare() {
     }
     const bool isBehind =
         std::ranges::any_of(records, [](const auto& r) { return r->idle != nullptr; });
-    if (!isBehind) world->ledger.daemonHasCaughtUp();
+    if (isBehind) return;
+    world->ledger.daemonHasCaughtUp();
+    for (const auto& r : records) {
+        if (r->socket == platform::kNoSocket || r->shutdown != nullptr) continue;
+        const Link& link = *world->network.linkOf(r->socket);
+        if (world->ledger.isClosed(link.number) && !link.down.ended && !r->closing)
+            world->fail("a closed connection is not ended: " + std::to_string(link.number));
+    }
 }
 
 }  // namespace

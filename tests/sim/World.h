@@ -88,6 +88,7 @@ class World {
     std::uint64_t trace = 0;  ///< a hash of all that happened
     std::string counted;      ///< the last "counted:" line of the daemon
     bool verbose = false;
+    std::uint64_t slowness = 8;  ///< one in so many looks at the clock finds that a slice is over
     std::function<void(const std::string&)> report;
 
   private:
