@@ -18,11 +18,10 @@ constexpr const char* kDaemon = "tcp:daemon:7500";
 constexpr unsigned long kRequestMs = 3'000;
 constexpr unsigned long kDispatchMs = 1'000;
 constexpr std::size_t kMostEars = 8;
-constexpr std::size_t kMostCrowd = 450;
+constexpr std::size_t kMostCrowd = 400;
 constexpr std::size_t kMostMarkBytes = 5'000;
 
-constexpr std::size_t kDeep = 21;      // bytes of a subject of eleven elements
-constexpr std::size_t kCrowded = 100;  // listens, whose patterns cost a message too much
+constexpr std::size_t kDeep = 21;  // bytes of a subject of eleven elements
 
 const std::vector<std::string> kPatterns = {"a.b", "a.c", "a.b.c", "d", "q.x", "a.*",
                                             "a.>", "*.b", ">",     "*", "*.*", "a.*.c"};
@@ -63,11 +62,11 @@ Client::Client(unsigned number, Traits traits)
     : traits_(std::move(traits)),
       program_(world->start("client " + std::to_string(number), [this] { run(); })) {}
 
-void Client::beginCalm() {
+void Client::beginCalm(std::size_t mostListens) {
     calm_ = true;
     armed_.reset();
     program_.account.newsBeforeFailure = -1;
-    if (ears_.size() > kCrowded) post({0, Deed::Leave, 0, 0, 0});
+    if (ears_.size() > mostListens) post({0, Deed::Leave, 0, 0, 0});
 }
 
 void Client::run() {
@@ -147,7 +146,7 @@ void Client::obey(const Action& action) {
             return;
         case Deed::Crowd:
             for (unsigned i = 0; i < action.b && ears_.size() < kMostCrowd; ++i)
-                listen(crowdPattern(i, action.b <= kCrowded));
+                listen(crowdPattern(i, action.b < kMostCrowd));
             return;
         case Deed::Cancel:
             if (Ear* ear = anyEar(action.a)) cancel(*ear);

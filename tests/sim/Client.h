@@ -67,7 +67,8 @@ class Client {
     [[nodiscard]] std::size_t answers() const {
         return asking_ == nullptr ? 0 : asking_->heard.size();
     }
-    void beginCalm();
+    /// Who listens to more than the daemon bears leaves.
+    void beginCalm(std::size_t mostListens);
 
   private:
     friend class Ear;

@@ -49,6 +49,7 @@ struct Plan {
     std::uint64_t memory;
     std::size_t stepsAtOnce;
     std::uint64_t slowness;
+    std::size_t mostListens;  // of a client, for which the memory of all suffices
 };
 
 Plan planOf(std::uint64_t seed) {
@@ -63,6 +64,7 @@ Plan planOf(std::uint64_t seed) {
     plan.capacity = random.among(kCapacities);
     plan.queueLimit = random.among(kLimits);
     plan.memory = random.among(kMemories);
+    plan.mostListens = plan.memory == kMemories[0] ? 10 : 100;
     plan.stepsAtOnce = random.among(kSteps);
     plan.slowness = random.among(kSlowness);
     return plan;
@@ -221,7 +223,7 @@ void Simulation::calmDown() {
         for (const auto& program : world->programs) program->frozenUntil = 0;
         runFor(kHealMs);
         runUntilQuiet();
-        for (const auto& client : clients_) client->beginCalm();
+        for (const auto& client : clients_) client->beginCalm(plan_.mostListens);
     }
     world->ledger.checkCalm();
 }
