@@ -60,7 +60,9 @@ void Ear::onData(const char* onSubject, RvSender* replyTo, const RvDatum& data,
 
 Client::Client(unsigned number, Traits traits)
     : traits_(std::move(traits)),
-      program_(world->start("client " + std::to_string(number), [this] { run(); })) {}
+      program_(world->start("client " + std::to_string(number), [this] { run(); })) {
+    if (traits_.isOld) world->network.oldClients.insert(program_.number);
+}
 
 void Client::beginCalm(std::size_t mostListens) {
     calm_ = true;

@@ -43,6 +43,7 @@ class Client {
         bool synchronous;
         std::string service;
         bool batching;
+        bool isOld;
         int readBudget;
     };
 

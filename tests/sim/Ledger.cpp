@@ -105,16 +105,17 @@ void Ledger::daemonHasCaughtUp() {
     recent_.clear();
 }
 
-// A connection that fails while it is read is not read to the end.
+// A connection that fails while it is read is not read to the end; what the daemon has read of one
+// since it decided to close it is ignored.
 void Ledger::left(unsigned link) {
-    sessions_[link].gone = true;
-    for (auto& [number, session] : sessions_) {
+    Session& gone = sessions_[link];
+    const std::uint64_t since = gone.closedByDaemon ? 0 : epoch_;
+    gone.gone = true;
+    for (auto& [number, session] : sessions_)
         for (auto due = session.due.rbegin(); due != session.due.rend(); ++due) {
-            if (due->readIn != epoch_) break;
-            if (due->from != link) continue;
-            due->certain = false;
+            if (due->readIn < since) break;
+            if (due->from == link) due->certain = false;
         }
-    }
 }
 
 // The session cancels a listen, perhaps before what was read lately is processed.

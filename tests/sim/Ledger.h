@@ -33,6 +33,8 @@ struct MessageId {
 /// what depends on it may, but need not be delivered.
 class Ledger {
   public:
+    /// The link's handshake is that of version 3.
+    void speaksV3(unsigned link) { sessions_[link].down.head = 76; }
     void daemonRead(unsigned link, std::string_view bytes);
     void daemonWrote(unsigned link, std::string_view bytes);
     /// The link has ended for the daemon.

@@ -63,6 +63,8 @@ int Network::connect(SocketHandle handle, unsigned client) {
     Link& link = *socket.link;
     link.number = static_cast<unsigned>(links_.size());
     link.client = client;
+    link.isOld = oldClients.contains(client);
+    if (link.isOld) world->ledger.speaksV3(link.number);
     link.from = {0x0A000001U + client, static_cast<std::uint16_t>(10'000 + link.number)};
     link.up.capacity = link.down.capacity = capacity;
     links_.push_back(socket.link);
@@ -118,10 +120,26 @@ IoResult Network::receive(SocketHandle handle, void* buffer, std::size_t size) {
     if (moved > 1 && world->random.oneIn(3)) moved = 1 + world->random(moved);
     std::copy_n(in.bytes.data(), moved, static_cast<char*>(buffer));
     in.bytes.erase(0, moved);
+    if (socket.link->isOld && !passesVersion(socket, {static_cast<char*>(buffer), moved})) {
+        reset(*socket.link);
+        return {0, error::kConnectionReset};
+    }
+    in.taken += moved;
     moved_ += moved;
     if (socket.isDaemons)
         world->ledger.daemonRead(socket.link->number, {static_cast<char*>(buffer), moved});
     return {moved, 0};
+}
+
+// The first message either way has the version in its second word: an old daemon offers 3, and
+// closes when 4 is the answer.
+bool Network::passesVersion(const Socket& socket, std::span<char> piece) {
+    constexpr std::uint64_t kPlace = 7;
+    const std::uint64_t begin = socket.in().taken;
+    if (begin > kPlace || begin + piece.size() <= kPlace) return true;
+    char& version = piece[kPlace - begin];
+    if (!socket.isDaemons) version = 3;
+    return version == 3;
 }
 
 void Network::endSending(SocketHandle handle) {

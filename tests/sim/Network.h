@@ -4,6 +4,8 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -18,6 +20,7 @@ using platform::SocketHandle;
 /// One direction of a connection: a bounded buffer.
 struct Pipe {
     std::string bytes;
+    std::uint64_t taken = 0;  ///< bytes, by the reader
     std::size_t capacity = 0;
     Milliseconds stalledUntil = 0;  ///< nothing moves before
     bool ended = false;             ///< the writer has closed its end
@@ -29,6 +32,7 @@ struct Pipe {
 struct Link {
     unsigned number;
     unsigned client;  ///< the number of the program that connected
+    bool isOld;       ///< the daemon seems to know version 3 only
     platform::Endpoint from;
     Pipe up;    ///< to the daemon
     Pipe down;  ///< to the client
@@ -73,7 +77,8 @@ class Network {
     [[nodiscard]] Milliseconds nextChange(Milliseconds now) const;
     [[nodiscard]] std::uint64_t moved() const { return moved_; }
 
-    std::size_t capacity = 4096;  ///< of the pipes of connections made from now on
+    std::set<unsigned> oldClients;  ///< whose connections are old
+    std::size_t capacity = 4096;    ///< of the pipes of connections made from now on
 
   private:
     struct Socket {
@@ -92,6 +97,7 @@ class Network {
     [[nodiscard]] const Socket& at(SocketHandle handle) const;
     [[nodiscard]] Socket& at(SocketHandle handle);
     static void reset(Link& link);
+    static bool passesVersion(const Socket& socket, std::span<char> piece);
 
     std::vector<Socket> sockets_;
     std::vector<std::weak_ptr<Link>> links_;

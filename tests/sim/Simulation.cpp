@@ -103,7 +103,7 @@ Simulation::Simulation(std::uint64_t seed, const Plan& plan) : plan_(plan) {
     for (unsigned i = 0; i < plan.clients; ++i)
         clients_.push_back(std::make_unique<Client>(
             i, Client::Traits{random.oneIn(4), random.oneIn(6) ? "other" : "7500", random.oneIn(4),
-                              random.oneIn(3) ? 100 : 4096}));
+                              random.oneIn(8), random.oneIn(3) ? 100 : 4096}));
 }
 
 void checkCounted() {
