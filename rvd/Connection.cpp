@@ -494,8 +494,10 @@ void Connection::publish(SubjectView subject, const PayloadRef& message) {
 
 // Until the message has reached everybody or the turn is over.
 void Connection::route() {
+    // Those whom it has not reached cannot be told: it ends as if it had not been read.
+    if (routing_->message->isLost()) return outOfMemory();
     bool isOver = false;
-    while (!isOver && routing_->message->size() != 0) {
+    while (!isOver) {
         const auto found = routing_->match.advance(routing_->subject(), context_.stepsAtOnce);
         for (Receiver* receiver : found) receiver->deliver(routing_->message);
         if (routing_->match.isDone()) {
