@@ -1,5 +1,5 @@
 // Everything here runs as the simulation's own code (`Harness`), but the calls into the library
-// (`Charge` with the program's account), whose allocations may fail.
+// (`inLibrary`), whose allocations may fail.
 
 #include "tests/sim/Client.h"
 
@@ -64,6 +64,12 @@ Client::Client(unsigned number, Traits traits)
     if (traits_.isOld) world->network.oldClients.insert(program_.number);
 }
 
+template <class Call>
+auto Client::inLibrary(Call call) {
+    const Charge program(&program_.account);
+    return call();
+}
+
 void Client::beginCalm(std::size_t mostListens) {
     calm_ = true;
     armed_.reset();
@@ -83,24 +89,23 @@ void Client::run() {
 }
 
 void Client::runLoop() {
-    const auto rings = [this] { return ended_ || !mailbox_.empty(); };
-    bell_ = world->network.open(Network::Kind::Bell, rings);
+    const SocketHandle bell = world->network.open([this] { return ended_ || !mailbox_.empty(); });
     rvevm_Id id = nullptr;
     const rvevm_Callback onBell = [](void*, void* self, int, void*) {
         const Harness harness;
         static_cast<Client*>(self)->obeyNext();
     };
-    const Charge program(&program_.account);
-    rvevm_Create(&manager_);
-    rvevm_AddIO(manager_, &id, static_cast<unsigned>(bell_), RVEVM_READ, onBell, this);
-    while (!ended_) rvevm_MainLoop(manager_);
-    const Harness harness;
+    inLibrary([&] {
+        rvevm_Create(&manager_);
+        rvevm_AddIO(manager_, &id, static_cast<unsigned>(bell), RVEVM_READ, onBell, this);
+        while (!ended_) rvevm_MainLoop(manager_);
+    });
     leave();
-    const Charge again(&program_.account);
-    rvevm_RemoveIO(manager_, id);
-    rvevm_Destroy(manager_);
-    const Harness closing;
-    world->network.close(bell_);
+    inLibrary([&] {
+        rvevm_RemoveIO(manager_, id);
+        rvevm_Destroy(manager_);
+    });
+    world->network.close(bell);
 }
 
 void Client::runByHand() {
@@ -109,13 +114,8 @@ void Client::runByHand() {
             obeyNext();
         } else if (!session_) {
             world->wait([this] { return ended_ || !mailbox_.empty(); }, platform::kForever);
-        } else {
-            RvStatus status;
-            {
-                const Charge program(&program_.account);
-                status = session_->dispatch(kDispatchMs);
-            }
-            if (!(status == 0)) leave();
+        } else if (!inLibrary([this] { return session_->dispatch(kDispatchMs) == 0; })) {
+            leave();
         }
     }
 }
@@ -164,7 +164,7 @@ void Client::obey(const Action& action) {
             armed_ = action.a;
             return;
         case Deed::FailNext:
-            program_.account.newsBeforeFailure = action.b;
+            program_.account.newsBeforeFailure = action.a % 20;
             return;
         case Deed::Sleep:
             return platform::sleepMs(action.b);
@@ -176,11 +176,8 @@ void Client::obey(const Action& action) {
 void Client::join() {
     if (session_) return;
     rv_Session made = nullptr;
-    int code = 0;
-    {
-        const Charge program(&program_.account);
-        code = rv_CreateSession(&made, manager_, traits_.service.c_str(), "", kDaemon);
-    }
+    const int code = inLibrary(
+        [&] { return rv_CreateSession(&made, manager_, traits_.service.c_str(), "", kDaemon); });
     world->note("joined: " + std::to_string(code));
     if (code != 0) return;
     if (session_) world->fail("joined twice");
@@ -188,20 +185,18 @@ void Client::join() {
     number_ = 0;
     last_.clear();
     const ipq_Properties properties{traits_.batching ? 1 : 0, traits_.readBudget, 8192};
-    const Charge program(&program_.account);
-    rv_SetProperty(made, "ipqProperties", &properties);
-    session_.emplace(made);
-    if (session_->handle() == nullptr) session_.reset();  // without memory
+    inLibrary([&] {
+        rv_SetProperty(made, "ipqProperties", &properties);
+        session_.emplace(made);
+        if (session_->handle() == nullptr) session_.reset();  // without memory
+    });
     if (!session_ && rv_IsOpen(made)) world->fail("a session without owner stays open");
 }
 
 void Client::leave() {
     if (!session_) return;
     if (world->random.oneIn(2)) cancelAll();
-    {
-        const Charge program(&program_.account);
-        session_.reset();
-    }
+    inLibrary([this] { session_.reset(); });
     cancelAll();
 }
 
@@ -214,11 +209,11 @@ void Client::listen(const std::string& pattern) {
     if (!isJoined()) return;
     ears_.push_back(std::make_unique<Ear>(*this, pattern));
     Ear& ear = *ears_.back();
-    RvListener* made = nullptr;
-    {
-        const Charge program(&program_.account);
-        made = session_->newListener(ear.subject.c_str(), &ear, nullptr);
-    }
+    adopt(ear, inLibrary([&] { return session_->newListener(pattern.c_str(), &ear, nullptr); }));
+}
+
+// The session may have been closed meanwhile.
+void Client::adopt(Ear& ear, RvListener* made) {
     ear.listener = made;
     if (made == nullptr) ear.mayBeCalled = false;
     if (made != nullptr && !session_) cancel(ear);
@@ -228,9 +223,7 @@ void Client::cancel(Ear& ear) {
     if (ear.listener == nullptr) return;
     RvListener* const deleted = std::exchange(ear.listener, nullptr);
     ear.mayBeCalled = false;
-    if (asking_ == &ear) asking_ = nullptr;
-    const Charge program(&program_.account);
-    delete deleted;
+    inLibrary([deleted] { delete deleted; });
 }
 
 // Those of listeners that are gone; not while a callback may be on the stack.
@@ -249,27 +242,18 @@ bool Client::send(RvSender& sender, std::size_t size) {
     const MessageId id{sender_, ++number_};
     const std::string text = id.text() + " " + std::string(size, '.');
     const RvDatum datum(RVMSG_STRING, 0, text.c_str());
-    bool sent = false;
-    {
-        const Charge program(&program_.account);
-        sent = sender.send(datum) == 0;
-    }
+    const bool sent = inLibrary([&] { return sender.send(datum) == 0; });
     world->ledger.sent(id, sent);
     return sent;
 }
 
 void Client::publish(const std::string& subject, std::size_t size) {
     if (!isJoined()) return;
-    RvSender* sender = nullptr;
-    {
-        const Charge program(&program_.account);
-        sender = session_->newSender(subject.c_str());
-    }
+    RvSender* const sender = inLibrary([&] { return session_->newSender(subject.c_str()); });
     if (sender == nullptr) return;
     const bool sent = send(*sender, size);
     if (calm_ && sent) marks_.push_back({{sender_, number_}, subject});
-    const Charge program(&program_.account);
-    delete sender;
+    inLibrary([sender] { delete sender; });
 }
 
 void Client::request(const std::string& subject) {
@@ -279,22 +263,14 @@ void Client::request(const std::string& subject) {
     const MessageId id{sender_, ++number_};
     const std::string text = id.text() + " request";
     const RvDatum datum(RVMSG_STRING, 0, text.c_str());
-    RvListener* made = nullptr;
-    {
-        const Charge program(&program_.account);
+    RvListener* const made = inLibrary([&]() -> RvListener* {
         const std::unique_ptr<RvSender> sender(session_->newSender(subject.c_str()));
-        if (sender != nullptr)
-            made = sender->sendRequest(datum, traits_.synchronous ? 0 : kRequestMs, &ear, nullptr);
-    }
+        if (sender == nullptr) return nullptr;
+        return sender->sendRequest(datum, traits_.synchronous ? 0 : kRequestMs, &ear, nullptr);
+    });
     world->ledger.sent(id, made != nullptr);
-    ear.listener = made;
-    if (made == nullptr) {
-        ear.mayBeCalled = false;
-    } else {
-        ear.subject = made->subject();
-        asking_ = &ear;
-        if (!session_) cancel(ear);
-    }
+    if (made != nullptr) ear.subject = made->subject();
+    adopt(ear, made);
 }
 
 void Client::heard(Ear& ear, const char* subject, RvSender* replyTo, const RvDatum& data) {

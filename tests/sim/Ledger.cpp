@@ -108,6 +108,7 @@ void Ledger::daemonHasCaughtUp() {
 // A connection that fails while it is read is not read to the end; what the daemon has read of one
 // since it decided to close it is ignored.
 void Ledger::left(unsigned link) {
+    const Harness harness;
     Session& gone = sessions_[link];
     const std::uint64_t since = gone.closedByDaemon ? 0 : epoch_;
     gone.gone = true;

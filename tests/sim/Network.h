@@ -42,10 +42,8 @@ struct Link {
 /// bytes in pieces of random sizes.
 class Network {
   public:
-    enum class Kind : std::uint8_t { Tcp, Bell };
-
-    /// A new handle. A bell is readable while `rings()`.
-    SocketHandle open(Kind kind, std::function<bool()> rings = {});
+    /// A new handle: a TCP socket, or one that is readable while `rings()`.
+    SocketHandle open(std::function<bool()> rings = {});
     [[nodiscard]] bool isOpen(SocketHandle handle) const;
     [[nodiscard]] std::size_t openSockets() const;
     void close(SocketHandle handle);
@@ -82,8 +80,6 @@ class Network {
 
   private:
     struct Socket {
-        Kind kind = Kind::Tcp;
-        bool open = false;
         bool isDaemons = false;
         int error = 0;
         std::shared_ptr<Link> link;
@@ -94,12 +90,13 @@ class Network {
     };
     static constexpr SocketHandle kFirstHandle = 100;
 
-    [[nodiscard]] const Socket& at(SocketHandle handle) const;
-    [[nodiscard]] Socket& at(SocketHandle handle);
+    [[nodiscard]] Socket& at(SocketHandle handle) const;
     static void reset(Link& link);
+    template <class Visit>
+    void eachLink(Visit visit) const;
     static bool passesVersion(const Socket& socket, std::span<char> piece);
 
-    std::vector<Socket> sockets_;
+    std::vector<std::unique_ptr<Socket>> sockets_;  // null: closed
     std::vector<std::weak_ptr<Link>> links_;
     std::deque<std::shared_ptr<Link>> backlog_;
     bool listening_ = false;

@@ -1,8 +1,6 @@
 // A run: the daemon and the clients start, the schedule happens, the network heals, every client
 // marks every subject, all end, and nothing is left.
 
-#include "tests/sim/Simulation.h"
-
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -162,7 +160,7 @@ void Simulation::apply(const Action& action) {
         case Deed::Refuse:
             return world->network.refuse(action.b);
         case Deed::FailDaemon:
-            return failDaemonRead(action.b);
+            return failDaemonRead(action.a % 20);
         case Deed::FreezeDaemon:
             daemon_->frozenUntil = world->now + action.b;
             return;
@@ -256,7 +254,7 @@ void Simulation::end() {
     daemonEnds_ = gracefully_ = true;
     raiseInDaemon(SIGTERM);
     runFor(kEndMs);
-    if (!world->allEnded()) world->fail("does not end: " + world->whoIsLeft());
+    if (!world->whoIsLeft().empty()) world->fail("does not end: " + world->whoIsLeft());
     if (world->network.openSockets() != 0) world->fail("sockets are left open");
     clients_.clear();
     world->programs.clear();

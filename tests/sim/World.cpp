@@ -76,10 +76,6 @@ std::uint64_t World::processorTime() {
     return processorTime_ += random.oneIn(slowness) ? 1'000'000 : random(20'000);
 }
 
-bool World::allEnded() const {
-    return std::ranges::all_of(programs, [](const auto& p) { return p->fibre->ended(); });
-}
-
 std::string World::whoIsLeft() const {
     std::string names;
     for (const auto& program : programs)

@@ -73,7 +73,6 @@ class World {
     std::uint64_t processorTime();
 
     [[nodiscard]] Program& running() { return *running_; }
-    [[nodiscard]] bool allEnded() const;
     [[nodiscard]] std::string whoIsLeft() const;
 
     /// Ends the process and reports the broken invariant.
