@@ -105,18 +105,19 @@ void Ledger::daemonHasCaughtUp() {
     recent_.clear();
 }
 
-// A connection that fails while it is read is not read to the end; what the daemon has read of one
-// since it decided to close it is ignored.
-void Ledger::left(unsigned link) {
+// What was read lately may be among what is not processed.
+void Ledger::ignored(unsigned link) {
     const Harness harness;
-    Session& gone = sessions_[link];
-    const std::uint64_t since = gone.closedByDaemon ? 0 : epoch_;
-    gone.gone = true;
+    sessions_[link].isIgnored = true;
     for (auto& [number, session] : sessions_)
-        for (auto due = session.due.rbegin(); due != session.due.rend(); ++due) {
-            if (due->readIn < since) break;
+        for (auto due = session.due.rbegin(); due != session.due.rend() && due->readIn == epoch_;
+             ++due)
             if (due->from == link) due->certain = false;
-        }
+}
+
+void Ledger::left(unsigned link) {
+    ignored(link);
+    sessions_[link].gone = true;
 }
 
 // The session cancels a listen, perhaps before what was read lately is processed.
@@ -186,6 +187,7 @@ void Ledger::owe(unsigned link, Session& session, const Published& message, bool
     if (!possible) return;
     const bool tooLarge = message.size > queueLimit;
     session.places[message.id] = session.due.size();
+    certain = certain && !sessions_[message.from].isIgnored;
     session.due.push_back({message.id, certain, tooLarge, message.from, epoch_});
 }
 
@@ -229,6 +231,7 @@ void Ledger::pay(unsigned link, Session& session, MessageId id) {
     due.paid = true;
     const MessageId last = std::exchange(session.lastPaid[id.sender], id);
     if (last.number >= id.number) world->fail("a sender's order is broken: " + what);
+    if (session.gone) return;  // others may have been matched before the daemon knew
     const auto isMissing = [](const Due& d) { return d.certain && !d.paid && !d.tooLarge; };
     for (auto p = session.places.upper_bound({id.sender, last.number}); p != found; ++p)
         if (isMissing(session.due[p->second])) ++session.skipped;

@@ -37,6 +37,8 @@ class Ledger {
     void speaksV3(unsigned link) { sessions_[link].down.head = 76; }
     void daemonRead(unsigned link, std::string_view bytes);
     void daemonWrote(unsigned link, std::string_view bytes);
+    /// The daemon does not process any more what it reads from the link.
+    void ignored(unsigned link);
     /// The link has ended for the daemon.
     void left(unsigned link);
     /// The daemon's close notice is written.
@@ -75,6 +77,7 @@ class Ledger {
         Stream up{76, {}};
         Stream down{140, {}};
         bool joined = false;
+        bool isIgnored = false;
         bool gone = false;
         bool closedByDaemon = false;  // by a notice
         std::string space;

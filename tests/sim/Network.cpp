@@ -63,7 +63,7 @@ int Network::connect(SocketHandle handle, unsigned client) {
     link.client = client;
     link.isOld = oldClients.contains(client);
     if (link.isOld) world->ledger.speaksV3(link.number);
-    link.from = {0x0A000001U + client, static_cast<std::uint16_t>(10'000 + link.number)};
+    link.from = {0x0A000001U + client, static_cast<std::uint16_t>(kFirstPort + link.number)};
     link.up.capacity = link.down.capacity = capacity;
     links_.push_back(socket.link);
     backlog_.push_back(socket.link);

@@ -57,6 +57,9 @@ class Network {
     [[nodiscard]] bool hasBacklog() const { return !backlog_.empty(); }
     SocketHandle accept();
 
+    /// The number of the link with that port at the client's end.
+    static unsigned linkAt(unsigned long port) { return static_cast<unsigned>(port) - kFirstPort; }
+
     // Either end.
     IoResult send(SocketHandle handle, const void* bytes, std::size_t size);
     IoResult receive(SocketHandle handle, void* buffer, std::size_t size);
@@ -89,6 +92,7 @@ class Network {
         [[nodiscard]] Pipe& out() const { return isDaemons ? link->down : link->up; }
     };
     static constexpr SocketHandle kFirstHandle = 100;
+    static constexpr unsigned kFirstPort = 10'000;
 
     [[nodiscard]] Socket& at(SocketHandle handle) const;
     static void reset(Link& link);

@@ -14,26 +14,16 @@ struct Kind {
 };
 
 constexpr std::array<Kind, static_cast<std::size_t>(Deed::Count)> kKinds = {{
-    {"join", 10},
-    {"leave", 4},
-    {"listen", 16},
-    {"crowd", 2, {70, 70, 400, 400}},
-    {"cancel", 8},
-    {"publish", 30, {1, 3, 10, 60}},
-    {"request", 8},
-    {"arm", 8},
-    {"fail next", 4},
-    {"sleep", 3},
-    {"freeze", 4},
-    {"stall up", 3},
-    {"stall down", 6},
-    {"cut", 4},
-    {"refuse", 2},
-    {"fail daemon", 2},
-    {"freeze daemon", 2},
-    {"stop daemon", 1},
-    {"kill daemon", 2},
-    {"rest", 1, {20, 200, 200, 700}},
+    {"join", 10},         {"leave", 4},
+    {"listen", 16},       {"crowd", 2, {70, 70, 400, 400}},
+    {"cancel", 8},        {"publish", 30, {1, 3, 10, 60}},
+    {"request", 8},       {"arm", 8},
+    {"fail next", 4},     {"sleep", 3},
+    {"freeze", 4},        {"stall up", 3},
+    {"stall down", 6},    {"cut", 4},
+    {"refuse", 2},        {"fail daemon", 2},
+    {"freeze daemon", 2}, {"stop daemon", 1},
+    {"kill daemon", 2},   {"rest", 1, {20, 200, 200, 700}},
 }};
 
 Deed anyDeed(Random& random) {

@@ -4,8 +4,6 @@
 // The record of a handle is found by the handle's first reserved word, as libuv keeps its own state
 // in the handle.
 
-#include "tests/sim/Uv.h"
-
 #include <arpa/inet.h>
 #include <uv.h>
 
