@@ -221,7 +221,8 @@ void Connection::takeBytes() {
     if (routing_) route();
     if (arrived_.empty()) return;
     const std::size_t left = peer_->receive(arrived_, now());
-    arrived_ = arrived_.last(left);
+    // It may have failed while a message was delivered to itself.
+    arrived_ = state_ == State::Open ? arrived_.last(left) : wire::Bytes();
 }
 
 void Connection::chargeIncoming() {
