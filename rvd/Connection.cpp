@@ -36,8 +36,7 @@ constexpr std::size_t kReadBeside = 32 * 1024;   // bytes, while many others wor
 constexpr std::size_t kBytesPerStep = 4 * 1024;  // freed between looks at the clock
 constexpr Nanoseconds kDropTime = 20;            // to drop a message, as of a common machine
 constexpr unsigned kLoopbackNet = 127;
-constexpr std::size_t kStepsAtOnce = 256;  // of a match, between two looks at the clock
-constexpr std::size_t kNameLength = 128;   // characters of a session's name in the log
+constexpr std::size_t kNameLength = 128;  // characters of a session's name in the log
 
 // Memory of a connection that holds nothing: this object, its peer, an empty queue, and libuv's and
 // the containers' part.
@@ -247,7 +246,8 @@ void Connection::takeBytes() {
     if (routing_) route();
     if (arrived_.empty()) return;
     const std::size_t left = peer_->receive(arrived_, now());
-    arrived_ = arrived_.last(left);
+    // It may have failed while a message was delivered to itself.
+    arrived_ = state_ == State::Open ? arrived_.last(left) : wire::Bytes();
 }
 
 void Connection::chargeIncoming() {
@@ -532,16 +532,18 @@ void Connection::publish(SubjectView subject, const PayloadRef& message) {
 
 // Until the message has reached everybody or the turn is over.
 void Connection::route() {
+    // Those whom it has not reached cannot be told: it ends as if it had not been read.
+    if (routing_->message->isLost()) return outOfMemory();
     bool isOver = false;
-    while (!isOver && routing_->message->size() != 0) {
-        const auto found = routing_->match.advance(routing_->subject(), kStepsAtOnce);
+    while (!isOver) {
+        const auto found = routing_->match.advance(routing_->subject(), context_.stepsAtOnce);
         for (Receiver* receiver : found) receiver->deliver(routing_->message);
         if (routing_->match.isDone()) {
             if (!routing_->match.hasFound()) context_.counters.add(Counter::MessagesUnmatched);
             (void)context_.line.isOver(found.size());
             break;
         }
-        isOver = context_.line.isOver(kStepsAtOnce);
+        isOver = context_.line.isOver(Line::kStepsPerLook);
     }
     if (!isOver) routing_.reset();
 }

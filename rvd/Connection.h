@@ -30,6 +30,7 @@ struct ConnectionContext {
     Batch& batch;
     Line& line;
     std::size_t queueLimit;     ///< queued bytes per session
+    std::size_t stepsAtOnce;    ///< of a match, between two looks at the clock
     std::uint32_t hostAddress;  ///< host byte order; reported to local clients as their own
     /// Throws `std::bad_alloc` when there is no memory for watching that descriptor.
     std::function<void(int descriptor)> willWatch;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,6 +20,8 @@ struct Options {
     std::optional<std::uint64_t> memoryLimit;  ///< bytes of all sessions; without it half of what
                                                ///< the process may use
     LogLevel logLevel = LogLevel::Info;
+    /// Of a match, between two looks at the clock; not on the command line.
+    std::size_t stepsAtOnce = 256;
 };
 
 /// The result of parsing a command line: options to run with, or the exit status to end with (0

@@ -74,6 +74,7 @@ Server::Server(const Options& options, const Log& log)
                batch_,
                line_,
                options.queueLimit,
+               options.stepsAtOnce,
                hostAddressFor(options),
                [this](int descriptor) { reserveWatchers(static_cast<std::size_t>(descriptor)); },
                [this](const Connection& connection) { unannounced_.erase(connection.number()); },

@@ -1,5 +1,5 @@
 // Everything here runs as the simulation's own code (`Harness`), but the calls into the library
-// (`Charge` with the program's account), whose allocations may fail.
+// (`inLibrary`), whose allocations may fail.
 
 #include "tests/sim/Client.h"
 
@@ -18,10 +18,21 @@ constexpr const char* kDaemon = "tcp:daemon:7500";
 constexpr unsigned long kRequestMs = 3'000;
 constexpr unsigned long kDispatchMs = 1'000;
 constexpr std::size_t kMostEars = 8;
+constexpr std::size_t kMostCrowd = 400;
 constexpr std::size_t kMostMarkBytes = 5'000;
+
+constexpr std::size_t kDeep = 21;  // bytes of a subject of eleven elements
 
 const std::vector<std::string> kPatterns = {"a.b", "a.c", "a.b.c", "d", "q.x", "a.*",
                                             "a.>", "*.b", ">",     "*", "*.*", "a.*.c"};
+
+// One of many patterns with a few subjects in common.
+std::string crowdPattern(unsigned number, bool fits) {
+    std::string pattern = fits ? "e" : "f";
+    for (; number > 0 || pattern.size() < kDeep; number /= 2)
+        pattern.insert(0, number % 2 == 0 ? "e." : "*.");
+    return pattern;
+}
 
 // Two of them do not fill a queue.
 std::size_t markSize() {
@@ -36,7 +47,8 @@ unsigned nextSender() {
 }  // namespace
 
 const std::vector<std::string>& subjects() {
-    static const std::vector<std::string> all = {"a.b", "a.c", "a.b.c", "d", "q.x"};
+    static const std::vector<std::string> all = {"a.b", "a.c", "a.b.c", "d",
+                                                 "q.x", "a.*", ">",     "e.e.e.e.e.e.e.e.e.e.e"};
     return all;
 }
 
@@ -48,12 +60,21 @@ void Ear::onData(const char* onSubject, RvSender* replyTo, const RvDatum& data,
 
 Client::Client(unsigned number, Traits traits)
     : traits_(std::move(traits)),
-      program_(world->start("client " + std::to_string(number), [this] { run(); })) {}
+      program_(world->start("client " + std::to_string(number), [this] { run(); })) {
+    if (traits_.isOld) world->network.oldClients.insert(program_.number);
+}
 
-void Client::beginCalm() {
+template <class Call>
+auto Client::inLibrary(Call call) {
+    const Charge program(&program_.account);
+    return call();
+}
+
+void Client::beginCalm(std::size_t mostListens) {
     calm_ = true;
     armed_.reset();
     program_.account.newsBeforeFailure = -1;
+    if (ears_.size() > mostListens) post({0, Deed::Leave, 0, 0, 0});
 }
 
 void Client::run() {
@@ -68,24 +89,23 @@ void Client::run() {
 }
 
 void Client::runLoop() {
-    const auto rings = [this] { return ended_ || !mailbox_.empty(); };
-    bell_ = world->network.open(Network::Kind::Bell, rings);
+    const SocketHandle bell = world->network.open([this] { return ended_ || !mailbox_.empty(); });
     rvevm_Id id = nullptr;
     const rvevm_Callback onBell = [](void*, void* self, int, void*) {
         const Harness harness;
         static_cast<Client*>(self)->obeyNext();
     };
-    const Charge program(&program_.account);
-    rvevm_Create(&manager_);
-    rvevm_AddIO(manager_, &id, static_cast<unsigned>(bell_), RVEVM_READ, onBell, this);
-    while (!ended_) rvevm_MainLoop(manager_);
-    const Harness harness;
+    inLibrary([&] {
+        rvevm_Create(&manager_);
+        rvevm_AddIO(manager_, &id, static_cast<unsigned>(bell), RVEVM_READ, onBell, this);
+        while (!ended_) rvevm_MainLoop(manager_);
+    });
     leave();
-    const Charge again(&program_.account);
-    rvevm_RemoveIO(manager_, id);
-    rvevm_Destroy(manager_);
-    const Harness closing;
-    world->network.close(bell_);
+    inLibrary([&] {
+        rvevm_RemoveIO(manager_, id);
+        rvevm_Destroy(manager_);
+    });
+    world->network.close(bell);
 }
 
 void Client::runByHand() {
@@ -94,13 +114,8 @@ void Client::runByHand() {
             obeyNext();
         } else if (!session_) {
             world->wait([this] { return ended_ || !mailbox_.empty(); }, platform::kForever);
-        } else {
-            RvStatus status;
-            {
-                const Charge program(&program_.account);
-                status = session_->dispatch(kDispatchMs);
-            }
-            if (!(status == 0)) leave();
+        } else if (!inLibrary([this] { return session_->dispatch(kDispatchMs) == 0; })) {
+            leave();
         }
     }
 }
@@ -120,7 +135,8 @@ void Client::obeyNext() {
 
 void Client::obey(const Action& action) {
     world->note(action.text());
-    const bool usesSession = action.deed == Deed::Listen || action.deed == Deed::Publish;
+    const bool usesSession =
+        action.deed == Deed::Listen || action.deed == Deed::Crowd || action.deed == Deed::Publish;
     if (usesSession && !session_ && !calm_) join();
     switch (action.deed) {
         case Deed::Join:
@@ -128,7 +144,12 @@ void Client::obey(const Action& action) {
         case Deed::Leave:
             return leave();
         case Deed::Listen:
-            return listen(action.a);
+            if (ears_.size() < kMostEars) listen(kPatterns[action.a % kPatterns.size()]);
+            return;
+        case Deed::Crowd:
+            for (unsigned i = 0; i < action.b && ears_.size() < kMostCrowd; ++i)
+                listen(crowdPattern(i, action.b < kMostCrowd));
+            return;
         case Deed::Cancel:
             if (Ear* ear = anyEar(action.a)) cancel(*ear);
             return;
@@ -143,7 +164,7 @@ void Client::obey(const Action& action) {
             armed_ = action.a;
             return;
         case Deed::FailNext:
-            program_.account.newsBeforeFailure = action.b;
+            program_.account.newsBeforeFailure = action.a % 20;
             return;
         case Deed::Sleep:
             return platform::sleepMs(action.b);
@@ -155,11 +176,8 @@ void Client::obey(const Action& action) {
 void Client::join() {
     if (session_) return;
     rv_Session made = nullptr;
-    int code = 0;
-    {
-        const Charge program(&program_.account);
-        code = rv_CreateSession(&made, manager_, traits_.service.c_str(), "", kDaemon);
-    }
+    const int code = inLibrary(
+        [&] { return rv_CreateSession(&made, manager_, traits_.service.c_str(), "", kDaemon); });
     world->note("joined: " + std::to_string(code));
     if (code != 0) return;
     if (session_) world->fail("joined twice");
@@ -167,20 +185,18 @@ void Client::join() {
     number_ = 0;
     last_.clear();
     const ipq_Properties properties{traits_.batching ? 1 : 0, traits_.readBudget, 8192};
-    const Charge program(&program_.account);
-    rv_SetProperty(made, "ipqProperties", &properties);
-    session_.emplace(made);
-    if (session_->handle() == nullptr) session_.reset();  // without memory
+    inLibrary([&] {
+        rv_SetProperty(made, "ipqProperties", &properties);
+        session_.emplace(made);
+        if (session_->handle() == nullptr) session_.reset();  // without memory
+    });
     if (!session_ && rv_IsOpen(made)) world->fail("a session without owner stays open");
 }
 
 void Client::leave() {
     if (!session_) return;
     if (world->random.oneIn(2)) cancelAll();
-    {
-        const Charge program(&program_.account);
-        session_.reset();
-    }
+    inLibrary([this] { session_.reset(); });
     cancelAll();
 }
 
@@ -189,15 +205,15 @@ void Client::cancelAll() {
     for (std::size_t i = 0; i < ears_.size(); ++i) cancel(*ears_[i]);
 }
 
-void Client::listen(unsigned pattern) {
-    if (!isJoined() || ears_.size() >= kMostEars) return;
-    ears_.push_back(std::make_unique<Ear>(*this, kPatterns[pattern % kPatterns.size()]));
+void Client::listen(const std::string& pattern) {
+    if (!isJoined()) return;
+    ears_.push_back(std::make_unique<Ear>(*this, pattern));
     Ear& ear = *ears_.back();
-    RvListener* made = nullptr;
-    {
-        const Charge program(&program_.account);
-        made = session_->newListener(ear.subject.c_str(), &ear, nullptr);
-    }
+    adopt(ear, inLibrary([&] { return session_->newListener(pattern.c_str(), &ear, nullptr); }));
+}
+
+// The session may have been closed meanwhile.
+void Client::adopt(Ear& ear, RvListener* made) {
     ear.listener = made;
     if (made == nullptr) ear.mayBeCalled = false;
     if (made != nullptr && !session_) cancel(ear);
@@ -207,9 +223,7 @@ void Client::cancel(Ear& ear) {
     if (ear.listener == nullptr) return;
     RvListener* const deleted = std::exchange(ear.listener, nullptr);
     ear.mayBeCalled = false;
-    if (asking_ == &ear) asking_ = nullptr;
-    const Charge program(&program_.account);
-    delete deleted;
+    inLibrary([deleted] { delete deleted; });
 }
 
 // Those of listeners that are gone; not while a callback may be on the stack.
@@ -228,27 +242,18 @@ bool Client::send(RvSender& sender, std::size_t size) {
     const MessageId id{sender_, ++number_};
     const std::string text = id.text() + " " + std::string(size, '.');
     const RvDatum datum(RVMSG_STRING, 0, text.c_str());
-    bool sent = false;
-    {
-        const Charge program(&program_.account);
-        sent = sender.send(datum) == 0;
-    }
+    const bool sent = inLibrary([&] { return sender.send(datum) == 0; });
     world->ledger.sent(id, sent);
     return sent;
 }
 
 void Client::publish(const std::string& subject, std::size_t size) {
     if (!isJoined()) return;
-    RvSender* sender = nullptr;
-    {
-        const Charge program(&program_.account);
-        sender = session_->newSender(subject.c_str());
-    }
+    RvSender* const sender = inLibrary([&] { return session_->newSender(subject.c_str()); });
     if (sender == nullptr) return;
     const bool sent = send(*sender, size);
     if (calm_ && sent) marks_.push_back({{sender_, number_}, subject});
-    const Charge program(&program_.account);
-    delete sender;
+    inLibrary([sender] { delete sender; });
 }
 
 void Client::request(const std::string& subject) {
@@ -258,22 +263,14 @@ void Client::request(const std::string& subject) {
     const MessageId id{sender_, ++number_};
     const std::string text = id.text() + " request";
     const RvDatum datum(RVMSG_STRING, 0, text.c_str());
-    RvListener* made = nullptr;
-    {
-        const Charge program(&program_.account);
+    RvListener* const made = inLibrary([&]() -> RvListener* {
         const std::unique_ptr<RvSender> sender(session_->newSender(subject.c_str()));
-        if (sender != nullptr)
-            made = sender->sendRequest(datum, traits_.synchronous ? 0 : kRequestMs, &ear, nullptr);
-    }
+        if (sender == nullptr) return nullptr;
+        return sender->sendRequest(datum, traits_.synchronous ? 0 : kRequestMs, &ear, nullptr);
+    });
     world->ledger.sent(id, made != nullptr);
-    ear.listener = made;
-    if (made == nullptr) {
-        ear.mayBeCalled = false;
-    } else {
-        ear.subject = made->subject();
-        asking_ = &ear;
-        if (!session_) cancel(ear);
-    }
+    if (made != nullptr) ear.subject = made->subject();
+    adopt(ear, made);
 }
 
 void Client::heard(Ear& ear, const char* subject, RvSender* replyTo, const RvDatum& data) {
@@ -307,7 +304,7 @@ void Client::actInCallback(Ear& ear, unsigned what) {
         case 3:
             return publish(subjects()[what / 8 % subjects().size()], 100);
         case 4:
-            return listen(what / 8);
+            return listen(kPatterns[what / 8 % kPatterns.size()]);
         case 5:
             return cancelAll();
         case 6:

@@ -43,6 +43,7 @@ class Client {
         bool synchronous;
         std::string service;
         bool batching;
+        bool isOld;
         int readBudget;
     };
 
@@ -63,14 +64,13 @@ class Client {
         std::string subject;
     };
     [[nodiscard]] const std::vector<Mark>& marks() const { return marks_; }
-    /// The answers to the last request.
-    [[nodiscard]] std::size_t answers() const {
-        return asking_ == nullptr ? 0 : asking_->heard.size();
-    }
-    void beginCalm();
+    /// Who listens to more than the daemon bears leaves.
+    void beginCalm(std::size_t mostListens);
 
   private:
     friend class Ear;
+    template <class Call>
+    auto inLibrary(Call call);
     void run();
     void runLoop();
     void runByHand();
@@ -78,7 +78,8 @@ class Client {
     void obey(const Action& action);
     void join();
     void leave();
-    void listen(unsigned pattern);
+    void listen(const std::string& pattern);
+    void adopt(Ear& ear, RvListener* made);
     void cancel(Ear& ear);
     void cancelAll();
     void publish(const std::string& subject, std::size_t size);
@@ -92,7 +93,6 @@ class Client {
     const Traits traits_;
     Program& program_;
     std::deque<Action> mailbox_;
-    SocketHandle bell_ = platform::kNoSocket;
     bool ended_ = false;
     bool busy_ = false;
     bool calm_ = false;
@@ -103,7 +103,6 @@ class Client {
     unsigned number_ = 0;                // of its last message
     std::map<unsigned, unsigned> last_;  // of the session, by sender
     std::vector<std::unique_ptr<Ear>> ears_;
-    Ear* asking_ = nullptr;
     std::vector<Mark> marks_;
     std::optional<unsigned> armed_;
 };

@@ -34,6 +34,23 @@ std::string linkName(unsigned link) {
     return " (link " + std::to_string(link) + ")";
 }
 
+bool matches(const std::string& pattern, const std::string& subject) {
+    if (pattern.starts_with("_INBOX") != subject.starts_with("_INBOX")) return false;
+    std::size_t p = 0;
+    std::size_t s = 0;
+    while (p < pattern.size() && s < subject.size()) {
+        const std::size_t pEnd = std::min(pattern.find('.', p), pattern.size());
+        const std::size_t sEnd = std::min(subject.find('.', s), subject.size());
+        const std::string_view element(pattern.data() + p, pEnd - p);
+        const std::string_view other(subject.data() + s, sEnd - s);
+        if (element == ">") return true;
+        if (other == ">" || (element != "*" && element != other)) return false;
+        p = pEnd + 1;
+        s = sEnd + 1;
+    }
+    return p > pattern.size() && s > subject.size();
+}
+
 }  // namespace
 
 std::string MessageId::text() const {
@@ -50,20 +67,8 @@ MessageId MessageId::of(std::string_view payload) {
 }
 
 bool hears(const std::string& pattern, const std::string& subject) {
-    if (pattern.starts_with("_INBOX") != subject.starts_with("_INBOX")) return false;
-    std::size_t p = 0;
-    std::size_t s = 0;
-    while (p < pattern.size() && s < subject.size()) {
-        const std::size_t pEnd = std::min(pattern.find('.', p), pattern.size());
-        const std::size_t sEnd = std::min(subject.find('.', s), subject.size());
-        const std::string_view element(pattern.data() + p, pEnd - p);
-        if (element == ">" && pEnd == pattern.size()) return true;
-        if (element != "*" && element != std::string_view(subject.data() + s, sEnd - s))
-            return false;
-        p = pEnd + 1;
-        s = sEnd + 1;
-    }
-    return p > pattern.size() && s > subject.size();
+    const bool isWild = subject.find_first_of("*>") != std::string::npos;
+    return isWild ? matches(subject, pattern) : matches(pattern, subject);
 }
 
 // Calls `visit` for each whole message but keepalives; a close notice is an empty one.
@@ -100,16 +105,19 @@ void Ledger::daemonHasCaughtUp() {
     recent_.clear();
 }
 
-// A connection that fails while it is read is not read to the end.
+// What was read lately may be among what is not processed.
+void Ledger::ignored(unsigned link) {
+    const Harness harness;
+    sessions_[link].isIgnored = true;
+    for (auto& [number, session] : sessions_)
+        for (auto due = session.due.rbegin(); due != session.due.rend() && due->readIn == epoch_;
+             ++due)
+            if (due->from == link) due->certain = false;
+}
+
 void Ledger::left(unsigned link) {
+    ignored(link);
     sessions_[link].gone = true;
-    for (auto& [number, session] : sessions_) {
-        for (auto due = session.due.rbegin(); due != session.due.rend(); ++due) {
-            if (due->readIn != epoch_) break;
-            if (due->from != link) continue;
-            due->certain = false;
-        }
-    }
 }
 
 // The session cancels a listen, perhaps before what was read lately is processed.
@@ -179,11 +187,15 @@ void Ledger::owe(unsigned link, Session& session, const Published& message, bool
     if (!possible) return;
     const bool tooLarge = message.size > queueLimit;
     session.places[message.id] = session.due.size();
+    certain = certain && !sessions_[message.from].isIgnored;
     session.due.push_back({message.id, certain, tooLarge, message.from, epoch_});
 }
 
 void Ledger::toClient(unsigned link, Session& session, std::string_view message) {
-    if (message.empty()) return left(link);
+    if (message.empty()) {
+        session.closedByDaemon = true;
+        return left(link);
+    }
     const wire::Routing routing = wire::readRouting(asBytes(message));
     if (routing.type != wire::MessageType::Data) return;
     const auto view = SubjectView::parse(routing.subject.data(), routing.subject.size());
@@ -219,6 +231,7 @@ void Ledger::pay(unsigned link, Session& session, MessageId id) {
     due.paid = true;
     const MessageId last = std::exchange(session.lastPaid[id.sender], id);
     if (last.number >= id.number) world->fail("a sender's order is broken: " + what);
+    if (session.gone) return;  // others may have been matched before the daemon knew
     const auto isMissing = [](const Due& d) { return d.certain && !d.paid && !d.tooLarge; };
     for (auto p = session.places.upper_bound({id.sender, last.number}); p != found; ++p)
         if (isMissing(session.due[p->second])) ++session.skipped;

@@ -20,8 +20,8 @@ struct MessageId {
     static MessageId of(std::string_view payload);
 };
 
-/// Whether a listen on `pattern` hears `subject`, which has no wildcards. Written without the
-/// daemon's and the library's matchers, which it checks.
+/// Whether a listen on `pattern` hears a message on `subject`; on one with wildcards, whether each
+/// subject of the listen matches it. Written without the daemon's and the library's matchers.
 [[nodiscard]] bool hears(const std::string& pattern, const std::string& subject);
 
 /// What the daemon owes to each connection, and what it paid.
@@ -33,10 +33,16 @@ struct MessageId {
 /// what depends on it may, but need not be delivered.
 class Ledger {
   public:
+    /// The link's handshake is that of version 3.
+    void speaksV3(unsigned link) { sessions_[link].down.head = 76; }
     void daemonRead(unsigned link, std::string_view bytes);
     void daemonWrote(unsigned link, std::string_view bytes);
+    /// The daemon does not process any more what it reads from the link.
+    void ignored(unsigned link);
     /// The link has ended for the daemon.
     void left(unsigned link);
+    /// The daemon's close notice is written.
+    [[nodiscard]] bool isClosed(unsigned link) { return sessions_[link].closedByDaemon; }
     /// What was read so far is processed: the order of what follows is certain.
     void daemonHasCaughtUp();
 
@@ -71,7 +77,9 @@ class Ledger {
         Stream up{76, {}};
         Stream down{140, {}};
         bool joined = false;
+        bool isIgnored = false;
         bool gone = false;
+        bool closedByDaemon = false;  // by a notice
         std::string space;
         std::map<std::string, Listens> listens;
         std::vector<Due> due;

@@ -11,35 +11,32 @@ namespace kvx::sim {
 
 namespace error = platform::socket_error;
 
-SocketHandle Network::open(Kind kind, std::function<bool()> rings) {
-    auto place = std::ranges::find(sockets_, false, &Socket::open);
+SocketHandle Network::open(std::function<bool()> rings) {
+    const Harness harness;
+    auto place = std::find(sockets_.begin(), sockets_.end(), nullptr);
     if (place == sockets_.end()) place = sockets_.emplace(sockets_.end());
-    *place = Socket();
-    place->kind = kind;
-    place->open = true;
-    place->rings = std::move(rings);
+    *place = std::make_unique<Socket>();
+    (*place)->rings = std::move(rings);
     return kFirstHandle + static_cast<SocketHandle>(place - sockets_.begin());
 }
 
 bool Network::isOpen(SocketHandle handle) const {
     const auto index = static_cast<std::size_t>(handle - kFirstHandle);
-    return handle >= kFirstHandle && index < sockets_.size() && sockets_[index].open;
+    return handle >= kFirstHandle && index < sockets_.size() && sockets_[index];
 }
 
 std::size_t Network::openSockets() const {
-    return static_cast<std::size_t>(std::ranges::count(sockets_, true, &Socket::open));
+    return sockets_.size() -
+           static_cast<std::size_t>(std::count(sockets_.begin(), sockets_.end(), nullptr));
 }
 
-const Network::Socket& Network::at(SocketHandle handle) const {
+Network::Socket& Network::at(SocketHandle handle) const {
     if (!isOpen(handle)) world->fail("a socket is used that is not open");
-    return sockets_[static_cast<std::size_t>(handle - kFirstHandle)];
-}
-
-Network::Socket& Network::at(SocketHandle handle) {
-    return const_cast<Socket&>(std::as_const(*this).at(handle));
+    return *sockets_[static_cast<std::size_t>(handle - kFirstHandle)];
 }
 
 void Network::close(SocketHandle handle) {
+    const Harness harness;
     Socket& socket = at(handle);
     if (socket.link) {
         Pipe& in = socket.in();
@@ -49,10 +46,11 @@ void Network::close(SocketHandle handle) {
         out.ended = true;
         if (socket.isDaemons) world->ledger.left(socket.link->number);
     }
-    socket = Socket();
+    sockets_[static_cast<std::size_t>(handle - kFirstHandle)].reset();
 }
 
 int Network::connect(SocketHandle handle, unsigned client) {
+    const Harness harness;
     Socket& socket = at(handle);
     const bool atOnce = world->random.oneIn(2);
     if (!listening_ || refusedUntil_ > world->now) {
@@ -63,7 +61,9 @@ int Network::connect(SocketHandle handle, unsigned client) {
     Link& link = *socket.link;
     link.number = static_cast<unsigned>(links_.size());
     link.client = client;
-    link.from = {0x0A000001U + client, static_cast<std::uint16_t>(10'000 + link.number)};
+    link.isOld = oldClients.contains(client);
+    if (link.isOld) world->ledger.speaksV3(link.number);
+    link.from = {0x0A000001U + client, static_cast<std::uint16_t>(kFirstPort + link.number)};
     link.up.capacity = link.down.capacity = capacity;
     links_.push_back(socket.link);
     backlog_.push_back(socket.link);
@@ -82,7 +82,7 @@ void Network::listen(bool on) {
 }
 
 SocketHandle Network::accept() {
-    const SocketHandle handle = open(Kind::Tcp);
+    const SocketHandle handle = open();
     at(handle).link = std::move(backlog_.front());
     at(handle).isDaemons = true;
     backlog_.pop_front();
@@ -90,6 +90,7 @@ SocketHandle Network::accept() {
 }
 
 IoResult Network::send(SocketHandle handle, const void* bytes, std::size_t size) {
+    const Harness harness;
     const Socket& socket = at(handle);
     if (!socket.link) return {0, error::kNotConnected};
     Pipe& out = socket.out();
@@ -109,6 +110,7 @@ IoResult Network::send(SocketHandle handle, const void* bytes, std::size_t size)
 }
 
 IoResult Network::receive(SocketHandle handle, void* buffer, std::size_t size) {
+    const Harness harness;
     const Socket& socket = at(handle);
     if (!socket.link) return {0, error::kNotConnected};
     Pipe& in = socket.in();
@@ -118,10 +120,26 @@ IoResult Network::receive(SocketHandle handle, void* buffer, std::size_t size) {
     if (moved > 1 && world->random.oneIn(3)) moved = 1 + world->random(moved);
     std::copy_n(in.bytes.data(), moved, static_cast<char*>(buffer));
     in.bytes.erase(0, moved);
+    if (socket.link->isOld && !passesVersion(socket, {static_cast<char*>(buffer), moved})) {
+        reset(*socket.link);
+        return {0, error::kConnectionReset};
+    }
+    in.taken += moved;
     moved_ += moved;
     if (socket.isDaemons)
         world->ledger.daemonRead(socket.link->number, {static_cast<char*>(buffer), moved});
     return {moved, 0};
+}
+
+// The first message either way has the version in its second word: an old daemon offers 3, and
+// closes when 4 is the answer.
+bool Network::passesVersion(const Socket& socket, std::span<char> piece) {
+    constexpr std::uint64_t kPlace = 7;
+    const std::uint64_t begin = socket.in().taken;
+    if (begin > kPlace || begin + piece.size() <= kPlace) return true;
+    char& version = piece[kPlace - begin];
+    if (!socket.isDaemons) version = 3;
+    return version == 3;
 }
 
 void Network::endSending(SocketHandle handle) {
@@ -130,7 +148,7 @@ void Network::endSending(SocketHandle handle) {
 
 bool Network::readable(SocketHandle handle) const {
     const Socket& socket = at(handle);
-    if (socket.kind == Kind::Bell) return socket.rings();
+    if (socket.rings) return socket.rings();
     if (!socket.link) return socket.error != 0;
     const Pipe& in = socket.in();
     return in.stalledUntil <= world->now && (!in.bytes.empty() || in.ended || in.reset);
@@ -155,17 +173,22 @@ void Network::reset(Link& link) {
     }
 }
 
-void Network::cut(unsigned client) {
+template <class Visit>
+void Network::eachLink(Visit visit) const {
     for (const auto& weak : links_)
-        if (const auto link = weak.lock(); link && link->client == client) reset(*link);
+        if (const auto link = weak.lock()) visit(*link);
+}
+
+void Network::cut(unsigned client) {
+    eachLink([=](Link& link) {
+        if (link.client == client) reset(link);
+    });
 }
 
 void Network::stall(unsigned client, bool up, Milliseconds duration) {
-    for (const auto& weak : links_) {
-        const auto link = weak.lock();
-        if (link && link->client == client)
-            (up ? link->up : link->down).stalledUntil = world->now + duration;
-    }
+    eachLink([=](Link& link) {
+        if (link.client == client) (up ? link.up : link.down).stalledUntil = world->now + duration;
+    });
 }
 
 void Network::refuse(Milliseconds duration) {
@@ -174,8 +197,7 @@ void Network::refuse(Milliseconds duration) {
 
 void Network::heal() {
     refusedUntil_ = 0;
-    for (const auto& weak : links_)
-        if (const auto link = weak.lock()) link->up.stalledUntil = link->down.stalledUntil = 0;
+    eachLink([](Link& link) { link.up.stalledUntil = link.down.stalledUntil = 0; });
 }
 
 Milliseconds Network::nextChange(Milliseconds now) const {
@@ -183,12 +205,10 @@ Milliseconds Network::nextChange(Milliseconds now) const {
     const auto consider = [&](Milliseconds at) {
         if (at > now && (next == 0 || at < next)) next = at;
     };
-    for (const auto& weak : links_) {
-        const auto link = weak.lock();
-        if (!link) continue;
-        consider(link->up.stalledUntil);
-        consider(link->down.stalledUntil);
-    }
+    eachLink([&](const Link& link) {
+        consider(link.up.stalledUntil);
+        consider(link.down.stalledUntil);
+    });
     return next;
 }
 

@@ -4,6 +4,8 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -18,6 +20,7 @@ using platform::SocketHandle;
 /// One direction of a connection: a bounded buffer.
 struct Pipe {
     std::string bytes;
+    std::uint64_t taken = 0;  ///< bytes, by the reader
     std::size_t capacity = 0;
     Milliseconds stalledUntil = 0;  ///< nothing moves before
     bool ended = false;             ///< the writer has closed its end
@@ -29,6 +32,7 @@ struct Pipe {
 struct Link {
     unsigned number;
     unsigned client;  ///< the number of the program that connected
+    bool isOld;       ///< the daemon seems to know version 3 only
     platform::Endpoint from;
     Pipe up;    ///< to the daemon
     Pipe down;  ///< to the client
@@ -38,10 +42,8 @@ struct Link {
 /// bytes in pieces of random sizes.
 class Network {
   public:
-    enum class Kind : std::uint8_t { Tcp, Bell };
-
-    /// A new handle. A bell is readable while `rings()`.
-    SocketHandle open(Kind kind, std::function<bool()> rings = {});
+    /// A new handle: a TCP socket, or one that is readable while `rings()`.
+    SocketHandle open(std::function<bool()> rings = {});
     [[nodiscard]] bool isOpen(SocketHandle handle) const;
     [[nodiscard]] std::size_t openSockets() const;
     void close(SocketHandle handle);
@@ -54,6 +56,9 @@ class Network {
     void listen(bool on);
     [[nodiscard]] bool hasBacklog() const { return !backlog_.empty(); }
     SocketHandle accept();
+
+    /// The number of the link with that port at the client's end.
+    static unsigned linkAt(unsigned long port) { return static_cast<unsigned>(port) - kFirstPort; }
 
     // Either end.
     IoResult send(SocketHandle handle, const void* bytes, std::size_t size);
@@ -73,12 +78,11 @@ class Network {
     [[nodiscard]] Milliseconds nextChange(Milliseconds now) const;
     [[nodiscard]] std::uint64_t moved() const { return moved_; }
 
-    std::size_t capacity = 4096;  ///< of the pipes of connections made from now on
+    std::set<unsigned> oldClients;  ///< whose connections are old
+    std::size_t capacity = 4096;    ///< of the pipes of connections made from now on
 
   private:
     struct Socket {
-        Kind kind = Kind::Tcp;
-        bool open = false;
         bool isDaemons = false;
         int error = 0;
         std::shared_ptr<Link> link;
@@ -88,12 +92,15 @@ class Network {
         [[nodiscard]] Pipe& out() const { return isDaemons ? link->down : link->up; }
     };
     static constexpr SocketHandle kFirstHandle = 100;
+    static constexpr unsigned kFirstPort = 10'000;
 
-    [[nodiscard]] const Socket& at(SocketHandle handle) const;
-    [[nodiscard]] Socket& at(SocketHandle handle);
+    [[nodiscard]] Socket& at(SocketHandle handle) const;
     static void reset(Link& link);
+    template <class Visit>
+    void eachLink(Visit visit) const;
+    static bool passesVersion(const Socket& socket, std::span<char> piece);
 
-    std::vector<Socket> sockets_;
+    std::vector<std::unique_ptr<Socket>> sockets_;  // null: closed
     std::vector<std::weak_ptr<Link>> links_;
     std::deque<std::shared_ptr<Link>> backlog_;
     bool listening_ = false;

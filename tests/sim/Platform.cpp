@@ -47,12 +47,10 @@ void Socket::reset(SocketHandle handle) noexcept {
     if (old != kNoSocket && old != handle) closeSocket(old);
 }
 Socket createTcpSocket(int& error) noexcept {
-    const Harness harness;
     error = 0;
-    return Socket(world->network.open(sim::Network::Kind::Tcp));
+    return Socket(world->network.open());
 }
 void closeSocket(SocketHandle socket) noexcept {
-    const Harness harness;
     world->network.close(socket);
 }
 bool isSocket(SocketHandle socket) noexcept {
@@ -68,18 +66,15 @@ int setNonBlocking(SocketHandle /*socket*/, bool /*on*/) noexcept {
     return 0;
 }
 int connectSocket(SocketHandle socket, Endpoint /*peer*/) noexcept {
-    const Harness harness;
     return world->network.connect(socket, world->running().number);
 }
 int pendingError(SocketHandle socket) noexcept {
     return world->network.takeError(socket);
 }
 IoResult sendSome(SocketHandle socket, std::span<const std::byte> bytes) noexcept {
-    const Harness harness;
     return world->network.send(socket, bytes.data(), bytes.size());
 }
 IoResult receiveSome(SocketHandle socket, std::span<std::byte> buffer) noexcept {
-    const Harness harness;
     return world->network.receive(socket, buffer.data(), buffer.size());
 }
 

@@ -10,41 +10,27 @@ namespace {
 struct Kind {
     const char* name;
     unsigned weight;
+    std::array<unsigned, 4> amounts = {50, 1'000, 5'000, 30'000};
 };
 
 constexpr std::array<Kind, static_cast<std::size_t>(Deed::Count)> kKinds = {{
-    {"join", 10},         {"leave", 4},       {"listen", 16},     {"cancel", 8}, {"publish", 30},
-    {"request", 8},       {"arm", 8},         {"fail next", 4},   {"sleep", 3},  {"freeze", 4},
-    {"stall up", 3},      {"stall down", 6},  {"cut", 4},         {"refuse", 2}, {"fail daemon", 2},
-    {"freeze daemon", 2}, {"stop daemon", 1}, {"kill daemon", 2}, {"rest", 1},
+    {"join", 10},         {"leave", 4},
+    {"listen", 16},       {"crowd", 2, {70, 70, 400, 400}},
+    {"cancel", 8},        {"publish", 30, {1, 3, 10, 60}},
+    {"request", 8},       {"arm", 8},
+    {"fail next", 4},     {"sleep", 3},
+    {"freeze", 4},        {"stall up", 3},
+    {"stall down", 6},    {"cut", 4},
+    {"refuse", 2},        {"fail daemon", 2},
+    {"freeze daemon", 2}, {"stop daemon", 1},
+    {"kill daemon", 2},   {"rest", 1, {20, 200, 200, 700}},
 }};
 
 Deed anyDeed(Random& random) {
-    unsigned total = 0;
-    for (const Kind& kind : kKinds) total += kind.weight;
-    auto left = static_cast<unsigned>(random(total));
-    for (std::size_t i = 0; i < kKinds.size(); ++i) {
-        if (left < kKinds[i].weight) return static_cast<Deed>(i);
-        left -= kKinds[i].weight;
-    }
-    return Deed::Rest;
-}
-
-unsigned amountFor(Deed deed, Random& random) {
-    constexpr std::array<unsigned, 4> kBursts = {1, 3, 10, 60};
-    constexpr std::array<unsigned, 4> kPauses = {50, 1'000, 5'000, 30'000};
-    constexpr std::array<unsigned, 3> kRests = {20, 200, 700};
-    switch (deed) {
-        case Deed::Publish:
-            return random.among(kBursts);
-        case Deed::FailNext:
-        case Deed::FailDaemon:
-            return static_cast<unsigned>(random(20));
-        case Deed::Rest:
-            return random.among(kRests);
-        default:
-            return random.among(kPauses);
-    }
+    std::vector<Deed> deeds;
+    for (std::size_t i = 0; i < kKinds.size(); ++i)
+        deeds.insert(deeds.end(), kKinds[i].weight, static_cast<Deed>(i));
+    return random.among(deeds);
 }
 
 }  // namespace
@@ -67,8 +53,9 @@ Schedule scheduleOf(std::uint64_t seed, unsigned clients) {
         if (random.oneIn(2))
             at += static_cast<Milliseconds>(random(random.oneIn(8) ? 10'000 : 200));
         const Deed deed = anyDeed(random);
+        auto amount = random.among(kKinds.at(static_cast<std::size_t>(deed)).amounts);
         schedule.push_back({at, deed, static_cast<unsigned>(random(clients)),
-                            static_cast<unsigned>(random(1'000)), amountFor(deed, random)});
+                            static_cast<unsigned>(random(1'000)), amount});
         if (deed == Deed::Rest) at += 1'000 * schedule.back().b;
     }
     return schedule;

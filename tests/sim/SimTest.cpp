@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "tests/sim/Simulation.h"
+#include "tests/sim/Schedule.h"
 
 namespace kvx::sim {
 namespace {

@@ -4,8 +4,6 @@
 // The record of a handle is found by the handle's first reserved word, as libuv keeps its own state
 // in the handle.
 
-#include "tests/sim/Uv.h"
-
 #include <arpa/inet.h>
 #include <uv.h>
 
@@ -77,14 +75,12 @@ uv_stream_t* streamOf(Record& record) {
     return reinterpret_cast<uv_stream_t*>(record.handle);
 }
 
+// Events; the daemon pays for what they allocate.
+
 void readOnce(Record& record) {
     uv_buf_t buffer{};
-    IoResult got;
-    {
-        const Charge daemon(daemonAccount);
-        record.allocate(record.handle, 65'536, &buffer);
-    }
-    got = world->network.receive(record.socket, buffer.base, buffer.len);
+    record.allocate(record.handle, 65'536, &buffer);
+    const IoResult got = world->network.receive(record.socket, buffer.base, buffer.len);
     ssize_t result = static_cast<ssize_t>(got.bytes);
     if (got.error != 0) result = uvError(got.error);
     if (got.error == 0 && got.bytes == 0) result = UV_EOF;
@@ -93,7 +89,6 @@ void readOnce(Record& record) {
         record.active = false;
         world->ledger.left(world->network.linkOf(record.socket)->number);
     }
-    const Charge daemon(daemonAccount);
     record.read(streamOf(record), result, &buffer);
 }
 
@@ -103,48 +98,35 @@ void writeOn(Record& record) {
     record.left.base += sent.bytes;
     record.left.len -= sent.bytes;
     if (sent.error == 0 && record.left.len > 0) return;
-    uv_write_t* request = std::exchange(record.write, nullptr);
-    const Charge daemon(daemonAccount);
-    record.written(request, sent.error == 0 ? 0 : uvError(sent.error));
+    record.written(std::exchange(record.write, nullptr), sent.error == 0 ? 0 : uvError(sent.error));
 }
 
 void shutDown(Record& record) {
     world->network.endSending(record.socket);
-    uv_shutdown_t* request = std::exchange(record.shutdown, nullptr);
-    const Charge daemon(daemonAccount);
-    record.wasShutDown(request, 0);
+    record.wasShutDown(std::exchange(record.shutdown, nullptr), 0);
 }
 
 void finishClosing(Record& record) {
-    if (record.write != nullptr) {
-        uv_write_t* request = std::exchange(record.write, nullptr);
-        const Charge daemon(daemonAccount);
-        record.written(request, UV_ECANCELED);
-    }
+    if (record.write != nullptr) record.written(std::exchange(record.write, nullptr), UV_ECANCELED);
     const auto closed = record.closed;
     uv_handle_t* handle = record.handle;
     handle->u.reserved[0] = nullptr;
-    std::erase_if(records, [&](const auto& r) { return r.get() == &record; });
-    const Charge daemon(daemonAccount);
+    {
+        const Harness harness;
+        std::erase_if(records, [&](const auto& r) { return r.get() == &record; });
+    }
     if (closed != nullptr) closed(handle);
 }
 
 void expire(Record& record) {
     record.due = world->now + record.repeat;
     record.active = record.repeat != 0;
-    const Charge daemon(daemonAccount);
     record.expired(reinterpret_cast<uv_timer_t*>(record.handle));
 }
 
 void deliverSignal(Record& record) {
     record.raised = false;
-    const Charge daemon(daemonAccount);
     record.signalled(reinterpret_cast<uv_signal_t*>(record.handle), record.signal);
-}
-
-void goOn(Record& record) {
-    const Charge daemon(daemonAccount);
-    record.idle(reinterpret_cast<uv_idle_t*>(record.handle));
 }
 
 using Event = void (*)(Record&);
@@ -154,12 +136,10 @@ Event dueEvent(const Record& record) {
     if (record.closing) return finishClosing;
     if (record.raised) return deliverSignal;
     if (record.expired != nullptr && record.active && record.due <= world->now) return expire;
-    if (record.idle != nullptr) return goOn;
+    if (record.idle != nullptr)
+        return [](Record& r) { r.idle(reinterpret_cast<uv_idle_t*>(r.handle)); };
     if (record.connected != nullptr && world->network.hasBacklog())
-        return [](Record& r) {
-            const Charge daemon(daemonAccount);
-            r.connected(streamOf(r), 0);
-        };
+        return [](Record& r) { r.connected(streamOf(r), 0); };
     if (record.socket == platform::kNoSocket) return nullptr;
     if (record.shutdown != nullptr && record.write == nullptr) return shutDown;
     const bool canRead = record.active && world->network.readable(record.socket);
@@ -197,7 +177,10 @@ void turn() {
         daemonAccount->newsBeforeFailure = std::exchange(readFailure, -1);
         world->ledger.noMemory = true;  // without memory for a message, it is the one dropped
     }
-    event(chosen);
+    {
+        const Charge daemon(daemonAccount);
+        event(chosen);
+    }
     daemonAccount->newsBeforeFailure = -1;
 }
 
@@ -210,7 +193,14 @@ void prepare() {
     }
     const bool isBehind =
         std::ranges::any_of(records, [](const auto& r) { return r->idle != nullptr; });
-    if (!isBehind) world->ledger.daemonHasCaughtUp();
+    if (isBehind) return;
+    world->ledger.daemonHasCaughtUp();
+    for (const auto& r : records) {
+        if (r->socket == platform::kNoSocket || r->shutdown != nullptr) continue;
+        const Link& link = *world->network.linkOf(r->socket);
+        if (world->ledger.isClosed(link.number) && !link.down.ended && !r->closing)
+            world->fail("a closed connection is not ended: " + std::to_string(link.number));
+    }
 }
 
 }  // namespace

@@ -73,11 +73,7 @@ bool World::wait(const Ready& ready, Milliseconds timeout) {
 }
 
 std::uint64_t World::processorTime() {
-    return processorTime_ += random.oneIn(8) ? 1'000'000 : random(20'000);
-}
-
-bool World::allEnded() const {
-    return std::ranges::all_of(programs, [](const auto& p) { return p->fibre->ended(); });
+    return processorTime_ += random.oneIn(slowness) ? 1'000'000 : random(20'000);
 }
 
 std::string World::whoIsLeft() const {

@@ -73,7 +73,6 @@ class World {
     std::uint64_t processorTime();
 
     [[nodiscard]] Program& running() { return *running_; }
-    [[nodiscard]] bool allEnded() const;
     [[nodiscard]] std::string whoIsLeft() const;
 
     /// Ends the process and reports the broken invariant.
@@ -88,6 +87,7 @@ class World {
     std::uint64_t trace = 0;  ///< a hash of all that happened
     std::string counted;      ///< the last "counted:" line of the daemon
     bool verbose = false;
+    std::uint64_t slowness = 8;  ///< one in so many looks at the clock finds that a slice is over
     std::function<void(const std::string&)> report;
 
   private:
@@ -97,5 +97,12 @@ class World {
 };
 
 inline World* world = nullptr;
+
+// What happens to the daemon's event loop (Uv.cpp).
+void raiseInDaemon(int signal);
+/// The loop returns at once, as if the process had been killed: its sockets are reset.
+void killDaemonLoop();
+/// The `n`th allocation of the daemon's next reads fails.
+void failDaemonRead(long n);
 
 }  // namespace kvx::sim
