@@ -1,8 +1,5 @@
 // Atoms: what they own, what they give out, and what their kinds do to one another.
 
-#include <cstring>
-#include <limits>
-
 #include "tests/foundation/Owned.h"
 #include "tests/support/Atoms.h"
 

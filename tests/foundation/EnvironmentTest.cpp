@@ -6,11 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-
 #include "tests/foundation/Owned.h"
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/TemporaryDirectory.h"

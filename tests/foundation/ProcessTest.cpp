@@ -1,8 +1,5 @@
 // This process, and the programs that it starts.
 
-#include <cstdio>
-#include <iostream>
-
 #include "foundation/foundation.h"
 #include "tests/foundation/Owned.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -1,13 +1,5 @@
 // What a client says to the members that answer it, which the test plays.
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <deque>
-#include <future>
-#include <optional>
-#include <thread>
-
 #include "kvx/Client.h"
 #include "kvx/Conversation.h"
 #include "mom/mom.h"

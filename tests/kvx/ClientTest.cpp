@@ -1,11 +1,5 @@
 // A real client against a real service in another process, and against what is no good service.
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <future>
-#include <optional>
-
 #include "kvx/Answer.h"
 #include "kvx/ReplyState.h"
 #include "kvx/kvx.h"

@@ -1,12 +1,6 @@
 // A follower against the members of a service, on a bus that loses, delays and reorders: the state
 // machine and the numbering that ship, with everything between them made up by a seed.
 
-#include <gtest/gtest.h>
-
-#include <deque>
-#include <memory>
-#include <random>
-
 #include "kvx/Answer.h"
 #include "kvx/Changes.h"
 #include "kvx/FollowState.h"

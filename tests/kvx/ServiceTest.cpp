@@ -1,12 +1,5 @@
 // A service in this process, and one in another that fails.
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <future>
-#include <thread>
-#include <vector>
-
 #include "kvx/QuestionPool.h"
 #include "kvx/kvx.h"
 #include "tests/support/Daemon.h"

@@ -5,10 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "platform/File.h"
 #include "platform/Memory.h"

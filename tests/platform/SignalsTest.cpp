@@ -1,9 +1,5 @@
 #include "platform/Signals.h"
 
-#include <array>
-#include <atomic>
-#include <csignal>
-
 using namespace kvx::platform;
 
 namespace {

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <fstream>
-
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kvx::rva {

@@ -8,13 +8,6 @@
 
 #include <malloc.h>
 
-#include <array>
-#include <atomic>
-#include <cstdio>
-#include <cstdlib>
-#include <random>
-#include <span>
-
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekQryInfo.h"
 #include "mom/engine/CVekSnoop.h"

@@ -1,7 +1,5 @@
 // A query through the whole system: tool, daemon, service, store and back.
 
-#include <gtest/gtest.h>
-
 #include "tests/system/Installation.h"
 
 namespace kvx::test {

@@ -1,7 +1,5 @@
 // Changes on their way: a source file, the service's table, the notify subject, the tool.
 
-#include <gtest/gtest.h>
-
 #include "tests/system/Installation.h"
 
 namespace kvx::test {

@@ -1,9 +1,5 @@
 // Two members of one group: one answers, the other stands by, and no question is lost between them.
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-
 #include "tests/system/Installation.h"
 
 namespace kvx::test {

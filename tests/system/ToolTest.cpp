@@ -1,9 +1,5 @@
 // The tool against the daemon, as a person at a shell would use it.
 
-#include <gtest/gtest.h>
-
-#include <map>
-
 #include "tests/support/Home.h"
 #include "tests/system/Installation.h"
 

@@ -1,8 +1,5 @@
 // Engines and clients on a real bus.
 
-#include <array>
-#include <cstring>
-
 #include "mom/engine/CVekClient.h"
 #include "mom/engine/CVekEngine.h"
 #include "tests/support/Daemon.h"

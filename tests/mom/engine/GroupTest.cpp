@@ -1,7 +1,5 @@
 // An engine's identity, its group's name, its flags and its activation.
 
-#include <cstring>
-
 #include "mom/engine/CVekEngine.h"
 #include "platform/Socket.h"
 #include "tests/support/Nets.h"

@@ -1,7 +1,5 @@
 // Query records, snoops and the client's one-shot sender, without a bus.
 
-#include <cstring>
-
 #include "mom/engine/CVekClient.h"
 #include "mom/engine/CVekClientSender.h"
 #include "mom/engine/CVekEngine.h"

@@ -1,8 +1,5 @@
 // Workers that wait for an answer: counted down, run again, dropped.
 
-#include <atomic>
-#include <limits>
-
 #include "mom/timed/CVekBlockedWorkMgr.h"
 #include "mom/timed/CVekPollResponse.h"
 #include "tests/mom/timed/Polls.h"

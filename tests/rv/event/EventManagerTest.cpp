@@ -1,5 +1,3 @@
-#include <csignal>
-
 #include "platform/Process.h"
 #include "platform/Signals.h"
 #include "rv/event/EventManagerExtras.h"

@@ -1,6 +1,3 @@
-#include <csignal>
-#include <utility>
-
 #include "platform/Signals.h"
 #include "tests/rv/event/LoopFixture.h"
 

@@ -2,8 +2,6 @@
 
 #include "rv/link/SegmentQueue.h"
 
-#include <cstring>
-
 namespace {
 
 using kvx::link::Added;

@@ -1,7 +1,5 @@
 // The wire layout, byte by byte, and the rules for adding a field.
 
-#include <cstring>
-
 #include "Bytes.h"
 #include "rv/message/rvSubject.h"
 

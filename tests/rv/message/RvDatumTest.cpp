@@ -1,5 +1,3 @@
-#include <cstring>
-
 #include "Bytes.h"
 #include "rv/message/RvDatum.h"
 

@@ -3,7 +3,6 @@
 #include "rv/message/SubjectTree.h"
 
 #include <list>
-#include <random>
 
 #include "tests/support/FailingNew.h"
 

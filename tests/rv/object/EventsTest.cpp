@@ -1,7 +1,5 @@
 // What each kind of event hands to its callback, and what ends it.
 
-#include <csignal>
-
 #include "rv/message/RvMsg.h"
 #include "tests/rv/object/ObjectFixture.h"
 

@@ -1,7 +1,5 @@
 // Sessions that speak to one another through a real daemon.
 
-#include <atomic>
-
 #include "tests/rv/session/SessionFixture.h"
 #include "tests/support/Daemon.h"
 

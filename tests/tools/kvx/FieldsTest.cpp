@@ -1,7 +1,5 @@
 #include "tools/kvx/Fields.h"
 
-#include <gtest/gtest.h>
-
 #include "tools/kvx/DatumJson.h"
 
 namespace kvx::tool {

@@ -1,9 +1,5 @@
 // The tool as a person at a shell drives it: what it says, where, and how it ends.
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-
 #include "tests/support/Daemon.h"
 #include "tests/system/Installation.h"
 

@@ -1,7 +1,5 @@
 #include "tools/kvx/Rows.h"
 
-#include <gtest/gtest.h>
-
 namespace kvx::tool {
 namespace {
 

@@ -1,7 +1,5 @@
 #include "tools/kvx/ServicesView.h"
 
-#include <gtest/gtest.h>
-
 namespace kvx::tool {
 namespace {
 

@@ -1,8 +1,5 @@
 #include "examples/modeld/polls/BlockingPoll.h"
 
-#include <deque>
-#include <mutex>
-
 #include "tests/support/ChildProcess.h"
 
 namespace modeld {

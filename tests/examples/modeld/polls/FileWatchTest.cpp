@@ -1,8 +1,5 @@
 #include "examples/modeld/polls/FileWatch.h"
 
-#include <filesystem>
-#include <fstream>
-
 #include "tests/support/TemporaryDirectory.h"
 
 namespace modeld {

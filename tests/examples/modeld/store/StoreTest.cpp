@@ -1,8 +1,5 @@
 #include "examples/modeld/store/Store.h"
 
-#include <filesystem>
-#include <fstream>
-
 #include "examples/modeld/oql/Parse.h"
 #include "tests/support/TemporaryDirectory.h"
 
