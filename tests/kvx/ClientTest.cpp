@@ -80,14 +80,6 @@ TEST_F(ClientTest, SaysWhatBecameOfAQuestion) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
 }
 
-TEST_F(ClientTest, GivesEndedToWhatWaitsWhenItEnds) {
-    auto waiting = client.queryAsync(links, "*");
-    auto heard = client.listen("A.>", [](const Delivery&) {});
-    client.end();
-    EXPECT_EQ(waiting.get().error().code, Errc::Ended);
-    ASSERT_TRUE(heard) << "and it may outlive the client";
-}
-
 TEST_F(ClientTest, RequestsAndAnswersFromAnyThread) {
     const auto echo = client.listen("ECHO", [&](const Delivery& delivery) {
         const auto refused = client.request("ECHO", {}, 10ms);

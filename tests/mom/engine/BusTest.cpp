@@ -48,16 +48,6 @@ TEST_F(Bus, LosesNothingOfEightThreadsAndKeepsTheOrderOfEach) {
     EXPECT_EQ(next, std::vector<int>(kThreads, kPerThread));
 }
 
-TEST_F(Bus, MakesOneSenderPerSubject) {
-    CVekEngine engine(1, "grp", "NET", SERV_UNKNOWN);
-    EXPECT_EQ(engine.RRNSend("A", datum), 1);
-    const void* const sender = engine.m_senders->RTLGet("A.NET")->RPData();
-    EXPECT_EQ(engine.RRNSend("A", datum), 1);
-    EXPECT_EQ(engine.RESend("A", datum, TRUE), 1);
-    EXPECT_EQ(engine.m_senders->RTLGet("A.NET")->RPData(), sender);
-    EXPECT_EQ(engine.m_senders->RTLLength(), 1);
-}
-
 TEST_F(Bus, ARequestThatNobodyAnswersTimesOut) {
     std::string inbox;
     OnData waiting;

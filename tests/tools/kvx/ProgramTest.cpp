@@ -107,6 +107,8 @@ TEST_F(ProgramTest, SaysWhatIsWrongWithACommandLine) {
              {"send A --opaque x=1", "--opaque needs -"},
              {"query Model x --csv --json", "excludes"},
              {"-v", "a command is missing"},
+             {"query", "required"},
+             {"listen A --daemon 'tcp:\"1'", "--daemon"},
              {"follow Model x --domain A..B", "'A..B' is no domain"},
              {"send A x:" + longText + "=1", "is no field type"},
              {"send A " + longText, "is not of the form"},
@@ -165,10 +167,13 @@ TEST_F(ProgramTest, RefusesStandardInputThatCannotBeRead) {
     EXPECT_EQ(bus_.shell("printf 'a\\0b' | kvx send A - --opaque").status, 0);
 }
 
-TEST_F(ProgramTest, SendsNoReplySubjectThatNobodyCanAnswerTo) {
+TEST_F(ProgramTest, FailsWithSubjectsThatAreNoneAndWithoutAnAnswer) {
     const Ended ended = bus_.shell("kvx send A x=1 --reply B..C");
     EXPECT_EQ(ended.status, 1);
     EXPECT_TRUE(holds(ended.errors, "'B..C'")) << ended.errors;
+    for (const std::string line : {"listen A..B", "send A..B x=1", "request A --timeout 0.1 x=1"}) {
+        EXPECT_EQ(bus_.shell("kvx " + line).status, 1) << line;
+    }
     EXPECT_EQ(bus_.shell("kvx send A x=1 --reply B.C").status, 0);
 }
 
@@ -277,7 +282,7 @@ TEST_F(ProgramTest, TellsOfTheDaemonsLossAndEndsAtOnceMeanwhile) {
 }
 
 TEST_F(ProgramTest, NamesTheAddressThatItTried) {
-    for (const std::string address : {"tcp:127.0.0.1:1", "tcp:none.invalid:1", "udp:1", "-"}) {
+    for (const std::string address : {"tcp:none.invalid:1", "udp:1", "-"}) {
         const Ended ended = bus_.kvx({"query", "Model", "x", "--daemon", address});
         EXPECT_EQ(ended.status, 1);
         EXPECT_TRUE(holds(ended.errors, address)) << ended.errors;
