@@ -161,7 +161,12 @@ TEST_F(StoreTest, AnswersQueriesOverWhatItLoaded) {
              {"where port_count is null or serial = '0018' limit 5",
               "edge, \"north\",24,0018;edge-2,-,-;"},
              {"where not (name like '%2' or port_count <= 24)", "core-1,48,0017;"},
-             {"where name = 'x'' or 1=1 --'", ""}}) {
+             {"where name = 'x'' or 1=1 --'", ""},
+             {"where port_count = 48 or port_count = 24 and serial = 'x'", "core-1,48,0017;"},
+             {"where not (name = 'it''s') and port_count >= -1.5 order by port_count desc, name;",
+              "core-1,48,0017;edge, \"north\",24,0018;"},
+             {"where serial is not null order by serial desc limit 1",
+              "edge, \"north\",24,0018;"}}) {
         EXPECT_EQ(answer(std::string("select * from devices ") + rest), rows) << rest;
     }
     EXPECT_EQ(answer("select SERIAL, name from devices limit 1"), "0017,core-1;");
