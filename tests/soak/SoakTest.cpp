@@ -21,16 +21,11 @@
 #include "tests/support/Nets.h"
 #include "tests/support/Packets.h"
 #include "tests/support/ProcessUsage.h"
+#include "tests/support/Sanitizer.h"
 
 using namespace kvx::test;
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kMeasuresMemory = false;  // the checker's own memory is no measure
-#else
-constexpr bool kMeasuresMemory = true;
-#endif
 
 constexpr int kQueriesAtOnce = 200;
 constexpr int kMostRows = 150;  // more than one packet holds
@@ -236,7 +231,7 @@ struct Soak : testing::Test {
 
     // In the order of `kMeasures`.
     Sample sample() {
-        const auto memory = [](long long bytes) { return kMeasuresMemory ? bytes : 0; };
+        const auto memory = [](long long bytes) { return kIsWatched ? 0 : bytes; };
         return {memory(static_cast<long long>(mallinfo2().uordblks)),
                 memory(residentBytes(getpid())),
                 memory(residentBytes(daemon.pid())),
