@@ -31,8 +31,9 @@ endif()
 
 if(KVX_SANITIZE)
     # GCC's value-range warnings misfire on instrumented code; the dev and release builds keep them.
+    # The lines of a stack are enough of debugging information, and a sixth faster to compile.
     target_compile_options(kvx_options INTERFACE
-        -fsanitize=${KVX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all
+        -g1 -fsanitize=${KVX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all
         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
     target_link_options(kvx_options INTERFACE -fsanitize=${KVX_SANITIZE})
 endif()

@@ -12,7 +12,7 @@ function(kvx_test)
     add_executable(${target} ${TEST_SOURCES})
     target_link_libraries(${target} PRIVATE kvx_options ${TEST_LINKS} kvx_test_support
                           GTest::gtest_main)
-    target_precompile_headers(${target} REUSE_FROM kvx_test_pch)
+    target_precompile_headers(${target} REUSE_FROM kvx_test_headers)
     set_target_properties(${target} PROPERTIES
         RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests UNITY_BUILD OFF)
     set(properties TIMEOUT ${TEST_TIMEOUT})

@@ -52,13 +52,14 @@ build_preset() {
     run_logged "build-$preset" cmake --build "$root/build/$preset" --parallel "$jobs" ${1:+--target "$@"}
 }
 
-# test_preset PRESET [CTEST ARGUMENT...]
+# test_preset PRESET [CTEST ARGUMENT...]: twice as many tests as processors at once, since most of
+# them wait most of their time for another process.
 test_preset() {
     local preset=$1
     shift
     say "testing ($preset)"
-    ctest --test-dir "$root/build/$preset" --parallel "$jobs" --output-on-failure --progress "$@" \
-        >"$log_dir/test-$preset.log" 2>&1 || {
+    ctest --test-dir "$root/build/$preset" --parallel "$((2 * jobs))" --output-on-failure \
+        --progress "$@" >"$log_dir/test-$preset.log" 2>&1 || {
         # What the failed tests printed, then their names.
         awk '/ Start +[0-9]+: / || /^ *[0-9]+\/[0-9]+ Test +#.* Passed / { show = 0 }
              /^ *[0-9]+\/[0-9]+ Test +#.*\*\*\*/ { show = 1 }

@@ -1,11 +1,6 @@
 // Rooms look down only: every #include of the tree is held against one table of floors.
 
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <optional>
 #include <regex>
-#include <set>
 
 namespace fs = std::filesystem;
 

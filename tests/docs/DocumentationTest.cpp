@@ -1,9 +1,6 @@
 // What the documentation shows is what the code does: worked bytes are built anew and compared, and
 // the README's program is the one that is compiled.
 
-#include <map>
-#include <sstream>
-
 #include "tests/support/LinkEnd.h"
 #include "tests/support/Packets.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -1,16 +1,11 @@
-// Home directories, the host's name, and read-only files.
-
-#include "foundation/CVekEnv.h"
-#include "foundation/CVekReadOnlyFile.h"
+// Home directories, the host's name, read-only files, this process and the programs that it starts.
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-
+#include "foundation/CVekEnv.h"
+#include "foundation/CVekReadOnlyFile.h"
+#include "foundation/foundation.h"
 #include "tests/foundation/Owned.h"
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -79,6 +74,45 @@ TEST(ReadOnlyFile, RefusesWhatIsNoReadableFileOrTooLarge) {
     ASSERT_EQ(file.ROFOpen(), 0);
     const std::string said = errorOutputOf([&] { EXPECT_EQ(file.ROFReadAll(), nullptr); });
     EXPECT_NE(said.find(path), std::string::npos);
+}
+
+// This process, and the programs that it starts.
+
+// Its destructor would show that static destructors ran.
+struct Tattletale {
+    ~Tattletale() { std::fputs("static destructor\n", stderr); }
+};
+
+TEST(Process, ExitFlushesTheStreamsAndRunsNoDestructors) {
+    const TemporaryDirectory directory;
+    const std::string output = directory.file("output");
+    EXPECT_EXIT(
+        {
+            std::freopen(output.c_str(), "w", stdout);
+            static const Tattletale tattletale;
+            std::cout << "from a stream";
+            std::printf(" and from C");
+            CVekProcess::Instance().Exit(7);
+        },
+        testing::ExitedWithCode(7), "^$");
+    EXPECT_EQ(contentOf(output), "from a stream and from C");
+}
+
+TEST(ProcessMgr, StartsAndEndsAProgramThatCanRun) {
+    CVekProcessMgr manager;
+    const char* const arguments[] = {"sleep", "1000", nullptr};
+    CVekProcessHandle handle = manager.StartProcess("/bin", "sleep", arguments, nullptr, nullptr);
+    const unsigned long pid = handle.GetPID();
+    ASSERT_NE(pid, 0U);
+    EXPECT_EQ(take(VekGetBinaryName(pid)), "sleep");
+    EXPECT_FALSE(manager.KillProcess(handle));  // false: it did end it
+    EXPECT_EQ(VekGetBinaryName(pid), nullptr);
+    EXPECT_EQ(handle.GetPID(), 0U);
+    EXPECT_TRUE(manager.KillProcess(handle));
+    EXPECT_EQ(manager.StartProcess("/", "missing", arguments, nullptr, nullptr).GetPID(), 0U);
+    EXPECT_EQ(manager.StartProcess(nullptr, nullptr, nullptr, nullptr, nullptr).GetPID(), 0U);
+    EXPECT_EQ(CVekProcessHandle().GetPID(), 0U);
+    EXPECT_EQ(VekGetBinaryName(0), nullptr);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 // Error reports: the default line, and handlers.
 
-#include <stdexcept>
-
 #include "tests/support/ErrorRecorder.h"
 
 namespace {

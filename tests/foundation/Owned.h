@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cstdlib>
-
 namespace kvx::test {
 
 struct FreeMemory {

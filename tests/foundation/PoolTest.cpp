@@ -1,8 +1,6 @@
 // Locks and thread pools under real threads.
 
-#include <atomic>
 #include <latch>
-#include <set>
 
 #include "foundation/foundation.h"
 

@@ -2,8 +2,6 @@
 
 #include "foundation/CVekBaseRecord.h"
 
-#include <sstream>
-
 #include "tests/foundation/Owned.h"
 
 namespace kvx::test {

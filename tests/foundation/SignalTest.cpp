@@ -2,9 +2,6 @@
 
 #include <signal.h>
 
-#include <cstdlib>
-#include <map>
-
 #include "foundation/CSignalHandler.h"
 #include "platform/Signals.h"
 

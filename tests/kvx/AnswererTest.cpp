@@ -1,19 +1,12 @@
 // What a client says to the members that answer it, which the test plays.
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <deque>
-#include <future>
-#include <optional>
-#include <thread>
-
 #include "kvx/Client.h"
 #include "kvx/Conversation.h"
 #include "mom/mom.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/Home.h"
 #include "tests/support/Packets.h"
+#include "tests/support/RawClient.h"
 
 namespace kvx {
 namespace {
@@ -33,76 +26,55 @@ test::Texts packets(int rows) {
     return all;
 }
 
-// A member that says what the test wants, on a session of the test's own thread.
+// A member that says what the test wants, byte by byte: one session hears questions, one what is
+// taken of its answers.
 class Member {
   public:
-    Member(const std::string& daemon, const std::string& subject) {
-        rv_Listener listener = nullptr;
-        EXPECT_EQ(rv_CreateSession(&session_, nullptr, "", "", daemon.c_str()), 0);
-        EXPECT_EQ(rv_Listen(session_, &listener, subject.c_str(), onQuestion, this), 0);
-        EXPECT_EQ(rv_CreateInbox(session_, &listener, inbox_.data(), inbox_.size(), onTake, this),
-                  0);
+    Member(const Daemon& daemon, const std::string& subject)
+        : questions_(test::RawClient::session(daemon.port())),
+          takes_(test::RawClient::session(daemon.port())),
+          inbox_("_INBOX.MEMBER." + std::to_string(takes_.localPort())) {
+        questions_.listen(subject);
+        takes_.listen(inbox_);
+        questions_.settle();
+        takes_.settle();
     }
-    ~Member() { rv_Close(session_); }
-    Member(const Member&) = delete;
-    Member& operator=(const Member&) = delete;
 
-    std::string inbox() const { return inbox_.data(); }
+    const std::string& inbox() const { return inbox_; }
 
     // Hears the next question, and gives its window.
-    std::optional<std::uint32_t> hear() {
-        if (!awaitOneOf(questions_)) return std::nullopt;
-        querier_ = questions_.front().inbox;
-        const std::uint32_t window = questions_.front().upTo;
-        questions_.pop_front();
-        return window;
+    std::uint32_t hear() {
+        const test::Received question = questions_.expectNext();
+        querier_ = question.reply;
+        return conversation::readWindow(payloadOf(question)).value_or(0);
     }
 
     void send(const std::string& packet) {
         RvMsg message(0UL);
         message.append("a", RVMSG_OPAQUE, static_cast<rvmsg_Size>(packet.size()), packet.data());
-        EXPECT_EQ(rv_Send(session_, querier_.c_str(), inbox_.data(), RVMSG_MSG, message.size(),
-                          message.data()),
-                  0);
+        questions_.send(wire::buildData(test::encodedSubject(querier_), inbox_.c_str(), 0,
+                                        {RVMSG_MSG, 0, message.data()}));
     }
 
     // The next one; the number of the last packet that may be sent.
-    std::optional<std::uint32_t> take() {
-        if (!awaitOneOf(takes_)) return std::nullopt;
-        const conversation::Take next = takes_.front();
-        takes_.pop_front();
-        EXPECT_EQ(next.inbox, querier_);
-        return next.upTo;
+    std::uint32_t take() {
+        const auto take = conversation::readTake(payloadOf(takes_.expectNext())).value();
+        EXPECT_EQ(take.inbox, querier_);
+        return take.upTo;
     }
 
   private:
-    using Takes = std::deque<conversation::Take>;
-
-    bool awaitOneOf(const Takes& some) {
-        return eventually([&] {
-            if (some.empty()) rv_Dispatch(session_, 20);
-            return !some.empty();
-        });
+    static RvMsg payloadOf(const test::Received& received) {
+        RvMsg payload;
+        const RvMsg message(const_cast<std::uint8_t*>(received.bytes.data()));
+        EXPECT_TRUE(message.get("data", payload) == 0);
+        return RvMsg(payload);  // a copy that owns its bytes
     }
 
-    static void onQuestion(rv_Session, const char*, const char* reply, rvmsg_Type, rvmsg_Size,
-                           rvmsg_Data data, void* member) {
-        const auto window = conversation::readWindow(RvMsg(const_cast<rvmsg_Msg>(data)));
-        static_cast<Member*>(member)->questions_.push_back({reply, window.value_or(0)});
-    }
-
-    static void onTake(rv_Session, const char*, const char*, rvmsg_Type, rvmsg_Size,
-                       rvmsg_Data data, void* member) {
-        const auto take = conversation::readTake(RvMsg(const_cast<rvmsg_Msg>(data)));
-        ASSERT_TRUE(take);
-        static_cast<Member*>(member)->takes_.push_back(*take);
-    }
-
-    rv_Session session_ = nullptr;
-    std::array<char, 256> inbox_{};
+    test::RawClient questions_;
+    test::RawClient takes_;
+    std::string inbox_;
     std::string querier_;
-    Takes questions_;  // with their windows
-    Takes takes_;
 };
 
 class ConversationTest : public ::testing::Test {
@@ -111,8 +83,8 @@ class ConversationTest : public ::testing::Test {
         : client(*Client::open(
               {.onWarning = [this](const std::string& text) { warnings.push_back(text); }})),
           subject(client.inDomain(links.querySubject())),
-          first(daemon.text(), subject),
-          other(daemon.text(), subject) {}
+          first(daemon, subject),
+          other(daemon, subject) {}
 
     static int number(RowStream& stream) {
         const auto row = stream.next();
@@ -169,12 +141,12 @@ TEST_F(ConversationTest, GrantsAsItComesWhereAllIsWaitedFor) {
     first.send(sent[0]);
     EXPECT_EQ(number(stream), 0);
     auto rest = std::async(std::launch::async, [&] { return stream.rest(); });
-    std::size_t granted = first.take().value_or(0);
+    std::size_t granted = first.take();
     EXPECT_EQ(granted, 65U);
     for (std::size_t next = 1; next < 130;) {
         for (; next < std::min<std::size_t>(granted, 130); ++next) first.send(sent[next]);
         if (next == 130) break;
-        const std::size_t before = std::exchange(granted, first.take().value_or(0));
+        const std::size_t before = std::exchange(granted, first.take());
         ASSERT_GT(granted, before);
         EXPECT_LE(granted, next + 64) << "beyond what came";
     }

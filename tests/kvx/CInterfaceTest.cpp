@@ -1,7 +1,5 @@
 // The C interface as a C program uses it, which checks what it gets itself.
 
-#include <gtest/gtest.h>
-
 #include "kvx/kvx.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/Home.h"

@@ -1,9 +1,5 @@
 #include "kvx/Changes.h"
 
-#include <gtest/gtest.h>
-
-#include <thread>
-
 #include "kvx/Answer.h"
 
 namespace kvx {

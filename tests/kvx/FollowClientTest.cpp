@@ -1,11 +1,5 @@
 // A client that follows a real service in other processes, through a real daemon.
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <future>
-#include <optional>
-
 #include "kvx/ReplyState.h"
 #include "kvx/kvx.h"
 #include "tests/support/Daemon.h"

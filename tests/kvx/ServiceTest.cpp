@@ -1,12 +1,7 @@
 // A service in this process, and one in another that fails.
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <future>
-#include <thread>
-#include <vector>
-
+#include "kvx/Conversation.h"
+#include "kvx/HeldQuestions.h"
 #include "kvx/QuestionPool.h"
 #include "kvx/kvx.h"
 #include "tests/support/Daemon.h"
@@ -112,6 +107,7 @@ TEST_F(ServiceTest, GivesAsMuchAsIsTakenWhileShortAnswersPass) {
         for (int i = 0; i < 4; ++i) streams.push_back(client->stream("Odd", "20000"));
         for (RowStream& stream : streams) ASSERT_TRUE(stream.next());
         EXPECT_EQ(client->query("Odd", "x")->size(), 1U) << "beside those that wait";
+        EXPECT_EQ(client->query("Odd", "throw").error().text, "no such thing");
         int rows = 0;
         for (auto row = streams[0].next(); row && *row; row = streams[0].next()) ++rows;
         EXPECT_EQ(rows, 19999);
@@ -188,17 +184,56 @@ TEST(QuestionPoolTest, IsCrowdedWhenNoFurtherThreadCanBeHad) {
     mayEnd.set_value();
 }
 
-TEST_F(ServiceTest, AnswersOnItsMainThreadWhenToldTo) {
-    ChildProcess odd(KVX_ODD_SERVICE, {"0"});
-    ASSERT_EQ(odd.awaitOutput("active"), "active") << odd.errors();
-    auto client = Client::open();
-    std::vector<std::future<QueryResult>> answers;
-    for (int i = 0; i < 50; ++i) {
-        answers.push_back(client->queryAsync(*ServiceName::of("Odd"), "throw"));
+using std::chrono::milliseconds;
+
+struct Question {
+    std::string replySubject;
+    std::string text;
+};
+
+struct HeldQuestionsTest : testing::Test {
+    void hold(const std::string& inbox, int atMs, std::size_t bytes = 0) {
+        held_.hold({inbox, std::string(bytes, 'x')}, start_ + milliseconds(atMs));
     }
-    for (auto& answer : answers) EXPECT_EQ(answer.get().error().text, "no such thing");
-    odd.kill(SIGTERM);
-    EXPECT_EQ(odd.wait(), 0);
+
+    std::string take(int atMs) {
+        std::string inboxes;
+        for (const Question& question : held_.take(start_ + milliseconds(atMs))) {
+            inboxes += question.replySubject + ";";
+        }
+        return inboxes;
+    }
+
+    const std::chrono::steady_clock::time_point start_{};
+    HeldQuestions<Question> held_;
+};
+
+TEST_F(HeldQuestionsTest, AreGivenUpOnceWhileTheyAreYoungAndTakeLimitedRoom) {
+    hold("A", 0);
+    hold("B", 1000);
+    hold("C", 2000);
+    held_.forget("B");
+    held_.forget("nobody");
+    EXPECT_EQ(take(6000), "A;C;");
+    EXPECT_EQ(take(6000), "");
+    hold("D", 7000);
+    hold("E", 8000);
+    EXPECT_EQ(take(13001), "E;");
+    for (int i = 0; i < 1500; ++i) hold(std::to_string(i), 20000);
+    EXPECT_EQ(held_.size(), HeldQuestions<Question>::kMost);
+    for (int i = 0; i < 66; ++i) hold(std::to_string(i), 21000, 1U << 20U);
+    EXPECT_EQ(held_.size(), 64U) << "a mebibyte each";
+    hold("late", 27001);
+    EXPECT_EQ(held_.size(), 1U) << "what is too old goes without being asked for";
+}
+
+TEST(BegunNotice, NamesTheInboxAndAnyOtherMessageNone) {
+    using conversation::readInbox;
+    EXPECT_EQ(readInbox(conversation::begunMessage("_INBOX.A.1")), "_INBOX.A.1");
+    RvMsg other;
+    other.append("outbox", "X");
+    EXPECT_EQ(readInbox(other), std::nullopt);
+    EXPECT_EQ(readInbox(RvDatum(RVMSG_STRING, 1, "X")), std::nullopt);
 }
 
 }  // namespace

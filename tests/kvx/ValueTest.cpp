@@ -1,10 +1,6 @@
 // Values, records and messages: what goes in comes out, of the right kind.
 
-#include <gtest/gtest.h>
-
-#include <array>
 #include <cmath>
-#include <limits>
 
 #include "kvx/Message.h"
 #include "kvx/Record.h"

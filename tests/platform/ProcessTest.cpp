@@ -1,19 +1,18 @@
-#include "platform/Process.h"
+// Programs, files, signals and the clock.
 
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
 #include <cerrno>
-#include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
+#include "platform/Clock.h"
 #include "platform/File.h"
 #include "platform/Memory.h"
+#include "platform/Process.h"
+#include "platform/Signals.h"
 #include "platform/Socket.h"
 #include "tests/support/EnvironmentVariable.h"
+#include "tests/support/SocketPair.h"
 #include "tests/support/TemporaryDirectory.h"
 
 using namespace kvx::platform;
@@ -166,4 +165,81 @@ TEST(StateDirectory, IsTheUsersAndCreated) {
     std::ofstream(home.file("file")) << "in the way";
     const EnvironmentVariable blocked("XDG_STATE_HOME", home.file("file"));
     EXPECT_EQ(stateDirectory(), "");
+}
+
+using namespace kvx::platform;
+
+namespace {
+
+std::atomic<int> caught = 0;
+
+void count(int) {
+    ++caught;
+}
+
+}  // namespace
+
+TEST(Signals, StayHandledWaitWhileBlockedAndGoBackToTheDefault) {
+    caught = 0;
+    const Milliseconds begin = monotonicMs();
+    EXPECT_LT(lastSignalMs(), begin);
+    const int user1 = signal_number::user1();
+    const std::array blocked = {user1};
+    ASSERT_TRUE(installSignalHandler(user1, count));
+    EXPECT_TRUE(raiseSignal(user1));
+    EXPECT_TRUE(raiseSignal(user1));
+    EXPECT_EQ(caught, 2);
+    blockSignals(blocked);
+    EXPECT_TRUE(isSignalBlocked(user1));
+    raiseSignal(user1);
+    EXPECT_EQ(caught, 2);
+    unblockSignals(blocked);
+    EXPECT_EQ(caught, 3);
+    EXPECT_FALSE(isSignalBlocked(user1));
+    ignoreSignal(user1);
+    raiseSignal(user1);
+    EXPECT_EQ(caught, 3);
+    EXPECT_GE(lastSignalMs(), begin);
+    restoreDefaultSignal(user1);
+    EXPECT_FALSE(installSignalHandler(-1, count));
+    EXPECT_FALSE(installSignalHandler(1000, count));
+    EXPECT_EXIT(raiseSignal(user1), testing::KilledBySignal(SIGUSR1), "");
+}
+
+using namespace kvx::platform;
+
+TEST(Clock, FallsBackToTheWallClockForGood) {
+    static int reads = 0;
+    reads = 0;
+    setMonotonicReaderForTests([](Milliseconds& now) {
+        now = 5;
+        return ++reads != 2;
+    });
+    EXPECT_EQ(monotonicMs(), 5);
+    const Milliseconds before = wallMilliseconds();
+    EXPECT_GE(monotonicMs(), before);
+    EXPECT_GE(monotonicMs(), before);  // although the reader works again
+    EXPECT_EQ(reads, 2);
+    setMonotonicReaderForTests(nullptr);
+    EXPECT_GE(wallSeconds(), before / 1'000);
+}
+
+TEST(Clock, SteppedByHandPassesWithTheWaitsOfTheProgram) {
+    const kvx::test::SocketPair pair;
+    {
+        ManualClock clock(1'000);
+        clock.advance(500);
+        sleepMs(2'000);
+        sleepMs(-5);
+        EXPECT_EQ(monotonicMs(), 3'500);
+        EXPECT_EQ(waitSocket(pair.near.get(), kReadable, 60'000).ready, 0U);
+        EXPECT_EQ(monotonicMs(), 63'500);
+        EXPECT_EQ(waitSocket(pair.near.get(), kWritable, 60'000).ready, unsigned{kWritable});
+        EXPECT_EQ(monotonicMs(), 63'500);  // ready at once: no time has passed
+        clock.setWaits(ManualClock::Waits::Block);
+        sleepMs(1);
+        EXPECT_EQ(monotonicMs(), 63'500);
+    }
+    const Milliseconds now = monotonicMs();
+    EXPECT_LE(now, monotonicMs());
 }

@@ -8,13 +8,6 @@
 
 #include <malloc.h>
 
-#include <array>
-#include <atomic>
-#include <cstdio>
-#include <cstdlib>
-#include <random>
-#include <span>
-
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekQryInfo.h"
 #include "mom/engine/CVekSnoop.h"
@@ -28,16 +21,11 @@
 #include "tests/support/Nets.h"
 #include "tests/support/Packets.h"
 #include "tests/support/ProcessUsage.h"
+#include "tests/support/Sanitizer.h"
 
 using namespace kvx::test;
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kMeasuresMemory = false;  // the checker's own memory is no measure
-#else
-constexpr bool kMeasuresMemory = true;
-#endif
 
 constexpr int kQueriesAtOnce = 200;
 constexpr int kMostRows = 150;  // more than one packet holds
@@ -243,7 +231,7 @@ struct Soak : testing::Test {
 
     // In the order of `kMeasures`.
     Sample sample() {
-        const auto memory = [](long long bytes) { return kMeasuresMemory ? bytes : 0; };
+        const auto memory = [](long long bytes) { return kIsWatched ? 0 : bytes; };
         return {memory(static_cast<long long>(mallinfo2().uordblks)),
                 memory(residentBytes(getpid())),
                 memory(residentBytes(daemon.pid())),
@@ -297,12 +285,9 @@ struct Soak : testing::Test {
     bool resting = false;
 };
 
-struct Range {
-    long long least;
-    long long most;
-};
-
-Range rangeOf(const std::vector<Sample>& samples, std::size_t quarter, std::size_t measure) {
+// The least and the most of a measure in a quarter of the samples.
+std::pair<long long, long long> rangeOf(const std::vector<Sample>& samples, std::size_t quarter,
+                                        std::size_t measure) {
     const std::size_t length = samples.size() / 4;
     const auto part = std::span(samples).subspan(quarter * length, length);
     const auto value = [measure](const Sample& sample) { return sample[measure]; };
@@ -316,21 +301,18 @@ TEST_F(Soak, NothingGrows) {
     const auto length = soakTime();
     fillCaches();
     soak(std::min<std::chrono::milliseconds>(length / 4, std::chrono::seconds(30)), kLeastRounds);
-    const long long before = answers();
+    const long long answered = answers();
     const std::vector<Sample> samples = soak(length, kLeastRounds);
     std::printf("%lld queries, %lld updates, %d timers in %lld s, %zu samples\n",
-                answers() - before, updatesSeen.load(), timersFired,
+                answers() - answered, updatesSeen.load(), timersFired,
                 static_cast<long long>(length.count()), samples.size());
-    EXPECT_GT(answers(), before + kQueriesAtOnce);
+    EXPECT_GT(answers(), answered + kQueriesAtOnce);
     for (std::size_t measure = 0; measure < kMeasures.size(); ++measure) {
-        const Range second = rangeOf(samples, 1, measure);
-        const Range third = rangeOf(samples, 2, measure);
-        const Range last = rangeOf(samples, 3, measure);
+        const auto [least, before] = rangeOf(samples, 1, measure);
+        const auto [last, most] = rangeOf(samples, 3, measure);
         const auto& [name, allowed] = kMeasures[measure];
-        std::printf("%-20s %lld..%lld  %lld..%lld  %lld..%lld\n", name, second.least, second.most,
-                    third.least, third.most, last.least, last.most);
-        const auto most = static_cast<double>(second.most);
-        EXPECT_LE(static_cast<double>(last.least), most + allowed * most) << name;
+        std::printf("%-20s %lld..%lld  %lld..%lld\n", name, least, before, last, most);
+        EXPECT_LE(static_cast<double>(last), static_cast<double>(before) * (1 + allowed)) << name;
     }
     EXPECT_EQ(errors.take(), Reports{});
 }

@@ -1,13 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "tests/support/Daemon.h"
 
 namespace kvx::test {

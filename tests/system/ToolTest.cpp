@@ -1,9 +1,5 @@
 // The tool against the daemon, as a person at a shell would use it.
 
-#include <gtest/gtest.h>
-
-#include <map>
-
 #include "tests/support/Home.h"
 #include "tests/system/Installation.h"
 
@@ -45,22 +41,6 @@ TEST_F(ToolTest, TakesOptionsOverTheConfigurationFile) {
         return !listener->isRunning();
     }));
     EXPECT_EQ(listener->output(), "X - { from=\"there\"}\n");
-}
-
-TEST_F(ToolTest, TellsNonsenseFromFailure) {
-    for (const auto& [line, status] :
-         std::map<std::string, int>{{"", 2},
-                                    {" query", 2},
-                                    {" listen", 2},
-                                    {" listen A --daemon 'tcp:\"1'", 2},
-                                    {" listen A..B", 1},
-                                    {" send A..B x=1", 1},
-                                    {" request NOBODY --timeout 0.1 x=1", 1}}) {
-        const Ended ended = bus_.shell("kvx" + line);
-        EXPECT_EQ(ended.status, status) << ended.output << ended.errors;
-        EXPECT_NE(ended.errors, "");
-    }
-    EXPECT_EQ(bus_.shell("kvx --help && kvx query --help").status, 0);
 }
 
 TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {

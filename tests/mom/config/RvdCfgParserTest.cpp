@@ -1,9 +1,6 @@
 // The configuration file as the session start-up reads it: values, errors and their lines, and what
 // a parse that stops early leaves to the next one.
 
-#include <filesystem>
-#include <fstream>
-
 #include "mom/config/CVekRvdCfgParser.h"
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/OutputHook.h"

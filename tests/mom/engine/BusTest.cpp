@@ -1,8 +1,5 @@
 // Engines and clients on a real bus.
 
-#include <array>
-#include <cstring>
-
 #include "mom/engine/CVekClient.h"
 #include "mom/engine/CVekEngine.h"
 #include "tests/support/Daemon.h"
@@ -49,16 +46,6 @@ TEST_F(Bus, LosesNothingOfEightThreadsAndKeepsTheOrderOfEach) {
         engine, [&] { return received == kThreads * kPerThread; }, &CVekEngine::REDoIt));
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(next, std::vector<int>(kThreads, kPerThread));
-}
-
-TEST_F(Bus, MakesOneSenderPerSubject) {
-    CVekEngine engine(1, "grp", "NET", SERV_UNKNOWN);
-    EXPECT_EQ(engine.RRNSend("A", datum), 1);
-    const void* const sender = engine.m_senders->RTLGet("A.NET")->RPData();
-    EXPECT_EQ(engine.RRNSend("A", datum), 1);
-    EXPECT_EQ(engine.RESend("A", datum, TRUE), 1);
-    EXPECT_EQ(engine.m_senders->RTLGet("A.NET")->RPData(), sender);
-    EXPECT_EQ(engine.m_senders->RTLLength(), 1);
 }
 
 TEST_F(Bus, ARequestThatNobodyAnswersTimesOut) {

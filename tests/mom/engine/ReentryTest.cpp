@@ -3,8 +3,6 @@
 
 #include <unistd.h>
 
-#include <csignal>
-
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekInitTimedClb.h"
 #include "tests/support/Daemon.h"

@@ -1,7 +1,5 @@
 // The three ways of naming a service.
 
-#include <set>
-
 #include "mom/engine/CVekServiceToSubjectMapper.h"
 
 using Mapper = CVekServiceToSubjectMapper;

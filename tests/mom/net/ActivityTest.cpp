@@ -1,8 +1,5 @@
 // Bus objects for other threads: the request stack, its handler and the answers.
 
-#include <array>
-#include <atomic>
-
 #include "tests/support/Nets.h"
 #include "tests/support/SocketPair.h"
 

@@ -2,11 +2,7 @@
 
 #include "mom/net/CVekNet.h"
 
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <locale>
-#include <sstream>
 
 #include "mom/base/VekTrace.h"
 #include "mom/net/CVekPostInitTimedClb.h"

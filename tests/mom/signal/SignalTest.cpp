@@ -3,9 +3,6 @@
 #include <sys/prctl.h>
 
 #include <climits>
-#include <csignal>
-#include <fstream>
-#include <utility>
 
 #include "mom/net/CVekNet.h"
 #include "mom/signal/CMOMCallback.h"

@@ -1,7 +1,5 @@
 // How polls of one frequency are spread over the ticks of their period.
 
-#include <set>
-
 #include "mom/timed/CVekTimedWorkDist.h"
 #include "mom/timed/CVekTimedWorkDistBucket.h"
 #include "tests/mom/timed/Polls.h"

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <atomic>
-
 #include "foundation/foundation.h"
 #include "mom/timed/CVekTimedWork.h"
 #include "mom/timed/CVekTimedWorkMgr.h"

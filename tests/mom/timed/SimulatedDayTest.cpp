@@ -1,12 +1,6 @@
 // A day of ticks, driven by hand, with real pools: every poll runs as often as its frequency says,
 // on its tick, whatever other threads add, delete, change and suspend in between.
 
-#include <condition_variable>
-#include <map>
-#include <mutex>
-#include <random>
-#include <set>
-
 #include "tests/mom/timed/Polls.h"
 #include "tests/support/ChildProcess.h"
 

@@ -2,8 +2,6 @@
 
 #include <zlib.h>
 
-#include <random>
-
 #include "mom/transport/CVekDeflater.h"
 #include "mom/transport/CVekInflater.h"
 #include "tests/support/ErrorRecorder.h"

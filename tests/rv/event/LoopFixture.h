@@ -1,12 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "platform/Clock.h"
 #include "platform/Socket.h"
 #include "rv/event/rvevm.h"

@@ -1,9 +1,5 @@
 #include "rv/event/TimerQueue.h"
 
-#include <limits>
-#include <map>
-#include <random>
-
 #include "tests/rv/event/LoopFixture.h"
 
 using namespace kvx::event;

@@ -5,16 +5,6 @@
 // stood still never takes the lead from one that did not. Not for a millisecond are more active and
 // fresh, and one that stays best and active is fresh by then.
 
-#include <gtest/gtest.h>
-
-#include <deque>
-#include <map>
-#include <memory>
-#include <random>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "rv/ft/Election.h"
 
 using kvx::ft::Beat;

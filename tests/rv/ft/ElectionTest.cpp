@@ -2,13 +2,6 @@
 
 #include "rv/ft/Election.h"
 
-#include <gtest/gtest.h>
-
-#include <map>
-#include <optional>
-#include <sstream>
-#include <string>
-
 namespace kvx::ft {
 namespace {
 

@@ -2,11 +2,6 @@
 
 #include "rv/ft/GroupMessage.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "rv/message/rvmsg.h"
 
 using kvx::ft::Beat;

@@ -1,13 +1,5 @@
 // Groups over a real daemon, with intervals short enough to watch.
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
 #include "rv/ft/rvft.h"
 #include "rv/message/rvmsg.h"
 #include "rv/session/rvSessionHooks.h"

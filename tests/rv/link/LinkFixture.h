@@ -1,12 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "rv/event/rvevm.h"
 #include "rv/link/ipq.h"
 #include "rv/wire/Negotiation.h"

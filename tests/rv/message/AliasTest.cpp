@@ -1,8 +1,6 @@
 // Arguments that live inside what an operation changes, frees or moves: each operation, each
 // argument, with room to spare and without. Meant to be run under the address sanitizer.
 
-#include <cstring>
-
 #include "Bytes.h"
 #include "rv/error/rvAdvisory.h"
 #include "rv/message/RvMsgIterator.h"

@@ -1,12 +1,5 @@
 #pragma once
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "rv/message/rvmsg.h"
 
 using Bytes = std::vector<std::uint8_t>;

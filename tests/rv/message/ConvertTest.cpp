@@ -1,8 +1,6 @@
 // Conversions of decoded values, the deliberate oddities included.
 
-#include <cstring>
 #include <ctime>
-#include <limits>
 
 #include "Bytes.h"
 

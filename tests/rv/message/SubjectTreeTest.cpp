@@ -3,7 +3,6 @@
 #include "rv/message/SubjectTree.h"
 
 #include <list>
-#include <random>
 
 #include "tests/support/FailingNew.h"
 
@@ -54,32 +53,19 @@ class SubjectTreeTest : public testing::Test {
     std::list<Listener> listeners_;
 };
 
-// What the rules say, one element after the other.
-bool matches(const std::string& pattern, const std::string& text) {
-    const auto pattern_end = pattern.find('.');
-    const auto text_end = text.find('.');
-    const std::string element = pattern.substr(0, pattern_end);
-    if (element == ">" && pattern_end == std::string::npos) return true;
-    if (element != "*" && element != text.substr(0, text_end)) return false;
-    if (pattern_end == std::string::npos || text_end == std::string::npos) {
-        return pattern_end == text_end;
-    }
-    return matches(pattern.substr(pattern_end + 1), text.substr(text_end + 1));
-}
-
-// Whether every subject of `pattern` is one of `text`.
-bool covers(const std::string& text, const std::string& pattern) {
-    const auto text_end = text.find('.');
-    const auto pattern_end = pattern.find('.');
-    const std::string element = text.substr(0, text_end);
-    const std::string other = pattern.substr(0, pattern_end);
-    if (element == ">" && text_end == std::string::npos) return true;
-    if (other == ">" && pattern_end == std::string::npos) return false;
+// What the rules say, one element after the other: whether `wide` matches `narrow`, or, when that
+// is a pattern, every subject that `narrow` matches.
+bool matches(const std::string& wide, const std::string& narrow, bool isPattern) {
+    const auto wide_end = wide.find('.');
+    const auto narrow_end = narrow.find('.');
+    const std::string element = wide.substr(0, wide_end);
+    const std::string other = narrow.substr(0, narrow_end);
+    const bool isLast = wide_end == std::string::npos || narrow_end == std::string::npos;
+    if (element == ">" && wide_end == std::string::npos) return true;
+    if (isPattern && other == ">" && narrow_end == std::string::npos) return false;
     if (element != "*" && element != other) return false;
-    if (text_end == std::string::npos || pattern_end == std::string::npos) {
-        return text_end == pattern_end;
-    }
-    return covers(text.substr(text_end + 1), pattern.substr(pattern_end + 1));
+    if (isLast) return wide_end == narrow_end;
+    return matches(wide.substr(wide_end + 1), narrow.substr(narrow_end + 1), isPattern);
 }
 
 }  // namespace
@@ -212,7 +198,7 @@ class RandomListeners : public SubjectTreeTest {
         const bool isPattern = how == kvx::SubjectMatch::kCovered;
         for (Listener* listener : present_) {
             const std::string& pattern = listener->pattern;
-            if (isPattern ? covers(text, pattern) : matches(pattern, text))
+            if (isPattern ? matches(text, pattern, true) : matches(pattern, text, false))
                 due_.push_back(listener);
         }
     }

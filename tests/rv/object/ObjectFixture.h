@@ -1,11 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <memory>
-#include <string>
-
 #include "rv/message/RvDatum.h"
 #include "rv/object/RvDatumFilter.h"
 #include "rv/object/RvIO.h"

@@ -1,7 +1,5 @@
 // Sessions that speak to one another through a real daemon.
 
-#include <atomic>
-
 #include "tests/rv/session/SessionFixture.h"
 #include "tests/support/Daemon.h"
 
@@ -87,82 +85,42 @@ TEST_F(Bus, LargeMessagesAndTheQueuePropertiesOfALivingConnection) {
     EXPECT_EQ(messages, 0U);
 }
 
-class Restart : public Bus {
-  protected:
-    void SetUp() override {
-        session_ = open(daemon_.text());
-        listen(session_, one_, "LOAD.1");
-        listen(session_, two_, "LOAD.*");
-        listen(session_, advisories_, "_RV.>");
-        inboxName_ = createInbox(session_, inbox_);
-        rv_AddHook(
-            session_, RV_HOOK_RECONNECT,
-            [](rv_Session, const void*, void* count) { return ++*static_cast<int*>(count); },
-            &reconnects_);
-    }
-    void startLoad() {
-        const auto send20 = [](void* owner, void* name, int, void*) {
-            auto self = static_cast<rv_Session>(owner);
-            for (int i = 0; i < 20; ++i) send(self, "LOAD.1", "load");
-            send(self, static_cast<std::string*>(name)->c_str(), "to the inbox");
-        };
-        rvevm_Id load = nullptr;
-        ASSERT_EQ(rv_AddRepeatTimer(session_, &load, 1, send20, &inboxName_), 0);
-    }
-    void runUntilEverybodyHears() {
-        one_.heard.clear();
-        two_.heard.clear();
-        inbox_.heard.clear();
-        runUntil([&] {
-            return one_.heard.size() > 100 && two_.heard.size() > 100 && !inbox_.heard.empty();
-        });
-    }
-
-    rv_Session session_ = nullptr;
-    Listening one_, two_, inbox_, advisories_;
-    std::string inboxName_;
-    int reconnects_ = 0;
-};
-
-TEST_F(Restart, AKilledDaemonComesBackUnderLoadWithEverySubscription) {
-    startLoad();
-    runUntilEverybodyHears();
-    advisories_.onHeard = [&](const Heard&) {
-        EXPECT_FALSE(rv_IsConnected(session_));
-        EXPECT_EQ(send(session_, "LOAD.1", "x"), 22);
-        daemon_.restart();
-    };
-    daemon_.kill();
-    runUntil([&] { return reconnects_ > 0; });
-    runUntilEverybodyHears();
-    EXPECT_EQ(advisories_.subjects(), Texts{"_RV.WARN.SYSTEM.RVD.DISCONNECTED"});
-    EXPECT_EQ(reconnects_, 1);
-}
-
-TEST_F(Restart, ARoundOfFailedAttemptsIsRepeatedAfterFifteenSeconds) {
+TEST_F(Bus, ARoundOfFailedAttemptsIsRepeatedAfterFifteenSecondsAndEverySubscriptionComesBack) {
     using platform::ManualClock;
     ManualClock clock(1'000'000, ManualClock::Waits::Block);
+    rv_Session session = open(daemon_.text());
+    Listening exact, pattern, inbox, advisories;
+    listen(session, exact, "LOAD.1");
+    listen(session, pattern, "LOAD.*");
+    listen(session, advisories, "_RV.>");
+    const std::string inboxName = createInbox(session, inbox);
     platform::Milliseconds lostAt = 0;
-    advisories_.onHeard = [&](const Heard&) {
+    advisories.onHeard = [&](const Heard&) {
+        EXPECT_FALSE(rv_IsConnected(session));
+        EXPECT_EQ(send(session, "LOAD.1", "x"), 22);
         lostAt = clock.now();
         clock.setWaits(ManualClock::Waits::Advance);
     };
     daemon_.kill();
     runUntil([&] { return lostAt != 0; });
     EXPECT_GE(clock.now() - lostAt, 8'000) << "four attempts";
-    EXPECT_FALSE(rv_IsConnected(session_));
+    EXPECT_FALSE(rv_IsConnected(session));
     clock.setWaits(ManualClock::Waits::Block);
     daemon_.restart();
-    rv_AddHook(
-        session_, RV_HOOK_RECONNECT,
-        [](rv_Session, const void*, void* manager) {
-            return rvevm_Stop(static_cast<rvevm_Manager>(manager));
-        },
-        manager_);
+    static int reconnects;
+    reconnects = 0;
+    const rv_Hook stop = [](rv_Session, const void*, void* manager) {
+        ++reconnects;
+        return rvevm_Stop(static_cast<rvevm_Manager>(manager));
+    };
+    rv_AddHook(session, RV_HOOK_RECONNECT, stop, manager_);
     clock.advance(15'000);
     rvevm_MainLoop(manager_);
-    EXPECT_EQ(reconnects_, 1);
-    EXPECT_EQ(advisories_.heard.size(), 1U);
+    for (const char* subject : {"LOAD.1", inboxName.c_str()}) send(session, subject, "again");
+    clock.setWaits(ManualClock::Waits::Advance);
+    for (const Listening* heard : {&exact, &pattern, &inbox}) runUntilHeard(*heard, 1);
+    EXPECT_EQ(reconnects, 1);
+    EXPECT_EQ(advisories.subjects(), Texts{"_RV.WARN.SYSTEM.RVD.DISCONNECTED"});
 }
 
 }  // namespace

@@ -1,9 +1,5 @@
 // What a session says to a daemon, and what it makes of daemons that answer otherwise.
 
-#include <deque>
-#include <filesystem>
-#include <fstream>
-
 #include "platform/Process.h"
 #include "rv/error/rvErrors.h"
 #include "tests/rv/session/SessionFixture.h"

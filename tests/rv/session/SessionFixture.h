@@ -1,14 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <memory>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "rv/message/rvmsg.h"
 #include "rv/session/rvSessionEvents.h"
 #include "rv/session/rvSessionHooks.h"

@@ -1,7 +1,5 @@
 #include "rv/wire/ControlMessage.h"
 
-#include <cstring>
-
 #include "rv/error/rvCodes.h"
 #include "tests/support/LinkEnd.h"
 

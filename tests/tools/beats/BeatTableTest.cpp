@@ -2,8 +2,6 @@
 
 #include "tools/beats/BeatTable.h"
 
-#include <gtest/gtest.h>
-
 #include "foundation/foundation.h"
 #include "mom/transport/CVekTransport.h"
 #include "tests/support/Packets.h"

@@ -1,10 +1,5 @@
 #include "tools/kvx/Changes.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <mutex>
-
 #include "tests/support/ChildProcess.h"
 #include "tests/support/ErrorRecorder.h"
 #include "tests/support/Packets.h"

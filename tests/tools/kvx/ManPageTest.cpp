@@ -1,11 +1,6 @@
 // What a program's help names, its man page and its completion name too.
 
-#include <gtest/gtest.h>
-
-#include <fstream>
-#include <iterator>
 #include <regex>
-#include <set>
 
 #include "tests/system/Installation.h"
 

@@ -1,9 +1,5 @@
 // The tool as a person at a shell drives it: what it says, where, and how it ends.
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-
 #include "tests/support/Daemon.h"
 #include "tests/system/Installation.h"
 
@@ -32,29 +28,29 @@ class ProgramTest : public ::testing::Test {
 
 TEST_F(ProgramTest, FailsWhenItsOutputCannotBeWritten) {
     const auto model = bus_.startModel(bus_.file("devices.csv", "name\na\nb\n"));
-    for (const std::string redirection : {">/dev/full", ">&-"}) {
-        for (const std::string command :
-             {"kvx query Model 'select * from devices'",
-              "kvx query Model 'select * from devices' --json",
-              "kvx follow Model 'select * from devices'", "kvx bench --messages 9 --requests 9",
-              "kvx services --wait 0.2", "kvx services --watch", "kvx --help", "kvx --version",
-              "kvx help send",
-              "kvx request ZEMBRALIX.3.0.MODEL.QUERY.DEFAULT QryInfoOQLStr='select * from "
-              "devices'"}) {
-            const Ended ended = bus_.shell(command + " " + redirection);
-            EXPECT_EQ(ended.status, 1) << command << ended.errors;
-            EXPECT_TRUE(holds(ended.errors, "kvx: standard output: ")) << command << ended.errors;
-        }
-        for (const std::string command : {"modeld --help", "rva -help"}) {
-            const Ended ended = bus_.shell(command + " " + redirection);
-            EXPECT_EQ(ended.status, 1) << command << ended.errors;
-            EXPECT_TRUE(holds(ended.errors, "standard output: ")) << command << ended.errors;
-        }
-        for (const auto& [command, feeder] : std::vector<std::pair<std::string, std::string>>{
-                 {"kvx listen NEWS", "send NEWS x=1"}, {"kvx snoop Model", kPacket}}) {
-            const Ended ended = fed(command + " " + redirection, feeder);
-            EXPECT_EQ(ended.status, 1) << command << ended.errors;
-            EXPECT_TRUE(holds(ended.errors, "kvx: standard output: ")) << command << ended.errors;
+    // Each with what makes it write.
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"kvx query Model 'select * from devices'", ""},
+        {"kvx query Model 'select * from devices' --json", ""},
+        {"kvx follow Model 'select * from devices'", ""},
+        {"kvx bench --messages 9 --requests 9", ""},
+        {"kvx services --wait 0.2", ""},
+        {"kvx services --watch", ""},
+        {"kvx --help", ""},
+        {"kvx --version", ""},
+        {"kvx help send", ""},
+        {"kvx request ZEMBRALIX.3.0.MODEL.QUERY.DEFAULT QryInfoOQLStr='select * from devices'", ""},
+        {"modeld --help", ""},
+        {"rva -help", ""},
+        {"kvx listen NEWS", "send NEWS x=1"},
+        {"kvx snoop Model", kPacket}};
+    for (const auto& [command, feeder] : cases) {
+        for (const std::string redirection : {" >/dev/full", " >&-"}) {
+            const std::string line = command + redirection;
+            const Ended ended = feeder.empty() ? bus_.shell(line) : fed(line, feeder);
+            EXPECT_EQ(ended.status, 1) << line << ended.errors;
+            const std::string program = line.starts_with("kvx") ? "kvx: " : "";
+            EXPECT_TRUE(holds(ended.errors, program + "standard output: ")) << line << ended.errors;
         }
     }
 }
@@ -111,6 +107,8 @@ TEST_F(ProgramTest, SaysWhatIsWrongWithACommandLine) {
              {"send A --opaque x=1", "--opaque needs -"},
              {"query Model x --csv --json", "excludes"},
              {"-v", "a command is missing"},
+             {"query", "required"},
+             {"listen A --daemon 'tcp:\"1'", "--daemon"},
              {"follow Model x --domain A..B", "'A..B' is no domain"},
              {"send A x:" + longText + "=1", "is no field type"},
              {"send A " + longText, "is not of the form"},
@@ -169,10 +167,13 @@ TEST_F(ProgramTest, RefusesStandardInputThatCannotBeRead) {
     EXPECT_EQ(bus_.shell("printf 'a\\0b' | kvx send A - --opaque").status, 0);
 }
 
-TEST_F(ProgramTest, SendsNoReplySubjectThatNobodyCanAnswerTo) {
+TEST_F(ProgramTest, FailsWithSubjectsThatAreNoneAndWithoutAnAnswer) {
     const Ended ended = bus_.shell("kvx send A x=1 --reply B..C");
     EXPECT_EQ(ended.status, 1);
     EXPECT_TRUE(holds(ended.errors, "'B..C'")) << ended.errors;
+    for (const std::string line : {"listen A..B", "send A..B x=1", "request A --timeout 0.1 x=1"}) {
+        EXPECT_EQ(bus_.shell("kvx " + line).status, 1) << line;
+    }
     EXPECT_EQ(bus_.shell("kvx send A x=1 --reply B.C").status, 0);
 }
 
@@ -281,7 +282,7 @@ TEST_F(ProgramTest, TellsOfTheDaemonsLossAndEndsAtOnceMeanwhile) {
 }
 
 TEST_F(ProgramTest, NamesTheAddressThatItTried) {
-    for (const std::string address : {"tcp:127.0.0.1:1", "tcp:none.invalid:1", "udp:1", "-"}) {
+    for (const std::string address : {"tcp:none.invalid:1", "udp:1", "-"}) {
         const Ended ended = bus_.kvx({"query", "Model", "x", "--daemon", address});
         EXPECT_EQ(ended.status, 1);
         EXPECT_TRUE(holds(ended.errors, address)) << ended.errors;

@@ -25,39 +25,6 @@ std::string repeated(const std::string& text, int times) {
     return result;
 }
 
-TEST(Parse, ReadsEveryClause) {
-    const Query query = parsed(
-        "SELECT name, vendor FROM devices WHERE ports >= 24 and not (site = 'it''s' or load < "
-        "-1.5) "
-        "ORDER BY vendor DESC, name LIMIT 10;");
-    ASSERT_EQ(query.fields.size(), 2U);
-    EXPECT_EQ(query.fields[1].text, "vendor");
-    EXPECT_EQ(query.fields[1].position, 14U);
-    EXPECT_EQ(query.table.text, "devices");
-    ASSERT_EQ(query.order.size(), 2U);
-    EXPECT_TRUE(query.order[0].descending);
-    EXPECT_FALSE(query.order[1].descending);
-    EXPECT_EQ(query.limit, 10);
-
-    const auto& all = std::get<All>(query.where->node);
-    ASSERT_EQ(all.operands.size(), 2U);
-    const auto& ports = std::get<Compare>(all.operands[0]->node);
-    EXPECT_EQ(ports.operation, Comparison::GreaterOrEqual);
-    EXPECT_EQ(std::get<std::int64_t>(ports.value), 24);
-    const auto& either = std::get<Any>(std::get<Not>(all.operands[1]->node).operand->node);
-    EXPECT_EQ(std::get<std::string>(std::get<Compare>(either.operands[0]->node).value), "it's");
-    EXPECT_EQ(std::get<double>(std::get<Compare>(either.operands[1]->node).value), -1.5);
-}
-
-TEST(Parse, BindsAndTighterThanOrAndKeepsChainsFlat) {
-    const Query query = parsed("select * from t where a = 1 or b = 2 and c = 3 or d is not null");
-    EXPECT_TRUE(query.fields.empty());
-    const auto& any = std::get<Any>(query.where->node);
-    ASSERT_EQ(any.operands.size(), 3U);
-    EXPECT_EQ(std::get<All>(any.operands[1]->node).operands.size(), 2U);
-    EXPECT_EQ(std::get<Compare>(any.operands[2]->node).operation, Comparison::NotEqual);
-}
-
 TEST(Parse, TakesQuotedNamesWhereNamesStand) {
     const Query query = parsed(
         R"(select "order", Größe, "a ""b""" from "from" where "limit" = "limit" order by "by" desc)");

@@ -1,8 +1,5 @@
 #include "examples/modeld/store/Store.h"
 
-#include <filesystem>
-#include <fstream>
-
 #include "examples/modeld/oql/Parse.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -127,7 +124,8 @@ TEST_F(StoreTest, NamesTheDatabaseAndTheReason) {
 }
 
 TEST_F(StoreTest, KeepsHeadingsOfAnyScriptAndRefusesWhatIsNoText) {
-    load("Gerät,Order,Größe (cm),名前\nx,7,2,y\n");
+    load("Gerät,Order,Größe (cm),名前\nx,7,2,y\nit's,7,2,z\n");
+    EXPECT_EQ(answer("select 名前 from devices where gerät = 'it''s'"), "z;");
     EXPECT_EQ(answer(R"(select 名前, "Order", größe__cm_ from devices where gerät = "x")"),
               "y,7,2;");
     const std::string file = directory_.file("data.csv");
@@ -164,7 +162,13 @@ TEST_F(StoreTest, AnswersQueriesOverWhatItLoaded) {
              {"where port_count is null or serial = '0018' limit 5",
               "edge, \"north\",24,0018;edge-2,-,-;"},
              {"where not (name like '%2' or port_count <= 24)", "core-1,48,0017;"},
-             {"where name = 'x'' or 1=1 --'", ""}}) {
+             {"where name = 'x'' or 1=1 --'", ""},
+             {"where port_count = 48 or port_count = 24 and serial = 'x'", "core-1,48,0017;"},
+             {"where port_count > -30.5 and port_count < 24.5", "edge, \"north\",24,0018;"},
+             {"where port_count <> 7 order by port_count desc, name;",
+              "core-1,48,0017;edge, \"north\",24,0018;"},
+             {"where serial is not null order by serial desc limit 1",
+              "edge, \"north\",24,0018;"}}) {
         EXPECT_EQ(answer(std::string("select * from devices ") + rest), rows) << rest;
     }
     EXPECT_EQ(answer("select SERIAL, name from devices limit 1"), "0017,core-1;");
