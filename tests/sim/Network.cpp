@@ -81,6 +81,18 @@ void Network::listen(bool on) {
     backlog_.clear();
 }
 
+bool Network::hasBacklog() const {
+    if (backlog_.empty()) return false;
+    const Link& next = *backlog_.front();
+    bool mayComeBack = true;
+    eachLink([&](const Link& old) {
+        const bool isLost = old.client == next.client && old.number < next.number && old.up.reset;
+        const bool mayFollow = daemonIsBehind || !old.up.bytes.empty();
+        if (isLost && mayFollow && !old.up.readerGone) mayComeBack = false;
+    });
+    return mayComeBack;
+}
+
 SocketHandle Network::accept() {
     const SocketHandle handle = open();
     at(handle).link = std::move(backlog_.front());

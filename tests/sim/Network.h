@@ -54,7 +54,9 @@ class Network {
 
     // The daemon's end.
     void listen(bool on);
-    [[nodiscard]] bool hasBacklog() const { return !backlog_.empty(); }
+    /// Whether `accept` has one. Who has lost a connection comes back when the daemon has processed
+    /// what came by the lost one, whose messages nobody can order with the later ones.
+    [[nodiscard]] bool hasBacklog() const;
     SocketHandle accept();
 
     /// The number of the link with that port at the client's end.
@@ -79,6 +81,7 @@ class Network {
     [[nodiscard]] std::uint64_t moved() const { return moved_; }
 
     std::set<unsigned> oldClients;  ///< whose connections are old
+    bool daemonIsBehind = false;    ///< it has read more than it has processed
     std::size_t capacity = 4096;    ///< of the pipes of connections made from now on
 
   private:

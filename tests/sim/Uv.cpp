@@ -191,9 +191,9 @@ void prepare() {
         const Charge daemon(daemonAccount);
         r->prepare(reinterpret_cast<uv_prepare_t*>(r->handle));
     }
-    const bool isBehind =
-        std::ranges::any_of(records, [](const auto& r) { return r->idle != nullptr; });
-    if (isBehind) return;
+    const auto worksOn = [](const auto& r) { return r->idle != nullptr; };
+    world->network.daemonIsBehind = std::ranges::any_of(records, worksOn);
+    if (world->network.daemonIsBehind) return;
     world->ledger.daemonHasCaughtUp();
     for (const auto& r : records) {
         if (r->socket == platform::kNoSocket || r->shutdown != nullptr) continue;
