@@ -35,6 +35,7 @@ std::string linkName(unsigned link) {
 }
 
 bool matches(const std::string& pattern, const std::string& subject) {
+    if (pattern[0] != subject[0] && pattern[0] != '*' && pattern[0] != '>') return false;
     if (pattern.starts_with("_INBOX") != subject.starts_with("_INBOX")) return false;
     std::size_t p = 0;
     std::size_t s = 0;
