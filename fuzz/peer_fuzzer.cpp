@@ -89,7 +89,8 @@ class House : public PeerActions {
         batch_.push_back(message);
         Router::Match match(router_, session(), subject);
         while (!match.isDone()) {
-            for (Receiver* found : match.advance(subject, 1 + ++turns_ % 4)) found->deliver(message);
+            for (Receiver* found : match.advance(subject, 1 + ++turns_ % 4))
+                found->deliver(message);
         }
     }
     bool mayGoOn() override { return ++turns_ % 4 != 0; }

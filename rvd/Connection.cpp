@@ -297,14 +297,14 @@ void Connection::endIfDone() {
 // Until the socket takes no more, or long enough.
 void Connection::writeWaiting(bool isOwnTurn) {
     if (state_ >= State::Failed) return;
+    const bool isBrief = !isOwnTurn && context_.line.isCrowded();
+    const std::size_t most = isBrief ? kWriteForOthers : kWriteAtOnce;
     std::size_t written = 0;
     while (writingBytes_ == 0 && !outbox_.empty()) {
-        const std::size_t some = writeSome(isOwnTurn ? kWriteAtOnce : kWriteForOthers);
+        const std::size_t some = writeSome(most);
         written += some;
         if (some == 0) return;
-        if (isOwnTurn ? context_.line.isOver(Line::kStepsPerLook) : written >= kWriteForOthers) {
-            return;
-        }
+        if (isOwnTurn ? context_.line.isOver(Line::kStepsPerLook) : written >= most) return;
     }
 }
 
@@ -525,9 +525,19 @@ void Connection::cancel(SubjectView subject) {
 void Connection::publish(SubjectView subject, const PayloadRef& message) {
     if (session_ == nullptr) return;
     context_.batch.hold(message);
+    if (const auto known = context_.router.lastMatch(*session_, subject)) {
+        handOn(message, *known);
+        if (known->empty()) context_.counters.add(Counter::MessagesUnmatched);
+        return;
+    }
     routing_.emplace(context_.router, *session_, subject, message);
     route();
     if (routing_) message->chargeTo(context_.account);
+}
+
+void Connection::handOn(const PayloadRef& message, std::span<Receiver* const> receivers) {
+    for (Receiver* receiver : receivers) receiver->deliver(message);
+    (void)context_.line.isOver(receivers.size());
 }
 
 // Until the message has reached everybody or the turn is over.
@@ -537,10 +547,9 @@ void Connection::route() {
     bool isOver = false;
     while (!isOver) {
         const auto found = routing_->match.advance(routing_->subject(), context_.stepsAtOnce);
-        for (Receiver* receiver : found) receiver->deliver(routing_->message);
+        handOn(routing_->message, found);
         if (routing_->match.isDone()) {
             if (!routing_->match.hasFound()) context_.counters.add(Counter::MessagesUnmatched);
-            (void)context_.line.isOver(found.size());
             break;
         }
         isOver = context_.line.isOver(Line::kStepsPerLook);

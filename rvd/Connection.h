@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -51,7 +52,7 @@ class Connection final : private MemoryHolder,
                          public BatchMember,
                          private Worker {
   public:
-    /// Bytes written by one system call, and in the turn of another connection.
+    /// Bytes written by one system call, and by one in the turn of another connection among many.
     static constexpr std::size_t kWriteAtOnce = 256 * 1024;
     static constexpr std::size_t kWriteForOthers = 64 * 1024;
     /// Time limit for writing the queue of a closing connection.
@@ -138,6 +139,7 @@ class Connection final : private MemoryHolder,
     void trim();
     void takeBytes();
     void route();
+    void handOn(const PayloadRef& message, std::span<Receiver* const> receivers);
     [[nodiscard]] bool hasMuch() const;
     void keepRest();
     void endBatch();

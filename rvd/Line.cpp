@@ -29,8 +29,14 @@ void Line::come(Worker& worker) {
     ++cameNow_;
     const Nanoseconds now = clock_();
     addCredit(worker, now);
-    if (worker.credit_ < kEnough) return join(worker);
-    slice(worker, std::min(worker.credit_, share()));
+    const bool isAlone = waiting_.empty() && std::max(cameNow_, cameLast_) <= 1;
+    if (isAlone) {
+        slice(worker, share());
+    } else if (worker.credit_ >= kEnough) {
+        slice(worker, std::min(worker.credit_, share()));
+    } else {
+        join(worker);
+    }
 }
 
 void Line::join(Worker& worker) {

@@ -43,7 +43,7 @@ class Line {
     /// Slices of those who want to work at the same time add up to `kRound`, within these bounds.
     static constexpr Nanoseconds kRound = 2'000'000;
     static constexpr Nanoseconds kShortest = 20'000;
-    static constexpr Nanoseconds kLongest = 500'000;
+    static constexpr Nanoseconds kLongest = 1'000'000;
     /// Who uses less than one part in so many of all time need not wait in the line, also when it
     /// comes in bursts: it may have `kBurst` to its credit, and needs `kEnough`.
     static constexpr Nanoseconds kSpareParts = 20;
@@ -65,7 +65,8 @@ class Line {
     Line(const Line&) = delete;
     Line& operator=(const Line&) = delete;
 
-    /// Has `worker` work at once, unless it waits in the line or has used too much: then it joins.
+    /// Has `worker` work at once, unless it waits in the line or, beside others, has used too much:
+    /// then it joins.
     void come(Worker& worker);
 
     /// Waits for the next slice, behind all others. Once is enough.

@@ -15,6 +15,7 @@
 #include "rvd/Router.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <limits>
 #include <random>
@@ -77,7 +78,9 @@ SubjectMatch matchFor(SubjectView subject) {
 
 }  // namespace
 
-Router::Router(Counters& counters) : counters_(counters) {}
+Router::Router(Counters& counters) : counters_(counters) {
+    lastSubject_.reserve(kMaxSubjectBytes);  // a match needs no memory for it
+}
 Router::~Router() = default;
 
 Router::Session::Session(Space& space, Receiver& receiver)
@@ -104,6 +107,7 @@ Router::Session& Router::join(std::string_view service, std::string_view network
 
 void Router::leave(Session& session) {
     Space& space = session.space_;
+    ++changes_;
     session.receiver_ = nullptr;
     counters_.subtract(Counter::ListensOpen, session.listenCount_);
     counters_.subtract(Counter::SessionsOpen);
@@ -187,6 +191,7 @@ bool Router::listen(Session& session, SubjectView subject) {
         const Place place = placeFor(session, subject);
         place.listens.makeRoom();
         place.listens.insert({place.tree.add(subject, &session), 1});
+        ++changes_;
         session.listenBytes_ += listenCost(subject);
         if (&place.listens == &session.listens_ && subject.hasWildcards()) ++session.patterns_;
     } else if (known->number == std::numeric_limits<std::uint32_t>::max()) {
@@ -208,9 +213,20 @@ void Router::cancel(Session& session, SubjectView subject) {
         --place.listen->number;
         return;
     }
+    ++changes_;
     session.listenBytes_ -= listenCost(subject);
     if (&place.listens == &session.listens_ && subject.hasWildcards()) --session.patterns_;
     undo(session, place);
+}
+
+std::optional<std::span<Receiver* const>> Router::lastMatch(const Session& from,
+                                                            SubjectView subject) const {
+    const std::size_t length = subject.length();
+    const bool isKnown = lastSpace_ == &from.space_ && lastChanges_ == changes_ &&
+                         lastSubject_.size() == length &&
+                         std::memcmp(lastSubject_.data(), subject.data(), length) == 0;
+    if (!isKnown) return std::nullopt;
+    return found_;
 }
 
 // A place in the tree of one session.
@@ -244,13 +260,21 @@ std::size_t Router::Match::memory() const {
 std::span<Receiver* const> Router::Match::advance(SubjectView subject, std::size_t steps) {
     auto& found = router_.found_;
     found.clear();
+    router_.lastSpace_ = nullptr;
     const bool isThrough =
         shared_.advance(subject, steps, [this](Session& session) { find(session); });
     if (isThrough) searchOwn(subject, steps);
     hasFound_ = hasFound_ || !found.empty();
-    if (isFirstTurn_ && !isDone_) seen_.insert(found.begin(), found.end());
+    if (isFirstTurn_) isDone_ ? remember(subject) : seen_.insert(found.begin(), found.end());
     isFirstTurn_ = false;
     return found;
+}
+
+void Router::Match::remember(SubjectView subject) {
+    const auto* const bytes = static_cast<const std::uint8_t*>(subject.data());
+    router_.lastSubject_.assign(bytes, bytes + subject.length());
+    router_.lastSpace_ = &space_;
+    router_.lastChanges_ = router_.changes_;
 }
 
 void Router::Match::find(Session& session) {

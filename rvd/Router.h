@@ -4,6 +4,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -73,6 +74,12 @@ class Router {
     /// Undoes one listen; one that was never made is ignored.
     void cancel(Session& session, SubjectView subject);
 
+    /// The result of the last match of one turn, if it was that of a message of the same space on
+    /// the same subject, and nobody has come, gone or listened since: one sender's messages come
+    /// many at a time. Nothing otherwise. Valid until the next call of any function.
+    [[nodiscard]] std::optional<std::span<Receiver* const>> lastMatch(const Session& from,
+                                                                      SubjectView subject) const;
+
     [[nodiscard]] std::size_t spaces() const { return spaces_.size(); }
 
   private:
@@ -102,7 +109,12 @@ class Router {
     std::map<SpaceName, std::unique_ptr<Space>> spaces_;
     Sessions left_;  // sessions that have left, and still have listens
     std::size_t orphanedBytes_ = 0;
-    std::vector<Receiver*> found_;   // in one turn of a match
+    std::vector<Receiver*> found_;  // in one turn of a match
+    std::uint64_t changes_ = 0;     // of what matches may find
+    // Of `lastMatch`, whose result is `found_`.
+    const Space* lastSpace_ = nullptr;  // null: none
+    std::uint64_t lastChanges_ = 0;
+    std::vector<std::uint8_t> lastSubject_;
     std::uint64_t matchNumber_ = 0;  // of the newest match
 };
 
@@ -157,6 +169,7 @@ class Router::Match {
     void find(Session& session);
     void searchOwn(SubjectView subject, std::size_t& steps);
     bool enterNext();
+    void remember(SubjectView subject);
 
     Router& router_;
     Space& space_;

@@ -44,16 +44,22 @@ class Routing : public testing::Test {
         Router::Session& from, const char* subject, std::size_t steps = 1'000'000,
         const std::function<void()>& between = [] {}) {
         const auto encoded = *Subject::fromText(subject);
+        const auto known = router.lastMatch(from, encoded);
+        const std::string expected = known ? namesOf(*known) : "";
         Router::Match match(router, from, encoded);
-        std::multiset<std::string> found;
+        std::string text;
         while (!match.isDone()) {
-            for (const auto* receiver : match.advance(encoded, steps)) {
-                found.insert(dynamic_cast<const Named&>(*receiver).name);
-            }
+            text += namesOf(match.advance(encoded, steps));
             between();
         }
+        std::ranges::sort(text);
+        EXPECT_TRUE(!known || expected == text) << "the last match of " << subject;
+        return text;
+    }
+    static std::string namesOf(std::span<Receiver* const> receivers) {
         std::string text;
-        for (const auto& name : found) text += name;
+        for (const auto* receiver : receivers) text += dynamic_cast<const Named&>(*receiver).name;
+        std::ranges::sort(text);
         return text;
     }
 
@@ -69,6 +75,22 @@ TEST_F(Routing, ReachesEachListenerOnceItselfIncluded) {
     EXPECT_EQ(reached(b, "X.Z"), "a");
     EXPECT_EQ(reached(b, "Z"), "a");
     EXPECT_EQ(reached(b, "*.Y"), "ab") << "a pattern reaches what it covers";
+    const auto isKnown = [&](Router::Session& from) {
+        return router.lastMatch(from, *Subject::fromText("*.Y")).has_value();
+    };
+    EXPECT_TRUE(isKnown(a));
+    EXPECT_FALSE(isKnown(joinSpace("c", "1", "")));
+    listen(b, "X.Y");
+    EXPECT_TRUE(isKnown(a)) << "it was listened to";
+    cancel(b, "X.Y");
+    cancel(b, "X.Y");
+    EXPECT_FALSE(isKnown(a));
+    EXPECT_EQ(reached(b, "*.Y"), "a");
+    listen(b, "X.Y");
+    EXPECT_EQ(reached(b, "*.Y"), "ab");
+    EXPECT_TRUE(isKnown(b));
+    router.leave(b);
+    EXPECT_FALSE(isKnown(a));
 }
 
 TEST_F(Routing, StaysInsideASpace) {
