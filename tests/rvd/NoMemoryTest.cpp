@@ -27,6 +27,7 @@ class ServedHere {
         rvd::Options options;
         options.listenAddress = platform::kLoopbackAddress;
         options.queueLimit = 2'000;
+        options.stepsAtOnce = 1;
         server_ = std::make_unique<rvd::Server>(options, rvd::Log());
         if (!server_->start()) throw std::runtime_error("cannot listen");
         const std::string& text = server_->address();
@@ -73,6 +74,7 @@ void playScript(std::uint16_t port) try {
     RawClient sender = RawClient::session(port, "", "", wire::kProtocolV3);
     slow.listen("A.*.A_LONGER_ELEMENT_THAN_FITS");
     slow.listen("B");
+    sender.listen("B");
     sync(slow);
     for (int i = 0; i < 40; ++i) sender.publish("B", std::string(60, 'x'));
     sender.publish("B", std::string(1'500, 'x'));

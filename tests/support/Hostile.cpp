@@ -60,8 +60,8 @@ Script listensAndCancels() {
 
 Script manyPatterns() {
     Script script;
-    for (int i = 0; i < kPatterns; ++i) addListen(script.begin, numbered("*.*.*.H", i) + ".>");
-    addData(script.again, ">", 10);
+    for (int i = 0; i < kPatterns; ++i) addListen(script.begin, numbered("HOSTILE.*.*.H", i) + ".>");
+    addData(script.again, "HOSTILE.>", 10);
     return script;
 }
 
@@ -209,7 +209,7 @@ struct Kind {
 const std::vector<Kind>& kinds() {
     static const std::vector<Kind> all = {
         {{"cancels", "listens and cancels in a loop"}, listensAndCancels},
-        {{"patterns", "32,768 wildcard listens, and messages on >"}, manyPatterns},
+        {{"patterns", "32,768 wildcard listens, and messages that cover them all"}, manyPatterns},
         {{"branching", "patterns that share every prefix, and messages that fit all but the end"},
          branching},
         {{"floods", "messages to all who listen to everything, itself too"},
