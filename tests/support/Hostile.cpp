@@ -60,7 +60,8 @@ Script listensAndCancels() {
 
 Script manyPatterns() {
     Script script;
-    for (int i = 0; i < kPatterns; ++i) addListen(script.begin, numbered("HOSTILE.*.*.H", i) + ".>");
+    for (int i = 0; i < kPatterns; ++i)
+        addListen(script.begin, numbered("HOSTILE.*.*.H", i) + ".>");
     addData(script.again, "HOSTILE.>", 10);
     return script;
 }
