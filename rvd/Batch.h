@@ -47,6 +47,9 @@ class Batch {
     /// Adds a member with output. Needs no memory.
     void add(BatchMember& member) noexcept;
 
+    /// Whether the member will be flushed.
+    [[nodiscard]] static bool has(const BatchMember& member) { return member.inBatch_; }
+
     /// Copies the messages routed so far that are still queued, so that the batch may go on with
     /// the next read. Ends it when the limit of memory is passed.
     void goOn() noexcept;

@@ -224,9 +224,8 @@ void Connection::work() {
     // Else the batch ends after the turns of all in the line: what is routed lies in `rest_`.
     if (rest_.empty()) endBatch();
     if (state_ >= State::Failed) return;
-    const bool hasMore =
-        isTrimming_ || !arrived_.empty() || routing_ || (writingBytes_ == 0 && !outbox_.empty());
-    if (hasMore) return context_.line.join(*this);
+    const bool mayWrite = writingBytes_ == 0 && !outbox_.empty() && !Batch::has(*this);
+    if (isTrimming_ || !arrived_.empty() || routing_ || mayWrite) return context_.line.join(*this);
     endIfDone();
     if (state_ < State::Failed && !isReading_ && !startReading()) fail(UV_ENOMEM);
 }

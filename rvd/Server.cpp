@@ -8,6 +8,7 @@
 #include <bit>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "platform/Memory.h"
 #include "platform/Process.h"
@@ -22,6 +23,7 @@ constexpr std::uint64_t kTickMs = 1'000;
 constexpr std::uint64_t kSoonMs = 50;                  // while the daemon ends, and without memory
 constexpr platform::Milliseconds kCrowdedMs = 60'000;  // between two lines of the log
 constexpr std::size_t kSpareDescriptors = 8;  // one to turn a newcomer away with, and files
+constexpr unsigned kAcceptedAtOnce = 16;      // connections, in one turn of the loop
 constexpr std::size_t kListensAtOnce = 64;    // undone between two looks at the clock
 
 // All sessions together may hold half of what the process may use, 1 GiB if that is unknown.
@@ -144,15 +146,20 @@ int Server::run() {
     return 0;
 }
 
+// libuv goes on only when a connection is accepted.
 void Server::onConnection(int status) {
+    if (status == 0 && acceptedNow_ == kAcceptedAtOnce) {
+        isNextWaiting_ = true;
+        return;
+    }
     try {
         if (status == 0) {
+            ++acceptedNow_;
             acceptNext();
         } else {
             warnCrowded(std::string("cannot accept: ") + uv_strerror(status));
         }
     } catch (const std::bad_alloc&) {
-        // libuv goes on only when it is accepted.
         isNewcomerWaiting_ = status == 0;
         startTick(kSoonMs);
     }
@@ -219,13 +226,17 @@ void Server::onClosed(const Connection& connection) {
 void Server::onTurn() {
     batch_.end();
     line_.nextTurn();
-    if (line_.empty() && !hasToClearUp()) {
+    acceptedNow_ = 0;
+    if (line_.empty() && !hasToClearUp() && !isNextWaiting_) {
         uv_idle_stop(&goOn_);
     } else {
         uv_idle_start(&goOn_, [](uv_idle_t* idle) {
             Server& server = *serverOf(idle->data);
             server.line_.run();
             if (server.hasToClearUp()) server.line_.serve(server.cleaner_);
+            if (std::exchange(server.isNextWaiting_, false) && !server.stopping_) {
+                server.onConnection(0);
+            }
             server.batch_.end();
         });
     }

@@ -96,6 +96,8 @@ class Server {
     std::size_t mostOpen_ = 0;                          // for which there are descriptors
     std::optional<platform::Milliseconds> crowdedAt_;   // when the log last said so
     bool isNewcomerWaiting_ = false;         // there was no memory to accept a connection
+    unsigned acceptedNow_ = 0;               // connections, in the present turn
+    bool isNextWaiting_ = false;             // for the next turn
     platform::Milliseconds returnedAt_ = 0;  // when freed memory was returned to the system
     bool stopping_ = false;
     platform::Milliseconds stopBy_ = 0;
