@@ -281,7 +281,7 @@ void Connection::flush() {
     }
     if (state_ == State::Failed) return destroy();
     if (state_ == State::Closed || Line::isWaiting(*this)) return;
-    writeWaiting(false);
+    if (!context_.line.hasWrittenMuch()) writeWaiting(false);
     if (state_ == State::Failed) return destroy();
     if (writingBytes_ == 0 && !outbox_.empty()) return context_.line.join(*this);
     endIfDone();
@@ -302,6 +302,7 @@ void Connection::writeWaiting(bool isOwnTurn) {
     while (writingBytes_ == 0 && !outbox_.empty()) {
         const std::size_t some = writeSome(most);
         written += some;
+        if (!isOwnTurn) context_.line.wrote(some);
         if (some == 0) return;
         if (isOwnTurn ? context_.line.isOver(Line::kStepsPerLook) : written >= most) return;
     }
@@ -510,7 +511,9 @@ bool Connection::isIn(std::string_view service, std::string_view network) {
 
 bool Connection::listen(SubjectView subject) {
     if (session_ == nullptr) return true;
-    if (!context_.router.listen(*session_, subject)) return false;
+    const bool isListening = context_.router.listen(*session_, subject);
+    context_.account.setOrphaned(context_.router.orphanedBytes());  // it undoes some
+    if (!isListening) return false;
     setCharge(Holding::Listens, session_->listenBytes());
     return true;
 }

@@ -16,6 +16,7 @@ Nanoseconds Line::share() const {
 
 void Line::nextTurn() {
     ++turn_;
+    wrote_ = 0;
     cameLast_ = std::exchange(cameNow_, 0);
 }
 

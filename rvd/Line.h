@@ -95,11 +95,19 @@ class Line {
     [[nodiscard]] bool isCrowded() const {
         return waiting_.size() + std::max(cameNow_, cameLast_) > kFew;
     }
+    /// Bytes were written in the turn of another. Past `kWrittenAtOnce` in one turn of the loop who
+    /// has something to write does so in its own turn: else a message to very many would hold up
+    /// everybody until it is written to all.
+    void wrote(std::size_t bytes) { wrote_ += kWriteCost + bytes; }
+    [[nodiscard]] bool hasWrittenMuch() const { return wrote_ >= kWrittenAtOnce; }
+
     [[nodiscard]] static bool isWaiting(const Worker& worker) { return worker.isWaiting_; }
     [[nodiscard]] bool empty() const { return waiting_.empty(); }
 
   private:
     static constexpr std::size_t kFew = 4;
+    static constexpr std::size_t kWriteCost = 16 * 1024;  // of a system call, in bytes
+    static constexpr std::size_t kWrittenAtOnce = 8 * 1024 * 1024;
 
     Nanoseconds slice(Worker& worker, Nanoseconds length);
     static void addCredit(Worker& worker, Nanoseconds now);
@@ -112,6 +120,7 @@ class Line {
     std::uint64_t turn_ = 1;
     std::size_t cameNow_ = 0;  // workers that came in the present turn
     std::size_t cameLast_ = 0;
+    std::size_t wrote_ = 0;  // in the present turn
 
     // Of the present slice.
     Worker* working_ = nullptr;
