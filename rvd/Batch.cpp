@@ -1,7 +1,7 @@
-// The end of a batch: flush every member that has output, until none is left (a flush
-// may add members), then copy each routed message that a queue still holds, since the next read
-// overwrites the buffer that it borrows. Then, with nothing being routed, the largest holders of
-// memory pay for what is above the limit; what they still have to say is written at once.
+// The end of a batch: flush every member that has output, until none is left (a flush may add
+// members), then copy each routed message that a queue still holds, since the next read overwrites
+// the buffer that it borrows. Then, with nothing being routed, the largest holders of memory pay
+// for what is above the limit; what they still have to say is written at once.
 //
 // Nothing throws here: libuv's callbacks end the batch last.
 

@@ -42,6 +42,9 @@ constexpr std::size_t kNameLength = 128;  // characters of a session's name in t
 // the containers' part.
 constexpr std::size_t kConnectionCost = sizeof(Connection) + sizeof(Peer) + 1'024;
 
+static_assert(Router::kMaxListens == 262'144 && Router::kMaxSteps == 1'024,
+              "closeText and causeText name them");
+
 uv_buf_t asBuffer(wire::Bytes bytes) {
     auto* base = const_cast<char*>(reinterpret_cast<const char*>(bytes.data()));
     return uv_buf_init(base, static_cast<unsigned>(bytes.size()));

@@ -15,7 +15,6 @@ enum class LossCause : std::uint8_t {
     Listens = 16     ///< it has made more listens than one session may
 };
 
-/// With the number that is `Router::kMaxListens`.
 inline constexpr const char* kTooManyListens = "more than 262144 listens";
 
 /// A session's loss that was not announced yet. Without messages: the end of the session.

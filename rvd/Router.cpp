@@ -129,8 +129,8 @@ bool Router::clearUp(std::size_t most) {
             undo(session, {own.tree, own.listens, own.listens.any()});
         } else {
             left_.pop_front();
-            if (--space.left == 0 && space.sessions.empty())
-                spaces_.erase(spaces_.find(space.name));
+            const bool isLast = --space.left == 0 && space.sessions.empty();
+            if (isLast) spaces_.erase(spaces_.find(space.name));
             continue;
         }
         orphanedBytes_ += session.listenBytes_;
@@ -292,17 +292,16 @@ void Router::Match::searchOwn(SubjectView subject, std::size_t& steps) {
             --steps;
             continue;
         }
-        std::size_t left = std::min(steps, own_->stepsLeft);
-        own_->stepsLeft -= left;
-        steps -= left;
+        const std::size_t given = std::min(steps, own_->stepsLeft);
+        std::size_t left = given;
         bool hasHit = false;
         const bool isThrough = own_->search.advance(subject, left, [&](Session& session) {
             find(session);
             hasHit = true;
             return false;
         });
-        own_->stepsLeft += left;
-        steps += left;
+        steps -= given - left;
+        own_->stepsLeft -= given - left;
         const bool isTooCostly = !hasHit && !isThrough && own_->stepsLeft == 0;
         Session* const owner = own_->own->session;
         if (isTooCostly && owner != nullptr && owner->receiver_ != nullptr) {

@@ -3,7 +3,6 @@
 #include <malloc.h>
 
 #include <functional>
-#include <set>
 #include <utility>
 
 #include "tests/support/FailingNew.h"
