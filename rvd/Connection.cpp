@@ -34,7 +34,9 @@ namespace {
 constexpr std::size_t kWriteSlices = 512;        // pieces per system call
 constexpr std::size_t kReadBeside = 32 * 1024;   // bytes, while many others work
 constexpr std::size_t kBytesPerStep = 4 * 1024;  // freed between looks at the clock
-constexpr Nanoseconds kDropTime = 20;            // to drop a message, as of a common machine
+// To keep a message, and bytes of it, as of a common machine.
+constexpr Nanoseconds kKeepTime = 100;
+constexpr Nanoseconds kCopiedPerNanosecond = 8;
 constexpr unsigned kLoopbackNet = 127;
 constexpr std::size_t kNameLength = 128;  // characters of a session's name in the log
 
@@ -262,18 +264,24 @@ bool Connection::mayGoOn() {
 }
 
 void Connection::deliver(const PayloadRef& message) {
-    if (outbox_.wouldDrop(message->size())) {
-        noteWritten();
-        guard([&] {
-            while (outbox_.wouldDrop(message->size()) && state_ < State::Failed &&
-                   writingBytes_ == 0 && writeSome(kWriteAtOnce) > 0) {
-            }
-        });
-    }
-    const std::size_t dropped = outbox_.pushMessage(message);
     context_.batch.add(*this);
+    if (outbox_.wouldDrop(message->size())) return deliverToFull(message);
+    outbox_.pushMessage(message);
+}
+
+// Whoever does not read pays for the room that is made, and for the copy of what waits.
+void Connection::deliverToFull(const PayloadRef& message) {
+    const Nanoseconds begin = context_.line.time();
+    noteWritten();
+    guard([&] {
+        while (outbox_.wouldDrop(message->size()) && state_ < State::Failed && writingBytes_ == 0 &&
+               writeSome(kWriteAtOnce) > 0) {
+        }
+    });
+    const std::size_t dropped = outbox_.pushMessage(message);
     if (dropped == 0) return;
-    context_.line.blame(*this, static_cast<Nanoseconds>(dropped) * kDropTime);
+    const auto size = static_cast<Nanoseconds>(message->size());
+    context_.line.blame(*this, begin, kKeepTime + size / kCopiedPerNanosecond);
     if (dropped == Outbox::kDropsAtOnce) context_.line.join(*this);
 }
 
@@ -305,7 +313,6 @@ void Connection::writeWaiting(bool isOwnTurn) {
     while (writingBytes_ == 0 && !outbox_.empty()) {
         const std::size_t some = writeSome(most);
         written += some;
-        if (!isOwnTurn) context_.line.wrote(some);
         if (some == 0) return;
         if (isOwnTurn ? context_.line.isOver(Line::kStepsPerLook) : written >= most) return;
     }
@@ -330,6 +337,7 @@ std::size_t Connection::writeSome(std::size_t most) {
         return 0;
     }
     const auto taken = static_cast<std::size_t>(result < 0 ? 0 : result);
+    context_.line.wrote(taken);
     outbox_.written(taken);
     if (taken == offered) return offered;
     writeFront();

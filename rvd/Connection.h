@@ -24,7 +24,7 @@ class Connection;
 /// Shared by the connections of one daemon; must outlive them.
 struct ConnectionContext {
     uv_loop_t& loop;
-    const Log& log;
+    Log& log;
     Counters& counters;
     MemoryAccount& account;
     Router& router;
@@ -150,6 +150,7 @@ class Connection final : private MemoryHolder,
     void writeWaiting(bool isOwnTurn);
     std::size_t writeSome(std::size_t most);
     void endIfDone();
+    void deliverToFull(const PayloadRef& message);
     void writeFront();
     void sendFin();
     void fail(int status);

@@ -32,7 +32,7 @@ void Line::come(Worker& worker) {
     addCredit(worker, now);
     const bool isAlone = waiting_.empty() && std::max(cameNow_, cameLast_) <= 1;
     if (isAlone) {
-        slice(worker, share());
+        slice(worker, kAlone);
     } else if (worker.credit_ >= kEnough) {
         slice(worker, std::min(worker.credit_, share()));
     } else {
@@ -60,17 +60,20 @@ bool Line::isOver(std::size_t steps) {
     return isOver_;
 }
 
-void Line::blame(Worker& worker, Nanoseconds took) {
+void Line::blame(Worker& worker, Nanoseconds begin, Nanoseconds more) {
     if (&worker == working_) return;
+    const Nanoseconds took = std::min(clock_() - begin + more, kLongest);
     worker.credit_ = std::max(worker.credit_ - took, -kWorstDebt);
+    worker.deficit_ = std::max(worker.deficit_ - took, -kWorstDebt);
     excused_ += took;
-    end_ += took;
+    end_ = std::min(end_ + took, latestEnd_);
 }
 
 // Returns the time that it took.
 Nanoseconds Line::slice(Worker& worker, Nanoseconds length) {
     const Nanoseconds begin = used_();
     end_ = begin + length;
+    latestEnd_ = end_ + length;
     steps_ = 0;
     isOver_ = false;
     excused_ = 0;

@@ -41,9 +41,13 @@ class Worker {
 class Line {
   public:
     /// Slices of those who want to work at the same time add up to `kRound`, within these bounds.
+    /// The longest is less than what one read brings: who sends without a pause is read once a turn
+    /// of the loop, and would else get less than who always has something left to do.
     static constexpr Nanoseconds kRound = 2'000'000;
     static constexpr Nanoseconds kShortest = 20'000;
-    static constexpr Nanoseconds kLongest = 1'000'000;
+    static constexpr Nanoseconds kLongest = 250'000;
+    /// The slice of who is alone.
+    static constexpr Nanoseconds kAlone = 1'000'000;
     /// Who uses less than one part in so many of all time need not wait in the line, also when it
     /// comes in bursts: it may have `kBurst` to its credit, and needs `kEnough`.
     static constexpr Nanoseconds kSpareParts = 20;
@@ -77,8 +81,10 @@ class Line {
     /// last call: the clock is read once in a while.
     [[nodiscard]] bool isOver(std::size_t steps);
 
-    /// `worker` has caused so much of the present slice, which is another's.
-    void blame(Worker& worker, Nanoseconds took);
+    /// What was done since `begin`, as of `time`, and `more` was caused by `worker`: within the
+    /// slice of another it is charged to `worker`, and lengthens that slice, to twice at most.
+    void blame(Worker& worker, Nanoseconds begin, Nanoseconds more);
+    [[nodiscard]] Nanoseconds time() const { return clock_(); }
 
     /// Gives slices in turn until the line is empty or `kRun` has passed.
     void run();
@@ -95,9 +101,9 @@ class Line {
     [[nodiscard]] bool isCrowded() const {
         return waiting_.size() + std::max(cameNow_, cameLast_) > kFew;
     }
-    /// Bytes were written in the turn of another. Past `kWrittenAtOnce` in one turn of the loop who
-    /// has something to write does so in its own turn: else a message to very many would hold up
-    /// everybody until it is written to all.
+    /// So many bytes were written by one system call. Past `kWrittenAtOnce` in one turn of the loop
+    /// who has something to write does so in its own turn: else a message to very many would hold
+    /// up everybody until it is written to all.
     void wrote(std::size_t bytes) { wrote_ += kWriteCost + bytes; }
     [[nodiscard]] bool hasWrittenMuch() const { return wrote_ >= kWrittenAtOnce; }
 
@@ -126,6 +132,7 @@ class Line {
     Worker* working_ = nullptr;
     Nanoseconds excused_ = 0;
     Nanoseconds end_ = 0;
+    Nanoseconds latestEnd_ = 0;  // whatever others have caused
     std::size_t steps_ = 0;
     bool isOver_ = false;
 };

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
+#include <utility>
 
 #include "platform/Text.h"
 
@@ -12,10 +13,9 @@ namespace {
 
 constexpr std::array<const char*, 4> kLevelNames = {"ERROR", "WARN", "INFO", "DEBUG"};
 
-std::string timeStamp() {
-    const std::time_t now = std::time(nullptr);
+std::string timeStamp(std::time_t time) {
     std::tm utc{};
-    gmtime_r(&now, &utc);
+    gmtime_r(&time, &utc);
     std::array<char, 32> text{};
     const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
     return {text.data(), length};
@@ -27,14 +27,29 @@ void appendEscape(std::string& line, std::string_view piece) {
     line += piece;
 }
 
-}  // namespace
-
-void Log::write(LogLevel level, std::string_view text) const {
-    if (!enabled(level)) return;
-    std::string line = timeStamp() + ' ' + kLevelNames.at(static_cast<std::size_t>(level)) + ' ' +
-                       escaped(text, appendEscape);
+void writeLine(std::time_t time, LogLevel level, std::string_view text) {
+    std::string line = timeStamp(time) + ' ' + kLevelNames.at(static_cast<std::size_t>(level)) +
+                       ' ' + escaped(text, appendEscape);
     line += '\n';
     std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+}  // namespace
+
+void Log::write(LogLevel level, std::string_view text) {
+    if (!enabled(level)) return;
+    const std::time_t now = std::time(nullptr);
+    if (level != LogLevel::Debug) {
+        if (std::exchange(second_, now) != now) {
+            const unsigned lines = std::exchange(lines_, 0);
+            if (lines > kLinesASecond) {
+                writeLine(now, LogLevel::Warning,
+                          std::to_string(lines - kLinesASecond) + " lines were left out");
+            }
+        }
+        if (++lines_ > kLinesASecond) return;
+    }
+    writeLine(now, level, text);
 }
 
 }  // namespace kvx::rvd

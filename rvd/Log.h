@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ctime>
 #include <string_view>
 
 namespace kvx::rvd {
@@ -7,21 +8,27 @@ namespace kvx::rvd {
 enum class LogLevel { Error = 0, Warning = 1, Info = 2, Debug = 3 };
 
 /// Lines on standard error, each with its time (UTC) and level: "2026-01-31T12:00:00Z INFO text".
-/// Control characters of `text` are escaped, so that a peer's bytes cannot forge a line.
+/// Control characters of `text` are escaped, so that a peer's bytes cannot forge a line. Of lines
+/// that are not for debugging at most `kLinesASecond` are written: peers cannot fill a disk. The
+/// next line says how many were left out.
 class Log {
   public:
     explicit Log(LogLevel level = LogLevel::Info) : level_(level) {}
 
-    [[nodiscard]] bool enabled(LogLevel level) const { return level <= level_; }
-    void write(LogLevel level, std::string_view text) const;
+    static constexpr unsigned kLinesASecond = 100;
 
-    void error(std::string_view text) const { write(LogLevel::Error, text); }
-    void warning(std::string_view text) const { write(LogLevel::Warning, text); }
-    void info(std::string_view text) const { write(LogLevel::Info, text); }
-    void debug(std::string_view text) const { write(LogLevel::Debug, text); }
+    [[nodiscard]] bool enabled(LogLevel level) const { return level <= level_; }
+    void write(LogLevel level, std::string_view text);
+
+    void error(std::string_view text) { write(LogLevel::Error, text); }
+    void warning(std::string_view text) { write(LogLevel::Warning, text); }
+    void info(std::string_view text) { write(LogLevel::Info, text); }
+    void debug(std::string_view text) { write(LogLevel::Debug, text); }
 
   private:
     LogLevel level_;
+    std::time_t second_ = 0;  // of the last line
+    unsigned lines_ = 0;      // in that second
 };
 
 }  // namespace kvx::rvd

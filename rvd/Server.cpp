@@ -313,7 +313,7 @@ void Server::closeHandles() {
     closeHandle(report_);
 }
 
-void Server::logStop() const noexcept {
+void Server::logStop() noexcept {
     try {
         log_.info("stopping, " + std::to_string(connections_.size()) + " connections open");
     } catch (const std::bad_alloc&) {  // it stops all the same

@@ -64,12 +64,11 @@ class Server {
     [[nodiscard]] platform::Milliseconds now() const {
         return static_cast<platform::Milliseconds>(uv_now(&loop_));
     }
-    void logStop() const noexcept;
+    void logStop() noexcept;
     void logCounters() noexcept;
 
-    // Constant after construction.
     const Options options_;
-    const Log log_;
+    Log log_;
 
     uv_loop_t loop_{};
     uv_tcp_t listener_{};

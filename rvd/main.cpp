@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
     const auto commandLine = kvx::rvd::parseCommandLine(argc, argv);
     if (commandLine.exitStatus) return *commandLine.exitStatus;
 
-    const kvx::rvd::Log log(commandLine.options.logLevel);
+    kvx::rvd::Log log(commandLine.options.logLevel);
     kvx::rvd::Server server(commandLine.options, log);
     if (!server.start()) return 1;
 

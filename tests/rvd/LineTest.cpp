@@ -26,7 +26,7 @@ class Job : public Worker {
         left > 0 ? line_.join(*this) : void(doneAt = now);
     }
 
-  private:
+  protected:
     Line& line_;
     const Nanoseconds step_;
 
@@ -79,6 +79,52 @@ TEST_F(LineTest, LongStepsArePaidBackSoThatTimeIsShared) {
     const auto used = (kEndless - shortSteps.left) * 10 * kMicrosecond;
     EXPECT_GT(used, 4 * kSecond);
     EXPECT_LT(used, 6 * kSecond);
+}
+
+// What it works at was caused by `other`.
+class Victim : public Job {
+  public:
+    Victim(Line& line, Worker& other) : Job(line, 100 * kMicrosecond, kEndless), other_(other) {}
+    void work() override {
+        const Nanoseconds begin = now;
+        ++slices;
+        while (!line_.isOver(Line::kStepsPerLook)) {
+            now += 50 * kMicrosecond;
+            line_.blame(other_, now - 40 * kMicrosecond, 5 * kMicrosecond);
+        }
+        longest = std::max(longest, now - begin);
+        worked += now - begin;
+        line_.join(*this);
+    }
+    Nanoseconds longest = 0;
+    Nanoseconds worked = 0;
+
+  private:
+    Worker& other_;
+};
+
+TEST_F(LineTest, WhoSendsAllTheTimeButIsReadOnceATurnGetsNearlyHalf) {
+    Job endless(line_, 10 * kMicrosecond, kEndless);
+    turn({&endless});
+    Nanoseconds sent = 0;
+    while (now < 5 * kSecond) {
+        Job read(line_, 10 * kMicrosecond, 40);
+        turn({&read});
+        while (read.left > 0) turn({});
+        sent += 400 * kMicrosecond;
+    }
+    EXPECT_GT(sent, 14 * kSecond / 10);
+}
+
+TEST_F(LineTest, WhoCausesTheWorkOfAnotherPaysForItWithoutLengtheningTheTurnMuch) {
+    Job cause(line_, 10 * kMicrosecond, kEndless);
+    Victim victim(line_, cause);
+    turn({&cause, &victim});
+    while (now < 11 * kSecond) turn({});
+    const Nanoseconds caused = (kEndless - cause.left) * 10 * kMicrosecond;
+    EXPECT_LE(victim.longest, 2 * Line::kLongest + 50 * kMicrosecond);
+    EXPECT_LT(caused, victim.worked / 3);
+    EXPECT_GT(caused, 0);
 }
 
 TEST_F(LineTest, WhoeverIsAloneGoesOnThoughItHasOverdrawnAndMayLeaveWhileItWaits) {

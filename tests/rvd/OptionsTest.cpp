@@ -1,5 +1,13 @@
 #include "rvd/Options.h"
 
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <sstream>
+#include <thread>
+
+#include "rvd/Log.h"
+
 namespace kvx::rvd {
 namespace {
 
@@ -34,6 +42,29 @@ TEST(Options, AreSpelledWithOneDashOrTwoAndLimitsTakeSuffixes) {
     EXPECT_EQ(parseCommandLine(1, line).options.memoryLimit, std::nullopt);
     EXPECT_EQ(parsed.options.hostAddress, 0x0A000001U);
     EXPECT_EQ(parsed.options.logLevel, LogLevel::Debug);
+}
+
+// The seconds may change between the lines.
+TEST(Log, LeavesLinesOutThatComeTooFastAndSaysHowMany) {
+    Log log(LogLevel::Debug);
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 1000; ++i) log.warning("too many");
+    for (int i = 0; i < 1000; ++i) log.debug("all");
+    const std::time_t last = std::time(nullptr);
+    while (std::time(nullptr) == last) std::this_thread::yield();
+    log.info("the next one");
+    std::istringstream written(testing::internal::GetCapturedStderr());
+    int all = 0;
+    int warnings = 0;
+    int leftOut = 0;
+    for (std::string stamp, level, text; written >> stamp >> level && std::getline(written, text);) {
+        if (text == " all") ++all;
+        if (text == " too many") ++warnings;
+        if (text.ends_with("left out")) leftOut += std::stoi(text);
+    }
+    EXPECT_EQ(all, 1000);
+    EXPECT_LT(warnings, 1000);
+    EXPECT_EQ(warnings + leftOut, 1000);
 }
 
 }  // namespace

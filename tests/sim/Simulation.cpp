@@ -21,7 +21,7 @@
 namespace kvx::rvd {
 
 // The daemon's log lines go to the simulation.
-void Log::write(LogLevel level, std::string_view text) const {
+void Log::write(LogLevel level, std::string_view text) {
     if (!enabled(level)) return;
     const sim::Harness harness;
     sim::world->note(std::string(text));
