@@ -83,8 +83,11 @@ Router::Router(Counters& counters) : counters_(counters) {
 }
 Router::~Router() = default;
 
-Router::Session::Session(Space& space, Receiver& receiver)
-    : space_(space), receiver_(&receiver), listens_({space.hash}) {}
+Router::Session::Session(Space& space, Receiver& receiver, std::uint64_t newestMatch)
+    : space_(space),
+      receiver_(&receiver),
+      joinedAfter_(newestMatch),
+      listens_({space.hash}) {}
 
 bool Router::Session::isIn(std::string_view service, std::string_view network) const {
     return space_.name.first == serviceOrDefault(service) && space_.name.second == network;
@@ -97,7 +100,7 @@ Router::Session& Router::join(std::string_view service, std::string_view network
     std::unique_ptr<Space> made;
     if (found == spaces_.end()) made = std::make_unique<Space>(name);
     Space& space = made ? *made : *found->second;
-    space.sessions.push_back(std::unique_ptr<Session>(new Session(space, receiver)));
+    space.sessions.push_back(std::unique_ptr<Session>(new Session(space, receiver, matchNumber_)));
     if (made) spaces_.emplace(name, std::move(made));
     counters_.add(Counter::SessionsOpen);
     Session& session = *space.sessions.back();
@@ -277,8 +280,10 @@ void Router::Match::remember(SubjectView subject) {
     router_.lastChanges_ = router_.changes_;
 }
 
+// A client that reconnects between two turns may have had the message by its former session.
 void Router::Match::find(Session& session) {
     if (session.receiver_ == nullptr || session.lastMatch_ == number_) return;
+    if (session.joinedAfter_ >= number_) return;
     session.lastMatch_ = number_;
     if (!isFirstTurn_ && !seen_.insert(session.receiver_).second) return;
     router_.found_.push_back(session.receiver_);

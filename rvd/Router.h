@@ -128,11 +128,12 @@ class Router::Session {
 
   private:
     friend class Router;
-    Session(Space& space, Receiver& receiver);
+    Session(Space& space, Receiver& receiver, std::uint64_t newestMatch);
 
     Space& space_;
     Receiver* receiver_;  // null once it has left
     Sessions::iterator place_;
+    const std::uint64_t joinedAfter_;  // the newest match then: it and older ones do not find it
     std::uint64_t listenCount_ = 0;
     std::uint64_t lastMatch_ = 0;  // the newest match that has found it
     std::size_t listenBytes_ = 0;
@@ -142,8 +143,8 @@ class Router::Session {
 };
 
 /// The way of one message to the sessions that match it, its sender included, in turns of bounded
-/// work. Between turns everything may change: who listens only then may be found or not. The router
-/// must outlive it.
+/// work. Between turns everything may change: who listens only then may be found or not, who joins
+/// only then is not. The router must outlive it.
 class Router::Match {
   public:
     /// Of a message of `from`, which may leave only after the end of this object.
@@ -153,8 +154,9 @@ class Router::Match {
     ~Match();
 
     /// Goes on by up to `steps` steps, each of some 10 to 500 ns. Returns the receivers that it has
-    /// found, each once in all turns; valid until the next call of any function of the router.
-    /// `subject` must have the same bytes in every turn. Throws `std::bad_alloc`.
+    /// found, each once in all turns, of those that had joined before it began; valid until the
+    /// next call of any function of the router. `subject` must have the same bytes in every turn.
+    /// Throws `std::bad_alloc`.
     [[nodiscard]] std::span<Receiver* const> advance(SubjectView subject, std::size_t steps);
 
     [[nodiscard]] bool isDone() const { return isDone_; }
