@@ -84,10 +84,7 @@ Router::Router(Counters& counters) : counters_(counters) {
 Router::~Router() = default;
 
 Router::Session::Session(Space& space, Receiver& receiver, std::uint64_t newestMatch)
-    : space_(space),
-      receiver_(&receiver),
-      joinedAfter_(newestMatch),
-      listens_({space.hash}) {}
+    : space_(space), receiver_(&receiver), joinedAfter_(newestMatch), listens_({space.hash}) {}
 
 bool Router::Session::isIn(std::string_view service, std::string_view network) const {
     return space_.name.first == serviceOrDefault(service) && space_.name.second == network;

@@ -57,7 +57,8 @@ TEST(Log, LeavesLinesOutThatComeTooFastAndSaysHowMany) {
     int all = 0;
     int warnings = 0;
     int leftOut = 0;
-    for (std::string stamp, level, text; written >> stamp >> level && std::getline(written, text);) {
+    for (std::string stamp, level, text;
+         written >> stamp >> level && std::getline(written, text);) {
         if (text == " all") ++all;
         if (text == " too many") ++warnings;
         if (text.ends_with("left out")) leftOut += std::stoi(text);
