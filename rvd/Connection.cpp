@@ -38,7 +38,9 @@ constexpr std::size_t kBytesPerStep = 4 * 1024;  // freed between looks at the c
 constexpr Nanoseconds kKeepTime = 100;
 constexpr Nanoseconds kCopiedPerNanosecond = 8;
 constexpr unsigned kLoopbackNet = 127;
-constexpr std::size_t kNameLength = 128;  // characters of a session's name in the log
+// A snapshot of interest goes on while no more waits, as a part of the queue and in bytes.
+constexpr std::size_t kTellingParts = 4;
+constexpr std::size_t kTellingBytes = 256 * 1024;
 
 // Memory of a connection that holds nothing: this object, its peer, an empty queue, and libuv's and
 // the containers' part.
@@ -66,9 +68,10 @@ sockaddr_in peerName(const uv_tcp_t& tcp) {
 }  // namespace
 
 Connection::Routing::Routing(Router& router, const Router::Session& from, SubjectView subject,
-                             const PayloadRef& routed)
+                             const PayloadRef& routed, PayloadRef lossNotice)
     : match(router, from, subject),
       message(routed),
+      notice(std::move(lossNotice)),
       subjectAt(static_cast<std::size_t>(static_cast<const std::uint8_t*>(subject.data()) -
                                          routed->bytes().data())) {}
 
@@ -224,13 +227,15 @@ void Connection::work() {
         trim();
         writeWaiting(true);
         takeBytes();
+        tellMore();
     });
     chargeIncoming();
     // Else the batch ends after the turns of all in the line: what is routed lies in `rest_`.
     if (rest_.empty()) endBatch();
     if (state_ >= State::Failed) return;
     const bool mayWrite = writingBytes_ == 0 && !outbox_.empty() && !Batch::has(*this);
-    if (isTrimming_ || !arrived_.empty() || routing_ || mayWrite) return context_.line.join(*this);
+    const bool hasWork = isTrimming_ || !arrived_.empty() || routing_ || mayWrite || mayTell();
+    if (hasWork) return context_.line.join(*this);
     endIfDone();
     if (state_ < State::Failed && !isReading_ && !startReading()) fail(UV_ENOMEM);
 }
@@ -287,6 +292,7 @@ void Connection::deliverToFull(const PayloadRef& message) {
 
 // In the turn of another: what a connection in the line has to write waits for its own turn.
 void Connection::flush() {
+    if (session_ != nullptr) Router::tell(*session_);
     if (state_ == State::Open && std::exchange(isDismissed_, false)) {
         end(CloseReason::TooManyPatterns, LossCause::Patterns);
     }
@@ -294,7 +300,8 @@ void Connection::flush() {
     if (state_ == State::Closed || Line::isWaiting(*this)) return;
     if (!context_.line.hasWrittenMuch()) writeWaiting(false);
     if (state_ == State::Failed) return destroy();
-    if (writingBytes_ == 0 && !outbox_.empty()) return context_.line.join(*this);
+    const bool mayWrite = writingBytes_ == 0 && !outbox_.empty();
+    if (mayWrite || mayTell()) return context_.line.join(*this);
     endIfDone();
 }
 
@@ -379,7 +386,8 @@ void Connection::tick() {
     if (state_ == State::Closed) return;
     guard([this] {
         noteWritten();
-        noteLosses(noteDeliveries());
+        notePace(pace_.look(outbox_, context_.queueLimit));
+        refreshTold();
         if (arrived_.empty()) rest_ = std::vector<std::uint8_t>();  // `= {}` would keep its memory
         chargeIncoming();
         if (state_ == State::Open) peer_->tick(now());
@@ -387,30 +395,11 @@ void Connection::tick() {
     if (state_ != State::Open && now() >= endBy_) destroy();
 }
 
-// True when it has taken messages since the last tick.
-bool Connection::noteDeliveries() {
-    const std::uint64_t delivered = outbox_.totals().delivered;
-    if (delivered == std::exchange(deliveriesSeen_, delivered)) return false;
-    peer_->tookMessages(now());
-    return true;
-}
-
-// One line when messages begin to be dropped, and one when it is over: nothing was dropped since
-// the last tick, and the queue is empty or goes down.
-void Connection::noteLosses(bool hasTaken) {
-    const std::uint64_t dropped = outbox_.totals().dropped;
-    if (dropped != std::exchange(lossesSeen_, dropped)) {
-        if (std::exchange(isBehind_, true)) return;
-        return context_.log.warning(who() + " does not keep up: " +
-                                    std::to_string(dropped - lossesToldOf_) + " messages dropped");
-    }
-    const bool keepsUp = outbox_.waitingMessages() == 0 ||
-                         (hasTaken && outbox_.waitingBytes() <= context_.queueLimit / 2);
-    if (!isBehind_ || !keepsUp) return;
-    isBehind_ = false;
-    context_.log.info(who() + " keeps up again: " +
-                      std::to_string(dropped - std::exchange(lossesToldOf_, dropped)) +
-                      " messages dropped, " + std::to_string(dropped) + " in all");
+void Connection::notePace(const Pace::Look& look) {
+    if (look.hasTaken) peer_->tookMessages(now());
+    if (look.text.empty()) return;
+    const std::string line = who() + look.text;
+    look.isBehind ? context_.log.warning(line) : context_.log.info(line);
 }
 
 void Connection::logEnd(const char* reason) {
@@ -512,14 +501,6 @@ void Connection::join(std::string_view service, std::string_view network) {
     }
 }
 
-void Connection::named(std::string_view session) {
-    sessionName_ = session.substr(0, kNameLength);
-}
-
-bool Connection::isIn(std::string_view service, std::string_view network) {
-    return session_ != nullptr && session_->isIn(service, network);
-}
-
 bool Connection::listen(SubjectView subject) {
     if (session_ == nullptr) return true;
     const bool isListening = context_.router.listen(*session_, subject);
@@ -543,9 +524,40 @@ void Connection::publish(SubjectView subject, const PayloadRef& message) {
         if (known->empty()) context_.counters.add(Counter::MessagesUnmatched);
         return;
     }
-    routing_.emplace(context_.router, *session_, subject, message);
+    beginRouting(subject, message);
+}
+
+void Connection::beginRouting(SubjectView subject, const PayloadRef& message, PayloadRef notice) {
+    routing_.emplace(context_.router, *session_, subject, message, std::move(notice));
     route();
     if (routing_) message->chargeTo(context_.account);
+}
+
+// Those who would have got the messages are told.
+void Connection::reportLoss(SubjectView subject, std::uint64_t lost, const PayloadRef& message) {
+    if (session_ == nullptr) return;
+    const auto link = static_cast<std::uint8_t>(LossCause::Link);
+    auto notice = Payload::copy(buildDataLoss({lost, 0, link}));
+    context_.batch.hold(message);
+    beginRouting(subject, message, std::move(notice));
+}
+
+// Whether it goes on with a snapshot now: little waits to be written.
+bool Connection::mayTell() const {
+    return session_ != nullptr && Router::hasMoreToTell(*session_) &&
+           outbox_.waitingBytes() <= std::min(context_.queueLimit / kTellingParts, kTellingBytes);
+}
+
+void Connection::tellMore() {
+    while (mayTell() && !context_.line.isOver(Line::kStepsPerLook)) Router::tellMore(*session_);
+}
+
+// Whose queue has lost something is told everything again, as soon as there is room.
+void Connection::refreshTold() {
+    const bool hasRoom = outbox_.waitingBytes() <= context_.queueLimit / kTellingParts;
+    if (session_ == nullptr || !session_->isTold() || !hasRoom) return;
+    context_.router.refresh(*session_, outbox_.totals().dropped);
+    if (mayTell()) context_.line.join(*this);
 }
 
 void Connection::handOn(const PayloadRef& message, std::span<Receiver* const> receivers) {
@@ -560,7 +572,8 @@ void Connection::route() {
     bool isOver = false;
     while (!isOver) {
         const auto found = routing_->match.advance(routing_->subject(), context_.stepsAtOnce);
-        handOn(routing_->message, found);
+        handOn(routing_->notice ? routing_->notice : routing_->message, found);
+        if (routing_->notice) context_.counters.add(Counter::LossNotices, found.size());
         if (routing_->match.isDone()) {
             if (!routing_->match.hasFound()) context_.counters.add(Counter::MessagesUnmatched);
             break;

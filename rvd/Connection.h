@@ -14,6 +14,7 @@
 #include "rvd/Line.h"
 #include "rvd/Log.h"
 #include "rvd/Outbox.h"
+#include "rvd/Pace.h"
 #include "rvd/Peer.h"
 #include "rvd/Router.h"
 
@@ -60,6 +61,8 @@ class Connection final : private MemoryHolder,
 
     /// Bytes.
     static constexpr std::size_t kFreedAtOnce = 256 * 1024;
+    /// Characters of a session's name in the log.
+    static constexpr std::size_t kNameLength = 128;
 
     /// `number`: of all connections, in the order of accepting.
     Connection(const ConnectionContext& context, std::uint64_t number);
@@ -91,6 +94,7 @@ class Connection final : private MemoryHolder,
     // Receiver: writes first when queueing the message would drop another one. Needs no memory.
     void deliver(const PayloadRef& message) override;
     void dismiss() override;
+    void wake() noexcept override { context_.batch.add(*this); }
 
     // BatchMember
     void flush() override;
@@ -99,11 +103,15 @@ class Connection final : private MemoryHolder,
     // PeerActions
     void send(wire::Bytes bytes) override;
     void join(std::string_view service, std::string_view network) override;
-    void named(std::string_view session) override;
-    bool isIn(std::string_view service, std::string_view network) override;
+    void named(std::string_view session) override { sessionName_ = session.substr(0, kNameLength); }
+    bool isIn(std::string_view service, std::string_view network) override {
+        return session_ != nullptr && session_->isIn(service, network);
+    }
     bool listen(SubjectView subject) override;
     void cancel(SubjectView subject) override;
     void publish(SubjectView subject, const PayloadRef& message) override;
+    bool mayReportLoss() override { return session_ != nullptr && session_->isTold(); }
+    void reportLoss(SubjectView subject, std::uint64_t lost, const PayloadRef& message) override;
     bool mayGoOn() override;
     void close(CloseReason reason) override;
 
@@ -117,16 +125,17 @@ class Connection final : private MemoryHolder,
     // MemoryHolder
     bool giveUp() override;
 
-    /// The message being routed.
+    /// The message being routed, or the notice of a loss that was reported by one.
     struct Routing {
         Routing(Router& router, const Router::Session& from, SubjectView subject,
-                const PayloadRef& routed);
+                const PayloadRef& routed, PayloadRef lossNotice);
         [[nodiscard]] SubjectView subject() const {
             return SubjectView::trusted(message->bytes().data() + subjectAt);
         }
 
         Router::Match match;
         PayloadRef message;
+        PayloadRef notice;      // null: the message itself is delivered
         std::size_t subjectAt;  // in the message, whose bytes move when they are kept
     };
 
@@ -138,7 +147,11 @@ class Connection final : private MemoryHolder,
     void onRead(ssize_t count, const char* bytes);
     void trim();
     void takeBytes();
+    void beginRouting(SubjectView subject, const PayloadRef& message, PayloadRef notice = {});
     void route();
+    [[nodiscard]] bool mayTell() const;
+    void tellMore();
+    void refreshTold();
     void handOn(const PayloadRef& message, std::span<Receiver* const> receivers);
     [[nodiscard]] bool hasMuch() const;
     void keepRest();
@@ -156,8 +169,7 @@ class Connection final : private MemoryHolder,
     void fail(int status);
     void end(CloseReason reason, LossCause cause);
     void leaveSession();
-    bool noteDeliveries();
-    void noteLosses(bool hasTaken);
+    void notePace(const Pace::Look& look);
     void logEnd(const char* reason);
     [[nodiscard]] std::string who() const;
     [[nodiscard]] PeerAddress peerAddress() const;
@@ -183,12 +195,9 @@ class Connection final : private MemoryHolder,
     std::optional<Routing> routing_;  // unless it has reached everybody
     bool isDismissed_ = false;
     std::size_t writingBytes_ = 0;  // bytes of the queue in write_; 0: no write is pending in libuv
-    std::uint64_t lossesSeen_ = 0;  // up to the last tick
-    std::uint64_t lossesToldOf_ = 0;    // when it kept up last
-    bool isBehind_ = false;             // messages were dropped, and it does not keep up again
-    std::uint64_t deliveriesSeen_ = 0;  // of messages, up to the last tick
-    std::string name_;                  // "a.b.c.d:port", for the log
-    std::string sessionName_;           // of the init message, or its beginning
+    Pace pace_;                     // as of the last tick
+    std::string name_;              // "a.b.c.d:port", for the log
+    std::string sessionName_;       // of the init message, or its beginning
 };
 
 }  // namespace kvx::rvd

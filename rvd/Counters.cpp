@@ -31,6 +31,8 @@ constexpr std::array<CounterInfo, static_cast<std::size_t>(Counter::Count)> kTab
     {"dropped.ended", "messages", "copies still waiting when their session ended"},
     {"dropped.shutdown", "messages", "copies still waiting when the daemon ended"},
     {"loss.notices", "messages", "_RV.WARN.SYSTEM.DATALOSS messages queued for sessions"},
+    {"followers.open", "sessions", "sessions that are told the interest of their space now"},
+    {"interest.snapshots", "snapshots", "begun for these: once each, and again after a loss"},
     {"keepalives.sent", "messages", "keepalives sent to silent peers"},
 }};
 

@@ -32,6 +32,8 @@ enum class Counter : std::uint8_t {
     DroppedEnded,
     DroppedShutdown,
     LossNotices,
+    FollowersOpen,
+    InterestSnapshots,
     KeepalivesSent,
     Count
 };

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "rv/error/rvAdvisory.h"
+#include "rv/message/WireFormat.h"
 #include "rv/message/rvSubject.h"
 #include "rv/message/rvmsg.h"
 #include "rv/wire/ControlMessage.h"
@@ -15,27 +16,31 @@ namespace {
 constexpr std::size_t kBodyCapacity = 512;  // bytes; the fields are of bounded length
 constexpr unsigned kSubjectBytes = 64;
 
-constexpr const char* kDescription = "Messages for this session were dropped by the daemon";
+constexpr const char* kDropped = "Messages for this session were dropped by the daemon";
+constexpr const char* kLostBetween = "Messages for this session were lost between hosts";
 
 struct CauseName {
     LossCause cause;
     const char* text;
 };
-constexpr std::array<CauseName, 5> kCauseNames = {{
+constexpr std::array<CauseName, 6> kCauseNames = {{
     {LossCause::SlowReader, "slow reader"},
     {LossCause::Memory, "daemon memory"},
     {LossCause::TooLarge, "message too large"},
     {LossCause::Patterns, "patterns take more than 1024 steps"},
     {LossCause::Listens, kTooManyListens},
+    {LossCause::Link, "link"},
 }};
 
 bool fillBody(void* body, const Loss& loss) {
     const auto lost = static_cast<std::uint32_t>(
         std::min<std::uint64_t>(loss.messages, std::numeric_limits<std::uint32_t>::max()));
     const std::string cause = causeText(loss.causes);
+    const bool isBetween = loss.causes == static_cast<std::uint8_t>(LossCause::Link);
     return rvmsg_Init(body, kBodyCapacity) == 0 &&
            rvmsg_AppendAdvisoryFields(body, kBodyCapacity, advisory::kWarn, advisory::kSystem,
-                                      advisory::kDataLossName, kDescription) == 0 &&
+                                      advisory::kDataLossName,
+                                      isBetween ? kLostBetween : kDropped) == 0 &&
            rvmsg_Append(body, kBodyCapacity, "lost", RVMSG_UINT, sizeof lost, &lost) == 0 &&
            rvmsg_Append(body, kBodyCapacity, "bytes", RVMSG_UINT, sizeof loss.bytes, &loss.bytes) ==
                0 &&
@@ -64,6 +69,22 @@ std::vector<std::uint8_t> buildDataLoss(const Loss& loss) {
                                        0, {RVMSG_MSG, 0, body.data()});
     const wire::Bytes bytes = built.message.view();
     return {bytes.begin(), bytes.end()};
+}
+
+std::optional<LossReport> readLossReport(wire::Bytes message) {
+    const auto data = findField(message, wire::field::kData);
+    if (!data || data->type != RVMSG_MSG) return std::nullopt;
+    const auto subject = findField(data->bytes(), "sub");
+    const auto number = findField(data->bytes(), "lost");
+    if (!subject || subject->type != RVMSG_SUBJECT || !number || number->type != RVMSG_UINT) {
+        return std::nullopt;
+    }
+    const auto view = SubjectView::parse(subject->data, subject->size);
+    std::uint64_t lost = 0;
+    if (number->size == sizeof lost) lost = loadBig64(number->data);
+    if (number->size == sizeof(std::uint32_t)) lost = loadBig32(number->data);
+    if (!view || lost == 0) return std::nullopt;
+    return LossReport{*view, lost};
 }
 
 }  // namespace kvx::rvd

@@ -1,18 +1,24 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "rv/message/SubjectView.h"
+#include "rv/wire/Limits.h"
+
 namespace kvx::rvd {
 
-/// Why a copy was dropped from an open session's queue, or why a session was ended.
+/// Why a copy was dropped from an open session's queue, why a session was ended, or where messages
+/// were lost.
 enum class LossCause : std::uint8_t {
     SlowReader = 1,  ///< the session's own queue was full
     Memory = 2,      ///< all queues together were full
     TooLarge = 4,    ///< the message is larger than the session's whole queue
     Patterns = 8,    ///< the session's patterns cost a message too much
-    Listens = 16     ///< it has made more listens than one session may
+    Listens = 16,    ///< it has made more listens than one session may
+    Link = 32        ///< between this host and another
 };
 
 inline constexpr const char* kTooManyListens = "more than 262144 listens";
@@ -31,13 +37,21 @@ struct Loss {
     }
 };
 
-/// "slow reader", "daemon memory", "message too large", "patterns take more than 1024 steps" and
-/// `kTooManyListens`, joined by ", ".
+/// "slow reader", "daemon memory", "message too large", "patterns take more than 1024 steps",
+/// `kTooManyListens` and "link", joined by ", ".
 [[nodiscard]] std::string causeText(std::uint8_t causes);
 
 /// The data message that announces a loss: on "_RV.WARN.SYSTEM.DATALOSS", its data a nested message
 /// of the advisory fields, "lost" (messages, unsigned, 4 bytes), "bytes" (unsigned, 8 bytes) and
 /// "cause" (text). Empty when it cannot be built.
 [[nodiscard]] std::vector<std::uint8_t> buildDataLoss(const Loss& loss);
+
+/// What a follower says on "_RVD.LOST": so many messages on that subject were lost between hosts.
+struct LossReport {
+    SubjectView subject;  ///< of the message's bytes
+    std::uint64_t lost;   ///< not 0
+};
+/// Nothing when the data message's "data" has no sound "sub" and "lost".
+[[nodiscard]] std::optional<LossReport> readLossReport(wire::Bytes message);
 
 }  // namespace kvx::rvd

@@ -23,6 +23,7 @@
 #include "rv/wire/ControlMessage.h"
 #include "rv/wire/Negotiation.h"
 #include "rvd/DataLoss.h"
+#include "rvd/Interest.h"
 
 namespace kvx::rvd {
 
@@ -222,13 +223,25 @@ void Peer::onData(Bytes encoded, const wire::Frame& frame) {
     const auto subject = SubjectView::parse(encoded.data(), encoded.size());
     if (!subject) {
         counters_.add(Counter::MessagesUnreadable);
-    } else if (advisory::coversSystemSubject(*subject)) {
-        counters_.add(Counter::MessagesReserved);
-    } else if (frame.assembled) {
-        actions_.publish(*subject, Payload::own(reader_.takeAssembled()));
+    } else if (advisory::coversSystemSubject(*subject) || coversDaemonSubject(*subject)) {
+        onReserved(*subject, frame);
     } else {
-        actions_.publish(*subject, Payload::borrow(frame.bytes));
+        actions_.publish(*subject, payloadOf(frame));
     }
+}
+
+PayloadRef Peer::payloadOf(const wire::Frame& frame) {
+    return frame.assembled ? Payload::own(reader_.takeAssembled()) : Payload::borrow(frame.bytes);
+}
+
+void Peer::onReserved(SubjectView subject, const wire::Frame& frame) {
+    if (!isLossReportSubject(subject) || !actions_.mayReportLoss()) {
+        return counters_.add(Counter::MessagesReserved);
+    }
+    const PayloadRef message = payloadOf(frame);
+    const auto report = readLossReport(message->bytes());
+    if (!report) return counters_.add(Counter::MessagesUnreadable);
+    actions_.reportLoss(report->subject, report->lost, message);
 }
 
 void Peer::onListen(Bytes encoded) {

@@ -49,6 +49,11 @@ class PeerActions {
     virtual bool listen(SubjectView subject) = 0;
     virtual void cancel(SubjectView subject) = 0;
     virtual void publish(SubjectView subject, const PayloadRef& message) = 0;
+    /// Whether the session follows the interest of its space, and so may report losses.
+    virtual bool mayReportLoss() { return false; }
+    /// It reports messages on `subject`, which is within `message`, as lost.
+    virtual void reportLoss(SubjectView /*subject*/, std::uint64_t /*lost*/,
+                            const PayloadRef& /*message*/) {}
     /// False when the peer's turn is over: it stops reading its bytes.
     virtual bool mayGoOn() = 0;
     /// Closes the connection after the queued output. Called at most once, and last.
@@ -114,6 +119,8 @@ class Peer {
     void onFirstMessage(wire::Bytes message);
     bool onInit(wire::Bytes message);
     void onData(wire::Bytes encoded, const wire::Frame& frame);
+    void onReserved(SubjectView subject, const wire::Frame& frame);
+    PayloadRef payloadOf(const wire::Frame& frame);
     void onListen(wire::Bytes encoded);
     void onCancel(wire::Bytes encoded);
     void checkSilence(platform::Milliseconds now);

@@ -7,6 +7,9 @@
 // Patterns of a session beyond the first few go into a tree of its own, which a match leaves as
 // soon as it has found one: however many of them fit, and whatever they share with one another, a
 // message pays for a bounded number of steps. A session whose own tree takes more has to go.
+// A session that follows the interest of its space has all its listens in such a tree: the tree of
+// the space has what is told, but for the patterns in trees of others, which `Interest` counts. Its
+// listens are those of others, so it does not have to go: what would cost it more reaches it.
 //
 // A match finds each session once, although several of its listens may fit. In its first turn,
 // which mostly is the only one, it marks the sessions with its number; other matches come in
@@ -25,24 +28,32 @@
 namespace kvx::rvd {
 
 struct Router::Space {
-    explicit Space(SpaceName spaceName) : name(std::move(spaceName)) {}
+    Space(SpaceName spaceName, const Interest::Settings& settings)
+        : name(std::move(spaceName)), interest(settings) {}
+    // Whether a session that does not follow listens to exactly that subject.
+    [[nodiscard]] bool isListenedTo(SubjectView subject) const {
+        return tree.find(subject) != 0 || interest.hasPattern(subject);
+    }
 
     const SpaceName name;
     const SubjectHash hash{std::random_device()()};  // of the numbers of subjects
     SubjectTree<Session> tree;
     std::map<std::uint64_t, std::shared_ptr<OwnTree>> ownTrees;  // by number
     std::uint64_t newestOwn = 0;
+    Interest interest;
     Sessions sessions;
     std::size_t left = 0;  // sessions that have left, and still have listens
 };
 
-// The patterns of one session beyond the first few. A match may hold it longer than the session.
+// The patterns of one session beyond the first few, or all listens of one that follows. A match may
+// hold it longer than the session.
 struct Router::OwnTree {
     OwnTree(std::uint64_t ownNumber, Session& owner)
         : number(ownNumber), session(&owner), listens({owner.space_.hash}) {}
 
     const std::uint64_t number;
-    Session* session;  // null when it has none of these patterns any more
+    Session* session;                    // null when it has none of these listens any more
+    std::unique_ptr<Follower> follower;  // null: it does not follow
     SubjectTree<Session> tree;
     Listens listens;
 };
@@ -56,7 +67,6 @@ struct Router::Place {
 
 namespace {
 
-constexpr std::size_t kFewListens = 64;
 constexpr std::size_t kFewPatterns = 64;  // in the tree of the space
 constexpr std::size_t kUndonePerListen = 2;
 constexpr std::size_t kOwnTreeCost = 16'384;
@@ -76,15 +86,31 @@ SubjectMatch matchFor(SubjectView subject) {
     return subject.first() == kInboxElement ? SubjectMatch::kLiteralRoot : SubjectMatch::kAny;
 }
 
+std::string randomText() {
+    std::random_device random;
+    std::string text;
+    while (text.size() < 16) text += "0123456789abcdef"[random() % 16];
+    return text;
+}
+
 }  // namespace
 
-Router::Router(Counters& counters) : counters_(counters) {
+Router::Router(Counters& counters, std::size_t queueLimit)
+    : counters_(counters), interest_{randomText(), Interest::capacityFor(queueLimit)} {
     lastSubject_.reserve(kMaxSubjectBytes);  // a match needs no memory for it
 }
 Router::~Router() = default;
 
 Router::Session::Session(Space& space, Receiver& receiver, std::uint64_t newestMatch)
     : space_(space), receiver_(&receiver), joinedAfter_(newestMatch), listens_({space.hash}) {}
+
+std::size_t Router::Session::distinctListens() const {
+    return listens_.size() + (own_ ? own_->listens.size() : 0);
+}
+
+bool Router::Session::follows() const {
+    return own_ && own_->follower;
+}
 
 bool Router::Session::isIn(std::string_view service, std::string_view network) const {
     return space_.name.first == serviceOrDefault(service) && space_.name.second == network;
@@ -95,7 +121,7 @@ Router::Session& Router::join(std::string_view service, std::string_view network
     const SpaceName name(serviceOrDefault(service), network);
     const auto found = spaces_.find(name);
     std::unique_ptr<Space> made;
-    if (found == spaces_.end()) made = std::make_unique<Space>(name);
+    if (found == spaces_.end()) made = std::make_unique<Space>(name, interest_);
     Space& space = made ? *made : *found->second;
     space.sessions.push_back(std::unique_ptr<Session>(new Session(space, receiver, matchNumber_)));
     if (made) spaces_.emplace(name, std::move(made));
@@ -108,13 +134,15 @@ Router::Session& Router::join(std::string_view service, std::string_view network
 void Router::leave(Session& session) {
     Space& space = session.space_;
     ++changes_;
+    if (session.isTold_) unfollow(session);
     session.receiver_ = nullptr;
     counters_.subtract(Counter::ListensOpen, session.listenCount_);
     counters_.subtract(Counter::SessionsOpen);
     left_.splice(left_.begin(), space.sessions, session.place_);
     ++space.left;
     orphanedBytes_ += session.listenBytes_;
-    if (session.listens_.size() <= kFewListens) (void)clearUp(session.listens_.size() + 1);
+    const std::size_t listens = session.distinctListens();
+    if (listens <= kFewListens) (void)clearUp(listens + 1);
 }
 
 bool Router::clearUp(std::size_t most) {
@@ -124,10 +152,11 @@ bool Router::clearUp(std::size_t most) {
         orphanedBytes_ -= session.listenBytes_;
         if (Listen* const listen = session.listens_.any(); listen != nullptr) {
             undo(session, {space.tree, session.listens_, listen});
-        } else if (session.own_) {
+        } else if (session.own_ && session.own_->listens.size() != 0) {
             OwnTree& own = *session.own_;
             undo(session, {own.tree, own.listens, own.listens.any()});
         } else {
+            if (session.own_) dropOwnTree(session);
             left_.pop_front();
             const bool isLast = --space.left == 0 && space.sessions.empty();
             if (isLast) spaces_.erase(spaces_.find(space.name));
@@ -139,9 +168,27 @@ bool Router::clearUp(std::size_t most) {
 }
 
 void Router::undo(Session& session, const Place& place) {
+    if (!session.follows()) forget(session, place);
     (void)place.tree.remove(place.listen->subject, &session);
     place.listens.erase(place.listen);
-    if (!session.own_ || session.own_->listens.size() != 0) return;
+    if (session.own_ && session.own_->listens.size() == 0 && !session.isTold_) dropOwnTree(session);
+}
+
+// The listen does not count any more.
+void Router::forget(Session& session, const Place& place) noexcept {
+    Space& space = session.space_;
+    const auto id = place.listen->subject;
+    const SubjectView subject = place.tree.subject(id);
+    const bool isShared = &place.tree == &space.tree;
+    if (!isShared) space.interest.removePattern(subject);
+    if (!space.interest.isFollowed()) return;
+    const bool isElsewhere = isShared
+                                 ? space.tree.count(id) > 1 || space.interest.hasPattern(subject)
+                                 : space.isListenedTo(subject);
+    if (!isElsewhere) space.interest.removed(subject);
+}
+
+void Router::dropOwnTree(Session& session) noexcept {
     session.space_.ownTrees.erase(session.own_->number);
     session.own_->session = nullptr;
     session.own_.reset();
@@ -167,9 +214,8 @@ Router::Place Router::placeOf(Session& session, SubjectView subject) {
 // The place of a new listen.
 Router::Place Router::placeFor(Session& session, SubjectView subject) {
     Space& space = session.space_;
-    if (session.patterns_ < kFewPatterns || !subject.hasWildcards()) {
-        return {space.tree, session.listens_, nullptr};
-    }
+    const bool mayShare = session.patterns_ < kFewPatterns || !subject.hasWildcards();
+    if (mayShare && !session.follows()) return {space.tree, session.listens_, nullptr};
     if (!session.own_) {
         const std::uint64_t number = ++space.newestOwn;
         auto own = std::make_shared<OwnTree>(number, session);
@@ -184,13 +230,13 @@ Router::Place Router::placeFor(Session& session, SubjectView subject) {
 // they are undone.
 bool Router::listen(Session& session, SubjectView subject) {
     (void)clearUp(kUndonePerListen);
+    if (isInterestSubject(subject) && follow(session)) return true;
     Listen* const known = placeOf(session, subject).listen;
     if (known == nullptr) {
-        const std::size_t own = session.own_ ? session.own_->listens.size() : 0;
-        if (session.listens_.size() + own >= kMaxListens) return false;
+        if (session.distinctListens() >= kMaxListens) return false;
         const Place place = placeFor(session, subject);
         place.listens.makeRoom();
-        place.listens.insert({place.tree.add(subject, &session), 1});
+        place.listens.insert({add(session, place.tree, subject), 1});
         ++changes_;
         session.listenBytes_ += listenCost(subject);
         if (&place.listens == &session.listens_ && subject.hasWildcards()) ++session.patterns_;
@@ -204,7 +250,101 @@ bool Router::listen(Session& session, SubjectView subject) {
     return true;
 }
 
+// Adds a listen to a tree, and tells those who follow.
+std::uint32_t Router::add(Session& session, SubjectTree<Session>& tree, SubjectView subject) {
+    if (session.follows()) return tree.add(subject, &session);
+    Space& space = session.space_;
+    const bool isFirst = space.interest.isFollowed() && !space.isListenedTo(subject);
+    const auto id = tree.add(subject, &session);
+    if (&tree != &space.tree) {
+        try {
+            space.interest.addPattern(subject);
+        } catch (...) {
+            (void)tree.remove(id, &session);
+            throw;
+        }
+    }
+    if (isFirst) space.interest.added(subject);
+    return id;
+}
+
+// False, with nothing changed, when it has too many listens. Throws `std::bad_alloc` and changes
+// nothing.
+bool Router::follow(Session& session) {
+    Space& space = session.space_;
+    const bool isNew = !session.follows();
+    if (isNew && (session.own_ || session.listens_.size() > kFewListens)) return false;
+    if (!session.isTold_) space.interest.prepare();
+    if (isNew) moveToOwnTree(session);
+    ++session.own_->follower->listens;
+    ++session.listenCount_;
+    counters_.add(Counter::ListensOpen);
+    if (std::exchange(session.isTold_, true)) return true;
+    ++changes_;
+    counters_.add(Counter::FollowersOpen);
+    counters_.add(Counter::InterestSnapshots);
+    space.interest.join(*session.own_->follower);
+    return true;
+}
+
+// What it listens to does not count any more.
+void Router::moveToOwnTree(Session& session) {
+    Space& space = session.space_;
+    auto own = std::make_shared<OwnTree>(++space.newestOwn, session);
+    own->follower = std::make_unique<Follower>(*session.receiver_);
+    session.listens_.each([&](const Listen& listen) {
+        own->listens.makeRoom();
+        const auto id = own->tree.add(space.tree.subject(listen.subject), &session);
+        own->listens.insert({id, listen.number});
+    });
+    space.ownTrees.emplace(own->number, own);
+    while (Listen* const listen = session.listens_.any()) {
+        undo(session, {space.tree, session.listens_, listen});
+    }
+    session.patterns_ = 0;
+    session.own_ = std::move(own);
+    session.listenBytes_ += kOwnTreeCost;
+}
+
+void Router::unfollow(Session& session) noexcept {
+    session.isTold_ = false;
+    session.own_->follower->listens = 0;
+    session.space_.interest.leave(*session.own_->follower);
+    counters_.subtract(Counter::FollowersOpen);
+}
+
+void Router::tell(Session& session) noexcept {
+    if (!session.isTold_) return;
+    session.space_.interest.rest();
+    session.space_.interest.tell(*session.own_->follower);
+}
+
+void Router::tellMore(Session& session) noexcept {
+    session.space_.interest.tellMore(*session.own_->follower, session.space_.tree);
+}
+
+bool Router::hasMoreToTell(const Session& session) {
+    return session.isTold_ && session.own_->follower->stage != Follower::Stage::None;
+}
+
+void Router::refresh(Session& session, std::uint64_t losses) noexcept {
+    Follower& follower = *session.own_->follower;
+    const bool hasLost = std::exchange(follower.lossesSeen, losses) != losses;
+    if (!hasLost && !follower.isDue) return;
+    Interest::begin(follower);
+    counters_.add(Counter::InterestSnapshots);
+}
+
 void Router::cancel(Session& session, SubjectView subject) {
+    if (session.isTold_ && isInterestSubject(subject)) {
+        counters_.subtract(Counter::ListensOpen);
+        --session.listenCount_;
+        if (--session.own_->follower->listens != 0) return;
+        ++changes_;
+        unfollow(session);
+        if (session.own_->listens.size() == 0) dropOwnTree(session);
+        return;
+    }
     const Place place = placeOf(session, subject);
     if (place.listen == nullptr) return;
     counters_.subtract(Counter::ListensOpen);
@@ -223,7 +363,7 @@ std::optional<std::span<Receiver* const>> Router::lastMatch(const Session& from,
                                                             SubjectView subject) const {
     const std::size_t length = subject.length();
     const bool isKnown = lastSpace_ == &from.space_ && lastChanges_ == changes_ &&
-                         lastSubject_.size() == length &&
+                         lastFollows_ == from.follows() && lastSubject_.size() == length &&
                          std::memcmp(lastSubject_.data(), subject.data(), length) == 0;
     if (!isKnown) return std::nullopt;
     return found_;
@@ -247,6 +387,7 @@ Router::Match::Match(Router& router, const Session& from, SubjectView subject)
     : router_(router),
       space_(from.space_),
       how_(matchFor(subject)),
+      isFromFollower_(from.follows()),
       number_(++router.matchNumber_),
       shared_(space_.tree, how_) {}
 
@@ -275,6 +416,7 @@ void Router::Match::remember(SubjectView subject) {
     router_.lastSubject_.assign(bytes, bytes + subject.length());
     router_.lastSpace_ = &space_;
     router_.lastChanges_ = router_.changes_;
+    router_.lastFollows_ = isFromFollower_;
 }
 
 // A client that reconnects between two turns may have had the message by its former session.
@@ -283,42 +425,59 @@ void Router::Match::find(Session& session) {
     if (session.joinedAfter_ >= number_) return;
     session.lastMatch_ = number_;
     if (!isFirstTurn_ && !seen_.insert(session.receiver_).second) return;
+    if (session.isTold_) session.space_.interest.tell(*session.own_->follower);
     router_.found_.push_back(session.receiver_);
 }
 
 void Router::Match::searchOwn(SubjectView subject, std::size_t& steps) {
     while (steps > 0) {
-        if (!own_) {
-            isDone_ = !enterNext();
+        if (own_) {
+            if (searchTree(subject, steps)) own_.reset();
+        } else {
+            isDone_ = !enterNext(subject);
             if (isDone_) return;
             --steps;
-            continue;
         }
-        const std::size_t given = std::min(steps, own_->stepsLeft);
-        std::size_t left = given;
-        bool hasHit = false;
-        const bool isThrough = own_->search.advance(subject, left, [&](Session& session) {
-            find(session);
-            hasHit = true;
-            return false;
-        });
-        steps -= given - left;
-        own_->stepsLeft -= given - left;
-        const bool isTooCostly = !hasHit && !isThrough && own_->stepsLeft == 0;
-        Session* const owner = own_->own->session;
-        if (isTooCostly && owner != nullptr && owner->receiver_ != nullptr) {
-            owner->receiver_->dismiss();
-        }
-        if (hasHit || isThrough || isTooCostly) own_.reset();
     }
 }
 
+// Returns whether it needs no further turn.
+bool Router::Match::searchTree(SubjectView subject, std::size_t& steps) {
+    const std::size_t given = std::min(steps, own_->stepsLeft);
+    std::size_t left = given;
+    bool hasHit = false;
+    const bool isThrough = own_->search.advance(subject, left, [&hasHit](Session& /*session*/) {
+        hasHit = true;
+        return false;
+    });
+    steps -= given - left;
+    own_->stepsLeft -= given - left;
+    const bool isTooCostly = !hasHit && !isThrough && own_->stepsLeft == 0;
+    Session* const owner = own_->own->session;
+    if (owner != nullptr && owner->receiver_ != nullptr) {
+        const bool follows = owner->follows();
+        if (hasHit || (isTooCostly && follows)) {
+            find(*owner);
+        } else if (isTooCostly) {
+            owner->receiver_->dismiss();
+        }
+    }
+    return hasHit || isThrough || isTooCostly;
+}
+
 // Goes to the next session's tree. False when there is none.
-bool Router::Match::enterNext() {
+bool Router::Match::enterNext(SubjectView subject) {
     const auto next = space_.ownTrees.upper_bound(lastOwn_);
     if (next == space_.ownTrees.end()) return false;
     lastOwn_ = next->first;
-    own_ = std::make_unique<OwnSearch>(next->second, how_);
+    OwnTree& own = *next->second;
+    if (!own.follower) {
+        own_ = std::make_unique<OwnSearch>(next->second, how_);
+    } else if (!isFromFollower_) {
+        // The subject itself costs no search.
+        const bool isExact = how_ != SubjectMatch::kCovered && own.tree.find(subject) != 0;
+        isExact ? find(*own.session) : void(own_ = std::make_unique<OwnSearch>(next->second, how_));
+    }
     return true;
 }
 

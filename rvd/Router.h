@@ -17,37 +17,38 @@
 #include "rv/message/SubjectTree.h"
 #include "rv/message/SubjectView.h"
 #include "rvd/Counters.h"
-#include "rvd/Payload.h"
+#include "rvd/Interest.h"
+#include "rvd/Receiver.h"
 
 namespace kvx::rvd {
-
-/// Receives the messages that match a session.
-class Receiver {
-  public:
-    virtual ~Receiver() = default;
-    virtual void deliver(const PayloadRef& message) = 0;
-    /// The patterns of its session cost too much: the session must leave, though not within this
-    /// call.
-    virtual void dismiss() {}
-};
 
 /// Sessions, their spaces, and their listens.
 ///
 /// A space is a service and a network; messages never cross spaces. Listens are counted per session
 /// and subject. Loop thread only; does no I/O.
+///
+/// A session that listens to "_RVD.INTEREST" follows the interest of its space: it is told which
+/// subjects gain their first and lose their last listen (see `Interest`). What it listens to itself
+/// is not told, and what it sends does not reach those who follow. It begins to follow only while
+/// it has few listens; otherwise that listen is one like any other. Once it has cancelled it, it is
+/// told nothing more; the rest holds until it has cancelled all its listens.
 class Router {
   public:
     /// Distinct subjects that one session may listen to.
     static constexpr std::size_t kMaxListens = 262'144;
     /// Steps that the patterns of one session, but for the first few, may cost a message that fits
     /// none of them: about two for each node of the tree that it reaches. Patterns of n elements
-    /// with wildcards at the same places cost about 2 n together.
+    /// with wildcards at the same places cost about 2 n together. What would cost a session that
+    /// follows more is delivered to it.
     static constexpr std::size_t kMaxSteps = 1'024;
+    /// Listens that a session which begins to follow may have.
+    static constexpr std::size_t kFewListens = 64;
 
     class Session;
     class Match;
 
-    explicit Router(Counters& counters);
+    /// `queueLimit`: what may wait for one session, in bytes; what is told fits into that.
+    explicit Router(Counters& counters, std::size_t queueLimit = kUnlimitedQueue);
     Router(const Router&) = delete;
     Router& operator=(const Router&) = delete;
     ~Router();
@@ -80,9 +81,21 @@ class Router {
     [[nodiscard]] std::optional<std::span<Receiver* const>> lastMatch(const Session& from,
                                                                       SubjectView subject) const;
 
+    /// Delivers what has changed to a session that is told. It has been delivered already when a
+    /// match returns that session's receiver. Needs no memory: without it, `refresh` helps.
+    static void tell(Session& session) noexcept;
+    /// Likewise, and the next piece of the snapshot under way.
+    static void tellMore(Session& session) noexcept;
+    [[nodiscard]] static bool hasMoreToTell(const Session& session);
+    /// Begins a fresh snapshot, if something could not be told or its queue has lost something
+    /// since the last one began; `losses`: all so far.
+    void refresh(Session& session, std::uint64_t losses) noexcept;
+
     [[nodiscard]] std::size_t spaces() const { return spaces_.size(); }
 
   private:
+    static constexpr std::size_t kUnlimitedQueue = 1'000'000;
+
     /// How often a session listens to a subject.
     struct Listen {
         SubjectTree<Session>::SubjectId subject = 0;
@@ -101,11 +114,18 @@ class Router {
     using SpaceName = std::pair<std::string, std::string>;
     using Sessions = std::list<std::unique_ptr<Session>>;
 
+    bool follow(Session& session);
+    static void moveToOwnTree(Session& session);
+    void unfollow(Session& session) noexcept;
+    static std::uint32_t add(Session& session, SubjectTree<Session>& tree, SubjectView subject);
+    static void dropOwnTree(Session& session) noexcept;
+    static void forget(Session& session, const Place& place) noexcept;
     static Place placeOf(Session& session, SubjectView subject);
     static Place placeFor(Session& session, SubjectView subject);
     static void undo(Session& session, const Place& place);
 
     Counters& counters_;
+    const Interest::Settings interest_;
     std::map<SpaceName, std::unique_ptr<Space>> spaces_;
     Sessions left_;  // sessions that have left, and still have listens
     std::size_t orphanedBytes_ = 0;
@@ -113,6 +133,7 @@ class Router {
     std::uint64_t changes_ = 0;     // of what matches may find
     // Of `lastMatch`, whose result is `found_`.
     const Space* lastSpace_ = nullptr;  // null: none
+    bool lastFollows_ = false;          // the sender
     std::uint64_t lastChanges_ = 0;
     std::vector<std::uint8_t> lastSubject_;
     std::uint64_t matchNumber_ = 0;  // of the newest match
@@ -126,9 +147,14 @@ class Router::Session {
     /// Memory of its listens in bytes, an upper estimate.
     [[nodiscard]] std::size_t listenBytes() const { return listenBytes_; }
 
+    /// Whether it is told the interest of its space.
+    [[nodiscard]] bool isTold() const { return isTold_; }
+
   private:
     friend class Router;
     Session(Space& space, Receiver& receiver, std::uint64_t newestMatch);
+    [[nodiscard]] bool follows() const;
+    [[nodiscard]] std::size_t distinctListens() const;
 
     Space& space_;
     Receiver* receiver_;  // null once it has left
@@ -136,6 +162,7 @@ class Router::Session {
     const std::uint64_t joinedAfter_;  // the newest match then: it and older ones do not find it
     std::uint64_t listenCount_ = 0;
     std::uint64_t lastMatch_ = 0;  // the newest match that has found it
+    bool isTold_ = false;
     std::size_t listenBytes_ = 0;
     std::size_t patterns_ = 0;  // of `listens_`
     Listens listens_;           // in the tree of the space
@@ -170,12 +197,14 @@ class Router::Match {
 
     void find(Session& session);
     void searchOwn(SubjectView subject, std::size_t& steps);
-    bool enterNext();
+    bool searchTree(SubjectView subject, std::size_t& steps);
+    bool enterNext(SubjectView subject);
     void remember(SubjectView subject);
 
     Router& router_;
     Space& space_;
     const SubjectMatch how_;
+    const bool isFromFollower_;
     const std::uint64_t number_;
     SubjectTree<Session>::Search shared_;
     std::unique_ptr<OwnSearch> own_;  // the tree being searched

@@ -66,7 +66,7 @@ Server::Server(const Options& options, const Log& log)
     : options_(options),
       log_(log),
       account_(memoryLimit(options)),
-      router_(counters_),
+      router_(counters_, options.queueLimit),
       line_([] { return static_cast<Nanoseconds>(uv_hrtime()); }, platform::threadCpuNanoseconds),
       context_{loop_,
                log_,

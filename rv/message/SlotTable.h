@@ -53,6 +53,16 @@ class BasicSlotTable {
         return nullptr;
     }
 
+    /// Calls `visit(const Slot&)` for each slot in use.
+    template <class Visit>
+    void each(Visit visit) const {
+        for (const Part& part : parts_) {
+            for (std::size_t i = 0; i <= part.mask; ++i) {
+                if (part.slots[i].number != 0) visit(std::as_const(part.slots[i]));
+            }
+        }
+    }
+
     /// Prefetches the first slot that `find` reads.
     void prefetch(std::uint32_t hash) const {
         const Part& part = parts_[partOf(hash)];

@@ -31,6 +31,11 @@ class SubjectIndex {
     /// Needs no memory.
     [[nodiscard]] bool remove(SubjectId id, const void* subscription) noexcept;
     [[nodiscard]] SubjectId find(SubjectView subject) const;
+    [[nodiscard]] SubjectId next(SubjectId from) const { return leaves_.next(from); }
+    [[nodiscard]] std::size_t count(SubjectId id) const {
+        return leaves_.holds(id) ? leaves_[id].entries().size() : 0;
+    }
+    [[nodiscard]] SubjectView subject(SubjectId id) const { return leaves_[id].view(); }
     [[nodiscard]] std::size_t size() const { return size_; }
 
     /// The subjects that one match reaches, each once.

@@ -48,6 +48,14 @@ class SubjectTree {
     /// The number of a subject that has subscriptions; 0 for any other.
     SubjectId find(SubjectView subject) const { return index_.find(subject); }
 
+    /// The number of subscriptions on exactly that subject; 0 for a number that names none.
+    std::size_t count(SubjectId subject) const { return index_.count(subject); }
+    /// The bytes of a subject whose `count` is not 0, valid until it has no subscription any more.
+    SubjectView subject(SubjectId id) const { return index_.subject(id); }
+    /// A walk over all subjects, between whose steps everything may change: the next number from
+    /// `from` on that may have a `count`, 0 at the end. Numbers begin with 1.
+    SubjectId next(SubjectId from) const { return index_.next(from); }
+
     /// Undoes the latest `add`; needs no memory. Returns false, and changes nothing, when there
     /// was none. Linear in the number of subscriptions on this very subject.
     [[nodiscard]] bool remove(SubjectId subject, const Subscription* subscription) noexcept {

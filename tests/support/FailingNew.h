@@ -4,26 +4,10 @@
 #include <cstdlib>
 #include <new>
 
+#include "tests/support/FailureOfNew.h"
+
 /// Replaces the allocations of the test program it is included in, by one file only.
 namespace kvx::test {
-
-/// Of this thread: how many succeed before one fails, or all when `newsFailForGood`; negative: none
-/// fails.
-inline thread_local long newsBeforeFailure = -1;
-inline thread_local bool newsFailForGood = false;
-/// How many fail one after another; 1 again after that.
-inline thread_local long newsToFail = 1;
-
-/// Counts an allocation; true when it should fail.
-inline bool nextFails() {
-    const bool fails = newsBeforeFailure == 0;
-    if (newsBeforeFailure > 0) --newsBeforeFailure;
-    if (fails && !newsFailForGood && --newsToFail == 0) {
-        newsBeforeFailure = -1;
-        newsToFail = 1;
-    }
-    return fails;
-}
 
 inline void* allocateOrFail(std::size_t size, std::size_t alignment) {
     void* memory = nullptr;
