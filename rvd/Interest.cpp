@@ -13,7 +13,6 @@
 #include <array>
 #include <new>
 
-#include "rv/message/rvSubject.h"
 #include "rv/message/rvmsg.h"
 #include "rv/wire/ControlMessage.h"
 
@@ -22,7 +21,6 @@ namespace {
 
 constexpr std::string_view kInterestElement = "INTEREST";
 constexpr std::string_view kLostElement = "LOST";
-constexpr const char* kInterestText = "_RVD.INTEREST";
 constexpr std::size_t kMostBytes = 16'000;
 constexpr std::size_t kLeastBytes = kMaxSubjectBytes + 64;  // for one subject
 constexpr std::size_t kQueueParts = 4;
@@ -31,10 +29,9 @@ bool isBelowDaemon(SubjectView subject) {
     return subject.count() == 2 && subject.first() == kDaemonElement;
 }
 
-const Subject& interestSubject() {
-    static const Subject subject = *Subject::fromText(kInterestText);
-    return subject;
-}
+// "_RVD.INTEREST", encoded.
+constexpr std::array<std::uint8_t, 19> kInterestSubject = {
+    0, 19, 2, 6, '_', 'R', 'V', 'D', 0, 10, 'I', 'N', 'T', 'E', 'R', 'E', 'S', 'T', 0};
 
 }  // namespace
 
@@ -53,9 +50,7 @@ bool coversDaemonSubject(SubjectView subject) {
 }
 
 InterestMessage::InterestMessage(std::size_t capacity)
-    : capacity_(capacity), body_(std::make_unique_for_overwrite<std::uint8_t[]>(capacity)) {
-    (void)interestSubject();  // which `build` uses
-}
+    : capacity_(capacity), body_(std::make_unique_for_overwrite<std::uint8_t[]>(capacity)) {}
 
 void InterestMessage::begin(const char* operation) noexcept {
     (void)rvmsg_Init(body_.get(), static_cast<rvmsg_Size>(capacity_));
@@ -77,10 +72,7 @@ void InterestMessage::add(const char* field, const char* text) noexcept {
 }
 
 PayloadRef InterestMessage::build() const {
-    const SubjectView subject = interestSubject();
-    const auto built =
-        wire::buildData({static_cast<const std::uint8_t*>(subject.data()), subject.length()},
-                        nullptr, 0, {RVMSG_MSG, 0, body_.get()});
+    const auto built = wire::buildData(kInterestSubject, nullptr, 0, {RVMSG_MSG, 0, body_.get()});
     if (built.code != 0) throw std::bad_alloc();
     return Payload::copy(built.message.view());
 }

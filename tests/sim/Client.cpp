@@ -191,6 +191,7 @@ void Client::join() {
         if (session_->handle() == nullptr) session_.reset();  // without memory
     });
     if (!session_ && rv_IsOpen(made)) world->fail("a session without owner stays open");
+    if (traits_.follows) listen("_RVD.INTEREST");
 }
 
 void Client::leave() {

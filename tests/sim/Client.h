@@ -45,6 +45,7 @@ class Client {
         bool batching;
         bool isOld;
         int readBudget;
+        bool follows;  // the interest of its space, from its first listen on
     };
 
     Client(unsigned number, Traits traits);
@@ -57,6 +58,7 @@ class Client {
 
     // The calm at the end: every listener of a joined client hears every mark on its subjects.
     [[nodiscard]] bool isJoined() const { return session_ && session_->handle() != nullptr; }
+    [[nodiscard]] bool follows() const { return traits_.follows; }
     [[nodiscard]] const std::string& service() const { return traits_.service; }
     [[nodiscard]] const std::vector<std::unique_ptr<Ear>>& ears() const { return ears_; }
     struct Mark {

@@ -6,6 +6,7 @@
 #include "rv/message/WireReader.h"
 #include "rv/message/rvmsg.h"
 #include "rv/wire/ControlMessage.h"
+#include "rvd/Router.h"
 #include "tests/sim/World.h"
 
 namespace kvx::sim {
@@ -13,6 +14,7 @@ namespace kvx::sim {
 namespace {
 
 constexpr std::size_t kHeader = 8;
+const std::string kInterest = "_RVD.INTEREST";
 
 std::uint32_t wordAt(const std::string& bytes, std::size_t at) {
     return loadBig32(reinterpret_cast<const std::uint8_t*>(bytes.data()) + at);
@@ -140,10 +142,12 @@ void Ledger::fromClient(unsigned link, Session& session, std::string_view messag
             return;
         case wire::MessageType::Listen:
             if (listens.count++ == 0) listens.since = epoch_;
+            noteFollowing(session, subject);
             for (const Published& earlier : recent_) owe(link, session, earlier, true);
             return;
         case wire::MessageType::Cancel:
             if (listens.count > 0 && --listens.count == 0) listens.endedIn = epoch_;
+            noteFollowing(session, subject);
             makeUncertain(session);
             return;
         case wire::MessageType::Data:
@@ -151,6 +155,41 @@ void Ledger::fromClient(unsigned link, Session& session, std::string_view messag
                 {link, session.space, subject, MessageId::of(payloadOf(message)), message.size()});
         default:
             world->fail("the client sent a message of another kind" + linkName(link));
+    }
+}
+
+std::set<std::string> Ledger::subjectsOf(const Session& session) {
+    std::set<std::string> subjects;
+    for (const auto& [subject, listens] : session.listens)
+        if (listens.count > 0) subjects.insert(subject);
+    return subjects;
+}
+
+// From a listen to that subject on, unless there are many others, until nothing is left.
+void Ledger::noteFollowing(Session& session, const std::string& subject) {
+    const std::size_t number = subjectsOf(session).size();
+    const bool begins = subject == kInterest && session.listens[subject].count > 0 &&
+                        number <= 1 + rvd::Router::kFewListens;
+    const bool follows = session.follows ? number > 0 : begins;
+    if (follows == std::exchange(session.follows, follows)) return;
+    session.hasFollowed = true;
+    session.followsSince = epoch_;
+    makeUncertain(session);
+}
+
+void Ledger::checkInterest() const {
+    for (const auto& [link, follower] : sessions_) {
+        const auto listens = follower.listens.find(kInterest);
+        if (follower.gone || !follower.follows || listens->second.count == 0) continue;
+        std::set<std::string> expected;
+        for (const auto& [other, session] : sessions_)
+            if (session.joined && !session.gone && !session.follows &&
+                session.space == follower.space)
+                expected.merge(subjectsOf(session));
+        if (!follower.told.isComplete) world->fail("not told all interest" + linkName(link));
+        if (follower.told.known != expected)
+            world->fail("told " + std::to_string(follower.told.known.size()) + " subjects of " +
+                        std::to_string(expected.size()) + linkName(link));
     }
 }
 
@@ -178,9 +217,13 @@ void Ledger::owe(unsigned link, Session& session, const Published& message, bool
     if (!session.joined || session.gone || session.space != message.space) return;
     const bool own = link == message.from;
     if (session.places.contains(message.id) || (mayBeLate && own)) return;
+    const Session& from = sessions_[message.from];
+    const bool isNews = !own && session.hasFollowed && session.followsSince == epoch_;
+    if (from.follows && session.follows && !isNews) return;
     bool certain = false;
     bool possible = false;
     for (const auto& [pattern, listens] : session.listens) {
+        if (session.hasFollowed && pattern == kInterest) continue;
         if (!hears(pattern, message.subject)) continue;
         certain = certain || (listens.count > 0 && (own || listens.since < epoch_));
         possible = possible || listens.count > 0 || (!own && listens.endedIn == epoch_);
@@ -188,7 +231,7 @@ void Ledger::owe(unsigned link, Session& session, const Published& message, bool
     if (!possible) return;
     const bool tooLarge = message.size > queueLimit;
     session.places[message.id] = session.due.size();
-    certain = certain && !sessions_[message.from].isIgnored;
+    certain = certain && !from.isIgnored && !(from.follows && isNews);
     session.due.push_back({message.id, certain, tooLarge, message.from, epoch_});
 }
 
@@ -201,6 +244,10 @@ void Ledger::toClient(unsigned link, Session& session, std::string_view message)
     if (routing.type != wire::MessageType::Data) return;
     const auto view = SubjectView::parse(routing.subject.data(), routing.subject.size());
     if (!view) world->fail("the daemon wrote a message without subject");
+    if (session.told.takeMessage(asBytes(message))) {
+        if (!session.hasFollowed) world->fail("told without being asked" + linkName(link));
+        return;
+    }
     if (view->text() != "_RV.WARN.SYSTEM.DATALOSS")
         return pay(link, session, MessageId::of(payloadOf(message)));
     rvmsg_Type type = 0;
@@ -224,7 +271,8 @@ void Ledger::pay(unsigned link, Session& session, MessageId id) {
     const auto found = session.places.find(id);
     const std::string what = id.text() + linkName(link);
     if (found == session.places.end()) {
-        if (session.gone) return;  // published before it had left
+        if (session.gone) return;         // published before it had left
+        if (session.hasFollowed) return;  // the search for its patterns took too long
         world->fail("delivered but not due: " + what);
     }
     Due& due = session.due[found->second];
@@ -238,7 +286,8 @@ void Ledger::pay(unsigned link, Session& session, MessageId id) {
         if (isMissing(session.due[p->second])) ++session.skipped;
     if (session.skipped > session.announced)
         world->fail("a loss was not announced ahead of " + what);
-    if (session.announced > 0 && !noMemory && session.announced > mayBeLost(session, due))
+    if (session.announced > 0 && !noMemory && !session.hasFollowed &&
+        session.announced > mayBeLost(session, due))
         world->fail("newer messages were dropped before " + what);
 }
 
@@ -252,7 +301,7 @@ void Ledger::checkCalm() const {
             ++most;
             if (due.certain) ++least;
         }
-        if (session.announced < least || session.announced > most)
+        if (session.announced < least || (session.announced > most && !session.hasFollowed))
             world->fail(std::to_string(session.announced) + " announced as lost, " +
                         std::to_string(least) + " to " + std::to_string(most) + " missing" +
                         linkName(link));

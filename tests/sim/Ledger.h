@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tests/support/Told.h"
+
 namespace kvx::sim {
 
 /// The identity of a message: its sender's session and its place among what that session sent.
@@ -49,6 +51,10 @@ class Ledger {
     /// A session has published a message, which its library accepted or not.
     void sent(MessageId id, bool accepted) { accepted_[id] = accepted; }
 
+    /// Nothing waits anywhere: each session that follows interest knows what the others of its
+    /// space listen to.
+    void checkInterest() const;
+
     /// Nothing waits anywhere: what is due to a living session has arrived or is announced as lost.
     void checkCalm() const;
 
@@ -88,6 +94,11 @@ class Ledger {
         std::uint64_t skipped = 0;                // in the order of each sender
         std::uint64_t announced = 0;
         MessageId lastRead;
+        // It follows the interest of its space, which also reaches its queue.
+        bool follows = false;
+        bool hasFollowed = false;
+        std::uint64_t followsSince = 0;  // or has ended
+        test::Told told;
     };
 
     struct Published {
@@ -101,6 +112,8 @@ class Ledger {
     template <class Visit>
     static void cut(Stream& stream, std::string_view bytes, Visit visit);
     void fromClient(unsigned link, Session& session, std::string_view message);
+    void noteFollowing(Session& session, const std::string& subject);
+    static std::set<std::string> subjectsOf(const Session& session);
     void makeUncertain(Session& session) const;
     static std::uint64_t mayBeLost(const Session& session, const Due& paid);
     void published(const Published& message);

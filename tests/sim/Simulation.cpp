@@ -75,7 +75,8 @@ class Simulation {
         for (unsigned i = 0; i < plan_.clients; ++i)
             clients_.push_back(std::make_unique<Client>(
                 i, Client::Traits{random.oneIn(4), random.oneIn(6) ? "other" : "7500",
-                                  random.oneIn(4), random.oneIn(8), random.oneIn(3) ? 100 : 4096}));
+                                  random.oneIn(4), random.oneIn(8), random.oneIn(3) ? 100 : 4096,
+                                  i == 0 && Random(seed ^ 0xF0110ULL).oneIn(3)}));
     }
 
     void play(const Schedule& schedule) {
@@ -99,6 +100,7 @@ class Simulation {
             for (const auto& client : clients_) client->beginCalm(plan_.mostListens);
         }
         world->ledger.checkCalm();
+        world->ledger.checkInterest();
     }
 
     // No living listener is deaf.
@@ -114,9 +116,10 @@ class Simulation {
             for (const Client::Mark& mark : from->marks())
                 for (const auto& to : clients_) {
                     if (!to->isJoined() || to->service() != from->service()) continue;
+                    if (to == from && to->follows()) continue;
                     for (const auto& ear : to->ears())
-                        if (ear->listener != nullptr && hears(ear->subject, mark.subject) &&
-                            !ear->heard.contains(mark.id))
+                        if (ear->listener != nullptr && ear->subject != "_RVD.INTEREST" &&
+                            hears(ear->subject, mark.subject) && !ear->heard.contains(mark.id))
                             world->fail("deaf: " + to->program().name + " '" + ear->subject +
                                         "' to " + mark.id.text() + " on '" + mark.subject + "'");
                 }
