@@ -83,6 +83,14 @@ void playScript(std::uint16_t port) try {
     sender.send(giant);
     sync(sender);
     sync(slow);
+    RawClient follower = RawClient::session(port);
+    follower.listen("_RVD.INTEREST");
+    follower.listen("B");
+    sync(follower);
+    for (int i = 0; i < 70; ++i) sender.listen(std::to_string(i) + ".A_LONGER_ELEMENT.*");
+    sender.publish("B", "x");
+    sync(sender);
+    sync(follower);
     slow.cancel("B");
     slow.send(wire::kCloseBlock);
     slow.readToTheEnd();
