@@ -1,0 +1,1 @@
+#include "rvbridge/Ledger.h"
