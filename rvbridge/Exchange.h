@@ -20,6 +20,8 @@
 
 namespace kvx::bridge {
 
+struct ControlMessage;
+
 /// A point or a span of time of one host's monotonic clock.
 using Microseconds = std::int64_t;
 
@@ -41,8 +43,7 @@ struct HostState {
     bool complete = false;                  ///< we know them all
 };
 
-/// What an `Exchange` does. Called last in each step, so that these may call back, but for
-/// `hostDown` and `hostUp`; the exchange must outlive the call.
+/// What an `Exchange` does. None of these may call back into it.
 class ExchangeActions {
   public:
     virtual ~ExchangeActions() = default;
@@ -146,42 +147,84 @@ class Exchange {
 
   private:
     enum class Stage : std::uint8_t { Silent, Joining, Ready, Ended };
-    struct Said;  // fields of a control message
     struct Own {
         std::uint64_t toldIn = 0;  // number of the change
         bool isOld = false;        // not yet confirmed by the snapshot in progress
     };
-    // A ping that came back: what was ours when it was sent, what was theirs when they answered.
+    // A ping that came back: what we had told when it was sent, and the sender's newest key epoch.
     struct Ack {
         std::uint64_t change = 0;
         std::uint32_t keyEpoch = 0;
     };
+    using Subjects = std::unordered_set<std::string>;  // encoded
     struct Host {
         HostState state;
-        std::unordered_set<std::string> subjects;
+        Subjects subjects;
         std::uint64_t change = 0;  // the last one known
         std::uint64_t digest = 0;  // of `subjects`
         Microseconds heard = 0;
-        std::optional<Microseconds> askAt;         // incomplete: when to ask (again)
-        std::unordered_set<std::string> incoming;  // of the snapshot whose parts are coming
+        std::optional<Microseconds> askAt;  // incomplete: when to ask next
+        Subjects incoming;                  // of the snapshot whose parts are coming
         std::uint64_t incomingChange = 0;
-        std::uint32_t incomingPart = 0;  // the next one; 0: none is coming
-        Microseconds pingAt = 0;         // stamp of the last ping; 0 when it has come back
-        std::uint64_t pingChange = 0;
+        std::uint32_t incomingPart = 0;  // the next one
+        std::uint64_t pingChange = 0;    // what we had told when it was pinged
+        std::optional<Microseconds> pingedAt;
         std::deque<Ack> acks;  // oldest first
     };
 
     static SubjectMatch howToMatch(SubjectView subject);
+    [[nodiscard]] bool isTalking() const { return stage_ == Stage::Joining || isReady(); }
+    Microseconds jitter(Microseconds atLeast, Microseconds atMost);
 
-    SubjectTree<Host> mutable others_;
-    std::map<std::string, std::unique_ptr<Host>, std::less<>> hosts_;
-    std::deque<HostState> dead_;  // oldest first
+    std::uint64_t pend(std::uint8_t what, SubjectView subject);
+    void drop(std::unordered_map<std::string, Own>::iterator own);
+    void sendState(std::uint8_t op);
+    void sendSnapshot(Microseconds now);
+    void wantSnapshot(Microseconds now, std::string_view asker);
+    void pingSome(Microseconds now);
+    void askAndForget(Microseconds now);
+
+    Host* hostOf(Microseconds now, const Frame& frame, const ControlMessage& said);
+    void judgeRival(const Frame& frame, const ControlMessage& said, bool sameName);
+    void obeyTaken(const Frame& frame, const ControlMessage& said);
+    void takeState(Microseconds now, Host& host, const ControlMessage& said);
+    void takeChange(Microseconds now, Host& host, const ControlMessage& said);
+    void takeSnapshot(Microseconds now, Host& host, const ControlMessage& said);
+    void takePong(Microseconds now, Host& host, const ControlMessage& said);
+    void setComplete(Host& host, std::uint64_t change);
+    void setIncomplete(Microseconds now, Host& host);
+    void insert(Host& host, SubjectView subject);
+    void erase(Host& host, SubjectView subject);
+    void forget(Host& host);
+
     BridgeIdentity identity_;
     ExchangeActions& actions_;
     Stage stage_ = Stage::Silent;
+    std::minstd_rand random_;
+    std::size_t limit_ = kMaxControl;
+
+    // Our own host.
     std::string daemon_;
     std::unordered_map<std::string, Own> own_;
+    SubjectTree<Own> ownPatterns_;  // those with wildcards
+    std::uint64_t change_ = 0;      // told last
+    std::uint64_t digest_ = 0;
+    std::vector<std::uint8_t> pending_;  // the next change, as it will be sent; empty: none
+
+    // The others.
+    SubjectTree<Host> mutable others_;
+    std::map<std::string, std::unique_ptr<Host>, std::less<>> hosts_;
+    std::deque<HostState> dead_;  // oldest first
     std::uint64_t unreadable_ = 0;
+
+    // What is due when.
+    Microseconds startedAt_ = 0;
+    Microseconds tickedAt_ = 0;
+    Microseconds beatAt_ = 0;
+    std::optional<Microseconds> snapshotAt_;
+    Microseconds snapshotSentAt_ = 0;
+    std::set<std::string, std::less<>> askers_;
+    std::string pinged_;  // the host pinged last
 };
 
 }  // namespace kvx::bridge

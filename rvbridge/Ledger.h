@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <list>
 #include <map>
 #include <string>
@@ -36,7 +37,7 @@ class RecentTable {
     }
     /// Adds an absent key.
     Value& add(std::string_view key, Value value) {
-        if (index_.size() >= limit_) erase(std::prev(entries_.end()));
+        if (isFull()) erase(std::prev(entries_.end()));
         entries_.emplace_front(std::string(key), std::move(value));
         index_.emplace(entries_.front().first, entries_.begin());
         return entries_.front().second;
@@ -49,7 +50,7 @@ class RecentTable {
     void eraseIf(Condition&& condition) {
         for (auto at = entries_.begin(); at != entries_.end();) {
             const auto here = at++;
-            if (condition(here->first)) erase(here);
+            if (condition(here->first, here->second)) erase(here);
         }
     }
     /// Latest first: `visit(const std::string& key, Value&)`.
@@ -58,6 +59,9 @@ class RecentTable {
         for (auto& [key, value] : entries_) visit(key, value);
     }
     [[nodiscard]] std::size_t size() const { return index_.size(); }
+    /// Whether the next `add` makes `oldest` leave.
+    [[nodiscard]] bool isFull() const { return index_.size() >= limit_; }
+    [[nodiscard]] auto& oldest() { return entries_.back(); }
 
   private:
     using Entries = std::list<std::pair<const std::string, Value>>;
@@ -201,7 +205,8 @@ class Receiver {
     struct Peer {
         std::uint32_t id = 0;  // in the keys of `expected_`
         std::string host;
-        std::uint64_t last = 0;  // sequence seen last
+        std::uint64_t last = 0;       // sequence seen last
+        std::uint32_t forgotten = 0;  // newest key epoch of what has left `expected_`
         Losses losses{};
         Received received;
         // The message with sequence `last`, of which parts are still to come.
@@ -226,6 +231,7 @@ class Receiver {
     void deliver(Peer& peer, SubjectView subject, Bytes message);
     void lose(Peer& peer, SubjectView subject, std::uint64_t messages, LossCause cause);
     void giveUp(Peer& peer);
+    void drop(const std::string& key, const Expected& expected);
     wire::Buffer release(Peer& peer);
     void makeRoom(const Peer& keep, std::size_t more);
     [[nodiscard]] LossCause causeSince(std::uint64_t fault) const;
@@ -233,6 +239,7 @@ class Receiver {
     ReceiverSink& sink_;
     RecentTable<Peer> peers_;         // by epoch and host
     RecentTable<Expected> expected_;  // by the peer's id and the subject
+    std::unordered_map<std::uint32_t, Peer*> byId_;
     std::uint32_t nextId_ = 1;
     std::map<std::uint64_t, Peer*> unfinished_;  // by age
     std::uint64_t nextAge_ = 1;
