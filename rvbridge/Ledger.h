@@ -183,7 +183,8 @@ class Receiver {
     /// come since.
     void fault(LossCause cause);
 
-    /// Our subscription to `pattern` ends: what is expected on its subjects is unknown. One lookup
+    /// Our subscription to `pattern` ends: what is expected on its subjects is unknown. Frames that
+    /// still come by it must not be taken. One lookup
     /// a host without wildcards, else one comparison for each subject in the table.
     void forget(SubjectView pattern);
 
