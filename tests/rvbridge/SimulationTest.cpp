@@ -12,6 +12,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "rvbridge/EngineSubject.h"
@@ -203,6 +204,7 @@ struct World {
     std::mt19937_64 random;
     Microseconds now = 3'600'000'000;
     int lossPerMille = 0;
+    bool hasIntruder = false;  // one, so that its rival is not refused by a third
     int maxDelay = 20'000;
     std::size_t maxSubjects = Sender::kMaxSubjects;
     std::vector<std::unique_ptr<Node>> nodes;
@@ -362,7 +364,7 @@ void Node::lost(std::string_view, SubjectView s, std::uint64_t n, LossCause) {
 void World::restart(Node& node) {
     if (dice(2) == 0) node.exchange.stop();
     node.isAlive = false;
-    start(node.name, "daemon of " + node.name);
+    start(std::string(node.name), std::string(node.daemonId));
 }
 
 void World::snapshotAgain(Node& node) {
@@ -404,9 +406,10 @@ void World::act() {
         lossPerMille = dice(3) * 100;
     } else if (what < 79) {
         restart(*node);
-    } else if (what < 80 && nodes.size() < 9) {
+    } else if (what < 80 && !std::exchange(hasIntruder, true)) {
         const bool sameName = dice(2) == 0;
-        start(sameName ? node->name : "intruder", sameName ? "elsewhere" : node->daemonId);
+        start(sameName ? node->name : "intruder at " + node->daemonId,
+              sameName ? "elsewhere as " + node->name : node->daemonId);
     } else if (what < 85) {
         snapshotAgain(*node);
     } else {
@@ -415,6 +418,13 @@ void World::act() {
 }
 
 void World::expectAtRest() {
+    for (const auto& node : nodes) {
+        // Of two bridges of one host one stays.
+        EXPECT_TRUE(std::any_of(nodes.begin(), nodes.end(), [&](const auto& other) {
+            return other->isAlive &&
+                   (other->name == node->name || other->daemonId == node->daemonId);
+        })) << node->name;
+    }
     for (const auto& node : nodes) {
         if (!node->isAlive) continue;
         std::set<std::string> others;
