@@ -170,6 +170,7 @@ void Receiver::startParts(Peer& peer, const Frame& frame, SubjectView subject) {
     }
     peer.subject = bytesOf(subject);
     peer.total = frame.total;
+    peer.isUncounted = false;
     peer.age = nextAge_++;
     unfinished_.emplace(peer.age, &peer);
     appendPart(peer, frame);
@@ -215,6 +216,7 @@ void Receiver::giveUp(Peer& peer) {
     if (peer.subject.empty()) return;
     const std::string subject = peer.subject;
     static_cast<void>(release(peer));
+    if (peer.isUncounted) return;
     lose(peer, SubjectView::trusted(subject.data()), 1, LossCause::PartMissing);
 }
 
@@ -266,6 +268,10 @@ void Receiver::fault(LossCause cause) {
 }
 
 void Receiver::forget(SubjectView pattern) {
+    // The other parts may still come by another subscription; if not, nobody wanted them.
+    for (const auto& [age, peer] : unfinished_) {
+        if (matches(pattern, SubjectView::trusted(peer->subject.data()))) peer->isUncounted = true;
+    }
     if (pattern.hasWildcards()) {
         expected_.eraseIf([this, pattern](const std::string& key, const Expected& expected) {
             if (!matches(pattern, SubjectView::trusted(key.data() + kIdBytes))) return false;

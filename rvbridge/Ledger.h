@@ -215,6 +215,7 @@ class Receiver {
         wire::Buffer bytes;
         std::uint32_t total = 0;
         std::uint64_t age = 0;
+        bool isUncounted = false;  // a subscription to the subject has ended since it began
     };
     struct Expected {
         std::uint32_t keyEpoch = 0;

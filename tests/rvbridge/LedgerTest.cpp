@@ -87,6 +87,9 @@ TEST_F(Ledger, PutsPartsTogether) {
     EXPECT_EQ(takePart(writer, {3, 1, 3}, 2), Seen{});
     EXPECT_EQ(takePart(writer, {4, 1, 4}, 0), Seen{});
     EXPECT_EQ(takeMessages({5, 1, 5}, 1), (Seen{"h A 1 part missing", "message 10"}));
+    EXPECT_EQ(takePart(writer, {6, 1, 6}, 0), Seen{});
+    receiver.forget(a);
+    EXPECT_EQ(takeMessages({7, 1, 7}, 1), Seen{"message 10"}) << "nobody wanted the rest";
     EXPECT_EQ(receiver.unfinishedBytes(), 0U);
 }
 
