@@ -8,14 +8,6 @@ namespace {
 
 constexpr std::string_view kReservedByDaemon = "_RVD";
 
-bool take64(WireReader& reader, std::uint64_t& value) {
-    std::uint32_t high = 0;
-    std::uint32_t low = 0;
-    if (!reader.u32(high) || !reader.u32(low)) return false;
-    value = std::uint64_t{high} << 32U | low;
-    return true;
-}
-
 bool takeText(WireReader& reader, std::string_view& text) {
     std::uint8_t size = 0;
     const std::uint8_t* at = nullptr;

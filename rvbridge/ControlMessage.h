@@ -8,6 +8,7 @@
 
 #include "rv/message/SubjectView.h"
 #include "rv/message/WireFormat.h"
+#include "rvbridge/Frame.h"
 
 namespace kvx::bridge {
 

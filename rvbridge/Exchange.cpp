@@ -30,9 +30,6 @@ constexpr std::size_t kPingsPerBeat = 16;
 constexpr std::size_t kMaxAcks = 16;
 constexpr std::size_t kLeastLimit = 2'048;
 
-std::string_view bytesOf(SubjectView subject) {
-    return {static_cast<const char*>(subject.data()), subject.length()};
-}
 SubjectView viewOf(const std::string& subject) {
     return SubjectView::trusted(subject.data());
 }

@@ -19,13 +19,6 @@ constexpr std::size_t kCountBytes = 4;
 constexpr std::size_t kLengthBytes = 4;
 constexpr std::size_t kPartFieldBytes = 8;  // total and offset
 
-bool take64(WireReader& reader, std::uint64_t& value) {
-    const std::uint8_t* at = nullptr;
-    if (!reader.take(sizeof value, at)) return false;
-    value = loadBig64(at);
-    return true;
-}
-
 bool takeHeader(WireReader& reader, Frame& frame) {
     const std::uint8_t* magic = nullptr;
     std::uint8_t version = 0;

@@ -19,10 +19,6 @@ namespace kvx::bridge {
 
 namespace {
 
-std::string_view bytesOf(SubjectView subject) {
-    return {static_cast<const char*>(subject.data()), subject.length()};
-}
-
 // Whether a message on `subject` reaches a subscription to `pattern`, at the engine.
 bool matches(SubjectView pattern, SubjectView subject) {
     auto element = subject.begin();
