@@ -50,6 +50,7 @@ const std::map<std::string, Rooms>& allowedRooms() {
         {"mom/timed", with(belowMom, {"mom/base", "mom/engine"})},
         {"mom", belowMomAndMom},
         {"rvd", {"platform", "rv/message", "rv/error", "rv/wire"}},
+        {"rvbridge", {"platform", "rv/message", "rv/error", "rv/wire"}},
         {"kvx", libraries},
         {"tools", withKvx},
         {"rva", with(withKvx, {"tools"})},
@@ -81,7 +82,7 @@ void eachInclude(const std::regex& pattern,
                  const std::function<void(const std::string&, const std::string&)>& visit) {
     const fs::path root = KVX_SOURCE_DIR;
     for (const char* top :
-         {"platform", "foundation", "rv", "lib", "rvd", "tools", "rva", "examples"}) {
+         {"platform", "foundation", "rv", "lib", "rvd", "rvbridge", "tools", "rva", "examples"}) {
         for (const auto& entry : fs::recursive_directory_iterator(root / top)) {
             if (!entry.is_regular_file() || !isSource(entry.path())) continue;
             std::ifstream in(entry.path());

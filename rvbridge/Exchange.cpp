@@ -1,0 +1,486 @@
+// A bridge numbers its changes and says in every beat the number of the last one, and count and
+// digest of what its host listens to. Who knows another state asks for a snapshot; until it has
+// come, whole, what was known before stays in force, so that interest has no gaps. Only in the
+// order of one sender is relied upon: a change that does not follow the last one known makes the
+// host "incomplete", as does a beat that differs, an unknown host, and another epoch of a known
+// one. Whatever is lost, the next beat finds.
+//
+// To keep a common start quiet: who joins says hello and then tells its own interest to all; those
+// who hear it answer with a snapshot, later by a random time, and all who have asked within that
+// time get one broadcast. Asking waits for a random time too, and is left out when the snapshot has
+// come meanwhile.
+//
+// Of two bridges with one name or one daemon, one must end. A bridge that is ready stays; among two
+// that are both ready, or both not, the one with the smaller epoch. Both ends judge by what the
+// message says of its sender, so that never both end.
+
+#include "rvbridge/Exchange.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "rvbridge/ControlMessage.h"
+
+namespace kvx::bridge {
+
+namespace {
+
+constexpr Microseconds kMillisecond = 1'000;
+constexpr std::size_t kPingsPerBeat = 16;
+constexpr std::size_t kMaxAcks = 16;
+constexpr std::size_t kLeastLimit = 2'048;
+
+SubjectView viewOf(const std::string& subject) {
+    return SubjectView::trusted(subject.data());
+}
+
+// FNV-1a, mixed so that sums of it differ. Part of the protocol.
+std::uint64_t digestOf(std::string_view bytes) {
+    std::uint64_t hash = 0xCBF29CE484222325U;
+    for (const char c : bytes) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3U;
+    hash = (hash ^ hash >> 30U) * 0xBF58476D1CE4E5B9U;
+    hash = (hash ^ hash >> 27U) * 0x94D049BB133111EBU;
+    return hash ^ hash >> 31U;
+}
+
+}  // namespace
+
+Exchange::Exchange(BridgeIdentity identity, ExchangeActions& actions)
+    : identity_(std::move(identity)),
+      actions_(actions),
+      random_(static_cast<std::uint32_t>(identity_.epoch ^ identity_.epoch >> 32U)) {}
+
+Exchange::~Exchange() = default;
+
+void Exchange::setLimit(std::size_t bytes) {
+    limit_ = std::clamp(bytes, kLeastLimit, kMaxControl);
+}
+
+Microseconds Exchange::jitter(Microseconds atLeast, Microseconds atMost) {
+    return std::uniform_int_distribution<Microseconds>(atLeast, atMost)(random_);
+}
+
+// What our own daemon says.
+
+void Exchange::beginSnapshot(std::string_view daemon) {
+    daemon_ = daemon.substr(0, ControlMessage::kMaxText);
+    for (auto& [subject, own] : own_) own.isOld = true;
+}
+
+void Exchange::add(SubjectView subject) {
+    if (ControlMessage::isReserved(subject)) return;
+    const auto [at, isNew] = own_.try_emplace(std::string(bytesOf(subject)));
+    at->second.isOld = false;
+    if (!isNew) return;
+    digest_ += digestOf(at->first);
+    if (subject.hasWildcards()) ownPatterns_.add(subject, &at->second);
+    at->second.toldIn = pend(ControlMessage::kAdd, subject);
+}
+
+void Exchange::remove(SubjectView subject) {
+    const auto at = own_.find(std::string(bytesOf(subject)));
+    if (at != own_.end()) drop(at);
+}
+
+void Exchange::complete() {
+    for (auto at = own_.begin(); at != own_.end();) {
+        const auto here = at++;
+        if (here->second.isOld) drop(here);
+    }
+}
+
+void Exchange::drop(std::unordered_map<std::string, Own>::iterator own) {
+    const SubjectView subject = viewOf(own->first);
+    digest_ -= digestOf(own->first);
+    if (subject.hasWildcards()) {
+        static_cast<void>(ownPatterns_.remove(subject, &own->second));
+    }
+    pend(ControlMessage::kRemove, subject);
+    own_.erase(own);
+}
+
+// Adds to the next change, and returns its number.
+std::uint64_t Exchange::pend(std::uint8_t what, SubjectView subject) {
+    if (!isTalking()) return change_;
+    if (pending_.size() + 1 + subject.length() > limit_) flush();
+    if (pending_.empty())
+        pending_ = ControlPayload(ControlMessage::kChange).u64(change_ + 1).take();
+    pending_.push_back(what);
+    const std::string_view bytes = bytesOf(subject);
+    pending_.insert(pending_.end(), bytes.begin(), bytes.end());
+    return change_ + 1;
+}
+
+void Exchange::flush() {
+    if (pending_.empty() || !isTalking()) return;
+    ++change_;
+    const std::vector<std::uint8_t> change = std::exchange(pending_, {});
+    actions_.sendToAll(change);
+}
+
+// What we send.
+
+void Exchange::start(Microseconds now) {
+    if (stage_ != Stage::Silent) return;
+    stage_ = Stage::Joining;
+    startedAt_ = tickedAt_ = now;
+    beatAt_ = now + jitter(kBeat / 2, kBeat);
+    sendState(ControlMessage::kHello);
+    snapshotAt_ = now + jitter(50 * kMillisecond, 150 * kMillisecond);
+    askers_ = {"", identity_.host};  // everybody
+}
+
+void Exchange::reconnected(Microseconds now) {
+    if (!isTalking()) return;
+    beatAt_ = now + kBeat;
+    sendState(ControlMessage::kBeat);
+}
+
+void Exchange::stop() {
+    if (isTalking()) actions_.sendToAll(ControlPayload(ControlMessage::kBye));
+    stage_ = Stage::Ended;
+}
+
+namespace {
+ControlPayload& appendState(ControlPayload& payload, std::uint64_t change, std::size_t count,
+                            std::uint64_t digest, bool isReady, const std::string& since,
+                            const std::string& daemon) {
+    return payload.u64(change)
+        .u32(static_cast<std::uint32_t>(count))
+        .u64(digest)
+        .u8(isReady ? ControlMessage::kReadyFlag : 0)
+        .text(since)
+        .text(daemon);
+}
+}  // namespace
+
+void Exchange::sendState(std::uint8_t op) {
+    flush();
+    ControlPayload payload(op);
+    appendState(payload, change_, own_.size(), digest_, isReady(), identity_.since, daemon_);
+    actions_.sendToAll(payload);
+}
+
+void Exchange::wantSnapshot(Microseconds now, std::string_view asker) {
+    askers_.emplace(asker);
+    if (snapshotAt_) return;
+    const Microseconds soonest = snapshotSentAt_ + 200 * kMillisecond;
+    snapshotAt_ = std::max(now, soonest) + jitter(20 * kMillisecond, 60 * kMillisecond);
+}
+
+void Exchange::sendSnapshot(Microseconds now) {
+    flush();
+    snapshotAt_.reset();
+    snapshotSentAt_ = now;
+    const auto askers = std::exchange(askers_, {});
+    std::uint32_t part = 0;
+    auto at = own_.begin();
+    do {
+        ControlPayload payload(ControlMessage::kSnapshot);
+        appendState(payload, change_, own_.size(), digest_, isReady(), identity_.since, daemon_);
+        payload.u32(part++);
+        const std::size_t lastFlag = payload.size();
+        payload.u8(0);
+        for (; at != own_.end() && payload.size() + at->first.size() <= limit_; ++at) {
+            payload.raw(at->first);
+        }
+        payload[lastFlag] = at == own_.end() ? 1 : 0;
+        if (askers.size() == 1) {
+            actions_.sendTo(*askers.begin(), payload);
+        } else {
+            actions_.sendToAll(payload);
+        }
+    } while (at != own_.end());
+}
+
+void Exchange::pingSome(Microseconds now) {
+    for (std::size_t i = 0; i < std::min(kPingsPerBeat, hosts_.size()); ++i) {
+        auto at = hosts_.upper_bound(pinged_);
+        if (at == hosts_.end()) at = hosts_.begin();
+        Host& host = *at->second;
+        pinged_ = at->first;
+        host.pingedAt = now;
+        host.pingChange = change_;
+        actions_.sendTo(at->first,
+                        ControlPayload(ControlMessage::kPing).u64(static_cast<std::uint64_t>(now)));
+    }
+}
+
+void Exchange::askAndForget(Microseconds now) {
+    // After a pause of our own, what has come meanwhile is still to be read.
+    const Microseconds pause = std::max<Microseconds>(0, now - tickedAt_ - kBeat);
+    for (auto at = hosts_.begin(); at != hosts_.end();) {
+        Host& host = *(at++)->second;
+        host.heard += pause;
+        if (now - host.heard > kSilence) {
+            forget(host);
+        } else if (host.askAt && *host.askAt <= now) {
+            host.askAt = now + jitter(kSecond, 2 * kSecond);
+            actions_.sendTo(host.state.name,
+                            ControlPayload(ControlMessage::kAsk).u64(host.state.epoch));
+        }
+    }
+}
+
+void Exchange::tick(Microseconds now) {
+    if (!isTalking()) return;
+    flush();
+    askAndForget(now);
+    tickedAt_ = now;
+    if (snapshotAt_ && *snapshotAt_ <= now) sendSnapshot(now);
+    if (beatAt_ <= now) {
+        beatAt_ = now + kBeat;
+        sendState(ControlMessage::kBeat);
+        pingSome(now);
+    }
+    if (stage_ != Stage::Joining || now < startedAt_ + kSettle) return;
+    const bool isSettled = std::all_of(hosts_.begin(), hosts_.end(), [](const auto& entry) {
+        return entry.second->state.complete;
+    });
+    if (!isSettled && now < startedAt_ + kReadyAtMost) return;
+    stage_ = Stage::Ready;
+    actions_.ready();
+}
+
+// What others say.
+
+void Exchange::receive(Microseconds now, const Frame& frame) {
+    if (!isTalking() || frame.kind != FrameKind::Control || frame.epoch == identity_.epoch) return;
+    ControlMessage said;
+    if (!said.read(frame.body)) {
+        ++unreadable_;
+        return;
+    }
+    const bool sameName = frame.host == identity_.host;
+    if (said.op == ControlMessage::kTaken) obeyTaken(frame, said);
+    if (said.hasState() && said.part == 0 &&
+        (sameName || (!daemon_.empty() && said.daemon == daemon_))) {
+        judgeRival(frame, said, sameName);
+    }
+    if (sameName || !isTalking()) return;
+    Host* const host = hostOf(now, frame, said);
+    if (host == nullptr) return;
+    if (said.op == ControlMessage::kHello ||
+        (said.op == ControlMessage::kAsk && said.epoch == identity_.epoch)) {
+        wantSnapshot(now, frame.host);
+    }
+    if (said.op == ControlMessage::kHello || said.op == ControlMessage::kBeat) {
+        takeState(now, *host, said);
+    } else if (said.op == ControlMessage::kChange) {
+        takeChange(now, *host, said);
+    } else if (said.op == ControlMessage::kSnapshot) {
+        takeSnapshot(now, *host, said);
+    } else if (said.op == ControlMessage::kPing) {
+        actions_.sendTo(frame.host, ControlPayload(ControlMessage::kPong)
+                                        .u64(frame.epoch)
+                                        .u64(said.stamp)
+                                        .u32(actions_.keyEpoch()));
+    } else if (said.op == ControlMessage::kPong && said.epoch == identity_.epoch) {
+        takePong(now, *host, said);
+    } else if (said.op == ControlMessage::kBye) {
+        forget(*host);
+    }
+}
+
+void Exchange::judgeRival(const Frame& frame, const ControlMessage& said, bool sameName) {
+    const bool weStay = isReady() != said.isReady ? isReady() : identity_.epoch < frame.epoch;
+    if (!weStay) return;
+    actions_.sendTo(frame.host, ControlPayload(ControlMessage::kTaken)
+                                    .u64(frame.epoch)
+                                    .u8(isReady() ? ControlMessage::kReadyFlag : 0)
+                                    .u8(sameName ? ControlMessage::kSameName : 0));
+    // Others may have taken it for another start of this bridge.
+    if (sameName) sendState(ControlMessage::kBeat);
+}
+
+void Exchange::obeyTaken(const Frame& frame, const ControlMessage& said) {
+    if (said.epoch != identity_.epoch) return;
+    if (isReady() && !(said.isReady && frame.epoch < identity_.epoch)) return;
+    // Of the name that stays, a bye would end the other one's interest too.
+    if (!said.sameName) actions_.sendToAll(ControlPayload(ControlMessage::kBye));
+    stage_ = Stage::Ended;
+    actions_.refused(said.sameName ? "another bridge is running as host \"" + identity_.host + "\""
+                                   : "the bridge of host \"" + std::string(frame.host) +
+                                         "\" is already serving this daemon and space");
+}
+
+// The host that has sent `frame`; null when it is to be ignored.
+Exchange::Host* Exchange::hostOf(Microseconds now, const Frame& frame, const ControlMessage& said) {
+    const auto known = hosts_.find(frame.host);
+    if (known != hosts_.end() && known->second->state.epoch == frame.epoch) {
+        known->second->heard = now;
+        return known->second.get();
+    }
+    if (said.op == ControlMessage::kBye || said.op == ControlMessage::kTaken) return nullptr;
+    Host* host = nullptr;
+    if (known != hosts_.end()) {
+        // Another start of it: what it listened to stays until we know what it listens to now.
+        host = known->second.get();
+        host->state.up = false;
+        actions_.hostDown(host->state);
+        host->state.roundTrip.reset();
+        host->incoming.clear();
+        host->incomingPart = 0;
+        host->pingedAt.reset();
+        host->acks.clear();
+    } else {
+        if (hosts_.size() >= kMaxHosts) return nullptr;
+        host = hosts_.emplace(frame.host, std::make_unique<Host>()).first->second.get();
+        host->state.name = frame.host;
+        std::erase_if(dead_, [&](const HostState& dead) { return dead.name == frame.host; });
+    }
+    host->state.epoch = frame.epoch;
+    host->state.up = true;
+    host->state.since = said.since;
+    host->heard = now;
+    setIncomplete(now, *host);
+    actions_.hostUp(host->state);
+    return host;
+}
+
+void Exchange::setIncomplete(Microseconds now, Host& host) {
+    host.state.complete = false;
+    if (!host.askAt) host.askAt = now + jitter(100 * kMillisecond, 300 * kMillisecond);
+}
+
+void Exchange::setComplete(Host& host, std::uint64_t change) {
+    host.change = change;
+    host.state.complete = true;
+    host.askAt.reset();
+    host.incoming.clear();
+    host.incomingPart = 0;
+}
+
+void Exchange::takeState(Microseconds now, Host& host, const ControlMessage& said) {
+    host.state.since = said.since;
+    if (said.count == host.subjects.size() && said.digest == host.digest) {
+        setComplete(host, said.change);
+    } else {
+        setIncomplete(now, host);
+    }
+}
+
+void Exchange::takeChange(Microseconds now, Host& host, const ControlMessage& said) {
+    if (!host.state.complete || said.change <= host.change) return;
+    if (said.change != host.change + 1) {
+        setIncomplete(now, host);
+        return;
+    }
+    host.change = said.change;
+    WireReader reader(said.list.data(), said.list.size());
+    for (std::uint8_t what = 0; reader.u8(what);) {
+        const auto subject = ControlMessage::takeSubject(reader);
+        if (what == ControlMessage::kRemove) {
+            erase(host, *subject);
+        } else if (host.subjects.size() < kMaxSubjectsOfHost) {
+            insert(host, *subject);
+        } else {
+            setIncomplete(now, host);
+        }
+    }
+}
+
+void Exchange::takeSnapshot(Microseconds now, Host& host, const ControlMessage& said) {
+    host.state.since = said.since;
+    if (said.count == host.subjects.size() && said.digest == host.digest) {
+        setComplete(host, said.change);
+        return;
+    }
+    if (said.part == 0) {
+        host.incoming.clear();
+    } else if (said.part != host.incomingPart || said.change != host.incomingChange) {
+        setIncomplete(now, host);
+        return;
+    }
+    host.incomingPart = said.part + 1;
+    host.incomingChange = said.change;
+    WireReader reader(said.list.data(), said.list.size());
+    while (reader.left() != 0 && host.incoming.size() < kMaxSubjectsOfHost) {
+        host.incoming.emplace(bytesOf(*ControlMessage::takeSubject(reader)));
+    }
+    setIncomplete(now, host);
+    if (!said.isLast) return;
+    const Subjects now_ = std::exchange(host.incoming, {});
+    host.incomingPart = 0;
+    std::uint64_t digest = 0;
+    for (const std::string& subject : now_) digest += digestOf(subject);
+    if (now_.size() != said.count || digest != said.digest) return;
+    for (const std::string& subject : now_) insert(host, viewOf(subject));
+    for (const std::string& subject : std::vector(host.subjects.begin(), host.subjects.end())) {
+        if (now_.count(subject) == 0) erase(host, viewOf(subject));
+    }
+    setComplete(host, said.change);
+}
+
+void Exchange::takePong(Microseconds now, Host& host, const ControlMessage& said) {
+    if (!host.pingedAt || static_cast<std::uint64_t>(*host.pingedAt) != said.stamp) return;
+    host.state.roundTrip = now - *host.pingedAt;
+    host.pingedAt.reset();
+    // An older one of the same change says more.
+    if (!host.acks.empty() && host.acks.back().change == host.pingChange) return;
+    host.acks.push_back({host.pingChange, said.keyEpoch});
+    if (host.acks.size() > kMaxAcks) host.acks.pop_front();
+}
+
+void Exchange::insert(Host& host, SubjectView subject) {
+    const auto [at, isNew] = host.subjects.emplace(bytesOf(subject));
+    if (!isNew) return;
+    host.digest += digestOf(*at);
+    host.state.subjects = host.subjects.size();
+    const bool isFirst = others_.find(subject) == 0;
+    others_.add(subject, &host);
+    if (isFirst) actions_.listen(subject);
+}
+
+void Exchange::erase(Host& host, SubjectView subject) {
+    const auto at = host.subjects.find(std::string(bytesOf(subject)));
+    if (at == host.subjects.end()) return;
+    const std::string kept = *at;
+    host.digest -= digestOf(kept);
+    host.subjects.erase(at);
+    host.state.subjects = host.subjects.size();
+    static_cast<void>(others_.remove(viewOf(kept), &host));
+    if (others_.find(viewOf(kept)) == 0) actions_.cancel(viewOf(kept));
+}
+
+void Exchange::forget(Host& host) {
+    const Subjects subjects = host.subjects;
+    for (const std::string& subject : subjects) erase(host, viewOf(subject));
+    host.state.up = false;
+    host.state.complete = false;
+    if (dead_.size() >= kMaxDead) dead_.pop_front();
+    dead_.push_back(host.state);
+    hosts_.erase(hosts_.find(host.state.name));
+    actions_.hostDown(dead_.back());
+}
+
+SubjectMatch Exchange::howToMatch(SubjectView subject) {
+    if (subject.hasWildcards()) return SubjectMatch::kCovered;
+    return subject.first() == kInboxElement ? SubjectMatch::kLiteralRoot : SubjectMatch::kAny;
+}
+
+bool Exchange::wants(SubjectView subject) const {
+    return others_.match(subject, howToMatch(subject), [](Host&) { return false; }) != 0;
+}
+
+bool Exchange::heardAllOf(std::string_view host, std::uint64_t epoch, std::uint32_t keyEpoch,
+                          SubjectView subject) const {
+    const auto at = hosts_.find(host);
+    if (at == hosts_.end() || at->second->state.epoch != epoch) return false;
+    const std::deque<Ack>& acks = at->second->acks;
+    const auto ack = std::find_if(acks.rbegin(), acks.rend(), [keyEpoch](const Ack& candidate) {
+        return static_cast<std::int32_t>(keyEpoch - candidate.keyEpoch) > 0;
+    });
+    if (ack == acks.rend()) return false;
+    if (subject.hasWildcards()) return true;
+    const auto own = own_.find(std::string(bytesOf(subject)));
+    if (own != own_.end() && own->second.toldIn <= ack->change) return true;
+    bool isCovered = false;
+    ownPatterns_.match(subject, [&](const Own& pattern) {
+        isCovered = pattern.toldIn <= ack->change;
+        return !isCovered;
+    });
+    return isCovered;
+}
+
+}  // namespace kvx::bridge

@@ -1,0 +1,190 @@
+// The layout is in docs/bridge.md. A data frame is checked whole when it is read, so that the walk
+// over its messages cannot fail in the middle.
+
+#include "rvbridge/Frame.h"
+
+#include <algorithm>
+#include <array>
+
+namespace kvx::bridge {
+
+namespace {
+
+constexpr std::array<std::uint8_t, 4> kMagic = {'K', 'V', 'X', 'B'};
+constexpr std::uint8_t kVersion = 1;
+constexpr std::size_t kMaxHostBytes = 255;
+// Header without the host's name: magic, version, kind, length, epoch, sequence, key epoch, number.
+constexpr std::size_t kFixedHeaderBytes = 4 + 1 + 1 + 1 + 8 + 8 + 4 + 8;
+constexpr std::size_t kCountBytes = 4;
+constexpr std::size_t kLengthBytes = 4;
+constexpr std::size_t kPartFieldBytes = 8;  // total and offset
+
+bool takeHeader(WireReader& reader, Frame& frame) {
+    const std::uint8_t* magic = nullptr;
+    std::uint8_t version = 0;
+    std::uint8_t kind = 0;
+    std::uint8_t hostBytes = 0;
+    const std::uint8_t* host = nullptr;
+    if (!reader.take(kMagic.size(), magic) || !std::equal(kMagic.begin(), kMagic.end(), magic) ||
+        !reader.u8(version) || version != kVersion || !reader.u8(kind) || kind < 1 || kind > 3 ||
+        !reader.u8(hostBytes) || hostBytes == 0 || !reader.take(hostBytes, host)) {
+        return false;
+    }
+    frame.kind = static_cast<FrameKind>(kind);
+    frame.host = {reinterpret_cast<const char*>(host), hostBytes};
+    return take64(reader, frame.epoch) && take64(reader, frame.first.sequence) &&
+           reader.u32(frame.first.keyEpoch) && take64(reader, frame.first.number);
+}
+
+bool takeMessage(WireReader& reader, Bytes& message) {
+    std::uint32_t length = 0;
+    const std::uint8_t* at = nullptr;
+    if (!reader.u32(length) || !reader.take(length, at)) return false;
+    message = {at, length};
+    return true;
+}
+
+bool takeData(WireReader& reader, Frame& frame) {
+    if (!reader.u32(frame.count)) return false;
+    if (frame.count == 0) {
+        std::uint8_t cause = 0;
+        if (!reader.u8(cause) || cause >= kLossCauses) return false;
+        frame.cause = static_cast<LossCause>(cause);
+        return reader.left() == 0;
+    }
+    frame.body = {reader.position(), reader.left()};
+    Bytes message;
+    for (std::uint32_t i = 0; i < frame.count; ++i) {
+        if (!takeMessage(reader, message)) return false;
+    }
+    return reader.left() == 0;
+}
+
+bool takePart(WireReader& reader, Frame& frame) {
+    if (!reader.u32(frame.total) || !reader.u32(frame.offset)) return false;
+    frame.body = {reader.position(), reader.left()};
+    return !frame.body.empty() && frame.total <= kMaxMessageBytes && frame.offset <= frame.total &&
+           frame.body.size() <= frame.total - frame.offset;
+}
+
+}  // namespace
+
+const char* textOf(LossCause cause) {
+    static constexpr std::array<const char*, kLossCauses> kTexts = {
+        "engine", "engine gone", "engine slow", "queue full", "part missing"};
+    return kTexts[static_cast<std::size_t>(cause)];
+}
+
+std::optional<Frame> readFrame(Bytes bytes) {
+    WireReader reader(bytes.data(), bytes.size());
+    Frame frame;
+    if (!takeHeader(reader, frame)) return std::nullopt;
+    bool isWhole = true;
+    switch (frame.kind) {
+        case FrameKind::Data:
+            isWhole = takeData(reader, frame);
+            break;
+        case FrameKind::Part:
+            isWhole = takePart(reader, frame);
+            break;
+        case FrameKind::Control:
+            frame.body = {reader.position(), reader.left()};
+            break;
+    }
+    return isWhole ? std::optional(frame) : std::nullopt;
+}
+
+bool FrameMessages::next(Bytes& message) {
+    return takeMessage(reader_, message);
+}
+
+FrameWriter::FrameWriter(std::string_view host, std::uint64_t epoch, std::size_t limit)
+    : host_(host.substr(0, kMaxHostBytes)), epoch_(epoch), limit_(std::max(limit, kLeastLimit)) {}
+
+void FrameWriter::setLimit(std::size_t limit) {
+    limit_ = std::max(limit, kLeastLimit);
+}
+
+std::size_t FrameWriter::headerBytes() const {
+    return kFixedHeaderBytes + host_.size();
+}
+
+bool FrameWriter::fitsWhole(std::size_t bytes) const {
+    return bytes <= limit_ - headerBytes() - kCountBytes - kLengthBytes;
+}
+
+std::size_t FrameWriter::partBytes() const {
+    return limit_ - headerBytes() - kPartFieldBytes;
+}
+
+void FrameWriter::put32(std::uint32_t value) {
+    bytes_.resize(bytes_.size() + sizeof value);
+    storeBig32(bytes_.data() + bytes_.size() - sizeof value, value);
+}
+
+void FrameWriter::put64(std::uint64_t value) {
+    bytes_.resize(bytes_.size() + sizeof value);
+    storeBig64(bytes_.data() + bytes_.size() - sizeof value, value);
+}
+
+void FrameWriter::begin(FrameKind kind, const MessageNumber& number) {
+    bytes_.assign(kMagic.begin(), kMagic.end());
+    bytes_.push_back(kVersion);
+    bytes_.push_back(static_cast<std::uint8_t>(kind));
+    bytes_.push_back(static_cast<std::uint8_t>(host_.size()));
+    bytes_.insert(bytes_.end(), host_.begin(), host_.end());
+    put64(epoch_);
+    put64(number.sequence);
+    put32(number.keyEpoch);
+    put64(number.number);
+}
+
+bool FrameWriter::append(const MessageNumber& number, Bytes message) {
+    if (count_ == 0) {
+        begin(FrameKind::Data, number);
+        put32(0);
+    } else if (number.sequence != next_.sequence || number.keyEpoch != next_.keyEpoch ||
+               number.number != next_.number ||
+               bytes_.size() + kLengthBytes + message.size() > limit_) {
+        return false;
+    }
+    put32(static_cast<std::uint32_t>(message.size()));
+    bytes_.insert(bytes_.end(), message.begin(), message.end());
+    next_ = {number.sequence + 1, number.keyEpoch, number.number + 1};
+    ++count_;
+    return true;
+}
+
+Bytes FrameWriter::open() {
+    storeBig32(bytes_.data() + headerBytes(), count_);
+    return bytes_;
+}
+
+void FrameWriter::clear() {
+    count_ = 0;
+    bytes_.clear();
+}
+
+Bytes FrameWriter::part(const MessageNumber& number, Bytes message, std::size_t at) {
+    begin(FrameKind::Part, number);
+    put32(static_cast<std::uint32_t>(message.size()));
+    put32(static_cast<std::uint32_t>(at));
+    const Bytes bytes = message.subspan(at, std::min(partBytes(), message.size() - at));
+    bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
+    return bytes_;
+}
+
+Bytes FrameWriter::mark(const MessageNumber& next, LossCause cause) {
+    begin(FrameKind::Data, next);
+    put32(0);
+    bytes_.push_back(static_cast<std::uint8_t>(cause));
+    return bytes_;
+}
+
+Bytes FrameWriter::control(Bytes payload) {
+    begin(FrameKind::Control, {});
+    bytes_.insert(bytes_.end(), payload.begin(), payload.end());
+    return bytes_;
+}
+
+}  // namespace kvx::bridge

@@ -1,0 +1,319 @@
+// Two numbers count each message. The sequence counts all that a bridge sends in a space: a frame
+// whose messages are not newer than what has been seen is a second copy, which the engine delivers
+// when several of our subscriptions match, or came by another way too late to be in order. The
+// number counts those on one subject, and as the engine gives every message on a subject to each of
+// its subscribers, a gap in the numbers is a loss.
+//
+// A number is expected since the first frame seen on the subject. Where the sender began the
+// subject anew (another key epoch) while we were subscribed, its numbers from 1 on are ours.
+// The parts of a message follow one another, so that a sender has at most one unfinished message:
+// anything newer from it means that the rest will not come. A message counts as seen with its first
+// part; when it is given up it becomes a loss at once.
+
+#include "rvbridge/Ledger.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace kvx::bridge {
+
+namespace {
+
+// Whether a message on `subject` reaches a subscription to `pattern`, at the engine.
+bool matches(SubjectView pattern, SubjectView subject) {
+    auto element = subject.begin();
+    unsigned left = pattern.count();
+    for (const std::string_view wanted : pattern) {
+        if (element == subject.end()) return false;
+        if (--left == 0 && wanted == kAnyTrailingElements) return true;
+        if (wanted != kAnyElement && wanted != *element) return false;
+        ++element;
+    }
+    return element == subject.end();
+}
+
+// Key epochs grow, and wrap.
+bool isAfter(std::uint32_t keyEpoch, std::uint32_t other) {
+    return static_cast<std::int32_t>(keyEpoch - other) > 0;
+}
+
+constexpr std::size_t kIdBytes = sizeof(std::uint32_t);
+
+// The key of a subject in the table of expected numbers: the peer's id, the subject's bytes.
+std::string keyOf(std::uint32_t id, SubjectView subject) {
+    std::string key(kIdBytes, '\0');
+    storeBig32(key.data(), id);
+    return key.append(bytesOf(subject));
+}
+
+}  // namespace
+
+Sender::Sender(std::uint64_t seed, std::size_t maxSubjects) : table_(seed, maxSubjects) {}
+
+MessageNumber Sender::next(SubjectView subject) {
+    Entry* entry = table_.find(bytesOf(subject));
+    if (entry == nullptr) {
+        if (table_.isFull() && table_.oldest().second.drops != 0) --dropped_;
+        entry = &table_.add(bytesOf(subject), Entry{++keyEpoch_});
+    }
+    return {++sequence_, entry->keyEpoch, entry->next++};
+}
+
+void Sender::dropped(SubjectView subject, LossCause cause) {
+    Entry* const entry = table_.find(bytesOf(subject));
+    if (entry == nullptr) return;
+    if (entry->drops++ == 0) ++dropped_;
+    entry->cause = cause;
+}
+
+bool Sender::isReached(SubjectView pattern, SubjectView subject) {
+    return subject.hasWildcards() || matches(pattern, subject);
+}
+
+void Sender::settle(Entry& entry) {
+    if (entry.drops == 0) return;
+    entry.drops = 0;
+    --dropped_;
+}
+
+Receiver::Receiver(std::uint64_t seed, ReceiverSink& sink, std::size_t maxSubjects,
+                   std::size_t maxUnfinished)
+    : sink_(sink),
+      peers_(seed, kMaxHosts),
+      expected_(seed, maxSubjects),
+      maxUnfinished_(maxUnfinished) {}
+
+Receiver::Peer& Receiver::peerOf(std::string_view host, std::uint64_t epoch) {
+    std::string key(sizeof epoch, '\0');
+    std::memcpy(key.data(), &epoch, sizeof epoch);
+    key.append(host);
+    if (Peer* const known = peers_.find(key)) return *known;
+    if (peers_.isFull()) {
+        Peer& oldest = peers_.oldest().second;
+        giveUp(oldest);
+        byId_.erase(oldest.id);
+    }
+    Peer peer;
+    peer.id = nextId_++;
+    peer.host = host;
+    Peer& added = peers_.add(key, std::move(peer));
+    byId_[added.id] = &added;
+    return added;
+}
+
+void Receiver::take(const Frame& frame, SubjectView subject) {
+    Peer& peer = peerOf(frame.host, frame.epoch);
+    if (frame.isMark()) {
+        // It has the sequence of what comes next. An older one says nothing new.
+        if (frame.first.sequence <= peer.last) return;
+        giveUp(peer);
+        // What is older and comes later by another way is counted now, and left out then.
+        peer.last = frame.first.sequence - 1;
+        note(peer, frame, subject, frame.first, 0);
+    } else if (frame.kind == FrameKind::Data) {
+        takeData(peer, frame, subject);
+    } else if (frame.kind == FrameKind::Part) {
+        takePart(peer, frame, subject);
+    }
+}
+
+void Receiver::takeData(Peer& peer, const Frame& frame, SubjectView subject) {
+    const std::uint64_t end = frame.first.sequence + frame.count;
+    if (end <= peer.last + 1 || end < frame.first.sequence) {
+        ++secondCopies_;
+        return;
+    }
+    // Of a frame that is seen in part the rest is new.
+    const std::uint64_t seen =
+        peer.last >= frame.first.sequence ? peer.last + 1 - frame.first.sequence : 0;
+    giveUp(peer);
+    peer.last = end - 1;
+    note(peer, frame, subject,
+         {frame.first.sequence + seen, frame.first.keyEpoch, frame.first.number + seen},
+         frame.count - seen);
+    FrameMessages messages(frame);
+    Bytes message;
+    for (std::uint64_t i = 0; messages.next(message); ++i) {
+        if (i >= seen) deliver(peer, subject, message);
+    }
+}
+
+void Receiver::takePart(Peer& peer, const Frame& frame, SubjectView subject) {
+    const std::uint64_t sequence = frame.first.sequence;
+    if (sequence > peer.last) {
+        startParts(peer, frame, subject);
+        return;
+    }
+    const bool isOurs = sequence == peer.last && !peer.subject.empty() &&
+                        frame.total == peer.total && peer.subject == bytesOf(subject);
+    if (!isOurs || frame.offset < peer.bytes.size()) {
+        ++secondCopies_;
+    } else if (frame.offset > peer.bytes.size()) {
+        giveUp(peer);
+    } else {
+        appendPart(peer, frame);
+    }
+}
+
+// The first part that comes of a message.
+void Receiver::startParts(Peer& peer, const Frame& frame, SubjectView subject) {
+    giveUp(peer);
+    peer.last = frame.first.sequence;
+    const bool isKnown = note(peer, frame, subject, frame.first, 1);
+    if (frame.offset != 0) {
+        if (isKnown) lose(peer, subject, 1, LossCause::PartMissing);
+        return;
+    }
+    peer.subject = bytesOf(subject);
+    peer.total = frame.total;
+    peer.isUncounted = false;
+    peer.age = nextAge_++;
+    unfinished_.emplace(peer.age, &peer);
+    appendPart(peer, frame);
+}
+
+void Receiver::appendPart(Peer& peer, const Frame& frame) {
+    const std::size_t size = peer.bytes.size() + frame.body.size();
+    if (size > peer.bytes.capacity()) {
+        const std::size_t capacity =
+            std::min<std::size_t>(peer.total, std::max(size, size / 2 * 3));
+        makeRoom(peer, capacity - peer.bytes.capacity());
+        const std::size_t before = peer.bytes.capacity();
+        peer.bytes.reserve(capacity);
+        unfinishedBytes_ += peer.bytes.capacity() - before;
+    }
+    peer.bytes.append(frame.body);
+    if (size < peer.total) return;
+    const std::string subject = peer.subject;
+    const wire::Buffer whole = release(peer);
+    deliver(peer, SubjectView::trusted(subject.data()), whole.view());
+}
+
+// Gives up the oldest unfinished messages until `more` bytes are free; never that of `keep`, which
+// fits alone.
+void Receiver::makeRoom(const Peer& keep, std::size_t more) {
+    for (auto at = unfinished_.begin();
+         at != unfinished_.end() && unfinishedBytes_ + more > maxUnfinished_;) {
+        Peer& oldest = *at++->second;
+        if (&oldest != &keep) giveUp(oldest);
+    }
+}
+
+wire::Buffer Receiver::release(Peer& peer) {
+    unfinished_.erase(peer.age);
+    unfinishedBytes_ -= peer.bytes.capacity();
+    peer.subject.clear();
+    wire::Buffer bytes;
+    std::swap(bytes, peer.bytes);
+    return bytes;
+}
+
+void Receiver::giveUp(Peer& peer) {
+    if (peer.subject.empty()) return;
+    const std::string subject = peer.subject;
+    static_cast<void>(release(peer));
+    if (peer.isUncounted) return;
+    lose(peer, SubjectView::trusted(subject.data()), 1, LossCause::PartMissing);
+}
+
+// Takes note of `count` messages from `number` on, and tells what is missing before them. Returns
+// true when what was expected is known.
+bool Receiver::note(Peer& peer, const Frame& frame, SubjectView subject,
+                    const MessageNumber& number, std::uint64_t count) {
+    const std::string key = keyOf(peer.id, subject);
+    Expected* expected = expected_.find(key);
+    bool isKnown = expected != nullptr;
+    if (!isKnown) {
+        isKnown = isAfter(number.keyEpoch, peer.forgotten) && sink_.heardAllOf(frame, subject);
+        if (expected_.isFull()) drop(expected_.oldest().first, expected_.oldest().second);
+        expected = &expected_.add(key, {number.keyEpoch, isKnown ? 1 : number.number, faults_});
+    } else if (expected->keyEpoch != number.keyEpoch) {
+        // A late mark of an earlier key epoch says nothing of this one.
+        if (!isAfter(number.keyEpoch, expected->keyEpoch)) return true;
+        *expected = {number.keyEpoch, 1, expected->fault};
+    }
+    const std::uint64_t missing =
+        number.number > expected->number ? number.number - expected->number : 0;
+    const LossCause cause =
+        frame.cause != LossCause::Engine ? frame.cause : causeSince(expected->fault);
+    expected->number = std::max(expected->number, number.number + count);
+    expected->fault = faults_;
+    if (missing != 0) lose(peer, subject, missing, cause);
+    return isKnown;
+}
+
+LossCause Receiver::causeSince(std::uint64_t fault) const {
+    if (lastGone_ > fault) return LossCause::EngineGone;
+    return lastSlow_ > fault ? LossCause::EngineSlow : LossCause::Engine;
+}
+
+void Receiver::deliver(Peer& peer, SubjectView subject, Bytes message) {
+    ++peer.received.messages;
+    peer.received.bytes += message.size();
+    sink_.message(subject, message);
+}
+
+void Receiver::lose(Peer& peer, SubjectView subject, std::uint64_t messages, LossCause cause) {
+    peer.losses[static_cast<std::size_t>(cause)] += messages;
+    sink_.lost(peer.host, subject, messages, cause);
+}
+
+void Receiver::fault(LossCause cause) {
+    ++faults_;
+    (cause == LossCause::EngineSlow ? lastSlow_ : lastGone_) = faults_;
+}
+
+void Receiver::forget(SubjectView pattern) {
+    // The other parts may still come by another subscription; if not, nobody wanted them.
+    for (const auto& [age, peer] : unfinished_) {
+        if (matches(pattern, SubjectView::trusted(peer->subject.data()))) peer->isUncounted = true;
+    }
+    if (pattern.hasWildcards()) {
+        expected_.eraseIf([this, pattern](const std::string& key, const Expected& expected) {
+            if (!matches(pattern, SubjectView::trusted(key.data() + kIdBytes))) return false;
+            drop(key, expected);
+            return true;
+        });
+        return;
+    }
+    for (const auto& [id, peer] : byId_) {
+        const std::string key = keyOf(id, pattern);
+        if (const Expected* const expected = expected_.find(key)) {
+            drop(key, *expected);
+            expected_.erase(key);
+        }
+    }
+}
+
+// An entry leaves the table: what began no later may have been seen before.
+void Receiver::drop(const std::string& key, const Expected& expected) {
+    const auto peer = byId_.find(loadBig32(key.data()));
+    if (peer == byId_.end()) return;
+    std::uint32_t& forgotten = peer->second->forgotten;
+    if (isAfter(expected.keyEpoch, forgotten)) forgotten = expected.keyEpoch;
+}
+
+void Receiver::hostDown(std::string_view host, std::uint64_t epoch) {
+    giveUp(peerOf(host, epoch));
+}
+
+Losses Receiver::losses(std::string_view host) {
+    Losses sum{};
+    peers_.each([&](const std::string&, const Peer& peer) {
+        if (peer.host != host) return;
+        for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += peer.losses[i];
+    });
+    return sum;
+}
+
+Receiver::Received Receiver::received(std::string_view host) {
+    Received sum;
+    peers_.each([&](const std::string&, const Peer& peer) {
+        if (peer.host != host) return;
+        sum.messages += peer.received.messages;
+        sum.bytes += peer.received.bytes;
+    });
+    return sum;
+}
+
+}  // namespace kvx::bridge

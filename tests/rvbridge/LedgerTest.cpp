@@ -1,0 +1,140 @@
+#include "rvbridge/Ledger.h"
+
+namespace kvx::bridge {
+namespace {
+
+struct Ledger : testing::Test, ReceiverSink {
+    void message(SubjectView, Bytes bytes) override {
+        seen.emplace_back("message " + std::to_string(bytes.size()));
+    }
+    void lost(std::string_view host, SubjectView subject, std::uint64_t n, LossCause c) override {
+        seen.push_back(std::string(host) + " " + subject.text() + " " + std::to_string(n) + " " +
+                       textOf(c));
+    }
+    bool heardAllOf(const Frame&, SubjectView) override { return heardAll; }
+
+    // What the receiver does with frame `bytes` on A.
+    std::vector<std::string> take(Bytes bytes) {
+        seen.clear();
+        receiver.take(*readFrame(bytes), a);
+        return seen;
+    }
+    std::vector<std::string> takeMessages(MessageNumber first, unsigned count) {
+        for (unsigned i = 0; i < count; ++i, ++first.sequence, ++first.number) {
+            EXPECT_TRUE(writer.append(first, std::vector<std::uint8_t>(10)));
+        }
+        const auto result = take(writer.open());
+        writer.clear();
+        return result;
+    }
+    std::vector<std::string> takePart(FrameWriter& from, const MessageNumber& number,
+                                      unsigned which, std::size_t size = 10'000) {
+        std::vector<std::string> result;
+        unsigned i = 0;
+        from.parts(number, std::vector<std::uint8_t>(size), [&](Bytes part) {
+            if (i++ == which) result = take(part);
+        });
+        from.clear();
+        return result;
+    }
+
+    using Seen = std::vector<std::string>;
+    const Subject a = *Subject::fromText("A");
+    Seen seen;
+    bool heardAll = false;
+    Receiver receiver{1, *this, 100, 20'000};
+    FrameWriter writer{"h", 7, FrameWriter::kLeastLimit};
+};
+
+TEST_F(Ledger, TellsWhatIsMissingAndWhy) {
+    EXPECT_EQ(takeMessages({10, 1, 5}, 1), Seen{"message 10"});
+    EXPECT_EQ(takeMessages({10, 1, 5}, 1), Seen{}) << "a second copy";
+    EXPECT_EQ(takeMessages({12, 1, 7}, 1), (Seen{"h A 1 engine", "message 10"}));
+    EXPECT_EQ(takeMessages({12, 1, 7}, 2), Seen{"message 10"}) << "the first was seen";
+    receiver.fault(LossCause::EngineSlow);
+    EXPECT_EQ(take(writer.mark({20, 1, 10}, LossCause::Engine)), Seen{"h A 1 engine slow"});
+    EXPECT_EQ(take(writer.mark({20, 1, 10}, LossCause::Engine)), Seen{});
+    EXPECT_EQ(take(writer.mark({22, 1, 12}, LossCause::QueueFull)), Seen{"h A 2 queue full"});
+    EXPECT_EQ(takeMessages({19, 1, 9}, 1), Seen{}) << "counted as lost, comes too late";
+    receiver.fault(LossCause::EngineGone);
+    EXPECT_EQ(takeMessages({23, 3, 2}, 1), (Seen{"h A 1 engine gone", "message 10"}))
+        << "the sender has begun the subject anew";
+    EXPECT_EQ(receiver.losses("h"), (Losses{1, 1, 1, 2, 0}));
+    EXPECT_EQ(receiver.received("h").messages, 4U);
+}
+
+TEST_F(Ledger, KnowsWhatIsExpectedOnlyWhileSubscribed) {
+    takeMessages({1, 1, 1}, 1);
+    receiver.forget(a);
+    EXPECT_EQ(takeMessages({9, 1, 9}, 1), Seen{"message 10"});
+    receiver.forget(*Subject::fromText("*"));
+    heardAll = true;
+    EXPECT_EQ(takeMessages({20, 1, 15}, 1), Seen{"message 10"}) << "was seen before";
+    receiver.forget(a);
+    EXPECT_EQ(takeMessages({30, 2, 3}, 1), (Seen{"h A 2 engine", "message 10"})) << "is all ours";
+}
+
+TEST_F(Ledger, PutsPartsTogether) {
+    const MessageNumber number{1, 1, 1};
+    EXPECT_EQ(takePart(writer, number, 0), Seen{});
+    EXPECT_EQ(takePart(writer, number, 0), Seen{}) << "a second copy";
+    EXPECT_EQ(takePart(writer, number, 1), Seen{});
+    EXPECT_EQ(takePart(writer, number, 2), Seen{"message 10000"});
+    EXPECT_EQ(takePart(writer, number, 2), Seen{}) << "a second copy";
+    EXPECT_EQ(takePart(writer, {2, 1, 2}, 0), Seen{});
+    EXPECT_EQ(takePart(writer, {2, 1, 2}, 2), Seen{"h A 1 part missing"});
+    EXPECT_EQ(takePart(writer, {3, 1, 3}, 1), Seen{"h A 1 part missing"});
+    EXPECT_EQ(takePart(writer, {3, 1, 3}, 2), Seen{});
+    EXPECT_EQ(takePart(writer, {4, 1, 4}, 0), Seen{});
+    EXPECT_EQ(takeMessages({5, 1, 5}, 1), (Seen{"h A 1 part missing", "message 10"}));
+    EXPECT_EQ(takePart(writer, {6, 1, 6}, 0), Seen{});
+    receiver.forget(a);
+    EXPECT_EQ(takeMessages({7, 1, 7}, 1), Seen{"message 10"}) << "nobody wanted the rest";
+    EXPECT_EQ(receiver.unfinishedBytes(), 0U);
+}
+
+TEST_F(Ledger, GivesUpTheOldestUnfinishedMessage) {
+    std::vector<std::string> told;
+    for (int i = 0; i < 10; ++i) {
+        FrameWriter other("h" + std::to_string(i), 7, FrameWriter::kLeastLimit);
+        for (const std::string& what : takePart(other, {1, 1, 1}, 0)) told.push_back(what);
+        EXPECT_LE(receiver.unfinishedBytes(), 20'000U);
+    }
+    ASSERT_GE(told.size(), 5U);
+    EXPECT_EQ(told[0], "h0 A 1 part missing");
+    EXPECT_EQ(told[1], "h1 A 1 part missing");
+    seen.clear();
+    receiver.hostDown("h9", 7);
+    EXPECT_EQ(seen, Seen{"h9 A 1 part missing"});
+}
+
+TEST(Sender, NumbersEachSubjectWhileItIsInTheTable) {
+    Sender sender(1, 2);
+    const Subject a = *Subject::fromText("A");
+    const Subject b = *Subject::fromText("B.x");
+    const Subject c = *Subject::fromText("C");
+    const auto next = [&sender](const Subject& subject) {
+        const MessageNumber n = sender.next(subject);
+        return std::array<std::uint64_t, 3>{n.sequence, n.keyEpoch, n.number};
+    };
+    EXPECT_EQ(next(a), (std::array<std::uint64_t, 3>{1, 1, 1}));
+    EXPECT_EQ(next(b), (std::array<std::uint64_t, 3>{2, 2, 1}));
+    sender.dropped(b, LossCause::QueueFull);
+    EXPECT_EQ(next(a), (std::array<std::uint64_t, 3>{3, 1, 2}));
+    EXPECT_TRUE(sender.hasDropped());
+    EXPECT_EQ(next(c), (std::array<std::uint64_t, 3>{4, 3, 1})) << "B.x leaves";
+    EXPECT_FALSE(sender.hasDropped());
+    EXPECT_EQ(next(b), (std::array<std::uint64_t, 3>{5, 4, 1})) << "A leaves";
+    sender.dropped(b, LossCause::QueueFull);
+    std::vector<std::string> marks;
+    const auto visit = [&marks](SubjectView subject, const MessageNumber& n, LossCause cause) {
+        marks.push_back(subject.text() + std::to_string(n.number) + textOf(cause));
+    };
+    sender.marksOfDropped(visit);
+    sender.marksOfDropped(visit);
+    sender.marks(*Subject::fromText("B.>"), LossCause::EngineGone, visit);
+    EXPECT_EQ(marks, (std::vector<std::string>{"B.x2queue full", "B.x2engine gone"}));
+}
+
+}  // namespace
+}  // namespace kvx::bridge
