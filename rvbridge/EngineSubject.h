@@ -15,6 +15,11 @@ class EngineSubjects {
   public:
     EngineSubjects(std::string_view service, std::string_view network);
 
+    /// Whether an engine's subject is of this space.
+    [[nodiscard]] bool has(std::string_view engineSubject) const {
+        return engineSubject.starts_with(prefix_);
+    }
+
     /// What to subscribe to for a listen: "kvx.S.N.s.<elements>".
     [[nodiscard]] std::string subscription(SubjectView pattern) const;
     /// Where a message is published. Without wildcards it is `subscription`; with wildcards, on

@@ -69,7 +69,7 @@ void Exchange::beginSnapshot(std::string_view daemon) {
 
 void Exchange::add(SubjectView subject) {
     if (ControlMessage::isReserved(subject)) return;
-    const auto [at, isNew] = own_.try_emplace(std::string(bytesOf(subject)));
+    const auto [at, isNew] = own_.try_emplace(std::string(subject.encoded()));
     at->second.isOld = false;
     if (!isNew) return;
     digest_ += digestOf(at->first);
@@ -78,7 +78,7 @@ void Exchange::add(SubjectView subject) {
 }
 
 void Exchange::remove(SubjectView subject) {
-    const auto at = own_.find(std::string(bytesOf(subject)));
+    const auto at = own_.find(std::string(subject.encoded()));
     if (at != own_.end()) drop(at);
 }
 
@@ -106,7 +106,7 @@ std::uint64_t Exchange::pend(std::uint8_t what, SubjectView subject) {
     if (pending_.empty())
         pending_ = ControlPayload(ControlMessage::kChange).u64(change_ + 1).take();
     pending_.push_back(what);
-    const std::string_view bytes = bytesOf(subject);
+    const std::string_view bytes = subject.encoded();
     pending_.insert(pending_.end(), bytes.begin(), bytes.end());
     return change_ + 1;
 }
@@ -396,7 +396,7 @@ void Exchange::takeSnapshot(Microseconds now, Host& host, const ControlMessage& 
     host.incomingChange = said.change;
     WireReader reader(said.list.data(), said.list.size());
     while (reader.left() != 0 && host.incoming.size() < kMaxSubjectsOfHost) {
-        host.incoming.emplace(bytesOf(*ControlMessage::takeSubject(reader)));
+        host.incoming.emplace(ControlMessage::takeSubject(reader)->encoded());
     }
     setIncomplete(now, host);
     if (!said.isLast) return;
@@ -423,7 +423,7 @@ void Exchange::takePong(Microseconds now, Host& host, const ControlMessage& said
 }
 
 void Exchange::insert(Host& host, SubjectView subject) {
-    const auto [at, isNew] = host.subjects.emplace(bytesOf(subject));
+    const auto [at, isNew] = host.subjects.emplace(subject.encoded());
     if (!isNew) return;
     host.digest += digestOf(*at);
     host.state.subjects = host.subjects.size();
@@ -433,7 +433,7 @@ void Exchange::insert(Host& host, SubjectView subject) {
 }
 
 void Exchange::erase(Host& host, SubjectView subject) {
-    const auto at = host.subjects.find(std::string(bytesOf(subject)));
+    const auto at = host.subjects.find(std::string(subject.encoded()));
     if (at == host.subjects.end()) return;
     const std::string kept = *at;
     host.digest -= digestOf(kept);
@@ -473,7 +473,7 @@ bool Exchange::heardAllOf(std::string_view host, std::uint64_t epoch, std::uint3
     });
     if (ack == acks.rend()) return false;
     if (subject.hasWildcards()) return true;
-    const auto own = own_.find(std::string(bytesOf(subject)));
+    const auto own = own_.find(std::string(subject.encoded()));
     if (own != own_.end() && own->second.toldIn <= ack->change) return true;
     bool isCovered = false;
     ownPatterns_.match(subject, [&](const Own& pattern) {

@@ -11,11 +11,6 @@
 
 namespace kvx::bridge {
 
-/// The encoded bytes of a subject, as keys of tables and in control messages.
-inline std::string_view bytesOf(SubjectView subject) {
-    return {static_cast<const char*>(subject.data()), subject.length()};
-}
-
 [[nodiscard]] inline bool take64(WireReader& reader, std::uint64_t& value) {
     const std::uint8_t* at = nullptr;
     if (!reader.take(sizeof value, at)) return false;

@@ -43,7 +43,7 @@ constexpr std::size_t kIdBytes = sizeof(std::uint32_t);
 std::string keyOf(std::uint32_t id, SubjectView subject) {
     std::string key(kIdBytes, '\0');
     storeBig32(key.data(), id);
-    return key.append(bytesOf(subject));
+    return key.append(subject.encoded());
 }
 
 }  // namespace
@@ -51,16 +51,16 @@ std::string keyOf(std::uint32_t id, SubjectView subject) {
 Sender::Sender(std::uint64_t seed, std::size_t maxSubjects) : table_(seed, maxSubjects) {}
 
 MessageNumber Sender::next(SubjectView subject) {
-    Entry* entry = table_.find(bytesOf(subject));
+    Entry* entry = table_.find(subject.encoded());
     if (entry == nullptr) {
         if (table_.isFull() && table_.oldest().second.drops != 0) --dropped_;
-        entry = &table_.add(bytesOf(subject), Entry{++keyEpoch_});
+        entry = &table_.add(subject.encoded(), Entry{++keyEpoch_});
     }
     return {++sequence_, entry->keyEpoch, entry->next++};
 }
 
 void Sender::dropped(SubjectView subject, LossCause cause) {
-    Entry* const entry = table_.find(bytesOf(subject));
+    Entry* const entry = table_.find(subject.encoded());
     if (entry == nullptr) return;
     if (entry->drops++ == 0) ++dropped_;
     entry->cause = cause;
@@ -145,7 +145,7 @@ void Receiver::takePart(Peer& peer, const Frame& frame, SubjectView subject) {
         return;
     }
     const bool isOurs = sequence == peer.last && !peer.subject.empty() &&
-                        frame.total == peer.total && peer.subject == bytesOf(subject);
+                        frame.total == peer.total && peer.subject == subject.encoded();
     if (!isOurs || frame.offset < peer.bytes.size()) {
         ++secondCopies_;
     } else if (frame.offset > peer.bytes.size()) {
@@ -164,7 +164,7 @@ void Receiver::startParts(Peer& peer, const Frame& frame, SubjectView subject) {
         if (isKnown) lose(peer, subject, 1, LossCause::PartMissing);
         return;
     }
-    peer.subject = bytesOf(subject);
+    peer.subject = subject.encoded();
     peer.total = frame.total;
     peer.isUncounted = false;
     peer.age = nextAge_++;

@@ -109,16 +109,16 @@ void Interest::leave(Follower& follower) noexcept {
 }
 
 void Interest::addPattern(SubjectView pattern) {
-    const auto place = patterns_.lower_bound(bytesOf(pattern));
-    if (place != patterns_.end() && place->first == bytesOf(pattern)) {
+    const auto place = patterns_.lower_bound(pattern.encoded());
+    if (place != patterns_.end() && place->first == pattern.encoded()) {
         ++place->second;
     } else {
-        patterns_.emplace_hint(place, bytesOf(pattern), 1);
+        patterns_.emplace_hint(place, pattern.encoded(), 1);
     }
 }
 
 void Interest::removePattern(SubjectView pattern) noexcept {
-    const auto place = patterns_.find(bytesOf(pattern));
+    const auto place = patterns_.find(pattern.encoded());
     if (place != patterns_.end() && --place->second == 0) patterns_.erase(place);
 }
 

@@ -97,7 +97,7 @@ class Interest {
     void addPattern(SubjectView pattern);
     void removePattern(SubjectView pattern) noexcept;
     [[nodiscard]] bool hasPattern(SubjectView pattern) const {
-        return !patterns_.empty() && patterns_.contains(bytesOf(pattern));
+        return !patterns_.empty() && patterns_.contains(pattern.encoded());
     }
 
     /// A subject has gained its first listen, or is about to lose its last.
@@ -136,9 +136,6 @@ class Interest {
     // By the bytes of their subjects, how many sessions listen to it.
     using Patterns = std::map<std::string, std::uint32_t, std::less<>>;
 
-    static std::string_view bytesOf(SubjectView subject) {
-        return {static_cast<const char*>(subject.data()), subject.length()};
-    }
     template <class Tree>
     bool walk(Follower& follower, const Tree& tree) {
         std::size_t steps = kWalkedAtOnce;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -36,6 +37,9 @@ class KVX_API SubjectView {
 
     const void* data() const { return bytes_; }
     unsigned length() const { return static_cast<unsigned>(bytes_[0]) << 8U | bytes_[1]; }
+    /// The encoded form.
+    std::span<const std::uint8_t> bytes() const { return {bytes_, length()}; }
+    std::string_view encoded() const { return {reinterpret_cast<const char*>(bytes_), length()}; }
     unsigned count() const { return bytes_[2]; }
     std::string_view first() const { return Iterator{bytes_ + kSubjectHeaderBytes}.operator*(); }
     /// Element `i`, counted from 0 and below `count()`.

@@ -141,6 +141,7 @@ class CommandLine {
         addSnoop();
         addFollow();
         addServices();
+        addHosts();
         addBench();
         addHelp();
         app_.footer(
@@ -253,6 +254,11 @@ class CommandLine {
             ->excludes(wait);
     }
 
+    void addHosts() {
+        auto& command = add("hosts", "list the hosts that are joined with this one", hosts_, hosts);
+        addTimeout(command, hosts_.timeoutSeconds);
+    }
+
     void addBench() {
         auto& command = add("bench", "measure the daemon's round trips and stream", bench_, bench);
         addCount(command, "--messages", bench_.messages, "messages to stream", 1);
@@ -316,6 +322,7 @@ class CommandLine {
     SnoopOptions snoop_;
     FollowOptions follow_;
     ServicesOptions services_;
+    HostsOptions hosts_;
     BenchOptions bench_;
     std::function<int()> chosen_;
 };

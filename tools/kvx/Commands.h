@@ -81,6 +81,11 @@ struct ServicesOptions {
     bool watch = false;
 };
 
+struct HostsOptions {
+    Connection connection;
+    double timeoutSeconds = 3;
+};
+
 struct BenchOptions {
     Connection connection;
     std::uint64_t messages = 100000;
@@ -114,6 +119,9 @@ int follow(const FollowOptions& options);
 
 /// Lists the services whose beats are heard, and those that answer queries; or watches the beats.
 int services(const ServicesOptions& options);
+
+/// Lists the hosts that are joined with this one, as its bridge knows them.
+int hosts(const HostsOptions& options);
 
 /// Measures round trips and a stream through the daemon.
 int bench(const BenchOptions& options);

@@ -1,0 +1,517 @@
+// From the daemon: a message that somebody elsewhere wants gets its number and joins the open
+// frame, which is published when the turn ends or a message on another subject comes.
+//
+// From the engine: `Receiver` decides what is new and what is missing; what is new goes to the
+// daemon as it came.
+//
+// A subject of this host is subscribed at the engine before the others are told of it, and they are
+// told before any message that follows: all of it leaves by one connection, in that order.
+
+#include "rvbridge/Bridge.h"
+
+#include <algorithm>
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "rv/message/rvmsg.h"
+#include "rv/wire/ControlMessage.h"
+#include "rvbridge/ControlMessage.h"
+
+namespace kvx::bridge {
+
+namespace {
+
+constexpr const char* kInterest = "_RVD.INTEREST";
+constexpr const char* kLost = "_RVD.LOST";
+constexpr const char* kHosts = "_RVD.HOSTS";
+constexpr std::size_t kControlHead = 1'024;  // bytes of a frame besides the payload, at most
+constexpr Microseconds kMarksApart = 2 * Exchange::kSecond;
+
+Microseconds now() {
+    using std::chrono::steady_clock;
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               steady_clock::now().time_since_epoch())
+        .count();
+}
+
+std::uint64_t randomNumber() {
+    std::random_device device;
+    return (static_cast<std::uint64_t>(device()) << 32U) | device();
+}
+
+std::string keyOf(SubjectView subject) {
+    return std::string(subject.encoded());
+}
+
+SubjectView viewOf(const std::string& key) {
+    return SubjectView::trusted(key.data());
+}
+
+// Whether some subject fits both.
+bool overlap(SubjectView one, SubjectView other) {
+    const unsigned shared = std::min(one.count(), other.count());
+    const auto hasTail = [](SubjectView subject, unsigned at) {
+        return at + 1 == subject.count() && subject[at] == kAnyTrailingElements;
+    };
+    for (unsigned i = 0; i < shared; ++i) {
+        if (hasTail(one, i) || hasTail(other, i)) return true;
+        const auto a = one[i];
+        const auto b = other[i];
+        if (a != b && a != kAnyElement && b != kAnyElement) return false;
+    }
+    return one.count() == other.count();
+}
+
+// Whether a message on `subject`, or a listen to it, may have to do with one of the patterns.
+bool isWithin(const std::vector<Subject>& patterns, SubjectView subject) {
+    return patterns.empty() || subject.first() == kInboxElement ||
+           std::ranges::any_of(patterns, [subject](const Subject& pattern) {
+               return overlap(pattern.view(), subject);
+           });
+}
+
+}  // namespace
+
+Bridge::Bridge(rvevm_Manager manager, const Options& options, const SpaceName& space,
+               BridgeIdentity identity, Engine& engine, Log& log, BridgeOwner& owner)
+    : manager_(manager),
+      options_(options),
+      subjects_(space.service.empty() ? wire::kDefaultService : space.service, space.network),
+      engine_(engine),
+      log_(log),
+      owner_(owner),
+      daemon_(manager, options.daemon, space.service, space.network, *this),
+      exchange_(identity, *this),
+      sender_(randomNumber()),
+      receiver_(randomNumber(), *this),
+      writer_(identity.host, identity.epoch),
+      control_(identity.host, identity.epoch) {}
+
+Bridge::~Bridge() {
+    if (turn_ != nullptr) rvevm_RemoveTimer(manager_, turn_);
+}
+
+void Bridge::start() {
+    engine_.subscribe(subjects_.controlAll());
+    engine_.subscribe(subjects_.controlTo(options_.host));
+    engine_.subscribe(subjects_.wildcardMessages());
+    daemon_.start();
+}
+
+void Bridge::stop() {
+    if (hasStarted_) exchange_.stop();
+    endTurn();
+}
+
+// ------------------------------------------------------------------ the daemon
+
+void Bridge::onDaemonUp() {
+    log_.info("the daemon at " + options_.daemon + " is there, session " + daemon_.name());
+    for (const char* subject : {kInterest, kHosts}) daemon_.listen(*Subject::fromText(subject));
+    for (const auto& subject : others_) daemon_.listen(viewOf(subject));
+}
+
+void Bridge::onDaemonDown(const std::string& why) {
+    log_.warning("no daemon at " + options_.daemon + ": " + why);
+    if (own_.empty()) return;
+    while (!own_.empty()) removeOwn(Subject(viewOf(own_.begin()->first)));
+    endTurnSoon();
+}
+
+void Bridge::onDaemonMessage(wire::Bytes message) {
+    const wire::Routing routing = wire::readRouting(message);
+    const auto subject = SubjectView::parse(routing.subject.data(), routing.subject.size());
+    if (routing.type != wire::MessageType::Data || !subject) return;
+    if (ControlMessage::isReserved(*subject)) {
+        const std::string text = subject->text();
+        if (text == kInterest) hearInterest(message);
+        if (text == kHosts) answerHosts(message);
+        return;
+    }
+    if (!hasStarted_ || !isWithin(options_.exports, *subject)) return;
+    pass(*subject, message);
+}
+
+// In the order of the fields.
+void Bridge::hearInterest(Bytes message) {
+    rvmsg_Type type = 0;
+    rvmsg_Size size = 0;
+    rvmsg_Data data = nullptr;
+    if (rvmsg_GetRaw(message.data(), wire::field::kData, &type, &size, &data) != 0) return;
+    if (type != RVMSG_MSG) return;
+    const auto onField = [](const char* name, rvmsg_Type fieldType, rvmsg_Size fieldSize,
+                            rvmsg_Data value, void* closure) {
+        static_cast<Bridge*>(closure)->hearInterestField(name, fieldType, fieldSize, value);
+        return 0;
+    };
+    (void)rvmsg_Iterate(data, nullptr, onField, this);
+    endTurnSoon();
+}
+
+void Bridge::hearInterestField(std::string_view name, rvmsg_Type type, rvmsg_Size size,
+                               rvmsg_Data value) {
+    if (type == RVMSG_STRING) {
+        const std::string_view text(static_cast<const char*>(value));
+        if (name == "op" && text == "complete") return completeSnapshot();
+        if (name != "daemon") return;
+        ++snapshot_;
+        exchange_.beginSnapshot(text);
+    } else if (type == RVMSG_SUBJECT) {
+        const auto subject = SubjectView::parse(value, size);
+        if (!subject || ControlMessage::isReserved(*subject)) return;
+        if (name == "add") addOwn(*subject);
+        if (name == "remove") removeOwn(*subject);
+    }
+}
+
+// What the snapshot has not named is gone.
+void Bridge::completeSnapshot() {
+    std::vector<std::string> gone;
+    for (const auto& [key, own] : own_) {
+        if (own.snapshot != snapshot_) gone.push_back(key);
+    }
+    for (const auto& key : gone) removeOwn(viewOf(key));
+    exchange_.complete();
+    isComplete_ = true;
+    joinWhenComplete();
+}
+
+void Bridge::addOwn(SubjectView subject) {
+    const auto [at, isNew] = own_.try_emplace(keyOf(subject));
+    at->second.snapshot = snapshot_;
+    if (isNew) {
+        at->second.isImported = isWithin(options_.imports, subject);
+        if (at->second.isImported) {
+            (void)imported_.add(subject, &at->second);
+            engine_.subscribe(subjects_.subscription(subject));
+        }
+    }
+    if (at->second.isImported) exchange_.add(subject);
+}
+
+void Bridge::removeOwn(SubjectView subject) {
+    const auto found = own_.find(keyOf(subject));
+    if (found == own_.end()) return;
+    if (found->second.isImported) {
+        exchange_.remove(subject);
+        engine_.unsubscribe(subjects_.subscription(subject));
+        receiver_.forget(subject);
+        (void)imported_.remove(subject, &found->second);
+    }
+    own_.erase(found);
+}
+
+void Bridge::joinWhenComplete() {
+    if (hasStarted_ || !isComplete_ || !isEngineUp_) return;
+    hasStarted_ = true;
+    exchange_.start(now());
+}
+
+// ------------------------------------------------------------------ to the engine
+
+void Bridge::pass(SubjectView subject, Bytes message) {
+    const std::string key = keyOf(subject);
+    findWanting(key);
+    if (lastWanting_.empty()) return;
+    for (const auto& host : lastWanting_) {
+        ++out_[host].messages;
+        out_[host].bytes += message.size();
+    }
+    if (key != open_) {
+        endFrame();
+        open_ = key;
+        openAt_ = subjects_.publication(subject);
+    }
+    if (sender_.hasDropped() && openCount_ == 0 && !sendMarksOfDropped()) {
+        (void)sender_.next(subject);
+        return sender_.dropped(subject, LossCause::QueueFull);
+    }
+    const MessageNumber number = sender_.next(subject);
+    if (!writer_.fitsWhole(message.size())) {
+        endFrame();
+        return sendParts(subject, number, message);
+    }
+    if (!writer_.append(number, message)) {
+        endFrame();
+        (void)writer_.append(number, message);
+    }
+    ++openCount_;
+    endTurnSoon();
+}
+
+// The hosts that want a message on this subject, kept for the next one.
+void Bridge::findWanting(const std::string& key) {
+    if (key == lastSubject_) return;
+    lastSubject_ = key;
+    lastWanting_.clear();
+    exchange_.eachWanting(viewOf(key), [this](const std::string& host) {
+        if (std::ranges::find(lastWanting_, host) == lastWanting_.end()) {
+            lastWanting_.push_back(host);
+        }
+    });
+}
+
+void Bridge::sendParts(SubjectView subject, const MessageNumber& number, Bytes message) {
+    bool isSent = true;
+    writer_.parts(number, message, [&](Bytes part) { isSent = isSent && publish(openAt_, part); });
+    if (!isSent) sender_.dropped(subject, LossCause::QueueFull);
+}
+
+// Publishes the open frame.
+void Bridge::endFrame() {
+    if (openCount_ == 0) return;
+    exchange_.flush();
+    const std::uint32_t count = std::exchange(openCount_, 0);
+    const bool isSent = publish(openAt_, writer_.open());
+    writer_.clear();
+    for (std::uint32_t i = 0; !isSent && i < count; ++i) {
+        sender_.dropped(viewOf(open_), LossCause::QueueFull);
+    }
+}
+
+void Bridge::endTurnSoon() {
+    const auto end = [](void*, void* closure, int, void*) {
+        auto& self = *static_cast<Bridge*>(closure);
+        self.turn_ = nullptr;
+        self.endTurn();
+    };
+    if (turn_ == nullptr && rvevm_AddTimer(manager_, &turn_, 0, end, this) != 0) endTurn();
+}
+
+void Bridge::endTurn() {
+    endFrame();
+    if (hasStarted_) exchange_.flush();
+    if (sender_.hasDropped()) (void)sendMarksOfDropped();
+}
+
+bool Bridge::sendMarksOfDropped() {
+    if (!engine_.hasRoom()) return false;
+    sender_.marksOfDropped([this](SubjectView subject, const MessageNumber& next, LossCause cause) {
+        (void)publish(subjects_.publication(subject), control_.mark(next, cause));
+    });
+    return !sender_.hasDropped();
+}
+
+// After a fault that may have cost the last message of a subject.
+void Bridge::sendMarks() {
+    endFrame();
+    sender_.marks(*Subject::fromText(">"), LossCause::EngineGone,
+                  [this](SubjectView subject, const MessageNumber& next, LossCause cause) {
+                      (void)publish(subjects_.publication(subject), control_.mark(next, cause));
+                  });
+}
+
+bool Bridge::publish(const std::string& subject, Bytes frame) {
+    return engine_.publish(subject, {frame.begin(), frame.end()});
+}
+
+// ------------------------------------------------------------------ the exchange
+
+void Bridge::sendToAll(Bytes control) {
+    (void)publish(subjects_.controlAll(), control_.control(control));
+}
+
+void Bridge::sendTo(std::string_view host, Bytes control) {
+    (void)publish(subjects_.controlTo(host), control_.control(control));
+}
+
+void Bridge::listen(SubjectView subject) {
+    if (!others_.insert(keyOf(subject)).second) return;
+    daemon_.listen(subject);
+    if (options_.isVerbose) log_.debug("others listen to " + subject.text());
+}
+
+void Bridge::cancel(SubjectView subject) {
+    if (others_.erase(keyOf(subject)) == 0) return;
+    daemon_.cancel(subject);
+    if (options_.isVerbose) log_.debug("nobody else listens to " + subject.text());
+}
+
+// One that was only silent may have missed what was sent last.
+void Bridge::hostUp(const HostState& host) {
+    log_.info("host " + host.name + " has joined");
+    std::uint64_t& epoch = epochs_[host.name];
+    if (std::exchange(epoch, host.epoch) == host.epoch) areMarksDue_ = true;
+}
+
+void Bridge::hostDown(const HostState& host) {
+    log_.info("host " + host.name + " is gone");
+    receiver_.hostDown(host.name, host.epoch);
+    lastSubject_.clear();
+}
+
+void Bridge::refused(const std::string& reason) {
+    owner_.onBridgeRefused(reason);
+}
+
+void Bridge::ready() {
+    owner_.onBridgeReady();
+}
+
+// ------------------------------------------------------------------ from the engine
+
+void Bridge::onEngineUp() {
+    isEngineUp_ = true;
+    writer_.setLimit(engine_.mostBytes());
+    control_.setLimit(engine_.mostBytes());
+    exchange_.setLimit(engine_.mostBytes() - kControlHead);
+    if (!hasStarted_) return joinWhenComplete();
+    receiver_.fault(LossCause::EngineGone);
+    exchange_.reconnected(now());
+    areMarksDue_ = true;
+}
+
+void Bridge::onEngineLoss() {
+    receiver_.fault(LossCause::EngineSlow);
+    if (hasStarted_) exchange_.reconnected(now());  // the others answer with their marks
+}
+
+bool Bridge::onEngineMessage(std::string_view subject, Bytes bytes) {
+    if (!subjects_.has(subject)) return false;
+    const auto frame = readFrame(bytes);
+    if (!frame) {
+        ++unreadable_;
+    } else if (frame->kind == FrameKind::Control) {
+        const auto known = epochs_.find(frame->host);
+        ControlMessage control;
+        const bool isBack = known != epochs_.end() && known->second == frame->epoch &&
+                            control.read(frame->body) && control.op == ControlMessage::kHello;
+        if (isBack) areMarksDue_ = true;
+        exchange_.receive(now(), *frame);
+        lastSubject_.clear();
+        endTurnSoon();
+    } else if (const auto at = subjects_.subjectOf(subject)) {
+        if (isSubscribedTo(*at)) receiver_.take(*frame, *at);
+    } else {
+        ++unreadable_;
+    }
+    return true;
+}
+
+// What the engine still delivers of a subscription that has ended is not counted any more. Messages
+// on wildcard subjects come to every bridge.
+bool Bridge::isSubscribedTo(SubjectView subject) {
+    if (subject.hasWildcards()) return true;
+    bool isFound = false;
+    (void)imported_.match(subject, SubjectMatch::kAny, [&isFound](Own&) {
+        isFound = true;
+        return false;
+    });
+    return isFound;
+}
+
+void Bridge::message(SubjectView subject, Bytes message) {
+    const wire::Routing routing = wire::readRouting(message);
+    const auto routed = SubjectView::parse(routing.subject.data(), routing.subject.size());
+    const bool isData = routing.type == wire::MessageType::Data && routed &&
+                        keyOf(*routed) == keyOf(subject) && !ControlMessage::isReserved(subject) &&
+                        rvmsg_Validate(message.data(), message.size()) == 0;
+    if (!isData) {
+        ++unreadable_;
+    } else if (isWithin(options_.imports, subject) && !daemon_.send(message)) {
+        ++notTaken_;
+    }
+}
+
+void Bridge::lost(std::string_view host, SubjectView subject, std::uint64_t messages,
+                  LossCause cause) {
+    log_.warning(std::to_string(messages) + " messages of host " + std::string(host) + " on " +
+                 subject.text() + " are lost: " + textOf(cause));
+    std::array<std::uint8_t, kMaxSubjectBytes + 256> body{};
+    const auto capacity = static_cast<rvmsg_Size>(body.size());
+    const bool isBuilt =
+        rvmsg_Init(body.data(), capacity) == 0 &&
+        rvmsg_Append(body.data(), capacity, "sub", RVMSG_SUBJECT, 0, subject.data()) == 0 &&
+        rvmsg_Append(body.data(), capacity, "lost", RVMSG_UINT, sizeof messages, &messages) == 0 &&
+        rvmsg_Append(body.data(), capacity, "cause", RVMSG_STRING, 0, textOf(cause)) == 0;
+    if (!isBuilt) return;
+    const Subject report = *Subject::fromText(kLost);
+    (void)daemon_.send(
+        wire::buildData(report.view().bytes(), nullptr, 0, {RVMSG_MSG, 0, body.data()}));
+}
+
+bool Bridge::heardAllOf(const Frame& frame, SubjectView subject) {
+    return exchange_.heardAllOf(frame.host, frame.epoch, frame.first.keyEpoch, subject);
+}
+
+void Bridge::tick() {
+    if (!hasStarted_) return;
+    exchange_.tick(now());
+    const Microseconds at = now();
+    if (areMarksDue_ && isEngineUp_ && at - marksAt_ >= kMarksApart) {
+        areMarksDue_ = false;
+        marksAt_ = at;
+        sendMarks();
+    }
+    endTurnSoon();
+}
+
+// ------------------------------------------------------------------ who is joined
+
+void Bridge::answerHosts(Bytes message) {
+    std::array<double, 2> scratch{};
+    rvmsg_Type type = 0;
+    rvmsg_Size size = 0;
+    rvmsg_Data reply = nullptr;
+    if (rvmsg_Get(scratch.data(), message.data(), wire::field::kReturn, &type, &size, &reply) !=
+            0 ||
+        type != RVMSG_STRING) {
+        return;
+    }
+    const auto subject = Subject::fromText(static_cast<const char*>(reply));
+    if (!subject) return;
+    const std::string text = hostsText();
+    (void)daemon_.send(
+        wire::buildData(subject->view().bytes(), nullptr, 0, {RVMSG_STRING, 0, text.c_str()}));
+}
+
+// A JSON array with one object a host, this one first.
+std::string Bridge::hostsText() {
+    using Json = nlohmann::ordered_json;
+    Json hosts = Json::array();
+    const auto traffic = [](std::uint64_t messages, std::uint64_t bytes) {
+        return Json{{"messages", messages}, {"bytes", bytes}};
+    };
+    Traffic in;
+    Traffic out;
+    Losses losses{};
+    const auto lossesOf = [](const Losses& counted) {
+        Json object = Json::object();
+        for (std::size_t i = 0; i < kLossCauses; ++i) {
+            if (counted[i] != 0) object[textOf(static_cast<LossCause>(i))] = counted[i];
+        }
+        return object;
+    };
+    exchange_.eachHost([&](const HostState& host) {
+        const auto received = receiver_.received(host.name);
+        const Traffic sent = out_[host.name];
+        const Losses lost = receiver_.losses(host.name);
+        in.messages += received.messages;
+        in.bytes += received.bytes;
+        out.messages += sent.messages;
+        out.bytes += sent.bytes;
+        for (std::size_t i = 0; i < kLossCauses; ++i) losses[i] += lost[i];
+        hosts.push_back({{"host", host.name},
+                         {"up", host.up},
+                         {"since", host.since},
+                         {"rtt_us", host.roundTrip ? Json(*host.roundTrip) : Json()},
+                         {"subjects", host.subjects},
+                         {"in", traffic(received.messages, received.bytes)},
+                         {"out", traffic(sent.messages, sent.bytes)},
+                         {"lost", lossesOf(lost)}});
+    });
+    const BridgeIdentity& self = exchange_.identity();
+    hosts.insert(hosts.begin(), Json{{"host", self.host},
+                                     {"self", true},
+                                     {"up", isEngineUp_},
+                                     {"since", self.since},
+                                     {"rtt_us", Json()},
+                                     {"subjects", exchange_.ownSubjects()},
+                                     {"in", traffic(in.messages, in.bytes)},
+                                     {"out", traffic(out.messages, out.bytes)},
+                                     {"lost", lossesOf(losses)}});
+    return hosts.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace kvx::bridge

@@ -1,0 +1,154 @@
+// The handshake blocks, each step for a few seconds at most: without a daemon there is nothing else
+// to do for this space. Once it is done, everything comes from events of the queue.
+
+#include "rvbridge/DaemonLink.h"
+
+#include <cstdio>
+#include <utility>
+
+#include "platform/Process.h"
+#include "rv/error/rvErrors.h"
+#include "rv/link/LinkIo.h"
+#include "rv/session/SessionParts.h"
+#include "rv/wire/Negotiation.h"
+
+namespace kvx::bridge {
+
+namespace {
+
+constexpr platform::Milliseconds kStepMs = 2'000;  // of the handshake
+constexpr int kReadBudget = 256 * 1024;            // bytes read in one turn
+constexpr int kSegmentBytes = 64 * 1024;
+
+std::string nameFrom(std::uint32_t address, unsigned long number) {
+    char name[96];
+    std::snprintf(name, sizeof name, "%08lX.BRIDGE%lX%lX",
+                  static_cast<unsigned long>(loadBig32(&address)), platform::processId(), number);
+    return name;
+}
+
+}  // namespace
+
+DaemonLink::DaemonLink(rvevm_Manager manager, std::string daemon, std::string service,
+                       std::string network, DaemonOwner& owner)
+    : manager_(manager),
+      daemon_(std::move(daemon)),
+      service_(std::move(service)),
+      network_(std::move(network)),
+      owner_(owner) {}
+
+DaemonLink::~DaemonLink() {
+    if (retry_ != nullptr) rvevm_RemoveTimer(manager_, retry_);
+    if (queue_ != nullptr) ipq_Close(queue_, true);
+}
+
+ipq_Properties DaemonLink::linkProperties() const {
+    return {.batching = 1, .readBudget = kReadBudget, .segmentSize = kSegmentBytes};
+}
+
+void DaemonLink::start() {
+    connect();
+}
+
+void DaemonLink::connect() {
+    int error = 0;
+    platform::Socket socket = platform::createTcpSocket(error);
+    std::string why = socket ? greet(socket) : rv_SocketErrorText(error);
+    if (why.empty()) why = introduce(std::move(socket));
+    if (!why.empty()) return lose(why);
+    ipq_SetMessageCallback(
+        queue_,
+        [](ipq_Queue, wire::Bytes message, void* closure) {
+            static_cast<DaemonLink*>(closure)->owner_.onDaemonMessage(message);
+        },
+        this);
+    ipq_SetPeerGoneCallback(
+        queue_,
+        [](ipq_Queue, ipq_State, void* closure) {
+            static_cast<DaemonLink*>(closure)->lose("the daemon has closed the connection");
+        },
+        this);
+    owner_.onDaemonUp();
+}
+
+// From the address to a negotiated queue. Returns an empty text, or what went wrong.
+std::string DaemonLink::greet(platform::Socket& socket) const {
+    const auto address = session::parseDaemon(daemon_.c_str());
+    if (!address) return "'" + daemon_ + "' is no daemon (tcp:[host:]port)";
+    platform::setNoDelay(socket.get(), true);
+    platform::setNonBlocking(socket.get(), true);
+    int error = platform::connectSocket(socket.get(), address->endpoint);
+    if (error == platform::socket_error::kWouldBlock ||
+        error == platform::socket_error::kInProgress) {
+        const bool isDone =
+            link::waitUntil(socket.get(), platform::kWritable, link::Deadline::in(kStepMs));
+        error = isDone ? platform::pendingError(socket.get()) : platform::socket_error::kTimedOut;
+    }
+    if (error != 0) return rv_SocketErrorText(error);
+    wire::GreetingBytes bytes{};
+    const auto deadline = link::Deadline::in(kStepMs);
+    if (!link::readExactly(socket.get(), bytes, deadline)) return "no greeting of a daemon came";
+    const wire::Greeting greeting = wire::decodeGreeting(bytes);
+    if (greeting.first != 0 || greeting.version != wire::kProtocolV4) {
+        return "the daemon speaks another protocol";
+    }
+    const wire::Greeting answer{0, wire::kProtocolV4, address->local ? 1U : 0U};
+    const bool isSent = link::writeExactly(socket.get(), wire::encode(answer), deadline);
+    return isSent ? "" : "the daemon takes no greeting";
+}
+
+// Two init messages, as for every session: the answer to the first one says the name. Returns as
+// `greet`.
+std::string DaemonLink::introduce(platform::Socket socket) {
+    if (ipq_NegotiateV4(&queue_, *this, std::move(socket)) != IPQ_SETUP_OK) {
+        queue_ = nullptr;
+        return "the daemon does not agree on a link";
+    }
+    const std::string user = platform::userName();
+    wire::InitFields fields;
+    fields.userId = user.c_str();
+    fields.service = service_.c_str();
+    fields.network = network_.c_str();
+    ipq_SetBlocking(queue_, true);
+    ipq_SetStallLimit(queue_, kStepMs);
+    if (!send(wire::buildInit(fields))) return "the daemon takes no messages";
+    const wire::Bytes answer = ipq_ReadWithin(queue_, kStepMs);
+    if (answer.empty()) return "no answer of the daemon came";
+    const wire::Reply reply = wire::readReply(answer);
+    if (reply.code != 0) return rv_ErrorText(reply.code);
+    name_ = nameFrom(reply.ipAddress, ++sessions_);
+    fields.session = name_.c_str();
+    if (!send(wire::buildInit(fields))) return "the daemon takes no messages";
+    ipq_SetBlocking(queue_, false);
+    return {};
+}
+
+void DaemonLink::lose(const std::string& why) {
+    if (queue_ != nullptr) ipq_Close(std::exchange(queue_, nullptr), false);
+    const auto again = [](void*, void* closure, int, void*) {
+        auto& self = *static_cast<DaemonLink*>(closure);
+        self.retry_ = nullptr;
+        self.connect();
+    };
+    if (retry_ == nullptr) (void)rvevm_AddTimer(manager_, &retry_, kPause, again, this);
+    owner_.onDaemonDown(why);
+}
+
+void DaemonLink::listen(SubjectView subject) {
+    (void)send(wire::buildListen(subject.bytes(), nullptr, 0));
+}
+
+void DaemonLink::cancel(SubjectView subject) {
+    (void)send(wire::buildCancel(subject.bytes(), 0));
+}
+
+bool DaemonLink::send(wire::Bytes message) {
+    return send(wire::Built{0, wire::OwnedMessage::copyOf(message)});
+}
+
+bool DaemonLink::send(wire::Built message) {
+    if (queue_ == nullptr || message.code != 0 || !message.message.bytes) return false;
+    return ipq_Enqueue(queue_, std::move(message.message), false) || ipq_WasKept(queue_);
+}
+
+}  // namespace kvx::bridge

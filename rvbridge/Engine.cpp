@@ -1,0 +1,353 @@
+// The library of the engine has threads of its own: one reads the socket, one delivers. The
+// delivering one only appends to `arrived_` and wakes the loop. Its reconnecting is not used: it
+// gives up after refused logins, and keeps messages in a buffer of its own. Instead a connection
+// that is lost is made anew by the sending thread, which subscribes again before it goes on with
+// what waits.
+
+#include "rvbridge/Engine.h"
+
+#include <nats/nats.h>
+
+#include <array>
+#include <map>
+#include <utility>
+
+#include "platform/Text.h"
+
+namespace kvx::bridge {
+
+namespace nats {
+
+template <class Object, void (*destroy)(Object*)>
+struct Destroyer {
+    void operator()(Object* object) const { destroy(object); }
+};
+using Options = std::unique_ptr<natsOptions, Destroyer<natsOptions, natsOptions_Destroy>>;
+using Message = std::unique_ptr<natsMsg, Destroyer<natsMsg, natsMsg_Destroy>>;
+using Subscription =
+    std::unique_ptr<natsSubscription, Destroyer<natsSubscription, natsSubscription_Destroy>>;
+
+}  // namespace nats
+
+namespace {
+
+constexpr std::int64_t kConnectMs = 2'000;
+constexpr std::int64_t kPingMs = 5'000;
+constexpr std::int64_t kWriteMs = 5'000;
+constexpr int kMostPings = 2;
+constexpr std::int64_t kFlushMs = 2'000;
+
+std::string textOf(natsStatus status) {
+    const char* const last = nats_GetLastError(nullptr);
+    std::string text = natsStatus_GetText(status);
+    if (last != nullptr && *last != '\0') text.append(": ").append(last);
+    return printable(text);
+}
+
+const char* orNull(const std::string& text) {
+    return text.empty() ? nullptr : text.c_str();
+}
+
+}  // namespace
+
+struct Engine::Arrived {
+    enum class Kind { Up, Down, Message };
+    Kind kind;
+    nats::Message message{};
+    std::string why{};
+    std::size_t mostBytes = 0;
+};
+
+struct Engine::Connection {
+    explicit Connection(Engine& engine) : owner(engine) {}
+    ~Connection() {
+        subscriptions.clear();
+        if (handle != nullptr) natsConnection_Close(handle);
+        natsConnection_Destroy(handle);
+    }
+
+    natsStatus setUp() {
+        natsOptions* made = nullptr;
+        natsStatus status = natsOptions_Create(&made);
+        options.reset(made);
+        const EngineSettings& settings = owner.settings_;
+        std::vector<const char*> urls;
+        for (const auto& url : settings.urls) urls.push_back(url.c_str());
+        const auto then = [&status](natsStatus next) {
+            if (status == NATS_OK) status = next;
+        };
+        if (status != NATS_OK) return status;
+        then(natsOptions_SetServers(made, urls.data(), static_cast<int>(urls.size())));
+        then(natsOptions_SetNoRandomize(made, true));
+        then(natsOptions_SetName(made, settings.name.c_str()));
+        then(natsOptions_SetNoEcho(made, true));
+        then(natsOptions_SetSendAsap(made, true));
+        then(natsOptions_SetAllowReconnect(made, false));
+        then(natsOptions_SetTimeout(made, kConnectMs));
+        then(natsOptions_SetPingInterval(made, kPingMs));
+        then(natsOptions_SetMaxPingsOut(made, kMostPings));
+        then(natsOptions_SetWriteDeadline(made, kWriteMs));
+        then(natsOptions_UseGlobalMessageDelivery(made, true));
+        then(natsOptions_SetClosedCB(made, onClosed, &owner));
+        then(natsOptions_SetErrorHandler(made, onError, &owner));
+        if (!settings.credentials.empty()) {
+            then(natsOptions_SetUserCredentialsFromFiles(made, settings.credentials.c_str(),
+                                                         nullptr));
+        }
+        if (!settings.ca.empty() || !settings.certificate.empty()) {
+            then(natsOptions_SetSecure(made, true));
+        }
+        if (!settings.ca.empty()) {
+            then(natsOptions_LoadCATrustedCertificates(made, settings.ca.c_str()));
+        }
+        if (!settings.certificate.empty()) {
+            then(natsOptions_LoadCertificatesChain(made, settings.certificate.c_str(),
+                                                   orNull(settings.key)));
+        }
+        return status;
+    }
+
+    natsStatus open() {
+        const natsStatus status = setUp();
+        return status == NATS_OK ? natsConnection_Connect(&handle, options.get()) : status;
+    }
+
+    natsStatus subscribe(const std::string& subject) {
+        natsSubscription* made = nullptr;
+        const natsStatus status =
+            natsConnection_Subscribe(&made, handle, subject.c_str(), onMessage, &owner);
+        if (status == NATS_OK) subscriptions[subject].reset(made);
+        return status;
+    }
+
+    // These may come after the end of this object: they only know the engine.
+    static void onMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
+        static_cast<Engine*>(closure)->arrive({Arrived::Kind::Message, nats::Message(message)});
+    }
+    static void onClosed(natsConnection*, void* closure) {
+        Engine& engine = *static_cast<Engine*>(closure);
+        const std::lock_guard lock(engine.mutex_);
+        engine.mayBeLost_ = true;
+        engine.changed_.notify_all();
+    }
+    static void onError(natsConnection*, natsSubscription*, natsStatus status, void* closure) {
+        if (status != NATS_SLOW_CONSUMER) return;
+        Engine& engine = *static_cast<Engine*>(closure);
+        const std::lock_guard lock(engine.mutex_);
+        engine.hasOverflown_ = true;
+    }
+
+    Engine& owner;
+    nats::Options options;
+    natsConnection* handle = nullptr;
+    std::map<std::string, nats::Subscription> subscriptions;
+};
+
+Engine::Engine(rvevm_Manager manager, EngineSettings settings, EngineOwner& owner)
+    : manager_(manager), settings_(std::move(settings)), owner_(owner) {}
+
+Engine::~Engine() {
+    stop(0);
+    if (wakeEvent_ != nullptr) rvevm_RemoveIO(manager_, wakeEvent_);
+}
+
+std::string Engine::start() {
+    int error = 0;
+    std::tie(wakeNear_, wakeFar_) = platform::createSocketPair(error);
+    const auto onWake = [](void*, void* closure, int, void*) {
+        static_cast<Engine*>(closure)->takeArrived();
+    };
+    if (!wakeNear_ || rvevm_AddIO(manager_, &wakeEvent_, static_cast<unsigned>(wakeNear_.get()),
+                                  RVEVM_READ, onWake, this) != 0) {
+        return "no descriptors are left";
+    }
+    // One thread delivers for all subscriptions, so that the order of messages is the engine's.
+    if (nats_Open(-1) != NATS_OK || nats_SetMessageDeliveryPoolSize(1) != NATS_OK) {
+        return "the engine's library cannot start";
+    }
+    if (const natsStatus status = Connection(*this).setUp(); status != NATS_OK) {
+        return textOf(status);
+    }
+    sender_ = std::thread([this] { send(); });
+    return {};
+}
+
+bool Engine::publish(const std::string& subject, std::vector<std::uint8_t> bytes) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (orderedBytes_ + bytes.size() > kMostWaiting) return false;
+    }
+    give({Action::Publish, subject, std::move(bytes)});
+    return true;
+}
+
+bool Engine::hasRoom() {
+    const std::lock_guard lock(mutex_);
+    return orderedBytes_ < kMostWaiting / 2;
+}
+
+void Engine::subscribe(const std::string& subject) {
+    give({Action::Subscribe, subject, {}});
+}
+
+void Engine::unsubscribe(const std::string& subject) {
+    give({Action::Unsubscribe, subject, {}});
+}
+
+void Engine::give(Order order) {
+    const std::lock_guard lock(mutex_);
+    orderedBytes_ += order.bytes.size();
+    orders_.push_back(std::move(order));
+    changed_.notify_all();
+}
+
+// Whether the sending thread is done with its connection.
+bool Engine::hasEnded() {
+    const std::lock_guard lock(mutex_);
+    mayBeLost_ = false;
+    return stops_ || natsConnection_IsClosed(connection_->handle);
+}
+
+// The sending thread: connects, and then serves that connection until it is lost.
+void Engine::send() {
+    while (true) {
+        {
+            std::unique_lock lock(mutex_);
+            if (stops_) return;
+        }
+        connection_ = std::make_unique<Connection>(*this);
+        natsStatus status = connection_->open();
+        for (auto subject = wanted_.begin(); status == NATS_OK && subject != wanted_.end();
+             ++subject) {
+            status = connection_->subscribe(*subject);
+        }
+        if (status == NATS_OK) {
+            arrive({Arrived::Kind::Up, nullptr, "",
+                    static_cast<std::size_t>(natsConnection_GetMaxPayload(connection_->handle))});
+            serveConnection();
+            report("the connection is lost");
+        } else {
+            report(textOf(status));
+        }
+        connection_.reset();
+        std::unique_lock lock(mutex_);
+        isIdle_ = true;
+        changed_.notify_all();
+        changed_.wait_for(lock, std::chrono::milliseconds(kPause), [this] { return stops_; });
+    }
+}
+
+void Engine::serveConnection() {
+    while (!hasEnded()) {
+        std::deque<Order> orders;
+        {
+            std::unique_lock lock(mutex_);
+            isIdle_ = orders_.empty();
+            changed_.notify_all();
+            changed_.wait(lock, [this] { return !orders_.empty() || stops_ || mayBeLost_; });
+            orders.swap(orders_);
+            isIdle_ = false;
+        }
+        for (Order& order : orders) {
+            execute(order);
+            const std::lock_guard lock(mutex_);
+            orderedBytes_ -= order.bytes.size();
+        }
+    }
+    if (!natsConnection_IsClosed(connection_->handle)) {
+        (void)natsConnection_FlushTimeout(connection_->handle, kFlushMs);
+    }
+}
+
+// What cannot be published, since the connection was lost within these orders, is missed by its
+// number.
+void Engine::execute(Order& order) {
+    switch (order.action) {
+        case Action::Publish:
+            (void)natsConnection_Publish(connection_->handle, order.subject.c_str(),
+                                         order.bytes.data(), static_cast<int>(order.bytes.size()));
+            return;
+        case Action::Subscribe:
+            wanted_.insert(order.subject);
+            (void)connection_->subscribe(order.subject);
+            return;
+        case Action::Unsubscribe:
+            wanted_.erase(order.subject);
+            connection_->subscriptions.erase(order.subject);
+            return;
+    }
+}
+
+void Engine::report(const std::string& why) {
+    arrive({Arrived::Kind::Down, nullptr, why});
+}
+
+// Any thread.
+void Engine::arrive(Arrived arrived) {
+    const std::size_t bytes =
+        arrived.message ? static_cast<std::size_t>(natsMsg_GetDataLength(arrived.message.get()))
+                        : 0;
+    const std::lock_guard lock(mutex_);
+    if (arrivedBytes_ + bytes > kMostWaiting) {
+        hasOverflown_ = true;
+        return;
+    }
+    arrivedBytes_ += bytes;
+    arrived_.push_back(std::move(arrived));
+    if (std::exchange(isWoken_, true)) return;
+    const std::array<std::byte, 1> wake{};
+    (void)platform::sendSome(wakeFar_.get(), wake);
+}
+
+void Engine::takeArrived() {
+    std::array<std::byte, 16> wakes{};
+    (void)platform::receiveSome(wakeNear_.get(), wakes);
+    std::vector<Arrived> arrived;
+    bool hasOverflown = false;
+    {
+        const std::lock_guard lock(mutex_);
+        arrived.swap(arrived_);
+        arrivedBytes_ = 0;
+        isWoken_ = false;
+        hasOverflown = std::exchange(hasOverflown_, false);
+    }
+    for (const Arrived& next : arrived) {
+        switch (next.kind) {
+            case Arrived::Kind::Up:
+                isUp_ = true;
+                mostBytes_ = next.mostBytes;
+                owner_.onEngineUp();
+                break;
+            case Arrived::Kind::Down:
+                isUp_ = false;
+                owner_.onEngineDown(next.why);
+                break;
+            case Arrived::Kind::Message: {
+                const natsMsg* const message = next.message.get();
+                const auto* const data =
+                    reinterpret_cast<const std::uint8_t*>(natsMsg_GetData(message));
+                owner_.onEngineMessage(
+                    natsMsg_GetSubject(message),
+                    {data, static_cast<std::size_t>(natsMsg_GetDataLength(message))});
+                break;
+            }
+        }
+    }
+    if (hasOverflown) owner_.onEngineLoss();
+    owner_.onEngineTurnOver();
+}
+
+void Engine::stop(platform::Milliseconds timeout) {
+    if (!sender_.joinable()) return;
+    {
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, std::chrono::milliseconds(timeout),
+                          [this] { return isIdle_ && orders_.empty(); });
+        stops_ = true;
+        changed_.notify_all();
+    }
+    sender_.join();
+    (void)nats_CloseAndWait(0);  // callbacks know this object
+}
+
+}  // namespace kvx::bridge

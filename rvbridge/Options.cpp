@@ -1,0 +1,208 @@
+#include "rvbridge/Options.h"
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <cstdio>
+#include <sstream>
+#include <utility>
+
+#include "mom/config/CVekRvdCfgParser.h"
+#include "mom/config/ReadConfiguration.h"
+#include "platform/File.h"
+#include "platform/Socket.h"
+#include "platform/Text.h"
+#include "rv/wire/Limits.h"
+
+namespace kvx::bridge {
+
+namespace {
+
+constexpr int kFailureStatus = 1;
+constexpr int kUsageStatus = 2;
+constexpr std::size_t kLongestError = 600;  // bytes
+constexpr std::size_t kLongestHost = 64;    // bytes
+
+struct Texts {
+    std::vector<std::string> engines;
+    std::vector<std::string> spaces;
+    std::vector<std::string> exports;
+    std::vector<std::string> imports;
+    DaemonAddress address;
+    std::string host;
+    std::string configuration;
+};
+
+// The other programs of the bus have options with one dash.
+std::vector<std::string> normalised(int argc, const char* const* argv) {
+    std::vector<std::string> reversed;  // the parser takes its arguments from the back
+    for (int i = argc - 1; i > 0; --i) {
+        std::string argument = argv[i];
+        const bool hasOneDash = argument.size() > 2 && argument[0] == '-' && argument[1] != '-';
+        if (hasOneDash) argument.insert(0, 1, '-');
+        reversed.push_back(std::move(argument));
+    }
+    return reversed;
+}
+
+void describe(CLI::App& app, Texts& texts, Options& options) {
+    app.set_version_flag("--version", std::string("rvbridge ") + KVX_VERSION);
+    app.add_option("--engine", texts.engines, "NATS servers: nats://host:port, comma separated")
+        ->required()
+        ->delimiter(',');
+    app.add_option("--daemon", texts.address.daemon,
+                   "The daemon of this host, tcp:[host:]port; default: the configuration file");
+    app.add_option("--service", texts.address.service, "The space to join (with -network)");
+    app.add_option("--network", texts.address.network, "The space to join (with -service)");
+    app.add_option("--space", texts.spaces, "SERVICE:NETWORK, once for each space to join")
+        ->excludes("--service")
+        ->excludes("--network");
+    app.add_option("--host", texts.host, "This host's name; default: as the system calls it");
+    app.add_option("--export", texts.exports, "Only messages on this subject leave this host");
+    app.add_option("--import", texts.imports, "Only messages on this subject come to this host");
+    app.add_option("--credentials", options.engine.credentials, "NATS's own file of credentials");
+    app.add_option("--ca", options.engine.ca, "File of the certificates to trust");
+    CLI::Option* const certificate =
+        app.add_option("--cert", options.engine.certificate, "File of this bridge's certificate");
+    app.add_option("--key", options.engine.key, "File of its key")->needs(certificate);
+    app.add_option("--config", texts.configuration,
+                   "The daemon configuration file; default: $VEK_HOME's");
+    app.add_flag("-v,--verbose", options.isVerbose, "Log every subject that comes and goes");
+}
+
+void complain(const std::string& error) {
+    const std::string line = "rvbridge: " + shortened(printable(error), kLongestError) + '\n';
+    std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+// Return the exit status.
+int print(const std::string& text) {
+    const std::string error = platform::writeOutput(text);
+    if (error.empty()) return 0;
+    complain("standard output: " + error);
+    return kFailureStatus;
+}
+
+int refuse(const std::string& error) {
+    complain(error);
+    return kUsageStatus;
+}
+
+// The following return an empty text, or the error.
+
+std::string takeSubjects(const std::vector<std::string>& texts, const char* option,
+                         std::vector<Subject>& subjects) {
+    for (const auto& text : texts) {
+        auto subject = Subject::fromText(text.c_str());
+        if (!subject) return std::string(option) + ": '" + text + "' is no subject";
+        subjects.push_back(std::move(*subject));
+    }
+    return {};
+}
+
+std::string takeSpaces(const std::vector<std::string>& texts, std::vector<SpaceName>& spaces) {
+    for (const auto& text : texts) {
+        const auto colon = text.find(':');
+        if (colon == text.npos) return "-space: '" + text + "' is no SERVICE:NETWORK";
+        const SpaceName space{text.substr(0, colon), text.substr(colon + 1)};
+        if (std::ranges::find(spaces, space) != spaces.end()) {
+            return "-space: '" + text + "' is named twice";
+        }
+        spaces.push_back(space);
+    }
+    return {};
+}
+
+std::string takeHost(const std::string& text, std::string& host) {
+    host = text.empty() ? platform::localHostName().value_or("") : text;
+    if (host.empty()) return "this host has no name: use -host";
+    if (host.size() > kLongestHost || printable(host) != host) {
+        return "'" + host + "' is no name of a host (up to 64 printable characters)";
+    }
+    return {};
+}
+
+std::string takeFiles(const EngineSettings& engine) {
+    for (const auto& [option, file] :
+         {std::pair("-credentials", engine.credentials), std::pair("-ca", engine.ca),
+          std::pair("-cert", engine.certificate), std::pair("-key", engine.key)}) {
+        if (file.empty()) continue;
+        std::FILE* const opened = std::fopen(file.c_str(), "re");
+        if (opened == nullptr) return std::string(option) + ": cannot read '" + file + "'";
+        std::fclose(opened);
+    }
+    return {};
+}
+
+std::string takeAddress(const Texts& texts, Options& options) {
+    CVekRvdCfgParser parser;
+    if (!texts.configuration.empty()) {
+        std::string name = texts.configuration;
+        if (parser.RRCPParseFromFilename(name.data()) != 0) {
+            return "-config: " + texts.configuration + ": " + parser.RRCPGetError();
+        }
+    }
+    const auto valueOf = [](CVekAtom* atom) {
+        return std::string(atom == nullptr || atom->RAString() == nullptr ? "" : atom->RAString());
+    };
+    const DaemonAddress filed{valueOf(parser.RRCPGetService()), valueOf(parser.RRCPGetNetwork()),
+                              valueOf(parser.RRCPGetDaemon())};
+    const auto choose = [](const std::string& given, const std::string& fromFile) {
+        return given.empty() ? fromFile : given;
+    };
+    options.daemon = choose(texts.address.daemon, filed.daemon);
+    if (options.daemon.empty()) options.daemon = wire::kDefaultDaemon;
+    if (options.spaces.empty()) {
+        options.spaces.push_back({choose(texts.address.service, filed.service),
+                                  choose(texts.address.network, filed.network)});
+    }
+    return {};
+}
+
+std::string evaluate(const Texts& texts, Options& options) {
+    for (const auto& url : texts.engines) {
+        if (!url.starts_with("nats://") && !url.starts_with("tls://")) {
+            return "-engine: '" + withoutSecrets(url) + "' is no nats://host:port";
+        }
+    }
+    options.engine.urls = texts.engines;
+    std::string error = takeHost(texts.host, options.host);
+    if (error.empty()) error = takeSpaces(texts.spaces, options.spaces);
+    if (error.empty()) error = takeSubjects(texts.exports, "-export", options.exports);
+    if (error.empty()) error = takeSubjects(texts.imports, "-import", options.imports);
+    if (error.empty()) error = takeFiles(options.engine);
+    if (error.empty()) error = takeAddress(texts, options);
+    options.engine.name = "rvbridge " + options.host;
+    return error;
+}
+
+}  // namespace
+
+std::string withoutSecrets(const std::string& text) {
+    const auto scheme = text.find("://");
+    const auto at = text.rfind('@');
+    if (scheme == text.npos || at == text.npos || at < scheme) return text;
+    return text.substr(0, scheme + 3) + "..." + text.substr(at);
+}
+
+CommandLine parseCommandLine(int argc, const char* const* argv) {
+    CLI::App app("Joins the daemon of this host with those of others, over NATS.", "rvbridge");
+    Texts texts;
+    CommandLine result;
+    describe(app, texts, result.options);
+    try {
+        app.parse(normalised(argc, argv));
+    } catch (const CLI::ParseError& error) {
+        std::ostringstream out;
+        std::ostringstream ignored;
+        const bool isAsked = app.exit(error, out, ignored) == 0;
+        result.exitStatus = isAsked ? print(out.str())
+                                    : refuse(error.what() + std::string("; see rvbridge --help"));
+        return result;
+    }
+    if (const std::string error = evaluate(texts, result.options); !error.empty()) {
+        result.exitStatus = refuse(error);
+    }
+    return result;
+}
+
+}  // namespace kvx::bridge
