@@ -107,13 +107,16 @@ void Bridge::stop() {
 // ------------------------------------------------------------------ the daemon
 
 void Bridge::onDaemonUp() {
+    lastWhy_.clear();
     log_.info("the daemon at " + options_.daemon + " is there, session " + daemon_.name());
     for (const char* subject : {kInterest, kHosts}) daemon_.listen(*Subject::fromText(subject));
     for (const auto& subject : others_) daemon_.listen(viewOf(subject));
 }
 
 void Bridge::onDaemonDown(const std::string& why) {
-    log_.warning("no daemon at " + options_.daemon + ": " + why);
+    if (std::exchange(lastWhy_, why) != why) {
+        log_.warning("no daemon at " + options_.daemon + ": " + why);
+    }
     if (own_.empty()) return;
     while (!own_.empty()) removeOwn(Subject(viewOf(own_.begin()->first)));
     endTurnSoon();

@@ -119,6 +119,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     std::string openAt_;   // the same at the engine
     std::uint32_t openCount_ = 0;
 
+    std::string lastWhy_;  // there was no daemon; attempts that fail alike are told once
     bool isEngineUp_ = false;
     bool isComplete_ = false;  // the daemon's first snapshot
     bool hasStarted_ = false;

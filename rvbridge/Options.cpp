@@ -135,26 +135,31 @@ std::string takeFiles(const EngineSettings& engine) {
 
 std::string takeAddress(const Texts& texts, Options& options) {
     CVekRvdCfgParser parser;
-    if (!texts.configuration.empty()) {
+    DaemonAddress address = texts.address;
+    const auto fill = [](std::string& value, const char* configured) {
+        if (value.empty() && configured != nullptr) value = configured;
+    };
+    if (texts.configuration.empty()) {
+        const SessionAddress found = readConfiguration(parser, texts.address);
+        fill(address.service, found.service);
+        fill(address.network, found.network);
+        fill(address.daemon, found.daemon);
+    } else {
         std::string name = texts.configuration;
         if (parser.RRCPParseFromFilename(name.data()) != 0) {
-            return "-config: " + texts.configuration + ": " + parser.RRCPGetError();
+            const char* const why = parser.RRCPGetError();
+            return "-config: " + name + ": " + (why == nullptr ? "cannot be read" : why);
         }
+        const auto textOf = [](CVekAtom* atom) {
+            return atom == nullptr ? nullptr : atom->RAString();
+        };
+        fill(address.service, textOf(parser.RRCPGetService()));
+        fill(address.network, textOf(parser.RRCPGetNetwork()));
+        fill(address.daemon, textOf(parser.RRCPGetDaemon()));
     }
-    const auto valueOf = [](CVekAtom* atom) {
-        return std::string(atom == nullptr || atom->RAString() == nullptr ? "" : atom->RAString());
-    };
-    const DaemonAddress filed{valueOf(parser.RRCPGetService()), valueOf(parser.RRCPGetNetwork()),
-                              valueOf(parser.RRCPGetDaemon())};
-    const auto choose = [](const std::string& given, const std::string& fromFile) {
-        return given.empty() ? fromFile : given;
-    };
-    options.daemon = choose(texts.address.daemon, filed.daemon);
-    if (options.daemon.empty()) options.daemon = wire::kDefaultDaemon;
-    if (options.spaces.empty()) {
-        options.spaces.push_back({choose(texts.address.service, filed.service),
-                                  choose(texts.address.network, filed.network)});
-    }
+    fill(address.daemon, wire::kDefaultDaemon);
+    options.daemon = address.daemon;
+    if (options.spaces.empty()) options.spaces.push_back({address.service, address.network});
     return {};
 }
 
