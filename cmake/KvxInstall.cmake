@@ -7,7 +7,7 @@ set(KVX_INSTALL_PACKAGE ${CMAKE_INSTALL_LIBDIR}/cmake/KVXMOM)
 
 install(TARGETS KVXFoundation KVXRv KVXMOM KVXClient EXPORT KVXMOMTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(TARGETS rvd kvx rva RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS rvd rvbridge kvx rva RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 if(KVX_BUILD_EXAMPLES)
     install(TARGETS modeld RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
@@ -38,7 +38,7 @@ configure_file(cmake/kvxmom.pc.in ${CMAKE_CURRENT_BINARY_DIR}/kvxmom.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kvxmom.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(FILES packaging/man/rvd.1 packaging/man/kvx.1 packaging/man/rva.1
+install(FILES packaging/man/rvd.1 packaging/man/rvbridge.1 packaging/man/kvx.1 packaging/man/rva.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES packaging/completions/kvx packaging/completions/rva
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)

@@ -74,7 +74,7 @@ bool isWithin(const std::vector<Subject>& patterns, SubjectView subject) {
 }  // namespace
 
 Bridge::Bridge(rvevm_Manager manager, const Options& options, const SpaceName& space,
-               BridgeIdentity identity, Engine& engine, Log& log, BridgeOwner& owner)
+               BridgeIdentity identity, Engine& engine, platform::Log& log, BridgeOwner& owner)
     : manager_(manager),
       options_(options),
       subjects_(space.service.empty() ? wire::kDefaultService : space.service, space.network),

@@ -8,6 +8,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "platform/Log.h"
 #include "rv/message/SubjectTree.h"
 #include "rvbridge/DaemonLink.h"
 #include "rvbridge/Engine.h"
@@ -15,7 +16,6 @@
 #include "rvbridge/Exchange.h"
 #include "rvbridge/Frame.h"
 #include "rvbridge/Ledger.h"
-#include "rvbridge/Log.h"
 #include "rvbridge/Options.h"
 
 namespace kvx::bridge {
@@ -35,7 +35,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
   public:
     /// All but `space` must outlive this object.
     Bridge(rvevm_Manager manager, const Options& options, const SpaceName& space,
-           BridgeIdentity identity, Engine& engine, Log& log, BridgeOwner& owner);
+           BridgeIdentity identity, Engine& engine, platform::Log& log, BridgeOwner& owner);
     ~Bridge();
 
     /// Connects to the daemon.
@@ -106,7 +106,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     const Options& options_;
     const EngineSubjects subjects_;
     Engine& engine_;
-    Log& log_;
+    platform::Log& log_;
     BridgeOwner& owner_;
 
     DaemonLink daemon_;

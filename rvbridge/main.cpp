@@ -16,9 +16,10 @@
 namespace {
 
 using namespace kvx::bridge;
+namespace platform = kvx::platform;
 
 constexpr unsigned long kTickMs = 100;
-constexpr kvx::platform::Milliseconds kFarewellMs = 1'000;
+constexpr platform::Milliseconds kFarewellMs = 1'000;
 
 // The present time in UTC.
 std::string startText() {
@@ -34,7 +35,8 @@ std::string startText() {
 class Program final : public EngineOwner, public BridgeOwner {
   public:
     explicit Program(const Options& options)
-        : options_(options), log_(options.isVerbose ? LogLevel::Debug : LogLevel::Info) {}
+        : options_(options),
+          log_(options.isVerbose ? platform::LogLevel::Debug : platform::LogLevel::Info) {}
 
     int run() {
         if (rvevm_Create(&manager_) != 0) return fail("the event manager cannot start");
@@ -105,7 +107,7 @@ class Program final : public EngineOwner, public BridgeOwner {
     void onBridgeReady() override {
         if (++ready_ != bridges_.size()) return;
         const std::string error =
-            kvx::platform::writeOutput("rvbridge ready as " + options_.host + '\n');
+            platform::writeOutput("rvbridge ready as " + options_.host + '\n');
         if (!error.empty()) log_.error("standard output: " + error);
     }
     void onBridgeRefused(const std::string& reason) override {
@@ -114,7 +116,7 @@ class Program final : public EngineOwner, public BridgeOwner {
     }
 
     const Options& options_;
-    Log log_;
+    platform::Log log_;
     rvevm_Manager manager_ = nullptr;
     std::unique_ptr<Engine> engine_;
     std::vector<std::unique_ptr<Bridge>> bridges_;

@@ -462,7 +462,7 @@ void Connection::leaveSession() {
 void Connection::fail(int status) {
     if (state_ >= State::Failed) return;
     enter(State::Failed);
-    if (context_.log.enabled(LogLevel::Debug)) {
+    if (context_.log.enabled(platform::LogLevel::Debug)) {
         context_.log.debug(name_ + " lost: " + uv_strerror(status));
     }
 }
@@ -495,7 +495,7 @@ void Connection::send(wire::Bytes bytes) {
 void Connection::join(std::string_view service, std::string_view network) {
     session_ = &context_.router.join(service, network, *this);
     context_.announced(*this);
-    if (context_.log.enabled(LogLevel::Debug)) {
+    if (context_.log.enabled(platform::LogLevel::Debug)) {
         context_.log.debug(name_ + " joins service '" + std::string(service) + "' network '" +
                            std::string(network) + "'");
     }

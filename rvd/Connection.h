@@ -10,9 +10,9 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Log.h"
 #include "rvd/Batch.h"
 #include "rvd/Line.h"
-#include "rvd/Log.h"
 #include "rvd/Outbox.h"
 #include "rvd/Pace.h"
 #include "rvd/Peer.h"
@@ -25,7 +25,7 @@ class Connection;
 /// Shared by the connections of one daemon; must outlive them.
 struct ConnectionContext {
     uv_loop_t& loop;
-    Log& log;
+    platform::Log& log;
     Counters& counters;
     MemoryAccount& account;
     Router& router;

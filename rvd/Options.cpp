@@ -92,8 +92,8 @@ std::string evaluate(const Texts& texts, Options& options) {
             return "'" + texts.memory + "' is no limit of memory (a number with k, M or G)";
         }
     }
-    if (texts.verbose > 0) options.logLevel = LogLevel::Debug;
-    if (texts.quiet) options.logLevel = LogLevel::Error;
+    if (texts.verbose > 0) options.logLevel = platform::LogLevel::Debug;
+    if (texts.quiet) options.logLevel = platform::LogLevel::Error;
     return {};
 }
 

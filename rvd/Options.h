@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "rvd/Log.h"
+#include "platform/Log.h"
 
 namespace kvx::rvd {
 
@@ -19,7 +19,7 @@ struct Options {
     std::uint64_t queueLimit = kDefaultQueueLimit;
     std::optional<std::uint64_t> memoryLimit;  ///< bytes of all sessions; without it half of what
                                                ///< the process may use
-    LogLevel logLevel = LogLevel::Info;
+    platform::LogLevel logLevel = platform::LogLevel::Info;
     /// Of a match, between two looks at the clock; not on the command line.
     std::size_t stepsAtOnce = 256;
 };

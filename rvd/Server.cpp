@@ -62,7 +62,7 @@ void closeHandle(Handle& handle) {
 
 }  // namespace
 
-Server::Server(const Options& options, const Log& log)
+Server::Server(const Options& options, const platform::Log& log)
     : options_(options),
       log_(log),
       account_(memoryLimit(options)),
@@ -321,7 +321,7 @@ void Server::logStop() noexcept {
 }
 
 void Server::logCounters() noexcept {
-    if (!log_.enabled(LogLevel::Info)) return;
+    if (!log_.enabled(platform::LogLevel::Info)) return;
     std::uint64_t waiting = 0;
     for (const auto& [connection, holder] : connections_) waiting += connection->waitingMessages();
     counters_.set(Counter::MessagesWaiting, waiting);

@@ -10,11 +10,11 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/Log.h"
 #include "rvd/Batch.h"
 #include "rvd/Connection.h"
 #include "rvd/Counters.h"
 #include "rvd/Line.h"
-#include "rvd/Log.h"
 #include "rvd/MemoryAccount.h"
 #include "rvd/Options.h"
 #include "rvd/Router.h"
@@ -25,7 +25,7 @@ namespace kvx::rvd {
 /// and `Connection` do I/O.
 class Server {
   public:
-    Server(const Options& options, const Log& log);
+    Server(const Options& options, const platform::Log& log);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
@@ -68,7 +68,7 @@ class Server {
     void logCounters() noexcept;
 
     const Options options_;
-    Log log_;
+    platform::Log log_;
 
     uv_loop_t loop_{};
     uv_tcp_t listener_{};

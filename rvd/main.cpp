@@ -1,7 +1,7 @@
 #include "platform/File.h"
+#include "platform/Log.h"
 #include "platform/Memory.h"
 #include "platform/Signals.h"
-#include "rvd/Log.h"
 #include "rvd/Options.h"
 #include "rvd/Server.h"
 
@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
     const auto commandLine = kvx::rvd::parseCommandLine(argc, argv);
     if (commandLine.exitStatus) return *commandLine.exitStatus;
 
-    kvx::rvd::Log log(commandLine.options.logLevel);
+    kvx::platform::Log log(commandLine.options.logLevel);
     kvx::rvd::Server server(commandLine.options, log);
     if (!server.start()) return 1;
 

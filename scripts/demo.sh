@@ -37,7 +37,7 @@ fail() { exit 1; }
 
 query() {
     say ''
-    say "$ kvx query Model \"$1\"${2:+ $2}"
+    say "$ kvx query Model \"$1\"${2:+ ${*:2}}"
     "$bin/kvx" query Model "$@" || fail
 }
 

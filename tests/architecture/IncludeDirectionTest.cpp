@@ -50,7 +50,7 @@ const std::map<std::string, Rooms>& allowedRooms() {
         {"mom/timed", with(belowMom, {"mom/base", "mom/engine"})},
         {"mom", belowMomAndMom},
         {"rvd", {"platform", "rv/message", "rv/error", "rv/wire"}},
-        {"rvbridge", {"platform", "rv/message", "rv/error", "rv/wire"}},
+        {"rvbridge", with(belowMom, {"mom/config"})},
         {"kvx", libraries},
         {"tools", withKvx},
         {"rva", with(withKvx, {"tools"})},

@@ -35,9 +35,9 @@ cc -std=c99 -Wall -Wextra -Werror -pedantic "$here/../kvx/CProgram.c" -o "$work/
 LD_LIBRARY_PATH=$libdir "$work/in_c" null
 
 echo "every installed program starts, and the units start them"
-for program in rvd kvx modeld; do "$work/prefix/bin/$program" --version; done
+for program in rvd rvbridge kvx modeld; do "$work/prefix/bin/$program" --version; done
 "$work/prefix/bin/rva" -version
-for program in rvd rva; do
+for program in rvd rvbridge rva; do
     grep -q "^ExecStart=\"$work/prefix/bin/$program\" " \
         "$work/prefix/lib/systemd/system/$program.service"
 done

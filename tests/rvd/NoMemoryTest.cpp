@@ -28,7 +28,7 @@ class ServedHere {
         options.listenAddress = platform::kLoopbackAddress;
         options.queueLimit = 2'000;
         options.stepsAtOnce = 1;
-        server_ = std::make_unique<rvd::Server>(options, rvd::Log());
+        server_ = std::make_unique<rvd::Server>(options, platform::Log());
         if (!server_->start()) throw std::runtime_error("cannot listen");
         const std::string& text = server_->address();
         port_ = static_cast<std::uint16_t>(std::stoi(text.substr(text.rfind(':') + 1)));

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <thread>
 
-#include "rvd/Log.h"
+#include "platform/Log.h"
 
 namespace kvx::rvd {
 namespace {
@@ -41,12 +41,12 @@ TEST(Options, AreSpelledWithOneDashOrTwoAndLimitsTakeSuffixes) {
     EXPECT_EQ(parsed.options.memoryLimit, 3U << 20U);
     EXPECT_EQ(parseCommandLine(1, line).options.memoryLimit, std::nullopt);
     EXPECT_EQ(parsed.options.hostAddress, 0x0A000001U);
-    EXPECT_EQ(parsed.options.logLevel, LogLevel::Debug);
+    EXPECT_EQ(parsed.options.logLevel, platform::LogLevel::Debug);
 }
 
 // The seconds may change between the lines.
 TEST(Log, LeavesLinesOutThatComeTooFastAndSaysHowMany) {
-    Log log(LogLevel::Debug);
+    platform::Log log(platform::LogLevel::Debug);
     testing::internal::CaptureStderr();
     for (int i = 0; i < 1000; ++i) log.warning("too many");
     for (int i = 0; i < 1000; ++i) log.debug("all");

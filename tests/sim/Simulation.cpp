@@ -9,7 +9,7 @@
 #include <csignal>
 #include <cstdio>
 
-#include "rvd/Log.h"
+#include "platform/Log.h"
 #include "rvd/Server.h"
 #include "tests/sim/Client.h"
 #include "tests/support/Ledger.h"
@@ -18,7 +18,7 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
-namespace kvx::rvd {
+namespace kvx::platform {
 
 // The daemon's log lines go to the simulation.
 void Log::write(LogLevel level, std::string_view text) {
@@ -37,7 +37,7 @@ void Log::write(LogLevel level, std::string_view text) {
     if (!broken.empty()) sim::world->fail(broken);
 }
 
-}  // namespace kvx::rvd
+}  // namespace kvx::platform
 
 namespace kvx::sim {
 
@@ -150,7 +150,7 @@ class Simulation {
                 options.queueLimit = plan_.queueLimit;
                 options.memoryLimit = plan_.memory;
                 options.stepsAtOnce = plan_.stepsAtOnce;
-                const rvd::Log log(rvd::LogLevel::Info);
+                const platform::Log log(platform::LogLevel::Info);
                 rvd::Server server(options, log);
                 gracefully_ = killed_ = false;
                 if (!server.start()) world->fail("the daemon does not start");

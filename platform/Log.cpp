@@ -1,4 +1,4 @@
-#include "rvd/Log.h"
+#include "platform/Log.h"
 
 #include <array>
 #include <cstdio>
@@ -8,7 +8,7 @@
 
 #include "platform/Text.h"
 
-namespace kvx::rvd {
+namespace kvx::platform {
 namespace {
 
 constexpr std::array<const char*, 4> kLevelNames = {"ERROR", "WARN", "INFO", "DEBUG"};
@@ -52,4 +52,4 @@ void Log::write(LogLevel level, std::string_view text) {
     writeLine(now, level, text);
 }
 
-}  // namespace kvx::rvd
+}  // namespace kvx::platform

@@ -3,7 +3,7 @@
 #include <ctime>
 #include <string_view>
 
-namespace kvx::rvd {
+namespace kvx::platform {
 
 enum class LogLevel { Error = 0, Warning = 1, Info = 2, Debug = 3 };
 
@@ -31,4 +31,4 @@ class Log {
     unsigned lines_ = 0;      // in that second
 };
 
-}  // namespace kvx::rvd
+}  // namespace kvx::platform
