@@ -283,9 +283,10 @@ void Client::heard(Ear& ear, const char* subject, RvSender* replyTo, const RvDat
     if (!std::string_view(subject).starts_with("_RV")) {
         if (data.type() != RVMSG_STRING) world->fail("another payload: " + what);
         const MessageId id = MessageId::of({static_cast<const char*>(data.data()), data.size()});
-        if (ear.last[id.sender] >= id.number) world->fail("heard twice or late: " + id.text());
-        if (last_[id.sender] > id.number) world->fail("heard out of order: " + id.text());
-        ear.last[id.sender] = last_[id.sender] = id.number;
+        const std::pair from(id.sender, world->ledger.linkOf(id));
+        if (ear.last[from] >= id.number) world->fail("heard twice or late: " + id.text());
+        if (last_[from] > id.number) world->fail("heard out of order: " + id.text());
+        ear.last[from] = last_[from] = id.number;
         if (calm_) ear.heard.insert(id);
         if (replyTo != nullptr) send(*replyTo, 10);
     }

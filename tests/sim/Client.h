@@ -28,8 +28,9 @@ class Ear final : public RvDataCallback {
     std::string subject;
     RvListener* listener = nullptr;  ///< null before it is made and once it is deleted
     bool mayBeCalled = true;
-    std::map<unsigned, unsigned> last;  ///< by sender: the number heard last
-    std::set<MessageId> heard;          ///< in the calm at the end
+    /// By sender and its link: the number heard last.
+    std::map<std::pair<unsigned, unsigned>, unsigned> last;
+    std::set<MessageId> heard;  ///< in the calm at the end
 
   private:
     Client& client_;
@@ -101,9 +102,9 @@ class Client {
 
     rvevm_Manager manager_ = nullptr;
     std::optional<RvSession> session_;
-    unsigned sender_ = 0;                // the identity of the session's messages
-    unsigned number_ = 0;                // of its last message
-    std::map<unsigned, unsigned> last_;  // of the session, by sender
+    unsigned sender_ = 0;  // the identity of the session's messages
+    unsigned number_ = 0;  // of its last message
+    std::map<std::pair<unsigned, unsigned>, unsigned> last_;  // of the session, likewise
     std::vector<std::unique_ptr<Ear>> ears_;
     std::vector<Mark> marks_;
     std::optional<unsigned> armed_;

@@ -208,6 +208,8 @@ void Ledger::checkArrival(Session& from, MessageId id) {
 void Ledger::published(const Published& message) {
     if (message.id.sender == 0) world->fail("a message without identity" + linkName(message.from));
     checkArrival(sessions_[message.from], message.id);
+    if (!published_.emplace(message.id, message.from).second)
+        world->fail("sent twice: " + message.id.text());
     recent_.push_back(message);
     for (auto& [link, session] : sessions_) owe(link, session, message, false);
 }
@@ -278,12 +280,13 @@ void Ledger::pay(unsigned link, Session& session, MessageId id) {
     Due& due = session.due[found->second];
     if (due.paid) world->fail("delivered twice: " + what);
     due.paid = true;
-    const MessageId last = std::exchange(session.lastPaid[id.sender], id);
+    const MessageId last = std::exchange(session.lastPaid[due.from], id);
     if (last.number >= id.number) world->fail("a sender's order is broken: " + what);
     if (session.gone) return;  // others may have been matched before the daemon knew
     const auto isMissing = [](const Due& d) { return d.certain && !d.paid && !d.tooLarge; };
     for (auto p = session.places.upper_bound({id.sender, last.number}); p != found; ++p)
-        if (isMissing(session.due[p->second])) ++session.skipped;
+        if (session.due[p->second].from == due.from && isMissing(session.due[p->second]))
+            ++session.skipped;
     if (session.skipped > session.announced)
         world->fail("a loss was not announced ahead of " + what);
     if (session.announced > 0 && !noMemory && !session.hasFollowed &&

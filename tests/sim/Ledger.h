@@ -58,6 +58,13 @@ class Ledger {
     /// Nothing waits anywhere: what is due to a living session has arrived or is announced as lost.
     void checkCalm() const;
 
+    /// By which the message reached the daemon. The order of a sender is that of each of its links:
+    /// after a reconnection the new one may overtake what the daemon has still to do for the old.
+    [[nodiscard]] unsigned linkOf(MessageId id) const {
+        const auto found = published_.find(id);
+        return found == published_.end() ? 0 : found->second;
+    }
+
     std::size_t queueLimit = 0;  ///< of the daemon
     bool noMemory = false;       ///< the daemon's memory failed: it drops the newest
 
@@ -90,8 +97,8 @@ class Ledger {
         std::map<std::string, Listens> listens;
         std::vector<Due> due;
         std::map<MessageId, std::size_t> places;  // in `due`
-        std::map<unsigned, MessageId> lastPaid;   // by sender
-        std::uint64_t skipped = 0;                // in the order of each sender
+        std::map<unsigned, MessageId> lastPaid;   // by the sender's link
+        std::uint64_t skipped = 0;                // in the order of each of these
         std::uint64_t announced = 0;
         MessageId lastRead;
         // It follows the interest of its space, which also reaches its queue.
@@ -122,8 +129,9 @@ class Ledger {
     void toClient(unsigned link, Session& session, std::string_view message);
     void pay(unsigned link, Session& session, MessageId id);
 
-    std::map<unsigned, Session> sessions_;  // by link
-    std::vector<Published> recent_;         // in this epoch
+    std::map<unsigned, Session> sessions_;     // by link
+    std::vector<Published> recent_;            // in this epoch
+    std::map<MessageId, unsigned> published_;  // by which link
     std::map<MessageId, bool> accepted_;
     std::uint64_t epoch_ = 1;
 };
