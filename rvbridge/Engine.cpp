@@ -36,6 +36,7 @@ constexpr std::int64_t kPingMs = 5'000;
 constexpr std::int64_t kWriteMs = 5'000;
 constexpr int kMostPings = 2;
 constexpr std::int64_t kFlushMs = 2'000;
+constexpr std::int64_t kCloseMs = 5'000;
 
 std::string textOf(natsStatus status) {
     const char* const last = nats_GetLastError(nullptr);
@@ -347,7 +348,7 @@ void Engine::stop(platform::Milliseconds timeout) {
         changed_.notify_all();
     }
     sender_.join();
-    (void)nats_CloseAndWait(0);  // callbacks know this object
+    (void)nats_CloseAndWait(kCloseMs);  // callbacks know this object
 }
 
 }  // namespace kvx::bridge
