@@ -73,7 +73,8 @@ void printTable(const Json& hosts) {
 
 class HostsAnswer : public RvDataCallback {
   public:
-    HostsAnswer(bus::Client& client, const HostsOptions& options) : client_(client), options_(options) {}
+    HostsAnswer(bus::Client& client, const HostsOptions& options)
+        : client_(client), options_(options) {}
 
     void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
         if (std::exchange(isOver_, true)) return;
