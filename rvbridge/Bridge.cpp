@@ -27,6 +27,7 @@ constexpr const char* kLost = "_RVD.LOST";
 constexpr const char* kHosts = "_RVD.HOSTS";
 constexpr std::size_t kControlHead = 1'024;  // bytes of a frame besides the payload, at most
 constexpr Microseconds kMarksApart = 2 * Exchange::kSecond;
+constexpr unsigned kRounds = 4;  // after a reconnect: the engine's nodes may find one another later
 
 Microseconds now() {
     using std::chrono::steady_clock;
@@ -362,7 +363,7 @@ void Bridge::onEngineUp() {
     if (!hasStarted_) return joinWhenComplete();
     receiver_.fault(LossCause::EngineGone);
     exchange_.reconnected(now());
-    areMarksDue_ = true;
+    roundsDue_ = kRounds;
 }
 
 void Bridge::onEngineLoss() {
@@ -442,9 +443,13 @@ void Bridge::tick() {
     if (!hasStarted_) return;
     exchange_.tick(now());
     const Microseconds at = now();
-    if (areMarksDue_ && isEngineUp_ && at - marksAt_ >= kMarksApart) {
+    if ((areMarksDue_ || roundsDue_ > 0) && isEngineUp_ && at - marksAt_ >= kMarksApart) {
         areMarksDue_ = false;
         marksAt_ = at;
+        if (roundsDue_ > 0) {
+            --roundsDue_;
+            exchange_.reconnected(at);
+        }
         sendMarks();
     }
     endTurnSoon();

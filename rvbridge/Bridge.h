@@ -124,6 +124,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     bool isComplete_ = false;  // the daemon's first snapshot
     bool hasStarted_ = false;
     bool areMarksDue_ = false;
+    unsigned roundsDue_ = 0;  // of marks and of a hello, which the others answer with theirs
     Microseconds marksAt_ = 0;
     rvevm_Id turn_ = nullptr;
 

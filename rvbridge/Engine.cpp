@@ -289,6 +289,7 @@ void Engine::arrive(Arrived arrived) {
         arrived.message ? static_cast<std::size_t>(natsMsg_GetDataLength(arrived.message.get()))
                         : 0;
     const std::lock_guard lock(mutex_);
+    if (stops_) return;
     if (arrivedBytes_ + bytes > kMostWaiting) {
         hasOverflown_ = true;
         return;
@@ -345,6 +346,7 @@ void Engine::stop(platform::Milliseconds timeout) {
         changed_.wait_for(lock, std::chrono::milliseconds(timeout),
                           [this] { return isIdle_ && orders_.empty(); });
         stops_ = true;
+        arrived_.clear();  // while there is a library to free its messages
         changed_.notify_all();
     }
     sender_.join();

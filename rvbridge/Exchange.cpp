@@ -133,7 +133,7 @@ void Exchange::start(Microseconds now) {
 void Exchange::reconnected(Microseconds now) {
     if (!isTalking()) return;
     beatAt_ = now + kBeat;
-    sendState(ControlMessage::kBeat);
+    sendState(ControlMessage::kHello);
 }
 
 void Exchange::stop() {

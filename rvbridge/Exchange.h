@@ -107,7 +107,7 @@ class Exchange {
 
     /// Both sides are up and the first snapshot is complete: joins the others. Once.
     void start(Microseconds now);
-    /// The engine is connected again: says so at once.
+    /// The engine is connected again: says hello at once.
     void reconnected(Microseconds now);
     /// Tells the changes since the last flush.
     void flush();

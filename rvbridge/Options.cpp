@@ -48,17 +48,21 @@ void describe(CLI::App& app, Texts& texts, Options& options) {
     app.set_version_flag("--version", std::string("rvbridge ") + KVX_VERSION);
     app.add_option("--engine", texts.engines, "NATS servers: nats://host:port, comma separated")
         ->required()
-        ->delimiter(',');
+        ->delimiter(',')
+        ->allow_extra_args(false);
     app.add_option("--daemon", texts.address.daemon,
                    "The daemon of this host, tcp:[host:]port; default: the configuration file");
     app.add_option("--service", texts.address.service, "The space to join (with -network)");
     app.add_option("--network", texts.address.network, "The space to join (with -service)");
     app.add_option("--space", texts.spaces, "SERVICE:NETWORK, once for each space to join")
+        ->allow_extra_args(false)
         ->excludes("--service")
         ->excludes("--network");
     app.add_option("--host", texts.host, "This host's name; default: as the system calls it");
-    app.add_option("--export", texts.exports, "Only messages on this subject leave this host");
-    app.add_option("--import", texts.imports, "Only messages on this subject come to this host");
+    app.add_option("--export", texts.exports, "Only messages on this subject leave this host")
+        ->allow_extra_args(false);
+    app.add_option("--import", texts.imports, "Only messages on this subject come to this host")
+        ->allow_extra_args(false);
     app.add_option("--credentials", options.engine.credentials, "NATS's own file of credentials");
     app.add_option("--ca", options.engine.ca, "File of the certificates to trust");
     CLI::Option* const certificate =
@@ -183,10 +187,10 @@ std::string evaluate(const Texts& texts, Options& options) {
 }  // namespace
 
 std::string withoutSecrets(const std::string& text) {
-    const auto scheme = text.find("://");
     const auto at = text.rfind('@');
-    if (scheme == text.npos || at == text.npos || at < scheme) return text;
-    return text.substr(0, scheme + 3) + "..." + text.substr(at);
+    if (at == text.npos) return text;
+    const auto scheme = text.find("://");
+    return text.substr(0, scheme < at ? scheme + 3 : 0) + "..." + text.substr(at);
 }
 
 CommandLine parseCommandLine(int argc, const char* const* argv) {
@@ -200,8 +204,9 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
         std::ostringstream out;
         std::ostringstream ignored;
         const bool isAsked = app.exit(error, out, ignored) == 0;
-        result.exitStatus = isAsked ? print(out.str())
-                                    : refuse(error.what() + std::string("; see rvbridge --help"));
+        result.exitStatus = isAsked
+                                ? print(out.str())
+                                : refuse(withoutSecrets(error.what()) + "; see rvbridge --help");
         return result;
     }
     if (const std::string error = evaluate(texts, result.options); !error.empty()) {

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "tests/support/ChildProcess.h"
+
+namespace kvx::test {
+
+/// A real `nats-server` on free ports of the loopback, a node of a cluster, ended with this object.
+/// Throws `std::runtime_error` when it does not get ready.
+class NatsServer {
+  public:
+    /// Joins the cluster of `other`; null: the first node of a new one. Returns when it is ready.
+    explicit NatsServer(const NatsServer* other = nullptr)
+        : routes_(other == nullptr ? "" : "nats://127.0.0.1:" + other->clusterPort_) {
+        start();
+        port_ = portOf("nats");
+        clusterPort_ = portOf("cluster");
+    }
+
+    [[nodiscard]] const std::string& port() const { return port_; }
+    [[nodiscard]] std::string url() const { return "nats://127.0.0.1:" + port_; }
+
+    /// SIGKILL.
+    void kill() {
+        process_->kill(SIGKILL);
+        process_->wait();
+    }
+    /// Starts it again on the same ports, first killing it when it runs.
+    void restart() {
+        kill();
+        start();
+    }
+
+  private:
+    void start() {
+        process_.emplace("/bin/sh",
+                         std::vector<std::string>{
+                             "-c", R"(PATH=$PATH:/usr/sbin exec nats-server "$@")", "nats-server",
+                             "-a", "127.0.0.1", "-p", port_, "--cluster_name", "test", "--cluster",
+                             "nats://127.0.0.1:" + clusterPort_, "--routes", routes_,
+                             "--ports_file_dir", directory_.path()});
+        if (process_->awaitError("Server is ready").empty()) {
+            throw std::runtime_error("nats-server is not ready: " + process_->errors());
+        }
+    }
+    // From the file that it writes after it is ready: {"nats":["nats://127.0.0.1:4222"],...}.
+    std::string portOf(const std::string& kind) const {
+        std::string port;
+        const auto read = [&] {
+            for (const auto& file : std::filesystem::directory_iterator(directory_.path())) {
+                const std::string text = contentOf(file.path());
+                const auto from = text.find('"' + kind + "\":[");
+                const auto to = text.find("\"]", from);
+                if (to == text.npos) continue;
+                port = text.substr(0, to).substr(text.rfind(':', to) + 1);
+            }
+            return !port.empty();
+        };
+        if (!eventually(read)) throw std::runtime_error("nats-server names no port: " + kind);
+        return port;
+    }
+
+    const std::string routes_;
+    TemporaryDirectory directory_;
+    std::optional<ChildProcess> process_;
+    std::string port_ = "-1";
+    std::string clusterPort_ = "-1";
+};
+
+}  // namespace kvx::test
