@@ -75,7 +75,8 @@ bool isWithin(const std::vector<Subject>& patterns, SubjectView subject) {
 }  // namespace
 
 Bridge::Bridge(rvevm_Manager manager, const Options& options, const SpaceName& space,
-               BridgeIdentity identity, Engine& engine, platform::Log& log, BridgeOwner& owner)
+               const BridgeIdentity& identity, Engine& engine, platform::Log& log,
+               BridgeOwner& owner)
     : manager_(manager),
       options_(options),
       subjects_(space.service.empty() ? wire::kDefaultService : space.service, space.network),
@@ -374,9 +375,11 @@ void Bridge::onEngineLoss() {
 bool Bridge::onEngineMessage(std::string_view subject, Bytes bytes) {
     if (!subjects_.has(subject)) return false;
     const auto frame = readFrame(bytes);
-    if (!frame) {
-        ++unreadable_;
-    } else if (frame->kind == FrameKind::Control) {
+    const auto at =
+        frame && frame->kind != FrameKind::Control ? subjects_.subjectOf(subject) : std::nullopt;
+    if (at) {
+        if (isSubscribedTo(*at)) receiver_.take(*frame, *at);
+    } else if (frame && frame->kind == FrameKind::Control) {
         const auto known = epochs_.find(frame->host);
         ControlMessage control;
         const bool isBack = known != epochs_.end() && known->second == frame->epoch &&
@@ -385,8 +388,6 @@ bool Bridge::onEngineMessage(std::string_view subject, Bytes bytes) {
         exchange_.receive(now(), *frame);
         lastSubject_.clear();
         endTurnSoon();
-    } else if (const auto at = subjects_.subjectOf(subject)) {
-        if (isSubscribedTo(*at)) receiver_.take(*frame, *at);
     } else {
         ++unreadable_;
     }

@@ -35,8 +35,10 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
   public:
     /// All but `space` must outlive this object.
     Bridge(rvevm_Manager manager, const Options& options, const SpaceName& space,
-           BridgeIdentity identity, Engine& engine, platform::Log& log, BridgeOwner& owner);
-    ~Bridge();
+           const BridgeIdentity& identity, Engine& engine, platform::Log& log, BridgeOwner& owner);
+    ~Bridge() override;
+    Bridge(const Bridge&) = delete;
+    Bridge& operator=(const Bridge&) = delete;
 
     /// Connects to the daemon.
     void start();

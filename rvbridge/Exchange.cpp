@@ -400,14 +400,14 @@ void Exchange::takeSnapshot(Microseconds now, Host& host, const ControlMessage& 
     }
     setIncomplete(now, host);
     if (!said.isLast) return;
-    const Subjects now_ = std::exchange(host.incoming, {});
+    const Subjects named = std::exchange(host.incoming, {});
     host.incomingPart = 0;
     std::uint64_t digest = 0;
-    for (const std::string& subject : now_) digest += digestOf(subject);
-    if (now_.size() != said.count || digest != said.digest) return;
-    for (const std::string& subject : now_) insert(host, viewOf(subject));
+    for (const std::string& subject : named) digest += digestOf(subject);
+    if (named.size() != said.count || digest != said.digest) return;
+    for (const std::string& subject : named) insert(host, viewOf(subject));
     for (const std::string& subject : std::vector(host.subjects.begin(), host.subjects.end())) {
-        if (now_.count(subject) == 0) erase(host, viewOf(subject));
+        if (!named.contains(subject)) erase(host, viewOf(subject));
     }
     setComplete(host, said.change);
 }
@@ -435,9 +435,9 @@ void Exchange::insert(Host& host, SubjectView subject) {
 void Exchange::erase(Host& host, SubjectView subject) {
     const auto at = host.subjects.find(std::string(subject.encoded()));
     if (at == host.subjects.end()) return;
-    const std::string kept = *at;
+    const auto node = host.subjects.extract(at);
+    const std::string& kept = node.value();
     host.digest -= digestOf(kept);
-    host.subjects.erase(at);
     host.state.subjects = host.subjects.size();
     static_cast<void>(others_.remove(viewOf(kept), &host));
     if (others_.find(viewOf(kept)) == 0) actions_.cancel(viewOf(kept));

@@ -106,7 +106,7 @@ std::string takeSubjects(const std::vector<std::string>& texts, const char* opti
 std::string takeSpaces(const std::vector<std::string>& texts, std::vector<SpaceName>& spaces) {
     for (const auto& text : texts) {
         const auto colon = text.find(':');
-        if (colon == text.npos) return "-space: '" + text + "' is no SERVICE:NETWORK";
+        if (colon == std::string::npos) return "-space: '" + text + "' is no SERVICE:NETWORK";
         const SpaceName space{text.substr(0, colon), text.substr(colon + 1)};
         if (std::ranges::find(spaces, space) != spaces.end()) {
             return "-space: '" + text + "' is named twice";
@@ -188,7 +188,7 @@ std::string evaluate(const Texts& texts, Options& options) {
 
 std::string withoutSecrets(const std::string& text) {
     const auto at = text.rfind('@');
-    if (at == text.npos) return text;
+    if (at == std::string::npos) return text;
     const auto scheme = text.find("://");
     return text.substr(0, scheme < at ? scheme + 3 : 0) + "..." + text.substr(at);
 }
