@@ -1,5 +1,4 @@
 #include <array>
-#include <csignal>
 #include <ctime>
 #include <memory>
 #include <random>
@@ -61,7 +60,8 @@ class Program final : public EngineOwner, public BridgeOwner {
             for (auto& bridge : static_cast<Program*>(closure)->bridges_) bridge->tick();
         };
         rvevm_Id id = nullptr;
-        for (const int signal : {SIGTERM, SIGINT}) {
+        for (const int signal :
+             {platform::signal_number::terminate(), platform::signal_number::interrupt()}) {
             (void)rvevm_AddSignal(manager_, &id, signal, onSignal, this);
         }
         engine_ = std::make_unique<Engine>(manager_, options_.engine, *this);
