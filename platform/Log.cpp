@@ -13,14 +13,6 @@ namespace {
 
 constexpr std::array<const char*, 4> kLevelNames = {"ERROR", "WARN", "INFO", "DEBUG"};
 
-std::string timeStamp(std::time_t time) {
-    std::tm utc{};
-    gmtime_r(&time, &utc);
-    std::array<char, 32> text{};
-    const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return {text.data(), length};
-}
-
 // Single bytes beyond ASCII are not escaped.
 void appendEscape(std::string& line, std::string_view piece) {
     if (static_cast<unsigned char>(piece.front()) < 0x80) return appendHexEscape(line, piece);
@@ -28,13 +20,21 @@ void appendEscape(std::string& line, std::string_view piece) {
 }
 
 void writeLine(std::time_t time, LogLevel level, std::string_view text) {
-    std::string line = timeStamp(time) + ' ' + kLevelNames.at(static_cast<std::size_t>(level)) +
-                       ' ' + escaped(text, appendEscape);
+    std::string line = utcText(time) + ' ' + kLevelNames.at(static_cast<std::size_t>(level)) + ' ' +
+                       escaped(text, appendEscape);
     line += '\n';
     std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
 }  // namespace
+
+std::string utcText(std::time_t time) {
+    std::tm utc{};
+    gmtime_r(&time, &utc);
+    std::array<char, 32> text{};
+    const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return {text.data(), length};
+}
 
 void Log::write(LogLevel level, std::string_view text) {
     if (!enabled(level)) return;

@@ -1,9 +1,13 @@
 #pragma once
 
 #include <ctime>
+#include <string>
 #include <string_view>
 
 namespace kvx::platform {
+
+/// "2026-01-31T12:00:00Z".
+[[nodiscard]] std::string utcText(std::time_t time);
 
 enum class LogLevel { Error = 0, Warning = 1, Info = 2, Debug = 3 };
 

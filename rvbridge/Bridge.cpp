@@ -216,16 +216,15 @@ void Bridge::joinWhenComplete() {
 // ------------------------------------------------------------------ to the engine
 
 void Bridge::pass(SubjectView subject, Bytes message) {
-    const std::string key = keyOf(subject);
-    findWanting(key);
+    findWanting(subject);
     if (lastWanting_.empty()) return;
     for (const auto& host : lastWanting_) {
         ++out_[host].messages;
         out_[host].bytes += message.size();
     }
-    if (key != open_) {
+    if (subject.encoded() != open_) {
         endFrame();
-        open_ = key;
+        open_ = subject.encoded();
         openAt_ = subjects_.publication(subject);
     }
     if (sender_.hasDropped() && openCount_ == 0 && !sendMarksOfDropped()) {
@@ -246,11 +245,11 @@ void Bridge::pass(SubjectView subject, Bytes message) {
 }
 
 // The hosts that want a message on this subject, kept for the next one.
-void Bridge::findWanting(const std::string& key) {
-    if (key == lastSubject_) return;
-    lastSubject_ = key;
+void Bridge::findWanting(SubjectView subject) {
+    if (subject.encoded() == lastSubject_) return;
+    lastSubject_ = subject.encoded();
     lastWanting_.clear();
-    exchange_.eachWanting(viewOf(key), [this](const std::string& host) {
+    exchange_.eachWanting(subject, [this](const std::string& host) {
         if (std::ranges::find(lastWanting_, host) == lastWanting_.end()) {
             lastWanting_.push_back(host);
         }
@@ -410,7 +409,8 @@ void Bridge::message(SubjectView subject, Bytes message) {
     const wire::Routing routing = wire::readRouting(message);
     const auto routed = SubjectView::parse(routing.subject.data(), routing.subject.size());
     const bool isData = routing.type == wire::MessageType::Data && routed &&
-                        keyOf(*routed) == keyOf(subject) && !ControlMessage::isReserved(subject) &&
+                        routed->encoded() == subject.encoded() &&
+                        !ControlMessage::isReserved(subject) &&
                         rvmsg_Validate(message.data(), message.size()) == 0;
     if (!isData) {
         ++unreadable_;

@@ -101,7 +101,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void sendMarks();
     bool sendMarksOfDropped();
     [[nodiscard]] bool publish(const std::string& subject, Bytes frame);
-    void findWanting(const std::string& key);
+    void findWanting(SubjectView subject);
 
     // Constant after construction.
     const rvevm_Manager manager_;

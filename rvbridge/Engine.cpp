@@ -336,7 +336,6 @@ void Engine::takeArrived() {
         }
     }
     if (hasOverflown) owner_.onEngineLoss();
-    owner_.onEngineTurnOver();
 }
 
 void Engine::stop(platform::Milliseconds timeout) {

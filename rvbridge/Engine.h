@@ -38,8 +38,6 @@ class EngineOwner {
     virtual void onEngineMessage(std::string_view subject, wire::Bytes bytes) = 0;
     /// Messages for us were dropped because we were too slow.
     virtual void onEngineLoss() = 0;
-    /// All that came together has been told.
-    virtual void onEngineTurnOver() = 0;
 };
 
 /// One connection to the engine, made again whenever it is lost.

@@ -1,4 +1,3 @@
-#include <array>
 #include <ctime>
 #include <memory>
 #include <random>
@@ -7,6 +6,7 @@
 
 #include "platform/Clock.h"
 #include "platform/File.h"
+#include "platform/Log.h"
 #include "platform/Signals.h"
 #include "rvbridge/Bridge.h"
 #include "rvbridge/Engine.h"
@@ -19,16 +19,6 @@ namespace platform = kvx::platform;
 
 constexpr unsigned long kTickMs = 100;
 constexpr platform::Milliseconds kFarewellMs = 1'000;
-
-// The present time in UTC.
-std::string startText() {
-    const std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    gmtime_r(&now, &utc);
-    std::array<char, 32> text{};
-    std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return text.data();
-}
 
 // The loop of the program: the engine, and a bridge for each space.
 class Program final : public EngineOwner, public BridgeOwner {
@@ -70,7 +60,8 @@ class Program final : public EngineOwner, public BridgeOwner {
         const std::uint64_t epoch = (std::uint64_t{device()} << 32U) | device();
         for (const auto& space : options_.spaces) {
             bridges_.push_back(std::make_unique<Bridge>(
-                manager_, options_, space, BridgeIdentity{options_.host, epoch, startText()},
+                manager_, options_, space,
+                BridgeIdentity{options_.host, epoch, platform::utcText(std::time(nullptr))},
                 *engine_, log_, *this));
         }
         for (auto& bridge : bridges_) bridge->start();
@@ -102,7 +93,6 @@ class Program final : public EngineOwner, public BridgeOwner {
     void onEngineLoss() override {
         for (auto& bridge : bridges_) bridge->onEngineLoss();
     }
-    void onEngineTurnOver() override {}
 
     void onBridgeReady() override {
         if (++ready_ != bridges_.size()) return;
