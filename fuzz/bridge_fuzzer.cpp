@@ -21,7 +21,7 @@ void require(bool condition) {
 }
 
 struct Owner : ExchangeActions, ReceiverSink {
-    void sendToAll(Bytes) override {}
+    void sendToAll(std::uint64_t, Bytes) override {}
     void sendTo(std::string_view, Bytes) override {}
     void listen(SubjectView) override { ++listens; }
     void cancel(SubjectView) override { --listens; }
@@ -29,8 +29,8 @@ struct Owner : ExchangeActions, ReceiverSink {
     void hostDown(const HostState&) override {}
     void refused(const std::string&) override {}
     void ready() override {}
-    std::uint32_t keyEpoch() override { return 1; }
-    void message(SubjectView, Bytes) override {}
+    void marksWanted(std::string_view, std::uint64_t) override {}
+    bool message(SubjectView, Bytes) override { return true; }
     void lost(std::string_view, SubjectView, std::uint64_t, LossCause) override {}
     bool heardAllOf(const Frame&, SubjectView) override { return true; }
     int listens = 0;

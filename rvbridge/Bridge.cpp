@@ -26,8 +26,9 @@ constexpr const char* kInterest = "_RVD.INTEREST";
 constexpr const char* kLost = "_RVD.LOST";
 constexpr const char* kHosts = "_RVD.HOSTS";
 constexpr std::size_t kControlHead = 1'024;  // bytes of a frame besides the payload, at most
-constexpr Microseconds kMarksApart = 2 * Exchange::kSecond;
-constexpr unsigned kRounds = 4;  // after a reconnect: the engine's nodes may find one another later
+constexpr int kMarksPerTick = 4'000;
+constexpr std::size_t kMaxUntold = 65'536;  // subjects
+static_assert(Engine::kLeastBytes >= FrameWriter::kLeastLimit);
 
 Microseconds now() {
     using std::chrono::steady_clock;
@@ -111,14 +112,24 @@ void Bridge::stop() {
 void Bridge::onDaemonUp() {
     lastWhy_.clear();
     log_.info("the daemon at " + options_.daemon + " is there, session " + daemon_.name());
-    for (const char* subject : {kInterest, kHosts}) daemon_.listen(*Subject::fromText(subject));
-    for (const auto& subject : others_) daemon_.listen(viewOf(subject));
+    for (const char* subject : {kInterest, kHosts}) {
+        (void)daemon_.listen(*Subject::fromText(subject));
+    }
+    for (auto& [subject, listen] : others_) {
+        listen.isUnsaid = true;
+        unsaid_.push_back(subject);
+    }
+    sayUnsaid();
 }
 
 void Bridge::onDaemonDown(const std::string& why) {
     if (std::exchange(lastWhy_, why) != why) {
         log_.warning("no daemon at " + options_.daemon + ": " + why);
     }
+    unsaid_.clear();
+    for (auto& [subject, listen] : others_) listen.isSaid = listen.isUnsaid = false;
+    std::erase_if(others_, [](const auto& entry) { return !entry.second.isWanted; });
+    untold_.clear();
     if (own_.empty()) return;
     while (!own_.empty()) removeOwn(Subject(viewOf(own_.begin()->first)));
     endTurnSoon();
@@ -287,23 +298,40 @@ void Bridge::endTurn() {
     endFrame();
     if (hasStarted_) exchange_.flush();
     if (sender_.hasDropped()) (void)sendMarksOfDropped();
+    sayUnsaid();
+    tellUntold();
+}
+
+// Publishes one, if one is needed and there is room.
+bool Bridge::sendMark() {
+    if (!engine_.hasRoom()) return false;
+    return sender_.takeMark(
+        [this](SubjectView subject, const MessageNumber& next, LossCause cause) {
+            (void)publish(subjects_.publication(subject), control_.mark(next, cause));
+        });
 }
 
 bool Bridge::sendMarksOfDropped() {
-    if (!engine_.hasRoom()) return false;
-    sender_.marksOfDropped([this](SubjectView subject, const MessageNumber& next, LossCause cause) {
-        (void)publish(subjects_.publication(subject), control_.mark(next, cause));
-    });
+    while (sender_.hasDropped() && sendMark()) {
+    }
     return !sender_.hasDropped();
 }
 
-// After a fault that may have cost the last message of a subject.
 void Bridge::sendMarks() {
     endFrame();
-    sender_.marks(*Subject::fromText(">"), LossCause::EngineGone,
-                  [this](SubjectView subject, const MessageNumber& next, LossCause cause) {
-                      (void)publish(subjects_.publication(subject), control_.mark(next, cause));
-                  });
+    for (int left = kMarksPerTick; left > 0 && sendMark(); --left) {
+    }
+    if (sender_.needsMarks()) return;
+    for (const auto& [host, after] : std::exchange(marksWantedBy_, {})) {
+        exchange_.marked(host, after);
+    }
+}
+
+void Bridge::marksWanted(std::string_view host, std::uint64_t after) {
+    const auto [at, isNew] = marksWantedBy_.try_emplace(std::string(host), after);
+    if (!isNew && at->second <= after) return;
+    at->second = after;
+    sender_.wantMarks(after);
 }
 
 bool Bridge::publish(const std::string& subject, Bytes frame) {
@@ -312,31 +340,61 @@ bool Bridge::publish(const std::string& subject, Bytes frame) {
 
 // ------------------------------------------------------------------ the exchange
 
-void Bridge::sendToAll(Bytes control) {
-    (void)publish(subjects_.controlAll(), control_.control(control));
+void Bridge::sendToAll(std::uint64_t number, Bytes control) {
+    MessageNumber place = sender_.last();
+    place.number = number;
+    (void)publish(subjects_.controlAll(), control_.control(control, place));
 }
 
 void Bridge::sendTo(std::string_view host, Bytes control) {
-    (void)publish(subjects_.controlTo(host), control_.control(control));
+    (void)publish(subjects_.controlTo(host), control_.control(control, sender_.last()));
 }
 
 void Bridge::listen(SubjectView subject) {
-    if (!others_.insert(keyOf(subject)).second) return;
-    daemon_.listen(subject);
+    want(subject, true);
     if (options_.isVerbose) log_.debug("others listen to " + subject.text());
 }
 
 void Bridge::cancel(SubjectView subject) {
-    if (others_.erase(keyOf(subject)) == 0) return;
-    daemon_.cancel(subject);
+    want(subject, false);
     if (options_.isVerbose) log_.debug("nobody else listens to " + subject.text());
 }
 
-// One that was only silent may have missed what was sent last.
+void Bridge::want(SubjectView subject, bool isWanted) {
+    const std::string key = keyOf(subject);
+    others_[key].isWanted = isWanted;
+    say(key);
+}
+
+// Tells the daemon what it does not know yet, or notes that it has to be told.
+void Bridge::say(const std::string& subject) {
+    const auto at = others_.find(subject);
+    Listen& listen = at->second;
+    if (listen.isUnsaid) return;
+    if (daemon_.isUp() && listen.isWanted != listen.isSaid) {
+        const SubjectView view = viewOf(subject);
+        const bool isTaken = listen.isWanted ? daemon_.listen(view) : daemon_.cancel(view);
+        if (!isTaken) {
+            listen.isUnsaid = true;
+            return unsaid_.push_back(subject);
+        }
+        listen.isSaid = listen.isWanted;
+    }
+    if (!listen.isWanted) others_.erase(at);
+}
+
+void Bridge::sayUnsaid() {
+    for (std::size_t left = unsaid_.size(); left > 0 && daemon_.isUp(); --left) {
+        const std::string subject = std::move(unsaid_.front());
+        unsaid_.pop_front();
+        others_.at(subject).isUnsaid = false;
+        say(subject);
+        if (!unsaid_.empty() && unsaid_.back() == subject) return;  // no room
+    }
+}
+
 void Bridge::hostUp(const HostState& host) {
     log_.info("host " + host.name + " has joined");
-    std::uint64_t& epoch = epochs_[host.name];
-    if (std::exchange(epoch, host.epoch) == host.epoch) areMarksDue_ = true;
 }
 
 void Bridge::hostDown(const HostState& host) {
@@ -363,12 +421,11 @@ void Bridge::onEngineUp() {
     if (!hasStarted_) return joinWhenComplete();
     receiver_.fault(LossCause::EngineGone);
     exchange_.reconnected(now());
-    roundsDue_ = kRounds;
 }
 
-void Bridge::onEngineLoss() {
-    receiver_.fault(LossCause::EngineSlow);
-    if (hasStarted_) exchange_.reconnected(now());  // the others answer with their marks
+void Bridge::onEngineDown() {
+    isEngineUp_ = false;
+    sender_.engineWasGone();
 }
 
 bool Bridge::onEngineMessage(std::string_view subject, Bytes bytes) {
@@ -379,11 +436,6 @@ bool Bridge::onEngineMessage(std::string_view subject, Bytes bytes) {
     if (at) {
         if (isSubscribedTo(*at)) receiver_.take(*frame, *at);
     } else if (frame && frame->kind == FrameKind::Control) {
-        const auto known = epochs_.find(frame->host);
-        ControlMessage control;
-        const bool isBack = known != epochs_.end() && known->second == frame->epoch &&
-                            control.read(frame->body) && control.op == ControlMessage::kHello;
-        if (isBack) areMarksDue_ = true;
         exchange_.receive(now(), *frame);
         lastSubject_.clear();
         endTurnSoon();
@@ -405,7 +457,7 @@ bool Bridge::isSubscribedTo(SubjectView subject) {
     return isFound;
 }
 
-void Bridge::message(SubjectView subject, Bytes message) {
+bool Bridge::message(SubjectView subject, Bytes message) {
     const wire::Routing routing = wire::readRouting(message);
     const auto routed = SubjectView::parse(routing.subject.data(), routing.subject.size());
     const bool isData = routing.type == wire::MessageType::Data && routed &&
@@ -414,26 +466,66 @@ void Bridge::message(SubjectView subject, Bytes message) {
                         rvmsg_Validate(message.data(), message.size()) == 0;
     if (!isData) {
         ++unreadable_;
-    } else if (isWithin(options_.imports, subject) && !daemon_.send(message)) {
-        ++notTaken_;
+        return true;
     }
+    if (!daemon_.isUp() || !isWithin(options_.imports, subject)) return true;
+    // What is lost is told before what follows.
+    if (!untold_.empty()) tellUntold();
+    const bool mustWait = !untold_.empty() && untold_.contains(keyOf(subject));
+    if (!mustWait && daemon_.send(message)) return true;
+    Losses one{};
+    one[static_cast<std::size_t>(LossCause::QueueFull)] = 1;
+    keepUntold(keyOf(subject), one);
+    return false;
 }
 
 void Bridge::lost(std::string_view host, SubjectView subject, std::uint64_t messages,
                   LossCause cause) {
     log_.warning(std::to_string(messages) + " messages of host " + std::string(host) + " on " +
                  subject.text() + " are lost: " + textOf(cause));
-    std::array<std::uint8_t, kMaxSubjectBytes + 256> body{};
-    const auto capacity = static_cast<rvmsg_Size>(body.size());
-    const bool isBuilt =
-        rvmsg_Init(body.data(), capacity) == 0 &&
-        rvmsg_Append(body.data(), capacity, "sub", RVMSG_SUBJECT, 0, subject.data()) == 0 &&
-        rvmsg_Append(body.data(), capacity, "lost", RVMSG_UINT, sizeof messages, &messages) == 0 &&
-        rvmsg_Append(body.data(), capacity, "cause", RVMSG_STRING, 0, textOf(cause)) == 0;
-    if (!isBuilt) return;
-    const Subject report = *Subject::fromText(kLost);
-    (void)daemon_.send(
-        wire::buildData(report.view().bytes(), nullptr, 0, {RVMSG_MSG, 0, body.data()}));
+    if (!daemon_.isUp()) return;
+    Losses losses{};
+    losses[static_cast<std::size_t>(cause)] = messages;
+    keepUntold(keyOf(subject), losses);
+    tellUntold();
+}
+
+void Bridge::keepUntold(const std::string& subject, const Losses& losses) {
+    if (untold_.size() >= kMaxUntold && !untold_.contains(subject)) return;
+    Losses& sum = untold_[subject];
+    for (std::size_t i = 0; i < kLossCauses; ++i) sum[i] += losses[i];
+}
+
+// Tells the daemon, as far as it has room.
+void Bridge::tellUntold() {
+    while (!untold_.empty()) {
+        const auto next = untold_.begin();
+        if (!tell(next->first, next->second)) return;
+        untold_.erase(next);
+    }
+}
+
+// What is told of `losses` becomes 0.
+bool Bridge::tell(const std::string& subject, Losses& losses) {
+    static const Subject kReport = *Subject::fromText(kLost);
+    for (std::size_t i = 0; i < kLossCauses; ++i) {
+        if (losses[i] == 0) continue;
+        const char* const cause = textOf(static_cast<LossCause>(i));
+        std::array<std::uint8_t, kMaxSubjectBytes + 256> body{};
+        const auto capacity = static_cast<rvmsg_Size>(body.size());
+        const bool isBuilt =
+            rvmsg_Init(body.data(), capacity) == 0 &&
+            rvmsg_Append(body.data(), capacity, "sub", RVMSG_SUBJECT, 0, subject.data()) == 0 &&
+            rvmsg_Append(body.data(), capacity, "lost", RVMSG_UINT, sizeof losses[i], &losses[i]) ==
+                0 &&
+            rvmsg_Append(body.data(), capacity, "cause", RVMSG_STRING, 0, cause) == 0;
+        if (isBuilt && !daemon_.send(wire::buildData(kReport.view().bytes(), nullptr, 0,
+                                                     {RVMSG_MSG, 0, body.data()}))) {
+            return false;
+        }
+        losses[i] = 0;
+    }
+    return true;
 }
 
 bool Bridge::heardAllOf(const Frame& frame, SubjectView subject) {
@@ -441,18 +533,18 @@ bool Bridge::heardAllOf(const Frame& frame, SubjectView subject) {
 }
 
 void Bridge::tick() {
-    if (!hasStarted_) return;
-    exchange_.tick(now());
-    const Microseconds at = now();
-    if ((areMarksDue_ || roundsDue_ > 0) && isEngineUp_ && at - marksAt_ >= kMarksApart) {
-        areMarksDue_ = false;
-        marksAt_ = at;
-        if (roundsDue_ > 0) {
-            --roundsDue_;
-            exchange_.reconnected(at);
-        }
-        sendMarks();
+    if (unreadable_ != 0) {
+        log_.warning(std::to_string(std::exchange(unreadable_, 0)) +
+                     " messages of the engine cannot be read");
     }
+    if (!hasStarted_) return;
+    const Microseconds at = now();
+    if (at >= quietAt_) {
+        quietAt_ = at + Exchange::kBeat;
+        sender_.wantMarksOfQuiet();
+    }
+    exchange_.tick(at);
+    if (isEngineUp_) sendMarks();
     endTurnSoon();
 }
 

@@ -1,11 +1,9 @@
 #pragma once
 
+#include <deque>
 #include <map>
-#include <random>
-#include <set>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "platform/Log.h"
@@ -46,10 +44,10 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void stop();
 
     void onEngineUp();
-    void onEngineDown() { isEngineUp_ = false; }
+    void onEngineDown();
     /// True when the message is of this space.
     bool onEngineMessage(std::string_view subject, Bytes bytes);
-    void onEngineLoss();
+    void onEngineLoss() { receiver_.fault(LossCause::EngineSlow); }
     /// To be called about every 100 ms.
     void tick();
 
@@ -57,6 +55,12 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     struct Traffic {
         std::uint64_t messages = 0;
         std::uint64_t bytes = 0;
+    };
+    // A subject of others, and what our daemon knows of it.
+    struct Listen {
+        bool isWanted = false;
+        bool isSaid = false;
+        bool isUnsaid = false;  // in `unsaid_`
     };
     struct Own {
         unsigned snapshot = 0;  // the last one that has named it
@@ -67,7 +71,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void onDaemonDown(const std::string& why) override;
     void onDaemonMessage(wire::Bytes message) override;
 
-    void sendToAll(Bytes control) override;
+    void sendToAll(std::uint64_t number, Bytes control) override;
     void sendTo(std::string_view host, Bytes control) override;
     void listen(SubjectView subject) override;
     void cancel(SubjectView subject) override;
@@ -75,9 +79,9 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void hostDown(const HostState& host) override;
     void refused(const std::string& reason) override;
     void ready() override;
-    std::uint32_t keyEpoch() override { return sender_.keyEpoch(); }
+    void marksWanted(std::string_view host, std::uint64_t after) override;
 
-    void message(SubjectView subject, Bytes message) override;
+    bool message(SubjectView subject, Bytes message) override;
     void lost(std::string_view host, SubjectView subject, std::uint64_t messages,
               LossCause cause) override;
     bool heardAllOf(const Frame& frame, SubjectView subject) override;
@@ -89,6 +93,12 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void addOwn(SubjectView subject);
     void removeOwn(SubjectView subject);
     void joinWhenComplete();
+    void want(SubjectView subject, bool isWanted);
+    void say(const std::string& subject);
+    void sayUnsaid();
+    void keepUntold(const std::string& subject, const Losses& losses);
+    [[nodiscard]] bool tell(const std::string& subject, Losses& losses);
+    void tellUntold();
     [[nodiscard]] bool isSubscribedTo(SubjectView subject);
     void answerHosts(Bytes message);
     [[nodiscard]] std::string hostsText();
@@ -98,8 +108,9 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void endFrame();
     void endTurnSoon();
     void endTurn();
-    void sendMarks();
+    bool sendMark();
     bool sendMarksOfDropped();
+    void sendMarks();
     [[nodiscard]] bool publish(const std::string& subject, Bytes frame);
     void findWanting(SubjectView subject);
 
@@ -125,22 +136,21 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     bool isEngineUp_ = false;
     bool isComplete_ = false;  // the daemon's first snapshot
     bool hasStarted_ = false;
-    bool areMarksDue_ = false;
-    unsigned roundsDue_ = 0;  // of marks and of a hello, which the others answer with theirs
-    Microseconds marksAt_ = 0;
+    Microseconds quietAt_ = 0;                                         // next marks of the quiet
+    std::map<std::string, std::uint64_t, std::less<>> marksWantedBy_;  // hosts: after what
     rvevm_Id turn_ = nullptr;
 
     std::unordered_map<std::string, Own> own_;  // encoded subjects that local sessions listen to
     SubjectTree<Own> imported_;                 // those that others are told of
     unsigned snapshot_ = 0;
-    std::unordered_set<std::string> others_;                    // that we listen to for other hosts
-    std::map<std::string, std::uint64_t, std::less<>> epochs_;  // of hosts that have been up
+    std::unordered_map<std::string, Listen> others_;  // what we listen to for other hosts
+    std::deque<std::string> unsaid_;                  // of these, while the daemon has no room
 
     std::string lastSubject_;                          // of `lastWanting_`
     std::vector<std::string> lastWanting_;             // the hosts that want it
     std::map<std::string, Traffic, std::less<>> out_;  // by host
-    std::uint64_t unreadable_ = 0;
-    std::uint64_t notTaken_ = 0;  // messages for which the link to the daemon had no room
+    std::unordered_map<std::string, Losses> untold_;   // for which the daemon has no room
+    std::uint64_t unreadable_ = 0;                     // since they were logged last
 };
 
 }  // namespace kvx::bridge

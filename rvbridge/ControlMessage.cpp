@@ -80,7 +80,11 @@ bool ControlMessage::read(Bytes payload) {
             isGood = take64(reader, stamp);
             break;
         case kPong:
-            isGood = take64(reader, epoch) && take64(reader, stamp) && reader.u32(keyEpoch);
+            isGood = take64(reader, epoch) && take64(reader, stamp);
+            break;
+        case kMarks:
+        case kMarked:
+            isGood = take64(reader, epoch) && take64(reader, after);
             break;
         case kBye:
             break;

@@ -23,7 +23,9 @@ struct ControlMessage {
         kTaken = 6,
         kBye = 7,
         kPing = 8,
-        kPong = 9
+        kPong = 9,
+        kMarks = 10,
+        kMarked = 11
     };
     static constexpr std::uint8_t kAdd = 1;  // before a subject of a change
     static constexpr std::uint8_t kRemove = 2;
@@ -42,10 +44,10 @@ struct ControlMessage {
     std::uint32_t part = 0;
     bool isLast = false;
     Bytes list;               // change, snapshot
-    std::uint64_t epoch = 0;  // ask, taken, pong: of whom it is meant for
+    std::uint64_t epoch = 0;  // ask, taken, pong, marks, marked: of whom it is meant for
     bool sameName = false;    // taken
     std::uint64_t stamp = 0;  // ping, pong
-    std::uint32_t keyEpoch = 0;
+    std::uint64_t after = 0;  // marks, marked: a sequence
 
     [[nodiscard]] bool hasState() const { return op == kHello || op == kBeat || op == kSnapshot; }
 

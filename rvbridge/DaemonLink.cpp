@@ -111,14 +111,14 @@ std::string DaemonLink::introduce(platform::Socket socket) {
     fields.network = network_.c_str();
     ipq_SetBlocking(queue_, true);
     ipq_SetStallLimit(queue_, kStepMs);
-    if (!send(wire::buildInit(fields))) return "the daemon takes no messages";
+    if (!put(wire::buildInit(fields))) return "the daemon takes no messages";
     const wire::Bytes answer = ipq_ReadWithin(queue_, kStepMs);
     if (answer.empty()) return "no answer of the daemon came";
     const wire::Reply reply = wire::readReply(answer);
     if (reply.code != 0) return rv_ErrorText(reply.code);
     name_ = nameFrom(reply.ipAddress, ++sessions_);
     fields.session = name_.c_str();
-    if (!send(wire::buildInit(fields))) return "the daemon takes no messages";
+    if (!put(wire::buildInit(fields))) return "the daemon takes no messages";
     ipq_SetBlocking(queue_, false);
     return {};
 }
@@ -134,12 +134,12 @@ void DaemonLink::lose(const std::string& why) {
     owner_.onDaemonDown(why);
 }
 
-void DaemonLink::listen(SubjectView subject) {
-    (void)send(wire::buildListen(subject.bytes(), nullptr, 0));
+bool DaemonLink::listen(SubjectView subject) {
+    return put(wire::buildListen(subject.bytes(), nullptr, 0));
 }
 
-void DaemonLink::cancel(SubjectView subject) {
-    (void)send(wire::buildCancel(subject.bytes(), 0));
+bool DaemonLink::cancel(SubjectView subject) {
+    return put(wire::buildCancel(subject.bytes(), 0));
 }
 
 bool DaemonLink::send(wire::Bytes message) {
@@ -147,7 +147,13 @@ bool DaemonLink::send(wire::Bytes message) {
 }
 
 bool DaemonLink::send(wire::Built message) {
-    if (queue_ == nullptr || message.code != 0 || !message.message.bytes) return false;
+    const bool hasRoom =
+        isUp() && ipq_WaitingBytes(queue_) + message.message.size() <= kMostWaiting;
+    return hasRoom && put(std::move(message));
+}
+
+bool DaemonLink::put(wire::Built message) {
+    if (!isUp() || message.code != 0 || !message.message.bytes) return false;
     return ipq_Enqueue(queue_, std::move(message.message), false) || ipq_WasKept(queue_);
 }
 

@@ -38,20 +38,22 @@ class DaemonLink final : private link::LinkHost {
     /// The name of the session, as the bus knows it; empty until it was up.
     [[nodiscard]] const std::string& name() const { return name_; }
 
-    /// These have no effect while it is not up, or while its queue is full.
-    void listen(SubjectView subject);
-    void cancel(SubjectView subject);
-    /// Returns false, and sends nothing, when there is no room.
-    bool send(wire::Bytes message);
-    bool send(wire::Built message);
+    /// Each returns false, and sends nothing, while it is not up or has no room. There is room for
+    /// listens when there is none for messages.
+    [[nodiscard]] bool listen(SubjectView subject);
+    [[nodiscard]] bool cancel(SubjectView subject);
+    [[nodiscard]] bool send(wire::Bytes message);
+    [[nodiscard]] bool send(wire::Built message);
 
-    static constexpr unsigned long kPause = 2'000;  // milliseconds between attempts
+    static constexpr unsigned long kPause = 2'000;                 // milliseconds between attempts
+    static constexpr std::size_t kMostWaiting = 48 * 1024 * 1024;  // bytes of messages
 
   private:
     [[nodiscard]] rvevm_Manager linkManager() const override { return manager_; }
     [[nodiscard]] ipq_Properties linkProperties() const override;
 
     void connect();
+    [[nodiscard]] bool put(wire::Built message);
     [[nodiscard]] std::string greet(platform::Socket& socket) const;
     [[nodiscard]] std::string introduce(platform::Socket socket);
     void lose(const std::string& why);

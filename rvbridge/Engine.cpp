@@ -222,13 +222,17 @@ void Engine::send() {
              ++subject) {
             status = connection_->subscribe(*subject);
         }
-        if (status == NATS_OK) {
-            arrive({Arrived::Kind::Up, nullptr, "",
-                    static_cast<std::size_t>(natsConnection_GetMaxPayload(connection_->handle))});
+        const std::int64_t most =
+            status == NATS_OK ? natsConnection_GetMaxPayload(connection_->handle) : 0;
+        if (status != NATS_OK) {
+            report(textOf(status));
+        } else if (most < std::int64_t{kLeastBytes}) {
+            report("its messages have " + std::to_string(most) + " bytes at most, and " +
+                   std::to_string(kLeastBytes) + " are needed");
+        } else {
+            arrive({Arrived::Kind::Up, nullptr, "", static_cast<std::size_t>(most)});
             serveConnection();
             report("the connection is lost");
-        } else {
-            report(textOf(status));
         }
         connection_.reset();
         std::unique_lock lock(mutex_);

@@ -72,7 +72,8 @@ class Engine {
     void stop(platform::Milliseconds timeout);
 
     static constexpr std::size_t kMostWaiting = 64 * 1024 * 1024;  // bytes, in each direction
-    static constexpr platform::Milliseconds kPause = 1'000;        // between attempts to connect
+    static constexpr std::size_t kLeastBytes = 4'096;        // of one message; else it is not used
+    static constexpr platform::Milliseconds kPause = 1'000;  // between attempts to connect
 
   private:
     struct Connection;

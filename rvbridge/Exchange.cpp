@@ -5,6 +5,11 @@
 // host "incomplete", as does a beat that differs, an unknown host, and another epoch of a known
 // one. Whatever is lost, the next beat finds.
 //
+// The messages to all are numbered, and say how many messages on subjects have been sent. Who
+// misses a number may have missed messages as well; it asks for marks of all subjects used since
+// some beats before. What is lost without a number being lost is found by the mark that each
+// subject gets when it has been quiet for two beats.
+//
 // To keep a common start quiet: who joins says hello and then tells its own interest to all; those
 // who hear it answer with a snapshot, later by a random time, and all who have asked within that
 // time get one broadcast. Asking waits for a random time too, and is left out when the snapshot has
@@ -115,7 +120,7 @@ void Exchange::flush() {
     if (pending_.empty() || !isTalking()) return;
     ++change_;
     const std::vector<std::uint8_t> change = std::exchange(pending_, {});
-    actions_.sendToAll(change);
+    sendToAll(change);
 }
 
 // What we send.
@@ -130,14 +135,15 @@ void Exchange::start(Microseconds now) {
     askers_ = {"", identity_.host};  // everybody
 }
 
-void Exchange::reconnected(Microseconds now) {
-    if (!isTalking()) return;
-    beatAt_ = now + kBeat;
-    sendState(ControlMessage::kHello);
+void Exchange::marked(std::string_view host, std::uint64_t after) {
+    const auto known = hosts_.find(host);
+    if (known == hosts_.end() || !isTalking()) return;
+    const std::uint64_t epoch = known->second->state.epoch;
+    actions_.sendTo(host, ControlPayload(ControlMessage::kMarked).u64(epoch).u64(after));
 }
 
 void Exchange::stop() {
-    if (isTalking()) actions_.sendToAll(ControlPayload(ControlMessage::kBye));
+    if (isTalking()) sendToAll(ControlPayload(ControlMessage::kBye));
     stage_ = Stage::Ended;
 }
 
@@ -158,7 +164,7 @@ void Exchange::sendState(std::uint8_t op) {
     flush();
     ControlPayload payload(op);
     appendState(payload, change_, own_.size(), digest_, isReady(), identity_.since, daemon_);
-    actions_.sendToAll(payload);
+    sendToAll(payload);
 }
 
 void Exchange::wantSnapshot(Microseconds now, std::string_view asker) {
@@ -188,7 +194,7 @@ void Exchange::sendSnapshot(Microseconds now) {
         if (askers.size() == 1) {
             actions_.sendTo(*askers.begin(), payload);
         } else {
-            actions_.sendToAll(payload);
+            sendToAll(payload);
         }
     } while (at != own_.end());
 }
@@ -211,13 +217,23 @@ void Exchange::askAndForget(Microseconds now) {
     const Microseconds pause = std::max<Microseconds>(0, now - tickedAt_ - kBeat);
     for (auto at = hosts_.begin(); at != hosts_.end();) {
         Host& host = *(at++)->second;
-        host.heard += pause;
-        if (now - host.heard > kSilence) {
+        host.heardAt += pause;
+        if (now - host.heardAt > kSilence) {
             forget(host);
-        } else if (host.askAt && *host.askAt <= now) {
+            continue;
+        }
+        if (host.askAt && *host.askAt <= now) {
             host.askAt = now + jitter(kSecond, 2 * kSecond);
             actions_.sendTo(host.state.name,
                             ControlPayload(ControlMessage::kAsk).u64(host.state.epoch));
+        }
+        Heard& heard = host.heard;
+        if (heard.askAt && *heard.askAt <= now) {
+            heard.askAt = now + jitter(2 * kSecond, 4 * kSecond);
+            heard.isAsked = true;
+            actions_.sendTo(
+                host.state.name,
+                ControlPayload(ControlMessage::kMarks).u64(host.state.epoch).u64(heard.askAfter));
         }
     }
 }
@@ -260,6 +276,7 @@ void Exchange::receive(Microseconds now, const Frame& frame) {
     if (sameName || !isTalking()) return;
     Host* const host = hostOf(now, frame, said);
     if (host == nullptr) return;
+    takeNumber(now, host->heard, frame, said.op == ControlMessage::kBeat);
     if (said.op == ControlMessage::kHello ||
         (said.op == ControlMessage::kAsk && said.epoch == identity_.epoch)) {
         wantSnapshot(now, frame.host);
@@ -271,12 +288,15 @@ void Exchange::receive(Microseconds now, const Frame& frame) {
     } else if (said.op == ControlMessage::kSnapshot) {
         takeSnapshot(now, *host, said);
     } else if (said.op == ControlMessage::kPing) {
-        actions_.sendTo(frame.host, ControlPayload(ControlMessage::kPong)
-                                        .u64(frame.epoch)
-                                        .u64(said.stamp)
-                                        .u32(actions_.keyEpoch()));
+        actions_.sendTo(frame.host,
+                        ControlPayload(ControlMessage::kPong).u64(frame.epoch).u64(said.stamp));
     } else if (said.op == ControlMessage::kPong && said.epoch == identity_.epoch) {
-        takePong(now, *host, said);
+        takePong(now, *host, frame, said);
+    } else if (said.op == ControlMessage::kMarks && said.epoch == identity_.epoch) {
+        actions_.marksWanted(frame.host, said.after);
+    } else if (said.op == ControlMessage::kMarked && said.epoch == identity_.epoch) {
+        Heard& heard = host->heard;
+        if (heard.isAsked && heard.askAfter == said.after) heard.askAt.reset();
     } else if (said.op == ControlMessage::kBye) {
         forget(*host);
     }
@@ -297,7 +317,7 @@ void Exchange::obeyTaken(const Frame& frame, const ControlMessage& said) {
     if (said.epoch != identity_.epoch) return;
     if (isReady() && !(said.isReady && frame.epoch < identity_.epoch)) return;
     // Of the name that stays, a bye would end the other one's interest too.
-    if (!said.sameName) actions_.sendToAll(ControlPayload(ControlMessage::kBye));
+    if (!said.sameName) sendToAll(ControlPayload(ControlMessage::kBye));
     stage_ = Stage::Ended;
     actions_.refused(said.sameName ? "another bridge is running as host \"" + identity_.host + "\""
                                    : "the bridge of host \"" + std::string(frame.host) +
@@ -308,7 +328,7 @@ void Exchange::obeyTaken(const Frame& frame, const ControlMessage& said) {
 Exchange::Host* Exchange::hostOf(Microseconds now, const Frame& frame, const ControlMessage& said) {
     const auto known = hosts_.find(frame.host);
     if (known != hosts_.end() && known->second->state.epoch == frame.epoch) {
-        known->second->heard = now;
+        known->second->heardAt = now;
         return known->second.get();
     }
     if (said.op == ControlMessage::kBye || said.op == ControlMessage::kTaken) return nullptr;
@@ -323,16 +343,21 @@ Exchange::Host* Exchange::hostOf(Microseconds now, const Frame& frame, const Con
         host->incomingPart = 0;
         host->pingedAt.reset();
         host->acks.clear();
+        host->heard = {};
     } else {
         if (hosts_.size() >= kMaxHosts) return nullptr;
         host = hosts_.emplace(frame.host, std::make_unique<Host>()).first->second.get();
         host->state.name = frame.host;
-        std::erase_if(dead_, [&](const HostState& dead) { return dead.name == frame.host; });
+        std::erase_if(dead_, [&](const Dead& dead) {
+            if (dead.state.name != frame.host) return false;
+            if (dead.state.epoch == frame.epoch) host->heard = dead.heard;
+            return true;
+        });
     }
     host->state.epoch = frame.epoch;
     host->state.up = true;
     host->state.since = said.since;
-    host->heard = now;
+    host->heardAt = now;
     setIncomplete(now, *host);
     actions_.hostUp(host->state);
     return host;
@@ -349,6 +374,24 @@ void Exchange::setComplete(Host& host, std::uint64_t change) {
     host.askAt.reset();
     host.incoming.clear();
     host.incomingPart = 0;
+}
+
+void Exchange::takeNumber(Microseconds now, Heard& heard, const Frame& frame, bool isBeat) {
+    const std::uint64_t number = frame.first.number;
+    if (!std::exchange(heard.isKnown, true)) {
+        heard.sequences.fill(frame.first.sequence);
+        heard.number = number;
+    }
+    if (number <= heard.number) return;  // 0: it is to us alone
+    if (number != heard.number + 1) {
+        if (!heard.askAt) heard.askAfter = heard.sequences.back();
+        heard.askAt = now + jitter(20 * kMillisecond, 200 * kMillisecond);
+        heard.isAsked = false;
+    }
+    heard.number = number;
+    if (!isBeat) return;
+    std::rotate(heard.sequences.begin(), heard.sequences.end() - 1, heard.sequences.end());
+    heard.sequences.front() = frame.first.sequence;
 }
 
 void Exchange::takeState(Microseconds now, Host& host, const ControlMessage& said) {
@@ -412,13 +455,14 @@ void Exchange::takeSnapshot(Microseconds now, Host& host, const ControlMessage& 
     setComplete(host, said.change);
 }
 
-void Exchange::takePong(Microseconds now, Host& host, const ControlMessage& said) {
+void Exchange::takePong(Microseconds now, Host& host, const Frame& frame,
+                        const ControlMessage& said) {
     if (!host.pingedAt || static_cast<std::uint64_t>(*host.pingedAt) != said.stamp) return;
     host.state.roundTrip = now - *host.pingedAt;
     host.pingedAt.reset();
     // An older one of the same change says more.
     if (!host.acks.empty() && host.acks.back().change == host.pingChange) return;
-    host.acks.push_back({host.pingChange, said.keyEpoch});
+    host.acks.push_back({host.pingChange, frame.first.keyEpoch});
     if (host.acks.size() > kMaxAcks) host.acks.pop_front();
 }
 
@@ -449,9 +493,9 @@ void Exchange::forget(Host& host) {
     host.state.up = false;
     host.state.complete = false;
     if (dead_.size() >= kMaxDead) dead_.pop_front();
-    dead_.push_back(host.state);
+    dead_.push_back({host.state, host.heard});
     hosts_.erase(hosts_.find(host.state.name));
-    actions_.hostDown(dead_.back());
+    actions_.hostDown(dead_.back().state);
 }
 
 SubjectMatch Exchange::howToMatch(SubjectView subject) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -47,8 +48,9 @@ struct HostState {
 class ExchangeActions {
   public:
     virtual ~ExchangeActions() = default;
-    /// Publishes a control frame's payload to every bridge of the space, or to those of one name.
-    virtual void sendToAll(Bytes control) = 0;
+    /// Publishes a control frame's payload to every bridge of the space (`number`: among these,
+    /// from 1), or to those of one name (0).
+    virtual void sendToAll(std::uint64_t number, Bytes control) = 0;
     virtual void sendTo(std::string_view host, Bytes control) = 0;
     /// The first other host listens to `subject`: listen to it at the daemon. None does any more:
     /// cancel it.
@@ -62,8 +64,9 @@ class ExchangeActions {
     virtual void refused(const std::string& reason) = 0;
     /// Once: the interest of the hosts that could be heard is exchanged.
     virtual void ready() = 0;
-    /// `Sender::keyEpoch`.
-    virtual std::uint32_t keyEpoch() = 0;
+    /// That host may have missed messages of ours with a sequence above `after`: marks are to be
+    /// published on their subjects, and then `marked` is to be called.
+    virtual void marksWanted(std::string_view host, std::uint64_t after) = 0;
 };
 
 /// The exchange of interest between the bridges of one space, seen from one of them: events in,
@@ -107,8 +110,10 @@ class Exchange {
 
     /// Both sides are up and the first snapshot is complete: joins the others. Once.
     void start(Microseconds now);
-    /// The engine is connected again: says hello at once.
-    void reconnected(Microseconds now);
+    /// The engine is connected again: beats with the next `tick`.
+    void reconnected(Microseconds now) { beatAt_ = now; }
+    /// What `ExchangeActions::marksWanted` has asked for is published.
+    void marked(std::string_view host, std::uint64_t after);
     /// Tells the changes since the last flush.
     void flush();
     /// What time brings: to be called every 20 to 100 ms.
@@ -136,7 +141,7 @@ class Exchange {
     template <class Visit>
     void eachHost(Visit&& visit) const {
         for (const auto& [name, host] : hosts_) visit(host->state);
-        for (const HostState& dead : dead_) visit(dead);
+        for (const Dead& dead : dead_) visit(dead.state);
     }
     [[nodiscard]] const BridgeIdentity& identity() const { return identity_; }
     [[nodiscard]] bool isReady() const { return stage_ == Stage::Ready; }
@@ -156,13 +161,26 @@ class Exchange {
         std::uint64_t change = 0;
         std::uint32_t keyEpoch = 0;
     };
+    // How far a host's control messages to all have come without a gap. Where one is missing,
+    // messages of the same time may be, and marks of their subjects are asked for.
+    struct Heard {
+        static constexpr std::size_t kBeats = 4;
+        bool isKnown = false;      // a message of this epoch came
+        std::uint64_t number = 0;  // the last one's; 0: all were to us alone
+        std::array<std::uint64_t, kBeats>
+            sequences{};                    // that the last beats have said, newest first
+        std::optional<Microseconds> askAt;  // when to ask for marks
+        std::uint64_t askAfter = 0;
+        bool isAsked = false;  // and nothing was missing since
+    };
     using Subjects = std::unordered_set<std::string>;  // encoded
     struct Host {
         HostState state;
+        Heard heard;
         Subjects subjects;
         std::uint64_t change = 0;  // the last one known
         std::uint64_t digest = 0;  // of `subjects`
-        Microseconds heard = 0;
+        Microseconds heardAt = 0;
         std::optional<Microseconds> askAt;  // incomplete: when to ask next
         Subjects incoming;                  // of the snapshot whose parts are coming
         std::uint64_t incomingChange = 0;
@@ -176,6 +194,12 @@ class Exchange {
     [[nodiscard]] bool isTalking() const { return stage_ == Stage::Joining || isReady(); }
     Microseconds jitter(Microseconds atLeast, Microseconds atMost);
 
+    struct Dead {
+        HostState state;
+        Heard heard;  // of its epoch: it may come back
+    };
+
+    void sendToAll(Bytes control) { actions_.sendToAll(++told_, control); }
     std::uint64_t pend(std::uint8_t what, SubjectView subject);
     void drop(std::unordered_map<std::string, Own>::iterator own);
     void sendState(std::uint8_t op);
@@ -187,10 +211,11 @@ class Exchange {
     Host* hostOf(Microseconds now, const Frame& frame, const ControlMessage& said);
     void judgeRival(const Frame& frame, const ControlMessage& said, bool sameName);
     void obeyTaken(const Frame& frame, const ControlMessage& said);
+    void takeNumber(Microseconds now, Heard& heard, const Frame& frame, bool isBeat);
     void takeState(Microseconds now, Host& host, const ControlMessage& said);
     void takeChange(Microseconds now, Host& host, const ControlMessage& said);
     void takeSnapshot(Microseconds now, Host& host, const ControlMessage& said);
-    void takePong(Microseconds now, Host& host, const ControlMessage& said);
+    void takePong(Microseconds now, Host& host, const Frame& frame, const ControlMessage& said);
     void setComplete(Host& host, std::uint64_t change);
     void setIncomplete(Microseconds now, Host& host);
     void insert(Host& host, SubjectView subject);
@@ -207,6 +232,7 @@ class Exchange {
     std::string daemon_;
     std::unordered_map<std::string, Own> own_;
     SubjectTree<Own> ownPatterns_;  // those with wildcards
+    std::uint64_t told_ = 0;        // control messages to all
     std::uint64_t change_ = 0;      // told last
     std::uint64_t digest_ = 0;
     std::vector<std::uint8_t> pending_;  // the next change, as it will be sent; empty: none
@@ -214,7 +240,7 @@ class Exchange {
     // The others.
     SubjectTree<Host> mutable others_;
     std::map<std::string, std::unique_ptr<Host>, std::less<>> hosts_;
-    std::deque<HostState> dead_;  // oldest first
+    std::deque<Dead> dead_;  // oldest first
     std::uint64_t unreadable_ = 0;
 
     // What is due when.

@@ -181,8 +181,8 @@ Bytes FrameWriter::mark(const MessageNumber& next, LossCause cause) {
     return bytes_;
 }
 
-Bytes FrameWriter::control(Bytes payload) {
-    begin(FrameKind::Control, {});
+Bytes FrameWriter::control(Bytes payload, const MessageNumber& place) {
+    begin(FrameKind::Control, place);
     bytes_.insert(bytes_.end(), payload.begin(), payload.end());
     return bytes_;
 }

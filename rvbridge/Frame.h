@@ -43,7 +43,7 @@ struct Frame {
     FrameKind kind = FrameKind::Data;
     std::string_view host;    ///< 1 to 255 bytes
     std::uint64_t epoch = 0;  ///< of the bridge
-    MessageNumber first;      ///< of the first message; all 0 for control
+    MessageNumber first;      ///< of the first message; of control: see `FrameWriter::control`
 
     std::uint32_t count = 0;              ///< data: messages; 0 for a mark
     LossCause cause = LossCause::Engine;  ///< of a mark
@@ -113,8 +113,9 @@ class FrameWriter {
 
     /// `next`: the number that the subject's next message will have. Nothing is open.
     [[nodiscard]] Bytes mark(const MessageNumber& next, LossCause cause);
-    /// Nothing is open.
-    [[nodiscard]] Bytes control(Bytes payload);
+    /// `place`: `Sender::last`, with the number among the control messages to all, from 1; 0 for
+    /// one to one host. Nothing is open.
+    [[nodiscard]] Bytes control(Bytes payload, const MessageNumber& place);
 
   private:
     void begin(FrameKind kind, const MessageNumber& number);

@@ -53,27 +53,54 @@ Sender::Sender(std::uint64_t seed, std::size_t maxSubjects) : table_(seed, maxSu
 MessageNumber Sender::next(SubjectView subject) {
     Entry* entry = table_.find(subject.encoded());
     if (entry == nullptr) {
-        if (table_.isFull() && table_.oldest().second.drops != 0) --dropped_;
+        if (table_.isFull()) settle(table_.oldest().second);
         entry = &table_.add(subject.encoded(), Entry{++keyEpoch_});
     }
-    return {++sequence_, entry->keyEpoch, entry->next++};
+    entry->sequence = ++sequence_;
+    return {sequence_, entry->keyEpoch, entry->next++};
 }
 
 void Sender::dropped(SubjectView subject, LossCause cause) {
-    Entry* const entry = table_.find(subject.encoded());
+    Entry* const entry = table_.peek(subject.encoded());
     if (entry == nullptr) return;
-    if (entry->drops++ == 0) ++dropped_;
     entry->cause = cause;
+    if (std::exchange(entry->isDropped, true)) return;
+    ++dropped_;
+    putDue(--dueFirst_, subject.encoded(), *entry);
 }
 
-bool Sender::isReached(SubjectView pattern, SubjectView subject) {
-    return subject.hasWildcards() || matches(pattern, subject);
+void Sender::putDue(std::int64_t place, std::string_view subject, Entry& entry) {
+    if (entry.due != 0) due_.erase(entry.due);
+    entry.due = place;
+    due_.emplace(place, subject);
+}
+
+void Sender::wantMarks(std::uint64_t after) {
+    wantMarks(after, sequence_);
+}
+
+void Sender::wantMarksOfQuiet() {
+    wantMarks(quietFrom_, quietTo_);
+    quietFrom_ = std::exchange(quietTo_, sequence_);
+}
+
+void Sender::wantMarks(std::uint64_t after, std::uint64_t upTo) {
+    if (after >= upTo) return;
+    table_.each([&](const std::string& key, Entry& entry) {
+        if (entry.sequence <= after) return false;
+        if (entry.sequence <= upTo && entry.due == 0) putDue(++dueLast_, key, entry);
+        return true;
+    });
+}
+
+LossCause Sender::causeOf(const Entry& entry) const {
+    if (entry.isDropped) return entry.cause;
+    return entry.sequence <= goneUntil_ ? LossCause::EngineGone : LossCause::Engine;
 }
 
 void Sender::settle(Entry& entry) {
-    if (entry.drops == 0) return;
-    entry.drops = 0;
-    --dropped_;
+    if (entry.due != 0) due_.erase(std::exchange(entry.due, 0));
+    if (std::exchange(entry.isDropped, false)) --dropped_;
 }
 
 Receiver::Receiver(std::uint64_t seed, ReceiverSink& sink, std::size_t maxSubjects,
@@ -248,9 +275,12 @@ LossCause Receiver::causeSince(std::uint64_t fault) const {
 }
 
 void Receiver::deliver(Peer& peer, SubjectView subject, Bytes message) {
+    if (!sink_.message(subject, message)) {
+        ++peer.losses[static_cast<std::size_t>(LossCause::QueueFull)];
+        return;
+    }
     ++peer.received.messages;
     peer.received.bytes += message.size();
-    sink_.message(subject, message);
 }
 
 void Receiver::lose(Peer& peer, SubjectView subject, std::uint64_t messages, LossCause cause) {
@@ -300,8 +330,8 @@ void Receiver::hostDown(std::string_view host, std::uint64_t epoch) {
 Losses Receiver::losses(std::string_view host) {
     Losses sum{};
     peers_.each([&](const std::string&, const Peer& peer) {
-        if (peer.host != host) return;
-        for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += peer.losses[i];
+        for (std::size_t i = 0; i < sum.size() && peer.host == host; ++i) sum[i] += peer.losses[i];
+        return true;
     });
     return sum;
 }
@@ -309,9 +339,11 @@ Losses Receiver::losses(std::string_view host) {
 Receiver::Received Receiver::received(std::string_view host) {
     Received sum;
     peers_.each([&](const std::string&, const Peer& peer) {
-        if (peer.host != host) return;
-        sum.messages += peer.received.messages;
-        sum.bytes += peer.received.bytes;
+        if (peer.host == host) {
+            sum.messages += peer.received.messages;
+            sum.bytes += peer.received.bytes;
+        }
+        return true;
     });
     return sum;
 }

@@ -42,6 +42,11 @@ class RecentTable {
         index_.emplace(entries_.front().first, entries_.begin());
         return entries_.front().second;
     }
+    /// The same, but it does not count as used.
+    Value* peek(std::string_view key) {
+        const auto found = index_.find(key);
+        return found == index_.end() ? nullptr : &found->second->second;
+    }
     void erase(std::string_view key) {
         const auto found = index_.find(key);
         if (found != index_.end()) erase(found->second);
@@ -53,10 +58,12 @@ class RecentTable {
             if (condition(here->first, here->second)) erase(here);
         }
     }
-    /// Latest first: `visit(const std::string& key, Value&)`.
+    /// Latest first: `visit(const std::string& key, Value&)`, as long as it returns true.
     template <class Visit>
     void each(Visit&& visit) {
-        for (auto& [key, value] : entries_) visit(key, value);
+        for (auto& [key, value] : entries_) {
+            if (!visit(key, value)) return;
+        }
     }
     [[nodiscard]] std::size_t size() const { return index_.size(); }
     /// Whether the next `add` makes `oldest` leave.
@@ -81,7 +88,8 @@ class RecentTable {
     std::size_t limit_;
 };
 
-/// Numbers what a bridge sends in one space.
+/// Numbers what a bridge sends in one space, and knows which subjects need a mark: a frame with the
+/// number of what comes next, by which receivers find what was lost at the end.
 class Sender {
   public:
     static constexpr std::size_t kMaxSubjects = 65'536;
@@ -91,57 +99,61 @@ class Sender {
 
     /// The number of the next message on this subject, which is herewith used.
     [[nodiscard]] MessageNumber next(SubjectView subject);
+    /// What has been used: the sequence of the last message and the newest key epoch.
+    [[nodiscard]] MessageNumber last() const { return {sequence_, keyEpoch_, 0}; }
 
-    /// The message that has just got its number is not sent: its receivers are told by the mark of
-    /// the subject (`marksOfDropped`), which must be sent before anything else on this subject.
+    /// The message that has just got its number is not sent: the mark of its subject must be,
+    /// before anything else on it. That mark is the next one taken.
     void dropped(SubjectView subject, LossCause cause);
-
-    /// Calls `visit(SubjectView, const MessageNumber& next, LossCause)` for the mark of every
-    /// subject in the table that matches `pattern` (messages on wildcard subjects always do, since
-    /// every bridge gets them). After a fault the marks let receivers count what was lost at the
-    /// end; `cause` is that of subjects without a drop of their own. `visit` must not call back.
-    template <class Visit>
-    void marks(SubjectView pattern, LossCause cause, Visit&& visit) {
-        table_.each([&](const std::string& key, Entry& entry) {
-            const SubjectView subject = SubjectView::trusted(key.data());
-            if (!isReached(pattern, subject)) return;
-            visit(subject, numberOf(entry), entry.drops == 0 ? cause : entry.cause);
-            settle(entry);
-        });
-    }
-
     [[nodiscard]] bool hasDropped() const { return dropped_ != 0; }
-    /// The same for the subjects of which messages were dropped since their last mark.
-    template <class Visit>
-    void marksOfDropped(Visit&& visit) {
-        if (dropped_ == 0) return;
-        table_.each([&](const std::string& key, Entry& entry) {
-            if (entry.drops == 0) return;
-            visit(SubjectView::trusted(key.data()), numberOf(entry), entry.cause);
-            settle(entry);
-        });
-    }
 
-    /// The key epoch given last. It grows by one with each entry of the table.
-    [[nodiscard]] std::uint32_t keyEpoch() const { return keyEpoch_; }
+    /// The subjects need marks whose last message has a sequence above `after`.
+    void wantMarks(std::uint64_t after);
+    /// The subjects need marks whose last message came between the last two calls. To be called
+    /// with each beat.
+    void wantMarksOfQuiet();
+    /// The connection to the engine was lost: that is the cause of what is missing until now.
+    void engineWasGone() { goneUntil_ = sequence_; }
+
+    /// Takes one mark that is needed: `visit(SubjectView, const MessageNumber& next, LossCause)`.
+    /// False when there is none.
+    template <class Visit>
+    bool takeMark(Visit&& visit) {
+        if (due_.empty()) return false;
+        const std::string subject = std::move(due_.begin()->second);
+        Entry& entry = *table_.peek(subject);
+        const LossCause cause = causeOf(entry);
+        settle(entry);
+        visit(SubjectView::trusted(subject.data()),
+              MessageNumber{sequence_ + 1, entry.keyEpoch, entry.next}, cause);
+        return true;
+    }
+    [[nodiscard]] bool needsMarks() const { return !due_.empty(); }
 
   private:
     struct Entry {
         std::uint32_t keyEpoch = 0;
         std::uint64_t next = 1;
-        std::uint64_t drops = 0;  // since the last mark
+        std::uint64_t sequence = 0;  // of its last message
+        std::int64_t due = 0;        // its place in `due_`; 0: none
+        bool isDropped = false;      // since the last mark
         LossCause cause = LossCause::Engine;
     };
-    static bool isReached(SubjectView pattern, SubjectView subject);
-    [[nodiscard]] MessageNumber numberOf(const Entry& entry) const {
-        return {sequence_ + 1, entry.keyEpoch, entry.next};
-    }
+    [[nodiscard]] LossCause causeOf(const Entry& entry) const;
+    void wantMarks(std::uint64_t after, std::uint64_t upTo);
+    void putDue(std::int64_t place, std::string_view subject, Entry& entry);
     void settle(Entry& entry);
 
-    RecentTable<Entry> table_;
+    RecentTable<Entry> table_;    // the order of use is that of `sequence`
     std::uint64_t sequence_ = 0;  // used last
     std::uint32_t keyEpoch_ = 0;
-    std::size_t dropped_ = 0;  // entries with drops
+    std::map<std::int64_t, std::string> due_;  // subjects in the table, the next mark first
+    std::int64_t dueLast_ = 0;                 // the highest place given
+    std::int64_t dueFirst_ = 0;                // and the lowest
+    std::size_t dropped_ = 0;                  // entries with `isDropped`
+    std::uint64_t quietFrom_ = 0;  // `sequence_` two calls of `wantMarksOfQuiet` ago, and one
+    std::uint64_t quietTo_ = 0;
+    std::uint64_t goneUntil_ = 0;
 };
 
 using Losses = std::array<std::uint64_t, kLossCauses>;  ///< messages, by `LossCause`
@@ -150,8 +162,9 @@ using Losses = std::array<std::uint64_t, kLossCauses>;  ///< messages, by `LossC
 class ReceiverSink {
   public:
     virtual ~ReceiverSink() = default;
-    /// A message in its order, once.
-    virtual void message(SubjectView subject, Bytes message) = 0;
+    /// A message in its order, once. Returns false when there is no room for it: it counts as lost
+    /// (`QueueFull`), without a call of `lost`.
+    virtual bool message(SubjectView subject, Bytes message) = 0;
     /// Messages of `host` on `subject` are lost: those before the next `message` on it.
     virtual void lost(std::string_view host, SubjectView subject, std::uint64_t messages,
                       LossCause cause) = 0;

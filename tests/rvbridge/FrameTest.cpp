@@ -132,7 +132,7 @@ TEST(BridgePage, ShowsFramesAsTheyAreEncoded) {
                             .u8(ControlMessage::kAdd)
                             .raw(subjectBytes)
                             .take();
-    EXPECT_EQ(documented("change"), copyOf(writer.control(change)));
+    EXPECT_EQ(documented("change"), copyOf(writer.control(change, {9, 2, 5})));
     EXPECT_EQ(EngineSubjects("7500", "").publication(news), "kvx.7500.=.s.NEWS.UK");
 }
 

@@ -4,8 +4,9 @@ namespace kvx::bridge {
 namespace {
 
 struct Ledger : testing::Test, ReceiverSink {
-    void message(SubjectView, Bytes bytes) override {
-        seen.emplace_back("message " + std::to_string(bytes.size()));
+    bool message(SubjectView, Bytes bytes) override {
+        if (hasRoom) seen.emplace_back("message " + std::to_string(bytes.size()));
+        return hasRoom;
     }
     void lost(std::string_view host, SubjectView subject, std::uint64_t n, LossCause c) override {
         seen.push_back(std::string(host) + " " + subject.text() + " " + std::to_string(n) + " " +
@@ -42,6 +43,7 @@ struct Ledger : testing::Test, ReceiverSink {
     const Subject a = *Subject::fromText("A");
     Seen seen;
     bool heardAll = false;
+    bool hasRoom = true;
     Receiver receiver{1, *this, 100, 20'000};
     FrameWriter writer{"h", 7, FrameWriter::kLeastLimit};
 };
@@ -59,7 +61,9 @@ TEST_F(Ledger, TellsWhatIsMissingAndWhy) {
     receiver.fault(LossCause::EngineGone);
     EXPECT_EQ(takeMessages({23, 3, 2}, 1), (Seen{"h A 1 engine gone", "message 10"}))
         << "the sender has begun the subject anew";
-    EXPECT_EQ(receiver.losses("h"), (Losses{1, 1, 1, 2, 0}));
+    hasRoom = false;
+    EXPECT_EQ(takeMessages({24, 3, 3}, 1), Seen{});
+    EXPECT_EQ(receiver.losses("h"), (Losses{1, 1, 1, 3, 0}));
     EXPECT_EQ(receiver.received("h").messages, 4U);
 }
 
@@ -108,32 +112,61 @@ TEST_F(Ledger, GivesUpTheOldestUnfinishedMessage) {
     EXPECT_EQ(seen, Seen{"h9 A 1 part missing"});
 }
 
-TEST(Sender, NumbersEachSubjectWhileItIsInTheTable) {
-    Sender sender(1, 2);
-    const Subject a = *Subject::fromText("A");
-    const Subject b = *Subject::fromText("B.x");
-    const Subject c = *Subject::fromText("C");
-    const auto next = [&sender](const Subject& subject) {
-        const MessageNumber n = sender.next(subject);
+struct Sending : testing::Test {
+    void send(const char* subject) { (void)sender.next(*Subject::fromText(subject)); }
+    void drop(const char* subject) {
+        send(subject);
+        sender.dropped(*Subject::fromText(subject), LossCause::QueueFull);
+    }
+    std::vector<std::string> marks() {
+        std::vector<std::string> marks;
+        const auto note = [&marks](SubjectView subject, const MessageNumber& n, LossCause cause) {
+            marks.push_back(subject.text() + std::to_string(n.number) + ' ' + textOf(cause));
+        };
+        while (sender.takeMark(note)) {
+        }
+        return marks;
+    }
+    using Marks = std::vector<std::string>;
+    Sender sender{1, 3};
+};
+
+TEST_F(Sending, NumbersEachSubjectWhileItIsInTheTable) {
+    const auto next = [this](const char* subject) {
+        const MessageNumber n = sender.next(*Subject::fromText(subject));
         return std::array<std::uint64_t, 3>{n.sequence, n.keyEpoch, n.number};
     };
-    EXPECT_EQ(next(a), (std::array<std::uint64_t, 3>{1, 1, 1}));
-    EXPECT_EQ(next(b), (std::array<std::uint64_t, 3>{2, 2, 1}));
-    sender.dropped(b, LossCause::QueueFull);
-    EXPECT_EQ(next(a), (std::array<std::uint64_t, 3>{3, 1, 2}));
+    EXPECT_EQ(next("A"), (std::array<std::uint64_t, 3>{1, 1, 1}));
+    EXPECT_EQ(next("B"), (std::array<std::uint64_t, 3>{2, 2, 1}));
+    EXPECT_EQ(next("A"), (std::array<std::uint64_t, 3>{3, 1, 2}));
+    drop("C");
+    EXPECT_EQ(next("D"), (std::array<std::uint64_t, 3>{5, 4, 1})) << "B leaves";
+    EXPECT_EQ(next("B"), (std::array<std::uint64_t, 3>{6, 5, 1})) << "A leaves";
     EXPECT_TRUE(sender.hasDropped());
-    EXPECT_EQ(next(c), (std::array<std::uint64_t, 3>{4, 3, 1})) << "B.x leaves";
-    EXPECT_FALSE(sender.hasDropped());
-    EXPECT_EQ(next(b), (std::array<std::uint64_t, 3>{5, 4, 1})) << "A leaves";
-    sender.dropped(b, LossCause::QueueFull);
-    std::vector<std::string> marks;
-    const auto visit = [&marks](SubjectView subject, const MessageNumber& n, LossCause cause) {
-        marks.push_back(subject.text() + std::to_string(n.number) + textOf(cause));
-    };
-    sender.marksOfDropped(visit);
-    sender.marksOfDropped(visit);
-    sender.marks(*Subject::fromText("B.>"), LossCause::EngineGone, visit);
-    EXPECT_EQ(marks, (std::vector<std::string>{"B.x2queue full", "B.x2engine gone"}));
+    send("E");
+    EXPECT_FALSE(sender.hasDropped()) << "C has left";
+    EXPECT_EQ(marks(), Marks{});
+}
+
+TEST_F(Sending, MarksWhatWasDroppedFirstThenWhatIsAskedForThenWhatIsQuiet) {
+    send("A");
+    send("B");
+    sender.wantMarks(0);
+    drop("B");
+    drop("C");
+    EXPECT_EQ(marks(), (Marks{"C2 queue full", "B3 queue full", "A2 engine"}));
+    sender.engineWasGone();
+    send("A");
+    sender.wantMarks(2);
+    EXPECT_EQ(marks(), (Marks{"A3 engine", "C2 engine gone", "B3 engine gone"}));
+    sender.wantMarksOfQuiet();
+    send("A");
+    sender.wantMarksOfQuiet();
+    EXPECT_EQ(marks(), (Marks{"C2 engine gone", "B3 engine gone"})) << "A is not quiet";
+    sender.wantMarksOfQuiet();
+    EXPECT_EQ(marks(), Marks{"A4 engine"});
+    sender.wantMarksOfQuiet();
+    EXPECT_EQ(marks(), Marks{}) << "once";
 }
 
 }  // namespace
