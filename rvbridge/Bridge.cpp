@@ -14,6 +14,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "rv/error/rvAdvisory.h"
+#include "rv/message/WireFormat.h"
 #include "rv/message/rvmsg.h"
 #include "rv/wire/ControlMessage.h"
 #include "rvbridge/ControlMessage.h"
@@ -143,6 +145,7 @@ void Bridge::onDaemonMessage(wire::Bytes message) {
         const std::string text = subject->text();
         if (text == kInterest) hearInterest(message);
         if (text == kHosts) answerHosts(message);
+        if (text == advisory::kDataLossSubject) hearDropped(message);
         return;
     }
     if (!hasStarted_ || !isWithin(options_.exports, *subject)) return;
@@ -179,6 +182,29 @@ void Bridge::hearInterestField(std::string_view name, rvmsg_Type type, rvmsg_Siz
         if (name == "add") addOwn(*subject);
         if (name == "remove") removeOwn(*subject);
     }
+}
+
+// What the daemon has dropped from our queue is lost on its way to the others.
+void Bridge::hearDropped(Bytes message) {
+    const auto data = findField(message, wire::field::kData);
+    const auto dropped = data ? findField(data->bytes(), "dropped") : std::nullopt;
+    if (!hasStarted_ || !dropped) return;
+    endFrame();
+    std::optional<SubjectView> subject;
+    std::uint64_t sum = 0;
+    FieldCursor fields(dropped->bytes());
+    WireField field;
+    while (fields.next(field) == FieldCursor::Step::kField) {
+        if (field.type == RVMSG_SUBJECT) subject = SubjectView::parse(field.data, field.size);
+        if (field.type != RVMSG_UINT || field.size != sizeof(std::uint64_t) || !subject) continue;
+        if (ControlMessage::isReserved(*subject) || !isWithin(options_.exports, *subject)) continue;
+        findWanting(*subject);
+        if (lastWanting_.empty()) continue;
+        sender_.skip(*subject, loadBig64(field.data), LossCause::QueueFull);
+        sum += loadBig64(field.data);
+    }
+    log_.warning("the daemon has dropped " + std::to_string(sum) + " messages for other hosts");
+    endTurnSoon();
 }
 
 // What the snapshot has not named is gone.

@@ -92,6 +92,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void completeSnapshot();
     void addOwn(SubjectView subject);
     void removeOwn(SubjectView subject);
+    void hearDropped(Bytes message);
     void joinWhenComplete();
     void want(SubjectView subject, bool isWanted);
     void say(const std::string& subject);

@@ -69,6 +69,16 @@ void Sender::dropped(SubjectView subject, LossCause cause) {
     putDue(--dueFirst_, subject.encoded(), *entry);
 }
 
+void Sender::skip(SubjectView subject, std::uint64_t messages, LossCause cause) {
+    if (messages == 0) return;
+    (void)next(subject);
+    Entry& entry = *table_.peek(subject.encoded());
+    sequence_ += messages - 1;
+    entry.sequence = sequence_;
+    entry.next += messages - 1;
+    dropped(subject, cause);
+}
+
 void Sender::putDue(std::int64_t place, std::string_view subject, Entry& entry) {
     if (entry.due != 0) due_.erase(entry.due);
     entry.due = place;

@@ -105,6 +105,8 @@ class Sender {
     /// The message that has just got its number is not sent: the mark of its subject must be,
     /// before anything else on it. That mark is the next one taken.
     void dropped(SubjectView subject, LossCause cause);
+    /// The same for so many messages, which have no number yet.
+    void skip(SubjectView subject, std::uint64_t messages, LossCause cause);
     [[nodiscard]] bool hasDropped() const { return dropped_ != 0; }
 
     /// The subjects need marks whose last message has a sequence above `after`.

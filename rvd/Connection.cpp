@@ -506,6 +506,7 @@ bool Connection::listen(SubjectView subject) {
     const bool isListening = context_.router.listen(*session_, subject);
     context_.account.setOrphaned(context_.router.orphanedBytes());  // it undoes some
     if (!isListening) return false;
+    if (session_->isTold()) outbox_.nameDropped();
     setCharge(Holding::Listens, session_->listenBytes());
     return true;
 }

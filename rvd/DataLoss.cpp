@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <new>
 
 #include "rv/error/rvAdvisory.h"
 #include "rv/message/WireFormat.h"
@@ -13,7 +14,9 @@
 namespace kvx::rvd {
 namespace {
 
-constexpr std::size_t kBodyCapacity = 512;  // bytes; the fields are of bounded length
+constexpr std::size_t kBodyCapacity = 512;  // bytes; the fields but "dropped" are of bounded length
+constexpr std::size_t kEmptyMessage = 8;    // bytes
+constexpr std::size_t kNamedCost = 40;      // bytes of the two fields, without the subject
 constexpr unsigned kSubjectBytes = 64;
 
 constexpr const char* kDropped = "Messages for this session were dropped by the daemon";
@@ -32,19 +35,18 @@ constexpr std::array<CauseName, 6> kCauseNames = {{
     {LossCause::Link, "link"},
 }};
 
-bool fillBody(void* body, const Loss& loss) {
+bool fillBody(void* body, rvmsg_Size capacity, const Loss& loss) {
     const auto lost = static_cast<std::uint32_t>(
         std::min<std::uint64_t>(loss.messages, std::numeric_limits<std::uint32_t>::max()));
     const std::string cause = causeText(loss.causes);
     const bool isBetween = loss.causes == static_cast<std::uint8_t>(LossCause::Link);
-    return rvmsg_Init(body, kBodyCapacity) == 0 &&
-           rvmsg_AppendAdvisoryFields(body, kBodyCapacity, advisory::kWarn, advisory::kSystem,
+    return rvmsg_Init(body, capacity) == 0 &&
+           rvmsg_AppendAdvisoryFields(body, capacity, advisory::kWarn, advisory::kSystem,
                                       advisory::kDataLossName,
                                       isBetween ? kLostBetween : kDropped) == 0 &&
-           rvmsg_Append(body, kBodyCapacity, "lost", RVMSG_UINT, sizeof lost, &lost) == 0 &&
-           rvmsg_Append(body, kBodyCapacity, "bytes", RVMSG_UINT, sizeof loss.bytes, &loss.bytes) ==
-               0 &&
-           rvmsg_Append(body, kBodyCapacity, "cause", RVMSG_STRING, 0, cause.c_str()) == 0;
+           rvmsg_Append(body, capacity, "lost", RVMSG_UINT, sizeof lost, &lost) == 0 &&
+           rvmsg_Append(body, capacity, "bytes", RVMSG_UINT, sizeof loss.bytes, &loss.bytes) == 0 &&
+           rvmsg_Append(body, capacity, "cause", RVMSG_STRING, 0, cause.c_str()) == 0;
 }
 
 }  // namespace
@@ -59,12 +61,46 @@ std::string causeText(std::uint8_t causes) {
     return text;
 }
 
-std::vector<std::uint8_t> buildDataLoss(const Loss& loss) {
-    std::array<std::uint8_t, kBodyCapacity> body{};
+void DroppedSubjects::add(wire::Bytes message) noexcept {
+    const wire::Bytes name = wire::readRouting(message).subject;
+    const auto subject = SubjectView::parse(name.data(), name.size());
+    if (!subject) return;
+    const std::string_view encoded = subject->encoded();
+    const auto known = counts_.find(encoded);
+    if (known != counts_.end()) {
+        ++known->second;
+        return;
+    }
+    if (kEmptyMessage + bytes_ + kNamedCost + encoded.size() > kMostBytes) return;
+    try {
+        counts_.emplace(encoded, 1);
+        bytes_ += kNamedCost + encoded.size();
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+}
+
+std::vector<std::uint8_t> DroppedSubjects::build() const {
+    std::vector<std::uint8_t> body(kEmptyMessage + bytes_);
+    const auto capacity = static_cast<rvmsg_Size>(body.size());
+    (void)rvmsg_Init(body.data(), capacity);
+    for (const auto& [subject, lost] : counts_) {
+        (void)rvmsg_Append(body.data(), capacity, "sub", RVMSG_SUBJECT, 0, subject.data());
+        (void)rvmsg_Append(body.data(), capacity, "lost", RVMSG_UINT, sizeof lost, &lost);
+    }
+    return body;
+}
+
+std::vector<std::uint8_t> buildDataLoss(const Loss& loss, const DroppedSubjects& dropped) {
+    std::vector<std::uint8_t> body(kBodyCapacity + DroppedSubjects::kMostBytes);
+    const auto capacity = static_cast<rvmsg_Size>(body.size());
     std::array<std::uint8_t, kSubjectBytes> subject{};
     const int length =
         rvSubject_FromText(subject.data(), kSubjectBytes, advisory::kDataLossSubject);
-    if (length < 0 || !fillBody(body.data(), loss)) return {};
+    if (length < 0 || !fillBody(body.data(), capacity, loss)) return {};
+    if (!dropped.empty()) {
+        (void)rvmsg_Append(body.data(), capacity, "dropped", RVMSG_MSG, 0, dropped.build().data());
+    }
     const auto built = wire::buildData({subject.data(), static_cast<std::size_t>(length)}, nullptr,
                                        0, {RVMSG_MSG, 0, body.data()});
     const wire::Bytes bytes = built.message.view();

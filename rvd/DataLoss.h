@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -41,10 +42,32 @@ struct Loss {
 /// `kTooManyListens` and "link", joined by ", ".
 [[nodiscard]] std::string causeText(std::uint8_t causes);
 
+/// The subjects of lost messages, as many as fit into one notice.
+class DroppedSubjects {
+  public:
+    /// Has no effect for a message that has lost its bytes, and without memory or room.
+    void add(wire::Bytes message) noexcept;
+    [[nodiscard]] bool empty() const { return counts_.empty(); }
+    void clear() {
+        counts_.clear();
+        bytes_ = 0;
+    }
+    /// A nested message: for each subject "sub" (encoded) and "lost" (messages, unsigned, 8 bytes).
+    [[nodiscard]] std::vector<std::uint8_t> build() const;
+
+    static constexpr std::size_t kMostBytes = 15'000;  ///< of the nested message
+
+  private:
+    std::map<std::string, std::uint64_t, std::less<>> counts_;  // by encoded subject
+    std::size_t bytes_ = 0;
+};
+
 /// The data message that announces a loss: on "_RV.WARN.SYSTEM.DATALOSS", its data a nested message
-/// of the advisory fields, "lost" (messages, unsigned, 4 bytes), "bytes" (unsigned, 8 bytes) and
-/// "cause" (text). Empty when it cannot be built.
-[[nodiscard]] std::vector<std::uint8_t> buildDataLoss(const Loss& loss);
+/// of the advisory fields, "lost" (messages, unsigned, 4 bytes), "bytes" (unsigned, 8 bytes),
+/// "cause" (text) and, when `dropped` has any, "dropped" (see there). Empty when it cannot be
+/// built.
+[[nodiscard]] std::vector<std::uint8_t> buildDataLoss(const Loss& loss,
+                                                      const DroppedSubjects& dropped = {});
 
 /// What a follower says on "_RVD.LOST": so many messages on that subject were lost between hosts.
 struct LossReport {

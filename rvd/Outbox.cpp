@@ -51,12 +51,14 @@ std::size_t Outbox::pushMessage(const PayloadRef& message) {
     ++totals_.matched;
     counters_.add(Counter::MessagesMatched);
     if (size > limit_) {
+        nameDropped(*message);
         recordLoss(1, size, LossCause::TooLarge);
         return 0;
     }
     try {
         entries_.push_back({message, static_cast<std::uint32_t>(size), Kind::Message});
     } catch (const std::bad_alloc&) {
+        nameDropped(*message);
         recordLoss(1, size, LossCause::Memory);
         return 0;
     }
@@ -104,7 +106,11 @@ void Outbox::announceEnd(LossCause cause) {
 // ones, so that all go from the front, and nothing is allocated.
 void Outbox::drop(std::size_t position, std::size_t number, LossCause cause) {
     std::size_t bytes = 0;
-    for (std::size_t i = 0; i < number; ++i) bytes += entries_[position + i].size;
+    for (std::size_t i = 0; i < number; ++i) {
+        const Entry& entry = entries_[position + i];
+        bytes += entry.size;
+        nameDropped(*entry.payload);
+    }
     for (std::size_t i = position; i-- > 0;) std::swap(entries_[i], entries_[i + number]);
     entries_.erase(entries_.begin(), entries_.begin() + static_cast<std::ptrdiff_t>(number));
     removeWaiting(number, bytes);
@@ -149,7 +155,7 @@ void Outbox::dropLost() {
 
 void Outbox::placeNotice() {
     if (notice_ == Notice::Current || !loss_.any()) return;
-    const std::vector<std::uint8_t> notice = buildDataLoss(loss_);
+    const std::vector<std::uint8_t> notice = buildDataLoss(loss_, dropped_);
     if (notice.empty()) return;
     const auto place = entries_.begin() + (frontBegun_ ? 1 : 0);
     if (notice_ == Notice::Stale) {
@@ -194,6 +200,7 @@ void Outbox::beginFront() {
     frontBegun_ = true;
     if (entries_.front().kind == Kind::Notice) {
         loss_ = {};
+        dropped_.clear();
         notice_ = Notice::None;
     }
 }

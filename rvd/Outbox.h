@@ -67,6 +67,9 @@ class Outbox {
     /// Drops the oldest message not begun. False when there is none.
     bool dropOldest(LossCause cause);
 
+    /// From now on notices name the subjects of what was dropped.
+    void nameDropped() { namesDropped_ = true; }
+
     /// Announces the end of the session for that reason, although no message may have been lost.
     void announceEnd(LossCause cause);
 
@@ -135,6 +138,9 @@ class Outbox {
     void drop(std::size_t position, std::size_t number, LossCause cause);
     std::size_t dropForRoom(std::size_t most);
     [[nodiscard]] std::size_t oldestMessage() const;
+    void nameDropped(const Payload& message) {
+        if (namesDropped_) dropped_.add(message.bytes());
+    }
     void recordLoss(std::size_t messages, std::size_t bytes, LossCause cause);
     void count(Drop reason, std::uint64_t messages = 1);
     void dropLost();
@@ -153,8 +159,10 @@ class Outbox {
     std::size_t sentOfFront_ = 0;   // bytes of it that are written
     std::size_t waitingBytes_ = 0;  // of messages, whole ones
     std::uint64_t waitingMessages_ = 0;
-    bool isGrown_ = false;  // entries_ has taken more memory than an idle queue should keep
-    Loss loss_;             // not announced yet, or announced by a notice not begun
+    bool isGrown_ = false;     // entries_ has taken more memory than an idle queue should keep
+    Loss loss_;                // not announced yet, or announced by a notice not begun
+    DroppedSubjects dropped_;  // of `loss_`
+    bool namesDropped_ = false;
     Notice notice_ = Notice::None;
     Totals totals_;
     Drop endReason_ = Drop::Ended;

@@ -356,7 +356,10 @@ void Node::take(const Frame& frame, const std::string& text) {
     const bool wasKnown = account.isKnown;
     const Account before = account;
     receiver.take(frame, subject(text));
-    if (wasKnown) return;
+    bool isUp = false;
+    exchange.eachHost(
+        [&](const HostState& host) { isUp = isUp || (host.up && host.epoch == frame.epoch); });
+    if (wasKnown || !isUp) return;
     // What this frame tells of the time before it is not exact.
     account.isKnown = true;
     account.from = ~std::uint64_t{0};
@@ -431,7 +434,9 @@ void World::act() {
             cutUntil = now + Exchange::kBeat + dice(13'000) * 1'000;
         }
     } else if (what < 79) {
-        restart(*node);
+        // Else what the earlier start has said to its rival may end that after it has ended this
+        // one.
+        if (!hasIntruder) restart(*node);
     } else if (what < 80 && !std::exchange(hasIntruder, true)) {
         const bool sameName = dice(2) == 0;
         hadTwin = hadTwin || sameName;

@@ -126,6 +126,33 @@ TEST_F(Queue, DropsTheOldestAndSaysSoAheadOfTheRest) {
     expectExact();
 }
 
+TEST_F(Queue, NamesWhatAFollowerHasLostAsFarAsANoticeHasRoom) {
+    Outbox& queue = make(3);
+    queue.nameDropped();
+    for (const char* subject : {"A", "B", "A", "N", "N", "N"}) {
+        queue.pushMessage(Payload::copy(test::dataMessage(subject, "1")));
+    }
+    const auto named = [this] {
+        const Stream out = write();
+        EXPECT_LT(out.size(), 17'000U);
+        const wire::Bytes data = kvx::findField(out, "data")->bytes();
+        std::string text;
+        std::uint64_t sum = 0;
+        kvx::FieldCursor fields(kvx::findField(data, "dropped")->bytes());
+        WireField field;
+        while (fields.next(field) == kvx::FieldCursor::Step::kField) {
+            if (field.type == RVMSG_UINT) sum += loadBig64(field.data);
+            if (field.type != RVMSG_UINT) text += SubjectView::trusted(field.data).text();
+        }
+        return text.substr(0, 10) + ' ' + std::to_string(sum);
+    };
+    EXPECT_EQ(named(), "AB 3");
+    for (int i = 1'000; i < 2'000; ++i) {
+        queue.pushMessage(Payload::copy(test::dataMessage("S" + std::to_string(i), "")));
+    }
+    EXPECT_EQ(named(), "S1000S1001 299");
+}
+
 TEST_F(Queue, NeverDropsAMessageThatIsPartlyWritten) {  // what is left of it counts
     Outbox& queue = make(3);
     queue.pushMessage(numbered(1));
