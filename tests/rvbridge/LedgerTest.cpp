@@ -72,6 +72,10 @@ TEST_F(Ledger, KnowsWhatIsExpectedOnlyWhileSubscribed) {
     EXPECT_EQ(takeMessages({20, 1, 15}, 1), Seen{"message 10"}) << "was seen before";
     receiver.forget(a);
     EXPECT_EQ(takeMessages({30, 2, 3}, 1), (Seen{"h A 2 engine", "message 10"})) << "is all ours";
+    heardAll = false;
+    receiver.forget(a);
+    EXPECT_EQ(take(writer.mark({40, 2, 9}, LossCause::Engine)), Seen{});
+    EXPECT_EQ(takeMessages({45, 2, 12}, 1), Seen{"message 10"}) << "a mark says nothing of them";
 }
 
 TEST_F(Ledger, PutsPartsTogether) {

@@ -207,6 +207,30 @@ TEST(ManyHosts, InATriangleEverybodyHearsEverythingOnce) {
     }
 }
 
+TEST(ManyHosts, NobodyIsToldOfALossWhileOthersComeAndGo) {
+    NatsServer nats;
+    Host berlin("berlin", nats.url());
+    Host paris("paris", nats.url());
+    Host rome("rome", nats.url());
+    RawClient listener = paris.listener({"S.*"});
+    berlin.awaitInterest({{"paris", 1}});
+    RawClient sender = berlin.session();
+    std::optional<RawClient> guest;
+    static_cast<void>(rome.session());
+    for (int sent = 0, heard = 0; sent < 20'000; heard = sent) {
+        if (sent % 300 == 0) guest.emplace(sessionAt(rome.daemon()));
+        if (sent % 300 == 0) guest->listen(sent % 1'500 == 0 ? "S.3" : "S.*");
+        if (sent % 300 == 200) guest.reset();
+        for (const int end = sent + 50; sent < end; ++sent) {
+            sender.publish("S." + std::to_string(sent % 7), std::to_string(sent));
+        }
+        for (; heard < sent; ++heard) ASSERT_EQ(listener.expectText(), std::to_string(heard));
+    }
+    EXPECT_EQ(paris.about("berlin")["lost"], Json::object());
+    EXPECT_EQ(rome.about("berlin")["lost"], Json::object());
+    EXPECT_GT(rome.about("berlin")["in"]["messages"], 0);
+}
+
 TEST(ManyHosts, PassOnlyWhatIsExportedAndImported) {
     NatsServer nats;
     Host berlin("berlin", nats.url(), {"-export", "OUT.>", "-export", "END"});
