@@ -238,6 +238,8 @@ void Bridge::pass(SubjectView subject, Bytes message) {
     if (!fits || (!runs_.empty() && !append(subject, number, message))) endFrame();
     if (runs_.empty()) {
         openHost_ = host;
+        writer_.setKnowledge(host.empty() ? std::nullopt
+                                          : std::optional(exchange_.knowledgeOf(host)));
         run_ = subject.encoded();
         openAt_ = host.empty() ? subjects_.publication(subject) : subjects_.direct(host, subject);
         if (!fits) return sendParts(subject, number, message);
@@ -434,9 +436,13 @@ bool Bridge::onEngineMessage(std::string_view subject, Bytes bytes) {
     return true;
 }
 
+// Everybody hears a mark, but maybe not the messages behind it, which may go to one host.
 void Bridge::take(Frame frame, SubjectView subject) {
+    const bool isMark = frame.isMark();
     do {
-        if (isSubscribedTo(subject)) receiver_.take(frame, subject);
+        if (!isSubscribedTo(subject)) continue;
+        frame.mayBegin = frame.knowledge ? exchange_.wasKnown(*frame.knowledge, subject) : !isMark;
+        receiver_.take(frame, subject);
     } while (nextRun(frame, subject));
 }
 

@@ -21,6 +21,7 @@ constexpr std::size_t kLengthBytes = 4;
 constexpr std::size_t kPartFieldBytes = 8;                   // total and offset
 constexpr std::size_t kRunFieldBytes = 4 + 8 + kCountBytes;  // key epoch, number
 constexpr std::size_t kKindAt = 5;
+constexpr std::uint8_t kDirect = 0x80;  // in the kind: the header has the knowledge
 
 bool takeHeader(WireReader& reader, Frame& frame) {
     const std::uint8_t* magic = nullptr;
@@ -29,14 +30,18 @@ bool takeHeader(WireReader& reader, Frame& frame) {
     std::uint8_t hostBytes = 0;
     const std::uint8_t* host = nullptr;
     if (!reader.take(kMagic.size(), magic) || !std::equal(kMagic.begin(), kMagic.end(), magic) ||
-        !reader.u8(version) || version != kVersion || !reader.u8(kind) || kind < 1 || kind > 4 ||
-        !reader.u8(hostBytes) || hostBytes == 0 || !reader.take(hostBytes, host)) {
+        !reader.u8(version) || version != kVersion || !reader.u8(kind) || (kind & ~kDirect) < 1 ||
+        (kind & ~kDirect) > 4 || !reader.u8(hostBytes) || hostBytes == 0 ||
+        !reader.take(hostBytes, host)) {
         return false;
     }
-    frame.kind = static_cast<FrameKind>(kind);
+    frame.kind = static_cast<FrameKind>(kind & ~kDirect);
     frame.host = {reinterpret_cast<const char*>(host), hostBytes};
-    return take64(reader, frame.epoch) && take64(reader, frame.first.sequence) &&
-           reader.u32(frame.first.keyEpoch) && take64(reader, frame.first.number);
+    if (!take64(reader, frame.epoch) || !take64(reader, frame.first.sequence) ||
+        !reader.u32(frame.first.keyEpoch) || !take64(reader, frame.first.number)) {
+        return false;
+    }
+    return (kind & kDirect) == 0 || take64(reader, frame.knowledge.emplace());
 }
 
 bool takeMessage(WireReader& reader, Bytes& message) {
@@ -154,7 +159,7 @@ void FrameWriter::setLimit(std::size_t limit) {
 }
 
 std::size_t FrameWriter::headerBytes() const {
-    return kFixedHeaderBytes + host_.size();
+    return kFixedHeaderBytes + host_.size() + sizeof(std::uint64_t);
 }
 
 bool FrameWriter::fitsWhole(std::size_t bytes) const {
@@ -178,13 +183,14 @@ void FrameWriter::put64(std::uint64_t value) {
 void FrameWriter::begin(FrameKind kind, const MessageNumber& number) {
     bytes_.assign(kMagic.begin(), kMagic.end());
     bytes_.push_back(kVersion);
-    bytes_.push_back(static_cast<std::uint8_t>(kind));
+    bytes_.push_back(static_cast<std::uint8_t>(kind) | (knowledge_ ? kDirect : 0));
     bytes_.push_back(static_cast<std::uint8_t>(host_.size()));
     bytes_.insert(bytes_.end(), host_.begin(), host_.end());
     put64(epoch_);
     put64(number.sequence);
     put32(number.keyEpoch);
     put64(number.number);
+    if (knowledge_) put64(*knowledge_);
 }
 
 bool FrameWriter::append(const MessageNumber& number, Bytes message) {
@@ -205,7 +211,7 @@ bool FrameWriter::appendRun(SubjectView subject, const MessageNumber& number, By
     const std::size_t more = subject.length() + kRunFieldBytes + kLengthBytes + message.size();
     if (number.sequence != next_.sequence || bytes_.size() + more > limit_) return false;
     endRun();
-    bytes_[kKindAt] = static_cast<std::uint8_t>(FrameKind::Runs);
+    bytes_[kKindAt] = static_cast<std::uint8_t>(FrameKind::Runs) | (bytes_[kKindAt] & kDirect);
     const auto encoded = subject.bytes();
     bytes_.insert(bytes_.end(), encoded.begin(), encoded.end());
     put32(number.keyEpoch);

@@ -46,6 +46,8 @@ struct Frame {
     std::string_view host;    ///< 1 to 255 bytes
     std::uint64_t epoch = 0;  ///< of the bridge
     MessageNumber first;      ///< of the first message; all 0 for control
+    /// To one host only: what the sender knows of it (`Exchange::knowledgeOf`).
+    std::optional<std::uint64_t> knowledge;
 
     std::uint32_t count = 0;              ///< data: messages; 0 for a mark
     LossCause cause = LossCause::Engine;  ///< of a mark
@@ -53,6 +55,10 @@ struct Frame {
     std::uint32_t offset = 0;             ///< part: of `body` in it
     Bytes body;  ///< data: the messages (see `FrameMessages`); part: its bytes; control: all
     Bytes rest;  ///< data: the runs on other subjects behind this one (see `nextRun`)
+
+    /// Whether what is expected on the subject may be known by this frame: the sender knew that we
+    /// listen, or whatever comes on the subject comes to us.
+    bool mayBegin = true;
 
     /// Says: `first` is the number of the next message on this subject; what is missing up to it
     /// is lost.
@@ -92,6 +98,9 @@ class FrameWriter {
 
     /// `host` has 1 to 255 bytes (what is more is cut off).
     FrameWriter(std::string_view host, std::uint64_t epoch, std::size_t limit = kDefaultLimit);
+
+    /// What is begun afterwards goes to one host only, or to all.
+    void setKnowledge(std::optional<std::uint64_t> knowledge) { knowledge_ = knowledge; }
 
     /// The engine's payload limit, at least `kLeastLimit`. Holds for what is begun afterwards.
     void setLimit(std::size_t limit);
@@ -137,6 +146,7 @@ class FrameWriter {
     const std::string host_;
     const std::uint64_t epoch_;
     std::size_t limit_;
+    std::optional<std::uint64_t> knowledge_;
     std::vector<std::uint8_t> bytes_;
     MessageNumber next_;       // what continues the open frame
     std::size_t countAt_ = 0;  // of the open run

@@ -225,8 +225,7 @@ bool Receiver::note(Peer& peer, const Frame& frame, SubjectView subject,
     bool isKnown = expected != nullptr;
     if (!isKnown) {
         isKnown = isAfter(number.keyEpoch, peer.forgotten) && sink_.heardAllOf(frame, subject);
-        // Everybody hears a mark, but maybe not the messages after it that go to one host.
-        if (!isKnown && count == 0) return false;
+        if (!isKnown && !frame.mayBegin) return false;
         if (expected_.isFull()) drop(expected_.oldest().first, expected_.oldest().second);
         expected = &expected_.add(key, {number.keyEpoch, isKnown ? 1 : number.number, faults_});
     } else if (expected->keyEpoch != number.keyEpoch) {

@@ -108,6 +108,7 @@ TEST(Frames, CollectWhatFollowsAndCutWhatIsLarge) {
 
 TEST(Frames, HoldRunsOnSeveralSubjects) {
     FrameWriter writer("h", 7, FrameWriter::kLeastLimit);
+    writer.setKnowledge(77);
     ASSERT_TRUE(writer.append({1, 5, 1}, Octets{1}));
     EXPECT_FALSE(writer.appendRun(subject("B"), {3, 6, 1}, {})) << "a message is between";
     ASSERT_TRUE(writer.appendRun(subject("B"), {2, 6, 8}, Octets{2}));
@@ -117,6 +118,7 @@ TEST(Frames, HoldRunsOnSeveralSubjects) {
     const Octets bytes = copyOf(writer.open());
     auto frame = readFrame(bytes);
     ASSERT_TRUE(frame);
+    EXPECT_EQ(frame->knowledge, 77U);
     std::ostringstream seen;
     const Subject first = subject("A");
     SubjectView on = first;
@@ -172,11 +174,16 @@ TEST(BridgePage, ShowsFramesAsTheyAreEncoded) {
     ASSERT_EQ(data.code, 0);
     ASSERT_TRUE(writer.append({9, 2, 4}, data.message.view()));
     EXPECT_EQ(documented("data"), copyOf(writer.open()));
-    const Octets first = documented("data");
+    Octets first = documented("data");
+    first.resize(first.size() + sizeof(std::uint64_t));
+    writer.clear();
+    writer.setKnowledge(0x1122334455667788);
+    ASSERT_TRUE(writer.append({9, 2, 4}, data.message.view()));
     ASSERT_TRUE(writer.appendRun(subject("A"), {10, 3, 1}, data.message.view()));
     const Octets runs = copyOf(writer.open());
     const Bytes second = Bytes(runs).subspan(first.size(), runs.size() - first.size() - 50);
     EXPECT_EQ(documented("runs"), copyOf(second));
+    writer.setKnowledge(std::nullopt);
     writer.clear();
     EXPECT_EQ(documented("mark"), copyOf(writer.mark({10, 2, 5}, LossCause::EngineGone)));
     const std::string_view subjectBytes(static_cast<const char*>(news.view().data()),
