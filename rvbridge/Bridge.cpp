@@ -1,5 +1,6 @@
 // From the daemon: a message that somebody elsewhere wants gets its number and joins the open
-// frame, which is published when the turn ends or a message on another subject comes.
+// frame, which is published when the turn ends. What only one host wants crosses in one frame,
+// whatever the subjects; else a message on another subject ends the frame too.
 //
 // From the engine: `Receiver` decides what is new and what is missing; what is new goes to the
 // daemon as it came.
@@ -28,6 +29,7 @@ constexpr const char* kInterest = "_RVD.INTEREST";
 constexpr const char* kLost = "_RVD.LOST";
 constexpr const char* kHosts = "_RVD.HOSTS";
 constexpr std::size_t kControlHead = 1'024;  // bytes of a frame besides the payload, at most
+constexpr Microseconds kShared = Exchange::kSilence + Exchange::kBeat;  // see `Bridge::Route`
 constexpr int kMarksPerTick = 4'000;
 constexpr std::size_t kMaxUntold = 65'536;  // subjects
 static_assert(Engine::kLeastBytes >= FrameWriter::kLeastLimit);
@@ -91,7 +93,8 @@ Bridge::Bridge(rvevm_Manager manager, const Options& options, const SpaceName& s
       sender_(randomNumber()),
       receiver_(randomNumber(), *this),
       writer_(identity.host, identity.epoch),
-      control_(identity.host, identity.epoch) {}
+      control_(identity.host, identity.epoch),
+      routes_(randomNumber(), Sender::kMaxSubjects) {}
 
 Bridge::~Bridge() {
     if (turn_ != nullptr) rvevm_RemoveTimer(manager_, turn_);
@@ -101,6 +104,7 @@ void Bridge::start() {
     engine_.subscribe(subjects_.controlAll());
     engine_.subscribe(subjects_.controlTo(options_.host));
     engine_.subscribe(subjects_.wildcardMessages());
+    engine_.subscribe(subjects_.directTo(options_.host));
     daemon_.start();
 }
 
@@ -198,8 +202,7 @@ void Bridge::hearDropped(Bytes message) {
         if (field.type == RVMSG_SUBJECT) subject = SubjectView::parse(field.data, field.size);
         if (field.type != RVMSG_UINT || field.size != sizeof(std::uint64_t) || !subject) continue;
         if (ControlMessage::isReserved(*subject) || !isWithin(options_.exports, *subject)) continue;
-        findWanting(*subject);
-        if (lastWanting_.empty()) continue;
+        if (!routeOf(*subject).isWanted()) continue;
         sender_.skip(*subject, loadBig64(field.data), LossCause::QueueFull);
         sum += loadBig64(field.data);
     }
@@ -253,44 +256,81 @@ void Bridge::joinWhenComplete() {
 // ------------------------------------------------------------------ to the engine
 
 void Bridge::pass(SubjectView subject, Bytes message) {
-    findWanting(subject);
-    if (lastWanting_.empty()) return;
-    for (const auto& host : lastWanting_) {
-        ++out_[host].messages;
-        out_[host].bytes += message.size();
+    Route& route = routeOf(subject);
+    if (!route.isWanted()) return;
+    for (Traffic* const traffic : route.traffic) {
+        ++traffic->messages;
+        traffic->bytes += message.size();
     }
-    if (subject.encoded() != open_) {
-        endFrame();
-        open_ = subject.encoded();
-        openAt_ = subjects_.publication(subject);
-    }
-    if (sender_.hasDropped() && openCount_ == 0 && !sendMarksOfDropped()) {
+    const std::string_view host = isDirect(route, subject) ? std::string_view(route.host) : "";
+    const bool isSame = subject.encoded() == run_;
+    if (host != openHost_ || (!isSame && host.empty())) endFrame();
+    if (sender_.hasDropped() && runs_.empty() && !sendMarksOfDropped()) {
         (void)sender_.next(subject);
         return sender_.dropped(subject, LossCause::QueueFull);
     }
     const MessageNumber number = sender_.next(subject);
-    if (!writer_.fitsWhole(message.size())) {
-        endFrame();
-        return sendParts(subject, number, message);
-    }
-    if (!writer_.append(number, message)) {
-        endFrame();
+    const bool fits = writer_.fitsWhole(message.size());
+    if (!fits || (!runs_.empty() && !append(subject, number, message))) endFrame();
+    if (runs_.empty()) {
+        openHost_ = host;
+        writer_.setKnowledge(host.empty() ? std::nullopt
+                                          : std::optional(exchange_.knowledgeOf(host)));
+        run_ = subject.encoded();
+        openAt_ = host.empty() ? subjects_.publication(subject) : subjects_.direct(host, subject);
+        if (!fits) return sendParts(subject, number, message);
         (void)writer_.append(number, message);
+        runs_.emplace_back(run_, 1);
     }
-    ++openCount_;
     endTurnSoon();
 }
 
-// The hosts that want a message on this subject, kept for the next one.
-void Bridge::findWanting(SubjectView subject) {
-    if (subject.encoded() == lastSubject_) return;
-    lastSubject_ = subject.encoded();
-    lastWanting_.clear();
-    exchange_.eachWanting(subject, [this](const std::string& host) {
-        if (std::ranges::find(lastWanting_, host) == lastWanting_.end()) {
-            lastWanting_.push_back(host);
+// Appends to the open frame. False, with nothing changed, when there is no room.
+bool Bridge::append(SubjectView subject, const MessageNumber& number, Bytes message) {
+    if (subject.encoded() == run_) {
+        if (!writer_.append(number, message)) return false;
+        ++runs_.back().second;
+        return true;
+    }
+    if (!writer_.appendRun(subject, number, message)) return false;
+    run_ = subject.encoded();
+    runs_.emplace_back(run_, 1);
+    return true;
+}
+
+Bridge::Route& Bridge::routeOf(SubjectView subject) {
+    Route* route = routes_.find(subject.encoded());
+    if (route == nullptr) {
+        if (routes_.isFull()) {
+            sharedUntil_ = std::max(sharedUntil_, routes_.oldest().second.sharedUntil);
         }
+        route = &routes_.add(subject.encoded(), {});
+        route->sharedUntil = sharedUntil_;
+    }
+    if (route->interest != interest_) refresh(*route, subject);
+    return *route;
+}
+
+void Bridge::refresh(Route& route, SubjectView subject) {
+    route.interest = interest_;
+    route.traffic.clear();
+    exchange_.eachWanting(subject, [&](const std::string& host) {
+        Traffic* const traffic = &out_[host];
+        if (std::ranges::find(route.traffic, traffic) != route.traffic.end()) return;
+        route.traffic.push_back(traffic);
+        route.host = host;
     });
+}
+
+bool Bridge::isDirect(Route& route, SubjectView subject) {
+    if (route.traffic.size() == 1 && route.sharedUntil == 0) return !subject.hasWildcards();
+    const Microseconds at = now();
+    if (route.traffic.size() == 1 && at >= route.sharedUntil) {
+        route.sharedUntil = 0;
+        return !subject.hasWildcards();
+    }
+    route.sharedUntil = at + kShared;
+    return false;
 }
 
 void Bridge::sendParts(SubjectView subject, const MessageNumber& number, Bytes message) {
@@ -301,14 +341,16 @@ void Bridge::sendParts(SubjectView subject, const MessageNumber& number, Bytes m
 
 // Publishes the open frame.
 void Bridge::endFrame() {
-    if (openCount_ == 0) return;
+    if (runs_.empty()) return;
     exchange_.flush();
-    const std::uint32_t count = std::exchange(openCount_, 0);
     const bool isSent = publish(openAt_, writer_.open());
     writer_.clear();
-    for (std::uint32_t i = 0; !isSent && i < count; ++i) {
-        sender_.dropped(viewOf(open_), LossCause::QueueFull);
+    for (const auto& [subject, count] : runs_) {
+        for (std::uint32_t i = 0; !isSent && i < count; ++i) {
+            sender_.dropped(viewOf(subject), LossCause::QueueFull);
+        }
     }
+    runs_.clear();
 }
 
 void Bridge::endTurnSoon() {
@@ -426,7 +468,7 @@ void Bridge::hostUp(const HostState& host) {
 void Bridge::hostDown(const HostState& host) {
     log_.info("host " + host.name + " is gone");
     receiver_.hostDown(host.name, host.epoch);
-    lastSubject_.clear();
+    ++interest_;
 }
 
 void Bridge::refused(const std::string& reason) {
@@ -460,15 +502,25 @@ bool Bridge::onEngineMessage(std::string_view subject, Bytes bytes) {
     const auto at =
         frame && frame->kind != FrameKind::Control ? subjects_.subjectOf(subject) : std::nullopt;
     if (at) {
-        if (isSubscribedTo(*at)) receiver_.take(*frame, *at);
+        take(*frame, *at);
     } else if (frame && frame->kind == FrameKind::Control) {
         exchange_.receive(now(), *frame);
-        lastSubject_.clear();
+        ++interest_;
         endTurnSoon();
     } else {
         ++unreadable_;
     }
     return true;
+}
+
+// Everybody hears a mark, but maybe not the messages behind it, which may go to one host.
+void Bridge::take(Frame frame, SubjectView subject) {
+    const bool isMark = frame.isMark();
+    do {
+        if (!isSubscribedTo(subject)) continue;
+        frame.mayBegin = frame.knowledge ? exchange_.wasKnown(*frame.knowledge, subject) : !isMark;
+        receiver_.take(frame, subject);
+    } while (nextRun(frame, subject));
 }
 
 // What the engine still delivers of a subscription that has ended is not counted any more. Messages

@@ -62,6 +62,16 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
         bool isSaid = false;
         bool isUnsaid = false;  // in `unsaid_`
     };
+    // Where messages on a subject go. What one host wants goes to it directly. What several want is
+    // published on the subject, for a while after that too: the numbers on a subject are seen by
+    // all who have seen one of them, also by those of which we do not know yet that they listen.
+    struct Route {
+        std::uint64_t interest = 0;     // `interest_` when the rest was found
+        std::vector<Traffic*> traffic;  // of those who want it
+        std::string host;               // the only one
+        Microseconds sharedUntil = 0;
+        [[nodiscard]] bool isWanted() const { return !traffic.empty(); }
+    };
     struct Own {
         unsigned snapshot = 0;  // the last one that has named it
         bool isImported = false;
@@ -100,6 +110,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void keepUntold(const std::string& subject, const Losses& losses);
     [[nodiscard]] bool tell(const std::string& subject, Losses& losses);
     void tellUntold();
+    void take(Frame frame, SubjectView subject);
     [[nodiscard]] bool isSubscribedTo(SubjectView subject);
     void answerHosts(Bytes message);
     [[nodiscard]] std::string hostsText();
@@ -113,7 +124,10 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     bool sendMarksOfDropped();
     void sendMarks();
     [[nodiscard]] bool publish(const std::string& subject, Bytes frame);
-    void findWanting(SubjectView subject);
+    Route& routeOf(SubjectView subject);
+    void refresh(Route& route, SubjectView subject);
+    [[nodiscard]] bool isDirect(Route& route, SubjectView subject);
+    [[nodiscard]] bool append(SubjectView subject, const MessageNumber& number, Bytes message);
 
     // Constant after construction.
     const rvevm_Manager manager_;
@@ -127,11 +141,12 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     Exchange exchange_;
     Sender sender_;
     Receiver receiver_;
-    FrameWriter writer_;   // of messages
-    FrameWriter control_;  // of all else, which may come while a frame of messages is open
-    std::string open_;     // the encoded subject of the open frame
-    std::string openAt_;   // the same at the engine
-    std::uint32_t openCount_ = 0;
+    FrameWriter writer_;    // of messages
+    FrameWriter control_;   // of all else, which may come while a frame of messages is open
+    std::string openAt_;    // the subject at the engine of the open frame
+    std::string openHost_;  // to which the open frame goes directly; else empty
+    std::string run_;       // the encoded subject of its last message
+    std::vector<std::pair<std::string, std::uint32_t>> runs_;  // subjects and messages in it
 
     std::string lastWhy_;  // there was no daemon; attempts that fail alike are told once
     bool isEngineUp_ = false;
@@ -147,9 +162,10 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     std::unordered_map<std::string, Listen> others_;  // what we listen to for other hosts
     std::deque<std::string> unsaid_;                  // of these, while the daemon has no room
 
-    std::string lastSubject_;                          // of `lastWanting_`
-    std::vector<std::string> lastWanting_;             // the hosts that want it
-    std::map<std::string, Traffic, std::less<>> out_;  // by host
+    RecentTable<Route> routes_;                        // by subject
+    std::uint64_t interest_ = 1;                       // grows with each change of what others want
+    Microseconds sharedUntil_ = 0;                     // of the routes that have left the table
+    std::map<std::string, Traffic, std::less<>> out_;  // by host; entries stay
     std::unordered_map<std::string, Losses> untold_;   // for which the daemon has no room
     std::uint64_t unreadable_ = 0;                     // since they were logged last
 };

@@ -57,6 +57,7 @@ struct Engine::Arrived {
     nats::Message message{};
     std::string why{};
     std::size_t mostBytes = 0;
+    std::uint64_t subscription = 0;
 };
 
 struct Engine::Connection {
@@ -113,18 +114,30 @@ struct Engine::Connection {
         return status == NATS_OK ? natsConnection_Connect(&handle, options.get()) : status;
     }
 
-    natsStatus subscribe(const std::string& subject) {
+    natsStatus subscribe(const std::string& subject, std::uint64_t number) {
+        auto ear = std::make_unique<Ear>(owner, number);
         natsSubscription* made = nullptr;
         const natsStatus status =
-            natsConnection_Subscribe(&made, handle, subject.c_str(), onMessage, &owner);
-        if (status == NATS_OK) subscriptions[subject].reset(made);
+            natsConnection_Subscribe(&made, handle, subject.c_str(), onMessage, ear.get());
+        if (status != NATS_OK) return status;
+        // Fails when the connection is lost already; the library may still use it, for ever.
+        (void)natsSubscription_SetOnCompleteCB(made, onComplete, ear.get());
+        (void)ear.release();
+        subscriptions[subject].reset(made);
         return status;
     }
 
     // These may come after the end of this object: they only know the engine.
+    struct Ear {
+        Engine& engine;
+        std::uint64_t subscription;
+    };
     static void onMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
-        static_cast<Engine*>(closure)->arrive({Arrived::Kind::Message, nats::Message(message)});
+        const Ear& ear = *static_cast<Ear*>(closure);
+        ear.engine.arrive(
+            {Arrived::Kind::Message, nats::Message(message), "", 0, ear.subscription});
     }
+    static void onComplete(void* ear) { delete static_cast<Ear*>(ear); }
     static void onClosed(natsConnection*, void* closure) {
         Engine& engine = *static_cast<Engine*>(closure);
         const std::lock_guard lock(engine.mutex_);
@@ -188,10 +201,16 @@ bool Engine::hasRoom() {
 }
 
 void Engine::subscribe(const std::string& subject) {
-    give({Action::Subscribe, subject, {}});
+    subscribed_[subject] = ++lastSubscription_;
+    living_.insert(lastSubscription_);
+    give({Action::Subscribe, subject, {}, lastSubscription_});
 }
 
 void Engine::unsubscribe(const std::string& subject) {
+    const auto found = subscribed_.find(subject);
+    if (found == subscribed_.end()) return;
+    living_.erase(found->second);
+    subscribed_.erase(found);
     give({Action::Unsubscribe, subject, {}});
 }
 
@@ -220,7 +239,7 @@ void Engine::send() {
         natsStatus status = connection_->open();
         for (auto subject = wanted_.begin(); status == NATS_OK && subject != wanted_.end();
              ++subject) {
-            status = connection_->subscribe(*subject);
+            status = connection_->subscribe(subject->first, subject->second);
         }
         const std::int64_t most =
             status == NATS_OK ? natsConnection_GetMaxPayload(connection_->handle) : 0;
@@ -273,8 +292,8 @@ void Engine::execute(Order& order) {
                                          order.bytes.data(), static_cast<int>(order.bytes.size()));
             return;
         case Action::Subscribe:
-            wanted_.insert(order.subject);
-            (void)connection_->subscribe(order.subject);
+            wanted_[order.subject] = order.subscription;
+            (void)connection_->subscribe(order.subject, order.subscription);
             return;
         case Action::Unsubscribe:
             wanted_.erase(order.subject);
@@ -329,6 +348,7 @@ void Engine::takeArrived() {
                 owner_.onEngineDown(next.why);
                 break;
             case Arrived::Kind::Message: {
+                if (!living_.contains(next.subscription)) break;
                 const natsMsg* const message = next.message.get();
                 const auto* const data =
                     reinterpret_cast<const std::uint8_t*>(natsMsg_GetData(message));

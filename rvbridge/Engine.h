@@ -4,11 +4,13 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/Socket.h"
@@ -34,7 +36,8 @@ class EngineOwner {
     virtual void onEngineUp() = 0;
     /// The connection is lost, or cannot be made: `why` in one line, without secrets.
     virtual void onEngineDown(const std::string& why) = 0;
-    /// Valid during the call.
+    /// Valid during the call. Nothing of a subscription that has ended, even if the same was made
+    /// again.
     virtual void onEngineMessage(std::string_view subject, wire::Bytes bytes) = 0;
     /// Messages for us were dropped because we were too slow.
     virtual void onEngineLoss() = 0;
@@ -83,6 +86,7 @@ class Engine {
         Action action;
         std::string subject;
         std::vector<std::uint8_t> bytes;
+        std::uint64_t subscription = 0;  // its number
     };
 
     void give(Order order);
@@ -102,10 +106,13 @@ class Engine {
     platform::Socket wakeNear_;
     platform::Socket wakeFar_;
     rvevm_Id wakeEvent_ = nullptr;
+    std::unordered_map<std::string, std::uint64_t> subscribed_;  // the number, by subject
+    std::unordered_set<std::uint64_t> living_;                   // the same numbers
+    std::uint64_t lastSubscription_ = 0;
 
     // Of the sending thread.
     std::unique_ptr<Connection> connection_;
-    std::set<std::string> wanted_;  // subscriptions
+    std::map<std::string, std::uint64_t> wanted_;  // subscriptions
 
     std::mutex mutex_;  // of all that follows
     std::condition_variable changed_;

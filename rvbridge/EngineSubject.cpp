@@ -92,6 +92,20 @@ std::string EngineSubjects::publication(SubjectView subject) const {
     return out;
 }
 
+std::string EngineSubjects::direct(std::string_view host, SubjectView subject) const {
+    std::string out = prefix_ + "d.";
+    appendToken(out, host);
+    out += '.';
+    appendElements(out, subject, false);
+    return out;
+}
+
+std::string EngineSubjects::directTo(std::string_view host) const {
+    std::string out = prefix_ + "d.";
+    appendToken(out, host);
+    return out += ".>";
+}
+
 std::string EngineSubjects::wildcardMessages() const {
     return prefix_ + "w.>";
 }
@@ -109,9 +123,11 @@ std::string EngineSubjects::controlTo(std::string_view host) const {
 std::optional<Subject> EngineSubjects::subjectOf(std::string_view engineSubject) const {
     if (engineSubject.substr(0, prefix_.size()) != prefix_) return std::nullopt;
     std::string_view rest = engineSubject.substr(prefix_.size());
-    const bool withWildcards = rest.substr(0, 2) == "s.";
-    if (!withWildcards && rest.substr(0, 2) != "w.") return std::nullopt;
+    const bool withWildcards = rest.starts_with("s.");
+    const bool isDirect = rest.starts_with("d.");
+    if (!withWildcards && !isDirect && !rest.starts_with("w.")) return std::nullopt;
     rest.remove_prefix(2);
+    if (isDirect) rest.remove_prefix(std::min(rest.find('.'), rest.size() - 1) + 1);
     std::string text;
     for (bool isLast = false; !isLast;) {
         const std::size_t end = std::min(rest.find('.'), rest.size());
@@ -128,8 +144,10 @@ std::optional<Subject> EngineSubjects::subjectOf(std::string_view engineSubject)
         rest.remove_prefix(isLast ? end : end + 1);
     }
     auto subject = Subject::fromText(text.c_str());
-    // Only messages on wildcard subjects are published below "w".
-    if (subject && !withWildcards && !subject->view().hasWildcards()) return std::nullopt;
+    // All messages on wildcard subjects, and no others, are published below "w".
+    if (subject && !withWildcards && subject->view().hasWildcards() == isDirect) {
+        return std::nullopt;
+    }
     return subject;
 }
 

@@ -25,6 +25,11 @@ class EngineSubjects {
     /// Where a message is published. Without wildcards it is `subscription`; with wildcards, on
     /// which the engine does not publish, "kvx.S.N.w.<elements>", where they are escaped.
     [[nodiscard]] std::string publication(SubjectView subject) const;
+    /// Where a message without wildcards is published that only `host` wants:
+    /// "kvx.S.N.d.<host>.<elements>".
+    [[nodiscard]] std::string direct(std::string_view host, SubjectView subject) const;
+    /// What that host subscribes to: "kvx.S.N.d.<host>.>".
+    [[nodiscard]] std::string directTo(std::string_view host) const;
     /// What every bridge subscribes to for messages on wildcard subjects: "kvx.S.N.w.>".
     [[nodiscard]] std::string wildcardMessages() const;
 
@@ -32,8 +37,8 @@ class EngineSubjects {
     [[nodiscard]] std::string controlAll() const;
     [[nodiscard]] std::string controlTo(std::string_view host) const;
 
-    /// The subject of which `engineSubject` is the `subscription` or the `publication`; nothing for
-    /// any other text. Takes only what these functions write.
+    /// The subject of which `engineSubject` is the `subscription`, the `publication` or `direct`;
+    /// nothing for any other text. Takes only what these functions write.
     [[nodiscard]] std::optional<Subject> subjectOf(std::string_view engineSubject) const;
 
   private:

@@ -516,15 +516,30 @@ bool Exchange::heardAllOf(std::string_view host, std::uint64_t epoch, std::uint3
         return static_cast<std::int32_t>(keyEpoch - candidate.keyEpoch) > 0;
     });
     if (ack == acks.rend()) return false;
-    if (subject.hasWildcards()) return true;
+    return subject.hasWildcards() || isToldBy(ack->change, subject);
+}
+
+// Whether one who knows our changes up to this one knows that we listen to `subject`.
+bool Exchange::isToldBy(std::uint64_t change, SubjectView subject) const {
     const auto own = own_.find(std::string(subject.encoded()));
-    if (own != own_.end() && own->second.toldIn <= ack->change) return true;
+    if (own != own_.end() && own->second.toldIn <= change) return true;
     bool isCovered = false;
     ownPatterns_.match(subject, [&](const Own& pattern) {
-        isCovered = pattern.toldIn <= ack->change;
+        isCovered = pattern.toldIn <= change;
         return !isCovered;
     });
     return isCovered;
+}
+
+std::uint64_t Exchange::knowledgeOf(std::string_view host) const {
+    const auto at = hosts_.find(host);
+    return at == hosts_.end() ? 0 : at->second->state.epoch + at->second->change;
+}
+
+// The number says nothing of another epoch than ours: the sum is far off, as epochs are random.
+bool Exchange::wasKnown(std::uint64_t knowledge, SubjectView subject) const {
+    const std::uint64_t change = knowledge - identity_.epoch;
+    return change <= change_ && isToldBy(change, subject);
 }
 
 }  // namespace kvx::bridge

@@ -136,6 +136,12 @@ class Exchange {
     [[nodiscard]] bool heardAllOf(std::string_view host, std::uint64_t epoch,
                                   std::uint32_t keyEpoch, SubjectView subject) const;
 
+    /// What a frame to one host says of how much we know of it: its epoch and its last change that
+    /// we know, in one number. 0 for a host that is not there.
+    [[nodiscard]] std::uint64_t knowledgeOf(std::string_view host) const;
+    /// Whether who says so in a frame to us knew that we listen to `subject`.
+    [[nodiscard]] bool wasKnown(std::uint64_t knowledge, SubjectView subject) const;
+
     /// Calls `visit(const HostState&)` for all living hosts by name, then for the dead ones, which
     /// keep their last state.
     template <class Visit>
@@ -191,6 +197,7 @@ class Exchange {
     };
 
     static SubjectMatch howToMatch(SubjectView subject);
+    [[nodiscard]] bool isToldBy(std::uint64_t change, SubjectView subject) const;
     [[nodiscard]] bool isTalking() const { return stage_ == Stage::Joining || isReady(); }
     Microseconds jitter(Microseconds atLeast, Microseconds atMost);
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 namespace kvx::bridge {
 
@@ -17,7 +18,10 @@ constexpr std::size_t kMaxHostBytes = 255;
 constexpr std::size_t kFixedHeaderBytes = 4 + 1 + 1 + 1 + 8 + 8 + 4 + 8;
 constexpr std::size_t kCountBytes = 4;
 constexpr std::size_t kLengthBytes = 4;
-constexpr std::size_t kPartFieldBytes = 8;  // total and offset
+constexpr std::size_t kPartFieldBytes = 8;                   // total and offset
+constexpr std::size_t kRunFieldBytes = 4 + 8 + kCountBytes;  // key epoch, number
+constexpr std::size_t kKindAt = 5;
+constexpr std::uint8_t kDirect = 0x80;  // in the kind: the header has the knowledge
 
 bool takeHeader(WireReader& reader, Frame& frame) {
     const std::uint8_t* magic = nullptr;
@@ -26,14 +30,18 @@ bool takeHeader(WireReader& reader, Frame& frame) {
     std::uint8_t hostBytes = 0;
     const std::uint8_t* host = nullptr;
     if (!reader.take(kMagic.size(), magic) || !std::equal(kMagic.begin(), kMagic.end(), magic) ||
-        !reader.u8(version) || version != kVersion || !reader.u8(kind) || kind < 1 || kind > 3 ||
-        !reader.u8(hostBytes) || hostBytes == 0 || !reader.take(hostBytes, host)) {
+        !reader.u8(version) || version != kVersion || !reader.u8(kind) || (kind & ~kDirect) < 1 ||
+        (kind & ~kDirect) > 4 || !reader.u8(hostBytes) || hostBytes == 0 ||
+        !reader.take(hostBytes, host)) {
         return false;
     }
-    frame.kind = static_cast<FrameKind>(kind);
+    frame.kind = static_cast<FrameKind>(kind & ~kDirect);
     frame.host = {reinterpret_cast<const char*>(host), hostBytes};
-    return take64(reader, frame.epoch) && take64(reader, frame.first.sequence) &&
-           reader.u32(frame.first.keyEpoch) && take64(reader, frame.first.number);
+    if (!take64(reader, frame.epoch) || !take64(reader, frame.first.sequence) ||
+        !reader.u32(frame.first.keyEpoch) || !take64(reader, frame.first.number)) {
+        return false;
+    }
+    return (kind & kDirect) == 0 || take64(reader, frame.knowledge.emplace());
 }
 
 bool takeMessage(WireReader& reader, Bytes& message) {
@@ -58,6 +66,36 @@ bool takeData(WireReader& reader, Frame& frame) {
         if (!takeMessage(reader, message)) return false;
     }
     return reader.left() == 0;
+}
+
+// The messages of a run, and their bytes.
+bool takeRun(WireReader& reader, Frame& frame) {
+    if (!reader.u32(frame.count) || frame.count == 0) return false;
+    const std::uint8_t* const begin = reader.position();
+    Bytes message;
+    for (std::uint32_t i = 0; i < frame.count; ++i) {
+        if (!takeMessage(reader, message)) return false;
+    }
+    frame.body = {begin, reader.position()};
+    return true;
+}
+
+bool takeRunHead(WireReader& reader, Frame& frame, std::optional<SubjectView>& subject) {
+    subject = SubjectView::parse(reader.position(), reader.left());
+    const std::uint8_t* ignored = nullptr;
+    return subject && reader.take(subject->length(), ignored) && reader.u32(frame.first.keyEpoch) &&
+           take64(reader, frame.first.number);
+}
+
+bool takeRuns(WireReader& reader, Frame& frame) {
+    if (!takeRun(reader, frame)) return false;
+    frame.rest = {reader.position(), reader.left()};
+    Frame other;
+    std::optional<SubjectView> subject;
+    while (reader.left() != 0) {
+        if (!takeRunHead(reader, other, subject) || !takeRun(reader, other)) return false;
+    }
+    return !frame.rest.empty();
 }
 
 bool takePart(WireReader& reader, Frame& frame) {
@@ -87,11 +125,26 @@ std::optional<Frame> readFrame(Bytes bytes) {
         case FrameKind::Part:
             isWhole = takePart(reader, frame);
             break;
+        case FrameKind::Runs:
+            frame.kind = FrameKind::Data;
+            isWhole = takeRuns(reader, frame);
+            break;
         case FrameKind::Control:
             frame.body = {reader.position(), reader.left()};
             break;
     }
     return isWhole ? std::optional(frame) : std::nullopt;
+}
+
+bool nextRun(Frame& frame, SubjectView& subject) {
+    if (frame.rest.empty()) return false;
+    WireReader reader(frame.rest.data(), frame.rest.size());
+    std::optional<SubjectView> next;
+    frame.first.sequence += frame.count;
+    (void)(takeRunHead(reader, frame, next) && takeRun(reader, frame));
+    frame.rest = {reader.position(), reader.left()};
+    subject = *next;
+    return true;
 }
 
 bool FrameMessages::next(Bytes& message) {
@@ -106,7 +159,7 @@ void FrameWriter::setLimit(std::size_t limit) {
 }
 
 std::size_t FrameWriter::headerBytes() const {
-    return kFixedHeaderBytes + host_.size();
+    return kFixedHeaderBytes + host_.size() + sizeof(std::uint64_t);
 }
 
 bool FrameWriter::fitsWhole(std::size_t bytes) const {
@@ -130,33 +183,58 @@ void FrameWriter::put64(std::uint64_t value) {
 void FrameWriter::begin(FrameKind kind, const MessageNumber& number) {
     bytes_.assign(kMagic.begin(), kMagic.end());
     bytes_.push_back(kVersion);
-    bytes_.push_back(static_cast<std::uint8_t>(kind));
+    bytes_.push_back(static_cast<std::uint8_t>(kind) | (knowledge_ ? kDirect : 0));
     bytes_.push_back(static_cast<std::uint8_t>(host_.size()));
     bytes_.insert(bytes_.end(), host_.begin(), host_.end());
     put64(epoch_);
     put64(number.sequence);
     put32(number.keyEpoch);
     put64(number.number);
+    if (knowledge_) put64(*knowledge_);
 }
 
 bool FrameWriter::append(const MessageNumber& number, Bytes message) {
     if (count_ == 0) {
         begin(FrameKind::Data, number);
+        countAt_ = bytes_.size();
         put32(0);
     } else if (number.sequence != next_.sequence || number.keyEpoch != next_.keyEpoch ||
                number.number != next_.number ||
                bytes_.size() + kLengthBytes + message.size() > limit_) {
         return false;
     }
+    putMessage(number, message);
+    return true;
+}
+
+bool FrameWriter::appendRun(SubjectView subject, const MessageNumber& number, Bytes message) {
+    const std::size_t more = subject.length() + kRunFieldBytes + kLengthBytes + message.size();
+    if (number.sequence != next_.sequence || bytes_.size() + more > limit_) return false;
+    endRun();
+    bytes_[kKindAt] = static_cast<std::uint8_t>(FrameKind::Runs) | (bytes_[kKindAt] & kDirect);
+    const auto encoded = subject.bytes();
+    bytes_.insert(bytes_.end(), encoded.begin(), encoded.end());
+    put32(number.keyEpoch);
+    put64(number.number);
+    countAt_ = bytes_.size();
+    put32(0);
+    putMessage(number, message);
+    return true;
+}
+
+void FrameWriter::putMessage(const MessageNumber& number, Bytes message) {
     put32(static_cast<std::uint32_t>(message.size()));
     bytes_.insert(bytes_.end(), message.begin(), message.end());
     next_ = {number.sequence + 1, number.keyEpoch, number.number + 1};
     ++count_;
-    return true;
+}
+
+void FrameWriter::endRun() {
+    storeBig32(bytes_.data() + countAt_, std::exchange(count_, 0));
 }
 
 Bytes FrameWriter::open() {
-    storeBig32(bytes_.data() + headerBytes(), count_);
+    storeBig32(bytes_.data() + countAt_, count_);
     return bytes_;
 }
 

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "rv/message/SubjectView.h"
 #include "rv/message/WireFormat.h"
 
 namespace kvx::bridge {
@@ -29,7 +30,7 @@ enum class LossCause : std::uint8_t {
 inline constexpr std::size_t kLossCauses = 5;
 [[nodiscard]] const char* textOf(LossCause cause);
 
-enum class FrameKind : std::uint8_t { Data = 1, Part = 2, Control = 3 };
+enum class FrameKind : std::uint8_t { Data = 1, Part = 2, Control = 3, Runs = 4 };
 
 /// The place of a message among all that a bridge sends in a space, and among those on its subject.
 struct MessageNumber {
@@ -38,18 +39,26 @@ struct MessageNumber {
     std::uint64_t number = 0;    ///< 1.. in the key epoch
 };
 
-/// What one engine message holds, as `readFrame` finds it. Borrows the bytes.
+/// What one engine message holds, as `readFrame` finds it: never `Runs`, but data with a `rest`.
+/// Borrows the bytes.
 struct Frame {
     FrameKind kind = FrameKind::Data;
     std::string_view host;    ///< 1 to 255 bytes
     std::uint64_t epoch = 0;  ///< of the bridge
     MessageNumber first;      ///< of the first message; of control: see `FrameWriter::control`
+    /// To one host only: what the sender knows of it (`Exchange::knowledgeOf`).
+    std::optional<std::uint64_t> knowledge;
 
     std::uint32_t count = 0;              ///< data: messages; 0 for a mark
     LossCause cause = LossCause::Engine;  ///< of a mark
     std::uint32_t total = 0;              ///< part: bytes of the whole message
     std::uint32_t offset = 0;             ///< part: of `body` in it
     Bytes body;  ///< data: the messages (see `FrameMessages`); part: its bytes; control: all
+    Bytes rest;  ///< data: the runs on other subjects behind this one (see `nextRun`)
+
+    /// Whether what is expected on the subject may be known by this frame: the sender knew that we
+    /// listen, or whatever comes on the subject comes to us.
+    bool mayBegin = true;
 
     /// Says: `first` is the number of the next message on this subject; what is missing up to it
     /// is lost.
@@ -59,6 +68,10 @@ struct Frame {
 /// Reads untrusted bytes. Nothing for another magic, version or kind, for what runs past the end,
 /// and when bytes are left over. Allocates nothing.
 [[nodiscard]] std::optional<Frame> readFrame(Bytes bytes);
+
+/// Turns a data frame from `readFrame` into one with the next run, and sets its subject. False,
+/// with nothing changed, when there is none.
+[[nodiscard]] bool nextRun(Frame& frame, SubjectView& subject);
 
 /// The messages of a data frame from `readFrame`, in order.
 class FrameMessages {
@@ -72,7 +85,7 @@ class FrameMessages {
 };
 
 /// Builds the engine messages of one bridge in one space. Messages are collected as long as they
-/// are on one subject and follow one another:
+/// follow one another, in runs of one subject:
 ///
 ///     if (!writer.fitsWhole(message.size())) { publish what is open; writer.parts(...); return; }
 ///     if (!writer.append(number, message)) { publish(writer.open()); writer.clear(); append }
@@ -86,6 +99,9 @@ class FrameWriter {
     /// `host` has 1 to 255 bytes (what is more is cut off).
     FrameWriter(std::string_view host, std::uint64_t epoch, std::size_t limit = kDefaultLimit);
 
+    /// What is begun afterwards goes to one host only, or to all.
+    void setKnowledge(std::optional<std::uint64_t> knowledge) { knowledge_ = knowledge; }
+
     /// The engine's payload limit, at least `kLeastLimit`. Holds for what is begun afterwards.
     void setLimit(std::size_t limit);
     [[nodiscard]] std::size_t limit() const { return limit_; }
@@ -96,6 +112,8 @@ class FrameWriter {
     /// Adds a message that fits. False, with nothing changed, when the open frame is full or the
     /// message does not continue it: another key epoch, or not the next sequence and number.
     [[nodiscard]] bool append(const MessageNumber& number, Bytes message);
+    /// The same for a message that begins a run on another subject; one is open.
+    [[nodiscard]] bool appendRun(SubjectView subject, const MessageNumber& number, Bytes message);
     [[nodiscard]] bool empty() const { return count_ == 0; }
     /// The open frame, which has at least one message.
     [[nodiscard]] Bytes open();
@@ -121,15 +139,19 @@ class FrameWriter {
     void begin(FrameKind kind, const MessageNumber& number);
     void put32(std::uint32_t value);
     void put64(std::uint64_t value);
+    void putMessage(const MessageNumber& number, Bytes message);
+    void endRun();
     [[nodiscard]] Bytes part(const MessageNumber& number, Bytes message, std::size_t at);
     [[nodiscard]] std::size_t headerBytes() const;
 
     const std::string host_;
     const std::uint64_t epoch_;
     std::size_t limit_;
+    std::optional<std::uint64_t> knowledge_;
     std::vector<std::uint8_t> bytes_;
-    MessageNumber next_;  // what continues the open frame
-    std::uint32_t count_ = 0;
+    MessageNumber next_;       // what continues the open frame
+    std::size_t countAt_ = 0;  // of the open run
+    std::uint32_t count_ = 0;  // of its messages
 };
 
 }  // namespace kvx::bridge

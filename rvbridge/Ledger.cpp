@@ -262,6 +262,7 @@ bool Receiver::note(Peer& peer, const Frame& frame, SubjectView subject,
     bool isKnown = expected != nullptr;
     if (!isKnown) {
         isKnown = isAfter(number.keyEpoch, peer.forgotten) && sink_.heardAllOf(frame, subject);
+        if (!isKnown && !frame.mayBegin) return false;
         if (expected_.isFull()) drop(expected_.oldest().first, expected_.oldest().second);
         expected = &expected_.add(key, {number.keyEpoch, isKnown ? 1 : number.number, faults_});
     } else if (expected->keyEpoch != number.keyEpoch) {

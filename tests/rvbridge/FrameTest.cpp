@@ -35,16 +35,36 @@ TEST(EngineSubjects, MapReversibly) {
         }
     }
     EXPECT_EQ(space.controlTo("a.b"), "kvx.7500.=.c.to.a=2Eb");
+    EXPECT_EQ(space.directTo("a.b"), "kvx.7500.=.d.a=2Eb.>");
+    const std::string direct = space.direct("a.b", subject("NEWS.a b"));
+    EXPECT_EQ(direct, "kvx.7500.=.d.a=2Eb.NEWS.a=20b");
+    EXPECT_EQ(space.subjectOf(direct)->view().text(), "NEWS.a b");
 }
 
 TEST(EngineSubjects, RefuseWhatTheyDoNotWrite) {
     const EngineSubjects space("7500", "");
-    for (const char* engine :
-         {"", "kvx.7500.=.s", "kvx.7500.=.s.", "kvx.7500.=.s.A..B", "kvx.7501.=.s.A",
-          "kvx.7500.=.s.=41", "kvx.7500.=.s.=2e", "kvx.7500.=.s.=2E", "kvx.7500.=.s.=00",
-          "kvx.7500.=.s.=", "kvx.7500.=.s.=4", "kvx.7500.=.s.=2A", "kvx.7500.=.s.A.=3E",
-          "kvx.7500.=.s.>.A", "kvx.7500.=.s.a b", "kvx.7500.=.w.A", "kvx.7500.=.w.*",
-          "kvx.7500.=.c.all"}) {
+    for (const char* engine : {"",
+                               "kvx.7500.=.s",
+                               "kvx.7500.=.s.",
+                               "kvx.7500.=.s.A..B",
+                               "kvx.7501.=.s.A",
+                               "kvx.7500.=.s.=41",
+                               "kvx.7500.=.s.=2e",
+                               "kvx.7500.=.s.=2E",
+                               "kvx.7500.=.s.=00",
+                               "kvx.7500.=.s.=",
+                               "kvx.7500.=.s.=4",
+                               "kvx.7500.=.s.=2A",
+                               "kvx.7500.=.s.A.=3E",
+                               "kvx.7500.=.s.>.A",
+                               "kvx.7500.=.s.a b",
+                               "kvx.7500.=.w.A",
+                               "kvx.7500.=.w.*",
+                               "kvx.7500.=.d",
+                               "kvx.7500.=.d.h",
+                               "kvx.7500.=.d.h.",
+                               "kvx.7500.=.d.h.=2A",
+                               "kvx.7500.=.c.all"}) {
         EXPECT_FALSE(space.subjectOf(engine)) << engine;
     }
     const std::string tooLong = "kvx.7500.=.s." + std::string(251, 'a');
@@ -86,6 +106,32 @@ TEST(Frames, CollectWhatFollowsAndCutWhatIsLarge) {
     EXPECT_EQ(at, large.size());
 }
 
+TEST(Frames, HoldRunsOnSeveralSubjects) {
+    FrameWriter writer("h", 7, FrameWriter::kLeastLimit);
+    writer.setKnowledge(77);
+    ASSERT_TRUE(writer.append({1, 5, 1}, Octets{1}));
+    EXPECT_FALSE(writer.appendRun(subject("B"), {3, 6, 1}, {})) << "a message is between";
+    ASSERT_TRUE(writer.appendRun(subject("B"), {2, 6, 8}, Octets{2}));
+    ASSERT_TRUE(writer.append({3, 6, 9}, Octets{3}));
+    EXPECT_FALSE(writer.appendRun(subject("A"), {4, 5, 2}, Octets(4'000, 'x'))) << "full";
+    ASSERT_TRUE(writer.appendRun(subject("A"), {4, 5, 2}, Octets{4}));
+    const Octets bytes = copyOf(writer.open());
+    auto frame = readFrame(bytes);
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(frame->knowledge, 77U);
+    std::ostringstream seen;
+    const Subject first = subject("A");
+    SubjectView on = first;
+    do {
+        seen << on.text() << ' ' << frame->first.sequence << '/' << frame->first.keyEpoch << '/'
+             << frame->first.number << ':';
+        FrameMessages messages(*frame);
+        for (Bytes message; messages.next(message);) seen << ' ' << int{message[0]};
+        seen << "; ";
+    } while (nextRun(*frame, on));
+    EXPECT_EQ(seen.str(), "A 1/5/1: 1; B 2/6/8: 2 3; A 4/5/2: 4; ");
+}
+
 TEST(Frames, AreReadWholeOrNotAtAll) {
     FrameWriter writer("host", 7);
     ASSERT_TRUE(writer.append({1, 1, 1}, Octets{1, 2, 3}));
@@ -93,6 +139,11 @@ TEST(Frames, AreReadWholeOrNotAtAll) {
     Octets bytes = copyOf(writer.open());
     for (std::size_t size = 0; size < bytes.size(); ++size) {
         EXPECT_FALSE(readFrame(Bytes(bytes).first(size))) << size;
+    }
+    ASSERT_TRUE(writer.appendRun(subject("B"), {3, 6, 1}, Octets{5}));
+    const Octets runs = copyOf(writer.open());
+    for (std::size_t size = 0; size < runs.size(); ++size) {
+        EXPECT_FALSE(readFrame(Bytes(runs).first(size))) << size;
     }
     bytes.push_back(0);
     EXPECT_FALSE(readFrame(bytes)) << "a byte left over";
@@ -123,6 +174,16 @@ TEST(BridgePage, ShowsFramesAsTheyAreEncoded) {
     ASSERT_EQ(data.code, 0);
     ASSERT_TRUE(writer.append({9, 2, 4}, data.message.view()));
     EXPECT_EQ(documented("data"), copyOf(writer.open()));
+    Octets first = documented("data");
+    first.resize(first.size() + sizeof(std::uint64_t));
+    writer.clear();
+    writer.setKnowledge(0x1122334455667788);
+    ASSERT_TRUE(writer.append({9, 2, 4}, data.message.view()));
+    ASSERT_TRUE(writer.appendRun(subject("A"), {10, 3, 1}, data.message.view()));
+    const Octets runs = copyOf(writer.open());
+    const Bytes second = Bytes(runs).subspan(first.size(), runs.size() - first.size() - 50);
+    EXPECT_EQ(documented("runs"), copyOf(second));
+    writer.setKnowledge(std::nullopt);
     writer.clear();
     EXPECT_EQ(documented("mark"), copyOf(writer.mark({10, 2, 5}, LossCause::EngineGone)));
     const std::string_view subjectBytes(static_cast<const char*>(news.view().data()),

@@ -207,6 +207,39 @@ TEST(ManyHosts, InATriangleEverybodyHearsEverythingOnce) {
     }
 }
 
+TEST(ManyHosts, NobodyIsToldOfALossWhileOthersComeAndGo) {
+    NatsServer nats;
+    Host berlin("berlin", nats.url());
+    Host paris("paris", nats.url());
+    Host rome("rome", nats.url());
+    Host oslo("oslo", nats.url());
+    RawClient listener = paris.listener({"S.*"});
+    berlin.awaitInterest({{"paris", 1}});
+    RawClient sender = berlin.session();
+    static_cast<void>(rome.session());
+    static_cast<void>(oslo.session());
+    std::atomic<bool> isSent = false;
+    std::thread sending([&] {
+        for (int i = 0; i < 40'000; ++i) {
+            sender.publish("S." + std::to_string(i % 7), std::to_string(i));
+        }
+        isSent = true;
+    });
+    // While one leaves, another joins, of whom the sender's bridge does not know yet.
+    std::optional<RawClient> last;
+    for (int i = 0; !isSent; ++i) {
+        RawClient next = sessionAt(i % 2 == 0 ? rome.daemon() : oslo.daemon());
+        next.listen("S.*");
+        last.emplace(std::move(next));
+    }
+    sending.join();
+    for (int i = 0; i < 40'000; ++i) ASSERT_EQ(listener.expectText(), std::to_string(i));
+    for (Host* const host : {&paris, &rome, &oslo}) {
+        EXPECT_EQ(host->about("berlin")["lost"], Json::object());
+        EXPECT_GT(host->about("berlin")["in"]["messages"], 0);
+    }
+}
+
 TEST(ManyHosts, PassOnlyWhatIsExportedAndImported) {
     NatsServer nats;
     Host berlin("berlin", nats.url(), {"-export", "OUT.>", "-export", "END"});
