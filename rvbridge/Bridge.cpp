@@ -29,7 +29,6 @@ constexpr const char* kInterest = "_RVD.INTEREST";
 constexpr const char* kLost = "_RVD.LOST";
 constexpr const char* kHosts = "_RVD.HOSTS";
 constexpr std::size_t kControlHead = 1'024;  // bytes of a frame besides the payload, at most
-constexpr Microseconds kShared = Exchange::kSilence + Exchange::kBeat;  // see `Bridge::Route`
 constexpr int kMarksPerTick = 4'000;
 constexpr std::size_t kMaxUntold = 65'536;  // subjects
 static_assert(Engine::kLeastBytes >= FrameWriter::kLeastLimit);
@@ -90,11 +89,11 @@ Bridge::Bridge(rvevm_Manager manager, const Options& options, const SpaceName& s
       owner_(owner),
       daemon_(manager, options.daemon, space.service, space.network, *this),
       exchange_(identity, *this),
+      routes_(exchange_, randomNumber()),
       sender_(randomNumber()),
       receiver_(randomNumber(), *this),
       writer_(identity.host, identity.epoch),
-      control_(identity.host, identity.epoch),
-      routes_(randomNumber(), Sender::kMaxSubjects) {}
+      control_(identity.host, identity.epoch) {}
 
 Bridge::~Bridge() {
     if (turn_ != nullptr) rvevm_RemoveTimer(manager_, turn_);
@@ -202,7 +201,7 @@ void Bridge::hearDropped(Bytes message) {
         if (field.type == RVMSG_SUBJECT) subject = SubjectView::parse(field.data, field.size);
         if (field.type != RVMSG_UINT || field.size != sizeof(std::uint64_t) || !subject) continue;
         if (ControlMessage::isReserved(*subject) || !isWithin(options_.exports, *subject)) continue;
-        if (!routeOf(*subject).isWanted()) continue;
+        if (!routes_.find(*subject, now()).isWanted()) continue;
         sender_.skip(*subject, loadBig64(field.data), LossCause::QueueFull);
         sum += loadBig64(field.data);
     }
@@ -256,13 +255,10 @@ void Bridge::joinWhenComplete() {
 // ------------------------------------------------------------------ to the engine
 
 void Bridge::pass(SubjectView subject, Bytes message) {
-    Route& route = routeOf(subject);
+    Routes::Route& route = routes_.find(subject, now());
     if (!route.isWanted()) return;
-    for (Traffic* const traffic : route.traffic) {
-        ++traffic->messages;
-        traffic->bytes += message.size();
-    }
-    const std::string_view host = isDirect(route, subject) ? std::string_view(route.host) : "";
+    route.count(message.size());
+    const std::string_view host = route.direct();
     const bool isSame = subject.encoded() == run_;
     if (host != openHost_ || (!isSame && host.empty())) endFrame();
     if (sender_.hasDropped() && runs_.empty() && !sendMarksOfDropped()) {
@@ -296,41 +292,6 @@ bool Bridge::append(SubjectView subject, const MessageNumber& number, Bytes mess
     run_ = subject.encoded();
     runs_.emplace_back(run_, 1);
     return true;
-}
-
-Bridge::Route& Bridge::routeOf(SubjectView subject) {
-    Route* route = routes_.find(subject.encoded());
-    if (route == nullptr) {
-        if (routes_.isFull()) {
-            sharedUntil_ = std::max(sharedUntil_, routes_.oldest().second.sharedUntil);
-        }
-        route = &routes_.add(subject.encoded(), {});
-        route->sharedUntil = sharedUntil_;
-    }
-    if (route->interest != interest_) refresh(*route, subject);
-    return *route;
-}
-
-void Bridge::refresh(Route& route, SubjectView subject) {
-    route.interest = interest_;
-    route.traffic.clear();
-    exchange_.eachWanting(subject, [&](const std::string& host) {
-        Traffic* const traffic = &out_[host];
-        if (std::ranges::find(route.traffic, traffic) != route.traffic.end()) return;
-        route.traffic.push_back(traffic);
-        route.host = host;
-    });
-}
-
-bool Bridge::isDirect(Route& route, SubjectView subject) {
-    if (route.traffic.size() == 1 && route.sharedUntil == 0) return !subject.hasWildcards();
-    const Microseconds at = now();
-    if (route.traffic.size() == 1 && at >= route.sharedUntil) {
-        route.sharedUntil = 0;
-        return !subject.hasWildcards();
-    }
-    route.sharedUntil = at + kShared;
-    return false;
 }
 
 void Bridge::sendParts(SubjectView subject, const MessageNumber& number, Bytes message) {
@@ -468,7 +429,7 @@ void Bridge::hostUp(const HostState& host) {
 void Bridge::hostDown(const HostState& host) {
     log_.info("host " + host.name + " is gone");
     receiver_.hostDown(host.name, host.epoch);
-    ++interest_;
+    routes_.interestChanged();
 }
 
 void Bridge::refused(const std::string& reason) {
@@ -505,7 +466,7 @@ bool Bridge::onEngineMessage(std::string_view subject, Bytes bytes) {
         take(*frame, *at);
     } else if (frame && frame->kind == FrameKind::Control) {
         exchange_.receive(now(), *frame);
-        ++interest_;
+        routes_.interestChanged();
         endTurnSoon();
     } else {
         ++unreadable_;
@@ -523,12 +484,12 @@ void Bridge::take(Frame frame, SubjectView subject) {
     } while (nextRun(frame, subject));
 }
 
-// What the engine still delivers of a subscription that has ended is not counted any more. Messages
-// on wildcard subjects come to every bridge.
+// Not subscribed: what the engine still delivers of a subscription that has ended, and inboxes of
+// others by a pattern. Messages on wildcard subjects come to every bridge.
 bool Bridge::isSubscribedTo(SubjectView subject) {
     if (subject.hasWildcards()) return true;
     bool isFound = false;
-    (void)imported_.match(subject, SubjectMatch::kAny, [&isFound](Own&) {
+    (void)imported_.match(subject, deliveryMatch(subject), [&isFound](Own&) {
         isFound = true;
         return false;
     });
@@ -647,6 +608,7 @@ void Bridge::answerHosts(Bytes message) {
 
 // A JSON array with one object a host, this one first.
 std::string Bridge::hostsText() {
+    using Traffic = Routes::Traffic;
     using Json = nlohmann::ordered_json;
     Json hosts = Json::array();
     const auto traffic = [](std::uint64_t messages, std::uint64_t bytes) {
@@ -664,7 +626,7 @@ std::string Bridge::hostsText() {
     };
     exchange_.eachHost([&](const HostState& host) {
         const auto received = receiver_.received(host.name);
-        const Traffic sent = out_[host.name];
+        const Traffic sent = routes_.sentTo(host.name);
         const Losses lost = receiver_.losses(host.name);
         in.messages += received.messages;
         in.bytes += received.bytes;

@@ -15,6 +15,7 @@
 #include "rvbridge/Frame.h"
 #include "rvbridge/Ledger.h"
 #include "rvbridge/Options.h"
+#include "rvbridge/Routes.h"
 
 namespace kvx::bridge {
 
@@ -52,25 +53,11 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void tick();
 
   private:
-    struct Traffic {
-        std::uint64_t messages = 0;
-        std::uint64_t bytes = 0;
-    };
     // A subject of others, and what our daemon knows of it.
     struct Listen {
         bool isWanted = false;
         bool isSaid = false;
         bool isUnsaid = false;  // in `unsaid_`
-    };
-    // Where messages on a subject go. What one host wants goes to it directly. What several want is
-    // published on the subject, for a while after that too: the numbers on a subject are seen by
-    // all who have seen one of them, also by those of which we do not know yet that they listen.
-    struct Route {
-        std::uint64_t interest = 0;     // `interest_` when the rest was found
-        std::vector<Traffic*> traffic;  // of those who want it
-        std::string host;               // the only one
-        Microseconds sharedUntil = 0;
-        [[nodiscard]] bool isWanted() const { return !traffic.empty(); }
     };
     struct Own {
         unsigned snapshot = 0;  // the last one that has named it
@@ -124,9 +111,6 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     bool sendMarksOfDropped();
     void sendMarks();
     [[nodiscard]] bool publish(const std::string& subject, Bytes frame);
-    Route& routeOf(SubjectView subject);
-    void refresh(Route& route, SubjectView subject);
-    [[nodiscard]] bool isDirect(Route& route, SubjectView subject);
     [[nodiscard]] bool append(SubjectView subject, const MessageNumber& number, Bytes message);
 
     // Constant after construction.
@@ -139,6 +123,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
 
     DaemonLink daemon_;
     Exchange exchange_;
+    Routes routes_;
     Sender sender_;
     Receiver receiver_;
     FrameWriter writer_;    // of messages
@@ -162,10 +147,6 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     std::unordered_map<std::string, Listen> others_;  // what we listen to for other hosts
     std::deque<std::string> unsaid_;                  // of these, while the daemon has no room
 
-    RecentTable<Route> routes_;                        // by subject
-    std::uint64_t interest_ = 1;                       // grows with each change of what others want
-    Microseconds sharedUntil_ = 0;                     // of the routes that have left the table
-    std::map<std::string, Traffic, std::less<>> out_;  // by host; entries stay
     std::unordered_map<std::string, Losses> untold_;   // for which the daemon has no room
     std::uint64_t unreadable_ = 0;                     // since they were logged last
 };

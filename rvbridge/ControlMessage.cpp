@@ -80,7 +80,7 @@ bool ControlMessage::read(Bytes payload) {
             isGood = take64(reader, stamp);
             break;
         case kPong:
-            isGood = take64(reader, epoch) && take64(reader, stamp);
+            isGood = take64(reader, epoch) && take64(reader, stamp) && take64(reader, knowledge);
             break;
         case kMarks:
         case kMarked:

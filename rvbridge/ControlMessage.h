@@ -47,7 +47,8 @@ struct ControlMessage {
     std::uint64_t epoch = 0;  // ask, taken, pong, marks, marked: of whom it is meant for
     bool sameName = false;    // taken
     std::uint64_t stamp = 0;  // ping, pong
-    std::uint64_t after = 0;  // marks, marked: a sequence
+    std::uint64_t knowledge = 0;  // pong: `Exchange::knowledgeOf`
+    std::uint64_t after = 0;      // marks, marked: a sequence
 
     [[nodiscard]] bool hasState() const { return op == kHello || op == kBeat || op == kSnapshot; }
 

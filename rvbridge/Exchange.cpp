@@ -206,7 +206,6 @@ void Exchange::pingSome(Microseconds now) {
         Host& host = *at->second;
         pinged_ = at->first;
         host.pingedAt = now;
-        host.pingChange = change_;
         actions_.sendTo(at->first,
                         ControlPayload(ControlMessage::kPing).u64(static_cast<std::uint64_t>(now)));
     }
@@ -289,7 +288,10 @@ void Exchange::receive(Microseconds now, const Frame& frame) {
         takeSnapshot(now, *host, said);
     } else if (said.op == ControlMessage::kPing) {
         actions_.sendTo(frame.host,
-                        ControlPayload(ControlMessage::kPong).u64(frame.epoch).u64(said.stamp));
+                        ControlPayload(ControlMessage::kPong)
+                .u64(frame.epoch)
+                .u64(said.stamp)
+                .u64(knowledgeOf(frame.host)));
     } else if (said.op == ControlMessage::kPong && said.epoch == identity_.epoch) {
         takePong(now, *host, frame, said);
     } else if (said.op == ControlMessage::kMarks && said.epoch == identity_.epoch) {
@@ -344,6 +346,8 @@ Exchange::Host* Exchange::hostOf(Microseconds now, const Frame& frame, const Con
         host->pingedAt.reset();
         host->acks.clear();
         host->heard = {};
+        host->change = 0;
+        host->wasComplete = false;
     } else {
         if (hosts_.size() >= kMaxHosts) return nullptr;
         host = hosts_.emplace(frame.host, std::make_unique<Host>()).first->second.get();
@@ -370,7 +374,7 @@ void Exchange::setIncomplete(Microseconds now, Host& host) {
 
 void Exchange::setComplete(Host& host, std::uint64_t change) {
     host.change = change;
-    host.state.complete = true;
+    host.state.complete = host.wasComplete = true;
     host.askAt.reset();
     host.incoming.clear();
     host.incomingPart = 0;
@@ -461,8 +465,9 @@ void Exchange::takePong(Microseconds now, Host& host, const Frame& frame,
     host.state.roundTrip = now - *host.pingedAt;
     host.pingedAt.reset();
     // An older one of the same change says more.
-    if (!host.acks.empty() && host.acks.back().change == host.pingChange) return;
-    host.acks.push_back({host.pingChange, frame.first.keyEpoch});
+    const std::uint64_t change = said.knowledge - identity_.epoch;
+    if (change > change_ || (!host.acks.empty() && host.acks.back().change == change)) return;
+    host.acks.push_back({change, frame.first.keyEpoch});
     if (host.acks.size() > kMaxAcks) host.acks.pop_front();
 }
 
@@ -498,13 +503,8 @@ void Exchange::forget(Host& host) {
     actions_.hostDown(dead_.back().state);
 }
 
-SubjectMatch Exchange::howToMatch(SubjectView subject) {
-    if (subject.hasWildcards()) return SubjectMatch::kCovered;
-    return subject.first() == kInboxElement ? SubjectMatch::kLiteralRoot : SubjectMatch::kAny;
-}
-
 bool Exchange::wants(SubjectView subject) const {
-    return others_.match(subject, howToMatch(subject), [](Host&) { return false; }) != 0;
+    return others_.match(subject, deliveryMatch(subject), [](Host&) { return false; }) != 0;
 }
 
 bool Exchange::heardAllOf(std::string_view host, std::uint64_t epoch, std::uint32_t keyEpoch,
@@ -524,7 +524,7 @@ bool Exchange::isToldBy(std::uint64_t change, SubjectView subject) const {
     const auto own = own_.find(std::string(subject.encoded()));
     if (own != own_.end() && own->second.toldIn <= change) return true;
     bool isCovered = false;
-    ownPatterns_.match(subject, [&](const Own& pattern) {
+    ownPatterns_.match(subject, deliveryMatch(subject), [&](const Own& pattern) {
         isCovered = pattern.toldIn <= change;
         return !isCovered;
     });
@@ -533,7 +533,8 @@ bool Exchange::isToldBy(std::uint64_t change, SubjectView subject) const {
 
 std::uint64_t Exchange::knowledgeOf(std::string_view host) const {
     const auto at = hosts_.find(host);
-    return at == hosts_.end() ? 0 : at->second->state.epoch + at->second->change;
+    if (at == hosts_.end() || !at->second->wasComplete) return 0;
+    return at->second->state.epoch + at->second->change;
 }
 
 // The number says nothing of another epoch than ours: the sum is far off, as epochs are random.

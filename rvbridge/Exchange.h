@@ -128,7 +128,7 @@ class Exchange {
     /// Calls `visit(std::string_view host)` for each of them, possibly more than once.
     template <class Visit>
     void eachWanting(SubjectView subject, Visit&& visit) const {
-        others_.match(subject, howToMatch(subject), [&](Host& host) { visit(host.state.name); });
+        others_.match(subject, deliveryMatch(subject), [&](Host& host) { visit(host.state.name); });
     }
 
     /// Whether that bridge is known to have begun the key epoch after we had subscribed to what
@@ -162,7 +162,7 @@ class Exchange {
         std::uint64_t toldIn = 0;  // number of the change
         bool isOld = false;        // not yet confirmed by the snapshot in progress
     };
-    // A ping that came back: what we had told when it was sent, and the sender's newest key epoch.
+    // A pong: what its sender knew of us, and its newest key epoch then.
     struct Ack {
         std::uint64_t change = 0;
         std::uint32_t keyEpoch = 0;
@@ -185,18 +185,17 @@ class Exchange {
         Heard heard;
         Subjects subjects;
         std::uint64_t change = 0;  // the last one known
+        bool wasComplete = false;  // in this epoch
         std::uint64_t digest = 0;  // of `subjects`
         Microseconds heardAt = 0;
         std::optional<Microseconds> askAt;  // incomplete: when to ask next
         Subjects incoming;                  // of the snapshot whose parts are coming
         std::uint64_t incomingChange = 0;
         std::uint32_t incomingPart = 0;  // the next one
-        std::uint64_t pingChange = 0;    // what we had told when it was pinged
         std::optional<Microseconds> pingedAt;
         std::deque<Ack> acks;  // oldest first
     };
 
-    static SubjectMatch howToMatch(SubjectView subject);
     [[nodiscard]] bool isToldBy(std::uint64_t change, SubjectView subject) const;
     [[nodiscard]] bool isTalking() const { return stage_ == Stage::Joining || isReady(); }
     Microseconds jitter(Microseconds atLeast, Microseconds atMost);

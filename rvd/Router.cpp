@@ -81,11 +81,6 @@ std::string_view serviceOrDefault(std::string_view service) {
     return service.empty() ? std::string_view(wire::kDefaultService) : service;
 }
 
-SubjectMatch matchFor(SubjectView subject) {
-    if (subject.hasWildcards()) return SubjectMatch::kCovered;
-    return subject.first() == kInboxElement ? SubjectMatch::kLiteralRoot : SubjectMatch::kAny;
-}
-
 std::string randomText() {
     std::random_device random;
     std::string text;
@@ -386,7 +381,7 @@ struct Router::Match::OwnSearch {
 Router::Match::Match(Router& router, const Session& from, SubjectView subject)
     : router_(router),
       space_(from.space_),
-      how_(matchFor(subject)),
+      how_(deliveryMatch(subject)),
       isFromFollower_(from.follows()),
       number_(++router.matchNumber_),
       shared_(space_.tree, how_) {}

@@ -8,6 +8,12 @@
 
 namespace kvx {
 
+/// How the daemon finds the listens that a message on `subject` reaches.
+inline SubjectMatch deliveryMatch(SubjectView subject) {
+    if (subject.hasWildcards()) return SubjectMatch::kCovered;
+    return subject.first() == kInboxElement ? SubjectMatch::kLiteralRoot : SubjectMatch::kAny;
+}
+
 /// A subject tree: finds the subscriptions that match a subject.
 ///
 /// The subscriptions on a message's own subject cost one hash probe, whatever their number; those
