@@ -393,7 +393,9 @@ bool Node::message(SubjectView s, Bytes bytes) {
     lastFrom[sendingId] = place;
     Account& account = accountOf(sendingId, text);
     const std::uint64_t count = loadBig64(bytes.data() + 8);
-    if (count > account.coveredFrom) ++account.received;
+    // By another subscription a message may come that was published before this one began.
+    if (count <= account.coveredFrom) return true;
+    ++account.received;
     if (account.isKnown && account.from == ~std::uint64_t{0}) {
         account.from = count;
         account.toldBefore = account.told;
