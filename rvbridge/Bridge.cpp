@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "platform/Memory.h"
 #include "rv/message/rvmsg.h"
 #include "rv/wire/ControlMessage.h"
 #include "rvbridge/ControlMessage.h"
@@ -28,6 +29,8 @@ constexpr const char* kLost = "_RVD.LOST";
 constexpr const char* kHosts = "_RVD.HOSTS";
 constexpr std::size_t kControlHead = 1'024;  // bytes of a frame besides the payload, at most
 constexpr Microseconds kShared = Exchange::kSilence + Exchange::kBeat;  // see `Bridge::Route`
+constexpr std::size_t kSomeGone = 1'000;                                // subjects
+constexpr std::size_t kManyGone = 100'000;
 constexpr Microseconds kMarksApart = 2 * Exchange::kSecond;
 constexpr unsigned kRounds = 4;  // after a reconnect: the engine's nodes may find one another later
 
@@ -209,6 +212,7 @@ void Bridge::removeOwn(SubjectView subject) {
         (void)imported_.remove(subject, &found->second);
     }
     own_.erase(found);
+    ++gone_;
 }
 
 void Bridge::joinWhenComplete() {
@@ -371,6 +375,7 @@ void Bridge::listen(SubjectView subject) {
 
 void Bridge::cancel(SubjectView subject) {
     if (others_.erase(keyOf(subject)) == 0) return;
+    ++gone_;
     daemon_.cancel(subject);
     if (options_.isVerbose) log_.debug("nobody else listens to " + subject.text());
 }
@@ -496,6 +501,7 @@ bool Bridge::heardAllOf(const Frame& frame, SubjectView subject) {
 void Bridge::tick() {
     if (!hasStarted_) return;
     exchange_.tick(now());
+    returnMemory();
     const Microseconds at = now();
     if ((areMarksDue_ || roundsDue_ > 0) && isEngineUp_ && at - marksAt_ >= kMarksApart) {
         areMarksDue_ = false;
@@ -507,6 +513,17 @@ void Bridge::tick() {
         sendMarks();
     }
     endTurnSoon();
+}
+
+// The allocator keeps what many small blocks were freed from. The engine's thread frees its part a
+// little later.
+void Bridge::returnMemory() {
+    if (now() - lookedAt_ < Exchange::kBeat) return;
+    lookedAt_ = now();
+    const bool isQuiet = std::exchange(goneBefore_, gone_) == gone_;
+    if (gone_ < (isQuiet ? kSomeGone : kManyGone)) return;
+    gone_ = isQuiet ? 0 : kSomeGone;
+    platform::returnFreedMemory();
 }
 
 // ------------------------------------------------------------------ who is joined

@@ -109,6 +109,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void endFrame();
     void endTurnSoon();
     void endTurn();
+    void returnMemory();
     void sendMarks();
     bool sendMarksOfDropped();
     [[nodiscard]] bool publish(const std::string& subject, Bytes frame);
@@ -155,6 +156,9 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     std::uint64_t interest_ = 1;                       // grows with each change of what others want
     Microseconds sharedUntil_ = 0;                     // of the routes that have left the table
     std::map<std::string, Traffic, std::less<>> out_;  // by host; entries stay
+    std::size_t gone_ = 0;                             // subjects, since freed memory was returned
+    std::size_t goneBefore_ = 0;                       // the same, when last looked at
+    Microseconds lookedAt_ = 0;
     std::uint64_t unreadable_ = 0;
     std::uint64_t notTaken_ = 0;  // messages for which the link to the daemon had no room
 };
