@@ -315,6 +315,7 @@ void measure(long rounds, int requests, std::size_t messages, const std::string&
 // bench_hosts [rounds [requests [messages [text]]]]: only the lines of the table that have `text`
 // bench_hosts interest [subjects [rounds]]
 // bench_hosts joins [hosts]
+// bench_hosts choice
 int main(int argc, char** argv) {
     kvx::platform::keepFreedMemory();  // as in kvx, whose receiving side this is
     const auto argument = [argc, argv](int i, long otherwise) {
@@ -327,6 +328,8 @@ int main(int argc, char** argv) {
                                         static_cast<int>(argument(3, 2)));
         } else if (what == "joins") {
             kvx::bench::measureJoins(static_cast<std::size_t>(argument(2, 50)));
+        } else if (what == "choice") {
+            kvx::bench::measureChoice();
         } else {
             kvx::bench::measure(argument(1, 7), static_cast<int>(argument(2, 3'000)),
                                 static_cast<std::size_t>(argument(3, 200'000)),

@@ -9,6 +9,7 @@
 #include <memory>
 #include <thread>
 
+#include "bench/hosts/NatsEnd.h"
 #include "bench/hosts/Site.h"
 #include "rvbridge/Ledger.h"
 #include "tests/support/ProcessUsage.h"
@@ -331,6 +332,8 @@ void measureJoins(std::size_t hosts) {
         for (std::size_t s = 0; s < 10; ++s) listeners.back().listen(subjectOf(i * 100 + s));
         listeners.back().settle();
     }
+    NatsEnd spy(nats.url(), false);
+    spy.listen("kvx.>", 0);
     const auto begin = Clock::now();
     std::vector<std::unique_ptr<test::ChildProcess>> bridges;
     for (std::size_t i = 0; i < hosts; ++i) {
@@ -361,7 +364,15 @@ void measureJoins(std::size_t hosts) {
     std::printf("  %-44s %6.2f s\n", "processor time: all bridges", joined);
     std::printf("  %-44s %6.2f s\n", "processor time: nats-server", joinedNats);
 
+    std::printf("  %-44s %6zu of %zu bytes\n", "messages at the engine until then", spy.heard(),
+                spy.sum());
+    const std::size_t messages = spy.heard();
+    const std::size_t bytes = spy.sum();
     sleep(kRest);
+    std::printf(
+        "  %-44s %6.1f of %.0f bytes\n", "at rest: messages a second",
+        static_cast<double>(spy.heard() - messages) / kRest,
+        static_cast<double>(spy.sum() - bytes) / static_cast<double>(spy.heard() - messages));
     std::printf("  %-44s %6.2f ms a second\n", "at rest: each bridge",
                 (sum(cpu) - joined) / kRest / static_cast<double>(hosts) * 1e3);
     std::printf("  %-44s %6.2f ms a second\n", "at rest: nats-server",

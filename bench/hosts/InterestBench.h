@@ -11,4 +11,7 @@ void measureInterest(std::size_t subjects, int rounds);
 /// Prints what it costs when `hosts` hosts join one node of the engine at once.
 void measureJoins(std::size_t hosts);
 
+/// Prints what subscriptions and copies cost at the engine, without any of our own programs.
+void measureChoice();
+
 }  // namespace kvx::bench
