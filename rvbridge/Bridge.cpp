@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "platform/Memory.h"
 #include "rv/error/rvAdvisory.h"
 #include "rv/message/WireFormat.h"
 #include "rv/message/rvmsg.h"
@@ -29,6 +30,8 @@ constexpr const char* kInterest = "_RVD.INTEREST";
 constexpr const char* kLost = "_RVD.LOST";
 constexpr const char* kHosts = "_RVD.HOSTS";
 constexpr std::size_t kControlHead = 1'024;  // bytes of a frame besides the payload, at most
+constexpr std::size_t kSomeGone = 1'000;     // subjects
+constexpr std::size_t kManyGone = 100'000;
 constexpr int kMarksPerTick = 4'000;
 constexpr std::size_t kMaxUntold = 65'536;  // subjects
 static_assert(Engine::kLeastBytes >= FrameWriter::kLeastLimit);
@@ -244,6 +247,7 @@ void Bridge::removeOwn(SubjectView subject) {
         (void)imported_.remove(subject, &found->second);
     }
     own_.erase(found);
+    ++gone_;
 }
 
 void Bridge::joinWhenComplete() {
@@ -386,6 +390,7 @@ void Bridge::listen(SubjectView subject) {
 
 void Bridge::cancel(SubjectView subject) {
     want(subject, false);
+    ++gone_;
     if (options_.isVerbose) log_.debug("nobody else listens to " + subject.text());
 }
 
@@ -583,8 +588,20 @@ void Bridge::tick() {
         sender_.wantMarksOfQuiet();
     }
     exchange_.tick(at);
+    returnMemory();
     if (isEngineUp_) sendMarks();
     endTurnSoon();
+}
+
+// The allocator keeps what many small blocks were freed from. The engine's thread frees its part a
+// little later.
+void Bridge::returnMemory() {
+    if (now() - lookedAt_ < Exchange::kBeat) return;
+    lookedAt_ = now();
+    const bool isQuiet = std::exchange(goneBefore_, gone_) == gone_;
+    if (gone_ < (isQuiet ? kSomeGone : kManyGone)) return;
+    gone_ = isQuiet ? 0 : kSomeGone;
+    platform::returnFreedMemory();
 }
 
 // ------------------------------------------------------------------ who is joined

@@ -107,6 +107,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void endFrame();
     void endTurnSoon();
     void endTurn();
+    void returnMemory();
     bool sendMark();
     bool sendMarksOfDropped();
     void sendMarks();
@@ -147,8 +148,11 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     std::unordered_map<std::string, Listen> others_;  // what we listen to for other hosts
     std::deque<std::string> unsaid_;                  // of these, while the daemon has no room
 
-    std::unordered_map<std::string, Losses> untold_;   // for which the daemon has no room
-    std::uint64_t unreadable_ = 0;                     // since they were logged last
+    std::unordered_map<std::string, Losses> untold_;  // for which the daemon has no room
+    std::uint64_t unreadable_ = 0;                    // since they were logged last
+    std::size_t gone_ = 0;                            // subjects, since freed memory was returned
+    std::size_t goneBefore_ = 0;                      // the same, when last looked at
+    Microseconds lookedAt_ = 0;
 };
 
 }  // namespace kvx::bridge

@@ -43,10 +43,10 @@ struct ControlMessage {
     std::string_view daemon;
     std::uint32_t part = 0;
     bool isLast = false;
-    Bytes list;               // change, snapshot
-    std::uint64_t epoch = 0;  // ask, taken, pong, marks, marked: of whom it is meant for
-    bool sameName = false;    // taken
-    std::uint64_t stamp = 0;  // ping, pong
+    Bytes list;                   // change, snapshot
+    std::uint64_t epoch = 0;      // ask, taken, pong, marks, marked: of whom it is meant for
+    bool sameName = false;        // taken
+    std::uint64_t stamp = 0;      // ping, pong
     std::uint64_t knowledge = 0;  // pong: `Exchange::knowledgeOf`
     std::uint64_t after = 0;      // marks, marked: a sequence
 

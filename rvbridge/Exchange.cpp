@@ -287,11 +287,10 @@ void Exchange::receive(Microseconds now, const Frame& frame) {
     } else if (said.op == ControlMessage::kSnapshot) {
         takeSnapshot(now, *host, said);
     } else if (said.op == ControlMessage::kPing) {
-        actions_.sendTo(frame.host,
-                        ControlPayload(ControlMessage::kPong)
-                .u64(frame.epoch)
-                .u64(said.stamp)
-                .u64(knowledgeOf(frame.host)));
+        actions_.sendTo(frame.host, ControlPayload(ControlMessage::kPong)
+                                        .u64(frame.epoch)
+                                        .u64(said.stamp)
+                                        .u64(knowledgeOf(frame.host)));
     } else if (said.op == ControlMessage::kPong && said.epoch == identity_.epoch) {
         takePong(now, *host, frame, said);
     } else if (said.op == ControlMessage::kMarks && said.epoch == identity_.epoch) {

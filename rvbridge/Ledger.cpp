@@ -258,17 +258,18 @@ void Receiver::giveUp(Peer& peer) {
 bool Receiver::note(Peer& peer, const Frame& frame, SubjectView subject,
                     const MessageNumber& number, std::uint64_t count) {
     const std::string key = keyOf(peer.id, subject);
-    Expected* expected = expected_.find(key);
+    Expected* expected = find(key, subject);
     bool isKnown = expected != nullptr;
     if (!isKnown) {
         isKnown = isAfter(number.keyEpoch, peer.forgotten) && sink_.heardAllOf(frame, subject);
         if (!isKnown && !frame.mayBegin) return false;
         if (expected_.isFull()) drop(expected_.oldest().first, expected_.oldest().second);
-        expected = &expected_.add(key, {number.keyEpoch, isKnown ? 1 : number.number, faults_});
+        expected =
+            &expected_.add(key, {number.keyEpoch, isKnown ? 1 : number.number, faults_, forgets_});
     } else if (expected->keyEpoch != number.keyEpoch) {
         // A late mark of an earlier key epoch says nothing of this one.
         if (!isAfter(number.keyEpoch, expected->keyEpoch)) return true;
-        *expected = {number.keyEpoch, 1, expected->fault};
+        *expected = {number.keyEpoch, 1, expected->fault, forgets_};
     }
     const std::uint64_t missing =
         number.number > expected->number ? number.number - expected->number : 0;
@@ -309,21 +310,42 @@ void Receiver::forget(SubjectView pattern) {
     for (const auto& [age, peer] : unfinished_) {
         if (matches(pattern, SubjectView::trusted(peer->subject.data()))) peer->isUncounted = true;
     }
-    if (pattern.hasWildcards()) {
-        expected_.eraseIf([this, pattern](const std::string& key, const Expected& expected) {
-            if (!matches(pattern, SubjectView::trusted(key.data() + kIdBytes))) return false;
-            drop(key, expected);
-            return true;
-        });
-        return;
+    if (forgotten_.size() >= kMaxForgotten) dropForgotten();
+    const auto [at, isNew] = forgotten_.try_emplace(std::string(pattern.encoded()));
+    at->second = ++forgets_;
+    if (isNew) (void)forgottenTree_->add(pattern, &at->second);
+}
+
+void Receiver::dropForgotten() {
+    expected_.eraseIf([this](const std::string& key, const Expected& expected) {
+        if (!isForgotten(expected, SubjectView::trusted(key.data() + kIdBytes))) return false;
+        drop(key, expected);
+        return true;
+    });
+    forgottenTree_.emplace();
+    forgotten_.clear();
+}
+
+bool Receiver::isForgotten(const Expected& expected, SubjectView subject) const {
+    bool isFound = false;
+    forgottenTree_->match(subject, deliveryMatch(subject), [&](const std::uint64_t& forgets) {
+        isFound = forgets > expected.forgets;
+        return !isFound;
+    });
+    return isFound;
+}
+
+// What is expected on a subject; null when nothing is known.
+Receiver::Expected* Receiver::find(const std::string& key, SubjectView subject) {
+    Expected* const expected = expected_.find(key);
+    if (expected == nullptr || expected->forgets == forgets_) return expected;
+    if (isForgotten(*expected, subject)) {
+        drop(key, *expected);
+        expected_.erase(key);
+        return nullptr;
     }
-    for (const auto& [id, peer] : byId_) {
-        const std::string key = keyOf(id, pattern);
-        if (const Expected* const expected = expected_.find(key)) {
-            drop(key, *expected);
-            expected_.erase(key);
-        }
-    }
+    expected->forgets = forgets_;
+    return expected;
 }
 
 // An entry leaves the table: what began no later may have been seen before.

@@ -6,12 +6,14 @@
 #include <iterator>
 #include <list>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
 
 #include "rv/message/SubjectHash.h"
+#include "rv/message/SubjectTree.h"
 #include "rv/message/SubjectView.h"
 #include "rv/wire/Buffer.h"
 #include "rvbridge/Frame.h"
@@ -186,6 +188,7 @@ class Receiver {
     static constexpr std::size_t kMaxSubjects = 262'144;        ///< of all hosts together
     static constexpr std::size_t kMaxHosts = 4'096;             ///< names and epochs
     static constexpr std::size_t kMaxUnfinished = 134'217'728;  ///< bytes, of all hosts together
+    static constexpr std::size_t kMaxForgotten = 65'536;        ///< patterns
 
     /// `seed`: random, of the hashes. `sink` must outlive this object.
     Receiver(std::uint64_t seed, ReceiverSink& sink, std::size_t maxSubjects = kMaxSubjects,
@@ -199,8 +202,7 @@ class Receiver {
     void fault(LossCause cause);
 
     /// Our subscription to `pattern` ends: what is expected on its subjects is unknown. Frames that
-    /// still come by it must not be taken. One lookup
-    /// a host without wildcards, else one comparison for each subject in the table.
+    /// still come by it must not be taken. Constant time, but once in `kMaxForgotten` calls.
     void forget(SubjectView pattern);
 
     /// That bridge has ended: its unfinished message is given up.
@@ -235,7 +237,8 @@ class Receiver {
     struct Expected {
         std::uint32_t keyEpoch = 0;
         std::uint64_t number = 0;
-        std::uint64_t fault = 0;  // `faults_` when last seen
+        std::uint64_t fault = 0;    // `faults_` when last seen
+        std::uint64_t forgets = 0;  // `forgets_` then
     };
 
     Peer& peerOf(std::string_view host, std::uint64_t epoch);
@@ -248,6 +251,9 @@ class Receiver {
     void deliver(Peer& peer, SubjectView subject, Bytes message);
     void lose(Peer& peer, SubjectView subject, std::uint64_t messages, LossCause cause);
     void giveUp(Peer& peer);
+    Expected* find(const std::string& key, SubjectView subject);
+    [[nodiscard]] bool isForgotten(const Expected& expected, SubjectView subject) const;
+    void dropForgotten();
     void drop(const std::string& key, const Expected& expected);
     wire::Buffer release(Peer& peer);
     void makeRoom(const Peer& keep, std::size_t more);
@@ -256,6 +262,10 @@ class Receiver {
     ReceiverSink& sink_;
     RecentTable<Peer> peers_;         // by epoch and host
     RecentTable<Expected> expected_;  // by the peer's id and the subject
+    // Patterns of which the subjects that have not been seen since are forgotten: `forgets_` then.
+    std::unordered_map<std::string, std::uint64_t> forgotten_;
+    std::optional<SubjectTree<std::uint64_t>> mutable forgottenTree_{std::in_place};  // the same
+    std::uint64_t forgets_ = 0;
     std::unordered_map<std::uint32_t, Peer*> byId_;
     std::uint32_t nextId_ = 1;
     std::map<std::uint64_t, Peer*> unfinished_;  // by age

@@ -26,6 +26,7 @@
 #include <numeric>
 #include <thread>
 
+#include "bench/hosts/InterestBench.h"
 #include "bench/hosts/NatsEnd.h"
 #include "bench/hosts/Site.h"
 #include "bench/relay/Figures.h"
@@ -259,6 +260,13 @@ class Register {
 };
 
 void measure(long rounds, int requests, std::size_t messages, const std::string& only) {
+    std::printf(
+        "# %ld rounds, contestants in turn; payloads of %zu bytes; %d requests one at a time;\n"
+        "# streams of %zu messages, nothing lost; clients are threads, all else processes, "
+        "loopback\n"
+        "# figures: median over the rounds; ratios: median of the rounds' ratios\n",
+        rounds, kPayload, requests, messages);
+    std::fflush(stdout);
     const test::NatsServer nearNode;
     const test::NatsServer farNode(&nearNode);
     const Site near("near", nearNode);
@@ -305,23 +313,28 @@ void measure(long rounds, int requests, std::size_t messages, const std::string&
 }  // namespace kvx::bench
 
 // bench_hosts [rounds [requests [messages [text]]]]: only the lines of the table that have `text`
+// bench_hosts interest [subjects [rounds]]
+// bench_hosts joins [hosts]
+// bench_hosts choice
 int main(int argc, char** argv) {
     kvx::platform::keepFreedMemory();  // as in kvx, whose receiving side this is
     const auto argument = [argc, argv](int i, long otherwise) {
         return argc > i ? std::strtol(argv[i], nullptr, 10) : otherwise;
     };
-    const long rounds = argument(1, 7);
-    const auto requests = static_cast<int>(argument(2, 3'000));
-    const auto messages = static_cast<std::size_t>(argument(3, 200'000));
-    std::printf(
-        "# %ld rounds, contestants in turn; payloads of %zu bytes; %d requests one at a time;\n"
-        "# streams of %zu messages, nothing lost; clients are threads, all else processes, "
-        "loopback\n"
-        "# figures: median over the rounds; ratios: median of the rounds' ratios\n",
-        rounds, kvx::bench::kPayload, requests, messages);
-    std::fflush(stdout);
+    const std::string what = argc > 1 ? argv[1] : "";
     try {
-        kvx::bench::measure(rounds, requests, messages, argc > 4 ? argv[4] : "");
+        if (what == "interest") {
+            kvx::bench::measureInterest(static_cast<std::size_t>(argument(2, 100'000)),
+                                        static_cast<int>(argument(3, 2)));
+        } else if (what == "joins") {
+            kvx::bench::measureJoins(static_cast<std::size_t>(argument(2, 50)));
+        } else if (what == "choice") {
+            kvx::bench::measureChoice();
+        } else {
+            kvx::bench::measure(argument(1, 7), static_cast<int>(argument(2, 3'000)),
+                                static_cast<std::size_t>(argument(3, 200'000)),
+                                argc > 4 ? argv[4] : "");
+        }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "bench_hosts: %s\n", error.what());
         return 1;

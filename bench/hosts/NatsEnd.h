@@ -2,9 +2,11 @@
 
 #include <nats/nats.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
@@ -48,7 +50,7 @@ class NatsEnd {
                                          this));
         flush();
     }
-    /// Counts what comes on `pattern` with `bytes` bytes, without limit.
+    /// Counts what comes on `pattern` with `bytes` bytes, 0 for any number, without limit.
     void listen(const std::string& pattern, int bytes) {
         bytes_ = bytes;
         require(natsConnection_Subscribe(&subscription_, connection_, pattern.c_str(), onMessage,
@@ -56,6 +58,13 @@ class NatsEnd {
         require(natsSubscription_SetPendingLimits(subscription_, -1, -1));
         flush();
     }
+    /// How many have come.
+    [[nodiscard]] std::size_t heard() {
+        const std::lock_guard lock(mutex_);
+        return heard_;
+    }
+    /// The bytes of all that has come, and of its subjects.
+    [[nodiscard]] std::size_t sum() const { return sum_; }
     /// Whether anything has come, of whatever length.
     [[nodiscard]] bool isReached() {
         const std::lock_guard lock(mutex_);
@@ -78,7 +87,9 @@ class NatsEnd {
     }
     static void onMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
         NatsEnd& self = *static_cast<NatsEnd*>(closure);
-        const bool isCounted = natsMsg_GetDataLength(message) == self.bytes_;
+        const int length = natsMsg_GetDataLength(message);
+        const bool isCounted = self.bytes_ == 0 || length == self.bytes_;
+        self.sum_ += static_cast<std::size_t>(length) + std::strlen(natsMsg_GetSubject(message));
         natsMsg_Destroy(message);
         const std::lock_guard lock(self.mutex_);
         self.isReached_ = true;
@@ -91,6 +102,7 @@ class NatsEnd {
     std::mutex mutex_;
     std::condition_variable changed_;
     int bytes_ = 0;
+    std::atomic<std::size_t> sum_ = 0;
     bool isReached_ = false;
     std::size_t heard_ = 0;
     std::size_t awaited_ = 0;

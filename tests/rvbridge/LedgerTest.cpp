@@ -86,6 +86,20 @@ TEST_F(Ledger, KnowsWhatIsExpectedOnlyWhileSubscribed) {
     EXPECT_EQ(takeMessages({45, 2, 12}, 1), Seen{"message 10"}) << "it was not known by the first";
 }
 
+TEST_F(Ledger, ForgetsAsManySubjectsAsItLikesAndNoOthers) {
+    const auto forgetMany = [this] {
+        for (std::size_t i = 0; i <= Receiver::kMaxForgotten; ++i) {
+            receiver.forget(*Subject::fromText(("B." + std::to_string(i)).c_str()));
+        }
+    };
+    takeMessages({1, 1, 1}, 1);
+    forgetMany();
+    EXPECT_EQ(takeMessages({5, 1, 3}, 1), (Seen{"h A 1 engine", "message 10"}));
+    receiver.forget(*Subject::fromText(">"));
+    forgetMany();
+    EXPECT_EQ(takeMessages({9, 1, 9}, 1), Seen{"message 10"});
+}
+
 TEST_F(Ledger, PutsPartsTogether) {
     const MessageNumber number{1, 1, 1};
     EXPECT_EQ(takePart(writer, number, 0), Seen{});

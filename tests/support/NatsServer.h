@@ -24,6 +24,8 @@ class NatsServer {
     [[nodiscard]] const std::string& port() const { return port_; }
     [[nodiscard]] std::string url() const { return "nats://127.0.0.1:" + port_; }
 
+    [[nodiscard]] pid_t pid() const { return process_->pid(); }
+
     /// SIGKILL.
     void kill() {
         process_->kill(SIGKILL);
