@@ -125,7 +125,8 @@ inline std::uint64_t lossIn(const Received& notice) {
 /// Numbered messages on three subjects, from one host to another where nobody listens yet.
 class Stream {
   public:
-    Stream(Host& from, Host& to) : listener_(to.listener({"S.*"})), sender_(from.session()) {
+    Stream(Host& from, Host& to)
+        : to_(to.name() + '.'), listener_(to.listener({to_ + '*'})), sender_(from.session()) {
         from.awaitInterest({{to.name(), 1}});
         send(3);  // a subject counts from its first message on
         for (const char* text : {"0", "1", "2"}) EXPECT_EQ(listener_.expectText(), text);
@@ -136,7 +137,7 @@ class Stream {
         for (; count > 0; --count, ++sent_) {
             std::string text = std::to_string(sent_);
             if (text.size() < bytes) text.append(bytes - text.size(), ' ');
-            sender_.publish("S." + std::to_string(sent_ % 3), text);
+            sender_.publish(to_ + std::to_string(sent_ % 3), text);
         }
     }
     /// Hears each message once in order, or of its loss.
@@ -167,10 +168,11 @@ class Stream {
         last_ = std::stoi(next.text);
     }
     void expectNothingMore() {
-        sender_.publish("S.0", "end");
+        sender_.publish(to_ + '0', "end");
         EXPECT_EQ(textsToTheEnd(listener_), Texts{});
     }
 
+    const std::string to_;
     RawClient listener_;
     RawClient sender_;
     std::uint64_t sent_ = 0;

@@ -1,7 +1,9 @@
 // Hosts whose servers die and whose lines are bad: what was sent meanwhile is heard once, in order,
 // or told as lost, and afterwards everybody hears everybody.
 
+#include "tests/support/EnvironmentVariable.h"
 #include "tests/support/LinkProxy.h"
+#include "tests/support/Sanitizer.h"
 #include "tests/system/Hosts.h"
 
 namespace kvx::test {
@@ -82,6 +84,15 @@ TEST_P(Lines, ThatAreCutForAWhileLoseNothingUntold) {
     stream_.expectHeardOrTold();
 }
 
+TEST_P(Lines, ThatAreCutForAWhileHoldWhatABridgeHasRoomFor) {
+    each([](LinkProxy& line) { line.cut(); });
+    stream_.send(100, 1'000'000);
+    each([](LinkProxy& line) { line.restore(); });
+    stream_.expectHeardOrTold();
+    const char* const cause = GetParam().ofSender ? "queue full" : "engine gone";
+    EXPECT_GT(paris_.about("berlin")["lost"].value(cause, 0), 0);
+}
+
 TEST_P(Lines, ThatAreSlowLoseNothing) {
     each([](LinkProxy& line) { line.throttle(20'000); });
     stream_.send(3'000, 1'000);
@@ -107,6 +118,131 @@ TEST_P(Lines, ThatAreStalledAreForgottenAndThenAsBefore) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Hosts, Lines, testing::Values(BadLine{true, false}, BadLine{false, true}));
+
+// The line between two servers of NATS, each of them with a host.
+class Route : public testing::Test {
+  protected:
+    NatsServer first_;
+    LinkProxy line_{first_.clusterPort()};
+    NatsServer second_{line_.port()};
+    Host berlin_{"berlin", first_.url()};
+    Host paris_{"paris", second_.url()};
+
+    void expectBothForget() {
+        berlin_.awaitGone("paris");
+        paris_.awaitGone("berlin");
+    }
+    void awaitRoute() {
+        EXPECT_TRUE(eventually([&] { return line_.connections() > 0; }));
+    }
+};
+
+TEST_F(Route, ThatIsCutForAWhileLosesNothingUntold) {
+    Stream stream(berlin_, paris_);
+    Stream back(paris_, berlin_);
+    stream.send(1'000);
+    line_.cut();
+    stream.send(1'000);
+    back.send(1'000);
+    EXPECT_TRUE(eventually([&] { return line_.connections() == 0; }));
+    for (Stream* each : {&stream, &back}) each->send(1'000);
+    line_.restore();
+    awaitRoute();
+    for (Stream* each : {&stream, &back}) {
+        each->send(1'000);
+        each->expectHeardOrTold();
+        EXPECT_GT(each->told(), 0U);
+    }
+}
+
+TEST_F(Route, ThatIsSlowLosesNothing) {
+    Stream stream(berlin_, paris_);
+    line_.throttle(20'000);
+    stream.send(3'000, 1'000);
+    stream.expectHeardOrTold();
+    EXPECT_EQ(stream.told(), 0U);
+}
+
+TEST_F(Route, ThatIsStalledIsAsBeforeWhenItFlows) {
+    Stream stream(berlin_, paris_);
+    line_.stall();
+    stream.send(1'000, 1'000);
+    expectBothForget();
+    stream.send(1'000, 1'000);
+    line_.restore();
+    berlin_.awaitInterest({{"paris", 1}});
+    paris_.awaitInterest({{"berlin", 0}});
+    stream.expectHeardOrLost();
+}
+
+TEST(Servers, ThatAllDieLoseNothingUntold) {
+    NatsServer first;
+    NatsServer second(&first);
+    Host berlin("berlin", first.url() + ',' + second.url());
+    Host paris("paris", second.url() + ',' + first.url());
+    Stream stream(berlin, paris);
+    Stream back(paris, berlin);
+    stream.send(1'000);
+    for (NatsServer* server : {&first, &second}) server->kill();
+    for (Stream* each : {&stream, &back}) each->send(1'000);
+    for (NatsServer* server : {&first, &second}) server->restart();
+    for (Host* host : {&berlin, &paris}) EXPECT_TRUE(awaitConnections(*host, 2));
+    for (Stream* each : {&stream, &back}) each->expectHeardOrTold();
+}
+
+TEST(Clocks, ThatAreAnHourApartChangeNothing) {
+    if (kIsWatched) GTEST_SKIP() << "the sanitizer must be loaded before the library";
+    NatsServer nats;
+    std::optional<Host> paris;
+    {
+        const EnvironmentVariable library("LD_PRELOAD", "/usr/$LIB/faketime/libfaketime.so.1");
+        const EnvironmentVariable ahead("FAKETIME", "+1h");
+        paris.emplace("paris", nats.url());
+    }
+    Host berlin("berlin", nats.url());
+    Stream stream(berlin, *paris);
+    Stream back(*paris, berlin);
+    nats.restart();
+    for (Stream* each : {&stream, &back}) each->send(1'000);
+    for (Stream* each : {&stream, &back}) each->expectHeardOrTold();
+    EXPECT_TRUE(eventually([&] { return berlin.about("paris")["rtt_us"].is_number(); }));
+    EXPECT_LT(berlin.about("paris")["rtt_us"], 10'000'000);
+    const auto hourOf = [](const Json& host) {
+        return std::stoi(host["since"].get<std::string>().substr(11));
+    };
+    EXPECT_NE(hourOf(berlin.about("paris")), hourOf(berlin.about("berlin"))) << "it is ahead";
+}
+
+// Members of one group, each with rows that name its host.
+TEST_F(Route, ThatIsCutLeavesAGroupOneActiveMemberASide) {
+    std::map<Host*, std::unique_ptr<ChildProcess>> members;
+    for (Host* host : {&berlin_, &paris_}) {
+        const std::string csv = host->bus().file("devices.csv", "name\n" + host->name() + '\n');
+        host->session();
+        members[host] = host->bus().start(
+            "modeld", {"--db", host->bus().path("model.db"), "--table", "devices", "--load", csv});
+        EXPECT_NE(members[host]->awaitError("standing by on"), "");
+        if (host == &berlin_) {
+            EXPECT_NE(members[host]->awaitError("answering on"), "");
+        }
+    }
+    const auto answerIn = [](Host& host) {
+        return host.bus()
+            .kvx({"query", "Model", "select name from devices", "--timeout", "30", "--csv"})
+            .output;
+    };
+    EXPECT_EQ(answerIn(berlin_) + answerIn(paris_), "name\nberlin\nname\nberlin\n");
+    line_.cut();
+    EXPECT_NE(members[&paris_]->awaitError("answering on"), "");
+    expectBothForget();
+    EXPECT_EQ(answerIn(berlin_) + answerIn(paris_), "name\nberlin\nname\nparis\n");
+    line_.restore();
+    EXPECT_TRUE(eventually([&] {
+        const std::string log = members[&paris_]->errors();
+        return log.rfind("standing by on") > log.rfind("answering on");
+    }));
+    EXPECT_EQ(answerIn(berlin_) + answerIn(paris_), "name\nberlin\nname\nberlin\n");
+}
 
 }  // namespace
 }  // namespace kvx::test
