@@ -63,18 +63,19 @@ class Host {
         return {{"subjects", -1}};
     }
     /// Waits until the daemon passes on what `count` subjects of each of these hosts want: the
-    /// bridge's answer in `service` leaves after its listens.
+    /// bridge's answer in `service` leaves after its listens. At most 10 s.
     void awaitInterest(const std::map<std::string, int>& hosts, const std::string& service = "") {
         RawClient asker = listener({"_RVD.ANSWER"}, service);
+        EXPECT_TRUE(eventually([&] { return isKnown(hosts, asker); }, 10s)) << bridge_->errors();
+    }
+    /// The same of all that the others' sessions listen to, whatever it is.
+    void awaitInterestOf(Host& other) {
+        RawClient asker = listener({"_RVD.ANSWER"});
+        RawClient there = other.listener({"_RVD.ANSWER"});
         EXPECT_TRUE(eventually(
             [&] {
-                asker.publish("_RVD.HOSTS", "", "_RVD.ANSWER");
-                std::size_t found = 0;
-                for (const Json& host : Json::parse(asker.expectText())) {
-                    const auto at = hosts.find(host["host"].get<std::string>());
-                    if (at != hosts.end() && host["subjects"] == at->second) ++found;
-                }
-                return found == hosts.size();
+                const int subjects = answer(there)[0]["subjects"];
+                return isKnown({{other.name_, subjects}}, asker);
             },
             10s))
             << bridge_->errors();
@@ -84,6 +85,20 @@ class Host {
     }
 
   private:
+    // What the bridge says of the hosts, its own first.
+    static Json answer(RawClient& asker) {
+        asker.publish("_RVD.HOSTS", "", "_RVD.ANSWER");
+        return Json::parse(asker.expectText());
+    }
+    static bool isKnown(const std::map<std::string, int>& hosts, RawClient& asker) {
+        std::size_t found = 0;
+        for (const Json& host : answer(asker)) {
+            const auto at = hosts.find(host["host"].get<std::string>());
+            if (at != hosts.end() && host["up"] == true && host["subjects"] == at->second) ++found;
+        }
+        return found == hosts.size();
+    }
+
     const std::string name_;
     Installation bus_;
     Texts options_;

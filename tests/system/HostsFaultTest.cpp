@@ -110,8 +110,8 @@ TEST_P(Lines, ThatAreStalledAreForgottenAndThenAsBefore) {
     EXPECT_TRUE(isHeardSoon(ownSender, ownListener)) << "each side goes on";
     stream_.send(1'000, 1'000);
     each([](LinkProxy& line) { line.restore(); });
-    berlin_.awaitInterest({{"paris", 1}});
-    paris_.awaitInterest({{"berlin", 1}});
+    berlin_.awaitInterestOf(paris_);
+    paris_.awaitInterestOf(berlin_);
     stream_.expectHeardOrLost();
     RawClient sender = paris_.session();
     EXPECT_TRUE(isHeardSoon(sender, ownListener)) << "and back";
@@ -170,8 +170,8 @@ TEST_F(Route, ThatIsStalledIsAsBeforeWhenItFlows) {
     expectBothForget();
     stream.send(1'000, 1'000);
     line_.restore();
-    berlin_.awaitInterest({{"paris", 1}});
-    paris_.awaitInterest({{"berlin", 0}});
+    berlin_.awaitInterestOf(paris_);
+    paris_.awaitInterestOf(berlin_);
     stream.expectHeardOrLost();
 }
 
@@ -241,6 +241,8 @@ TEST_F(Route, ThatIsCutLeavesAGroupOneActiveMemberASide) {
         const std::string log = members[&paris_]->errors();
         return log.rfind("standing by on") > log.rfind("answering on");
     }));
+    berlin_.awaitInterestOf(paris_);
+    paris_.awaitInterestOf(berlin_);
     EXPECT_EQ(answerIn(berlin_) + answerIn(paris_), "name\nberlin\nname\nberlin\n");
 }
 
