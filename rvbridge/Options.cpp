@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cstdio>
+#include <fstream>
+#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -19,8 +21,9 @@ namespace {
 
 constexpr int kFailureStatus = 1;
 constexpr int kUsageStatus = 2;
-constexpr std::size_t kLongestError = 600;  // bytes
-constexpr std::size_t kLongestHost = 64;    // bytes
+constexpr std::size_t kLongestError = 600;        // bytes
+constexpr std::size_t kLongestHost = 64;          // bytes
+constexpr std::size_t kMostCredentials = 65'536;  // bytes
 
 struct Texts {
     std::vector<std::string> engines;
@@ -67,9 +70,11 @@ void describe(CLI::App& app, Texts& texts, Options& options) {
     app.add_option("--ca", options.engine.ca, "File of the certificates to trust");
     CLI::Option* const certificate =
         app.add_option("--cert", options.engine.certificate, "File of this bridge's certificate");
-    app.add_option("--key", options.engine.key, "File of its key")->needs(certificate);
+    CLI::Option* const key =
+        app.add_option("--key", options.engine.key, "File of its key")->needs(certificate);
+    certificate->needs(key);
     app.add_option("--config", texts.configuration,
-                   "The daemon configuration file; default: $VEK_HOME's");
+                   "The daemon configuration file; default: $KVX_HOME's");
     app.add_flag("-v,--verbose", options.isVerbose, "Log every subject that comes and goes");
 }
 
@@ -89,6 +94,19 @@ int print(const std::string& text) {
 int refuse(const std::string& error) {
     complain(error);
     return kUsageStatus;
+}
+
+// nats://[user:password@]host[:port]
+bool isServer(const std::string& url) {
+    if (!url.starts_with("nats://") && !url.starts_with("tls://")) return false;
+    const auto secrets = url.rfind('@');
+    const std::string place =
+        url.substr(secrets == std::string::npos ? url.find("//") + 2 : secrets + 1);
+    const auto colon = place.rfind(':');
+    if (colon == std::string::npos || place.ends_with(']')) return !place.empty();
+    const std::string port = place.substr(colon + 1);
+    return colon > 0 && !port.empty() && port.size() <= 5 &&
+           port.find_first_not_of("0123456789") == std::string::npos && std::stoi(port) <= 65'535;
 }
 
 // The following return an empty text, or the error.
@@ -125,16 +143,31 @@ std::string takeHost(const std::string& text, std::string& host) {
     return {};
 }
 
+// The first `kMostCredentials` bytes; nothing when the file cannot be read.
+std::optional<std::string> headOf(const std::string& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::string text(kMostCredentials, '\0');
+    in.read(text.data(), static_cast<std::streamsize>(text.size()));
+    if (!in.is_open() || in.bad()) return std::nullopt;
+    text.resize(static_cast<std::size_t>(in.gcount()));
+    return text;
+}
+
 std::string takeFiles(const EngineSettings& engine) {
     for (const auto& [option, file] :
          {std::pair("-credentials", engine.credentials), std::pair("-ca", engine.ca),
           std::pair("-cert", engine.certificate), std::pair("-key", engine.key)}) {
-        if (file.empty()) continue;
-        std::FILE* const opened = std::fopen(file.c_str(), "re");
-        if (opened == nullptr) return std::string(option) + ": cannot read '" + file + "'";
-        std::fclose(opened);
+        if (!file.empty() && !headOf(file))
+            return std::string(option) + ": cannot read '" + file + "'";
     }
-    return {};
+    if (engine.credentials.empty()) return wrongIn(engine);
+    const auto text = headOf(engine.credentials);
+    for (const char* block : {"BEGIN NATS USER JWT", "BEGIN USER NKEY SEED"}) {
+        if (text->find(block) == std::string::npos) {
+            return "-credentials: '" + engine.credentials + "' has no " + block;
+        }
+    }
+    return wrongIn(engine);
 }
 
 std::string takeAddress(const Texts& texts, Options& options) {
@@ -169,7 +202,7 @@ std::string takeAddress(const Texts& texts, Options& options) {
 
 std::string evaluate(const Texts& texts, Options& options) {
     for (const auto& url : texts.engines) {
-        if (!url.starts_with("nats://") && !url.starts_with("tls://")) {
+        if (!isServer(url)) {
             return "-engine: '" + withoutSecrets(url) + "' is no nats://host:port";
         }
     }

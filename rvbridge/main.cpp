@@ -2,6 +2,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Clock.h"
@@ -76,6 +77,7 @@ class Program final : public EngineOwner, public BridgeOwner {
 
     void onEngineUp() override {
         lastWhy_.clear();
+        isForbidden_ = false;
         log_.info("the engine is there");
         for (auto& bridge : bridges_) bridge->onEngineUp();
     }
@@ -84,6 +86,10 @@ class Program final : public EngineOwner, public BridgeOwner {
         if (lastWhy_ != why) log_.warning("no engine: " + why);
         lastWhy_ = why;
         for (auto& bridge : bridges_) bridge->onEngineDown();
+    }
+    // Once a connection: it happens for each subject.
+    void onEngineForbids(const std::string& what) override {
+        if (!std::exchange(isForbidden_, true)) log_.warning("the engine forbids: " + what);
     }
     void onEngineMessage(std::string_view subject, kvx::wire::Bytes bytes) override {
         for (auto& bridge : bridges_) {
@@ -112,6 +118,7 @@ class Program final : public EngineOwner, public BridgeOwner {
     std::vector<std::unique_ptr<Bridge>> bridges_;
     std::size_t ready_ = 0;
     std::string lastWhy_;
+    bool isForbidden_ = false;
     int status_ = 0;
 };
 

@@ -39,6 +39,11 @@ class NatsServer {
         kill();
         start();
     }
+    /// With other options.
+    void restart(std::vector<std::string> options) {
+        options_ = std::move(options);
+        restart();
+    }
 
   private:
     void start() {
@@ -81,7 +86,7 @@ class NatsServer {
     }
 
     const std::string routes_;
-    const std::vector<std::string> options_;
+    std::vector<std::string> options_;
     TemporaryDirectory directory_;
     std::optional<ChildProcess> process_;
     std::string port_ = "-1";

@@ -182,7 +182,13 @@ TEST(Bridge, RefusesWrongOptionsAndWaitsForItsEngineWithoutTellingSecrets) {
                                                  {"-engine", url, "-export", "A..B"},
                                                  {"-engine", url, "-import", ""},
                                                  {"-engine", url, "-key", "/dev/null"},
+                                                 {"-engine", url, "-cert", "/dev/null"},
                                                  {"-engine", url, "-ca", "/nowhere"},
+                                                 {"-engine", url, "-ca", "/dev/null"},
+                                                 {"-engine", url, "-credentials", "/"},
+                                                 {"-engine", url, "-credentials", "/dev/zero"},
+                                                 {"-engine", url + ",nats://:4222"},
+                                                 {"-engine", url + ",tls://h:x"},
                                                  {"-engine", url, "-host", "a\nb"}}) {
         ChildProcess bridge(kBridge, wrong);
         EXPECT_TRUE(eventually([&] { return !bridge.isRunning(); }, 10s));
