@@ -80,6 +80,26 @@ class Host {
             10s))
             << bridge_->errors();
     }
+    /// Both know what the other wants.
+    static void awaitInterestOfBoth(Host& one, Host& other) {
+        one.awaitInterestOf(other);
+        other.awaitInterestOf(one);
+    }
+    /// A member of a group, whose only row names this host, once it stands by.
+    std::unique_ptr<ChildProcess> startMember() {
+        session();
+        const std::string csv = bus_.file("devices.csv", "name\n" + name_ + '\n');
+        auto member = bus_.start(
+            "modeld", {"--db", bus_.path("model.db"), "--table", "devices", "--load", csv});
+        EXPECT_NE(member->awaitError("standing by on"), "") << member->errors();
+        return member;
+    }
+    /// The rows that the group answers here.
+    std::string ask() {
+        const Ended ended =
+            bus_.kvx({"query", "Model", "select name from devices", "--timeout", "30", "--csv"});
+        return ended.status == 0 ? ended.output.substr(sizeof "name") : ended.errors;
+    }
     void awaitGone(const std::string& host) {
         EXPECT_TRUE(eventually([&] { return about(host)["up"] == false; })) << bridge_->errors();
     }
@@ -194,6 +214,13 @@ class Stream {
     std::uint64_t heard_ = 3;
     std::uint64_t told_ = 0;
     int last_ = 2;
+};
+
+class TwoHosts : public testing::Test {
+  protected:
+    NatsServer nats_;
+    Host berlin_{"berlin", nats_.url()};
+    Host paris_{"paris", nats_.url()};
 };
 
 }  // namespace kvx::test

@@ -110,8 +110,7 @@ TEST_P(Lines, ThatAreStalledAreForgottenAndThenAsBefore) {
     EXPECT_TRUE(isHeardSoon(ownSender, ownListener)) << "each side goes on";
     stream_.send(1'000, 1'000);
     each([](LinkProxy& line) { line.restore(); });
-    berlin_.awaitInterestOf(paris_);
-    paris_.awaitInterestOf(berlin_);
+    Host::awaitInterestOfBoth(berlin_, paris_);
     stream_.expectHeardOrLost();
     RawClient sender = paris_.session();
     EXPECT_TRUE(isHeardSoon(sender, ownListener)) << "and back";
@@ -170,8 +169,7 @@ TEST_F(Route, ThatIsStalledIsAsBeforeWhenItFlows) {
     expectBothForget();
     stream.send(1'000, 1'000);
     line_.restore();
-    berlin_.awaitInterestOf(paris_);
-    paris_.awaitInterestOf(berlin_);
+    Host::awaitInterestOfBoth(berlin_, paris_);
     stream.expectHeardOrLost();
 }
 
@@ -213,37 +211,22 @@ TEST(Clocks, ThatAreAnHourApartChangeNothing) {
     EXPECT_NE(hourOf(berlin.about("paris")), hourOf(berlin.about("berlin"))) << "it is ahead";
 }
 
-// Members of one group, each with rows that name its host.
 TEST_F(Route, ThatIsCutLeavesAGroupOneActiveMemberASide) {
-    std::map<Host*, std::unique_ptr<ChildProcess>> members;
-    for (Host* host : {&berlin_, &paris_}) {
-        const std::string csv = host->bus().file("devices.csv", "name\n" + host->name() + '\n');
-        host->session();
-        members[host] = host->bus().start(
-            "modeld", {"--db", host->bus().path("model.db"), "--table", "devices", "--load", csv});
-        EXPECT_NE(members[host]->awaitError("standing by on"), "");
-        if (host == &berlin_) {
-            EXPECT_NE(members[host]->awaitError("answering on"), "");
-        }
-    }
-    const auto answerIn = [](Host& host) {
-        return host.bus()
-            .kvx({"query", "Model", "select name from devices", "--timeout", "30", "--csv"})
-            .output;
-    };
-    EXPECT_EQ(answerIn(berlin_) + answerIn(paris_), "name\nberlin\nname\nberlin\n");
+    const auto inBerlin = berlin_.startMember();
+    EXPECT_NE(inBerlin->awaitError("answering on"), "");
+    const auto inParis = paris_.startMember();
+    EXPECT_EQ(berlin_.ask() + paris_.ask(), "berlin\nberlin\n");
     line_.cut();
-    EXPECT_NE(members[&paris_]->awaitError("answering on"), "");
+    EXPECT_NE(inParis->awaitError("answering on"), "");
     expectBothForget();
-    EXPECT_EQ(answerIn(berlin_) + answerIn(paris_), "name\nberlin\nname\nparis\n");
+    EXPECT_EQ(berlin_.ask() + paris_.ask(), "berlin\nparis\n");
     line_.restore();
     EXPECT_TRUE(eventually([&] {
-        const std::string log = members[&paris_]->errors();
+        const std::string log = inParis->errors();
         return log.rfind("standing by on") > log.rfind("answering on");
     }));
-    berlin_.awaitInterestOf(paris_);
-    paris_.awaitInterestOf(berlin_);
-    EXPECT_EQ(answerIn(berlin_) + answerIn(paris_), "name\nberlin\nname\nberlin\n");
+    Host::awaitInterestOfBoth(berlin_, paris_);
+    EXPECT_EQ(berlin_.ask() + paris_.ask(), "berlin\nberlin\n");
 }
 
 }  // namespace

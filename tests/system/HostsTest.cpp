@@ -5,13 +5,6 @@
 namespace kvx::test {
 namespace {
 
-class TwoHosts : public testing::Test {
-  protected:
-    NatsServer nats_;
-    Host berlin_{"berlin", nats_.url()};
-    Host paris_{"paris", nats_.url()};
-};
-
 TEST_F(TwoHosts, QuestionsAnswersAndEachMessageOnceInOrder) {
     RawClient service = berlin_.listener({"ASK.>"});
     paris_.awaitInterest({{"berlin", 1}});
