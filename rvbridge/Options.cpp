@@ -10,7 +10,7 @@
 
 #include "mom/config/CVekRvdCfgParser.h"
 #include "mom/config/ReadConfiguration.h"
-#include "platform/File.h"
+#include "platform/CommandLine.h"
 #include "platform/Socket.h"
 #include "platform/Text.h"
 #include "rv/wire/Limits.h"
@@ -19,9 +19,7 @@ namespace kvx::bridge {
 
 namespace {
 
-constexpr int kFailureStatus = 1;
-constexpr int kUsageStatus = 2;
-constexpr std::size_t kLongestError = 600;        // bytes
+constexpr const char* kProgram = "rvbridge";
 constexpr std::size_t kLongestHost = 64;          // bytes
 constexpr std::size_t kMostCredentials = 65'536;  // bytes
 
@@ -76,24 +74,6 @@ void describe(CLI::App& app, Texts& texts, Options& options) {
     app.add_option("--config", texts.configuration,
                    "The daemon configuration file; default: $KVX_HOME's");
     app.add_flag("-v,--verbose", options.isVerbose, "Log every subject that comes and goes");
-}
-
-void complain(const std::string& error) {
-    const std::string line = "rvbridge: " + shortened(printable(error), kLongestError) + '\n';
-    std::fwrite(line.data(), 1, line.size(), stderr);
-}
-
-// Return the exit status.
-int print(const std::string& text) {
-    const std::string error = platform::writeOutput(text);
-    if (error.empty()) return 0;
-    complain("standard output: " + error);
-    return kFailureStatus;
-}
-
-int refuse(const std::string& error) {
-    complain(error);
-    return kUsageStatus;
 }
 
 // nats://[user:password@]host[:port]
@@ -237,13 +217,13 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
         std::ostringstream out;
         std::ostringstream ignored;
         const bool isAsked = app.exit(error, out, ignored) == 0;
-        result.exitStatus = isAsked
-                                ? print(out.str())
-                                : refuse(withoutSecrets(error.what()) + "; see rvbridge --help");
+        result.exitStatus = isAsked ? platform::answer(kProgram, out.str())
+                                    : platform::refuse(kProgram, withoutSecrets(error.what()) +
+                                                                     "; see rvbridge --help");
         return result;
     }
     if (const std::string error = evaluate(texts, result.options); !error.empty()) {
-        result.exitStatus = refuse(error);
+        result.exitStatus = platform::refuse(kProgram, error);
     }
     return result;
 }

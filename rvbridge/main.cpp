@@ -1,4 +1,5 @@
 #include <ctime>
+#include <list>
 #include <memory>
 #include <random>
 #include <string>
@@ -24,9 +25,7 @@ constexpr platform::Milliseconds kFarewellMs = 1'000;
 // The loop of the program: the engine, and a bridge for each space.
 class Program final : public EngineOwner, public BridgeOwner {
   public:
-    explicit Program(const Options& options)
-        : options_(options),
-          log_(options.isVerbose ? platform::LogLevel::Debug : platform::LogLevel::Info) {}
+    explicit Program(const Options& options) : options_(options), log_(levelOf(options)) {}
 
     int run() {
         if (rvevm_Create(&manager_) != 0) return fail("the event manager cannot start");
@@ -38,6 +37,10 @@ class Program final : public EngineOwner, public BridgeOwner {
     }
 
   private:
+    static platform::LogLevel levelOf(const Options& options) {
+        return options.isVerbose ? platform::LogLevel::Debug : platform::LogLevel::Info;
+    }
+
     int fail(const std::string& why) {
         log_.error(why);
         return 1;
@@ -60,10 +63,13 @@ class Program final : public EngineOwner, public BridgeOwner {
         std::random_device device;
         const std::uint64_t epoch = (std::uint64_t{device()} << 32U) | device();
         for (const auto& space : options_.spaces) {
+            const bool isOnly = options_.spaces.size() == 1;
+            logs_.emplace_back(levelOf(options_),
+                               isOnly ? "" : '[' + space.service + ':' + space.network + "] ");
             bridges_.push_back(std::make_unique<Bridge>(
                 manager_, options_, space,
                 BridgeIdentity{options_.host, epoch, platform::utcText(std::time(nullptr))},
-                *engine_, log_, *this));
+                *engine_, logs_.back(), *this));
         }
         for (auto& bridge : bridges_) bridge->start();
         if (rvevm_AddRepeatTimer(manager_, &id, kTickMs, onTick, this) != 0) {
@@ -113,6 +119,7 @@ class Program final : public EngineOwner, public BridgeOwner {
 
     const Options& options_;
     platform::Log log_;
+    std::list<platform::Log> logs_;  // of the bridges
     rvevm_Manager manager_ = nullptr;
     std::unique_ptr<Engine> engine_;
     std::vector<std::unique_ptr<Bridge>> bridges_;

@@ -138,6 +138,7 @@ TEST(ManyHosts, JoinTheSpacesNamedEachWithItself) {
     EXPECT_EQ(textsToTheEnd(listeners[1]), Texts{"7602"});
     paris.session("7603").publish("A", "here");
     EXPECT_EQ(listeners[2].expectText(), "here") << "the space that is not joined";
+    EXPECT_NE(berlin.bridge().errors().find("[7602:] host paris has joined"), std::string::npos);
 }
 
 TEST_F(TwoHosts, ABridgeTooManyEndsAndSaysWhy) {
