@@ -38,9 +38,11 @@ configure_file(cmake/kvxmom.pc.in ${CMAKE_CURRENT_BINARY_DIR}/kvxmom.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kvxmom.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES packaging/examples/rvbridge-nats.conf packaging/examples/rvbridge.default
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES packaging/man/rvd.1 packaging/man/rvbridge.1 packaging/man/kvx.1 packaging/man/rva.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES packaging/completions/kvx packaging/completions/rva
+install(FILES packaging/completions/kvx packaging/completions/rva packaging/completions/rvbridge
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 
 # The units contain the paths of the installed programs, known only at installation.

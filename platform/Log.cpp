@@ -49,7 +49,7 @@ void Log::write(LogLevel level, std::string_view text) {
         }
         if (++lines_ > kLinesASecond) return;
     }
-    writeLine(now, level, text);
+    writeLine(now, level, prefix_ + std::string(text));
 }
 
 }  // namespace kvx::platform

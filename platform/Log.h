@@ -3,6 +3,7 @@
 #include <ctime>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace kvx::platform {
 
@@ -17,7 +18,9 @@ enum class LogLevel { Error = 0, Warning = 1, Info = 2, Debug = 3 };
 /// next line says how many were left out.
 class Log {
   public:
-    explicit Log(LogLevel level = LogLevel::Info) : level_(level) {}
+    /// `prefix` is put before each text.
+    explicit Log(LogLevel level = LogLevel::Info, std::string prefix = {})
+        : level_(level), prefix_(std::move(prefix)) {}
 
     static constexpr unsigned kLinesASecond = 100;
 
@@ -31,6 +34,7 @@ class Log {
 
   private:
     LogLevel level_;
+    std::string prefix_;
     std::time_t second_ = 0;  // of the last line
     unsigned lines_ = 0;      // in that second
 };

@@ -20,10 +20,12 @@ constexpr platform::Milliseconds kStepMs = 2'000;  // of the handshake
 constexpr int kReadBudget = 256 * 1024;            // bytes read in one turn
 constexpr int kSegmentBytes = 64 * 1024;
 
-std::string nameFrom(std::uint32_t address, unsigned long number) {
+// Another one for each session of this process.
+std::string newName(std::uint32_t address) {
+    static unsigned long number = 0;
     char name[96];
-    std::snprintf(name, sizeof name, "%08lX.BRIDGE%lX%lX",
-                  static_cast<unsigned long>(loadBig32(&address)), platform::processId(), number);
+    std::snprintf(name, sizeof name, "%08lX.BRIDGE%lX-%lX",
+                  static_cast<unsigned long>(loadBig32(&address)), platform::processId(), ++number);
     return name;
 }
 
@@ -116,7 +118,7 @@ std::string DaemonLink::introduce(platform::Socket socket) {
     if (answer.empty()) return "no answer of the daemon came";
     const wire::Reply reply = wire::readReply(answer);
     if (reply.code != 0) return rv_ErrorText(reply.code);
-    name_ = nameFrom(reply.ipAddress, ++sessions_);
+    name_ = newName(reply.ipAddress);
     fields.session = name_.c_str();
     if (!put(wire::buildInit(fields))) return "the daemon takes no messages";
     ipq_SetBlocking(queue_, false);

@@ -68,7 +68,6 @@ class DaemonLink final : private link::LinkHost {
     ipq_Queue queue_ = nullptr;
     rvevm_Id retry_ = nullptr;
     std::string name_;
-    unsigned long sessions_ = 0;
 };
 
 }  // namespace kvx::bridge

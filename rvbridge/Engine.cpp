@@ -38,21 +38,55 @@ constexpr int kMostPings = 2;
 constexpr std::int64_t kFlushMs = 2'000;
 constexpr std::int64_t kCloseMs = 5'000;
 
+// What went wrong last in this thread, without the library's place: "(conn.c:1905): reason".
 std::string textOf(natsStatus status) {
     const char* const last = nats_GetLastError(nullptr);
-    std::string text = natsStatus_GetText(status);
-    if (last != nullptr && *last != '\0') text.append(": ").append(last);
+    std::string text = last == nullptr ? "" : last;
+    const auto place = text.find("): ");
+    if (text.starts_with('(') && place != text.npos) text.erase(0, place + 3);
+    if (text.empty()) text = natsStatus_GetText(status);
+    // A server that refuses a certificate says so after the handshake, by closing.
+    if (text.ends_with("got ''")) {
+        text = "the server has closed the connection: it may refuse or lack our certificate";
+    }
     return printable(text);
 }
 
-const char* orNull(const std::string& text) {
-    return text.empty() ? nullptr : text.c_str();
+// How the engine knows us, and we the engine.
+natsStatus secure(natsOptions* options, const EngineSettings& settings) {
+    natsStatus status = NATS_OK;
+    const auto then = [&status](natsStatus next) {
+        if (status == NATS_OK) status = next;
+    };
+    if (!settings.credentials.empty()) {
+        then(natsOptions_SetUserCredentialsFromFiles(options, settings.credentials.c_str(),
+                                                     nullptr));
+    }
+    if (!settings.ca.empty() || !settings.certificate.empty()) {
+        then(natsOptions_SetSecure(options, true));
+    }
+    if (!settings.ca.empty()) {
+        then(natsOptions_LoadCATrustedCertificates(options, settings.ca.c_str()));
+    }
+    if (!settings.certificate.empty()) {
+        then(natsOptions_LoadCertificatesChain(options, settings.certificate.c_str(),
+                                               settings.key.c_str()));
+    }
+    return status;
 }
 
 }  // namespace
 
+std::string wrongIn(const EngineSettings& settings) {
+    natsOptions* made = nullptr;
+    if (natsOptions_Create(&made) != NATS_OK) return {};  // as `Engine::start` will say
+    const nats::Options options(made);
+    const natsStatus status = secure(made, settings);
+    return status == NATS_OK ? "" : textOf(status);
+}
+
 struct Engine::Arrived {
-    enum class Kind { Up, Down, Message };
+    enum class Kind { Up, Down, Forbidden, Message };
     Kind kind;
     nats::Message message{};
     std::string why{};
@@ -92,20 +126,7 @@ struct Engine::Connection {
         then(natsOptions_UseGlobalMessageDelivery(made, true));
         then(natsOptions_SetClosedCB(made, onClosed, &owner));
         then(natsOptions_SetErrorHandler(made, onError, &owner));
-        if (!settings.credentials.empty()) {
-            then(natsOptions_SetUserCredentialsFromFiles(made, settings.credentials.c_str(),
-                                                         nullptr));
-        }
-        if (!settings.ca.empty() || !settings.certificate.empty()) {
-            then(natsOptions_SetSecure(made, true));
-        }
-        if (!settings.ca.empty()) {
-            then(natsOptions_LoadCATrustedCertificates(made, settings.ca.c_str()));
-        }
-        if (!settings.certificate.empty()) {
-            then(natsOptions_LoadCertificatesChain(made, settings.certificate.c_str(),
-                                                   orNull(settings.key)));
-        }
+        then(secure(made, settings));
         return status;
     }
 
@@ -144,9 +165,15 @@ struct Engine::Connection {
         engine.mayBeLost_ = true;
         engine.changed_.notify_all();
     }
-    static void onError(natsConnection*, natsSubscription*, natsStatus status, void* closure) {
-        if (status != NATS_SLOW_CONSUMER) return;
+    static void onError(natsConnection* connection, natsSubscription*, natsStatus status,
+                        void* closure) {
         Engine& engine = *static_cast<Engine*>(closure);
+        if (status == NATS_NOT_PERMITTED) {
+            const char* text = nullptr;
+            (void)natsConnection_GetLastError(connection, &text);
+            engine.arrive({Arrived::Kind::Forbidden, nullptr, printable(text ? text : "")});
+        }
+        if (status != NATS_SLOW_CONSUMER) return;
         const std::lock_guard lock(engine.mutex_);
         engine.hasOverflown_ = true;
     }
@@ -178,9 +205,6 @@ std::string Engine::start() {
     // One thread delivers for all subscriptions, so that the order of messages is the engine's.
     if (nats_Open(-1) != NATS_OK || nats_SetMessageDeliveryPoolSize(1) != NATS_OK) {
         return "the engine's library cannot start";
-    }
-    if (const natsStatus status = Connection(*this).setUp(); status != NATS_OK) {
-        return textOf(status);
     }
     sender_ = std::thread([this] { send(); });
     return {};
@@ -346,6 +370,9 @@ void Engine::takeArrived() {
             case Arrived::Kind::Down:
                 isUp_ = false;
                 owner_.onEngineDown(next.why);
+                break;
+            case Arrived::Kind::Forbidden:
+                owner_.onEngineForbids(next.why);
                 break;
             case Arrived::Kind::Message: {
                 if (!living_.contains(next.subscription)) break;

@@ -26,8 +26,11 @@ struct EngineSettings {
     std::string credentials;        ///< the file of the engine's own kind; empty: none
     std::string ca;                 ///< file with the certificates to trust; empty: the system's
     std::string certificate;        ///< file of our own certificate; empty: none
-    std::string key;                ///< file of its key
+    std::string key;                ///< file of its key; empty as `certificate` is
 };
+
+/// Returns an empty text, or what is wrong with the files of certificates and key.
+[[nodiscard]] std::string wrongIn(const EngineSettings& settings);
 
 /// What the engine has to say.
 class EngineOwner {
@@ -36,6 +39,8 @@ class EngineOwner {
     virtual void onEngineUp() = 0;
     /// The connection is lost, or cannot be made: `why` in one line, without secrets.
     virtual void onEngineDown(const std::string& why) = 0;
+    /// The engine is there, but does not let us publish or subscribe to something.
+    virtual void onEngineForbids(const std::string& what) = 0;
     /// Valid during the call. Nothing of a subscription that has ended, even if the same was made
     /// again.
     virtual void onEngineMessage(std::string_view subject, wire::Bytes bytes) = 0;
@@ -55,7 +60,7 @@ class Engine {
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
 
-    /// Begins to connect. Returns an empty text, or why the settings or the system do not allow it.
+    /// Begins to connect. Returns an empty text, or why the system does not allow it.
     [[nodiscard]] std::string start();
 
     /// Returns false, and sends nothing, while `kMostWaiting` bytes wait.

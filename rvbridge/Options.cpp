@@ -3,12 +3,14 @@
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cstdio>
+#include <fstream>
+#include <optional>
 #include <sstream>
 #include <utility>
 
 #include "mom/config/CVekRvdCfgParser.h"
 #include "mom/config/ReadConfiguration.h"
-#include "platform/File.h"
+#include "platform/CommandLine.h"
 #include "platform/Socket.h"
 #include "platform/Text.h"
 #include "rv/wire/Limits.h"
@@ -17,10 +19,9 @@ namespace kvx::bridge {
 
 namespace {
 
-constexpr int kFailureStatus = 1;
-constexpr int kUsageStatus = 2;
-constexpr std::size_t kLongestError = 600;  // bytes
-constexpr std::size_t kLongestHost = 64;    // bytes
+constexpr const char* kProgram = "rvbridge";
+constexpr std::size_t kLongestHost = 64;          // bytes
+constexpr std::size_t kMostCredentials = 65'536;  // bytes
 
 struct Texts {
     std::vector<std::string> engines;
@@ -67,28 +68,25 @@ void describe(CLI::App& app, Texts& texts, Options& options) {
     app.add_option("--ca", options.engine.ca, "File of the certificates to trust");
     CLI::Option* const certificate =
         app.add_option("--cert", options.engine.certificate, "File of this bridge's certificate");
-    app.add_option("--key", options.engine.key, "File of its key")->needs(certificate);
+    CLI::Option* const key =
+        app.add_option("--key", options.engine.key, "File of its key")->needs(certificate);
+    certificate->needs(key);
     app.add_option("--config", texts.configuration,
-                   "The daemon configuration file; default: $VEK_HOME's");
+                   "The daemon configuration file; default: $KVX_HOME's");
     app.add_flag("-v,--verbose", options.isVerbose, "Log every subject that comes and goes");
 }
 
-void complain(const std::string& error) {
-    const std::string line = "rvbridge: " + shortened(printable(error), kLongestError) + '\n';
-    std::fwrite(line.data(), 1, line.size(), stderr);
-}
-
-// Return the exit status.
-int print(const std::string& text) {
-    const std::string error = platform::writeOutput(text);
-    if (error.empty()) return 0;
-    complain("standard output: " + error);
-    return kFailureStatus;
-}
-
-int refuse(const std::string& error) {
-    complain(error);
-    return kUsageStatus;
+// nats://[user:password@]host[:port]
+bool isServer(const std::string& url) {
+    if (!url.starts_with("nats://") && !url.starts_with("tls://")) return false;
+    const auto secrets = url.rfind('@');
+    const std::string place =
+        url.substr(secrets == std::string::npos ? url.find("//") + 2 : secrets + 1);
+    const auto colon = place.rfind(':');
+    if (colon == std::string::npos || place.ends_with(']')) return !place.empty();
+    const std::string port = place.substr(colon + 1);
+    return colon > 0 && !port.empty() && port.size() <= 5 &&
+           port.find_first_not_of("0123456789") == std::string::npos && std::stoi(port) <= 65'535;
 }
 
 // The following return an empty text, or the error.
@@ -125,16 +123,31 @@ std::string takeHost(const std::string& text, std::string& host) {
     return {};
 }
 
+// The first `kMostCredentials` bytes; nothing when the file cannot be read.
+std::optional<std::string> headOf(const std::string& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::string text(kMostCredentials, '\0');
+    in.read(text.data(), static_cast<std::streamsize>(text.size()));
+    if (!in.is_open() || in.bad()) return std::nullopt;
+    text.resize(static_cast<std::size_t>(in.gcount()));
+    return text;
+}
+
 std::string takeFiles(const EngineSettings& engine) {
     for (const auto& [option, file] :
          {std::pair("-credentials", engine.credentials), std::pair("-ca", engine.ca),
           std::pair("-cert", engine.certificate), std::pair("-key", engine.key)}) {
-        if (file.empty()) continue;
-        std::FILE* const opened = std::fopen(file.c_str(), "re");
-        if (opened == nullptr) return std::string(option) + ": cannot read '" + file + "'";
-        std::fclose(opened);
+        if (!file.empty() && !headOf(file))
+            return std::string(option) + ": cannot read '" + file + "'";
     }
-    return {};
+    if (engine.credentials.empty()) return wrongIn(engine);
+    const auto text = headOf(engine.credentials);
+    for (const char* block : {"BEGIN NATS USER JWT", "BEGIN USER NKEY SEED"}) {
+        if (text->find(block) == std::string::npos) {
+            return "-credentials: '" + engine.credentials + "' has no " + block;
+        }
+    }
+    return wrongIn(engine);
 }
 
 std::string takeAddress(const Texts& texts, Options& options) {
@@ -169,7 +182,7 @@ std::string takeAddress(const Texts& texts, Options& options) {
 
 std::string evaluate(const Texts& texts, Options& options) {
     for (const auto& url : texts.engines) {
-        if (!url.starts_with("nats://") && !url.starts_with("tls://")) {
+        if (!isServer(url)) {
             return "-engine: '" + withoutSecrets(url) + "' is no nats://host:port";
         }
     }
@@ -204,13 +217,13 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
         std::ostringstream out;
         std::ostringstream ignored;
         const bool isAsked = app.exit(error, out, ignored) == 0;
-        result.exitStatus = isAsked
-                                ? print(out.str())
-                                : refuse(withoutSecrets(error.what()) + "; see rvbridge --help");
+        result.exitStatus = isAsked ? platform::answer(kProgram, out.str())
+                                    : platform::refuse(kProgram, withoutSecrets(error.what()) +
+                                                                     "; see rvbridge --help");
         return result;
     }
     if (const std::string error = evaluate(texts, result.options); !error.empty()) {
-        result.exitStatus = refuse(error);
+        result.exitStatus = platform::refuse(kProgram, error);
     }
     return result;
 }

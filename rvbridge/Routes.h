@@ -28,7 +28,9 @@ class Routes {
       public:
         [[nodiscard]] bool isWanted() const { return !traffic_.empty(); }
         /// The only host that wants it; empty: it is published on the subject.
-        [[nodiscard]] std::string_view direct() const { return isDirect_ ? host_ : ""; }
+        [[nodiscard]] std::string_view direct() const {
+            return isDirect_ ? std::string_view(host_) : std::string_view();
+        }
         /// A message goes there.
         void count(std::size_t bytes);
 

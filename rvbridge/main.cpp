@@ -1,7 +1,9 @@
 #include <ctime>
+#include <list>
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Clock.h"
@@ -23,9 +25,7 @@ constexpr platform::Milliseconds kFarewellMs = 1'000;
 // The loop of the program: the engine, and a bridge for each space.
 class Program final : public EngineOwner, public BridgeOwner {
   public:
-    explicit Program(const Options& options)
-        : options_(options),
-          log_(options.isVerbose ? platform::LogLevel::Debug : platform::LogLevel::Info) {}
+    explicit Program(const Options& options) : options_(options), log_(levelOf(options)) {}
 
     int run() {
         if (rvevm_Create(&manager_) != 0) return fail("the event manager cannot start");
@@ -37,6 +37,10 @@ class Program final : public EngineOwner, public BridgeOwner {
     }
 
   private:
+    static platform::LogLevel levelOf(const Options& options) {
+        return options.isVerbose ? platform::LogLevel::Debug : platform::LogLevel::Info;
+    }
+
     int fail(const std::string& why) {
         log_.error(why);
         return 1;
@@ -59,10 +63,13 @@ class Program final : public EngineOwner, public BridgeOwner {
         std::random_device device;
         const std::uint64_t epoch = (std::uint64_t{device()} << 32U) | device();
         for (const auto& space : options_.spaces) {
+            const bool isOnly = options_.spaces.size() == 1;
+            logs_.emplace_back(levelOf(options_),
+                               isOnly ? "" : '[' + space.service + ':' + space.network + "] ");
             bridges_.push_back(std::make_unique<Bridge>(
                 manager_, options_, space,
                 BridgeIdentity{options_.host, epoch, platform::utcText(std::time(nullptr))},
-                *engine_, log_, *this));
+                *engine_, logs_.back(), *this));
         }
         for (auto& bridge : bridges_) bridge->start();
         if (rvevm_AddRepeatTimer(manager_, &id, kTickMs, onTick, this) != 0) {
@@ -76,6 +83,7 @@ class Program final : public EngineOwner, public BridgeOwner {
 
     void onEngineUp() override {
         lastWhy_.clear();
+        isForbidden_ = false;
         log_.info("the engine is there");
         for (auto& bridge : bridges_) bridge->onEngineUp();
     }
@@ -84,6 +92,10 @@ class Program final : public EngineOwner, public BridgeOwner {
         if (lastWhy_ != why) log_.warning("no engine: " + why);
         lastWhy_ = why;
         for (auto& bridge : bridges_) bridge->onEngineDown();
+    }
+    // Once a connection: it happens for each subject.
+    void onEngineForbids(const std::string& what) override {
+        if (!std::exchange(isForbidden_, true)) log_.warning("the engine forbids: " + what);
     }
     void onEngineMessage(std::string_view subject, kvx::wire::Bytes bytes) override {
         for (auto& bridge : bridges_) {
@@ -107,11 +119,13 @@ class Program final : public EngineOwner, public BridgeOwner {
 
     const Options& options_;
     platform::Log log_;
+    std::list<platform::Log> logs_;  // of the bridges
     rvevm_Manager manager_ = nullptr;
     std::unique_ptr<Engine> engine_;
     std::vector<std::unique_ptr<Bridge>> bridges_;
     std::size_t ready_ = 0;
     std::string lastWhy_;
+    bool isForbidden_ = false;
     int status_ = 0;
 };
 

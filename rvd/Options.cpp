@@ -8,7 +8,7 @@
 #include <sstream>
 #include <vector>
 
-#include "platform/File.h"
+#include "platform/CommandLine.h"
 #include "platform/Socket.h"
 #include "platform/Text.h"
 #include "rv/wire/Limits.h"
@@ -17,9 +17,7 @@
 namespace kvx::rvd {
 namespace {
 
-constexpr int kFailureStatus = 1;
-constexpr int kUsageStatus = 2;
-constexpr std::size_t kLongestError = 600;  // bytes
+constexpr const char* kProgram = "rvd";
 constexpr const char* kHalf = "half";
 constexpr const char* kVersionLine = "rvd " KVX_VERSION;
 
@@ -97,24 +95,6 @@ std::string evaluate(const Texts& texts, Options& options) {
     return {};
 }
 
-void complain(const std::string& error) {
-    const std::string line = "rvd: " + shortened(printable(error), kLongestError) + '\n';
-    std::fwrite(line.data(), 1, line.size(), stderr);
-}
-
-// These return the exit status.
-int print(const std::string& text) {
-    const std::string error = platform::writeOutput(text);
-    if (error.empty()) return 0;
-    complain("standard output: " + error);
-    return kFailureStatus;
-}
-
-int refuse(const std::string& error) {
-    complain(error);
-    return kUsageStatus;
-}
-
 }  // namespace
 
 std::string parseListen(const std::string& text, Options& options) {
@@ -166,15 +146,16 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
         std::ostringstream ignored;
         const bool isAsked = app.exit(error, out, ignored) == 0;
         result.exitStatus =
-            isAsked ? print(out.str()) : refuse(error.what() + std::string("; see rvd --help"));
+            isAsked ? platform::answer(kProgram, out.str())
+                    : platform::refuse(kProgram, error.what() + std::string("; see rvd --help"));
         return result;
     }
     if (texts.counters) {
         std::ostringstream table;
         printCounterTable(table);
-        result.exitStatus = print(table.str());
+        result.exitStatus = platform::answer(kProgram, table.str());
     } else if (const std::string error = evaluate(texts, result.options); !error.empty()) {
-        result.exitStatus = refuse(error);
+        result.exitStatus = platform::refuse(kProgram, error);
     }
     return result;
 }

@@ -41,6 +41,9 @@ for program in rvd rvbridge rva; do
     grep -q "^ExecStart=\"$work/prefix/bin/$program\" " \
         "$work/prefix/lib/systemd/system/$program.service"
 done
+for example in rvbridge-nats.conf rvbridge.default; do
+    [ -s "$work/prefix/share/doc/KVXMOM/examples/$example" ]
+done
 
 echo "every header alone"
 include=$work/prefix/include/kvxmom

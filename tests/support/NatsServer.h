@@ -15,13 +15,18 @@ class NatsServer {
   public:
     /// Joins the cluster of `other`; null: the first node of a new one. Returns when it is ready.
     explicit NatsServer(const NatsServer* other = nullptr)
-        : routes_(other == nullptr ? "" : "nats://127.0.0.1:" + other->clusterPort_) {
+        : NatsServer(other == nullptr ? "" : other->clusterPort_) {}
+    /// Joins what listens on this port, if any; with these options besides.
+    explicit NatsServer(const std::string& clusterPort, std::vector<std::string> options = {})
+        : routes_(clusterPort.empty() ? "" : "nats://127.0.0.1:" + clusterPort),
+          options_(std::move(options)) {
         start();
         port_ = portOf("nats");
         clusterPort_ = portOf("cluster");
     }
 
     [[nodiscard]] const std::string& port() const { return port_; }
+    [[nodiscard]] const std::string& clusterPort() const { return clusterPort_; }
     [[nodiscard]] std::string url() const { return "nats://127.0.0.1:" + port_; }
 
     [[nodiscard]] pid_t pid() const { return process_->pid(); }
@@ -36,15 +41,31 @@ class NatsServer {
         kill();
         start();
     }
+    /// With other options.
+    void restart(std::vector<std::string> options) {
+        options_ = std::move(options);
+        restart();
+    }
 
   private:
     void start() {
-        process_.emplace("/bin/sh",
-                         std::vector<std::string>{
-                             "-c", R"(PATH=$PATH:/usr/sbin exec nats-server "$@")", "nats-server",
-                             "-a", "127.0.0.1", "-p", port_, "--cluster_name", "test", "--cluster",
-                             "nats://127.0.0.1:" + clusterPort_, "--routes", routes_,
-                             "--ports_file_dir", directory_.path()});
+        std::vector<std::string> arguments{"-c",
+                                           R"(PATH=$PATH:/usr/sbin exec nats-server "$@")",
+                                           "nats-server",
+                                           "-a",
+                                           "127.0.0.1",
+                                           "-p",
+                                           port_,
+                                           "--cluster_name",
+                                           "test",
+                                           "--cluster",
+                                           "nats://127.0.0.1:" + clusterPort_,
+                                           "--routes",
+                                           routes_,
+                                           "--ports_file_dir",
+                                           directory_.path()};
+        arguments.insert(arguments.end(), options_.begin(), options_.end());
+        process_.emplace("/bin/sh", arguments);
         if (process_->awaitError("Server is ready").empty()) {
             throw std::runtime_error("nats-server is not ready: " + process_->errors());
         }
@@ -67,6 +88,7 @@ class NatsServer {
     }
 
     const std::string routes_;
+    std::vector<std::string> options_;
     TemporaryDirectory directory_;
     std::optional<ChildProcess> process_;
     std::string port_ = "-1";

@@ -1,119 +1,9 @@
 // Hosts, each a real daemon with its bridge, joined by real servers of NATS.
 
-#include <sys/socket.h>
-
-#include <nlohmann/json.hpp>
-
-#include "tests/support/Daemon.h"
-#include "tests/support/NatsServer.h"
-#include "tests/support/RawClient.h"
+#include "tests/system/Hosts.h"
 
 namespace kvx::test {
 namespace {
-
-using Json = nlohmann::json;
-using Texts = std::vector<std::string>;
-using namespace std::chrono_literals;
-
-constexpr const char* kBridge = KVX_BIN_DIR "/rvbridge";
-
-// A session whose reads end after 20 s, as if the daemon had closed.
-RawClient sessionAt(const Daemon& daemon, const std::string& service = "") {
-    RawClient client = RawClient::session(daemon.port(), service.c_str());
-    const timeval limit{20, 0};
-    setsockopt(client.socket(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    return client;
-}
-
-// A daemon and its bridge.
-class Host {
-  public:
-    Host(std::string name, const std::string& engines, const Texts& options = {})
-        : name_(std::move(name)), options_{"-host", name_, "-engine", engines, "-daemon", text()} {
-        options_.insert(options_.end(), options.begin(), options.end());
-        startBridge();
-    }
-
-    [[nodiscard]] std::string text() const { return daemon_.text(); }
-    Daemon& daemon() { return daemon_; }
-    ChildProcess& bridge() { return *bridge_; }
-    // Kills the one that runs.
-    void startBridge() { bridge_.emplace(kBridge, options_); }
-    // Once the bridge is ready.
-    RawClient session(const std::string& service = "") {
-        if (bridge_->awaitOutput("rvbridge ready as " + name_).empty()) {
-            throw std::runtime_error("rvbridge is not ready: " + bridge_->errors());
-        }
-        return sessionAt(daemon_, service);
-    }
-    RawClient listener(const Texts& subjects, const std::string& service = "") {
-        RawClient client = session(service);
-        for (const auto& subject : subjects) client.listen(subject);
-        return client;
-    }
-
-    // What `kvx hosts --json` says of another host, or of this one.
-    Json about(const std::string& host) {
-        ChildProcess kvx(KVX_BIN_DIR "/kvx", {"hosts", "--json", "--daemon", text()});
-        kvx.wait();
-        std::istringstream lines(kvx.output());
-        for (std::string line; std::getline(lines, line);) {
-            if (const Json json = Json::parse(line); json["host"] == host) return json;
-        }
-        return {{"subjects", -1}};
-    }
-    // Waits until the daemon passes on what `count` subjects of each of these hosts want: the
-    // bridge's answer in `service` leaves after its listens.
-    void awaitInterest(const std::map<std::string, int>& hosts, const std::string& service = "") {
-        RawClient asker = listener({"_RVD.ANSWER"}, service);
-        EXPECT_TRUE(eventually([&] {
-            asker.publish("_RVD.HOSTS", "", "_RVD.ANSWER");
-            std::size_t found = 0;
-            for (const Json& host : Json::parse(asker.expectText())) {
-                const auto at = hosts.find(host["host"].get<std::string>());
-                if (at != hosts.end() && host["subjects"] == at->second) ++found;
-            }
-            return found == hosts.size();
-        })) << bridge_->errors();
-    }
-
-  private:
-    const std::string name_;
-    Daemon daemon_;
-    Texts options_;
-    std::optional<ChildProcess> bridge_;
-};
-
-// What a session hears up to the message "end", which it leaves out.
-Texts textsToTheEnd(RawClient& client) {
-    Texts texts;
-    for (std::string text = client.expectText(); text != "end"; text = client.expectText()) {
-        texts.push_back(text);
-    }
-    return texts;
-}
-
-// Publishes until the listener hears some of it, at most 10 s.
-testing::AssertionResult isHeardSoon(RawClient& sender, RawClient& listener) {
-    static int rounds = 0;
-    const std::string probe = "probe " + std::to_string(++rounds);
-    const auto isHeard = [&] {
-        sender.publish("PROBE", probe);
-        while (platform::waitSocket(listener.socket(), platform::kReadable, 50).ready != 0) {
-            if (listener.expectText() == probe) return true;
-        }
-        return false;
-    };
-    return eventually(isHeard, 10s) ? testing::AssertionSuccess()
-                                    : testing::AssertionFailure() << "deaf";
-}
-
-class TwoHosts : public testing::Test {
-  protected:
-    NatsServer nats_;
-    Host berlin_{"berlin", nats_.url()};
-    Host paris_{"paris", nats_.url()};
-};
 
 TEST_F(TwoHosts, QuestionsAnswersAndEachMessageOnceInOrder) {
     RawClient service = berlin_.listener({"ASK.>"});
@@ -281,6 +171,7 @@ TEST(ManyHosts, JoinTheSpacesNamedEachWithItself) {
     EXPECT_EQ(textsToTheEnd(listeners[1]), Texts{"7602"});
     paris.session("7603").publish("A", "here");
     EXPECT_EQ(listeners[2].expectText(), "here") << "the space that is not joined";
+    EXPECT_NE(berlin.bridge().errors().find("[7602:] host paris has joined"), std::string::npos);
 }
 
 TEST_F(TwoHosts, ABridgeTooManyEndsAndSaysWhy) {
@@ -318,7 +209,13 @@ TEST(Bridge, RefusesWrongOptionsAndWaitsForItsEngineWithoutTellingSecrets) {
                                                  {"-engine", url, "-export", "A..B"},
                                                  {"-engine", url, "-import", ""},
                                                  {"-engine", url, "-key", "/dev/null"},
+                                                 {"-engine", url, "-cert", "/dev/null"},
                                                  {"-engine", url, "-ca", "/nowhere"},
+                                                 {"-engine", url, "-ca", "/dev/null"},
+                                                 {"-engine", url, "-credentials", "/"},
+                                                 {"-engine", url, "-credentials", "/dev/zero"},
+                                                 {"-engine", url + ",nats://:4222"},
+                                                 {"-engine", url + ",tls://h:x"},
                                                  {"-engine", url, "-host", "a\nb"}}) {
         ChildProcess bridge(kBridge, wrong);
         EXPECT_TRUE(eventually([&] { return !bridge.isRunning(); }, 10s));
@@ -336,83 +233,6 @@ TEST(Bridge, RefusesWrongOptionsAndWaitsForItsEngineWithoutTellingSecrets) {
     EXPECT_NE(bridge.awaitOutput("rvbridge ready as a"), "") << bridge.errors();
     EXPECT_EQ((bridge.output() + bridge.errors()).find("hunter2"), std::string::npos);
 }
-
-// A loss between hosts that a session is told of; 0 for another message.
-std::uint64_t lossIn(const Received& notice) {
-    const auto data = findField(notice.bytes, "data");
-    if (notice.subject != "_RV.WARN.SYSTEM.DATALOSS" || !data) return 0;
-    EXPECT_EQ(findField(data->bytes(), "cause")->text(), "link");
-    return loadBig32(findField(data->bytes(), "lost")->data);
-}
-
-// Whether `host` has connected to its engine `times`.
-bool awaitConnections(Host& host, int times) {
-    return eventually([&] {
-        const std::string log = host.bridge().errors();
-        int found = 0;
-        for (auto at = log.find("the engine is there"); at != log.npos;
-             at = log.find("the engine is there", at + 1)) {
-            ++found;
-        }
-        return found >= times;
-    });
-}
-
-// The server of NATS dies while a stream runs over it: the sender's, the listener's, or both.
-struct Dying {
-    bool ofSender;
-    bool ofListener;
-};
-class EngineDies : public testing::TestWithParam<Dying> {};
-
-TEST_P(EngineDies, EachMessageIsHeardOnceInOrderOrToldAsLost) {
-    NatsServer first;
-    NatsServer second(&first);
-    const auto engines = [&](bool dies) {
-        return dies ? first.url() + ',' + second.url() : second.url() + ',' + first.url();
-    };
-    Host berlin("berlin", engines(GetParam().ofSender));
-    Host paris("paris", engines(GetParam().ofListener));
-    RawClient listener = paris.listener({"S.*"});
-    berlin.awaitInterest({{"paris", 1}});
-    RawClient sender = berlin.session();
-    int sent = 0;
-    const auto stream = [&](int count) {
-        for (; count > 0; --count, ++sent) {
-            sender.publish("S." + std::to_string(sent % 3), std::to_string(sent));
-        }
-    };
-    stream(3);  // a subject counts from its first message on
-    for (const char* text : {"0", "1", "2"}) EXPECT_EQ(listener.expectText(), text);
-    stream(1'000);
-    first.kill();
-    stream(1'000);
-    first.restart();
-    stream(1'000);
-    ASSERT_TRUE(awaitConnections(berlin, GetParam().ofSender ? 2 : 1));
-    ASSERT_TRUE(awaitConnections(paris, GetParam().ofListener ? 2 : 1));
-    stream(1'000);
-    int last = 2;
-    std::uint64_t heard = 3;
-    std::uint64_t lost = 0;
-    while (heard + lost < static_cast<std::uint64_t>(sent)) {
-        const Received next = listener.expectNext();
-        if (const std::uint64_t loss = lossIn(next); loss != 0) {
-            lost += loss;
-            continue;
-        }
-        ++heard;
-        EXPECT_GT(std::stoi(next.text), last);
-        last = std::stoi(next.text);
-    }
-    EXPECT_EQ(heard + lost, sent);
-    sender.publish("S.0", "end");
-    EXPECT_EQ(textsToTheEnd(listener), Texts{});
-}
-
-INSTANTIATE_TEST_SUITE_P(Hosts, EngineDies,
-                         testing::Values(Dying{true, true}, Dying{true, false},
-                                         Dying{false, true}));
 
 TEST_F(TwoHosts, WhoReconnectsIsNotDeafAfterBridgeOrDaemonWasKilled) {
     RawClient sender = paris_.session();

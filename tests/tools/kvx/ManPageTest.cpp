@@ -19,6 +19,14 @@ Words optionsIn(const std::string& text) {
     return found;
 }
 
+// Without their hyphens, for a program that takes one or two.
+Words namesIn(const std::string& text) {
+    Words names;
+    for (const auto& option : optionsIn(text))
+        names.insert(option.substr(option.find_first_not_of('-')));
+    return names;
+}
+
 std::string packaged(const std::string& name) {
     std::ifstream in(KVX_SOURCE_DIR "/packaging/" + name);
     const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
@@ -49,6 +57,7 @@ TEST_F(ManPageTest, NamesTheOptionsThatTheHelpNames) {
     EXPECT_EQ(optionsIn(packaged("man/kvx.1")), optionsIn(kvxHelp()));
     EXPECT_EQ(optionsIn(packaged("man/rva.1")), optionsIn(help("rva -help")));
     EXPECT_EQ(optionsIn(packaged("man/rvd.1")), optionsIn(help("rvd --help")));
+    EXPECT_EQ(namesIn(packaged("man/rvbridge.1")), namesIn(help("rvbridge --help")));
 }
 
 TEST_F(ManPageTest, HasTheCompletionsThatTheHelpNames) {
@@ -59,6 +68,10 @@ TEST_F(ManPageTest, HasTheCompletionsThatTheHelpNames) {
             const bool hasLongForm = option.size() == 2;
             EXPECT_TRUE(hasLongForm || completed.contains(option)) << completion << option;
         }
+    }
+    const Words completed = namesIn(packaged("completions/rvbridge"));
+    for (const auto& name : namesIn(help("rvbridge --help"))) {
+        EXPECT_TRUE(name.size() == 1 || completed.contains(name)) << name;
     }
 }
 

@@ -1,0 +1,233 @@
+// Hosts whose servers die and whose lines are bad: what was sent meanwhile is heard once, in order,
+// or told as lost, and afterwards everybody hears everybody.
+
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/LinkProxy.h"
+#include "tests/support/Sanitizer.h"
+#include "tests/system/Hosts.h"
+
+namespace kvx::test {
+namespace {
+
+// Whether `host` has connected to its engine `times`.
+bool awaitConnections(Host& host, int times) {
+    return eventually([&] {
+        const std::string log = host.bridge().errors();
+        int found = 0;
+        for (auto at = log.find("the engine is there"); at != log.npos;
+             at = log.find("the engine is there", at + 1)) {
+            ++found;
+        }
+        return found >= times;
+    });
+}
+
+// The server of NATS dies while a stream runs over it: the sender's, the listener's, or both.
+struct Dying {
+    bool ofSender;
+    bool ofListener;
+};
+class EngineDies : public testing::TestWithParam<Dying> {};
+
+TEST_P(EngineDies, EachMessageIsHeardOnceInOrderOrToldAsLost) {
+    NatsServer first;
+    NatsServer second(&first);
+    const auto engines = [&](bool dies) {
+        return dies ? first.url() + ',' + second.url() : second.url() + ',' + first.url();
+    };
+    Host berlin("berlin", engines(GetParam().ofSender));
+    Host paris("paris", engines(GetParam().ofListener));
+    Stream stream(berlin, paris);
+    stream.send(1'000);
+    first.kill();
+    stream.send(1'000);
+    first.restart();
+    stream.send(1'000);
+    ASSERT_TRUE(awaitConnections(berlin, GetParam().ofSender ? 2 : 1));
+    ASSERT_TRUE(awaitConnections(paris, GetParam().ofListener ? 2 : 1));
+    stream.send(1'000);
+    stream.expectHeardOrTold();
+}
+
+INSTANTIATE_TEST_SUITE_P(Hosts, EngineDies,
+                         testing::Values(Dying{true, true}, Dying{true, false},
+                                         Dying{false, true}));
+
+// A line between a bridge and its server of NATS, which is the same for both hosts.
+
+struct BadLine {
+    bool ofSender;
+    bool ofListener;
+};
+class Lines : public testing::TestWithParam<BadLine> {
+  protected:
+    NatsServer nats_;
+    LinkProxy toBerlin_{nats_.port()};
+    LinkProxy toParis_{nats_.port()};
+    Host berlin_{"berlin", toBerlin_.url()};
+    Host paris_{"paris", toParis_.url()};
+    Stream stream_{berlin_, paris_};
+
+    void each(const std::function<void(LinkProxy&)>& act) {
+        if (GetParam().ofSender) act(toBerlin_);
+        if (GetParam().ofListener) act(toParis_);
+    }
+};
+
+TEST_P(Lines, ThatAreCutForAWhileLoseNothingUntold) {
+    stream_.send(1'000);
+    each([](LinkProxy& line) { line.cut(); });
+    stream_.send(1'000);
+    each([](LinkProxy& line) { EXPECT_TRUE(eventually([&] { return line.connections() == 0; })); });
+    stream_.send(1'000);
+    each([](LinkProxy& line) { line.restore(); });
+    stream_.expectHeardOrTold();
+}
+
+TEST_P(Lines, ThatAreCutForAWhileHoldWhatABridgeHasRoomFor) {
+    each([](LinkProxy& line) { line.cut(); });
+    stream_.send(100, 1'000'000);
+    each([](LinkProxy& line) { line.restore(); });
+    stream_.expectHeardOrTold();
+    const char* const cause = GetParam().ofSender ? "queue full" : "engine gone";
+    EXPECT_GT(paris_.about("berlin")["lost"].value(cause, 0), 0);
+}
+
+TEST_P(Lines, ThatAreSlowLoseNothing) {
+    each([](LinkProxy& line) { line.throttle(20'000); });
+    stream_.send(3'000, 1'000);
+    stream_.expectHeardOrTold();
+    EXPECT_EQ(stream_.told(), 0U);
+}
+
+TEST_P(Lines, ThatAreStalledAreForgottenAndThenAsBefore) {
+    RawClient ownListener = berlin_.listener({"PROBE"});
+    RawClient ownSender = berlin_.session();
+    each([](LinkProxy& line) { line.stall(); });
+    stream_.send(1'000, 1'000);
+    berlin_.awaitGone("paris");
+    paris_.awaitGone("berlin");
+    EXPECT_TRUE(isHeardSoon(ownSender, ownListener)) << "each side goes on";
+    stream_.send(1'000, 1'000);
+    each([](LinkProxy& line) { line.restore(); });
+    Host::awaitInterestOfBoth(berlin_, paris_);
+    stream_.expectHeardOrLost();
+    RawClient sender = paris_.session();
+    EXPECT_TRUE(isHeardSoon(sender, ownListener)) << "and back";
+}
+
+INSTANTIATE_TEST_SUITE_P(Hosts, Lines, testing::Values(BadLine{true, false}, BadLine{false, true}));
+
+// The line between two servers of NATS, each of them with a host.
+class Route : public testing::Test {
+  protected:
+    NatsServer first_;
+    LinkProxy line_{first_.clusterPort()};
+    NatsServer second_{line_.port()};
+    Host berlin_{"berlin", first_.url()};
+    Host paris_{"paris", second_.url()};
+
+    void expectBothForget() {
+        berlin_.awaitGone("paris");
+        paris_.awaitGone("berlin");
+    }
+    void awaitRoute() {
+        EXPECT_TRUE(eventually([&] { return line_.connections() > 0; }));
+    }
+};
+
+TEST_F(Route, ThatIsCutForAWhileLosesNothingUntold) {
+    Stream stream(berlin_, paris_);
+    Stream back(paris_, berlin_);
+    stream.send(1'000);
+    line_.cut();
+    stream.send(1'000);
+    back.send(1'000);
+    EXPECT_TRUE(eventually([&] { return line_.connections() == 0; }));
+    for (Stream* each : {&stream, &back}) each->send(1'000);
+    line_.restore();
+    awaitRoute();
+    for (Stream* each : {&stream, &back}) {
+        each->send(1'000);
+        each->expectHeardOrTold();
+        EXPECT_GT(each->told(), 0U);
+    }
+}
+
+TEST_F(Route, ThatIsSlowLosesNothing) {
+    Stream stream(berlin_, paris_);
+    line_.throttle(20'000);
+    stream.send(3'000, 1'000);
+    stream.expectHeardOrTold();
+    EXPECT_EQ(stream.told(), 0U);
+}
+
+TEST_F(Route, ThatIsStalledIsAsBeforeWhenItFlows) {
+    Stream stream(berlin_, paris_);
+    line_.stall();
+    stream.send(1'000, 1'000);
+    expectBothForget();
+    stream.send(1'000, 1'000);
+    line_.restore();
+    Host::awaitInterestOfBoth(berlin_, paris_);
+    stream.expectHeardOrLost();
+}
+
+TEST(Servers, ThatAllDieLoseNothingUntold) {
+    NatsServer first;
+    NatsServer second(&first);
+    Host berlin("berlin", first.url() + ',' + second.url());
+    Host paris("paris", second.url() + ',' + first.url());
+    Stream stream(berlin, paris);
+    Stream back(paris, berlin);
+    stream.send(1'000);
+    for (NatsServer* server : {&first, &second}) server->kill();
+    for (Stream* each : {&stream, &back}) each->send(1'000);
+    for (NatsServer* server : {&first, &second}) server->restart();
+    for (Host* host : {&berlin, &paris}) EXPECT_TRUE(awaitConnections(*host, 2));
+    for (Stream* each : {&stream, &back}) each->expectHeardOrTold();
+}
+
+TEST(Clocks, ThatAreAnHourApartChangeNothing) {
+    if (kIsWatched) GTEST_SKIP() << "the sanitizer must be loaded before the library";
+    NatsServer nats;
+    std::optional<Host> paris;
+    {
+        const EnvironmentVariable library("LD_PRELOAD", "/usr/$LIB/faketime/libfaketime.so.1");
+        const EnvironmentVariable ahead("FAKETIME", "+1h");
+        paris.emplace("paris", nats.url());
+    }
+    Host berlin("berlin", nats.url());
+    Stream stream(berlin, *paris);
+    Stream back(*paris, berlin);
+    nats.restart();
+    for (Stream* each : {&stream, &back}) each->send(1'000);
+    for (Stream* each : {&stream, &back}) each->expectHeardOrTold();
+    EXPECT_TRUE(eventually([&] { return berlin.about("paris")["rtt_us"].is_number(); }));
+    EXPECT_LT(berlin.about("paris")["rtt_us"], 10'000'000);
+    const auto hourOf = [](const Json& host) {
+        return std::stoi(host["since"].get<std::string>().substr(11));
+    };
+    EXPECT_NE(hourOf(berlin.about("paris")), hourOf(berlin.about("berlin"))) << "it is ahead";
+}
+
+TEST_F(Route, ThatIsCutLeavesAGroupOneActiveMemberASide) {
+    const auto inBerlin = berlin_.startMember();
+    EXPECT_NE(inBerlin->awaitError("answering on"), "");
+    const auto inParis = paris_.startMember();
+    EXPECT_EQ(berlin_.ask() + paris_.ask(), "berlin\nberlin\n");
+    line_.cut();
+    EXPECT_NE(inParis->awaitError("answering on"), "");
+    expectBothForget();
+    EXPECT_EQ(berlin_.ask() + paris_.ask(), "berlin\nparis\n");
+    line_.restore();
+    EXPECT_TRUE(eventually([&] {
+        const std::string log = inParis->errors();
+        return log.rfind("standing by on") > log.rfind("answering on");
+    }));
+    Host::awaitInterestOfBoth(berlin_, paris_);
+    EXPECT_EQ(berlin_.ask() + paris_.ask(), "berlin\nberlin\n");
+}
+
+}  // namespace
+}  // namespace kvx::test
