@@ -161,7 +161,11 @@ inline std::uint64_t lossIn(const Received& notice) {
 class Stream {
   public:
     Stream(Host& from, Host& to)
-        : to_(to.name() + '.'), listener_(to.listener({to_ + '*'})), sender_(from.session()) {
+        : from_(from),
+          to_(to),
+          subject_(to.name() + '.'),
+          listener_(to.listener({subject_ + '*'})),
+          sender_(from.session()) {
         from.awaitInterest({{to.name(), 1}});
         send(3);  // a subject counts from its first message on
         for (const char* text : {"0", "1", "2"}) EXPECT_EQ(listener_.expectText(), text);
@@ -172,12 +176,22 @@ class Stream {
         for (; count > 0; --count, ++sent_) {
             std::string text = std::to_string(sent_);
             if (text.size() < bytes) text.append(bytes - text.size(), ' ');
-            sender_.publish(to_ + std::to_string(sent_ % 3), text);
+            sender_.publish(subject_ + std::to_string(sent_ % 3), text);
         }
+    }
+    /// Waits until the bridge has all of it, so that the daemon has nothing to drop.
+    void awaitTaken() {
+        EXPECT_TRUE(
+            eventually([&] { return from_.about(to_.name())["out"]["messages"] == sent_; }));
     }
     /// Hears each message once in order, or of its loss.
     void expectHeardOrTold() {
-        while (heard_ + told_ < sent_) hear();
+        try {
+            while (heard_ + told_ < sent_) hear();
+        } catch (const std::runtime_error&) {
+            FAIL() << heard_ << " heard and " << told_ << " told of " << sent_ << '\n'
+                   << from_.bridge().errors() << to_.bridge().errors();
+        }
         EXPECT_EQ(heard_ + told_, sent_);
         expectNothingMore();
     }
@@ -203,11 +217,13 @@ class Stream {
         last_ = std::stoi(next.text);
     }
     void expectNothingMore() {
-        sender_.publish(to_ + '0', "end");
+        sender_.publish(subject_ + '0', "end");
         EXPECT_EQ(textsToTheEnd(listener_), Texts{});
     }
 
-    const std::string to_;
+    Host& from_;
+    Host& to_;
+    const std::string subject_;
     RawClient listener_;
     RawClient sender_;
     std::uint64_t sent_ = 0;
