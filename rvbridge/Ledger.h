@@ -160,9 +160,8 @@ class ReceiverSink {
     /// Asked for a frame on a subject of which nothing is known: whether we were subscribed since
     /// before its key epoch began (`Exchange::heardAllOf`), so that its numbers from 1 on are ours.
     virtual bool heardAllOf(const Frame& frame, SubjectView subject) = 0;
-    /// Else asked: whether what is expected on the subject may be known by this frame: the sender
-    /// knew that we listen, or whatever comes on the subject comes to us.
-    virtual bool mayBegin(const Frame& /*frame*/, SubjectView /*subject*/) { return true; }
+    /// Else asked, for who does not know it when the frame is taken: its `mayBegin`.
+    virtual bool mayBegin(const Frame& frame, SubjectView /*subject*/) { return frame.mayBegin; }
 };
 
 /// Takes the frames of all other bridges of one space: leaves out second copies, counts gaps, puts
