@@ -479,13 +479,9 @@ bool Bridge::onEngineMessage(std::string_view subject, Bytes bytes) {
     return true;
 }
 
-// Everybody hears a mark, but maybe not the messages behind it, which may go to one host.
 void Bridge::take(Frame frame, SubjectView subject) {
-    const bool isMark = frame.isMark();
     do {
-        if (!isSubscribedTo(subject)) continue;
-        frame.mayBegin = frame.knowledge ? exchange_.wasKnown(*frame.knowledge, subject) : !isMark;
-        receiver_.take(frame, subject);
+        if (isSubscribedTo(subject)) receiver_.take(frame, subject);
     } while (nextRun(frame, subject));
 }
 
@@ -574,6 +570,11 @@ bool Bridge::tell(const std::string& subject, Losses& losses) {
 
 bool Bridge::heardAllOf(const Frame& frame, SubjectView subject) {
     return exchange_.heardAllOf(frame.host, frame.epoch, frame.first.keyEpoch, subject);
+}
+
+// Everybody hears a mark, but maybe not the messages behind it, which may go to one host.
+bool Bridge::mayBegin(const Frame& frame, SubjectView subject) {
+    return frame.knowledge ? exchange_.wasKnown(*frame.knowledge, subject) : !frame.isMark();
 }
 
 void Bridge::tick() {

@@ -82,6 +82,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void lost(std::string_view host, SubjectView subject, std::uint64_t messages,
               LossCause cause) override;
     bool heardAllOf(const Frame& frame, SubjectView subject) override;
+    bool mayBegin(const Frame& frame, SubjectView subject) override;
 
     void hearInterest(Bytes message);
     void hearInterestField(std::string_view name, rvmsg_Type type, rvmsg_Size size,

@@ -39,13 +39,6 @@ bool isAfter(std::uint32_t keyEpoch, std::uint32_t other) {
 
 constexpr std::size_t kIdBytes = sizeof(std::uint32_t);
 
-// The key of a subject in the table of expected numbers: the peer's id, the subject's bytes.
-std::string keyOf(std::uint32_t id, SubjectView subject) {
-    std::string key(kIdBytes, '\0');
-    storeBig32(key.data(), id);
-    return key.append(subject.encoded());
-}
-
 }  // namespace
 
 Sender::Sender(std::uint64_t seed, std::size_t maxSubjects) : table_(seed, maxSubjects) {}
@@ -121,10 +114,14 @@ Receiver::Receiver(std::uint64_t seed, ReceiverSink& sink, std::size_t maxSubjec
       maxUnfinished_(maxUnfinished) {}
 
 Receiver::Peer& Receiver::peerOf(std::string_view host, std::uint64_t epoch) {
+    if (lastPeer_ != nullptr && lastPeer_->epoch == epoch && lastPeer_->host == host) {
+        return *lastPeer_;
+    }
     std::string key(sizeof epoch, '\0');
     std::memcpy(key.data(), &epoch, sizeof epoch);
     key.append(host);
-    if (Peer* const known = peers_.find(key)) return *known;
+    lastPeer_ = peers_.find(key);
+    if (lastPeer_ != nullptr) return *lastPeer_;
     if (peers_.isFull()) {
         Peer& oldest = peers_.oldest().second;
         giveUp(oldest);
@@ -133,9 +130,19 @@ Receiver::Peer& Receiver::peerOf(std::string_view host, std::uint64_t epoch) {
     Peer peer;
     peer.id = nextId_++;
     peer.host = host;
+    peer.epoch = epoch;
     Peer& added = peers_.add(key, std::move(peer));
     byId_[added.id] = &added;
+    lastPeer_ = &added;
     return added;
+}
+
+// The key of a subject in the table of expected numbers: the peer's id, the subject's bytes. Valid
+// until the next call.
+const std::string& Receiver::keyOf(std::uint32_t peer, SubjectView subject) {
+    key_.resize(kIdBytes);
+    storeBig32(key_.data(), peer);
+    return key_.append(subject.encoded());
 }
 
 void Receiver::take(const Frame& frame, SubjectView subject) {
@@ -257,12 +264,12 @@ void Receiver::giveUp(Peer& peer) {
 // true when what was expected is known.
 bool Receiver::note(Peer& peer, const Frame& frame, SubjectView subject,
                     const MessageNumber& number, std::uint64_t count) {
-    const std::string key = keyOf(peer.id, subject);
+    const std::string& key = keyOf(peer.id, subject);
     Expected* expected = find(key, subject);
     bool isKnown = expected != nullptr;
     if (!isKnown) {
         isKnown = isAfter(number.keyEpoch, peer.forgotten) && sink_.heardAllOf(frame, subject);
-        if (!isKnown && !frame.mayBegin) return false;
+        if (!isKnown && !sink_.mayBegin(frame, subject)) return false;
         if (expected_.isFull()) drop(expected_.oldest().first, expected_.oldest().second);
         expected =
             &expected_.add(key, {number.keyEpoch, isKnown ? 1 : number.number, faults_, forgets_});

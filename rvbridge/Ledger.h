@@ -175,6 +175,8 @@ class ReceiverSink {
     /// Asked for a frame on a subject of which nothing is known: whether we were subscribed since
     /// before its key epoch began (`Exchange::heardAllOf`), so that its numbers from 1 on are ours.
     virtual bool heardAllOf(const Frame& frame, SubjectView subject) = 0;
+    /// Else asked, for who does not know it when the frame is taken: its `mayBegin`.
+    virtual bool mayBegin(const Frame& frame, SubjectView /*subject*/) { return frame.mayBegin; }
 };
 
 /// Takes the frames of all other bridges of one space: leaves out second copies, counts gaps, puts
@@ -223,6 +225,7 @@ class Receiver {
     struct Peer {
         std::uint32_t id = 0;  // in the keys of `expected_`
         std::string host;
+        std::uint64_t epoch = 0;
         std::uint64_t last = 0;       // sequence seen last
         std::uint32_t forgotten = 0;  // newest key epoch of what has left `expected_`
         Losses losses{};
@@ -242,6 +245,7 @@ class Receiver {
     };
 
     Peer& peerOf(std::string_view host, std::uint64_t epoch);
+    const std::string& keyOf(std::uint32_t peer, SubjectView subject);
     void takeData(Peer& peer, const Frame& frame, SubjectView subject);
     void takePart(Peer& peer, const Frame& frame, SubjectView subject);
     void startParts(Peer& peer, const Frame& frame, SubjectView subject);
@@ -261,6 +265,7 @@ class Receiver {
 
     ReceiverSink& sink_;
     RecentTable<Peer> peers_;         // by epoch and host
+    Peer* lastPeer_ = nullptr;        // the latest used
     RecentTable<Expected> expected_;  // by the peer's id and the subject
     // Patterns of which the subjects that have not been seen since are forgotten: `forgets_` then.
     std::unordered_map<std::string, std::uint64_t> forgotten_;
@@ -268,6 +273,7 @@ class Receiver {
     std::uint64_t forgets_ = 0;
     std::unordered_map<std::uint32_t, Peer*> byId_;
     std::uint32_t nextId_ = 1;
+    std::string key_;                            // the last one made, here to keep its memory
     std::map<std::uint64_t, Peer*> unfinished_;  // by age
     std::uint64_t nextAge_ = 1;
     std::size_t unfinishedBytes_ = 0;
