@@ -32,6 +32,7 @@ constexpr const char* kHosts = "_RVD.HOSTS";
 constexpr std::size_t kControlHead = 1'024;  // bytes of a frame besides the payload, at most
 constexpr std::size_t kSomeGone = 1'000;     // subjects
 constexpr std::size_t kManyGone = 100'000;
+constexpr Microseconds kHostsApart = Exchange::kSecond / 4;  // answers from one count
 constexpr int kMarksPerTick = 4'000;
 constexpr std::size_t kMaxUntold = 65'536;  // subjects
 static_assert(Engine::kLeastBytes >= FrameWriter::kLeastLimit);
@@ -71,11 +72,20 @@ bool overlap(SubjectView one, SubjectView other) {
     return one.count() == other.count();
 }
 
-// Whether a message on `subject`, or a listen to it, may have to do with one of the patterns.
-bool isWithin(const std::vector<Subject>& patterns, SubjectView subject) {
+// Whether one of the patterns lets a listen to `subject` cross.
+bool mayConcern(const std::vector<Subject>& patterns, SubjectView subject) {
     return patterns.empty() || subject.first() == kInboxElement ||
            std::ranges::any_of(patterns, [subject](const Subject& pattern) {
                return overlap(pattern.view(), subject);
+           });
+}
+
+// Whether one of them lets a message on it cross: all that the message reaches must fit the
+// pattern.
+bool isWithin(const std::vector<Subject>& patterns, SubjectView subject) {
+    return patterns.empty() || subject.first() == kInboxElement ||
+           std::ranges::any_of(patterns, [subject](const Subject& pattern) {
+               return covers(pattern.view(), subject);
            });
 }
 
@@ -123,20 +133,14 @@ void Bridge::onDaemonUp() {
     for (const char* subject : {kInterest, kHosts}) {
         (void)daemon_.listen(*Subject::fromText(subject));
     }
-    for (auto& [subject, listen] : others_) {
-        listen.isUnsaid = true;
-        unsaid_.push_back(subject);
-    }
-    sayUnsaid();
+    for (const auto& subject : others_) tellDaemon(viewOf(subject), true);
 }
 
 void Bridge::onDaemonDown(const std::string& why) {
     if (std::exchange(lastWhy_, why) != why) {
         log_.warning("no daemon at " + options_.daemon + ": " + why);
     }
-    unsaid_.clear();
-    for (auto& [subject, listen] : others_) listen.isSaid = listen.isUnsaid = false;
-    std::erase_if(others_, [](const auto& entry) { return !entry.second.isWanted; });
+    owed_.clear();
     untold_.clear();
     if (own_.empty()) return;
     while (!own_.empty()) removeOwn(Subject(viewOf(own_.begin()->first)));
@@ -228,7 +232,8 @@ void Bridge::addOwn(SubjectView subject) {
     const auto [at, isNew] = own_.try_emplace(keyOf(subject));
     at->second.snapshot = snapshot_;
     if (isNew) {
-        at->second.isImported = isWithin(options_.imports, subject);
+        at->second.isImported = mayConcern(options_.imports, subject);
+        at->second.since = receiver_.forgets();
         if (at->second.isImported) {
             (void)imported_.add(subject, &at->second);
             engine_.subscribe(subjects_.subscription(subject));
@@ -243,8 +248,8 @@ void Bridge::removeOwn(SubjectView subject) {
     if (found->second.isImported) {
         exchange_.remove(subject);
         engine_.unsubscribe(subjects_.subscription(subject));
-        receiver_.forget(subject);
         (void)imported_.remove(subject, &found->second);
+        receiver_.forget(subject);
     }
     own_.erase(found);
     ++gone_;
@@ -299,6 +304,7 @@ bool Bridge::append(SubjectView subject, const MessageNumber& number, Bytes mess
 }
 
 void Bridge::sendParts(SubjectView subject, const MessageNumber& number, Bytes message) {
+    exchange_.flush();
     bool isSent = true;
     writer_.parts(number, message, [&](Bytes part) { isSent = isSent && publish(openAt_, part); });
     if (!isSent) sender_.dropped(subject, LossCause::QueueFull);
@@ -331,7 +337,7 @@ void Bridge::endTurn() {
     endFrame();
     if (hasStarted_) exchange_.flush();
     if (sender_.hasDropped()) (void)sendMarksOfDropped();
-    sayUnsaid();
+    tellOwed();
     tellUntold();
 }
 
@@ -383,48 +389,34 @@ void Bridge::sendTo(std::string_view host, Bytes control) {
     (void)publish(subjects_.controlTo(host), control_.control(control, sender_.last()));
 }
 
+// What it has no room for is told later, unless the opposite is.
+void Bridge::tellDaemon(SubjectView subject, bool isListen) {
+    if (!owed_.empty() && owed_.erase(keyOf(subject)) != 0) return;
+    const bool isTold = isListen ? daemon_.listen(subject) : daemon_.cancel(subject);
+    if (!isTold && daemon_.isUp()) owed_.insert(keyOf(subject));
+}
+
+void Bridge::tellOwed() {
+    while (!owed_.empty()) {
+        const std::string& key = *owed_.begin();
+        const bool isTold =
+            others_.contains(key) ? daemon_.listen(viewOf(key)) : daemon_.cancel(viewOf(key));
+        if (!isTold) return;
+        owed_.erase(owed_.begin());
+    }
+}
+
 void Bridge::listen(SubjectView subject) {
-    want(subject, true);
+    if (!others_.insert(keyOf(subject)).second) return;
+    tellDaemon(subject, true);
     if (options_.isVerbose) log_.debug("others listen to " + subject.text());
 }
 
 void Bridge::cancel(SubjectView subject) {
-    want(subject, false);
+    if (others_.erase(keyOf(subject)) == 0) return;
     ++gone_;
+    tellDaemon(subject, false);
     if (options_.isVerbose) log_.debug("nobody else listens to " + subject.text());
-}
-
-void Bridge::want(SubjectView subject, bool isWanted) {
-    const std::string key = keyOf(subject);
-    others_[key].isWanted = isWanted;
-    say(key);
-}
-
-// Tells the daemon what it does not know yet, or notes that it has to be told.
-void Bridge::say(const std::string& subject) {
-    const auto at = others_.find(subject);
-    Listen& listen = at->second;
-    if (listen.isUnsaid) return;
-    if (daemon_.isUp() && listen.isWanted != listen.isSaid) {
-        const SubjectView view = viewOf(subject);
-        const bool isTaken = listen.isWanted ? daemon_.listen(view) : daemon_.cancel(view);
-        if (!isTaken) {
-            listen.isUnsaid = true;
-            return unsaid_.push_back(subject);
-        }
-        listen.isSaid = listen.isWanted;
-    }
-    if (!listen.isWanted) others_.erase(at);
-}
-
-void Bridge::sayUnsaid() {
-    for (std::size_t left = unsaid_.size(); left > 0 && daemon_.isUp(); --left) {
-        const std::string subject = std::move(unsaid_.front());
-        unsaid_.pop_front();
-        others_.at(subject).isUnsaid = false;
-        say(subject);
-        if (!unsaid_.empty() && unsaid_.back() == subject) return;  // no room
-    }
 }
 
 void Bridge::hostUp(const HostState& host) {
@@ -488,11 +480,15 @@ void Bridge::take(Frame frame, SubjectView subject) {
 // Not subscribed: what the engine still delivers of a subscription that has ended, and inboxes of
 // others by a pattern. Messages on wildcard subjects come to every bridge.
 bool Bridge::isSubscribedTo(SubjectView subject) {
+    return isSubscribedSince(receiver_.forgets(), subject);
+}
+
+bool Bridge::isSubscribedSince(std::uint64_t forgets, SubjectView subject) {
     if (subject.hasWildcards()) return true;
     bool isFound = false;
-    (void)imported_.match(subject, deliveryMatch(subject), [&isFound](Own&) {
-        isFound = true;
-        return false;
+    (void)imported_.match(subject, deliveryMatch(subject), [&](const Own& own) {
+        isFound = own.since <= forgets;
+        return !isFound;
     });
     return isFound;
 }
@@ -508,7 +504,7 @@ bool Bridge::message(SubjectView subject, Bytes message) {
         ++unreadable_;
         return true;
     }
-    if (!daemon_.isUp() || !isWithin(options_.imports, subject)) return true;
+    if (!daemon_.isUp()) return true;
     // What is lost is told before what follows.
     if (!untold_.empty()) tellUntold();
     const bool mustWait = !untold_.empty() && untold_.contains(keyOf(subject));
@@ -619,9 +615,12 @@ void Bridge::answerHosts(Bytes message) {
     }
     const auto subject = Subject::fromText(static_cast<const char*>(reply));
     if (!subject) return;
-    const std::string text = hostsText();
-    (void)daemon_.send(
-        wire::buildData(subject->view().bytes(), nullptr, 0, {RVMSG_STRING, 0, text.c_str()}));
+    if (hostsText_.empty() || now() - hostsAt_ > kHostsApart) {
+        hostsText_ = hostsText();
+        hostsAt_ = now();
+    }
+    (void)daemon_.send(wire::buildData(subject->view().bytes(), nullptr, 0,
+                                       {RVMSG_STRING, 0, hostsText_.c_str()}));
 }
 
 // A JSON array with one object a host, this one first.
@@ -642,10 +641,17 @@ std::string Bridge::hostsText() {
         }
         return object;
     };
+    std::map<std::string, std::pair<Traffic, Losses>> counted;
+    receiver_.eachPeer([&counted](const std::string& host, const Receiver::Received& received,
+                                  const Losses& lost) {
+        auto& [sum, sumLost] = counted[host];
+        sum.messages += received.messages;
+        sum.bytes += received.bytes;
+        for (std::size_t i = 0; i < kLossCauses; ++i) sumLost[i] += lost[i];
+    });
     exchange_.eachHost([&](const HostState& host) {
-        const auto received = receiver_.received(host.name);
+        const auto& [received, lost] = counted[host.name];
         const Traffic sent = routes_.sentTo(host.name);
-        const Losses lost = receiver_.losses(host.name);
         in.messages += received.messages;
         in.bytes += received.bytes;
         out.messages += sent.messages;

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <deque>
 #include <map>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/Log.h"
@@ -53,15 +53,10 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void tick();
 
   private:
-    // A subject of others, and what our daemon knows of it.
-    struct Listen {
-        bool isWanted = false;
-        bool isSaid = false;
-        bool isUnsaid = false;  // in `unsaid_`
-    };
     struct Own {
         unsigned snapshot = 0;  // the last one that has named it
         bool isImported = false;
+        std::uint64_t since = 0;  // `Receiver::forgets` when it was added
     };
 
     void onDaemonUp() override;
@@ -82,6 +77,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void lost(std::string_view host, SubjectView subject, std::uint64_t messages,
               LossCause cause) override;
     bool heardAllOf(const Frame& frame, SubjectView subject) override;
+    bool isSubscribedSince(std::uint64_t forgets, SubjectView subject) override;
     bool mayBegin(const Frame& frame, SubjectView subject) override;
 
     void hearInterest(Bytes message);
@@ -92,9 +88,8 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void removeOwn(SubjectView subject);
     void hearDropped(Bytes message);
     void joinWhenComplete();
-    void want(SubjectView subject, bool isWanted);
-    void say(const std::string& subject);
-    void sayUnsaid();
+    void tellDaemon(SubjectView subject, bool isListen);
+    void tellOwed();
     void keepUntold(const std::string& subject, const Losses& losses);
     [[nodiscard]] bool tell(const std::string& subject, Losses& losses);
     void tellUntold();
@@ -146,9 +141,11 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     std::unordered_map<std::string, Own> own_;  // encoded subjects that local sessions listen to
     SubjectTree<Own> imported_;                 // those that others are told of
     unsigned snapshot_ = 0;
-    std::unordered_map<std::string, Listen> others_;  // what we listen to for other hosts
-    std::deque<std::string> unsaid_;                  // of these, while the daemon has no room
+    std::unordered_set<std::string> others_;  // what we listen to for other hosts
+    std::unordered_set<std::string> owed_;  // of which the daemon, without room, knows the opposite
 
+    std::string hostsText_;  // the last answer
+    Microseconds hostsAt_ = 0;
     std::unordered_map<std::string, Losses> untold_;  // for which the daemon has no room
     std::uint64_t unreadable_ = 0;                    // since they were logged last
     std::size_t gone_ = 0;                            // subjects, since freed memory was returned

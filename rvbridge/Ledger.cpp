@@ -19,25 +19,22 @@ namespace kvx::bridge {
 
 namespace {
 
-// Whether a message on `subject` reaches a subscription to `pattern`, at the engine.
-bool matches(SubjectView pattern, SubjectView subject) {
-    auto element = subject.begin();
-    unsigned left = pattern.count();
-    for (const std::string_view wanted : pattern) {
-        if (element == subject.end()) return false;
-        if (--left == 0 && wanted == kAnyTrailingElements) return true;
-        if (wanted != kAnyElement && wanted != *element) return false;
-        ++element;
-    }
-    return element == subject.end();
-}
-
 // Key epochs grow, and wrap.
 bool isAfter(std::uint32_t keyEpoch, std::uint32_t other) {
     return static_cast<std::int32_t>(keyEpoch - other) > 0;
 }
 
 constexpr std::size_t kIdBytes = sizeof(std::uint32_t);
+
+// The key of a peer.
+std::string peerKey(std::string_view host, std::uint64_t epoch) {
+    std::string key(sizeof epoch, '\0');
+    std::memcpy(key.data(), &epoch, sizeof epoch);
+    return key.append(host);
+}
+
+// Nobody sends so many; a number beyond it is forged, and would make all that follow second copies.
+constexpr std::uint64_t kLongestLeap = std::uint64_t{1} << 40U;
 
 }  // namespace
 
@@ -117,12 +114,11 @@ Receiver::Peer& Receiver::peerOf(std::string_view host, std::uint64_t epoch) {
     if (lastPeer_ != nullptr && lastPeer_->epoch == epoch && lastPeer_->host == host) {
         return *lastPeer_;
     }
-    std::string key(sizeof epoch, '\0');
-    std::memcpy(key.data(), &epoch, sizeof epoch);
-    key.append(host);
+    const std::string key = peerKey(host, epoch);
     lastPeer_ = peers_.find(key);
     if (lastPeer_ != nullptr) return *lastPeer_;
     if (peers_.isFull()) {
+        hasEvicted_ = true;
         Peer& oldest = peers_.oldest().second;
         giveUp(oldest);
         byId_.erase(oldest.id);
@@ -130,6 +126,7 @@ Receiver::Peer& Receiver::peerOf(std::string_view host, std::uint64_t epoch) {
     Peer peer;
     peer.id = nextId_++;
     peer.host = host;
+    peer.isFromEvicted = hasEvicted_;
     peer.epoch = epoch;
     Peer& added = peers_.add(key, std::move(peer));
     byId_[added.id] = &added;
@@ -147,6 +144,7 @@ const std::string& Receiver::keyOf(std::uint32_t peer, SubjectView subject) {
 
 void Receiver::take(const Frame& frame, SubjectView subject) {
     Peer& peer = peerOf(frame.host, frame.epoch);
+    if (peer.last != 0 && frame.first.sequence > peer.last + kLongestLeap) return;
     if (frame.isMark()) {
         // It has the sequence of what comes next. An older one says nothing new.
         if (frame.first.sequence <= peer.last) return;
@@ -268,6 +266,8 @@ bool Receiver::note(Peer& peer, const Frame& frame, SubjectView subject,
     Expected* expected = find(key, subject);
     bool isKnown = expected != nullptr;
     if (!isKnown) {
+        // Of one that may have been here before, what began up to its first frame is unknown.
+        if (std::exchange(peer.isFromEvicted, false)) peer.forgotten = number.keyEpoch;
         isKnown = isAfter(number.keyEpoch, peer.forgotten) && sink_.heardAllOf(frame, subject);
         if (!isKnown && !sink_.mayBegin(frame, subject)) return false;
         if (expected_.isFull()) drop(expected_.oldest().first, expected_.oldest().second);
@@ -315,38 +315,16 @@ void Receiver::fault(LossCause cause) {
 void Receiver::forget(SubjectView pattern) {
     // The other parts may still come by another subscription; if not, nobody wanted them.
     for (const auto& [age, peer] : unfinished_) {
-        if (matches(pattern, SubjectView::trusted(peer->subject.data()))) peer->isUncounted = true;
+        if (covers(pattern, SubjectView::trusted(peer->subject.data()))) peer->isUncounted = true;
     }
-    if (forgotten_.size() >= kMaxForgotten) dropForgotten();
-    const auto [at, isNew] = forgotten_.try_emplace(std::string(pattern.encoded()));
-    at->second = ++forgets_;
-    if (isNew) (void)forgottenTree_->add(pattern, &at->second);
-}
-
-void Receiver::dropForgotten() {
-    expected_.eraseIf([this](const std::string& key, const Expected& expected) {
-        if (!isForgotten(expected, SubjectView::trusted(key.data() + kIdBytes))) return false;
-        drop(key, expected);
-        return true;
-    });
-    forgottenTree_.emplace();
-    forgotten_.clear();
-}
-
-bool Receiver::isForgotten(const Expected& expected, SubjectView subject) const {
-    bool isFound = false;
-    forgottenTree_->match(subject, deliveryMatch(subject), [&](const std::uint64_t& forgets) {
-        isFound = forgets > expected.forgets;
-        return !isFound;
-    });
-    return isFound;
+    ++forgets_;
 }
 
 // What is expected on a subject; null when nothing is known.
 Receiver::Expected* Receiver::find(const std::string& key, SubjectView subject) {
     Expected* const expected = expected_.find(key);
     if (expected == nullptr || expected->forgets == forgets_) return expected;
-    if (isForgotten(*expected, subject)) {
+    if (!sink_.isSubscribedSince(expected->forgets, subject)) {
         drop(key, *expected);
         expected_.erase(key);
         return nullptr;
@@ -364,28 +342,7 @@ void Receiver::drop(const std::string& key, const Expected& expected) {
 }
 
 void Receiver::hostDown(std::string_view host, std::uint64_t epoch) {
-    giveUp(peerOf(host, epoch));
-}
-
-Losses Receiver::losses(std::string_view host) {
-    Losses sum{};
-    peers_.each([&](const std::string&, const Peer& peer) {
-        for (std::size_t i = 0; i < sum.size() && peer.host == host; ++i) sum[i] += peer.losses[i];
-        return true;
-    });
-    return sum;
-}
-
-Receiver::Received Receiver::received(std::string_view host) {
-    Received sum;
-    peers_.each([&](const std::string&, const Peer& peer) {
-        if (peer.host == host) {
-            sum.messages += peer.received.messages;
-            sum.bytes += peer.received.bytes;
-        }
-        return true;
-    });
-    return sum;
+    if (Peer* const peer = peers_.find(peerKey(host, epoch))) giveUp(*peer);
 }
 
 }  // namespace kvx::bridge

@@ -177,6 +177,9 @@ class ReceiverSink {
     virtual bool heardAllOf(const Frame& frame, SubjectView subject) = 0;
     /// Else asked, for who does not know it when the frame is taken: its `mayBegin`.
     virtual bool mayBegin(const Frame& frame, SubjectView /*subject*/) { return frame.mayBegin; }
+    /// Whether one of our subscriptions that matches `subject` was there already when `forgets` was
+    /// the number of `Receiver::forgets`.
+    virtual bool isSubscribedSince(std::uint64_t forgets, SubjectView subject) = 0;
 };
 
 /// Takes the frames of all other bridges of one space: leaves out second copies, counts gaps, puts
@@ -190,7 +193,6 @@ class Receiver {
     static constexpr std::size_t kMaxSubjects = 262'144;        ///< of all hosts together
     static constexpr std::size_t kMaxHosts = 4'096;             ///< names and epochs
     static constexpr std::size_t kMaxUnfinished = 134'217'728;  ///< bytes, of all hosts together
-    static constexpr std::size_t kMaxForgotten = 65'536;        ///< patterns
 
     /// `seed`: random, of the hashes. `sink` must outlive this object.
     Receiver(std::uint64_t seed, ReceiverSink& sink, std::size_t maxSubjects = kMaxSubjects,
@@ -203,20 +205,29 @@ class Receiver {
     /// come since.
     void fault(LossCause cause);
 
-    /// Our subscription to `pattern` ends: what is expected on its subjects is unknown. Frames that
-    /// still come by it must not be taken. Constant time, but once in `kMaxForgotten` calls.
+    /// Our subscription to `pattern` has ended: what is expected on its subjects is unknown, unless
+    /// another one was there all the time (`ReceiverSink::isSubscribedSince`). Frames that still
+    /// come by it must not be taken. Constant time.
     void forget(SubjectView pattern);
+    /// Grows with each call of `forget`.
+    [[nodiscard]] std::uint64_t forgets() const { return forgets_; }
 
     /// That bridge has ended: its unfinished message is given up.
     void hostDown(std::string_view host, std::uint64_t epoch);
 
-    /// Counted since the start, of all epochs of a host still in the table.
-    [[nodiscard]] Losses losses(std::string_view host);
     struct Received {
         std::uint64_t messages = 0;
         std::uint64_t bytes = 0;
     };
-    [[nodiscard]] Received received(std::string_view host);
+    /// Calls `visit(const std::string& host, const Received&, const Losses&)`, counted since the
+    /// start, for each epoch of a host still in the table.
+    template <class Visit>
+    void eachPeer(Visit&& visit) {
+        peers_.each([&](const std::string&, const Peer& peer) {
+            visit(peer.host, peer.received, peer.losses);
+            return true;
+        });
+    }
 
     [[nodiscard]] std::uint64_t secondCopies() const { return secondCopies_; }
     [[nodiscard]] std::size_t unfinishedBytes() const { return unfinishedBytes_; }
@@ -227,6 +238,7 @@ class Receiver {
         std::string host;
         std::uint64_t epoch = 0;
         std::uint64_t last = 0;       // sequence seen last
+        bool isFromEvicted = false;   // it may have been in the table before
         std::uint32_t forgotten = 0;  // newest key epoch of what has left `expected_`
         Losses losses{};
         Received received;
@@ -256,8 +268,6 @@ class Receiver {
     void lose(Peer& peer, SubjectView subject, std::uint64_t messages, LossCause cause);
     void giveUp(Peer& peer);
     Expected* find(const std::string& key, SubjectView subject);
-    [[nodiscard]] bool isForgotten(const Expected& expected, SubjectView subject) const;
-    void dropForgotten();
     void drop(const std::string& key, const Expected& expected);
     wire::Buffer release(Peer& peer);
     void makeRoom(const Peer& keep, std::size_t more);
@@ -267,12 +277,10 @@ class Receiver {
     RecentTable<Peer> peers_;         // by epoch and host
     Peer* lastPeer_ = nullptr;        // the latest used
     RecentTable<Expected> expected_;  // by the peer's id and the subject
-    // Patterns of which the subjects that have not been seen since are forgotten: `forgets_` then.
-    std::unordered_map<std::string, std::uint64_t> forgotten_;
-    std::optional<SubjectTree<std::uint64_t>> mutable forgottenTree_{std::in_place};  // the same
     std::uint64_t forgets_ = 0;
     std::unordered_map<std::uint32_t, Peer*> byId_;
     std::uint32_t nextId_ = 1;
+    bool hasEvicted_ = false;                    // a peer, ever
     std::string key_;                            // the last one made, here to keep its memory
     std::map<std::uint64_t, Peer*> unfinished_;  // by age
     std::uint64_t nextAge_ = 1;

@@ -228,7 +228,8 @@ bool Router::listen(Session& session, SubjectView subject) {
     if (isInterestSubject(subject) && follow(session)) return true;
     Listen* const known = placeOf(session, subject).listen;
     if (known == nullptr) {
-        if (session.distinctListens() >= kMaxListens) return false;
+        const std::size_t most = session.follows() ? kMaxListensOfFollower : kMaxListens;
+        if (session.distinctListens() >= most) return false;
         const Place place = placeFor(session, subject);
         place.listens.makeRoom();
         place.listens.insert({add(session, place.tree, subject), 1});

@@ -36,6 +36,8 @@ class Router {
   public:
     /// Distinct subjects that one session may listen to.
     static constexpr std::size_t kMaxListens = 262'144;
+    /// Of one that follows: it listens for all other hosts.
+    static constexpr std::size_t kMaxListensOfFollower = 16 * kMaxListens;
     /// Steps that the patterns of one session, but for the first few, may cost a message that fits
     /// none of them: about two for each node of the tree that it reaches. Patterns of n elements
     /// with wildcards at the same places cost about 2 n together. What would cost a session that

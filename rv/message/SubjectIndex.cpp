@@ -35,8 +35,8 @@ bool isReserved(std::string_view first) {
     return first == kInboxElement || first == kReservedElement;
 }
 
-// Whether every subject that `covered` matches matches `pattern` as well; but a wildcard in the
-// first element of `pattern` covers no reserved one.
+}  // namespace
+
 bool covers(SubjectView pattern, SubjectView covered) {
     auto other = covered.begin();
     for (auto at = pattern.begin(); at != pattern.end(); ++at, ++other) {
@@ -53,8 +53,6 @@ bool covers(SubjectView pattern, SubjectView covered) {
     }
     return other == covered.end();
 }
-
-}  // namespace
 
 std::span<const SubjectIndex::Entry> SubjectIndex::Leaf::entries() const {
     if (list != nullptr) return *list;

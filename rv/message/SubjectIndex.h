@@ -18,6 +18,10 @@ namespace kvx {
 /// How a subject is matched; see `SubjectTree`.
 enum class SubjectMatch : std::uint8_t { kAny, kLiteralRoot, kExact, kCovered };
 
+/// Whether every subject that `covered` matches matches `pattern` as well; but a wildcard in the
+/// first element of `pattern` covers no reserved one ("_INBOX", "_RV").
+[[nodiscard]] bool covers(SubjectView pattern, SubjectView covered);
+
 /// The untyped store behind `SubjectTree`: subjects, their subscriptions, and two kinds of match:
 /// `Walk` and `Search`. Loop thread only.
 class SubjectIndex {

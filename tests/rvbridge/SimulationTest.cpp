@@ -47,10 +47,9 @@ bool matches(const std::string& pattern, const std::string& text,
 
 bool isCovered(const std::set<std::string>& patterns, const std::string& text) {
     if (subject(text).view().hasWildcards()) return true;  // every bridge gets these
-    return std::any_of(patterns.begin(), patterns.end(),
-                       [&text](const std::string& pattern) {
-                           return matches(pattern, text, deliveryMatch(subject(text)));
-                       });
+    return std::any_of(patterns.begin(), patterns.end(), [&text](const std::string& pattern) {
+        return matches(pattern, text, deliveryMatch(subject(text)));
+    });
 }
 
 struct World;
@@ -91,6 +90,13 @@ struct Node : ExchangeActions, ReceiverSink {
         return exchange.heardAllOf(frame.host, frame.epoch, frame.first.keyEpoch, s);
     }
 
+    bool isSubscribedSince(std::uint64_t forgets, SubjectView s) override {
+        const std::string text = s.text();
+        return s.hasWildcards() || std::ranges::any_of(since, [&](const auto& entry) {
+                   return entry.second <= forgets && matches(entry.first, text, deliveryMatch(s));
+               });
+    }
+
     void clientListens(const std::string& text);
     void clientCancels(const std::string& text, bool isTold = true);
     void publish(const std::string& text, std::size_t bytes, bool isDropped);
@@ -115,6 +121,7 @@ struct Node : ExchangeActions, ReceiverSink {
     std::set<std::string> interest, atDaemon;
     std::map<std::string, int> subscriptions;  // at the engine
     int lastSubscription = 0;
+    std::map<std::string, std::uint64_t> since;  // `Receiver::forgets` when it began
     Exchange exchange;
     Routes routes;
     Sender sender;
@@ -287,13 +294,17 @@ void Node::clientListens(const std::string& text) {
             if (!before && isCovered(more, on)) accounts[{other->id, on}] = {.coveredFrom = count};
         }
     }
-    if (interest.insert(text).second) subscriptions[text] = ++lastSubscription;
+    if (interest.insert(text).second) {
+        subscriptions[text] = ++lastSubscription;
+        since[text] = receiver.forgets();
+    }
     exchange.add(subject(text));
 }
 
 void Node::clientCancels(const std::string& text, bool isTold) {
     interest.erase(text);
     subscriptions.erase(text);
+    since.erase(text);
     if (isTold) exchange.remove(subject(text));
     receiver.forget(subject(text));
     for (auto& [key, account] : accounts) {
@@ -368,8 +379,7 @@ void Node::tick() {
 void Node::take(Frame frame, const std::string& text) {
     if (!isCovered(interest, text)) return;
     const bool isMark = frame.isMark();
-    frame.mayBegin =
-        frame.knowledge ? exchange.wasKnown(*frame.knowledge, subject(text)) : !isMark;
+    frame.mayBegin = frame.knowledge ? exchange.wasKnown(*frame.knowledge, subject(text)) : !isMark;
     Account& account = accountOf(sendingId, text);
     const bool wasKnown = account.isKnown;
     const Account before = account;
