@@ -233,7 +233,7 @@ void Bridge::addOwn(SubjectView subject) {
     at->second.snapshot = snapshot_;
     if (isNew) {
         at->second.isImported = mayConcern(options_.imports, subject);
-        at->second.since = receiver_.forgets();
+        at->second.since = receiver_.subscriptionsChange();
         if (at->second.isImported) {
             (void)imported_.add(subject, &at->second);
             engine_.subscribe(subjects_.subscription(subject));
@@ -480,14 +480,14 @@ void Bridge::take(Frame frame, SubjectView subject) {
 // Not subscribed: what the engine still delivers of a subscription that has ended, and inboxes of
 // others by a pattern. Messages on wildcard subjects come to every bridge.
 bool Bridge::isSubscribedTo(SubjectView subject) {
-    return isSubscribedSince(receiver_.forgets(), subject);
+    return isSubscribedSince(~std::uint64_t{0}, subject);
 }
 
-bool Bridge::isSubscribedSince(std::uint64_t forgets, SubjectView subject) {
+bool Bridge::isSubscribedSince(std::uint64_t change, SubjectView subject) {
     if (subject.hasWildcards()) return true;
     bool isFound = false;
     (void)imported_.match(subject, deliveryMatch(subject), [&](const Own& own) {
-        isFound = own.since <= forgets;
+        isFound = own.since <= change;
         return !isFound;
     });
     return isFound;

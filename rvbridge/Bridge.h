@@ -56,7 +56,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     struct Own {
         unsigned snapshot = 0;  // the last one that has named it
         bool isImported = false;
-        std::uint64_t since = 0;  // `Receiver::forgets` when it was added
+        std::uint64_t since = 0;  // the change with which it was added
     };
 
     void onDaemonUp() override;
@@ -77,7 +77,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void lost(std::string_view host, SubjectView subject, std::uint64_t messages,
               LossCause cause) override;
     bool heardAllOf(const Frame& frame, SubjectView subject) override;
-    bool isSubscribedSince(std::uint64_t forgets, SubjectView subject) override;
+    bool isSubscribedSince(std::uint64_t change, SubjectView subject) override;
     bool mayBegin(const Frame& frame, SubjectView subject) override;
 
     void hearInterest(Bytes message);

@@ -208,7 +208,7 @@ void Receiver::startParts(Peer& peer, const Frame& frame, SubjectView subject) {
     }
     peer.subject = subject.encoded();
     peer.total = frame.total;
-    peer.isUncounted = false;
+    peer.isUncounted = expected_.peek(keyOf(peer.id, subject)) == nullptr;
     peer.age = nextAge_++;
     unfinished_.emplace(peer.age, &peer);
     appendPart(peer, frame);
@@ -272,11 +272,11 @@ bool Receiver::note(Peer& peer, const Frame& frame, SubjectView subject,
         if (!isKnown && !sink_.mayBegin(frame, subject)) return false;
         if (expected_.isFull()) drop(expected_.oldest().first, expected_.oldest().second);
         expected =
-            &expected_.add(key, {number.keyEpoch, isKnown ? 1 : number.number, faults_, forgets_});
+            &expected_.add(key, {number.keyEpoch, isKnown ? 1 : number.number, faults_, changes_});
     } else if (expected->keyEpoch != number.keyEpoch) {
         // A late mark of an earlier key epoch says nothing of this one.
         if (!isAfter(number.keyEpoch, expected->keyEpoch)) return true;
-        *expected = {number.keyEpoch, 1, expected->fault, forgets_};
+        *expected = {number.keyEpoch, 1, expected->fault, changes_};
     }
     const std::uint64_t missing =
         number.number > expected->number ? number.number - expected->number : 0;
@@ -317,19 +317,19 @@ void Receiver::forget(SubjectView pattern) {
     for (const auto& [age, peer] : unfinished_) {
         if (covers(pattern, SubjectView::trusted(peer->subject.data()))) peer->isUncounted = true;
     }
-    ++forgets_;
+    subscriptionsChange();
 }
 
 // What is expected on a subject; null when nothing is known.
 Receiver::Expected* Receiver::find(const std::string& key, SubjectView subject) {
     Expected* const expected = expected_.find(key);
-    if (expected == nullptr || expected->forgets == forgets_) return expected;
-    if (!sink_.isSubscribedSince(expected->forgets, subject)) {
+    if (expected == nullptr || expected->change == changes_) return expected;
+    if (!sink_.isSubscribedSince(expected->change, subject)) {
         drop(key, *expected);
         expected_.erase(key);
         return nullptr;
     }
-    expected->forgets = forgets_;
+    expected->change = changes_;
     return expected;
 }
 

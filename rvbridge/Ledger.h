@@ -177,9 +177,9 @@ class ReceiverSink {
     virtual bool heardAllOf(const Frame& frame, SubjectView subject) = 0;
     /// Else asked, for who does not know it when the frame is taken: its `mayBegin`.
     virtual bool mayBegin(const Frame& frame, SubjectView /*subject*/) { return frame.mayBegin; }
-    /// Whether one of our subscriptions that matches `subject` was there already when `forgets` was
-    /// the number of `Receiver::forgets`.
-    virtual bool isSubscribedSince(std::uint64_t forgets, SubjectView subject) = 0;
+    /// Whether one of our subscriptions that matches `subject` began with a change
+    /// (`Receiver::subscriptionsChange`) not after this one.
+    virtual bool isSubscribedSince(std::uint64_t change, SubjectView subject) = 0;
 };
 
 /// Takes the frames of all other bridges of one space: leaves out second copies, counts gaps, puts
@@ -209,8 +209,8 @@ class Receiver {
     /// another one was there all the time (`ReceiverSink::isSubscribedSince`). Frames that still
     /// come by it must not be taken. Constant time.
     void forget(SubjectView pattern);
-    /// Grows with each call of `forget`.
-    [[nodiscard]] std::uint64_t forgets() const { return forgets_; }
+    /// A subscription of ours begins, or ends: the number of the change.
+    std::uint64_t subscriptionsChange() { return ++changes_; }
 
     /// That bridge has ended: its unfinished message is given up.
     void hostDown(std::string_view host, std::uint64_t epoch);
@@ -252,8 +252,8 @@ class Receiver {
     struct Expected {
         std::uint32_t keyEpoch = 0;
         std::uint64_t number = 0;
-        std::uint64_t fault = 0;    // `faults_` when last seen
-        std::uint64_t forgets = 0;  // `forgets_` then
+        std::uint64_t fault = 0;   // `faults_` when last seen
+        std::uint64_t change = 0;  // `changes_` then
     };
 
     Peer& peerOf(std::string_view host, std::uint64_t epoch);
@@ -277,7 +277,7 @@ class Receiver {
     RecentTable<Peer> peers_;         // by epoch and host
     Peer* lastPeer_ = nullptr;        // the latest used
     RecentTable<Expected> expected_;  // by the peer's id and the subject
-    std::uint64_t forgets_ = 0;
+    std::uint64_t changes_ = 0;       // of our subscriptions
     std::unordered_map<std::uint32_t, Peer*> byId_;
     std::uint32_t nextId_ = 1;
     bool hasEvicted_ = false;                    // a peer, ever

@@ -157,6 +157,19 @@ TEST_F(Route, ThatIsCutForAWhileLosesNothingUntold) {
     }
 }
 
+TEST_F(Route, ThatIsCutAtTheEndOfAStreamLosesNothingUntold) {
+    Stream stream(berlin_, paris_);
+    Stream back(paris_, berlin_);
+    line_.cut();
+    EXPECT_TRUE(eventually([&] { return line_.connections() == 0; }));
+    for (Stream* each : {&stream, &back}) each->send(1'000);
+    line_.restore();
+    for (Stream* each : {&stream, &back}) {
+        each->expectHeardOrTold();
+        EXPECT_GT(each->told(), 0U);
+    }
+}
+
 TEST_F(Route, ThatIsSlowLosesNothing) {
     Stream stream(berlin_, paris_);
     line_.throttle(20'000);
