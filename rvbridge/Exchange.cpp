@@ -121,6 +121,7 @@ void Exchange::flush() {
     ++change_;
     const std::vector<std::uint8_t> change = std::exchange(pending_, {});
     sendToAll(change);
+    pingSoon();
 }
 
 // What we send.
@@ -199,7 +200,14 @@ void Exchange::sendSnapshot(Microseconds now) {
     } while (at != own_.end());
 }
 
+// What others know of us is known by their pongs. Who has just heard something is asked sooner than
+// with the next beat.
+void Exchange::pingSoon() {
+    if (!pingAt_) pingAt_ = tickedAt_ + kBeat / 4;
+}
+
 void Exchange::pingSome(Microseconds now) {
+    pingAt_.reset();
     for (std::size_t i = 0; i < std::min(kPingsPerBeat, hosts_.size()); ++i) {
         auto at = hosts_.upper_bound(pinged_);
         if (at == hosts_.end()) at = hosts_.begin();
@@ -246,6 +254,8 @@ void Exchange::tick(Microseconds now) {
     if (beatAt_ <= now) {
         beatAt_ = now + kBeat;
         sendState(ControlMessage::kBeat);
+        pingSome(now);
+    } else if (pingAt_ && *pingAt_ <= now) {
         pingSome(now);
     }
     if (stage_ != Stage::Joining || now < startedAt_ + kSettle) return;
@@ -373,7 +383,8 @@ void Exchange::setIncomplete(Microseconds now, Host& host) {
 
 void Exchange::setComplete(Host& host, std::uint64_t change) {
     host.change = change;
-    host.state.complete = host.wasComplete = true;
+    host.state.complete = true;
+    if (!std::exchange(host.wasComplete, true)) pingSoon();
     host.askAt.reset();
     host.incoming.clear();
     host.incomingPart = 0;
@@ -418,9 +429,7 @@ void Exchange::takeChange(Microseconds now, Host& host, const ControlMessage& sa
         const auto subject = ControlMessage::takeSubject(reader);
         if (what == ControlMessage::kRemove) {
             erase(host, *subject);
-        } else if (host.subjects.size() < kMaxSubjectsOfHost) {
-            insert(host, *subject);
-        } else {
+        } else if (!insert(host, *subject)) {
             setIncomplete(now, host);
         }
     }
@@ -451,11 +460,12 @@ void Exchange::takeSnapshot(Microseconds now, Host& host, const ControlMessage& 
     std::uint64_t digest = 0;
     for (const std::string& subject : named) digest += digestOf(subject);
     if (named.size() != said.count || digest != said.digest) return;
-    for (const std::string& subject : named) insert(host, viewOf(subject));
+    bool isWhole = true;
+    for (const std::string& subject : named) isWhole = insert(host, viewOf(subject)) && isWhole;
     for (const std::string& subject : std::vector(host.subjects.begin(), host.subjects.end())) {
         if (!named.contains(subject)) erase(host, viewOf(subject));
     }
-    setComplete(host, said.change);
+    if (isWhole) setComplete(host, said.change);
 }
 
 void Exchange::takePong(Microseconds now, Host& host, const Frame& frame,
@@ -470,20 +480,25 @@ void Exchange::takePong(Microseconds now, Host& host, const Frame& frame,
     if (host.acks.size() > kMaxAcks) host.acks.pop_front();
 }
 
-void Exchange::insert(Host& host, SubjectView subject) {
+// False when there are too many.
+bool Exchange::insert(Host& host, SubjectView subject) {
+    if (host.subjects.size() >= kMaxSubjectsOfHost || subjects_ >= kMaxSubjects) return false;
     const auto [at, isNew] = host.subjects.emplace(subject.encoded());
-    if (!isNew) return;
+    if (!isNew) return true;
+    ++subjects_;
     host.digest += digestOf(*at);
     host.state.subjects = host.subjects.size();
     const bool isFirst = others_.find(subject) == 0;
     others_.add(subject, &host);
     if (isFirst) actions_.listen(subject);
+    return true;
 }
 
 void Exchange::erase(Host& host, SubjectView subject) {
     const auto at = host.subjects.find(std::string(subject.encoded()));
     if (at == host.subjects.end()) return;
     const auto node = host.subjects.extract(at);
+    --subjects_;
     const std::string& kept = node.value();
     host.digest -= digestOf(kept);
     host.state.subjects = host.subjects.size();

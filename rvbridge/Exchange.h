@@ -90,6 +90,7 @@ class Exchange {
     static constexpr std::size_t kMaxHosts = 4'000;             ///< living; others are ignored
     static constexpr std::size_t kMaxSubjectsOfHost =
         1'048'576;  ///< what has more stays incomplete
+    static constexpr std::size_t kMaxSubjects = 4'194'304;  ///< of all other hosts, likewise
 
     /// `actions` must outlive this object.
     Exchange(BridgeIdentity identity, ExchangeActions& actions);
@@ -211,6 +212,7 @@ class Exchange {
     void sendState(std::uint8_t op);
     void sendSnapshot(Microseconds now);
     void wantSnapshot(Microseconds now, std::string_view asker);
+    void pingSoon();
     void pingSome(Microseconds now);
     void askAndForget(Microseconds now);
 
@@ -224,7 +226,7 @@ class Exchange {
     void takePong(Microseconds now, Host& host, const Frame& frame, const ControlMessage& said);
     void setComplete(Host& host, std::uint64_t change);
     void setIncomplete(Microseconds now, Host& host);
-    void insert(Host& host, SubjectView subject);
+    [[nodiscard]] bool insert(Host& host, SubjectView subject);
     void erase(Host& host, SubjectView subject);
     void forget(Host& host);
 
@@ -246,6 +248,7 @@ class Exchange {
     // The others.
     SubjectTree<Host> mutable others_;
     std::map<std::string, std::unique_ptr<Host>, std::less<>> hosts_;
+    std::size_t subjects_ = 0;  // of all hosts
     std::deque<Dead> dead_;  // oldest first
     std::uint64_t unreadable_ = 0;
 
@@ -253,6 +256,7 @@ class Exchange {
     Microseconds startedAt_ = 0;
     Microseconds tickedAt_ = 0;
     Microseconds beatAt_ = 0;
+    std::optional<Microseconds> pingAt_;  // before the next beat
     std::optional<Microseconds> snapshotAt_;
     Microseconds snapshotSentAt_ = 0;
     std::set<std::string, std::less<>> askers_;

@@ -31,6 +31,10 @@ Routes::Route& Routes::find(SubjectView subject, Microseconds now) {
 }
 
 void Routes::refresh(Route& route, SubjectView subject) {
+    if (sent_.size() > kMaxCounted) {
+        sent_.clear();
+        ++interest_;
+    }
     route.interest_ = interest_;
     route.traffic_.clear();
     exchange_.eachWanting(subject, [&](const std::string& host) {

@@ -64,7 +64,8 @@ class Routes {
     RecentTable<Route> routes_;
     std::uint64_t interest_ = 1;
     Microseconds sharedUntil_ = 0;                      // of the routes that have left the table
-    std::map<std::string, Traffic, std::less<>> sent_;  // entries stay
+    static constexpr std::size_t kMaxCounted = 16'384;  // hosts; then all begin at 0 again
+    std::map<std::string, Traffic, std::less<>> sent_;  // the routes point into it
 };
 
 }  // namespace kvx::bridge
