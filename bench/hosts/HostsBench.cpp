@@ -68,9 +68,16 @@ double p50(int requests, const std::function<void()>& roundTrip) {
     return figures.p50;
 }
 
-std::vector<std::string> subjects(std::size_t count) {
+// Names of their own for each measurement: what was listened to in the last one may not yet have
+// been taken back everywhere.
+std::string newPrefix() {
+    static int measurements = 0;
+    return "BENCH." + std::to_string(++measurements) + '.';
+}
+
+std::vector<std::string> subjects(const std::string& prefix, std::size_t count) {
     std::vector<std::string> names;
-    for (std::size_t i = 0; i < count; ++i) names.push_back("BENCH.S." + std::to_string(i));
+    for (std::size_t i = 0; i < count; ++i) names.push_back(prefix + std::to_string(i));
     return names;
 }
 
@@ -78,7 +85,7 @@ std::vector<std::string> subjects(std::size_t count) {
 double rate(std::size_t messages, const std::function<void()>& send,
             const std::function<std::size_t()>& receive) {
     const auto begin = Clock::now();
-    std::thread sender(send);
+    std::jthread sender(send);
     const std::size_t received = receive();
     const double seconds = secondsSince(begin);
     sender.join();
@@ -96,12 +103,13 @@ class Nats {
     double roundTrip(int requests) {
         NatsEnd asker(near_.url(), true);
         NatsEnd answerer(far_.url(), true);
-        answerer.answer("BENCH.Q");
+        const std::string subject = newPrefix() + 'Q';
+        answerer.answer(subject);
         const std::string payload(kPayload, 'x');
         const auto ask = [&] {
             natsMsg* answer = nullptr;
             const natsStatus status =
-                natsConnection_Request(&answer, asker.connection(), "BENCH.Q", payload.data(),
+                natsConnection_Request(&answer, asker.connection(), subject.c_str(), payload.data(),
                                        static_cast<int>(payload.size()), 1'000);
             natsMsg_Destroy(answer);
             return status;
@@ -114,8 +122,9 @@ class Nats {
     double stream(std::size_t messages, std::size_t subjectCount, bool atOnce) {
         NatsEnd sender(near_.url(), atOnce);
         NatsEnd receiver(far_.url(), atOnce);
-        receiver.listen("BENCH.S.*", kPayload);
-        const auto names = subjects(subjectCount);
+        const std::string prefix = newPrefix();
+        receiver.listen(prefix + '*', kPayload);
+        const auto names = subjects(prefix, subjectCount);
         while (!receiver.isReached()) {
             sender.publish(names[0], "");
             sender.flush();
@@ -142,14 +151,15 @@ class Bus {
     double roundTrip(int requests) const {
         Session asker(near_);
         Session answerer(far_);
-        asker.client().listen("BENCH.A");
-        answerer.client().listen("BENCH.Q");
-        awaitWay(asker, answerer, "BENCH.Q");
-        awaitWay(answerer, asker, "BENCH.A");
-        const auto question = message("BENCH.Q");
-        const auto answer = message("BENCH.A");
+        const std::string prefix = newPrefix();
+        asker.client().listen(prefix + 'A');
+        answerer.client().listen(prefix + 'Q');
+        awaitWay(asker, answerer, prefix + 'Q');
+        awaitWay(answerer, asker, prefix + 'A');
+        const auto question = message(prefix + 'Q');
+        const auto answer = message(prefix + 'A');
         const int all = requests + kWarmUp;
-        std::thread answering([&] {
+        std::jthread answering([&] {
             for (int i = 0; i < all && answerer.take(1) == 1; ++i) answerer.send(answer);
         });
         const double median = p50(requests, [&] {
@@ -163,10 +173,12 @@ class Bus {
     double stream(std::size_t messages, std::size_t subjectCount, bool atOnce) const {
         Session sender(near_);
         Session receiver(far_);
-        receiver.client().listen("BENCH.S.*");
-        awaitWay(sender, receiver, "BENCH.S.0");
+        const std::string prefix = newPrefix();
+        receiver.client().listen(prefix + '*');
+        const auto names = subjects(prefix, subjectCount);
+        awaitWay(sender, receiver, names[0]);
         std::vector<test::ByteVector> turn;
-        for (const auto& name : subjects(subjectCount)) turn.push_back(message(name));
+        for (const auto& name : names) turn.push_back(message(name));
         const auto send = [&] {
             test::ByteVector block;
             for (std::size_t i = 0; i < messages; ++i) {
