@@ -33,6 +33,7 @@ struct Owner : ExchangeActions, ReceiverSink {
     bool message(SubjectView, Bytes) override { return true; }
     void lost(std::string_view, SubjectView, std::uint64_t, LossCause) override {}
     bool heardAllOf(const Frame&, SubjectView) override { return true; }
+    bool mayBegin(const Frame&, SubjectView) override { return true; }
     bool isSubscribedSince(std::uint64_t, SubjectView) override { return true; }
     int listens = 0;
 };

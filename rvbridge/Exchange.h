@@ -89,7 +89,7 @@ class Exchange {
     static constexpr std::size_t kMaxDead = 1'000;              ///< hosts kept for `eachHost`
     static constexpr std::size_t kMaxHosts = 4'000;             ///< living; others are ignored
     static constexpr std::size_t kMaxSubjectsOfHost =
-        1'048'576;  ///< what has more stays incomplete
+        1'048'576;                                          ///< what has more stays incomplete
     static constexpr std::size_t kMaxSubjects = 4'194'304;  ///< of all other hosts, likewise
 
     /// `actions` must outlive this object.
@@ -249,7 +249,7 @@ class Exchange {
     SubjectTree<Host> mutable others_;
     std::map<std::string, std::unique_ptr<Host>, std::less<>> hosts_;
     std::size_t subjects_ = 0;  // of all hosts
-    std::deque<Dead> dead_;  // oldest first
+    std::deque<Dead> dead_;     // oldest first
     std::uint64_t unreadable_ = 0;
 
     // What is due when.

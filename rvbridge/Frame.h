@@ -56,10 +56,6 @@ struct Frame {
     Bytes body;  ///< data: the messages (see `FrameMessages`); part: its bytes; control: all
     Bytes rest;  ///< data: the runs on other subjects behind this one (see `nextRun`)
 
-    /// Whether what is expected on the subject may be known by this frame: the sender knew that we
-    /// listen, or whatever comes on the subject comes to us.
-    bool mayBegin = true;
-
     /// Says: `first` is the number of the next message on this subject; what is missing up to it
     /// is lost.
     [[nodiscard]] bool isMark() const { return kind == FrameKind::Data && count == 0; }

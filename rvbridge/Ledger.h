@@ -175,8 +175,9 @@ class ReceiverSink {
     /// Asked for a frame on a subject of which nothing is known: whether we were subscribed since
     /// before its key epoch began (`Exchange::heardAllOf`), so that its numbers from 1 on are ours.
     virtual bool heardAllOf(const Frame& frame, SubjectView subject) = 0;
-    /// Else asked, for who does not know it when the frame is taken: its `mayBegin`.
-    virtual bool mayBegin(const Frame& frame, SubjectView /*subject*/) { return frame.mayBegin; }
+    /// Else asked: whether what is expected on the subject may be known by this frame, since
+    /// whatever comes on it comes to us.
+    virtual bool mayBegin(const Frame& frame, SubjectView subject) = 0;
     /// Whether one of our subscriptions that matches `subject` began with a change
     /// (`Receiver::subscriptionsChange`) not after this one.
     virtual bool isSubscribedSince(std::uint64_t change, SubjectView subject) = 0;

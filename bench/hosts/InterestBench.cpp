@@ -200,41 +200,6 @@ void listenTo(test::RawClient& client, std::size_t from, std::size_t to, bool is
     }
 }
 
-class NoSink final : public bridge::ReceiverSink {
-    void message(SubjectView, Bytes) override {}
-    void lost(std::string_view, SubjectView, std::uint64_t, bridge::LossCause) override {}
-    bool heardAllOf(const bridge::Frame&, SubjectView) override { return false; }
-};
-
-// Subscriptions that end while the table of expected numbers is full.
-void measureForget() {
-    NoSink sink;
-    bridge::Receiver receiver(1, sink);
-    bridge::FrameWriter writer("h", 1);
-    for (std::size_t i = 0; i < bridge::Receiver::kMaxSubjects; ++i) {
-        (void)writer.append({i + 1, static_cast<std::uint32_t>(i), 1}, {});
-        receiver.take(*bridge::readFrame(writer.open()), *Subject::fromText(subjectOf(i).c_str()));
-        writer.clear();
-    }
-    for (const char* const text : {"OTHER.DEVICE1.PORT1", "OTHER.*.PORT1"}) {
-        const Subject pattern = *Subject::fromText(text);
-        constexpr int kTimes = 200;
-        const auto begin = Clock::now();
-        for (int i = 0; i < kTimes; ++i) receiver.forget(pattern);
-        std::printf("  forget %-33s %10.2f us, %zu subjects expected\n", text,
-                    secondsSince(begin) / kTimes * 1e6, bridge::Receiver::kMaxSubjects);
-    }
-    double longest = 0;
-    for (std::size_t i = 0; i < bridge::Receiver::kMaxForgotten + 2; ++i) {
-        const Subject pattern = *Subject::fromText(("OTHER." + std::to_string(i) + ".*").c_str());
-        const auto begin = Clock::now();
-        receiver.forget(pattern);
-        longest = std::max(longest, secondsSince(begin));
-    }
-    std::printf("  forget OTHER.N.*, longest of %zu %10.2f us\n",
-                bridge::Receiver::kMaxForgotten + 2, longest * 1e6);
-}
-
 // Listens of one session while others follow the interest.
 void measureFollowers() {
     for (const std::size_t followers : {0, 1, 10, 100}) {
@@ -258,7 +223,6 @@ void measureFollowers() {
 }  // namespace
 
 void measureInterest(std::size_t subjects, int rounds) {
-    measureForget();
     measureFollowers();
     const test::NatsServer first;
     const test::NatsServer second(&first);

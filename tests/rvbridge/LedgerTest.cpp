@@ -13,12 +13,12 @@ struct Ledger : testing::Test, ReceiverSink {
                        textOf(c));
     }
     bool heardAllOf(const Frame&, SubjectView) override { return heardAll; }
+    bool mayBegin(const Frame&, SubjectView) override { return mayBeginNow; }
 
     // What the receiver does with frame `bytes` on A.
     std::vector<std::string> take(Bytes bytes) {
         seen.clear();
         Frame frame = *readFrame(bytes);
-        frame.mayBegin = mayBegin;
         receiver.take(frame, a);
         return seen;
     }
@@ -62,7 +62,7 @@ struct Ledger : testing::Test, ReceiverSink {
     Seen seen;
     bool heardAll = false;
     bool hasRoom = true;
-    bool mayBegin = true;
+    bool mayBeginNow = true;
     Receiver receiver{1, *this, 100, 20'000};
     FrameWriter writer{"h", 7, FrameWriter::kLeastLimit};
 };
@@ -95,10 +95,10 @@ TEST_F(Ledger, KnowsWhatIsExpectedOnlyWhileSubscribed) {
     EXPECT_EQ(takeMessages({20, 1, 15}, 1), Seen{"message 10"}) << "was seen before";
     receiver.forget(a);
     EXPECT_EQ(takeMessages({30, 2, 3}, 1), (Seen{"h A 2 engine", "message 10"})) << "is all ours";
-    heardAll = mayBegin = false;
+    heardAll = mayBeginNow = false;
     receiver.forget(a);
     EXPECT_EQ(takeMessages({40, 2, 9}, 1), Seen{"message 10"});
-    mayBegin = true;
+    mayBeginNow = true;
     EXPECT_EQ(takeMessages({45, 2, 12}, 1), Seen{"message 10"}) << "it was not known by the first";
 }
 

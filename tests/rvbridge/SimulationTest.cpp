@@ -91,6 +91,9 @@ struct Node : ExchangeActions, ReceiverSink {
         return exchange.heardAllOf(frame.host, frame.epoch, frame.first.keyEpoch, s);
     }
 
+    bool mayBegin(const Frame& frame, SubjectView s) override {
+        return frame.knowledge ? exchange.wasKnown(*frame.knowledge, s) : !frame.isMark();
+    }
     bool isSubscribedSince(std::uint64_t change, SubjectView s) override {
         const std::string text = s.text();
         return s.hasWildcards() || std::ranges::any_of(since, [&](const auto& entry) {
@@ -106,7 +109,7 @@ struct Node : ExchangeActions, ReceiverSink {
     void tick();
     /// Clocks of hosts differ by hours.
     [[nodiscard]] Microseconds clock() const;
-    void take(Frame frame, const std::string& text);
+    void take(const Frame& frame, const std::string& text);
     Account& accountOf(int from, const std::string& text);
     [[nodiscard]] bool hasSubscription(int number) const {
         return number == 0 ||
@@ -381,10 +384,8 @@ void Node::tick() {
     for (const auto& [host, after] : std::exchange(marksWantedBy, {})) exchange.marked(host, after);
 }
 
-void Node::take(Frame frame, const std::string& text) {
+void Node::take(const Frame& frame, const std::string& text) {
     if (!isCovered(interest, text)) return;
-    const bool isMark = frame.isMark();
-    frame.mayBegin = frame.knowledge ? exchange.wasKnown(*frame.knowledge, subject(text)) : !isMark;
     Account& account = accountOf(sendingId, text);
     const bool wasKnown = account.isKnown;
     const Account before = account;
@@ -392,7 +393,7 @@ void Node::take(Frame frame, const std::string& text) {
     bool isUp = false;
     exchange.eachHost(
         [&](const HostState& host) { isUp = isUp || (host.up && host.epoch == frame.epoch); });
-    if (wasKnown || !isUp || !frame.mayBegin) return;
+    if (wasKnown || !isUp || !mayBegin(frame, subject(text))) return;
     // What this frame tells of the time before it is not exact.
     account.isKnown = true;
     account.from = ~std::uint64_t{0};
