@@ -189,6 +189,18 @@ TEST_F(Route, ThatIsStalledIsAsBeforeWhenItFlows) {
     stream.expectHeardOrLost();
 }
 
+TEST(Daemons, TellWhatTheyHaveDroppedOnItsWayToABridge) {
+    NatsServer nats;
+    Host berlin("berlin", nats.url());
+    Host paris("paris", nats.url());
+    Stream stream(berlin, paris);
+    berlin.bridge().kill(SIGSTOP);
+    stream.send(100, 1'000'000);
+    berlin.bridge().kill(SIGCONT);
+    stream.expectHeardOrTold();
+    EXPECT_GT(stream.told(), 0U);
+}
+
 TEST(Servers, ThatAllDieLoseNothingUntold) {
     NatsServer first;
     NatsServer second(&first);
