@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "platform/Memory.h"
@@ -21,20 +20,19 @@
 #include "rv/message/rvmsg.h"
 #include "rv/wire/ControlMessage.h"
 #include "rvbridge/ControlMessage.h"
+#include "rvbridge/HostsReport.h"
 
 namespace kvx::bridge {
 
 namespace {
 
 constexpr const char* kInterest = "_RVD.INTEREST";
-constexpr const char* kLost = "_RVD.LOST";
 constexpr const char* kHosts = "_RVD.HOSTS";
 constexpr std::size_t kControlHead = 1'024;  // bytes of a frame besides the payload, at most
 constexpr std::size_t kSomeGone = 1'000;     // subjects
 constexpr std::size_t kManyGone = 100'000;
 constexpr Microseconds kHostsApart = Exchange::kSecond / 4;  // answers from one count
 constexpr int kMarksPerTick = 4'000;
-constexpr std::size_t kMaxUntold = 65'536;  // subjects
 static_assert(Engine::kLeastBytes >= FrameWriter::kLeastLimit);
 
 Microseconds now() {
@@ -101,6 +99,7 @@ Bridge::Bridge(rvevm_Manager manager, const Options& options, const SpaceName& s
       log_(log),
       owner_(owner),
       daemon_(manager, options.daemon, space.service, space.network, *this),
+      reports_(daemon_),
       exchange_(identity, *this),
       routes_(exchange_, randomNumber()),
       sender_(randomNumber()),
@@ -141,7 +140,7 @@ void Bridge::onDaemonDown(const std::string& why) {
         log_.warning("no daemon at " + options_.daemon + ": " + why);
     }
     owed_.clear();
-    untold_.clear();
+    reports_.clear();
     if (own_.empty()) return;
     while (!own_.empty()) removeOwn(Subject(viewOf(own_.begin()->first)));
     endTurnSoon();
@@ -338,7 +337,7 @@ void Bridge::endTurn() {
     if (hasStarted_) exchange_.flush();
     if (sender_.hasDropped()) (void)sendMarksOfDropped();
     tellOwed();
-    tellUntold();
+    reports_.tell();
 }
 
 // Publishes one, if one is needed and there is room.
@@ -506,12 +505,8 @@ bool Bridge::message(SubjectView subject, Bytes message) {
     }
     if (!daemon_.isUp()) return true;
     // What is lost is told before what follows.
-    if (!untold_.empty()) tellUntold();
-    const bool mustWait = !untold_.empty() && untold_.contains(keyOf(subject));
-    if (!mustWait && daemon_.send(message)) return true;
-    Losses one{};
-    one[static_cast<std::size_t>(LossCause::QueueFull)] = 1;
-    keepUntold(keyOf(subject), one);
+    if (reports_.isTold(subject) && daemon_.send(message)) return true;
+    reports_.add(subject, 1, LossCause::QueueFull);
     return false;
 }
 
@@ -520,48 +515,8 @@ void Bridge::lost(std::string_view host, SubjectView subject, std::uint64_t mess
     log_.warning(std::to_string(messages) + " messages of host " + std::string(host) + " on " +
                  subject.text() + " are lost: " + textOf(cause));
     if (!daemon_.isUp()) return;
-    Losses losses{};
-    losses[static_cast<std::size_t>(cause)] = messages;
-    keepUntold(keyOf(subject), losses);
-    tellUntold();
-}
-
-void Bridge::keepUntold(const std::string& subject, const Losses& losses) {
-    if (untold_.size() >= kMaxUntold && !untold_.contains(subject)) return;
-    Losses& sum = untold_[subject];
-    for (std::size_t i = 0; i < kLossCauses; ++i) sum[i] += losses[i];
-}
-
-// Tells the daemon, as far as it has room.
-void Bridge::tellUntold() {
-    while (!untold_.empty()) {
-        const auto next = untold_.begin();
-        if (!tell(next->first, next->second)) return;
-        untold_.erase(next);
-    }
-}
-
-// What is told of `losses` becomes 0.
-bool Bridge::tell(const std::string& subject, Losses& losses) {
-    static const Subject kReport = *Subject::fromText(kLost);
-    for (std::size_t i = 0; i < kLossCauses; ++i) {
-        if (losses[i] == 0) continue;
-        const char* const cause = textOf(static_cast<LossCause>(i));
-        std::array<std::uint8_t, kMaxSubjectBytes + 256> body{};
-        const auto capacity = static_cast<rvmsg_Size>(body.size());
-        const bool isBuilt =
-            rvmsg_Init(body.data(), capacity) == 0 &&
-            rvmsg_Append(body.data(), capacity, "sub", RVMSG_SUBJECT, 0, subject.data()) == 0 &&
-            rvmsg_Append(body.data(), capacity, "lost", RVMSG_UINT, sizeof losses[i], &losses[i]) ==
-                0 &&
-            rvmsg_Append(body.data(), capacity, "cause", RVMSG_STRING, 0, cause) == 0;
-        if (isBuilt && !daemon_.send(wire::buildData(kReport.view().bytes(), nullptr, 0,
-                                                     {RVMSG_MSG, 0, body.data()}))) {
-            return false;
-        }
-        losses[i] = 0;
-    }
-    return true;
+    reports_.add(subject, messages, cause);
+    reports_.tell();
 }
 
 bool Bridge::heardAllOf(const Frame& frame, SubjectView subject) {
@@ -616,67 +571,11 @@ void Bridge::answerHosts(Bytes message) {
     const auto subject = Subject::fromText(static_cast<const char*>(reply));
     if (!subject) return;
     if (hostsText_.empty() || now() - hostsAt_ > kHostsApart) {
-        hostsText_ = hostsText();
+        hostsText_ = hostsReport(exchange_, receiver_, routes_, isEngineUp_);
         hostsAt_ = now();
     }
     (void)daemon_.send(wire::buildData(subject->view().bytes(), nullptr, 0,
                                        {RVMSG_STRING, 0, hostsText_.c_str()}));
-}
-
-// A JSON array with one object a host, this one first.
-std::string Bridge::hostsText() {
-    using Traffic = Routes::Traffic;
-    using Json = nlohmann::ordered_json;
-    Json hosts = Json::array();
-    const auto traffic = [](std::uint64_t messages, std::uint64_t bytes) {
-        return Json{{"messages", messages}, {"bytes", bytes}};
-    };
-    Traffic in;
-    Traffic out;
-    Losses losses{};
-    const auto lossesOf = [](const Losses& counted) {
-        Json object = Json::object();
-        for (std::size_t i = 0; i < kLossCauses; ++i) {
-            if (counted[i] != 0) object[textOf(static_cast<LossCause>(i))] = counted[i];
-        }
-        return object;
-    };
-    std::map<std::string, std::pair<Traffic, Losses>> counted;
-    receiver_.eachPeer([&counted](const std::string& host, const Receiver::Received& received,
-                                  const Losses& lost) {
-        auto& [sum, sumLost] = counted[host];
-        sum.messages += received.messages;
-        sum.bytes += received.bytes;
-        for (std::size_t i = 0; i < kLossCauses; ++i) sumLost[i] += lost[i];
-    });
-    exchange_.eachHost([&](const HostState& host) {
-        const auto& [received, lost] = counted[host.name];
-        const Traffic sent = routes_.sentTo(host.name);
-        in.messages += received.messages;
-        in.bytes += received.bytes;
-        out.messages += sent.messages;
-        out.bytes += sent.bytes;
-        for (std::size_t i = 0; i < kLossCauses; ++i) losses[i] += lost[i];
-        hosts.push_back({{"host", host.name},
-                         {"up", host.up},
-                         {"since", host.since},
-                         {"rtt_us", host.roundTrip ? Json(*host.roundTrip) : Json()},
-                         {"subjects", host.subjects},
-                         {"in", traffic(received.messages, received.bytes)},
-                         {"out", traffic(sent.messages, sent.bytes)},
-                         {"lost", lossesOf(lost)}});
-    });
-    const BridgeIdentity& self = exchange_.identity();
-    hosts.insert(hosts.begin(), Json{{"host", self.host},
-                                     {"self", true},
-                                     {"up", isEngineUp_},
-                                     {"since", self.since},
-                                     {"rtt_us", Json()},
-                                     {"subjects", exchange_.ownSubjects()},
-                                     {"in", traffic(in.messages, in.bytes)},
-                                     {"out", traffic(out.messages, out.bytes)},
-                                     {"lost", lossesOf(losses)}});
-    return hosts.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 }  // namespace kvx::bridge

@@ -14,6 +14,7 @@
 #include "rvbridge/Exchange.h"
 #include "rvbridge/Frame.h"
 #include "rvbridge/Ledger.h"
+#include "rvbridge/LossReports.h"
 #include "rvbridge/Options.h"
 #include "rvbridge/Routes.h"
 
@@ -90,13 +91,9 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void joinWhenComplete();
     void tellDaemon(SubjectView subject, bool isListen);
     void tellOwed();
-    void keepUntold(const std::string& subject, const Losses& losses);
-    [[nodiscard]] bool tell(const std::string& subject, Losses& losses);
-    void tellUntold();
     void take(Frame frame, SubjectView subject);
     [[nodiscard]] bool isSubscribedTo(SubjectView subject);
     void answerHosts(Bytes message);
-    [[nodiscard]] std::string hostsText();
 
     void pass(SubjectView subject, Bytes message);
     void sendParts(SubjectView subject, const MessageNumber& number, Bytes message);
@@ -119,6 +116,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     BridgeOwner& owner_;
 
     DaemonLink daemon_;
+    LossReports reports_;
     Exchange exchange_;
     Routes routes_;
     Sender sender_;
@@ -146,10 +144,9 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
 
     std::string hostsText_;  // the last answer
     Microseconds hostsAt_ = 0;
-    std::unordered_map<std::string, Losses> untold_;  // for which the daemon has no room
-    std::uint64_t unreadable_ = 0;                    // since they were logged last
-    std::size_t gone_ = 0;                            // subjects, since freed memory was returned
-    std::size_t goneBefore_ = 0;                      // the same, when last looked at
+    std::uint64_t unreadable_ = 0;  // since they were logged last
+    std::size_t gone_ = 0;          // subjects, since freed memory was returned
+    std::size_t goneBefore_ = 0;    // the same, when last looked at
     Microseconds lookedAt_ = 0;
 };
 

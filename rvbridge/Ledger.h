@@ -160,6 +160,10 @@ class Sender {
     std::uint64_t goneUntil_ = 0;
 };
 
+struct Traffic {
+    std::uint64_t messages = 0;
+    std::uint64_t bytes = 0;
+};
 using Losses = std::array<std::uint64_t, kLossCauses>;  ///< messages, by `LossCause`
 
 /// Who gets what a `Receiver` finds. Must not call back into it.
@@ -216,11 +220,7 @@ class Receiver {
     /// That bridge has ended: its unfinished message is given up.
     void hostDown(std::string_view host, std::uint64_t epoch);
 
-    struct Received {
-        std::uint64_t messages = 0;
-        std::uint64_t bytes = 0;
-    };
-    /// Calls `visit(const std::string& host, const Received&, const Losses&)`, counted since the
+    /// Calls `visit(const std::string& host, const Traffic&, const Losses&)`, counted since the
     /// start, for each epoch of a host still in the table.
     template <class Visit>
     void eachPeer(Visit&& visit) {
@@ -242,7 +242,7 @@ class Receiver {
         bool isFromEvicted = false;   // it may have been in the table before
         std::uint32_t forgotten = 0;  // newest key epoch of what has left `expected_`
         Losses losses{};
-        Received received;
+        Traffic received;
         // The message with sequence `last`, of which parts are still to come.
         std::string subject;  // empty: none
         wire::Buffer bytes;

@@ -45,7 +45,7 @@ void Routes::refresh(Route& route, SubjectView subject) {
     });
 }
 
-Routes::Traffic Routes::sentTo(std::string_view host) const {
+Traffic Routes::sentTo(std::string_view host) const {
     const auto known = sent_.find(host);
     return known == sent_.end() ? Traffic{} : known->second;
 }

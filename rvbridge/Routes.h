@@ -19,10 +19,6 @@ namespace kvx::bridge {
 /// listens. Loop thread only.
 class Routes {
   public:
-    struct Traffic {
-        std::uint64_t messages = 0;
-        std::uint64_t bytes = 0;
-    };
     /// Of one subject. Valid until the next call of `find`.
     class Route {
       public:

@@ -47,11 +47,10 @@ struct Ledger : testing::Test, ReceiverSink {
     // Of all epochs of the host; the messages that were received are in `received`.
     Losses losses() {
         Losses sum{};
-        receiver.eachPeer(
-            [&](const std::string&, const Receiver::Received& more, const Losses& lost) {
-                received += more.messages;
-                for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += lost[i];
-            });
+        receiver.eachPeer([&](const std::string&, const Traffic& more, const Losses& lost) {
+            received += more.messages;
+            for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += lost[i];
+        });
         return sum;
     }
 
