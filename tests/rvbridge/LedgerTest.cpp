@@ -77,6 +77,8 @@ TEST_F(Ledger, TellsWhatIsMissingAndWhy) {
     EXPECT_EQ(take(writer.mark({20, 1, 10}, LossCause::Engine)), Seen{});
     EXPECT_EQ(take(writer.mark({22, 1, 12}, LossCause::QueueFull)), Seen{"h A 2 queue full"});
     EXPECT_EQ(takeMessages({19, 1, 9}, 1), Seen{}) << "counted as lost, comes too late";
+    receiver.fault(LossCause::QueueFull);
+    EXPECT_EQ(take(writer.mark({23, 1, 13}, LossCause::Engine)), Seen{"h A 1 queue full"});
     receiver.fault(LossCause::EngineGone);
     EXPECT_EQ(takeMessages({23, 3, 2}, 1), (Seen{"h A 1 engine gone", "message 10"}))
         << "the sender has begun the subject anew";
