@@ -3,12 +3,19 @@
 // gives up after refused logins, and keeps messages in a buffer of its own. Instead a connection
 // that is lost is made anew by the sending thread, which subscribes again before it goes on with
 // what waits.
+//
+// The library's timeout covers the connect and the server's first line only. It waits for ever for
+// the TLS handshake, in a blocking read, and for the answer to its login: it ignores its own
+// timeout there and reads again, busily. It shows its socket to nobody before that is over, so that
+// we cannot end it either: such a server, or a line that is cut right then, holds up the sending
+// thread until the system gives up the connection. `stop` leaves it behind.
 
 #include "rvbridge/Engine.h"
 
 #include <nats/nats.h>
 
 #include <array>
+#include <cstdlib>
 #include <map>
 #include <utility>
 
@@ -75,6 +82,15 @@ natsStatus secure(natsOptions* options, const EngineSettings& settings) {
     return status;
 }
 
+// No bridge sends headers, which may be as large as a message.
+bool hasHead(natsMsg* message) {
+    const char** keys = nullptr;
+    int count = 0;
+    const natsStatus status = natsMsgHeader_Keys(message, &keys, &count);
+    std::free(keys);
+    return status != NATS_NOT_FOUND;
+}
+
 }  // namespace
 
 std::string wrongIn(const EngineSettings& settings) {
@@ -92,6 +108,7 @@ struct Engine::Arrived {
     std::string why{};
     std::size_t mostBytes = 0;
     std::uint64_t subscription = 0;
+    std::size_t headBytes = 0;  // of the message, at most
 };
 
 struct Engine::Connection {
@@ -153,10 +170,14 @@ struct Engine::Connection {
         Engine& engine;
         std::uint64_t subscription;
     };
-    static void onMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
+    static void onMessage(natsConnection* connection, natsSubscription*, natsMsg* message,
+                          void* closure) {
         const Ear& ear = *static_cast<Ear*>(closure);
+        const std::size_t head =
+            hasHead(message) ? static_cast<std::size_t>(natsConnection_GetMaxPayload(connection))
+                             : 0;
         ear.engine.arrive(
-            {Arrived::Kind::Message, nats::Message(message), "", 0, ear.subscription});
+            {Arrived::Kind::Message, nats::Message(message), "", 0, ear.subscription, head});
     }
     static void onComplete(void* ear) { delete static_cast<Ear*>(ear); }
     static void onClosed(natsConnection*, void* closure) {
@@ -273,18 +294,10 @@ void Engine::send() {
             serveConnection();
             why = "the connection is lost";
         }
-        report(why);
-        {
-            const std::lock_guard lock(mutex_);
-            takesSubscriptions_ = false;
-            std::erase_if(orders_, [this](const Order& order) {
-                const bool isDone = order.action != Action::Publish;  // by the next connection
-                if (isDone) orderedBytes_ -= order.cost();
-                return isDone;
-            });
-        }
+        arrive({Arrived::Kind::Down, nullptr, why});
         connection_.reset();
         std::unique_lock lock(mutex_);
+        takesSubscriptions_ = false;
         isIdle_ = true;
         changed_.notify_all();
         changed_.wait_for(lock, std::chrono::milliseconds(kPause), [this] { return stops_; });
@@ -306,6 +319,11 @@ std::string Engine::connect(std::size_t& mostBytes) {
         const std::lock_guard lock(mutex_);
         wanted = wanted_;
         takesSubscriptions_ = true;
+        std::erase_if(orders_, [this](const Order& order) {
+            const bool isDone = order.action != Action::Publish;  // by `wanted`
+            if (isDone) orderedBytes_ -= order.cost();
+            return isDone;
+        });
     }
     for (const auto& [subject, number] : wanted) {
         const natsStatus status = connection_->subscribe(subject, number);
@@ -355,13 +373,9 @@ void Engine::execute(Order& order) {
     }
 }
 
-void Engine::report(const std::string& why) {
-    arrive({Arrived::Kind::Down, nullptr, why});
-}
-
 // Any thread. That the connection is there or lost is never dropped: once a second at most.
 void Engine::arrive(Arrived arrived) {
-    std::size_t bytes = kOverhead + arrived.why.size();
+    std::size_t bytes = kOverhead + arrived.why.size() + arrived.headBytes;
     if (arrived.message) {
         bytes += static_cast<std::size_t>(natsMsg_GetDataLength(arrived.message.get()));
     }

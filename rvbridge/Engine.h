@@ -106,7 +106,6 @@ class Engine {
     void serveConnection();
     void arrive(Arrived arrived);
     void takeArrived();
-    void report(const std::string& why);
     [[nodiscard]] bool stops();
     [[nodiscard]] bool hasEnded();
 

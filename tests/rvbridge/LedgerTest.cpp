@@ -84,7 +84,7 @@ TEST_F(Ledger, TellsWhatIsMissingAndWhy) {
         << "the sender has begun the subject anew";
     hasRoom = false;
     EXPECT_EQ(takeMessages({24, 3, 3}, 1), Seen{});
-    EXPECT_EQ(losses(), (Losses{1, 1, 1, 3, 0}));
+    EXPECT_EQ(losses(), (Losses{1, 1, 1, 4, 0}));
     EXPECT_EQ(received, 4U);
 }
 
