@@ -49,7 +49,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     void onEngineDown();
     /// True when the message is of this space.
     bool onEngineMessage(std::string_view subject, Bytes bytes);
-    void onEngineLoss() { receiver_.fault(LossCause::EngineSlow); }
+    void onEngineLoss(LossCause cause) { receiver_.fault(cause); }
     /// To be called about every 100 ms.
     void tick();
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "platform/Clock.h"
 #include "platform/Process.h"
 #include "rv/error/rvErrors.h"
 #include "rv/link/LinkIo.h"
@@ -17,6 +18,8 @@ namespace kvx::bridge {
 namespace {
 
 constexpr platform::Milliseconds kStepMs = 2'000;  // of the handshake
+constexpr unsigned long kTurnMs = 10;              // for all else between two handshakes
+constexpr platform::Milliseconds kSlowMs = 100;    // a handshake
 constexpr int kReadBudget = 256 * 1024;            // bytes read in one turn
 constexpr int kSegmentBytes = 64 * 1024;
 
@@ -49,7 +52,23 @@ ipq_Properties DaemonLink::linkProperties() const {
 }
 
 void DaemonLink::start() {
-    connect();
+    connectIn(0);
+}
+
+// At most one slow handshake in a turn of the loop, whatever the number of links: signals and the
+// engine come in between.
+void DaemonLink::connectIn(unsigned long milliseconds) {
+    static platform::Milliseconds freeAt = 0;
+    const auto onTime = [](void*, void* closure, int, void*) {
+        auto& self = *static_cast<DaemonLink*>(closure);
+        self.retry_ = nullptr;
+        const auto before = platform::monotonicMs();
+        if (before < freeAt) return self.connectIn(kTurnMs);
+        self.connect();
+        const auto after = platform::monotonicMs();
+        if (after - before > kSlowMs) freeAt = after + kTurnMs;
+    };
+    if (retry_ == nullptr) (void)rvevm_AddTimer(manager_, &retry_, milliseconds, onTime, this);
 }
 
 void DaemonLink::connect() {
@@ -127,12 +146,7 @@ std::string DaemonLink::introduce(platform::Socket socket) {
 
 void DaemonLink::lose(const std::string& why) {
     if (queue_ != nullptr) ipq_Close(std::exchange(queue_, nullptr), false);
-    const auto again = [](void*, void* closure, int, void*) {
-        auto& self = *static_cast<DaemonLink*>(closure);
-        self.retry_ = nullptr;
-        self.connect();
-    };
-    if (retry_ == nullptr) (void)rvevm_AddTimer(manager_, &retry_, kPause, again, this);
+    connectIn(kPause);
     owner_.onDaemonDown(why);
 }
 

@@ -31,7 +31,8 @@ class DaemonLink final : private link::LinkHost {
     DaemonLink(const DaemonLink&) = delete;
     DaemonLink& operator=(const DaemonLink&) = delete;
 
-    /// Connects now, and from now on again after each loss. Blocks for a handshake.
+    /// Connects soon, and from now on again after each loss. A handshake blocks the loop, for a few
+    /// seconds if the daemon is silent.
     void start();
 
     [[nodiscard]] bool isUp() const { return queue_ != nullptr; }
@@ -52,6 +53,7 @@ class DaemonLink final : private link::LinkHost {
     [[nodiscard]] rvevm_Manager linkManager() const override { return manager_; }
     [[nodiscard]] ipq_Properties linkProperties() const override;
 
+    void connectIn(unsigned long milliseconds);
     void connect();
     [[nodiscard]] bool put(wire::Built message);
     [[nodiscard]] std::string greet(platform::Socket& socket) const;

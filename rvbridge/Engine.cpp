@@ -3,12 +3,19 @@
 // gives up after refused logins, and keeps messages in a buffer of its own. Instead a connection
 // that is lost is made anew by the sending thread, which subscribes again before it goes on with
 // what waits.
+//
+// The library's timeout covers the connect and the server's first line only. It waits for ever for
+// the TLS handshake, in a blocking read, and for the answer to its login: it ignores its own
+// timeout there and reads again, busily. It shows its socket to nobody before that is over, so that
+// we cannot end it either: such a server, or a line that is cut right then, holds up the sending
+// thread until the system gives up the connection. `stop` leaves it behind.
 
 #include "rvbridge/Engine.h"
 
 #include <nats/nats.h>
 
 #include <array>
+#include <cstdlib>
 #include <map>
 #include <utility>
 
@@ -75,6 +82,15 @@ natsStatus secure(natsOptions* options, const EngineSettings& settings) {
     return status;
 }
 
+// No bridge sends headers, which may be as large as a message.
+bool hasHead(natsMsg* message) {
+    const char** keys = nullptr;
+    int count = 0;
+    const natsStatus status = natsMsgHeader_Keys(message, &keys, &count);
+    std::free(keys);
+    return status != NATS_NOT_FOUND;
+}
+
 }  // namespace
 
 std::string wrongIn(const EngineSettings& settings) {
@@ -92,6 +108,7 @@ struct Engine::Arrived {
     std::string why{};
     std::size_t mostBytes = 0;
     std::uint64_t subscription = 0;
+    std::size_t headBytes = 0;  // of the message, at most
 };
 
 struct Engine::Connection {
@@ -153,10 +170,14 @@ struct Engine::Connection {
         Engine& engine;
         std::uint64_t subscription;
     };
-    static void onMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
+    static void onMessage(natsConnection* connection, natsSubscription*, natsMsg* message,
+                          void* closure) {
         const Ear& ear = *static_cast<Ear*>(closure);
+        const std::size_t head =
+            hasHead(message) ? static_cast<std::size_t>(natsConnection_GetMaxPayload(connection))
+                             : 0;
         ear.engine.arrive(
-            {Arrived::Kind::Message, nats::Message(message), "", 0, ear.subscription});
+            {Arrived::Kind::Message, nats::Message(message), "", 0, ear.subscription, head});
     }
     static void onComplete(void* ear) { delete static_cast<Ear*>(ear); }
     static void onClosed(natsConnection*, void* closure) {
@@ -175,7 +196,7 @@ struct Engine::Connection {
         }
         if (status != NATS_SLOW_CONSUMER) return;
         const std::lock_guard lock(engine.mutex_);
-        engine.hasOverflown_ = true;
+        engine.wasSlow_ = true;
     }
 
     Engine& owner;
@@ -188,7 +209,7 @@ Engine::Engine(rvevm_Manager manager, EngineSettings settings, EngineOwner& owne
     : manager_(manager), settings_(std::move(settings)), owner_(owner) {}
 
 Engine::~Engine() {
-    stop(0);
+    (void)stop(0);
     if (wakeEvent_ != nullptr) rvevm_RemoveIO(manager_, wakeEvent_);
 }
 
@@ -206,16 +227,20 @@ std::string Engine::start() {
     if (nats_Open(-1) != NATS_OK || nats_SetMessageDeliveryPoolSize(1) != NATS_OK) {
         return "the engine's library cannot start";
     }
-    sender_ = std::thread([this] { send(); });
+    sender_ = std::thread([this] {
+        send();
+        const std::lock_guard lock(mutex_);
+        isDone_ = true;
+        changed_.notify_all();
+    });
     return {};
 }
 
 bool Engine::publish(const std::string& subject, std::vector<std::uint8_t> bytes) {
-    {
-        const std::lock_guard lock(mutex_);
-        if (orderedBytes_ + bytes.size() > kMostWaiting) return false;
-    }
-    give({Action::Publish, subject, std::move(bytes)});
+    Order order{Action::Publish, subject, std::move(bytes)};
+    const std::lock_guard lock(mutex_);
+    if (orderedBytes_ + order.cost() > kMostWaiting) return false;
+    give(std::move(order));
     return true;
 }
 
@@ -225,24 +250,31 @@ bool Engine::hasRoom() {
 }
 
 void Engine::subscribe(const std::string& subject) {
-    subscribed_[subject] = ++lastSubscription_;
-    living_.insert(lastSubscription_);
-    give({Action::Subscribe, subject, {}, lastSubscription_});
+    living_.insert(++lastSubscription_);
+    const std::lock_guard lock(mutex_);
+    wanted_[subject] = lastSubscription_;
+    if (takesSubscriptions_) give({Action::Subscribe, subject, {}, lastSubscription_});
 }
 
 void Engine::unsubscribe(const std::string& subject) {
-    const auto found = subscribed_.find(subject);
-    if (found == subscribed_.end()) return;
+    const std::lock_guard lock(mutex_);
+    const auto found = wanted_.find(subject);
+    if (found == wanted_.end()) return;
     living_.erase(found->second);
-    subscribed_.erase(found);
-    give({Action::Unsubscribe, subject, {}});
+    wanted_.erase(found);
+    if (takesSubscriptions_) give({Action::Unsubscribe, subject, {}});
 }
 
+// With the lock.
 void Engine::give(Order order) {
-    const std::lock_guard lock(mutex_);
-    orderedBytes_ += order.bytes.size();
+    orderedBytes_ += order.cost();
     orders_.push_back(std::move(order));
     changed_.notify_all();
+}
+
+bool Engine::stops() {
+    const std::lock_guard lock(mutex_);
+    return stops_;
 }
 
 // Whether the sending thread is done with its connection.
@@ -254,35 +286,51 @@ bool Engine::hasEnded() {
 
 // The sending thread: connects, and then serves that connection until it is lost.
 void Engine::send() {
-    while (true) {
-        {
-            std::unique_lock lock(mutex_);
-            if (stops_) return;
-        }
-        connection_ = std::make_unique<Connection>(*this);
-        natsStatus status = connection_->open();
-        for (auto subject = wanted_.begin(); status == NATS_OK && subject != wanted_.end();
-             ++subject) {
-            status = connection_->subscribe(subject->first, subject->second);
-        }
-        const std::int64_t most =
-            status == NATS_OK ? natsConnection_GetMaxPayload(connection_->handle) : 0;
-        if (status != NATS_OK) {
-            report(textOf(status));
-        } else if (most < std::int64_t{kLeastBytes}) {
-            report("its messages have " + std::to_string(most) + " bytes at most, and " +
-                   std::to_string(kLeastBytes) + " are needed");
-        } else {
-            arrive({Arrived::Kind::Up, nullptr, "", static_cast<std::size_t>(most)});
+    while (!stops()) {
+        std::size_t mostBytes = 0;
+        std::string why = connect(mostBytes);
+        if (why.empty()) {
+            arrive({Arrived::Kind::Up, nullptr, "", mostBytes});
             serveConnection();
-            report("the connection is lost");
+            why = "the connection is lost";
         }
+        arrive({Arrived::Kind::Down, nullptr, why});
         connection_.reset();
         std::unique_lock lock(mutex_);
+        takesSubscriptions_ = false;
         isIdle_ = true;
         changed_.notify_all();
         changed_.wait_for(lock, std::chrono::milliseconds(kPause), [this] { return stops_; });
     }
+}
+
+// Makes a connection with all subscriptions. Returns an empty text, or what went wrong.
+std::string Engine::connect(std::size_t& mostBytes) {
+    connection_ = std::make_unique<Connection>(*this);
+    if (const natsStatus status = connection_->open(); status != NATS_OK) return textOf(status);
+    const std::int64_t most = natsConnection_GetMaxPayload(connection_->handle);
+    if (most < std::int64_t{kLeastBytes}) {
+        return "its messages have " + std::to_string(most) + " bytes at most, and " +
+               std::to_string(kLeastBytes) + " are needed";
+    }
+    mostBytes = static_cast<std::size_t>(most);
+    std::unordered_map<std::string, std::uint64_t> wanted;
+    {
+        const std::lock_guard lock(mutex_);
+        wanted = wanted_;
+        takesSubscriptions_ = true;
+        std::erase_if(orders_, [this](const Order& order) {
+            const bool isDone = order.action != Action::Publish;  // by `wanted`
+            if (isDone) orderedBytes_ -= order.cost();
+            return isDone;
+        });
+    }
+    for (const auto& [subject, number] : wanted) {
+        const natsStatus status = connection_->subscribe(subject, number);
+        if (status != NATS_OK) return textOf(status);
+        if (stops()) break;
+    }
+    return {};
 }
 
 void Engine::serveConnection() {
@@ -299,7 +347,8 @@ void Engine::serveConnection() {
         for (Order& order : orders) {
             execute(order);
             const std::lock_guard lock(mutex_);
-            orderedBytes_ -= order.bytes.size();
+            orderedBytes_ -= order.cost();
+            if (stops_) break;  // the line is too slow for what is left
         }
     }
     if (!natsConnection_IsClosed(connection_->handle)) {
@@ -316,29 +365,25 @@ void Engine::execute(Order& order) {
                                          order.bytes.data(), static_cast<int>(order.bytes.size()));
             return;
         case Action::Subscribe:
-            wanted_[order.subject] = order.subscription;
             (void)connection_->subscribe(order.subject, order.subscription);
             return;
         case Action::Unsubscribe:
-            wanted_.erase(order.subject);
             connection_->subscriptions.erase(order.subject);
             return;
     }
 }
 
-void Engine::report(const std::string& why) {
-    arrive({Arrived::Kind::Down, nullptr, why});
-}
-
-// Any thread.
+// Any thread. That the connection is there or lost is never dropped: once a second at most.
 void Engine::arrive(Arrived arrived) {
-    const std::size_t bytes =
-        arrived.message ? static_cast<std::size_t>(natsMsg_GetDataLength(arrived.message.get()))
-                        : 0;
+    std::size_t bytes = kOverhead + arrived.why.size() + arrived.headBytes;
+    if (arrived.message) {
+        bytes += static_cast<std::size_t>(natsMsg_GetDataLength(arrived.message.get()));
+    }
+    const bool isState = arrived.kind == Arrived::Kind::Up || arrived.kind == Arrived::Kind::Down;
     const std::lock_guard lock(mutex_);
     if (stops_) return;
-    if (arrivedBytes_ + bytes > kMostWaiting) {
-        hasOverflown_ = true;
+    if (!isState && arrivedBytes_ + bytes > kMostWaiting) {
+        hasOverflown_ |= arrived.message != nullptr;
         return;
     }
     arrivedBytes_ += bytes;
@@ -353,12 +398,14 @@ void Engine::takeArrived() {
     (void)platform::receiveSome(wakeNear_.get(), wakes);
     std::vector<Arrived> arrived;
     bool hasOverflown = false;
+    bool wasSlow = false;
     {
         const std::lock_guard lock(mutex_);
         arrived.swap(arrived_);
         arrivedBytes_ = 0;
         isWoken_ = false;
         hasOverflown = std::exchange(hasOverflown_, false);
+        wasSlow = std::exchange(wasSlow_, false);
     }
     for (const Arrived& next : arrived) {
         switch (next.kind) {
@@ -386,11 +433,12 @@ void Engine::takeArrived() {
             }
         }
     }
-    if (hasOverflown) owner_.onEngineLoss();
+    if (hasOverflown) owner_.onEngineLoss(LossCause::QueueFull);
+    if (wasSlow) owner_.onEngineLoss(LossCause::EngineSlow);
 }
 
-void Engine::stop(platform::Milliseconds timeout) {
-    if (!sender_.joinable()) return;
+bool Engine::stop(platform::Milliseconds timeout) {
+    if (!sender_.joinable()) return true;
     {
         std::unique_lock lock(mutex_);
         changed_.wait_for(lock, std::chrono::milliseconds(timeout),
@@ -398,9 +446,12 @@ void Engine::stop(platform::Milliseconds timeout) {
         stops_ = true;
         arrived_.clear();  // while there is a library to free its messages
         changed_.notify_all();
+        const bool isDone = changed_.wait_for(lock, std::chrono::milliseconds(kCloseMs),
+                                              [this] { return isDone_; });
+        if (!isDone) return false;
     }
     sender_.join();
-    (void)nats_CloseAndWait(kCloseMs);  // callbacks know this object
+    return nats_CloseAndWait(kCloseMs) == NATS_OK;  // callbacks know this object
 }
 
 }  // namespace kvx::bridge

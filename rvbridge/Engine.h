@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -16,6 +15,7 @@
 #include "platform/Socket.h"
 #include "rv/event/rvevm.h"
 #include "rv/wire/Limits.h"
+#include "rvbridge/Frame.h"
 
 namespace kvx::bridge {
 
@@ -44,8 +44,8 @@ class EngineOwner {
     /// Valid during the call. Nothing of a subscription that has ended, even if the same was made
     /// again.
     virtual void onEngineMessage(std::string_view subject, wire::Bytes bytes) = 0;
-    /// Messages for us were dropped because we were too slow.
-    virtual void onEngineLoss() = 0;
+    /// Messages for us were dropped because we were too slow: `QueueFull` by us, or `EngineSlow`.
+    virtual void onEngineLoss(LossCause cause) = 0;
 };
 
 /// One connection to the engine, made again whenever it is lost.
@@ -56,14 +56,15 @@ class EngineOwner {
 class Engine {
   public:
     Engine(rvevm_Manager manager, EngineSettings settings, EngineOwner& owner);
-    ~Engine();
+    ~Engine();  ///< Not after `stop` has returned false.
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
 
     /// Begins to connect. Returns an empty text, or why the system does not allow it.
     [[nodiscard]] std::string start();
 
-    /// Returns false, and sends nothing, while `kMostWaiting` bytes wait.
+    /// Returns false, and sends nothing, while `kMostWaiting` bytes wait. All that waits counts,
+    /// with its subject and `kOverhead`.
     [[nodiscard]] bool publish(const std::string& subject, std::vector<std::uint8_t> bytes);
     /// False while little more can be published.
     [[nodiscard]] bool hasRoom();
@@ -76,11 +77,13 @@ class Engine {
     [[nodiscard]] std::size_t mostBytes() const { return mostBytes_; }
 
     /// Waits until what was published is on its way, at most `timeout` milliseconds, and ends the
-    /// connection. Nothing works afterwards.
-    void stop(platform::Milliseconds timeout);
+    /// connection, which takes another few seconds at most. Nothing works afterwards. Returns false
+    /// when the library does not come back: the process must end without destroying this object.
+    [[nodiscard]] bool stop(platform::Milliseconds timeout);
 
     static constexpr std::size_t kMostWaiting = 64 * 1024 * 1024;  // bytes, in each direction
-    static constexpr std::size_t kLeastBytes = 4'096;        // of one message; else it is not used
+    static constexpr std::size_t kOverhead = 512;      // bytes of memory for anything that waits
+    static constexpr std::size_t kLeastBytes = 4'096;  // of one message; else it is not used
     static constexpr platform::Milliseconds kPause = 1'000;  // between attempts to connect
 
   private:
@@ -92,15 +95,18 @@ class Engine {
         std::string subject;
         std::vector<std::uint8_t> bytes;
         std::uint64_t subscription = 0;  // its number
+
+        [[nodiscard]] std::size_t cost() const { return subject.size() + bytes.size() + kOverhead; }
     };
 
     void give(Order order);
     void send();
+    [[nodiscard]] std::string connect(std::size_t& mostBytes);
     void execute(Order& order);
     void serveConnection();
     void arrive(Arrived arrived);
     void takeArrived();
-    void report(const std::string& why);
+    [[nodiscard]] bool stops();
     [[nodiscard]] bool hasEnded();
 
     const rvevm_Manager manager_;
@@ -111,25 +117,27 @@ class Engine {
     platform::Socket wakeNear_;
     platform::Socket wakeFar_;
     rvevm_Id wakeEvent_ = nullptr;
-    std::unordered_map<std::string, std::uint64_t> subscribed_;  // the number, by subject
-    std::unordered_set<std::uint64_t> living_;                   // the same numbers
+    std::unordered_set<std::uint64_t> living_;  // numbers of subscriptions
     std::uint64_t lastSubscription_ = 0;
 
     // Of the sending thread.
     std::unique_ptr<Connection> connection_;
-    std::map<std::string, std::uint64_t> wanted_;  // subscriptions
 
     std::mutex mutex_;  // of all that follows
     std::condition_variable changed_;
+    std::unordered_map<std::string, std::uint64_t> wanted_;  // numbers as in `living_`, by subject
+    bool takesSubscriptions_ = false;  // as orders; else the next connection begins with `wanted_`
     std::deque<Order> orders_;
     std::size_t orderedBytes_ = 0;
     std::vector<Arrived> arrived_;
     std::size_t arrivedBytes_ = 0;
-    bool hasOverflown_ = false;
+    bool hasOverflown_ = false;  // `arrived_`
+    bool wasSlow_ = false;       // the library has dropped messages
     bool isWoken_ = false;
     bool mayBeLost_ = false;  // the connection
     bool stops_ = false;
     bool isIdle_ = false;  // nothing left to send
+    bool isDone_ = false;  // the sending thread
 
     std::thread sender_;  // last: it uses all of the above
 };

@@ -289,8 +289,10 @@ bool Receiver::note(Peer& peer, const Frame& frame, SubjectView subject,
 }
 
 LossCause Receiver::causeSince(std::uint64_t fault) const {
-    if (lastGone_ > fault) return LossCause::EngineGone;
-    return lastSlow_ > fault ? LossCause::EngineSlow : LossCause::Engine;
+    for (const auto cause : {LossCause::EngineGone, LossCause::QueueFull, LossCause::EngineSlow}) {
+        if (lastFault_[static_cast<std::size_t>(cause)] > fault) return cause;
+    }
+    return LossCause::Engine;
 }
 
 void Receiver::deliver(Peer& peer, SubjectView subject, Bytes message) {
@@ -308,8 +310,7 @@ void Receiver::lose(Peer& peer, SubjectView subject, std::uint64_t messages, Los
 }
 
 void Receiver::fault(LossCause cause) {
-    ++faults_;
-    (cause == LossCause::EngineSlow ? lastSlow_ : lastGone_) = faults_;
+    lastFault_[static_cast<std::size_t>(cause)] = ++faults_;
 }
 
 void Receiver::forget(SubjectView pattern) {

@@ -206,8 +206,8 @@ class Receiver {
     /// A data or part frame of another bridge that came on `subject`.
     void take(const Frame& frame, SubjectView subject);
 
-    /// `EngineGone` or `EngineSlow` at our end: the cause of gaps on subjects of which nothing has
-    /// come since.
+    /// `EngineGone`, `EngineSlow` or `QueueFull` at our end: the cause of gaps on subjects of which
+    /// nothing has come since.
     void fault(LossCause cause);
 
     /// Our subscription to `pattern` has ended: what is expected on its subjects is unknown, unless
@@ -289,8 +289,8 @@ class Receiver {
     const std::size_t maxUnfinished_;
     std::uint64_t secondCopies_ = 0;
     std::uint64_t faults_ = 0;
-    std::uint64_t lastGone_ = 0;  // the number of the last fault of this kind
-    std::uint64_t lastSlow_ = 0;
+    std::array<std::uint64_t, kLossCauses>
+        lastFault_{};  // the number of the last fault, by its cause
 };
 
 }  // namespace kvx::bridge

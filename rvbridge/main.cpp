@@ -1,3 +1,4 @@
+#include <cstdlib>
 #include <ctime>
 #include <list>
 #include <memory>
@@ -30,6 +31,7 @@ class Program final : public EngineOwner, public BridgeOwner {
     int run() {
         if (rvevm_Create(&manager_) != 0) return fail("the event manager cannot start");
         const int status = serve();
+        if (engine_ && !engine_->stop(kFarewellMs)) std::_Exit(status);
         bridges_.clear();
         engine_.reset();
         rvevm_Destroy(manager_);
@@ -77,7 +79,6 @@ class Program final : public EngineOwner, public BridgeOwner {
         }
         rvevm_MainLoop(manager_);
         for (auto& bridge : bridges_) bridge->stop();
-        engine_->stop(kFarewellMs);
         return status_;
     }
 
@@ -102,8 +103,8 @@ class Program final : public EngineOwner, public BridgeOwner {
             if (bridge->onEngineMessage(subject, bytes)) return;
         }
     }
-    void onEngineLoss() override {
-        for (auto& bridge : bridges_) bridge->onEngineLoss();
+    void onEngineLoss(LossCause cause) override {
+        for (auto& bridge : bridges_) bridge->onEngineLoss(cause);
     }
 
     void onBridgeReady() override {

@@ -76,12 +76,14 @@ TEST_F(Ledger, TellsWhatIsMissingAndWhy) {
     EXPECT_EQ(take(writer.mark({20, 1, 10}, LossCause::Engine)), Seen{});
     EXPECT_EQ(take(writer.mark({22, 1, 12}, LossCause::QueueFull)), Seen{"h A 2 queue full"});
     EXPECT_EQ(takeMessages({19, 1, 9}, 1), Seen{}) << "counted as lost, comes too late";
+    receiver.fault(LossCause::QueueFull);
+    EXPECT_EQ(take(writer.mark({23, 1, 13}, LossCause::Engine)), Seen{"h A 1 queue full"});
     receiver.fault(LossCause::EngineGone);
     EXPECT_EQ(takeMessages({23, 3, 2}, 1), (Seen{"h A 1 engine gone", "message 10"}))
         << "the sender has begun the subject anew";
     hasRoom = false;
     EXPECT_EQ(takeMessages({24, 3, 3}, 1), Seen{});
-    EXPECT_EQ(losses(), (Losses{1, 1, 1, 3, 0}));
+    EXPECT_EQ(losses(), (Losses{1, 1, 1, 4, 0}));
     EXPECT_EQ(received, 4U);
 }
 

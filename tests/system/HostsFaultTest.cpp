@@ -119,6 +119,18 @@ TEST_P(Lines, ThatAreStalledAreForgottenAndThenAsBefore) {
     EXPECT_TRUE(isHeardSoon(sender, ownListener)) << "and back";
 }
 
+TEST_P(Lines, ThatAreCutTakeListensThatChangeMeanwhile) {
+    RawClient listener = paris_.listener({"OLD"});
+    each([](LinkProxy& line) { line.cut(); });
+    each([](LinkProxy& line) { EXPECT_TRUE(eventually([&] { return line.connections() == 0; })); });
+    for (const char* subject : {"PASSING", "PROBE"}) listener.listen(subject);
+    for (const char* subject : {"OLD", "PASSING"}) listener.cancel(subject);
+    each([](LinkProxy& line) { line.restore(); });
+    RawClient sender = berlin_.session();
+    EXPECT_TRUE(isHeardSoon(sender, listener));
+    berlin_.awaitInterestOf(paris_);
+}
+
 INSTANTIATE_TEST_SUITE_P(Hosts, Lines, testing::Values(BadLine{true, false}, BadLine{false, true}));
 
 // The line between two servers of NATS, each of them with a host.
@@ -214,6 +226,61 @@ TEST(Servers, ThatAllDieLoseNothingUntold) {
     for (NatsServer* server : {&first, &second}) server->restart();
     for (Host* host : {&berlin, &paris}) EXPECT_TRUE(awaitConnections(*host, 2));
     for (Stream* each : {&stream, &back}) each->expectHeardOrTold();
+}
+
+// Something that accepts connections, says one thing and is silent from then on.
+class Silent {
+  public:
+    explicit Silent(std::string greeting) : greeting_(std::move(greeting)) {}
+
+    [[nodiscard]] std::string at(const std::string& scheme) const {
+        const auto port = platform::localEndpoint(listener_.get())->port;
+        return scheme + "127.0.0.1:" + std::to_string(port);
+    }
+    /// Waits for a connection, and for an answer to the greeting.
+    void awaitConnection() {
+        connection_ = platform::acceptTcp(listener_.get(), error_);
+        (void)platform::sendSome(connection_.get(), std::as_bytes(std::span(greeting_)));
+        if (greeting_.empty()) return;
+        EXPECT_NE(platform::waitSocket(connection_.get(), platform::kReadable, 10'000).ready, 0);
+    }
+
+  private:
+    int error_ = 0;
+    const std::string greeting_;
+    platform::Socket listener_ = platform::listenTcp({platform::kLoopbackAddress, 0}, error_);
+    platform::Socket connection_;
+};
+
+TEST(Silence, DoesNotKeepABridgeFromItsEnd) {
+    const std::string info = R"("server_id":"x","version":"2.9.10","proto":1,"max_payload":65536)";
+    Silent speechless("");
+    Silent plain("INFO {" + info + "}\r\n");
+    Silent secure("INFO {" + info + R"(,"tls_required":true})" + "\r\n");
+    const Texts before = {"-host", "berlin", "-daemon", "tcp:127.0.0.1:1", "-engine"};
+    std::list<ChildProcess> bridges;
+    for (Silent* server : {&speechless, &plain, &secure}) {
+        Texts options = before;
+        options.push_back(server->at("nats://"));
+        bridges.emplace_back(kBridge, options);
+        server->awaitConnection();
+    }
+    Silent daemon("");
+    Texts options = {"-host",           "berlin",  "-daemon",
+                     daemon.at("tcp:"), "-engine", plain.at("nats://")};
+    for (int space = 1; space <= 16; ++space) {
+        for (const std::string& text :
+             {std::string("-space"), std::to_string(7'000 + space) + ':'}) {
+            options.push_back(text);
+        }
+    }
+    bridges.emplace_back(kBridge, options);
+    daemon.awaitConnection();
+    for (ChildProcess& bridge : bridges) bridge.kill(SIGTERM);
+    for (ChildProcess& bridge : bridges) {
+        EXPECT_TRUE(eventually([&] { return !bridge.isRunning(); }, 20s)) << bridge.errors();
+        EXPECT_EQ(bridge.wait(), 0) << bridge.errors();
+    }
 }
 
 TEST(Clocks, ThatAreAnHourApartChangeNothing) {
