@@ -31,7 +31,7 @@ constexpr const char* kHosts = "_RVD.HOSTS";
 constexpr std::size_t kControlHead = 1'024;  // bytes of a frame besides the payload, at most
 constexpr std::size_t kSomeGone = 1'000;     // subjects
 constexpr std::size_t kManyGone = 100'000;
-constexpr Microseconds kHostsApart = Exchange::kSecond / 4;  // answers from one count
+constexpr int kHostsPause = 10;  // times of what an answer takes
 constexpr int kMarksPerTick = 4'000;
 static_assert(Engine::kLeastBytes >= FrameWriter::kLeastLimit);
 
@@ -472,7 +472,8 @@ bool Bridge::onEngineMessage(std::string_view subject, Bytes bytes) {
 
 void Bridge::take(Frame frame, SubjectView subject) {
     do {
-        if (isSubscribedTo(subject)) receiver_.take(frame, subject);
+        const bool isOurs = isSubscribedTo(subject) && isWithin(options_.imports, subject);
+        if (isOurs) receiver_.take(frame, subject);
     } while (nextRun(frame, subject));
 }
 
@@ -570,9 +571,11 @@ void Bridge::answerHosts(Bytes message) {
     }
     const auto subject = Subject::fromText(static_cast<const char*>(reply));
     if (!subject) return;
-    if (hostsText_.empty() || now() - hostsAt_ > kHostsApart) {
+    // Many questions cost no more than a part of our time.
+    const Microseconds at = now();
+    if (at >= hostsUntil_) {
         hostsText_ = hostsReport(exchange_, receiver_, routes_, isEngineUp_);
-        hostsAt_ = now();
+        hostsUntil_ = now() + kHostsPause * (now() - at);
     }
     (void)daemon_.send(wire::buildData(subject->view().bytes(), nullptr, 0,
                                        {RVMSG_STRING, 0, hostsText_.c_str()}));

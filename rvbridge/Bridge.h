@@ -142,8 +142,8 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     std::unordered_set<std::string> others_;  // what we listen to for other hosts
     std::unordered_set<std::string> owed_;  // of which the daemon, without room, knows the opposite
 
-    std::string hostsText_;  // the last answer
-    Microseconds hostsAt_ = 0;
+    std::string hostsText_;         // the last answer
+    Microseconds hostsUntil_ = 0;   // it holds until then
     std::uint64_t unreadable_ = 0;  // since they were logged last
     std::size_t gone_ = 0;          // subjects, since freed memory was returned
     std::size_t goneBefore_ = 0;    // the same, when last looked at
