@@ -50,7 +50,7 @@ std::string textOf(natsStatus status) {
     const char* const last = nats_GetLastError(nullptr);
     std::string text = last == nullptr ? "" : last;
     const auto place = text.find("): ");
-    if (text.starts_with('(') && place != text.npos) text.erase(0, place + 3);
+    if (text.starts_with('(') && place != std::string::npos) text.erase(0, place + 3);
     if (text.empty()) text = natsStatus_GetText(status);
     // A server that refuses a certificate says so after the handshake, by closing.
     if (text.ends_with("got ''")) {
@@ -153,7 +153,7 @@ struct Engine::Connection {
     }
 
     natsStatus subscribe(const std::string& subject, std::uint64_t number) {
-        auto ear = std::make_unique<Ear>(owner, number);
+        auto ear = std::make_unique<Ear>(Ear{owner, number});
         natsSubscription* made = nullptr;
         const natsStatus status =
             natsConnection_Subscribe(&made, handle, subject.c_str(), onMessage, ear.get());

@@ -469,7 +469,7 @@ void Exchange::takeSnapshot(Microseconds now, Host& host, const ControlMessage& 
 }
 
 void Exchange::takePong(Microseconds now, Host& host, const Frame& frame,
-                        const ControlMessage& said) {
+                        const ControlMessage& said) const {
     if (!host.pingedAt || static_cast<std::uint64_t>(*host.pingedAt) != said.stamp) return;
     host.state.roundTrip = now - *host.pingedAt;
     host.pingedAt.reset();

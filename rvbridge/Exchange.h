@@ -223,7 +223,8 @@ class Exchange {
     void takeState(Microseconds now, Host& host, const ControlMessage& said);
     void takeChange(Microseconds now, Host& host, const ControlMessage& said);
     void takeSnapshot(Microseconds now, Host& host, const ControlMessage& said);
-    void takePong(Microseconds now, Host& host, const Frame& frame, const ControlMessage& said);
+    void takePong(Microseconds now, Host& host, const Frame& frame,
+                  const ControlMessage& said) const;
     void setComplete(Host& host, std::uint64_t change);
     void setIncomplete(Microseconds now, Host& host);
     [[nodiscard]] bool insert(Host& host, SubjectView subject);

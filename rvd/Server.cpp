@@ -62,9 +62,9 @@ void closeHandle(Handle& handle) {
 
 }  // namespace
 
-Server::Server(const Options& options, const platform::Log& log)
+Server::Server(const Options& options, platform::Log log)
     : options_(options),
-      log_(log),
+      log_(std::move(log)),
       account_(memoryLimit(options)),
       router_(counters_, options.queueLimit),
       line_([] { return static_cast<Nanoseconds>(uv_hrtime()); }, platform::threadCpuNanoseconds),

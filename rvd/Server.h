@@ -25,7 +25,7 @@ namespace kvx::rvd {
 /// and `Connection` do I/O.
 class Server {
   public:
-    Server(const Options& options, const platform::Log& log);
+    Server(const Options& options, platform::Log log);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
