@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <array>
+#include <charconv>
 #include <cstdio>
 #include <fstream>
 #include <optional>
@@ -77,6 +78,12 @@ void describe(CLI::App& app, Texts& texts, Options& options) {
 }
 
 // nats://[user:password@]host[:port]
+bool isPort(std::string_view text) {
+    unsigned port = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+    return error == std::errc() && end == text.data() + text.size() && port <= 65'535;
+}
+
 bool isServer(const std::string& url) {
     if (!url.starts_with("nats://") && !url.starts_with("tls://")) return false;
     const auto secrets = url.rfind('@');
@@ -84,9 +91,7 @@ bool isServer(const std::string& url) {
         url.substr(secrets == std::string::npos ? url.find("//") + 2 : secrets + 1);
     const auto colon = place.rfind(':');
     if (colon == std::string::npos || place.ends_with(']')) return !place.empty();
-    const std::string port = place.substr(colon + 1);
-    return colon > 0 && !port.empty() && port.size() <= 5 &&
-           port.find_first_not_of("0123456789") == std::string::npos && std::stoi(port) <= 65'535;
+    return colon > 0 && isPort(std::string_view(place).substr(colon + 1));
 }
 
 // The following return an empty text, or the error.
@@ -105,7 +110,8 @@ std::string takeSpaces(const std::vector<std::string>& texts, std::vector<SpaceN
     for (const auto& text : texts) {
         const auto colon = text.find(':');
         if (colon == std::string::npos) return "-space: '" + text + "' is no SERVICE:NETWORK";
-        const SpaceName space{text.substr(0, colon), text.substr(colon + 1)};
+        const std::string service = colon == 0 ? wire::kDefaultService : text.substr(0, colon);
+        const SpaceName space{service, text.substr(colon + 1)};
         if (std::ranges::find(spaces, space) != spaces.end()) {
             return "-space: '" + text + "' is named twice";
         }
@@ -165,7 +171,8 @@ std::string takeAddress(const Texts& texts, Options& options) {
         std::string name = texts.configuration;
         if (parser.RRCPParseFromFilename(name.data()) != 0) {
             const char* const why = parser.RRCPGetError();
-            return "-config: " + name + ": " + (why == nullptr ? "cannot be read" : why);
+            const bool isSaid = why != nullptr && *why != '\0';
+            return "-config: " + name + ": " + (isSaid ? why : "cannot be read");
         }
         const auto textOf = [](CVekAtom* atom) {
             return atom == nullptr ? nullptr : atom->RAString();
@@ -175,6 +182,11 @@ std::string takeAddress(const Texts& texts, Options& options) {
         fill(address.daemon, textOf(parser.RRCPGetDaemon()));
     }
     fill(address.daemon, wire::kDefaultDaemon);
+    const auto colon = address.daemon.rfind(':');
+    if (!address.daemon.starts_with("tcp:") ||
+        !isPort(std::string_view(address.daemon).substr(colon + 1))) {
+        return "'" + address.daemon + "' is no daemon (tcp:[host:]port)";
+    }
     options.daemon = address.daemon;
     if (options.spaces.empty()) options.spaces.push_back({address.service, address.network});
     return {};
