@@ -42,7 +42,15 @@ void readSubject(std::string_view text) {
     const EngineSubjects space("7500", "");
     const auto subject = space.subjectOf(text);
     if (!subject) return;
-    require(space.subscription(*subject) == text || space.publication(*subject) == text);
+    const std::string there = space.subscription(*subject);
+    constexpr std::string_view kDirect = "kvx.7500.=.d.";
+    if (text.starts_with(kDirect)) {
+        // Whatever the host is called.
+        const std::string_view rest = text.substr(text.find('.', kDirect.size()));
+        require(rest == std::string_view(there).substr(kDirect.size() - 1));
+        return;
+    }
+    require(there == text || space.publication(*subject) == text);
 }
 
 void takeFrame(Bytes bytes) {

@@ -38,7 +38,7 @@ class EngineSubjects {
     [[nodiscard]] std::string controlTo(std::string_view host) const;
 
     /// The subject of which `engineSubject` is the `subscription`, the `publication` or `direct`;
-    /// nothing for any other text. Takes only what these functions write.
+    /// nothing for any other text. Takes only what these functions write, for whatever host.
     [[nodiscard]] std::optional<Subject> subjectOf(std::string_view engineSubject) const;
 
   private:
