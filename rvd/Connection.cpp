@@ -45,7 +45,6 @@ constexpr std::size_t kTellingBytes = 256 * 1024;
 // Memory of a connection that holds nothing: this object, its peer, an empty queue, and libuv's and
 // the containers' part.
 constexpr std::size_t kConnectionCost = sizeof(Connection) + sizeof(Peer) + 1'024;
-
 static_assert(Router::kMaxListens == 262'144 && Router::kMaxSteps == 1'024,
               "closeText and causeText name them");
 
