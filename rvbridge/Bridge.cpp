@@ -211,6 +211,7 @@ void Bridge::hearDropped(Bytes message) {
         sender_.skip(*subject, loadBig64(field.data), LossCause::QueueFull);
         sum += loadBig64(field.data);
     }
+    if (sum == 0) return;
     log_.warning("the daemon has dropped " + std::to_string(sum) + " messages for other hosts");
     endTurnSoon();
 }
@@ -284,21 +285,17 @@ void Bridge::pass(SubjectView subject, Bytes message) {
         openAt_ = host.empty() ? subjects_.publication(subject) : subjects_.direct(host, subject);
         if (!fits) return sendParts(subject, number, message);
         (void)writer_.append(number, message);
-        runs_.emplace_back(run_, 1);
+        runs_.push_back(run_);
     }
     endTurnSoon();
 }
 
 // Appends to the open frame. False, with nothing changed, when there is no room.
 bool Bridge::append(SubjectView subject, const MessageNumber& number, Bytes message) {
-    if (subject.encoded() == run_) {
-        if (!writer_.append(number, message)) return false;
-        ++runs_.back().second;
-        return true;
-    }
+    if (subject.encoded() == run_) return writer_.append(number, message);
     if (!writer_.appendRun(subject, number, message)) return false;
     run_ = subject.encoded();
-    runs_.emplace_back(run_, 1);
+    runs_.push_back(run_);
     return true;
 }
 
@@ -315,10 +312,8 @@ void Bridge::endFrame() {
     exchange_.flush();
     const bool isSent = publish(openAt_, writer_.open());
     writer_.clear();
-    for (const auto& [subject, count] : runs_) {
-        for (std::uint32_t i = 0; !isSent && i < count; ++i) {
-            sender_.dropped(viewOf(subject), LossCause::QueueFull);
-        }
+    for (const auto& subject : runs_) {
+        if (!isSent) sender_.dropped(viewOf(subject), LossCause::QueueFull);
     }
     runs_.clear();
 }

@@ -126,7 +126,7 @@ class Bridge final : private DaemonOwner, private ExchangeActions, private Recei
     std::string openAt_;    // the subject at the engine of the open frame
     std::string openHost_;  // to which the open frame goes directly; else empty
     std::string run_;       // the encoded subject of its last message
-    std::vector<std::pair<std::string, std::uint32_t>> runs_;  // subjects and messages in it
+    std::vector<std::string> runs_;  // the subjects in it
 
     std::string lastWhy_;  // there was no daemon; attempts that fail alike are told once
     bool isEngineUp_ = false;

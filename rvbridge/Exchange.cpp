@@ -272,10 +272,7 @@ void Exchange::tick(Microseconds now) {
 void Exchange::receive(Microseconds now, const Frame& frame) {
     if (!isTalking() || frame.kind != FrameKind::Control || frame.epoch == identity_.epoch) return;
     ControlMessage said;
-    if (!said.read(frame.body)) {
-        ++unreadable_;
-        return;
-    }
+    if (!said.read(frame.body)) return;
     const bool sameName = frame.host == identity_.host;
     if (said.op == ControlMessage::kTaken) obeyTaken(frame, said);
     if (said.hasState() && said.part == 0 &&
@@ -482,7 +479,9 @@ void Exchange::takePong(Microseconds now, Host& host, const Frame& frame,
 
 // False when there are too many.
 bool Exchange::insert(Host& host, SubjectView subject) {
-    if (host.subjects.size() >= kMaxSubjectsOfHost || subjects_ >= kMaxSubjects) return false;
+    if (host.subjects.size() >= kMaxSubjectsOfHost || subjects_ >= kMaxSubjects) {
+        return host.subjects.contains(std::string(subject.encoded()));
+    }
     const auto [at, isNew] = host.subjects.emplace(subject.encoded());
     if (!isNew) return true;
     ++subjects_;
@@ -515,10 +514,6 @@ void Exchange::forget(Host& host) {
     dead_.push_back({host.state, host.heard});
     hosts_.erase(hosts_.find(host.state.name));
     actions_.hostDown(dead_.back().state);
-}
-
-bool Exchange::wants(SubjectView subject) const {
-    return others_.match(subject, deliveryMatch(subject), [](Host&) { return false; }) != 0;
 }
 
 bool Exchange::heardAllOf(std::string_view host, std::uint64_t epoch, std::uint32_t keyEpoch,

@@ -124,9 +124,8 @@ class Exchange {
     /// Leaves: the others forget this host's interest at once. Nothing is sent any more.
     void stop();
 
-    /// Whether a living other host wants a message on `subject`, as its daemon would match it.
-    [[nodiscard]] bool wants(SubjectView subject) const;
-    /// Calls `visit(std::string_view host)` for each of them, possibly more than once.
+    /// Calls `visit(std::string_view host)` for each living other host that wants a
+    /// message on `subject`, as its daemon would match it; possibly more than once.
     template <class Visit>
     void eachWanting(SubjectView subject, Visit&& visit) const {
         others_.match(subject, deliveryMatch(subject), [&](Host& host) { visit(host.state.name); });
@@ -154,8 +153,6 @@ class Exchange {
     [[nodiscard]] bool isReady() const { return stage_ == Stage::Ready; }
     /// Subjects of this host's own clients.
     [[nodiscard]] std::size_t ownSubjects() const { return own_.size(); }
-    /// Control messages that could not be read.
-    [[nodiscard]] std::uint64_t unreadable() const { return unreadable_; }
 
   private:
     enum class Stage : std::uint8_t { Silent, Joining, Ready, Ended };
@@ -251,7 +248,6 @@ class Exchange {
     std::map<std::string, std::unique_ptr<Host>, std::less<>> hosts_;
     std::size_t subjects_ = 0;  // of all hosts
     std::deque<Dead> dead_;     // oldest first
-    std::uint64_t unreadable_ = 0;
 
     // What is due when.
     Microseconds startedAt_ = 0;

@@ -161,10 +161,7 @@ void Receiver::take(const Frame& frame, SubjectView subject) {
 
 void Receiver::takeData(Peer& peer, const Frame& frame, SubjectView subject) {
     const std::uint64_t end = frame.first.sequence + frame.count;
-    if (end <= peer.last + 1 || end < frame.first.sequence) {
-        ++secondCopies_;
-        return;
-    }
+    if (end <= peer.last + 1 || end < frame.first.sequence) return;  // a second copy
     // Of a frame that is seen in part the rest is new.
     const std::uint64_t seen =
         peer.last >= frame.first.sequence ? peer.last + 1 - frame.first.sequence : 0;
@@ -188,9 +185,8 @@ void Receiver::takePart(Peer& peer, const Frame& frame, SubjectView subject) {
     }
     const bool isOurs = sequence == peer.last && !peer.subject.empty() &&
                         frame.total == peer.total && peer.subject == subject.encoded();
-    if (!isOurs || frame.offset < peer.bytes.size()) {
-        ++secondCopies_;
-    } else if (frame.offset > peer.bytes.size()) {
+    if (!isOurs || frame.offset < peer.bytes.size()) return;  // a second copy
+    if (frame.offset > peer.bytes.size()) {
         giveUp(peer);
     } else {
         appendPart(peer, frame);

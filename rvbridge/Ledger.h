@@ -53,13 +53,6 @@ class RecentTable {
         const auto found = index_.find(key);
         if (found != index_.end()) erase(found->second);
     }
-    template <class Condition>
-    void eraseIf(Condition&& condition) {
-        for (auto at = entries_.begin(); at != entries_.end();) {
-            const auto here = at++;
-            if (condition(here->first, here->second)) erase(here);
-        }
-    }
     /// Latest first: `visit(const std::string& key, Value&)`, as long as it returns true.
     template <class Visit>
     void each(Visit&& visit) {
@@ -67,7 +60,6 @@ class RecentTable {
             if (!visit(key, value)) return;
         }
     }
-    [[nodiscard]] std::size_t size() const { return index_.size(); }
     /// Whether the next `add` makes `oldest` leave.
     [[nodiscard]] bool isFull() const { return index_.size() >= limit_; }
     [[nodiscard]] auto& oldest() { return entries_.back(); }
@@ -230,7 +222,6 @@ class Receiver {
         });
     }
 
-    [[nodiscard]] std::uint64_t secondCopies() const { return secondCopies_; }
     [[nodiscard]] std::size_t unfinishedBytes() const { return unfinishedBytes_; }
 
   private:
@@ -287,7 +278,6 @@ class Receiver {
     std::uint64_t nextAge_ = 1;
     std::size_t unfinishedBytes_ = 0;
     const std::size_t maxUnfinished_;
-    std::uint64_t secondCopies_ = 0;
     std::uint64_t faults_ = 0;
     std::array<std::uint64_t, kLossCauses>
         lastFault_{};  // the number of the last fault, by its cause

@@ -92,14 +92,15 @@ std::vector<std::uint8_t> DroppedSubjects::build() const {
 }
 
 std::vector<std::uint8_t> buildDataLoss(const Loss& loss, const DroppedSubjects& dropped) {
-    std::vector<std::uint8_t> body(kBodyCapacity + DroppedSubjects::kMostBytes);
+    const auto named = dropped.empty() ? std::vector<std::uint8_t>() : dropped.build();
+    std::vector<std::uint8_t> body(kBodyCapacity + named.size());
     const auto capacity = static_cast<rvmsg_Size>(body.size());
     std::array<std::uint8_t, kSubjectBytes> subject{};
     const int length =
         rvSubject_FromText(subject.data(), kSubjectBytes, advisory::kDataLossSubject);
     if (length < 0 || !fillBody(body.data(), capacity, loss)) return {};
-    if (!dropped.empty()) {
-        (void)rvmsg_Append(body.data(), capacity, "dropped", RVMSG_MSG, 0, dropped.build().data());
+    if (!named.empty()) {
+        (void)rvmsg_Append(body.data(), capacity, "dropped", RVMSG_MSG, 0, named.data());
     }
     const auto built = wire::buildData({subject.data(), static_cast<std::size_t>(length)}, nullptr,
                                        0, {RVMSG_MSG, 0, body.data()});
