@@ -77,9 +77,18 @@ std::size_t Outbox::trim() {
 }
 
 bool Outbox::pushControl(wire::Bytes bytes) {
+    return insertControl(entries_.size(), bytes);
+}
+
+bool Outbox::pushAhead(wire::Bytes bytes) {
+    return insertControl((frontBegun_ ? 1 : 0) + (notice_ != Notice::None ? 1 : 0), bytes);
+}
+
+bool Outbox::insertControl(std::size_t position, wire::Bytes bytes) {
     const std::size_t cost = bytes.size() + kControlCost;
     if (holder_.held(Holding::Control) + cost > kControlLimit) return false;
-    entries_.push_back(
+    entries_.insert(
+        entries_.begin() + static_cast<std::ptrdiff_t>(position),
         {Payload::copy(bytes), static_cast<std::uint32_t>(bytes.size()), Kind::Control});
     holder_.charge(Holding::Control, cost);
     return true;

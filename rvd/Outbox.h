@@ -63,6 +63,8 @@ class Outbox {
     /// when they would take more than `kControlLimit` of memory: the peer sends requests without
     /// reading. Throws `std::bad_alloc` and changes nothing.
     [[nodiscard]] bool pushControl(wire::Bytes bytes);
+    /// The same, ahead of everything not yet begun but a notice.
+    [[nodiscard]] bool pushAhead(wire::Bytes bytes);
 
     /// Drops the oldest message not begun. False when there is none.
     bool dropOldest(LossCause cause);
@@ -135,6 +137,7 @@ class Outbox {
         waitingBytes_ -= bytes;
         waitingMessages_ -= messages;
     }
+    bool insertControl(std::size_t position, wire::Bytes bytes);
     void drop(std::size_t position, std::size_t number, LossCause cause);
     std::size_t dropForRoom(std::size_t most);
     [[nodiscard]] std::size_t oldestMessage() const;
