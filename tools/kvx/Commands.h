@@ -86,6 +86,11 @@ struct HostsOptions {
     double timeoutSeconds = 3;
 };
 
+struct ExplainOptions {
+    Connection connection;
+    std::vector<std::string> words;
+};
+
 struct BenchOptions {
     Connection connection;
     std::uint64_t messages = 100000;
@@ -122,6 +127,9 @@ int services(const ServicesOptions& options);
 
 /// Lists the hosts that are joined with this one, as its bridge knows them.
 int hosts(const HostsOptions& options);
+
+/// Says why a code, an advisory or a line of a log comes, and what to do; lists all without words.
+int explain(const ExplainOptions& options);
 
 /// Measures round trips and a stream through the daemon.
 int bench(const BenchOptions& options);
