@@ -15,14 +15,16 @@
 #include "rvd/Connection.h"
 #include "rvd/Counters.h"
 #include "rvd/Line.h"
+#include "rvd/Listener.h"
 #include "rvd/MemoryAccount.h"
 #include "rvd/Options.h"
+#include "rvd/RareWarning.h"
 #include "rvd/Router.h"
 
 namespace kvx::rvd {
 
-/// The daemon: accepts, reads, routes and writes on one thread and one libuv loop. Only this class
-/// and `Connection` do I/O.
+/// The daemon: accepts, reads, routes and writes on one thread and one libuv loop. Only this class,
+/// `Listener` and `Connection` do I/O.
 class Server {
   public:
     Server(const Options& options, platform::Log log);
@@ -30,9 +32,9 @@ class Server {
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    /// Binds and listens. False, with a line in the log, when that fails.
+    /// Binds and listens. False, with a line in the log, when that fails for any address.
     [[nodiscard]] bool start();
-    /// The listening address, such as "tcp:127.0.0.1:41233", once started.
+    /// The listening addresses, such as "tcp:127.0.0.1:41233 unix:/path", once started.
     [[nodiscard]] const std::string& address() const { return address_; }
     /// Serves until SIGTERM or SIGINT. Returns the exit status. SIGUSR1 logs the counters.
     int run();
@@ -45,13 +47,15 @@ class Server {
         Server& server;
     };
 
-    void onConnection(int status);
+    [[nodiscard]] bool listen();
+    void onConnection(Listener& listener, int status);
+    void goOnAccepting(Listener::Wait since);
+    [[nodiscard]] bool isNextWaiting() const;
     void onTurn();
     void reserveWatchers(std::size_t descriptor);
     bool makeRoom() noexcept;
-    void warnCrowded(const std::string& what);
     void onClosed(const Connection& connection);
-    void acceptNext();
+    void acceptNext(Listener& listener);
     void startTick(std::uint64_t firstMs);
     void returnMemory();
     void onTick();
@@ -60,6 +64,7 @@ class Server {
     void clearUp();
     void forget(Connection& connection);
     void erase(Connection& connection);
+    void closeListeners();
     void closeHandles();
     [[nodiscard]] platform::Milliseconds now() const {
         return static_cast<platform::Milliseconds>(uv_now(&loop_));
@@ -71,13 +76,13 @@ class Server {
     platform::Log log_;
 
     uv_loop_t loop_{};
-    uv_tcp_t listener_{};
     uv_timer_t tick_{};
     uv_prepare_t turn_{};  // before the loop waits
     uv_idle_t goOn_{};     // it does not wait: somebody is in the line
     uv_signal_t terminate_{};
     uv_signal_t interrupt_{};
     uv_signal_t report_{};
+    std::vector<std::unique_ptr<Listener>> listeners_;
     std::string address_;
     Counters counters_;
     MemoryAccount account_;
@@ -93,10 +98,9 @@ class Server {
     std::size_t open_ = 0;                              // of the connections
     std::map<std::uint64_t, Connection*> unannounced_;  // by number, so the oldest is the first
     std::size_t mostOpen_ = 0;                          // for which there are descriptors
-    std::optional<platform::Milliseconds> crowdedAt_;   // when the log last said so
-    bool isNewcomerWaiting_ = false;         // there was no memory to accept a connection
+    RareWarning crowded_{log_};
+    RareWarning notAllowed_{log_};
     unsigned acceptedNow_ = 0;               // connections, in the present turn
-    bool isNextWaiting_ = false;             // for the next turn
     platform::Milliseconds returnedAt_ = 0;  // when freed memory was returned to the system
     bool stopping_ = false;
     platform::Milliseconds stopBy_ = 0;
