@@ -42,6 +42,9 @@ void sleepMs(Milliseconds duration) noexcept {
     if (duration > 0) world->wait([] { return false; }, duration);
 }
 
+int socketErrorFromErrno(int systemError) noexcept {
+    return systemError;
+}
 void Socket::reset(SocketHandle handle) noexcept {
     const SocketHandle old = std::exchange(handle_, handle);
     if (old != kNoSocket && old != handle) closeSocket(old);

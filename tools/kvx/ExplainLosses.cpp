@@ -97,6 +97,11 @@ constexpr Explained explanationFor(CloseReason reason) {
         case CloseReason::BadFrame:
             return {"rvd's log: what a client sends cannot be cut into messages.",
                     "Look at that client: it is none of this system, or damages memory."};
+        case CloseReason::NotAllowed:
+            return {
+                "rvd's log: the client's address or user is not among those of -allow or "
+                "-allow-user.",
+                "Add it there, or use an address or a user that is allowed."};
         case CloseReason::NoInit:
             return {"rvd's log: a client's first message was not its introduction.",
                     "Use clients of this system."};
