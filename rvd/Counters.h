@@ -35,6 +35,7 @@ enum class Counter : std::uint8_t {
     LossNotices,
     FollowersOpen,
     InterestSnapshots,
+    Inquiries,
     KeepalivesSent,
     Count
 };

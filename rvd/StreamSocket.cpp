@@ -20,11 +20,11 @@ int StreamSocket::descriptor() const {
     return descriptor;
 }
 
-platform::Endpoint StreamSocket::peerEndpoint() const {
+platform::Endpoint StreamSocket::endpointBy(NameCall call) const {
     if (kind() != Kind::Tcp) return {};
     sockaddr_in name{};
     int length = sizeof name;
-    uv_tcp_getpeername(&any_.tcp, reinterpret_cast<sockaddr*>(&name), &length);
+    call(&any_.tcp, reinterpret_cast<sockaddr*>(&name), &length);
     return {ntohl(name.sin_addr.s_addr), ntohs(name.sin_port)};
 }
 
