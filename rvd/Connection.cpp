@@ -43,7 +43,7 @@ constexpr unsigned kLoopbackNet = 127;
 // the containers' part.
 constexpr std::size_t kConnectionCost = sizeof(Connection) + sizeof(Peer) + 1'024;
 static_assert(Router::kMaxListens == 262'144 && Router::kMaxSteps == 1'024,
-              "closeText and causeText name them");
+              "rvReasons.h names them");
 
 uv_buf_t asBuffer(wire::Bytes bytes) {
     auto* base = const_cast<char*>(reinterpret_cast<const char*>(bytes.data()));
@@ -424,7 +424,7 @@ void Connection::dismiss() {
 
 // Ends it for a limit of the daemon, and says so as long as it can be told.
 void Connection::end(CloseReason reason, LossCause cause) {
-    guard([&] { logEnd(closeText(reason)); });
+    guard([&] { logEnd(textOf(reason)); });
     if (state_ == State::Open) outbox_.announceEnd(cause);
     guard([&] { peer_->end(reason); });
     leaveSession();
@@ -472,11 +472,11 @@ void Connection::close(CloseReason reason) {
     if (const auto counter = counterOf(reason)) context_.counters.add(*counter);
     if (reason == CloseReason::NotAllowed) context_.notAllowed(*this);
     if (reason == CloseReason::TooManyListens) {
-        logEnd(closeText(reason));
+        logEnd(textOf(reason));
         outbox_.announceEnd(LossCause::Listens);
     }
     enter(State::Draining);
-    context_.log.debug(name_ + " ends: " + closeText(reason));
+    context_.log.debug(name_ + " ends: " + textOf(reason));
 }
 
 }  // namespace kvx::rvd

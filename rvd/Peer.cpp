@@ -31,36 +31,6 @@ namespace kvx::rvd {
 using platform::Milliseconds;
 using wire::Bytes;
 
-const char* closeText(CloseReason reason) {
-    switch (reason) {
-        case CloseReason::PeerClosed:
-            return "closed by the peer";
-        case CloseReason::BadGreeting:
-            return "bad greeting";
-        case CloseReason::BadParameters:
-            return "no agreement on the link's parameters";
-        case CloseReason::BadFrame:
-            return "not a stream of messages";
-        case CloseReason::NotAllowed:
-            return "not allowed by -allow or -allow-user";
-        case CloseReason::NoInit:
-            return "a message before the init message";
-        case CloseReason::TooMuchAtOnce:
-            return "too many bytes before the init message";
-        case CloseReason::TooManyListens:
-            return kTooManyListens;
-        case CloseReason::TooManyPatterns:
-            return "its patterns take more than 1024 steps to match one message";
-        case CloseReason::OutOfMemory:
-            return "it held most of a full memory";
-        case CloseReason::TimedOut:
-            return "silent for too long";
-        case CloseReason::ShuttingDown:
-            return "the daemon ends";
-    }
-    return "";
-}
-
 std::optional<Counter> counterOf(CloseReason reason) {
     switch (reason) {
         case CloseReason::PeerClosed:

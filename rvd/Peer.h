@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "platform/Clock.h"
+#include "rv/error/rvReasons.h"
 #include "rv/message/SubjectView.h"
 #include "rv/wire/FrameReader.h"
 #include "rv/wire/Limits.h"
@@ -17,22 +18,6 @@
 
 namespace kvx::rvd {
 
-/// Why a connection ends.
-enum class CloseReason : std::uint8_t {
-    PeerClosed,     ///< the peer sent its close notice
-    BadGreeting,    ///< first word not zero, or an unsupported version
-    BadParameters,  ///< no agreement on the queue
-    BadFrame,       ///< the byte stream is not a sequence of messages
-    NotAllowed,     ///< it may not be a session here
-    NoInit,         ///< something other than an init message came first
-    TooMuchAtOnce,  ///< too many bytes before the first init message
-    TooManyListens,
-    TooManyPatterns,  ///< they cost a message too much
-    OutOfMemory,      ///< it held most of a full memory
-    TimedOut,         ///< no init in time, or silence for too long
-    ShuttingDown      ///< the daemon ends
-};
-[[nodiscard]] const char* closeText(CloseReason reason);
 /// What counts connections that end for that reason; nothing for one that is no failure, or counted
 /// where it arises.
 [[nodiscard]] std::optional<Counter> counterOf(CloseReason reason);

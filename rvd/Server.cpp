@@ -75,7 +75,7 @@ Server::Server(const Options& options, platform::Log log)
                [this](const Connection& connection) { unannounced_.erase(connection.number()); },
                [this](const Connection& connection) {
                    notAllowed_.warn(connection.peerName() +
-                                        " is turned away: " + closeText(CloseReason::NotAllowed),
+                                        " is turned away: " + textOf(CloseReason::NotAllowed),
                                     now());
                },
                [this](const Connection& connection) { onClosed(connection); },

@@ -7,7 +7,6 @@
 #include <charconv>
 #include <cstdio>
 #include <functional>
-#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -19,41 +18,11 @@
 #include "tools/bus/Output.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Fields.h"
+#include "tools/kvx/Nearest.h"
 
 namespace kvx::tool {
 
 namespace {
-
-constexpr std::size_t kLongestWord = 60;  // bytes shown of an invalid word
-
-std::string quoted(const std::string& word) {
-    return "'" + shortened(word, kLongestWord) + "'";
-}
-
-// The edit distance: characters to add, remove or replace.
-std::size_t distance(const std::string& one, const std::string& other) {
-    std::vector<std::size_t> row(other.size() + 1);
-    std::iota(row.begin(), row.end(), 0);
-    for (std::size_t i = 0; i < one.size(); ++i) {
-        std::size_t diagonal = std::exchange(row[0], i + 1);
-        for (std::size_t j = 0; j < other.size(); ++j) {
-            const std::size_t replaced = diagonal + (one[i] == other[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
-        }
-    }
-    return row.back();
-}
-
-// "; did you mean '...'?" with the known word nearest to `word`.
-std::string suggestion(const std::string& word, const std::vector<std::string>& known) {
-    const std::string start = word.substr(0, kLongestWord);
-    const auto nearest =
-        std::min_element(known.begin(), known.end(), [&](const auto& left, const auto& right) {
-            return distance(start, left) < distance(start, right);
-        });
-    return nearest == known.end() ? "" : fmt::format("; did you mean '{}'?", *nearest);
-}
 
 void addOptionNames(const CLI::App& app, std::vector<std::string>& names) {
     for (const CLI::Option* option : app.get_options()) {
@@ -144,6 +113,7 @@ class CommandLine {
         addServices();
         addHosts();
         addDaemon();
+        addExplain();
         addBench();
         addHelp();
         app_.footer(
@@ -284,6 +254,13 @@ class CommandLine {
         addTimeout(slow, daemon_.timeoutSeconds);
     }
 
+    void addExplain() {
+        auto& command = add("explain", "say why a code, advisory or log line comes, and what to do",
+                            explain_, explain);
+        command.add_option("words", explain_.words,
+                           "a number, a name or a text; without any all are listed");
+    }
+
     void addBench() {
         auto& command = add("bench", "measure the daemon's round trips and stream", bench_, bench);
         addCount(command, "--messages", bench_.messages, "messages to stream", 1);
@@ -349,6 +326,7 @@ class CommandLine {
     ServicesOptions services_;
     HostsOptions hosts_;
     DaemonOptions daemon_;
+    ExplainOptions explain_;
     BenchOptions bench_;
     std::function<int()> chosen_;
 };

@@ -96,6 +96,11 @@ struct DaemonOptions {
     double timeoutSeconds = 3;
 };
 
+struct ExplainOptions {
+    Connection connection;
+    std::vector<std::string> words;
+};
+
 struct BenchOptions {
     Connection connection;
     std::uint64_t messages = 100000;
@@ -147,6 +152,9 @@ int trace(const DaemonOptions& options);
 
 /// Who holds up messages, since when, what was lost, and what to do.
 int whySlow(const DaemonOptions& options);
+
+/// Says why a code, an advisory or a line of a log comes, and what to do; lists all without words.
+int explain(const ExplainOptions& options);
 
 /// Measures round trips and a stream through the daemon.
 int bench(const BenchOptions& options);
