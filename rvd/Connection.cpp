@@ -55,8 +55,8 @@ Connection* connectionOf(void* data) {
 }
 
 // A client on this host is told the host's address, so that session names differ between hosts.
-PeerAddress reportedAddress(platform::Endpoint peer, bool isLocal, std::uint32_t host) {
-    return {htonl(isLocal ? host : peer.address), htons(peer.port)};
+PeerAddress reportedAddress(platform::Endpoint peer, bool isNear, std::uint32_t host) {
+    return {htonl(isNear ? host : peer.address), htons(peer.port)};
 }
 
 }  // namespace
@@ -121,13 +121,14 @@ bool Connection::accept(StreamSocket& listener) {
 
 bool Connection::start() {
     name_ = socket_.peerName();
-    const auto endpoint = socket_.peerEndpoint();
+    const auto peer = socket_.peerEndpoint();
     const auto process = socket_.peerIdentity();
-    const bool isLocal = process || endpoint.address >> 24U == kLoopbackNet;
+    const bool isNear = process || peer.address >> 24U == kLoopbackNet;
     isAllowed_ = process ? context_.admission.admitsUser(process->uid)
-                         : context_.admission.admitsAddress(endpoint.address);
-    mayAsk_ = socket_.isOfThisHost() || containAny(context_.statusFor, endpoint.address);
-    peer_ = std::make_unique<Peer>(reportedAddress(endpoint, isLocal, context_.hostAddress), *this,
+                         : context_.admission.admitsAddress(peer.address);
+    mayAsk_ = isNear || peer.address == socket_.ownEndpoint().address ||
+              containAny(context_.statusFor, peer.address);
+    peer_ = std::make_unique<Peer>(reportedAddress(peer, isNear, context_.hostAddress), *this,
                                    context_.counters);
     context_.willWatch(socket_.descriptor());
     if (!startReading()) return false;

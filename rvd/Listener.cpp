@@ -30,11 +30,7 @@ std::string Listener::open() {
         });
     }
     if (status != 0) return uv_strerror(status);
-    if (address_.isUnix()) return {};
-    sockaddr_in name{};
-    int length = sizeof name;
-    uv_tcp_getsockname(socket_.tcp(), reinterpret_cast<sockaddr*>(&name), &length);
-    address_.endpoint = {ntohl(name.sin_addr.s_addr), ntohs(name.sin_port)};
+    if (!address_.isUnix()) address_.endpoint = socket_.ownEndpoint();
     return {};
 }
 

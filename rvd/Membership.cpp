@@ -160,8 +160,7 @@ SessionFacts Connection::facts() const {
     facts.number = number_;
     facts.name = sessionName_;
     facts.address = name_;
-    if (const auto process = socket_.peerIdentity()) {
-        facts.address = "unix";
+    if (const auto process = peerIdentity()) {
         facts.pid = process->pid;
         facts.user = std::to_string(process->uid);
         facts.program = platform::programName(process->pid).value_or("");

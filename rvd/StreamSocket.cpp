@@ -1,11 +1,6 @@
 #include "rvd/StreamSocket.h"
 
 namespace kvx::rvd {
-namespace {
-
-constexpr unsigned kLoopbackNet = 127;
-
-}  // namespace
 
 void StreamSocket::begin(uv_loop_t& loop, Kind kind, void* owner) {
     kind == Kind::Unix ? uv_pipe_init(&loop, &any_.pipe, 0) : uv_tcp_init(&loop, &any_.tcp);
@@ -25,25 +20,16 @@ int StreamSocket::descriptor() const {
     return descriptor;
 }
 
-platform::Endpoint StreamSocket::peerEndpoint() const {
+platform::Endpoint StreamSocket::endpointBy(NameCall call) const {
     if (kind() != Kind::Tcp) return {};
     sockaddr_in name{};
     int length = sizeof name;
-    uv_tcp_getpeername(&any_.tcp, reinterpret_cast<sockaddr*>(&name), &length);
+    call(&any_.tcp, reinterpret_cast<sockaddr*>(&name), &length);
     return {ntohl(name.sin_addr.s_addr), ntohs(name.sin_port)};
 }
 
 std::optional<platform::PeerIdentity> StreamSocket::peerIdentity() const {
     return kind() == Kind::Unix ? platform::peerIdentity(descriptor()) : std::nullopt;
-}
-
-bool StreamSocket::isOfThisHost() const {
-    if (kind() == Kind::Unix) return true;
-    sockaddr_in own{};
-    int length = sizeof own;
-    uv_tcp_getsockname(&any_.tcp, reinterpret_cast<sockaddr*>(&own), &length);
-    const std::uint32_t peer = peerEndpoint().address;
-    return peer >> 24U == kLoopbackNet || peer == ntohl(own.sin_addr.s_addr);
 }
 
 std::string StreamSocket::peerName() const {

@@ -30,17 +30,18 @@ class StreamSocket {
     [[nodiscard]] uv_pipe_t* unixSocket() { return &any_.pipe; }
     [[nodiscard]] int descriptor() const;
 
-    /// The other end of a TCP connection; zeros for another socket and a connection that is gone.
-    [[nodiscard]] platform::Endpoint peerEndpoint() const;
+    /// The two ends of a TCP connection; zeros for another socket and a connection that is gone.
+    [[nodiscard]] platform::Endpoint peerEndpoint() const { return endpointBy(uv_tcp_getpeername); }
+    [[nodiscard]] platform::Endpoint ownEndpoint() const { return endpointBy(uv_tcp_getsockname); }
     /// The process at the other end of a unix socket, as the system knows it; nothing for TCP.
     [[nodiscard]] std::optional<platform::PeerIdentity> peerIdentity() const;
-    /// Whether the other end is on this host: whoever connects to its own host has one of its
-    /// addresses.
-    [[nodiscard]] bool isOfThisHost() const;
     /// "a.b.c.d:port" or "unix pid N uid N".
     [[nodiscard]] std::string peerName() const;
 
   private:
+    using NameCall = int (*)(const uv_tcp_t*, sockaddr*, int*);
+    [[nodiscard]] platform::Endpoint endpointBy(NameCall call) const;
+
     union Any {
         uv_handle_t handle;
         uv_stream_t stream;

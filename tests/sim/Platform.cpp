@@ -104,6 +104,9 @@ std::string userName() {
 unsigned long processId() noexcept {
     return 0x1000UL + world->running().number;
 }
+std::optional<std::string> programName(unsigned long /*pid*/) {
+    return std::nullopt;
+}
 std::string programDirectory() {
     return {};
 }

@@ -52,7 +52,7 @@ class RawClient : public LinkEnd {
         client.negotiate(version);
         const auto reply = client.announce(service, network);
         if (reply.code != 0) throw std::runtime_error("refused with " + std::to_string(reply.code));
-        client.confirm(service, network, ("RAW." + std::to_string(client.number_)).c_str());
+        client.confirm(service, network, ("RAW." + std::to_string(client.localPort())).c_str());
         return client;
     }
 
@@ -115,8 +115,9 @@ class RawClient : public LinkEnd {
         return noticed;
     }
 
+    /// 0 of a unix socket.
     [[nodiscard]] std::uint16_t localPort() const {
-        return platform::localEndpoint(socket())->port;
+        return platform::localEndpoint(socket()).value_or(platform::Endpoint()).port;
     }
 
   private:
