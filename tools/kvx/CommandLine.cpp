@@ -112,6 +112,7 @@ class CommandLine {
         addServices();
         addHosts();
         addExplain();
+        addDoctor();
         addBench();
         addHelp();
         app_.footer(
@@ -236,6 +237,16 @@ class CommandLine {
                            "a number, a name or a text; without any all are listed");
     }
 
+    void addDoctor() {
+        auto& command =
+            add("doctor", "look at host, daemon and bus, and say what to mend", doctor_, doctor);
+        addTimeout(command, doctor_.timeoutSeconds);
+        command
+            .add_option("--wait", doctor_.waitSeconds, "seconds to listen for beats; 0 for none")
+            ->check(secondsBetween(0, 3600))
+            ->capture_default_str();
+    }
+
     void addBench() {
         auto& command = add("bench", "measure the daemon's round trips and stream", bench_, bench);
         addCount(command, "--messages", bench_.messages, "messages to stream", 1);
@@ -301,6 +312,7 @@ class CommandLine {
     ServicesOptions services_;
     HostsOptions hosts_;
     ExplainOptions explain_;
+    DoctorOptions doctor_;
     BenchOptions bench_;
     std::function<int()> chosen_;
 };

@@ -5,9 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <memory>
-#include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,14 +12,15 @@
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
 #include "tools/kvx/Commands.h"
+#include "tools/kvx/HostsQuestion.h"
 
 namespace kvx::tool {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using Json = HostsQuestion::Json;
 
-constexpr const char* kSubject = "_RVD.HOSTS";
+constexpr const char* kUnreadable = "the bridge's answer cannot be read";
 using Cells = std::array<std::string, 7>;
 
 std::string countText(const Json& traffic) {
@@ -71,66 +69,39 @@ void printTable(const Json& hosts) {
     }
 }
 
-class HostsAnswer : public RvDataCallback {
-  public:
-    HostsAnswer(bus::Client& client, const HostsOptions& options)
-        : client_(client), options_(options) {}
-
-    void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
-        if (std::exchange(isOver_, true)) return;
-        client_.leave(print(data));
-    }
-    void onTimeout(RvListener*) override {
-        if (isOver_) return;
-        bus::complain(
-            fmt::format("no bridge answers within {:g} s: is rvbridge running at this "
-                        "daemon, in this service and network?",
-                        options_.timeoutSeconds));
-        client_.leave(kFailure);
-    }
-
-  private:
-    int print(const RvDatum& data) const {
-        const auto* const text = static_cast<const char*>(data.data());
-        const Json hosts = data.type() == RVMSG_STRING ? Json::parse(text, nullptr, false)
-                                                       : Json(Json::value_t::discarded);
-        if (!hosts.is_array()) {
-            bus::complain("the bridge's answer cannot be read");
-            return kFailure;
+int print(const Json& hosts, bool asJson) {
+    try {
+        if (asJson) {
+            for (const auto& host : hosts) bus::printLine(host.dump());
+        } else {
+            printTable(hosts);
         }
-        try {
-            if (options_.connection.json) {
-                for (const auto& host : hosts) bus::printLine(host.dump());
-            } else {
-                printTable(hosts);
-            }
-        } catch (const Json::exception&) {
-            bus::complain("the bridge's answer cannot be read");
-            return kFailure;
-        }
-        return kSuccess;
+    } catch (const Json::exception&) {
+        bus::complain(kUnreadable);
+        return kFailure;
     }
-
-    bus::Client& client_;
-    const HostsOptions& options_;
-    bool isOver_ = false;
-};
+    return kSuccess;
+}
 
 }  // namespace
 
 int hosts(const HostsOptions& options) {
     bus::Client client(options.connection);
     if (!client.isUp()) return kFailure;
-    const std::unique_ptr<RvSender> sender(client.session().newSender(kSubject));
-    if (!sender) return kFailure;
-    HostsAnswer answer(client, options);
-    std::unique_ptr<RvListener> listener;
+    using Outcome = HostsQuestion::Outcome;
+    HostsQuestion question(client, [&](Outcome outcome, const Json& hosts) {
+        if (outcome == Outcome::Hosts) return client.leave(print(hosts, options.connection.json));
+        bus::complain(outcome == Outcome::Silence
+                          ? fmt::format("no bridge answers within {:g} s: is rvbridge running at "
+                                        "this daemon, in this service and network?",
+                                        options.timeoutSeconds)
+                          : kUnreadable);
+        client.leave(kFailure);
+    });
     client.leaveWithoutDaemon();
     return client.run([&] {
         const auto timeoutMs = static_cast<unsigned long>(options.timeoutSeconds * 1000);
-        listener.reset(
-            sender->sendRequest(RvDatum(RVMSG_STRING, 0, ""), timeoutMs, &answer, nullptr));
-        if (!listener) client.leave(kFailure);
+        if (!question.ask(timeoutMs)) client.leave(kFailure);
     });
 }
 
