@@ -11,11 +11,15 @@
 #include <vector>
 
 #include "platform/Log.h"
+#include "rvd/Answers.h"
 #include "rvd/Batch.h"
+#include "rvd/BusySubjects.h"
+#include "rvd/Facts.h"
 #include "rvd/Line.h"
 #include "rvd/Outbox.h"
 #include "rvd/Pace.h"
 #include "rvd/Peer.h"
+#include "rvd/Reports.h"
 #include "rvd/Router.h"
 
 namespace kvx::rvd {
@@ -31,6 +35,8 @@ struct ConnectionContext {
     Router& router;
     Batch& batch;
     Line& line;
+    BusySubjects& busy;
+    const Reports& reports;
     std::size_t queueLimit;     ///< queued bytes per session
     std::size_t stepsAtOnce;    ///< of a match, between two looks at the clock
     std::uint32_t hostAddress;  ///< host byte order; reported to local clients as their own
@@ -70,7 +76,7 @@ class Connection final : private MemoryHolder,
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    [[nodiscard]] std::uint64_t number() const { return number_; }
+    [[nodiscard]] std::uint64_t number() const override { return number_; }
 
     /// Accepts the next connection of `listener`. False on failure; call `destroy` in either case
     /// at the end. Comes first.
@@ -85,7 +91,9 @@ class Connection final : private MemoryHolder,
     /// Frees what one that is gone has held, until the slice is over. True when nothing is left.
     bool clearUp();
 
-    void tick();
+    /// About once a second; `elapsed`: since the last time.
+    void tick(platform::Milliseconds elapsed);
+    [[nodiscard]] SessionFacts facts() const;
     /// Ends the connection because the daemon ends.
     void shutDown();
     /// Closes the socket now; `ConnectionContext::gone` follows.
@@ -112,6 +120,7 @@ class Connection final : private MemoryHolder,
     void publish(SubjectView subject, const PayloadRef& message) override;
     bool mayReportLoss() override { return session_ != nullptr && session_->isTold(); }
     void reportLoss(SubjectView subject, std::uint64_t lost, const PayloadRef& message) override;
+    void ask(const Inquiry& inquiry) override;
     bool mayGoOn() override;
     void close(CloseReason reason) override;
 
@@ -137,6 +146,8 @@ class Connection final : private MemoryHolder,
         PayloadRef message;
         PayloadRef notice;      // null: the message itself is delivered
         std::size_t subjectAt;  // in the message, whose bytes move when they are kept
+        BusySubjects::Place counted = 0;
+        std::size_t reached = 0;  // sessions
     };
 
     template <class Step>
@@ -147,10 +158,13 @@ class Connection final : private MemoryHolder,
     void onRead(ssize_t count, const char* bytes);
     void trim();
     void takeBytes();
-    void beginRouting(SubjectView subject, const PayloadRef& message, PayloadRef notice = {});
+    void goOnRouting();
     void route();
     [[nodiscard]] bool mayTell() const;
     void tellMore();
+    [[nodiscard]] bool mayAnswer() const;
+    [[nodiscard]] bool isOfThisHost() const;
+    void answer();
     void refreshTold();
     void handOn(const PayloadRef& message, std::span<Receiver* const> receivers);
     [[nodiscard]] bool hasMuch() const;
@@ -188,6 +202,7 @@ class Connection final : private MemoryHolder,
     std::unique_ptr<Peer> peer_;
     wire::Bytes arrived_;             // bytes that the peer has not processed
     std::vector<std::uint8_t> rest_;  // those that wait for a further slice
+    bool isLocal_ = false;            // a session of the daemon's own host
     bool isReading_ = false;
     bool isTrimming_ = false;     // more waits than may
     std::uint64_t readTurn_ = 0;  // the turn of the last read
@@ -196,8 +211,13 @@ class Connection final : private MemoryHolder,
     bool isDismissed_ = false;
     std::size_t writingBytes_ = 0;  // bytes of the queue in write_; 0: no write is pending in libuv
     Pace pace_;                     // as of the last tick
-    std::string name_;              // "a.b.c.d:port", for the log
-    std::string sessionName_;       // of the init message, or its beginning
+    const platform::Milliseconds acceptedAt_;
+    Flow published_;
+    std::uint64_t publishedBefore_ = 0;  // messages, at the last tick
+    std::uint64_t publishedRate_ = 0;    // a second, before that
+    std::unique_ptr<Answers> answers_;   // null: nothing was asked
+    std::string name_;                   // "a.b.c.d:port", for the log
+    std::string sessionName_;            // of the init message, or its beginning
 };
 
 }  // namespace kvx::rvd

@@ -19,7 +19,8 @@ constexpr std::array<CounterInfo, static_cast<std::size_t>(Counter::Count)> kTab
     {"messages.received", "messages", "data messages taken from peers"},
     {"bytes.received", "bytes", "bytes of those messages"},
     {"messages.unreadable", "messages", "dropped on arrival: no type, or no sound subject"},
-    {"messages.reserved", "messages", "dropped on arrival: a system advisory sent by a client"},
+    {"messages.reserved", "messages",
+     "dropped on arrival: on a subject of the system's or the daemon's own"},
     {"messages.unmatched", "messages", "data messages that no session listened to"},
     {"messages.matched", "messages", "copies due: one for each session that listened"},
     {"messages.delivered", "messages", "copies written to a session's connection in full"},
@@ -33,6 +34,7 @@ constexpr std::array<CounterInfo, static_cast<std::size_t>(Counter::Count)> kTab
     {"loss.notices", "messages", "_RV.WARN.SYSTEM.DATALOSS messages queued for sessions"},
     {"followers.open", "sessions", "sessions that are told the interest of their space now"},
     {"interest.snapshots", "snapshots", "begun for these: once each, and again after a loss"},
+    {"inquiries", "messages", "requests on _RVD.STATUS and the like"},
     {"keepalives.sent", "messages", "keepalives sent to silent peers"},
 }};
 

@@ -34,6 +34,7 @@ enum class Counter : std::uint8_t {
     LossNotices,
     FollowersOpen,
     InterestSnapshots,
+    Inquiries,
     KeepalivesSent,
     Count
 };

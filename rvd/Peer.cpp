@@ -193,27 +193,46 @@ void Peer::onData(Bytes encoded, const wire::Frame& frame) {
     counters_.add(Counter::MessagesReceived);
     counters_.add(Counter::BytesReceived, frame.bytes.size());
     const auto subject = SubjectView::parse(encoded.data(), encoded.size());
-    if (!subject) {
-        counters_.add(Counter::MessagesUnreadable);
-    } else if (advisory::coversSystemSubject(*subject) || coversDaemonSubject(*subject)) {
-        onReserved(*subject, frame);
-    } else {
-        actions_.publish(*subject, payloadOf(frame));
-    }
+    if (!subject) return counters_.add(Counter::MessagesUnreadable);
+    if (advisory::coversSystemSubject(*subject)) return counters_.add(Counter::MessagesReserved);
+    const DaemonSubject own = daemonSubjectOf(*subject);
+    if (own != DaemonSubject::None) return onDaemonSubject(own, frame);
+    actions_.publish(*subject, payloadOf(frame));
 }
 
 PayloadRef Peer::payloadOf(const wire::Frame& frame) {
     return frame.assembled ? Payload::own(reader_.takeAssembled()) : Payload::borrow(frame.bytes);
 }
 
-void Peer::onReserved(SubjectView subject, const wire::Frame& frame) {
-    if (!isLossReportSubject(subject) || !actions_.mayReportLoss()) {
-        return counters_.add(Counter::MessagesReserved);
+void Peer::onDaemonSubject(DaemonSubject subject, const wire::Frame& frame) {
+    switch (subject) {
+        case DaemonSubject::Lost:
+            return onLossReport(frame);
+        case DaemonSubject::Status:
+        case DaemonSubject::Sessions:
+        case DaemonSubject::Subjects:
+        case DaemonSubject::Trace:
+            return onInquiry(subject, frame);
+        case DaemonSubject::None:
+        case DaemonSubject::Interest:
+        case DaemonSubject::Any:
+            return counters_.add(Counter::MessagesReserved);
     }
+}
+
+void Peer::onLossReport(const wire::Frame& frame) {
+    if (!actions_.mayReportLoss()) return counters_.add(Counter::MessagesReserved);
     const PayloadRef message = payloadOf(frame);
     const auto report = readLossReport(message->bytes());
     if (!report) return counters_.add(Counter::MessagesUnreadable);
     actions_.reportLoss(report->subject, report->lost, message);
+}
+
+void Peer::onInquiry(DaemonSubject subject, const wire::Frame& frame) {
+    const auto inquiry = readInquiry(subject, frame.bytes);
+    if (!inquiry) return counters_.add(Counter::MessagesUnreadable);
+    counters_.add(Counter::Inquiries);
+    actions_.ask(*inquiry);
 }
 
 void Peer::onListen(Bytes encoded) {

@@ -12,6 +12,7 @@
 #include "rv/wire/FrameReader.h"
 #include "rv/wire/Limits.h"
 #include "rvd/Counters.h"
+#include "rvd/Inquiry.h"
 #include "rvd/Payload.h"
 
 namespace kvx::rvd {
@@ -39,6 +40,8 @@ class PeerActions {
     /// It reports messages on `subject`, which is within `message`, as lost.
     virtual void reportLoss(SubjectView /*subject*/, std::uint64_t /*lost*/,
                             const PayloadRef& /*message*/) {}
+    /// It asks the daemon something.
+    virtual void ask(const Inquiry& /*inquiry*/) {}
     /// False when the peer's turn is over: it stops reading its bytes.
     virtual bool mayGoOn() = 0;
     /// Closes the connection after the queued output. Called at most once, and last.
@@ -104,7 +107,9 @@ class Peer {
     void onFirstMessage(wire::Bytes message);
     bool onInit(wire::Bytes message);
     void onData(wire::Bytes encoded, const wire::Frame& frame);
-    void onReserved(SubjectView subject, const wire::Frame& frame);
+    void onDaemonSubject(DaemonSubject subject, const wire::Frame& frame);
+    void onLossReport(const wire::Frame& frame);
+    void onInquiry(DaemonSubject subject, const wire::Frame& frame);
     PayloadRef payloadOf(const wire::Frame& frame);
     void onListen(wire::Bytes encoded);
     void onCancel(wire::Bytes encoded);

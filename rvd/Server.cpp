@@ -75,6 +75,8 @@ Server::Server(const Options& options, platform::Log log)
                router_,
                batch_,
                line_,
+               busy_,
+               reports_,
                options.queueLimit,
                options.stepsAtOnce,
                hostAddressFor(options),
@@ -95,7 +97,7 @@ Server::Server(const Options& options, platform::Log log)
 }
 
 Server::~Server() {
-    for (auto& [connection, holder] : connections_) connection->destroy();
+    for (auto& [number, connection] : connections_) connection->destroy();
     closeHandles();
     uv_run(&loop_, UV_RUN_DEFAULT);
     uv_loop_close(&loop_);
@@ -119,6 +121,7 @@ bool Server::start() {
         return false;
     }
     address_ = addressText(listener_);
+    bornAt_ = tickedAt_ = now();
     const std::size_t descriptors = platform::raiseDescriptorLimit();
     mostOpen_ = descriptors > kSpareDescriptors ? descriptors - kSpareDescriptors : 1;
     startTick(kTickMs);
@@ -174,7 +177,7 @@ void Server::acceptNext() {
     Connection* connection = made.get();
     const auto place = unannounced_.emplace(connection->number(), connection).first;
     try {
-        connections_.emplace(connection, std::move(made));
+        connections_.emplace_hint(connections_.end(), connection->number(), std::move(made));
     } catch (...) {
         unannounced_.erase(place);
         throw;
@@ -261,22 +264,55 @@ void Server::forget(Connection& connection) {
 }
 
 void Server::erase(Connection& connection) {
-    connections_.erase(&connection);
+    connections_.erase(connection.number());
     if (stopping_ && connections_.empty()) closeHandles();
 }
 
 void Server::onTick() {
     const bool late = stopping_ && now() >= stopBy_;
-    for (auto& [connection, holder] : connections_) {
+    const platform::Milliseconds elapsed = now() - std::exchange(tickedAt_, now());
+    measure(elapsed);
+    for (auto& [number, connection] : connections_) {
         if (late) {
             connection->destroy();
         } else {
-            connection->tick();
+            connection->tick(elapsed);
         }
     }
     if (isNewcomerWaiting_ && !stopping_) onConnection(0);
     batch_.end();
     returnMemory();
+}
+
+void Server::measure(platform::Milliseconds elapsed) {
+    for (std::size_t i = 0; i < static_cast<std::size_t>(Counter::Count); ++i) {
+        const auto counter = static_cast<Counter>(i);
+        rates_.set(counter, perSecond(counters_[counter] - before_[counter], elapsed));
+    }
+    before_ = counters_;
+    busy_.tick(elapsed);
+}
+
+StatusFacts Server::status() const {
+    StatusFacts facts;
+    facts.pid = platform::processId();
+    facts.addresses = {address_};
+    facts.started = startedAt_;
+    facts.age = now() - bornAt_;
+    facts.queueLimit = options_.queueLimit;
+    facts.descriptors = mostOpen_;
+    facts.memoryLimit = account_.limit();
+    facts.memoryUsed = account_.used();
+    facts.memory = account_.kinds();
+    facts.counters = &counters_;
+    facts.rates = &rates_;
+    return facts;
+}
+
+std::optional<SessionFacts> Server::sessionAfter(std::uint64_t number) const {
+    const auto next = connections_.upper_bound(number);
+    if (next == connections_.end()) return std::nullopt;
+    return next->second->facts();
 }
 
 void Server::returnMemory() {
@@ -292,7 +328,7 @@ void Server::stop() {
     logStop();
     closeHandle(listener_);
     startTick(kSoonMs);
-    for (auto& [connection, holder] : connections_) connection->shutDown();
+    for (auto& [number, connection] : connections_) connection->shutDown();
     batch_.end();
     if (connections_.empty()) closeHandles();
 }
@@ -323,7 +359,7 @@ void Server::logStop() noexcept {
 void Server::logCounters() noexcept {
     if (!log_.enabled(platform::LogLevel::Info)) return;
     std::uint64_t waiting = 0;
-    for (const auto& [connection, holder] : connections_) waiting += connection->waitingMessages();
+    for (const auto& [number, connection] : connections_) waiting += connection->waitingMessages();
     counters_.set(Counter::MessagesWaiting, waiting);
     try {
         std::string line = "counted:";

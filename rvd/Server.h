@@ -7,26 +7,27 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "platform/Log.h"
 #include "rvd/Batch.h"
+#include "rvd/BusySubjects.h"
 #include "rvd/Connection.h"
 #include "rvd/Counters.h"
 #include "rvd/Line.h"
 #include "rvd/MemoryAccount.h"
 #include "rvd/Options.h"
+#include "rvd/Reports.h"
 #include "rvd/Router.h"
 
 namespace kvx::rvd {
 
 /// The daemon: accepts, reads, routes and writes on one thread and one libuv loop. Only this class
 /// and `Connection` do I/O.
-class Server {
+class Server : private Observed {
   public:
     Server(const Options& options, platform::Log log);
-    ~Server();
+    ~Server() override;
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
@@ -45,6 +46,10 @@ class Server {
         Server& server;
     };
 
+    // Observed
+    [[nodiscard]] StatusFacts status() const override;
+    [[nodiscard]] std::optional<SessionFacts> sessionAfter(std::uint64_t number) const override;
+
     void onConnection(int status);
     void onTurn();
     void reserveWatchers(std::size_t descriptor);
@@ -55,13 +60,14 @@ class Server {
     void startTick(std::uint64_t firstMs);
     void returnMemory();
     void onTick();
+    void measure(platform::Milliseconds elapsed);
     void stop();
     [[nodiscard]] bool hasToClearUp() const { return !gone_.empty() || router_.hasLeft(); }
     void clearUp();
     void forget(Connection& connection);
     void erase(Connection& connection);
     void closeHandles();
-    [[nodiscard]] platform::Milliseconds now() const {
+    [[nodiscard]] platform::Milliseconds now() const override {
         return static_cast<platform::Milliseconds>(uv_now(&loop_));
     }
     void logStop() noexcept;
@@ -85,8 +91,10 @@ class Server {
     Batch batch_{account_};
     Line line_;
     Cleaner cleaner_{*this};
+    BusySubjects busy_;
+    const Reports reports_{*this, busy_};
     const ConnectionContext context_;
-    std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_;
+    std::map<std::uint64_t, std::unique_ptr<Connection>> connections_;  // by number
     std::vector<Connection*> gone_;  // that are heavy; has room for all
     std::uint64_t accepted_ = 0;
     std::size_t watchers_ = 0;                          // for which libuv has memory
@@ -98,6 +106,11 @@ class Server {
     unsigned acceptedNow_ = 0;               // connections, in the present turn
     bool isNextWaiting_ = false;             // for the next turn
     platform::Milliseconds returnedAt_ = 0;  // when freed memory was returned to the system
+    const std::int64_t startedAt_ = platform::wallMilliseconds();
+    platform::Milliseconds bornAt_ = 0;
+    platform::Milliseconds tickedAt_ = 0;
+    Counters before_;  // at the last tick
+    Counters rates_;   // what they grew by in the second before that
     bool stopping_ = false;
     platform::Milliseconds stopBy_ = 0;
 };

@@ -113,6 +113,7 @@ class CommandLine {
         addHosts();
         addExplain();
         addDoctor();
+        addDaemon();
         addBench();
         addHelp();
         app_.footer(
@@ -247,6 +248,27 @@ class CommandLine {
             ->capture_default_str();
     }
 
+    void addDaemon() {
+        addTimeout(add("status", "show how the daemon is: limits, rates, memory", daemon_, status),
+                   daemon_.timeoutSeconds);
+        auto& listed = add("sessions", "list who is on the daemon", daemon_, sessions);
+        addTimeout(listed, daemon_.timeoutSeconds);
+        auto& flows = add("subjects", "list the busiest subjects", daemon_, subjects);
+        flows.add_option("PATTERN", daemon_.subject, "only these, * and > as wildcards");
+        addCount(flows, "--limit", daemon_.limit, "the most rows; 0 for all that are known");
+        flows.add_flag("--shapes", daemon_.shapes, "show the fields of the messages");
+        flows.add_flag("--tree", daemon_.tree, "show them as a tree");
+        addTimeout(flows, daemon_.timeoutSeconds);
+        auto& traced =
+            add("trace", "tell who would get a message, by which listen", daemon_, trace);
+        traced.add_option("SUBJECT", daemon_.subject, "the message's subject")->required();
+        addTimeout(traced, daemon_.timeoutSeconds);
+        auto& slow =
+            add("why-slow", "tell who holds up messages, and what to do", daemon_, whySlow);
+        slow.add_option("SUBJECT", daemon_.subject, "only who would get a message on it");
+        addTimeout(slow, daemon_.timeoutSeconds);
+    }
+
     void addBench() {
         auto& command = add("bench", "measure the daemon's round trips and stream", bench_, bench);
         addCount(command, "--messages", bench_.messages, "messages to stream", 1);
@@ -313,6 +335,7 @@ class CommandLine {
     HostsOptions hosts_;
     ExplainOptions explain_;
     DoctorOptions doctor_;
+    DaemonOptions daemon_;
     BenchOptions bench_;
     std::function<int()> chosen_;
 };

@@ -97,6 +97,16 @@ struct DoctorOptions {
     double waitSeconds = 11;  ///< a little more than a beat interval
 };
 
+/// Of the commands that ask the daemon.
+struct DaemonOptions {
+    Connection connection;
+    std::string subject;       ///< empty: all
+    std::uint64_t limit = 20;  ///< of rows; 0 for all
+    bool shapes = false;
+    bool tree = false;
+    double timeoutSeconds = 3;
+};
+
 struct BenchOptions {
     Connection connection;
     std::uint64_t messages = 100000;
@@ -139,6 +149,21 @@ int explain(const ExplainOptions& options);
 
 /// Looks at this host, its daemon and the bus, and says what to mend. Starts no daemon.
 int doctor(const DoctorOptions& options);
+
+/// How the daemon is: version, limits, totals, rates, memory.
+int status(const DaemonOptions& options);
+
+/// Who is on the daemon, and how they keep up.
+int sessions(const DaemonOptions& options);
+
+/// The busiest subjects, as a list or a tree.
+int subjects(const DaemonOptions& options);
+
+/// Who would get a message on a subject, and by which listens.
+int trace(const DaemonOptions& options);
+
+/// Who holds up messages, since when, what was lost, and what to do.
+int whySlow(const DaemonOptions& options);
 
 /// Measures round trips and a stream through the daemon.
 int bench(const BenchOptions& options);
