@@ -1,5 +1,7 @@
 // What is seen over a session: services by their beats and answers, and the bridge.
 
+#include "tools/kvx/Examination.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -12,11 +14,13 @@
 
 #include "tools/beats/BeatListener.h"
 #include "tools/bus/Client.h"
+#include "tools/bus/DaemonQuestion.h"
 #include "tools/bus/Ticker.h"
 #include "tools/kvx/AnswerProbe.h"
-#include "tools/kvx/Examination.h"
+#include "tools/kvx/DaemonView.h"
 #include "tools/kvx/HostsQuestion.h"
 #include "tools/kvx/Overheard.h"
+#include "tools/kvx/Table.h"
 
 namespace kvx::tool {
 
@@ -30,12 +34,20 @@ class Look {
     explicit Look(Examination& examination)
         : examination_(examination),
           client_(openedBy(examination)),
-          hosts_(*client_, [this](HostsQuestion::Outcome outcome, const Json& hosts) {
-              if (outcome == HostsQuestion::Outcome::Hosts) found_.hosts = hosts;
-              if (outcome == HostsQuestion::Outcome::Unreadable) found_.hosts = Json();
-              isAnswered_ = true;
-              leaveWhenDone();
-          }) {}
+          hosts_(*client_,
+                 [this](HostsQuestion::Outcome outcome, const Json& hosts) {
+                     if (outcome == HostsQuestion::Outcome::Hosts) found_.hosts = hosts;
+                     if (outcome == HostsQuestion::Outcome::Unreadable) found_.hosts = Json();
+                     awaitsHosts_ = false;
+                     leaveWhenDone();
+                 }),
+          status_(client_->net(), bus::kStatusSubject,
+                  [this](const Json& answer, const std::string& error) {
+                      found_.status = answer;
+                      found_.noStatus = error;
+                      awaitsStatus_ = false;
+                      leaveWhenDone();
+                  }) {}
 
     [[nodiscard]] bool isUp() const { return client_->isUp(); }
     [[nodiscard]] std::string sessionName() { return rv_SessionName(client_->session().handle()); }
@@ -52,7 +64,8 @@ class Look {
             if (listens()) probe.askAll();
             asked_ = &probe;
             const auto timeoutMs = static_cast<unsigned long>(examination_.timeout());
-            if (!hosts_.ask(timeoutMs)) isAnswered_ = true;
+            awaitsHosts_ = hosts_.ask(timeoutMs);
+            status_.ask(RvMsg(), examination_.options.timeoutSeconds);
             end = std::make_unique<bus::Ticker>(client_->net(), listeningMs(),
                                                 bus::Ticker::Repeat::Once, [this] {
                                                     hasListened_ = true;
@@ -81,7 +94,7 @@ class Look {
         return std::max(1UL, static_cast<unsigned long>(examination_.options.waitSeconds * 1000));
     }
     void leaveWhenDone() {
-        if (isAnswered_ && hasListened_) client_->leave(kSuccess);
+        if (!awaitsHosts_ && !awaitsStatus_ && hasListened_) client_->leave(kSuccess);
     }
     void hear(std::span<const unsigned char> packet) {
         if (!table_.hear(packet, platform::monotonicMs()) || asked_ == nullptr) return;
@@ -94,12 +107,72 @@ class Look {
     Examination::Bus found_;
     std::unique_ptr<bus::Client> client_;  // never null
     HostsQuestion hosts_;
+    bus::DaemonQuestion status_;
     beats::BeatTable table_;
     beats::BeatListener listener_{[this](auto packet) { hear(packet); }};
     AnswerProbe* asked_ = nullptr;  // while it listens
-    bool isAnswered_ = false;
+    bool awaitsHosts_ = true;
+    bool awaitsStatus_ = true;
     bool hasListened_ = false;
 };
+
+constexpr double kNearlyFull = 0.8;  // of a limit
+
+void warnOfFullness(Examination& examination, const char* what, double used, double limit,
+                    const std::string& text, const char* mend) {
+    if (limit > 0 && used >= kNearlyFull * limit) {
+        examination.warn(fmt::format("{} are nearly used up: {}", what, text), mend);
+    }
+}
+
+void reportStatus(Examination& examination, const Json& status) {
+    const Json memory = status.value("memory", Json::object());
+    const Json counters = status.value("counters", Json::object());
+    const auto open = numberIn(counters, "connections_open");
+    const auto most = numberIn(status, "connection_limit");
+    const std::string held = fmt::format("{} of {}", bytesText(realIn(memory, "used")),
+                                         bytesText(realIn(memory, "limit")));
+    const std::string connections = fmt::format("{} of {}", countText(open), countText(most));
+    examination.ok(fmt::format(
+        "rvd {}, process {}, up for {}; memory {}, connections {}, {} may wait for one session",
+        textIn(status, "version"), numberIn(status, "pid"), spanText(numberIn(status, "age_ms")),
+        held, connections, bytesText(realIn(status, "queue_limit"))));
+    if (textIn(status, "version") != kvxVersion()) {
+        examination.warn(
+            fmt::format("rvd has version {}, kvx {}", textIn(status, "version"), kvxVersion()),
+            "start the daemon anew from this installation");
+    }
+    warnOfFullness(examination, "rvd's bytes for sessions", realIn(memory, "used"),
+                   realIn(memory, "limit"), held,
+                   "'kvx sessions' and 'kvx why-slow' name who holds them; raise -memory");
+    warnOfFullness(examination, "rvd's descriptors", static_cast<double>(open),
+                   static_cast<double>(most), connections,
+                   "raise LimitNOFILE of its unit; 'kvx sessions' lists who is there");
+}
+
+void reportLosses(Examination& examination, const Json& counters) {
+    struct Loss {
+        const char* counter;
+        const char* text;
+        const char* mend;
+    };
+    static constexpr Loss kLosses[] = {
+        {"dropped_queue", "messages were dropped for sessions that read too slowly",
+         "'kvx why-slow' names them; 'kvx explain slow reader'"},
+        {"dropped_memory", "messages were dropped because rvd's memory was full",
+         "'kvx why-slow'; 'kvx explain daemon memory'"},
+        {"connections_refused", "connections were refused for want of descriptors",
+         "raise LimitNOFILE of rvd's unit"},
+        {"connections_evicted", "sessions were closed because they held most of a full memory",
+         "see rvd's log; raise -memory"},
+    };
+    for (const auto& loss : kLosses) {
+        const auto count = numberIn(counters, loss.counter);
+        if (count == 0) continue;
+        examination.warn(fmt::format("since its start {} {}", countText(count), loss.text),
+                         loss.mend);
+    }
+}
 
 std::string nameOf(const beats::Beat& beat) {
     return fmt::format("{}.{} ({}:{})", beat.service, beat.domain, beat.host, beat.pid);
@@ -127,16 +200,6 @@ void warnOfSilence(Examination& examination, const std::vector<beats::Service>& 
     }
 }
 
-std::string lossText(const Json& lost) {
-    std::string text;
-    for (const auto& [cause, messages] : lost.items()) {
-        if (!messages.is_number_unsigned()) continue;
-        text +=
-            fmt::format("{}{} {}", text.empty() ? "" : ", ", messages.get<std::uint64_t>(), cause);
-    }
-    return text;
-}
-
 void reportHost(Examination& examination, const Json& host) {
     const std::string name = host.value("host", "");
     const bool isUp = host.value("up", false);
@@ -146,7 +209,7 @@ void reportHost(Examination& examination, const Json& host) {
     } else if (!isUp) {
         examination.warn(fmt::format("host {} is gone", name), "look at that host and the line");
     }
-    const std::string lost = lossText(host.value("lost", Json::object()));
+    const std::string lost = lostText(host);
     if (!lost.empty()) {
         examination.warn(fmt::format("messages of host {} were lost: {}", name, lost),
                          "see 'kvx explain CAUSE'");
@@ -175,6 +238,16 @@ void checkSession(Examination& examination) {
         examination.ok(fmt::format("{} in service '{}', network '{}'", name,
                                    examination.address.service, examination.address.network));
     }
+}
+
+void checkStatus(Examination& examination) {
+    if (!examination.bus) return;
+    if (!examination.bus->noStatus.empty()) {
+        return examination.warn(examination.bus->noStatus, "install rvd and kvx of one version");
+    }
+    const Json& status = examination.bus->status;
+    reportStatus(examination, status);
+    reportLosses(examination, status.value("counters", Json::object()));
 }
 
 void checkServices(Examination& examination) {

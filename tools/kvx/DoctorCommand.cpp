@@ -15,7 +15,8 @@ constexpr Check kChecks[] = {
     {"limits", checkLimits},           {"clocks", checkClocks},
     {"versions", checkVersions},       {"agent", checkAgent},
     {"daemon", checkDaemon},           {"session", checkSession, true},
-    {"services", checkServices},       {"bridges", checkBridges},
+    {"status", checkStatus},           {"services", checkServices},
+    {"bridges", checkBridges},
 };
 
 constexpr platform::Milliseconds kOwnTime = 1'000;  // of a check, beside what it waits for

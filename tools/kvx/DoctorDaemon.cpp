@@ -1,6 +1,8 @@
 // Who listens: the agent, and the daemon. Each is asked on a plain connection first, which nobody
 // can hold up; the library's own handshake with the daemon follows when the greeting is right.
 
+#include "tools/kvx/Examination.h"
+
 #include <fmt/format.h>
 
 #include <charconv>
@@ -14,7 +16,6 @@
 #include "rv/message/WireFormat.h"
 #include "rv/rv.h"
 #include "rv/wire/Limits.h"
-#include "tools/kvx/Examination.h"
 #include "tools/kvx/Nearest.h"
 #include "tools/kvx/TcpProbe.h"
 

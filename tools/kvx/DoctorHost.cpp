@@ -1,5 +1,7 @@
 // The checks of this host, without the bus.
 
+#include "tools/kvx/Examination.h"
+
 #include <fmt/format.h>
 
 #include <cstdlib>
@@ -16,8 +18,8 @@
 #include "rv/error/rvCodes.h"
 #include "rv/error/rvErrors.h"
 #include "rv/wire/Limits.h"
-#include "tools/kvx/Examination.h"
 #include "tools/kvx/Overheard.h"
+#include "tools/kvx/Table.h"
 
 namespace kvx::tool {
 
@@ -73,10 +75,6 @@ void report(Examination& examination, const std::string& file, CVekRvdCfgParser&
                                isThere ? "is read" : "is not there", daemon, service, network));
 }
 
-std::string bytesText(std::uint64_t bytes) {
-    return fmt::format("{:.1f} GiB", static_cast<double>(bytes) / (1U << 30U));
-}
-
 void checkSetting(Examination& examination, const std::string& name, std::uint64_t least,
                   const char* why) {
     const auto value = platform::kernelSetting(name);
@@ -87,6 +85,10 @@ void checkSetting(Examination& examination, const std::string& name, std::uint64
 }
 
 }  // namespace
+
+const char* kvxVersion() {
+    return KVX_VERSION;
+}
 
 void checkEnvironment(Examination& examination) {
     const std::string home = variable("KVX_HOME");
@@ -149,7 +151,7 @@ void checkLimits(Examination& examination) {
     const std::string room = fmt::format(
         "{} of memory may be used, half of it by rvd for its "
         "sessions unless -memory says otherwise",
-        bytesText(memory));
+        bytesText(static_cast<double>(memory)));
     if (memory != 0 && memory < kLittleMemory) {
         examination.warn(room, "raise the limit of the control group or 'ulimit -v'");
     } else if (memory != 0) {

@@ -38,6 +38,8 @@ class Examination {
     struct Bus {
         std::vector<beats::Service> services;
         std::vector<Answer> answers;
+        nlohmann::ordered_json status;                ///< what the daemon says of itself
+        std::string noStatus;                         ///< else why there is none
         std::optional<nlohmann::ordered_json> hosts;  ///< nothing without a bridge
     };
 
@@ -92,6 +94,9 @@ struct Check {
     bool listens = false;  ///< for beats: it takes that much longer
 };
 
+/// The version of this program.
+const char* kvxVersion();
+
 // DoctorHost.cpp: this host, without the bus.
 void checkEnvironment(Examination& examination);
 void checkConfiguration(Examination& examination);
@@ -105,6 +110,7 @@ void checkDaemon(Examination& examination);
 
 // DoctorBus.cpp: over a session. `checkSession` listens, the others look at what it heard.
 void checkSession(Examination& examination);
+void checkStatus(Examination& examination);
 void checkServices(Examination& examination);
 void checkBridges(Examination& examination);
 

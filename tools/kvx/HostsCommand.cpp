@@ -3,8 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <array>
 #include <string>
 #include <vector>
 
@@ -13,6 +11,7 @@
 #include "tools/bus/Output.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/HostsQuestion.h"
+#include "tools/kvx/Table.h"
 
 namespace kvx::tool {
 
@@ -21,52 +20,31 @@ namespace {
 using Json = HostsQuestion::Json;
 
 constexpr const char* kUnreadable = "the bridge's answer cannot be read";
-using Cells = std::array<std::string, 7>;
 
-std::string countText(const Json& traffic) {
+std::string trafficText(const Json& traffic) {
     return fmt::format("{} / {}", traffic.value("messages", std::uint64_t{0}),
                        traffic.value("bytes", std::uint64_t{0}));
 }
 
-std::string lossText(const Json& lost) {
-    std::string text;
-    for (const auto& [cause, messages] : lost.items()) {
-        text +=
-            fmt::format("{}{} {}", text.empty() ? "" : ", ", messages.get<std::uint64_t>(), cause);
-    }
-    return text.empty() ? "-" : text;
-}
-
-Cells cellsOf(const Json& host) {
+std::vector<std::string> cellsOf(const Json& host) {
     const bool isSelf = host.value("self", false);
+    const std::string lost = lostText(host);
     const Json roundTrip = host.value("rtt_us", Json());
     return {host.value("host", ""),
             isSelf ? (host.value("up", false) ? "this host" : "this host, no engine")
                    : (host.value("up", false) ? "up" : "gone"),
             host.value("since", ""),
             roundTrip.is_number() ? fmt::format("{:.1f} ms", roundTrip.get<double>() / 1000) : "-",
-            countText(host.value("in", Json::object())),
-            countText(host.value("out", Json::object())),
-            lossText(host.value("lost", Json::object()))};
+            trafficText(host.value("in", Json::object())),
+            trafficText(host.value("out", Json::object())),
+            lost.empty() ? "-" : lost};
 }
 
 void printTable(const Json& hosts) {
-    std::vector<Cells> lines{{"HOST", "STATE", "SINCE", "ROUND TRIP", "IN (MESSAGES / BYTES)",
-                              "OUT (MESSAGES / BYTES)", "LOST"}};
-    for (const auto& host : hosts) lines.push_back(cellsOf(host));
-    std::array<std::size_t, std::tuple_size_v<Cells>> widths{};
-    for (const auto& cells : lines) {
-        for (std::size_t i = 0; i < cells.size(); ++i) {
-            widths[i] = std::max(widths[i], cells[i].size());
-        }
-    }
-    for (const auto& cells : lines) {
-        std::string line;
-        for (std::size_t i = 0; i < cells.size(); ++i)
-            line += fmt::format("{:{}}  ", cells[i], widths[i]);
-        line.erase(line.find_last_not_of(' ') + 1);
-        bus::printLine(line);
-    }
+    Table table({"HOST", "STATE", "SINCE", "ROUND TRIP", "IN (MESSAGES / BYTES)",
+                 "OUT (MESSAGES / BYTES)", "LOST"});
+    for (const auto& host : hosts) table.add(cellsOf(host));
+    table.print();
 }
 
 int print(const Json& hosts, bool asJson) {

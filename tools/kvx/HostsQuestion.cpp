@@ -1,5 +1,9 @@
 #include "tools/kvx/HostsQuestion.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdint>
 #include <utility>
 
 namespace kvx::tool {
@@ -34,6 +38,16 @@ void HostsQuestion::onTimeout(RvListener*) {
 
 void HostsQuestion::finish(Outcome outcome, const Json& hosts) {
     if (const auto answered = std::exchange(answered_, nullptr)) answered(outcome, hosts);
+}
+
+std::string lostText(const HostsQuestion::Json& host) {
+    std::string text;
+    const auto lost = host.value("lost", HostsQuestion::Json::object());
+    for (const auto& [cause, messages] : lost.items()) {
+        text +=
+            fmt::format("{}{} {}", text.empty() ? "" : ", ", messages.get<std::uint64_t>(), cause);
+    }
+    return text;
 }
 
 }  // namespace kvx::tool

@@ -3,6 +3,8 @@
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
 
 #include "tools/bus/Client.h"
 
@@ -34,5 +36,9 @@ class HostsQuestion : public RvDataCallback {
     std::unique_ptr<RvSender> sender_;
     std::unique_ptr<RvListener> inbox_;
 };
+
+/// What was lost of one host's messages, by cause: "7 engine gone, 1 engine"; empty when nothing.
+/// Throws `Json::exception` when it cannot be read.
+std::string lostText(const HostsQuestion::Json& host);
 
 }  // namespace kvx::tool

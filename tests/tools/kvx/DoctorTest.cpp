@@ -63,7 +63,7 @@ TEST(Doctor, FindsAHealthyBusHealthy) {
     const Visit visit = test::visit(home);
     EXPECT_EQ(visit.status, 0) << visit.output;
     for (const char* check : {"environment", "configuration", "versions", "agent", "daemon",
-                              "session", "services", "bridges"}) {
+                              "session", "status", "services", "bridges"}) {
         EXPECT_EQ(visit.states.at(check), "OK") << visit.output;
     }
     for (const char* check : {"limits", "clocks"}) EXPECT_EQ(visit.states.count(check), 1U);
