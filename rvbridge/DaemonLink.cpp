@@ -79,8 +79,8 @@ void DaemonLink::connect() {
     if (!why.empty()) return lose(why);
     ipq_SetMessageCallback(
         queue_,
-        [](ipq_Queue, wire::Bytes message, void* closure) {
-            static_cast<DaemonLink*>(closure)->owner_.onDaemonMessage(message);
+        [](ipq_Queue, const wire::Envelope& message, void* closure) {
+            static_cast<DaemonLink*>(closure)->owner_.onDaemonMessage(message.bytes);
         },
         this);
     ipq_SetPeerGoneCallback(

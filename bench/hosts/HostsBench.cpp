@@ -29,7 +29,7 @@
 #include "bench/hosts/InterestBench.h"
 #include "bench/hosts/NatsEnd.h"
 #include "bench/hosts/Site.h"
-#include "bench/relay/Figures.h"
+#include "bench/support/Measure.h"
 #include "kvx/Client.h"
 #include "platform/Memory.h"
 
@@ -45,11 +45,6 @@ double secondsSince(Clock::time_point begin) {
     return std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 test::ByteVector message(const std::string& subject) {
     const std::string payload(kPayload, 'x');
     return test::bytesOf(wire::buildData(test::encodedSubject(subject), nullptr, 0,
@@ -63,9 +58,7 @@ double p50(int requests, const std::function<void()>& roundTrip) {
         roundTrip();
         if (i >= kWarmUp) times.push_back(secondsSince(begin) * 1e6);
     }
-    Figures figures;
-    setLatencies(figures, std::move(times));
-    return figures.p50;
+    return quantile(std::move(times));
 }
 
 // Names of their own for each measurement: what was listened to in the last one may not yet have
@@ -217,7 +210,7 @@ class Line {
     }
     void print() const {
         std::printf("%-46s %12.1f %12.1f %8.2f  %s\n", name_.c_str(), median(baselines_),
-                    median(figures_), median(ratios_), goal_.c_str());
+                    quantile(figures_), quantile(ratios_), goal_.c_str());
     }
 
   private:

@@ -1,11 +1,13 @@
-// The cost of writing and reading a message of ten fields, against a hand-written loop.
+// A message of ten fields (text, numbers, 32 opaque bytes) against a hand-written loop over name,
+// type, size byte and data with the same names, types and values and the same checks for the
+// buffer's end. The row of the objects makes its message object and its iterator anew each time.
 
-#include <cstdio>
+#include "bench/message/MessageBench.h"
+
 #include <memory>
 #include <vector>
 
 #include "bench/message/PlainFields.h"
-#include "bench/support/Measure.h"
 #include "rv/message/RvMsg.h"
 #include "rv/message/RvMsgIterator.h"
 
@@ -170,37 +172,22 @@ std::vector<Contestant> growers() {
             {"RvMsg that grows each time", filled(0)}};
 }
 
-void ask(const char* question, std::vector<Contestant> contestants, std::size_t times = kTimes) {
-    kvx::bench::measure(contestants, times);
-    kvx::bench::printRows(question, contestants);
-}
-
 }  // namespace
 
-int main() {
-    std::printf(
-        "A message of 10 fields (text, numbers, 32 opaque bytes) against a hand-written loop over\n"
-        "name, type, size byte and data with the same names, types and values and the same checks\n"
-        "for the buffer's end. Each figure is the median of 31 interleaved rounds of %zu times, "
-        "every\n"
-        "round with the buffers at another place. The row of the objects makes its message object "
-        "and\n"
-        "its iterator anew each time.\n\n"
-        "%-30s %-26s %10s %8s\n",
-        kTimes, "question", "how", "ns", "ratio");
-    Buffers buffers;
+namespace kvx::bench {
+
+std::vector<MessageQuestion> messageQuestions() {
+    static Buffers buffers;
     buffers.encodePlain();
     buffers.encodeMessage();
-    ask("encode 10 fields", encoders(buffers));
-    ask("decode all 10 fields", walkers(buffers));
-    ask("find the last by name", finders(buffers));
-    ask("append to 100,000 fields", growers(), kManyFields);
-    std::size_t length = 0;
-    rvmsg_Size messageLength = 0;
-    rvmsg_Length(buffers.message, &messageLength);
-    length = messageLength;
-    std::vector<Contestant> check = {repeated(
-        buffers, "rvmsg_Validate", [&] { keep(rvmsg_Validate(buffers.message, length)); })};
-    ask("validate once", check);
-    return 0;
+    rvmsg_Size length = 0;
+    rvmsg_Length(buffers.message, &length);
+    const auto validate = [length] { keep(rvmsg_Validate(buffers.message, length)); };
+    return {{"encode 10 fields", encoders(buffers), kTimes},
+            {"decode all 10 fields", walkers(buffers), kTimes},
+            {"find the last by name", finders(buffers), kTimes},
+            {"append to 100,000 fields", growers(), kManyFields},
+            {"validate once", {repeated(buffers, "rvmsg_Validate", validate)}, kTimes}};
 }
+
+}  // namespace kvx::bench

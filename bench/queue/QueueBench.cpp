@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "bench/relay/Broker.h"
+#include "bench/support/Broker.h"
 #include "bench/support/Measure.h"
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekInitTimedClb.h"

@@ -1,174 +1,122 @@
-#include "bench/relay/LibraryEnds.h"
+// Sessions of the client library on one event manager. For a stream they have the property that
+// batches outgoing messages; single messages are sent at once.
 
-#include <chrono>
-#include <stdexcept>
-#include <string>
-#include <thread>
+#include <cstring>
 
+#include "bench/relay/Ends.h"
 #include "rv/session/rv_Session.h"
 
 namespace kvx::bench {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using Payload = std::vector<std::uint8_t>;
-
 constexpr std::size_t kSendsAFlush = 500;
 constexpr unsigned long kPatienceMs = 60'000;
-constexpr int kWarmUp = 200;  // round trips before the first measured one
 
-void require(int code, const char* what) {
-    if (code != 0) throw std::runtime_error(std::string("cannot ") + what);
-}
-
-// One session with its loop. An end sends requests until the other answers, to know that it
-// listens.
-class End {
+class LibraryEnds : public Ends {
   public:
-    End(std::uint16_t port, bool batching, const char* subject, const char* peer,
-        const Payload& payload)
-        : peer_(peer), payload_(payload) {
-        require(rvevm_Create(&manager_), "make an event manager");
-        const std::string daemon = "tcp:127.0.0.1:" + std::to_string(port);
-        require(rv_CreateSession(&session_, manager_, "library", "", daemon.c_str()), "connect");
-        const ipq_Properties properties{batching ? 1 : 0, 65536, 8192};
-        require(rv_SetProperty(session_, "ipqProperties", &properties), "set the properties");
-        rv_Listener listener = nullptr;
-        require(rv_Listen(session_, &listener, subject, onMessage, this), "listen");
-        require(rv_Flush(session_, kPatienceMs), "flush");
+    explicit LibraryEnds(const Setup& setup) : Ends(setup, true), payload_(setup.size) {
+        require(rvevm_Create(&manager_) == 0, "make an event manager");
+        connections_.reserve(setup.listens.size());
+        for (const Subjects& subjects : setup.listens) connect(subjects);
     }
-    virtual ~End() {
-        rv_Close(session_);
+    ~LibraryEnds() override {
+        for (const Connection& connection : connections_) rv_Close(connection.session);
         rvevm_Destroy(manager_);
     }
-    End(const End&) = delete;
-    End& operator=(const End&) = delete;
+    LibraryEnds(const LibraryEnds&) = delete;
+    LibraryEnds& operator=(const LibraryEnds&) = delete;
 
-    void run() { rvevm_MainLoop(manager_); }
-    void stop() { rvevm_Stop(manager_); }
-    void flush() { require(rv_Flush(session_, kPatienceMs), "flush"); }
-    void send() {
-        require(rv_Send(session_, peer_, nullptr, RVMSG_OPAQUE,
-                        static_cast<rvmsg_Size>(payload_.size()), payload_.data()),
+    void send(std::size_t connection, Stamp stamp) override {
+        batch(connection, false);
+        publish(connection, stamp);
+    }
+
+    void stream(std::size_t connection, std::uint32_t first, std::size_t count) override {
+        batch(connection, true);
+        Stamp stamp{sender(connection), first, 0};
+        for (std::size_t sent = 1; sent <= count; ++sent, ++stamp.number) {
+            publish(connection, stamp);
+            if (sent % kSendsAFlush == 0 || sent == count) flush(connection);
+        }
+    }
+
+  protected:
+    void run() override { rvevm_MainLoop(manager_); }
+    void stop() override { rvevm_Stop(manager_); }
+
+  private:
+    struct Connection {
+        LibraryEnds* ends;
+        std::size_t number;
+        rv_Session session;
+        std::size_t target;
+        bool isReady;
+        bool isBatching;
+    };
+
+    void connect(const Subjects& subjects) {
+        connections_.push_back({this, connections_.size(), nullptr, 0, false, false});
+        Connection& made = connections_.back();
+        const std::string daemon = "tcp:127.0.0.1:" + std::to_string(setup().port);
+        require(rv_CreateSession(&made.session, manager_, "bench", "", daemon.c_str()) == 0,
+                "connect");
+        if (subjects.empty()) return;
+        for (const std::string& subject : subjects) listen(made, subject);
+        // Comes back once the listens are in force.
+        const std::string own = newSubject();
+        listen(made, own);
+        require(rv_Send(made.session, own.c_str(), nullptr, RVMSG_OPAQUE, 1, "!") == 0, "send");
+        rvevm_MainLoop(manager_);
+        made.isReady = true;
+    }
+
+    static void listen(Connection& on, const std::string& subject) {
+        rv_Listener listener = nullptr;
+        require(rv_Listen(on.session, &listener, subject.c_str(), onMessage, &on) == 0, "listen");
+    }
+
+    std::uint32_t sender(std::size_t connection) const {
+        return static_cast<std::uint32_t>(setup().firstSender + connection);
+    }
+    void publish(std::size_t connection, const Stamp& stamp) {
+        Connection& from = connections_[connection];
+        std::memcpy(payload_.data(), &stamp, sizeof stamp);
+        const std::string& subject = setup().targets[from.target];
+        if (++from.target == setup().targets.size()) from.target = 0;
+        require(rv_Send(from.session, subject.c_str(), nullptr, RVMSG_OPAQUE,
+                        static_cast<rvmsg_Size>(payload_.size()), payload_.data()) == 0,
                 "send");
     }
-
-  protected:
-    virtual void heard() = 0;
-
-  private:
-    static void onMessage(rv_Session, const char*, const char*, rvmsg_Type, rvmsg_Size, rvmsg_Data,
-                          void* end) {
-        static_cast<End*>(end)->heard();
+    void flush(std::size_t connection) {
+        require(rv_Flush(connections_[connection].session, kPatienceMs) == 0, "flush");
+    }
+    void batch(std::size_t connection, bool isOn) {
+        Connection& to = connections_[connection];
+        if (to.isBatching == isOn) return;
+        const ipq_Properties properties{isOn ? 1 : 0, 4096, 8192};
+        require(rv_SetProperty(to.session, "ipqProperties", &properties) == 0,
+                "set the properties");
+        to.isBatching = isOn;
     }
 
-    const char* peer_;
-    const Payload& payload_;
+    static void onMessage(rv_Session, const char*, const char*, rvmsg_Type, rvmsg_Size size,
+                          rvmsg_Data data, void* closure) {
+        const auto& to = *static_cast<Connection*>(closure);
+        LibraryEnds& ends = *to.ends;
+        if (!to.isReady) return ends.stop();
+        if (size != ends.setup().size) fail("a message of another size");
+        ends.heard(to.number, static_cast<const std::uint8_t*>(data));
+    }
+
     rvevm_Manager manager_ = nullptr;
-    rv_Session session_ = nullptr;
+    std::vector<Connection> connections_;
+    std::vector<std::uint8_t> payload_;
 };
-
-// Answers every request.
-class Responder : public End {
-  public:
-    using End::End;
-
-  protected:
-    void heard() override { send(); }
-};
-
-// Sends the next request with every answer.
-class Requester : public End {
-  public:
-    using End::End;
-
-    std::vector<double> ask(int requests) {
-        left_ = requests + kWarmUp;
-        next();
-        run();
-        times_.erase(times_.begin(), times_.begin() + kWarmUp);
-        return times_;
-    }
-
-  protected:
-    void heard() override {
-        const std::chrono::duration<double, std::micro> time = Clock::now() - begin_;
-        times_.push_back(time.count());
-        if (--left_ == 0) return stop();
-        next();
-    }
-
-  private:
-    void next() {
-        begin_ = Clock::now();
-        send();
-    }
-
-    int left_ = 0;
-    Clock::time_point begin_;
-    std::vector<double> times_;
-};
-
-// Counts received messages.
-class Counter : public End {
-  public:
-    using End::End;
-
-    void expect(std::size_t messages) { left_ = messages; }
-
-  protected:
-    void heard() override {
-        if (--left_ == 0) stop();
-    }
-
-  private:
-    std::size_t left_ = 0;
-};
-
-class Silent : public End {
-  public:
-    using End::End;
-
-  protected:
-    void heard() override {}
-};
-
-void measureLatency(std::uint16_t port, const Payload& payload, int requests, Figures& figures) {
-    Responder right(port, false, "BENCH.RIGHT", "BENCH.LEFT", payload);
-    Requester left(port, false, "BENCH.LEFT", "BENCH.RIGHT", payload);
-    std::thread thread([&right] { right.run(); });
-    setLatencies(figures, left.ask(requests));
-    right.stop();
-    thread.join();
-}
-
-void measureStream(std::uint16_t port, const Payload& payload, std::size_t messages,
-                   Figures& figures) {
-    Counter right(port, false, "BENCH.COUNTER", "", payload);
-    Silent left(port, true, "BENCH.SENDER", "BENCH.COUNTER", payload);
-    right.expect(messages);
-    const auto begin = Clock::now();
-    std::thread thread([&left, messages] {
-        for (std::size_t sent = 0; sent < messages; ++sent) {
-            left.send();
-            if (sent % kSendsAFlush == kSendsAFlush - 1) left.flush();
-        }
-        left.flush();
-    });
-    right.run();
-    const std::chrono::duration<double> time = Clock::now() - begin;
-    thread.join();
-    figures.throughput = static_cast<double>(messages) / time.count();
-}
 
 }  // namespace
 
-Figures measureThroughLibrary(std::uint16_t port, const Payload& payload, int requests,
-                              std::size_t messages) {
-    Figures figures;
-    measureLatency(port, payload, requests, figures);
-    measureStream(port, payload, messages, figures);
-    return figures;
+std::unique_ptr<Ends> connectLibrary(const Setup& setup) {
+    return std::make_unique<LibraryEnds>(setup);
 }
 
 }  // namespace kvx::bench

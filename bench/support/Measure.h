@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kvx::bench {
@@ -13,6 +14,14 @@ namespace kvx::bench {
 template <class Value>
 void keep(const Value& value) {
     asm volatile("" : : "g"(&value) : "memory");
+}
+
+/// The value below which `part` of all lie; the median by default. `values` must not be empty.
+inline double quantile(std::vector<double> values, double part = 0.5) {
+    const auto last = static_cast<double>(values.size() - 1);
+    const auto at = values.begin() + static_cast<std::ptrdiff_t>(part * last + 0.5);
+    std::nth_element(values.begin(), at, values.end());
+    return *at;
 }
 
 /// One way to do the work: `run(n)` does it n times.
@@ -40,9 +49,7 @@ inline void measure(std::vector<Contestant>& contestants, std::size_t times, int
         }
     }
     for (std::size_t i = 0; i < contestants.size(); ++i) {
-        const auto middle = samples[i].begin() + rounds / 2;
-        std::nth_element(samples[i].begin(), middle, samples[i].end());
-        contestants[i].nanoseconds = *middle;
+        contestants[i].nanoseconds = quantile(std::move(samples[i]));
     }
 }
 

@@ -18,6 +18,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/Clock.h"
 #include "rv/error/rvCodes.h"
 #include "rv/error/rvErrors.h"
 
@@ -102,7 +103,16 @@ int IoTable::makeReady(rvevm_Id id) noexcept {
 }
 
 void IoTable::wait(platform::Milliseconds timeout) {
+    if (!mustAsk()) return collectAll(false, false);
     collectReady(poll_.wait(forcedCount_ == 0 ? timeout : 0));
+}
+
+bool IoTable::mustAsk() noexcept {
+    if (forcedCount_ != 0 && ++unasked_ < kStepsUnasked && platform::monotonicMs() == askedAt_)
+        return false;
+    unasked_ = 0;
+    askedAt_ = forcedCount_ != 0 ? platform::monotonicMs() : -1;
+    return true;
 }
 
 void IoTable::collectReady(int waitError) {
@@ -113,8 +123,11 @@ void IoTable::collectReady(int waitError) {
     // A closed descriptor affects only its own entry.
     const bool useReadiness =
         (waitError == 0 || waitError == socket_error::kNotASocket) && poll_.readyCount() != 0;
-    if (!useReadiness && !down && forcedCount_ == 0) return;
-    collect(lists_[0], useReadiness, down);
+    if (useReadiness || down || forcedCount_ != 0) collectAll(useReadiness, down);
+}
+
+void IoTable::collectAll(bool useReadiness, bool allReadable) {
+    collect(lists_[0], useReadiness, allReadable);
     collect(lists_[1], useReadiness, false);
     collect(lists_[2], useReadiness, false);
 }

@@ -28,7 +28,9 @@ class IoTable {
             void* closure);
     int remove(rvevm_Id id) noexcept;
     /// Puts the entry into every ready list, whatever the state of its socket, until `nextReady`
-    /// returns it; waits do not block meanwhile.
+    /// returns it; waits do not block meanwhile. The system is then asked about all others only
+    /// once in `kStepsUnasked` waits, or in a millisecond, so that who makes itself ready again and
+    /// again, as a link with much to deliver, does not pay for it each time.
     int makeReady(rvevm_Id id) noexcept;
 
     [[nodiscard]] bool empty() const noexcept { return entries_.size() == 0; }
@@ -43,6 +45,8 @@ class IoTable {
     void clearReady() noexcept;
 
   private:
+    static constexpr unsigned kStepsUnasked = 8;
+
     struct Entry {
         platform::SocketHandle socket;
         rvevm_IoEventType condition;
@@ -57,8 +61,10 @@ class IoTable {
     using List = std::vector<Watched>;  // sorted by socket
 
     List& listOf(rvevm_IoEventType condition) noexcept;
+    [[nodiscard]] bool mustAsk() noexcept;
     static List::iterator placeOf(List& list, platform::SocketHandle socket) noexcept;
     [[nodiscard]] int insert(const Entry& entry, rvevm_Id* id);
+    void collectAll(bool useReadiness, bool allReadable);
     void collect(List& list, bool useReadiness, bool allReady);
 
     IdTable<Entry> entries_;
@@ -67,6 +73,8 @@ class IoTable {
     std::vector<rvevm_Id> ready_;  // has room for every entry
     std::size_t nextReady_ = 0;
     std::size_t forcedCount_ = 0;
+    unsigned unasked_ = 0;                 // waits since the last that asked the system
+    platform::Milliseconds askedAt_ = -1;  // when that was
 };
 
 }  // namespace kvx::event

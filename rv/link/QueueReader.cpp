@@ -71,8 +71,9 @@ void answerClose(ipq_Queue queue) {
     static_cast<void>(writeExactly(queue->socket.get(), wire::kCloseBlock, Deadline::in(0)));
 }
 
-bool accept(ipq_Queue queue, wire::Frame& frame, Received& received) {
-    if (rvmsg_Validate(frame.bytes.data(), frame.bytes.size()) != 0) {
+bool accept(ipq_Queue queue, const wire::Frame& frame, Received& received) {
+    if (frame.assembled) received.assembled = queue->reader.takeAssembled();
+    if (wire::openEnvelope(frame.bytes, received.message) != 0) {
         ++queue->statistics.messagesInvalid;
         if (isTracing())
             std::fprintf(stderr, "Rendezvous dropped an invalid message of %zu bytes\n",
@@ -81,16 +82,13 @@ bool accept(ipq_Queue queue, wire::Frame& frame, Received& received) {
     }
     ++queue->statistics.messagesRead;
     queue->statistics.bytesRead += frame.bytes.size();
-    received.bytes = frame.bytes;
-    received.assembled = queue->reader.takeAssembled();
-    if (frame.assembled) received.bytes = received.assembled.view();
     return true;
 }
 
 // The next valid message among the bytes received so far: 0, 4 or 7.
 ipq_State cutMessage(ipq_Queue queue, Received& received) {
     for (;;) {
-        wire::Frame frame = queue->reader.next();
+        const wire::Frame frame = queue->reader.next();
         switch (frame.kind) {
             case wire::FrameKind::None:
                 return IPQ_EMPTY;
@@ -157,7 +155,7 @@ ipq_State readAndKeepAlive(ipq_Queue queue, platform::Milliseconds timeout, Rece
 void deliver(ipq_Queue queue, const Received& received) {
     if (queue->onMessage.function == nullptr) return;
     ++queue->lent;
-    queue->onMessage.function(queue, received.bytes, queue->onMessage.closure);
+    queue->onMessage.function(queue, received.message, queue->onMessage.closure);
     if (--queue->lent == 0) queue->retired.clear();
 }
 
@@ -169,7 +167,7 @@ void readTurn(ipq_Queue queue) {
         const ipq_State state = readOne(queue, received);
         if (state == IPQ_EMPTY) return;
         if (state != IPQ_OK) return reportFailure(queue);
-        consumed += received.bytes.size();
+        consumed += received.message.bytes.size();
         deliver(queue, received);
         if (queue->closed) return;
     }
@@ -201,7 +199,7 @@ kvx::wire::Bytes ipq_Read(ipq_Queue queue) {
 
 kvx::wire::Bytes ipq_ReadWithin(ipq_Queue queue, kvx::platform::Milliseconds timeout) {
     if (kvx::link::readWithin(queue, timeout, queue->current) != IPQ_OK) return {};
-    return queue->current.bytes;
+    return queue->current.message.bytes;
 }
 
 ipq_State ipq_DispatchOne(ipq_Queue queue, kvx::platform::Milliseconds timeout) {

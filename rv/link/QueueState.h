@@ -21,7 +21,7 @@ inline constexpr platform::Milliseconds kStallLimitMs = 60'000;  // blocking wri
 
 /// One received message and, when it came in pieces, its memory.
 struct Received {
-    wire::Bytes bytes;
+    wire::Envelope message;
     kvx::wire::Buffer assembled;
 };
 

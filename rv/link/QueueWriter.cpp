@@ -69,6 +69,18 @@ ipq_State startWriting(ipq_Queue queue, bool idle) {
     return askForWriteEvent(queue) == 0 ? IPQ_OK : IPQ_EVENT_FAILURE;
 }
 
+bool afterAdding(ipq_Queue queue, Added added, bool idle) {
+    queue->kept = added == Added::Kept || added == Added::KeptOthersDropped;
+    if (!queue->kept) {
+        queue->state = added == Added::Refused ? IPQ_LIMIT_EXCEEDED : IPQ_NO_MEMORY;
+        return false;
+    }
+    queue->state = startWriting(queue, idle);
+    if (queue->state == IPQ_OK && added == Added::KeptOthersDropped)
+        queue->state = IPQ_LIMIT_EXCEEDED;
+    return queue->state == IPQ_OK;
+}
+
 }  // namespace
 
 ipq_State writeSome(ipq_Queue queue) {
@@ -108,18 +120,13 @@ void onWritable(void* /*owner*/, void* closure, int /*kind*/, void* /*entry*/) {
 }  // namespace kvx::link
 
 bool ipq_Enqueue(ipq_Queue queue, kvx::wire::OwnedMessage message, bool front) {
-    using kvx::link::Added;
     const bool idle = queue->writer.empty();
-    const Added added = queue->writer.add(std::move(message), front);
-    queue->kept = added == Added::Kept || added == Added::KeptOthersDropped;
-    if (!queue->kept) {
-        queue->state = added == Added::Refused ? IPQ_LIMIT_EXCEEDED : IPQ_NO_MEMORY;
-        return false;
-    }
-    queue->state = kvx::link::startWriting(queue, idle);
-    if (queue->state == IPQ_OK && added == Added::KeptOthersDropped)
-        queue->state = IPQ_LIMIT_EXCEEDED;
-    return queue->state == IPQ_OK;
+    return kvx::link::afterAdding(queue, queue->writer.add(std::move(message), front), idle);
+}
+
+bool ipq_EnqueueCopy(ipq_Queue queue, kvx::wire::Bytes message) {
+    const bool idle = queue->writer.empty();
+    return kvx::link::afterAdding(queue, queue->writer.addCopy(message), idle);
 }
 
 bool ipq_WasKept(ipq_Queue queue) {

@@ -20,8 +20,23 @@ SegmentQueue::SegmentQueue(const wire::QueueLimits& limits, std::size_t segmentS
 
 Added SegmentQueue::add(wire::OwnedMessage message, bool front) {
     const std::size_t length = message.size();
-    if (limits_.bytes != 0 && waitingBytes_ + length > limits_.bytes) return Added::Refused;
-    if (!place(std::move(message), length, front)) return Added::NoMemory;
+    if (isFull(length)) return Added::Refused;
+    return place(std::move(message), length, front) ? count(length) : Added::NoMemory;
+}
+
+Added SegmentQueue::addCopy(wire::Bytes message) {
+    const std::size_t length = message.size();
+    if (isFull(length)) return Added::Refused;
+    if (!empty() && last().used + length <= segmentSize_)
+        return append(last(), message, segmentSize_) ? count(length) : Added::NoMemory;
+    // Behind a full segment others are likely to follow.
+    auto copy = wire::OwnedMessage::allocate(empty() ? length : std::max(length, segmentSize_));
+    if (!copy.bytes) return Added::NoMemory;
+    std::memcpy(copy.bytes.get(), message.data(), length);
+    return startSegment(std::move(copy), length) ? count(length) : Added::NoMemory;
+}
+
+Added SegmentQueue::count(std::size_t length) {
     waitingBytes_ += length;
     ++waitingMessages_;
     if (limits_.messages <= 0 || waitingMessages_ < static_cast<unsigned long>(limits_.messages))
@@ -31,38 +46,38 @@ Added SegmentQueue::add(wire::OwnedMessage message, bool front) {
 }
 
 bool SegmentQueue::place(wire::OwnedMessage&& message, std::size_t length, bool front) {
+    if (empty()) return startSegment(std::move(message), length);
+    Segment& joined = front ? writing_ : last();
+    if (front || joined.used + length <= segmentSize_)
+        return append(joined, message.view(), std::max(segmentSize_, joined.used + length));
+    return startSegment(std::move(message), length);
+}
+
+bool SegmentQueue::startSegment(wire::OwnedMessage&& message, std::size_t length) {
     if (empty()) {
-        writing_ = single(std::move(message), length);
+        writing_ = {std::move(message), length, 1};
         offset_ = 0;
         return true;
     }
-    Segment& last = waiting_.empty() || front ? writing_ : waiting_.back();
-    if (front) return append(last, message, length, std::max(segmentSize_, last.used + length));
-    if (last.used + length <= segmentSize_) return append(last, message, length, segmentSize_);
     try {
-        waiting_.push_back(single(std::move(message), length));
+        waiting_.push_back({std::move(message), length, 1});
     } catch (const std::bad_alloc&) {
         return false;
     }
     return true;
 }
 
-bool SegmentQueue::append(Segment& segment, const wire::OwnedMessage& message, std::size_t length,
-                          std::size_t capacity) {
-    if (segment.bytes.capacity < segment.used + length) {
+bool SegmentQueue::append(Segment& segment, wire::Bytes message, std::size_t capacity) {
+    if (segment.bytes.capacity < segment.used + message.size()) {
         auto larger = wire::OwnedMessage::allocate(capacity);
         if (!larger.bytes) return false;
         std::memcpy(larger.bytes.get(), segment.bytes.bytes.get(), segment.used);
         segment.bytes = std::move(larger);
     }
-    std::memcpy(segment.bytes.bytes.get() + segment.used, message.bytes.get(), length);
-    segment.used += length;
+    std::memcpy(segment.bytes.bytes.get() + segment.used, message.data(), message.size());
+    segment.used += message.size();
     ++segment.messages;
     return true;
-}
-
-SegmentQueue::Segment SegmentQueue::single(wire::OwnedMessage&& message, std::size_t length) {
-    return {std::move(message), length, 1};
 }
 
 // Never drops the newest message: a segment that it shares with older ones stays.

@@ -26,6 +26,8 @@ class SegmentQueue {
     /// Adds a whole message. `front` appends it to the block being written whatever the segment
     /// size.
     [[nodiscard]] Added add(wire::OwnedMessage message, bool front);
+    /// The same with a copy, at the end.
+    [[nodiscard]] Added addCopy(wire::Bytes message);
 
     [[nodiscard]] bool empty() const { return !writing_.bytes.bytes; }
     /// The unwritten rest of the block being written.
@@ -52,10 +54,14 @@ class SegmentQueue {
         unsigned long messages = 0;
     };
 
+    [[nodiscard]] bool isFull(std::size_t length) const {
+        return limits_.bytes != 0 && waitingBytes_ + length > limits_.bytes;
+    }
+    [[nodiscard]] Segment& last() { return waiting_.empty() ? writing_ : waiting_.back(); }
     [[nodiscard]] bool place(wire::OwnedMessage&& message, std::size_t length, bool front);
-    [[nodiscard]] bool append(Segment& segment, const wire::OwnedMessage& message,
-                              std::size_t length, std::size_t capacity);
-    [[nodiscard]] static Segment single(wire::OwnedMessage&& message, std::size_t length);
+    [[nodiscard]] bool startSegment(wire::OwnedMessage&& message, std::size_t length);
+    [[nodiscard]] static bool append(Segment& segment, wire::Bytes message, std::size_t capacity);
+    Added count(std::size_t length);
     void dropOldest();
     void forget(const Segment& segment);
     void startNext();

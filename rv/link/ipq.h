@@ -77,8 +77,10 @@ struct ipq_Statistics {
     std::uint64_t shortWrites = 0;  ///< sends that took less than was offered
 };
 
-/// `message` is whole and valid until the callback returns; the callback may close the queue.
-using ipq_MessageCallback = void (*)(ipq_Queue queue, kvx::wire::Bytes message, void* closure);
+/// `message` has been checked as a whole, and its bytes are valid until the callback returns; the
+/// callback may close the queue.
+using ipq_MessageCallback = void (*)(ipq_Queue queue, const kvx::wire::Envelope& message,
+                                     void* closure);
 /// Peer gone, and errors; called from an event of the queue or `ipq_DispatchOne`, never from
 /// another operation. The callback usually closes the queue.
 using ipq_EventCallback = void (*)(ipq_Queue queue, ipq_State state, void* closure);
@@ -104,6 +106,9 @@ int ipq_Create(ipq_Queue* queue, kvx::link::LinkHost& session,
 /// to the block being written. True when it was accepted and nothing was dropped; otherwise
 /// `ipq_StateOf` returns the reason, and after state 3 `ipq_WasKept` whether the message is queued.
 bool ipq_Enqueue(ipq_Queue queue, kvx::wire::OwnedMessage message, bool front);
+/// The same with a copy of the message, for short ones: packing them with others copies them
+/// anyhow.
+bool ipq_EnqueueCopy(ipq_Queue queue, kvx::wire::Bytes message);
 bool ipq_WasKept(ipq_Queue queue);
 
 /// The next valid message, empty when there is none (`ipq_StateOf`: 4 nothing yet, 7 peer gone, 1

@@ -46,6 +46,19 @@ inline bool sameText(const char* a, const char* b, std::size_t length) {
     return !differ(length - 16);
 }
 
+/// Whether a text of `length` characters has a zero among them.
+inline bool hasZero(const char* text, std::size_t length) {
+    if (length > 16) return std::memchr(text, 0, length) != nullptr;
+    if (length < 4) {
+        return length != 0 && (text[0] == 0 || text[length / 2] == 0 || text[length - 1] == 0);
+    }
+    const auto isZeroIn = [](std::uint64_t word) {
+        return ((word - 0x0101010101010101U) & ~word & 0x8080808080808080U) != 0;
+    };
+    const auto [first, last] = wordsOf(text, length);
+    return length >= 8 ? isZeroIn(first) || isZeroIn(last) : isZeroIn(first | last << 32U);
+}
+
 /// The length of a name and whether it has a full stop, in one pass.
 struct NameShape {
     std::size_t characters = 0;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "rv/error/rvCodes.h"
+#include "rv/message/FieldCheck.h"
 #include "rv/message/WireFormat.h"
 #include "rv/message/rvmsg.h"
 
@@ -71,54 +72,28 @@ int report(const WireField& field, void* scratch, rvmsg_IterateCallback callback
     return callback(name, field.type, size, data, closure);
 }
 
-bool isNameValid(const WireField& field) {
-    if (field.nameBytes == 0) return true;
-    return field.nameBytes <= kvx::kMaxNameBytes &&
-           std::memchr(field.name, 0, field.nameBytes) == field.name + field.nameBytes - 1;
-}
+}  // namespace
 
-bool isDataValid(const WireField& field) {
-    switch (field.type) {
-        case RVMSG_DATETIME:
-            return field.size == kvx::kDateTimeWireBytes;
-        case RVMSG_BOOLEAN:
-            return field.size == 1;
-        case RVMSG_IPDATA:
-            return field.size <= sizeof(std::uint32_t);
-        case RVMSG_INT:
-        case RVMSG_UINT:
-        case RVMSG_REAL:
-            return field.size <= sizeof(std::uint64_t);
-        case RVMSG_MSG:
-            return kvx::hasMagic(field.data, kvx::kMessageMagic);
-        case RVMSG_ENCRYPTED:
-            return kvx::hasMagic(field.data, kvx::kSealedMagic);
-        default:
-            return true;
-    }
-}
-
-int validateFields(const std::uint8_t* position, const std::uint8_t* end) {
-    const std::uint8_t* ends[kvx::kMaxNesting + 1] = {end};
+bool kvx::isNestedValid(const WireField& message) {
+    const std::uint8_t* position = message.data + kHeaderBytes;
+    const std::uint8_t* ends[kMaxNesting] = {message.data + message.size};
     unsigned level = 0;
     WireField field;
     for (;;) {
         while (position == ends[level]) {
-            if (level == 0) return code::kOk;
+            if (level == 0) return true;
             --level;
         }
         FieldCursor cursor(position, ends[level]);
-        if (cursor.next(field) != FieldCursor::Step::kField) return code::kInvalidData;
-        if (!isNameValid(field) || !isDataValid(field)) return code::kInvalidData;
+        if (cursor.next(field) != FieldCursor::Step::kField) return false;
+        if (!isNameValid(field) || !isDataValid(field)) return false;
         position = cursor.position();
         if (field.type != RVMSG_MSG) continue;
-        if (level == kvx::kMaxNesting) return code::kInvalidData;
+        if (level + 1 == kMaxNesting) return false;
         ends[++level] = position;
-        position = field.data + kvx::kHeaderBytes;
+        position = field.data + kHeaderBytes;
     }
 }
-
-}  // namespace
 
 int rvmsg_Get(void* scratch, const void* buffer, const char* name, rvmsg_Type* type,
               rvmsg_Size* size, rvmsg_Data* data) {
@@ -167,11 +142,9 @@ int rvmsg_Iterate(const void* buffer, const char* name, rvmsg_IterateCallback ca
 }
 
 int rvmsg_Validate(const void* bytes, std::size_t length) {
-    if (bytes == nullptr || length < kvx::kHeaderBytes) return code::kInvalidData;
-    if (!kvx::hasMagic(bytes, kvx::kMessageMagic)) return code::kNotInitialized;
-    if (kvx::loadBig32(bytes) != length) return code::kInvalidData;
-    const auto* const first = static_cast<const std::uint8_t*>(bytes);
-    return validateFields(first + kvx::kHeaderBytes, first + length);
+    if (bytes == nullptr) return code::kInvalidData;
+    return kvx::checkMessage({static_cast<const std::uint8_t*>(bytes), length},
+                             [](const WireField&) {});
 }
 
 int rvmsg_Unseal(rvmsg_Data block, rvmsg_Size blockLength, rvmsg_UnsealRoutine unseal,

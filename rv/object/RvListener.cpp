@@ -18,17 +18,6 @@
 #include "rv/session/rvSessionEvents.h"
 #include "rv/wire/Limits.h"
 
-namespace {
-
-std::unique_ptr<RvDatum> wrapPayload(rvmsg_Type type, rvmsg_Size size, rvmsg_Data data) {
-    if (type == RVMSG_MSG) {
-        return std::unique_ptr<RvDatum>(new (std::nothrow) RvMsg(const_cast<rvmsg_Msg>(data)));
-    }
-    return std::unique_ptr<RvDatum>(new (std::nothrow) RvDatum(type, size, data));
-}
-
-}  // namespace
-
 namespace kvx::detail {
 
 struct ListenerState : EventState {
@@ -52,8 +41,7 @@ struct ListenerState : EventState {
     }
 
     int subscribe(rv_Session session, const char* wanted);
-    void deliver(const char* messageSubject, const char* reply, rvmsg_Type type, rvmsg_Size size,
-                 rvmsg_Data data) const;
+    void deliver(const char* messageSubject, const char* reply, RvDatum& datum) const;
 
     static void onMessage(rv_Session session, const char* subject, const char* reply,
                           rvmsg_Type type, rvmsg_Size size, rvmsg_Data data, void* closure);
@@ -88,21 +76,20 @@ void ListenerState::onMessage(rv_Session session, const char* subject, const cha
         state.cancelListen(session);
         return;
     }
-    state.deliver(subject, reply, type, size, data);
+    if (type == RVMSG_MSG) {
+        RvMsg message(const_cast<rvmsg_Msg>(data));
+        return state.deliver(subject, reply, message);
+    }
+    RvDatum datum(type, size, data);
+    state.deliver(subject, reply, datum);
 }
 
-void ListenerState::deliver(const char* messageSubject, const char* reply, rvmsg_Type type,
-                            rvmsg_Size size, rvmsg_Data data) const {
+void ListenerState::deliver(const char* messageSubject, const char* reply, RvDatum& datum) const {
     RvSessionBlock& block = *listener()->m_block;
     const BlockHold hold(block);
-    const std::unique_ptr<RvDatum> datum = wrapPayload(type, size, data);
-    if (datum == nullptr) {
-        *block.status = RvStatus(kvx::session_code::kNoMemory);
-        return;
-    }
     std::unique_ptr<RvSender> replyTo;
     if (reply != nullptr) replyTo.reset(block.owner->newSender(reply));
-    const FilteredDatum filtered(inboundFilter, *datum, listener());
+    const FilteredDatum filtered(inboundFilter, datum, listener());
     if (filtered.get() == nullptr || !isOpen()) return;
     if (RvDataCallback* alive = callback()) {
         alive->onData(messageSubject, replyTo.get(), *filtered.get(), listener());

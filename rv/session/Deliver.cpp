@@ -2,13 +2,13 @@
 //
 // Messages are delivered one at a time and in order, from the link and from local calls: a message
 // that arrives while callbacks run waits in the pending queue. A message from the link is delivered
-// in place; only a waiting one is copied. The text forms of subject and reply are computed once a
-// message, when the first record needs them.
+// in place; only a waiting one is copied. Whom a subject reaches, and its text, is known from the
+// message before when that was on the same subject (`ListenTable::reach`); each listener is looked
+// up again before its call, since a callback may have cancelled it.
 
 #include <cstdio>
 #include <cstring>
 #include <new>
-#include <optional>
 #include <utility>
 
 #include "rv/error/rvAdvisory.h"
@@ -24,45 +24,43 @@ namespace {
 /// The delivery of one message.
 class Delivery {
   public:
-    Delivery(SessionState& session, wire::Bytes message, SubjectView subject)
-        : session_(session), message_(message.data()), subject_(subject) {
-        subjectText_[0] = '\0';
+    Delivery(SessionState& session, const wire::Envelope& message,
+             const ListenTable::Reached& reached)
+        : session_(session), message_(message), reached_(reached) {
         encodedReply_[2] = 0;
     }
 
-    /// False when a hook refused the message or its payload is unreadable.
-    bool prepare() {
-        if (session_.hooks.run(RV_HOOK_DELIVER, session_.handle(), message_) != 0) return false;
-        reply_ = textField(message_, wire::field::kReturn);
-        return readPayload();
-    }
-
-    void callBack(const ListenRecord& record) {
-        const rv_DataCallback callback = record.callback;
-        void* closure = record.closure;
-        const char* subject = record.textSubjects ? subjectText() : encodedSubject();
-        const char* reply = record.textSubjects ? reply_ : encodedReply();
-        callback(session_.handle(), subject, reply, type_, size_, data_, closure);
+    /// Calls the listeners back. False when there are none.
+    bool run() {
+        bool isPrepared = false;
+        for (rv_Listener id : reached_.listeners) {
+            const ListenRecord* record = session_.listens.find(id);
+            if (record == nullptr || !record->callable) continue;
+            if (!std::exchange(isPrepared, true)) {
+                if (!prepare()) break;
+                record = session_.listens.find(id);  // a hook may have cancelled it
+            }
+            if (session_.isClosed()) break;
+            if (record != nullptr) callBack(*record);
+        }
+        return isPrepared;
     }
 
   private:
-    bool readPayload() {
-        const int code = rvmsg_Get(scratch_, message_, wire::field::kData, &type_, &size_, &data_);
-        if (code == message_code::kNotFound) {
-            type_ = RVMSG_NONE;
-            size_ = 0;
-            data_ = nullptr;
-            return true;
-        }
-        return code == message_code::kOk;
+    /// False when a hook refused the message or its payload is unreadable.
+    bool prepare() {
+        if (session_.hooks.run(RV_HOOK_DELIVER, session_.handle(), message_.bytes.data()) != 0)
+            return false;
+        reply_ = message_.replyText();
+        if (message_.data.type == RVMSG_BADDATA) return true;
+        type_ = message_.data.type;
+        return decodeField(message_.data, scratch_, size_, data_);
     }
 
-    const char* encodedSubject() const { return static_cast<const char*>(subject_.data()); }
-
-    const char* subjectText() {
-        if (subjectText_[0] == '\0')
-            rvSubject_ToText(subjectText_, sizeof subjectText_, subject_.data());
-        return subjectText_;
+    void callBack(const ListenRecord& record) {
+        const char* subject = record.textSubjects ? reached_.text.c_str() : reached_.subject.data();
+        const char* reply = record.textSubjects ? reply_ : encodedReply();
+        record.callback(session_.handle(), subject, reply, type_, size_, data_, record.closure);
     }
 
     const char* encodedReply() {
@@ -74,16 +72,14 @@ class Delivery {
     }
 
     SessionState& session_;
-    const std::uint8_t* message_;
-    SubjectView subject_;
+    const wire::Envelope& message_;
+    const ListenTable::Reached& reached_;
     const char* reply_ = nullptr;
     rvmsg_Type type_ = RVMSG_NONE;
     rvmsg_Size size_ = 0;
     rvmsg_Data data_ = nullptr;
     alignas(std::max_align_t) std::uint8_t scratch_[32];
-    // Filled when first needed; until then an empty text and a subject without elements.
-    char subjectText_[kMaxSubjectBytes];
-    std::uint8_t encodedReply_[wire::kSubjectCapacity];
+    std::uint8_t encodedReply_[wire::kSubjectCapacity];  // made when first needed; until then empty
 };
 
 void reportUnhandled(wire::Bytes message) {
@@ -92,32 +88,19 @@ void reportUnhandled(wire::Bytes message) {
     std::fputs("\n", stderr);
 }
 
-void deliverOne(SessionState& session, wire::Bytes message) {
-    const wire::Bytes encoded = wire::readRouting(message).subject;
-    const auto subject = SubjectView::parse(encoded.data(), encoded.size());
-    if (!subject) return;
-    std::optional<Delivery> delivery;
-    session.listens.match(*subject, [&](const ListenRecord& record) {
-        if (!record.callable) return true;
-        rv_Listener id = record.id;
-        if (!delivery) {
-            delivery.emplace(session, message, *subject);
-            if (!delivery->prepare()) return false;
-        }
-        // A hook may have cancelled the record.
-        const ListenRecord* called = session.listens.find(id);
-        if (called != nullptr && !session.isClosed()) delivery->callBack(*called);
-        return !session.isClosed();
-    });
-    if (!delivery && advisory::isReportable(*subject)) reportUnhandled(message);
+void deliverOne(SessionState& session, const wire::Envelope& message) {
+    const ListenTable::Reached* const reached = session.listens.reach(message.subject);
+    if (reached == nullptr) return;
+    if (!Delivery(session, message, *reached).run() && advisory::isReportable(reached->view()))
+        reportUnhandled(message.bytes);
 }
 
 // Without memory only this message is lost; the advisory follows the pending messages.
-void deliverSafely(SessionState& session, wire::Bytes message) {
+void deliverSafely(SessionState& session, const wire::Envelope& message) {
     try {
         deliverOne(session, message);
     } catch (const std::bad_alloc&) {
-        session.noMemoryPending = message.data() != session.noMemoryAdvisory.bytes.get();
+        session.noMemoryPending = message.bytes.data() != session.noMemoryAdvisory.bytes.get();
     }
 }
 
@@ -127,15 +110,15 @@ bool deliverNextPending(SessionState& session) {
     if (!session.pending.empty()) {
         const wire::OwnedMessage message = std::move(session.pending.front());
         session.pending.pop_front();
-        deliverSafely(session, message.view());
+        deliverSafely(session, wire::readEnvelope(message.view()));
         return true;
     }
     if (!std::exchange(session.noMemoryPending, false)) return false;
-    deliverSafely(session, session.noMemoryAdvisory.view());
+    deliverSafely(session, wire::readEnvelope(session.noMemoryAdvisory.view()));
     return true;
 }
 
-void run(SessionState& session, wire::Bytes message) {
+void run(SessionState& session, const wire::Envelope& message) {
     const Entered entered(session);
     session.delivering = true;
     deliverSafely(session, message);
@@ -154,7 +137,7 @@ void wait(SessionState& session, wire::Bytes message) {
     }
 }
 
-void onMessage(ipq_Queue /*queue*/, wire::Bytes message, void* closure) {
+void onMessage(ipq_Queue /*queue*/, const wire::Envelope& message, void* closure) {
     deliver(*static_cast<SessionState*>(closure), message);
 }
 
@@ -164,10 +147,10 @@ void onError(ipq_Queue /*queue*/, ipq_State /*state*/, void* closure) {
 
 }  // namespace
 
-void deliver(SessionState& session, wire::Bytes message) {
+void deliver(SessionState& session, const wire::Envelope& message) {
     if (session.isClosed()) return;
     if (session.delivering)
-        wait(session, message);
+        wait(session, message.bytes);
     else
         run(session, message);
 }
@@ -177,7 +160,7 @@ void deliverNoMemory(SessionState& session) {
     if (session.delivering)
         session.noMemoryPending = true;
     else
-        run(session, session.noMemoryAdvisory.view());
+        run(session, wire::readEnvelope(session.noMemoryAdvisory.view()));
 }
 
 void deliverFromLink(SessionState& session) {
@@ -200,7 +183,7 @@ int deliverLocally(SessionState& session, SubjectView subject, const char* reply
                    const wire::Payload& payload) {
     const wire::Built built = wire::buildData(bytesOf(subject), reply, session.flavour.id, payload);
     if (built.code != 0) return codeOfBuild(built.code, payload.size == 0);
-    deliver(session, built.message.view());
+    deliver(session, wire::readEnvelope(built.message.view()));
     return session_code::kOk;
 }
 

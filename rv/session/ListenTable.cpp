@@ -19,6 +19,7 @@ rv_Listener listenerOf(void* id) {
 }  // namespace
 
 rv_Listener ListenTable::add(ListenRecord record) {
+    isReachedKnown_ = false;
     void* id = records_.add(std::move(record));
     if (id == nullptr) return nullptr;
     ListenRecord* kept = records_.find(id);
@@ -55,10 +56,26 @@ bool ListenTable::isAnnounced(SubjectView subject) {
 std::optional<ListenRecord> ListenTable::take(rv_Listener id) noexcept {
     ListenRecord* const record = records_.find(id);
     if (record == nullptr) return std::nullopt;
+    isReachedKnown_ = false;
     static_cast<void>(tree_.remove(record->subject, record));
     std::optional<ListenRecord> taken(std::move(*record));
     records_.remove(id);
     return taken;
+}
+
+const ListenTable::Reached* ListenTable::reach(wire::Bytes encoded) {
+    const std::string_view bytes(reinterpret_cast<const char*>(encoded.data()), encoded.size());
+    if (isReachedKnown_ && bytes == reached_.subject) return &reached_;
+    const auto subject = SubjectView::parse(encoded.data(), encoded.size());
+    if (!subject) return nullptr;
+    isReachedKnown_ = false;
+    reached_.subject = subject->encoded();
+    reached_.text = subject->text();
+    reached_.listeners.clear();
+    tree_.match(*subject, matchFor(*subject),
+                [this](const ListenRecord& record) { reached_.listeners.push_back(record.id); });
+    isReachedKnown_ = true;
+    return &reached_;
 }
 
 std::vector<rv_Listener> ListenTable::ordered() {

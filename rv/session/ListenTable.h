@@ -8,6 +8,7 @@
 #include "rv/message/SubjectTree.h"
 #include "rv/message/SubjectView.h"
 #include "rv/session/rv_Session.h"
+#include "rv/wire/Limits.h"
 
 namespace kvx::session {
 
@@ -47,13 +48,19 @@ class ListenTable {
     /// The dotted subject of a record's companion inbox; empty when it has none.
     [[nodiscard]] std::string companionText(const ListenRecord& record);
 
-    /// Calls `visit(ListenRecord&)` for every record that matches `subject`, in the order of
-    /// listening, until `visit` returns false. Returns the number of calls. `visit` may change the
-    /// table.
-    template <class Visit>
-    std::size_t match(SubjectView subject, Visit&& visit) const {
-        return tree_.match(subject, matchFor(subject), visit);
-    }
+    /// What the messages on one subject reach.
+    struct Reached {
+        std::string subject;                 ///< encoded
+        std::string text;                    ///< dotted
+        std::vector<rv_Listener> listeners;  ///< in the order of listening
+
+        [[nodiscard]] SubjectView view() const { return SubjectView::trusted(subject.data()); }
+    };
+    /// The records that match a received subject; null when that is not well formed. Messages come
+    /// in runs on one subject, so the last answer is kept, and given again while the table stays as
+    /// it is. Valid until the next call; records may be removed and added meanwhile. May throw
+    /// `std::bad_alloc`.
+    [[nodiscard]] const Reached* reach(wire::Bytes encoded);
 
   private:
     static SubjectMatch matchFor(SubjectView subject) {
@@ -63,6 +70,8 @@ class ListenTable {
 
     event::IdTable<ListenRecord> records_;
     SubjectTree<ListenRecord> tree_;
+    Reached reached_;
+    bool isReachedKnown_ = false;  // `reached_` holds of the present records
 };
 
 /// True for subjects below "_INBOX", which are never announced one by one.

@@ -1,11 +1,12 @@
-// Publishing: each message is built in one allocation, which the link's queue takes over.
+// Publishing: a short message is built on the stack and copied into the segment that the link's
+// queue packs; a longer one is built in one allocation, which the queue takes over.
 //
 // The order of the checks is part of the contract: subject, connection, payload. The publish hooks
 // see the built message and may refuse it. A message that the queue's limit refuses gives 20, one
 // that drops an older message counts as sent; both raise the fast-producer advisory at error level,
 // and a long queue raises it at warning level. A broken link is handled as lost at once.
 
-#include <new>
+#include <cstring>
 #include <utility>
 
 #include "rv/error/rvAdvisory.h"
@@ -18,15 +19,7 @@ namespace kvx::session {
 
 namespace {
 
-using SubjectBuffer = std::uint8_t[wire::kSubjectCapacity];
-
-// The encoded form of a subject that user code may publish on; 21 otherwise.
-int encodePublic(const char* subject, SubjectBuffer& encoded) {
-    if (rvSubject_FromText(encoded, sizeof encoded, subject) < 0)
-        return session_code::kInvalidSubject;
-    return advisory::isSystemSubject(SubjectView::trusted(encoded)) ? session_code::kInvalidSubject
-                                                                    : session_code::kOk;
-}
+constexpr std::uint32_t kShortMessage = 1'024;  // bytes
 
 bool isSendable(rvmsg_Type type, rvmsg_Data data) {
     return data != nullptr || type == RVMSG_NONE;
@@ -46,26 +39,52 @@ int queueingFailed(SessionState& session, ipq_State state, bool kept) {
     }
 }
 
-}  // namespace
-
-int queueMessage(SessionState& session, wire::OwnedMessage message) {
-    if (session.queue() == nullptr) return session_code::kNotConnected;
-    if (!ipq_Enqueue(session.queue(), std::move(message), false))
+int queued(SessionState& session, bool isQueued) {
+    if (!isQueued)
         return queueingFailed(session, ipq_StateOf(session.queue()), ipq_WasKept(session.queue()));
     if (ipq_WaitingMessages(session.queue()) >= advisory::kFastProducerThreshold)
         announceFastProducer(session, advisory::kWarn);
     return session_code::kOk;
 }
 
+}  // namespace
+
+const std::uint8_t* PublishedSubject::encode(const char* text) {
+    if (text_[0] != 0 && std::strcmp(text_, text) == 0) return encoded_;
+    text_[0] = 0;
+    if (rvSubject_FromText(encoded_, sizeof encoded_, text) < 0) return nullptr;
+    if (advisory::isSystemSubject(SubjectView::trusted(encoded_))) return nullptr;
+    std::strcpy(text_, text);  // shorter than the encoded form
+    return encoded_;
+}
+
+int queueMessage(SessionState& session, wire::OwnedMessage message) {
+    if (session.queue() == nullptr) return session_code::kNotConnected;
+    return queued(session, ipq_Enqueue(session.queue(), std::move(message), false));
+}
+
+int queueMessage(SessionState& session, wire::Bytes message) {
+    if (session.queue() == nullptr) return session_code::kNotConnected;
+    return queued(session, ipq_EnqueueCopy(session.queue(), message));
+}
+
 int publish(SessionState& session, SubjectView subject, const char* reply,
             const wire::Payload& payload) {
-    wire::Built built = wire::buildData(bytesOf(subject), reply, session.flavour.id, payload);
-    if (built.code != 0) return codeOfBuild(built.code, payload.size == 0);
-    if (const int refused =
-            session.hooks.run(RV_HOOK_PUBLISH, session.handle(), built.message.bytes.get());
+    const wire::DataMessage data(bytesOf(subject), reply, session.flavour.id, payload);
+    if (data.code() != 0) return codeOfBuild(data.code(), payload.size == 0);
+    const bool isShort = data.capacity() <= kShortMessage;
+    std::uint8_t shortMessage[kShortMessage];
+    wire::OwnedMessage owned;
+    if (!isShort) owned = wire::OwnedMessage::allocate(data.capacity());
+    std::uint8_t* const message = isShort ? shortMessage : owned.bytes.get();
+    if (message == nullptr) return session_code::kNoMemory;
+    if (const int code = data.writeTo(message); code != 0)
+        return codeOfBuild(code, payload.size == 0);
+    if (const int refused = session.hooks.run(RV_HOOK_PUBLISH, session.handle(), message);
         refused != 0)
         return refused;
-    return queueMessage(session, std::move(built.message));
+    return isShort ? queueMessage(session, wire::Bytes(message, loadBig32(message)))
+                   : queueMessage(session, std::move(owned));
 }
 
 }  // namespace kvx::session
@@ -80,8 +99,8 @@ int rv_Send(rv_Session handle, const char* subject, const char* reply, rvmsg_Typ
     session::SessionState* const session = session::find(handle);
     if (session == nullptr) return session_code::kInvalidSession;
     if (subject == nullptr) return session_code::kInvalidArgument;
-    session::SubjectBuffer encoded;
-    if (const int code = session::encodePublic(subject, encoded); code != 0) return code;
+    const std::uint8_t* const encoded = session->published.encode(subject);
+    if (encoded == nullptr) return session_code::kInvalidSubject;
     if (session->queue() == nullptr) return session_code::kNotConnected;
     if (!session::isSendable(type, data)) return session_code::kNoMemory;
     const session::Entered entered(*session);
@@ -112,8 +131,8 @@ int rv_Deliver(rv_Session handle, const char* subject, const char* reply, rvmsg_
     session::SessionState* const session = session::find(handle);
     if (session == nullptr) return session_code::kInvalidSession;
     if (subject == nullptr) return session_code::kInvalidArgument;
-    session::SubjectBuffer encoded;
-    if (const int code = session::encodePublic(subject, encoded); code != 0) return code;
+    const std::uint8_t* const encoded = session->published.encode(subject);
+    if (encoded == nullptr) return session_code::kInvalidSubject;
     if (!session::isSendable(type, data)) return session_code::kNoMemory;
     const session::Entered entered(*session);
     return session::deliverLocally(*session, SubjectView::trusted(encoded), reply,

@@ -53,12 +53,14 @@ void watchLink(SessionState& session);
 
 /// Publish.cpp: queues a built message on the link, and handles a failure.
 [[nodiscard]] int queueMessage(SessionState& session, wire::OwnedMessage message);
+/// The same with a copy of a short message.
+[[nodiscard]] int queueMessage(SessionState& session, wire::Bytes message);
 /// Publishes without checking for reserved subjects.
 [[nodiscard]] int publish(SessionState& session, SubjectView subject, const char* reply,
                           const wire::Payload& payload);
 
 /// Deliver.cpp: delivers now or, inside a delivery, after it; copies the bytes in that case.
-void deliver(SessionState& session, wire::Bytes message);
+void deliver(SessionState& session, const wire::Envelope& message);
 void deliverNoMemory(SessionState& session);
 /// Sets the link's callbacks: messages, and a lack of memory, are delivered to the listeners.
 void deliverFromLink(SessionState& session);

@@ -39,6 +39,18 @@ struct FlavourRecord {
     [[nodiscard]] wire::Flavour view() const;
 };
 
+/// The subject that a session published on last, encoded: the next message is often on the same.
+class PublishedSubject {
+  public:
+    /// The encoded form of a subject that user code may publish on, valid until the next call; null
+    /// for any other text.
+    [[nodiscard]] const std::uint8_t* encode(const char* text);
+
+  private:
+    char text_[wire::kSubjectCapacity] = {};  // "" for none
+    std::uint8_t encoded_[wire::kSubjectCapacity];
+};
+
 /// The states of a session, in order; never goes back.
 enum class Life : std::uint8_t {
     Open,
@@ -86,6 +98,8 @@ struct SessionState final : link::LinkHost, event::Handle<SessionState> {
     std::string name;                 // empty until the first handshake
     std::vector<std::string> formerNames;
     unsigned long fastProducerConditions = 0;
+
+    PublishedSubject published;
 
     // Listening.
     long listenCounter = 1;

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "rv/error/rvCodes.h"
+#include "rv/message/FieldCheck.h"
 
 namespace kvx::wire {
 namespace {
@@ -117,6 +118,17 @@ constexpr std::uint8_t kLeading[] = {6, 'm', 't', 'y', 'p', 'e', 0, 8, 2};
 constexpr std::uint8_t kFollowing[] = {0, 4, 's', 'u', 'b', 0, 2, 0x79};
 constexpr std::size_t kLetterAt = kHeaderBytes + sizeof kLeading;
 constexpr std::size_t kSubjectAt = kLetterAt + 1 + sizeof kFollowing;
+// The same of a flavour id.
+constexpr std::uint8_t kFlavourHead[] = {4, 'f', 'i', 'd', 0, RVMSG_INT, sizeof(std::int32_t)};
+
+// Returns where the encoded subject goes. The length is left to the caller.
+std::uint8_t* writeUsualHead(std::uint8_t* message, MessageType type) {
+    storeBig32(message + 4, kMessageMagic);
+    std::memcpy(message + kHeaderBytes, kLeading, sizeof kLeading);
+    message[kLetterAt] = static_cast<std::uint8_t>(type);
+    std::memcpy(message + kLetterAt + 1, kFollowing, sizeof kFollowing);
+    return message + kSubjectAt;
+}
 
 bool readUsualRouting(Bytes message, Routing& routing) {
     if (message.size() < kSubjectAt + kSubjectHeaderBytes) return false;
@@ -205,26 +217,58 @@ std::uint64_t dataCapacity(std::size_t subjectLength, std::size_t replyLength, b
     return capacity;
 }
 
-Built buildData(Bytes subject, const char* replySubject, std::int32_t flavourId,
-                const Payload& payload) {
+DataMessage::DataMessage(Bytes subject, const char* reply, std::int32_t flavourId,
+                         const Payload& payload)
+    : subject_(subject), reply_(reply), flavourId_(flavourId), payload_(payload) {
     const bool hasPayload = payload.type != RVMSG_NONE;
     std::uint64_t size = payload.size;
-    if (hasPayload) {
-        if (payload.data == nullptr) return {code::kInvalidArgument, {}};
-        if (size == 0 && !measure(payload, size)) return {code::kInvalidArgument, {}};
+    if (subject.size() < kSubjectHeaderBytes) {
+        code_ = code::kInvalidData;
+        return;
     }
-    const std::size_t replyLength = replySubject != nullptr ? std::strlen(replySubject) : 0;
-    const std::uint64_t capacity = dataCapacity(subject.size(), replyLength, hasPayload, size);
-    if (capacity > kMaxMessageBytes) return {code::kInvalidData, {}};
-    Builder builder(static_cast<std::uint32_t>(capacity));
-    builder.type(MessageType::Data).subject(subject);
-    if (replyLength > 0) builder.text(field::kReturn, replySubject);
-    builder.flavourId(flavourId);
-    if (hasPayload) {
-        const auto fieldSize = static_cast<std::uint32_t>(size);
-        builder.field(field::kData, payload.type, fieldSize, payload.data);
+    if (hasPayload && (payload.data == nullptr || (size == 0 && !measure(payload, size)))) {
+        code_ = code::kInvalidArgument;
+        return;
     }
-    return builder.finish();
+    replyLength_ = reply != nullptr ? std::strlen(reply) : 0;
+    const std::uint64_t capacity = dataCapacity(subject.size(), replyLength_, hasPayload, size);
+    if (capacity > kMaxMessageBytes) {
+        code_ = code::kInvalidData;
+        return;
+    }
+    payload_.size = static_cast<std::uint32_t>(size);
+    capacity_ = static_cast<std::uint32_t>(capacity);
+}
+
+int DataMessage::writeTo(std::uint8_t* buffer) const {
+    std::uint8_t* const subject = writeUsualHead(buffer, MessageType::Data);
+    std::memcpy(subject, subject_.data(), subject_.size());
+    std::uint8_t* end = subject + subject_.size();
+    if (replyLength_ > 0) {
+        storeBig32(buffer, static_cast<std::uint32_t>(end - buffer));
+        const int result = rvmsg_Append(buffer, capacity_, field::kReturn, RVMSG_STRING,
+                                        static_cast<std::uint32_t>(replyLength_) + 1, reply_);
+        if (result != code::kOk) return result;
+        end = buffer + loadBig32(buffer);
+    }
+    if (flavourId_ != 0) {
+        std::memcpy(end, kFlavourHead, sizeof kFlavourHead);
+        storeBig32(end + sizeof kFlavourHead, static_cast<std::uint32_t>(flavourId_));
+        end += sizeof kFlavourHead + sizeof flavourId_;
+    }
+    storeBig32(buffer, static_cast<std::uint32_t>(end - buffer));
+    if (payload_.type == RVMSG_NONE) return code::kOk;
+    return rvmsg_Append(buffer, capacity_, field::kData, payload_.type, payload_.size,
+                        payload_.data);
+}
+
+Built buildData(Bytes subject, const char* reply, std::int32_t flavourId, const Payload& payload) {
+    const DataMessage data(subject, reply, flavourId, payload);
+    if (data.code() != code::kOk) return {data.code(), {}};
+    Built built{code::kNoRoom, OwnedMessage::allocate(data.capacity())};
+    if (built.message.bytes) built.code = data.writeTo(built.message.bytes.get());
+    if (built.code != code::kOk) built.message = {};
+    return built;
 }
 
 Built buildReply(std::uint32_t ipAddress, std::uint16_t ipPort) {
@@ -256,6 +300,71 @@ Routing readRouting(Bytes message) {
         }
     }
     return routing;
+}
+
+namespace {
+
+// Takes the fields of a message in their order.
+class EnvelopeReader {
+  public:
+    explicit EnvelopeReader(Envelope& envelope)
+        : envelope_(envelope), hasSubject_(!envelope.subject.empty()) {}
+
+    void operator()(const WireField& found) {
+        switch (found.nameBytes) {
+            case std::string_view(field::kSubject).size() + 1:
+                if (!hasSubject_ && found.isNamed(field::kSubject)) takeSubject(found);
+                break;
+            case std::string_view(field::kData).size() + 1:
+                if (found.isNamed(field::kData)) keepFirst(envelope_.data, found);
+                break;
+            case std::string_view(field::kReturn).size() + 1:
+                if (found.isNamed(field::kReturn)) keepFirst(envelope_.reply, found);
+                break;
+            default:
+                break;
+        }
+    }
+
+  private:
+    static void keepFirst(WireField& kept, const WireField& found) {
+        if (kept.type == RVMSG_BADDATA) kept = found;
+    }
+    void takeSubject(const WireField& found) {
+        hasSubject_ = true;
+        if (found.type == RVMSG_SUBJECT) envelope_.subject = found.bytes();
+    }
+
+    Envelope& envelope_;
+    bool hasSubject_;
+};
+
+}  // namespace
+
+int openEnvelope(Bytes message, Envelope& envelope) {
+    envelope = {message, {}, {}, {}};
+    // What nearly every message begins with is known to be valid.
+    Routing usual;
+    std::size_t checked = kHeaderBytes;
+    if (readUsualRouting(message, usual)) {
+        envelope.subject = usual.subject;
+        checked = kSubjectAt + usual.subject.size();
+    }
+    return checkMessage(message, EnvelopeReader(envelope), checked);
+}
+
+Envelope readEnvelope(Bytes message) {
+    Envelope envelope{message, {}, {}, {}};
+    EnvelopeReader reader(envelope);
+    FieldCursor cursor(message);
+    for (WireField found; cursor.next(found) == FieldCursor::Step::kField;) reader(found);
+    return envelope;
+}
+
+const char* Envelope::replyText() const {
+    if (reply.type != RVMSG_STRING || reply.size < 2 || reply.data[0] == 0) return nullptr;
+    if (std::memchr(reply.data, 0, reply.size) == nullptr) return nullptr;
+    return reinterpret_cast<const char*>(reply.data);
 }
 
 Init readInit(Bytes message) {

@@ -100,9 +100,31 @@ struct Payload {
     rvmsg_Data data = nullptr;
 };
 
-/// A data message, in a buffer of exactly `dataCapacity` bytes. `reply` is dotted text; null or
-/// empty: not sent. Gives 10 when the message exceeds the link's limit, 8 without memory and when
-/// `size` is less than the payload takes.
+/// A data message that is yet to be written, on views of its fields. `reply` is dotted text; null
+/// or empty: not sent.
+class DataMessage {
+  public:
+    DataMessage(Bytes subject, const char* reply, std::int32_t flavourId, const Payload& payload);
+
+    /// 0, or why it cannot be written: 3 for the payload, 10 when it exceeds the link's limit.
+    [[nodiscard]] int code() const { return code_; }
+    /// Bytes of the buffer that it needs; a little more than the message.
+    [[nodiscard]] std::uint32_t capacity() const { return capacity_; }
+    /// Writes the message into `capacity()` bytes. Returns 8 when the size given is less than the
+    /// payload takes.
+    [[nodiscard]] int writeTo(std::uint8_t* buffer) const;
+
+  private:
+    Bytes subject_;
+    const char* reply_;
+    std::size_t replyLength_ = 0;
+    std::int32_t flavourId_;
+    Payload payload_;
+    int code_ = 0;
+    std::uint32_t capacity_ = 0;
+};
+
+/// The same in memory of its own. Gives 8 also without memory.
 [[nodiscard]] Built buildData(Bytes subject, const char* reply, std::int32_t flavourId,
                               const Payload& payload);
 
@@ -139,6 +161,23 @@ struct Routing {
     MessageType type = MessageType::Unknown;
     Bytes subject;  ///< encoded, its own length first and consistent; empty when there is none
 };
+
+/// A message and the fields of it that a session delivers: the first of each name.
+struct Envelope {
+    Bytes bytes;
+    Bytes subject;    ///< encoded, as in `Routing`; empty when there is none
+    WireField reply;  ///< "return"; of type `RVMSG_BADDATA` when there is none
+    WireField data;   ///< likewise
+
+    /// The reply subject: zero-terminated dotted text; null when it is absent, empty or no text.
+    [[nodiscard]] const char* replyText() const;
+};
+
+/// Checks a received message as `rvmsg_Validate` does, whose codes it returns, and reads it in the
+/// same pass.
+[[nodiscard]] int openEnvelope(Bytes message, Envelope& envelope);
+/// Reads a message that has been checked, or that this process has built.
+[[nodiscard]] Envelope readEnvelope(Bytes message);
 
 /// Reads only "mtype" and "sub". Does not check the elements of the subject (`SubjectView::parse`).
 [[nodiscard]] Routing readRouting(Bytes message);

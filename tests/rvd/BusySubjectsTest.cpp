@@ -44,8 +44,7 @@ class BusySubjectsTest : public testing::Test {
 
 TEST_F(BusySubjectsTest, KnowsWhoSendsMuchAmongAMillionSubjectsInOneMiB) {
     const std::string tail(230, 'x');
-    const std::string longTail =
-        '.' + tail + '.' + tail;
+    const std::string longTail = '.' + tail + '.' + tail;
     const std::size_t before = mallinfo2().uordblks;
     for (int i = 0; i < 1'000'000; ++i) {
         publish("S." + std::to_string(i) + longTail);

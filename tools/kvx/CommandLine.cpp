@@ -111,9 +111,9 @@ class CommandLine {
         addFollow();
         addServices();
         addHosts();
+        addDaemon();
         addExplain();
         addDoctor();
-        addDaemon();
         addBench();
         addHelp();
         app_.footer(
@@ -231,23 +231,6 @@ class CommandLine {
         addTimeout(command, hosts_.timeoutSeconds);
     }
 
-    void addExplain() {
-        auto& command = add("explain", "say why a code, advisory or log line comes, and what to do",
-                            explain_, explain);
-        command.add_option("words", explain_.words,
-                           "a number, a name or a text; without any all are listed");
-    }
-
-    void addDoctor() {
-        auto& command =
-            add("doctor", "look at host, daemon and bus, and say what to mend", doctor_, doctor);
-        addTimeout(command, doctor_.timeoutSeconds);
-        command
-            .add_option("--wait", doctor_.waitSeconds, "seconds to listen for beats; 0 for none")
-            ->check(secondsBetween(0, 3600))
-            ->capture_default_str();
-    }
-
     void addDaemon() {
         addTimeout(add("status", "show how the daemon is: limits, rates, memory", daemon_, status),
                    daemon_.timeoutSeconds);
@@ -267,6 +250,23 @@ class CommandLine {
             add("why-slow", "tell who holds up messages, and what to do", daemon_, whySlow);
         slow.add_option("SUBJECT", daemon_.subject, "only who would get a message on it");
         addTimeout(slow, daemon_.timeoutSeconds);
+    }
+
+    void addExplain() {
+        auto& command = add("explain", "say why a code, advisory or log line comes, and what to do",
+                            explain_, explain);
+        command.add_option("words", explain_.words,
+                           "a number, a name or a text; without any all are listed");
+    }
+
+    void addDoctor() {
+        auto& command =
+            add("doctor", "look at host, daemon and bus, and say what to mend", doctor_, doctor);
+        addTimeout(command, doctor_.timeoutSeconds);
+        command
+            .add_option("--wait", doctor_.waitSeconds, "seconds to listen for beats; 0 for none")
+            ->check(secondsBetween(0, 3600))
+            ->capture_default_str();
     }
 
     void addBench() {
@@ -333,9 +333,9 @@ class CommandLine {
     FollowOptions follow_;
     ServicesOptions services_;
     HostsOptions hosts_;
+    DaemonOptions daemon_;
     ExplainOptions explain_;
     DoctorOptions doctor_;
-    DaemonOptions daemon_;
     BenchOptions bench_;
     std::function<int()> chosen_;
 };

@@ -86,6 +86,16 @@ struct HostsOptions {
     double timeoutSeconds = 3;
 };
 
+/// Of the commands that ask the daemon.
+struct DaemonOptions {
+    Connection connection;
+    std::string subject;       ///< empty: all
+    std::uint64_t limit = 20;  ///< of rows; 0 for all
+    bool shapes = false;
+    bool tree = false;
+    double timeoutSeconds = 3;
+};
+
 struct ExplainOptions {
     Connection connection;
     std::vector<std::string> words;
@@ -95,16 +105,6 @@ struct DoctorOptions {
     Connection connection;
     double timeoutSeconds = 3;
     double waitSeconds = 11;  ///< a little more than a beat interval
-};
-
-/// Of the commands that ask the daemon.
-struct DaemonOptions {
-    Connection connection;
-    std::string subject;       ///< empty: all
-    std::uint64_t limit = 20;  ///< of rows; 0 for all
-    bool shapes = false;
-    bool tree = false;
-    double timeoutSeconds = 3;
 };
 
 struct BenchOptions {
@@ -144,12 +144,6 @@ int services(const ServicesOptions& options);
 /// Lists the hosts that are joined with this one, as its bridge knows them.
 int hosts(const HostsOptions& options);
 
-/// Says why a code, an advisory or a line of a log comes, and what to do; lists all without words.
-int explain(const ExplainOptions& options);
-
-/// Looks at this host, its daemon and the bus, and says what to mend. Starts no daemon.
-int doctor(const DoctorOptions& options);
-
 /// How the daemon is: version, limits, totals, rates, memory.
 int status(const DaemonOptions& options);
 
@@ -164,6 +158,12 @@ int trace(const DaemonOptions& options);
 
 /// Who holds up messages, since when, what was lost, and what to do.
 int whySlow(const DaemonOptions& options);
+
+/// Says why a code, an advisory or a line of a log comes, and what to do; lists all without words.
+int explain(const ExplainOptions& options);
+
+/// Looks at this host, its daemon and the bus, and says what to mend. Starts no daemon.
+int doctor(const DoctorOptions& options);
 
 /// Measures round trips and a stream through the daemon.
 int bench(const BenchOptions& options);

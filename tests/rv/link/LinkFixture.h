@@ -67,9 +67,9 @@ class LinkFixture : public testing::Test, public link::LinkHost {
     std::function<void()> onHeard_ = [] {};
 
   private:
-    static void onMessage(ipq_Queue, wire::Bytes message, void* closure) {
+    static void onMessage(ipq_Queue, const wire::Envelope& message, void* closure) {
         auto* self = static_cast<LinkFixture*>(closure);
-        self->heard_.push_back(textIn(message));
+        self->heard_.push_back(textIn(message.bytes));
         self->onHeard_();
     }
     static void onPeerGone(ipq_Queue queue, ipq_State, void* closure) {

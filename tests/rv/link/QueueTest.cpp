@@ -165,16 +165,17 @@ TEST_F(QueueReading, ClosingInsideTheCallbackEndsTheDelivery) {
 }
 
 TEST_F(QueueReading, ReadingOnInsideTheCallbackLeavesItsMessageAlone) {
-    const ipq_MessageCallback readOn = [](ipq_Queue queue, wire::Bytes message, void* closure) {
+    const ipq_MessageCallback readOn = [](ipq_Queue queue, const wire::Envelope& message,
+                                          void* closure) {
         auto* self = static_cast<QueueReading*>(closure);
-        const std::string text = textIn(message);
+        const std::string text = textIn(message.bytes);
         self->heard_.push_back(text);
         if (self->heard_.size() == 1) {
             std::thread sender([&] { self->peer_.send(data(std::string(100'000, 'n'))); });
             while (self->heard_.size() < 2) ipq_DispatchOne(queue, 10'000);
             sender.join();
         }
-        EXPECT_EQ(textIn(message), text);
+        EXPECT_EQ(textIn(message.bytes), text);
     };
     ipq_SetMessageCallback(queue_, readOn, this);
     peer_.send(data("outer"));

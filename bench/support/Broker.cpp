@@ -1,4 +1,4 @@
-#include "bench/relay/Broker.h"
+#include "bench/support/Broker.h"
 
 #include <fcntl.h>
 #include <signal.h>

@@ -16,6 +16,7 @@ class Broker {
     Broker& operator=(const Broker&) = delete;
 
     [[nodiscard]] std::uint16_t port() const { return port_; }
+    [[nodiscard]] int pid() const { return pid_; }
 
   private:
     int pid_ = 0;
