@@ -239,6 +239,12 @@ class CommandLine {
                    daemon_.timeoutSeconds);
         auto& listed = add("sessions", "list who is on the daemon", daemon_, sessions);
         addTimeout(listed, daemon_.timeoutSeconds);
+        auto& live = add("top", "show sessions and subjects live", daemon_, top);
+        live.add_option("--interval", daemon_.interval, "seconds between updates")
+            ->check(secondsBetween(0.1, 3600))
+            ->capture_default_str();
+        addCount(live, "--count", daemon_.count, "with --json: leave after this many updates");
+        addTimeout(live, daemon_.timeoutSeconds);
         auto& flows = add("subjects", "list the busiest subjects", daemon_, subjects);
         flows.add_option("PATTERN", daemon_.subject, "only these, * and > as wildcards");
         addCount(flows, "--limit", daemon_.limit, "the most rows; 0 for all that are known");

@@ -93,6 +93,8 @@ struct DaemonOptions {
     std::uint64_t limit = 20;  ///< of rows; 0 for all
     bool shapes = false;
     bool tree = false;
+    double interval = 1;      ///< of `top`, in seconds
+    std::uint64_t count = 0;  ///< of `top`: leave after this many updates; 0 for never
     double timeoutSeconds = 3;
 };
 
@@ -149,6 +151,9 @@ int status(const DaemonOptions& options);
 
 /// Who is on the daemon, and how they keep up.
 int sessions(const DaemonOptions& options);
+
+/// The same, live, until a key or a signal ends it.
+int top(const DaemonOptions& options);
 
 /// The busiest subjects, as a list or a tree.
 int subjects(const DaemonOptions& options);

@@ -142,7 +142,7 @@ std::string lossText(const Json& session) {
 
 Table sessionsTable(const Json& sessions) {
     Table table({">NUMBER", "SESSION", "ADDRESS", "SPACE", ">AGE", ">LISTENS", ">IN/S", ">OUT/S",
-                 ">WAITING", ">WAITING", "DROPPED", "STATE"});
+                 ">WAITING", ">IN QUEUE", "DROPPED", "STATE"});
     for (const auto& session : sessions) {
         const bool isBehind = session.contains("behind_ms");
         table.add({std::to_string(numberIn(session, "number")), whoIs(session),
