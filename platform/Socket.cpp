@@ -14,6 +14,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -180,6 +181,23 @@ int pendingError(SocketHandle socket) noexcept {
 IoResult sendSome(SocketHandle socket, std::span<const std::byte> bytes) noexcept {
     for (;;) {
         const ssize_t sent = ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (sent >= 0) return {static_cast<std::size_t>(sent), 0};
+        if (errno != EINTR) return {0, lastSocketError()};
+    }
+}
+
+IoResult sendPieces(SocketHandle socket,
+                    std::span<const std::span<const std::byte>> pieces) noexcept {
+    if (pieces.size() == 1) return sendSome(socket, pieces[0]);
+    std::array<iovec, kMaxPieces> parts;
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = std::min(pieces.size(), kMaxPieces);
+    for (std::size_t i = 0; i < message.msg_iovlen; ++i) {
+        parts[i] = {const_cast<std::byte*>(pieces[i].data()), pieces[i].size()};
+    }
+    for (;;) {
+        const ssize_t sent = ::sendmsg(socket, &message, MSG_NOSIGNAL);
         if (sent >= 0) return {static_cast<std::size_t>(sent), 0};
         if (errno != EINTR) return {0, lastSocketError()};
     }

@@ -124,6 +124,10 @@ struct IoResult {
     int error = 0;
 };
 KVX_API IoResult sendSome(SocketHandle socket, std::span<const std::byte> bytes) noexcept;
+/// Sends several pieces as one, in their order; at most `kMaxPieces` of them.
+inline constexpr std::size_t kMaxPieces = 16;
+KVX_API IoResult sendPieces(SocketHandle socket,
+                            std::span<const std::span<const std::byte>> pieces) noexcept;
 KVX_API IoResult receiveSome(SocketHandle socket, std::span<std::byte> buffer) noexcept;
 /// Closes the sending direction; receiving goes on.
 KVX_API int shutdownSending(SocketHandle socket) noexcept;

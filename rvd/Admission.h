@@ -16,15 +16,18 @@ struct Network {
     }
 };
 
+[[nodiscard]] inline bool containAny(const std::vector<Network>& networks, std::uint32_t address) {
+    return std::ranges::any_of(networks,
+                               [=](const Network& network) { return network.contains(address); });
+}
+
 /// Who may be a session. An empty list admits everybody.
 struct Admission {
     std::vector<Network> networks;     ///< of the addresses of TCP clients
     std::vector<std::uint32_t> users;  ///< their ids: of the processes at unix sockets
 
     [[nodiscard]] bool admitsAddress(std::uint32_t address) const {
-        return networks.empty() || std::ranges::any_of(networks, [=](const Network& network) {
-                   return network.contains(address);
-               });
+        return networks.empty() || containAny(networks, address);
     }
     [[nodiscard]] bool admitsUser(std::uint32_t user) const {
         return users.empty() || std::ranges::find(users, user) != users.end();

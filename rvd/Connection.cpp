@@ -124,9 +124,10 @@ bool Connection::start() {
     const auto peer = socket_.peerEndpoint();
     const auto process = socket_.peerIdentity();
     const bool isNear = process || peer.address >> 24U == kLoopbackNet;
-    isLocal_ = isNear || peer.address == socket_.ownEndpoint().address;
     isAllowed_ = process ? context_.admission.admitsUser(process->uid)
                          : context_.admission.admitsAddress(peer.address);
+    mayAsk_ = isNear || peer.address == socket_.ownEndpoint().address ||
+              containAny(context_.statusFor, peer.address);
     peer_ = std::make_unique<Peer>(reportedAddress(peer, isNear, context_.hostAddress), *this,
                                    context_.counters);
     context_.willWatch(socket_.descriptor());

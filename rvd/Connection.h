@@ -43,6 +43,7 @@ struct ConnectionContext {
     std::size_t stepsAtOnce;    ///< of a match, between two looks at the clock
     std::uint32_t hostAddress;  ///< host byte order; reported to local clients as their own
     const Admission& admission;
+    const std::vector<Network>& statusFor;  ///< other hosts that may ask for reports
     /// Throws `std::bad_alloc` when there is no memory for watching that descriptor.
     std::function<void(int descriptor)> willWatch;
     std::function<void(Connection&)> announced;   ///< it has joined a space
@@ -175,7 +176,6 @@ class Connection final : private MemoryHolder,
     [[nodiscard]] bool mayTell() const;
     void tellMore();
     [[nodiscard]] bool mayAnswer() const;
-    [[nodiscard]] bool isOfThisHost() const;
     void answer();
     void refreshTold();
     void handOn(const PayloadRef& message, std::span<Receiver* const> receivers);
@@ -214,7 +214,7 @@ class Connection final : private MemoryHolder,
     wire::Bytes arrived_;             // bytes that the peer has not processed
     std::vector<std::uint8_t> rest_;  // those that wait for a further slice
     bool isAllowed_ = false;          // to join a space
-    bool isLocal_ = false;            // a session of the daemon's own host
+    bool mayAsk_ = false;             // for reports
     bool isReading_ = false;
     bool isTrimming_ = false;     // more waits than may
     std::uint64_t readTurn_ = 0;  // the turn of the last read

@@ -113,7 +113,7 @@ void Connection::refreshTold() {
 // One that does not read its answers is asked for no more: what it asks then is not answered.
 void Connection::ask(const Inquiry& inquiry) {
     if (session_ == nullptr) return;
-    auto report = isOfThisHost() ? context_.reports.answer(inquiry, *session_) : Reports::refusal();
+    auto report = mayAsk_ ? context_.reports.answer(inquiry, *session_) : Reports::refusal();
     if (!answers_) answers_ = std::make_unique<Answers>();
     if (report && answers_->add(inquiry, std::move(report))) context_.batch.add(*this);
 }
@@ -153,10 +153,6 @@ void Connection::route() {
         isOver = context_.line.isOver(Line::kStepsPerLook);
     }
     if (!isOver) routing_.reset();
-}
-
-bool Connection::isOfThisHost() const {
-    return isLocal_;
 }
 
 SessionFacts Connection::facts() const {

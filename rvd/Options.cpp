@@ -25,8 +25,8 @@ constexpr const char* kHalf = "half";
 constexpr const char* kVersionLine = "rvd " KVX_VERSION;
 
 // Options with one dash, which the library uses when it starts a daemon.
-constexpr std::array<std::string_view, 6> kOneDash = {"-listen",     "-address",     "-allow",
-                                                      "-allow-user", "-queue-limit", "-memory"};
+constexpr std::array<std::string_view, 7> kOneDash = {
+    "-listen", "-address", "-allow", "-allow-user", "-status-for", "-queue-limit", "-memory"};
 
 std::vector<std::string> normalised(int argc, const char* const* argv) {
     std::vector<std::string> reversed;  // the parser takes its arguments from the back
@@ -53,6 +53,7 @@ struct Texts {
     std::vector<std::string> listen = {wire::kDefaultDaemon};
     std::vector<std::string> networks;
     std::vector<std::string> users;
+    std::vector<std::string> statusFor;
     std::string address;
     std::string queueLimit = "64M";
     std::string memory = kHalf;
@@ -75,6 +76,10 @@ void describe(CLI::App& app, Texts& texts) {
     app.add_option("--allow-user", texts.users,
                    "Who may use unix sockets, once for each user: a name or an id; every local "
                    "user unless given (also -allow-user)")
+        ->allow_extra_args(false);
+    app.add_option("--status-for", texts.statusFor,
+                   "Which other hosts may ask how the daemon is and who is on it, once for each "
+                   "network: a.b.c.d or a.b.c.d/n; none unless given (also -status-for)")
         ->allow_extra_args(false);
     app.add_option("--address", texts.address,
                    "IPv4 address reported to local clients as this host's (also -address)");
@@ -107,13 +112,19 @@ std::string takeListen(const std::vector<std::string>& texts, Options& options) 
     return {};
 }
 
-// An option that has no effect is refused: it would seem to protect.
-std::string takeAdmission(const Texts& texts, Options& options) {
-    for (const auto& text : texts.networks) {
+std::string takeNetworks(const std::vector<std::string>& texts, std::vector<Network>& networks) {
+    for (const auto& text : texts) {
         const auto network = parseNetwork(text);
         if (!network) return "'" + text + "' is no network (a.b.c.d or a.b.c.d/n)";
-        options.admission.networks.push_back(*network);
+        networks.push_back(*network);
     }
+    return {};
+}
+
+// An option that has no effect is refused: it would seem to protect.
+std::string takeAdmission(const Texts& texts, Options& options) {
+    std::string error = takeNetworks(texts.networks, options.admission.networks);
+    if (!error.empty()) return error;
     for (const auto& text : texts.users) {
         const auto user = parseUser(text);
         if (!user) return "'" + text + "' is no user of this system";
@@ -132,6 +143,9 @@ std::string takeAdmission(const Texts& texts, Options& options) {
 std::string evaluate(const Texts& texts, Options& options) {
     if (std::string error = takeListen(texts.listen, options); !error.empty()) return error;
     if (std::string error = takeAdmission(texts, options); !error.empty()) return error;
+    if (std::string error = takeNetworks(texts.statusFor, options.statusFor); !error.empty()) {
+        return error;
+    }
     if (!texts.address.empty()) {
         options.hostAddress = platform::resolveHost(texts.address);
         if (!options.hostAddress) return "cannot resolve address '" + texts.address + "'";

@@ -26,6 +26,7 @@ struct ListenAddress {
 struct Options {
     std::vector<ListenAddress> listen{ListenAddress()};  ///< at least one
     Admission admission;
+    std::vector<Network> statusFor;            ///< other hosts that may ask for reports
     std::optional<std::uint32_t> hostAddress;  ///< reported to local clients as their address
     std::uint64_t queueLimit = kDefaultQueueLimit;
     std::optional<std::uint64_t> memoryLimit;  ///< bytes of all sessions; without it half of what

@@ -71,6 +71,7 @@ Server::Server(const Options& options, platform::Log log)
                options.stepsAtOnce,
                hostAddressFor(options),
                options_.admission,
+               options_.statusFor,
                [this](int descriptor) { reserveWatchers(static_cast<std::size_t>(descriptor)); },
                [this](const Connection& connection) { unannounced_.erase(connection.number()); },
                [this](const Connection& connection) {

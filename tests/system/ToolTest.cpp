@@ -81,6 +81,9 @@ TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {
     EXPECT_NE(both.errors.find(warning), std::string::npos) << both.errors;
     EXPECT_NE(both.output.find(R"("answerers":[")"), std::string::npos) << both.output;
     EXPECT_EQ(both.status, 0);
+    const Ended doctor = bus_.kvx({"doctor", "--wait", "0.5", "--timeout", "1"});
+    EXPECT_NE(doctor.output.find("2 answer on ZEMBRALIX.3.0.MODEL.QUERY"), std::string::npos)
+        << doctor.output;
 }
 
 }  // namespace

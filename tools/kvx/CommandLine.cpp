@@ -114,6 +114,7 @@ class CommandLine {
         addHosts();
         addDaemon();
         addExplain();
+        addDoctor();
         addBench();
         addHelp();
         app_.footer(
@@ -261,6 +262,16 @@ class CommandLine {
                            "a number, a name or a text; without any all are listed");
     }
 
+    void addDoctor() {
+        auto& command =
+            add("doctor", "look at host, daemon and bus, and say what to mend", doctor_, doctor);
+        addTimeout(command, doctor_.timeoutSeconds);
+        command
+            .add_option("--wait", doctor_.waitSeconds, "seconds to listen for beats; 0 for none")
+            ->check(secondsBetween(0, 3600))
+            ->capture_default_str();
+    }
+
     void addBench() {
         auto& command = add("bench", "measure the daemon's round trips and stream", bench_, bench);
         addCount(command, "--messages", bench_.messages, "messages to stream", 1);
@@ -327,6 +338,7 @@ class CommandLine {
     HostsOptions hosts_;
     DaemonOptions daemon_;
     ExplainOptions explain_;
+    DoctorOptions doctor_;
     BenchOptions bench_;
     std::function<int()> chosen_;
 };

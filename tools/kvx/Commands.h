@@ -101,6 +101,12 @@ struct ExplainOptions {
     std::vector<std::string> words;
 };
 
+struct DoctorOptions {
+    Connection connection;
+    double timeoutSeconds = 3;
+    double waitSeconds = 11;  ///< a little more than a beat interval
+};
+
 struct BenchOptions {
     Connection connection;
     std::uint64_t messages = 100000;
@@ -155,6 +161,9 @@ int whySlow(const DaemonOptions& options);
 
 /// Says why a code, an advisory or a line of a log comes, and what to do; lists all without words.
 int explain(const ExplainOptions& options);
+
+/// Looks at this host, its daemon and the bus, and says what to mend. Starts no daemon.
+int doctor(const DoctorOptions& options);
 
 /// Measures round trips and a stream through the daemon.
 int bench(const BenchOptions& options);
