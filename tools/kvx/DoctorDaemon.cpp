@@ -27,11 +27,13 @@ constexpr std::uint16_t kDefaultAgentPort = 7600;
 constexpr std::size_t kStatusLine = 12;  // bytes: "HTTP/1.1 200"
 constexpr double kSlowMs = 200;
 constexpr const char* kAddressRule =
-    "write \"daemon\" = \"tcp:PORT\" or \"tcp:HOST:PORT\" in the file, or use --daemon";
+    "write \"daemon\" = \"tcp:PORT\", \"tcp:HOST:PORT\" or \"unix:/PATH\" in the file, or use "
+    "--daemon";
 
 struct Address {
     std::string host;  ///< empty: this one
     std::uint16_t port = 0;
+    std::string path{};  ///< of a unix socket, else empty
 };
 
 std::optional<std::uint16_t> portOf(std::string_view text) {
@@ -42,6 +44,8 @@ std::optional<std::uint16_t> portOf(std::string_view text) {
 }
 
 std::optional<Address> addressOf(std::string_view text) {
+    static constexpr std::string_view kUnix = "unix:";
+    if (text.starts_with("unix:/")) return Address{"", 0, std::string(text.substr(kUnix.size()))};
     static constexpr std::string_view kScheme = "tcp:";
     if (!text.starts_with(kScheme)) return std::nullopt;
     text.remove_prefix(kScheme.size());
@@ -107,7 +111,9 @@ bool isReached(Examination& examination, const Address& address) {
         if (*resolved != 0) host = *resolved;
     }
     TcpProbe probe(examination.timeout());
-    if (const int error = probe.connect({host, address.port}); error != 0) {
+    const int error = address.path.empty() ? probe.connect({host, address.port})
+                                           : probe.connectUnix(address.path);
+    if (error != 0) {
         examination.fail(fmt::format("no daemon at {}: {}", daemon, socketText(error)),
                          startingRvd(examination, address));
         return false;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <span>
 
+#include "platform/UnixSocket.h"
+
 namespace kvx::tool {
 
 namespace error = platform::socket_error;
@@ -15,6 +17,14 @@ int TcpProbe::connect(platform::Endpoint peer) {
     code = platform::connectSocket(socket_.get(), peer);
     if (code != error::kInProgress && code != error::kWouldBlock) return code;
     return await(platform::kWritable) ? platform::pendingError(socket_.get()) : error::kTimedOut;
+}
+
+int TcpProbe::connectUnix(const std::string& path) {
+    int code = 0;
+    socket_ = platform::createUnixSocket(code);
+    if (!socket_) return code;
+    platform::setNonBlocking(socket_.get(), true);
+    return platform::connectUnix(socket_.get(), path);
 }
 
 bool TcpProbe::send(const std::string& bytes) {

@@ -15,6 +15,8 @@ class TcpProbe {
 
     /// Returns 0 or a socket error number, `kTimedOut` at the deadline.
     int connect(platform::Endpoint peer);
+    /// The same at a unix socket.
+    int connectUnix(const std::string& path);
     /// False when not all could be sent. For a few bytes.
     bool send(const std::string& bytes);
     /// Waits for that many bytes; fewer at the deadline or when the peer ends.
