@@ -36,7 +36,12 @@ void readMessage(Bytes message) {
     auto step = cursor.next(field);
     for (; step == Step::kField; step = cursor.next(field)) require(liesIn(field.bytes(), message));
     // The cursor reaches the end of a valid message.
-    if (rvmsg_Validate(message.data(), message.size()) == 0) require(step == Step::kEnd);
+    const int code = rvmsg_Validate(message.data(), message.size());
+    if (code == 0) require(step == Step::kEnd);
+    Envelope envelope;
+    require(openEnvelope(message, envelope) == code);
+    require(liesIn(envelope.subject, message) && liesIn(envelope.data.bytes(), message));
+    (void)envelope.replyText();
 }
 
 struct Frames {

@@ -14,6 +14,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -185,6 +186,23 @@ IoResult sendSome(SocketHandle socket, std::span<const std::byte> bytes) noexcep
     }
 }
 
+IoResult sendPieces(SocketHandle socket,
+                    std::span<const std::span<const std::byte>> pieces) noexcept {
+    if (pieces.size() == 1) return sendSome(socket, pieces[0]);
+    std::array<iovec, kMaxPieces> parts;
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = std::min(pieces.size(), kMaxPieces);
+    for (std::size_t i = 0; i < message.msg_iovlen; ++i) {
+        parts[i] = {const_cast<std::byte*>(pieces[i].data()), pieces[i].size()};
+    }
+    for (;;) {
+        const ssize_t sent = ::sendmsg(socket, &message, MSG_NOSIGNAL);
+        if (sent >= 0) return {static_cast<std::size_t>(sent), 0};
+        if (errno != EINTR) return {0, lastSocketError()};
+    }
+}
+
 IoResult receiveSome(SocketHandle socket, std::span<std::byte> buffer) noexcept {
     for (;;) {
         const ssize_t received = ::recv(socket, buffer.data(), buffer.size(), 0);
@@ -246,6 +264,12 @@ std::optional<std::uint32_t> resolveHost(const std::string& name) {
     if (name.empty() || ::getaddrinfo(name.c_str(), nullptr, &hints, &raw) != 0) return {};
     const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> found(raw, ::freeaddrinfo);
     return addressOf(found->ai_addr);
+}
+
+std::optional<std::uint32_t> parseDottedAddress(const std::string& text) {
+    in_addr address{};
+    if (::inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;
+    return ntohl(address.s_addr);
 }
 
 std::string dottedAddress(std::uint32_t address) {

@@ -124,6 +124,10 @@ struct IoResult {
     int error = 0;
 };
 KVX_API IoResult sendSome(SocketHandle socket, std::span<const std::byte> bytes) noexcept;
+/// Sends several pieces as one, in their order; at most `kMaxPieces` of them.
+inline constexpr std::size_t kMaxPieces = 16;
+KVX_API IoResult sendPieces(SocketHandle socket,
+                            std::span<const std::span<const std::byte>> pieces) noexcept;
 KVX_API IoResult receiveSome(SocketHandle socket, std::span<std::byte> buffer) noexcept;
 /// Closes the sending direction; receiving goes on.
 KVX_API int shutdownSending(SocketHandle socket) noexcept;
@@ -154,6 +158,8 @@ KVX_API WaitResult waitSocket(SocketHandle socket, unsigned interest,
 
 /// The first IPv4 address of a host name, or of a dotted address. May block on the resolver.
 [[nodiscard]] KVX_API std::optional<std::uint32_t> resolveHost(const std::string& name);
+/// The address "a.b.c.d", four decimal numbers; nothing for any other text.
+[[nodiscard]] KVX_API std::optional<std::uint32_t> parseDottedAddress(const std::string& text);
 /// "a.b.c.d" of an address.
 [[nodiscard]] KVX_API std::string dottedAddress(std::uint32_t address);
 

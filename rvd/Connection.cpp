@@ -54,20 +54,9 @@ Connection* connectionOf(void* data) {
     return static_cast<Connection*>(data);
 }
 
-sockaddr_in peerName(const uv_tcp_t& tcp) {
-    sockaddr_in name{};
-    int length = sizeof name;
-    uv_tcp_getpeername(&tcp, reinterpret_cast<sockaddr*>(&name), &length);
-    return name;
-}
-
-// Whoever connects to its own host has one of its addresses.
-bool isOnOneHost(const uv_tcp_t& tcp) {
-    sockaddr_in own{};
-    int length = sizeof own;
-    uv_tcp_getsockname(&tcp, reinterpret_cast<sockaddr*>(&own), &length);
-    const std::uint32_t peer = ntohl(peerName(tcp).sin_addr.s_addr);
-    return peer >> 24U == kLoopbackNet || htonl(peer) == own.sin_addr.s_addr;
+// A client on this host is told the host's address, so that session names differ between hosts.
+PeerAddress reportedAddress(platform::Endpoint peer, bool isNear, std::uint32_t host) {
+    return {htonl(isNear ? host : peer.address), htons(peer.port)};
 }
 
 }  // namespace
@@ -78,7 +67,6 @@ Connection::Connection(const ConnectionContext& context, std::uint64_t number)
       number_(number),
       outbox_(context.queueLimit, *this, context.counters),
       acceptedAt_(now()) {
-    tcp_.data = this;
     write_.data = this;
     charge(Holding::Connection, kConnectionCost);
     context_.counters.add(Counter::ConnectionsOpen);
@@ -124,24 +112,25 @@ void Connection::outOfMemory() noexcept {
     }
 }
 
-bool Connection::accept(uv_stream_t* listener) {
-    uv_tcp_init(&context_.loop, &tcp_);
-    if (uv_accept(listener, stream()) != 0) return false;
+bool Connection::accept(StreamSocket& listener) {
+    if (!socket_.accept(context_.loop, listener, this)) return false;
     bool isStarted = false;
     guard([&] { isStarted = start(); });
     return isStarted;
 }
 
 bool Connection::start() {
-    uv_tcp_nodelay(&tcp_, 1);
-    const sockaddr_in name = peerName(tcp_);
-    isLocal_ = isOnOneHost(tcp_);
-    name_ = platform::dottedAddress(ntohl(name.sin_addr.s_addr)) + ':' +
-            std::to_string(ntohs(name.sin_port));
-    peer_ = std::make_unique<Peer>(peerAddress(), *this, context_.counters);
-    int descriptor = 0;
-    uv_fileno(reinterpret_cast<uv_handle_t*>(&tcp_), &descriptor);
-    context_.willWatch(descriptor);
+    name_ = socket_.peerName();
+    const auto peer = socket_.peerEndpoint();
+    const auto process = socket_.peerIdentity();
+    const bool isNear = process || peer.address >> 24U == kLoopbackNet;
+    isAllowed_ = process ? context_.admission.admitsUser(process->uid)
+                         : context_.admission.admitsAddress(peer.address);
+    mayAsk_ = isNear || peer.address == socket_.ownEndpoint().address ||
+              containAny(context_.statusFor, peer.address);
+    peer_ = std::make_unique<Peer>(reportedAddress(peer, isNear, context_.hostAddress), *this,
+                                   context_.counters);
+    context_.willWatch(socket_.descriptor());
     if (!startReading()) return false;
     context_.counters.add(Counter::ConnectionsAccepted);
     context_.log.debug(name_ + " connected");
@@ -149,16 +138,9 @@ bool Connection::start() {
     return true;
 }
 
-void Connection::refuse(uv_stream_t* listener) {
-    uv_tcp_init(&context_.loop, &tcp_);
-    (void)uv_accept(listener, stream());
+void Connection::refuse(StreamSocket& listener) {
+    (void)socket_.accept(context_.loop, listener, this);
     destroy();
-}
-
-PeerAddress Connection::peerAddress() const {
-    const sockaddr_in name = peerName(tcp_);
-    const bool local = ntohl(name.sin_addr.s_addr) >> 24U == kLoopbackNet;
-    return {local ? htonl(context_.hostAddress) : name.sin_addr.s_addr, name.sin_port};
 }
 
 bool Connection::startReading() {
@@ -467,7 +449,7 @@ void Connection::destroy() {
     enter(State::Closed);
     context_.line.leave(*this);
     context_.closed(*this);
-    uv_close(reinterpret_cast<uv_handle_t*>(&tcp_), [](uv_handle_t* handle) {
+    uv_close(socket_.handle(), [](uv_handle_t* handle) {
         Connection* connection = connectionOf(handle->data);
         connection->context_.gone(*connection);
     });
@@ -488,11 +470,8 @@ void Connection::send(wire::Bytes bytes) {
 }
 
 void Connection::close(CloseReason reason) {
-    if (reason == CloseReason::TimedOut) context_.counters.add(Counter::ConnectionsTimedOut);
-    if (reason != CloseReason::PeerClosed && reason != CloseReason::ShuttingDown &&
-        reason != CloseReason::TimedOut && reason != CloseReason::OutOfMemory) {
-        context_.counters.add(Counter::ConnectionsFailed);
-    }
+    if (const auto counter = counterOf(reason)) context_.counters.add(*counter);
+    if (reason == CloseReason::NotAllowed) context_.notAllowed(*this);
     if (reason == CloseReason::TooManyListens) {
         logEnd(textOf(reason));
         outbox_.announceEnd(LossCause::Listens);

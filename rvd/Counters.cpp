@@ -7,12 +7,13 @@ namespace kvx::rvd {
 namespace {
 
 constexpr std::array<CounterInfo, static_cast<std::size_t>(Counter::Count)> kTable = {{
-    {"connections.accepted", "connections", "TCP connections taken since the start"},
-    {"connections.open", "connections", "TCP connections open now"},
+    {"connections.accepted", "connections", "connections taken since the start"},
+    {"connections.open", "connections", "connections open now"},
     {"connections.failed", "connections", "closed because the peer broke the protocol"},
     {"connections.timed_out", "connections", "closed because the peer said nothing in time"},
     {"connections.refused", "connections",
      "turned away: no descriptors, and all others are in use"},
+    {"connections.not_allowed", "connections", "turned away because of -allow or -allow-user"},
     {"connections.evicted", "connections", "closed because they held most of a full memory"},
     {"sessions.open", "sessions", "connections that have announced a service and a network"},
     {"listens.open", "listens", "listens in force, each counted as often as it was made"},

@@ -15,6 +15,7 @@ enum class Counter : std::uint8_t {
     ConnectionsFailed,
     ConnectionsTimedOut,
     ConnectionsRefused,
+    ConnectionsNotAllowed,
     ConnectionsEvicted,
     SessionsOpen,
     ListensOpen,

@@ -25,8 +25,8 @@ struct SessionFacts {
     std::string name;          ///< as the session has said
     std::string address;       ///< of the peer
     std::uint64_t pid = 0;     ///< 0: the system does not tell
-    std::string user;
-    std::string program;
+    std::string user;          ///< its id
+    std::string program;       ///< the name of its file; empty when that may not be looked at
     std::string service;
     std::string network;
     platform::Milliseconds age = 0;

@@ -9,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/Process.h"
 #include "rvd/Connection.h"
 
 namespace kvx::rvd {
@@ -112,7 +113,7 @@ void Connection::refreshTold() {
 // One that does not read its answers is asked for no more: what it asks then is not answered.
 void Connection::ask(const Inquiry& inquiry) {
     if (session_ == nullptr) return;
-    auto report = isOfThisHost() ? context_.reports.answer(inquiry, *session_) : Reports::refusal();
+    auto report = mayAsk_ ? context_.reports.answer(inquiry, *session_) : Reports::refusal();
     if (!answers_) answers_ = std::make_unique<Answers>();
     if (report && answers_->add(inquiry, std::move(report))) context_.batch.add(*this);
 }
@@ -154,15 +155,16 @@ void Connection::route() {
     if (!isOver) routing_.reset();
 }
 
-bool Connection::isOfThisHost() const {
-    return isLocal_;
-}
-
 SessionFacts Connection::facts() const {
     SessionFacts facts;
     facts.number = number_;
     facts.name = sessionName_;
     facts.address = name_;
+    if (const auto process = peerIdentity()) {
+        facts.pid = process->pid;
+        facts.user = std::to_string(process->uid);
+        facts.program = platform::programName(process->pid).value_or("");
+    }
     facts.age = now() - acceptedAt_;
     facts.memory = held();
     facts.waiting = outbox_.waitingMessages();

@@ -3,7 +3,8 @@
 //   AwaitAnswer --12 bytes--> AwaitAgreement (version 4) or AwaitBlock (version 3)
 //   either      --64 bytes--> AwaitInit
 //   AwaitInit   --init------> Open      (an init that names no service or no network is answered
-//                                        with an error and changes nothing)
+//                                        with an error and changes nothing; one of a peer that may
+//                                        not be a session is, too, and leads to Closed)
 //   Open        --messages--> Open
 //   any         --failure, close notice, silence, shutdown--> Closed
 //
@@ -29,6 +30,21 @@ namespace kvx::rvd {
 
 using platform::Milliseconds;
 using wire::Bytes;
+
+std::optional<Counter> counterOf(CloseReason reason) {
+    switch (reason) {
+        case CloseReason::PeerClosed:
+        case CloseReason::OutOfMemory:
+        case CloseReason::ShuttingDown:
+            return std::nullopt;
+        case CloseReason::NotAllowed:
+            return Counter::ConnectionsNotAllowed;
+        case CloseReason::TimedOut:
+            return Counter::ConnectionsTimedOut;
+        default:
+            return Counter::ConnectionsFailed;
+    }
+}
 
 void Peer::close(CloseReason reason) {
     enter(PeerState::Closed);
@@ -168,11 +184,14 @@ void Peer::onFirstMessage(Bytes message) {
 bool Peer::onInit(Bytes message) {
     const wire::Init init = wire::readInit(message);
     const bool open = state_ == PeerState::Open;
+    if (!open && !actions_.mayJoin()) {
+        refuse(session_code::kNotPermitted);
+        close(CloseReason::NotAllowed);
+        return false;
+    }
     if (!init.service || !init.network) {
         if (!open) {
-            const std::int32_t error =
-                init.service ? session_code::kNetworkNotFound : session_code::kServiceNotFound;
-            actions_.send(wire::buildErrorReply(error).message.view());
+            refuse(init.service ? session_code::kNetworkNotFound : session_code::kServiceNotFound);
         }
         return false;
     }
@@ -187,6 +206,10 @@ bool Peer::onInit(Bytes message) {
         actions_.send(wire::buildReply(address_.ipAddress, address_.ipPort).message.view());
     }
     return true;
+}
+
+void Peer::refuse(std::int32_t error) {
+    actions_.send(wire::buildErrorReply(error).message.view());
 }
 
 void Peer::onData(Bytes encoded, const wire::Frame& frame) {

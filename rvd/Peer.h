@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -17,6 +18,10 @@
 
 namespace kvx::rvd {
 
+/// What counts connections that end for that reason; nothing for one that is no failure, or counted
+/// where it arises.
+[[nodiscard]] std::optional<Counter> counterOf(CloseReason reason);
+
 /// The actions that a peer's bytes request. The calls come in stream order; views are valid during
 /// the call.
 class PeerActions {
@@ -25,6 +30,8 @@ class PeerActions {
 
     /// Queues bytes of the link itself, in order with everything else.
     virtual void send(wire::Bytes bytes) = 0;
+    /// Whether the peer may be a session; else it is told so, and the connection closed.
+    virtual bool mayJoin() { return true; }
     /// Makes the peer a session of this space. Called at most once.
     virtual void join(std::string_view service, std::string_view network) = 0;
     /// The peer's session has said its name.
@@ -48,7 +55,7 @@ class PeerActions {
     virtual void close(CloseReason reason) = 0;
 };
 
-/// The client's TCP address as the daemon reports it, in network byte order.
+/// The client's address as the daemon reports it, in network byte order; port 0 at a unix socket.
 struct PeerAddress {
     std::uint32_t ipAddress = 0;
     std::uint16_t ipPort = 0;
@@ -106,6 +113,7 @@ class Peer {
     void onMessage(const wire::Frame& frame);
     void onFirstMessage(wire::Bytes message);
     bool onInit(wire::Bytes message);
+    void refuse(std::int32_t error);
     void onData(wire::Bytes encoded, const wire::Frame& frame);
     void onDaemonSubject(DaemonSubject subject, const wire::Frame& frame);
     void onLossReport(const wire::Frame& frame);

@@ -209,7 +209,7 @@ class Line {
         ratios_.push_back(measured / baseline);
     }
     void print() const {
-        std::printf("%-46s %12.1f %12.1f %8.2f  %s\n", name_.c_str(), median(baselines_),
+        std::printf("%-46s %12.1f %12.1f %8.2f  %s\n", name_.c_str(), quantile(baselines_),
                     quantile(figures_), quantile(ratios_), goal_.c_str());
     }
 
@@ -264,7 +264,7 @@ class Register {
     int phase_ = 0;
 };
 
-void measure(long rounds, int requests, std::size_t messages, const std::string& only) {
+void compare(long rounds, int requests, std::size_t messages, const std::string& only) {
     std::printf(
         "# %ld rounds, contestants in turn; payloads of %zu bytes; %d requests one at a time;\n"
         "# streams of %zu messages, nothing lost; clients are threads, all else processes, "
@@ -336,7 +336,7 @@ int main(int argc, char** argv) {
         } else if (what == "choice") {
             kvx::bench::measureChoice();
         } else {
-            kvx::bench::measure(argument(1, 7), static_cast<int>(argument(2, 3'000)),
+            kvx::bench::compare(argument(1, 7), static_cast<int>(argument(2, 3'000)),
                                 static_cast<std::size_t>(argument(3, 200'000)),
                                 argc > 4 ? argv[4] : "");
         }

@@ -1,6 +1,7 @@
 // Sessions of the client library on one event manager. For a stream they have the property that
-// batches outgoing messages; single messages are sent at once.
+// batches outgoing messages, and are flushed after 64 KiB; single messages are sent at once.
 
+#include <algorithm>
 #include <cstring>
 
 #include "bench/relay/Ends.h"
@@ -9,7 +10,7 @@
 namespace kvx::bench {
 namespace {
 
-constexpr std::size_t kSendsAFlush = 500;
+constexpr std::size_t kFlushedBytes = 64 * 1024;
 constexpr unsigned long kPatienceMs = 60'000;
 
 class LibraryEnds : public Ends {
@@ -34,9 +35,10 @@ class LibraryEnds : public Ends {
     void stream(std::size_t connection, std::uint32_t first, std::size_t count) override {
         batch(connection, true);
         Stamp stamp{sender(connection), first, 0};
+        const std::size_t some = std::max<std::size_t>(1, kFlushedBytes / setup().size);
         for (std::size_t sent = 1; sent <= count; ++sent, ++stamp.number) {
             publish(connection, stamp);
-            if (sent % kSendsAFlush == 0 || sent == count) flush(connection);
+            if (sent % some == 0 || sent == count) flush(connection);
         }
     }
 

@@ -44,6 +44,7 @@ enum class CloseReason : std::uint8_t {
     BadGreeting,    ///< first word not zero, or an unsupported version
     BadParameters,  ///< no agreement on the queue
     BadFrame,       ///< the byte stream is not a sequence of messages
+    NotAllowed,     ///< it may not be a session here
     NoInit,         ///< something other than an init message came first
     TooMuchAtOnce,  ///< too many bytes before the first init message
     TooManyListens,
@@ -52,7 +53,7 @@ enum class CloseReason : std::uint8_t {
     TimedOut,         ///< no init in time, or silence for too long
     ShuttingDown      ///< the daemon ends
 };
-inline constexpr std::uint8_t kCloseReasons = 11;
+inline constexpr std::uint8_t kCloseReasons = 12;
 
 [[nodiscard]] constexpr const char* textOf(CloseReason reason) {
     switch (reason) {
@@ -64,6 +65,8 @@ inline constexpr std::uint8_t kCloseReasons = 11;
             return "no agreement on the link's parameters";
         case CloseReason::BadFrame:
             return "not a stream of messages";
+        case CloseReason::NotAllowed:
+            return "not allowed by -allow or -allow-user";
         case CloseReason::NoInit:
             return "a message before the init message";
         case CloseReason::TooMuchAtOnce:

@@ -2,9 +2,12 @@
 //
 // A message in an empty queue is written at once (in batching mode at the next write event). All
 // others wait behind the block being written until the socket takes more, which a write event
-// reports, or a retry timer where that event cannot be registered.
+// reports, or a retry timer where that event cannot be registered. One send takes several segments,
+// up to the cap.
 
 #include <algorithm>
+#include <array>
+#include <span>
 #include <utility>
 
 #include "rv/error/rvCodes.h"
@@ -34,14 +37,17 @@ void dropWriteEvent(ipq_Queue queue) {
 
 // One send. True when the next one may be tried at once.
 bool sendChunk(ipq_Queue queue) {
-    const wire::Bytes rest = queue->writer.unwritten();
-    const wire::Bytes chunk = rest.first(std::min(rest.size(), queue->sendCap()));
-    const platform::IoResult sent = platform::sendSome(queue->socket.get(), std::as_bytes(chunk));
+    std::array<SegmentQueue::Piece, platform::kMaxPieces> pieces;
+    const std::size_t used = queue->writer.unwritten(pieces, queue->sendCap());
+    std::size_t offered = 0;
+    for (std::size_t i = 0; i < used; ++i) offered += pieces[i].size();
+    const platform::IoResult sent =
+        platform::sendPieces(queue->socket.get(), std::span(pieces).first(used));
     ++queue->statistics.writeAttempts;
     if (sent.error == 0) {
         queue->traffic = true;
         queue->statistics.bytesWritten += sent.bytes;
-        if (sent.bytes < chunk.size()) ++queue->statistics.shortWrites;
+        if (sent.bytes < offered) ++queue->statistics.shortWrites;
         queue->writer.written(sent.bytes);
         queue->state = IPQ_OK;
         return true;
@@ -51,7 +57,7 @@ bool sendChunk(ipq_Queue queue) {
         queue->state = IPQ_EMPTY;
         return false;
     }
-    if (sent.error == error::kNoBuffers && chunk.size() > kReducedSendCap) {
+    if (sent.error == error::kNoBuffers && offered > kReducedSendCap) {
         queue->buffersShort = true;
         return true;
     }

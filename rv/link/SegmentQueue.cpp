@@ -97,18 +97,29 @@ void SegmentQueue::forget(const Segment& segment) {
     waitingBytes_ -= segment.used;
 }
 
-wire::Bytes SegmentQueue::unwritten() const {
-    if (empty()) return {};
-    return {writing_.bytes.bytes.get() + offset_, writing_.used - offset_};
+std::size_t SegmentQueue::unwritten(std::span<Piece> pieces, std::size_t most) const {
+    std::size_t used = 0;
+    const auto add = [&](const Segment& segment, std::size_t offset) {
+        const wire::Bytes rest(segment.bytes.bytes.get() + offset, segment.used - offset);
+        pieces[used] = std::as_bytes(rest.first(std::min(rest.size(), most)));
+        most -= pieces[used++].size();
+    };
+    if (!empty()) add(writing_, offset_);
+    for (std::size_t i = 0; i < waiting_.size() && used < pieces.size() && most > 0; ++i) {
+        add(waiting_[i], 0);
+    }
+    return used;
 }
 
 void SegmentQueue::written(std::size_t count) {
+    while (count >= writing_.used - offset_ && !empty()) {
+        count -= writing_.used - offset_;
+        messagesWritten_ += writing_.messages;
+        waitingMessages_ -= writing_.messages;
+        waitingBytes_ -= writing_.used;
+        startNext();
+    }
     offset_ += count;
-    if (offset_ < writing_.used) return;
-    messagesWritten_ += writing_.messages;
-    waitingMessages_ -= writing_.messages;
-    waitingBytes_ -= writing_.used;
-    startNext();
 }
 
 void SegmentQueue::discardBlock() {

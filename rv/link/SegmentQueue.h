@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <span>
 
 #include "rv/wire/ControlMessage.h"
 #include "rv/wire/Negotiation.h"
@@ -21,6 +22,8 @@ enum class Added {
 /// Bytes in, bytes out; no socket.
 class SegmentQueue {
   public:
+    using Piece = std::span<const std::byte>;
+
     SegmentQueue(const wire::QueueLimits& limits, std::size_t segmentSize);
 
     /// Adds a whole message. `front` appends it to the block being written whatever the segment
@@ -30,10 +33,10 @@ class SegmentQueue {
     [[nodiscard]] Added addCopy(wire::Bytes message);
 
     [[nodiscard]] bool empty() const { return !writing_.bytes.bytes; }
-    /// The unwritten rest of the block being written.
-    [[nodiscard]] wire::Bytes unwritten() const;
-    /// Marks the first `count` bytes of `unwritten` as written. After a finished block the next
-    /// segment follows.
+    /// At most `most` bytes to write next: of the block being written, then of the segments behind
+    /// it. Returns how many of `pieces` they are in.
+    [[nodiscard]] std::size_t unwritten(std::span<Piece> pieces, std::size_t most) const;
+    /// Marks the next `count` bytes as written. After a finished block the next segment follows.
     void written(std::size_t count);
     /// Drops the block being written.
     void discardBlock();

@@ -26,7 +26,7 @@ using kvx::FieldCursor;
 using kvx::WireField;
 namespace code = kvx::message_code;
 
-/// The free space behind a message. Bytes that do not fit are not written.
+/// The free space behind a message. Who writes has checked that there is room.
 class FieldWriter {
   public:
     FieldWriter(std::uint8_t* at, std::size_t room) : start_(at), at_(at), end_(at + room) {}
@@ -34,22 +34,18 @@ class FieldWriter {
     std::size_t room() const { return static_cast<std::size_t>(end_ - at_); }
     std::uint32_t written() const { return static_cast<std::uint32_t>(at_ - start_); }
 
-    void put8(std::uint32_t value) {
-        if (at_ != end_) *at_++ = static_cast<std::uint8_t>(value);
-    }
-    void put16(std::uint16_t value) { putBig(__builtin_bswap16(value)); }
-    void put32(std::uint32_t value) { putBig(__builtin_bswap32(value)); }
-    void put64(std::uint64_t value) { putBig(__builtin_bswap64(value)); }
+    void put8(std::uint32_t value) { *at_++ = static_cast<std::uint8_t>(value); }
+    void put16(std::uint16_t value) { putSwapped(__builtin_bswap16(value)); }
+    void put32(std::uint32_t value) { putSwapped(__builtin_bswap32(value)); }
+    void put64(std::uint64_t value) { putSwapped(__builtin_bswap64(value)); }
     void put(const void* bytes, std::size_t count) {
-        if (count > room()) return;
         kvx::copyShort(at_, bytes, count);
         at_ += count;
     }
 
   private:
     template <class Value>
-    void putBig(Value swapped) {
-        if (sizeof swapped > room()) return;
+    void putSwapped(Value swapped) {
         std::memcpy(at_, &swapped, sizeof swapped);
         at_ += sizeof swapped;
     }
@@ -66,7 +62,7 @@ Value load(const void* data) {
     return value;
 }
 
-// True when `size` + 1 is less than the room.
+// True when `size` + 1 is less than the room. All checks below ask for at least what is written.
 bool fits(const FieldWriter& out, std::uint64_t size) {
     return size + 1 < out.room();
 }
@@ -250,6 +246,14 @@ void raiseLengths(std::uint8_t* message, const std::uint8_t* innermost, std::uin
     }
 }
 
+// Moves the last field, which was encoded behind `message`, to the end of `innermost` in it.
+void moveInto(std::uint8_t* message, std::uint8_t* innermost, std::uint32_t length) {
+    std::uint8_t* const place = innermost + kvx::loadBig32(innermost);
+    std::uint8_t* const end = message + kvx::loadBig32(message);
+    raiseLengths(message, innermost, length);
+    std::rotate(place, end, end + length);
+}
+
 // The offset of the end of `text` in the buffer; 0 when it lies elsewhere.
 std::size_t endInside(const void* buffer, rvmsg_Size capacity, const char* text) {
     const auto offset = kvx::offsetIn(buffer, capacity, text);
@@ -290,10 +294,11 @@ int rvmsg_Append(void* buffer, rvmsg_Size capacity, const char* name, rvmsg_Type
     }
     const int result = putField(out, name, shape.characters, type, size, data);
     if (result != code::kOk) return result;
-    std::uint8_t* const place = innermost + kvx::loadBig32(innermost);
-    std::uint8_t* const end = bytes + length;
-    raiseLengths(bytes, innermost, out.written());
-    std::rotate(place, end, end + out.written());
+    if (innermost == bytes) {
+        kvx::storeBig32(bytes, length + out.written());
+    } else {
+        moveInto(bytes, innermost, out.written());
+    }
     return code::kOk;
 }
 

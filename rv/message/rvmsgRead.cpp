@@ -38,12 +38,11 @@ int find(const void* message, const char* name, WireField& field) {
     if (message == nullptr) return code::kInvalidArgument;
     if (name == nullptr) return code::kInvalidName;
     for (;;) {
-        const char* const stop = std::strchr(name, '.');
-        const std::size_t element =
-            stop == nullptr ? std::strlen(name) : static_cast<std::size_t>(stop - name);
+        std::size_t element = 0;
+        while (name[element] != 0 && name[element] != '.') ++element;
         if (element == 0 || element > kvx::kMaxLookupCharacters) return code::kInvalidName;
         const int result = findHere(message, {name, element}, field);
-        if (result != code::kOk || stop == nullptr) return result;
+        if (result != code::kOk || name[element] == 0) return result;
         if (field.type != RVMSG_MSG) return code::kNotFound;
         message = field.data;
         name += element + 1;

@@ -37,8 +37,9 @@ class Delivery {
             const ListenRecord* record = session_.listens.find(id);
             if (record == nullptr || !record->callable) continue;
             if (!std::exchange(isPrepared, true)) {
+                const bool isHooked = !session_.hooks.empty(RV_HOOK_DELIVER);
                 if (!prepare()) break;
-                record = session_.listens.find(id);  // a hook may have cancelled it
+                if (isHooked) record = session_.listens.find(id);  // a hook may have cancelled it
             }
             if (session_.isClosed()) break;
             if (record != nullptr) callBack(*record);

@@ -13,6 +13,7 @@ class HookLists {
   public:
     void add(rv_HookList list, rv_Hook hook, void* closure);
     [[nodiscard]] bool remove(rv_HookList list, rv_Hook hook, void* closure);
+    [[nodiscard]] bool empty(rv_HookList list) const { return lists_[list].entries.empty(); }
     /// Calls the hooks in order until one returns nonzero, which is returned. Lists 3 to 6 run to
     /// their end and return 0.
     int run(rv_HookList list, rv_Session session, const void* message);

@@ -116,9 +116,11 @@ TEST_F(Asking, IsToldOfEverySessionOnceInNumberedParts) {
     int isMet = 0;
     for (const auto& session : Asker::rows(parts, "session")) {
         EXPECT_TRUE(numbers.insert(numberIn(session, "number")).second);
-        if (textIn(session, "name") != "RAW." + std::to_string(others[7].localPort())) continue;
+        if (textIn(session, "address") != "127.0.0.1:" + std::to_string(others[7].localPort())) {
+            continue;
+        }
         ++isMet;
-        EXPECT_EQ(textIn(session, "address"), "127.0.0.1:" + std::to_string(others[7].localPort()));
+        EXPECT_TRUE(textIn(session, "name").starts_with("RAW."));
         EXPECT_EQ(numberIn(session, "listens"), 1U);
         EXPECT_EQ(numberIn(session, "published"), 2U) << "the marker is one";
         EXPECT_EQ(numberIn(session, "delivered"), 1U);

@@ -43,6 +43,20 @@ TEST_F(ToolTest, TakesOptionsOverTheConfigurationFile) {
     EXPECT_EQ(listener->output(), "X - { from=\"there\"}\n");
 }
 
+TEST_F(ToolTest, ReachesADaemonAtAUnixSocketAndSaysWhenItIsNotAllowed) {
+    bus_.file("etc/Calvorine.rvd.cfg",
+              "rendezvous session = { \"daemon\" = \"" + bus_.unixText() + "\" };\n");
+    const Daemon other({"-allow", "10.0.0.0/8"});
+    const Ended bench = bus_.kvx({"bench", "--messages", "100", "--requests", "10"});
+    EXPECT_EQ(bench.status, 0) << bench.errors;
+    const Ended refused = bus_.kvx({"send", "X", "a=b", "--daemon", other.text()});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.errors.find("kvx: no session with the bus daemon at " + other.text() +
+                                  ": the daemon does not allow this user or this network address"),
+              std::string::npos)
+        << refused.errors;
+}
+
 TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {
     const auto watch = bus_.start("kvx", {"services", "--watch", "--json"});
     const auto table = bus_.start("kvx", {"services", "--watch"});

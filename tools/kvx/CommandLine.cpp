@@ -12,6 +12,7 @@
 
 #include "platform/File.h"
 #include "platform/Text.h"
+#include "rv/wire/DaemonText.h"
 #include "tools/bus/BusOptions.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
@@ -141,7 +142,9 @@ class CommandLine {
   private:
     void addConnection() {
         const auto plain = CLI::Validator(bus::problemWithPart, "");
-        app_.add_option("--daemon", connection_.daemon, "daemon, as tcp:[host:]port")->check(plain);
+        app_.add_option("--daemon", connection_.daemon,
+                        std::string("daemon, as ") + wire::kDaemonForms)
+            ->check(plain);
         app_.add_option("--service", connection_.service, "bus service")->check(plain);
         app_.add_option("--network", connection_.network, "bus network")->check(plain);
         app_.add_option("--domain", connection_.domain, "domain that subjects are qualified with")

@@ -52,9 +52,8 @@ constexpr Reason kSession[] = {
      "message lacks the client's address. rvd sends it only for an init message without a network.",
      "Check with 'kvx doctor' that rvd is what listens at the address."},
     {session_code::kDaemonNotFound,
-     "rv_CreateSession: the daemon's address is not of the form tcp:[host:]port, or its host has "
-     "no "
-     "address.",
+     "rv_CreateSession: the daemon's address is none (tcp:[host:]port or unix:/path), or its host "
+     "has no address.",
      "Correct 'daemon' in $KVX_HOME/etc/Calvorine.rvd.cfg or the option --daemon, or the host's "
      "name in the resolver."},
     {session_code::kNoMemory,
@@ -81,7 +80,9 @@ constexpr Reason kSession[] = {
     {session_code::kNoHostName, kNeverSent, kAskDaemon},
     {session_code::kNoHostAddress, kNeverSent, kAskDaemon},
     {session_code::kHostAddressUnknown, kNeverSent, kAskDaemon},
-    {session_code::kNotPermitted, kNeverSent, kAskDaemon},
+    {session_code::kNotPermitted,
+     "The daemon allows certain networks or users only, and this process has none of them.",
+     "Add its network or user to -allow or -allow-user of rvd."},
 };
 static_assert(explains(kSession, kSessionTexts));
 

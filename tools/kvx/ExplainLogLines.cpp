@@ -21,12 +21,17 @@ constexpr LogLine kDaemonLines[] = {
      "A session reads too slowly; its oldest messages are dropped, and it is told.",
      "Look at that process; 'kvx explain slow reader'."},
     {"keeps up again", "The session has taken what waited.", "Nothing."},
+    {"is turned away",
+     "A client's network or user is not allowed (-allow, -allow-user). At most one such line a "
+     "minute; connections.not_allowed counts all.",
+     "Find out who connects; add it to -allow or -allow-user if it should."},
     {"cannot accept", "A connection could not be accepted.", kSystemLimits},
     {"connections for which there are descriptors are in use",
      "rvd has no descriptor left: the oldest connection without a session makes room, else "
      "newcomers are turned away (connections.refused).",
      "Raise the hard limit of descriptors (LimitNOFILE of the unit), or find who opens so many."},
-    {"cannot listen on", "The port is taken, or the address is not one of this host's.",
+    {"cannot listen on",
+     "The port or the path of a unix socket is taken, or the address is not one of this host's.",
      "See 'ss -ltnp'; choose another -listen. 'kvx doctor' says whether an rvd is there already."},
     {"lines were left out", "More than 100 lines in one second; the rest was not written.",
      "Look at the lines before: some client causes them."},

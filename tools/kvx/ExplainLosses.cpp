@@ -27,6 +27,10 @@ constexpr ExplainedAdvisory kAdvisories[] = {
       "seconds, and announces its listens again; what others send meanwhile is missing.",
       "Look at the daemon's log, which says why it closed the session, if it did; 'kvx doctor'."},
      advisory::kDisconnectedSubject},
+    {{"A daemon that was started again does not allow this process's user or network address "
+      "(error 27). It comes once; the session asks again every 15 seconds.",
+      "Add the user or network to -allow-user or -allow of rvd, or end the process."},
+     advisory::kRefusedSubject},
     {{"A timer of the session fired more than 5,000 ms late (\"fireoffset\"): a callback kept the "
       "loop busy, or the process stood still.",
       "Move long work out of the callbacks, to a thread pool; look at the machine's load."},
@@ -97,6 +101,11 @@ constexpr Explained explanationFor(CloseReason reason) {
         case CloseReason::BadFrame:
             return {"rvd's log: what a client sends cannot be cut into messages.",
                     "Look at that client: it is none of this system, or damages memory."};
+        case CloseReason::NotAllowed:
+            return {
+                "rvd's log: rvd allows certain networks or users only, and the client is none of "
+                "them; it gets error 27.",
+                "Find out who connects; add it to -allow or -allow-user if it should."};
         case CloseReason::NoInit:
             return {"rvd's log: a client's first message was not its introduction.",
                     "Use clients of this system."};

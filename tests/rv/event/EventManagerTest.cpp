@@ -265,6 +265,19 @@ TEST_F(IoEvent, MadeReadyIsCalledOnceInTheNextStepWithoutAWait) {
     EXPECT_EQ(loopFor(500), "");  // what is left over dies with its entry
 }
 
+TEST_F(IoEvent, WhoIsMadeReadyAgainAndAgainStarvesNobody) {
+    const SocketPair other;
+    int calls = 0;
+    rvevm_Id busy = nullptr;
+    busy = addIo(pair.near.get(), RVEVM_READ, "b", [&] {
+        if (++calls == 3) other.farSends("x");
+        EXPECT_EQ(event::makeReady(manager, busy), 0);
+    });
+    addIo(other.near.get(), RVEVM_READ, "o", [&] { stop(); });
+    EXPECT_EQ(event::makeReady(manager, busy), 0);
+    EXPECT_LT(loop().size(), 3U + 8U + 2U);
+}
+
 TEST_F(IoEvent, MadeReadyStaysSoWhenTheLoopStopsBeforeItsTurn) {
     const SocketPair silent;
     pair.farSends("x");

@@ -12,6 +12,7 @@ using kvx::wire::QueueLimits;
 // A queue of messages that are known by one character.
 struct Queue : kvx::link::SegmentQueue {
     using SegmentQueue::SegmentQueue;
+    bool copies = false;  // what is put at the end
 
     Added put(char mark, std::size_t length = 20, bool front = false) {
         kvx::wire::OwnedMessage made;
@@ -19,16 +20,31 @@ struct Queue : kvx::link::SegmentQueue {
         made.capacity = static_cast<std::uint32_t>(length);
         std::memset(made.bytes.get(), mark, length);
         kvx::storeBig32(made.bytes.get(), made.capacity);
+        if (copies && !front) return addCopy(made.view());
         return add(std::move(made), front);
     }
     void putAll(const std::string& marks, Added expected = Added::Kept) {
         for (const char mark : marks) EXPECT_EQ(put(mark), expected) << mark;
     }
+    // What is written next: of the block being written, and in all.
+    kvx::wire::Bytes block() const {
+        std::array<Piece, 1> piece;
+        EXPECT_EQ(unwritten(piece, 100'000), 1U);
+        return {reinterpret_cast<const std::uint8_t*>(piece[0].data()), piece[0].size()};
+    }
+    std::string next(std::size_t most) const {
+        std::array<Piece, 16> pieces;
+        std::string bytes;
+        const std::size_t used = unwritten(pieces, most);
+        for (std::size_t i = 0; i < used; ++i)
+            bytes.append(reinterpret_cast<const char*>(pieces[i].data()), pieces[i].size());
+        return bytes;
+    }
     // Everything that waits, block by block.
     std::string drain() {
         std::string marks;
         while (!empty()) {
-            const auto block = unwritten();
+            const auto block = this->block();
             for (std::size_t at = 0; at < block.size(); at += kvx::loadBig32(block.data() + at))
                 marks += static_cast<char>(block[at + 4]);
             marks += '|';
@@ -38,8 +54,9 @@ struct Queue : kvx::link::SegmentQueue {
     }
 };
 
-TEST(SegmentQueue, PacksSmallMessagesAndKeepsTheirOrder) {
+void packsSmallMessagesAndKeepsTheirOrder(bool copies) {
     Queue queue({}, 50);
+    queue.copies = copies;
     queue.putAll("abcde");
     EXPECT_EQ(queue.put('L', 300), Added::Kept);
     queue.putAll("f");
@@ -54,9 +71,33 @@ TEST(SegmentQueue, PacksSmallMessagesAndKeepsTheirOrder) {
     queue.putAll("a");
     queue.written(7);
     queue.putAll("b");
-    EXPECT_EQ(queue.unwritten().size(), 33U);
-    EXPECT_EQ(queue.unwritten()[0], 'a');
-    EXPECT_EQ(queue.unwritten()[13 + 4], 'b');
+    EXPECT_EQ(queue.block().size(), 33U);
+    EXPECT_EQ(queue.block()[0], 'a');
+    EXPECT_EQ(queue.block()[13 + 4], 'b');
+}
+
+TEST(SegmentQueue, PacksSmallMessagesAndKeepsTheirOrder) {
+    packsSmallMessagesAndKeepsTheirOrder(false);
+    packsSmallMessagesAndKeepsTheirOrder(true);
+}
+
+// Wherever a send ends, the next one begins there.
+TEST(SegmentQueue, OneSendTakesSeveralSegments) {
+    for (std::size_t taken = 1; taken <= 90; ++taken) {
+        Queue queue({}, 50);
+        queue.putAll("abcdef");
+        const std::string all = queue.next(1'000);
+        ASSERT_EQ(all.size(), 120U);
+        std::string sent;
+        for (std::string some; !(some = queue.next(90)).empty();) {
+            some.resize(std::min(some.size(), taken));
+            queue.written(some.size());
+            sent += some;
+        }
+        ASSERT_EQ(sent, all) << taken << " bytes at a time";
+        EXPECT_EQ(queue.messagesWritten(), 6U);
+        EXPECT_EQ(queue.waitingBytes(), 0U);
+    }
 }
 
 TEST(SegmentQueue, RefusesWhatWouldExceedTheByteLimit) {

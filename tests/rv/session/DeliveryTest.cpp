@@ -43,6 +43,26 @@ TEST_F(Delivery, InboxAndReservedSubjectsHaveTheirOwnRules) {
     EXPECT_EQ(covered.texts(), Texts{"pattern"});
 }
 
+TEST_F(Delivery, WhomASubjectReachesFollowsEveryListenAndCancel) {
+    std::string order;
+    Listening first, second, third;
+    first.onHeard = [&](const Heard& heard) {
+        order += "1" + heard.text;
+        if (heard.text == "b") listen(second, "A.*");           // hears the next one
+        if (heard.text == "d") rv_Cancel(session_, second.id);  // hears no more
+    };
+    second.onHeard = [&](const Heard& heard) { order += "2" + heard.text; };
+    third.onHeard = [&](const Heard& heard) { order += "3" + heard.text; };
+    listen(first, "A.B");
+    for (const char* text : {"a", "b", "c"}) deliver("A.B", text);
+    deliver("A.C", "other");
+    listen(third, ">");
+    for (const char* text : {"c", "d", "e"}) deliver("A.B", text);
+    EXPECT_EQ(rv_Cancel(session_, first.id), 0);
+    deliver("A.B", "f");
+    EXPECT_EQ(order, "1a1b1c2c2other1c2c3c1d3d1e3e3f");
+}
+
 TEST_F(Delivery, SubjectsAreCheckedBeforeAnythingIsDelivered) {
     EXPECT_EQ(rv_Deliver(session_, nullptr, nullptr, RVMSG_NONE, 0, nullptr), 3);
     EXPECT_EQ(deliver("A..B", "x"), 21);

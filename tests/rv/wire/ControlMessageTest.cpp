@@ -146,6 +146,49 @@ TEST(Routing, IsReadInAnyFieldOrderAndSurvivesEveryCut) {
     EXPECT_EQ(test::headline(test::bytesOf(textSubject)), "D");
 }
 
+// Checked and read at once, a message is what the message functions make of it, whatever one byte
+// of it becomes.
+TEST(Envelope, AgreesWithTheCheckAndTheLookUps) {
+    const Stream encoded = test::encodedSubject("A.B");
+    const Built inner = buildData(encoded, nullptr, 0, {});
+    RvMsg odd;
+    odd.append("data", "early");
+    odd.append("data", "late");
+    odd.append("sub", RVMSG_SUBJECT, 0, encoded.data());
+    const Stream wholes[] = {
+        test::bytesOf(odd), test::bytesOf(buildData(encoded, "_INBOX.x", 53, {})),
+        test::bytesOf(buildData(encoded, "R", 1, {RVMSG_MSG, 0, inner.message.bytes.get()}))};
+    std::size_t valid = 0;
+    const auto agrees = [&](const Stream& message) {
+        Envelope envelope;
+        const int code = openEnvelope(message, envelope);
+        ASSERT_EQ(code, rvmsg_Validate(message.data(), message.size()));
+        if (code != 0) return;
+        ++valid;
+        const void* data = nullptr;
+        rvmsg_GetRaw(message.data(), "data", nullptr, nullptr, &data);
+        const Bytes subject = readRouting(message).subject;
+        const Envelope unchecked = readEnvelope(message);
+        for (const Envelope& read : {envelope, unchecked}) {
+            EXPECT_EQ(read.data.readableData(), data);
+            EXPECT_EQ(read.subject.data(), subject.data());
+            EXPECT_EQ(read.subject.size(), subject.size());
+        }
+        EXPECT_EQ(envelope.replyText(), unchecked.replyText());
+    };
+    for (const Stream& whole : wholes) {
+        agrees(whole);
+        for (std::size_t at = 0; at < whole.size(); ++at) {
+            for (const unsigned flip : {1U, 4U, 0x20U, 0x80U, 0xFFU}) {
+                Stream changed = whole;
+                changed[at] = static_cast<std::uint8_t>(changed[at] ^ flip);
+                agrees(changed);
+            }
+        }
+    }
+    EXPECT_GT(valid, std::size(wholes));
+}
+
 // A nested message holds at least its header; what stands behind a shorter one is not read.
 TEST(Routing, EndsAtANestedMessageWithoutAHeader) {
     for (const std::uint8_t length : {0, 4, 7, 8}) {
