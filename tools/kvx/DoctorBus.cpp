@@ -36,15 +36,15 @@ class Look {
           client_(openedBy(examination)),
           hosts_(*client_,
                  [this](HostsQuestion::Outcome outcome, const Json& hosts) {
-                     if (outcome == HostsQuestion::Outcome::Hosts) found_.hosts = hosts;
-                     if (outcome == HostsQuestion::Outcome::Unreadable) found_.hosts = Json();
+                     if (outcome == HostsQuestion::Outcome::Hosts) found_->hosts = hosts;
+                     if (outcome == HostsQuestion::Outcome::Unreadable) found_->hosts = false;
                      awaitsHosts_ = false;
                      leaveWhenDone();
                  }),
           status_(client_->net(), bus::kStatusSubject,
                   [this](const Json& answer, const std::string& error) {
-                      found_.status = answer;
-                      found_.noStatus = error;
+                      found_->status = answer;
+                      found_->noStatus = error;
                       awaitsStatus_ = false;
                       leaveWhenDone();
                   }) {}
@@ -53,9 +53,9 @@ class Look {
     [[nodiscard]] std::string sessionName() { return rv_SessionName(client_->session().handle()); }
     [[nodiscard]] std::uint64_t lost() const { return client_->lostMessages(); }
 
-    /// Nothing when the daemon was lost.
-    std::optional<Examination::Bus> take() {
-        if (!listener_.listen(client_->net())) return std::nullopt;
+    /// Null when the daemon was lost. Once.
+    std::unique_ptr<Examination::Bus> take() {
+        if (!listener_.listen(client_->net())) return nullptr;
         AnswerProbe probe(client_->net());
         std::unique_ptr<bus::Ticker> end;
         std::optional<bus::Progress> progress;
@@ -75,9 +75,9 @@ class Look {
         });
         progress.reset();
         asked_ = nullptr;
-        if (status != kSuccess) return std::nullopt;
-        found_.services = table_.services();
-        found_.answers = probe.answers();
+        if (status != kSuccess) return nullptr;
+        found_->services = table_.services();
+        found_->answers = probe.answers();
         return std::move(found_);
     }
 
@@ -104,7 +104,7 @@ class Look {
     }
 
     Examination& examination_;
-    Examination::Bus found_;
+    std::unique_ptr<Examination::Bus> found_ = std::make_unique<Examination::Bus>();
     std::unique_ptr<bus::Client> client_;  // never null
     HostsQuestion hosts_;
     bus::DaemonQuestion status_;
@@ -278,12 +278,14 @@ void checkServices(Examination& examination) {
 void checkBridges(Examination& examination) {
     if (!examination.bus) return;
     const auto& hosts = examination.bus->hosts;
-    if (!hosts) return examination.ok("none serves this daemon; one host needs none");
+    if (hosts.is_null()) {
+        return examination.ok("none serves this daemon; one host needs none");
+    }
     try {
         std::vector<std::string> names;
-        for (const auto& host : *hosts) names.push_back(host.value("host", ""));
+        for (const auto& host : hosts) names.push_back(host.value("host", ""));
         examination.ok(fmt::format("the bridge answers; hosts: {}", fmt::join(names, ", ")));
-        for (const auto& host : *hosts) reportHost(examination, host);
+        for (const auto& host : hosts) reportHost(examination, host);
     } catch (const Json::exception&) {
         examination.warn("the bridge's answer cannot be read",
                          "install rvbridge and kvx of one version");

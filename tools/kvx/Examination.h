@@ -1,10 +1,9 @@
 #pragma once
 
 #include <condition_variable>
-#include <functional>
+#include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,12 +37,14 @@ class Examination {
     struct Bus {
         std::vector<beats::Service> services;
         std::vector<Answer> answers;
-        nlohmann::ordered_json status;                ///< what the daemon says of itself
-        std::string noStatus;                         ///< else why there is none
-        std::optional<nlohmann::ordered_json> hosts;  ///< nothing without a bridge
+        /// What the daemon says of itself, or in `noStatus` why there is none.
+        nlohmann::ordered_json status = nlohmann::ordered_json::object();
+        std::string noStatus;
+        /// What the bridge says; null without one.
+        nlohmann::ordered_json hosts;
     };
 
-    explicit Examination(const DoctorOptions& options);
+    explicit Examination(const DoctorOptions& given);
     ~Examination();
     Examination(const Examination&) = delete;
     Examination& operator=(const Examination&) = delete;
@@ -68,7 +69,7 @@ class Examination {
     DaemonAddress address;  ///< by the options, the file and the defaults
     std::string agentPort;  ///< of the file; empty when it has none
     bool daemonAnswers = false;
-    std::optional<Bus> bus;
+    std::unique_ptr<Bus> bus;  ///< null when there was no session
 
   private:
     void tell(Finding finding);
