@@ -1,9 +1,5 @@
 // kvx top: asks the daemon once a second, and draws on the terminal or prints JSON.
 
-#include <curses.h>
-#include <unistd.h>
-
-#include <clocale>
 #include <memory>
 #include <optional>
 
@@ -12,85 +8,11 @@
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
 #include "tools/kvx/DaemonAnswers.h"
-#include "tools/kvx/TopView.h"
+#include "tools/kvx/TopScreen.h"
 
 namespace kvx::tool {
 
 namespace {
-
-/// The terminal, from construction to destruction.
-class Screen {
-  public:
-    Screen() {
-        std::setlocale(LC_CTYPE, "");
-        initscr();
-        cbreak();
-        noecho();
-        nonl();
-        keypad(stdscr, TRUE);
-        nodelay(stdscr, TRUE);
-        set_escdelay(50);
-        curs_set(0);
-        if (has_colors()) {
-            start_color();
-            use_default_colors();
-            init_pair(1, COLOR_RED, -1);
-        }
-    }
-    ~Screen() { endwin(); }
-    Screen(const Screen&) = delete;
-    Screen& operator=(const Screen&) = delete;
-
-    void show(TopView& view, const TopView::Answers& answers) {
-        erase();
-        const auto lines =
-            view.draw(answers, static_cast<std::size_t>(COLS), static_cast<std::size_t>(LINES));
-        int row = 0;
-        for (const auto& line : lines) {
-            const auto look = lookOf(line.look);
-            attron(look);
-            mvaddstr(row++, 0, line.text.c_str());
-            attroff(look);
-        }
-        refresh();
-    }
-
-    /// The next key that was pressed, as the view knows it; nothing when there is none.
-    static std::optional<int> key() {
-        const int code = getch();
-        switch (code) {
-            case ERR:
-                return std::nullopt;
-            case KEY_UP:
-                return TopView::Up;
-            case KEY_DOWN:
-                return TopView::Down;
-            case KEY_PPAGE:
-                return TopView::PageUp;
-            case KEY_NPAGE:
-                return TopView::PageDown;
-            case KEY_ENTER:
-            case '\r':
-            case '\n':
-                return TopView::Enter;
-            case KEY_BACKSPACE:
-            case 127:
-            case '\b':
-                return TopView::Backspace;
-            case 27:
-                return TopView::Escape;
-            default:
-                return code;  // a resized terminal is a key of no meaning
-        }
-    }
-
-  private:
-    static int lookOf(TopView::Line::Look look) {
-        if (look == TopView::Line::Look::Heading) return static_cast<int>(A_REVERSE);
-        if (look != TopView::Line::Look::Alarm) return static_cast<int>(A_NORMAL);
-        return static_cast<int>(has_colors() ? COLOR_PAIR(1) : A_BOLD);
-    }
-};
 
 class Top {
   public:
@@ -150,7 +72,7 @@ class Top {
     }
     void press() {
         bool hasPressed = false;
-        while (const auto key = Screen::key()) {
+        while (const auto key = TopScreen::key()) {
             if (view_.press(*key)) return client_.leave(kSuccess);
             hasPressed = true;
         }
@@ -170,7 +92,7 @@ class Top {
     std::string error_;
     std::optional<bus::Ticker> ticker_;
     std::optional<bus::Ticker> keys_;
-    std::optional<Screen> screen_;
+    std::optional<TopScreen> screen_;
 };
 
 }  // namespace

@@ -209,7 +209,7 @@ std::vector<TopView::Line> TopView::draw(const Answers& answers, std::size_t wid
         lines.push_back({line([&](const Column& column) { return column.text(all[i]); }),
                          all[i].contains("behind_ms") ? Line::Look::Alarm : Line::Look::Plain});
     }
-    if (lines.size() >= rows && rows > 0) lines.resize(rows - 1);
+    lines.resize(std::min(lines.size(), rows > 0 ? rows - 1 : 0));
     lines.push_back({cut(footer(end - std::min(scroll_, end), all.size()), width)});
     return lines;
 }

@@ -1,0 +1,115 @@
+// What people see of the daemon: status, sessions, subjects, trace, why-slow and top.
+
+#include <nlohmann/json.hpp>
+
+#include "tests/system/Installation.h"
+#include "tools/kvx/TopView.h"
+
+namespace kvx::tool {
+namespace {
+
+using test::ChildProcess;
+using test::Ended;
+using test::Installation;
+
+bool holds(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+class DaemonCommands : public ::testing::Test {
+  protected:
+    std::string kvx(const std::string& line) {
+        const Ended ended = bus_.shell("kvx " + line);
+        EXPECT_EQ(ended.status, 0) << line << ended.errors;
+        return ended.output;
+    }
+    std::string kvxUntil(const std::string& line, const std::string& part) {
+        std::string output;
+        EXPECT_TRUE(test::eventually([&] { return holds(output = kvx(line), part); })) << output;
+        return output;
+    }
+
+    Installation bus_;
+};
+
+TEST_F(DaemonCommands, ShowWhoListensWhatFlowsAndHowTheDaemonIs) {
+    const auto listener = bus_.start("kvx", {"listen", "NEWS.>", "NEWS.ROME"});
+    kvxUntil("trace NEWS.ROME", "NEWS.ROME  ");
+    EXPECT_TRUE(holds(kvx("trace NEWS.ROME"), "NEWS.>"));
+    EXPECT_TRUE(holds(kvx("trace NEWS"), "nobody would get a message on NEWS"));
+    kvx("send NEWS.ROME headline=rain degrees:i32=12 --repeat 3");
+    const std::string flows = kvx("subjects 'NEWS.>' --shapes");
+    EXPECT_TRUE(holds(flows, "3 x {headline:string degrees:i32}")) << flows;
+    EXPECT_TRUE(holds(kvx("subjects --tree"), "NEWS.ROME"));
+    EXPECT_TRUE(holds(kvx("sessions"), "2 sessions"));
+    const auto status = nlohmann::json::parse(kvx("status --json"));
+    EXPECT_EQ(status["pid"], bus_.daemon().pid());
+    EXPECT_TRUE(holds(kvx("status"), "process " + std::to_string(bus_.daemon().pid())));
+    EXPECT_TRUE(holds(kvx("why-slow"), "nobody is slow"));
+    EXPECT_EQ(bus_.shell("kvx trace A..B").status, 2);
+}
+
+TEST_F(DaemonCommands, NameWhoHoldsUpMessages) {
+    const auto listener = bus_.start("kvx", {"listen", "NEWS"});
+    kvxUntil("trace NEWS", "LISTEN");
+    listener->kill(SIGSTOP);
+    const std::string blob = bus_.file("blob", std::string(1'000'000, 'x'));
+    kvx("send NEWS - --repeat 100 < " + blob);
+    const std::string said = kvxUntil("why-slow NEWS", "what to do  it reads nothing");
+    EXPECT_TRUE(holds(said, "queue full, the last")) << said;
+    EXPECT_TRUE(holds(said, "does not keep up since")) << said;
+    EXPECT_TRUE(holds(kvx("why-slow OTHER"), "nobody listens to OTHER"));
+    EXPECT_TRUE(holds(kvx("sessions"), "1 behind"));
+    listener->kill(SIGCONT);
+}
+
+TEST_F(DaemonCommands, TopDrawsOnATerminalAndPrintsObjects) {
+    const Ended piped = bus_.shell("kvx top");
+    EXPECT_EQ(piped.status, 2);
+    const auto update = nlohmann::json::parse(kvx("top --json --count 1"));
+    EXPECT_EQ(update["sessions"].size(), 1U);
+    EXPECT_EQ(update["status"]["pid"], bus_.daemon().pid());
+    // The keys come once the screen is there.
+    const std::string drawn = bus_.path("drawn");
+    const Ended live = bus_.shell("mkfifo keys; { until grep -q SESSION " + drawn +
+                                  "; do :; done; printf /; until grep -q filter: " + drawn +
+                                  "; do :; done; printf '\\nq'; } | TERM=xterm script -qfec 'stty "
+                                  "rows 24 cols 80; kvx top' " +
+                                  drawn);
+    EXPECT_EQ(live.status, 0) << live.errors;
+}
+
+TEST(TopView, FitsAnyTerminalSortsAndFilters) {
+    TopView::Answers answers;
+    for (int i = 0; i < 50; ++i) {
+        answers.sessions["session"].push_back({{"number", i},
+                                               {"name", "session-" + std::to_string(i)},
+                                               {"address", "127.0.0.1:1"},
+                                               {"delivered_rate", i},
+                                               {"dropped", 50 - i}});
+    }
+    TopView view;
+    for (const std::size_t columns : {0U, 1U, 20U, 80U, 300U}) {
+        for (const std::size_t rows : {0U, 1U, 5U, 7U, 24U, 200U}) {
+            const auto lines = view.draw(answers, columns, rows);
+            EXPECT_LE(lines.size(), std::max<std::size_t>(rows, 1));
+            for (const auto& line : lines) EXPECT_LE(line.text.size(), columns);
+        }
+    }
+    const auto firstRow = [&] { return view.draw(answers, 80, 24)[6].text; };
+    EXPECT_TRUE(firstRow().starts_with("session-49 "));
+    view.press('d');
+    EXPECT_TRUE(firstRow().starts_with("session-0 "));
+    view.press('r');
+    EXPECT_TRUE(firstRow().starts_with("session-49 "));
+    for (const int key : std::vector<int>{'/', '-', '7', TopView::Enter}) view.press(key);
+    EXPECT_TRUE(firstRow().starts_with("session-7 "));
+    EXPECT_TRUE(holds(view.draw(answers, 80, 24).back().text, "1 of 1 with '-7'"));
+    view.press(TopView::Escape);
+    for (int i = 0; i < 30; ++i) view.press(TopView::PageDown);
+    EXPECT_TRUE(holds(view.draw(answers, 80, 24).back().text, "17 of 50"));
+    EXPECT_TRUE(view.press('q'));
+}
+
+}  // namespace
+}  // namespace kvx::tool
