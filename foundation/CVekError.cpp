@@ -1,4 +1,4 @@
-// The catalogue of codes, and the default report: one escaped line in one write, so that the lines
+// The default report: one escaped line in one write, so that the lines
 // of several threads do not mix.
 
 #include "foundation/CVekError.h"
@@ -13,43 +13,10 @@
 #include <string_view>
 #include <utility>
 
+#include "foundation/ErrorCatalogue.h"
 #include "platform/Text.h"
 
 namespace {
-
-struct CatalogueEntry {
-    int code;
-    const char* text;
-};
-
-constexpr CatalogueEntry kCatalogue[] = {
-    {-220370, "The bus object could not be created"},
-    {-220371, "The main thread did not answer in time"},
-    {-220379, "Error advisory of the bus"},
-    {-220380, "Warning advisory of the bus"},
-    {-220382, "Unsupported type of request"},
-    {-220383, "Illegal polling frequency"},
-    {-220402, "Missing argument"},
-    {-220417, "Invalid request"},
-    {-220425, "Not called on the main thread"},
-    {-220432, "Unexpected state of a worker or its response"},
-    {-220439, "The operation could not be completed"},
-    {-220440, "Internal failure"},
-    {-220462, "The type of I/O event is already chosen"},
-    {-220463, "The name of this host is not available"},
-    {-220494, "Malformed message or packet"},
-    {-220532, "Wrong type of atom"},
-    {-220536, "A signal could not be registered"},
-    {-220542, "A listener could not be made"},
-    {-220544, "No bus session"},
-    {-220545, "Nothing could be sent"},
-    {-220547, "Not found"},
-    {-220549, "The file cannot be used"},
-    {-220551, "The text cannot be parsed"},
-    {-220552, "Null or invalid argument"},
-    {-220553, "Out of memory"},
-    {-220566, "The key is already there"},
-};
 
 void appendEscape(std::string& line, std::string_view piece) {
     for (const char c : piece) {
@@ -95,7 +62,7 @@ VekErrorHandler CVekError::SetHandler(VekErrorHandler handler) noexcept {
 }
 
 const char* CVekError::CatalogueText(int code) noexcept {
-    const auto* found = std::find_if(std::begin(kCatalogue), std::end(kCatalogue),
+    const auto* found = std::find_if(std::begin(kvx::kCatalogue), std::end(kvx::kCatalogue),
                                      [code](const auto& entry) { return entry.code == code; });
-    return found == std::end(kCatalogue) ? "Unknown error" : found->text;
+    return found == std::end(kvx::kCatalogue) ? "Unknown error" : found->text;
 }

@@ -62,15 +62,15 @@ class Descriptor {
     int descriptor_;
 };
 
-std::optional<passwd> userEntry(std::vector<char>& buffer) {
+// Of the user of that name; null: of the effective one. `buffer` holds its texts.
+std::optional<passwd> userEntry(std::vector<char>& buffer, const char* name = nullptr) {
     buffer.resize(16384);
     passwd entry{};
     passwd* found = nullptr;
-    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found) != 0 ||
-        found == nullptr) {
-        return std::nullopt;
-    }
-    return entry;
+    const int error = name != nullptr
+                          ? ::getpwnam_r(name, &entry, buffer.data(), buffer.size(), &found)
+                          : ::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found);
+    return error == 0 && found != nullptr ? std::optional(entry) : std::nullopt;
 }
 
 std::vector<char*> argumentPointers(std::vector<std::string>& arguments) {
@@ -277,6 +277,12 @@ std::string userName() {
     std::vector<char> buffer;
     const auto user = userEntry(buffer);
     return user && user->pw_name[0] != '\0' ? user->pw_name : "Unknown user";
+}
+
+std::optional<std::uint32_t> userId(const std::string& name) {
+    std::vector<char> buffer;
+    const auto user = userEntry(buffer, name.c_str());
+    return user ? std::optional<std::uint32_t>(user->pw_uid) : std::nullopt;
 }
 
 unsigned long processId() noexcept {

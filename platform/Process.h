@@ -14,6 +14,9 @@ namespace kvx::platform {
 /// The effective user's name, or "Unknown user".
 [[nodiscard]] KVX_API std::string userName();
 
+/// The id of a user of this system by its name; nothing when there is none.
+[[nodiscard]] KVX_API std::optional<std::uint32_t> userId(const std::string& name);
+
 [[nodiscard]] KVX_API unsigned long processId() noexcept;
 
 /// A program to start.

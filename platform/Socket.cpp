@@ -266,6 +266,12 @@ std::optional<std::uint32_t> resolveHost(const std::string& name) {
     return addressOf(found->ai_addr);
 }
 
+std::optional<std::uint32_t> parseDottedAddress(const std::string& text) {
+    in_addr address{};
+    if (::inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;
+    return ntohl(address.s_addr);
+}
+
 std::string dottedAddress(std::uint32_t address) {
     std::array<char, INET_ADDRSTRLEN> text{};
     const in_addr network{htonl(address)};

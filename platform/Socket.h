@@ -158,6 +158,8 @@ KVX_API WaitResult waitSocket(SocketHandle socket, unsigned interest,
 
 /// The first IPv4 address of a host name, or of a dotted address. May block on the resolver.
 [[nodiscard]] KVX_API std::optional<std::uint32_t> resolveHost(const std::string& name);
+/// The address "a.b.c.d", four decimal numbers; nothing for any other text.
+[[nodiscard]] KVX_API std::optional<std::uint32_t> parseDottedAddress(const std::string& text);
 /// "a.b.c.d" of an address.
 [[nodiscard]] KVX_API std::string dottedAddress(std::uint32_t address);
 

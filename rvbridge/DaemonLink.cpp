@@ -11,6 +11,7 @@
 #include "rv/error/rvErrors.h"
 #include "rv/link/LinkIo.h"
 #include "rv/session/SessionParts.h"
+#include "rv/wire/DaemonText.h"
 #include "rv/wire/Negotiation.h"
 
 namespace kvx::bridge {
@@ -72,9 +73,8 @@ void DaemonLink::connectIn(unsigned long milliseconds) {
 }
 
 void DaemonLink::connect() {
-    int error = 0;
-    platform::Socket socket = platform::createTcpSocket(error);
-    std::string why = socket ? greet(socket) : rv_SocketErrorText(error);
+    platform::Socket socket;
+    std::string why = greet(socket);
     if (why.empty()) why = introduce(std::move(socket));
     if (!why.empty()) return lose(why);
     ipq_SetMessageCallback(
@@ -92,20 +92,14 @@ void DaemonLink::connect() {
     owner_.onDaemonUp();
 }
 
-// From the address to a negotiated queue. Returns an empty text, or what went wrong.
+// From the address to a greeted daemon. Returns an empty text, or what went wrong.
 std::string DaemonLink::greet(platform::Socket& socket) const {
     const auto address = session::parseDaemon(daemon_.c_str());
-    if (!address) return "'" + daemon_ + "' is no daemon (tcp:[host:]port)";
-    platform::setNoDelay(socket.get(), true);
-    platform::setNonBlocking(socket.get(), true);
-    int error = platform::connectSocket(socket.get(), address->endpoint);
-    if (error == platform::socket_error::kWouldBlock ||
-        error == platform::socket_error::kInProgress) {
-        const bool isDone =
-            link::waitUntil(socket.get(), platform::kWritable, link::Deadline::in(kStepMs));
-        error = isDone ? platform::pendingError(socket.get()) : platform::socket_error::kTimedOut;
-    }
-    if (error != 0) return rv_SocketErrorText(error);
+    if (!address) return "'" + daemon_ + "' is no daemon (" + wire::kDaemonForms + ')';
+    int error = 0;
+    socket = session::newSocketFor(*address, error);
+    if (socket) error = session::connectWithin(socket, *address, kStepMs);
+    if (error != 0) return session::socketText(error);
     wire::GreetingBytes bytes{};
     const auto deadline = link::Deadline::in(kStepMs);
     if (!link::readExactly(socket.get(), bytes, deadline)) return "no greeting of a daemon came";

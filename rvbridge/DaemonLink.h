@@ -24,7 +24,8 @@ class DaemonOwner {
 /// A lost one is made anew, for ever. Loop thread only; the queue towards the daemon is bounded.
 class DaemonLink final : private link::LinkHost {
   public:
-    /// `daemon` is "tcp:[host:]port". `manager` and `owner` must outlive this object.
+    /// `daemon` is "tcp:[host:]port" or "unix:/path". `manager` and `owner` must outlive this
+    /// object.
     DaemonLink(rvevm_Manager manager, std::string daemon, std::string service, std::string network,
                DaemonOwner& owner);
     ~DaemonLink();

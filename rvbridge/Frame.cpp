@@ -56,7 +56,7 @@ bool takeData(WireReader& reader, Frame& frame) {
     if (!reader.u32(frame.count)) return false;
     if (frame.count == 0) {
         std::uint8_t cause = 0;
-        if (!reader.u8(cause) || cause >= kLossCauses) return false;
+        if (!reader.u8(cause) || cause >= kBridgeLossCauses) return false;
         frame.cause = static_cast<LossCause>(cause);
         return reader.left() == 0;
     }
@@ -106,12 +106,6 @@ bool takePart(WireReader& reader, Frame& frame) {
 }
 
 }  // namespace
-
-const char* textOf(LossCause cause) {
-    static constexpr std::array<const char*, kLossCauses> kTexts = {
-        "engine", "engine gone", "engine slow", "queue full", "part missing"};
-    return kTexts[static_cast<std::size_t>(cause)];
-}
 
 std::optional<Frame> readFrame(Bytes bytes) {
     WireReader reader(bytes.data(), bytes.size());

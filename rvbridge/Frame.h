@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "rv/error/rvReasons.h"
 #include "rv/message/SubjectView.h"
 #include "rv/message/WireFormat.h"
 
@@ -19,16 +20,7 @@ namespace kvx::bridge {
     return true;
 }
 
-/// Why messages were lost. The numbers are those of a mark's cause.
-enum class LossCause : std::uint8_t {
-    Engine = 0,       ///< "engine": no other cause is known
-    EngineGone = 1,   ///< "engine gone": a bridge was not connected to the engine
-    EngineSlow = 2,   ///< "engine slow": the engine dropped what a bridge did not take in time
-    QueueFull = 3,    ///< "queue full": a bridge's own queue
-    PartMissing = 4,  ///< "part missing": a large message, of which not all parts came
-};
-inline constexpr std::size_t kLossCauses = 5;
-[[nodiscard]] const char* textOf(LossCause cause);
+using LossCause = BridgeLossCause;
 
 enum class FrameKind : std::uint8_t { Data = 1, Part = 2, Control = 3, Runs = 4 };
 

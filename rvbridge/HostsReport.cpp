@@ -18,7 +18,7 @@ std::string hostsReport(const Exchange& exchange, Receiver& receiver, const Rout
     Losses losses{};
     const auto lossesOf = [](const Losses& counted) {
         Json object = Json::object();
-        for (std::size_t i = 0; i < kLossCauses; ++i) {
+        for (std::size_t i = 0; i < kBridgeLossCauses; ++i) {
             if (counted[i] != 0) object[textOf(static_cast<LossCause>(i))] = counted[i];
         }
         return object;
@@ -29,7 +29,7 @@ std::string hostsReport(const Exchange& exchange, Receiver& receiver, const Rout
             auto& [sum, sumLost] = counted[host];
             sum.messages += received.messages;
             sum.bytes += received.bytes;
-            for (std::size_t i = 0; i < kLossCauses; ++i) sumLost[i] += lost[i];
+            for (std::size_t i = 0; i < kBridgeLossCauses; ++i) sumLost[i] += lost[i];
         });
     exchange.eachHost([&](const HostState& host) {
         const auto& [received, lost] = counted[host.name];
@@ -38,7 +38,7 @@ std::string hostsReport(const Exchange& exchange, Receiver& receiver, const Rout
         in.bytes += received.bytes;
         out.messages += sent.messages;
         out.bytes += sent.bytes;
-        for (std::size_t i = 0; i < kLossCauses; ++i) losses[i] += lost[i];
+        for (std::size_t i = 0; i < kBridgeLossCauses; ++i) losses[i] += lost[i];
         hosts.push_back({{"host", host.name},
                          {"up", host.up},
                          {"since", host.since},

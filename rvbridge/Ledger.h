@@ -156,7 +156,7 @@ struct Traffic {
     std::uint64_t messages = 0;
     std::uint64_t bytes = 0;
 };
-using Losses = std::array<std::uint64_t, kLossCauses>;  ///< messages, by `LossCause`
+using Losses = std::array<std::uint64_t, kBridgeLossCauses>;  ///< messages, by `LossCause`
 
 /// Who gets what a `Receiver` finds. Must not call back into it.
 class ReceiverSink {
@@ -279,7 +279,7 @@ class Receiver {
     std::size_t unfinishedBytes_ = 0;
     const std::size_t maxUnfinished_;
     std::uint64_t faults_ = 0;
-    std::array<std::uint64_t, kLossCauses>
+    std::array<std::uint64_t, kBridgeLossCauses>
         lastFault_{};  // the number of the last fault, by its cause
 };
 

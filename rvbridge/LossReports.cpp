@@ -30,7 +30,7 @@ void LossReports::tell() {
 // What is told of `losses` becomes 0. False when there is no room.
 bool LossReports::tell(const std::string& subject, Losses& losses) {
     static const Subject kReport = *Subject::fromText("_RVD.LOST");
-    for (std::size_t i = 0; i < kLossCauses; ++i) {
+    for (std::size_t i = 0; i < kBridgeLossCauses; ++i) {
         if (losses[i] == 0) continue;
         const char* const cause = textOf(static_cast<LossCause>(i));
         std::array<std::uint8_t, kMaxSubjectBytes + 256> body{};

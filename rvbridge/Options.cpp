@@ -14,6 +14,7 @@
 #include "platform/CommandLine.h"
 #include "platform/Socket.h"
 #include "platform/Text.h"
+#include "rv/wire/DaemonText.h"
 #include "rv/wire/Limits.h"
 
 namespace kvx::bridge {
@@ -53,7 +54,8 @@ void describe(CLI::App& app, Texts& texts, Options& options) {
         ->delimiter(',')
         ->allow_extra_args(false);
     app.add_option("--daemon", texts.address.daemon,
-                   "The daemon of this host, tcp:[host:]port; default: the configuration file");
+                   std::string("The daemon of this host, ") + wire::kDaemonForms +
+                       "; default: the configuration file");
     app.add_option("--service", texts.address.service, "The space to join (with -network)");
     app.add_option("--network", texts.address.network, "The space to join (with -service)");
     app.add_option("--space", texts.spaces, "SERVICE:NETWORK, once for each space to join")
@@ -156,6 +158,13 @@ std::string takeFiles(const EngineSettings& engine) {
     return wrongIn(engine);
 }
 
+std::string problemWithDaemon(const std::string& daemon) {
+    if (const auto path = wire::unixPathOf(daemon)) return wire::problemWithUnixPath(*path);
+    const std::string_view port = std::string_view(daemon).substr(daemon.rfind(':') + 1);
+    if (daemon.starts_with("tcp:") && isPort(port)) return {};
+    return "'" + daemon + "' is no daemon (" + wire::kDaemonForms + ')';
+}
+
 std::string takeAddress(const Texts& texts, Options& options) {
     CVekRvdCfgParser parser;
     DaemonAddress address = texts.address;
@@ -182,11 +191,7 @@ std::string takeAddress(const Texts& texts, Options& options) {
         fill(address.daemon, textOf(parser.RRCPGetDaemon()));
     }
     fill(address.daemon, wire::kDefaultDaemon);
-    const auto colon = address.daemon.rfind(':');
-    if (!address.daemon.starts_with("tcp:") ||
-        !isPort(std::string_view(address.daemon).substr(colon + 1))) {
-        return "'" + address.daemon + "' is no daemon (tcp:[host:]port)";
-    }
+    if (std::string wrong = problemWithDaemon(address.daemon); !wrong.empty()) return wrong;
     options.daemon = address.daemon;
     if (options.spaces.empty()) options.spaces.push_back({address.service, address.network});
     return {};

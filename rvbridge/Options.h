@@ -18,7 +18,7 @@ struct SpaceName {
 struct Options {
     EngineSettings engine;
     std::string host;    ///< this host's name among the others
-    std::string daemon;  ///< "tcp:[host:]port"
+    std::string daemon;  ///< "tcp:[host:]port" or "unix:/path"
     std::vector<SpaceName> spaces;
     std::vector<Subject> exports;  ///< empty: everything
     std::vector<Subject> imports;  ///< empty: everything

@@ -38,15 +38,12 @@ constexpr std::size_t kBytesPerStep = 4 * 1024;  // freed between looks at the c
 constexpr Nanoseconds kKeepTime = 100;
 constexpr Nanoseconds kCopiedPerNanosecond = 8;
 constexpr unsigned kLoopbackNet = 127;
-// A snapshot of interest goes on while no more waits, as a part of the queue and in bytes.
-constexpr std::size_t kTellingParts = 4;
-constexpr std::size_t kTellingBytes = 256 * 1024;
 
 // Memory of a connection that holds nothing: this object, its peer, an empty queue, and libuv's and
 // the containers' part.
 constexpr std::size_t kConnectionCost = sizeof(Connection) + sizeof(Peer) + 1'024;
 static_assert(Router::kMaxListens == 262'144 && Router::kMaxSteps == 1'024,
-              "closeText and causeText name them");
+              "rvReasons.h names them");
 
 uv_buf_t asBuffer(wire::Bytes bytes) {
     auto* base = const_cast<char*>(reinterpret_cast<const char*>(bytes.data()));
@@ -57,29 +54,19 @@ Connection* connectionOf(void* data) {
     return static_cast<Connection*>(data);
 }
 
-sockaddr_in peerName(const uv_tcp_t& tcp) {
-    sockaddr_in name{};
-    int length = sizeof name;
-    uv_tcp_getpeername(&tcp, reinterpret_cast<sockaddr*>(&name), &length);
-    return name;
+// A client on this host is told the host's address, so that session names differ between hosts.
+PeerAddress reportedAddress(platform::Endpoint peer, bool isNear, std::uint32_t host) {
+    return {htonl(isNear ? host : peer.address), htons(peer.port)};
 }
 
 }  // namespace
-
-Connection::Routing::Routing(Router& router, const Router::Session& from, SubjectView subject,
-                             const PayloadRef& routed, PayloadRef lossNotice)
-    : match(router, from, subject),
-      message(routed),
-      notice(std::move(lossNotice)),
-      subjectAt(static_cast<std::size_t>(static_cast<const std::uint8_t*>(subject.data()) -
-                                         routed->bytes().data())) {}
 
 Connection::Connection(const ConnectionContext& context, std::uint64_t number)
     : MemoryHolder(context.account),
       context_(context),
       number_(number),
-      outbox_(context.queueLimit, *this, context.counters) {
-    tcp_.data = this;
+      outbox_(context.queueLimit, *this, context.counters),
+      acceptedAt_(now()) {
     write_.data = this;
     charge(Holding::Connection, kConnectionCost);
     context_.counters.add(Counter::ConnectionsOpen);
@@ -125,23 +112,25 @@ void Connection::outOfMemory() noexcept {
     }
 }
 
-bool Connection::accept(uv_stream_t* listener) {
-    uv_tcp_init(&context_.loop, &tcp_);
-    if (uv_accept(listener, stream()) != 0) return false;
+bool Connection::accept(StreamSocket& listener) {
+    if (!socket_.accept(context_.loop, listener, this)) return false;
     bool isStarted = false;
     guard([&] { isStarted = start(); });
     return isStarted;
 }
 
 bool Connection::start() {
-    uv_tcp_nodelay(&tcp_, 1);
-    const sockaddr_in name = peerName(tcp_);
-    name_ = platform::dottedAddress(ntohl(name.sin_addr.s_addr)) + ':' +
-            std::to_string(ntohs(name.sin_port));
-    peer_ = std::make_unique<Peer>(peerAddress(), *this, context_.counters);
-    int descriptor = 0;
-    uv_fileno(reinterpret_cast<uv_handle_t*>(&tcp_), &descriptor);
-    context_.willWatch(descriptor);
+    name_ = socket_.peerName();
+    const auto peer = socket_.peerEndpoint();
+    const auto process = socket_.peerIdentity();
+    const bool isNear = process || peer.address >> 24U == kLoopbackNet;
+    isAllowed_ = process ? context_.admission.admitsUser(process->uid)
+                         : context_.admission.admitsAddress(peer.address);
+    mayAsk_ = isNear || peer.address == socket_.ownEndpoint().address ||
+              containAny(context_.statusFor, peer.address);
+    peer_ = std::make_unique<Peer>(reportedAddress(peer, isNear, context_.hostAddress), *this,
+                                   context_.counters);
+    context_.willWatch(socket_.descriptor());
     if (!startReading()) return false;
     context_.counters.add(Counter::ConnectionsAccepted);
     context_.log.debug(name_ + " connected");
@@ -149,16 +138,9 @@ bool Connection::start() {
     return true;
 }
 
-void Connection::refuse(uv_stream_t* listener) {
-    uv_tcp_init(&context_.loop, &tcp_);
-    (void)uv_accept(listener, stream());
+void Connection::refuse(StreamSocket& listener) {
+    (void)socket_.accept(context_.loop, listener, this);
     destroy();
-}
-
-PeerAddress Connection::peerAddress() const {
-    const sockaddr_in name = peerName(tcp_);
-    const bool local = ntohl(name.sin_addr.s_addr) >> 24U == kLoopbackNet;
-    return {local ? htonl(context_.hostAddress) : name.sin_addr.s_addr, name.sin_port};
 }
 
 bool Connection::startReading() {
@@ -227,13 +209,15 @@ void Connection::work() {
         writeWaiting(true);
         takeBytes();
         tellMore();
+        answer();
     });
     chargeIncoming();
     // Else the batch ends after the turns of all in the line: what is routed lies in `rest_`.
     if (rest_.empty()) endBatch();
     if (state_ >= State::Failed) return;
     const bool mayWrite = writingBytes_ == 0 && !outbox_.empty() && !Batch::has(*this);
-    const bool hasWork = isTrimming_ || !arrived_.empty() || routing_ || mayWrite || mayTell();
+    const bool hasWork =
+        isTrimming_ || !arrived_.empty() || routing_ || mayWrite || mayTell() || mayAnswer();
     if (hasWork) return context_.line.join(*this);
     endIfDone();
     if (state_ < State::Failed && !isReading_ && !startReading()) fail(UV_ENOMEM);
@@ -300,7 +284,7 @@ void Connection::flush() {
     if (!context_.line.hasWrittenMuch()) writeWaiting(false);
     if (state_ == State::Failed) return destroy();
     const bool mayWrite = writingBytes_ == 0 && !outbox_.empty();
-    if (mayWrite || mayTell()) return context_.line.join(*this);
+    if (mayWrite || mayTell() || mayAnswer()) return context_.line.join(*this);
     endIfDone();
 }
 
@@ -381,11 +365,13 @@ void Connection::onWritten(int status) {
     endBatch();
 }
 
-void Connection::tick() {
+void Connection::tick(platform::Milliseconds elapsed) {
     if (state_ == State::Closed) return;
-    guard([this] {
+    guard([this, elapsed] {
         noteWritten();
-        notePace(pace_.look(outbox_, context_.queueLimit));
+        notePace(pace_.look(outbox_, context_.queueLimit, now(), elapsed));
+        publishedRate_ = perSecond(published_.messages - publishedBefore_, elapsed);
+        publishedBefore_ = published_.messages;
         refreshTold();
         if (arrived_.empty()) rest_ = std::vector<std::uint8_t>();  // `= {}` would keep its memory
         chargeIncoming();
@@ -439,7 +425,7 @@ void Connection::dismiss() {
 
 // Ends it for a limit of the daemon, and says so as long as it can be told.
 void Connection::end(CloseReason reason, LossCause cause) {
-    guard([&] { logEnd(closeText(reason)); });
+    guard([&] { logEnd(textOf(reason)); });
     if (state_ == State::Open) outbox_.announceEnd(cause);
     guard([&] { peer_->end(reason); });
     leaveSession();
@@ -448,14 +434,6 @@ void Connection::end(CloseReason reason, LossCause cause) {
 void Connection::sendFin() {
     enter(State::FinSent);
     if (uv_shutdown(&shutdown_, stream(), [](uv_shutdown_t*, int) {}) != 0) destroy();
-}
-
-void Connection::leaveSession() {
-    routing_.reset();
-    if (session_ == nullptr) return;
-    context_.router.leave(*std::exchange(session_, nullptr));
-    setCharge(Holding::Listens, 0);
-    context_.account.setOrphaned(context_.router.orphanedBytes());
 }
 
 void Connection::fail(int status) {
@@ -471,7 +449,7 @@ void Connection::destroy() {
     enter(State::Closed);
     context_.line.leave(*this);
     context_.closed(*this);
-    uv_close(reinterpret_cast<uv_handle_t*>(&tcp_), [](uv_handle_t* handle) {
+    uv_close(socket_.handle(), [](uv_handle_t* handle) {
         Connection* connection = connectionOf(handle->data);
         connection->context_.gone(*connection);
     });
@@ -491,110 +469,15 @@ void Connection::send(wire::Bytes bytes) {
     context_.batch.add(*this);
 }
 
-void Connection::join(std::string_view service, std::string_view network) {
-    session_ = &context_.router.join(service, network, *this);
-    context_.announced(*this);
-    if (context_.log.enabled(platform::LogLevel::Debug)) {
-        context_.log.debug(name_ + " joins service '" + std::string(service) + "' network '" +
-                           std::string(network) + "'");
-    }
-}
-
-bool Connection::listen(SubjectView subject) {
-    if (session_ == nullptr) return true;
-    const bool isListening = context_.router.listen(*session_, subject);
-    context_.account.setOrphaned(context_.router.orphanedBytes());  // it undoes some
-    if (!isListening) return false;
-    if (session_->isTold()) outbox_.nameDropped();
-    setCharge(Holding::Listens, session_->listenBytes());
-    return true;
-}
-
-void Connection::cancel(SubjectView subject) {
-    if (session_ == nullptr) return;
-    context_.router.cancel(*session_, subject);
-    setCharge(Holding::Listens, session_->listenBytes());
-}
-
-void Connection::publish(SubjectView subject, const PayloadRef& message) {
-    if (session_ == nullptr) return;
-    context_.batch.hold(message);
-    if (const auto known = context_.router.lastMatch(*session_, subject)) {
-        handOn(message, *known);
-        if (known->empty()) context_.counters.add(Counter::MessagesUnmatched);
-        return;
-    }
-    beginRouting(subject, message);
-}
-
-void Connection::beginRouting(SubjectView subject, const PayloadRef& message, PayloadRef notice) {
-    routing_.emplace(context_.router, *session_, subject, message, std::move(notice));
-    route();
-    if (routing_) message->chargeTo(context_.account);
-}
-
-// Those who would have got the messages are told.
-void Connection::reportLoss(SubjectView subject, std::uint64_t lost, const PayloadRef& message) {
-    if (session_ == nullptr) return;
-    const auto link = static_cast<std::uint8_t>(LossCause::Link);
-    auto notice = Payload::copy(buildDataLoss({lost, 0, link}));
-    context_.batch.hold(message);
-    beginRouting(subject, message, std::move(notice));
-}
-
-// Whether it goes on with a snapshot now: little waits to be written.
-bool Connection::mayTell() const {
-    return session_ != nullptr && Router::hasMoreToTell(*session_) &&
-           outbox_.waitingBytes() <= std::min(context_.queueLimit / kTellingParts, kTellingBytes);
-}
-
-void Connection::tellMore() {
-    while (mayTell() && !context_.line.isOver(Line::kStepsPerLook)) Router::tellMore(*session_);
-}
-
-// Whose queue has lost something is told everything again, as soon as there is room.
-void Connection::refreshTold() {
-    const bool hasRoom = outbox_.waitingBytes() <= context_.queueLimit / kTellingParts;
-    if (session_ == nullptr || !session_->isTold() || !hasRoom) return;
-    context_.router.refresh(*session_, outbox_.totals().dropped);
-    if (mayTell()) context_.line.join(*this);
-}
-
-void Connection::handOn(const PayloadRef& message, std::span<Receiver* const> receivers) {
-    for (Receiver* receiver : receivers) receiver->deliver(message);
-    (void)context_.line.isOver(receivers.size());
-}
-
-// Until the message has reached everybody or the turn is over.
-void Connection::route() {
-    // Those whom it has not reached cannot be told: it ends as if it had not been read.
-    if (routing_->message->isLost()) return outOfMemory();
-    bool isOver = false;
-    while (!isOver) {
-        const auto found = routing_->match.advance(routing_->subject(), context_.stepsAtOnce);
-        handOn(routing_->notice ? routing_->notice : routing_->message, found);
-        if (routing_->notice) context_.counters.add(Counter::LossNotices, found.size());
-        if (routing_->match.isDone()) {
-            if (!routing_->match.hasFound()) context_.counters.add(Counter::MessagesUnmatched);
-            break;
-        }
-        isOver = context_.line.isOver(Line::kStepsPerLook);
-    }
-    if (!isOver) routing_.reset();
-}
-
 void Connection::close(CloseReason reason) {
-    if (reason == CloseReason::TimedOut) context_.counters.add(Counter::ConnectionsTimedOut);
-    if (reason != CloseReason::PeerClosed && reason != CloseReason::ShuttingDown &&
-        reason != CloseReason::TimedOut && reason != CloseReason::OutOfMemory) {
-        context_.counters.add(Counter::ConnectionsFailed);
-    }
+    if (const auto counter = counterOf(reason)) context_.counters.add(*counter);
+    if (reason == CloseReason::NotAllowed) context_.notAllowed(*this);
     if (reason == CloseReason::TooManyListens) {
-        logEnd(closeText(reason));
+        logEnd(textOf(reason));
         outbox_.announceEnd(LossCause::Listens);
     }
     enter(State::Draining);
-    context_.log.debug(name_ + " ends: " + closeText(reason));
+    context_.log.debug(name_ + " ends: " + textOf(reason));
 }
 
 }  // namespace kvx::rvd

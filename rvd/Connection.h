@@ -11,12 +11,18 @@
 #include <vector>
 
 #include "platform/Log.h"
+#include "rvd/Admission.h"
+#include "rvd/Answers.h"
 #include "rvd/Batch.h"
+#include "rvd/BusySubjects.h"
+#include "rvd/Facts.h"
 #include "rvd/Line.h"
 #include "rvd/Outbox.h"
 #include "rvd/Pace.h"
 #include "rvd/Peer.h"
+#include "rvd/Reports.h"
 #include "rvd/Router.h"
+#include "rvd/StreamSocket.h"
 
 namespace kvx::rvd {
 
@@ -31,18 +37,23 @@ struct ConnectionContext {
     Router& router;
     Batch& batch;
     Line& line;
+    BusySubjects& busy;
+    const Reports& reports;
     std::size_t queueLimit;     ///< queued bytes per session
     std::size_t stepsAtOnce;    ///< of a match, between two looks at the clock
     std::uint32_t hostAddress;  ///< host byte order; reported to local clients as their own
+    const Admission& admission;
+    const std::vector<Network>& statusFor;  ///< other hosts that may ask for reports
     /// Throws `std::bad_alloc` when there is no memory for watching that descriptor.
     std::function<void(int descriptor)> willWatch;
-    std::function<void(Connection&)> announced;  ///< it has joined a space
-    std::function<void(Connection&)> closed;     ///< its socket is closed
+    std::function<void(Connection&)> announced;   ///< it has joined a space
+    std::function<void(Connection&)> notAllowed;  ///< it may not join one
+    std::function<void(Connection&)> closed;      ///< its socket is closed
     /// libuv has closed its handle: it may be deleted, after `clearUp` when it `isHeavy`.
     std::function<void(Connection&)> gone;
 };
 
-/// One TCP connection: its socket, its peer's protocol, its queue and its session.
+/// One connection: its socket, its peer's protocol, its queue and its session.
 ///
 /// Carries out the peer's actions. The queue is written when the batch of one read ends. Who sends
 /// or takes more than fits into a slice goes on in the line, and is not read meanwhile. Loop thread
@@ -70,13 +81,20 @@ class Connection final : private MemoryHolder,
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    [[nodiscard]] std::uint64_t number() const { return number_; }
+    [[nodiscard]] std::uint64_t number() const override { return number_; }
 
     /// Accepts the next connection of `listener`. False on failure; call `destroy` in either case
     /// at the end. Comes first.
-    [[nodiscard]] bool accept(uv_stream_t* listener);
+    [[nodiscard]] bool accept(StreamSocket& listener);
     /// Accepts it and does nothing with it.
-    void refuse(uv_stream_t* listener);
+    void refuse(StreamSocket& listener);
+
+    /// Its peer, for people: "a.b.c.d:port" or "unix pid N uid N".
+    [[nodiscard]] const std::string& peerName() const { return name_; }
+    /// The process and user at the other end of a unix socket, told by the system; nothing for TCP.
+    [[nodiscard]] std::optional<platform::PeerIdentity> peerIdentity() const {
+        return socket_.peerIdentity();
+    }
 
     [[nodiscard]] std::size_t waitingMessages() const { return outbox_.waitingMessages(); }
 
@@ -85,7 +103,9 @@ class Connection final : private MemoryHolder,
     /// Frees what one that is gone has held, until the slice is over. True when nothing is left.
     bool clearUp();
 
-    void tick();
+    /// About once a second; `elapsed`: since the last time.
+    void tick(platform::Milliseconds elapsed);
+    [[nodiscard]] SessionFacts facts() const;
     /// Ends the connection because the daemon ends.
     void shutDown();
     /// Closes the socket now; `ConnectionContext::gone` follows.
@@ -102,6 +122,7 @@ class Connection final : private MemoryHolder,
 
     // PeerActions
     void send(wire::Bytes bytes) override;
+    bool mayJoin() override { return isAllowed_; }
     void join(std::string_view service, std::string_view network) override;
     void named(std::string_view session) override { sessionName_ = session.substr(0, kNameLength); }
     bool isIn(std::string_view service, std::string_view network) override {
@@ -112,6 +133,7 @@ class Connection final : private MemoryHolder,
     void publish(SubjectView subject, const PayloadRef& message) override;
     bool mayReportLoss() override { return session_ != nullptr && session_->isTold(); }
     void reportLoss(SubjectView subject, std::uint64_t lost, const PayloadRef& message) override;
+    void ask(const Inquiry& inquiry) override;
     bool mayGoOn() override;
     void close(CloseReason reason) override;
 
@@ -137,6 +159,8 @@ class Connection final : private MemoryHolder,
         PayloadRef message;
         PayloadRef notice;      // null: the message itself is delivered
         std::size_t subjectAt;  // in the message, whose bytes move when they are kept
+        BusySubjects::Place counted = 0;
+        std::size_t reached = 0;  // sessions
     };
 
     template <class Step>
@@ -147,10 +171,12 @@ class Connection final : private MemoryHolder,
     void onRead(ssize_t count, const char* bytes);
     void trim();
     void takeBytes();
-    void beginRouting(SubjectView subject, const PayloadRef& message, PayloadRef notice = {});
+    void goOnRouting();
     void route();
     [[nodiscard]] bool mayTell() const;
     void tellMore();
+    [[nodiscard]] bool mayAnswer() const;
+    void answer();
     void refreshTold();
     void handOn(const PayloadRef& message, std::span<Receiver* const> receivers);
     [[nodiscard]] bool hasMuch() const;
@@ -172,22 +198,23 @@ class Connection final : private MemoryHolder,
     void notePace(const Pace::Look& look);
     void logEnd(const char* reason);
     [[nodiscard]] std::string who() const;
-    [[nodiscard]] PeerAddress peerAddress() const;
     [[nodiscard]] platform::Milliseconds now() const;
-    [[nodiscard]] uv_stream_t* stream() { return reinterpret_cast<uv_stream_t*>(&tcp_); }
+    [[nodiscard]] uv_stream_t* stream() { return socket_.stream(); }
 
     const ConnectionContext& context_;
     const std::uint64_t number_;
 
     State state_ = State::Open;
     platform::Milliseconds endBy_ = 0;  // deadline of a connection that is not open
-    uv_tcp_t tcp_{};
+    StreamSocket socket_;
     uv_write_t write_{};
     uv_shutdown_t shutdown_{};
     Outbox outbox_;
     std::unique_ptr<Peer> peer_;
     wire::Bytes arrived_;             // bytes that the peer has not processed
     std::vector<std::uint8_t> rest_;  // those that wait for a further slice
+    bool isAllowed_ = false;          // to join a space
+    bool mayAsk_ = false;             // for reports
     bool isReading_ = false;
     bool isTrimming_ = false;     // more waits than may
     std::uint64_t readTurn_ = 0;  // the turn of the last read
@@ -196,8 +223,13 @@ class Connection final : private MemoryHolder,
     bool isDismissed_ = false;
     std::size_t writingBytes_ = 0;  // bytes of the queue in write_; 0: no write is pending in libuv
     Pace pace_;                     // as of the last tick
-    std::string name_;              // "a.b.c.d:port", for the log
-    std::string sessionName_;       // of the init message, or its beginning
+    const platform::Milliseconds acceptedAt_;
+    Flow published_;
+    std::uint64_t publishedBefore_ = 0;  // messages, at the last tick
+    std::uint64_t publishedRate_ = 0;    // a second, before that
+    std::unique_ptr<Answers> answers_;   // null: nothing was asked
+    std::string name_;                   // `peerName`
+    std::string sessionName_;            // of the init message, or its beginning
 };
 
 }  // namespace kvx::rvd

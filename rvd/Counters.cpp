@@ -7,19 +7,21 @@ namespace kvx::rvd {
 namespace {
 
 constexpr std::array<CounterInfo, static_cast<std::size_t>(Counter::Count)> kTable = {{
-    {"connections.accepted", "connections", "TCP connections taken since the start"},
-    {"connections.open", "connections", "TCP connections open now"},
+    {"connections.accepted", "connections", "connections taken since the start"},
+    {"connections.open", "connections", "connections open now"},
     {"connections.failed", "connections", "closed because the peer broke the protocol"},
     {"connections.timed_out", "connections", "closed because the peer said nothing in time"},
     {"connections.refused", "connections",
      "turned away: no descriptors, and all others are in use"},
+    {"connections.not_allowed", "connections", "turned away because of -allow or -allow-user"},
     {"connections.evicted", "connections", "closed because they held most of a full memory"},
     {"sessions.open", "sessions", "connections that have announced a service and a network"},
     {"listens.open", "listens", "listens in force, each counted as often as it was made"},
     {"messages.received", "messages", "data messages taken from peers"},
     {"bytes.received", "bytes", "bytes of those messages"},
     {"messages.unreadable", "messages", "dropped on arrival: no type, or no sound subject"},
-    {"messages.reserved", "messages", "dropped on arrival: a system advisory sent by a client"},
+    {"messages.reserved", "messages",
+     "dropped on arrival: on a subject of the system's or the daemon's own"},
     {"messages.unmatched", "messages", "data messages that no session listened to"},
     {"messages.matched", "messages", "copies due: one for each session that listened"},
     {"messages.delivered", "messages", "copies written to a session's connection in full"},
@@ -33,6 +35,7 @@ constexpr std::array<CounterInfo, static_cast<std::size_t>(Counter::Count)> kTab
     {"loss.notices", "messages", "_RV.WARN.SYSTEM.DATALOSS messages queued for sessions"},
     {"followers.open", "sessions", "sessions that are told the interest of their space now"},
     {"interest.snapshots", "snapshots", "begun for these: once each, and again after a loss"},
+    {"inquiries", "messages", "requests on _RVD.STATUS and the like"},
     {"keepalives.sent", "messages", "keepalives sent to silent peers"},
 }};
 

@@ -15,6 +15,7 @@ enum class Counter : std::uint8_t {
     ConnectionsFailed,
     ConnectionsTimedOut,
     ConnectionsRefused,
+    ConnectionsNotAllowed,
     ConnectionsEvicted,
     SessionsOpen,
     ListensOpen,
@@ -34,6 +35,7 @@ enum class Counter : std::uint8_t {
     LossNotices,
     FollowersOpen,
     InterestSnapshots,
+    Inquiries,
     KeepalivesSent,
     Count
 };

@@ -22,19 +22,6 @@ constexpr unsigned kSubjectBytes = 64;
 constexpr const char* kDropped = "Messages for this session were dropped by the daemon";
 constexpr const char* kLostBetween = "Messages for this session were lost between hosts";
 
-struct CauseName {
-    LossCause cause;
-    const char* text;
-};
-constexpr std::array<CauseName, 6> kCauseNames = {{
-    {LossCause::SlowReader, "slow reader"},
-    {LossCause::Memory, "daemon memory"},
-    {LossCause::TooLarge, "message too large"},
-    {LossCause::Patterns, "patterns take more than 1024 steps"},
-    {LossCause::Listens, kTooManyListens},
-    {LossCause::Link, "link"},
-}};
-
 bool fillBody(void* body, rvmsg_Size capacity, const Loss& loss) {
     const auto lost = static_cast<std::uint32_t>(
         std::min<std::uint64_t>(loss.messages, std::numeric_limits<std::uint32_t>::max()));
@@ -53,10 +40,10 @@ bool fillBody(void* body, rvmsg_Size capacity, const Loss& loss) {
 
 std::string causeText(std::uint8_t causes) {
     std::string text;
-    for (const auto& name : kCauseNames) {
-        if ((causes & static_cast<std::uint8_t>(name.cause)) == 0) continue;
+    for (unsigned bit = 0; bit < kLossCauseBits; ++bit) {
+        if ((causes & (1U << bit)) == 0) continue;
         if (!text.empty()) text += ", ";
-        text += name.text;
+        text += textOf(static_cast<LossCause>(1U << bit));
     }
     return text;
 }

@@ -6,23 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "rv/error/rvReasons.h"
 #include "rv/message/SubjectView.h"
 #include "rv/wire/Limits.h"
 
 namespace kvx::rvd {
-
-/// Why a copy was dropped from an open session's queue, why a session was ended, or where messages
-/// were lost.
-enum class LossCause : std::uint8_t {
-    SlowReader = 1,  ///< the session's own queue was full
-    Memory = 2,      ///< all queues together were full
-    TooLarge = 4,    ///< the message is larger than the session's whole queue
-    Patterns = 8,    ///< the session's patterns cost a message too much
-    Listens = 16,    ///< it has made more listens than one session may
-    Link = 32        ///< between this host and another
-};
-
-inline constexpr const char* kTooManyListens = "more than 262144 listens";
 
 /// A session's loss that was not announced yet. Without messages: the end of the session.
 struct Loss {
@@ -38,8 +26,7 @@ struct Loss {
     }
 };
 
-/// "slow reader", "daemon memory", "message too large", "patterns take more than 1024 steps",
-/// `kTooManyListens` and "link", joined by ", ".
+/// The texts of the `LossCause` bits, joined by ", ".
 [[nodiscard]] std::string causeText(std::uint8_t causes);
 
 /// The subjects of lost messages, as many as fit into one notice.

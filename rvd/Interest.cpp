@@ -19,35 +19,15 @@
 namespace kvx::rvd {
 namespace {
 
-constexpr std::string_view kInterestElement = "INTEREST";
-constexpr std::string_view kLostElement = "LOST";
 constexpr std::size_t kMostBytes = 16'000;
 constexpr std::size_t kLeastBytes = kMaxSubjectBytes + 64;  // for one subject
 constexpr std::size_t kQueueParts = 4;
-
-bool isBelowDaemon(SubjectView subject) {
-    return subject.count() == 2 && subject.first() == kDaemonElement;
-}
 
 // "_RVD.INTEREST", encoded.
 constexpr std::array<std::uint8_t, 19> kInterestSubject = {
     0, 19, 2, 6, '_', 'R', 'V', 'D', 0, 10, 'I', 'N', 'T', 'E', 'R', 'E', 'S', 'T', 0};
 
 }  // namespace
-
-bool isInterestSubject(SubjectView subject) {
-    return isBelowDaemon(subject) && subject[1] == kInterestElement;
-}
-
-bool isLossReportSubject(SubjectView subject) {
-    return isBelowDaemon(subject) && subject[1] == kLostElement;
-}
-
-bool coversDaemonSubject(SubjectView subject) {
-    return isBelowDaemon(subject) &&
-           (subject[1] == kInterestElement || subject[1] == kLostElement ||
-            subject[1] == kAnyElement || subject[1] == kAnyTrailingElements);
-}
 
 InterestMessage::InterestMessage(std::size_t capacity)
     : capacity_(capacity), body_(std::make_unique_for_overwrite<std::uint8_t[]>(capacity)) {}

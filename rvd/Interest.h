@@ -6,7 +6,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "rv/message/SubjectView.h"
@@ -14,16 +13,6 @@
 #include "rvd/Receiver.h"
 
 namespace kvx::rvd {
-
-/// The first element of the daemon's own subjects.
-inline constexpr std::string_view kDaemonElement = "_RVD";
-/// Who listens to exactly this subject follows the interest of its space.
-[[nodiscard]] bool isInterestSubject(SubjectView subject);
-/// On which followers report what was lost between hosts.
-[[nodiscard]] bool isLossReportSubject(SubjectView subject);
-/// The two above, and wildcard subjects below "_RVD" that cover one: messages of clients are
-/// dropped, but for reports of followers.
-[[nodiscard]] bool coversDaemonSubject(SubjectView subject);
 
 /// A message to followers under construction: a data message on "_RVD.INTEREST", its data a nested
 /// message of the text "op" and more.

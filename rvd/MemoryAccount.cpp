@@ -26,6 +26,14 @@ constexpr std::uint64_t kMuchFreed = 8U << 20U;  // bytes
 
 }  // namespace
 
+MemoryAccount::Kinds MemoryAccount::kinds() const {
+    Kinds sums{};
+    for (const MemoryHolder* holder : holders_) {
+        for (std::size_t i = 0; i < sums.size(); ++i) sums[i] += holder->held_[i];
+    }
+    return sums;
+}
+
 void MemoryAccount::relieve() {
     peak_ = std::max(peak_, used_);
     if (!isOrdered_) {

@@ -33,6 +33,11 @@ class MemoryAccount {
     [[nodiscard]] std::uint64_t used() const { return used_; }
     [[nodiscard]] std::uint64_t limit() const { return limit_; }
 
+    /// Bytes by `Holding`.
+    using Kinds = std::array<std::uint64_t, static_cast<std::size_t>(Holding::Count)>;
+    /// What all holders hold, for which each is looked at.
+    [[nodiscard]] Kinds kinds() const;
+
     /// Memory that no holder has alone: the bytes of a routed message.
     void charge(std::size_t bytes) { used_ += bytes; }
     void discharge(std::size_t bytes) { used_ -= bytes; }
@@ -123,7 +128,7 @@ class MemoryHolder {
     [[nodiscard]] std::uint64_t rank() const { return isSpent_ ? 0 : total_; }
 
     MemoryAccount& account_;
-    std::array<std::uint64_t, static_cast<std::size_t>(Holding::Count)> held_{};
+    MemoryAccount::Kinds held_{};
     std::uint64_t total_ = 0;
     std::size_t position_ = 0;   // in the account's holders
     std::uint64_t leaving_ = 0;  // its part of the account's

@@ -1,6 +1,7 @@
 #include "rvd/Options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdio>
@@ -9,8 +10,10 @@
 #include <vector>
 
 #include "platform/CommandLine.h"
+#include "platform/Process.h"
 #include "platform/Socket.h"
 #include "platform/Text.h"
+#include "rv/wire/DaemonText.h"
 #include "rv/wire/Limits.h"
 #include "rvd/Counters.h"
 
@@ -22,8 +25,8 @@ constexpr const char* kHalf = "half";
 constexpr const char* kVersionLine = "rvd " KVX_VERSION;
 
 // Options with one dash, which the library uses when it starts a daemon.
-constexpr std::array<std::string_view, 4> kOneDash = {"-listen", "-address", "-queue-limit",
-                                                      "-memory"};
+constexpr std::array<std::string_view, 7> kOneDash = {
+    "-listen", "-address", "-allow", "-allow-user", "-status-for", "-queue-limit", "-memory"};
 
 std::vector<std::string> normalised(int argc, const char* const* argv) {
     std::vector<std::string> reversed;  // the parser takes its arguments from the back
@@ -37,15 +40,20 @@ std::vector<std::string> normalised(int argc, const char* const* argv) {
     return reversed;
 }
 
-std::optional<std::uint16_t> parsePort(std::string_view text) {
-    std::uint16_t port = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+// A decimal number and nothing else.
+template <class Number>
+std::optional<Number> parseNumber(std::string_view text) {
+    Number number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return port;
+    return number;
 }
 
 struct Texts {
-    std::string listen = wire::kDefaultDaemon;
+    std::vector<std::string> listen = {wire::kDefaultDaemon};
+    std::vector<std::string> networks;
+    std::vector<std::string> users;
+    std::vector<std::string> statusFor;
     std::string address;
     std::string queueLimit = "64M";
     std::string memory = kHalf;
@@ -57,9 +65,22 @@ struct Texts {
 void describe(CLI::App& app, Texts& texts) {
     app.set_version_flag("--version", kVersionLine);
     app.add_option("--listen", texts.listen,
-                   "Where to accept: tcp:[host:]port; 127.0.0.1 without a host, a free port for 0 "
-                   "(also spelled -listen)")
+                   "Where to accept, once for each address: tcp:[host:]port, 127.0.0.1 without a "
+                   "host, a free port for 0; or unix:/path (also spelled -listen)")
+        ->allow_extra_args(false)
         ->capture_default_str();
+    app.add_option("--allow", texts.networks,
+                   "Who may use TCP, once for each network: a.b.c.d or a.b.c.d/n; everybody unless "
+                   "given (also -allow)")
+        ->allow_extra_args(false);
+    app.add_option("--allow-user", texts.users,
+                   "Who may use unix sockets, once for each user: a name or an id; every local "
+                   "user unless given (also -allow-user)")
+        ->allow_extra_args(false);
+    app.add_option("--status-for", texts.statusFor,
+                   "Which other hosts may ask how the daemon is and who is on it, once for each "
+                   "network: a.b.c.d or a.b.c.d/n; none unless given (also -status-for)")
+        ->allow_extra_args(false);
     app.add_option("--address", texts.address,
                    "IPv4 address reported to local clients as this host's (also -address)");
     app.add_option("--queue-limit", texts.queueLimit,
@@ -74,9 +95,57 @@ void describe(CLI::App& app, Texts& texts) {
     app.add_flag("--counters", texts.counters, "Print the daemon's counters, and end");
 }
 
-// Returns an empty text, or the error.
+std::optional<std::uint32_t> parseUser(const std::string& text) {
+    const auto id = parseNumber<std::uint32_t>(text);
+    return id ? id : platform::userId(text);
+}
+
+// Each of these returns an empty text, or the error.
+
+std::string takeListen(const std::vector<std::string>& texts, Options& options) {
+    options.listen.clear();
+    for (const auto& text : texts) {
+        if (std::string error = parseListen(text, options.listen.emplace_back()); !error.empty()) {
+            return error;
+        }
+    }
+    return {};
+}
+
+std::string takeNetworks(const std::vector<std::string>& texts, std::vector<Network>& networks) {
+    for (const auto& text : texts) {
+        const auto network = parseNetwork(text);
+        if (!network) return "'" + text + "' is no network (a.b.c.d or a.b.c.d/n)";
+        networks.push_back(*network);
+    }
+    return {};
+}
+
+// An option that has no effect is refused: it would seem to protect.
+std::string takeAdmission(const Texts& texts, Options& options) {
+    std::string error = takeNetworks(texts.networks, options.admission.networks);
+    if (!error.empty()) return error;
+    for (const auto& text : texts.users) {
+        const auto user = parseUser(text);
+        if (!user) return "'" + text + "' is no user of this system";
+        options.admission.users.push_back(*user);
+    }
+    const auto unixSockets = std::ranges::count_if(options.listen, &ListenAddress::isUnix);
+    if (!texts.users.empty() && unixSockets == 0) {
+        return "-allow-user is for unix sockets, and no -listen names one (unix:/path)";
+    }
+    if (!texts.networks.empty() && unixSockets == std::ssize(options.listen)) {
+        return "-allow is for TCP, and every -listen names a unix socket";
+    }
+    return {};
+}
+
 std::string evaluate(const Texts& texts, Options& options) {
-    if (std::string error = parseListen(texts.listen, options); !error.empty()) return error;
+    if (std::string error = takeListen(texts.listen, options); !error.empty()) return error;
+    if (std::string error = takeAdmission(texts, options); !error.empty()) return error;
+    if (std::string error = takeNetworks(texts.statusFor, options.statusFor); !error.empty()) {
+        return error;
+    }
     if (!texts.address.empty()) {
         options.hostAddress = platform::resolveHost(texts.address);
         if (!options.hostAddress) return "cannot resolve address '" + texts.address + "'";
@@ -97,22 +166,39 @@ std::string evaluate(const Texts& texts, Options& options) {
 
 }  // namespace
 
-std::string parseListen(const std::string& text, Options& options) {
-    std::string shape = "'" + text + "' is no listen address (tcp:[host:]port)";
+std::string parseListen(const std::string& text, ListenAddress& address) {
+    if (const auto path = wire::unixPathOf(text)) {
+        std::string problem = wire::problemWithUnixPath(*path);
+        if (!problem.empty()) return "'" + text + "': " + problem;
+        address.path = *path;
+        return {};
+    }
+    std::string shape = "'" + text + "' is no listen address (" + wire::kDaemonForms + ')';
     constexpr std::string_view kScheme = "tcp:";
     if (!text.starts_with(kScheme)) return shape;
     const std::string rest = text.substr(kScheme.size());
     const auto colon = rest.rfind(':');
-    const auto port = parsePort(colon == std::string::npos ? rest : rest.substr(colon + 1));
+    const auto port =
+        parseNumber<std::uint16_t>(colon == std::string::npos ? rest : rest.substr(colon + 1));
     if (!port || colon == 0) return shape;
-    options.listenPort = *port;
-    options.listenAddress = platform::kLoopbackAddress;
+    address.endpoint = {platform::kLoopbackAddress, *port};
     if (colon == std::string::npos) return {};
     const std::string host = rest.substr(0, colon);
-    const auto address = platform::resolveHost(host);
-    if (!address) return "cannot resolve host '" + host + "'";
-    options.listenAddress = *address;
+    const auto resolved = platform::resolveHost(host);
+    if (!resolved) return "cannot resolve host '" + host + "'";
+    address.endpoint.address = *resolved;
     return {};
+}
+
+std::optional<Network> parseNetwork(const std::string& text) {
+    constexpr unsigned kBits = 32;
+    const auto slash = text.find('/');
+    const auto address = platform::parseDottedAddress(text.substr(0, slash));
+    std::optional<unsigned> bits = kBits;
+    if (slash != std::string::npos) bits = parseNumber<unsigned>(text.substr(slash + 1));
+    if (!address || !bits || *bits > kBits) return std::nullopt;
+    const auto mask = static_cast<std::uint32_t>(~0ULL << (kBits - *bits));
+    return Network{*address, mask};
 }
 
 std::optional<std::uint64_t> parseBytes(const std::string& text) {

@@ -4,17 +4,29 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/Log.h"
+#include "platform/Socket.h"
+#include "rvd/Admission.h"
 
 namespace kvx::rvd {
 
 inline constexpr std::uint64_t kDefaultQueueLimit = 64ULL << 20U;  ///< bytes per session
 
+/// Where to accept: at a TCP address, or at a unix socket.
+struct ListenAddress {
+    platform::Endpoint endpoint{platform::kLoopbackAddress, 0};  ///< port 0 takes a free one
+    std::string path{};                                          ///< of a unix socket, else empty
+
+    [[nodiscard]] bool isUnix() const { return !path.empty(); }
+};
+
 /// The options of the command line. Addresses are in host byte order.
 struct Options {
-    std::uint32_t listenAddress = 0;
-    std::uint16_t listenPort = 0;              ///< 0 takes a free one
+    std::vector<ListenAddress> listen{ListenAddress()};  ///< at least one
+    Admission admission;
+    std::vector<Network> statusFor;            ///< other hosts that may ask for reports
     std::optional<std::uint32_t> hostAddress;  ///< reported to local clients as their address
     std::uint64_t queueLimit = kDefaultQueueLimit;
     std::optional<std::uint64_t> memoryLimit;  ///< bytes of all sessions; without it half of what
@@ -34,9 +46,12 @@ struct CommandLine {
 
 [[nodiscard]] CommandLine parseCommandLine(int argc, const char* const* argv);
 
-/// Parses "tcp:port" or "tcp:host:port" into `options`; without a host the loopback. Returns an
-/// empty text, or the error.
-[[nodiscard]] std::string parseListen(const std::string& text, Options& options);
+/// Parses "tcp:port", "tcp:host:port" or "unix:/path" into `address`; without a host the loopback.
+/// Returns an empty text, or the error.
+[[nodiscard]] std::string parseListen(const std::string& text, ListenAddress& address);
+
+/// Parses "a.b.c.d" or, with the number of bits that must agree, "a.b.c.d/n"; nothing when invalid.
+[[nodiscard]] std::optional<Network> parseNetwork(const std::string& text);
 
 /// Parses a number of bytes with an optional k, M or G (1024, 1024^2, 1024^3); nothing when invalid
 /// or 0.

@@ -1,6 +1,7 @@
 // One peer's queue.
 //
-//   entries_:  [ front, perhaps begun ] [ notice? ] [ messages and control bytes in order ... ]
+//   entries_:  [ front, perhaps begun ] [ notice? ] [ what goes ahead ] [ messages and control
+//   bytes ]
 //
 // A loss notice is always the first entry not begun. While it waits there, further losses change
 // its content instead of adding another; once begun it is fixed, and the next loss starts a new
@@ -77,10 +78,23 @@ std::size_t Outbox::trim() {
 }
 
 bool Outbox::pushControl(wire::Bytes bytes) {
+    return insertControl(entries_.size(), bytes, Kind::Control);
+}
+
+bool Outbox::pushAhead(wire::Bytes bytes) {
+    const bool isWriting = frontBegun_ && entries_.front().kind == Kind::Ahead;
+    const std::size_t others = ahead_ - (isWriting ? 1 : 0);
+    const std::size_t first = (frontBegun_ ? 1 : 0) + (notice_ != Notice::None ? 1 : 0);
+    if (!insertControl(first + others, bytes, Kind::Ahead)) return false;
+    ++ahead_;
+    return true;
+}
+
+bool Outbox::insertControl(std::size_t position, wire::Bytes bytes, Kind kind) {
     const std::size_t cost = bytes.size() + kControlCost;
     if (holder_.held(Holding::Control) + cost > kControlLimit) return false;
-    entries_.push_back(
-        {Payload::copy(bytes), static_cast<std::uint32_t>(bytes.size()), Kind::Control});
+    entries_.insert(entries_.begin() + static_cast<std::ptrdiff_t>(position),
+                    {Payload::copy(bytes), static_cast<std::uint32_t>(bytes.size()), kind});
     holder_.charge(Holding::Control, cost);
     return true;
 }
@@ -240,6 +254,9 @@ void Outbox::popFront() {
         case Kind::Message:
             removeWaiting(1, size);
             break;
+        case Kind::Ahead:
+            --ahead_;
+            [[fallthrough]];
         case Kind::Control:
             holder_.discharge(Holding::Control, size + kControlCost);
             break;

@@ -63,6 +63,8 @@ class Outbox {
     /// when they would take more than `kControlLimit` of memory: the peer sends requests without
     /// reading. Throws `std::bad_alloc` and changes nothing.
     [[nodiscard]] bool pushControl(wire::Bytes bytes);
+    /// The same, ahead of everything not yet begun but a notice and what has gone ahead before.
+    [[nodiscard]] bool pushAhead(wire::Bytes bytes);
 
     /// Drops the oldest message not begun. False when there is none.
     bool dropOldest(LossCause cause);
@@ -110,7 +112,7 @@ class Outbox {
   private:
     static constexpr std::size_t kGrown = 4'096;  // entries
 
-    enum class Kind : std::uint8_t { Message, Control, Notice };
+    enum class Kind : std::uint8_t { Message, Control, Ahead, Notice };
     // The state of the notice at the first place not begun.
     enum class Notice : std::uint8_t {
         None,    // no notice
@@ -135,6 +137,7 @@ class Outbox {
         waitingBytes_ -= bytes;
         waitingMessages_ -= messages;
     }
+    bool insertControl(std::size_t position, wire::Bytes bytes, Kind kind);
     void drop(std::size_t position, std::size_t number, LossCause cause);
     std::size_t dropForRoom(std::size_t most);
     [[nodiscard]] std::size_t oldestMessage() const;
@@ -155,6 +158,7 @@ class Outbox {
     Counters& counters_;
 
     std::deque<Entry> entries_;
+    std::size_t ahead_ = 0;         // entries of that kind
     bool frontBegun_ = false;       // the first entry is being written
     std::size_t sentOfFront_ = 0;   // bytes of it that are written
     std::size_t waitingBytes_ = 0;  // of messages, whole ones

@@ -3,7 +3,8 @@
 //   AwaitAnswer --12 bytes--> AwaitAgreement (version 4) or AwaitBlock (version 3)
 //   either      --64 bytes--> AwaitInit
 //   AwaitInit   --init------> Open      (an init that names no service or no network is answered
-//                                        with an error and changes nothing)
+//                                        with an error and changes nothing; one of a peer that may
+//                                        not be a session is, too, and leads to Closed)
 //   Open        --messages--> Open
 //   any         --failure, close notice, silence, shutdown--> Closed
 //
@@ -30,32 +31,19 @@ namespace kvx::rvd {
 using platform::Milliseconds;
 using wire::Bytes;
 
-const char* closeText(CloseReason reason) {
+std::optional<Counter> counterOf(CloseReason reason) {
     switch (reason) {
         case CloseReason::PeerClosed:
-            return "closed by the peer";
-        case CloseReason::BadGreeting:
-            return "bad greeting";
-        case CloseReason::BadParameters:
-            return "no agreement on the link's parameters";
-        case CloseReason::BadFrame:
-            return "not a stream of messages";
-        case CloseReason::NoInit:
-            return "a message before the init message";
-        case CloseReason::TooMuchAtOnce:
-            return "too many bytes before the init message";
-        case CloseReason::TooManyListens:
-            return kTooManyListens;
-        case CloseReason::TooManyPatterns:
-            return "its patterns take more than 1024 steps to match one message";
         case CloseReason::OutOfMemory:
-            return "it held most of a full memory";
-        case CloseReason::TimedOut:
-            return "silent for too long";
         case CloseReason::ShuttingDown:
-            return "the daemon ends";
+            return std::nullopt;
+        case CloseReason::NotAllowed:
+            return Counter::ConnectionsNotAllowed;
+        case CloseReason::TimedOut:
+            return Counter::ConnectionsTimedOut;
+        default:
+            return Counter::ConnectionsFailed;
     }
-    return "";
 }
 
 void Peer::close(CloseReason reason) {
@@ -196,11 +184,14 @@ void Peer::onFirstMessage(Bytes message) {
 bool Peer::onInit(Bytes message) {
     const wire::Init init = wire::readInit(message);
     const bool open = state_ == PeerState::Open;
+    if (!open && !actions_.mayJoin()) {
+        refuse(session_code::kNotPermitted);
+        close(CloseReason::NotAllowed);
+        return false;
+    }
     if (!init.service || !init.network) {
         if (!open) {
-            const std::int32_t error =
-                init.service ? session_code::kNetworkNotFound : session_code::kServiceNotFound;
-            actions_.send(wire::buildErrorReply(error).message.view());
+            refuse(init.service ? session_code::kNetworkNotFound : session_code::kServiceNotFound);
         }
         return false;
     }
@@ -217,31 +208,54 @@ bool Peer::onInit(Bytes message) {
     return true;
 }
 
+void Peer::refuse(std::int32_t error) {
+    actions_.send(wire::buildErrorReply(error).message.view());
+}
+
 void Peer::onData(Bytes encoded, const wire::Frame& frame) {
     counters_.add(Counter::MessagesReceived);
     counters_.add(Counter::BytesReceived, frame.bytes.size());
     const auto subject = SubjectView::parse(encoded.data(), encoded.size());
-    if (!subject) {
-        counters_.add(Counter::MessagesUnreadable);
-    } else if (advisory::coversSystemSubject(*subject) || coversDaemonSubject(*subject)) {
-        onReserved(*subject, frame);
-    } else {
-        actions_.publish(*subject, payloadOf(frame));
-    }
+    if (!subject) return counters_.add(Counter::MessagesUnreadable);
+    if (advisory::coversSystemSubject(*subject)) return counters_.add(Counter::MessagesReserved);
+    const DaemonSubject own = daemonSubjectOf(*subject);
+    if (own != DaemonSubject::None) return onDaemonSubject(own, frame);
+    actions_.publish(*subject, payloadOf(frame));
 }
 
 PayloadRef Peer::payloadOf(const wire::Frame& frame) {
     return frame.assembled ? Payload::own(reader_.takeAssembled()) : Payload::borrow(frame.bytes);
 }
 
-void Peer::onReserved(SubjectView subject, const wire::Frame& frame) {
-    if (!isLossReportSubject(subject) || !actions_.mayReportLoss()) {
-        return counters_.add(Counter::MessagesReserved);
+void Peer::onDaemonSubject(DaemonSubject subject, const wire::Frame& frame) {
+    switch (subject) {
+        case DaemonSubject::Lost:
+            return onLossReport(frame);
+        case DaemonSubject::Status:
+        case DaemonSubject::Sessions:
+        case DaemonSubject::Subjects:
+        case DaemonSubject::Trace:
+            return onInquiry(subject, frame);
+        case DaemonSubject::None:
+        case DaemonSubject::Interest:
+        case DaemonSubject::Any:
+            return counters_.add(Counter::MessagesReserved);
     }
+}
+
+void Peer::onLossReport(const wire::Frame& frame) {
+    if (!actions_.mayReportLoss()) return counters_.add(Counter::MessagesReserved);
     const PayloadRef message = payloadOf(frame);
     const auto report = readLossReport(message->bytes());
     if (!report) return counters_.add(Counter::MessagesUnreadable);
     actions_.reportLoss(report->subject, report->lost, message);
+}
+
+void Peer::onInquiry(DaemonSubject subject, const wire::Frame& frame) {
+    const auto inquiry = readInquiry(subject, frame.bytes);
+    if (!inquiry) return counters_.add(Counter::MessagesUnreadable);
+    counters_.add(Counter::Inquiries);
+    actions_.ask(*inquiry);
 }
 
 void Peer::onListen(Bytes encoded) {

@@ -3,33 +3,24 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "platform/Clock.h"
+#include "rv/error/rvReasons.h"
 #include "rv/message/SubjectView.h"
 #include "rv/wire/FrameReader.h"
 #include "rv/wire/Limits.h"
 #include "rvd/Counters.h"
+#include "rvd/Inquiry.h"
 #include "rvd/Payload.h"
 
 namespace kvx::rvd {
 
-/// Why a connection ends.
-enum class CloseReason : std::uint8_t {
-    PeerClosed,     ///< the peer sent its close notice
-    BadGreeting,    ///< first word not zero, or an unsupported version
-    BadParameters,  ///< no agreement on the queue
-    BadFrame,       ///< the byte stream is not a sequence of messages
-    NoInit,         ///< something other than an init message came first
-    TooMuchAtOnce,  ///< too many bytes before the first init message
-    TooManyListens,
-    TooManyPatterns,  ///< they cost a message too much
-    OutOfMemory,      ///< it held most of a full memory
-    TimedOut,         ///< no init in time, or silence for too long
-    ShuttingDown      ///< the daemon ends
-};
-[[nodiscard]] const char* closeText(CloseReason reason);
+/// What counts connections that end for that reason; nothing for one that is no failure, or counted
+/// where it arises.
+[[nodiscard]] std::optional<Counter> counterOf(CloseReason reason);
 
 /// The actions that a peer's bytes request. The calls come in stream order; views are valid during
 /// the call.
@@ -39,6 +30,8 @@ class PeerActions {
 
     /// Queues bytes of the link itself, in order with everything else.
     virtual void send(wire::Bytes bytes) = 0;
+    /// Whether the peer may be a session; else it is told so, and the connection closed.
+    virtual bool mayJoin() { return true; }
     /// Makes the peer a session of this space. Called at most once.
     virtual void join(std::string_view service, std::string_view network) = 0;
     /// The peer's session has said its name.
@@ -54,13 +47,15 @@ class PeerActions {
     /// It reports messages on `subject`, which is within `message`, as lost.
     virtual void reportLoss(SubjectView /*subject*/, std::uint64_t /*lost*/,
                             const PayloadRef& /*message*/) {}
+    /// It asks the daemon something.
+    virtual void ask(const Inquiry& /*inquiry*/) {}
     /// False when the peer's turn is over: it stops reading its bytes.
     virtual bool mayGoOn() = 0;
     /// Closes the connection after the queued output. Called at most once, and last.
     virtual void close(CloseReason reason) = 0;
 };
 
-/// The client's TCP address as the daemon reports it, in network byte order.
+/// The client's address as the daemon reports it, in network byte order; port 0 at a unix socket.
 struct PeerAddress {
     std::uint32_t ipAddress = 0;
     std::uint16_t ipPort = 0;
@@ -118,8 +113,11 @@ class Peer {
     void onMessage(const wire::Frame& frame);
     void onFirstMessage(wire::Bytes message);
     bool onInit(wire::Bytes message);
+    void refuse(std::int32_t error);
     void onData(wire::Bytes encoded, const wire::Frame& frame);
-    void onReserved(SubjectView subject, const wire::Frame& frame);
+    void onDaemonSubject(DaemonSubject subject, const wire::Frame& frame);
+    void onLossReport(const wire::Frame& frame);
+    void onInquiry(DaemonSubject subject, const wire::Frame& frame);
     PayloadRef payloadOf(const wire::Frame& frame);
     void onListen(wire::Bytes encoded);
     void onCancel(wire::Bytes encoded);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include "rvd/Payload.h"
 
 namespace kvx::rvd {
@@ -8,6 +10,8 @@ namespace kvx::rvd {
 class Receiver {
   public:
     virtual ~Receiver() = default;
+    /// Which one it is, for reports: of all connections, in the order of accepting.
+    [[nodiscard]] virtual std::uint64_t number() const { return 0; }
     virtual void deliver(const PayloadRef& message) = 0;
     /// The patterns of its session cost too much: the session must leave, though not within this
     /// call.

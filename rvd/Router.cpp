@@ -24,17 +24,19 @@
 #include <random>
 
 #include "rv/wire/Limits.h"
+#include "rvd/DaemonSubject.h"
 
 namespace kvx::rvd {
 
 struct Router::Space {
-    Space(SpaceName spaceName, const Interest::Settings& settings)
-        : name(std::move(spaceName)), interest(settings) {}
+    Space(std::uint64_t spaceNumber, SpaceName spaceName, const Interest::Settings& settings)
+        : number(spaceNumber), name(std::move(spaceName)), interest(settings) {}
     // Whether a session that does not follow listens to exactly that subject.
     [[nodiscard]] bool isListenedTo(SubjectView subject) const {
         return tree.find(subject) != 0 || interest.hasPattern(subject);
     }
 
+    const std::uint64_t number;
     const SpaceName name;
     const SubjectHash hash{std::random_device()()};  // of the numbers of subjects
     SubjectTree<Session> tree;
@@ -107,6 +109,22 @@ bool Router::Session::follows() const {
     return own_ && own_->follower;
 }
 
+std::uint64_t Router::Session::space() const {
+    return space_.number;
+}
+
+const std::string& Router::Session::service() const {
+    return space_.name.first;
+}
+
+const std::string& Router::Session::network() const {
+    return space_.name.second;
+}
+
+std::size_t Router::Session::patterns() const {
+    return patterns_ + (own_ ? own_->listens.size() : 0);
+}
+
 bool Router::Session::isIn(std::string_view service, std::string_view network) const {
     return space_.name.first == serviceOrDefault(service) && space_.name.second == network;
 }
@@ -116,7 +134,7 @@ Router::Session& Router::join(std::string_view service, std::string_view network
     const SpaceName name(serviceOrDefault(service), network);
     const auto found = spaces_.find(name);
     std::unique_ptr<Space> made;
-    if (found == spaces_.end()) made = std::make_unique<Space>(name, interest_);
+    if (found == spaces_.end()) made = std::make_unique<Space>(++newestSpace_, name, interest_);
     Space& space = made ? *made : *found->second;
     space.sessions.push_back(std::unique_ptr<Session>(new Session(space, receiver, matchNumber_)));
     if (made) spaces_.emplace(name, std::move(made));
@@ -225,7 +243,7 @@ Router::Place Router::placeFor(Session& session, SubjectView subject) {
 // they are undone.
 bool Router::listen(Session& session, SubjectView subject) {
     (void)clearUp(kUndonePerListen);
-    if (isInterestSubject(subject) && follow(session)) return true;
+    if (daemonSubjectOf(subject) == DaemonSubject::Interest && follow(session)) return true;
     Listen* const known = placeOf(session, subject).listen;
     if (known == nullptr) {
         const std::size_t most = session.follows() ? kMaxListensOfFollower : kMaxListens;
@@ -332,7 +350,7 @@ void Router::refresh(Session& session, std::uint64_t losses) noexcept {
 }
 
 void Router::cancel(Session& session, SubjectView subject) {
-    if (session.isTold_ && isInterestSubject(subject)) {
+    if (session.isTold_ && daemonSubjectOf(subject) == DaemonSubject::Interest) {
         counters_.subtract(Counter::ListensOpen);
         --session.listenCount_;
         if (--session.own_->follower->listens != 0) return;
@@ -474,6 +492,51 @@ bool Router::Match::enterNext(SubjectView subject) {
         const bool isExact = how_ != SubjectMatch::kCovered && own.tree.find(subject) != 0;
         isExact ? find(*own.session) : void(own_ = std::make_unique<OwnSearch>(next->second, how_));
     }
+    return true;
+}
+
+Router::Trace::Trace(const Session& from, SubjectView subject)
+    : space_(from.space_),
+      how_(deliveryMatch(subject)),
+      isFromFollower_(from.follows()),
+      search_(std::in_place, space_.tree, how_) {}
+
+Router::Trace::~Trace() = default;
+
+std::optional<Router::Trace::Hit> Router::Trace::next(SubjectView subject, std::size_t& steps) {
+    while (steps > 0 && !isDone_) {
+        const bool isThrough = search_->isDone();
+        if (isThrough) {
+            isDone_ = !enterNext();
+            --steps;
+        } else if (const auto hit = search(subject, steps)) {
+            return hit;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<Router::Trace::Hit> Router::Trace::search(SubjectView subject, std::size_t& steps) {
+    Session* found = nullptr;
+    (void)search_->advance(subject, steps, [&found](Session& session) {
+        found = &session;
+        return false;
+    });
+    if (found == nullptr || found->receiver_ == nullptr) return std::nullopt;
+    const SubjectView listened = (own_ ? own_->tree : space_.tree).subject(search_->subject());
+    const Place place = placeOf(*found, listened);
+    return Hit{found->receiver_->number(), listened,
+               place.listen != nullptr ? place.listen->number : 0};
+}
+
+bool Router::Trace::enterNext() {
+    auto next = space_.ownTrees.upper_bound(lastOwn_);
+    while (next != space_.ownTrees.end() && next->second->follower && isFromFollower_) ++next;
+    if (next == space_.ownTrees.end()) return false;
+    lastOwn_ = next->first;
+    search_.reset();  // before its tree
+    own_ = next->second;
+    search_.emplace(own_->tree, how_);
     return true;
 }
 

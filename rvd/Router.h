@@ -48,6 +48,7 @@ class Router {
 
     class Session;
     class Match;
+    class Trace;
 
     /// `queueLimit`: what may wait for one session, in bytes; what is told fits into that.
     explicit Router(Counters& counters, std::size_t queueLimit = kUnlimitedQueue);
@@ -138,6 +139,7 @@ class Router {
     bool lastFollows_ = false;          // the sender
     std::uint64_t lastChanges_ = 0;
     std::vector<std::uint8_t> lastSubject_;
+    std::uint64_t newestSpace_ = 0;  // its number
     std::uint64_t matchNumber_ = 0;  // of the newest match
 };
 
@@ -148,6 +150,15 @@ class Router::Session {
 
     /// Memory of its listens in bytes, an upper estimate.
     [[nodiscard]] std::size_t listenBytes() const { return listenBytes_; }
+
+    /// The number of its space, which no other one has had.
+    [[nodiscard]] std::uint64_t space() const;
+    [[nodiscard]] const std::string& service() const;
+    [[nodiscard]] const std::string& network() const;
+    /// Listens in force, each counted as often as it was made.
+    [[nodiscard]] std::uint64_t listens() const { return listenCount_; }
+    /// Distinct subjects with wildcards; of one that follows all its subjects.
+    [[nodiscard]] std::size_t patterns() const;
 
     /// Whether it is told the interest of its space.
     [[nodiscard]] bool isTold() const { return isTold_; }
@@ -215,6 +226,40 @@ class Router::Match {
     bool hasFound_ = false;
     bool isDone_ = false;
     std::unordered_set<Receiver*> seen_;  // found in earlier turns
+};
+
+/// Finds the listens by which a message would reach sessions of its space. Between calls everything
+/// may change. The session that asks must outlive it.
+class Router::Trace {
+  public:
+    struct Hit {
+        std::uint64_t session;  ///< `Receiver::number`
+        SubjectView subject;    ///< of the listen, valid until the router changes
+        std::uint32_t count;    ///< how often it was made
+    };
+
+    /// Of a message of `from`.
+    Trace(const Session& from, SubjectView subject);
+    Trace(const Trace&) = delete;
+    Trace& operator=(const Trace&) = delete;
+    ~Trace();
+
+    /// The next one; nothing at the end, or when `steps`, which are lowered by those made, are used
+    /// up. `subject` must have the same bytes in every call.
+    [[nodiscard]] std::optional<Hit> next(SubjectView subject, std::size_t& steps);
+    [[nodiscard]] bool isDone() const { return isDone_; }
+
+  private:
+    std::optional<Hit> search(SubjectView subject, std::size_t& steps);
+    bool enterNext();
+
+    Space& space_;
+    const SubjectMatch how_;
+    const bool isFromFollower_;
+    std::shared_ptr<OwnTree> own_;  // the tree being searched; null: that of the space
+    std::optional<SubjectTree<Session>::Search> search_;
+    std::uint64_t lastOwn_ = 0;  // the number of the last one
+    bool isDone_ = false;
 };
 
 }  // namespace kvx::rvd

@@ -18,10 +18,8 @@
 namespace kvx::rvd {
 namespace {
 
-constexpr int kBacklog = 511;  // pending connections
 constexpr std::uint64_t kTickMs = 1'000;
-constexpr std::uint64_t kSoonMs = 50;                  // while the daemon ends, and without memory
-constexpr platform::Milliseconds kCrowdedMs = 60'000;  // between two lines of the log
+constexpr std::uint64_t kSoonMs = 50;         // while the daemon ends, and without memory
 constexpr std::size_t kSpareDescriptors = 8;  // one to turn a newcomer away with, and files
 constexpr unsigned kAcceptedAtOnce = 16;      // connections, in one turn of the loop
 constexpr std::size_t kListensAtOnce = 64;    // undone between two looks at the clock
@@ -46,14 +44,6 @@ std::uint32_t hostAddressFor(const Options& options) {
     return platform::localHostAddress().value_or(platform::kLoopbackAddress);
 }
 
-std::string addressText(const uv_tcp_t& tcp) {
-    sockaddr_in name{};
-    int length = sizeof name;
-    uv_tcp_getsockname(&tcp, reinterpret_cast<sockaddr*>(&name), &length);
-    return "tcp:" + platform::dottedAddress(ntohl(name.sin_addr.s_addr)) + ':' +
-           std::to_string(ntohs(name.sin_port));
-}
-
 template <class Handle>
 void closeHandle(Handle& handle) {
     auto* plain = reinterpret_cast<uv_handle_t*>(&handle);
@@ -75,50 +65,56 @@ Server::Server(const Options& options, platform::Log log)
                router_,
                batch_,
                line_,
+               busy_,
+               reports_,
                options.queueLimit,
                options.stepsAtOnce,
                hostAddressFor(options),
+               options_.admission,
+               options_.statusFor,
                [this](int descriptor) { reserveWatchers(static_cast<std::size_t>(descriptor)); },
                [this](const Connection& connection) { unannounced_.erase(connection.number()); },
+               [this](const Connection& connection) {
+                   notAllowed_.warn(connection.peerName() +
+                                        " is turned away: " + textOf(CloseReason::NotAllowed),
+                                    now());
+               },
                [this](const Connection& connection) { onClosed(connection); },
                [this](Connection& connection) { forget(connection); }} {
     uv_loop_init(&loop_);
-    uv_tcp_init(&loop_, &listener_);
     uv_timer_init(&loop_, &tick_);
     uv_prepare_init(&loop_, &turn_);
     uv_idle_init(&loop_, &goOn_);
     uv_signal_init(&loop_, &terminate_);
     uv_signal_init(&loop_, &interrupt_);
     uv_signal_init(&loop_, &report_);
-    listener_.data = tick_.data = turn_.data = goOn_.data = terminate_.data = interrupt_.data =
-        report_.data = this;
+    tick_.data = turn_.data = goOn_.data = terminate_.data = interrupt_.data = report_.data = this;
 }
 
 Server::~Server() {
-    for (auto& [connection, holder] : connections_) connection->destroy();
+    for (auto& [number, connection] : connections_) connection->destroy();
     closeHandles();
     uv_run(&loop_, UV_RUN_DEFAULT);
     uv_loop_close(&loop_);
 }
 
+bool Server::listen() {
+    for (const ListenAddress& address : options_.listen) {
+        const auto arrived = [this](Listener& from, int status) { onConnection(from, status); };
+        Listener& made =
+            *listeners_.emplace_back(std::make_unique<Listener>(loop_, address, arrived));
+        if (const std::string error = made.open(); !error.empty()) {
+            log_.error("cannot listen on " + made.text() + ": " + error);
+            return false;
+        }
+        address_ += (address_.empty() ? "" : " ") + made.text();
+    }
+    return true;
+}
+
 bool Server::start() {
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(options_.listenAddress);
-    local.sin_port = htons(options_.listenPort);
-    int status = uv_tcp_bind(&listener_, reinterpret_cast<const sockaddr*>(&local), 0);
-    if (status == 0) {
-        status = uv_listen(reinterpret_cast<uv_stream_t*>(&listener_), kBacklog,
-                           [](uv_stream_t* listener, int result) {
-                               serverOf(listener->data)->onConnection(result);
-                           });
-    }
-    if (status != 0) {
-        log_.error("cannot listen on tcp:" + platform::dottedAddress(options_.listenAddress) + ':' +
-                   std::to_string(options_.listenPort) + ": " + uv_strerror(status));
-        return false;
-    }
-    address_ = addressText(listener_);
+    if (!listen()) return false;
+    bornAt_ = tickedAt_ = now();
     const std::size_t descriptors = platform::raiseDescriptorLimit();
     mostOpen_ = descriptors > kSpareDescriptors ? descriptors - kSpareDescriptors : 1;
     startTick(kTickMs);
@@ -147,46 +143,58 @@ int Server::run() {
 }
 
 // libuv goes on only when a connection is accepted.
-void Server::onConnection(int status) {
+void Server::onConnection(Listener& listener, int status) {
     if (status == 0 && acceptedNow_ == kAcceptedAtOnce) {
-        isNextWaiting_ = true;
+        listener.wait = Listener::Wait::NextTurn;
         return;
     }
     try {
         if (status == 0) {
             ++acceptedNow_;
-            acceptNext();
+            acceptNext(listener);
         } else {
-            warnCrowded(std::string("cannot accept: ") + uv_strerror(status));
+            crowded_.warn(std::string("cannot accept: ") + uv_strerror(status), now());
         }
     } catch (const std::bad_alloc&) {
-        isNewcomerWaiting_ = status == 0;
+        if (status == 0) listener.wait = Listener::Wait::Memory;
         startTick(kSoonMs);
     }
     batch_.end();
 }
 
+void Server::goOnAccepting(Listener::Wait since) {
+    for (const auto& listener : listeners_) {
+        if (listener->wait != since) continue;
+        listener->wait = Listener::Wait::Nothing;
+        if (!stopping_) onConnection(*listener, 0);
+    }
+}
+
+bool Server::isNextWaiting() const {
+    return std::ranges::any_of(listeners_, [](const auto& listener) {
+        return listener->wait == Listener::Wait::NextTurn;
+    });
+}
+
 // Throws `std::bad_alloc` when the connection is not accepted.
-void Server::acceptNext() {
-    auto* const listener = reinterpret_cast<uv_stream_t*>(&listener_);
+void Server::acceptNext(Listener& listener) {
     if (gone_.capacity() <= connections_.size()) gone_.reserve(2 * connections_.size() + 8);
     auto made = std::make_unique<Connection>(context_, accepted_ + 1);
     Connection* connection = made.get();
     const auto place = unannounced_.emplace(connection->number(), connection).first;
     try {
-        connections_.emplace(connection, std::move(made));
+        connections_.emplace_hint(connections_.end(), connection->number(), std::move(made));
     } catch (...) {
         unannounced_.erase(place);
         throw;
     }
     ++accepted_;
     ++open_;
-    isNewcomerWaiting_ = false;
     if (open_ > mostOpen_ && !makeRoom()) {
         counters_.add(Counter::ConnectionsRefused);
-        return connection->refuse(listener);
+        return connection->refuse(listener.socket());
     }
-    if (!connection->accept(listener)) connection->destroy();
+    if (!connection->accept(listener.socket())) connection->destroy();
 }
 
 // libuv ends the process when its table of watchers, one for each descriptor, cannot grow. So twice
@@ -202,20 +210,14 @@ void Server::reserveWatchers(std::size_t descriptor) {
 // newest one.
 bool Server::makeRoom() noexcept {
     try {
-        warnCrowded("all " + std::to_string(mostOpen_) +
-                    " connections for which there are descriptors are in use");
+        crowded_.warn("all " + std::to_string(mostOpen_) +
+                          " connections for which there are descriptors are in use",
+                      now());
     } catch (const std::bad_alloc&) {  // the counters tell
     }
     if (unannounced_.size() <= 1) return false;
     unannounced_.begin()->second->destroy();
     return true;
-}
-
-// At most one line a minute.
-void Server::warnCrowded(const std::string& what) {
-    if (crowdedAt_ && now() - *crowdedAt_ < kCrowdedMs) return;
-    crowdedAt_ = now();
-    log_.warning(what);
 }
 
 void Server::onClosed(const Connection& connection) {
@@ -227,16 +229,14 @@ void Server::onTurn() {
     batch_.end();
     line_.nextTurn();
     acceptedNow_ = 0;
-    if (line_.empty() && !hasToClearUp() && !isNextWaiting_) {
+    if (line_.empty() && !hasToClearUp() && !isNextWaiting()) {
         uv_idle_stop(&goOn_);
     } else {
         uv_idle_start(&goOn_, [](uv_idle_t* idle) {
             Server& server = *serverOf(idle->data);
             server.line_.run();
             if (server.hasToClearUp()) server.line_.serve(server.cleaner_);
-            if (std::exchange(server.isNextWaiting_, false) && !server.stopping_) {
-                server.onConnection(0);
-            }
+            server.goOnAccepting(Listener::Wait::NextTurn);
             server.batch_.end();
         });
     }
@@ -261,22 +261,55 @@ void Server::forget(Connection& connection) {
 }
 
 void Server::erase(Connection& connection) {
-    connections_.erase(&connection);
+    connections_.erase(connection.number());
     if (stopping_ && connections_.empty()) closeHandles();
 }
 
 void Server::onTick() {
     const bool late = stopping_ && now() >= stopBy_;
-    for (auto& [connection, holder] : connections_) {
+    const platform::Milliseconds elapsed = now() - std::exchange(tickedAt_, now());
+    measure(elapsed);
+    for (auto& [number, connection] : connections_) {
         if (late) {
             connection->destroy();
         } else {
-            connection->tick();
+            connection->tick(elapsed);
         }
     }
-    if (isNewcomerWaiting_ && !stopping_) onConnection(0);
+    goOnAccepting(Listener::Wait::Memory);
     batch_.end();
     returnMemory();
+}
+
+void Server::measure(platform::Milliseconds elapsed) {
+    for (std::size_t i = 0; i < static_cast<std::size_t>(Counter::Count); ++i) {
+        const auto counter = static_cast<Counter>(i);
+        rates_.set(counter, perSecond(counters_[counter] - before_[counter], elapsed));
+    }
+    before_ = counters_;
+    busy_.tick(elapsed);
+}
+
+StatusFacts Server::status() const {
+    StatusFacts facts;
+    facts.pid = platform::processId();
+    for (const auto& listener : listeners_) facts.addresses.push_back(listener->text());
+    facts.started = startedAt_;
+    facts.age = now() - bornAt_;
+    facts.queueLimit = options_.queueLimit;
+    facts.descriptors = mostOpen_;
+    facts.memoryLimit = account_.limit();
+    facts.memoryUsed = account_.used();
+    facts.memory = account_.kinds();
+    facts.counters = &counters_;
+    facts.rates = &rates_;
+    return facts;
+}
+
+std::optional<SessionFacts> Server::sessionAfter(std::uint64_t number) const {
+    const auto next = connections_.upper_bound(number);
+    if (next == connections_.end()) return std::nullopt;
+    return next->second->facts();
 }
 
 void Server::returnMemory() {
@@ -290,11 +323,15 @@ void Server::stop() {
     stopping_ = true;
     stopBy_ = now() + Connection::kEndingMs;
     logStop();
-    closeHandle(listener_);
+    closeListeners();
     startTick(kSoonMs);
-    for (auto& [connection, holder] : connections_) connection->shutDown();
+    for (auto& [number, connection] : connections_) connection->shutDown();
     batch_.end();
     if (connections_.empty()) closeHandles();
+}
+
+void Server::closeListeners() {
+    for (const auto& listener : listeners_) listener->close();
 }
 
 // Closing the handles makes libuv restore the default signal handling; a second signal before the
@@ -304,7 +341,7 @@ void Server::closeHandles() {
                                    platform::signal_number::interrupt(),
                                    platform::signal_number::user1()};
     platform::blockSignals(endingSignals);
-    closeHandle(listener_);
+    closeListeners();
     closeHandle(tick_);
     closeHandle(turn_);
     closeHandle(goOn_);
@@ -323,7 +360,7 @@ void Server::logStop() noexcept {
 void Server::logCounters() noexcept {
     if (!log_.enabled(platform::LogLevel::Info)) return;
     std::uint64_t waiting = 0;
-    for (const auto& [connection, holder] : connections_) waiting += connection->waitingMessages();
+    for (const auto& [number, connection] : connections_) waiting += connection->waitingMessages();
     counters_.set(Counter::MessagesWaiting, waiting);
     try {
         std::string line = "counted:";

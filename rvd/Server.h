@@ -7,32 +7,35 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "platform/Log.h"
 #include "rvd/Batch.h"
+#include "rvd/BusySubjects.h"
 #include "rvd/Connection.h"
 #include "rvd/Counters.h"
 #include "rvd/Line.h"
+#include "rvd/Listener.h"
 #include "rvd/MemoryAccount.h"
 #include "rvd/Options.h"
+#include "rvd/RareWarning.h"
+#include "rvd/Reports.h"
 #include "rvd/Router.h"
 
 namespace kvx::rvd {
 
-/// The daemon: accepts, reads, routes and writes on one thread and one libuv loop. Only this class
-/// and `Connection` do I/O.
-class Server {
+/// The daemon: accepts, reads, routes and writes on one thread and one libuv loop. Only this class,
+/// `Listener` and `Connection` do I/O.
+class Server : private Observed {
   public:
     Server(const Options& options, platform::Log log);
-    ~Server();
+    ~Server() override;
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    /// Binds and listens. False, with a line in the log, when that fails.
+    /// Binds and listens. False, with a line in the log, when that fails for any address.
     [[nodiscard]] bool start();
-    /// The listening address, such as "tcp:127.0.0.1:41233", once started.
+    /// The listening addresses, such as "tcp:127.0.0.1:41233 unix:/path", once started.
     [[nodiscard]] const std::string& address() const { return address_; }
     /// Serves until SIGTERM or SIGINT. Returns the exit status. SIGUSR1 logs the counters.
     int run();
@@ -45,23 +48,31 @@ class Server {
         Server& server;
     };
 
-    void onConnection(int status);
+    // Observed
+    [[nodiscard]] StatusFacts status() const override;
+    [[nodiscard]] std::optional<SessionFacts> sessionAfter(std::uint64_t number) const override;
+
+    [[nodiscard]] bool listen();
+    void onConnection(Listener& listener, int status);
+    void goOnAccepting(Listener::Wait since);
+    [[nodiscard]] bool isNextWaiting() const;
     void onTurn();
     void reserveWatchers(std::size_t descriptor);
     bool makeRoom() noexcept;
-    void warnCrowded(const std::string& what);
     void onClosed(const Connection& connection);
-    void acceptNext();
+    void acceptNext(Listener& listener);
     void startTick(std::uint64_t firstMs);
     void returnMemory();
     void onTick();
+    void measure(platform::Milliseconds elapsed);
     void stop();
     [[nodiscard]] bool hasToClearUp() const { return !gone_.empty() || router_.hasLeft(); }
     void clearUp();
     void forget(Connection& connection);
     void erase(Connection& connection);
+    void closeListeners();
     void closeHandles();
-    [[nodiscard]] platform::Milliseconds now() const {
+    [[nodiscard]] platform::Milliseconds now() const override {
         return static_cast<platform::Milliseconds>(uv_now(&loop_));
     }
     void logStop() noexcept;
@@ -71,13 +82,13 @@ class Server {
     platform::Log log_;
 
     uv_loop_t loop_{};
-    uv_tcp_t listener_{};
     uv_timer_t tick_{};
     uv_prepare_t turn_{};  // before the loop waits
     uv_idle_t goOn_{};     // it does not wait: somebody is in the line
     uv_signal_t terminate_{};
     uv_signal_t interrupt_{};
     uv_signal_t report_{};
+    std::vector<std::unique_ptr<Listener>> listeners_;
     std::string address_;
     Counters counters_;
     MemoryAccount account_;
@@ -85,19 +96,25 @@ class Server {
     Batch batch_{account_};
     Line line_;
     Cleaner cleaner_{*this};
+    BusySubjects busy_;
+    const Reports reports_{*this, busy_};
     const ConnectionContext context_;
-    std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_;
+    std::map<std::uint64_t, std::unique_ptr<Connection>> connections_;  // by number
     std::vector<Connection*> gone_;  // that are heavy; has room for all
     std::uint64_t accepted_ = 0;
     std::size_t watchers_ = 0;                          // for which libuv has memory
     std::size_t open_ = 0;                              // of the connections
     std::map<std::uint64_t, Connection*> unannounced_;  // by number, so the oldest is the first
     std::size_t mostOpen_ = 0;                          // for which there are descriptors
-    std::optional<platform::Milliseconds> crowdedAt_;   // when the log last said so
-    bool isNewcomerWaiting_ = false;         // there was no memory to accept a connection
+    RareWarning crowded_{log_};
+    RareWarning notAllowed_{log_};
     unsigned acceptedNow_ = 0;               // connections, in the present turn
-    bool isNextWaiting_ = false;             // for the next turn
     platform::Milliseconds returnedAt_ = 0;  // when freed memory was returned to the system
+    const std::int64_t startedAt_ = platform::wallMilliseconds();
+    platform::Milliseconds bornAt_ = 0;
+    platform::Milliseconds tickedAt_ = 0;
+    Counters before_;  // at the last tick
+    Counters rates_;   // what they grew by in the second before that
     bool stopping_ = false;
     platform::Milliseconds stopBy_ = 0;
 };

@@ -36,12 +36,14 @@ inline constexpr const char* kDescriptionField = "ADV_DESC";
 
 inline constexpr const char* kNoMemoryName = "CLIENT.NOMEMORY";
 inline constexpr const char* kDisconnectedName = "RVD.DISCONNECTED";
+inline constexpr const char* kRefusedName = "RVD.REFUSED";
 inline constexpr const char* kStarvationName = "EVENTLOOP.STARVATION";
 inline constexpr const char* kFastProducerName = "CLIENT.FASTPRODUCER";
 inline constexpr const char* kDataLossName = "DATALOSS";
 
 inline constexpr const char* kNoMemorySubject = "_RV.ERROR.SYSTEM.CLIENT.NOMEMORY";
 inline constexpr const char* kDisconnectedSubject = "_RV.WARN.SYSTEM.RVD.DISCONNECTED";
+inline constexpr const char* kRefusedSubject = "_RV.ERROR.SYSTEM.RVD.REFUSED";
 inline constexpr const char* kStarvationSubject = "_RV.WARN.SYSTEM.EVENTLOOP.STARVATION";
 inline constexpr const char* kFastProducerWarnSubject = "_RV.WARN.SYSTEM.CLIENT.FASTPRODUCER";
 inline constexpr const char* kFastProducerErrorSubject = "_RV.ERROR.SYSTEM.CLIENT.FASTPRODUCER";

@@ -5,20 +5,10 @@
 
 #include "platform/Clock.h"
 #include "rv/ft/Election.h"
+#include "rv/ft/GroupCodes.h"
 #include "rv/ft/rvft.h"
 
 namespace kvx::ft {
-
-/// The codes of rvft.h.
-enum FtCode : int {
-    kOk = 0,
-    kBadArgument = 1,
-    kBadSession = 2,
-    kNoMemory = 3,
-    kAlreadyMember = 4,
-    kNoMember = 5,
-    kCannotAnnounce = 6,
-};
 
 /// The arguments of `rvft_Join` that a member keeps.
 struct Membership {

@@ -133,22 +133,8 @@ int rvft_IsFresh(rvft_MemberId id) {
 }
 
 const char* rvft_ErrorText(rv_Session /*session*/, int code) {
-    switch (code) {
-        case kvx::ft::kOk:
-            return "No error";
-        case kvx::ft::kBadArgument:
-            return "Invalid fault-tolerance argument";
-        case kvx::ft::kBadSession:
-            return "Invalid session";
-        case kvx::ft::kNoMemory:
-            return "Out of memory";
-        case kvx::ft::kAlreadyMember:
-            return "Already a member of this group";
-        case kvx::ft::kNoMember:
-            return "Not a member";
-        case kvx::ft::kCannotAnnounce:
-            return "The group cannot be announced";
-        default:
-            return "";
+    for (const auto& row : kvx::ft::kFtTexts) {
+        if (row.code == code) return row.text;
     }
+    return "";
 }

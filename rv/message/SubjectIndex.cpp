@@ -288,6 +288,7 @@ void SubjectIndex::Search::Turn::enter(SubjectId id, std::uint64_t order) {
     entries_ = order == 0 ? entries : entries.subspan(positionFrom(entries, order));
     const bool hasMore = !entries_.empty() && entries_[0].order < search_.limit_;
     search_.subject_ = hasMore ? id : 0;
+    search_.entered_ = id;
     search_.order_ = order;
 }
 

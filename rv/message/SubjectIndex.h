@@ -93,6 +93,8 @@ class SubjectIndex {
         ~Search();
 
         [[nodiscard]] bool isDone() const { return finder_.isDone() && subject_ == 0; }
+        /// The subject of the last subscription found.
+        [[nodiscard]] SubjectId entered() const { return entered_; }
 
         class Turn;
 
@@ -100,6 +102,7 @@ class SubjectIndex {
         SubjectIndex& index_;
         Finder finder_;
         SubjectId subject_ = 0;    // its subscriptions are being visited
+        SubjectId entered_ = 0;    // the last one
         std::uint64_t order_ = 0;  // those from here on are still to be visited
         const std::uint64_t limit_;
     };

@@ -111,6 +111,11 @@ class SubjectTree {
             return search_.isDone();
         }
 
+        [[nodiscard]] bool isDone() const { return search_.isDone(); }
+
+        /// The subject of the subscription that was visited last; valid until the tree changes.
+        [[nodiscard]] SubjectId subject() const { return search_.entered(); }
+
       private:
         SubjectIndex::Search search_;
     };

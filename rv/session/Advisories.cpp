@@ -1,15 +1,16 @@
 // The advisories that a session makes about itself, and those that applications publish.
 //
-// A session's own advisories (lost daemon, late timers, fast producer) are built in fixed buffers
-// and delivered to the session's own listeners only. The fast-producer condition is announced for
-// the first of every hundred occurrences. An application's advisory is a message body whose fields
-// name its subject; it is published like data. `rv_SendAppAdvisory` refuses the system's source and
-// subjects.
+// A session's own advisories (lost daemon, refusal by a restarted one, late timers, fast producer)
+// are built in fixed buffers and delivered to the session's own listeners only. The fast-producer
+// condition is announced for the first of every hundred occurrences. An application's advisory is a
+// message body whose fields name its subject; it is published like data. `rv_SendAppAdvisory`
+// refuses the system's source and subjects.
 
 #include <cstdio>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "rv/error/rvAdvisory.h"
 #include "rv/error/rvCodes.h"
@@ -27,9 +28,9 @@ struct Advisory {
     std::uint8_t body[advisory::kBodyCapacity];
     std::uint8_t subject[advisory::kSubjectCapacity];
 
-    int build(const char* advisoryClass, const char* name) {
-        return rv_BuildAdvisory(body, sizeof body, advisoryClass, advisory::kSystem, name, nullptr,
-                                subject, sizeof subject);
+    int build(const char* advisoryClass, const char* name, const char* description = nullptr) {
+        return rv_BuildAdvisory(body, sizeof body, advisoryClass, advisory::kSystem, name,
+                                description, subject, sizeof subject);
     }
     int deliverTo(SessionState& session) const {
         return deliverLocally(session, SubjectView::trusted(subject), nullptr,
@@ -78,6 +79,13 @@ void announceDisconnect(SessionState& session) {
     if (code == 0) code = advisory.deliverTo(session);
     if (code != 0)
         std::fprintf(stderr, "Rendezvous unable to build disconnected message (err = %d).\n", code);
+}
+
+void announceRefusal(SessionState& session) {
+    Advisory advisory;
+    if (std::exchange(session.isRefusalTold, true)) return;
+    if (advisory.build(advisory::kError, advisory::kRefusedName, kNotAllowed) == 0)
+        (void)advisory.deliverTo(session);
 }
 
 void announceStarvation(SessionState& session, std::uint32_t latenessMs) {

@@ -20,11 +20,13 @@
 #include "platform/File.h"
 #include "platform/Process.h"
 #include "platform/Socket.h"
+#include "platform/UnixSocket.h"
 #include "rv/error/rvCodes.h"
 #include "rv/error/rvErrors.h"
 #include "rv/link/LinkIo.h"
 #include "rv/session/ConnectReport.h"
 #include "rv/session/SessionParts.h"
+#include "rv/wire/DaemonText.h"
 #include "rv/wire/Negotiation.h"
 
 namespace kvx::session {
@@ -41,7 +43,7 @@ constexpr platform::Milliseconds kPauseMs = 2'000;    // after a failed attempt
 constexpr platform::Milliseconds kPauseStepMs = 50;   // between two looks for a signal
 constexpr platform::Milliseconds kConnectMs = 5'000;  // for one connect
 constexpr const char* kDaemonProgram = "rvd";
-constexpr const char* kNoAddress = "the address is not of the form tcp:[host:]port";
+constexpr platform::Milliseconds kCrowdedStepMs = 10;  // between two tries, while others wait
 
 struct Greeted {
     int code = session_code::kNotConnected;
@@ -54,13 +56,18 @@ bool isUnderWay(int error) {
            error == platform::socket_error::kInProgress;
 }
 
-// Returns 0 or a socket error number.
-int connectWithin(const Socket& socket, platform::Endpoint endpoint) {
-    const int error = platform::connectSocket(socket.get(), endpoint);
-    if (error == 0 || !isUnderWay(error)) return error;
-    const bool isDone = link::waitUntil(socket.get(), platform::kReadable | platform::kWritable,
-                                        Deadline::in(kConnectMs));
-    return isDone ? platform::pendingError(socket.get()) : platform::socket_error::kTimedOut;
+// Nothing is under way on a unix socket whose listener has others to accept: it is tried again.
+int connectUnixBefore(const Deadline& deadline, const Socket& socket, const std::string& path) {
+    int error = platform::connectUnix(socket.get(), path);
+    while (error == platform::socket_error::kWouldBlock && !deadline.passed()) {
+        platform::sleepMs(kCrowdedStepMs);
+        error = platform::connectUnix(socket.get(), path);
+    }
+    return error == platform::socket_error::kWouldBlock ? platform::socket_error::kTimedOut : error;
+}
+
+std::string notOfTheForm() {
+    return std::string("the address is not of the form ") + wire::kDaemonForms;
 }
 
 std::optional<wire::Greeting> readGreeting(const Socket& socket) {
@@ -69,15 +76,6 @@ std::optional<wire::Greeting> readGreeting(const Socket& socket) {
         return std::nullopt;
     const wire::Greeting greeting = wire::decodeGreeting(bytes);
     return greeting.first == 0 ? std::optional(greeting) : std::nullopt;
-}
-
-Socket newSocket(int& error) {
-    Socket socket = platform::createTcpSocket(error);
-    if (!socket) return socket;
-    platform::setReuseAddress(socket.get(), true);
-    platform::setNoDelay(socket.get(), true);
-    platform::setNonBlocking(socket.get(), true);
-    return socket;
 }
 
 std::optional<std::string> executableIn(const std::string& directory, const std::string& name) {
@@ -135,21 +133,16 @@ bool pauseAfterAttempt(const SessionState& session) {
     return true;
 }
 
-std::string socketText(int error) {
-    return error < platform::socket_error::kInterrupted ? std::generic_category().message(error)
-                                                        : rv_SocketErrorText(error);
-}
-
 // One attempt. False when another one may do better.
 bool greet(const SessionState& session, Greeted& result, ConnectReport& report) {
     int error = 0;
-    result.socket = newSocket(error);
+    result.socket = newSocketFor(session.address, error);
     if (!result.socket) {
         report.attemptFailed(socketText(error));
         result.code = session_code::kInitFailed;
         return true;
     }
-    error = connectWithin(result.socket, session.address.endpoint);
+    error = connectWithin(result.socket, session.address, kConnectMs);
     const auto greeting = error == 0 ? readGreeting(result.socket) : std::nullopt;
     if (!greeting) {
         report.attemptFailed(error == 0 ? "connected, but no greeting of a bus daemon came"
@@ -204,14 +197,53 @@ int speakV3(SessionState& session) {
     return session_code::kOk;
 }
 
+std::optional<DaemonEndpoint> parseUnix(std::string_view path, ConnectReport& report) {
+    if (const std::string problem = wire::problemWithUnixPath(path); !problem.empty()) {
+        report.add(problem);
+        return std::nullopt;
+    }
+    return DaemonEndpoint{.path = std::string(path)};
+}
+
 }  // namespace
+
+Socket newSocketFor(const DaemonEndpoint& address, int& error) {
+    const bool isTcp = address.path.empty();
+    Socket socket = isTcp ? platform::createTcpSocket(error) : platform::createUnixSocket(error);
+    if (!socket) return socket;
+    if (isTcp) {
+        platform::setReuseAddress(socket.get(), true);
+        platform::setNoDelay(socket.get(), true);
+    }
+    platform::setNonBlocking(socket.get(), true);
+    return socket;
+}
+
+int connectWithin(const Socket& socket, const DaemonEndpoint& address,
+                  platform::Milliseconds limit) {
+    const Deadline deadline = Deadline::in(limit);
+    if (!address.path.empty()) return connectUnixBefore(deadline, socket, address.path);
+    const int error = platform::connectSocket(socket.get(), address.endpoint);
+    if (error == 0 || !isUnderWay(error)) return error;
+    const bool isDone =
+        link::waitUntil(socket.get(), platform::kReadable | platform::kWritable, deadline);
+    return isDone ? platform::pendingError(socket.get()) : platform::socket_error::kTimedOut;
+}
+
+// The table of socket errors has no text for a missing permission.
+std::string socketText(int error) {
+    if (error == platform::socket_error::kAccessDenied) return "Permission denied";
+    return error < platform::socket_error::kInterrupted ? std::generic_category().message(error)
+                                                        : rv_SocketErrorText(error);
+}
 
 std::optional<DaemonEndpoint> parseDaemon(const char* text) {
     const std::string_view daemon(text);
     ConnectReport& report = ConnectReport::ofThisThread();
     report.begin();
+    if (const auto path = wire::unixPathOf(daemon)) return parseUnix(*path, report);
     if (!daemon.starts_with(kScheme)) {
-        report.add(kNoAddress);
+        report.add(notOfTheForm());
         return std::nullopt;
     }
     const std::size_t portColon = daemon.rfind(':');
@@ -223,7 +255,7 @@ std::optional<DaemonEndpoint> parseDaemon(const char* text) {
         daemon.substr(kScheme.size(), portColon - kScheme.size()).substr(0, kMaxHostLength));
     const auto resolved = host.empty() ? std::nullopt : platform::resolveHost(host);
     if (!resolved) {
-        report.add(host.empty() ? kNoAddress : "no host is named '" + host + "'");
+        report.add(host.empty() ? notOfTheForm() : "no host is named '" + host + "'");
         return std::nullopt;
     }
     address.local = *resolved == 0;

@@ -147,8 +147,9 @@ int introduce(SessionState& session) {
 }
 
 int report(int code, const char* lost) {
-    const bool isLost = code == session_code::kNotConnected;
-    const char* const why = isLost ? lost : rv_ErrorText(code);
+    const char* why = rv_ErrorText(code);
+    if (code == session_code::kNotConnected) why = lost;
+    if (code == session_code::kNotPermitted) why = kNotAllowed;
     if (*why != '\0') ConnectReport::ofThisThread().add(why);
     return code;
 }

@@ -2,10 +2,11 @@
 //
 // A lost link is dropped at once: later calls find no link, and the advisory is delivered only
 // once. An asynchronous session then connects from a timer: immediately, and 15 s after each failed
-// round of attempts. A round blocks the loop; a signal during it or just before cuts it short, and
-// it begins again 250 ms later, after the loop has handled the signal. When restored links break
-// within two seconds, one after another, the pauses double from 250 ms up to 15 s, so that a daemon
-// that closes every new connection is not flooded.
+// round of attempts; a daemon that refuses the session is told of once. A round blocks the loop; a
+// signal during it or just before cuts it short, and it begins again 250 ms later, after the loop
+// has handled the signal. When restored links break within two seconds, one after another, the
+// pauses double from 250 ms up to 15 s, so that a daemon that closes every new connection is not
+// flooded.
 
 #include <algorithm>
 #include <exception>
@@ -34,11 +35,14 @@ bool scheduleReconnect(SessionState& session, unsigned long delayMs);
 void reconnect(SessionState& session) {
     while (!session.isClosed()) {
         session.roundBegin = platform::monotonicMs();
-        if (connectAndIntroduce(session) == session_code::kOk) {
+        const int code = connectAndIntroduce(session);
+        if (code == session_code::kOk) {
             session.reconnectedAt = platform::monotonicMs();
+            session.isRefusalTold = false;
             session.hooks.run(RV_HOOK_RECONNECT, session.handle(), nullptr);
             return;
         }
+        if (code == session_code::kNotPermitted && !session.isClosed()) announceRefusal(session);
         if (session.isClosed() ||
             scheduleReconnect(session, isCutShort(session) ? kCutShortMs : kRetryMs))
             return;

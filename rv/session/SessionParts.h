@@ -24,12 +24,23 @@ class Entered {
 /// Session.cpp: the link properties of sessions created later. Any thread.
 void setProcessLinkProperties(const ipq_Properties& properties);
 
-/// Connect.cpp: reads "tcp:[host:]port" and resolves the host, which may block. Nothing when the
-/// text has another form or the host is unknown. A non-numeric port is 0.
+/// Connect.cpp: reads "tcp:[host:]port", and resolves the host, which may block, or "unix:/path".
+/// Nothing when the text has another form or the host is unknown. A non-numeric port is 0.
 [[nodiscard]] std::optional<DaemonEndpoint> parseDaemon(const char* text);
+/// A non-blocking socket to connect to such an address; on failure returns an empty one and sets
+/// `error`.
+[[nodiscard]] platform::Socket newSocketFor(const DaemonEndpoint& address, int& error);
+/// Connects such a socket within `limit`. Returns 0 or a socket error number.
+[[nodiscard]] int connectWithin(const platform::Socket& socket, const DaemonEndpoint& address,
+                                platform::Milliseconds limit);
+/// The text of a socket error number, for people.
+[[nodiscard]] std::string socketText(int error);
 /// Connects; on success the session has a queue.
 [[nodiscard]] int connectLink(SessionState& session);
 
+/// Said of a daemon that answers the introduction with 27.
+inline constexpr const char* kNotAllowed =
+    "the daemon does not allow this user or this network address";
 /// Handshake.cpp: connects, introduces the session and announces its listens.
 [[nodiscard]] int connectAndIntroduce(SessionState& session);
 
@@ -72,6 +83,8 @@ void deliverFromLink(SessionState& session);
 
 /// Advisories.cpp
 void announceDisconnect(SessionState& session);
+/// Once until the session is connected again.
+void announceRefusal(SessionState& session);
 void announceStarvation(SessionState& session, std::uint32_t latenessMs);
 void announceFastProducer(SessionState& session, const char* advisoryClass);
 

@@ -25,6 +25,7 @@ struct SessionState;
 struct DaemonEndpoint {
     bool local = true;  ///< no host given: the daemon of this machine, which may be started
     platform::Endpoint endpoint{platform::kLoopbackAddress, 0};
+    std::string path{};  ///< of a unix socket, which is local; empty: TCP
 };
 
 /// The flavour that a session announces.
@@ -93,6 +94,7 @@ struct SessionState final : link::LinkHost, event::Handle<SessionState> {
     std::optional<platform::Milliseconds> reconnectedAt;  // on the monotonic clock
     std::optional<platform::Milliseconds> roundBegin;     // of a round of attempts to reconnect
     unsigned shortLinks = 0;          // consecutive ones that broke soon after a reconnect
+    bool isRefusalTold = false;       // by an advisory, since the link was lost
     std::uint32_t clientAddress = 0;  // as the daemon reported it, network byte order
     std::uint16_t clientPort = 0;     // likewise
     std::string name;                 // empty until the first handshake

@@ -47,12 +47,13 @@ KVX_API int rv_Open(rv_Session* session, const char* service, const char* networ
                     const char* daemon);
 
 /// Creates a session on `manager`, which should outlive it (otherwise its callbacks stop), or a
-/// synchronous one when `manager` is null. `daemon` is "tcp:[host:]port", null or "" for
-/// "tcp:7500", or "-" for no daemon at all. A local daemon that does not answer is started. Blocks
-/// while connecting, up to four attempts. Returns 3 for a null `session`, 18 for a daemon text that
-/// cannot be used, 22 when the daemon cannot be reached, 4 when it speaks another version, 16 or 17
-/// when it refuses service or network, 20 without memory, 1 otherwise. `*session` is null after a
-/// failure.
+/// synchronous one when `manager` is null. `daemon` is "tcp:[host:]port" or "unix:/path", null or
+/// "" for "tcp:7500", or "-" for no daemon at all. A local daemon that does not answer is started.
+/// Blocks while connecting, up to four attempts. Returns 3 for a null `session`, 18 for a daemon
+/// text that cannot be used, 22 when the daemon cannot be reached, 4 when it speaks another
+/// version, 16 or 17 when it refuses service or network, 27 when it
+/// does not allow this user or network address, 20 without memory, 1 otherwise. `*session`
+/// is null after a failure.
 KVX_API int rv_CreateSession(rv_Session* session, rvevm_Manager manager, const char* service,
                              const char* network, const char* daemon);
 

@@ -117,6 +117,9 @@ TEST(DaemonProgram, RefusesInvalidCommandLinesAndATakenPort) {
                                                                        {"-memory", ""},
                                                                        {"--no-such-option"},
                                                                        {strange},
+                                                                       {"-allow", "10.0.0.0/40"},
+                                                                       {"-allow-user", "0"},
+                                                                       {"-listen", "unix:rvd"},
                                                                        {"-listen", strange},
                                                                        {"-listen"},
                                                                        {"-listen", taken}}) {

@@ -25,7 +25,6 @@ class ServedHere {
   public:
     ServedHere(long news, long failures) {
         rvd::Options options;
-        options.listenAddress = platform::kLoopbackAddress;
         options.queueLimit = 2'000;
         options.stepsAtOnce = 1;
         server_ = std::make_unique<rvd::Server>(options, platform::Log());

@@ -11,17 +11,33 @@
 namespace kvx::rvd {
 namespace {
 
-TEST(Options, ListenAddressIsTheLoopbackUnlessAHostIsNamed) {
-    Options options;
-    EXPECT_EQ(parseListen("tcp:7501", options), "");
-    EXPECT_EQ(options.listenAddress, 0x7F000001U);
-    EXPECT_EQ(options.listenPort, 7501);
-    EXPECT_EQ(parseListen("tcp:0.0.0.0:0", options), "");
-    EXPECT_EQ(options.listenAddress, 0U);
-    EXPECT_EQ(options.listenPort, 0);
-    for (const char* bad : {"", "7500", "tcp:", "tcp::7500", "udp:7500", "tcp:65536", "tcp:-1",
-                            "tcp:75 ", "tcp:host:"}) {
-        EXPECT_NE(parseListen(bad, options), "") << bad;
+TEST(Options, ListenAddressIsTheLoopbackUnlessAHostOrAPathIsNamed) {
+    const auto parsed = [](const char* text) {
+        ListenAddress address;
+        EXPECT_EQ(parseListen(text, address), "");
+        return address;
+    };
+    EXPECT_EQ(parsed("tcp:7501").endpoint, (platform::Endpoint{0x7F000001U, 7501}));
+    EXPECT_EQ(parsed("tcp:0.0.0.0:0").endpoint, platform::Endpoint());
+    EXPECT_EQ(parsed("unix:/run/rvd:1").path, "/run/rvd:1");
+    EXPECT_TRUE(parsed(("unix:/" + std::string(106, 'x')).c_str()).isUnix());
+    const std::string tooLong = "unix:/" + std::string(107, 'x');
+    ListenAddress ignored;
+    for (const char* bad :
+         {"", "7500", "tcp:", "tcp::7500", "udp:7500", "tcp:65536", "tcp:-1", "tcp:75 ",
+          "tcp:host:", "unix:", "unix:rvd", "unix:/a b", "unix:/a\n", tooLong.c_str()}) {
+        EXPECT_NE(parseListen(bad, ignored), "") << bad;
+    }
+}
+
+TEST(Options, NetworksAgreeInTheirFirstBits) {
+    EXPECT_TRUE(parseNetwork("10.1.0.0/16")->contains(0x0A01FFFF));
+    EXPECT_FALSE(parseNetwork("10.1.0.0/16")->contains(0x0A020000));
+    EXPECT_TRUE(parseNetwork("10.1.2.3/0")->contains(0xFFFFFFFF));
+    EXPECT_FALSE(parseNetwork("10.1.2.3")->contains(0x0A010202));
+    for (const char* bad : {"", "10", "10.1.2", "10.1.2.3/", "10.1.2.3/33", "10.1.2.3/-1", "::1",
+                            "localhost", "10.1.2.3/8/8"}) {
+        EXPECT_FALSE(parseNetwork(bad).has_value()) << bad;
     }
 }
 
@@ -36,7 +52,7 @@ TEST(Options, AreSpelledWithOneDashOrTwoAndLimitsTakeSuffixes) {
                           "-address", "10.0.0.1", "-v",    "-memory",       "3M"};
     const CommandLine parsed = parseCommandLine(10, line);
     ASSERT_FALSE(parsed.exitStatus.has_value());
-    EXPECT_EQ(parsed.options.listenPort, 1);
+    EXPECT_EQ(parsed.options.listen.at(0).endpoint.port, 1);
     EXPECT_EQ(parsed.options.queueLimit, 8192U);
     EXPECT_EQ(parsed.options.memoryLimit, 3U << 20U);
     EXPECT_EQ(parseCommandLine(1, line).options.memoryLimit, std::nullopt);

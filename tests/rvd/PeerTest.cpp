@@ -32,7 +32,7 @@ class Recorder : public PeerActions {
         published.emplace_back(message->bytes().begin(), message->bytes().end());
     }
     bool mayGoOn() override { return ++asked % 2 == 0; }
-    void close(CloseReason reason) override { note(std::string("close:") + closeText(reason)); }
+    void close(CloseReason reason) override { note(std::string("close:") + textOf(reason)); }
 
     Stream take() { return std::exchange(sent, {}); }
     std::string takeLog() { return std::exchange(log, {}); }

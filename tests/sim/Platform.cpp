@@ -42,6 +42,9 @@ void sleepMs(Milliseconds duration) noexcept {
     if (duration > 0) world->wait([] { return false; }, duration);
 }
 
+int socketErrorFromErrno(int systemError) noexcept {
+    return systemError;
+}
 void Socket::reset(SocketHandle handle) noexcept {
     const SocketHandle old = std::exchange(handle_, handle);
     if (old != kNoSocket && old != handle) closeSocket(old);
@@ -100,6 +103,9 @@ std::string userName() {
 }
 unsigned long processId() noexcept {
     return 0x1000UL + world->running().number;
+}
+std::optional<std::string> programName(unsigned long /*pid*/) {
+    return std::nullopt;
 }
 std::string programDirectory() {
     return {};

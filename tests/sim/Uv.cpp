@@ -253,6 +253,12 @@ int uv_run(uv_loop_t* /*loop*/, uv_run_mode /*mode*/) {
 int uv_tcp_init(uv_loop_t* loop, uv_tcp_t* handle) {
     return kvx::sim::begin(loop, handle);
 }
+int uv_pipe_init(uv_loop_t* loop, uv_pipe_t* handle, int /*ipc*/) {
+    return kvx::sim::begin(loop, handle);
+}
+int uv_pipe_open(uv_pipe_t* /*handle*/, uv_file /*descriptor*/) {
+    return UV_ENOSYS;
+}
 int uv_tcp_bind(uv_tcp_t* /*handle*/, const sockaddr* /*address*/, unsigned /*flags*/) {
     return 0;
 }

@@ -91,9 +91,11 @@ class Daemon {
                                               KVX_RVD_PROGRAM, "-listen", "tcp:" + port};
         arguments.insert(arguments.end(), options_.begin(), options_.end());
         process_.emplace("/bin/sh", arguments, variables_);
-        const std::string line = process_->awaitOutput("rvd ready on tcp:");
+        const std::string ready = "rvd ready on tcp:";  // the first address is this one
+        const std::string line = process_->awaitOutput(ready);
         if (line.empty()) throw std::runtime_error("rvd is not ready: " + process_->errors());
-        port_ = static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
+        port_ =
+            static_cast<std::uint16_t>(std::stoi(line.substr(line.find(':', ready.size()) + 1)));
     }
 
     static std::size_t countOf(std::string_view text, std::string_view in) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/Socket.h"
+#include "platform/UnixSocket.h"
 #include "rv/message/RvMsg.h"
 #include "rv/message/SubjectView.h"
 #include "rv/message/WireReader.h"
@@ -59,6 +60,14 @@ inline platform::Socket connectedTo(std::uint16_t port, int receiveBuffer = 0) {
     if (platform::connectSocket(socket.get(), {platform::kLoopbackAddress, port}) != 0) {
         throw std::runtime_error("cannot connect");
     }
+    return socket;
+}
+
+/// The same at a unix socket.
+inline platform::Socket connectedTo(const std::string& path) {
+    int error = 0;
+    platform::Socket socket = platform::createUnixSocket(error);
+    if (platform::connectUnix(socket.get(), path) != 0) throw std::runtime_error("cannot connect");
     return socket;
 }
 

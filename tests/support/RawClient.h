@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <stdexcept>
@@ -38,11 +39,16 @@ class RawClient : public LinkEnd {
     /// Connects and does nothing more.
     explicit RawClient(std::uint16_t port, int receiveBuffer = 0)
         : LinkEnd(connectedTo(port, receiveBuffer)) {}
+    /// The same at a unix socket.
+    explicit RawClient(const std::string& path) : LinkEnd(connectedTo(path)) {}
+    /// Has connected.
+    explicit RawClient(platform::Socket socket) : LinkEnd(std::move(socket)) {}
 
-    /// Connected, negotiated in that version, announced in that space.
-    static RawClient session(std::uint16_t port, const char* service = "", const char* network = "",
-                             std::uint32_t version = wire::kProtocolV4) {
-        RawClient client(port);
+    /// Connected to a port or a path, negotiated in that version, announced in that space.
+    template <class Address>
+    static RawClient session(const Address& address, const char* service = "",
+                             const char* network = "", std::uint32_t version = wire::kProtocolV4) {
+        RawClient client(address);
         client.negotiate(version);
         const auto reply = client.announce(service, network);
         if (reply.code != 0) throw std::runtime_error("refused with " + std::to_string(reply.code));
@@ -81,7 +87,7 @@ class RawClient : public LinkEnd {
     /// Returns when the daemon has taken everything sent so far.
     void settle() {
         const std::string marker =
-            "MARKER." + std::to_string(localPort()) + '.' + std::to_string(++markers_);
+            "MARKER." + std::to_string(number_) + '.' + std::to_string(++markers_);
         listen(marker);
         publish(marker, "");
         cancel(marker);
@@ -109,8 +115,9 @@ class RawClient : public LinkEnd {
         return noticed;
     }
 
+    /// 0 of a unix socket.
     [[nodiscard]] std::uint16_t localPort() const {
-        return platform::localEndpoint(socket())->port;
+        return platform::localEndpoint(socket()).value_or(platform::Endpoint()).port;
     }
 
   private:
@@ -126,6 +133,8 @@ class RawClient : public LinkEnd {
 
     std::deque<Received> early_;  // data messages that came while something else was awaited
     int markers_ = 0;
+    static inline std::atomic<int> made_ = 0;
+    int number_ = ++made_;  // unique in this process
 };
 
 }  // namespace kvx::test

@@ -27,8 +27,14 @@ inline RawClient sessionAt(const Daemon& daemon, const std::string& service = ""
 /// A daemon, its bridge and its programs.
 class Host {
   public:
+    /// The bridges of all but Berlin reach their daemons over TCP.
     Host(std::string name, const std::string& engines, const Texts& options = {})
-        : name_(std::move(name)), options_{"-host", name_, "-engine", engines, "-daemon", text()} {
+        : name_(std::move(name)), options_{"-host",
+                                           name_,
+                                           "-engine",
+                                           engines,
+                                           "-daemon",
+                                           name_ == "berlin" ? bus_.unixText() : text()} {
         options_.insert(options_.end(), options.begin(), options.end());
         startBridge();
     }

@@ -22,6 +22,8 @@ class Installation {
     }
 
     std::string daemonText() const { return daemon_.text(); }
+    /// The same daemon's unix socket.
+    std::string unixText() const { return "unix:" + path("rvd"); }
     Daemon& daemon() { return daemon_; }
 
     std::string file(const std::string& name, const std::string& content) {
@@ -74,7 +76,7 @@ class Installation {
     }
 
     TemporaryDirectory home_;
-    Daemon daemon_;
+    Daemon daemon_{{"-listen", unixText()}};
 };
 
 }  // namespace kvx::test

@@ -43,6 +43,20 @@ TEST_F(ToolTest, TakesOptionsOverTheConfigurationFile) {
     EXPECT_EQ(listener->output(), "X - { from=\"there\"}\n");
 }
 
+TEST_F(ToolTest, ReachesADaemonAtAUnixSocketAndSaysWhenItIsNotAllowed) {
+    bus_.file("etc/Calvorine.rvd.cfg",
+              "rendezvous session = { \"daemon\" = \"" + bus_.unixText() + "\" };\n");
+    const Daemon other({"-allow", "10.0.0.0/8"});
+    const Ended bench = bus_.kvx({"bench", "--messages", "100", "--requests", "10"});
+    EXPECT_EQ(bench.status, 0) << bench.errors;
+    const Ended refused = bus_.kvx({"send", "X", "a=b", "--daemon", other.text()});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.errors.find("kvx: no session with the bus daemon at " + other.text() +
+                                  ": the daemon does not allow this user or this network address"),
+              std::string::npos)
+        << refused.errors;
+}
+
 TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {
     const auto watch = bus_.start("kvx", {"services", "--watch", "--json"});
     const auto table = bus_.start("kvx", {"services", "--watch"});
@@ -67,6 +81,9 @@ TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {
     EXPECT_NE(both.errors.find(warning), std::string::npos) << both.errors;
     EXPECT_NE(both.output.find(R"("answerers":[")"), std::string::npos) << both.output;
     EXPECT_EQ(both.status, 0);
+    const Ended doctor = bus_.kvx({"doctor", "--wait", "0.5", "--timeout", "1"});
+    EXPECT_NE(doctor.output.find("2 answer on ZEMBRALIX.3.0.MODEL.QUERY"), std::string::npos)
+        << doctor.output;
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "kvx/NoDaemon.h"
@@ -66,6 +67,7 @@ bool Client::watchSession() {
     return rv_AddHook(session, RV_HOOK_DISCONNECT, lost, this) == 0 &&
            rv_AddHook(session, RV_HOOK_RECONNECT, back, this) == 0 &&
            net_.RRNAddExService(kvx::advisory::kDataLossSubject, this) == kOk &&
+           net_.RRNAddExService(kvx::advisory::kRefusedSubject, this) == kOk &&
            rv_IsConnected(session);
 }
 
@@ -74,7 +76,12 @@ void Client::changeDaemon(bool isThere) {
     if (changed_) changed_(isThere);
 }
 
-void Client::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
+void Client::onData(const char* subject, RvSender*, const RvDatum& data, RvListener*) {
+    if (std::string_view(subject) == kvx::advisory::kRefusedSubject) {
+        complain(fmt::format("no session with the bus daemon at {}: {}", daemon_,
+                             kvx::detail::noDaemon(net_).text));
+        return leave(kFailure);
+    }
     unsigned long lost = 0;
     if (data.type() != RVMSG_MSG) return;
     if (!(static_cast<const RvMsg&>(data).get("lost", lost) == RvStatus(0))) return;

@@ -17,7 +17,8 @@ namespace kvx::bus {
 /// has started. Main thread only, unless stated otherwise.
 ///
 /// Reports on standard error when the daemon is lost and restored, and how many messages the daemon
-/// dropped because this program was too slow.
+/// dropped because this program was too slow. Leaves with 1 when a daemon that was restarted
+/// refuses it.
 class Client : private RvDataCallback {
   public:
     /// `latencyMs` is the time-out of requests. On failure reports on standard error, and `isUp`

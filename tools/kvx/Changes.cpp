@@ -8,7 +8,7 @@
 
 #include "platform/Text.h"
 #include "tools/bus/Complain.h"
-#include "tools/kvx/DatumJson.h"
+#include "tools/bus/DatumJson.h"
 #include "tools/kvx/Rows.h"
 
 namespace kvx::tool {
@@ -32,7 +32,7 @@ bool isColumn(const std::string& name) {
 std::string plainOrQuoted(const std::string& text) {
     const std::string shown = printable(text);
     const bool plain = !text.empty() && shown.find_first_of(" \"\\") == std::string::npos;
-    return plain ? text : jsonString(text);
+    return plain ? text : bus::jsonString(text);
 }
 
 std::string orHyphen(const CVekAtom* value) {
@@ -57,7 +57,7 @@ std::string jsonLine(const CVekBaseRecord& row, std::int64_t cameAtMs) {
         const std::string name = row.RRNameAt(i);
         if (!isColumn(name)) continue;
         columns += columns.empty() ? "" : ",";
-        columns += jsonString(name) + ":" + jsonValue(row.RRValueAt(i));
+        columns += bus::jsonString(name) + ":" + jsonValue(row.RRValueAt(i));
     }
     return fmt::format(R"({{"time":"{}","change":{},"table":{},"row":{{{}}}}})", timeText(cameAtMs),
                        jsonValue(row.RRGetValue(kChangeField)),

@@ -7,52 +7,22 @@
 #include <charconv>
 #include <cstdio>
 #include <functional>
-#include <numeric>
 #include <utility>
 #include <vector>
 
 #include "platform/File.h"
 #include "platform/Text.h"
+#include "rv/wire/DaemonText.h"
 #include "tools/bus/BusOptions.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Fields.h"
+#include "tools/kvx/Nearest.h"
 
 namespace kvx::tool {
 
 namespace {
-
-constexpr std::size_t kLongestWord = 60;  // bytes shown of an invalid word
-
-std::string quoted(const std::string& word) {
-    return "'" + shortened(word, kLongestWord) + "'";
-}
-
-// The edit distance: characters to add, remove or replace.
-std::size_t distance(const std::string& one, const std::string& other) {
-    std::vector<std::size_t> row(other.size() + 1);
-    std::iota(row.begin(), row.end(), 0);
-    for (std::size_t i = 0; i < one.size(); ++i) {
-        std::size_t diagonal = std::exchange(row[0], i + 1);
-        for (std::size_t j = 0; j < other.size(); ++j) {
-            const std::size_t replaced = diagonal + (one[i] == other[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
-        }
-    }
-    return row.back();
-}
-
-// "; did you mean '...'?" with the known word nearest to `word`.
-std::string suggestion(const std::string& word, const std::vector<std::string>& known) {
-    const std::string start = word.substr(0, kLongestWord);
-    const auto nearest =
-        std::min_element(known.begin(), known.end(), [&](const auto& left, const auto& right) {
-            return distance(start, left) < distance(start, right);
-        });
-    return nearest == known.end() ? "" : fmt::format("; did you mean '{}'?", *nearest);
-}
 
 void addOptionNames(const CLI::App& app, std::vector<std::string>& names) {
     for (const CLI::Option* option : app.get_options()) {
@@ -142,6 +112,9 @@ class CommandLine {
         addFollow();
         addServices();
         addHosts();
+        addDaemon();
+        addExplain();
+        addDoctor();
         addBench();
         addHelp();
         app_.footer(
@@ -169,7 +142,9 @@ class CommandLine {
   private:
     void addConnection() {
         const auto plain = CLI::Validator(bus::problemWithPart, "");
-        app_.add_option("--daemon", connection_.daemon, "daemon, as tcp:[host:]port")->check(plain);
+        app_.add_option("--daemon", connection_.daemon,
+                        std::string("daemon, as ") + wire::kDaemonForms)
+            ->check(plain);
         app_.add_option("--service", connection_.service, "bus service")->check(plain);
         app_.add_option("--network", connection_.network, "bus network")->check(plain);
         app_.add_option("--domain", connection_.domain, "domain that subjects are qualified with")
@@ -259,6 +234,50 @@ class CommandLine {
         addTimeout(command, hosts_.timeoutSeconds);
     }
 
+    void addDaemon() {
+        addTimeout(add("status", "show how the daemon is: limits, rates, memory", daemon_, status),
+                   daemon_.timeoutSeconds);
+        auto& listed = add("sessions", "list who is on the daemon", daemon_, sessions);
+        addTimeout(listed, daemon_.timeoutSeconds);
+        auto& live = add("top", "show sessions and subjects live", daemon_, top);
+        live.add_option("--interval", daemon_.interval, "seconds between updates")
+            ->check(secondsBetween(0.1, 3600))
+            ->capture_default_str();
+        addCount(live, "--count", daemon_.count, "with --json: leave after this many updates");
+        addTimeout(live, daemon_.timeoutSeconds);
+        auto& flows = add("subjects", "list the busiest subjects", daemon_, subjects);
+        flows.add_option("PATTERN", daemon_.subject, "only these, * and > as wildcards");
+        addCount(flows, "--limit", daemon_.limit, "the most rows; 0 for all that are known");
+        flows.add_flag("--shapes", daemon_.shapes, "show the fields of the messages");
+        flows.add_flag("--tree", daemon_.tree, "show them as a tree");
+        addTimeout(flows, daemon_.timeoutSeconds);
+        auto& traced =
+            add("trace", "tell who would get a message, by which listen", daemon_, trace);
+        traced.add_option("SUBJECT", daemon_.subject, "the message's subject")->required();
+        addTimeout(traced, daemon_.timeoutSeconds);
+        auto& slow =
+            add("why-slow", "tell who holds up messages, and what to do", daemon_, whySlow);
+        slow.add_option("SUBJECT", daemon_.subject, "only who would get a message on it");
+        addTimeout(slow, daemon_.timeoutSeconds);
+    }
+
+    void addExplain() {
+        auto& command = add("explain", "say why a code, advisory or log line comes, and what to do",
+                            explain_, explain);
+        command.add_option("words", explain_.words,
+                           "a number, a name or a text; without any all are listed");
+    }
+
+    void addDoctor() {
+        auto& command =
+            add("doctor", "look at host, daemon and bus, and say what to mend", doctor_, doctor);
+        addTimeout(command, doctor_.timeoutSeconds);
+        command
+            .add_option("--wait", doctor_.waitSeconds, "seconds to listen for beats; 0 for none")
+            ->check(secondsBetween(0, 3600))
+            ->capture_default_str();
+    }
+
     void addBench() {
         auto& command = add("bench", "measure the daemon's round trips and stream", bench_, bench);
         addCount(command, "--messages", bench_.messages, "messages to stream", 1);
@@ -323,6 +342,9 @@ class CommandLine {
     FollowOptions follow_;
     ServicesOptions services_;
     HostsOptions hosts_;
+    DaemonOptions daemon_;
+    ExplainOptions explain_;
+    DoctorOptions doctor_;
     BenchOptions bench_;
     std::function<int()> chosen_;
 };

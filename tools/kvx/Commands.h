@@ -86,6 +86,29 @@ struct HostsOptions {
     double timeoutSeconds = 3;
 };
 
+/// Of the commands that ask the daemon.
+struct DaemonOptions {
+    Connection connection;
+    std::string subject;       ///< empty: all
+    std::uint64_t limit = 20;  ///< of rows; 0 for all
+    bool shapes = false;
+    bool tree = false;
+    double interval = 1;      ///< of `top`, in seconds
+    std::uint64_t count = 0;  ///< of `top`: leave after this many updates; 0 for never
+    double timeoutSeconds = 3;
+};
+
+struct ExplainOptions {
+    Connection connection;
+    std::vector<std::string> words;
+};
+
+struct DoctorOptions {
+    Connection connection;
+    double timeoutSeconds = 3;
+    double waitSeconds = 11;  ///< a little more than a beat interval
+};
+
 struct BenchOptions {
     Connection connection;
     std::uint64_t messages = 100000;
@@ -122,6 +145,30 @@ int services(const ServicesOptions& options);
 
 /// Lists the hosts that are joined with this one, as its bridge knows them.
 int hosts(const HostsOptions& options);
+
+/// How the daemon is: version, limits, totals, rates, memory.
+int status(const DaemonOptions& options);
+
+/// Who is on the daemon, and how they keep up.
+int sessions(const DaemonOptions& options);
+
+/// The same, live, until a key or a signal ends it.
+int top(const DaemonOptions& options);
+
+/// The busiest subjects, as a list or a tree.
+int subjects(const DaemonOptions& options);
+
+/// Who would get a message on a subject, and by which listens.
+int trace(const DaemonOptions& options);
+
+/// Who holds up messages, since when, what was lost, and what to do.
+int whySlow(const DaemonOptions& options);
+
+/// Says why a code, an advisory or a line of a log comes, and what to do; lists all without words.
+int explain(const ExplainOptions& options);
+
+/// Looks at this host, its daemon and the bus, and says what to mend. Starts no daemon.
+int doctor(const DoctorOptions& options);
 
 /// Measures round trips and a stream through the daemon.
 int bench(const BenchOptions& options);

@@ -3,11 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <array>
-#include <memory>
-#include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,122 +10,76 @@
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
 #include "tools/kvx/Commands.h"
+#include "tools/kvx/HostsQuestion.h"
+#include "tools/kvx/Table.h"
 
 namespace kvx::tool {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using Json = HostsQuestion::Json;
 
-constexpr const char* kSubject = "_RVD.HOSTS";
-using Cells = std::array<std::string, 7>;
+constexpr const char* kUnreadable = "the bridge's answer cannot be read";
 
-std::string countText(const Json& traffic) {
+std::string trafficText(const Json& traffic) {
     return fmt::format("{} / {}", traffic.value("messages", std::uint64_t{0}),
                        traffic.value("bytes", std::uint64_t{0}));
 }
 
-std::string lossText(const Json& lost) {
-    std::string text;
-    for (const auto& [cause, messages] : lost.items()) {
-        text +=
-            fmt::format("{}{} {}", text.empty() ? "" : ", ", messages.get<std::uint64_t>(), cause);
-    }
-    return text.empty() ? "-" : text;
-}
-
-Cells cellsOf(const Json& host) {
+std::vector<std::string> cellsOf(const Json& host) {
     const bool isSelf = host.value("self", false);
+    const std::string lost = lostText(host);
     const Json roundTrip = host.value("rtt_us", Json());
     return {host.value("host", ""),
             isSelf ? (host.value("up", false) ? "this host" : "this host, no engine")
                    : (host.value("up", false) ? "up" : "gone"),
             host.value("since", ""),
             roundTrip.is_number() ? fmt::format("{:.1f} ms", roundTrip.get<double>() / 1000) : "-",
-            countText(host.value("in", Json::object())),
-            countText(host.value("out", Json::object())),
-            lossText(host.value("lost", Json::object()))};
+            trafficText(host.value("in", Json::object())),
+            trafficText(host.value("out", Json::object())),
+            lost.empty() ? "-" : lost};
 }
 
 void printTable(const Json& hosts) {
-    std::vector<Cells> lines{{"HOST", "STATE", "SINCE", "ROUND TRIP", "IN (MESSAGES / BYTES)",
-                              "OUT (MESSAGES / BYTES)", "LOST"}};
-    for (const auto& host : hosts) lines.push_back(cellsOf(host));
-    std::array<std::size_t, std::tuple_size_v<Cells>> widths{};
-    for (const auto& cells : lines) {
-        for (std::size_t i = 0; i < cells.size(); ++i) {
-            widths[i] = std::max(widths[i], cells[i].size());
-        }
-    }
-    for (const auto& cells : lines) {
-        std::string line;
-        for (std::size_t i = 0; i < cells.size(); ++i)
-            line += fmt::format("{:{}}  ", cells[i], widths[i]);
-        line.erase(line.find_last_not_of(' ') + 1);
-        bus::printLine(line);
-    }
+    Table table({"HOST", "STATE", "SINCE", "ROUND TRIP", "IN (MESSAGES / BYTES)",
+                 "OUT (MESSAGES / BYTES)", "LOST"});
+    for (const auto& host : hosts) table.add(cellsOf(host));
+    table.print();
 }
 
-class HostsAnswer : public RvDataCallback {
-  public:
-    HostsAnswer(bus::Client& client, const HostsOptions& options)
-        : client_(client), options_(options) {}
-
-    void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
-        if (std::exchange(isOver_, true)) return;
-        client_.leave(print(data));
-    }
-    void onTimeout(RvListener*) override {
-        if (isOver_) return;
-        bus::complain(
-            fmt::format("no bridge answers within {:g} s: is rvbridge running at this "
-                        "daemon, in this service and network?",
-                        options_.timeoutSeconds));
-        client_.leave(kFailure);
-    }
-
-  private:
-    int print(const RvDatum& data) const {
-        const auto* const text = static_cast<const char*>(data.data());
-        const Json hosts = data.type() == RVMSG_STRING ? Json::parse(text, nullptr, false)
-                                                       : Json(Json::value_t::discarded);
-        if (!hosts.is_array()) {
-            bus::complain("the bridge's answer cannot be read");
-            return kFailure;
+int print(const Json& hosts, bool asJson) {
+    try {
+        if (asJson) {
+            for (const auto& host : hosts) bus::printLine(host.dump());
+        } else {
+            printTable(hosts);
         }
-        try {
-            if (options_.connection.json) {
-                for (const auto& host : hosts) bus::printLine(host.dump());
-            } else {
-                printTable(hosts);
-            }
-        } catch (const Json::exception&) {
-            bus::complain("the bridge's answer cannot be read");
-            return kFailure;
-        }
-        return kSuccess;
+    } catch (const Json::exception&) {
+        bus::complain(kUnreadable);
+        return kFailure;
     }
-
-    bus::Client& client_;
-    const HostsOptions& options_;
-    bool isOver_ = false;
-};
+    return kSuccess;
+}
 
 }  // namespace
 
 int hosts(const HostsOptions& options) {
     bus::Client client(options.connection);
     if (!client.isUp()) return kFailure;
-    const std::unique_ptr<RvSender> sender(client.session().newSender(kSubject));
-    if (!sender) return kFailure;
-    HostsAnswer answer(client, options);
-    std::unique_ptr<RvListener> listener;
+    using Outcome = HostsQuestion::Outcome;
+    HostsQuestion question(client, [&](Outcome outcome, const Json& hosts) {
+        if (outcome == Outcome::Hosts) return client.leave(print(hosts, options.connection.json));
+        bus::complain(outcome == Outcome::Silence
+                          ? fmt::format("no bridge answers within {:g} s: is rvbridge running at "
+                                        "this daemon, in this service and network?",
+                                        options.timeoutSeconds)
+                          : kUnreadable);
+        client.leave(kFailure);
+    });
     client.leaveWithoutDaemon();
     return client.run([&] {
         const auto timeoutMs = static_cast<unsigned long>(options.timeoutSeconds * 1000);
-        listener.reset(
-            sender->sendRequest(RvDatum(RVMSG_STRING, 0, ""), timeoutMs, &answer, nullptr));
-        if (!listener) client.leave(kFailure);
+        if (!question.ask(timeoutMs)) client.leave(kFailure);
     });
 }
 

@@ -7,9 +7,9 @@
 #include "platform/Text.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/DatumJson.h"
 #include "tools/bus/Output.h"
 #include "tools/kvx/Commands.h"
-#include "tools/kvx/DatumJson.h"
 #include "tools/kvx/Fields.h"
 
 namespace kvx::tool {
@@ -25,7 +25,7 @@ class Printer : public RvDataCallback {
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data, RvListener*) override {
         if (over_) return;
         const char* reply = replyTo != nullptr ? replyTo->subject() : nullptr;
-        bus::printLine(options_.connection.json ? messageAsJson(subject, reply, data)
+        bus::printLine(options_.connection.json ? bus::messageAsJson(subject, reply, data)
                                                 : textLine(subject, reply, data));
         over_ = !bus::flushOutput() || ++seen_ == options_.count;
         if (over_) client_.leave(bus::outputHasFailed() ? kFailure : kSuccess);
@@ -34,7 +34,7 @@ class Printer : public RvDataCallback {
   private:
     static std::string textLine(const char* subject, const char* reply, const RvDatum& data) {
         return fmt::format("{} {} {}", printable(subject),
-                           reply != nullptr ? printable(reply) : "-", datumText(data));
+                           reply != nullptr ? printable(reply) : "-", bus::datumText(data));
     }
 
     bus::Client& client_;

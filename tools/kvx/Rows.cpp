@@ -9,7 +9,7 @@
 
 #include "platform/Memory.h"
 #include "platform/Text.h"
-#include "tools/kvx/DatumJson.h"
+#include "tools/bus/DatumJson.h"
 
 namespace kvx::tool {
 
@@ -115,7 +115,7 @@ std::string valueText(const CVekAtom* value) {
 std::string jsonValue(const CVekAtom* value) {
     if (value == nullptr) return "null";
     const bool integer = value->RAType() == VEK_TYPE_INT || value->RAType() == VEK_TYPE_INT64;
-    return integer ? std::to_string(value->RAInt64()) : jsonString(valueText(value));
+    return integer ? std::to_string(value->RAInt64()) : bus::jsonString(valueText(value));
 }
 
 void Rows::add(Record record) {
@@ -197,7 +197,7 @@ void Rows::printJson(const std::vector<Column>& columns, const Write& write) con
                 continue;
             }
             if (line.size() > 1) line += ",";
-            line += jsonString(column->heading) + ":" +
+            line += bus::jsonString(column->heading) + ":" +
                     jsonValue(record.base().RRGetValue(column->field.c_str()));
         }
         write(line + "}\n");

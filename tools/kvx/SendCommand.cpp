@@ -11,10 +11,10 @@
 #include "platform/Text.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/DatumJson.h"
 #include "tools/bus/Output.h"
 #include "tools/bus/Ticker.h"
 #include "tools/kvx/Commands.h"
-#include "tools/kvx/DatumJson.h"
 #include "tools/kvx/Fields.h"
 #include "tools/kvx/Window.h"
 
@@ -114,8 +114,8 @@ class PrintedAnswer : public RvDataCallback {
         if (over_) return;
         over_ = true;
         const char* reply = replyTo != nullptr ? replyTo->subject() : nullptr;
-        bus::printLine(options_.connection.json ? messageAsJson(subject, reply, data)
-                                                : datumText(data));
+        bus::printLine(options_.connection.json ? bus::messageAsJson(subject, reply, data)
+                                                : bus::datumText(data));
         client_.leave(kSuccess);
     }
 

@@ -21,11 +21,11 @@
 #include "tools/beats/BeatTable.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/DatumJson.h"
 #include "tools/bus/Output.h"
 #include "tools/bus/Ticker.h"
 #include "tools/kvx/AnswerProbe.h"
 #include "tools/kvx/Commands.h"
-#include "tools/kvx/DatumJson.h"
 #include "tools/kvx/ServicesView.h"
 
 namespace kvx::tool {
@@ -107,7 +107,7 @@ class Services {
         const auto services = table_.services();
         if (options_.connection.json) {
             for (const auto& service : services) {
-                bus::printLine(printableJson(beats::serviceAsJson(service, now)));
+                bus::printLine(bus::printableJson(beats::serviceAsJson(service, now)));
             }
             for (const auto& answer : answers) bus::printLine(answerAsJson(answer));
         } else {
@@ -140,7 +140,7 @@ class Services {
         headed_ = true;
         for (const std::size_t i : changed) {
             bus::printLine(options_.connection.json
-                               ? printableJson(beats::serviceAsJson(services[i], now))
+                               ? bus::printableJson(beats::serviceAsJson(services[i], now))
                                : lines[i + 1]);
         }
     }

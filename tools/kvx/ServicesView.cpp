@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "platform/Text.h"
-#include "tools/kvx/DatumJson.h"
+#include "tools/bus/DatumJson.h"
 #include "tools/kvx/Rows.h"
 
 namespace kvx::tool {
@@ -61,10 +61,10 @@ std::vector<std::string> answerLines(const std::vector<Answer>& answers) {
 
 std::string answerAsJson(const Answer& answer) {
     std::vector<std::string> answerers;
-    for (const auto& inbox : answer.answerers) answerers.push_back(jsonString(inbox));
+    for (const auto& inbox : answer.answerers) answerers.push_back(bus::jsonString(inbox));
     return fmt::format(R"({{"service":{},"subject":{},"milliseconds":{:.1f},"answerers":[{}]}})",
-                       jsonString(answer.service), jsonString(answer.subject), answer.milliseconds,
-                       fmt::join(answerers, ","));
+                       bus::jsonString(answer.service), bus::jsonString(answer.subject),
+                       answer.milliseconds, fmt::join(answerers, ","));
 }
 
 std::string warningOf(const Answer& answer) {

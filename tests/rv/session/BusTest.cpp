@@ -2,6 +2,7 @@
 
 #include "tests/rv/session/SessionFixture.h"
 #include "tests/support/Daemon.h"
+#include "tests/support/EnvironmentVariable.h"
 
 namespace kvx::test {
 namespace {
@@ -83,6 +84,30 @@ TEST_F(Bus, LargeMessagesAndTheQueuePropertiesOfALivingConnection) {
     EXPECT_EQ(heard.texts(), Texts{large});
     EXPECT_EQ(rv_Pending(session, &messages, nullptr), 0);
     EXPECT_EQ(messages, 0U);
+}
+
+TEST_F(Bus, AUnixSocketServesAsWellAndARestartedDaemonThatRefusesIsToldOf) {
+    const EnvironmentVariable noStart("KVX_START_DAEMON", "0");
+    const TemporaryDirectory directory;
+    const std::string address = "unix:" + directory.file("rvd");
+    std::optional<Daemon> daemon(std::in_place, Texts{"-listen", address});
+    rv_Session session = open(address);
+    Listening heard, advisories;
+    listen(session, heard, "S");
+    listen(session, advisories, "_RV.>");
+    const std::string large(3'000'000, 'x');
+    ASSERT_EQ(send(session, "S", large), 0);
+    runUntilHeard(heard, 1);
+    daemon.emplace(Texts{"-listen", address});
+    runUntil([&] { return !advisories.heard.empty() && rv_IsConnected(session); });
+    ASSERT_EQ(send(session, "S", "again"), 0);
+    runUntilHeard(heard, 2);
+    EXPECT_EQ(heard.texts(), (Texts{large, "again"}));
+    daemon.emplace(Texts{"-listen", address, "-allow-user", std::to_string(geteuid() + 1)});
+    runUntilHeard(advisories, 3);
+    const std::string lost = "_RV.WARN.SYSTEM.RVD.DISCONNECTED";
+    EXPECT_EQ(advisories.subjects(), (Texts{lost, lost, "_RV.ERROR.SYSTEM.RVD.REFUSED"}));
+    EXPECT_FALSE(rv_IsConnected(session));
 }
 
 TEST_F(Bus, ARoundOfFailedAttemptsIsRepeatedAfterFifteenSecondsAndEverySubscriptionComesBack) {

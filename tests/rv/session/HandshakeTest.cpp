@@ -184,6 +184,8 @@ TEST_F(Handshake, DaemonsThatAnswerOtherwiseAreRefusedWithTheirCode) {
         {17, answering([] { return wire::buildErrorReply(17); }), code(17)},
         {17, answering([] { return wire::buildErrorReply(0); }), code(17)},  // and no address
         {1, answering([] { return wire::buildInit({}); }), code(1)},
+        {27, answering([] { return wire::buildErrorReply(27); }),
+         "the daemon does not allow this user or this network address"},
     };
     for (const auto& [number, script, report] : cases) {
         ScriptedDaemon daemon(script);
@@ -193,6 +195,9 @@ TEST_F(Handshake, DaemonsThatAnswerOtherwiseAreRefusedWithTheirCode) {
     for (const char* text :
          {"udp:7500", "7500", "tcp", "TCP:7500", "tcp::7500", "tcp:no-such-host.invalid:7500"})
         EXPECT_EQ(codeOfOpening(text), 18) << text;
+    EXPECT_EQ(codeOfOpening("unix:rvd"), 18);
+    EXPECT_STREQ(rv_ConnectReport(), "the path of a unix socket begins with /");
+    EXPECT_EQ(codeOfOpening("unix:/" + std::string(107, 'x')), 18);
 }
 
 TEST_F(Handshake, AnAttemptFailsByAGreetingThatDoesNotBeginWithZeroAndFourArePausedBy2Seconds) {

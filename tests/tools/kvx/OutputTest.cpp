@@ -1,6 +1,6 @@
 // Fields, rows and services as the tool reads and shows them.
 
-#include "tools/kvx/DatumJson.h"
+#include "tools/bus/DatumJson.h"
 #include "tools/kvx/Fields.h"
 #include "tools/kvx/Rows.h"
 #include "tools/kvx/ServicesView.h"
@@ -11,7 +11,7 @@ namespace {
 std::string jsonOf(const std::vector<std::string>& fields) {
     RvMsg message;
     for (const auto& field : fields) EXPECT_EQ(appendField(message, field), "") << field;
-    return messageAsJson("A.B", nullptr, message);
+    return bus::messageAsJson("A.B", nullptr, message);
 }
 
 TEST(Fields, CarryEveryTypeFromTextToMessageAndBack) {
@@ -52,7 +52,7 @@ TEST(Fields, KeepJsonValidWhateverTheBytes) {
     RvMsg message;
     const char bytes[] = "\xff\"\n";
     message.append("x", RVMSG_STRING, 4, bytes);
-    EXPECT_EQ(messageAsJson("S", "R", message),
+    EXPECT_EQ(bus::messageAsJson("S", "R", message),
               "{\"subject\":\"S\",\"reply\":\"R\",\"type\":\"message\",\"fields\":[{\"name\":\"x\","
               "\"type\":\"string\",\"value\":\"\xef\xbf\xbd\\\"\\n\"}]}");
 }

@@ -291,20 +291,24 @@ TEST_F(ProgramTest, NamesTheAddressThatItTried) {
 }
 
 TEST_F(ProgramTest, StartsADaemonWhereItMayAndSaysSo) {
-    const std::string address = [] {
+    const std::string port = [] {
         const Daemon ended;
         return "tcp:" + std::to_string(ended.port());
     }();
-    const std::string command = "kvx services --wait 0.1 --daemon " + address;
-    const Ended refused = bus_.shell("KVX_START_DAEMON=0 " + command);
-    EXPECT_FALSE(holds(refused.errors, "started a bus")) << refused.errors;
-    EXPECT_TRUE(holds(refused.errors, "KVX_START_DAEMON is 0")) << refused.errors;
-    EXPECT_EQ(refused.status, 1);
-    const Ended started = bus_.shell(
-        command + "; ended=$?; for process in /proc/[0-9]*; do tr '\\0' ' ' <$process/cmdline | " +
-        "grep -q '^rvd -listen " + address + " ' && kill ${process#/proc/}; done; exit $ended");
-    EXPECT_TRUE(holds(started.errors, "kvx: started a bus daemon at " + address)) << started.errors;
-    EXPECT_EQ(started.status, 0);
+    for (const std::string& address : {port, "unix:" + bus_.path("own")}) {
+        const std::string command = "kvx services --wait 0.1 --daemon " + address;
+        const Ended refused = bus_.shell("KVX_START_DAEMON=0 " + command);
+        EXPECT_FALSE(holds(refused.errors, "started a bus")) << refused.errors;
+        EXPECT_TRUE(holds(refused.errors, "KVX_START_DAEMON is 0")) << refused.errors;
+        EXPECT_EQ(refused.status, 1);
+        const Ended started =
+            bus_.shell(command + "; ended=$?; for process in /proc/[0-9]*; do tr '\\0' ' ' " +
+                       "<$process/cmdline | grep -q '^rvd -listen " + address +
+                       " ' && kill ${process#/proc/}; done; exit $ended");
+        EXPECT_TRUE(holds(started.errors, "kvx: started a bus daemon at " + address))
+            << started.errors;
+        EXPECT_EQ(started.status, 0);
+    }
 }
 
 TEST_F(ProgramTest, ShowsItsProgressOnATerminalOnly) {

@@ -1,11 +1,10 @@
 // JSON of bus data. Nested messages are written recursively; received messages were checked for the
 // format's limit of nesting.
 
-#include "tools/kvx/DatumJson.h"
+#include "tools/bus/DatumJson.h"
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <cstdint>
 #include <cstdio>
@@ -17,11 +16,9 @@
 
 #include "platform/Text.h"
 
-namespace kvx::tool {
+namespace kvx::bus {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 template <class Number>
 Number numberAt(const void* data) {
@@ -96,6 +93,26 @@ Json subjectText(const RvDatum& datum) {
 
 Json fieldsOf(const RvMsg& message);
 
+Json fieldsOf(const RvMsg& message) {
+    Json fields = Json::array();
+    const std::unique_ptr<RvMsgIterator> iterator(message.newIterator());
+    if (!iterator) return fields;
+    while (const RvDatum* field = iterator->next()) {
+        Json entry;
+        entry["name"] = field->name() != nullptr ? field->name() : "";
+        entry["type"] = typeName(*field);
+        entry["value"] = valueOf(*field);
+        fields.push_back(std::move(entry));
+    }
+    return fields;
+}
+
+std::string dump(const Json& json) {
+    return printableJson(json.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+}  // namespace
+
 Json valueOf(const RvDatum& datum) {
     if (datum.data() == nullptr) return nullptr;
     switch (datum.type()) {
@@ -153,26 +170,6 @@ std::string typeName(const RvDatum& datum) {
     }
 }
 
-Json fieldsOf(const RvMsg& message) {
-    Json fields = Json::array();
-    const std::unique_ptr<RvMsgIterator> iterator(message.newIterator());
-    if (!iterator) return fields;
-    while (const RvDatum* field = iterator->next()) {
-        Json entry;
-        entry["name"] = field->name() != nullptr ? field->name() : "";
-        entry["type"] = typeName(*field);
-        entry["value"] = valueOf(*field);
-        fields.push_back(std::move(entry));
-    }
-    return fields;
-}
-
-std::string dump(const Json& json) {
-    return printableJson(json.dump(-1, ' ', false, Json::error_handler_t::replace));
-}
-
-}  // namespace
-
 std::string printableJson(const std::string& json) {
     return escaped(json, [](std::string& shown, std::string_view piece) {
         fmt::format_to(std::back_inserter(shown), "\\u{:04x}",
@@ -204,4 +201,4 @@ std::string jsonString(const std::string& text) {
     return dump(Json(text));
 }
 
-}  // namespace kvx::tool
+}  // namespace kvx::bus

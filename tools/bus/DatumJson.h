@@ -1,10 +1,19 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "rv/rv.h"
 
-namespace kvx::tool {
+namespace kvx::bus {
+
+using Json = nlohmann::ordered_json;
+
+/// The value of a datum, as `messageAsJson` has it.
+Json valueOf(const RvDatum& datum);
+
+/// The name of its type, such as "i32".
+std::string typeName(const RvDatum& datum);
 
 /// `json` with the control characters that JSON allows escaped too, so with the same meaning.
 std::string printableJson(const std::string& json);
@@ -22,4 +31,4 @@ std::string datumText(const RvDatum& datum);
 /// A text as a JSON string, quotes included.
 std::string jsonString(const std::string& text);
 
-}  // namespace kvx::tool
+}  // namespace kvx::bus

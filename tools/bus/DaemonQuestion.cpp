@@ -1,0 +1,97 @@
+#include "tools/bus/DaemonQuestion.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+#include <utility>
+
+namespace kvx::bus {
+
+namespace {
+
+constexpr std::array<std::string_view, 5> kRows = {"session", "subject", "match", "shape",
+                                                   "address"};
+
+Json shapeOf(const RvMsg& example) {
+    Json fields = Json::array();
+    const std::unique_ptr<RvMsgIterator> iterator(example.newIterator());
+    while (const RvDatum* field = iterator ? iterator->next() : nullptr) {
+        const std::string name = field->name() != nullptr ? field->name() : "";
+        fields.push_back(name.empty() ? typeName(*field) : name + ":" + typeName(*field));
+    }
+    return fields;
+}
+
+void addFields(Json& object, const RvMsg& message, bool isTop);
+
+Json plainValue(const std::string& name, const RvDatum& datum) {
+    if (datum.type() != RVMSG_MSG) return valueOf(datum);
+    const auto& message = static_cast<const RvMsg&>(datum);
+    if (name == "fields") return shapeOf(message);
+    Json object = Json::object();
+    addFields(object, message, false);
+    return object;
+}
+
+// A row of subjects has a "subject" of its own, which is a value.
+bool isRow(const std::string& name, const RvDatum& datum, bool isTop) {
+    const bool isKnown = std::ranges::find(kRows, name) != kRows.end();
+    return isKnown && (datum.type() == RVMSG_MSG || (isTop && name == "address"));
+}
+
+void addFields(Json& object, const RvMsg& message, bool isTop) {
+    const std::unique_ptr<RvMsgIterator> iterator(message.newIterator());
+    while (const RvDatum* field = iterator ? iterator->next() : nullptr) {
+        const std::string name = field->name() != nullptr ? field->name() : "";
+        Json value = plainValue(name, *field);
+        isRow(name, *field, isTop) ? object[name].push_back(std::move(value))
+                                   : void(object[name] = std::move(value));
+    }
+}
+
+}  // namespace
+
+DaemonQuestion::DaemonQuestion(CVekRvNet& net, const char* subject, Done done)
+    : net_(net), subject_(subject), done_(std::move(done)) {}
+
+void DaemonQuestion::ask(const RvMsg& options, double timeoutSeconds) {
+    answer_ = Json::object();
+    parts_ = 0;
+    isWaiting_ = true;
+    inbox_.reset();
+    if (!sender_) sender_.reset(net_.m_session->newSender(subject_.c_str()));
+    if (sender_) inbox_.reset(sender_->sendRequest(options, this, nullptr));
+    if (!inbox_) return finish("the daemon cannot be asked");
+    deadline_.emplace(net_, static_cast<unsigned long>(timeoutSeconds * 1000), Ticker::Repeat::Once,
+                      [this, timeoutSeconds] {
+                          finish(
+                              fmt::format("the daemon has not answered on {} within {:g} s "
+                                          "(older versions never do)",
+                                          subject_, timeoutSeconds));
+                      });
+}
+
+void DaemonQuestion::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
+    if (!isWaiting_) return;
+    if (data.type() != RVMSG_MSG) return finish("the daemon's answer cannot be read");
+    Json part = std::move(answer_);
+    addFields(part, static_cast<const RvMsg&>(data), true);
+    answer_ = std::move(part);
+    const Json number = answer_.value("part", Json());
+    if (number != Json(++parts_)) return finish("a part of the daemon's answer is missing");
+    if (answer_.contains("error") && answer_["error"].is_string()) {
+        return finish(answer_["error"].get<std::string>());
+    }
+    if (answer_.value("last", Json(false)) == Json(true)) finish({});
+}
+
+void DaemonQuestion::finish(const std::string& error) {
+    if (!std::exchange(isWaiting_, false)) return;
+    answer_.erase("part");
+    answer_.erase("last");
+    done_(answer_, error);
+}
+
+}  // namespace kvx::bus
