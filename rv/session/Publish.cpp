@@ -19,7 +19,7 @@ namespace kvx::session {
 
 namespace {
 
-constexpr std::uint32_t kShortMessage = 1'024;  // bytes
+constexpr std::uint32_t kShortMessage = 4'096;  // bytes
 
 bool isSendable(rvmsg_Type type, rvmsg_Data data) {
     return data != nullptr || type == RVMSG_NONE;
