@@ -32,8 +32,8 @@ double processorTime() {
 }  // namespace
 
 double roundTrip(Way way, std::uint16_t port, std::size_t size, int requests) {
-    const auto left = connectEnds(way, {port, size, {{"BENCH.LEFT"}}, {"BENCH.RIGHT"}});
-    const auto right = connectEnds(way, {port, size, {{"BENCH.RIGHT"}}, {"BENCH.LEFT"}});
+    const auto left = connectEnds(way, {port, size, {{"BENCH.FIRST"}}, {"BENCH.OTHER"}});
+    const auto right = connectEnds(way, {port, size, {{"BENCH.OTHER"}}, {"BENCH.FIRST"}});
     const auto count = static_cast<std::size_t>(requests + kWarmUp);
     std::thread responder(
         [&] { right->receive(count, [&](const Stamp& request) { right->send(0, request); }); });

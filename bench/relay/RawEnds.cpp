@@ -19,7 +19,7 @@ namespace {
 
 using Buffer = std::vector<std::uint8_t>;
 
-constexpr std::size_t kBlock = 7168;             // bytes of one write
+constexpr std::size_t kBlock = 64 * 1024;        // bytes of one write
 constexpr std::size_t kReadBuffer = 256 * 1024;  // bytes
 
 Buffer encodedSubject(const std::string& text) {

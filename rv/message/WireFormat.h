@@ -75,9 +75,10 @@ class FieldCursor {
     /// A message with a checked magic and all the bytes of its length word.
     explicit FieldCursor(const void* message) {
         const std::uint32_t length = loadBig32(message);
-        if (length <= kHeaderBytes) return;
-        at_ = static_cast<const std::uint8_t*>(message) + kHeaderBytes;
-        end_ = static_cast<const std::uint8_t*>(message) + length;
+        if (length > kHeaderBytes) {
+            reader_ = WireReader(message, length);
+            static_cast<void>(reader_.skip(kHeaderBytes));
+        }
     }
     /// Received bytes; visits nothing when their header is invalid or its length exceeds them.
     explicit FieldCursor(Bytes message) {
@@ -85,30 +86,22 @@ class FieldCursor {
         if (loadBig32(message.data()) <= message.size()) *this = FieldCursor(message.data());
     }
     /// Fields from `position` to `end`, which lie inside one message.
-    FieldCursor(const std::uint8_t* position, const std::uint8_t* end) : at_(position), end_(end) {}
+    FieldCursor(const std::uint8_t* position, const std::uint8_t* end)
+        : reader_(position, static_cast<std::size_t>(end - position)) {}
 
-    const std::uint8_t* position() const { return at_; }
-    std::size_t left() const { return static_cast<std::size_t>(end_ - at_); }
+    const std::uint8_t* position() const { return reader_.position(); }
 
     /// A single byte left, which cannot begin a field, is the end too.
     Step next(WireField& field) {
-        if (left() <= 1) return Step::kEnd;
+        if (reader_.left() <= 1) return Step::kEnd;
         if (!takeName(field)) return Step::kBroken;
-        const Body body = bodyOf(field.type, at_, end_);
-        if (body.data == nullptr) return Step::kBroken;
-        field.size = body.size;
-        field.data = body.data;
-        at_ = body.data + body.size;
-        return Step::kField;
+        return (isSized(field.type) ? takeSized(field) : takeBody(field)) ? Step::kField
+                                                                          : Step::kBroken;
     }
 
-  private:
-    // The data of a field; null when it is malformed or runs past the end.
-    struct Body {
-        const std::uint8_t* data = nullptr;
-        rvmsg_Size size = 0;
-    };
+    std::size_t left() const { return reader_.left(); }
 
+  private:
     // Types with an encoded size, in one of three forms.
     static bool isSized(rvmsg_Type type) {
         constexpr std::uint32_t kSized =
@@ -118,81 +111,77 @@ class FieldCursor {
     }
 
     bool takeName(WireField& field) {
-        const std::uint8_t* const head = at_;
+        field.name = nullptr;
+        field.nameBytes = 0;
+        field.type = RVMSG_BADDATA;
+        const std::uint8_t* head = reader_.position();
         const std::size_t nameBytes = *head;
-        const bool isInside = left() >= nameBytes + 2;
-        if (!isInside || (nameBytes != 0 && head[nameBytes] != 0)) {
-            field = {};
-            return false;
+        if (!reader_.skip(nameBytes + 2)) return false;
+        if (nameBytes != 0) {
+            if (head[nameBytes] != 0) return false;
+            field.name = reinterpret_cast<const char*>(head + 1);
+            field.nameBytes = static_cast<std::uint32_t>(nameBytes);
         }
-        field.name = nameBytes != 0 ? reinterpret_cast<const char*>(head + 1) : nullptr;
-        field.nameBytes = static_cast<std::uint32_t>(nameBytes);
         field.type = head[nameBytes + 1];
-        at_ += nameBytes + 2;
         return true;
     }
 
-    static Body bodyOf(rvmsg_Type type, const std::uint8_t* at, const std::uint8_t* end) {
-        const auto left = static_cast<std::size_t>(end - at);
-        if (!isSized(type) || left == 0 || *at > kMaxShortSize) return otherBody(type, at, end);
-        return left > *at ? Body{at + 1, *at} : Body{};
-    }
-
-    // By value in and out: a cursor whose address is not needed stays in registers.
-    static Body otherBody(rvmsg_Type type, const std::uint8_t* at, const std::uint8_t* end) {
-        WireReader reader(at, static_cast<std::size_t>(end - at));
-        if (isSized(type)) return longerBody(reader);
-        switch (type) {
+    bool takeBody(WireField& field) {
+        switch (field.type) {
             case RVMSG_BADDATA:
             case RVMSG_NONE:
-                return {};
+                return false;
             case RVMSG_MSG:
-                return blockBody(reader, kHeaderBytes);
+                return takeBlock(field, kHeaderBytes);
             case RVMSG_ENCRYPTED:
-                return blockBody(reader, kSealedHeaderBytes);
+                return takeBlock(field, kSealedHeaderBytes);
             case RVMSG_SUBJECT:
-                return subjectBody(reader);
+                return takeSubject(field);
             default:
-                return {at, 0};
+                field.size = 0;
+                field.data = reader_.position();
+                return true;
         }
     }
 
-    static Body take(WireReader& reader, rvmsg_Size size) {
-        Body body{nullptr, size};
-        return reader.take(size, body.data) ? body : Body{};
-    }
-
     // Messages and sealed blocks begin with their own length word.
-    static Body blockBody(WireReader& reader, std::uint32_t least) {
+    bool takeBlock(WireField& field, std::uint32_t least) {
         std::uint8_t form = 0;
-        std::uint32_t size = 0;
-        const bool isSound =
-            reader.u8(form) && form == kLongForm && reader.peek32(size) && size >= least;
-        return isSound ? take(reader, size) : Body{};
+        return reader_.u8(form) && form == kLongForm && reader_.peek32(field.size) &&
+               field.size >= least && reader_.take(field.size, field.data);
     }
 
-    static Body subjectBody(WireReader& reader) {
+    bool takeSubject(WireField& field) {
         std::uint8_t form = 0;
-        std::uint16_t size = 0;
-        const bool isSound = reader.u8(form) && form == kMediumForm && reader.peek16(size) &&
-                             size >= kSubjectHeaderBytes;
-        return isSound ? take(reader, size) : Body{};
+        std::uint16_t length = 0;
+        if (!reader_.u8(form) || form != kMediumForm || !reader_.peek16(length)) return false;
+        field.size = length;
+        return length >= kSubjectHeaderBytes && reader_.take(length, field.data);
+    }
+
+    bool takeSized(WireField& field) {
+        std::uint8_t form = 0;
+        if (!reader_.u8(form)) return false;
+        field.size = form;
+        if (form > kMaxShortSize && !takeLongerSize(field, form)) return false;
+        return reader_.take(field.size, field.data);
     }
 
     // The longer forms count their own bytes.
-    static Body longerBody(WireReader& reader) {
-        std::uint8_t form = 0;
+    bool takeLongerSize(WireField& field, std::uint8_t form) {
         std::uint16_t medium = 0;
-        std::uint32_t size = 0;
-        if (!reader.u8(form)) return {};
-        if (form == kMediumForm && reader.u16(medium) && medium >= sizeof medium)
-            return take(reader, medium - static_cast<std::uint32_t>(sizeof medium));
-        if (form != kLongForm || !reader.u32(size) || size < sizeof size) return {};
-        return take(reader, size - static_cast<std::uint32_t>(sizeof size));
+        if (form == kMediumForm && reader_.u16(medium) && medium >= sizeof medium) {
+            field.size = medium - static_cast<std::uint32_t>(sizeof medium);
+            return true;
+        }
+        if (form != kLongForm || !reader_.u32(field.size) || field.size < sizeof field.size) {
+            return false;
+        }
+        field.size -= static_cast<std::uint32_t>(sizeof field.size);
+        return true;
     }
 
-    const std::uint8_t* at_ = nullptr;
-    const std::uint8_t* end_ = nullptr;
+    WireReader reader_;
 };
 
 /// The first field of that name in received bytes; nothing when it is absent or follows a broken

@@ -19,7 +19,7 @@ namespace kvx::session {
 
 namespace {
 
-constexpr std::uint32_t kShortMessage = 1'024;  // bytes
+constexpr std::uint32_t kShortMessage = 4'096;  // bytes
 
 bool isSendable(rvmsg_Type type, rvmsg_Data data) {
     return data != nullptr || type == RVMSG_NONE;
@@ -54,7 +54,7 @@ const std::uint8_t* PublishedSubject::encode(const char* text) {
     text_[0] = 0;
     if (rvSubject_FromText(encoded_, sizeof encoded_, text) < 0) return nullptr;
     if (advisory::isSystemSubject(SubjectView::trusted(encoded_))) return nullptr;
-    std::strcpy(text_, text);  // shorter than the encoded form
+    std::memcpy(text_, text, std::strlen(text) + 1);  // shorter than the encoded form
     return encoded_;
 }
 

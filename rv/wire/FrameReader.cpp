@@ -13,21 +13,11 @@
 
 namespace kvx::wire {
 
-FrameReader::Head FrameReader::judge(const std::uint8_t* header) {
-    const std::uint32_t length = loadBig32(header);
-    const std::uint32_t magic = loadBig32(header + 4);
-    if (magic == 0) return {FrameKind::Close, kHeaderBytes};
-    if (magic != kMessageMagic) return {FrameKind::Broken, 0};
-    if (length < kHeaderBytes || length > kMaxMessageBytes) return {FrameKind::Broken, 0};
-    if (length == kHeaderBytes) return {FrameKind::Keepalive, kHeaderBytes};
-    return {FrameKind::Message, length};
-}
-
 void FrameReader::feed(Bytes chunk) {
     if (end_ == FrameKind::None) chunk_ = chunk;
 }
 
-Frame FrameReader::next() {
+Frame FrameReader::nextInPieces() {
     if (handedOut_) (void)takeAssembled();
     if (end_ != FrameKind::None) return {end_, {}, false};
     return partial_.empty() ? fromChunk() : fromPartial();
@@ -39,12 +29,7 @@ Frame FrameReader::fromChunk() {
         if (head.kind == FrameKind::Close || head.kind == FrameKind::Broken) {
             return finish(head.kind);
         }
-        if (chunk_.size() >= head.length) {
-            Frame frame{head.kind, chunk_.first(head.length), false};
-            chunk_ = chunk_.subspan(head.length);
-            if (head.kind == FrameKind::Keepalive) frame.bytes = {};
-            return frame;
-        }
+        if (chunk_.size() >= head.length) return takeWhole(head);
         topUp(head.length);
         return {};
     }

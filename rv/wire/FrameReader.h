@@ -49,7 +49,15 @@ class FrameReader {
     /// The next frame in stream order. `bytes` is valid until the following call of `next` or
     /// `feed`, and for frames not `assembled` as long as the chunk. Throws `std::bad_alloc` without
     /// memory for a message; the stream is then unusable.
-    [[nodiscard]] Frame next();
+    [[nodiscard]] Frame next() {
+        // At the start of a message that is whole in the chunk, as nearly all are.
+        if (partial_.empty() && chunk_.size() > kHeaderBytes) {
+            const Head head = judge(chunk_.data());
+            if (head.kind == FrameKind::Message && head.length <= chunk_.size())
+                return takeWhole(head);
+        }
+        return nextInPieces();
+    }
 
     /// True when `next` would return something other than `None`.
     [[nodiscard]] bool ready() const;
@@ -71,8 +79,22 @@ class FrameReader {
         FrameKind kind;
         std::size_t length;
     };
-    [[nodiscard]] static Head judge(const std::uint8_t* header);
+    [[nodiscard]] static Head judge(const std::uint8_t* header) {
+        const std::uint32_t length = loadBig32(header);
+        const std::uint32_t magic = loadBig32(header + 4);
+        if (magic == 0) return {FrameKind::Close, kHeaderBytes};
+        if (magic != kMessageMagic) return {FrameKind::Broken, 0};
+        if (length < kHeaderBytes || length > kMaxMessageBytes) return {FrameKind::Broken, 0};
+        if (length == kHeaderBytes) return {FrameKind::Keepalive, kHeaderBytes};
+        return {FrameKind::Message, length};
+    }
+    Frame takeWhole(const Head& head) {
+        const Bytes bytes = chunk_.first(head.length);
+        chunk_ = chunk_.subspan(head.length);
+        return {head.kind, head.kind == FrameKind::Message ? bytes : Bytes(), false};
+    }
 
+    Frame nextInPieces();
     Frame fromChunk();
     Frame fromPartial();
     Frame finish(FrameKind kind);
