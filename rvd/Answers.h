@@ -19,11 +19,15 @@ class Answers {
   public:
     /// Inquiries of one session that may wait.
     static constexpr std::size_t kMost = 16;
+    /// Charged for one: its subjects and its report.
+    static constexpr std::size_t kCost = 6 * 1024;
 
     /// False, and nothing is answered, when too many wait. Throws `std::bad_alloc`.
     [[nodiscard]] bool add(const Inquiry& inquiry, std::unique_ptr<Report> report);
 
     [[nodiscard]] bool empty() const { return waiting_.empty(); }
+    /// Bytes of memory, an upper estimate.
+    [[nodiscard]] std::size_t memory() const { return waiting_.size() * kCost; }
 
     /// The next message; empty when this piece of work has found nothing to say. There must be an
     /// answer under way. Throws `std::bad_alloc`; the answer is lost then.

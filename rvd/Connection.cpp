@@ -244,7 +244,8 @@ void Connection::takeBytes() {
 
 void Connection::chargeIncoming() {
     const std::size_t routing = routing_ ? routing_->match.memory() : 0;
-    setCharge(Holding::Incoming, peer_->claimed() + rest_.capacity() + routing);
+    const std::size_t asked = answers_ ? answers_->memory() : 0;
+    setCharge(Holding::Incoming, peer_->claimed() + rest_.capacity() + routing + asked);
 }
 
 bool Connection::mayGoOn() {

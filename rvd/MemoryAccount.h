@@ -12,7 +12,7 @@ class MemoryHolder;
 /// What a connection holds memory for, besides routed messages that wait to be written.
 enum class Holding : std::uint8_t {
     Connection,  ///< the connection itself
-    Incoming,    ///< a message that is not whole yet
+    Incoming,    ///< messages that are not whole yet or on their way, and what was asked
     Control,     ///< answers of the link itself that wait to be written
     Listens,     ///< listens, with their part of the subject tree
     Count
