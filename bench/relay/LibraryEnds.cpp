@@ -95,7 +95,8 @@ class LibraryEnds : public Ends {
     void batch(std::size_t connection, bool isOn) {
         Connection& to = connections_[connection];
         if (to.isBatching == isOn) return;
-        const ipq_Properties properties{isOn ? 1 : 0, 4096, 8192};
+        // Segments, and so sends, as large as the blocks of the bare senders.
+        const ipq_Properties properties{isOn ? 1 : 0, 4096, 65'536};
         require(rv_SetProperty(to.session, "ipqProperties", &properties) == 0,
                 "set the properties");
         to.isBatching = isOn;

@@ -12,7 +12,7 @@
 namespace kvx::link {
 
 inline constexpr std::size_t kReceiveBufferSize = 65'536;  // bytes received ahead at most
-inline constexpr std::size_t kSendCap = 65'536;            // bytes of one send
+inline constexpr std::size_t kSendCap = 7'168;             // bytes of one send, or a segment
 inline constexpr std::size_t kReducedSendCap = 4'096;      // after the system ran out of buffers
 inline constexpr unsigned long kRetryMs = 4;               // retry of writes by timer
 inline constexpr unsigned long kKeepaliveTickMs = 60'000;  // silence before a keepalive

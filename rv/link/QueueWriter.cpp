@@ -3,7 +3,7 @@
 // A message in an empty queue is written at once (in batching mode at the next write event). All
 // others wait behind the block being written until the socket takes more, which a write event
 // reports, or a retry timer where that event cannot be registered. One send takes several segments,
-// up to the cap.
+// up to the cap, which a property can make large.
 
 #include <algorithm>
 #include <array>
