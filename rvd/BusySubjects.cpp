@@ -63,8 +63,8 @@ BusySubjects::Place BusySubjects::count(const Router::Session& from, std::uint64
         if (place == 0) place = enter(from, hash, subject, now);
         Entry& entry = entries_[place - 1U];
         entry.messages += weight;
-        entry.freshMessages += weight;
-        entry.freshBytes += weight * static_cast<double>(message.size());
+        entry.freshMessages_ += weight;
+        entry.freshBytes_ += weight * static_cast<double>(message.size());
         entry.bytes += weight * static_cast<double>(message.size());
         weights_[place - 1U] += static_cast<float>(weight);
         const auto known = std::ranges::find_if(
@@ -81,7 +81,7 @@ BusySubjects::Place BusySubjects::find(std::uint32_t hash, std::uint64_t space,
                                        SubjectView subject) const {
     const HashSlot* const slot = places_.find(hash, [&](const HashSlot& one) {
         const Entry& entry = entries_[one.number - 1U];
-        return entry.space == space && entry.subject == subject.encoded();
+        return entry.space_ == space && entry.subject == subject.encoded();
     });
     return slot != nullptr ? static_cast<Place>(slot->number) : Place{0};
 }
@@ -93,8 +93,8 @@ BusySubjects::Place BusySubjects::enter(const Router::Session& from, std::uint32
     entered.network = from.network().substr(0, kNameCharacters);
     entered.subject = subject.encoded();
     entered.since = now;
-    entered.space = from.space();
-    entered.hash = hash;
+    entered.space_ = from.space();
+    entered.hash_ = hash;
     places_.makeRoom();
     std::size_t index = entries_.size();
     if (index < kSubjects) {
@@ -112,7 +112,7 @@ BusySubjects::Place BusySubjects::enter(const Router::Session& from, std::uint32
 
 void BusySubjects::leave(Place place) noexcept {
     for (const auto& seen : entries_[place - 1U].shapes) shapes_.release(seen.shape);
-    places_.erase(places_.find(entries_[place - 1U].hash,
+    places_.erase(places_.find(entries_[place - 1U].hash_,
                                [place](const HashSlot& one) { return one.number == place; }));
 }
 
@@ -144,11 +144,11 @@ void BusySubjects::tick(platform::Milliseconds elapsed) noexcept {
             const double now = std::exchange(fresh, 0) * 1'000 / time;
             rate = rate == 0 ? now : keptRate * rate + (1 - keptRate) * now;
         };
-        note(entry.rate, entry.freshMessages);
-        note(entry.byteRate, entry.freshBytes);
+        note(entry.rate, entry.freshMessages_);
+        note(entry.byteRate, entry.freshBytes_);
     }
     const double seconds = time / 1'000;
-    const bool isQuiet = countedNow_ < kCountedASecond / 4 * seconds;
+    const bool isQuiet = 4.0 * countedNow_ < kCountedASecond * seconds;
     if (isQuiet && every_ > 1) every_ /= 2;
     countedNow_ = 0;
 }

@@ -52,10 +52,10 @@ class BusySubjects {
 
       private:
         friend class BusySubjects;
-        double freshMessages = 0;  // since the last tick
-        double freshBytes = 0;
-        std::uint64_t space = 0;
-        std::uint32_t hash = 0;
+        double freshMessages_ = 0;  // since the last tick
+        double freshBytes_ = 0;
+        std::uint64_t space_ = 0;
+        std::uint32_t hash_ = 0;
     };
     using Place = std::uint16_t;  ///< of a subject in the table; 0: none
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <limits>
 #include <string>
 #include <utility>
@@ -188,7 +189,9 @@ class SubjectsReport final : public Report {
         if (entry.otherShapes > 0) row.put("other_shapes", rounded(entry.otherShapes));
     }
 
-    static std::uint64_t rounded(double number) { return static_cast<std::uint64_t>(number + 0.5); }
+    static std::uint64_t rounded(double number) {
+        return static_cast<std::uint64_t>(std::llround(number));
+    }
 
     const BusySubjects& busy_;
     const Inquiry inquiry_;

@@ -258,8 +258,10 @@ void checkServices(Examination& examination) {
     const auto& services = examination.bus->services;
     const auto& answers = examination.bus->answers;
     std::vector<std::string> names;
+    names.reserve(services.size());
     for (const auto& service : services) names.push_back(nameOf(service.beat));
     std::vector<std::string> answering;
+    answering.reserve(answers.size());
     for (const auto& answer : answers) answering.push_back(answer.service);
     examination.ok(fmt::format(
         "{}; {}", names.empty() ? "none beats" : fmt::format("beating: {}", fmt::join(names, ", ")),

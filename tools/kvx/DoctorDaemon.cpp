@@ -50,9 +50,9 @@ std::optional<Address> addressOf(std::string_view text) {
     if (!text.starts_with(kScheme)) return std::nullopt;
     text.remove_prefix(kScheme.size());
     const auto colon = text.rfind(':');
-    const auto port = portOf(colon == text.npos ? text : text.substr(colon + 1));
+    const auto port = portOf(colon == std::string_view::npos ? text : text.substr(colon + 1));
     if (!port || colon == 0) return std::nullopt;
-    return Address{std::string(text.substr(0, colon == text.npos ? 0 : colon)), *port};
+    return Address{std::string(text.substr(0, colon == std::string_view::npos ? 0 : colon)), *port};
 }
 
 std::string socketText(int error) {

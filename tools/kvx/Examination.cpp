@@ -93,7 +93,7 @@ Examination::Milliseconds Examination::timeout() const {
     return static_cast<Milliseconds>(options.timeoutSeconds * 1000);
 }
 
-void Examination::tell(Finding finding) {
+void Examination::tell(const Finding& finding) {
     const std::lock_guard guard(lock_);
     if (finding.state == Finding::State::Failure) hasFailed_ = true;
     print(finding);

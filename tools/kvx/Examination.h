@@ -72,7 +72,7 @@ class Examination {
     std::unique_ptr<Bus> bus;  ///< null when there was no session
 
   private:
-    void tell(Finding finding);
+    void tell(const Finding& finding);
     void print(const Finding& finding) const;
     void watch();
 

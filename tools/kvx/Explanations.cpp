@@ -23,7 +23,7 @@ std::string lower(std::string_view text) {
 std::string plain(std::string_view text) {
     static constexpr std::string_view kEdges = " \t\n.\"'";
     const auto begin = text.find_first_not_of(kEdges);
-    if (begin == text.npos) return {};
+    if (begin == std::string_view::npos) return {};
     return lower(text.substr(begin, text.find_last_not_of(kEdges) + 1 - begin));
 }
 
@@ -56,7 +56,7 @@ bool hasPhrase(std::string_view text, std::string_view part) {
         return at >= text.size() || std::isalnum(static_cast<unsigned char>(text[at])) == 0;
     };
     if (part.empty()) return false;
-    for (auto at = text.find(part); at != text.npos; at = text.find(part, at + 1)) {
+    for (auto at = text.find(part); at != std::string_view::npos; at = text.find(part, at + 1)) {
         if ((at == 0 || isEdge(at - 1)) && isEdge(at + part.size())) return true;
     }
     return false;

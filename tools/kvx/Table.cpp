@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <utility>
 
 #include "platform/Text.h"
@@ -88,7 +89,7 @@ std::string spanText(std::uint64_t milliseconds) {
 std::string rateText(double rate) {
     if (rate == 0) return "0";
     if (rate < 9.95) return fmt::format("{:.1f}", rate);
-    return countText(static_cast<std::uint64_t>(rate + 0.5));
+    return countText(static_cast<std::uint64_t>(std::llround(rate)));
 }
 
 }  // namespace kvx::tool

@@ -42,11 +42,11 @@ std::function<std::string(const Json&)> bytesOf(const char* field) {
 std::string fitted(const std::string& text, std::size_t width, bool isRight) {
     std::string shown;
     std::size_t characters = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool isFirst = (text[i] & '\xc0') != '\x80';
+    for (const char character : text) {
+        const bool isFirst = (character & '\xc0') != '\x80';
         if (isFirst && characters == width) break;
         characters += isFirst ? 1 : 0;
-        shown += text[i];
+        shown += character;
     }
     const std::string fill(width - characters, ' ');
     return isRight ? fill + shown : shown + fill;

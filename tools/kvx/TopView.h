@@ -26,8 +26,8 @@ class TopView {
     enum Key { Up = 1'000, Down, PageUp, PageDown, Enter, Backspace, Escape };
     bool press(int key);
 
-    /// The lines of a screen of that size, none longer than `columns`, at most `rows`.
-    [[nodiscard]] std::vector<Line> draw(const Answers& answers, std::size_t columns,
+    /// The lines of a screen of that size: none longer than `width`, at most `rows`.
+    [[nodiscard]] std::vector<Line> draw(const Answers& answers, std::size_t width,
                                          std::size_t rows);
 
   private:
