@@ -77,6 +77,12 @@ int pendingError(SocketHandle socket) noexcept {
 IoResult sendSome(SocketHandle socket, std::span<const std::byte> bytes) noexcept {
     return world->network.send(socket, bytes.data(), bytes.size());
 }
+IoResult sendPieces(SocketHandle socket,
+                    std::span<const std::span<const std::byte>> pieces) noexcept {
+    std::vector<std::byte> whole;
+    for (const auto piece : pieces) whole.insert(whole.end(), piece.begin(), piece.end());
+    return sendSome(socket, whole);
+}
 IoResult receiveSome(SocketHandle socket, std::span<std::byte> buffer) noexcept {
     return world->network.receive(socket, buffer.data(), buffer.size());
 }
