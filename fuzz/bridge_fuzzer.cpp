@@ -31,7 +31,7 @@ struct Owner : ExchangeActions, ReceiverSink {
     void ready() override {}
     void marksWanted(std::string_view, std::uint64_t) override {}
     bool message(SubjectView, Bytes) override { return true; }
-    void lost(std::string_view, SubjectView, std::uint64_t, LossCause) override {}
+    void lost(std::string_view, SubjectView, std::uint64_t, kvx::bridge::LossCause) override {}
     bool heardAllOf(const Frame&, SubjectView) override { return true; }
     bool mayBegin(const Frame&, SubjectView) override { return true; }
     bool isSubscribedSince(std::uint64_t, SubjectView) override { return true; }
