@@ -309,7 +309,7 @@ TEST(Client, NamesTheDaemonThatIsNotThere) {
               "attempt to connect was forcefully rejected; none was started, since the address "
               "names a host");
     EXPECT_EQ(Client::open({.daemon = {"", "", "host"}}).error().text,
-              "the address is not of the form tcp:[host:]port");
+              "the address is not of the form tcp:[host:]port or unix:/path");
     EXPECT_EQ(Client::open({.domain = "A..B"}).error().code, Errc::InvalidArgument);
 }
 

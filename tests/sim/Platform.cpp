@@ -79,9 +79,14 @@ IoResult sendSome(SocketHandle socket, std::span<const std::byte> bytes) noexcep
 }
 IoResult sendPieces(SocketHandle socket,
                     std::span<const std::span<const std::byte>> pieces) noexcept {
-    std::vector<std::byte> whole;
-    for (const auto piece : pieces) whole.insert(whole.end(), piece.begin(), piece.end());
-    return sendSome(socket, whole);
+    IoResult sent;
+    for (const auto piece : pieces) {
+        const IoResult next = sendSome(socket, piece);
+        if (next.error != 0) return sent.bytes != 0 ? sent : next;
+        sent.bytes += next.bytes;
+        if (next.bytes < piece.size()) break;
+    }
+    return sent;
 }
 IoResult receiveSome(SocketHandle socket, std::span<std::byte> buffer) noexcept {
     return world->network.receive(socket, buffer.data(), buffer.size());
