@@ -196,7 +196,7 @@ class CommandLine {
             ->required();
         command.add_option("QUERY", query_.text, "the query, in quotes")->required();
         auto* csv = command.add_flag_callback(
-            "--csv", [this] { query_.format = RowFormat::Csv; }, "print comma-separated values");
+            "--csv", [this] { query_.format = RowFormat::AsCsv; }, "print comma-separated values");
         csv->excludes(json_);
         command.add_flag("--quiet", query_.quiet, "print no rows, only the summary");
         addTimeout(command, query_.timeoutSeconds);

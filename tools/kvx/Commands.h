@@ -49,13 +49,13 @@ struct RequestOptions : MessageOptions {
     double timeoutSeconds = 8;
 };
 
-enum class RowFormat { Table, Json, Csv };
+enum class RowFormat { AsTable, AsJson, AsCsv };
 
 struct QueryOptions {
     Connection connection;
     std::string service;
     std::string text;
-    RowFormat format = RowFormat::Table;
+    RowFormat format = RowFormat::AsTable;
     bool quiet = false;  ///< no rows, only the summary
     double timeoutSeconds = 8;
 };

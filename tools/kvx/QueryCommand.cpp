@@ -70,12 +70,12 @@ int showRefusal(const QueryOptions& options, const QueryError& error) {
 
 int showAnswer(const QueryOptions& options, const Rows& rows, const AnswerTotals& totals,
                double seconds) {
-    const RowFormat format = options.connection.json ? RowFormat::Json : options.format;
+    const RowFormat format = options.connection.json ? RowFormat::AsJson : options.format;
     if (!options.quiet) rows.print(format, bus::print, platform::isTerminal(stdout));
     // Standard output has only the rows; the summary follows when they are written.
     if (!bus::flushOutput()) return kFailure;
     const auto tell = [&](const std::string& line) {
-        format == RowFormat::Table ? bus::printLine(line) : bus::note(line + "\n");
+        format == RowFormat::AsTable ? bus::printLine(line) : bus::note(line + "\n");
     };
     if (!totals.remark.empty()) tell(totals.remark);
     tell(summary(rows, totals, seconds));

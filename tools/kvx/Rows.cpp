@@ -150,11 +150,11 @@ void Rows::print(RowFormat format, const Write& write, bool forTerminal) const {
     const std::vector<Column> all = columns();
     if (all.empty()) return;
     switch (format) {
-        case RowFormat::Table:
+        case RowFormat::AsTable:
             return printTable(all, write);
-        case RowFormat::Json:
+        case RowFormat::AsJson:
             return printJson(all, write);
-        case RowFormat::Csv:
+        case RowFormat::AsCsv:
             return printCsv(all, write, forTerminal);
     }
 }

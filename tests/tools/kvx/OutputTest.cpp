@@ -77,25 +77,25 @@ TEST(Rows, PrintInEveryFormatWithMissingValuesEmpty) {
     Rows rows;
     rows.add(record({{"name", "caf\xc3\xa9"}, {"site", "a,b"}}, 5));
     rows.add(record({{"name", "\x1b[31m\""}}, 0));
-    EXPECT_EQ(printed(rows, RowFormat::Table),
+    EXPECT_EQ(printed(rows, RowFormat::AsTable),
               "name    site  n\n------  ----  -\ncaf\xc3\xa9    a,b   5\n [31m\"        \n");
-    EXPECT_EQ(printed(rows, RowFormat::Json),
+    EXPECT_EQ(printed(rows, RowFormat::AsJson),
               "{\"name\":\"caf\xc3\xa9\",\"site\":\"a,b\",\"n\":5}\n"
               "{\"name\":\"\\u001b[31m\\\"\",\"site\":null,\"n\":null}\n");
-    EXPECT_EQ(printed(rows, RowFormat::Csv),
+    EXPECT_EQ(printed(rows, RowFormat::AsCsv),
               "name,site,n\ncaf\xc3\xa9,\"a,b\",5\n\"\x1b[31m\"\"\",,\n");
-    EXPECT_EQ(printed(rows, RowFormat::Csv, true).find('\x1b'), std::string::npos);
+    EXPECT_EQ(printed(rows, RowFormat::AsCsv, true).find('\x1b'), std::string::npos);
 }
 
 TEST(Rows, HaveTheColumnsThatWereSelectedWhateverTheyHold) {
     Rows rows(selectedColumns("SELECT n, Site , \"from\",n From devices where x = 1"));
-    EXPECT_EQ(printed(rows, RowFormat::Csv), "n,Site,from,n\n");
-    EXPECT_EQ(printed(rows, RowFormat::Table), "n  Site  from  n\n-  ----  ----  -\n");
-    EXPECT_EQ(printed(rows, RowFormat::Json), "");
+    EXPECT_EQ(printed(rows, RowFormat::AsCsv), "n,Site,from,n\n");
+    EXPECT_EQ(printed(rows, RowFormat::AsTable), "n  Site  from  n\n-  ----  ----  -\n");
+    EXPECT_EQ(printed(rows, RowFormat::AsJson), "");
     rows.add(record({{"more", "x"}, {"site", "here"}}, 5));
     rows.add(record({{"from", "f"}}, 0));
-    EXPECT_EQ(printed(rows, RowFormat::Csv), "n,Site,from,n\n5,here,,5\n,,f,\n");
-    EXPECT_EQ(printed(rows, RowFormat::Json),
+    EXPECT_EQ(printed(rows, RowFormat::AsCsv), "n,Site,from,n\n5,here,,5\n,,f,\n");
+    EXPECT_EQ(printed(rows, RowFormat::AsJson),
               "{\"n\":5,\"Site\":\"here\",\"from\":null}\n"
               "{\"n\":null,\"Site\":null,\"from\":\"f\"}\n");
 }
