@@ -110,7 +110,7 @@ void Connection::refreshTold() {
     if (mayTell()) context_.line.join(*this);
 }
 
-// One that does not read its answers is asked for no more: what it asks then is not answered.
+// What a session asks that has too many questions waiting is not answered.
 void Connection::ask(const Inquiry& inquiry) {
     if (session_ == nullptr) return;
     auto report = mayAsk_ ? context_.reports.answer(inquiry, *session_) : Reports::refusal();

@@ -76,9 +76,7 @@ void DaemonQuestion::ask(const RvMsg& options, double timeoutSeconds) {
 void DaemonQuestion::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
     if (!isWaiting_) return;
     if (data.type() != RVMSG_MSG) return finish("the daemon's answer cannot be read");
-    Json part = std::move(answer_);
-    addFields(part, static_cast<const RvMsg&>(data), true);
-    answer_ = std::move(part);
+    addFields(answer_, static_cast<const RvMsg&>(data), true);
     const Json number = answer_.value("part", Json());
     if (number != Json(++parts_)) return finish("a part of the daemon's answer is missing");
     if (answer_.contains("error") && answer_["error"].is_string()) {
