@@ -6,6 +6,8 @@
 #include <string>
 #include <utility>
 
+#include "rvd/Version.h"
+
 namespace kvx::rvd {
 namespace {
 
@@ -54,7 +56,7 @@ class StatusReport final : public Report {
 
     bool write(Row& part) override {
         const StatusFacts facts = observed_.status();
-        part.put("version", KVX_VERSION);
+        part.put("version", version());
         part.put("pid", facts.pid);
         for (const auto& address : facts.addresses) part.put("address", address);
         part.put("started_ms", static_cast<std::uint64_t>(facts.started));

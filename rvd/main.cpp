@@ -19,6 +19,9 @@ int main(int argc, char** argv) {
 
     kvx::platform::Log log(commandLine.options.logLevel);
     kvx::rvd::Server server(commandLine.options, log);
+    if (commandLine.options.takeOver >= 0) {
+        return server.takeOver(commandLine.options.takeOver) ? server.run() : 1;
+    }
     if (!server.start()) return 1;
 
     // It serves without that line too: a full disk must not stop the host's messages.
