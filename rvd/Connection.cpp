@@ -119,7 +119,8 @@ bool Connection::accept(StreamSocket& listener) {
     return isStarted;
 }
 
-bool Connection::start() {
+// Who is at the other end, and what it may do.
+void Connection::meetPeer() {
     name_ = socket_.peerName();
     const auto peer = socket_.peerEndpoint();
     const auto process = socket_.peerIdentity();
@@ -131,6 +132,10 @@ bool Connection::start() {
     peer_ = std::make_unique<Peer>(reportedAddress(peer, isNear, context_.hostAddress), *this,
                                    context_.counters);
     context_.willWatch(socket_.descriptor());
+}
+
+bool Connection::start() {
+    meetPeer();
     if (!startReading()) return false;
     context_.counters.add(Counter::ConnectionsAccepted);
     context_.log.debug(name_ + " connected");
@@ -143,7 +148,9 @@ void Connection::refuse(StreamSocket& listener) {
     destroy();
 }
 
+// While the daemon is being replaced, nothing is read: `resume` comes later.
 bool Connection::startReading() {
+    if (context_.isPaused) return true;
     isReading_ = true;
     return uv_read_start(
                stream(),

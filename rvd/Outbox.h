@@ -11,6 +11,7 @@
 #include "rvd/DataLoss.h"
 #include "rvd/MemoryAccount.h"
 #include "rvd/Payload.h"
+#include "rvd/State.h"
 
 namespace kvx::rvd {
 
@@ -97,6 +98,10 @@ class Outbox {
     /// Marks the first entry as begun, so that it is not dropped, and returns its rest. The bytes
     /// stay in place until `written` has covered them. The queue must not be empty.
     [[nodiscard]] wire::Bytes pinFront();
+
+    /// For the daemon that takes this one's place. A queue that is restored must be new.
+    void save(StateWriter& state) const;
+    void restore(StateReader& state);
 
     [[nodiscard]] std::size_t waitingMessages() const { return waitingMessages_; }
     /// Bytes of waiting messages without what is written of the first.
