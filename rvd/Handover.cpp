@@ -47,7 +47,7 @@ bool Connection::isQuiet(bool withAnswers) const {
         writingBytes_ > 0 &&
         uv_stream_get_write_queue_size(const_cast<StreamSocket&>(socket_).stream()) == 0;
     return state_ < State::Failed && !routing_ && !isUntold && !isTrimming_ && !isDismissed_ &&
-           arrived_.empty() && (!withAnswers || !answers_);
+           arrived_.empty() && (!withAnswers || !answers_ || answers_->empty());
 }
 
 void Connection::save(StateWriter& state) {

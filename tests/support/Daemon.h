@@ -55,12 +55,15 @@ class Daemon {
     /// Has it replaced by what is at its program's path now. Why it was not; empty when it was, and
     /// the former process has ended.
     std::string replace() {
-        prctl(PR_SET_CHILD_SUBREAPER, 1);  // the successor is ours to reap
-        const std::string before = log();
+        const std::size_t before = log().size();
         ::kill(pid(), SIGUSR2);
+        return awaitReplacement(before);
+    }
+    /// The same for one that was asked for otherwise; `before`: the size of the log before that.
+    std::string awaitReplacement(std::size_t before) {
         std::string said;
         const bool hasSaid = eventually([&] {
-            said = log().substr(before.size());
+            said = log().substr(before);
             return said.find("took over ") != said.npos || said.find("not replaced: ") != said.npos;
         });
         if (!hasSaid) throw std::runtime_error("rvd says nothing: " + said);
@@ -117,6 +120,7 @@ class Daemon {
         std::vector<std::string> arguments = {"-c", limits_ + R"( && exec "$0" "$@")",
                                               program_, "-listen", "tcp:" + port};
         arguments.insert(arguments.end(), options_.begin(), options_.end());
+        prctl(PR_SET_CHILD_SUBREAPER, 1);  // a successor is this process's to reap
         process_.emplace("/bin/sh", arguments, variables_);
         const std::string ready = "rvd ready on tcp:";  // the first address is this one
         const std::string line = process_->awaitOutput(ready);

@@ -259,6 +259,11 @@ class CommandLine {
             add("why-slow", "tell who holds up messages, and what to do", daemon_, whySlow);
         slow.add_option("SUBJECT", daemon_.subject, "only who would get a message on it");
         addTimeout(slow, daemon_.timeoutSeconds);
+        auto& replaced = add(
+            "upgrade", "replace the daemon by the rvd that is installed now, while it works",
+            upgrade_, upgrade);
+        upgrade_.timeoutSeconds = 30;
+        addTimeout(replaced, upgrade_.timeoutSeconds);
     }
 
     void addExplain() {
@@ -343,6 +348,7 @@ class CommandLine {
     ServicesOptions services_;
     HostsOptions hosts_;
     DaemonOptions daemon_;
+    DaemonOptions upgrade_;
     ExplainOptions explain_;
     DoctorOptions doctor_;
     BenchOptions bench_;

@@ -164,6 +164,9 @@ int trace(const DaemonOptions& options);
 /// Who holds up messages, since when, what was lost, and what to do.
 int whySlow(const DaemonOptions& options);
 
+/// Has the daemon replaced by the program that is installed now, without a session noticing.
+int upgrade(const DaemonOptions& options);
+
 /// Says why a code, an advisory or a line of a log comes, and what to do; lists all without words.
 int explain(const ExplainOptions& options);
 
