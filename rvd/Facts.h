@@ -53,9 +53,9 @@ struct StatusFacts {
     std::uint64_t replacements = 0;     ///< by a successor, since `started`
     std::uint64_t replaceFailures = 0;  ///< of this process
     std::string replaceError;           ///< of the last failure
-    std::uint64_t queueLimit = 0;   ///< bytes
-    std::uint64_t descriptors = 0;  ///< connections for which there are descriptors
-    std::uint64_t memoryLimit = 0;  ///< bytes
+    std::uint64_t queueLimit = 0;       ///< bytes
+    std::uint64_t descriptors = 0;      ///< connections for which there are descriptors
+    std::uint64_t memoryLimit = 0;      ///< bytes
     std::uint64_t memoryUsed = 0;
     MemoryAccount::Kinds memory;
     const Counters* counters = nullptr;

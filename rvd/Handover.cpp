@@ -108,7 +108,8 @@ void Server::replace() {
                       " bytes that it holds");
     }
     platform::Program program = options_.program;
-    for (const char* const argument : {"--take-over", "3"}) program.arguments.emplace_back(argument);
+    for (const char* const argument : {"--take-over", "3"})
+        program.arguments.emplace_back(argument);
     if (const std::string error = successor_->start(std::move(program)); !error.empty()) {
         return keepOn(error);
     }
@@ -151,10 +152,9 @@ bool Server::isQuiet() const {
     const bool isAccepting = std::ranges::any_of(
         listeners_, [](const auto& listener) { return listener->wait != Listener::Wait::Nothing; });
     return line_.empty() && !hasToClearUp() && !isAccepting &&
-           std::ranges::all_of(connections_,
-                               [withAnswers](const auto& numbered) {
-                               return numbered.second->isQuiet(withAnswers);
-                           });
+           std::ranges::all_of(connections_, [withAnswers](const auto& numbered) {
+               return numbered.second->isQuiet(withAnswers);
+           });
 }
 
 void Server::handOver() {

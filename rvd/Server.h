@@ -41,8 +41,8 @@ class Server : private Observed {
     [[nodiscard]] bool takeOver(int descriptor);
     /// The listening addresses, such as "tcp:127.0.0.1:41233 unix:/path", once started.
     [[nodiscard]] const std::string& address() const { return address_; }
-    /// Serves until SIGTERM or SIGINT. Returns the exit status. SIGUSR1 logs the counters, SIGUSR2 lets
-    /// the program that is installed now take this one's place.
+    /// Serves until SIGTERM or SIGINT. Returns the exit status. SIGUSR1 logs the counters, SIGUSR2
+    /// lets the program that is installed now take this one's place.
     int run();
 
   private:

@@ -1,6 +1,7 @@
 // A daemon that is replaced while it works: by another version, and by programs that fail.
 
-#include <sys/stat.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -9,6 +10,7 @@
 #include <memory>
 #include <thread>
 
+#include "platform/Descriptor.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/RawClient.h"
 #include "tests/support/Told.h"
@@ -205,6 +207,28 @@ TEST_F(Upgrade, OneThatFailsLeavesTheOldOneServingAndSaysWhy) {
     EXPECT_NE(failure(KVX_RVD_ODD, "hangs").find("takes too long"), std::string::npos);
     install(KVX_RVD_PROGRAM);
     EXPECT_EQ(daemon->replace(), "");
+}
+
+TEST_F(Upgrade, IsToldToWhoeverSupervisesTheService) {
+    const std::string name = directory.file("notify");
+    sockaddr_un address{AF_UNIX, {}};
+    name.copy(address.sun_path, sizeof address.sun_path - 1);
+    const platform::Descriptor supervisor(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(bind(supervisor.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const auto hear = [&supervisor] {
+        char text[100] = "";
+        return std::string(text,
+                           static_cast<std::size_t>(recv(supervisor.get(), text, sizeof text, 0)));
+    };
+    Daemon served({}, {"NOTIFY_SOCKET=" + name}, ":", path);
+    EXPECT_EQ(hear(), "READY=1");
+    // It waits until all before the barrier has been heard.
+    auto heard = std::async(std::launch::async, [&] {
+        const std::string first = hear();
+        return first + ' ' + hear();
+    });
+    EXPECT_EQ(served.replace(), "");
+    EXPECT_EQ(heard.get(), "MAINPID=" + std::to_string(served.pid()) + " BARRIER=1");
 }
 
 }  // namespace

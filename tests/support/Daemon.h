@@ -117,8 +117,8 @@ class Daemon {
         kill();
     }
     void start(const std::string& port) {
-        std::vector<std::string> arguments = {"-c", limits_ + R"( && exec "$0" "$@")",
-                                              program_, "-listen", "tcp:" + port};
+        std::vector<std::string> arguments = {"-c", limits_ + R"( && exec "$0" "$@")", program_,
+                                              "-listen", "tcp:" + port};
         arguments.insert(arguments.end(), options_.begin(), options_.end());
         prctl(PR_SET_CHILD_SUBREAPER, 1);  // a successor is this process's to reap
         process_.emplace("/bin/sh", arguments, variables_);

@@ -91,10 +91,11 @@ class Upgrade {
             return printRows(Json::array({{{"from", before_}, {"to", after}}}));
         }
         const auto sessions = numberIn(after.value("counters", Json::object()), "sessions_open");
-        bus::printLine(fmt::format("rvd {} (process {}) was replaced by rvd {} (process {}), "
-                                   "which has its {} session{}",
-                                   textIn(before_, "version"), pid_, textIn(after, "version"),
-                                   numberIn(after, "pid"), sessions, sessions == 1 ? "" : "s"));
+        bus::printLine(
+            fmt::format("rvd {} (process {}) was replaced by rvd {} (process {}), "
+                        "which has its {} session{}",
+                        textIn(before_, "version"), pid_, textIn(after, "version"),
+                        numberIn(after, "pid"), sessions, sessions == 1 ? "" : "s"));
     }
 
     bus::Client& client_;
