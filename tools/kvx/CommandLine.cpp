@@ -259,9 +259,9 @@ class CommandLine {
             add("why-slow", "tell who holds up messages, and what to do", daemon_, whySlow);
         slow.add_option("SUBJECT", daemon_.subject, "only who would get a message on it");
         addTimeout(slow, daemon_.timeoutSeconds);
-        auto& replaced = add(
-            "upgrade", "replace the daemon by the rvd that is installed now, while it works",
-            upgrade_, upgrade);
+        auto& replaced =
+            add("upgrade", "replace the daemon by the rvd that is installed now, while it works",
+                upgrade_, upgrade);
         upgrade_.timeoutSeconds = 30;
         addTimeout(replaced, upgrade_.timeoutSeconds);
     }
