@@ -32,9 +32,9 @@ void Line::come(Worker& worker) {
     addCredit(worker, now);
     const bool isAlone = waiting_.empty() && std::max(cameNow_, cameLast_) <= 1;
     if (isAlone) {
-        slice(worker, kAlone);
+        slice(worker, now, kAlone);
     } else if (worker.credit_ >= kEnough) {
-        slice(worker, std::min(worker.credit_, share()));
+        slice(worker, now, std::min(worker.credit_, share()));
     } else {
         join(worker);
     }
@@ -56,7 +56,7 @@ bool Line::isOver(std::size_t steps) {
     steps_ += steps;
     if (isOver_ || steps_ < kStepsPerLook) return isOver_;
     steps_ = 0;
-    isOver_ = used_() >= end_;
+    isOver_ = usedUntil(clock_()) >= length_;
     return isOver_;
 }
 
@@ -66,21 +66,33 @@ void Line::blame(Worker& worker, Nanoseconds begin, Nanoseconds more) {
     worker.credit_ = std::max(worker.credit_ - took, -kWorstDebt);
     worker.deficit_ = std::max(worker.deficit_ - took, -kWorstDebt);
     excused_ += took;
-    end_ = std::min(end_ + took, latestEnd_);
+    length_ = std::min(length_ + took, longest_);
+}
+
+Nanoseconds Line::lookAtUsed(Nanoseconds now) {
+    lookedAt_ = now;
+    return lastUsed_ = used_();
+}
+
+// What the present slice has used, at most.
+Nanoseconds Line::usedUntil(Nanoseconds now) {
+    const Nanoseconds passed = now - begin_;
+    return passed < length_ ? passed : std::min(passed, lookAtUsed(now) - usedBefore_);
 }
 
 // Returns the time that it took.
-Nanoseconds Line::slice(Worker& worker, Nanoseconds length) {
-    const Nanoseconds begin = used_();
-    end_ = begin + length;
-    latestEnd_ = end_ + length;
+Nanoseconds Line::slice(Worker& worker, Nanoseconds begin, Nanoseconds length) {
+    begin_ = begin;
+    usedBefore_ = begin - lookedAt_ < kUsedEvery ? lastUsed_ : lookAtUsed(begin);
+    length_ = length;
+    longest_ = 2 * length;
     steps_ = 0;
     isOver_ = false;
     excused_ = 0;
     working_ = &worker;
     worker.work();
     working_ = nullptr;
-    const Nanoseconds took = used_() - begin - excused_;
+    const Nanoseconds took = usedUntil(clock_()) - excused_;
     worker.credit_ = std::max(worker.credit_ - took, -kWorstDebt);
     return took;
 }
@@ -110,7 +122,7 @@ void Line::run() {
         }
         passed = 0;
         addCredit(worker, now);
-        worker.deficit_ -= slice(worker, worker.deficit_);
+        worker.deficit_ -= slice(worker, now, worker.deficit_);
     }
 }
 
