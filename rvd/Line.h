@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <list>
 
 namespace kvx::rvd {
 
@@ -24,10 +23,9 @@ class Worker {
     Nanoseconds credit_ = 0;    // what it may use without waiting in the line
     Nanoseconds creditAt_ = 0;  // when that was worked out
     Nanoseconds deficit_ = 0;   // what it has used too much in the line, below 0
-    bool isWaiting_ = false;
-    // One element, which is in the line while it waits: joining needs no memory.
-    std::list<Worker*> self_{this};
-    const std::list<Worker*>::iterator place_ = self_.begin();
+    // Its neighbours in the line, a ring; null: it does not wait.
+    Worker* before_ = nullptr;
+    Worker* behind_ = nullptr;
 };
 
 /// Shares the time of the loop among those who cause work, so that nobody waits for somebody else.
@@ -102,17 +100,15 @@ class Line {
     [[nodiscard]] std::uint64_t turn() const { return turn_; }
 
     /// Whether so many work that each should do little at a time.
-    [[nodiscard]] bool isCrowded() const {
-        return waiting_.size() + std::max(cameNow_, cameLast_) > kFew;
-    }
+    [[nodiscard]] bool isCrowded() const { return waiting_ + std::max(cameNow_, cameLast_) > kFew; }
     /// So many bytes were written by one system call. Past `kWrittenAtOnce` in one turn of the loop
     /// who has something to write does so in its own turn: else a message to very many would hold
     /// up everybody until it is written to all.
     void wrote(std::size_t bytes) { wrote_ += kWriteCost + bytes; }
     [[nodiscard]] bool hasWrittenMuch() const { return wrote_ >= kWrittenAtOnce; }
 
-    [[nodiscard]] static bool isWaiting(const Worker& worker) { return worker.isWaiting_; }
-    [[nodiscard]] bool empty() const { return waiting_.empty(); }
+    [[nodiscard]] static bool isWaiting(const Worker& worker) { return worker.behind_ != nullptr; }
+    [[nodiscard]] bool empty() const { return waiting_ == 0; }
 
   private:
     static constexpr std::size_t kFew = 4;
@@ -128,7 +124,8 @@ class Line {
 
     const Clock clock_;
     const Clock used_;
-    std::list<Worker*> waiting_;
+    Worker* first_ = nullptr;  // in the line
+    std::size_t waiting_ = 0;  // workers
     std::uint64_t turn_ = 1;
     std::size_t cameNow_ = 0;  // workers that came in the present turn
     std::size_t cameLast_ = 0;
