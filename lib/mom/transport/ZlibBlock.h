@@ -14,7 +14,7 @@ namespace kvx::transport {
 
 /// Inflates a zlib stream that has exactly `out.size()` bytes. False for any other, and without
 /// memory; `out` is undefined then. Any thread.
-[[nodiscard]] bool inflateWhole(packet::Bytes stream, std::span<unsigned char> out);
+[[nodiscard]] KVX_API bool inflateWhole(packet::Bytes stream, std::span<unsigned char> out);
 
 /// Traces that so many bytes were packed into so many.
 void traceDeflated(std::size_t from, std::size_t to);
