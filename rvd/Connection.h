@@ -226,8 +226,8 @@ class Connection final : private MemoryHolder,
     State state_ = State::Open;
     platform::Milliseconds endBy_ = 0;  // deadline of a connection that is not open
     StreamSocket socket_;
-    uv_write_t write_{};
-    uv_shutdown_t shutdown_{};
+    std::unique_ptr<uv_write_t> write_;        // pending in libuv
+    std::unique_ptr<uv_shutdown_t> shutdown_;  // likewise
     Outbox outbox_;
     std::unique_ptr<Peer> peer_;
     wire::Bytes arrived_;             // bytes that the peer has not processed
@@ -238,7 +238,7 @@ class Connection final : private MemoryHolder,
     bool isTrimming_ = false;     // more waits than may
     std::uint64_t readTurn_ = 0;  // the turn of the last read
     Router::Session* session_ = nullptr;
-    std::optional<Routing> routing_;  // unless it has reached everybody
+    std::unique_ptr<Routing> routing_;  // unless it has reached everybody
     bool isDismissed_ = false;
     std::size_t writingBytes_ = 0;  // bytes of the queue in write_; 0: no write is pending in libuv
     Pace pace_;                     // as of the last tick

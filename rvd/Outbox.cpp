@@ -266,10 +266,6 @@ void Outbox::popFront() {
     entries_.pop_front();
     frontBegun_ = false;
     sentOfFront_ = 0;
-    if (isGrown_ && entries_.empty()) {
-        entries_.shrink_to_fit();
-        isGrown_ = false;
-    }
 }
 
 void Outbox::save(StateWriter& state) const {
