@@ -65,7 +65,7 @@ Connection::Connection(const ConnectionContext& context, std::uint64_t number)
     : MemoryHolder(context.account),
       context_(context),
       number_(number),
-      outbox_(context.queueLimit, *this, context.counters),
+      outbox_(context.queueLimit, *this, context.counters, &context.delays),
       acceptedAt_(now()) {
     charge(Holding::Connection, kConnectionCost);
     context_.counters.add(Counter::ConnectionsOpen);
@@ -180,6 +180,7 @@ void Connection::onRead(ssize_t count, const char* bytes) {
         } else if (state_ == State::Open) {
             arrived_ = {reinterpret_cast<const std::uint8_t*>(bytes),
                         static_cast<std::size_t>(count)};
+            arrivedAt_ = context_.line.time();
             hasMuch() ? context_.line.join(*this) : context_.line.come(*this);
             keepRest();
         }

@@ -15,6 +15,7 @@
 #include "rvd/Answers.h"
 #include "rvd/Batch.h"
 #include "rvd/BusySubjects.h"
+#include "rvd/Delays.h"
 #include "rvd/Facts.h"
 #include "rvd/Line.h"
 #include "rvd/Outbox.h"
@@ -38,6 +39,7 @@ struct ConnectionContext {
     Batch& batch;
     Line& line;
     BusySubjects& busy;
+    Delays& delays;
     const Reports& reports;
     std::size_t queueLimit;     ///< queued bytes per session
     const bool& isPaused;       ///< nothing is read: the daemon is being replaced
@@ -191,6 +193,7 @@ class Connection final : private MemoryHolder,
     void trim();
     void takeBytes();
     void goOnRouting();
+    [[nodiscard]] BusySubjects::Place watch(SubjectView subject, const PayloadRef& message);
     void route();
     [[nodiscard]] bool mayTell() const;
     void tellMore();
@@ -231,6 +234,7 @@ class Connection final : private MemoryHolder,
     Outbox outbox_;
     std::unique_ptr<Peer> peer_;
     wire::Bytes arrived_;             // bytes that the peer has not processed
+    Nanoseconds arrivedAt_ = 0;       // as of the line
     std::vector<std::uint8_t> rest_;  // those that wait for a further slice
     bool isAllowed_ = false;          // to join a space
     bool mayAsk_ = false;             // for reports

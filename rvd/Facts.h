@@ -8,6 +8,7 @@
 
 #include "platform/Clock.h"
 #include "rvd/Counters.h"
+#include "rvd/Delays.h"
 #include "rvd/MemoryAccount.h"
 #include "rvd/Outbox.h"
 
@@ -60,6 +61,7 @@ struct StatusFacts {
     MemoryAccount::Kinds memory;
     const Counters* counters = nullptr;
     const Counters* rates = nullptr;  ///< what they have grown by in the last second
+    const Delays* delays = nullptr;
 };
 
 /// What reports tell of. Loop thread only.

@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <new>
 
+#include "rvd/Delays.h"
+
 namespace kvx::rvd {
 namespace {
 
@@ -38,8 +40,8 @@ Counter counterOf(Drop reason) {
 
 }  // namespace
 
-Outbox::Outbox(std::size_t limit, MemoryHolder& holder, Counters& counters)
-    : limit_(limit), holder_(holder), counters_(counters) {}
+Outbox::Outbox(std::size_t limit, MemoryHolder& holder, Counters& counters, Delays* delays)
+    : limit_(limit), holder_(holder), counters_(counters), delays_(delays) {}
 
 Outbox::~Outbox() {
     count(endReason_, waitingMessages_);
@@ -228,7 +230,7 @@ void Outbox::written(std::size_t bytes) {
             return;
         }
         bytes -= left;
-        if (entries_.front().kind == Kind::Message) noteDelivered(entries_.front().size);
+        if (entries_.front().kind == Kind::Message) noteDelivered(entries_.front());
         popFront();
     }
 }
@@ -242,10 +244,12 @@ std::size_t Outbox::discardFront() {
     return size;
 }
 
-void Outbox::noteDelivered(std::size_t size) {
+void Outbox::noteDelivered(const Entry& entry) {
     ++totals_.delivered;
     counters_.add(Counter::MessagesDelivered);
-    counters_.add(Counter::BytesDelivered, size);
+    counters_.add(Counter::BytesDelivered, entry.size);
+    const DelayMark mark = entry.payload->delayMark();
+    if (mark && delays_ != nullptr) delays_->handedOver(mark);
 }
 
 void Outbox::popFront() {

@@ -15,6 +15,8 @@
 
 namespace kvx::rvd {
 
+class Delays;
+
 /// What became of the copies that were not delivered.
 enum class Drop : std::uint8_t {
     Queue,     ///< the session's own bound
@@ -41,9 +43,9 @@ class Outbox {
         std::array<std::uint64_t, static_cast<std::size_t>(Drop::Count)> droppedBy{};
     };
 
-    /// `limit`: bytes of waiting messages. `holder`, which pays for the queue, and `counters` must
-    /// outlive this object.
-    Outbox(std::size_t limit, MemoryHolder& holder, Counters& counters);
+    /// `limit`: bytes of waiting messages. `holder`, which pays for the queue, `counters` and
+    /// `delays` (null: nobody measures) must outlive this object.
+    Outbox(std::size_t limit, MemoryHolder& holder, Counters& counters, Delays* delays = nullptr);
     ~Outbox();
     Outbox(const Outbox&) = delete;
     Outbox& operator=(const Outbox&) = delete;
@@ -152,13 +154,14 @@ class Outbox {
     void dropLost();
     void placeNotice();
     void beginFront();
-    void noteDelivered(std::size_t size);
+    void noteDelivered(const Entry& entry);
     void popFront();
 
     // Constant after construction.
     const std::size_t limit_;
     MemoryHolder& holder_;
     Counters& counters_;
+    Delays* const delays_;
 
     LeanDeque<Entry> entries_;
     std::size_t ahead_ = 0;         // entries of that kind

@@ -235,6 +235,7 @@ void Peer::onDaemonSubject(DaemonSubject subject, const wire::Frame& frame) {
         case DaemonSubject::Sessions:
         case DaemonSubject::Subjects:
         case DaemonSubject::Trace:
+        case DaemonSubject::Latency:
             return onInquiry(subject, frame);
         case DaemonSubject::None:
         case DaemonSubject::Interest:

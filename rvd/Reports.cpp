@@ -51,6 +51,17 @@ Row ratesRow(const Counters& rates) {
     return row;
 }
 
+void putDelays(Row& row, const Delays::Summary& delays) {
+    row.put("copies", delays.copies);
+    if (delays.copies == 0) return;
+    row.put("min_ns", delays.least);
+    row.put("p50_ns", delays.p50);
+    row.put("p90_ns", delays.p90);
+    row.put("p99_ns", delays.p99);
+    row.put("p999_ns", delays.p999);
+    row.put("max_ns", delays.most);
+}
+
 class StatusReport final : public Report {
   public:
     explicit StatusReport(const Observed& observed) : observed_(observed) {}
@@ -72,6 +83,9 @@ class StatusReport final : public Report {
         part.put("memory", memoryRow(facts));
         part.put("rates", ratesRow(*facts.rates));
         part.put("counters", countersRow(*facts.counters));
+        Row latency;
+        putDelays(latency, facts.delays->ofSamples());
+        part.put("latency", latency);
         return false;
     }
 
@@ -244,12 +258,37 @@ class TraceReport final : public Report {
     std::uint32_t left_;  // rows
 };
 
-class Refusal final : public Report {
+class LatencyReport final : public Report {
   public:
+    explicit LatencyReport(Delays::Summary found) : found_(std::move(found)) {}
+
     bool write(Row& part) override {
-        part.put("error", "the daemon answers sessions of its own host only");
+        putDelays(part, found_);
+        for (const auto& bucket : found_.buckets) {
+            Row row;
+            row.put("from_ns", bucket.from);
+            row.put("below_ns", bucket.below);
+            row.put("copies", bucket.copies);
+            part.put("bucket", row);
+        }
         return false;
     }
+
+  private:
+    const Delays::Summary found_;
+};
+
+class Refusal final : public Report {
+  public:
+    explicit Refusal(const char* why) : why_(why) {}
+
+    bool write(Row& part) override {
+        part.put("error", why_);
+        return false;
+    }
+
+  private:
+    const char* const why_;
 };
 
 }  // namespace
@@ -265,6 +304,12 @@ std::unique_ptr<Report> Reports::answer(const Inquiry& inquiry,
             return std::make_unique<TraceReport>(asker, inquiry);
         case DaemonSubject::Subjects:
             return std::make_unique<SubjectsReport>(busy_, inquiry, observed_.now());
+        case DaemonSubject::Latency:
+            if (auto found = delays_.ask(asker, *inquiry.subject, observed_.now())) {
+                return std::make_unique<LatencyReport>(*std::move(found));
+            }
+            return std::make_unique<Refusal>(
+                "the daemon measures for others, as many as it can at a time");
         case DaemonSubject::None:
         case DaemonSubject::Interest:
         case DaemonSubject::Lost:
@@ -275,7 +320,7 @@ std::unique_ptr<Report> Reports::answer(const Inquiry& inquiry,
 }
 
 std::unique_ptr<Report> Reports::refusal() {
-    return std::make_unique<Refusal>();
+    return std::make_unique<Refusal>("the daemon answers sessions of its own host only");
 }
 
 }  // namespace kvx::rvd

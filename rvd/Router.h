@@ -160,6 +160,8 @@ class Router::Session {
     /// Memory of its listens in bytes, an upper estimate.
     [[nodiscard]] std::size_t listenBytes() const { return listenBytes_; }
 
+    /// The number of its receiver; it must not have left.
+    [[nodiscard]] std::uint64_t number() const { return receiver_->number(); }
     /// The number of its space, which no other one has had.
     [[nodiscard]] std::uint64_t space() const;
     [[nodiscard]] const std::string& service() const;

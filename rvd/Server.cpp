@@ -33,6 +33,10 @@ Server* serverOf(const void* data) {
     return static_cast<Server*>(const_cast<void*>(data));
 }
 
+Nanoseconds nanoseconds() {
+    return static_cast<Nanoseconds>(uv_hrtime());
+}
+
 std::uint64_t memoryLimit(const Options& options) {
     if (options.memoryLimit) return *options.memoryLimit;
     const std::uint64_t available = platform::availableMemoryBytes();
@@ -57,7 +61,8 @@ Server::Server(const Options& options, platform::Log log)
       log_(std::move(log)),
       account_(memoryLimit(options)),
       router_(counters_, options.queueLimit),
-      line_([] { return static_cast<Nanoseconds>(uv_hrtime()); }, platform::threadCpuNanoseconds),
+      line_(nanoseconds, platform::threadCpuNanoseconds),
+      delays_(nanoseconds),
       context_{loop_,
                log_,
                counters_,
@@ -66,6 +71,7 @@ Server::Server(const Options& options, platform::Log log)
                batch_,
                line_,
                busy_,
+               delays_,
                reports_,
                options.queueLimit,
                isPaused_,
@@ -318,6 +324,7 @@ void Server::measure(platform::Milliseconds elapsed) {
     }
     before_ = counters_;
     busy_.tick(elapsed);
+    delays_.tick(now());
 }
 
 StatusFacts Server::status() const {
@@ -336,6 +343,7 @@ StatusFacts Server::status() const {
     facts.memory = account_.kinds();
     facts.counters = &counters_;
     facts.rates = &rates_;
+    facts.delays = &delays_;
     return facts;
 }
 

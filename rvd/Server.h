@@ -15,6 +15,7 @@
 #include "rvd/BusySubjects.h"
 #include "rvd/Connection.h"
 #include "rvd/Counters.h"
+#include "rvd/Delays.h"
 #include "rvd/Line.h"
 #include "rvd/Listener.h"
 #include "rvd/MemoryAccount.h"
@@ -115,7 +116,8 @@ class Server : private Observed {
     Line line_;
     Cleaner cleaner_{*this};
     BusySubjects busy_;
-    const Reports reports_{*this, busy_};
+    Delays delays_;
+    const Reports reports_{*this, busy_, delays_};
     const ConnectionContext context_;
     std::map<std::uint64_t, std::unique_ptr<Connection>> connections_;  // by number
     std::vector<Connection*> gone_;  // that are heavy; has room for all

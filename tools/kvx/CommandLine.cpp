@@ -113,6 +113,7 @@ class CommandLine {
         addServices();
         addHosts();
         addDaemon();
+        addLatency();
         addExplain();
         addDoctor();
         addBench();
@@ -266,6 +267,18 @@ class CommandLine {
         addTimeout(replaced, upgrade_.timeoutSeconds);
     }
 
+    void addLatency() {
+        auto& command =
+            add("latency", "tell how long messages are in the daemon", latency_, latency);
+        command.add_option("SUBJECT", latency_.subject, "of these, * and > as wildcards")
+            ->required();
+        command
+            .add_option("--seconds", latency_.seconds, "how long to measure; 0 for until Ctrl-C")
+            ->check(secondsBetween(0, 86400))
+            ->capture_default_str();
+        addTimeout(command, latency_.timeoutSeconds);
+    }
+
     void addExplain() {
         auto& command = add("explain", "say why a code, advisory or log line comes, and what to do",
                             explain_, explain);
@@ -349,6 +362,7 @@ class CommandLine {
     HostsOptions hosts_;
     DaemonOptions daemon_;
     DaemonOptions upgrade_;
+    LatencyOptions latency_;
     ExplainOptions explain_;
     DoctorOptions doctor_;
     BenchOptions bench_;
