@@ -56,9 +56,10 @@ platform::Program programOf(int argc, const char* const* argv) {
     platform::Program program;
     const std::string name = argc > 0 ? argv[0] : kProgram;
     std::error_code error;
-    program.path = name.find('/') != std::string::npos
-                       ? std::filesystem::absolute(name, error).string()
-                       : name;
+    program.path =
+        name.find('/') != std::string::npos
+            ? std::filesystem::absolute(name, error).string()
+            : platform::findOnPath(name).value_or(platform::programDirectory() + '/' + name);
     for (int i = 0; i < argc; ++i) {
         if (argv[i] == kTakeOver) {
             ++i;  // with its descriptor
