@@ -7,6 +7,7 @@
 #include <optional>
 #include <utility>
 
+#include "platform/Text.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
@@ -97,7 +98,7 @@ int status(const DaemonOptions& options) {
         if (options.connection.json) {
             printRows(Json::array({answers[0]}));
         } else {
-            for (const auto& line : statusLines(answers[0])) bus::printLine(line);
+            for (const auto& line : statusLines(answers[0])) bus::printLine(printable(line));
         }
         return kSuccess;
     });

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tests/support/ScriptedDaemon.h"
 #include "tests/system/Installation.h"
 #include "tools/kvx/TopView.h"
 
@@ -77,6 +78,54 @@ TEST_F(DaemonCommands, TopDrawsOnATerminalAndPrintsObjects) {
                                   "rows 24 cols 80; kvx top' " +
                                   drawn);
     EXPECT_EQ(live.status, 0) << live.errors;
+}
+
+// Answers every question with `fields`, as a daemon that is damaged, or none, might.
+void answerAll(test::PeerLink& link, const RvMsg& fields) {
+    link.welcome();
+    for (auto message = link.readMessage(); message.size() > kHeaderBytes;
+         message = link.readMessage()) {
+        const auto reply = test::textOf(message, wire::field::kReturn);
+        const auto subject = wire::readRouting(message).subject;
+        const auto asked = SubjectView::parse(subject.data(), subject.size());
+        if (!reply || !asked || asked->first() != "_RVD") continue;
+        link.send(wire::buildData(test::encodedSubject(*reply), nullptr, 0,
+                                  {RVMSG_MSG, 0, fields.data()}));
+    }
+}
+
+// Names are those that any session has given itself: they may hold what a terminal obeys.
+TEST_F(DaemonCommands, ShowAnyAnswerWithoutHarm) {
+    std::string deep;
+    for (int i = 0; i < 1'000'000; ++i) deep += "a.";
+    const std::string wild = "\x1b[2J\r\n\xff";
+    RvMsg row;
+    for (const char* name : {"name", "address", "service", "subject", "listen"}) {
+        row.append(name, wild.c_str());
+    }
+    const std::uint64_t one = 1;
+    row.append("behind_ms", RVMSG_UINT, sizeof one, &one);
+    row.append("rate", std::numeric_limits<double>::quiet_NaN());
+    RvMsg deepRow;
+    deepRow.append("subject", deep.c_str());
+    RvMsg answer;
+    answer.append("part", RVMSG_UINT, sizeof one, &one);
+    for (const char* name : {"version", "address", "session", "subject", "match", "memory"}) {
+        answer.append(name, wild.c_str());
+    }
+    for (const char* name : {"address", "session", "subject", "match"}) {
+        answer.append(name, RVMSG_MSG, 0, row.data());
+    }
+    answer.append("subject", RVMSG_MSG, 0, deepRow.data());
+    answer.append("last", RVMSG_BOOLEAN, 1, "\1");
+    for (const char* command : {"status", "sessions", "subjects", "subjects --tree", "trace A",
+                                "why-slow A", "top --json --count 1", "status --json"}) {
+        test::ScriptedDaemon daemon([&](test::PeerLink& link) { answerAll(link, answer); });
+        const Ended ended =
+            bus_.shell(std::string("kvx ") + command + " --daemon " + daemon.text());
+        EXPECT_EQ(ended.status, 0) << command << ended.errors;
+        EXPECT_EQ(ended.output.find_first_of("\x1b\r"), std::string::npos) << command;
+    }
 }
 
 TEST(TopView, FitsAnyTerminalSortsAndFilters) {
