@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "platform/Text.h"
@@ -75,7 +76,8 @@ std::string sessionsLine(const Json& sessions) {
 
 int askDaemon(const DaemonOptions& options, const std::vector<AskedOfDaemon>& questions,
               const std::function<int(const std::vector<Json>&)>& show) {
-    if (!options.subject.empty() && !isSubject(options.subject)) {
+    const bool isTrace = questions.front().about == std::string_view(bus::kTraceSubject);
+    if ((isTrace || !options.subject.empty()) && !isSubject(options.subject)) {
         bus::complain(fmt::format("'{}' is no subject", options.subject));
         return kUsage;
     }

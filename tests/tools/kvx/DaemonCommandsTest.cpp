@@ -47,7 +47,9 @@ TEST_F(DaemonCommands, ShowWhoListensWhatFlowsAndHowTheDaemonIs) {
     EXPECT_EQ(status["pid"], bus_.daemon().pid());
     EXPECT_TRUE(holds(kvx("status"), "process " + std::to_string(bus_.daemon().pid())));
     EXPECT_TRUE(holds(kvx("why-slow"), "nobody is slow"));
-    EXPECT_EQ(bus_.shell("kvx trace A..B").status, 2);
+    for (const char* none : {"A..B", "''"}) {
+        EXPECT_EQ(bus_.shell(std::string("kvx trace ") + none).status, 2) << none;
+    }
 }
 
 TEST_F(DaemonCommands, NameWhoHoldsUpMessages) {
@@ -70,6 +72,9 @@ TEST_F(DaemonCommands, TopDrawsOnATerminalAndPrintsObjects) {
     const auto update = nlohmann::json::parse(kvx("top --json --count 1"));
     EXPECT_EQ(update["sessions"].size(), 1U);
     EXPECT_EQ(update["status"]["pid"], bus_.daemon().pid());
+    const Ended strange = bus_.shell("TERM=nothing script -qfec 'kvx top' /dev/null </dev/null");
+    EXPECT_EQ(strange.status, 1);
+    EXPECT_TRUE(holds(strange.output, "kvx: nothing is known of this kind of terminal"));
     // The keys come once the screen is there.
     const std::string drawn = bus_.path("drawn");
     const Ended live = bus_.shell("mkfifo keys; { until grep -q SESSION " + drawn +
