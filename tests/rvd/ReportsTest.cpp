@@ -247,6 +247,7 @@ TEST_F(Asking, IsToldTheShapesOfAnyNonsense) {
         }
     }
     send(std::string(200, 'n'), RVMSG_STRING, 2);
+    send("a..b.", RVMSG_STRING, 2);
     send(std::string("a\0b", 3), RVMSG_UINT, 8);
     sender.settle();
     RvMsg options = withSubject("ODD.>");
