@@ -9,6 +9,7 @@
 #include "platform/Log.h"
 #include "platform/Socket.h"
 #include "rvd/Admission.h"
+#include "rvd/Recorder.h"
 
 namespace kvx::rvd {
 
@@ -31,6 +32,7 @@ struct Options {
     std::uint64_t queueLimit = kDefaultQueueLimit;
     std::optional<std::uint64_t> memoryLimit;  ///< bytes of all sessions; without it half of what
                                                ///< the process may use
+    Recorder::Settings recorder;
     platform::LogLevel logLevel = platform::LogLevel::Info;
     /// Of a match, between two looks at the clock; not on the command line.
     std::size_t stepsAtOnce = 256;

@@ -72,6 +72,7 @@ Server::Server(const Options& options, platform::Log log)
                line_,
                busy_,
                delays_,
+               recorder_,
                reports_,
                options.queueLimit,
                options.stepsAtOnce,
@@ -118,8 +119,21 @@ bool Server::listen() {
     return true;
 }
 
+// `open` is what `Recorder` has for that. False, with a line in the log, when it fails.
+bool Server::startRecording(decltype(Recorder::create) open) {
+    if (options_.recorder.size == 0) return true;
+    std::string error;
+    recorder_ = open(options_.recorder, listeners_.front()->text(), nanoseconds, error);
+    if (recorder_) {
+        log_.info("recording the last messages in " + recorder_->path());
+    } else {
+        log_.error("cannot record in " + error);
+    }
+    return recorder_ != nullptr;
+}
+
 bool Server::start() {
-    if (!listen()) return false;
+    if (!listen() || !startRecording(Recorder::create)) return false;
     bornAt_ = tickedAt_ = now();
     const std::size_t descriptors = platform::raiseDescriptorLimit();
     mostOpen_ = descriptors > kSpareDescriptors ? descriptors - kSpareDescriptors : 1;
@@ -295,6 +309,7 @@ void Server::measure(platform::Milliseconds elapsed) {
     before_ = counters_;
     busy_.tick(elapsed);
     delays_.tick(now());
+    if (recorder_) recorder_->tick();
 }
 
 StatusFacts Server::status() const {
@@ -311,6 +326,7 @@ StatusFacts Server::status() const {
     facts.counters = &counters_;
     facts.rates = &rates_;
     facts.delays = &delays_;
+    facts.recorder = recorder_.get();
     return facts;
 }
 

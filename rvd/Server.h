@@ -20,6 +20,7 @@
 #include "rvd/MemoryAccount.h"
 #include "rvd/Options.h"
 #include "rvd/RareWarning.h"
+#include "rvd/Recorder.h"
 #include "rvd/Reports.h"
 #include "rvd/Router.h"
 
@@ -54,6 +55,7 @@ class Server : private Observed {
     [[nodiscard]] std::optional<SessionFacts> sessionAfter(std::uint64_t number) const override;
 
     [[nodiscard]] bool listen();
+    [[nodiscard]] bool startRecording(decltype(Recorder::create) open);
     void onConnection(Listener& listener, int status);
     void goOnAccepting(Listener::Wait since);
     [[nodiscard]] bool isNextWaiting() const;
@@ -99,6 +101,7 @@ class Server : private Observed {
     Cleaner cleaner_{*this};
     BusySubjects busy_;
     Delays delays_;
+    std::unique_ptr<Recorder> recorder_;  // null: nothing is recorded
     const Reports reports_{*this, busy_, delays_};
     const ConnectionContext context_;
     std::map<std::uint64_t, std::unique_ptr<Connection>> connections_;  // by number
