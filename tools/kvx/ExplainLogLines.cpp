@@ -33,6 +33,10 @@ constexpr LogLine kDaemonLines[] = {
     {"cannot listen on",
      "The port or the path of a unix socket is taken, or the address is not one of this host's.",
      "See 'ss -ltnp'; choose another -listen. 'kvx doctor' says whether an rvd is there already."},
+    {"cannot record in",
+     "The file of -recorder-file cannot be made: no such directory, no room on the disk, or "
+     "something that is no recording has that path.",
+     "Mend that, or choose another -recorder-file; rvd does not start without it."},
     {"lines were left out", "More than 100 lines in one second; the rest was not written.",
      "Look at the lines before: some client causes them."},
 };
