@@ -12,7 +12,7 @@ if(NOT KVX_SANITIZE)
     set(no_undefined -Wl,-z,defs)
 endif()
 
-set(KVX_RV_ROOMS rv_error rv_message rv_event rv_wire rv_link rv_session rv_object rv_ft)
+set(KVX_RV_ROOMS rv_error rv_message rv_event rv_wire rv_recording rv_link rv_session rv_object rv_ft)
 set(KVX_MOM_ROOMS mom_config mom_net mom_engine mom_transport mom_timed mom_signal)
 
 add_library(kvx_mom STATIC)

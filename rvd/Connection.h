@@ -21,6 +21,7 @@
 #include "rvd/Outbox.h"
 #include "rvd/Pace.h"
 #include "rvd/Peer.h"
+#include "rvd/Recorder.h"
 #include "rvd/Reports.h"
 #include "rvd/Router.h"
 #include "rvd/StreamSocket.h"
@@ -40,6 +41,7 @@ struct ConnectionContext {
     Line& line;
     BusySubjects& busy;
     Delays& delays;
+    const std::unique_ptr<Recorder>& recorder;  ///< null: nothing is recorded
     const Reports& reports;
     std::size_t queueLimit;     ///< queued bytes per session
     const bool& isPaused;       ///< nothing is read: the daemon is being replaced

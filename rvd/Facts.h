@@ -11,6 +11,7 @@
 #include "rvd/Delays.h"
 #include "rvd/MemoryAccount.h"
 #include "rvd/Outbox.h"
+#include "rvd/Recorder.h"
 
 namespace kvx::rvd {
 
@@ -62,6 +63,7 @@ struct StatusFacts {
     const Counters* counters = nullptr;
     const Counters* rates = nullptr;  ///< what they have grown by in the last second
     const Delays* delays = nullptr;
+    const Recorder* recorder = nullptr;  ///< null: nothing is recorded
 };
 
 /// What reports tell of. Loop thread only.

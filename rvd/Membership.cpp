@@ -76,6 +76,9 @@ void Connection::publish(SubjectView subject, const PayloadRef& message) {
 
 // What others may want to know of it later. Returns where it is counted.
 BusySubjects::Place Connection::watch(SubjectView subject, const PayloadRef& message) {
+    if (context_.recorder) {
+        context_.recorder->record(*session_, number_, subject, message->bytes(), arrivedAt_);
+    }
     const bool isSampled = context_.busy.isNext();
     message->setDelayMark(context_.delays.mark(*session_, subject, isSampled, arrivedAt_));
     if (!isSampled) return 0;

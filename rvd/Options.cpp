@@ -14,6 +14,7 @@
 #include "platform/Process.h"
 #include "platform/Socket.h"
 #include "platform/Text.h"
+#include "rv/recording/RecordFormat.h"
 #include "rv/wire/DaemonText.h"
 #include "rv/wire/Limits.h"
 #include "rvd/Counters.h"
@@ -25,10 +26,12 @@ namespace {
 constexpr const char* kProgram = "rvd";
 constexpr const char* kHalf = "half";
 constexpr std::string_view kTakeOver = "--take-over";
+constexpr std::uint64_t kLeastRecorder = 64U << 10U;  // bytes
 
 // Options with one dash, which the library uses when it starts a daemon.
-constexpr std::array<std::string_view, 7> kOneDash = {
-    "-listen", "-address", "-allow", "-allow-user", "-status-for", "-queue-limit", "-memory"};
+constexpr std::array<std::string_view, 10> kOneDash = {
+    "-listen",      "-address", "-allow",    "-allow-user",    "-status-for",
+    "-queue-limit", "-memory",  "-recorder", "-recorder-file", "-recorder-bytes"};
 
 std::vector<std::string> normalised(int argc, const char* const* argv) {
     std::vector<std::string> reversed;  // the parser takes its arguments from the back
@@ -79,6 +82,9 @@ struct Texts {
     int takeOver = -1;
     std::string queueLimit = "64M";
     std::string memory = kHalf;
+    std::string recorder;
+    std::string recorderBytes = "4k";
+    std::string recorderFile;
     int verbose = 0;
     bool quiet = false;
     bool counters = false;
@@ -111,6 +117,16 @@ void describe(CLI::App& app, Texts& texts) {
     app.add_option("--memory", texts.memory,
                    "Limit of the memory held for all sessions in bytes, with k, M or G, or half of "
                    "what this process may use (also -memory)")
+        ->capture_default_str();
+    app.add_option(
+        "--recorder", texts.recorder,
+        "Keep the last messages in a file of so many bytes, with k, M or G, that outlives "
+        "a crash (also -recorder)");
+    app.add_option("--recorder-file", texts.recorderFile,
+                   "That file; below the user's directory for states unless given (also "
+                   "-recorder-file)");
+    app.add_option("--recorder-bytes", texts.recorderBytes,
+                   "How many bytes are kept of each message, with k, M or G (also -recorder-bytes)")
         ->capture_default_str();
     app.add_flag("-v,--verbose", texts.verbose, "Log every connection");
     app.add_flag("-q,--quiet", texts.quiet, "Log errors only");
@@ -163,6 +179,21 @@ std::string takeAdmission(const Texts& texts, Options& options) {
     return {};
 }
 
+std::string takeRecorder(const Texts& texts, Recorder::Settings& recorder) {
+    if (texts.recorder.empty()) {
+        return texts.recorderFile.empty() ? ""
+                                          : "-recorder-file is for -recorder, which is missing";
+    }
+    const auto size = parseBytes(texts.recorder);
+    if (!size || *size < kLeastRecorder || *size > recording::kMostCapacity) {
+        return "'" + texts.recorder + "' is no size of a recording (64k to 4G)";
+    }
+    const auto bytes = parseBytes(texts.recorderBytes);
+    if (!bytes) return "'" + texts.recorderBytes + "' is no number of bytes (with k, M or G)";
+    recorder = {*size, *bytes, texts.recorderFile};
+    return {};
+}
+
 std::string evaluate(const Texts& texts, Options& options) {
     if (std::string error = takeListen(texts.listen, options); !error.empty()) return error;
     if (std::string error = takeAdmission(texts, options); !error.empty()) return error;
@@ -183,6 +214,7 @@ std::string evaluate(const Texts& texts, Options& options) {
         }
     }
     options.takeOver = texts.takeOver;
+    if (std::string error = takeRecorder(texts, options.recorder); !error.empty()) return error;
     if (texts.verbose > 0) options.logLevel = platform::LogLevel::Debug;
     if (texts.quiet) options.logLevel = platform::LogLevel::Error;
     return {};

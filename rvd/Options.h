@@ -10,6 +10,7 @@
 #include "platform/Process.h"
 #include "platform/Socket.h"
 #include "rvd/Admission.h"
+#include "rvd/Recorder.h"
 
 namespace kvx::rvd {
 
@@ -34,6 +35,7 @@ struct Options {
                                                ///< the process may use
     platform::Program program;                 ///< this one, with its options
     int takeOver = -1;  ///< the descriptor of the daemon to be replaced; -1: none
+    Recorder::Settings recorder;
     platform::LogLevel logLevel = platform::LogLevel::Info;
     /// Of a match, between two looks at the clock; not on the command line.
     std::size_t stepsAtOnce = 256;

@@ -86,6 +86,10 @@ class StatusReport final : public Report {
         Row latency;
         putDelays(latency, facts.delays->ofSamples());
         part.put("latency", latency);
+        if (facts.recorder != nullptr) {
+            part.put("recorder_file", facts.recorder->path());
+            part.put("recorded", facts.recorder->messages());
+        }
         return false;
     }
 

@@ -72,6 +72,7 @@ Server::Server(const Options& options, platform::Log log)
                line_,
                busy_,
                delays_,
+               recorder_,
                reports_,
                options.queueLimit,
                isPaused_,
@@ -123,8 +124,21 @@ Listener& Server::addListener(const ListenAddress& address) {
     return *listeners_.emplace_back(std::make_unique<Listener>(loop_, address, arrived));
 }
 
+// `open` is what `Recorder` has for that. False, with a line in the log, when it fails.
+bool Server::startRecording(decltype(Recorder::create) open) {
+    if (options_.recorder.size == 0) return true;
+    std::string error;
+    recorder_ = open(options_.recorder, listeners_.front()->text(), nanoseconds, error);
+    if (recorder_) {
+        log_.info("recording the last messages in " + recorder_->path());
+    } else {
+        log_.error("cannot record in " + error);
+    }
+    return recorder_ != nullptr;
+}
+
 bool Server::start() {
-    if (!listen()) return false;
+    if (!listen() || !startRecording(Recorder::create)) return false;
     bornAt_ = now();
     begin();
     log_.info("listening on " + address_ + ", " + std::to_string(options_.queueLimit) +
@@ -325,6 +339,7 @@ void Server::measure(platform::Milliseconds elapsed) {
     before_ = counters_;
     busy_.tick(elapsed);
     delays_.tick(now());
+    if (recorder_) recorder_->tick();
 }
 
 StatusFacts Server::status() const {
@@ -344,6 +359,7 @@ StatusFacts Server::status() const {
     facts.counters = &counters_;
     facts.rates = &rates_;
     facts.delays = &delays_;
+    facts.recorder = recorder_.get();
     return facts;
 }
 

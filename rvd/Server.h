@@ -21,6 +21,7 @@
 #include "rvd/MemoryAccount.h"
 #include "rvd/Options.h"
 #include "rvd/RareWarning.h"
+#include "rvd/Recorder.h"
 #include "rvd/Reports.h"
 #include "rvd/Router.h"
 #include "rvd/Successor.h"
@@ -72,6 +73,7 @@ class Server : private Observed {
     void handOver();
     void save(StateWriter& state, std::vector<int>& descriptors);
     void restore(StateReader& state, Predecessor& predecessor);
+    [[nodiscard]] bool startRecording(decltype(Recorder::create) open);
     void onConnection(Listener& listener, int status);
     void goOnAccepting(Listener::Wait since);
     [[nodiscard]] bool isNextWaiting() const;
@@ -117,6 +119,7 @@ class Server : private Observed {
     Cleaner cleaner_{*this};
     BusySubjects busy_;
     Delays delays_;
+    std::unique_ptr<Recorder> recorder_;  // null: nothing is recorded
     const Reports reports_{*this, busy_, delays_};
     const ConnectionContext context_;
     std::map<std::uint64_t, std::unique_ptr<Connection>> connections_;  // by number

@@ -23,6 +23,7 @@
 #include "bench/support/Broker.h"
 #include "platform/Process.h"
 #include "tests/support/ProcessUsage.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace kvx::bench {
 namespace {
@@ -241,6 +242,34 @@ void askCalls(int rounds) {
     row.print();
 }
 
+// The same stream through a daemon that records it and through one that does not.
+void askRecorder(int rounds) {
+    const std::tuple<const char*, Way, std::size_t, std::size_t> streams[] = {
+        {"128 bytes, raw", Way::Raw, 128, 2 * kMessages},
+        {"128 bytes, library", Way::Library, 128, kMessages},
+        {"1024 bytes, library", Way::Library, 1'024, kMessages / 4},
+        {"8192 bytes, library", Way::Library, 8'192, kMessages / 10}};
+    for (const auto& [what, way, size, messages] : streams) {
+        const test::TemporaryDirectory directory;
+        const Broker plain(kRvd);
+        const Broker recording(std::string(kRvd) + " -recorder 64M -recorder-file " +
+                               directory.file("ring"));
+        Flow without;
+        without.way = way;
+        without.size = size;
+        without.messages = messages;
+        without.port = plain.port();
+        Flow with = without;
+        with.port = recording.port();
+        Row row(std::string("recorded, ") + what + ", of not recorded: messages/s", "0.95", 0);
+        for (int i = 0; i < rounds; ++i) {
+            const double rate = measure(without).rate;
+            row.add(measure(with).rate, rate);
+        }
+        row.print();
+    }
+}
+
 // One stream beside sessions and listens that its messages do not touch.
 class Crowd {
   public:
@@ -300,11 +329,11 @@ struct Question {
     const char* name;
     void (*ask)(int rounds);
 };
-constexpr Question kTable[] = {{"request", askRoundTrip}, {"delay", askDelay},
-                               {"stream", askStreams},    {"raw", askRaw},
-                               {"fan", askFans},          {"subjects", askSubjects},
-                               {"memory", askMemory},     {"receiver", askReceiver},
-                               {"message", askMessages},  {"calls", askCalls}};
+constexpr Question kTable[] = {
+    {"request", askRoundTrip}, {"delay", askDelay},       {"stream", askStreams},
+    {"raw", askRaw},           {"fan", askFans},          {"subjects", askSubjects},
+    {"memory", askMemory},     {"receiver", askReceiver}, {"message", askMessages},
+    {"calls", askCalls},       {"recorder", askRecorder}};
 
 void run(const std::vector<std::string>& names, int rounds) {
     std::printf(

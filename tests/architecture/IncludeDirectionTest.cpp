@@ -8,8 +8,8 @@ namespace {
 
 using Rooms = std::set<std::string>;
 
-const Rooms kBus = {"platform", "rv/message", "rv/error",  "rv/event",
-                    "rv/wire",  "rv/link",    "rv/session"};
+const Rooms kBus = {"platform", "rv/message", "rv/error",   "rv/event",
+                    "rv/wire",  "rv/link",    "rv/session", "rv/recording"};
 
 Rooms with(Rooms rooms, std::initializer_list<std::string> more) {
     rooms.insert(more);
@@ -36,6 +36,7 @@ const std::map<std::string, Rooms>& allowedRooms() {
         {"rv/error", {"platform"}},
         {"rv/event", {"platform", "rv/error"}},
         {"rv/wire", {"platform", "rv/message", "rv/error"}},
+        {"rv/recording", {"platform", "rv/message"}},
         {"rv/link", {"platform", "rv/message", "rv/error", "rv/event", "rv/wire"}},
         {"rv/session", {"platform", "rv/message", "rv/error", "rv/event", "rv/wire", "rv/link"}},
         {"rv/object", kBus},
@@ -49,7 +50,7 @@ const std::map<std::string, Rooms>& allowedRooms() {
         {"mom/engine", with(belowMom, {"mom/base", "mom/config", "mom/net", "mom/transport"})},
         {"mom/timed", with(belowMom, {"mom/base", "mom/engine"})},
         {"mom", belowMomAndMom},
-        {"rvd", {"platform", "rv/message", "rv/error", "rv/wire"}},
+        {"rvd", {"platform", "rv/message", "rv/error", "rv/wire", "rv/recording"}},
         {"rvbridge", with(belowMom, {"mom/config"})},
         {"kvx", libraries},
         {"tools", withKvx},

@@ -177,12 +177,16 @@ std::string printableJson(const std::string& json) {
     });
 }
 
+void addMessage(Json& object, const char* subject, const char* reply, const RvDatum& datum) {
+    object["subject"] = subject;
+    object["reply"] = reply != nullptr ? Json(reply) : Json(nullptr);
+    object["type"] = typeName(datum);
+    object[datum.type() == RVMSG_MSG ? "fields" : "value"] = valueOf(datum);
+}
+
 std::string messageAsJson(const char* subject, const char* reply, const RvDatum& datum) {
     Json line;
-    line["subject"] = subject;
-    line["reply"] = reply != nullptr ? Json(reply) : Json(nullptr);
-    line["type"] = typeName(datum);
-    line[datum.type() == RVMSG_MSG ? "fields" : "value"] = valueOf(datum);
+    addMessage(line, subject, reply, datum);
     return dump(line);
 }
 

@@ -25,6 +25,9 @@ std::string printableJson(const std::string& json);
 /// times are ISO 8601 in UTC. Bytes that are no UTF-8 in a text become replacement characters.
 std::string messageAsJson(const char* subject, const char* reply, const RvDatum& datum);
 
+/// Adds the same to an object.
+void addMessage(Json& object, const char* subject, const char* reply, const RvDatum& datum);
+
 /// A datum as one line of text, as the message library prints it; control characters are spaces.
 std::string datumText(const RvDatum& datum);
 

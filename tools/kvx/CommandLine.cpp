@@ -81,13 +81,14 @@ std::string problemWithCount(const std::string& text, std::uint64_t least) {
     return fmt::format("{} is no whole number of at least {}", quoted(text), least);
 }
 
-// The error in `text` as a number of seconds, decimals allowed, or an empty text.
-std::string problemWithSeconds(const std::string& text, double least, double most) {
-    double seconds = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+// The error in `text` as a number, decimals allowed, of that unit, or an empty text.
+std::string problemWithNumber(const std::string& text, double least, double most,
+                              const char* unit) {
+    double number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     const bool isNumber = error == std::errc() && end == text.data() + text.size();
-    if (isNumber && seconds >= least && seconds <= most) return {};  // "nan" is a number, too
-    return fmt::format("{} is not between {:g} and {:g} seconds", quoted(text), least, most);
+    if (isNumber && number >= least && number <= most) return {};  // "nan" is a number, too
+    return fmt::format("{} is not between {:g} and {:g}{}", quoted(text), least, most, unit);
 }
 
 void addPayload(CLI::App& command, Payload& payload) {
@@ -114,6 +115,7 @@ class CommandLine {
         addHosts();
         addDaemon();
         addLatency();
+        addRecordings();
         addExplain();
         addDoctor();
         addBench();
@@ -279,6 +281,32 @@ class CommandLine {
         addTimeout(command, latency_.timeoutSeconds);
     }
 
+    void addRecordings() {
+        const auto addFilters = [this](CLI::App& command) {
+            command.add_option("--subject", recording_.subject,
+                               "only messages on these, * and > as wildcards");
+            command.add_option("--space", recording_.space,
+                               "only of this service, or SERVICE;NETWORK");
+        };
+        auto& copied =
+            add("record", "copy what the daemon has recorded into a file", recording_, record);
+        copied.add_option("FILE", recording_.file, "a new file")->required();
+        copied.add_option("--from", recording_.from,
+                          "the recording to copy; the daemon's unless given");
+        addFilters(copied);
+        addTimeout(copied, recording_.timeoutSeconds);
+        auto& printed = add("dump", "print the messages of a recording", recording_, dump);
+        printed.add_option("FILE", recording_.file, "the recording")->required();
+        addFilters(printed);
+        auto& sent = add("replay", "send the messages of a recording again", recording_, replay);
+        sent.add_option("FILE", recording_.file, "the recording")->required();
+        sent.add_option("--speed", recording_.speed,
+                        "how many times as fast as recorded; 0 for as fast as possible")
+            ->check(numberBetween(0, 1e6))
+            ->capture_default_str();
+        addFilters(sent);
+    }
+
     void addExplain() {
         auto& command = add("explain", "say why a code, advisory or log line comes, and what to do",
                             explain_, explain);
@@ -338,8 +366,13 @@ class CommandLine {
     }
 
     static CLI::Validator secondsBetween(double least, double most) {
+        return numberBetween(least, most, " seconds");
+    }
+
+    static CLI::Validator numberBetween(double least, double most, const char* unit = "") {
         return CLI::Validator(
-            [=](const std::string& text) { return problemWithSeconds(text, least, most); }, "");
+            [=](const std::string& text) { return problemWithNumber(text, least, most, unit); },
+            "");
     }
 
     static void addTimeout(CLI::App& command, double& seconds) {
@@ -363,6 +396,7 @@ class CommandLine {
     DaemonOptions daemon_;
     DaemonOptions upgrade_;
     LatencyOptions latency_;
+    RecordingOptions recording_;
     ExplainOptions explain_;
     DoctorOptions doctor_;
     BenchOptions bench_;

@@ -105,6 +105,17 @@ struct LatencyOptions {
     double timeoutSeconds = 3;
 };
 
+/// Of the commands that read a recording.
+struct RecordingOptions {
+    Connection connection;
+    std::string file;
+    std::string from;     ///< of `record`: what is copied; empty: what the daemon writes
+    std::string subject;  ///< only what it covers; empty: all
+    std::string space;    ///< only of this one, as "7500" or "7500;eth0"; empty: all
+    double speed = 1;     ///< of `replay`, against that of the recording; 0: as fast as possible
+    double timeoutSeconds = 3;
+};
+
 struct ExplainOptions {
     Connection connection;
     std::vector<std::string> words;
@@ -176,6 +187,15 @@ int upgrade(const DaemonOptions& options);
 
 /// How long messages on a subject are in the daemon: quantiles and a histogram.
 int latency(const LatencyOptions& options);
+
+/// Copies the messages that the daemon has recorded last, or those of a recording, into a new file.
+int record(const RecordingOptions& options);
+
+/// Prints the messages of a recording.
+int dump(const RecordingOptions& options);
+
+/// Sends the messages of a recording again, with their spacing.
+int replay(const RecordingOptions& options);
 
 /// Says why a code, an advisory or a line of a log comes, and what to do; lists all without words.
 int explain(const ExplainOptions& options);

@@ -73,7 +73,7 @@ std::vector<std::string> statusLines(const Json& status) {
     }
     Json losses = Json::object();
     for (const auto& [field, meaning] : kCauses) losses[field] = numberIn(counters, field);
-    return {
+    std::vector<std::string> lines = {
         fmt::format("daemon       rvd {}, process {}, up {} (since {})", textIn(status, "version"),
                     numberIn(status, "pid"), spanText(numberIn(status, "age_ms")),
                     timeText(numberIn(status, "started_ms"))),
@@ -102,6 +102,11 @@ std::vector<std::string> statusLines(const Json& status) {
                     bytesText(realIn(status, "queue_limit")),
                     countText(numberIn(status, "listen_limit"))),
     };
+    if (const std::string file = textIn(status, "recorder_file"); !file.empty()) {
+        lines.push_back(fmt::format("recorder     {} messages since the start, the last ones in {}",
+                                    countText(numberIn(status, "recorded")), file));
+    }
+    return lines;
 }
 
 std::string spaceText(const Json& row) {

@@ -45,6 +45,10 @@ constexpr LogLine kDaemonLines[] = {
     {"cannot take over",
      "This process was started as a successor, and ends; the old one serves on.",
      "The old one's line 'not replaced' says it too; do not start rvd with --take-over by hand."},
+    {"cannot record in",
+     "The file of -recorder-file cannot be made: no such directory, no room on the disk, or "
+     "something that is no recording has that path.",
+     "Mend that, or choose another -recorder-file; rvd does not start without it."},
     {"lines were left out", "More than 100 lines in one second; the rest was not written.",
      "Look at the lines before: some client causes them."},
 };

@@ -16,6 +16,7 @@
 #include "tools/bus/Ticker.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/Fields.h"
+#include "tools/kvx/Flush.h"
 #include "tools/kvx/Window.h"
 
 namespace kvx::tool {
@@ -83,28 +84,6 @@ int Outgoing::refuse(const RvStatus& reason) const {
     return kFailure;
 }
 
-// Waits until everything is written, as long as there is progress.
-bool flush(Outgoing& message) {
-    rv_Session const session = message.client().session().handle();
-    unsigned long before = 0;
-    unsigned long now = 0;
-    int code = 0;
-    rv_Pending(session, nullptr, &now);
-    do {
-        before = now;
-        code = rv_Flush(session, kStallMs);
-        rv_Pending(session, nullptr, &now);
-    } while (code != 0 && now != 0 && now < before);
-    if (code != 0) {
-        // The code of a time-out is a socket error number, without a session text.
-        const std::string text = rv_ErrorText(code);
-        bus::complain(
-            "the message did not leave: " +
-            (text.empty() ? fmt::format("nothing has moved for {} s", kStallMs / 1000) : text));
-    }
-    return code == 0;
-}
-
 class PrintedAnswer : public RvDataCallback {
   public:
     PrintedAnswer(bus::Client& client, const RequestOptions& options)
@@ -141,7 +120,7 @@ int send(const SendOptions& options) {
     for (std::uint64_t i = 1; i <= options.repeat; ++i) {
         const RvStatus status = message.sender().send(message.payload());
         if (!(status == RvStatus(0))) return message.refuse(status);
-        if ((i == options.repeat || i % window == 0) && !flush(message)) return kFailure;
+        if ((i == options.repeat || i % window == 0) && !flush(message.client())) return kFailure;
     }
     return kSuccess;
 }

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <fstream>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Export.h"
+#include "rv/recording/RecordingWriter.h"
+
+namespace kvx::recording {
+
+/// Whether the message of an entry is there as a whole, and sound: it may be read as a message.
+[[nodiscard]] KVX_API bool isWholeMessage(const Entry& entry);
+
+/// Whether the subject of an entry is one that `pattern` covers.
+[[nodiscard]] KVX_API bool isOn(const Entry& entry, SubjectView pattern);
+
+/// Reads a recording, the oldest message first, also while somebody writes it, when it ends within
+/// a record, and when it is no recording at all. Trusts nothing in it: what has no sound check is
+/// passed over, in one pass over the file. Needs memory for one record, at most as long as a
+/// message. One thread.
+class KVX_API RecordingReader {
+  public:
+    /// Opens the file and looks for the newest record. `problem` tells whether that went well.
+    explicit RecordingReader(const std::string& path);
+
+    /// Why it cannot be read; empty when it can.
+    [[nodiscard]] const std::string& problem() const { return problem_; }
+
+    /// The next one; nothing at the end. It is valid until the next call.
+    [[nodiscard]] std::optional<Entry> next();
+
+    /// Bytes of the ring.
+    [[nodiscard]] std::uint64_t capacity() const { return capacity_; }
+    /// When it was made, in nanoseconds since the epoch.
+    [[nodiscard]] std::uint64_t created() const { return created_; }
+    /// The position behind its newest record: where it goes on.
+    [[nodiscard]] std::uint64_t end() const { return end_; }
+    /// Records so far whose head is sound and whose content is not.
+    [[nodiscard]] std::uint64_t damaged() const { return damaged_; }
+
+  private:
+    struct Found {
+        std::uint64_t position;
+        std::span<const std::uint8_t> record;  // with its padding
+    };
+
+    [[nodiscard]] std::string open(const std::string& path);
+    [[nodiscard]] std::span<const std::uint8_t> view(std::uint64_t offset, std::size_t bytes);
+    [[nodiscard]] std::optional<Found> find(std::uint64_t until);
+    [[nodiscard]] std::optional<Entry> entryOf(const Found& found) const;
+
+    std::ifstream file_;
+    std::string problem_;
+    std::uint64_t capacity_ = 0;
+    std::uint64_t available_ = 0;  // bytes of the ring that the file has
+    std::uint64_t seed_ = 0;
+    std::uint64_t created_ = 0;
+    std::uint64_t end_ = 0;
+    std::uint64_t at_ = 0;        // offset in the ring of what is read next
+    bool hasTurned_ = false;      // it has come to the start of the ring
+    std::uint64_t nextFrom_ = 0;  // the least position of the next record
+    std::uint64_t damaged_ = 0;
+    std::vector<std::uint8_t> window_;
+    std::uint64_t windowAt_ = 0;  // its offset in the ring
+};
+
+}  // namespace kvx::recording

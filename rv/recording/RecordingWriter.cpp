@@ -1,0 +1,92 @@
+// A record is written in any order and has no mark of being complete: its checks tell. Where the
+// end of the ring has no room for the next record, that one begins at the start, at the position
+// that has that place.
+
+#include "rv/recording/RecordingWriter.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/Process.h"
+#include "rv/recording/RecordFormat.h"
+
+namespace kvx::recording {
+namespace {
+
+std::string_view nameOf(std::string_view name) {
+    return name.substr(0, kMostNameBytes);
+}
+
+std::size_t fixedBytes(const Entry& entry) {
+    return static_cast<std::size_t>(kRecordHeadBytes + padded(entry.subject.length()) +
+                                    padded(nameOf(entry.service).size()) +
+                                    padded(nameOf(entry.network).size()));
+}
+
+}  // namespace
+
+std::uint64_t RecordingWriter::capacityFor(std::uint64_t bytes) {
+    return std::max(padded(bytes), kLeastCapacity);
+}
+
+std::uint64_t RecordingWriter::bytesFor(const Entry& entry) {
+    return padded(fixedBytes(entry) + entry.message.size());
+}
+
+RecordingWriter::RecordingWriter(std::span<std::uint8_t> memory, std::uint64_t seed,
+                                 std::uint64_t created)
+    : ring_(memory.subspan(kFileHeadBytes)), seed_(seed) {
+    std::memcpy(memory.data(), kMagic.data(), kMagic.size());
+    storeBig64(memory.data() + kAtCapacity, ring_.size());
+    storeBig64(memory.data() + kAtSeed, seed);
+    storeBig64(memory.data() + kAtCreated, created);
+    storeBig64(memory.data() + kAtProcess, platform::processId());
+}
+
+RecordingWriter::RecordingWriter(std::span<std::uint8_t> memory, std::uint64_t position)
+    : ring_(memory.subspan(kFileHeadBytes)),
+      seed_(loadBig64(memory.data() + kAtSeed)),
+      position_(position),
+      offset_(static_cast<std::size_t>(position % ring_.size())) {
+    storeBig64(memory.data() + kAtProcess, platform::processId());
+}
+
+void RecordingWriter::add(const Entry& entry) noexcept {
+    const std::size_t fixed = fixedBytes(entry);
+    const std::size_t kept = std::min(entry.message.size(), ring_.size() - fixed);
+    const std::size_t length = fixed + kept;
+    const auto whole = static_cast<std::size_t>(padded(length));
+    if (whole > ring_.size() - offset_) {
+        position_ += ring_.size() - offset_;
+        offset_ = 0;
+    }
+    std::uint8_t* const record = ring_.data() + offset_;
+    const std::string_view service = nameOf(entry.service);
+    const std::string_view network = nameOf(entry.network);
+    const auto shortLength = static_cast<std::uint32_t>(length);
+    storeBig64(record + kAtPosition, position_);
+    storeBig32(record + kAtLength, shortLength);
+    storeBig32(record + kAtHeadCheck, headCheck(seed_, position_, shortLength));
+    storeBig64(record + kAtTime, entry.time);
+    storeBig64(record + kAtSession, entry.session);
+    storeBig32(record + kAtMessageSize, entry.messageSize);
+    storeBig16(record + kAtSubjectSize, static_cast<std::uint16_t>(entry.subject.length()));
+    record[kAtServiceSize] = static_cast<std::uint8_t>(service.size());
+    record[kAtNetworkSize] = static_cast<std::uint8_t>(network.size());
+    Check check(seed_, position_);
+    check.take(record + kAtTime, kRecordHeadBytes - kAtTime);
+    std::uint8_t* at = record + kRecordHeadBytes;
+    const auto append = [&](const void* bytes, std::size_t count) {
+        check.copy(at, bytes, count);
+        at += padded(count);
+    };
+    append(entry.subject.data(), entry.subject.length());
+    append(service.data(), service.size());
+    append(network.data(), network.size());
+    append(entry.message.data(), kept);
+    storeBig64(record + kAtCheck, check.value());
+    position_ += whole;
+    offset_ += whole;
+}
+
+}  // namespace kvx::recording

@@ -1,0 +1,110 @@
+#include "rvd/Recorder.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <system_error>
+#include <utility>
+
+#include "platform/Clock.h"
+#include "platform/Process.h"
+#include "rv/recording/RecordFormat.h"
+#include "rv/recording/RecordingReader.h"
+
+namespace kvx::rvd {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr Nanoseconds kPerMillisecond = 1'000'000;
+constexpr Nanoseconds kClockSet = 100 * kPerMillisecond;  // a difference that is no noise
+
+std::string pathFor(const Recorder::Settings& settings, const std::string& address) {
+    if (!settings.path.empty()) return settings.path;
+    const std::string directory = platform::stateDirectory();
+    if (directory.empty()) return {};
+    std::string name = "rvd-" + address;
+    std::ranges::replace_if(
+        name, [](char c) { return c == '/' || c == ':'; }, '-');
+    return directory + '/' + name + ".ring";
+}
+
+// Only a recording gives way. Returns an empty text, or the error.
+std::string makeWay(const std::string& path) {
+    std::error_code error;
+    if (!fs::exists(fs::symlink_status(path, error))) return {};
+    const recording::RecordingReader old(path);
+    if (!old.problem().empty()) return "something has that path: " + old.problem();
+    fs::rename(path, path + ".1", error);
+    return error ? error.message() : "";
+}
+
+std::uint64_t seed() {
+    std::random_device random;
+    return static_cast<std::uint64_t>(random()) << 32U | random();
+}
+
+}  // namespace
+
+Recorder::Recorder(std::string path, platform::MappedFile file, recording::RecordingWriter writer,
+                   std::uint64_t messageBytes, Line::Clock clock)
+    : path_(std::move(path)),
+      file_(std::move(file)),
+      writer_(writer),
+      messageBytes_(static_cast<std::size_t>(messageBytes)),
+      clock_(clock) {
+    tick();
+}
+
+std::unique_ptr<Recorder> Recorder::create(const Settings& settings, const std::string& address,
+                                           Line::Clock clock, std::string& error) {
+    const std::string path = pathFor(settings, address);
+    error = path.empty() ? "no directory for states" : makeWay(path);
+    platform::MappedFile file;
+    if (error.empty()) {
+        const std::uint64_t capacity = recording::padded(settings.size);
+        file = platform::MappedFile::create(
+            path, static_cast<std::size_t>(recording::kFileHeadBytes + capacity), error);
+    }
+    if (!error.empty()) {
+        error = path + ": " + error;
+        return nullptr;
+    }
+    const auto now = static_cast<std::uint64_t>(platform::wallMilliseconds() * kPerMillisecond);
+    const recording::RecordingWriter writer(file.bytes(), seed(), now);
+    return std::unique_ptr<Recorder>(
+        new Recorder(path, std::move(file), writer, settings.messageBytes, clock));
+}
+
+std::unique_ptr<Recorder> Recorder::goOn(const Settings& settings, const std::string& address,
+                                         Line::Clock clock, std::string& error) {
+    const std::string path = pathFor(settings, address);
+    const recording::RecordingReader old(path);
+    const bool isSame = old.problem().empty() && old.capacity() == recording::padded(settings.size);
+    platform::MappedFile file;
+    if (isSame) file = platform::MappedFile::open(path, error);
+    if (file.bytes().size() != recording::kFileHeadBytes + old.capacity()) {
+        return create(settings, address, clock, error);
+    }
+    const recording::RecordingWriter writer(file.bytes(), old.end());
+    return std::unique_ptr<Recorder>(
+        new Recorder(path, std::move(file), writer, settings.messageBytes, clock));
+}
+
+void Recorder::record(const Router::Session& from, std::uint64_t sender, SubjectView subject,
+                      wire::Bytes message, Nanoseconds receivedAt) noexcept {
+    ++messages_;
+    writer_.add({static_cast<std::uint64_t>(receivedAt + wallAhead_), sender, from.service(),
+                 from.network(), subject, message.first(std::min(message.size(), messageBytes_)),
+                 static_cast<std::uint32_t>(message.size())});
+}
+
+void Recorder::tick() noexcept {
+    const Nanoseconds ahead = platform::wallMilliseconds() * kPerMillisecond - clock_();
+    if (std::abs(ahead - wallAhead_) > kClockSet) wallAhead_ = ahead;
+}
+
+}  // namespace kvx::rvd

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/MappedFile.h"
+#include "rv/recording/RecordingWriter.h"
+#include "rv/wire/Limits.h"
+#include "rvd/Line.h"
+#include "rvd/Router.h"
+
+namespace kvx::rvd {
+
+/// Keeps the last messages that sessions have sent in a file, where they can be read also after
+/// this process was killed. Loop thread only.
+class Recorder {
+  public:
+    struct Settings {
+        std::uint64_t size = 0;          ///< bytes of the ring; 0: nothing is recorded
+        std::uint64_t messageBytes = 0;  ///< of each message at most
+        std::string path;                ///< empty: below the user's directory for states
+    };
+
+    /// A new file; one that is there is kept, as that path with ".1" behind it. `address` is that
+    /// of the daemon. On failure null, and `error` has path and reason. Throws `std::bad_alloc`.
+    static std::unique_ptr<Recorder> create(const Settings& settings, const std::string& address,
+                                            Line::Clock clock, std::string& error);
+    /// Goes on with the file of the daemon that this one replaces, or else creates a new one.
+    static std::unique_ptr<Recorder> goOn(const Settings& settings, const std::string& address,
+                                          Line::Clock clock, std::string& error);
+
+    /// `receivedAt`: of the clock.
+    void record(const Router::Session& from, std::uint64_t sender, SubjectView subject,
+                wire::Bytes message, Nanoseconds receivedAt) noexcept;
+
+    /// About once a second: follows the wall clock when it was set.
+    void tick() noexcept;
+
+    [[nodiscard]] const std::string& path() const { return path_; }
+    [[nodiscard]] std::uint64_t messages() const { return messages_; }  ///< recorded so far
+
+  private:
+    Recorder(std::string path, platform::MappedFile file, recording::RecordingWriter writer,
+             std::uint64_t messageBytes, Line::Clock clock);
+
+    const std::string path_;
+    const platform::MappedFile file_;
+    recording::RecordingWriter writer_;
+    const std::size_t messageBytes_;
+    const Line::Clock clock_;
+    Nanoseconds wallAhead_ = 0;  // of the clock
+    std::uint64_t messages_ = 0;
+};
+
+}  // namespace kvx::rvd
