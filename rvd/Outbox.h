@@ -3,16 +3,19 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <span>
 #include <vector>
 
 #include "rvd/Counters.h"
 #include "rvd/DataLoss.h"
+#include "rvd/LeanDeque.h"
 #include "rvd/MemoryAccount.h"
 #include "rvd/Payload.h"
+#include "rvd/State.h"
 
 namespace kvx::rvd {
+
+class Delays;
 
 /// What became of the copies that were not delivered.
 enum class Drop : std::uint8_t {
@@ -40,9 +43,9 @@ class Outbox {
         std::array<std::uint64_t, static_cast<std::size_t>(Drop::Count)> droppedBy{};
     };
 
-    /// `limit`: bytes of waiting messages. `holder`, which pays for the queue, and `counters` must
-    /// outlive this object.
-    Outbox(std::size_t limit, MemoryHolder& holder, Counters& counters);
+    /// `limit`: bytes of waiting messages. `holder`, which pays for the queue, `counters` and
+    /// `delays` (null: nobody measures) must outlive this object.
+    Outbox(std::size_t limit, MemoryHolder& holder, Counters& counters, Delays* delays = nullptr);
     ~Outbox();
     Outbox(const Outbox&) = delete;
     Outbox& operator=(const Outbox&) = delete;
@@ -98,6 +101,10 @@ class Outbox {
     /// stay in place until `written` has covered them. The queue must not be empty.
     [[nodiscard]] wire::Bytes pinFront();
 
+    /// For the daemon that takes this one's place. A queue that is restored must be new.
+    void save(StateWriter& state) const;
+    void restore(StateReader& state);
+
     [[nodiscard]] std::size_t waitingMessages() const { return waitingMessages_; }
     /// Bytes of waiting messages without what is written of the first.
     [[nodiscard]] std::size_t waitingBytes() const {
@@ -110,8 +117,6 @@ class Outbox {
     static constexpr std::size_t kEntryCost = 24;
 
   private:
-    static constexpr std::size_t kGrown = 4'096;  // entries
-
     enum class Kind : std::uint8_t { Message, Control, Ahead, Notice };
     // The state of the notice at the first place not begun.
     enum class Notice : std::uint8_t {
@@ -130,7 +135,7 @@ class Outbox {
         message.chargeTo(holder_.account());
         holder_.chargeShared(size, kEntryCost);
         waitingBytes_ += size;
-        if (++waitingMessages_ > kGrown) isGrown_ = true;
+        ++waitingMessages_;
     }
     void removeWaiting(std::size_t messages, std::size_t bytes) {
         holder_.dischargeShared(bytes, messages * kEntryCost);
@@ -149,21 +154,21 @@ class Outbox {
     void dropLost();
     void placeNotice();
     void beginFront();
-    void noteDelivered(std::size_t size);
+    void noteDelivered(const Entry& entry);
     void popFront();
 
     // Constant after construction.
     const std::size_t limit_;
     MemoryHolder& holder_;
     Counters& counters_;
+    Delays* const delays_;
 
-    std::deque<Entry> entries_;
+    LeanDeque<Entry> entries_;
     std::size_t ahead_ = 0;         // entries of that kind
     bool frontBegun_ = false;       // the first entry is being written
     std::size_t sentOfFront_ = 0;   // bytes of it that are written
     std::size_t waitingBytes_ = 0;  // of messages, whole ones
     std::uint64_t waitingMessages_ = 0;
-    bool isGrown_ = false;     // entries_ has taken more memory than an idle queue should keep
     Loss loss_;                // not announced yet, or announced by a notice not begun
     DroppedSubjects dropped_;  // of `loss_`
     bool namesDropped_ = false;

@@ -15,7 +15,7 @@ libdir=$(dirname "$(find "$work/prefix" -name libKVXMOM.so)")
 
 # What only the libraries need is not there for their users.
 mkdir "$work/absent"
-for header in zlib.h uv.h; do echo "#error not for users" >"$work/absent/$header"; done
+for header in zlib.h libdeflate.h uv.h; do echo "#error not for users" >"$work/absent/$header"; done
 export CPLUS_INCLUDE_PATH=$work/absent
 
 echo "through CMake"

@@ -11,8 +11,8 @@ namespace kvx::bus {
 
 namespace {
 
-constexpr std::array<std::string_view, 5> kRows = {"session", "subject", "match", "shape",
-                                                   "address"};
+constexpr std::array<std::string_view, 6> kRows = {"session", "subject", "match",
+                                                   "shape",   "bucket",  "address"};
 
 constexpr std::size_t kMostBytes = 64UL << 20U;  // of an answer, as it comes
 

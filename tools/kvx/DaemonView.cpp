@@ -40,7 +40,24 @@ std::string timeText(std::uint64_t milliseconds) {
                        fmt::gmtime(static_cast<std::time_t>(milliseconds / 1'000)));
 }
 
+std::string latencyLine(const Json& latency) {
+    if (numberIn(latency, "copies") == 0) return "latency      nothing was handed over lately";
+    return fmt::format(
+        "latency      p50 {}, p99 {}, max {} (of {} copies of the last seconds)",
+        delayText(numberIn(latency, "p50_ns")), delayText(numberIn(latency, "p99_ns")),
+        delayText(numberIn(latency, "max_ns")), countText(numberIn(latency, "copies")));
+}
+
 }  // namespace
+
+std::string delayText(std::uint64_t nanoseconds) {
+    constexpr std::array<const char*, 3> kUnits = {"us", "ms", "s"};
+    if (nanoseconds < 1'000) return fmt::format("{} ns", nanoseconds);
+    double number = static_cast<double>(nanoseconds) / 1'000;
+    std::size_t unit = 0;
+    for (; number >= 999.5 && unit + 1 < kUnits.size(); ++unit) number /= 1'000;
+    return fmt::format("{:.1f} {}", number, kUnits[unit]);
+}
 
 std::vector<std::string> statusLines(const Json& status) {
     const Json& counters = objectIn(status, "counters");
@@ -78,6 +95,7 @@ std::vector<std::string> statusLines(const Json& status) {
                     bytesText(realIn(counters, "bytes_delivered"))),
         fmt::format("dropped      {} messages/s; in all {}", countText(numberIn(rates, "dropped")),
                     lossText(losses)),
+        latencyLine(objectIn(status, "latency")),
         fmt::format("memory       {} of {}: {}", bytesText(realIn(memory, "used")),
                     bytesText(realIn(memory, "limit")), held),
         fmt::format("limits       {} may wait for a session, {} listens of one",

@@ -26,6 +26,9 @@ std::string spaceText(const Json& row);
 /// What was lost, by cause, such as "12 queue full"; "-" when nothing was.
 std::string lossText(const Json& session);
 
+/// A span of nanoseconds: "850 ns", "12.3 us", "4.5 ms", "1.2 s".
+std::string delayText(std::uint64_t nanoseconds);
+
 Table sessionsTable(const Json& sessions);
 Table subjectsTable(const Json& subjects, bool withShapes);
 
