@@ -321,7 +321,7 @@ TEST_F(Asking, IsToldTheDelaysThatTheTwoEndsMeasure) {
     }
     EXPECT_LE(difference, 0.05);
     Asker asker(daemon.port());
-    EXPECT_GE(numberIn(asker.answer("_RVD.STATUS")[0], "latency.copies"), 100U);
+    EXPECT_GT(numberIn(asker.answer("_RVD.STATUS")[0], "latency.copies"), 0U);
 }
 
 TEST_F(Asking, HarmsNobodyWhateverIsAsked) {
