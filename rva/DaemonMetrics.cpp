@@ -22,6 +22,7 @@ using bus::realIn;
 using bus::textIn;
 
 constexpr double kMillisecondsInSecond = 1'000;
+constexpr double kNanosecondsInSecond = 1e9;
 
 constexpr std::array<std::pair<Answering, const char*>, 4> kStates = {
     {{Answering::Answers, "answers"},
@@ -42,22 +43,20 @@ void addField(Samples& samples, const Json& object, const std::string& field, do
     if (object.contains(field)) samples.add(realIn(object, field.c_str()) / divisor, labels);
 }
 
-Collect statusField(const char* field, double divisor = 1) {
-    return [=](const Sample& sample, Samples& samples) {
-        addField(samples, sample.bus.daemon.status(), field, divisor);
-    };
+// "" is the whole.
+const Json& partOf(const Sample& sample, const char* part) {
+    const Json& status = sample.bus.daemon.status();
+    return *part == '\0' ? status : bus::objectIn(status, part);
 }
 
-Collect memoryField(const char* field) {
+Collect fieldOf(const char* part, const char* field, double divisor = 1) {
     return [=](const Sample& sample, Samples& samples) {
-        addField(samples, bus::objectIn(sample.bus.daemon.status(), "memory"), field, 1);
+        addField(samples, partOf(sample, part), field, divisor);
     };
 }
 
 Collect counter(const char* field) {
-    return [=](const Sample& sample, Samples& samples) {
-        addField(samples, bus::objectIn(sample.bus.daemon.status(), "counters"), field, 1);
-    };
+    return fieldOf("counters", field);
 }
 
 // A field of `part` for each value of a label.
@@ -66,11 +65,10 @@ struct Split {
     const char* field;
 };
 
-Collect split(const char* part, const char* label, std::vector<Split> fields) {
+Collect split(const char* part, const char* label, std::vector<Split> fields, double divisor = 1) {
     return [=, fields = std::move(fields)](const Sample& sample, Samples& samples) {
-        const Json& object = bus::objectIn(sample.bus.daemon.status(), part);
         for (const auto& [value, field] : fields) {
-            addField(samples, object, field, 1, {{label, value}});
+            addField(samples, partOf(sample, part), field, divisor, {{label, value}});
         }
     };
 }
@@ -177,10 +175,13 @@ std::vector<Metric> daemonMetrics() {
         {"rva_questions_total", Counter, "about", "questions to the daemon", collectQuestions},
         {"rvd_info", Gauge, "version pid address", "1, with what the daemon is", collectInfo},
         {"rvd_start_time_seconds", Gauge, "", "when the daemon started, since the epoch",
-         statusField("started_ms", kMillisecondsInSecond)},
+         fieldOf("", "started_ms", kMillisecondsInSecond)},
+        {"rvd_replacements_total", Counter, "result",
+         "how often the daemon was replaced while it works (done), and could not be (failed)",
+         split("", "result", {{"done", "replaced"}, {"failed", "not_replaced"}})},
         {"rvd_connections", Gauge, "", "connections that are open", counter("connections_open")},
         {"rvd_max_connections", Gauge, "", "connections for which there are descriptors",
-         statusField("connection_limit")},
+         fieldOf("", "connection_limit")},
         {"rvd_accepted_connections_total", Counter, "", "connections taken",
          counter("connections_accepted")},
         {"rvd_refused_connections_total", Counter, "cause",
@@ -236,6 +237,17 @@ std::vector<Metric> daemonMetrics() {
          counter("inquiries")},
         {"rvd_sent_keepalives_total", Counter, "", "keepalives sent to silent peers",
          counter("keepalives_sent")},
+        {"rvd_latency_seconds", Gauge, "percentile",
+         "time from reading the last byte of a message to writing that of a copy, of samples of "
+         "the "
+         "last 10 to 20 s",
+         split("latency", "percentile",
+               {{"50", "p50_ns"},
+                {"90", "p90_ns"},
+                {"99", "p99_ns"},
+                {"99.9", "p999_ns"},
+                {"100", "max_ns"}},
+               kNanosecondsInSecond)},
         {"rvd_memory_bytes", Gauge, "kind", "memory held for sessions, by what it is for",
          split("memory", "kind",
                {{"messages", "messages"},
@@ -243,10 +255,10 @@ std::vector<Metric> daemonMetrics() {
                 {"connections", "connections"},
                 {"incoming", "incoming"},
                 {"control", "control"}})},
-        {"rvd_used_memory_bytes", Gauge, "", "all of that", memoryField("used")},
-        {"rvd_max_memory_bytes", Gauge, "", "its limit, -memory", memoryField("limit")},
+        {"rvd_used_memory_bytes", Gauge, "", "all of that", fieldOf("memory", "used")},
+        {"rvd_max_memory_bytes", Gauge, "", "its limit, -memory", fieldOf("memory", "limit")},
         {"rvd_max_queue_bytes", Gauge, "", "the limit of one session's queue, -queue-limit",
-         statusField("queue_limit")},
+         fieldOf("", "queue_limit")},
         {"rvd_session_queue_bytes", Gauge, kSession, "what waits for a session to read it",
          sessionField("waiting_bytes")},
         {"rvd_session_queue_messages", Gauge, kSession, "the same in messages",

@@ -1,7 +1,10 @@
 #include "tools/kvx/TopScreen.h"
 
-// Its macros TRUE and FALSE would spoil the declarations of the bus: it comes after them.
 #include <curses.h>
+// They would spoil the declarations of the bus, here and in what is compiled together with this
+// file.
+#undef TRUE
+#undef FALSE
 
 #include <clocale>
 #include <cstddef>
@@ -31,8 +34,8 @@ TopScreen::TopScreen() {
     cbreak();
     noecho();
     nonl();
-    keypad(stdscr, TRUE);
-    nodelay(stdscr, TRUE);
+    keypad(stdscr, true);
+    nodelay(stdscr, true);
     set_escdelay(kEscapeMs);
     curs_set(0);
     if (!has_colors()) return;
