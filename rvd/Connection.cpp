@@ -65,7 +65,7 @@ Connection::Connection(const ConnectionContext& context, std::uint64_t number)
     : MemoryHolder(context.account),
       context_(context),
       number_(number),
-      outbox_(context.queueLimit, *this, context.counters),
+      outbox_(context.queueLimit, *this, context.counters, &context.delays),
       acceptedAt_(now()) {
     charge(Holding::Connection, kConnectionCost);
     context_.counters.add(Counter::ConnectionsOpen);
@@ -118,7 +118,8 @@ bool Connection::accept(StreamSocket& listener) {
     return isStarted;
 }
 
-bool Connection::start() {
+// Who is at the other end, and what it may do.
+void Connection::meetPeer() {
     name_ = socket_.peerName();
     const auto peer = socket_.peerEndpoint();
     const auto process = socket_.peerIdentity();
@@ -130,6 +131,10 @@ bool Connection::start() {
     peer_ = std::make_unique<Peer>(reportedAddress(peer, isNear, context_.hostAddress), *this,
                                    context_.counters);
     context_.willWatch(socket_.descriptor());
+}
+
+bool Connection::start() {
+    meetPeer();
     if (!startReading()) return false;
     context_.counters.add(Counter::ConnectionsAccepted);
     context_.log.debug(name_ + " connected");
@@ -142,7 +147,9 @@ void Connection::refuse(StreamSocket& listener) {
     destroy();
 }
 
+// While the daemon is being replaced, nothing is read: `resume` comes later.
 bool Connection::startReading() {
+    if (context_.isPaused) return true;
     isReading_ = true;
     return uv_read_start(
                stream(),
@@ -173,6 +180,7 @@ void Connection::onRead(ssize_t count, const char* bytes) {
         } else if (state_ == State::Open) {
             arrived_ = {reinterpret_cast<const std::uint8_t*>(bytes),
                         static_cast<std::size_t>(count)};
+            arrivedAt_ = context_.line.time();
             hasMuch() ? context_.line.join(*this) : context_.line.come(*this);
             keepRest();
         }

@@ -15,6 +15,7 @@
 #include "rvd/Answers.h"
 #include "rvd/Batch.h"
 #include "rvd/BusySubjects.h"
+#include "rvd/Delays.h"
 #include "rvd/Facts.h"
 #include "rvd/Line.h"
 #include "rvd/Outbox.h"
@@ -38,8 +39,10 @@ struct ConnectionContext {
     Batch& batch;
     Line& line;
     BusySubjects& busy;
+    Delays& delays;
     const Reports& reports;
     std::size_t queueLimit;     ///< queued bytes per session
+    const bool& isPaused;       ///< nothing is read: the daemon is being replaced
     std::size_t stepsAtOnce;    ///< of a match, between two looks at the clock
     std::uint32_t hostAddress;  ///< host byte order; reported to local clients as their own
     const Admission& admission;
@@ -106,6 +109,23 @@ class Connection final : private MemoryHolder,
     /// About once a second; `elapsed`: since the last time.
     void tick(platform::Milliseconds elapsed);
     [[nodiscard]] SessionFacts facts() const;
+
+    // For the daemon that takes this one's place; see Handover.cpp.
+    /// Stops reading.
+    void pause();
+    /// Whether nothing is under way that cannot be handed over; `withAnswers`: nor an answer to an
+    /// inquiry. It may never be so while it reads.
+    [[nodiscard]] bool isQuiet(bool withAnswers) const;
+    /// Whether it follows the interest of its space: it is restored behind all that do not.
+    [[nodiscard]] bool follows() const { return session_ != nullptr && session_->follows(); }
+    [[nodiscard]] int descriptor() const { return socket_.descriptor(); }
+    void save(StateWriter& state);
+    /// In place of `accept`. Throws `StateError` or `std::bad_alloc`: call `destroy` then.
+    void begin(StreamSocket::Kind kind) { socket_.begin(context_.loop, kind, this); }
+    void restore(StateReader& state, platform::Descriptor socket);
+    /// Reads and writes, again or for the first time.
+    void resume();
+
     /// Ends the connection because the daemon ends.
     void shutDown();
     /// Closes the socket now; `ConnectionContext::gone` follows.
@@ -166,12 +186,14 @@ class Connection final : private MemoryHolder,
     template <class Step>
     void guard(Step&& step) noexcept;
     bool start();
+    void meetPeer();
     void enter(State state);
     [[nodiscard]] uv_buf_t readBuffer();
     void onRead(ssize_t count, const char* bytes);
     void trim();
     void takeBytes();
     void goOnRouting();
+    [[nodiscard]] BusySubjects::Place watch(SubjectView subject, const PayloadRef& message);
     void route();
     [[nodiscard]] bool mayTell() const;
     void tellMore();
@@ -212,6 +234,7 @@ class Connection final : private MemoryHolder,
     Outbox outbox_;
     std::unique_ptr<Peer> peer_;
     wire::Bytes arrived_;             // bytes that the peer has not processed
+    Nanoseconds arrivedAt_ = 0;       // as of the line
     std::vector<std::uint8_t> rest_;  // those that wait for a further slice
     bool isAllowed_ = false;          // to join a space
     bool mayAsk_ = false;             // for reports
@@ -223,7 +246,7 @@ class Connection final : private MemoryHolder,
     bool isDismissed_ = false;
     std::size_t writingBytes_ = 0;  // bytes of the queue in write_; 0: no write is pending in libuv
     Pace pace_;                     // as of the last tick
-    const platform::Milliseconds acceptedAt_;
+    platform::Milliseconds acceptedAt_;
     Flow published_;
     std::uint64_t publishedBefore_ = 0;  // messages, at the last tick
     std::uint64_t publishedRate_ = 0;    // a second, before that

@@ -7,13 +7,14 @@ namespace kvx::rvd {
 namespace {
 
 constexpr std::string_view kFirst = "_RVD";
-constexpr std::array<std::pair<std::string_view, DaemonSubject>, 8> kSecond = {{
+constexpr std::array<std::pair<std::string_view, DaemonSubject>, 9> kSecond = {{
     {"INTEREST", DaemonSubject::Interest},
     {"LOST", DaemonSubject::Lost},
     {"STATUS", DaemonSubject::Status},
     {"SESSIONS", DaemonSubject::Sessions},
     {"SUBJECTS", DaemonSubject::Subjects},
     {"TRACE", DaemonSubject::Trace},
+    {"LATENCY", DaemonSubject::Latency},
     {kAnyElement, DaemonSubject::Any},
     {kAnyTrailingElements, DaemonSubject::Any},
 }};

@@ -17,6 +17,7 @@ enum class DaemonSubject : std::uint8_t {
     Sessions,  ///< requests: who is on it
     Subjects,  ///< requests: what flows
     Trace,     ///< requests: who would get a message
+    Latency,   ///< requests: how long messages are in the daemon
     Any        ///< a pattern that covers them
 };
 

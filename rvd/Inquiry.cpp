@@ -45,7 +45,8 @@ std::optional<Inquiry> readInquiry(DaemonSubject about, wire::Bytes message) {
             numberOf(findField(options, "limit")), std::numeric_limits<std::uint32_t>::max()));
         inquiry.wantsFields = numberOf(findField(options, "fields")) != 0;
     }
-    if (about == DaemonSubject::Trace && !inquiry.subject) return std::nullopt;
+    const bool needsSubject = about == DaemonSubject::Trace || about == DaemonSubject::Latency;
+    if (needsSubject && !inquiry.subject) return std::nullopt;
     return inquiry;
 }
 

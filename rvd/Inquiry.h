@@ -20,7 +20,8 @@ struct Inquiry {
 
 /// Reads a data message. Its payload, a nested message of options, may be missing; options that
 /// are unknown or of another type are ignored. A subject is one of that type or its text. Nothing
-/// without a sound subject for the answer, and when `about` is `Trace` without a sound "subject".
+/// without a sound subject for the answer, and when `about` is `Trace` or `Latency` without a
+/// sound "subject".
 /// Throws `std::bad_alloc`.
 [[nodiscard]] std::optional<Inquiry> readInquiry(DaemonSubject about, wire::Bytes message);
 

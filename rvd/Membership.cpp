@@ -61,9 +61,7 @@ void Connection::publish(SubjectView subject, const PayloadRef& message) {
     ++published_.messages;
     published_.bytes += message->size();
     context_.batch.hold(message);
-    const auto counted = context_.busy.isNext() ? context_.busy.count(*session_, number_, subject,
-                                                                      message->bytes(), now())
-                                                : BusySubjects::Place{0};
+    const auto counted = watch(subject, message);
     if (const auto known = context_.router.lastMatch(*session_, subject)) {
         context_.busy.reached(counted, subject, known->size());
         handOn(message, *known);
@@ -74,6 +72,14 @@ void Connection::publish(SubjectView subject, const PayloadRef& message) {
         std::make_unique<Routing>(context_.router, *session_, subject, message, PayloadRef());
     routing_->counted = counted;
     goOnRouting();
+}
+
+// What others may want to know of it later. Returns where it is counted.
+BusySubjects::Place Connection::watch(SubjectView subject, const PayloadRef& message) {
+    const bool isSampled = context_.busy.isNext();
+    message->setDelayMark(context_.delays.mark(*session_, subject, isSampled, arrivedAt_));
+    if (!isSampled) return 0;
+    return context_.busy.count(*session_, number_, subject, message->bytes(), now());
 }
 
 // Its message is kept, and charged, when it has not reached everybody in this turn.

@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <new>
 
+#include "rvd/Delays.h"
+
 namespace kvx::rvd {
 namespace {
 
@@ -38,8 +40,8 @@ Counter counterOf(Drop reason) {
 
 }  // namespace
 
-Outbox::Outbox(std::size_t limit, MemoryHolder& holder, Counters& counters)
-    : limit_(limit), holder_(holder), counters_(counters) {}
+Outbox::Outbox(std::size_t limit, MemoryHolder& holder, Counters& counters, Delays* delays)
+    : limit_(limit), holder_(holder), counters_(counters), delays_(delays) {}
 
 Outbox::~Outbox() {
     count(endReason_, waitingMessages_);
@@ -228,7 +230,7 @@ void Outbox::written(std::size_t bytes) {
             return;
         }
         bytes -= left;
-        if (entries_.front().kind == Kind::Message) noteDelivered(entries_.front().size);
+        if (entries_.front().kind == Kind::Message) noteDelivered(entries_.front());
         popFront();
     }
 }
@@ -242,10 +244,12 @@ std::size_t Outbox::discardFront() {
     return size;
 }
 
-void Outbox::noteDelivered(std::size_t size) {
+void Outbox::noteDelivered(const Entry& entry) {
     ++totals_.delivered;
     counters_.add(Counter::MessagesDelivered);
-    counters_.add(Counter::BytesDelivered, size);
+    counters_.add(Counter::BytesDelivered, entry.size);
+    const DelayMark mark = entry.payload->delayMark();
+    if (mark && delays_ != nullptr) delays_->handedOver(mark);
 }
 
 void Outbox::popFront() {
@@ -266,6 +270,55 @@ void Outbox::popFront() {
     entries_.pop_front();
     frontBegun_ = false;
     sentOfFront_ = 0;
+}
+
+void Outbox::save(StateWriter& state) const {
+    state.number(entries_.size());
+    for (const Entry& entry : entries_) {
+        state.number(static_cast<std::uint64_t>(entry.kind));
+        state.payload(entry.payload);
+    }
+    state.boolean(frontBegun_);
+    state.number(sentOfFront_);
+    state.number(loss_.messages);
+    state.number(loss_.bytes);
+    state.number(loss_.causes);
+    dropped_.save(state);
+    state.boolean(namesDropped_);
+    state.number(static_cast<std::uint64_t>(notice_));
+    state.number(totals_.matched);
+    state.number(totals_.delivered);
+    state.number(totals_.dropped);
+    for (const std::uint64_t dropped : totals_.droppedBy) state.number(dropped);
+}
+
+void Outbox::restore(StateReader& state) {
+    for (std::uint64_t left = state.number(); left > 0; --left) {
+        const auto kind = static_cast<Kind>(state.number());
+        const PayloadRef payload = state.payload();
+        const std::size_t size = payload->size();
+        entries_.push_back({payload, static_cast<std::uint32_t>(size), kind});
+        if (kind == Kind::Message) addWaiting(*payload, size);
+        if (kind == Kind::Ahead) ++ahead_;
+        if (kind == Kind::Ahead || kind == Kind::Control) {
+            holder_.charge(Holding::Control, size + kControlCost);
+        }
+    }
+    frontBegun_ = state.boolean();
+    state.into(sentOfFront_);
+    state.into(loss_.messages);
+    state.into(loss_.bytes);
+    state.into(loss_.causes);
+    dropped_.restore(state);
+    namesDropped_ = state.boolean();
+    notice_ = static_cast<Notice>(state.number());
+    state.into(totals_.matched);
+    state.into(totals_.delivered);
+    state.into(totals_.dropped);
+    for (std::uint64_t& dropped : totals_.droppedBy) state.into(dropped);
+    if (frontBegun_ && (entries_.empty() || sentOfFront_ >= entries_.front().size)) {
+        throw StateError("a queue is not sound");
+    }
 }
 
 }  // namespace kvx::rvd

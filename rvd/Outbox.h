@@ -11,8 +11,11 @@
 #include "rvd/LeanDeque.h"
 #include "rvd/MemoryAccount.h"
 #include "rvd/Payload.h"
+#include "rvd/State.h"
 
 namespace kvx::rvd {
+
+class Delays;
 
 /// What became of the copies that were not delivered.
 enum class Drop : std::uint8_t {
@@ -40,9 +43,9 @@ class Outbox {
         std::array<std::uint64_t, static_cast<std::size_t>(Drop::Count)> droppedBy{};
     };
 
-    /// `limit`: bytes of waiting messages. `holder`, which pays for the queue, and `counters` must
-    /// outlive this object.
-    Outbox(std::size_t limit, MemoryHolder& holder, Counters& counters);
+    /// `limit`: bytes of waiting messages. `holder`, which pays for the queue, `counters` and
+    /// `delays` (null: nobody measures) must outlive this object.
+    Outbox(std::size_t limit, MemoryHolder& holder, Counters& counters, Delays* delays = nullptr);
     ~Outbox();
     Outbox(const Outbox&) = delete;
     Outbox& operator=(const Outbox&) = delete;
@@ -98,6 +101,10 @@ class Outbox {
     /// stay in place until `written` has covered them. The queue must not be empty.
     [[nodiscard]] wire::Bytes pinFront();
 
+    /// For the daemon that takes this one's place. A queue that is restored must be new.
+    void save(StateWriter& state) const;
+    void restore(StateReader& state);
+
     [[nodiscard]] std::size_t waitingMessages() const { return waitingMessages_; }
     /// Bytes of waiting messages without what is written of the first.
     [[nodiscard]] std::size_t waitingBytes() const {
@@ -147,13 +154,14 @@ class Outbox {
     void dropLost();
     void placeNotice();
     void beginFront();
-    void noteDelivered(std::size_t size);
+    void noteDelivered(const Entry& entry);
     void popFront();
 
     // Constant after construction.
     const std::size_t limit_;
     MemoryHolder& holder_;
     Counters& counters_;
+    Delays* const delays_;
 
     LeanDeque<Entry> entries_;
     std::size_t ahead_ = 0;         // entries of that kind

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "rv/wire/Buffer.h"
+#include "rvd/DelayMark.h"
 #include "rvd/MemoryAccount.h"
 
 namespace kvx::rvd {
@@ -32,6 +33,10 @@ class Payload {
     /// Gives up the bytes, which nobody has kept in time. Queues drop it.
     void lose() { bytes_ = {}; }
     [[nodiscard]] bool isLost() const { return bytes_.empty(); }
+
+    /// Who measures how long it takes.
+    [[nodiscard]] DelayMark delayMark() const { return delayMark_; }
+    void setDelayMark(DelayMark mark) { delayMark_ = mark; }
 
     /// Charges the owned bytes to `account` from now on, which must outlive this object. Once is
     /// enough.
@@ -63,6 +68,7 @@ class Payload {
     wire::Bytes bytes_;
     wire::Buffer owned_;
     MemoryAccount* account_ = nullptr;
+    DelayMark delayMark_;
 };
 
 /// Holds a payload. Null when default-constructed or moved from.

@@ -7,6 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "rvd/Version.h"
+
 namespace kvx::rvd {
 namespace {
 
@@ -49,23 +51,41 @@ Row ratesRow(const Counters& rates) {
     return row;
 }
 
+void putDelays(Row& row, const Delays::Summary& delays) {
+    row.put("copies", delays.copies);
+    if (delays.copies == 0) return;
+    row.put("min_ns", delays.least);
+    row.put("p50_ns", delays.p50);
+    row.put("p90_ns", delays.p90);
+    row.put("p99_ns", delays.p99);
+    row.put("p999_ns", delays.p999);
+    row.put("max_ns", delays.most);
+}
+
 class StatusReport final : public Report {
   public:
     explicit StatusReport(const Observed& observed) : observed_(observed) {}
 
     bool write(Row& part) override {
         const StatusFacts facts = observed_.status();
-        part.put("version", KVX_VERSION);
+        part.put("version", version());
         part.put("pid", facts.pid);
         for (const auto& address : facts.addresses) part.put("address", address);
         part.put("started_ms", static_cast<std::uint64_t>(facts.started));
         part.put("age_ms", static_cast<std::uint64_t>(facts.age));
+        part.put("state_version", stateVersion());
+        part.put("replaced", facts.replacements);
+        part.put("not_replaced", facts.replaceFailures);
+        if (facts.replaceFailures != 0) part.put("not_replaced_why", facts.replaceError);
         part.put("queue_limit", facts.queueLimit);
         part.put("connection_limit", facts.descriptors);
         part.put("listen_limit", std::uint64_t{Router::kMaxListens});
         part.put("memory", memoryRow(facts));
         part.put("rates", ratesRow(*facts.rates));
         part.put("counters", countersRow(*facts.counters));
+        Row latency;
+        putDelays(latency, facts.delays->ofSamples());
+        part.put("latency", latency);
         return false;
     }
 
@@ -238,12 +258,37 @@ class TraceReport final : public Report {
     std::uint32_t left_;  // rows
 };
 
-class Refusal final : public Report {
+class LatencyReport final : public Report {
   public:
+    explicit LatencyReport(Delays::Summary found) : found_(std::move(found)) {}
+
     bool write(Row& part) override {
-        part.put("error", "the daemon answers sessions of its own host only");
+        putDelays(part, found_);
+        for (const auto& bucket : found_.buckets) {
+            Row row;
+            row.put("from_ns", bucket.from);
+            row.put("below_ns", bucket.below);
+            row.put("copies", bucket.copies);
+            part.put("bucket", row);
+        }
         return false;
     }
+
+  private:
+    const Delays::Summary found_;
+};
+
+class Refusal final : public Report {
+  public:
+    explicit Refusal(const char* why) : why_(why) {}
+
+    bool write(Row& part) override {
+        part.put("error", why_);
+        return false;
+    }
+
+  private:
+    const char* const why_;
 };
 
 }  // namespace
@@ -259,6 +304,12 @@ std::unique_ptr<Report> Reports::answer(const Inquiry& inquiry,
             return std::make_unique<TraceReport>(asker, inquiry);
         case DaemonSubject::Subjects:
             return std::make_unique<SubjectsReport>(busy_, inquiry, observed_.now());
+        case DaemonSubject::Latency:
+            if (auto found = delays_.ask(asker, *inquiry.subject, observed_.now())) {
+                return std::make_unique<LatencyReport>(*std::move(found));
+            }
+            return std::make_unique<Refusal>(
+                "the daemon measures for others, as many as it can at a time");
         case DaemonSubject::None:
         case DaemonSubject::Interest:
         case DaemonSubject::Lost:
@@ -269,7 +320,7 @@ std::unique_ptr<Report> Reports::answer(const Inquiry& inquiry,
 }
 
 std::unique_ptr<Report> Reports::refusal() {
-    return std::make_unique<Refusal>();
+    return std::make_unique<Refusal>("the daemon answers sessions of its own host only");
 }
 
 }  // namespace kvx::rvd

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "rvd/BusySubjects.h"
+#include "rvd/Delays.h"
 #include "rvd/Facts.h"
 #include "rvd/Inquiry.h"
 #include "rvd/Report.h"
@@ -13,9 +14,9 @@ namespace kvx::rvd {
 /// Makes the report that answers an inquiry. docs/wire-protocol.md has the fields.
 class Reports {
   public:
-    /// Both must outlive this object and the reports.
-    Reports(const Observed& observed, const BusySubjects& busy)
-        : observed_(observed), busy_(busy) {}
+    /// All must outlive this object and the reports.
+    Reports(const Observed& observed, const BusySubjects& busy, Delays& delays)
+        : observed_(observed), busy_(busy), delays_(delays) {}
 
     /// `asker` must outlive the report. Null for a subject that is not asked about. Throws
     /// `std::bad_alloc`.
@@ -28,6 +29,7 @@ class Reports {
   private:
     const Observed& observed_;
     const BusySubjects& busy_;
+    Delays& delays_;
 };
 
 }  // namespace kvx::rvd

@@ -44,6 +44,8 @@ done
 for example in rvbridge-nats.conf rvbridge.default; do
     [ -s "$work/prefix/share/doc/KVXMOM/examples/$example" ]
 done
+promtool test rules "$work/prefix/share/kvxmom/prometheus/kvxmom.tests.yml"
+[ -s "$work/prefix/share/kvxmom/grafana/kvxmom.json" ]
 
 echo "every header alone"
 include=$work/prefix/include/kvxmom

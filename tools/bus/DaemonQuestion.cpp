@@ -11,8 +11,8 @@ namespace kvx::bus {
 
 namespace {
 
-constexpr std::array<std::string_view, 5> kRows = {"session", "subject", "match", "shape",
-                                                   "address"};
+constexpr std::array<std::string_view, 6> kRows = {"session", "subject", "match",
+                                                   "shape",   "bucket",  "address"};
 
 Json shapeOf(const RvMsg& example) {
     Json fields = Json::array();

@@ -16,14 +16,15 @@ inline constexpr const char* kStatusSubject = "_RVD.STATUS";
 inline constexpr const char* kSessionsSubject = "_RVD.SESSIONS";
 inline constexpr const char* kSubjectsSubject = "_RVD.SUBJECTS";
 inline constexpr const char* kTraceSubject = "_RVD.TRACE";
+inline constexpr const char* kLatencySubject = "_RVD.LATENCY";
 
 /// Asks the daemon about itself, and gathers the parts of its answer. Main thread, once the net is
 /// up.
 class DaemonQuestion : private RvDataCallback {
   public:
     /// The whole answer as an object: what it has once is a value, rows ("session", "subject",
-    /// "match", "shape") and "address" are arrays, the fields of a shape texts such as "price:f64".
-    /// Or why there is none. May ask again.
+    /// "match", "shape", "bucket") and "address" are arrays, the fields of a shape texts such as
+    /// "price:f64". Or why there is none. May ask again.
     using Done = std::function<void(const Json& answer, const std::string& error)>;
 
     /// `net` must outlive this object.
@@ -31,6 +32,9 @@ class DaemonQuestion : private RvDataCallback {
 
     /// Sends the question. An earlier one that has no answer yet is forgotten.
     void ask(const RvMsg& options, double timeoutSeconds);
+
+    /// From `ask` until the answer has come or its time is over.
+    [[nodiscard]] bool isWaiting() const { return isWaiting_; }
 
   private:
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data,

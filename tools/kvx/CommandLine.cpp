@@ -113,6 +113,7 @@ class CommandLine {
         addServices();
         addHosts();
         addDaemon();
+        addLatency();
         addExplain();
         addDoctor();
         addBench();
@@ -259,6 +260,23 @@ class CommandLine {
             add("why-slow", "tell who holds up messages, and what to do", daemon_, whySlow);
         slow.add_option("SUBJECT", daemon_.subject, "only who would get a message on it");
         addTimeout(slow, daemon_.timeoutSeconds);
+        auto& replaced =
+            add("upgrade", "replace the daemon by the rvd that is installed now, while it works",
+                upgrade_, upgrade);
+        upgrade_.timeoutSeconds = 30;
+        addTimeout(replaced, upgrade_.timeoutSeconds);
+    }
+
+    void addLatency() {
+        auto& command =
+            add("latency", "tell how long messages are in the daemon", latency_, latency);
+        command.add_option("SUBJECT", latency_.subject, "of these, * and > as wildcards")
+            ->required();
+        command
+            .add_option("--seconds", latency_.seconds, "how long to measure; 0 for until Ctrl-C")
+            ->check(secondsBetween(0, 86400))
+            ->capture_default_str();
+        addTimeout(command, latency_.timeoutSeconds);
     }
 
     void addExplain() {
@@ -343,6 +361,8 @@ class CommandLine {
     ServicesOptions services_;
     HostsOptions hosts_;
     DaemonOptions daemon_;
+    DaemonOptions upgrade_;
+    LatencyOptions latency_;
     ExplainOptions explain_;
     DoctorOptions doctor_;
     BenchOptions bench_;

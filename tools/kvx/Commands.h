@@ -98,6 +98,13 @@ struct DaemonOptions {
     double timeoutSeconds = 3;
 };
 
+struct LatencyOptions {
+    Connection connection;
+    std::string subject;
+    double seconds = 10;  ///< 0: until a signal
+    double timeoutSeconds = 3;
+};
+
 struct ExplainOptions {
     Connection connection;
     std::vector<std::string> words;
@@ -163,6 +170,12 @@ int trace(const DaemonOptions& options);
 
 /// Who holds up messages, since when, what was lost, and what to do.
 int whySlow(const DaemonOptions& options);
+
+/// Has the daemon replaced by the program that is installed now, without a session noticing.
+int upgrade(const DaemonOptions& options);
+
+/// How long messages on a subject are in the daemon: quantiles and a histogram.
+int latency(const LatencyOptions& options);
 
 /// Says why a code, an advisory or a line of a log comes, and what to do; lists all without words.
 int explain(const ExplainOptions& options);

@@ -18,12 +18,6 @@ constexpr std::array<Cause, 4> kCauses = {{{"dropped_queue", "queue full"},
                                            {"dropped_ended", "session ended"},
                                            {"dropped_shutdown", "daemon ended"}}};
 
-const Json& objectIn(const Json& object, const char* name) {
-    static const Json kNone = Json::object();
-    const auto found = object.find(name);
-    return found != object.end() && found->is_object() ? *found : kNone;
-}
-
 std::string shapesText(const Json& subject) {
     std::string text;
     for (const auto& shape : rowsIn(subject, "shape")) {
@@ -46,38 +40,29 @@ std::string timeText(std::uint64_t milliseconds) {
                        fmt::gmtime(static_cast<std::time_t>(milliseconds / 1'000)));
 }
 
+std::string latencyLine(const Json& latency) {
+    if (numberIn(latency, "copies") == 0) return "latency      nothing was handed over lately";
+    return fmt::format(
+        "latency      p50 {}, p99 {}, max {} (of {} copies of the last seconds)",
+        delayText(numberIn(latency, "p50_ns")), delayText(numberIn(latency, "p99_ns")),
+        delayText(numberIn(latency, "max_ns")), countText(numberIn(latency, "copies")));
+}
+
 }  // namespace
 
-std::uint64_t numberIn(const Json& object, const char* name) {
-    const auto found = object.find(name);
-    return found != object.end() && found->is_number_unsigned() ? found->get<std::uint64_t>() : 0;
-}
-
-double realIn(const Json& object, const char* name) {
-    const auto found = object.find(name);
-    return found != object.end() && found->is_number() ? found->get<double>() : 0;
-}
-
-std::string textIn(const Json& object, const char* name) {
-    const auto found = object.find(name);
-    return found != object.end() && found->is_string() ? found->get<std::string>() : "";
-}
-
-const Json& rowsIn(const Json& object, const char* name) {
-    static const Json kNone = Json::array();
-    const auto found = object.find(name);
-    return found != object.end() && found->is_array() ? *found : kNone;
+std::string delayText(std::uint64_t nanoseconds) {
+    constexpr std::array<const char*, 3> kUnits = {"us", "ms", "s"};
+    if (nanoseconds < 1'000) return fmt::format("{} ns", nanoseconds);
+    double number = static_cast<double>(nanoseconds) / 1'000;
+    std::size_t unit = 0;
+    for (; number >= 999.5 && unit + 1 < kUnits.size(); ++unit) number /= 1'000;
+    return fmt::format("{:.1f} {}", number, kUnits[unit]);
 }
 
 std::vector<std::string> statusLines(const Json& status) {
     const Json& counters = objectIn(status, "counters");
     const Json& rates = objectIn(status, "rates");
     const Json& memory = objectIn(status, "memory");
-    std::string addresses;
-    for (const auto& address : rowsIn(status, "address")) {
-        if (address.is_string())
-            addresses += (addresses.empty() ? "" : ", ") + address.get<std::string>();
-    }
     std::string held;
     for (const char* kind : {"messages", "listens", "connections", "incoming", "control"}) {
         const auto bytes = numberIn(memory, kind);
@@ -92,7 +77,7 @@ std::vector<std::string> statusLines(const Json& status) {
         fmt::format("daemon       rvd {}, process {}, up {} (since {})", textIn(status, "version"),
                     numberIn(status, "pid"), spanText(numberIn(status, "age_ms")),
                     timeText(numberIn(status, "started_ms"))),
-        fmt::format("listening    {}", addresses),
+        fmt::format("listening    {}", bus::addressesIn(status)),
         fmt::format("sessions     {} on {} connections (of {} possible), {} listens",
                     countText(numberIn(counters, "sessions_open")),
                     countText(numberIn(counters, "connections_open")),
@@ -110,19 +95,13 @@ std::vector<std::string> statusLines(const Json& status) {
                     bytesText(realIn(counters, "bytes_delivered"))),
         fmt::format("dropped      {} messages/s; in all {}", countText(numberIn(rates, "dropped")),
                     lossText(losses)),
+        latencyLine(objectIn(status, "latency")),
         fmt::format("memory       {} of {}: {}", bytesText(realIn(memory, "used")),
                     bytesText(realIn(memory, "limit")), held),
         fmt::format("limits       {} may wait for a session, {} listens of one",
                     bytesText(realIn(status, "queue_limit")),
                     countText(numberIn(status, "listen_limit"))),
     };
-}
-
-std::string whoIs(const Json& session) {
-    const std::string name = textIn(session, "name");
-    const std::string program = textIn(session, "program");
-    if (!program.empty()) return fmt::format("{} [{}]", program, numberIn(session, "pid"));
-    return name.empty() ? textIn(session, "address") : name;
 }
 
 std::string spaceText(const Json& row) {

@@ -180,7 +180,7 @@ std::vector<TopView::Line> TopView::draw(const Answers& answers, std::size_t wid
                                          std::size_t rows) {
     std::vector<Line> lines;
     const auto status = statusLines(answers.status);
-    for (const std::size_t i : {0U, 3U, 4U, 5U, 6U}) lines.push_back({cut(status[i], width)});
+    for (const std::size_t i : {0U, 3U, 4U, 5U, 6U, 7U}) lines.push_back({cut(status[i], width)});
     std::size_t used = columns()[0].width;
     std::size_t count = 1;
     for (; count < columns().size(); ++count) {

@@ -8,7 +8,7 @@
 
 namespace kvx::tool {
 
-/// What `kvx top` shows: the daemon in three lines, then sessions or subjects. Knows no terminal.
+/// What `kvx top` shows: the daemon in six lines, then sessions or subjects. Knows no terminal.
 class TopView {
   public:
     /// The daemon's answers to questions on status, sessions and subjects.

@@ -63,6 +63,38 @@ TEST_F(DaemonCommands, NameWhoHoldsUpMessages) {
     listener->kill(SIGCONT);
 }
 
+TEST_F(DaemonCommands, ReplaceTheDaemonWithoutASessionNoticing) {
+    const auto listener = bus_.start("kvx", {"listen", "NEWS"});
+    kvxUntil("trace NEWS", "LISTEN");
+    const std::size_t before = bus_.daemon().log().size();
+    EXPECT_TRUE(holds(kvx("upgrade"), "which has its 2 sessions"));
+    EXPECT_EQ(bus_.daemon().awaitReplacement(before), "");
+    kvx("send NEWS degrees:i32=12");
+    EXPECT_NE(listener->awaitOutput("degrees=12"), "");
+    EXPECT_EQ(listener->errors(), "");
+}
+
+TEST_F(DaemonCommands, TellHowLongMessagesAreInTheDaemon) {
+    const auto listener = bus_.start("kvx", {"listen", "NEWS"});
+    kvxUntil("trace NEWS", "LISTEN");
+    const std::string over = bus_.path("over");
+    const Ended ended = bus_.shell("{ until test -e " + over +
+                                   "; do kvx send NEWS a=1; kvx send OTHER a=1; done; } & "
+                                   "kvx latency NEWS --seconds 2 --json; touch " +
+                                   over + "; wait");
+    EXPECT_EQ(ended.status, 0) << ended.errors;
+    const auto found = nlohmann::json::parse(ended.output);
+    EXPECT_GT(found["copies"], 0);
+    EXPECT_LE(found["min_ns"], found["p50_ns"]);
+    EXPECT_LE(found["p50_ns"], found["max_ns"]);
+    std::uint64_t copies = 0;
+    for (const auto& bucket : found["bucket"]) copies += bucket["copies"].get<std::uint64_t>();
+    EXPECT_EQ(copies, found["copies"]);
+    EXPECT_TRUE(holds(kvx("status"), "latency      p50 "));
+    EXPECT_EQ(bus_.shell("kvx latency A..B").status, 2);
+    EXPECT_EQ(bus_.shell("kvx latency NEWS --seconds nan").status, 2);
+}
+
 TEST_F(DaemonCommands, TopDrawsOnATerminalAndPrintsObjects) {
     const Ended piped = bus_.shell("kvx top");
     EXPECT_EQ(piped.status, 2);
@@ -96,7 +128,7 @@ TEST(TopView, FitsAnyTerminalSortsAndFilters) {
             for (const auto& line : lines) EXPECT_LE(line.text.size(), columns);
         }
     }
-    const auto firstRow = [&] { return view.draw(answers, 80, 24)[6].text; };
+    const auto firstRow = [&] { return view.draw(answers, 80, 24)[7].text; };
     EXPECT_TRUE(firstRow().starts_with("session-49 "));
     view.press('d');
     EXPECT_TRUE(firstRow().starts_with("session-0 "));
@@ -107,7 +139,7 @@ TEST(TopView, FitsAnyTerminalSortsAndFilters) {
     EXPECT_TRUE(holds(view.draw(answers, 80, 24).back().text, "1 of 1 with '-7'"));
     view.press(TopView::Escape);
     for (int i = 0; i < 30; ++i) view.press(TopView::PageDown);
-    EXPECT_TRUE(holds(view.draw(answers, 80, 24).back().text, "17 of 50"));
+    EXPECT_TRUE(holds(view.draw(answers, 80, 24).back().text, "16 of 50"));
     EXPECT_TRUE(view.press('q'));
 }
 
