@@ -32,7 +32,7 @@ void Line::come(Worker& worker) {
     addCredit(worker, now);
     const bool isAlone = empty() && std::max(cameNow_, cameLast_) <= 1;
     if (isAlone) {
-        slice(worker, now, kAlone);
+        slice(worker, now, kAlone, Among::Nobody);
     } else if (worker.credit_ >= kEnough) {
         slice(worker, now, std::min(worker.credit_, share()));
     } else {
@@ -87,9 +87,11 @@ Nanoseconds Line::usedUntil(Nanoseconds now) {
 }
 
 // Returns the time that it took.
-Nanoseconds Line::slice(Worker& worker, Nanoseconds begin, Nanoseconds length) {
+Nanoseconds Line::slice(Worker& worker, Nanoseconds begin, Nanoseconds length, Among among) {
+    const bool isAlone = among == Among::Nobody;
+    const Nanoseconds mayBeOld = isAlone ? kUsedEvery : kUsedBesideOthers;
     begin_ = begin;
-    usedBefore_ = begin - lookedAt_ < kUsedEvery ? lastUsed_ : lookAtUsed(begin);
+    usedBefore_ = begin - lookedAt_ < mayBeOld ? lastUsed_ : lookAtUsed(begin);
     length_ = length;
     longest_ = 2 * length;
     steps_ = 0;
@@ -98,7 +100,9 @@ Nanoseconds Line::slice(Worker& worker, Nanoseconds begin, Nanoseconds length) {
     working_ = &worker;
     worker.work();
     working_ = nullptr;
-    const Nanoseconds took = usedUntil(clock_()) - excused_;
+    const Nanoseconds end = clock_();
+    const Nanoseconds used = isAlone ? usedUntil(end) : lookAtUsed(end) - usedBefore_;
+    const Nanoseconds took = used - excused_;
     worker.credit_ = std::max(worker.credit_ - took, -kWorstDebt);
     return took;
 }

@@ -56,17 +56,19 @@ class Line {
     /// The line is left for the loop after so long.
     static constexpr Nanoseconds kRun = 500'000;
 
-    /// Between two looks at the time used, while nothing seems to take too long.
+    /// Between two looks at the time used, while who works is alone; and beside others.
     static constexpr Nanoseconds kUsedEvery = 1'000'000;
+    static constexpr Nanoseconds kUsedBesideOthers = 2'000;
 
     /// Steps between two looks at the clock.
     static constexpr std::size_t kStepsPerLook = 64;
 
     using Clock = Nanoseconds (*)();
 
-    /// `used`: the time that the processor has worked for this thread. It may be slow to read: a
-    /// slice is charged as of `clock`, unless that is more than it may use; then what the processor
-    /// did for others meanwhile is taken off, but for `kUsedEvery`.
+    /// `used`: the time that the processor has worked for this thread, which is what is charged. It
+    /// may be slow to read: it is looked at before and after a slice, and within one as soon as it
+    /// may be over as of `clock`. Of who is alone `clock` is charged, unless that is more than its
+    /// slice: then `used`, as of a look at most `kUsedEvery` before the slice.
     Line(Clock clock, Clock used) : clock_(clock), used_(used) {}
     Line(const Line&) = delete;
     Line& operator=(const Line&) = delete;
@@ -115,7 +117,9 @@ class Line {
     static constexpr std::size_t kWriteCost = 16 * 1024;  // of a system call, in bytes
     static constexpr std::size_t kWrittenAtOnce = 8 * 1024 * 1024;
 
-    Nanoseconds slice(Worker& worker, Nanoseconds begin, Nanoseconds length);
+    enum class Among : std::uint8_t { Nobody, Others };
+    Nanoseconds slice(Worker& worker, Nanoseconds begin, Nanoseconds length,
+                      Among among = Among::Others);
     [[nodiscard]] Nanoseconds usedUntil(Nanoseconds now);
     Nanoseconds lookAtUsed(Nanoseconds now);
     static void addCredit(Worker& worker, Nanoseconds now);
@@ -136,7 +140,7 @@ class Line {
     // Of the present slice.
     Worker* working_ = nullptr;
     Nanoseconds begin_ = 0;
-    Nanoseconds usedBefore_ = 0;  // as of a look at most `kUsedEvery` before it
+    Nanoseconds usedBefore_ = 0;  // as of the last look before it
     Nanoseconds excused_ = 0;     // which others have caused
     Nanoseconds length_ = 0;
     Nanoseconds longest_ = 0;  // whatever others have caused

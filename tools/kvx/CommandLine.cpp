@@ -325,7 +325,7 @@ class CommandLine {
     }
 
     void addBench() {
-        auto& command = add("bench", "measure the daemon's round trips and stream", bench_, bench);
+        auto& command = add("bench", "measure round trips, one way and a stream", bench_, bench);
         addCount(command, "--messages", bench_.messages, "messages to stream", 1);
         addCount(command, "--requests", bench_.requests, "requests to time", 1);
         command.add_option("--bytes", bench_.bytes, "payload of a message")

@@ -206,6 +206,12 @@ TEST_F(ProgramTest, PacesLargeMessagesByTheirBytes) {
     EXPECT_EQ(bench.status, 0) << bench.errors;
     EXPECT_TRUE(holds(bench.output, "60 messages of 1000000 bytes")) << bench.output;
     EXPECT_TRUE(holds(bench.output, "5 round trips of 1000000 bytes")) << bench.output;
+    EXPECT_TRUE(holds(bench.output, "5 messages of 1000000 bytes one way")) << bench.output;
+    std::size_t ratios = 0;
+    for (std::size_t at = 0; (at = bench.output.find(", ratio ", at)) != std::string::npos; ++at) {
+        ++ratios;
+    }
+    EXPECT_EQ(ratios, 3U) << bench.output;
     const Ended sent =
         bus_.shell("head -c 1000000 /dev/zero | kvx send A - --opaque --repeat 200" + daemon);
     EXPECT_EQ(sent.status, 0) << sent.errors;
