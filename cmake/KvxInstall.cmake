@@ -45,6 +45,10 @@ install(FILES packaging/man/rvd.1 packaging/man/rvbridge.1 packaging/man/kvx.1 p
 install(FILES packaging/completions/kvx packaging/completions/rva packaging/completions/rvbridge
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 
+install(FILES packaging/prometheus/kvxmom.rules.yml packaging/prometheus/kvxmom.tests.yml
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/kvxmom/prometheus)
+install(FILES packaging/grafana/kvxmom.json DESTINATION ${CMAKE_INSTALL_DATADIR}/kvxmom/grafana)
+
 # The units contain the paths of the installed programs, known only at installation.
 install(CODE "
     set(KVX_UNITS \"${PROJECT_SOURCE_DIR}/packaging/systemd\")

@@ -3,6 +3,8 @@
 # hide.
 
 find_package(ZLIB REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(DEFLATE REQUIRED IMPORTED_TARGET libdeflate)
 find_package(tl-expected REQUIRED)
 
 # An undefined symbol fails here, not in a user's program.
@@ -20,11 +22,11 @@ foreach(room IN LISTS KVX_MOM_ROOMS)
     target_sources(kvx_mom PRIVATE ${room_objects})
 endforeach()
 target_link_libraries(kvx_mom PUBLIC
-    kvx_options kvx_foundation kvx_rv_object kvx_rv_ft kvx_rv_session kvx_platform ZLIB::ZLIB)
+    kvx_options kvx_foundation kvx_rv_object kvx_rv_ft kvx_rv_session kvx_platform ZLIB::ZLIB PkgConfig::DEFLATE)
 
 kvx_shared_library(KVXFoundation ALIAS foundation ROOMS platform foundation LINKS ${no_undefined})
 kvx_shared_library(KVXRv ALIAS rv ROOMS ${KVX_RV_ROOMS} USES KVXFoundation
     LINKS ${no_undefined})
 kvx_shared_library(KVXMOM ALIAS mom ROOMS ${KVX_MOM_ROOMS} USES KVXRv KVXFoundation
-    LINKS ZLIB::ZLIB ${no_undefined})
+    LINKS ZLIB::ZLIB PkgConfig::DEFLATE ${no_undefined})
 kvx_shared_library(KVXClient ALIAS kvx ROOMS kvx USES KVXMOM tl::expected LINKS ${no_undefined})

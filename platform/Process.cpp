@@ -37,6 +37,7 @@ extern "C" {
 #include <string_view>
 #include <system_error>
 
+#include "platform/Descriptor.h"
 #include "platform/File.h"
 
 namespace kvx::platform {
@@ -46,23 +47,6 @@ namespace {
 constexpr const char* kNullDevice = "/dev/null";
 constexpr int kFirstOtherDescriptor = STDERR_FILENO + 1;
 
-class Descriptor {
-  public:
-    explicit Descriptor(int descriptor) noexcept : descriptor_(descriptor) {}
-    ~Descriptor() { reset(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    [[nodiscard]] int get() const noexcept { return descriptor_; }
-    void reset() noexcept {
-        if (descriptor_ >= 0) ::close(descriptor_);
-        descriptor_ = -1;
-    }
-
-  private:
-    int descriptor_;
-};
-
-// Of the user of that name; null: of the effective one. `buffer` holds its texts.
 std::optional<passwd> userEntry(std::vector<char>& buffer, const char* name = nullptr) {
     buffer.resize(16384);
     passwd entry{};
@@ -110,12 +94,16 @@ class SpawnAttributes {
 
 class SpawnActions {
   public:
-    explicit SpawnActions(const std::string& directory) {
+    SpawnActions(const std::string& directory, int inherited) {
         ::posix_spawn_file_actions_init(&actions_);
         if (!directory.empty()) {
             ::posix_spawn_file_actions_addchdir_np(&actions_, directory.c_str());
         }
-        ::posix_spawn_file_actions_addclosefrom_np(&actions_, kFirstOtherDescriptor);
+        if (inherited >= 0) {
+            ::posix_spawn_file_actions_adddup2(&actions_, inherited, Program::kInherited);
+        }
+        ::posix_spawn_file_actions_addclosefrom_np(
+            &actions_, inherited >= 0 ? Program::kInherited + 1 : kFirstOtherDescriptor);
     }
     ~SpawnActions() { ::posix_spawn_file_actions_destroy(&actions_); }
     SpawnActions(const SpawnActions&) = delete;
@@ -295,7 +283,7 @@ Started startChild(const Program& program) {
     std::vector<std::string> arguments = program.arguments;
     const std::vector<char*> pointers = argumentPointers(arguments);
     const SpawnAttributes attributes;
-    const SpawnActions actions(program.directory);
+    const SpawnActions actions(program.directory, program.inherited);
     pid_t pid = 0;
     const int error = ::posix_spawn(&pid, file->c_str(), actions.get(), attributes.get(),
                                     pointers.data(), environ);

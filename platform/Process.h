@@ -24,6 +24,9 @@ struct Program {
     std::string path;  ///< with a slash it is a file; without one it is looked for on `PATH`
     std::vector<std::string> arguments;  ///< the argument vector, its first element included
     std::string directory;               ///< working directory; empty keeps this process's
+    /// Of this process, which the child gets as descriptor `kInherited`; none when negative.
+    int inherited = -1;
+    static constexpr int kInherited = 3;
 };
 
 /// The outcome of a start: a process id, or 0 and the system's error number (for example `ENOENT`

@@ -1,14 +1,16 @@
-// The main thread is on the bus: it receives beats and advisories and records them in
-// `Observations`. The HTTP thread only reads these, so it goes on answering while the main thread
-// is blocked in an attempt to reconnect.
+// The main thread is on the bus: it receives beats, advisories and what the daemon answers about
+// itself, and records them in `Observations`. The HTTP thread only reads these, so it goes on
+// answering while the main thread is blocked in an attempt to reconnect, and a scrape asks nothing.
 
 #include "rva/Agent.h"
 
 #include <fmt/format.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "rva/DaemonWatch.h"
 #include "rva/HttpPages.h"
 #include "rva/HttpServer.h"
 #include "rva/Metrics.h"
@@ -30,7 +32,7 @@ constexpr const char* kIndex =
     "/healthz        ok while the agent lives\n"
     "/readyz         ready while the bus session is up, 503 while it is lost\n"
     "/services.json  the services whose heartbeats are heard\n"
-    "/metrics        figures in OpenMetrics text form\n";
+    "/metrics        figures of the agent and the daemon, for Prometheus\n";
 constexpr const char* kJsonType = "application/json; charset=utf-8";
 
 // The bus's advisories, which the session delivers like messages.
@@ -95,8 +97,11 @@ int run(const Options& options) {
         return kUsage;
     }
     seen.gainSession();
-    client.onDaemonChange(
-        [&seen](bool isThere) { isThere ? seen.gainSession() : seen.loseSession(); });
+    std::optional<DaemonWatch> daemon;
+    client.onDaemonChange([&seen, &daemon](bool isThere) {
+        isThere ? seen.gainSession() : seen.loseSession();
+        if (daemon) isThere ? daemon->gain() : daemon->lose();
+    });
     beats::BeatListener beatListener(
         [&seen](auto packet) { seen.hearPacket(packet, platform::monotonicMs()); });
     AdvisoryListener advisories(seen);
@@ -117,6 +122,10 @@ int run(const Options& options) {
         bus::complain("the HTTP server has ended");
         client.leave(kFailure);
     });
+    if (options.intervalSeconds != 0) {
+        daemon.emplace(client.net(), options.intervalSeconds,
+                       [&seen](const DaemonFigures& figures) { seen.showDaemon(figures); });
+    }
     // Printed when a signal ends the process in order.
     return client.runUntilSignal([&] {
         bus::printLine(fmt::format("rva ready on http://127.0.0.1:{}", server.port()));

@@ -3,6 +3,9 @@
 #include <fmt/format.h>
 
 #include <iterator>
+#include <string_view>
+
+#include "rva/DaemonMetrics.h"
 
 namespace kvx::rva {
 
@@ -10,61 +13,88 @@ namespace {
 
 using enum Metric::Kind;
 
-double number(std::uint64_t value) {
-    return static_cast<double>(value);
+template <class Value>
+auto single(Value value) {
+    return [value](const Sample& sample, Samples& samples) {
+        samples.add(static_cast<double>(value(sample)));
+    };
 }
 
-constexpr Metric kMetrics[] = {
-    {"rva_ready", Gauge, "", "1 while the bus session is up, 0 while it is lost",
-     [](const Sample& s) { return s.bus.ready ? 1.0 : 0.0; }},
-    {"rva_lost_sessions", Counter, "sessions", "how often the session was lost",
-     [](const Sample& s) { return number(s.bus.lostSessions); }},
-    {"rva_heard_beats", Counter, "beats", "heartbeats heard",
-     [](const Sample& s) { return number(s.bus.beats.heard); }},
-    {"rva_ignored_messages", Counter, "messages", "messages where beats go that were none",
-     [](const Sample& s) { return number(s.bus.beats.ignored); }},
-    {"rva_known_services", Gauge, "services", "processes of services that have beaten lately",
-     [](const Sample& s) { return number(s.bus.services); }},
-    {"rva_silent_services", Gauge, "services", "those of them whose next beat is overdue",
-     [](const Sample& s) { return number(s.bus.silentServices); }},
-    {"rva_forgotten_services", Counter, "services",
-     "processes dropped after 10 minutes of silence, or for want of room",
-     [](const Sample& s) { return number(s.bus.beats.forgotten); }},
-    {"rva_seen_messages", Counter, "messages", "messages and advisories that reached the agent",
-     [](const Sample& s) { return number(s.bus.messages); }},
-    {"rva_bus_warnings", Counter, "warnings", "advisories below _RV.WARN",
-     [](const Sample& s) { return number(s.bus.warnings); }},
-    {"rva_bus_errors", Counter, "errors", "advisories below _RV.ERROR",
-     [](const Sample& s) { return number(s.bus.errors); }},
-    {"rva_http_requests", Counter, "requests", "HTTP requests answered",
-     [](const Sample& s) { return number(s.requests); }},
-    {"process_cpu_seconds", Counter, "seconds", "processor time that the agent has used",
-     [](const Sample& s) { return s.process.cpuSeconds; }},
-    {"process_resident_memory_bytes", Gauge, "bytes", "memory that the agent occupies",
-     [](const Sample& s) { return number(s.process.residentBytes); }},
-    {"process_open_fds", Gauge, "fds", "descriptors that the agent has open",
-     [](const Sample& s) { return number(s.process.openDescriptors); }},
-    {"process_start_time_seconds", Gauge, "seconds", "when the agent started, since the epoch",
-     [](const Sample& s) { return static_cast<double>(s.startSeconds); }},
-};
+void collectSilence(const Sample& sample, Samples& samples) {
+    for (const auto& service : sample.bus.quietest) {
+        const beats::Beat& beat = service.beat;
+        samples.add(static_cast<double>(service.age(sample.bus.now)) / 1'000,
+                    {{"service", beat.service},
+                     {"domain", beat.domain},
+                     {"host", beat.host},
+                     {"pid", std::to_string(beat.pid)},
+                     {"role", beats::roleOf(beat)}});
+    }
+}
+
+std::vector<Metric> agentMetrics() {
+    return {
+        {"rva_ready", Gauge, "", "1 while the bus session is up, 0 while it is lost",
+         single([](const Sample& s) { return s.bus.ready ? 1 : 0; })},
+        {"rva_lost_sessions_total", Counter, "", "how often the session was lost",
+         single([](const Sample& s) { return s.bus.lostSessions; })},
+        {"rva_heard_beats_total", Counter, "", "heartbeats heard",
+         single([](const Sample& s) { return s.bus.beats.heard; })},
+        {"rva_ignored_messages_total", Counter, "", "messages where beats go that were none",
+         single([](const Sample& s) { return s.bus.beats.ignored; })},
+        {"rva_known_services", Gauge, "", "processes of services that have beaten lately",
+         single([](const Sample& s) { return s.bus.services; })},
+        {"rva_silent_services", Gauge, "", "those of them whose next beat is overdue",
+         single([](const Sample& s) { return s.bus.silentServices; })},
+        {"rva_service_silence_seconds", Gauge, "service domain host pid role",
+         "time since the last beat, of the 20 processes that are silent longest", collectSilence},
+        {"rva_forgotten_services_total", Counter, "",
+         "processes dropped after 10 minutes of silence, or for want of room",
+         single([](const Sample& s) { return s.bus.beats.forgotten; })},
+        {"rva_seen_messages_total", Counter, "", "messages and advisories that reached the agent",
+         single([](const Sample& s) { return s.bus.messages; })},
+        {"rva_bus_warnings_total", Counter, "", "advisories below _RV.WARN",
+         single([](const Sample& s) { return s.bus.warnings; })},
+        {"rva_bus_errors_total", Counter, "", "advisories below _RV.ERROR",
+         single([](const Sample& s) { return s.bus.errors; })},
+        {"rva_http_requests_total", Counter, "", "HTTP requests answered",
+         single([](const Sample& s) { return s.requests; })},
+        {"process_cpu_seconds_total", Counter, "", "processor time that the agent has used",
+         single([](const Sample& s) { return s.process.cpuSeconds; })},
+        {"process_resident_memory_bytes", Gauge, "", "memory that the agent occupies",
+         single([](const Sample& s) { return s.process.residentBytes; })},
+        {"process_open_fds", Gauge, "", "descriptors that the agent has open",
+         single([](const Sample& s) { return s.process.openDescriptors; })},
+        {"process_start_time_seconds", Gauge, "", "when the agent started, since the epoch",
+         single([](const Sample& s) { return s.startSeconds; })},
+    };
+}
+
+std::vector<Metric> allMetrics() {
+    auto all = agentMetrics();
+    auto daemons = daemonMetrics();
+    std::ranges::move(daemons, std::back_inserter(all));
+    return all;
+}
 
 }  // namespace
 
-std::span<const Metric> metrics() {
+const std::vector<Metric>& metrics() {
+    static const std::vector<Metric> kMetrics = allMetrics();
     return kMetrics;
 }
 
 std::string metricsText(const Sample& sample) {
     std::string text;
-    const auto out = std::back_inserter(text);
-    for (const Metric& metric : kMetrics) {
-        const bool counts = metric.kind == Counter;
-        fmt::format_to(out, "# HELP {} {}\n# TYPE {} {}\n", metric.name, metric.meaning,
-                       metric.name, counts ? "counter" : "gauge");
-        if (*metric.unit != '\0') fmt::format_to(out, "# UNIT {} {}\n", metric.name, metric.unit);
-        fmt::format_to(out, "{}{} {}\n", metric.name, counts ? "_total" : "", metric.value(sample));
+    for (const Metric& metric : metrics()) {
+        Samples samples;
+        metric.collect(sample, samples);
+        if (samples.empty()) continue;
+        text += fmt::format("# HELP {0} {1}\n# TYPE {0} {2}\n", metric.name, metric.meaning,
+                            metric.kind == Counter ? "counter" : "gauge");
+        text += samples.text(metric.name);
     }
-    return text + "# EOF\n";
+    return text;
 }
 
 }  // namespace kvx::rva

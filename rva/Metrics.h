@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "platform/Process.h"
 #include "rva/Observations.h"
+#include "rva/Samples.h"
 
 namespace kvx::rva {
 
@@ -17,24 +19,25 @@ struct Sample {
     std::int64_t startSeconds = 0;  ///< since the epoch
 };
 
-/// One line of the table of metrics. The unit is the last word of the name, or empty.
+/// One line of the table of metrics. Names follow the conventions of Prometheus: base units, and
+/// "_total" for counters.
 struct Metric {
     enum class Kind { Counter, Gauge };
 
-    const char* name;
+    std::string name;
     Kind kind;
-    const char* unit;
-    const char* meaning;
-    double (*value)(const Sample&);
+    std::string labels;  ///< the names of the labels, separated by spaces
+    std::string meaning;
+    /// Adds no sample for what is not known.
+    std::function<void(const Sample&, Samples&)> collect;
 };
 
 /// All metrics, in output order.
-[[nodiscard]] std::span<const Metric> metrics();
+[[nodiscard]] const std::vector<Metric>& metrics();
 
-inline constexpr const char kMetricsType[] =
-    "application/openmetrics-text; version=1.0.0; charset=utf-8";
+inline constexpr const char kMetricsType[] = "text/plain; version=0.0.4; charset=utf-8";
 
-/// The metrics in OpenMetrics text form.
+/// The metrics in the text form of Prometheus; those that have samples.
 [[nodiscard]] std::string metricsText(const Sample& sample);
 
 }  // namespace kvx::rva

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "rva/DaemonFigures.h"
 #include "tools/beats/BeatTable.h"
 
 namespace kvx::rva {
@@ -22,6 +23,10 @@ struct Figures {
     std::uint64_t messages = 0;
     std::uint64_t warnings = 0;
     std::uint64_t errors = 0;
+    /// At most `Rows::kShown` services, the longest silent first.
+    std::vector<beats::Service> quietest;
+    Milliseconds now = 0;
+    DaemonFigures daemon;
 };
 
 /// What the main thread has received and the HTTP thread reports: their only shared state. Any
@@ -34,6 +39,8 @@ class Observations {
     /// The session is up from `gainSession` to `loseSession`.
     void gainSession();
     void loseSession();
+
+    void showDaemon(const DaemonFigures& daemon);
 
     bool isReady() const;
 
@@ -51,6 +58,7 @@ class Observations {
     std::uint64_t messages_ = 0;
     std::uint64_t warnings_ = 0;
     std::uint64_t errors_ = 0;
+    DaemonFigures daemon_;
 };
 
 }  // namespace kvx::rva

@@ -19,16 +19,20 @@ namespace kvx::rva {
 namespace {
 
 constexpr const char* kUsageText =
-    "usage: rva [-foreground] [-flavor N] [-listen PORT] [-service S] [-network N] [-daemon D]\n"
+    "usage: rva [-foreground] [-flavor N] [-listen PORT] [-interval SECONDS] [-service S]\n"
+    "           [-network N] [-daemon D]\n"
     "\n"
-    "The bus agent: receives the services' heartbeats and the bus's advisories, and serves them\n"
-    "by HTTP on the loopback: / lists the pages.\n"
+    "The bus agent: receives the services' heartbeats and the bus's advisories, asks the daemon\n"
+    "about itself, and serves all that by HTTP on the loopback: / lists the pages.\n"
     "\n"
     "  -foreground  no effect: the agent always stays in the foreground\n"
     "  -flavor N    the system's flavour identifier; any other is refused\n"
     "  -listen PORT the port to serve on, 0 for a free one; else the configuration file's "
     "\"rva\",\n"
     "               else 7600\n"
+    "  -interval SECONDS\n"
+    "               how often the daemon is asked about itself, up to 3600; 0: never; default: "
+    "10\n"
     "  -service, -network, -daemon\n"
     "               the address of the bus; default: the configuration file\n"
     "  -help, -version\n";
@@ -37,8 +41,8 @@ using Values = std::map<std::string, std::string>;
 
 // Reads the values by option, without the dash. Returns an empty text, or the error.
 std::string readValues(int argc, const char* const* argv, Values& values) {
-    static constexpr std::string_view kWithValue[] = {"-flavor", "-listen", "-service", "-network",
-                                                      "-daemon"};
+    static constexpr std::string_view kWithValue[] = {"-flavor",  "-listen",  "-interval",
+                                                      "-service", "-network", "-daemon"};
     static constexpr std::string_view kAlone[] = {"-foreground", "-help", "-version"};
     const auto isOneOf = [](const auto& options, std::string_view word) {
         return std::find(std::begin(options), std::end(options), word) != std::end(options);
@@ -67,6 +71,18 @@ std::string takePart(const Values& values, const char* option, std::string& part
     return problem.empty() ? problem : fmt::format("-{}: {}", option, problem);
 }
 
+// Returns as `readValues`.
+std::string takeInterval(const Values& values, unsigned& seconds) {
+    const auto found = values.find("interval");
+    if (found == values.end()) return {};
+    const std::string& text = found->second;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    const bool isNumber = error == std::errc() && end == text.data() + text.size();
+    if (isNumber && seconds <= kMostIntervalSeconds) return {};
+    return fmt::format("-interval: '{}' is no number of seconds from 0 to {}", text,
+                       kMostIntervalSeconds);
+}
+
 std::string evaluate(const Values& values, Options& options) {
     const auto flavour = values.find("flavor");
     if (flavour != values.end() && flavour->second != std::to_string(kvx::flavourId)) {
@@ -79,7 +95,9 @@ std::string evaluate(const Values& values, Options& options) {
           std::pair("daemon", &bus.daemon)}) {
         if (std::string problem = takePart(values, option, *part); !problem.empty()) return problem;
     }
+    std::string problem = takeInterval(values, options.intervalSeconds);
     const auto listen = values.find("listen");
+    if (!problem.empty()) return problem;
     if (listen == values.end()) return {};
     return parseListen(listen->second, options.port.emplace());
 }

@@ -16,9 +16,13 @@ using bus::kUsage;
 /// The port when neither the command line nor the configuration file has one.
 inline constexpr std::uint16_t kDefaultPort = 7600;
 
+/// The longest interval between two questions to the daemon.
+inline constexpr unsigned kMostIntervalSeconds = 3600;
+
 struct Options {
     bus::BusOptions connection;
     std::optional<std::uint16_t> port;  ///< empty: as in the configuration file
+    unsigned intervalSeconds = 10;      ///< between questions to the daemon; 0: none are asked
 };
 
 /// The result of parsing a command line: options to run with, or the exit status to end with (0

@@ -67,7 +67,6 @@ Connection::Connection(const ConnectionContext& context, std::uint64_t number)
       number_(number),
       outbox_(context.queueLimit, *this, context.counters, &context.delays),
       acceptedAt_(now()) {
-    write_.data = this;
     charge(Holding::Connection, kConnectionCost);
     context_.counters.add(Counter::ConnectionsOpen);
 }
@@ -119,7 +118,8 @@ bool Connection::accept(StreamSocket& listener) {
     return isStarted;
 }
 
-bool Connection::start() {
+// Who is at the other end, and what it may do.
+void Connection::meetPeer() {
     name_ = socket_.peerName();
     const auto peer = socket_.peerEndpoint();
     const auto process = socket_.peerIdentity();
@@ -131,6 +131,10 @@ bool Connection::start() {
     peer_ = std::make_unique<Peer>(reportedAddress(peer, isNear, context_.hostAddress), *this,
                                    context_.counters);
     context_.willWatch(socket_.descriptor());
+}
+
+bool Connection::start() {
+    meetPeer();
     if (!startReading()) return false;
     context_.counters.add(Counter::ConnectionsAccepted);
     context_.log.debug(name_ + " connected");
@@ -143,7 +147,9 @@ void Connection::refuse(StreamSocket& listener) {
     destroy();
 }
 
+// While the daemon is being replaced, nothing is read: `resume` comes later.
 bool Connection::startReading() {
+    if (context_.isPaused) return true;
     isReading_ = true;
     return uv_read_start(
                stream(),
@@ -220,7 +226,7 @@ void Connection::work() {
     const bool hasWork =
         isTrimming_ || !arrived_.empty() || routing_ || mayWrite || mayTell() || mayAnswer();
     if (hasWork) return context_.line.join(*this);
-    endIfDone();
+    guard([this] { endIfDone(); });
     if (state_ < State::Failed && !isReading_ && !startReading()) fail(UV_ENOMEM);
 }
 
@@ -341,9 +347,12 @@ void Connection::writeFront() {
     const wire::Bytes whole = outbox_.pinFront();  // throws
     const wire::Bytes front = whole.first(std::min(whole.size(), kWriteAtOnce));
     const uv_buf_t buffer = asBuffer(front);
-    const int status = uv_write(&write_, stream(), &buffer, 1, [](uv_write_t* request, int result) {
+    write_ = std::make_unique<uv_write_t>();
+    write_->data = this;
+    const auto onEnd = [](uv_write_t* request, int result) {
         connectionOf(request->data)->onWritten(result);
-    });
+    };
+    const int status = uv_write(write_.get(), stream(), &buffer, 1, onEnd);
     if (status != 0) return fail(status);
     writingBytes_ = front.size();
 }
@@ -357,6 +366,7 @@ void Connection::noteWritten() {
 }
 
 void Connection::onWritten(int status) {
+    write_.reset();
     const std::size_t bytes = std::exchange(writingBytes_, 0);
     if (state_ == State::Closed) return;
     guard([&] {
@@ -435,7 +445,8 @@ void Connection::end(CloseReason reason, LossCause cause) {
 
 void Connection::sendFin() {
     enter(State::FinSent);
-    if (uv_shutdown(&shutdown_, stream(), [](uv_shutdown_t*, int) {}) != 0) destroy();
+    shutdown_ = std::make_unique<uv_shutdown_t>();
+    if (uv_shutdown(shutdown_.get(), stream(), [](uv_shutdown_t*, int) {}) != 0) destroy();
 }
 
 void Connection::fail(int status) {

@@ -44,6 +44,7 @@ struct ConnectionContext {
     const std::unique_ptr<Recorder>& recorder;  ///< null: nothing is recorded
     const Reports& reports;
     std::size_t queueLimit;     ///< queued bytes per session
+    const bool& isPaused;       ///< nothing is read: the daemon is being replaced
     std::size_t stepsAtOnce;    ///< of a match, between two looks at the clock
     std::uint32_t hostAddress;  ///< host byte order; reported to local clients as their own
     const Admission& admission;
@@ -110,6 +111,23 @@ class Connection final : private MemoryHolder,
     /// About once a second; `elapsed`: since the last time.
     void tick(platform::Milliseconds elapsed);
     [[nodiscard]] SessionFacts facts() const;
+
+    // For the daemon that takes this one's place; see Handover.cpp.
+    /// Stops reading.
+    void pause();
+    /// Whether nothing is under way that cannot be handed over; `withAnswers`: nor an answer to an
+    /// inquiry. It may never be so while it reads.
+    [[nodiscard]] bool isQuiet(bool withAnswers) const;
+    /// Whether it follows the interest of its space: it is restored behind all that do not.
+    [[nodiscard]] bool follows() const { return session_ != nullptr && session_->follows(); }
+    [[nodiscard]] int descriptor() const { return socket_.descriptor(); }
+    void save(StateWriter& state);
+    /// In place of `accept`. Throws `StateError` or `std::bad_alloc`: call `destroy` then.
+    void begin(StreamSocket::Kind kind) { socket_.begin(context_.loop, kind, this); }
+    void restore(StateReader& state, platform::Descriptor socket);
+    /// Reads and writes, again or for the first time.
+    void resume();
+
     /// Ends the connection because the daemon ends.
     void shutDown();
     /// Closes the socket now; `ConnectionContext::gone` follows.
@@ -170,6 +188,7 @@ class Connection final : private MemoryHolder,
     template <class Step>
     void guard(Step&& step) noexcept;
     bool start();
+    void meetPeer();
     void enter(State state);
     [[nodiscard]] uv_buf_t readBuffer();
     void onRead(ssize_t count, const char* bytes);
@@ -212,8 +231,8 @@ class Connection final : private MemoryHolder,
     State state_ = State::Open;
     platform::Milliseconds endBy_ = 0;  // deadline of a connection that is not open
     StreamSocket socket_;
-    uv_write_t write_{};
-    uv_shutdown_t shutdown_{};
+    std::unique_ptr<uv_write_t> write_;        // pending in libuv
+    std::unique_ptr<uv_shutdown_t> shutdown_;  // likewise
     Outbox outbox_;
     std::unique_ptr<Peer> peer_;
     wire::Bytes arrived_;             // bytes that the peer has not processed
@@ -225,11 +244,11 @@ class Connection final : private MemoryHolder,
     bool isTrimming_ = false;     // more waits than may
     std::uint64_t readTurn_ = 0;  // the turn of the last read
     Router::Session* session_ = nullptr;
-    std::optional<Routing> routing_;  // unless it has reached everybody
+    std::unique_ptr<Routing> routing_;  // unless it has reached everybody
     bool isDismissed_ = false;
     std::size_t writingBytes_ = 0;  // bytes of the queue in write_; 0: no write is pending in libuv
     Pace pace_;                     // as of the last tick
-    const platform::Milliseconds acceptedAt_;
+    platform::Milliseconds acceptedAt_;
     Flow published_;
     std::uint64_t publishedBefore_ = 0;  // messages, at the last tick
     std::uint64_t publishedRate_ = 0;    // a second, before that

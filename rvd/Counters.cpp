@@ -2,6 +2,7 @@
 
 #include <iomanip>
 #include <ostream>
+#include <string_view>
 
 namespace kvx::rvd {
 namespace {
@@ -48,6 +49,25 @@ std::span<const CounterInfo> counterTable() {
 std::uint64_t Counters::dropped() const {
     return (*this)[Counter::DroppedQueue] + (*this)[Counter::DroppedMemory] +
            (*this)[Counter::DroppedEnded] + (*this)[Counter::DroppedShutdown];
+}
+
+void Counters::save(StateWriter& state) const {
+    state.number(values_.size());
+    for (std::size_t i = 0; i < values_.size(); ++i) {
+        state.text(kTable[i].name);
+        state.number(values_[i]);
+    }
+}
+
+// By name: another version may have others.
+void Counters::restore(StateReader& state) {
+    for (std::uint64_t left = state.number(); left > 0; --left) {
+        const std::string_view name = state.text();
+        const std::uint64_t value = state.number();
+        for (std::size_t i = 0; i < values_.size(); ++i) {
+            if (kTable[i].name == name) values_[i] = value;
+        }
+    }
 }
 
 void printCounterTable(std::ostream& out) {

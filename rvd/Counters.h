@@ -6,6 +6,8 @@
 #include <iosfwd>
 #include <span>
 
+#include "rvd/State.h"
+
 namespace kvx::rvd {
 
 /// The daemon's counters; `counterTable` has their meaning.
@@ -58,6 +60,9 @@ class Counters {
     [[nodiscard]] std::uint64_t operator[](Counter counter) const {
         return values_[index(counter)];
     }
+
+    void save(StateWriter& state) const;
+    void restore(StateReader& state);
 
     /// Messages dropped for any cause.
     [[nodiscard]] std::uint64_t dropped() const;

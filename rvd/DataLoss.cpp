@@ -78,6 +78,22 @@ std::vector<std::uint8_t> DroppedSubjects::build() const {
     return body;
 }
 
+void DroppedSubjects::save(StateWriter& state) const {
+    state.number(counts_.size());
+    for (const auto& [subject, lost] : counts_) {
+        state.text(subject);
+        state.number(lost);
+    }
+}
+
+void DroppedSubjects::restore(StateReader& state) {
+    for (std::uint64_t left = state.number(); left > 0; --left) {
+        const std::string_view subject = state.text();
+        counts_.emplace(subject, state.number());
+        bytes_ += kNamedCost + subject.size();
+    }
+}
+
 std::vector<std::uint8_t> buildDataLoss(const Loss& loss, const DroppedSubjects& dropped) {
     const auto named = dropped.empty() ? std::vector<std::uint8_t>() : dropped.build();
     std::vector<std::uint8_t> body(kBodyCapacity + named.size());

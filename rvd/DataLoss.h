@@ -9,6 +9,7 @@
 #include "rv/error/rvReasons.h"
 #include "rv/message/SubjectView.h"
 #include "rv/wire/Limits.h"
+#include "rvd/State.h"
 
 namespace kvx::rvd {
 
@@ -41,6 +42,9 @@ class DroppedSubjects {
     }
     /// A nested message: for each subject "sub" (encoded) and "lost" (messages, unsigned, 8 bytes).
     [[nodiscard]] std::vector<std::uint8_t> build() const;
+
+    void save(StateWriter& state) const;
+    void restore(StateReader& state);
 
     static constexpr std::size_t kMostBytes = 15'000;  ///< of the nested message
 

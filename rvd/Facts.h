@@ -52,9 +52,12 @@ struct StatusFacts {
     std::vector<std::string> addresses;
     std::int64_t started = 0;  ///< milliseconds since the epoch
     platform::Milliseconds age = 0;
-    std::uint64_t queueLimit = 0;   ///< bytes
-    std::uint64_t descriptors = 0;  ///< connections for which there are descriptors
-    std::uint64_t memoryLimit = 0;  ///< bytes
+    std::uint64_t replacements = 0;     ///< by a successor, since `started`
+    std::uint64_t replaceFailures = 0;  ///< of this process
+    std::string replaceError;           ///< of the last failure
+    std::uint64_t queueLimit = 0;       ///< bytes
+    std::uint64_t descriptors = 0;      ///< connections for which there are descriptors
+    std::uint64_t memoryLimit = 0;      ///< bytes
     std::uint64_t memoryUsed = 0;
     MemoryAccount::Kinds memory;
     const Counters* counters = nullptr;

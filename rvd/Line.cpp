@@ -10,7 +10,7 @@
 namespace kvx::rvd {
 
 Nanoseconds Line::share() const {
-    const auto wanting = waiting_.size() + std::max(cameNow_, cameLast_) + 1;
+    const auto wanting = waiting_ + std::max(cameNow_, cameLast_) + 1;
     return std::clamp(kRound / static_cast<Nanoseconds>(wanting), kShortest, kLongest);
 }
 
@@ -26,37 +26,43 @@ void Line::addCredit(Worker& worker, Nanoseconds now) {
 }
 
 void Line::come(Worker& worker) {
-    if (worker.isWaiting_) return;
+    if (isWaiting(worker)) return;
     ++cameNow_;
     const Nanoseconds now = clock_();
     addCredit(worker, now);
-    const bool isAlone = waiting_.empty() && std::max(cameNow_, cameLast_) <= 1;
+    const bool isAlone = empty() && std::max(cameNow_, cameLast_) <= 1;
     if (isAlone) {
-        slice(worker, kAlone);
+        slice(worker, now, kAlone);
     } else if (worker.credit_ >= kEnough) {
-        slice(worker, std::min(worker.credit_, share()));
+        slice(worker, now, std::min(worker.credit_, share()));
     } else {
         join(worker);
     }
 }
 
 void Line::join(Worker& worker) {
-    if (worker.isWaiting_) return;
-    worker.isWaiting_ = true;
-    waiting_.splice(waiting_.end(), worker.self_);
+    if (isWaiting(worker)) return;
+    if (empty()) first_ = worker.before_ = &worker;
+    worker.before_ = first_->before_;
+    worker.behind_ = first_;
+    worker.before_->behind_ = first_->before_ = &worker;
+    ++waiting_;
 }
 
 void Line::leave(Worker& worker) {
-    if (!worker.isWaiting_) return;
-    worker.isWaiting_ = false;
-    worker.self_.splice(worker.self_.begin(), waiting_, worker.place_);
+    if (!isWaiting(worker)) return;
+    worker.before_->behind_ = worker.behind_;
+    worker.behind_->before_ = worker.before_;
+    if (first_ == &worker) first_ = worker.behind_;
+    worker.before_ = worker.behind_ = nullptr;
+    --waiting_;
 }
 
 bool Line::isOver(std::size_t steps) {
     steps_ += steps;
     if (isOver_ || steps_ < kStepsPerLook) return isOver_;
     steps_ = 0;
-    isOver_ = used_() >= end_;
+    isOver_ = usedUntil(clock_()) >= length_;
     return isOver_;
 }
 
@@ -66,21 +72,33 @@ void Line::blame(Worker& worker, Nanoseconds begin, Nanoseconds more) {
     worker.credit_ = std::max(worker.credit_ - took, -kWorstDebt);
     worker.deficit_ = std::max(worker.deficit_ - took, -kWorstDebt);
     excused_ += took;
-    end_ = std::min(end_ + took, latestEnd_);
+    length_ = std::min(length_ + took, longest_);
+}
+
+Nanoseconds Line::lookAtUsed(Nanoseconds now) {
+    lookedAt_ = now;
+    return lastUsed_ = used_();
+}
+
+// What the present slice has used, at most.
+Nanoseconds Line::usedUntil(Nanoseconds now) {
+    const Nanoseconds passed = now - begin_;
+    return passed < length_ ? passed : std::min(passed, lookAtUsed(now) - usedBefore_);
 }
 
 // Returns the time that it took.
-Nanoseconds Line::slice(Worker& worker, Nanoseconds length) {
-    const Nanoseconds begin = used_();
-    end_ = begin + length;
-    latestEnd_ = end_ + length;
+Nanoseconds Line::slice(Worker& worker, Nanoseconds begin, Nanoseconds length) {
+    begin_ = begin;
+    usedBefore_ = begin - lookedAt_ < kUsedEvery ? lastUsed_ : lookAtUsed(begin);
+    length_ = length;
+    longest_ = 2 * length;
     steps_ = 0;
     isOver_ = false;
     excused_ = 0;
     working_ = &worker;
     worker.work();
     working_ = nullptr;
-    const Nanoseconds took = used_() - begin - excused_;
+    const Nanoseconds took = usedUntil(clock_()) - excused_;
     worker.credit_ = std::max(worker.credit_ - took, -kWorstDebt);
     return took;
 }
@@ -88,16 +106,19 @@ Nanoseconds Line::slice(Worker& worker, Nanoseconds length) {
 // Everybody in the line has overdrawn: the least indebted may go on at once.
 void Line::payBack() {
     Nanoseconds best = std::numeric_limits<Nanoseconds>::min();
-    for (const Worker* worker : waiting_) best = std::max(best, worker->deficit_);
-    for (Worker* worker : waiting_) worker->deficit_ += share() - best;
+    const auto each = [this](auto visit) {
+        for (std::size_t i = 0; i < waiting_; ++i, first_ = first_->behind_) visit(*first_);
+    };
+    each([&](const Worker& worker) { best = std::max(best, worker.deficit_); });
+    each([&](Worker& worker) { worker.deficit_ += share() - best; });
 }
 
 void Line::run() {
     const Nanoseconds begin = clock_();
     std::size_t passed = 0;  // workers that may not go on, one after another
-    for (Nanoseconds now = begin; !waiting_.empty() && now < begin + kRun; now = clock_()) {
-        Worker& worker = *waiting_.front();
-        if (passed == waiting_.size()) {
+    for (Nanoseconds now = begin; !empty() && now < begin + kRun; now = clock_()) {
+        Worker& worker = *first_;
+        if (passed == waiting_) {
             payBack();
             passed = 0;
         }
@@ -110,7 +131,7 @@ void Line::run() {
         }
         passed = 0;
         addCredit(worker, now);
-        worker.deficit_ -= slice(worker, worker.deficit_);
+        worker.deficit_ -= slice(worker, now, worker.deficit_);
     }
 }
 

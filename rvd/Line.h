@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <list>
 
 namespace kvx::rvd {
 
@@ -24,10 +23,9 @@ class Worker {
     Nanoseconds credit_ = 0;    // what it may use without waiting in the line
     Nanoseconds creditAt_ = 0;  // when that was worked out
     Nanoseconds deficit_ = 0;   // what it has used too much in the line, below 0
-    bool isWaiting_ = false;
-    // One element, which is in the line while it waits: joining needs no memory.
-    std::list<Worker*> self_{this};
-    const std::list<Worker*>::iterator place_ = self_.begin();
+    // Its neighbours in the line, a ring; null: it does not wait.
+    Worker* before_ = nullptr;
+    Worker* behind_ = nullptr;
 };
 
 /// Shares the time of the loop among those who cause work, so that nobody waits for somebody else.
@@ -58,13 +56,17 @@ class Line {
     /// The line is left for the loop after so long.
     static constexpr Nanoseconds kRun = 500'000;
 
+    /// Between two looks at the time used, while nothing seems to take too long.
+    static constexpr Nanoseconds kUsedEvery = 1'000'000;
+
     /// Steps between two looks at the clock.
     static constexpr std::size_t kStepsPerLook = 64;
 
     using Clock = Nanoseconds (*)();
 
-    /// `used`: the time that the processor has worked for this thread, which is what is charged; it
-    /// may be slow to read.
+    /// `used`: the time that the processor has worked for this thread. It may be slow to read: a
+    /// slice is charged as of `clock`, unless that is more than it may use; then what the processor
+    /// did for others meanwhile is taken off, but for `kUsedEvery`.
     Line(Clock clock, Clock used) : clock_(clock), used_(used) {}
     Line(const Line&) = delete;
     Line& operator=(const Line&) = delete;
@@ -90,7 +92,7 @@ class Line {
     void run();
 
     /// A slice as long as those of `run` together, for somebody who does not wait in the line.
-    void serve(Worker& worker) { slice(worker, kRun); }
+    void serve(Worker& worker) { slice(worker, clock_(), kRun); }
 
     /// The loop begins another turn, in which everybody may come once.
     void nextTurn();
@@ -98,41 +100,46 @@ class Line {
     [[nodiscard]] std::uint64_t turn() const { return turn_; }
 
     /// Whether so many work that each should do little at a time.
-    [[nodiscard]] bool isCrowded() const {
-        return waiting_.size() + std::max(cameNow_, cameLast_) > kFew;
-    }
+    [[nodiscard]] bool isCrowded() const { return waiting_ + std::max(cameNow_, cameLast_) > kFew; }
     /// So many bytes were written by one system call. Past `kWrittenAtOnce` in one turn of the loop
     /// who has something to write does so in its own turn: else a message to very many would hold
     /// up everybody until it is written to all.
     void wrote(std::size_t bytes) { wrote_ += kWriteCost + bytes; }
     [[nodiscard]] bool hasWrittenMuch() const { return wrote_ >= kWrittenAtOnce; }
 
-    [[nodiscard]] static bool isWaiting(const Worker& worker) { return worker.isWaiting_; }
-    [[nodiscard]] bool empty() const { return waiting_.empty(); }
+    [[nodiscard]] static bool isWaiting(const Worker& worker) { return worker.behind_ != nullptr; }
+    [[nodiscard]] bool empty() const { return waiting_ == 0; }
 
   private:
     static constexpr std::size_t kFew = 4;
     static constexpr std::size_t kWriteCost = 16 * 1024;  // of a system call, in bytes
     static constexpr std::size_t kWrittenAtOnce = 8 * 1024 * 1024;
 
-    Nanoseconds slice(Worker& worker, Nanoseconds length);
+    Nanoseconds slice(Worker& worker, Nanoseconds begin, Nanoseconds length);
+    [[nodiscard]] Nanoseconds usedUntil(Nanoseconds now);
+    Nanoseconds lookAtUsed(Nanoseconds now);
     static void addCredit(Worker& worker, Nanoseconds now);
     [[nodiscard]] Nanoseconds share() const;
     void payBack();
 
     const Clock clock_;
     const Clock used_;
-    std::list<Worker*> waiting_;
+    Worker* first_ = nullptr;  // in the line
+    std::size_t waiting_ = 0;  // workers
     std::uint64_t turn_ = 1;
     std::size_t cameNow_ = 0;  // workers that came in the present turn
     std::size_t cameLast_ = 0;
-    std::size_t wrote_ = 0;  // in the present turn
+    std::size_t wrote_ = 0;     // in the present turn
+    Nanoseconds lastUsed_ = 0;  // as of the last look at it, and when that was
+    Nanoseconds lookedAt_ = -kUsedEvery;
 
     // Of the present slice.
     Worker* working_ = nullptr;
-    Nanoseconds excused_ = 0;
-    Nanoseconds end_ = 0;
-    Nanoseconds latestEnd_ = 0;  // whatever others have caused
+    Nanoseconds begin_ = 0;
+    Nanoseconds usedBefore_ = 0;  // as of a look at most `kUsedEvery` before it
+    Nanoseconds excused_ = 0;     // which others have caused
+    Nanoseconds length_ = 0;
+    Nanoseconds longest_ = 0;  // whatever others have caused
     std::size_t steps_ = 0;
     bool isOver_ = false;
 };

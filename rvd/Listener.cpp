@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "rvd/State.h"
+
 namespace kvx::rvd {
 
 namespace {
@@ -17,21 +19,27 @@ Listener::Listener(uv_loop_t& loop, ListenAddress address, Arrived arrived)
 }
 
 std::string Listener::open() {
-    int status = 0;
     if (address_.isUnix()) {
         if (std::string error = bindUnix(); !error.empty()) return error;
-    } else {
-        status = bindTcp();
+    } else if (const int status = bindTcp(); status != 0) {
+        return uv_strerror(status);
     }
-    if (status == 0) {
-        status = uv_listen(socket_.stream(), kBacklog, [](uv_stream_t* stream, int result) {
-            auto& self = *static_cast<Listener*>(stream->data);
-            self.arrived_(self, result);
-        });
-    }
+    return listen();
+}
+
+std::string Listener::listen() {
+    const int status = uv_listen(socket_.stream(), kBacklog, [](uv_stream_t* stream, int result) {
+        auto& self = *static_cast<Listener*>(stream->data);
+        self.arrived_(self, result);
+    });
     if (status != 0) return uv_strerror(status);
     if (!address_.isUnix()) address_.endpoint = socket_.ownEndpoint();
     return {};
+}
+
+void Listener::adopt(platform::Descriptor socket) {
+    if (!socket_.adopt(std::move(socket))) throw StateError("a listening socket is of no use");
+    if (address_.isUnix()) file_ = platform::SocketFile(address_.path);
 }
 
 int Listener::bindTcp() {

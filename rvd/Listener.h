@@ -23,8 +23,12 @@ class Listener {
 
     /// Binds and listens. Returns an empty text, or why that is impossible.
     [[nodiscard]] std::string open();
+    /// Adopts a socket that is bound already, or throws `StateError`; `listen` comes later.
+    void adopt(platform::Descriptor socket);
+    [[nodiscard]] std::string listen();
     /// As in `-listen`, such as "tcp:127.0.0.1:41233" or "unix:/path"; the real port once open.
     [[nodiscard]] std::string text() const;
+    [[nodiscard]] const ListenAddress& address() const { return address_; }
     [[nodiscard]] StreamSocket& socket() { return socket_; }
     /// Stops listening, and removes the file of a unix socket. Further calls have no effect.
     void close();

@@ -68,7 +68,8 @@ void Connection::publish(SubjectView subject, const PayloadRef& message) {
         if (known->empty()) context_.counters.add(Counter::MessagesUnmatched);
         return;
     }
-    routing_.emplace(context_.router, *session_, subject, message, PayloadRef());
+    routing_ =
+        std::make_unique<Routing>(context_.router, *session_, subject, message, PayloadRef());
     routing_->counted = counted;
     goOnRouting();
 }
@@ -97,7 +98,8 @@ void Connection::reportLoss(SubjectView subject, std::uint64_t lost, const Paylo
     const auto link = static_cast<std::uint8_t>(LossCause::Link);
     auto notice = Payload::copy(buildDataLoss({lost, 0, link}));
     context_.batch.hold(message);
-    routing_.emplace(context_.router, *session_, subject, message, std::move(notice));
+    routing_ =
+        std::make_unique<Routing>(context_.router, *session_, subject, message, std::move(notice));
     goOnRouting();
 }
 

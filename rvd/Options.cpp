@@ -5,6 +5,7 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
+#include <filesystem>
 #include <limits>
 #include <sstream>
 #include <vector>
@@ -17,6 +18,7 @@
 #include "rv/wire/DaemonText.h"
 #include "rv/wire/Limits.h"
 #include "rvd/Counters.h"
+#include "rvd/Version.h"
 
 namespace kvx::rvd {
 namespace {
@@ -24,7 +26,7 @@ namespace {
 constexpr const char* kProgram = "rvd";
 constexpr const char* kHalf = "half";
 constexpr std::uint64_t kLeastRecorder = 64U << 10U;  // bytes
-constexpr const char* kVersionLine = "rvd " KVX_VERSION;
+constexpr std::string_view kTakeOver = "--take-over";
 
 // Options with one dash, which the library uses when it starts a daemon.
 constexpr std::array<std::string_view, 10> kOneDash = {
@@ -52,12 +54,31 @@ std::optional<Number> parseNumber(std::string_view text) {
     return number;
 }
 
+// How to start the same program again, with the same options.
+platform::Program programOf(int argc, const char* const* argv) {
+    platform::Program program;
+    const std::string name = argc > 0 ? argv[0] : kProgram;
+    std::error_code error;
+    program.path = name.find('/') != std::string::npos
+                       ? std::filesystem::absolute(name, error).string()
+                       : name;
+    for (int i = 0; i < argc; ++i) {
+        if (argv[i] == kTakeOver) {
+            ++i;  // with its descriptor
+        } else {
+            program.arguments.emplace_back(argv[i]);
+        }
+    }
+    return program;
+}
+
 struct Texts {
     std::vector<std::string> listen = {wire::kDefaultDaemon};
     std::vector<std::string> networks;
     std::vector<std::string> users;
     std::vector<std::string> statusFor;
     std::string address;
+    int takeOver = -1;
     std::string queueLimit = "64M";
     std::string memory = kHalf;
     std::string recorder;
@@ -69,7 +90,7 @@ struct Texts {
 };
 
 void describe(CLI::App& app, Texts& texts) {
-    app.set_version_flag("--version", kVersionLine);
+    app.set_version_flag("--version", std::string(kProgram) + ' ' + version());
     app.add_option("--listen", texts.listen,
                    "Where to accept, once for each address: tcp:[host:]port, 127.0.0.1 without a "
                    "host, a free port for 0; or unix:/path (also spelled -listen)")
@@ -108,6 +129,7 @@ void describe(CLI::App& app, Texts& texts) {
         ->capture_default_str();
     app.add_flag("-v,--verbose", texts.verbose, "Log every connection");
     app.add_flag("-q,--quiet", texts.quiet, "Log errors only");
+    app.add_option("--take-over", texts.takeOver)->group("");  // by the daemon that is replaced
     app.add_flag("--counters", texts.counters, "Print the daemon's counters, and end");
 }
 
@@ -191,6 +213,7 @@ std::string evaluate(const Texts& texts, Options& options) {
         }
     }
     if (std::string error = takeRecorder(texts, options.recorder); !error.empty()) return error;
+    options.takeOver = texts.takeOver;
     if (texts.verbose > 0) options.logLevel = platform::LogLevel::Debug;
     if (texts.quiet) options.logLevel = platform::LogLevel::Error;
     return {};
@@ -257,6 +280,7 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
     Texts texts;
     CommandLine result;
     describe(app, texts);
+    result.options.program = programOf(argc, argv);
     try {
         app.parse(normalised(argc, argv));
     } catch (const CLI::ParseError& error) {

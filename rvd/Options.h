@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/Log.h"
+#include "platform/Process.h"
 #include "platform/Socket.h"
 #include "rvd/Admission.h"
 #include "rvd/Recorder.h"
@@ -32,6 +33,8 @@ struct Options {
     std::uint64_t queueLimit = kDefaultQueueLimit;
     std::optional<std::uint64_t> memoryLimit;  ///< bytes of all sessions; without it half of what
                                                ///< the process may use
+    platform::Program program;                 ///< this one, with its options
+    int takeOver = -1;  ///< the descriptor of the daemon to be replaced; -1: none
     Recorder::Settings recorder;
     platform::LogLevel logLevel = platform::LogLevel::Info;
     /// Of a match, between two looks at the clock; not on the command line.

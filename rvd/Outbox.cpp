@@ -270,9 +270,54 @@ void Outbox::popFront() {
     entries_.pop_front();
     frontBegun_ = false;
     sentOfFront_ = 0;
-    if (isGrown_ && entries_.empty()) {
-        entries_.shrink_to_fit();
-        isGrown_ = false;
+}
+
+void Outbox::save(StateWriter& state) const {
+    state.number(entries_.size());
+    for (const Entry& entry : entries_) {
+        state.number(static_cast<std::uint64_t>(entry.kind));
+        state.payload(entry.payload);
+    }
+    state.boolean(frontBegun_);
+    state.number(sentOfFront_);
+    state.number(loss_.messages);
+    state.number(loss_.bytes);
+    state.number(loss_.causes);
+    dropped_.save(state);
+    state.boolean(namesDropped_);
+    state.number(static_cast<std::uint64_t>(notice_));
+    state.number(totals_.matched);
+    state.number(totals_.delivered);
+    state.number(totals_.dropped);
+    for (const std::uint64_t dropped : totals_.droppedBy) state.number(dropped);
+}
+
+void Outbox::restore(StateReader& state) {
+    for (std::uint64_t left = state.number(); left > 0; --left) {
+        const auto kind = static_cast<Kind>(state.number());
+        const PayloadRef payload = state.payload();
+        const std::size_t size = payload->size();
+        entries_.push_back({payload, static_cast<std::uint32_t>(size), kind});
+        if (kind == Kind::Message) addWaiting(*payload, size);
+        if (kind == Kind::Ahead) ++ahead_;
+        if (kind == Kind::Ahead || kind == Kind::Control) {
+            holder_.charge(Holding::Control, size + kControlCost);
+        }
+    }
+    frontBegun_ = state.boolean();
+    state.into(sentOfFront_);
+    state.into(loss_.messages);
+    state.into(loss_.bytes);
+    state.into(loss_.causes);
+    dropped_.restore(state);
+    namesDropped_ = state.boolean();
+    notice_ = static_cast<Notice>(state.number());
+    state.into(totals_.matched);
+    state.into(totals_.delivered);
+    state.into(totals_.dropped);
+    for (std::uint64_t& dropped : totals_.droppedBy) state.into(dropped);
+    if (frontBegun_ && (entries_.empty() || sentOfFront_ >= entries_.front().size)) {
+        throw StateError("a queue is not sound");
     }
 }
 

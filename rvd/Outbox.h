@@ -3,14 +3,15 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <span>
 #include <vector>
 
 #include "rvd/Counters.h"
 #include "rvd/DataLoss.h"
+#include "rvd/LeanDeque.h"
 #include "rvd/MemoryAccount.h"
 #include "rvd/Payload.h"
+#include "rvd/State.h"
 
 namespace kvx::rvd {
 
@@ -100,6 +101,10 @@ class Outbox {
     /// stay in place until `written` has covered them. The queue must not be empty.
     [[nodiscard]] wire::Bytes pinFront();
 
+    /// For the daemon that takes this one's place. A queue that is restored must be new.
+    void save(StateWriter& state) const;
+    void restore(StateReader& state);
+
     [[nodiscard]] std::size_t waitingMessages() const { return waitingMessages_; }
     /// Bytes of waiting messages without what is written of the first.
     [[nodiscard]] std::size_t waitingBytes() const {
@@ -112,8 +117,6 @@ class Outbox {
     static constexpr std::size_t kEntryCost = 24;
 
   private:
-    static constexpr std::size_t kGrown = 4'096;  // entries
-
     enum class Kind : std::uint8_t { Message, Control, Ahead, Notice };
     // The state of the notice at the first place not begun.
     enum class Notice : std::uint8_t {
@@ -132,7 +135,7 @@ class Outbox {
         message.chargeTo(holder_.account());
         holder_.chargeShared(size, kEntryCost);
         waitingBytes_ += size;
-        if (++waitingMessages_ > kGrown) isGrown_ = true;
+        ++waitingMessages_;
     }
     void removeWaiting(std::size_t messages, std::size_t bytes) {
         holder_.dischargeShared(bytes, messages * kEntryCost);
@@ -160,13 +163,12 @@ class Outbox {
     Counters& counters_;
     Delays* const delays_;
 
-    std::deque<Entry> entries_;
+    LeanDeque<Entry> entries_;
     std::size_t ahead_ = 0;         // entries of that kind
     bool frontBegun_ = false;       // the first entry is being written
     std::size_t sentOfFront_ = 0;   // bytes of it that are written
     std::size_t waitingBytes_ = 0;  // of messages, whole ones
     std::uint64_t waitingMessages_ = 0;
-    bool isGrown_ = false;     // entries_ has taken more memory than an idle queue should keep
     Loss loss_;                // not announced yet, or announced by a notice not begun
     DroppedSubjects dropped_;  // of `loss_`
     bool namesDropped_ = false;

@@ -326,4 +326,34 @@ void Peer::closeWithNotice(CloseReason reason) {
     }
 }
 
+// Times are of the system's monotonic clock, which both daemons read.
+void Peer::save(StateWriter& state) const {
+    state.number(static_cast<std::uint64_t>(state_));
+    state.bytes(block_);
+    state.number(blockFilled_);
+    state.bytes(reader_.incomplete());
+    state.number(received_);
+    state.number(static_cast<std::uint64_t>(startedAt_));
+    state.number(static_cast<std::uint64_t>(heardAt_));
+    state.number(static_cast<std::uint64_t>(tookAt_));
+    state.boolean(probed_);
+}
+
+void Peer::restore(StateReader& state) {
+    state.into(state_);
+    const Bytes block = state.bytes();
+    if (block.size() != block_.size()) throw StateError("a peer is not sound");
+    std::ranges::copy(block, block_.begin());
+    state.into(blockFilled_);
+    reader_.feed(state.bytes());
+    if (reader_.next().kind != wire::FrameKind::None || blockFilled_ > block_.size()) {
+        throw StateError("a peer is not sound");
+    }
+    state.into(received_);
+    state.into(startedAt_);
+    state.into(heardAt_);
+    state.into(tookAt_);
+    probed_ = state.boolean();
+}
+
 }  // namespace kvx::rvd

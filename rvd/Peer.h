@@ -15,6 +15,7 @@
 #include "rvd/Counters.h"
 #include "rvd/Inquiry.h"
 #include "rvd/Payload.h"
+#include "rvd/State.h"
 
 namespace kvx::rvd {
 
@@ -94,6 +95,11 @@ class Peer {
     /// Ends the connection because of a limit, with a close notice once the link is set up, and
     /// forgets the message being received. `receive` must not be running.
     void end(CloseReason reason);
+
+    /// For the daemon that takes this one's place: all but the bytes that `receive` has left. A
+    /// peer that is restored must be new.
+    void save(StateWriter& state) const;
+    void restore(StateReader& state);
 
     [[nodiscard]] PeerState state() const { return state_; }
     /// Bytes of memory held for a message that is not whole.

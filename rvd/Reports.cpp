@@ -7,6 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "rvd/Version.h"
+
 namespace kvx::rvd {
 namespace {
 
@@ -66,11 +68,15 @@ class StatusReport final : public Report {
 
     bool write(Row& part) override {
         const StatusFacts facts = observed_.status();
-        part.put("version", KVX_VERSION);
+        part.put("version", version());
         part.put("pid", facts.pid);
         for (const auto& address : facts.addresses) part.put("address", address);
         part.put("started_ms", static_cast<std::uint64_t>(facts.started));
         part.put("age_ms", static_cast<std::uint64_t>(facts.age));
+        part.put("state_version", stateVersion());
+        part.put("replaced", facts.replacements);
+        part.put("not_replaced", facts.replaceFailures);
+        if (facts.replaceFailures != 0) part.put("not_replaced_why", facts.replaceError);
         part.put("queue_limit", facts.queueLimit);
         part.put("connection_limit", facts.descriptors);
         part.put("listen_limit", std::uint64_t{Router::kMaxListens});

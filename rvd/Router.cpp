@@ -264,6 +264,38 @@ bool Router::listen(Session& session, SubjectView subject) {
     return true;
 }
 
+void Router::save(const Session& session, StateWriter& state) {
+    const auto saveIn = [&state](const SubjectTree<Session>& tree, const Listens& listens) {
+        listens.each([&](const Listen& listen) {
+            state.text(tree.subject(listen.subject).encoded());
+            state.number(listen.number);
+        });
+    };
+    state.boolean(session.follows());
+    state.number(session.follows() ? session.own_->follower->listens : 0);
+    state.number(session.distinctListens());
+    saveIn(session.space_.tree, session.listens_);
+    if (session.own_) saveIn(session.own_->tree, session.own_->listens);
+}
+
+void Router::restore(Session& session, StateReader& state) {
+    const bool follows = state.boolean();
+    const std::uint64_t interest = state.number();
+    for (std::uint64_t i = 0; i < interest || (follows && i == 0); ++i) (void)follow(session);
+    for (std::uint64_t left = state.number(); left > 0; --left) {
+        const wire::Bytes encoded = state.bytes();
+        const auto subject = SubjectView::parse(encoded.data(), encoded.size());
+        if (!subject) throw StateError("a listen is not sound");
+        const auto number = static_cast<std::uint32_t>(state.number());
+        if (!listen(session, *subject)) throw StateError("a session has too many listens");
+        placeOf(session, *subject).listen->number = number;
+        session.listenCount_ += number - 1;
+    }
+    if (!follows || interest != 0) return;
+    --session.listenCount_;
+    unfollow(session);  // it had cancelled that listen, and still has others
+}
+
 // Adds a listen to a tree, and tells those who follow.
 std::uint32_t Router::add(Session& session, SubjectTree<Session>& tree, SubjectView subject) {
     if (session.follows()) return tree.add(subject, &session);

@@ -19,6 +19,7 @@
 #include "rvd/Counters.h"
 #include "rvd/Interest.h"
 #include "rvd/Receiver.h"
+#include "rvd/State.h"
 
 namespace kvx::rvd {
 
@@ -78,6 +79,14 @@ class Router {
     /// Undoes one listen; one that was never made is ignored.
     void cancel(Session& session, SubjectView subject);
 
+    /// For the daemon that takes this one's place: who the followers know it as.
+    void save(StateWriter& state) const { state.text(interest_.daemon); }
+    void restore(StateReader& state) { interest_.daemon = state.text(); }
+    /// The listens of a session. One that is restored must be new; when it follows, all others of
+    /// its space must have been restored before, so that it is told of them.
+    static void save(const Session& session, StateWriter& state);
+    void restore(Session& session, StateReader& state);
+
     /// The result of the last match of one turn, if it was that of a message of the same space on
     /// the same subject, and nobody has come, gone or listened since: one sender's messages come
     /// many at a time. Nothing otherwise. Valid until the next call of any function.
@@ -128,7 +137,7 @@ class Router {
     static void undo(Session& session, const Place& place);
 
     Counters& counters_;
-    const Interest::Settings interest_;
+    Interest::Settings interest_;
     std::map<SpaceName, std::unique_ptr<Space>> spaces_;
     Sessions left_;  // sessions that have left, and still have listens
     std::size_t orphanedBytes_ = 0;
@@ -162,13 +171,14 @@ class Router::Session {
     /// Distinct subjects with wildcards; of one that follows all its subjects.
     [[nodiscard]] std::size_t patterns() const;
 
+    /// Whether it has begun to follow, and still has listens from that time.
+    [[nodiscard]] bool follows() const;
     /// Whether it is told the interest of its space.
     [[nodiscard]] bool isTold() const { return isTold_; }
 
   private:
     friend class Router;
     Session(Space& space, Receiver& receiver, std::uint64_t newestMatch);
-    [[nodiscard]] bool follows() const;
     [[nodiscard]] std::size_t distinctListens() const;
 
     Space& space_;

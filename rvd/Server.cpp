@@ -75,6 +75,7 @@ Server::Server(const Options& options, platform::Log log)
                recorder_,
                reports_,
                options.queueLimit,
+               isPaused_,
                options.stepsAtOnce,
                hostAddressFor(options),
                options_.admission,
@@ -95,7 +96,9 @@ Server::Server(const Options& options, platform::Log log)
     uv_signal_init(&loop_, &terminate_);
     uv_signal_init(&loop_, &interrupt_);
     uv_signal_init(&loop_, &report_);
-    tick_.data = turn_.data = goOn_.data = terminate_.data = interrupt_.data = report_.data = this;
+    uv_signal_init(&loop_, &replace_);
+    tick_.data = turn_.data = goOn_.data = terminate_.data = interrupt_.data = report_.data =
+        replace_.data = this;
 }
 
 Server::~Server() {
@@ -107,14 +110,11 @@ Server::~Server() {
 
 bool Server::listen() {
     for (const ListenAddress& address : options_.listen) {
-        const auto arrived = [this](Listener& from, int status) { onConnection(from, status); };
-        Listener& made =
-            *listeners_.emplace_back(std::make_unique<Listener>(loop_, address, arrived));
+        Listener& made = addListener(address);
         if (const std::string error = made.open(); !error.empty()) {
             log_.error("cannot listen on " + made.text() + ": " + error);
             return false;
         }
-        address_ += (address_.empty() ? "" : " ") + made.text();
     }
     return true;
 }
@@ -132,9 +132,31 @@ bool Server::startRecording(decltype(Recorder::create) open) {
     return recorder_ != nullptr;
 }
 
+Listener& Server::addListener(const ListenAddress& address) {
+    const auto arrived = [this](Listener& from, int status) { onConnection(from, status); };
+    return *listeners_.emplace_back(std::make_unique<Listener>(loop_, address, arrived));
+}
+
 bool Server::start() {
     if (!listen() || !startRecording(Recorder::create)) return false;
-    bornAt_ = tickedAt_ = now();
+    bornAt_ = now();
+    begin();
+    log_.info("listening on " + address_ + ", " + std::to_string(options_.queueLimit) +
+              " bytes may wait for one session, " + std::to_string(account_.limit()) + " for all");
+    return true;
+}
+
+std::array<int, 4> Server::handledSignals() {
+    namespace number = platform::signal_number;
+    return {number::terminate(), number::interrupt(), number::user1(), number::user2()};
+}
+
+// From here on signals are handled; a daemon that takes over has blocked them until now.
+void Server::begin() {
+    for (const auto& listener : listeners_) {
+        address_ += (address_.empty() ? "" : " ") + listener->text();
+    }
+    tickedAt_ = now();
     const std::size_t descriptors = platform::raiseDescriptorLimit();
     mostOpen_ = descriptors > kSpareDescriptors ? descriptors - kSpareDescriptors : 1;
     startTick(kTickMs);
@@ -145,9 +167,10 @@ bool Server::start() {
         &report_, [](uv_signal_t* handle, int) { serverOf(handle->data)->logCounters(); },
         platform::signal_number::user1());
     uv_signal_start(&interrupt_, onSignal, platform::signal_number::interrupt());
-    log_.info("listening on " + address_ + ", " + std::to_string(options_.queueLimit) +
-              " bytes may wait for one session, " + std::to_string(account_.limit()) + " for all");
-    return true;
+    uv_signal_start(
+        &replace_, [](uv_signal_t* handle, int) { serverOf(handle->data)->replace(); },
+        platform::signal_number::user2());
+    platform::unblockSignals(handledSignals());
 }
 
 void Server::startTick(std::uint64_t firstMs) {
@@ -196,20 +219,25 @@ bool Server::isNextWaiting() const {
     });
 }
 
-// Throws `std::bad_alloc` when the connection is not accepted.
-void Server::acceptNext(Listener& listener) {
+Connection& Server::addConnection(std::uint64_t number) {
     if (gone_.capacity() <= connections_.size()) gone_.reserve(2 * connections_.size() + 8);
-    auto made = std::make_unique<Connection>(context_, accepted_ + 1);
-    Connection* connection = made.get();
-    const auto place = unannounced_.emplace(connection->number(), connection).first;
+    auto made = std::make_unique<Connection>(context_, number);
+    Connection& connection = *made;
+    const auto place = unannounced_.emplace(number, &connection).first;
     try {
-        connections_.emplace_hint(connections_.end(), connection->number(), std::move(made));
+        connections_.emplace_hint(connections_.end(), number, std::move(made));
     } catch (...) {
         unannounced_.erase(place);
         throw;
     }
-    ++accepted_;
     ++open_;
+    return connection;
+}
+
+// Throws `std::bad_alloc` when the connection is not accepted.
+void Server::acceptNext(Listener& listener) {
+    Connection* const connection = &addConnection(accepted_ + 1);
+    ++accepted_;
     if (open_ > mostOpen_ && !makeRoom()) {
         counters_.add(Counter::ConnectionsRefused);
         return connection->refuse(listener.socket());
@@ -247,6 +275,7 @@ void Server::onClosed(const Connection& connection) {
 
 void Server::onTurn() {
     batch_.end();
+    if (isPaused_ && isQuiet()) handOver();
     line_.nextTurn();
     acceptedNow_ = 0;
     if (line_.empty() && !hasToClearUp() && !isNextWaiting()) {
@@ -296,6 +325,7 @@ void Server::onTick() {
             connection->tick(elapsed);
         }
     }
+    if (successor_ && now() >= replaceBy_) keepOn("it takes too long");
     goOnAccepting(Listener::Wait::Memory);
     batch_.end();
     returnMemory();
@@ -317,6 +347,9 @@ StatusFacts Server::status() const {
     facts.pid = platform::processId();
     for (const auto& listener : listeners_) facts.addresses.push_back(listener->text());
     facts.started = startedAt_;
+    facts.replacements = replacements_;
+    facts.replaceFailures = replaceFailures_;
+    facts.replaceError = replaceError_;
     facts.age = now() - bornAt_;
     facts.queueLimit = options_.queueLimit;
     facts.descriptors = mostOpen_;
@@ -344,6 +377,7 @@ void Server::returnMemory() {
 
 void Server::stop() {
     if (stopping_) return;
+    if (successor_) keepOn("it is to end");
     stopping_ = true;
     stopBy_ = now() + Connection::kEndingMs;
     logStop();
@@ -361,10 +395,7 @@ void Server::closeListeners() {
 // Closing the handles makes libuv restore the default signal handling; a second signal before the
 // exit must not change the exit status.
 void Server::closeHandles() {
-    const std::array endingSignals{platform::signal_number::terminate(),
-                                   platform::signal_number::interrupt(),
-                                   platform::signal_number::user1()};
-    platform::blockSignals(endingSignals);
+    platform::blockSignals(handledSignals());
     closeListeners();
     closeHandle(tick_);
     closeHandle(turn_);
@@ -372,6 +403,8 @@ void Server::closeHandles() {
     closeHandle(terminate_);
     closeHandle(interrupt_);
     closeHandle(report_);
+    closeHandle(replace_);
+    hearNoMore();
 }
 
 void Server::logStop() noexcept {

@@ -2,6 +2,7 @@
 
 #include <uv.h>
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -23,6 +24,7 @@
 #include "rvd/Recorder.h"
 #include "rvd/Reports.h"
 #include "rvd/Router.h"
+#include "rvd/Successor.h"
 
 namespace kvx::rvd {
 
@@ -37,9 +39,12 @@ class Server : private Observed {
 
     /// Binds and listens. False, with a line in the log, when that fails for any address.
     [[nodiscard]] bool start();
+    /// The same in the place of another daemon, to which `descriptor` leads.
+    [[nodiscard]] bool takeOver(int descriptor);
     /// The listening addresses, such as "tcp:127.0.0.1:41233 unix:/path", once started.
     [[nodiscard]] const std::string& address() const { return address_; }
-    /// Serves until SIGTERM or SIGINT. Returns the exit status. SIGUSR1 logs the counters.
+    /// Serves until SIGTERM or SIGINT. Returns the exit status. SIGUSR1 logs the counters, SIGUSR2
+    /// lets the program that is installed now take this one's place.
     int run();
 
   private:
@@ -54,8 +59,21 @@ class Server : private Observed {
     [[nodiscard]] StatusFacts status() const override;
     [[nodiscard]] std::optional<SessionFacts> sessionAfter(std::uint64_t number) const override;
 
+    [[nodiscard]] static std::array<int, 4> handledSignals();
     [[nodiscard]] bool listen();
     [[nodiscard]] bool startRecording(decltype(Recorder::create) open);
+    Listener& addListener(const ListenAddress& address);
+    Connection& addConnection(std::uint64_t number);
+    void begin();
+    // Being replaced, and taking over: see Handover.cpp.
+    void replace();
+    void onHello();
+    void hearNoMore();
+    void keepOn(const std::string& reason);
+    [[nodiscard]] bool isQuiet() const;
+    void handOver();
+    void save(StateWriter& state, std::vector<int>& descriptors);
+    void restore(StateReader& state, Predecessor& predecessor);
     void onConnection(Listener& listener, int status);
     void goOnAccepting(Listener::Wait since);
     [[nodiscard]] bool isNextWaiting() const;
@@ -115,11 +133,19 @@ class Server : private Observed {
     RareWarning notAllowed_{log_};
     unsigned acceptedNow_ = 0;               // connections, in the present turn
     platform::Milliseconds returnedAt_ = 0;  // when freed memory was returned to the system
-    const std::int64_t startedAt_ = platform::wallMilliseconds();
+    std::int64_t startedAt_ = platform::wallMilliseconds();
     platform::Milliseconds bornAt_ = 0;
     platform::Milliseconds tickedAt_ = 0;
     Counters before_;  // at the last tick
     Counters rates_;   // what they grew by in the second before that
+    uv_signal_t replace_{};
+    uv_poll_t* hello_ = nullptr;  // watches for what the successor says first
+    std::optional<Successor> successor_;
+    platform::Milliseconds replaceBy_ = 0;
+    bool isPaused_ = false;
+    std::uint64_t replacements_ = 0;  // since the first daemon of this line has started
+    std::uint64_t replaceFailures_ = 0;
+    std::string replaceError_;  // why it was not replaced, the last time
     bool stopping_ = false;
     platform::Milliseconds stopBy_ = 0;
 };

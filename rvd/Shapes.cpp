@@ -1,8 +1,10 @@
 #include "rvd/Shapes.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "rv/message/WireFormat.h"
@@ -19,10 +21,25 @@ bool hasFixedSize(rvmsg_Type type) {
     return type == RVMSG_INT || type == RVMSG_UINT || type == RVMSG_REAL || type == RVMSG_IPDATA;
 }
 
+// Messages are routed unchecked: a field of a size that its type does not have counts as opaque.
+WireField soundForm(WireField field) {
+    alignas(double) std::array<std::uint8_t, 12> scratch{};
+    rvmsg_Size size = 0;
+    rvmsg_Data data = nullptr;
+    if (!decodeField(field, scratch.data(), size, data)) field.type = RVMSG_OPAQUE;
+    return field;
+}
+
+// As much of it as a name may have.
+std::string_view nameOf(const WireField& field) {
+    if (field.nameBytes == 0) return {};
+    return {field.name, strnlen(field.name, kMaxNameBytes - 1)};
+}
+
 // False when the field has no more room.
-bool addField(std::vector<std::uint8_t>& fields, const WireField& field, std::size_t reserve) {
-    const std::string_view name(field.nameBytes != 0 ? field.name : "",
-                                field.nameBytes != 0 ? field.nameBytes - 1 : 0);
+bool addField(std::vector<std::uint8_t>& fields, const WireField& received, std::size_t reserve) {
+    const WireField field = soundForm(received);
+    const std::string_view name = nameOf(field);
     if (fields.size() + kRecord + name.size() + reserve > Shapes::kBytes) return false;
     fields.push_back(static_cast<std::uint8_t>(field.type));
     fields.push_back(hasFixedSize(field.type) ? static_cast<std::uint8_t>(field.size) : 0);

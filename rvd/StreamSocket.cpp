@@ -14,6 +14,14 @@ bool StreamSocket::accept(uv_loop_t& loop, StreamSocket& listener, void* owner) 
     return true;
 }
 
+bool StreamSocket::adopt(platform::Descriptor socket) {
+    const int status = kind() == Kind::Unix ? uv_pipe_open(unixSocket(), socket.get())
+                                            : uv_tcp_open(tcp(), socket.get());
+    if (status != 0) return false;
+    (void)socket.release();
+    return true;
+}
+
 int StreamSocket::descriptor() const {
     int descriptor = platform::kNoSocket;
     uv_fileno(&any_.handle, &descriptor);

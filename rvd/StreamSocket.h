@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/Descriptor.h"
 #include "platform/Socket.h"
 #include "platform/UnixSocket.h"
 
@@ -20,6 +21,9 @@ class StreamSocket {
     void begin(uv_loop_t& loop, Kind kind, void* owner);
     /// Begins as what `listener` has, and takes its next connection.
     [[nodiscard]] bool accept(uv_loop_t& loop, StreamSocket& listener, void* owner);
+
+    /// Has begun; gives it a socket of its kind. False when that is none.
+    [[nodiscard]] bool adopt(platform::Descriptor socket);
 
     [[nodiscard]] Kind kind() const {
         return any_.handle.type == UV_NAMED_PIPE ? Kind::Unix : Kind::Tcp;

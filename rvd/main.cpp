@@ -4,6 +4,7 @@
 #include "platform/Signals.h"
 #include "rvd/Options.h"
 #include "rvd/Server.h"
+#include "rvd/Supervisor.h"
 
 /// `rvd`: reads the command line, listens, prints one line on standard output, and serves until
 /// SIGTERM or SIGINT. Exit status 0; 1 when it cannot listen, or print what it is asked for; 2 for
@@ -19,8 +20,12 @@ int main(int argc, char** argv) {
 
     kvx::platform::Log log(commandLine.options.logLevel);
     kvx::rvd::Server server(commandLine.options, log);
+    if (commandLine.options.takeOver >= 0) {
+        return server.takeOver(commandLine.options.takeOver) ? server.run() : 1;
+    }
     if (!server.start()) return 1;
 
+    kvx::rvd::tellReady();
     // It serves without that line too: a full disk must not stop the host's messages.
     const std::string error = kvx::platform::writeOutput("rvd ready on " + server.address() + '\n');
     if (!error.empty()) log.error("standard output: " + error);

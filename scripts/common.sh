@@ -23,9 +23,18 @@ as_root() {
     if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
 }
 
+# Of packages that bring a service only the programs are wanted: none is started.
 install_missing() {
+    local policy=/usr/sbin/policy-rc.d status made=0
     export DEBIAN_FRONTEND=noninteractive
-    as_root apt-get update && as_root apt-get install -y --no-install-recommends "$@"
+    as_root apt-get update || return 1
+    if [ ! -e "$policy" ]; then
+        printf '#!/bin/sh\nexit 101\n' | as_root install -m 755 /dev/stdin "$policy" && made=1
+    fi
+    as_root apt-get install -y --no-install-recommends "$@"
+    status=$?
+    [ "$made" -eq 0 ] || as_root rm -f "$policy"
+    return "$status"
 }
 
 # need_packages LIST...: installs the missing packages of the lists in scripts/packages.

@@ -68,7 +68,7 @@ Delay oneWay(Way way, std::uint16_t port, std::size_t size, int rate, std::size_
     });
     sender.join();
     times.erase(times.begin(), times.begin() + kWarmUp);
-    return {quantile(times), quantile(times, 0.999)};
+    return {quantile(times), quantile(times, 0.999), quantile(times, 1.0)};
 }
 
 FlowFigures measure(const Flow& flow) {

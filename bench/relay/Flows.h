@@ -11,8 +11,9 @@ namespace kvx::bench {
 double roundTrip(Way way, std::uint16_t port, std::size_t size, int requests);
 
 struct Delay {
-    double p50 = 0;   // microseconds
-    double p999 = 0;  // microseconds
+    double p50 = 0;    // microseconds
+    double p999 = 0;   // microseconds
+    double worst = 0;  // microseconds
 };
 /// Messages at an even pace, `rate` a second: the time from before the send to the callback.
 Delay oneWay(Way way, std::uint16_t port, std::size_t size, int rate, std::size_t messages);

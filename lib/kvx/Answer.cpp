@@ -10,6 +10,7 @@
 
 #include "mom/transport/CVekInflater.h"
 #include "mom/transport/TransportPacket.h"
+#include "mom/transport/ZlibBlock.h"
 #include "platform/Memory.h"
 
 namespace kvx::detail {
@@ -78,8 +79,10 @@ std::optional<std::vector<unsigned char>> inflated(Bytes payload, std::size_t mo
     const std::size_t size = lengthOf(payload);
     if (size > std::min<std::size_t>(packet::kLargestPayload, most)) return std::nullopt;
     const Bytes stream = payload.subspan(packet::kLengthSize);
+    std::vector<unsigned char> out(size <= kInflateStep ? size : 0);
+    if (!out.empty() && transport::inflateWhole(stream, out)) return out;
+    out.clear();
     CVekInflater inflater(stream.data(), static_cast<int>(stream.size()));
-    std::vector<unsigned char> out;
     while (out.size() < size && inflater.RIIsDone() != TRUE) {
         const std::size_t before = out.size();
         out.resize(std::min(size, before + kInflateStep));

@@ -114,7 +114,7 @@ class BasicSlotTable {
 
   private:
     // Powers of two.
-    static constexpr std::size_t kFewSlots = 64;       // at least, in a part
+    static constexpr std::size_t kFewSlots = 8;        // at least, in a part
     static constexpr std::size_t kMostInOne = 32'768;  // slots in a table of one part
     static constexpr std::size_t kParts = 64;
 

@@ -71,6 +71,9 @@ class FrameReader {
     /// Bytes of memory allocated by the reader.
     [[nodiscard]] std::size_t claimed() const { return partial_.capacity(); }
 
+    /// The bytes held of an incomplete message; a new reader that is fed with them is in the same
+    /// place of the stream.
+    [[nodiscard]] Bytes incomplete() const { return handedOut_ ? Bytes() : partial_.view(); }
     /// Bytes held of an incomplete message.
     [[nodiscard]] std::size_t held() const { return handedOut_ ? 0 : partial_.size(); }
 

@@ -15,7 +15,7 @@ libdir=$(dirname "$(find "$work/prefix" -name libKVXMOM.so)")
 
 # What only the libraries need is not there for their users.
 mkdir "$work/absent"
-for header in zlib.h uv.h; do echo "#error not for users" >"$work/absent/$header"; done
+for header in zlib.h libdeflate.h uv.h; do echo "#error not for users" >"$work/absent/$header"; done
 export CPLUS_INCLUDE_PATH=$work/absent
 
 echo "through CMake"
@@ -44,6 +44,8 @@ done
 for example in rvbridge-nats.conf rvbridge.default; do
     [ -s "$work/prefix/share/doc/KVXMOM/examples/$example" ]
 done
+promtool test rules "$work/prefix/share/kvxmom/prometheus/kvxmom.tests.yml"
+[ -s "$work/prefix/share/kvxmom/grafana/kvxmom.json" ]
 
 echo "every header alone"
 include=$work/prefix/include/kvxmom

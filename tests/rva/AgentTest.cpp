@@ -1,39 +1,21 @@
 // The agent as a process of its own, against a real daemon and a real engine.
 
-#include <httplib.h>
-
 #include "mom/mom.h"
 #include "platform/Socket.h"
+#include "tests/rva/AgentFixture.h"
 #include "tests/support/Nets.h"
-#include "tests/system/Installation.h"
 
 namespace kvx::test {
 namespace {
 
 using Words = std::vector<std::string>;
 
-struct AgentTest : testing::Test {
-    // Status -1 and no body where nobody serves.
-    static httplib::Response get(int port, const std::string& path) {
-        auto result = httplib::Client("127.0.0.1", port).Get(path);
-        return result ? std::move(*result) : httplib::Response{};
-    }
+struct AgentTest : AgentFixture {
     static int freePort() {
         int error = 0;
         const auto socket = platform::listenTcp({platform::kLoopbackAddress, 0}, error);
         return platform::localEndpoint(socket.get())->port;
     }
-
-    // Starts the agent on a free port; the port, once it serves.
-    int start() {
-        agent_ = bus_.start("rva", {"-foreground", "-flavor", "53", "-listen", "0"});
-        const std::string ready = agent_->awaitOutput("ready");
-        EXPECT_NE(ready, "") << agent_->errors();
-        return ready.empty() ? 0 : std::stoi(ready.substr(ready.rfind(':') + 1));
-    }
-
-    Installation bus_;
-    std::unique_ptr<ChildProcess> agent_;
 };
 
 TEST_F(AgentTest, IsStartedAndStoppedByAService) {
@@ -61,8 +43,7 @@ TEST_F(AgentTest, IsStartedAndStoppedByAService) {
     const auto metrics = get(port, "/metrics");
     EXPECT_NE(metrics.body.find("\nrva_heard_beats_total 1\n"), std::string::npos);
     EXPECT_NE(metrics.body.find("\nrva_known_services 1\n"), std::string::npos);
-    EXPECT_EQ(metrics.get_header_value("Content-Type"),
-              "application/openmetrics-text; version=1.0.0; charset=utf-8");
+    EXPECT_EQ(metrics.get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
 
     client.RRNStopAgent();
     EXPECT_FALSE(client.m_agentStarted);
@@ -101,6 +82,7 @@ TEST_F(AgentTest, EndsWithAReasonWhereItCannotServe) {
              {{"-listen", "0", "-daemon", "udp:1"}, 1, "no session with the bus daemon"},
              {{"-flavor", "54"}, 2, "flavour '54'"},
              {{"-listen", "tcp:0.0.0.0:0"}, 2, "loopback only"},
+             {{"-interval", "3601"}, 2, "'3601' is no number of seconds"},
              {{"-nonsense"}, 2, "'-nonsense' is no option"}}) {
         const Ended ended = bus_.run("rva", one.words);
         EXPECT_EQ(ended.status, one.status) << ended.errors;

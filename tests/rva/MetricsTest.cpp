@@ -9,7 +9,11 @@
 namespace kvx::rva {
 namespace {
 
-TEST(Metrics, AreShownInOpenMetricsForm) {
+bool has(const std::string& text, const std::string& line) {
+    return text.find("\n" + line + "\n") != std::string::npos;
+}
+
+TEST(Metrics, AreShownInTheFormOfPrometheus) {
     Sample sample;
     sample.bus.ready = true;
     sample.bus.beats.heard = 12345678901;
@@ -19,25 +23,94 @@ TEST(Metrics, AreShownInOpenMetricsForm) {
                          "# TYPE rva_ready gauge\nrva_ready 1\n",
                          0),
               0U);
-    EXPECT_NE(text.find("# TYPE rva_heard_beats counter\n# UNIT rva_heard_beats beats\n"
-                        "rva_heard_beats_total 12345678901\n"),
-              std::string::npos)
+    EXPECT_TRUE(has(text,
+                    "# TYPE rva_heard_beats_total counter\n"
+                    "rva_heard_beats_total 12345678901"))
         << text;
-    EXPECT_NE(text.find("\nprocess_cpu_seconds_total 0.25\n"), std::string::npos);
-    EXPECT_TRUE(text.ends_with("\n# EOF\n"));
+    EXPECT_TRUE(has(text, "process_cpu_seconds_total 0.25"));
+    EXPECT_EQ(text.find("rvd_"), std::string::npos);
 }
 
 TEST(Metrics, StandInOneTableWithTheDocumentation) {
     const std::string page = test::contentOf(KVX_SOURCE_DIR "/docs/operations.md");
     for (const Metric& metric : metrics()) {
-        const std::string name = metric.name;
-        if (*metric.unit != '\0') {
-            EXPECT_TRUE(name.ends_with(std::string("_") + metric.unit)) << name;
-        }
-        const char* const kind = metric.kind == Metric::Kind::Counter ? "counter" : "gauge";
+        const bool isCounter = metric.kind == Metric::Kind::Counter;
+        EXPECT_EQ(metric.name.ends_with("_total"), isCounter) << metric.name;
         const std::string line =
-            fmt::format("| `{}` | {} | {} | {} |\n", name, kind, metric.unit, metric.meaning);
+            fmt::format("| `{}` | {} | {} | {} |\n", metric.name, isCounter ? "counter" : "gauge",
+                        metric.labels, metric.meaning);
         EXPECT_NE(page.find(line), std::string::npos) << line;
+    }
+}
+
+// Session `number` with so many bytes waiting.
+Json session(int number, std::uint64_t waiting) {
+    return {{"number", static_cast<std::uint64_t>(number)},
+            {"name", "s" + std::to_string(number)},
+            {"service", "7500"},
+            {"waiting_bytes", waiting}};
+}
+
+TEST(Metrics, NameTheForemostSessionsAndSumTheOthers) {
+    Json answer = Json::object();
+    for (int i = 1; i <= 30; ++i) answer["session"].push_back(session(i, 10));
+    answer["session"].push_back(session(31, 5));
+    answer["session"].back()["behind_ms"] = std::uint64_t{1500};
+    answer["session"].push_back(session(32, 1000));
+    Sample sample;
+    sample.bus.daemon.take(Topic::Sessions, answer, 0);
+    const std::string text = metricsText(sample);
+    EXPECT_TRUE(has(text, "rvd_sessions_behind 1"));
+    EXPECT_TRUE(has(text, R"(rvd_session_queue_bytes{session="other"} 120)")) << text;
+    const auto line = [](int number, const char* value) {
+        return fmt::format(
+            R"({{session="s{0}",number="{0}",address="",service="7500",network=""}} {1})", number,
+            value);
+    };
+    EXPECT_TRUE(has(text, "rvd_session_behind_seconds" + line(31, "1.5")));
+    EXPECT_TRUE(has(text, "rvd_session_queue_bytes" + line(32, "1000")));
+    EXPECT_TRUE(has(text, "rvd_session_queue_bytes" + line(18, "10")));
+    EXPECT_FALSE(has(text, "rvd_session_queue_bytes" + line(19, "10")));
+    EXPECT_EQ(text.find("rvd_session_dropped_messages_total{session=\"other\"}"),
+              std::string::npos);
+}
+
+// A scrape with a line that cannot be read, or two of one name, is refused as a whole.
+TEST(Metrics, ShowAnyTextsInLabels) {
+    Json answer = Json::object();
+    const std::string nonsense = "a\"\\\n\xff" + std::string(1000, 'x') + "\xc3\xa4";
+    for (int i = 0; i < 2; ++i) {
+        answer["subject"].push_back({{"subject", nonsense}, {"service", 1}, {"rate", 1.5}});
+    }
+    answer["subject"].push_back("no row");
+    Sample sample;
+    sample.bus.daemon.take(Topic::Subjects, answer, 0);
+    const std::string text = metricsText(sample);
+    const auto begin = text.find("rvd_subject_messages_per_second{");
+    ASSERT_NE(begin, std::string::npos);
+    const std::string line = text.substr(begin, text.find('\n', begin) - begin);
+    EXPECT_TRUE(line.starts_with(R"(rvd_subject_messages_per_second{subject="a\"\\\\x0a\\xffxxx)"))
+        << line;
+    EXPECT_TRUE(line.ends_with("\xc3\xa4\",service=\"\",network=\"\"} 3")) << line;
+    EXPECT_LT(line.size(), 300U);
+}
+
+TEST(Metrics, HaveNoFiguresOfADaemonThatDoesNotAnswer) {
+    const Json status = {{"version", "2"}, {"counters", {{"sessions_open", 3}}}};
+    for (const auto& [how, name] :
+         {std::pair(Answering::Silent, "silent"), std::pair(Answering::Refuses, "refuses"),
+          std::pair(Answering::Lost, "lost")}) {
+        Sample sample;
+        sample.bus.daemon.take(Topic::Status, status, 1'000);
+        sample.bus.now = 3'500;
+        EXPECT_TRUE(has(metricsText(sample), "rvd_sessions 3"));
+        sample.bus.daemon.miss(Topic::Status, how);
+        const std::string text = metricsText(sample);
+        EXPECT_TRUE(has(text, "rvd_up 0"));
+        EXPECT_TRUE(has(text, fmt::format(R"(rvd_state{{state="{}"}} 1)", name))) << text;
+        EXPECT_TRUE(has(text, R"(rvd_figures_age_seconds{about="status"} 2.5)"));
+        EXPECT_EQ(text.find("\nrvd_sessions "), std::string::npos);
+        EXPECT_EQ(text.find("rvd_info"), std::string::npos);
     }
 }
 
@@ -63,8 +136,15 @@ TEST(Options, AreWhatANetworkObjectHandsOver) {
     EXPECT_EQ(line.options.connection.service, "svc");
     EXPECT_EQ(line.options.connection.daemon, "-");
     EXPECT_FALSE(parse({}).options.port);
-    for (const auto& nonsense : std::vector<std::vector<const char*>>{
-             {"-listen"}, {"--listen", "1"}, {"x"}, {"-flavor", "053"}, {"-service", "a\"b"}}) {
+    EXPECT_EQ(parse({"-interval", "0"}).options.intervalSeconds, 0U);
+    for (const auto& nonsense : std::vector<std::vector<const char*>>{{"-listen"},
+                                                                      {"--listen", "1"},
+                                                                      {"x"},
+                                                                      {"-flavor", "053"},
+                                                                      {"-service", "a\"b"},
+                                                                      {"-interval", ""},
+                                                                      {"-interval", "-1"},
+                                                                      {"-interval", "1s"}}) {
         EXPECT_EQ(parse(nonsense).exitStatus, kUsage);
     }
 }

@@ -11,6 +11,8 @@ namespace kvx::rvd {
 namespace {
 
 Nanoseconds now = 0;
+Nanoseconds elsewhere = 0;  // of it the processor has worked for others
+int usedLooks = 0;
 
 // Works in steps of `step`, until its slice is over or its work is done.
 class Job : public Worker {
@@ -42,7 +44,11 @@ constexpr int kEndless = 1'000'000'000;
 
 class LineTest : public testing::Test {
   protected:
-    LineTest() { now = kSecond; }
+    LineTest() {
+        now = kSecond;
+        elsewhere = 0;
+        usedLooks = 0;
+    }
     // One turn of the loop in which these come.
     void turn(const std::vector<Worker*>& comers) {
         line_.nextTurn();
@@ -50,7 +56,11 @@ class LineTest : public testing::Test {
         line_.run();
     }
 
-    Line line_{[] { return now; }, [] { return now; }};
+    Line line_{[] { return now; },
+               [] {
+                   ++usedLooks;
+                   return now - elsewhere;
+               }};
 };
 
 TEST_F(LineTest, OneWhoHasLittleToDoWaitsForAFewMillisecondsBesideManyWhoHaveMuch) {
@@ -79,6 +89,38 @@ TEST_F(LineTest, LongStepsArePaidBackSoThatTimeIsShared) {
     const auto used = (kEndless - shortSteps.left) * 10 * kMicrosecond;
     EXPECT_GT(used, 4 * kSecond);
     EXPECT_LT(used, 6 * kSecond);
+}
+
+// The processor leaves it for a while, each time.
+class Interrupted : public Job {
+  public:
+    using Job::Job;
+    void work() override {
+        now += 4'000 * kMicrosecond;
+        elsewhere += 4'000 * kMicrosecond;
+        Job::work();
+    }
+};
+
+TEST_F(LineTest, WhatTheProcessorDoesForOthersIsNotCharged) {
+    Job greedy(line_, 10 * kMicrosecond, kEndless);
+    Interrupted honest(line_, 5 * kMicrosecond, 1'000);
+    turn({&greedy});
+    for (int i = 0; i < 100; ++i) {
+        honest.left = 1;
+        line_.nextTurn();
+        line_.come(honest);
+        EXPECT_EQ(honest.left, 0) << "it waits in the line, turn " << i;
+        line_.run();
+    }
+}
+
+TEST_F(LineTest, TheTimeUsedIsNotLookedAtForEachOfMany) {
+    for (int i = 0; i < 1'000; ++i) {
+        Job brief(line_, 5 * kMicrosecond, 1);
+        turn({&brief});
+    }
+    EXPECT_LE(usedLooks, 6);
 }
 
 // What it works at was caused by `other`.

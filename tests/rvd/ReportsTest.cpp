@@ -221,6 +221,42 @@ TEST_F(Asking, IsToldWhatFlows) {
     EXPECT_EQ(Asker::rows(asker.answer("_RVD.SUBJECTS", options), "subject").size(), 1U);
 }
 
+// A message of one field with that encoding, whether or not the format allows it.
+ByteVector messageOf(const std::string& name, rvmsg_Type type, std::uint8_t size) {
+    ByteVector bytes = bytesOf(RvMsg());
+    bytes.push_back(static_cast<std::uint8_t>(name.size() + 1));
+    bytes.insert(bytes.end(), name.begin(), name.end());
+    bytes.insert(bytes.end(), {0, static_cast<std::uint8_t>(type), size});
+    bytes.resize(bytes.size() + size, 7);
+    storeBig32(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+    return bytes;
+}
+
+// The daemon routes what it does not read; who asks for shapes pays for nobody's nonsense.
+TEST_F(Asking, IsToldTheShapesOfAnyNonsense) {
+    RawClient sender = RawClient::session(daemon.port());
+    std::size_t sent = 0;
+    const auto send = [&](const std::string& name, rvmsg_Type type, std::uint8_t size) {
+        const ByteVector payload = messageOf(name, type, size);
+        const auto subject = encodedSubject("ODD." + std::to_string(++sent));
+        sender.send(wire::buildData(subject, nullptr, 0, {RVMSG_MSG, 0, payload.data()}));
+    };
+    for (rvmsg_Type type = 0; type <= RVMSG_REAL + 2; ++type) {
+        for (const std::uint8_t size : {0, 1, 3, 16, 100}) {
+            send("t" + std::to_string(type), type, size);
+        }
+    }
+    send(std::string(200, 'n'), RVMSG_STRING, 2);
+    send(std::string("a\0b", 3), RVMSG_UINT, 8);
+    sender.settle();
+    RvMsg options = withSubject("ODD.>");
+    options.append("fields", 1);
+    Asker asker(daemon.port());
+    const auto subjects = Asker::rows(asker.answer("_RVD.SUBJECTS", options), "subject");
+    ASSERT_EQ(subjects.size(), sent);
+    EXPECT_EQ(Asker::rows(subjects, "shape").size(), sent);
+}
+
 // The reader leaves the messages in the daemon for a long time against what it takes to send them.
 TEST_F(Asking, IsToldTheDelaysThatTheTwoEndsMeasure) {
     using Clock = std::chrono::steady_clock;
@@ -270,7 +306,7 @@ TEST_F(Asking, IsToldTheDelaysThatTheTwoEndsMeasure) {
     for (const auto& row : Asker::rows(parts, "bucket")) copies += numberIn(row, "copies");
     EXPECT_EQ(copies, kMessages);
     const auto status = asker.answer("_RVD.STATUS");
-    EXPECT_GE(numberIn(status[0], "latency.copies"), kMessages);
+    EXPECT_GT(numberIn(status[0], "latency.copies"), 0U) << "of the last seconds";
 }
 
 TEST_F(Asking, HarmsNobodyWhateverIsAsked) {

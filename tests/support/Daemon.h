@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -24,8 +27,11 @@ class Daemon {
     /// test's own environment, after the shell's command `limits`, such as "ulimit -n 40". Returns
     /// when it has said that it is ready.
     explicit Daemon(std::vector<std::string> options = {}, std::vector<std::string> variables = {},
-                    const std::string& limits = ":")
-        : options_(std::move(options)), variables_(std::move(variables)), limits_(limits) {
+                    const std::string& limits = ":", std::string program = KVX_RVD_PROGRAM)
+        : options_(std::move(options)),
+          variables_(std::move(variables)),
+          limits_(limits),
+          program_(std::move(program)) {
         start("0");
     }
     ~Daemon() { end(); }
@@ -36,19 +42,42 @@ class Daemon {
     /// "tcp:127.0.0.1:<port>": names a host, so that no client starts a daemon of its own.
     [[nodiscard]] std::string text() const { return "tcp:127.0.0.1:" + std::to_string(port_); }
 
-    [[nodiscard]] pid_t pid() const { return process_->pid(); }
+    /// Of the one that serves now.
+    [[nodiscard]] pid_t pid() const { return successor_ != 0 ? successor_ : process_->pid(); }
 
     /// SIGTERM, without waiting for what becomes of it.
-    void askToStop() const { process_->kill(SIGTERM); }
+    void askToStop() const { ::kill(pid(), SIGTERM); }
     /// SIGSTOP: it neither reads nor answers.
-    void pause() const { process_->kill(SIGSTOP); }
-    void resume() const { process_->kill(SIGCONT); }
-    [[nodiscard]] bool isRunning() { return process_->isRunning(); }
+    void pause() const { ::kill(pid(), SIGSTOP); }
+    void resume() const { ::kill(pid(), SIGCONT); }
+    [[nodiscard]] bool isRunning() { return successor_ != 0 || process_->isRunning(); }
+
+    /// Has it replaced by what is at its program's path now. Why it was not; empty when it was, and
+    /// the former process has ended.
+    std::string replace() {
+        const std::size_t before = log().size();
+        ::kill(pid(), SIGUSR2);
+        return awaitReplacement(before);
+    }
+    /// The same for one that was asked for otherwise; `before`: the size of the log before that.
+    std::string awaitReplacement(std::size_t before) {
+        std::string said;
+        const bool hasSaid = eventually([&] {
+            said = log().substr(before);
+            return said.find("took over ") != said.npos || said.find("not replaced: ") != said.npos;
+        });
+        if (!hasSaid) throw std::runtime_error("rvd says nothing: " + said);
+        if (const auto at = said.find("not replaced: "); at != said.npos) return said.substr(at);
+        const pid_t old = pid();
+        successor_ = std::stoi(said.substr(said.find(", process ") + 10));
+        waitpid(old, nullptr, 0);
+        return {};
+    }
     /// Has it report its counters. Empty when they obey the law, else what is wrong.
     std::string lawBrokenNow() {
         const auto reports = [this] { return countOf("counted:", log()); };
         const std::size_t before = reports();
-        process_->kill(SIGUSR1);
+        ::kill(pid(), SIGUSR1);
         static_cast<void>(eventually([&] { return reports() > before || !isRunning(); }));
         return brokenLaw(log());
     }
@@ -64,7 +93,8 @@ class Daemon {
     std::string awaitLog(const std::string& text) { return process_->awaitError(text); }
     /// SIGKILL: no goodbye to anybody.
     void kill() {
-        process_->kill(SIGKILL);
+        ::kill(pid(), SIGKILL);
+        if (successor_ != 0) waitpid(std::exchange(successor_, 0), nullptr, 0);
         process_->wait();
     }
     /// Starts it again on the same port, first killing it when it runs.
@@ -81,15 +111,16 @@ class Daemon {
         std::abort();
     }
     void end() {
-        if (!process_ || !process_->isRunning()) return;
+        if (!process_ || !isRunning()) return;
         resume();
         require(lawBrokenNow());
         kill();
     }
     void start(const std::string& port) {
-        std::vector<std::string> arguments = {"-c", limits_ + R"( && exec "$0" "$@")",
-                                              KVX_RVD_PROGRAM, "-listen", "tcp:" + port};
+        std::vector<std::string> arguments = {"-c", limits_ + R"( && exec "$0" "$@")", program_,
+                                              "-listen", "tcp:" + port};
         arguments.insert(arguments.end(), options_.begin(), options_.end());
+        prctl(PR_SET_CHILD_SUBREAPER, 1);  // a successor is this process's to reap
         process_.emplace("/bin/sh", arguments, variables_);
         const std::string ready = "rvd ready on tcp:";  // the first address is this one
         const std::string line = process_->awaitOutput(ready);
@@ -107,7 +138,9 @@ class Daemon {
     const std::vector<std::string> options_;
     const std::vector<std::string> variables_;
     const std::string limits_;
+    const std::string program_;
     std::optional<ChildProcess> process_;
+    pid_t successor_ = 0;  // 0: that process has not been replaced
     std::uint16_t port_ = 0;
 };
 

@@ -33,6 +33,9 @@ class DaemonQuestion : private RvDataCallback {
     /// Sends the question. An earlier one that has no answer yet is forgotten.
     void ask(const RvMsg& options, double timeoutSeconds);
 
+    /// From `ask` until the answer has come or its time is over.
+    [[nodiscard]] bool isWaiting() const { return isWaiting_; }
+
   private:
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data,
                 RvListener* listener) override;

@@ -262,6 +262,11 @@ class CommandLine {
             add("why-slow", "tell who holds up messages, and what to do", daemon_, whySlow);
         slow.add_option("SUBJECT", daemon_.subject, "only who would get a message on it");
         addTimeout(slow, daemon_.timeoutSeconds);
+        auto& replaced =
+            add("upgrade", "replace the daemon by the rvd that is installed now, while it works",
+                upgrade_, upgrade);
+        upgrade_.timeoutSeconds = 30;
+        addTimeout(replaced, upgrade_.timeoutSeconds);
     }
 
     void addLatency() {
@@ -389,6 +394,7 @@ class CommandLine {
     ServicesOptions services_;
     HostsOptions hosts_;
     DaemonOptions daemon_;
+    DaemonOptions upgrade_;
     LatencyOptions latency_;
     RecordingOptions recording_;
     ExplainOptions explain_;

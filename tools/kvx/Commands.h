@@ -182,6 +182,9 @@ int trace(const DaemonOptions& options);
 /// Who holds up messages, since when, what was lost, and what to do.
 int whySlow(const DaemonOptions& options);
 
+/// Has the daemon replaced by the program that is installed now, without a session noticing.
+int upgrade(const DaemonOptions& options);
+
 /// How long messages on a subject are in the daemon: quantiles and a histogram.
 int latency(const LatencyOptions& options);
 

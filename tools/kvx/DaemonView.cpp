@@ -18,12 +18,6 @@ constexpr std::array<Cause, 4> kCauses = {{{"dropped_queue", "queue full"},
                                            {"dropped_ended", "session ended"},
                                            {"dropped_shutdown", "daemon ended"}}};
 
-const Json& objectIn(const Json& object, const char* name) {
-    static const Json kNone = Json::object();
-    const auto found = object.find(name);
-    return found != object.end() && found->is_object() ? *found : kNone;
-}
-
 std::string shapesText(const Json& subject) {
     std::string text;
     for (const auto& shape : rowsIn(subject, "shape")) {
@@ -56,27 +50,6 @@ std::string latencyLine(const Json& latency) {
 
 }  // namespace
 
-std::uint64_t numberIn(const Json& object, const char* name) {
-    const auto found = object.find(name);
-    return found != object.end() && found->is_number_unsigned() ? found->get<std::uint64_t>() : 0;
-}
-
-double realIn(const Json& object, const char* name) {
-    const auto found = object.find(name);
-    return found != object.end() && found->is_number() ? found->get<double>() : 0;
-}
-
-std::string textIn(const Json& object, const char* name) {
-    const auto found = object.find(name);
-    return found != object.end() && found->is_string() ? found->get<std::string>() : "";
-}
-
-const Json& rowsIn(const Json& object, const char* name) {
-    static const Json kNone = Json::array();
-    const auto found = object.find(name);
-    return found != object.end() && found->is_array() ? *found : kNone;
-}
-
 std::string delayText(std::uint64_t nanoseconds) {
     constexpr std::array<const char*, 3> kUnits = {"us", "ms", "s"};
     if (nanoseconds < 1'000) return fmt::format("{} ns", nanoseconds);
@@ -90,11 +63,6 @@ std::vector<std::string> statusLines(const Json& status) {
     const Json& counters = objectIn(status, "counters");
     const Json& rates = objectIn(status, "rates");
     const Json& memory = objectIn(status, "memory");
-    std::string addresses;
-    for (const auto& address : rowsIn(status, "address")) {
-        if (address.is_string())
-            addresses += (addresses.empty() ? "" : ", ") + address.get<std::string>();
-    }
     std::string held;
     for (const char* kind : {"messages", "listens", "connections", "incoming", "control"}) {
         const auto bytes = numberIn(memory, kind);
@@ -109,7 +77,7 @@ std::vector<std::string> statusLines(const Json& status) {
         fmt::format("daemon       rvd {}, process {}, up {} (since {})", textIn(status, "version"),
                     numberIn(status, "pid"), spanText(numberIn(status, "age_ms")),
                     timeText(numberIn(status, "started_ms"))),
-        fmt::format("listening    {}", addresses),
+        fmt::format("listening    {}", bus::addressesIn(status)),
         fmt::format("sessions     {} on {} connections (of {} possible), {} listens",
                     countText(numberIn(counters, "sessions_open")),
                     countText(numberIn(counters, "connections_open")),
@@ -139,13 +107,6 @@ std::vector<std::string> statusLines(const Json& status) {
                                     countText(numberIn(status, "recorded")), file));
     }
     return lines;
-}
-
-std::string whoIs(const Json& session) {
-    const std::string name = textIn(session, "name");
-    const std::string program = textIn(session, "program");
-    if (!program.empty()) return fmt::format("{} [{}]", program, numberIn(session, "pid"));
-    return name.empty() ? textIn(session, "address") : name;
 }
 
 std::string spaceText(const Json& row) {

@@ -126,8 +126,8 @@ void warnOfFullness(Examination& examination, const char* what, double used, dou
 }
 
 void reportStatus(Examination& examination, const Json& status) {
-    const Json memory = status.value("memory", Json::object());
-    const Json counters = status.value("counters", Json::object());
+    const Json& memory = objectIn(status, "memory");
+    const Json& counters = objectIn(status, "counters");
     const auto open = numberIn(counters, "connections_open");
     const auto most = numberIn(status, "connection_limit");
     const std::string held = fmt::format("{} of {}", bytesText(realIn(memory, "used")),
@@ -247,7 +247,7 @@ void checkStatus(Examination& examination) {
     }
     const Json& status = examination.bus->status;
     reportStatus(examination, status);
-    reportLosses(examination, status.value("counters", Json::object()));
+    reportLosses(examination, objectIn(status, "counters"));
 }
 
 void checkServices(Examination& examination) {

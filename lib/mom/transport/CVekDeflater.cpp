@@ -13,8 +13,8 @@
 
 #include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
-#include "mom/base/VekTrace.h"
 #include "mom/transport/Zlib.h"
+#include "mom/transport/ZlibBlock.h"
 
 namespace {
 
@@ -54,10 +54,7 @@ struct CVekDeflater::State {
 };
 
 CVekDeflater::State::~State() {
-    const auto in = static_cast<double>(stream.total_in);
-    const auto out = static_cast<double>(stream.total_out);
-    kvx::trace(kvx::kTraceCalls, "Deflated ", stream.total_in, " bytes to ", stream.total_out,
-               " bytes (", (in - out) * 100.0 / in, "%)\n");
+    kvx::transport::traceDeflated(stream.total_in, stream.total_out);
     if (deflateEnd(&stream) != Z_OK) reportDeflater(kvx::kInternalFailure, stream.msg);
     std::free(buffer);
 }

@@ -2,8 +2,7 @@
 //
 // Version 0 makes one plain payload of each record. Version 1 makes one plain payload of up to 10
 // records, and compresses more than 10 in blocks: a block ends at its 100th record, or before it
-// would exceed what a receiver inflates (256 MiB). The output buffer of the next block begins with
-// twice the compressed size of the previous one. Packets are numbered from 1 in the order of the
+// would exceed what a receiver inflates (256 MiB). Packets are numbered from 1 in the order of the
 // payloads, and each carries the count of the batch; a packet that cannot be made is reported and
 // missing from the sequence.
 
@@ -16,10 +15,10 @@
 
 #include "foundation/ErrorCodes.h"
 #include "foundation/foundation.h"
-#include "mom/transport/CVekDeflater.h"
 #include "mom/transport/CVekTransport.h"
 #include "mom/transport/TransportPacket.h"
 #include "mom/transport/TransportPayload.h"
+#include "mom/transport/ZlibBlock.h"
 #include "rv/message/WireReader.h"
 
 using kvx::packet::Bytes;
@@ -30,12 +29,14 @@ using kvx::transport::reportTransport;
 namespace {
 
 constexpr unsigned kMostUncompressedRecords = 10;  // in one plain packet
-constexpr int kFirstDeflateBuffer = 1004;          // bytes
-constexpr int kDefaultLevel = -1;
 
 // A packet is one atom, whose length is an int.
 constexpr std::size_t kLargestPacketPayload =
     std::numeric_limits<int>::max() - kvx::packet::kHeaderSize - kvx::packet::kLengthSize;
+
+std::size_t sizeInPayload(const CVekAtom& record) {
+    return kvx::packet::kLengthSize + bytesOf(record).size();
+}
 
 std::unique_ptr<SVekTransPayload> newPlainPayload(std::size_t size) {
     auto payload = std::make_unique<SVekTransPayload>();
@@ -57,25 +58,31 @@ void appendPayload(CVekDoubleList& payloads, std::unique_ptr<SVekTransPayload> p
     payloads.RDLAddToListEnd(new CVekPointer(payload.release()));
 }
 
-void addRecord(CVekDeflater& deflater, Bytes record) {
-    unsigned char length[kvx::packet::kLengthSize];
-    kvx::storeBig32(length, static_cast<std::uint32_t>(record.size()));
-    deflater.RDAddChunk(length, sizeof length);
-    deflater.RDAddChunk(record.data(), static_cast<int>(record.size()));
-}
-
-std::unique_ptr<SVekTransPayload> finishBlock(CVekDeflater& deflater) {
-    deflater.RDFinishCompression();
-    auto payload = std::make_unique<SVekTransPayload>();
-    payload->length = deflater.RDCompressedLength();
-    payload->uncompressedLength = deflater.RDUnCompressedLength();
-    payload->kind = kvx::packet::kCompressed;
-    payload->data.reset(static_cast<unsigned char*>(deflater.RDTakeCompressedData()));
+// One plain payload of the records from `first` up to and without `end`, which are deleted when
+// `consume`; null without memory for it.
+std::unique_ptr<SVekTransPayload> joinRecords(CVekAtomVector& records, unsigned first, unsigned end,
+                                              bool consume) {
+    std::size_t size = 0;
+    for (unsigned i = first; i < end; ++i) size += sizeInPayload(*records.RAVGetValue(i));
+    auto payload = newPlainPayload(size);
+    unsigned char* out = payload != nullptr ? payload->data.get() : nullptr;
+    for (unsigned i = first; i < end; ++i) {
+        const CVekAtom* atom = records.RAVGetValue(i);
+        if (out != nullptr) out = kvx::packet::writeRecord(out, bytesOf(*atom));
+        if (consume) delete atom;
+    }
     return payload;
 }
 
-int doubled(int length) {
-    return length > std::numeric_limits<int>::max() / 2 ? length : 2 * length;
+// The end of the block that begins with record `first`.
+unsigned blockEnd(CVekAtomVector& records, unsigned first) {
+    std::size_t size = 0;
+    unsigned end = first;
+    for (; end < records.RAVSize() && end - first < VEK_TRANS_V1_RECORDS; ++end) {
+        size += sizeInPayload(*records.RAVGetValue(end));
+        if (end > first && size > kvx::packet::kLargestPayload) break;
+    }
+    return end;
 }
 
 }  // namespace
@@ -136,43 +143,21 @@ CVekDoubleList* CVekTransport::RTCreateVersion0Payloads(bool consume) {
 
 CVekDoubleList* CVekTransport::RTCreateBufferedPayloads(bool consume) {
     auto payloads = std::make_unique<CVekDoubleList>();
-    std::size_t size = 0;
-    for (unsigned i = 0; i < m_records.RAVSize(); ++i) {
-        size += kvx::packet::kLengthSize + bytesOf(*m_records.RAVGetValue(i)).size();
-    }
-    auto payload = newPlainPayload(size);
-    unsigned char* out = payload != nullptr ? payload->data.get() : nullptr;
-    for (unsigned i = 0; i < m_records.RAVSize(); ++i) {
-        const CVekAtom* atom = m_records.RAVGetValue(i);
-        if (out != nullptr) out = kvx::packet::writeRecord(out, bytesOf(*atom));
-        if (consume) delete atom;
-    }
+    appendPayload(*payloads, joinRecords(m_records, 0, m_records.RAVSize(), consume));
     if (consume) m_records.RAVReset();
-    appendPayload(*payloads, std::move(payload));
     return payloads.release();
 }
 
 CVekDoubleList* CVekTransport::RTCreateCompressedPayloads(bool consume) {
     auto payloads = std::make_unique<CVekDoubleList>();
-    auto deflater = std::make_unique<CVekDeflater>(kFirstDeflateBuffer, kDefaultLevel);
     const unsigned records = m_records.RAVSize();
-    unsigned inBlock = 0;
-    const auto isLastOfBlock = [&](unsigned i) {
-        if (inBlock == VEK_TRANS_V1_RECORDS || i + 1 == records) return true;
-        const auto size = static_cast<std::size_t>(deflater->RDUnCompressedLength()) +
-                          kvx::packet::kLengthSize + bytesOf(*m_records.RAVGetValue(i + 1)).size();
-        return size > kvx::packet::kLargestPayload;
-    };
-    for (unsigned i = 0; i < records; ++i) {
-        const CVekAtom* atom = m_records.RAVGetValue(i);
-        addRecord(*deflater, bytesOf(*atom));
-        if (consume) delete atom;
-        ++inBlock;
-        if (!isLastOfBlock(i)) continue;
-        auto payload = finishBlock(*deflater);
-        deflater = std::make_unique<CVekDeflater>(doubled(payload->length), kDefaultLevel);
-        appendPayload(*payloads, std::move(payload));
-        inBlock = 0;
+    for (unsigned first = 0, end = 0; first < records; first = end) {
+        end = blockEnd(m_records, first);
+        const auto plain = joinRecords(m_records, first, end, consume);
+        // Without memory it has no data: its packet will be missing from the sequence.
+        auto packed = std::make_unique<SVekTransPayload>();
+        if (plain != nullptr) *packed = kvx::transport::deflated(*plain);
+        appendPayload(*payloads, std::move(packed));
     }
     if (consume) m_records.RAVReset();
     return payloads.release();

@@ -17,6 +17,7 @@
 #include "mom/transport/CVekTransport.h"
 #include "mom/transport/TransportPacket.h"
 #include "mom/transport/TransportPayload.h"
+#include "mom/transport/ZlibBlock.h"
 #include "rv/message/RvMsg.h"
 #include "rv/message/RvMsgIterator.h"
 #include "rv/message/WireReader.h"
@@ -151,9 +152,14 @@ bool CVekTransport::RTDecodeCompressedPayload(unsigned char* data, int length, C
         reportTransport(kvx::kNoMemory, nullptr);
         return true;
     }
-    CVekInflater inflater(data + kLengthSize, length - kLengthSize);
-    inflater.RIInflateChunk(inflated.get(), static_cast<int>(size));
-    const auto inflatedLength = static_cast<std::size_t>(inflater.RIInflatedLength());
+    std::size_t inflatedLength = size;
+    const Bytes stream(data + kLengthSize, static_cast<std::size_t>(length - kLengthSize));
+    if (!kvx::transport::inflateWhole(stream, {inflated.get(), size})) {
+        // What comes before its defect counts.
+        CVekInflater inflater(data + kLengthSize, length - kLengthSize);
+        inflater.RIInflateChunk(inflated.get(), static_cast<int>(size));
+        inflatedLength = static_cast<std::size_t>(inflater.RIInflatedLength());
+    }
     const bool isWhole =
         addRecords({inflated.get(), inflatedLength}, kvx::packet::kMostRecords, out);
     return isWhole && inflatedLength == size;

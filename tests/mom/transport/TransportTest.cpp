@@ -4,6 +4,7 @@
 #include "mom/engine/CVekEngine.h"
 #include "mom/engine/CVekSendQueueItem.h"
 #include "mom/transport/CVekDeflater.h"
+#include "mom/transport/CVekInflater.h"
 #include "rv/message/RvMsg.h"
 #include "rv/message/WireReader.h"
 #include "tests/mom/transport/Batches.h"
@@ -74,6 +75,16 @@ TEST(TransportPackets, StandByteForByteOnTheWire) {
     EXPECT_EQ(nil.RTNilResults(), 1);
     EXPECT_EQ(nil.RTDone(), TRUE);
     EXPECT_EQ(packetsOf(nil), Texts{header(1, 0, 0, 8) + word(0)});
+
+    std::string plain;
+    for (const auto& one : numbered(11)) plain += record(one);
+    const std::string packet = encoded(numbered(11), VEK_TRANS_V1).at(0);
+    EXPECT_EQ(packet.substr(0, 28), header(1, 1) + word(static_cast<std::uint32_t>(plain.size())));
+    std::string inflated(plain.size() + 1, '\0');
+    CVekInflater byZlib(packet.data() + 28, static_cast<int>(packet.size() - 28));
+    byZlib.RIInflateChunk(inflated.data(), static_cast<int>(inflated.size()));
+    EXPECT_EQ(byZlib.RIIsDone(), TRUE);
+    EXPECT_EQ(inflated.substr(0, plain.size()), plain);
 }
 
 TEST(TransportPackets, AreAsManyAsTheVersionAndTheRecordsAskFor) {

@@ -63,6 +63,17 @@ TEST_F(DaemonCommands, NameWhoHoldsUpMessages) {
     listener->kill(SIGCONT);
 }
 
+TEST_F(DaemonCommands, ReplaceTheDaemonWithoutASessionNoticing) {
+    const auto listener = bus_.start("kvx", {"listen", "NEWS"});
+    kvxUntil("trace NEWS", "LISTEN");
+    const std::size_t before = bus_.daemon().log().size();
+    EXPECT_TRUE(holds(kvx("upgrade"), "which has its 2 sessions"));
+    EXPECT_EQ(bus_.daemon().awaitReplacement(before), "");
+    kvx("send NEWS degrees:i32=12");
+    EXPECT_NE(listener->awaitOutput("degrees=12"), "");
+    EXPECT_EQ(listener->errors(), "");
+}
+
 TEST_F(DaemonCommands, TellHowLongMessagesAreInTheDaemon) {
     const auto listener = bus_.start("kvx", {"listen", "NEWS"});
     kvxUntil("trace NEWS", "LISTEN");
