@@ -54,7 +54,8 @@ Socket lockDirectoryOf(const std::string& path, std::string& error) {
         if (errno != EWOULDBLOCK && errno != EINTR) break;
         sleepMs(kLockPause);
     }
-    error = "its directory: " + textOfErrno();
+    error = held && errno == EWOULDBLOCK ? "another process has locked its directory"
+                                         : "its directory: " + textOfErrno();
     return {};
 }
 
@@ -72,7 +73,11 @@ bool makeFree(const std::string& path, std::string& error) {
     }
     int failure = 0;
     const Socket probe = createUnixSocket(failure);
-    if (probe) failure = setNonBlocking(probe.get(), true);
+    if (!probe) {
+        error = textOfErrno();
+        return false;
+    }
+    failure = setNonBlocking(probe.get(), true);
     if (failure == 0) failure = connectUnix(probe.get(), path);
     if (failure == socket_error::kRefused) {
         if (::unlink(path.c_str()) == 0) return true;

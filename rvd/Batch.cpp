@@ -42,10 +42,12 @@ void Batch::keepRouted() noexcept {
         }
     }
     routed_.clear();
+    read_ = 0;
 }
 
-void Batch::goOn() noexcept {
-    keepRouted();
+void Batch::goOn(std::size_t bytes) noexcept {
+    read_ += bytes;
+    if (read_ + kReadAtOnce > kReadBuffer) keepRouted();
     if (account_.used() > account_.limit()) end();
 }
 

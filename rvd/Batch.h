@@ -34,12 +34,12 @@ class Batch {
     /// `account` must outlive this object.
     explicit Batch(MemoryAccount& account) : account_(account) {}
 
-    /// Bytes read from one socket at a time.
-    static constexpr std::size_t kReadBuffer = 256 * 1024;
+    /// Bytes read from one socket at a time, at most.
+    static constexpr std::size_t kReadAtOnce = 256 * 1024;
 
-    /// The buffer of the next read, shared by all connections: messages that outlive the batch are
+    /// Where the next read goes, shared by all connections: messages that outlive the batch are
     /// copied.
-    [[nodiscard]] char* readBuffer() { return readBuffer_.get(); }
+    [[nodiscard]] char* readBuffer() { return readBuffer_.get() + read_; }
 
     /// Adds a message being routed, which may borrow the read buffer. Throws `std::bad_alloc`.
     void hold(const PayloadRef& message) { routed_.push_back(message); }
@@ -50,9 +50,10 @@ class Batch {
     /// Whether the member will be flushed.
     [[nodiscard]] static bool has(const BatchMember& member) { return member.inBatch_; }
 
-    /// Copies the messages routed so far that are still queued, so that the batch may go on with
-    /// the next read. Ends it when the limit of memory is passed.
-    void goOn() noexcept;
+    /// The batch goes on with the next read, behind the last one, which had so many bytes: without
+    /// room for that, the messages routed so far that are still queued are copied. Ends it when the
+    /// limit of memory is passed.
+    void goOn(std::size_t bytes) noexcept;
 
     /// Flushes all members, copies the messages that are still queued, and takes from the largest
     /// holders what is above the limit of memory. Without memory for a copy the message is lost.
@@ -66,7 +67,9 @@ class Batch {
     BatchMember* first_ = nullptr;  // members in the order of adding
     BatchMember* last_ = nullptr;
     std::vector<PayloadRef> routed_;
+    static constexpr std::size_t kReadBuffer = 4 * kReadAtOnce;
     std::unique_ptr<char[]> readBuffer_ = std::make_unique_for_overwrite<char[]>(kReadBuffer);
+    std::size_t read_ = 0;  // bytes of it that messages may still be in
 };
 
 }  // namespace kvx::rvd

@@ -167,7 +167,7 @@ uv_buf_t Connection::readBuffer() {
         return uv_buf_init(nullptr, 0);
     }
     return uv_buf_init(context_.batch.readBuffer(),
-                       context_.line.isCrowded() ? kReadBeside : Batch::kReadBuffer);
+                       context_.line.isCrowded() ? kReadBeside : Batch::kReadAtOnce);
 }
 
 void Connection::onRead(ssize_t count, const char* bytes) {
@@ -186,13 +186,13 @@ void Connection::onRead(ssize_t count, const char* bytes) {
         }
     });
     chargeIncoming();
-    endBatch();
+    endBatch(count > 0 ? static_cast<std::size_t>(count) : 0);
 }
 
 // Beside many others, what one has caused is written with what they cause in this turn: else each
 // message to all would cost a system call for each of them.
-void Connection::endBatch() {
-    context_.line.isCrowded() ? context_.batch.goOn() : context_.batch.end();
+void Connection::endBatch(std::size_t read) {
+    context_.line.isCrowded() ? context_.batch.goOn(read) : context_.batch.end();
 }
 
 // Among many, who fills a whole read waits for its turn, whatever it has used so far: the turn of

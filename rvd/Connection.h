@@ -205,7 +205,7 @@ class Connection final : private MemoryHolder,
     void handOn(const PayloadRef& message, std::span<Receiver* const> receivers);
     [[nodiscard]] bool hasMuch() const;
     void keepRest();
-    void endBatch();
+    void endBatch(std::size_t read = 0);
     void chargeIncoming();
     [[nodiscard]] bool startReading();
     void onWritten(int status);

@@ -227,7 +227,7 @@ bool Server::takeOver(int descriptor) {
     for (const auto& listener : listeners_) {
         if (error = listener->listen(); !error.empty()) log_.error(listener->text() + ": " + error);
     }
-    (void)startRecording(Recorder::goOn);  // it serves without it, too
+    (void)startRecording(Recorder::goOn);  // it serves without, too
     for (auto& [number, connection] : connections_) connection->resume();
     begin();
     batch_.end();

@@ -25,8 +25,8 @@ namespace {
 
 constexpr const char* kProgram = "rvd";
 constexpr const char* kHalf = "half";
-constexpr std::uint64_t kLeastRecorder = 64U << 10U;  // bytes
 constexpr std::string_view kTakeOver = "--take-over";
+constexpr std::uint64_t kLeastRecorder = 64U << 10U;  // bytes
 
 // Options with one dash, which the library uses when it starts a daemon.
 constexpr std::array<std::string_view, 10> kOneDash = {
@@ -59,9 +59,10 @@ platform::Program programOf(int argc, const char* const* argv) {
     platform::Program program;
     const std::string name = argc > 0 ? argv[0] : kProgram;
     std::error_code error;
-    program.path = name.find('/') != std::string::npos
-                       ? std::filesystem::absolute(name, error).string()
-                       : name;
+    program.path =
+        name.find('/') != std::string::npos
+            ? std::filesystem::absolute(name, error).string()
+            : platform::findOnPath(name).value_or(platform::programDirectory() + '/' + name);
     for (int i = 0; i < argc; ++i) {
         if (argv[i] == kTakeOver) {
             ++i;  // with its descriptor
@@ -212,8 +213,8 @@ std::string evaluate(const Texts& texts, Options& options) {
             return "'" + texts.memory + "' is no limit of memory (a number with k, M or G)";
         }
     }
-    if (std::string error = takeRecorder(texts, options.recorder); !error.empty()) return error;
     options.takeOver = texts.takeOver;
+    if (std::string error = takeRecorder(texts, options.recorder); !error.empty()) return error;
     if (texts.verbose > 0) options.logLevel = platform::LogLevel::Debug;
     if (texts.quiet) options.logLevel = platform::LogLevel::Error;
     return {};

@@ -4,7 +4,32 @@
 
 #include "rvd/Payload.h"
 
+#include <new>
+
 namespace kvx::rvd {
+namespace {
+
+// The memory of payloads that are gone, enough for the messages of one read.
+struct Spare {
+    Spare* next;
+};
+constexpr std::size_t kMostSpares = 4'096;
+constinit Spare* spares = nullptr;
+constinit std::size_t spareCount = 0;
+
+}  // namespace
+
+void* Payload::operator new(std::size_t size) {
+    if (spares == nullptr) return ::operator new(size);
+    --spareCount;
+    return std::exchange(spares, spares->next);
+}
+
+void Payload::operator delete(void* memory) noexcept {
+    if (spareCount == kMostSpares) return ::operator delete(memory);
+    ++spareCount;
+    spares = new (memory) Spare{spares};
+}
 
 PayloadRef Payload::borrow(wire::Bytes bytes) {
     PayloadRef ref(new Payload);

@@ -51,6 +51,10 @@ class Payload {
 
     [[nodiscard]] bool shared() const { return holders_ > 1; }
 
+    /// From a few that are kept: there is one for each message.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* memory) noexcept;
+
   private:
     friend class PayloadRef;
     Payload() = default;

@@ -18,6 +18,7 @@
 #include "rvd/Peer.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "rv/error/rvCodes.h"
 #include "rv/message/AdvisorySubjects.h"
@@ -122,6 +123,7 @@ void Peer::onBlock() {
 
 std::size_t Peer::onFrames(Bytes chunk) {
     reader_.feed(chunk);
+    lastSubject_ = {};
     while (state_ != PeerState::Closed) {
         if (state_ == PeerState::Open && !actions_.mayGoOn()) return reader_.unread();
         const wire::Frame frame = reader_.next();
@@ -215,12 +217,23 @@ void Peer::refuse(std::int32_t error) {
 void Peer::onData(Bytes encoded, const wire::Frame& frame) {
     counters_.add(Counter::MessagesReceived);
     counters_.add(Counter::BytesReceived, frame.bytes.size());
-    const auto subject = SubjectView::parse(encoded.data(), encoded.size());
-    if (!subject) return counters_.add(Counter::MessagesUnreadable);
-    if (advisory::coversSystemSubject(*subject)) return counters_.add(Counter::MessagesReserved);
-    const DaemonSubject own = daemonSubjectOf(*subject);
-    if (own != DaemonSubject::None) return onDaemonSubject(own, frame);
-    actions_.publish(*subject, payloadOf(frame));
+    if (!isLastSubject(encoded)) {
+        const auto subject = SubjectView::parse(encoded.data(), encoded.size());
+        if (!subject) return counters_.add(Counter::MessagesUnreadable);
+        if (advisory::coversSystemSubject(*subject)) {
+            return counters_.add(Counter::MessagesReserved);
+        }
+        const DaemonSubject own = daemonSubjectOf(*subject);
+        if (own != DaemonSubject::None) return onDaemonSubject(own, frame);
+        if (!frame.assembled) lastSubject_ = encoded;
+    }
+    actions_.publish(SubjectView::trusted(encoded.data()), payloadOf(frame));
+}
+
+// What was sent on it before need not be checked again: mostly many messages follow on one subject.
+bool Peer::isLastSubject(Bytes encoded) const {
+    return encoded.size() == lastSubject_.size() && !encoded.empty() &&
+           std::memcmp(encoded.data(), lastSubject_.data(), encoded.size()) == 0;
 }
 
 PayloadRef Peer::payloadOf(const wire::Frame& frame) {

@@ -111,6 +111,7 @@ class Peer {
     void closeWithNotice(CloseReason reason);
 
     bool collect(wire::Bytes& chunk, std::size_t size);
+    [[nodiscard]] bool isLastSubject(wire::Bytes encoded) const;
     void onAnswer();
     void onAgreement();
     void onBlock();
@@ -138,6 +139,7 @@ class Peer {
     std::array<std::uint8_t, wire::kParameterBlockSize> block_{};  // fixed-size handshake input
     std::size_t blockFilled_ = 0;
     wire::FrameReader reader_;
+    wire::Bytes lastSubject_;   // of the last message to others, within the present chunk
     std::size_t received_ = 0;  // bytes until the first init
     platform::Milliseconds startedAt_ = 0;
     platform::Milliseconds heardAt_ = 0;

@@ -517,6 +517,7 @@ bool Router::Match::enterNext(SubjectView subject) {
     if (next == space_.ownTrees.end()) return false;
     lastOwn_ = next->first;
     OwnTree& own = *next->second;
+    if (own.session->lastMatch_ == number_) return true;  // it has been found already
     if (!own.follower) {
         own_ = std::make_unique<OwnSearch>(next->second, how_);
     } else if (!isFromFollower_) {

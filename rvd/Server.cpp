@@ -119,6 +119,11 @@ bool Server::listen() {
     return true;
 }
 
+Listener& Server::addListener(const ListenAddress& address) {
+    const auto arrived = [this](Listener& from, int status) { onConnection(from, status); };
+    return *listeners_.emplace_back(std::make_unique<Listener>(loop_, address, arrived));
+}
+
 // `open` is what `Recorder` has for that. False, with a line in the log, when it fails.
 bool Server::startRecording(decltype(Recorder::create) open) {
     if (options_.recorder.size == 0) return true;
@@ -130,11 +135,6 @@ bool Server::startRecording(decltype(Recorder::create) open) {
         log_.error("cannot record in " + error);
     }
     return recorder_ != nullptr;
-}
-
-Listener& Server::addListener(const ListenAddress& address) {
-    const auto arrived = [this](Listener& from, int status) { onConnection(from, status); };
-    return *listeners_.emplace_back(std::make_unique<Listener>(loop_, address, arrived));
 }
 
 bool Server::start() {

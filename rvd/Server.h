@@ -61,7 +61,6 @@ class Server : private Observed {
 
     [[nodiscard]] static std::array<int, 4> handledSignals();
     [[nodiscard]] bool listen();
-    [[nodiscard]] bool startRecording(decltype(Recorder::create) open);
     Listener& addListener(const ListenAddress& address);
     Connection& addConnection(std::uint64_t number);
     void begin();
@@ -74,6 +73,7 @@ class Server : private Observed {
     void handOver();
     void save(StateWriter& state, std::vector<int>& descriptors);
     void restore(StateReader& state, Predecessor& predecessor);
+    [[nodiscard]] bool startRecording(decltype(Recorder::create) open);
     void onConnection(Listener& listener, int status);
     void goOnAccepting(Listener::Wait since);
     [[nodiscard]] bool isNextWaiting() const;

@@ -4,7 +4,6 @@
 #include <array>
 #include <cstring>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "rv/message/WireFormat.h"
@@ -30,16 +29,18 @@ WireField soundForm(WireField field) {
     return field;
 }
 
-// As much of it as a name may have.
-std::string_view nameOf(const WireField& field) {
+// As much of it as a name may have. A dot in the name of a field is part of a path.
+std::string nameOf(const WireField& field) {
     if (field.nameBytes == 0) return {};
-    return {field.name, strnlen(field.name, kMaxNameBytes - 1)};
+    std::string name(field.name, strnlen(field.name, kMaxNameBytes - 1));
+    std::ranges::replace(name, '.', '_');
+    return name;
 }
 
 // False when the field has no more room.
 bool addField(std::vector<std::uint8_t>& fields, const WireField& received, std::size_t reserve) {
     const WireField field = soundForm(received);
-    const std::string_view name = nameOf(field);
+    const std::string name = nameOf(field);
     if (fields.size() + kRecord + name.size() + reserve > Shapes::kBytes) return false;
     fields.push_back(static_cast<std::uint8_t>(field.type));
     fields.push_back(hasFixedSize(field.type) ? static_cast<std::uint8_t>(field.size) : 0);

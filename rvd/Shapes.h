@@ -28,8 +28,8 @@ class Shapes {
 
     /// A message with fields of these names and types, their values 0 or empty, and before them the
     /// unnamed texts "..." when not all are kept. A payload that is not a nested message is one
-    /// field without a name; a field that the format does not allow is opaque, its name cut. Throws
-    /// `std::bad_alloc`.
+    /// field without a name; a field that the format does not allow is opaque, its name cut, a dot
+    /// in a name "_". Throws `std::bad_alloc`.
     [[nodiscard]] Row example(Id shape) const;
 
   private:

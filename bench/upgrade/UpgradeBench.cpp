@@ -29,6 +29,7 @@ constexpr int kRate = 50'000;  // messages a second
 constexpr std::size_t kSize = 128;
 constexpr std::size_t kMessages = 100'000;  // of one flow
 constexpr auto kPause = 50ms;               // between two upgrades
+constexpr std::size_t kListens = 100;       // of each idle session
 
 // The daemon that runs now is the only child of this process.
 pid_t onlyChild() {
@@ -53,6 +54,16 @@ double upgrade(pid_t& daemon) {
     return time.count();
 }
 
+std::vector<IdleSession> idleSessions(std::uint16_t port, std::size_t count) {
+    std::vector<IdleSession> sessions;
+    for (std::size_t i = 0; i < count; ++i) {
+        Subjects subjects;
+        for (std::size_t n = 0; n < kListens; ++n) subjects.push_back(newSubject());
+        sessions.emplace_back(port, subjects);
+    }
+    return sessions;
+}
+
 struct Delays {
     std::vector<double> p50, p999, worst;
     void add(const Delay& delay) {
@@ -66,16 +77,18 @@ struct Delays {
     }
 };
 
-void run(std::size_t upgrades) {
+void run(std::size_t upgrades, std::size_t sessions) {
     std::printf(
-        "%zu upgrades, one %lld ms after the other, while %d messages of %zu bytes a second go "
-        "from\n"
-        "one session of the library to another. Every message must come once, in order. Delays\n"
-        "from before the send to the callback, in microseconds.\n\n",
-        upgrades, static_cast<long long>(kPause.count()), kRate, kSize);
+        "%zu upgrades, one %lld ms after the other, of a daemon with %zu idle sessions of %zu "
+        "listens\n"
+        "each, while %d messages of %zu bytes a second go from one session of the library to\n"
+        "another. Every message must come once, in order. Delays from before the send to the\n"
+        "callback, in microseconds.\n\n",
+        upgrades, static_cast<long long>(kPause.count()), sessions, kListens, kRate, kSize);
     prctl(PR_SET_CHILD_SUBREAPER, 1);  // the successors are ours
     const Broker broker(KVX_RVD_PROGRAM " -q -listen tcp:0");
     pid_t daemon = broker.pid();
+    const std::vector<IdleSession> idle = idleSessions(broker.port(), sessions);
     Delays still;
     Delays upgraded;
     const auto flow = [&](Delays& delays) {
@@ -106,6 +119,6 @@ void run(std::size_t upgrades) {
 }  // namespace kvx::bench
 
 int main(int argc, char** argv) {
-    kvx::bench::run(argc > 1 ? std::stoul(argv[1]) : 100);
+    kvx::bench::run(argc > 1 ? std::stoul(argv[1]) : 100, argc > 2 ? std::stoul(argv[2]) : 0);
     return 0;
 }

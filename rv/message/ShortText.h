@@ -46,17 +46,24 @@ inline bool sameText(const char* a, const char* b, std::size_t length) {
     return !differ(length - 16);
 }
 
-/// Whether a text of `length` characters has a zero among them.
-inline bool hasZero(const char* text, std::size_t length) {
-    if (length > 16) return std::memchr(text, 0, length) != nullptr;
+/// Whether a text of `length` characters has `wanted` among them.
+inline bool hasCharacter(const char* text, std::size_t length, char wanted) {
+    if (length > 16) return std::memchr(text, wanted, length) != nullptr;
     if (length < 4) {
-        return length != 0 && (text[0] == 0 || text[length / 2] == 0 || text[length - 1] == 0);
+        return length != 0 &&
+               (text[0] == wanted || text[length / 2] == wanted || text[length - 1] == wanted);
     }
-    const auto isZeroIn = [](std::uint64_t word) {
-        return ((word - 0x0101010101010101U) & ~word & 0x8080808080808080U) != 0;
+    constexpr std::uint64_t kOnes = 0x0101010101010101U;
+    const auto isIn = [wanted](std::uint64_t word) {
+        word ^= kOnes * static_cast<unsigned char>(wanted);
+        return ((word - kOnes) & ~word & 0x8080808080808080U) != 0;
     };
     const auto [first, last] = wordsOf(text, length);
-    return length >= 8 ? isZeroIn(first) || isZeroIn(last) : isZeroIn(first | last << 32U);
+    return length >= 8 ? isIn(first) || isIn(last) : isIn(first | last << 32U);
+}
+
+inline bool hasZero(const char* text, std::size_t length) {
+    return hasCharacter(text, length, 0);
 }
 
 /// The length of a name and whether it has a full stop, in one pass.

@@ -1,7 +1,6 @@
 #include "rv/message/SubjectView.h"
 
-#include <cstring>
-
+#include "rv/message/ShortText.h"
 #include "rv/message/WireReader.h"
 #include "rv/message/rvSubject.h"
 
@@ -20,8 +19,8 @@ bool takeElement(WireReader& reader) {
     const std::size_t characters = recordLength - kSubjectElementExtra;
     const std::uint8_t* text = nullptr;
     if (!reader.take(characters + 1, text) || text[characters] != 0) return false;
-    return std::memchr(text, 0, characters) == nullptr &&
-           std::memchr(text, '.', characters) == nullptr;
+    const auto* const element = reinterpret_cast<const char*>(text);
+    return !hasZero(element, characters) && !hasCharacter(element, characters, '.');
 }
 
 }  // namespace

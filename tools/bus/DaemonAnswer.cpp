@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <cmath>
+
 namespace kvx::bus {
 
 std::uint64_t numberIn(const Json& object, const char* name) {
@@ -11,7 +13,8 @@ std::uint64_t numberIn(const Json& object, const char* name) {
 
 double realIn(const Json& object, const char* name) {
     const auto found = object.find(name);
-    return found != object.end() && found->is_number() ? found->get<double>() : 0;
+    const double number = found != object.end() && found->is_number() ? found->get<double>() : 0;
+    return std::isfinite(number) ? number : 0;
 }
 
 std::string textIn(const Json& object, const char* name) {

@@ -14,6 +14,8 @@ namespace {
 constexpr std::array<std::string_view, 6> kRows = {"session", "subject", "match",
                                                    "shape",   "bucket",  "address"};
 
+constexpr std::size_t kMostBytes = 64UL << 20U;  // of an answer, as it comes
+
 Json shapeOf(const RvMsg& example) {
     Json fields = Json::array();
     const std::unique_ptr<RvMsgIterator> iterator(example.newIterator());
@@ -46,8 +48,13 @@ void addFields(Json& object, const RvMsg& message, bool isTop) {
     while (const RvDatum* field = iterator ? iterator->next() : nullptr) {
         const std::string name = field->name() != nullptr ? field->name() : "";
         Json value = plainValue(name, *field);
-        isRow(name, *field, isTop) ? object[name].push_back(std::move(value))
-                                   : void(object[name] = std::move(value));
+        Json& place = object[name];
+        if (!isRow(name, *field, isTop)) {
+            place = std::move(value);
+            continue;
+        }
+        if (!place.is_array()) place = Json::array();
+        place.push_back(std::move(value));
     }
 }
 
@@ -59,6 +66,7 @@ DaemonQuestion::DaemonQuestion(CVekRvNet& net, const char* subject, Done done)
 void DaemonQuestion::ask(const RvMsg& options, double timeoutSeconds) {
     answer_ = Json::object();
     parts_ = 0;
+    bytes_ = 0;
     isWaiting_ = true;
     inbox_.reset();
     if (!sender_) sender_.reset(net_.m_session->newSender(subject_.c_str()));
@@ -76,6 +84,8 @@ void DaemonQuestion::ask(const RvMsg& options, double timeoutSeconds) {
 void DaemonQuestion::onData(const char*, RvSender*, const RvDatum& data, RvListener*) {
     if (!isWaiting_) return;
     if (data.type() != RVMSG_MSG) return finish("the daemon's answer cannot be read");
+    bytes_ += data.size();
+    if (bytes_ > kMostBytes) return finish("the daemon's answer does not end");
     addFields(answer_, static_cast<const RvMsg&>(data), true);
     const Json number = answer_.value("part", Json());
     if (number != Json(++parts_)) return finish("a part of the daemon's answer is missing");

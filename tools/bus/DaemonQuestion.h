@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -24,7 +26,7 @@ class DaemonQuestion : private RvDataCallback {
   public:
     /// The whole answer as an object: what it has once is a value, rows ("session", "subject",
     /// "match", "shape", "bucket") and "address" are arrays, the fields of a shape texts such as
-    /// "price:f64". Or why there is none. May ask again.
+    /// "price:f64". Or why there is none; an answer of more than 64 MiB is none. May ask again.
     using Done = std::function<void(const Json& answer, const std::string& error)>;
 
     /// `net` must outlive this object.
@@ -49,6 +51,7 @@ class DaemonQuestion : private RvDataCallback {
     std::optional<Ticker> deadline_;
     Json answer_;
     std::uint64_t parts_ = 0;
+    std::size_t bytes_ = 0;  // of the parts
     bool isWaiting_ = false;
 };
 

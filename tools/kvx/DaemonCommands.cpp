@@ -5,8 +5,10 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <utility>
 
+#include "platform/Text.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
@@ -74,7 +76,8 @@ std::string sessionsLine(const Json& sessions) {
 
 int askDaemon(const DaemonOptions& options, const std::vector<AskedOfDaemon>& questions,
               const std::function<int(const std::vector<Json>&)>& show) {
-    if (!options.subject.empty() && !isSubject(options.subject)) {
+    const bool isTrace = questions.front().about == std::string_view(bus::kTraceSubject);
+    if ((isTrace || !options.subject.empty()) && !isSubject(options.subject)) {
         bus::complain(fmt::format("'{}' is no subject", options.subject));
         return kUsage;
     }
@@ -97,7 +100,7 @@ int status(const DaemonOptions& options) {
         if (options.connection.json) {
             printRows(Json::array({answers[0]}));
         } else {
-            for (const auto& line : statusLines(answers[0])) bus::printLine(line);
+            for (const auto& line : statusLines(answers[0])) bus::printLine(printable(line));
         }
         return kSuccess;
     });

@@ -55,7 +55,9 @@ std::optional<Address> addressOf(std::string_view text) {
     return Address{std::string(text.substr(0, colon == std::string_view::npos ? 0 : colon)), *port};
 }
 
+// The table of socket errors has no text for a missing permission.
 std::string socketText(int error) {
+    if (error == platform::socket_error::kAccessDenied) return "permission denied";
     if (error < platform::socket_error::kInterrupted) return std::generic_category().message(error);
     return fmt::format("{} ({})", rv_SocketErrorText(error), error);
 }
@@ -114,8 +116,11 @@ bool isReached(Examination& examination, const Address& address) {
     const int error = address.path.empty() ? probe.connect({host, address.port})
                                            : probe.connectUnix(address.path);
     if (error != 0) {
+        const bool isForbidden =
+            error == platform::socket_error::kAccessDenied && !address.path.empty();
         examination.fail(fmt::format("no daemon at {}: {}", daemon, socketText(error)),
-                         startingRvd(examination, address));
+                         isForbidden ? "look at the modes of the socket and of its directories"
+                                     : startingRvd(examination, address));
         return false;
     }
     return greets(examination, probe);

@@ -13,6 +13,7 @@
 #include "platform/Process.h"
 #include "platform/Text.h"
 #include "tools/bus/Output.h"
+#include "tools/kvx/DaemonAnswers.h"
 
 namespace kvx::tool {
 
@@ -102,12 +103,10 @@ void Examination::tell(const Finding& finding) {
 void Examination::print(const Finding& finding) const {
     const char* const word = wordOf(finding.state);
     if (options.connection.json) {
-        const nlohmann::ordered_json line = {{"check", finding.check},
-                                             {"state", word},
-                                             {"text", finding.text},
-                                             {"mend", finding.mend}};
-        bus::printLine(line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
-        return;
+        return printRows(bus::Json::array({{{"check", finding.check},
+                                            {"state", word},
+                                            {"text", finding.text},
+                                            {"mend", finding.mend}}}));
     }
     std::string line = fmt::format("{:<4}  {:<13}  {}", word, finding.check, finding.text);
     if (!finding.mend.empty()) line += "; mend: " + finding.mend;

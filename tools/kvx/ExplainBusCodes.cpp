@@ -188,7 +188,9 @@ constexpr Reason kSocket[] = {
     {platform::socket_error::kBadDescriptor, "The descriptor is closed.",
      "Remove a socket from the loop before it is closed."},
     {platform::socket_error::kAccessDenied,
-     "The system forbids it: a port below 1024, or a rule of a firewall.",
+     "The system forbids it: a port below 1024, a rule of a firewall, or the mode of a unix socket "
+     "or "
+     "of a directory above it.",
      "Take another port, or allow it."},
     {platform::socket_error::kBadAddress, "An address outside the process was given to the system.",
      "Report it: no known path leads here."},

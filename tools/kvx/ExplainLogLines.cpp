@@ -33,6 +33,18 @@ constexpr LogLine kDaemonLines[] = {
     {"cannot listen on",
      "The port or the path of a unix socket is taken, or the address is not one of this host's.",
      "See 'ss -ltnp'; choose another -listen. 'kvx doctor' says whether an rvd is there already."},
+    {"starting a successor", "SIGUSR2 or 'kvx upgrade' asked for the program that is there now.",
+     "Nothing; the next lines say what became of it."},
+    {"replaced by process", "A successor has taken everything over, and this process ends.",
+     "Nothing; tell a supervisor that goes by process numbers the new one."},
+    {"took over", "This process serves in the place of the one before it, with its sessions.",
+     "Nothing."},
+    {"not replaced", "The program at the daemon's path could not take over; the old one serves on.",
+     "Mend what the line says and try again; if the state versions differ, restart the daemon: "
+     "clients reconnect by themselves."},
+    {"cannot take over",
+     "This process was started as a successor, and ends; the old one serves on.",
+     "The old one's line 'not replaced' says it too; do not start rvd with --take-over by hand."},
     {"cannot record in",
      "The file of -recorder-file cannot be made: no such directory, no room on the disk, or "
      "something that is no recording has that path.",

@@ -8,8 +8,8 @@
 
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
-#include "tools/bus/Output.h"
 #include "tools/kvx/Commands.h"
+#include "tools/kvx/DaemonAnswers.h"
 #include "tools/kvx/HostsQuestion.h"
 #include "tools/kvx/Table.h"
 
@@ -50,7 +50,7 @@ void printTable(const Json& hosts) {
 int print(const Json& hosts, bool asJson) {
     try {
         if (asJson) {
-            for (const auto& host : hosts) bus::printLine(host.dump());
+            printRows(hosts);
         } else {
             printTable(hosts);
         }

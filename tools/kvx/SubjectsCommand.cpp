@@ -18,16 +18,19 @@ namespace kvx::tool {
 
 namespace {
 
+constexpr int kMostElements = 250;  // more than a subject can have
+
 class SubjectNode {
   public:
-    void add(std::string_view subject, const Json& row) {
+    // What is below `depth` elements is one.
+    void add(std::string_view subject, const Json& row, int depth = kMostElements) {
         rate_ += realIn(row, "rate");
         byteRate_ += realIn(row, "byte_rate");
         messages_ += numberIn(row, "messages");
         if (subject.empty()) return;
-        const auto dot = subject.find('.');
+        const auto dot = depth > 1 ? subject.find('.') : std::string_view::npos;
         const auto rest = dot == std::string_view::npos ? "" : subject.substr(dot + 1);
-        children_[std::string(subject.substr(0, dot))].add(rest, row);
+        children_[std::string(subject.substr(0, dot))].add(rest, row, depth - 1);
     }
 
     // Elements with one child only share a line with it.

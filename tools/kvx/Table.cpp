@@ -14,6 +14,9 @@ namespace kvx::tool {
 
 namespace {
 
+// A longer cell makes its own line longer, not all of them.
+constexpr std::size_t kMostWidth = 200;
+
 // Of a text in UTF-8, in characters.
 std::size_t widthOf(const std::string& text) {
     return static_cast<std::size_t>(
@@ -40,14 +43,14 @@ std::vector<std::string> Table::lines() const {
     std::vector<std::size_t> widths(isRight_.size());
     for (const auto& cells : lines_) {
         for (std::size_t i = 0; i < cells.size(); ++i) {
-            widths[i] = std::max(widths[i], widthOf(cells[i]));
+            widths[i] = std::clamp(widthOf(cells[i]), widths[i], kMostWidth);
         }
     }
     std::vector<std::string> texts;
     for (const auto& cells : lines_) {
         std::string line;
         for (std::size_t i = 0; i < cells.size(); ++i) {
-            const std::string fill(widths[i] - widthOf(cells[i]), ' ');
+            const std::string fill(widths[i] - std::min(widths[i], widthOf(cells[i])), ' ');
             line += isRight_[i] ? fill + cells[i] : cells[i] + fill;
             line += "  ";
         }

@@ -24,7 +24,10 @@ class Top {
           subjects_(client.net(), bus::kSubjectsSubject, taken(&TopView::Answers::subjects)) {}
 
     void start() {
-        if (!options_.connection.json) screen_.emplace();
+        if (!options_.connection.json && !screen_.emplace().isOpen()) {
+            error_ = "nothing is known of this kind of terminal: see TERM";
+            return client_.leave(kFailure);
+        }
         ask();
         ticker_.emplace(client_.net(), static_cast<unsigned long>(options_.interval * 1'000),
                         bus::Ticker::Repeat::Forever, [this] { ask(); });

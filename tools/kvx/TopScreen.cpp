@@ -5,6 +5,7 @@
 
 #include <clocale>
 #include <cstddef>
+#include <cstdio>
 
 namespace kvx::tool {
 
@@ -25,7 +26,8 @@ int lookOf(TopView::Line::Look look) {
 
 TopScreen::TopScreen() {
     std::setlocale(LC_CTYPE, "");
-    initscr();
+    isOpen_ = newterm(nullptr, stdout, stdin) != nullptr;
+    if (!isOpen_) return;
     cbreak();
     noecho();
     nonl();
@@ -40,7 +42,7 @@ TopScreen::TopScreen() {
 }
 
 TopScreen::~TopScreen() {
-    endwin();
+    if (isOpen_) endwin();
 }
 
 void TopScreen::show(TopView& view, const TopView::Answers& answers) {

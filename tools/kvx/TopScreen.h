@@ -11,6 +11,8 @@ class TopScreen {
   public:
     TopScreen();
     ~TopScreen();
+    /// False when nothing is known of this kind of terminal; nothing may be shown then.
+    [[nodiscard]] bool isOpen() const { return isOpen_; }
     TopScreen(const TopScreen&) = delete;
     TopScreen& operator=(const TopScreen&) = delete;
 
@@ -18,6 +20,9 @@ class TopScreen {
 
     /// The next key that was pressed, as the view knows it; nothing when there is none.
     static std::optional<int> key();
+
+  private:
+    bool isOpen_ = false;
 };
 
 }  // namespace kvx::tool

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Text.h"
 #include "tools/bus/Output.h"
 #include "tools/kvx/DaemonAnswers.h"
 #include "tools/kvx/DaemonView.h"
@@ -49,7 +50,7 @@ std::string adviceFor(const Json& session) {
 }
 
 void printSession(const Json& session, const Json& status) {
-    bus::printLine(headline(session));
+    bus::printLine(printable(headline(session)));
     bus::printLine(
         fmt::format("  takes       {} messages/s", countText(numberIn(session, "delivered_rate"))));
     bus::printLine(fmt::format(

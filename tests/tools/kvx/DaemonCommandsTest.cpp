@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tests/support/ScriptedDaemon.h"
 #include "tests/system/Installation.h"
 #include "tools/kvx/TopView.h"
 
@@ -46,7 +47,9 @@ TEST_F(DaemonCommands, ShowWhoListensWhatFlowsAndHowTheDaemonIs) {
     EXPECT_EQ(status["pid"], bus_.daemon().pid());
     EXPECT_TRUE(holds(kvx("status"), "process " + std::to_string(bus_.daemon().pid())));
     EXPECT_TRUE(holds(kvx("why-slow"), "nobody is slow"));
-    EXPECT_EQ(bus_.shell("kvx trace A..B").status, 2);
+    for (const char* none : {"A..B", "''"}) {
+        EXPECT_EQ(bus_.shell(std::string("kvx trace ") + none).status, 2) << none;
+    }
 }
 
 TEST_F(DaemonCommands, NameWhoHoldsUpMessages) {
@@ -101,6 +104,9 @@ TEST_F(DaemonCommands, TopDrawsOnATerminalAndPrintsObjects) {
     const auto update = nlohmann::json::parse(kvx("top --json --count 1"));
     EXPECT_EQ(update["sessions"].size(), 1U);
     EXPECT_EQ(update["status"]["pid"], bus_.daemon().pid());
+    const Ended strange = bus_.shell("TERM=nothing script -qfec 'kvx top' /dev/null </dev/null");
+    EXPECT_EQ(strange.status, 1);
+    EXPECT_TRUE(holds(strange.output, "kvx: nothing is known of this kind of terminal"));
     // The keys come once the screen is there.
     const std::string drawn = bus_.path("drawn");
     const Ended live = bus_.shell("mkfifo keys; { until grep -q SESSION " + drawn +
@@ -109,6 +115,54 @@ TEST_F(DaemonCommands, TopDrawsOnATerminalAndPrintsObjects) {
                                   "rows 24 cols 80; kvx top' " +
                                   drawn);
     EXPECT_EQ(live.status, 0) << live.errors;
+}
+
+// Answers every question with `fields`, as a daemon that is damaged, or none, might.
+void answerAll(test::PeerLink& link, const RvMsg& fields) {
+    link.welcome();
+    for (auto message = link.readMessage(); message.size() > kHeaderBytes;
+         message = link.readMessage()) {
+        const auto reply = test::textOf(message, wire::field::kReturn);
+        const auto subject = wire::readRouting(message).subject;
+        const auto asked = SubjectView::parse(subject.data(), subject.size());
+        if (!reply || !asked || asked->first() != "_RVD") continue;
+        link.send(wire::buildData(test::encodedSubject(*reply), nullptr, 0,
+                                  {RVMSG_MSG, 0, fields.data()}));
+    }
+}
+
+// Names are those that any session has given itself: they may hold what a terminal obeys.
+TEST_F(DaemonCommands, ShowAnyAnswerWithoutHarm) {
+    std::string deep;
+    for (int i = 0; i < 1'000'000; ++i) deep += "a.";
+    const std::string wild = "\x1b[2J\r\n\xff";
+    RvMsg row;
+    for (const char* name : {"name", "address", "service", "subject", "listen"}) {
+        row.append(name, wild.c_str());
+    }
+    const std::uint64_t one = 1;
+    row.append("behind_ms", RVMSG_UINT, sizeof one, &one);
+    row.append("rate", std::numeric_limits<double>::quiet_NaN());
+    RvMsg deepRow;
+    deepRow.append("subject", deep.c_str());
+    RvMsg answer;
+    answer.append("part", RVMSG_UINT, sizeof one, &one);
+    for (const char* name : {"version", "address", "session", "subject", "match", "memory"}) {
+        answer.append(name, wild.c_str());
+    }
+    for (const char* name : {"address", "session", "subject", "match"}) {
+        answer.append(name, RVMSG_MSG, 0, row.data());
+    }
+    answer.append("subject", RVMSG_MSG, 0, deepRow.data());
+    answer.append("last", RVMSG_BOOLEAN, 1, "\1");
+    for (const char* command : {"status", "sessions", "subjects", "subjects --tree", "trace A",
+                                "why-slow A", "top --json --count 1", "status --json"}) {
+        test::ScriptedDaemon daemon([&](test::PeerLink& link) { answerAll(link, answer); });
+        const Ended ended =
+            bus_.shell(std::string("kvx ") + command + " --daemon " + daemon.text());
+        EXPECT_EQ(ended.status, 0) << command << ended.errors;
+        EXPECT_EQ(ended.output.find_first_of("\x1b\r"), std::string::npos) << command;
+    }
 }
 
 TEST(TopView, FitsAnyTerminalSortsAndFilters) {
