@@ -30,7 +30,10 @@ class Input {
   public:
     Input(const std::uint8_t* bytes, std::size_t length) : rest_(bytes, length) {}
     std::uint16_t next() {
-        if (rest_.size() < 2) return 0;
+        if (rest_.size() < 2) {
+            rest_ = {};
+            return 0;
+        }
         const std::uint16_t number = loadBig16(rest_.data());
         rest_ = rest_.subspan(2);
         return number;

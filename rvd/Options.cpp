@@ -123,7 +123,7 @@ void describe(CLI::App& app, Texts& texts) {
         "Keep the last messages in a file of so many bytes, with k, M or G, that outlives "
         "a crash (also -recorder)");
     app.add_option("--recorder-file", texts.recorderFile,
-                   "That file; below the user's directory for states unless given (also "
+                   "That file; in /dev/shm, named after user and address, unless given (also "
                    "-recorder-file)");
     app.add_option("--recorder-bytes", texts.recorderBytes,
                    "How many bytes are kept of each message, with k, M or G (also -recorder-bytes)")

@@ -19,14 +19,19 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// Files there are never written to a disk, which costs the daemon a fault for each page again and
+// again.
+constexpr const char* kInMemory = "/dev/shm";
 constexpr Nanoseconds kPerMillisecond = 1'000'000;
 constexpr Nanoseconds kClockSet = 100 * kPerMillisecond;  // a difference that is no noise
 
 std::string pathFor(const Recorder::Settings& settings, const std::string& address) {
-    if (!settings.path.empty()) return settings.path;
-    const std::string directory = platform::stateDirectory();
+    std::error_code error;
+    if (!settings.path.empty()) return fs::absolute(settings.path, error).string();
+    const bool hasMemory = fs::is_directory(kInMemory, error);
+    const std::string directory = hasMemory ? kInMemory : platform::stateDirectory();
     if (directory.empty()) return {};
-    std::string name = "rvd-" + address;
+    std::string name = "rvd-" + platform::userName() + '-' + address;
     std::ranges::replace_if(
         name, [](char c) { return c == '/' || c == ':'; }, '-');
     return directory + '/' + name + ".ring";
@@ -62,7 +67,7 @@ Recorder::Recorder(std::string path, platform::MappedFile file, recording::Recor
 std::unique_ptr<Recorder> Recorder::create(const Settings& settings, const std::string& address,
                                            Line::Clock clock, std::string& error) {
     const std::string path = pathFor(settings, address);
-    error = path.empty() ? "no directory for states" : makeWay(path);
+    error = path.empty() ? "no directory for it" : makeWay(path);
     platform::MappedFile file;
     if (error.empty()) {
         const std::uint64_t capacity = recording::padded(settings.size);
@@ -82,7 +87,7 @@ std::unique_ptr<Recorder> Recorder::create(const Settings& settings, const std::
 std::unique_ptr<Recorder> Recorder::goOn(const Settings& settings, const std::string& address,
                                          Line::Clock clock, std::string& error) {
     const std::string path = pathFor(settings, address);
-    const recording::RecordingReader old(path);
+    recording::RecordingReader old(path);
     const bool isSame = old.problem().empty() && old.capacity() == recording::padded(settings.size);
     platform::MappedFile file;
     if (isSame) file = platform::MappedFile::open(path, error);

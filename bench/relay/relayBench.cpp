@@ -242,7 +242,8 @@ void askCalls(int rounds) {
     row.print();
 }
 
-// The same stream through a daemon that records it and through one that does not.
+// The same stream through a daemon that records it and through one that does not. The figure asked
+// is of a recording in memory: TMPDIR=/dev/shm.
 void askRecorder(int rounds) {
     const std::tuple<const char*, Way, std::size_t, std::size_t> streams[] = {
         {"128 bytes, raw", Way::Raw, 128, 2 * kMessages},

@@ -44,7 +44,15 @@ bool isOn(const Entry& entry, SubjectView pattern) {
 
 RecordingReader::RecordingReader(const std::string& path) {
     problem_ = open(path);
-    if (!problem_.empty()) return;
+}
+
+std::uint64_t RecordingReader::end() {
+    findNewest();
+    return end_;
+}
+
+void RecordingReader::findNewest() {
+    if (std::exchange(hasLooked_, true)) return;
     std::uint64_t newest = 0;
     while (const auto found = find(available_)) {
         if (!entryOf(*found) || found->position + found->record.size() <= end_) continue;
@@ -155,7 +163,7 @@ std::optional<Entry> RecordingReader::entryOf(const Found& found) const {
 }
 
 std::optional<Entry> RecordingReader::next() {
-    if (end_ == 0) return std::nullopt;
+    if (end() == 0) return std::nullopt;
     const std::uint64_t newestEnd = (end_ - 1) % capacity_ + 1;
     for (;;) {
         const auto found = find(hasTurned_ ? std::min(newestEnd, available_) : available_);

@@ -26,7 +26,7 @@ namespace kvx::recording {
 /// message. One thread.
 class KVX_API RecordingReader {
   public:
-    /// Opens the file and looks for the newest record. `problem` tells whether that went well.
+    /// Opens the file and reads its head. `problem` tells whether that went well.
     explicit RecordingReader(const std::string& path);
 
     /// Why it cannot be read; empty when it can.
@@ -39,8 +39,8 @@ class KVX_API RecordingReader {
     [[nodiscard]] std::uint64_t capacity() const { return capacity_; }
     /// When it was made, in nanoseconds since the epoch.
     [[nodiscard]] std::uint64_t created() const { return created_; }
-    /// The position behind its newest record: where it goes on.
-    [[nodiscard]] std::uint64_t end() const { return end_; }
+    /// The position behind its newest record: where it goes on. 0 when it has none.
+    [[nodiscard]] std::uint64_t end();
     /// Records so far whose head is sound and whose content is not.
     [[nodiscard]] std::uint64_t damaged() const { return damaged_; }
 
@@ -51,6 +51,7 @@ class KVX_API RecordingReader {
     };
 
     [[nodiscard]] std::string open(const std::string& path);
+    void findNewest();
     [[nodiscard]] std::span<const std::uint8_t> view(std::uint64_t offset, std::size_t bytes);
     [[nodiscard]] std::optional<Found> find(std::uint64_t until);
     [[nodiscard]] std::optional<Entry> entryOf(const Found& found) const;
@@ -61,6 +62,7 @@ class KVX_API RecordingReader {
     std::uint64_t available_ = 0;  // bytes of the ring that the file has
     std::uint64_t seed_ = 0;
     std::uint64_t created_ = 0;
+    bool hasLooked_ = false;  // for the newest record, which the following depends on
     std::uint64_t end_ = 0;
     std::uint64_t at_ = 0;        // offset in the ring of what is read next
     bool hasTurned_ = false;      // it has come to the start of the ring

@@ -82,6 +82,10 @@ TEST_F(Recording, KeepsTheFileOfTheFormerRunAndTakesNoOtherOne) {
         later.settle();
         EXPECT_EQ(textsIn(path_ + ".1", "WORK"), std::vector<std::string>{"first"});
         EXPECT_EQ(textsIn(path_, "WORK"), std::vector<std::string>{"second"}) << "while it runs";
+        ASSERT_EQ(daemon.replace(), "");
+        later.publish("WORK", "third");
+        later.settle();
+        EXPECT_EQ(textsIn(path_, "WORK"), (std::vector<std::string>{"second", "third"}));
     }
     std::ofstream(path_) << "something else";
     EXPECT_NE(refusal(options("64k")).find("cannot record in " + path_), std::string::npos);

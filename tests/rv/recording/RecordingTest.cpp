@@ -78,7 +78,7 @@ TEST_F(RecordingTest, HasTheLastMessagesWithoutAGapAtEveryPlaceOfItsEnd) {
 TEST_F(RecordingTest, GoesOnBehindItsLastMessage) {
     for (int i = 0; i < 100; ++i) record();
     const auto before = read();
-    const RecordingReader reader(directory_.file("ring"));
+    RecordingReader reader(directory_.file("ring"));
     writer_ = RecordingWriter(memory_, reader.end());
     for (int i = 0; i < 3; ++i) record();
     const auto after = read();
