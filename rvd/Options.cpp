@@ -83,7 +83,7 @@ struct Texts {
     std::string queueLimit = "64M";
     std::string memory = kHalf;
     std::string recorder;
-    std::string recorderBytes = "4k";
+    std::string recorderBytes = "512";
     std::string recorderFile;
     int verbose = 0;
     bool quiet = false;
