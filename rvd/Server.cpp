@@ -143,7 +143,8 @@ void Server::begin() {
         address_ += (address_.empty() ? "" : " ") + listener->text();
     }
     tickedAt_ = now();
-    const std::size_t descriptors = platform::raiseDescriptorLimit();
+    // Those of connections that were taken over are in use already.
+    const std::size_t descriptors = platform::raiseDescriptorLimit() + open_;
     mostOpen_ = descriptors > kSpareDescriptors ? descriptors - kSpareDescriptors : 1;
     startTick(kTickMs);
     uv_prepare_start(&turn_, [](uv_prepare_t* turn) { serverOf(turn->data)->onTurn(); });
