@@ -1,12 +1,15 @@
 // How one daemon takes the place of another without anybody noticing.
 //
 // The old one starts its successor, which says hello: until then nothing has changed. Then the old
-// one pauses: it reads nothing more, and goes on until what it has read is routed and what the
-// sockets take at once is written. What a socket does not take waits in a queue, as ever, and is
-// handed over with it. When all are quiet, it writes its state into a file in memory and sends that
-// with the descriptors of all sockets; from then on it waits, and does nothing. The successor
-// restores all, and touches no socket before the old one has said "go", which is the last that it
-// does. When anything fails before that, the successor is ended, and the old one goes on.
+// one pauses: it reads and writes nothing more, but for answers to inquiries, and goes on until
+// what it has read is routed. What is not written waits in a queue, as ever. When all are quiet, it
+// writes its state into a file in memory and sends that with the descriptors of all sockets; from
+// then on it waits, and does nothing. The successor restores all, and touches no socket before the
+// old one has said "go", which is the last that it does. When anything fails before that, the
+// successor is ended, and the old one goes on. When the old one ends without a word, killed since
+// memory is short, the successor begins: it alone has what both had.
+//
+// Signals that come meanwhile are passed on to the successor.
 //
 // A message has been written whole, in part, or not at all: the queue knows how far, so that no
 // byte is lost or doubled. Times are of the monotonic clock, which both read.
@@ -82,6 +85,8 @@ void Connection::restore(StateReader& state, platform::Descriptor socket) {
     state.into(published_.bytes);
     peer_->restore(state);
     outbox_.restore(state);
+    publishedBefore_ = published_.messages;
+    pace_.begin(outbox_.totals());
     if (!state.boolean()) return;
     const std::string service(state.text());
     const std::string network(state.text());
@@ -151,31 +156,44 @@ bool Server::isQuiet() const {
     const bool withAnswers = now() < replaceBy_ - kQuietMs + kAnswersMs;
     const bool isAccepting = std::ranges::any_of(
         listeners_, [](const auto& listener) { return listener->wait != Listener::Wait::Nothing; });
-    return line_.empty() && !hasToClearUp() && !isAccepting &&
+    return !hasToClearUp() && !isAccepting &&
            std::ranges::all_of(connections_, [withAnswers](const auto& numbered) {
                return numbered.second->isQuiet(withAnswers);
            });
 }
 
 void Server::handOver() {
-    std::string error;
+    platform::blockSignals(handledSignals());
+    const std::string error = give();
+    if (error.empty()) {
+        const unsigned long pid = successor_->pid();
+        log_.info("replaced by process " + std::to_string(pid) + ", version " +
+                  successor_->version() + ", which has " + std::to_string(connections_.size()) +
+                  " connections");
+        tellServing(pid);
+        if (successor_->go()) {
+            while (const int signal = platform::awaitSignal(handledSignals(), 0)) {
+                platform::sendSignal(pid, signal);
+            }
+            platform::exitNow(0);
+        }
+        tellServing(platform::processId());
+    }
+    platform::unblockSignals(handledSignals());
+    keepOn(error.empty() ? "it has ended" : error);
+}
+
+std::string Server::give() {
     try {
         const platform::Descriptor file = platform::MemoryFile::create();
         StateWriter state(file.get());
         std::vector<int> descriptors;
         save(state, descriptors);
         state.flush();
-        error = successor_->give(file.get(), descriptors);
+        return successor_->give(file.get(), descriptors);
     } catch (const std::exception& failed) {
-        error = failed.what();
+        return failed.what();
     }
-    if (!error.empty()) return keepOn(error);
-    log_.info("replaced by process " + std::to_string(successor_->pid()) + ", version " +
-              successor_->version() + ", which has " + std::to_string(connections_.size()) +
-              " connections");
-    tellReplacedBy(successor_->pid());
-    if (!successor_->go()) return keepOn("it has ended");
-    platform::exitNow(0);
 }
 
 // Those that follow come last: the successor tells them of the listens of all others.

@@ -70,6 +70,7 @@ class Server : private Observed {
     void keepOn(const std::string& reason);
     [[nodiscard]] bool isQuiet() const;
     void handOver();
+    [[nodiscard]] std::string give();
     void save(StateWriter& state, std::vector<int>& descriptors);
     void restore(StateReader& state, Predecessor& predecessor);
     void onConnection(Listener& listener, int status);
