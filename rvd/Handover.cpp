@@ -106,6 +106,7 @@ void Connection::resume() {
 
 void Server::replace() {
     if (stopping_ || successor_) return;
+    if (platform::processId() == 1) return keepOn("it is process 1, whose end ends its container");
     successor_.emplace();
     const std::uint64_t available = platform::availableMemoryBytes();
     if (available != 0 && account_.used() > available / kCopies) {
