@@ -104,6 +104,15 @@ void Connection::resume() {
     context_.batch.add(*this);
 }
 
+// No exception may pass libuv, which is C.
+void Server::tryTo(void (Server::*step)()) noexcept {
+    try {
+        (this->*step)();
+    } catch (const std::exception& failed) {
+        keepOn(failed.what());
+    }
+}
+
 void Server::replace() {
     if (stopping_ || successor_) return;
     if (platform::processId() == 1) return keepOn("it is process 1, whose end ends its container");
@@ -121,11 +130,13 @@ void Server::replace() {
     }
     log_.info("starting a successor, process " + std::to_string(successor_->pid()));
     replaceBy_ = now() + kStartMs;
+    reserveWatchers(static_cast<std::size_t>(successor_->descriptor()));
     hello_ = new uv_poll_t;
     uv_poll_init(&loop_, hello_, successor_->descriptor());
     hello_->data = this;
-    uv_poll_start(hello_, UV_READABLE,
-                  [](uv_poll_t* poll, int, int) { static_cast<Server*>(poll->data)->onHello(); });
+    uv_poll_start(hello_, UV_READABLE, [](uv_poll_t* poll, int, int) {
+        static_cast<Server*>(poll->data)->tryTo(&Server::onHello);
+    });
 }
 
 void Server::hearNoMore() {
@@ -142,12 +153,17 @@ void Server::onHello() {
     for (auto& [number, connection] : connections_) connection->pause();
 }
 
-void Server::keepOn(const std::string& reason) {
-    log_.error("not replaced: " + reason);
+// What fails is said, if there is memory for that, and the daemon goes on.
+void Server::keepOn(std::string_view reason) noexcept {
     ++replaceFailures_;
-    replaceError_ = reason;
+    try {
+        replaceError_ = reason;
+        log_.error("not replaced: " + replaceError_);
+    } catch (const std::bad_alloc&) {  // the number of failures tells
+    }
     hearNoMore();
     successor_.reset();
+    platform::unblockSignals(handledSignals());
     if (!std::exchange(isPaused_, false)) return;
     for (auto& [number, connection] : connections_) connection->resume();
     batch_.end();
@@ -165,36 +181,25 @@ bool Server::isQuiet() const {
 
 void Server::handOver() {
     platform::blockSignals(handledSignals());
-    const std::string error = give();
-    if (error.empty()) {
-        const unsigned long pid = successor_->pid();
-        log_.info("replaced by process " + std::to_string(pid) + ", version " +
-                  successor_->version() + ", which has " + std::to_string(connections_.size()) +
-                  " connections");
-        tellServing(pid);
-        if (successor_->go()) {
-            while (const int signal = platform::awaitSignal(handledSignals(), 0)) {
-                platform::sendSignal(pid, signal);
-            }
-            platform::exitNow(0);
+    const platform::Descriptor file = platform::MemoryFile::create();
+    StateWriter state(file.get());
+    std::vector<int> descriptors;
+    save(state, descriptors);
+    state.flush();
+    const std::string error = successor_->give(file.get(), descriptors);
+    if (!error.empty()) return keepOn(error);
+    const unsigned long pid = successor_->pid();
+    log_.info("replaced by process " + std::to_string(pid) + ", version " + successor_->version() +
+              ", which has " + std::to_string(connections_.size()) + " connections");
+    tellServing(pid);
+    if (successor_->go()) {
+        while (const int signal = platform::awaitSignal(handledSignals(), 0)) {
+            platform::sendSignal(pid, signal);
         }
-        tellServing(platform::processId());
+        platform::exitNow(0);
     }
-    platform::unblockSignals(handledSignals());
-    keepOn(error.empty() ? "it has ended" : error);
-}
-
-std::string Server::give() {
-    try {
-        const platform::Descriptor file = platform::MemoryFile::create();
-        StateWriter state(file.get());
-        std::vector<int> descriptors;
-        save(state, descriptors);
-        state.flush();
-        return successor_->give(file.get(), descriptors);
-    } catch (const std::exception& failed) {
-        return failed.what();
-    }
+    tellServing(platform::processId());
+    keepOn("it has ended");
 }
 
 // Those that follow come last: the successor tells them of the listens of all others.

@@ -155,7 +155,8 @@ void Server::begin() {
         platform::signal_number::user1());
     uv_signal_start(&interrupt_, onSignal, platform::signal_number::interrupt());
     uv_signal_start(
-        &replace_, [](uv_signal_t* handle, int) { serverOf(handle->data)->replace(); },
+        &replace_,
+        [](uv_signal_t* handle, int) { serverOf(handle->data)->tryTo(&Server::replace); },
         platform::signal_number::user2());
     platform::unblockSignals(handledSignals());
 }
@@ -262,7 +263,7 @@ void Server::onClosed(const Connection& connection) {
 
 void Server::onTurn() {
     batch_.end();
-    if (isPaused_ && isQuiet()) handOver();
+    if (isPaused_ && isQuiet()) tryTo(&Server::handOver);
     line_.nextTurn();
     acceptedNow_ = 0;
     if (line_.empty() && !hasToClearUp() && !isNextWaiting()) {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/Log.h"
@@ -67,10 +68,10 @@ class Server : private Observed {
     void replace();
     void onHello();
     void hearNoMore();
-    void keepOn(const std::string& reason);
+    void keepOn(std::string_view reason) noexcept;
+    void tryTo(void (Server::*step)()) noexcept;
     [[nodiscard]] bool isQuiet() const;
     void handOver();
-    [[nodiscard]] std::string give();
     void save(StateWriter& state, std::vector<int>& descriptors);
     void restore(StateReader& state, Predecessor& predecessor);
     void onConnection(Listener& listener, int status);
