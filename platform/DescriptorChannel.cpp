@@ -30,7 +30,7 @@ bool DescriptorChannel::waitFor(short events, Milliseconds timeout) const noexce
     for (;;) {
         pollfd entry{end_.get(), events, 0};
         const Milliseconds left = std::clamp<Milliseconds>(until - monotonicMs(), 0, INT_MAX);
-        const int ready = ::poll(&entry, 1, static_cast<int>(left));
+        const int ready = ::poll(&entry, 1, timeout < 0 ? -1 : static_cast<int>(left));
         if (ready >= 0 || errno != EINTR) return ready > 0;
     }
 }

@@ -20,6 +20,7 @@ class KVX_API DescriptorChannel {
   public:
     static constexpr std::size_t kMostBytes = 64 * 1024;  ///< of a message
     static constexpr std::size_t kMostDescriptors = 250;  ///< with one message
+    static constexpr Milliseconds kForever = -1;          ///< a time-out that does not come
 
     struct Message {
         std::vector<std::uint8_t> bytes;

@@ -56,6 +56,9 @@ int hangup() noexcept {
 int brokenPipe() noexcept {
     return SIGPIPE;
 }
+int fileSize() noexcept {
+    return SIGXFSZ;
+}
 int user1() noexcept {
     return SIGUSR1;
 }

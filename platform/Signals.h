@@ -14,6 +14,7 @@ namespace signal_number {
 [[nodiscard]] KVX_API int terminate() noexcept;   ///< SIGTERM
 [[nodiscard]] KVX_API int hangup() noexcept;      ///< SIGHUP
 [[nodiscard]] KVX_API int brokenPipe() noexcept;  ///< SIGPIPE
+[[nodiscard]] KVX_API int fileSize() noexcept;    ///< SIGXFSZ
 [[nodiscard]] KVX_API int user1() noexcept;       ///< SIGUSR1
 [[nodiscard]] KVX_API int user2() noexcept;       ///< SIGUSR2
 }  // namespace signal_number

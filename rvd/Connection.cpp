@@ -222,9 +222,9 @@ void Connection::work() {
     // Else the batch ends after the turns of all in the line: what is routed lies in `rest_`.
     if (rest_.empty()) endBatch();
     if (state_ >= State::Failed) return;
-    const bool mayWrite = writingBytes_ == 0 && !outbox_.empty() && !Batch::has(*this);
+    const bool hasToWrite = mayWrite() && !Batch::has(*this);
     const bool hasWork =
-        isTrimming_ || !arrived_.empty() || routing_ || mayWrite || mayTell() || mayAnswer();
+        isTrimming_ || !arrived_.empty() || routing_ || hasToWrite || mayTell() || mayAnswer();
     if (hasWork) return context_.line.join(*this);
     guard([this] { endIfDone(); });
     if (state_ < State::Failed && !isReading_ && !startReading()) fail(UV_ENOMEM);
@@ -291,8 +291,7 @@ void Connection::flush() {
     if (state_ == State::Closed || Line::isWaiting(*this)) return;
     if (!context_.line.hasWrittenMuch()) writeWaiting(false);
     if (state_ == State::Failed) return destroy();
-    const bool mayWrite = writingBytes_ == 0 && !outbox_.empty();
-    if (mayWrite || mayTell() || mayAnswer()) return context_.line.join(*this);
+    if (mayWrite() || mayTell() || mayAnswer()) return context_.line.join(*this);
     endIfDone();
 }
 
@@ -302,13 +301,19 @@ void Connection::endIfDone() {
     if (state_ == State::PeerEnded) destroy();
 }
 
+// While the daemon is being replaced, only what has to go before the rest of an answer.
+bool Connection::mayWrite() const {
+    const bool isHeld = context_.isPaused && (!answers_ || answers_->empty());
+    return writingBytes_ == 0 && !outbox_.empty() && !isHeld;
+}
+
 // Until the socket takes no more, or long enough.
 void Connection::writeWaiting(bool isOwnTurn) {
     if (state_ >= State::Failed) return;
     const bool isBrief = !isOwnTurn && context_.line.isCrowded();
     const std::size_t most = isBrief ? kWriteForOthers : kWriteAtOnce;
     std::size_t written = 0;
-    while (writingBytes_ == 0 && !outbox_.empty()) {
+    while (mayWrite()) {
         const std::size_t some = writeSome(most);
         written += some;
         if (some == 0) return;

@@ -44,7 +44,7 @@ struct ConnectionContext {
     const std::unique_ptr<Recorder>& recorder;  ///< null: nothing is recorded
     const Reports& reports;
     std::size_t queueLimit;     ///< queued bytes per session
-    const bool& isPaused;       ///< nothing is read: the daemon is being replaced
+    const bool& isPaused;       ///< neither reads nor writes: the daemon is being replaced
     std::size_t stepsAtOnce;    ///< of a match, between two looks at the clock
     std::uint32_t hostAddress;  ///< host byte order; reported to local clients as their own
     const Admission& admission;
@@ -210,6 +210,7 @@ class Connection final : private MemoryHolder,
     [[nodiscard]] bool startReading();
     void onWritten(int status);
     void noteWritten();
+    [[nodiscard]] bool mayWrite() const;
     void writeWaiting(bool isOwnTurn);
     std::size_t writeSome(std::size_t most);
     void endIfDone();

@@ -1,12 +1,15 @@
 // How one daemon takes the place of another without anybody noticing.
 //
 // The old one starts its successor, which says hello: until then nothing has changed. Then the old
-// one pauses: it reads nothing more, and goes on until what it has read is routed and what the
-// sockets take at once is written. What a socket does not take waits in a queue, as ever, and is
-// handed over with it. When all are quiet, it writes its state into a file in memory and sends that
-// with the descriptors of all sockets; from then on it waits, and does nothing. The successor
-// restores all, and touches no socket before the old one has said "go", which is the last that it
-// does. When anything fails before that, the successor is ended, and the old one goes on.
+// one pauses: it reads and writes nothing more, but for answers to inquiries, and goes on until
+// what it has read is routed. What is not written waits in a queue, as ever. When all are quiet, it
+// writes its state into a file in memory and sends that with the descriptors of all sockets; from
+// then on it waits, and does nothing. The successor restores all, and touches no socket before the
+// old one has said "go", which is the last that it does. When anything fails before that, the
+// successor is ended, and the old one goes on. When the old one ends without a word, killed since
+// memory is short, the successor begins: it alone has what both had.
+//
+// Signals that come meanwhile are passed on to the successor.
 //
 // A message has been written whole, in part, or not at all: the queue knows how far, so that no
 // byte is lost or doubled. Times are of the monotonic clock, which both read.
@@ -82,6 +85,8 @@ void Connection::restore(StateReader& state, platform::Descriptor socket) {
     state.into(published_.bytes);
     peer_->restore(state);
     outbox_.restore(state);
+    publishedBefore_ = published_.messages;
+    pace_.begin(outbox_.totals());
     if (!state.boolean()) return;
     const std::string service(state.text());
     const std::string network(state.text());
@@ -99,8 +104,18 @@ void Connection::resume() {
     context_.batch.add(*this);
 }
 
+// No exception may pass libuv, which is C.
+void Server::tryTo(void (Server::*step)()) noexcept {
+    try {
+        (this->*step)();
+    } catch (const std::exception& failed) {
+        keepOn(failed.what());
+    }
+}
+
 void Server::replace() {
     if (stopping_ || successor_) return;
+    if (platform::processId() == 1) return keepOn("it is process 1, whose end ends its container");
     successor_.emplace();
     const std::uint64_t available = platform::availableMemoryBytes();
     if (available != 0 && account_.used() > available / kCopies) {
@@ -115,11 +130,13 @@ void Server::replace() {
     }
     log_.info("starting a successor, process " + std::to_string(successor_->pid()));
     replaceBy_ = now() + kStartMs;
+    reserveWatchers(static_cast<std::size_t>(successor_->descriptor()));
     hello_ = new uv_poll_t;
     uv_poll_init(&loop_, hello_, successor_->descriptor());
     hello_->data = this;
-    uv_poll_start(hello_, UV_READABLE,
-                  [](uv_poll_t* poll, int, int) { static_cast<Server*>(poll->data)->onHello(); });
+    uv_poll_start(hello_, UV_READABLE, [](uv_poll_t* poll, int, int) {
+        static_cast<Server*>(poll->data)->tryTo(&Server::onHello);
+    });
 }
 
 void Server::hearNoMore() {
@@ -136,12 +153,17 @@ void Server::onHello() {
     for (auto& [number, connection] : connections_) connection->pause();
 }
 
-void Server::keepOn(const std::string& reason) {
-    log_.error("not replaced: " + reason);
+// What fails is said, if there is memory for that, and the daemon goes on.
+void Server::keepOn(std::string_view reason) noexcept {
     ++replaceFailures_;
-    replaceError_ = reason;
+    try {
+        replaceError_ = reason;
+        log_.error("not replaced: " + replaceError_);
+    } catch (const std::bad_alloc&) {  // the number of failures tells
+    }
     hearNoMore();
     successor_.reset();
+    platform::unblockSignals(handledSignals());
     if (!std::exchange(isPaused_, false)) return;
     for (auto& [number, connection] : connections_) connection->resume();
     batch_.end();
@@ -151,31 +173,33 @@ bool Server::isQuiet() const {
     const bool withAnswers = now() < replaceBy_ - kQuietMs + kAnswersMs;
     const bool isAccepting = std::ranges::any_of(
         listeners_, [](const auto& listener) { return listener->wait != Listener::Wait::Nothing; });
-    return line_.empty() && !hasToClearUp() && !isAccepting &&
+    return !hasToClearUp() && !isAccepting &&
            std::ranges::all_of(connections_, [withAnswers](const auto& numbered) {
                return numbered.second->isQuiet(withAnswers);
            });
 }
 
 void Server::handOver() {
-    std::string error;
-    try {
-        const platform::Descriptor file = platform::MemoryFile::create();
-        StateWriter state(file.get());
-        std::vector<int> descriptors;
-        save(state, descriptors);
-        state.flush();
-        error = successor_->give(file.get(), descriptors);
-    } catch (const std::exception& failed) {
-        error = failed.what();
-    }
+    platform::blockSignals(handledSignals());
+    const platform::Descriptor file = platform::MemoryFile::create();
+    StateWriter state(file.get());
+    std::vector<int> descriptors;
+    save(state, descriptors);
+    state.flush();
+    const std::string error = successor_->give(file.get(), descriptors);
     if (!error.empty()) return keepOn(error);
-    log_.info("replaced by process " + std::to_string(successor_->pid()) + ", version " +
-              successor_->version() + ", which has " + std::to_string(connections_.size()) +
-              " connections");
-    tellReplacedBy(successor_->pid());
-    if (!successor_->go()) return keepOn("it has ended");
-    platform::exitNow(0);
+    const unsigned long pid = successor_->pid();
+    log_.info("replaced by process " + std::to_string(pid) + ", version " + successor_->version() +
+              ", which has " + std::to_string(connections_.size()) + " connections");
+    tellServing(pid);
+    if (successor_->go()) {
+        while (const int signal = platform::awaitSignal(handledSignals(), 0)) {
+            platform::sendSignal(pid, signal);
+        }
+        platform::exitNow(0);
+    }
+    tellServing(platform::processId());
+    keepOn("it has ended");
 }
 
 // Those that follow come last: the successor tells them of the listens of all others.

@@ -20,6 +20,11 @@ class Pace {
         bool isBehind = false;  ///< messages were dropped, and it does not keep up again
         std::string text;       ///< what to log of the peer, when `isBehind` has changed
     };
+    /// Takes what a queue that was taken over has been through as seen.
+    void begin(const Outbox::Totals& totals) {
+        deliveriesSeen_ = totals.delivered;
+        lossesSeen_ = lossesToldOf_ = totals.dropped;
+    }
     /// `elapsed`: since the last look. A peer keeps up again when nothing was dropped since the
     /// last look, and the queue, of that limit in bytes, is empty or goes down. Throws
     /// `std::bad_alloc`.

@@ -157,7 +157,8 @@ void Server::begin() {
         address_ += (address_.empty() ? "" : " ") + listener->text();
     }
     tickedAt_ = now();
-    const std::size_t descriptors = platform::raiseDescriptorLimit();
+    // Those of connections that were taken over are in use already.
+    const std::size_t descriptors = platform::raiseDescriptorLimit() + open_;
     mostOpen_ = descriptors > kSpareDescriptors ? descriptors - kSpareDescriptors : 1;
     startTick(kTickMs);
     uv_prepare_start(&turn_, [](uv_prepare_t* turn) { serverOf(turn->data)->onTurn(); });
@@ -168,7 +169,8 @@ void Server::begin() {
         platform::signal_number::user1());
     uv_signal_start(&interrupt_, onSignal, platform::signal_number::interrupt());
     uv_signal_start(
-        &replace_, [](uv_signal_t* handle, int) { serverOf(handle->data)->replace(); },
+        &replace_,
+        [](uv_signal_t* handle, int) { serverOf(handle->data)->tryTo(&Server::replace); },
         platform::signal_number::user2());
     platform::unblockSignals(handledSignals());
 }
@@ -275,7 +277,7 @@ void Server::onClosed(const Connection& connection) {
 
 void Server::onTurn() {
     batch_.end();
-    if (isPaused_ && isQuiet()) handOver();
+    if (isPaused_ && isQuiet()) tryTo(&Server::handOver);
     line_.nextTurn();
     acceptedNow_ = 0;
     if (line_.empty() && !hasToClearUp() && !isNextWaiting()) {

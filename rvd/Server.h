@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/Log.h"
@@ -68,7 +69,8 @@ class Server : private Observed {
     void replace();
     void onHello();
     void hearNoMore();
-    void keepOn(const std::string& reason);
+    void keepOn(std::string_view reason) noexcept;
+    void tryTo(void (Server::*step)()) noexcept;
     [[nodiscard]] bool isQuiet() const;
     void handOver();
     void save(StateWriter& state, std::vector<int>& descriptors);

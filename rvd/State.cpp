@@ -21,7 +21,7 @@ void StateWriter::append(const void* data, std::size_t size) {
 }
 
 void StateWriter::flush() {
-    if (!platform::MemoryFile::write(file_, buffer_)) throw StateError("no memory for the state");
+    if (!platform::MemoryFile::write(file_, buffer_)) throw StateError("no room for the state");
     buffer_.clear();
 }
 

@@ -118,9 +118,9 @@ platform::Descriptor Predecessor::next() {
 }
 
 bool Predecessor::begin() {
-    if (!channel_.send(bytesOf(kReady), {}, kAnswerMs)) return false;
-    const auto message = channel_.receive(kAnswerMs);
-    return message && textOf(message->bytes) == kGo;
+    (void)channel_.send(bytesOf(kReady), {}, kAnswerMs);
+    const auto message = channel_.receive(platform::DescriptorChannel::kForever);
+    return !message || textOf(message->bytes) == kGo;
 }
 
 void Predecessor::refuse(const std::string& reason) {

@@ -19,7 +19,8 @@ namespace kvx::rvd {
 ///     new: ready                                      it has restored all, and touched nothing
 ///     old: go                                         it ends at once, and touches nothing more
 ///
-/// Either says "no" with a reason instead, which ends it: the old one goes on.
+/// Either says "no" with a reason instead, which ends it: the old one goes on. It ends a successor
+/// before it closes the channel, so that the end of the channel tells a ready one to begin.
 class Successor {
   public:
     /// Starts `program`, whose arguments make it take over at descriptor `Program::kInherited`.
@@ -60,7 +61,8 @@ class Predecessor {
     /// Those that are left, in order.
     [[nodiscard]] platform::Descriptor next();
 
-    /// True when the predecessor ends: everything may be used from now on.
+    /// True when the predecessor ends, or has ended since it handed everything over, which it did
+    /// not touch any more: everything may be used from now on.
     [[nodiscard]] bool begin();
     void refuse(const std::string& reason);
 

@@ -16,7 +16,7 @@ void tellReady() {
 }
 
 // Else it might learn first that this process has ended, and start another one.
-void tellReplacedBy(unsigned long pid) {
+void tellServing(unsigned long pid) {
     if (sd_notifyf(0, "MAINPID=%lu", pid) > 0) (void)sd_notify_barrier(0, kHeardUs);
 }
 

@@ -4,7 +4,7 @@ namespace kvx::rvd {
 
 /// Tells whoever supervises this process as a service that it serves. Does nothing without one.
 void tellReady();
-/// Tells it that another process is the service from now on, and waits until it knows.
-void tellReplacedBy(unsigned long pid);
+/// Tells it that this process is the service from now on, and waits until it knows.
+void tellServing(unsigned long pid);
 
 }  // namespace kvx::rvd

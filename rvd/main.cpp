@@ -12,8 +12,9 @@
 int main(int argc, char** argv) {
     // Otherwise a socket could get the descriptor of a closed stream, and the log.
     kvx::platform::reserveStandardStreams();
-    // Writing to a closed pipe is an error.
+    // Writing to a closed pipe is an error, and so is writing more than a file may have.
     kvx::platform::ignoreSignal(kvx::platform::signal_number::brokenPipe());
+    kvx::platform::ignoreSignal(kvx::platform::signal_number::fileSize());
     kvx::platform::returnLargeBlocks();
     const auto commandLine = kvx::rvd::parseCommandLine(argc, argv);
     if (commandLine.exitStatus) return *commandLine.exitStatus;

@@ -1,11 +1,13 @@
 // The daemon in a thread of this process, where any allocation may fail.
 
 #include <signal.h>
+#include <sys/wait.h>
 
 #include <thread>
 
 #include "rv/wire/Buffer.h"
 #include "rvd/Server.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FailingNew.h"
 #include "tests/support/Ledger.h"
 #include "tests/support/RawClient.h"
@@ -27,6 +29,8 @@ class ServedHere {
         rvd::Options options;
         options.queueLimit = 2'000;
         options.stepsAtOnce = 1;
+        options.program.path = "/bin/false";
+        options.program.arguments = {"false"};
         server_ = std::make_unique<rvd::Server>(options, platform::Log());
         if (!server_->start()) throw std::runtime_error("cannot listen");
         const std::string& text = server_->address();
@@ -43,6 +47,8 @@ class ServedHere {
     ~ServedHere() {
         if (thread_.joinable()) stop();
     }
+    /// By a program that ends without a word.
+    void replace() { pthread_kill(thread_.native_handle(), SIGUSR2); }
     // True when an allocation has failed.
     bool stop() {
         pthread_kill(thread_.native_handle(), SIGTERM);
@@ -108,7 +114,9 @@ TEST_P(NoMemory, EndsConnectionsAndNeverTheDaemonAtAnyAllocation) {
         testing::internal::CaptureStderr();
         {
             ServedHere daemon(news, GetParam());
+            if (GetParam() == 1) daemon.replace();
             playScript(daemon.port());
+            EXPECT_TRUE(eventually([] { return waitpid(-1, nullptr, WNOHANG) < 0; })) << "a child";
             hasFailed = daemon.stop();
         }
         const std::string log = testing::internal::GetCapturedStderr();

@@ -209,6 +209,30 @@ TEST_F(Upgrade, OneThatFailsLeavesTheOldOneServingAndSaysWhy) {
     EXPECT_EQ(daemon->replace(), "");
 }
 
+TEST_F(Upgrade, ASignalWhileItHandsOverIsPassedOnAndItsDeathIsNoLoss) {
+    for (const std::string fault : {"ends", "kills"}) {
+        install(KVX_RVD_ODD);
+        std::ofstream(path + ".fault") << fault;
+        EXPECT_EQ(daemon->replace(), "");
+        const bool isToEnd = daemon->log().find("took over and is to end") != std::string::npos;
+        EXPECT_EQ(isToEnd, fault == "ends");
+        install(KVX_RVD_PROGRAM);
+        daemon->restart();
+    }
+}
+
+TEST_F(Upgrade, ThereIsAsMuchRoomForConnectionsAsBefore) {
+    Daemon small({}, {}, "ulimit -n 80", path);
+    std::vector<RawClient> clients;
+    for (int i = 0; i < 40; ++i) {
+        clients.push_back(RawClient::session(small.port()));
+        if (i == 30) {
+            EXPECT_EQ(small.replace(), "");
+        }
+    }
+    for (RawClient& client : clients) client.settle();
+}
+
 TEST_F(Upgrade, IsToldToWhoeverSupervisesTheService) {
     const std::string name = directory.file("notify");
     sockaddr_un address{AF_UNIX, {}};
