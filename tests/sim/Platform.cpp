@@ -2,6 +2,7 @@
 // the client and the daemon use: the same declarations, over the virtual world.
 
 #include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 #include "platform/Clock.h"
@@ -127,6 +128,22 @@ std::optional<std::string> findOnPath(const std::string& /*name*/) {
 Started startDaemon(const Program& /*program*/, const std::string& /*logName*/) {
     return {};
 }
+std::string stateDirectory() {
+    return {};
+}
+// Nobody replaces the daemon.
+Started startChild(const Program& /*program*/) {
+    return {};
+}
+bool killAndReap(unsigned long /*pid*/, Milliseconds /*grace*/) {
+    return false;
+}
+bool sendSignal(unsigned long /*pid*/, int /*signal*/) noexcept {
+    return false;
+}
+void exitNow(int status) {
+    std::_Exit(status);
+}
 std::size_t raiseDescriptorLimit() {
     return kDescriptors;
 }
@@ -196,3 +213,9 @@ PollSet::Slot PollSet::slot(std::size_t i) const noexcept {
 }
 
 }  // namespace kvx::platform
+
+namespace kvx::rvd {
+
+void tellServing(unsigned long /*pid*/) {}  // no process is supervised
+
+}  // namespace kvx::rvd

@@ -256,6 +256,15 @@ int uv_tcp_init(uv_loop_t* loop, uv_tcp_t* handle) {
 int uv_pipe_init(uv_loop_t* loop, uv_pipe_t* handle, int /*ipc*/) {
     return kvx::sim::begin(loop, handle);
 }
+int uv_poll_init(uv_loop_t* /*loop*/, uv_poll_t* /*handle*/, int /*descriptor*/) {
+    return UV_ENOSYS;
+}
+int uv_poll_start(uv_poll_t* /*handle*/, int /*events*/, uv_poll_cb /*ready*/) {
+    return UV_ENOSYS;
+}
+int uv_tcp_open(uv_tcp_t* /*handle*/, uv_os_sock_t /*socket*/) {
+    return UV_ENOSYS;
+}
 int uv_pipe_open(uv_pipe_t* /*handle*/, uv_file /*descriptor*/) {
     return UV_ENOSYS;
 }
