@@ -5,6 +5,7 @@
 #include "rvd/Payload.h"
 
 #include <new>
+#include <utility>
 
 namespace kvx::rvd {
 namespace {
@@ -29,6 +30,11 @@ void Payload::operator delete(void* memory) noexcept {
     if (spareCount == kMostSpares) return ::operator delete(memory);
     ++spareCount;
     spares = new (memory) Spare{spares};
+}
+
+SparePayloads::~SparePayloads() {
+    while (spares != nullptr) ::operator delete(std::exchange(spares, spares->next));
+    spareCount = 0;
 }
 
 PayloadRef Payload::borrow(wire::Bytes bytes) {

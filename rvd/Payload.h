@@ -99,4 +99,14 @@ class PayloadRef {
     Payload* payload_ = nullptr;
 };
 
+/// Gives back the memory that is kept of payloads that are gone. One of a process, which outlives
+/// them all.
+class SparePayloads {
+  public:
+    SparePayloads() = default;
+    SparePayloads(const SparePayloads&) = delete;
+    SparePayloads& operator=(const SparePayloads&) = delete;
+    ~SparePayloads();
+};
+
 }  // namespace kvx::rvd

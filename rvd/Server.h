@@ -21,6 +21,7 @@
 #include "rvd/Listener.h"
 #include "rvd/MemoryAccount.h"
 #include "rvd/Options.h"
+#include "rvd/Payload.h"
 #include "rvd/RareWarning.h"
 #include "rvd/Recorder.h"
 #include "rvd/Reports.h"
@@ -101,6 +102,7 @@ class Server : private Observed {
     void logStop() noexcept;
     void logCounters() noexcept;
 
+    const SparePayloads spares_;  // ends last
     const Options options_;
     platform::Log log_;
 
