@@ -9,6 +9,9 @@
 /// thread; each call's text stays in one piece.
 namespace kvx::bus {
 
+/// Empties a terminal.
+inline constexpr const char* kClearScreen = "\033[H\033[2J";
+
 /// Writes a text. After a failure nothing more is written.
 void print(std::string_view text);
 

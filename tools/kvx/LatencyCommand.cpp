@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <optional>
 #include <string>
 
@@ -22,7 +23,6 @@ namespace kvx::tool {
 namespace {
 
 constexpr unsigned long kLookMs = 1'000;
-constexpr const char* kClearScreen = "\033[H\033[2J";
 constexpr double kBarWidth = 40;  // characters of the longest
 
 Table histogramOf(const Json& answer) {
@@ -34,7 +34,7 @@ Table histogramOf(const Json& answer) {
         const double share = realIn(bucket, "copies") / static_cast<double>(most);
         table.add({delayText(numberIn(bucket, "from_ns")), delayText(numberIn(bucket, "below_ns")),
                    countText(numberIn(bucket, "copies")),
-                   std::string(static_cast<std::size_t>(share * kBarWidth + 0.5), '#')});
+                   std::string(static_cast<std::size_t>(std::lround(share * kBarWidth)), '#')});
     }
     return table;
 }
@@ -90,7 +90,7 @@ class Latency {
         answer_ = answer;
         answeredAt_ = platform::monotonicMs();
         if (isLive_) {
-            bus::print(kClearScreen);
+            bus::print(bus::kClearScreen);
             show();
             bus::flushOutput();
         }

@@ -33,7 +33,6 @@ namespace kvx::tool {
 namespace {
 
 constexpr unsigned long kTickMs = 1000;
-constexpr const char* kClearScreen = "\033[H\033[2J";
 constexpr const char* kNoWrap = "\033[?7l";
 constexpr const char* kWrap = "\033[?7h";
 
@@ -123,7 +122,7 @@ class Services {
 
     void redraw() {
         const auto lines = serviceLines(table_.services(), platform::monotonicMs(), colour_);
-        bus::print(std::string(kClearScreen) + kNoWrap);
+        bus::print(std::string(bus::kClearScreen) + kNoWrap);
         printLines(fittingLines(lines, platform::terminalHeight(stdout)));
         bus::print(kWrap);
         if (table_.size() == 0) bus::printLine("(nothing yet; services beat every 10 seconds)");
