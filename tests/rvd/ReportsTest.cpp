@@ -8,6 +8,7 @@
 #include "rv/message/RvMsgIterator.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/RawClient.h"
+#include "tests/support/Sanitizer.h"
 
 namespace kvx::test {
 namespace {
@@ -315,11 +316,12 @@ double differenceOfDelays(std::uint16_t port, const std::string& name) {
 
 // Once is enough: beside other work a receiver may get its time late.
 TEST_F(Asking, IsToldTheDelaysThatTheTwoEndsMeasure) {
+    const double most = kIsWatched ? 0.3 : 0.05;
     double difference = 1;
-    for (int i = 0; i < 10 && difference > 0.05; ++i) {
+    for (int i = 0; i < 8 && difference > most; ++i) {
         difference = differenceOfDelays(daemon.port(), "WORK" + std::to_string(i));
     }
-    EXPECT_LE(difference, 0.05);
+    EXPECT_LE(difference, most);
     Asker asker(daemon.port());
     EXPECT_GT(numberIn(asker.answer("_RVD.STATUS")[0], "latency.copies"), 0U);
 }
