@@ -123,8 +123,8 @@ void Server::replace() {
                       " bytes that it holds");
     }
     platform::Program program = options_.program;
-    for (const char* const argument : {"--take-over", "3"})
-        program.arguments.emplace_back(argument);
+    program.arguments.emplace_back(kTakeOver);
+    program.arguments.push_back(std::to_string(platform::Program::kInherited));
     if (const std::string error = successor_->start(std::move(program)); !error.empty()) {
         return keepOn(error);
     }

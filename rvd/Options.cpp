@@ -25,7 +25,6 @@ namespace {
 
 constexpr const char* kProgram = "rvd";
 constexpr const char* kHalf = "half";
-constexpr std::string_view kTakeOver = "--take-over";
 constexpr std::uint64_t kLeastRecorder = 64U << 10U;  // bytes
 
 // Options with one dash, which the library uses when it starts a daemon.
@@ -64,7 +63,7 @@ platform::Program programOf(int argc, const char* const* argv) {
             ? std::filesystem::absolute(name, error).string()
             : platform::findOnPath(name).value_or(platform::programDirectory() + '/' + name);
     for (int i = 0; i < argc; ++i) {
-        if (argv[i] == kTakeOver) {
+        if (std::string_view(argv[i]) == kTakeOver) {
             ++i;  // with its descriptor
         } else {
             program.arguments.emplace_back(argv[i]);
@@ -130,7 +129,7 @@ void describe(CLI::App& app, Texts& texts) {
         ->capture_default_str();
     app.add_flag("-v,--verbose", texts.verbose, "Log every connection");
     app.add_flag("-q,--quiet", texts.quiet, "Log errors only");
-    app.add_option("--take-over", texts.takeOver)->group("");  // by the daemon that is replaced
+    app.add_option(kTakeOver, texts.takeOver)->group("");  // by the daemon that is replaced
     app.add_flag("--counters", texts.counters, "Print the daemon's counters, and end");
 }
 

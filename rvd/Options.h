@@ -15,6 +15,8 @@
 namespace kvx::rvd {
 
 inline constexpr std::uint64_t kDefaultQueueLimit = 64ULL << 20U;  ///< bytes per session
+/// With the descriptor of a channel to the daemon that is replaced; for its successor only.
+inline constexpr const char* kTakeOver = "--take-over";
 
 /// Where to accept: at a TCP address, or at a unix socket.
 struct ListenAddress {
