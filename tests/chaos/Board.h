@@ -26,6 +26,7 @@ struct Board {
         std::atomic<std::int64_t> ahead;  ///< ms that its monotonic clock is ahead
         // Written by the peer.
         std::atomic<bool> isConnected;
+        std::atomic<bool> isCutOff;                  ///< after it was connected
         std::atomic<int> losses;                     ///< of its connection
         std::array<std::atomic<int>, kPeers> heard;  ///< the last calm in which it heard that peer
         std::array<std::atomic<int>, kPeers> replied;  ///< in which that peer's reply reached it

@@ -142,7 +142,7 @@ Chaos::Child Chaos::start(const std::string& program,
 void Chaos::start(int door) {
     Board::Peer& slot = board_->peers.at(door);
     ++slot.incarnation;
-    slot.isConnected = false;
+    slot.isConnected = slot.isCutOff = false;
     clients_.at(door) =
         start(KVX_CHAOS_CLIENT,
               {directory_.file("board"), std::to_string(proxy_.port(door)), std::to_string(door)});
@@ -247,10 +247,11 @@ bool Chaos::isDeaf(int peer) const {
     return std::ranges::any_of(slot.heard, isLate) || std::ranges::any_of(slot.replied, isLate);
 }
 
+// Who has never been connected tries without a pause: a step amid its attempt would fail it.
 void Chaos::wakeWhoIsCutOff() {
     for (int door = 0; door < kDoors; ++door) {
         Board::Peer& slot = board_->peers.at(door);
-        if (slot.isConnected) continue;
+        if (!slot.isCutOff) continue;
         slot.ahead += 16'000;
         clients_.at(door)->kill(SIGWINCH);
     }
@@ -292,7 +293,7 @@ std::string Chaos::checkDaemon() {
     if (descriptors_ == 0) descriptors_ = descriptors();
     if (queries_.empty() && !eventually([&] { return descriptors() <= descriptors_; }))
         wrong += "the daemon has " + std::to_string(descriptors()) + " descriptors, at first " +
-                 std::to_string(descriptors_) + "\n";
+                 std::to_string(descriptors_) + ":\n" + test::listOfDescriptors(daemon_.pid());
     const auto resident = [this] { return test::residentBytes(daemon_.pid()); };
     if (!kHasSanitizer && !eventually([&] { return resident() <= kMostResident; }))
         wrong += "the daemon has " + std::to_string(resident()) + " bytes\n";

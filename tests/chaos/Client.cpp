@@ -51,6 +51,7 @@ void begin(Board::Peer& slot) {
 
 int noteLoss(rv_Session, const void*, void*) {
     self->isConnected = false;
+    self->isCutOff = true;
     ++self->losses;
     return 0;
 }
@@ -59,6 +60,7 @@ void watchConnection(rv_Session session) {
     self->isConnected = true;
     const auto back = [](rv_Session, const void*, void*) {
         self->isConnected = true;
+        self->isCutOff = false;
         return 0;
     };
     rv_AddHook(session, RV_HOOK_DISCONNECT, noteLoss, nullptr);

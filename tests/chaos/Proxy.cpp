@@ -8,17 +8,25 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 
 namespace kvx::chaos {
 
 namespace {
 
 constexpr int kLookMs = 2;
-constexpr int kBuffer = 16 * 1024;  // of the kernel: who does not read is felt soon
-constexpr int kSegment = 1'400;     // else the daemon's end holds megabytes
+constexpr int kBuffer = 16 * 1024;  // of the kernel
+// Of loopback's 64 KiB a small buffer drops some, and what was dropped comes again after minutes.
+constexpr int kSegment = 1'400;
 
 bool wouldBlock(int error) {
     return error == platform::socket_error::kWouldBlock;
+}
+
+// Both ends keep little for each other, and are felt soon when they do not read.
+void narrow(const platform::Socket& socket) {
+    platform::setBufferSizes(socket.get(), kBuffer, kBuffer);
+    setsockopt(socket.get(), IPPROTO_TCP, TCP_MAXSEG, &kSegment, sizeof kSegment);
 }
 
 void closeWithReset(platform::Socket& socket) {
@@ -34,7 +42,7 @@ Proxy::Proxy(std::uint16_t daemon, int doors)
     for (Door& door : doors_) {
         int error = 0;
         door.listener = platform::listenTcp({platform::kLoopbackAddress, 0}, error);
-        platform::setBufferSizes(door.listener.get(), kBuffer, kBuffer);
+        narrow(door.listener);
         platform::setNonBlocking(door.listener.get(), true);
     }
     thread_ = std::thread([this] { run(); });
@@ -138,8 +146,7 @@ void Proxy::accept(Door& door) {
 void Proxy::connect(Pair& pair) const {
     int error = 0;
     platform::Socket socket = platform::createTcpSocket(error);
-    platform::setBufferSizes(socket.get(), kBuffer, kBuffer);
-    setsockopt(socket.get(), IPPROTO_TCP, TCP_MAXSEG, &kSegment, sizeof kSegment);
+    narrow(socket);
     if (platform::connectSocket(socket.get(), {platform::kLoopbackAddress, daemon_}) != 0) return;
     platform::setNonBlocking(socket.get(), true);
     platform::setNoDelay(socket.get(), true);
@@ -150,10 +157,16 @@ std::size_t Proxy::someOf(const Limit& limit) {
     return limit.piece < kAtOnce ? 1 + random_() % limit.piece : kAtOnce;
 }
 
-// Returns the bytes that it wrote. A failed socket counts as ended at both its ends.
+// Returns the bytes that it wrote. A failed socket counts as ended at both its ends. What comes for
+// an end that was shut is lost: left unread, it would hold up what goes the other way.
 std::size_t Proxy::move(Flow& flow, const platform::Socket& from, const platform::Socket& to,
                         const Limit& limit) {
     if (limit.piece == 0 || Clock::now() < flow.next) return 0;
+    if (flow.isShut) {
+        std::array<std::byte, kAtOnce> lost;
+        platform::receiveSome(from.get(), lost);
+        return 0;
+    }
     if (flow.held.empty() && !flow.isEnded) {
         flow.held.resize(someOf(limit));
         const auto got = platform::receiveSome(from.get(), flow.held);

@@ -24,4 +24,15 @@ inline long long openDescriptors(int pid) {
     return std::distance(all, {});
 }
 
+/// What they are, one a line: "7 socket:[4711]".
+inline std::string listOfDescriptors(int pid) {
+    std::string list;
+    std::error_code ignored;
+    const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd", ignored);
+    for (const auto& one : all)
+        list += one.path().filename().string() + ' ' +
+                std::filesystem::read_symlink(one, ignored).string() + '\n';
+    return list;
+}
+
 }  // namespace kvx::test
