@@ -391,6 +391,7 @@ void Connection::tick(platform::Milliseconds elapsed) {
         publishedBefore_ = published_.messages;
         refreshTold();
         if (arrived_.empty()) rest_ = std::vector<std::uint8_t>();  // `= {}` would keep its memory
+        outbox_.rest();
         chargeIncoming();
         if (state_ == State::Open) peer_->tick(now());
     });

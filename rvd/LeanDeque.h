@@ -7,8 +7,8 @@
 
 namespace kvx::rvd {
 
-/// A deque that holds no memory while it is empty: there is one for each session, and most of them
-/// are empty most of the time.
+/// A deque that can give its memory back while it is empty: there is one for each session, and most
+/// of them are empty most of the time.
 template <class Element>
 class LeanDeque {
     using Deque = std::deque<Element>;
@@ -36,13 +36,13 @@ class LeanDeque {
         deque_->insert(place, std::move(element));
     }
 
-    void pop_front() {
-        deque_->pop_front();
-        rest();
-    }
-    void erase(const_iterator first, const_iterator last) {
-        deque_->erase(first, last);
-        rest();
+    void pop_front() { deque_->pop_front(); }
+    void erase(const_iterator first, const_iterator last) { deque_->erase(first, last); }
+
+    /// Gives the memory back when it is empty. Now and then: for each message it would cost more
+    /// than the message.
+    void rest() {
+        if (empty()) deque_.reset();
     }
 
   private:
@@ -50,11 +50,8 @@ class LeanDeque {
         if (!deque_) deque_ = std::make_unique<Deque>();
         return *deque_;
     }
-    void rest() {
-        if (deque_->empty()) deque_.reset();
-    }
 
-    std::unique_ptr<Deque> deque_;  // null: empty
+    std::unique_ptr<Deque> deque_;  // null until the first element
 };
 
 }  // namespace kvx::rvd

@@ -101,6 +101,9 @@ class Outbox {
     /// stay in place until `written` has covered them. The queue must not be empty.
     [[nodiscard]] wire::Bytes pinFront();
 
+    /// Gives back the memory of places that nothing is in: about once a second.
+    void rest() { entries_.rest(); }
+
     /// For the daemon that takes this one's place. A queue that is restored must be new.
     void save(StateWriter& state) const;
     void restore(StateReader& state);
