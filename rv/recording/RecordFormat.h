@@ -62,6 +62,12 @@ class Check {
     Check(std::uint64_t seed, std::uint64_t position)
         : lanes_{seed, seed + position, seed ^ position, ~seed} {}
 
+    /// Takes the three numbers that a record's head ends with.
+    void take(std::uint64_t first, std::uint64_t second, std::uint64_t third) {
+        lanes_[0] = (lanes_[0] ^ first) * kMultiplier;
+        lanes_[1] = (lanes_[1] ^ second) * kMultiplier;
+        lanes_[2] = (lanes_[2] ^ third) * kMultiplier;
+    }
     /// Takes `count` bytes, the last word of them padded with zeros.
     void take(const std::uint8_t* bytes, std::size_t count) {
         each(bytes, count, [](std::size_t, std::uint64_t) {});
@@ -76,19 +82,34 @@ class Check {
     }
 
   private:
+    // The lanes by constant indices only, which lets them stay in registers.
     template <class Use>
     void each(const std::uint8_t* bytes, std::size_t count, Use&& use) {
-        const auto take = [&](std::size_t lane, std::size_t at, std::uint64_t word) {
+        const auto step = [&](std::uint64_t& lane, std::size_t at, std::uint64_t word) {
             use(at, word);
-            lanes_[lane] = (lanes_[lane] ^ word) * kMultiplier;
+            lane = (lane ^ word) * kMultiplier;
         };
+        auto [a, b, c, d] = lanes_;
         std::size_t at = 0;
         for (; at + 32 <= count; at += 32) {
-            for (std::size_t i = 0; i < 4; ++i) take(i, at + 8 * i, loadBig64(bytes + at + 8 * i));
+            step(a, at, loadBig64(bytes + at));
+            step(b, at + 8, loadBig64(bytes + at + 8));
+            step(c, at + 16, loadBig64(bytes + at + 16));
+            step(d, at + 24, loadBig64(bytes + at + 24));
         }
-        std::size_t lane = 0;
-        for (; at + 8 <= count; at += 8) take(lane++, at, loadBig64(bytes + at));
-        if (at != count) take(lane, at, lastWord(bytes + at, count - at));
+        const std::size_t words = (count - at) / 8;
+        if (words > 0) step(a, at, loadBig64(bytes + at));
+        if (words > 1) step(b, at + 8, loadBig64(bytes + at + 8));
+        if (words > 2) step(c, at + 16, loadBig64(bytes + at + 16));
+        at += 8 * words;
+        if (at != count) {
+            const std::uint64_t last = lastWord(bytes + at, count - at);
+            if (words == 0) step(a, at, last);
+            if (words == 1) step(b, at, last);
+            if (words == 2) step(c, at, last);
+            if (words == 3) step(d, at, last);
+        }
+        lanes_ = {a, b, c, d};
     }
 
     // Of 1 to 7 bytes.

@@ -17,6 +17,11 @@ std::string_view nameOf(std::string_view name) {
     return name.substr(0, kMostNameBytes);
 }
 
+static_assert(kAtSubjectSize == kAtMessageSize + 4 && kAtServiceSize == kAtMessageSize + 6 &&
+                  kAtNetworkSize == kAtMessageSize + 7 && kAtMessageSize == kAtTime + 16 &&
+                  kRecordHeadBytes == kAtTime + 24,
+              "`add` writes the sizes as one number, and takes the head as three");
+
 std::size_t fixedBytes(const Entry& entry) {
     return static_cast<std::size_t>(kRecordHeadBytes + padded(entry.subject.length()) +
                                     padded(nameOf(entry.service).size()) +
@@ -69,14 +74,15 @@ void RecordingWriter::add(const Entry& entry) noexcept {
     storeBig32(record + kAtHeadCheck, headCheck(seed_, position_, shortLength));
     storeBig64(record + kAtTime, entry.time);
     storeBig64(record + kAtSession, entry.session);
-    storeBig32(record + kAtMessageSize, entry.messageSize);
-    storeBig16(record + kAtSubjectSize, static_cast<std::uint16_t>(entry.subject.length()));
-    record[kAtServiceSize] = static_cast<std::uint8_t>(service.size());
-    record[kAtNetworkSize] = static_cast<std::uint8_t>(network.size());
+    const std::uint64_t sizes = std::uint64_t{entry.messageSize} << 32U |
+                                std::uint64_t{entry.subject.length() & 0xFFFF} << 16U |
+                                service.size() << 8U | network.size();
+    storeBig64(record + kAtMessageSize, sizes);
     Check check(seed_, position_);
-    check.take(record + kAtTime, kRecordHeadBytes - kAtTime);
+    check.take(entry.time, entry.session, sizes);
     std::uint8_t* at = record + kRecordHeadBytes;
     const auto append = [&](const void* bytes, std::size_t count) {
+        if (count == 0) return;
         check.copy(at, bytes, count);
         at += padded(count);
     };
