@@ -24,8 +24,7 @@ std::string textOf(int error) {
 // Closes the descriptor, which a mapping does not need.
 MappedFile MappedFile::mapped(int descriptor, std::size_t size, std::string& error) {
     MappedFile file;
-    void* const memory =
-        ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, descriptor, 0);
+    void* const memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
     if (memory == MAP_FAILED) {
         error = textOf(errno);
     } else {

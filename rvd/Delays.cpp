@@ -8,8 +8,9 @@
 
 namespace kvx::rvd {
 
-Delays::Summary::Summary(const Histogram& histogram)
-    : copies(histogram.count()),
+Delays::Summary::Summary(const Histogram& histogram, Nanoseconds time)
+    : measured(time),
+      copies(histogram.count()),
       least(histogram.least()),
       most(histogram.most()),
       p50(histogram.quantile(0.5)),
@@ -57,7 +58,7 @@ std::optional<Delays::Summary> Delays::ask(const Router::Session& asker, Subject
         inUse_ |= static_cast<DelayMark::Probes>(1U << (place - probes_.begin()));
     }
     (*place)->askedAt = now;
-    return Summary((*place)->delays);
+    return Summary((*place)->delays, clock_() - (*place)->startedAt);
 }
 
 Delays::Summary Delays::ofSamples() const {
@@ -66,11 +67,20 @@ Delays::Summary Delays::ofSamples() const {
     return Summary(both);
 }
 
+void Delays::forget(const Router::Session& asker) noexcept {
+    for (std::size_t i = 0; i < kProbes; ++i) {
+        if (probes_[i] && probes_[i]->asker == asker.number()) end(i);
+    }
+}
+
+void Delays::end(std::size_t place) noexcept {
+    probes_[place].reset();
+    inUse_ &= static_cast<DelayMark::Probes>(~(1U << place));
+}
+
 void Delays::tick(platform::Milliseconds now) noexcept {
     for (std::size_t i = 0; i < kProbes; ++i) {
-        if (!probes_[i] || now - probes_[i]->askedAt <= kLeaseMs) continue;
-        probes_[i].reset();
-        inUse_ &= static_cast<DelayMark::Probes>(~(1U << i));
+        if (probes_[i] && now - probes_[i]->askedAt > kLeaseMs) end(i);
     }
     if (now - windowBegan_ < kWindowMs) return;
     windowBegan_ = now;

@@ -31,8 +31,9 @@ class Delays {
 
     /// What is known of the delays of some messages, in nanoseconds.
     struct Summary {
-        explicit Summary(const Histogram& histogram);
+        explicit Summary(const Histogram& histogram, Nanoseconds time = 0);
 
+        Nanoseconds measured;  // for so long; 0: of samples
         std::uint64_t copies = 0;
         std::uint64_t least = 0;
         std::uint64_t most = 0;
@@ -67,6 +68,9 @@ class Delays {
     /// Of samples of all messages, of the last ten to twenty seconds. Throws `std::bad_alloc`.
     [[nodiscard]] Summary ofSamples() const;
 
+    /// That session is gone: its probes are free for others.
+    void forget(const Router::Session& asker) noexcept;
+
     /// About once a second.
     void tick(platform::Milliseconds now) noexcept;
 
@@ -82,6 +86,7 @@ class Delays {
         Histogram delays;
     };
 
+    void end(std::size_t place) noexcept;
     [[nodiscard]] DelayMark::Probes probesFor(const Router::Session& from,
                                               SubjectView subject) const noexcept;
 

@@ -209,6 +209,9 @@ void Server::save(StateWriter& state, std::vector<int>& descriptors) {
     state.number(static_cast<std::uint64_t>(startedAt_));
     state.number(static_cast<std::uint64_t>(bornAt_));
     counters_.save(state);
+    const auto recorder = recorder_ ? recorder_->place() : Recorder::Place();
+    state.number(recorder.seed);
+    state.number(recorder.position);
     router_.save(state);
     state.number(listeners_.size());
     for (const auto& listener : listeners_) {
@@ -251,7 +254,7 @@ bool Server::takeOver(int descriptor) {
     for (const auto& listener : listeners_) {
         if (error = listener->listen(); !error.empty()) log_.error(listener->text() + ": " + error);
     }
-    (void)startRecording(Recorder::goOn);  // it serves without, too
+    (void)startRecording(recorderBefore_);  // it serves without, too
     for (auto& [number, connection] : connections_) connection->resume();
     begin();
     batch_.end();
@@ -268,6 +271,8 @@ void Server::restore(StateReader& state, Predecessor& predecessor) {
     state.into(bornAt_);
     Counters counters;
     counters.restore(state);
+    state.into(recorderBefore_.seed);
+    state.into(recorderBefore_.position);
     router_.restore(state);
     for (std::uint64_t left = state.number(); left > 0; --left) {
         ListenAddress address;

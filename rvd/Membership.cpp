@@ -199,6 +199,7 @@ void Connection::leaveSession() {
     routing_.reset();
     answers_.reset();
     if (session_ == nullptr) return;
+    context_.delays.forget(*session_);
     context_.router.leave(*std::exchange(session_, nullptr));
     setCharge(Holding::Listens, 0);
     context_.account.setOrphaned(context_.router.orphanedBytes());

@@ -26,6 +26,7 @@ namespace {
 constexpr const char* kProgram = "rvd";
 constexpr const char* kHalf = "half";
 constexpr std::uint64_t kLeastRecorder = 64U << 10U;  // bytes
+constexpr std::uint64_t kLeastKept = 8;               // messages, however long
 
 // Options with one dash, which the library uses when it starts a daemon.
 constexpr std::array<std::string_view, 10> kOneDash = {
@@ -125,7 +126,8 @@ void describe(CLI::App& app, Texts& texts) {
                    "That file; in /dev/shm, named after user and address, unless given (also "
                    "-recorder-file)");
     app.add_option("--recorder-bytes", texts.recorderBytes,
-                   "How many bytes are kept of each message, with k, M or G (also -recorder-bytes)")
+                   "How many bytes are kept of each message, with k, M or G, at most an eighth of "
+                   "the recording (also -recorder-bytes)")
         ->capture_default_str();
     app.add_flag("-v,--verbose", texts.verbose, "Log every connection");
     app.add_flag("-q,--quiet", texts.quiet, "Log errors only");
@@ -189,7 +191,7 @@ std::string takeRecorder(const Texts& texts, Recorder::Settings& recorder) {
     }
     const auto bytes = parseBytes(texts.recorderBytes);
     if (!bytes) return "'" + texts.recorderBytes + "' is no number of bytes (with k, M or G)";
-    recorder = {*size, *bytes, texts.recorderFile};
+    recorder = {*size, std::min(*bytes, *size / kLeastKept), texts.recorderFile};
     return {};
 }
 

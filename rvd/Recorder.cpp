@@ -38,13 +38,18 @@ std::string pathFor(const Recorder::Settings& settings, const std::string& addre
 }
 
 // Only a recording gives way. Returns an empty text, or the error.
-std::string makeWay(const std::string& path) {
+std::string makeWay(const std::string& path, const std::string& aside) {
     std::error_code error;
-    if (!fs::exists(fs::symlink_status(path, error))) return {};
-    const recording::RecordingReader old(path);
-    if (!old.problem().empty()) return "something has that path: " + old.problem();
-    fs::rename(path, path + ".1", error);
-    return error ? error.message() : "";
+    for (const std::string& taken : {path, aside}) {
+        if (!fs::exists(fs::symlink_status(taken, error))) {
+            if (taken == path) return {};
+            continue;
+        }
+        const recording::RecordingReader old(taken);
+        if (!old.problem().empty()) return taken + ": something has that path: " + old.problem();
+    }
+    fs::rename(path, aside, error);
+    return error ? path + ": " + error.message() : "";
 }
 
 std::uint64_t seed() {
@@ -67,13 +72,11 @@ Recorder::Recorder(std::string path, platform::MappedFile file, recording::Recor
 std::unique_ptr<Recorder> Recorder::create(const Settings& settings, const std::string& address,
                                            Line::Clock clock, std::string& error) {
     const std::string path = pathFor(settings, address);
-    error = path.empty() ? "no directory for it" : makeWay(path);
-    platform::MappedFile file;
-    if (error.empty()) {
-        const std::uint64_t capacity = recording::padded(settings.size);
-        file = platform::MappedFile::create(
-            path, static_cast<std::size_t>(recording::kFileHeadBytes + capacity), error);
-    }
+    error = path.empty() ? "no directory for it" : makeWay(path, path + ".1");
+    if (!error.empty()) return nullptr;
+    const std::uint64_t capacity = recording::padded(settings.size);
+    auto file = platform::MappedFile::create(
+        path, static_cast<std::size_t>(recording::kFileHeadBytes + capacity), error);
     if (!error.empty()) {
         error = path + ": " + error;
         return nullptr;
@@ -85,16 +88,18 @@ std::unique_ptr<Recorder> Recorder::create(const Settings& settings, const std::
 }
 
 std::unique_ptr<Recorder> Recorder::goOn(const Settings& settings, const std::string& address,
-                                         Line::Clock clock, std::string& error) {
+                                         Line::Clock clock, const Place& place,
+                                         std::string& error) {
     const std::string path = pathFor(settings, address);
-    recording::RecordingReader old(path);
-    const bool isSame = old.problem().empty() && old.capacity() == recording::padded(settings.size);
+    const recording::RecordingReader old(path);
+    const bool isSame = old.problem().empty() && old.seed() == place.seed &&
+                        old.capacity() == recording::padded(settings.size);
     platform::MappedFile file;
     if (isSame) file = platform::MappedFile::open(path, error);
     if (file.bytes().size() != recording::kFileHeadBytes + old.capacity()) {
         return create(settings, address, clock, error);
     }
-    const recording::RecordingWriter writer(file.bytes(), old.end());
+    const recording::RecordingWriter writer(file.bytes(), place.position);
     return std::unique_ptr<Recorder>(
         new Recorder(path, std::move(file), writer, settings.messageBytes, clock));
 }

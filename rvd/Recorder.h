@@ -26,9 +26,16 @@ class Recorder {
     /// of the daemon. On failure null, and `error` has path and reason. Throws `std::bad_alloc`.
     static std::unique_ptr<Recorder> create(const Settings& settings, const std::string& address,
                                             Line::Clock clock, std::string& error);
-    /// Goes on with the file of the daemon that this one replaces, or else creates a new one.
+    /// Where a recorder is in its recording.
+    struct Place {
+        std::uint64_t seed = 0;      ///< of the recording; 0: there was no recorder
+        std::uint64_t position = 0;  ///< of the next record
+    };
+    /// Goes on with the file of the daemon that this one replaces, from where that one was, or else
+    /// creates a new one. Reads nothing but its head: everybody waits meanwhile.
     static std::unique_ptr<Recorder> goOn(const Settings& settings, const std::string& address,
-                                          Line::Clock clock, std::string& error);
+                                          Line::Clock clock, const Place& place,
+                                          std::string& error);
 
     /// `receivedAt`: of the clock.
     void record(const Router::Session& from, std::uint64_t sender, SubjectView subject,
@@ -37,6 +44,7 @@ class Recorder {
     /// About once a second: follows the wall clock when it was set.
     void tick() noexcept;
 
+    [[nodiscard]] Place place() const { return {writer_.seed(), writer_.position()}; }
     [[nodiscard]] const std::string& path() const { return path_; }
     [[nodiscard]] std::uint64_t messages() const { return messages_; }  ///< recorded so far
 

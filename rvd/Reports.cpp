@@ -267,6 +267,7 @@ class LatencyReport final : public Report {
     explicit LatencyReport(Delays::Summary found) : found_(std::move(found)) {}
 
     bool write(Row& part) override {
+        part.put("measured_ns", static_cast<std::uint64_t>(found_.measured));
         putDelays(part, found_);
         for (const auto& bucket : found_.buckets) {
             Row row;

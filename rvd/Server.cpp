@@ -124,11 +124,13 @@ Listener& Server::addListener(const ListenAddress& address) {
     return *listeners_.emplace_back(std::make_unique<Listener>(loop_, address, arrived));
 }
 
-// `open` is what `Recorder` has for that. False, with a line in the log, when it fails.
-bool Server::startRecording(decltype(Recorder::create) open) {
+// From that place of a recording, or in a new one. False, with a line in the log, when it fails.
+bool Server::startRecording(std::optional<Recorder::Place> place) {
     if (options_.recorder.size == 0) return true;
     std::string error;
-    recorder_ = open(options_.recorder, listeners_.front()->text(), nanoseconds, error);
+    const std::string address = listeners_.front()->text();
+    recorder_ = place ? Recorder::goOn(options_.recorder, address, nanoseconds, *place, error)
+                      : Recorder::create(options_.recorder, address, nanoseconds, error);
     if (recorder_) {
         log_.info("recording the last messages in " + recorder_->path());
     } else {
@@ -138,7 +140,7 @@ bool Server::startRecording(decltype(Recorder::create) open) {
 }
 
 bool Server::start() {
-    if (!listen() || !startRecording(Recorder::create)) return false;
+    if (!listen() || !startRecording(std::nullopt)) return false;
     bornAt_ = now();
     begin();
     log_.info("listening on " + address_ + ", " + std::to_string(options_.queueLimit) +

@@ -76,7 +76,7 @@ class Server : private Observed {
     void handOver();
     void save(StateWriter& state, std::vector<int>& descriptors);
     void restore(StateReader& state, Predecessor& predecessor);
-    [[nodiscard]] bool startRecording(decltype(Recorder::create) open);
+    [[nodiscard]] bool startRecording(std::optional<Recorder::Place> place);
     void onConnection(Listener& listener, int status);
     void goOnAccepting(Listener::Wait since);
     [[nodiscard]] bool isNextWaiting() const;
@@ -124,6 +124,7 @@ class Server : private Observed {
     BusySubjects busy_;
     Delays delays_;
     std::unique_ptr<Recorder> recorder_;  // null: nothing is recorded
+    Recorder::Place recorderBefore_;      // of the daemon that this one replaces
     const Reports reports_{*this, busy_, delays_};
     const ConnectionContext context_;
     std::map<std::uint64_t, std::unique_ptr<Connection>> connections_;  // by number

@@ -8,7 +8,7 @@ const char* version() {
 
 // Raised with every change of what `save` and `restore` of any class write and read.
 std::uint64_t stateVersion() {
-    return 1;
+    return 2;
 }
 
 }  // namespace kvx::rvd

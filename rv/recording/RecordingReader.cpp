@@ -81,7 +81,7 @@ std::string RecordingReader::open(const std::string& path) {
     }
     capacity_ = loadBig64(head.data() + kAtCapacity);
     seed_ = loadBig64(head.data() + kAtSeed);
-    created_ = loadBig64(head.data() + kAtCreated);
+    process_ = loadBig64(head.data() + kAtProcess);
     if (capacity_ < kLeastCapacity || capacity_ > kMostCapacity || capacity_ % 8 != 0) {
         return "it is no recording of a size that exists";
     }

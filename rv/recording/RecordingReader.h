@@ -37,8 +37,10 @@ class KVX_API RecordingReader {
 
     /// Bytes of the ring.
     [[nodiscard]] std::uint64_t capacity() const { return capacity_; }
-    /// When it was made, in nanoseconds since the epoch.
-    [[nodiscard]] std::uint64_t created() const { return created_; }
+    /// The random number in its checks.
+    [[nodiscard]] std::uint64_t seed() const { return seed_; }
+    /// The id of the process that writes it, or was the last to do so.
+    [[nodiscard]] std::uint64_t process() const { return process_; }
     /// The position behind its newest record: where it goes on. 0 when it has none.
     [[nodiscard]] std::uint64_t end();
     /// Records so far whose head is sound and whose content is not.
@@ -61,7 +63,7 @@ class KVX_API RecordingReader {
     std::uint64_t capacity_ = 0;
     std::uint64_t available_ = 0;  // bytes of the ring that the file has
     std::uint64_t seed_ = 0;
-    std::uint64_t created_ = 0;
+    std::uint64_t process_ = 0;
     bool hasLooked_ = false;  // for the newest record, which the following depends on
     std::uint64_t end_ = 0;
     std::uint64_t at_ = 0;        // offset in the ring of what is read next

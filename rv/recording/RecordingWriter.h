@@ -34,12 +34,16 @@ class KVX_API RecordingWriter {
     /// start at a multiple of 8 and outlive this object. `seed` is random: who does not know it
     /// cannot make up a record within a message. `created` in nanoseconds since the epoch.
     RecordingWriter(std::span<std::uint8_t> memory, std::uint64_t seed, std::uint64_t created);
-    /// Goes on with a recording that a reader has found sound, behind its last record.
+    /// Goes on with the recording that a writer has left at that position.
     RecordingWriter(std::span<std::uint8_t> memory, std::uint64_t position);
 
     /// Overwrites the oldest ones. Of a message for which the whole ring has no room the beginning
     /// is kept.
     void add(const Entry& entry) noexcept;
+
+    [[nodiscard]] std::uint64_t seed() const { return seed_; }
+    /// Where the next record is, in bytes since the ring was made.
+    [[nodiscard]] std::uint64_t position() const { return position_; }
 
   private:
     std::span<std::uint8_t> ring_;

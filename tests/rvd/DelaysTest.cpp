@@ -83,6 +83,12 @@ TEST_F(DelaysTest, AreMeasuredForSoManyAtATime) {
     delays.tick(Delays::kLeaseMs + 1);
     EXPECT_EQ(ask(stranger, "A0", Delays::kLeaseMs + 1), 0U) << "the others were not asked again";
     EXPECT_TRUE(ask(first, "A0", Delays::kLeaseMs + 1));
+    for (std::size_t i = 0; i < Delays::kProbes - 2; ++i)
+        EXPECT_TRUE(ask(stranger, "B" + std::to_string(i), Delays::kLeaseMs + 1));
+    EXPECT_FALSE(ask(first, "C", Delays::kLeaseMs + 1));
+    delays.forget(stranger);
+    EXPECT_TRUE(ask(first, "C", Delays::kLeaseMs + 1));
+    EXPECT_TRUE(received(first, "A0"));
 }
 
 TEST(Histogram, HasEveryQuantileOfAnyNumbersWithinOnePercent) {

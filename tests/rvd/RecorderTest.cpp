@@ -87,6 +87,9 @@ TEST_F(Recording, KeepsTheFileOfTheFormerRunAndTakesNoOtherOne) {
         later.settle();
         EXPECT_EQ(textsIn(path_, "WORK"), (std::vector<std::string>{"second", "third"}));
     }
+    std::ofstream(path_ + ".1") << "notes";
+    EXPECT_NE(refusal(options("64k")).find("cannot record in " + path_ + ".1"), std::string::npos);
+    EXPECT_EQ(contentOf(path_ + ".1"), "notes");
     std::ofstream(path_) << "something else";
     EXPECT_NE(refusal(options("64k")).find("cannot record in " + path_), std::string::npos);
     EXPECT_EQ(contentOf(path_), "something else");

@@ -282,17 +282,28 @@ class CommandLine {
     }
 
     void addRecordings() {
-        const auto addFilters = [this](CLI::App& command) {
-            command.add_option("--subject", recording_.subject,
-                               "only messages on these, * and > as wildcards");
-            command.add_option("--space", recording_.space,
-                               "only of this service, or SERVICE;NETWORK");
+        // An empty text, such as of a variable that is not set, selects nothing by intent.
+        const CLI::Validator notEmpty(
+            [](const std::string& text) {
+                return text.empty() ? std::string("an empty text selects nothing") : std::string();
+            },
+            "");
+        const auto addFilters = [this, &notEmpty](CLI::App& command) {
+            command
+                .add_option("--subject", recording_.subject,
+                            "only messages on these, * and > as wildcards")
+                ->check(notEmpty);
+            command
+                .add_option("--space", recording_.space, "only of this service, or SERVICE;NETWORK")
+                ->check(notEmpty);
         };
         auto& copied =
             add("record", "copy what the daemon has recorded into a file", recording_, record);
         copied.add_option("FILE", recording_.file, "a new file")->required();
-        copied.add_option("--from", recording_.from,
-                          "the recording to copy; the daemon's unless given");
+        copied
+            .add_option("--from", recording_.from,
+                        "the recording to copy; the daemon's unless given")
+            ->check(notEmpty);
         addFilters(copied);
         addTimeout(copied, recording_.timeoutSeconds);
         auto& printed = add("dump", "print the messages of a recording", recording_, dump);

@@ -9,8 +9,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/Clock.h"
 #include "platform/File.h"
+#include "platform/Text.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
@@ -51,7 +51,6 @@ class Latency {
     }
 
     void start() {
-        begin_ = platform::monotonicMs();
         ask();
         look_.emplace(client_.net(), kLookMs, bus::Ticker::Repeat::Forever, [this] { ask(); });
         if (options_.seconds == 0) return;
@@ -65,7 +64,7 @@ class Latency {
     // Returns the exit status.
     int end(int status) {
         if (!error_.empty()) bus::complain(error_);
-        if (status != kSuccess || answer_.is_null()) return status;
+        if (answer_.is_null()) return status;
         if (options_.connection.json) {
             answer_["subject"] = options_.subject;
             answer_["seconds"] = seconds();
@@ -87,8 +86,9 @@ class Latency {
         isWaiting_ = false;
         error_ = error;
         if (!error.empty()) return client_.leave(kFailure);
+        const bool isNew = numberIn(answer, "measured_ns") < numberIn(answer_, "measured_ns");
+        if (isNew && !isLive_) bus::complain("the daemon measures anew: it was replaced");
         answer_ = answer;
-        answeredAt_ = platform::monotonicMs();
         if (isLive_) {
             bus::print(bus::kClearScreen);
             show();
@@ -96,11 +96,11 @@ class Latency {
         }
         if (isLast_ || bus::outputHasFailed()) client_.leave(kSuccess);
     }
-    [[nodiscard]] double seconds() const { return static_cast<double>(answeredAt_ - begin_) / 1e3; }
+    [[nodiscard]] double seconds() const { return realIn(answer_, "measured_ns") / 1e9; }
     void show() const {
         const auto copies = numberIn(answer_, "copies");
         bus::printLine(fmt::format("{}: {} copies in {:.1f} s, from receipt to hand-over",
-                                   options_.subject, countText(copies), seconds()));
+                                   printable(options_.subject), countText(copies), seconds()));
         if (copies == 0) return;
         std::string line;
         for (const auto& [name, field] :
@@ -119,8 +119,6 @@ class Latency {
     const bool isLive_;
     RvMsg asked_;
     bus::DaemonQuestion question_;
-    platform::Milliseconds begin_ = 0;
-    platform::Milliseconds answeredAt_ = 0;
     bool isWaiting_ = false;
     bool isLast_ = false;
     Json answer_;
@@ -133,7 +131,7 @@ class Latency {
 
 int latency(const LatencyOptions& options) {
     if (!isSubject(options.subject)) {
-        bus::complain(fmt::format("'{}' is no subject", options.subject));
+        bus::complain(fmt::format("'{}' is no subject", printable(options.subject)));
         return kUsage;
     }
     bus::Client client(options.connection);

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <cstdint>
 #include <random>
 #include <string>
 
@@ -29,6 +30,14 @@ int refuse(const std::string& path, const std::string& reason) {
     return kFailure;
 }
 
+// What the copy has in the end: while somebody writes, new ones take the place of its oldest.
+std::uint64_t countOf(const std::string& path) {
+    recording::RecordingReader reader(path);
+    std::uint64_t messages = 0;
+    while (reader.next()) ++messages;
+    return messages;
+}
+
 int copy(const std::string& from, const RecordingOptions& options) {
     std::uint64_t bytes = 0;
     {
@@ -37,10 +46,7 @@ int copy(const std::string& from, const RecordingOptions& options) {
         while (const auto entry = recording.next()) {
             bytes += recording::RecordingWriter::bytesFor(*entry);
         }
-    }
-    if (bytes == 0) {
-        bus::complain(fmt::format("{} has no such message", from));
-        return kFailure;
+        if (bytes == 0) return recording.isEmpty();
     }
     std::string error;
     const auto capacity = recording::RecordingWriter::capacityFor(bytes);
@@ -49,12 +55,11 @@ int copy(const std::string& from, const RecordingOptions& options) {
     if (!error.empty()) return refuse(options.file, error);
     const auto now = static_cast<std::uint64_t>(platform::wallMilliseconds()) * 1'000'000;
     recording::RecordingWriter writer(file.bytes(), seed(), now);
-    std::uint64_t messages = 0;
     Recording recording(from, options);
     while (const auto entry = recording.next()) {
         writer.add(*entry);
-        ++messages;
     }
+    const std::uint64_t messages = countOf(options.file);
     bus::printLine(options.connection.json
                        ? fmt::format(R"({{"messages":{},"bytes":{}}})", messages, bytes)
                        : fmt::format("{} messages, {}", countText(messages),
@@ -71,8 +76,17 @@ int record(const RecordingOptions& options) {
     asked.timeoutSeconds = options.timeoutSeconds;
     return askDaemon(asked, {{bus::kStatusSubject}}, [&options](const auto& answers) {
         const std::string from = textIn(answers[0], "recorder_file");
-        if (!from.empty()) return copy(from, options);
-        bus::complain("the daemon records nothing (see -recorder of rvd)");
+        if (from.empty()) {
+            bus::complain("the daemon records nothing (see -recorder of rvd)");
+            return kFailure;
+        }
+        const recording::RecordingReader found(from);
+        const std::uint64_t process = numberIn(answers[0], "pid");
+        if (!found.problem().empty() || found.process() == process) return copy(from, options);
+        bus::complain(
+            fmt::format("{} is not what the daemon, process {}, writes: it is on another "
+                        "host, or another daemon has that path",
+                        from, process));
         return kFailure;
     });
 }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string_view>
 
+#include "platform/Text.h"
 #include "tools/bus/Complain.h"
 #include "tools/kvx/Fields.h"
 
@@ -14,7 +15,7 @@ namespace {
 
 int checked(const std::string& path, const RecordingOptions& options, const std::string& problem) {
     if (!options.subject.empty() && !isSubject(options.subject)) {
-        bus::complain(fmt::format("'{}' is no subject", options.subject));
+        bus::complain(fmt::format("'{}' is no subject", printable(options.subject)));
         return kUsage;
     }
     if (problem.empty()) return kSuccess;
@@ -39,6 +40,11 @@ std::optional<recording::Entry> Recording::next() {
         bus::complain(fmt::format("{} records of {} are damaged and left out", damaged, path_));
     }
     return std::nullopt;
+}
+
+int Recording::isEmpty() const {
+    bus::complain(fmt::format("{} has no such message", path_));
+    return kFailure;
 }
 
 bool Recording::isSelected(const recording::Entry& entry) const {

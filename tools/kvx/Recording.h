@@ -18,11 +18,12 @@ class Recording {
     Recording(const std::string& path, const RecordingOptions& options);
 
     [[nodiscard]] int status() const { return status_; }
-    [[nodiscard]] std::uint64_t capacity() const { return reader_.capacity(); }
 
     /// The next one, valid until the next call; nothing at the end, where damage is reported on
     /// standard error.
     std::optional<recording::Entry> next();
+    /// Says that it has no such message. Returns the exit status for that.
+    [[nodiscard]] int isEmpty() const;
 
   private:
     [[nodiscard]] bool isSelected(const recording::Entry& entry) const;

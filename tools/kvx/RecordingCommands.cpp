@@ -72,40 +72,47 @@ Json jsonOf(const recording::Entry& entry) {
 class Replay {
   public:
     Replay(bus::Client& client, Recording& recording, const RecordingOptions& options)
-        : client_(client), recording_(recording), options_(options) {}
+        : client_(client), recording_(recording), options_(options), next_(recording.next()) {}
+
+    [[nodiscard]] bool hasMessage() const { return next_.has_value(); }
 
     void start() {
         progress_.emplace(client_.net(), [this] { return fmt::format("{} messages sent", sent_); });
         begin_ = Clock::now();
-        next_ = recording_.next();
         if (next_) lastTime_ = next_->time;
         sendDue();
     }
 
-    void end() {
+    // Returns the exit status: all that was selected has been sent, or not.
+    int end(int status) {
         ticker_.reset();
         progress_.reset();
         const double seconds = std::chrono::duration<double>(Clock::now() - begin_).count();
         if (options_.connection.json) {
             bus::printLine(fmt::format(R"({{"sent":{},"cut":{},"refused":{},"seconds":{:.3f}}})",
                                        sent_, cut_, refused_, seconds));
-            return;
+        } else {
+            bus::printLine(fmt::format("{} messages sent in {:.3f} s", sent_, seconds));
         }
-        bus::printLine(fmt::format("{} messages sent in {:.3f} s", sent_, seconds));
-        if (cut_ != 0) bus::complain(fmt::format("{} are not whole, and left out", cut_));
+        if (cut_ != 0) bus::complain(fmt::format("{} are not whole messages, and left out", cut_));
         if (refused_ != 0) bus::complain(fmt::format("{} cannot be sent by a session", refused_));
+        if (next_) bus::complain("it is not at its end");
+        return cut_ + refused_ != 0 || next_ ? kFailure : status;
     }
 
   private:
     static constexpr double kLongestMs = 3'600'000;  // between two looks at the clock
 
-    // Times of a recording go backwards where the clock was set.
+    // Times of a recording go back a little where several have sent, whose messages are read before
+    // they are routed; and far where the clock was set.
     [[nodiscard]] double millisecondsLeft() {
         if (options_.speed == 0) return 0;
         if (next_->time > lastTime_) {
             dueMs_ += static_cast<double>(next_->time - lastTime_) / 1e6 / options_.speed;
+            lastTime_ = next_->time;
+        } else if (lastTime_ - next_->time > kPerSecond) {
+            lastTime_ = next_->time;
         }
-        lastTime_ = next_->time;
         return dueMs_ - std::chrono::duration<double, std::milli>(Clock::now() - begin_).count();
     }
 
@@ -160,11 +167,12 @@ class Replay {
 int dump(const RecordingOptions& options) {
     Recording recording(options.file, options);
     if (recording.status() != kSuccess) return recording.status();
-    while (const auto entry = recording.next()) {
+    std::uint64_t messages = 0;
+    for (; const auto entry = recording.next(); ++messages) {
         options.connection.json ? printRows(Json::array({jsonOf(*entry)})) : printText(*entry);
         if (bus::outputHasFailed()) return kFailure;
     }
-    return kSuccess;
+    return messages != 0 ? kSuccess : recording.isEmpty();
 }
 
 int replay(const RecordingOptions& options) {
@@ -174,9 +182,8 @@ int replay(const RecordingOptions& options) {
     if (!client.isUp()) return kFailure;
     client.leaveWithoutDaemon();
     Replay program(client, recording, options);
-    const int status = client.runUntilSignal([&program] { program.start(); });
-    program.end();
-    return status;
+    if (!program.hasMessage()) return recording.isEmpty();
+    return program.end(client.runUntilSignal([&program] { program.start(); }));
 }
 
 }  // namespace kvx::tool

@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/MappedFile.h"
+#include "rv/recording/RecordingReader.h"
 #include "tests/system/Installation.h"
 
 namespace kvx::tool {
@@ -61,7 +63,9 @@ TEST_F(RecordingCommands, CopyPrintAndSendAgainInOrderAndWithTheirSpacing) {
     const auto listener = bus_.start("kvx", {"listen", ">", "--json", "--count", "7"});
     ASSERT_TRUE(
         test::eventually([&] { return kvx("trace LONG").find("LISTEN") != std::string::npos; }));
-    const auto sent = json::parse(kvx("replay --json --speed 0.5 " + file_));
+    const Ended replayed = bus_.shell("kvx replay --json --speed 0.5 " + file_);
+    EXPECT_EQ(replayed.status, 1) << "one is not sent";
+    const auto sent = json::parse(replayed.output);
     EXPECT_EQ(sent["sent"], 7);
     EXPECT_EQ(sent["cut"], 1);
     EXPECT_EQ(listener->wait(), 0) << listener->errors();
@@ -77,11 +81,39 @@ TEST_F(RecordingCommands, CopyPrintAndSendAgainInOrderAndWithTheirSpacing) {
     EXPECT_LT(json::parse(kvx("replay --json --speed 0 --subject WORK.A " + file_))["sent"], 6);
 }
 
+// Several senders: what is read first is not always routed first.
+TEST_F(RecordingCommands, TakeNoLongerWhereTimesGoBackALittle) {
+    kvx("send A a=1" + there_);
+    kvx("record " + file_ + there_);
+    recording::RecordingReader reader(file_);
+    auto entry = reader.next().value();
+    const std::string several = directory_.file("several");
+    {
+        std::string error;
+        const auto file = platform::MappedFile::create(several, 1U << 20U, error);
+        recording::RecordingWriter writer(file.bytes(), 1, entry.time);
+        const std::uint64_t begin = entry.time;
+        for (std::uint64_t i = 0; i < 1'000; ++i) {
+            entry.time = begin + (i % 2 == 0 ? i : i + 900) * 1'000'000;
+            writer.add(entry);
+        }
+    }
+    const auto sent = json::parse(kvx("replay --json " + several));
+    EXPECT_EQ(sent["sent"], 1'000);
+    EXPECT_GE(sent["seconds"].get<double>(), 1.8);
+    EXPECT_LE(sent["seconds"].get<double>(), 60) << "the steps forward alone are 450 seconds";
+}
+
 TEST_F(RecordingCommands, SayWhatIsWrong) {
     EXPECT_NE(kvx("record " + file_, 1).find("the daemon records nothing"), std::string::npos);
     EXPECT_NE(kvx("record " + file_ + there_, 1).find("has no such message"), std::string::npos);
     kvx("send A a=1" + there_);
     EXPECT_NE(kvx("record " + ring_ + there_, 1).find("File exists"), std::string::npos);
+    EXPECT_NE(kvx("replay " + ring_ + " --subject B", 1).find("has no such message"),
+              std::string::npos);
+    const test::Daemon other({"-recorder", "1M", "-recorder-file", ring_});
+    EXPECT_NE(kvx("record " + file_ + there_, 1).find("another daemon has that path"),
+              std::string::npos);
     for (const char* command : {"dump ", "replay ", "record x --from "}) {
         EXPECT_NE(kvx(command + bus_.file("short", "KVXREC01"), 1).find("it is no recording"),
                   std::string::npos);
@@ -91,6 +123,8 @@ TEST_F(RecordingCommands, SayWhatIsWrong) {
     }
     kvx("replay --speed -1 " + ring_, 2);
     kvx("replay --speed nan " + ring_, 2);
+    kvx("replay --subject '' " + ring_, 2);
+    kvx("record x --from ''", 2);
 }
 
 }  // namespace
