@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <system_error>
 #include <utility>
 
@@ -52,11 +51,6 @@ std::string makeWay(const std::string& path, const std::string& aside) {
     return error ? path + ": " + error.message() : "";
 }
 
-std::uint64_t seed() {
-    std::random_device random;
-    return static_cast<std::uint64_t>(random()) << 32U | random();
-}
-
 }  // namespace
 
 Recorder::Recorder(std::string path, platform::MappedFile file, recording::RecordingWriter writer,
@@ -82,7 +76,8 @@ std::unique_ptr<Recorder> Recorder::create(const Settings& settings, const std::
         return nullptr;
     }
     const auto now = static_cast<std::uint64_t>(platform::wallMilliseconds() * kPerMillisecond);
-    const recording::RecordingWriter writer(file.bytes(), seed(), now);
+    const recording::RecordingWriter writer(file.bytes(), recording::RecordingWriter::newSeed(),
+                                            now);
     return std::unique_ptr<Recorder>(
         new Recorder(path, std::move(file), writer, settings.messageBytes, clock));
 }

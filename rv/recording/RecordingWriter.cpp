@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <random>
 
 #include "platform/Process.h"
 #include "rv/recording/RecordFormat.h"
@@ -36,6 +37,11 @@ std::uint64_t RecordingWriter::capacityFor(std::uint64_t bytes) {
 
 std::uint64_t RecordingWriter::bytesFor(const Entry& entry) {
     return padded(fixedBytes(entry) + entry.message.size());
+}
+
+std::uint64_t RecordingWriter::newSeed() {
+    std::random_device random;
+    return static_cast<std::uint64_t>(random()) << 32U | random();
 }
 
 RecordingWriter::RecordingWriter(std::span<std::uint8_t> memory, std::uint64_t seed,

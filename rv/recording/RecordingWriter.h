@@ -30,6 +30,9 @@ class KVX_API RecordingWriter {
     /// What the record of an entry takes.
     static std::uint64_t bytesFor(const Entry& entry);
 
+    /// A random one, for a recording.
+    static std::uint64_t newSeed();
+
     /// Makes an empty recording of `memory`, which must be as large as head and capacity together,
     /// start at a multiple of 8 and outlive this object. `seed` is random: who does not know it
     /// cannot make up a record within a message. `created` in nanoseconds since the epoch.

@@ -87,7 +87,8 @@ class Latency {
         error_ = error;
         if (!error.empty()) return client_.leave(kFailure);
         const bool isNew = numberIn(answer, "measured_ns") < numberIn(answer_, "measured_ns");
-        if (isNew && !isLive_) bus::complain("the daemon measures anew: it was replaced");
+        if (isNew && !isLive_)
+            bus::complain("the daemon measures anew: it was replaced, or not asked for 10 seconds");
         answer_ = answer;
         if (isLive_) {
             bus::print(bus::kClearScreen);

@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <cstdint>
-#include <random>
 #include <string>
 
 #include "platform/Clock.h"
@@ -19,11 +18,6 @@
 namespace kvx::tool {
 
 namespace {
-
-std::uint64_t seed() {
-    std::random_device random;
-    return static_cast<std::uint64_t>(random()) << 32U | random();
-}
 
 int refuse(const std::string& path, const std::string& reason) {
     bus::complain(fmt::format("cannot write {}: {}", path, reason));
@@ -46,7 +40,7 @@ int copy(const std::string& from, const RecordingOptions& options) {
         while (const auto entry = recording.next()) {
             bytes += recording::RecordingWriter::bytesFor(*entry);
         }
-        if (bytes == 0) return recording.isEmpty();
+        if (bytes == 0) return recording.complainEmpty();
     }
     std::string error;
     const auto capacity = recording::RecordingWriter::capacityFor(bytes);
@@ -54,7 +48,7 @@ int copy(const std::string& from, const RecordingOptions& options) {
         options.file, static_cast<std::size_t>(recording::kFileHeadBytes + capacity), error);
     if (!error.empty()) return refuse(options.file, error);
     const auto now = static_cast<std::uint64_t>(platform::wallMilliseconds()) * 1'000'000;
-    recording::RecordingWriter writer(file.bytes(), seed(), now);
+    recording::RecordingWriter writer(file.bytes(), recording::RecordingWriter::newSeed(), now);
     Recording recording(from, options);
     while (const auto entry = recording.next()) {
         writer.add(*entry);

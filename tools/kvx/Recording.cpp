@@ -42,7 +42,7 @@ std::optional<recording::Entry> Recording::next() {
     return std::nullopt;
 }
 
-int Recording::isEmpty() const {
+int Recording::complainEmpty() const {
     bus::complain(fmt::format("{} has no such message", path_));
     return kFailure;
 }

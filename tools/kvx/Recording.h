@@ -23,7 +23,7 @@ class Recording {
     /// standard error.
     std::optional<recording::Entry> next();
     /// Says that it has no such message. Returns the exit status for that.
-    [[nodiscard]] int isEmpty() const;
+    [[nodiscard]] int complainEmpty() const;
 
   private:
     [[nodiscard]] bool isSelected(const recording::Entry& entry) const;

@@ -172,7 +172,7 @@ int dump(const RecordingOptions& options) {
         options.connection.json ? printRows(Json::array({jsonOf(*entry)})) : printText(*entry);
         if (bus::outputHasFailed()) return kFailure;
     }
-    return messages != 0 ? kSuccess : recording.isEmpty();
+    return messages != 0 ? kSuccess : recording.complainEmpty();
 }
 
 int replay(const RecordingOptions& options) {
@@ -182,7 +182,7 @@ int replay(const RecordingOptions& options) {
     if (!client.isUp()) return kFailure;
     client.leaveWithoutDaemon();
     Replay program(client, recording, options);
-    if (!program.hasMessage()) return recording.isEmpty();
+    if (!program.hasMessage()) return recording.complainEmpty();
     return program.end(client.runUntilSignal([&program] { program.start(); }));
 }
 
