@@ -83,11 +83,12 @@ TEST_F(DaemonCommands, TellHowLongMessagesAreInTheDaemon) {
     const std::string over = bus_.path("over");
     const Ended ended = bus_.shell("{ until test -e " + over +
                                    "; do kvx send NEWS a=1; kvx send OTHER a=1; done; } & "
-                                   "kvx latency NEWS --seconds 2 --json; touch " +
-                                   over + "; wait");
+                                   "until kvx latency NEWS --seconds 2 --json >found && grep -q "
+                                   "p50_ns found; do :; done; touch " +
+                                   over + "; wait; cat found");
     EXPECT_EQ(ended.status, 0) << ended.errors;
     const auto found = nlohmann::json::parse(ended.output);
-    EXPECT_GT(found["copies"], 0);
+    ASSERT_GT(found.value("copies", 0), 0) << ended.output;
     EXPECT_LE(found["min_ns"], found["p50_ns"]);
     EXPECT_LE(found["p50_ns"], found["max_ns"]);
     std::uint64_t copies = 0;
