@@ -66,8 +66,10 @@ std::string servicesDocument(Observations& seen) {
 void addPages(HttpPages& pages, Observations& seen) {
     using Page = HttpPages::Page;
     const std::int64_t start = platform::wallSeconds();
-    pages.add("/", [] { return Page{.body = kIndex}; }, HttpPages::For::All);
-    pages.add("/healthz", [] { return Page{.body = "ok\n"}; }, HttpPages::For::All);
+    pages.add(
+        "/", [] { return Page{.body = kIndex}; }, HttpPages::For::All);
+    pages.add(
+        "/healthz", [] { return Page{.body = "ok\n"}; }, HttpPages::For::All);
     pages.add("/readyz", [&seen] {
         return seen.isReady() ? Page{.body = "ready\n"}
                               : Page{.status = 503, .body = "the bus session is lost\n"};
@@ -151,8 +153,8 @@ int run(const Options& options) {
     api.addTo(pages);
     HttpServer server(pages);
     if (!server.start({address.address, address.port})) {
-        bus::complain(fmt::format("cannot listen on {}:{}; is the port taken?", address.host,
-                                  address.port));
+        bus::complain(
+            fmt::format("cannot listen on {}:{}; is the port taken?", address.host, address.port));
         return kFailure;
     }
     const bus::Ticker watch(client.net(), kWatchMs, bus::Ticker::Repeat::Forever, [&] {

@@ -15,7 +15,6 @@ namespace kvx::rva {
 
 namespace {
 
-
 constexpr std::size_t kMostMessages = 1000;
 constexpr std::size_t kMostSubjects = 16;
 constexpr std::int64_t kDefaultTimeoutMs = 8000;
@@ -132,9 +131,8 @@ void Api::query(const HttpRequest& request, const HttpAnswerPtr& answer) {
     query.timeout = body.timeout();
     const std::string format = body.text("format", "ndjson");
     if (body.isRefused(answer)) return;
-    const auto* const known = std::ranges::find(kFormats, format, [](const auto& one) {
-        return one.first;
-    });
+    const auto* const known =
+        std::ranges::find(kFormats, format, [](const auto& one) { return one.first; });
     if (known == kFormats.end()) {
         answer->reply(errorReply(400, "BadRequest", "'format' is ndjson, json or csv"));
         return;

@@ -8,13 +8,10 @@ namespace kvx::rva {
 
 namespace {
 
-
-
 std::unique_ptr<RvSender> senderFor(CVekRvNet& net, const Outgoing& message) {
     int status = kOk;
-    return std::unique_ptr<RvSender>(
-        net.RRNNewSender(&status, message.subject.c_str(),
-                         message.reply.empty() ? nullptr : message.reply.c_str()));
+    return std::unique_ptr<RvSender>(net.RRNNewSender(
+        &status, message.subject.c_str(), message.reply.empty() ? nullptr : message.reply.c_str()));
 }
 
 HttpReply refused(const RvStatus& status) {

@@ -12,7 +12,6 @@ namespace kvx::rva {
 
 namespace {
 
-
 constexpr int kEmptyTicks = 60;  // for which events are kept although there is no page
 constexpr std::size_t kMostKept = 1U << 20U;
 constexpr std::size_t kMostPending = 1000;  // events of one page

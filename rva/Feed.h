@@ -69,7 +69,7 @@ class Feed {
     std::vector<PagePtr> pages_;
     std::deque<Event> kept_;
     std::size_t keptBytes_ = 0;
-    std::uint64_t epoch_;  // changes whenever events have been missed
+    std::uint64_t epoch_;          // changes whenever events have been missed
     std::uint64_t last_ = 0;       // number of the last event
     std::uint64_t forgotten_ = 0;  // of the last one that is not kept, nor stood for by a later one
     std::map<Key, State> services_;

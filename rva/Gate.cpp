@@ -11,7 +11,6 @@ namespace kvx::rva {
 
 namespace {
 
-
 constexpr std::string_view kBearer = "Bearer ";
 constexpr std::string_view kCookie = "kvx_rva=";
 
@@ -131,9 +130,9 @@ HttpReply Gate::withCookie(const HttpRequest& request, std::string_view value,
     HttpReply reply{200, kJsonType,
                     fmt::format("{{\"needed\":{},\"in\":{}}}\n", !token_.empty(),
                                 token_.empty() || !value.empty())};
-    reply.headers.emplace_back("Set-Cookie",
-                               fmt::format("{}{}; Path=/; HttpOnly; SameSite=Strict{}{}", kCookie,
-                                           value, isSecure ? "; Secure" : "", more));
+    reply.headers.emplace_back(
+        "Set-Cookie", fmt::format("{}{}; Path=/; HttpOnly; SameSite=Strict{}{}", kCookie, value,
+                                  isSecure ? "; Secure" : "", more));
     return reply;
 }
 

@@ -177,8 +177,7 @@ HttpAnswer::Taken HttpAnswer::take() {
     std::string body;
     while (!pieces_.empty() &&
            (body.empty() || body.size() + pieces_.front().size() <= kMostTaken)) {
-        body.empty() ? body.swap(pieces_.front())
-                     : static_cast<void>(body += pieces_.front());
+        body.empty() ? body.swap(pieces_.front()) : static_cast<void>(body += pieces_.front());
         pieces_.pop_front();
     }
     waiting_ -= std::min(waiting_, body.size());

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -89,9 +89,9 @@ class HttpAnswer {
     // --- The server's side ---
 
     struct Taken {
-        std::string bytes;       ///< to be sent
-        bool isWhole = false;    ///< they are all, and the answer has been given in order
-        bool isBroken = false;   ///< they are all; it has broken off
+        std::string bytes;      ///< to be sent
+        bool isWhole = false;   ///< they are all, and the answer has been given in order
+        bool isBroken = false;  ///< they are all; it has broken off
     };
     /// What is to be sent next: at most about 64 KiB in whole pieces, framed.
     [[nodiscard]] Taken take();

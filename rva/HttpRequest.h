@@ -12,7 +12,7 @@ namespace kvx::rva {
 /// A request. Names of headers are in lower case.
 struct HttpRequest {
     std::string method;
-    std::string path;  ///< decoded, without the query
+    std::string path;        ///< decoded, without the query
     bool hasChunks = false;  ///< the client speaks HTTP/1.1, so it reads chunked answers
     std::multimap<std::string, std::string> headers;
     std::multimap<std::string, std::string> parameters;  ///< of the query, decoded

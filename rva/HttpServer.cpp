@@ -101,7 +101,8 @@ Milliseconds HttpServer::timeToFirstDeadline() const {
     Milliseconds first = kNever;
     for (const auto& [socket, connection] : connections_) {
         first = std::min(first, connection.deadline);
-        if (connection.answer) first = std::min(first, connection.answer->deadline().value_or(kNever));
+        if (connection.answer)
+            first = std::min(first, connection.answer->deadline().value_or(kNever));
     }
     if (first == kNever) return platform::kForever;
     return std::max<Milliseconds>(first - platform::monotonicMs(), 0);
@@ -194,11 +195,11 @@ bool HttpServer::watch(Connection& connection) {
 
 bool HttpServer::read(Connection& connection) {
     std::array<char, 16384> buffer{};
-    const auto got = platform::receiveSome(connection.socket.get(),
-                                           std::as_writable_bytes(std::span(buffer)));
+    const auto got =
+        platform::receiveSome(connection.socket.get(), std::as_writable_bytes(std::span(buffer)));
     if (got.error != 0) return got.error == platform::socket_error::kWouldBlock;
-    const bool isReading = connection.state == Connection::State::Head ||
-                           connection.state == Connection::State::Body;
+    const bool isReading =
+        connection.state == Connection::State::Head || connection.state == Connection::State::Body;
     // A client that closes its sending side waits for no more than has been made.
     if (!isReading) return got.bytes != 0 || connection.isLast;
     connection.received.append(buffer.data(), got.bytes);

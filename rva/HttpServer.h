@@ -73,8 +73,8 @@ class HttpServer {
         std::shared_ptr<HttpAnswer> answer;
         std::string sending;
         std::size_t sent = 0;
-        bool isLast = false;    // `sending` is all that is left
-        bool isBroken = false;  // the client shall see that it is not whole
+        bool isLast = false;     // `sending` is all that is left
+        bool isBroken = false;   // the client shall see that it is not whole
         bool hasNoBody = false;  // the answer to HEAD
     };
     using Connections = std::map<platform::SocketHandle, Connection>;

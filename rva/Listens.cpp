@@ -7,11 +7,7 @@
 
 namespace kvx::rva {
 
-namespace {
-
-
-
-}  // namespace
+namespace {}  // namespace
 
 struct Listens::Listener {
     const std::vector<std::string> subjects;
@@ -29,8 +25,7 @@ class Listens::Subject : public RvDataCallback {
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data, RvListener*) override {
         const char* const reply = replyTo != nullptr ? replyTo->subject() : nullptr;
-        const std::string event =
-            eventText("message", lineOf(messageJson(subject, reply, data)));
+        const std::string event = eventText("message", lineOf(messageJson(subject, reply, data)));
         for (const auto& one : listeners) one->sink.send(event);
     }
 
@@ -69,8 +64,7 @@ void Listens::add(const ListenerPtr& listener) {
         return remove(listener);
     }
     if (!listener->sink.start()) return remove(listener);
-    listener->sink.send(
-        eventText("listening", lineOf(Json{{"subjects", listener->subjects}})));
+    listener->sink.send(eventText("listening", lineOf(Json{{"subjects", listener->subjects}})));
 }
 
 bool Listens::subscribe(const ListenerPtr& listener, const std::string& subject) {

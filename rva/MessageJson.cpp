@@ -85,9 +85,8 @@ std::optional<Bytes> textIn(const Json& json) {
 
 template <class Wide>
 Json wideNumber(Wide number) {
-    const bool isSafe =
-        std::in_range<std::int64_t>(number) && std::cmp_less_equal(number, kSafe) &&
-        (std::is_unsigned_v<Wide> || std::cmp_greater_equal(number, -kSafe));
+    const bool isSafe = std::in_range<std::int64_t>(number) && std::cmp_less_equal(number, kSafe) &&
+                        (std::is_unsigned_v<Wide> || std::cmp_greater_equal(number, -kSafe));
     return isSafe ? Json(number) : Json(std::to_string(number));
 }
 
@@ -480,8 +479,8 @@ std::string readFields(const Json& json, RvMsg& message, unsigned depth) {
     if (depth > kMaxNesting) return "messages are nested too deeply";
     if (!json.is_structured()) return "the fields are neither an array nor an object";
     for (const auto& [name, value] : json.items()) {
-        auto problem =
-            json.is_array() ? readField(value, message, depth) : append(message, name, "", value, depth);
+        auto problem = json.is_array() ? readField(value, message, depth)
+                                       : append(message, name, "", value, depth);
         if (!problem.empty()) return problem;
     }
     return {};
@@ -505,8 +504,8 @@ std::string readDatum(const Json& json, Outgoing& message) {
     }
     // The datum borrows the bytes, so they live as long.
     const auto bytes = std::make_shared<const Bytes>(std::move(read.bytes));
-    const auto datum = std::make_shared<RvDatum>(
-        read.type, static_cast<rvmsg_Size>(bytes->size()), bytes->c_str());
+    const auto datum = std::make_shared<RvDatum>(read.type, static_cast<rvmsg_Size>(bytes->size()),
+                                                 bytes->c_str());
     message.datum = std::shared_ptr<const RvDatum>(datum.get(), [bytes, datum](const RvDatum*) {});
     return {};
 }
@@ -539,8 +538,8 @@ std::string readMessage(const Json& json, Outgoing& message) {
 Json rowJson(const Record& record) {
     Json row = Json::object();
     for (const Field field : record) {
-        Json& value = row[isUtf8(field.name) ? std::string(field.name)
-                                             : "base64:" + toBase64(field.name)];
+        Json& value =
+            row[isUtf8(field.name) ? std::string(field.name) : "base64:" + toBase64(field.name)];
         if (const auto number = field.value.as<std::int64_t>();
             field.value.kind() == Value::Kind::Integer) {
             const bool isSafe = *number <= kSafe && *number >= -kSafe;

@@ -119,8 +119,8 @@ std::string Observations::servicesJson() {
     for (const auto& service : services(now)) {
         rows.append(rows.empty() ? "" : ",\n").append(beats::serviceAsJson(service, now));
     }
-    return fmt::format("{{\"connected\":{},\"daemon\":{},\"domain\":{},\"services\":[{}]}}", isReady(),
-                       bus::jsonString(daemonAddress_), bus::jsonString(domain_), rows);
+    return fmt::format("{{\"connected\":{},\"daemon\":{},\"domain\":{},\"services\":[{}]}}",
+                       isReady(), bus::jsonString(daemonAddress_), bus::jsonString(domain_), rows);
 }
 
 Json Observations::connection() const {
@@ -141,9 +141,8 @@ std::string Observations::busJson() const {
     Json json = connection();
     json["figures"] = nameOf(state.how);
     json["age_seconds"] =
-        state.answered
-            ? Json(static_cast<double>(platform::monotonicMs() - *state.answered) / 1000)
-            : Json(nullptr);
+        state.answered ? Json(static_cast<double>(platform::monotonicMs() - *state.answered) / 1000)
+                       : Json(nullptr);
     json["status"] = daemon_.status();
     json["sessions"] = daemon_.sessions().kept;
     json["more_sessions"] = daemon_.sessions().more;

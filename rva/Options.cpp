@@ -49,9 +49,9 @@ using Values = std::map<std::string, std::string>;
 
 // Reads the values by option, without the dash. Returns an empty text, or the error.
 std::string readValues(int argc, const char* const* argv, Values& values) {
-    static constexpr std::string_view kWithValue[] = {
-        "-flavor", "-listen",  "-token-file", "-host",  "-interval",
-        "-domain", "-service", "-network",    "-daemon"};
+    static constexpr std::string_view kWithValue[] = {"-flavor",  "-listen",   "-token-file",
+                                                      "-host",    "-interval", "-domain",
+                                                      "-service", "-network",  "-daemon"};
     static constexpr std::string_view kAlone[] = {"-foreground", "-help", "-version"};
     const auto isOneOf = [](const auto& options, std::string_view word) {
         return std::find(std::begin(options), std::end(options), word) != std::end(options);
@@ -148,7 +148,8 @@ std::string readToken(const std::string& file, std::string& token) {
     std::ifstream in(file);
     if (!in) return "cannot read the token file '" + file + "'";
     std::getline(in, token);
-    while (!token.empty() && std::isspace(static_cast<unsigned char>(token.back()))) token.pop_back();
+    while (!token.empty() && std::isspace(static_cast<unsigned char>(token.back())))
+        token.pop_back();
     if (token.size() >= kLeast) return {};
     return "the token file '" + file + "' has no token of 16 or more characters in its first line";
 }

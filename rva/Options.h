@@ -35,7 +35,7 @@ struct Options {
     std::optional<ListenAddress> listen;  ///< empty: as in the configuration file
     std::string tokenFile;                ///< empty: nobody needs a token
     std::vector<std::string> hosts;       ///< further names of this host
-    unsigned intervalSeconds = 10;      ///< between questions to the daemon; 0: none are asked
+    unsigned intervalSeconds = 10;        ///< between questions to the daemon; 0: none are asked
 };
 
 /// The result of parsing a command line: options to run with, or the exit status to end with (0

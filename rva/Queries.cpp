@@ -30,7 +30,8 @@ std::string totalsJson(const AnswerTotals& totals, std::uint64_t rows, Clock::ti
 // One answer while it is written.
 class Writing {
   public:
-    Writing(const Query& query, HttpAnswer& answer) : writer_(makeRowWriter(query)), answer_(answer) {}
+    Writing(const Query& query, HttpAnswer& answer)
+        : writer_(makeRowWriter(query)), answer_(answer) {}
 
     // False when there is nobody to write for, or the row has no place in this form.
     bool row(const Record& record) {

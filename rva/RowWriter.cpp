@@ -58,9 +58,7 @@ class JsonWriter : public RowWriter {
     std::optional<std::string> row(const Record& record) override {
         return std::exchange(separator_, ",\n") + lineOf(rowJson(record));
     }
-    std::string end(const std::string& totals) override {
-        return "\n],\"end\":" + totals + "}\n";
-    }
+    std::string end(const std::string& totals) override { return "\n],\"end\":" + totals + "}\n"; }
     std::optional<std::string> error(const std::string& error) override {
         return "\n]," + error.substr(1);
     }
