@@ -5,6 +5,7 @@ from typing import Any, Callable, Generic, Iterable, Iterator, Mapping, TypeVar,
 from .values import Field, Row, Sendable, Value
 
 T = TypeVar("T")
+T_co = TypeVar("T_co", covariant=True)
 D = TypeVar("D")
 
 class Message:
@@ -48,9 +49,9 @@ class Question:
         `Changes.read` gave, `table` that of the rows. Of a member that is not active any more the
         answer becomes a refusal."""
 
-class Call(Generic[T]):
-    def wait(self) -> T: ...
-    def result(self) -> T: ...
+class Call(Generic[T_co]):
+    def wait(self) -> T_co: ...
+    def result(self) -> T_co: ...
     def is_done(self, when_done: Callable[[], object] | None = ...) -> bool: ...
     def drop(self) -> None: ...
 
@@ -114,8 +115,8 @@ def open_client(
     network: str,
     daemon: str,
     timeout: float,
-    on_connection: Callable[[bool, str, str], None] | None,
-    on_warning: Callable[[str], None] | None,
+    on_connection: Callable[[bool, str, str], object] | None,
+    on_warning: Callable[[str], object] | None,
 ) -> Call[ClientHandle]: ...
 def open_service(
     name: str,

@@ -126,7 +126,7 @@ class Subscription(Generic[T]):
         self.close()
 
 
-def _connected(told: Callable[[Connection], None]) -> Callable[[bool, str, str], None]:
+def _connected(told: Callable[[Connection], object]) -> Callable[[bool, str, str], object]:
     return lambda is_there, address, why: told(Connection(is_there, address, why))
 
 
@@ -138,8 +138,8 @@ class ClientCalls:
         domain: str,
         daemon: str | Daemon,
         timeout: Seconds,
-        on_connection: Callable[[Connection], None] | None,
-        on_warning: Callable[[str], None] | None,
+        on_connection: Callable[[Connection], object] | None,
+        on_warning: Callable[[str], object] | None,
     ) -> None:
         check("domain", domain, str)
         if on_connection is not None:
@@ -251,8 +251,8 @@ class Client(ClientCalls):
         domain: str = "DEFAULT",
         daemon: str | Daemon = "",
         timeout: Seconds = 8.0,
-        on_connection: Callable[[Connection], None] | None = None,
-        on_warning: Callable[[str], None] | None = None,
+        on_connection: Callable[[Connection], object] | None = None,
+        on_warning: Callable[[str], object] | None = None,
     ) -> None:
         super().__init__(domain, daemon, timeout, on_connection, on_warning)
         self._handle = self._opening().wait()

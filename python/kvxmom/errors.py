@@ -121,13 +121,11 @@ class Busy(Error):
     code = Code.BUSY
 
 
-_CLASSES: dict[int, type[Error]] = {
-    one.code: one
-    for one in (
-        InvalidArgument, NoDaemon, Lost, TimedOut, Partial, MixedAnswers, Refused, QueueFull,
-        NoMemory, Ended, Busy,
-    )
-}  # fmt: skip
+_ALL: tuple[type[Error], ...] = (
+    InvalidArgument, NoDaemon, Lost, TimedOut, Partial, MixedAnswers, Refused, QueueFull, NoMemory,
+    Ended, Busy,
+)  # fmt: skip
+_CLASSES = {int(one.code): one for one in _ALL}
 
 
 def _made(code: int, text: str, tried: str, rows: list[dict[str, Any]]) -> Error:
