@@ -179,8 +179,9 @@ class KVX_API Client {
                                            Follower follower,
                                            std::optional<std::chrono::milliseconds> timeout = {});
 
-    /// Has `work` called on the client's thread at the loop's next turn, where calls that need the
-    /// loop are made at once. Never called when the client ends before. `Ended` after that.
+    /// Has `work` called on the client's thread at the loop's next turn (at once on the thread of
+    /// `onThisThread`), where calls that need the loop are made at once. Never called when the
+    /// client ends before. `Ended` after that. Any thread.
     Result<> post(std::function<void()> work);
 
     /// `subject` in the client's domain: "NEWS" is "NEWS.DEFAULT".
