@@ -6,6 +6,7 @@
 
 #include "rva/MessageJson.h"
 #include "tests/rva/AgentFixture.h"
+#include "tests/rva/Schema.h"
 
 namespace kvx::test {
 namespace {
@@ -15,6 +16,10 @@ using rva::Json;
 struct ApiTest : AgentFixture {
     static httplib::Result post(int port, const std::string& path, const Json& body) {
         return httplib::Client("127.0.0.1", port).Post(path, body.dump(), "application/json");
+    }
+    static int statusOfEmpty(int port, const std::string& path) {
+        const auto result = post(port, path, Json::object());
+        return result ? result->status : -1;
     }
     static std::string codeIn(const httplib::Result& result) {
         return result ? Json::parse(result->body).at("error").at("code").get<std::string>() : "";
@@ -34,10 +39,32 @@ struct ApiTest : AgentFixture {
         });
         return text;
     }
+    void expectSound(const std::string& schema, const Json& value) const {
+        EXPECT_EQ(schemas_.problem(schema, value), "") << value.dump().substr(0, 300);
+    }
+    // The data of all events are of the schemas that belong to their names.
+    void expectSoundEvents(const std::string& events) const {
+        static const std::map<std::string, std::string> kSchemas = {
+            {"bus", "Connection"},      {"services", "ServiceChanges"},
+            {"traffic", "Bus"},         {"history", "HistoryEntry"},
+            {"message", "Message"},     {"dropped", "Dropped"},
+            {"listening", "Listening"}, {"end", "Error"}};
+        std::istringstream in(events);
+        std::string name;
+        for (std::string line; std::getline(in, line);) {
+            if (line.starts_with("event: ")) name = line.substr(7);
+            // The last one may have been cut off.
+            if (!line.starts_with("data: ") || in.eof()) continue;
+            ASSERT_TRUE(kSchemas.contains(name)) << name;
+            expectSound(kSchemas.at(name), Json::parse(line.substr(6)));
+        }
+    }
     static Json messageIn(const std::string& events) {
         const auto begin = events.find("data: ", events.find("event: message")) + 6;
         return Json::parse(events.substr(begin, events.find('\n', begin) - begin));
     }
+
+    const Schemas schemas_{contentOf(KVX_SOURCE_DIR "/docs/openapi.json")};
 };
 
 // What docs/http.md has a row for, with its limits.
@@ -74,6 +101,7 @@ TEST_F(ApiTest, SendsWhatItHearsWithoutLoss) {
             listenUntil(port, "/api/listen?subject=NEWS.%3E", "event: message",
                         [&] { EXPECT_EQ(post(port, "/api/send", sent)->body, "{\"sent\":1}\n"); });
         EXPECT_EQ(messageIn(events).dump(), sent.dump());
+        expectSoundEvents(events);
     }
     rva::Outgoing inferred;
     EXPECT_EQ(rva::readMessage(Json::parse(R"({"subject":"A","fields":{"a":1,"b":2147483648,
@@ -114,13 +142,16 @@ TEST_F(ApiTest, StreamsAnswersOfServicesInEveryForm) {
     std::vector<Json> all;
     for (std::string line; std::getline(in, line);) all.push_back(Json::parse(line));
     ASSERT_EQ(all.size(), 5002U);
+    for (const Json& line : all) expectSound("Line", line);
     EXPECT_EQ(all[1].dump(), R"({"row":{"name":"core-0","mtu":1500}})");
     EXPECT_EQ(all.back()["end"]["rows"], 5000);
     query["format"] = "csv";
     query["text"] = "SELECT MTU, name FROM devices WHERE mtu < 1502";
     EXPECT_EQ(post(port, "/api/query", query)->body, "MTU,name\r\n1500,core-0\r\n1501,core-1\r\n");
     query["format"] = "json";
-    EXPECT_EQ(Json::parse(post(port, "/api/query", query)->body)["rows"].size(), 2U);
+    const Json rows = Json::parse(post(port, "/api/query", query)->body);
+    EXPECT_EQ(rows["rows"].size(), 2U);
+    expectSound("Rows", rows);
     query["text"] = "SELECT FROM";
     const auto refused = post(port, "/api/query", query);
     EXPECT_EQ(refused->status, 422);
@@ -135,6 +166,24 @@ TEST_F(ApiTest, StreamsAnswersOfServicesInEveryForm) {
     const auto reply =
         post(port, "/api/request", {{"subject", "_RVD.STATUS"}, {"fields", Json::object()}});
     EXPECT_EQ(Json::parse(reply->body)["fields"][0]["name"], "part");
+    expectSound("Message", Json::parse(reply->body));
+    expectSound("Error", Json::parse(refused->body));
+    for (const auto& [path, schema] : {std::pair("/api/services", "Services"),
+                                       {"/api/bus", "Bus"},
+                                       {"/api/history", "History"},
+                                       {"/api/login", "Login"}}) {
+        expectSound(schema, Json::parse(get(port, path).body));
+    }
+    // What the document names is served.
+    for (const auto& [path, methods] : schemas_.document()["paths"].items()) {
+        for (const auto& [method, operation] : methods.items()) {
+            if (method == "get" && path != "/api/listen" && path != "/api/events") {
+                EXPECT_EQ(get(port, path).status, 200) << path;
+            } else if (method == "post") {
+                EXPECT_EQ(statusOfEmpty(port, path), path == "/api/logout" ? 200 : 400) << path;
+            }
+        }
+    }
     EXPECT_EQ(codeIn(post(port, "/api/request",
                           {{"subject", "NOBODY"}, {"value", "x"}, {"timeout_ms", 50}})),
               "TimedOut");
@@ -179,6 +228,7 @@ TEST_F(ApiTest, ManyPagesCostOneSubscriptionAndResumeWhereTheyLeft) {
     };
     const std::string first = events({});
     EXPECT_NE(first.find("event: services"), std::string::npos) << first;
+    expectSoundEvents(first);
     const auto id = first.rfind("\nid: ") + 5;
     const std::string last = first.substr(id, first.find('\n', id) - id);
     EXPECT_EQ(events({{"Last-Event-ID", last}}).find("\"whole\":true"), std::string::npos);
