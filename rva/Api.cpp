@@ -168,7 +168,7 @@ void Api::request(const HttpRequest& request, const HttpAnswerPtr& answer) {
 void Api::listen(const HttpRequest& request, const HttpAnswerPtr& answer) {
     std::vector<std::string> subjects = request.all("subject");
     std::ranges::sort(subjects);
-    subjects.erase(std::ranges::unique(subjects).begin(), subjects.end());
+    subjects.erase(std::unique(subjects.begin(), subjects.end()), subjects.end());
     if (subjects.empty() || subjects.size() > kMostSubjects) {
         answer->reply(errorReply(400, "BadRequest", "1 to 16 subjects: ?subject=NEWS.>"));
         return;

@@ -75,7 +75,7 @@ const Json* onlyMember(const Json& json, const char* name) {
     return json.is_object() && json.size() == 1 && json.contains(name) ? &json[name] : nullptr;
 }
 
-std::optional<Bytes> textIn(const Json& json) {
+std::optional<Bytes> textOrBytes(const Json& json) {
     if (json.is_string()) return json.get<std::string>();
     const Json* const bytes = onlyMember(json, "base64");
     return bytes != nullptr ? bytesIn(*bytes) : std::nullopt;
@@ -105,7 +105,7 @@ Json integerJson(const RvDatum& datum) {
 }
 
 template <class Number>
-std::optional<Number> numberIn(const Json& json) {
+std::optional<Number> integerIn(const Json& json) {
     if (json.is_number_unsigned()) {
         const auto wide = json.get<std::uint64_t>();
         return std::in_range<Number>(wide) ? std::optional(static_cast<Number>(wide))
@@ -126,7 +126,7 @@ std::optional<Number> numberIn(const Json& json) {
 
 template <class Number>
 std::optional<Bytes> readInteger(const Json& json) {
-    const auto number = numberIn<Number>(json);
+    const auto number = integerIn<Number>(json);
     return number ? std::optional(imageBytes(*number)) : std::nullopt;
 }
 
@@ -189,7 +189,7 @@ Json stringJson(const RvDatum& datum) {
 }
 
 std::optional<Bytes> readString(const Json& json) {
-    if (!json.is_string()) return textIn(json);
+    if (!json.is_string()) return textOrBytes(json);
     auto text = json.get<std::string>();
     if (text.find('\0') != std::string::npos) return std::nullopt;
     return text + '\0';
@@ -209,7 +209,7 @@ std::optional<Bytes> readAddress(const Json& json) {
 }
 
 std::optional<Bytes> readPort(const Json& json) {
-    const auto port = numberIn<std::uint16_t>(json);
+    const auto port = integerIn<std::uint16_t>(json);
     return port ? std::optional(imageBytes(__builtin_bswap16(*port))) : std::nullopt;
 }
 
@@ -269,7 +269,7 @@ std::optional<Bytes> readDateTime(const Json& json) {
         words = Words{};
         if (raw->size() != words->size()) return std::nullopt;
         for (std::size_t i = 0; i < words->size(); ++i) {
-            const auto word = numberIn<std::uint32_t>((*raw)[i]);
+            const auto word = integerIn<std::uint32_t>((*raw)[i]);
             if (!word) return std::nullopt;
             (*words)[i] = *word;
         }
@@ -407,8 +407,8 @@ std::string inferredType(const Json& value) {
     if (value.is_string()) return "string";
     if (value.is_number_float()) return "f64";
     if (value.is_structured()) return "message";
-    if (numberIn<std::int32_t>(value)) return "i32";
-    if (numberIn<std::int64_t>(value)) return "i64";
+    if (integerIn<std::int32_t>(value)) return "i32";
+    if (integerIn<std::int64_t>(value)) return "i64";
     return value.is_number() ? "u64" : "";
 }
 
@@ -468,7 +468,7 @@ std::string readField(const Json& entry, RvMsg& message, unsigned depth) {
     if (!entry.is_object() || !entry.contains("value")) {
         return R"(a field is {"name":...,"type":...,"value":...})";
     }
-    const auto name = entry.contains("name") ? textIn(entry["name"]) : Bytes();
+    const auto name = entry.contains("name") ? textOrBytes(entry["name"]) : Bytes();
     const Json type = entry.value("type", Json(""));
     if (!name) return "the name of a field is no text";
     if (!type.is_string()) return "the type of a field is no text";
@@ -523,10 +523,10 @@ Json messageJson(const char* subject, const char* reply, const RvDatum& datum) {
 
 std::string readMessage(const Json& json, Outgoing& message) {
     if (!json.is_object()) return "a message is an object";
-    const auto subject = json.contains("subject") ? textIn(json["subject"]) : std::nullopt;
+    const auto subject = json.contains("subject") ? textOrBytes(json["subject"]) : std::nullopt;
     if (!subject || !encodedSubject(*subject)) return "the subject is no subject";
     const Json replyTo = json.value("reply", Json(nullptr));
-    const auto reply = replyTo.is_null() ? Bytes() : textIn(replyTo);
+    const auto reply = replyTo.is_null() ? Bytes() : textOrBytes(replyTo);
     if (!reply || (!reply->empty() && !encodedSubject(*reply))) {
         return "the reply subject is no subject";
     }
@@ -540,10 +540,10 @@ Json rowJson(const Record& record) {
     for (const Field field : record) {
         Json& value =
             row[isUtf8(field.name) ? std::string(field.name) : "base64:" + toBase64(field.name)];
-        if (const auto number = field.value.as<std::int64_t>();
-            field.value.kind() == Value::Kind::Integer) {
-            const bool isSafe = *number <= kSafe && *number >= -kSafe;
-            value = isSafe ? Json(*number) : Json{{"integer", std::to_string(*number)}};
+        if (field.value.kind() == Value::Kind::Integer) {
+            const auto number = *field.value.as<std::int64_t>();
+            const bool isSafe = number <= kSafe && number >= -kSafe;
+            value = isSafe ? Json(number) : Json{{"integer", std::to_string(number)}};
         } else if (const auto text = field.value.as<std::string_view>()) {
             value = textJson(*text);
         } else if (const auto bytes = field.value.as<Value::Bytes>()) {
