@@ -33,7 +33,7 @@ export async function post(path, body, signal) {
 
 // Asks a service. Calls `take(rows, bytes)` as rows arrive, of which it takes no more while a call's promise is
 // pending; returns the answer's end. Rejects with an ApiError when the answer is an error or breaks off.
-export async function query({ service, text, timeout_ms = 60000 }, take, signal) {
+export async function query({ service, text, timeout_ms = 15000 }, take, signal) {
   const body = JSON.stringify({ service, text, timeout_ms, format: "ndjson" });
   const answer = await fetch("/api/query", { method: "POST", headers: json, body, signal });
   if (!answer.ok) await fail(answer);
