@@ -107,7 +107,7 @@ class Agent {
         if (isNumber) return *row.val.integer;
         if (row.type != ASN_OCTET_STR) return {};
         const std::string_view text(reinterpret_cast<const char*>(row.val.string), row.val_len);
-        if (text.find('\0') == text.npos) return text;
+        if (text.find('\0') == std::string_view::npos) return text;
         return std::as_bytes(std::span(text));
     }
 

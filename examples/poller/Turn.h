@@ -13,8 +13,8 @@ class Turn : public CVekTimedWork {
   public:
     static constexpr const char* kReports = "POLLER.REPORT";  // a subject
 
-    Turn(kvx::Service& service, const Agent& agent, const std::string& poller, int ticks)
-        : service_(service), agent_(agent), poller_(poller) {
+    Turn(kvx::Service& service, const Agent& agent, std::string poller, int ticks)
+        : service_(service), agent_(agent), poller_(std::move(poller)) {
         RTWSetName(new CVekAtom(agent.name.c_str()));
         RTWSetFrequency(ticks);
     }
