@@ -14,6 +14,7 @@
 
 #include "kvx/Client.h"
 #include "rva/Api.h"
+#include "rva/Console.h"
 #include "rva/DaemonWatch.h"
 #include "rva/HttpPages.h"
 #include "rva/HttpServer.h"
@@ -32,14 +33,6 @@ namespace {
 
 constexpr unsigned long kWatchMs = 1000;
 constexpr unsigned long kHostsMs = 5000;
-constexpr const char* kIndex =
-    "rva, the bus agent\n"
-    "\n"
-    "/healthz        ok while the agent lives\n"
-    "/readyz         ready while the bus session is up, 503 while it is lost\n"
-    "/services.json  the services whose heartbeats are heard\n"
-    "/metrics        figures of the agent and the daemon, for Prometheus\n"
-    "/api/           the bus for programs: docs/http.md\n";
 
 // The bus's advisories, which the session delivers like messages.
 class AdvisoryListener : public RvDataCallback {
@@ -96,8 +89,7 @@ std::string servicesDocument(Observations& seen) {
 void addPages(HttpPages& pages, Observations& seen) {
     using Page = HttpPages::Page;
     const std::int64_t start = platform::wallSeconds();
-    pages.add(
-        "/", [] { return Page{.body = kIndex}; }, HttpPages::For::All);
+    addConsole(pages);
     pages.add(
         "/healthz", [] { return Page{.body = "ok\n"}; }, HttpPages::For::All);
     pages.add("/readyz", [&seen] {
