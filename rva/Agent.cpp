@@ -23,6 +23,7 @@
 #include "tools/beats/BeatListener.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/HostsQuestion.h"
 #include "tools/bus/Output.h"
 #include "tools/bus/Ticker.h"
 
@@ -31,6 +32,7 @@ namespace kvx::rva {
 namespace {
 
 constexpr unsigned long kWatchMs = 1000;
+constexpr unsigned long kHostsMs = 5000;
 
 // The bus's advisories, which the session delivers like messages.
 class AdvisoryListener : public RvDataCallback {
@@ -42,6 +44,34 @@ class AdvisoryListener : public RvDataCallback {
 
   private:
     Observations& seen_;
+};
+
+// Asks the bridge who is joined, at the interval of the questions to the daemon.
+class HostsWatch {
+  public:
+    HostsWatch(bus::Client& client, Observations& seen, unsigned intervalSeconds)
+        : client_(client), seen_(seen) {
+        if (intervalSeconds == 0) return;
+        ticker_.emplace(client.net(), 1'000UL * intervalSeconds, bus::Ticker::Repeat::Forever,
+                        [this] { ask(); });
+    }
+
+  private:
+    void ask() {
+        if (isWaiting_) return;
+        question_.emplace(client_, [this](bus::HostsQuestion::Outcome outcome, const Json& hosts) {
+            isWaiting_ = false;
+            const bool hasHosts = outcome == bus::HostsQuestion::Outcome::Hosts;
+            seen_.showHosts(hasHosts ? hosts : Json::array());
+        });
+        isWaiting_ = question_->ask(kHostsMs);
+    }
+
+    bus::Client& client_;
+    Observations& seen_;
+    bool isWaiting_ = false;
+    std::optional<bus::HostsQuestion> question_;
+    std::optional<bus::Ticker> ticker_;
 };
 
 // What `kvx services` shows, without what is around it in `/api/services`.
@@ -162,6 +192,7 @@ int run(const Options& options) {
                            if (isRound) feed.tellHistory(seen.note());
                        });
     }
+    const HostsWatch hosts(client, seen, options.intervalSeconds);
     // Printed when a signal ends the process in order.
     const int status = client.runUntilSignal([&] {
         bus::printLine(fmt::format("rva ready on http://{}:{}", address.host, server.port()));

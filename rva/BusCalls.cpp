@@ -76,7 +76,7 @@ bool BusCalls::post(const HttpAnswerPtr& answer, std::chrono::milliseconds withi
     return false;
 }
 
-void BusCalls::send(std::vector<Outgoing> messages, HttpAnswerPtr answer) {
+void BusCalls::send(std::vector<Outgoing> messages, const HttpAnswerPtr& answer) {
     auto slot = quota_.take();
     if (!slot) {
         answer->reply(errorReply(429, "TooMany", "64 requests are in progress on the bus"));
@@ -97,7 +97,8 @@ void BusCalls::send(std::vector<Outgoing> messages, HttpAnswerPtr answer) {
     });
 }
 
-void BusCalls::request(Outgoing message, std::chrono::milliseconds timeout, HttpAnswerPtr answer) {
+void BusCalls::request(Outgoing message, std::chrono::milliseconds timeout,
+                       const HttpAnswerPtr& answer) {
     auto slot = quota_.take();
     if (!slot) {
         answer->reply(errorReply(429, "TooMany", "64 requests are in progress on the bus"));

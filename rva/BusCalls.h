@@ -22,10 +22,10 @@ class BusCalls {
     ~BusCalls();
 
     /// Sends all, and answers how many. When one cannot be sent, the later ones are not.
-    void send(std::vector<Outgoing> messages, HttpAnswerPtr answer);
+    void send(std::vector<Outgoing> messages, const HttpAnswerPtr& answer);
 
     /// Sends, and answers with the first reply.
-    void request(Outgoing message, std::chrono::milliseconds timeout, HttpAnswerPtr answer);
+    void request(Outgoing message, std::chrono::milliseconds timeout, const HttpAnswerPtr& answer);
 
   private:
     class Request;

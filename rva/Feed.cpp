@@ -45,7 +45,8 @@ Feed::Feed(CVekRvNet& net, Observations& seen)
 
 Feed::~Feed() = default;
 
-void Feed::join(std::string lastEventId, HttpAnswerPtr answer, std::shared_ptr<const void> slot) {
+void Feed::join(std::string lastEventId, const HttpAnswerPtr& answer,
+                std::shared_ptr<const void> slot) {
     answer->expectWithin(kHandOver);
     auto page =
         std::make_shared<Page>(Page{std::move(lastEventId), EventSink(answer, std::move(slot))});
@@ -116,12 +117,12 @@ void Feed::tellServices() {
     }
     services_ = std::move(present);
     if (changed.empty() && gone.empty()) return;
-    for (const auto& data : serviceEvents(std::move(changed), gone, false)) {
+    for (const auto& data : serviceEvents(changed, gone, false)) {
         push("services", data);
     }
 }
 
-std::vector<std::string> Feed::serviceEvents(std::vector<std::string> rows,
+std::vector<std::string> Feed::serviceEvents(const std::vector<std::string>& rows,
                                              const std::vector<Key>& gone, bool isWhole) const {
     Json keys = Json::array();
     for (const Key& key : gone) keys.push_back(keyJson(key));
@@ -176,7 +177,7 @@ void Feed::startAnew(Page& page) {
         rows.push_back(beats::serviceAsJson(service, now));
     }
     queue("bus", seen_.connectionJson());
-    for (const auto& data : serviceEvents(std::move(rows), {}, true)) queue("services", data);
+    for (const auto& data : serviceEvents(rows, {}, true)) queue("services", data);
     queue("traffic", seen_.busJson());
     page.isStale = false;
 }

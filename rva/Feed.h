@@ -28,7 +28,8 @@ class Feed {
 
     /// Streams the events until the client goes: those after `lastEventId` where they are kept,
     /// else the state and then what changes. Any thread; never waits.
-    void join(std::string lastEventId, HttpAnswerPtr answer, std::shared_ptr<const void> slot);
+    void join(std::string lastEventId, const HttpAnswerPtr& answer,
+              std::shared_ptr<const void> slot);
 
     void tellBus();
     /// Of the daemon; sent once a second at most.
@@ -60,7 +61,7 @@ class Feed {
     bool resume(Page& page);
     void flush(Page& page);
     [[nodiscard]] std::string idOf(std::uint64_t number) const;
-    [[nodiscard]] std::vector<std::string> serviceEvents(std::vector<std::string> rows,
+    [[nodiscard]] std::vector<std::string> serviceEvents(const std::vector<std::string>& rows,
                                                          const std::vector<Key>& gone,
                                                          bool isWhole) const;
 

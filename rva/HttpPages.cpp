@@ -48,9 +48,9 @@ void HttpPages::add(const std::string& path, Maker make, For whom) {
 }
 
 void HttpPages::addFile(const std::string& path, const std::string& type, std::string bytes) {
-    const Page page{200, type, std::move(bytes), {{"Cache-Control", "no-cache"}}};
+    Page page{200, type, std::move(bytes), {{"Cache-Control", "no-cache"}}};
     add(
-        path, [page] { return page; }, For::All);
+        path, [page = std::move(page)]() -> Page { return page; }, For::All);
 }
 
 void HttpPages::handle(const std::string& method, const std::string& path, Handler handler,

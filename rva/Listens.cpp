@@ -40,7 +40,7 @@ Listens::Listens(CVekRvNet& net)
 
 Listens::~Listens() = default;
 
-void Listens::listen(std::vector<std::string> subjects, HttpAnswerPtr answer,
+void Listens::listen(std::vector<std::string> subjects, const HttpAnswerPtr& answer,
                      std::shared_ptr<const void> slot) {
     answer->expectWithin(kHandOver);
     auto listener = std::make_shared<Listener>(

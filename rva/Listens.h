@@ -21,7 +21,7 @@ class Listens {
     ~Listens();
 
     /// Streams the messages on `subjects` until the client goes. Any thread; never waits.
-    void listen(std::vector<std::string> subjects, HttpAnswerPtr answer,
+    void listen(std::vector<std::string> subjects, const HttpAnswerPtr& answer,
                 std::shared_ptr<const void> slot);
 
     /// Sends an event to all who listen.

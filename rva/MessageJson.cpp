@@ -225,20 +225,31 @@ Json dateTimeJson(const RvDatum& datum) {
                        fmt::gmtime(static_cast<std::time_t>(seconds)), words[2]);
 }
 
-// "2026-01-31T12:00:00", "2026-01-31T12:00:00.000001Z" and between.
-std::optional<Words> timeIn(const std::string& text) {
-    int year = 0;
-    unsigned month = 0;
-    unsigned day = 0;
-    unsigned hour = 0;
-    unsigned minute = 0;
-    unsigned second = 0;
-    int used = 0;
-    if (std::sscanf(text.c_str(), "%4d-%2u-%2uT%2u:%2u:%2u%n", &year, &month, &day, &hour, &minute,
-                    &second, &used) != 6) {
-        return std::nullopt;
+// The number in the digits of `text` from `begin` on; nothing when one of them is none.
+std::optional<unsigned> digitsAt(std::string_view text, std::size_t begin, std::size_t count) {
+    unsigned number = 0;
+    for (const char c : text.substr(begin, count)) {
+        if (c < '0' || c > '9') return std::nullopt;
+        number = number * 10 + static_cast<unsigned>(c - '0');
     }
-    std::string rest = text.substr(static_cast<std::size_t>(used));
+    return number;
+}
+
+// "2026-01-31T12:00:00Z", "2026-01-31T12:00:00.000001Z" and between.
+std::optional<Words> timeIn(const std::string& text) {
+    constexpr std::string_view kForm = "yyyy-mm-ddThh:mm:ss";
+    if (text.size() <= kForm.size()) return std::nullopt;
+    for (const std::size_t i : {4U, 7U, 10U, 13U, 16U}) {
+        if (text[i] != kForm[i]) return std::nullopt;
+    }
+    const auto year = digitsAt(text, 0, 4);
+    const auto month = digitsAt(text, 5, 2);
+    const auto day = digitsAt(text, 8, 2);
+    const auto hour = digitsAt(text, 11, 2);
+    const auto minute = digitsAt(text, 14, 2);
+    const auto second = digitsAt(text, 17, 2);
+    if (!year || !month || !day || !hour || !minute || !second) return std::nullopt;
+    std::string rest = text.substr(kForm.size());
     if (!rest.ends_with('Z')) return std::nullopt;
     rest.pop_back();
     std::uint32_t micros = 0;
@@ -251,12 +262,12 @@ std::optional<Words> timeIn(const std::string& text) {
         digits.resize(kMicrosecondDigits, '0');
         micros = static_cast<std::uint32_t>(std::stoul(digits));
     }
-    const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(month),
-                                           std::chrono::day(day)};
-    if (!date.ok() || hour > 23 || minute > 59 || second > 59) return std::nullopt;
+    const std::chrono::year_month_day date{std::chrono::year(static_cast<int>(*year)),
+                                           std::chrono::month(*month), std::chrono::day(*day)};
+    if (!date.ok() || *hour > 23 || *minute > 59 || *second > 59) return std::nullopt;
     const std::int64_t seconds =
         std::chrono::sys_days(date).time_since_epoch().count() * std::int64_t{86'400} +
-        hour * 3'600 + minute * 60 + second;
+        *hour * 3'600 + *minute * 60 + *second;
     constexpr std::int64_t kSpan = std::int64_t{1} << 32;
     if (seconds < -kSpan || seconds >= kSpan) return std::nullopt;
     return Words{seconds < 0 ? 255U : 0U, static_cast<std::uint32_t>(seconds), micros};

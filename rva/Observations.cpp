@@ -119,8 +119,8 @@ std::string Observations::servicesJson() {
     for (const auto& service : services(now)) {
         rows.append(rows.empty() ? "" : ",\n").append(beats::serviceAsJson(service, now));
     }
-    return fmt::format("{{\"connected\":{},\"daemon\":{},\"domain\":{},\"services\":[{}]}}",
-                       isReady(), bus::jsonString(daemonAddress_), bus::jsonString(domain_), rows);
+    return fmt::format(R"({{"connected":{},"daemon":{},"domain":{},"services":[{}]}})", isReady(),
+                       bus::jsonString(daemonAddress_), bus::jsonString(domain_), rows);
 }
 
 Json Observations::connection() const {

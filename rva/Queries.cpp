@@ -98,7 +98,7 @@ Queries::~Queries() {
     end();
 }
 
-void Queries::ask(Query query, std::shared_ptr<const void> stream, HttpAnswerPtr answer) {
+void Queries::ask(Query query, std::shared_ptr<const void> stream, const HttpAnswerPtr& answer) {
     removeDone();
     auto slot = quota_.take();
     if (!slot) {

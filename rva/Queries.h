@@ -36,7 +36,7 @@ class Queries {
     Queries& operator=(const Queries&) = delete;
 
     /// Streams the answer, and holds `stream` meanwhile. Never waits; 429 when 16 are in progress.
-    void ask(Query query, std::shared_ptr<const void> stream, HttpAnswerPtr answer);
+    void ask(Query query, std::shared_ptr<const void> stream, const HttpAnswerPtr& answer);
 
     /// Cancels all, waits for their threads, and answers later ones with 503.
     void end();
