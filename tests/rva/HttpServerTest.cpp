@@ -4,6 +4,9 @@
 
 #include <httplib.h>
 
+#include <mutex>
+#include <utility>
+
 #include "rva/HttpPages.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LinkEnd.h"
@@ -25,8 +28,9 @@ struct HttpServerTest : testing::Test {
             answer->reply({.body = request.body});
         });
         pages.handle("GET", "/kept", [this](const HttpRequest&, const HttpAnswerPtr& answer) {
-            kept = answer;
             answer->start({}, [](auto code, auto) { return std::string(code); });
+            const std::lock_guard guard(mutex);
+            arrived = answer;
         });
         EXPECT_TRUE(server.start({platform::kLoopbackAddress, 0}));
     }
@@ -42,7 +46,8 @@ struct HttpServerTest : testing::Test {
     }
     bool serves() const { return exchange(kHead + std::string("\r\n")).ends_with("\r\n\r\nhello"); }
 
-    HttpAnswerPtr kept;
+    std::mutex mutex;
+    HttpAnswerPtr arrived;  // guarded by mutex
     HttpPages pages;
     HttpServer server{pages};
 };
@@ -181,11 +186,15 @@ TEST_F(HttpServerTest, GivesALongAnswerWholeToASlowReader) {
 
 TEST_F(HttpServerTest, StreamsAsFarAsTheClientTakesItAndSaysHowItEnded) {
     const std::string get = "GET /kept HTTP/1.1\r\nHost: localhost\r\n\r\n";
+    HttpAnswerPtr kept;
     const auto open = [&] {
-        kept.reset();
         auto link = connect();
         link.send(test::ByteVector(get.begin(), get.end()));
-        EXPECT_TRUE(test::eventually([&] { return kept != nullptr; }));
+        EXPECT_TRUE(test::eventually([&] {
+            const std::lock_guard guard(mutex);
+            kept = std::exchange(arrived, nullptr);
+            return kept != nullptr;
+        }));
         return link;
     };
     const auto rest = [](test::LinkEnd& link) {
