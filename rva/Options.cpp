@@ -67,7 +67,9 @@ std::string readValues(int argc, const char* const* argv, Values& values) {
         } else {
             // Of hosts each counts.
             std::string& value = values[word.substr(1)];
-            value = word == "-host" && !value.empty() ? value + "\n" + argv[i] : argv[i];
+            if (word != "-host") value.clear();
+            if (!value.empty()) value += '\n';
+            value += argv[i];
         }
     }
     return {};
