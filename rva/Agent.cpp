@@ -155,7 +155,8 @@ int run(const Options& options) {
         listens.tell(eventText("bus", seen.connectionJson()));
     });
     beats::BeatListener beatListener(
-        [&seen](auto packet) { seen.hearPacket(packet, platform::monotonicMs()); });
+        [&seen](auto packet) { seen.hearPacket(packet, platform::monotonicMs()); },
+        [&seen](const auto& beat) { seen.hearMember(beat, platform::monotonicMs()); });
     AdvisoryListener advisories(seen);
     if (!beatListener.listen(client.net()) ||
         client.net().RRNAddExService("_RV.>", &advisories) != kOk) {

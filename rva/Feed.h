@@ -49,7 +49,9 @@ class Feed {
     struct State {
         std::uint64_t beats;
         std::uint64_t overdue;
+        bool isSilent;
         bool isPrimary;
+        Milliseconds roleSince;
         bool operator==(const State&) const = default;
     };
 
