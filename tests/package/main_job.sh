@@ -1,0 +1,23 @@
+#!/bin/bash
+# Runs in the root that holds the packages: the units, and queries of a real register.
+set -eu
+export PATH=/usr/sbin:/usr/bin:/sbin:/bin
+until_true() {
+    local tries
+    for ((tries = 0; tries < 600; tries++)); do "$@" >/dev/null 2>&1 && return; sleep 0.05; done
+    echo "never true: $*"
+    return 1
+}
+if [ "$(cat /proc/1/comm)" = systemd ]; then
+    echo "systemd runs here"
+    until_true systemctl is-active multi-user.target
+    for unit in rvd rva; do until_true systemctl is-active "$unit"; done
+else
+    echo "no systemd here, since there are no control groups: the daemon is started by hand"
+    rvd -listen tcp:7500 &
+fi
+modeld --db /tmp/model.db --table vendors --key assignment --load /usr/share/ieee-data/oui.csv >/tmp/modeld.log 2>&1 &
+until_true grep -q answering /tmp/modeld.log || { cat /tmp/modeld.log; exit 1; }
+[ "$(kvx query Model "select organization_name from vendors where assignment = '002272'" --csv | tail -n 1)" = \
+    "American Micro-Fuel Device Corp." ]
+kvx query Model 'select * from vendors' --quiet
