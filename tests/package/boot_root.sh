@@ -8,8 +8,10 @@ mount --make-rprivate /
 mount --bind "$root" "$root"
 mount -t proc proc "$root/proc"
 for place in run tmp dev; do mount -t tmpfs tmpfs "$root/$place"; done
-mkdir "$root/dev/shm"
+mkdir "$root/dev/shm" "$root/dev/pts"
 mount -t tmpfs tmpfs "$root/dev/shm"
+mount -t devpts -o newinstance,ptmxmode=0666 devpts "$root/dev/pts"
+ln -s pts/ptmx "$root/dev/ptmx"
 for device in null zero full random urandom tty; do
     touch "$root/dev/$device"
     mount --bind "/dev/$device" "$root/dev/$device"

@@ -1,6 +1,6 @@
 #!/bin/bash
 # Runs in the root that holds the packages: the units, and queries of a real register.
-set -eu
+set -eu -o pipefail
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin
 until_true() {
     local tries
@@ -8,10 +8,18 @@ until_true() {
     echo "never true: $*"
     return 1
 }
+for unit in rvd rva rvbridge; do
+    systemd-analyze security --offline=true --threshold=15 --no-pager "/lib/systemd/system/$unit.service" | tail -n 1
+done
 if [ "$(cat /proc/1/comm)" = systemd ]; then
     echo "systemd runs here"
     until_true systemctl is-active multi-user.target
     for unit in rvd rva; do until_true systemctl is-active "$unit"; done
+    before=$(systemctl show --property MainPID --value rvd)
+    systemctl reload rvd
+    is_replaced() { [ "$(systemctl show --property MainPID --value rvd)" != "$before" ] && kvx status; }
+    until_true is_replaced
+    systemctl is-active rvd
 else
     echo "no systemd here, since there are no control groups: the daemon is started by hand"
     rvd -listen tcp:7500 &
