@@ -9,7 +9,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
+#include "kvx/Client.h"
+#include "rva/Api.h"
+#include "rva/Console.h"
 #include "rva/DaemonWatch.h"
 #include "rva/HttpPages.h"
 #include "rva/HttpServer.h"
@@ -18,6 +23,7 @@
 #include "tools/beats/BeatListener.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/HostsQuestion.h"
 #include "tools/bus/Output.h"
 #include "tools/bus/Ticker.h"
 
@@ -26,14 +32,7 @@ namespace kvx::rva {
 namespace {
 
 constexpr unsigned long kWatchMs = 1000;
-constexpr const char* kIndex =
-    "rva, the bus agent\n"
-    "\n"
-    "/healthz        ok while the agent lives\n"
-    "/readyz         ready while the bus session is up, 503 while it is lost\n"
-    "/services.json  the services whose heartbeats are heard\n"
-    "/metrics        figures of the agent and the daemon, for Prometheus\n";
-constexpr const char* kJsonType = "application/json; charset=utf-8";
+constexpr unsigned long kHostsMs = 5000;
 
 // The bus's advisories, which the session delivers like messages.
 class AdvisoryListener : public RvDataCallback {
@@ -47,6 +46,35 @@ class AdvisoryListener : public RvDataCallback {
     Observations& seen_;
 };
 
+// Asks the bridge who is joined, at the interval of the questions to the daemon.
+class HostsWatch {
+  public:
+    HostsWatch(bus::Client& client, Observations& seen, unsigned intervalSeconds)
+        : client_(client), seen_(seen) {
+        if (intervalSeconds == 0) return;
+        ticker_.emplace(client.net(), 1'000UL * intervalSeconds, bus::Ticker::Repeat::Forever,
+                        [this] { ask(); });
+    }
+
+  private:
+    void ask() {
+        if (isWaiting_) return;
+        question_.emplace(client_, [this](bus::HostsQuestion::Outcome outcome, const Json& hosts) {
+            isWaiting_ = false;
+            const bool hasHosts = outcome == bus::HostsQuestion::Outcome::Hosts;
+            seen_.showHosts(hasHosts ? hosts : Json::array());
+        });
+        isWaiting_ = question_->ask(kHostsMs);
+    }
+
+    bus::Client& client_;
+    Observations& seen_;
+    bool isWaiting_ = false;
+    std::optional<bus::HostsQuestion> question_;
+    std::optional<bus::Ticker> ticker_;
+};
+
+// What `kvx services` shows, without what is around it in `/api/services`.
 std::string servicesDocument(Observations& seen) {
     const Milliseconds now = platform::monotonicMs();
     std::string document = "{\"services\":[";
@@ -61,8 +89,9 @@ std::string servicesDocument(Observations& seen) {
 void addPages(HttpPages& pages, Observations& seen) {
     using Page = HttpPages::Page;
     const std::int64_t start = platform::wallSeconds();
-    pages.add("/", [] { return Page{.body = kIndex}; });
-    pages.add("/healthz", [] { return Page{.body = "ok\n"}; });
+    addConsole(pages);
+    pages.add(
+        "/healthz", [] { return Page{.body = "ok\n"}; }, HttpPages::For::All);
     pages.add("/readyz", [&seen] {
         return seen.isReady() ? Page{.body = "ready\n"}
                               : Page{.status = 503, .body = "the bus session is lost\n"};
@@ -76,31 +105,54 @@ void addPages(HttpPages& pages, Observations& seen) {
     });
 }
 
-// Chooses the port: the option, else the configuration file's item, else the default. Returns an
-// empty text, or the error in the item.
-std::string choosePort(const Options& options, CVekRvNet& net, std::uint16_t& port) {
+// Chooses where to serve: the option, else the configuration file's item, else the default.
+// Returns an empty text, or the error in the item.
+std::string chooseAddress(const Options& options, CVekRvNet& net, ListenAddress& address) {
     const CVekAtom* const configured = net.m_cfgParser.RRCPGetRVAPort();
-    port = options.port.value_or(kDefaultPort);
-    if (options.port || configured == nullptr) return {};
-    return parseListen(configured->RAString(), port);
+    address = options.listen.value_or(ListenAddress());
+    if (options.listen || configured == nullptr) return {};
+    const std::string problem = parseListen(configured->RAString(), address);
+    return problem.empty() ? problem : "configuration item rva: " + problem;
+}
+
+// Where to serve and for whom. Returns an empty text, or the error.
+std::string chooseAccess(const Options& options, CVekRvNet& net, ListenAddress& address,
+                         std::string& token) {
+    if (auto problem = chooseAddress(options, net, address); !problem.empty()) return problem;
+    if (!options.tokenFile.empty()) return readToken(options.tokenFile, token);
+    if (address.isLoopback()) return {};
+    return fmt::format("-listen tcp:{}:{} is not of the loopback only: it needs -token-file FILE",
+                       address.host, address.port);
+}
+
+Gate gateFor(const Options& options, const ListenAddress& address, std::string token) {
+    std::vector<std::string> hosts = options.hosts;
+    hosts.push_back(address.host);
+    return {std::move(hosts), std::move(token)};
 }
 
 }  // namespace
 
 int run(const Options& options) {
-    Observations seen;
     bus::Client client(options.connection);
     if (!client.isUp()) return kFailure;
-    std::uint16_t port = 0;
-    if (const auto problem = choosePort(options, client.net(), port); !problem.empty()) {
-        bus::complain("configuration item rva: " + problem);
+    ListenAddress address;
+    std::string token;
+    if (auto problem = chooseAccess(options, client.net(), address, token); !problem.empty()) {
+        bus::complain(problem);
         return kUsage;
     }
+    Observations seen(client.daemon(), options.connection.domainOrDefault());
+    seen.setInterval(options.intervalSeconds);
     seen.gainSession();
     std::optional<DaemonWatch> daemon;
-    client.onDaemonChange([&seen, &daemon](bool isThere) {
+    Feed feed(client.net(), seen);
+    Listens listens(client.net());
+    client.onDaemonChange([&](bool isThere) {
         isThere ? seen.gainSession() : seen.loseSession();
         if (daemon) isThere ? daemon->gain() : daemon->lose();
+        feed.tellBus();
+        listens.tell(eventText("bus", seen.connectionJson()));
     });
     beats::BeatListener beatListener(
         [&seen](auto packet) { seen.hearPacket(packet, platform::monotonicMs()); });
@@ -110,11 +162,21 @@ int run(const Options& options) {
         bus::complain("cannot listen on the bus");
         return kFailure;
     }
-    HttpPages pages;
+    auto asking = kvx::Client::onThisThread(client.net(), {.onWarning = bus::complain});
+    if (!asking) {
+        bus::complain(asking.error().message());
+        return kFailure;
+    }
+    Queries queries(*asking);
+    BusCalls calls(client.net());
+    Api api(seen, queries, calls, listens, feed);
+    HttpPages pages(gateFor(options, address, std::move(token)));
     addPages(pages, seen);
-    HttpServer server([&pages](auto request) { return pages.answer(request); });
-    if (!server.start(port)) {
-        bus::complain(fmt::format("cannot listen on 127.0.0.1:{}; is the port taken?", port));
+    api.addTo(pages);
+    HttpServer server(pages);
+    if (!server.start({address.address, address.port})) {
+        bus::complain(
+            fmt::format("cannot listen on {}:{}; is the port taken?", address.host, address.port));
         return kFailure;
     }
     const bus::Ticker watch(client.net(), kWatchMs, bus::Ticker::Repeat::Forever, [&] {
@@ -124,13 +186,22 @@ int run(const Options& options) {
     });
     if (options.intervalSeconds != 0) {
         daemon.emplace(client.net(), options.intervalSeconds,
-                       [&seen](const DaemonFigures& figures) { seen.showDaemon(figures); });
+                       [&](const DaemonFigures& figures, bool isRound) {
+                           seen.showDaemon(figures);
+                           feed.tellTraffic();
+                           if (isRound) feed.tellHistory(seen.note());
+                       });
     }
+    const HostsWatch hosts(client, seen, options.intervalSeconds);
     // Printed when a signal ends the process in order.
-    return client.runUntilSignal([&] {
-        bus::printLine(fmt::format("rva ready on http://127.0.0.1:{}", server.port()));
+    const int status = client.runUntilSignal([&] {
+        bus::printLine(fmt::format("rva ready on http://{}:{}", address.host, server.port()));
         if (!bus::flushOutput()) client.leave(kFailure);
     });
+    client.onDaemonChange(nullptr);
+    server.stop();
+    queries.end();
+    return status;
 }
 
 }  // namespace kvx::rva

@@ -35,11 +35,10 @@ std::vector<Row> rowsOf(const Json& answer, const char* name) {
 
 Rows shownOf(const std::vector<Row>& all) {
     Rows rows;
-    for (const Json& row : all) {
-        if (rows.shown.size() < Rows::kShown) {
-            rows.shown.push_back(row);
-            continue;
-        }
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        const Json& row = all[i];
+        i < Rows::kKept ? rows.kept.push_back(row) : static_cast<void>(++rows.more);
+        if (i < Rows::kShown) continue;
         for (const char* field : kSummed) {
             rows.others[field] = realIn(rows.others, field) + realIn(row, field);
         }

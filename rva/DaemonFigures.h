@@ -1,9 +1,11 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "platform/Clock.h"
@@ -26,12 +28,18 @@ enum class Answering : std::uint8_t {
     Lost      ///< there is no session with a daemon
 };
 
-/// The rows of an answer: the foremost of them, and what all others have together.
+/// The rows of an answer: the foremost of them, and what those after the first 20 have together.
 struct Rows {
     static constexpr std::size_t kShown = 20;
+    static constexpr std::size_t kKept = 200;
 
-    std::vector<Json> shown;
-    Json others = Json::object();  ///< sums of numbers; empty without others
+    [[nodiscard]] std::span<const Json> shown() const {
+        return std::span(kept).first(std::min(kept.size(), kShown));
+    }
+
+    std::vector<Json> kept;
+    std::size_t more = 0;          ///< rows that are not kept
+    Json others = Json::object();  ///< sums of the numbers of those not shown; empty without any
 };
 
 /// What the daemon has answered about itself. A topic that it does not answer any more has no

@@ -76,7 +76,7 @@ Collect split(const char* part, const char* label, std::vector<Split> fields, do
 // "other" of the first label is all others together.
 void addRows(Samples& samples, const Rows& rows, const char* field,
              const std::function<void(const Json&)>& add, const char* label) {
-    for (const Json& row : rows.shown) add(row);
+    for (const Json& row : rows.shown()) add(row);
     if (rows.others.contains(field)) {
         samples.add(realIn(rows.others, field), {{label, "other"}});
     }

@@ -33,7 +33,7 @@ DaemonWatch::DaemonWatch(CVekRvNet& net, unsigned intervalSeconds, Publish publi
 void DaemonWatch::lose() {
     isLost_ = true;
     figures_.lose();
-    publish_(figures_);
+    publish_(figures_, true);
 }
 
 void DaemonWatch::gain() {
@@ -51,7 +51,7 @@ void DaemonWatch::ask() {
         figures_.ask(topic);
         question->ask(RvMsg(), kTimeoutSeconds);
     }
-    publish_(figures_);
+    publish_(figures_, false);
 }
 
 void DaemonWatch::take(Topic topic, const Json& answer, const std::string& error) {
@@ -63,7 +63,7 @@ void DaemonWatch::take(Topic topic, const Json& answer, const std::string& error
         figures_.miss(topic, answer.contains("error") ? Answering::Refuses : Answering::Silent);
     }
     if (topic == Topic::Status) tell(before, error);
-    publish_(figures_);
+    publish_(figures_, topic == Topic::Status);
 }
 
 void DaemonWatch::tell(Answering before, const std::string& error) const {

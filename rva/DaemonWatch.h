@@ -14,7 +14,8 @@ namespace kvx::rva {
 /// standard error when it begins and ceases to answer. Main thread, while the loop runs.
 class DaemonWatch {
   public:
-    using Publish = std::function<void(const DaemonFigures&)>;
+    /// `isRound`: once an interval, when what the daemon says of its status is there or is not.
+    using Publish = std::function<void(const DaemonFigures&, bool isRound)>;
 
     /// Calls `publish` with the figures whenever they have changed. `net` must outlive this object.
     DaemonWatch(CVekRvNet& net, unsigned intervalSeconds, Publish publish);

@@ -1,95 +1,101 @@
-// The library reads requests from memory and writes answers to memory. Requests are answered before
-// its routing, which would match paths as regular expressions and read bodies.
-
 #include "rva/HttpPages.h"
 
-#include <httplib.h>
-
-#include <map>
+#include <memory>
 #include <utility>
-
-#include "platform/Socket.h"
 
 namespace kvx::rva {
 
 namespace {
 
-// A request in memory, and the answer to it.
-class MemoryStream : public httplib::Stream {
-  public:
-    explicit MemoryStream(std::string_view request) : unread_(request) {}
+bool isJson(const std::string& contentType) {
+    const auto type = contentType.substr(0, contentType.find_first_of("; "));
+    return type == "application/json";
+}
 
-    bool is_readable() const override { return !unread_.empty(); }
-    bool is_writable() const override { return true; }
-    ssize_t read(char* to, std::size_t size) override {
-        const std::size_t count = unread_.copy(to, size);
-        unread_.remove_prefix(count);
-        return static_cast<ssize_t>(count);
+std::string methodsIn(const auto& methods) {
+    std::string names;
+    for (const auto& [method, route] : methods) {
+        names += names.empty() ? method : ", " + method;
+        if (method == "GET") names += ", HEAD";
     }
-    ssize_t write(const char* from, std::size_t size) override {
-        answer.append(from, size);
-        return static_cast<ssize_t>(size);
-    }
-    void get_remote_ip_and_port(std::string&, int&) const override {}
-    void get_local_ip_and_port(std::string&, int&) const override {}
-    socket_t socket() const override { return platform::kNoSocket; }
-
-    std::string answer;
-
-  private:
-    std::string_view unread_;
-};
+    return names;
+}
 
 }  // namespace
 
-class HttpPages::Reader : private httplib::Server {
-  public:
-    explicit Reader(HttpPages& pages) {
-        set_pre_routing_handler(
-            [this, &pages](const httplib::Request& request, httplib::Response& response) {
-                ++pages.requests_;
-                respond(request, response);
-                return HandlerResponse::Handled;
-            });
-    }
-
-    std::string answer(std::string_view request) {
-        MemoryStream stream(request);
-        bool closed = false;
-        // No ranges: the library trusts their numbers.
-        process_request(stream, true, closed,
-                        [](httplib::Request& parsed) { parsed.ranges.clear(); });
-        return std::move(stream.answer);
-    }
-
-    std::map<std::string, Maker> makers_;
-
-  private:
-    void respond(const httplib::Request& request, httplib::Response& response) const {
-        const auto maker = makers_.find(request.path);
-        Page page;
-        if (request.method != "GET" && request.method != "HEAD") {
-            page = {405, page.type, "only GET and HEAD\n"};
-            response.set_header("Allow", "GET, HEAD");
-        } else if (maker == makers_.end()) {
-            page = {404, page.type, "nothing here\n"};
-        } else {
-            page = maker->second();
-        }
-        response.status = page.status;
-        response.set_content(page.body, page.type);
-    }
-};
-
-HttpPages::HttpPages() : reader_(std::make_unique<Reader>(*this)) {}
-HttpPages::~HttpPages() = default;
-
-void HttpPages::add(const std::string& path, Maker make) {
-    reader_->makers_[path] = std::move(make);
+HttpPages::HttpPages(Gate gate) : gate_(std::move(gate)) {
+    const auto serve = [this](const char* method, const char* path,
+                              HttpReply (Gate::*reply)(const HttpRequest&) const) {
+        handle(
+            method, path,
+            [this, reply](const HttpRequest& request, const HttpAnswerPtr& answer) {
+                answer->reply((gate_.*reply)(request));
+            },
+            For::All);
+    };
+    serve("GET", "/api/login", &Gate::tell);
+    serve("POST", "/api/login", &Gate::login);
+    serve("POST", "/api/logout", &Gate::logout);
 }
 
-std::string HttpPages::answer(std::string_view request) {
-    return reader_->answer(request);
+void HttpPages::add(const std::string& path, Maker make, For whom) {
+    handle(
+        "GET", path,
+        [make = std::move(make)](const HttpRequest&, const HttpAnswerPtr& answer) {
+            answer->reply(make());
+        },
+        whom);
+}
+
+void HttpPages::addFile(const std::string& path, const std::string& type, std::string bytes) {
+    Page page{200, type, std::move(bytes), {{"Cache-Control", "no-cache"}}};
+    add(
+        path, [page = std::move(page)]() -> Page { return page; }, For::All);
+}
+
+void HttpPages::handle(const std::string& method, const std::string& path, Handler handler,
+                       For whom) {
+    routes_[path][method] = {std::move(handler), whom};
+}
+
+const HttpPages::Route* HttpPages::find(const HttpRequest& head) const {
+    const auto methods = routes_.find(head.path);
+    if (methods == routes_.end()) return nullptr;
+    const auto route = methods->second.find(head.method == "HEAD" ? "GET" : head.method);
+    return route == methods->second.end() ? nullptr : &route->second;
+}
+
+std::optional<HttpReply> HttpPages::refuse(const HttpRequest& head) {
+    auto refusal = check(head);
+    if (refusal) ++requests_;
+    return refusal;
+}
+
+std::optional<HttpReply> HttpPages::check(const HttpRequest& head) const {
+    if (auto refusal = gate_.refuseStranger(head)) return refusal;
+    const Route* const route = find(head);
+    if (route == nullptr || route->whom == For::Insiders) {
+        if (auto refusal = gate_.refuseWithoutToken(head)) return refusal;
+    }
+    const auto methods = routes_.find(head.path);
+    if (methods == routes_.end()) return errorReply(404, "NotFound", "nothing here");
+    if (route == nullptr) {
+        auto reply = errorReply(405, "NotAllowed", "not with this method");
+        reply.headers.emplace_back("Allow", methodsIn(methods->second));
+        return reply;
+    }
+    if (head.method == "POST" && !isJson(head.header("content-type"))) {
+        return errorReply(415, "Unsupported", "the content type is not application/json");
+    }
+    return std::nullopt;
+}
+
+void HttpPages::answer(HttpRequest request, HttpAnswerPtr answer) {
+    ++requests_;
+    // `refuse` has found it.
+    if (const Route* const route = find(request)) {
+        route->handler(std::move(request), std::move(answer));
+    }
 }
 
 }  // namespace kvx::rva

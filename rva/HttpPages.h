@@ -3,40 +3,53 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <memory>
+#include <map>
 #include <string>
-#include <string_view>
+
+#include "rva/Gate.h"
+#include "rva/HttpServer.h"
 
 namespace kvx::rva {
 
-/// A few HTTP pages, each made by a function: the bytes of a request in, those of its answer out.
-/// GET and HEAD only. No I/O. One thread at a time, except `requests`.
-class HttpPages {
+/// Which function answers which path, for those whom the gate lets in. One thread at a time, except
+/// `requests`; all paths are added before the first request.
+class HttpPages : public HttpHandler {
   public:
-    struct Page {
-        int status = 200;
-        std::string type = "text/plain; charset=utf-8";
-        std::string body;
-    };
+    /// Of a path: for all who are no strangers, or for those with the token only.
+    enum class For { All, Insiders };
+
+    using Page = HttpReply;
     using Maker = std::function<Page()>;
+    using Handler = std::function<void(HttpRequest, HttpAnswerPtr)>;
 
-    HttpPages();
-    ~HttpPages();
-    HttpPages(const HttpPages&) = delete;
-    HttpPages& operator=(const HttpPages&) = delete;
+    explicit HttpPages(Gate gate = Gate({}, {}));
 
-    /// Answers requests for exactly `path` with `make()`. Call it before the first request.
-    void add(const std::string& path, Maker make);
+    /// Answers GET and HEAD for exactly `path` with `make()`.
+    void add(const std::string& path, Maker make, For whom = For::Insiders);
+    /// The same with `bytes`, for all: files of a page, in which there is nothing of the bus.
+    void addFile(const std::string& path, const std::string& type, std::string bytes);
+    /// Has `handler` answer one method for exactly `path`. POST is of JSON only.
+    void handle(const std::string& method, const std::string& path, Handler handler,
+                For whom = For::Insiders);
 
-    /// The whole answer to `request`: a request's head, or any other bytes.
-    [[nodiscard]] std::string answer(std::string_view request);
+    std::optional<HttpReply> refuse(const HttpRequest& head) override;
+    void answer(HttpRequest request, HttpAnswerPtr answer) override;
 
     /// Requests answered so far. Any thread.
     [[nodiscard]] std::uint64_t requests() const { return requests_; }
 
   private:
-    class Reader;
-    std::unique_ptr<Reader> reader_;
+    struct Route {
+        Handler handler;
+        For whom;
+    };
+    using Methods = std::map<std::string, Route>;
+
+    [[nodiscard]] std::optional<HttpReply> check(const HttpRequest& head) const;
+    [[nodiscard]] const Route* find(const HttpRequest& head) const;
+
+    const Gate gate_;
+    std::map<std::string, Methods> routes_;
     std::atomic<std::uint64_t> requests_{0};
 };
 

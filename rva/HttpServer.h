@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -11,29 +13,37 @@
 #include "platform/Clock.h"
 #include "platform/Poll.h"
 #include "platform/Socket.h"
+#include "rva/HttpAnswer.h"
+#include "rva/HttpRequest.h"
 
 namespace kvx::rva {
 
-/// Carries requests and answers over connections on the loopback, one request a connection.
+/// Who answers requests. Called on the server's thread; other connections wait meanwhile.
+class HttpHandler {
+  public:
+    virtual ~HttpHandler() = default;
+    /// Why a request is not answered, before its body is read; nothing when it is.
+    virtual std::optional<HttpReply> refuse(const HttpRequest& head) = 0;
+    /// Answers, at once or later.
+    virtual void answer(HttpRequest request, HttpAnswerPtr answer) = 0;
+};
+
+/// Carries requests and answers over connections, one request a connection.
 ///
-/// One thread serves all connections without blocking: a request is answered when its head is
-/// complete, within 16 KiB and five seconds, and a slow client delays no other. At most 64
-/// connections are open; a further one closes the oldest.
+/// One thread serves all connections without blocking, so a slow client delays no other. A request
+/// has 16 KiB of head, 1 MiB of body and ten seconds. At most 128 connections are open besides
+/// those whose answer is still being made; a further one closes the oldest.
 class HttpServer {
   public:
-    /// Returns the whole answer to a request: a complete head, or all that was received. Called on
-    /// the server's thread; other connections wait.
-    using Answer = std::function<std::string(std::string_view request)>;
-
-    explicit HttpServer(Answer answer);
+    explicit HttpServer(HttpHandler& handler) : handler_(handler) {}
     /// Stops first.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    /// Starts serving on `port`, 0 for a free one. False when the port cannot be bound. Call it
+    /// Starts serving on `local`, port 0 for a free one. False when that cannot be bound. Call it
     /// once.
-    [[nodiscard]] bool start(std::uint16_t port);
+    [[nodiscard]] bool start(platform::Endpoint local);
 
     /// Stops listening, aborts open connections and waits for the thread.
     void stop();
@@ -46,43 +56,57 @@ class HttpServer {
 
   private:
     struct Connection {
-        enum class State { Reading, Writing, Ending };
+        enum class State { Head, Body, Answering, Ending };
 
-        [[nodiscard]] unsigned interest() const {
-            return state == State::Writing ? platform::kWritable : platform::kReadable;
-        }
+        // Whether it may be closed for a new one: nobody makes an answer for it any more.
+        [[nodiscard]] bool isSpare() const { return state != State::Answering || isLast; }
+        [[nodiscard]] bool isSending() const { return sent < sending.size(); }
 
         platform::Socket socket;
-        platform::Milliseconds deadline = 0;
-        State state = State::Reading;
-        std::string request;
-        std::string answer;
+        platform::Milliseconds since = 0;
+        platform::Milliseconds deadline = 0;  // kNever without one
+        unsigned interest = platform::kReadable;
+        State state = State::Head;
+        std::string received;
+        std::size_t bodyLeft = 0;
+        HttpRequest request;
+        std::shared_ptr<HttpAnswer> answer;
+        std::string sending;
         std::size_t sent = 0;
+        bool isLast = false;     // `sending` is all that is left
+        bool isBroken = false;   // the client shall see that it is not whole
+        bool hasNoBody = false;  // the answer to HEAD
     };
+    using Connections = std::map<platform::SocketHandle, Connection>;
 
     bool step();
     [[nodiscard]] platform::Milliseconds timeToFirstDeadline() const;
-    [[nodiscard]] std::map<platform::SocketHandle, Connection>::const_iterator oldest() const;
-    void accept();
+    bool acceptOne();
+    void makeRoom();
     void close(platform::SocketHandle socket);
     void closeOverdue();
-    bool proceed(Connection& connection);
+    bool overdue(Connection& connection);
+    bool proceed(Connection& connection, unsigned ready);
+    bool watch(Connection& connection);
     bool read(Connection& connection);
-    void serve(Connection& connection);
-    static bool write(Connection& connection);
-    static bool drop(Connection& connection);
+    bool takeReceived(Connection& connection);
+    bool takeHead(Connection& connection, std::size_t size);
+    bool answer(Connection& connection);
+    bool send(Connection& connection);
+    bool refill(Connection& connection);
+    static void replyAtOnce(Connection& connection, const HttpReply& reply);
 
-    const Answer answer_;
+    HttpHandler& handler_;
     std::uint16_t port_ = 0;  // constant once started
-    platform::WakeUp wakeUp_;
+    const std::shared_ptr<platform::WakeUp> wakeUp_ = std::make_shared<platform::WakeUp>();
     std::atomic<bool> stopping_{false};
     std::atomic<bool> ended_{false};
     std::thread thread_;
 
     // Used by the thread only, while it runs.
     platform::Socket socket_;
-    platform::PollSet sockets_{&wakeUp_};
-    std::map<platform::SocketHandle, Connection> connections_;
+    platform::PollSet sockets_{wakeUp_.get()};
+    Connections connections_;
 };
 
 }  // namespace kvx::rva

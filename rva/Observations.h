@@ -3,10 +3,13 @@
 #include <cstdint>
 #include <mutex>
 #include <span>
+#include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "rva/DaemonFigures.h"
+#include "rva/History.h"
 #include "tools/beats/BeatTable.h"
 
 namespace kvx::rva {
@@ -33,6 +36,10 @@ struct Figures {
 /// thread.
 class Observations {
   public:
+    /// What the bus is called, which does not change.
+    Observations(std::string daemon = {}, std::string domain = {})
+        : daemonAddress_(std::move(daemon)), domain_(std::move(domain)) {}
+
     void hearPacket(std::span<const unsigned char> packet, Milliseconds now);
     void hearAdvisory(std::string_view subject);
 
@@ -41,6 +48,12 @@ class Observations {
     void loseSession();
 
     void showDaemon(const DaemonFigures& daemon);
+    /// An array of the hosts that are joined by the bridge.
+    void showHosts(Json hosts);
+
+    void setInterval(unsigned seconds);
+    /// Adds what is known now to the history.
+    History::Entry note();
 
     bool isReady() const;
 
@@ -48,7 +61,17 @@ class Observations {
     std::vector<beats::Service> services(Milliseconds now);
     Figures figures(Milliseconds now);
 
+    /// The documents of the HTTP interface, in one line each.
+    std::string servicesJson();
+    std::string connectionJson() const;
+    std::string busJson() const;
+    std::string historyJson() const;
+
   private:
+    [[nodiscard]] Json connection() const;
+
+    const std::string daemonAddress_;
+    const std::string domain_;
     mutable std::mutex mutex_;
 
     // Guarded by mutex_.
@@ -58,7 +81,10 @@ class Observations {
     std::uint64_t messages_ = 0;
     std::uint64_t warnings_ = 0;
     std::uint64_t errors_ = 0;
+    std::int64_t sinceMs_ = 0;  // when `ready_` changed, since the epoch
     DaemonFigures daemon_;
+    Json hosts_ = Json::array();
+    History history_;
 };
 
 }  // namespace kvx::rva

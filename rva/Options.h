@@ -3,7 +3,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "platform/Socket.h"
 #include "tools/bus/BusOptions.h"
 #include "tools/bus/Program.h"
 
@@ -19,10 +21,21 @@ inline constexpr std::uint16_t kDefaultPort = 7600;
 /// The longest interval between two questions to the daemon.
 inline constexpr unsigned kMostIntervalSeconds = 3600;
 
+/// Where to serve.
+struct ListenAddress {
+    std::string host = "127.0.0.1";
+    std::uint32_t address = platform::kLoopbackAddress;
+    std::uint16_t port = kDefaultPort;
+
+    [[nodiscard]] bool isLoopback() const { return address >> 24U == 127; }
+};
+
 struct Options {
     bus::BusOptions connection;
-    std::optional<std::uint16_t> port;  ///< empty: as in the configuration file
-    unsigned intervalSeconds = 10;      ///< between questions to the daemon; 0: none are asked
+    std::optional<ListenAddress> listen;  ///< empty: as in the configuration file
+    std::string tokenFile;                ///< empty: nobody needs a token
+    std::vector<std::string> hosts;       ///< further names of this host
+    unsigned intervalSeconds = 10;        ///< between questions to the daemon; 0: none are asked
 };
 
 /// The result of parsing a command line: options to run with, or the exit status to end with (0
@@ -36,8 +49,11 @@ struct CommandLine {
 /// counts. A flavour other than the system's is invalid.
 [[nodiscard]] CommandLine parseCommandLine(int argc, const char* const* argv);
 
-/// Parses a port as "7600", "tcp:7600" or with a loopback host, "tcp:127.0.0.1:7600". Returns an
-/// empty text, or the error.
-[[nodiscard]] std::string parseListen(const std::string& text, std::uint16_t& port);
+/// Parses an address to listen on: "7600" or "tcp:7600" of the loopback, or with a host,
+/// "tcp:0.0.0.0:7600". Returns an empty text, or the error.
+[[nodiscard]] std::string parseListen(const std::string& text, ListenAddress& address);
+
+/// Reads the token: the first line of the file. Returns as `parseListen`.
+[[nodiscard]] std::string readToken(const std::string& file, std::string& token);
 
 }  // namespace kvx::rva

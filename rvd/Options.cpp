@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <limits>
+#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -82,7 +83,7 @@ struct Texts {
     int takeOver = -1;
     std::string queueLimit = "64M";
     std::string memory = kHalf;
-    std::string recorder;
+    std::optional<std::string> recorder;
     std::string recorderBytes = "512";
     std::string recorderFile;
     int verbose = 0;
@@ -181,13 +182,13 @@ std::string takeAdmission(const Texts& texts, Options& options) {
 }
 
 std::string takeRecorder(const Texts& texts, Recorder::Settings& recorder) {
-    if (texts.recorder.empty()) {
+    if (!texts.recorder) {
         return texts.recorderFile.empty() ? ""
                                           : "-recorder-file is for -recorder, which is missing";
     }
-    const auto size = parseBytes(texts.recorder);
+    const auto size = parseBytes(*texts.recorder);
     if (!size || *size < kLeastRecorder || *size > recording::kMostCapacity) {
-        return "'" + texts.recorder + "' is no size of a recording (64k to 4G)";
+        return "'" + *texts.recorder + "' is no size of a recording (64k to 4G)";
     }
     const auto bytes = parseBytes(texts.recorderBytes);
     if (!bytes) return "'" + texts.recorderBytes + "' is no number of bytes (with k, M or G)";

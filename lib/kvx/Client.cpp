@@ -46,6 +46,10 @@ std::string asking(const std::string& service) {
     return "query " + service;
 }
 
+std::string requesting(std::string_view subject) {
+    return "request on " + std::string(subject);
+}
+
 template <class T>
 T waitFor(ClientLoop& loop, std::future<T> result) {
     loop.wait([&] { return result.wait_for(Milliseconds(0)) == std::future_status::ready; },
@@ -53,27 +57,24 @@ T waitFor(ClientLoop& loop, std::future<T> result) {
     return result.get();
 }
 
-// A promise that is kept, with `otherwise`, also when the loop drops what would keep it.
-template <class T>
-class Promised {
-  public:
-    Promised(std::promise<T> promise, T otherwise)
-        : promise_(std::move(promise)), otherwise_(std::move(otherwise)) {}
-    ~Promised() {
-        if (!isTaken_) promise_.set_value(std::move(otherwise_));
-    }
-    Promised(const Promised&) = delete;
-    Promised& operator=(const Promised&) = delete;
+using Replied = std::function<void(Result<Message>)>;
 
-    std::promise<T> take() {
-        isTaken_ = true;
-        return std::move(promise_);
+// A function that is called, with `otherwise`, also when the loop drops what would call it.
+class CalledOnce {
+  public:
+    CalledOnce(Replied done, Error otherwise)
+        : done_(std::move(done)), otherwise_(std::move(otherwise)) {}
+    ~CalledOnce() {
+        if (done_) done_(tl::unexpected(std::move(otherwise_)));
     }
+    CalledOnce(const CalledOnce&) = delete;
+    CalledOnce& operator=(const CalledOnce&) = delete;
+
+    Replied take() { return std::exchange(done_, {}); }
 
   private:
-    std::promise<T> promise_;
-    T otherwise_;
-    bool isTaken_ = false;
+    Replied done_;
+    Error otherwise_;
 };
 
 // Collects the rows for the promise of them.
@@ -112,9 +113,8 @@ class Collected final : public AnswerSink {
 
 class RequestExchange : public Exchange {
   public:
-    RequestExchange(ClientLoop& loop, std::string tried, Milliseconds timeout,
-                    std::promise<Result<Message>> promise)
-        : Exchange(loop, std::move(tried), timeout), promise_(std::move(promise)) {}
+    RequestExchange(ClientLoop& loop, std::string tried, Milliseconds timeout, Replied done)
+        : Exchange(loop, std::move(tried), timeout), done_(std::move(done)) {}
 
     void onData(const char*, RvSender*, const RvDatum& data, RvListener*) override {
         if (data.type() == RVMSG_MSG) finish(Message(static_cast<const RvMsg&>(data)));
@@ -124,12 +124,12 @@ class RequestExchange : public Exchange {
 
   private:
     void finish(Result<Message> result) {
-        std::promise<Result<Message>> promise = std::move(promise_);
+        const Replied done = std::move(done_);
         delete this;
-        promise.set_value(std::move(result));
+        done(std::move(result));
     }
 
-    std::promise<Result<Message>> promise_;
+    Replied done_;
 };
 
 }  // namespace
@@ -305,22 +305,33 @@ RowStream Client::stream(std::string_view service, std::string_view text,
 
 Result<Message> Client::request(std::string_view subject, const Message& message,
                                 std::optional<Milliseconds> timeout) {
-    const std::string to(subject);
-    const std::string tried = "request on " + to;
-    const Milliseconds wait = timeout.value_or(loop_->options.timeout);
-    if (hasZero(subject)) return tl::unexpected(zeroByte(tried));
-    if (wait <= Milliseconds(0)) return tl::unexpected(badTimeout(tried));
-    if (!loop_->mayWait()) return tl::unexpected(waitsForItself(tried));
-    if (loop_->isLost()) return tl::unexpected(lost(tried));
-    std::promise<Result<Message>> promise;
-    std::future<Result<Message>> result = promise.get_future();
-    auto guarded = std::make_shared<Promised<Result<Message>>>(std::move(promise),
-                                                               tl::unexpected(ended(tried)));
-    loop_->post([loop = loop_.get(), guarded, tried, to, sent = message.base(), wait] {
-        (new RequestExchange(*loop, tried, wait, guarded->take()))->send(to, sent);
-    });
-    guarded.reset();
+    if (!loop_->mayWait()) return tl::unexpected(waitsForItself(requesting(subject)));
+    auto promise = std::make_shared<std::promise<Result<Message>>>();
+    std::future<Result<Message>> result = promise->get_future();
+    requestAsync(
+        subject, message,
+        [promise](Result<Message> reply) { promise->set_value(std::move(reply)); }, timeout);
     return waitFor(*loop_, std::move(result));
+}
+
+void Client::requestAsync(std::string_view subject, const Message& message, Replied done,
+                          std::optional<Milliseconds> timeout) {
+    const std::string to(subject);
+    const std::string tried = requesting(subject);
+    const Milliseconds wait = timeout.value_or(loop_->options.timeout);
+    if (hasZero(subject)) return done(tl::unexpected(zeroByte(tried)));
+    if (wait <= Milliseconds(0)) return done(tl::unexpected(badTimeout(tried)));
+    if (loop_->isLost()) return done(tl::unexpected(lost(tried)));
+    auto guarded = std::make_shared<CalledOnce>(std::move(done), ended(tried));
+    loop_->post(
+        [loop = loop_.get(), guarded = std::move(guarded), tried, to, sent = message.base(), wait] {
+            (new RequestExchange(*loop, tried, wait, guarded->take()))->send(to, sent);
+        });
+}
+
+Result<> Client::post(std::function<void()> work) {
+    if (loop_->post(std::move(work))) return {};
+    return tl::unexpected(ended("post"));
 }
 
 Result<> Client::publish(std::string_view subject, const Message& message) {

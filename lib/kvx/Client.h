@@ -145,6 +145,12 @@ class KVX_API Client {
     [[nodiscard]] Result<Message> request(std::string_view subject, const Message& message,
                                           std::optional<std::chrono::milliseconds> timeout = {});
 
+    /// The same without waiting: `done` is called once, on the client's thread, or on this one with
+    /// what fails at once.
+    void requestAsync(std::string_view subject, const Message& message,
+                      std::function<void(Result<Message>)> done,
+                      std::optional<std::chrono::milliseconds> timeout = {});
+
     /// Sends `message` on exactly `subject`. Returns when it has been handed to the connection.
     Result<> publish(std::string_view subject, const Message& message);
 
@@ -172,6 +178,11 @@ class KVX_API Client {
     [[nodiscard]] Result<Following> follow(std::string_view service, std::string_view text,
                                            Follower follower,
                                            std::optional<std::chrono::milliseconds> timeout = {});
+
+    /// Has `work` called on the client's thread at the loop's next turn (at once on the thread of
+    /// `onThisThread`), where calls that need the loop are made at once. Never called when the
+    /// client ends before. `Ended` after that. Any thread.
+    Result<> post(std::function<void()> work);
 
     /// `subject` in the client's domain: "NEWS" is "NEWS.DEFAULT".
     [[nodiscard]] std::string inDomain(std::string_view subject) const;

@@ -30,6 +30,10 @@ tl::expected<std::optional<Record>, QueryError> RowStream::next() {
     return state_->next();
 }
 
+bool RowStream::isReady(std::function<void()> whenReady) {
+    return state_->isReady(std::move(whenReady));
+}
+
 QueryResult RowStream::rest() {
     return state_->rest();
 }
@@ -56,6 +60,23 @@ tl::expected<std::optional<Record>, QueryError> RowStream::State::next() {
         place_ = 0;
     }
     return std::move(rows_[place_++]);
+}
+
+bool RowStream::State::isReady(std::function<void()> whenReady) {
+    Packets empty;  // packets without rows, for which `next` would not return
+    bool isReady = false;
+    {
+        const std::lock_guard guard(mutex_);
+        const bool hasRows = !isCancelled_ && place_ < rows_.size();
+        while (!hasRows && !ready_.empty() && ready_.front().rows.empty()) {
+            append(empty, ready_.front());
+            ready_.pop_front();
+        }
+        isReady = hasRows || isEnded_ || !ready_.empty();
+        if (!isReady) whenReady_.swap(whenReady);
+    }
+    if (empty.count != 0) tellTaken(empty);
+    return isReady;
 }
 
 QueryResult RowStream::State::rest() {
@@ -127,21 +148,36 @@ AnswerTotals RowStream::State::totals() const {
 }
 
 bool RowStream::State::add(Packets packets, const AnswerTotals& totals) {
-    const std::lock_guard guard(mutex_);
-    totals_ = totals;
-    if (packets.count != 0 && !isEnded_) ready_.push_back(std::move(packets));
-    if (!takesAll_) changed_.notify_all();
-    return takesAll_;
+    std::function<void()> ready;
+    bool isTaken = false;
+    {
+        const std::lock_guard guard(mutex_);
+        totals_ = totals;
+        if (packets.count != 0 && !isEnded_) ready_.push_back(std::move(packets));
+        isTaken = takesAll_;
+        if (!isTaken) ready = wake();
+    }
+    if (ready) ready();
+    return isTaken;
 }
 
 void RowStream::State::end(std::optional<QueryError> error, bool drops) {
-    const std::lock_guard guard(mutex_);
-    if (isEnded_) return;
-    if (drops) ready_.clear();
-    isCancelled_ = drops;
-    isEnded_ = true;
-    error_ = std::move(error);
+    std::function<void()> ready;
+    {
+        const std::lock_guard guard(mutex_);
+        if (isEnded_) return;
+        if (drops) ready_.clear();
+        isCancelled_ = drops;
+        isEnded_ = true;
+        error_ = std::move(error);
+        ready = wake();
+    }
+    if (ready) ready();
+}
+
+std::function<void()> RowStream::State::wake() {
     changed_.notify_all();
+    return std::exchange(whenReady_, {});
 }
 
 }  // namespace kvx

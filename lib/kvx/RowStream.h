@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -51,6 +52,11 @@ class KVX_API RowStream {
     /// are those of a refusal. Both stay. `InvalidArgument` inside a function that the client
     /// calls.
     [[nodiscard]] tl::expected<std::optional<Record>, QueryError> next();
+
+    /// Whether `next` would give a row or an end at once. When not, `whenReady` is called once, as
+    /// soon as it would: on the client's thread, or on the one that cancels. It must not wait; a
+    /// later call replaces it.
+    [[nodiscard]] bool isReady(std::function<void()> whenReady = {});
 
     /// Waits for all rows that are left, as `Client::query` does; for answers that may be kept.
     [[nodiscard]] QueryResult rest();

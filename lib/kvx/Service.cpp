@@ -120,7 +120,7 @@ class Service::Impl : public RvTimerCallback {
         }
         if (options_.group.empty()) engine_.RESetActive();
         CMOMSignalHandler signals;
-        signals.manage(&engine_, [this] { beginEnding(); });
+        if (options_.endsBySignals) signals.manage(&engine_, [this] { beginEnding(); });
         {
             CVekTimedWorkMgr works(&engine_, 1, kTick.count(), kWorkThreads, nullptr, FALSE);
             for (const auto& work : works_) works.RTWMAddPoll(work.get());

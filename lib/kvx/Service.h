@@ -49,6 +49,8 @@ class KVX_API Service {
         std::chrono::milliseconds patience{8000};
         /// Messages a second at most.
         unsigned long sendRate = 100'000;
+        /// Whether SIGINT and SIGTERM end `run`; else their handlers stay as they are.
+        bool endsBySignals = true;
         /// Messages that may wait to be sent; above it `notify` refuses and questions wait.
         int mostWaiting = 20'000;
     };

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -21,6 +22,7 @@ class RowStream::State : public std::enable_shared_from_this<RowStream::State> {
         : tried(std::move(what)), loop_(std::move(loop)) {}
 
     tl::expected<std::optional<Record>, QueryError> next();
+    bool isReady(std::function<void()> whenReady);
     QueryResult rest();
     void cancel();
     [[nodiscard]] AnswerTotals totals() const;
@@ -38,6 +40,8 @@ class RowStream::State : public std::enable_shared_from_this<RowStream::State> {
     /// The next packets; nothing at the end.
     std::optional<detail::Packets> waitForPackets();
     void tellTaken(const detail::Packets& packets);
+    /// Wakes who waits. The result is to be called without the lock.
+    [[nodiscard]] std::function<void()> wake();
 
     const std::shared_ptr<detail::ClientLoop> loop_;
 
@@ -55,6 +59,7 @@ class RowStream::State : public std::enable_shared_from_this<RowStream::State> {
     bool isEnded_ = false;
     std::optional<QueryError> error_;
     AnswerTotals totals_;
+    std::function<void()> whenReady_;
 };
 
 /// The loop's side of a stream, which it ends when it is dropped.

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 #include "rv/message/WireReader.h"
@@ -19,11 +21,14 @@ inline constexpr std::size_t kAtSeed = 16;            ///< 8 bytes: a random num
 inline constexpr std::size_t kAtCreated = 24;         ///< 8 bytes: nanoseconds since the epoch
 inline constexpr std::size_t kAtProcess = 32;         ///< 8 bytes: the id of who records
 
+/// Records and their parts begin at multiples of it.
+inline constexpr std::uint64_t kUnit = 16;
+
 inline constexpr std::uint64_t kLeastCapacity = 4'096;
 inline constexpr std::uint64_t kMostCapacity = 1ULL << 32U;
 
-/// At the start of a record, which begins at a multiple of 8 bytes. Subject, service, network and
-/// message follow, each padded with zeros to a multiple of 8 bytes.
+/// At the start of a record. Subject, service, network and message follow, each padded with zeros
+/// to a whole unit.
 inline constexpr std::size_t kRecordHeadBytes = 48;
 inline constexpr std::size_t kAtPosition = 0;  ///< 8 bytes: since the ring was made
 inline constexpr std::size_t kAtLength = 8;    ///< 4 bytes: of the record, without the last padding
@@ -39,13 +44,11 @@ inline constexpr std::size_t kMostNameBytes = 255;  ///< of a service or network
 
 /// A length with its padding.
 constexpr std::uint64_t padded(std::uint64_t length) {
-    return (length + 7) & ~std::uint64_t{7};
+    return (length + kUnit - 1) & ~(kUnit - 1);
 }
 
-inline constexpr std::uint64_t kMultiplier = 0x9E3779B97F4A7C15ULL;
-
 constexpr std::uint64_t mixed(std::uint64_t number) {
-    number = (number ^ number >> 32U) * kMultiplier;
+    number = (number ^ number >> 32U) * 0x9E3779B97F4A7C15ULL;
     return number ^ number >> 29U;
 }
 
@@ -55,64 +58,65 @@ constexpr std::uint32_t headCheck(std::uint64_t seed, std::uint64_t position,
     return static_cast<std::uint32_t>(mixed(mixed(position ^ seed) + length) >> 32U);
 }
 
-/// Of the content of a record: 64 bits in four lanes, of which each part takes its first word into
-/// the first lane, the next one into the second, and so on in turn.
+/// Of the content of a record: two sums of its words, and the sums of these sums, which tell the
+/// order. Both words of a unit are added at once, and a unit costs hardly more than to copy it.
 class Check {
   public:
     Check(std::uint64_t seed, std::uint64_t position)
-        : lanes_{seed, seed + position, seed ^ position, ~seed} {}
+        : sum_{seed, seed + position}, sums_{seed ^ position, ~seed} {}
 
     /// Takes the three numbers that a record's head ends with.
     void take(std::uint64_t first, std::uint64_t second, std::uint64_t third) {
-        lanes_[0] = (lanes_[0] ^ first) * kMultiplier;
-        lanes_[1] = (lanes_[1] ^ second) * kMultiplier;
-        lanes_[2] = (lanes_[2] ^ third) * kMultiplier;
+        add(Unit{inMemory(first), inMemory(second)});
+        add(Unit{inMemory(third), 0});
     }
-    /// Takes `count` bytes, the last word of them padded with zeros.
+    /// Takes `count` bytes, the last unit of them padded with zeros.
     void take(const std::uint8_t* bytes, std::size_t count) {
-        each(bytes, count, [](std::size_t, std::uint64_t) {});
+        each(bytes, count, [](std::size_t, const Unit&) {});
     }
     /// The same, and writes them to `to` with that padding.
     void copy(std::uint8_t* to, const void* bytes, std::size_t count) {
         each(static_cast<const std::uint8_t*>(bytes), count,
-             [to](std::size_t at, std::uint64_t word) { storeBig64(to + at, word); });
+             [to](std::size_t at, const Unit& unit) { std::memcpy(to + at, &unit, kUnit); });
     }
     [[nodiscard]] std::uint64_t value() const {
-        return mixed(mixed(mixed(lanes_[0]) + lanes_[1]) + mixed(lanes_[2]) * 3 + lanes_[3]);
+        return mixed(mixed(mixed(sum_[0]) + sum_[1]) + mixed(sums_[0]) * 3 + sums_[1]);
     }
 
   private:
-    // The lanes by constant indices only, which lets them stay in registers.
+    // Two words, as they are in memory.
+    using Unit = std::uint64_t __attribute__((vector_size(kUnit)));
+
     template <class Use>
     void each(const std::uint8_t* bytes, std::size_t count, Use&& use) {
-        const auto step = [&](std::uint64_t& lane, std::size_t at, std::uint64_t word) {
-            use(at, word);
-            lane = (lane ^ word) * kMultiplier;
-        };
-        auto [a, b, c, d] = lanes_;
+        Unit unit;
         std::size_t at = 0;
-        for (; at + 32 <= count; at += 32) {
-            step(a, at, loadBig64(bytes + at));
-            step(b, at + 8, loadBig64(bytes + at + 8));
-            step(c, at + 16, loadBig64(bytes + at + 16));
-            step(d, at + 24, loadBig64(bytes + at + 24));
+        for (; at + kUnit <= count; at += kUnit) {
+            std::memcpy(&unit, bytes + at, kUnit);
+            use(at, unit);
+            add(unit);
         }
-        const std::size_t words = (count - at) / 8;
-        if (words > 0) step(a, at, loadBig64(bytes + at));
-        if (words > 1) step(b, at + 8, loadBig64(bytes + at + 8));
-        if (words > 2) step(c, at + 16, loadBig64(bytes + at + 16));
-        at += 8 * words;
-        if (at != count) {
-            const std::uint64_t last = lastWord(bytes + at, count - at);
-            if (words == 0) step(a, at, last);
-            if (words == 1) step(b, at, last);
-            if (words == 2) step(c, at, last);
-            if (words == 3) step(d, at, last);
-        }
-        lanes_ = {a, b, c, d};
+        if (at == count) return;
+        unit = lastUnit(bytes + at, count - at);
+        use(at, unit);
+        add(unit);
     }
-
-    // Of 1 to 7 bytes.
+    void add(Unit unit) {
+        if constexpr (std::endian::native == std::endian::big) {
+            unit = Unit{__builtin_bswap64(unit[0]), __builtin_bswap64(unit[1])};
+        }
+        sum_ += unit;
+        sums_ += sum_;
+    }
+    // Of 1 to 15 bytes. Put together in registers: what was written in pieces cannot be read as a
+    // whole at once.
+    static Unit lastUnit(const std::uint8_t* bytes, std::size_t count) {
+        if (count < sizeof(std::uint64_t)) return Unit{lastWord(bytes, count), 0};
+        std::uint64_t first = 0;
+        std::memcpy(&first, bytes, sizeof first);
+        return Unit{first, lastWord(bytes + sizeof first, count - sizeof first)};
+    }
+    // Of 0 to 7 bytes, as a word in memory that goes on with zeros.
     static std::uint64_t lastWord(const std::uint8_t* at, std::size_t count) {
         std::uint64_t word = 0;
         unsigned shift = 64;
@@ -124,10 +128,15 @@ class Check {
         if ((count & 4U) != 0) add(4, loadBig32(at));
         if ((count & 2U) != 0) add(2, loadBig16(at));
         if ((count & 1U) != 0) add(1, *at);
-        return word;
+        return inMemory(word);
+    }
+    // A number as the word that is big-endian in memory.
+    static std::uint64_t inMemory(std::uint64_t number) {
+        return std::endian::native == std::endian::big ? number : __builtin_bswap64(number);
     }
 
-    std::array<std::uint64_t, 4> lanes_;
+    Unit sum_;
+    Unit sums_;
 };
 
 }  // namespace kvx::recording

@@ -82,7 +82,7 @@ std::string RecordingReader::open(const std::string& path) {
     capacity_ = loadBig64(head.data() + kAtCapacity);
     seed_ = loadBig64(head.data() + kAtSeed);
     process_ = loadBig64(head.data() + kAtProcess);
-    if (capacity_ < kLeastCapacity || capacity_ > kMostCapacity || capacity_ % 8 != 0) {
+    if (capacity_ < kLeastCapacity || capacity_ > kMostCapacity || capacity_ % kUnit != 0) {
         return "it is no recording of a size that exists";
     }
     const std::uint64_t size = std::filesystem::file_size(path, error);
@@ -110,7 +110,7 @@ std::span<const std::uint8_t> RecordingReader::view(std::uint64_t offset, std::s
 
 // The next place, from `at_` to `until`, that has a sound head; `at_` is behind it then.
 std::optional<RecordingReader::Found> RecordingReader::find(std::uint64_t until) {
-    for (; at_ + kRecordHeadBytes <= until; at_ += 8) {
+    for (; at_ + kRecordHeadBytes <= until; at_ += kUnit) {
         const auto head = view(at_, kRecordHeadBytes);
         if (head.size() < kRecordHeadBytes) break;
         const std::uint64_t position = loadBig64(head.data() + kAtPosition);

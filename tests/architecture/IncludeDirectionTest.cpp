@@ -56,6 +56,7 @@ const std::map<std::string, Rooms>& allowedRooms() {
         {"tools", withKvx},
         {"rva", with(withKvx, {"tools"})},
         {"examples", withKvx},
+        {"python", withKvx},
     };
     return table;
 }
@@ -82,8 +83,8 @@ bool isSource(const fs::path& file) {
 void eachInclude(const std::regex& pattern,
                  const std::function<void(const std::string&, const std::string&)>& visit) {
     const fs::path root = KVX_SOURCE_DIR;
-    for (const char* top :
-         {"platform", "foundation", "rv", "lib", "rvd", "rvbridge", "tools", "rva", "examples"}) {
+    for (const char* top : {"platform", "foundation", "rv", "lib", "rvd", "rvbridge", "tools",
+                            "rva", "examples", "python"}) {
         for (const auto& entry : fs::recursive_directory_iterator(root / top)) {
             if (!entry.is_regular_file() || !isSource(entry.path())) continue;
             std::ifstream in(entry.path());

@@ -81,7 +81,8 @@ TEST_F(AgentTest, EndsWithAReasonWhereItCannotServe) {
              {{"-listen", taken}, 1, "is the port taken?"},
              {{"-listen", "0", "-daemon", "udp:1"}, 1, "no session with the bus daemon"},
              {{"-flavor", "54"}, 2, "flavour '54'"},
-             {{"-listen", "tcp:0.0.0.0:0"}, 2, "loopback only"},
+             {{"-listen", "tcp:0.0.0.0:0"}, 2, "it needs -token-file"},
+             {{"-listen", "0", "-token-file", bus_.file("short", "abc\n")}, 2, "no token of 16"},
              {{"-interval", "3601"}, 2, "'3601' is no number of seconds"},
              {{"-nonsense"}, 2, "'-nonsense' is no option"}}) {
         const Ended ended = bus_.run("rva", one.words);

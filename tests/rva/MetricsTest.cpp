@@ -132,10 +132,13 @@ TEST(Options, AreWhatANetworkObjectHandsOver) {
     const auto line = parse({"-foreground", "-flavor", "53", "-listen", "7601", "-service", "svc",
                              "-network", "", "-daemon", "-"});
     ASSERT_FALSE(line.exitStatus);
-    EXPECT_EQ(line.options.port, 7601);
+    ASSERT_TRUE(line.options.listen);
+    EXPECT_EQ(line.options.listen->port, 7601);
     EXPECT_EQ(line.options.connection.service, "svc");
     EXPECT_EQ(line.options.connection.daemon, "-");
-    EXPECT_FALSE(parse({}).options.port);
+    EXPECT_FALSE(parse({}).options.listen);
+    EXPECT_EQ(parse({"-host", "a", "-host", "b"}).options.hosts,
+              (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(parse({"-interval", "0"}).options.intervalSeconds, 0U);
     for (const auto& nonsense : std::vector<std::vector<const char*>>{{"-listen"},
                                                                       {"--listen", "1"},
@@ -149,15 +152,19 @@ TEST(Options, AreWhatANetworkObjectHandsOver) {
     }
 }
 
-TEST(Options, TakeAPortInTheConfigurationsForms) {
-    std::uint16_t port = 0;
+TEST(Options, TakeAnAddressInTheConfigurationsForms) {
     for (const char* text : {"7600", "tcp:7600", "tcp:127.0.0.1:7600", "tcp:localhost:7600"}) {
-        port = 0;
-        EXPECT_EQ(parseListen(text, port), "") << text;
-        EXPECT_EQ(port, 7600) << text;
+        ListenAddress address;
+        EXPECT_EQ(parseListen(text, address), "") << text;
+        EXPECT_EQ(address.port, 7600) << text;
+        EXPECT_TRUE(address.isLoopback()) << text;
     }
+    ListenAddress all;
+    EXPECT_EQ(parseListen("tcp:0.0.0.0:7600", all), "");
+    EXPECT_FALSE(all.isLoopback());
     for (const char* text : {"", "tcp:", "65536", "-1", "76 00", "udp:1", "tcp::1", "host:7600"}) {
-        EXPECT_NE(parseListen(text, port), "") << text;
+        ListenAddress address;
+        EXPECT_NE(parseListen(text, address), "") << text;
     }
 }
 

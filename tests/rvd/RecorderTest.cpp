@@ -93,7 +93,9 @@ TEST_F(Recording, KeepsTheFileOfTheFormerRunAndTakesNoOtherOne) {
     std::ofstream(path_) << "something else";
     EXPECT_NE(refusal(options("64k")).find("cannot record in " + path_), std::string::npos);
     EXPECT_EQ(contentOf(path_), "something else");
-    EXPECT_NE(refusal({"-recorder", "1k"}).find("no size of a recording"), std::string::npos);
+    for (const char* none : {"1k", ""}) {
+        EXPECT_NE(refusal({"-recorder", none}).find("no size of a recording"), std::string::npos);
+    }
     EXPECT_NE(refusal({"-recorder-file", path_}).find("-recorder"), std::string::npos);
     EXPECT_NE(refusal({"-recorder", "1M", "-recorder-file", directory_.file("no/where")}), "");
 }

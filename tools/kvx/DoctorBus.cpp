@@ -15,10 +15,10 @@
 #include "tools/beats/BeatListener.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/DaemonQuestion.h"
+#include "tools/bus/HostsQuestion.h"
 #include "tools/bus/Ticker.h"
 #include "tools/kvx/AnswerProbe.h"
 #include "tools/kvx/DaemonView.h"
-#include "tools/kvx/HostsQuestion.h"
 #include "tools/kvx/Overheard.h"
 #include "tools/kvx/Table.h"
 
@@ -26,7 +26,7 @@ namespace kvx::tool {
 
 namespace {
 
-using Json = HostsQuestion::Json;
+using Json = bus::HostsQuestion::Json;
 
 // Listens for as long as the options say, and asks what can be asked meanwhile.
 class Look {
@@ -35,9 +35,9 @@ class Look {
         : examination_(examination),
           client_(openedBy(examination)),
           hosts_(*client_,
-                 [this](HostsQuestion::Outcome outcome, const Json& hosts) {
-                     if (outcome == HostsQuestion::Outcome::Hosts) found_->hosts = hosts;
-                     if (outcome == HostsQuestion::Outcome::Unreadable) found_->hosts = false;
+                 [this](bus::HostsQuestion::Outcome outcome, const Json& hosts) {
+                     if (outcome == bus::HostsQuestion::Outcome::Hosts) found_->hosts = hosts;
+                     if (outcome == bus::HostsQuestion::Outcome::Unreadable) found_->hosts = false;
                      awaitsHosts_ = false;
                      leaveWhenDone();
                  }),
@@ -106,7 +106,7 @@ class Look {
     Examination& examination_;
     std::unique_ptr<Examination::Bus> found_ = std::make_unique<Examination::Bus>();
     std::unique_ptr<bus::Client> client_;  // never null
-    HostsQuestion hosts_;
+    bus::HostsQuestion hosts_;
     bus::DaemonQuestion status_;
     beats::BeatTable table_;
     beats::BeatListener listener_{[this](auto packet) { hear(packet); }};
@@ -209,7 +209,7 @@ void reportHost(Examination& examination, const Json& host) {
     } else if (!isUp) {
         examination.warn(fmt::format("host {} is gone", name), "look at that host and the line");
     }
-    const std::string lost = lostText(host);
+    const std::string lost = bus::lostText(host);
     if (!lost.empty()) {
         examination.warn(fmt::format("messages of host {} were lost: {}", name, lost),
                          "see 'kvx explain CAUSE'");

@@ -8,16 +8,16 @@
 
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
+#include "tools/bus/HostsQuestion.h"
 #include "tools/kvx/Commands.h"
 #include "tools/kvx/DaemonAnswers.h"
-#include "tools/kvx/HostsQuestion.h"
 #include "tools/kvx/Table.h"
 
 namespace kvx::tool {
 
 namespace {
 
-using Json = HostsQuestion::Json;
+using Json = bus::HostsQuestion::Json;
 
 constexpr const char* kUnreadable = "the bridge's answer cannot be read";
 
@@ -28,7 +28,7 @@ std::string trafficText(const Json& traffic) {
 
 std::vector<std::string> cellsOf(const Json& host) {
     const bool isSelf = host.value("self", false);
-    const std::string lost = lostText(host);
+    const std::string lost = bus::lostText(host);
     const Json roundTrip = host.value("rtt_us", Json());
     return {host.value("host", ""),
             isSelf ? (host.value("up", false) ? "this host" : "this host, no engine")
@@ -66,8 +66,8 @@ int print(const Json& hosts, bool asJson) {
 int hosts(const HostsOptions& options) {
     bus::Client client(options.connection);
     if (!client.isUp()) return kFailure;
-    using Outcome = HostsQuestion::Outcome;
-    HostsQuestion question(client, [&](Outcome outcome, const Json& hosts) {
+    using Outcome = bus::HostsQuestion::Outcome;
+    bus::HostsQuestion question(client, [&](Outcome outcome, const Json& hosts) {
         if (outcome == Outcome::Hosts) return client.leave(print(hosts, options.connection.json));
         bus::complain(outcome == Outcome::Silence
                           ? fmt::format("no bridge answers within {:g} s: is rvbridge running at "

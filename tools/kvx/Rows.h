@@ -9,6 +9,7 @@
 
 #include "kvx/Record.h"
 #include "mom/mom.h"
+#include "tools/bus/QueryColumns.h"
 #include "tools/kvx/Commands.h"
 
 namespace kvx::tool {
@@ -19,11 +20,8 @@ std::string valueText(const CVekAtom* value);
 /// A value of a record as JSON: a number, a string, or null.
 std::string jsonValue(const CVekAtom* value);
 
-/// The columns that a query names between "select" and "from", in its order and spelling; none for
-/// "*" or another form. A name may be in double quotes, backquotes or brackets.
-///
-/// Rows may lack columns, and an answer may have no rows, so only the query has all the columns.
-std::vector<std::string> selectedColumns(std::string_view query);
+using bus::equalIgnoringCase;
+using bus::selectedColumns;
 
 /// The rows of an answer. Their columns are those that the query selects, in its order, whatever
 /// the records hold; when it names none, those of all records in order of first appearance.
@@ -59,9 +57,6 @@ class Rows {
     std::vector<Record> records_;
     std::vector<std::string> fields_;  // of all records, in order of first appearance
 };
-
-/// Whether two names are equal except for the case of ASCII letters.
-bool equalIgnoringCase(std::string_view one, std::string_view other);
 
 /// The number of characters, without UTF-8 continuation bytes.
 std::size_t displayWidth(const std::string& text);

@@ -9,6 +9,7 @@
 
 #include "platform/Process.h"
 #include "platform/Signals.h"
+#include "platform/Socket.h"
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/Output.h"
@@ -21,14 +22,16 @@ namespace {
 
 constexpr unsigned long kAskAgainMs = 20;
 
-// Process numbers are those of one host.
+// Process numbers are those of one host: one on whose addresses a socket can be bound.
 bool isHere(std::string_view daemon) {
     if (daemon.starts_with("unix:")) return true;
     const auto host = daemon.find(':');
     const auto port = daemon.rfind(':');
     if (host == port) return true;
-    daemon = daemon.substr(host + 1, port - host - 1);
-    return daemon.starts_with("127.") || daemon == "localhost";
+    const auto address =
+        platform::resolveHost(std::string(daemon.substr(host + 1, port - host - 1)));
+    int error = 0;
+    return address && platform::listenTcp({*address, 0}, error);
 }
 
 class Upgrade {

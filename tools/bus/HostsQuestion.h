@@ -8,7 +8,7 @@
 
 #include "tools/bus/Client.h"
 
-namespace kvx::tool {
+namespace kvx::bus {
 
 /// Asks the bridge of this host who is joined. Main thread only, while the main loop runs.
 class HostsQuestion : public RvDataCallback {
@@ -18,7 +18,7 @@ class HostsQuestion : public RvDataCallback {
 
     /// `answered` is called once, with an array of one object a host for `Hosts`. `client` must
     /// outlive this object.
-    HostsQuestion(bus::Client& client, std::function<void(Outcome, const Json&)> answered)
+    HostsQuestion(Client& client, std::function<void(Outcome, const Json&)> answered)
         : client_(client), answered_(std::move(answered)) {}
 
     /// False when the bus refuses the question; `answered` is not called then.
@@ -31,7 +31,7 @@ class HostsQuestion : public RvDataCallback {
   private:
     void finish(Outcome outcome, const Json& hosts);
 
-    bus::Client& client_;
+    Client& client_;
     std::function<void(Outcome, const Json&)> answered_;
     std::unique_ptr<RvSender> sender_;
     std::unique_ptr<RvListener> inbox_;
@@ -41,4 +41,4 @@ class HostsQuestion : public RvDataCallback {
 /// Throws `Json::exception` when it cannot be read.
 std::string lostText(const HostsQuestion::Json& host);
 
-}  // namespace kvx::tool
+}  // namespace kvx::bus

@@ -1,4 +1,4 @@
-#include "tools/kvx/HostsQuestion.h"
+#include "tools/bus/HostsQuestion.h"
 
 #include <fmt/format.h>
 
@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <utility>
 
-namespace kvx::tool {
+namespace kvx::bus {
 
 namespace {
 
@@ -50,4 +50,4 @@ std::string lostText(const HostsQuestion::Json& host) {
     return text;
 }
 
-}  // namespace kvx::tool
+}  // namespace kvx::bus

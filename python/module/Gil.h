@@ -1,0 +1,89 @@
+#pragma once
+
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <memory>
+#include <utility>
+
+namespace kvx::python {
+
+namespace py = pybind11;
+
+/// From now on only the calling thread takes the interpreter's lock through this module: the
+/// interpreter is about to end. GIL held.
+void leaveInterpreter();
+
+/// Whether the calling thread may still take the lock. Any thread.
+bool mayTakeGil();
+
+/// Gives up the GIL while it lives, if this thread has it. A thread that may not take it back stays
+/// here until the process has ended: the interpreter it would return to is gone.
+class WithoutGil {
+  public:
+    WithoutGil() : state_(PyGILState_Check() != 0 ? PyEval_SaveThread() : nullptr) {}
+    ~WithoutGil();
+    WithoutGil(const WithoutGil&) = delete;
+    WithoutGil& operator=(const WithoutGil&) = delete;
+
+  private:
+    PyThreadState* const state_;
+};
+
+/// While it lives, this thread runs a function for the loop of a client or service, which must not
+/// wait for that loop.
+class InsideCall {
+  public:
+    InsideCall() : wasInside_(std::exchange(isInside_, true)) {}
+    ~InsideCall() { isInside_ = wasInside_; }
+    InsideCall(const InsideCall&) = delete;
+    InsideCall& operator=(const InsideCall&) = delete;
+
+    static bool isInside() { return isInside_; }
+
+  private:
+    inline static thread_local bool isInside_ = false;
+    const bool wasInside_;
+};
+
+/// A Python function that any thread may keep, call and drop, with the GIL or without.
+class Function {
+  public:
+    Function() = default;
+    /// GIL held. None makes an empty one.
+    explicit Function(const py::object& function);
+
+    explicit operator bool() const { return function_ != nullptr; }
+    /// GIL held.
+    [[nodiscard]] py::object get() const {
+        return py::reinterpret_borrow<py::object>(function_.get());
+    }
+
+    /// Calls it on a thread of a client or service with what `arguments()` gives, a tuple. What it
+    /// raises goes to `sys.unraisablehook`. Nothing when the interpreter is about to end.
+    template <class Arguments>
+    void call(const Arguments& arguments) const {
+        if (!mayTakeGil()) return;
+        const py::gil_scoped_acquire gil;
+        const InsideCall inside;
+        try {
+            get()(*arguments());
+        } catch (py::error_already_set& error) {
+            report(error);
+        } catch (const std::exception& error) {
+            report(error);
+        }
+    }
+    void call() const {
+        call([] { return py::tuple(); });
+    }
+
+    /// Hands `error` to `sys.unraisablehook`. GIL held.
+    void report(py::error_already_set& error) const;
+    void report(const std::exception& error) const;
+
+  private:
+    std::shared_ptr<PyObject> function_;
+};
+
+}  // namespace kvx::python

@@ -1,0 +1,194 @@
+#include "rva/Api.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <utility>
+#include <vector>
+
+#include "platform/Text.h"
+#include "rva/MessageJson.h"
+
+namespace kvx::rva {
+
+namespace {
+
+constexpr std::size_t kMostMessages = 1000;
+constexpr std::size_t kMostSubjects = 16;
+constexpr std::int64_t kDefaultTimeoutMs = 8000;
+constexpr std::int64_t kMostTimeoutMs = 600'000;
+
+// What a client has sent, read key by key; `problem` is the first that was wrong.
+class Body {
+  public:
+    explicit Body(const std::string& text) : json_(Json::parse(text, nullptr, false)) {
+        if (!json_.is_object()) fail("the body is no JSON object");
+    }
+
+    std::string text(const char* key, const std::string& otherwise = {}) {
+        if (!json_.is_object() || !json_.contains(key)) return otherwise;
+        if (json_[key].is_string()) return json_[key].get<std::string>();
+        fail(fmt::format("'{}' is no text", key));
+        return {};
+    }
+
+    std::string neededText(const char* key) {
+        std::string found = text(key);
+        if (found.empty()) fail(fmt::format("'{}' is missing", key));
+        return found;
+    }
+
+    std::chrono::milliseconds timeout() {
+        const Json value = json_.is_object() ? json_.value("timeout_ms", Json(kDefaultTimeoutMs))
+                                             : Json(kDefaultTimeoutMs);
+        const auto ms = value.is_number_integer() ? value.get<std::int64_t>() : 0;
+        if (ms < 1 || ms > kMostTimeoutMs) {
+            fail(fmt::format("'timeout_ms' is no whole number from 1 to {}", kMostTimeoutMs));
+        }
+        return std::chrono::milliseconds(ms);
+    }
+
+    [[nodiscard]] const Json& json() const { return json_; }
+
+    // The error has been answered.
+    bool isRefused(const HttpAnswerPtr& answer) const {
+        if (!problem_.empty()) answer->reply(errorReply(400, "BadRequest", problem_));
+        return !problem_.empty();
+    }
+
+  private:
+    void fail(std::string problem) {
+        if (problem_.empty()) problem_ = std::move(problem);
+    }
+
+    const Json json_;
+    std::string problem_;
+};
+
+// The outermost messages or only one. Returns the error, or an empty text.
+std::string readMessages(const Json& json, std::vector<Outgoing>& messages) {
+    if (!json.contains("messages")) return readMessage(json, messages.emplace_back());
+    const Json& all = json["messages"];
+    if (!all.is_array() || all.size() > kMostMessages) {
+        return fmt::format("'messages' is no array of at most {}", kMostMessages);
+    }
+    for (const Json& one : all) {
+        if (auto problem = readMessage(one, messages.emplace_back()); !problem.empty()) {
+            return fmt::format("message {}: {}", messages.size(), problem);
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+void Api::addTo(HttpPages& pages) {
+    const auto document = [&](const char* path, auto make) {
+        pages.add(path, [make] { return HttpReply{200, kJsonType, make() + "\n"}; });
+    };
+    document("/api/services", [this] { return seen_.servicesJson(); });
+    document("/api/bus", [this] { return seen_.busJson(); });
+    document("/api/history", [this] { return seen_.historyJson(); });
+    const auto handle = [&](const char* method, const char* path,
+                            void (Api::*handler)(const HttpRequest&, const HttpAnswerPtr&)) {
+        pages.handle(method, path,
+                     [this, handler](const HttpRequest& request, const HttpAnswerPtr& answer) {
+                         (this->*handler)(request, answer);
+                     });
+    };
+    handle("POST", "/api/query", &Api::query);
+    handle("POST", "/api/send", &Api::send);
+    handle("POST", "/api/request", &Api::request);
+    handle("GET", "/api/listen", &Api::listen);
+    handle("GET", "/api/events", &Api::events);
+}
+
+// While it is away the bus's thread is busy with reaching it.
+bool Api::isThere(const HttpAnswerPtr& answer) const {
+    if (seen_.isReady()) return true;
+    answer->reply(errorReply(503, "Lost", "the bus daemon is away"));
+    return false;
+}
+
+std::shared_ptr<const void> Api::stream(const HttpRequest& request,
+                                        const HttpAnswerPtr& answer) const {
+    if (!request.hasChunks) {
+        answer->reply(errorReply(505, "NoStream", "a streamed answer needs HTTP/1.1"));
+        return nullptr;
+    }
+    auto slot = streams_.take();
+    if (!slot) answer->reply(errorReply(429, "TooMany", "256 streams are open"));
+    return slot;
+}
+
+void Api::query(const HttpRequest& request, const HttpAnswerPtr& answer) {
+    static constexpr std::array<std::pair<std::string_view, RowFormat>, 3> kFormats = {
+        {{"ndjson", RowFormat::NdJson}, {"json", RowFormat::WholeJson}, {"csv", RowFormat::Csv}}};
+    Body body(request.body);
+    Query query{body.neededText("service"), body.neededText("text")};
+    query.timeout = body.timeout();
+    const std::string format = body.text("format", "ndjson");
+    if (body.isRefused(answer)) return;
+    const auto* const known =
+        std::ranges::find(kFormats, format, [](const auto& one) { return one.first; });
+    if (known == kFormats.end()) {
+        answer->reply(errorReply(400, "BadRequest", "'format' is ndjson, json or csv"));
+        return;
+    }
+    query.format = known->second;
+    auto slot = stream(request, answer);
+    if (slot && isThere(answer)) queries_.ask(std::move(query), std::move(slot), answer);
+}
+
+void Api::send(const HttpRequest& request, const HttpAnswerPtr& answer) {
+    const Body body(request.body);
+    std::vector<Outgoing> messages;
+    if (body.isRefused(answer)) return;
+    if (auto problem = readMessages(body.json(), messages); !problem.empty()) {
+        answer->reply(errorReply(400, "InvalidArgument", problem));
+        return;
+    }
+    if (isThere(answer)) calls_.send(std::move(messages), answer);
+}
+
+void Api::request(const HttpRequest& request, const HttpAnswerPtr& answer) {
+    Body body(request.body);
+    Outgoing message;
+    const auto timeout = body.timeout();
+    if (body.isRefused(answer)) return;
+    if (auto problem = readMessage(body.json(), message); !problem.empty()) {
+        answer->reply(errorReply(400, "InvalidArgument", problem));
+        return;
+    }
+    if (isThere(answer)) calls_.request(std::move(message), timeout, answer);
+}
+
+void Api::listen(const HttpRequest& request, const HttpAnswerPtr& answer) {
+    std::vector<std::string> subjects = request.all("subject");
+    std::ranges::sort(subjects);
+    subjects.erase(std::unique(subjects.begin(), subjects.end()), subjects.end());
+    if (subjects.empty() || subjects.size() > kMostSubjects) {
+        answer->reply(errorReply(400, "BadRequest", "1 to 16 subjects: ?subject=NEWS.>"));
+        return;
+    }
+    for (const auto& subject : subjects) {
+        if (isSubject(subject)) continue;
+        answer->reply(errorReply(400, "InvalidArgument",
+                                 fmt::format("'{}' is no subject", excerpt(subject))));
+        return;
+    }
+    auto slot = stream(request, answer);
+    if (slot && isThere(answer)) listens_.listen(std::move(subjects), answer, std::move(slot));
+}
+
+void Api::events(const HttpRequest& request, const HttpAnswerPtr& answer) {
+    auto slot = stream(request, answer);
+    // While the bus is away its thread cannot take a page on; a page tries again by itself.
+    if (slot && isThere(answer)) {
+        feed_.join(request.header("last-event-id"), answer, std::move(slot));
+    }
+}
+
+}  // namespace kvx::rva

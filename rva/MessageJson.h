@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "kvx/Record.h"
+#include "rv/rv.h"
+#include "tools/bus/DatumJson.h"
+
+/// The map between messages and JSON that docs/http.md defines: without loss, in both directions.
+namespace kvx::rva {
+
+using bus::Json;
+
+/// What may be sent, as a client describes it.
+struct Outgoing {
+    std::string subject;
+    std::string reply;  ///< empty without one
+    std::shared_ptr<const RvDatum> datum;
+};
+
+/// `{"subject","reply","type","fields"|"value"}`. `reply` is null without one.
+[[nodiscard]] Json messageJson(const char* subject, const char* reply, const RvDatum& datum);
+
+/// Reads such an object, or one whose types are to be inferred. Returns the error, or an empty
+/// text.
+[[nodiscard]] std::string readMessage(const Json& json, Outgoing& message);
+
+/// A row as an object, its fields in order.
+[[nodiscard]] Json rowJson(const Record& record);
+
+/// Whether `text` is a subject, with or without wildcards.
+[[nodiscard]] bool isSubject(const std::string& text);
+
+/// In one line, UTF-8.
+[[nodiscard]] std::string lineOf(const Json& json);
+
+}  // namespace kvx::rva

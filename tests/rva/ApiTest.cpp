@@ -1,0 +1,247 @@
+// The HTTP interface as a program of another language sees it, against a real agent and daemon.
+
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include "rva/MessageJson.h"
+#include "tests/rva/AgentFixture.h"
+#include "tests/rva/Schema.h"
+
+namespace kvx::test {
+namespace {
+
+using rva::Json;
+
+struct ApiTest : AgentFixture {
+    static httplib::Result post(int port, const std::string& path, const Json& body) {
+        return httplib::Client("127.0.0.1", port).Post(path, body.dump(), "application/json");
+    }
+    static int statusOfEmpty(int port, const std::string& path) {
+        const auto result = post(port, path, Json::object());
+        return result ? result->status : -1;
+    }
+    static std::string codeIn(const httplib::Result& result) {
+        return result ? Json::parse(result->body).at("error").at("code").get<std::string>() : "";
+    }
+    // Reads a stream until it holds `last`; what came.
+    static std::string listenUntil(int port, const std::string& path, const std::string& last,
+                                   const std::function<void()>& whenListening) {
+        std::string text;
+        bool isListening = false;
+        httplib::Client("127.0.0.1", port).Get(path, [&](const char* data, std::size_t size) {
+            text.append(data, size);
+            if (!isListening && text.find("event: listening") != std::string::npos) {
+                isListening = true;
+                whenListening();
+            }
+            return text.find(last) == std::string::npos;
+        });
+        return text;
+    }
+    void expectSound(const std::string& schema, const Json& value) const {
+        EXPECT_EQ(schemas_.problem(schema, value), "") << value.dump().substr(0, 300);
+    }
+    // The data of all events are of the schemas that belong to their names.
+    void expectSoundEvents(const std::string& events) const {
+        static const std::map<std::string, std::string> kSchemas = {
+            {"bus", "Connection"},      {"services", "ServiceChanges"},
+            {"traffic", "Bus"},         {"history", "HistoryEntry"},
+            {"message", "Message"},     {"dropped", "Dropped"},
+            {"listening", "Listening"}, {"end", "Error"}};
+        std::istringstream in(events);
+        std::string name;
+        for (std::string line; std::getline(in, line);) {
+            if (line.starts_with("event: ")) name = line.substr(7);
+            // The last one may have been cut off.
+            if (!line.starts_with("data: ") || in.eof()) continue;
+            ASSERT_TRUE(kSchemas.contains(name)) << name;
+            expectSound(kSchemas.at(name), Json::parse(line.substr(6)));
+        }
+    }
+    static Json messageIn(const std::string& events) {
+        const auto begin = events.find("data: ", events.find("event: message")) + 6;
+        return Json::parse(events.substr(begin, events.find('\n', begin) - begin));
+    }
+
+    const Schemas schemas_{contentOf(KVX_SOURCE_DIR "/docs/openapi.json")};
+};
+
+// What docs/http.md has a row for, with its limits.
+const Json& everyType() {
+    static const Json kFields = Json::parse(R"([
+        ["string",""],["string","gr\u00fc\u00df \n\u0001"],["string",{"base64":"/wA="}],
+        ["string",{"base64":"YQBiAA=="}],["string",{"base64":"YWI="}],
+        ["bool",true],["bool",false],["bool",7],
+        ["i8",-128],["i16",-32768],["i32",-2147483648],["i64",9007199254740991],
+        ["i64","-9223372036854775808"],["u8",255],["u16",65535],["u32",4294967295],
+        ["u64","18446744073709551615"],["f32",0.5],["f32","NaN"],["f32","NaN:7fc00001"],
+        ["f64",0.1],["f64",-0.0],["f64",1e300],["f64","Infinity"],["f64","-Infinity"],
+        ["f64","NaN:fff8000000000000"],["ip","192.0.2.255"],["port",65535],
+        ["datetime","1969-12-31T23:59:59.999999Z"],["datetime","2106-02-07T06:28:15.000000Z"],
+        ["datetime",{"words":[1,2,16777215]}],["subject","NEWS.*.>"],["subject",{"base64":"AAMA"}],
+        ["opaque",""],["opaque","AAH/"],["encrypted","AAAACZlV7rsI"],["type 77",null],
+        ["message",[]],["message",[{"name":"a","type":"message","value":[
+            {"name":{"base64":"/w=="},"type":"u8","value":1}]}]]])");
+    return kFields;
+}
+
+TEST_F(ApiTest, SendsWhatItHearsWithoutLoss) {
+    const int port = start();
+    Json fields = Json::array();
+    for (const Json& one : everyType()) {
+        fields.push_back({{"name", "n"}, {"type", one[0]}, {"value", one[1]}});
+    }
+    const Json message = {
+        {"subject", "NEWS.ROME"}, {"reply", "BACK"}, {"type", "message"}, {"fields", fields}};
+    const Json datum = {
+        {"subject", "NEWS.ROME"}, {"reply", nullptr}, {"type", "opaque"}, {"value", "AAE="}};
+    for (const Json& sent : {message, datum}) {
+        const std::string events =
+            listenUntil(port, "/api/listen?subject=NEWS.%3E", "event: message",
+                        [&] { EXPECT_EQ(post(port, "/api/send", sent)->body, "{\"sent\":1}\n"); });
+        EXPECT_EQ(messageIn(events).dump(), sent.dump());
+        expectSoundEvents(events);
+    }
+    rva::Outgoing inferred;
+    EXPECT_EQ(rva::readMessage(Json::parse(R"({"subject":"A","fields":{"a":1,"b":2147483648,
+                  "c":18446744073709551615,"d":1.0,"e":true,"f":"x","g":{"h":[{"value":1}]}}})"),
+                               inferred),
+              "");
+    EXPECT_EQ(
+        rva::messageJson("A", nullptr, *inferred.datum)["fields"].dump(),
+        R"([{"name":"a","type":"i32","value":1},{"name":"b","type":"i64","value":2147483648},)"
+        R"({"name":"c","type":"u64","value":"18446744073709551615"},)"
+        R"({"name":"d","type":"f64","value":1.0},{"name":"e","type":"bool","value":true},)"
+        R"({"name":"f","type":"string","value":"x"},{"name":"g","type":"message","value":)"
+        R"([{"name":"h","type":"message","value":[{"name":"","type":"i32","value":1}]}]}])");
+    for (
+        const char* wrong :
+        {R"({"subject":"A..B","fields":{}})", R"({"subject":"A","fields":{"a":null}})",
+         R"({"subject":"A","fields":[{"name":"a","type":"i8","value":128}]})",
+         R"({"subject":"A","fields":[{"name":"a","type":"opaque","value":"A"}]})",
+         R"({"subject":"A","fields":[{"name":"a","type":"ip","value":"1.2.3"}]})",
+         R"({"subject":"A","fields":[{"name":"a","type":"encrypted","value":"AAAACZlV7rs="}]})",
+         R"({"subject":"A","fields":[{"name":"a","type":"datetime","value":"2026-02-30T00:00:00Z"}]})",
+         R"({"subject":"A","fields":[{"name":"a","type":"type 22","value":null}]})",
+         R"({"subject":"A"})"}) {
+        EXPECT_EQ(codeIn(post(port, "/api/send", Json::parse(wrong))), "InvalidArgument") << wrong;
+    }
+    EXPECT_EQ(codeIn(post(port, "/api/send", "text")), "BadRequest");
+}
+
+TEST_F(ApiTest, StreamsAnswersOfServicesInEveryForm) {
+    std::string csv = "name,mtu\n";
+    for (int i = 0; i < 5000; ++i) csv += fmt::format("core-{},{}\n", i, 1500 + i);
+    const auto model = bus_.startModel(bus_.file("devices.csv", csv));
+    const int port = start();
+    Json query = {{"service", "Model"}, {"text", "SELECT * FROM devices"}};
+    const auto lines = post(port, "/api/query", query);
+    ASSERT_EQ(lines->status, 200);
+    std::istringstream in(lines->body);
+    std::vector<Json> all;
+    for (std::string line; std::getline(in, line);) all.push_back(Json::parse(line));
+    ASSERT_EQ(all.size(), 5002U);
+    for (const Json& line : all) expectSound("Line", line);
+    EXPECT_EQ(all[1].dump(), R"({"row":{"name":"core-0","mtu":1500}})");
+    EXPECT_EQ(all.back()["end"]["rows"], 5000);
+    query["format"] = "csv";
+    query["text"] = "SELECT MTU, name FROM devices WHERE mtu < 1502";
+    EXPECT_EQ(post(port, "/api/query", query)->body, "MTU,name\r\n1500,core-0\r\n1501,core-1\r\n");
+    query["format"] = "json";
+    const Json rows = Json::parse(post(port, "/api/query", query)->body);
+    EXPECT_EQ(rows["rows"].size(), 2U);
+    expectSound("Rows", rows);
+    query["text"] = "SELECT FROM";
+    const auto refused = post(port, "/api/query", query);
+    EXPECT_EQ(refused->status, 422);
+    EXPECT_GT(Json::parse(refused->body)["error"]["position"].get<int>(), 0);
+    query["service"] = "Nobody";
+    query["timeout_ms"] = 100;
+    EXPECT_EQ(post(port, "/api/query", query)->status, 504);
+    query["timeout_ms"] = 0;
+    EXPECT_EQ(codeIn(post(port, "/api/query", query)), "BadRequest");
+    EXPECT_TRUE(eventually(
+        [&] { return Json::parse(get(port, "/api/services").body)["services"].size() == 1; }));
+    const auto reply =
+        post(port, "/api/request", {{"subject", "_RVD.STATUS"}, {"fields", Json::object()}});
+    EXPECT_EQ(Json::parse(reply->body)["fields"][0]["name"], "part");
+    expectSound("Message", Json::parse(reply->body));
+    expectSound("Error", Json::parse(refused->body));
+    for (const auto& [path, schema] : {std::pair("/api/services", "Services"),
+                                       {"/api/bus", "Bus"},
+                                       {"/api/history", "History"},
+                                       {"/api/login", "Login"}}) {
+        expectSound(schema, Json::parse(get(port, path).body));
+    }
+    // What the document names is served.
+    for (const auto& [path, methods] : schemas_.document()["paths"].items()) {
+        for (const auto& [method, operation] : methods.items()) {
+            if (method == "get" && path != "/api/listen" && path != "/api/events") {
+                EXPECT_EQ(get(port, path).status, 200) << path;
+            } else if (method == "post") {
+                EXPECT_EQ(statusOfEmpty(port, path), path == "/api/logout" ? 200 : 400) << path;
+            }
+        }
+    }
+    EXPECT_EQ(codeIn(post(port, "/api/request",
+                          {{"subject", "NOBODY"}, {"value", "x"}, {"timeout_ms", 50}})),
+              "TimedOut");
+}
+
+TEST_F(ApiTest, ManyPagesCostOneSubscriptionAndResumeWhereTheyLeft) {
+    const int port = start({"-interval", "1"});
+    const auto listens = [&] {
+        const Json status = Json::parse(get(port, "/api/bus").body)["status"];
+        return status.contains("counters") ? status["counters"]["listens_open"].get<int>() : -1;
+    };
+    ASSERT_TRUE(eventually([&] { return listens() >= 0; }));
+    const int before = listens();
+    std::atomic<bool> isOver = false;
+    std::atomic<int> heard = 0;
+    std::vector<std::thread> pages;
+    for (int i = 0; i < 50; ++i) {
+        pages.emplace_back([&] {
+            bool isFirst = true;
+            httplib::Client("127.0.0.1", port)
+                .Get("/api/listen?subject=SHARED", [&](const char*, std::size_t) {
+                    heard += std::exchange(isFirst, false) ? 1 : 0;
+                    return !isOver;
+                });
+        });
+    }
+    EXPECT_TRUE(eventually([&] { return heard == 50; }));
+    EXPECT_TRUE(eventually([&] { return listens() == before + 1; }));
+    isOver = true;
+    post(port, "/api/send", {{"subject", "SHARED"}, {"value", "x"}});
+    for (auto& page : pages) page.join();
+    EXPECT_TRUE(eventually([&] { return listens() == before; }));
+
+    const auto events = [&](const httplib::Headers& headers) {
+        std::string text;
+        httplib::Client("127.0.0.1", port)
+            .Get("/api/events", headers, [&](const char* data, std::size_t size) {
+                text.append(data, size);
+                return text.find("event: history") == std::string::npos || !text.ends_with("\n\n");
+            });
+        return text;
+    };
+    const std::string first = events({});
+    EXPECT_NE(first.find("event: services"), std::string::npos) << first;
+    expectSoundEvents(first);
+    const auto id = first.rfind("\nid: ") + 5;
+    const std::string last = first.substr(id, first.find('\n', id) - id);
+    EXPECT_EQ(events({{"Last-Event-ID", last}}).find("\"whole\":true"), std::string::npos);
+    EXPECT_NE(events({{"Last-Event-ID", "1-1"}}).find("\"whole\":true"), std::string::npos);
+    const Json history = Json::parse(get(port, "/api/history").body);
+    EXPECT_EQ(history["time"].size(), history["series"]["sessions"].size());
+    EXPECT_GE(history["time"].size(), 1U);
+
+    bus_.daemon().kill();
+    ASSERT_TRUE(eventually([&] { return get(port, "/readyz").status == 503; }));
+    EXPECT_EQ(codeIn(post(port, "/api/send", {{"subject", "A"}, {"value", "x"}})), "Lost");
+    EXPECT_EQ(Json::parse(get(port, "/api/bus").body)["connected"], false);
+}
+
+}  // namespace
+}  // namespace kvx::test
