@@ -26,6 +26,10 @@ else
 fi
 modeld --db /tmp/model.db --table vendors --key assignment --load /usr/share/ieee-data/oui.csv >/tmp/modeld.log 2>&1 &
 until_true grep -q answering /tmp/modeld.log || { cat /tmp/modeld.log; exit 1; }
-[ "$(kvx query Model "select organization_name from vendors where assignment = '002272'" --csv | tail -n 1)" = \
-    "American Micro-Fuel Device Corp." ]
+one="select organization_name from vendors where assignment = '002272'"
+company="American Micro-Fuel Device Corp."
+[ "$(kvx query Model "$one" --csv | tail -n 1)" = "$company" ]
+[ "$(python3 -c 'import sys, kvxmom
+with kvxmom.Client() as bus:
+    print(*(row["organization_name"] for row in bus.query("Model", sys.argv[1])))' "$one")" = "$company" ]
 kvx query Model 'select * from vendors' --quiet

@@ -7,7 +7,8 @@ build=$1
 here=$(cd "$(dirname "$0")" && pwd)
 skip() { echo "skipped: $1"; exit 77; }
 [ "$(id -u)" -eq 0 ] || skip "a root of its own takes the rights of root"
-for tool in mmdebstrap lintian dh; do command -v $tool >/dev/null || skip "$tool is not installed"; done
+for tool in mmdebstrap lintian dh dh_python3; do command -v $tool >/dev/null || skip "$tool is not installed"; done
+unshare --fork --pid --mount --net --uts --ipc --cgroup true || skip "the kernel gives no namespaces"
 
 work=$(mktemp -d)
 boot=
@@ -24,7 +25,7 @@ names=(*.deb)
 names=("${names[@]%%_*}")
 cat /etc/apt/sources.list /etc/apt/sources.list.d/debian.sources 2>/dev/null >"$work/sources" || true
 printf '\nTypes: deb\nURIs: copy:%s\nSuites: ./\nTrusted: yes\n' "$work/packages" >>"$work/sources"
-(IFS=,; mmdebstrap --variant=essential --dpkgopt=force-unsafe-io --skip=cleanup \
+(IFS=,; timeout 300 mmdebstrap --aptopt='Acquire::http::Timeout "30"' --variant=essential --dpkgopt=force-unsafe-io --skip=cleanup \
     --include="systemd-sysv,ieee-data,${names[*]}" bookworm "$work/root" - \
     <"$work/sources" >"$work/root.log" 2>&1) || {
     grep -q 'E: Failed to fetch\|Could not resolve' "$work/root.log" && skip "no archive of Debian is reached"
@@ -44,4 +45,4 @@ for ((tries = 0; tries < 600; tries++)); do
     [ -n "$first" ] && [ -e "/proc/${first% }/root/booting" ] && break
     sleep 0.05
 done
-nsenter --target "${first% }" --all /main_job.sh
+timeout 200 nsenter --target "${first% }" --all /main_job.sh
