@@ -91,6 +91,7 @@ Server::Server(const Options& options, platform::Log log)
                [this](Connection& connection) { forget(connection); }} {
     uv_loop_init(&loop_);
     uv_timer_init(&loop_, &tick_);
+    uv_timer_init(&loop_, &alive_);
     uv_prepare_init(&loop_, &turn_);
     uv_idle_init(&loop_, &goOn_);
     uv_signal_init(&loop_, &terminate_);
@@ -108,10 +109,12 @@ Server::~Server() {
     uv_loop_close(&loop_);
 }
 
-bool Server::listen() {
-    for (const ListenAddress& address : options_.listen) {
-        Listener& made = addListener(address);
-        if (const std::string error = made.open(); !error.empty()) {
+bool Server::listen(std::vector<platform::PassedSocket> passed) {
+    for (BoundAddress& place : placesToListen(options_.listen, std::move(passed))) {
+        Listener& made = addListener(place.address);
+        if (place.socket) made.adopt(std::move(place.socket));
+        const std::string error = place.address.isPassed ? made.listen() : made.open();
+        if (!error.empty()) {
             log_.error("cannot listen on " + made.text() + ": " + error);
             return false;
         }
@@ -139,8 +142,8 @@ bool Server::startRecording(std::optional<Recorder::Place> place) {
     return recorder_ != nullptr;
 }
 
-bool Server::start() {
-    if (!listen() || !startRecording(std::nullopt)) return false;
+bool Server::start(std::vector<platform::PassedSocket> passed) {
+    if (!listen(std::move(passed)) || !startRecording(std::nullopt)) return false;
     bornAt_ = now();
     begin();
     log_.info("listening on " + address_ + ", " + std::to_string(options_.queueLimit) +
@@ -163,6 +166,10 @@ void Server::begin() {
     const std::size_t descriptors = platform::raiseDescriptorLimit() + open_;
     mostOpen_ = descriptors > kSpareDescriptors ? descriptors - kSpareDescriptors : 1;
     startTick(kTickMs);
+    if (aliveEvery_) {
+        const auto tell = [](uv_timer_t*) { platform::tellAlive(); };
+        uv_timer_start(&alive_, tell, 0, static_cast<std::uint64_t>(*aliveEvery_));
+    }
     uv_prepare_start(&turn_, [](uv_prepare_t* turn) { serverOf(turn->data)->onTurn(); });
     const auto onSignal = [](uv_signal_t* handle, int) { serverOf(handle->data)->stop(); };
     uv_signal_start(&terminate_, onSignal, platform::signal_number::terminate());
@@ -402,6 +409,7 @@ void Server::closeHandles() {
     platform::blockSignals(handledSignals());
     closeListeners();
     closeHandle(tick_);
+    closeHandle(alive_);
     closeHandle(turn_);
     closeHandle(goOn_);
     closeHandle(terminate_);

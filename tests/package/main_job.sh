@@ -20,6 +20,26 @@ if [ "$(cat /proc/1/comm)" = systemd ]; then
     is_replaced() { [ "$(systemctl show --property MainPID --value rvd)" != "$before" ] && kvx status; }
     until_true is_replaced
     systemctl is-active rvd
+    echo "a session starts the daemon, one that hangs is ended and started again, its recording is kept"
+    mkdir -p /run/systemd/system/rvd.service.d
+    cat >/run/systemd/system/rvd.service.d/test.conf <<'END'
+[Service]
+WatchdogSec=5
+RuntimeDirectory=rvd
+RuntimeDirectoryPreserve=yes
+ExecStart=
+ExecStart=/usr/bin/rvd -listen tcp:7500 -recorder 64k -recorder-file %t/rvd/last.ring
+END
+    systemctl stop rva rvd
+    systemctl daemon-reload
+    systemctl start rvd.socket
+    kvx send KEPT text=kept
+    systemctl is-active rvd
+    systemctl kill --signal=STOP rvd
+    is_started_again() { [ "$(systemctl show --property NRestarts --value rvd)" -ge 1 ] && kvx status; }
+    until_true is_started_again
+    kvx dump /run/rvd/last.ring.1 | grep KEPT
+    systemctl start rva
 else
     echo "no systemd here, since there are no control groups: the daemon is started by hand"
     rvd -listen tcp:7500 &

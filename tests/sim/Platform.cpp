@@ -213,9 +213,3 @@ PollSet::Slot PollSet::slot(std::size_t i) const noexcept {
 }
 
 }  // namespace kvx::platform
-
-namespace kvx::rvd {
-
-void tellServing(unsigned long /*pid*/) {}  // no process is supervised
-
-}  // namespace kvx::rvd
