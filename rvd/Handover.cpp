@@ -23,7 +23,6 @@
 
 #include "platform/Memory.h"
 #include "platform/Process.h"
-#include "platform/Signals.h"
 #include "rvd/Server.h"
 #include "rvd/Supervisor.h"
 #include "rvd/Version.h"
@@ -163,7 +162,6 @@ void Server::keepOn(std::string_view reason) noexcept {
     }
     hearNoMore();
     successor_.reset();
-    platform::unblockSignals(handledSignals());
     if (!std::exchange(isPaused_, false)) return;
     for (auto& [number, connection] : connections_) connection->resume();
     batch_.end();
@@ -180,7 +178,6 @@ bool Server::isQuiet() const {
 }
 
 void Server::handOver() {
-    platform::blockSignals(handledSignals());
     const platform::Descriptor file = platform::MemoryFile::create();
     StateWriter state(file.get());
     std::vector<int> descriptors;
@@ -193,7 +190,7 @@ void Server::handOver() {
               ", which has " + std::to_string(connections_.size()) + " connections");
     tellServing(pid);
     if (successor_->go()) {
-        while (const int signal = platform::awaitSignal(handledSignals(), 0)) {
+        while (const int signal = signals_.next()) {
             platform::sendSignal(pid, signal);
         }
         platform::exitNow(0);
@@ -231,9 +228,12 @@ void Server::save(StateWriter& state, std::vector<int>& descriptors) {
 }
 
 bool Server::takeOver(int descriptor) {
-    platform::blockSignals(handledSignals());
     Predecessor predecessor(descriptor);
     std::string error = predecessor.takeOver(version());
+    if (error.empty() && signals_.descriptor() < 0) {
+        error = "no descriptor to read signals from";
+        predecessor.refuse(error);
+    }
     if (error.empty()) {
         try {
             const platform::MemoryFile file(predecessor.state());
