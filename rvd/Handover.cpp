@@ -23,7 +23,6 @@
 
 #include "platform/Memory.h"
 #include "platform/Process.h"
-#include "platform/Signals.h"
 #include "platform/Supervisor.h"
 #include "rvd/Server.h"
 #include "rvd/Version.h"
@@ -164,7 +163,6 @@ void Server::keepOn(std::string_view reason) noexcept {
     }
     hearNoMore();
     successor_.reset();
-    platform::unblockSignals(handledSignals());
     if (!std::exchange(isPaused_, false)) return;
     for (auto& [number, connection] : connections_) connection->resume();
     batch_.end();
@@ -181,7 +179,6 @@ bool Server::isQuiet() const {
 }
 
 void Server::handOver() {
-    platform::blockSignals(handledSignals());
     if (aliveEvery_) platform::tellAlive();  // for the time that the loop stands still
     const platform::Descriptor file = platform::MemoryFile::create();
     StateWriter state(file.get());
@@ -195,7 +192,7 @@ void Server::handOver() {
               ", which has " + std::to_string(connections_.size()) + " connections");
     platform::tellServing(pid);
     if (successor_->go()) {
-        while (const int signal = platform::awaitSignal(handledSignals(), 0)) {
+        while (const int signal = signals_.next()) {
             platform::sendSignal(pid, signal);
         }
         platform::exitNow(0);
@@ -234,9 +231,12 @@ void Server::save(StateWriter& state, std::vector<int>& descriptors) {
 }
 
 bool Server::takeOver(int descriptor) {
-    platform::blockSignals(handledSignals());
     Predecessor predecessor(descriptor);
     std::string error = predecessor.takeOver(version());
+    if (error.empty() && signals_.descriptor() < 0) {
+        error = "no descriptor to read signals from";
+        predecessor.refuse(error);
+    }
     if (error.empty()) {
         try {
             const platform::MemoryFile file(predecessor.state());

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/Log.h"
+#include "platform/SignalDescriptor.h"
 #include "platform/Supervisor.h"
 #include "rvd/Batch.h"
 #include "rvd/BusySubjects.h"
@@ -68,6 +69,7 @@ class Server : private Observed {
     Listener& addListener(const ListenAddress& address);
     Connection& addConnection(std::uint64_t number);
     void begin();
+    void onSignals();
     // Being replaced, and taking over: see Handover.cpp.
     void replace();
     void onHello();
@@ -114,9 +116,8 @@ class Server : private Observed {
     uv_prepare_t turn_{};  // before the loop waits
     uv_idle_t goOn_{};     // it does not wait: somebody is in the line
     uv_timer_t alive_{};
-    uv_signal_t terminate_{};
-    uv_signal_t interrupt_{};
-    uv_signal_t report_{};
+    const platform::SignalDescriptor signals_{handledSignals()};
+    uv_poll_t signalled_{};
     std::vector<std::unique_ptr<Listener>> listeners_;
     std::string address_;
     Counters counters_;
@@ -145,9 +146,8 @@ class Server : private Observed {
     std::int64_t startedAt_ = platform::wallMilliseconds();
     platform::Milliseconds bornAt_ = 0;
     platform::Milliseconds tickedAt_ = 0;
-    Counters before_;  // at the last tick
-    Counters rates_;   // what they grew by in the second before that
-    uv_signal_t replace_{};
+    Counters before_;             // at the last tick
+    Counters rates_;              // what they grew by in the second before that
     uv_poll_t* hello_ = nullptr;  // watches for what the successor says first
     std::optional<Successor> successor_;
     platform::Milliseconds replaceBy_ = 0;

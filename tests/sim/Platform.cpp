@@ -1,13 +1,17 @@
 // The second implementation of platform/Socket.h, Poll.h, Clock.h and of the part of Process.h that
 // the client and the daemon use: the same declarations, over the virtual world.
 
+#include <sys/eventfd.h>
+
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 #include "platform/Clock.h"
 #include "platform/Poll.h"
 #include "platform/Process.h"
+#include "platform/SignalDescriptor.h"
 #include "tests/sim/World.h"
 
 namespace kvx::platform {
@@ -149,6 +153,15 @@ std::size_t raiseDescriptorLimit() {
 }
 std::int64_t threadCpuNanoseconds() noexcept {
     return static_cast<std::int64_t>(world->processorTime());
+}
+
+// A new process has no signals yet.
+SignalDescriptor::SignalDescriptor(std::span<const int> /*signals*/) noexcept
+    : descriptor_(::eventfd(0, EFD_CLOEXEC)) {
+    world->raised = 0;
+}
+int SignalDescriptor::next() const noexcept {
+    return std::exchange(world->raised, 0);
 }
 
 WakeUp::WakeUp() noexcept : descriptor_(0) {}
