@@ -11,13 +11,14 @@
 
 #include "python/module/Failure.h"
 #include "python/module/Values.h"
+#include "rv/message/WireFormat.h"
 
 namespace kvx::python {
 
 namespace {
 
-constexpr int kMostNesting = 32;
-constexpr unsigned kMostSubject = 1000;  // bytes, encoded
+constexpr int kMostNesting = static_cast<int>(kMaxNesting) - 1;  // one more on the bus
+constexpr unsigned kMostSubject = 1000;                          // bytes, encoded
 constexpr std::int64_t kMicroseconds = 1'000'000;
 
 using Bytes = std::string;
