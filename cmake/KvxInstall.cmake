@@ -14,7 +14,7 @@ endif()
 
 # Headers for users: the umbrellas and what they include, directly or not. All others are internal.
 include(KvxPublicHeaders)
-kvx_public_headers(public_headers foundation/foundation.h rv/rv.h mom/mom.h kvx/kvx.h)
+kvx_public_headers(public_headers ${KVX_UMBRELLAS})
 foreach(header IN LISTS public_headers)
     cmake_path(GET header PARENT_PATH room)
     kvx_header_file(source ${header})
