@@ -125,7 +125,8 @@ TEST_F(AgentTest, EndsWithAReasonWhereItCannotServe) {
              {{"-listen", "tcp:0.0.0.0:0"}, 2, "it needs -token-file"},
              {{"-listen", "0", "-token-file", bus_.file("short", "abc\n")}, 2, "no token of 16"},
              {{"-interval", "3601"}, 2, "'3601' is no number of seconds"},
-             {{"-nonsense"}, 2, "'-nonsense' is no option"}}) {
+             {{"-token-file", ""}, 2, "--token-file: "},
+             {{"-nonsense"}, 2, "not expected: -nonsense"}}) {
         const Ended ended = bus_.run("rva", one.words);
         EXPECT_EQ(ended.status, one.status) << ended.errors;
         EXPECT_NE(ended.errors.find(one.reason), std::string::npos) << ended.errors;
