@@ -53,7 +53,8 @@ install(FILES packaging/prometheus/kvxmom.rules.yml packaging/prometheus/kvxmom.
         DESTINATION ${CMAKE_INSTALL_DATADIR}/kvxmom/prometheus)
 install(FILES packaging/grafana/kvxmom.json DESTINATION ${CMAKE_INSTALL_DATADIR}/kvxmom/grafana)
 
-# The units contain the paths of the installed programs, known only at installation.
+install(FILES packaging/systemd/rvd.socket packaging/systemd/rva.socket DESTINATION lib/systemd/system)
+# The services contain the paths of the installed programs, known only at installation.
 install(CODE "
     set(KVX_UNITS \"${PROJECT_SOURCE_DIR}/packaging/systemd\")
     set(KVX_UNITS_BUILT \"${CMAKE_CURRENT_BINARY_DIR}/systemd\")
