@@ -13,16 +13,16 @@ namespace {
 
 using Cases = std::map<std::string, std::vector<std::string>>;  // what to do, and its keys
 
-std::string inQuotes(const std::string& text) {
+std::string inSingleQuotes(const std::string& text) {
     return "'" + text + "'";
 }
 
 std::string wordsAction(const std::vector<std::string>& words) {
-    return "action=(-W " + inQuotes(joined(words, " ")) + ")";
+    return "action=(-W " + inSingleQuotes(joined(words, " ")) + ")";
 }
 
 // What completes a value; nothing for one of which nothing is known.
-std::string actionOf(const Value& value) {
+std::string bashAction(const Value& value) {
     switch (value.kind) {
         case Value::Kind::OneOf:
             return wordsAction(value.words);
@@ -49,8 +49,9 @@ std::vector<std::string> optionWords(const Command& command, const char* dashes)
     return words;
 }
 
-void add(Cases& cases, const std::string& action, const std::string& key) {
-    if (!action.empty()) cases[action].push_back(inQuotes(key));
+void add(Cases& cases, const std::string& action, const std::string& command,
+         const std::string& what) {
+    if (!action.empty()) cases[action].push_back(inSingleQuotes(command + ' ' + what));
 }
 
 void addCommand(const Table& table, const std::string& name, const Command& command, Cases& values,
@@ -58,24 +59,24 @@ void addCommand(const Table& table, const std::string& name, const Command& comm
     for (const Argument& option : command.options) {
         if (option.value.kind == Value::Kind::None) continue;
         for (const std::string& word : spellings(table, option.name)) {
-            add(values, option.value.isList ? "option=$word list=yes" : "option=$word list=",
-                name + ' ' + word);
-            add(actions, actionOf(option.value), name + ' ' + word);
+            add(values, option.value.isList ? "option=$word list=yes" : "option=$word list=", name,
+                word);
+            add(actions, bashAction(option.value), name, word);
         }
     }
-    add(actions, wordsAction(optionWords(command, "--")), name + " --");
+    add(actions, wordsAction(optionWords(command, "--")), name, "--");
     if (table.dashes == Dashes::Any) {
-        add(actions, wordsAction(optionWords(command, "-")), name + " -");
+        add(actions, wordsAction(optionWords(command, "-")), name, "-");
     }
     int place = 0;
     for (const Argument& positional : command.positionals) {
-        add(actions, actionOf(positional.value), name + ' ' + std::to_string(place++));
+        add(actions, bashAction(positional.value), name, std::to_string(place++));
     }
 }
 
 void addPlain(const std::string& name, const Command& command, Cases& actions) {
     if (command.positionals.empty()) {
-        add(actions, wordsAction(optionWords(command, "--")), name + " 0");
+        add(actions, wordsAction(optionWords(command, "--")), name, "0");
     }
 }
 
@@ -97,8 +98,8 @@ std::string bashCompletion(const Table& table) {
         addPlain("", table.top, actions);
     } else {
         const auto names = commandNames(table);
-        add(actions, wordsAction(names), " 0");
-        for (const auto& name : names) add(values, "command=$word", ' ' + name);
+        add(actions, wordsAction(names), "", "0");
+        for (const auto& name : names) add(values, "command=$word", "", name);
     }
     for (const Command& command : table.commands) {
         addCommand(table, command.name, command, values, actions);

@@ -6,7 +6,7 @@ namespace kvx::commandline {
 
 namespace {
 
-std::string inQuotes(const std::string& text) {
+std::string fishText(const std::string& text) {
     return "'" + escaped(text, "'\\") + "'";
 }
 
@@ -14,7 +14,7 @@ std::string inQuotes(const std::string& text) {
 std::string argumentsOf(const Value& value) {
     switch (value.kind) {
         case Value::Kind::OneOf:
-            return " -a " + inQuotes(joined(value.words, " "));
+            return " -a " + fishText(joined(value.words, " "));
         case Value::Kind::Files:
             return " -F";
         case Value::Kind::Users:
@@ -27,7 +27,7 @@ std::string argumentsOf(const Value& value) {
 }
 
 std::string condition(const std::string& command) {
-    return command.empty() ? "" : " -n " + inQuotes("__fish_seen_subcommand_from " + command);
+    return command.empty() ? "" : " -n " + fishText("__fish_seen_subcommand_from " + command);
 }
 
 std::string options(const Table& table, const std::string& name, const Command& command) {
@@ -37,7 +37,7 @@ std::string options(const Table& table, const std::string& name, const Command& 
             if (spelling[1] == 'o' && table.dashes == Dashes::Two) continue;
             text += "complete -c " + table.program + condition(name) + ' ' + spelling + ' ' +
                     option.name + (option.value.kind == Value::Kind::None ? "" : " -r") +
-                    argumentsOf(option.value) + " -d " + inQuotes(option.text) + '\n';
+                    argumentsOf(option.value) + " -d " + fishText(option.text) + '\n';
         }
     }
     return text;
@@ -59,7 +59,7 @@ std::string fishCompletion(const Table& table) {
     std::string text = heading(table, "fish") + "\ncomplete -c " + table.program + " -f\n" +
                        options(table, "", table.top);
     const std::string before =
-        " -n " + inQuotes("not __fish_seen_subcommand_from " + joined(commandNames(table), " "));
+        " -n " + fishText("not __fish_seen_subcommand_from " + joined(commandNames(table), " "));
     for (const Command& command : table.commands) {
         Command own = command;
         std::erase_if(own.options, [&](const Argument& option) {
@@ -67,7 +67,7 @@ std::string fishCompletion(const Table& table) {
             return std::ranges::any_of(table.top.options, isSame);
         });
         text += "complete -c " + table.program + before + " -a " + command.name + " -d " +
-                inQuotes(command.text) + '\n' + options(table, command.name, own) +
+                fishText(command.text) + '\n' + options(table, command.name, own) +
                 positionals(table, command);
     }
     return text;

@@ -13,7 +13,7 @@ std::string safe(const std::string& text) {
     return result;
 }
 
-std::string actionOf(const Value& value) {
+std::string zshAction(const Value& value) {
     const std::string message = ':' + safe(value.name) + ':';
     switch (value.kind) {
         case Value::Kind::None:
@@ -34,14 +34,14 @@ std::string actionOf(const Value& value) {
 std::string arguments(const Table& table, const Command& command) {
     std::string text;
     for (const Argument& option : command.options) {
-        const std::string rest = '[' + safe(option.text) + ']' + actionOf(option.value) + '\'';
+        const std::string rest = '[' + safe(option.text) + ']' + zshAction(option.value) + '\'';
         const char* const equals = option.value.kind == Value::Kind::None ? "" : "=";
         text += " \\\n        '*--" + option.name + equals + rest;
         if (table.dashes == Dashes::Any) text += " \\\n        '*-" + option.name + rest;
     }
     for (const Argument& positional : command.positionals) {
         text += std::string(" \\\n        '") + (positional.value.isList ? "*" : "") +
-                actionOf(positional.value) + '\'';
+                zshAction(positional.value) + '\'';
     }
     return text;
 }
