@@ -83,7 +83,8 @@ class Daemon {
     }
     /// Waits until it has ended by itself; its exit status.
     int waitForEnd() {
-        const int status = process_->wait();
+        int status = successor_ == 0 ? process_->wait() : -1;
+        if (successor_ != 0) waitpid(std::exchange(successor_, 0), &status, 0);
         require(brokenLaw(log()));
         return status;
     }
