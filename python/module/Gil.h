@@ -65,15 +65,15 @@ class WithoutGil {
 /// wait for that loop.
 class InsideCall {
   public:
-    InsideCall() : wasInside_(std::exchange(isInside_, true)) {}
-    ~InsideCall() { isInside_ = wasInside_; }
+    InsideCall() : wasInside_(std::exchange(inside, true)) {}
+    ~InsideCall() { inside = wasInside_; }
     InsideCall(const InsideCall&) = delete;
     InsideCall& operator=(const InsideCall&) = delete;
 
-    static bool isInside() { return isInside_; }
+    static bool isInside() { return inside; }
 
   private:
-    inline static thread_local bool isInside_ = false;
+    inline static thread_local bool inside = false;
     const bool wasInside_;
 };
 

@@ -66,8 +66,8 @@ py::object nextOf(const py::iterator& rows) {
     return py::reinterpret_steal<py::object>(row);
 }
 
-// Sends the rows that the iterator gives, a packet at a time. False when nobody wants more.
-bool sendRows(Reply& reply, const py::iterator& rows) {
+// Sends the rows that the iterator gives, a packet at a time, while somebody wants them.
+void sendRows(Reply& reply, const py::iterator& rows) {
     while (true) {
         std::vector<Record> records;
         while (records.size() < kRowsAtOnce) {
@@ -75,10 +75,10 @@ bool sendRows(Reply& reply, const py::iterator& rows) {
             if (!row) break;
             records.push_back(recordOf(row, "row"));
         }
-        if (records.empty()) return true;
+        if (records.empty()) return;
         const WithoutGil withoutGil;
         for (const Record& record : records) {
-            if (!reply.row(record)) return false;
+            if (!reply.row(record)) return;
         }
     }
 }
@@ -427,7 +427,7 @@ class ServiceHandle final : public OpenThing {
     }
 
     static void requireOutsideChanges(const char* tried) {
-        if (!isChanging_) return;
+        if (!isChanging) return;
         throw Failure(
             Error{Errc::InvalidArgument, "called by a function of commit or read", tried});
     }
@@ -438,18 +438,18 @@ class ServiceHandle final : public OpenThing {
         if (!mayTakeGil()) return false;
         const WithGil gil;
         const InsideCall inside;
-        isChanging_ = true;
+        isChanging = true;
         try {
             py::object given = callPython(function, py::tuple());
             if (result != nullptr) *result = std::move(given);
         } catch (const py::error_already_set& error) {
             raised.emplace(error);
         }
-        isChanging_ = false;
+        isChanging = false;
         return !raised;
     }
 
-    inline static thread_local bool isChanging_ = false;
+    inline static thread_local bool isChanging = false;
 
     std::shared_timed_mutex changing_;  // before the lock of the changes, which ignores signals
     std::shared_ptr<Host> host_;
