@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/Text.h"
+#include "rva/ClientJson.h"
 #include "rva/MessageJson.h"
 
 namespace kvx::rva {
@@ -23,9 +24,7 @@ constexpr std::int64_t kMostTimeoutMs = 600'000;
 // What a client has sent, read key by key; `problem` is the first that was wrong.
 class Body {
   public:
-    explicit Body(const std::string& text) : json_(Json::parse(text, nullptr, false)) {
-        if (!json_.is_object()) fail("the body is no JSON object");
-    }
+    explicit Body(const std::string& text) : json_(readClientJson(text, problem_)) {}
 
     std::string text(const char* key, const std::string& otherwise = {}) {
         if (!json_.is_object() || !json_.contains(key)) return otherwise;
@@ -63,8 +62,8 @@ class Body {
         if (problem_.empty()) problem_ = std::move(problem);
     }
 
-    const Json json_;
     std::string problem_;
+    const Json json_;
 };
 
 // The outermost messages or only one. Returns the error, or an empty text.

@@ -128,6 +128,17 @@ TEST_F(ApiTest, SendsWhatItHearsWithoutLoss) {
         EXPECT_EQ(codeIn(post(port, "/api/send", Json::parse(wrong))), "InvalidArgument") << wrong;
     }
     EXPECT_EQ(codeIn(post(port, "/api/send", "text")), "BadRequest");
+    // Neither walked down to their end nor searched key by key.
+    const std::string deep = std::string(500'000, '[') + std::string(500'000, ']');
+    std::string wide = "{";
+    for (int i = 0; i < 60'000; ++i) wide += fmt::format("{}\"{:x}\":1", i == 0 ? "" : ",", i);
+    for (const std::string& value : {deep, wide + "}", std::string(R"({"a":1,"a":2})")}) {
+        const std::string body =
+            R"({"subject":"A","fields":[{"name":"a","type":"i8","value":)" + value + "}]}";
+        EXPECT_EQ(
+            codeIn(httplib::Client("127.0.0.1", port).Post("/api/send", body, "application/json")),
+            "BadRequest");
+    }
 }
 
 TEST_F(ApiTest, StreamsAnswersOfServicesInEveryForm) {

@@ -123,7 +123,11 @@ TEST_F(HttpServerTest, LetsInOnlyWhoBelongs) {
     EXPECT_EQ(get({bearer(kToken), {"Host", "BUS.example:443"}}), "200");
     EXPECT_EQ(get({bearer(kToken), {"Host", "[::1]:1"}}), "200");
     EXPECT_EQ(get({bearer(kToken), {"Origin", "http://" + own}}), "200");
-    for (const char* host : {"evil.example", "localhost.evil.example", "127.0.0.2", ""}) {
+    EXPECT_EQ(get({bearer(kToken), {"Sec-Fetch-Site", "same-origin"}}), "200");
+    EXPECT_EQ(get({bearer(kToken), {"Sec-Fetch-Site", "cross-site"}}), "403");
+    EXPECT_EQ(statusOf(http.Get("/", {{"Sec-Fetch-Site", "cross-site"}})), "200");
+    for (const char* host :
+         {"evil.example", "localhost.evil.example", "127.0.0.2", "%6cocalhost", ""}) {
         EXPECT_EQ(get({bearer(kToken), {"Host", host}}), "403") << host;
     }
     for (const char* origin :
