@@ -111,6 +111,13 @@ bool Api::isThere(const HttpAnswerPtr& answer) const {
     return false;
 }
 
+// A stream may then wait long for the bus's thread, and an `EventSource` would never try again
+// after an error.
+void Api::tellWhereAway(const HttpAnswerPtr& answer) const {
+    EventSink sink(answer);
+    if (!seen_.isReady() && sink.start()) sink.send(eventText("bus", seen_.connectionJson()));
+}
+
 std::shared_ptr<const void> Api::stream(const HttpRequest& request,
                                         const HttpAnswerPtr& answer) const {
     if (!request.hasChunks) {
@@ -118,7 +125,8 @@ std::shared_ptr<const void> Api::stream(const HttpRequest& request,
         return nullptr;
     }
     auto slot = streams_.take();
-    if (!slot) answer->reply(errorReply(429, "TooMany", "256 streams are open"));
+    slot ? answer->hold(slot)
+         : static_cast<void>(answer->reply(errorReply(429, "TooMany", "256 streams are open")));
     return slot;
 }
 
@@ -137,8 +145,7 @@ void Api::query(const HttpRequest& request, const HttpAnswerPtr& answer) {
         return;
     }
     query.format = known->second;
-    auto slot = stream(request, answer);
-    if (slot && isThere(answer)) queries_.ask(std::move(query), std::move(slot), answer);
+    if (stream(request, answer) && isThere(answer)) queries_.ask(std::move(query), answer);
 }
 
 void Api::send(const HttpRequest& request, const HttpAnswerPtr& answer) {
@@ -178,14 +185,15 @@ void Api::listen(const HttpRequest& request, const HttpAnswerPtr& answer) {
                                  fmt::format("'{}' is no subject", excerpt(subject))));
         return;
     }
-    auto slot = stream(request, answer);
-    if (slot && isThere(answer)) listens_.listen(std::move(subjects), answer, std::move(slot));
+    if (auto slot = stream(request, answer)) {
+        tellWhereAway(answer);
+        listens_.listen(std::move(subjects), answer, std::move(slot));
+    }
 }
 
 void Api::events(const HttpRequest& request, const HttpAnswerPtr& answer) {
-    auto slot = stream(request, answer);
-    // While the bus is away its thread cannot take a page on; a page tries again by itself.
-    if (slot && isThere(answer)) {
+    if (auto slot = stream(request, answer)) {
+        tellWhereAway(answer);
         feed_.join(request.header("last-event-id"), answer, std::move(slot));
     }
 }
