@@ -36,7 +36,11 @@ class HttpHandler {
 /// those whose answer is still being made; a further one closes the oldest.
 class HttpServer {
   public:
-    explicit HttpServer(HttpHandler& handler) : handler_(handler) {}
+    /// For how long a client may take nothing of an answer before it is dropped.
+    static constexpr platform::Milliseconds kStalledMs = 30'000;
+
+    explicit HttpServer(HttpHandler& handler, platform::Milliseconds stalled = kStalledMs)
+        : handler_(handler), stalled_(stalled) {}
     /// Stops first.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
@@ -51,7 +55,8 @@ class HttpServer {
     /// The same with a listening socket.
     [[nodiscard]] bool start(platform::Socket listening);
 
-    /// Stops listening, aborts open connections and waits for the thread.
+    /// Stops listening, waits for the thread, and ends open answers with what their clients take at
+    /// once.
     void stop();
 
     /// Whether the thread still serves. Any thread, between `start` and `stop`.
@@ -104,9 +109,10 @@ class HttpServer {
     bool answer(Connection& connection);
     bool send(Connection& connection);
     bool refill(Connection& connection);
-    static void replyAtOnce(Connection& connection, const HttpReply& reply);
+    void replyAtOnce(Connection& connection, const HttpReply& reply) const;
 
     HttpHandler& handler_;
+    const platform::Milliseconds stalled_;
     std::uint16_t port_ = 0;  // constant once started
     const std::shared_ptr<platform::WakeUp> wakeUp_ = std::make_shared<platform::WakeUp>();
     std::atomic<bool> stopping_{false};
