@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "rva/ClientJson.h"
 #include "rva/HttpPages.h"
 #include "rva/HttpRequest.h"
 #include "rva/MessageJson.h"
@@ -39,7 +40,9 @@ void readRequest(std::string_view bytes) {
 }
 
 void readBody(std::string_view bytes) {
-    const Json json = Json::parse(bytes, nullptr, false);
+    std::string problem;
+    const Json json = readClientJson(bytes, problem);
+    require(json.is_object() == problem.empty());
     Outgoing message;
     if (!readMessage(json, message).empty()) return;
     const char* const reply = message.reply.empty() ? nullptr : message.reply.c_str();

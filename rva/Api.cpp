@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/Text.h"
+#include "rva/ClientJson.h"
 #include "rva/MessageJson.h"
 
 namespace kvx::rva {
@@ -23,9 +24,7 @@ constexpr std::int64_t kMostTimeoutMs = 600'000;
 // What a client has sent, read key by key; `problem` is the first that was wrong.
 class Body {
   public:
-    explicit Body(const std::string& text) : json_(Json::parse(text, nullptr, false)) {
-        if (!json_.is_object()) fail("the body is no JSON object");
-    }
+    explicit Body(const std::string& text) : json_(readClientJson(text, problem_)) {}
 
     std::string text(const char* key, const std::string& otherwise = {}) {
         if (!json_.is_object() || !json_.contains(key)) return otherwise;
@@ -63,8 +62,8 @@ class Body {
         if (problem_.empty()) problem_ = std::move(problem);
     }
 
-    const Json json_;
     std::string problem_;
+    const Json json_;
 };
 
 // The outermost messages or only one. Returns the error, or an empty text.
@@ -112,6 +111,13 @@ bool Api::isThere(const HttpAnswerPtr& answer) const {
     return false;
 }
 
+// A stream may then wait long for the bus's thread, and an `EventSource` would never try again
+// after an error.
+void Api::tellWhereAway(const HttpAnswerPtr& answer) const {
+    EventSink sink(answer);
+    if (!seen_.isReady() && sink.start()) sink.send(eventText("bus", seen_.connectionJson()));
+}
+
 std::shared_ptr<const void> Api::stream(const HttpRequest& request,
                                         const HttpAnswerPtr& answer) const {
     if (!request.hasChunks) {
@@ -119,7 +125,8 @@ std::shared_ptr<const void> Api::stream(const HttpRequest& request,
         return nullptr;
     }
     auto slot = streams_.take();
-    if (!slot) answer->reply(errorReply(429, "TooMany", "256 streams are open"));
+    slot ? answer->hold(slot)
+         : static_cast<void>(answer->reply(errorReply(429, "TooMany", "256 streams are open")));
     return slot;
 }
 
@@ -138,8 +145,7 @@ void Api::query(const HttpRequest& request, const HttpAnswerPtr& answer) {
         return;
     }
     query.format = known->second;
-    auto slot = stream(request, answer);
-    if (slot && isThere(answer)) queries_.ask(std::move(query), std::move(slot), answer);
+    if (stream(request, answer) && isThere(answer)) queries_.ask(std::move(query), answer);
 }
 
 void Api::send(const HttpRequest& request, const HttpAnswerPtr& answer) {
@@ -179,14 +185,15 @@ void Api::listen(const HttpRequest& request, const HttpAnswerPtr& answer) {
                                  fmt::format("'{}' is no subject", excerpt(subject))));
         return;
     }
-    auto slot = stream(request, answer);
-    if (slot && isThere(answer)) listens_.listen(std::move(subjects), answer, std::move(slot));
+    if (auto slot = stream(request, answer)) {
+        tellWhereAway(answer);
+        listens_.listen(std::move(subjects), answer, std::move(slot));
+    }
 }
 
 void Api::events(const HttpRequest& request, const HttpAnswerPtr& answer) {
-    auto slot = stream(request, answer);
-    // While the bus is away its thread cannot take a page on; a page tries again by itself.
-    if (slot && isThere(answer)) {
+    if (auto slot = stream(request, answer)) {
+        tellWhereAway(answer);
         feed_.join(request.header("last-event-id"), answer, std::move(slot));
     }
 }

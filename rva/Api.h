@@ -31,6 +31,7 @@ class Api {
     [[nodiscard]] std::shared_ptr<const void> stream(const HttpRequest& request,
                                                      const HttpAnswerPtr& answer) const;
     [[nodiscard]] bool isThere(const HttpAnswerPtr& answer) const;
+    void tellWhereAway(const HttpAnswerPtr& answer) const;
 
     Observations& seen_;
     Queries& queries_;

@@ -22,6 +22,7 @@ std::string eventText(std::string_view name, std::string_view data, std::string_
 }
 
 bool EventSink::start() {
+    if (answer_->hasStarted()) return answer_->isOpen();
     // Proxies that gather an answer would hold events back.
     return answer_->start({.type = "text/event-stream", .headers = {{"X-Accel-Buffering", "no"}}},
                           lastWords) &&
@@ -47,9 +48,8 @@ void EventSink::tick() {
     answer_->offer(": quiet\n\n");
 }
 
-void EventSink::end(std::string_view code, std::string_view text) {
-    answer_->offer(lastWords(code, text));
-    answer_->finish();
+void EventSink::refuse(int status, std::string_view code, std::string_view text) {
+    if (!answer_->reply(errorReply(status, code, text))) answer_->giveUp(code, text);
 }
 
 }  // namespace kvx::rva

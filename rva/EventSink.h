@@ -20,10 +20,9 @@ inline constexpr unsigned long kEventTickMs = 1000;
 /// A client's stream of server-sent events. Bus thread only, except where stated.
 class EventSink {
   public:
-    /// `slot` is held as long as this object.
-    EventSink(HttpAnswerPtr answer, std::shared_ptr<const void> slot)
-        : answer_(std::move(answer)), slot_(std::move(slot)) {}
+    explicit EventSink(HttpAnswerPtr answer) : answer_(std::move(answer)) {}
 
+    /// Begins the stream, unless another sink of the same answer has. False when it has ended.
     bool start();
     /// Sends the event, or counts it as dropped when the client has no room.
     void send(std::string_view event);
@@ -32,11 +31,8 @@ class EventSink {
     void tick();
     /// Sends the event unless the client has no room.
     bool offer(std::string_view event) { return answer_->offer(event); }
-    /// In place of `start`.
-    void refuse(int status, std::string_view code, std::string_view text) {
-        answer_->reply(errorReply(status, code, text));
-    }
-    void end(std::string_view code, std::string_view text);
+    /// Answers with an error, as the last event of a stream that has begun.
+    void refuse(int status, std::string_view code, std::string_view text);
 
     [[nodiscard]] bool isOpen() const { return answer_->isOpen(); }
 
@@ -44,7 +40,6 @@ class EventSink {
     [[nodiscard]] std::string droppedEvent() const;
 
     const HttpAnswerPtr answer_;
-    const std::shared_ptr<const void> slot_;
     std::uint64_t dropped_ = 0;
     int quietTicks_ = 0;
 };

@@ -48,14 +48,13 @@ Feed::~Feed() = default;
 void Feed::join(std::string lastEventId, const HttpAnswerPtr& answer,
                 std::shared_ptr<const void> slot) {
     answer->expectWithin(kHandOver);
-    auto page =
-        std::make_shared<Page>(Page{std::move(lastEventId), EventSink(answer, std::move(slot))});
+    auto page = std::make_shared<Page>(Page{std::move(lastEventId), EventSink(answer)});
     answer->onGone([this, weak = std::weak_ptr(page)] {
         net_.RRNPost([this, weak] {
             if (const auto gone = weak.lock()) std::erase(pages_, gone);
         });
     });
-    const int status = net_.RRNPost([this, page, answer] {
+    const int status = net_.RRNPost([this, page, answer, slot = std::move(slot)] {
         if (answer->isOpen()) add(page);
     });
     if (status != kOk) answer->reply(errorReply(503, "Ended", "the agent ends"));

@@ -27,7 +27,8 @@ class Feed {
     ~Feed();
 
     /// Streams the events until the client goes: those after `lastEventId` where they are kept,
-    /// else the state and then what changes. Any thread; never waits.
+    /// else the state and then what changes. `slot` bounds how many wait for the bus's thread. Any
+    /// thread; never waits.
     void join(std::string lastEventId, const HttpAnswerPtr& answer,
               std::shared_ptr<const void> slot);
 

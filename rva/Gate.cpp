@@ -3,9 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <random>
 #include <utility>
+
+#include "rva/ClientJson.h"
 
 namespace kvx::rva {
 
@@ -86,7 +87,11 @@ std::optional<HttpReply> Gate::refuseStranger(const HttpRequest& head) const {
     return std::nullopt;
 }
 
-std::optional<HttpReply> Gate::refuseWithoutToken(const HttpRequest& head) const {
+std::optional<HttpReply> Gate::refuseOutsider(const HttpRequest& head) const {
+    const auto site = head.headers.find("sec-fetch-site");
+    if (site != head.headers.end() && site->second != "same-origin" && site->second != "none") {
+        return forbidden("a browser asks on behalf of another site");
+    }
     if (isIn(head)) return std::nullopt;
     auto reply = errorReply(401, "Unauthorized", "a token is needed: Authorization: Bearer TOKEN");
     reply.headers.emplace_back("WWW-Authenticate", "Bearer");
@@ -108,12 +113,12 @@ HttpReply Gate::tell(const HttpRequest& request) const {
 }
 
 HttpReply Gate::login(const HttpRequest& request) const {
-    const auto body = nlohmann::json::parse(request.body, nullptr, false);
-    const auto token = body.is_object() ? body.find("token") : body.end();
-    if (!body.is_object() || token == body.end() || !token->is_string()) {
+    std::string problem;
+    const Json body = readClientJson(request.body, problem);
+    if (!body.contains("token") || !body["token"].is_string()) {
         return errorReply(400, "BadRequest", R"(the body is {"token":"..."})");
     }
-    if (!token_.empty() && !isSameSecret(token->get<std::string>(), token_)) {
+    if (!token_.empty() && !isSameSecret(body["token"].get<std::string>(), token_)) {
         return errorReply(401, "Unauthorized", "this is not the token");
     }
     return withCookie(request, key_, "");

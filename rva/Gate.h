@@ -19,8 +19,9 @@ class Gate {
 
     /// Why a request is not answered, whoever asks; nothing when it is.
     [[nodiscard]] std::optional<HttpReply> refuseStranger(const HttpRequest& head) const;
-    /// The same of one that needs the token.
-    [[nodiscard]] std::optional<HttpReply> refuseWithoutToken(const HttpRequest& head) const;
+    /// The same of what is of the bus: it needs the token, and is not for what a browser asks for
+    /// on behalf of another site, as with `<img>`, which sends no `Origin`.
+    [[nodiscard]] std::optional<HttpReply> refuseOutsider(const HttpRequest& head) const;
 
     /// `GET /api/login`, `POST /api/login` and `POST /api/logout`.
     [[nodiscard]] HttpReply tell(const HttpRequest& request) const;

@@ -104,21 +104,19 @@ bool HttpAnswer::start(const HttpReply& head, LastWords lastWords) {
 
 bool HttpAnswer::offer(std::string_view piece) {
     const std::lock_guard guard(mutex_);
-    if (state_ != State::Streaming || piece.size() > kMostWaiting - waiting_) return false;
+    if (state_ != State::Streaming || waiting_ + piece.size() > kMostWaiting) return false;
     append(piece);
     return true;
 }
 
-bool HttpAnswer::write(std::string_view bytes) {
+bool HttpAnswer::write(std::string_view piece) {
     std::unique_lock lock(mutex_);
-    while (!bytes.empty()) {
-        const auto part = bytes.substr(0, kPart);
-        hasRoom_.wait(lock, [&] { return isEnded() || waiting_ + part.size() <= kMostWaiting; });
-        if (state_ != State::Streaming) return false;
-        append(part);
-        bytes.remove_prefix(part.size());
-    }
-    return state_ == State::Streaming;
+    hasRoom_.wait(lock, [&] {
+        return isEnded() || waiting_ == 0 || waiting_ + piece.size() <= kMostWaiting;
+    });
+    if (state_ != State::Streaming) return false;
+    append(piece);
+    return true;
 }
 
 // Small pieces share a string, as long as the reader would take both at once.
@@ -157,6 +155,11 @@ void HttpAnswer::expectWithin(std::chrono::milliseconds time) {
     const std::lock_guard guard(mutex_);
     if (state_ == State::Waiting) deadline_ = platform::monotonicMs() + time.count();
     wakeUp_->notify();
+}
+
+void HttpAnswer::hold(std::shared_ptr<const void> slot) {
+    const std::lock_guard guard(mutex_);
+    if (state_ != State::Gone) slot_ = std::move(slot);
 }
 
 bool HttpAnswer::isOpen() const {
@@ -203,11 +206,13 @@ void HttpAnswer::goAway() {
     std::unique_lock lock(mutex_);
     pieces_.clear();
     waiting_ = 0;
+    slot_.reset();
     if (!isEnded()) end(State::Gone, lock, false);
 }
 
 void HttpAnswer::abandon() {
-    if (!reply(errorReply(503, "Ended", "the agent ends"))) breakOff();
+    constexpr const char* kText = "the agent ends";
+    if (!reply(errorReply(503, "Ended", kText))) giveUp("Ended", kText);
 }
 
 bool HttpAnswer::giveUp(std::string_view code, std::string_view text) {
@@ -220,8 +225,6 @@ bool HttpAnswer::giveUp(std::string_view code, std::string_view text) {
         end(State::Finished, lock, false);
         return true;
     }
-    pieces_.clear();
-    waiting_ = 0;
     const bool hasWords = static_cast<bool>(lastWords_);
     if (hasWords) append(lastWords_(code, text));
     end(hasWords ? State::Finished : State::Broken, lock, false);

@@ -43,10 +43,10 @@ struct HttpReply {
 ///
 /// Either `reply`, or `start`, pieces, and `finish` or `breakOff`. The filling side is any thread;
 /// what it does after the end has no effect and returns false. A streamed answer ends when the
-/// client goes, by closing its connection or its sending side, or takes nothing for 30 s.
+/// client goes, by closing its connection or its sending side, or takes nothing for too long.
 class HttpAnswer {
   public:
-    /// Bytes that may wait for the client; a piece of more has no room even alone.
+    /// Bytes that may wait for the client, except for one piece of more that is written.
     static constexpr std::size_t kMostWaiting = 1U << 20U;
 
     /// `wakeUp` is the server's; kept alive by the answer.
@@ -67,9 +67,9 @@ class HttpAnswer {
     /// Adds a piece when there is room for it, else does nothing. Never waits.
     bool offer(std::string_view piece);
 
-    /// Waits for room and adds the bytes. False when the answer has ended. Not on the server's
-    /// thread.
-    bool write(std::string_view bytes);
+    /// Waits for room and adds the piece; one that is larger than all room waits for an empty
+    /// answer. False when the answer has ended. Not on the server's thread.
+    bool write(std::string_view piece);
 
     /// The end of a whole answer; what waits is sent first.
     void finish();
@@ -82,6 +82,9 @@ class HttpAnswer {
 
     /// The server answers 504 itself when nothing has come by then. Before the first byte.
     void expectWithin(std::chrono::milliseconds time);
+
+    /// Keeps one of a quota until the server has taken all of the answer, or the client is gone.
+    void hold(std::shared_ptr<const void> slot);
 
     [[nodiscard]] bool isOpen() const;
     [[nodiscard]] bool hasStarted() const;
@@ -96,12 +99,11 @@ class HttpAnswer {
     /// What is to be sent next: at most about 64 KiB in whole pieces, framed.
     [[nodiscard]] Taken take();
     [[nodiscard]] bool hasSome() const;
-    /// The client is not there any more.
+    /// The client is not there any more, or has nothing more to expect.
     void goAway();
     /// Nobody fills it any more: an answer that has not ended says that the agent ends.
     void abandon();
-    /// Ends it for a client that takes nothing, with its last words. False when it has none, or has
-    /// ended.
+    /// Ends it, with its last words after all that waits. False when it has none, or has ended.
     bool giveUp(std::string_view code, std::string_view text);
     [[nodiscard]] std::optional<platform::Milliseconds> deadline() const;
 
@@ -120,6 +122,7 @@ class HttpAnswer {
     std::string head_;
     std::deque<std::string> pieces_;
     std::size_t waiting_ = 0;  // bytes in pieces_
+    std::shared_ptr<const void> slot_;
     LastWords lastWords_;
     std::function<void()> gone_;
     bool isGone_ = false;

@@ -75,7 +75,7 @@ std::optional<HttpReply> HttpPages::check(const HttpRequest& head) const {
     if (auto refusal = gate_.refuseStranger(head)) return refusal;
     const Route* const route = find(head);
     if (route == nullptr || route->whom == For::Insiders) {
-        if (auto refusal = gate_.refuseWithoutToken(head)) return refusal;
+        if (auto refusal = gate_.refuseOutsider(head)) return refusal;
     }
     const auto methods = routes_.find(head.path);
     if (methods == routes_.end()) return errorReply(404, "NotFound", "nothing here");

@@ -1,5 +1,6 @@
 // The library reads heads from memory. It hands them over before its routing, which would match
-// paths as regular expressions and read bodies; what it then answers is dropped.
+// paths as regular expressions and read bodies; what it then answers is dropped. It also takes the
+// values of headers for percent-encoded, which they are not: so they are encoded for it.
 
 #include "rva/HttpRequest.h"
 
@@ -41,6 +42,13 @@ std::string lowered(std::string text) {
     return text;
 }
 
+std::string withHeadersEncoded(std::string_view head) {
+    const auto line = std::min(head.find('\n'), head.size());
+    std::string text(head.substr(0, line));
+    for (const char c : head.substr(line)) c == '%' ? text += "%25" : text += c;
+    return text;
+}
+
 class Reader : private httplib::Server {
   public:
     Reader() {
@@ -58,7 +66,8 @@ class Reader : private httplib::Server {
     }
 
     std::optional<HttpRequest> read(std::string_view head) {
-        MemoryStream stream(head);
+        const std::string text = withHeadersEncoded(head);
+        MemoryStream stream(text);
         bool closed = false;
         read_.reset();
         // No ranges: the library trusts their numbers.

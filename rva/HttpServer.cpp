@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
 #include <span>
 #include <utility>
 #include <vector>
@@ -29,10 +28,8 @@ constexpr std::size_t kMostHead = 16384;
 constexpr std::size_t kMostBody = 1U << 20U;
 constexpr int kAcceptedAtOnce = 16;
 constexpr Milliseconds kRequestMs = 10'000;
-constexpr Milliseconds kStalledMs = 30'000;  // a client that takes nothing
 constexpr Milliseconds kEndingMs = 5'000;
 constexpr Milliseconds kAcceptPauseMs = 10;  // after a failure
-constexpr Milliseconds kNever = std::numeric_limits<Milliseconds>::max();
 constexpr std::string_view kHeadEnd = "\r\n\r\n";
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
@@ -42,9 +39,19 @@ HttpServer::~HttpServer() {
     stop();
 }
 
+void HttpServer::callEvery(Milliseconds interval, std::function<void()> call) {
+    call_ = std::move(call);
+    callInterval_ = interval;
+    callAt_ = platform::monotonicMs();
+}
+
 bool HttpServer::start(platform::Endpoint local) {
     int error = 0;
-    socket_ = platform::listenTcp(local, error);
+    return start(platform::listenTcp(local, error));
+}
+
+bool HttpServer::start(platform::Socket listening) {
+    socket_ = std::move(listening);
     if (!socket_ || !wakeUp_->valid()) return false;
     platform::setNonBlocking(socket_.get(), true);
     const auto bound = platform::localEndpoint(socket_.get());
@@ -63,6 +70,11 @@ void HttpServer::stop() {
     stopping_ = true;
     wakeUp_->notify();
     thread_.join();
+    for (auto& [handle, connection] : connections_) {
+        if (connection.state != Connection::State::Answering) continue;
+        if (connection.answer) connection.answer->abandon();
+        send(connection);
+    }
     while (!connections_.empty()) close(connections_.begin()->first);
     socket_.reset();
 }
@@ -94,11 +106,19 @@ bool HttpServer::step() {
     for (int i = 0; isAsked && i < kAcceptedAtOnce && acceptOne(); ++i) {
     }
     closeOverdue();
+    callWhenDue();
     return true;
 }
 
+void HttpServer::callWhenDue() {
+    const Milliseconds now = platform::monotonicMs();
+    if (now < callAt_) return;
+    callAt_ = now + callInterval_;
+    call_();
+}
+
 Milliseconds HttpServer::timeToFirstDeadline() const {
-    Milliseconds first = kNever;
+    Milliseconds first = callAt_;
     for (const auto& [socket, connection] : connections_) {
         first = std::min(first, connection.deadline);
         if (connection.answer)
@@ -168,9 +188,10 @@ bool HttpServer::overdue(Connection& connection) {
     if (connection.deadline > now) return true;
     const bool isMade = connection.state != Connection::State::Answering || connection.isLast;
     if (isMade || !answer->isOpen()) return false;
-    bus::complain("an HTTP client has taken nothing for 30 s: its stream is ended");
+    const auto what = fmt::format("has taken nothing for {} s", stalled_ / 1000);
+    bus::complain(fmt::format("an HTTP client {}: its stream is ended", what));
     connection.deadline = now + kEndingMs;
-    return answer->giveUp("TooSlow", "this client has taken nothing for 30 s");
+    return answer->giveUp("TooSlow", "this client " + what);
 }
 
 // Serves a connection that is ready, or may have something to send. False at its end.
@@ -262,12 +283,12 @@ bool HttpServer::answer(Connection& connection) {
     return true;
 }
 
-void HttpServer::replyAtOnce(Connection& connection, const HttpReply& reply) {
+void HttpServer::replyAtOnce(Connection& connection, const HttpReply& reply) const {
     connection.state = Connection::State::Answering;
     connection.sending = headOf(reply, false) + (connection.hasNoBody ? "" : reply.body);
     connection.isLast = true;
     connection.received = {};
-    connection.deadline = platform::monotonicMs() + kStalledMs;
+    connection.deadline = platform::monotonicMs() + stalled_;
 }
 
 // Sends what there is. False at the end of the connection.
@@ -279,7 +300,7 @@ bool HttpServer::send(Connection& connection) {
         if (done.error != 0) return done.error == platform::socket_error::kWouldBlock;
         connection.sent += done.bytes;
         if (!connection.isLast || done.bytes != 0) {
-            connection.deadline = platform::monotonicMs() + kStalledMs;
+            connection.deadline = platform::monotonicMs() + stalled_;
         }
         if (connection.isSending() || !connection.isLast) continue;
         if (connection.isBroken) return false;
@@ -299,14 +320,13 @@ bool HttpServer::refill(Connection& connection) {
     auto taken = connection.answer->take();
     connection.sending = std::move(taken.bytes);
     connection.sent = 0;
-    connection.isLast = taken.isWhole || taken.isBroken;
+    connection.isLast = taken.isWhole || taken.isBroken || connection.hasNoBody;
     connection.isBroken = taken.isBroken;
     if (connection.hasNoBody) {
         connection.sending.resize(connection.sending.find(kHeadEnd) + kHeadEnd.size());
-        connection.isLast = true;
-        connection.answer->goAway();
     }
-    connection.deadline = platform::monotonicMs() + kStalledMs;
+    if (connection.isLast) connection.answer->goAway();
+    connection.deadline = platform::monotonicMs() + stalled_;
     return true;
 }
 

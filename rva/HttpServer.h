@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -35,17 +36,27 @@ class HttpHandler {
 /// those whose answer is still being made; a further one closes the oldest.
 class HttpServer {
   public:
-    explicit HttpServer(HttpHandler& handler) : handler_(handler) {}
+    /// For how long a client may take nothing of an answer before it is dropped.
+    static constexpr platform::Milliseconds kStalledMs = 30'000;
+
+    explicit HttpServer(HttpHandler& handler, platform::Milliseconds stalled = kStalledMs)
+        : handler_(handler), stalled_(stalled) {}
     /// Stops first.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
+    /// Has the thread call `call` as soon as it serves, and then at this interval. Before `start`.
+    void callEvery(platform::Milliseconds interval, std::function<void()> call);
+
     /// Starts serving on `local`, port 0 for a free one. False when that cannot be bound. Call it
     /// once.
     [[nodiscard]] bool start(platform::Endpoint local);
+    /// The same with a listening socket.
+    [[nodiscard]] bool start(platform::Socket listening);
 
-    /// Stops listening, aborts open connections and waits for the thread.
+    /// Stops listening, waits for the thread, and ends open answers with what their clients take at
+    /// once.
     void stop();
 
     /// Whether the thread still serves. Any thread, between `start` and `stop`.
@@ -55,6 +66,9 @@ class HttpServer {
     [[nodiscard]] std::uint16_t port() const { return port_; }
 
   private:
+    static constexpr platform::Milliseconds kNever =
+        std::numeric_limits<platform::Milliseconds>::max();
+
     struct Connection {
         enum class State { Head, Body, Answering, Ending };
 
@@ -81,6 +95,7 @@ class HttpServer {
 
     bool step();
     [[nodiscard]] platform::Milliseconds timeToFirstDeadline() const;
+    void callWhenDue();
     bool acceptOne();
     void makeRoom();
     void close(platform::SocketHandle socket);
@@ -94,9 +109,10 @@ class HttpServer {
     bool answer(Connection& connection);
     bool send(Connection& connection);
     bool refill(Connection& connection);
-    static void replyAtOnce(Connection& connection, const HttpReply& reply);
+    void replyAtOnce(Connection& connection, const HttpReply& reply) const;
 
     HttpHandler& handler_;
+    const platform::Milliseconds stalled_;
     std::uint16_t port_ = 0;  // constant once started
     const std::shared_ptr<platform::WakeUp> wakeUp_ = std::make_shared<platform::WakeUp>();
     std::atomic<bool> stopping_{false};
@@ -107,6 +123,9 @@ class HttpServer {
     platform::Socket socket_;
     platform::PollSet sockets_{wakeUp_.get()};
     Connections connections_;
+    std::function<void()> call_;
+    platform::Milliseconds callInterval_ = 0;
+    platform::Milliseconds callAt_ = kNever;
 };
 
 }  // namespace kvx::rva

@@ -7,8 +7,6 @@
 
 namespace kvx::rva {
 
-namespace {}  // namespace
-
 struct Listens::Listener {
     const std::vector<std::string> subjects;
     EventSink sink;
@@ -43,14 +41,13 @@ Listens::~Listens() = default;
 void Listens::listen(std::vector<std::string> subjects, const HttpAnswerPtr& answer,
                      std::shared_ptr<const void> slot) {
     answer->expectWithin(kHandOver);
-    auto listener = std::make_shared<Listener>(
-        Listener{std::move(subjects), EventSink(answer, std::move(slot))});
+    auto listener = std::make_shared<Listener>(Listener{std::move(subjects), EventSink(answer)});
     answer->onGone([this, weak = std::weak_ptr(listener)] {
         net_.RRNPost([this, weak] {
             if (const auto gone = weak.lock()) remove(gone);
         });
     });
-    const int status = net_.RRNPost([this, listener, answer] {
+    const int status = net_.RRNPost([this, listener, answer, slot = std::move(slot)] {
         if (answer->isOpen()) add(listener);
     });
     if (status != kOk) answer->reply(errorReply(503, "Ended", "the agent ends"));
@@ -64,7 +61,9 @@ void Listens::add(const ListenerPtr& listener) {
         return remove(listener);
     }
     if (!listener->sink.start()) return remove(listener);
-    listener->sink.send(eventText("listening", lineOf(Json{{"subjects", listener->subjects}})));
+    Json subjects = Json::array();
+    for (const auto& subject : listener->subjects) subjects.push_back(textJson(subject));
+    listener->sink.send(eventText("listening", lineOf(Json{{"subjects", std::move(subjects)}})));
 }
 
 bool Listens::subscribe(const ListenerPtr& listener, const std::string& subject) {

@@ -20,7 +20,8 @@ class Listens {
     explicit Listens(CVekRvNet& net);
     ~Listens();
 
-    /// Streams the messages on `subjects` until the client goes. Any thread; never waits.
+    /// Streams the messages on `subjects` until the client goes. `slot` bounds how many wait for
+    /// the bus's thread. Any thread; never waits.
     void listen(std::vector<std::string> subjects, const HttpAnswerPtr& answer,
                 std::shared_ptr<const void> slot);
 

@@ -60,12 +60,6 @@ bool isUtf8(std::string_view text) {
     return true;
 }
 
-// A text, told apart when it is not UTF-8.
-Json textJson(std::string_view text) {
-    if (isUtf8(text)) return std::string(text);
-    return {{"base64", toBase64(text)}};
-}
-
 std::optional<Bytes> bytesIn(const Json& json) {
     return json.is_string() ? fromBase64(json.get_ref<const std::string&>()) : std::nullopt;
 }
@@ -522,6 +516,11 @@ std::string readDatum(const Json& json, Outgoing& message) {
 }
 
 }  // namespace
+
+Json textJson(std::string_view text) {
+    if (isUtf8(text)) return std::string(text);
+    return {{"base64", toBase64(text)}};
+}
 
 Json messageJson(const char* subject, const char* reply, const RvDatum& datum) {
     Json object;

@@ -27,6 +27,9 @@ struct Outgoing {
 /// text.
 [[nodiscard]] std::string readMessage(const Json& json, Outgoing& message);
 
+/// A text, or `{"base64"}` when it is not UTF-8.
+[[nodiscard]] Json textJson(std::string_view text);
+
 /// A row as an object, its fields in order.
 [[nodiscard]] Json rowJson(const Record& record);
 

@@ -16,6 +16,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::minutes kMostTime(10);
 constexpr std::chrono::seconds kBeyondTimeout(5);
+constexpr std::size_t kSentAtOnce = 16384;  // bytes for which rows that are ready are kept
 
 std::string totalsJson(const AnswerTotals& totals, std::uint64_t rows, Clock::time_point begin) {
     const std::chrono::duration<double, std::milli> spent = Clock::now() - begin;
@@ -33,21 +34,25 @@ class Writing {
     Writing(const Query& query, HttpAnswer& answer)
         : writer_(makeRowWriter(query)), answer_(answer) {}
 
-    // False when there is nobody to write for, or the row has no place in this form.
-    bool row(const Record& record) {
+    // Keeps the row, to be sent with others, unless `isLastNow`: no further one is ready. False
+    // when there is nobody to write for, or the row has no place in this form.
+    bool row(const Record& record, bool isLastNow) {
         if (!answer_.hasStarted() && !start()) return false;
         const auto text = writer_->row(record);
         if (!text) {
+            send();
             answer_.breakOff();
             return false;
         }
         ++rows_;
-        return answer_.write(*text);
+        kept_ += *text;
+        return (!isLastNow && kept_.size() < kSentAtOnce) || send();
     }
 
     void end(const AnswerTotals& totals) {
         if (!answer_.hasStarted() && !start()) return;
-        answer_.write(writer_->end(totalsJson(totals, rows_, begin_)));
+        kept_ += writer_->end(totalsJson(totals, rows_, begin_));
+        send();
         answer_.finish();
     }
 
@@ -56,39 +61,50 @@ class Writing {
         const std::string body = reply.body;
         if (answer_.reply(std::move(reply))) return;
         const auto last = writer_->error(body);
-        if (!last) return answer_.breakOff();
-        answer_.write(*last);
-        answer_.finish();
+        kept_ += last.value_or("");
+        send();
+        last ? answer_.finish() : answer_.breakOff();
     }
 
     [[nodiscard]] bool isTooLong() const { return Clock::now() - begin_ > kMostTime; }
 
   private:
     bool start() {
-        return answer_.start({.type = writer_->type()}) && answer_.write(writer_->begin());
+        kept_ = writer_->begin();
+        HttpAnswer::LastWords words;
+        if (writer_->error("{}")) {
+            words = [writer = writer_](std::string_view code, std::string_view text) {
+                return writer->error(errorBody(code, text)).value_or("");
+            };
+        }
+        return answer_.start({.type = writer_->type()}, std::move(words));
     }
 
-    const std::unique_ptr<RowWriter> writer_;
+    bool send() {
+        const bool isSent = answer_.write(kept_);
+        kept_.clear();
+        return isSent;
+    }
+
+    const std::shared_ptr<RowWriter> writer_;
     HttpAnswer& answer_;
     const Clock::time_point begin_ = Clock::now();
+    std::string kept_;  // of whole rows, not sent yet
     std::uint64_t rows_ = 0;
 };
 
 }  // namespace
 
 struct Queries::Running {
-    Running(Query asked, HttpAnswerPtr to, std::shared_ptr<const void> ofQueries,
-            std::shared_ptr<const void> ofStreams, RowStream stream)
+    Running(Query asked, HttpAnswerPtr to, std::shared_ptr<const void> ofQueries, RowStream stream)
         : query(std::move(asked)),
           answer(std::move(to)),
           slot(std::move(ofQueries)),
-          openStream(std::move(ofStreams)),
           rows(std::move(stream)) {}
 
     Query query;
     HttpAnswerPtr answer;
     std::shared_ptr<const void> slot;
-    std::shared_ptr<const void> openStream;
     RowStream rows;
     std::thread thread;
     std::atomic<bool> isDone{false};
@@ -98,7 +114,7 @@ Queries::~Queries() {
     end();
 }
 
-void Queries::ask(Query query, std::shared_ptr<const void> stream, const HttpAnswerPtr& answer) {
+void Queries::ask(Query query, const HttpAnswerPtr& answer) {
     removeDone();
     auto slot = quota_.take();
     if (!slot) {
@@ -109,8 +125,8 @@ void Queries::ask(Query query, std::shared_ptr<const void> stream, const HttpAns
     if (isEnding_) return;
     answer->expectWithin(query.timeout + kBeyondTimeout);
     RowStream rows = client_.stream(query.service, query.text, query.timeout);
-    auto running = std::make_shared<Running>(std::move(query), answer, std::move(slot),
-                                             std::move(stream), std::move(rows));
+    auto running =
+        std::make_shared<Running>(std::move(query), answer, std::move(slot), std::move(rows));
     running_.push_back(running);
     running->thread = std::thread([this, running] { run(*running); });
     // The client's end ends the answer, at the service too.
@@ -131,7 +147,7 @@ void Queries::run(Running& running) {
             writing.end(running.rows.totals());
             break;
         }
-        if (!writing.row(**row)) break;
+        if (!writing.row(**row, !running.rows.isReady())) break;
         if (writing.isTooLong()) {
             writing.fail({{Errc::TimedOut, "an answer of more than ten minutes", ""}, {}});
             break;
@@ -139,7 +155,6 @@ void Queries::run(Running& running) {
     }
     running.rows.cancel();
     running.slot.reset();
-    running.openStream.reset();
     running.answer.reset();
     running.isDone = true;
 }

@@ -35,8 +35,8 @@ class Queries {
     Queries(const Queries&) = delete;
     Queries& operator=(const Queries&) = delete;
 
-    /// Streams the answer, and holds `stream` meanwhile. Never waits; 429 when 16 are in progress.
-    void ask(Query query, std::shared_ptr<const void> stream, const HttpAnswerPtr& answer);
+    /// Streams the answer. Never waits; 429 when 16 are in progress.
+    void ask(Query query, const HttpAnswerPtr& answer);
 
     /// Cancels all, waits for their threads, and answers later ones with 503.
     void end();

@@ -44,7 +44,7 @@ class NdJsonWriter : public RowWriter {
         return "{\"row\":" + lineOf(rowJson(record)) + "}\n";
     }
     std::string end(const std::string& totals) override { return "{\"end\":" + totals + "}\n"; }
-    std::optional<std::string> error(const std::string& error) override { return error; }
+    std::optional<std::string> error(const std::string& error) const override { return error; }
 
   private:
     const std::string head_;
@@ -59,7 +59,7 @@ class JsonWriter : public RowWriter {
         return std::exchange(separator_, ",\n") + lineOf(rowJson(record));
     }
     std::string end(const std::string& totals) override { return "\n],\"end\":" + totals + "}\n"; }
-    std::optional<std::string> error(const std::string& error) override {
+    std::optional<std::string> error(const std::string& error) const override {
         return "\n]," + error.substr(1);
     }
 
@@ -92,7 +92,7 @@ class CsvWriter : public RowWriter {
         return text + line(values);
     }
     std::string end(const std::string&) override { return {}; }
-    std::optional<std::string> error(const std::string&) override { return std::nullopt; }
+    std::optional<std::string> error(const std::string&) const override { return std::nullopt; }
 
   private:
     static std::string line(const std::vector<std::string>& values) {

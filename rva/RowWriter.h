@@ -22,8 +22,8 @@ class RowWriter {
     /// After the last row.
     [[nodiscard]] virtual std::string end(const std::string& totals) = 0;
     /// The same of an answer that breaks off, as JSON `{"error":...}`; nothing when this form
-    /// cannot say so.
-    [[nodiscard]] virtual std::optional<std::string> error(const std::string& error) = 0;
+    /// cannot say so. Any thread.
+    [[nodiscard]] virtual std::optional<std::string> error(const std::string& error) const = 0;
 };
 
 [[nodiscard]] std::unique_ptr<RowWriter> makeRowWriter(const Query& query);

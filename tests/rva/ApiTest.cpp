@@ -7,6 +7,7 @@
 #include "rva/MessageJson.h"
 #include "tests/rva/AgentFixture.h"
 #include "tests/rva/Schema.h"
+#include "tests/support/LinkEnd.h"
 
 namespace kvx::test {
 namespace {
@@ -38,6 +39,29 @@ struct ApiTest : AgentFixture {
             return text.find(last) == std::string::npos;
         });
         return text;
+    }
+    // A client that has sent its request and read nothing yet.
+    static LinkEnd requested(int port, const std::string& line, const std::string& body = {}) {
+        LinkEnd link(connectedTo(static_cast<std::uint16_t>(port)));
+        const std::string request = fmt::format(
+            "{} HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n"
+            "Content-Length: {}\r\n\r\n{}",
+            line, body.size(), body);
+        link.send(ByteVector(request.begin(), request.end()));
+        return link;
+    }
+    static std::string statusIn(LinkEnd link) {
+        const auto line = link.read(12);
+        return {line.begin() + 9, line.end()};
+    }
+    static bool readUntil(LinkEnd& link, std::string_view last) {
+        std::string text;
+        while (!text.ends_with(last)) {
+            const auto byte = link.read(1);
+            if (byte.empty()) return false;
+            text += static_cast<char>(byte[0]);
+        }
+        return true;
     }
     void expectSound(const std::string& schema, const Json& value) const {
         EXPECT_EQ(schemas_.problem(schema, value), "") << value.dump().substr(0, 300);
@@ -128,6 +152,17 @@ TEST_F(ApiTest, SendsWhatItHearsWithoutLoss) {
         EXPECT_EQ(codeIn(post(port, "/api/send", Json::parse(wrong))), "InvalidArgument") << wrong;
     }
     EXPECT_EQ(codeIn(post(port, "/api/send", "text")), "BadRequest");
+    // Neither walked down to their end nor searched key by key.
+    const std::string deep = std::string(500'000, '[') + std::string(500'000, ']');
+    std::string wide = "{";
+    for (int i = 0; i < 60'000; ++i) wide += fmt::format("{}\"{:x}\":1", i == 0 ? "" : ",", i);
+    for (const std::string& value : {deep, wide + "}", std::string(R"({"a":1,"a":2})")}) {
+        const std::string body =
+            R"({"subject":"A","fields":[{"name":"a","type":"i8","value":)" + value + "}]}";
+        EXPECT_EQ(
+            codeIn(httplib::Client("127.0.0.1", port).Post("/api/send", body, "application/json")),
+            "BadRequest");
+    }
 }
 
 TEST_F(ApiTest, StreamsAnswersOfServicesInEveryForm) {
@@ -197,24 +232,16 @@ TEST_F(ApiTest, ManyPagesCostOneSubscriptionAndResumeWhereTheyLeft) {
     };
     ASSERT_TRUE(eventually([&] { return listens() >= 0; }));
     const int before = listens();
-    std::atomic<bool> isOver = false;
-    std::atomic<int> heard = 0;
-    std::vector<std::thread> pages;
+    std::vector<LinkEnd> pages;
     for (int i = 0; i < 50; ++i) {
-        pages.emplace_back([&] {
-            bool isFirst = true;
-            httplib::Client("127.0.0.1", port)
-                .Get("/api/listen?subject=SHARED", [&](const char*, std::size_t) {
-                    heard += std::exchange(isFirst, false) ? 1 : 0;
-                    return !isOver;
-                });
-        });
+        pages.push_back(requested(port, "GET /api/listen?subject=SHARED"));
+        pages.push_back(requested(port, "GET /api/events"));
     }
-    EXPECT_TRUE(eventually([&] { return heard == 50; }));
+    for (std::size_t i = 0; i < pages.size(); ++i) {
+        EXPECT_TRUE(readUntil(pages[i], i % 2 == 0 ? "event: listening" : "event: traffic"));
+    }
     EXPECT_TRUE(eventually([&] { return listens() == before + 1; }));
-    isOver = true;
-    post(port, "/api/send", {{"subject", "SHARED"}, {"value", "x"}});
-    for (auto& page : pages) page.join();
+    pages.clear();
     EXPECT_TRUE(eventually([&] { return listens() == before; }));
 
     const auto events = [&](const httplib::Headers& headers) {
@@ -241,6 +268,76 @@ TEST_F(ApiTest, ManyPagesCostOneSubscriptionAndResumeWhereTheyLeft) {
     ASSERT_TRUE(eventually([&] { return get(port, "/readyz").status == 503; }));
     EXPECT_EQ(codeIn(post(port, "/api/send", {{"subject", "A"}, {"value", "x"}})), "Lost");
     EXPECT_EQ(Json::parse(get(port, "/api/bus").body)["connected"], false);
+    // A stream begins although the daemon is away, and hears when it is back.
+    auto early = requested(port, "GET /api/listen?subject=BACK");
+    EXPECT_TRUE(readUntil(early, "\"connected\":false"));
+    bus_.daemon().restart();
+    EXPECT_TRUE(readUntil(early, "event: listening"));
+    ASSERT_TRUE(eventually([&] { return get(port, "/readyz").status == 200; }));
+    EXPECT_EQ(post(port, "/api/send", {{"subject", "BACK"}, {"value", "x"}})->status, 200);
+    EXPECT_TRUE(readUntil(early, "event: message"));
+    agent_->kill(SIGTERM);
+    EXPECT_TRUE(readUntil(early, R"(event: end
+data: {"error":{"code":"Ended")"));
+}
+
+TEST_F(ApiTest, RefusesWhatIsAboveItsLimitsUntilClientsGo) {
+    const int port = start();
+    const Json query = {{"service", "Nobody"}, {"text", "x"}, {"timeout_ms", 600'000}};
+    const Json request = {{"subject", "NOBODY"}, {"value", "x"}, {"timeout_ms", 600'000}};
+    for (const auto& [line, body, most] : {std::tuple("GET /api/listen?subject=A", Json(), 256U),
+                                           std::tuple("POST /api/query", query, 16U),
+                                           std::tuple("POST /api/request", request, 64U)}) {
+        Json brief = body;
+        if (brief.is_object()) brief["timeout_ms"] = 1;
+        const auto isRefused = [&] {
+            return statusIn(requested(port, line, brief.dump())) == "429";
+        };
+        std::vector<LinkEnd> links;
+        while (links.size() + 1 < most) links.push_back(requested(port, line, body.dump()));
+        EXPECT_FALSE(isRefused()) << line;
+        EXPECT_TRUE(eventually([&] {
+            links.push_back(requested(port, line, body.dump()));
+            return isRefused();
+        })) << line;
+        EXPECT_EQ(get(port, "/healthz").status, 200);
+        links.clear();
+        EXPECT_TRUE(eventually([&] { return !isRefused(); })) << line;
+    }
+}
+
+TEST_F(ApiTest, TellsAListenerWhatItWasTooSlowForAndAServiceThatItsClientHasGone) {
+    constexpr int kPosts = 12;
+    constexpr int kMessages = 10;
+    const int port = start();
+    const Json one = {{"subject", "BIG"}, {"value", std::string(90'000, 'x')}};
+    const Json batch = {{"messages", std::vector<Json>(kMessages, one)}};
+    std::string text;
+    int heard = 0;
+    int dropped = 0;
+    httplib::Client("127.0.0.1", port)
+        .Get("/api/listen?subject=BIG", [&](const char* data, std::size_t size) {
+            text.append(data, size);
+            for (auto end = text.find("\n\n"); end != std::string::npos; end = text.find("\n\n")) {
+                const std::string event = text.substr(0, end);
+                text.erase(0, end + 2);
+                for (int i = 0; i < kPosts && event.starts_with("event: listening"); ++i) {
+                    EXPECT_EQ(post(port, "/api/send", batch)->status, 200);
+                }
+                if (event.starts_with("event: message")) ++heard;
+                if (!event.starts_with("event: dropped")) continue;
+                dropped += Json::parse(event.substr(event.find('{')))["messages"].get<int>();
+            }
+            return heard + dropped < kPosts * kMessages;
+        });
+    EXPECT_GT(dropped, 0);
+    EXPECT_EQ(heard + dropped, kPosts * kMessages);
+
+    const auto odd = bus_.start("kvx_odd_service", {"2", "3600"});
+    ASSERT_NE(odd->awaitOutput("active"), "") << odd->errors();
+    const Json endless = {{"service", "Odd"}, {"text", "1000000000"}};
+    EXPECT_EQ(statusIn(requested(port, "POST /api/query", endless.dump())), "200");
+    EXPECT_NE(odd->awaitOutput("unwanted"), "");
 }
 
 }  // namespace

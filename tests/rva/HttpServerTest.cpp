@@ -123,7 +123,11 @@ TEST_F(HttpServerTest, LetsInOnlyWhoBelongs) {
     EXPECT_EQ(get({bearer(kToken), {"Host", "BUS.example:443"}}), "200");
     EXPECT_EQ(get({bearer(kToken), {"Host", "[::1]:1"}}), "200");
     EXPECT_EQ(get({bearer(kToken), {"Origin", "http://" + own}}), "200");
-    for (const char* host : {"evil.example", "localhost.evil.example", "127.0.0.2", ""}) {
+    EXPECT_EQ(get({bearer(kToken), {"Sec-Fetch-Site", "same-origin"}}), "200");
+    EXPECT_EQ(get({bearer(kToken), {"Sec-Fetch-Site", "cross-site"}}), "403");
+    EXPECT_EQ(statusOf(http.Get("/", {{"Sec-Fetch-Site", "cross-site"}})), "200");
+    for (const char* host :
+         {"evil.example", "localhost.evil.example", "127.0.0.2", "%6cocalhost", ""}) {
         EXPECT_EQ(get({bearer(kToken), {"Host", host}}), "403") << host;
     }
     for (const char* origin :
@@ -240,6 +244,29 @@ TEST_F(HttpServerTest, StreamsAsFarAsTheClientTakesItAndSaysHowItEnded) {
     EXPECT_TRUE(serves());
 }
 
+TEST_F(HttpServerTest, TellsAReaderThatTookNothingForTooLongWhyItsStreamEnded) {
+    HttpServer strict(pages, 1000);
+    ASSERT_TRUE(strict.start({platform::kLoopbackAddress, 0}));
+    const std::string get = "GET /kept HTTP/1.1\r\nHost: localhost\r\n\r\n";
+    const auto slot = std::make_shared<int>(1);
+    test::LinkEnd link(test::connectedTo(strict.port()));
+    link.send(test::ByteVector(get.begin(), get.end()));
+    HttpAnswerPtr kept;
+    ASSERT_TRUE(test::eventually([&] {
+        const std::lock_guard guard(mutex);
+        kept = std::exchange(arrived, nullptr);
+        return kept != nullptr;
+    }));
+    kept->hold(slot);
+    while (kept->write(std::string(100'000, 'x'))) {
+    }
+    EXPECT_EQ(slot.use_count(), 2);  // as long as there is something for the client
+    const auto bytes = link.read(16 << 20);
+    EXPECT_TRUE(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size())
+                    .ends_with("TooSlow\r\n0\r\n\r\n"));
+    EXPECT_TRUE(test::eventually([&] { return slot.use_count() == 1; }));
+}
+
 TEST_F(HttpServerTest, DropsAReaderThatTakesNothingAndAnswersForABusThatDoesNot) {
     HttpAnswer answer(std::make_shared<platform::WakeUp>());
     answer.expectWithin(std::chrono::seconds(1));
@@ -253,9 +280,9 @@ TEST_F(HttpServerTest, DropsAReaderThatTakesNothingAndAnswersForABusThatDoesNot)
     while (slow.offer(std::string(10'000, 'x'))) {
     }
     EXPECT_TRUE(slow.giveUp("TooSlow", ""));
-    const auto last = slow.take();
-    EXPECT_TRUE(last.isWhole);
-    EXPECT_TRUE(last.bytes.ends_with("b\r\nbye TooSlow\r\n0\r\n\r\n")) << last.bytes;
+    auto last = slow.take();
+    while (!last.isWhole) last = slow.take();
+    EXPECT_TRUE(last.bytes.ends_with("bye TooSlow\r\n0\r\n\r\n")) << last.bytes.substr(0, 80);
 }
 
 }  // namespace
