@@ -208,10 +208,10 @@ std::optional<Bytes> readPort(const Json& json) {
     return port ? std::optional(imageBytes(__builtin_bswap16(*port))) : std::nullopt;
 }
 
-using Words = std::array<std::uint32_t, 3>;  // high byte of the seconds, low word, microseconds
+using TimeWords = std::array<std::uint32_t, 3>;  // high byte of the seconds, low word, microseconds
 
 Json dateTimeJson(const RvDatum& datum) {
-    const auto words = loadedFrom<Words>(datum);
+    const auto words = loadedFrom<TimeWords>(datum);
     const bool isBefore1970 = words[0] == 255;
     if (words[2] >= 1'000'000 || (words[0] != 0 && !isBefore1970)) return {{"words", words}};
     const auto seconds =
@@ -231,7 +231,7 @@ std::optional<unsigned> digitsAt(std::string_view text, std::size_t begin, std::
 }
 
 // "2026-01-31T12:00:00Z", "2026-01-31T12:00:00.000001Z" and between.
-std::optional<Words> timeIn(const std::string& text) {
+std::optional<TimeWords> timeIn(const std::string& text) {
     constexpr std::string_view kForm = "yyyy-mm-ddThh:mm:ss";
     if (text.size() <= kForm.size()) return std::nullopt;
     for (const std::size_t i : {4U, 7U, 10U, 13U, 16U}) {
@@ -265,14 +265,14 @@ std::optional<Words> timeIn(const std::string& text) {
         *hour * 3'600 + *minute * 60 + *second;
     constexpr std::int64_t kSpan = std::int64_t{1} << 32;
     if (seconds < -kSpan || seconds >= kSpan) return std::nullopt;
-    return Words{seconds < 0 ? 255U : 0U, static_cast<std::uint32_t>(seconds), micros};
+    return TimeWords{seconds < 0 ? 255U : 0U, static_cast<std::uint32_t>(seconds), micros};
 }
 
 std::optional<Bytes> readDateTime(const Json& json) {
-    std::optional<Words> words;
+    std::optional<TimeWords> words;
     if (json.is_string()) words = timeIn(json.get<std::string>());
     if (const Json* const raw = onlyMember(json, "words"); raw != nullptr && raw->is_array()) {
-        words = Words{};
+        words = TimeWords{};
         if (raw->size() != words->size()) return std::nullopt;
         for (std::size_t i = 0; i < words->size(); ++i) {
             const auto word = integerIn<std::uint32_t>((*raw)[i]);
