@@ -14,7 +14,7 @@ endif()
 
 # Headers for users: the umbrellas and what they include, directly or not. All others are internal.
 include(KvxPublicHeaders)
-kvx_public_headers(public_headers foundation/foundation.h rv/rv.h mom/mom.h kvx/kvx.h)
+kvx_public_headers(public_headers ${KVX_UMBRELLAS})
 foreach(header IN LISTS public_headers)
     cmake_path(GET header PARENT_PATH room)
     kvx_header_file(source ${header})
@@ -42,14 +42,19 @@ install(FILES packaging/examples/rvbridge-nats.conf packaging/examples/rvbridge.
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES packaging/man/rvd.1 packaging/man/rvbridge.1 packaging/man/kvx.1 packaging/man/rva.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES packaging/completions/kvx packaging/completions/rva packaging/completions/rvbridge
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES packaging/man/Calvorine.rvd.cfg.5 packaging/man/kvx-recording.5
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
+if(KVX_BUILD_EXAMPLES)
+    install(FILES packaging/man/modeld.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES packaging/man/modeld-csv.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
+endif()
 
 install(FILES packaging/prometheus/kvxmom.rules.yml packaging/prometheus/kvxmom.tests.yml
         DESTINATION ${CMAKE_INSTALL_DATADIR}/kvxmom/prometheus)
 install(FILES packaging/grafana/kvxmom.json DESTINATION ${CMAKE_INSTALL_DATADIR}/kvxmom/grafana)
 
-# The units contain the paths of the installed programs, known only at installation.
+install(FILES packaging/systemd/rvd.socket packaging/systemd/rva.socket DESTINATION lib/systemd/system)
+# The services contain the paths of the installed programs, known only at installation.
 install(CODE "
     set(KVX_UNITS \"${PROJECT_SOURCE_DIR}/packaging/systemd\")
     set(KVX_UNITS_BUILT \"${CMAKE_CURRENT_BINARY_DIR}/systemd\")

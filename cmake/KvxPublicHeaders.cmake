@@ -1,4 +1,7 @@
-# The public headers: those that the umbrellas include, directly or not. Paths are relative to the include roots.
+# The public headers: those that the umbrellas include, directly or not. Paths are relative to the include
+# roots.
+
+set(KVX_UMBRELLAS foundation/foundation.h rv/rv.h mom/mom.h kvx/kvx.h)
 
 # Sets `result` to the file of a header.
 function(kvx_header_file result header)

@@ -38,7 +38,8 @@ bool DescriptorChannel::waitFor(short events, Milliseconds timeout) const noexce
 bool DescriptorChannel::send(std::span<const std::uint8_t> bytes, std::span<const int> descriptors,
                              Milliseconds timeout) {
     iovec piece{const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
-    std::vector<std::uint8_t> control(CMSG_SPACE(descriptors.size_bytes()));
+    std::vector<std::uint8_t> control(descriptors.empty() ? 0
+                                                          : CMSG_SPACE(descriptors.size_bytes()));
     msghdr message{};
     message.msg_iov = &piece;
     message.msg_iovlen = 1;

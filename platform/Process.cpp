@@ -39,6 +39,7 @@ extern "C" {
 
 #include "platform/Descriptor.h"
 #include "platform/File.h"
+#include "platform/Supervisor.h"
 
 namespace kvx::platform {
 
@@ -118,6 +119,7 @@ class SpawnActions {
 struct DaemonPlan {
     const char* file;
     char* const* arguments;
+    char* const* environment;
     const char* directory;  // null keeps the current one
     int input;
     int output;
@@ -141,7 +143,7 @@ void resetSignals() noexcept {
         ::dup2(plan.input, STDIN_FILENO) >= 0 && ::dup2(plan.output, STDOUT_FILENO) >= 0 &&
         ::dup2(plan.output, STDERR_FILENO) >= 0) {
         ::close_range(kFirstOtherDescriptor, UINT_MAX, CLOSE_RANGE_CLOEXEC);
-        ::execv(plan.file, plan.arguments);
+        ::execve(plan.file, plan.arguments, plan.environment);
     }
     reportToStarter(plan, -errno);
     ::_exit(127);
@@ -284,9 +286,10 @@ Started startChild(const Program& program) {
     const std::vector<char*> pointers = argumentPointers(arguments);
     const SpawnAttributes attributes;
     const SpawnActions actions(program.directory, program.inherited);
+    const std::vector<char*> environment = environmentOfChild(program.isSuccessor);
     pid_t pid = 0;
     const int error = ::posix_spawn(&pid, file->c_str(), actions.get(), attributes.get(),
-                                    pointers.data(), environ);
+                                    pointers.data(), environment.data());
     return error == 0 ? Started{static_cast<unsigned long>(pid), 0} : Started{0, error};
 }
 
@@ -295,6 +298,7 @@ Started startDaemon(const Program& program, const std::string& logName) {
     if (!file) return {0, ENOENT};
     std::vector<std::string> arguments = program.arguments;
     const std::vector<char*> pointers = argumentPointers(arguments);
+    const std::vector<char*> environment = environmentOfChild(program.isSuccessor);
     const Descriptor input(aboveStandardStreams(::open(kNullDevice, O_RDONLY | O_CLOEXEC)));
     const Descriptor output(aboveStandardStreams(openDaemonLog(logName)));
     std::array<int, 2> pipe{};
@@ -304,7 +308,8 @@ Started startDaemon(const Program& program, const std::string& logName) {
     Descriptor reading(pipe[0]);
     Descriptor writing(aboveStandardStreams(pipe[1]));
     const char* directory = program.directory.empty() ? nullptr : program.directory.c_str();
-    return launch({file->c_str(), pointers.data(), directory, input.get(), output.get(), -1},
+    return launch({file->c_str(), pointers.data(), environment.data(), directory, input.get(),
+                   output.get(), -1},
                   reading, writing);
 }
 

@@ -27,6 +27,9 @@ struct Program {
     /// Of this process, which the child gets as descriptor `kInherited`; none when negative.
     int inherited = -1;
     static constexpr int kInherited = 3;
+    /// Becomes the supervised service in the place of this process; else it is not told of the
+    /// supervisor.
+    bool isSuccessor = false;
 };
 
 /// The outcome of a start: a process id, or 0 and the system's error number (for example `ENOENT`
@@ -37,8 +40,9 @@ struct Started {
 };
 
 /// Starts `program` as a child of this process; it inherits the standard streams and no other
-/// descriptor, with default signal dispositions and no signal blocked. A failed exec is reported in
-/// the result. The caller ends it with `killAndReap` or fetches its exit status with `reap`.
+/// descriptor, the environment, with default signal dispositions and no signal blocked. A failed
+/// exec is reported in the result. The caller ends it with `killAndReap` or fetches its exit status
+/// with `reap`.
 [[nodiscard]] KVX_API Started startChild(const Program& program);
 
 /// Starts `program` as a daemon: in a session of its own, detached from this process (it never

@@ -1,11 +1,13 @@
 // The main thread is on the bus: it receives beats, advisories and what the daemon answers about
 // itself, and records them in `Observations`. The HTTP thread only reads these, so it goes on
 // answering while the main thread is blocked in an attempt to reconnect, and a scrape asks nothing.
+// For the same reason it is the HTTP thread that gives a supervisor signs of life.
 
 #include "rva/Agent.h"
 
 #include <fmt/format.h>
 
+#include <atomic>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,6 +15,7 @@
 #include <vector>
 
 #include "kvx/Client.h"
+#include "platform/Supervisor.h"
 #include "rva/Api.h"
 #include "rva/Console.h"
 #include "rva/DaemonWatch.h"
@@ -105,6 +108,48 @@ void addPages(HttpPages& pages, Observations& seen) {
     });
 }
 
+// This process as a service that is supervised. Made before there are other threads.
+struct Supervised {
+    // The HTTP thread says that both threads do their work. A lost daemon is no fault of this
+    // process, which need not be started again then: attempts to reconnect may block the main
+    // thread for long.
+    void tellBy(HttpServer& server, const Observations& seen) {
+        if (!aliveEvery) return;
+        server.callEvery(*aliveEvery, [this, &seen] {
+            const Milliseconds sinceTurn = platform::monotonicMs() - turnedAt;
+            const bool turns = sinceTurn <= *aliveEvery + static_cast<Milliseconds>(kWatchMs);
+            if (turns || !seen.isReady()) platform::tellAlive();
+        });
+    }
+    void turn() { turnedAt = platform::monotonicMs(); }
+
+    std::string error;  // in what it was given
+    std::vector<platform::PassedSocket> sockets = platform::takePassedSockets(error);
+    const std::optional<Milliseconds> aliveEvery = platform::aliveInterval();
+    std::atomic<Milliseconds> turnedAt = platform::monotonicMs();  // the main thread's loop
+};
+
+// A socket that was passed counts before all else. Returns an empty text, or the error.
+std::string takePassed(const Supervised& supervised, ListenAddress& address) {
+    if (!supervised.error.empty()) return supervised.error;
+    if (supervised.sockets.empty()) return {};
+    const platform::PassedSocket& passed = supervised.sockets.front();
+    if (supervised.sockets.size() > 1 || !passed.path.empty()) {
+        return "it serves at one TCP socket, and was started with others";
+    }
+    if (address.address != passed.endpoint.address) {
+        address.address = passed.endpoint.address;
+        address.host = platform::dottedAddress(address.address);
+    }
+    address.port = passed.endpoint.port;
+    return {};
+}
+
+bool startServing(HttpServer& server, const ListenAddress& address, Supervised& supervised) {
+    if (supervised.sockets.empty()) return server.start({address.address, address.port});
+    return server.start(platform::Socket(supervised.sockets.front().socket.release()));
+}
+
 // Chooses where to serve: the option, else the configuration file's item, else the default.
 // Returns an empty text, or the error in the item.
 std::string chooseAddress(const Options& options, CVekRvNet& net, ListenAddress& address) {
@@ -116,9 +161,10 @@ std::string chooseAddress(const Options& options, CVekRvNet& net, ListenAddress&
 }
 
 // Where to serve and for whom. Returns an empty text, or the error.
-std::string chooseAccess(const Options& options, CVekRvNet& net, ListenAddress& address,
-                         std::string& token) {
+std::string chooseAccess(const Options& options, CVekRvNet& net, const Supervised& supervised,
+                         ListenAddress& address, std::string& token) {
     if (auto problem = chooseAddress(options, net, address); !problem.empty()) return problem;
+    if (auto problem = takePassed(supervised, address); !problem.empty()) return problem;
     if (!options.tokenFile.empty()) return readToken(options.tokenFile, token);
     if (address.isLoopback()) return {};
     return fmt::format("-listen tcp:{}:{} is not of the loopback only: it needs -token-file FILE",
@@ -134,11 +180,13 @@ Gate gateFor(const Options& options, const ListenAddress& address, std::string t
 }  // namespace
 
 int run(const Options& options) {
+    Supervised supervised;
     bus::Client client(options.connection);
     if (!client.isUp()) return kFailure;
     ListenAddress address;
     std::string token;
-    if (auto problem = chooseAccess(options, client.net(), address, token); !problem.empty()) {
+    if (auto problem = chooseAccess(options, client.net(), supervised, address, token);
+        !problem.empty()) {
         bus::complain(problem);
         return kUsage;
     }
@@ -149,13 +197,15 @@ int run(const Options& options) {
     Feed feed(client.net(), seen);
     Listens listens(client.net());
     client.onDaemonChange([&](bool isThere) {
+        supervised.turn();
         isThere ? seen.gainSession() : seen.loseSession();
         if (daemon) isThere ? daemon->gain() : daemon->lose();
         feed.tellBus();
         listens.tell(eventText("bus", seen.connectionJson()));
     });
     beats::BeatListener beatListener(
-        [&seen](auto packet) { seen.hearPacket(packet, platform::monotonicMs()); });
+        [&seen](auto packet) { seen.hearPacket(packet, platform::monotonicMs()); },
+        [&seen](const auto& beat) { seen.hearMember(beat, platform::monotonicMs()); });
     AdvisoryListener advisories(seen);
     if (!beatListener.listen(client.net()) ||
         client.net().RRNAddExService("_RV.>", &advisories) != kOk) {
@@ -174,12 +224,14 @@ int run(const Options& options) {
     addPages(pages, seen);
     api.addTo(pages);
     HttpServer server(pages);
-    if (!server.start({address.address, address.port})) {
+    supervised.tellBy(server, seen);
+    if (!startServing(server, address, supervised)) {
         bus::complain(
             fmt::format("cannot listen on {}:{}; is the port taken?", address.host, address.port));
         return kFailure;
     }
     const bus::Ticker watch(client.net(), kWatchMs, bus::Ticker::Repeat::Forever, [&] {
+        supervised.turn();
         if (server.isServing()) return;
         bus::complain("the HTTP server has ended");
         client.leave(kFailure);
@@ -197,6 +249,7 @@ int run(const Options& options) {
     const int status = client.runUntilSignal([&] {
         bus::printLine(fmt::format("rva ready on http://{}:{}", address.host, server.port()));
         if (!bus::flushOutput()) client.leave(kFailure);
+        platform::tellReady();
     });
     client.onDaemonChange(nullptr);
     server.stop();

@@ -104,7 +104,8 @@ void Feed::tellServices() {
     for (const auto& service : seen_.services(now)) {
         const auto& beat = service.beat;
         const Key key{beat.service, beat.domain, beat.host, beat.pid};
-        const State state{service.beats, service.overdue(now), beat.hasBeenPrimary};
+        const State state{service.beats, service.overdue(now), service.isSilent(now),
+                          service.isPrimary(), service.member ? service.member->roleSince : -1};
         const auto before = services_.find(key);
         const bool isSame = before != services_.end() && before->second == state;
         if (!isSame) changed.push_back(beats::serviceAsJson(service, now));

@@ -50,7 +50,9 @@ class Feed {
     struct State {
         std::uint64_t beats;
         std::uint64_t overdue;
+        bool isSilent;
         bool isPrimary;
+        Milliseconds roleSince;
         bool operator==(const State&) const = default;
     };
 

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
 #include <span>
 #include <utility>
 #include <vector>
@@ -31,7 +30,6 @@ constexpr int kAcceptedAtOnce = 16;
 constexpr Milliseconds kRequestMs = 10'000;
 constexpr Milliseconds kEndingMs = 5'000;
 constexpr Milliseconds kAcceptPauseMs = 10;  // after a failure
-constexpr Milliseconds kNever = std::numeric_limits<Milliseconds>::max();
 constexpr std::string_view kHeadEnd = "\r\n\r\n";
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
@@ -41,9 +39,19 @@ HttpServer::~HttpServer() {
     stop();
 }
 
+void HttpServer::callEvery(Milliseconds interval, std::function<void()> call) {
+    call_ = std::move(call);
+    callInterval_ = interval;
+    callAt_ = platform::monotonicMs();
+}
+
 bool HttpServer::start(platform::Endpoint local) {
     int error = 0;
-    socket_ = platform::listenTcp(local, error);
+    return start(platform::listenTcp(local, error));
+}
+
+bool HttpServer::start(platform::Socket listening) {
+    socket_ = std::move(listening);
     if (!socket_ || !wakeUp_->valid()) return false;
     platform::setNonBlocking(socket_.get(), true);
     const auto bound = platform::localEndpoint(socket_.get());
@@ -98,11 +106,19 @@ bool HttpServer::step() {
     for (int i = 0; isAsked && i < kAcceptedAtOnce && acceptOne(); ++i) {
     }
     closeOverdue();
+    callWhenDue();
     return true;
 }
 
+void HttpServer::callWhenDue() {
+    const Milliseconds now = platform::monotonicMs();
+    if (now < callAt_) return;
+    callAt_ = now + callInterval_;
+    call_();
+}
+
 Milliseconds HttpServer::timeToFirstDeadline() const {
-    Milliseconds first = kNever;
+    Milliseconds first = callAt_;
     for (const auto& [socket, connection] : connections_) {
         first = std::min(first, connection.deadline);
         if (connection.answer)

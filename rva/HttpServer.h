@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -45,9 +46,14 @@ class HttpServer {
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
+    /// Has the thread call `call` as soon as it serves, and then at this interval. Before `start`.
+    void callEvery(platform::Milliseconds interval, std::function<void()> call);
+
     /// Starts serving on `local`, port 0 for a free one. False when that cannot be bound. Call it
     /// once.
     [[nodiscard]] bool start(platform::Endpoint local);
+    /// The same with a listening socket.
+    [[nodiscard]] bool start(platform::Socket listening);
 
     /// Stops listening, waits for the thread, and ends open answers with what their clients take at
     /// once.
@@ -60,6 +66,9 @@ class HttpServer {
     [[nodiscard]] std::uint16_t port() const { return port_; }
 
   private:
+    static constexpr platform::Milliseconds kNever =
+        std::numeric_limits<platform::Milliseconds>::max();
+
     struct Connection {
         enum class State { Head, Body, Answering, Ending };
 
@@ -86,6 +95,7 @@ class HttpServer {
 
     bool step();
     [[nodiscard]] platform::Milliseconds timeToFirstDeadline() const;
+    void callWhenDue();
     bool acceptOne();
     void makeRoom();
     void close(platform::SocketHandle socket);
@@ -113,6 +123,9 @@ class HttpServer {
     platform::Socket socket_;
     platform::PollSet sockets_{wakeUp_.get()};
     Connections connections_;
+    std::function<void()> call_;
+    platform::Milliseconds callInterval_ = 0;
+    platform::Milliseconds callAt_ = kNever;
 };
 
 }  // namespace kvx::rva

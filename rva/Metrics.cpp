@@ -28,7 +28,7 @@ void collectSilence(const Sample& sample, Samples& samples) {
                      {"domain", beat.domain},
                      {"host", beat.host},
                      {"pid", std::to_string(beat.pid)},
-                     {"role", beats::roleOf(beat)}});
+                     {"role", beats::roleOf(service)}});
     }
 }
 

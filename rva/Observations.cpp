@@ -44,6 +44,11 @@ void Observations::hearPacket(std::span<const unsigned char> packet, Millisecond
     table_.hear(packet, now);
 }
 
+void Observations::hearMember(const beats::MemberBeat& beat, Milliseconds now) {
+    const std::lock_guard guard(mutex_);
+    table_.hear(beat, now, platform::wallMilliseconds());
+}
+
 void Observations::hearAdvisory(std::string_view subject) {
     const std::lock_guard guard(mutex_);
     ++messages_;
@@ -61,6 +66,7 @@ void Observations::loseSession() {
 void Observations::gainSession() {
     const std::lock_guard guard(mutex_);
     ready_ = true;
+    table_.resume(platform::monotonicMs());
     sinceMs_ = platform::wallMilliseconds();
 }
 
@@ -72,7 +78,7 @@ bool Observations::isReady() const {
 std::vector<beats::Service> Observations::services(Milliseconds now) {
     const std::lock_guard guard(mutex_);
     table_.forgetSilent(now);
-    return table_.services();
+    return table_.services(now);
 }
 
 Figures Observations::figures(Milliseconds now) {
@@ -86,7 +92,7 @@ Figures Observations::figures(Milliseconds now) {
             messages_,
             warnings_,
             errors_,
-            quietestOf(table_.services()),
+            quietestOf(table_.services(now)),
             now,
             daemon_};
 }

@@ -41,6 +41,7 @@ class Observations {
         : daemonAddress_(std::move(daemon)), domain_(std::move(domain)) {}
 
     void hearPacket(std::span<const unsigned char> packet, Milliseconds now);
+    void hearMember(const beats::MemberBeat& beat, Milliseconds now);
     void hearAdvisory(std::string_view subject);
 
     /// The session is up from `gainSession` to `loseSession`.

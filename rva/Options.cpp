@@ -1,94 +1,88 @@
-// Options have one dash. The word after an option with a value is always its value, even the daemon
-// "-".
-
 #include "rva/Options.h"
 
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
-#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <fstream>
-#include <map>
-#include <sstream>
 #include <string_view>
+#include <utility>
 
+#include "commandline/Completion.h"
+#include "commandline/Parse.h"
+#include "platform/CommandLine.h"
 #include "rv/rv.h"
 #include "tools/bus/Complain.h"
-#include "tools/bus/Output.h"
 
 namespace kvx::rva {
 
 namespace {
 
-constexpr const char* kUsageText =
-    "usage: rva [-foreground] [-flavor N] [-listen ADDRESS] [-token-file FILE] [-host NAME]...\n"
-    "           [-interval SECONDS] [-domain D] [-service S] [-network N] [-daemon D]\n"
-    "\n"
-    "The bus agent: receives the services' heartbeats and the bus's advisories, asks the daemon\n"
-    "about itself, and serves all that and the bus itself by HTTP: / lists the pages.\n"
-    "\n"
-    "  -foreground  no effect: the agent always stays in the foreground\n"
-    "  -flavor N    the system's flavour identifier; any other is refused\n"
-    "  -listen ADDRESS\n"
-    "               a port of the loopback, 0 for a free one, or tcp:HOST:PORT, which needs a\n"
-    "               token unless it is of the loopback; else the configuration file's \"rva\",\n"
-    "               else 7600\n"
-    "  -token-file FILE\n"
-    "               serve those only who have the token in its first line\n"
-    "  -host NAME   a further name by which clients reach this agent, as through a proxy\n"
-    "  -interval SECONDS\n"
-    "               how often the daemon is asked about itself, up to 3600; 0: never; default: "
-    "10\n"
-    "  -domain D    the domain in which services are asked; default: DEFAULT\n"
-    "  -service, -network, -daemon\n"
-    "               the address of the bus; default: the configuration file\n"
-    "  -help, -version\n";
+constexpr const char* kProgram = "rva";
 
-using Values = std::map<std::string, std::string>;
+struct Texts {
+    std::string flavour = std::to_string(kvx::flavourId);
+    std::string listen;
+    std::string interval;
+    bool foreground = false;
+};
 
-// Reads the values by option, without the dash. Returns an empty text, or the error.
-std::string readValues(int argc, const char* const* argv, Values& values) {
-    static constexpr std::string_view kWithValue[] = {"-flavor",  "-listen",   "-token-file",
-                                                      "-host",    "-interval", "-domain",
-                                                      "-service", "-network",  "-daemon"};
-    static constexpr std::string_view kAlone[] = {"-foreground", "-help", "-version"};
-    const auto isOneOf = [](const auto& options, std::string_view word) {
-        return std::find(std::begin(options), std::end(options), word) != std::end(options);
+// An empty value, as of a variable that is not set, must not count as none: a token would be
+// missed.
+CLI::Validator notEmpty() {
+    return {[](const std::string& text) { return text.empty() ? "an empty value" : std::string(); },
+            ""};
+}
+
+// Of an option given twice the last value counts; of hosts each.
+void describe(CLI::App& app, Texts& texts, Options& options) {
+    const auto add = [&app](const char* name, auto& value, const char* text) {
+        return app.add_option(name, value, text)->take_last();
     };
-    for (int i = 1; i < argc; ++i) {
-        const std::string word = argv[i];
-        if (isOneOf(kAlone, word)) {
-            values[word.substr(1)] = "";
-        } else if (!isOneOf(kWithValue, word)) {
-            return "'" + word + "' is no option";
-        } else if (++i == argc) {
-            return word + " needs a value";
-        } else {
-            // Of hosts each counts.
-            std::string& value = values[word.substr(1)];
-            if (word != "-host") value.clear();
-            if (!value.empty()) value += '\n';
-            value += argv[i];
-        }
+    app.set_version_flag("--version", "rva " KVX_VERSION);
+    app.add_flag("--foreground", texts.foreground,
+                 "No effect: the agent always stays in the foreground");
+    add("--flavor", texts.flavour, "The system's flavour identifier; any other is refused")
+        ->type_name("FLAVOR");
+    add("--listen", texts.listen,
+        "A port of the loopback, 0 for a free one, or tcp:HOST:PORT, which needs a token unless it "
+        "is of the loopback; else the configuration file's \"rva\", else 7600")
+        ->check(notEmpty());
+    add("--token-file", options.tokenFile, "Serve those only who have the token in its first line")
+        ->type_name("FILE")
+        ->check(notEmpty());
+    app.add_option("--host", options.hosts,
+                   "A further name by which clients reach this agent, as through a proxy; may be "
+                   "repeated")
+        ->allow_extra_args(false);
+    add("--interval", texts.interval,
+        "How often the daemon is asked about itself, in seconds up to 3600; 0: never; default: 10")
+        ->check(notEmpty());
+    bus::BusOptions& bus = options.connection;
+    add("--domain", bus.domain, "The domain in which services are asked; default: DEFAULT");
+    add("--service", bus.service, "The address of the bus; default: the configuration file");
+    add("--network", bus.network, "Likewise");
+    add("--daemon", bus.daemon, "Likewise");
+    app.footer(commandline::kDashes);
+    commandline::addCompletion(app, commandline::Dashes::Any,
+                               {{"FLAVOR", {std::to_string(kvx::flavourId)}}});
+}
+
+// The following return an empty text, or the error.
+
+std::string checkParts(const bus::BusOptions& bus) {
+    for (const auto& [option, part] :
+         {std::pair("service", &bus.service), std::pair("network", &bus.network),
+          std::pair("daemon", &bus.daemon), std::pair("domain", &bus.domain)}) {
+        const std::string problem = bus::problemWithPart(*part);
+        if (!problem.empty()) return fmt::format("-{}: {}", option, problem);
     }
     return {};
 }
 
-// Copies the value of an option that names a part of the bus. Returns as `readValues`.
-std::string takePart(const Values& values, const char* option, std::string& part) {
-    const auto found = values.find(option);
-    if (found == values.end()) return {};
-    part = found->second;
-    const std::string problem = bus::problemWithPart(part);
-    return problem.empty() ? problem : fmt::format("-{}: {}", option, problem);
-}
-
-// Returns as `readValues`.
-std::string takeInterval(const Values& values, unsigned& seconds) {
-    const auto found = values.find("interval");
-    if (found == values.end()) return {};
-    const std::string& text = found->second;
+std::string takeInterval(const std::string& text, unsigned& seconds) {
+    if (text.empty()) return {};
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
     const bool isNumber = error == std::errc() && end == text.data() + text.size();
     if (isNumber && seconds <= kMostIntervalSeconds) return {};
@@ -96,31 +90,15 @@ std::string takeInterval(const Values& values, unsigned& seconds) {
                        kMostIntervalSeconds);
 }
 
-std::string evaluate(const Values& values, Options& options) {
-    const auto flavour = values.find("flavor");
-    if (flavour != values.end() && flavour->second != std::to_string(kvx::flavourId)) {
-        return fmt::format("the flavour '{}' is not this system's, which is {}", flavour->second,
+std::string evaluate(const Texts& texts, Options& options) {
+    if (texts.flavour != std::to_string(kvx::flavourId)) {
+        return fmt::format("the flavour '{}' is not this system's, which is {}", texts.flavour,
                            kvx::flavourId);
     }
-    bus::BusOptions& bus = options.connection;
-    for (const auto& [option, part] :
-         {std::pair("service", &bus.service), std::pair("network", &bus.network),
-          std::pair("daemon", &bus.daemon), std::pair("domain", &bus.domain)}) {
-        if (std::string problem = takePart(values, option, *part); !problem.empty()) return problem;
-    }
-    std::string problem = takeInterval(values, options.intervalSeconds);
-    const auto listen = values.find("listen");
+    std::string problem = checkParts(options.connection);
+    if (problem.empty()) problem = takeInterval(texts.interval, options.intervalSeconds);
     if (!problem.empty()) return problem;
-    if (const auto file = values.find("token-file"); file != values.end()) {
-        options.tokenFile = file->second;
-        if (options.tokenFile.empty()) return "-token-file: no file";
-    }
-    if (const auto hosts = values.find("host"); hosts != values.end()) {
-        std::istringstream names(hosts->second);
-        for (std::string name; std::getline(names, name);) options.hosts.push_back(name);
-    }
-    if (listen == values.end()) return {};
-    return parseListen(listen->second, options.listen.emplace());
+    return texts.listen.empty() ? "" : parseListen(texts.listen, options.listen.emplace());
 }
 
 }  // namespace
@@ -157,21 +135,18 @@ std::string readToken(const std::string& file, std::string& token) {
 }
 
 CommandLine parseCommandLine(int argc, const char* const* argv) {
+    CLI::App app(
+        "The bus agent: receives the services' heartbeats and the bus's advisories, asks the "
+        "daemon "
+        "about itself, and serves all that and the bus itself by HTTP: / lists the pages.",
+        kProgram);
+    Texts texts;
     CommandLine result;
-    Values values;
-    std::string problem = readValues(argc, argv, values);
-    if (problem.empty() && values.contains("help")) {
-        bus::print(kUsageText);
-        result.exitStatus = kSuccess;
-    } else if (problem.empty() && values.contains("version")) {
-        bus::printLine("rva " KVX_VERSION);
-        result.exitStatus = kSuccess;
-    } else {
-        if (problem.empty()) problem = evaluate(values, result.options);
-        if (problem.empty()) return result;
-        bus::complain(problem);
-        bus::note(kUsageText);
-        result.exitStatus = kUsage;
+    describe(app, texts, result.options);
+    result.exitStatus = commandline::parse(app, argc, argv);
+    if (result.exitStatus) return result;
+    if (const std::string error = evaluate(texts, result.options); !error.empty()) {
+        result.exitStatus = platform::refuse(kProgram, error + "; see rva --help");
     }
     return result;
 }

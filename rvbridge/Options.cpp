@@ -1,14 +1,15 @@
 #include "rvbridge/Options.h"
 
 #include <CLI/CLI.hpp>
-#include <array>
 #include <charconv>
 #include <cstdio>
 #include <fstream>
 #include <optional>
-#include <sstream>
 #include <utility>
 
+#include "commandline/Completion.h"
+#include "commandline/Parse.h"
+#include "foundation/ErrorCodes.h"
 #include "mom/config/CVekRvdCfgParser.h"
 #include "mom/config/ReadConfiguration.h"
 #include "platform/CommandLine.h"
@@ -35,18 +36,6 @@ struct Texts {
     std::string configuration;
 };
 
-// The other programs of the bus have options with one dash.
-std::vector<std::string> normalised(int argc, const char* const* argv) {
-    std::vector<std::string> reversed;  // the parser takes its arguments from the back
-    for (int i = argc - 1; i > 0; --i) {
-        std::string argument = argv[i];
-        const bool hasOneDash = argument.size() > 2 && argument[0] == '-' && argument[1] != '-';
-        if (hasOneDash) argument.insert(0, 1, '-');
-        reversed.push_back(std::move(argument));
-    }
-    return reversed;
-}
-
 void describe(CLI::App& app, Texts& texts, Options& options) {
     app.set_version_flag("--version", std::string("rvbridge ") + KVX_VERSION);
     app.add_option("--engine", texts.engines, "NATS servers: nats://host:port, comma separated")
@@ -67,16 +56,23 @@ void describe(CLI::App& app, Texts& texts, Options& options) {
         ->allow_extra_args(false);
     app.add_option("--import", texts.imports, "Only messages on this subject come to this host")
         ->allow_extra_args(false);
-    app.add_option("--credentials", options.engine.credentials, "NATS's own file of credentials");
-    app.add_option("--ca", options.engine.ca, "File of the certificates to trust");
+    app.add_option("--credentials", options.engine.credentials, "NATS's own file of credentials")
+        ->type_name("FILE");
+    app.add_option("--ca", options.engine.ca, "File of the certificates to trust")
+        ->type_name("FILE");
     CLI::Option* const certificate =
-        app.add_option("--cert", options.engine.certificate, "File of this bridge's certificate");
-    CLI::Option* const key =
-        app.add_option("--key", options.engine.key, "File of its key")->needs(certificate);
+        app.add_option("--cert", options.engine.certificate, "File of this bridge's certificate")
+            ->type_name("FILE");
+    CLI::Option* const key = app.add_option("--key", options.engine.key, "File of its key")
+                                 ->needs(certificate)
+                                 ->type_name("FILE");
     certificate->needs(key);
     app.add_option("--config", texts.configuration,
-                   "The daemon configuration file; default: $KVX_HOME's");
+                   "The daemon configuration file; default: $KVX_HOME's")
+        ->type_name("FILE");
     app.add_flag("-v,--verbose", options.isVerbose, "Log every subject that comes and goes");
+    app.footer(commandline::kDashes);
+    commandline::addCompletion(app, commandline::Dashes::Any);
 }
 
 // nats://[user:password@]host[:port]
@@ -178,11 +174,10 @@ std::string takeAddress(const Texts& texts, Options& options) {
         fill(address.daemon, found.daemon);
     } else {
         std::string name = texts.configuration;
-        if (parser.RRCPParseFromFilename(name.data()) != 0) {
-            const char* const why = parser.RRCPGetError();
-            const bool isSaid = why != nullptr && *why != '\0';
-            return "-config: " + name + ": " + (isSaid ? why : "cannot be read");
-        }
+        const int result = parser.RRCPParseFromFilename(name.data());
+        const std::string why = parser.RRCPGetError();
+        if (!why.empty()) return "-config: " + why;
+        if (result != kOk) return "-config: " + name + ": cannot be read";
         const auto textOf = [](CVekAtom* atom) {
             return atom == nullptr ? nullptr : atom->RAString();
         };
@@ -228,17 +223,8 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
     Texts texts;
     CommandLine result;
     describe(app, texts, result.options);
-    try {
-        app.parse(normalised(argc, argv));
-    } catch (const CLI::ParseError& error) {
-        std::ostringstream out;
-        std::ostringstream ignored;
-        const bool isAsked = app.exit(error, out, ignored) == 0;
-        result.exitStatus = isAsked ? platform::answer(kProgram, out.str())
-                                    : platform::refuse(kProgram, withoutSecrets(error.what()) +
-                                                                     "; see rvbridge --help");
-        return result;
-    }
+    result.exitStatus = commandline::parse(app, argc, argv, withoutSecrets);
+    if (result.exitStatus) return result;
     if (const std::string error = evaluate(texts, result.options); !error.empty()) {
         result.exitStatus = platform::refuse(kProgram, error);
     }

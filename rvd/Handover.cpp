@@ -23,9 +23,8 @@
 
 #include "platform/Memory.h"
 #include "platform/Process.h"
-#include "platform/Signals.h"
+#include "platform/Supervisor.h"
 #include "rvd/Server.h"
-#include "rvd/Supervisor.h"
 #include "rvd/Version.h"
 
 namespace kvx::rvd {
@@ -123,6 +122,7 @@ void Server::replace() {
                       " bytes that it holds");
     }
     platform::Program program = options_.program;
+    program.isSuccessor = true;
     program.arguments.emplace_back(kTakeOver);
     program.arguments.push_back(std::to_string(platform::Program::kInherited));
     if (const std::string error = successor_->start(std::move(program)); !error.empty()) {
@@ -163,7 +163,6 @@ void Server::keepOn(std::string_view reason) noexcept {
     }
     hearNoMore();
     successor_.reset();
-    platform::unblockSignals(handledSignals());
     if (!std::exchange(isPaused_, false)) return;
     for (auto& [number, connection] : connections_) connection->resume();
     batch_.end();
@@ -180,7 +179,7 @@ bool Server::isQuiet() const {
 }
 
 void Server::handOver() {
-    platform::blockSignals(handledSignals());
+    if (aliveEvery_) platform::tellAlive();  // for the time that the loop stands still
     const platform::Descriptor file = platform::MemoryFile::create();
     StateWriter state(file.get());
     std::vector<int> descriptors;
@@ -191,14 +190,14 @@ void Server::handOver() {
     const unsigned long pid = successor_->pid();
     log_.info("replaced by process " + std::to_string(pid) + ", version " + successor_->version() +
               ", which has " + std::to_string(connections_.size()) + " connections");
-    tellServing(pid);
+    platform::tellServing(pid);
     if (successor_->go()) {
-        while (const int signal = platform::awaitSignal(handledSignals(), 0)) {
+        while (const int signal = signals_.next()) {
             platform::sendSignal(pid, signal);
         }
         platform::exitNow(0);
     }
-    tellServing(platform::processId());
+    platform::tellServing(platform::processId());
     keepOn("it has ended");
 }
 
@@ -218,6 +217,7 @@ void Server::save(StateWriter& state, std::vector<int>& descriptors) {
         state.text(listener->address().path);
         state.number(listener->address().endpoint.address);
         state.number(listener->address().endpoint.port);
+        state.boolean(listener->address().isPassed);
         descriptors.push_back(listener->socket().descriptor());
     }
     state.number(connections_.size());
@@ -231,9 +231,12 @@ void Server::save(StateWriter& state, std::vector<int>& descriptors) {
 }
 
 bool Server::takeOver(int descriptor) {
-    platform::blockSignals(handledSignals());
     Predecessor predecessor(descriptor);
     std::string error = predecessor.takeOver(version());
+    if (error.empty() && signals_.descriptor() < 0) {
+        error = "no descriptor to read signals from";
+        predecessor.refuse(error);
+    }
     if (error.empty()) {
         try {
             const platform::MemoryFile file(predecessor.state());
@@ -279,6 +282,7 @@ void Server::restore(StateReader& state, Predecessor& predecessor) {
         address.path = state.text();
         state.into(address.endpoint.address);
         state.into(address.endpoint.port);
+        address.isPassed = state.boolean();
         addListener(address).adopt(predecessor.next());
     }
     for (std::uint64_t left = state.number(); left > 0; --left) {

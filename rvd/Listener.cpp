@@ -1,5 +1,6 @@
 #include "rvd/Listener.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "rvd/State.h"
@@ -39,7 +40,7 @@ std::string Listener::listen() {
 
 void Listener::adopt(platform::Descriptor socket) {
     if (!socket_.adopt(std::move(socket))) throw StateError("a listening socket is of no use");
-    if (address_.isUnix()) file_ = platform::SocketFile(address_.path);
+    if (address_.isUnix() && !address_.isPassed) file_ = platform::SocketFile(address_.path);
 }
 
 int Listener::bindTcp() {
@@ -70,6 +71,27 @@ std::string Listener::text() const {
 void Listener::close() {
     file_.remove();
     if (uv_is_closing(socket_.handle()) == 0) uv_close(socket_.handle(), nullptr);
+}
+
+std::vector<BoundAddress> placesToListen(const std::vector<ListenAddress>& addresses,
+                                         std::vector<platform::PassedSocket> passed) {
+    std::vector<BoundAddress> places;
+    for (const ListenAddress& address : addresses) places.push_back({address, {}});
+    for (platform::PassedSocket& one : passed) {
+        const auto find = [&](bool isSame) {
+            return std::ranges::find_if(places, [&](const BoundAddress& place) {
+                const ListenAddress& address = place.address;
+                if (address.isPassed || address.isUnix() != !one.path.empty()) return false;
+                return !isSame || (address.isUnix() ? address.path == one.path
+                                                    : address.endpoint == one.endpoint);
+            });
+        };
+        auto place = find(true);
+        if (place == places.end()) place = find(false);
+        if (place == places.end()) place = places.insert(place, BoundAddress());
+        *place = {{one.endpoint, std::move(one.path), true}, std::move(one.socket)};
+    }
+    return places;
 }
 
 }  // namespace kvx::rvd

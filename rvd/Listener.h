@@ -2,7 +2,10 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
+#include "platform/Descriptor.h"
+#include "platform/Supervisor.h"
 #include "platform/UnixSocket.h"
 #include "rvd/Options.h"
 #include "rvd/StreamSocket.h"
@@ -23,7 +26,8 @@ class Listener {
 
     /// Binds and listens. Returns an empty text, or why that is impossible.
     [[nodiscard]] std::string open();
-    /// Adopts a socket that is bound already, or throws `StateError`; `listen` comes later.
+    /// Adopts a socket that is bound already, or throws `StateError`; `listen` comes later. It
+    /// removes its file unless that is passed.
     void adopt(platform::Descriptor socket);
     [[nodiscard]] std::string listen();
     /// As in `-listen`, such as "tcp:127.0.0.1:41233" or "unix:/path"; the real port once open.
@@ -47,5 +51,16 @@ class Listener {
     StreamSocket socket_;
     platform::SocketFile file_;
 };
+
+/// An address, and the socket that is bound there; without one it is to be bound.
+struct BoundAddress {
+    ListenAddress address;
+    platform::Descriptor socket;
+};
+
+/// Where to listen: each of the passed sockets takes the place of the same address, else of the
+/// first one of its kind, else it comes besides.
+[[nodiscard]] std::vector<BoundAddress> placesToListen(const std::vector<ListenAddress>& addresses,
+                                                       std::vector<platform::PassedSocket> passed);
 
 }  // namespace kvx::rvd

@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <cstdio>
 #include <filesystem>
@@ -11,6 +10,8 @@
 #include <sstream>
 #include <vector>
 
+#include "commandline/Completion.h"
+#include "commandline/Parse.h"
 #include "platform/CommandLine.h"
 #include "platform/Process.h"
 #include "platform/Socket.h"
@@ -28,23 +29,6 @@ constexpr const char* kProgram = "rvd";
 constexpr const char* kHalf = "half";
 constexpr std::uint64_t kLeastRecorder = 64U << 10U;  // bytes
 constexpr std::uint64_t kLeastKept = 8;               // messages, however long
-
-// Options with one dash, which the library uses when it starts a daemon.
-constexpr std::array<std::string_view, 10> kOneDash = {
-    "-listen",      "-address", "-allow",    "-allow-user",    "-status-for",
-    "-queue-limit", "-memory",  "-recorder", "-recorder-file", "-recorder-bytes"};
-
-std::vector<std::string> normalised(int argc, const char* const* argv) {
-    std::vector<std::string> reversed;  // the parser takes its arguments from the back
-    for (int i = argc - 1; i > 0; --i) {
-        std::string argument = argv[i];
-        for (const auto option : kOneDash) {
-            if (argument == option) argument.insert(0, 1, '-');
-        }
-        reversed.push_back(std::move(argument));
-    }
-    return reversed;
-}
 
 // A decimal number and nothing else.
 template <class Number>
@@ -95,45 +79,48 @@ void describe(CLI::App& app, Texts& texts) {
     app.set_version_flag("--version", std::string(kProgram) + ' ' + version());
     app.add_option("--listen", texts.listen,
                    "Where to accept, once for each address: tcp:[host:]port, 127.0.0.1 without a "
-                   "host, a free port for 0; or unix:/path (also spelled -listen)")
+                   "host, a free port for 0; or unix:/path")
         ->allow_extra_args(false)
         ->capture_default_str();
     app.add_option("--allow", texts.networks,
                    "Who may use TCP, once for each network: a.b.c.d or a.b.c.d/n; everybody unless "
-                   "given (also -allow)")
+                   "given")
         ->allow_extra_args(false);
     app.add_option("--allow-user", texts.users,
                    "Who may use unix sockets, once for each user: a name or an id; every local "
-                   "user unless given (also -allow-user)")
+                   "user unless given")
+        ->type_name("USER")
         ->allow_extra_args(false);
     app.add_option("--status-for", texts.statusFor,
                    "Which other hosts may ask how the daemon is and who is on it, once for each "
-                   "network: a.b.c.d or a.b.c.d/n; none unless given (also -status-for)")
+                   "network: a.b.c.d or a.b.c.d/n; none unless given")
         ->allow_extra_args(false);
     app.add_option("--address", texts.address,
-                   "IPv4 address reported to local clients as this host's (also -address)");
+                   "IPv4 address reported to local clients as this host's");
     app.add_option("--queue-limit", texts.queueLimit,
-                   "Limit of the queue of one session in bytes, with k, M or G (also -queue-limit)")
+                   "Limit of the queue of one session in bytes, with k, M or G")
         ->capture_default_str();
     app.add_option("--memory", texts.memory,
                    "Limit of the memory held for all sessions in bytes, with k, M or G, or half of "
-                   "what this process may use (also -memory)")
+                   "what this process may use")
         ->capture_default_str();
     app.add_option(
         "--recorder", texts.recorder,
         "Keep the last messages in a file of so many bytes, with k, M or G, that outlives "
-        "a crash (also -recorder)");
+        "a crash");
     app.add_option("--recorder-file", texts.recorderFile,
-                   "That file; in /dev/shm, named after user and address, unless given (also "
-                   "-recorder-file)");
+                   "That file; in /dev/shm, named after user and address, unless given")
+        ->type_name("FILE");
     app.add_option("--recorder-bytes", texts.recorderBytes,
                    "How many bytes are kept of each message, with k, M or G, at most an eighth of "
-                   "the recording (also -recorder-bytes)")
+                   "the recording")
         ->capture_default_str();
     app.add_flag("-v,--verbose", texts.verbose, "Log every connection");
     app.add_flag("-q,--quiet", texts.quiet, "Log errors only");
     app.add_option(kTakeOver, texts.takeOver)->group("");  // by the daemon that is replaced
     app.add_flag("--counters", texts.counters, "Print the daemon's counters, and end");
+    app.footer(commandline::kDashes);
+    commandline::addCompletion(app, commandline::Dashes::Any);
 }
 
 std::optional<std::uint32_t> parseUser(const std::string& text) {
@@ -284,17 +271,8 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
     CommandLine result;
     describe(app, texts);
     result.options.program = programOf(argc, argv);
-    try {
-        app.parse(normalised(argc, argv));
-    } catch (const CLI::ParseError& error) {
-        std::ostringstream out;
-        std::ostringstream ignored;
-        const bool isAsked = app.exit(error, out, ignored) == 0;
-        result.exitStatus =
-            isAsked ? platform::answer(kProgram, out.str())
-                    : platform::refuse(kProgram, error.what() + std::string("; see rvd --help"));
-        return result;
-    }
+    result.exitStatus = commandline::parse(app, argc, argv);
+    if (result.exitStatus) return result;
     if (texts.counters) {
         std::ostringstream table;
         printCounterTable(table);

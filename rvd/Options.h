@@ -22,6 +22,7 @@ inline constexpr const char* kTakeOver = "--take-over";
 struct ListenAddress {
     platform::Endpoint endpoint{platform::kLoopbackAddress, 0};  ///< port 0 takes a free one
     std::string path{};                                          ///< of a unix socket, else empty
+    bool isPassed = false;  ///< bound by the supervisor, whose file a unix socket is
 
     [[nodiscard]] bool isUnix() const { return !path.empty(); }
 };

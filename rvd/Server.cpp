@@ -91,14 +91,10 @@ Server::Server(const Options& options, platform::Log log)
                [this](Connection& connection) { forget(connection); }} {
     uv_loop_init(&loop_);
     uv_timer_init(&loop_, &tick_);
+    uv_timer_init(&loop_, &alive_);
     uv_prepare_init(&loop_, &turn_);
     uv_idle_init(&loop_, &goOn_);
-    uv_signal_init(&loop_, &terminate_);
-    uv_signal_init(&loop_, &interrupt_);
-    uv_signal_init(&loop_, &report_);
-    uv_signal_init(&loop_, &replace_);
-    tick_.data = turn_.data = goOn_.data = terminate_.data = interrupt_.data = report_.data =
-        replace_.data = this;
+    tick_.data = turn_.data = goOn_.data = this;
 }
 
 Server::~Server() {
@@ -108,10 +104,12 @@ Server::~Server() {
     uv_loop_close(&loop_);
 }
 
-bool Server::listen() {
-    for (const ListenAddress& address : options_.listen) {
-        Listener& made = addListener(address);
-        if (const std::string error = made.open(); !error.empty()) {
+bool Server::listen(std::vector<platform::PassedSocket> passed) {
+    for (BoundAddress& place : placesToListen(options_.listen, std::move(passed))) {
+        Listener& made = addListener(place.address);
+        if (place.socket) made.adopt(std::move(place.socket));
+        const std::string error = place.address.isPassed ? made.listen() : made.open();
+        if (!error.empty()) {
             log_.error("cannot listen on " + made.text() + ": " + error);
             return false;
         }
@@ -139,8 +137,12 @@ bool Server::startRecording(std::optional<Recorder::Place> place) {
     return recorder_ != nullptr;
 }
 
-bool Server::start() {
-    if (!listen() || !startRecording(std::nullopt)) return false;
+bool Server::start(std::vector<platform::PassedSocket> passed) {
+    if (signals_.descriptor() < 0) {
+        log_.error("no descriptor to read signals from");
+        return false;
+    }
+    if (!listen(std::move(passed)) || !startRecording(std::nullopt)) return false;
     bornAt_ = now();
     begin();
     log_.info("listening on " + address_ + ", " + std::to_string(options_.queueLimit) +
@@ -153,7 +155,6 @@ std::array<int, 4> Server::handledSignals() {
     return {number::terminate(), number::interrupt(), number::user1(), number::user2()};
 }
 
-// From here on signals are handled; a daemon that takes over has blocked them until now.
 void Server::begin() {
     for (const auto& listener : listeners_) {
         address_ += (address_.empty() ? "" : " ") + listener->text();
@@ -163,18 +164,28 @@ void Server::begin() {
     const std::size_t descriptors = platform::raiseDescriptorLimit() + open_;
     mostOpen_ = descriptors > kSpareDescriptors ? descriptors - kSpareDescriptors : 1;
     startTick(kTickMs);
+    if (aliveEvery_) {
+        const auto tell = [](uv_timer_t*) { platform::tellAlive(); };
+        uv_timer_start(&alive_, tell, 0, static_cast<std::uint64_t>(*aliveEvery_));
+    }
     uv_prepare_start(&turn_, [](uv_prepare_t* turn) { serverOf(turn->data)->onTurn(); });
-    const auto onSignal = [](uv_signal_t* handle, int) { serverOf(handle->data)->stop(); };
-    uv_signal_start(&terminate_, onSignal, platform::signal_number::terminate());
-    uv_signal_start(
-        &report_, [](uv_signal_t* handle, int) { serverOf(handle->data)->logCounters(); },
-        platform::signal_number::user1());
-    uv_signal_start(&interrupt_, onSignal, platform::signal_number::interrupt());
-    uv_signal_start(
-        &replace_,
-        [](uv_signal_t* handle, int) { serverOf(handle->data)->tryTo(&Server::replace); },
-        platform::signal_number::user2());
-    platform::unblockSignals(handledSignals());
+    uv_poll_init(&loop_, &signalled_, signals_.descriptor());
+    signalled_.data = this;
+    uv_poll_start(&signalled_, UV_READABLE,
+                  [](uv_poll_t* poll, int, int) { serverOf(poll->data)->onSignals(); });
+}
+
+void Server::onSignals() {
+    namespace number = platform::signal_number;
+    while (const int signal = signals_.next()) {
+        if (signal == number::user1()) {
+            logCounters();
+        } else if (signal == number::user2()) {
+            tryTo(&Server::replace);
+        } else {
+            stop();
+        }
+    }
 }
 
 void Server::startTick(std::uint64_t firstMs) {
@@ -396,18 +407,13 @@ void Server::closeListeners() {
     for (const auto& listener : listeners_) listener->close();
 }
 
-// Closing the handles makes libuv restore the default signal handling; a second signal before the
-// exit must not change the exit status.
 void Server::closeHandles() {
-    platform::blockSignals(handledSignals());
     closeListeners();
     closeHandle(tick_);
+    closeHandle(alive_);
     closeHandle(turn_);
     closeHandle(goOn_);
-    closeHandle(terminate_);
-    closeHandle(interrupt_);
-    closeHandle(report_);
-    closeHandle(replace_);
+    if (signalled_.data != nullptr) closeHandle(signalled_);
     hearNoMore();
 }
 

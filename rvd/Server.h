@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "platform/Log.h"
+#include "platform/SignalDescriptor.h"
+#include "platform/Supervisor.h"
 #include "rvd/Batch.h"
 #include "rvd/BusySubjects.h"
 #include "rvd/Connection.h"
@@ -39,8 +41,9 @@ class Server : private Observed {
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    /// Binds and listens. False, with a line in the log, when that fails for any address.
-    [[nodiscard]] bool start();
+    /// Listens, at the sockets that the supervisor has passed and at those that it binds itself.
+    /// False, with a line in the log, when that fails for any address.
+    [[nodiscard]] bool start(std::vector<platform::PassedSocket> passed = {});
     /// The same in the place of another daemon, to which `descriptor` leads.
     [[nodiscard]] bool takeOver(int descriptor);
     /// The listening addresses, such as "tcp:127.0.0.1:41233 unix:/path", once started.
@@ -62,10 +65,11 @@ class Server : private Observed {
     [[nodiscard]] std::optional<SessionFacts> sessionAfter(std::uint64_t number) const override;
 
     [[nodiscard]] static std::array<int, 4> handledSignals();
-    [[nodiscard]] bool listen();
+    [[nodiscard]] bool listen(std::vector<platform::PassedSocket> passed);
     Listener& addListener(const ListenAddress& address);
     Connection& addConnection(std::uint64_t number);
     void begin();
+    void onSignals();
     // Being replaced, and taking over: see Handover.cpp.
     void replace();
     void onHello();
@@ -105,14 +109,15 @@ class Server : private Observed {
     const SparePayloads spares_;  // ends last
     const Options options_;
     platform::Log log_;
+    const std::optional<platform::Milliseconds> aliveEvery_ = platform::aliveInterval();
 
     uv_loop_t loop_{};
     uv_timer_t tick_{};
     uv_prepare_t turn_{};  // before the loop waits
     uv_idle_t goOn_{};     // it does not wait: somebody is in the line
-    uv_signal_t terminate_{};
-    uv_signal_t interrupt_{};
-    uv_signal_t report_{};
+    uv_timer_t alive_{};
+    const platform::SignalDescriptor signals_{handledSignals()};
+    uv_poll_t signalled_{};
     std::vector<std::unique_ptr<Listener>> listeners_;
     std::string address_;
     Counters counters_;
@@ -141,9 +146,8 @@ class Server : private Observed {
     std::int64_t startedAt_ = platform::wallMilliseconds();
     platform::Milliseconds bornAt_ = 0;
     platform::Milliseconds tickedAt_ = 0;
-    Counters before_;  // at the last tick
-    Counters rates_;   // what they grew by in the second before that
-    uv_signal_t replace_{};
+    Counters before_;             // at the last tick
+    Counters rates_;              // what they grew by in the second before that
     uv_poll_t* hello_ = nullptr;  // watches for what the successor says first
     std::optional<Successor> successor_;
     platform::Milliseconds replaceBy_ = 0;

@@ -8,7 +8,7 @@ const char* version() {
 
 // Raised with every change of what `save` and `restore` of any class write and read.
 std::uint64_t stateVersion() {
-    return 2;
+    return 3;
 }
 
 }  // namespace kvx::rvd

@@ -2,7 +2,6 @@
 
 // The library's own order: the configuration before everything else.
 #include <net-snmp/net-snmp-config.h>
-
 #include <net-snmp/net-snmp-includes.h>
 // Of the same names are constants of the middleware.
 #undef FALSE
@@ -41,8 +40,8 @@ class Agent {
         if (!session_) throw std::invalid_argument(text + ": the address is not found");
     }
 
-    /// Adds what it says to `report`, as "sysName" and "ifOperStatus/2". False when it left a
-    /// request without an answer; what has been added then is not all. Any thread, one at a time.
+    /// Adds what it says to `report`, as "sysName" and "ifOperStatus/2". False, with a part of it,
+    /// when it does not answer, refuses, or says too much or too slowly. Any thread, one at a time.
     bool read(kvx::Message& report) const {
         static const std::vector<Object> objects = {
             {"sysUpTime", {1, 3, 6, 1, 2, 1, 1, 3}},
@@ -52,7 +51,8 @@ class Agent {
             {"ifOperStatus", {1, 3, 6, 1, 2, 1, 2, 2, 1, 8}},
             {"ifInOctets", {1, 3, 6, 1, 2, 1, 2, 2, 1, 10}},
         };
-        return std::ranges::all_of(objects, [&](const auto& one) { return read(one, report); });
+        const auto end = Clock::now() + std::chrono::seconds(5);
+        return std::ranges::all_of(objects, [&](auto& one) { return read(one, report, end); });
     }
 
     std::string name;
@@ -63,13 +63,14 @@ class Agent {
         std::string name;
         Number root;  // of a scalar or a column
     };
+    using Clock = std::chrono::steady_clock;
     using Pdu = std::unique_ptr<netsnmp_pdu, void (*)(netsnmp_pdu*)>;
-    static constexpr int kMostRequests = 1000;  // for one object
+    static constexpr std::size_t kMostBytes = 256 * 1024;  // of a report
 
     // Until a row is not below the root, or not behind the last one.
-    bool read(const Object& object, kvx::Message& report) const {
+    bool read(const Object& object, kvx::Message& report, Clock::time_point end) const {
         Number last = object.root;
-        for (int request = 0; request < kMostRequests; ++request) {
+        while (Clock::now() < end && report.base().size() < kMostBytes) {
             const auto answer = rowsAfter(last);
             if (!answer || answer->variables == nullptr) return answer != nullptr;
             for (const auto* row = answer->variables; row != nullptr; row = row->next_variable) {
@@ -85,7 +86,7 @@ class Agent {
                 last = number;
             }
         }
-        return true;
+        return false;
     }
 
     Pdu rowsAfter(const Number& place) const {
@@ -96,7 +97,7 @@ class Agent {
         netsnmp_pdu* answer = nullptr;
         const int status = snmp_sess_synch_response(session_.get(), request, &answer);
         Pdu owned(answer, &snmp_free_pdu);
-        if (status != STAT_SUCCESS) owned.reset();
+        if (status != STAT_SUCCESS || answer->errstat != SNMP_ERR_NOERROR) owned.reset();
         return owned;
     }
 

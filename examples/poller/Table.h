@@ -20,8 +20,8 @@ class Table {
     /// Has reports of this agent taken, before the service runs; others are ignored.
     void expect(const std::string& agent) { agents_[agent]; }
 
-    /// Takes a report: "agent", "state" ("up" or "down") and its objects. Of one that is up these
-    /// are all, of one that is down others stay as they were. Main thread.
+    /// Takes a report: "agent", "poller", "state" ("up" or "down") and of one that is up all its
+    /// objects; those of one that is down stay as they were. Main thread.
     void take(const kvx::Message& report) {
         const auto agent = agents_.find(report.get<std::string>("agent").value_or(""));
         if (agent == agents_.end()) return;
@@ -48,14 +48,14 @@ class Table {
         const bool isUp = report.get<std::string>("state") == "up";
         Known after{isUp ? Rows() : before.rows, before.upTime};
         for (const auto& [object, value] : report) {
-            if (object == "agent") continue;
+            if (object == "agent" || (!isUp && object != "state" && object != "poller")) continue;
             after.rows[std::string(object)] =
                 kvx::Record{{"agent", report["agent"]}, {"object", object}, {"value", value}};
         }
-        after.upTime = report.get<std::int64_t>("sysUpTime").value_or(before.upTime);
+        if (isUp) after.upTime = report.get<std::int64_t>("sysUpTime").value_or(before.upTime);
         const auto old = before.rows.find("sysUpTime");
-        const bool isNews = old == before.rows.end() || after.upTime < before.upTime;
-        if (!isNews) after.rows[old->first] = old->second;
+        const bool isOld = old != before.rows.end() && after.upTime >= before.upTime;
+        if (isOld) after.rows[old->first] = old->second;
         return after;
     }
 

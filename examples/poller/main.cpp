@@ -5,7 +5,7 @@
 
 int main(int argc, char** argv) try {
     const long seconds = argc < 4 ? 0 : std::strtol(argv[2], nullptr, 10);
-    if (seconds < 1 || seconds > 86400) {
+    if (seconds < 1 || seconds > 86400 || std::to_string(seconds) != argv[2]) {
         throw std::invalid_argument("usage: poller NAME SECONDS AGENT=COMMUNITY@ADDRESS...");
     }
     const std::deque<Agent> agents(argv + 3, argv + argc);
@@ -17,9 +17,8 @@ int main(int argc, char** argv) try {
     std::deque<Turn> turns;
     for (const auto& agent : agents) {
         table.expect(agent.name);
-        if (turns.emplace_back(*service, agent, argv[1], static_cast<int>(seconds)).join())
-            continue;
-        throw std::invalid_argument(agent.name + ": no agent can be named so, or two are");
+        auto& turn = turns.emplace_back(*service, agent, argv[1], static_cast<int>(seconds));
+        if (!turn.join()) throw std::invalid_argument(agent.name + ": not a name, or two are");
     }
     // Ticks of a second; sixteen threads, each of which waits for one agent.
     CVekTimedWorkMgr schedule(&service->engine(), 1, 1000, 16, nullptr, FALSE);

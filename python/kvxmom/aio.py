@@ -12,7 +12,6 @@ from __future__ import annotations
 
 import asyncio
 import inspect
-from types import TracebackType
 from typing import (
     Any,
     AsyncIterator,
@@ -26,9 +25,10 @@ from typing import (
 
 from . import _kvxmom
 from ._kvxmom import Message, Question
-from .client import _AT_ONCE, ClientCalls, Seconds
-from .errors import Ended, TimedOut
-from .service import Changes, ServiceCalls
+from .client import _AT_ONCE, ClientCalls, RowCalls, Seconds
+from .errors import Ended, InvalidArgument, TimedOut
+from .holding import H, Holder
+from .service import Changes, ServiceCalls, work_name
 from .values import (
     Change,
     Connection,
@@ -41,11 +41,13 @@ from .values import (
     check,
     check_function,
     columns_of,
+    seconds,
     seconds_or_none,
 )
 
 T = TypeVar("T")
 R = TypeVar("R")
+O = TypeVar("O", bound="_Opening[Any]")
 WhenReady = Callable[[Callable[[], object]], bool]
 
 #: Rows that a function which answers may be ahead of those that left.
@@ -72,21 +74,17 @@ async def _until(is_ready: WhenReady) -> None:
 async def _outcome(call: _kvxmom.Call[T]) -> T:
     try:
         await _until(call.is_done)
-    except asyncio.CancelledError:
+    except BaseException:
         call.drop()
         raise
     return call.result()
 
 
-class Rows:
+class Rows(RowCalls):
     """The rows of an answer as they come: an asynchronous iterator of dicts. One task at a time.
 
     A task that is cancelled while it waits ends the answer at the service, as `cancel` does.
     """
-
-    def __init__(self, stream: _kvxmom.Stream) -> None:
-        self._stream = stream
-        self._ready: Iterator[Row] = iter(())
 
     def __aiter__(self) -> AsyncIterator[Row]:
         return self
@@ -97,7 +95,7 @@ class Rows:
             return row
         try:
             await _until(self._stream.is_ready)
-        except asyncio.CancelledError:
+        except BaseException:
             self._stream.cancel()
             raise
         rows = self._stream.take(_AT_ONCE)
@@ -114,15 +112,6 @@ class Rows:
         """All rows that are left as columns. Where a row has no such field stands None."""
         return columns_of(await self.all())
 
-    def cancel(self) -> None:
-        """Ends the answer; a task that waits for a row gets `Ended`."""
-        self._ready = iter(())
-        self._stream.cancel()
-
-    def totals(self) -> Totals:
-        """What came of the answer so far."""
-        return Totals(**self._stream.totals())
-
     async def __aenter__(self) -> Rows:
         return self
 
@@ -131,7 +120,7 @@ class Rows:
 
 
 class Subscription(Generic[T]):
-    """What is heard, until it is closed: an asynchronous iterator.
+    """What is heard, until it is closed: an asynchronous iterator. Tasks that wait get in turn.
 
     To be awaited, or entered, before it hears. The iteration ends with `close`, and when the client
     is closed.
@@ -140,6 +129,7 @@ class Subscription(Generic[T]):
     def __init__(self, call: Callable[[], _kvxmom.Call[_kvxmom.Listening]]) -> None:
         self._call = call
         self._listening: _kvxmom.Listening | None = None
+        self._turn = asyncio.Lock()  # of the task that waits
 
     async def _open(self) -> Subscription[T]:
         if self._listening is None:
@@ -165,8 +155,9 @@ class Subscription(Generic[T]):
 
     async def __anext__(self) -> T:
         listening = self._opened()
-        await _until(listening.is_ready)
-        event: T | None = listening.take(0)
+        async with self._turn:
+            await _until(listening.is_ready)
+            event: T | None = listening.take(0)
         if event is None:
             raise StopAsyncIteration
         return event
@@ -212,7 +203,26 @@ def _in_loop(function: Callable[..., R]) -> Callable[..., None]:
     return call
 
 
-class Client(ClientCalls):
+class _Opening(Holder[H]):
+    """Is opened, and closed, by `async with`."""
+
+    async def open(self: O) -> O:
+        raise NotImplementedError
+
+    async def close(self) -> None:
+        """Ends it: what waits gets `Ended`."""
+        call = self._closing()
+        if call is not None:
+            await _outcome(call)
+
+    async def __aenter__(self: O) -> O:
+        return await self.open()
+
+    async def __aexit__(self, *_: object) -> None:
+        await asyncio.shield(self.close())
+
+
+class Client(ClientCalls, _Opening[_kvxmom.ClientHandle]):
     """A program's access to the bus, for asyncio. One at a time in a process, and none beside a
     service. It is opened by `async with`, or by `open`, and belongs to the loop that runs then.
 
@@ -220,23 +230,10 @@ class Client(ClientCalls):
     may be coroutine functions.
     """
 
-    def __init__(
-        self,
-        *,
-        domain: str = "DEFAULT",
-        daemon: str | Daemon = "",
-        timeout: Seconds = 8.0,
-        on_connection: Callable[[Connection], object] | None = None,
-        on_warning: Callable[[str], object] | None = None,
-    ) -> None:
-        super().__init__(domain, daemon, timeout, on_connection, on_warning)
-
     async def open(self) -> Client:
         """Connects. `NoDaemon` when nobody is there, `Busy` while another one is open."""
-        if self._on_connection is not None:
-            self._on_connection = _in_loop(self._on_connection)
-        self._on_warning = _in_loop(self._on_warning)
-        self._handle = await _outcome(self._opening())
+        told = self._on_connection and _in_loop(self._on_connection)
+        self._handle = await _outcome(self._opening(told, _in_loop(self._on_warning)))
         return self
 
     def query(self, service: str, text: str, *, timeout: Seconds | None = None) -> Rows:
@@ -274,25 +271,6 @@ class Client(ClientCalls):
         `kvxmom.Client.follow`."""
         return Subscription(lambda: self._following(service, text, None, most_waiting, timeout))
 
-    async def close(self) -> None:
-        """Ends the client; what waits gets `Ended`."""
-        handle, self._handle = self._handle, None
-        if handle is None:
-            return
-        call = handle.close()
-        await _outcome(call)
-
-    async def __aenter__(self) -> Client:
-        return await self.open()
-
-    async def __aexit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        await asyncio.shield(self.close())
-
 
 async def _given(rows: object) -> AsyncIterator[Any]:
     """What a function gave that answers: rows, a coroutine of them, or what yields them."""
@@ -316,41 +294,28 @@ async def _some(rows: AsyncIterator[Any]) -> list[Any]:
     return some
 
 
-class Service(ServiceCalls):
+class Service(ServiceCalls, _Opening[_kvxmom.ServiceHandle]):
     """A service of the bus, for asyncio; see `kvxmom.Service`, whose arguments it takes. Its
     functions are called in the loop and may be coroutine functions; those that answer may also be
     asynchronous generators. They are given before it is opened, by `async with`.
     """
 
-    def __init__(
-        self,
-        name: str,
-        *,
-        domain: str = "DEFAULT",
-        daemon: str | Daemon = "",
-        group: str = "",
-        tier: int = 1,
-        beats: bool = True,
-        threads: int = 2,
-        oldest_question: Seconds = 8.0,
-        patience: Seconds = 8.0,
-        send_rate: int = 100_000,
-        most_waiting: int = 20_000,
-    ) -> None:
-        if threads == 0:
-            raise ValueError("threads: 0 would have the loop wait for itself")
-        super().__init__(
-            name, domain, daemon, group, tier, beats, threads, oldest_question, patience,
-            send_rate, most_waiting,
-        )  # fmt: skip
+    _least_threads = 1  # the loop that an answer waits for must not be the one that answers
+
+    def _begin(self) -> None:
         self._given: list[Callable[[_kvxmom.ServiceHandle], _kvxmom.Call[None]]] = []
         self._running: asyncio.Future[None] | None = None
+
+    def _give(self, give: Callable[[_kvxmom.ServiceHandle], _kvxmom.Call[None]]) -> None:
+        if self._handle is not None:
+            raise InvalidArgument("the service is open; what it does is given before")
+        self._given.append(give)
 
     def on_query(self, answer: Callable[[Question], Any]) -> Callable[[Question], Any]:
         """Has every question answered by `answer`, a function, a coroutine function or a generator of
         either kind; see `kvxmom.Service.on_query`."""
         check_function("answer", answer)
-        self._given.append(lambda handle: handle.on_query(self._answering(answer)))
+        self._give(lambda handle: handle.on_query(self._answering(answer)))
         return answer
 
     @staticmethod
@@ -380,7 +345,7 @@ class Service(ServiceCalls):
         """Has `changed` called at the start and when this member becomes active (True) or
         standby."""
         check_function("changed", changed)
-        self._given.append(lambda handle: handle.on_role(_in_loop(changed)))
+        self._give(lambda handle: handle.on_role(_in_loop(changed)))
         return changed
 
     def on_message(self, subject: str) -> Callable[[Callable[[Message], T]], Callable[[Message], T]]:
@@ -390,10 +355,36 @@ class Service(ServiceCalls):
 
         def add(received: Callable[[Message], T]) -> Callable[[Message], T]:
             check_function("received", received)
-            self._given.append(lambda handle: handle.on_message(subject, _in_loop(received)))
+            self._give(lambda handle: handle.on_message(subject, _in_loop(received)))
             return received
 
         return add
+
+    def every(
+        self, interval: Seconds, name: str | None = None
+    ) -> Callable[[Callable[[], T]], Callable[[], T]]:
+        """Has the decorated function called every `interval`, and never before it, or the coroutine
+        that it gave, has ended; see `kvxmom.Service.every`."""
+        wanted = seconds("interval", interval)
+
+        def add(work: Callable[[], T]) -> Callable[[], T]:
+            named = work_name(name, work)
+            self._give(lambda handle: handle.every(wanted, named, self._awaited(work)))
+            return work
+
+        return add
+
+    @staticmethod
+    def _awaited(work: Callable[[], object]) -> Callable[[], None]:
+        loop = asyncio.get_running_loop()
+
+        async def turn() -> None:
+            result = work()
+            if inspect.isawaitable(result):
+                await result
+
+        # On a thread of the service, which waits for the loop without the interpreter's lock.
+        return lambda: asyncio.run_coroutine_threadsafe(turn(), loop).result()
 
     @property
     def changes(self) -> Changes:
@@ -416,7 +407,7 @@ class Service(ServiceCalls):
             handle.set_key(table, fields)
             return call
 
-        self._given.append(number)
+        self._give(number)
 
     async def open(self) -> Service:
         """Connects and begins to work."""
@@ -439,23 +430,9 @@ class Service(ServiceCalls):
 
     async def close(self) -> None:
         """Stops it: what is queued is sent, then the group is left."""
-        handle, self._handle = self._handle, None
-        if handle is None:
-            return
-        call = handle.close()
+        running = self._running
         try:
-            await _outcome(call)
+            await super().close()
         finally:
-            if self._running is not None:
-                await asyncio.wait([self._running])
-
-    async def __aenter__(self) -> Service:
-        return await self.open()
-
-    async def __aexit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        await asyncio.shield(self.close())
+            if running is not None and running.get_loop() is asyncio.get_running_loop():
+                await asyncio.wait([running])

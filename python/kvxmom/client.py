@@ -4,12 +4,12 @@ from __future__ import annotations
 
 import datetime
 import logging
-from types import TracebackType
 from typing import Callable, Generic, Iterator, TypeVar
 
 from . import _kvxmom
 from ._kvxmom import Message
 from .errors import Ended, TimedOut
+from .holding import Closing, ClosingHolder, Holder
 from .values import (
     Change,
     Connection,
@@ -37,29 +37,46 @@ _AT_ONCE = 500
 _log = logging.getLogger("kvxmom")
 
 
-class Rows:
-    """The rows of an answer as they come: an iterator of dicts. One thread at a time.
-
-    A service that takes part in the conversation sends no faster than they are taken. Leaving the
-    iteration before the end, also by Ctrl-C, ends the answer at the service, as `cancel` does.
-    """
+class RowCalls:
+    """The rows of an answer before anybody waits for them: what both kinds of `Rows` share."""
 
     def __init__(self, stream: _kvxmom.Stream) -> None:
         self._stream = stream
-        self._iterator = self._each()
+        self._ready: Iterator[Row] = iter(())
+
+    def cancel(self) -> None:
+        """Ends the answer: who waits for a row gets `Ended`. Any thread."""
+        self._ready = iter(())
+        self._stream.cancel()
+
+    def totals(self) -> Totals:
+        """What came of the answer so far. Any thread."""
+        return Totals(**self._stream.totals())
+
+
+class Rows(RowCalls, Closing):
+    """The rows of an answer as they come: an iterator of dicts. One thread at a time.
+
+    A service that takes part in the conversation sends no faster than they are taken. What is not
+    iterated to its end, also because of Ctrl-C, ends the answer at the service when it is dropped.
+    """
 
     def __iter__(self) -> Iterator[Row]:
         return self
 
     def __next__(self) -> Row:
-        return next(self._iterator)
-
-    def _each(self) -> Iterator[Row]:
+        row = next(self._ready, None)
+        if row is not None:
+            return row
         try:
-            while rows := self._stream.take(_AT_ONCE):
-                yield from rows
-        finally:
+            rows = self._stream.take(_AT_ONCE)
+        except BaseException:
             self._stream.cancel()
+            raise
+        if not rows:
+            raise StopIteration
+        self._ready = iter(rows)
+        return next(self._ready)
 
     def all(self) -> list[Row]:
         """All rows that are left."""
@@ -69,22 +86,11 @@ class Rows:
         """All rows that are left as columns. Where a row has no such field stands None."""
         return columns_of(self)
 
-    def cancel(self) -> None:
-        """Ends the answer; a thread that waits for a row gets `Ended`. Any thread."""
-        self._stream.cancel()
-
-    def totals(self) -> Totals:
-        """What came of the answer so far. Any thread."""
-        return Totals(**self._stream.totals())
-
-    def __enter__(self) -> Rows:
-        return self
-
-    def __exit__(self, *_: object) -> None:
+    def close(self) -> None:
         self.cancel()
 
 
-class Subscription(Generic[T]):
+class Subscription(Generic[T], Closing):
     """What is heard, until it is closed. Without a function it is an iterator, which waits.
 
     It goes on by itself when the daemon was away. The iteration ends with `close`, and when the
@@ -119,27 +125,24 @@ class Subscription(Generic[T]):
         """Nothing more is heard; what waits is still given."""
         self._listening.end()
 
-    def __enter__(self) -> Subscription[T]:
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.close()
-
 
 def _connected(told: Callable[[Connection], object]) -> Callable[[bool, str, str], object]:
     return lambda is_there, address, why: told(Connection(is_there, address, why))
 
 
-class ClientCalls:
+class ClientCalls(Holder[_kvxmom.ClientHandle]):
     """The calls of a client before anybody waits for them: what both kinds of client share."""
+
+    _kind = "client"
 
     def __init__(
         self,
-        domain: str,
-        daemon: str | Daemon,
-        timeout: Seconds,
-        on_connection: Callable[[Connection], object] | None,
-        on_warning: Callable[[str], object] | None,
+        *,
+        domain: str = "DEFAULT",
+        daemon: str | Daemon = "",
+        timeout: Seconds = 8.0,
+        on_connection: Callable[[Connection], object] | None = None,
+        on_warning: Callable[[str], object] | None = None,
     ) -> None:
         check("domain", domain, str)
         if on_connection is not None:
@@ -151,23 +154,25 @@ class ClientCalls:
         self._timeout = seconds("timeout", timeout)
         self._on_connection = None if on_connection is None else _connected(on_connection)
         self._on_warning = on_warning or _log.warning
-        self._handle: _kvxmom.ClientHandle | None = None
+        self._begin()
 
-    def _opening(self) -> _kvxmom.Call[_kvxmom.ClientHandle]:
+    def _begin(self) -> None:
+        pass
+
+    def _opening(
+        self,
+        on_connection: Callable[[bool, str, str], object] | None,
+        on_warning: Callable[[str], object],
+    ) -> _kvxmom.Call[_kvxmom.ClientHandle]:
         return _kvxmom.open_client(
             self._domain,
             self._daemon.service,
             self._daemon.network,
             self._daemon.daemon,
             self._timeout,
-            self._on_connection,
-            self._on_warning,
+            on_connection,
+            on_warning,
         )
-
-    def _opened(self) -> _kvxmom.ClientHandle:
-        if self._handle is None:
-            raise Ended("the client is not open")
-        return self._handle
 
     def _stream(self, service: str, text: str, timeout: Seconds | None) -> _kvxmom.Stream:
         check("service", service, str)
@@ -228,7 +233,7 @@ class ClientCalls:
         return Connection(*self._opened().connection())
 
 
-class Client(ClientCalls):
+class Client(ClientCalls, ClosingHolder[_kvxmom.ClientHandle]):
     """A program's access to the bus: questions to services, messages, listening.
 
     One at a time in a process, and none beside a `Service`. Any thread may call; each call that
@@ -245,17 +250,8 @@ class Client(ClientCalls):
     Connects. `NoDaemon` when nobody is there, `Busy` while another one is open.
     """
 
-    def __init__(
-        self,
-        *,
-        domain: str = "DEFAULT",
-        daemon: str | Daemon = "",
-        timeout: Seconds = 8.0,
-        on_connection: Callable[[Connection], object] | None = None,
-        on_warning: Callable[[str], object] | None = None,
-    ) -> None:
-        super().__init__(domain, daemon, timeout, on_connection, on_warning)
-        self._handle = self._opening().wait()
+    def _begin(self) -> None:
+        self._handle = self._opening(self._on_connection, self._on_warning).wait()
 
     def query(self, service: str, text: str, *, timeout: Seconds | None = None) -> Rows:
         """Asks a service. The rows are to be iterated, which raises what goes wrong: `TimedOut`,
@@ -309,26 +305,6 @@ class Client(ClientCalls):
         return Subscription(
             self._following(service, text, function, most_waiting, timeout).wait()
         )
-
-    def close(self) -> None:
-        """Ends the client; what waits gets `Ended`. Waits until no function given to it runs,
-        unless called by one."""
-        handle, self._handle = self._handle, None
-        if handle is None:
-            return
-        call = handle.close()
-        call.wait()
-
-    def __enter__(self) -> Client:
-        return self
-
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        self.close()
 
 
 __all__ = ["Client", "Rows", "Subscription", "TimedOut"]

@@ -34,11 +34,14 @@ class Error(Exception):
     code: Code = Code.INVALID_ARGUMENT
 
     def __init__(self, text: str = "", *, tried: str = "", rows: Sequence[dict[str, Any]] = ()):
+        super().__init__(text)
         self.text = text
         self.tried = tried
         self.rows = list(rows)
+
+    def __str__(self) -> str:
         words = self.code.name.lower().replace("_", " ")
-        super().__init__(": ".join(part for part in (tried, words, text) if part))
+        return ": ".join(str(part) for part in (self.tried, words, self.text) if part)
 
 
 class InvalidArgument(Error, ValueError):

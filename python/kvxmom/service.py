@@ -5,13 +5,12 @@ from __future__ import annotations
 import contextlib
 import signal
 import threading
-from types import TracebackType
 from typing import Any, Callable, Iterable, Iterator, Mapping, Sequence, TypeVar, overload
 
 from . import _kvxmom
 from ._kvxmom import Message, Question
 from .client import Seconds
-from .errors import Ended
+from .holding import ClosingHolder, Holder
 from .values import Change, Daemon, Stamp, Statistics, check, check_function, count, daemon_of, seconds
 
 T = TypeVar("T")
@@ -53,22 +52,26 @@ class Changes:
         return Stamp(epoch, number), taken
 
 
-class ServiceCalls:
+class ServiceCalls(Holder[_kvxmom.ServiceHandle]):
     """The calls of a service before anybody waits for them: what both kinds of service share."""
+
+    _kind = "service"
+    _least_threads = 0
 
     def __init__(
         self,
         name: str,
-        domain: str,
-        daemon: str | Daemon,
-        group: str,
-        tier: int,
-        beats: bool,
-        threads: int,
-        oldest_question: Seconds,
-        patience: Seconds,
-        send_rate: int,
-        most_waiting: int,
+        *,
+        domain: str = "DEFAULT",
+        daemon: str | Daemon = "",
+        group: str = "",
+        tier: int = 1,
+        beats: bool = True,
+        threads: int = 2,
+        oldest_question: Seconds = 8.0,
+        patience: Seconds = 8.0,
+        send_rate: int = 100_000,
+        most_waiting: int = 20_000,
     ) -> None:
         check("name", name, str)
         check("domain", domain, str)
@@ -84,22 +87,20 @@ class ServiceCalls:
             group,
             count("tier", tier, 1),
             beats,
-            count("threads", threads, 0),
+            count("threads", threads, self._least_threads),
             seconds("oldest_question", oldest_question),
             seconds("patience", patience),
             count("send_rate", send_rate, 1),
             count("most_waiting", most_waiting, 1),
         )
-        self._handle: _kvxmom.ServiceHandle | None = None
         self._changes: Changes | None = None
+        self._begin()
+
+    def _begin(self) -> None:
+        pass
 
     def _opening(self) -> _kvxmom.Call[_kvxmom.ServiceHandle]:
         return _kvxmom.open_service(*self._arguments)
-
-    def _opened(self) -> _kvxmom.ServiceHandle:
-        if self._handle is None:
-            raise Ended("the service is not open")
-        return self._handle
 
     def notify(self, rows: Mapping[str, Any] | Iterable[Mapping[str, Any]]) -> None:
         """Tells of changed rows. `QueueFull` when too much waits, `Ended` once it is ending. Any
@@ -131,6 +132,14 @@ class ServiceCalls:
         return Statistics(**self._opened().statistics())
 
 
+def work_name(name: str | None, work: Callable[[], object]) -> str:
+    """The name of what is done every so often."""
+    check_function("work", work)
+    named = name if name is not None else getattr(work, "__name__", "work")
+    check("name", named, str)
+    return str(named)
+
+
 @contextlib.contextmanager
 def _stopped_by_sigterm(stop: Callable[[], None]) -> Iterator[None]:
     """SIGTERM stops the service while it runs on the main thread, unless the program handles it."""
@@ -145,7 +154,7 @@ def _stopped_by_sigterm(stop: Callable[[], None]) -> Iterator[None]:
         signal.signal(signal.SIGTERM, signal.SIG_DFL)
 
 
-class Service(ServiceCalls):
+class Service(ServiceCalls, ClosingHolder[_kvxmom.ServiceHandle]):
     """A service of the bus: it answers questions, tells of changes, and is one of several members of
     which one is active. One at a time in a process, and none beside a `Client`.
 
@@ -165,25 +174,7 @@ class Service(ServiceCalls):
     Connects. `NoDaemon` when nobody is there, `Busy` while another one is open.
     """
 
-    def __init__(
-        self,
-        name: str,
-        *,
-        domain: str = "DEFAULT",
-        daemon: str | Daemon = "",
-        group: str = "",
-        tier: int = 1,
-        beats: bool = True,
-        threads: int = 2,
-        oldest_question: Seconds = 8.0,
-        patience: Seconds = 8.0,
-        send_rate: int = 100_000,
-        most_waiting: int = 20_000,
-    ) -> None:
-        super().__init__(
-            name, domain, daemon, group, tier, beats, threads, oldest_question, patience,
-            send_rate, most_waiting,
-        )  # fmt: skip
+    def _begin(self) -> None:
         self._handle = self._opening().wait()
 
     def on_query(self, answer: Answer) -> Answer:
@@ -230,9 +221,7 @@ class Service(ServiceCalls):
         wanted = seconds("interval", interval)
 
         def add(work: Callable[[], T]) -> Callable[[], T]:
-            check_function("work", work)
-            named = name if name is not None else getattr(work, "__name__", "work")
-            call = self._opened().every(wanted, named, work)
+            call = self._opened().every(wanted, work_name(name, work), work)
             call.wait()
             return work
 
@@ -257,22 +246,3 @@ class Service(ServiceCalls):
                 call.wait()
         finally:
             self.close()
-
-    def close(self) -> None:
-        """Ends it, and waits until the functions that answer have returned."""
-        handle, self._handle = self._handle, None
-        if handle is None:
-            return
-        call = handle.close()
-        call.wait()
-
-    def __enter__(self) -> Service:
-        return self
-
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        self.close()

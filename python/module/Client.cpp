@@ -31,7 +31,7 @@ std::optional<std::chrono::milliseconds> inMilliseconds(const Timeout& seconds) 
 class Stream {
   public:
     explicit Stream(RowStream stream) : stream_(std::make_shared<RowStream>(std::move(stream))) {}
-    ~Stream() { letGo(stream_); }
+    ~Stream() { letGo(stream_, origin_); }
     Stream(const Stream&) = delete;
     Stream& operator=(const Stream&) = delete;
 
@@ -61,7 +61,7 @@ class Stream {
     }
 
     void cancel() {
-        if (isForkedWhileOpen()) return;
+        if (!origin_.isHere()) return;
         const WithoutGil withoutGil;
         stream_->cancel();
     }
@@ -117,6 +117,7 @@ class Stream {
         return taken;
     }
 
+    const Origin origin_;
     std::shared_ptr<RowStream> stream_;
     const std::shared_ptr<Wake> wake_ = std::make_shared<Wake>();
     std::mutex reading_;
@@ -147,12 +148,9 @@ class Ear {
 // A subscription of either kind. Ends on the client's thread; whoever drops it does not wait.
 template <class Handle>
 std::shared_ptr<void> held(const std::weak_ptr<kvx::Client>& client, Handle handle) {
-    return {new Handle(std::move(handle)), [client](void* owned) {
+    return {new Handle(std::move(handle)), [client, origin = Origin()](void* owned) {
+                if (!origin.isHere()) return;
                 auto ending = std::shared_ptr<Handle>(static_cast<Handle*>(owned));
-                if (isForkedWhileOpen()) {
-                    static_cast<void>(new std::shared_ptr<Handle>(std::move(ending)));
-                    return;
-                }
                 const WithoutGil withoutGil;
                 const auto open = client.lock();
                 if (open && !InsideCall::isInside()) {
@@ -175,12 +173,13 @@ class Listening {
     bool isReady(const py::object& whenReady) { return ear_->events().isReady(whenReady); }
     [[nodiscard]] std::uint64_t dropped() const { return ear_->events().dropped(); }
     void end() {
-        if (isForkedWhileOpen()) return;
+        if (!origin_.isHere()) return;
         ear_->events().end({});
         const auto ending = std::exchange(held_, nullptr);
     }
 
   private:
+    const Origin origin_;
     const std::shared_ptr<Ear> ear_;
     std::shared_ptr<void> held_;
 };
@@ -192,7 +191,7 @@ class ClientHandle final : public OpenThing {
     explicit ClientHandle(std::shared_ptr<kvx::Client> client) : client_(std::move(client)) {}
     ~ClientHandle() override {
         endEars();
-        letGo(client_);
+        letGo(client_, origin());
     }
 
     void beginEnd() override { static_cast<void>(close()); }
@@ -258,15 +257,15 @@ class ClientHandle final : public OpenThing {
     Call close() {
         endEars();
         auto client = std::exchange(client_, nullptr);
-        if (isForkedWhileOpen() || !client) {
-            if (client) static_cast<void>(new std::shared_ptr<kvx::Client>(client));
-            return done();
-        }
         forget();
+        if (!origin().isHere() || !client) {
+            letGo(client, origin());
+            return Call::done("close");
+        }
         if (InsideCall::isInside()) {
             const WithoutGil withoutGil;
             client->end();
-            return done();
+            return Call::done("close");
         }
         return callOnThread("close", [client]() mutable -> Call::Result {
             client->end();
@@ -294,13 +293,6 @@ class ClientHandle final : public OpenThing {
         return client_;
     }
 
-    static Call done() {
-        Call::Doer doer("close");
-        Call call(doer);
-        doer.finish(Result<>());
-        return call;
-    }
-
     std::shared_ptr<Ear> newEar(const py::object& function, std::size_t most, bool mayDrop) {
         auto ear = std::make_shared<Ear>(function, most, mayDrop);
         std::erase_if(ears_, [](const auto& one) { return one.expired(); });
@@ -309,7 +301,7 @@ class ClientHandle final : public OpenThing {
     }
 
     void endEars() {
-        if (isForkedWhileOpen()) return;
+        if (!origin().isHere()) return;
         for (const auto& one : ears_) {
             if (const auto ear = one.lock()) ear->events().end({});
         }

@@ -7,8 +7,9 @@ namespace kvx::python {
 namespace {
 
 py::object madeOf(const HeardMessage& heard, RowMaker&) {
-    return types().delivery(textOfBytes(heard.subject), textOfBytes(heard.replySubject),
-                            heard.message);
+    return callPython(
+        types().delivery,
+        py::make_tuple(textOfBytes(heard.subject), textOfBytes(heard.replySubject), heard.message));
 }
 
 py::object madeOf(const HeardRecord& heard, RowMaker& rows) {
@@ -16,7 +17,7 @@ py::object madeOf(const HeardRecord& heard, RowMaker& rows) {
 }
 
 py::object madeOf(const FollowedRow& followed, RowMaker& rows) {
-    return types().change("row", rows.rowOf(followed.row), "", false);
+    return callPython(types().change, py::make_tuple("row", rows.rowOf(followed.row), "", false));
 }
 
 py::object madeOf(const FollowedChange& followed, RowMaker& rows) {
@@ -59,20 +60,19 @@ void Events::tell(std::unique_lock<std::mutex> lock) {
 }
 
 py::object Events::take(const Deadline& deadline) {
-    if (!waitUntil(mutex_, changed_, deadline, [this] { return isDue(); })) {
-        throw Failure(Error{Errc::TimedOut, "nothing came", "take"});
-    }
     std::optional<Event> event;
     std::optional<Error> error;
-    {
-        const WithoutGil withoutGil;
-        const std::lock_guard guard(mutex_);
-        if (!events_.empty()) {
-            event = std::move(events_.front());
-            events_.pop_front();
-        } else {
+    const auto takeDue = [&] {  // another thread may take as well
+        if (events_.empty()) {
             error = error_;
+            return hasEnded_;
         }
+        event = std::move(events_.front());
+        events_.pop_front();
+        return true;
+    };
+    if (!waitUntil(mutex_, changed_, deadline, takeDue)) {
+        throw Failure(Error{Errc::TimedOut, "nothing came", "take"});
     }
     if (error) throw Failure(*error);
     return event ? objectOf(*event, rows_) : py::none();

@@ -12,6 +12,7 @@ namespace {
 
 std::atomic<int> openThings{0};
 std::atomic<bool> isForked{false};
+std::atomic<int> forks{0};
 
 }  // namespace
 
@@ -48,7 +49,14 @@ bool isForkedWhileOpen() {
     return isForked;
 }
 
+Origin::Origin() : forks_(forks) {}
+
+bool Origin::isHere() const {
+    return forks_ == forks;
+}
+
 void afterFork() {
+    ++forks;
     if (openThings > 0) isForked = true;
 }
 

@@ -44,6 +44,17 @@ void checkProcess();
 /// Counts what is open in this process.
 void countOpen(int difference);
 [[nodiscard]] bool isForkedWhileOpen();
+
+/// Part of what needs a thread of this process to end.
+class Origin {
+  public:
+    Origin();
+    /// False in the child of a fork for what was made before: it is not ended there.
+    [[nodiscard]] bool isHere() const;
+
+  private:
+    int forks_;
+};
 /// In the child of a fork.
 void afterFork();
 

@@ -12,23 +12,32 @@ namespace {
 std::atomic<bool> isLeaving{false};
 std::thread::id leavingThread;  // set before isLeaving
 
-[[noreturn]] void stayForever() {
+void drop(PyObject* function) {
+    if (PyGILState_Check() != 0) {
+        Py_DECREF(function);
+    } else if (mayTakeGil()) {
+        stayingAtTheEnd([&] {
+            const WithGil gil;
+            Py_DECREF(function);
+        });
+    }
+}
+
+}  // namespace
+
+void stayForever() {
     std::mutex mutex;
     std::unique_lock lock(mutex);
     std::condition_variable never;
     while (true) never.wait(lock);
 }
 
-void drop(PyObject* function) {
-    if (PyGILState_Check() != 0) {
-        Py_DECREF(function);
-    } else if (mayTakeGil()) {
-        const py::gil_scoped_acquire gil;
-        Py_DECREF(function);
-    }
+py::object callPython(const py::handle& function, const py::tuple& arguments) {
+    PyObject* const result =
+        stayingAtTheEnd([&] { return PyObject_CallObject(function.ptr(), arguments.ptr()); });
+    if (result == nullptr) throw py::error_already_set();
+    return py::reinterpret_steal<py::object>(result);
 }
-
-}  // namespace
 
 void leaveInterpreter() {
     leavingThread = std::this_thread::get_id();
@@ -42,7 +51,7 @@ bool mayTakeGil() {
 WithoutGil::~WithoutGil() {
     if (state_ == nullptr) return;
     if (!mayTakeGil()) stayForever();
-    PyEval_RestoreThread(state_);
+    stayingAtTheEnd([this] { PyEval_RestoreThread(state_); });
 }
 
 Function::Function(const py::object& function) {

@@ -3,6 +3,8 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <cxxabi.h>
+
 #include <memory>
 #include <utility>
 
@@ -16,6 +18,35 @@ void leaveInterpreter();
 
 /// Whether the calling thread may still take the lock. Any thread.
 bool mayTakeGil();
+
+/// Never returns: the thread stays until the process has ended.
+[[noreturn]] void stayForever();
+
+/// Does `work`, which enters the interpreter. When that has ended, it unwinds the threads that come
+/// back to it, whose frames here hold its objects: such a thread stays where it came back.
+template <class Work>
+auto stayingAtTheEnd(const Work& work) {
+    try {
+        return work();
+    } catch (const abi::__forced_unwind&) {
+        stayForever();
+    }
+}
+
+/// `function(*arguments)`. GIL held.
+py::object callPython(const py::handle& function, const py::tuple& arguments);
+
+/// Has the GIL while it lives, on a thread that may take it.
+class WithGil {
+  public:
+    WithGil() : state_(stayingAtTheEnd([] { return PyGILState_Ensure(); })) {}
+    ~WithGil() { PyGILState_Release(state_); }
+    WithGil(const WithGil&) = delete;
+    WithGil& operator=(const WithGil&) = delete;
+
+  private:
+    const PyGILState_STATE state_;
+};
 
 /// Gives up the GIL while it lives, if this thread has it. A thread that may not take it back stays
 /// here until the process has ended: the interpreter it would return to is gone.
@@ -34,15 +65,15 @@ class WithoutGil {
 /// wait for that loop.
 class InsideCall {
   public:
-    InsideCall() : wasInside_(std::exchange(isInside_, true)) {}
-    ~InsideCall() { isInside_ = wasInside_; }
+    InsideCall() : wasInside_(std::exchange(inside, true)) {}
+    ~InsideCall() { inside = wasInside_; }
     InsideCall(const InsideCall&) = delete;
     InsideCall& operator=(const InsideCall&) = delete;
 
-    static bool isInside() { return isInside_; }
+    static bool isInside() { return inside; }
 
   private:
-    inline static thread_local bool isInside_ = false;
+    inline static thread_local bool inside = false;
     const bool wasInside_;
 };
 
@@ -64,15 +95,17 @@ class Function {
     template <class Arguments>
     void call(const Arguments& arguments) const {
         if (!mayTakeGil()) return;
-        const py::gil_scoped_acquire gil;
-        const InsideCall inside;
-        try {
-            get()(*arguments());
-        } catch (py::error_already_set& error) {
-            report(error);
-        } catch (const std::exception& error) {
-            report(error);
-        }
+        stayingAtTheEnd([&] {
+            const WithGil gil;
+            const InsideCall inside;
+            try {
+                callPython(get(), arguments());
+            } catch (py::error_already_set& error) {
+                report(error);
+            } catch (const std::exception& error) {
+                report(error);
+            }
+        });
     }
     void call() const {
         call([] { return py::tuple(); });

@@ -9,12 +9,11 @@
 
 namespace kvx::python {
 
-/// Ends what `thing` stands for, without the GIL; in the child of a fork nothing is ended, since
-/// its thread stayed with the parent.
+/// Ends what `thing` stands for, without the GIL, where it was made.
 template <class T>
-void letGo(std::shared_ptr<T>& thing) {
+void letGo(std::shared_ptr<T>& thing, const Origin& origin) {
     if (!thing) return;
-    if (isForkedWhileOpen()) {
+    if (!origin.isHere()) {
         static_cast<void>(new std::shared_ptr<T>(std::move(thing)));
         return;
     }
@@ -42,9 +41,13 @@ class OpenThing {
     }
 
   protected:
+    [[nodiscard]] const Origin& origin() const { return origin_; }
     void forget() {
         if (all().erase(this) != 0) countOpen(-1);
     }
+
+  private:
+    const Origin origin_;
 };
 
 }  // namespace kvx::python

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -10,13 +11,14 @@
 
 #include "python/module/Failure.h"
 #include "python/module/Values.h"
+#include "rv/message/WireFormat.h"
 
 namespace kvx::python {
 
 namespace {
 
-constexpr int kMostNesting = 32;
-constexpr unsigned kMostSubject = 1000;  // bytes, encoded
+constexpr int kMostNesting = static_cast<int>(kMaxNesting) - 1;  // one more on the bus
+constexpr unsigned kMostSubject = 1000;                          // bytes, encoded
 constexpr std::int64_t kMicroseconds = 1'000'000;
 
 using Bytes = std::string;
@@ -89,14 +91,20 @@ py::object microsecondsAsDelta(std::int64_t count) {
     return py::module_::import("datetime").attr("timedelta")(py::arg("microseconds") = count);
 }
 
-// The high byte of the seconds is a sign: 255 for a time before 1970.
+// The high byte of the seconds is a sign: 255 for a time before 1970. A time that Python does not
+// have stays bytes.
 py::object dateOf(const RvDatum& datum) {
     std::array<std::uint32_t, 3> words{};
     if (datum.size() < sizeof words) return bytesOf(datum);
     std::memcpy(words.data(), datum.data(), sizeof words);
     const std::int64_t high = words[0] == 255 ? -1 : static_cast<std::int64_t>(words[0]);
     const std::int64_t seconds = high * (std::int64_t{1} << 32) + words[1];
-    return epoch() + microsecondsAsDelta(seconds * kMicroseconds + words[2]);
+    try {
+        return epoch() + microsecondsAsDelta(seconds * kMicroseconds + words[2]);
+    } catch (py::error_already_set& error) {
+        if (!error.matches(PyExc_OverflowError)) throw;
+        return bytesOf(datum);
+    }
 }
 
 Message nestedOf(const RvDatum& datum) {
@@ -141,7 +149,13 @@ Bytes encodeReal(const py::handle& value, const std::string& what) {
     requireKind(PyFloat_Check(value.ptr()) != 0 || PyLong_Check(value.ptr()) != 0, what, value,
                 "a float is needed");
     const double number = PyFloat_AsDouble(value.ptr());
-    if (number == -1 && PyErr_Occurred() != nullptr) throw py::error_already_set();
+    if (number == -1 && PyErr_Occurred() != nullptr) {
+        PyErr_Clear();
+        throw py::value_error(what + ": the number does not fit its type");
+    }
+    if (std::isfinite(number) && std::abs(number) > std::numeric_limits<Number>::max()) {
+        throw py::value_error(what + ": the number does not fit its type");
+    }
     return imageOf(static_cast<Number>(number));
 }
 
@@ -200,6 +214,9 @@ Bytes encodeDate(const py::handle& value, const std::string& what) {
         rest += kMicroseconds;
         --seconds;
     }
+    if (seconds < -(std::int64_t{1} << 32)) {
+        throw py::value_error(what + ": the time is before 1833-11-24, the first that can be sent");
+    }
     const std::array<std::uint32_t, 3> words = {static_cast<std::uint32_t>((seconds >> 32) & 0xff),
                                                 static_cast<std::uint32_t>(seconds),
                                                 static_cast<std::uint32_t>(rest)};
@@ -242,6 +259,23 @@ Encoded encodeAs(const std::string& name, const py::handle& value, const std::st
 
 RvMsg messageAt(const py::handle& fields, const std::string& what, int nesting);
 
+// How many levels of messages are in one.
+int levelsIn(const RvMsg& message) {
+    int levels = 0;
+    RvMsgIterator walk(message);
+    while (const RvDatum* const datum = walk.next()) {
+        if (datum->type() == RVMSG_MSG) {
+            levels = std::max(levels, 1 + levelsIn(nestedOf(*datum).base()));
+        }
+    }
+    return levels;
+}
+
+Encoded encodeMessage(const py::handle& value, const std::string& what, int nesting) {
+    const RvMsg nested = messageAt(value, what, nesting + 1);
+    return {RVMSG_MSG, {static_cast<const char*>(nested.data()), nested.size()}};
+}
+
 Encoded encodeInt(const py::handle& value, const std::string& what) {
     const py::int_ low(std::numeric_limits<std::int32_t>::min());
     const py::int_ high(std::numeric_limits<std::int32_t>::max());
@@ -268,8 +302,7 @@ Encoded encode(const py::handle& value, const std::string& what, int nesting) {
         wrongType(what, value,
                   "a message holds str, int, float, bool, bytes, datetime and messages");
     }
-    const RvMsg nested = messageAt(value, what, nesting + 1);
-    return {RVMSG_MSG, {static_cast<const char*>(nested.data()), nested.size()}};
+    return encodeMessage(value, what, nesting);
 }
 
 void append(RvMsg& message, const py::handle& name, const py::handle& value, const py::handle& type,
@@ -280,9 +313,10 @@ void append(RvMsg& message, const py::handle& name, const py::handle& value, con
     if (key.find('\0') != std::string::npos) {
         throw py::value_error(argument + ": a zero byte in the name of a field");
     }
-    const Encoded encoded = type.is_none() || bytesOfText(py::str(type)) == "message"
-                                ? encode(value, what, nesting)
-                                : encodeAs(bytesOfText(py::str(type)), value, what);
+    const std::string as = type.is_none() ? "" : bytesOfText(py::str(type));
+    const Encoded encoded = type.is_none()    ? encode(value, what, nesting)
+                            : as == "message" ? encodeMessage(value, what, nesting)
+                                              : encodeAs(as, value, what);
     const void* const data = encoded.bytes.empty() ? "" : encoded.bytes.data();
     const RvStatus status = message.append(key.c_str(), encoded.type,
                                            static_cast<rvmsg_Size>(encoded.bytes.size()), data);
@@ -290,8 +324,12 @@ void append(RvMsg& message, const py::handle& name, const py::handle& value, con
 }
 
 RvMsg messageAt(const py::handle& fields, const std::string& what, int nesting) {
-    if (nesting > kMostNesting) throw py::value_error(what + ": messages nested too deep");
-    if (py::isinstance<Message>(fields)) return fields.cast<const Message&>().base();
+    const bool isMade = py::isinstance<Message>(fields);
+    const int levels = isMade && nesting > 0 ? levelsIn(fields.cast<const Message&>().base()) : 0;
+    if (nesting + levels > kMostNesting) {
+        throw py::value_error(what + ": messages nested too deep");
+    }
+    if (isMade) return fields.cast<const Message&>().base();
     RvMsg message;
     const bool isMapping = py::hasattr(fields, "items");
     if (!isMapping && (PyUnicode_Check(fields.ptr()) || !py::hasattr(fields, "__iter__"))) {

@@ -2,6 +2,7 @@
 // checks arguments and gives names.
 
 #include <chrono>
+#include <utility>
 
 #include "python/module/Client.h"
 #include "python/module/Failure.h"
@@ -28,7 +29,7 @@ void define(py::module_& module) {
     module.doc() = "What the package kvxmom stands on; for that package only.";
     py::register_exception_translator([](std::exception_ptr thrown) {
         try {
-            if (thrown) std::rethrow_exception(thrown);
+            if (thrown) std::rethrow_exception(std::move(thrown));
         } catch (const Failure& failure) {
             setException(failure);
         }

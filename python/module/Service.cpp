@@ -27,41 +27,77 @@ class Asked {
     Asked(const Question& question, Reply& reply, kvx::Service& service)
         : text_(question.text),
           replySubject_(question.replySubject),
-          reply_(&reply),
-          service_(service) {}
+          service_(service),
+          reply_(&reply) {}
 
     [[nodiscard]] py::str text() const { return textOfBytes(text_); }
     [[nodiscard]] py::str replySubject() const { return textOfBytes(replySubject_); }
-    [[nodiscard]] bool isWanted() const { return reply_ != nullptr && reply_->isWanted(); }
+    [[nodiscard]] bool isWanted() const {
+        const WithoutGil withoutGil;
+        const std::lock_guard guard(mutex_);
+        return reply_ != nullptr && reply_->isWanted();
+    }
 
     void asOf(const std::pair<std::uint64_t, std::uint64_t>& stamp, const std::string& table) {
-        if (reply_ == nullptr) throw Failure(Error{Errc::Ended, "it has been answered", "as_of"});
         const WithoutGil withoutGil;
+        const std::lock_guard guard(mutex_);
+        if (reply_ == nullptr) throw Failure(Error{Errc::Ended, "it has been answered", "as_of"});
         reply_->asOf({stamp.first, stamp.second}, service_.changes().source(table));
     }
-    void end() { reply_ = nullptr; }
+    // Whoever keeps it learns that it has been answered.
+    void end() {
+        const WithoutGil withoutGil;
+        const std::lock_guard guard(mutex_);
+        reply_ = nullptr;
+    }
 
   private:
     const std::string text_;
     const std::string replySubject_;
-    Reply* reply_;
     kvx::Service& service_;
+    mutable std::mutex mutex_;
+    Reply* reply_;  // guarded by mutex_; null when it has been answered
 };
 
-// Sends the rows that the iterator gives, a packet at a time. False when nobody wants more.
-bool sendRows(Reply& reply, const py::iterator& rows) {
-    py::iterator row = rows;
-    while (row != py::iterator::sentinel()) {
+// The next of an iterator, or none.
+py::object nextOf(const py::iterator& rows) {
+    PyObject* const row = stayingAtTheEnd([&] { return PyIter_Next(rows.ptr()); });
+    if (row == nullptr && PyErr_Occurred() != nullptr) throw py::error_already_set();
+    return py::reinterpret_steal<py::object>(row);
+}
+
+// Sends the rows that the iterator gives, a packet at a time, while somebody wants them.
+void sendRows(Reply& reply, const py::iterator& rows) {
+    while (true) {
         std::vector<Record> records;
-        for (; row != py::iterator::sentinel() && records.size() < kRowsAtOnce; ++row) {
-            records.push_back(recordOf(*row, "row"));
+        while (records.size() < kRowsAtOnce) {
+            const py::object row = nextOf(rows);
+            if (!row) break;
+            records.push_back(recordOf(row, "row"));
         }
+        if (records.empty()) return;
         const WithoutGil withoutGil;
         for (const Record& record : records) {
-            if (!reply.row(record)) return false;
+            if (!reply.row(record)) return;
         }
     }
-    return true;
+}
+
+// What a function raised may raise itself when it is asked for its text.
+std::string wordsOf(const py::handle& object) {
+    try {
+        return bytesOfText(py::str(object));
+    } catch (const py::error_already_set&) {
+        return {};
+    }
+}
+
+int positionOf(const py::handle& refused) {
+    try {
+        return refused.attr("position").cast<int>();
+    } catch (const std::exception&) {
+        return 0;
+    }
 }
 
 void refuseWith(py::error_already_set& error, const Function& function, Reply& reply) {
@@ -69,35 +105,41 @@ void refuseWith(py::error_already_set& error, const Function& function, Reply& r
     std::string why;
     int position = 0;
     if (error.matches(refused)) {
-        why = bytesOfText(py::str(error.value().attr("text")));
-        position = error.value().attr("position").cast<int>();
+        why = wordsOf(error.value().attr("text"));
+        position = positionOf(error.value());
     } else {
-        why = std::string(Py_TYPE(error.value().ptr())->tp_name) + ": " +
-              bytesOfText(py::str(error.value()));
+        why = std::string(Py_TYPE(error.value().ptr())->tp_name) + ": " + wordsOf(error.value());
         function.report(error);
     }
     const WithoutGil withoutGil;
     reply.refuse(why, position);
 }
 
+void answerHere(const Function& function, const std::shared_ptr<Asked>& asked, Reply& reply) {
+    try {
+        const py::object rows = callPython(function.get(), py::make_tuple(asked));
+        if (!rows.is_none()) sendRows(reply, py::iter(rows));
+    } catch (py::error_already_set& error) {
+        refuseWith(error, function, reply);
+    } catch (const py::builtin_exception& error) {
+        error.set_error();
+        py::error_already_set raised;
+        refuseWith(raised, function, reply);
+    }
+}
+
 // On a thread of the service.
 void answer(const Function& function, const Question& question, Reply& reply,
             kvx::Service& service) {
     if (!mayTakeGil()) return reply.refuse("the service is ending");
-    const py::gil_scoped_acquire gil;
-    const InsideCall inside;
     const auto asked = std::make_shared<Asked>(question, reply, service);
-    try {
-        const py::object rows = function.get()(asked);
-        if (!rows.is_none()) sendRows(reply, py::iter(rows));
-    } catch (py::error_already_set& error) {
-        refuseWith(error, function, reply);
-    } catch (const std::exception& error) {
-        PyErr_SetString(PyExc_TypeError, error.what());
-        py::error_already_set raised;
-        refuseWith(raised, function, reply);
-    }
-    asked->end();
+    const auto end = [](Asked* ended) { ended->end(); };
+    const std::unique_ptr<Asked, decltype(end)> ending(asked.get(), end);
+    stayingAtTheEnd([&] {
+        const WithGil gil;
+        const InsideCall inside;
+        answerHere(function, asked, reply);
+    });
 }
 
 // --- The service -------------------------------------------------------------------------------
@@ -109,7 +151,18 @@ class Host {
     Call perform(const std::string& tried, std::function<Result<>(kvx::Service&)> job) {
         auto doer = std::make_shared<Call::Doer>(tried);
         Call call(*doer);
-        add([doer, job = std::move(job)](kvx::Service& service) { doer->finish(job(service)); });
+        const WithoutGil withoutGil;
+        std::unique_lock lock(mutex_);
+        if (!hasBegun_ && !isEnding_) {
+            jobs_.emplace_back([doer, job = std::move(job)](kvx::Service& service) {
+                doer->finish(job(service));
+            });
+            changed_.notify_all();
+            return call;
+        }
+        const bool isLate = hasBegun_ && !isEnding_;
+        lock.unlock();
+        if (isLate) doer->finish(tl::unexpected(Error{Errc::InvalidArgument, kLate, tried}));
         return call;
     }
 
@@ -152,16 +205,10 @@ class Host {
     }
 
   private:
+    static constexpr const char* kLate = "the service runs; what it does is given before";
+
     static Result<> notAll() {
         return tl::unexpected(Error{Errc::Lost, "not all could be heard or sent", "run"});
-    }
-
-    void add(std::function<void(kvx::Service&)> job) {
-        const WithoutGil withoutGil;
-        const std::lock_guard guard(mutex_);
-        if (hasBegun_ || isEnding_) return;
-        jobs_.push_back(std::move(job));
-        changed_.notify_all();
     }
 
     Call awaitEnd(const std::string& tried, bool runs) {
@@ -228,10 +275,9 @@ class Host {
 
 class ServiceHandle final : public OpenThing {
   public:
+    // When the last one lets go of `host`, the service ends.
     explicit ServiceHandle(std::shared_ptr<Host> host) : host_(std::move(host)) {}
-    ~ServiceHandle() override {
-        if (!isForkedWhileOpen()) static_cast<void>(host_->end());
-    }
+    ~ServiceHandle() override { letGo(host_, origin()); }
 
     void beginEnd() override { static_cast<void>(host_->end()); }
 
@@ -281,9 +327,10 @@ class ServiceHandle final : public OpenThing {
         return host_->run();
     }
     Call close() {
-        if (isForkedWhileOpen()) return perform("close", {});
         forget();
-        return host_->end();
+        if (!origin().isHere()) return Call::done("close");
+        Call call = host_->end();
+        return InsideCall::isInside() ? Call::done("close") : call;
     }
     void stop() {
         checkProcess();
@@ -316,6 +363,8 @@ class ServiceHandle final : public OpenThing {
     void commit(const py::iterable& changes, const py::object& apply) {
         std::vector<Record> records;
         for (const py::handle change : changes) records.push_back(recordOfChange(change));
+        requireOutsideChanges("commit");
+        const auto alone = lockWithSignals<std::unique_lock<std::shared_timed_mutex>>(changing_);
         std::optional<py::error_already_set> raised;
         Result<> committed;
         use("commit", [&](kvx::Service& service) {
@@ -329,6 +378,8 @@ class ServiceHandle final : public OpenThing {
     }
 
     py::tuple read(const py::object& take) {
+        requireOutsideChanges("read");
+        const auto still = lockWithSignals<std::shared_lock<std::shared_timed_mutex>>(changing_);
         std::optional<py::error_already_set> raised;
         py::object taken = py::none();
         Stamp stamp;
@@ -375,23 +426,33 @@ class ServiceHandle final : public OpenThing {
         if (!host_->use(work)) throw Failure(Error{Errc::Ended, "the service is closed", tried});
     }
 
+    static void requireOutsideChanges(const char* tried) {
+        if (!isChanging) return;
+        throw Failure(
+            Error{Errc::InvalidArgument, "called by a function of commit or read", tried});
+    }
+
     // Calls a function of the caller, whose thread this is, without the GIL until then.
     static bool callHere(const py::object& function, std::optional<py::error_already_set>& raised,
                          py::object* result = nullptr) {
         if (!mayTakeGil()) return false;
-        const py::gil_scoped_acquire gil;
+        const WithGil gil;
         const InsideCall inside;
+        isChanging = true;
         try {
-            py::object given = function();
+            py::object given = callPython(function, py::tuple());
             if (result != nullptr) *result = std::move(given);
-            return true;
         } catch (const py::error_already_set& error) {
             raised.emplace(error);
-            return false;
         }
+        isChanging = false;
+        return !raised;
     }
 
-    const std::shared_ptr<Host> host_;
+    inline static thread_local bool isChanging = false;
+
+    std::shared_timed_mutex changing_;  // before the lock of the changes, which ignores signals
+    std::shared_ptr<Host> host_;
 };
 
 Call openService(const std::string& name, const std::string& domain, const std::string& service,

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "python/module/Failure.h"
+#include "python/module/Gil.h"
 
 namespace kvx::python {
 
@@ -134,6 +135,9 @@ Record recordOf(const py::handle& row, const std::string& argument) {
     }
     if (!py::hasattr(row, "items")) wrongType(argument, row, "a row is a mapping");
     for (const py::handle item : row.attr("items")()) {
+        if (!PyTuple_Check(item.ptr()) || PyTuple_GET_SIZE(item.ptr()) != 2) {
+            wrongType(argument, item, "an item is a tuple of name and value");
+        }
         const auto pair = py::reinterpret_borrow<py::tuple>(item);
         setField(record, pair[0], pair[1], argument);
     }
@@ -143,8 +147,9 @@ Record recordOf(const py::handle& row, const std::string& argument) {
 py::object changeOfRecord(const Record& record, RowMaker& rows, bool isResynchronised) {
     const auto change = changeOf(record);
     const char* const kind = change ? wordOf(*change) : "changed";
-    return types().change(kind, rows.rowOf(change ? rowOf(record) : record),
-                          textOfBytes(change ? tableOf(record) : ""), isResynchronised);
+    return callPython(types().change,
+                      py::make_tuple(kind, rows.rowOf(change ? rowOf(record) : record),
+                                     textOfBytes(change ? tableOf(record) : ""), isResynchronised));
 }
 
 Record recordOfChange(const py::handle& change) {

@@ -84,6 +84,13 @@ Call::Call(Doer& doer) : state_(std::make_shared<Doer::State>()) {
     doer.state_ = state_;
 }
 
+Call Call::done(std::string tried) {
+    Doer doer(std::move(tried));
+    Call call(doer);
+    doer.finish(kvx::Result<>());
+    return call;
+}
+
 py::object Call::wait() {
     try {
         if (!isDone(py::none())) {
@@ -115,9 +122,9 @@ bool Call::isDone(const py::object& whenDone) {
 }
 
 void Call::drop() {
+    const WithoutGil withoutGil;  // also while the result goes, which may wait for a thread
     Result result;
     Function whenDone;
-    const WithoutGil withoutGil;
     const std::lock_guard guard(state_->mutex);
     state_->isDropped = true;
     result.swap(state_->result);

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 
 #include "python/module/Failure.h"
 #include "python/module/Gil.h"
@@ -26,13 +27,14 @@ void requireMayWait();
 /// Runs the handlers of signals that have come, which may raise. GIL held.
 void handleSignals();
 
+/// For how long a wait leaves the handlers of signals, which nothing else wakes, waiting.
+inline constexpr std::chrono::milliseconds kSlice{50};
+
 /// Waits without the GIL for `isDone`, which is asked under `mutex`; false at the deadline. The
 /// handlers of signals run meanwhile, and what they raise is thrown. GIL held.
 template <class Done>
 bool waitUntil(std::mutex& mutex, std::condition_variable& changed, const Deadline& deadline,
                Done isDone) {
-    // A signal's handler of Python needs this thread to come back; nothing else wakes it.
-    constexpr std::chrono::milliseconds kSlice{50};
     requireMayWait();
     while (true) {
         const auto now = std::chrono::steady_clock::now();
@@ -46,6 +48,20 @@ bool waitUntil(std::mutex& mutex, std::condition_variable& changed, const Deadli
         if (isReady) return true;
         handleSignals();
         if (deadline && std::chrono::steady_clock::now() >= *deadline) return false;
+    }
+}
+
+/// Locks without the GIL. The handlers of signals run meanwhile, and what they raise is thrown. GIL
+/// held.
+template <class Lock>
+Lock lockWithSignals(std::shared_timed_mutex& mutex) {
+    Lock lock(mutex, std::defer_lock);
+    while (true) {
+        {
+            const WithoutGil withoutGil;
+            if (lock.try_lock_for(kSlice)) return lock;
+        }
+        handleSignals();
     }
 }
 
@@ -74,6 +90,8 @@ class Call {
     };
 
     explicit Call(Doer& doer);
+    /// One that has ended well.
+    static Call done(std::string tried);
 
     /// Waits for its end. When a signal's handler raises, what comes of it is dropped. GIL held.
     py::object wait();

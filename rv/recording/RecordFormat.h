@@ -9,7 +9,7 @@
 
 #include "rv/message/WireReader.h"
 
-/// The bytes of a recording, as docs/recorder-format.md describes them: a head, and a ring of
+/// The bytes of a recording, as kvx-recording(5) describes them: a head, and a ring of
 /// records. Numbers are big-endian.
 namespace kvx::recording {
 

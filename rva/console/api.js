@@ -9,6 +9,7 @@ export class ApiError extends Error {
   }
 }
 
+const kGetMs = 8000;
 const json = { "Content-Type": "application/json" };
 
 async function fail(answer) {
@@ -22,7 +23,7 @@ async function fail(answer) {
 }
 
 export async function get(path) {
-  const answer = await fetch(path, { cache: "no-store" });
+  const answer = await fetch(path, { cache: "no-store", signal: AbortSignal.timeout(kGetMs) });
   return answer.ok ? answer.json() : fail(answer);
 }
 
@@ -50,9 +51,9 @@ export async function query({ service, text, timeout_ms = 15000 }, take, signal)
     for (const line of lines) {
       if (line === "") continue;
       const one = JSON.parse(line);
-      if (one.row) rows.push(one.row);
-      else if (one.error) end = one;
-      else if (one.end) end = one;
+      // A column may be called "constructor": a row has the names that came, and no others.
+      if (one.row) rows.push(Object.setPrototypeOf(one.row, null));
+      else if (one.error || one.end) end = one;
     }
     await take(rows, value.length);
     if (end?.error) throw new ApiError(end.error);
@@ -62,7 +63,8 @@ export async function query({ service, text, timeout_ms = 15000 }, take, signal)
 
 // Server-sent events of `path`, for as long as the page is open: the browser resumes a short break by itself
 // (Last-Event-ID); where it gives up, and after the computer has slept, the stream is opened anew and the agent
-// sends the whole state. `handlers` has a function for each event, and `$open`, `$lost` for the connection.
+// sends the whole state. `handlers` has a function for each event, and `$open`, `$lost` for the connection: what
+// comes between them may be missing.
 export class Stream {
   constructor(path, handlers) {
     this.path = path;
@@ -87,7 +89,10 @@ export class Stream {
 
   open() {
     clearTimeout(this.again);
-    this.source?.close();
+    if (this.source && this.source.readyState !== EventSource.CLOSED) {
+      this.source.close();
+      this.handlers.$lost?.();
+    }
     const source = (this.source = new EventSource(this.path));
     source.onopen = () => {
       this.wait = 500;
@@ -108,7 +113,7 @@ export class Stream {
     this.source.close();
     clearTimeout(this.again);
     this.again = setTimeout(() => this.open(), this.wait);
-    this.wait = Math.min(this.wait * 2, 10000);
+    this.wait = Math.min(this.wait * 2, 5000);
   }
 
   close() {

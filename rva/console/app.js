@@ -41,7 +41,14 @@ function setUpTabs() {
       show(name, true);
     });
   }
-  window.addEventListener("hashchange", () => show(viewOfAddress()));
+  window.addEventListener("hashchange", () => {
+    show(viewOfAddress());
+    scrollTo(0, 0); // the browser has scrolled to the element of that name, beyond the tabs
+  });
+  document.querySelector(".skip").addEventListener("click", (event) => {
+    event.preventDefault();
+    document.querySelector("main > :not([hidden])").focus();
+  });
   show(viewOfAddress());
 }
 
@@ -110,25 +117,18 @@ class Page {
   }
 
   open() {
-    this.groups = new Stream("/api/listen?subject=_RVFT.%3E", { message: (one) => this.services.hearGroup(one) });
     this.events = new Stream("/api/events", {
       $open: () => {
         this.link.setAgent("there");
         this.bus.fetchHistory().catch(() => {});
       },
       $lost: () => {
-        this.link.setAgent("lost");
-        this.checkLogin();
+        // While the bus is away the agent opens no stream.
+        if (this.link.bus?.connected !== false) this.link.setAgent("lost");
+        this.check();
       },
-      bus: (bus) => {
-        this.link.setBus(bus);
-        this.services.setConnected(bus.connected);
-      },
-      services: (change) => {
-        this.services.take(change);
-        const names = new Set([...this.services.rows.values()].map(({ service }) => service));
-        this.ask.setServices([...names].sort());
-      },
+      bus: (bus) => this.setBus(bus),
+      services: (change) => this.takeServices(change),
       traffic: (traffic) => this.bus.take(traffic),
       history: (entry) => this.bus.addHistory(entry),
     });
@@ -136,9 +136,8 @@ class Page {
 
   close() {
     this.events?.close();
-    this.groups?.close();
     if (this.watch.stream) this.watch.stop();
-    this.events = this.groups = undefined;
+    this.events = undefined;
   }
 
   // Shows the form when the agent wants a token that this browser does not have; else opens the streams.
@@ -153,11 +152,36 @@ class Page {
     else byId("token").focus();
   }
 
-  async checkLogin() {
-    const login = await get("/api/login").catch(() => undefined);
-    if (!login?.needed || login.in || !this.events) return;
-    this.close();
-    this.start();
+  // Why there are no events: no agent, no token any more, or no bus.
+  async check() {
+    try {
+      const login = await get("/api/login");
+      if (!this.events) return;
+      if (login.needed && !login.in) {
+        this.close();
+        this.start();
+        return;
+      }
+      const [bus, { services }] = await Promise.all([get("/api/bus"), get("/api/services")]);
+      if (bus.connected || !this.events) return;
+      this.link.setAgent("there");
+      this.setBus(bus);
+      this.bus.take(bus);
+      this.takeServices({ whole: true, services });
+    } catch {
+      this.link.setAgent("lost");
+    }
+  }
+
+  setBus(bus) {
+    this.link.setBus(bus);
+    this.services.setConnected(bus.connected);
+  }
+
+  takeServices(change) {
+    this.services.take(change);
+    const names = new Set([...this.services.rows.values()].map(({ service }) => service));
+    this.ask.setServices([...names].sort());
   }
 
   setIn(isIn) {

@@ -43,8 +43,7 @@ export class AskView {
     byId("ask-history").addEventListener("change", (event) => {
       const chosen = this.history[event.target.value];
       if (chosen) [this.service.value, this.text.value] = [chosen.service, chosen.text];
-      event.target.value = "";
-      this.text.focus();
+      this.showError();
     });
     const filter = throttled(150, () => {
       this.table.setFilter(byId("ask-filter").value);
@@ -126,6 +125,7 @@ export class AskView {
 
   setRunning(isRunning) {
     if (!isRunning) this.running = undefined;
+    if (!isRunning && document.activeElement === byId("ask-cancel")) byId("ask-run").focus();
     byId("ask-cancel").disabled = !isRunning;
     const nothing = this.table.all.length === 0;
     for (const id of ["ask-copy", "ask-csv", "ask-json"]) byId(id).disabled = isRunning || nothing;
@@ -155,16 +155,20 @@ export class AskView {
     this.text.toggleAttribute("aria-invalid", error !== undefined);
     if (error === undefined) return;
     if (this.text.hasAttribute("aria-invalid")) this.text.setAttribute("aria-invalid", "true");
-    box.append(element("p", {}, `${error instanceof ApiError ? `${error.code}: ` : ""}${error.message}`));
+    const text = `${error instanceof ApiError ? `${error.code}: ` : ""}${error.message}`;
+    box.append(element("p", {}, text));
     if (error.position === undefined) return;
     const place = this.lead + placeOf(this.asked.slice(this.lead), error.position);
-    const line = this.asked.lastIndexOf("\n", place - 1) + 1;
-    const end = this.asked.indexOf("\n", place);
-    const shown = this.asked.slice(line, end === -1 ? undefined : end);
-    box.append(element("pre", {}, shown.slice(0, place - line), element("mark", {}, shown[place - line] ?? " "),
-      shown.slice(place - line + 1)));
+    const line = place === 0 ? 0 : this.asked.lastIndexOf("\n", place - 1) + 1;
+    const before = this.asked.slice(line, place);
+    const [rest] = this.asked.slice(place).split("\n", 1);
+    const [wrong] = /^[\p{L}\p{N}_]+|^[^]|$/u.exec(rest);
+    setText(box.firstChild, `${text}, at line ${this.asked.slice(0, line).split("\n").length}, column ` +
+      `${[...before].length + 1}`);
+    box.append(element("pre", {}, before, element("mark", {}, wrong || " "), rest.slice(wrong.length)));
+    if (this.text.value !== this.asked) return;
     this.text.focus();
-    this.text.setSelectionRange(place, Math.min(place + 1, this.asked.length));
+    this.text.setSelectionRange(place, place + wrong.length);
   }
 
   async copy() {

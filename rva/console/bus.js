@@ -25,6 +25,9 @@ const kCharts = [
 const whoIs = (session) => session.program ? `${session.program} [${session.pid}]` : session.name || "(not yet named)";
 const lossesOf = (session) => Object.keys(kCauses).reduce((sum, cause) => sum + Number(session[cause] ?? 0), 0);
 
+const stateOfHost = ({ self, up }) => self ? (up ? "this host" : "this host, no engine") : up ? "up" : "gone";
+const trafficOf = ({ messages = 0, bytes: size = 0 } = {}) => `${plural(messages, "message")}, ${bytes(size)}`;
+
 // The last hour of some series as a line chart; a picture for those who see it, and its figures in words.
 class Chart {
   constructor(parent, { title, series, format, alarm }) {
@@ -121,12 +124,17 @@ export class BusView {
       ],
     });
     this.hosts = new SmallTable(byId("bus-hosts"), {
-      label: "Hosts", key: (row) => JSON.stringify([row.host, row.name, row.address]),
+      label: "Hosts", key: (row) => String(row.host),
+      rowState: (row) => (row.up ? "" : "bad"),
       empty: "No bridge joins this host to others.",
       columns: [
-        { title: "Host", text: (row) => String(row.host ?? row.name ?? "") },
-        { title: "What is said of it", text: (row) => Object.entries(row).filter(([key]) => key !== "host")
-          .map(([key, value]) => `${key} ${typeof value === "object" ? JSON.stringify(value) : value}`).join(", ") },
+        { title: "Host", text: (row) => String(row.host) },
+        { title: "State", text: stateOfHost },
+        { title: "Since", text: (row) => (row.since ? clock(Date.parse(row.since)) : "") },
+        { title: "Round trip", kind: "number", text: (row) => (row.rtt_us == null ? "" : nanoseconds(row.rtt_us * 1000)) },
+        { title: "In", kind: "number", text: (row) => trafficOf(row.in) },
+        { title: "Out", kind: "number", text: (row) => trafficOf(row.out) },
+        { title: "Lost", text: (row) => Object.entries(row.lost ?? {}).map(([cause, lost]) => `${count(lost)} ${cause}`).join(", ") },
       ],
     });
     new ResizeObserver(() => this.drawCharts()).observe(byId("bus-charts"));

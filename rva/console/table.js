@@ -62,8 +62,10 @@ const kTallest = 8_000_000; // pixels; browsers cut off taller elements
 export function textOf(value) {
   if (value === null || value === undefined) return "";
   if (typeof value !== "object") return String(value);
-  return value.integer ?? value.bytes ?? value.base64 ?? JSON.stringify(value);
+  return value.integer ?? (value.bytes === undefined ? undefined : hexOf(value.bytes)) ?? value.base64 ??
+    JSON.stringify(value);
 }
+const hexOf = (base64) => Array.from(atob(base64), (one) => one.charCodeAt(0).toString(16).padStart(2, "0")).join("");
 const isNumber = (value) => typeof value === "number" || value?.integer !== undefined;
 const collator = new Intl.Collator("en", { numeric: true });
 
@@ -136,6 +138,7 @@ export class RowTable {
 
   setFilter(text) {
     this.filter = text.toLowerCase();
+    this.grid.scrollTop = 0;
     this.arrange();
     this.resize();
   }
@@ -144,6 +147,7 @@ export class RowTable {
     const same = this.sort?.name === name;
     if (same && this.sort.down) this.sort = undefined;
     else this.sort = { name, down: same };
+    this.grid.scrollTop = 0;
     this.arrange();
     this.layout();
   }
@@ -264,7 +268,8 @@ export class RowTable {
 
 // Rows as text: RFC 4180 with commas, or with tabs for spreadsheets and terminals.
 export function separated(columns, rows, separator = ",") {
-  const quoted = (text) => (/[",\r\n\t]/.test(text) ? `"${text.replaceAll('"', '""')}"` : text);
+  const needsQuotes = separator === "," ? /[",\r\n]/ : /["\t\r\n]/;
+  const quoted = (text) => (needsQuotes.test(text) ? `"${text.replaceAll('"', '""')}"` : text);
   const line = (values) => values.map(quoted).join(separator);
   const body = rows.map((row) => line(columns.map((name) => textOf(row[name]))));
   return (separator === "," ? [line(columns), ...body].join("\r\n") + "\r\n" : body.join("\n"));

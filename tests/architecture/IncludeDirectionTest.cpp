@@ -50,12 +50,13 @@ const std::map<std::string, Rooms>& allowedRooms() {
         {"mom/engine", with(belowMom, {"mom/base", "mom/config", "mom/net", "mom/transport"})},
         {"mom/timed", with(belowMom, {"mom/base", "mom/engine"})},
         {"mom", belowMomAndMom},
-        {"rvd", {"platform", "rv/message", "rv/error", "rv/wire", "rv/recording"}},
-        {"rvbridge", with(belowMom, {"mom/config"})},
+        {"commandline", {"platform"}},
+        {"rvd", {"commandline", "platform", "rv/message", "rv/error", "rv/wire", "rv/recording"}},
+        {"rvbridge", with(belowMom, {"commandline", "mom/config"})},
         {"kvx", libraries},
-        {"tools", withKvx},
-        {"rva", with(withKvx, {"tools"})},
-        {"examples", withKvx},
+        {"tools", with(withKvx, {"commandline"})},
+        {"rva", with(withKvx, {"commandline", "tools"})},
+        {"examples", with(withKvx, {"commandline"})},
         {"python", withKvx},
     };
     return table;
@@ -83,8 +84,8 @@ bool isSource(const fs::path& file) {
 void eachInclude(const std::regex& pattern,
                  const std::function<void(const std::string&, const std::string&)>& visit) {
     const fs::path root = KVX_SOURCE_DIR;
-    for (const char* top : {"platform", "foundation", "rv", "lib", "rvd", "rvbridge", "tools",
-                            "rva", "examples", "python"}) {
+    for (const char* top : {"platform", "foundation", "rv", "lib", "commandline", "rvd", "rvbridge",
+                            "tools", "rva", "examples", "python"}) {
         for (const auto& entry : fs::recursive_directory_iterator(root / top)) {
             if (!entry.is_regular_file() || !isSource(entry.path())) continue;
             std::ifstream in(entry.path());

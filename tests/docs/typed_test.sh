@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Types the commands of a page as its reader would: typed_test.sh PAGE FOLDER_OF_THE_PROGRAMS
 #
-# The commands are the lines that begin with "$ " inside those fences that begin with "$ ./". All are
-# run in one shell; after each, every line that the page shows below it must come, in this order. Numbers may
+# The commands are the lines that begin with "$ " inside those fences that begin with "$ ./", and, where
+# the package for Python is built, with "$ export PYTHONPATH". All are run in one shell; after each, every line that the page shows below it must come, in this order. Numbers may
 # differ. The page's port is replaced by a free one.
 set -u
 page=$1
@@ -42,7 +42,10 @@ command=
 while IFS= read -r line <&3; do
     case $line in
         '```') command= typed= ;;
-        '$ '*) [[ $line == '$ ./'* && $before == '```' ]] && typed=yes
+        '$ '*) [[ $before == '```' ]] && case $line in
+                '$ ./'*) typed=yes ;;
+                '$ export PYTHONPATH'*) [ -e ../python/kvxmom/__init__.py ] && typed=yes ;;
+            esac
             [ -n "$typed" ] || continue
             command=${line#??}
             commands=$((commands + 1))

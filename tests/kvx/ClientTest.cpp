@@ -182,6 +182,52 @@ TEST(AnswerTest, PaysForTheNamesOfItsSource) {
 }
 
 // Four threads call and five subscriptions come and go while the client ends.
+TEST_F(ClientTest, TellsWhatNobodyWaitsFor) {
+    startService();
+    std::promise<std::thread::id> posted;
+    std::promise<void> goOn;
+    ASSERT_TRUE(client.post([&] {
+        posted.set_value(std::this_thread::get_id());
+        goOn.get_future().wait();
+    }));
+    const auto loop = posted.get_future().get();
+    const auto here = std::this_thread::get_id();
+
+    auto rows = client.stream("Links", "core-1");
+    std::promise<std::thread::id> ready;
+    EXPECT_FALSE(rows.isReady([] { FAIL() << "it was replaced"; }));
+    EXPECT_FALSE(rows.isReady([&] { ready.set_value(std::this_thread::get_id()); }));
+    goOn.set_value();
+    EXPECT_EQ(ready.get_future().get(), loop);
+    EXPECT_TRUE(rows.isReady([] { FAIL() << "it is ready"; }));
+    EXPECT_TRUE(**rows.next() == (Record{{"name", "core-1"}, {"state", "up"}}));
+    auto unanswered = client.stream("Nobody", "");
+    std::thread::id cancelledBy;
+    EXPECT_FALSE(unanswered.isReady([&] { cancelledBy = std::this_thread::get_id(); }));
+    unanswered.cancel();
+    EXPECT_EQ(cancelledBy, here);
+    EXPECT_EQ(unanswered.next().error().code, Errc::Ended);
+
+    using Told = std::pair<std::thread::id, Errc>;
+    const auto told = [&](std::string_view subject, std::chrono::milliseconds timeout) {
+        auto promise = std::make_shared<std::promise<Told>>();  // set twice it would throw
+        client.requestAsync(
+            subject, {},
+            [promise](const Result<Message>& reply) {
+                promise->set_value({std::this_thread::get_id(), reply.error().code});
+            },
+            timeout);
+        return promise->get_future();
+    };
+    EXPECT_EQ(told("NOBODY", 50ms).get(), Told(loop, Errc::TimedOut));
+    EXPECT_EQ(told("NO..BODY", 50ms).get().second, Errc::InvalidArgument);
+    auto waiting = told("NOBODY", 60s);
+    client.end();
+    EXPECT_EQ(waiting.get().second, Errc::Ended);
+    EXPECT_EQ(told("NOBODY", 60s).get(), Told(here, Errc::Ended));
+    EXPECT_EQ(client.post([] { FAIL(); }).error().code, Errc::Ended);
+}
+
 TEST_F(ClientTest, EndsWhileManyThreadsUseIt) {
     const auto echo = client.listen("ECHO", [&](const Delivery& delivery) {
         if (!delivery.replySubject.empty()) {

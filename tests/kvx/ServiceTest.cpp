@@ -39,6 +39,25 @@ TEST_F(ServiceTest, RunsOnceAndDoesWhatWasPostedBefore) {
     EXPECT_EQ(service->notify(Record{{"a", 1}}).error().code, Errc::Ended);
 }
 
+TEST_F(ServiceTest, LeavesSignalsToAProgramThatWantsThem) {
+    static std::atomic<int> caught{0};
+    const auto count = +[](int) { ++caught; };
+    const auto before = std::signal(SIGTERM, count);
+    auto service = Service::open("Links", {.endsBySignals = false});
+    bool stillRuns = false;
+    service->onRole([&](bool) {
+        std::raise(SIGTERM);
+        EXPECT_TRUE(service->post([&] {
+            stillRuns = true;
+            service->stop();
+        }));
+    });
+    EXPECT_EQ(service->run(), 0);
+    EXPECT_TRUE(stillRuns);
+    EXPECT_GT(caught, 0);
+    EXPECT_EQ(std::signal(SIGTERM, before), count);
+}
+
 TEST_F(ServiceTest, NeedsNotRun) {
     auto service = std::make_unique<Service>(*Service::open("Links", {.group = "links"}));
     service->onQuery([](const Question&, Reply&) {});

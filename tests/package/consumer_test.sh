@@ -37,6 +37,12 @@ LD_LIBRARY_PATH=$libdir "$work/in_c" null
 echo "every installed program starts, and the units start them"
 for program in rvd rvbridge kvx modeld; do "$work/prefix/bin/$program" --version; done
 "$work/prefix/bin/rva" -version
+for program in kvx modeld rva rvbridge rvd; do
+    for file in man/man1/$program.1 bash-completion/completions/$program \
+        fish/vendor_completions.d/$program.fish zsh/site-functions/_$program; do
+        [ -s "$work/prefix/share/$file" ]
+    done
+done
 for program in rvd rvbridge rva; do
     grep -q "^ExecStart=\"$work/prefix/bin/$program\" " \
         "$work/prefix/lib/systemd/system/$program.service"

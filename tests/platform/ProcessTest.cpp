@@ -9,6 +9,7 @@
 #include "platform/File.h"
 #include "platform/Memory.h"
 #include "platform/Process.h"
+#include "platform/SignalDescriptor.h"
 #include "platform/Signals.h"
 #include "platform/Socket.h"
 #include "tests/support/EnvironmentVariable.h"
@@ -199,6 +200,14 @@ TEST(Signals, StayHandledWaitWhileBlockedAndGoBackToTheDefault) {
     ignoreSignal(user1);
     raiseSignal(user1);
     EXPECT_EQ(caught, 3);
+    {
+        const SignalDescriptor read(blocked);
+        raiseSignal(user1);
+        EXPECT_EQ(read.next(), user1);
+        EXPECT_EQ(read.next(), 0);
+    }
+    EXPECT_TRUE(isSignalBlocked(user1));
+    unblockSignals(blocked);
     EXPECT_GE(lastSignalMs(), begin);
     restoreDefaultSignal(user1);
     EXPECT_FALSE(installSignalHandler(-1, count));

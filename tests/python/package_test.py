@@ -4,6 +4,7 @@ import asyncio
 import datetime
 import itertools
 import os
+import pickle
 import signal
 import sys
 import threading
@@ -16,13 +17,26 @@ from support import BIN, BusTest, Program
 
 ODD = """
 import kvxmom
+class Unspeakable(Exception):
+    def __str__(self):
+        raise RuntimeError
+asked = []
 with kvxmom.Service("Odd") as service:
     @service.on_query
     def answer(question):
+        asked.append(question)
+        if question.text == "unspeakable":
+            raise Unspeakable
+        if question.text == "late":
+            asked[-2].as_of((1, 1))
         if question.text == "refuse":
             raise kvxmom.Refused("not here", position=3)
         if question.text == "fault":
             {}["no such"]
+        if question.text == "value":
+            return [{"a": 2**70}]
+        return rows(question)
+    def rows(question):
         try:
             for i in range(int(question.text)):
                 yield {"i": i, "bytes": b"\\0\\xff", "text": "\\udcff"}
@@ -58,6 +72,12 @@ class Questions(BusTest):
             self.assertEqual(refused.exception.rows[0]["position"], 3)
             with self.assertRaisesRegex(kvxmom.Refused, "KeyError: 'no such'"):
                 client.query("Odd", "fault").all()
+            for text, why in (("unspeakable", "Unspeakable: $"), ("late", "Ended: .* answered"),
+                              ("value", "ValueError: row: field 'a'")):
+                with self.assertRaisesRegex(kvxmom.Refused, why):
+                    client.query("Odd", text).all()
+            again = pickle.loads(pickle.dumps(refused.exception))
+            self.assertEqual((str(again), again.rows), (str(refused.exception), again.rows))
             with self.assertRaisesRegex(TimeoutError, "query Nobody: timed out"):
                 client.query("Nobody", "", timeout=0.2).all()
             with self.assertRaises(kvxmom.Busy):
@@ -75,8 +95,12 @@ class Questions(BusTest):
             with self.assertRaises(KeyboardInterrupt):
                 for _ in rows:
                     pass
-            rows.cancel()
             self.service.await_line("closed")
+            rows = client.query("Odd", endless)
+            next(rows)
+            rows.cancel()
+            with self.assertRaises(kvxmom.Ended):
+                next(rows)
 
         async def cancel():
             async with aio.Client() as client:
@@ -129,7 +153,13 @@ class Messages(BusTest):
             ):
                 with self.assertRaisesRegex(TypeError, names):
                     wrong()
-            for wrong in (kvxmom.Field("n", 300, "u8"), ("n", 2**64), ("n", "a\0b")):
+            deep = kvxmom.Message(x=1)
+            for _ in range(31):
+                deep = kvxmom.Message(x=deep)
+            client.send("T.A", deep)
+            self.assertIn("{'x': 1}", repr(heard.take(10).message))
+            for wrong in (kvxmom.Field("n", 300, "u8"), ("n", 2**64), ("n", "a\0b"), ("n", deep),
+                          ("n", 1e39, "f32"), ("n", 10**400, "f64"), ("n", when.replace(year=1833))):
                 with self.assertRaisesRegex(ValueError, "'n'"):
                     client.send("A", [wrong])
 
@@ -148,26 +178,73 @@ class Messages(BusTest):
                 done.take(10)
         self.assertEqual([type(one) for one in told], [kvxmom.InvalidArgument] * 2)
 
+    def interrupt(self, *waits):
+        for wait in waits:
+            counted = itertools.count()
+            working = threading.Event()
+            counter = threading.Thread(
+                target=lambda: [next(counted) for _ in iter(working.is_set, True)])
+            counter.start()
+            interrupt_after(0.3)
+            begun = time.monotonic()
+            with self.assertRaises(KeyboardInterrupt):
+                wait()
+            self.assertLess(time.monotonic() - begun, 5)
+            working.set()
+            counter.join()
+            self.assertGreater(next(counted), 1000)
+
     def test_waits_end_by_ctrl_c_and_leave_the_interpreter_to_others(self):
         with kvxmom.Client() as client:
-            for wait in (
+            self.interrupt(
                 lambda: client.request("NOBODY"),
                 lambda: next(client.listen("NOBODY")),
-                lambda: client.query("Nobody", "").all(),
-            ):
-                counted = itertools.count()
-                working = threading.Event()
-                counter = threading.Thread(
-                    target=lambda: [next(counted) for _ in iter(working.is_set, True)])
-                counter.start()
-                interrupt_after(0.3)
-                begun = time.monotonic()
-                with self.assertRaises(KeyboardInterrupt):
-                    wait()
-                self.assertLess(time.monotonic() - begun, 5)
-                working.set()
-                counter.join()
-                self.assertGreater(next(counted), 1000)
+                lambda: client.follow("Nobody", "", timeout=60).take(),
+                lambda: client.query("Nobody", "").all())
+        with kvxmom.Service("Held") as service:
+            service.changes.set_key(["a"])
+            active, held, let_go = threading.Event(), threading.Event(), threading.Event()
+            service.on_role(lambda is_active: is_active and active.set())
+            running = threading.Thread(target=service.run)
+            running.start()
+            self.assertTrue(active.wait(30))
+            one = kvxmom.Change("inserted", {"a": 1})
+            changes = service.changes
+
+            def hold():
+                with self.assertRaisesRegex(kvxmom.InvalidArgument, "called by a function of"):
+                    changes.read(lambda: None)
+                held.set()
+                let_go.wait(60)
+            holder = threading.Thread(target=changes.commit, args=(one, hold))
+            holder.start()
+            held.wait(30)
+            self.interrupt(lambda: changes.commit(one), lambda: changes.read(lambda: None))
+            let_go.set()
+            holder.join()
+            with self.assertRaisesRegex(kvxmom.InvalidArgument, "given before"):
+                service.on_query(print)
+            service.post(service.close)  # in a function of its own
+            running.join()
+
+    def test_threads_share_a_subscription(self):
+        taken, ended = [], []
+        with kvxmom.Client() as client:
+            heard = client.listen("A")
+
+            takers = [threading.Thread(target=lambda: ended.append(taken.extend(heard)))
+                      for _ in range(3)]
+            for taker in takers:
+                taker.start()
+            for number in range(300):
+                client.send("A", {"n": number})
+            until = time.monotonic() + 30
+            while len(taken) < 300 and time.monotonic() < until:
+                self.assertEqual(ended, [])
+                time.sleep(0.01)
+        for taker in takers:
+            taker.join()
+        self.assertEqual(sorted(one.message["n"] for one in taken), list(range(300)))
 
     def test_a_lost_daemon_and_a_fork_are_told(self):
         states = []
@@ -180,6 +257,7 @@ class Messages(BusTest):
                     os._exit(7 if "forked" in str(error) else 1)
                 os._exit(1)
             self.assertEqual(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), 7)
+            left = client.query("Nobody", "")
             interrupted = threading.Timer(0.3, self.daemon.process.kill)
             interrupted.start()
             with self.assertRaises(kvxmom.Lost):
@@ -189,16 +267,28 @@ class Messages(BusTest):
         with self.assertRaises(kvxmom.NoDaemon):
             kvxmom.Client(daemon=self.address)
         self.assertEqual(states, [False])
+        child = os.fork()
+        if child == 0:
+            del left
+            os._exit(8)
+        self.assertEqual(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), 8)
 
     def test_an_interpreter_ends_with_all_still_open(self):
-        for rest in ("", "raise SystemExit(3)\n"):
+        spins = ("spins = threading.Event()\n"
+                 "def spin(_):\n"
+                 "    spins.set()\n"
+                 "    while True: pass\n"
+                 "again = client.listen('C', spin)\n"
+                 "client.send('C', {})\n"
+                 "spins.wait()\n")
+        for rest in ("", spins, spins + "raise SystemExit(3)\n"):
             program = self.python(
                 "import kvxmom, threading\n"
                 "client = kvxmom.Client()\n"
                 "heard = client.listen('A', print)\n"
                 "waiting = client.listen('B')\n"
                 "threading.Thread(target=lambda: next(waiting), daemon=True).start()\n" + rest)
-            self.assertEqual(program.wait(), 3 if rest else 0, program.said)
+            self.assertEqual(program.wait(), 3 if "Exit" in rest else 0, program.said)
 
 
 class Asynchronous(BusTest):
@@ -207,7 +297,7 @@ class Asynchronous(BusTest):
             "import asyncio\n"
             "from kvxmom import aio, Change\n"
             "async def main():\n"
-            "    counts = {}\n"
+            "    counts, ticks = {}, []\n"
             "    service = aio.Service('Counts')\n"
             "    service.number_changes(['name'])\n"
             "    @service.on_query\n"
@@ -224,14 +314,20 @@ class Asynchronous(BusTest):
             "        kind = 'changed' if name in counts else 'inserted'\n"
             "        service.changes.commit(Change(kind, row), lambda: counts.update({name: row['count']}))\n"
             "        if name == 'end': service.stop()\n"
+            "    @service.every(0.1)\n"
+            "    async def tick():\n"
+            "        await asyncio.sleep(0)\n"
+            "        ticks.append(1)\n"
+            "        if len(ticks) == 3: print('ticked', flush=True)\n"
             "    async with service:\n"
             "        print('ready', flush=True)\n"
             "        await service.wait()\n"
             "asyncio.run(main())\n")
         service.await_line("ready")
+        client = aio.Client()
 
         async def main():
-            async with aio.Client() as client:
+            async with client:
                 subject = client.in_domain("COUNT")
                 async with client.follow("Counts", "*") as changes, client.snoop("Counts") as told:
                     for number in range(1, 4):
@@ -244,9 +340,19 @@ class Asynchronous(BusTest):
                 self.assertEqual(answers, [[{"name": "a", "count": 3}]] * 20)
                 with self.assertRaises(kvxmom.TimedOut):
                     await client.request("NOBODY", timeout=0.2)
-                await client.send(subject, {"name": "end"})
+                heard = await client.listen("A")
+                takers = [asyncio.ensure_future(heard.take(10)) for _ in range(3)]
+                for _ in takers:
+                    await client.send("A", {})
+                await asyncio.gather(*takers)
+
+        async def end():
+            async with client:  # again, in another loop
+                await client.send(client.in_domain("COUNT"), {"name": "end"})
 
         asyncio.run(main())
+        service.await_line("ticked")
+        asyncio.run(end())
         self.assertEqual(service.wait(), 0, service.said)
 
 

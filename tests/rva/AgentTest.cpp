@@ -1,9 +1,13 @@
 // The agent as a process of its own, against a real daemon and a real engine.
 
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+
 #include "mom/mom.h"
 #include "platform/Socket.h"
 #include "tests/rva/AgentFixture.h"
 #include "tests/support/Nets.h"
+#include "tests/support/Supervisor.h"
 
 namespace kvx::test {
 namespace {
@@ -69,6 +73,43 @@ TEST_F(AgentTest, IsNotReadyWhileTheDaemonIsGone) {
     EXPECT_EQ(agent_->wait(), 0);
 }
 
+// Stops the main thread of a process, and no other one.
+class StoppedThread {
+  public:
+    explicit StoppedThread(pid_t pid) : pid_(pid) {
+        if (ptrace(PTRACE_SEIZE, pid, nullptr, nullptr) != 0 ||
+            ptrace(PTRACE_INTERRUPT, pid, nullptr, nullptr) != 0 ||
+            waitpid(pid, nullptr, __WALL) != pid) {
+            throw std::runtime_error("the thread cannot be stopped");
+        }
+    }
+    ~StoppedThread() { ptrace(PTRACE_DETACH, pid_, nullptr, nullptr); }
+    StoppedThread(const StoppedThread&) = delete;
+    StoppedThread& operator=(const StoppedThread&) = delete;
+
+  private:
+    const pid_t pid_;
+};
+
+TEST_F(AgentTest, TellsItsSupervisorOfItselfAndServesAtThePassedSocket) {
+    int error = 0;
+    const auto socket = platform::listenTcp({platform::kLoopbackAddress, 0}, error);
+    const int port = platform::localEndpoint(socket.get())->port;
+    Supervisor supervisor;
+    agent_ = bus_.startShell(supervisor.command("rva -listen 0", {socket.get()}));
+    EXPECT_EQ(supervisor.hearUntil("READY=1").back(), "READY=1") << agent_->errors();
+    EXPECT_EQ(get(port, "/readyz").status, 200);
+    {
+        const StoppedThread hung(agent_->pid());
+        EXPECT_TRUE(eventually([&] { return supervisor.hear(500).text.empty(); }));
+    }
+    EXPECT_EQ(supervisor.hear().text, "WATCHDOG=1");
+    bus_.daemon().kill();
+    ASSERT_TRUE(eventually([&] { return get(port, "/readyz").status == 503; }));
+    const StoppedThread reconnecting(agent_->pid());
+    for (int i = 0; i < 40; ++i) EXPECT_EQ(supervisor.hear(10'000).text, "WATCHDOG=1");
+}
+
 TEST_F(AgentTest, EndsWithAReasonWhereItCannotServe) {
     const int port = start();
     const std::string taken = std::to_string(port);
@@ -84,12 +125,19 @@ TEST_F(AgentTest, EndsWithAReasonWhereItCannotServe) {
              {{"-listen", "tcp:0.0.0.0:0"}, 2, "it needs -token-file"},
              {{"-listen", "0", "-token-file", bus_.file("short", "abc\n")}, 2, "no token of 16"},
              {{"-interval", "3601"}, 2, "'3601' is no number of seconds"},
-             {{"-nonsense"}, 2, "'-nonsense' is no option"}}) {
+             {{"-token-file", ""}, 2, "--token-file: "},
+             {{"-nonsense"}, 2, "not expected: -nonsense"}}) {
         const Ended ended = bus_.run("rva", one.words);
         EXPECT_EQ(ended.status, one.status) << ended.errors;
         EXPECT_NE(ended.errors.find(one.reason), std::string::npos) << ended.errors;
         EXPECT_EQ(ended.output, "");
     }
+    Supervisor supervisor;
+    int error = 0;
+    const auto open = platform::listenTcp({0, 0}, error);
+    const Ended exposed = bus_.shell(supervisor.command("rva -listen 0", {open.get()}));
+    EXPECT_EQ(exposed.status, 2);
+    EXPECT_NE(exposed.errors.find("it needs -token-file"), std::string::npos) << exposed.errors;
     const Ended unheard = bus_.shell("rva -listen 0 >/dev/full");
     EXPECT_EQ(unheard.status, 1);
     EXPECT_NE(unheard.errors.find("rva: standard output: "), std::string::npos) << unheard.errors;

@@ -1,7 +1,5 @@
 // A daemon that is replaced while it works: by another version, and by programs that fail.
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,9 +8,10 @@
 #include <memory>
 #include <thread>
 
-#include "platform/Descriptor.h"
+#include "platform/UnixSocket.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/RawClient.h"
+#include "tests/support/Supervisor.h"
 #include "tests/support/Told.h"
 
 namespace kvx::test {
@@ -233,26 +232,59 @@ TEST_F(Upgrade, ThereIsAsMuchRoomForConnectionsAsBefore) {
     for (RawClient& client : clients) client.settle();
 }
 
+constexpr const char* kProgram = R"("$0" "$@")";
+
 TEST_F(Upgrade, IsToldToWhoeverSupervisesTheService) {
-    const std::string name = directory.file("notify");
-    sockaddr_un address{AF_UNIX, {}};
-    name.copy(address.sun_path, sizeof address.sun_path - 1);
-    const platform::Descriptor supervisor(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(bind(supervisor.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    const auto hear = [&supervisor] {
-        char text[100] = "";
-        return std::string(text,
-                           static_cast<std::size_t>(recv(supervisor.get(), text, sizeof text, 0)));
+    for (const std::string whom : {"$$", "1"}) {
+        Supervisor supervisor;
+        Daemon served({}, {}, supervisor.command(kProgram, {}, whom), path);
+        EXPECT_EQ(supervisor.hear().text, "READY=1");
+        // It waits until all before the barrier has been heard.
+        auto heard = std::async(std::launch::async,
+                                [&supervisor] { return supervisor.hearUntil("BARRIER=1"); });
+        EXPECT_EQ(served.replace(), "");
+        std::vector<std::string> told = heard.get();
+        const bool isAsked = whom == "$$";
+        EXPECT_EQ(std::erase(told, "WATCHDOG=1") > 0, isAsked);
+        EXPECT_EQ(told, (std::vector<std::string>{"MAINPID=" + std::to_string(served.pid()),
+                                                  "BARRIER=1"}));
+        const auto tellsToo = [&] { return supervisor.hear().pid == served.pid(); };
+        if (isAsked) {
+            EXPECT_TRUE(eventually(tellsToo));
+        }
+    }
+}
+
+TEST_F(Upgrade, SocketsThatItIsStartedWithAreServedAndLeftToTheSupervisor) {
+    int error = 0;
+    std::string problem;
+    const platform::Socket tcp = platform::listenTcp({platform::kLoopbackAddress, 0}, error);
+    const std::string passed = directory.file("passed");
+    const std::string own = directory.file("own");
+    const platform::Socket local = platform::listenUnix(passed, 10, problem);
+    Supervisor supervisor;
+    Daemon served({"-listen", "unix:" + own}, {},
+                  supervisor.command(kProgram, {local.get(), tcp.get()}), path);
+    const std::uint16_t port = platform::localEndpoint(tcp.get())->port;
+    const auto serves = [&] {
+        RawClient::session(port).settle();
+        RawClient::session(passed).settle();
+        return served.port() == port && !std::filesystem::exists(own);
     };
-    Daemon served({}, {"NOTIFY_SOCKET=" + name}, ":", path);
-    EXPECT_EQ(hear(), "READY=1");
-    // It waits until all before the barrier has been heard.
-    auto heard = std::async(std::launch::async, [&] {
-        const std::string first = hear();
-        return first + ' ' + hear();
-    });
+    EXPECT_TRUE(serves());
     EXPECT_EQ(served.replace(), "");
-    EXPECT_EQ(heard.get(), "MAINPID=" + std::to_string(served.pid()) + " BARRIER=1");
+    EXPECT_TRUE(serves());
+    const std::string variables = contentOf("/proc/" + std::to_string(served.pid()) + "/environ");
+    EXPECT_EQ(variables.find("LISTEN_"), std::string::npos);
+    EXPECT_NE(variables.find("NOTIFY_SOCKET"), std::string::npos);
+    served.askToStop();
+    EXPECT_EQ(served.waitForEnd(), 0);
+    EXPECT_TRUE(std::filesystem::exists(passed));
+
+    ChildProcess odd("/bin/bash", {"-c", R"(LISTEN_PID=$$ LISTEN_FDS=1 exec "$0" 3</dev/null)",
+                                   KVX_RVD_PROGRAM});
+    EXPECT_EQ(odd.wait(), 1);
+    EXPECT_NE(odd.errors().find("descriptor 3"), std::string::npos) << odd.errors();
 }
 
 }  // namespace

@@ -1,13 +1,17 @@
 // The second implementation of platform/Socket.h, Poll.h, Clock.h and of the part of Process.h that
 // the client and the daemon use: the same declarations, over the virtual world.
 
+#include <sys/eventfd.h>
+
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 #include "platform/Clock.h"
 #include "platform/Poll.h"
 #include "platform/Process.h"
+#include "platform/SignalDescriptor.h"
 #include "tests/sim/World.h"
 
 namespace kvx::platform {
@@ -151,6 +155,15 @@ std::int64_t threadCpuNanoseconds() noexcept {
     return static_cast<std::int64_t>(world->processorTime());
 }
 
+// A new process has no signals yet.
+SignalDescriptor::SignalDescriptor(std::span<const int> /*signals*/) noexcept
+    : descriptor_(::eventfd(0, EFD_CLOEXEC)) {
+    world->raised = 0;
+}
+int SignalDescriptor::next() const noexcept {
+    return std::exchange(world->raised, 0);
+}
+
 WakeUp::WakeUp() noexcept : descriptor_(0) {}
 WakeUp::~WakeUp() = default;
 void WakeUp::notify() const noexcept {}  // a program of this world has one thread and no signals
@@ -213,9 +226,3 @@ PollSet::Slot PollSet::slot(std::size_t i) const noexcept {
 }
 
 }  // namespace kvx::platform
-
-namespace kvx::rvd {
-
-void tellServing(unsigned long /*pid*/) {}  // no process is supervised
-
-}  // namespace kvx::rvd

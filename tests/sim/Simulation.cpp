@@ -130,7 +130,7 @@ class Simulation {
         for (const auto& client : clients_) client->end();
         runFor(kEndMs);
         daemonEnds_ = gracefully_ = true;
-        raiseInDaemon(SIGTERM);
+        world->raised = SIGTERM;
         runFor(kEndMs);
         if (!world->whoIsLeft().empty()) world->fail("does not end: " + world->whoIsLeft());
         if (world->network.openSockets() != 0) world->fail("sockets are left open");
@@ -190,7 +190,8 @@ class Simulation {
                 return;
             case Deed::StopDaemon:
                 gracefully_ = !killed_;
-                return raiseInDaemon(SIGTERM);
+                world->raised = SIGTERM;
+                return;
             case Deed::KillDaemon:
                 if (!serves_) return;
                 killed_ = true;

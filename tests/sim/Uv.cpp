@@ -38,10 +38,7 @@ struct Record {
     Milliseconds due = 0;
     Milliseconds repeat = 0;
     uv_timer_cb expired = nullptr;
-    // signal
-    uv_signal_cb signalled = nullptr;
-    int signal = 0;
-    bool raised = false;
+    uv_poll_cb signalled = nullptr;
     // idle and prepare
     uv_idle_cb idle = nullptr;  // the loop does not wait
     uv_prepare_cb prepare = nullptr;
@@ -125,8 +122,7 @@ void expire(Record& record) {
 }
 
 void deliverSignal(Record& record) {
-    record.raised = false;
-    record.signalled(reinterpret_cast<uv_signal_t*>(record.handle), record.signal);
+    record.signalled(reinterpret_cast<uv_poll_t*>(record.handle), 0, UV_READABLE);
 }
 
 using Event = void (*)(Record&);
@@ -134,7 +130,7 @@ using Event = void (*)(Record&);
 // The event of a record that is due; null for none.
 Event dueEvent(const Record& record) {
     if (record.closing) return finishClosing;
-    if (record.raised) return deliverSignal;
+    if (record.signalled != nullptr && record.active && world->raised != 0) return deliverSignal;
     if (record.expired != nullptr && record.active && record.due <= world->now) return expire;
     if (record.idle != nullptr)
         return [](Record& r) { r.idle(reinterpret_cast<uv_idle_t*>(r.handle)); };
@@ -205,11 +201,6 @@ void prepare() {
 
 }  // namespace
 
-void raiseInDaemon(int signal) {
-    for (const auto& r : records)
-        if (r->signalled != nullptr && r->signal == signal && r->active) r->raised = true;
-}
-
 void killDaemonLoop() {
     killed = true;
 }
@@ -256,11 +247,14 @@ int uv_tcp_init(uv_loop_t* loop, uv_tcp_t* handle) {
 int uv_pipe_init(uv_loop_t* loop, uv_pipe_t* handle, int /*ipc*/) {
     return kvx::sim::begin(loop, handle);
 }
-int uv_poll_init(uv_loop_t* /*loop*/, uv_poll_t* /*handle*/, int /*descriptor*/) {
-    return UV_ENOSYS;
+// It watches for signals, and for nothing else.
+int uv_poll_init(uv_loop_t* loop, uv_poll_t* handle, int /*descriptor*/) {
+    return kvx::sim::begin(loop, handle);
 }
-int uv_poll_start(uv_poll_t* /*handle*/, int /*events*/, uv_poll_cb /*ready*/) {
-    return UV_ENOSYS;
+int uv_poll_start(uv_poll_t* handle, int /*events*/, uv_poll_cb ready) {
+    recordOf(handle).signalled = ready;
+    recordOf(handle).active = true;
+    return 0;
 }
 int uv_tcp_open(uv_tcp_t* /*handle*/, uv_os_sock_t /*socket*/) {
     return UV_ENOSYS;
@@ -375,16 +369,6 @@ int uv_timer_start(uv_timer_t* handle, uv_timer_cb expired, std::uint64_t timeou
     record.active = true;
     return 0;
 }
-int uv_signal_init(uv_loop_t* loop, uv_signal_t* handle) {
-    return kvx::sim::begin(loop, handle);
-}
-int uv_signal_start(uv_signal_t* handle, uv_signal_cb signalled, int signal) {
-    recordOf(handle).signalled = signalled;
-    recordOf(handle).signal = signal;
-    recordOf(handle).active = true;
-    return 0;
-}
-
 int uv_idle_init(uv_loop_t* loop, uv_idle_t* handle) {
     return kvx::sim::begin(loop, handle);
 }

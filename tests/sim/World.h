@@ -88,6 +88,7 @@ class World {
     std::string counted;      ///< the last "counted:" line of the daemon
     bool verbose = false;
     std::uint64_t slowness = 8;  ///< one in so many looks at the clock finds that a slice is over
+    int raised = 0;              ///< the signal that the daemon has not read yet; 0: none
     std::function<void(const std::string&)> report;
 
   private:
@@ -99,7 +100,6 @@ class World {
 inline World* world = nullptr;
 
 // What happens to the daemon's event loop (Uv.cpp).
-void raiseInDaemon(int signal);
 /// The loop returns at once, as if the process had been killed: its sockets are reset.
 void killDaemonLoop();
 /// The `n`th allocation of the daemon's next reads fails.

@@ -81,10 +81,18 @@ class Daemon {
         static_cast<void>(eventually([&] { return reports() > before || !isRunning(); }));
         return brokenLaw(log());
     }
-    /// Waits until it has ended by itself; its exit status.
+    /// Waits until it has ended by itself; its exit status. One that replaced another has no log
+    /// from then on.
     int waitForEnd() {
-        const int status = process_->wait();
+        const bool isFirst = successor_ == 0;
+        int status = -1;
+        if (isFirst) {
+            status = process_->wait();
+        } else {
+            waitpid(std::exchange(successor_, 0), &status, 0);
+        }
         require(brokenLaw(log()));
+        if (!isFirst) process_.reset();
         return status;
     }
     /// What it has written on standard error.

@@ -230,8 +230,12 @@ TEST(Bridge, RefusesWrongOptionsAndWaitsForItsEngineWithoutTellingSecrets) {
         EXPECT_EQ(said.find("hunter2"), said.npos) << said;
     }
     Daemon daemon;
-    ChildProcess bridge(kBridge, {"-v", "-host", "a", "-engine",
-                                  url + ",nats://hunter2@127.0.0.1:1", "-daemon", daemon.text()});
+    const TemporaryDirectory home;
+    std::ofstream(home.file("bus.cfg"))
+        << "rendezvous session = { \"daemon\" = \"" << daemon.text() << "\" };\n";
+    ChildProcess bridge(
+        kBridge, {"-v", "-host", "a", "-engine", url + ",nats://hunter2@127.0.0.1:1", "-config",
+                  home.file("bus.cfg")});
     EXPECT_NE(bridge.awaitError("no engine"), "");
     nats.restart();
     EXPECT_NE(bridge.awaitOutput("rvbridge ready as a"), "") << bridge.errors();

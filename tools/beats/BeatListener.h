@@ -4,10 +4,11 @@
 #include <span>
 
 #include "mom/mom.h"
+#include "tools/beats/GroupTable.h"
 
 namespace kvx::beats {
 
-/// Receives beats from the bus and passes on the packets.
+/// Receives beats from the bus: passes on the packets, and the beats of groups.
 ///
 /// Beats go to exactly "ZEMBRALIX.3.0.CTRL.NOTIFY"; the domain is in the beat. A service that beats
 /// on another subject is heard when that subject is below this prefix, such as one qualified with a
@@ -17,7 +18,9 @@ class BeatListener : public RvDataCallback {
     /// `packet` is each message's packet, empty when it has none; valid during the call. Main
     /// thread only.
     using Hear = std::function<void(std::span<const unsigned char> packet)>;
-    explicit BeatListener(Hear packet) : hear_(std::move(packet)) {}
+    using HearMember = std::function<void(const MemberBeat& beat)>;
+    BeatListener(Hear packet, HearMember member)
+        : hear_(std::move(packet)), hearMember_(std::move(member)) {}
 
     /// Listens until `net` terminates. This object must outlive its loop. False when the bus
     /// refuses.
@@ -28,6 +31,7 @@ class BeatListener : public RvDataCallback {
 
   private:
     Hear hear_;
+    HearMember hearMember_;
 };
 
 }  // namespace kvx::beats

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <utility>
 
 #include "mom/mom.h"
@@ -17,7 +18,6 @@ namespace kvx::beats {
 
 namespace {
 
-constexpr std::size_t kLongestText = 255;      // bytes
 constexpr std::size_t kLargestBeat = 4096;     // bytes of a packet
 constexpr std::uint16_t kRecordPerPacket = 0;  // the header version
 
@@ -75,7 +75,7 @@ std::optional<Beat> readBeat(Bytes packet) {
 }
 
 std::uint64_t Service::overdue(Milliseconds now) const {
-    const Milliseconds silence = age(now) - kTolerance;
+    const Milliseconds silence = now - awaitedSince - kTolerance;
     return silence <= 0 ? 0 : static_cast<std::uint64_t>(silence / kHeartbeatInterval);
 }
 
@@ -95,7 +95,7 @@ bool BeatTable::hear(std::span<const unsigned char> packet, Milliseconds now) {
     Service& service = *known->second;
     service.missedBefore += service.overdue(now);
     service.beat = std::move(*beat);
-    service.lastHeard = now;
+    service.lastHeard = service.awaitedSince = now;
     ++service.beats;
     entries_.splice(entries_.end(), entries_, known->second);
     return true;
@@ -103,11 +103,17 @@ bool BeatTable::hear(std::span<const unsigned char> packet, Milliseconds now) {
 
 void BeatTable::insert(const Beat& beat, Milliseconds now) {
     if (entries_.size() == kMostServices) dropOldest();
-    entries_.push_back({beat, now, now, 1, 0});
+    entries_.push_back({beat, now, now, 1, 0, now});
     index_.emplace(keyOf(beat), std::prev(entries_.end()));
 }
 
+void BeatTable::resume(Milliseconds now) {
+    for (Service& service : entries_) service.awaitedSince = now;
+    groups_.resume(now);
+}
+
 void BeatTable::forgetSilent(Milliseconds now) {
+    groups_.forgetSilent(now);
     while (!entries_.empty() && entries_.front().age(now) >= kForgetAfter) dropOldest();
 }
 
@@ -123,16 +129,40 @@ std::size_t BeatTable::silent(Milliseconds now) const {
     return static_cast<std::size_t>(std::distance(entries_.begin(), heard));
 }
 
-std::vector<Service> BeatTable::services() const {
+std::vector<Service> BeatTable::services(Milliseconds now) const {
+    std::map<std::pair<std::int64_t, std::string_view>, std::set<std::string_view>> hosts;
+    for (const auto& [key, entry] : index_) hosts[{key.pid, key.domain}].insert(key.host);
     std::vector<Service> all;
     all.reserve(index_.size());
-    for (const auto& [key, entry] : index_) all.push_back(*entry);
+    for (const auto& [key, entry] : index_) {
+        Service& service = all.emplace_back(*entry);
+        const bool isAlone = hosts.find({key.pid, key.domain})->second.size() == 1;
+        const Member* const member = isAlone ? groups_.find(key.pid, key.domain, now) : nullptr;
+        if (member != nullptr) service.member = *member;
+    }
     return all;
 }
 
-const char* roleOf(const Beat& beat) {
-    return beat.hasBeenPrimary ? "primary" : "backup";
+const char* roleOf(const Service& service) {
+    return service.isPrimary() ? "primary" : "backup";
 }
+
+namespace {
+
+void addMember(nlohmann::ordered_json& json, const Service& service) {
+    const auto& member = service.member;
+    const auto name = member ? groupNameOf(member->group, service.beat.domain) : std::nullopt;
+    json["group"] = nullptr;
+    json["tier"] = nullptr;
+    json["role_since_ms"] = nullptr;
+    json["role_seen"] = name && member->isRoleSeen;
+    if (!name) return;
+    json["group"] = name->base;
+    json["tier"] = name->tier;
+    json["role_since_ms"] = member->roleSinceMs;
+}
+
+}  // namespace
 
 std::string serviceAsJson(const Service& service, Milliseconds now) {
     nlohmann::ordered_json json;
@@ -140,12 +170,14 @@ std::string serviceAsJson(const Service& service, Milliseconds now) {
     json["domain"] = service.beat.domain;
     json["host"] = service.beat.host;
     json["pid"] = service.beat.pid;
-    json["role"] = roleOf(service.beat);
+    json["role"] = roleOf(service);
     json["age_seconds"] = seconds(service.age(now));
     json["known_seconds"] = seconds(now - service.firstHeard);
     json["beats"] = service.beats;
     json["missed"] = service.missed(now);
     json["overdue"] = service.overdue(now);
+    json["silent"] = service.isSilent(now);
+    addMember(json, service);
     return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 

@@ -10,11 +10,9 @@
 #include <tuple>
 #include <vector>
 
-#include "platform/Clock.h"
+#include "tools/beats/GroupTable.h"
 
 namespace kvx::beats {
-
-using platform::Milliseconds;
 
 /// The content of one heartbeat.
 struct Beat {
@@ -34,17 +32,18 @@ struct Beat {
 /// Further fields are allowed, for later versions.
 [[nodiscard]] std::optional<Beat> readBeat(std::span<const unsigned char> packet);
 
-inline constexpr Milliseconds kTolerance = 1'000;      ///< allowed delay of a beat
-inline constexpr Milliseconds kForgetAfter = 600'000;  ///< of silence
-inline constexpr std::size_t kMostServices = 10'000;
+inline constexpr Milliseconds kTolerance = 1'000;  ///< allowed delay of a beat
 
-/// One process of a service, from its beats. Times are of the caller's clock.
+/// One process of a service, from its beats and those of its group. Times are of the caller's
+/// clock.
 struct Service {
     Beat beat;  ///< the last one
     Milliseconds firstHeard = 0;
     Milliseconds lastHeard = 0;
     std::uint64_t beats = 0;
     std::uint64_t missedBefore = 0;  ///< missing between received beats
+    Milliseconds awaitedSince = 0;   ///< the last beat, or when listening was resumed after it
+    std::optional<Member> member{};  ///< of its group, when that is known
 
     [[nodiscard]] Milliseconds age(Milliseconds now) const { return now - lastHeard; }
     /// Missing beats since the last one.
@@ -53,10 +52,18 @@ struct Service {
     [[nodiscard]] std::uint64_t missed(Milliseconds now) const {
         return missedBefore + overdue(now);
     }
+    /// Missing beats, of either kind.
+    [[nodiscard]] bool isSilent(Milliseconds now) const {
+        return overdue(now) > 0 || (member && member->isSilent(now));
+    }
+    /// Without a member: is or was primary.
+    [[nodiscard]] bool isPrimary() const {
+        return member ? member->isPrimary : beat.hasBeenPrimary;
+    }
 };
 
 /// The services with recent beats: one entry for each process, fed with the packets on the
-/// heartbeat subject.
+/// heartbeat subject and the beats of groups.
 ///
 /// Packets and times in, values out; no socket and no clock inside. An entry that is silent for ten
 /// minutes is dropped, and of 10,000 entries the one silent longest when a new one comes. One
@@ -72,11 +79,20 @@ class BeatTable {
     /// Takes one packet. False, and counted, when it is not a beat.
     bool hear(std::span<const unsigned char> packet, Milliseconds now);
 
+    /// `wallMs` is the time since the epoch at `now`.
+    void hear(const MemberBeat& beat, Milliseconds now, std::int64_t wallMs) {
+        groups_.hear(beat, now, wallMs);
+    }
+
+    /// After a time in which nothing could be heard: nobody has missed a beat in it.
+    void resume(Milliseconds now);
+
     /// Drops the entries that were silent for too long.
     void forgetSilent(Milliseconds now);
 
-    /// All entries, in order of service, domain, host and pid.
-    [[nodiscard]] std::vector<Service> services() const;
+    /// All entries, in order of service, domain, host and pid. A process whose id another host has
+    /// in the same domain has no member: members do not name their hosts.
+    [[nodiscard]] std::vector<Service> services(Milliseconds now) const;
 
     [[nodiscard]] std::size_t size() const { return index_.size(); }
     /// The number of entries with an overdue beat.
@@ -104,13 +120,13 @@ class BeatTable {
     Entries entries_;  // the one silent longest first
     std::map<Key, Entries::iterator> index_;
     Counters counters_;
+    GroupTable groups_;
 };
 
-/// "primary" for a process that is or was primary, else "backup".
-[[nodiscard]] const char* roleOf(const Beat& beat);
+/// "primary" or "backup".
+[[nodiscard]] const char* roleOf(const Service& service);
 
-/// A service as one JSON object: service, domain, host, pid, role, the seconds since its last and
-/// its first beat, the beats heard, missed in all and overdue now. Bytes that are not UTF-8 become
+/// A service as one JSON object, as `docs/http.md` defines it. Bytes that are not UTF-8 become
 /// replacement characters.
 [[nodiscard]] std::string serviceAsJson(const Service& service, Milliseconds now);
 

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "commandline/Completion.h"
 #include "platform/File.h"
 #include "platform/Text.h"
 #include "rv/wire/DaemonText.h"
@@ -42,13 +43,17 @@ bool isOption(const std::string& word) {
     return word.size() > 1 && word.front() == '-';
 }
 
+std::vector<std::string> commandNames(const CLI::App& app) {
+    std::vector<std::string> names;
+    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+        names.push_back(command->get_name());
+    }
+    return names;
+}
+
 // The same for `word` in the place of a command of `app`.
 std::string unknownCommand(const CLI::App& app, const std::string& word) {
-    std::vector<std::string> known;
-    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
-        known.push_back(command->get_name());
-    }
-    return fmt::format("unknown command {}{}", quoted(word), suggestion(word, known));
+    return fmt::format("unknown command {}{}", quoted(word), suggestion(word, commandNames(app)));
 }
 
 // One line about a command line that `app` refused with `error`: it names an unknown command or
@@ -120,6 +125,7 @@ class CommandLine {
         addDoctor();
         addBench();
         addHelp();
+        addCompletion();
         app_.footer(
             "The daemon configuration file names daemon, service and network; options override "
             "it.\nThese options may stand before and after the command. \"kvx help COMMAND\" tells "
@@ -303,6 +309,7 @@ class CommandLine {
         copied
             .add_option("--from", recording_.from,
                         "the recording to copy; the daemon's unless given")
+            ->type_name("FILE")
             ->check(notEmpty);
         addFilters(copied);
         addTimeout(copied, recording_.timeoutSeconds);
@@ -346,8 +353,15 @@ class CommandLine {
 
     void addHelp() {
         CLI::App& command = *app_.add_subcommand("help", "print the help of a command");
-        command.add_option("command", helpTopic_, "the command");
+        command.add_option("COMMAND", helpTopic_, "the command");
         command.callback([this] { chosen_ = [this] { return help(); }; });
+    }
+
+    void addCompletion() {
+        commandline::addCompletion(
+            app_, commandline::Dashes::Two,
+            {{"COMMAND", commandNames(app_)},
+             {"SERVICE", commandline::namesIn(CVekServiceToSubjectMapper::ms_ServiceEnumMap)}});
     }
 
     int help() {

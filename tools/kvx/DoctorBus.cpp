@@ -76,7 +76,7 @@ class Look {
         progress.reset();
         asked_ = nullptr;
         if (status != kSuccess) return nullptr;
-        found_->services = table_.services();
+        found_->services = table_.services(platform::monotonicMs());
         found_->answers = probe.answers();
         return std::move(found_);
     }
@@ -109,7 +109,11 @@ class Look {
     bus::HostsQuestion hosts_;
     bus::DaemonQuestion status_;
     beats::BeatTable table_;
-    beats::BeatListener listener_{[this](auto packet) { hear(packet); }};
+    beats::BeatListener listener_{[this](auto packet) { hear(packet); },
+                                  [this](const auto& beat) {
+                                      table_.hear(beat, platform::monotonicMs(),
+                                                  platform::wallMilliseconds());
+                                  }};
     AnswerProbe* asked_ = nullptr;  // while it listens
     bool awaitsHosts_ = true;
     bool awaitsStatus_ = true;
@@ -181,7 +185,7 @@ std::string nameOf(const beats::Beat& beat) {
 void warnOfPrimaries(Examination& examination, const std::vector<beats::Service>& services) {
     std::map<std::string, std::vector<std::string>> primaries;
     for (const auto& service : services) {
-        if (!service.beat.hasBeenPrimary || service.overdue(platform::monotonicMs()) != 0) continue;
+        if (!service.isPrimary() || service.isSilent(platform::monotonicMs())) continue;
         primaries[service.beat.service + "." + service.beat.domain].push_back(nameOf(service.beat));
     }
     for (const auto& [name, members] : primaries) {

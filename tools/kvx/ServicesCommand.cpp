@@ -77,6 +77,9 @@ class Services {
     int watch() {
         std::unique_ptr<bus::Ticker> refresh;
         const bool redraws = platform::isTerminal(stdout) && !options_.connection.json;
+        client_.onDaemonChange([this](bool isThere) {
+            if (isThere) table_.resume(platform::monotonicMs());
+        });
         return client_.runUntilSignal([&] {
             if (redraws) redraw();
             refresh = ticker(kTickMs, Repeat::Forever, [this, redraws] {
@@ -103,7 +106,7 @@ class Services {
 
     void print(const std::vector<Answer>& answers) {
         const Milliseconds now = platform::monotonicMs();
-        const auto services = table_.services();
+        const auto services = table_.services(now);
         if (options_.connection.json) {
             for (const auto& service : services) {
                 bus::printLine(bus::printableJson(beats::serviceAsJson(service, now)));
@@ -121,7 +124,8 @@ class Services {
     }
 
     void redraw() {
-        const auto lines = serviceLines(table_.services(), platform::monotonicMs(), colour_);
+        const Milliseconds now = platform::monotonicMs();
+        const auto lines = serviceLines(table_.services(now), now, colour_);
         bus::print(std::string(bus::kClearScreen) + kNoWrap);
         printLines(fittingLines(lines, platform::terminalHeight(stdout)));
         bus::print(kWrap);
@@ -131,7 +135,7 @@ class Services {
 
     void printChanges() {
         const Milliseconds now = platform::monotonicMs();
-        const auto services = table_.services();
+        const auto services = table_.services(now);
         const auto changed = changes_.since(services, now);
         if (changed.empty()) return;
         const auto lines = serviceLines(services, now, colour_);
@@ -159,7 +163,11 @@ class Services {
     const ServicesOptions& options_;
     const Colour colour_ = colourOfOutput();
     beats::BeatTable table_;
-    beats::BeatListener listener_{[this](auto packet) { hear(packet); }};
+    beats::BeatListener listener_{[this](auto packet) { hear(packet); },
+                                  [this](const auto& beat) {
+                                      table_.hear(beat, platform::monotonicMs(),
+                                                  platform::wallMilliseconds());
+                                  }};
     AnswerProbe* asked_ = nullptr;  // while a look lasts
     ServiceChanges changes_;
     bool headed_ = false;

@@ -17,11 +17,18 @@ constexpr const char* kPlain = "\033[0m";
 
 std::vector<std::string> cellsOf(const beats::Service& service, beats::Milliseconds now) {
     const beats::Beat& beat = service.beat;
+    const auto& member = service.member;
+    const auto group = member ? beats::groupNameOf(member->group, beat.domain) : std::nullopt;
     return {printable(beat.service),
             printable(beat.domain),
             printable(beat.host),
             std::to_string(beat.pid),
-            beats::roleOf(beat),
+            group ? printable(group->base) : "-",
+            group ? std::to_string(group->tier) : "-",
+            beats::roleOf(service),
+            member ? fmt::format("{}{} s", member->isRoleSeen ? "" : "> ",
+                                 (now - member->roleSince) / 1000)
+                   : "-",
             fmt::format("{} s", service.age(now) / 1000),
             std::to_string(service.missed(now))};
 }
@@ -31,11 +38,11 @@ std::vector<std::string> cellsOf(const beats::Service& service, beats::Milliseco
 std::vector<std::string> serviceLines(const std::vector<beats::Service>& services,
                                       beats::Milliseconds now, Colour colour) {
     std::vector<std::vector<std::string>> rows = {
-        {"SERVICE", "DOMAIN", "HOST", "PID", "ROLE", "AGE", "MISSED"}};
+        {"SERVICE", "DOMAIN", "HOST", "PID", "GROUP", "TIER", "ROLE", "FOR", "AGE", "MISSED"}};
     for (const auto& service : services) rows.push_back(cellsOf(service, now));
     std::vector<std::string> lines = alignedLines(rows);
     for (std::size_t i = 0; colour == Colour::Missing && i < services.size(); ++i) {
-        if (services[i].overdue(now) > 0) lines[i + 1] = kRed + lines[i + 1] + kPlain;
+        if (services[i].isSilent(now)) lines[i + 1] = kRed + lines[i + 1] + kPlain;
     }
     return lines;
 }
@@ -80,7 +87,7 @@ std::vector<std::size_t> ServiceChanges::since(const std::vector<beats::Service>
     for (std::size_t i = 0; i < services.size(); ++i) {
         const beats::Beat& beat = services[i].beat;
         const Key key{beat.service, beat.domain, beat.host, beat.pid};
-        const State state{services[i].overdue(now) > 0, beat.hasBeenPrimary};
+        const State state{services[i].isSilent(now), services[i].isPrimary()};
         const auto before = last_.find(key);
         if (before == last_.end() || before->second != state) changed.push_back(i);
         present.emplace(key, state);

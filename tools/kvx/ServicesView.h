@@ -49,7 +49,7 @@ class ServiceChanges {
     using Key = std::tuple<std::string, std::string, std::string, std::int64_t>;
     struct State {
         bool silent = false;
-        bool hasBeenPrimary = false;
+        bool isPrimary = false;
         bool operator==(const State&) const = default;
     };
 

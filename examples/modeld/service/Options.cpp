@@ -6,6 +6,7 @@
 
 #include <sstream>
 
+#include "commandline/Completion.h"
 #include "examples/modeld/service/Log.h"
 #include "platform/File.h"
 #include "platform/Text.h"
@@ -24,7 +25,9 @@ std::string checkService(const std::string& name) {
 }
 
 void addOptions(CLI::App& app, Options& options, std::string& service) {
-    app.add_option("--db", options.database, "the SQLite database")->capture_default_str();
+    app.add_option("--db", options.database, "the SQLite database")
+        ->type_name("FILE")
+        ->capture_default_str();
     app.add_option("--load", options.files,
                    "fill the table from comma-separated files before answering, then follow their "
                    "changes")
@@ -32,6 +35,7 @@ void addOptions(CLI::App& app, Options& options, std::string& service) {
     app.add_option("--table", options.table, "the table to fill")->capture_default_str();
     app.add_option("--key", options.key, "a column of the table to index");
     app.add_option("--service", service, "the service to answer for")
+        ->type_name("SERVICE")
         ->check(checkService)
         ->capture_default_str();
     app.add_option("--domain", options.domain, "the domain to answer in")->capture_default_str();
@@ -77,6 +81,10 @@ Options readOptions(int argc, char** argv, int& exitStatus) {
     addPolls(app, options);
     app.add_flag("-v,--verbose", verbose, "log more");
     app.add_flag("-q,--quiet", quiet, "log less");
+    namespace commandline = kvx::commandline;
+    commandline::addCompletion(
+        app, commandline::Dashes::Two,
+        {{"SERVICE", commandline::namesIn(CVekServiceToSubjectMapper::ms_ServiceEnumMap)}});
     exitStatus = -1;
     try {
         app.parse(argc, argv);

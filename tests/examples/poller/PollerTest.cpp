@@ -3,10 +3,22 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include "platform/Descriptor.h"
 #include "tests/system/Installation.h"
 
 namespace kvx::test {
 namespace {
+
+/// A UDP socket of the loopback, and its port.
+std::pair<platform::Descriptor, int> bound() {
+    platform::Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in at{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {}, .sin_zero = {}};
+    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof at;
+    bind(socket.get(), reinterpret_cast<sockaddr*>(&at), size);
+    getsockname(socket.get(), reinterpret_cast<sockaddr*>(&at), &size);
+    return {std::move(socket), ntohs(at.sin_port)};
+}
 
 /// A real `snmpd` on a free port of the loopback, with files of its own only.
 class SnmpAgent {
@@ -35,26 +47,42 @@ class SnmpAgent {
     void place(const std::string& location) {
         std::ofstream(files_.file("conf")) << "rocommunity public\nsysLocation " + location + "\n";
     }
-    static int freePort() {
-        const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_in at{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {}, .sin_zero = {}};
-        at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof at;
-        bind(socket, reinterpret_cast<sockaddr*>(&at), size);
-        getsockname(socket, reinterpret_cast<sockaddr*>(&at), &size);
-        close(socket);
-        return ntohs(at.sin_port);
-    }
 
-    const int port_ = freePort();
+    const int port_ = bound().second;
     TemporaryDirectory files_;
     std::optional<ChildProcess> process_;
 };
 
+/// Sends back what it gets, which is no answer.
+class Echo {
+  public:
+    std::string address() const { return "udp:127.0.0.1:" + std::to_string(at_.second); }
+    ~Echo() {
+        shutdown(at_.first.get(), SHUT_RD);
+        thread_.join();
+    }
+
+  private:
+    void run() {
+        std::array<char, 2048> bytes{};
+        sockaddr_in from{};
+        socklen_t size = sizeof from;
+        auto* const peer = reinterpret_cast<sockaddr*>(&from);
+        ssize_t got = 0;
+        while ((got = recvfrom(at_.first.get(), bytes.data(), bytes.size(), 0, peer, &size)) > 0) {
+            sendto(at_.first.get(), bytes.data(), static_cast<std::size_t>(got), 0, peer, size);
+        }
+    }
+
+    const std::pair<platform::Descriptor, int> at_ = bound();
+    std::thread thread_{[this] { run(); }};
+};
+
 struct PollerTest : testing::Test {
     std::unique_ptr<ChildProcess> startPoller(const std::string& name) {
-        return bus_.start("poller", {name, "1", "core-1=public@" + core_.address(),
-                                     "edge-1=public@" + edge_.address()});
+        return bus_.start("poller",
+                          {name, "1", "core-1=public@" + core_.address(),
+                           "edge-1=public@" + edge_.address(), "odd=public@" + odd_.address()});
     }
     static std::string row(const std::string& agent, const std::string& object,
                            const std::string& value) {
@@ -74,6 +102,7 @@ struct PollerTest : testing::Test {
     Installation bus_;
     SnmpAgent core_{"cellar"};
     SnmpAgent edge_{"roof"};
+    Echo odd_;
     std::unique_ptr<ChildProcess> follower_;
 };
 
@@ -87,6 +116,7 @@ TEST_F(PollerTest, TellsEachChangeOnceWhoeverOfTwoFindsIt) {
     ASSERT_TRUE(isTold(row("core-1", "poller", "one"))) << follower_->errors();
     ASSERT_TRUE(isTold(row("edge-1", "poller", "two")));
     EXPECT_TRUE(isTold(row("core-1", "state", "down")));
+    EXPECT_TRUE(isTold(row("odd", "state", "down")));
     core_.start();
     edge_.start();
     EXPECT_TRUE(isTold("changed - " + row("core-1", "state", "up")));
@@ -126,6 +156,7 @@ TEST_F(PollerTest, SaysWhatIsWrongWithItsCommandLine) {
     const std::string good = "core-1=public@" + core_.address();
     const std::vector<std::pair<std::vector<std::string>, std::string>> bad = {
         {{"one", "0", good}, "usage: "},
+        {{"one", "1s", good}, "usage: "},
         {{"one", "1", "public@127.0.0.1"}, "has no '=' or no '@'"},
         {{"one", "1", "core-1=public@udp:no.such.host.invalid"}, "is not found"},
         {{"one", "1", good, good}, "or two are"}};

@@ -4,12 +4,14 @@ With KVX_PICTURE the test of the services writes the picture of the page there.
 """
 
 import gzip
+import json
 import os
 import pathlib
 import signal
 import tempfile
 import time
 import unittest
+import urllib.request
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
@@ -70,9 +72,12 @@ class ConsoleTest(BusTest):
         self.until(lambda: self.find(view).is_displayed(), view)
 
     def check(self, view):
-        """The view is accessible, at both widths, and nothing has gone wrong in the page."""
-        for width in (1400, 390):
-            self.page.set_window_size(width, 900)
+        """The view is accessible, on a desk and on a dark phone, and without errors in the page."""
+        for width, colours in ((1400, "light"), (320, "dark")):
+            self.page.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+                "width": width, "height": 900, "deviceScaleFactor": 1, "mobile": False})
+            self.page.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+                "features": [{"name": "prefers-color-scheme", "value": colours}]})
             self.page.execute_script(AXE)
             found = self.page.execute_async_script(
                 "axe.run().then(({violations}) => arguments[0](violations.map("
@@ -80,7 +85,8 @@ class ConsoleTest(BusTest):
             self.assertEqual(found, [], f"{view}, {width} wide")
             beyond = "return document.documentElement.scrollWidth - innerWidth"
             self.assertLessEqual(self.page.execute_script(beyond), 0, view)
-        self.page.set_window_size(1400, 900)
+        self.page.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
+        self.page.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": []})
         # A refused question is an answer with a status that Chromium logs by itself.
         errors = [entry for entry in self.page.get_log("browser")
                   if entry["level"] == "SEVERE" and "422" not in entry["message"]]
@@ -111,10 +117,16 @@ class Services(ConsoleTest):
         first.process.send_signal(signal.SIGKILL)
         self.await_text("happened", "silent")
         self.await_text("happened", "has become primary")
+        # Both roles were taken before the agent's eyes.
+        self.assertNotIn("before", self.text("services-table"))
+        self.assertNotIn("not known", self.text("services-table"))
         port = self.address.split(":")[-1]
         self.daemon.process.terminate()
         self.daemon.wait()
         self.await_text("banner", "The bus is gone")
+        self.page.refresh()
+        self.await_text("banner", "The bus is gone")
+        self.await_text("services-table", "Model")
         Program(self, f"{BIN}/rvd", "-listen", f"tcp:127.0.0.1:{port}").await_line("ready on")
         self.await_text("banner", "The bus is back")
 
@@ -124,6 +136,21 @@ class Ask(ConsoleTest):
         question = self.find("ask-text")
         question.clear()
         question.send_keys(text, Keys.CONTROL, Keys.ENTER)
+
+    def download(self, button, name):
+        self.page.execute_cdp_cmd("Browser.setDownloadBehavior", {
+            "behavior": "allow", "downloadPath": self.home.name})
+        self.find(button).click()
+        file = pathlib.Path(self.home.name, name)
+        self.until(file.exists, name)
+        return file.read_bytes()
+
+    def answer_as_csv(self):
+        question = {"service": "Model", "text": "select * from vendors", "format": "csv"}
+        request = urllib.request.Request(f"{self.url}/api/query", json.dumps(question).encode(),
+                                         {"Content-Type": "application/json"})
+        with urllib.request.urlopen(request, timeout=LONGEST) as answer:
+            return answer.read()
 
     def test_a_whole_register_and_an_error_at_its_place(self):
         self.modeld("only", ROWS).await_line("answering on")
@@ -139,11 +166,23 @@ class Ask(ConsoleTest):
         self.assertLess(len(self.page.find_elements(By.CSS_SELECTOR, drawn)), 200)
         grid.send_keys(Keys.CONTROL, Keys.END)
         self.until(lambda: self.page.find_elements(By.ID, f"row-{ROWS - 1}"), "the last row")
+        self.page.find_element(By.XPATH, "//button[text()='vendor']").click()
+        first = self.page.find_element(By.ID, "row-0").text
+        self.assertEqual(first.split("\n"), ["0", "Maker 0"])
+        self.assertEqual(self.download("ask-json", "rows.json").count(b'"vendor"'), ROWS)
+        self.page.find_element(By.XPATH, "//button[text()='id']").click()
+        self.assertEqual(self.download("ask-csv", "rows.csv"), self.answer_as_csv())
         self.find("ask-filter").send_keys(f"{ROWS - 1}")
         self.await_text("ask-status", "; 1 shown")
         self.check("ask")
-        self.ask("select * frm vendors")
-        self.await_text("ask-error", "Refused")
+        self.ask("select *\nfrm vendors")
+        self.await_text("ask-error", "at line 2, column 1")
+        mark = self.page.find_element(By.CSS_SELECTOR, "#ask-error mark")
+        self.assertEqual(mark.text, "frm")
+        self.ask("select * from vendors")
+        self.press(Keys.ESCAPE)
+        self.await_text("ask-status", "Cancelled")
+        self.await_text("ask-history", "2 kept")
 
 
 class Watch(ConsoleTest):
@@ -152,12 +191,15 @@ class Watch(ConsoleTest):
         self.find("watch-subject").send_keys("NEWS.>", Keys.ENTER)
         self.await_text("watch-status", "Watching")
         def send(degrees):
-            sent = Program(self, f"{BIN}/kvx", "send", "NEWS.ROME", f"degrees:i32={degrees}")
+            sent = Program(self, f"{BIN}/kvx", "send", "NEWS.ROME", f"degrees:i32={degrees}",
+                           "<b>=<img src=x>")
             self.assertEqual(sent.wait(), 0, sent.said)
         send(12)
         self.await_text("watch-messages", "NEWS.ROME")
         self.page.find_element(By.CSS_SELECTOR, "#watch-messages summary").click()
         self.await_text("watch-messages", "i32")
+        self.await_text("watch-messages", "<b> string <img src=x>")
+        self.assertEqual(self.page.find_elements(By.CSS_SELECTOR, "#watch-messages img"), [])
         self.check("watch")
         self.find("watch-pause").click()
         send(77)
@@ -177,9 +219,16 @@ class Bus(ConsoleTest):
                    "the sessions of rva and kvx")
         self.until(lambda: self.page.find_elements(By.CSS_SELECTOR, "#bus-charts canvas"), "graphs")
         self.check("bus")
-        self.press(Keys.ARROW_RIGHT)
-        self.assertTrue(self.find("services").is_displayed())
+        self.page.execute_script("document.querySelector('.skip').focus()")
+        self.press(Keys.ENTER)
+        self.assertTrue(self.find("bus").is_displayed())
+        listener.process.send_signal(signal.SIGSTOP)
+        sent = Program(self, f"{BIN}/kvx", "send", "NEWS", "--repeat", "20000",
+                       "sky=" + 1000 * "c")
+        self.assertEqual(sent.wait(), 0, sent.said)
+        self.await_text("bus-sessions", "MiB")
         listener.end()
+        self.await_text("bus-losses", "the session ended before it was served")
 
 
 if __name__ == "__main__":

@@ -41,7 +41,7 @@ class Beats : public ::testing::Test {
         return table.hear(BeatRecord(service, pid, type).packet(), now);
     }
     Service only() const {
-        const auto all = table.services();
+        const auto all = table.services(0);
         EXPECT_EQ(all.size(), 1U);
         return all.empty() ? Service{} : all.front();
     }
@@ -62,7 +62,10 @@ TEST_F(Beats, CountWhatCameAndWhatDidNot) {
     EXPECT_EQ(
         serviceAsJson(only(), 30900 + 42000),
         R"({"service":"Model","domain":"NET","host":"h1","pid":77,"role":"primary","age_seconds":11.0,)"
-        R"("known_seconds":71.4,"beats":5,"missed":4,"overdue":1})");
+        R"("known_seconds":71.4,"beats":5,"missed":4,"overdue":1,"silent":true,"group":null,"tier":null,)"
+        R"("role_since_ms":null,"role_seen":false})");
+    table.resume(30900 + 42000);
+    EXPECT_EQ(only().missed(30900 + 52900), 3U);  // the bus was away: that beat was not missed
 }
 
 TEST_F(Beats, AreToldApartByProcess) {
@@ -72,9 +75,9 @@ TEST_F(Beats, AreToldApartByProcess) {
     EXPECT_TRUE(table.hear(BeatRecord("Class", 2).with("domain", new CVekAtom("A")).packet(), 0));
     EXPECT_TRUE(table.hear(BeatRecord("Class", 2).with("host", new CVekAtom("h0")).packet(), 0));
     std::string order;
-    for (const auto& service : table.services()) {
+    for (const auto& service : table.services(0)) {
         order += service.beat.service + '/' + service.beat.domain + '/' + service.beat.host + '/' +
-                 std::to_string(service.beat.pid) + roleOf(service.beat)[0] + ' ';
+                 std::to_string(service.beat.pid) + roleOf(service)[0] + ' ';
     }
     EXPECT_EQ(order,
               "Class/A/h1/2b Class/NET/h0/2b Class/NET/h1/2b Model/NET/h1/1b Model/NET/h1/2p ");
@@ -105,7 +108,7 @@ TEST_F(Beats, ThatAreNoneAreIgnoredAndCounted) {
         BeatRecord("M").with("more", new CVekAtom(std::string(4096, 'x').c_str())).packet());
     for (const auto& bytes : hostile) EXPECT_FALSE(table.hear(bytes, 0)) << bytes.size();
     EXPECT_EQ(table.counters().ignored, hostile.size());
-    EXPECT_TRUE(table.services().empty());
+    EXPECT_TRUE(table.services(0).empty());
     EXPECT_TRUE(table.hear(BeatRecord("M").with("more", new CVekAtom(1)).packet(), 0));
 }
 
@@ -126,11 +129,66 @@ TEST_F(Beats, NeverFillTheMemory) {
     }
     EXPECT_TRUE(beat("Model", 1, 1));  // from here on the second one has been silent longest
     EXPECT_TRUE(beat("Newcomer", 2));
-    const auto all = table.services();
+    const auto all = table.services(0);
     ASSERT_EQ(all.size(), kMostServices);
     EXPECT_EQ(all[0].beat.pid, 1);
     EXPECT_EQ(all[1].beat.pid, 3);
     EXPECT_EQ(all.back().beat.service, "Newcomer");
+}
+
+// 0x7D0 = 2000 is the process, 0x65F00000 s the time of its session.
+MemberBeat memberBeat(bool isActive, const std::string& id = "7F000001.7D065F000001.1") {
+    return {.id = id,
+            .group = "g.Model.NET.3",
+            .startMs = 0x65F00000LL * 1000 + 700,
+            .isActive = isActive};
+}
+
+TEST_F(Beats, OfAGroupTellRolesAndSinceWhen) {
+    const std::int64_t joined = memberBeat(false).startMs;
+    const auto hear = [&](MemberBeat beat, Milliseconds now) {
+        table.hear(beat, now, joined + now);
+    };
+    const auto shown = [&](Milliseconds now) {
+        const Service one = table.services(now).at(0);
+        const auto json = serviceAsJson(one, now);
+        return json.substr(json.find("\"silent\":")) + " " + roleOf(one);
+    };
+    EXPECT_TRUE(beat("Model", 1500, 2000));
+    hear(memberBeat(false), 1500);
+    EXPECT_EQ(
+        shown(3500),
+        R"("silent":false,"group":"g.Model","tier":3,"role_since_ms":1710227456700,"role_seen":true} backup)");
+    hear(memberBeat(true), 4800);
+    hear(memberBeat(true), 6300);
+    EXPECT_EQ(
+        shown(10800),
+        R"("silent":false,"group":"g.Model","tier":3,"role_since_ms":1710227461500,"role_seen":true} primary)");
+    EXPECT_TRUE(table.services(10801).at(0).isSilent(10801));
+    // What it was in between was not heard.
+    hear(memberBeat(true), 12000);
+    EXPECT_EQ(
+        shown(12000),
+        R"("silent":false,"group":"g.Model","tier":3,"role_since_ms":1710227468700,"role_seen":false} primary)");
+    // Two that live are not told apart, two hosts' processes neither; one that has left is no
+    // other.
+    hear(memberBeat(false, "7F000001.7D065F000002.2"), 12500);
+    EXPECT_FALSE(table.services(12500).at(0).member);
+    auto farewell = memberBeat(false);
+    farewell.isLeaving = true;
+    hear(farewell, 13000);
+    EXPECT_EQ(table.services(13000).at(0).member->roleSince, 12500);
+    EXPECT_TRUE(
+        table.hear(BeatRecord("Model", 2000).with("host", new CVekAtom("h2")).packet(), 13000));
+    EXPECT_FALSE(table.services(13000).at(0).member);
+    for (const char* id :
+         {"", ".", "7F000001", "7F000001.", "7F000001.65F00000", "7F000001.7DX65F000001"}) {
+        EXPECT_FALSE(processOf(memberBeat(false, id))) << id;
+    }
+    for (const char* group :
+         {"", "NET.3", "g.NET", "g.NET.x", "g.NET.", "g.OTHER.3", "g.NET.3.3"}) {
+        EXPECT_FALSE(groupNameOf(group, "NET")) << group;
+    }
 }
 
 }  // namespace

@@ -117,16 +117,22 @@ beats::Service service(const std::string& name, long long pid, beats::Millisecon
             0,
             lastHeard,
             1,
-            0};
+            0,
+            lastHeard};
 }
 
 TEST(ServicesView, AlignsColumnsAndMarksWhatIsMissing) {
-    const std::vector<beats::Service> all = {service("Class", 7, 29000), service("Model", 4711, 0)};
+    std::vector<beats::Service> all = {service("Class", 7, 29000), service("Model", 4711, 0)};
+    all[0].member = beats::Member{
+        .group = "g.Class.NET.2", .awaitedSince = 29000, .roleSince = 9000, .isPrimary = true};
     const auto lines = serviceLines(all, 30000, Colour::Missing);
     ASSERT_EQ(lines.size(), 3U);
-    EXPECT_EQ(lines[0], "SERVICE  DOMAIN  HOST  PID   ROLE    AGE   MISSED");
-    EXPECT_EQ(lines[1], "Class    NET     h 1   7     backup  1 s   0");
-    EXPECT_EQ(lines[2], "\033[31mModel    NET     h 1   4711  backup  30 s  2\033[0m");
+    EXPECT_EQ(lines[0],
+              "SERVICE  DOMAIN  HOST  PID   GROUP    TIER  ROLE     FOR     AGE   MISSED");
+    EXPECT_EQ(lines[1], "Class    NET     h 1   7     g.Class  2     primary  > 21 s  1 s   0");
+    EXPECT_EQ(
+        lines[2],
+        "\033[31mModel    NET     h 1   4711  -        -     backup   -       30 s  2\033[0m");
     EXPECT_EQ(serviceLines(all, 30000, Colour::Never)[2].front(), 'M');
     EXPECT_TRUE(answerLines({}).empty());
     EXPECT_EQ(fittingLines(lines, 4), lines);
@@ -141,7 +147,7 @@ TEST(ServicesView, TellsOnlyWhatChanged) {
     EXPECT_EQ(changes.since(all, 10000), Positions{});
     EXPECT_EQ(changes.since(all, 12000), Positions{0});  // silent
     EXPECT_EQ(changes.since(all, 14000), Positions{});
-    all[0].lastHeard = 15000;
+    all[0].lastHeard = all[0].awaitedSince = 15000;
     all[1].beat.hasBeenPrimary = true;
     EXPECT_EQ(changes.since(all, 15500), (Positions{0, 1}));  // back, and another role
     all.erase(all.begin());
