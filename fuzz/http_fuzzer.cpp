@@ -10,11 +10,12 @@
 #include "rva/ClientJson.h"
 #include "rva/HttpPages.h"
 #include "rva/HttpRequest.h"
-#include "rva/MessageJson.h"
+#include "tools/bus/MessageJson.h"
 
 namespace {
 
 using namespace kvx::rva;
+namespace bus = kvx::bus;
 
 void require(bool condition) {
     if (!condition) std::abort();
@@ -43,14 +44,15 @@ void readBody(std::string_view bytes) {
     std::string problem;
     const Json json = readClientJson(bytes, problem);
     require(json.is_object() == problem.empty());
-    Outgoing message;
-    if (!readMessage(json, message).empty()) return;
+    bus::Outgoing message;
+    if (!bus::readMessage(json, message).empty()) return;
     const char* const reply = message.reply.empty() ? nullptr : message.reply.c_str();
-    const std::string line = lineOf(messageJson(message.subject.c_str(), reply, *message.datum));
-    Outgoing again;
-    require(readMessage(Json::parse(line), again).empty());
+    const std::string line =
+        bus::lineOf(bus::messageJson(message.subject.c_str(), reply, *message.datum));
+    bus::Outgoing again;
+    require(bus::readMessage(Json::parse(line), again).empty());
     require(again.subject == message.subject && again.reply == message.reply);
-    require(line == lineOf(messageJson(again.subject.c_str(), reply, *again.datum)));
+    require(line == bus::lineOf(bus::messageJson(again.subject.c_str(), reply, *again.datum)));
 }
 
 }  // namespace

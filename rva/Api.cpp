@@ -10,7 +10,7 @@
 
 #include "platform/Text.h"
 #include "rva/ClientJson.h"
-#include "rva/MessageJson.h"
+#include "tools/bus/MessageJson.h"
 
 namespace kvx::rva {
 
@@ -67,14 +67,14 @@ class Body {
 };
 
 // The outermost messages or only one. Returns the error, or an empty text.
-std::string readMessages(const Json& json, std::vector<Outgoing>& messages) {
-    if (!json.contains("messages")) return readMessage(json, messages.emplace_back());
+std::string readMessages(const Json& json, std::vector<bus::Outgoing>& messages) {
+    if (!json.contains("messages")) return bus::readMessage(json, messages.emplace_back());
     const Json& all = json["messages"];
     if (!all.is_array() || all.size() > kMostMessages) {
         return fmt::format("'messages' is no array of at most {}", kMostMessages);
     }
     for (const Json& one : all) {
-        if (auto problem = readMessage(one, messages.emplace_back()); !problem.empty()) {
+        if (auto problem = bus::readMessage(one, messages.emplace_back()); !problem.empty()) {
             return fmt::format("message {}: {}", messages.size(), problem);
         }
     }
@@ -150,7 +150,7 @@ void Api::query(const HttpRequest& request, const HttpAnswerPtr& answer) {
 
 void Api::send(const HttpRequest& request, const HttpAnswerPtr& answer) {
     const Body body(request.body);
-    std::vector<Outgoing> messages;
+    std::vector<bus::Outgoing> messages;
     if (body.isRefused(answer)) return;
     if (auto problem = readMessages(body.json(), messages); !problem.empty()) {
         answer->reply(errorReply(400, "InvalidArgument", problem));
@@ -161,10 +161,10 @@ void Api::send(const HttpRequest& request, const HttpAnswerPtr& answer) {
 
 void Api::request(const HttpRequest& request, const HttpAnswerPtr& answer) {
     Body body(request.body);
-    Outgoing message;
+    bus::Outgoing message;
     const auto timeout = body.timeout();
     if (body.isRefused(answer)) return;
-    if (auto problem = readMessage(body.json(), message); !problem.empty()) {
+    if (auto problem = bus::readMessage(body.json(), message); !problem.empty()) {
         answer->reply(errorReply(400, "InvalidArgument", problem));
         return;
     }
@@ -180,7 +180,7 @@ void Api::listen(const HttpRequest& request, const HttpAnswerPtr& answer) {
         return;
     }
     for (const auto& subject : subjects) {
-        if (isSubject(subject)) continue;
+        if (bus::isSubject(subject)) continue;
         answer->reply(errorReply(400, "InvalidArgument",
                                  fmt::format("'{}' is no subject", excerpt(subject))));
         return;

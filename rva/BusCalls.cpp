@@ -8,7 +8,7 @@ namespace kvx::rva {
 
 namespace {
 
-std::unique_ptr<RvSender> senderFor(CVekRvNet& net, const Outgoing& message) {
+std::unique_ptr<RvSender> senderFor(CVekRvNet& net, const bus::Outgoing& message) {
     int status = kOk;
     return std::unique_ptr<RvSender>(net.RRNNewSender(
         &status, message.subject.c_str(), message.reply.empty() ? nullptr : message.reply.c_str()));
@@ -26,7 +26,7 @@ class BusCalls::Request : public RvDataCallback {
     Request(BusCalls& calls, HttpAnswerPtr answer, std::shared_ptr<const void> slot)
         : calls_(calls), answer_(std::move(answer)), slot_(std::move(slot)) {}
 
-    void send(const Outgoing& message, std::chrono::milliseconds timeout) {
+    void send(const bus::Outgoing& message, std::chrono::milliseconds timeout) {
         const auto ms = static_cast<unsigned long>(timeout.count());
         sender_ = senderFor(calls_.net_, message);
         if (sender_) inbox_.reset(sender_->sendRequest(*message.datum, ms, this, nullptr));
@@ -35,7 +35,7 @@ class BusCalls::Request : public RvDataCallback {
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data, RvListener*) override {
         const char* const reply = replyTo != nullptr ? replyTo->subject() : nullptr;
-        finish({200, kJsonType, lineOf(messageJson(subject, reply, data)) + "\n"});
+        finish({200, kJsonType, bus::lineOf(bus::messageJson(subject, reply, data)) + "\n"});
     }
 
     void onTimeout(RvListener*) override {
@@ -76,7 +76,7 @@ bool BusCalls::post(const HttpAnswerPtr& answer, std::chrono::milliseconds withi
     return false;
 }
 
-void BusCalls::send(std::vector<Outgoing> messages, const HttpAnswerPtr& answer) {
+void BusCalls::send(std::vector<bus::Outgoing> messages, const HttpAnswerPtr& answer) {
     auto slot = quota_.take();
     if (!slot) {
         answer->reply(errorReply(429, "TooMany", "64 requests are in progress on the bus"));
@@ -84,7 +84,7 @@ void BusCalls::send(std::vector<Outgoing> messages, const HttpAnswerPtr& answer)
     }
     post(answer, {}, [this, slot, answer, messages = std::move(messages)] {
         if (!answer->isOpen()) return;
-        for (const Outgoing& message : messages) {
+        for (const bus::Outgoing& message : messages) {
             const auto sender = senderFor(net_, message);
             const RvStatus status =
                 sender ? sender->send(*message.datum) : net_.m_session->status();
@@ -97,7 +97,7 @@ void BusCalls::send(std::vector<Outgoing> messages, const HttpAnswerPtr& answer)
     });
 }
 
-void BusCalls::request(Outgoing message, std::chrono::milliseconds timeout,
+void BusCalls::request(bus::Outgoing message, std::chrono::milliseconds timeout,
                        const HttpAnswerPtr& answer) {
     auto slot = quota_.take();
     if (!slot) {

@@ -8,8 +8,8 @@
 
 #include "mom/mom.h"
 #include "rva/HttpAnswer.h"
-#include "rva/MessageJson.h"
 #include "rva/Quota.h"
+#include "tools/bus/MessageJson.h"
 
 namespace kvx::rva {
 
@@ -22,10 +22,11 @@ class BusCalls {
     ~BusCalls();
 
     /// Sends all, and answers how many. When one cannot be sent, the later ones are not.
-    void send(std::vector<Outgoing> messages, const HttpAnswerPtr& answer);
+    void send(std::vector<bus::Outgoing> messages, const HttpAnswerPtr& answer);
 
     /// Sends, and answers with the first reply.
-    void request(Outgoing message, std::chrono::milliseconds timeout, const HttpAnswerPtr& answer);
+    void request(bus::Outgoing message, std::chrono::milliseconds timeout,
+                 const HttpAnswerPtr& answer);
 
   private:
     class Request;

@@ -15,7 +15,7 @@ namespace {
 constexpr int kEmptyTicks = 60;  // for which events are kept although there is no page
 constexpr std::size_t kMostKept = 1U << 20U;
 constexpr std::size_t kMostPending = 1000;  // events of one page
-constexpr std::size_t kRowsPerEvent = 1000;
+constexpr std::size_t kRowsPerEvent = 200;  // has room for a client, whatever the names
 
 Json keyJson(const auto& key) {
     const auto& [service, domain, host, pid] = key;
@@ -93,7 +93,7 @@ void Feed::tellBus() {
 }
 
 void Feed::tellHistory(const History::Entry& entry) {
-    if (isLive_) push("history", lineOf(History::entryJson(entry)));
+    if (isLive_) push("history", bus::lineOf(History::entryJson(entry)));
 }
 
 // What has changed since the last call.
@@ -124,15 +124,16 @@ void Feed::tellServices() {
 
 std::vector<std::string> Feed::serviceEvents(const std::vector<std::string>& rows,
                                              const std::vector<Key>& gone, bool isWhole) const {
-    Json keys = Json::array();
-    for (const Key& key : gone) keys.push_back(keyJson(key));
+    const std::size_t count = std::max(rows.size(), gone.size());
     std::vector<std::string> events;
-    for (std::size_t i = 0; i == 0 || i < rows.size(); i += kRowsPerEvent) {
-        const bool isFirst = i == 0;
-        const auto part = joined(rows, i, std::min(rows.size(), i + kRowsPerEvent));
+    for (std::size_t i = 0; i == 0 || i < count; i += kRowsPerEvent) {
+        const std::size_t end = i + kRowsPerEvent;
+        Json keys = Json::array();
+        for (std::size_t k = i; k < std::min(gone.size(), end); ++k)
+            keys.push_back(keyJson(gone[k]));
         events.push_back(fmt::format(R"({{"whole":{},"services":[{}],"gone":{}}})",
-                                     isWhole && isFirst, part,
-                                     isFirst ? lineOf(keys) : std::string("[]")));
+                                     isWhole && i == 0, joined(rows, i, std::min(rows.size(), end)),
+                                     bus::lineOf(keys)));
     }
     return events;
 }
@@ -204,9 +205,11 @@ void Feed::flush(Page& page) {
         page.isStale = true;
     }
     if (page.isStale && page.sink.offer(": anew\n\n")) startAnew(page);
-    while (!page.pending.empty() && page.sink.offer(*page.pending.front())) {
-        page.pending.pop_front();
-    }
+    // What has no room even alone would keep back all that follows.
+    const auto isDone = [&](const std::string& event) {
+        return page.sink.offer(event) || event.size() > HttpAnswer::kMostWaiting;
+    };
+    while (!page.pending.empty() && isDone(*page.pending.front())) page.pending.pop_front();
 }
 
 }  // namespace kvx::rva

@@ -12,8 +12,8 @@
 
 #include "mom/mom.h"
 #include "rva/EventSink.h"
-#include "rva/MessageJson.h"
 #include "rva/Observations.h"
+#include "tools/bus/MessageJson.h"
 #include "tools/bus/Ticker.h"
 
 namespace kvx::rva {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "rva/MessageJson.h"
+#include "tools/bus/MessageJson.h"
 
 namespace kvx::rva {
 
@@ -23,7 +23,8 @@ class Listens::Subject : public RvDataCallback {
 
     void onData(const char* subject, RvSender* replyTo, const RvDatum& data, RvListener*) override {
         const char* const reply = replyTo != nullptr ? replyTo->subject() : nullptr;
-        const std::string event = eventText("message", lineOf(messageJson(subject, reply, data)));
+        const std::string event =
+            eventText("message", bus::lineOf(bus::messageJson(subject, reply, data)));
         for (const auto& one : listeners) one->sink.send(event);
     }
 
@@ -61,9 +62,10 @@ void Listens::add(const ListenerPtr& listener) {
         return remove(listener);
     }
     if (!listener->sink.start()) return remove(listener);
-    Json subjects = Json::array();
-    for (const auto& subject : listener->subjects) subjects.push_back(textJson(subject));
-    listener->sink.send(eventText("listening", lineOf(Json{{"subjects", std::move(subjects)}})));
+    bus::Json subjects = bus::Json::array();
+    for (const auto& subject : listener->subjects) subjects.push_back(bus::textJson(subject));
+    listener->sink.send(
+        eventText("listening", bus::lineOf(bus::Json{{"subjects", std::move(subjects)}})));
 }
 
 bool Listens::subscribe(const ListenerPtr& listener, const std::string& subject) {

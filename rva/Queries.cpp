@@ -5,8 +5,8 @@
 #include <utility>
 #include <vector>
 
-#include "rva/MessageJson.h"
 #include "rva/RowWriter.h"
+#include "tools/bus/MessageJson.h"
 
 namespace kvx::rva {
 
@@ -20,12 +20,12 @@ constexpr std::size_t kSentAtOnce = 16384;  // bytes for which rows that are rea
 
 std::string totalsJson(const AnswerTotals& totals, std::uint64_t rows, Clock::time_point begin) {
     const std::chrono::duration<double, std::milli> spent = Clock::now() - begin;
-    return lineOf(Json{{"rows", rows},
-                       {"packets", totals.packets},
-                       {"bytes", totals.plainBytes},
-                       {"sent_bytes", totals.sentBytes},
-                       {"remark", totals.remark},
-                       {"ms", spent.count()}});
+    return bus::lineOf(bus::Json{{"rows", rows},
+                                 {"packets", totals.packets},
+                                 {"bytes", totals.plainBytes},
+                                 {"sent_bytes", totals.sentBytes},
+                                 {"remark", totals.remark},
+                                 {"ms", spent.count()}});
 }
 
 // One answer while it is written.

@@ -6,10 +6,14 @@
 #include <array>
 #include <utility>
 
-#include "rva/MessageJson.h"
+#include "kvx/Record.h"
+#include "tools/bus/Base64.h"
+#include "tools/bus/MessageJson.h"
 #include "tools/bus/QueryColumns.h"
 
 namespace kvx::rva {
+
+using bus::Json;
 
 namespace {
 
@@ -32,7 +36,28 @@ constexpr std::array<ErrorKind, 11> kKinds = {{{Errc::InvalidArgument, "InvalidA
                                                {Errc::Busy, "Busy", 503}}};
 
 std::string queryMember(const Query& query) {
-    return "\"query\":" + lineOf(Json{{"service", query.service}});
+    return "\"query\":" + bus::lineOf(Json{{"service", query.service}});
+}
+
+// A row as an object, its fields in order.
+Json rowJson(const Record& record) {
+    Json row = Json::object();
+    for (const Field field : record) {
+        const Json name = bus::textJson(field.name);
+        Json& value = row[name.is_string() ? name.get<std::string>()
+                                           : "base64:" + name["base64"].get<std::string>()];
+        if (field.value.kind() == Value::Kind::Integer) {
+            const auto number = *field.value.as<std::int64_t>();
+            const bool isSafe = number <= bus::kMostExact && number >= -bus::kMostExact;
+            value = isSafe ? Json(number) : Json{{"integer", std::to_string(number)}};
+        } else if (const auto text = field.value.as<std::string_view>()) {
+            value = bus::textJson(*text);
+        } else if (const auto bytes = field.value.as<Value::Bytes>()) {
+            const auto* const data = reinterpret_cast<const char*>(bytes->data());
+            value = {{"bytes", bus::toBase64({data, bytes->size()})}};
+        }
+    }
+    return row;
 }
 
 class NdJsonWriter : public RowWriter {
@@ -41,7 +66,7 @@ class NdJsonWriter : public RowWriter {
     std::string type() const override { return "application/x-ndjson"; }
     std::string begin() override { return head_; }
     std::optional<std::string> row(const Record& record) override {
-        return "{\"row\":" + lineOf(rowJson(record)) + "}\n";
+        return "{\"row\":" + bus::lineOf(rowJson(record)) + "}\n";
     }
     std::string end(const std::string& totals) override { return "{\"end\":" + totals + "}\n"; }
     std::optional<std::string> error(const std::string& error) const override { return error; }
@@ -56,7 +81,7 @@ class JsonWriter : public RowWriter {
     std::string type() const override { return "application/json; charset=utf-8"; }
     std::string begin() override { return head_; }
     std::optional<std::string> row(const Record& record) override {
-        return std::exchange(separator_, ",\n") + lineOf(rowJson(record));
+        return std::exchange(separator_, ",\n") + bus::lineOf(rowJson(record));
     }
     std::string end(const std::string& totals) override { return "\n],\"end\":" + totals + "}\n"; }
     std::optional<std::string> error(const std::string& error) const override {
@@ -128,7 +153,7 @@ HttpReply errorReplyOf(const QueryError& error) {
         error.rows.size() == 1 ? error.rows.front().get<std::int64_t>("position") : std::nullopt;
     if (error.code == Errc::Refused && position) json["position"] = *position;
     return {kind->status, "application/json; charset=utf-8",
-            lineOf(Json{{"error", std::move(json)}}) + "\n"};
+            bus::lineOf(Json{{"error", std::move(json)}}) + "\n"};
 }
 
 }  // namespace kvx::rva

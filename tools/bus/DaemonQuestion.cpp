@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "tools/bus/MessageJson.h"
+
 namespace kvx::bus {
 
 namespace {
@@ -29,7 +31,12 @@ Json shapeOf(const RvMsg& example) {
 void addFields(Json& object, const RvMsg& message, bool isTop);
 
 Json plainValue(const std::string& name, const RvDatum& datum) {
-    if (datum.type() != RVMSG_MSG) return valueOf(datum);
+    if (datum.type() != RVMSG_MSG) {
+        Json value = valueJson(datum);
+        // Figures are numbers, however large.
+        const bool isFigure = datum.type() == RVMSG_INT || datum.type() == RVMSG_UINT;
+        return isFigure && value.is_string() ? Json::parse(value.get<std::string>()) : value;
+    }
     const auto& message = static_cast<const RvMsg&>(datum);
     if (name == "fields") return shapeOf(message);
     Json object = Json::object();

@@ -14,6 +14,7 @@
 #include "tools/bus/Client.h"
 #include "tools/bus/Complain.h"
 #include "tools/bus/DatumJson.h"
+#include "tools/bus/MessageJson.h"
 #include "tools/bus/Output.h"
 #include "tools/bus/Ticker.h"
 #include "tools/kvx/DaemonAnswers.h"
@@ -60,7 +61,7 @@ Json jsonOf(const recording::Entry& entry) {
     object["bytes"] = entry.messageSize;
     const std::string subject = entry.subject.text();
     const bool isWhole = withContent(entry, [&](const char* reply, const RvDatum& datum) {
-        bus::addMessage(object, subject.c_str(), reply, datum);
+        object.update(bus::messageJson(subject.c_str(), reply, datum));
     });
     if (isWhole) return object;
     object["subject"] = subject;

@@ -1,7 +1,7 @@
 // Every type has a writer and a reader, which are each other's inverse. A reader makes the bytes
 // that `RvMsg::append` takes, or refuses the value.
 
-#include "rva/MessageJson.h"
+#include "tools/bus/MessageJson.h"
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -22,15 +22,14 @@
 #include "platform/Text.h"
 #include "rv/message/SubjectView.h"
 #include "rv/message/WireFormat.h"
-#include "rva/Base64.h"
+#include "tools/bus/Base64.h"
 
-namespace kvx::rva {
+namespace kvx::bus {
 
 namespace {
 
 using Bytes = std::string;
 
-constexpr std::int64_t kSafe = (std::int64_t{1} << 53) - 1;  // what a double still counts
 constexpr std::size_t kMicrosecondDigits = 6;
 
 template <class Number>
@@ -79,8 +78,9 @@ std::optional<Bytes> textOrBytes(const Json& json) {
 
 template <class Wide>
 Json wideNumber(Wide number) {
-    const bool isSafe = std::in_range<std::int64_t>(number) && std::cmp_less_equal(number, kSafe) &&
-                        (std::is_unsigned_v<Wide> || std::cmp_greater_equal(number, -kSafe));
+    const bool isSafe = std::in_range<std::int64_t>(number) &&
+                        std::cmp_less_equal(number, kMostExact) &&
+                        (std::is_unsigned_v<Wide> || std::cmp_greater_equal(number, -kMostExact));
     return isSafe ? Json(number) : Json(std::to_string(number));
 }
 
@@ -193,6 +193,7 @@ Json addressJson(const RvDatum& datum) {
     const std::string_view bytes = viewOf(datum);
     const auto at = [&](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
     if (bytes.size() == 2) return at(0) * 256 + at(1);
+    if (bytes.size() != 4) return nullptr;
     return fmt::format("{}.{}.{}.{}", at(0), at(1), at(2), at(3));
 }
 
@@ -207,10 +208,10 @@ std::optional<Bytes> readPort(const Json& json) {
     return port ? std::optional(imageBytes(__builtin_bswap16(*port))) : std::nullopt;
 }
 
-using Words = std::array<std::uint32_t, 3>;  // high byte of the seconds, low word, microseconds
+using TimeWords = std::array<std::uint32_t, 3>;  // high byte of the seconds, low word, microseconds
 
 Json dateTimeJson(const RvDatum& datum) {
-    const auto words = loadedFrom<Words>(datum);
+    const auto words = loadedFrom<TimeWords>(datum);
     const bool isBefore1970 = words[0] == 255;
     if (words[2] >= 1'000'000 || (words[0] != 0 && !isBefore1970)) return {{"words", words}};
     const auto seconds =
@@ -230,7 +231,7 @@ std::optional<unsigned> digitsAt(std::string_view text, std::size_t begin, std::
 }
 
 // "2026-01-31T12:00:00Z", "2026-01-31T12:00:00.000001Z" and between.
-std::optional<Words> timeIn(const std::string& text) {
+std::optional<TimeWords> timeIn(const std::string& text) {
     constexpr std::string_view kForm = "yyyy-mm-ddThh:mm:ss";
     if (text.size() <= kForm.size()) return std::nullopt;
     for (const std::size_t i : {4U, 7U, 10U, 13U, 16U}) {
@@ -264,14 +265,14 @@ std::optional<Words> timeIn(const std::string& text) {
         *hour * 3'600 + *minute * 60 + *second;
     constexpr std::int64_t kSpan = std::int64_t{1} << 32;
     if (seconds < -kSpan || seconds >= kSpan) return std::nullopt;
-    return Words{seconds < 0 ? 255U : 0U, static_cast<std::uint32_t>(seconds), micros};
+    return TimeWords{seconds < 0 ? 255U : 0U, static_cast<std::uint32_t>(seconds), micros};
 }
 
 std::optional<Bytes> readDateTime(const Json& json) {
-    std::optional<Words> words;
+    std::optional<TimeWords> words;
     if (json.is_string()) words = timeIn(json.get<std::string>());
     if (const Json* const raw = onlyMember(json, "words"); raw != nullptr && raw->is_array()) {
-        words = Words{};
+        words = TimeWords{};
         if (raw->size() != words->size()) return std::nullopt;
         for (std::size_t i = 0; i < words->size(); ++i) {
             const auto word = integerIn<std::uint32_t>((*raw)[i]);
@@ -351,45 +352,13 @@ const std::map<std::string, ValueType, std::less<>>& valueTypes() {
     return kTypes;
 }
 
-Json fieldsJson(const RvMsg& message);
-
-Json valueJson(const RvDatum& datum) {
-    if (datum.data() == nullptr) return datum.type() == RVMSG_OPAQUE ? Json("") : Json(nullptr);
-    switch (datum.type()) {
-        case RVMSG_MSG:
-            return fieldsJson(static_cast<const RvMsg&>(datum));
-        case RVMSG_SUBJECT:
-            return subjectJson(datum);
-        case RVMSG_DATETIME:
-            return dateTimeJson(datum);
-        case RVMSG_STRING:
-            return stringJson(datum);
-        case RVMSG_BOOLEAN:
-            return booleanJson(datum);
-        case RVMSG_IPDATA:
-            return addressJson(datum);
-        case RVMSG_INT:
-            return integerJson<std::int8_t, std::int16_t, std::int32_t, std::int64_t>(datum);
-        case RVMSG_UINT:
-            return integerJson<std::uint8_t, std::uint16_t, std::uint32_t, std::uint64_t>(datum);
-        case RVMSG_REAL:
-            return datum.size() == sizeof(float) ? realJson<float, std::uint32_t>(datum)
-                                                 : realJson<double, std::uint64_t>(datum);
-        case RVMSG_OPAQUE:
-        case RVMSG_ENCRYPTED:
-            return opaqueJson(datum);
-        default:
-            return nullptr;
-    }
-}
-
 Json fieldsJson(const RvMsg& message) {
     Json fields = Json::array();
     const std::unique_ptr<RvMsgIterator> iterator(message.newIterator());
     while (const RvDatum* field = iterator ? iterator->next() : nullptr) {
         Json entry;
         entry["name"] = textJson(field->name() != nullptr ? field->name() : "");
-        entry["type"] = bus::typeName(*field);
+        entry["type"] = typeName(*field);
         entry["value"] = valueJson(*field);
         fields.push_back(std::move(entry));
     }
@@ -427,7 +396,7 @@ std::optional<rvmsg_Type> unnamedType(std::string_view name) {
     if (error != std::errc() || end != name.data() + name.size() || type > 255) return std::nullopt;
     // Named types and those that are never stored have other names.
     const RvDatum datum(static_cast<rvmsg_Type>(type), 0, "");
-    if (bus::typeName(datum) != name || type == RVMSG_BADDATA) return std::nullopt;
+    if (typeName(datum) != name || type == RVMSG_BADDATA) return std::nullopt;
     return static_cast<rvmsg_Type>(type);
 }
 
@@ -517,6 +486,36 @@ std::string readDatum(const Json& json, Outgoing& message) {
 
 }  // namespace
 
+Json valueJson(const RvDatum& datum) {
+    if (datum.data() == nullptr) return datum.type() == RVMSG_OPAQUE ? Json("") : Json(nullptr);
+    switch (datum.type()) {
+        case RVMSG_MSG:
+            return fieldsJson(static_cast<const RvMsg&>(datum));
+        case RVMSG_SUBJECT:
+            return subjectJson(datum);
+        case RVMSG_DATETIME:
+            return dateTimeJson(datum);
+        case RVMSG_STRING:
+            return stringJson(datum);
+        case RVMSG_BOOLEAN:
+            return booleanJson(datum);
+        case RVMSG_IPDATA:
+            return addressJson(datum);
+        case RVMSG_INT:
+            return integerJson<std::int8_t, std::int16_t, std::int32_t, std::int64_t>(datum);
+        case RVMSG_UINT:
+            return integerJson<std::uint8_t, std::uint16_t, std::uint32_t, std::uint64_t>(datum);
+        case RVMSG_REAL:
+            return datum.size() == sizeof(float) ? realJson<float, std::uint32_t>(datum)
+                                                 : realJson<double, std::uint64_t>(datum);
+        case RVMSG_OPAQUE:
+        case RVMSG_ENCRYPTED:
+            return opaqueJson(datum);
+        default:
+            return nullptr;
+    }
+}
+
 Json textJson(std::string_view text) {
     if (isUtf8(text)) return std::string(text);
     return {{"base64", toBase64(text)}};
@@ -526,7 +525,7 @@ Json messageJson(const char* subject, const char* reply, const RvDatum& datum) {
     Json object;
     object["subject"] = textJson(subject);
     object["reply"] = reply != nullptr ? textJson(reply) : Json(nullptr);
-    object["type"] = bus::typeName(datum);
+    object["type"] = typeName(datum);
     object[datum.type() == RVMSG_MSG ? "fields" : "value"] = valueJson(datum);
     return object;
 }
@@ -545,25 +544,6 @@ std::string readMessage(const Json& json, Outgoing& message) {
     return readDatum(json, message);
 }
 
-Json rowJson(const Record& record) {
-    Json row = Json::object();
-    for (const Field field : record) {
-        Json& value =
-            row[isUtf8(field.name) ? std::string(field.name) : "base64:" + toBase64(field.name)];
-        if (field.value.kind() == Value::Kind::Integer) {
-            const auto number = *field.value.as<std::int64_t>();
-            const bool isSafe = number <= kSafe && number >= -kSafe;
-            value = isSafe ? Json(number) : Json{{"integer", std::to_string(number)}};
-        } else if (const auto text = field.value.as<std::string_view>()) {
-            value = textJson(*text);
-        } else if (const auto bytes = field.value.as<Value::Bytes>()) {
-            const auto* const data = reinterpret_cast<const char*>(bytes->data());
-            value = {{"bytes", toBase64({data, bytes->size()})}};
-        }
-    }
-    return row;
-}
-
 bool isSubject(const std::string& text) {
     return encodedSubject(text).has_value();
 }
@@ -572,4 +552,4 @@ std::string lineOf(const Json& json) {
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-}  // namespace kvx::rva
+}  // namespace kvx::bus

@@ -1,8 +1,8 @@
-#include "rva/Base64.h"
+#include "tools/bus/Base64.h"
 
 #include <cstdint>
 
-namespace kvx::rva {
+namespace kvx::bus {
 
 namespace {
 
@@ -47,4 +47,4 @@ std::optional<std::string> fromBase64(std::string_view text) {
     return bytes;
 }
 
-}  // namespace kvx::rva
+}  // namespace kvx::bus

@@ -1,17 +1,15 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
 
-#include "kvx/Record.h"
 #include "rv/rv.h"
 #include "tools/bus/DatumJson.h"
 
 /// The map between messages and JSON that docs/http.md defines: without loss, in both directions.
-namespace kvx::rva {
-
-using bus::Json;
+namespace kvx::bus {
 
 /// What may be sent, as a client describes it.
 struct Outgoing {
@@ -27,11 +25,14 @@ struct Outgoing {
 /// text.
 [[nodiscard]] std::string readMessage(const Json& json, Outgoing& message);
 
+/// Integers up to this, and down to its negative, are exact wherever JSON's numbers are doubles.
+inline constexpr std::int64_t kMostExact = (std::int64_t{1} << 53) - 1;
+
+/// A value alone, as `messageJson` has it.
+[[nodiscard]] Json valueJson(const RvDatum& datum);
+
 /// A text, or `{"base64"}` when it is not UTF-8.
 [[nodiscard]] Json textJson(std::string_view text);
-
-/// A row as an object, its fields in order.
-[[nodiscard]] Json rowJson(const Record& record);
 
 /// Whether `text` is a subject, with or without wildcards.
 [[nodiscard]] bool isSubject(const std::string& text);
@@ -39,4 +40,4 @@ struct Outgoing {
 /// In one line, UTF-8.
 [[nodiscard]] std::string lineOf(const Json& json);
 
-}  // namespace kvx::rva
+}  // namespace kvx::bus
