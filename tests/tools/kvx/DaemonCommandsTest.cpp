@@ -81,11 +81,12 @@ TEST_F(DaemonCommands, TellHowLongMessagesAreInTheDaemon) {
     const auto listener = bus_.start("kvx", {"listen", "NEWS"});
     kvxUntil("trace NEWS", "LISTEN");
     const std::string over = bus_.path("over");
+    const std::string told = bus_.path("told");
     const Ended ended = bus_.shell("{ until test -e " + over +
                                    "; do kvx send NEWS a=1; kvx send OTHER a=1; done; } & "
-                                   "until kvx latency NEWS --seconds 2 --json >found && grep -q "
-                                   "p50_ns found; do :; done; touch " +
-                                   over + "; wait; cat found");
+                                   "until kvx latency NEWS --seconds 2 --json >" +
+                                   told + " && grep -q p50_ns " + told + "; do :; done; touch " +
+                                   over + "; wait; cat " + told);
     EXPECT_EQ(ended.status, 0) << ended.errors;
     const auto found = nlohmann::json::parse(ended.output);
     ASSERT_GT(found.value("copies", 0), 0) << ended.output;
@@ -110,7 +111,7 @@ TEST_F(DaemonCommands, TopDrawsOnATerminalAndPrintsObjects) {
     EXPECT_TRUE(holds(strange.output, "kvx: nothing is known of this kind of terminal"));
     // The keys come once the screen is there.
     const std::string drawn = bus_.path("drawn");
-    const Ended live = bus_.shell("mkfifo keys; { until grep -q SESSION " + drawn +
+    const Ended live = bus_.shell("{ until grep -q SESSION " + drawn +
                                   "; do :; done; printf /; until grep -q filter: " + drawn +
                                   "; do :; done; printf '\\nq'; } | TERM=xterm script -qfec 'stty "
                                   "rows 24 cols 80; kvx top' " +
