@@ -141,7 +141,6 @@ TEST(Options, AreWhatANetworkObjectHandsOver) {
               (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(parse({"-interval", "0"}).options.intervalSeconds, 0U);
     for (const auto& nonsense : std::vector<std::vector<const char*>>{{"-listen"},
-                                                                      {"--listen", "1"},
                                                                       {"x"},
                                                                       {"-flavor", "053"},
                                                                       {"-service", "a\"b"},

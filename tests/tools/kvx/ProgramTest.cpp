@@ -195,7 +195,8 @@ TEST_F(ProgramTest, ShowsNoControlCharacterOfAMessage) {
     const std::string feeder = "send A 'x=\x1b[31m\n\xc2\x9b\x9b\xc3\xa9'";
     const Ended text = fed("kvx listen A --count 1", feeder);
     EXPECT_EQ(text.output, "A - { x=\" [31m    \xc3\xa9\"}\n");
-    const Ended json = fed("kvx listen A --count 1 --json", feeder);
+    const Ended json =
+        fed("kvx listen A --count 1 --json", "send A 'x=\x1b[31m\n\xc2\x9b\xc3\xa9'");
     EXPECT_TRUE(holds(json.output, R"("value":"\u001b[31m\n\u009b)")) << json.output;
 }
 
