@@ -46,7 +46,7 @@ while IFS= read -r line <&3; do
                 '$ ./'*) typed=yes ;;
                 '$ export PYTHONPATH'*) [ -e ../python/kvxmom/__init__.py ] && typed=yes ;;
             esac
-            [ -n "$typed" ] || continue
+            [ -n "$typed" ] || { before=$line; continue; }
             command=${line#??}
             commands=$((commands + 1))
             eval "${command//7500/$port}" >>"$work/output" 2>&1 ;;
