@@ -311,7 +311,7 @@ bool HttpServer::send(Connection& connection) {
 }
 
 // Takes what is to be sent next. False when there is nothing now.
-bool HttpServer::refill(Connection& connection) {
+bool HttpServer::refill(Connection& connection) const {
     if (connection.isLast) return true;
     if (!connection.answer->hasSome()) {
         connection.deadline = kNever;

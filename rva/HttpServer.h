@@ -108,7 +108,7 @@ class HttpServer {
     bool takeHead(Connection& connection, std::size_t size);
     bool answer(Connection& connection);
     bool send(Connection& connection);
-    bool refill(Connection& connection);
+    bool refill(Connection& connection) const;
     void replyAtOnce(Connection& connection, const HttpReply& reply) const;
 
     HttpHandler& handler_;

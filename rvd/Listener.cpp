@@ -76,6 +76,7 @@ void Listener::close() {
 std::vector<BoundAddress> placesToListen(const std::vector<ListenAddress>& addresses,
                                          std::vector<platform::PassedSocket> passed) {
     std::vector<BoundAddress> places;
+    places.reserve(addresses.size() + passed.size());
     for (const ListenAddress& address : addresses) places.push_back({address, {}});
     for (platform::PassedSocket& one : passed) {
         const auto find = [&](bool isSame) {
