@@ -125,8 +125,11 @@ std::shared_ptr<const void> Api::stream(const HttpRequest& request,
         return nullptr;
     }
     auto slot = streams_.take();
-    slot ? answer->hold(slot)
-         : static_cast<void>(answer->reply(errorReply(429, "TooMany", "256 streams are open")));
+    if (slot) {
+        answer->hold(slot);
+    } else {
+        answer->reply(errorReply(429, "TooMany", "256 streams are open"));
+    }
     return slot;
 }
 
