@@ -54,8 +54,8 @@ TYPED = [
 class Shell:
     def __init__(self, command, home):
         self.seen = ""
-        process, self.terminal = pty.fork()
-        if process == 0:
+        self.process, self.terminal = pty.fork()
+        if self.process == 0:
             os.execvpe(command[0], command, {"PATH": os.environ["PATH"], "HOME": home, "TERM": "xterm"})
 
     def type(self, line, awaited):
@@ -67,6 +67,17 @@ class Shell:
             if select.select([self.terminal], [], [], 0.1)[0]:
                 self.seen += os.read(self.terminal, 65536).decode(errors="replace")
         return found
+
+    def end(self):
+        """Returns when the shell is gone: some write to their home at last."""
+        os.write(self.terminal, b"exit\r")
+        try:
+            while os.read(self.terminal, 65536):
+                pass
+        except OSError:
+            pass  # what Linux says when nobody holds the other end
+        os.close(self.terminal)
+        os.waitpid(self.process, 0)
 
 
 def main(name, directory):
@@ -86,7 +97,7 @@ def main(name, directory):
             if not found or re.sub(r"(<--[a-z-]+)=", r"\1><", found[1]) != expected:
                 print(f"{typed!r}: {expected} was expected\n    {shell.seen!r}")
                 failures += 1
-        os.write(shell.terminal, b"exit\r")
+        shell.end()
     sys.exit(failures != 0)
 
 
