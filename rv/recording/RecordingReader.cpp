@@ -16,8 +16,8 @@
 #include <system_error>
 #include <utility>
 
+#include "rv/message/FieldCheck.h"
 #include "rv/message/SubjectIndex.h"
-#include "rv/message/WireFormat.h"
 #include "rv/recording/RecordFormat.h"
 
 namespace kvx::recording {
@@ -35,7 +35,7 @@ std::string_view textAt(const std::uint8_t* at, std::size_t count) {
 
 bool isWholeMessage(const Entry& entry) {
     return entry.message.size() == entry.messageSize &&
-           rvmsg_Validate(const_cast<std::uint8_t*>(entry.message.data()), entry.messageSize) == 0;
+           checkMessage(entry.message, kMaxLinkNesting, [](const WireField&) {}) == 0;
 }
 
 bool isOn(const Entry& entry, SubjectView pattern) {

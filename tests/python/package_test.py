@@ -154,7 +154,7 @@ class Messages(BusTest):
                 with self.assertRaisesRegex(TypeError, names):
                     wrong()
             deep = kvxmom.Message(x=1)
-            for _ in range(31):
+            for _ in range(32):
                 deep = kvxmom.Message(x=deep)
             client.send("T.A", deep)
             self.assertIn("{'x': 1}", repr(heard.take(10).message))
