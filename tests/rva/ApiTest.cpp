@@ -151,6 +151,17 @@ TEST_F(ApiTest, SendsWhatItHearsWithoutLoss) {
          R"({"subject":"A"})"}) {
         EXPECT_EQ(codeIn(post(port, "/api/send", Json::parse(wrong))), "InvalidArgument") << wrong;
     }
+    for (const char* subject : {"A.*", ">", "_RV.NEWS", "_RVD.STATUS", "_RVD"}) {
+        for (const char* key : {"subject", "reply"}) {
+            Json wrong = {{"subject", "A"}, {"value", "x"}, {"timeout_ms", 1}};
+            wrong[key] = subject;
+            EXPECT_EQ(codeIn(post(port, "/api/send", wrong)), "InvalidArgument") << wrong;
+            const bool isQuestion =
+                std::string_view(key) == "subject" && std::string_view(subject).starts_with("_RVD");
+            EXPECT_EQ(post(port, "/api/request", wrong)->status == 400, !isQuestion) << wrong;
+        }
+    }
+    EXPECT_EQ(post(port, "/api/send", {{"subject", "_INBOX.A.1"}, {"value", "x"}})->status, 200);
     EXPECT_EQ(codeIn(post(port, "/api/send", "text")), "BadRequest");
     // Neither walked down to their end nor searched key by key.
     const std::string deep = std::string(500'000, '[') + std::string(500'000, ']');
