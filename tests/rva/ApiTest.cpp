@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "kvx/Record.h"
+#include "rva/RowWriter.h"
 #include "tests/rva/AgentFixture.h"
 #include "tests/rva/Schema.h"
 #include "tests/support/LinkEnd.h"
@@ -243,6 +245,18 @@ TEST_F(ApiTest, StreamsAnswersOfServicesInEveryForm) {
     EXPECT_EQ(codeIn(post(port, "/api/request",
                           {{"subject", "NOBODY"}, {"value", "x"}, {"timeout_ms", 50}})),
               "TimedOut");
+}
+
+TEST(RowWriterTest, KeepsApartNamesThatAreAlike) {
+    kvx::Record row;
+    for (const char* name : {"MTU", "mtu", "\xff", "base64:/w=="}) {
+        ASSERT_TRUE(row.set(name, static_cast<int>(row.size())));
+    }
+    rva::Query query;
+    EXPECT_EQ(rva::makeRowWriter(query)->row(row),
+              "{\"row\":{\"MTU\":0,\"mtu\":1,\"base64:/w==\":2,\"base64:YmFzZTY0Oi93PT0=\":3}}\n");
+    query.format = rva::RowFormat::Csv;
+    EXPECT_EQ(rva::makeRowWriter(query)->row(row), "MTU,mtu,\xff,base64:/w==\r\n0,1,2,3\r\n");
 }
 
 TEST_F(ApiTest, ManyPagesCostOneSubscriptionAndResumeWhereTheyLeft) {
