@@ -42,7 +42,9 @@ struct SessionFacts {
     Flow published;
     std::uint64_t publishedRate = 0;  ///< messages in the last second
     std::uint64_t deliveredRate = 0;
-    std::optional<platform::Milliseconds> behindFor;  ///< since it does not keep up
+    std::optional<platform::Milliseconds>
+        waitingFor;                                   ///< since messages wait at each second's look
+    std::optional<platform::Milliseconds> behindFor;  ///< since it loses and does not keep up
     std::optional<platform::Milliseconds> lossAge;    ///< since something was dropped
 };
 

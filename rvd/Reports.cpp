@@ -129,6 +129,7 @@ Row rowOf(const SessionFacts& facts) {
     const auto putAge = [&row](const char* name, std::optional<platform::Milliseconds> age) {
         if (age) row.put(name, static_cast<std::uint64_t>(*age));
     };
+    putAge("waiting_ms", facts.waitingFor);
     putAge("behind_ms", facts.behindFor);
     putAge("loss_age_ms", facts.lossAge);
     return row;
