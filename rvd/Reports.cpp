@@ -82,7 +82,7 @@ class StatusReport final : public Report {
         part.put("listen_limit", std::uint64_t{Router::kMaxListens});
         part.put("memory", memoryRow(facts));
         part.put("rates", ratesRow(*facts.rates));
-        part.put("counters", countersRow(*facts.counters));
+        part.put("counters", countersRow(facts.counters));
         Row latency;
         putDelays(latency, facts.delays->ofSamples());
         part.put("latency", latency);

@@ -61,6 +61,8 @@ TEST_F(DaemonCommands, NameWhoHoldsUpMessages) {
     const std::string waits = kvxUntil("why-slow NEWS", "what to do  it reads nothing");
     EXPECT_TRUE(holds(waits, "and loses none now")) << waits;
     EXPECT_TRUE(holds(kvx("sessions"), "messages wait for "));
+    const auto status = nlohmann::json::parse(kvx("status --json"));
+    EXPECT_GE(status["counters"]["messages_waiting"], 10);
     kvx("send NEWS - --repeat 100 < " + blob);
     const std::string said = kvxUntil("why-slow NEWS", "does not keep up since");
     EXPECT_TRUE(holds(said, "queue full, the last")) << said;
