@@ -4,9 +4,6 @@
 
 #include <httplib.h>
 
-#include <mutex>
-#include <utility>
-
 #include "rva/HttpPages.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LinkEnd.h"
