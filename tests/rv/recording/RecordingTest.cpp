@@ -1,9 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <filesystem>
-#include <random>
-
 #include "rv/recording/RecordFormat.h"
 #include "rv/recording/RecordingReader.h"
 #include "tests/support/LinkEnd.h"
