@@ -111,9 +111,14 @@ std::unique_ptr<Recorder> Recorder::goOn(const Settings& settings, const std::st
 void Recorder::record(const Router::Session& from, std::uint64_t sender, SubjectView subject,
                       wire::Bytes message, Nanoseconds receivedAt) noexcept {
     ++messages_;
-    writer_.add({static_cast<std::uint64_t>(receivedAt + wallAhead_), sender, from.service(),
-                 from.network(), subject, message.first(std::min(message.size(), messageBytes_)),
-                 static_cast<std::uint32_t>(message.size())});
+    if (sender != sender_ || receivedAt != receivedAt_) {
+        writer_.begin({static_cast<std::uint64_t>(receivedAt + wallAhead_), sender, from.service(),
+                       from.network()});
+        sender_ = sender;
+        receivedAt_ = receivedAt;
+    }
+    writer_.add(subject, message.first(std::min(message.size(), messageBytes_)),
+                static_cast<std::uint32_t>(message.size()));
 }
 
 void Recorder::tick() noexcept {

@@ -57,7 +57,9 @@ class Recorder {
     recording::RecordingWriter writer_;
     const std::size_t messageBytes_;
     const Line::Clock clock_;
-    Nanoseconds wallAhead_ = 0;  // of the clock
+    Nanoseconds wallAhead_ = 0;                 // of the clock
+    std::uint64_t sender_ = ~std::uint64_t{0};  // of the last message
+    Nanoseconds receivedAt_ = 0;                // and when it was read
     std::uint64_t messages_ = 0;
 };
 
