@@ -49,27 +49,35 @@ class Input {
     std::span<const std::uint8_t> rest_;
 };
 
-// Gives what is at that place the checks of a record that belongs there.
-void makeSound(std::span<std::uint8_t> ring, std::size_t at, std::uint64_t round) {
-    if (at + kRecordHeadBytes > ring.size()) return;
+// Gives what is at that place the checks of a run that begins there.
+void makeRun(std::span<std::uint8_t> ring, std::size_t at, std::uint64_t position) {
     std::uint8_t* const head = ring.data() + at;
-    const std::uint64_t position = at + round * ring.size();
-    const std::uint32_t length = loadBig32(head + kAtLength);
     storeBig64(head + kAtPosition, position);
-    storeBig32(head + kAtHeadCheck, headCheck(kSeed, position, length));
-    if (length < kRecordHeadBytes || padded(length) > ring.size() - at) return;
+    const auto size =
+        static_cast<std::size_t>(runHeadBytes(head[kAtServiceSize], head[kAtNetworkSize]));
+    if (size > ring.size() - at) return;
     Check check(kSeed, position);
-    check.take(head + kAtTime, kRecordHeadBytes - kAtTime);
-    std::size_t part = kRecordHeadBytes;
-    for (const std::size_t size :
-         {std::size_t{loadBig16(head + kAtSubjectSize)}, std::size_t{head[kAtServiceSize]},
-          std::size_t{head[kAtNetworkSize]}}) {
-        if (padded(size) > padded(length) - part) return;
-        check.take(head + part, static_cast<std::size_t>(padded(size)));
-        part += static_cast<std::size_t>(padded(size));
-    }
-    check.take(head + part, static_cast<std::size_t>(padded(length)) - part);
-    storeBig64(head + kAtCheck, check.value());
+    check.take(head + kAtTime, size - kAtTime);
+    storeBig64(head + kAtRunCheck, check.value());
+}
+
+// Gives what is at that place the checks of a message of such a run.
+void makeMessage(std::span<std::uint8_t> ring, std::size_t at, std::uint64_t position) {
+    std::uint8_t* const head = ring.data() + at;
+    const std::uint64_t numbers = loadBig64(head + kAtLength);
+    storeBig32(head + kAtHeadCheck, headCheck(kSeed, position, numbers));
+    const std::uint64_t size = padded(numbers >> 32U & ~std::uint64_t{kIsPart});
+    if (size > ring.size() - at - kMessageHeadBytes) return;
+    Check check(kSeed, position);
+    check.take(head + kMessageHeadBytes, static_cast<std::size_t>(size));
+    storeBig32(head + kAtContentCheck, check.shortValue());
+}
+
+void makeSound(std::span<std::uint8_t> ring, std::size_t at, std::uint64_t round) {
+    const std::size_t place = at & ~std::size_t{kUnit - 1};
+    if (place + kAtNames > ring.size()) return;
+    const auto make = at % 2 == 0 ? makeRun : makeMessage;
+    make(ring, place, place + round * ring.size());
 }
 
 std::vector<std::uint8_t> built(Input input) {
@@ -82,15 +90,18 @@ std::vector<std::uint8_t> built(Input input) {
         const std::uint16_t what = input.next();
         const std::size_t at = input.next() % kCapacity;
         if (what % 4 == 0) {
-            writer.add(
-                {++time, 1, "7500", "", subject, input.take(at), static_cast<std::uint32_t>(at)});
+            if (at % 2 == 0) writer.begin({++time, 1, "7500", ""});
+            const auto bytes = input.take(at);
+            const bool isWithin = bytes.size() == at && SubjectView::parse(bytes.data(), at);
+            writer.add(isWithin ? SubjectView::trusted(bytes.data()) : subject.view(), bytes,
+                       static_cast<std::uint32_t>(at));
         } else if (what % 4 == 1) {
             ring[at] = static_cast<std::uint8_t>(what >> 8U);
         } else if (what % 4 == 2) {
             const auto some = input.take(std::min<std::size_t>(16, kCapacity - at));
             std::copy(some.begin(), some.end(), ring.begin() + static_cast<std::ptrdiff_t>(at));
         } else {
-            makeSound(ring, at & ~std::size_t{7}, what >> 8U);
+            makeSound(ring, at, what >> 8U);
         }
     }
     return memory;
@@ -114,7 +125,7 @@ void read(const std::vector<std::uint8_t>& file) {
         require(entry->service.size() + entry->network.size() <= 2 * kMostNameBytes);
         (void)isWholeMessage(*entry);
         require(!entry->subject.text().empty());
-        bytes += RecordingWriter::bytesFor(*entry);
+        bytes += kMessageHeadBytes + entry->message.size();
         require(bytes <= reader.capacity());
     }
     std::filesystem::remove(path);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -9,67 +10,82 @@
 
 #include "rv/message/WireReader.h"
 
-/// The bytes of a recording, as kvx-recording(5) describes them: a head, and a ring of
-/// records. Numbers are big-endian.
+/// The bytes of a recording, as kvx-recording(5) describes them: a head, and a ring of runs, which
+/// are messages of one origin behind a head that tells it. Numbers are big-endian.
 namespace kvx::recording {
 
 /// At the start of the file.
-inline constexpr std::string_view kMagic = "KVXREC01";
+inline constexpr std::string_view kMagic = "KVXREC02";
 inline constexpr std::size_t kFileHeadBytes = 4'096;  ///< the ring follows
 inline constexpr std::size_t kAtCapacity = 8;         ///< 8 bytes: of the ring
 inline constexpr std::size_t kAtSeed = 16;            ///< 8 bytes: a random number, in all checks
 inline constexpr std::size_t kAtCreated = 24;         ///< 8 bytes: nanoseconds since the epoch
 inline constexpr std::size_t kAtProcess = 32;         ///< 8 bytes: the id of who records
 
-/// Records and their parts begin at multiples of it.
+/// Heads, and what follows them, begin at multiples of it.
 inline constexpr std::uint64_t kUnit = 16;
 
 inline constexpr std::uint64_t kLeastCapacity = 4'096;
 inline constexpr std::uint64_t kMostCapacity = 1ULL << 32U;
 
-/// At the start of a record. Subject, service, network and message follow, each padded with zeros
-/// to a whole unit.
-inline constexpr std::size_t kRecordHeadBytes = 48;
-inline constexpr std::size_t kAtPosition = 0;  ///< 8 bytes: since the ring was made
-inline constexpr std::size_t kAtLength = 8;    ///< 4 bytes: of the record, without the last padding
-inline constexpr std::size_t kAtHeadCheck = 12;    ///< 4 bytes
-inline constexpr std::size_t kAtCheck = 16;        ///< 8 bytes: of all that follows, in these parts
-inline constexpr std::size_t kAtTime = 24;         ///< 8 bytes: nanoseconds since the epoch
-inline constexpr std::size_t kAtSession = 32;      ///< 8 bytes: its number
-inline constexpr std::size_t kAtMessageSize = 40;  ///< 4 bytes: of the whole message
-inline constexpr std::size_t kAtSubjectSize = 44;  ///< 2 bytes
-inline constexpr std::size_t kAtServiceSize = 46;  ///< 1 byte
-inline constexpr std::size_t kAtNetworkSize = 47;  ///< 1 byte
+/// At the start of a run. The names of service and network follow, padded with zeros to a whole
+/// unit.
+inline constexpr std::size_t kAtPosition = 0;      ///< 8 bytes: since the ring was made
+inline constexpr std::size_t kAtRunCheck = 8;      ///< 8 bytes: of position and all that follows
+inline constexpr std::size_t kAtTime = 16;         ///< 8 bytes: nanoseconds since the epoch
+inline constexpr std::size_t kAtSession = 24;      ///< 8 bytes: its number
+inline constexpr std::size_t kAtServiceSize = 32;  ///< 1 byte
+inline constexpr std::size_t kAtNetworkSize = 33;  ///< 1 byte
+inline constexpr std::size_t kAtNames = 34;
 inline constexpr std::size_t kMostNameBytes = 255;  ///< of a service or network: more are cut
+
+/// At the start of a message. Its bytes follow, padded with zeros to a whole unit.
+inline constexpr std::size_t kMessageHeadBytes = 16;
+inline constexpr std::size_t kAtHeadCheck = 0;     ///< 4 bytes: of position, length and subject
+inline constexpr std::size_t kAtContentCheck = 4;  ///< 4 bytes: of what follows the head
+inline constexpr std::size_t kAtLength = 8;        ///< 4 bytes: of what follows, and `kIsPart`
+inline constexpr std::size_t kAtSubject = 12;      ///< 4 bytes: where it is in what follows
+inline constexpr std::uint32_t kIsPart = 1U << 31U;
+/// At the start of what follows when `kIsPart`: the size of the whole message in 4 bytes, padded,
+/// and its subject, padded.
+inline constexpr std::size_t kPartHeadBytes = 16;
 
 /// A length with its padding.
 constexpr std::uint64_t padded(std::uint64_t length) {
     return (length + kUnit - 1) & ~(kUnit - 1);
 }
 
+inline constexpr std::uint64_t kMixing = 0x9E3779B97F4A7C15ULL;
+
 constexpr std::uint64_t mixed(std::uint64_t number) {
-    number = (number ^ number >> 32U) * 0x9E3779B97F4A7C15ULL;
+    number = (number ^ number >> 32U) * kMixing;
     return number ^ number >> 29U;
 }
 
-/// Of where a record is, and how long.
-constexpr std::uint32_t headCheck(std::uint64_t seed, std::uint64_t position,
-                                  std::uint32_t length) {
-    return static_cast<std::uint32_t>(mixed(mixed(position ^ seed) + length) >> 32U);
+/// The messages of a run begin in so many bytes from its start: where one is torn, the next can be
+/// found, and a ring that turns cuts off no more than that.
+constexpr std::uint64_t runBytes(std::uint64_t capacity) {
+    return std::clamp<std::uint64_t>(capacity / 16, 1'024, 4'096);
 }
 
-/// Of the content of a record: two sums of its words, and the sums of these sums, which tell the
+constexpr std::uint64_t runHeadBytes(std::size_t serviceSize, std::size_t networkSize) {
+    return padded(kAtNames + serviceSize + networkSize);
+}
+
+/// Of the head of a message: where it is, and what its two numbers say. `run`: the check of its
+/// run, which its own are made with, so that it belongs to no other one.
+constexpr std::uint32_t headCheck(std::uint64_t run, std::uint64_t position,
+                                  std::uint64_t numbers) {
+    return static_cast<std::uint32_t>(mixed((position ^ run) + numbers * kMixing) >> 32U);
+}
+
+/// Of the bytes at a position: two sums of its words, and the sums of these sums, which tell the
 /// order. Both words of a unit are added at once, and a unit costs hardly more than to copy it.
 class Check {
   public:
     Check(std::uint64_t seed, std::uint64_t position)
         : sum_{seed, seed + position}, sums_{seed ^ position, ~seed} {}
 
-    /// Takes the three numbers that a record's head ends with.
-    void take(std::uint64_t first, std::uint64_t second, std::uint64_t third) {
-        add(Unit{inMemory(first), inMemory(second)});
-        add(Unit{inMemory(third), 0});
-    }
     /// Takes `count` bytes, the last unit of them padded with zeros.
     void take(const std::uint8_t* bytes, std::size_t count) {
         each(bytes, count, [](std::size_t, const Unit&) {});
@@ -80,7 +96,11 @@ class Check {
              [to](std::size_t at, const Unit& unit) { std::memcpy(to + at, &unit, kUnit); });
     }
     [[nodiscard]] std::uint64_t value() const {
-        return mixed(mixed(mixed(sum_[0]) + sum_[1]) + mixed(sums_[0]) * 3 + sums_[1]);
+        return mixed(((sum_[0] * kMixing + sum_[1]) * kMixing + sums_[0]) * kMixing + sums_[1]);
+    }
+    /// What the head of a message has of it.
+    [[nodiscard]] std::uint32_t shortValue() const {
+        return static_cast<std::uint32_t>(value() >> 32U);
     }
 
   private:
@@ -97,42 +117,38 @@ class Check {
             add(unit);
         }
         if (at == count) return;
-        unit = lastUnit(bytes + at, count - at);
+        unit = at == 0 ? firstBytes(bytes, count) : lastBytes(bytes + at, count - at);
         use(at, unit);
         add(unit);
     }
     void add(Unit unit) {
         if constexpr (std::endian::native == std::endian::big) {
-            unit = Unit{__builtin_bswap64(unit[0]), __builtin_bswap64(unit[1])};
+            unit = Unit{littleEndian(unit[0]), littleEndian(unit[1])};
         }
         sum_ += unit;
         sums_ += sum_;
     }
-    // Of 1 to 15 bytes. Put together in registers: what was written in pieces cannot be read as a
-    // whole at once.
-    static Unit lastUnit(const std::uint8_t* bytes, std::size_t count) {
-        if (count < sizeof(std::uint64_t)) return Unit{lastWord(bytes, count), 0};
-        std::uint64_t first = 0;
-        std::memcpy(&first, bytes, sizeof first);
-        return Unit{first, lastWord(bytes + sizeof first, count - sizeof first)};
+    // 1 to 15 bytes behind a whole unit, which is read with them. What was written in pieces could
+    // not be read as a whole at once.
+    static Unit lastBytes(const std::uint8_t* bytes, std::size_t count) {
+        std::array<std::uint64_t, 2> words{};
+        std::memcpy(words.data(), bytes + count - kUnit, kUnit);
+        const std::uint64_t first = littleEndian(words[0]);
+        const std::uint64_t second = littleEndian(words[1]);
+        const auto missing = static_cast<unsigned>(8 * (kUnit - count));
+        if (missing >= 64) return Unit{littleEndian(second >> (missing - 64)), 0};
+        return Unit{littleEndian(first >> missing | second << (64 - missing)),
+                    littleEndian(second >> missing)};
     }
-    // Of 0 to 7 bytes, as a word in memory that goes on with zeros.
-    static std::uint64_t lastWord(const std::uint8_t* at, std::size_t count) {
-        std::uint64_t word = 0;
-        unsigned shift = 64;
-        const auto add = [&](std::size_t bytes, std::uint64_t part) {
-            shift -= static_cast<unsigned>(8 * bytes);
-            word |= part << shift;
-            at += bytes;
-        };
-        if ((count & 4U) != 0) add(4, loadBig32(at));
-        if ((count & 2U) != 0) add(2, loadBig16(at));
-        if ((count & 1U) != 0) add(1, *at);
-        return inMemory(word);
+    // 1 to 15 bytes that are all there is.
+    static Unit firstBytes(const std::uint8_t* bytes, std::size_t count) {
+        Unit unit{};
+        std::memcpy(&unit, bytes, count);
+        return unit;
     }
-    // A number as the word that is big-endian in memory.
-    static std::uint64_t inMemory(std::uint64_t number) {
-        return std::endian::native == std::endian::big ? number : __builtin_bswap64(number);
+    // A number for the word that is little-endian in memory, and back.
+    static std::uint64_t littleEndian(std::uint64_t word) {
+        return std::endian::native == std::endian::big ? __builtin_bswap64(word) : word;
     }
 
     Unit sum_;

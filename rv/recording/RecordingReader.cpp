@@ -1,9 +1,10 @@
-// The file is read twice: once from its start for the newest record, then, as a ring, from what
-// follows that one. A place is a record when its position belongs there and its head is sound;
-// then the whole of it is passed over whether its content is sound or not, so that a file of many
-// heads costs no more than one of few.
+// The file is read twice: once from its start for the newest message, then, as a ring, from what
+// follows that one. A place begins a run when its position belongs there and its check is right;
+// within a run, a place is a message when the check of its head is right; then the whole of it is
+// passed over whether its content is sound or not, so that a file of many heads costs no more than
+// one of few.
 //
-// Behind the newest record there may be sound ones that are older than the ring is long: at the
+// Behind the newest message there may be sound ones that are older than the ring is long: at the
 // very end, where the last round had no room. They are left out, as what came between them and the
 // rest is gone.
 
@@ -16,26 +17,22 @@
 #include <system_error>
 #include <utility>
 
+#include "rv/message/FieldCheck.h"
 #include "rv/message/SubjectIndex.h"
-#include "rv/message/WireFormat.h"
 #include "rv/recording/RecordFormat.h"
 
 namespace kvx::recording {
 namespace {
 
 constexpr std::size_t kWindow = 1U << 20U;  // bytes read at a time
-// A record with names, a subject and a whole message.
-constexpr std::uint64_t kMostRecordBytes = kMaxMessageBytes + 4'096;
-
-std::string_view textAt(const std::uint8_t* at, std::size_t count) {
-    return {reinterpret_cast<const char*>(at), count};
-}
+// What follows the head of a message.
+constexpr std::uint64_t kMostContentBytes = kMaxMessageBytes + 4'096;
 
 }  // namespace
 
 bool isWholeMessage(const Entry& entry) {
     return entry.message.size() == entry.messageSize &&
-           rvmsg_Validate(const_cast<std::uint8_t*>(entry.message.data()), entry.messageSize) == 0;
+           checkMessage(entry.message, kMaxLinkNesting, [](const WireField&) {}) == 0;
 }
 
 bool isOn(const Entry& entry, SubjectView pattern) {
@@ -55,9 +52,9 @@ void RecordingReader::findNewest() {
     if (std::exchange(hasLooked_, true)) return;
     std::uint64_t newest = 0;
     while (const auto found = find(available_)) {
-        if (!entryOf(*found) || found->position + found->record.size() <= end_) continue;
+        if (!entryOf(*found) || found->position + found->bytes.size() <= end_) continue;
         newest = at_;
-        end_ = found->position + found->record.size();
+        end_ = found->position + found->bytes.size();
     }
     at_ = newest;
     nextFrom_ = end_ > capacity_ ? end_ - capacity_ : 0;
@@ -108,58 +105,83 @@ std::span<const std::uint8_t> RecordingReader::view(std::uint64_t offset, std::s
     return std::span(window_).subspan(begin, std::min(bytes, window_.size() - begin));
 }
 
-// The next place, from `at_` to `until`, that has a sound head; `at_` is behind it then.
+// The next message, from `at_` to `until`, that has a sound head; `at_` is behind it then.
 std::optional<RecordingReader::Found> RecordingReader::find(std::uint64_t until) {
-    for (; at_ + kRecordHeadBytes <= until; at_ += kUnit) {
-        const auto head = view(at_, kRecordHeadBytes);
-        if (head.size() < kRecordHeadBytes) break;
-        const std::uint64_t position = loadBig64(head.data() + kAtPosition);
-        const std::uint32_t length = loadBig32(head.data() + kAtLength);
-        const bool isHead =
-            position % capacity_ == at_ && length >= kRecordHeadBytes &&
-            length <= kMostRecordBytes && padded(length) <= available_ - at_ &&
-            position <= ~std::uint64_t{0} - kMostCapacity &&
-            loadBig32(head.data() + kAtHeadCheck) == headCheck(seed_, position, length);
-        if (!isHead) continue;
-        const auto record = view(at_, static_cast<std::size_t>(padded(length)));
-        at_ += padded(length);
-        return Found{position, record};
+    while (at_ + kMessageHeadBytes <= until) {
+        if (const auto found = messageAt()) return found;
+        if (!beginsRun()) at_ += kUnit;
     }
     at_ = until;
     return std::nullopt;
 }
 
+// The message of the last run that is at `at_`, which is behind it then.
+std::optional<RecordingReader::Found> RecordingReader::messageAt() {
+    const bool isInRun = hasRun_ && at_ > runAt_ && at_ - runAt_ < runBytes(capacity_);
+    if (!isInRun) return std::nullopt;
+    const auto head = view(at_, kMessageHeadBytes);
+    if (head.size() < kMessageHeadBytes) return std::nullopt;
+    const std::uint64_t numbers = loadBig64(head.data() + kAtLength);
+    const std::uint64_t position = runPosition_ + (at_ - runAt_);
+    const std::uint64_t length = numbers >> 32U & ~std::uint64_t{kIsPart};
+    const std::uint64_t whole = kMessageHeadBytes + padded(length);
+    const bool isHead = length <= kMostContentBytes && whole <= available_ - at_ &&
+                        loadBig32(head.data() + kAtHeadCheck) == headCheck(run_, position, numbers);
+    if (!isHead) return std::nullopt;
+    const auto bytes = view(at_, static_cast<std::size_t>(whole));
+    at_ += whole;
+    return Found{position, bytes};
+}
+
+// Whether a run begins at `at_`, which is behind its head then.
+bool RecordingReader::beginsRun() {
+    const auto fixed = view(at_, kAtNames);
+    if (fixed.size() < kAtNames) return false;
+    const std::uint64_t position = loadBig64(fixed.data() + kAtPosition);
+    if (position % capacity_ != at_ || position > ~std::uint64_t{0} - kMostCapacity) return false;
+    const std::size_t serviceSize = fixed[kAtServiceSize];
+    const std::size_t networkSize = fixed[kAtNetworkSize];
+    const auto size = static_cast<std::size_t>(runHeadBytes(serviceSize, networkSize));
+    const auto head = view(at_, size);
+    if (head.size() < size) return false;
+    Check check(seed_, position);
+    check.take(head.data() + kAtTime, size - kAtTime);
+    if (check.value() != loadBig64(head.data() + kAtRunCheck)) return false;
+    run_ = check.value();
+    names_.assign(reinterpret_cast<const char*>(head.data()) + kAtNames, serviceSize + networkSize);
+    origin_ = {loadBig64(head.data() + kAtTime), loadBig64(head.data() + kAtSession),
+               std::string_view(names_).substr(0, serviceSize),
+               std::string_view(names_).substr(serviceSize)};
+    hasRun_ = true;
+    runAt_ = at_;
+    runPosition_ = position;
+    at_ += size;
+    return true;
+}
+
 std::optional<Entry> RecordingReader::entryOf(const Found& found) const {
-    const auto record = found.record;
-    if (record.size() < kRecordHeadBytes) return std::nullopt;  // the file was cut meanwhile
-    const std::uint8_t* const head = record.data();
-    const std::size_t length = loadBig32(head + kAtLength);
-    if (record.size() != padded(length)) return std::nullopt;
-    const std::array<std::size_t, 3> names = {loadBig16(head + kAtSubjectSize),
-                                              head[kAtServiceSize], head[kAtNetworkSize]};
-    Check check(seed_, found.position);
-    check.take(head + kAtTime, kRecordHeadBytes - kAtTime);
-    std::array<const std::uint8_t*, 3> texts{};
-    std::size_t at = kRecordHeadBytes;
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        const auto size = static_cast<std::size_t>(padded(names[i]));
-        if (size > record.size() - at) return std::nullopt;
-        texts[i] = head + at;
-        check.take(texts[i], size);
-        at += size;
+    if (found.bytes.size() < kMessageHeadBytes) return std::nullopt;  // the file was cut meanwhile
+    const std::uint8_t* const head = found.bytes.data();
+    const std::uint32_t kind = loadBig32(head + kAtLength);
+    const std::size_t length = kind & ~kIsPart;
+    const std::size_t subjectAt = loadBig32(head + kAtSubject);
+    if (found.bytes.size() != kMessageHeadBytes + padded(length)) return std::nullopt;
+    Check check(run_, found.position);
+    check.take(head + kMessageHeadBytes, found.bytes.size() - kMessageHeadBytes);
+    if (check.shortValue() != loadBig32(head + kAtContentCheck)) return std::nullopt;
+    const auto content = found.bytes.subspan(kMessageHeadBytes, length);
+    if (subjectAt >= length) return std::nullopt;
+    const auto subject = SubjectView::parse(content.data() + subjectAt, length - subjectAt);
+    if (!subject) return std::nullopt;
+    if ((kind & kIsPart) == 0) {
+        return Entry{origin_, *subject, content, static_cast<std::uint32_t>(length)};
     }
-    check.take(head + at, record.size() - at);
-    if (at > length || check.value() != loadBig64(head + kAtCheck)) return std::nullopt;
-    const auto subject = SubjectView::parse(texts[0], names[0]);
-    const std::uint32_t messageSize = loadBig32(head + kAtMessageSize);
-    if (!subject || subject->length() != names[0] || messageSize < length - at) return std::nullopt;
-    return Entry{loadBig64(head + kAtTime),
-                 loadBig64(head + kAtSession),
-                 textAt(texts[1], names[1]),
-                 textAt(texts[2], names[2]),
-                 *subject,
-                 record.subspan(at, length - at),
-                 messageSize};
+    const std::uint64_t before = kPartHeadBytes + padded(subject->length());
+    if (subjectAt != kPartHeadBytes || before > length) return std::nullopt;
+    const auto message = content.subspan(static_cast<std::size_t>(before));
+    const std::uint32_t size = loadBig32(content.data());
+    if (size < message.size()) return std::nullopt;
+    return Entry{origin_, *subject, message, size};
 }
 
 std::optional<Entry> RecordingReader::next() {
@@ -179,7 +201,7 @@ std::optional<Entry> RecordingReader::next() {
             ++damaged_;
             continue;
         }
-        nextFrom_ = found->position + found->record.size();
+        nextFrom_ = found->position + found->bytes.size();
         return entry;
     }
 }

@@ -1,6 +1,6 @@
-// A record is written in any order and has no mark of being complete: its checks tell. Where the
-// end of the ring has no room for the next record, that one begins at the start, at the position
-// that has that place.
+// A head and what it is of are written in any order and have no mark of being complete: their
+// checks tell. Where the end of the ring has no room for the next message, it begins a run at the
+// start, at the position that has that place.
 
 #include "rv/recording/RecordingWriter.h"
 
@@ -9,7 +9,6 @@
 #include <random>
 
 #include "platform/Process.h"
-#include "rv/recording/RecordFormat.h"
 
 namespace kvx::recording {
 namespace {
@@ -18,15 +17,13 @@ std::string_view nameOf(std::string_view name) {
     return name.substr(0, kMostNameBytes);
 }
 
-static_assert(kAtSubjectSize == kAtMessageSize + 4 && kAtServiceSize == kAtMessageSize + 6 &&
-                  kAtNetworkSize == kAtMessageSize + 7 && kAtMessageSize == kAtTime + 16 &&
-                  kRecordHeadBytes == kAtTime + 24,
-              "`add` writes the sizes as one number, and takes the head as three");
+std::uint64_t headBytes(const Origin& origin) {
+    return runHeadBytes(nameOf(origin.service).size(), nameOf(origin.network).size());
+}
 
-std::size_t fixedBytes(const Entry& entry) {
-    return static_cast<std::size_t>(kRecordHeadBytes + padded(entry.subject.length()) +
-                                    padded(nameOf(entry.service).size()) +
-                                    padded(nameOf(entry.network).size()));
+// In front of the beginning of a message.
+std::uint64_t partBytes(SubjectView subject) {
+    return kPartHeadBytes + padded(subject.length());
 }
 
 }  // namespace
@@ -36,7 +33,8 @@ std::uint64_t RecordingWriter::capacityFor(std::uint64_t bytes) {
 }
 
 std::uint64_t RecordingWriter::bytesFor(const Entry& entry) {
-    return padded(fixedBytes(entry) + entry.message.size());
+    return headBytes(entry) + kMessageHeadBytes + partBytes(entry.subject) +
+           padded(entry.message.size());
 }
 
 std::uint64_t RecordingWriter::newSeed() {
@@ -52,6 +50,7 @@ RecordingWriter::RecordingWriter(std::span<std::uint8_t> memory, std::uint64_t s
     storeBig64(memory.data() + kAtSeed, seed);
     storeBig64(memory.data() + kAtCreated, created);
     storeBig64(memory.data() + kAtProcess, platform::processId());
+    begin({});
 }
 
 RecordingWriter::RecordingWriter(std::span<std::uint8_t> memory, std::uint64_t position)
@@ -60,45 +59,78 @@ RecordingWriter::RecordingWriter(std::span<std::uint8_t> memory, std::uint64_t p
       position_(position),
       offset_(static_cast<std::size_t>(position % ring_.size())) {
     storeBig64(memory.data() + kAtProcess, platform::processId());
+    begin({});
 }
 
-void RecordingWriter::add(const Entry& entry) noexcept {
-    const std::size_t fixed = fixedBytes(entry);
-    const std::size_t kept = std::min(entry.message.size(), ring_.size() - fixed);
-    const std::size_t length = fixed + kept;
-    const auto whole = static_cast<std::size_t>(padded(length));
-    if (whole > ring_.size() - offset_) {
+void RecordingWriter::begin(const Origin& origin) noexcept {
+    const std::string_view service = nameOf(origin.service);
+    const std::string_view network = nameOf(origin.network);
+    runHeadSize_ = static_cast<std::size_t>(headBytes(origin));
+    mostBytes_ = ring_.size() - runHeadSize_ - kMessageHeadBytes;
+    runEnd_ = 0;
+    std::memset(runHead_.data() + runHeadSize_ - kUnit, 0, kUnit);
+    storeBig64(runHead_.data() + kAtTime, origin.time);
+    storeBig64(runHead_.data() + kAtSession, origin.session);
+    runHead_[kAtServiceSize] = static_cast<std::uint8_t>(service.size());
+    runHead_[kAtNetworkSize] = static_cast<std::uint8_t>(network.size());
+    std::ranges::copy(network, std::ranges::copy(service, runHead_.begin() + kAtNames).out);
+}
+
+void RecordingWriter::addWhole(std::span<const std::uint8_t> message,
+                               std::uint32_t subjectAt) noexcept {
+    std::uint8_t* const head = place(message.size());
+    Check check(run_, position_);
+    check.copy(head + kMessageHeadBytes, message.data(), message.size());
+    finish(head, static_cast<std::uint32_t>(message.size()), subjectAt, check);
+}
+
+void RecordingWriter::addPart(SubjectView subject, std::span<const std::uint8_t> message,
+                              std::uint32_t size) noexcept {
+    const auto before = static_cast<std::size_t>(partBytes(subject));
+    const std::size_t kept = std::min(message.size(), mostBytes_ - before);
+    std::uint8_t* const head = place(before + kept);
+    std::uint8_t* const content = head + kMessageHeadBytes;
+    Check check(run_, position_);
+    std::array<std::uint8_t, kPartHeadBytes> part{};
+    storeBig32(part.data(), size);
+    check.copy(content, part.data(), part.size());
+    check.copy(content + kPartHeadBytes, subject.data(), subject.length());
+    check.copy(content + before, message.data(), kept);
+    finish(head, static_cast<std::uint32_t>(before + kept) | kIsPart, kPartHeadBytes, check);
+}
+
+// Where the head of the next message is, of which so many bytes follow.
+inline std::uint8_t* RecordingWriter::place(std::size_t length) noexcept {
+    const std::size_t room = kMessageHeadBytes + length;
+    if (offset_ >= runEnd_ || room > ring_.size() - offset_) beginRun(room);
+    return ring_.data() + offset_;
+}
+
+void RecordingWriter::beginRun(std::size_t room) noexcept {
+    if (runHeadSize_ + room > ring_.size() - offset_) {
         position_ += ring_.size() - offset_;
         offset_ = 0;
     }
-    std::uint8_t* const record = ring_.data() + offset_;
-    const std::string_view service = nameOf(entry.service);
-    const std::string_view network = nameOf(entry.network);
-    const auto shortLength = static_cast<std::uint32_t>(length);
-    storeBig64(record + kAtPosition, position_);
-    storeBig32(record + kAtLength, shortLength);
-    storeBig32(record + kAtHeadCheck, headCheck(seed_, position_, shortLength));
-    storeBig64(record + kAtTime, entry.time);
-    storeBig64(record + kAtSession, entry.session);
-    const std::uint64_t sizes = std::uint64_t{entry.messageSize} << 32U |
-                                std::uint64_t{entry.subject.length() & 0xFFFF} << 16U |
-                                service.size() << 8U | network.size();
-    storeBig64(record + kAtMessageSize, sizes);
+    storeBig64(runHead_.data() + kAtPosition, position_);
     Check check(seed_, position_);
-    check.take(entry.time, entry.session, sizes);
-    std::uint8_t* at = record + kRecordHeadBytes;
-    const auto append = [&](const void* bytes, std::size_t count) {
-        if (count == 0) return;
-        check.copy(at, bytes, count);
-        at += padded(count);
-    };
-    append(entry.subject.data(), entry.subject.length());
-    append(service.data(), service.size());
-    append(network.data(), network.size());
-    append(entry.message.data(), kept);
-    storeBig64(record + kAtCheck, check.value());
+    check.take(runHead_.data() + kAtTime, runHeadSize_ - kAtTime);
+    run_ = check.value();
+    storeBig64(runHead_.data() + kAtRunCheck, run_);
+    std::memcpy(ring_.data() + offset_, runHead_.data(), runHeadSize_);
+    runEnd_ = offset_ + static_cast<std::size_t>(runBytes(ring_.size()));
+    position_ += runHeadSize_;
+    offset_ += runHeadSize_;
+}
+
+inline void RecordingWriter::finish(std::uint8_t* head, std::uint32_t length,
+                                    std::uint32_t subjectAt, const Check& check) noexcept {
+    const std::uint64_t numbers = std::uint64_t{length} << 32U | subjectAt;
+    storeBig64(head,
+               std::uint64_t{headCheck(run_, position_, numbers)} << 32U | check.shortValue());
+    storeBig64(head + kAtLength, numbers);
+    const std::uint64_t whole = kMessageHeadBytes + padded(length & ~kIsPart);
     position_ += whole;
-    offset_ += whole;
+    offset_ += static_cast<std::size_t>(whole);
 }
 
 }  // namespace kvx::recording

@@ -9,12 +9,9 @@
 
 #include <sys/resource.h>
 
-#include <csignal>
-#include <fstream>
-#include <functional>
-
 #include "tests/support/ProcessUsage.h"
 #include "tests/support/RawClient.h"
+#include "tests/support/Sanitizer.h"
 
 namespace kvx::chaos {
 
@@ -22,12 +19,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::eventually;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kHasSanitizer = true;  // whose memory is no measure, and has no limit
-#else
-constexpr bool kHasSanitizer = false;
-#endif
 
 constexpr std::size_t kQueriesAtOnce = 3;
 constexpr int kMostRows = 3'000;
@@ -56,7 +47,7 @@ struct Chaos::Fault {
 };
 
 const std::vector<Chaos::Fault>& Chaos::table() {
-    using End = Proxy::End;
+    using End = test::Proxy::End;
     const auto ended = [](End how) {
         return [how](Chaos& chaos, int door) { chaos.proxy_.end(door, how); };
     };
@@ -96,7 +87,7 @@ const std::vector<Chaos::Fault>& Chaos::table() {
         {"strangers", 2, Loses::None, [](Chaos& chaos, int) { chaos.becomeStrangers(); }},
         {"no descriptors", 2, Loses::None,
          [](Chaos& chaos, int) { chaos.limitDaemon(RLIMIT_NOFILE, chaos.random(3)); }},
-        {"no memory", kHasSanitizer ? 0 : 2, Loses::All,
+        {"no memory", test::kIsWatched ? 0 : 2, Loses::All,
          [](Chaos& chaos, int) { chaos.limitDaemon(RLIMIT_AS, 1 << 20); }},
         {"full disk", 3, Loses::None,
          [](Chaos& chaos, int) {
@@ -295,7 +286,7 @@ std::string Chaos::checkDaemon() {
         wrong += "the daemon has " + std::to_string(descriptors()) + " descriptors, at first " +
                  std::to_string(descriptors_) + ":\n" + test::listOfDescriptors(daemon_.pid());
     const auto resident = [this] { return test::residentBytes(daemon_.pid()); };
-    if (!kHasSanitizer && !eventually([&] { return resident() <= kMostResident; }))
+    if (!test::kIsWatched && !eventually([&] { return resident() <= kMostResident; }))
         wrong += "the daemon has " + std::to_string(resident()) + " bytes\n";
     return wrong;
 }

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "tests/chaos/Board.h"
-#include "tests/chaos/Proxy.h"
 #include "tests/support/Daemon.h"
+#include "tests/support/Proxy.h"
 #include "tests/support/RawClient.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -47,7 +47,7 @@ class Chaos {
     static const std::vector<Fault>& table();
     int random(int below) { return static_cast<int>(random_() % static_cast<unsigned>(below)); }
     [[nodiscard]] bool oneIn(int chances) { return random(chances) == 0; }
-    Proxy::Way anyWay() { return oneIn(2) ? Proxy::Way::Up : Proxy::Way::Down; }
+    test::Proxy::Way anyWay() { return oneIn(2) ? test::Proxy::Way::Up : test::Proxy::Way::Down; }
 
     [[nodiscard]] std::vector<std::string> surroundings() const;
     Child start(const std::string& program, const std::vector<std::string>& arguments) const;
@@ -70,7 +70,7 @@ class Chaos {
     const test::TemporaryDirectory directory_;
     const SharedBoard board_;
     test::Daemon daemon_;
-    Proxy proxy_;
+    test::Proxy proxy_;
     std::vector<Child> clients_;  // by door: the peers, and the service
     std::string crashes_;
     std::vector<Query> queries_;

@@ -1,18 +1,12 @@
 // KVX_CHAOS_SEED=n repeats a run (as far as real processes can), KVX_CHAOS_FAULTS=n does more.
 
-#include <cstdio>
-#include <cstdlib>
-
 #include "tests/chaos/Chaos.h"
+#include "tests/support/Sanitizer.h"
 
 namespace kvx::chaos {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kFaults = 100;
-#else
-constexpr int kFaults = 500;
-#endif
+constexpr int kFaults = test::kIsWatched ? 100 : 500;
 
 int numberIn(const char* variable, int otherwise) {
     const char* const text = std::getenv(variable);

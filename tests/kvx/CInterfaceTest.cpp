@@ -3,6 +3,7 @@
 #include "kvx/kvx.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/Home.h"
+#include "tests/support/Texts.h"
 
 namespace kvx::test {
 namespace {
@@ -28,11 +29,9 @@ TEST(CInterface, SaysWhichLineOfTheConfigurationWasNotRead) {
     home.writeConfiguration("rendezvous session = { \"daemon\" = \"host\" };\noops\n");
     ChildProcess asking(KVX_C_PROGRAM, Part{"lost"});
     ASSERT_EQ(asking.wait(), 0) << asking.errors();
-    EXPECT_NE(
-        asking.output().find("the address is not of the form tcp:[host:]port or unix:/path; " +
-                             home.file("etc/Calvorine.rvd.cfg") + ":2: parse error\n"),
-        std::string::npos)
-        << asking.output();
+    EXPECT_TRUE(
+        holds(asking.output(), "the address is not of the form tcp:[host:]port or unix:/path; " +
+                                   home.file("etc/Calvorine.rvd.cfg") + ":2: parse error\n"));
 }
 
 TEST(CInterface, TakesNullHandles) {

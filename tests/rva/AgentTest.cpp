@@ -40,13 +40,12 @@ TEST_F(AgentTest, IsStartedAndStoppedByAService) {
         engine, [&] { return get(port, "/services.json").body.find("Model") != std::string::npos; },
         &CVekEngine::REDoIt));
     const std::string services = get(port, "/services.json").body;
-    EXPECT_NE(services.find(R"({"service":"Model","domain":"NET1","host":")" +
-                            std::string(env.RELocalHost()) + R"(","pid":)" +
-                            std::to_string(getpid()) + R"(,"role":"backup")"),
-              std::string::npos);
+    EXPECT_TRUE(holds(services, R"({"service":"Model","domain":"NET1","host":")" +
+                                    std::string(env.RELocalHost()) + R"(","pid":)" +
+                                    std::to_string(getpid()) + R"(,"role":"backup")"));
     const auto metrics = get(port, "/metrics");
-    EXPECT_NE(metrics.body.find("\nrva_heard_beats_total 1\n"), std::string::npos);
-    EXPECT_NE(metrics.body.find("\nrva_known_services 1\n"), std::string::npos);
+    EXPECT_TRUE(holds(metrics.body, "\nrva_heard_beats_total 1\n"));
+    EXPECT_TRUE(holds(metrics.body, "\nrva_known_services 1\n"));
     EXPECT_EQ(metrics.get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
 
     client.RRNStopAgent();
@@ -58,17 +57,17 @@ TEST_F(AgentTest, IsNotReadyWhileTheDaemonIsGone) {
     const int port = start();
     EXPECT_EQ(get(port, "/readyz").status, 200);
     for (const char* page : {"/healthz", "/readyz", "/services.json", "/metrics"}) {
-        EXPECT_NE(get(port, "/").body.find(page), std::string::npos);
+        EXPECT_TRUE(holds(get(port, "/").body, page));
         EXPECT_EQ(get(port, page).status, 200) << page;
     }
     bus_.daemon().kill();
     ASSERT_TRUE(eventually([&] { return get(port, "/readyz").status == 503; }));
     EXPECT_EQ(get(port, "/healthz").status, 200);
-    EXPECT_NE(get(port, "/metrics").body.find("\nrva_lost_sessions_total 1\n"), std::string::npos);
+    EXPECT_TRUE(holds(get(port, "/metrics").body, "\nrva_lost_sessions_total 1\n"));
     EXPECT_NE(agent_->awaitError("the bus daemon is lost"), "");
     bus_.daemon().restart();
     ASSERT_TRUE(eventually([&] { return get(port, "/readyz").status == 200; }));
-    EXPECT_EQ(get(port, "/metrics").body.find("\nrva_bus_warnings_total 0\n"), std::string::npos);
+    EXPECT_FALSE(holds(get(port, "/metrics").body, "\nrva_bus_warnings_total 0\n"));
     agent_->kill(SIGTERM);
     EXPECT_EQ(agent_->wait(), 0);
 }
@@ -129,7 +128,7 @@ TEST_F(AgentTest, EndsWithAReasonWhereItCannotServe) {
              {{"-nonsense"}, 2, "not expected: -nonsense"}}) {
         const Ended ended = bus_.run("rva", one.words);
         EXPECT_EQ(ended.status, one.status) << ended.errors;
-        EXPECT_NE(ended.errors.find(one.reason), std::string::npos) << ended.errors;
+        EXPECT_TRUE(holds(ended.errors, one.reason));
         EXPECT_EQ(ended.output, "");
     }
     Supervisor supervisor;
@@ -137,10 +136,10 @@ TEST_F(AgentTest, EndsWithAReasonWhereItCannotServe) {
     const auto open = platform::listenTcp({0, 0}, error);
     const Ended exposed = bus_.shell(supervisor.command("rva -listen 0", {open.get()}));
     EXPECT_EQ(exposed.status, 2);
-    EXPECT_NE(exposed.errors.find("it needs -token-file"), std::string::npos) << exposed.errors;
+    EXPECT_TRUE(holds(exposed.errors, "it needs -token-file"));
     const Ended unheard = bus_.shell("rva -listen 0 >/dev/full");
     EXPECT_EQ(unheard.status, 1);
-    EXPECT_NE(unheard.errors.find("rva: standard output: "), std::string::npos) << unheard.errors;
+    EXPECT_TRUE(holds(unheard.errors, "rva: standard output: "));
     EXPECT_EQ(bus_.run("rva", {"-help"}).status, 0);
     EXPECT_EQ(bus_.run("rva", {"-version"}).output.rfind("rva ", 0), 0U);
 }

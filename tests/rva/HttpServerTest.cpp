@@ -5,9 +5,6 @@
 #include <fmt/format.h>
 #include <httplib.h>
 
-#include <mutex>
-#include <utility>
-
 #include "rva/HttpPages.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LinkEnd.h"

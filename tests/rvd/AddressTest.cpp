@@ -8,6 +8,7 @@
 #include "rv/error/rvCodes.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/RawClient.h"
+#include "tests/support/Texts.h"
 
 namespace kvx::test {
 namespace {
@@ -33,19 +34,19 @@ class Addresses : public testing::Test {
     const std::string path = directory.file("rvd");
 };
 
-TEST_F(Addresses, ShareOneBusAndTellProcessAndUserOfAUnixSocket) {
+TEST_F(Addresses, ShareOneBusTellClientsTheirAddressAndKnowProcessAndUserOfAUnixSocket) {
     Daemon daemon(listening({"-listen", "tcp:0", "-address", "10.1.2.3", "-v"}));
     EXPECT_NE(daemon.awaitLog(" unix:" + path), "") << "all are named";
     struct stat file {};
     ASSERT_EQ(stat(path.c_str(), &file), 0);
     EXPECT_EQ(file.st_mode & 0777U, 0666U) << "for every user";
     RawClient here(path);
-    here.negotiate();
-    const wire::Reply reply = here.announce("", "");
-    EXPECT_EQ(loadBig32(&reply.ipAddress), 0x0A010203U) << "as every local client";
-    EXPECT_EQ(reply.ipPort, 0);
-    RawClient tcp = RawClient::session(daemon.port());
+    RawClient tcp(daemon.port());
     for (RawClient* client : {&here, &tcp}) {
+        client->negotiate();
+        const wire::Reply reply = client->announce("", "");
+        EXPECT_EQ(loadBig32(&reply.ipAddress), 0x0A010203U) << "as every local client";
+        EXPECT_EQ(loadBig16(&reply.ipPort), client->localPort());
         client->listen("A.>");
         client->settle();
     }
@@ -68,7 +69,7 @@ TEST_F(Addresses, ShareOneBusAndTellProcessAndUserOfAUnixSocket) {
 TEST_F(Addresses, TakeThePlaceOfADeadSocketAndOfNothingElse) {
     {
         const Daemon first(listening());
-        EXPECT_NE(failureAt(path).find("another process serves there"), std::string::npos);
+        EXPECT_TRUE(holds(failureAt(path), "another process serves there"));
         RawClient::session(path).settle();
     }
     EXPECT_TRUE(fs::exists(path)) << "it was killed";
@@ -76,8 +77,8 @@ TEST_F(Addresses, TakeThePlaceOfADeadSocketAndOfNothingElse) {
     RawClient::session(path).settle();
     const std::string other = directory.file("other");
     std::ofstream(other) << "text";
-    EXPECT_NE(failureAt(other).find("no socket"), std::string::npos);
-    EXPECT_NE(failureAt(directory.file("no/rvd")).find("No such file"), std::string::npos);
+    EXPECT_TRUE(holds(failureAt(other), "no socket"));
+    EXPECT_TRUE(holds(failureAt(directory.file("no/rvd")), "No such file"));
     EXPECT_EQ(contentOf(other), "text");
     fs::rename(other, path);
     second.askToStop();
@@ -100,7 +101,7 @@ TEST_F(Addresses, OfADeadSocketGoToOneOfManyThatStartAtOnce) {
     for (const auto& one : all) {
         if (one->isRunning()) continue;
         EXPECT_EQ(one->wait(), 1);
-        EXPECT_NE(one->errors().find("another process serves there"), std::string::npos);
+        EXPECT_TRUE(holds(one->errors(), "another process serves there"));
     }
 }
 
@@ -139,11 +140,8 @@ TEST_F(Addresses, TurnAwayWhoIsNotAllowedWithOneAnswerAndFewLines) {
     EXPECT_EQ(daemon.waitForEnd(), 0);
     const std::string log = daemon.log();
     const std::string reason = " is turned away: not allowed by -allow or -allow-user";
-    const auto first = log.find(reason);
-    EXPECT_NE(first, std::string::npos) << log;
-    EXPECT_EQ(log.find(reason, first + 1), std::string::npos) << log;
-    EXPECT_NE(log.find(" connections.not_allowed=" + std::to_string(2 * kStrangers)),
-              std::string::npos);
+    EXPECT_EQ(countOf(log, reason), 1) << log;
+    EXPECT_TRUE(holds(log, " connections.not_allowed=" + std::to_string(2 * kStrangers)));
     for (const std::string& user : {std::to_string(geteuid()), platform::userName()}) {
         if (user == "Unknown user") continue;  // of a container, with an id alone
         const Daemon friendly(listening({"-allow-user", user}));

@@ -1,22 +1,14 @@
 // What one peer holds, and all of them together, in the real daemon.
 
-#include "rv/message/WireFormat.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/ProcessUsage.h"
 #include "tests/support/RawClient.h"
+#include "tests/support/Sanitizer.h"
 
 namespace kvx::test {
 namespace {
 
 constexpr long long kMiB = 1 << 20;
-
-// Freed memory stays resident under the sanitizers, which also need more address space than there
-// is.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kIsMemoryExact = false;
-#else
-constexpr bool kIsMemoryExact = true;
-#endif
 
 class Bounds : public testing::Test {
   protected:
@@ -25,9 +17,7 @@ class Bounds : public testing::Test {
 
     // A session that listens and then reads nothing.
     RawClient deaf(const std::string& subject) {
-        RawClient client(daemon.port(), 4096);
-        client.negotiate();
-        client.announce("", "");
+        RawClient client = RawClient::nameless(daemon.port(), 4096);
         client.listen(subject);
         client.settle();
         return client;
@@ -37,15 +27,14 @@ class Bounds : public testing::Test {
         sender.settle();
     }
     void expectResidentBelow(long long bytes) {
-        if (!kIsMemoryExact) return;
+        if (kIsWatched) return;
         EXPECT_TRUE(eventually([&] { return residentBytes(daemon.pid()) < bytes; }))
             << residentBytes(daemon.pid()) / kMiB << " MiB";
     }
     static void expectEndedFor(RawClient& client, const char* cause) {
-        const Received notice = client.expectNext();
-        EXPECT_EQ(notice.subject, "_RV.WARN.SYSTEM.DATALOSS");
-        const auto data = kvx::findField(notice.bytes, "data");
-        EXPECT_EQ(kvx::findField(data->bytes(), "cause")->text(), cause);
+        const auto loss = lossIn(client.expectNext());
+        ASSERT_TRUE(loss);
+        EXPECT_EQ(loss->cause, cause);
         EXPECT_TRUE(client.expectClosed());
     }
     std::map<std::string, std::uint64_t> countersAtEnd() {
@@ -69,7 +58,7 @@ TEST_F(Bounds, EndWhoHasTheLargestMessageHalfWritten) {
         const std::string subject = "G." + std::to_string(i);
         clients.push_back(deaf(subject));
         publish(subject, (12 - i) * 1'000'000);
-        EXPECT_TRUE(!kIsMemoryExact || residentBytes(daemon.pid()) < kResidentLimit);
+        EXPECT_TRUE(kIsWatched || residentBytes(daemon.pid()) < kResidentLimit);
     }
     EXPECT_NE(daemon.awaitLog("is closed: it held most of a full memory"), "");
     clients.clear();
@@ -193,10 +182,10 @@ TEST_F(WithoutMemoryLimit, ListensOfManyElementsCostWhatIsPromisedAndAreGivenBac
         allowed += 4 * static_cast<long long>(message.message.view().size()) + 256;
     }
     client.settle();
-    EXPECT_TRUE(!kIsMemoryExact || residentBytes(daemon.pid()) < before + allowed);
+    EXPECT_TRUE(kIsWatched || residentBytes(daemon.pid()) < before + allowed);
     client.close();
     const auto isBack = [&] { return residentBytes(daemon.pid()) < before + 20 * kMiB; };
-    EXPECT_TRUE(!kIsMemoryExact || eventually(isBack, std::chrono::seconds(10)));
+    EXPECT_TRUE(kIsWatched || eventually(isBack, std::chrono::seconds(10)));
 }
 
 TEST_F(WithoutMemoryLimit, OneListenTooManyEndsTheSessionWithTheLimitNamed) {
@@ -207,7 +196,7 @@ TEST_F(WithoutMemoryLimit, OneListenTooManyEndsTheSessionWithTheLimitNamed) {
 }
 
 TEST(WithoutMemory, TheDaemonLosesConnectionsAndServesTheOthers) {
-    if (!kIsMemoryExact) GTEST_SKIP() << "a sanitizer needs the address space";
+    if (kIsWatched) GTEST_SKIP() << "a sanitizer needs the address space";
     Daemon daemon({"-memory", "4G", "-queue-limit", "1G"}, {}, "ulimit -v 200000");
     const ByteVector giant = dataMessage("U", std::string(40'000'000, 'x'));
     std::vector<RawClient> clients;

@@ -1,6 +1,5 @@
 #include "rvd/BusySubjects.h"
 
-#include <gtest/gtest.h>
 #include <malloc.h>
 
 #include <cmath>

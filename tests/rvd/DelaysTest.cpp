@@ -1,9 +1,5 @@
 #include "rvd/Delays.h"
 
-#include <gtest/gtest.h>
-
-#include <random>
-
 #include "tests/support/LinkEnd.h"
 
 namespace kvx::rvd {

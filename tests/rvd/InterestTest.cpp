@@ -1,8 +1,5 @@
 #include "rvd/Interest.h"
 
-#include <functional>
-#include <utility>
-
 #include "rvd/Router.h"
 #include "tests/support/FailureOfNew.h"
 #include "tests/support/Told.h"

@@ -2,11 +2,6 @@
 
 #include "rvd/Line.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 namespace kvx::rvd {
 namespace {
 

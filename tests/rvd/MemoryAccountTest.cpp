@@ -1,9 +1,5 @@
 #include "rvd/MemoryAccount.h"
 
-#include <map>
-#include <memory>
-#include <random>
-
 namespace kvx::rvd {
 namespace {
 
@@ -32,7 +28,7 @@ TEST(MemoryAccount, TakesFromTheLargestAndEndsWhoHasNothingToGive) {
     Piecewise a(account, "a", 3, asked);
     Piecewise b(account, "b", 6, asked);
     auto c = std::make_unique<Piecewise>(account, "c", 0, asked);
-    c->charge(Holding::Incoming, 450);
+    for (const std::size_t bytes : {50U, 500U, 450U}) c->setCharge(Holding::Incoming, bytes);
     account.relieve();  // 1,350 of 1,000
     EXPECT_EQ(asked, "bbc") << "the 450 bytes go with their holder";
     c.reset();
@@ -51,23 +47,6 @@ TEST(MemoryAccount, NobodyPaysForWhatIsBeingFreedAlthoughItCounts) {
     EXPECT_EQ(asked, "");
     account.setOrphaned(0);
     EXPECT_EQ(account.used(), 900U);
-}
-
-TEST(MemoryAccount, CountsSharedBytesOnceAndInFullAgainstEachHolder) {
-    MemoryAccount account(1'000);
-    std::string asked;
-    Piecewise a(account, "a", 0, asked);
-    Piecewise b(account, "b", 0, asked);
-    account.charge(600);
-    a.chargeShared(600, 10);
-    b.chargeShared(600, 10);
-    EXPECT_EQ(account.used(), 620U);
-    EXPECT_EQ(a.held(), 610U);
-    b.dischargeShared(600, 10);
-    EXPECT_EQ(b.held(), 0U);
-    a.setCharge(Holding::Incoming, 50);
-    a.setCharge(Holding::Incoming, 20);
-    EXPECT_EQ(account.used(), 630U);
 }
 
 TEST(MemoryAccount, AlwaysAsksTheLargestWhateverCameAndWent) {

@@ -3,8 +3,6 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include <thread>
-
 #include "rv/wire/Buffer.h"
 #include "rvd/Server.h"
 #include "tests/support/ChildProcess.h"
@@ -73,9 +71,7 @@ void sync(RawClient& client) {
 
 // What a daemon does in a day; wherever the daemon ends a connection it ends early.
 void playScript(std::uint16_t port) try {
-    RawClient slow(port, 4096);
-    slow.negotiate();
-    slow.announce("", "");
+    RawClient slow = RawClient::nameless(port, 4096);
     RawClient sender = RawClient::session(port, "", "", wire::kProtocolV3);
     slow.listen("A.*.A_LONGER_ELEMENT_THAN_FITS");
     slow.listen("B");

@@ -1,11 +1,6 @@
 #include "rvd/Options.h"
 
-#include <gtest/gtest.h>
-
 #include <ctime>
-#include <sstream>
-#include <thread>
-
 #include "platform/Log.h"
 
 namespace kvx::rvd {

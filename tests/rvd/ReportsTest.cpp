@@ -1,9 +1,5 @@
 // What the daemon answers about itself, at a real daemon.
 
-#include <chrono>
-#include <set>
-#include <thread>
-
 #include "rv/message/RvMsg.h"
 #include "rv/message/RvMsgIterator.h"
 #include "tests/support/Daemon.h"
@@ -31,9 +27,8 @@ class Asker {
   public:
     static constexpr const char* kInbox = "_INBOX.ASKER";
 
-    explicit Asker(std::uint16_t port, int receiveBuffer = 0) : client(port, receiveBuffer) {
-        client.negotiate();
-        client.announce("", "");
+    explicit Asker(std::uint16_t port, int receiveBuffer = 0)
+        : client(RawClient::nameless(port, receiveBuffer)) {
         client.listen(kInbox);
         client.settle();
     }

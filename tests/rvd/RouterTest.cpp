@@ -2,9 +2,6 @@
 
 #include <malloc.h>
 
-#include <functional>
-#include <utility>
-
 #include "tests/support/FailingNew.h"
 
 namespace kvx::rvd {

@@ -2,12 +2,6 @@
 
 #include <unistd.h>
 
-#include <atomic>
-#include <fstream>
-#include <future>
-#include <memory>
-#include <thread>
-
 #include "platform/UnixSocket.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/RawClient.h"
@@ -84,9 +78,8 @@ std::string readAll(RawClient& client, std::uint64_t& count) {
 }
 
 TEST_F(Upgrade, FiveTimesUnderLoadNoMessageIsLostOrDoubled) {
-    RawClient slow(daemon->port(), 4'096);  // what it does not read waits in the daemon, and is
-    slow.negotiate();                       // handed over five times
-    slow.announce("", "");
+    // What it does not read waits in the daemon, and is handed over five times.
+    RawClient slow = RawClient::nameless(daemon->port(), 4'096);
     slow.listen("LOAD.*");
     slow.settle();
     RawClient quick = session();

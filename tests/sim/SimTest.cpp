@@ -1,19 +1,13 @@
 // A thousand seeds of the simulated world. KVX_SIM_SEED=n runs one and, when it fails, shows what
 // happens in its shortest schedule; KVX_SIM_SEEDS=first-last runs others than the usual ones.
 
-#include <cstdio>
-#include <cstdlib>
-
 #include "tests/sim/Schedule.h"
+#include "tests/support/Sanitizer.h"
 
 namespace kvx::sim {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::uint64_t kSeeds = 100;
-#else
-constexpr std::uint64_t kSeeds = 1'000;
-#endif
+constexpr std::uint64_t kSeeds = test::kIsWatched ? 100 : 1'000;
 
 std::string textOf(const Schedule& schedule) {
     std::string text;

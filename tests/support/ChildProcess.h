@@ -10,6 +10,7 @@
 #include <initializer_list>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -31,6 +32,13 @@ bool eventually(Condition&& condition, std::chrono::seconds limit = std::chrono:
         usleep(2000);
     }
     return true;
+}
+
+/// How often a text, such as what a program has said, has that part.
+inline int countOf(std::string_view text, std::string_view part) {
+    int count = 0;
+    for (auto at = text.find(part); at != text.npos; at = text.find(part, at + 1)) ++count;
+    return count;
 }
 
 /// A real child process of a test: started with its output in files, watched, and ended at the

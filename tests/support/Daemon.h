@@ -75,8 +75,8 @@ class Daemon {
     }
     /// Has it report its counters. Empty when they obey the law, else what is wrong.
     std::string lawBrokenNow() {
-        const auto reports = [this] { return countOf("counted:", log()); };
-        const std::size_t before = reports();
+        const auto reports = [this] { return countOf(log(), "counted:"); };
+        const int before = reports();
         ::kill(pid(), SIGUSR1);
         static_cast<void>(eventually([&] { return reports() > before || !isRunning(); }));
         return brokenLaw(log());
@@ -135,12 +135,6 @@ class Daemon {
         if (line.empty()) throw std::runtime_error("rvd is not ready: " + process_->errors());
         port_ =
             static_cast<std::uint16_t>(std::stoi(line.substr(line.find(':', ready.size()) + 1)));
-    }
-
-    static std::size_t countOf(std::string_view text, std::string_view in) {
-        std::size_t count = 0;
-        for (auto at = in.find(text); at != in.npos; at = in.find(text, at + 1)) ++count;
-        return count;
     }
 
     const std::vector<std::string> options_;

@@ -49,21 +49,11 @@ class NatsServer {
 
   private:
     void start() {
-        std::vector<std::string> arguments{"-c",
-                                           R"(PATH=$PATH:/usr/sbin exec nats-server "$@")",
-                                           "nats-server",
-                                           "-a",
-                                           "127.0.0.1",
-                                           "-p",
-                                           port_,
-                                           "--cluster_name",
-                                           "test",
-                                           "--cluster",
-                                           "nats://127.0.0.1:" + clusterPort_,
-                                           "--routes",
-                                           routes_,
-                                           "--ports_file_dir",
-                                           directory_.path()};
+        const std::string command =
+            "PATH=$PATH:/usr/sbin exec nats-server -a 127.0.0.1 -p " + port_ +
+            " --cluster_name test --cluster nats://127.0.0.1:" + clusterPort_ + " --routes '" +
+            routes_ + "' --ports_file_dir " + directory_.path() + R"( "$@")";
+        std::vector<std::string> arguments{"-c", command, "nats-server"};
         arguments.insert(arguments.end(), options_.begin(), options_.end());
         process_.emplace("/bin/sh", arguments);
         if (process_->awaitError("Server is ready").empty()) {

@@ -3,10 +3,12 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "rv/message/WireFormat.h"
 #include "tests/support/LinkEnd.h"
 
 namespace kvx::test {
@@ -32,6 +34,25 @@ inline Received readData(wire::Bytes message) {
     return received;
 }
 
+/// A notice of lost messages.
+struct Loss {
+    std::uint64_t messages;
+    std::uint64_t bytes;
+    std::string cause;
+};
+
+/// What a notice says; nothing for another message, or one without these fields.
+inline std::optional<Loss> lossIn(const Received& notice) {
+    const auto data = findField(notice.bytes, wire::field::kData);
+    if (notice.subject != "_RV.WARN.SYSTEM.DATALOSS" || !data) return std::nullopt;
+    const auto lost = findField(data->bytes(), "lost");
+    const auto bytes = findField(data->bytes(), "bytes");
+    const auto cause = findField(data->bytes(), "cause");
+    if (!lost || lost->size != 4 || !bytes || bytes->size != 8 || !cause) return std::nullopt;
+    return Loss{loadBig32(lost->data), loadBig64(bytes->data),
+                std::string(cause->text().value_or(""))};
+}
+
 /// A client that speaks the link byte by byte: no queue, no loop, no reconnect, one blocking
 /// socket. What cannot come any more throws `std::runtime_error`.
 class RawClient : public LinkEnd {
@@ -53,6 +74,15 @@ class RawClient : public LinkEnd {
         const auto reply = client.announce(service, network);
         if (reply.code != 0) throw std::runtime_error("refused with " + std::to_string(reply.code));
         client.confirm(service, network, ("RAW." + std::to_string(client.localPort())).c_str());
+        return client;
+    }
+
+    /// Negotiated and announced, but without a name. With a small receive buffer, what it does not
+    /// read soon waits in the daemon.
+    static RawClient nameless(std::uint16_t port, int receiveBuffer = 0) {
+        RawClient client(port, receiveBuffer);
+        client.negotiate();
+        client.announce("", "");
         return client;
     }
 

@@ -8,18 +8,12 @@
 #include "tests/support/Daemon.h"
 #include "tests/support/ProcessUsage.h"
 #include "tests/support/RawClient.h"
+#include "tests/support/Sanitizer.h"
 
 namespace kvx::test {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kIsMemoryExact = false;  // the sanitizer's own memory is no measure
-constexpr int kSteps = 40;
-#else
-constexpr bool kIsMemoryExact = true;
-constexpr int kSteps = 100;
-#endif
-
+constexpr int kSteps = kIsWatched ? 40 : 100;
 constexpr int kQuestions = 20;
 constexpr int kSmallSteps = 2'000;           // of a byte, or of a part of a giant
 constexpr long long kMostLeft = 20LL << 20;  // bytes, once the hostile clients have gone
@@ -86,9 +80,9 @@ TEST_P(HostilePeers, AreServedBesideHonestOnesAndLeaveNothingBehind) {
     askBesideThem();
     ask();
     EXPECT_TRUE(eventually([&] { return openDescriptors(daemon.pid()) <= descriptors; }));
-    EXPECT_TRUE(!kIsMemoryExact || eventually([&] {
-        return residentBytes(daemon.pid()) <= resident + kMostLeft;
-    })) << residentBytes(daemon.pid()) - resident;
+    EXPECT_TRUE(kIsWatched ||
+                eventually([&] { return residentBytes(daemon.pid()) <= resident + kMostLeft; }))
+        << residentBytes(daemon.pid()) - resident;
     EXPECT_EQ(daemon.lawBrokenNow(), "");
     EXPECT_EQ(countersIn(daemon.log())["sessions.open"], 2U);
     EXPECT_EQ(countersIn(daemon.log())["listens.open"], 2U);

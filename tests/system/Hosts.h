@@ -155,14 +155,6 @@ inline testing::AssertionResult isHeardSoon(RawClient& sender, RawClient& listen
                                     : testing::AssertionFailure() << "deaf";
 }
 
-/// A loss between hosts that a session is told of; 0 for another message.
-inline std::uint64_t lossIn(const Received& notice) {
-    const auto data = findField(notice.bytes, "data");
-    if (notice.subject != "_RV.WARN.SYSTEM.DATALOSS" || !data) return 0;
-    EXPECT_EQ(findField(data->bytes(), "cause")->text(), "link");
-    return loadBig32(findField(data->bytes(), "lost")->data);
-}
-
 /// Numbered messages on three subjects, from one host to another where nobody listens yet.
 class Stream {
   public:
@@ -214,8 +206,9 @@ class Stream {
   private:
     void hear() {
         const Received next = listener_.expectNext();
-        if (const std::uint64_t loss = lossIn(next); loss != 0) {
-            told_ += loss;
+        if (const auto loss = lossIn(next)) {
+            EXPECT_EQ(loss->cause, "link");
+            told_ += loss->messages;
             return;
         }
         ++heard_;

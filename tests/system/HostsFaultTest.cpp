@@ -2,7 +2,7 @@
 // or told as lost, and afterwards everybody hears everybody.
 
 #include "tests/support/EnvironmentVariable.h"
-#include "tests/support/LinkProxy.h"
+#include "tests/support/Proxy.h"
 #include "tests/support/Sanitizer.h"
 #include "tests/system/Hosts.h"
 
@@ -11,23 +11,47 @@ namespace {
 
 // Whether `host` has connected to its engine `times`.
 bool awaitConnections(Host& host, int times) {
-    return eventually([&] {
-        const std::string log = host.bridge().errors();
-        int found = 0;
-        for (auto at = log.find("the engine is there"); at != log.npos;
-             at = log.find("the engine is there", at + 1)) {
-            ++found;
-        }
-        return found >= times;
-    });
+    return eventually(
+        [&] { return countOf(host.bridge().errors(), "the engine is there") >= times; });
 }
 
-// The server of NATS dies while a stream runs over it: the sender's, the listener's, or both.
-struct Dying {
+// A line to a port of the loopback.
+class Line {
+  public:
+    explicit Line(const std::string& target)
+        : proxy_(static_cast<std::uint16_t>(std::stoi(target)), 1) {}
+    [[nodiscard]] std::string port() const { return std::to_string(proxy_.port(0)); }
+    [[nodiscard]] std::string url() const { return "nats://127.0.0.1:" + port(); }
+
+    /// Connections stay open and nothing is read from them.
+    void stall() { limit({.piece = 0}); }
+    /// So many bytes pass each way in about 10 ms.
+    void throttle(std::size_t bytes) { limit({.piece = 2 * bytes, .pause = 10ms}); }
+    void cut() { proxy_.cut(0); }
+    void awaitNoConnection() {
+        EXPECT_TRUE(eventually([&] { return proxy_.connections(0) == 0; }));
+    }
+    void awaitConnection() {
+        EXPECT_TRUE(eventually([&] { return proxy_.connections(0) > 0; }));
+    }
+    void restore() { proxy_.heal(); }
+
+  private:
+    void limit(const Proxy::Limit& limit) {
+        for (const auto way : {Proxy::Way::Up, Proxy::Way::Down}) proxy_.limit(0, way, limit);
+    }
+
+    Proxy proxy_;
+};
+
+// Whose server or line it is.
+struct Whose {
     bool ofSender;
     bool ofListener;
 };
-class EngineDies : public testing::TestWithParam<Dying> {};
+
+// The server of NATS dies while a stream runs over it.
+class EngineDies : public testing::TestWithParam<Whose> {};
 
 TEST_P(EngineDies, EachMessageIsHeardOnceInOrderOrToldAsLost) {
     NatsServer first;
@@ -50,25 +74,20 @@ TEST_P(EngineDies, EachMessageIsHeardOnceInOrderOrToldAsLost) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Hosts, EngineDies,
-                         testing::Values(Dying{true, true}, Dying{true, false},
-                                         Dying{false, true}));
+                         testing::Values(Whose{true, true}, Whose{true, false},
+                                         Whose{false, true}));
 
 // A line between a bridge and its server of NATS, which is the same for both hosts.
-
-struct BadLine {
-    bool ofSender;
-    bool ofListener;
-};
-class Lines : public testing::TestWithParam<BadLine> {
+class Lines : public testing::TestWithParam<Whose> {
   protected:
     NatsServer nats_;
-    LinkProxy toBerlin_{nats_.port()};
-    LinkProxy toParis_{nats_.port()};
+    Line toBerlin_{nats_.port()};
+    Line toParis_{nats_.port()};
     Host berlin_{"berlin", toBerlin_.url()};
     Host paris_{"paris", toParis_.url()};
     Stream stream_{berlin_, paris_};
 
-    void each(const std::function<void(LinkProxy&)>& act) {
+    void each(const std::function<void(Line&)>& act) {
         if (GetParam().ofSender) act(toBerlin_);
         if (GetParam().ofListener) act(toParis_);
     }
@@ -76,29 +95,29 @@ class Lines : public testing::TestWithParam<BadLine> {
 
 TEST_P(Lines, ThatAreCutForAWhileLoseNothingUntold) {
     stream_.send(1'000);
-    each([](LinkProxy& line) { line.cut(); });
+    each(&Line::cut);
     stream_.send(1'000);
-    each([](LinkProxy& line) { EXPECT_TRUE(eventually([&] { return line.connections() == 0; })); });
+    each(&Line::awaitNoConnection);
     stream_.send(1'000);
-    each([](LinkProxy& line) { line.restore(); });
+    each(&Line::restore);
     stream_.expectHeardOrTold();
 }
 
 TEST_P(Lines, ThatAreCutForAWhileHoldWhatABridgeHasRoomFor) {
     if (kIsWatched) GTEST_SKIP() << "the hosts forget one another before the queue is full";
-    each([](LinkProxy& line) { line.cut(); });
+    each(&Line::cut);
     for (int i = 0; i < 4; ++i) {
         stream_.send(18, 1'000'000);
         stream_.awaitTaken();
     }
-    each([](LinkProxy& line) { line.restore(); });
+    each(&Line::restore);
     stream_.expectHeardOrTold();
     const char* const cause = GetParam().ofSender ? "queue full" : "engine gone";
     EXPECT_GT(paris_.about("berlin")["lost"].value(cause, 0), 0);
 }
 
 TEST_P(Lines, ThatAreSlowLoseNothing) {
-    each([](LinkProxy& line) { line.throttle(20'000); });
+    each([](Line& line) { line.throttle(20'000); });
     stream_.send(3'000, 1'000);
     stream_.expectHeardOrTold();
     EXPECT_EQ(stream_.told(), 0U);
@@ -107,13 +126,13 @@ TEST_P(Lines, ThatAreSlowLoseNothing) {
 TEST_P(Lines, ThatAreStalledAreForgottenAndThenAsBefore) {
     RawClient ownListener = berlin_.listener({"PROBE"});
     RawClient ownSender = berlin_.session();
-    each([](LinkProxy& line) { line.stall(); });
+    each(&Line::stall);
     stream_.send(1'000, 1'000);
     berlin_.awaitGone("paris");
     paris_.awaitGone("berlin");
     EXPECT_TRUE(isHeardSoon(ownSender, ownListener)) << "each side goes on";
     stream_.send(1'000, 1'000);
-    each([](LinkProxy& line) { line.restore(); });
+    each(&Line::restore);
     Host::awaitInterestOfBoth(berlin_, paris_);
     stream_.expectHeardOrLost();
     RawClient sender = paris_.session();
@@ -122,23 +141,23 @@ TEST_P(Lines, ThatAreStalledAreForgottenAndThenAsBefore) {
 
 TEST_P(Lines, ThatAreCutTakeListensThatChangeMeanwhile) {
     RawClient listener = paris_.listener({"OLD"});
-    each([](LinkProxy& line) { line.cut(); });
-    each([](LinkProxy& line) { EXPECT_TRUE(eventually([&] { return line.connections() == 0; })); });
+    each(&Line::cut);
+    each(&Line::awaitNoConnection);
     for (const char* subject : {"PASSING", "PROBE"}) listener.listen(subject);
     for (const char* subject : {"OLD", "PASSING"}) listener.cancel(subject);
-    each([](LinkProxy& line) { line.restore(); });
+    each(&Line::restore);
     RawClient sender = berlin_.session();
     EXPECT_TRUE(isHeardSoon(sender, listener));
     berlin_.awaitInterestOf(paris_);
 }
 
-INSTANTIATE_TEST_SUITE_P(Hosts, Lines, testing::Values(BadLine{true, false}, BadLine{false, true}));
+INSTANTIATE_TEST_SUITE_P(Hosts, Lines, testing::Values(Whose{true, false}, Whose{false, true}));
 
 // The line between two servers of NATS, each of them with a host.
 class Route : public testing::Test {
   protected:
     NatsServer first_;
-    LinkProxy line_{first_.clusterPort()};
+    Line line_{first_.clusterPort()};
     NatsServer second_{line_.port()};
     Host berlin_{"berlin", first_.url()};
     Host paris_{"paris", second_.url()};
@@ -147,39 +166,25 @@ class Route : public testing::Test {
         berlin_.awaitGone("paris");
         paris_.awaitGone("berlin");
     }
-    void awaitRoute() {
-        EXPECT_TRUE(eventually([&] { return line_.connections() > 0; }));
-    }
 };
 
-TEST_F(Route, ThatIsCutForAWhileLosesNothingUntold) {
+TEST_F(Route, ThatIsCutInOrAtTheEndOfAStreamLosesNothingUntold) {
     Stream stream(berlin_, paris_);
     Stream back(paris_, berlin_);
-    stream.send(1'000);
-    line_.cut();
-    stream.send(1'000);
-    back.send(1'000);
-    EXPECT_TRUE(eventually([&] { return line_.connections() == 0; }));
-    for (Stream* each : {&stream, &back}) each->send(1'000);
-    line_.restore();
-    awaitRoute();
-    for (Stream* each : {&stream, &back}) {
-        each->send(1'000);
-        each->expectHeardOrTold();
-        EXPECT_GT(each->told(), 0U);
-    }
-}
-
-TEST_F(Route, ThatIsCutAtTheEndOfAStreamLosesNothingUntold) {
-    Stream stream(berlin_, paris_);
-    Stream back(paris_, berlin_);
-    line_.cut();
-    EXPECT_TRUE(eventually([&] { return line_.connections() == 0; }));
-    for (Stream* each : {&stream, &back}) each->send(1'000);
-    line_.restore();
-    for (Stream* each : {&stream, &back}) {
-        each->expectHeardOrTold();
-        EXPECT_GT(each->told(), 0U);
+    for (const bool goesOn : {true, false}) {
+        stream.send(1'000);
+        line_.cut();
+        for (Stream* each : {&stream, &back}) each->send(1'000);
+        line_.awaitNoConnection();
+        for (Stream* each : {&stream, &back}) each->send(1'000);
+        line_.restore();
+        line_.awaitConnection();
+        for (Stream* each : {&stream, &back}) {
+            const std::uint64_t before = each->told();
+            if (goesOn) each->send(1'000);
+            each->expectHeardOrTold();
+            EXPECT_GT(each->told(), before);
+        }
     }
 }
 
@@ -202,14 +207,13 @@ TEST_F(Route, ThatIsStalledIsAsBeforeWhenItFlows) {
     stream.expectHeardOrLost();
 }
 
-TEST(Daemons, TellWhatTheyHaveDroppedOnItsWayToABridge) {
-    NatsServer nats;
-    Host berlin("berlin", nats.url());
-    Host paris("paris", nats.url());
-    Stream stream(berlin, paris);
-    berlin.bridge().kill(SIGSTOP);
+using Daemons = TwoHosts;
+
+TEST_F(Daemons, TellWhatTheyHaveDroppedOnItsWayToABridge) {
+    Stream stream(berlin_, paris_);
+    berlin_.bridge().kill(SIGSTOP);
     stream.send(100, 1'000'000);
-    berlin.bridge().kill(SIGCONT);
+    berlin_.bridge().kill(SIGCONT);
     stream.expectHeardOrTold();
     EXPECT_GT(stream.told(), 0U);
 }

@@ -25,7 +25,7 @@ TEST_F(Services, AnswerInManyPacketsAndAreSnoopedFromAnotherHost) {
     Host::awaitInterestOfBoth(berlin_, paris_);
     const Ended all = paris_.bus().kvx({"query", "Model", "select * from devices", "--quiet"});
     EXPECT_EQ(all.status, 0) << all.errors;
-    EXPECT_NE(all.output.find("5050 rows in 51 packets"), std::string::npos) << all.output;
+    EXPECT_TRUE(holds(all.output, "5050 rows in 51 packets"));
     bus.file("devices.csv", devices(5'051));
     EXPECT_NE(snoop->awaitOutput(" inserted devices name=device-5050 ports=48"), "");
     EXPECT_EQ(berlin_.about("paris")["lost"], Json::object());
@@ -41,8 +41,7 @@ TEST_F(Services, OfOneGroupBeatEverywhereAndOneAnswers) {
     EXPECT_EQ(berlin_.ask() + paris_.ask(), "berlin\nberlin\n");
     EXPECT_EQ(services->wait(), 0);
     for (const pid_t member : {inBerlin->pid(), inParis->pid()}) {
-        EXPECT_NE(services->output().find(std::to_string(member)), std::string::npos)
-            << services->output();
+        EXPECT_TRUE(holds(services->output(), std::to_string(member)));
     }
     EXPECT_EQ(services->errors(), "") << "only one answers";
     inBerlin->kill(SIGKILL);
@@ -67,7 +66,7 @@ TEST_F(Services, AreFollowedFromAnotherHostWithoutAGapWhateverWasLostBetween) {
     nats_.restart();
     bus.file("devices.csv", "name,ports\nb,21\n");
     EXPECT_NE(follow->awaitOutput(" deleted devices name=a ports=10"), "") << follow->errors();
-    EXPECT_NE(follow->output().find(" changed devices name=b ports=21\n"), std::string::npos);
+    EXPECT_TRUE(holds(follow->output(), " changed devices name=b ports=21\n"));
     EXPECT_EQ(std::ranges::count(follow->output(), '\n'), 6) << follow->output();
 }
 

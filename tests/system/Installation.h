@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tests/support/Daemon.h"
+#include "tests/support/Texts.h"
 
 namespace kvx::test {
 

@@ -32,26 +32,25 @@ TEST_F(QueryTest, IsAnsweredOrRefusedWithTheReason) {
     EXPECT_EQ(table.status, 0) << table.errors;
     EXPECT_EQ(table.output.substr(0, table.output.find("2 rows")),
               "name    ports  site\n------  -----  -----\nedge-1  24     south\nedge-2  24     \n");
-    EXPECT_NE(table.output.find("2 rows in 1 packet"), std::string::npos) << table.output;
+    EXPECT_TRUE(holds(table.output, "2 rows in 1 packet"));
     EXPECT_EQ(query(text, {"--json"}).output,
               "{\"name\":\"edge-1\",\"ports\":24,\"site\":\"south\"}\n"
               "{\"name\":\"edge-2\",\"ports\":24,\"site\":null}\n");
     const Ended none = query("select * from devices where name = 'x'");
     EXPECT_EQ(none.status, 0);
-    EXPECT_NE(none.output.find("Query has zero matches"), std::string::npos) << none.output;
+    EXPECT_TRUE(holds(none.output, "Query has zero matches"));
     const Ended refused = query("select colour from devices");
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(refused.output, "");
-    EXPECT_NE(refused.errors.find("no column 'colour' in 'devices' at position 8"),
-              std::string::npos);
+    EXPECT_TRUE(holds(refused.errors, "no column 'colour' in 'devices' at position 8"));
 }
 
 TEST_F(QueryTest, OfAWholeTableComesInCompressedPackets) {
     const auto model = bus_.startModel(bus_.file("devices.csv", manyDevices(5050)));
     const Ended all = query("select * from devices", {"--quiet"});
     EXPECT_EQ(all.status, 0) << all.errors;
-    EXPECT_NE(all.output.find("5050 rows in 51 packets"), std::string::npos) << all.output;
-    EXPECT_NE(all.output.find("sent as"), std::string::npos) << all.output;
+    EXPECT_TRUE(holds(all.output, "5050 rows in 51 packets"));
+    EXPECT_TRUE(holds(all.output, "sent as"));
 
     const Ended rows = query("select name from devices where ports = 7", {"--csv"});
     EXPECT_EQ(std::count(rows.output.begin(), rows.output.end(), '\n'), 1 + 106);
@@ -64,7 +63,7 @@ TEST_F(QueryTest, IsAnsweredWholeByAServiceThatIsStopped) {
     EXPECT_NE(model->awaitError(" ms: select"), "") << model->errors();
     model->kill(SIGTERM);
     EXPECT_EQ(asking->wait(), 0) << asking->errors();
-    EXPECT_NE(asking->output().find("20000 rows in 200 packets"), std::string::npos);
+    EXPECT_TRUE(holds(asking->output(), "20000 rows in 200 packets"));
     EXPECT_EQ(model->wait(), 0);
 }
 
@@ -73,10 +72,10 @@ TEST_F(QueryTest, ReachesOnlyTheServiceOfItsDomainAndEndsInTime) {
     EXPECT_EQ(query("select * from devices", {"--domain", "NET1"}).status, 0);
     const Ended silence = query("select * from devices", {"--timeout", "0.2"});
     EXPECT_EQ(silence.status, 1);
-    EXPECT_NE(silence.errors.find("no answer from Model within 0.2 s"), std::string::npos);
+    EXPECT_TRUE(holds(silence.errors, "no answer from Model within 0.2 s"));
     const Ended nobody = bus_.kvx({"query", "Modell", "*", "--timeout", "0.2"});
     EXPECT_EQ(nobody.status, 1);
-    EXPECT_NE(nobody.errors.find("no service is named 'Modell'"), std::string::npos);
+    EXPECT_TRUE(holds(nobody.errors, "no service is named 'Modell'"));
     EXPECT_TRUE(eventually([&] {
         const Ended services = bus_.kvx({"services", "--domain", "NET1", "--wait", "0.5"});
         return services.output.find(" ms  ZEMBRALIX.3.0.MODEL.QUERY\n") != std::string::npos;
@@ -127,7 +126,7 @@ TEST_F(SnoopTest, ShowsTheRowsThatASourceChanges) {
     EXPECT_NE(model->awaitError("line 2 has 1 fields where 2 are expected"), "");
     text->kill(SIGINT);
     EXPECT_EQ(text->wait(), 0);
-    EXPECT_EQ(text->output().find("name=a"), std::string::npos) << "it did not change";
+    EXPECT_FALSE(holds(text->output(), "name=a")) << "it did not change";
     model->kill(SIGTERM);
     EXPECT_EQ(model->wait(), 0) << model->errors();
 
@@ -139,10 +138,9 @@ TEST_F(SnoopTest, ShowsTheRowsThatASourceChanges) {
 TEST_F(SnoopTest, LeavesAfterSoManyRowsAndRefusesWhatIsNoService) {
     const auto snoop = startSnoop({"--count", "1"});
     EXPECT_EQ(snoop->wait(), 0);
-    EXPECT_NE(snoop->output().find(" - - m=1\n"), std::string::npos) << snoop->output();
+    EXPECT_TRUE(holds(snoop->output(), " - - m=1\n"));
     EXPECT_EQ(bus_.kvx({"snoop", "Mod.ell"}).status, 2);
-    EXPECT_NE(bus_.kvx({"snoop", "JubGate"}).errors.find("publishes no changes"),
-              std::string::npos);
+    EXPECT_TRUE(holds(bus_.kvx({"snoop", "JubGate"}).errors, "publishes no changes"));
 }
 
 // Two members of one group: one answers, the other stands by, and no question is lost between them.
@@ -187,7 +185,7 @@ TEST_F(TakeOverTest, QuestionsAskedWhileNobodyIsActiveAreAnsweredLate) {
     EXPECT_NE(second->awaitError("brought up to date"), "") << "a standby follows its files";
     rows("first", 202);
     EXPECT_NE(first->awaitError("2 changes published"), "");
-    EXPECT_EQ(second->errors().find("published"), std::string::npos) << "by a standby";
+    EXPECT_FALSE(holds(second->errors(), "published")) << "by a standby";
     first->kill(SIGKILL);
     EXPECT_EQ(ask(), "name\nsecond\n") << second->errors();
     EXPECT_NE(second->awaitError("questions held meanwhile"), "");
@@ -202,7 +200,7 @@ TEST_F(TakeOverTest, LongAnswersAreNeverBegunTwice) {
     EXPECT_EQ(first->wait(), 0) << first->errors();
     EXPECT_NE(second->awaitError("answering"), "");
     EXPECT_EQ(ask(), "name\nsecond\n");
-    EXPECT_EQ(second->errors().find("held meanwhile"), std::string::npos) << second->errors();
+    EXPECT_FALSE(holds(second->errors(), "held meanwhile"));
 }
 
 TEST_F(TakeOverTest, AFollowerIsGivenEveryRowAndChangeOnce) {
@@ -219,8 +217,8 @@ TEST_F(TakeOverTest, AFollowerIsGivenEveryRowAndChangeOnce) {
     bus_.file("devices.csv", "name,ports\nb,21\nc,3\n");
     EXPECT_NE(follow->awaitOutput(" inserted devices name=c ports=3"), "") << second->errors();
     const std::string shown = follow->output();
-    EXPECT_NE(shown.find(" changed devices name=b ports=21\n"), std::string::npos);
-    EXPECT_NE(shown.find(" deleted devices name=a ports=1\n"), std::string::npos);
+    EXPECT_TRUE(holds(shown, " changed devices name=b ports=21\n"));
+    EXPECT_TRUE(holds(shown, " deleted devices name=a ports=1\n"));
     EXPECT_EQ(std::ranges::count(shown, '\n'), 6) << shown;
 }
 

@@ -51,10 +51,9 @@ TEST_F(ToolTest, ReachesADaemonAtAUnixSocketAndSaysWhenItIsNotAllowed) {
     EXPECT_EQ(bench.status, 0) << bench.errors;
     const Ended refused = bus_.kvx({"send", "X", "a=b", "--daemon", other.text()});
     EXPECT_EQ(refused.status, 1);
-    EXPECT_NE(refused.errors.find("kvx: no session with the bus daemon at " + other.text() +
-                                  ": the daemon does not allow this user or this network address"),
-              std::string::npos)
-        << refused.errors;
+    EXPECT_TRUE(
+        holds(refused.errors, "kvx: no session with the bus daemon at " + other.text() +
+                                  ": the daemon does not allow this user or this network address"));
 }
 
 TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {
@@ -62,9 +61,8 @@ TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {
     const auto table = bus_.start("kvx", {"services", "--watch"});
     const auto model = bus_.startModel(bus_.file("devices.csv", "name\ncore1\n"));
     const std::string pid = std::to_string(model->pid());
-    EXPECT_NE(watch->awaitOutput(R"("service":"Model","domain":"DEFAULT")").find(pid),
-              std::string::npos);
-    EXPECT_NE(table->awaitOutput("Model ").find(pid), std::string::npos);
+    EXPECT_TRUE(holds(watch->awaitOutput(R"("service":"Model","domain":"DEFAULT")"), pid));
+    EXPECT_TRUE(holds(table->awaitOutput("Model "), pid));
     for (const auto& child : {watch.get(), table.get()}) {
         child->kill(SIGINT);
         EXPECT_EQ(child->wait(), 0);
@@ -78,12 +76,11 @@ TEST_F(ToolTest, ShowsWhoBeatsAndWhoAnswers) {
     const auto twin = bus_.startModel(bus_.file("devices.csv", "name\ncore1\n"));
     const Ended both = bus_.kvx({"services", "--wait", "0.5", "--json"});
     const std::string warning = "kvx: warning: two answer on ZEMBRALIX.3.0.MODEL.QUERY: ";
-    EXPECT_NE(both.errors.find(warning), std::string::npos) << both.errors;
-    EXPECT_NE(both.output.find(R"("answerers":[")"), std::string::npos) << both.output;
+    EXPECT_TRUE(holds(both.errors, warning));
+    EXPECT_TRUE(holds(both.output, R"("answerers":[")"));
     EXPECT_EQ(both.status, 0);
     const Ended doctor = bus_.kvx({"doctor", "--wait", "0.5", "--timeout", "1"});
-    EXPECT_NE(doctor.output.find("2 answer on ZEMBRALIX.3.0.MODEL.QUERY"), std::string::npos)
-        << doctor.output;
+    EXPECT_TRUE(holds(doctor.output, "2 answer on ZEMBRALIX.3.0.MODEL.QUERY"));
 }
 
 }  // namespace

@@ -16,15 +16,8 @@ struct ModeldTest : testing::Test {
 
     Ended ask(const std::string& text) { return bus_.kvx({"query", "Model", text}); }
 
-    static int count(const std::string& text, const std::string& part) {
-        int found = 0;
-        for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-            ++found;
-        return found;
-    }
-
     static bool tells(const ChildProcess& model, const std::string& part, int times = 1) {
-        return eventually([&] { return count(model.errors(), part) == times; });
+        return eventually([&] { return countOf(model.errors(), part) == times; });
     }
 
     Installation bus_;
@@ -39,8 +32,8 @@ TEST_F(ModeldTest, LogsNoByteOfAQuestionRawAndNoProbe) {
     EXPECT_TRUE(tells(*model, "no column 'last'"));
     const std::string log = model->errors();
     EXPECT_EQ(log.find_first_of("\x1b\x07\x9b\xff"), std::string::npos) << log;
-    EXPECT_EQ(count(log, "refused: "), 3) << log;
-    EXPECT_EQ(count(log, "\n"), count(log, "modeld: "));
+    EXPECT_EQ(countOf(log, "refused: "), 3) << log;
+    EXPECT_EQ(countOf(log, "\n"), countOf(log, "modeld: "));
     EXPECT_LT(log.size(), 2000U);
     EXPECT_EQ(log.find("services"), std::string::npos) << log;
 }
@@ -51,8 +44,8 @@ TEST_F(ModeldTest, TellsOnceThatASourceIsGoneAndThatItIsBack) {
     EXPECT_TRUE(tells(*model, "devices.csv: is gone"));
     bus_.file("devices.csv", "name,ports\ncore-1,96\n");
     EXPECT_TRUE(tells(*model, "1 changes published"));
-    EXPECT_EQ(count(model->errors(), "devices.csv: is back"), 1);
-    EXPECT_EQ(count(model->errors(), "devices.csv: is gone"), 1);
+    EXPECT_EQ(countOf(model->errors(), "devices.csv: is back"), 1);
+    EXPECT_EQ(countOf(model->errors(), "devices.csv: is gone"), 1);
 }
 
 TEST_F(ModeldTest, PublishesTheLastOfTheChangesThatItFoundWithoutADaemon) {
@@ -78,7 +71,7 @@ TEST_F(ModeldTest, EndsAtOnceWhileTheDaemonIsAway) {
     EXPECT_EQ(model->wait(), 0);
     // Two rounds of attempts would take sixteen seconds; a sanitizer hands signals on late.
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(8));
-    EXPECT_EQ(count(model->errors(), "ended by a signal"), 1);
+    EXPECT_EQ(countOf(model->errors(), "ended by a signal"), 1);
 }
 
 TEST_F(ModeldTest, ShowsTheProgressOfALoadOnATerminalOnly) {
@@ -95,10 +88,10 @@ TEST_F(ModeldTest, ShowsTheProgressOfALoadOnATerminalOnly) {
     const auto quiet = bus_.run(
         "modeld", {"--load", bus_.path("many.csv"), "--db", bus_.path("b.db"), "-q", "-q"});
     EXPECT_EQ(quiet.status, 1);
-    EXPECT_EQ(count(quiet.errors, "modeld: "), count(quiet.errors, "modeld: error: "));
-    EXPECT_EQ(
-        count(quiet.errors, "modeld: error: connecting to the bus daemon at nonsense: no daemon: "),
-        1);
+    EXPECT_EQ(countOf(quiet.errors, "modeld: "), countOf(quiet.errors, "modeld: error: "));
+    EXPECT_EQ(countOf(quiet.errors,
+                      "modeld: error: connecting to the bus daemon at nonsense: no daemon: "),
+              1);
     EXPECT_EQ(quiet.errors.find('\r'), std::string::npos);
 }
 

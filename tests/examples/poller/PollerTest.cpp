@@ -89,12 +89,7 @@ struct PollerTest : testing::Test {
         return "agent=" + agent + " object=" + object + " value=" + value;
     }
     // How often the follower was given it.
-    int told(const std::string& part) const {
-        const std::string all = follower_->output();
-        int times = 0;
-        for (auto at = all.find(part); at != all.npos; at = all.find(part, at + 1)) ++times;
-        return times;
-    }
+    int told(const std::string& part) const { return countOf(follower_->output(), part); }
     bool isTold(const std::string& part, int times = 1) const {
         return eventually([&] { return told(part) >= times; });
     }

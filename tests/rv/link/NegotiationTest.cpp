@@ -23,28 +23,40 @@ class Negotiation : public LinkFixture {
     }
 };
 
-TEST_F(Negotiation, LowersAndExchangesTheProposedLimits) {
+TEST_F(Negotiation, LowersAndExchangesTheProposedLimitsAndAcceptsWhatNeedsNoLowering) {
     peer_.sendBlock(block(9));  // unknown, passed over
     peer_.sendBlock(block(2, 0x8000000, 0x1000));
+    peer_.sendBlock(block(3, 0x1000, 0x4000001));
+    peer_.sendBlock(block(3, 0x1000));
     peer_.sendBlock(block(1));
     ASSERT_EQ(negotiateV4(), IPQ_SETUP_OK);
     const ParameterBlock answer = peer_.readBlock();
     EXPECT_EQ(answer.head, 3U);
     EXPECT_EQ(answer.firstLimit, 0x1000U);
     EXPECT_EQ(answer.secondLimit, 0x4000000U);
+    EXPECT_EQ(peer_.readBlock().head, 3U) << "a limit is lowered again";
+    EXPECT_EQ(peer_.readBlock().head, 1U);
 }
 
 TEST_F(Negotiation, AnotherQueueTypeOrOneThatIsTooLargeGivesNoQueue) {
     peer_.sendBlock(block(1, 0x4000001));
     EXPECT_EQ(negotiateV4(), IPQ_SETUP_NO_QUEUE);
     EXPECT_EQ(queue_, nullptr);
-    reconnect();
-    ParameterBlock strange = block(2);
-    strange.queueType = 3;
-    peer_.sendBlock(strange);
-    EXPECT_EQ(negotiateV4(), IPQ_SETUP_EXCHANGE_FAILED);
-    EXPECT_EQ(peer_.readBlock().head, 0U);
-    EXPECT_TRUE(peer_.read(1).empty()) << "the socket is closed";
+    platform::ManualClock clock;
+    const auto before = clock.now();
+    std::array<ParameterBlock, 3> strange = {block(2), block(2), block(0)};
+    strange[0].queueType = 3;
+    strange[1].variant = 2;
+    for (const ParameterBlock& one : strange) {
+        reconnect();
+        peer_.sendBlock(one);
+        EXPECT_EQ(negotiateV4(), IPQ_SETUP_EXCHANGE_FAILED);
+        if (one.head != 0) {
+            EXPECT_EQ(peer_.readBlock().head, 0U);
+        }
+        EXPECT_TRUE(peer_.read(1).empty()) << "the socket is closed";
+    }
+    EXPECT_EQ(clock.now(), before) << "and waited for nothing";
 }
 
 TEST_F(Negotiation, ASilentPeerIsGivenFiveSeconds) {

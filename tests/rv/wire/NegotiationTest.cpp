@@ -17,28 +17,6 @@ TEST(ParameterBlock, HasItsNumbersAtTheirPlacesAndZeroElsewhere) {
     EXPECT_EQ(decodeParameters(expected), block);
 }
 
-TEST(NegotiationV4, ClientAcceptsWhatNeedsNoLoweringRefusesAnotherQueueAndIgnoresUnknownCommands) {
-    const auto step = [](auto change) {
-        ParameterBlock block = daemonProposal();
-        change(block);
-        return clientStep(block);
-    };
-    const auto counter = [&](std::uint32_t limit) {
-        return step([limit](auto& b) {
-            b.head = kCounterPropose;
-            b.secondLimit = limit;
-        });
-    };
-    EXPECT_EQ(counter(0x1000).block.head, kAccept);
-    EXPECT_EQ(counter(0x4000001).block.head, kCounterPropose);
-    const auto refused = step([](auto& b) { b.queueType = 1; });
-    EXPECT_EQ(refused.action, Action::Refuse);
-    EXPECT_EQ(refused.block.head, kRefuse);
-    EXPECT_EQ(step([](auto& b) { b.variant = 2; }).action, Action::Refuse);
-    EXPECT_EQ(step([](auto& b) { b.head = 4; }).action, Action::Ignore);
-    EXPECT_EQ(step([](auto& b) { b.head = kRefuse; }).action, Action::Failed);
-}
-
 TEST(NegotiationV3, OnlyTheClientsOwnBlockIsGranted) {
     ParameterBlock other = clientBlockV3();
     EXPECT_TRUE(agreesV3(other, daemonStepV3(other).block));

@@ -11,11 +11,8 @@ namespace {
 
 using test::ChildProcess;
 using test::Ended;
+using test::holds;
 using test::Installation;
-
-bool holds(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 class DaemonCommands : public ::testing::Test {
   protected:
@@ -40,7 +37,7 @@ TEST_F(DaemonCommands, ShowWhoListensWhatFlowsAndHowTheDaemonIs) {
     EXPECT_TRUE(holds(kvx("trace NEWS"), "nobody would get a message on NEWS"));
     kvx("send NEWS.ROME headline=rain degrees:i32=12 --repeat 3");
     const std::string flows = kvx("subjects 'NEWS.>' --shapes");
-    EXPECT_TRUE(holds(flows, "3 x {headline:string degrees:i32}")) << flows;
+    EXPECT_TRUE(holds(flows, "3 x {headline:string degrees:i32}"));
     EXPECT_TRUE(holds(kvx("subjects --tree"), "NEWS.ROME"));
     EXPECT_TRUE(holds(kvx("sessions"), "2 sessions"));
     const auto status = nlohmann::json::parse(kvx("status --json"));
@@ -59,13 +56,13 @@ TEST_F(DaemonCommands, NameWhoHoldsUpMessages) {
     const std::string blob = bus_.file("blob", std::string(1'000'000, 'x'));
     kvx("send NEWS - --repeat 20 < " + blob);
     const std::string waits = kvxUntil("why-slow NEWS", "what to do  it reads nothing");
-    EXPECT_TRUE(holds(waits, "and loses none now")) << waits;
+    EXPECT_TRUE(holds(waits, "and loses none now"));
     EXPECT_TRUE(holds(kvx("sessions"), "messages wait for "));
     const auto status = nlohmann::json::parse(kvx("status --json"));
     EXPECT_GE(status["counters"]["messages_waiting"], 10);
     kvx("send NEWS - --repeat 100 < " + blob);
     const std::string said = kvxUntil("why-slow NEWS", "does not keep up since");
-    EXPECT_TRUE(holds(said, "queue full, the last")) << said;
+    EXPECT_TRUE(holds(said, "queue full, the last"));
     EXPECT_TRUE(holds(kvx("why-slow OTHER"), "nobody listens to OTHER"));
     EXPECT_TRUE(holds(kvx("sessions"), "1 behind"));
     listener->kill(SIGCONT);

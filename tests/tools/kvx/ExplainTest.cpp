@@ -9,18 +9,13 @@
 namespace kvx::tool {
 namespace {
 
-std::string contentOf(const std::filesystem::path& file) {
-    std::ifstream in(std::filesystem::path(KVX_SOURCE_DIR) / file);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 std::string sourcesBelow(const std::vector<std::string>& rooms) {
     std::string all;
     for (const std::string& room : rooms) {
         for (const auto& entry :
              std::filesystem::recursive_directory_iterator(KVX_SOURCE_DIR "/" + room)) {
             if (entry.path().filename().string().starts_with("Explain")) continue;
-            if (entry.is_regular_file()) all += contentOf(entry.path());
+            if (entry.is_regular_file()) all += test::contentOf(entry.path());
         }
     }
     return all;
@@ -36,7 +31,7 @@ TEST(Explanations, HaveEveryCodeOfTheHeaders) {
     static const std::regex constant(R"((?:constexpr int )?(k\w+) = (-?\d+)[;,])");
     for (const char* header : {"rv/error/rvCodes.h", "rv/ft/GroupCodes.h", "platform/Socket.h",
                                "foundation/ErrorCodes.h", "lib/mom/base/VekCodes.h"}) {
-        const std::string text = contentOf(header);
+        const std::string text = test::contentOf(std::string(KVX_SOURCE_DIR "/") + header);
         int codes = 0;
         for (std::sregex_iterator one(text.begin(), text.end(), constant), end; one != end; ++one) {
             const int code = std::stoi((*one)[2]);
@@ -51,7 +46,7 @@ TEST(Explanations, HaveEveryCodeOfTheHeaders) {
 }
 
 TEST(Explanations, HaveEveryAdvisoryAndTellWhyAndWhatToDo) {
-    const std::string header = contentOf("rv/error/rvAdvisory.h");
+    const std::string header = test::contentOf(KVX_SOURCE_DIR "/rv/error/rvAdvisory.h");
     static const std::regex subject(R"re(k\w+Subject =\s+"([^"]+)")re");
     const std::sregex_iterator first(header.begin(), header.end(), subject);
     ASSERT_NE(first, std::sregex_iterator());

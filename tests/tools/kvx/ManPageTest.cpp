@@ -28,8 +28,7 @@ Words namesIn(const std::string& text) {
 }
 
 std::string packaged(const std::string& name) {
-    std::ifstream in(KVX_SOURCE_DIR "/packaging/" + name);
-    const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    const std::string text = contentOf(KVX_SOURCE_DIR "/packaging/" + name);
     return std::regex_replace(text, std::regex(R"(\\-)"), "-");
 }
 

@@ -11,6 +11,7 @@ namespace {
 
 using nlohmann::json;
 using test::Ended;
+using test::holds;
 using test::Installation;
 
 class RecordingCommands : public ::testing::Test {
@@ -55,8 +56,7 @@ TEST_F(RecordingCommands, CopyPrintAndSendAgainInOrderAndWithTheirSpacing) {
     EXPECT_EQ(all[6]["service"], "9");
     EXPECT_FALSE(all[7].contains("value")) << "only its beginning was kept";
     EXPECT_EQ(all[7]["kept"], 1'024);
-    EXPECT_NE(kvx("dump " + ring_ + " --subject 'WORK.*'").find("7500 WORK.A - { n=0}"),
-              std::string::npos)
+    EXPECT_TRUE(holds(kvx("dump " + ring_ + " --subject 'WORK.*'"), "7500 WORK.A - { n=0}"))
         << "of a daemon that runs";
     EXPECT_EQ(linesOf(kvx("dump --json " + file_ + " --space 9")).size(), 1U);
 
@@ -105,18 +105,15 @@ TEST_F(RecordingCommands, TakeNoLongerWhereTimesGoBackALittle) {
 }
 
 TEST_F(RecordingCommands, SayWhatIsWrong) {
-    EXPECT_NE(kvx("record " + file_, 1).find("the daemon records nothing"), std::string::npos);
-    EXPECT_NE(kvx("record " + file_ + there_, 1).find("has no such message"), std::string::npos);
+    EXPECT_TRUE(holds(kvx("record " + file_, 1), "the daemon records nothing"));
+    EXPECT_TRUE(holds(kvx("record " + file_ + there_, 1), "has no such message"));
     kvx("send A a=1" + there_);
-    EXPECT_NE(kvx("record " + ring_ + there_, 1).find("File exists"), std::string::npos);
-    EXPECT_NE(kvx("replay " + ring_ + " --subject B", 1).find("has no such message"),
-              std::string::npos);
+    EXPECT_TRUE(holds(kvx("record " + ring_ + there_, 1), "File exists"));
+    EXPECT_TRUE(holds(kvx("replay " + ring_ + " --subject B", 1), "has no such message"));
     const test::Daemon other({"-recorder", "1M", "-recorder-file", ring_});
-    EXPECT_NE(kvx("record " + file_ + there_, 1).find("another daemon has that path"),
-              std::string::npos);
+    EXPECT_TRUE(holds(kvx("record " + file_ + there_, 1), "another daemon has that path"));
     for (const char* command : {"dump ", "replay ", "record x --from "}) {
-        EXPECT_NE(kvx(command + bus_.file("short", "KVXREC01"), 1).find("it is no recording"),
-                  std::string::npos);
+        EXPECT_TRUE(holds(kvx(command + bus_.file("short", "KVXREC01"), 1), "it is no recording"));
         kvx(command + directory_.path(), 1);
         kvx(command + std::string("/dev/zero"), 1);
         kvx(command + ring_ + " --subject A..B", 2);

@@ -1,16 +1,13 @@
 // One thread moves what comes, piece by piece. It looks at everything every two milliseconds, and
 // at once when a socket is ready whose bytes may pass.
 
-#include "tests/chaos/Proxy.h"
+#include "tests/support/Proxy.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
-#include <algorithm>
-#include <array>
-
-namespace kvx::chaos {
+namespace kvx::test {
 
 namespace {
 
@@ -37,8 +34,8 @@ void closeWithReset(platform::Socket& socket) {
 
 }  // namespace
 
-Proxy::Proxy(std::uint16_t daemon, int doors)
-    : daemon_(daemon), doors_(static_cast<std::size_t>(doors)) {
+Proxy::Proxy(std::uint16_t server, int doors)
+    : server_(server), doors_(static_cast<std::size_t>(doors)) {
     for (Door& door : doors_) {
         int error = 0;
         door.listener = platform::listenTcp({platform::kLoopbackAddress, 0}, error);
@@ -68,6 +65,16 @@ void Proxy::end(int door, End how) {
     for (Pair& pair : doors_.at(door).pairs) end(pair, how);
 }
 
+void Proxy::cut(int door) {
+    const std::lock_guard lock(mutex_);
+    doors_.at(door).isCut = true;
+}
+
+std::size_t Proxy::connections(int door) {
+    const std::lock_guard lock(mutex_);
+    return doors_.at(door).pairs.size();
+}
+
 void Proxy::endNext(int door, std::size_t bytes) {
     const std::lock_guard lock(mutex_);
     doors_.at(door).endNext = bytes;
@@ -77,6 +84,7 @@ void Proxy::heal() {
     const std::lock_guard lock(mutex_);
     for (Door& door : doors_) {
         door.up = door.down = Limit{};
+        door.isCut = false;
         door.endNext.reset();
         for (Pair& pair : door.pairs) pair.left.reset();
     }
@@ -105,10 +113,10 @@ void Proxy::awaitWork() {
         for (const Door& door : doors_) {
             watch(door.listener, true, false);
             for (const Pair& pair : door.pairs) {
-                const bool up = isFree(pair.up, door.up) && pair.daemon;
-                const bool down = isFree(pair.down, door.down) && pair.daemon;
+                const bool up = isFree(pair.up, door.up) && pair.server;
+                const bool down = isFree(pair.down, door.down) && pair.server;
                 watch(pair.client, up && reads(pair.up), down && !pair.down.held.empty());
-                watch(pair.daemon, down && reads(pair.down), up && !pair.up.held.empty());
+                watch(pair.server, down && reads(pair.down), up && !pair.up.held.empty());
             }
         }
     }
@@ -118,11 +126,12 @@ void Proxy::awaitWork() {
 void Proxy::serve(Door& door) {
     accept(door);
     for (Pair& pair : door.pairs) {
+        if (door.isCut) end(pair, End::Fin);
         if (pair.isOver) continue;
-        if (!pair.daemon) connect(pair);
-        if (!pair.daemon) continue;
-        move(pair.up, pair.client, pair.daemon, door.up);
-        const std::size_t moved = move(pair.down, pair.daemon, pair.client, door.down);
+        if (!pair.server) connect(pair);
+        if (!pair.server) continue;
+        move(pair.up, pair.client, pair.server, door.up);
+        const std::size_t moved = move(pair.down, pair.server, pair.client, door.down);
         if (pair.left && moved >= *pair.left) end(pair, End::Reset);
         if (pair.left) *pair.left -= std::min(moved, *pair.left);
         if (pair.up.isShut && pair.down.isShut) pair.isOver = true;
@@ -147,10 +156,10 @@ void Proxy::connect(Pair& pair) const {
     int error = 0;
     platform::Socket socket = platform::createTcpSocket(error);
     narrow(socket);
-    if (platform::connectSocket(socket.get(), {platform::kLoopbackAddress, daemon_}) != 0) return;
+    if (platform::connectSocket(socket.get(), {platform::kLoopbackAddress, server_}) != 0) return;
     platform::setNonBlocking(socket.get(), true);
     platform::setNoDelay(socket.get(), true);
-    pair.daemon = std::move(socket);
+    pair.server = std::move(socket);
 }
 
 std::size_t Proxy::someOf(const Limit& limit) {
@@ -187,7 +196,7 @@ void Proxy::end(Pair& pair, End how) {
     switch (how) {
         case End::Reset:
             closeWithReset(pair.client);
-            closeWithReset(pair.daemon);
+            closeWithReset(pair.server);
             [[fallthrough]];
         case End::Fin:
             pair.isOver = true;
@@ -201,4 +210,4 @@ void Proxy::end(Pair& pair, End how) {
     }
 }
 
-}  // namespace kvx::chaos
+}  // namespace kvx::test

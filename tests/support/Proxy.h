@@ -13,14 +13,14 @@
 
 #include "platform/Socket.h"
 
-namespace kvx::chaos {
+namespace kvx::test {
 
-/// Stands between the daemon and its clients, one door (port) for each client, and does to the
-/// connections of a door what it is told. It connects to the daemon as soon as that is there, so
-/// a client waits for a daemon that is being restarted. Any thread.
+/// Stands between a server of the loopback and its clients, one door (port) for each client, and
+/// does to the connections of a door what it is told. It connects to the server as soon as that is
+/// there, so a client waits for one that is being restarted. Any thread.
 class Proxy {
   public:
-    enum class Way : std::uint8_t { Up, Down };  ///< up: to the daemon
+    enum class Way : std::uint8_t { Up, Down };  ///< up: to the server
     enum class End : std::uint8_t { Fin, Reset, HalfUp, HalfDown };
 
     /// How bytes pass: at most so many at once, and so often.
@@ -30,7 +30,7 @@ class Proxy {
     };
     static constexpr std::size_t kAtOnce = 64 * 1024;
 
-    Proxy(std::uint16_t daemon, int doors);
+    Proxy(std::uint16_t server, int doors);
     ~Proxy();
     Proxy(const Proxy&) = delete;
     Proxy& operator=(const Proxy&) = delete;
@@ -40,7 +40,11 @@ class Proxy {
     void limit(int door, Way way, Limit limit);
     /// Ends the door's connections; what it holds of them is lost.
     void end(int door, End how);
-    /// Ends the next connection after so many bytes from the daemon: 0 as soon as it comes.
+    /// Ends the door's connections, and at once those that come.
+    void cut(int door);
+    /// Of that door, now.
+    [[nodiscard]] std::size_t connections(int door);
+    /// Ends the next connection after so many bytes from the server: 0 as soon as it comes.
     void endNext(int door, std::size_t bytes);
     /// From now on everything passes.
     void heal();
@@ -56,10 +60,10 @@ class Proxy {
     };
     struct Pair {
         platform::Socket client;
-        platform::Socket daemon;  // empty until it accepts
+        platform::Socket server;  // empty until it accepts
         Flow up;
         Flow down;
-        std::optional<std::size_t> left;  // bytes from the daemon after which it ends
+        std::optional<std::size_t> left;  // bytes from the server after which it ends
         bool isOver = false;
     };
     struct Door {
@@ -67,6 +71,7 @@ class Proxy {
         std::list<Pair> pairs;
         Limit up;
         Limit down;
+        bool isCut = false;
         std::optional<std::size_t> endNext;
     };
 
@@ -80,7 +85,7 @@ class Proxy {
                      const Limit& limit);
     static void end(Pair& pair, End how);
 
-    const std::uint16_t daemon_;
+    const std::uint16_t server_;
     std::mutex mutex_;
     std::vector<Door> doors_;
     std::minstd_rand random_;
@@ -88,4 +93,4 @@ class Proxy {
     std::thread thread_;
 };
 
-}  // namespace kvx::chaos
+}  // namespace kvx::test
