@@ -30,6 +30,12 @@ std::string condition(const std::string& command) {
     return command.empty() ? "" : " -n " + fishText("__fish_seen_subcommand_from " + command);
 }
 
+// True while the last option on the line is `option`.
+std::string afterOption(const Argument& option) {
+    return " -n " + fishText("contains -- (commandline -opc | string match -- '-*')[-1] --" +
+                             option.name + " -" + option.name);
+}
+
 std::string options(const Table& table, const std::string& name, const Command& command) {
     std::string text;
     for (const Argument& option : command.options) {
@@ -39,6 +45,9 @@ std::string options(const Table& table, const std::string& name, const Command& 
                     option.name + (option.value.kind == Value::Kind::None ? "" : " -r") +
                     argumentsOf(option.value) + " -d " + fishText(option.text) + '\n';
         }
+        const std::string further = option.value.isList ? argumentsOf(option.value) : "";
+        if (further.empty()) continue;
+        text += "complete -c " + table.program + afterOption(option) + further + '\n';
     }
     return text;
 }

@@ -15,7 +15,7 @@ struct Value {
     Kind kind = Kind::None;  ///< None: the option has no value
     std::string name{};
     std::vector<std::string> words{};
-    bool isList = false;  ///< all words up to the next option; fish and zsh complete the first
+    bool isList = false;  ///< all words up to the next option
 };
 
 struct Argument {

@@ -30,6 +30,17 @@ std::string zshAction(const Value& value) {
     return message + "{true}";  // a message here would keep options from being completed
 }
 
+// The further values of options that have several: words that are no options, while the last option
+// on the line is theirs.
+std::string furtherValues(const Command& command) {
+    std::string text;
+    for (const Argument& option : command.options) {
+        if (!option.value.isList || option.value.kind != Value::Kind::Files) continue;
+        text += "[[ ${words[(R)-*]} == (-|--)" + option.name + " ]] && _files; ";
+    }
+    return text.empty() ? text : " \\\n        '*: :{" + text + "}'";
+}
+
 // The arguments of _arguments, one a line.
 std::string arguments(const Table& table, const Command& command) {
     std::string text;
@@ -43,7 +54,7 @@ std::string arguments(const Table& table, const Command& command) {
         text += std::string(" \\\n        '") + (positional.value.isList ? "*" : "") +
                 zshAction(positional.value) + '\'';
     }
-    return text;
+    return command.positionals.empty() ? text + furtherValues(command) : text;
 }
 
 std::string commandWords(const Table& table) {

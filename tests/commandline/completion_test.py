@@ -89,8 +89,7 @@ def main(name, directory):
         shell = Shell(command, home)
         if not shell.type(setup.format(programs=" ".join(PROGRAMS), directory=directory), PROMPT):
             sys.exit(f"no prompt: {shell.seen!r}")
-        # The last one is of an option with several values, which is told to bash only.
-        for typed, expected in TYPED if name == "bash" else TYPED[:-1]:
+        for typed, expected in TYPED:
             expected = expected.replace("FILE", file).replace("FI", file[:-3])
             found = shell.type(typed.replace("FI", file[:-3]), r"(<\S*>)\s*\r?\n")
             # zsh joins an option and its value.
