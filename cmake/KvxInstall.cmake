@@ -38,6 +38,8 @@ configure_file(cmake/kvxmom.pc.in ${CMAKE_CURRENT_BINARY_DIR}/kvxmom.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kvxmom.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# Where the agent's package has them too, so that its manual page tells the truth everywhere.
+install(FILES docs/http.md docs/openapi.json DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/rva)
 install(FILES packaging/examples/rvbridge-nats.conf packaging/examples/rvbridge.default
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES packaging/man/rvd.1 packaging/man/rvbridge.1 packaging/man/kvx.1 packaging/man/rva.1

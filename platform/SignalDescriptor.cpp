@@ -3,17 +3,14 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <csignal>
-
+#include "platform/SignalMask.h"
 #include "platform/Signals.h"
 
 namespace kvx::platform {
 
 SignalDescriptor::SignalDescriptor(std::span<const int> signals) noexcept {
     blockSignals(signals);
-    sigset_t mask;
-    sigemptyset(&mask);
-    for (const int signal : signals) sigaddset(&mask, signal);
+    const sigset_t mask = maskOf(signals);
     descriptor_ = Descriptor(::signalfd(-1, &mask, SFD_NONBLOCK | SFD_CLOEXEC));
 }
 

@@ -10,6 +10,8 @@
 #include <ctime>
 #include <limits>
 
+#include "platform/SignalMask.h"
+
 namespace kvx::platform {
 
 namespace {
@@ -32,13 +34,6 @@ bool setDisposition(int signal, SignalHandler handler) noexcept {
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
     return ::sigaction(signal, &action, nullptr) == 0;
-}
-
-sigset_t maskOf(std::span<const int> signals) noexcept {
-    sigset_t mask;
-    sigemptyset(&mask);
-    for (const int signal : signals) sigaddset(&mask, signal);
-    return mask;
 }
 
 }  // namespace

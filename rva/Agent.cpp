@@ -37,6 +37,11 @@ namespace {
 constexpr unsigned long kWatchMs = 1000;
 constexpr unsigned long kHostsMs = 5000;
 
+int failure(const std::string& problem) {
+    bus::complain(problem);
+    return kFailure;
+}
+
 // The bus's advisories, which the session delivers like messages.
 class AdvisoryListener : public RvDataCallback {
   public:
@@ -160,21 +165,118 @@ std::string chooseAddress(const Options& options, CVekRvNet& net, ListenAddress&
     return problem.empty() ? problem : "configuration item rva: " + problem;
 }
 
-// Where to serve and for whom. Returns an empty text, or the error.
+// Where to serve and for whom.
+struct Access {
+    ListenAddress address;
+    std::string token;
+};
+
+// Returns an empty text, or the error.
 std::string chooseAccess(const Options& options, CVekRvNet& net, const Supervised& supervised,
-                         ListenAddress& address, std::string& token) {
+                         Access& access) {
+    ListenAddress& address = access.address;
     if (auto problem = chooseAddress(options, net, address); !problem.empty()) return problem;
     if (auto problem = takePassed(supervised, address); !problem.empty()) return problem;
-    if (!options.tokenFile.empty()) return readToken(options.tokenFile, token);
+    if (!options.tokenFile.empty()) return readToken(options.tokenFile, access.token);
     if (address.isLoopback()) return {};
     return fmt::format("-listen tcp:{}:{} is not of the loopback only: it needs -token-file FILE",
                        address.host, address.port);
 }
 
-Gate gateFor(const Options& options, const ListenAddress& address, std::string token) {
+Gate gateFor(const Options& options, const Access& access) {
     std::vector<std::string> hosts = options.hosts;
-    hosts.push_back(address.host);
-    return {std::move(hosts), std::move(token)};
+    hosts.push_back(access.address.host);
+    return {std::move(hosts), access.token};
+}
+
+// What is heard on the bus, and the streams that tell it. Bus thread only, but for what `Feed` and
+// `Listens` state.
+class Hearing {
+  public:
+    // Both must outlive this object, and the loop of `client` have ended before it is destroyed.
+    Hearing(bus::Client& client, const Options& options, Supervised& supervised)
+        : seen(client.daemon(), options.connection.domainOrDefault()),
+          feed(client.net(), seen),
+          listens(client.net()),
+          client_(client),
+          supervised_(supervised),
+          intervalSeconds_(options.intervalSeconds) {
+        seen.setInterval(intervalSeconds_);
+        seen.gainSession();
+        client.onDaemonChange([this](bool isThere) { changeDaemon(isThere); });
+    }
+    ~Hearing() { client_.onDaemonChange(nullptr); }
+    Hearing(const Hearing&) = delete;
+    Hearing& operator=(const Hearing&) = delete;
+
+    bool listen() {
+        return beatListener_.listen(client_.net()) &&
+               client_.net().RRNAddExService("_RV.>", &advisories_) == kOk;
+    }
+
+    // Asks the daemon and the bridge about themselves, again and again.
+    void ask() {
+        hosts_.emplace(client_, seen, intervalSeconds_);
+        if (intervalSeconds_ == 0) return;
+        daemon_.emplace(client_.net(), intervalSeconds_,
+                        [this](const DaemonFigures& figures, bool isRound) {
+                            seen.showDaemon(figures);
+                            feed.tellTraffic();
+                            if (isRound) feed.tellHistory(seen.note());
+                        });
+    }
+
+    Observations seen;
+    Feed feed;
+    Listens listens;
+
+  private:
+    void changeDaemon(bool isThere) {
+        supervised_.turn();
+        isThere ? seen.gainSession() : seen.loseSession();
+        if (daemon_) isThere ? daemon_->gain() : daemon_->lose();
+        feed.tellBus();
+        listens.tell(eventText("bus", seen.connectionJson()));
+    }
+
+    bus::Client& client_;
+    Supervised& supervised_;
+    const unsigned intervalSeconds_;
+    beats::BeatListener beatListener_{
+        [this](auto packet) { seen.hearPacket(packet, platform::monotonicMs()); },
+        [this](const auto& beat) { seen.hearMember(beat, platform::monotonicMs()); }};
+    AdvisoryListener advisories_{seen};
+    std::optional<DaemonWatch> daemon_;
+    std::optional<HostsWatch> hosts_;
+};
+
+// Serves until a signal. The exit status.
+int serve(bus::Client& client, Hearing& hearing, Queries& queries, HttpPages& pages,
+          const ListenAddress& address, Supervised& supervised) {
+    BusCalls calls(client.net());
+    Api api(hearing.seen, queries, calls, hearing.listens, hearing.feed);
+    addPages(pages, hearing.seen);
+    api.addTo(pages);
+    HttpServer server(pages);
+    supervised.tellBy(server, hearing.seen);
+    if (!startServing(server, address, supervised)) {
+        return failure(
+            fmt::format("cannot listen on {}:{}; is the port taken?", address.host, address.port));
+    }
+    const bus::Ticker watch(client.net(), kWatchMs, bus::Ticker::Repeat::Forever, [&] {
+        supervised.turn();
+        if (!server.isServing()) client.leave(failure("the HTTP server has ended"));
+    });
+    hearing.ask();
+    // Printed when a signal ends the process in order.
+    const int status = client.runUntilSignal([&] {
+        bus::printLine(fmt::format("rva ready on http://{}:{}", address.host, server.port()));
+        if (!bus::flushOutput()) client.leave(kFailure);
+        platform::tellReady();
+    });
+    server.stop();
+    queries.end();
+    return status;
 }
 
 }  // namespace
@@ -183,78 +285,18 @@ int run(const Options& options) {
     Supervised supervised;
     bus::Client client(options.connection);
     if (!client.isUp()) return kFailure;
-    ListenAddress address;
-    std::string token;
-    if (auto problem = chooseAccess(options, client.net(), supervised, address, token);
-        !problem.empty()) {
+    Access access;
+    if (auto problem = chooseAccess(options, client.net(), supervised, access); !problem.empty()) {
         bus::complain(problem);
         return kUsage;
     }
-    Observations seen(client.daemon(), options.connection.domainOrDefault());
-    seen.setInterval(options.intervalSeconds);
-    seen.gainSession();
-    std::optional<DaemonWatch> daemon;
-    Feed feed(client.net(), seen);
-    Listens listens(client.net());
-    client.onDaemonChange([&](bool isThere) {
-        supervised.turn();
-        isThere ? seen.gainSession() : seen.loseSession();
-        if (daemon) isThere ? daemon->gain() : daemon->lose();
-        feed.tellBus();
-        listens.tell(eventText("bus", seen.connectionJson()));
-    });
-    beats::BeatListener beatListener(
-        [&seen](auto packet) { seen.hearPacket(packet, platform::monotonicMs()); },
-        [&seen](const auto& beat) { seen.hearMember(beat, platform::monotonicMs()); });
-    AdvisoryListener advisories(seen);
-    if (!beatListener.listen(client.net()) ||
-        client.net().RRNAddExService("_RV.>", &advisories) != kOk) {
-        bus::complain("cannot listen on the bus");
-        return kFailure;
-    }
+    Hearing hearing(client, options, supervised);
+    if (!hearing.listen()) return failure("cannot listen on the bus");
     auto asking = kvx::Client::onThisThread(client.net(), {.onWarning = bus::complain});
-    if (!asking) {
-        bus::complain(asking.error().message());
-        return kFailure;
-    }
+    if (!asking) return failure(asking.error().message());
     Queries queries(*asking);
-    BusCalls calls(client.net());
-    Api api(seen, queries, calls, listens, feed);
-    HttpPages pages(gateFor(options, address, std::move(token)));
-    addPages(pages, seen);
-    api.addTo(pages);
-    HttpServer server(pages);
-    supervised.tellBy(server, seen);
-    if (!startServing(server, address, supervised)) {
-        bus::complain(
-            fmt::format("cannot listen on {}:{}; is the port taken?", address.host, address.port));
-        return kFailure;
-    }
-    const bus::Ticker watch(client.net(), kWatchMs, bus::Ticker::Repeat::Forever, [&] {
-        supervised.turn();
-        if (server.isServing()) return;
-        bus::complain("the HTTP server has ended");
-        client.leave(kFailure);
-    });
-    if (options.intervalSeconds != 0) {
-        daemon.emplace(client.net(), options.intervalSeconds,
-                       [&](const DaemonFigures& figures, bool isRound) {
-                           seen.showDaemon(figures);
-                           feed.tellTraffic();
-                           if (isRound) feed.tellHistory(seen.note());
-                       });
-    }
-    const HostsWatch hosts(client, seen, options.intervalSeconds);
-    // Printed when a signal ends the process in order.
-    const int status = client.runUntilSignal([&] {
-        bus::printLine(fmt::format("rva ready on http://{}:{}", address.host, server.port()));
-        if (!bus::flushOutput()) client.leave(kFailure);
-        platform::tellReady();
-    });
-    client.onDaemonChange(nullptr);
-    server.stop();
-    queries.end();
-    return status;
+    HttpPages pages(gateFor(options, access));
+    return serve(client, hearing, queries, pages, access.address, supervised);
 }
 
 }  // namespace kvx::rva

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/Text.h"
+#include "rv/message/SubjectView.h"
 #include "rva/ClientJson.h"
 #include "tools/bus/MessageJson.h"
 
@@ -66,15 +67,41 @@ class Body {
     const Json json_;
 };
 
+constexpr std::string_view kDaemonElement = "_RVD";  // first element of what the daemon is asked
+
+// A message goes to one subject and is answered on one. What the bus says of itself is not for
+// clients to say, nor for answers to be sent to; the daemon may be asked.
+enum class Call { Send, Request };
+std::string problemOf(const bus::Outgoing& message, Call call) {
+    for (const std::string* const text : {&message.subject, &message.reply}) {
+        if (text->empty()) continue;
+        const auto subject = Subject::fromText(text->c_str());
+        if (!subject || subject->view().hasWildcards()) {
+            return fmt::format("'{}' has a wildcard: a message has one subject", excerpt(*text));
+        }
+        const bool isQuestion = call == Call::Request && text == &message.subject;
+        const auto first = subject->view().first();
+        if (first == kReservedElement || (first == kDaemonElement && !isQuestion)) {
+            return fmt::format("'{}' is reserved for the bus itself", excerpt(*text));
+        }
+    }
+    return {};
+}
+
+std::string readCall(const Json& json, bus::Outgoing& message, Call call) {
+    auto problem = bus::readMessage(json, message);
+    return problem.empty() ? problemOf(message, call) : problem;
+}
+
 // The outermost messages or only one. Returns the error, or an empty text.
 std::string readMessages(const Json& json, std::vector<bus::Outgoing>& messages) {
-    if (!json.contains("messages")) return bus::readMessage(json, messages.emplace_back());
+    if (!json.contains("messages")) return readCall(json, messages.emplace_back(), Call::Send);
     const Json& all = json["messages"];
     if (!all.is_array() || all.size() > kMostMessages) {
         return fmt::format("'messages' is no array of at most {}", kMostMessages);
     }
     for (const Json& one : all) {
-        if (auto problem = bus::readMessage(one, messages.emplace_back()); !problem.empty()) {
+        if (auto problem = readCall(one, messages.emplace_back(), Call::Send); !problem.empty()) {
             return fmt::format("message {}: {}", messages.size(), problem);
         }
     }
@@ -167,7 +194,7 @@ void Api::request(const HttpRequest& request, const HttpAnswerPtr& answer) {
     bus::Outgoing message;
     const auto timeout = body.timeout();
     if (body.isRefused(answer)) return;
-    if (auto problem = bus::readMessage(body.json(), message); !problem.empty()) {
+    if (auto problem = readCall(body.json(), message, Call::Request); !problem.empty()) {
         answer->reply(errorReply(400, "InvalidArgument", problem));
         return;
     }

@@ -1,14 +1,15 @@
-// The text is read twice: first without keeping anything but the keys of the objects that are open,
-// so that what is kept then is harmless.
+// The text is refused at the first thing that would make it costly to keep, to search or to walk.
 
 #include "rva/ClientJson.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <set>
 #include <utility>
 #include <vector>
 
 #include "rv/message/WireFormat.h"
+#include "tools/bus/MessageJson.h"
 
 namespace kvx::rva {
 
@@ -18,38 +19,61 @@ namespace {
 constexpr std::size_t kMostDepth = 2 * std::size_t{kMaxNesting} + 8;
 constexpr std::size_t kMostKeys = 1000;  // of one object, whose keys are found one by one
 
-class Check : public Json::json_sax_t {
+class Reader : public Json::json_sax_t {
   public:
-    explicit Check(std::string& problem) : problem_(problem) {}
+    explicit Reader(std::string& problem) : problem_(problem) {}
 
-    bool null() override { return true; }
-    bool boolean(bool /*value*/) override { return true; }
-    bool number_integer(number_integer_t /*value*/) override { return true; }
-    bool number_unsigned(number_unsigned_t /*value*/) override { return true; }
-    bool number_float(number_float_t /*value*/, const string_t& /*text*/) override { return true; }
-    bool string(string_t& /*value*/) override { return true; }
-    bool binary(binary_t& /*value*/) override { return true; }
-    bool start_object(std::size_t /*size*/) override { return open(); }
-    bool start_array(std::size_t /*size*/) override { return open(); }
+    bool null() override { return add(nullptr) != nullptr; }
+    bool boolean(bool value) override { return add(value) != nullptr; }
+    bool number_integer(number_integer_t value) override { return add(value) != nullptr; }
+    bool number_unsigned(number_unsigned_t value) override { return add(value) != nullptr; }
+    // Also called for an integer that has no place in 64 bits.
+    bool number_float(number_float_t value, const string_t& text) override {
+        const bool isInteger = text.find_first_of(".eE") == std::string::npos;
+        return add(isInteger ? bus::wideInteger(text) : Json(value)) != nullptr;
+    }
+    bool string(string_t& value) override { return add(std::move(value)) != nullptr; }
+    bool binary(binary_t& /*value*/) override { return false; }
+    bool start_object(std::size_t /*size*/) override { return open(Json::object()); }
+    bool start_array(std::size_t /*size*/) override { return open(Json::array()); }
     bool end_object() override { return close(); }
     bool end_array() override { return close(); }
     bool key(string_t& name) override {
-        auto& keys = keys_.back();
+        auto& [json, keys] = open_.back();
         if (keys.size() == kMostKeys) return fail("an object of more than 1000 keys");
-        return keys.insert(std::move(name)).second || fail("a key that is there twice");
+        if (!keys.insert(name).second) return fail("a key that is there twice");
+        json->emplace(name, nullptr);
+        return true;
     }
     bool parse_error(std::size_t /*position*/, const std::string& /*token*/,
-                     const Json::exception& /*error*/) override {
-        return fail("the body is no JSON object");
+                     const Json::exception& error) override {
+        constexpr int kTooLarge = 406;
+        return fail(error.id == kTooLarge ? "a number that is too large"
+                                          : "the body is no JSON object");
     }
 
+    Json take() { return std::move(whole_); }
+
   private:
-    bool open() {
-        keys_.emplace_back();
-        return keys_.size() <= kMostDepth || fail("JSON that is nested too deeply");
+    struct Open {
+        Json* json;
+        std::set<std::string> keys;  // of an object; the last one's value is next
+    };
+
+    // Where the value is now.
+    Json* add(Json value) {
+        if (open_.empty()) return &(whole_ = std::move(value));
+        Json& around = *open_.back().json;
+        if (around.is_array()) return &around.emplace_back(std::move(value));
+        Json& place = around.get_ref<Json::object_t&>().back().second;
+        return &(place = std::move(value));
+    }
+    bool open(Json value) {
+        open_.push_back({add(std::move(value)), {}});
+        return open_.size() <= kMostDepth || fail("JSON that is nested too deeply");
     }
     bool close() {
-        keys_.pop_back();
+        open_.pop_back();
         return true;
     }
     bool fail(const char* problem) {
@@ -58,15 +82,16 @@ class Check : public Json::json_sax_t {
     }
 
     std::string& problem_;
-    std::vector<std::set<std::string>> keys_;  // of all that is open
+    Json whole_;
+    std::vector<Open> open_;  // each within the one before
 };
 
 }  // namespace
 
 Json readClientJson(std::string_view text, std::string& problem) {
-    Check check(problem);
-    if (!Json::sax_parse(text, &check)) return nullptr;
-    Json json = Json::parse(text, nullptr, false);
+    Reader reader(problem);
+    if (!Json::sax_parse(text, &reader)) return nullptr;
+    Json json = reader.take();
     if (json.is_object()) return json;
     problem = "the body is no JSON object";
     return nullptr;

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <tuple>
+#include <utility>
 
 #include "tools/bus/DaemonAnswer.h"
 
@@ -17,7 +19,7 @@ using bus::realIn;
 // Only what has a sum that can be shown: a counter of some sessions would fall when one ends.
 constexpr const char* kSummed[] = {"memory", "waiting", "waiting_bytes", "rate", "byte_rate"};
 
-using Row = std::reference_wrapper<const Json>;
+using RowRef = std::reference_wrapper<const Json>;
 
 auto importance(const Json& session) {
     return std::tuple(numberIn(session, "behind_ms"), numberIn(session, "waiting_bytes"),
@@ -25,14 +27,56 @@ auto importance(const Json& session) {
 }
 
 // The rows that are objects, as the daemon's are.
-std::vector<Row> rowsOf(const Json& answer, const char* name) {
-    std::vector<Row> rows;
+std::vector<RowRef> rowsOf(const Json& answer, const char* name) {
+    std::vector<RowRef> rows;
     for (const Json& row : bus::rowsIn(answer, name)) {
         if (row.is_object()) rows.emplace_back(row);
     }
     return rows;
 }
 
+// The subject that stands for all inboxes of a session, of whose questions each has one of its own;
+// empty for any other.
+std::string inboxesWith(const Json& row) {
+    constexpr std::string_view kBegin = "_INBOX.";
+    const std::string subject = bus::textIn(row, "subject");
+    const auto end = subject.rfind('.') + 1;
+    return subject.starts_with(kBegin) && end > kBegin.size() ? subject.substr(0, end) + ">" : "";
+}
+
+void addTo(Json& sums, const Json& row) {
+    for (const char* field : {"messages", "bytes", "missed"}) {
+        sums[field] = numberIn(sums, field) + numberIn(row, field);
+    }
+    for (const char* field : {"rate", "byte_rate"}) {
+        sums[field] = realIn(sums, field) + realIn(row, field);
+    }
+    for (const char* field : {"age_ms", "listeners", "senders"}) {
+        sums[field] = std::max(numberIn(sums, field), numberIn(row, field));
+    }
+}
+
+// The busiest first, the inboxes of a session as one.
+std::vector<Json> subjectsOf(const Json& answer) {
+    std::vector<Json> subjects;
+    std::map<std::tuple<std::string, std::string, std::string>, std::size_t> folds;
+    for (const Json& row : rowsOf(answer, "subject")) {
+        const std::string inboxes = inboxesWith(row);
+        const auto [fold, isNew] = folds.try_emplace(
+            {inboxes, bus::textIn(row, "service"), bus::textIn(row, "network")}, subjects.size());
+        if (!isNew && !inboxes.empty()) {
+            addTo(subjects[fold->second], row);
+            continue;
+        }
+        subjects.push_back(row);
+        if (!inboxes.empty()) subjects.back()["subject"] = inboxes;
+    }
+    std::ranges::stable_sort(subjects, std::greater(),
+                             [](const Json& row) { return realIn(row, "rate"); });
+    return subjects;
+}
+
+template <class Row>
 Rows shownOf(const std::vector<Row>& all) {
     Rows rows;
     for (std::size_t i = 0; i < all.size(); ++i) {
@@ -65,7 +109,7 @@ void DaemonFigures::take(Topic topic, const Json& answer, platform::Milliseconds
             break;
         }
         case Topic::Subjects:
-            subjects_ = shownOf(rowsOf(answer, "subject"));
+            subjects_ = shownOf(subjectsOf(answer));
             known_ = numberIn(answer, "known");
             break;
     }

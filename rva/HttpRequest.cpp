@@ -1,6 +1,7 @@
 // The library reads heads from memory. It hands them over before its routing, which would match
 // paths as regular expressions and read bodies; what it then answers is dropped. It also takes the
-// values of headers for percent-encoded, which they are not: so they are encoded for it.
+// values of headers for percent-encoded, which they are not: so they are encoded for it. It knows
+// targets that are paths only.
 
 #include "rva/HttpRequest.h"
 
@@ -47,6 +48,31 @@ std::string withHeadersEncoded(std::string_view head) {
     std::string text(head.substr(0, line));
     for (const char c : head.substr(line)) c == '%' ? text += "%25" : text += c;
     return text;
+}
+
+// A target in absolute form, http://HOST:PORT/PATH.
+struct AbsoluteTarget {
+    std::string_view whole;      // within the head
+    std::string_view authority;  // empty when it is none
+    std::string path;
+};
+
+std::optional<AbsoluteTarget> absoluteTarget(std::string_view head) {
+    std::string_view target = head.substr(0, head.find('\n'));
+    target.remove_prefix(std::min(target.find(' ') + 1, target.size()));
+    target = target.substr(0, target.find(' '));
+    const std::string lower = lowered(std::string(target));
+    for (const std::string_view scheme : {"http://", "https://"}) {
+        if (!lower.starts_with(scheme)) continue;
+        const std::string_view rest = target.substr(scheme.size());
+        const auto end = std::min(rest.find_first_of("/?"), rest.size());
+        const auto authority = rest.substr(0, end);
+        const bool hasUser = authority.find('@') != std::string_view::npos;
+        std::string path(rest.substr(end));
+        if (!path.starts_with('/')) path.insert(0, "/");
+        return AbsoluteTarget{target, hasUser ? std::string_view() : authority, std::move(path)};
+    }
+    return std::nullopt;
 }
 
 class Reader : private httplib::Server {
@@ -96,7 +122,16 @@ std::vector<std::string> HttpRequest::all(const std::string& parameter) const {
 
 std::optional<HttpRequest> readHead(std::string_view head) {
     thread_local Reader reader;
-    return reader.read(head);
+    const auto absolute = absoluteTarget(head);
+    if (!absolute) return reader.read(head);
+    if (absolute->authority.empty()) return std::nullopt;
+    std::string text(head);
+    const auto begin = static_cast<std::size_t>(absolute->whole.data() - head.data());
+    auto request = reader.read(text.replace(begin, absolute->whole.size(), absolute->path));
+    if (!request) return std::nullopt;
+    request->headers.erase("host");
+    request->headers.emplace("host", absolute->authority);
+    return request;
 }
 
 std::optional<std::size_t> bodySize(const HttpRequest& head) {

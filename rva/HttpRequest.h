@@ -24,7 +24,8 @@ struct HttpRequest {
     [[nodiscard]] std::vector<std::string> all(const std::string& parameter) const;
 };
 
-/// Reads a request's head, up to and with the empty line; nothing when it is none. Any bytes.
+/// Reads a request's head, up to and with the empty line; nothing when it is none. Any bytes. The
+/// host of a target in absolute form, http://HOST/PATH, takes the place of the `Host`.
 [[nodiscard]] std::optional<HttpRequest> readHead(std::string_view head);
 
 /// The size of the body that follows a head; nothing when it cannot be known: two sizes, no number,

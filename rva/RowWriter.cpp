@@ -39,13 +39,18 @@ std::string queryMember(const Query& query) {
     return "\"query\":" + bus::lineOf(Json{{"service", query.service}});
 }
 
+// No two names of a record have the same key.
+std::string keyOf(std::string_view name) {
+    constexpr std::string_view kEncoded = "base64:";
+    const bool isPlain = bus::textJson(name).is_string() && !name.starts_with(kEncoded);
+    return isPlain ? std::string(name) : std::string(kEncoded) + bus::toBase64(name);
+}
+
 // A row as an object, its fields in order.
 Json rowJson(const Record& record) {
     Json row = Json::object();
     for (const Field field : record) {
-        const Json name = bus::textJson(field.name);
-        Json& value = row[name.is_string() ? name.get<std::string>()
-                                           : "base64:" + name["base64"].get<std::string>()];
+        Json& value = row[keyOf(field.name)];
         if (field.value.kind() == Value::Kind::Integer) {
             const auto number = *field.value.as<std::int64_t>();
             const bool isSafe = number <= bus::kMostExact && number >= -bus::kMostExact;
@@ -108,7 +113,7 @@ class CsvWriter : public RowWriter {
         for (const Field field : record) {
             bool hasColumn = false;
             for (std::size_t i = 0; i < columns_.size(); ++i) {
-                if (!bus::equalIgnoringCase(columns_[i], field.name)) continue;
+                if (!isOf(columns_[i], field.name, record)) continue;
                 values[i] = field.value.toString();
                 hasColumn = true;
             }
@@ -120,6 +125,10 @@ class CsvWriter : public RowWriter {
     std::optional<std::string> error(const std::string&) const override { return std::nullopt; }
 
   private:
+    // A query may spell a column in another case, where none is of its own spelling.
+    static bool isOf(const std::string& column, std::string_view name, const Record& record) {
+        return column == name || (bus::equalIgnoringCase(column, name) && !record.contains(column));
+    }
     static std::string line(const std::vector<std::string>& values) {
         std::string text;
         for (const auto& value : values) {

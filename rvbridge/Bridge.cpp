@@ -491,10 +491,11 @@ bool Bridge::isSubscribedSince(std::uint64_t change, SubjectView subject) {
 bool Bridge::message(SubjectView subject, Bytes message) {
     const wire::Routing routing = wire::readRouting(message);
     const auto routed = SubjectView::parse(routing.subject.data(), routing.subject.size());
+    wire::Envelope envelope;
     const bool isData = routing.type == wire::MessageType::Data && routed &&
                         routed->encoded() == subject.encoded() &&
                         !ControlMessage::isReserved(subject) &&
-                        rvmsg_Validate(message.data(), message.size()) == 0;
+                        wire::openEnvelope(message, envelope) == 0;
     if (!isData) {
         ++unreadable_;
         return true;

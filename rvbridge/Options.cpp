@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdio>
 #include <fstream>
+#include <iostream>
 #include <optional>
 #include <utility>
 
@@ -161,7 +162,20 @@ std::string problemWithDaemon(const std::string& daemon) {
     return "'" + daemon + "' is no daemon (" + wire::kDaemonForms + ')';
 }
 
+// While it exists, what the libraries write to `std::cout` is dropped.
+class Muted {
+  public:
+    Muted() : output_(std::cout.rdbuf(nullptr)) {}
+    ~Muted() { std::cout.rdbuf(output_); }
+    Muted(const Muted&) = delete;
+    Muted& operator=(const Muted&) = delete;
+
+  private:
+    std::streambuf* output_;
+};
+
 std::string takeAddress(const Texts& texts, Options& options) {
+    const Muted muted;  // the parser names no file: its error is told with its file elsewhere
     CVekRvdCfgParser parser;
     DaemonAddress address = texts.address;
     const auto fill = [](std::string& value, const char* configured) {
@@ -172,6 +186,7 @@ std::string takeAddress(const Texts& texts, Options& options) {
         fill(address.service, found.service);
         fill(address.network, found.network);
         fill(address.daemon, found.daemon);
+        options.misread = parser.RRCPGetError();
     } else {
         std::string name = texts.configuration;
         const int result = parser.RRCPParseFromFilename(name.data());

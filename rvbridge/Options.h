@@ -23,6 +23,7 @@ struct Options {
     std::vector<Subject> exports;  ///< empty: everything
     std::vector<Subject> imports;  ///< empty: everything
     bool isVerbose = false;
+    std::string misread;  ///< what is wrong in the configuration file, "PATH:LINE: WHY"; or empty
 };
 
 /// The result of parsing a command line: options to run with, or the exit status to end with (0

@@ -29,6 +29,9 @@ class Program final : public EngineOwner, public BridgeOwner {
     explicit Program(const Options& options) : options_(options), log_(levelOf(options)) {}
 
     int run() {
+        if (!options_.misread.empty()) {
+            log_.warning("left out a block of the configuration file: " + options_.misread);
+        }
         if (rvevm_Create(&manager_) != 0) return fail("the event manager cannot start");
         const int status = serve();
         if (engine_ && !engine_->stop(kFarewellMs)) std::_Exit(status);

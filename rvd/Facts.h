@@ -42,8 +42,9 @@ struct SessionFacts {
     Flow published;
     std::uint64_t publishedRate = 0;  ///< messages in the last second
     std::uint64_t deliveredRate = 0;
-    std::optional<platform::Milliseconds> behindFor;  ///< since it does not keep up
-    std::optional<platform::Milliseconds> lossAge;    ///< since something was dropped
+    std::optional<platform::Milliseconds> waitingFor;  ///< since messages wait at each look
+    std::optional<platform::Milliseconds> behindFor;   ///< since it loses and does not keep up
+    std::optional<platform::Milliseconds> lossAge;     ///< since something was dropped
 };
 
 /// The daemon itself, at this moment.
@@ -60,7 +61,7 @@ struct StatusFacts {
     std::uint64_t memoryLimit = 0;      ///< bytes
     std::uint64_t memoryUsed = 0;
     MemoryAccount::Kinds memory;
-    const Counters* counters = nullptr;
+    Counters counters;
     const Counters* rates = nullptr;  ///< what they have grown by in the last second
     const Delays* delays = nullptr;
     const Recorder* recorder = nullptr;  ///< null: nothing is recorded

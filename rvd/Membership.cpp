@@ -184,6 +184,7 @@ SessionFacts Connection::facts() const {
     facts.published = published_;
     facts.publishedRate = publishedRate_;
     facts.deliveredRate = pace_.rate();
+    if (pace_.waitingSince()) facts.waitingFor = now() - *pace_.waitingSince();
     if (pace_.behindSince()) facts.behindFor = now() - *pace_.behindSince();
     if (pace_.lossAt()) facts.lossAge = now() - *pace_.lossAt();
     if (session_ == nullptr) return facts;

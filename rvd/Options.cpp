@@ -109,7 +109,7 @@ void describe(CLI::App& app, Texts& texts) {
         "Keep the last messages in a file of so many bytes, with k, M or G, that outlives "
         "a crash");
     app.add_option("--recorder-file", texts.recorderFile,
-                   "That file; in /dev/shm, named after user and address, unless given")
+                   "That file; in $RUNTIME_DIRECTORY, else /dev/shm, unless given")
         ->type_name("FILE");
     app.add_option("--recorder-bytes", texts.recorderBytes,
                    "How many bytes are kept of each message, with k, M or G, at most an eighth of "

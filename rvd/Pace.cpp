@@ -14,6 +14,8 @@ Pace::Look Pace::look(const Outbox& queue, std::size_t queueLimit, platform::Mil
     const std::uint64_t taken = delivered - std::exchange(deliveriesSeen_, delivered);
     const bool hasTaken = taken != 0;
     rate_ = perSecond(taken, elapsed);
+    waitingSince_ =
+        queue.waitingMessages() == 0 ? std::nullopt : std::optional(waitingSince_.value_or(now));
     const std::uint64_t dropped = queue.totals().dropped;
     const auto sinceThen = [this, dropped] {
         return std::to_string(dropped - lossesToldOf_) + " messages dropped";

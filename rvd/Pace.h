@@ -33,6 +33,10 @@ class Pace {
 
     /// Messages a second that were delivered before the last look.
     [[nodiscard]] std::uint64_t rate() const { return rate_; }
+    /// Since when there were messages in the queue at each look.
+    [[nodiscard]] std::optional<platform::Milliseconds> waitingSince() const {
+        return waitingSince_;
+    }
     /// Since when it does not keep up, and when messages were dropped last.
     [[nodiscard]] std::optional<platform::Milliseconds> behindSince() const { return behindSince_; }
     [[nodiscard]] std::optional<platform::Milliseconds> lossAt() const { return lossAt_; }
@@ -42,6 +46,7 @@ class Pace {
     std::uint64_t lossesSeen_ = 0;
     std::uint64_t lossesToldOf_ = 0;  // when it kept up last
     std::uint64_t rate_ = 0;
+    std::optional<platform::Milliseconds> waitingSince_;
     std::optional<platform::Milliseconds> behindSince_;
     std::optional<platform::Milliseconds> lossAt_;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -21,14 +22,22 @@ namespace fs = std::filesystem;
 // Files there are never written to a disk, which costs the daemon a fault for each page again and
 // again.
 constexpr const char* kInMemory = "/dev/shm";
+constexpr const char* kSupervisors = "RUNTIME_DIRECTORY";  // variable: paths with ':' between them
 constexpr Nanoseconds kPerMillisecond = 1'000'000;
 constexpr Nanoseconds kClockSet = 100 * kPerMillisecond;  // a difference that is no noise
+
+std::string usualDirectory() {
+    if (const char* const given = std::getenv(kSupervisors); given != nullptr && *given != '\0') {
+        return std::string(given, std::strcspn(given, ":"));
+    }
+    std::error_code error;
+    return fs::is_directory(kInMemory, error) ? kInMemory : platform::stateDirectory();
+}
 
 std::string pathFor(const Recorder::Settings& settings, const std::string& address) {
     std::error_code error;
     if (!settings.path.empty()) return fs::absolute(settings.path, error).string();
-    const bool hasMemory = fs::is_directory(kInMemory, error);
-    const std::string directory = hasMemory ? kInMemory : platform::stateDirectory();
+    const std::string directory = usualDirectory();
     if (directory.empty()) return {};
     std::string name = "rvd-" + platform::userName() + '-' + address;
     std::ranges::replace_if(

@@ -19,7 +19,7 @@ class Recorder {
     struct Settings {
         std::uint64_t size = 0;          ///< bytes of the ring; 0: nothing is recorded
         std::uint64_t messageBytes = 0;  ///< of each message at most
-        std::string path;                ///< empty: in memory, else below the user's states
+        std::string path;                ///< empty: a usual place, in memory if there is one
     };
 
     /// A new file; one that is there is kept, as that path with ".1" behind it. `address` is that

@@ -82,7 +82,7 @@ class StatusReport final : public Report {
         part.put("listen_limit", std::uint64_t{Router::kMaxListens});
         part.put("memory", memoryRow(facts));
         part.put("rates", ratesRow(*facts.rates));
-        part.put("counters", countersRow(*facts.counters));
+        part.put("counters", countersRow(facts.counters));
         Row latency;
         putDelays(latency, facts.delays->ofSamples());
         part.put("latency", latency);
@@ -129,6 +129,7 @@ Row rowOf(const SessionFacts& facts) {
     const auto putAge = [&row](const char* name, std::optional<platform::Milliseconds> age) {
         if (age) row.put(name, static_cast<std::uint64_t>(*age));
     };
+    putAge("waiting_ms", facts.waitingFor);
     putAge("behind_ms", facts.behindFor);
     putAge("loss_age_ms", facts.lossAge);
     return row;

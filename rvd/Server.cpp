@@ -357,6 +357,14 @@ void Server::measure(platform::Milliseconds elapsed) {
     if (recorder_) recorder_->tick();
 }
 
+Counters Server::counted() const {
+    Counters counters = counters_;
+    std::uint64_t waiting = 0;
+    for (const auto& [number, connection] : connections_) waiting += connection->waitingMessages();
+    counters.set(Counter::MessagesWaiting, waiting);
+    return counters;
+}
+
 StatusFacts Server::status() const {
     StatusFacts facts;
     facts.pid = platform::processId();
@@ -371,7 +379,7 @@ StatusFacts Server::status() const {
     facts.memoryLimit = account_.limit();
     facts.memoryUsed = account_.used();
     facts.memory = account_.kinds();
-    facts.counters = &counters_;
+    facts.counters = counted();
     facts.rates = &rates_;
     facts.delays = &delays_;
     facts.recorder = recorder_.get();
@@ -426,14 +434,12 @@ void Server::logStop() noexcept {
 
 void Server::logCounters() noexcept {
     if (!log_.enabled(platform::LogLevel::Info)) return;
-    std::uint64_t waiting = 0;
-    for (const auto& [number, connection] : connections_) waiting += connection->waitingMessages();
-    counters_.set(Counter::MessagesWaiting, waiting);
+    const Counters counters = counted();
     try {
         std::string line = "counted:";
         const auto table = counterTable();
         for (std::size_t i = 0; i < table.size(); ++i) {
-            const std::uint64_t value = counters_[static_cast<Counter>(i)];
+            const std::uint64_t value = counters[static_cast<Counter>(i)];
             if (value != 0) line += std::string(" ") + table[i].name + '=' + std::to_string(value);
         }
         log_.info(line);

@@ -104,6 +104,7 @@ class Server : private Observed {
         return static_cast<platform::Milliseconds>(uv_now(&loop_));
     }
     void logStop() noexcept;
+    [[nodiscard]] Counters counted() const;  // with what waits now
     void logCounters() noexcept;
 
     const SparePayloads spares_;  // ends last

@@ -42,6 +42,15 @@ Error zeroByte(std::string tried) {
     return {Errc::InvalidArgument, "a zero byte in the text or subject", std::move(tried)};
 }
 
+// Why no receiver would take the message.
+std::optional<Error> problemWith(std::string_view subject, const Message& message,
+                                 const std::string& tried) {
+    if (hasZero(subject)) return zeroByte(tried);
+    if (rvmsg_Validate(message.base().data(), message.base().size()) == 0) return std::nullopt;
+    return Error{Errc::InvalidArgument, "the message is broken, or nested more than 32 deep",
+                 tried};
+}
+
 std::string asking(const std::string& service) {
     return "query " + service;
 }
@@ -319,7 +328,9 @@ void Client::requestAsync(std::string_view subject, const Message& message, Repl
     const std::string to(subject);
     const std::string tried = requesting(subject);
     const Milliseconds wait = timeout.value_or(loop_->options.timeout);
-    if (hasZero(subject)) return done(tl::unexpected(zeroByte(tried)));
+    if (auto problem = problemWith(subject, message, tried)) {
+        return done(tl::unexpected(std::move(*problem)));
+    }
     if (wait <= Milliseconds(0)) return done(tl::unexpected(badTimeout(tried)));
     if (loop_->isLost()) return done(tl::unexpected(lost(tried)));
     auto guarded = std::make_shared<CalledOnce>(std::move(done), ended(tried));
@@ -337,7 +348,9 @@ Result<> Client::post(std::function<void()> work) {
 Result<> Client::publish(std::string_view subject, const Message& message) {
     const std::string to(subject);
     const std::string tried = "publish on " + to;
-    if (hasZero(subject)) return tl::unexpected(zeroByte(tried));
+    if (auto problem = problemWith(subject, message, tried)) {
+        return tl::unexpected(std::move(*problem));
+    }
     if (loop_->isLost()) return tl::unexpected(lost(tried));
     RvStatus status;
     const bool isDone = loop_->perform([&] {

@@ -152,6 +152,7 @@ class KVX_API Client {
                       std::optional<std::chrono::milliseconds> timeout = {});
 
     /// Sends `message` on exactly `subject`. Returns when it has been handed to the connection.
+    /// `InvalidArgument` when messages nest more than 32 deep in it.
     Result<> publish(std::string_view subject, const Message& message);
 
     /// Calls `received` on the client's thread for every message on exactly `subject`, which may

@@ -17,8 +17,8 @@ namespace kvx::python {
 
 namespace {
 
-constexpr int kMostNesting = static_cast<int>(kMaxNesting) - 1;  // one more on the bus
-constexpr unsigned kMostSubject = 1000;                          // bytes, encoded
+constexpr int kMostNesting = static_cast<int>(kMaxNesting);
+constexpr unsigned kMostSubject = 1000;  // bytes, encoded
 constexpr std::int64_t kMicroseconds = 1'000'000;
 
 using Bytes = std::string;

@@ -4,6 +4,7 @@
 
 #include "python/module/Service.h"
 
+#include <chrono>
 #include <deque>
 #include <shared_mutex>
 #include <thread>
@@ -17,7 +18,8 @@ namespace kvx::python {
 
 namespace {
 
-constexpr std::size_t kRowsAtOnce = 100;  // as many as leave in one packet
+constexpr std::size_t kRowsAtOnce = 100;                // as many as leave in one packet
+constexpr std::chrono::milliseconds kRowsTogether{50};  // slow ones are passed on sooner
 
 // --- Questions ---------------------------------------------------------------------------------
 
@@ -70,11 +72,12 @@ py::object nextOf(const py::iterator& rows) {
 void sendRows(Reply& reply, const py::iterator& rows) {
     while (true) {
         std::vector<Record> records;
-        while (records.size() < kRowsAtOnce) {
+        const auto end = std::chrono::steady_clock::now() + kRowsTogether;
+        do {
             const py::object row = nextOf(rows);
             if (!row) break;
             records.push_back(recordOf(row, "row"));
-        }
+        } while (records.size() < kRowsAtOnce && std::chrono::steady_clock::now() < end);
         if (records.empty()) return;
         const WithoutGil withoutGil;
         for (const Record& record : records) {

@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <atomic>
 #include <bit>
+#include <exception>
 #include <map>
 #include <mutex>
 #include <new>
+#include <random>
 #include <utility>
 
 #include "platform/Clock.h"
@@ -60,6 +62,14 @@ std::uintptr_t nextNumber() {
     return ++last;
 }
 
+// Two hosts may have one address, as behind a private network, and then sessions of one name: a
+// random number tells their members apart.
+std::string memberId(const std::string& session, std::uintptr_t number) {
+    std::random_device random;
+    return session + '.' + std::to_string(number) + '.' + std::to_string(random()) +
+           std::to_string(random());
+}
+
 // Longer intervals are cut to 2^31 - 1 ms, some 24 days.
 Rules rulesOf(unsigned activeGoal, unsigned long heartbeatMs, unsigned long prepareMs,
               unsigned long activateMs) {
@@ -84,7 +94,7 @@ int join(Membership membership, unsigned weight, const Rules& rules, rvft_Member
     auto* token = std::bit_cast<void*>(number);
     Rank rank{.weight = weight,
               .start = static_cast<std::uint64_t>(platform::wallMilliseconds()),
-              .id = name + "." + std::to_string(number)};
+              .id = memberId(name, number)};
     auto member = std::make_shared<Member>(std::move(membership), std::move(rank), rules, token);
     Registry::instance().add(token, member);
     const FtCode code = member->start(*subject);
@@ -117,6 +127,8 @@ int rvft_Join(rv_Session session, rvft_MemberId* id, const char* group, unsigned
         return kvx::ft::join({session, group, action, closure}, weight, rules, id);
     } catch (const std::bad_alloc&) {
         return kvx::ft::kNoMemory;
+    } catch (const std::exception&) {
+        return kvx::ft::kCannotAnnounce;  // without a random number for the id
     }
 }
 

@@ -37,14 +37,16 @@ namespace kvx {
     }
 }
 
-/// The fields of a nested message, and of those inside it.
-[[nodiscard]] bool isNestedValid(const WireField& message);
+/// The fields of a nested message, and of those inside it: together at most `levels`, which are no
+/// more than `kMaxLinkNesting`.
+[[nodiscard]] bool isNestedValid(const WireField& message, unsigned levels);
 
 /// Checks a whole message, and calls `visit(const WireField&)` for each field that is directly in
 /// it, once that field has been checked. The fields in its first `checked` bytes have been already.
-/// Returns 0, 1 or 10, as `rvmsg_Validate`.
+/// `levels` as for `isNestedValid`. Returns 0, 1 or 10, as `rvmsg_Validate`.
 template <class Visit>
-[[nodiscard]] int checkMessage(Bytes message, Visit&& visit, std::size_t checked = kHeaderBytes) {
+[[nodiscard]] int checkMessage(Bytes message, unsigned levels, Visit&& visit,
+                               std::size_t checked = kHeaderBytes) {
     if (message.size() < kHeaderBytes) return message_code::kInvalidData;
     if (!hasMagic(message.data(), kMessageMagic)) return message_code::kNotInitialized;
     if (loadBig32(message.data()) != message.size()) return message_code::kInvalidData;
@@ -53,7 +55,8 @@ template <class Visit>
     while (cursor.left() != 0) {
         if (cursor.next(field) != FieldCursor::Step::kField) return message_code::kInvalidData;
         if (!isNameValid(field) || !isDataValid(field)) return message_code::kInvalidData;
-        if (field.type == RVMSG_MSG && !isNestedValid(field)) return message_code::kInvalidData;
+        if (field.type == RVMSG_MSG && !isNestedValid(field, levels))
+            return message_code::kInvalidData;
         visit(field);
     }
     return message_code::kOk;

@@ -19,6 +19,7 @@ inline constexpr std::uint32_t kSealedHeaderBytes = 9;      // and the sealed va
 inline constexpr std::uint32_t kMaxNameBytes = 100;         // of a stored name, terminator included
 inline constexpr std::uint32_t kMaxLookupCharacters = 100;  // of a name or path element in a lookup
 inline constexpr unsigned kMaxNesting = 32;                 // levels below the top message
+inline constexpr unsigned kMaxLinkNesting = kMaxNesting + 1;  // of a link's, with any valid payload
 
 inline constexpr std::uint32_t kMaxShortSize = 119;
 inline constexpr std::uint32_t kMaxMediumSize = 29999;

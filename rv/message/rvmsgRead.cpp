@@ -73,9 +73,9 @@ int report(const WireField& field, void* scratch, rvmsg_IterateCallback callback
 
 }  // namespace
 
-bool kvx::isNestedValid(const WireField& message) {
+bool kvx::isNestedValid(const WireField& message, unsigned levels) {
     const std::uint8_t* position = message.data + kHeaderBytes;
-    const std::uint8_t* ends[kMaxNesting] = {message.data + message.size};
+    const std::uint8_t* ends[kMaxLinkNesting] = {message.data + message.size};
     unsigned level = 0;
     WireField field;
     for (;;) {
@@ -88,7 +88,7 @@ bool kvx::isNestedValid(const WireField& message) {
         if (!isNameValid(field) || !isDataValid(field)) return false;
         position = cursor.position();
         if (field.type != RVMSG_MSG) continue;
-        if (level + 1 == kMaxNesting) return false;
+        if (level + 1 == levels) return false;
         ends[++level] = position;
         position = field.data + kHeaderBytes;
     }
@@ -142,7 +142,7 @@ int rvmsg_Iterate(const void* buffer, const char* name, rvmsg_IterateCallback ca
 
 int rvmsg_Validate(const void* bytes, std::size_t length) {
     if (bytes == nullptr) return code::kInvalidData;
-    return kvx::checkMessage({static_cast<const std::uint8_t*>(bytes), length},
+    return kvx::checkMessage({static_cast<const std::uint8_t*>(bytes), length}, kvx::kMaxNesting,
                              [](const WireField&) {});
 }
 

@@ -17,8 +17,8 @@
 #include <system_error>
 #include <utility>
 
+#include "rv/message/FieldCheck.h"
 #include "rv/message/SubjectIndex.h"
-#include "rv/message/WireFormat.h"
 #include "rv/recording/RecordFormat.h"
 
 namespace kvx::recording {
@@ -32,7 +32,7 @@ constexpr std::uint64_t kMostContentBytes = kMaxMessageBytes + 4'096;
 
 bool isWholeMessage(const Entry& entry) {
     return entry.message.size() == entry.messageSize &&
-           rvmsg_Validate(const_cast<std::uint8_t*>(entry.message.data()), entry.messageSize) == 0;
+           checkMessage(entry.message, kMaxLinkNesting, [](const WireField&) {}) == 0;
 }
 
 bool isOn(const Entry& entry, SubjectView pattern) {

@@ -350,7 +350,7 @@ int openEnvelope(Bytes message, Envelope& envelope) {
         envelope.subject = usual.subject;
         checked = kSubjectAt + usual.subject.size();
     }
-    return checkMessage(message, EnvelopeReader(envelope), checked);
+    return checkMessage(message, kMaxLinkNesting, EnvelopeReader(envelope), checked);
 }
 
 Envelope readEnvelope(Bytes message) {

@@ -174,7 +174,7 @@ struct Envelope {
 };
 
 /// Checks a received message as `rvmsg_Validate` does, whose codes it returns, and reads it in the
-/// same pass.
+/// same pass. It may nest one level more, so that every valid payload arrives.
 [[nodiscard]] int openEnvelope(Bytes message, Envelope& envelope);
 /// Reads a message that has been checked, or that this process has built.
 [[nodiscard]] Envelope readEnvelope(Bytes message);

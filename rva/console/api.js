@@ -32,6 +32,33 @@ export async function post(path, body, signal) {
   return answer.ok ? answer.json() : fail(answer);
 }
 
+// An object of JavaScript has names such as "7" first, wherever they came: the names of such a row as they came.
+const kNames = Symbol("names");
+export const namesOf = (row) => row[kNames] ?? Object.keys(row);
+const isIndex = (name) => /^(0|[1-9]\d{0,9})$/.test(name);
+
+// The keys of the object in an object of one key.
+function namesIn(line) {
+  const names = [];
+  let depth = 0;
+  for (const [token] of line.matchAll(/"(?:[^"\\]|\\.)*":?|[{}]/g)) {
+    if (token === "{") ++depth;
+    else if (token === "}") --depth;
+    else if (depth === 2 && token.endsWith(":")) names.push(JSON.parse(token.slice(0, -1)));
+  }
+  return names;
+}
+
+function rowOf(line, row) {
+  // A column may be called "constructor": a row has the names that came, and no others.
+  Object.setPrototypeOf(row, null);
+  for (const first in row) {
+    if (isIndex(first)) row[kNames] = namesIn(line);
+    break;
+  }
+  return row;
+}
+
 // Asks a service. Calls `take(rows, bytes)` as rows arrive, of which it takes no more while a call's promise is
 // pending; returns the answer's end. Rejects with an ApiError when the answer is an error or breaks off.
 export async function query({ service, text, timeout_ms = 15000 }, take, signal) {
@@ -51,8 +78,7 @@ export async function query({ service, text, timeout_ms = 15000 }, take, signal)
     for (const line of lines) {
       if (line === "") continue;
       const one = JSON.parse(line);
-      // A column may be called "constructor": a row has the names that came, and no others.
-      if (one.row) rows.push(Object.setPrototypeOf(one.row, null));
+      if (one.row) rows.push(rowOf(line, one.row));
       else if (one.error || one.end) end = one;
     }
     await take(rows, value.length);

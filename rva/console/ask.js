@@ -2,7 +2,7 @@
 
 import { ApiError, query } from "./api.js";
 import { byId, bytes, count, element, plural, setText, throttled } from "./dom.js";
-import { RowTable, separated } from "./table.js";
+import { RowTable, jsonOf, separated } from "./table.js";
 
 const kMostRows = 500_000; // held by the page
 const kMostHistory = 50;
@@ -54,7 +54,7 @@ export class AskView {
     byId("ask-csv").addEventListener("click", () =>
       download("rows.csv", "text/csv", separated(this.table.columns, this.table.visible)));
     byId("ask-json").addEventListener("click", () =>
-      download("rows.json", "application/json", JSON.stringify(this.table.visible, null, 1)));
+      download("rows.json", "application/json", jsonOf(this.table.visible)));
     this.showSoon = throttled(100, () => this.showStatus());
   }
 

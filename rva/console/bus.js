@@ -10,6 +10,7 @@ const kCauses = {
   dropped_ended: "the session ended before it was served",
   dropped_shutdown: "the daemon ended",
 };
+const kBurstMs = 3000; // for which messages may wait without anybody being slow
 const kChartHeight = 150;
 
 const kCharts = [
@@ -24,6 +25,11 @@ const kCharts = [
 
 const whoIs = (session) => session.program ? `${session.program} [${session.pid}]` : session.name || "(not yet named)";
 const lossesOf = (session) => Object.keys(kCauses).reduce((sum, cause) => sum + Number(session[cause] ?? 0), 0);
+
+const isBehind = (session) => session.behind_ms !== undefined;
+const stateOfSession = (session) => isBehind(session) ? `behind for ${span(session.behind_ms)}`
+  : session.waiting > 0 ? `messages wait for ${span(session.waiting_ms ?? 0)}`
+  : lossesOf(session) > 0 ? "has lost" : "keeps up";
 
 const stateOfHost = ({ self, up }) => self ? (up ? "this host" : "this host, no engine") : up ? "up" : "gone";
 const trafficOf = ({ messages = 0, bytes: size = 0 } = {}) => `${plural(messages, "message")}, ${bytes(size)}`;
@@ -95,11 +101,10 @@ export class BusView {
     });
     this.sessions = new SmallTable(byId("bus-sessions"), {
       label: "Sessions", key: (row) => row.number, empty: "No sessions are known.",
-      rowState: (row) => (row.behind_ms > 0 ? "bad" : lossesOf(row) > 0 ? "warn" : ""),
+      rowState: (row) => (isBehind(row) ? "bad" : row.waiting_ms > kBurstMs || lossesOf(row) > 0 ? "warn" : ""),
       columns: [
         { title: "Who", text: whoIs },
-        { title: "State", text: (row) => row.behind_ms > 0 ? `behind for ${span(row.behind_ms)}`
-          : lossesOf(row) > 0 ? "has lost" : "keeps up" },
+        { title: "State", text: stateOfSession },
         { title: "User", text: (row) => row.user ?? "" },
         { title: "Address", text: (row) => row.address ?? "" },
         { title: "Waiting", kind: "number", text: (row) => count(row.waiting) },
@@ -115,7 +120,7 @@ export class BusView {
       label: "Busiest subjects", key: (row) => `${row.subject} ${row.service} ${row.network}`,
       empty: "No subjects are known.",
       columns: [
-        { title: "Subject", text: (row) => String(row.subject) },
+        { title: "Subject", text: (row) => this.nameOf(row) },
         { title: "Messages/s", kind: "number", text: (row) => rate(row.rate) },
         { title: "Bytes/s", kind: "number", text: (row) => bytes(row.byte_rate) },
         { title: "Messages", kind: "number", text: (row) => count(row.messages) },
@@ -177,6 +182,7 @@ export class BusView {
       lost: "The bus is gone: there are no figures." };
     setText(byId("bus-summary"), causes[figures] ?? `Daemon ${status.version ?? ""}, process ${status.pid ?? ""}, up ` +
       `${span(status.age_ms ?? 0)} since ${clock(status.started_ms ?? 0)}; figures of ${span((age_seconds ?? 0) * 1000)} ago.`);
+    this.owners = new Map(sessions.map((session) => [`_INBOX.${session.name}.>`, whoIs(session)]));
     this.showFigures(status);
     this.showLosses(status, sessions);
     this.sessions.show(sessions);
@@ -184,6 +190,10 @@ export class BusView {
     this.hosts.show(hosts);
     setText(byId("sessions-title"), titled("Sessions", sessions.length, traffic.more_sessions));
     setText(byId("subjects-title"), titled("Busiest subjects", subjects.length, traffic.more_subjects));
+  }
+
+  nameOf({ subject }) {
+    return this.owners.has(subject) ? `answers to ${this.owners.get(subject)}: ${subject}` : String(subject);
   }
 
   showFigures({ rates, counters, memory, latency, connection_limit }) {

@@ -1,5 +1,6 @@
 // Two tables: one of few rows that change in place, and one of very many that stand still.
 
+import { namesOf } from "./api.js";
 import { count, element, setText } from "./dom.js";
 
 // A table of at most some hundred rows. A column is { title, text(row), kind?: "number", state?(row) }; rows are
@@ -119,7 +120,7 @@ export class RowTable {
     const known = this.columns.length;
     for (const row of rows) {
       this.all.push(row);
-      for (const name in row) {
+      for (const name of namesOf(row)) {
         if (!this.widths.has(name)) {
           this.columns.push(name);
           this.widths.set(name, name.length + 3);
@@ -273,4 +274,10 @@ export function separated(columns, rows, separator = ",") {
   const line = (values) => values.map(quoted).join(separator);
   const body = rows.map((row) => line(columns.map((name) => textOf(row[name]))));
   return (separator === "," ? [line(columns), ...body].join("\r\n") + "\r\n" : body.join("\n"));
+}
+
+// Rows as JSON, their fields in the order in which they came.
+export function jsonOf(rows) {
+  const json = (row) => namesOf(row).map((name) => `${JSON.stringify(name)}: ${JSON.stringify(row[name])}`).join(", ");
+  return `[\n${rows.map((row) => `{${json(row)}}`).join(",\n")}\n]\n`;
 }

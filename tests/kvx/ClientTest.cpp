@@ -273,6 +273,19 @@ TEST_F(ClientTest, EndsInItsOwnCallbackWithItsSubscriptions) {
     EXPECT_TRUE(eventually([] { return Client::open().has_value(); }));
 }
 
+TEST_F(ClientTest, SendsWhatIsNestedAsDeepAsIsReceived) {
+    std::promise<Message> heard;
+    const auto listens =
+        client.listen("A", [&](const Delivery& got) { heard.set_value(got.message); });
+    Message nested{{"a", 1}};
+    for (int levels = 0; levels < 32; ++levels) nested = Message{{"m", nested}};
+    const Message deeper{{"m", nested}};
+    EXPECT_EQ(client.publish("A", deeper).error().code, Errc::InvalidArgument);
+    EXPECT_EQ(client.request("A", deeper).error().code, Errc::InvalidArgument);
+    EXPECT_TRUE(client.publish("A", nested));
+    EXPECT_EQ(heard.get_future().get(), nested);
+}
+
 TEST_F(ClientTest, RefusesWhatCannotBeAsked) {
     const std::string_view zero("A\0B", 3);
     const auto ignore = [](const Delivery&) {};

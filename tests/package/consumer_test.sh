@@ -50,6 +50,7 @@ done
 for example in rvbridge-nats.conf rvbridge.default; do
     [ -s "$work/prefix/share/doc/KVXMOM/examples/$example" ]
 done
+for page in http.md openapi.json; do cmp "$here/../../docs/$page" "$work/prefix/share/doc/rva/$page"; done
 promtool test rules "$work/prefix/share/kvxmom/prometheus/kvxmom.tests.yml"
 [ -s "$work/prefix/share/kvxmom/grafana/kvxmom.json" ]
 

@@ -25,10 +25,8 @@ if [ "$(cat /proc/1/comm)" = systemd ]; then
     cat >/run/systemd/system/rvd.service.d/test.conf <<'END'
 [Service]
 WatchdogSec=5
-RuntimeDirectory=rvd
-RuntimeDirectoryPreserve=yes
 ExecStart=
-ExecStart=/usr/bin/rvd -listen tcp:7500 -recorder 64k -recorder-file %t/rvd/last.ring
+ExecStart=/usr/bin/rvd -listen tcp:7500 -recorder 64k
 END
     systemctl stop rva rvd
     systemctl daemon-reload
@@ -38,7 +36,7 @@ END
     systemctl kill --signal=STOP rvd
     is_started_again() { [ "$(systemctl show --property NRestarts --value rvd)" -ge 1 ] && kvx status; }
     until_true is_started_again
-    kvx dump /run/rvd/last.ring.1 | grep KEPT
+    kvx dump /run/rvd/*.ring.1 | grep KEPT
     systemctl start rva
 else
     echo "no systemd here, since there are no control groups: the daemon is started by hand"
@@ -53,3 +51,10 @@ company="American Micro-Fuel Device Corp."
 with kvxmom.Client() as bus:
     print(*(row["organization_name"] for row in bus.query("Model", sys.argv[1])))' "$one")" = "$company" ]
 kvx query Model 'select * from vendors' --quiet
+if [ "$(cat /proc/1/comm)" = systemd ]; then
+    echo "what is removed serves no more"
+    dpkg --remove rvd rva
+    for unit in rvd.socket rvd.service rva.service; do
+        [ "$(systemctl show --property ActiveState --value $unit)" = inactive ]
+    done
+fi

@@ -16,6 +16,8 @@ from kvxmom import aio
 from support import BIN, BusTest, Program
 
 ODD = """
+import itertools
+import time
 import kvxmom
 class Unspeakable(Exception):
     def __str__(self):
@@ -33,6 +35,8 @@ with kvxmom.Service("Odd") as service:
             raise kvxmom.Refused("not here", position=3)
         if question.text == "fault":
             {}["no such"]
+        if question.text == "slow":
+            return ({"i": i} for i in itertools.count() if not time.sleep(0.1))
         if question.text == "value":
             return [{"a": 2**70}]
         return rows(question)
@@ -65,6 +69,7 @@ class Questions(BusTest):
             self.assertEqual(rows[7], {"i": 7, "bytes": b"\0\xff", "text": "\udcff"})
             self.assertEqual(client.query("Odd", "3").columns()["i"], [0, 1, 2])
             self.assertEqual(client.query("Odd", "0").all(), [])
+            self.assertEqual(next(client.query("Odd", "slow", timeout=5)), {"i": 0})
             with self.assertRaises(kvxmom.Refused) as refused:
                 client.query("Odd", "refuse").all()
             self.assertEqual(refused.exception.code, kvxmom.Code.REFUSED)
@@ -154,7 +159,7 @@ class Messages(BusTest):
                 with self.assertRaisesRegex(TypeError, names):
                     wrong()
             deep = kvxmom.Message(x=1)
-            for _ in range(31):
+            for _ in range(32):
                 deep = kvxmom.Message(x=deep)
             client.send("T.A", deep)
             self.assertIn("{'x': 1}", repr(heard.take(10).message))

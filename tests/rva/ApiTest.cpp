@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "kvx/Record.h"
+#include "rva/RowWriter.h"
 #include "tests/rva/AgentFixture.h"
 #include "tests/rva/Schema.h"
 #include "tests/support/LinkEnd.h"
@@ -17,6 +19,9 @@ using bus::Json;
 struct ApiTest : AgentFixture {
     static httplib::Result post(int port, const std::string& path, const Json& body) {
         return httplib::Client("127.0.0.1", port).Post(path, body.dump(), "application/json");
+    }
+    static httplib::Result sendText(int port, const std::string& body) {
+        return httplib::Client("127.0.0.1", port).Post("/api/send", body, "application/json");
     }
     static int statusOfEmpty(int port, const std::string& path) {
         const auto result = post(port, path, Json::object());
@@ -148,9 +153,29 @@ TEST_F(ApiTest, SendsWhatItHearsWithoutLoss) {
          R"({"subject":"A","fields":[{"name":"a","type":"encrypted","value":"AAAACZlV7rs="}]})",
          R"({"subject":"A","fields":[{"name":"a","type":"datetime","value":"2026-02-30T00:00:00Z"}]})",
          R"({"subject":"A","fields":[{"name":"a","type":"type 22","value":null}]})",
+         R"({"subject":"A","fields":{"a":18446744073709551616}})",
+         R"({"subject":"A","fields":{"m":{"type":"f64","value":-9223372036854775809}}})",
+         R"({"subject":"A","fields":[{"name":"a","type":"u64","value":18446744073709551616}]})",
          R"({"subject":"A"})"}) {
-        EXPECT_EQ(codeIn(post(port, "/api/send", Json::parse(wrong))), "InvalidArgument") << wrong;
+        EXPECT_EQ(codeIn(sendText(port, wrong)), "InvalidArgument") << wrong;
     }
+    for (const char* real :
+         {"1.8446744073709552e19", "[{\"type\":\"f64\",\"value\":18446744073709551616}]"}) {
+        EXPECT_EQ(
+            sendText(port, fmt::format(R"({{"subject":"A","fields":{{"a":{}}}}})", real))->status,
+            200);
+    }
+    for (const char* subject : {"A.*", ">", "_RV.NEWS", "_RVD.STATUS", "_RVD"}) {
+        for (const char* key : {"subject", "reply"}) {
+            Json wrong = {{"subject", "A"}, {"value", "x"}, {"timeout_ms", 1}};
+            wrong[key] = subject;
+            EXPECT_EQ(codeIn(post(port, "/api/send", wrong)), "InvalidArgument") << wrong;
+            const bool isQuestion =
+                std::string_view(key) == "subject" && std::string_view(subject).starts_with("_RVD");
+            EXPECT_EQ(post(port, "/api/request", wrong)->status == 400, !isQuestion) << wrong;
+        }
+    }
+    EXPECT_EQ(post(port, "/api/send", {{"subject", "_INBOX.A.1"}, {"value", "x"}})->status, 200);
     EXPECT_EQ(codeIn(post(port, "/api/send", "text")), "BadRequest");
     // Neither walked down to their end nor searched key by key.
     const std::string deep = std::string(500'000, '[') + std::string(500'000, ']');
@@ -159,9 +184,7 @@ TEST_F(ApiTest, SendsWhatItHearsWithoutLoss) {
     for (const std::string& value : {deep, wide + "}", std::string(R"({"a":1,"a":2})")}) {
         const std::string body =
             R"({"subject":"A","fields":[{"name":"a","type":"i8","value":)" + value + "}]}";
-        EXPECT_EQ(
-            codeIn(httplib::Client("127.0.0.1", port).Post("/api/send", body, "application/json")),
-            "BadRequest");
+        EXPECT_EQ(codeIn(sendText(port, body)), "BadRequest");
     }
 }
 
@@ -222,6 +245,18 @@ TEST_F(ApiTest, StreamsAnswersOfServicesInEveryForm) {
     EXPECT_EQ(codeIn(post(port, "/api/request",
                           {{"subject", "NOBODY"}, {"value", "x"}, {"timeout_ms", 50}})),
               "TimedOut");
+}
+
+TEST(RowWriterTest, KeepsApartNamesThatAreAlike) {
+    kvx::Record row;
+    for (const char* name : {"MTU", "mtu", "\xff", "base64:/w=="}) {
+        ASSERT_TRUE(row.set(name, static_cast<int>(row.size())));
+    }
+    rva::Query query;
+    EXPECT_EQ(rva::makeRowWriter(query)->row(row),
+              "{\"row\":{\"MTU\":0,\"mtu\":1,\"base64:/w==\":2,\"base64:YmFzZTY0Oi93PT0=\":3}}\n");
+    query.format = rva::RowFormat::Csv;
+    EXPECT_EQ(rva::makeRowWriter(query)->row(row), "MTU,mtu,\xff,base64:/w==\r\n0,1,2,3\r\n");
 }
 
 TEST_F(ApiTest, ManyPagesCostOneSubscriptionAndResumeWhereTheyLeft) {

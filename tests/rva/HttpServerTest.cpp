@@ -2,6 +2,7 @@
 
 #include "rva/HttpServer.h"
 
+#include <fmt/format.h>
 #include <httplib.h>
 
 #include "rva/HttpPages.h"
@@ -63,6 +64,11 @@ TEST_F(HttpServerTest, AnswersItsRoutesAndNothingElse) {
         EXPECT_EQ(http.Get("/a.b", {{"Range", range}})->body, "hello") << range;
     }
     EXPECT_EQ(pages.requests(), 12U);
+    for (const char* absolute : {"http://localhost:7/a.b?x=1", "HTTPS://[::1]/a.b"}) {
+        const std::string answer =
+            exchange(fmt::format("GET {} HTTP/1.1\r\nHost: other.example\r\n\r\n", absolute));
+        EXPECT_TRUE(answer.ends_with("\r\n\r\nhello")) << answer;
+    }
     const std::string large(1'000'000, 'x');
     EXPECT_EQ(http.Post("/echo", large, "application/json; charset=utf-8")->body, large);
     EXPECT_EQ(http.Post("/echo", {{"Expect", "100-continue"}}, large, "application/json")->body,
@@ -80,18 +86,21 @@ TEST_F(HttpServerTest, RefusesWhatIsNoRequest) {
         std::string bytes;
         const char* status;
     };
-    for (const auto& [bytes, status] :
-         std::vector<Case>{{std::string(1000000, 'x'), "431"},
-                           {"GET /" + std::string(20000, 'y') + " HTTP/1.1\r\n\r\n", "431"},
-                           {head + "X: " + std::string(100000, 'z') + "\r\n\r\n", "431"},
-                           {post + "Content-Length: 99999999999999999999\r\n\r\n", "400"},
-                           {post + "Content-Length: 1048577\r\n\r\n", "413"},
-                           {post + "Content-Length: 2\r\nContent-Length: 3\r\n\r\n{}", "400"},
-                           {post + "Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n", "400"},
-                           {post + "Content-Length: 3\r\n\r\n{}", "400"},
-                           {"\r\n\r\n", "400"},
-                           {std::string(64, '\0'), "400"},
-                           {"GET\r\n\r\n", "400"}}) {
+    for (const auto& [bytes, status] : std::vector<Case>{
+             {std::string(1000000, 'x'), "431"},
+             {"GET /" + std::string(20000, 'y') + " HTTP/1.1\r\n\r\n", "431"},
+             {head + "X: " + std::string(100000, 'z') + "\r\n\r\n", "431"},
+             {post + "Content-Length: 99999999999999999999\r\n\r\n", "400"},
+             {post + "Content-Length: 1048577\r\n\r\n", "413"},
+             {post + "Content-Length: 2\r\nContent-Length: 3\r\n\r\n{}", "400"},
+             {post + "Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n", "400"},
+             {post + "Content-Length: 3\r\n\r\n{}", "400"},
+             {"GET http:///a.b HTTP/1.1\r\nHost: localhost\r\n\r\n", "400"},
+             {"GET http://x@localhost/a.b HTTP/1.1\r\n\r\n", "400"},
+             {"GET http://evil.example/a.b HTTP/1.1\r\nHost: localhost\r\n\r\n", "403"},
+             {"\r\n\r\n", "400"},
+             {std::string(64, '\0'), "400"},
+             {"GET\r\n\r\n", "400"}}) {
         const std::string answer = exchange(bytes);
         // Of bytes that nobody reads the answer may be lost with the connection.
         EXPECT_TRUE(answer.empty() || answer.starts_with("HTTP/1.1 " + std::string(status) + " "))

@@ -75,6 +75,22 @@ TEST(Metrics, NameTheForemostSessionsAndSumTheOthers) {
               std::string::npos);
 }
 
+TEST(Metrics, HaveTheInboxesOfASessionAsOneSubject) {
+    Json answer = Json::object();
+    for (const char* subject :
+         {"NEWS", "_INBOX.a.b.1", "_INBOX.c.d.1", "_INBOX.a.b.2", "_INBOX.x"}) {
+        answer["subject"].push_back({{"subject", subject}, {"messages", 2U}, {"rate", 0.75}});
+    }
+    DaemonFigures daemon;
+    daemon.take(Topic::Subjects, answer, 0);
+    std::string shown;
+    for (const Json& row : daemon.subjects().kept) {
+        shown += fmt::format("{} {} {}, ", row["subject"].get<std::string>(),
+                             row["messages"].get<int>(), row["rate"].get<double>());
+    }
+    EXPECT_EQ(shown, "_INBOX.a.b.> 4 1.5, NEWS 2 0.75, _INBOX.c.d.> 2 0.75, _INBOX.x 2 0.75, ");
+}
+
 // A scrape with a line that cannot be read, or two of one name, is refused as a whole.
 TEST(Metrics, ShowAnyTextsInLabels) {
     Json answer = Json::object();

@@ -5,6 +5,7 @@
 #include "rv/recording/RecordFormat.h"
 #include "rv/recording/RecordingReader.h"
 #include "tests/support/Daemon.h"
+#include "tests/support/EnvironmentVariable.h"
 #include "tests/support/RawClient.h"
 
 namespace kvx::test {
@@ -28,6 +29,12 @@ class Recording : public testing::Test {
         }
         EXPECT_EQ(reader.damaged(), 0U);
         return texts;
+    }
+    // Whether a recording is there whose name nobody has given.
+    static bool hasOwnName(const std::string& directory) {
+        return std::ranges::any_of(
+            std::filesystem::directory_iterator(directory),
+            [](const auto& entry) { return entry.path().extension() == ".ring"; });
     }
     // The daemon ends at once; what it says.
     static std::string refusal(std::vector<std::string> options) {
@@ -86,6 +93,11 @@ TEST_F(Recording, KeepsTheFileOfTheFormerRunAndTakesNoOtherOne) {
         later.publish("WORK", "third");
         later.settle();
         EXPECT_EQ(textsIn(path_, "WORK"), (std::vector<std::string>{"second", "third"}));
+    }
+    {
+        const EnvironmentVariable supervised("RUNTIME_DIRECTORY", directory_.path() + ":/nowhere");
+        const Daemon daemon({"-recorder", "64k"});
+        EXPECT_TRUE(eventually([&] { return hasOwnName(directory_.path()); }));
     }
     std::ofstream(path_ + ".1") << "notes";
     EXPECT_NE(refusal(options("64k")).find("cannot record in " + path_ + ".1"), std::string::npos);

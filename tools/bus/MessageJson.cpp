@@ -124,6 +124,11 @@ std::optional<Bytes> readInteger(const Json& json) {
     return number ? std::optional(imageBytes(*number)) : std::nullopt;
 }
 
+std::string digitsOf(const Json& wide) {
+    const auto& bytes = wide.get_binary();
+    return {bytes.begin(), bytes.end()};
+}
+
 template <class Real, class Bits>
 Json realJson(const RvDatum& datum) {
     const auto number = loadedFrom<Real>(datum);
@@ -138,8 +143,8 @@ template <class Real, class Bits>
 std::optional<Bytes> readReal(const Json& json) {
     using Limits = std::numeric_limits<Real>;
     constexpr std::string_view kBits = "NaN:";
-    if (json.is_number()) {
-        const auto number = json.get<double>();
+    if (json.is_number() || json.is_binary()) {
+        const double number = json.is_binary() ? std::stod(digitsOf(json)) : json.get<double>();
         if (std::abs(number) > static_cast<double>(Limits::max())) return std::nullopt;
         return imageBytes(static_cast<Real>(number));
     }
@@ -386,6 +391,15 @@ std::string inferredType(const Json& value) {
     return value.is_number() ? "u64" : "";
 }
 
+const char* whyNoType(const Json& value) {
+    return value.is_binary() ? "an integer beyond 64 bits has no type to infer; f64 takes it"
+                             : "null has no type to infer";
+}
+
+std::string shown(const Json& value) {
+    return excerpt(value.is_binary() ? digitsOf(value) : lineOf(value));
+}
+
 // A type without a name, "type 77", has no value.
 std::optional<rvmsg_Type> unnamedType(std::string_view name) {
     constexpr std::string_view kPrefix = "type ";
@@ -401,6 +415,7 @@ std::optional<rvmsg_Type> unnamedType(std::string_view name) {
 }
 
 std::string readValue(const std::string& typeName, const Json& value, Read& read, unsigned depth) {
+    if (typeName.empty()) return whyNoType(value);
     if (typeName == "message") {
         read.type = RVMSG_MSG;
         read.message = std::make_shared<RvMsg>(64UL);
@@ -410,7 +425,7 @@ std::string readValue(const std::string& typeName, const Json& value, Read& read
     if (known != valueTypes().end()) {
         auto bytes = known->second.read(value);
         read.type = known->second.type;
-        if (!bytes) return fmt::format("the value {} is no {}", excerpt(lineOf(value)), typeName);
+        if (!bytes) return fmt::format("the value {} is no {}", shown(value), typeName);
         read.bytes = std::move(*bytes);
         return {};
     }
@@ -424,7 +439,6 @@ std::string append(RvMsg& message, const std::string& name, const std::string& t
                    const Json& value, unsigned depth) {
     Read read;
     const std::string type = typeName.empty() ? inferredType(value) : typeName;
-    if (type.empty()) return fmt::format("field '{}': null has no type", excerpt(name));
     if (name.find('\0') != std::string::npos) return "a zero byte in the name of a field";
     if (auto problem = readValue(type, value, read, depth); !problem.empty()) {
         return fmt::format("field '{}': {}", excerpt(name), problem);
@@ -485,6 +499,11 @@ std::string readDatum(const Json& json, Outgoing& message) {
 }
 
 }  // namespace
+
+// No text of JSON has bytes.
+Json wideInteger(std::string_view digits) {
+    return Json::binary({digits.begin(), digits.end()});
+}
 
 Json valueJson(const RvDatum& datum) {
     if (datum.data() == nullptr) return datum.type() == RVMSG_OPAQUE ? Json("") : Json(nullptr);

@@ -28,6 +28,10 @@ struct Outgoing {
 /// Integers up to this, and down to its negative, are exact wherever JSON's numbers are doubles.
 inline constexpr std::int64_t kMostExact = (std::int64_t{1} << 53) - 1;
 
+/// An integer beyond 64 bits, which `digits` are. It is told apart from all other values: a field
+/// that says that it is a real takes it, and to none other it is inferred.
+[[nodiscard]] Json wideInteger(std::string_view digits);
+
 /// A value alone, as `messageJson` has it.
 [[nodiscard]] Json valueJson(const RvDatum& datum);
 

@@ -124,11 +124,25 @@ std::string lossText(const Json& session) {
     return text.empty() ? "-" : text;
 }
 
+namespace {
+
+std::string stateText(const Json& session) {
+    if (session.contains("behind_ms")) {
+        return "behind for " + spanText(numberIn(session, "behind_ms"));
+    }
+    if (textIn(session, "service").empty()) return "not announced";
+    if (numberIn(session, "waiting") != 0) {
+        return "messages wait for " + spanText(numberIn(session, "waiting_ms"));
+    }
+    return session.contains("follows") ? "follows" : "";
+}
+
+}  // namespace
+
 Table sessionsTable(const Json& sessions) {
     Table table({">NUMBER", "SESSION", "ADDRESS", "SPACE", ">AGE", ">LISTENS", ">IN/S", ">OUT/S",
                  ">WAITING", ">IN QUEUE", "DROPPED", "STATE"});
     for (const auto& session : sessions) {
-        const bool isBehind = session.contains("behind_ms");
         table.add({std::to_string(numberIn(session, "number")), whoIs(session),
                    textIn(session, "address"), spaceText(session),
                    spanText(numberIn(session, "age_ms")), countText(numberIn(session, "listens")),
@@ -136,10 +150,7 @@ Table sessionsTable(const Json& sessions) {
                    countText(numberIn(session, "delivered_rate")),
                    countText(numberIn(session, "waiting")),
                    bytesText(realIn(session, "waiting_bytes")), lossText(session),
-                   isBehind ? "behind for " + spanText(numberIn(session, "behind_ms"))
-                   : textIn(session, "service").empty() ? "not announced"
-                   : session.contains("follows")        ? "follows"
-                                                        : ""});
+                   stateText(session)});
     }
     return table;
 }

@@ -59,6 +59,8 @@ constexpr LogLine kBridgeLines[] = {
     {"no engine",
      "No NATS server takes this bridge; it tries again every second. The reason follows.",
      "Look at -engine, the certificates and the server's log."},
+    {"left out a block of the configuration file", "It has an error in that line.",
+     "Correct it; 'kvx doctor' shows what counts of the file."},
     {"the engine forbids", "The bridge's user may not publish or subscribe below \"kvx.\".",
      "Correct the permissions in the NATS server's configuration."},
     {"is gone", "Another host's bridge was silent for 10 seconds, said goodbye or began anew.",

@@ -17,8 +17,16 @@ namespace kvx::tool {
 
 namespace {
 
+// Longer than it takes to hand over a burst.
+constexpr std::uint64_t kBurstMs = 3000;
+
 bool isBehind(const Json& session) {
     return session.contains("behind_ms");
+}
+
+// Loses messages already, or goes on towards it.
+bool isSlow(const Json& session) {
+    return isBehind(session) || numberIn(session, "waiting_ms") >= kBurstMs;
 }
 
 std::string headline(const Json& session) {
@@ -28,17 +36,21 @@ std::string headline(const Json& session) {
         return fmt::format("{} does not keep up since {}", who,
                            spanText(numberIn(session, "behind_ms")));
     }
+    if (isSlow(session)) {
+        return fmt::format("{} has messages waiting since {}, and loses none now", who,
+                           spanText(numberIn(session, "waiting_ms")));
+    }
     if (numberIn(session, "waiting") != 0) return who + " has messages waiting, and loses none";
     return who + " keeps up now, but has lost messages";
 }
 
 // What its user can do about it.
 std::string adviceFor(const Json& session) {
-    if (isBehind(session) && numberIn(session, "delivered_rate") == 0) {
+    if (isSlow(session) && numberIn(session, "delivered_rate") == 0) {
         return "it reads nothing: is its process stopped, or blocked in a callback? "
-               "Messages wait until it reads again, and the oldest are dropped";
+               "Messages wait until it reads again; when its queue is full the oldest are dropped";
     }
-    if (isBehind(session)) {
+    if (isSlow(session)) {
         return "it reads too slowly: do less in its callbacks, listen to less, or share the work "
                "among several processes; a larger -queue-limit only buys time";
     }

@@ -1,5 +1,6 @@
 // Groups over a real daemon, with intervals short enough to watch.
 
+#include "rv/ft/GroupMessage.h"
 #include "rv/ft/rvft.h"
 #include "rv/message/rvmsg.h"
 #include "rv/session/rvSessionHooks.h"
@@ -143,6 +144,33 @@ TEST_F(GroupOnTheBus, EndsWithTheBetterOneWhenTheMembersMeetAgain) {
     runUntil([&] { return primary.actions.size() == 3; });
     EXPECT_EQ(primary.actions, (Actions{RVFT_ACTIVATE, RVFT_DEACTIVATE, RVFT_ACTIVATE}));
     runUntil(isSettled);
+}
+
+// A forked process stands for the other host: its session has the same name, and it has counted as
+// many members.
+TEST_F(GroupOnTheBus, TellsMembersApartWhoseSessionsHaveOneName) {
+    const char* subject = "_RVFT.service_NET1_1";
+    std::set<std::string> ids;
+    const auto onBeat = [](rv_Session, const char*, const char*, rvmsg_Type, rvmsg_Size,
+                           rvmsg_Data data, void* heard) {
+        rvmsg_Data id = nullptr;
+        rvmsg_GetRaw(data, "id", nullptr, nullptr, &id);
+        static_cast<std::set<std::string>*>(heard)->insert(static_cast<const char*>(id));
+    };
+    Session ear(daemon.text());
+    Session shared(daemon.text());
+    rv_Listener listener = nullptr;
+    ASSERT_EQ(0, rv_Listen(ear.handle, &listener, subject, onBeat, &ids));
+    const auto marker = ft::encodeBeat({{1, 1, "marker"}}, kGroup);
+    rv_Send(ear.handle, subject, nullptr, RVMSG_MSG, 0, marker.data());
+    runUntil([&] { return ids.size() == 1; });
+    const pid_t other = ::fork();
+    if (other == 0) ::_exit(join(shared.handle, kGroup));
+    int status = -1;
+    ASSERT_EQ(other, ::waitpid(other, &status, 0));
+    ASSERT_EQ(status, 0);
+    ASSERT_EQ(0, join(shared.handle, kGroup));
+    runUntil([&] { return ids.size() == 3; });
 }
 
 TEST_F(GroupOnTheBus, WithoutMemoryLeavesNoMemberBehind) {
