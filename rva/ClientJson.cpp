@@ -19,9 +19,9 @@ namespace {
 constexpr std::size_t kMostDepth = 2 * std::size_t{kMaxNesting} + 8;
 constexpr std::size_t kMostKeys = 1000;  // of one object, whose keys are found one by one
 
-class Reader : public Json::json_sax_t {
+class Builder : public Json::json_sax_t {
   public:
-    explicit Reader(std::string& problem) : problem_(problem) {}
+    explicit Builder(std::string& problem) : problem_(problem) {}
 
     bool null() override { return add(nullptr) != nullptr; }
     bool boolean(bool value) override { return add(value) != nullptr; }
@@ -89,9 +89,9 @@ class Reader : public Json::json_sax_t {
 }  // namespace
 
 Json readClientJson(std::string_view text, std::string& problem) {
-    Reader reader(problem);
-    if (!Json::sax_parse(text, &reader)) return nullptr;
-    Json json = reader.take();
+    Builder builder(problem);
+    if (!Json::sax_parse(text, &builder)) return nullptr;
+    Json json = builder.take();
     if (json.is_object()) return json;
     problem = "the body is no JSON object";
     return nullptr;

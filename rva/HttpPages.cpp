@@ -80,8 +80,9 @@ std::optional<HttpReply> HttpPages::check(const HttpRequest& head) const {
     const auto methods = routes_.find(head.path);
     if (methods == routes_.end()) return errorReply(404, "NotFound", "nothing here");
     if (route == nullptr) {
-        auto reply = errorReply(405, "NotAllowed", "not with this method");
-        reply.headers.emplace_back("Allow", methodsIn(methods->second));
+        const std::string allowed = methodsIn(methods->second);
+        auto reply = errorReply(405, "NotAllowed", "only with " + allowed);
+        reply.headers.emplace_back("Allow", allowed);
         return reply;
     }
     if (head.method == "POST" && !isJson(head.header("content-type"))) {

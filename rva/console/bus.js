@@ -193,7 +193,7 @@ export class BusView {
   }
 
   nameOf({ subject }) {
-    return this.owners.has(subject) ? `answers to ${this.owners.get(subject)}: ${subject}` : String(subject);
+    return this.owners.has(subject) ? `answers to ${this.owners.get(subject)}` : String(subject);
   }
 
   showFigures({ rates, counters, memory, latency, connection_limit }) {

@@ -37,6 +37,8 @@ export function tree(fields) {
   }));
 }
 
+const subjectsTyped = () => byId("watch-subject").value.split(/\s+/).filter(Boolean);
+
 export class WatchView {
   constructor() {
     this.kept = [];
@@ -44,8 +46,11 @@ export class WatchView {
     this.reset();
     byId("watch-form").addEventListener("submit", (event) => {
       event.preventDefault();
-      this.stream ? this.stop() : this.start();
+      const isOther = this.hasOtherSubjects();
+      if (this.stream) this.stop();
+      if (isOther) this.start();
     });
+    byId("watch-subject").addEventListener("input", () => this.showRun());
     byId("watch-pause").addEventListener("click", () => this.pause(!this.paused));
     byId("watch-clear").addEventListener("click", () => {
       this.reset();
@@ -65,8 +70,17 @@ export class WatchView {
     if (this.paused) this.frozen = [];
   }
 
+  // Than those that it watches.
+  hasOtherSubjects() {
+    return !this.stream || subjectsTyped().join(" ") !== this.subjects.join(" ");
+  }
+
+  showRun() {
+    setText(byId("watch-run"), this.hasOtherSubjects() ? "Watch" : "Stop");
+  }
+
   start() {
-    const subjects = byId("watch-subject").value.split(/\s+/).filter(Boolean);
+    const subjects = subjectsTyped();
     if (subjects.length === 0) return;
     this.reset();
     this.times = [];
@@ -93,7 +107,7 @@ export class WatchView {
         : "The bus is gone."),
       end: ({ error }) => this.note(`The agent has ended the stream: ${error.text}`),
     });
-    setText(byId("watch-run"), "Stop");
+    this.showRun();
     byId("watch-pause").disabled = byId("watch-clear").disabled = false;
     this.show();
   }
@@ -118,7 +132,7 @@ export class WatchView {
     this.state = "stopped";
     this.pause(false);
     byId("watch-pause").disabled = true;
-    setText(byId("watch-run"), "Watch");
+    this.showRun();
     this.show();
   }
 
@@ -177,9 +191,10 @@ export class WatchView {
   showStatus(matching, shown) {
     const words = { undefined: "Not watching.", connecting: "Connecting.", stopped: "Stopped.",
       lost: "Connection lost, trying again.", listening: `Watching ${this.subjects?.join(" ")}.` };
+    const held = this.kept.filter(({ message }) => message).length;
     let text = words[this.state];
     if (this.state !== undefined) {
-      text += ` ${rate(this.times.length / (kRateSpanMs / 1000))}/s; ${plural(this.kept.length, "message")} held`;
+      text += ` ${rate(this.times.length / (kRateSpanMs / 1000))}/s; ${plural(held, "message")} held`;
       if (matching > shown) text += `, the newest ${shown} shown`;
       else if (byId("watch-filter").value) text += `, ${count(shown)} shown`;
       if (this.letGo > 0) text += `; ${count(this.letGo)} older let go`;

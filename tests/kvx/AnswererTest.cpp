@@ -91,6 +91,14 @@ class ConversationTest : public ::testing::Test {
         return row && *row ? (*row)->get<int>("n").value_or(-2) : -1;
     }
 
+    // The member answers with its first packet, which is read and taken.
+    void begin(RowStream& stream, Member& member) {
+        member.hear();
+        member.send(sent[0]);
+        EXPECT_EQ(number(stream), 0);
+        EXPECT_EQ(member.take(), 65U);
+    }
+
     Daemon daemon;
     Home home{daemon.text()};
     std::vector<std::string> warnings;  // read when the client has ended
@@ -166,10 +174,7 @@ TEST_F(ConversationTest, EndsAnAnswerThatIsNoneAnyMore) {
     EXPECT_EQ(first.take(), 65U);
     EXPECT_EQ(first.take(), 0U);
     auto doubled = client.stream(links, "*");
-    other.hear();
-    other.send(sent[0]);
-    EXPECT_EQ(number(doubled), 0);
-    EXPECT_EQ(other.take(), 65U);
+    begin(doubled, other);
     other.send(sent[2]);
     other.send(sent[2]);
     EXPECT_EQ(number(doubled), 2) << "what came after the hole";
@@ -179,20 +184,14 @@ TEST_F(ConversationTest, EndsAnAnswerThatIsNoneAnyMore) {
 
 TEST_F(ConversationTest, IsEndedByAStreamOrAClientThatGoes) {
     auto cancelled = client.stream(links, "*");
-    first.hear();
+    begin(cancelled, first);
     other.hear();
-    first.send(sent[0]);
-    EXPECT_EQ(number(cancelled), 0);
-    EXPECT_EQ(first.take(), 65U);
     std::thread reader([&] { EXPECT_EQ(cancelled.next().error().code, Errc::Ended); });
     cancelled.cancel();
     reader.join();
     EXPECT_EQ(first.take(), 0U);
     auto outlives = client.stream(links, "*");
-    other.hear();
-    other.send(sent[0]);
-    EXPECT_EQ(number(outlives), 0);
-    EXPECT_EQ(other.take(), 65U);
+    begin(outlives, other);
     client.end();
     EXPECT_EQ(other.take(), 0U);
     EXPECT_EQ(outlives.next().error().text, "the client has ended");
@@ -204,10 +203,7 @@ TEST_F(ConversationTest, DoesNotTimeOutWhileItsReaderDoesSomethingElse) {
     client.end();
     auto here = Client::onThisThread({.timeout = 100ms});
     auto stream = here->stream(links, "*");
-    first.hear();
-    first.send(packets(2)[0]);
-    EXPECT_EQ(number(stream), 0);
-    EXPECT_EQ(first.take(), 65U);
+    begin(stream, first);
     first.send(packets(2)[1]);
     const auto asked = std::chrono::steady_clock::now();
     ASSERT_TRUE(eventually([&] { return std::chrono::steady_clock::now() > asked + 200ms; }));

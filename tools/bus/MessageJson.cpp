@@ -478,7 +478,7 @@ std::string readDatum(const Json& json, Outgoing& message) {
     const bool isMessage = json.contains("fields");
     const Json type = json.value("type", Json(isMessage ? "message" : ""));
     if (isMessage ? type != "message" : !json.contains("value")) {
-        return R"(a message has "fields", anything else a "type" and a "value")";
+        return R"(a message has "fields", anything else a "value")";
     }
     if (!type.is_string()) return "the type is no text";
     const Json& value = json[isMessage ? "fields" : "value"];

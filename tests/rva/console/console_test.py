@@ -217,6 +217,8 @@ class Watch(ConsoleTest):
         send(77)
         self.find("watch-pause").click()
         self.await_text("watch-messages", "77")
+        self.find("watch-subject").send_keys(" WEATHER", Keys.ENTER)
+        self.await_text("watch-status", "Watching NEWS.> WEATHER")
 
 
 class Bus(ConsoleTest):
