@@ -87,11 +87,12 @@ bool Reply::State::add(const Record& record) {
         return false;
     }
     if (++rows_ == 1) opened_ = std::chrono::steady_clock::now();
+    const bool isFull = rows_ >= rowsOfBlock();
     const bool late = isLate();
-    if (rows_ < rowsOfBlock() && !late) return true;
+    if (!isFull && !late) return true;
     closeBlock();
     while (blocks_.size() > (late ? 0 : kMostBlocks)) takeBlock();
-    return giveWay();
+    return giveWay(isFull);
 }
 
 bool Reply::State::isLate() const {
@@ -105,7 +106,7 @@ bool Reply::State::add(const Changes::Notice& notice) {
         std::make_unique<CVekAtom>(static_cast<const unsigned char*>(notice.packet->data()),
                                    static_cast<int>(notice.packet->size())));
     hold(std::move(packets), notice.stamp);
-    return giveWay();
+    return giveWay(true);
 }
 
 void Reply::State::asOf(const Stamp& stamp, RowSource source) {
@@ -169,8 +170,9 @@ void Reply::State::send(std::size_t packets, std::int64_t count) {
     answer_->add(std::move(messages), count != 0);
 }
 
-// False when nobody wants more of it.
-bool Reply::State::giveWay() {
+// False when nobody wants more of it. `isLong`: it is not begun any more when it comes too late; a
+// short one is given whenever it is made, as who asked may wait for it.
+bool Reply::State::giveWay(bool isLong) {
     if (worker_ != nullptr && answer_->isFull()) {
         worker_->turn.end();
         answer_->waitForRoom();
@@ -178,7 +180,9 @@ bool Reply::State::giveWay() {
     } else if (worker_ != nullptr) {
         worker_->turn.pass();
     }
-    if (worker_ != nullptr && sent_ == 0 && isWanted() && worker_->isTooLate()) answer_->drop();
+    if (isLong && worker_ != nullptr && sent_ == 0 && isWanted() && worker_->isTooLate()) {
+        answer_->drop();
+    }
     return isWanted() && status_ == STORE_COMPLETE;
 }
 
