@@ -87,12 +87,11 @@ bool Reply::State::add(const Record& record) {
         return false;
     }
     if (++rows_ == 1) opened_ = std::chrono::steady_clock::now();
-    const bool isFull = rows_ >= rowsOfBlock();
     const bool late = isLate();
-    if (!isFull && !late) return true;
+    if (rows_ < rowsOfBlock() && !late) return true;
     closeBlock();
     while (blocks_.size() > (late ? 0 : kMostBlocks)) takeBlock();
-    return giveWay(isFull);
+    return giveWay();
 }
 
 bool Reply::State::isLate() const {
@@ -106,7 +105,7 @@ bool Reply::State::add(const Changes::Notice& notice) {
         std::make_unique<CVekAtom>(static_cast<const unsigned char*>(notice.packet->data()),
                                    static_cast<int>(notice.packet->size())));
     hold(std::move(packets), notice.stamp);
-    return giveWay(true);
+    return giveWay();
 }
 
 void Reply::State::asOf(const Stamp& stamp, RowSource source) {
@@ -170,9 +169,8 @@ void Reply::State::send(std::size_t packets, std::int64_t count) {
     answer_->add(std::move(messages), count != 0);
 }
 
-// False when nobody wants more of it. `isLong`: it is not begun any more when it comes too late; a
-// short one is given whenever it is made, as who asked may wait for it.
-bool Reply::State::giveWay(bool isLong) {
+// False when nobody wants more of it.
+bool Reply::State::giveWay() {
     if (worker_ != nullptr && answer_->isFull()) {
         worker_->turn.end();
         answer_->waitForRoom();
@@ -180,9 +178,7 @@ bool Reply::State::giveWay(bool isLong) {
     } else if (worker_ != nullptr) {
         worker_->turn.pass();
     }
-    if (isLong && worker_ != nullptr && sent_ == 0 && isWanted() && worker_->isTooLate()) {
-        answer_->drop();
-    }
+    if (worker_ != nullptr && sent_ == 0 && isWanted() && worker_->isTooLate()) answer_->drop();
     return isWanted() && status_ == STORE_COMPLETE;
 }
 

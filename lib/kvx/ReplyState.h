@@ -90,7 +90,7 @@ class Reply::State {
     void takeBlock();
     void hold(std::vector<detail::PackedRows> packets, const std::optional<Stamp>& stamp);
     void send(std::size_t packets, std::int64_t count);
-    bool giveWay(bool isLong);
+    bool giveWay();
     static std::unique_ptr<CVekTransport> newBlock() {
         return std::make_unique<CVekTransport>(nullptr);
     }

@@ -10,12 +10,10 @@
 #include "kvx/kvx.h"
 
 int main(int argc, char** argv) {
-    // Arguments: threads, seconds of patience, and the oldest question in milliseconds.
+    // Arguments: threads, and seconds of patience.
     const int threads = argc > 1 ? std::atoi(argv[1]) : 2;
     const std::chrono::seconds patience(argc > 2 ? std::atoi(argv[2]) : 60);
-    const std::chrono::milliseconds oldest(argc > 3 ? std::atoi(argv[3]) : 8'000);
-    auto service = kvx::Service::open(
-        "Odd", {.threads = threads, .oldestQuestion = oldest, .patience = patience});
+    auto service = kvx::Service::open("Odd", {.threads = threads, .patience = patience});
     if (!service) return 2;
     service->onQuery([&](const kvx::Question& question, kvx::Reply& reply) {
         for (int left = std::atoi(question.text.c_str()); left > 1; --left) {
@@ -25,10 +23,6 @@ int main(int argc, char** argv) {
             return;
         }
         reply.row({{"size", question.text.size()}});
-        if (question.text == "late") {
-            std::this_thread::sleep_for(2 * oldest);
-            reply.row({{"after", "that"}});
-        }
         if (question.text == "throw") throw std::runtime_error("no such thing");
         if (question.text == "throw 7") throw 7;
         if (question.text == "huge") reply.row({{"text", std::string(70U << 20U, 'x')}});

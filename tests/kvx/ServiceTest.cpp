@@ -154,15 +154,6 @@ TEST_F(ServiceTest, GivesUpAnAnswerThatIsNotTakenAndSaysSo) {
     EXPECT_EQ(row.error().message(), "query Odd: refused: the rows were not taken in time");
 }
 
-TEST_F(ServiceTest, GivesAShortAnswerHoweverLateItIsMade) {
-    ChildProcess odd(KVX_ODD_SERVICE, {"2", "60", "1000"});
-    ASSERT_EQ(odd.awaitOutput("active"), "active") << odd.errors();
-    auto client = Client::open();
-    const auto rows = client->query("Odd", "late");
-    ASSERT_TRUE(rows) << rows.error().message();
-    EXPECT_EQ(rows->size(), 2U);
-}
-
 TEST_F(ServiceTest, DoesNotCountItsOwnStandstillAgainstAQuerier) {
     ChildProcess odd(KVX_ODD_SERVICE, {"2", "2"});
     ASSERT_EQ(odd.awaitOutput("active"), "active") << odd.errors();
