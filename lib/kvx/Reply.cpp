@@ -86,17 +86,10 @@ bool Reply::State::add(const Record& record) {
         refuse(reason(kNoEncoding), STORE_PERMISSION_DENIED);
         return false;
     }
-    if (++rows_ == 1) opened_ = std::chrono::steady_clock::now();
-    const bool late = isLate();
-    if (rows_ < rowsOfBlock() && !late) return true;
+    if (++rows_ < rowsOfBlock()) return true;
     closeBlock();
-    while (blocks_.size() > (late ? 0 : kMostBlocks)) takeBlock();
+    while (blocks_.size() > kMostBlocks) takeBlock();
     return giveWay();
-}
-
-bool Reply::State::isLate() const {
-    return rows_ > 1 && answer_->isStreamed() &&
-           std::chrono::steady_clock::now() - opened_ >= kMostAge;
 }
 
 bool Reply::State::add(const Changes::Notice& notice) {

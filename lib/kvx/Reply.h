@@ -16,10 +16,9 @@ struct Question {
     std::string replySubject;  ///< the inbox of the querier
 };
 
-/// The answer to one question. Its rows leave while it is made, a hundred in a packet, or fewer
-/// when they are made slowly, if the querier takes them as they come, else when the function
-/// returns that was given it. The newest rows always wait: nothing leaves between two calls of
-/// `row`. One thread at a time.
+/// The answer to one question. Its rows leave while it is made, a hundred in a packet, when the
+/// querier takes them as they come, else when the function returns that was given it. One thread at
+/// a time.
 class KVX_API Reply {
   public:
     Reply(const Reply&) = delete;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -76,16 +75,12 @@ class Reply::State {
 
     /// Blocks that are packed while further rows are read.
     static constexpr std::size_t kMostBlocks = 2;
-    /// Rows that are made slowly leave in smaller packets.
-    static constexpr std::chrono::milliseconds kMostAge{100};
 
     /// The first rows leave early; then several packets are made and sent at a time, which costs
     /// fewer changes of thread.
     [[nodiscard]] unsigned rowsOfBlock() const {
         return sealed_ == 0 && blocks_.empty() ? VEK_TRANS_V1_RECORDS : 4 * VEK_TRANS_V1_RECORDS;
     }
-    /// Whether the rows of the open block have waited for as long as they may.
-    [[nodiscard]] bool isLate() const;
     void closeBlock();
     void takeBlock();
     void hold(std::vector<detail::PackedRows> packets, const std::optional<Stamp>& stamp);
@@ -101,10 +96,9 @@ class Reply::State {
     const std::function<void()> begun_;
 
     std::unique_ptr<CVekTransport> open_ =
-        newBlock();                                 // the rows of the block that is being filled
-    unsigned rows_ = 0;                             // in it
-    std::chrono::steady_clock::time_point opened_;  // when the first of them came
-    std::deque<std::shared_ptr<Block>> blocks_;     // being packed, oldest first
+        newBlock();                              // the rows of the block that is being filled
+    unsigned rows_ = 0;                          // in it
+    std::deque<std::shared_ptr<Block>> blocks_;  // being packed, oldest first
     std::deque<Packet> held_;  // the last one, or all of an answer that is not streamed
     std::int64_t sealed_ = 0;  // packets so far
     std::int64_t sent_ = 0;

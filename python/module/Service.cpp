@@ -4,7 +4,6 @@
 
 #include "python/module/Service.h"
 
-#include <chrono>
 #include <deque>
 #include <shared_mutex>
 #include <thread>
@@ -18,8 +17,7 @@ namespace kvx::python {
 
 namespace {
 
-constexpr std::size_t kRowsAtOnce = 100;                // as many as leave in one packet
-constexpr std::chrono::milliseconds kRowsTogether{50};  // slow ones are passed on sooner
+constexpr std::size_t kRowsAtOnce = 100;  // as many as leave in one packet
 
 // --- Questions ---------------------------------------------------------------------------------
 
@@ -72,12 +70,11 @@ py::object nextOf(const py::iterator& rows) {
 void sendRows(Reply& reply, const py::iterator& rows) {
     while (true) {
         std::vector<Record> records;
-        const auto end = std::chrono::steady_clock::now() + kRowsTogether;
-        do {
+        while (records.size() < kRowsAtOnce) {
             const py::object row = nextOf(rows);
             if (!row) break;
             records.push_back(recordOf(row, "row"));
-        } while (records.size() < kRowsAtOnce && std::chrono::steady_clock::now() < end);
+        }
         if (records.empty()) return;
         const WithoutGil withoutGil;
         for (const Record& record : records) {
