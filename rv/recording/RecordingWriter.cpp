@@ -33,7 +33,8 @@ std::uint64_t RecordingWriter::capacityFor(std::uint64_t bytes) {
 }
 
 std::uint64_t RecordingWriter::bytesFor(const Entry& entry) {
-    return headBytes(entry) + kMessageHeadBytes + partBytes(entry.subject) +
+    const bool whole = isWhole(entry.subject, entry.message, entry.messageSize);
+    return headBytes(entry) + kMessageHeadBytes + (whole ? 0 : partBytes(entry.subject)) +
            padded(entry.message.size());
 }
 

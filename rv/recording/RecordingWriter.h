@@ -31,9 +31,9 @@ struct Entry : Origin {
 /// written can be read at any time, by others and after this process was killed. One thread.
 class KVX_API RecordingWriter {
   public:
-    /// The capacity that holds those entries whose records take so many bytes in all.
+    /// The capacity that holds those entries that take so many bytes in all.
     static std::uint64_t capacityFor(std::uint64_t bytes);
-    /// What the record of an entry takes.
+    /// What an entry takes with a run of its own.
     static std::uint64_t bytesFor(const Entry& entry);
 
     /// A random one, for a recording.
@@ -53,11 +53,8 @@ class KVX_API RecordingWriter {
     /// room the beginning is kept.
     void add(SubjectView subject, std::span<const std::uint8_t> message,
              std::uint32_t size) noexcept {
-        const std::uintptr_t subjectAt = reinterpret_cast<std::uintptr_t>(subject.data()) -
-                                         reinterpret_cast<std::uintptr_t>(message.data());
-        const bool isWhole = message.size() == size && size <= mostBytes_;
-        if (isWhole && subjectAt < size && subject.length() <= size - subjectAt) {
-            addWhole(message, static_cast<std::uint32_t>(subjectAt));
+        if (isWhole(subject, message, size) && size <= mostBytes_) {
+            addWhole(message, static_cast<std::uint32_t>(placeIn(message, subject)));
         } else {
             addPart(subject, message, size);
         }
@@ -69,10 +66,20 @@ class KVX_API RecordingWriter {
     }
 
     [[nodiscard]] std::uint64_t seed() const { return seed_; }
-    /// Where the next record is, in bytes since the ring was made.
+    /// Where the next head is, in bytes since the ring was made.
     [[nodiscard]] std::uint64_t position() const { return position_; }
 
   private:
+    static std::uintptr_t placeIn(std::span<const std::uint8_t> message, SubjectView subject) {
+        return reinterpret_cast<std::uintptr_t>(subject.data()) -
+               reinterpret_cast<std::uintptr_t>(message.data());
+    }
+    // Whether it is all there, its subject within it.
+    static bool isWhole(SubjectView subject, std::span<const std::uint8_t> message,
+                        std::uint32_t size) {
+        const std::uintptr_t at = placeIn(message, subject);
+        return message.size() == size && at < size && subject.length() <= size - at;
+    }
     void addWhole(std::span<const std::uint8_t> message, std::uint32_t subjectAt) noexcept;
     void addPart(SubjectView subject, std::span<const std::uint8_t> message,
                  std::uint32_t size) noexcept;
